@@ -1,0 +1,77 @@
+# One interface target carries what every translation unit of the project is compiled with; it is
+# linked privately, so that none of it reaches a consumer of the installed libraries.
+add_library(krucomm_options INTERFACE)
+if(KRUCOMM_DEVELOPER)
+  target_compile_options(
+    krucomm_options
+    INTERFACE -Wall
+              -Wextra
+              -Wpedantic
+              -Wconversion
+              -Wsign-conversion
+              -Wshadow
+              -Wold-style-cast
+              -Wcast-align
+              -Wformat=2
+              -Werror)
+endif()
+if(KRUCOMM_SANITIZE STREQUAL "address")
+  target_compile_options(krucomm_options INTERFACE -fsanitize=address,undefined
+                                                   -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(krucomm_options INTERFACE -fsanitize=address,undefined)
+elseif(KRUCOMM_SANITIZE STREQUAL "thread")
+  target_compile_options(krucomm_options INTERFACE -fsanitize=thread -fno-omit-frame-pointer)
+  target_link_options(krucomm_options INTERFACE -fsanitize=thread)
+endif()
+if(KRUCOMM_BUILD_FUZZ)
+  # The fuzzer steers by the coverage of everything it runs, not of the harness alone.
+  # Watching every comparison as well would cost a quarter of the speed, and the protocols' words
+  # are in a dictionary.
+  target_compile_options(krucomm_options INTERFACE -fsanitize=fuzzer-no-link
+                                                   -fno-sanitize-coverage=trace-cmp)
+  target_link_options(krucomm_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+if(KRUCOMM_COVERAGE)
+  # Counters that several threads raise without care run backwards, which no report accepts.
+  target_compile_options(krucomm_options INTERFACE --coverage -O0 -fprofile-update=atomic)
+  target_link_options(krucomm_options INTERFACE --coverage)
+endif()
+
+# krucomm_add_library(<name> SOURCES <file>... LINK <target>...) builds one set of objects into the
+# shared library <name> and the static library <name>_static. The tests link the static one: they
+# also exercise internals, which the shared object hides.
+function(krucomm_add_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  add_library(${name}_objects OBJECT ${ARG_SOURCES})
+  target_include_directories(
+    ${name}_objects
+    PUBLIC "${PROJECT_SOURCE_DIR}/include"
+    PRIVATE "${PROJECT_SOURCE_DIR}")
+  target_link_libraries(${name}_objects PRIVATE krucomm_options ICU::uc)
+  # A symbol that is unique in the whole process keeps its shared object, and with it the others,
+  # loaded for ever; a host that unloads its module means all of it.
+  target_compile_options(${name}_objects PRIVATE $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
+
+  add_library(${name} SHARED $<TARGET_OBJECTS:${name}_objects>)
+  set_target_properties(
+    ${name}
+    PROPERTIES LINKER_LANGUAGE CXX
+               VERSION ${PROJECT_VERSION}
+               SOVERSION ${PROJECT_VERSION_MAJOR}
+               EXPORT_NAME ${name})
+  add_library(${name}_static STATIC $<TARGET_OBJECTS:${name}_objects>)
+  set_target_properties(${name}_static PROPERTIES LINKER_LANGUAGE CXX OUTPUT_NAME ${name}
+                                                  EXPORT_NAME ${name}_static)
+  foreach(library ${name} ${name}_static)
+    target_include_directories(
+      ${library} PUBLIC "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>"
+                        "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/krucomm>")
+    target_link_libraries(${library} PUBLIC ICU::uc PRIVATE $<BUILD_INTERFACE:krucomm_options>)
+  endforeach()
+  foreach(dependency ${ARG_LINK})
+    target_link_libraries(${name} PUBLIC ${dependency})
+    target_link_libraries(${name}_static PUBLIC ${dependency}_static)
+  endforeach()
+  add_library(krucomm::${name} ALIAS ${name})
+  add_library(krucomm::${name}_static ALIAS ${name}_static)
+endfunction()

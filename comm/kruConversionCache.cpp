@@ -1,0 +1,68 @@
+#include "comm/kruConversionCache.h"
+
+#include <array>
+#include <atomic>
+#include <mutex>
+
+#include "infra/oss/kruConverter.h"
+
+namespace tq::comm {
+
+namespace {
+
+struct Entry {
+  icu::UnicodeString text;
+  tq::oss::UTF8String utf8;
+  const Entry* next;
+};
+
+// Entries are put in front of their bucket and never move or go away, so that a reader needs no
+// more than an acquiring load to walk a bucket.
+struct Table {
+  std::array<std::atomic<const Entry*>, 256> buckets{};
+  std::mutex adding;
+};
+
+// Never destroyed: a thread of the host may still be encoding while the process ends.
+Table& table() {
+  static Table& instance = *new Table;
+  return instance;
+}
+
+std::atomic<const Entry*>& bucketOf(const icu::UnicodeString& text) noexcept {
+  const std::int32_t length = text.length();
+  // Length and three letters tell the protocol's words apart well enough; hashing all of a long
+  // text would cost more than converting it.
+  const std::uint32_t hash = static_cast<std::uint32_t>(length) * 31U + text.charAt(0) * 7U +
+                             text.charAt(length / 2) * 13U + text.charAt(length - 1);
+  return table().buckets[hash % 256];
+}
+
+const Entry* findIn(const std::atomic<const Entry*>& bucket,
+                    const icu::UnicodeString& text) noexcept {
+  const Entry* entry = bucket.load(std::memory_order_acquire);
+  while (entry != nullptr && entry->text != text) entry = entry->next;
+  return entry;
+}
+
+}  // namespace
+
+const tq::oss::UTF8String* ConversionCache::find(const icu::UnicodeString& text) noexcept {
+  const Entry* entry = findIn(bucketOf(text), text);
+  return entry != nullptr ? &entry->utf8 : nullptr;
+}
+
+void ConversionCache::add(const icu::UnicodeString& text) {
+  const std::lock_guard<std::mutex> guard(table().adding);
+  std::atomic<const Entry*>& bucket = bucketOf(text);
+  if (findIn(bucket, text) != nullptr) return;
+  const Entry* first = bucket.load(std::memory_order_relaxed);
+  bucket.store(new Entry{text, tq::oss::UTF8String(text), first}, std::memory_order_release);
+}
+
+std::uint64_t ConversionCache::lengthOf(const icu::UnicodeString& text) noexcept {
+  const tq::oss::UTF8String* cached = find(text);
+  return cached != nullptr ? cached->length() : tq::oss::Converter::utf8Length(text);
+}
+
+}  // namespace tq::comm

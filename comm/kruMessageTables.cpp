@@ -1,0 +1,150 @@
+#include "comm/kruMessageTables.h"
+
+#include "comm/kruGenRespRecord.h"
+#include "comm/kruStaticDefs.h"
+#include "infra/oss/kruConverter.h"
+
+namespace tq::comm {
+
+namespace {
+
+struct Action {
+  ClientRequest::REQUEST kind;
+  const char16_t* name;
+};
+
+constexpr Action kActions[] = {
+    {ClientRequest::CREATE_COLLECTION, u"createCollection"},
+    {ClientRequest::DROP_COLLECTION, u"deleteCollection"},
+    {ClientRequest::UPDATE_INDEX, u"updateIndex"},
+    {ClientRequest::ADD_DOCUMENT, u"addDocument"},
+    {ClientRequest::DELETE_DOCUMENT, u"deleteDocument"},
+    {ClientRequest::ASYNCH_ADD_DOCUMENT, u"asyncAddDocument"},
+    {ClientRequest::LAST_DOC_SENT, u"asyncAddDocument"},
+    {ClientRequest::OPEN_COLLECTION, u"openCollection"},
+    {ClientRequest::OPEN_COLLECTION_ALT, u"openCollection"},
+    {ClientRequest::CLOSE_COLLECTION, u"closeCollection"},
+    {ClientRequest::PARSE_RESULT, u"getParseResult"},
+    {ClientRequest::STREAM_SEARCH, u"search"},
+    {ClientRequest::SCALAR_SEARCH, u"search"},
+    {ClientRequest::SELECTIVITY, u"selectivity"},
+    {ClientRequest::GET_STATUS, u"getStatus"},
+    {ClientRequest::BACKUP, u"backup"},
+    {ClientRequest::RESTORE, u"restore"},
+    {ClientRequest::TAKEOVER, u"takeover"},
+    {ClientRequest::SHUTDOWN, u"shutdown"},
+    {ClientRequest::GET_SERVER_VERSION, u"getServerVersion"},
+    {ClientRequest::SET_CONSTRUCTOR_CONFIGURATION, u"setConstructorConfiguration"},
+    {ClientRequest::VERSIONS_VALIDATION, u"versionsValidation"},
+};
+
+// Texts that are frequent without being words of the protocol. The locale is registered in its
+// proper case although the default language is spelled otherwise.
+constexpr const char16_t* kFrequentValues[] = {u"text/plain", u"UTF-8", u"en_US", u"en", u"en-us"};
+
+void registerFrequentTexts() {
+  for (const char16_t* value : kFrequentValues) GenRespRecord::AddStringToConversionCache(value);
+  const icu::UnicodeString* const words[] = {
+      &StaticDefs::PARAM_COLLECTION_ID,
+      &StaticDefs::PARAM_DOCUMENT_ID,
+      &StaticDefs::PARAM_ROWID,
+      &StaticDefs::PARAM_DOCDATA,
+      &StaticDefs::PARAM_DISPLAY_NAME,
+      &StaticDefs::PARAM_COLLECTION_DIR,
+      &StaticDefs::PARAM_COLLECTION_NAME,
+      &StaticDefs::PARAM_ACTION,
+      &StaticDefs::PARAM_ACTION_TYPE,
+      &StaticDefs::PARAM_CONN_PERSIST,
+      &StaticDefs::PARAM_DOCING_USEQUEUE,
+      &StaticDefs::PARAM_SEARCH_MODE,
+      &StaticDefs::PARAM_RESP_FORMAT,
+      &StaticDefs::PARAM_AUTHENTICATION_TOKEN,
+      &StaticDefs::PARAM_AUTHENTICATION,
+      &StaticDefs::PARAM_DOCUMENT_TYPE,
+      &StaticDefs::PARAM_KNOWN_DOCUMENT_TYPE,
+      &StaticDefs::PARAM_OPCODE,
+      &StaticDefs::PARAM_SCOPE,
+      &StaticDefs::PARAM_COL_CONFIG,
+      &StaticDefs::PARAM_COL_DATA,
+      &StaticDefs::PARAM_INCREMENTAL,
+      &StaticDefs::PARAM_CHECK_VER,
+      &StaticDefs::PARAM_DB_NAME,
+      &StaticDefs::PARAM_TAB_NAME,
+      &StaticDefs::PARAM_TAB_UID,
+      &StaticDefs::PARAM_TAB_PASSWORD,
+      &StaticDefs::PARAM_DB_HOST,
+      &StaticDefs::PARAM_DB_PORT,
+      &StaticDefs::PARAM_PROTO_VER,
+      &StaticDefs::PROTO_VERSION,
+      &StaticDefs::PARAM_START_OFFSET,
+      &StaticDefs::PARAM_SEARCH_SIZE,
+      &StaticDefs::PARAM_QUERY,
+      &StaticDefs::PARAM_MIME_TYPE,
+      &StaticDefs::PARAM_LANGUAGE,
+      &StaticDefs::PARAM_FALLBACK_LANGUAGE,
+      &StaticDefs::PARAM_KNOWN_LANGUAGE,
+      &StaticDefs::PARAM_CHARSET,
+      &StaticDefs::PARAM_KNOWN_CHARSET,
+      &StaticDefs::PARAM_KNOWN_CHARSET_UTF8,
+      &StaticDefs::PARAM_DATA_SOURCE_TYPE,
+      &StaticDefs::PARAM_DATA_SOURCE_NAME,
+      &StaticDefs::PARAM_CLIENT_LOCALE,
+      &StaticDefs::PARAM_QUERY_LANGUAGE,
+      &StaticDefs::PARAM_DEFAULT_LANGUAGE,
+      &StaticDefs::PARAM_SCORE_TYPE,
+      &StaticDefs::PARAM_RESULT_LIMIT,
+      &StaticDefs::PARAM_SCORE_WANTED,
+      &StaticDefs::PARAM_SEARCH_MODE_SCALAR,
+      &StaticDefs::PARAM_SEARCH_MODE_STREAMING,
+      &StaticDefs::PARAM_SEARCH_MODE_SELECTIVITY,
+      &StaticDefs::PARAM_RESP_FORMAT_RDX,
+      &StaticDefs::PARAM_AUTH_BASIC,
+      &StaticDefs::PARAM_COLLECTION_SCOPE,
+      &StaticDefs::PARAM_SYSTEM_SCOPE,
+  };
+  for (const icu::UnicodeString* word : words) GenRespRecord::AddStringToConversionCache(*word);
+}
+
+}  // namespace
+
+const MessageTables& MessageTables::ensure() {
+  // Never destroyed: a thread of the host may still be encoding while the process ends.
+  static MessageTables& instance = *new MessageTables;
+  if (!instance.filled_.load(std::memory_order_acquire)) instance.fillOnce();
+  return instance;
+}
+
+void MessageTables::fillOnce() {
+  const std::lock_guard<std::recursive_mutex> guard(filling_);
+  if (mapsInitialized_) return;
+  // Set before the filling, which may lead back here on this thread; other threads wait for the
+  // lock and never see the tables half filled.
+  mapsInitialized_ = true;
+  try {
+    fill();
+  } catch (...) {
+    mapsInitialized_ = false;
+    throw;
+  }
+  filled_.store(true, std::memory_order_release);
+}
+
+void MessageTables::fill() {
+  fillActions();
+  registerFrequentTexts();
+  utf8RowId_ = tq::oss::Converter::toUTF8(StaticDefs::PARAM_ROWID);
+  utf8DocData_ = tq::oss::Converter::toUTF8(StaticDefs::PARAM_DOCDATA);
+}
+
+void MessageTables::fillActions() {
+  for (const Action& action : kActions) {
+    actionMap_[static_cast<std::size_t>(action.kind)] = icu::UnicodeString(action.name);
+  }
+}
+
+const icu::UnicodeString& MessageTables::actionOf(ClientRequest::REQUEST kind) const noexcept {
+  const auto number = static_cast<std::size_t>(static_cast<unsigned int>(kind));
+  return number < actionMap_.size() ? actionMap_[number] : actionMap_[0];
+}
+
+}  // namespace tq::comm

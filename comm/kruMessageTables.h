@@ -1,0 +1,48 @@
+#pragma once
+
+#include <unicode/unistr.h>
+
+#include <array>
+#include <atomic>
+#include <mutex>
+#include <string>
+
+#include "comm/kruClientRequest.h"
+
+namespace tq::comm {
+
+/// What all messages of the process share: the actions of the kinds and the UTF-8 forms of two
+/// tags. Filled once, by whichever thread comes first, together with the conversion cache; read
+/// without a lock afterwards, for the life of the process.
+class MessageTables {
+ public:
+  /// The filled tables. A call that comes out of the filling itself, as the host's trace facility
+  /// may make one, returns at once instead of waiting for itself.
+  static const MessageTables& ensure();
+
+  /// Empty for a kind that has no action.
+  const icu::UnicodeString& actionOf(ClientRequest::REQUEST kind) const noexcept;
+  const std::string& utf8RowId() const noexcept { return utf8RowId_; }
+  const std::string& utf8DocData() const noexcept { return utf8DocData_; }
+
+  MessageTables(const MessageTables&) = delete;
+  MessageTables& operator=(const MessageTables&) = delete;
+
+ private:
+  MessageTables() = default;
+
+  void fillOnce();
+  void fill();
+  void fillActions();
+
+  std::atomic<bool> filled_{false};
+  std::recursive_mutex filling_;
+  // Guarded by filling_.
+  bool mapsInitialized_ = false;
+
+  std::array<icu::UnicodeString, ClientRequest::VERSIONS_VALIDATION + 1> actionMap_;
+  std::string utf8RowId_;
+  std::string utf8DocData_;
+};
+
+}  // namespace tq::comm

@@ -1,0 +1,47 @@
+#include "comm/kruRaise.h"
+
+#include "comm/kruRESTException.h"
+#include "infra/oss/kruMessageList.h"
+
+namespace tq::comm {
+
+namespace {
+
+tq::oss::Message messageOf(const icu::UnicodeString& id, const char* file, unsigned long line) {
+  tq::oss::Message message;
+  message.setMessageId(id);
+  message.setFileName(file);
+  message.setLineNumber(line);
+  return message;
+}
+
+[[noreturn]] void throwWith(const tq::oss::Message& message) {
+  tq::oss::MessageList messages;
+  messages.add(message);
+  throw RESTException(messages);
+}
+
+}  // namespace
+
+void raise(const icu::UnicodeString& id, const char* file, unsigned long line) {
+  throwWith(messageOf(id, file, line));
+}
+
+void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
+           const icu::UnicodeString& argument) {
+  tq::oss::Message message = messageOf(id, file, line);
+  message.addArgument(argument);
+  throwWith(message);
+}
+
+void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
+           const icu::UnicodeString& host, unsigned int port) {
+  tq::oss::Message message = messageOf(id, file, line);
+  message.addArgument(host);
+  message.addArgument(static_cast<unsigned long>(port));
+  throwWith(message);
+}
+
+void rethrow(const tq::oss::MessageList& messages) { throw RESTException(messages); }
+
+}  // namespace tq::comm

@@ -1,0 +1,114 @@
+#pragma once
+
+#include <unicode/unistr.h>
+
+#include <list>
+
+#include "comm/kruKVPair.h"
+#include "infra/oss/kruExport.h"
+#include "infra/util/kruExtendedProperties.h"
+
+namespace tq::comm {
+
+/// One request to the search server: its kind, its named parameters and, where it carries one, a
+/// document. Build it once with `buildRequest`, optionally add `setDocKey` and `setContent`, then
+/// hand it to a client. One object serves one thread at a time; different objects need no locking.
+///
+/// The request copies texts and metadata but never the document's key and content bytes: they stay
+/// the caller's and must live until the request has been sent.
+///
+/// No operation reports an error; running out of memory while copying throws std::bad_alloc.
+class KRU_EXPORT ClientRequest {
+ public:
+  /// The request kinds. 0, 6 and 7 are unassigned; 64 is the first value that no set of kinds
+  /// holds.
+  enum REQUEST : int {
+    CREATE_COLLECTION = 1,
+    DROP_COLLECTION = 2,
+    ADD_DOCUMENT = 3,
+    UPDATE_INDEX = 4,
+    DELETE_DOCUMENT = 5,
+    STREAM_SEARCH = 8,
+    ASYNCH_ADD_DOCUMENT = 9,
+    LAST_DOC_SENT = 10,
+    PARSE_RESULT = 11,
+    OPEN_COLLECTION = 12,
+    CLOSE_COLLECTION = 13,
+    SELECTIVITY = 14,
+    GET_STATUS = 15,
+    BACKUP = 16,
+    RESTORE = 17,
+    TAKEOVER = 18,
+    SHUTDOWN = 19,
+    SCALAR_SEARCH = 20,
+    OPEN_COLLECTION_ALT = 21,
+    GET_SERVER_VERSION = 22,
+    SET_CONSTRUCTOR_CONFIGURATION = 23,
+    VERSIONS_VALIDATION = 24
+  };
+
+  /// Everything empty, null or 0; the kind has no meaning until `buildRequest` sets it.
+  ClientRequest();
+
+  /// A request that names no collection. Replaces kind and properties, empties the collection id,
+  /// and puts "ver" over whatever the caller had there. Neither "index" nor "mode" is put.
+  void buildRequest(REQUEST kind, const tq::util::ExtendedProperties& props);
+
+  /// A request to one collection: as above, and puts "index" = the collection id and, for the three
+  /// kinds of search, their "mode". A text with CR, LF or NUL would write a header line of its own:
+  /// whoever takes property texts from a person refuses such a text first.
+  void buildRequest(const icu::UnicodeString& collectionId, REQUEST kind,
+                    const tq::util::ExtendedProperties& props);
+
+  /// Sets the display name from the kind; a kind that has none leaves it as it was.
+  void setRequestString();
+  icu::UnicodeString getRequestString() const { return requestString_; }
+
+  REQUEST getRequest() const { return request_; }
+  icu::UnicodeString getCollectionId() const { return collectionId_; }
+
+  /// The request's own property set; changes show in messages that are built later.
+  tq::util::ExtendedProperties& getReqProperties() { return properties_; }
+  const tq::util::ExtendedProperties& getReqProperties() const { return properties_; }
+
+  /// The request's own metadata list, in insertion order.
+  std::list<KVPair>& getMetadata() { return metadata_; }
+  const std::list<KVPair>& getMetadata() const { return metadata_; }
+
+  /// Copies the metadata element by element (the request's own list is left as it is) and stores
+  /// the content. `content` is not copied; `length` is in bytes.
+  void setContent(const std::list<KVPair>& metadata, const char* content, unsigned int length);
+  /// Stores the content only; the metadata stays.
+  void setContent(const char* content, unsigned int length);
+  virtual const char* getContent() const { return content_; }
+  unsigned int getContentLength() const { return contentLength_; }
+
+  /// Stores the document key, which is not copied; `length` is in bytes and not checked against
+  /// StaticDefs::MAX_KEY_LENGTH. A key needs at least one metadata pair: clients refuse to send a
+  /// key without any.
+  void setDocKey(const char* key, unsigned int length);
+  /// The key, or null; its length is written to `length`.
+  virtual const char* getDocKey(unsigned int& length) const;
+  unsigned int getDocKeyLen() const { return docKeyLength_; }
+
+  /// Does nothing.
+  void print() const {}
+
+ private:
+  void replaceProperties(const tq::util::ExtendedProperties& props);
+
+  REQUEST request_{};
+  icu::UnicodeString requestString_;
+  tq::util::ExtendedProperties properties_;
+
+  // The caller's bytes.
+  const char* content_ = nullptr;
+  const char* docKey_ = nullptr;
+  unsigned int contentLength_ = 0;
+  unsigned int docKeyLength_ = 0;
+
+  icu::UnicodeString collectionId_;
+  std::list<KVPair> metadata_;
+};
+
+}  // namespace tq::comm

@@ -1,0 +1,101 @@
+#pragma once
+
+#include <unicode/unistr.h>
+
+#include "comm/kruClientRequest.h"
+#include "comm/kruParseResponse.h"
+#include "comm/kruSearchResponse.h"
+#include "comm/kruSelectivityInfo.h"
+#include "infra/oss/kruUTF8String.h"
+
+namespace tq::comm {
+
+class CorvaneClient;
+
+/// What one request brought: the outcome, the server's status, and the typed results. A client's
+/// exchange fills it; for kinds whose results stream, the two pulling operations fetch the further
+/// portions over the same client. One object serves one request and one thread at a time; different
+/// objects need no locking.
+class KRU_EXPORT ClientResponse {
+ public:
+  /// Empty, with return code -1: a response that no reply has filled is not a success.
+  ClientResponse();
+  ClientResponse(const icu::UnicodeString& text, int code);
+
+  /// True exactly when the return code is 0.
+  bool success() const { return returnCode_ == 0; }
+  int getReturnCode() const { return returnCode_; }
+  void setReturnCode(int code) { returnCode_ = code; }
+
+  /// The server's status, filled by GET_STATUS.
+  unsigned int getStatusCode() const { return statusCode_; }
+  void setGetStatusCode(unsigned int code) { statusCode_ = code; }
+  void setStatusMessage(const tq::oss::Message& message);
+  tq::oss::Message getStatusMessage() const { return statusMessage_; }
+
+  /// Plain content, such as the server's version.
+  const icu::UnicodeString& getContent() const { return content_; }
+  void setContent(const icu::UnicodeString& content) { content_ = content; }
+
+  /// Kept for the caller; the library only sets the text that the constructor is given.
+  icu::UnicodeString& getText() { return text_; }
+  const icu::UnicodeString& getText() const { return text_; }
+  tq::oss::UTF8String& getUtf8Buffer() { return utf8Buffer_; }
+  void initId() { identified_ = false; }
+
+  /// Each appends a copy and raises the result count by one.
+  void addSearchResult(const SearchResult& result);
+  void addParseResult(const ParseResult& result);
+  void setSearchResponse(const SearchResponse& response);
+  void setParseResponse(const ParseResponse& response);
+  void setSelectivityInfo(const SelectivityInfo& info);
+
+  /// Results added since the last receive.
+  int getResultCount() const { return resultCount_; }
+  /// For a client that starts receiving.
+  void resetResultCount() { resultCount_ = 0; }
+
+  /// When set, the next pulling operation returns what is held without receiving. Every getter of
+  /// the search or parse results clears it, these two included.
+  void setResultsBuffered(bool buffered) { resultsBuffered_ = buffered; }
+  SearchResponse& getSearchResponse();
+  ParseResponse& getParseResponse();
+  SelectivityInfo& getSelectivityInfo() { return selectivity_; }
+
+  /// The search results after receiving over `client`, unless they are marked as buffered.
+  /// Not `streaming`: exactly one receive, which replaces the portion held. `streaming`: receives
+  /// while no hit is left to take and the stream has not ended, which is tested before the first
+  /// receive; a list whose hits have all been taken is emptied before the next portion. Throws
+  /// RESTException: what the client's `recv` throws, or ERR_INVALID_STATE when the client speaks no
+  /// protocol.
+  SearchResponse& getSearchResponse(CorvaneClient& client, bool streaming);
+  /// The same for parse results, always in the streaming form.
+  ParseResponse& getParseResponse(CorvaneClient& client);
+
+  /// How a kind's reply is shaped; a kind below 0 or from 64 on only requires a reply.
+  static bool isMultiResp(ClientRequest::REQUEST kind);
+  static bool isStreaming(ClientRequest::REQUEST kind);
+  static bool isRespReqd(ClientRequest::REQUEST kind);
+  static bool resultsExpected(ClientRequest::REQUEST kind);
+
+ private:
+  int resultCount_ = 0;
+  icu::UnicodeString text_;
+  tq::oss::UTF8String utf8Buffer_;
+
+  // Outcome.
+  int returnCode_ = -1;
+  unsigned int statusCode_ = 0;
+  tq::oss::Message statusMessage_;
+
+  // Typed results.
+  SearchResponse searchResponse_;
+  SelectivityInfo selectivity_{false};
+  ParseResponse parseResponse_;
+
+  bool identified_ = false;
+  bool resultsBuffered_ = false;
+  icu::UnicodeString content_;
+};
+
+}  // namespace tq::comm

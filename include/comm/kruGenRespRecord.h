@@ -1,0 +1,110 @@
+#pragma once
+
+#include <unicode/unistr.h>
+
+#include <memory>
+
+#include "infra/oss/kruExport.h"
+
+namespace tq::oss {
+class Message;
+}
+namespace tq::util {
+class ExtendedProperties;
+}
+
+namespace tq::comm {
+
+struct KVPair;
+
+/// The base of every result: the codec of the server's records, with the set of properties that a
+/// parsed record fills. One object serves one thread at a time; different objects need no locking.
+///
+/// Integers are big-endian, texts are UTF-8 without a terminating zero; a text that holds a zero
+/// byte ends there. A field is
+///   32-bit form: 4-byte key length (two top bits ignored), key, 4-byte value length (two top bits
+///                are a type tag without effect), value;
+///   16-bit form: 2-byte key length, key, 2-byte value length, value.
+///
+/// The codec checks no bounds: every byte that the lengths announce must be readable. A field that
+/// runs past the given length is read whole all the same, and the returned count then exceeds the
+/// length. Whoever decodes bytes from outside checks them first.
+class KRU_EXPORT GenRespRecord {
+ public:
+  /// With an empty property set, or with none.
+  explicit GenRespRecord(bool withProperties);
+  GenRespRecord();
+
+  /// Parses one 16-bit-form record into the property set and calls `reset()`; returns the bytes
+  /// consumed. `recordType` is not used here. A record of length 0 has no fields.
+  virtual int parseRecordNew(const char* buf, unsigned short len, unsigned short recordType);
+  /// Takes the parsed properties into the members of the derived class.
+  virtual void reset() = 0;
+  virtual ~GenRespRecord();
+
+  /// Parses one 32-bit-form record into the property set and calls `reset()`; returns the bytes
+  /// consumed. A record without a property set gets one.
+  int parseRecord(const char* buf, unsigned int len);
+  /// The same into `props`, without `reset()`.
+  int parseRecordIntoProps(const char* buf, unsigned int len, tq::util::ExtendedProperties* props);
+  /// Reads the key of the field at `p`; `size` becomes 4 + its length in bytes. Returns the type
+  /// tag of the value behind it.
+  int parseKeyField(const char* p, icu::UnicodeString& key, int& size);
+  /// Reads the value at `p`; `size` becomes 4 + its length in bytes.
+  icu::UnicodeString getStringValue(const char* p, int& size);
+  /// Reads 4 bytes at `buf + pos` and advances `pos` by 4.
+  int getInt(const char* buf, int& pos);
+
+  /// The 16-bit form of `parseRecordIntoProps`.
+  int parseRecordIntoPropsNew(const char* buf, unsigned short len,
+                              tq::util::ExtendedProperties* props);
+  /// Reads the key at `p + pos` and advances `pos` over it; returns 0.
+  int parseKeyFieldNew(const char* p, icu::UnicodeString& key, int& pos);
+  /// Reads the value at `p + pos` and advances `pos` over it.
+  icu::UnicodeString getStringValueNew(const char* p, int& pos);
+  /// Reads 2 bytes at `buf + pos` and advances `pos` by 2.
+  unsigned short getShort(const char* buf, int& pos);
+
+  /// Fills `msg` from the properties "MsgId" and "MsgText": id, text, and the level that the id's
+  /// last letter gives (4 for W, 8 for I, 1 for S, else 2) when it begins with "ZVK", else 2.
+  /// Returns false and leaves `msg` alone when the id is empty. Throws tq::oss::NLSException naming
+  /// the property when "MsgId" is missing and `required`, or when an id comes without "MsgText".
+  bool parseMessage(tq::oss::Message& msg, bool required);
+
+  /// The property set, owned by the record, or null.
+  tq::util::ExtendedProperties* getProperties() const { return properties_.get(); }
+
+  /// Writes a metadata pair to `out` and sets `written` to its length in bytes:
+  ///   4-byte key length, key, 4-byte value length, value, 4-byte second attribute if it is not 0.
+  /// Lengths are masked with 0x3FFFFFFF, the key's with 0x7FFFFFFF when there is an attribute; no
+  /// flag bit is set.
+  static void serializeKVPair(char* out, const KVPair& pair, unsigned int& written);
+  /// 8 bytes more than `serializeKVPair` writes; meant for sizing buffers.
+  static int getSerializeKVPairLength(const KVPair& pair);
+  /// The length of `s` in UTF-8 bytes, plus 4.
+  static int getNumberOfBytesOfSerialized(const icu::UnicodeString& s);
+
+  /// Keeps the UTF-8 form of a frequent text for the life of the process. Meant for start-up; safe
+  /// from any thread, and readers never wait for it.
+  static void AddStringToConversionCache(const icu::UnicodeString& s);
+
+ protected:
+  /// A copy has no property set of its own, and assignment leaves the target's alone: what a result
+  /// keeps of a record stands in its members.
+  GenRespRecord(const GenRespRecord&);
+  GenRespRecord& operator=(const GenRespRecord&);
+
+  /// Drops the property set and, when asked, begins a new one.
+  void init(bool withProperties);
+
+  /// When set, a record that is parsed begins with an empty property set, so that nothing of the
+  /// record before shows through.
+  bool forgetsPreviousRecord_ = false;
+
+ private:
+  tq::util::ExtendedProperties& ownProperties();
+
+  std::unique_ptr<tq::util::ExtendedProperties> properties_;
+};
+
+}  // namespace tq::comm

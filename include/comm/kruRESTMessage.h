@@ -1,0 +1,125 @@
+#pragma once
+
+#include <unicode/unistr.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <list>
+
+#include "comm/kruClientRequest.h"
+#include "infra/oss/kruSizeableBuffer.h"
+
+namespace tq::comm {
+
+/// The bytes of one request. A client sends, in this order: the header text; then, for every kind
+/// but LAST_DOC_SENT and only when the prefix is not empty, the prefix and the content; for
+/// LAST_DOC_SENT the terminate record instead of both. One object serves one thread at a time;
+/// different objects need no locking, from the first one on.
+///
+/// The properties are copied at construction. The content is not: it must live until it is sent.
+///
+/// Header text: one line per property in code-unit order of the names, each name, ": ", value and a
+/// line feed alone; CR LF ends the block. Nothing is escaped. "authToken" is written as
+/// "Authorization", in authToken's place of the order.
+///
+/// Document block (integers are 32-bit, big-endian; "masked" clears the two highest bits):
+///   0, T = bytes that follow T (content included, not masked), the metadata pairs in list order,
+///   masked 5, "rowId", masked key length, key; then, when there is content, masked 4, "data",
+///   masked content length, content.
+/// The prefix is that block without the content; the header "Content-Length  " carries T + 8.
+/// Metadata and content without a key are not sent. The terminate record is eight zero bytes.
+///
+/// Operations that build text or bytes throw tq::oss::NLSException "TQ_ERR_OUT_OF_MEMORY" when a
+/// buffer cannot grow.
+class KRU_EXPORT RESTMessage {
+ public:
+  RESTMessage(const icu::UnicodeString& host, ClientRequest& request);
+  RESTMessage(const RESTMessage&) = delete;
+  RESTMessage& operator=(const RESTMessage&) = delete;
+
+  /// Fills the process-wide tables that all messages share. The first message does it; calling it
+  /// at start-up moves the cost there. Safe from any thread; later calls return at once.
+  static void initUrls();
+
+  /// Makes this the message of another request.
+  void initMessage(ClientRequest& request);
+
+  /// The action of a kind; empty for a kind that has none, for which no action line is put.
+  static icu::UnicodeString getAction(ClientRequest::REQUEST kind);
+  /// The action type of a kind, "unknown" where the kind has none.
+  static icu::UnicodeString getActionType(ClientRequest::REQUEST kind);
+
+  /// The properties as header lines, or as a query string ("?name=value&name=value").
+  icu::UnicodeString getParamString(bool asHeaders) const;
+
+  /// Puts "action" (where the kind has one) and "actionType" into the message's properties and
+  /// appends the header text to `out`.
+  void buildProtocolMsg(icu::UnicodeString& out, ClientRequest::REQUEST kind);
+
+  /// The zero-terminated UTF-8 header text; valid until the next call or the message's end.
+  char* getSerializedHeader();
+
+  /// The bytes in front of the content, and how many. Never null; valid until `initMessage`.
+  const char* getMsgPrefix() const { return prefixBuffer_.data(); }
+  unsigned int getMsgPrefixLen() const { return prefixLength_; }
+
+  /// The caller's content and its length in bytes.
+  virtual const char* getMsgBody() const { return body_; }
+  unsigned int getMsgBodyLength() const { return bodyLength_; }
+
+  /// The terminate record and its length in bytes; meaningful for LAST_DOC_SENT only.
+  const char* getTerminateRecord(unsigned int& length) const;
+  /// Writes the terminate record into this message.
+  void serializeTermRecord();
+
+  ClientRequest::REQUEST getRequest() const { return request_; }
+  const icu::UnicodeString& getHost() const { return host_; }
+
+  /// An upper bound of the block in bytes, content included: 8 bytes a pair more than
+  /// `serializeMetadata` reports. 0 for an empty list.
+  std::uint64_t getSerializeMetadataLength(const std::list<KVPair>& metadata, const char* key,
+                                           unsigned int keyLength) const;
+  /// Writes the block without the content to `out`, which must hold the length above without the
+  /// content, and returns the block's length in bytes with the content. An empty list writes
+  /// nothing and returns 0, although there is a key.
+  std::uint64_t serializeMetadata(char* out, const std::list<KVPair>& metadata, const char* key,
+                                  unsigned int keyLength) const;
+
+  /// Appends the Base64 form of `in`'s UTF-8 bytes to `out`.
+  static void toB64(const icu::UnicodeString& in, icu::UnicodeString& out);
+
+ private:
+  // A property that the message adds stands beside the copied ones and is merged in on output.
+  struct Added {
+    const icu::UnicodeString* name;
+    const icu::UnicodeString* value;
+  };
+
+  void initPrefix(ClientRequest& request);
+  void makeHeaderRoom();
+  void putActionProperties(ClientRequest::REQUEST kind);
+  template <typename Emit>
+  void forEachProperty(Emit emit) const;
+
+  tq::oss::SizeableBuffer<char, 16384> headerBuffer_;
+  ClientRequest::REQUEST request_{};
+  tq::util::ExtendedProperties properties_;
+  icu::UnicodeString lengthText_;
+  const icu::UnicodeString* action_ = nullptr;
+  const icu::UnicodeString* actionType_ = nullptr;
+  tq::oss::SizeableBuffer<char, 16384> prefixBuffer_;
+  tq::oss::SizeableBuffer<char, 512> termRecordBuffer_;
+  unsigned int prefixLength_ = 0;
+  unsigned int termRecordLength_ = 0;
+
+  // The caller's bytes.
+  const char* body_ = nullptr;
+  unsigned int bodyLength_ = 0;
+
+  icu::UnicodeString host_;
+};
+
+/// Appends the decimal digits of `n`, without sign or leading zeros.
+KRU_EXPORT void convertNumberToString(icu::UnicodeString& out, unsigned int n);
+
+}  // namespace tq::comm

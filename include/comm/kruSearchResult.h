@@ -1,0 +1,72 @@
+#pragma once
+
+#include <unicode/unistr.h>
+
+#include <memory>
+
+#include "comm/kruGenRespRecord.h"
+
+namespace tq::comm {
+
+/// One hit of a search: a document and its score. One object serves one thread at a time; different
+/// objects need no locking, copies of each other included.
+///
+/// Key bytes that a result made itself are shared by its copies and live until the last of them
+/// lets go, so a copy's key stays readable after the original's `freeKey()`.
+class KRU_EXPORT SearchResult : public GenRespRecord {
+ public:
+  explicit SearchResult(bool withProperties);
+  /// Copies score and document id, shares the key; the copy has no property set.
+  SearchResult(const SearchResult& other);
+  SearchResult& operator=(const SearchResult& other);
+  ~SearchResult() override;
+
+  /// Parses a compact hit: for record type 5 a 2-byte score (thousandths, so 0.000 to 65.535), then
+  /// the raw key up to `len`. Any other type has no score and leaves the score as it was. A hit too
+  /// short for its score has an empty key. Returns 0, not the bytes consumed; `reset()` is not
+  /// called.
+  int parseRecordNew(const char* buf, unsigned short len, unsigned short recordType) override;
+
+  /// Takes the hit from the properties: document id = "URI" (required, tq::oss::NLSException when
+  /// missing), no key, score = "SCORE" or 0.0.
+  void reset() override;
+
+  /// Relevance; 0.0 when none was sent.
+  double getScore() const { return score_; }
+  /// The document as text; "base64:" and the key's Base64 for a hit that came as a raw key. Valid
+  /// until the result is changed or ends.
+  const icu::UnicodeString& getDocId() const;
+
+  /// Copies `len` bytes and makes them the key. Frees nothing: copies made before keep theirs.
+  void setKey(const char* bytes, unsigned int len);
+  /// Makes the caller's bytes the key without copying them; they must outlive every use of it.
+  void copyKey(const char* bytes, unsigned int len);
+  /// Lets go of the key: `getKey()` is null afterwards. Copies keep theirs, as does the document
+  /// id.
+  void freeKey();
+  /// The raw key or null, and its length in bytes.
+  const char* getKey() const { return key_; }
+  unsigned int getKeyLen() const { return keyLength_; }
+
+  /// Sets `out` to "base64:" and the Base64 form of the key.
+  static void docIdToB64(const char* key, unsigned int len, icu::UnicodeString& out);
+
+ private:
+  void settleDocId() const;
+  char* reserve(unsigned int len);
+
+  double score_ = 0.0;
+  mutable icu::UnicodeString docId_;
+  const char* key_ = nullptr;
+  unsigned int keyLength_ = 0;
+
+  // Room for keys. Copies share the block for reading; only the result that made it fills it.
+  unsigned int used_ = 0;
+  unsigned int capacity_ = 0;
+  std::shared_ptr<char[]> block_;
+
+  // The key whose text form nobody has asked for yet, or null.
+  mutable const char* pendingId_ = nullptr;
+};
+
+}  // namespace tq::comm

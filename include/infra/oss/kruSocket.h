@@ -1,0 +1,128 @@
+#pragma once
+
+#include <unicode/unistr.h>
+
+#include <cstdint>
+#include <list>
+#include <memory>
+
+#include "infra/oss/kruExport.h"
+
+namespace tq::oss {
+
+class Connection;
+
+/// A TCP connection to a server, with a receive buffer in user space, so that reading in small
+/// portions does not cost a system call each.
+///
+/// Copies share one connection and its buffer; the last one closes it. One connection serves one
+/// thread at a time; different connections need no locking.
+///
+/// ALL TIME-OUTS ARE IN MILLISECONDS. A deadline is a point on `monotonicNanos()`, in nanoseconds.
+///
+/// Failures are thrown as `SocketException`, with the system's error text and number; the end of a
+/// permitted wait as `SocketTimeoutException`. No call raises SIGPIPE or fails because a signal
+/// arrived; descriptors are not inherited by programs that the process starts.
+class KRU_EXPORT Socket {
+ public:
+  /// Addresses that were resolved beforehand: a plain value of fixed size.
+  // NOLINTNEXTLINE(bugprone-reserved-identifier): callers know the class by this name
+  class KRU_EXPORT _AddrInfoExternal {
+   public:
+    static constexpr unsigned int kCapacity = 16;
+
+    constexpr _AddrInfoExternal() = default;
+
+    /// Asks the resolver, however long that takes; keeps the first 16 addresses, in its order.
+    /// Throws `SocketException` when there is none.
+    static _AddrInfoExternal resolve(const icu::UnicodeString& host, unsigned int port);
+
+    /// Adds an IPv4 or IPv6 address in digits; port 0 stands for the port given to `connect`. False
+    /// when the host is no such address, the port is above 65535, or there is no room.
+    bool add(const icu::UnicodeString& numericHost, unsigned int port);
+
+    unsigned int size() const noexcept { return size_; }
+
+   private:
+    friend class Connection;
+
+    struct Entry {
+      alignas(4) unsigned char bytes[28] = {};
+      std::uint32_t length = 0;
+    };
+
+    void append(const void* address, std::uint32_t length) noexcept;
+
+    Entry entries_[kCapacity] = {};
+    std::uint32_t size_ = 0;
+  };
+
+  /// Empty: `connect` resolves the host by its name.
+  static const _AddrInfoExternal NullAddrInfoExternal;
+
+  /// Not connected.
+  Socket();
+  Socket(const Socket& other);
+  Socket& operator=(const Socket& other);
+  ~Socket();
+
+  /// Closes what is open, then tries the given addresses, or all those of the host, in their order,
+  /// until one accepts. The time-out holds for all of them together (each gets an equal share of
+  /// what is left); null means none. Resolving a name is the resolver's business and cannot be cut
+  /// short. After a failure the socket is not connected.
+  void connect(const icu::UnicodeString& host, unsigned int port,
+               const _AddrInfoExternal& addresses, const unsigned long* timeoutMillis);
+
+  /// Waits until `length` bytes have arrived or the peer has closed or reset, copies them to
+  /// `buffer + offset` and LEAVES them in the socket: the next read sees them again. Returns how
+  /// many; fewer than `length` only at the connection's end, 0 only when the peer has closed and
+  /// nothing is left. A reset is thrown once nothing is left. A length of 0 returns 0 at once.
+  unsigned long read(char* buffer, unsigned long offset, unsigned long length);
+
+  /// Waits for at least one byte and TAKES up to `length`; otherwise like `read`. When fewer than
+  /// `length` bytes had arrived before, one more look that does not wait is taken.
+  unsigned long readOnce(char* buffer, unsigned long offset, unsigned long length);
+
+  /// Returns when every byte is with the kernel.
+  void write(const char* data, unsigned long offset, unsigned long length);
+
+  struct Piece {
+    const char* data;
+    unsigned long length;
+  };
+  /// The same for pieces that belong together, which leave in one call where the kernel has room.
+  void write(const Piece* pieces, unsigned int count);
+
+  /// Puts bytes in front of those that the next read gives.
+  void pushBack(const char* data, unsigned long length);
+
+  /// Bytes that can be read without a system call.
+  unsigned long buffered() const noexcept;
+
+  enum class Look { Quiet, Data, Closed };
+  /// Looks, without waiting, whether bytes have arrived or the peer has closed. What arrives is
+  /// kept for the next read; a reset, or a socket that is not connected, counts as closed.
+  Look look();
+
+  /// Between a successful `connect` and the next `close`, whatever the peer has done since.
+  bool isOpen() const noexcept;
+
+  /// Does nothing when not connected. The socket is closed afterwards even if this throws.
+  void close();
+
+  /// Every wait of the operations above ends at this time with `SocketTimeoutException`; 0 means
+  /// no deadline. Bytes that arrived before stay in the buffer. Holds until it is set again.
+  void setDeadline(std::uint64_t monotonicNanos) noexcept;
+
+  /// Waits until a socket of the lists can be read, written, or has urgent data; null means without
+  /// limit. A reader with buffered bytes, or whose peer was seen to close, is ready at once. Leaves
+  /// the ready sockets in the lists and returns their number; 0 after the time-out, and at once
+  /// when the lists are empty. Throws when a socket is not connected. Deadlines play no part here.
+  static int select(std::list<Socket>& readers, std::list<Socket>& writers,
+                    std::list<Socket>& excepts, const unsigned long* timeoutMillis);
+
+ private:
+  std::shared_ptr<Connection> connection_;
+};
+
+}  // namespace tq::oss

@@ -1,0 +1,91 @@
+#include "infra/oss/kruConnecting.h"
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "infra/oss/kruClock.h"
+#include "infra/oss/kruSystemCalls.h"
+#include "infra/oss/kruWaiting.h"
+
+namespace tq::oss {
+
+namespace {
+
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) noexcept : fd_(fd) {}
+  ~Descriptor() {
+    if (fd_ >= 0) systemCalls().close(fd_);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  int get() const noexcept { return fd_; }
+  int release() noexcept { return std::exchange(fd_, -1); }
+
+ private:
+  int fd_;
+};
+
+Connected failed(int errorNumber) noexcept { return {-1, errorNumber, false}; }
+Connected late() noexcept { return {-1, ETIMEDOUT, true}; }
+
+// Requests leave in whole messages, so that waiting for more to send would only delay them.
+bool sendAtOnce(int fd) noexcept {
+  const int on = 1;
+  return systemCalls().setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0;
+}
+
+Connected awaitConnection(Descriptor& descriptor, std::uint64_t deadline) noexcept {
+  pollfd entry{descriptor.get(), POLLOUT, 0};
+  const int ready = pollUntil(&entry, 1, deadline);
+  if (ready == 0) return late();
+  if (ready < 0) return failed(errno);
+  int errorNumber = 0;
+  socklen_t length = sizeof errorNumber;
+  if (systemCalls().getsockopt(descriptor.get(), SOL_SOCKET, SO_ERROR, &errorNumber, &length) !=
+      0) {
+    return failed(errno);
+  }
+  if (errorNumber != 0) return failed(errorNumber);
+  return {descriptor.get(), 0, false};
+}
+
+Connected connectTo(const Address& address, std::uint64_t deadline) noexcept {
+  const SystemCalls& calls = systemCalls();
+  const int type = SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK;
+  Descriptor descriptor(calls.socket(address.storage.ss_family, type, 0));
+  if (descriptor.get() < 0) return failed(errno);
+  if (!sendAtOnce(descriptor.get())) return failed(errno);
+  const auto* target = reinterpret_cast<const sockaddr*>(&address.storage);
+  if (calls.connect(descriptor.get(), target, address.length) != 0) {
+    // A connect that a signal interrupts goes on by itself.
+    if (errno != EINPROGRESS && errno != EINTR) return failed(errno);
+    const Connected outcome = awaitConnection(descriptor, deadline);
+    if (outcome.fd < 0) return outcome;
+  }
+  if (calls.fcntl(descriptor.get(), F_SETFL, 0) != 0) return failed(errno);
+  return {descriptor.release(), 0, false};
+}
+
+std::uint64_t shareOf(std::uint64_t deadline, std::size_t addressesLeft) noexcept {
+  if (deadline == kNever) return kNever;
+  const std::uint64_t now = monotonicNanos();
+  return deadline <= now ? deadline : now + (deadline - now) / addressesLeft;
+}
+
+}  // namespace
+
+Connected connectToFirst(const std::vector<Address>& addresses, std::uint64_t deadline) {
+  Connected outcome = failed(EADDRNOTAVAIL);
+  for (std::size_t i = 0; i < addresses.size() && outcome.fd < 0; ++i) {
+    outcome = connectTo(addresses[i], shareOf(deadline, addresses.size() - i));
+  }
+  return outcome;
+}
+
+}  // namespace tq::oss

@@ -1,0 +1,246 @@
+#include "infra/oss/kruConnection.h"
+
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "infra/oss/kruClock.h"
+#include "infra/oss/kruConnecting.h"
+#include "infra/oss/kruConverter.h"
+#include "infra/oss/kruSocketException.h"
+#include "infra/oss/kruSystemCalls.h"
+
+namespace tq::oss {
+
+namespace {
+
+constexpr unsigned int kPiecesPerCall = 16;
+// Below what the kernel moves in one call, so that no sum of lengths overflows on the way there.
+constexpr unsigned long kLargestTransfer = 1UL << 30;
+// With a deadline the clock is looked at in between, however fast the peer takes the bytes.
+constexpr unsigned long kTimedTransfer = 1UL << 20;
+
+bool wouldBlock(int errorNumber) noexcept {
+  return errorNumber == EAGAIN || errorNumber == EWOULDBLOCK;
+}
+
+/// A run of pieces, gathered batch by batch and advanced by what the kernel took.
+class Outgoing {
+ public:
+  Outgoing(const Socket::Piece* pieces, unsigned int count) : next_(pieces), end_(pieces + count) {
+    skipEmpty();
+  }
+
+  bool done() const noexcept { return next_ == end_; }
+
+  unsigned int gather(iovec* batch, unsigned long room) const noexcept {
+    unsigned int used = 0;
+    unsigned long offset = offset_;
+    for (const Socket::Piece* p = next_; p != end_ && used < kPiecesPerCall && room != 0; ++p) {
+      const unsigned long length = std::min(p->length - offset, room);
+      if (length != 0) {
+        // The interface of the gathered call is shared with receiving and so takes no constant.
+        batch[used].iov_base = const_cast<char*>(p->data + offset);
+        batch[used++].iov_len = length;
+      }
+      room -= length;
+      offset = 0;
+    }
+    return used;
+  }
+
+  void advance(unsigned long count) noexcept {
+    while (count != 0) {
+      const unsigned long step = std::min(count, next_->length - offset_);
+      count -= step;
+      offset_ += step;
+      skipEmpty();
+    }
+  }
+
+ private:
+  void skipEmpty() noexcept {
+    while (next_ != end_ && offset_ == next_->length) {
+      ++next_;
+      offset_ = 0;
+    }
+  }
+
+  const Socket::Piece* next_;
+  const Socket::Piece* end_;
+  unsigned long offset_ = 0;
+};
+
+}  // namespace
+
+Connection::~Connection() { releaseDescriptor(); }
+
+void Connection::connect(const icu::UnicodeString& host, unsigned int port,
+                         const Socket::_AddrInfoExternal& known,
+                         const unsigned long* timeoutMillis) {
+  releaseDescriptor();
+  host_ = host;
+  port_ = port;
+  const std::uint64_t own = timeoutMillis != nullptr ? deadlineIn(*timeoutMillis) : kNever;
+  const Connected result = connectToFirst(addressesOf(known), std::min(own, deadline_));
+  if (result.fd >= 0) {
+    fd_ = result.fd;
+  } else if (result.timedOut) {
+    throw SocketTimeoutException(describe(u"connect to"));
+  } else {
+    throwSystemError(u"connect to", result.errorNumber);
+  }
+}
+
+std::vector<Address> Connection::addressesOf(const Socket::_AddrInfoExternal& known) const {
+  if (known.size_ == 0) return resolveHost(host_, port_);
+  std::vector<Address> addresses(known.size_);
+  for (unsigned int i = 0; i < known.size_; ++i) {
+    Address& address = addresses[i];
+    address.length = known.entries_[i].length;
+    std::memcpy(&address.storage, known.entries_[i].bytes, address.length);
+    if (address.hasPort()) continue;
+    requirePort(host_, port_);
+    address.setPort(port_);
+  }
+  return addresses;
+}
+
+unsigned long Connection::read(char* out, unsigned long length) {
+  requireOpen(u"receive from");
+  while (received_.size() < length && !ended()) {
+    if (!received_.makeRoom(length)) Converter::throwOutOfMemory();
+    received_.commit(receive(received_.tail(), received_.room(), true));
+  }
+  const unsigned long count = std::min<unsigned long>(received_.size(), length);
+  if (count == 0) {
+    throwIfReset();
+    return 0;
+  }
+  std::memcpy(out, received_.data(), count);
+  return count;
+}
+
+unsigned long Connection::readOnce(char* out, unsigned long length) {
+  requireOpen(u"receive from");
+  const unsigned long held = received_.take(out, length);
+  if (held == length) return held;
+  if (held != 0) return ended() ? held : held + fetch(out + held, length - held, false);
+  const unsigned long fresh = ended() ? 0 : fetch(out, length, true);
+  if (fresh == 0) throwIfReset();
+  return fresh;
+}
+
+// Only called with an empty buffer. What is large goes where it is wanted; so does everything when
+// there is no memory for a buffer, because waiting for the next byte needs none.
+unsigned long Connection::fetch(char* out, unsigned long length, bool wait) {
+  if (length >= ReceiveBuffer::kSlice || !received_.makeRoom(length)) {
+    return receive(out, length, wait);
+  }
+  received_.commit(receive(received_.tail(), received_.room(), wait));
+  return received_.take(out, length);
+}
+
+unsigned long Connection::receive(char* out, unsigned long length, bool wait) {
+  const int flags = wait && deadline_ == kNever ? 0 : MSG_DONTWAIT;
+  for (;;) {
+    const ssize_t count = systemCalls().recv(fd_, out, std::min(length, kLargestTransfer), flags);
+    if (count > 0) return static_cast<unsigned long>(count);
+    if (count == 0) {
+      peerClosed_ = true;
+      return 0;
+    }
+    const int errorNumber = errno;
+    if (errorNumber == EINTR) continue;
+    if (!wouldBlock(errorNumber)) {
+      receiveError_ = errorNumber;
+      return 0;
+    }
+    if (!wait) return 0;
+    pollfd entry{fd_, POLLIN, 0};
+    const int ready = pollUntil(&entry, 1, deadline_);
+    if (ready == 0) throw SocketTimeoutException(describe(u"receive from"));
+    if (ready < 0) throwSystemError(u"wait for", errno);
+  }
+}
+
+void Connection::write(const Socket::Piece* pieces, unsigned int count) {
+  requireOpen(u"send to");
+  const int flags = MSG_NOSIGNAL | (deadline_ == kNever ? 0 : MSG_DONTWAIT);
+  const unsigned long most = deadline_ == kNever ? kLargestTransfer : kTimedTransfer;
+  iovec batch[kPiecesPerCall];
+  for (Outgoing out(pieces, count); !out.done();) {
+    if (deadline_ != kNever && monotonicNanos() >= deadline_) {
+      throw SocketTimeoutException(describe(u"send to"));
+    }
+    msghdr message{};
+    message.msg_iov = batch;
+    message.msg_iovlen = out.gather(batch, most);
+    const ssize_t sent = systemCalls().sendmsg(fd_, &message, flags);
+    if (sent >= 0) {
+      out.advance(static_cast<unsigned long>(sent));
+      continue;
+    }
+    const int errorNumber = errno;
+    if (errorNumber == EINTR) continue;
+    if (!wouldBlock(errorNumber)) throwSystemError(u"send to", errorNumber);
+    pollfd entry{fd_, POLLOUT, 0};
+    const int ready = pollUntil(&entry, 1, deadline_);
+    if (ready == 0) throw SocketTimeoutException(describe(u"send to"));
+    if (ready < 0) throwSystemError(u"wait for", errno);
+  }
+}
+
+void Connection::pushBack(const char* data, unsigned long length) {
+  requireOpen(u"give bytes back to");
+  if (!received_.putBack(data, length)) Converter::throwOutOfMemory();
+}
+
+Socket::Look Connection::look() {
+  if (received_.size() != 0) return Socket::Look::Data;
+  if (!isOpen() || ended()) return Socket::Look::Closed;
+  if (!received_.makeRoom(1)) Converter::throwOutOfMemory();
+  const unsigned long count = receive(received_.tail(), received_.room(), false);
+  received_.commit(count);
+  if (count != 0) return Socket::Look::Data;
+  return ended() ? Socket::Look::Closed : Socket::Look::Quiet;
+}
+
+void Connection::close() {
+  if (!isOpen()) return;
+  const int errorNumber = releaseDescriptor();
+  if (errorNumber != 0) throwSystemError(u"close connection to", errorNumber);
+}
+
+// The descriptor is gone whatever the call says, a signal included: closing it again could hit one
+// that another thread has just been given.
+int Connection::releaseDescriptor() noexcept {
+  received_.clear();
+  peerClosed_ = false;
+  receiveError_ = 0;
+  const int fd = std::exchange(fd_, -1);
+  if (fd < 0 || systemCalls().close(fd) == 0) return 0;
+  return errno == EINTR || errno == EINPROGRESS ? 0 : errno;
+}
+
+icu::UnicodeString Connection::describe(const char16_t* verb) const {
+  return describeEndpoint(verb, host_, port_);
+}
+
+void Connection::requireOpen(const char16_t* verb) const {
+  if (!isOpen()) throwSystemError(verb, ENOTCONN);
+}
+
+void Connection::throwSystemError(const char16_t* verb, int errorNumber) const {
+  throw SocketException(describe(verb), errorNumber);
+}
+
+void Connection::throwIfReset() const {
+  if (receiveError_ != 0) throwSystemError(u"receive from", receiveError_);
+}
+
+}  // namespace tq::oss

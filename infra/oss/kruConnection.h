@@ -1,0 +1,68 @@
+#pragma once
+
+#include <unicode/unistr.h>
+
+#include <cstdint>
+#include <vector>
+
+#include "infra/oss/kruReceiveBuffer.h"
+#include "infra/oss/kruResolver.h"
+#include "infra/oss/kruSocket.h"
+#include "infra/oss/kruWaiting.h"
+
+namespace tq::oss {
+
+/// What the copies of one `Socket` share: the descriptor, the bytes received and not yet taken, and
+/// how the receiving side ended.
+///
+/// The descriptor is a blocking one. Without a deadline a wait is a single blocking receive; with
+/// one, each receive is told not to wait and the waiting is left to poll.
+class Connection {
+ public:
+  Connection() = default;
+  ~Connection();
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  void connect(const icu::UnicodeString& host, unsigned int port,
+               const Socket::_AddrInfoExternal& known, const unsigned long* timeoutMillis);
+  unsigned long read(char* out, unsigned long length);
+  unsigned long readOnce(char* out, unsigned long length);
+  void write(const Socket::Piece* pieces, unsigned int count);
+  void pushBack(const char* data, unsigned long length);
+  Socket::Look look();
+  void close();
+
+  bool isOpen() const noexcept { return fd_ >= 0; }
+  int descriptor() const noexcept { return fd_; }
+  unsigned long buffered() const noexcept { return received_.size(); }
+  /// A read would return or throw at once.
+  bool readable() const noexcept { return received_.size() != 0 || ended(); }
+  void setDeadline(std::uint64_t nanos) noexcept { deadline_ = nanos == 0 ? kNever : nanos; }
+  icu::UnicodeString describe(const char16_t* verb) const;
+  void requireOpen(const char16_t* verb) const;
+
+ private:
+  std::vector<Address> addressesOf(const Socket::_AddrInfoExternal& known) const;
+  [[noreturn]] void throwSystemError(const char16_t* verb, int errorNumber) const;
+  void throwIfReset() const;
+  bool ended() const noexcept { return peerClosed_ || receiveError_ != 0; }
+  int releaseDescriptor() noexcept;
+
+  unsigned long receive(char* out, unsigned long length, bool wait);
+  unsigned long fetch(char* out, unsigned long length, bool wait);
+
+  // The peer, for messages.
+  icu::UnicodeString host_;
+  unsigned int port_ = 0;
+
+  int fd_ = -1;
+  std::uint64_t deadline_ = kNever;
+
+  // The receiving side. The kernel tells of an end or a reset once; every later read must hear it.
+  ReceiveBuffer received_;
+  bool peerClosed_ = false;
+  int receiveError_ = 0;
+};
+
+}  // namespace tq::oss

@@ -1,0 +1,126 @@
+#include "infra/oss/kruConverter.h"
+
+#include <unicode/ustring.h>
+#include <unicode/utf16.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+
+#include "infra/oss/kruNLSException.h"
+
+namespace tq::oss {
+
+namespace {
+
+constexpr char32_t kReplacement = 0xFFFD;
+
+// An unpaired surrogate has no UTF-8 form; the replacement character is as long as the surrogate
+// would have been, so that lengths agree whichever is counted.
+char32_t nextCodePoint(const char16_t* text, std::int32_t length, std::int32_t& at) noexcept {
+  const char16_t unit = text[at++];
+  if (!U16_IS_SURROGATE(unit)) return unit;
+  if (U16_IS_SURROGATE_LEAD(unit) && at < length && U16_IS_TRAIL(text[at])) {
+    return static_cast<char32_t>(U16_GET_SUPPLEMENTARY(unit, text[at++]));
+  }
+  return kReplacement;
+}
+
+char* writeCodePoint(char32_t c, char* out) noexcept {
+  const auto tail = [](char32_t bits) { return static_cast<char>(0x80 | (bits & 0x3F)); };
+  if (c < 0x80) {
+    *out++ = static_cast<char>(c);
+  } else if (c < 0x800) {
+    *out++ = static_cast<char>(0xC0 | (c >> 6));
+    *out++ = tail(c);
+  } else if (c < 0x10000) {
+    *out++ = static_cast<char>(0xE0 | (c >> 12));
+    *out++ = tail(c >> 6);
+    *out++ = tail(c);
+  } else {
+    *out++ = static_cast<char>(0xF0 | (c >> 18));
+    *out++ = tail(c >> 12);
+    *out++ = tail(c >> 6);
+    *out++ = tail(c);
+  }
+  return out;
+}
+
+std::size_t asciiPrefix(const char* bytes, std::size_t length) noexcept {
+  std::size_t i = 0;
+  for (; length - i >= 8; i += 8) {
+    std::uint64_t word;
+    std::memcpy(&word, bytes + i, sizeof word);
+    if ((word & 0x8080808080808080U) != 0) break;
+  }
+  while (i < length && static_cast<signed char>(bytes[i]) >= 0) ++i;
+  return i;
+}
+
+std::int32_t decodeTail(const char* bytes, std::size_t length, char16_t* out) {
+  std::int32_t units = 0;
+  UErrorCode status = U_ZERO_ERROR;
+  const auto count = static_cast<std::int32_t>(length);
+  u_strFromUTF8WithSub(out, count, &units, bytes, count, static_cast<UChar32>(kReplacement),
+                       nullptr, &status);
+  if (U_FAILURE(status)) Converter::throwOutOfMemory();
+  return units;
+}
+
+}  // namespace
+
+std::size_t Converter::utf8Length(const icu::UnicodeString& text) noexcept {
+  const char16_t* units = text.getBuffer();
+  const std::int32_t length = text.length();
+  std::size_t bytes = 0;
+  for (std::int32_t i = 0; i < length;) {
+    const char32_t c = nextCodePoint(units, length, i);
+    bytes += c < 0x80 ? 1U : c < 0x800 ? 2U : c < 0x10000 ? 3U : 4U;
+  }
+  return bytes;
+}
+
+std::size_t Converter::writeUTF8(const icu::UnicodeString& text, char* out) noexcept {
+  const char16_t* units = text.getBuffer();
+  const std::int32_t length = text.length();
+  char* const start = out;
+  std::int32_t i = 0;
+  for (; i < length && units[i] < 0x80; ++i) *out++ = static_cast<char>(units[i]);
+  while (i < length) out = writeCodePoint(nextCodePoint(units, length, i), out);
+  return static_cast<std::size_t>(out - start);
+}
+
+std::string Converter::toUTF8(const icu::UnicodeString& text) {
+  std::string bytes(utf8Length(text), '\0');
+  writeUTF8(text, bytes.data());
+  return bytes;
+}
+
+icu::UnicodeString Converter::fromUTF8(const char* bytes, std::size_t length) {
+  icu::UnicodeString text;
+  if (length == 0) return text;
+  if (length > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) {
+    throwOutOfMemory();
+  }
+  // No byte becomes more than one unit, so the result fits and is written in place.
+  const auto room = static_cast<std::int32_t>(length);
+  char16_t* out = text.getBuffer(room);
+  if (out == nullptr) throwOutOfMemory();
+  const std::size_t plain = asciiPrefix(bytes, length);
+  for (std::size_t i = 0; i < plain; ++i) out[i] = static_cast<char16_t>(bytes[i]);
+  auto units = static_cast<std::int32_t>(plain);
+  if (plain < length) units += decodeTail(bytes + plain, length - plain, out + plain);
+  text.releaseBuffer(units);
+  return text;
+}
+
+void Converter::throwOutOfMemory() {
+  Message message(u"TQ_ERR_OUT_OF_MEMORY", u"");
+  message.setFileName("kruConverter");
+  message.setLineNumber(__LINE__);
+  message.addArgument(u"Converter::convert()");
+  throw NLSException(message);
+}
+
+}  // namespace tq::oss

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "infra/oss/kruSizeableBuffer.h"
+
+namespace tq::oss {
+
+/// The bytes of one connection that have been received and not yet taken. Takes no memory before
+/// the first byte, and never more than about twice what has arrived.
+class ReceiveBuffer {
+ public:
+  /// What one receive may fetch, and the block that memory grows by at least.
+  static constexpr std::size_t kSlice = std::size_t{64} * 1024;
+  /// A block larger than this is given back as soon as it is empty.
+  static constexpr std::size_t kKept = std::size_t{1024} * 1024;
+
+  const char* data() const noexcept { return block_.data() + begin_; }
+  std::size_t size() const noexcept { return end_ - begin_; }
+
+  /// Makes room for at least one more byte on the way to `wanted` bytes in all, which must be more
+  /// than there are. False when there is no memory; nothing is lost then.
+  bool makeRoom(std::size_t wanted) noexcept;
+  /// Where the next bytes go, and how many fit; valid after `makeRoom`.
+  char* tail() noexcept { return block_.data() + end_; }
+  std::size_t room() const noexcept { return block_.capacity() - end_; }
+  void commit(std::size_t count) noexcept { end_ += count; }
+
+  /// Copies up to `length` bytes out and drops them; returns how many.
+  std::size_t take(char* out, std::size_t length) noexcept;
+  /// Puts bytes in front. False when there is no memory; nothing has changed then.
+  bool putBack(const char* bytes, std::size_t length) noexcept;
+  void clear() noexcept;
+
+ private:
+  void moveTo(std::size_t begin) noexcept;
+
+  SizeableBuffer<char, 1> block_;
+  std::size_t begin_ = 0;
+  std::size_t end_ = 0;
+};
+
+}  // namespace tq::oss

@@ -1,0 +1,23 @@
+#include "infra/oss/kruStringTokenizer.h"
+
+namespace tq::oss {
+
+StringTokenizer::StringTokenizer(const icu::UnicodeString& text,
+                                 const icu::UnicodeString& delimiters)
+    : text_(text), delimiters_(delimiters) {
+  skipDelimiters();
+}
+
+icu::UnicodeString StringTokenizer::next() {
+  const int start = position_;
+  while (position_ < text_.length() && !isDelimiter(text_.charAt(position_))) ++position_;
+  icu::UnicodeString token(text_, start, position_ - start);
+  skipDelimiters();
+  return token;
+}
+
+void StringTokenizer::skipDelimiters() {
+  while (position_ < text_.length() && isDelimiter(text_.charAt(position_))) ++position_;
+}
+
+}  // namespace tq::oss

@@ -1,0 +1,38 @@
+#include "infra/oss/kruTrace.h"
+
+#include <exception>
+
+namespace tq::oss {
+
+namespace {
+constexpr unsigned int kComponent = 155;
+constexpr unsigned long kEntryMask = 0x20001;
+constexpr unsigned long kExitMask = 0x20082;
+constexpr unsigned long kExitRecordMask = 0x20002;
+}  // namespace
+
+std::atomic<TraceFacility*> TraceScope::facility{nullptr};
+
+void setTraceFacility(TraceFacility* facility) noexcept {
+  TraceScope::facility.store(facility, std::memory_order_release);
+}
+
+TraceFacility* getTraceFacility() noexcept {
+  return TraceScope::facility.load(std::memory_order_acquire);
+}
+
+void TraceScope::enter() noexcept {
+  exceptionsAtEntry_ = std::uncaught_exceptions();
+  if ((facility_->getComponentTraceFlags(kComponent) & kEntryMask) != 0) {
+    facility_->traceEntry(functionId_);
+  }
+}
+
+void TraceScope::leave() noexcept {
+  const unsigned long flags = facility_->getComponentTraceFlags(kComponent);
+  if ((flags & kExitMask) == 0 || (flags & kExitRecordMask) == 0) return;
+  const bool failed = std::uncaught_exceptions() > exceptionsAtEntry_;
+  facility_->traceExit(functionId_, failed ? -1 : returnCode_);
+}
+
+}  // namespace tq::oss

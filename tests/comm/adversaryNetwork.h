@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace tq::test {
+
+/// A network in memory whose peer answers each request as it comes, with bytes that arrive when it
+/// says. The clock stands still but for waits and `idle()`, so that a schedule of delays, time-outs
+/// and late replies is the same each time it runs. One object at a time, one thread.
+///
+/// Unasked bytes, which belong to no request, arrive before the client begins its next request or
+/// never: behind that, nobody could tell them from its reply.
+class TimedNetwork {
+ public:
+  using Answer = std::function<void(std::size_t connection, const std::string& request)>;
+
+  /// `framed`: requests have a 2-byte length in front. `joined`: one receive may bring several of
+  /// the pieces that were sent.
+  TimedNetwork(bool framed, bool joined, Answer answer);
+  ~TimedNetwork();
+  TimedNetwork(const TimedNetwork&) = delete;
+  TimedNetwork& operator=(const TimedNetwork&) = delete;
+
+  // What the peer does, so many MICROSECONDS from now and behind what it did before.
+  void send(std::size_t connection, std::string bytes, std::uint64_t delay);
+  void sendUnasked(std::size_t connection, std::string bytes, std::uint64_t delay);
+  void close(std::size_t connection, std::uint64_t delay);
+  void reset(std::size_t connection, std::uint64_t delay);
+
+  /// Says nothing more on the connection, whatever it is asked.
+  void fallSilent(std::size_t connection);
+
+  /// Lets so many MICROSECONDS pass.
+  void idle(std::uint64_t micros);
+
+  void failNextConnect();
+  /// The next write takes so many bytes, and the one behind it fails.
+  void failNextWrite(std::size_t behind);
+  /// Nothing fails any more.
+  void heal();
+
+  std::size_t connections() const;
+  std::uint64_t nowMicros() const;
+  /// True when somebody waited without a limit for what never comes. The wait ended by a reset.
+  bool waitedForever() const;
+
+  struct State;
+
+ private:
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace tq::test

@@ -1,0 +1,150 @@
+#include "tests/comm/adversarySchedule.h"
+
+#include <random>
+#include <utility>
+
+namespace tq::test {
+
+namespace {
+
+constexpr std::array<const char*, kPeerFields> kPeerNames{
+    "verdict", "results", "framing",    "noEndMark", "noLastChunk", "tailData",
+    "prefix",  "segment", "delay",      "pauseAt",   "pause",       "cutAt",
+    "cutHow",  "stray",   "strayDelay", "end"};
+constexpr std::array<const char*, kCallerFields> kCallerNames{
+    "kind", "before", "idle", "timeOut", "deadline", "retries", "pull", "recvAfter", "fault"};
+
+class Dice {
+ public:
+  explicit Dice(std::uint64_t seed) : engine_(seed) {}
+  /// Below `count`.
+  std::uint8_t roll(unsigned int count) { return static_cast<std::uint8_t>(engine_() % count); }
+  /// Mostly 0; otherwise from 1 to `most`.
+  std::uint8_t seldom(unsigned int oneIn, unsigned int most) {
+    return roll(oneIn) != 0 ? std::uint8_t{0} : static_cast<std::uint8_t>(1 + roll(most));
+  }
+
+ private:
+  std::mt19937_64 engine_;
+};
+
+void rollPeer(Dice& dice, PeerPlan& peer) {
+  static constexpr std::array<std::uint8_t, 8> kSegments{0, 0, 0, 1, 2, 3, 7, 16};
+  static constexpr std::array<std::uint8_t, 8> kFramings{0, 0, 1, 1, 2, 7, 16, 40};
+  peer[kVerdict] = dice.seldom(6, 2);
+  peer[kResults] = dice.roll(5);
+  peer[kFraming] = kFramings[dice.roll(8)];
+  peer[kNoEndMark] = dice.seldom(5, 1);
+  peer[kNoLastChunk] = peer[kNoEndMark] != 0 ? 0 : dice.seldom(4, 1);
+  peer[kTailData] = dice.seldom(8, 1);
+  peer[kPrefix] = dice.seldom(6, 3);
+  peer[kSegment] = kSegments[dice.roll(8)];
+  peer[kDelay] = dice.seldom(3, kDelays.size() - 1);
+  peer[kPause] = dice.seldom(4, kDelays.size());
+  peer[kPauseAt] = dice.roll(8);
+  peer[kCutAt] = dice.seldom(5, 15);
+  peer[kCutHow] = dice.roll(3);
+  peer[kStray] = dice.seldom(3, 9);
+  peer[kStrayDelay] = dice.seldom(2, 3);
+  peer[kEnd] = dice.seldom(6, 3);
+}
+
+}  // namespace
+
+Schedule scheduleOf(std::uint64_t seed) {
+  Dice dice(seed * 0x9E3779B97F4A7C15U + 1);
+  Schedule schedule{seed,
+                    dice.roll(2) != 0,
+                    dice.roll(4) != 0,
+                    dice.roll(2) != 0,
+                    dice.roll(3) == 0,
+                    dice.roll(4) == 0,
+                    {}};
+  schedule.exchanges.resize(1 + dice.roll(5));
+  for (ExchangePlan& plan : schedule.exchanges) {
+    plan.caller[kKind] = dice.roll(kKinds.size());
+    plan.caller[kBefore] = dice.seldom(4, 6);
+    plan.caller[kIdle] = dice.seldom(2, 4);
+    plan.caller[kTimeOut] = dice.roll(2);
+    plan.caller[kDeadline] = dice.seldom(4, 1);
+    plan.caller[kRetries] = dice.roll(3);
+    plan.caller[kPull] = dice.roll(4);
+    plan.caller[kRecvAfter] = dice.seldom(4, 3);
+    plan.caller[kFault] = dice.seldom(8, 5);
+    for (auto& peer : plan.peer) rollPeer(dice, peer);
+  }
+  return schedule;
+}
+
+std::string describe(const Schedule& schedule) {
+  std::string text = "seed " + std::to_string(schedule.seed);
+  text += schedule.binary ? ", binary" : ", HTTP";
+  if (schedule.persistent) text += ", persistent";
+  if (schedule.joined) text += ", joined";
+  if (schedule.reassembly) text += ", reassembly";
+  if (schedule.batching) text += ", batching";
+  for (const ExchangePlan& plan : schedule.exchanges) {
+    text += "\n  exchange";
+    const auto add = [&](const char* name, unsigned int value) {
+      if (value != 0) text += std::string(" ") + name + "=" + std::to_string(value);
+    };
+    for (std::size_t i = 0; i < kCallerFields; ++i) {
+      add(kCallerNames[i],
+          i == kKind ? static_cast<unsigned int>(kKinds[plan.caller[i]]) : plan.caller[i]);
+    }
+    for (std::size_t attempt = 0; attempt < plan.peer.size(); ++attempt) {
+      text += attempt == 0 ? " | first:" : " | later:";
+      for (std::size_t i = 0; i < kPeerFields; ++i) add(kPeerNames[i], plan.peer[attempt][i]);
+    }
+  }
+  return text;
+}
+
+namespace {
+
+bool fails(const Schedule& schedule) { return !violationOf(schedule).empty(); }
+
+bool dropExchanges(Schedule& schedule) {
+  bool smaller = false;
+  for (std::size_t i = schedule.exchanges.size(); i-- > 0;) {
+    Schedule candidate = schedule;
+    candidate.exchanges.erase(candidate.exchanges.begin() + static_cast<std::ptrdiff_t>(i));
+    if (!fails(candidate)) continue;
+    schedule = std::move(candidate);
+    smaller = true;
+  }
+  return smaller;
+}
+
+/// Puts 0 for a value of the schedule where the violation stays.
+template <typename Value>
+bool simplify(Schedule& schedule, Value& value) {
+  if (value == Value{}) return false;
+  const Value before = std::exchange(value, Value{});
+  if (fails(schedule)) return true;
+  value = before;
+  return false;
+}
+
+bool simplifyAll(Schedule& schedule) {
+  bool smaller = simplify(schedule, schedule.joined);
+  smaller |= simplify(schedule, schedule.reassembly);
+  smaller |= simplify(schedule, schedule.batching);
+  for (ExchangePlan& plan : schedule.exchanges) {
+    for (auto& value : plan.caller) smaller |= simplify(schedule, value);
+    for (auto& peer : plan.peer) {
+      for (auto& value : peer) smaller |= simplify(schedule, value);
+    }
+  }
+  return smaller;
+}
+
+}  // namespace
+
+Schedule shrunk(Schedule schedule) {
+  while (dropExchanges(schedule) || simplifyAll(schedule)) {
+  }
+  return schedule;
+}
+
+}  // namespace tq::test

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tq::test {
+
+/// What the peer does with one request.
+enum PeerField : std::size_t {
+  kVerdict,      // 0 answers, 1 an error, 2 refuses the authentication
+  kResults,      // how many
+  kFraming,      // HTTP: 0 with a length, 1 in one chunk, 2 and more: in chunks of this many bytes
+  kNoEndMark,    // HTTP: the results end with the body
+  kNoLastChunk,  // HTTP: the chunks end with the end mark
+  kTailData,     // HTTP: a chunk behind the results that holds a whole reply
+  kPrefix,       // HTTP: 1 CR LF, 2 an interim block, 3 both, in front of the status line
+  kSegment,      // 0 in one piece, else in pieces of so many bytes
+  kDelay,        // in front of the reply: a step of kDelays
+  kPauseAt,      // in eighths of the reply
+  kPause,        // a step of kDelays, or for ever
+  kCutAt,        // in sixteenths of the reply; 0 not at all
+  kCutHow,       // 0 silence, 1 a close, 2 a reset
+  kStray,        // what nobody asked for, behind the reply
+  kStrayDelay,   // a step of kDelays
+  kEnd,          // behind all of it: 1 a close, 2 a reset, 3 a close a while later
+  kPeerFields
+};
+
+/// What the caller does with one exchange.
+enum CallerField : std::size_t {
+  kKind,       // an index of kKinds
+  kBefore,     // what else it does in front of it
+  kIdle,       // a step of kDelays
+  kTimeOut,    // 0 none, 1 set
+  kDeadline,   // 0 none, 1 set
+  kRetries,    // attempts behind the first
+  kPull,       // 0 portion by portion, 1 looping, 2 not at all, 3 one portion
+  kRecvAfter,  // further receives, whatever came before
+  kFault,      // 1 the next connect fails, 2 and more: the next write does, behind some bytes
+  kCallerFields
+};
+
+using PeerPlan = std::array<std::uint8_t, kPeerFields>;
+
+struct ExchangePlan {
+  std::array<std::uint8_t, kCallerFields> caller{};
+  // Of the first attempt, and of all further ones.
+  std::array<PeerPlan, 2> peer{};
+};
+
+/// A client and its exchanges. All zeros are a well-behaved peer and a plain caller.
+struct Schedule {
+  std::uint64_t seed = 0;
+  bool binary = false;
+  bool persistent = true;
+  bool joined = false;      // whether one receive brings several pieces
+  bool reassembly = false;  // of the binary protocol
+  bool batching = false;    // of the binary protocol
+  std::vector<ExchangePlan> exchanges;
+};
+
+constexpr std::array<int, 10> kKinds{15, 8, 20, 11, 4, 22, 14, 1, 9, 10};
+// Microseconds; time-outs and deadlines lie between them.
+constexpr std::array<std::uint64_t, 5> kDelays{0, 100, 4000, 30000, 200000};
+constexpr unsigned int kTimeOutMillis = 10;
+constexpr unsigned int kDeadlineMillis = 50;
+
+Schedule scheduleOf(std::uint64_t seed);
+std::string describe(const Schedule& schedule);
+
+/// Runs it, and behind it one exchange with a well-behaved peer, which must succeed. What was
+/// delivered to the wrong request, or is not what the server sent; empty when all is well.
+std::string violationOf(const Schedule& schedule);
+
+/// The smallest schedule with a violation that dropping and simplifying leads to.
+Schedule shrunk(Schedule schedule);
+
+}  // namespace tq::test

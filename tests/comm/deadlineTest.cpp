@@ -1,0 +1,432 @@
+// One deadline for everything: whatever the peer does or leaves undone, in whatever phase, an
+// operation ends in time and says that the time was over.
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "comm/kruClientResponse.h"
+#include "comm/kruDrestoPerfClient.h"
+#include "comm/kruRESTException.h"
+#include "infra/oss/kruClock.h"
+#include "tests/comm/faultExchange.h"
+#include "tests/comm/faultNetwork.h"
+#include "tests/support/scriptedServer.h"
+
+namespace {
+
+using namespace tq::test;
+using tq::comm::RequestOutcome;
+
+constexpr std::uint64_t kMilli = 1000000;
+// Rounding to the milliseconds that poll knows, and what looking at the clock takes.
+constexpr std::uint64_t kTolerance = 5;
+
+FaultNetwork::Options optionsOf(Protocol protocol) {
+  FaultNetwork::Options options;
+  options.framed = protocol != Protocol::Http;
+  return options;
+}
+
+class Deadline : public testing::TestWithParam<Protocol> {
+ protected:
+  FaultNetwork::Options options() const { return optionsOf(GetParam()); }
+  Answerer answerer() const { return answererOf(GetParam()); }
+
+  void expectInTime(const Ran& ran, std::uint64_t deadline) const {
+    EXPECT_EQ(ran.errorId, "ERR_SERVER_COMM_TIMEOUT") << ran;
+    EXPECT_EQ(ran.errorArguments, (std::vector<std::string>{"127.0.0.1", "7"}));
+    EXPECT_GE(ran.longestMillis + 1, deadline);
+    EXPECT_LE(ran.longestMillis, deadline + kTolerance);
+  }
+
+  /// An exchange with these settings of the network ends with its deadline.
+  void expectTimeout(const FaultNetwork::Options& options, const MarkedRequest& marked,
+                     unsigned int retries = 1) const {
+    for (const unsigned int deadline : {1U, 50U, 2500U}) {
+      SCOPED_TRACE(deadline);
+      FaultNetwork network(options, answerer());
+      auto client = clientOf(GetParam());
+      client->setDeadline(deadline);
+      client->setNumRetries(retries);
+      expectInTime(runMarked(*client, marked), deadline);
+      EXPECT_FALSE(network.waitedForever());
+    }
+  }
+};
+
+TEST_P(Deadline, HoldsAgainstAPeerThatSendsAByteASecond) {
+  auto network = options();
+  network.dripMillis = 1000;
+  for (const int kind : {1, 4, 8, 11, 14, 15, 20, 22}) {
+    SCOPED_TRACE(kind);
+    // A reply of two bytes is whole after two of them.
+    if (GetParam() != Protocol::Http && (kind == 1 || kind == 4)) continue;
+    expectTimeout(network, {kind});
+  }
+}
+
+TEST_P(Deadline, HoldsAgainstAPeerThatSendsAByteASecondHoweverOftenItIsRetried) {
+  auto network = options();
+  network.dripMillis = 1000;
+  expectTimeout(network, {kGetStatus}, 1000);
+}
+
+TEST_P(Deadline, HoldsAgainstAPeerThatTakesNoMoreBytes) {
+  for (const std::size_t window :
+       {std::size_t{0}, std::size_t{1}, std::size_t{100}, std::size_t{5000}, std::size_t{20000}}) {
+    SCOPED_TRACE(window);
+    auto network = options();
+    network.window = window;
+    expectTimeout(network, {kAddDocument, 1, false, 50000});
+  }
+}
+
+TEST_P(Deadline, HoldsWhileAPeerTakesByteAfterByteAndNoWriteHasToWait) {
+  auto network = options();
+  network.writesWait = false;
+  network.writeMillis = 2;
+  for (const std::size_t most : {std::size_t{1}, std::size_t{100}, std::size_t{10000}}) {
+    SCOPED_TRACE(most);
+    network.writeMost = most;
+    expectTimeout(network, {kAddDocument, 1, false, 30000000});
+  }
+}
+
+TEST_P(Deadline, IsLookedAtBetweenTheWritesOfAHugeBody) {
+  auto network = options();
+  network.writesWait = false;
+  network.writeMillis = 4;
+  FaultNetwork faulty(network, answerer());
+  auto client = clientOf(GetParam());
+  client->setDeadline(20);
+  expectInTime(runMarked(*client, {kAddDocument, 1, false, 64000000}), 20);
+  EXPECT_EQ(timesSeen(faulty.journal(), 1), 0U);
+}
+
+TEST_P(Deadline, HoldsAgainstAPeerThatNeverAccepts) {
+  auto network = options();
+  network.neverAccepts = true;
+  expectTimeout(network, {kGetStatus});
+  expectTimeout(network, {kGetStatus}, 100);
+}
+
+TEST_P(Deadline, HoldsForAllAddressesOfAHostTogether) {
+  auto network = options();
+  network.neverAccepts = true;
+  network.addresses = {"127.0.0.1", "127.0.0.2", "::1", "127.0.0.3", "127.0.0.4"};
+  expectTimeout(network, {kGetStatus});
+}
+
+TEST_P(Deadline, GivesEachAddressOfAHostItsShare) {
+  auto network = options();
+  network.neverAccepts = true;
+  network.addresses = {"127.0.0.1", "127.0.0.2", "127.0.0.3", "127.0.0.4"};
+  FaultNetwork faulty(network, answerer());
+  auto client = clientOf(GetParam());
+  client->setDeadline(4000);
+  client->setNumRetries(0);
+  runMarked(*client, {kGetStatus});
+  ASSERT_EQ(faulty.connectTimes().size(), 4U);
+  for (std::size_t i = 1; i < 4; ++i) {
+    const auto waited = (faulty.connectTimes()[i] - faulty.connectTimes()[i - 1]) / kMilli;
+    EXPECT_GE(waited, 1000 - kTolerance);
+    EXPECT_LE(waited, 1000 + kTolerance);
+  }
+}
+
+TEST_P(Deadline, HoldsAgainstAPeerThatNeverAnswers) {
+  auto network = options();
+  network.silent = true;
+  expectTimeout(network, {kGetStatus});
+  expectTimeout(network, {kStreamSearch}, 50);
+}
+
+TEST_P(Deadline, OutlastsShorterTimeOutsOfTheAttempts) {
+  auto network = options();
+  network.silent = true;
+  FaultNetwork faulty(network, answerer());
+  auto client = clientOf(GetParam());
+  client->setDeadline(1050);
+  client->setTimeOut(100);
+  client->setNumRetries(1000);
+  expectInTime(runMarked(*client, {kGetStatus}), 1050);
+  EXPECT_EQ(timesSeen(faulty.journal(), 1), 11U);
+}
+
+TEST_P(Deadline, LeavesAShorterTimeOutAlone) {
+  auto network = options();
+  network.silent = true;
+  FaultNetwork faulty(network, answerer());
+  auto client = clientOf(GetParam());
+  client->setDeadline(5000);
+  client->setTimeOut(100);
+  client->setNumRetries(0);
+  expectInTime(runMarked(*client, {kGetStatus}), 100);
+}
+
+TEST_P(Deadline, EndsTheAttemptsOnAHostThatRefuses) {
+  auto network = options();
+  network.refuses = true;
+  FaultNetwork faulty(network, answerer());
+  auto client = clientOf(GetParam());
+  client->setDeadline(1000);
+  client->setRetryPause(30, 30);
+  client->setNumRetries(1000000);
+  const auto ran = runMarked(*client, {kGetStatus});
+  expectInTime(ran, 1000);
+  EXPECT_EQ(ran.outcome, RequestOutcome::NotSent);
+}
+
+TEST_P(Deadline, CutsAPauseBetweenAttemptsShort) {
+  auto network = options();
+  network.refuses = true;
+  FaultNetwork faulty(network, answerer());
+  auto client = clientOf(GetParam());
+  client->setDeadline(300);
+  client->setRetryPause(3600000, 3600000);
+  client->setNumRetries(3);
+  expectInTime(runMarked(*client, {kGetStatus}), 300);
+  EXPECT_EQ(faulty.connectTimes().size(), 1U);
+}
+
+TEST_P(Deadline, CannotInterruptALookUpOfTheNameButEndsRightBehindIt) {
+  auto network = options();
+  network.resolveMillis = 700;
+  FaultNetwork faulty(network, answerer());
+  auto client = clientOf(GetParam());
+  client->setDeadline(500);
+  client->setNumRetries(5);
+  expectInTime(runMarked(*client, {kGetStatus}), 700);
+  EXPECT_EQ(faulty.count(Entry::Getaddrinfo), 1U);
+}
+
+TEST_P(Deadline, MeetsNoLookUpWhereTheAddressesAreKnown) {
+  tq::oss::Socket::_AddrInfoExternal addresses;
+  ASSERT_TRUE(addresses.add(u"127.0.0.1", 0));
+  auto network = options();
+  network.resolveMillis = 700;
+  FaultNetwork faulty(network, answerer());
+  std::unique_ptr<tq::comm::CorvaneRESTClient> client;
+  if (GetParam() == Protocol::Http) {
+    client = std::make_unique<tq::comm::CorvaneRESTClient>(u"somewhere", 7, addresses, true);
+  } else {
+    client = std::make_unique<tq::comm::DrestoPerfClient>(u"somewhere", 7, addresses);
+  }
+  client->setDeadline(500);
+  const MarkedRequest marked{kGetStatus};
+  EXPECT_EQ(runMarked(*client, marked).results, resultsOf(GetParam(), marked));
+  EXPECT_EQ(faulty.count(Entry::Getaddrinfo), 0U);
+}
+
+TEST_P(Deadline, OfNoneLetsAnOperationTakeAsLongAsItNeeds) {
+  auto network = options();
+  network.dripMillis = 60000;
+  FaultNetwork faulty(network, answerer());
+  auto client = clientOf(GetParam());
+  client->setDeadline(1);
+  client->setDeadline(0);
+  client->setNumRetries(0);
+  const MarkedRequest marked{kGetStatus};
+  const auto ran = runMarked(*client, marked);
+  EXPECT_EQ(ran.errorId, "");
+  EXPECT_EQ(ran.results, resultsOf(GetParam(), marked));
+  EXPECT_GE(ran.longestMillis, 600000U);
+}
+
+TEST_P(Deadline, DoesNotChangeAnOperationThatIsQuickEnough) {
+  FaultNetwork faulty(options(), answerer());
+  auto client = clientOf(GetParam());
+  client->setDeadline(1000);
+  for (int kind = 1; kind <= 24; ++kind) {
+    if (kind == 6) continue;
+    const MarkedRequest marked{kind, static_cast<unsigned int>(kind)};
+    const auto ran = runMarked(*client, marked);
+    EXPECT_EQ(ran.errorId, "") << kind;
+    EXPECT_EQ(ran.results, resultsOf(GetParam(), marked)) << kind;
+  }
+}
+
+TEST_P(Deadline, BeginsAnewWithEachOperation) {
+  auto network = options();
+  network.resolveMillis = 400;
+  FaultNetwork faulty(network, answerer());
+  auto client = clientOf(GetParam());
+  client->usePeristentConnection(false);
+  client->setDeadline(500);
+  for (unsigned int mark = 1; mark <= 10; ++mark) {
+    const MarkedRequest marked{kGetStatus, mark};
+    EXPECT_EQ(runMarked(*client, marked).results, resultsOf(GetParam(), marked));
+  }
+}
+
+TEST_P(Deadline, BoundsEachPullOfAStreamAndLosesNoHit) {
+  for (const int kind : {kStreamSearch, kScalarSearch}) {
+    SCOPED_TRACE(kind);
+    auto network = options();
+    network.dripMillis = 1000;
+    FaultNetwork faulty(network, answerer());
+    auto client = clientOf(GetParam());
+    // Without reassembly the first portion would be a single byte.
+    auto* binary = dynamic_cast<tq::comm::DrestoPerfClient*>(client.get());
+    if (binary != nullptr) binary->setReassembly(true);
+    const MarkedRequest marked{kind, 42};
+    BuiltRequest built(marked);
+    tq::comm::ClientResponse response;
+    client->sendAndRecvMesg(built.request, response);
+    client->setDeadline(500);
+    std::vector<std::string> hits;
+    std::size_t timeouts = 0;
+    const auto take = [&] {
+      auto& list = response.getSearchResponse();
+      while (list.hasMore()) {
+        std::string id;
+        list.getNext().getDocId().toUTF8String(id);
+        hits.push_back(id);
+      }
+    };
+    if (kind == kStreamSearch) take();
+    for (int pull = 0; pull < 1000 && !client->isEndOfStream(); ++pull) {
+      const auto begin = faulty.nowNanos();
+      try {
+        client->recv(response);
+      } catch (const tq::comm::RESTException&) {
+        ++timeouts;
+        const auto elapsed = (faulty.nowNanos() - begin) / kMilli;
+        EXPECT_GE(elapsed + 1, 500U);
+        EXPECT_LE(elapsed, 500 + kTolerance);
+      }
+      if (kind == kStreamSearch) take();
+    }
+    if (kind == kScalarSearch) take();
+    EXPECT_EQ(hits, resultsOf(GetParam(), marked));
+    EXPECT_FALSE(client->isTruncated());
+    EXPECT_GT(timeouts, 3U);
+  }
+}
+
+TEST(DeadlineOverHttp, BoundsAllPortionsThatOneCallPullsTogether) {
+  auto network = optionsOf(Protocol::Http);
+  network.dripMillis = 1000;
+  FaultNetwork faulty(network, answererOf(Protocol::Http));
+  auto client = clientOf(Protocol::Http);
+  const MarkedRequest marked{kScalarSearch, 42};
+  BuiltRequest built(marked);
+  tq::comm::ClientResponse response;
+  client->sendAndRecvMesg(built.request, response);
+  ASSERT_FALSE(client->isEndOfStream());
+  // Long enough for each portion by itself, and not for all that are left.
+  constexpr unsigned int kDeadline = 95000;
+  client->setDeadline(kDeadline);
+  std::size_t timeouts = 0;
+  while (!client->isEndOfStream()) {
+    const auto begin = faulty.nowNanos();
+    const auto held = response.getSearchResponse().count();
+    try {
+      client->recvMultResponse(response);
+    } catch (const tq::comm::RESTException&) {
+      ASSERT_LT(++timeouts, 1000U);
+      const auto elapsed = (faulty.nowNanos() - begin) / kMilli;
+      EXPECT_GE(elapsed + 1, kDeadline);
+      EXPECT_LE(elapsed, kDeadline + kTolerance);
+      EXPECT_GE(response.getSearchResponse().count(), held + 1);
+    }
+  }
+  EXPECT_GT(timeouts, 0U);
+  EXPECT_EQ(response.getSearchResponse().count(), resultsOf(Protocol::Http, marked).size());
+  EXPECT_FALSE(client->isTruncated());
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, Deadline,
+                         testing::Values(Protocol::Http, Protocol::Binary,
+                                         Protocol::BinaryReassembled),
+                         [](const auto& test) { return nameOf(test.param); });
+
+// The same over real sockets. Nothing but a hang is measured from above, by the limit of the run.
+
+class RealDeadline : public testing::TestWithParam<Protocol> {
+ protected:
+  static constexpr unsigned int kMillis = 40;
+
+  void expectTimeout(unsigned int port, const MarkedRequest& marked) const {
+    auto client = clientOf(GetParam(), true, port);
+    client->setDeadline(kMillis);
+    client->setNumRetries(1000);
+    const auto ran = runMarked(*client, marked);
+    EXPECT_EQ(ran.errorId, "ERR_SERVER_COMM_TIMEOUT") << ran;
+    EXPECT_GE(ran.longestMillis + 1, kMillis);
+  }
+
+  Script expectRequest() const {
+    return GetParam() == Protocol::Http ? Script().expectRequest() : Script().expectFramedRequest();
+  }
+};
+
+TEST_P(RealDeadline, HoldsAgainstSilence) {
+  ScriptedServer server(expectRequest().stall());
+  expectTimeout(server.port(), {kGetStatus});
+}
+
+TEST_P(RealDeadline, HoldsInTheMiddleOfAReply) {
+  const std::string begun = GetParam() == Protocol::Http
+                                ? "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc"
+                                : std::string("\0\x06\0\x50", 4) + "abc";
+  ScriptedServer server(expectRequest().send(begun, 1).stall());
+  expectTimeout(server.port(), {kGetStatus});
+}
+
+TEST_P(RealDeadline, HoldsAgainstAPeerThatReadsNothing) {
+  ScriptedServer server(Script().stall());
+  expectTimeout(server.port(), {kAddDocument, 1, false, std::size_t{64} << 20});
+}
+
+/// Listens, and has no room for another connection.
+class FullListener {
+ public:
+  FullListener() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    auto* generic = reinterpret_cast<sockaddr*>(&address);
+    ::bind(fd_, generic, length);
+    ::listen(fd_, 0);
+    ::getsockname(fd_, generic, &length);
+    port_ = ntohs(address.sin_port);
+    for (int& filler : fillers_) {
+      filler = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+      ::connect(filler, generic, length);
+    }
+  }
+  ~FullListener() {
+    for (const int filler : fillers_) ::close(filler);
+    ::close(fd_);
+  }
+  FullListener(const FullListener&) = delete;
+  FullListener& operator=(const FullListener&) = delete;
+
+  unsigned int port() const { return port_; }
+
+ private:
+  int fd_;
+  int fillers_[4] = {};
+  unsigned int port_ = 0;
+};
+
+TEST_P(RealDeadline, HoldsAgainstAPeerThatNeverAccepts) {
+  const FullListener listener;
+  expectTimeout(listener.port(), {kGetStatus});
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, RealDeadline,
+                         testing::Values(Protocol::Http, Protocol::Binary,
+                                         Protocol::BinaryReassembled),
+                         [](const auto& test) { return nameOf(test.param); });
+
+}  // namespace

@@ -1,0 +1,1438 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <type_traits>
+#include <vector>
+
+#include "comm/kruCorvaneRESTClient.h"
+#include "comm/kruFunctionIds.h"
+#include "comm/kruRESTException.h"
+#include "comm/kruRESTMessage.h"
+#include "comm/kruStaticDefs.h"
+#include "infra/oss/kruNLSException.h"
+#include "infra/oss/kruSocketException.h"
+#include "infra/oss/kruTrace.h"
+#include "tests/support/exchange.h"
+#include "tests/support/raised.h"
+#include "tests/support/replyCorpus.h"
+#include "tests/support/script.h"
+#include "tests/support/scriptedNetwork.h"
+#include "tests/support/scriptedServer.h"
+
+namespace {
+
+using namespace tq::test;
+using tq::comm::ClientRequest;
+using tq::comm::ClientResponse;
+using tq::comm::CorvaneRESTClient;
+using tq::comm::RESTException;
+using tq::comm::RESTMessage;
+using tq::comm::StaticDefs;
+
+constexpr bool kFresh = false;
+constexpr bool kPersistent = true;
+constexpr auto kOnDemand = ScriptedNetwork::Arrival::OnDemand;
+constexpr auto kAllThere = ScriptedNetwork::Arrival::AllThere;
+
+CorvaneRESTClient clientFor(bool persistent) {
+  return CorvaneRESTClient(u"127.0.0.1", 7, persistent);
+}
+
+const std::vector<std::string> kHostAndPort{"127.0.0.1", "7"};
+
+Reply ok(int kind) {
+  Reply reply{"Ok", kind};
+  reply.expected.returnCode = 0;
+  reply.expected.endOfStream = true;
+  return reply;
+}
+
+Script answer(const std::string& text) { return Script().expectRequest().send(text).awaitClose(); }
+Script silence() { return Script().expectRequest().awaitClose(); }
+Script closeEarly() { return Script().expectRequest(); }
+
+Outcome exchangeError(CorvaneRESTClient& client, int kind) {
+  auto request = requestFor(kind);
+  ClientResponse response;
+  return errorOf([&] { client.sendAndRecvMesg(request, response); });
+}
+
+std::string bigBody(std::size_t size) { return std::string(size, 'b'); }
+
+// What goes out.
+
+std::string headerText(ClientRequest& request) {
+  RESTMessage message(u"127.0.0.1", request);
+  return message.getSerializedHeader();
+}
+
+TEST(CorvaneRESTClient, ARequestWithoutADocumentIsItsHeaderAlone) {
+  for (const int kind : {1, 2, 4, 8, 11, 14, 15, 20, 22}) {
+    ScriptedNetwork network(answer(plain(ok(kind))));
+    auto client = clientFor(kFresh);
+    auto request = requestFor(kind);
+    ClientResponse response;
+    client.sendAndRecvMesg(request, response);
+    EXPECT_EQ(network.connection(0).received, headerText(request)) << kind;
+    EXPECT_NE(network.connection(0).received.find("Content-Length  : \n"), std::string::npos);
+  }
+}
+
+TEST(CorvaneRESTClient, ARequestWithADocumentIsHeaderAndBlockAndContentInOneWrite) {
+  ScriptedNetwork network(answer(plain(ok(kAddDocument))));
+  auto client = clientFor(kFresh);
+  auto request = requestFor(kAddDocument);
+  ClientResponse response;
+  client.sendAndRecvMesg(request, response);
+
+  const std::string content(request.getContent(), request.getContentLength());
+  const std::string pair = enveloped("title") + enveloped("one");
+  const std::string tail = pair + enveloped("rowId") + enveloped(std::string("\x01\x02key")) +
+                           enveloped("data") + enveloped(content);
+  const std::string block =
+      bigEndian(0) + bigEndian(static_cast<std::uint32_t>(tail.size())) + tail;
+  EXPECT_EQ(network.connection(0).received, headerText(request) + block);
+  EXPECT_EQ(network.connection(0).requests.size(), 1U) << "the length line covers the block";
+  EXPECT_EQ(network.writes(), 1U);
+}
+
+TEST(CorvaneRESTClient, TheLastDocumentIsAnnouncedByHeaderAndTerminateRecordAlone) {
+  ScriptedNetwork network(Script().expectRequest().awaitClose());
+  auto client = clientFor(kFresh);
+  auto request = requestFor(kLastDocSent);
+  request.setContent({{u"title", u"one"}}, "content", 7);
+  request.setDocKey("key", 3);
+  ClientResponse response;
+  client.sendAndRecvMesg(request, response);
+  EXPECT_EQ(network.connection(0).received, headerText(request) + std::string(8, '\0'));
+  EXPECT_EQ(network.writes(), 1U);
+}
+
+TEST(CorvaneRESTClient, ContentWithoutAKeyIsNotSent) {
+  ScriptedNetwork network(answer(plain(ok(kAddDocument))));
+  auto client = clientFor(kFresh);
+  auto request = requestFor(4);
+  request.setContent({{u"title", u"one"}}, "content", 7);
+  ClientResponse response;
+  client.sendAndRecvMesg(request, response);
+  EXPECT_EQ(network.connection(0).received, headerText(request));
+  EXPECT_TRUE(response.success());
+}
+
+TEST(CorvaneRESTClient, AKeyWithoutMetadataIsRefusedBeforeAnythingIsSent) {
+  for (const int kind : {kAddDocument, kDeleteDocument, kAsynchAddDocument}) {
+    ScriptedNetwork network(answer(plain(ok(kind))));
+    auto client = clientFor(kFresh);
+    auto request = requestFor(4);
+    tq::util::ExtendedProperties properties;
+    request.buildRequest(u"c1", static_cast<ClientRequest::REQUEST>(kind), properties);
+    request.setDocKey("key", 3);
+    ClientResponse response;
+    EXPECT_THROW(client.sendAndRecvMesg(request, response), RESTException);
+    EXPECT_EQ(network.writes(), 0U);
+    EXPECT_FALSE(response.success());
+    // `send` is no way around it.
+    client.open();
+    EXPECT_THROW(client.send(request), RESTException);
+    EXPECT_EQ(network.writes(), 0U);
+  }
+}
+
+TEST(CorvaneRESTClient, ARefusedRequestLeavesTheConnectionAsItWas) {
+  ScriptedNetwork network(Script()
+                              .expectRequest()
+                              .send(plain(ok(1)))
+                              .expectRequest()
+                              .send(plain(nextReply()))
+                              .awaitClose());
+  auto client = clientFor(kPersistent);
+  EXPECT_EQ(runExchange(client, 1), ok(1).expected);
+  auto request = requestFor(kDeleteDocument);
+  request.getMetadata().clear();
+  ClientResponse response;
+  EXPECT_THROW(client.sendAndRecvMesg(request, response), RESTException);
+  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+  EXPECT_EQ(network.connections(), 1U);
+}
+
+TEST(CorvaneRESTClient, AWriteThatTakesFewBytesAtATimeIsContinued) {
+  ScriptedNetwork network(answer(plain(ok(kAddDocument))));
+  network.limitWrites(3);
+  auto client = clientFor(kFresh);
+  EXPECT_EQ(runExchange(client, kAddDocument), ok(kAddDocument).expected);
+  EXPECT_EQ(network.requests(), 1U);
+}
+
+TEST(CorvaneRESTClient, SendWritesTheRequestAndReadsAndRecordsNothing) {
+  ScriptedNetwork network(Script().expectRequest().send("unread").awaitClose());
+  auto client = clientFor(kPersistent);
+  client.open();
+  // The message's own kind decides: nothing has told the client that this is the last document.
+  auto request = requestFor(kLastDocSent);
+  client.send(request);
+  EXPECT_EQ(network.connection(0).received, headerText(request) + std::string(8, '\0'));
+  EXPECT_EQ(network.receives(), 0U);
+}
+
+TEST(CorvaneRESTClient, SendLeavesTheKindOfAnOpenStreamAlone) {
+  const auto& reply = replyNamed("StreamSearchWithFortyHits");
+  ScriptedNetwork network(answer(chunked(reply, 400, true).text));
+  auto client = clientFor(kPersistent);
+  auto search = requestFor(kStreamSearch);
+  ClientResponse response;
+  client.sendAndRecvMesg(search, response);
+  const auto first = response.getSearchResponse().count();
+  auto other = requestFor(kParseResult);
+  client.send(other);
+  client.recv(response);
+  auto& hits = response.getSearchResponse();
+  ASSERT_TRUE(hits.hasMore()) << "still read as a search";
+  EXPECT_EQ(utf8(hits.getNext().getDocId()), reply.expected.hits[first].id);
+  EXPECT_EQ(response.getParseResponse().count(), 0U);
+}
+
+TEST(CorvaneRESTClient, ABufferedConnectionMakesNoDifference) {
+  Script script;
+  script.expectRequest().expectRequest().expectRequest().send(plain(nextReply())).awaitClose();
+  ScriptedNetwork network(script);
+  auto client = clientFor(kPersistent);
+  client.useBufferedConnection(true);
+  for (const std::size_t sent : {1U, 2U}) {
+    EXPECT_EQ(runExchange(client, kAsynchAddDocument).errorId, "");
+    EXPECT_EQ(network.writes(), sent) << "nothing is held back";
+  }
+  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+}
+
+TEST(CorvaneRESTClient, SendDoesNotOpenTheConnection) {
+  ScriptedNetwork network(Script().awaitClose());
+  auto client = clientFor(kPersistent);
+  auto request = requestFor(1);
+  EXPECT_THROW(client.send(request), tq::oss::SocketException);
+  EXPECT_EQ(network.connectAttempts(), 0U);
+}
+
+TEST(CorvaneRESTClient, SendMesgPassesTheSocketsExceptionOn) {
+  ScriptedNetwork network(Script().awaitClose());
+  auto client = clientFor(kPersistent);
+  client.open();
+  network.failNextWrite(EPIPE);
+  auto request = requestFor(1);
+  RESTMessage message(u"127.0.0.1", request);
+  try {
+    client.sendMesg(message);
+    FAIL();
+  } catch (const tq::oss::SocketException& error) {
+    EXPECT_EQ(error.getErrorNumber(), EPIPE);
+  }
+}
+
+// Kinds without a reply.
+
+TEST(CorvaneRESTClient, KindsWithoutAReplyReturnAtOnceAsSuccesses) {
+  for (const int kind : {kAsynchAddDocument, kLastDocSent}) {
+    ScriptedNetwork network(Script().expectRequest().awaitClose());
+    auto client = clientFor(kPersistent);
+    const auto outcome = runExchange(client, kind);
+    EXPECT_EQ(outcome, ok(kind).expected) << kind;
+    EXPECT_FALSE(network.waitedForever());
+    EXPECT_EQ(network.requests(), 1U);
+  }
+}
+
+TEST(CorvaneRESTClient, KindsWithoutAReplyShareTheirConnection) {
+  Script script;
+  for (int i = 0; i < 5; ++i) script.expectRequest();
+  ScriptedNetwork network(script.send(plain(nextReply())).awaitClose());
+  auto client = clientFor(kPersistent);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(runExchange(client, kAsynchAddDocument).errorId, "");
+  EXPECT_EQ(runExchange(client, kLastDocSent).errorId, "");
+  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+  EXPECT_EQ(network.connections(), 1U);
+}
+
+TEST(CorvaneRESTClient, BeforeAKindWithoutAReplyOneLookTellsThatTheConnectionIsStale) {
+  for (const bool reset : {false, true}) {
+    Script stale;
+    stale.expectRequest().send(plain(ok(1)));
+    if (reset) stale.reset();
+    ScriptedNetwork network({stale, Script().expectRequest().awaitClose()});
+    auto client = clientFor(kPersistent);
+    EXPECT_EQ(runExchange(client, 1).errorId, "");
+    EXPECT_EQ(runExchange(client, kAsynchAddDocument).errorId, "");
+    EXPECT_EQ(network.connections(), 2U);
+    EXPECT_EQ(network.connection(1).requests.size(), 1U) << "the document must not be lost";
+  }
+}
+
+// Connections.
+
+TEST(CorvaneRESTClient, EachExchangeHasAConnectionOfItsOwnUnlessPersistent) {
+  for (const bool persistent : {false, true}) {
+    Script script;
+    for (int i = 0; i < 3; ++i) script.expectRequest().send(plain(nextReply()));
+    ScriptedNetwork network(script.awaitClose());
+    auto client = clientFor(persistent);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+    EXPECT_EQ(network.connections(), persistent ? 1U : 3U);
+  }
+}
+
+TEST(CorvaneRESTClient, PersistenceCanBeChangedBetweenExchanges) {
+  Script script;
+  for (int i = 0; i < 3; ++i) script.expectRequest().send(plain(nextReply()));
+  ScriptedNetwork network(script.awaitClose());
+  auto client = clientFor(kPersistent);
+  runExchange(client, kGetStatus);
+  runExchange(client, kGetStatus);
+  EXPECT_EQ(network.connections(), 1U);
+  client.usePeristentConnection(false);
+  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+  EXPECT_EQ(network.connections(), 2U);
+}
+
+TEST(CorvaneRESTClient, ItsEndClosesThePersistentConnection) {
+  ScriptedNetwork network(answer(plain(ok(1))));
+  {
+    auto client = clientFor(kPersistent);
+    runExchange(client, 1);
+    EXPECT_FALSE(network.connection(0).clientClosed);
+  }
+  EXPECT_TRUE(network.connection(0).clientClosed);
+}
+
+TEST(CorvaneRESTClient, APersistentConnectionThatTheServerHasClosedIsReplacedByTheRetry) {
+  ScriptedNetwork network(
+      {Script().expectRequest().send(plain(nextReply())), answer(plain(nextReply()))});
+  auto client = clientFor(kPersistent);
+  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+  EXPECT_EQ(network.connections(), 2U);
+}
+
+TEST(CorvaneRESTClient, OverLoopbackAStaleConnectionIsReplacedByTheRetry) {
+  ScriptedServer server(
+      {Script().expectRequest().send(plain(nextReply())), answer(plain(nextReply()))});
+  CorvaneRESTClient client(u"127.0.0.1", server.port(), kPersistent);
+  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+  EXPECT_EQ(server.connections(), 2U);
+}
+
+TEST(CorvaneRESTClient, AChunkedReplyReadToItsEndKeepsItsConnection) {
+  const auto& reply = replyNamed("StreamSearchWithThreeHits");
+  for (const auto arrival : {kOnDemand, kAllThere}) {
+    for (const std::size_t size : {std::size_t{0}, std::size_t{7}}) {
+      ScriptedNetwork network(Script()
+                                  .expectRequest()
+                                  .send(chunked(reply, size, true).text)
+                                  .expectRequest()
+                                  .send(plain(nextReply()))
+                                  .awaitClose(),
+                              arrival);
+      auto client = clientFor(kPersistent);
+      EXPECT_EQ(runExchange(client, reply.kind), reply.expected);
+      EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+      EXPECT_EQ(network.connections(), 1U) << "chunks of " << size;
+      EXPECT_EQ(network.requests(), 2U);
+    }
+  }
+}
+
+TEST(CorvaneRESTClient, AnErrorReadToItsEndKeepsItsConnection) {
+  const auto& error = replyNamed("ServerErrorOnKind8");
+  ScriptedNetwork network(Script()
+                              .expectRequest()
+                              .send(plain(error))
+                              .expectRequest()
+                              .send(plain(nextReply()))
+                              .awaitClose());
+  auto client = clientFor(kPersistent);
+  EXPECT_EQ(runExchange(client, 8), error.expected);
+  EXPECT_TRUE(client.isConnected());
+  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+  EXPECT_EQ(network.connections(), 1U);
+}
+
+TEST(CorvaneRESTClient, AReplyThatNobodyAskedForIsNotTakenForTheNextOne) {
+  const auto stray = replyNamed("GetStatus");
+  ScriptedNetwork network({Script().expectRequest().send(plain(ok(1)) + plain(stray)).awaitClose(),
+                           answer(plain(nextReply()))});
+  auto client = clientFor(kPersistent);
+  EXPECT_EQ(runExchange(client, 1), ok(1).expected);
+  // The stray bytes came with the reply, into the same receive.
+  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+  EXPECT_EQ(network.connections(), 2U);
+}
+
+TEST(CorvaneRESTClient, AnAbandonedStreamIsNotTakenForTheNextReply) {
+  const auto& reply = replyNamed("StreamSearchWithFortyHits");
+  for (const auto arrival : {kOnDemand, kAllThere}) {
+    ScriptedNetwork network({Script()
+                                 .expectRequest()
+                                 .send(chunked(reply, 100, true).text, 50)
+                                 .expectRequest()
+                                 .send(plain(nextReply()))
+                                 .awaitClose(),
+                             answer(plain(nextReply()))},
+                            arrival);
+    auto client = clientFor(kPersistent);
+    auto request = requestFor(8);
+    ClientResponse response;
+    client.sendAndRecvMesg(request, response);
+    EXPECT_FALSE(client.isEndOfStream());
+    EXPECT_TRUE(client.isConnected());
+    EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+    EXPECT_EQ(network.connections(), 2U);
+  }
+}
+
+TEST(CorvaneRESTClient, AfterAnAbandonedStreamOpenItselfStillLeavesTheConnectionAlone) {
+  const auto& reply = replyNamed("StreamSearchWithFortyHits");
+  ScriptedNetwork network(answer(chunked(reply, 100, true).text), kOnDemand);
+  auto client = clientFor(kPersistent);
+  auto request = requestFor(8);
+  ClientResponse response;
+  client.sendAndRecvMesg(request, response);
+  client.open();
+  EXPECT_EQ(network.connections(), 1U);
+  // The stream goes on where it was.
+  Outcome outcome;
+  while (!client.isEndOfStream()) client.recv(response);
+  EXPECT_FALSE(client.isTruncated());
+}
+
+TEST(CorvaneRESTClient, ARefusedReplyIsNotReadOnByTheNextExchange) {
+  const auto& reply = replyNamed("ParseResultWithThreeRows");
+  ScriptedNetwork network({Script()
+                               .expectRequest()
+                               .send(chunked(reply, 16, true).text)
+                               .expectRequest()
+                               .send(plain(nextReply()))
+                               .awaitClose(),
+                           answer(plain(nextReply()))});
+  auto client = clientFor(kPersistent);
+  EXPECT_EQ(runExchange(client, kParseResult).errorId, "ERR_CLIENT_RESP_PARSING");
+  EXPECT_EQ(network.requests(), 1U) << "not repeated";
+  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+  EXPECT_EQ(network.connections(), 2U);
+}
+
+// Retries.
+
+TEST(CorvaneRESTClient, AFailedExchangeRunsTwiceOnTwoConnectionsByDefault) {
+  for (const bool persistent : {false, true}) {
+    ScriptedNetwork network(closeEarly());
+    auto client = clientFor(persistent);
+    const auto error = exchangeError(client, 1);
+    EXPECT_EQ(error.errorId, "ERR_SERVER_COMM_RECV");
+    EXPECT_EQ(error.errorArguments, kHostAndPort);
+    EXPECT_EQ(error.errorFile, "kruCorvaneRESTClient");
+    EXPECT_EQ(network.connections(), 2U);
+    EXPECT_TRUE(network.connection(0).clientClosed) << "closed before the retry";
+    EXPECT_EQ(network.connection(0).requests, network.connection(1).requests);
+  }
+}
+
+TEST(CorvaneRESTClient, NRetriesMakeNPlus1Attempts) {
+  for (const unsigned int retries : {0U, 1U, 2U, 7U}) {
+    ScriptedNetwork network(closeEarly());
+    auto client = clientFor(kPersistent);
+    client.setNumRetries(retries);
+    EXPECT_EQ(exchangeError(client, 8).errorId, "ERR_SERVER_COMM_RECV");
+    EXPECT_EQ(network.connections(), retries + 1);
+    EXPECT_EQ(network.requests(), retries + 1);
+  }
+}
+
+TEST(CorvaneRESTClient, InitSetsOneRetry) {
+  ScriptedNetwork network(closeEarly());
+  auto client = clientFor(kFresh);
+  client.setNumRetries(5);
+  client.init();
+  exchangeError(client, 1);
+  EXPECT_EQ(network.connections(), 2U);
+}
+
+/// A client whose attempts all fail in a way that bears repeating.
+class CountingClient : public CorvaneRESTClient {
+ public:
+  void sendAndRecvMesgOnce(ClientRequest&, ClientResponse&) override {
+    ++attempts;
+    tq::oss::MessageList messages;
+    messages.add(tq::oss::Message(StaticDefs::ERR_SERVER_COMM_RECV, icu::UnicodeString()));
+    throw RESTException(messages);
+  }
+  unsigned int attempts = 0;
+};
+
+TEST(CorvaneRESTClient, ADefaultConstructedClientHasNoRetryUntilItIsTold) {
+  CountingClient client;
+  const auto attempts = [&] {
+    client.attempts = 0;
+    EXPECT_EQ(exchangeError(client, 1).errorId, "ERR_SERVER_COMM_RECV");
+    return client.attempts;
+  };
+  EXPECT_EQ(attempts(), 1U);
+  client.setNumRetries(2);
+  EXPECT_EQ(attempts(), 3U);
+  client.init();
+  EXPECT_EQ(attempts(), 2U);
+}
+
+TEST(CorvaneRESTClient, ADefaultConstructedClientHasNoServer) {
+  ScriptedNetwork network(closeEarly());
+  CorvaneRESTClient client;
+  EXPECT_EQ(exchangeError(client, 1).errorId, "ERR_CONNECT_SERVER");
+  EXPECT_EQ(exchangeError(client, 1).errorArguments,
+            (std::vector<std::string>{"<unspecified>", "0"}));
+  EXPECT_EQ(network.connectAttempts(), 0U);
+}
+
+TEST(CorvaneRESTClient, ARetryThatSucceedsIsASuccess) {
+  ScriptedNetwork network({closeEarly(), answer(plain(nextReply()))});
+  auto client = clientFor(kPersistent);
+  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+  EXPECT_EQ(network.connections(), 2U);
+  // The connection of the second attempt is kept.
+  EXPECT_FALSE(network.connection(1).clientClosed);
+}
+
+TEST(CorvaneRESTClient, AHitOfAFailedAttemptIsNotCountedTwice) {
+  const auto& reply = replyNamed("StreamSearchWithThreeHits");
+  const auto text = plain(reply);
+  ScriptedNetwork network(
+      {Script().expectRequest().send(text.substr(0, text.size() - 3)), answer(text)});
+  auto client = clientFor(kFresh);
+  EXPECT_EQ(runExchange(client, reply.kind), reply.expected);
+}
+
+TEST(CorvaneRESTClient, AConnectThatFailsIsRepeated) {
+  ScriptedNetwork network(answer(plain(ok(1))));
+  network.failConnects(ECONNREFUSED);
+  auto client = clientFor(kFresh);
+  client.setNumRetries(3);
+  const auto error = exchangeError(client, 1);
+  EXPECT_EQ(error.errorId, "ERR_CONNECT_SERVER");
+  EXPECT_EQ(error.errorArguments, kHostAndPort);
+  EXPECT_EQ(error.errorFile, "kruCorvaneClient") << "the messages are carried unchanged";
+  EXPECT_EQ(network.connectAttempts(), 4U);
+}
+
+TEST(CorvaneRESTClient, TheMessagesOfTheLastAttemptReachTheCallerUnchanged) {
+  ScriptedNetwork network(answer(plain(ok(1))));
+  network.failConnects(ECONNREFUSED);
+  auto client = clientFor(kFresh);
+  auto request = requestFor(1);
+  ClientResponse response;
+  try {
+    client.sendAndRecvMesg(request, response);
+    FAIL();
+  } catch (const RESTException& error) {
+    ASSERT_EQ(error.getMessageList().size(), 2U);
+    EXPECT_EQ(utf8((error.getMessageList().begin() + 1)->getMessageText()), "Connection refused");
+  }
+}
+
+TEST(CorvaneRESTClient, ATimeOutIsRepeatedToo) {
+  ScriptedNetwork network(silence());
+  auto client = clientFor(kPersistent);
+  client.setTimeOut(200);
+  const auto error = exchangeError(client, 1);
+  EXPECT_EQ(error.errorId, "ERR_SERVER_COMM_TIMEOUT");
+  EXPECT_EQ(error.errorArguments, kHostAndPort);
+  EXPECT_EQ(network.requests(), 2U);
+  EXPECT_LE(network.elapsedMillis(), 2U * 300U);
+}
+
+TEST(CorvaneRESTClient, RefusalsOfTheServerAreNotRepeated) {
+  for (const char* name : {"ServerErrorOnKind8", "BadRequestOnKind8", "UnauthorizedOnKind8",
+                           "NotFoundOnKind8", "ServerErrorWithoutId"}) {
+    const auto& reply = replyNamed(name);
+    ScriptedNetwork network(answer(plain(reply)));
+    auto client = clientFor(kPersistent);
+    EXPECT_EQ(runExchange(client, reply.kind), reply.expected);
+    EXPECT_EQ(network.connections(), 1U) << name;
+    EXPECT_EQ(network.requests(), 1U) << name;
+  }
+}
+
+TEST(CorvaneRESTClient, AServersOwnIdThatSpellsACommunicationErrorIsRepeated) {
+  // The loop looks at nothing but the id.
+  Reply reply{"Lie", 1, 500};
+  reply.body = "    " + enveloped(record({{"MsgId", "ERR_SERVER_COMM_RECV"}, {"MsgText", "t"}}));
+  ScriptedNetwork network(
+      Script().expectRequest().send(plain(reply)).expectRequest().send(plain(reply)).awaitClose());
+  auto client = clientFor(kPersistent);
+  EXPECT_EQ(runExchange(client, 1).errorText, "t");
+  EXPECT_EQ(network.requests(), 2U);
+  EXPECT_EQ(network.connections(), 2U) << "a retry starts afresh, however sound the connection is";
+}
+
+TEST(CorvaneRESTClient, AFailedWriteIsAnInternalErrorWithoutArgumentsAndNotRepeated) {
+  ScriptedNetwork network(answer(plain(ok(1))));
+  network.failNextWrite(EPIPE);
+  auto client = clientFor(kPersistent);
+  const auto error = exchangeError(client, 1);
+  EXPECT_EQ(error.errorId, "ERR_CLIENT_INTERNAL");
+  EXPECT_TRUE(error.errorArguments.empty());
+  EXPECT_EQ(network.connections(), 1U);
+  EXPECT_EQ(network.writes(), 1U);
+  EXPECT_EQ(error.errorText, "") << "the write's own words are not reported";
+}
+
+/// A host whose trace facility closes the client as soon as it has opened its connection.
+class ClosingFacility : public tq::oss::TraceFacility {
+ public:
+  explicit ClosingFacility(CorvaneRESTClient& client) : client_(client) {
+    tq::oss::setTraceFacility(this);
+  }
+  ~ClosingFacility() override { tq::oss::setTraceFacility(nullptr); }
+  unsigned long getComponentTraceFlags(unsigned int) override { return 2; }
+  void traceEntry(unsigned int) override {}
+  void traceExit(unsigned int functionId, long) override {
+    if (functionId == tq::comm::trace::CorvaneClientOpen) client_.close();
+  }
+
+ private:
+  CorvaneRESTClient& client_;
+};
+
+TEST(CorvaneRESTClient, AConnectionThatIsNotUpAfterOpeningIsAConnectErrorAndRepeated) {
+  ScriptedNetwork network(answer(plain(ok(1))));
+  auto client = clientFor(kPersistent);
+  const ClosingFacility facility(client);
+  const auto error = exchangeError(client, 1);
+  EXPECT_EQ(error.errorId, "ERR_CONNECT_SERVER");
+  EXPECT_EQ(error.errorFile, "kruCorvaneRESTClient");
+  EXPECT_EQ(error.errorArguments, kHostAndPort);
+  EXPECT_EQ(network.connectAttempts(), 2U);
+  EXPECT_EQ(network.writes(), 0U);
+}
+
+/// A client one of whose steps fails in a way that the exchange does not know.
+class ForeignlyFailingClient : public CorvaneRESTClient {
+ public:
+  enum class Step { Send, Reply, Portion };
+  ForeignlyFailingClient(Step step, void (*fail)())
+      : CorvaneRESTClient(u"127.0.0.1", 7, kPersistent), step_(step), fail_(fail) {}
+  void sendMesg(RESTMessage& message) override {
+    if (step_ == Step::Send) fail_();
+    CorvaneRESTClient::sendMesg(message);
+  }
+  void recvMesg(ClientResponse& response) override {
+    if (step_ == Step::Reply) fail_();
+    CorvaneRESTClient::recvMesg(response);
+  }
+  void recvStream(ClientResponse& response) override {
+    if (step_ == Step::Portion) fail_();
+    CorvaneRESTClient::recvStream(response);
+  }
+
+ private:
+  Step step_;
+  void (*fail_)();
+};
+
+constexpr ForeignlyFailingClient::Step kSteps[] = {ForeignlyFailingClient::Step::Send,
+                                                   ForeignlyFailingClient::Step::Reply,
+                                                   ForeignlyFailingClient::Step::Portion};
+
+// Each record of the reply is a chunk, so that its exchange pulls portions.
+std::string parseResultsInPortions() {
+  const auto& reply = replyNamed("ParseResultWithThreeRows");
+  return chunkedAt(reply, {reply.recordStarts.begin() + 1, reply.recordStarts.end()}, true).text;
+}
+
+TEST(CorvaneRESTClient, AnInfrastructureErrorIsAnInternalErrorWithoutArgumentsAndNotRepeated) {
+  for (const auto step : kSteps) {
+    ScriptedNetwork network(answer(parseResultsInPortions()));
+    ForeignlyFailingClient client(step, [] { throw tq::oss::NLSException(); });
+    auto request = requestFor(kParseResult);
+    ClientResponse response;
+    const auto raised = raisedBy([&] { client.sendAndRecvMesg(request, response); });
+    ASSERT_EQ(raised.size(), 1U);
+    EXPECT_EQ(raised.front().id, "ERR_CLIENT_INTERNAL");
+    EXPECT_TRUE(raised.front().arguments.empty());
+    EXPECT_EQ(network.connections(), 1U);
+    EXPECT_LE(network.requests(), 1U);
+  }
+}
+
+TEST(CorvaneRESTClient, AnyOtherExceptionPassesThroughUnchangedAndIsNotRepeated) {
+  for (const auto step : kSteps) {
+    ScriptedNetwork network(answer(parseResultsInPortions()));
+    auto request = requestFor(kParseResult);
+    ClientResponse response;
+    ForeignlyFailingClient standard(step, [] { throw std::runtime_error("from elsewhere"); });
+    try {
+      standard.sendAndRecvMesg(request, response);
+      FAIL();
+    } catch (const std::runtime_error& error) {
+      EXPECT_STREQ(error.what(), "from elsewhere");
+    }
+    EXPECT_EQ(network.connections(), 1U);
+    ForeignlyFailingClient memory(step, [] { throw std::bad_alloc(); });
+    EXPECT_THROW(memory.sendAndRecvMesg(request, response), std::bad_alloc);
+    ForeignlyFailingClient number(step, [] { throw 17; });
+    EXPECT_THROW(number.sendAndRecvMesg(request, response), int);
+    EXPECT_EQ(network.connections(), 3U) << "one each";
+  }
+}
+
+TEST(CorvaneRESTClient, AfterAFailedWriteTheNextExchangeStartsOnAFreshConnection) {
+  // Half a request may be with the server: what follows on that connection would be read as its
+  // rest.
+  ScriptedNetwork network({silence(), answer(plain(nextReply()))});
+  network.failNextWrite(ENOBUFS);
+  auto client = clientFor(kPersistent);
+  EXPECT_EQ(exchangeError(client, 1).errorId, "ERR_CLIENT_INTERNAL");
+  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+  EXPECT_EQ(network.connections(), 2U);
+  EXPECT_EQ(network.connection(0).received, "");
+  EXPECT_FALSE(network.waitedForever());
+}
+
+TEST(CorvaneRESTClient, IsCommnErrorKnowsExactlyFourIds) {
+  for (auto id : {StaticDefs::ERR_SERVER_COMM_RECV, StaticDefs::ERR_CONNECT_SERVER,
+                  StaticDefs::ERR_SERVER_COMM_SEND, StaticDefs::ERR_SERVER_COMM_TIMEOUT}) {
+    EXPECT_TRUE(CorvaneRESTClient::isCommnError(id)) << utf8(id);
+  }
+  for (icu::UnicodeString id :
+       {StaticDefs::ERR_CLIENT_INTERNAL, StaticDefs::ERR_INVALID_STATE, StaticDefs::ERR_SERVER_APP,
+        StaticDefs::ERR_CLIENT_RESP_PARSING, StaticDefs::ERR_SERVER_PROTOCOL,
+        StaticDefs::ERR_SERVER_INVALID_AUTH, icu::UnicodeString(u"ZVK0001E"), icu::UnicodeString(),
+        icu::UnicodeString(u"ERR_SERVER_COMM_RECV "), icu::UnicodeString(u"err_server_comm_recv"),
+        icu::UnicodeString(u"ERR_SERVER_COMM")}) {
+    EXPECT_FALSE(CorvaneRESTClient::isCommnError(id)) << utf8(id);
+  }
+}
+
+// Time-outs.
+
+TEST(CorvaneRESTClient, ASilentServerRaisesTheTimeOutWithinOneHundredMilliseconds) {
+  ScriptedNetwork network(silence());
+  auto client = clientFor(kFresh);
+  client.setNumRetries(0);
+  client.setTimeOut(500);
+  EXPECT_EQ(exchangeError(client, 1).errorId, "ERR_SERVER_COMM_TIMEOUT");
+  EXPECT_GE(network.elapsedMillis(), 500U);
+  EXPECT_LE(network.elapsedMillis(), 600U);
+}
+
+TEST(CorvaneRESTClient, OverLoopbackASilentServerRaisesTheTimeOut) {
+  ScriptedServer server(Script().stall());
+  CorvaneRESTClient client(u"127.0.0.1", server.port(), kFresh);
+  client.setTimeOut(20);
+  const auto error = exchangeError(client, 1);
+  EXPECT_EQ(error.errorId, "ERR_SERVER_COMM_TIMEOUT");
+  EXPECT_EQ(error.errorArguments,
+            (std::vector<std::string>{"127.0.0.1", std::to_string(server.port())}));
+  EXPECT_EQ(server.connections(), 2U);
+}
+
+TEST(CorvaneRESTClient, TheTimeOutHoldsAtEveryWaitOfAnExchange) {
+  // Wherever the server stops, nobody waits longer for it than the time-out.
+  for (const char* name : {"StreamSearchWithOneHit", "GetStatus", "ParseResultWithOneRow",
+                           "ServerErrorOnKind8", "Kind1WithoutBody"}) {
+    const auto& reply = replyNamed(name);
+    for (const auto& text : {plain(reply), chunked(reply, 0, true).text}) {
+      for (std::size_t length = 0; length < text.size(); ++length) {
+        ScriptedNetwork network(Script().expectRequest().send(text.substr(0, length)).awaitClose(),
+                                kOnDemand);
+        auto client = clientFor(kFresh);
+        client.setNumRetries(0);
+        client.setTimeOut(100);
+        const auto outcome = runExchange(client, reply.kind);
+        ASSERT_FALSE(network.waitedForever()) << name << " cut at " << length;
+        ASSERT_LE(network.elapsedMillis(), 200U) << name << " cut at " << length;
+        if (network.elapsedMillis() != 0) {
+          ASSERT_EQ(outcome.errorId, "ERR_SERVER_COMM_TIMEOUT") << name << " cut at " << length;
+        } else {
+          auto complete = outcome;
+          ASSERT_EQ(complete, reply.expected) << name << " cut at " << length;
+        }
+      }
+    }
+  }
+}
+
+TEST(CorvaneRESTClient, TheTimeOutHoldsInRecvAndLosesNothing) {
+  const auto& reply = replyNamed("StreamSearchWithThreeHits");
+  const auto form = chunked(reply, 20, true);
+  for (std::size_t cut = form.chunks[0].dataEnd; cut < form.text.size() - 7; ++cut) {
+    SCOPED_TRACE("cut at " + std::to_string(cut));
+    ScriptedNetwork network(Script()
+                                .expectRequest()
+                                .send(form.text.substr(0, cut))
+                                .stall()
+                                .send(form.text.substr(cut))
+                                .awaitClose(),
+                            kOnDemand);
+    auto client = clientFor(kPersistent);
+    client.setTimeOut(100);
+    auto request = requestFor(8);
+    ClientResponse response;
+    client.sendAndRecvMesg(request, response);
+    std::vector<std::string> ids;
+    const auto take = [&] {
+      auto& hits = response.getSearchResponse();
+      while (hits.hasMore()) ids.push_back(utf8(hits.getNext().getDocId()));
+    };
+    take();
+    std::string error;
+    while (!client.isEndOfStream() && error.empty()) {
+      error = errorOf([&] { client.recv(response); }).errorId;
+      if (error.empty()) take();
+    }
+    ASSERT_FALSE(network.waitedForever());
+    if (error.empty()) {
+      ASSERT_GE(cut, form.chunks.back().dataEnd) << "the stream ended too early";
+      continue;
+    }
+    ASSERT_EQ(error, "ERR_SERVER_COMM_TIMEOUT");
+    ASSERT_LE(network.elapsedMillis(), 200U);
+    network.release();
+    while (!client.isEndOfStream()) {
+      client.recv(response);
+      take();
+    }
+    ASSERT_FALSE(client.isTruncated());
+    ASSERT_EQ(ids, (std::vector<std::string>{"base64:AAECAw==", "base64:a2V5", "base64:/+8="}));
+  }
+}
+
+TEST(CorvaneRESTClient, AfterATimeOutALateReplyIsNotTakenForTheNextOne) {
+  ScriptedNetwork network(
+      {Script().expectRequest().stall().send(plain(replyNamed("GetStatus"))).awaitClose(),
+       answer(plain(nextReply()))});
+  auto client = clientFor(kPersistent);
+  client.setNumRetries(0);
+  client.setTimeOut(100);
+  EXPECT_EQ(exchangeError(client, kGetStatus).errorId, "ERR_SERVER_COMM_TIMEOUT");
+  network.release();
+  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+  EXPECT_EQ(network.connections(), 2U);
+}
+
+TEST(CorvaneRESTClient, WithoutATimeOutItWaitsForAsLongAsItTakes) {
+  ScriptedServer server(Script().expectRequest().stall().send(plain(nextReply())).awaitClose());
+  std::thread releaser([&] {
+    server.awaitRequests(0, 1);
+    server.release();
+  });
+  CorvaneRESTClient client(u"127.0.0.1", server.port(), kFresh);
+  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+  releaser.join();
+}
+
+TEST(CorvaneRESTClient, ADeadlineBoundsAllAttemptsTogether) {
+  ScriptedNetwork network(silence());
+  auto client = clientFor(kFresh);
+  client.setNumRetries(50);
+  client.setTimeOut(100);
+  client.setDeadline(450);
+  EXPECT_EQ(exchangeError(client, 1).errorId, "ERR_SERVER_COMM_TIMEOUT");
+  EXPECT_LE(network.elapsedMillis(), 550U);
+  EXPECT_GE(network.elapsedMillis(), 400U);
+}
+
+// Pulling further portions.
+
+TEST(CorvaneRESTClient, RecvWithoutAConnectionIsAnErrorOfTheConnection) {
+  auto client = clientFor(kPersistent);
+  ClientResponse response;
+  const auto error = errorOf([&] { client.recv(response); });
+  EXPECT_EQ(error.errorId, "ERR_CONNECT_SERVER");
+  EXPECT_EQ(error.errorArguments, kHostAndPort);
+  EXPECT_EQ(error.errorFile, "kruCorvaneRESTClient");
+}
+
+TEST(CorvaneRESTClient, RecvAtTheEndOfTheStreamGivesAnEmptySearchResponse) {
+  for (const char* name :
+       {"StreamSearchWithThreeHits", "ScalarSearchWithThreeHits", "ParseResultWithThreeRows"}) {
+    const auto& reply = replyNamed(name);
+    ScriptedNetwork network(answer(plain(reply)));
+    auto client = clientFor(kPersistent);
+    auto request = requestFor(reply.kind);
+    ClientResponse response;
+    client.sendAndRecvMesg(request, response);
+    ASSERT_TRUE(client.isEndOfStream()) << name;
+    const auto receives = network.receives();
+    client.recv(response);
+    EXPECT_EQ(network.receives(), receives);
+    EXPECT_EQ(response.getSearchResponse().count(), 0U) << name;
+    EXPECT_FALSE(response.getSearchResponse().hasMore()) << name;
+    if (reply.kind == kParseResult) {
+      EXPECT_EQ(response.getParseResponse().count(), 3U) << "only the search results are replaced";
+    }
+  }
+}
+
+TEST(CorvaneRESTClient, AStreamingSearchsPortionsReplaceEachOtherAndAScalarSearchsAddUp) {
+  for (const char* name : {"StreamSearchWithFortyHits", "ScalarSearchWithFortyHits"}) {
+    const auto& reply = replyNamed(name);
+    ScriptedNetwork network(answer(chunked(reply, 400, true).text));
+    auto client = clientFor(kPersistent);
+    auto request = requestFor(reply.kind);
+    ClientResponse response;
+    client.sendAndRecvMesg(request, response);
+    const auto first = response.getSearchResponse().count();
+    ASSERT_GT(first, 0U);
+    ASSERT_FALSE(client.isEndOfStream());
+    client.recv(response);
+    const auto second = response.getSearchResponse().count();
+    if (reply.kind == kStreamSearch) {
+      EXPECT_LT(second, 20U) << "the first portion is gone";
+    } else {
+      EXPECT_GT(second, first);
+    }
+  }
+}
+
+TEST(CorvaneRESTClient, AnEstimatesPortionsClearNoHitsThatTheResponseHolds) {
+  const auto& reply = replyNamed("Selectivity");
+  ScriptedNetwork network(answer(chunked(reply, 0, true).text));
+  auto client = clientFor(kPersistent);
+  auto request = requestFor(kSelectivity);
+  ClientResponse response;
+  response.addSearchResult(tq::comm::SearchResult(false));
+  client.sendAndRecvMesg(request, response);
+  EXPECT_EQ(response.getSearchResponse().count(), 1U);
+  ASSERT_FALSE(client.isEndOfStream());
+  client.recv(response);
+  EXPECT_TRUE(client.isEndOfStream());
+  EXPECT_EQ(response.getSearchResponse().count(), 1U) << "a portion replaces nothing";
+  client.recv(response);
+  EXPECT_EQ(response.getSearchResponse().count(), 0U) << "behind the end there is an empty list";
+}
+
+TEST(CorvaneRESTClient, WhatIsCarriedStaysInFrontWhileAStepLeavesNothingOver) {
+  // Chunks too short for a record's start: the size line between two of them is consumed whole,
+  // and what was carried before it is neither dropped nor taken for a part of the line.
+  const auto& reply = replyNamed("StreamSearchWithThreeHits");
+  for (const std::vector<std::size_t>& ends :
+       {std::vector<std::size_t>{3, 5, reply.body.size()},
+        std::vector<std::size_t>{1, 2, 3, 4, 5, 6, 7, reply.body.size()},
+        std::vector<std::size_t>{reply.recordStarts[1] + 2, reply.recordStarts[1] + 3,
+                                 reply.body.size()}}) {
+    for (const auto arrival : {kOnDemand, kAllThere}) {
+      ScriptedNetwork network(answer(chunkedAt(reply, ends, true).text), arrival);
+      auto client = clientFor(kPersistent);
+      EXPECT_EQ(runExchange(client, reply.kind), reply.expected) << ends.size() << " chunks";
+      EXPECT_FALSE(network.waitedForever());
+    }
+  }
+}
+
+TEST(CorvaneRESTClient, TheExchangeSetsTheResultCountTo0First) {
+  const auto& reply = replyNamed("StreamSearchWithThreeHits");
+  Script script;
+  script.expectRequest().send(plain(reply)).expectRequest().send(plain(reply)).awaitClose();
+  ScriptedNetwork network(script);
+  auto client = clientFor(kPersistent);
+  auto request = requestFor(8);
+  ClientResponse response;
+  for (int i = 0; i < 2; ++i) {
+    client.sendAndRecvMesg(request, response);
+    EXPECT_EQ(response.getResultCount(), 3);
+    EXPECT_EQ(response.getSearchResponse().count(), 3U) << "a reused response starts empty";
+  }
+}
+
+TEST(CorvaneRESTClient, ANewExchangeEmptiesTheListsOfStreamedHitsAndParseResultsAlone) {
+  for (const auto& [kind, name, held] : std::vector<std::tuple<int, const char*, unsigned int>>{
+           {kStreamSearch, "StreamSearchWithThreeHits", 3},
+           {6, "StreamSearchWithThreeHits", 3},
+           {kParseResult, "ParseResultWithThreeRows", 3},
+           {kScalarSearch, "ScalarSearchWithThreeHits", 6}}) {
+    const auto text = plain(replyNamed(name));
+    ScriptedNetwork network(
+        Script().expectRequest().send(text).expectRequest().send(text).awaitClose());
+    auto client = clientFor(kPersistent);
+    auto request = requestFor(kind);
+    ClientResponse response;
+    for (int i = 0; i < 2; ++i) client.sendAndRecvMesg(request, response);
+    EXPECT_EQ(response.getSearchResponse().count() + response.getParseResponse().count(), held)
+        << kind;
+  }
+}
+
+TEST(CorvaneRESTClient, TheSinglePullReplacesThePortionThatTheExchangeBrought) {
+  const auto& reply = replyNamed("StreamSearchWithFortyHits");
+  ScriptedNetwork network(answer(chunked(reply, 400, true).text));
+  auto client = clientFor(kPersistent);
+  auto request = requestFor(8);
+  ClientResponse response;
+  client.sendAndRecvMesg(request, response);
+  auto& first = response.getSearchResponse();
+  ASSERT_TRUE(first.hasMore());
+  const auto firstCount = first.count();
+  auto& second = response.getSearchResponse(client, false);
+  ASSERT_TRUE(second.hasMore());
+  EXPECT_EQ(second.count(), static_cast<unsigned int>(response.getResultCount()))
+      << "hits of the first portion that were never taken are gone";
+  EXPECT_EQ(utf8(second.getNext().getDocId()), reply.expected.hits[firstCount].id);
+}
+
+TEST(CorvaneRESTClient, ABrokenStreamEndsWithoutAnErrorAndSaysThatItIsTruncated) {
+  const auto& reply = replyNamed("StreamSearchWithFortyHits");
+  const auto form = chunked(reply, 400, true);
+  for (const bool reset : {false, true}) {
+    Script script;
+    // The second chunk comes without its last byte: its complete records are dropped with it.
+    script.expectRequest().send(form.text.substr(0, form.chunks[1].dataEnd - 1));
+    if (reset) script.reset();
+    ScriptedNetwork network(script);
+    auto client = clientFor(kPersistent);
+    auto request = requestFor(8);
+    ClientResponse response;
+    client.sendAndRecvMesg(request, response);
+    EXPECT_FALSE(client.isTruncated());
+    EXPECT_NO_THROW(client.recv(response));
+    EXPECT_TRUE(client.isEndOfStream());
+    EXPECT_TRUE(client.isTruncated());
+    EXPECT_EQ(response.getSearchResponse().count(), 0U);
+    EXPECT_EQ(network.connections(), 1U);
+  }
+}
+
+TEST(CorvaneRESTClient, ATruncatedStreamIsForgottenByTheNextExchange) {
+  const auto& reply = replyNamed("StreamSearchWithFortyHits");
+  const auto form = chunked(reply, 400, true);
+  ScriptedNetwork network(
+      {Script().expectRequest().send(form.text.substr(0, form.chunks[1].dataEnd)),
+       answer(plain(replyNamed("StreamSearchWithThreeHits")))});
+  auto client = clientFor(kPersistent);
+  EXPECT_TRUE(runExchange(client, 8).truncated);
+  EXPECT_EQ(runExchange(client, 8), replyNamed("StreamSearchWithThreeHits").expected);
+}
+
+TEST(CorvaneRESTClient, AReplyWithALengthAndNoEndMarkEndsWithItsBody) {
+  for (const int kind : {kStreamSearch, kScalarSearch}) {
+    Reply reply = replyNamed("StreamSearchWithThreeHits");
+    reply.kind = kind;
+    reply.body.resize(reply.body.size() - 4);
+    ScriptedNetwork network(Script()
+                                .expectRequest()
+                                .send(plain(reply))
+                                .expectRequest()
+                                .send(plain(nextReply()))
+                                .awaitClose());
+    auto client = clientFor(kPersistent);
+    EXPECT_EQ(runExchange(client, kind), reply.expected);
+    EXPECT_FALSE(network.waitedForever());
+    EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+    EXPECT_EQ(network.connections(), 1U);
+  }
+}
+
+TEST(CorvaneRESTClient, AReplyWithALengthThatEndsWithinARecordIsTruncated) {
+  const auto& whole = replyNamed("StreamSearchWithThreeHits");
+  for (const auto pull : {Pull::Looping, Pull::Single}) {
+    for (std::size_t size = whole.recordStarts[1] + 1; size < whole.recordStarts[2]; ++size) {
+      Reply reply = whole;
+      reply.body.resize(size);
+      reply.expected.hits.resize(1);
+      reply.expected.truncated = true;
+      ScriptedNetwork network(answer(plain(reply)));
+      auto client = clientFor(kPersistent);
+      EXPECT_EQ(runExchange(client, reply.kind, pull), reply.expected) << size;
+      EXPECT_FALSE(network.waitedForever());
+    }
+  }
+}
+
+TEST(CorvaneRESTClient, AChunkedStreamWithoutAnEndMarkEndsWithItsLastChunk) {
+  for (const int kind : {kStreamSearch, kScalarSearch}) {
+    Reply reply = replyNamed("StreamSearchWithThreeHits");
+    reply.kind = kind;
+    reply.body.resize(reply.body.size() - 4);
+    for (const std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{20}}) {
+      ScriptedNetwork network(answer(chunked(reply, size, true).text), kOnDemand);
+      auto client = clientFor(kPersistent);
+      const auto outcome = runExchange(client, kind);
+      EXPECT_EQ(outcome.hits, reply.expected.hits);
+      EXPECT_TRUE(outcome.endOfStream);
+      EXPECT_FALSE(network.waitedForever());
+    }
+  }
+}
+
+TEST(CorvaneRESTClient, AChunkedStreamThatEndsWithinARecordIsTruncated) {
+  const auto& whole = replyNamed("StreamSearchWithThreeHits");
+  for (const std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{20}}) {
+    Reply reply = whole;
+    reply.body.resize(whole.recordStarts[2] - 3);
+    reply.expected.hits.resize(1);
+    reply.expected.truncated = true;
+    ScriptedNetwork network(answer(chunked(reply, size, true).text), kOnDemand);
+    auto client = clientFor(kPersistent);
+    EXPECT_EQ(runExchange(client, reply.kind), reply.expected) << size;
+    EXPECT_FALSE(network.waitedForever());
+  }
+}
+
+TEST(CorvaneRESTClient, ParseResultsInSeveralPortionsAreReadWithinTheirExchange) {
+  const auto& reply = replyNamed("ParseResultWithThreeRows");
+  // A portion for each record, and one for the end mark.
+  const std::vector<std::size_t> ends(reply.recordStarts.begin() + 1, reply.recordStarts.end());
+  for (const auto arrival : {kOnDemand, kAllThere}) {
+    ScriptedNetwork network(answer(chunkedAt(reply, ends, true).text), arrival);
+    auto client = clientFor(kPersistent);
+    auto request = requestFor(kParseResult);
+    ClientResponse response;
+    client.sendAndRecvMesg(request, response);
+    EXPECT_TRUE(client.isEndOfStream());
+    EXPECT_FALSE(client.isTruncated());
+    EXPECT_EQ(response.getParseResponse().count(), 3U);
+    EXPECT_EQ(response.getSearchResponse().count(), 0U) << "rows are not taken for hits";
+    EXPECT_FALSE(network.waitedForever());
+  }
+}
+
+TEST(CorvaneRESTClient, ATimeOutInALaterPortionOfParseResultsRepeatsTheExchangeAndDoublesNoRow) {
+  const auto& reply = replyNamed("ParseResultWithThreeRows");
+  const std::vector<std::size_t> ends(reply.recordStarts.begin() + 1, reply.recordStarts.end());
+  const auto form = chunkedAt(reply, ends, true);
+  ScriptedNetwork network(
+      {Script().expectRequest().send(form.text.substr(0, form.chunks[1].dataEnd)).awaitClose(),
+       answer(form.text)});
+  auto client = clientFor(kPersistent);
+  client.setTimeOut(100);
+  EXPECT_EQ(runExchange(client, kParseResult), reply.expected);
+  EXPECT_EQ(network.requests(), 2U);
+}
+
+TEST(CorvaneRESTClient, AStreamWithALyingPortionIsRefusedAndOver) {
+  const auto& reply = replyNamed("StreamSearchWithTenHits");
+  const std::vector<std::size_t> ends{reply.recordStarts[2], reply.recordStarts[5],
+                                      reply.body.size()};
+  auto form = chunkedAt(reply, ends, true);
+  // The key of the second portion's first hit claims to be as long as the rest of the world.
+  form.text.replace(form.chunks[1].dataBegin + 4, 4, bigEndian(0x3FFFFFFF));
+  ScriptedNetwork network({answer(form.text), answer(plain(nextReply()))});
+  auto client = clientFor(kPersistent);
+  auto request = requestFor(8);
+  ClientResponse response;
+  client.sendAndRecvMesg(request, response);
+  EXPECT_EQ(response.getSearchResponse().count(), 2U);
+  EXPECT_EQ(errorOf([&] { client.recv(response); }).errorId, "ERR_CLIENT_RESP_PARSING");
+  EXPECT_TRUE(client.isEndOfStream());
+  EXPECT_TRUE(client.isTruncated());
+  client.recv(response);
+  EXPECT_EQ(response.getSearchResponse().count(), 0U);
+  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+  EXPECT_EQ(network.connections(), 2U);
+}
+
+TEST(CorvaneRESTClient, AnEstimateInChunksCanBePulledToItsLastChunk) {
+  const auto& reply = replyNamed("Selectivity");
+  for (const std::size_t size : {std::size_t{0}, std::size_t{7}}) {
+    for (const auto arrival : {kOnDemand, kAllThere}) {
+      ScriptedNetwork network(answer(chunked(reply, size, true).text), arrival);
+      auto client = clientFor(kPersistent);
+      auto request = requestFor(kSelectivity);
+      ClientResponse response;
+      client.sendAndRecvMesg(request, response);
+      while (!client.isEndOfStream()) client.recv(response);
+      EXPECT_FALSE(client.isTruncated());
+      EXPECT_EQ(response.getSearchResponse().count(), 0U);
+      EXPECT_EQ(response.getSelectivityInfo().getThird(), 100);
+      EXPECT_FALSE(network.waitedForever());
+    }
+  }
+}
+
+TEST(CorvaneRESTClient, ARequestThatIsRefusedInTheMiddleOfAStreamDoesNotDisturbIt) {
+  const auto& reply = replyNamed("StreamSearchWithTenHits");
+  ScriptedNetwork network(answer(chunked(reply, 100, true).text));
+  auto client = clientFor(kPersistent);
+  auto search = requestFor(8);
+  ClientResponse response;
+  client.sendAndRecvMesg(search, response);
+  std::vector<std::string> ids;
+  const auto take = [&] {
+    auto& hits = response.getSearchResponse();
+    while (hits.hasMore()) ids.push_back(utf8(hits.getNext().getDocId()));
+  };
+  take();
+  auto refused = requestFor(kDeleteDocument);
+  refused.getMetadata().clear();
+  ClientResponse unused;
+  EXPECT_THROW(client.sendAndRecvMesg(refused, unused), RESTException);
+  while (!client.isEndOfStream()) {
+    client.recv(response);
+    take();
+  }
+  std::vector<std::string> expected;
+  for (const auto& hit : reply.expected.hits) expected.push_back(hit.id);
+  EXPECT_EQ(ids, expected);
+}
+
+TEST(CorvaneRESTClient, RecvAfterAFailedExchangeGoesOn) {
+  ScriptedNetwork network(closeEarly());
+  auto client = clientFor(kPersistent);
+  client.setNumRetries(0);
+  EXPECT_EQ(exchangeError(client, 8).errorId, "ERR_SERVER_COMM_RECV");
+  ASSERT_TRUE(client.isConnected());
+  ClientResponse response;
+  EXPECT_EQ(errorOf([&] { client.recv(response); }).errorId, "");
+  EXPECT_TRUE(client.isEndOfStream());
+}
+
+TEST(CorvaneRESTClient, RecvMultResponseReadsToTheEnd) {
+  const auto& reply = replyNamed("ScalarSearchWithFortyHits");
+  ScriptedNetwork network(answer(chunked(reply, 100, true).text));
+  auto client = clientFor(kPersistent);
+  auto request = requestFor(reply.kind);
+  ClientResponse response;
+  client.sendAndRecvMesg(request, response);
+  client.recvMultResponse(response);
+  EXPECT_TRUE(client.isEndOfStream());
+  EXPECT_EQ(response.getSearchResponse().count(), 40U);
+}
+
+TEST(CorvaneRESTClient, IsAtTheEndOfTheStreamAfterAKindThatDoesNotStream) {
+  ScriptedNetwork network(answer(plain(nextReply())));
+  auto client = clientFor(kPersistent);
+  EXPECT_FALSE(client.isEndOfStream());
+  runExchange(client, kGetStatus);
+  EXPECT_TRUE(client.isEndOfStream());
+  EXPECT_FALSE(client.isTruncated());
+}
+
+TEST(CorvaneRESTClient, Kind6IsReadAsASearchAndKind64AsAKindWithoutResults) {
+  Reply reply = replyNamed("StreamSearchWithThreeHits");
+  reply.kind = 6;
+  {
+    ScriptedNetwork network(answer(plain(reply)));
+    auto client = clientFor(kPersistent);
+    EXPECT_EQ(runExchange(client, 6), reply.expected);
+  }
+  ScriptedNetwork network(answer(plain(reply)));
+  auto client = clientFor(kPersistent);
+  EXPECT_EQ(runExchange(client, 64), ok(64).expected);
+  EXPECT_EQ(network.requests(), 1U);
+}
+
+// Bad input.
+
+TEST(CorvaneRESTClient, AnotherProtocolIsRefused) {
+  const std::vector<std::string> greetings{
+      "220 mail.example ESMTP ready\r\n\r\n",
+      "SSH-2.0-OpenSSH_9.2p1\r\n\r\n",
+      std::string("\x15\x03\x01\x00\x02\x02\x46\r\n\r\n", 11),
+      "<html>\r\n<body>Content\r\n\r\n",
+      std::string(300, '\0'),
+      "\r\n\r\n\r\n\r\n",
+  };
+  for (const auto& greeting : greetings) {
+    for (const auto arrival : {kOnDemand, kAllThere}) {
+      ScriptedNetwork network(Script().expectRequest().send(greeting), arrival);
+      auto client = clientFor(kPersistent);
+      client.setTimeOut(100);
+      const auto outcome = runExchange(client, 8);
+      EXPECT_TRUE(outcome.errorId == "ERR_CLIENT_RESP_PARSING" ||
+                  outcome.errorId == "ERR_SERVER_COMM_RECV" ||
+                  outcome.errorId == "ERR_SERVER_PROTOCOL")
+          << greeting << outcome;
+      EXPECT_TRUE(outcome.hits.empty());
+      EXPECT_NE(outcome.returnCode, 0);
+      EXPECT_LE(network.requests(), 2U);
+    }
+  }
+}
+
+TEST(CorvaneRESTClient, AnAnnouncedLengthOf2GibibytesIsRefusedAtOnce) {
+  for (const char* line :
+       {"Content-Length: 2147483648\r\n\r\n", "Content-Length: -5\r\n\r\n",
+        "Content-Length: 1073741825\r\n\r\n", "Content-Length: 18446744073709551617\r\n\r\n",
+        "Transfer-Encoding: chunked\r\n\r\n80000000\r\n",
+        "Transfer-Encoding: chunked\r\n\r\n40000001\r\n",
+        "Transfer-Encoding: chunked\r\n\r\n-1\r\n",
+        "Transfer-Encoding: chunked\r\n\r\nFFFFFFFFFFFFFFFFFFFFF\r\n"}) {
+    ScriptedNetwork network(answer(std::string("HTTP/1.1 200 OK\r\n") + line));
+    auto client = clientFor(kPersistent);
+    const auto error = exchangeError(client, 8);
+    EXPECT_EQ(error.errorId, "ERR_CLIENT_RESP_PARSING") << line;
+    EXPECT_FALSE(network.waitedForever()) << line;
+    EXPECT_EQ(network.requests(), 1U) << line;
+  }
+}
+
+TEST(CorvaneRESTClient, ASizeLineThatIsNoNumberIsRefused) {
+  const auto& reply = replyNamed("StreamSearchWithThreeHits");
+  for (const char* line : {"hello\r\n", ";x=1\r\n", "\r\n\r\n", " \r\n"}) {
+    const std::string start = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+    ScriptedNetwork network(answer(start + line + reply.body));
+    auto client = clientFor(kPersistent);
+    EXPECT_EQ(exchangeError(client, 8).errorId, "ERR_CLIENT_RESP_PARSING") << line;
+  }
+}
+
+TEST(CorvaneRESTClient, ASizeLineThatIsNoNumberIsRefusedInAStreamToo) {
+  const auto& reply = replyNamed("StreamSearchWithFortyHits");
+  const auto form = chunked(reply, 400, true);
+  for (const char* line : {"\r\nhello\r\n", "\r\nzz\r\n", "garbage without an end of line ever"}) {
+    ScriptedNetwork network(Script().expectRequest().send(
+        form.text.substr(0, form.chunks[0].dataEnd) + line + std::string(200, 'g')));
+    auto client = clientFor(kPersistent);
+    auto request = requestFor(8);
+    ClientResponse response;
+    client.sendAndRecvMesg(request, response);
+    EXPECT_EQ(errorOf([&] { client.recv(response); }).errorId, "ERR_CLIENT_RESP_PARSING") << line;
+  }
+}
+
+TEST(CorvaneRESTClient, ASizeLineIsAsLongAs125CharactersAndNoLonger) {
+  Reply reply = replyNamed("StreamSearchWithThreeHits");
+  const std::string start = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+  char digits[32];
+  std::snprintf(digits, sizeof digits, "%zx", reply.body.size());
+  for (const std::size_t length : {std::size_t{125}, std::size_t{126}, std::size_t{5000}}) {
+    const auto line = std::string(length - std::string(digits).size(), '0') + digits;
+    for (const auto arrival : {kOnDemand, kAllThere}) {
+      ScriptedNetwork network(
+          Script().expectRequest().send(start + line + "\r\n" + reply.body, 50).awaitClose(),
+          arrival);
+      auto client = clientFor(kPersistent);
+      const auto outcome = runExchange(client, 8);
+      if (length <= 125) {
+        EXPECT_EQ(outcome, reply.expected) << length;
+      } else {
+        EXPECT_EQ(outcome.errorId, "ERR_CLIENT_RESP_PARSING") << length;
+      }
+      EXPECT_FALSE(network.waitedForever()) << length;
+    }
+  }
+}
+
+TEST(CorvaneRESTClient, AHeaderBlockMayBeLongButNotEndless) {
+  const auto& reply = replyNamed("StreamSearchWithThreeHits");
+  for (const auto& [length, fits] : std::vector<std::pair<std::size_t, bool>>{
+           {100000, true}, {1000000, true}, {1100000, false}}) {
+    Reply padded = reply;
+    padded.headerLines = "X-Pad: " + std::string(length, 'p') + "\r\n";
+    ScriptedNetwork network(answer(plain(padded)));
+    auto client = clientFor(kPersistent);
+    const auto outcome = runExchange(client, 8);
+    if (fits) {
+      EXPECT_EQ(outcome, reply.expected) << length;
+    } else {
+      EXPECT_EQ(outcome.errorId, "ERR_CLIENT_RESP_PARSING") << length;
+    }
+  }
+}
+
+TEST(CorvaneRESTClient, AServerThatNeverEndsItsHeadersIsRefused) {
+  ScriptedNetwork network(Script().expectRequest().send(bigBody(3000000)).awaitClose());
+  auto client = clientFor(kPersistent);
+  EXPECT_EQ(exchangeError(client, 8).errorId, "ERR_CLIENT_RESP_PARSING");
+  EXPECT_FALSE(network.waitedForever());
+}
+
+TEST(CorvaneRESTClient, TheLimitOfAReplyCanBeMovedAndHoldsToTheByte) {
+  const auto& reply = replyNamed("StreamSearchWithThreeHits");
+  const auto size = reply.body.size();
+  for (const bool inChunks : {false, true}) {
+    for (const auto limit : {size, size - 1}) {
+      const auto text = inChunks ? chunked(reply, 0, true).text : plain(reply);
+      ScriptedNetwork network(answer(text));
+      auto client = clientFor(kPersistent);
+      client.setMaxReplyBytes(limit);
+      const auto outcome = runExchange(client, 8);
+      if (limit == size) {
+        EXPECT_EQ(outcome, reply.expected);
+      } else {
+        EXPECT_EQ(outcome.errorId, "ERR_CLIENT_RESP_PARSING");
+      }
+    }
+  }
+}
+
+TEST(CorvaneRESTClient, TheLimitHoldsForARecordThatManyChunksWouldBring) {
+  // Every chunk is small; the record that they are pieces of is not.
+  Reply reply{"Endless", kStreamSearch};
+  reply.body = "    " + bigEndian(1U << 30) + std::string(1000, 'r');
+  const auto form = chunked(reply, 100, false);
+  ScriptedNetwork network(Script().expectRequest().send(form.text));
+  auto client = clientFor(kPersistent);
+  client.setMaxReplyBytes(5000);
+  EXPECT_EQ(runExchange(client, 8).errorId, "ERR_CLIENT_RESP_PARSING");
+}
+
+TEST(CorvaneRESTClient, AServerThatClosesAtOnceIsAnErrorOfTheCommunication) {
+  for (const auto& script : {Script(), Script().reset()}) {
+    ScriptedNetwork network(script);
+    auto client = clientFor(kPersistent);
+    const auto id = exchangeError(client, 1).errorId;
+    // A reset that comes before the request is written shows at the write.
+    EXPECT_TRUE(id == "ERR_SERVER_COMM_RECV" || id == "ERR_CLIENT_INTERNAL") << id;
+  }
+}
+
+TEST(CorvaneRESTClient, OverLoopbackItSpeaksWithAServerThatHasAnIpv6AddressAlone) {
+  ScriptedServer server({answer(plain(nextReply()))}, true);
+  CorvaneRESTClient client(u"::1", server.port(), kPersistent);
+  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+  EXPECT_EQ(server.connections(), 1U);
+}
+
+TEST(CorvaneRESTClient, OverLoopbackAServerThatClosesEarlyIsAnErrorOfTheCommunication) {
+  ScriptedServer server(closeEarly());
+  CorvaneRESTClient client(u"127.0.0.1", server.port(), kPersistent);
+  EXPECT_EQ(exchangeError(client, 1).errorId, "ERR_SERVER_COMM_RECV");
+  EXPECT_EQ(server.connections(), 2U);
+}
+
+TEST(CorvaneRESTClient, OverLoopbackAResetIsAnErrorOfTheCommunication) {
+  ScriptedServer server(Script().expectRequest().reset());
+  CorvaneRESTClient client(u"127.0.0.1", server.port(), kPersistent);
+  EXPECT_EQ(exchangeError(client, 1).errorId, "ERR_SERVER_COMM_RECV");
+}
+
+TEST(CorvaneRESTClient, ARefusedPortAndAnUnknownHostAreErrorsOfTheConnection) {
+  {
+    const RefusedPort refused;
+    CorvaneRESTClient client(u"127.0.0.1", refused.port(), kFresh);
+    EXPECT_EQ(exchangeError(client, 1).errorId, "ERR_CONNECT_SERVER");
+  }
+  ScriptedNetwork network(silence());
+  network.failLookups();
+  CorvaneRESTClient client(u"nowhere.invalid", 7, kFresh);
+  const auto error = exchangeError(client, 1);
+  EXPECT_EQ(error.errorId, "ERR_CONNECT_SERVER");
+  EXPECT_EQ(error.errorArguments, (std::vector<std::string>{"nowhere.invalid", "7"}));
+}
+
+// Cost.
+
+TEST(CorvaneRESTClient, AnExchangeOnAPersistentConnectionCostsOneWriteAndOneReceive) {
+  Script script;
+  for (int i = 0; i < 11; ++i) script.expectRequest().send(plain(nextReply()));
+  ScriptedNetwork network(script.awaitClose());
+  auto client = clientFor(kPersistent);
+  runExchange(client, kGetStatus);
+  const auto writes = network.writes();
+  const auto receives = network.receives();
+  const auto polls = network.polls();
+  for (int i = 0; i < 10; ++i) runExchange(client, kGetStatus);
+  EXPECT_EQ(network.writes() - writes, 10U);
+  // The one receive that waits, and no more than one that looks.
+  EXPECT_LE(network.receives() - receives, 20U);
+  EXPECT_EQ(network.polls() - polls, 0U);
+}
+
+TEST(CorvaneRESTClient, DerivesFromTheConnectionAndCannotBeCopied) {
+  EXPECT_TRUE((std::is_base_of_v<tq::comm::CorvaneClient, CorvaneRESTClient>));
+  EXPECT_FALSE(std::is_copy_constructible_v<CorvaneRESTClient>);
+  EXPECT_TRUE(std::has_virtual_destructor_v<CorvaneRESTClient>);
+}
+
+}  // namespace

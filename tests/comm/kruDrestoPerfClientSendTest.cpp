@@ -1,0 +1,612 @@
+// What a binary client writes, write by write.
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include "comm/kruDrestoPerfClient.h"
+#include "comm/kruRESTException.h"
+#include "infra/oss/kruNLSException.h"
+#include "infra/oss/kruSocketException.h"
+#include "tests/comm/binaryFixture.h"
+#include "tests/support/raised.h"
+
+namespace tq::test {
+
+// How many bytes a message has for its terminate record: always eight, so that only a test can
+// make a message without one.
+unsigned int& terminateRecordLength(tq::comm::RESTMessage& message);
+
+template <unsigned int tq::comm::RESTMessage::*member>
+struct Reach {
+  friend unsigned int& terminateRecordLength(tq::comm::RESTMessage& message) {
+    return message.*member;
+  }
+};
+template struct Reach<&tq::comm::RESTMessage::termRecordLength_>;
+
+}  // namespace tq::test
+
+namespace {
+
+using namespace tq::test;
+using tq::comm::ClientRequest;
+using tq::comm::ClientResponse;
+using tq::comm::DrestoPerfClient;
+using tq::comm::RESTMessage;
+
+using Sizes = std::vector<std::size_t>;
+
+constexpr auto kFile = "kruDrestoPerfClient";
+
+// What one message is.
+
+TEST(DrestoPerfClientSend, ASmallRequestLeavesInOneWrite) {
+  for (const int kind : {1, 2, 3, 4, 5, 8, 9, 11, 12, 14, 15, 20, 21, 22, 23, 24}) {
+    ScriptedNetwork network(Script().expectFramedRequest().send(kOk + endOfResults()).awaitClose());
+    auto client = binaryClient();
+    auto request = requestFor(kind);
+    ClientResponse response;
+    client.sendAndRecvMesg(request, response);
+    const auto expected = Framed(request).whole();
+    EXPECT_EQ(network.connection(0).received, expected) << kind;
+    EXPECT_EQ(network.writeSizes(), Sizes{expected.size()}) << kind;
+    EXPECT_EQ(network.requests(), 1U);
+  }
+}
+
+TEST(DrestoPerfClientSend, TheBytesOfADocumentStandInTheirOrder) {
+  ScriptedNetwork network(answer(kOk));
+  auto client = binaryClient();
+  Document document(kAddDocument, 5);
+  ClientResponse response;
+  client.sendAndRecvMesg(document.request, response);
+  RESTMessage message(u"127.0.0.1", document.request);
+  const std::string text = message.getSerializedHeader();
+  const std::string tail = enveloped("title") + enveloped("one") + enveloped("rowId") +
+                           enveloped("key") + enveloped("data") + enveloped("abcde");
+  EXPECT_EQ(network.connection(0).received,
+            word16(static_cast<unsigned int>(text.size())) + text + bigEndian(0) +
+                bigEndian(static_cast<std::uint32_t>(tail.size())) + tail);
+}
+
+TEST(DrestoPerfClientSend, TheLastDocumentIsHeaderAndTerminateRecordAndNothingIsRead) {
+  ScriptedNetwork network(Script().expectFramedRequest().awaitClose());
+  auto client = binaryClient();
+  Document document(kLastDocSent);
+  ClientResponse response;
+  client.sendAndRecvMesg(document.request, response);
+  RESTMessage message(u"127.0.0.1", document.request);
+  const std::string text = message.getSerializedHeader();
+  EXPECT_EQ(network.connection(0).received,
+            word16(static_cast<unsigned int>(text.size())) + text + std::string(8, '\0'));
+  EXPECT_NE(text.find("Content-Length  : 8\n"), std::string::npos);
+  EXPECT_EQ(network.writes(), 1U);
+  EXPECT_EQ(network.receives(), 0U);
+  EXPECT_TRUE(client.isEndOfStream());
+  EXPECT_EQ(response.getReturnCode(), 0);
+}
+
+TEST(DrestoPerfClientSend, AQueuedDocumentWaitsForNoReply) {
+  ScriptedNetwork network(Script().expectFramedRequest().awaitClose());
+  auto client = binaryClient();
+  Document document(kAsynchAddDocument);
+  ClientResponse response;
+  client.sendAndRecvMesg(document.request, response);
+  EXPECT_EQ(network.requests(), 1U);
+  EXPECT_EQ(network.receives(), 0U);
+  EXPECT_TRUE(client.isEndOfStream());
+  EXPECT_EQ(response.getReturnCode(), 0);
+}
+
+TEST(DrestoPerfClientSend, ContentWithoutAKeyIsNotSent) {
+  ScriptedNetwork network(answer(kOk));
+  auto client = binaryClient();
+  auto request = requestFor(4);
+  request.setContent({{u"title", u"one"}}, "content", 7);
+  ClientResponse response;
+  client.sendAndRecvMesg(request, response);
+  EXPECT_EQ(network.connection(0).received, Framed(request).header);
+  EXPECT_EQ(network.connection(0).received.find("content"), std::string::npos);
+}
+
+TEST(DrestoPerfClientSend, AKeyWithoutMetadataIsRefusedBeforeAnythingIsSent) {
+  ScriptedNetwork network(answer(kOk));
+  auto client = binaryClient();
+  Document document(kAddDocument);
+  document.request.getMetadata().clear();
+  ClientResponse response;
+  const auto raised = raisedBy([&] { client.sendAndRecvMesg(document.request, response); });
+  ASSERT_EQ(raised.size(), 1U);
+  EXPECT_EQ(raised.front().id, "ERR_CLIENT_INTERNAL");
+  EXPECT_EQ(network.writes(), 0U);
+}
+
+// The header's length.
+
+TEST(DrestoPerfClientSend, AHeaderOf65535BytesIsSentAndALongerOneIsRefused) {
+  Document probe(kCreateCollection, 0, 1000);
+  const std::size_t around = Framed(probe.request).header.size() - 2 - 1000;
+  for (const std::size_t length : {65534U, 65535U}) {
+    ScriptedNetwork network(answer(kOk));
+    auto client = binaryClient();
+    Document document(kCreateCollection, 0, length - around);
+    ClientResponse response;
+    client.sendAndRecvMesg(document.request, response);
+    EXPECT_TRUE(response.success());
+    EXPECT_EQ(network.connection(0).received.substr(0, 2),
+              word16(static_cast<unsigned int>(length)));
+    EXPECT_EQ(network.requests(), 1U);
+  }
+  for (const std::size_t length : {65536U, 70000U}) {
+    ScriptedNetwork network(answer(kOk));
+    auto client = binaryClient();
+    Document document(kCreateCollection, 0, length - around);
+    ClientResponse response;
+    const auto raised = raisedBy([&] { client.sendAndRecvMesg(document.request, response); });
+    ASSERT_EQ(raised.size(), 1U);
+    EXPECT_EQ(raised.front().id, "ERR_CLIENT_INTERNAL");
+    EXPECT_EQ(raised.front().file, kFile);
+    EXPECT_EQ(network.writes(), 0U);
+    auto next = requestFor(1);
+    client.sendAndRecvMesg(next, response);
+    EXPECT_EQ(network.connection(0).received, Framed(next).whole()) << "nothing of it stays";
+  }
+}
+
+TEST(DrestoPerfClientSend, TheHeaderEndsBeforeItsFirstZeroByte) {
+  ScriptedNetwork network(Script().expectBytes(1).send(kOk).awaitClose());
+  auto client = binaryClient();
+  tq::util::ExtendedProperties properties;
+  properties.putProperty(u"query", icu::UnicodeString(u"a\0b", 3));
+  ClientRequest request;
+  request.buildRequest(u"c1", ClientRequest::CREATE_COLLECTION, properties);
+  ClientResponse response;
+  client.sendAndRecvMesg(request, response);
+  const auto& received = network.connection(0).received;
+  EXPECT_TRUE(received.ends_with("query: a"));
+  EXPECT_EQ(received.substr(0, 2), word16(static_cast<unsigned int>(received.size() - 2)));
+}
+
+// Bodies.
+
+struct BodyCase {
+  std::size_t body;
+  Sizes behindFixed;  // what the first write holds of the body, then the further writes
+};
+
+TEST(DrestoPerfClientSend, ALargeBodyGoesOutInPiecesBehindItsFirst5000Bytes) {
+  for (const auto& c : std::vector<BodyCase>{{0, {0}},
+                                             {1, {1}},
+                                             {5000, {5000}},
+                                             {9999, {9999}},
+                                             {10000, {10000}},
+                                             {10001, {5000, 5001}},
+                                             {15000, {5000, 10000}},
+                                             {15001, {5000, 10000, 1}},
+                                             {25000, {5000, 10000, 10000}},
+                                             {34999, {5000, 10000, 10000, 9999}}}) {
+    ScriptedNetwork network(answer(kOk));
+    auto client = binaryClient();
+    Document document(kAddDocument, c.body);
+    ClientResponse response;
+    client.sendAndRecvMesg(document.request, response);
+    const Framed framed(document.request);
+    auto expected = c.behindFixed;
+    expected.front() += framed.fixed();
+    EXPECT_EQ(network.writeSizes(), expected) << c.body;
+    EXPECT_EQ(network.connection(0).received, framed.whole()) << c.body;
+    EXPECT_TRUE(response.success());
+  }
+}
+
+TEST(DrestoPerfClientSend, ALargeBodyStartsInTheFirstWriteOnlyBelow5000Bytes) {
+  Document probe(kAddDocument, 10001, 1000);
+  const std::size_t around = Framed(probe.request).fixed() - 1000;
+  for (const auto& [fixed, expected] :
+       std::vector<std::pair<std::size_t, Sizes>>{{4999, {9999, 5001}},
+                                                  {5000, {5000, 10000, 1}},
+                                                  {5001, {5001, 10000, 1}},
+                                                  {20000, {20000, 10000, 1}}}) {
+    ScriptedNetwork network(answer(kOk));
+    auto client = binaryClient();
+    Document document(kAddDocument, 10001, fixed - around);
+    ClientResponse response;
+    client.sendAndRecvMesg(document.request, response);
+    EXPECT_EQ(network.writeSizes(), expected) << fixed;
+    EXPECT_EQ(network.connection(0).received, Framed(document.request).whole());
+  }
+}
+
+TEST(DrestoPerfClientSend, ASmallBodyGoesOutWholeHoweverLongItsHeader) {
+  ScriptedNetwork network(answer(kOk));
+  auto client = binaryClient();
+  Document document(kAddDocument, 10000, 20000);
+  ClientResponse response;
+  client.sendAndRecvMesg(document.request, response);
+  EXPECT_EQ(network.writes(), 1U);
+  EXPECT_EQ(network.connection(0).received, Framed(document.request).whole());
+}
+
+TEST(DrestoPerfClientSend, BodyChunksAreWritesOfTheirOwn) {
+  ScriptedNetwork network(Script().awaitClose());
+  auto client = binaryClient();
+  client.open();
+  client.sendBodyChunks("0123456789", 3, 10);
+  EXPECT_EQ(network.writeSizes(), (Sizes{3, 3, 3, 1}));
+  EXPECT_EQ(network.connection(0).received, "0123456789");
+  client.sendBodyChunks("0123456789", 10, 10);
+  client.sendBodyChunks("0123456789", 11, 10);
+  EXPECT_EQ(network.writes(), 6U);
+  client.sendBodyChunks("0123456789", 3, 0);
+  EXPECT_EQ(network.writes(), 6U) << "nothing is written of nothing";
+}
+
+TEST(DrestoPerfClientSend, AWriteThatTakesFewBytesAtATimeIsContinued) {
+  ScriptedNetwork network(answer(kOk));
+  network.limitWrites(7);
+  auto client = binaryClient();
+  Document document(kAddDocument, 10001);
+  ClientResponse response;
+  client.sendAndRecvMesg(document.request, response);
+  EXPECT_EQ(network.connection(0).received, Framed(document.request).whole());
+  EXPECT_EQ(network.requests(), 1U);
+}
+
+TEST(DrestoPerfClientSend, SendWritesAndReadsNothing) {
+  ScriptedNetwork network(Script().expectFramedRequest().send("unread").awaitClose());
+  auto client = binaryClient();
+  client.open();
+  // The message's own kind decides: nothing has told the client that this is the last document.
+  auto request = requestFor(kLastDocSent);
+  client.send(request);
+  EXPECT_EQ(network.connection(0).received, Framed(request).whole());
+  EXPECT_EQ(network.receives(), 0U);
+}
+
+// Failed writes.
+
+TEST(DrestoPerfClientSend, AFailedWriteIsASendErrorWithHostAndPort) {
+  for (const std::size_t size : {10U, 20001U}) {
+    // The first write, or a piece of the body behind it.
+    for (std::size_t behind = 0; behind < (size > 10000 ? 3U : 1U); ++behind) {
+      ScriptedNetwork network(Script().awaitClose());
+      auto client = binaryClient();
+      client.setNumRetries(0);
+      network.failNextWrite(EPIPE, behind);
+      Document document(kAddDocument, size);
+      ClientResponse response;
+      EXPECT_EQ(raisedBy([&] { client.sendAndRecvMesg(document.request, response); }),
+                (Raised{{"ERR_SERVER_COMM_SEND", kFile, 281, kHostAndPort}}));
+      EXPECT_EQ(network.connections(), 1U);
+      EXPECT_EQ(network.writes(), behind + 1);
+    }
+  }
+}
+
+TEST(DrestoPerfClientSend, AFailedWriteIsRepeatedOnAFreshConnection) {
+  for (std::size_t behind = 0; behind < 3; ++behind) {
+    ScriptedNetwork network(answer(kOk));
+    auto client = binaryClient();
+    network.failNextWrite(ECONNRESET, behind);
+    Document document(kAddDocument, 20001);
+    ClientResponse response;
+    client.sendAndRecvMesg(document.request, response);
+    EXPECT_TRUE(response.success());
+    ASSERT_EQ(network.connections(), 2U);
+    EXPECT_TRUE(network.connection(0).clientClosed);
+    EXPECT_EQ(network.connection(1).received, Framed(document.request).whole());
+  }
+}
+
+TEST(DrestoPerfClientSend, AFailedWriteLeavesNothingOfItsMessage) {
+  for (const std::size_t size : {10U, 20001U}) {
+    for (std::size_t behind = 0; behind < (size > 10000 ? 3U : 1U); ++behind) {
+      ScriptedNetwork network(answer(kOk));
+      auto client = binaryClient();
+      client.setNumRetries(0);
+      network.failNextWrite(EPIPE, behind);
+      Document failed(kAddDocument, size);
+      ClientResponse response;
+      EXPECT_FALSE(raisedBy([&] { client.sendAndRecvMesg(failed.request, response); }).empty());
+      Document next(kAddDocument, 3);
+      client.sendAndRecvMesg(next.request, response);
+      ASSERT_EQ(network.connections(), 2U) << "half a message spoils a connection";
+      EXPECT_EQ(network.connection(1).received, Framed(next.request).whole());
+      EXPECT_TRUE(response.success());
+    }
+  }
+}
+
+/// A message whose content cannot be had.
+class FailingMessage : public RESTMessage {
+ public:
+  using RESTMessage::RESTMessage;
+  const char* getMsgBody() const override {
+    tq::oss::NLSException error;
+    error.getMessageList().add(tq::oss::Message(u"TQ_ERR_NO_BODY", u"the content is gone"));
+    error.getMessageList().add(tq::oss::Message(u"TQ_ERR_SECOND", u"not reported"));
+    throw error;
+  }
+};
+
+TEST(DrestoPerfClientSend, AnotherFailureNamesTheHostAndThenItsCause) {
+  ScriptedNetwork network(Script().awaitClose());
+  auto client = binaryClient();
+  client.open();
+  Document document(kAddDocument);
+  FailingMessage message(u"127.0.0.1", document.request);
+  EXPECT_EQ(raisedBy([&] { client.sendMesg(message); }),
+            (Raised{{"ERR_CLIENT_INTERNAL", kFile, 286, {"127.0.0.1"}},
+                    {"TQ_ERR_NO_BODY", "(null)", 0, {}, "the content is gone"}}));
+  EXPECT_EQ(network.writes(), 0U);
+}
+
+TEST(DrestoPerfClientSend, AMissingTerminateRecordIsReportedAndNotWrappedAgain) {
+  ScriptedNetwork network(Script().awaitClose());
+  auto client = binaryClient();
+  client.open();
+  auto request = requestFor(kLastDocSent);
+  RESTMessage message(u"127.0.0.1", request);
+  terminateRecordLength(message) = 0;
+  EXPECT_EQ(raisedBy([&] { client.sendMesg(message); }),
+            (Raised{{"ERR_CLIENT_INTERNAL", kFile, 192, {"NULL terminator record in sendMesg"}}}));
+  EXPECT_EQ(network.writes(), 0U);
+}
+
+// Batching.
+
+/// The count of messages held back is the process's; a write of any client begins it anew.
+class DrestoPerfClientBatching : public testing::Test {
+ protected:
+  DrestoPerfClientBatching() { resetCount(); }
+
+  static void resetCount() {
+    ScriptedNetwork network(Script().awaitClose());
+    auto client = binaryClient();
+    queue(client, 1);
+  }
+
+  static std::string queue(DrestoPerfClient& client, std::size_t size) {
+    Document document(kAsynchAddDocument, size);
+    ClientResponse response;
+    client.sendAndRecvMesg(document.request, response);
+    EXPECT_TRUE(response.success());
+    EXPECT_TRUE(client.isEndOfStream());
+    return Framed(document.request).whole();
+  }
+
+  static std::string sendLast(DrestoPerfClient& client) {
+    auto request = requestFor(kLastDocSent);
+    ClientResponse response;
+    client.sendAndRecvMesg(request, response);
+    EXPECT_TRUE(response.success());
+    return Framed(request).whole();
+  }
+
+  static void batching(DrestoPerfClient& client) { client.useBufferedConnection(true); }
+};
+
+TEST_F(DrestoPerfClientBatching, IsOffByDefault) {
+  ScriptedNetwork network(Script().awaitClose());
+  auto client = binaryClient();
+  std::string all;
+  for (int i = 0; i < 3; ++i) all += queue(client, 10);
+  EXPECT_EQ(network.writes(), 3U);
+  EXPECT_EQ(network.connection(0).received, all);
+}
+
+TEST_F(DrestoPerfClientBatching, HoldsFortyNineMessagesAndWritesFifty) {
+  ScriptedNetwork network(Script().awaitClose());
+  auto client = binaryClient();
+  batching(client);
+  std::string all;
+  for (int round = 1; round <= 2; ++round) {
+    for (int i = 0; i < 49; ++i) {
+      all += queue(client, 1);
+      ASSERT_EQ(network.writes(), static_cast<std::size_t>(round - 1)) << i;
+    }
+    all += queue(client, 1);
+    ASSERT_LT(all.size(), static_cast<std::size_t>(round) * 10000) << "the bytes do not decide";
+    EXPECT_EQ(network.writes(), static_cast<std::size_t>(round));
+    EXPECT_EQ(network.connection(0).received, all);
+  }
+}
+
+TEST_F(DrestoPerfClientBatching, WritesWhenTheBufferHolds10000Bytes) {
+  Document probe(kAsynchAddDocument, 1000);
+  const std::size_t around = Framed(probe.request).fixed();
+  for (const auto& [total, writes] :
+       std::vector<std::pair<std::size_t, std::size_t>>{{9999, 0}, {10000, 1}, {10001, 1}}) {
+    ScriptedNetwork network(Script().awaitClose());
+    auto client = binaryClient();
+    batching(client);
+    const std::size_t first = queue(client, 1000).size();
+    EXPECT_EQ(network.writes(), 0U);
+    const std::size_t second = queue(client, total - first - around).size();
+    ASSERT_EQ(first + second, total);
+    EXPECT_EQ(network.writes(), writes) << total;
+    if (writes == 1) {
+      EXPECT_EQ(network.writeSizes(), Sizes{total});
+    }
+  }
+}
+
+TEST_F(DrestoPerfClientBatching, ATerminateRecordTakesEverythingHeldAlong) {
+  ScriptedNetwork network(Script().awaitClose());
+  auto client = binaryClient();
+  batching(client);
+  std::string all;
+  for (int i = 0; i < 3; ++i) all += queue(client, 10);
+  EXPECT_EQ(network.writes(), 0U);
+  all += sendLast(client);
+  EXPECT_EQ(network.writeSizes(), Sizes{all.size()});
+  EXPECT_EQ(network.connection(0).received, all);
+  all += sendLast(client);
+  EXPECT_EQ(network.writes(), 2U) << "alone as well";
+  EXPECT_EQ(network.connection(0).received, all);
+}
+
+TEST_F(DrestoPerfClientBatching, ALargeBodyTakesEverythingHeldAlong) {
+  ScriptedNetwork network(Script().awaitClose());
+  auto client = binaryClient();
+  batching(client);
+  std::string all = queue(client, 10);
+  const auto held = all.size();
+  Document large(kAsynchAddDocument, 10001);
+  const auto fixed = Framed(large.request).fixed();
+  all += queue(client, 10001);
+  EXPECT_EQ(network.writeSizes(), (Sizes{held + fixed + 5000, 5001}));
+  EXPECT_EQ(network.connection(0).received, all);
+}
+
+TEST_F(DrestoPerfClientBatching, WhatIsHeldCountsWhenALargeBodyLooksForRoom) {
+  ScriptedNetwork network(Script().awaitClose());
+  auto client = binaryClient();
+  batching(client);
+  std::string all = queue(client, 5000);
+  const auto held = all.size();
+  Document large(kAsynchAddDocument, 10001);
+  const auto fixed = Framed(large.request).fixed();
+  all += queue(client, 10001);
+  EXPECT_EQ(network.writeSizes(), (Sizes{held + fixed, 10000, 1}));
+  EXPECT_EQ(network.connection(0).received, all);
+}
+
+TEST_F(DrestoPerfClientBatching, IsFlushedBeforeAReplyIsAwaited) {
+  for (const int kind : {kStreamSearch, kAddDocument, kGetStatus, kParseResult}) {
+    ScriptedNetwork network(Script()
+                                .expectFramedRequest()
+                                .expectFramedRequest()
+                                .expectFramedRequest()
+                                .send(kOk + endOfResults())
+                                .awaitClose());
+    auto client = binaryClient();
+    batching(client);
+    std::string all = queue(client, 10);
+    all += queue(client, 20);
+    EXPECT_EQ(network.writes(), 0U);
+    auto request = requestFor(kind);
+    ClientResponse response;
+    client.sendAndRecvMesg(request, response);
+    all += Framed(request).whole();
+    EXPECT_TRUE(response.success());
+    EXPECT_FALSE(network.waitedForever());
+    EXPECT_EQ(network.writeSizes(), Sizes{all.size()});
+    EXPECT_EQ(network.connection(0).received, all);
+  }
+}
+
+TEST_F(DrestoPerfClientBatching, CountsTheMessagesOfAllClients) {
+  ScriptedNetwork network(Script().awaitClose());
+  auto first = binaryClient();
+  auto second = binaryClient();
+  batching(first);
+  batching(second);
+  std::string held;
+  for (int i = 0; i < 49; ++i) held += queue(first, 1);
+  EXPECT_EQ(network.writes(), 0U);
+  const auto fiftieth = queue(second, 1);
+  EXPECT_EQ(network.writeSizes(), Sizes{fiftieth.size()}) << "and writes its own alone";
+  held += queue(first, 1);
+  EXPECT_EQ(network.writes(), 1U) << "the count has begun anew";
+  held += sendLast(first);
+  EXPECT_EQ(network.connection(0).received, held);
+  EXPECT_EQ(network.connection(1).received, fiftieth);
+}
+
+TEST_F(DrestoPerfClientBatching, TheCountBeginsAnewWithAnyClientsWrite) {
+  ScriptedNetwork network(Script().awaitClose());
+  auto client = binaryClient();
+  batching(client);
+  std::string held;
+  for (int i = 0; i < 49; ++i) held += queue(client, 1);
+  auto other = binaryClient();
+  queue(other, 1);
+  EXPECT_EQ(network.writes(), 1U);
+  for (int i = 0; i < 10; ++i) held += queue(client, 1);
+  EXPECT_EQ(network.writes(), 1U);
+  held += sendLast(client);
+  EXPECT_EQ(network.writes(), 2U);
+  EXPECT_EQ(network.connection(0).received, held);
+}
+
+TEST_F(DrestoPerfClientBatching, TheDestructorDoesNotSendWhatIsHeld) {
+  ScriptedNetwork network(Script().awaitClose());
+  {
+    auto client = binaryClient();
+    batching(client);
+    queue(client, 10);
+  }
+  EXPECT_EQ(network.writes(), 0U);
+  EXPECT_EQ(network.connection(0).received, "");
+  EXPECT_TRUE(network.connection(0).clientClosed);
+}
+
+TEST_F(DrestoPerfClientBatching, SwitchedOffItSendsWhatIsHeldWithTheNextMessage) {
+  ScriptedNetwork network(Script().awaitClose());
+  auto client = binaryClient();
+  batching(client);
+  std::string all = queue(client, 10);
+  client.useBufferedConnection(false);
+  all += queue(client, 20);
+  EXPECT_EQ(network.writeSizes(), Sizes{all.size()});
+  EXPECT_EQ(network.connection(0).received, all);
+}
+
+TEST_F(DrestoPerfClientBatching, AFailedWriteKeepsWhatWasHeldBeforeItsMessage) {
+  for (const unsigned int retries : {1U, 0U}) {
+    ScriptedNetwork network(Script().awaitClose());
+    network.limitWrites(50);
+    auto client = binaryClient();
+    batching(client);
+    client.setNumRetries(retries);
+    std::string all;
+    for (const std::size_t size : {10U, 20U, 30U}) all += queue(client, size);
+    network.failNextWrite(EPIPE, 2);  // in the midst of it
+    if (retries == 0) {
+      auto request = requestFor(kLastDocSent);
+      ClientResponse response;
+      EXPECT_EQ(raisedBy([&] { client.sendAndRecvMesg(request, response); }).front().id,
+                "ERR_SERVER_COMM_SEND");
+    }
+    all += sendLast(client);
+    ASSERT_EQ(network.connections(), 2U);
+    EXPECT_EQ(network.connection(1).received, all) << "each message once";
+  }
+}
+
+TEST_F(DrestoPerfClientBatching, WhatIsHeldSurvivesAConnectionThatTheServerHasClosed) {
+  ScriptedNetwork network({Script(), Script().awaitClose()});
+  auto client = binaryClient();
+  batching(client);
+  std::string all = queue(client, 10);
+  all += queue(client, 20);
+  all += sendLast(client);
+  EXPECT_EQ(network.connection(0).received, "");
+  ASSERT_EQ(network.connections(), 2U);
+  EXPECT_EQ(network.connection(1).received, all);
+}
+
+TEST_F(DrestoPerfClientBatching, ASearchThatIsHeldIsSentAgainOnlyOnceWhenItsWriteFails) {
+  ScriptedNetwork network(Script()
+                              .expectFramedRequest()
+                              .expectFramedRequest()
+                              .send(kOk + plainHit("key") + endOfResults())
+                              .awaitClose());
+  auto client = binaryClient();
+  batching(client);
+  std::string all = queue(client, 10);
+  network.failNextWrite(EPIPE);
+  auto request = requestFor(kStreamSearch);
+  ClientResponse response;
+  client.sendAndRecvMesg(request, response);
+  all += Framed(request).whole();
+  EXPECT_EQ(response.getResultCount(), 1);
+  ASSERT_EQ(network.connections(), 2U);
+  EXPECT_EQ(network.connection(1).received, all);
+}
+
+}  // namespace

@@ -1,0 +1,838 @@
+// What a binary client reads, and what it reports when it cannot.
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "comm/kruDrestoPerfClient.h"
+#include "comm/kruFunctionIds.h"
+#include "comm/kruRESTException.h"
+#include "infra/oss/kruNLSException.h"
+#include "infra/oss/kruTrace.h"
+#include "tests/comm/binaryFixture.h"
+#include "tests/support/raised.h"
+#include "tests/support/scriptedServer.h"
+
+namespace {
+
+using namespace tq::test;
+using tq::comm::ClientRequest;
+using tq::comm::ClientResponse;
+using tq::comm::CorvaneRESTClient;
+using tq::comm::DrestoPerfClient;
+
+constexpr auto kFile = "kruDrestoPerfClient";
+constexpr auto kUnknownError = "unknown error from sendandrecvMesgOnce";
+
+const Raised kParsing{{"ERR_CLIENT_RESP_PARSING"}};
+const Raised kNoReply{{"ERR_SERVER_COMM_RECV", kFile, 383, kHostAndPort}};
+const Raised kInProgress{{"ERR_INVALID_STATE", kFile, 138}};
+
+Raised exchange(CorvaneRESTClient& client, int kind, ClientResponse& response) {
+  return raisedBy([&] {
+    auto request = requestFor(kind);
+    client.sendAndRecvMesg(request, response);
+  });
+}
+
+Raised exchange(CorvaneRESTClient& client, int kind) {
+  ClientResponse response;
+  return exchange(client, kind, response);
+}
+
+Raised receive(CorvaneRESTClient& client, ClientResponse& response) {
+  return raisedBy([&] { client.recv(response); });
+}
+
+Script segments(const std::vector<std::string>& pieces) {
+  Script script;
+  script.expectFramedRequest();
+  for (const auto& piece : pieces) script.send(piece);
+  return script.awaitClose();
+}
+
+std::vector<std::string> idsHeld(ClientResponse& response) {
+  std::vector<std::string> ids;
+  auto& held = response.getSearchResponse();
+  while (held.hasMore()) ids.push_back(utf8(held.getNext().getDocId()));
+  return ids;
+}
+
+std::vector<std::string> ids(const std::vector<std::string>& keys) {
+  std::vector<std::string> all;
+  for (const auto& key : keys) all.push_back(idOfKey(key));
+  return all;
+}
+
+std::string row(const std::string& document) { return envelope(1, record16({{"Doc", document}})); }
+
+// Construction.
+
+TEST(DrestoPerfClient, BeginsUnconnectedAndKeepsItsConnection) {
+  ScriptedNetwork network(
+      Script().expectFramedRequest().send(kOk).expectFramedRequest().send(kOk).awaitClose());
+  {
+    auto client = binaryClient();
+    EXPECT_FALSE(client.isConnected());
+    EXPECT_FALSE(client.isEndOfStream());
+    EXPECT_EQ(client.getHost(), u"127.0.0.1");
+    EXPECT_EQ(client.getPort(), 7U);
+    EXPECT_EQ(network.connectAttempts(), 0U);
+    EXPECT_EQ(exchange(client, 1), Raised());
+    EXPECT_EQ(exchange(client, 1), Raised());
+    EXPECT_EQ(network.connections(), 1U);
+    EXPECT_FALSE(network.connection(0).clientClosed);
+  }
+  EXPECT_TRUE(network.connection(0).clientClosed) << "by the destructor";
+}
+
+TEST(DrestoPerfClient, TakesAddressesThatWereResolvedBeforehand) {
+  ScriptedNetwork network(answer(kOk));
+  tq::oss::Socket::_AddrInfoExternal addresses;
+  ASSERT_TRUE(addresses.add(u"127.0.0.1", 0));
+  network.failLookups();
+  DrestoPerfClient client(u"no.such.host", 7, addresses);
+  EXPECT_EQ(exchange(client, 1), Raised());
+}
+
+TEST(DrestoPerfClient, RetriesOnceUnlessToldOtherwise) {
+  for (const unsigned int retries : {0U, 1U, 3U}) {
+    ScriptedNetwork network(Script().expectFramedRequest());
+    auto client = binaryClient();
+    if (retries != 1) client.setNumRetries(retries);
+    EXPECT_EQ(exchange(client, kStreamSearch), kNoReply);
+    EXPECT_EQ(network.requests(), retries + 1);
+    EXPECT_EQ(network.connections(), retries + 1);
+  }
+}
+
+// Reading.
+
+TEST(DrestoPerfClient, AKindWithoutResultsIsOverWithTheHeader) {
+  for (const int kind : {1, 2, 3, 4, 5, 12, 13, 15, 16, 17, 18, 19, 21, 23, 24}) {
+    ScriptedNetwork network(answer(kOk), kOnDemand);
+    auto client = binaryClient();
+    ClientResponse response;
+    EXPECT_EQ(exchange(client, kind, response), Raised());
+    EXPECT_TRUE(response.success());
+    EXPECT_TRUE(client.isEndOfStream());
+    EXPECT_FALSE(network.waitedForever()) << "a body was waited for";
+  }
+}
+
+TEST(DrestoPerfClient, NoBodyIsAwaitedBehindACodeThatHasNone) {
+  for (const int kind : {1, 8, 11, 14, 15, 20, 22}) {
+    for (const unsigned int code : {0U, 3U, 5U, 9U, 401U}) {
+      ScriptedNetwork network(answer(word16(code)), kOnDemand);
+      auto client = binaryClient();
+      exchange(client, kind);
+      EXPECT_FALSE(network.waitedForever()) << "kind " << kind << ", code " << code;
+      EXPECT_EQ(network.requests(), 1U);
+    }
+  }
+}
+
+TEST(DrestoPerfClient, TheHeaderMayComeInTwoReads) {
+  ScriptedNetwork network(segments({kOk.substr(0, 1), kOk.substr(1)}), kOnDemand);
+  auto client = binaryClient();
+  EXPECT_EQ(exchange(client, 1), Raised());
+  EXPECT_EQ(network.requests(), 1U);
+}
+
+TEST(DrestoPerfClient, TheExchangeReturnsWithTheFirstPortionThatBringsAHit) {
+  ScriptedNetwork network(
+      segments({kOk, plainHit("a") + plainHit("b"), plainHit("c"), plainHit("d") + endOfResults()}),
+      kOnDemand);
+  auto client = binaryClient();
+  ClientResponse response;
+  EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
+  EXPECT_EQ(response.getResultCount(), 2);
+  EXPECT_EQ(idsHeld(response), ids({"a", "b"}));
+  EXPECT_FALSE(client.isEndOfStream());
+  EXPECT_EQ(receive(client, response), Raised());
+  EXPECT_EQ(idsHeld(response), ids({"c"})) << "a portion replaces the one before";
+  EXPECT_FALSE(client.isEndOfStream());
+  EXPECT_EQ(receive(client, response), Raised());
+  EXPECT_EQ(idsHeld(response), ids({"d"}));
+  EXPECT_TRUE(client.isEndOfStream());
+  EXPECT_FALSE(client.isTruncated());
+}
+
+TEST(DrestoPerfClient, AnEnvelopeThatIsCutIsCarriedToTheNextRead) {
+  const auto second = scoredHit(250, "the second");
+  for (std::size_t cut = 1; cut < second.size(); ++cut) {
+    ScriptedNetwork network(segments({kOk + plainHit("first") + second.substr(0, cut),
+                                      second.substr(cut) + endOfResults()}),
+                            kOnDemand);
+    auto client = binaryClient();
+    ClientResponse response;
+    EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
+    EXPECT_EQ(idsHeld(response), ids({"first"}));
+    EXPECT_EQ(receive(client, response), Raised());
+    EXPECT_EQ(idsHeld(response), ids({"the second"})) << cut;
+    EXPECT_TRUE(client.isEndOfStream());
+  }
+}
+
+TEST(DrestoPerfClient, APortionThatBringsNoHitIsNotTheEnd) {
+  ScriptedNetwork network(segments({kOk + plainHit("first"), std::string(1, '\0'),
+                                    "\x01" + word16(1) + "k", endOfResults()}),
+                          kOnDemand);
+  auto client = binaryClient();
+  ClientResponse response;
+  EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
+  EXPECT_EQ(receive(client, response), Raised());
+  EXPECT_EQ(response.getSearchResponse().count(), 0U);
+  EXPECT_FALSE(client.isEndOfStream());
+  EXPECT_EQ(receive(client, response), Raised());
+  EXPECT_EQ(idsHeld(response), ids({"k"}));
+  EXPECT_EQ(receive(client, response), Raised());
+  EXPECT_TRUE(client.isEndOfStream());
+}
+
+TEST(DrestoPerfClient, AReadTakesFourTimesWhatTheParserNeeds) {
+  // Each envelope has 1024 bytes: four of them are a read, however many have arrived.
+  std::string body;
+  for (char key = 'a'; key < 'a' + 10; ++key) body += plainHit(std::string(1020, key));
+  ScriptedNetwork network(segments({kOk + body + endOfResults()}));
+  auto client = binaryClient();
+  ClientResponse response;
+  EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
+  EXPECT_EQ(idsHeld(response).size(), 4U);
+  EXPECT_EQ(receive(client, response), Raised());
+  EXPECT_EQ(idsHeld(response).size(), 4U);
+  EXPECT_EQ(receive(client, response), Raised());
+  EXPECT_EQ(idsHeld(response).size(), 2U);
+  EXPECT_TRUE(client.isEndOfStream());
+}
+
+TEST(DrestoPerfClient, AReplyThatHasArrivedIsOneReceive) {
+  ScriptedNetwork network(answer(kOk + plainHit("key") + endOfResults()));
+  auto client = binaryClient();
+  EXPECT_EQ(exchange(client, kStreamSearch), Raised());
+  // The one that brings it, and at most one look for more that does not wait.
+  EXPECT_LE(network.receives(), 2U);
+}
+
+TEST(DrestoPerfClient, TheHitsOfAScalarSearchGatherFromPortionToPortion) {
+  ScriptedNetwork network(segments({kOk, plainHit("a"), plainHit("b"), endOfResults()}), kOnDemand);
+  auto client = binaryClient();
+  ClientResponse response;
+  EXPECT_EQ(exchange(client, kScalarSearch, response), Raised());
+  EXPECT_EQ(response.getSearchResponse().count(), 1U);
+  EXPECT_EQ(receive(client, response), Raised());
+  EXPECT_EQ(response.getSearchResponse().count(), 2U);
+  EXPECT_EQ(receive(client, response), Raised());
+  EXPECT_TRUE(client.isEndOfStream());
+  EXPECT_EQ(idsHeld(response), ids({"a", "b"}));
+}
+
+TEST(DrestoPerfClient, AnEstimatesPortionsClearNoHitsThatTheResponseHolds) {
+  ScriptedNetwork network(segments({kOk, envelope(1, estimate(1, 2, 3)),
+                                    envelope(1, estimate(4, 5, 6)) + endOfResults()}),
+                          kOnDemand);
+  auto client = binaryClient();
+  ClientResponse response;
+  response.addSearchResult(tq::comm::SearchResult(false));
+  EXPECT_EQ(exchange(client, kSelectivity, response), Raised());
+  EXPECT_TRUE(client.isEndOfStream());
+  EXPECT_EQ(response.getSearchResponse().count(), 1U);
+}
+
+TEST(DrestoPerfClient, TheSinglePullReplacesThePortionThatTheExchangeBrought) {
+  ScriptedNetwork network(segments({kOk + plainHit("a") + plainHit("b"), plainHit("c"),
+                                    plainHit("d") + endOfResults()}),
+                          kOnDemand);
+  auto client = binaryClient();
+  ClientResponse response;
+  EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
+  ASSERT_EQ(response.getSearchResponse().count(), 2U);
+  response.getSearchResponse(client, false);
+  EXPECT_EQ(idsHeld(response), ids({"c"})) << "whether its hits were taken or not";
+}
+
+TEST(DrestoPerfClient, ANewExchangeEmptiesTheListsOfStreamedHitsAndParseResultsAlone) {
+  for (const int kind : {kStreamSearch, kParseResult, kScalarSearch}) {
+    const auto reply = kOk + (kind == kParseResult ? row("a") : plainHit("a")) + endOfResults();
+    ScriptedNetwork network(
+        Script().expectFramedRequest().send(reply).expectFramedRequest().send(reply).awaitClose());
+    auto client = binaryClient();
+    ClientResponse response;
+    EXPECT_EQ(exchange(client, kind, response), Raised());
+    EXPECT_EQ(exchange(client, kind, response), Raised());
+    EXPECT_EQ(response.getResultCount(), 1) << "counted from the exchange on";
+    EXPECT_EQ(response.getSearchResponse().count() + response.getParseResponse().count(),
+              kind == kScalarSearch ? 2U : 1U);
+  }
+}
+
+TEST(DrestoPerfClient, ParseResultsAreNotPulledToTheirEndByTheExchange) {
+  ScriptedNetwork network(segments({kOk + row("a"), row("b"), row("c") + endOfResults()}),
+                          kOnDemand);
+  auto client = binaryClient();
+  ClientResponse response;
+  EXPECT_EQ(exchange(client, kParseResult, response), Raised());
+  EXPECT_FALSE(client.isEndOfStream());
+  EXPECT_EQ(response.getParseResponse().count(), 1U);
+  EXPECT_EQ(receive(client, response), Raised());
+  ASSERT_EQ(response.getParseResponse().count(), 1U) << "a portion replaces the one before";
+  EXPECT_EQ(utf8(response.getParseResponse().getNext().getDocument()), "b");
+  EXPECT_EQ(receive(client, response), Raised());
+  EXPECT_TRUE(client.isEndOfStream());
+  EXPECT_EQ(utf8(response.getParseResponse().getNext().getDocument()), "c");
+}
+
+TEST(DrestoPerfClient, AnEstimateIsReadToItsEndMark) {
+  ScriptedNetwork network(segments({kOk, envelope(1, estimate(1, 2, 3)),
+                                    envelope(1, estimate(4, 5, 6)) + endOfResults()}),
+                          kOnDemand);
+  auto client = binaryClient();
+  ClientResponse response;
+  EXPECT_EQ(exchange(client, kSelectivity, response), Raised());
+  EXPECT_TRUE(client.isEndOfStream());
+  EXPECT_EQ(response.getSelectivityInfo().getFirst(), 4);
+  EXPECT_EQ(response.getSelectivityInfo().getSecond(), 6);
+  EXPECT_EQ(response.getSelectivityInfo().getThird(), 5);
+}
+
+TEST(DrestoPerfClient, BehindTheEndOfTheStreamTheListsAreEmpty) {
+  for (const int kind : {kStreamSearch, kScalarSearch, kParseResult, kSelectivity}) {
+    ScriptedNetwork network(answer(kOk + endOfResults()));
+    auto client = binaryClient();
+    ClientResponse response;
+    EXPECT_EQ(exchange(client, kind, response), Raised());
+    EXPECT_TRUE(client.isEndOfStream());
+    tq::comm::SearchResult hit(false);
+    tq::comm::ParseResult parsed(false);
+    response.addSearchResult(hit);
+    response.addParseResult(parsed);
+    const auto reads = network.receives();
+    EXPECT_EQ(receive(client, response), Raised());
+    EXPECT_EQ(response.getParseResponse().count(), kind == kParseResult ? 0U : 1U);
+    EXPECT_EQ(response.getSearchResponse().count(), kind == kParseResult ? 1U : 0U);
+    EXPECT_EQ(network.receives(), reads);
+  }
+}
+
+TEST(DrestoPerfClient, TheUnassignedSearchExpectsNoResultsAndReadsNoBody) {
+  ScriptedNetwork network(segments({kOk, plainHit("a") + endOfResults()}), kOnDemand);
+  auto client = binaryClient();
+  ClientResponse response;
+  EXPECT_EQ(exchange(client, 6, response),
+            (Raised{{"ERR_SERVER_PROTOCOL",
+                     "kruDrestoPerfResponse",
+                     375,
+                     {"Zero(0) sized protocol body inparseStreamSearchresp"}}}));
+  EXPECT_EQ(response.getSearchResponse().count(), 0U);
+}
+
+TEST(DrestoPerfClient, AnErrorRecordIsReadWholeWithAndWithoutReassembly) {
+  const std::string text(9000, 'x');
+  const auto reply = word16(6) + errorRecord({{"MsgId", "ZVK0404E"}, {"MsgText", text}});
+  for (const bool reassembly : {false, true}) {
+    for (const std::size_t segment : {1U, 7U, 1000U, 0U}) {
+      ScriptedNetwork network(Script().expectFramedRequest().send(reply, segment).awaitClose(),
+                              kOnDemand);
+      auto client = binaryClient();
+      client.setReassembly(reassembly);
+      EXPECT_EQ(exchange(client, kStreamSearch), (Raised{{"ZVK0404E", "(null)", 0, {}, text, 2}}));
+      EXPECT_FALSE(network.waitedForever());
+      EXPECT_EQ(network.requests(), 1U);
+    }
+  }
+}
+
+// The first portion, without reassembly.
+
+TEST(DrestoPerfClient, AFirstPortionWithoutAWholeRecordFailsAndNothingMoreIsRead) {
+  for (const int kind : {kStreamSearch, kScalarSearch, kParseResult, kSelectivity}) {
+    const auto first = kind == kParseResult   ? row("document")
+                       : kind == kSelectivity ? envelope(1, estimate(1, 2, 3))
+                                              : plainHit("a key");
+    for (std::size_t cut = 1; cut < first.size(); ++cut) {
+      ScriptedNetwork network(
+          segments({kOk + first.substr(0, cut), first.substr(cut) + endOfResults()}), kOnDemand);
+      auto client = binaryClient();
+      ClientResponse response;
+      EXPECT_EQ(exchange(client, kind, response), kParsing) << "kind " << kind << ", cut " << cut;
+      EXPECT_EQ(network.requests(), 1U) << "not repeated";
+      EXPECT_EQ(response.getResultCount(), 0);
+      EXPECT_EQ(receive(client, response), kInProgress);
+    }
+  }
+}
+
+TEST(DrestoPerfClient, AFirstPortionWithHalfAContentFails) {
+  ScriptedNetwork network(segments({kOk + envelope(1, "text").substr(0, 6), "xt"}), kOnDemand);
+  auto client = binaryClient();
+  EXPECT_EQ(exchange(client, kGetServerVersion),
+            (Raised{{"ERR_SERVER_PROTOCOL",
+                     "kruDrestoPerfResponse",
+                     336,
+                     {"Invalid message envelope, status code not available in parseContent"}}}));
+}
+
+TEST(DrestoPerfClient, ALongEnvelopePassesFromTheSecondPortionOn) {
+  const std::string key(65535, 'k');
+  ScriptedNetwork network(segments({kOk + plainHit("first"), plainHit(key) + endOfResults()}),
+                          kOnDemand);
+  auto client = binaryClient();
+  ClientResponse response;
+  EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
+  EXPECT_EQ(idsHeld(response), ids({"first"}));
+  EXPECT_EQ(idsHeld(response).size(), 0U);
+  auto& hits = response.getSearchResponse(client, true);
+  ASSERT_TRUE(hits.hasMore());
+  EXPECT_EQ(utf8(hits.getNext().getDocId()), idOfKey(key));
+  EXPECT_FALSE(response.getSearchResponse(client, true).hasMore());
+  EXPECT_TRUE(client.isEndOfStream());
+  EXPECT_FALSE(client.isTruncated());
+}
+
+TEST(DrestoPerfClient, ALongEnvelopeInFrontFailsUnlessPutTogether) {
+  const std::string key(65535, 'k');
+  for (const bool reassembly : {false, true}) {
+    ScriptedNetwork network(answer(kOk + plainHit(key) + endOfResults()));
+    auto client = binaryClient();
+    client.setReassembly(reassembly);
+    ClientResponse response;
+    EXPECT_EQ(exchange(client, kStreamSearch, response), reassembly ? Raised() : kParsing);
+    EXPECT_EQ(idsHeld(response), reassembly ? ids({key}) : ids({}));
+  }
+}
+
+// A server that closes.
+
+TEST(DrestoPerfClient, ACloseBeforeTheHeaderIsARepeatedReceiveError) {
+  for (const auto& part : {std::string(), kOk.substr(0, 1)}) {
+    ScriptedNetwork network({Script().expectFramedRequest().send(part), answer(kOk)});
+    auto client = binaryClient();
+    ClientResponse response;
+    EXPECT_EQ(exchange(client, 1, response), Raised());
+    EXPECT_EQ(network.connections(), 2U);
+    EXPECT_TRUE(response.success());
+  }
+}
+
+TEST(DrestoPerfClient, ACloseInPlaceOfTheBodyIsAnEmptyBodyAndNotRepeated) {
+  struct Case {
+    int kind;
+    unsigned long line;
+    const char* argument;
+  };
+  for (const auto& c :
+       {Case{kStreamSearch, 375, "Zero(0) sized protocol body inparseStreamSearchresp"},
+        Case{kScalarSearch, 375, "Zero(0) sized protocol body inparseStreamSearchresp"},
+        Case{kParseResult, 441, "Zero(0) sized protocol body in parseParseResult "},
+        Case{kSelectivity, 485, "Zero(0) sized protocol body in parseSelectivity "},
+        Case{kGetServerVersion, 327, "Zero(0) sized protocol body in parseContent"}}) {
+    ScriptedNetwork network(Script().expectFramedRequest().send(kOk));
+    auto client = binaryClient();
+    EXPECT_EQ(exchange(client, c.kind),
+              (Raised{{"ERR_SERVER_PROTOCOL", "kruDrestoPerfResponse", c.line, {c.argument}}}));
+    EXPECT_TRUE(client.isEndOfStream()) << "a read of nothing ends the stream";
+    EXPECT_EQ(network.requests(), 1U);
+  }
+}
+
+TEST(DrestoPerfClient, ACloseBehindHitsThrowsOnlyWhenNothingIsHeld) {
+  for (const bool cutOff : {false, true}) {
+    ScriptedNetwork network(
+        Script().expectFramedRequest().send(kOk + plainHit("a") + (cutOff ? "\1" : "")));
+    auto client = binaryClient();
+    ClientResponse response;
+    EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
+    const auto raised = receive(client, response);
+    EXPECT_EQ(raised.size(), cutOff ? 0U : 1U);
+    if (!cutOff) {
+      EXPECT_EQ(raised.front().line, 375U);
+    }
+    EXPECT_TRUE(client.isEndOfStream());
+    EXPECT_TRUE(client.isTruncated());
+    EXPECT_EQ(response.getSearchResponse().count(), 0U);
+  }
+}
+
+TEST(DrestoPerfClient, WithReassemblyAReplyThatBreaksOffIsAReceiveError) {
+  for (const auto& part :
+       {std::string(), std::string("\0\1\0", 3), plainHit("half").substr(0, 6)}) {
+    ScriptedNetwork network({Script().expectFramedRequest().send(kOk + part),
+                             answer(kOk + plainHit("whole") + endOfResults())});
+    auto client = binaryClient();
+    client.setReassembly(true);
+    ClientResponse response;
+    EXPECT_EQ(exchange(client, kStreamSearch, response), Raised()) << "repeated";
+    EXPECT_EQ(idsHeld(response), ids({"whole"}));
+    EXPECT_EQ(network.connections(), 2U);
+  }
+  ScriptedNetwork network(Script().expectFramedRequest().send(kOk + plainHit("a")));
+  auto client = binaryClient();
+  client.setReassembly(true);
+  ClientResponse response;
+  EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
+  EXPECT_EQ(idsHeld(response), ids({"a"}));
+  EXPECT_EQ(receive(client, response), kNoReply);
+  EXPECT_EQ(network.requests(), 1U) << "portions are not repeated";
+}
+
+TEST(DrestoPerfClient, ABrokenConnectionIsAnUnknownErrorWithoutReassembly) {
+  ScriptedNetwork network(Script().expectFramedRequest().reset());
+  auto client = binaryClient();
+  EXPECT_EQ(exchange(client, kStreamSearch),
+            (Raised{{"ERR_CLIENT_INTERNAL", kFile, 113, {kUnknownError}}}));
+  EXPECT_EQ(network.requests(), 1U);
+}
+
+TEST(DrestoPerfClient, AConnectionThatBreaksBetweenPortionsIsAnUnknownErrorWithoutReassembly) {
+  for (const bool reassembly : {false, true}) {
+    ScriptedNetwork network(Script().expectFramedRequest().send(kOk + plainHit("a")).reset());
+    auto client = binaryClient();
+    client.setReassembly(reassembly);
+    ClientResponse response;
+    EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
+    EXPECT_EQ(
+        receive(client, response),
+        reassembly ? kNoReply : (Raised{{"ERR_CLIENT_INTERNAL", kFile, 147, {kUnknownError}}}));
+  }
+}
+
+// Failures of the client itself.
+
+TEST(DrestoPerfClient, ARefusedConnectionNamesHostAndPort) {
+  ScriptedNetwork network(Script().awaitClose());
+  network.failConnects(ECONNREFUSED);
+  auto client = binaryClient();
+  const auto raised = exchange(client, 1);
+  ASSERT_FALSE(raised.empty());
+  EXPECT_EQ(raised.front().id, "ERR_CONNECT_SERVER");
+  EXPECT_EQ(raised.front().arguments, kHostAndPort);
+  EXPECT_EQ(network.connectAttempts(), 2U) << "repeated";
+}
+
+/// A host whose trace facility closes the client as soon as it has opened its connection.
+class ClosingFacility : public tq::oss::TraceFacility {
+ public:
+  explicit ClosingFacility(CorvaneRESTClient& client) : client_(client) {
+    tq::oss::setTraceFacility(this);
+  }
+  ~ClosingFacility() override { tq::oss::setTraceFacility(nullptr); }
+  unsigned long getComponentTraceFlags(unsigned int) override { return 2; }
+  void traceEntry(unsigned int) override {}
+  void traceExit(unsigned int functionId, long) override {
+    if (functionId == tq::comm::trace::CorvaneClientOpen) client_.close();
+  }
+
+ private:
+  CorvaneRESTClient& client_;
+};
+
+TEST(DrestoPerfClient, AConnectionThatIsNotUpAfterOpeningIsAConnectError) {
+  ScriptedNetwork network(answer(kOk));
+  auto client = binaryClient();
+  const ClosingFacility facility(client);
+  EXPECT_EQ(exchange(client, 1), (Raised{{"ERR_CONNECT_SERVER", kFile, 68, kHostAndPort}}));
+  EXPECT_EQ(network.connectAttempts(), 2U) << "repeated";
+  EXPECT_EQ(network.writes(), 0U);
+}
+
+/// A client one of whose steps fails in a way that the library does not know.
+class FailingClient : public DrestoPerfClient {
+ public:
+  enum class Step { Send, Header, Portion };
+  enum class With { Standard, NoMemory, Infrastructure, Number };
+
+  FailingClient(Step step, With with)
+      : DrestoPerfClient(u"127.0.0.1", 7), step_(step), with_(with) {}
+
+  void sendMesg(tq::comm::RESTMessage& message) override {
+    failIn(Step::Send);
+    DrestoPerfClient::sendMesg(message);
+  }
+  void recvMesg(ClientResponse& response) override {
+    failIn(Step::Header);
+    DrestoPerfClient::recvMesg(response);
+  }
+  void recvStream(ClientResponse& response) override {
+    failIn(Step::Portion);
+    DrestoPerfClient::recvStream(response);
+  }
+  void recover() { failing_ = false; }
+  void fail() { failing_ = true; }
+
+ private:
+  void failIn(Step step) const {
+    if (step != step_ || !failing_) return;
+    if (with_ == With::Standard) throw std::runtime_error("from elsewhere");
+    if (with_ == With::NoMemory) throw std::bad_alloc();
+    if (with_ == With::Infrastructure) throw tq::oss::NLSException();
+    throw 17;
+  }
+
+  Step step_;
+  With with_;
+  bool failing_ = true;
+};
+
+TEST(DrestoPerfClient, AForeignExceptionInAnExchangeIsWrapped) {
+  using Step = FailingClient::Step;
+  using With = FailingClient::With;
+  for (const auto step : {Step::Send, Step::Header, Step::Portion}) {
+    for (const auto with : {With::Standard, With::NoMemory, With::Infrastructure, With::Number}) {
+      ScriptedNetwork network(answer(kOk + plainHit("key") + endOfResults()));
+      FailingClient client(step, with);
+      EXPECT_EQ(exchange(client, kStreamSearch),
+                (Raised{{"ERR_CLIENT_INTERNAL", kFile, 113, {kUnknownError}}}));
+      EXPECT_LE(network.requests(), 1U) << "not repeated";
+    }
+  }
+}
+
+TEST(DrestoPerfClient, AForeignExceptionInAReceiveIsWrappedWithTheSameText) {
+  using With = FailingClient::With;
+  for (const auto with : {With::Standard, With::NoMemory, With::Infrastructure, With::Number}) {
+    ScriptedNetwork network(segments({kOk + plainHit("a"), plainHit("b") + endOfResults()}),
+                            kOnDemand);
+    FailingClient client(FailingClient::Step::Portion, with);
+    client.recover();
+    ClientResponse response;
+    EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
+    client.fail();
+    EXPECT_EQ(receive(client, response),
+              (Raised{{"ERR_CLIENT_INTERNAL", kFile, 147, {kUnknownError}}}));
+    client.recover();
+    EXPECT_EQ(receive(client, response), Raised());
+    EXPECT_EQ(idsHeld(response), ids({"b"}));
+  }
+}
+
+TEST(DrestoPerfClient, AParseResultWithoutItsDocumentIsAnUnknownError) {
+  ScriptedNetwork network(
+      answer(kOk + envelope(1, record16({{"MsgId", "ZVK1"}})) + endOfResults()));
+  auto client = binaryClient();
+  EXPECT_EQ(exchange(client, kParseResult),
+            (Raised{{"ERR_CLIENT_INTERNAL", kFile, 113, {kUnknownError}}}));
+}
+
+// The order of calls.
+
+TEST(DrestoPerfClient, ReceivingWithoutAConnectionIsAConnectError) {
+  ScriptedNetwork network(answer(kOk + plainHit("a") + endOfResults()));
+  auto client = binaryClient();
+  ClientResponse response;
+  const Raised notConnected{{"ERR_CONNECT_SERVER", kFile, 132, kHostAndPort}};
+  EXPECT_EQ(receive(client, response), notConnected);
+  EXPECT_EQ(exchange(client, kStreamSearch), Raised());
+  client.close();
+  EXPECT_EQ(receive(client, response), notConnected);
+}
+
+TEST(DrestoPerfClient, ReceivingBeforeAnyExchangeIsRefused) {
+  ScriptedNetwork network(Script().awaitClose());
+  auto client = binaryClient();
+  client.open();
+  ClientResponse response;
+  const auto raised = receive(client, response);
+  ASSERT_EQ(raised.size(), 1U);
+  EXPECT_EQ(raised.front().id, "ERR_INVALID_STATE");
+}
+
+TEST(DrestoPerfClient, ReceivingAfterAFailedExchangeIsRefusedUntilOneSucceeds) {
+  const auto error = errorRecord({{"MsgId", "ZVK0404E"}, {"MsgText", "no"}});
+  const auto good = kOk + plainHit("a") + endOfResults();
+  // Refused by the server, broken framing, no reply.
+  for (const auto& bad :
+       {word16(6) + error, word16(401), word16(3), kOk + envelope(5, ""), std::string(), kOk}) {
+    ScriptedNetwork network({Script().expectFramedRequest().send(bad), answer(good)});
+    auto client = binaryClient();
+    client.setNumRetries(0);
+    ClientResponse response;
+    EXPECT_FALSE(exchange(client, kStreamSearch, response).empty());
+    EXPECT_EQ(receive(client, response), kInProgress);
+    EXPECT_EQ(receive(client, response), kInProgress) << "and again";
+    EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
+    EXPECT_EQ(receive(client, response), Raised());
+  }
+}
+
+TEST(DrestoPerfClient, AFailedReceiveDoesNotRefuseTheNext) {
+  ScriptedNetwork network(Script().expectFramedRequest().send(kOk + plainHit("a")));
+  auto client = binaryClient();
+  ClientResponse response;
+  EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
+  EXPECT_EQ(receive(client, response).size(), 1U);
+  EXPECT_EQ(receive(client, response), Raised()) << "the stream has ended";
+}
+
+TEST(DrestoPerfClient, AHeaderIsNotReadForAParserThatIsFinished) {
+  ScriptedNetwork network(answer(kOk + plainHit("a") + endOfResults()));
+  auto client = binaryClient();
+  ClientResponse response;
+  EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
+  EXPECT_EQ(raisedBy([&] { client.recvMesg(response); }),
+            (Raised{{"ERR_CLIENT_INTERNAL", kFile, 357}}));
+}
+
+TEST(DrestoPerfClient, AStreamThatWasAbandonedIsNotTakenForTheNextReply) {
+  ScriptedNetwork network({segments({kOk + plainHit("a"), plainHit("b") + endOfResults()}),
+                           answer(nextBinaryReply().text)},
+                          kOnDemand);
+  auto client = binaryClient();
+  EXPECT_EQ(exchange(client, kStreamSearch), Raised());
+  EXPECT_FALSE(client.isEndOfStream());
+  EXPECT_EQ(runBinary(client, nextBinaryReply().kind), nextBinaryReply().expected);
+  EXPECT_EQ(network.connections(), 2U);
+}
+
+TEST(DrestoPerfClient, ANewExchangeForgetsWhatTheLastOneCarried) {
+  ScriptedNetwork network(
+      {segments({kOk + plainHit("a") + "\1\1\1"}), answer(kOk + plainHit("b") + endOfResults())});
+  auto client = binaryClient();
+  ClientResponse response;
+  EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
+  EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
+  EXPECT_EQ(idsHeld(response), ids({"b"}));
+  EXPECT_TRUE(client.isEndOfStream());
+}
+
+TEST(DrestoPerfClient, AConnectionThatTheServerHasClosedCostsAQueuedDocumentNothing) {
+  ScriptedNetwork network({Script().expectFramedRequest().send(kOk), Script().awaitClose()});
+  auto client = binaryClient();
+  client.setNumRetries(0);
+  EXPECT_EQ(exchange(client, 1), Raised());
+  Document document(kAsynchAddDocument);
+  ClientResponse response;
+  client.sendAndRecvMesg(document.request, response);
+  ASSERT_EQ(network.connections(), 2U);
+  EXPECT_EQ(network.connection(1).received, Framed(document.request).whole());
+}
+
+// Time-outs.
+
+struct Wait {
+  const char* what;
+  int kind;
+  bool reassembly;
+  std::string arrived;
+};
+
+TEST(DrestoPerfClient, EveryWaitOfAnExchangeEndsWithTheTimeOut) {
+  const auto error = errorRecord({{"MsgId", "ZVK0404E"}, {"MsgText", "no"}});
+  for (const auto& wait : std::vector<Wait>{
+           {"the header", 1, false, ""},
+           {"half the header", 1, false, kOk.substr(0, 1)},
+           {"the body", kStreamSearch, false, kOk},
+           {"the rest of a first envelope", kStreamSearch, true,
+            kOk + plainHit("key").substr(0, 5)},
+           {"parse results", kParseResult, false, kOk},
+           {"the end of an estimate", kSelectivity, false, kOk + envelope(1, estimate(1, 2, 3))},
+           {"the rest of a content", kGetServerVersion, true, kOk + envelope(1, "v").substr(0, 4)},
+           {"an error record", kStreamSearch, false, word16(6)},
+           {"the rest of an error record", kGetStatus, false, word16(6) + error.substr(0, 9)}}) {
+    for (const unsigned int retries : {0U, 1U}) {
+      ScriptedNetwork network(
+          Script().expectFramedRequest().send(wait.arrived).stall().awaitClose(), kOnDemand);
+      auto client = binaryClient();
+      client.setReassembly(wait.reassembly);
+      client.setTimeOut(300);
+      client.setNumRetries(retries);
+      const auto raised = exchange(client, wait.kind);
+      ASSERT_EQ(raised.size(), 1U) << wait.what;
+      EXPECT_EQ(raised.front().id, "ERR_SERVER_COMM_TIMEOUT") << wait.what;
+      EXPECT_EQ(raised.front().arguments, kHostAndPort);
+      EXPECT_EQ(network.requests(), retries + 1) << wait.what;
+      EXPECT_FALSE(network.waitedForever());
+      EXPECT_EQ(network.elapsedMillis(), 300U * (retries + 1)) << wait.what;
+    }
+  }
+}
+
+TEST(DrestoPerfClient, ATimeOutBetweenPortionsLosesNothing) {
+  const auto second = scoredHit(250, "the second");
+  for (std::size_t cut = 0; cut < second.size(); ++cut) {
+    for (const bool reassembly : {false, true}) {
+      ScriptedNetwork network(Script()
+                                  .expectFramedRequest()
+                                  .send(kOk + plainHit("first") + second.substr(0, cut))
+                                  .stall()
+                                  .send(second.substr(cut) + endOfResults())
+                                  .awaitClose(),
+                              kOnDemand);
+      auto client = binaryClient();
+      client.setReassembly(reassembly);
+      client.setTimeOut(300);
+      ClientResponse response;
+      EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
+      EXPECT_EQ(idsHeld(response), ids({"first"}));
+      for (int i = 0; i < 2; ++i) {
+        const auto raised = receive(client, response);
+        ASSERT_EQ(raised.size(), 1U);
+        EXPECT_EQ(raised.front().id, "ERR_SERVER_COMM_TIMEOUT");
+        EXPECT_FALSE(client.isEndOfStream());
+      }
+      network.release();
+      EXPECT_EQ(receive(client, response), Raised());
+      EXPECT_EQ(idsHeld(response), ids({"the second"})) << cut;
+      EXPECT_TRUE(client.isEndOfStream());
+      EXPECT_EQ(network.requests(), 1U);
+    }
+  }
+}
+
+// Over real sockets.
+
+TEST(DrestoPerfClient, SpeaksOverLoopbackAsInMemory) {
+  const auto reply = longSearch(kStreamSearch, 500);
+  ScriptedServer server(Script()
+                            .expectFramedRequest()
+                            .send(reply.text, 1000)
+                            .expectFramedRequest()
+                            .send(nextBinaryReply().text, 3)
+                            .awaitClose());
+  DrestoPerfClient client(u"127.0.0.1", server.port());
+  client.setReassembly(true);
+  EXPECT_EQ(runBinary(client, kStreamSearch), reply.expected);
+  EXPECT_EQ(runBinary(client, nextBinaryReply().kind), nextBinaryReply().expected);
+  EXPECT_EQ(server.connections(), 1U);
+}
+
+TEST(DrestoPerfClient, SpeaksWithAServerThatHasAnIpv6AddressAlone) {
+  ScriptedServer server({answer(nextBinaryReply().text)}, true);
+  DrestoPerfClient client(u"::1", server.port());
+  EXPECT_EQ(runBinary(client, nextBinaryReply().kind), nextBinaryReply().expected);
+  EXPECT_EQ(server.connections(), 1U);
+}
+
+TEST(DrestoPerfClient, SendsALargeBodyOverLoopback) {
+  ScriptedServer server(answer(kOk));
+  DrestoPerfClient client(u"127.0.0.1", server.port());
+  Document document(kAddDocument, 3000000);
+  ClientResponse response;
+  client.sendAndRecvMesg(document.request, response);
+  EXPECT_TRUE(response.success());
+  ASSERT_EQ(server.connection(0).requests.size(), 1U);
+  EXPECT_EQ(server.connection(0).requests.front(), Framed(document.request).whole());
+}
+
+TEST(DrestoPerfClient, AClosedPortIsAConnectError) {
+  const RefusedPort refused;
+  DrestoPerfClient client(u"127.0.0.1", refused.port());
+  const auto raised = exchange(client, 1);
+  ASSERT_EQ(raised.size(), 2U) << "and what the system said";
+  EXPECT_EQ(raised.front().id, "ERR_CONNECT_SERVER");
+}
+
+TEST(DrestoPerfClient, ASilentServerIsATimeOutOverLoopback) {
+  ScriptedServer server(Script().expectFramedRequest().send(kOk).stall());
+  DrestoPerfClient client(u"127.0.0.1", server.port());
+  client.setTimeOut(50);
+  client.setNumRetries(0);
+  const auto raised = exchange(client, kStreamSearch);
+  ASSERT_EQ(raised.size(), 1U);
+  EXPECT_EQ(raised.front().id, "ERR_SERVER_COMM_TIMEOUT");
+}
+
+}  // namespace

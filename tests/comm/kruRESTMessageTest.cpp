@@ -1,0 +1,534 @@
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "comm/kruGenRespRecord.h"
+#include "comm/kruRESTException.h"
+#include "comm/kruRESTMessage.h"
+#include "comm/kruStaticDefs.h"
+#include "infra/oss/kruNLSException.h"
+#include "tests/comm/kruCommText.h"
+#include "tests/comm/kruScarceMemory.h"
+
+namespace tq::comm {
+namespace {
+
+using test::Fields;
+using test::hex;
+using test::properties;
+using test::utf8;
+
+constexpr const char* kHost = "server";
+
+ClientRequest::REQUEST kindOf(int number) { return static_cast<ClientRequest::REQUEST>(number); }
+
+class RESTMessageTest : public testing::Test {
+ protected:
+  void build(int kind, const Fields& fields = {}) {
+    request.buildRequest(kindOf(kind), properties(fields));
+  }
+  void document(std::string key, const std::list<KVPair>& metadata, std::string content) {
+    keyBytes = std::move(key);
+    contentBytes = std::move(content);
+    request.setDocKey(keyBytes.data(), static_cast<unsigned int>(keyBytes.size()));
+    request.setContent(metadata, contentBytes.data(),
+                       static_cast<unsigned int>(contentBytes.size()));
+  }
+  std::string header() {
+    RESTMessage message(test::utf16(kHost), request);
+    return message.getSerializedHeader();
+  }
+  static std::string prefixOf(const RESTMessage& message) {
+    return {message.getMsgPrefix(), message.getMsgPrefixLen()};
+  }
+
+  ClientRequest request;
+  std::string keyBytes;
+  std::string contentBytes;
+};
+
+TEST_F(RESTMessageTest, AStreamSearchIsSevenLinesInTheOrderOfTheirNames) {
+  request.buildRequest(u"c1", ClientRequest::STREAM_SEARCH, properties({{"query", "x"}}));
+  EXPECT_EQ(
+      "Content-Length  : \n"
+      "action: search\n"
+      "actionType: select\n"
+      "index: c1\n"
+      "mode: streaming\n"
+      "query: x\n"
+      "ver: 1.1\n"
+      "\r\n",
+      header());
+}
+
+TEST_F(RESTMessageTest, AnAsynchronousAddAnnouncesThePrefixAndItsHundredBytesOfContent) {
+  request.buildRequest(u"c1", ClientRequest::ASYNCH_ADD_DOCUMENT, {});
+  document("k1", {{u"a", u"bc"}}, std::string(100, '#'));
+  RESTMessage message(u"server", request);
+  const unsigned int total = 8 + 11 + 4 + 5 + 4 + 2 + 4 + 4 + 4 + 100;
+  EXPECT_EQ("Content-Length  : " + std::to_string(total) +
+                "\naction: asyncAddDocument\nactionType: update\nindex: c1\nver: 1.1\n\r\n",
+            message.getSerializedHeader());
+  EXPECT_EQ(total - 100, message.getMsgPrefixLen());
+  EXPECT_EQ(100U, message.getMsgBodyLength());
+  EXPECT_EQ(contentBytes.data(), message.getMsgBody());
+}
+
+TEST_F(RESTMessageTest, WritesNoRequestLineAndNoHostLine) {
+  build(15);
+  const std::string text = header();
+  EXPECT_EQ(0U, text.find("Content-Length  : \n"));
+  EXPECT_EQ(std::string::npos, text.find("HTTP"));
+  EXPECT_EQ(std::string::npos, text.find("host"));
+  EXPECT_EQ(std::string::npos, text.find(kHost));
+}
+
+TEST_F(RESTMessageTest, LinesEndInALineFeedAndTheBlockInCrLf) {
+  build(15);
+  const std::string text = header();
+  EXPECT_EQ(text.size() - 2, text.find('\r'));
+  EXPECT_EQ("\n\r\n", text.substr(text.size() - 3));
+}
+
+TEST_F(RESTMessageTest, EscapesNothing) {
+  build(15, {{"a: b&=?%", "c: d\r\ne"}});
+  EXPECT_NE(std::string::npos, header().find("a: b&=?%: c: d\r\ne\n"));
+}
+
+TEST_F(RESTMessageTest, TheAuthorizationLineKeepsThePlaceOfTheTokenAndItsBareValue) {
+  build(15, {{"a", "1"}, {"authToken", "c2VjcmV0"}, {"b", "2"}});
+  EXPECT_EQ(
+      "Content-Length  : \na: 1\naction: getStatus\nactionType: monitor\n"
+      "Authorization: c2VjcmV0\nb: 2\nver: 1.1\n\r\n",
+      header());
+}
+
+TEST_F(RESTMessageTest, ATokenAndACallersAuthorizationAreTwoLines) {
+  build(15, {{"authToken", "t"}, {"Authorization", "own"}});
+  EXPECT_EQ(
+      "Authorization: own\nContent-Length  : \naction: getStatus\nactionType: monitor\n"
+      "Authorization: t\nver: 1.1\n\r\n",
+      header());
+}
+
+TEST_F(RESTMessageTest, OrdersNamesByTheirCodeUnits) {
+  build(15, {{"b", "1"}, {"B", "2"}, {"\xEF\xBD\x81", "3"}, {"\xF0\x9F\x98\x80", "4"}, {"", "5"}});
+  // U+1F600 begins with the unit D83D, below FF41, although its code point is above.
+  EXPECT_EQ(
+      ": 5\nB: 2\nContent-Length  : \naction: getStatus\nactionType: monitor\nb: 1\nver: 1.1\n"
+      "\xF0\x9F\x98\x80: 4\n\xEF\xBD\x81: 3\n\r\n",
+      header());
+}
+
+TEST_F(RESTMessageTest, WritesTextAsUtf8) {
+  build(15, {{"grüße", "\xE2\x82\xAC"}});
+  EXPECT_NE(std::string::npos, header().find("grüße: \xE2\x82\xAC\n"));
+}
+
+TEST_F(RESTMessageTest, TheKindsActionReplacesTheCallersWhereThereIsOne) {
+  build(15, {{"action", "mine"}, {"actionType", "mine"}, {"Content-Length  ", "mine"}});
+  EXPECT_EQ("Content-Length  : \naction: getStatus\nactionType: monitor\nver: 1.1\n\r\n", header());
+}
+
+TEST_F(RESTMessageTest, TheCallersActionSurvivesForAKindWithoutOne) {
+  for (const int kind : {-1, 0, 6, 7, 25, 64, 1000}) {
+    build(kind, {{"action", "mine"}, {"actionType", "mine"}});
+    EXPECT_EQ("Content-Length  : \naction: mine\nactionType: unknown\nver: 1.1\n\r\n", header())
+        << kind;
+  }
+}
+
+TEST_F(RESTMessageTest, SendsNoActionLineForAKindWithoutOne) {
+  build(0);
+  EXPECT_EQ("Content-Length  : \nactionType: unknown\nver: 1.1\n\r\n", header());
+}
+
+TEST_F(RESTMessageTest, TheLengthHeaderIsSentEvenWhenItIsEmpty) {
+  build(1);
+  RESTMessage message(u"server", request);
+  EXPECT_EQ("Content-Length  : \nver: 1.1\n", utf8(message.getParamString(true)));
+}
+
+TEST_F(RESTMessageTest, ParametersCanBeWrittenAsAQueryString) {
+  build(15, {{"authToken", "t"}, {"q", "a&b"}});
+  RESTMessage message(u"server", request);
+  EXPECT_EQ("?Content-Length  =&Authorization=t&q=a&b&ver=1.1",
+            utf8(message.getParamString(false)));
+}
+
+TEST_F(RESTMessageTest, ActionLinesAreThereOnceTheProtocolTextWasBuilt) {
+  build(15);
+  RESTMessage message(u"server", request);
+  icu::UnicodeString out(u"before ");
+  message.buildProtocolMsg(out, ClientRequest::TAKEOVER);
+  EXPECT_EQ("before Content-Length  : \naction: takeover\nactionType: monitor\nver: 1.1\n\r\n",
+            utf8(out));
+  EXPECT_EQ("?Content-Length  =&action=takeover&actionType=monitor&ver=1.1",
+            utf8(message.getParamString(false)));
+}
+
+TEST_F(RESTMessageTest, AnActionOnceBuiltSurvivesAKindWithoutOne) {
+  build(15);
+  RESTMessage message(u"server", request);
+  icu::UnicodeString out;
+  message.buildProtocolMsg(out, ClientRequest::TAKEOVER);
+  out.remove();
+  message.buildProtocolMsg(out, kindOf(0));
+  EXPECT_EQ("Content-Length  : \naction: takeover\nactionType: unknown\nver: 1.1\n\r\n", utf8(out));
+}
+
+TEST_F(RESTMessageTest, CopiesTheRequestsProperties) {
+  build(15, {{"a", "1"}});
+  RESTMessage message(u"server", request);
+  request.getReqProperties().putProperty(u"a", u"2");
+  request.getReqProperties().putProperty(u"b", u"3");
+  EXPECT_EQ("?Content-Length  =&a=1&ver=1.1", utf8(message.getParamString(false)));
+}
+
+TEST_F(RESTMessageTest, LeavesTheRequestsPropertiesAlone) {
+  build(15, {{"a", "1"}});
+  header();
+  EXPECT_EQ((std::vector<std::string>{"a=1", "ver=1.1"}), test::listed(request.getReqProperties()));
+}
+
+TEST_F(RESTMessageTest, CanBecomeTheMessageOfAnotherRequest) {
+  build(3);
+  document("key", {{u"a", u"b"}}, "content");
+  RESTMessage message(u"server", request);
+  ASSERT_NE(0U, message.getMsgPrefixLen());
+  message.getSerializedHeader();
+  ClientRequest other;
+  other.buildRequest(kindOf(0), properties({{"x", "y"}}));
+  message.initMessage(other);
+  EXPECT_EQ(0U, message.getMsgPrefixLen());
+  EXPECT_EQ(0U, message.getMsgBodyLength());
+  EXPECT_STREQ("Content-Length  : \nactionType: unknown\nver: 1.1\nx: y\n\r\n",
+               message.getSerializedHeader());
+}
+
+TEST_F(RESTMessageTest, TheHeaderIsTheSameWhenItIsAskedForAgain) {
+  build(15, {{"a", "1"}});
+  RESTMessage message(u"server", request);
+  const std::string first = message.getSerializedHeader();
+  EXPECT_EQ(first, message.getSerializedHeader());
+}
+
+class HeaderLength : public RESTMessageTest, public testing::WithParamInterface<std::size_t> {};
+
+// Around the size of the room inside the message, 16384 with the terminating zero.
+TEST_P(HeaderLength, IsReturnedWhole) {
+  build(0, {{"q", ""}});
+  const std::size_t fixed = header().size();
+  const std::string value(GetParam() - fixed, 'v');
+  build(0, {{"q", value}});
+  const std::string text = header();
+  EXPECT_EQ(GetParam(), text.size());
+  EXPECT_NE(std::string::npos, text.find("q: " + value + "\n"));
+  EXPECT_EQ("\nver: 1.1\n\r\n", text.substr(text.size() - 12));
+}
+
+INSTANTIATE_TEST_SUITE_P(AroundTheInlineRoom, HeaderLength,
+                         testing::Values(16381, 16382, 16383, 16384, 16385, 16386, 40000, 1000000));
+
+TEST_F(RESTMessageTest, ALongHeaderOfWideCharactersIsReturnedWhole) {
+  std::string value;
+  for (int i = 0; i < 10000; ++i) value += "\xE2\x82\xAC";
+  build(0, {{"q", value}});
+  EXPECT_NE(std::string::npos, header().find("q: " + value + "\nver: 1.1\n\r\n"));
+}
+
+TEST_F(RESTMessageTest, RunningOutOfMemoryForTheHeaderIsTheInfrastructuresException) {
+  build(0, {{"q", std::string(20000, 'v')}});
+  RESTMessage message(u"server", request);
+  const test::FailingAllocations failing;
+  try {
+    message.getSerializedHeader();
+    FAIL() << "no exception";
+  } catch (const tq::oss::NLSException& error) {
+    ASSERT_EQ(1U, error.getMessageList().size());
+    const tq::oss::Message& first = error.getMessageList().front();
+    EXPECT_EQ("TQ_ERR_OUT_OF_MEMORY", utf8(first.getMessageId()));
+    EXPECT_STREQ("kruConverter", first.getFileName());
+    ASSERT_EQ(1U, first.getArguments().size());
+    EXPECT_EQ("Converter::convert()", utf8(first.getArguments()[0]));
+  }
+}
+
+TEST_F(RESTMessageTest, TheHeaderCanBeBuiltOnceThereIsMemoryAgain) {
+  build(0, {{"q", std::string(20000, 'v')}});
+  RESTMessage message(u"server", request);
+  {
+    const test::FailingAllocations failing;
+    EXPECT_THROW(message.getSerializedHeader(), tq::oss::NLSException);
+  }
+  EXPECT_EQ(header(), message.getSerializedHeader());
+}
+
+TEST_F(RESTMessageTest, RunningOutOfMemoryForThePrefixIsTheInfrastructuresException) {
+  build(3);
+  document(std::string(20000, 'k'), {{u"a", u"b"}}, "");
+  const test::FailingAllocations failing;
+  EXPECT_THROW(RESTMessage(u"server", request), tq::oss::NLSException);
+}
+
+TEST_F(RESTMessageTest, AKeyThatNoRequestCanCarryIsRefusedBeforeItIsRead) {
+  build(3);
+  request.setContent({{u"a", u"b"}}, nullptr, 0);
+  request.setDocKey("x", std::numeric_limits<unsigned int>::max());
+  try {
+    RESTMessage message(u"server", request);
+    FAIL() << "no exception";
+  } catch (const RESTException& error) {
+    EXPECT_EQ(StaticDefs::ERR_CLIENT_INTERNAL, error.getMessageList().front().getMessageId());
+  }
+}
+
+TEST_F(RESTMessageTest, ContentWithoutAKeyIsNotSent) {
+  build(3);
+  request.setContent({{u"a", u"b"}}, "content", 7);
+  RESTMessage message(u"server", request);
+  EXPECT_EQ(0U, message.getMsgPrefixLen());
+  EXPECT_EQ("?Content-Length  =&ver=1.1", utf8(message.getParamString(false)));
+}
+
+TEST_F(RESTMessageTest, AKeyWithoutMetadataSerializesToNothing) {
+  build(3);
+  document("key", {}, "content");
+  RESTMessage message(u"server", request);
+  EXPECT_EQ(0U, message.getMsgPrefixLen());
+  EXPECT_EQ("?Content-Length  =0&ver=1.1", utf8(message.getParamString(false)));
+  char out[8] = "unused";
+  EXPECT_EQ(0U, message.serializeMetadata(out, {}, "key", 3));
+  EXPECT_EQ(0U, message.getSerializeMetadataLength({}, "key", 3));
+  EXPECT_STREQ("unused", out);
+}
+
+TEST_F(RESTMessageTest, ADocumentWithoutContentHasNoDataTag) {
+  build(5);
+  document("key", {{u"a", u"bc"}}, "");
+  RESTMessage message(u"server", request);
+  EXPECT_EQ(
+      "00 00 00 00 00 00 00 1b "           // T = 11 + 4 + 5 + 4 + 3
+      "00 00 00 01 61 00 00 00 02 62 63 "  // the pair
+      "00 00 00 05 72 6f 77 49 64 "        // rowId
+      "00 00 00 03 6b 65 79",              // the key
+      hex(prefixOf(message)));
+  EXPECT_EQ("?Content-Length  =35&ver=1.1", utf8(message.getParamString(false)));
+}
+
+TEST_F(RESTMessageTest, APrefixWithContentEndsWithTheContentsLength) {
+  build(3);
+  document("key", {{u"a", u"bc"}, {u"d", u"", 9, 7}}, "content");
+  RESTMessage message(u"server", request);
+  EXPECT_EQ(
+      "00 00 00 00 00 00 00 3b "
+      "00 00 00 01 61 00 00 00 02 62 63 "
+      "00 00 00 01 64 00 00 00 00 00 00 00 07 "
+      "00 00 00 05 72 6f 77 49 64 00 00 00 03 6b 65 79 "
+      "00 00 00 04 64 61 74 61 00 00 00 07",
+      hex(prefixOf(message)));
+  EXPECT_EQ(0x3bU + 8, message.getMsgPrefixLen() + message.getMsgBodyLength());
+  EXPECT_EQ("?Content-Length  =67&ver=1.1", utf8(message.getParamString(false)));
+}
+
+TEST_F(RESTMessageTest, APairsFirstAttributeIsNeverSent) {
+  build(3);
+  document("key", {{u"a", u"bc", 0}}, "");
+  const std::string without = prefixOf(RESTMessage(u"server", request));
+  document("key", {{u"a", u"bc", 0xFFFFFFFF}}, "");
+  EXPECT_EQ(without, prefixOf(RESTMessage(u"server", request)));
+}
+
+TEST_F(RESTMessageTest, TheSizeOfABlockHasASurplusOfEightBytesAPair) {
+  build(3);
+  document("key", {}, "content");
+  const RESTMessage message(u"server", request);
+  const std::list<KVPair> pairs[] = {
+      {{u"a", u"bc"}},
+      {{u"a", u"bc"}, {u"d", u"e", 0, 1}},
+      {{u"", u""}, {u"\u00e9", u"\u20ac"}, {u"index", u"UTF-8"}},
+  };
+  for (const std::list<KVPair>& metadata : pairs) {
+    std::string out(1000, '\0');
+    EXPECT_EQ(message.serializeMetadata(out.data(), metadata, "key", 3) + 8 * metadata.size(),
+              message.getSerializeMetadataLength(metadata, "key", 3))
+        << metadata.size();
+  }
+}
+
+TEST_F(RESTMessageTest, TheSurplusNeverReachesTheLengthHeader) {
+  build(3);
+  document("key", {{u"a", u"bc"}, {u"d", u"e"}}, "content");
+  RESTMessage message(u"server", request);
+  const std::string total = std::to_string(message.getMsgPrefixLen() + message.getMsgBodyLength());
+  EXPECT_EQ("?Content-Length  =" + total + "&ver=1.1", utf8(message.getParamString(false)));
+}
+
+TEST_F(RESTMessageTest, AContentOfMoreThanThirtyBitsLosesTheTopBitsOfItsLengthButNotOfT) {
+  build(3);
+  document("key", {{u"a", u"bc"}}, "");
+  const unsigned int huge = 0xC0000005;
+  request.setContent(contentBytes.data(), huge);
+  const RESTMessage message(u"server", request);
+  const std::string prefix = prefixOf(message);
+  EXPECT_EQ("00 00 00 05", hex(prefix.substr(prefix.size() - 4)));
+  const std::uint64_t t = prefix.size() - 8 + std::uint64_t{huge};
+  EXPECT_EQ(hex(test::word32(static_cast<std::uint32_t>(t))), hex(prefix.substr(4, 4)));
+  EXPECT_EQ("?Content-Length  =" + std::to_string(t + 8) + "&ver=1.1",
+            utf8(message.getParamString(false)));
+}
+
+TEST_F(RESTMessageTest, SizesThePrefixWithoutTheContent) {
+  build(3);
+  document("key", {{u"a", u"bc"}}, "");
+  request.setContent(contentBytes.data(), 0xFFFFFFFF);
+  const test::FailingAllocations failing;
+  const RESTMessage message(u"server", request);
+  EXPECT_EQ(8U + 11 + 9 + 7 + 12, message.getMsgPrefixLen());
+}
+
+TEST_F(RESTMessageTest, ThePrefixHasRoomFor2000BytesMoreThanItsBlock) {
+  build(3);
+  const std::list<KVPair> metadata{{u"a", u"bc"}};
+  document("k", metadata, "");
+  const auto size = RESTMessage(u"server", request).getSerializeMetadataLength(metadata, "k", 1);
+  // Up to the 16384 bytes inside the message nothing is allocated.
+  const std::size_t longest = 1 + 16384 - 2000 - static_cast<std::size_t>(size);
+  for (const bool fits : {true, false}) {
+    document(std::string(fits ? longest : longest + 1, 'k'), metadata, "");
+    const test::FailingAllocations failing;
+    if (fits) {
+      EXPECT_NO_THROW(RESTMessage(u"server", request));
+    } else {
+      EXPECT_THROW(RESTMessage(u"server", request), tq::oss::NLSException);
+    }
+  }
+}
+
+TEST_F(RESTMessageTest, ALargeKeyAndMuchMetadataAreWrittenWhole) {
+  build(3);
+  std::list<KVPair> metadata;
+  for (int i = 0; i < 3000; ++i) metadata.emplace_back(u"name", u"value");
+  document(std::string(70000, 'k'), metadata, "");
+  const RESTMessage message(u"server", request);
+  const std::string prefix = prefixOf(message);
+  EXPECT_EQ(8U + 3000 * 17 + 9 + 4 + 70000, prefix.size());
+  EXPECT_EQ(keyBytes, prefix.substr(prefix.size() - 70000));
+}
+
+TEST_F(RESTMessageTest, TheTerminateRecordIsEightZeroBytes) {
+  build(10);
+  document("key", {{u"a", u"b"}}, "content");
+  RESTMessage message(u"server", request);
+  unsigned int length = 0;
+  const char* record = message.getTerminateRecord(length);
+  EXPECT_EQ("00 00 00 00 00 00 00 00", hex({record, length}));
+  EXPECT_EQ(0U, message.getMsgPrefixLen());
+  EXPECT_EQ("?Content-Length  =8&ver=1.1", utf8(message.getParamString(false)));
+}
+
+TEST_F(RESTMessageTest, AMessageOfAnotherKindHasNoTerminateRecord) {
+  build(9);
+  const RESTMessage message(u"server", request);
+  unsigned int length = 5;
+  EXPECT_NE(nullptr, message.getTerminateRecord(length));
+  EXPECT_EQ(0U, length);
+}
+
+TEST_F(RESTMessageTest, KnowsItsKindAndHost) {
+  build(9);
+  const RESTMessage message(u"server", request);
+  EXPECT_EQ(ClientRequest::ASYNCH_ADD_DOCUMENT, message.getRequest());
+  EXPECT_EQ("server", utf8(message.getHost()));
+}
+
+struct KindWords {
+  int kind;
+  const char* action;
+  const char* type;
+};
+
+const KindWords kKindWords[] = {
+    {-1, "", "unknown"},
+    {0, "", "unknown"},
+    {1, "createCollection", "admin"},
+    {2, "deleteCollection", "admin"},
+    {3, "addDocument", "unknown"},
+    {4, "updateIndex", "admin"},
+    {5, "deleteDocument", "update"},
+    {6, "", "unknown"},
+    {7, "", "unknown"},
+    {8, "search", "select"},
+    {9, "asyncAddDocument", "update"},
+    {10, "asyncAddDocument", "update"},
+    {11, "getParseResult", "update"},
+    {12, "openCollection", "update"},
+    {13, "closeCollection", "update"},
+    {14, "selectivity", "select"},
+    {15, "getStatus", "monitor"},
+    {16, "backup", "admin"},
+    {17, "restore", "admin"},
+    {18, "takeover", "monitor"},
+    {19, "shutdown", "monitor"},
+    {20, "search", "select"},
+    {21, "openCollection", "unknown"},
+    {22, "getServerVersion", "monitor"},
+    {23, "setConstructorConfiguration", "update"},
+    {24, "versionsValidation", "monitor"},
+    {25, "", "unknown"},
+    {63, "", "unknown"},
+    {64, "", "unknown"},
+    {std::numeric_limits<int>::max(), "", "unknown"},
+    {std::numeric_limits<int>::min(), "", "unknown"},
+};
+
+TEST(RESTMessage, EachKindHasItsActionAndActionType) {
+  for (const KindWords& words : kKindWords) {
+    EXPECT_EQ(words.action, utf8(RESTMessage::getAction(kindOf(words.kind)))) << words.kind;
+    EXPECT_EQ(words.type, utf8(RESTMessage::getActionType(kindOf(words.kind)))) << words.kind;
+  }
+}
+
+TEST(RESTMessage, AddingADocumentIsOfUnknownType) {
+  EXPECT_EQ(StaticDefs::ACT_UNKNOWN, RESTMessage::getActionType(ClientRequest::ADD_DOCUMENT));
+}
+
+TEST(RESTMessage, KindsThatShareAnAction) {
+  const auto action = [](ClientRequest::REQUEST kind) { return RESTMessage::getAction(kind); };
+  EXPECT_EQ(action(ClientRequest::STREAM_SEARCH), action(ClientRequest::SCALAR_SEARCH));
+  EXPECT_EQ(action(ClientRequest::ASYNCH_ADD_DOCUMENT), action(ClientRequest::LAST_DOC_SENT));
+  EXPECT_EQ(action(ClientRequest::OPEN_COLLECTION), action(ClientRequest::OPEN_COLLECTION_ALT));
+}
+
+TEST(RESTMessage, ToB64AppendsTheEncodedUtf8Bytes) {
+  const std::pair<const char16_t*, const char*> cases[] = {{u"", "has:"},
+                                                           {u"user:pass", "has:dXNlcjpwYXNz"},
+                                                           {u"\u20ac", "has:4oKs"},
+                                                           {u"a", "has:YQ=="}};
+  for (const auto& [in, expected] : cases) {
+    icu::UnicodeString text(in);
+    icu::UnicodeString out(u"has:");
+    RESTMessage::toB64(text, out);
+    EXPECT_EQ(expected, utf8(out));
+  }
+}
+
+TEST(RESTMessage, ConvertNumberToStringAppendsTheDigits) {
+  const std::pair<unsigned int, const char*> cases[] = {
+      {0, "n=0"}, {7, "n=7"}, {10, "n=10"}, {1000000, "n=1000000"}, {4294967295U, "n=4294967295"}};
+  for (const auto& [number, expected] : cases) {
+    icu::UnicodeString out(u"n=");
+    convertNumberToString(out, number);
+    EXPECT_EQ(expected, utf8(out));
+  }
+}
+
+TEST(RESTMessage, FillingTheTablesAgainChangesNothing) {
+  RESTMessage::initUrls();
+  const icu::UnicodeString before = RESTMessage::getAction(ClientRequest::STREAM_SEARCH);
+  RESTMessage::initUrls();
+  EXPECT_EQ(before, RESTMessage::getAction(ClientRequest::STREAM_SEARCH));
+}
+
+}  // namespace
+}  // namespace tq::comm

@@ -1,0 +1,772 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "comm/kruClientResponse.h"
+#include "comm/kruRESTException.h"
+#include "comm/kruRESTResponse.h"
+#include "comm/kruStaticDefs.h"
+#include "tests/support/exchange.h"
+#include "tests/support/replyCorpus.h"
+
+namespace {
+
+using namespace tq::test;
+using tq::comm::ClientRequest;
+using tq::comm::ClientResponse;
+using tq::comm::getChunkedMesgLen;
+using tq::comm::RESTException;
+using tq::comm::RESTResponse;
+
+constexpr bool kFirst = false;
+constexpr bool kContinuation = true;
+
+RESTResponse parserFor(int kind, bool streaming = kFirst) {
+  return RESTResponse(static_cast<ClientRequest::REQUEST>(kind), streaming);
+}
+
+int size(const std::string& bytes) { return static_cast<int>(bytes.size()); }
+
+int feed(RESTResponse& parser, const std::string& bytes, ClientResponse& response, bool& done) {
+  return parser.parseMesg(bytes.data(), size(bytes), response, done);
+}
+
+std::string headers(int status, const std::string& lines) {
+  return "HTTP/1.1 " + std::to_string(status) + " Because\r\n" + lines + "\r\n";
+}
+
+std::string headersWithLength(int status, std::size_t length) {
+  return headers(status, "Content-Length: " + std::to_string(length) + "\r\n");
+}
+
+// Feeds a header block with a length and then its body; what is left of the body is returned.
+int parseWhole(RESTResponse& parser, int status, const std::string& body, ClientResponse& response,
+               bool& done) {
+  EXPECT_EQ(feed(parser, headersWithLength(status, body.size()), response, done), 0);
+  return feed(parser, body, response, done);
+}
+
+struct Parsed200 {
+  ClientResponse response;
+  bool done = false;
+  int left = -1;
+  int state = 0;
+};
+
+void parse200(int kind, const std::string& body, Parsed200& result) {
+  auto parser = parserFor(kind);
+  result.left = parseWhole(parser, 200, body, result.response, result.done);
+  int need = 0;
+  EXPECT_TRUE(parser.parseDone(need));
+}
+
+Outcome refusal(int kind, int status, const std::string& body) {
+  return errorOf([&] {
+    auto parser = parserFor(kind);
+    ClientResponse response;
+    bool done = false;
+    parseWhole(parser, status, body, response, done);
+  });
+}
+
+std::vector<Hit> hitsOf(ClientResponse& response) {
+  std::vector<Hit> hits;
+  auto& list = response.getSearchResponse();
+  while (list.hasMore()) {
+    auto& hit = list.getNext();
+    hits.push_back({utf8(hit.getDocId()), hit.getScore()});
+  }
+  return hits;
+}
+
+std::vector<std::string> documentsOf(ClientResponse& response) {
+  std::vector<std::string> documents;
+  auto& list = response.getParseResponse();
+  while (list.hasMore()) documents.push_back(utf8(list.getNext().getDocument()));
+  return documents;
+}
+
+const std::string kSkipped("\xDE\xAD\xBE\xEF", 4);
+const std::string kEndMark(4, '\0');
+
+std::string oneHit(const std::string& id) { return enveloped(hitRecord(id, "0.5")); }
+std::string oneRow(const std::string& doc) { return enveloped(record({{"Doc", doc}})); }
+
+// What the parser asks for.
+
+TEST(RESTResponse, AsksFor256BytesBeforeTheHeaders) {
+  auto parser = parserFor(8);
+  int need = 0;
+  EXPECT_FALSE(parser.parseDone(need));
+  EXPECT_EQ(need, 256);
+}
+
+TEST(RESTResponse, AsksFor16BytesForAChunkSizeLine) {
+  auto parser = parserFor(8, kContinuation);
+  int need = 0;
+  EXPECT_FALSE(parser.parseDone(need));
+  EXPECT_EQ(need, 16);
+}
+
+TEST(RESTResponse, AsksForTheContentLengthOfABody) {
+  auto parser = parserFor(8);
+  ClientResponse response;
+  bool done = false;
+  feed(parser, headersWithLength(200, 1234), response, done);
+  int need = 0;
+  EXPECT_FALSE(parser.parseDone(need));
+  EXPECT_EQ(need, 1234);
+}
+
+TEST(RESTResponse, IsDoneWithItsBodyAndSaysSo) {
+  auto parser = parserFor(1);
+  ClientResponse response;
+  bool done = false;
+  parseWhole(parser, 200, "any", response, done);
+  int need = 77;
+  EXPECT_TRUE(parser.parseDone(need));
+}
+
+TEST(RESTResponse, ReturnsHowManyBytesFollowTheHeaders) {
+  auto parser = parserFor(8);
+  ClientResponse response;
+  bool done = false;
+  EXPECT_EQ(feed(parser, headersWithLength(200, 8) + "12345", response, done), 5);
+}
+
+TEST(RESTResponse, ReturnsHowManyBytesFollowTheFirstChunkSizeLine) {
+  auto parser = parserFor(8);
+  ClientResponse response;
+  bool done = false;
+  const auto block = headers(200, "Transfer-Encoding: chunked\r\n") + "1a\r\n" + "abc";
+  EXPECT_EQ(feed(parser, block, response, done), 3);
+  int need = 0;
+  EXPECT_FALSE(parser.parseDone(need));
+  EXPECT_EQ(need, 26);
+}
+
+TEST(RESTResponse, GathersAHeaderBlockFromAnyPieces) {
+  const auto block = headersWithLength(200, 8);
+  for (std::size_t cut = 1; cut < block.size(); ++cut) {
+    auto parser = parserFor(8);
+    ClientResponse response;
+    bool done = false;
+    std::string held = block.substr(0, cut);
+    const int left = feed(parser, held, response, done);
+    held = held.substr(held.size() - static_cast<std::size_t>(left)) + block.substr(cut);
+    EXPECT_EQ(feed(parser, held, response, done), 0) << cut;
+    int need = 0;
+    EXPECT_FALSE(parser.parseDone(need));
+    EXPECT_EQ(need, 8) << "cut at " << cut;
+  }
+}
+
+TEST(RESTResponse, ReadsOnWhenABlockAnnouncesNeitherALengthNorChunks) {
+  auto parser = parserFor(8);
+  ClientResponse response;
+  bool done = false;
+  const auto blocks = headers(100, "") + headersWithLength(200, 8);
+  const auto left = static_cast<std::size_t>(feed(parser, blocks, response, done));
+  int need = 0;
+  EXPECT_FALSE(parser.parseDone(need));
+  if (left != 0) {
+    EXPECT_EQ(feed(parser, blocks.substr(blocks.size() - left), response, done), 0);
+  }
+  EXPECT_FALSE(parser.parseDone(need));
+  EXPECT_EQ(need, 8);
+}
+
+// Header lines.
+
+TEST(RESTResponse, TakesAnyTransferEncodingForChunks) {
+  for (const char* value : {"chunked", "gzip", "identity", ""}) {
+    auto parser = parserFor(8);
+    ClientResponse response;
+    bool done = false;
+    const auto line = std::string("Transfer-Encoding: ") + value + "\r\n";
+    feed(parser, headers(200, line) + "10\r\n", response, done);
+    EXPECT_TRUE(parser.isChunked()) << value;
+    int need = 0;
+    EXPECT_FALSE(parser.parseDone(need));
+    EXPECT_EQ(need, 16) << value;
+  }
+}
+
+TEST(RESTResponse, FindsHeaderNamesAnywhereInALine) {
+  auto parser = parserFor(8);
+  ClientResponse response;
+  bool done = false;
+  feed(parser, headers(200, "X-Content-Length-Of-It: 9\r\n"), response, done);
+  EXPECT_EQ(parser.getContentLength(), 9);
+}
+
+TEST(RESTResponse, FindsHeaderNamesOnlyInTheirOwnCase) {
+  auto parser = parserFor(8);
+  ClientResponse response;
+  bool done = false;
+  feed(parser, headers(200, "content-length: 9\r\nContent-Length: 5\r\n"), response, done);
+  EXPECT_EQ(parser.getContentLength(), 5);
+}
+
+TEST(RESTResponse, TakesTheStatusCodeFromTheStatusLinesSecondWord) {
+  for (const auto& [line, code] : std::vector<std::pair<std::string, int>>{
+           {"HTTP/1.1 200 OK", 200}, {"HTTP/1.0 404 Not Found", 404}, {"X 401", 401}}) {
+    auto parser = parserFor(8);
+    auto text = icu::UnicodeString::fromUTF8(line + "\r\nContent-Length: 5\r\n\r\n");
+    parser.extractHeaders(text);
+    EXPECT_EQ(parser.getStatusCode(), code) << line;
+  }
+}
+
+TEST(RESTResponse, ExtractsHeadersFromTextAsWell) {
+  auto parser = parserFor(8);
+  icu::UnicodeString text(u"HTTP/1.1 503 Busy\r\nContent-Length: 12\r\n\r\n");
+  parser.extractHeaders(text);
+  EXPECT_EQ(parser.getStatusCode(), 503);
+  EXPECT_EQ(parser.getContentLength(), 12);
+  int need = 0;
+  EXPECT_FALSE(parser.parseDone(need));
+  EXPECT_EQ(need, 12);
+}
+
+// Chunk-size lines.
+
+TEST(ChunkedMesgLen, ReadsTheLineAsHexadecimalThroughItsLineFeed) {
+  struct Case {
+    std::string line;
+    int length;
+    int consumed;
+  };
+  const std::vector<Case> cases{
+      {"1a\r\n", 26, 4},    {"1A\r\nmore", 26, 4},   {"0\r\n\r\n", 0, 3},
+      {"00010\r\n", 16, 7}, {"7;name=v\r\n", 7, 10}, {"ff \r\n", 255, 5},
+  };
+  for (const auto& [line, length, consumed] : cases) {
+    int used = 0;
+    EXPECT_EQ(getChunkedMesgLen(line.c_str(), used), length) << line;
+    EXPECT_EQ(used, consumed) << line;
+  }
+}
+
+TEST(ChunkedMesgLen, DropsACarriageReturnThatNoLineFeedFollows) {
+  int used = 0;
+  EXPECT_EQ(getChunkedMesgLen("1\ra\r\n", used), 26);
+  EXPECT_EQ(used, 5);
+}
+
+TEST(ChunkedMesgLen, ReadsGarbageAsZeroWhichIsTheEnd) {
+  for (const char* line : {"hello\r\n", "\r\n", "xyz\r\n", ";\r\n"}) {
+    int used = 0;
+    EXPECT_EQ(getChunkedMesgLen(line, used), 0) << line;
+  }
+}
+
+TEST(ChunkedMesgLen, LooksAtNoMoreThanItsBufferHolds) {
+  // A valid line of exactly 125 characters, and one that never ends within what is looked at.
+  const std::string longest = std::string(123, '0') + "2b\r\n";
+  int used = 0;
+  EXPECT_EQ(getChunkedMesgLen(longest.c_str(), used), 43);
+  EXPECT_EQ(used, 127);
+  const std::string endless = std::string(5000, '0');
+  getChunkedMesgLen(endless.c_str(), used);
+  EXPECT_LE(used, 5000);
+}
+
+TEST(RESTResponse, SkipsTheEndOfThePreviousChunkInFrontOfAChunkSizeLine) {
+  for (const auto& [text, consumed] :
+       std::vector<std::pair<std::string, int>>{{"\r\n1a\r\n", 6}, {"1a\r\n", 4}}) {
+    auto parser = parserFor(8, kContinuation);
+    int used = 0;
+    parser.updateContentLength(text.c_str(), used);
+    EXPECT_EQ(used, consumed);
+    EXPECT_EQ(parser.getContentLength(), 26);
+    int need = 0;
+    EXPECT_FALSE(parser.parseDone(need));
+    EXPECT_EQ(need, 26);
+  }
+}
+
+TEST(RESTResponse, UpdatesNoContentLengthOfAReplyThatIsNotChunked) {
+  auto parser = parserFor(8);
+  int used = 0;
+  parser.updateContentLength("1a\r\n", used);
+  EXPECT_EQ(used, 0);
+  EXPECT_EQ(parser.getContentLength(), 0);
+}
+
+TEST(RESTResponse, AContinuationLeavesWhatFollowsItsChunkSizeLine) {
+  auto parser = parserFor(8, kContinuation);
+  ClientResponse response;
+  bool done = false;
+  EXPECT_EQ(feed(parser, "\r\n1a\r\nab", response, done), 2);
+  int need = 0;
+  EXPECT_FALSE(parser.parseDone(need));
+  EXPECT_EQ(need, 26);
+}
+
+TEST(RESTResponse, InitStateMakesAParserReadyForEitherStart) {
+  auto parser = parserFor(8);
+  parser.initState(true);
+  int need = 0;
+  EXPECT_FALSE(parser.parseDone(need));
+  EXPECT_EQ(need, 16);
+  EXPECT_EQ(parser.getStatusCode(), 200);
+  EXPECT_TRUE(parser.isChunked());
+  parser.initState(false);
+  EXPECT_FALSE(parser.parseDone(need));
+  EXPECT_EQ(need, 256);
+  EXPECT_FALSE(parser.isChunked());
+}
+
+// Bodies without an error.
+
+TEST(RESTResponse, Status200SetsTheReturnCodeTo0) {
+  Parsed200 result;
+  parse200(1, "x", result);
+  EXPECT_TRUE(result.response.success());
+}
+
+TEST(RESTResponse, ALengthOf0EndsTheReplyWithoutAnErrorWhateverItsStatus) {
+  for (const int status : {200, 400, 401, 404, 500, 503}) {
+    auto parser = parserFor(8);
+    ClientResponse response;
+    bool done = false;
+    feed(parser, headersWithLength(status, 0), response, done);
+    int need = 0;
+    if (!parser.parseDone(need)) {
+      EXPECT_EQ(need, 0);
+      EXPECT_EQ(feed(parser, "", response, done), 0);
+    }
+    EXPECT_TRUE(parser.parseDone(need)) << status;
+    EXPECT_TRUE(done) << status;
+    EXPECT_EQ(response.getReturnCode(), status == 200 ? 0 : -1) << status;
+  }
+}
+
+TEST(RESTResponse, AnyOtherKindHasNoBodyParser) {
+  for (const int kind : {0, 1, 7, 9, 22, 24, 63, 64, 1000, -1}) {
+    Parsed200 result;
+    parse200(kind, kSkipped + oneHit("base64:QQ==") + kEndMark, result);
+    EXPECT_EQ(result.left, 0) << kind;
+    EXPECT_TRUE(hitsOf(result.response).empty()) << kind;
+  }
+}
+
+TEST(RESTResponse, LosesTheTextOfTheServersVersion) {
+  Parsed200 result;
+  parse200(22, "Corvane 12.1", result);
+  EXPECT_TRUE(result.response.getContent().isEmpty());
+  EXPECT_TRUE(result.response.success());
+}
+
+// Searches.
+
+TEST(RESTResponse, ParsesTheHitsOfEachKindOfSearch) {
+  for (const int kind : {6, 8, 20}) {
+    Parsed200 result;
+    parse200(kind, kSkipped + oneHit("base64:QQ==") + oneHit("base64:Qg==") + kEndMark, result);
+    EXPECT_EQ(hitsOf(result.response),
+              (std::vector<Hit>{{"base64:QQ==", 0.5}, {"base64:Qg==", 0.5}}))
+        << kind;
+    EXPECT_TRUE(result.done) << kind;
+  }
+}
+
+TEST(RESTResponse, AFirstSearchBodyWithAZeroLengthWordIsDoneWithoutHits) {
+  Parsed200 result;
+  parse200(8, kSkipped + kEndMark, result);
+  EXPECT_TRUE(result.done);
+  EXPECT_TRUE(hitsOf(result.response).empty());
+}
+
+TEST(RESTResponse, DoesNotConsumeTheEndMark) {
+  Parsed200 search;
+  parse200(8, kSkipped + oneHit("a") + kEndMark, search);
+  EXPECT_EQ(search.left, 4);
+  Parsed200 rows;
+  parse200(11, kSkipped + oneRow("d") + kEndMark, rows);
+  EXPECT_EQ(rows.left, 4);
+}
+
+TEST(RESTResponse, ParsesAContinuationFromItsFirstByte) {
+  const auto body = oneHit("base64:QQ==");
+  for (const int kind : {6, 8, 20}) {
+    auto parser = parserFor(kind, kContinuation);
+    ClientResponse response;
+    bool done = false;
+    char line[32];
+    std::snprintf(line, sizeof line, "%zx\r\n", body.size());
+    EXPECT_EQ(feed(parser, line, response, done), 0);
+    EXPECT_EQ(feed(parser, body, response, done), 0);
+    EXPECT_EQ(hitsOf(response), (std::vector<Hit>{{"base64:QQ==", 0.5}})) << kind;
+    EXPECT_FALSE(done) << kind;
+  }
+}
+
+TEST(RESTResponse, ASearchStopsAtAPartialRecordAndLeavesIt) {
+  const auto whole = oneHit("base64:QQ==");
+  const auto next = oneHit("base64:Qg==");
+  for (std::size_t part = 4; part < next.size(); ++part) {
+    Parsed200 result;
+    parse200(8, kSkipped + whole + next.substr(0, part), result);
+    EXPECT_EQ(result.left, static_cast<int>(part));
+    EXPECT_FALSE(result.done);
+    EXPECT_EQ(hitsOf(result.response).size(), 1U);
+  }
+}
+
+TEST(RESTResponse, ASearchReadsNoLengthWordThatIsNotThere) {
+  const auto whole = oneHit("base64:QQ==");
+  for (std::size_t part = 1; part < 4; ++part) {
+    Parsed200 result;
+    parse200(8, kSkipped + whole + std::string(part, '\x01'), result);
+    EXPECT_EQ(result.left, static_cast<int>(part));
+    EXPECT_EQ(hitsOf(result.response).size(), 1U);
+  }
+}
+
+TEST(RESTResponse, AnEmptySearchBodyWarnsAndIsDone) {
+  testing::internal::CaptureStderr();
+  Parsed200 result;
+  parse200(8, kSkipped, result);
+  const auto text = testing::internal::GetCapturedStderr();
+  EXPECT_TRUE(text.starts_with(" [WARN]: parseStreamSearch !!: 0 len for resp")) << text;
+  EXPECT_TRUE(result.done);
+  EXPECT_EQ(result.left, 0);
+}
+
+TEST(RESTResponse, AnEmptyParseResultBodyIsDoneWithoutAWarning) {
+  testing::internal::CaptureStderr();
+  Parsed200 result;
+  parse200(11, kSkipped, result);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_TRUE(result.done);
+  EXPECT_EQ(result.left, 0);
+}
+
+TEST(RESTResponse, IsCompleteEvenAfterAPartialSearchBody) {
+  auto parser = parserFor(8);
+  ClientResponse response;
+  bool done = false;
+  parseWhole(parser, 200, kSkipped + oneHit("a").substr(0, 6), response, done);
+  int need = 0;
+  EXPECT_TRUE(parser.parseDone(need));
+  EXPECT_FALSE(done);
+}
+
+TEST(RESTResponse, AFieldThatRunsPastItsRecordIsRefused) {
+  // The record's own length is right; its value claims one byte more than there is.
+  auto bytes = record({{"URI", "base64:QQ=="}});
+  const auto valueLength = bytes.size() - 11 - 4;
+  bytes.replace(valueLength, 4, bigEndian(12));
+  for (const int kind : {8, 20, 11, 15, 14}) {
+    EXPECT_EQ(refusal(kind, 200, kSkipped + enveloped(bytes) + kEndMark).errorId,
+              "ERR_CLIENT_RESP_PARSING")
+        << kind;
+  }
+}
+
+TEST(RESTResponse, AHitWithoutItsDocumentIsRefusedByName) {
+  const auto error = refusal(8, 200, kSkipped + enveloped(record({{"SCORE", "1"}})) + kEndMark);
+  EXPECT_FALSE(error.errorId.empty());
+  EXPECT_EQ(error.errorArguments, std::vector<std::string>{"URI"});
+}
+
+TEST(RESTResponse, AnInfrastructureErrorInARecordLeavesAsTheLibrarysOwnWithItsMessages) {
+  for (const auto& [kind, fields] :
+       std::vector<std::pair<int, std::string>>{{8, record({{"SCORE", "1"}})},
+                                                {11, record({{"MsgId", "ZVK1"}, {"MsgText", "t"}})},
+                                                {11, record({{"Doc", "d"}, {"MsgId", "ZVK1"}})},
+                                                {15, record({{"OTHER", "3"}})}}) {
+    auto parser = parserFor(kind);
+    ClientResponse response;
+    bool done = false;
+    try {
+      parseWhole(parser, 200, kSkipped + enveloped(fields) + kEndMark, response, done);
+      FAIL() << kind;
+    } catch (const RESTException& error) {
+      EXPECT_EQ(error.getMessageList().size(), 1U) << kind;
+    }
+  }
+}
+
+// Parse results.
+
+TEST(RESTResponse, ParsesParseResults) {
+  Parsed200 result;
+  parse200(11, kSkipped + oneRow("one") + oneRow("two") + kEndMark, result);
+  EXPECT_EQ(documentsOf(result.response), (std::vector<std::string>{"one", "two"}));
+  EXPECT_TRUE(result.done);
+}
+
+TEST(RESTResponse, ParsesAContinuationOfParseResultsFromItsFirstByte) {
+  const auto body = oneRow("one") + kEndMark;
+  auto parser = parserFor(11, kContinuation);
+  ClientResponse response;
+  bool done = false;
+  char line[32];
+  std::snprintf(line, sizeof line, "%zx\r\n", body.size());
+  feed(parser, line, response, done);
+  EXPECT_EQ(feed(parser, body, response, done), 4);
+  EXPECT_EQ(documentsOf(response), std::vector<std::string>{"one"});
+  EXPECT_TRUE(done);
+}
+
+TEST(RESTResponse, AParseResultLongerThanTheDataIsRefused) {
+  const auto row = oneRow("one");
+  for (std::size_t part = 4; part < row.size(); ++part) {
+    const auto error = refusal(11, 200, kSkipped + oneRow("zero") + row.substr(0, part));
+    EXPECT_EQ(error.errorId, "ERR_CLIENT_RESP_PARSING");
+    EXPECT_EQ(error.errorFile, "(null)");
+  }
+}
+
+TEST(RESTResponse, ARefusedParseResultLeavesTheRowsBeforeIt) {
+  auto parser = parserFor(11);
+  ClientResponse response;
+  bool done = false;
+  const auto body = kSkipped + oneRow("zero") + oneRow("one").substr(0, 9);
+  EXPECT_THROW(parseWhole(parser, 200, body, response, done), RESTException);
+  EXPECT_EQ(documentsOf(response), std::vector<std::string>{"zero"});
+}
+
+// Estimates and status.
+
+TEST(RESTResponse, AnEstimateIsAlways1And1And100) {
+  const auto values = record({{"first", "5"}, {"second", "6"}, {"third", "7"}});
+  for (const auto& body : {kSkipped + enveloped(values), kSkipped + enveloped(""),
+                           kSkipped + enveloped(values).substr(0, 9), kSkipped}) {
+    Parsed200 result;
+    parse200(14, body, result);
+    const auto& info = result.response.getSelectivityInfo();
+    EXPECT_EQ(info.getFirst(), 1);
+    EXPECT_EQ(info.getSecond(), 1);
+    EXPECT_EQ(info.getThird(), 100);
+  }
+}
+
+TEST(RESTResponse, AnEstimateIsSetEvenWhenNothingWasParsed) {
+  const std::string compact = bigEndian(5) + bigEndian(7) + bigEndian(9);
+  tq::comm::SelectivityInfo other(false);
+  other.parseRecordNew(compact.data(), 12, 0);
+  auto parser = parserFor(14);
+  ClientResponse response;
+  response.setSelectivityInfo(other);
+  ASSERT_EQ(response.getSelectivityInfo().getFirst(), 5);
+  bool done = false;
+  parseWhole(parser, 200, kSkipped + bigEndian(99) + "partial", response, done);
+  EXPECT_EQ(response.getSelectivityInfo().getFirst(), 1);
+}
+
+TEST(RESTResponse, ConsumesTheOneRecordOfAnEstimateOrAStatus) {
+  Parsed200 estimate;
+  parse200(14, kSkipped + enveloped(record({{"a", "b"}})) + "xyz", estimate);
+  EXPECT_EQ(estimate.left, 3);
+  Parsed200 status;
+  parse200(15, kSkipped + enveloped(record({{"STATUS_CODE", "3"}})) + "xyz", status);
+  EXPECT_EQ(status.left, 3);
+}
+
+TEST(RESTResponse, TakesTheStatusCodeOfTheRecord) {
+  Parsed200 result;
+  parse200(15, kSkipped + enveloped(record({{"x", "y"}, {"STATUS_CODE", "31"}})), result);
+  EXPECT_EQ(result.response.getStatusCode(), 31U);
+}
+
+TEST(RESTResponse, TheStatusIs0WhenNothingWasParsed) {
+  auto parser = parserFor(15);
+  ClientResponse response;
+  response.setGetStatusCode(5);
+  bool done = false;
+  parseWhole(parser, 200, kSkipped + bigEndian(99) + "partial", response, done);
+  EXPECT_EQ(response.getStatusCode(), 0U);
+}
+
+TEST(RESTResponse, AStatusRecordWithoutItsCodeIsAnErrorThatNamesTheProperty) {
+  for (const auto& fields : {record({{"OTHER", "3"}}), record({{"STATUS_CODE", "three"}})}) {
+    const auto error = errorOf([&] {
+      auto parser = parserFor(15);
+      ClientResponse response;
+      bool done = false;
+      try {
+        parseWhole(parser, 200, kSkipped + enveloped(fields), response, done);
+      } catch (const RESTException&) {
+        throw;
+      } catch (...) {
+        ADD_FAILURE() << "an exception of another family left the parser";
+      }
+    });
+    EXPECT_FALSE(error.errorId.empty());
+    EXPECT_NE(error.errorId, "(no message)");
+    std::string all = error.errorText;
+    for (const auto& argument : error.errorArguments) all += " " + argument;
+    EXPECT_NE(all.find("STATUS_CODE"), std::string::npos) << all;
+  }
+}
+
+TEST(RESTResponse, EstimateAndStatusSkipFourBytesInAContinuationToo) {
+  const auto body = kSkipped + enveloped(record({{"STATUS_CODE", "8"}}));
+  auto parser = parserFor(15, kContinuation);
+  ClientResponse response;
+  bool done = false;
+  char line[32];
+  std::snprintf(line, sizeof line, "%zx\r\n", body.size());
+  feed(parser, line, response, done);
+  feed(parser, body, response, done);
+  EXPECT_EQ(response.getStatusCode(), 8U);
+}
+
+// Refusals.
+
+TEST(RESTResponse, ARefusalWithABodyRaisesByItsStatus) {
+  const std::vector<std::pair<int, std::string>> cases{
+      {400, "ERR_SERVER_PROTOCOL"}, {401, "ERR_SERVER_INVALID_AUTH"}, {404, "ERR_SERVER_PROTOCOL"},
+      {302, "ERR_SERVER_PROTOCOL"}, {503, "ERR_SERVER_PROTOCOL"},     {201, "ERR_SERVER_PROTOCOL"},
+  };
+  for (const int kind : {1, 8, 11, 14, 15, 22}) {
+    for (const auto& [status, id] : cases) {
+      const auto error = refusal(kind, status, "b");
+      EXPECT_EQ(error.errorId, id) << status;
+      EXPECT_EQ(error.errorFile, "(null)");
+      EXPECT_EQ(error.errorText, "");
+      EXPECT_TRUE(error.errorArguments.empty());
+      EXPECT_EQ(error.errorLevel, 2);
+    }
+  }
+}
+
+TEST(RESTResponse, ARefusalNamesNoLine) {
+  for (const int status : {400, 401, 404}) {
+    try {
+      auto parser = parserFor(1);
+      ClientResponse response;
+      bool done = false;
+      parseWhole(parser, status, "b", response, done);
+      FAIL();
+    } catch (const RESTException& error) {
+      EXPECT_EQ(error.getMessageList().size(), 1U);
+      EXPECT_EQ(error.getMessageList().front().getLineNumber(), 0U);
+      EXPECT_EQ(error.getMessageList().front().getFileName(), nullptr);
+    }
+  }
+}
+
+TEST(RESTResponse, Status500WithoutAnErrorRecordIsTheServersFailureAndNamesItsLine) {
+  const auto tooLong = bigEndian(200) + record({{"MsgId", "ZVK1"}, {"MsgText", "t"}});
+  for (const auto& body : {kSkipped, kSkipped + tooLong, kSkipped + "\x01", std::string("x"),
+                           kSkipped + enveloped(record({{"MsgId", ""}, {"MsgText", "t"}})),
+                           kSkipped + enveloped(record({{"MsgText", "t"}}))}) {
+    try {
+      auto parser = parserFor(8);
+      ClientResponse response;
+      bool done = false;
+      parseWhole(parser, 500, body, response, done);
+      FAIL();
+    } catch (const RESTException& error) {
+      const auto& message = error.getMessageList().front();
+      EXPECT_EQ(utf8(message.getMessageId()), "ERR_SERVER_APP");
+      EXPECT_TRUE(message.getMessageText().isEmpty());
+      EXPECT_EQ(static_cast<int>(message.getLevel()), 2);
+      EXPECT_STREQ(message.getFileName(), "kruRESTResponse");
+      EXPECT_GT(message.getLineNumber(), 0U);
+    }
+  }
+}
+
+TEST(RESTResponse, Status500CarriesTheServersOwnMessage) {
+  const std::vector<std::pair<std::string, int>> levels{
+      {"ZVK1234W", 4}, {"ZVK1234I", 8}, {"ZVK1234S", 1}, {"ZVK1234E", 2}, {"ABC1234W", 2}};
+  for (const auto& [id, level] : levels) {
+    const auto body = kSkipped + enveloped(record({{"MsgId", id}, {"MsgText", "it broke"}}));
+    const auto error = refusal(8, 500, body);
+    EXPECT_EQ(error.errorId, id);
+    EXPECT_EQ(error.errorText, "it broke");
+    EXPECT_EQ(error.errorLevel, level) << id;
+  }
+}
+
+TEST(RESTResponse, AnErrorRecordIsParsedOnlyWhenAllOfItIsThere) {
+  const auto bytes = enveloped(record({{"MsgId", "ZVK1234E"}, {"MsgText", "t"}}));
+  auto parser = parserFor(8);
+  for (std::size_t length = 0; length <= bytes.size(); ++length) {
+    RESTException error(true);
+    // Behind the shortened record stands nothing that could be read.
+    const std::vector<char> exact(bytes.begin(), bytes.begin() + static_cast<long>(length));
+    parser.parseErrorMessage(exact.data(), static_cast<int>(length), error);
+    EXPECT_EQ(error.getMessageList().empty(), length < bytes.size()) << length;
+  }
+}
+
+TEST(RESTResponse, AReplyThatIsCompleteMustNotBeFedAgain) {
+  auto parser = parserFor(1);
+  ClientResponse response;
+  bool done = false;
+  parseWhole(parser, 200, "x", response, done);
+  try {
+    feed(parser, "y", response, done);
+    FAIL();
+  } catch (const RESTException& error) {
+    const auto& message = error.getMessageList().front();
+    EXPECT_EQ(utf8(message.getMessageId()), "ERR_CLIENT_RESP_PARSING");
+    EXPECT_EQ(message.getFileName(), nullptr);
+    EXPECT_EQ(message.getLineNumber(), 0U);
+  }
+}
+
+TEST(RESTResponse, ALengthThatNoReplyCanHaveIsRefused) {
+  for (const char* value : {"-1", "2147483648", "4294967296", "99999999999999999999"}) {
+    const auto error = errorOf([&] {
+      auto parser = parserFor(8);
+      ClientResponse response;
+      bool done = false;
+      feed(parser, headers(200, std::string("Content-Length: ") + value + "\r\n"), response, done);
+    });
+    EXPECT_EQ(error.errorId, "ERR_CLIENT_RESP_PARSING") << value;
+  }
+}
+
+TEST(RESTResponse, TheLimitOfABodyHoldsToTheByteAndCanBeMoved) {
+  for (const std::size_t limit : {std::size_t{100}, std::size_t{5000}}) {
+    for (const std::size_t length : {limit, limit + 1}) {
+      const auto error = errorOf([&] {
+        auto parser = parserFor(8);
+        parser.setMaxReplyBytes(limit);
+        ClientResponse response;
+        bool done = false;
+        feed(parser, headersWithLength(200, length), response, done);
+      });
+      EXPECT_EQ(error.errorId, length > limit ? "ERR_CLIENT_RESP_PARSING" : "") << length;
+    }
+  }
+}
+
+TEST(RESTResponse, TheDefaultLimitOfABodyIsOneGibibyte) {
+  for (const auto& [length, refused] :
+       std::vector<std::pair<std::size_t, bool>>{{1U << 30, false}, {(1U << 30) + 1, true}}) {
+    const auto error = errorOf([&, size = length] {
+      auto parser = parserFor(8);
+      ClientResponse response;
+      bool done = false;
+      feed(parser, headersWithLength(200, size), response, done);
+    });
+    EXPECT_EQ(error.errorId, refused ? "ERR_CLIENT_RESP_PARSING" : "");
+  }
+}
+
+TEST(RESTResponse, PrintDoesNothing) {
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  parserFor(8).print();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
+
+TEST(RESTResponse, HasNoVirtualDestructor) {
+  EXPECT_FALSE(std::has_virtual_destructor_v<RESTResponse>);
+  EXPECT_TRUE(std::is_polymorphic_v<RESTResponse>);
+}
+
+}  // namespace

@@ -1,0 +1,25 @@
+#pragma once
+
+/// Lets the buffers of the library run out of memory.
+namespace tq::comm::test {
+
+/// While one lives, the non-throwing operator new of this process gives null on this thread.
+class FailingAllocations {
+ public:
+  FailingAllocations();
+  ~FailingAllocations();
+  FailingAllocations(const FailingAllocations&) = delete;
+  FailingAllocations& operator=(const FailingAllocations&) = delete;
+};
+
+/// While one lives, the ordinary operator new of this process serves this thread `granted` times
+/// and then throws std::bad_alloc.
+class RationedAllocations {
+ public:
+  explicit RationedAllocations(long granted);
+  ~RationedAllocations();
+  RationedAllocations(const RationedAllocations&) = delete;
+  RationedAllocations& operator=(const RationedAllocations&) = delete;
+};
+
+}  // namespace tq::comm::test

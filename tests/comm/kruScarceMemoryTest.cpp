@@ -1,0 +1,82 @@
+#include <gtest/gtest.h>
+
+#include <new>
+
+#include "comm/kruClientResponse.h"
+#include "comm/kruRESTException.h"
+#include "comm/kruRESTMessage.h"
+#include "tests/comm/kruCommText.h"
+#include "tests/comm/kruScarceMemory.h"
+
+namespace tq::comm {
+namespace {
+
+// Runs `work` with 0, 1, 2... allocations granted until it gets through; each try before must end
+// by bad_alloc and nothing else. Returns how many failed.
+template <typename Work>
+int triesUntilItSucceeds(Work work) {
+  for (int granted = 0; granted < 1000; ++granted) {
+    try {
+      const test::RationedAllocations ration(granted);
+      work();
+      return granted;
+    } catch (const std::bad_alloc&) {
+      continue;
+    }
+  }
+  ADD_FAILURE() << "never got through";
+  return -1;
+}
+
+TEST(ScarceMemory, ARequestAndItsMessageEitherComeOffOrThrow) {
+  RESTMessage::initUrls();
+  const tq::util::ExtendedProperties props = test::properties({{"query", "x"}, {"a", "b"}});
+  const std::list<KVPair> metadata{{u"a", u"b"}, {u"c", u"d"}};
+  EXPECT_LT(2, triesUntilItSucceeds([&] {
+              ClientRequest request;
+              request.buildRequest(u"c1", ClientRequest::ADD_DOCUMENT, props);
+              request.setDocKey("k", 1);
+              request.setContent(metadata, "content", 7);
+              RESTMessage message(u"server", request);
+              message.getSerializedHeader();
+            }));
+}
+
+TEST(ScarceMemory, AHitThatCouldNotBeAddedIsNotCounted) {
+  SearchResult hit(true);
+  hit.parseRecordNew("key", 3, 1);
+  ClientResponse response;
+  EXPECT_LT(0, triesUntilItSucceeds([&] { response.addSearchResult(hit); }));
+  EXPECT_EQ(1, response.getResultCount());
+  EXPECT_EQ(1U, response.getSearchResponse().count());
+  EXPECT_EQ("base64:a2V5", test::utf8(response.getSearchResponse().getNext().getDocId()));
+}
+
+TEST(ScarceMemory, AHitThatCouldNotBeParsedCanBeParsedAgain) {
+  SearchResult hit(true);
+  const std::string key(100, 'k');
+  EXPECT_EQ(1, triesUntilItSucceeds([&] { hit.parseRecordNew(key.data(), 100, 1); }));
+  EXPECT_EQ(key, std::string(hit.getKey(), hit.getKeyLen()));
+}
+
+TEST(ScarceMemory, ARecordThatCouldNotBeParsedCanBeParsedAgain) {
+  const std::string bytes = test::record32({{"Doc", "k"}, {"MsgId", "ZVK1"}, {"MsgText", "text"}});
+  ParseResult result(false);
+  EXPECT_LT(2, triesUntilItSucceeds([&] {
+              result.parseRecord(bytes.data(), static_cast<unsigned int>(bytes.size()));
+            }));
+  EXPECT_EQ("ZVK1", test::utf8(result.getMessage().getMessageId()));
+}
+
+TEST(ScarceMemory, AnExceptionIsCopiedWholeOrNotAtAll) {
+  RESTException error(true);
+  error.getProperties()->putProperty(u"a", u"b");
+  error.getMessageList().add(tq::oss::Message(u"id", u"text"));
+  EXPECT_LT(1, triesUntilItSucceeds([&] {
+              const RESTException copy(error);
+              EXPECT_EQ(1U, copy.getMessageList().size());
+            }));
+}
+
+}  // namespace
+}  // namespace tq::comm

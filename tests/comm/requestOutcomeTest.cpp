@@ -1,0 +1,440 @@
+// What became of a request, what may be sent twice, and how long the client waits in between.
+
+#include <gtest/gtest.h>
+#include <netdb.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <ostream>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "comm/kruClientResponse.h"
+#include "infra/util/kruExtendedProperties.h"
+#include "tests/comm/faultExchange.h"
+#include "tests/comm/faultNetwork.h"
+
+namespace tq::comm {
+
+void PrintTo(RequestOutcome outcome, std::ostream* out) {
+  static constexpr const char* kNames[] = {"NotSent", "MayBeApplied", "Rejected", "Answered"};
+  *out << kNames[static_cast<std::size_t>(outcome)];
+}
+
+}  // namespace tq::comm
+
+namespace {
+
+using namespace tq::test;
+using tq::comm::ClientRequest;
+using tq::comm::CorvaneRESTClient;
+using tq::comm::RequestOutcome;
+using FaultKind = Fault::Kind;
+
+constexpr std::uint64_t kMilli = 1000000;
+
+FaultNetwork::Options optionsOf(Protocol protocol) {
+  FaultNetwork::Options options;
+  options.framed = protocol != Protocol::Http;
+  options.writesWait = false;
+  return options;
+}
+
+bool isHttp(Protocol protocol) { return protocol == Protocol::Http; }
+
+class ByProtocol : public testing::TestWithParam<Protocol> {
+ protected:
+  FaultNetwork network{optionsOf(GetParam()), answererOf(GetParam())};
+  std::unique_ptr<CorvaneRESTClient> client = clientOf(GetParam());
+};
+
+class RequestOutcomes : public ByProtocol {};
+
+struct Case {
+  const char* name;
+  std::function<void(FaultNetwork&, CorvaneRESTClient&)> arrange;
+  MarkedRequest marked;
+  RequestOutcome expected;
+};
+
+Fault error(int number) { return {FaultKind::Error, number}; }
+const Fault kEof{FaultKind::Eof};
+const Fault kOneByte{FaultKind::Short};
+
+std::vector<Case> singleAttempts() {
+  const auto nothing = [](FaultNetwork&, CorvaneRESTClient&) {};
+  const auto failing = [](Entry entry, const Fault& fault) {
+    return [=](FaultNetwork& network, CorvaneRESTClient&) { network.plan(entry, 1, fault); };
+  };
+  return {
+      {"answered", nothing, {kGetStatus}, RequestOutcome::Answered},
+      {"answered with a stream", nothing, {kStreamSearch}, RequestOutcome::Answered},
+      {"refused by the server", nothing, {4, 1, true}, RequestOutcome::Rejected},
+      {"a search refused by the server", nothing, {8, 1, true}, RequestOutcome::Rejected},
+      {"without a reply", nothing, {kAsynchAddDocument}, RequestOutcome::MayBeApplied},
+      {"the last document", nothing, {kLastDocSent}, RequestOutcome::MayBeApplied},
+      {"no such host",
+       failing(Entry::Getaddrinfo, error(EAI_NONAME)),
+       {4},
+       RequestOutcome::NotSent},
+      {"no descriptor", failing(Entry::Socket, error(EMFILE)), {4}, RequestOutcome::NotSent},
+      {"refused connection",
+       failing(Entry::Connect, error(ECONNREFUSED)),
+       {4},
+       RequestOutcome::NotSent},
+      {"nothing was written", failing(Entry::Sendmsg, error(EPIPE)), {4}, RequestOutcome::NotSent},
+      {"half was written",
+       [](FaultNetwork& network, CorvaneRESTClient&) {
+         network.plan(Entry::Sendmsg, 1, kOneByte);
+         network.plan(Entry::Sendmsg, 2, error(ECONNRESET));
+       },
+       {4},
+       RequestOutcome::NotSent},
+      {"the peer stopped reading",
+       [](FaultNetwork& network, CorvaneRESTClient& client) {
+         network.options().window = 40;
+         client.setDeadline(100);
+       },
+       {4},
+       RequestOutcome::NotSent},
+      {"closed before a reply", failing(Entry::Recv, kEof), {4}, RequestOutcome::MayBeApplied},
+      {"reset before a reply",
+       failing(Entry::Recv, error(ECONNRESET)),
+       {4},
+       RequestOutcome::MayBeApplied},
+      {"silence",
+       [](FaultNetwork& network, CorvaneRESTClient& client) {
+         network.options().silent = true;
+         client.setTimeOut(100);
+       },
+       {4},
+       RequestOutcome::MayBeApplied},
+      {"the deadline passed while waiting",
+       [](FaultNetwork& network, CorvaneRESTClient& client) {
+         network.options().silent = true;
+         client.setDeadline(100);
+       },
+       {4},
+       RequestOutcome::MayBeApplied},
+  };
+}
+
+TEST_P(RequestOutcomes, OfASingleAttemptSayWhatIsKnown) {
+  for (const auto& one : singleAttempts()) {
+    SCOPED_TRACE(one.name);
+    client = clientOf(GetParam());
+    client->setNumRetries(0);
+    network.options() = optionsOf(GetParam());
+    one.arrange(network, *client);
+    runMarked(*client, one.marked);
+    EXPECT_EQ(client->getRequestOutcome(), one.expected);
+    EXPECT_TRUE(network.planIsOver());
+  }
+}
+
+TEST_P(RequestOutcomes, BeforeAnyRequestIsThatNothingWasSent) {
+  EXPECT_EQ(client->getRequestOutcome(), RequestOutcome::NotSent);
+}
+
+TEST_P(RequestOutcomes, OfALaterRequestReplaceThoseOfAnEarlierOne) {
+  runMarked(*client, {kGetStatus});
+  ASSERT_EQ(client->getRequestOutcome(), RequestOutcome::Answered);
+  client->close();
+  network.options().refuses = true;
+  runMarked(*client, {kGetStatus});
+  EXPECT_EQ(client->getRequestOutcome(), RequestOutcome::NotSent);
+}
+
+TEST_P(RequestOutcomes, OfARequestThatCannotBeSentAreThatNothingWasSent) {
+  runMarked(*client, {kGetStatus});
+  ClientRequest request;
+  request.buildRequest(u"c1", ClientRequest::ADD_DOCUMENT, tq::util::ExtendedProperties());
+  request.setDocKey("key", 3);
+  tq::comm::ClientResponse response;
+  EXPECT_ANY_THROW(client->sendAndRecvMesg(request, response));
+  EXPECT_EQ(client->getRequestOutcome(), RequestOutcome::NotSent);
+}
+
+// Over several attempts.
+
+TEST_P(RequestOutcomes, StayUncertainWhenALaterAttemptIsNotSent) {
+  network.plan(Entry::Recv, 1, kEof);
+  network.plan(Entry::Connect, 2, error(ECONNREFUSED));
+  const auto ran = runMarked(*client, {4});
+  EXPECT_EQ(ran.errorId, "ERR_CONNECT_SERVER");
+  EXPECT_EQ(ran.outcome, RequestOutcome::MayBeApplied);
+  EXPECT_EQ(timesSeen(network.journal(), 1), 1U);
+}
+
+TEST_P(RequestOutcomes, StayUncertainWhenALaterAttemptIsRefused) {
+  network.plan(Entry::Recv, 1, kEof);
+  const auto ran = runMarked(*client, {4, 1, true});
+  EXPECT_EQ(ran.errorId, "ZVK0404E");
+  EXPECT_EQ(ran.outcome, RequestOutcome::MayBeApplied);
+  EXPECT_EQ(timesSeen(network.journal(), 1), 2U);
+}
+
+TEST_P(RequestOutcomes, AreAnAnswerWhenALaterAttemptIsAnswered) {
+  network.plan(Entry::Recv, 1, kEof);
+  EXPECT_EQ(runMarked(*client, {4}).outcome, RequestOutcome::Answered);
+  EXPECT_EQ(timesSeen(network.journal(), 1), 2U);
+}
+
+TEST_P(RequestOutcomes, AreThatNothingWasSentWhenNoAttemptGotThrough) {
+  network.options().refuses = true;
+  client->setNumRetries(5);
+  EXPECT_EQ(runMarked(*client, {4}).outcome, RequestOutcome::NotSent);
+  EXPECT_EQ(network.connectTimes().size(), 6U);
+}
+
+TEST_P(RequestOutcomes, AreARefusalWhenOnlyTheLastAttemptGotThrough) {
+  network.plan(Entry::Connect, 1, error(ECONNREFUSED));
+  EXPECT_EQ(runMarked(*client, {4, 1, true}).outcome, RequestOutcome::Rejected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, RequestOutcomes,
+                         testing::Values(Protocol::Http, Protocol::Binary,
+                                         Protocol::BinaryReassembled),
+                         [](const auto& test) { return nameOf(test.param); });
+
+TEST(GarbledOutcomes, AreUncertainBecauseWhatCameIsNoReply) {
+  for (const auto protocol : {Protocol::Http, Protocol::Binary, Protocol::BinaryReassembled}) {
+    SCOPED_TRACE(nameOf(protocol));
+    const std::string garbage =
+        isHttp(protocol) ? "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nnonsense\r\n"
+                         : "\x27\x0f";
+    FaultNetwork network(optionsOf(protocol),
+                         [&](const std::string&) { return Answer{{garbage}}; });
+    auto client = clientOf(protocol);
+    client->setTimeOut(100);
+    client->setNumRetries(0);
+    EXPECT_NE(runMarked(*client, {4}).errorId, "");
+    EXPECT_EQ(client->getRequestOutcome(), RequestOutcome::MayBeApplied);
+  }
+}
+
+// Batching.
+
+TEST(BatchedOutcomes, AreThatNothingWasSentForAsLongAsTheMessageIsHeldBack) {
+  FaultNetwork network(optionsOf(Protocol::Binary), answererOf(Protocol::Binary));
+  auto client = clientOf(Protocol::Binary);
+  client->useBufferedConnection(true);
+  EXPECT_EQ(runMarked(*client, {kAsynchAddDocument, 1}).outcome, RequestOutcome::NotSent);
+  EXPECT_EQ(timesSeen(network.journal(), 1), 0U);
+  EXPECT_EQ(runMarked(*client, {kAsynchAddDocument, 2}).outcome, RequestOutcome::NotSent);
+  EXPECT_EQ(runMarked(*client, {kLastDocSent, 3}).outcome, RequestOutcome::MayBeApplied);
+  for (const unsigned int mark : {1U, 2U, 3U}) EXPECT_EQ(timesSeen(network.journal(), mark), 1U);
+}
+
+TEST(BatchedOutcomes, AreOfTheRequestThatMadeThemGoOut) {
+  FaultNetwork network(optionsOf(Protocol::Binary), answererOf(Protocol::Binary));
+  auto client = clientOf(Protocol::Binary);
+  client->useBufferedConnection(true);
+  runMarked(*client, {kAsynchAddDocument, 1});
+  const MarkedRequest status{kGetStatus, 2};
+  const auto ran = runMarked(*client, status);
+  EXPECT_EQ(ran.outcome, RequestOutcome::Answered);
+  EXPECT_EQ(ran.results, resultsOf(Protocol::Binary, status));
+  EXPECT_EQ(timesSeen(network.journal(), 1), 1U);
+}
+
+TEST(BatchedOutcomes, OfAFailedWriteAreThatNothingWasSent) {
+  FaultNetwork network(optionsOf(Protocol::Binary), answererOf(Protocol::Binary));
+  auto client = clientOf(Protocol::Binary);
+  client->useBufferedConnection(true);
+  client->setNumRetries(0);
+  runMarked(*client, {kAsynchAddDocument, 1});
+  network.plan(Entry::Sendmsg, 1, error(EPIPE));
+  const auto ran = runMarked(*client, {kGetStatus, 2});
+  EXPECT_EQ(ran.errorId, "ERR_SERVER_COMM_SEND");
+  EXPECT_EQ(ran.outcome, RequestOutcome::NotSent);
+  EXPECT_EQ(timesSeen(network.journal(), 1) + timesSeen(network.journal(), 2), 0U);
+}
+
+// What may be sent twice.
+
+class RetryUnsafe : public ByProtocol {};
+
+struct Repeatable {
+  int kind;
+  bool repeatable;
+};
+constexpr Repeatable kKinds[] = {
+    {1, false}, {2, false},  {3, true},   {4, true},   {5, true},   {8, true},
+    {9, true},  {10, true},  {11, false}, {12, true},  {13, true},  {14, true},
+    {15, true}, {16, false}, {17, false}, {18, false}, {19, false}, {20, true},
+    {21, true}, {22, true},  {23, false}, {24, true},
+};
+
+TEST(Repeatable, EveryKindIsOrIsNot) {
+  for (const auto& [kind, repeatable] : kKinds) {
+    EXPECT_EQ(CorvaneRESTClient::isRepeatable(static_cast<ClientRequest::REQUEST>(kind)),
+              repeatable)
+        << kind;
+  }
+  for (const int unknown : {-1, 0, 6, 7, 25, 64, 1000}) {
+    EXPECT_FALSE(CorvaneRESTClient::isRepeatable(static_cast<ClientRequest::REQUEST>(unknown)))
+        << unknown;
+  }
+}
+
+bool hasReply(int kind) { return kind != kAsynchAddDocument && kind != kLastDocSent; }
+
+TEST_P(RetryUnsafe, OffOnlyWhatBearsItIsSentAgainOnceItMayHaveBeenApplied) {
+  for (const auto& [kind, repeatable] : kKinds) {
+    if (!hasReply(kind)) continue;
+    SCOPED_TRACE(kind);
+    client = clientOf(GetParam());
+    client->setRetryUnsafe(false);
+    client->setNumRetries(3);
+    network.plan(Entry::Recv, 1, kEof);
+    const MarkedRequest marked{kind, static_cast<unsigned int>(100 + kind)};
+    const auto ran = runMarked(*client, marked);
+    EXPECT_EQ(timesSeen(network.journal(), marked.mark), repeatable ? 2U : 1U);
+    EXPECT_EQ(ran.errorId, repeatable ? "" : "ERR_SERVER_COMM_RECV");
+    EXPECT_EQ(ran.outcome, repeatable ? RequestOutcome::Answered : RequestOutcome::MayBeApplied);
+  }
+}
+
+TEST_P(RetryUnsafe, OffATimeOutIsNotRepeatedEither) {
+  network.options().silent = true;
+  client->setRetryUnsafe(false);
+  client->setNumRetries(3);
+  client->setTimeOut(100);
+  EXPECT_EQ(runMarked(*client, {1, 16}).errorId, "ERR_SERVER_COMM_TIMEOUT");
+  EXPECT_EQ(timesSeen(network.journal(), 16), 1U);
+}
+
+TEST_P(RetryUnsafe, OffWhatWasNotSentIsSentWhateverItsKind) {
+  for (const auto& [kind, repeatable] : kKinds) {
+    SCOPED_TRACE(kind);
+    client = clientOf(GetParam());
+    client->setRetryUnsafe(false);
+    client->setNumRetries(1);
+    network.plan(Entry::Connect, 1, error(ECONNREFUSED));
+    const MarkedRequest marked{kind, static_cast<unsigned int>(100 + kind)};
+    EXPECT_EQ(runMarked(*client, marked).errorId, "");
+    EXPECT_EQ(timesSeen(network.journal(), marked.mark), 1U);
+  }
+}
+
+TEST_P(RetryUnsafe, OffAHalfWrittenRequestIsSentAgain) {
+  if (isHttp(GetParam())) return;  // There a failed write is repeated for no kind.
+  client->setRetryUnsafe(false);
+  network.plan(Entry::Sendmsg, 1, kOneByte);
+  network.plan(Entry::Sendmsg, 2, error(ECONNRESET));
+  EXPECT_EQ(runMarked(*client, {16, 7}).errorId, "");
+  EXPECT_EQ(timesSeen(network.journal(), 7), 1U);
+}
+
+TEST_P(RetryUnsafe, IsOnUnlessSwitchedOff) {
+  for (const auto& [kind, repeatable] : kKinds) {
+    if (!hasReply(kind)) continue;
+    SCOPED_TRACE(kind);
+    client = clientOf(GetParam());
+    network.plan(Entry::Recv, 1, kEof);
+    const MarkedRequest marked{kind, static_cast<unsigned int>(100 + kind)};
+    EXPECT_EQ(runMarked(*client, marked).errorId, "");
+    EXPECT_EQ(timesSeen(network.journal(), marked.mark), 2U);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, RetryUnsafe,
+                         testing::Values(Protocol::Http, Protocol::Binary,
+                                         Protocol::BinaryReassembled),
+                         [](const auto& test) { return nameOf(test.param); });
+
+// The pause between attempts.
+
+class RetryPause : public ByProtocol {
+ protected:
+  /// The milliseconds between the attempts on a host that refuses.
+  std::vector<double> pauses(unsigned int retries) {
+    network.options().refuses = true;
+    client->setNumRetries(retries);
+    const std::size_t before = network.connectTimes().size();
+    runMarked(*client, {kGetStatus});
+    const auto& times = network.connectTimes();
+    EXPECT_EQ(times.size() - before, retries + 1);
+    std::vector<double> out;
+    for (std::size_t i = before + 1; i < times.size(); ++i) {
+      out.push_back(static_cast<double>(times[i] - times[i - 1]) / kMilli);
+    }
+    return out;
+  }
+};
+
+// Rounding up to the milliseconds that a wait knows.
+constexpr double kRounding = 1.1;
+
+TEST_P(RetryPause, IsNoneUnlessItIsSet) {
+  for (const double pause : pauses(20)) EXPECT_LT(pause, kRounding);
+}
+
+TEST_P(RetryPause, DoublesUpToTheMostAndLastsBetweenHalfAndAllOfIt) {
+  client->setRetryPause(100, 1000);
+  for (int run = 0; run < 50; ++run) {
+    const auto waited = pauses(6);
+    const std::vector<double> full{100, 200, 400, 800, 1000, 1000};
+    ASSERT_EQ(waited.size(), full.size());
+    for (std::size_t i = 0; i < full.size(); ++i) {
+      EXPECT_GE(waited[i], full[i] / 2) << i;
+      EXPECT_LE(waited[i], full[i] + kRounding) << i;
+    }
+  }
+}
+
+TEST_P(RetryPause, IsDrawnFromTheWholeOfItsRange) {
+  client->setRetryPause(1000, 1000);
+  const auto waited = pauses(400);
+  const auto [shortest, longest] = std::minmax_element(waited.begin(), waited.end());
+  EXPECT_LT(*shortest, 600);
+  EXPECT_GT(*longest, 900);
+  EXPECT_GT(std::set<double>(waited.begin(), waited.end()).size(), 200U);
+}
+
+TEST_P(RetryPause, NeverGrowsBeyondWhatItsNumbersCanSay) {
+  constexpr auto kMost = std::numeric_limits<unsigned int>::max();
+  client->setRetryPause(kMost, kMost);
+  for (const double pause : pauses(3)) {
+    EXPECT_GE(pause, kMost / 2.0);
+    EXPECT_LE(pause, kMost + kRounding);
+  }
+}
+
+TEST_P(RetryPause, IsTheFirstOneWhenTheMostIsLess) {
+  client->setRetryPause(100, 10);
+  for (const double pause : pauses(3)) {
+    EXPECT_GE(pause, 50);
+    EXPECT_LE(pause, 100 + kRounding);
+  }
+}
+
+TEST_P(RetryPause, EndsWithTheDeadline) {
+  network.options().refuses = true;
+  client->setRetryPause(100, 100000);
+  client->setNumRetries(100);
+  client->setDeadline(500);
+  const auto ran = runMarked(*client, {kGetStatus});
+  EXPECT_EQ(ran.errorId, "ERR_SERVER_COMM_TIMEOUT");
+  EXPECT_GE(ran.longestMillis + 1, 500U);
+  EXPECT_LE(ran.longestMillis, 502U);
+}
+
+TEST_P(RetryPause, DoesNotPrecedeTheFirstAttemptNorFollowTheLast) {
+  client->setRetryPause(1000, 1000);
+  EXPECT_EQ(runMarked(*client, {kGetStatus}).longestMillis, 0U);
+  client->close();
+  network.options().refuses = true;
+  client->setNumRetries(0);
+  EXPECT_EQ(runMarked(*client, {kGetStatus}).longestMillis, 0U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, RetryPause, testing::Values(Protocol::Http, Protocol::Binary),
+                         [](const auto& test) { return nameOf(test.param); });
+
+}  // namespace

@@ -1,0 +1,3 @@
+#include "tests/support/failingMemory.h"
+
+KRU_FAILING_MEMORY

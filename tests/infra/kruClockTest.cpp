@@ -1,0 +1,97 @@
+#include <gtest/gtest.h>
+
+#include "infra/oss/kruClock.h"
+#include "infra/oss/kruWaiting.h"
+#include "tests/support/fakeSystemCalls.h"
+
+namespace {
+
+using support::Call;
+using support::FakeSystemCalls;
+using tq::oss::deadlineIn;
+using tq::oss::kNever;
+using tq::oss::pollUntil;
+
+TEST(Clock, NeverGoesBack) {
+  const std::uint64_t first = tq::oss::monotonicNanos();
+  EXPECT_GT(first, 0U);
+  EXPECT_GE(tq::oss::monotonicNanos(), first);
+}
+
+TEST(Clock, CountsNanoseconds) {
+  FakeSystemCalls fake;
+  fake.setClock(5000000007U);
+  EXPECT_EQ(tq::oss::monotonicNanos(), 5000000007U);
+  EXPECT_EQ(fake.count(Call::Clock), 1U);
+}
+
+TEST(Waiting, ADeadlineIsMillisecondsFromNow) {
+  FakeSystemCalls fake;
+  fake.setClock(1000);
+  EXPECT_EQ(deadlineIn(0), 1000U);
+  EXPECT_EQ(deadlineIn(3), 3001000U);
+}
+
+TEST(Waiting, ADeadlineBeyondTheClocksEndNeverComes) {
+  FakeSystemCalls fake;
+  fake.setClock(1000 * FakeSystemCalls::kMilli);
+  EXPECT_EQ(deadlineIn(~0UL), kNever);
+  constexpr unsigned long kLast = kNever / FakeSystemCalls::kMilli - 1000;
+  EXPECT_EQ(deadlineIn(kLast), (kLast + 1000) * FakeSystemCalls::kMilli);
+  EXPECT_EQ(deadlineIn(kLast + 1), kNever);
+}
+
+TEST(Waiting, RoundsUpToWholeMilliseconds) {
+  FakeSystemCalls fake;
+  fake.stall(Call::Poll);
+  const std::uint64_t start = fake.now();
+  pollfd entry{-1, POLLIN, 0};
+  EXPECT_EQ(pollUntil(&entry, 1, start + 1), 0);
+  EXPECT_EQ(fake.pollTimeouts(), (std::vector<int>{1, 0}));
+}
+
+TEST(Waiting, LooksOnceWhenTheDeadlineHasPassed) {
+  FakeSystemCalls fake;
+  fake.stall(Call::Poll);
+  pollfd entry{-1, POLLIN, 0};
+  EXPECT_EQ(pollUntil(&entry, 1, 1), 0);
+  EXPECT_EQ(fake.pollTimeouts(), std::vector<int>{0});
+}
+
+TEST(Waiting, ASignalLeavesOnlyTheRestOfTheTime) {
+  FakeSystemCalls fake;
+  fake.stall(Call::Poll);
+  fake.interrupt(Call::Poll, 3);
+  pollfd entry{-1, POLLIN, 0};
+  EXPECT_EQ(pollUntil(&entry, 1, fake.now() + 7 * FakeSystemCalls::kMilli), 0);
+  EXPECT_EQ(fake.count(Call::Poll), 5U);
+  EXPECT_EQ(fake.pollTimeouts(), (std::vector<int>{7, 0}));
+}
+
+TEST(Waiting, ALongWaitIsMadeOfSeveralPolls) {
+  FakeSystemCalls fake;
+  fake.stall(Call::Poll);
+  constexpr std::uint64_t kMonths = std::uint64_t{5000000000} * FakeSystemCalls::kMilli;
+  pollfd entry{-1, POLLIN, 0};
+  EXPECT_EQ(pollUntil(&entry, 1, fake.now() + kMonths), 0);
+  EXPECT_EQ(fake.pollTimeouts(), (std::vector<int>{2147483647, 2147483647, 705032706, 0}));
+}
+
+TEST(Waiting, AFailureOfPollIsReported) {
+  FakeSystemCalls fake;
+  fake.fail(Call::Poll, 1, ENOMEM);
+  pollfd entry{-1, POLLIN, 0};
+  EXPECT_EQ(pollUntil(&entry, 1, kNever), -1);
+  EXPECT_EQ(errno, ENOMEM);
+}
+
+TEST(SystemCalls, TheRealOnesComeBack) {
+  { const FakeSystemCalls fake; }
+  EXPECT_EQ(&tq::oss::systemCalls(), &tq::oss::realSystemCalls());
+  const tq::oss::SystemCalls other = tq::oss::realSystemCalls();
+  EXPECT_EQ(tq::oss::replaceSystemCalls(&other), &tq::oss::realSystemCalls());
+  EXPECT_EQ(tq::oss::replaceSystemCalls(nullptr), &other);
+  EXPECT_EQ(&tq::oss::systemCalls(), &tq::oss::realSystemCalls());
+}
+
+}  // namespace

@@ -1,0 +1,190 @@
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+#include "infra/oss/kruConverter.h"
+#include "infra/oss/kruNLSException.h"
+#include "tests/support/failingMemory.h"
+
+namespace {
+
+using tq::oss::Converter;
+using tq::oss::NLSException;
+using tq::oss::SizeableBuffer;
+
+static_assert(!std::is_default_constructible_v<Converter>);
+
+const struct {
+  const char* name;
+  icu::UnicodeString text;
+  std::string bytes;
+} kBothWays[] = {
+    {"empty", u"", ""},
+    {"ascii", u"plain text", "plain text"},
+    {"two bytes", u"\u0080\u07FF", "\xC2\x80\xDF\xBF"},
+    {"three bytes", u"\u0800\uD7FF\uE000\uFFFF",
+     "\xE0\xA0\x80\xED\x9F\xBF\xEE\x80\x80\xEF\xBF\xBF"},
+    {"four bytes", u"\U00010000\U0010FFFF", "\xF0\x90\x80\x80\xF4\x8F\xBF\xBF"},
+    {"byte order mark", u"\uFEFFx", "\xEF\xBB\xBFx"},
+    {"non-ascii behind nine ascii", u"123456789\u00e4z", "123456789\xC3\xA4z"},
+    {"non-ascii at the start",
+     u"\u00e4"
+     u"123456789",
+     "\xC3\xA4"
+     "123456789"},
+    {"zero", icu::UnicodeString(u"a\0b", 3), std::string("a\0b", 3)},
+};
+
+TEST(Converter, ConvertsBothWays) {
+  for (const auto& c : kBothWays) {
+    EXPECT_EQ(Converter::toUTF8(c.text), c.bytes) << c.name;
+    EXPECT_EQ(Converter::utf8Length(c.text), c.bytes.size()) << c.name;
+    EXPECT_EQ(Converter::fromUTF8(c.bytes.data(), c.bytes.size()), c.text) << c.name;
+  }
+}
+
+TEST(Converter, AgreesWithTheLibraryOnEveryLengthOfAscii) {
+  for (int length = 0; length < 70; ++length) {
+    const std::string bytes(static_cast<std::size_t>(length), 'q');
+    const icu::UnicodeString text(length, u'q', length);
+    EXPECT_EQ(Converter::fromUTF8(bytes.data(), bytes.size()), text);
+    EXPECT_EQ(Converter::toUTF8(text), bytes);
+  }
+}
+
+TEST(Converter, RoundTripsEveryCodePoint) {
+  for (UChar32 c = 0; c <= 0x10FFFF; ++c) {
+    if (c == 0xD800) c = 0xE000;
+    const icu::UnicodeString text(c);
+    const std::string bytes = Converter::toUTF8(text);
+    std::string expected;
+    text.toUTF8String(expected);
+    ASSERT_EQ(bytes, expected) << c;
+    ASSERT_EQ(Converter::fromUTF8(bytes.data(), bytes.size()), text) << c;
+  }
+}
+
+TEST(Converter, WritesUnpairedSurrogatesAsTheReplacementCharacter) {
+  const std::string replacement = "\xEF\xBF\xBD";
+  const struct {
+    icu::UnicodeString text;
+    std::string bytes;
+  } cases[] = {
+      {icu::UnicodeString(char16_t{0xD800}), replacement},
+      {icu::UnicodeString(char16_t{0xDC00}), replacement},
+      {icu::UnicodeString(char16_t{0xD800}).append(u'x'), replacement + "x"},
+      {icu::UnicodeString(char16_t{0xDC00}).append(char16_t{0xD800}), replacement + replacement},
+      {icu::UnicodeString(char16_t{0xD83D}).append(u"\U0001F600"),
+       replacement + "\xF0\x9F\x98\x80"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(Converter::toUTF8(c.text), c.bytes);
+    EXPECT_EQ(Converter::utf8Length(c.text), c.bytes.size());
+  }
+}
+
+TEST(Converter, ReadsWhatIsNotUtf8AsReplacementCharacters) {
+  const struct {
+    std::string bytes;
+    icu::UnicodeString text;
+  } cases[] = {
+      {"\xFF", u"\uFFFD"},
+      {"a\x80z", u"a\uFFFDz"},
+      {"\xC3", u"\uFFFD"},
+      {"\xE2\x82", u"\uFFFD"},
+      {"\xF0\x9F\x98", u"\uFFFD"},
+      {"\xE2\x82z", u"\uFFFDz"},
+      {"\xC0\xAF", u"\uFFFD\uFFFD"},
+      {"\xED\xA0\x80", u"\uFFFD\uFFFD\uFFFD"},
+      {"\xF4\x90\x80\x80", u"\uFFFD\uFFFD\uFFFD\uFFFD"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(Converter::fromUTF8(c.bytes.data(), c.bytes.size()), c.text);
+  }
+}
+
+TEST(Converter, DoesNotDependOnTheLocale) {
+  const std::string before = std::setlocale(LC_ALL, nullptr);
+  std::setlocale(LC_ALL, "C");
+  EXPECT_EQ(Converter::toUTF8(icu::UnicodeString(u"\u20ac")), "\xE2\x82\xAC");
+  EXPECT_EQ(Converter::fromUTF8("\xE2\x82\xAC", 3), u"\u20ac");
+  std::setlocale(LC_ALL, before.c_str());
+}
+
+TEST(Converter, FillsABufferAndTerminatesIt) {
+  SizeableBuffer<char, 16> buffer;
+  EXPECT_EQ(Converter::toUTF8(icu::UnicodeString(u"h\u00e9llo"), buffer), 6U);
+  EXPECT_STREQ(buffer.data(), "h\xC3\xA9llo");
+  EXPECT_EQ(buffer.capacity(), 16U);
+}
+
+TEST(Converter, GrowsABufferOnlyWhenTextAndTerminatorDoNotFit) {
+  SizeableBuffer<char, 16> buffer;
+  const icu::UnicodeString fits(15, u'x', 15);
+  EXPECT_EQ(Converter::toUTF8(fits, buffer), 15U);
+  EXPECT_EQ(buffer.capacity(), 16U);
+  const icu::UnicodeString tooLong(16, u'x', 16);
+  EXPECT_EQ(Converter::toUTF8(tooLong, buffer), 16U);
+  EXPECT_EQ(buffer.capacity(), 32U);
+  EXPECT_EQ(std::string(buffer.data()), std::string(16, 'x'));
+}
+
+TEST(Converter, AppendsBehindWhatIsKept) {
+  SizeableBuffer<char, 4> buffer;
+  std::size_t used = 0;
+  std::string expected;
+  for (int i = 0; i < 200; ++i) {
+    used = Converter::appendUTF8(icu::UnicodeString(i % 3 == 0 ? u"\u20ac" : u"ab"), buffer, used);
+    expected += i % 3 == 0 ? "\xE2\x82\xAC" : "ab";
+    ASSERT_EQ(std::string_view(buffer.data(), used), expected);
+    ASSERT_LE(used, buffer.capacity());
+  }
+}
+
+TEST(Converter, AppendUsesRoomThatIsJustEnough) {
+  SizeableBuffer<char, 4> buffer;
+  EXPECT_EQ(Converter::appendUTF8(icu::UnicodeString(u"abcd"), buffer, 0), 4U);
+  EXPECT_EQ(buffer.capacity(), 4U);
+  EXPECT_EQ(Converter::appendUTF8(icu::UnicodeString(), buffer, 4), 4U);
+  EXPECT_EQ(buffer.capacity(), 4U);
+}
+
+template <typename Operation>
+void expectOutOfMemory(Operation operation) {
+  try {
+    operation();
+    FAIL() << "nothing was thrown";
+  } catch (const NLSException& caught) {
+    ASSERT_EQ(caught.getMessageList().size(), 1U);
+    const tq::oss::Message& message = caught.getMessageList().front();
+    EXPECT_EQ(message.getMessageId(), u"TQ_ERR_OUT_OF_MEMORY");
+    EXPECT_STREQ(message.getFileName(), "kruConverter");
+    ASSERT_EQ(message.getArguments().size(), 1U);
+    EXPECT_EQ(message.getArguments()[0], u"Converter::convert()");
+  }
+}
+
+TEST(Converter, SaysSoWhenABufferCannotGrow) {
+  SizeableBuffer<char, 4> buffer;
+  const support::OutOfMemory out;
+  expectOutOfMemory([&] { Converter::toUTF8(icu::UnicodeString(u"abcd"), buffer); });
+  EXPECT_EQ(buffer.capacity(), 0U);
+}
+
+TEST(Converter, AnAppendWithoutMemoryLeavesTheBufferAsItWas) {
+  SizeableBuffer<char, 4> buffer;
+  const std::size_t used = Converter::appendUTF8(icu::UnicodeString(u"ab"), buffer, 0);
+  const support::OutOfMemory out;
+  expectOutOfMemory([&] { Converter::appendUTF8(icu::UnicodeString(u"cde"), buffer, used); });
+  EXPECT_EQ(std::string_view(buffer.data(), used), "ab");
+}
+
+TEST(Converter, RefusesMoreBytesThanATextCanHold) {
+  const char byte = 'x';
+  expectOutOfMemory([&] { Converter::fromUTF8(&byte, std::size_t{1} << 31); });
+}
+
+}  // namespace

@@ -1,0 +1,72 @@
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <cmath>
+#include <limits>
+#include <string>
+#include <type_traits>
+
+#include "infra/oss/kruFormatter.h"
+
+namespace {
+
+using tq::oss::Formatter;
+
+static_assert(!std::is_default_constructible_v<Formatter>);
+
+constexpr double kMost = std::numeric_limits<double>::max();
+
+TEST(Formatter, ReadsDecimalNumbers) {
+  const struct {
+    const char16_t* text;
+    double value;
+  } cases[] = {{u"0", 0.0},         {u"0.75", 0.75},  {u"1.5e2", 150.0}, {u"2E-1", 0.2},
+               {u"-3.25", -3.25},   {u"+4", 4.0},     {u".5", 0.5},      {u"5.", 5.0},
+               {u"65.535", 65.535}, {u"  7", 7.0},    {u"\t\n8", 8.0},   {u"12abc", 12.0},
+               {u"1.5 2.5", 1.5},   {u"0x10", 0.0},   {u"1,5", 1.0},     {u"1e", 1.0},
+               {u"0.1", 0.1},       {u"1e308", 1e308}};
+  for (const auto& c : cases) EXPECT_DOUBLE_EQ(Formatter::stringToDouble(c.text), c.value);
+}
+
+TEST(Formatter, GivesZeroForWhatStartsWithNoNumber) {
+  for (const char16_t* text :
+       {u"", u" ", u"abc", u"-", u"+", u".", u"+-1", u"--1", u"-.", u"e5", u"\u0661", u"\u20ac1"}) {
+    EXPECT_EQ(Formatter::stringToDouble(text), 0.0);
+  }
+}
+
+TEST(Formatter, NeverGivesAnInfinityOrNotANumber) {
+  for (const char16_t* text : {u"inf", u"-inf", u"infinity", u"nan", u"-nan", u"NAN(1)"}) {
+    EXPECT_EQ(Formatter::stringToDouble(text), 0.0);
+  }
+}
+
+TEST(Formatter, ClampsWhatIsOutOfRange) {
+  const struct {
+    icu::UnicodeString text;
+    double value;
+  } cases[] = {
+      {u"1e999", kMost},
+      {u"-1e999", -kMost},
+      {u"1e-999", 0.0},
+      {u"-1e-999", 0.0},
+      {u"0.001e999", kMost},
+      {u"1e99999999999999999999", kMost},
+      {u"1e-99999999999999999999", 0.0},
+      {u"123456e-999", 0.0},
+      {icu::UnicodeString(400, u'9', 400), kMost},
+      {icu::UnicodeString(u"0.").append(icu::UnicodeString(400, u'0', 400)).append(u'1'), 0.0},
+  };
+  for (const auto& c : cases) EXPECT_DOUBLE_EQ(Formatter::stringToDouble(c.text), c.value);
+}
+
+TEST(Formatter, ReadsAFullStopInEveryLocale) {
+  const std::string before = std::setlocale(LC_ALL, nullptr);
+  for (const char* name : {"de_DE.UTF-8", "fr_FR.UTF-8", "C"}) {
+    std::setlocale(LC_ALL, name);
+    EXPECT_DOUBLE_EQ(Formatter::stringToDouble(u"0.75"), 0.75) << name;
+  }
+  std::setlocale(LC_ALL, before.c_str());
+}
+
+}  // namespace

@@ -1,0 +1,120 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+#include "infra/oss/kruReceiveBuffer.h"
+#include "tests/support/failingMemory.h"
+
+namespace {
+
+using tq::oss::ReceiveBuffer;
+
+void arrive(ReceiveBuffer& buffer, const std::string& bytes) {
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    ASSERT_TRUE(buffer.makeRoom(buffer.size() + bytes.size() - done));
+    const std::size_t step = std::min(buffer.room(), bytes.size() - done);
+    ASSERT_GT(step, 0U);
+    std::memcpy(buffer.tail(), bytes.data() + done, step);
+    buffer.commit(step);
+    done += step;
+  }
+}
+
+std::string take(ReceiveBuffer& buffer, std::size_t length) {
+  std::string bytes(length, '?');
+  bytes.resize(buffer.take(bytes.data(), length));
+  return bytes;
+}
+
+TEST(ReceiveBuffer, TakesItsFirstMemoryInOneSlice) {
+  ReceiveBuffer buffer;
+  EXPECT_EQ(buffer.size(), 0U);
+  ASSERT_TRUE(buffer.makeRoom(1));
+  EXPECT_EQ(buffer.room(), ReceiveBuffer::kSlice);
+}
+
+TEST(ReceiveBuffer, AHugeWishGetsOneSliceUntilBytesArrive) {
+  ReceiveBuffer buffer;
+  ASSERT_TRUE(buffer.makeRoom(SIZE_MAX));
+  EXPECT_EQ(buffer.room(), ReceiveBuffer::kSlice);
+  buffer.commit(buffer.room());
+  ASSERT_TRUE(buffer.makeRoom(SIZE_MAX));
+  EXPECT_EQ(buffer.room(), ReceiveBuffer::kSlice);
+  buffer.commit(buffer.room());
+  ASSERT_TRUE(buffer.makeRoom(SIZE_MAX));
+  EXPECT_EQ(buffer.room(), 2 * ReceiveBuffer::kSlice);
+}
+
+/// The same bytes in the plainest possible container.
+TEST(ReceiveBuffer, BehavesLikeAStringUnderAnySequenceOfOperations) {
+  ReceiveBuffer buffer;
+  std::string model;
+  std::uint32_t random = 12345;
+  const auto next = [&random](std::uint32_t below) {
+    random = random * 1664525U + 1013904223U;
+    return (random >> 8) % below;
+  };
+  for (int i = 0; i < 3000; ++i) {
+    const std::string bytes(next(i % 10 == 0 ? 200000 : 900), static_cast<char>('a' + i % 26));
+    switch (next(4)) {
+      case 0:
+        arrive(buffer, bytes);
+        model += bytes;
+        break;
+      case 1:
+        ASSERT_TRUE(buffer.putBack(bytes.data(), bytes.size()));
+        model.insert(0, bytes);
+        break;
+      default:
+        const std::string taken = take(buffer, bytes.size() * 2);
+        ASSERT_TRUE(model.compare(0, taken.size(), taken) == 0);
+        ASSERT_EQ(taken.size(), std::min(model.size(), bytes.size() * 2));
+        model.erase(0, taken.size());
+    }
+    ASSERT_EQ(buffer.size(), model.size());
+    ASSERT_TRUE(std::memcmp(buffer.data(), model.data(), model.size()) == 0);
+  }
+}
+
+TEST(ReceiveBuffer, RoomInFrontIsUsedBeforeMoreIsTaken) {
+  ReceiveBuffer buffer;
+  arrive(buffer, std::string(ReceiveBuffer::kSlice, 'a'));
+  EXPECT_EQ(take(buffer, ReceiveBuffer::kSlice - 5), std::string(ReceiveBuffer::kSlice - 5, 'a'));
+  ASSERT_TRUE(buffer.makeRoom(10));
+  EXPECT_EQ(buffer.room(), ReceiveBuffer::kSlice - 5);
+  EXPECT_EQ(take(buffer, 10), "aaaaa");
+}
+
+TEST(ReceiveBuffer, ALargeBlockIsGivenBackWhenItIsEmpty) {
+  ReceiveBuffer buffer;
+  arrive(buffer, std::string(2 * ReceiveBuffer::kKept, 'a'));
+  EXPECT_EQ(take(buffer, 2 * ReceiveBuffer::kKept).size(), 2 * ReceiveBuffer::kKept);
+  EXPECT_EQ(buffer.size(), 0U);
+  ASSERT_TRUE(buffer.makeRoom(1));
+  EXPECT_EQ(buffer.room(), ReceiveBuffer::kSlice);
+}
+
+TEST(ReceiveBuffer, WithoutMemoryNothingChanges) {
+  ReceiveBuffer buffer;
+  arrive(buffer, std::string(ReceiveBuffer::kSlice, 'a'));
+  {
+    const support::OutOfMemory out;
+    EXPECT_FALSE(buffer.makeRoom(ReceiveBuffer::kSlice + 1));
+    EXPECT_FALSE(buffer.putBack("x", 1));
+  }
+  EXPECT_EQ(buffer.size(), ReceiveBuffer::kSlice);
+  EXPECT_EQ(take(buffer, 3), "aaa");
+}
+
+TEST(ReceiveBuffer, ALengthThatCannotBeIsRefused) {
+  ReceiveBuffer buffer;
+  EXPECT_FALSE(buffer.putBack("x", SIZE_MAX));
+  EXPECT_FALSE(buffer.putBack("x", SIZE_MAX / 2));
+  EXPECT_EQ(buffer.size(), 0U);
+}
+
+}  // namespace
