@@ -1,0 +1,192 @@
+#include "cli/commands.h"
+
+#include <fmt/format.h>
+
+#include <nlohmann/json.hpp>
+#include <utility>
+
+#include "cli/errors.h"
+#include "cli/request.h"
+#include "cli/text.h"
+#include "comm/kruClientResponse.h"
+#include "comm/kruStaticDefs.h"
+
+namespace corvane {
+
+namespace {
+
+using tq::comm::ClientRequest;
+using tq::comm::ClientResponse;
+using tq::comm::KVPair;
+
+icu::UnicodeString collectionName(const std::string& collection) {
+  return headerValue("the collection's name", collection);
+}
+
+// A command that names a collection and brings no results.
+ExitCode runOn(Session& session, ClientRequest::REQUEST kind, const std::string& collection,
+               const char* done) {
+  ClientRequest request = collectionRequest(kind, collectionName(collection));
+  ClientResponse response;
+  exchange(session, request, response);
+  session.printer.result(fmt::format("{} {}", done, collection),
+                         {{"collection", collection}, {"done", done}});
+  return ExitCode::ok;
+}
+
+KVPair metadataPair(const std::string& argument) {
+  const auto equals = argument.find('=');
+  if (equals == std::string::npos || equals == 0) {
+    throw UsageError(
+        fmt::format("--meta takes NAME=VALUE, and \"{}\" is not that", printable(argument)));
+  }
+  const auto name = fromUtf8(std::string_view(argument).substr(0, equals));
+  const auto value = fromUtf8(std::string_view(argument).substr(equals + 1));
+  if (!name || !value) throw UsageError("--meta is not valid UTF-8");
+  return {*name, *value};
+}
+
+void checkKey(const std::string& key) {
+  if (auto reason = whyNoKey(key)) throw UsageError(*reason);
+}
+
+std::string decodedKey(const std::string& text) {
+  constexpr std::string_view prefix = "base64:";
+  const std::string_view digits = text.compare(0, prefix.size(), prefix) == 0
+                                      ? std::string_view(text).substr(prefix.size())
+                                      : std::string_view(text);
+  auto key = decodeBase64(digits);
+  if (!key) throw UsageError(fmt::format("\"{}\" is not Base64", printable(text)));
+  return *std::move(key);
+}
+
+void deleteOne(Session& session, const std::string& collection, const std::string& key,
+               const std::string& shown) {
+  ClientRequest request =
+      collectionRequest(ClientRequest::DELETE_DOCUMENT, collectionName(collection));
+  attachDocument(request, key, {}, {});
+  ClientResponse response;
+  exchange(session, request, response);
+  session.printer.result(fmt::format("deleted {}", printable(shown)),
+                         {{"collection", collection}, {"deleted", shown}});
+}
+
+const char* statusMeaning(unsigned int code) {
+  switch (code) {
+    case 0:
+      return "ready, every change is searchable";
+    case 1:
+      return "ready, changes wait for an update of the index";
+    case 2:
+      return "not available";
+    default:
+      return "unknown to this program";
+  }
+}
+
+// Why a server or collection is not available, where the protocol's reply has room for it.
+std::string statusReason(const ClientResponse& response) {
+  const tq::oss::Message message = response.getStatusMessage();
+  if (message.getMessageId().isEmpty()) return {};
+  return fmt::format("{} ({})", printable(message.getMessageText()),
+                     printable(message.getMessageId()));
+}
+
+}  // namespace
+
+ExitCode createCollection(Session& session, const std::string& collection) {
+  return runOn(session, ClientRequest::CREATE_COLLECTION, collection, "created");
+}
+
+ExitCode dropCollection(Session& session, const std::string& collection) {
+  return runOn(session, ClientRequest::DROP_COLLECTION, collection, "dropped");
+}
+
+ExitCode updateIndex(Session& session, const std::string& collection) {
+  return runOn(session, ClientRequest::UPDATE_INDEX, collection, "updated");
+}
+
+ExitCode addDocument(Session& session, const AddArguments& arguments) {
+  checkKey(arguments.key);
+  std::list<KVPair> metadata;
+  for (const auto& pair : arguments.metadata) metadata.push_back(metadataPair(pair));
+  ClientRequest request =
+      collectionRequest(ClientRequest::ADD_DOCUMENT, collectionName(arguments.collection));
+  attachDocument(request, arguments.key, arguments.text, std::move(metadata));
+  ClientResponse response;
+  exchange(session, request, response);
+  session.printer.result(
+      fmt::format("added {} to {}", printable(arguments.key), arguments.collection),
+      {{"collection", arguments.collection}, {"added", arguments.key}});
+  return ExitCode::ok;
+}
+
+ExitCode deleteDocuments(Session& session, const std::string& collection,
+                         const std::vector<std::string>& keys, bool base64) {
+  std::vector<std::string> decoded;
+  for (const auto& key : keys) {
+    decoded.push_back(base64 ? decodedKey(key) : key);
+    checkKey(decoded.back());
+  }
+  for (std::size_t i = 0; i < keys.size(); ++i) deleteOne(session, collection, decoded[i], keys[i]);
+  return ExitCode::ok;
+}
+
+ExitCode estimate(Session& session, const std::string& collection, const std::string& query) {
+  tq::util::ExtendedProperties properties;
+  properties.putProperty(tq::comm::StaticDefs::PARAM_QUERY, headerValue("the query", query));
+  ClientRequest request =
+      collectionRequest(ClientRequest::SELECTIVITY, collectionName(collection), properties);
+  ClientResponse response;
+  exchange(session, request, response);
+  const auto& info = response.getSelectivityInfo();
+  const bool carried = session.settings.protocol == Protocol::binary;
+  if (!carried) {
+    session.printer.note(
+        "the http protocol's reply carries no estimate; these are fixed values, --protocol binary "
+        "has the server's");
+  }
+  session.printer.result(fmt::format("about {} hits, at most {}, of {} documents", info.getFirst(),
+                                     info.getSecond(), info.getThird()),
+                         {{"hits", info.getFirst()},
+                          {"atMost", info.getSecond()},
+                          {"documents", info.getThird()},
+                          {"fromServer", carried}});
+  return ExitCode::ok;
+}
+
+ExitCode status(Session& session, const std::string& collection) {
+  ClientRequest request;
+  if (collection.empty()) {
+    request.buildRequest(ClientRequest::GET_STATUS, {});
+  } else {
+    request = collectionRequest(ClientRequest::GET_STATUS, collectionName(collection));
+  }
+  ClientResponse response;
+  exchange(session, request, response);
+  const unsigned int code = response.getStatusCode();
+  const std::string reason = statusReason(response);
+  nlohmann::ordered_json object = {{"status", code}, {"meaning", statusMeaning(code)}};
+  if (!reason.empty()) object["reason"] = reason;
+  session.printer.result(
+      fmt::format("{} ({}){}{}", statusMeaning(code), code, reason.empty() ? "" : ": ", reason),
+      object);
+  return code == 0 || code == 1 ? ExitCode::ok : ExitCode::failed;
+}
+
+ExitCode serverVersion(Session& session) {
+  ClientRequest request;
+  request.buildRequest(ClientRequest::GET_SERVER_VERSION, {});
+  ClientResponse response;
+  exchange(session, request, response);
+  const auto& text = response.getContent();
+  if (session.settings.protocol == Protocol::http && text.isEmpty()) {
+    session.printer.result("the server answers; the http protocol's reply carries no version text",
+                           {{"version", nullptr}});
+  } else {
+    session.printer.result(printable(text), {{"version", toUtf8(text)}});
+  }
+  return ExitCode::ok;
+}
+
+}  // namespace corvane

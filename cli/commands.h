@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli/exitCode.h"
+#include "cli/session.h"
+
+namespace corvane {
+
+/// The commands. Each checks its arguments before anything is sent (UsageError), prints its result
+/// and returns the program's exit code; a failure of the exchange passes through as the library's
+/// exception.
+
+ExitCode createCollection(Session& session, const std::string& collection);
+ExitCode dropCollection(Session& session, const std::string& collection);
+ExitCode updateIndex(Session& session, const std::string& collection);
+
+struct AddArguments {
+  std::string collection;
+  std::string key;
+  std::string text;
+  std::vector<std::string> metadata;  ///< each "name=value"
+};
+ExitCode addDocument(Session& session, const AddArguments& arguments);
+
+/// Keys as text, or as standard Base64 when `base64` says so.
+ExitCode deleteDocuments(Session& session, const std::string& collection,
+                         const std::vector<std::string>& keys, bool base64);
+
+struct SearchArguments {
+  std::string collection;
+  std::string query;
+  std::uint64_t start = 0;
+  std::optional<std::uint64_t> limit;
+};
+ExitCode search(Session& session, const SearchArguments& arguments);
+ExitCode estimate(Session& session, const std::string& collection, const std::string& query);
+
+/// The server's state, or a collection's when one is named.
+ExitCode status(Session& session, const std::string& collection);
+ExitCode serverVersion(Session& session);
+
+}  // namespace corvane

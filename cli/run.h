@@ -1,0 +1,23 @@
+#pragma once
+
+#include <istream>
+#include <ostream>
+
+#include "cli/exitCode.h"
+
+namespace corvane {
+
+/// The streams of the process, or a test's.
+struct Streams {
+  std::istream& in;
+  std::ostream& out;
+  std::ostream& err;
+  /// Whether a person at a terminal reads `err`.
+  bool terminal = false;
+};
+
+/// The whole program: reads the command line, runs the command, reports a failure as one line.
+/// Never throws.
+ExitCode run(int argc, const char* const* argv, const Streams& streams);
+
+}  // namespace corvane

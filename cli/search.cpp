@@ -1,0 +1,110 @@
+#include <fmt/format.h>
+
+#include <nlohmann/json.hpp>
+
+#include "cli/commands.h"
+#include "cli/errors.h"
+#include "cli/request.h"
+#include "cli/text.h"
+#include "comm/kruClientResponse.h"
+#include "comm/kruStaticDefs.h"
+#include "infra/oss/kruBaseException.h"
+
+namespace corvane {
+
+namespace {
+
+using tq::comm::ClientRequest;
+using tq::comm::ClientResponse;
+using tq::comm::StaticDefs;
+
+icu::UnicodeString digits(std::uint64_t number) {
+  return icu::UnicodeString::fromUTF8(std::to_string(number));
+}
+
+ClientRequest searchRequest(const SearchArguments& arguments) {
+  tq::util::ExtendedProperties properties;
+  properties.putProperty(StaticDefs::PARAM_QUERY, headerValue("the query", arguments.query));
+  properties.putProperty(StaticDefs::PARAM_SCORE_WANTED, StaticDefs::STRING_true);
+  if (arguments.start != 0) {
+    properties.putProperty(StaticDefs::PARAM_START_OFFSET, digits(arguments.start));
+  }
+  if (arguments.limit) {
+    properties.putProperty(StaticDefs::PARAM_SEARCH_SIZE, digits(*arguments.limit));
+  }
+  return collectionRequest(ClientRequest::STREAM_SEARCH,
+                           headerValue("the collection's name", arguments.collection), properties);
+}
+
+class HitPrinter {
+ public:
+  HitPrinter(Printer& printer, std::uint64_t start) : printer_(printer), rank_(start) {}
+
+  void print(tq::comm::SearchResponse& portion) {
+    while (portion.hasMore()) print(portion.getNext());
+  }
+
+  std::uint64_t hits() const { return hits_; }
+
+ private:
+  void print(const tq::comm::SearchResult& hit) {
+    ++rank_;
+    ++hits_;
+    const auto bytes = keyOfDocId(hit.getDocId());
+    const auto key = bytes ? fromUtf8(*bytes) : std::nullopt;
+    if (printer_.json()) {
+      printJson(hit, key);
+      return;
+    }
+    const std::string shown = key && isPrintable(*key) ? *bytes : printable(hit.getDocId());
+    printer_.line(fmt::format("{:>5}  {:>7.3f}  {}", rank_, hit.getScore(), shown));
+  }
+
+  void printJson(const tq::comm::SearchResult& hit, const std::optional<icu::UnicodeString>& key) {
+    nlohmann::ordered_json object = {{"rank", rank_}, {"score", hit.getScore()}};
+    if (key) object["key"] = toUtf8(*key);
+    object["docId"] = toUtf8(hit.getDocId());
+    printer_.object(object);
+  }
+
+  Printer& printer_;
+  std::uint64_t rank_;
+  std::uint64_t hits_ = 0;
+};
+
+ExitCode cutOff(Session& session, std::uint64_t hits, const std::string& cause) {
+  session.printer.error(
+      fmt::format("the result from {} was cut off after {} hits{}; what is shown is right but not "
+                  "everything, search again",
+                  address(session.settings), hits, cause),
+      "TRUNCATED");
+  return ExitCode::truncated;
+}
+
+// Prints portion after portion; false when the server will say no more although it was not done.
+bool printRest(Session& session, ClientResponse& response, HitPrinter& hits) {
+  while (!session.client.isEndOfStream()) {
+    hits.print(response.getSearchResponse(session.client, true));
+  }
+  return !session.client.isTruncated();
+}
+
+}  // namespace
+
+ExitCode search(Session& session, const SearchArguments& arguments) {
+  ClientRequest request = searchRequest(arguments);
+  ClientResponse response;
+  exchange(session, request, response);
+  HitPrinter hits(session.printer, arguments.start);
+  hits.print(response.getSearchResponse());
+  try {
+    if (!printRest(session, response, hits)) return cutOff(session, hits.hits(), "");
+  } catch (const tq::oss::BaseException& failure) {
+    const std::string cause = describeFailure(failure, session.settings);
+    return cutOff(session, hits.hits(), " (" + cause + ")");
+  }
+  if (hits.hits() == 0) session.printer.note("no document matches");
+  return ExitCode::ok;
+}
+
+}  // namespace corvane

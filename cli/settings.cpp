@@ -1,0 +1,39 @@
+#include "cli/settings.h"
+
+#include <fmt/format.h>
+
+#include "cli/text.h"
+#include "comm/kruCorvaneRESTClient.h"
+#include "comm/kruDrestoPerfClient.h"
+
+namespace corvane {
+
+std::string address(const Settings& settings) {
+  const bool literal = settings.host.find(':') != std::string::npos;
+  return literal ? fmt::format("[{}]:{}", settings.host, settings.port)
+                 : fmt::format("{}:{}", settings.host, settings.port);
+}
+
+namespace {
+
+std::unique_ptr<tq::comm::CorvaneRESTClient> binaryClient(const icu::UnicodeString& host,
+                                                          unsigned int port) {
+  auto client = std::make_unique<tq::comm::DrestoPerfClient>(host, port);
+  client->setReassembly(true);
+  // Held-back messages leave before a reply is awaited, so only queueing documents is affected.
+  client->useBufferedConnection(true);
+  return client;
+}
+
+}  // namespace
+
+std::unique_ptr<tq::comm::CorvaneRESTClient> makeClient(const Settings& settings) {
+  const icu::UnicodeString host = headerValue("the host", settings.host);
+  auto client = settings.protocol == Protocol::binary
+                    ? binaryClient(host, settings.port)
+                    : std::make_unique<tq::comm::CorvaneRESTClient>(host, settings.port, true);
+  client->setTimeOut(settings.timeOut);
+  return client;
+}
+
+}  // namespace corvane

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+namespace tq::comm {
+class CorvaneRESTClient;
+}
+
+namespace corvane {
+
+enum class Protocol { http, binary };
+
+/// How the server is reached.
+struct Settings {
+  std::string host = "127.0.0.1";
+  unsigned int port = 0;
+  /// Milliseconds for connecting and for each wait for reply bytes; 0 waits for ever.
+  unsigned int timeOut = 300'000;
+  Protocol protocol = Protocol::binary;
+};
+
+/// "host:port", with brackets around an IPv6 address.
+std::string address(const Settings& settings);
+
+/// A client of the chosen protocol on a persistent connection, which is opened by its first
+/// request. Throws UsageError when the host's name cannot be a host's name.
+std::unique_ptr<tq::comm::CorvaneRESTClient> makeClient(const Settings& settings);
+
+}  // namespace corvane

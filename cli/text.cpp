@@ -1,0 +1,119 @@
+#include "cli/text.h"
+
+#include <fmt/format.h>
+#include <unicode/uchar.h>
+#include <unicode/ustring.h>
+
+#include <cstdint>
+#include <limits>
+
+#include "cli/errors.h"
+
+namespace corvane {
+
+namespace {
+
+constexpr std::string_view docIdPrefix = "base64:";
+constexpr std::string_view base64Alphabet =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+// Appends the bytes of four Base64 characters, of which the last `padding` are "=".
+bool appendQuantum(std::string_view four, std::size_t padding, std::string& out) {
+  std::uint32_t bits = 0;
+  for (std::size_t i = 0; i < 4; ++i) {
+    const std::size_t value = i + padding < 4 ? base64Alphabet.find(four[i]) : 0;
+    if (value == std::string_view::npos) return false;
+    bits = (bits << 6) | static_cast<std::uint32_t>(value);
+  }
+  const std::uint32_t unused = padding == 2 ? 0xFFFFU : padding == 1 ? 0xFFU : 0U;
+  if ((bits & unused) != 0) return false;
+  for (std::size_t i = 0; i + padding < 3; ++i) {
+    out += static_cast<char>((bits >> (16 - 8 * i)) & 0xFF);
+  }
+  return true;
+}
+
+}  // namespace
+
+std::string toUtf8(const icu::UnicodeString& text) {
+  std::string bytes;
+  text.toUTF8String(bytes);
+  return bytes;
+}
+
+std::optional<icu::UnicodeString> fromUtf8(std::string_view bytes) {
+  if (bytes.size() > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) return {};
+  UErrorCode status = U_ZERO_ERROR;
+  std::int32_t units = 0;
+  // Asked for the length alone, ICU still reports the first ill-formed sequence.
+  u_strFromUTF8(nullptr, 0, &units, bytes.data(), static_cast<std::int32_t>(bytes.size()), &status);
+  if (U_FAILURE(status) && status != U_BUFFER_OVERFLOW_ERROR) return {};
+  return icu::UnicodeString::fromUTF8(
+      icu::StringPiece(bytes.data(), static_cast<std::int32_t>(bytes.size())));
+}
+
+icu::UnicodeString headerValue(std::string_view what, std::string_view bytes) {
+  if (bytes.empty()) throw UsageError(fmt::format("{} is empty", what));
+  const auto text = fromUtf8(bytes);
+  if (!text) throw UsageError(fmt::format("{} is not valid UTF-8", what));
+  if (bytes.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos) {
+    throw UsageError(fmt::format(
+        "{} holds a line break or a NUL, which would change the request; remove it", what));
+  }
+  return *text;
+}
+
+std::optional<std::string> whyNoKey(std::string_view key) {
+  if (key.empty()) return "the key is empty";
+  if (key.size() > maxKeyBytes) {
+    return fmt::format("the key has {} bytes; a key has at most {}", key.size(), maxKeyBytes);
+  }
+  return {};
+}
+
+bool isPrintable(const icu::UnicodeString& text) {
+  for (std::int32_t i = 0; i < text.length(); i = text.moveIndex32(i, 1)) {
+    if (!u_isprint(text.char32At(i))) return false;
+  }
+  return true;
+}
+
+std::string printable(const icu::UnicodeString& text) {
+  icu::UnicodeString shown;
+  for (std::int32_t i = 0; i < text.length(); i = text.moveIndex32(i, 1)) {
+    const UChar32 c = text.char32At(i);
+    if (u_isprint(c)) {
+      shown.append(c);
+    } else {
+      const std::string escape = fmt::format("\\u{{{:x}}}", static_cast<std::uint32_t>(c));
+      shown.append(icu::UnicodeString::fromUTF8(escape));
+    }
+  }
+  return toUtf8(shown);
+}
+
+std::string printable(std::string_view bytes) {
+  // Ill-formed bytes become the replacement character, which is printable.
+  return printable(icu::UnicodeString::fromUTF8(
+      icu::StringPiece(bytes.data(), static_cast<std::int32_t>(bytes.size()))));
+}
+
+std::optional<std::string> decodeBase64(std::string_view text) {
+  if (text.size() % 4 != 0) return {};
+  std::string bytes;
+  for (std::size_t i = 0; i < text.size(); i += 4) {
+    const std::string_view four = text.substr(i, 4);
+    const bool last = i + 4 == text.size();
+    const std::size_t padding = !last || four[3] != '=' ? 0 : four[2] == '=' ? 2 : 1;
+    if (!appendQuantum(four, padding, bytes)) return {};
+  }
+  return bytes;
+}
+
+std::optional<std::string> keyOfDocId(const icu::UnicodeString& docId) {
+  const std::string id = toUtf8(docId);
+  if (id.compare(0, docIdPrefix.size(), docIdPrefix) != 0) return {};
+  return decodeBase64(std::string_view(id).substr(docIdPrefix.size()));
+}
+
+}  // namespace corvane

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace corvaned {
+
+/// Everything the server refuses a request for. Each has one message id, see messageId().
+enum class ErrorKind {
+  malformedRequest,
+  requestTooLarge,
+  unknownAction,
+  unsupportedAction,
+  missingParameter,
+  badParameter,
+  unknownCollection,
+  collectionExists,
+  badCollectionName,
+  badQuery,
+  queryTooBroad,
+  badDocument,
+  documentTooLarge,
+  storageFailed,
+  documentsNotIndexed,
+  tryAgain,
+  outOfMemory,
+  internal,
+};
+
+/// The id that a client sees as "MsgId". Ids are part of the interface: they are listed in
+/// docs/server.md and never change their meaning.
+std::string_view messageId(ErrorKind kind);
+
+/// A request that cannot be served. what() is one line for a person.
+class ServerError : public std::runtime_error {
+ public:
+  ServerError(ErrorKind kind, const std::string& text) : std::runtime_error(text), kind_(kind) {}
+  ErrorKind kind() const { return kind_; }
+
+ private:
+  ErrorKind kind_;
+};
+
+/// Text from outside made fit for an error message: one line, printable, at most `limit` bytes and
+/// cut between characters.
+std::string shown(std::string_view text, std::size_t limit = 120);
+
+/// The longest prefix of `text` that has at most `limit` bytes and does not end inside a UTF-8
+/// sequence.
+std::string_view cutBetweenCharacters(std::string_view text, std::size_t limit);
+
+}  // namespace corvaned

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace corvaned {
+
+/// Owns one open file.
+class FileHandle {
+ public:
+  FileHandle() = default;
+  explicit FileHandle(int descriptor) : descriptor_(descriptor) {}
+  FileHandle(FileHandle&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
+  FileHandle& operator=(FileHandle&& other) noexcept {
+    std::swap(descriptor_, other.descriptor_);
+    return *this;
+  }
+  FileHandle(const FileHandle&) = delete;
+  FileHandle& operator=(const FileHandle&) = delete;
+  ~FileHandle();
+
+  int get() const { return descriptor_; }
+
+ private:
+  int descriptor_ = -1;
+};
+
+/// Throws ServerError(storageFailed): what could not be done, to which file, and the system's
+/// reason from errno.
+[[noreturn]] void throwSystemError(const std::string& what, const std::filesystem::path& path);
+
+/// open(2), close-on-exec. Throws as above.
+FileHandle openFile(const std::filesystem::path& path, int flags);
+
+/// Writes all bytes at the end of the file. Throws as above; part of them may then be written.
+void writeAll(const FileHandle& file, std::string_view bytes, const std::filesystem::path& path);
+
+/// fdatasync(2). Throws as above.
+void syncFile(const FileHandle& file, const std::filesystem::path& path);
+
+/// Makes creations, renames and removals in a directory durable.
+void syncDirectory(const std::filesystem::path& path);
+
+}  // namespace corvaned

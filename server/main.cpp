@@ -1,0 +1,166 @@
+#include <fcntl.h>
+#include <pthread.h>
+#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/spdlog.h>
+#include <sys/resource.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <iostream>
+#include <string>
+
+#include "server/dispatcher.h"
+#include "server/faultScript.h"
+#include "server/faultyOutlet.h"
+#include "server/files.h"
+#include "server/localStore.h"
+#include "server/server.h"
+
+namespace {
+
+using namespace corvaned;
+
+struct Options {
+  std::string data;
+  std::string portFile;
+  std::string logLevel = "info";
+  std::string faultScript;
+  ServerOptions server;
+  StoreLimits store;
+  unsigned stallSeconds = 60;
+  unsigned idleSeconds = 0;
+};
+
+void declareOptions(CLI::App& app, Options& options) {
+  app.set_version_flag("--version", "corvaned " KRUCOMM_VERSION);
+  auto* ports = app.add_option_group("ports", "at least one of");
+  ports->add_option("--http-port", options.server.httpPort,
+                    "port of the HTTP protocol, 0: any free");
+  ports->add_option("--binary-port", options.server.binaryPort,
+                    "port of the binary protocol, 0: any free");
+  ports->require_option(1, 2);
+  app.add_option("--data", options.data, "directory that holds the collections")->required();
+  app.add_option("--listen", options.server.listen,
+                 "numeric address to listen on; the server knows no passwords")
+      ->capture_default_str();
+  app.add_option("--port-file", options.portFile, "file to write the ready lines to as well");
+  app.add_option("--log-level", options.logLevel, "what to say on standard error")
+      ->check(CLI::IsMember({"trace", "debug", "info", "warn", "error", "critical", "off"}))
+      ->capture_default_str();
+  app.add_option("--max-content", options.server.limits.contentBytes,
+                 "most bytes behind the header block of a request")
+      ->capture_default_str();
+  app.add_option("--max-document", options.store.documentBytes, "largest document in bytes")
+      ->capture_default_str();
+  app.add_option("--max-buffered", options.server.bufferedBytes,
+                 "most bytes of unfinished requests, all clients together")
+      ->capture_default_str();
+  app.add_option("--max-connections", options.server.connections, "most clients at a time")
+      ->capture_default_str();
+  app.add_option("--max-expansion", options.store.index.expansion,
+                 "most words that a word with * may stand for")
+      ->capture_default_str();
+  app.add_option("--stall-timeout", options.stallSeconds,
+                 "seconds without a byte in the middle of a request or reply, 0: no limit")
+      ->capture_default_str();
+  app.add_option("--fault", options.faultScript,
+                 "file, or text, that says which replies go wrong and how");
+  app.add_option("--idle-timeout", options.idleSeconds, "seconds without a request, 0: no limit")
+      ->capture_default_str();
+}
+
+void loadFaults(Options& options) {
+  if (options.faultScript.empty()) return;
+  options.server.outlets = faultyOutlets(loadFaultScript(options.faultScript));
+}
+
+void startLog(const std::string& level) {
+  spdlog::set_default_logger(spdlog::stderr_logger_mt("corvaned"));
+  spdlog::set_level(spdlog::level::from_str(level));
+}
+
+// Thousands of clients need more descriptors than most systems give unasked.
+void raiseDescriptorLimit() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+// Every thread inherits the mask, so that only the wait below takes the signals.
+sigset_t blockStopSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  // Broken pipes and files at their limit are errors to report, not reasons to die.
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
+  return signals;
+}
+
+std::string readyLines(const Server& server) {
+  std::string lines;
+  for (const Server::Listener& listener : server.listeners()) {
+    const bool v6 = listener.address.find(':') != std::string::npos;
+    lines += listener.framing == Framing::http ? "listening http " : "listening binary ";
+    lines += v6 ? "[" + listener.address + "]" : listener.address;
+    lines += ":" + std::to_string(listener.port) + "\n";
+  }
+  return lines;
+}
+
+// A reader finds the whole file or none.
+void writePortFile(const std::string& path, const std::string& lines) {
+  if (path.empty()) return;
+  const std::filesystem::path passing = path + ".new";
+  std::filesystem::remove(passing);
+  writeAll(openFile(passing, O_WRONLY | O_CREAT | O_EXCL), lines, passing);
+  std::filesystem::rename(passing, path);
+}
+
+void serve(const Options& options) {
+  const sigset_t signals = blockStopSignals();
+  raiseDescriptorLimit();
+  LocalStore store(options.data, options.store);
+  Dispatcher dispatcher(store, KRUCOMM_VERSION);
+  ServerOptions settings = options.server;
+  settings.stallTimeout = std::chrono::seconds(options.stallSeconds);
+  settings.idleTimeout = std::chrono::seconds(options.idleSeconds);
+  Server server(dispatcher, settings);
+  server.start();
+  const std::string lines = readyLines(server);
+  writePortFile(options.portFile, lines);
+  std::cout << lines << std::flush;
+  spdlog::info("serving {}", options.data);
+  if (settings.outlets) spdlog::warn("replies go wrong as --fault says");
+  int signal = 0;
+  sigwait(&signals, &signal);
+  spdlog::info("stopping");
+  server.stop();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("corvaned, a full-text search server");
+  Options options;
+  declareOptions(app, options);
+  CLI11_PARSE(app, argc, argv);
+  try {
+    startLog(options.logLevel);
+    loadFaults(options);
+    serve(options);
+    return 0;
+  } catch (const FaultScriptError& error) {
+    std::cerr << "corvaned: --fault: " << error.what() << "\n";
+    return 2;
+  } catch (const std::exception& error) {
+    std::cerr << "corvaned: " << error.what() << "\n";
+    return 1;
+  }
+}

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+namespace corvaned {
+
+/// The protocol's words as UTF-8, taken once from the library's vocabulary so that client and
+/// server cannot come to spell them differently.
+struct Words {
+  // Header names.
+  std::string action, collection, collectionName, contentLength, query, mode, start, size,
+      resultLimit, scoreWanted, scoreType, language;
+  // Values.
+  std::string modeScalar, modeStreaming, yes, no, defaultLanguage;
+  // Tags of a document block and names of record fields.
+  std::string rowId, data, doc;
+  // Names of reply headers.
+  std::string replyContentLength, transferEncoding, chunked;
+};
+
+const Words& words();
+
+}  // namespace corvaned

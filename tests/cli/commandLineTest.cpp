@@ -1,0 +1,139 @@
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <vector>
+
+#include "cli/commandLine.h"
+
+using namespace corvane;
+
+namespace {
+
+struct Parse {
+  explicit Parse(std::vector<const char*> arguments) {
+    arguments.insert(arguments.begin(), "corvane");
+    std::istringstream in;
+    std::ostringstream outStream, errStream;
+    result = parseCommandLine(static_cast<int>(arguments.size()), arguments.data(),
+                              {in, outStream, errStream});
+    out = outStream.str();
+    err = errStream.str();
+  }
+
+  ParsedCommandLine result;
+  std::string out, err;
+};
+
+TEST(CommandLine, TakesGeneralOptionsOnBothSidesOfTheCommand) {
+  const Parse parse({"--host", "::1", "search", "c", "q", "--port", "4480", "--timeout", "9",
+                     "--json", "--protocol", "http"});
+  ASSERT_FALSE(parse.result.exit) << parse.err;
+  const auto& line = parse.result.commandLine;
+  EXPECT_EQ(line.settings.host, "::1");
+  EXPECT_EQ(line.settings.port, 4480U);
+  EXPECT_EQ(line.settings.timeOut, 9U);
+  EXPECT_EQ(line.settings.protocol, Protocol::http);
+  EXPECT_TRUE(line.json);
+  EXPECT_TRUE(line.command);
+}
+
+TEST(CommandLine, HasDefaults) {
+  const Parse parse({"--port", "1", "status"});
+  ASSERT_FALSE(parse.result.exit) << parse.err;
+  EXPECT_EQ(parse.result.commandLine.settings.host, "127.0.0.1");
+  EXPECT_EQ(parse.result.commandLine.settings.timeOut, 300000U);
+  EXPECT_EQ(parse.result.commandLine.settings.protocol, Protocol::binary);
+  EXPECT_FALSE(parse.result.commandLine.json);
+}
+
+TEST(CommandLine, KnowsEveryCommand) {
+  const std::vector<std::vector<const char*>> commands = {{"create", "c"},
+                                                          {"drop", "c"},
+                                                          {"add", "c", "k", "text"},
+                                                          {"load", "c", "-"},
+                                                          {"update", "c"},
+                                                          {"search", "c", "q"},
+                                                          {"estimate", "c", "q"},
+                                                          {"delete", "c", "k", "l"},
+                                                          {"status"},
+                                                          {"status", "c"},
+                                                          {"version"}};
+  for (auto arguments : commands) {
+    const std::string name = arguments.front();
+    arguments.insert(arguments.end(), {"--port", "1"});
+    const Parse parse(arguments);
+    EXPECT_FALSE(parse.result.exit) << name << ": " << parse.err;
+    EXPECT_TRUE(parse.result.commandLine.command) << name;
+  }
+}
+
+TEST(CommandLine, RefusesWrongUseWithOneLineAndTheUsageCode) {
+  const std::vector<std::vector<const char*>> wrong = {
+      {},
+      {"--port", "1"},
+      {"--port", "1", "frobnicate"},
+      {"search", "c", "q"},
+      {"--port", "0", "status"},
+      {"--port", "65536", "status"},
+      {"--port", "x", "status"},
+      {"--port", "1", "search", "c"},
+      {"--port", "1", "search", "c", "q", "--limit", "-1"},
+      {"--port", "1", "search", "c", "q", "--limit", "x"},
+      {"--port", "1", "search", "c", "q", "--start", "-1"},
+      {"--port", "1", "search", "c", "q", "--limit", "18446744073709551616"},
+      {"--port", "1", "create"},
+      {"--port", "1", "add", "c"},
+      {"--port", "1", "add", "c", "k", "text", "--file", "f"},
+      {"--port", "1", "--protocol", "smoke", "status"},
+      {"--port", "1", "--timeout", "-5", "status"},
+      {"--port", "1", "status", "create", "c"}};
+  for (const auto& arguments : wrong) {
+    const Parse parse(arguments);
+    std::string shown;
+    for (const char* argument : arguments) shown += std::string(argument) + " ";
+    ASSERT_EQ(parse.result.exit, ExitCode::usage) << shown;
+    EXPECT_EQ(parse.err.rfind("corvane: ", 0), 0U) << shown << parse.err;
+    EXPECT_EQ(parse.err.find('\n'), parse.err.size() - 1) << shown << parse.err;
+    EXPECT_EQ(parse.out, "") << shown;
+  }
+}
+
+TEST(CommandLine, ExplainsItself) {
+  const Parse general({"--help"});
+  EXPECT_EQ(general.result.exit, ExitCode::ok);
+  for (const char* word : {"create", "load", "search", "--port", "Exit codes", "--json"}) {
+    EXPECT_NE(general.out.find(word), std::string::npos) << word;
+  }
+  const Parse load({"load", "--help"});
+  EXPECT_EQ(load.result.exit, ExitCode::ok);
+  EXPECT_NE(load.out.find("metadata"), std::string::npos);
+}
+
+TEST(CommandLine, EveryCommandExplainsItselfAndSpeaksJson) {
+  const std::vector<std::vector<const char*>> commands = {
+      {"create", "c"}, {"drop", "c"},        {"add", "c", "k", "text"}, {"load", "c", "-"},
+      {"update", "c"}, {"search", "c", "q"}, {"estimate", "c", "q"},    {"delete", "c", "k"},
+      {"status"},      {"version"}};
+  for (const auto& command : commands) {
+    const std::string name = command.front();
+    const Parse help({command.front(), "--help"});
+    EXPECT_EQ(help.result.exit, ExitCode::ok) << name;
+    EXPECT_NE(help.out.find(name), std::string::npos) << name;
+    EXPECT_EQ(help.err, "") << name;
+    auto arguments = command;
+    arguments.insert(arguments.end(), {"--port", "1"});
+    EXPECT_FALSE(Parse(arguments).result.commandLine.json) << name;
+    arguments.push_back("--json");
+    const Parse json(arguments);
+    EXPECT_FALSE(json.result.exit) << name << ": " << json.err;
+    EXPECT_TRUE(json.result.commandLine.json) << name;
+  }
+}
+
+TEST(CommandLine, PrintsItsOwnVersion) {
+  const Parse parse({"--version"});
+  EXPECT_EQ(parse.result.exit, ExitCode::ok);
+  EXPECT_EQ(parse.out.rfind("corvane ", 0), 0U);
+}
+
+}  // namespace

@@ -1,0 +1,226 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "tests/cli/childProcess.h"
+#include "tests/support/corvanedProcess.h"
+
+using namespace corvane::test;
+using ::testing::HasSubstr;
+
+namespace {
+
+// The program itself against the server itself, over each protocol.
+class Program : public ::testing::TestWithParam<const char*> {
+ protected:
+  Finished run(std::vector<std::string> arguments, const std::string& input = {}) const {
+    return runOver(GetParam(), std::move(arguments), input);
+  }
+
+  Finished runOver(const std::string& protocol, std::vector<std::string> arguments,
+                   const std::string& input = {}) const {
+    arguments.insert(arguments.begin(),
+                     {CORVANE_PROGRAM, "--protocol", protocol, "--port", serverPort(protocol)});
+    return runToEnd(arguments, input);
+  }
+
+  // What the program prints when all is well.
+  std::string output(std::vector<std::string> arguments, const std::string& input = {}) const {
+    const Finished finished = run(std::move(arguments), input);
+    EXPECT_EQ(finished.code, 0) << finished.err;
+    EXPECT_EQ(finished.err, "");
+    return finished.out;
+  }
+
+  void loadAll(const std::string& lines) const {
+    output({"create", "c"});
+    output({"load", "c", "-"}, lines);
+    output({"update", "c"});
+  }
+
+  std::string serverPort(const std::string& protocol) const {
+    return std::to_string(protocol == "http" ? server_.httpPort() : server_.binaryPort());
+  }
+
+  tq::test::CorvanedProcess server_;
+};
+
+std::string manyDocuments(int count) {
+  std::string lines;
+  for (int i = 0; i < count; ++i) {
+    lines += "{\"key\":\"k" + std::to_string(i) + "\",\"text\":\"common word" + std::to_string(i) +
+             "\",\"n\":" + std::to_string(i) + "}\n";
+  }
+  return lines;
+}
+
+std::size_t lineCount(const std::string& text) {
+  return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+}
+
+TEST_P(Program, TakesACollectionThroughItsWholeLife) {
+  EXPECT_EQ(output({"create", "books"}), "created books\n");
+  EXPECT_EQ(output({"add", "books", "k1", "the lighthouse keeper", "--meta", "author=W"}),
+            "added k1 to books\n");
+  EXPECT_EQ(output({"update", "books"}), "updated books\n");
+  EXPECT_THAT(output({"search", "books", "lighthouse"}), HasSubstr("  k1\n"));
+  EXPECT_EQ(output({"delete", "books", "k1"}), "deleted k1\n");
+  output({"update", "books"});
+  const Finished none = run({"search", "books", "lighthouse"});
+  EXPECT_EQ(none.code, 0);
+  EXPECT_EQ(none.out, "");
+  EXPECT_EQ(none.err, "no document matches\n");
+  EXPECT_EQ(output({"drop", "books"}), "dropped books\n");
+  EXPECT_EQ(run({"search", "books", "lighthouse"}).code, 1);
+}
+
+TEST_P(Program, LoadsMoreThanOneWindowOfDocuments) {
+  output({"create", "c"});
+  EXPECT_EQ(output({"load", "c", "-"}, manyDocuments(4500)),
+            "loaded 4500 documents into c, 0 refused\n");
+  output({"update", "c"});
+  EXPECT_EQ(lineCount(output({"search", "c", "common"})), 4500U);
+}
+
+TEST_P(Program, LoadsAFileAndTheLastOfTwoDocumentsWithOneKey) {
+  const std::string path =
+      (std::filesystem::temp_directory_path() / ("corvane-load-" + serverPort(GetParam())))
+          .string();
+  std::ofstream(path)
+      << "{\"key\":\"k\",\"text\":\"former\"}\n{\"key\":\"k\",\"text\":\"latter\"}\n";
+  output({"create", "c"});
+  EXPECT_EQ(output({"load", "c", path}), "loaded 2 documents into c, 0 refused\n");
+  std::filesystem::remove(path);
+  output({"update", "c"});
+  EXPECT_THAT(output({"search", "c", "latter"}), HasSubstr("  k\n"));
+  EXPECT_EQ(run({"search", "c", "former"}).out, "");
+}
+
+TEST_P(Program, LosesNothingToBadLines) {
+  output({"create", "c"});
+  const Finished finished = run({"load", "c", "-"},
+                                "{\"key\":\"a\",\"text\":\"x\"}\nnot json\n{\"text\":\"y\"}\n"
+                                "{\"key\":\"b\",\"text\":\"x\"}\n");
+  EXPECT_EQ(finished.code, 4);
+  EXPECT_EQ(finished.out, "loaded 2 documents into c, 2 refused\n");
+  EXPECT_THAT(finished.err, HasSubstr("corvane: line 2: not JSON"));
+  EXPECT_THAT(finished.err, HasSubstr("corvane: line 3: the object has no \"key\"\n"));
+  EXPECT_EQ(lineCount(finished.err), 2U);
+}
+
+TEST_P(Program, LoadsKeysAndTextsOfEveryKind) {
+  const std::string longest(128, 'k');
+  loadAll(
+      "{\"key\":\"caf\\u00e9 \\ud83d\\ude00\",\"text\":\"apple\"}\n"
+      "{\"key\":\"tab\\tkey\",\"text\":\"apple \\u0000 \\r\\n pear\"}\n"
+      "{\"key\":\"base64:eA==\",\"text\":\"apple\"}\n"
+      "{\"key\":\"nul\\u0000key\",\"text\":\"apple\"}\n"
+      "{\"key\":\"" +
+      longest +
+      "\",\"text\":\"apple\"}\n"
+      "{\"key\":7,\"text\":\"apple\",\"rowId\":\"r\",\"data\":\"d\",\"key2\":null}\n");
+  const std::string found = output({"search", "c", "apple"});
+  EXPECT_EQ(lineCount(found), 6U) << found;
+  EXPECT_THAT(found, HasSubstr("  caf\xc3\xa9 \xf0\x9f\x98\x80\n"));
+  EXPECT_THAT(found, HasSubstr("  base64:eA==\n"));
+  EXPECT_THAT(found, HasSubstr("  base64:dGFiCWtleQ==\n"));
+  EXPECT_THAT(found, HasSubstr("  " + longest + "\n"));
+  EXPECT_THAT(found, HasSubstr("  7\n"));
+  EXPECT_THAT(output({"search", "c", "apple", "--json"}), HasSubstr("\"key\":\"nul\\u0000key\""));
+}
+
+TEST_P(Program, DeletesByTheFormThatSearchShows) {
+  loadAll("{\"key\":\"tab\\tkey\",\"text\":\"apple\"}\n");
+  output({"delete", "c", "--base64", "base64:dGFiCWtleQ=="});
+  output({"update", "c"});
+  EXPECT_EQ(run({"search", "c", "apple"}).out, "");
+}
+
+TEST_P(Program, PrintsPagesOfOneResult) {
+  loadAll(manyDocuments(30));
+  const std::string all = output({"search", "c", "common"});
+  EXPECT_EQ(lineCount(all), 30U);
+  EXPECT_EQ(output({"search", "c", "common", "--limit", "12"}) +
+                output({"search", "c", "common", "--start", "12", "--limit", "12"}) +
+                output({"search", "c", "common", "--start", "24"}),
+            all);
+}
+
+TEST_P(Program, PrintsTheSameResultOverBothProtocols) {
+  loadAll(manyDocuments(3000));
+  const Finished http = runOver("http", {"search", "c", "common", "--json"});
+  const Finished binary = runOver("binary", {"search", "c", "common", "--json"});
+  EXPECT_EQ(http.code, 0) << http.err;
+  EXPECT_EQ(lineCount(http.out), 3000U);
+  EXPECT_EQ(http.out, binary.out);
+}
+
+TEST_P(Program, ReportsWhatTheServerRefusesInItsWords) {
+  for (const std::vector<std::string>& command :
+       {std::vector<std::string>{"search", "nowhere", "x"},
+        {"update", "nowhere"},
+        {"drop", "nowhere"},
+        {"load", "nowhere", "-"},
+        {"estimate", "nowhere", "x"},
+        {"add", "nowhere", "k", "t"},
+        {"delete", "nowhere", "k"}}) {
+    const Finished finished = run(command, "{\"key\":\"a\",\"text\":\"x\"}\n");
+    EXPECT_EQ(finished.code, 1) << command[0];
+    EXPECT_EQ(lineCount(finished.err), 1U) << finished.err;
+    EXPECT_THAT(finished.err, HasSubstr("(ZVK0007E)")) << command[0];
+    EXPECT_THAT(finished.err, HasSubstr("127.0.0.1:" + serverPort(GetParam())));
+  }
+}
+
+TEST_P(Program, SaysThatACollectionIsNotAvailable) {
+  const Finished finished = run({"status", "nowhere"});
+  EXPECT_EQ(finished.code, 1);
+  EXPECT_THAT(finished.out, HasSubstr("not available (2)"));
+  // Only the binary protocol's reply carries the reason.
+  if (std::string(GetParam()) == "binary") {
+    EXPECT_THAT(finished.out, HasSubstr("(ZVK0007E)"));
+  }
+}
+
+TEST_P(Program, AnswersStatusAndVersion) {
+  EXPECT_EQ(output({"status"}), "ready, every change is searchable (0)\n");
+  output({"create", "c"});
+  output({"add", "c", "k", "t"});
+  EXPECT_EQ(output({"status", "c"}), "ready, changes wait for an update of the index (1)\n");
+  const std::string version = output({"version"});
+  if (std::string(GetParam()) == "binary") {
+    EXPECT_THAT(version, HasSubstr(CORVANE_VERSION));
+  } else {
+    EXPECT_THAT(version, HasSubstr("carries no version text"));
+  }
+}
+
+TEST_P(Program, EstimatesOverTheBinaryProtocolOnly) {
+  loadAll(manyDocuments(40));
+  const Finished finished = run({"estimate", "c", "common", "--json"});
+  EXPECT_EQ(finished.code, 0) << finished.err;
+  EXPECT_EQ(finished.out,
+            std::string(GetParam()) == "binary"
+                ? "{\"hits\":40,\"atMost\":40,\"documents\":40,\"fromServer\":true}\n"
+                : "{\"hits\":1,\"atMost\":1,\"documents\":100,\"fromServer\":false}\n");
+}
+
+TEST_P(Program, FailsCleanlyOnThePortOfTheOtherProtocol) {
+  const std::string other = std::string(GetParam()) == "http" ? "binary" : "http";
+  const Finished finished = runToEnd({CORVANE_PROGRAM, "--protocol", GetParam(), "--port",
+                                      serverPort(other), "--timeout", "200", "status"});
+  EXPECT_EQ(finished.code, 1);
+  EXPECT_EQ(finished.out, "");
+  EXPECT_EQ(lineCount(finished.err), 1U) << finished.err;
+  EXPECT_THAT(finished.err, HasSubstr("127.0.0.1:" + serverPort(other)));
+}
+
+INSTANTIATE_TEST_SUITE_P(Protocols, Program, ::testing::Values("http", "binary"),
+                         [](const auto& test) { return std::string(test.param); });
+
+}  // namespace

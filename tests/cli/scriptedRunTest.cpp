@@ -1,0 +1,520 @@
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "cli/run.h"
+#include "tests/support/binaryReplies.h"
+#include "tests/support/replyCorpus.h"
+#include "tests/support/scriptedServer.h"
+
+using namespace corvane;
+using namespace tq::test;
+
+namespace {
+
+struct Result {
+  ExitCode code;
+  std::string out, err;
+};
+
+Result runProgram(std::vector<std::string> arguments, const std::string& input = {}) {
+  arguments.insert(arguments.begin(), "corvane");
+  std::vector<const char*> pointers;
+  for (const auto& argument : arguments) pointers.push_back(argument.c_str());
+  std::istringstream in(input);
+  std::ostringstream out, err;
+  const ExitCode code =
+      run(static_cast<int>(pointers.size()), pointers.data(), {in, out, err, false});
+  return {code, out.str(), err.str()};
+}
+
+// The whole program against a server that follows the scripts, over the HTTP-style protocol.
+Result runAgainst(const ScriptedServer& server, std::vector<std::string> arguments,
+                  const std::string& input = {}) {
+  arguments.insert(arguments.end(),
+                   {"--protocol", "http", "--port", std::to_string(server.port())});
+  return runProgram(std::move(arguments), input);
+}
+
+const std::string kUninterpreted(4, '\0');
+const std::string kEndMark(4, '\0');
+
+std::string answer(int status, const std::string& body) {
+  Reply reply{"x", kGetStatus, status, body};
+  return plain(reply);
+}
+
+std::string done() { return answer(200, ""); }
+
+std::string refusal(const std::string& id, const std::string& text) {
+  return answer(500, kUninterpreted + enveloped(record({{"MsgId", id}, {"MsgText", text}})));
+}
+
+std::string hits(const std::vector<std::pair<std::string, std::string>>& idsAndScores) {
+  std::string body = kUninterpreted;
+  for (const auto& [id, score] : idsAndScores) body += enveloped(hitRecord(id, score));
+  return body;
+}
+
+std::string outcomes(const std::vector<std::vector<std::string>>& rows) {
+  std::string body = kUninterpreted;
+  for (const auto& row : rows) {
+    std::vector<std::pair<std::string, std::string>> fields{{"Doc", row[0]}};
+    if (row.size() > 1) fields.insert(fields.end(), {{"MsgId", row[1]}, {"MsgText", row[2]}});
+    body += enveloped(record(fields));
+  }
+  return answer(200, body + kEndMark);
+}
+
+bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+bool isOneLine(const std::string& text) {
+  return !text.empty() && text.find('\n') == text.size() - 1;
+}
+
+std::string documentLine(const std::string& key, const std::string& text) {
+  return R"({"key":")" + key + R"(","text":")" + text + "\"}\n";
+}
+
+TEST(Failure, OfConnectingNamesHostPortCauseAndRemedyInOneLine) {
+  const RefusedPort port;
+  const std::string number = std::to_string(port.port());
+  const Result result = runProgram({"status", "--port", number, "--protocol", "http"});
+  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_TRUE(contains(result.err, "cannot connect to 127.0.0.1:" + number)) << result.err;
+  EXPECT_TRUE(contains(result.err, "Connection refused")) << result.err;
+  EXPECT_TRUE(contains(result.err, "check that corvaned runs there")) << result.err;
+  EXPECT_TRUE(isOneLine(result.err)) << result.err;
+  EXPECT_EQ(result.out, "");
+}
+
+TEST(Failure, IsAJsonObjectWithTheIdWhenJsonIsWanted) {
+  const RefusedPort port;
+  const Result result =
+      runProgram({"status", "--json", "--port", std::to_string(port.port()), "--protocol", "http"});
+  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_EQ(result.err.rfind("{\"error\":\"cannot connect to 127.0.0.1:", 0), 0U) << result.err;
+  EXPECT_TRUE(contains(result.err, "\"id\":\"ERR_CONNECT_SERVER\"}")) << result.err;
+}
+
+TEST(Failure, OfTheServerShowsItsTextItsIdAndItsAddress) {
+  ScriptedServer server(Script().expectRequest().send(refusal("ZVK0007E", "no such collection")));
+  const Result result = runAgainst(server, {"update", "books"});
+  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_EQ(result.err, "corvane: the server at 127.0.0.1:" + std::to_string(server.port()) +
+                            " says: no such collection (ZVK0007E)\n");
+}
+
+TEST(Failure, TextFromTheServerCannotSteerTheTerminal) {
+  ScriptedServer server(Script().expectRequest().send(refusal("ZVK0007E", "\x1b[2Jgone\nnext")));
+  const Result result = runAgainst(server, {"update", "books"});
+  EXPECT_TRUE(contains(result.err, "\\u{1b}[2Jgone\\u{a}next")) << result.err;
+  EXPECT_TRUE(isOneLine(result.err)) << result.err;
+}
+
+TEST(Failure, OfASilentServerNamesTheTimeOut) {
+  ScriptedServer server(Script().expectRequest().stall());
+  const Result result = runAgainst(server, {"status", "--timeout", "50"});
+  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_TRUE(contains(result.err, "gave no answer within 50 ms")) << result.err;
+  EXPECT_TRUE(contains(result.err, "--timeout")) << result.err;
+}
+
+TEST(Failure, OfAServerThatClosesSuggestsTheOtherProtocol) {
+  ScriptedServer server(Script().expectRequest());
+  const Result result = runAgainst(server, {"status"});
+  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_TRUE(contains(result.err, "closed the connection before its answer was complete"));
+  EXPECT_TRUE(contains(result.err, "--protocol http")) << result.err;
+}
+
+TEST(Failure, OfAnotherKindOfServerIsNotTakenForAnAnswer) {
+  ScriptedServer server(Script().expectRequest().send(answer(400, "?")));
+  const Result result = runAgainst(server, {"status"});
+  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_TRUE(contains(result.err, "gave an answer that is not understood")) << result.err;
+}
+
+TEST(Failure, WithoutAnyReasonIsNotTakenForSuccess) {
+  ScriptedServer server(Script().expectRequest().send(answer(404, "")));
+  const Result result = runAgainst(server, {"create", "books"});
+  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_EQ(result.out, "");
+  EXPECT_TRUE(contains(result.err, "without saying why")) << result.err;
+}
+
+TEST(Failure, OfStandardOutputIsNotSilent) {
+  ScriptedServer server(Script().expectRequest().send(done()));
+  const std::string port = std::to_string(server.port());
+  const std::vector<const char*> arguments = {"corvane",    "create",     "books", "--port",
+                                              port.c_str(), "--protocol", "http"};
+  std::istringstream in;
+  std::ostringstream out, err;
+  out.setstate(std::ios::badbit);
+  EXPECT_EQ(run(static_cast<int>(arguments.size()), arguments.data(), {in, out, err, false}),
+            ExitCode::failed);
+  EXPECT_TRUE(contains(err.str(), "standard output"));
+}
+
+TEST(Refused, ValuesThatWouldWriteHeaderLinesAreNeverSent) {
+  ScriptedServer server(Script().awaitClose());
+  const std::vector<std::vector<std::string>> commands = {
+      {"create", "a\nb"},         {"drop", "a\rb"},
+      {"update", "a\r\nb"},       {"add", "a\nb", "k", "t"},
+      {"load", "a\nb", "-"},      {"search", "a\nb", "q"},
+      {"search", "c", "q\nx: y"}, {"estimate", "c", "q\r"},
+      {"estimate", "c\n", "q"},   {"delete", "c\n", "k"},
+      {"status", "c\n"},          {"search", "c", ""},
+      {"search", "c", "\xff"},    {"create", ""}};
+  for (const auto& command : commands) {
+    const Result result = runAgainst(server, command);
+    EXPECT_EQ(result.code, ExitCode::usage) << command[0];
+    EXPECT_TRUE(isOneLine(result.err)) << result.err;
+    EXPECT_EQ(result.out, "");
+  }
+  EXPECT_EQ(server.connections(), 0U);
+}
+
+TEST(Refused, KeysThatNoDocumentCanHaveAreNeverSent) {
+  ScriptedServer server(Script().awaitClose());
+  const std::string tooLong(129, 'k');
+  EXPECT_EQ(runAgainst(server, {"add", "c", "", "t"}).code, ExitCode::usage);
+  EXPECT_EQ(runAgainst(server, {"add", "c", tooLong, "t"}).code, ExitCode::usage);
+  EXPECT_EQ(runAgainst(server, {"delete", "c", "k", tooLong}).code, ExitCode::usage);
+  EXPECT_EQ(runAgainst(server, {"delete", "c", "--base64", "?"}).code, ExitCode::usage);
+  EXPECT_EQ(runAgainst(server, {"add", "c", "k", "t", "--meta", "novalue"}).code, ExitCode::usage);
+  EXPECT_EQ(server.connections(), 0U);
+}
+
+TEST(Refused, FilesThatCannotBeReadAreNamedAndNothingIsSent) {
+  ScriptedServer server(Script().awaitClose());
+  for (const char* path : {"/nonexistent/file.jsonl", "/"}) {
+    for (const auto& command : std::vector<std::vector<std::string>>{
+             {"load", "c", path}, {"add", "c", "k", "--file", path}}) {
+      const Result result = runAgainst(server, command);
+      EXPECT_EQ(result.code, ExitCode::failed) << path;
+      EXPECT_TRUE(contains(result.err, std::string("cannot read ") + path)) << result.err;
+    }
+  }
+  EXPECT_EQ(server.connections(), 0U);
+}
+
+TEST(Command, SendsItsCollectionAndSaysWhatItDid) {
+  const std::vector<std::vector<std::string>> commands = {
+      {"create", "createCollection", "created books\n"},
+      {"drop", "deleteCollection", "dropped books\n"},
+      {"update", "updateIndex", "updated books\n"}};
+  for (const auto& command : commands) {
+    ScriptedServer server(Script().expectRequest().send(done()));
+    const Result result = runAgainst(server, {command[0], "books"});
+    EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+    EXPECT_EQ(result.out, command[2]);
+    const std::string sent = server.connection(0).requests.at(0);
+    EXPECT_TRUE(contains(sent, "\naction: " + command[1] + "\n")) << sent;
+    EXPECT_TRUE(contains(sent, "\nindex: books\n")) << sent;
+  }
+}
+
+TEST(Add, SendsKeyMetadataAndText) {
+  ScriptedServer server(Script().expectRequest().send(done()));
+  const Result result = runAgainst(
+      server, {"add", "books", "k1", "a\r\nb", "--meta", "author=W", "--meta", "year=1=8"});
+  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  const std::string sent = server.connection(0).requests.at(0);
+  EXPECT_TRUE(contains(sent, enveloped("author") + enveloped("W") + enveloped("year") +
+                                 enveloped("1=8") + enveloped("rowId") + enveloped("k1") +
+                                 enveloped("data") + enveloped("a\r\nb")));
+}
+
+TEST(Add, GivesADocumentWithoutMetadataThePairOfItsKey) {
+  ScriptedServer server(Script().expectRequest().send(done()));
+  EXPECT_EQ(runAgainst(server, {"add", "books", "k1", "t"}).code, ExitCode::ok);
+  EXPECT_TRUE(contains(server.connection(0).requests.at(0),
+                       enveloped("key") + enveloped("k1") + enveloped("rowId") + enveloped("k1")));
+}
+
+TEST(Add, TakesTheTextFromStandardInput) {
+  ScriptedServer server(Script().expectRequest().send(done()));
+  const std::string text("line\nNUL\0end", 12);
+  EXPECT_EQ(runAgainst(server, {"add", "books", "k1", "--file", "-"}, text).code, ExitCode::ok);
+  EXPECT_TRUE(contains(server.connection(0).requests.at(0), enveloped("data") + enveloped(text)));
+}
+
+TEST(Delete, SendsEachKeyAsText) {
+  ScriptedServer server(Script().expectRequest().send(done()).expectRequest().send(done()));
+  const Result result = runAgainst(server, {"delete", "books", "k1", "k2"});
+  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.out, "deleted k1\ndeleted k2\n");
+  EXPECT_TRUE(contains(server.connection(0).requests.at(1), enveloped("rowId") + enveloped("k2")));
+}
+
+TEST(Delete, SendsTheBytesThatBase64StandsFor) {
+  ScriptedServer server(Script().expectRequest().send(done()).expectRequest().send(done()));
+  const Result result = runAgainst(server, {"delete", "books", "--base64", "base64:AP8=", "Zm9v"});
+  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  const auto connection = server.connection(0);
+  EXPECT_TRUE(contains(connection.requests.at(0),
+                       enveloped("rowId") + enveloped(std::string("\0\xff", 2))));
+  EXPECT_TRUE(contains(connection.requests.at(1), enveloped("rowId") + enveloped("foo")));
+}
+
+TEST(Status, ExplainsTheServersCode) {
+  const std::vector<std::pair<std::string, ExitCode>> codes = {
+      {"0", ExitCode::ok}, {"1", ExitCode::ok}, {"2", ExitCode::failed}, {"17", ExitCode::failed}};
+  for (const auto& [code, exit] : codes) {
+    ScriptedServer server(Script().expectRequest().send(
+        answer(200, kUninterpreted + enveloped(record({{"STATUS_CODE", code}})))));
+    const Result result = runAgainst(server, {"status"});
+    EXPECT_EQ(result.code, exit) << code;
+    EXPECT_TRUE(contains(result.out, " (" + code + ")\n")) << result.out;
+  }
+}
+
+TEST(Version, SaysThatTheHttpReplyCarriesNone) {
+  ScriptedServer server(Script().expectRequest().send(answer(200, "Corvane 1.0")));
+  const Result result = runAgainst(server, {"version"});
+  EXPECT_EQ(result.code, ExitCode::ok);
+  EXPECT_TRUE(contains(result.out, "carries no version text")) << result.out;
+}
+
+TEST(Estimate, SaysThatTheHttpReplyCarriesNone) {
+  ScriptedServer server(Script().expectRequest().send(
+      answer(200, kUninterpreted + enveloped(record({{"hits", "5"}})))));
+  const Result result = runAgainst(server, {"estimate", "books", "q", "--json"});
+  EXPECT_EQ(result.code, ExitCode::ok);
+  EXPECT_TRUE(contains(result.out, "\"fromServer\":false")) << result.out;
+}
+
+TEST(Search, PrintsRankScoreAndKey) {
+  ScriptedServer server(Script().expectRequest().send(answer(
+      200, hits({{"base64:Zm9v", "12.345"}, {"base64:AP8=", "0.5"}, {"plain", ""}}) + kEndMark)));
+  const Result result = runAgainst(server, {"search", "books", "whale ship"});
+  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.out,
+            "    1   12.345  foo\n"
+            "    2    0.500  base64:AP8=\n"
+            "    3    0.000  plain\n");
+}
+
+TEST(Search, PrintsJsonLines) {
+  ScriptedServer server(Script().expectRequest().send(
+      answer(200, hits({{"base64:Zm9v", "0.5"}, {"base64:AP8=", "0.25"}}) + kEndMark)));
+  const Result result = runAgainst(server, {"search", "books", "q", "--json"});
+  EXPECT_EQ(result.out,
+            "{\"rank\":1,\"score\":0.5,\"key\":\"foo\",\"docId\":\"base64:Zm9v\"}\n"
+            "{\"rank\":2,\"score\":0.25,\"docId\":\"base64:AP8=\"}\n");
+}
+
+TEST(Search, SendsQueryStartAndLimitAndCountsRanksFromThere) {
+  ScriptedServer server(
+      Script().expectRequest().send(answer(200, hits({{"base64:Zm9v", "1"}}) + kEndMark)));
+  const Result result =
+      runAgainst(server, {"search", "books", "a: b", "--start", "20", "--limit", "10"});
+  EXPECT_EQ(result.out, "   21    1.000  foo\n");
+  const std::string sent = server.connection(0).requests.at(0);
+  for (const char* line : {"\nquery: a: b\n", "\nstart: 20\n", "\nsize: 10\n",
+                           "\nmode: streaming\n", "\nscoreWanted: true\n"}) {
+    EXPECT_TRUE(contains(sent, line)) << sent;
+  }
+}
+
+TEST(Search, TakesEveryPortionOfAStreamedReply) {
+  Reply reply{"x", kStreamSearch, 200, hits({{"base64:YQ==", "3"}})};
+  std::vector<std::size_t> ends{reply.body.size()};
+  for (const char* id : {"base64:Yg==", "base64:Yw=="}) {
+    reply.body += enveloped(hitRecord(id, "2"));
+    ends.push_back(reply.body.size());
+  }
+  reply.body += kEndMark;
+  ends.push_back(reply.body.size());
+  ScriptedServer server(Script().expectRequest().send(chunkedAt(reply, ends, true).text, 16));
+  const Result result = runAgainst(server, {"search", "books", "q"});
+  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.out, "    1    3.000  a\n    2    2.000  b\n    3    2.000  c\n");
+}
+
+TEST(Search, ThatFindsNothingSaysSoAndSucceeds) {
+  ScriptedServer server(Script().expectRequest().send(answer(200, kUninterpreted + kEndMark)));
+  const Result result = runAgainst(server, {"search", "books", "q"});
+  EXPECT_EQ(result.code, ExitCode::ok);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "no document matches\n");
+}
+
+TEST(Search, ThatIsCutOffShowsWhatCameAndExitsWithItsOwnCode) {
+  Reply reply{"x", kStreamSearch, 200, hits({{"base64:YQ==", "3"}})};
+  const auto first = reply.body.size();
+  reply.body += enveloped(hitRecord("base64:Yg==", "2"));
+  const auto whole = chunkedAt(reply, {first, reply.body.size()}, false);
+  // The second chunk never comes to its end.
+  ScriptedServer server(
+      Script().expectRequest().send(whole.text.substr(0, whole.chunks.at(1).dataBegin + 5)));
+  const Result result = runAgainst(server, {"search", "books", "q"});
+  EXPECT_EQ(result.code, ExitCode::truncated);
+  EXPECT_EQ(result.out, "    1    3.000  a\n");
+  EXPECT_TRUE(contains(result.err, "was cut off after 1 hits")) << result.err;
+}
+
+TEST(Search, ThatStopsInTheMiddleOfAStreamIsCutOffToo) {
+  Reply reply{"x", kStreamSearch, 200, hits({{"base64:YQ==", "3"}})};
+  const auto text = chunkedAt(reply, {reply.body.size()}, false).text;
+  ScriptedServer server(Script().expectRequest().send(text).stall());
+  const Result result = runAgainst(server, {"search", "books", "q", "--timeout", "50"});
+  EXPECT_EQ(result.code, ExitCode::truncated);
+  EXPECT_EQ(result.out, "    1    3.000  a\n");
+  EXPECT_TRUE(contains(result.err, "within 50 ms")) << result.err;
+}
+
+TEST(Search, OverTheBinaryProtocolIsCutOffToo) {
+  const std::string begin = word16(1) + scoredHit(3000, "a") + scoredHit(2000, "b");
+  for (const std::string& end : {std::string(), scoredHit(1000, "c").substr(0, 5)}) {
+    ScriptedServer server(Script().expectFramedRequest().send(begin + end));
+    const Result result =
+        runProgram({"search", "books", "q", "--port", std::to_string(server.port())});
+    EXPECT_NE(result.code, ExitCode::ok);
+    EXPECT_TRUE(result.out.empty() || result.code == ExitCode::truncated) << result.out;
+    EXPECT_TRUE(isOneLine(result.err)) << result.err;
+  }
+}
+
+TEST(Search, OverTheBinaryProtocolPrintsScoresOfTheSameForm) {
+  ScriptedServer server(Script().expectFramedRequest().send(
+      word16(1) + scoredHit(12345, "foo") + scoredHit(500, "b") + endOfResults(), 3));
+  const Result result =
+      runProgram({"search", "books", "q", "--port", std::to_string(server.port())});
+  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.out, "    1   12.345  foo\n    2    0.500  b\n");
+}
+
+TEST(Load, QueuesDocumentsAndReportsWhatTheServerTook) {
+  ScriptedServer server(Script()
+                            .expectRequest()
+                            .send(done())
+                            .expectRequest()
+                            .expectRequest()
+                            .expectRequest()
+                            .expectRequest()
+                            .send(outcomes({{"a"}, {"b", "ZVK0012E", "too strange"}})));
+  const Result result =
+      runAgainst(server, {"load", "books", "-"}, documentLine("a", "x") + documentLine("b", "y"));
+  EXPECT_EQ(result.code, ExitCode::partlyLoaded);
+  EXPECT_EQ(result.out, "loaded 1 documents into books, 1 refused\n");
+  EXPECT_EQ(result.err, "corvane: line 2, key \"b\": too strange (ZVK0012E)\n");
+  const auto requests = server.connection(0).requests;
+  ASSERT_EQ(requests.size(), 5U);
+  EXPECT_TRUE(contains(requests[0], "\naction: openCollection\n"));
+  EXPECT_TRUE(contains(requests[1], enveloped("rowId") + enveloped("a")));
+  EXPECT_EQ(requests[3].substr(requests[3].size() - 8), std::string(8, '\0'));
+  EXPECT_TRUE(contains(requests[4], "\naction: getParseResult\n"));
+}
+
+TEST(Load, GoesOnBehindLinesThatAreNoDocuments) {
+  ScriptedServer server(
+      Script().expectRequest().send(done()).expectRequest().expectRequest().expectRequest().send(
+          outcomes({{"base64:YQ=="}})));
+  const Result result = runAgainst(server, {"load", "books", "-", "--json"},
+                                   "oops\n" + documentLine("a", "x") + "{\"key\":\"c\"}\n");
+  EXPECT_EQ(result.code, ExitCode::partlyLoaded);
+  EXPECT_TRUE(contains(result.out, "{\"refused\":\"\",\"line\":1,\"reason\":\"not JSON: "));
+  EXPECT_TRUE(contains(
+      result.out, "{\"refused\":\"c\",\"line\":3,\"reason\":\"the object has no \\\"text\\\"\"}"));
+  EXPECT_TRUE(contains(result.out, "{\"collection\":\"books\",\"loaded\":1,\"refused\":2}\n"));
+  EXPECT_EQ(result.err, "");
+}
+
+TEST(Load, CountsADocumentWithAWarningAsLoaded) {
+  ScriptedServer server(
+      Script().expectRequest().send(done()).expectRequest().expectRequest().expectRequest().send(
+          outcomes({{"a", "ZVK0100W", "language unknown"}})));
+  const Result result = runAgainst(server, {"load", "books", "-"}, documentLine("a", "x"));
+  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.out, "loaded 1 documents into books, 0 refused\n");
+}
+
+TEST(Load, SendsADocumentThatTheServerForgotOnceMoreThenGivesUp) {
+  ScriptedServer server(Script()
+                            .expectRequest()
+                            .send(done())
+                            .expectRequest()
+                            .expectRequest()
+                            .expectRequest()
+                            .expectRequest()
+                            .send(outcomes({{"a"}}))
+                            .expectRequest()
+                            .expectRequest()
+                            .expectRequest()
+                            .send(outcomes({{"somebody else's"}})));
+  const Result result =
+      runAgainst(server, {"load", "books", "-"}, documentLine("a", "x") + documentLine("b", "y"));
+  EXPECT_EQ(result.code, ExitCode::partlyLoaded);
+  EXPECT_EQ(result.out, "loaded 1 documents into books, 1 refused\n");
+  EXPECT_TRUE(contains(result.err, "key \"b\": the server did not confirm it")) << result.err;
+  EXPECT_TRUE(contains(server.connection(0).requests.at(5), enveloped("rowId") + enveloped("b")));
+}
+
+TEST(Load, SendsTheWindowAgainWhenTheConnectionBreaks) {
+  const Script broken =
+      Script().expectRequest().send(done()).expectRequest().expectRequest().expectRequest();
+  // The library's own retry of the last request comes first, on a connection that knows nothing.
+  const Script noAnswer = Script().expectRequest();
+  const Script whole =
+      Script().expectRequest().expectRequest().expectRequest().send(outcomes({{"a"}}));
+  ScriptedServer server({broken, noAnswer, whole});
+  const Result result = runAgainst(server, {"load", "books", "-"}, documentLine("a", "x"));
+  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.out, "loaded 1 documents into books, 0 refused\n");
+}
+
+TEST(Load, OfACollectionThatIsNotThereSendsNoDocument) {
+  ScriptedServer server(Script().expectRequest().send(refusal("ZVK0007E", "unknown collection")));
+  const Result result = runAgainst(server, {"load", "books", "-"}, documentLine("a", "x"));
+  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_TRUE(contains(result.err, "unknown collection")) << result.err;
+  EXPECT_EQ(server.requests(), 1U);
+}
+
+TEST(Load, ThatBreaksSaysHowFarItCame) {
+  ScriptedServer server(
+      {Script().expectRequest().send(done()).expectRequest().expectRequest().expectRequest().send(
+           refusal("ZVK0014E", "disk full")),
+       Script().awaitClose()});
+  const Result result = runAgainst(server, {"load", "books", "-"}, documentLine("a", "x"));
+  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_EQ(result.out, "loaded 0 documents into books, 0 refused\n");
+  EXPECT_TRUE(contains(result.err, "1 more documents may be in the collection or not"));
+  EXPECT_TRUE(contains(result.err, "disk full")) << result.err;
+}
+
+TEST(Load, SendsTheSecondOfTwoDocumentsWithOneKeyInALaterWindow) {
+  ScriptedServer server(Script()
+                            .expectRequest()
+                            .send(done())
+                            .expectRequest()
+                            .expectRequest()
+                            .expectRequest()
+                            .send(outcomes({{"a"}}))
+                            .expectRequest()
+                            .expectRequest()
+                            .expectRequest()
+                            .send(outcomes({{"a"}})));
+  const Result result = runAgainst(server, {"load", "books", "-"},
+                                   documentLine("a", "first") + documentLine("a", "second"));
+  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.out, "loaded 2 documents into books, 0 refused\n");
+  EXPECT_TRUE(contains(server.connection(0).requests.at(1), "first"));
+  EXPECT_TRUE(contains(server.connection(0).requests.at(4), "second"));
+}
+
+TEST(Load, OfNothingAsksForNothing) {
+  ScriptedServer server(Script().expectRequest().send(done()));
+  const Result result = runAgainst(server, {"load", "books", "-"}, "\n\n");
+  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.out, "loaded 0 documents into books, 0 refused\n");
+  EXPECT_EQ(server.requests(), 1U);
+}
+
+}  // namespace

@@ -1,0 +1,535 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "comm/kruClientResponse.h"
+#include "comm/kruRESTException.h"
+#include "tests/e2e/conversation.h"
+
+// Every action through each client against the real server: both protocols pass the same tests.
+namespace tq::test {
+namespace {
+
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::Field;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+using ::testing::StartsWith;
+using ::testing::UnorderedElementsAre;
+using tq::comm::ClientRequest;
+using tq::comm::CorvaneRESTClient;
+using tq::comm::RequestOutcome;
+
+using Keys = std::vector<std::string>;
+
+constexpr unsigned int kReady = 0;
+constexpr unsigned int kChangesWait = 1;
+constexpr unsigned int kNotAvailable = 2;
+
+class Library : public ::testing::TestWithParam<Protocol> {
+ protected:
+  static void SetUpTestSuite() { server_ = std::make_unique<CorvanedProcess>(); }
+  static void TearDownTestSuite() {
+    EXPECT_EQ(server_->stop(), 0);
+    server_.reset();
+  }
+
+  // Each test has a collection of its own and leaves none behind.
+  void SetUp() override { done(ClientRequest::CREATE_COLLECTION); }
+  void TearDown() override { send(ClientRequest::DROP_COLLECTION); }
+
+  Answer send(ClientRequest& request, Taking taking = Taking::Looping) {
+    return ask(*client_, request, taking);
+  }
+  Answer send(int kind, const Parameters& parameters = {}) {
+    ClientRequest request = requestTo(collection_, kind, parameters);
+    return send(request);
+  }
+  Answer sendDocument(int kind, const std::string& key, const std::string& text = {},
+                      const std::list<tq::comm::KVPair>& metadata = {{u"title", u"untitled"}}) {
+    ClientRequest request = requestTo(collection_, kind);
+    attachDocument(request, key, text, metadata);
+    return send(request);
+  }
+
+  static void expectSuccess(const Answer& answer) {
+    EXPECT_TRUE(answer.success) << answer;
+    EXPECT_THAT(answer.failure, IsEmpty()) << answer;
+    EXPECT_EQ(answer.outcome, RequestOutcome::Answered) << answer;
+  }
+  void done(int kind, const Parameters& parameters = {}) { expectSuccess(send(kind, parameters)); }
+  void add(const std::string& key, const std::string& text,
+           const std::list<tq::comm::KVPair>& metadata = {{u"title", u"untitled"}}) {
+    expectSuccess(sendDocument(ClientRequest::ADD_DOCUMENT, key, text, metadata));
+  }
+  void queue(const std::string& key, const std::string& text,
+             const std::list<tq::comm::KVPair>& metadata = {{u"title", u"untitled"}}) {
+    const Answer answer = sendDocument(ClientRequest::ASYNCH_ADD_DOCUMENT, key, text, metadata);
+    EXPECT_THAT(answer.failure, IsEmpty()) << answer;
+    EXPECT_EQ(answer.outcome, RequestOutcome::MayBeApplied);
+  }
+  void update() { done(ClientRequest::UPDATE_INDEX); }
+
+  Answer search(const std::string& query, Parameters parameters = {},
+                int kind = ClientRequest::STREAM_SEARCH, Taking taking = Taking::Looping) {
+    parameters.emplace_back("query", query);
+    ClientRequest request = requestTo(collection_, kind, parameters);
+    const Answer answer = send(request, taking);
+    expectSuccess(answer);
+    EXPECT_TRUE(answer.complete) << answer;
+    return answer;
+  }
+  Keys found(const std::string& query, const Parameters& parameters = {}) {
+    return search(query, parameters).keys();
+  }
+
+  static void expectRefused(const Answer& answer, const std::string& id, const std::string& words) {
+    ASSERT_THAT(answer.failure, SizeIs(1)) << answer;
+    EXPECT_EQ(answer.failure[0].id, id);
+    EXPECT_THAT(answer.failure[0].text, HasSubstr(words));
+    EXPECT_EQ(answer.failure[0].level, 2);
+    EXPECT_FALSE(answer.success);
+    EXPECT_EQ(answer.outcome, RequestOutcome::Rejected);
+  }
+
+  // Documents "d00000", "d00001", ... that all hold "common", each as often.
+  void addMany(int count) {
+    for (int i = 0; i < count; ++i) queue(numbered(i), "common word" + std::to_string(i));
+    EXPECT_THAT(send(ClientRequest::PARSE_RESULT).parsed, SizeIs(count));
+    update();
+  }
+  static std::string numbered(int number) {
+    std::string name = std::to_string(100000 + number);
+    name.front() = 'd';
+    return name;
+  }
+
+  static inline std::unique_ptr<CorvanedProcess> server_;
+  std::unique_ptr<CorvaneRESTClient> client_ = newClient(GetParam(), *server_);
+  std::string collection_ = "books";
+};
+
+INSTANTIATE_TEST_SUITE_P(, Library, ::testing::Values(Protocol::Http, Protocol::Binary),
+                         ::testing::PrintToStringParamName());
+
+// Collections.
+
+TEST_P(Library, CreatesOpensClosesAndDropsACollection) {
+  done(ClientRequest::OPEN_COLLECTION);
+  done(ClientRequest::OPEN_COLLECTION_ALT);
+  done(ClientRequest::CLOSE_COLLECTION);
+  done(ClientRequest::OPEN_COLLECTION);
+  done(ClientRequest::DROP_COLLECTION);
+  for (const int kind : {12, 13, 21, 2}) {
+    expectRefused(send(kind), "ZVK0007E", "there is no collection \"books\"");
+  }
+}
+
+TEST_P(Library, RefusesASecondCollectionOfAName) {
+  expectRefused(send(ClientRequest::CREATE_COLLECTION), "ZVK0008E", "exists already");
+}
+
+TEST_P(Library, ServesAClosedCollection) {
+  add("k1", "lighthouse");
+  update();
+  done(ClientRequest::CLOSE_COLLECTION);
+  EXPECT_THAT(found("lighthouse"), ElementsAre("k1"));
+}
+
+TEST_P(Library, FindsAnEmptyCollectionWhereOneWasDropped) {
+  add("k1", "lighthouse");
+  update();
+  done(ClientRequest::DROP_COLLECTION);
+  done(ClientRequest::CREATE_COLLECTION);
+  EXPECT_THAT(found("lighthouse"), IsEmpty());
+  EXPECT_EQ(send(ClientRequest::GET_STATUS).statusCode, kReady);
+}
+
+TEST_P(Library, TakesTheNameFromEitherParameter) {
+  ClientRequest request;
+  tq::util::ExtendedProperties properties;
+  properties.putProperty(u"collectionName", u"books");
+  request.buildRequest(ClientRequest::OPEN_COLLECTION, properties);
+  expectSuccess(send(request));
+}
+
+TEST_P(Library, ServesCollectionsNamedInAnyWriting) {
+  collection_ = "Bücher/日本 1";
+  done(ClientRequest::CREATE_COLLECTION);
+  add("k1", "lighthouse");
+  update();
+  EXPECT_THAT(found("lighthouse"), ElementsAre("k1"));
+  done(ClientRequest::DROP_COLLECTION);
+  expectRefused(send(ClientRequest::OPEN_COLLECTION), "ZVK0007E", "Bücher/日本 1");
+  collection_ = "books";
+}
+
+// Documents.
+
+TEST_P(Library, AddsAndReplacesDocuments) {
+  add("k1", "red fox");
+  add("k2", "red hen");
+  EXPECT_THAT(found("red"), IsEmpty());
+  update();
+  EXPECT_THAT(found("red"), ElementsAre("k1", "k2"));
+  add("k1", "grey goose");
+  update();
+  EXPECT_THAT(found("red"), ElementsAre("k2"));
+  EXPECT_THAT(found("goose"), ElementsAre("k1"));
+}
+
+TEST_P(Library, DeletesDocumentsAtOnce) {
+  add("k1", "red fox");
+  add("k2", "red hen");
+  update();
+  expectSuccess(sendDocument(ClientRequest::DELETE_DOCUMENT, "k1"));
+  EXPECT_THAT(found("red"), ElementsAre("k2"));
+  update();
+  EXPECT_THAT(found("red"), ElementsAre("k2"));
+}
+
+TEST_P(Library, DeletingAnUnknownDocumentIsNoError) {
+  expectSuccess(sendDocument(ClientRequest::DELETE_DOCUMENT, "nobody"));
+}
+
+TEST_P(Library, KeepsKeysOfAnyBytes) {
+  const Keys keys{std::string("\0\xff\r\n: ", 6), std::string(128, 'k'), "größe", " "};
+  for (const std::string& key : keys) add(key, "lighthouse");
+  update();
+  EXPECT_THAT(found("lighthouse"), ::testing::UnorderedElementsAreArray(keys));
+}
+
+TEST_P(Library, RefusesKeysThatAreTooLongAndDocumentsWithoutAKey) {
+  expectRefused(sendDocument(ClientRequest::ADD_DOCUMENT, std::string(129, 'k'), "x"), "ZVK0012E",
+                "129 bytes, more than the 128 allowed");
+  expectRefused(sendDocument(ClientRequest::ADD_DOCUMENT, "", "x"), "ZVK0012E",
+                "carries no document");
+  expectRefused(sendDocument(ClientRequest::DELETE_DOCUMENT, ""), "ZVK0012E",
+                "carries no document");
+}
+
+TEST_P(Library, RefusesAKeyWithoutMetadataBeforeAnythingIsSent) {
+  const Answer answer = sendDocument(ClientRequest::ADD_DOCUMENT, "k1", "x", {});
+  ASSERT_THAT(answer.failure, SizeIs(1));
+  EXPECT_EQ(answer.failure[0].id, "ERR_CLIENT_INTERNAL");
+  update();
+  EXPECT_THAT(found("x"), IsEmpty());
+}
+
+TEST_P(Library, RefusesADamagedDocumentBlock) {
+  // The second attribute is announced by no bit, so this server takes it for a length.
+  const Answer answer = sendDocument(ClientRequest::ADD_DOCUMENT, "k1", "x",
+                                     {tq::comm::KVPair(u"a", u"b", 0, 0x01000000)});
+  expectRefused(answer, "ZVK0012E", "document block cannot be read");
+}
+
+TEST_P(Library, FindsMetadataByItsName) {
+  add("k1", "fox", {{u"colour", u"red"}, {u"Indexable:place", u"Sankt Pölten"}});
+  add("k2", "red", {{u"colour", u"grey"}});
+  update();
+  EXPECT_THAT(found("colour:red"), ElementsAre("k1"));
+  EXPECT_THAT(found("place:pölten"), ElementsAre("k1"));
+  EXPECT_THAT(found("red"), ElementsAre("k2"));
+}
+
+TEST_P(Library, FindsTextInAnyWriting) {
+  add("a", "Größe und Straße");
+  add("b", "全文検索エンジン");
+  add("c", "cafe\xCC\x81 \xF0\x9F\x98\x80");  // e and a combining accent
+  update();
+  EXPECT_THAT(found("GRÖSSE OR größe"), ElementsAre("a"));
+  EXPECT_THAT(found("検索"), ElementsAre("b"));
+  EXPECT_THAT(found("caf\xC3\xA9"), ElementsAre("c"));  // the composed letter
+}
+
+TEST_P(Library, TakesDocumentsOfEverySize) {
+  // Around the sizes at which a body is cut for sending, and far beyond every buffer.
+  const std::vector<std::size_t> sizes{1,     4999,  5000,  5001,  9990,     9999,          10000,
+                                       10001, 15001, 16384, 65536, 1 << 20U, (1 << 20U) + 1};
+  Keys keys;
+  for (const std::size_t size : sizes) {
+    // The last word shows that the end has arrived, the key's word that nothing was mixed up.
+    const std::string last = " end" + std::to_string(size);
+    std::string text(size, '.');
+    if (size > last.size()) text.replace(size - last.size(), last.size(), last);
+    keys.push_back(std::to_string(size));
+    add(keys.back(), text);
+  }
+  update();
+  for (std::size_t i = 1; i < sizes.size(); ++i) {
+    EXPECT_THAT(found("end" + keys[i]), ElementsAre(keys[i]));
+  }
+  EXPECT_THAT(found("NOT nothing"), ::testing::UnorderedElementsAreArray(keys));
+}
+
+// Queued documents.
+
+TEST_P(Library, ReportsEachQueuedDocumentOnceAndInOrder) {
+  queue("k1", "red fox");
+  queue("k2", "red hen");
+  EXPECT_THAT(send(ClientRequest::LAST_DOC_SENT).failure, IsEmpty());
+  const Answer answer = send(ClientRequest::PARSE_RESULT);
+  expectSuccess(answer);
+  EXPECT_TRUE(answer.complete);
+  EXPECT_THAT(answer.parsed,
+              ElementsAre(Parsed{docIdOf("k1"), "", "", 0}, Parsed{docIdOf("k2"), "", "", 0}));
+  EXPECT_THAT(send(ClientRequest::PARSE_RESULT).parsed, IsEmpty());
+  update();
+  EXPECT_THAT(found("red"), ElementsAre("k1", "k2"));
+}
+
+TEST_P(Library, ReportsRefusedDocumentsAmongTheOthers) {
+  queue("k1", "red fox");
+  queue(std::string(129, 'k'), "red hen");
+  queue("k2", "x", {tq::comm::KVPair(u"a", u"b", 0, 0x01000000)});
+  queue("k3", "red owl");
+  const Answer answer = send(ClientRequest::PARSE_RESULT);
+  ASSERT_THAT(answer.parsed, SizeIs(4)) << answer;
+  EXPECT_EQ(answer.parsed[0], (Parsed{docIdOf("k1"), "", "", 0}));
+  EXPECT_EQ(answer.parsed[1].messageId, "ZVK0012E");
+  EXPECT_THAT(answer.parsed[1].messageText, HasSubstr("129 bytes"));
+  EXPECT_EQ(answer.parsed[1].level, 2);
+  EXPECT_EQ(answer.parsed[2].messageId, "ZVK0012E");
+  EXPECT_THAT(answer.parsed[2].messageText, HasSubstr("document block cannot be read"));
+  EXPECT_EQ(answer.parsed[3], (Parsed{docIdOf("k3"), "", "", 0}));
+  update();
+  EXPECT_THAT(found("red"), ElementsAre("k1", "k3"));
+}
+
+TEST_P(Library, AnswersWithoutParseResultsWhenNothingWasQueued) {
+  const Answer answer = send(ClientRequest::PARSE_RESULT);
+  expectSuccess(answer);
+  EXPECT_TRUE(answer.complete);
+  EXPECT_THAT(answer.parsed, IsEmpty());
+}
+
+TEST_P(Library, ReportsManyQueuedDocuments) {
+  for (int i = 0; i < 3000; ++i) queue(numbered(i), "x");
+  const Answer answer = send(ClientRequest::PARSE_RESULT);
+  expectSuccess(answer);
+  ASSERT_THAT(answer.parsed, SizeIs(3000));
+  for (int i = 0; const Parsed& parsed : answer.parsed) {
+    ASSERT_EQ(parsed.document, docIdOf(numbered(i++)));
+  }
+}
+
+TEST_P(Library, SendsQueuedDocumentsTogether) {
+  client_->useBufferedConnection(true);
+  for (int i = 0; i < 200; ++i) {
+    EXPECT_THAT(sendDocument(ClientRequest::ASYNCH_ADD_DOCUMENT, numbered(i), "common").failure,
+                IsEmpty());
+  }
+  EXPECT_THAT(send(ClientRequest::LAST_DOC_SENT).failure, IsEmpty());
+  EXPECT_THAT(send(ClientRequest::PARSE_RESULT).parsed, SizeIs(200));
+  update();
+  EXPECT_THAT(found("common"), SizeIs(200));
+}
+
+// Searches.
+
+TEST_P(Library, OrdersHitsByScoreAndThenByKey) {
+  add("once", "fox and hen and hen and hen");
+  add("twice", "fox fox and hen and");
+  add("b", "owl");
+  add("a", "owl");
+  update();
+  const Answer answer = search("fox", {{"scoreWanted", "true"}});
+  EXPECT_THAT(answer.keys(), ElementsAre("twice", "once"));
+  EXPECT_EQ(answer.hits[0].score, 1.0);
+  EXPECT_GT(answer.hits[1].score, 0.0);
+  EXPECT_LT(answer.hits[1].score, 1.0);
+  EXPECT_THAT(found("owl"), ElementsAre("a", "b"));
+}
+
+TEST_P(Library, GivesNoScoresUnlessTheyAreWanted) {
+  add("k1", "fox");
+  update();
+  EXPECT_THAT(search("fox").hits, ElementsAre(Hit{docIdOf("k1"), 0.0}));
+  EXPECT_THAT(search("fox", {{"scoreWanted", "false"}}).hits, ElementsAre(Hit{docIdOf("k1"), 0.0}));
+  EXPECT_THAT(search("fox", {{"scoreWanted", "true"}}).hits, ElementsAre(Hit{docIdOf("k1"), 1.0}));
+}
+
+TEST_P(Library, CutsTheResultAndTakesAPageOfIt) {
+  for (const char* key : {"a", "b", "c", "d", "e"}) add(key, "owl");
+  update();
+  for (const int kind : {8, 20}) {
+    const auto page = [&](const Parameters& parameters) {
+      return search("owl", parameters, kind).keys();
+    };
+    EXPECT_THAT(page({}), ElementsAre("a", "b", "c", "d", "e"));
+    EXPECT_THAT(page({{"start", "1"}, {"size", "2"}}), ElementsAre("b", "c"));
+    EXPECT_THAT(page({{"resultLimit", "3"}}), ElementsAre("a", "b", "c"));
+    EXPECT_THAT(page({{"start", "2"}, {"size", "9"}, {"resultLimit", "4"}}), ElementsAre("c", "d"));
+    EXPECT_THAT(page({{"start", "5"}}), IsEmpty());
+    EXPECT_THAT(page({{"size", "0"}}), IsEmpty());
+    EXPECT_THAT(page({{"start", "18446744073709551615"}}), IsEmpty());
+  }
+}
+
+TEST_P(Library, FindsNothingWithoutAnError) {
+  for (const int kind : {8, 20}) EXPECT_THAT(search("nowhere", {}, kind).hits, IsEmpty());
+}
+
+TEST_P(Library, PullsLargeResultsPortionByPortion) {
+  constexpr int kCount = 10000;
+  addMany(kCount);
+  Keys expected;
+  for (int i = 0; i < kCount; ++i) expected.push_back(numbered(i));
+  for (const int kind : {8, 20}) {
+    for (const Taking taking : {Taking::Looping, Taking::Singly}) {
+      const Answer answer = search("common", {{"scoreWanted", "true"}}, kind, taking);
+      EXPECT_EQ(answer.keys(), expected) << "kind " << kind;
+      EXPECT_THAT(answer.hits, Each(Field(&Hit::score, 1.0)));
+    }
+  }
+  EXPECT_GT(search("common").portions, 1U);
+}
+
+TEST_P(Library, LeavesAStreamWithoutHarmToTheNextRequest) {
+  addMany(3000);
+  for (int round = 0; round < 3; ++round) {
+    ClientRequest request = requestTo(collection_, 8, {{"query", "common"}});
+    EXPECT_THAT(ask(*client_, request, Taking::Looping, 5).keys(),
+                ElementsAre("d00000", "d00001", "d00002", "d00003", "d00004"));
+    EXPECT_THAT(found("word77"), ElementsAre("d00077"));
+    EXPECT_EQ(send(ClientRequest::GET_STATUS).statusCode, kReady);
+  }
+}
+
+// Everything else.
+
+TEST_P(Library, EstimatesAsTheProtocolAllows) {
+  for (const char* key : {"a", "b", "c"}) add(key, "owl");
+  add("d", "hen");
+  update();
+  const Answer answer = send(ClientRequest::SELECTIVITY, {{"query", "owl"}});
+  expectSuccess(answer);
+  if (GetParam() == Protocol::Binary) {
+    EXPECT_THAT(answer.selectivity, ElementsAre(3, 3, 4));
+  } else {
+    EXPECT_THAT(answer.selectivity, ElementsAre(1, 1, 100));
+  }
+}
+
+TEST_P(Library, TellsTheStatusOfACollection) {
+  EXPECT_EQ(send(ClientRequest::GET_STATUS).statusCode, kReady);
+  add("k1", "fox");
+  const Answer waiting = send(ClientRequest::GET_STATUS);
+  expectSuccess(waiting);
+  EXPECT_EQ(waiting.statusCode, kChangesWait);
+  update();
+  EXPECT_EQ(send(ClientRequest::GET_STATUS).statusCode, kReady);
+  collection_ = "elsewhere";
+  const Answer missing = send(ClientRequest::GET_STATUS);
+  EXPECT_TRUE(missing.success) << missing;
+  EXPECT_EQ(missing.statusCode, kNotAvailable);
+  collection_ = "books";
+}
+
+TEST_P(Library, TellsTheStatusOfTheServer) {
+  ClientRequest request;
+  request.buildRequest(ClientRequest::GET_STATUS, {});
+  const Answer answer = send(request);
+  expectSuccess(answer);
+  EXPECT_EQ(answer.statusCode, kReady);
+}
+
+TEST_P(Library, TellsTheVersionWhereTheProtocolCarriesIt) {
+  ClientRequest request;
+  request.buildRequest(ClientRequest::GET_SERVER_VERSION, {});
+  const Answer answer = send(request);
+  expectSuccess(answer);
+  if (GetParam() == Protocol::Binary) {
+    EXPECT_EQ(answer.content, CORVANED_VERSION);
+  } else {
+    EXPECT_EQ(answer.content, "");
+  }
+}
+
+// Errors.
+
+TEST_P(Library, NamesACollectionThatIsNotThere) {
+  collection_ = "elsewhere";
+  for (const int kind : {2, 4, 8, 11, 12, 13, 14, 20, 21}) {
+    expectRefused(send(kind, {{"query", "fox"}}), "ZVK0007E",
+                  "there is no collection \"elsewhere\"");
+  }
+  for (const int kind : {3, 5}) {
+    expectRefused(sendDocument(kind, "k1", "fox"), "ZVK0007E", "\"elsewhere\"");
+  }
+  collection_ = "books";
+}
+
+TEST_P(Library, SaysWhichParameterIsMissing) {
+  for (const int kind : {8, 14, 20}) {
+    expectRefused(send(kind), "ZVK0005E", "the parameter \"query\" is missing");
+  }
+  for (const int kind : {1, 2, 3, 4, 5, 8, 11, 12, 13, 14, 20, 21}) {
+    ClientRequest request;
+    request.buildRequest(static_cast<ClientRequest::REQUEST>(kind), {});
+    expectRefused(send(request), "ZVK0005E", "the parameter \"index\" is missing");
+  }
+}
+
+TEST_P(Library, ExplainsABadQuery) {
+  for (const int kind : {8, 14, 20}) {
+    expectRefused(send(kind, {{"query", "red AND"}}), "ZVK0010E", "query cannot be understood");
+  }
+  expectRefused(send(8, {{"query", std::string(20000, 'x')}}), "ZVK0011E", "20000 bytes");
+}
+
+TEST_P(Library, SaysWhichValueIsWrong) {
+  expectRefused(send(8, {{"query", "x"}, {"start", "first"}}), "ZVK0006E", "\"start\"");
+  expectRefused(send(8, {{"query", "x"}, {"size", "-1"}}), "ZVK0006E", "\"size\"");
+  expectRefused(send(8, {{"query", "x"}, {"resultLimit", "18446744073709551616"}}), "ZVK0006E",
+                "\"resultLimit\"");
+  expectRefused(send(20, {{"query", "x"}, {"scoreWanted", "maybe"}}), "ZVK0006E", "\"maybe\"");
+}
+
+TEST_P(Library, RefusesActionsThatTheServerHasNot) {
+  for (const int kind : {16, 17, 18, 19, 23, 24}) {
+    expectRefused(send(kind), "ZVK0004E", "not supported by this server");
+  }
+  expectRefused(send(25), "ZVK0003E", "names no action");
+}
+
+TEST_P(Library, KeepsItsConnectionThroughErrors) {
+  add("k1", "fox");
+  update();
+  for (int round = 0; round < 20; ++round) {
+    expectRefused(send(8, {{"query", "red AND"}}), "ZVK0010E", "query");
+    EXPECT_THAT(found("fox"), ElementsAre("k1"));
+  }
+}
+
+TEST_P(Library, ReachesAServerThatWasStartedAgain) {
+  CorvanedProcess server;
+  std::unique_ptr<CorvaneRESTClient> client = newClient(GetParam(), server);
+  ClientRequest create = requestTo("c", ClientRequest::CREATE_COLLECTION);
+  expectSuccess(ask(*client, create));
+  ClientRequest addition = requestTo("c", ClientRequest::ADD_DOCUMENT);
+  const std::string key = "k1", text = "fox";
+  attachDocument(addition, key, text);
+  expectSuccess(ask(*client, addition));
+  server.kill();
+  ClientRequest status = requestTo("c", ClientRequest::GET_STATUS);
+  const Answer dead = ask(*client, status);
+  ASSERT_THAT(dead.failure, ::testing::Not(IsEmpty()));
+  EXPECT_EQ(dead.failure[0].id, "ERR_CONNECT_SERVER");
+  server.start();
+  client = newClient(GetParam(), server);
+  EXPECT_EQ(ask(*client, status).statusCode, kChangesWait);
+  ClientRequest update = requestTo("c", ClientRequest::UPDATE_INDEX);
+  expectSuccess(ask(*client, update));
+  ClientRequest query = requestTo("c", ClientRequest::STREAM_SEARCH, {{"query", "fox"}});
+  EXPECT_THAT(ask(*client, query).keys(), ElementsAre("k1"));
+}
+
+}  // namespace
+}  // namespace tq::test

@@ -1,0 +1,351 @@
+#include "tests/e2e/operations.h"
+
+#include <array>
+#include <ostream>
+#include <random>
+#include <string_view>
+
+namespace tq::test {
+
+namespace {
+
+using tq::comm::ClientRequest;
+
+struct VerbTraits {
+  Verb verb;
+  const char* name;
+  int kind;
+  unsigned weight;  // how often, against the others
+};
+
+constexpr std::array<VerbTraits, kVerbs> kTraits{{
+    {Verb::CreateCollection, "create", ClientRequest::CREATE_COLLECTION, 3},
+    {Verb::OpenCollection, "open", ClientRequest::OPEN_COLLECTION, 2},
+    {Verb::OpenCollectionAlt, "open (alternative)", ClientRequest::OPEN_COLLECTION_ALT, 1},
+    {Verb::CloseCollection, "close", ClientRequest::CLOSE_COLLECTION, 2},
+    {Verb::DropCollection, "drop", ClientRequest::DROP_COLLECTION, 2},
+    {Verb::AddDocument, "add", ClientRequest::ADD_DOCUMENT, 20},
+    {Verb::QueueDocument, "queue", ClientRequest::ASYNCH_ADD_DOCUMENT, 16},
+    {Verb::LastDocument, "last document", ClientRequest::LAST_DOC_SENT, 3},
+    {Verb::ParseResults, "parse results", ClientRequest::PARSE_RESULT, 10},
+    {Verb::DeleteDocument, "delete", ClientRequest::DELETE_DOCUMENT, 8},
+    {Verb::UpdateIndex, "update index", ClientRequest::UPDATE_INDEX, 14},
+    {Verb::StreamSearch, "streaming search", ClientRequest::STREAM_SEARCH, 20},
+    {Verb::ScalarSearch, "scalar search", ClientRequest::SCALAR_SEARCH, 14},
+    {Verb::AbandonedSearch, "abandoned search", ClientRequest::STREAM_SEARCH, 4},
+    {Verb::Selectivity, "selectivity", ClientRequest::SELECTIVITY, 3},
+    {Verb::Status, "status", ClientRequest::GET_STATUS, 4},
+    {Verb::ServerStatus, "server status", ClientRequest::GET_STATUS, 1},
+    {Verb::Version, "version", ClientRequest::GET_SERVER_VERSION, 1},
+    {Verb::Unsupported, "unsupported", ClientRequest::BACKUP, 1},
+    {Verb::Reconnect, "reconnect", 0, 2},
+}};
+
+const VerbTraits& traitsOf(Verb verb) { return kTraits[static_cast<std::size_t>(verb)]; }
+
+// The letters have forms of one and of several characters and bytes, the words common stems.
+constexpr std::array<std::string_view, 9> kWords{"red", "fox",   "foxes",  "hen",     "running",
+                                                 "run", "größe", "straße", "全文検索"};
+// Characters that no search finds.
+constexpr std::string_view kNoWord = "\xF0\x9F\x98\x80";
+
+constexpr std::array<std::string_view, 3> kFields{"title", "colour", "n"};
+
+class Random {
+ public:
+  explicit Random(std::uint64_t seed) : engine_(seed) {}
+
+  /// From 0 to one less than `count`. The library's distributions differ from machine to machine.
+  std::size_t below(std::size_t count) { return static_cast<std::size_t>(engine_() % count); }
+  bool oneIn(std::size_t count) { return below(count) == 0; }
+
+  template <typename Container>
+  typename Container::value_type pick(const Container& choices) {
+    return choices[below(choices.size())];
+  }
+  // One of two words half the time, so that what is searched for is often there.
+  std::string word() {
+    if (oneIn(20)) return std::string(kNoWord);
+    return std::string(kWords[below(oneIn(2) ? 2 : kWords.size())]);
+  }
+
+ private:
+  std::mt19937_64 engine_;
+};
+
+using Texts = std::vector<std::string>;
+
+Verb randomVerb(Random& random) {
+  unsigned total = 0;
+  for (const VerbTraits& traits : kTraits) total += traits.weight;
+  std::size_t point = random.below(total);
+  for (const VerbTraits& traits : kTraits) {
+    if (point < traits.weight) return traits.verb;
+    point -= traits.weight;
+  }
+  return Verb::ServerStatus;
+}
+
+std::string randomCollection(Random& random) {
+  const std::size_t point = random.below(100);
+  if (point < 88) return creatableCollections()[0];
+  if (point < 93) return creatableCollections()[1];
+  if (point < 96) return creatableCollections()[2];
+  if (point < 98) return "nowhere";
+  if (point < 99) return std::string(241, 'x');
+  return "";
+}
+
+std::string randomKey(Random& random) {
+  if (!random.oneIn(8)) return "k" + std::to_string(random.below(5));
+  return random.pick(Texts{"", std::string(128, 'K'), std::string(129, 'K'), "größe/1",
+                           std::string("\0\xff\r\n", 4), "base64:azE=", " "});
+}
+
+std::string randomWords(Random& random, std::size_t most) {
+  std::string text;
+  for (std::size_t count = random.below(most + 1); count > 0; --count) {
+    text += random.word() + (random.oneIn(5) ? ".\n" : " ");
+  }
+  return text;
+}
+
+// Now and then as long as it takes for a body to be sent in pieces.
+std::string randomText(Random& random) {
+  std::string text = randomWords(random, 10);
+  if (!random.oneIn(40)) return text;
+  const auto size = random.pick(std::vector<std::size_t>{4990, 5001, 9900, 10000, 10001, 30000});
+  return std::string(size, '.') + " " + text;
+}
+
+Parameters randomMetadata(Random& random) {
+  if (random.oneIn(30)) return {};
+  Parameters metadata{{"title", randomWords(random, 3)}};
+  if (random.oneIn(3)) metadata.emplace_back("Indexable:colour", random.word());
+  if (random.oneIn(5)) metadata.emplace_back("[sortable]n", std::to_string(random.below(3)));
+  if (random.oneIn(20)) metadata.emplace_back("größe & more", "not searchable");
+  if (random.oneIn(40)) metadata.emplace_back("title", std::string(300, 'x'));
+  return metadata;
+}
+
+std::string badQuery(Random& random) {
+  return random.pick(Texts{"", "red AND", "AND", "(red", "\"red", "NOT", "red NEAR/x fox", "***",
+                           "!?", ":", "title:", std::string(20000, 'x'), "red OR OR fox",
+                           "query: red"});
+}
+
+std::string randomQuery(Random& random) {
+  const std::string first = random.word();
+  const std::string second = random.word();
+  switch (random.below(14)) {
+    case 0:
+      return first + " " + second;
+    case 1:
+      return first + " OR " + second;
+    case 2:
+      return first + " NOT " + second;
+    case 3:
+      return "\"" + first + " " + second + "\"";
+    case 4:
+      return std::string(random.pick(Texts{"r*", "fo*", "gr*", "x*", "*"}));
+    case 5:
+      return std::string(random.pick(kFields)) + ":" + first;
+    case 6:
+      return "NOT " + first;
+    case 7:
+      return first + " NEAR/3 " + second;
+    case 8:
+      return "(" + first + " OR " + second + ") " + random.word();
+    case 9:
+      return badQuery(random);
+    default:
+      return first;
+  }
+}
+
+void maybeNumber(Random& random, const char* name, Parameters& parameters) {
+  if (!random.oneIn(6)) return;
+  static const Texts kNumbers{"0", "1", "2", "3", "100", "18446744073709551615"};
+  static const Texts kNoNumbers{"-1", "x", "18446744073709551616", "1.5", " 1"};
+  parameters.emplace_back(name, random.pick(random.oneIn(8) ? kNoNumbers : kNumbers));
+}
+
+Parameters searchParameters(Random& random) {
+  Parameters parameters;
+  if (!random.oneIn(40)) parameters.emplace_back("query", randomQuery(random));
+  maybeNumber(random, "start", parameters);
+  maybeNumber(random, "size", parameters);
+  maybeNumber(random, "resultLimit", parameters);
+  if (!random.oneIn(3)) {
+    parameters.emplace_back("scoreWanted", random.oneIn(10) ? "false" : "true");
+  }
+  if (random.oneIn(4)) parameters.emplace_back("scoreType", random.oneIn(3) ? "raw" : "normalized");
+  if (random.oneIn(50)) parameters.emplace_back("scoreType", "best");
+  return parameters;
+}
+
+void giveDocument(Random& random, Operation& operation) {
+  operation.key = randomKey(random);
+  operation.metadata = randomMetadata(random);
+  // No bit of the encoding announces the attribute, so this makes a block that cannot be read.
+  if (random.oneIn(60)) operation.metadataAttribute = 0x01000000;
+  if (operation.verb != Verb::DeleteDocument) operation.text = randomText(random);
+}
+
+void giveQuery(Random& random, Operation& operation) {
+  operation.parameters = searchParameters(random);
+  operation.taking = random.oneIn(2) ? Taking::Looping : Taking::Singly;
+  if (random.oneIn(6) || operation.verb == Verb::AbandonedSearch) {
+    operation.collection = kSharedCollection;
+    operation.byOtherName = false;
+    if (random.oneIn(2)) operation.parameters.emplace_back("query", "common");
+  }
+  if (operation.verb == Verb::AbandonedSearch) operation.most = random.below(2000);
+}
+
+Operation operationOf(Verb verb, const std::string& collection = {}) {
+  Operation operation;
+  operation.verb = verb;
+  operation.kind = traitsOf(verb).kind;
+  operation.collection = collection;
+  return operation;
+}
+
+// Without a collection and something to be found there most operations come to nothing.
+Sequence beginning(Random& random) {
+  const std::string collection = creatableCollections()[0];
+  Sequence sequence;
+  if (random.oneIn(12)) return sequence;
+  sequence.push_back(operationOf(Verb::CreateCollection, collection));
+  if (random.oneIn(3)) return sequence;
+  for (std::size_t count = 1 + random.below(3); count > 0; --count) {
+    sequence.push_back(operationOf(Verb::AddDocument, collection));
+    giveDocument(random, sequence.back());
+  }
+  sequence.push_back(operationOf(Verb::UpdateIndex, collection));
+  return sequence;
+}
+
+Operation randomOperation(Random& random) {
+  Operation operation = operationOf(randomVerb(random));
+  if (operation.verb != Verb::ServerStatus && operation.verb != Verb::Reconnect) {
+    operation.collection = randomCollection(random);
+    operation.byOtherName = random.oneIn(30);
+  }
+  switch (operation.verb) {
+    case Verb::AddDocument:
+    case Verb::QueueDocument:
+    case Verb::DeleteDocument:
+      giveDocument(random, operation);
+      break;
+    case Verb::StreamSearch:
+    case Verb::ScalarSearch:
+    case Verb::AbandonedSearch:
+    case Verb::Selectivity:
+      giveQuery(random, operation);
+      break;
+    case Verb::CreateCollection:
+      if (random.oneIn(3)) {
+        operation.parameters.emplace_back("docLang", random.pick(Texts{"de", "en_US", "xx", "ja"}));
+      }
+      break;
+    case Verb::Unsupported:
+      operation.kind = random.pick(std::vector<int>{6, 16, 17, 18, 19, 23, 24, 25});
+      break;
+    default:
+      break;
+  }
+  return operation;
+}
+
+void printText(std::ostream& out, const char* name, const std::string& text) {
+  constexpr std::size_t kShown = 60;
+  out << ' ' << name << "=\"";
+  for (const char c : text.substr(0, kShown)) {
+    if (static_cast<unsigned char>(c) >= 0x20) {
+      out << c;
+    } else {
+      out << "\\" << static_cast<int>(c);
+    }
+  }
+  out << '"';
+  if (text.size() > kShown) out << "... (" << text.size() << " bytes)";
+}
+
+}  // namespace
+
+std::ostream& operator<<(std::ostream& out, Verb verb) { return out << traitsOf(verb).name; }
+
+std::ostream& operator<<(std::ostream& out, const Operation& operation) {
+  out << operation.verb;
+  if (operation.verb == Verb::Unsupported) out << " kind " << operation.kind;
+  if (!operation.collection.empty()) printText(out, "collection", operation.collection);
+  if (operation.byOtherName) out << " (as collectionName)";
+  if (!operation.metadata.empty() || !operation.key.empty()) printText(out, "key", operation.key);
+  for (const auto& [name, value] : operation.metadata) printText(out, name.c_str(), value);
+  if (operation.metadataAttribute != 0) out << " (with a second attribute)";
+  if (!operation.text.empty()) printText(out, "text", operation.text);
+  for (const auto& [name, value] : operation.parameters) printText(out, name.c_str(), value);
+  if (operation.taking == Taking::Singly) out << " taken singly";
+  if (operation.most != kAllHits) out << " at most " << operation.most << " hits";
+  return out;
+}
+
+std::ostream& operator<<(std::ostream& out, const Sequence& sequence) {
+  for (std::size_t i = 0; i < sequence.size(); ++i) {
+    out << "  " << i + 1 << ". " << sequence[i] << '\n';
+  }
+  return out;
+}
+
+std::string sharedDocument(int number) {
+  // Three lengths give three scores, many documents of each.
+  std::string text = "common";
+  for (int i = 0; i < number % 3; ++i) text += " other";
+  return text + (number % 7 == 0 ? " red" : " fox");
+}
+
+const std::vector<std::string>& creatableCollections() {
+  static const std::vector<std::string> names{"a", "b", "Größe/é 1"};
+  return names;
+}
+
+Sequence randomSequence(std::uint64_t seed) {
+  Random random(seed);
+  const std::size_t length = 5 + random.below(11);
+  Sequence sequence = beginning(random);
+  while (sequence.size() < length) {
+    sequence.push_back(randomOperation(random));
+    // Queued documents are asked after more often than chance would have it.
+    if (sequence.back().verb == Verb::QueueDocument && random.oneIn(3) &&
+        sequence.size() < length) {
+      const std::string collection = sequence.back().collection;
+      sequence.push_back(operationOf(Verb::ParseResults, collection));
+    }
+  }
+  return sequence;
+}
+
+Operation statusProbe(const std::string& collection) {
+  return operationOf(Verb::Status, collection);
+}
+
+Sequence probesOf(const std::string& collection) {
+  const auto probe = [&](Verb verb, Parameters parameters = {}) {
+    Operation operation = operationOf(verb, collection);
+    operation.parameters = std::move(parameters);
+    return operation;
+  };
+  const Parameters everything{{"query", "NOT nothing"}, {"scoreWanted", "true"}};
+  Parameters words{{"query", "red"}, {"scoreWanted", "true"}, {"scoreType", "raw"}};
+  for (const std::string_view word : kWords) words.front().second.append(" OR ").append(word);
+  return {probe(Verb::ParseResults),
+          probe(Verb::StreamSearch, everything),
+          probe(Verb::UpdateIndex),
+          probe(Verb::Status),
+          probe(Verb::StreamSearch, everything),
+          probe(Verb::ScalarSearch, words),
+          probe(Verb::ParseResults)};
+}
+
+}  // namespace tq::test
