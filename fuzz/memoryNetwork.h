@@ -1,0 +1,107 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "fuzz/input.h"
+
+namespace tq::fuzz {
+
+/// What one peer does, in order. Bytes between two commands are sent.
+///
+/// A script is the bytes themselves with commands among them, each FF FE and a letter: N awaits the
+/// next request, C closes, R resets, S falls silent, P ends a segment. Behind a C or R the script
+/// of the next connection begins.
+struct PeerStep {
+  enum class Kind : unsigned char { Send, Await, Close, Reset, Silence };
+  Kind kind;
+  std::string_view bytes{};
+};
+using PeerScript = std::vector<PeerStep>;
+
+/// The scripts of all connections. The last one ends with `end`.
+std::vector<PeerScript> parseScripts(std::string_view text, PeerStep::Kind end);
+
+struct NetworkManners {
+  Cutter pieces = Cutter::whole();
+  /// A segment arrives when somebody waits for it, never for a look that does not wait.
+  bool onDemand = false;
+  /// The n-th write fails, counted from 1; 0 for none.
+  unsigned int failingWrite = 0;
+  /// The most that a write takes; 0 for everything.
+  std::size_t writeLimit = 0;
+  /// So many connection attempts are refused first.
+  unsigned int refusals = 0;
+};
+
+/// A network in memory, in place of the system's while it lives. It has no threads and no waiting:
+/// the clock moves when somebody waits, and whoever waits for ever is disconnected. One at a time.
+class MemoryNetwork {
+ public:
+  /// `scripts` and what they point to must outlive the network.
+  MemoryNetwork(const std::vector<PeerScript>& scripts, const NetworkManners& manners);
+  ~MemoryNetwork();
+  MemoryNetwork(const MemoryNetwork&) = delete;
+  MemoryNetwork& operator=(const MemoryNetwork&) = delete;
+
+  /// From now on every connection answers each write with `reply`, behind the bytes that its script
+  /// had still to send; nothing else goes wrong. `reply` must outlive the network.
+  void behave(std::string_view reply);
+  /// The peers of all connections that are open close.
+  void closeAll();
+
+  /// What `mostWritten` counts from.
+  void mark();
+  /// The most bytes that any one connection has taken since the mark.
+  std::size_t mostWritten() const;
+
+  std::size_t calls() const { return calls_; }
+  std::size_t openDescriptors() const;
+
+  class Calls;
+
+ private:
+  friend class Calls;
+
+  struct Connection {
+    bool open = false;
+    bool nonBlocking = false;
+    bool connected = false;
+    bool arrived = false;
+    std::size_t script = 0;
+    std::size_t step = 0;
+    std::string_view sending;
+    std::string_view answer;
+    bool closed = false;
+    bool broken = false;
+    std::size_t written = 0;
+  };
+
+  static constexpr std::size_t kMostConnections = 64;
+
+  Connection* find(int descriptor);
+  void advance(Connection& connection);
+  bool hasBytes(Connection& connection);
+  std::size_t deliver(Connection& connection, char* out, std::size_t length, bool keep);
+  void takeWrite(Connection& connection);
+  bool readable(Connection& connection, bool waits);
+  void countCall();
+
+  const std::vector<PeerScript>& scripts_;
+  NetworkManners manners_;
+  std::array<Connection, kMostConnections> connections_{};
+  std::size_t used_ = 0;
+  std::size_t nextScript_ = 0;
+  unsigned int writes_ = 0;
+  std::size_t calls_ = 0;
+  std::size_t mostCalls_;
+  std::uint64_t nanos_ = 1000000000U;
+  bool behaving_ = false;
+  std::string_view reply_;
+};
+
+}  // namespace tq::fuzz

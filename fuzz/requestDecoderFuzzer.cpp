@@ -1,0 +1,242 @@
+// What corvaned does with the bytes of a connection: requests are cut from them, documents decoded,
+// the requests served by a store that keeps nothing, and the replies encoded.
+//
+// Input: framing and limits, seed of the pieces, then the bytes of the connection.
+
+#include <spdlog/spdlog.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fuzz/check.h"
+#include "fuzz/input.h"
+#include "fuzz/memoryMeter.h"
+#include "server/bytes.h"
+#include "server/dispatcher.h"
+#include "server/documentBlock.h"
+#include "server/replyEncoder.h"
+#include "server/requestDecoder.h"
+
+namespace tq::fuzz {
+
+namespace {
+
+using corvaned::Framing;
+
+constexpr MemoryBounds kMemory{48 * 1024, 16, 128 * 1024, 256};
+constexpr std::uint32_t kLengthMask = 0x3FFFFFFF;
+
+constexpr std::array<corvaned::DecoderLimits, 4> kLimits{{
+    {},
+    {64, std::uint64_t{1} << 30},
+    {std::size_t{1} << 20, 16},
+    {0, 0},
+}};
+
+class FewHits : public corvaned::HitSource {
+ public:
+  bool next(corvaned::Hit& hit) override {
+    if (left_ == 0) return false;
+    hit.key.assign(left_, 'k');
+    hit.milliScore = static_cast<std::uint16_t>(left_ * 1000);
+    --left_;
+    return true;
+  }
+
+ private:
+  std::size_t left_ = 3;
+};
+
+/// Looks at what arrives in a store, and keeps nothing.
+class EmptyStore : public corvaned::Store {
+ public:
+  void createCollection(const std::string& name, const std::string&) override { named(name); }
+  void openCollection(const std::string& name) override { named(name); }
+  void closeCollection(const std::string& name) override { named(name); }
+  void deleteCollection(const std::string& name) override { named(name); }
+  void addDocument(const std::string& name, const corvaned::Document& document) override {
+    named(name);
+    require(!document.key.empty() && document.key.size() <= corvaned::kMaxKeyBytes,
+            "a document that reaches the store has a key");
+  }
+  void queueDocument(const std::string& name, const corvaned::Document& document) override {
+    addDocument(name, document);
+  }
+  void reportOutcome(const std::string& name, corvaned::ParseOutcome) override { named(name); }
+  void deleteDocument(const std::string& name, const std::string& key) override {
+    named(name);
+    require(!key.empty() && key.size() <= corvaned::kMaxKeyBytes, "what is deleted has a key");
+  }
+  void updateIndex(const std::string& name) override { named(name); }
+  std::vector<corvaned::ParseOutcome> takeParseOutcomes(const std::string& name) override {
+    named(name);
+    return {{"key", "", ""}, {"other", "ZVK0001E", "not stored"}};
+  }
+  std::unique_ptr<corvaned::HitSource> search(const std::string& name,
+                                              const corvaned::SearchQuery& query) override {
+    named(name);
+    require(!query.text.empty(), "a search that reaches the store has a query");
+    return std::make_unique<FewHits>();
+  }
+  corvaned::Estimate estimate(const std::string& name, const std::string&) override {
+    named(name);
+    return {3, 7, 11};
+  }
+  corvaned::CollectionState state(const std::string& name) override {
+    named(name);
+    return corvaned::CollectionState::current;
+  }
+
+ private:
+  static void named(const std::string& name) {
+    require(!name.empty(), "whatever reaches the store names a collection");
+  }
+};
+
+/// All that a connection's bytes were taken for.
+struct Reading {
+  std::vector<corvaned::Request> requests;
+  bool refused = false;
+  std::string refusal;
+};
+
+Reading read(Framing framing, const corvaned::DecoderLimits& limits, std::string_view bytes,
+             Cutter cutter) {
+  Reading reading;
+  // The shortest request is its end mark, two bytes.
+  const std::size_t most = bytes.size() / 2;
+  corvaned::RequestDecoder decoder(framing, limits);
+  try {
+    while (!bytes.empty()) {
+      const std::size_t size = std::min(cutter.next(), bytes.size());
+      const auto exact = std::make_unique_for_overwrite<char[]>(size);
+      std::memcpy(exact.get(), bytes.data(), size);
+      decoder.feed({exact.get(), size});
+      bytes.remove_prefix(size);
+      while (auto request = decoder.next()) {
+        reading.requests.push_back(std::move(*request));
+      }
+    }
+  } catch (const corvaned::FramingError& error) {
+    reading.refused = true;
+    reading.refusal = error.what();
+  }
+  require(reading.requests.size() <= most, "a request is made of bytes");
+  return reading;
+}
+
+void requireEqual(const Reading& whole, const Reading& cut) {
+  require(whole.requests.size() == cut.requests.size(), "as many requests, however they are cut");
+  for (std::size_t i = 0; i < whole.requests.size(); ++i) {
+    const corvaned::Request& one = whole.requests[i];
+    const corvaned::Request& other = cut.requests[i];
+    require(one.headers == other.headers, "the same headers, however they are cut");
+    require(one.content == other.content, "the same content, however it is cut");
+    require(one.defect == other.defect, "the same defect, however it is cut");
+  }
+  require(whole.refused == cut.refused && whole.refusal == cut.refusal,
+          "the same refusal, however it is cut");
+}
+
+void appendText(std::string& out, std::string_view text) {
+  corvaned::appendU32(out, static_cast<std::uint32_t>(text.size()));
+  out.append(text);
+}
+
+/// The block again, its reserved word and the spare bits of its lengths cleared.
+std::string encode(const corvaned::DocumentBlock& block) {
+  std::string body;
+  if (!block.terminate) {
+    for (const auto& [name, value] : block.document.metadata) {
+      appendText(body, name);
+      appendText(body, value);
+    }
+    appendText(body, "rowId");
+    appendText(body, block.document.key);
+    if (!block.document.content.empty()) {
+      appendText(body, "data");
+      appendText(body, block.document.content);
+    }
+  }
+  std::string out(4, '\0');
+  appendText(out, body);
+  return out;
+}
+
+/// A block that is taken says what was sent: nothing is lost, nothing is made up.
+void checkDocument(const std::string& bytes) {
+  corvaned::DocumentBlock block;
+  try {
+    block = corvaned::parseDocumentBlock(bytes);
+  } catch (const corvaned::ServerError&) {
+    return;
+  }
+  std::string expected = encode(block);
+  // A content of length 0 is announced or not; both mean the same.
+  if (expected.size() + 12 == bytes.size()) {
+    appendText(expected, "data");
+    appendText(expected, "");
+  }
+  require(expected.size() == bytes.size(), "a document block is read to its end");
+  for (std::size_t at = 8; at < bytes.size();) {
+    const std::uint32_t length =
+        corvaned::loadU32(std::string_view(bytes).substr(at)) & kLengthMask;
+    require(corvaned::loadU32(std::string_view(expected).substr(at)) == length,
+            "a text has the length that was sent");
+    at += 4;
+    require(bytes.compare(at, length, expected, at, length) == 0,
+            "a text has the bytes that were sent");
+    at += length;
+  }
+}
+
+/// Serves a request and takes the reply to its end.
+void serve(corvaned::Dispatcher& dispatcher, Framing framing, const corvaned::Request& request) {
+  constexpr std::size_t kMostPortions = 64;
+  corvaned::Dispatcher::workload(request);
+  const auto encoder = corvaned::encode(framing, dispatcher.handle(request));
+  std::string out;
+  std::size_t portions = 0;
+  while (encoder->next(out)) {
+    require(++portions < kMostPortions, "a reply without end is none");
+    require(out.size() < std::size_t{1} << 17, "a reply is no longer than what it says");
+  }
+}
+
+void serveAll(Framing framing, const Reading& reading) {
+  EmptyStore store;
+  corvaned::Dispatcher dispatcher(store, "1");
+  for (const corvaned::Request& request : reading.requests) {
+    checkDocument(request.content);
+    serve(dispatcher, framing, request);
+  }
+}
+
+}  // namespace
+
+}  // namespace tq::fuzz
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  spdlog::set_level(spdlog::level::off);
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  using namespace tq::fuzz;
+  Input input(data, size);
+  const unsigned int choice = input.byte();
+  const Framing framing = choice % 2 == 0 ? Framing::http : Framing::binary;
+  const corvaned::DecoderLimits& limits = kLimits[(choice >> 1) % kLimits.size()];
+  const Cutter pieces(input.byte());
+  const std::string_view bytes = input.rest();
+  const MemoryMeter meter;
+  const Reading whole = read(framing, limits, bytes, Cutter::whole());
+  requireEqual(whole, read(framing, limits, bytes, pieces));
+  serveAll(framing, whole);
+  requireWithin(meter, kMemory, bytes.size());
+  return 0;
+}
