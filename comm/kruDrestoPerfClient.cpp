@@ -193,7 +193,10 @@ void DrestoPerfClient::sendMesg(RESTMessage& message) {
 /// about. It goes out by itself, so that its reply is left with its connection.
 void DrestoPerfClient::sendHeldQuestions() {
   if (!replyHeld_) return;
-  open();
+  openClean();
+  // The exchange has added nothing yet: whatever fails, all of it still waits.
+  lastMessage_ = sendBuffer_.size();
+  replyHeldBefore_ = true;
   writeBuffer({}, true);
   outcome_ = RequestOutcome::NotSent;
 }
@@ -230,6 +233,7 @@ void DrestoPerfClient::writeBuffer(std::string_view rest, bool replyExpected) {
     socket_.write(sendBuffer_.data(), 0, sendBuffer_.size());
     sendBuffer_.clear();
     lastMessage_ = 0;
+    messagesInBuffer().store(0);
     sendBodyChunks(rest.data(), kBodyPiece, rest.size());
   } catch (const tq::oss::SocketTimeoutException&) {
     dropLastMessage();
@@ -242,7 +246,6 @@ void DrestoPerfClient::writeBuffer(std::string_view rest, bool replyExpected) {
     dropLastMessage();
     throw;
   }
-  messagesInBuffer().store(0);
   replyHeld_ = false;
   outcome_ = RequestOutcome::MayBeApplied;
   markReplyOutstanding(stillOutstanding || replyExpected);
@@ -250,8 +253,10 @@ void DrestoPerfClient::writeBuffer(std::string_view rest, bool replyExpected) {
 
 /// A repeated attempt appends the message anew; what was held back before it still waits.
 void DrestoPerfClient::dropLastMessage() {
+  const bool dropped = lastMessage_ < sendBuffer_.size();
   sendBuffer_.resize(lastMessage_);
   replyHeld_ = replyHeldBefore_ && !sendBuffer_.empty();
+  if (!dropped) return;
   // Another client may have reset the count in the meantime.
   int held = messagesInBuffer().load();
   while (held > 0 && !messagesInBuffer().compare_exchange_weak(held, held - 1)) {

@@ -609,4 +609,71 @@ TEST_F(DrestoPerfClientBatching, ASearchThatIsHeldIsSentAgainOnlyOnceWhenItsWrit
   EXPECT_EQ(network.connection(1).received, all);
 }
 
+/// Holds a document, a request that will be answered, and a document behind it.
+class HeldQuestion : public DrestoPerfClientBatching {
+ protected:
+  std::string hold(DrestoPerfClient& client) {
+    batching(client);
+    client.open();
+    std::string all;
+    for (ClientRequest* request : {&first_.request, &question_, &last_.request}) {
+      client.send(*request);
+      all += Framed(*request).whole();
+    }
+    return all;
+  }
+
+  static Raised askStatus(DrestoPerfClient& client) {
+    auto request = requestFor(kGetStatus);
+    ClientResponse response;
+    return raisedBy([&] { client.sendAndRecvMesg(request, response); });
+  }
+
+  Document first_{kAsynchAddDocument, 10};
+  ClientRequest question_ = requestFor(kCreateCollection);
+  Document last_{kAsynchAddDocument, 20};
+};
+
+TEST_F(HeldQuestion, SurvivesAFailedWriteWithAllThatIsHeldAroundIt) {
+  for (const unsigned int retries : {1U, 0U}) {
+    ScriptedNetwork network({Script().awaitClose(), Script().awaitClose(), answer(kOk)});
+    auto client = binaryClient();
+    client.setNumRetries(retries);
+    const auto all = hold(client);
+    network.failNextWrite(EPIPE);
+    if (retries == 0) {
+      EXPECT_EQ(askStatus(client), (Raised{{"ERR_SERVER_COMM_SEND", kFile, 281, kHostAndPort}}));
+    }
+    EXPECT_EQ(askStatus(client), Raised());
+    ASSERT_EQ(network.connections(), 3U);
+    EXPECT_EQ(network.connection(1).received, all);
+    EXPECT_EQ(network.connection(2).requests.size(), 1U);
+  }
+}
+
+TEST_F(HeldQuestion, IsNotSentBehindHalfOfItself) {
+  ScriptedNetwork network({Script().awaitClose(), Script().awaitClose(), answer(kOk)});
+  network.limitWrites(50);
+  auto client = binaryClient();
+  client.setNumRetries(0);
+  const auto all = hold(client);
+  network.failNextWrite(EPIPE, 1);
+  EXPECT_EQ(askStatus(client).size(), 1U);
+  EXPECT_EQ(askStatus(client), Raised());
+  EXPECT_EQ(network.connection(0).received, all.substr(0, 50));
+  ASSERT_EQ(network.connections(), 3U);
+  EXPECT_EQ(network.connection(1).received, all);
+}
+
+TEST_F(HeldQuestion, IsNotSentToAPeerThatHasClosed) {
+  ScriptedNetwork network({Script(), Script().awaitClose(), answer(kOk)});
+  auto client = binaryClient();
+  client.setNumRetries(0);
+  const auto all = hold(client);
+  EXPECT_EQ(askStatus(client), Raised());
+  EXPECT_EQ(network.connection(0).received, "");
+  ASSERT_EQ(network.connections(), 3U);
+  EXPECT_EQ(network.connection(1).received, all);
+}
+
 }  // namespace
