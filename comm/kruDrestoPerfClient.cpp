@@ -54,7 +54,7 @@ constexpr int kBatchMessages = 50;
 constexpr std::size_t kHeaderLengthField = 2;
 constexpr std::size_t kMaxHeader = 65535;
 
-// An envelope with the largest payload; more than that without progress is no envelope.
+// An envelope with the largest payload; as much as that left over begins with no envelope.
 constexpr unsigned long kMaxEnvelope = 4 + 65535;
 
 constexpr int kStatusOnly = 5;
@@ -372,7 +372,7 @@ void DrestoPerfClient::parsePortion(ClientResponse& response) {
     endReply(leftover);
     return;
   }
-  if (leftover == total && total > kMaxEnvelope) {
+  if (leftover >= kMaxEnvelope) {
     settleFailure();
     raise(StaticDefs::ERR_CLIENT_RESP_PARSING);
   }
@@ -394,7 +394,8 @@ void DrestoPerfClient::settleFailure() {
   const bool wholeError = parser_->isErrorReply() &&
                           parser_->holdsWholeUnit(carry_.data(), static_cast<int>(carryCount_));
   if (wholeError || code == kStatusOnly || code == kInvalidAuth) {
-    outcome_ = RequestOutcome::Rejected;
+    // A status that was not asked for says nothing of the request.
+    if (code != kStatusOnly) outcome_ = RequestOutcome::Rejected;
     endReply(carryCount_ - (wholeError
                                 ? static_cast<unsigned long>(DrestoPerfResponse::errorRecordLength(
                                       carry_.data(), static_cast<int>(carryCount_)))

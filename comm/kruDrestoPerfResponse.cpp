@@ -336,6 +336,7 @@ int DrestoPerfResponse::parseContent(const char* buffer, int length, ClientRespo
     throw error;
   }
   if (status == kEnvelopeData) {
+    require(payload <= maxReplyBytes_);
     response.setContent(tq::oss::Converter::fromUTF8(buffer + position, payload));
     position += payload;
     done = true;

@@ -154,15 +154,24 @@ TEST(BinaryHostile, SurvivesBytesThatAreNoReply) {
 
 TEST(BinaryHostile, AnEndlessStreamOfNothingIsRefusedAndNotHoarded) {
   // Nothing of it can be taken: an envelope that never becomes whole, because it says so itself.
-  std::string text = kOk + plainHit("hit") + envelope(9, "");
-  for (int i = 0; i < 60000; ++i) text += envelope(9, "");
-  ScriptedNetwork network(Script().expectFramedRequest().send(text));
-  auto client = binaryClient();
-  largestAllocation = 0;
-  const auto outcome = runBinary(client, kStreamSearch);
-  EXPECT_LE(largestAllocation, kAllowance);
-  EXPECT_EQ(outcome.seen.hits, (std::vector<Hit>{{idOfKey("hit"), 0.0}}));
-  EXPECT_FALSE(network.waitedForever());
+  std::string nothing;
+  for (int i = 0; i < 1000000; ++i) nothing += envelope(9, "");
+  for (const int kind : {kStreamSearch, kSelectivity}) {
+    for (const bool reassembly : {false, true}) {
+      SCOPED_TRACE(kind);
+      const std::string record =
+          kind == kSelectivity ? envelope(1, estimate(1, 2, 3)) : plainHit("hit");
+      ScriptedNetwork network(Script().expectFramedRequest().send(kOk + record + nothing, 16384));
+      auto client = binaryClient();
+      client.setReassembly(reassembly);
+      largestAllocation = 0;
+      const auto outcome = runBinary(client, kind);
+      EXPECT_LE(largestAllocation, kAllowance);
+      EXPECT_EQ(outcome.seen.errorId, "ERR_CLIENT_RESP_PARSING");
+      EXPECT_EQ(outcome.seen.hits.size(), kind == kSelectivity ? 0U : 1U);
+      EXPECT_FALSE(network.waitedForever());
+    }
+  }
 }
 
 TEST(BinaryHostile, AnAnswerOfAnotherProtocolIsRefused) {

@@ -405,6 +405,16 @@ TEST(DrestoPerfClient, ALongEnvelopeInFrontFailsUnlessPutTogether) {
   }
 }
 
+TEST(DrestoPerfClient, ARecordBeyondTheLimitIsRefused) {
+  for (const std::size_t limit : {5U, 4U}) {
+    ScriptedNetwork network(answer(kOk + plainHit("a key") + endOfResults()));
+    auto client = binaryClient();
+    client.setMaxReplyBytes(limit);
+    EXPECT_EQ(exchange(client, kStreamSearch), limit == 5 ? Raised() : kParsing);
+    EXPECT_EQ(network.requests(), 1U);
+  }
+}
+
 // A server that closes.
 
 TEST(DrestoPerfClient, ACloseBeforeTheHeaderIsARepeatedReceiveError) {

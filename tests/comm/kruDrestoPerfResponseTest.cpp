@@ -120,6 +120,15 @@ TEST(DrestoPerfResponse, AnEmptyHeaderBlockIsRefused) {
   EXPECT_FALSE(fed.done);
 }
 
+TEST(DrestoPerfResponse, HalfAHeaderIsLeft) {
+  Fed fed(kStreamSearch);
+  EXPECT_EQ(fed.offer(word16(kSuccess).substr(0, 1)), 1);
+  int need = 0;
+  EXPECT_FALSE(fed.parser.parseDone(need));
+  EXPECT_EQ(need, 2);
+  EXPECT_EQ(fed.header(kSuccess), 0);
+}
+
 TEST(DrestoPerfResponse, AnUnknownHeaderCodePassesTheHeader) {
   // It is what lets the codes 5 and 401 reach the body's handling.
   for (const unsigned int code : {0U, 2U, 3U, 5U, 9U, 200U, 401U, 65535U}) {
@@ -242,7 +251,9 @@ TEST(DrestoPerfResponse, ReplacesTheBaseClassesOperations) {
 TEST(DrestoPerfResponse, ItsBaseBeginsAsTheContinuationOfAStream) {
   // Whatever the constructor is told about results: the base takes status 200 for granted.
   for (const bool results : {false, true}) {
-    EXPECT_EQ(DrestoPerfResponse(ClientRequest::STREAM_SEARCH, results).getStatusCode(), 200);
+    const DrestoPerfResponse parser(ClientRequest::STREAM_SEARCH, results);
+    EXPECT_EQ(parser.getStatusCode(), 200);
+    EXPECT_FALSE(parser.isChunked()) << "which this protocol does not know";
   }
 }
 
@@ -297,8 +308,8 @@ TEST(DrestoPerfResponse, TwoMessagesStandWhereTheServerNamesNone) {
   const auto whole = errorRecord({{"MsgId", "ZVK0404E"}, {"MsgText", "text"}});
   for (const auto& record :
        {errorRecord({{"MsgText", "who knows"}}), errorRecord({{"MsgId", ""}, {"MsgText", "x"}}),
-        errorRecord({}), std::string(), whole.substr(0, 1), whole.substr(0, 2),
-        whole.substr(0, whole.size() - 1)}) {
+        errorRecord({{"MsgId", "ZVK0404E"}}), errorRecord({}), std::string(), whole.substr(0, 1),
+        whole.substr(0, 2), whole.substr(0, whole.size() - 1)}) {
     auto fed = inBody(kStreamSearch, 6);
     EXPECT_EQ(fed.raisedByOffer(record), both) << record.size() << " bytes";
   }
@@ -683,6 +694,42 @@ TEST(DrestoPerfResponse, AnEstimateTooShortForItsValuesIsNoReply) {
   }
   auto empty = inBody(kSelectivity, kSuccess);
   EXPECT_EQ(empty.raisedByOffer(envelope(6, "")), kParsing);
+}
+
+TEST(DrestoPerfResponse, ABlockThatEndsInAnEstimateLeavesIt) {
+  const auto whole = envelope(1, estimate(1, 2, 3)) + envelope(1, estimate(4, 5, 6));
+  for (std::size_t length = 1; length < whole.size(); ++length) {
+    auto fed = inBody(kSelectivity, kSuccess);
+    EXPECT_EQ(fed.offer(whole.substr(0, length)),
+              static_cast<int>(length < 16 ? length : length - 16));
+    EXPECT_FALSE(fed.done);
+    EXPECT_EQ(fed.estimates(), length < 16 ? kNoEstimates : (std::vector<std::uint64_t>{1, 3, 2}));
+  }
+}
+
+// The limit of what a record may announce.
+
+TEST(DrestoPerfResponse, RefusesARecordBeyondTheLimit) {
+  struct Case {
+    int kind;
+    unsigned int code;
+    std::string payload;
+    std::string body;
+  };
+  const auto error = record16({{"MsgId", "ZVK0404E"}, {"MsgText", "no"}});
+  for (const auto& c : std::vector<Case>{
+           {kStreamSearch, 1, "a key", plainHit("a key")},
+           {kParseResult, 1, row("d"), envelope(1, row("d"))},
+           {kSelectivity, 1, estimate(1, 2, 3), envelope(1, estimate(1, 2, 3))},
+           {kGetServerVersion, 1, "12.1", envelope(1, "12.1")},
+           {kGetStatus, 6, error, word16(static_cast<unsigned int>(error.size())) + error}}) {
+    auto within = inBody(c.kind, c.code);
+    within.parser.setMaxReplyBytes(c.payload.size());
+    EXPECT_EQ(within.raisedByOffer(c.body), Raised()) << c.kind;
+    auto beyond = inBody(c.kind, c.code);
+    beyond.parser.setMaxReplyBytes(c.payload.size() - 1);
+    EXPECT_EQ(beyond.raisedByOffer(c.body), kParsing) << c.kind;
+  }
 }
 
 // Content.
