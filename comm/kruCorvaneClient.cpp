@@ -138,9 +138,11 @@ bool CorvaneClient::dataToRead(bool wait) {
   std::list<tq::oss::Socket> readers{socket_};
   std::list<tq::oss::Socket> writers;
   std::list<tq::oss::Socket> excepts;
-  // Rounded up, so that a wait never ends just before the deadline.
-  const unsigned long allowed =
-      std::min<unsigned long>(timeOut_, (nanosToDeadline() - 1) / kNanosPerMilli + 1);
+  // Rounded up, so that a wait never ends just before the deadline; 0 when that came since the
+  // caller looked.
+  const std::uint64_t left = nanosToDeadline();
+  const unsigned long allowed = std::min<unsigned long>(
+      timeOut_, left / kNanosPerMilli + (left % kNanosPerMilli != 0 ? 1 : 0));
   if (tq::oss::Socket::select(readers, writers, excepts, &allowed) == 0) {
     raise(StaticDefs::ERR_SERVER_COMM_TIMEOUT, kFile, __LINE__, host_, port_);
   }

@@ -447,6 +447,50 @@ TEST(ExchangeRegression, ADeadlineEndsAReplyWhoseBytesAreAlwaysThere) {
   EXPECT_LT(network.receives(), 10000u);
 }
 
+/// The calls in force, but for a clock that moves on by a millisecond at each look.
+class ClockThatMoves {
+ public:
+  ClockThatMoves() : calls_(tq::oss::systemCalls()) {
+    looks() = 0;
+    before() = tq::oss::replaceSystemCalls(&calls_);
+    calls_.clock_gettime = [](clockid_t clock, timespec* now) {
+      const int result = before()->clock_gettime(clock, now);
+      const long nanos = now->tv_nsec + ++looks() * 1000000L;
+      now->tv_sec += nanos / 1000000000L;
+      now->tv_nsec = nanos % 1000000000L;
+      return result;
+    };
+  }
+  ~ClockThatMoves() { tq::oss::replaceSystemCalls(before()); }
+  ClockThatMoves(const ClockThatMoves&) = delete;
+  ClockThatMoves& operator=(const ClockThatMoves&) = delete;
+
+ private:
+  static long& looks() {
+    static long count = 0;
+    return count;
+  }
+  static const tq::oss::SystemCalls*& before() {
+    static const tq::oss::SystemCalls* calls = nullptr;
+    return calls;
+  }
+  tq::oss::SystemCalls calls_;
+};
+
+TEST(ExchangeRegression, ADeadlineThatPassesBetweenTwoLooksAtTheClockEndsTheWait) {
+  // Whichever two looks of the exchange it falls between.
+  for (unsigned int deadline = 1; deadline <= 40; ++deadline) {
+    ScriptedNetwork network(Script().expectRequest().awaitClose());
+    const ClockThatMoves clock;
+    CorvaneRESTClient client(u"127.0.0.1", 7, kPersistent);
+    client.setNumRetries(0);
+    client.setTimeOut(60000);
+    client.setDeadline(deadline);
+    EXPECT_EQ(runExchange(client, kGetStatus).errorId, "ERR_SERVER_COMM_TIMEOUT") << deadline;
+    EXPECT_LE(network.elapsedMillis(), deadline);
+  }
+}
+
 TEST(ExchangeRegression, BlocksThatAreNoReplyAreNotReadForEver) {
   std::string blocks;
   while (blocks.size() < std::size_t{3} << 20) blocks += "HTTP/1.1 100 Continue\r\n\r\n";
