@@ -35,6 +35,7 @@ SearchResponse& ClientResponse::getSearchResponse(CorvaneClient& client, bool st
   const tq::oss::TraceScope scope(trace::ClientResponsePullSearchResponse);
   if (resultsBuffered_) return getSearchResponse();
   CorvaneRESTClient& receiver = receiverOf(client);
+  const CorvaneClient::OperationScope operation(client);
   resetResultCount();
   if (streaming) {
     pullUntilResults(receiver, *this, searchResponse_);
@@ -48,6 +49,7 @@ ParseResponse& ClientResponse::getParseResponse(CorvaneClient& client) {
   const tq::oss::TraceScope scope(trace::ClientResponsePullParseResponse);
   if (resultsBuffered_) return getParseResponse();
   CorvaneRESTClient& receiver = receiverOf(client);
+  const CorvaneClient::OperationScope operation(client);
   resetResultCount();
   pullUntilResults(receiver, *this, parseResponse_);
   return parseResponse_;

@@ -90,6 +90,7 @@ void CorvaneClient::open() {
 }
 
 void CorvaneClient::connect() {
+  const OperationScope operation(*this);
   try {
     socket_.connect(host_, port_, addresses_, timeOut_ != 0 ? &timeOut_ : nullptr);
   } catch (const tq::oss::SocketException& e) {

@@ -10,6 +10,8 @@
 
 namespace tq::comm {
 
+class ClientResponse;
+
 /// The one TCP connection between a caller and a search server: its address, its time-out and
 /// whether it is kept from one exchange to the next. Base of the protocol clients.
 /// One object serves one thread at a time; different objects need no locking.
@@ -38,9 +40,9 @@ class KRU_EXPORT CorvaneClient {
   virtual void setTimeOut(unsigned int milliseconds);
 
   /// MILLISECONDS that one whole operation may take: connecting, writing, waiting and all retries
-  /// together, on the monotonic clock. Default 0: none. When they are over, the operation raises
-  /// ERR_SERVER_COMM_TIMEOUT. A look-up of the host name cannot be interrupted: give the client
-  /// resolved addresses where that matters.
+  /// together, or all portions that one pull takes, on the monotonic clock. Default 0: none. When
+  /// they are over, the operation raises ERR_SERVER_COMM_TIMEOUT. A look-up of the host name cannot
+  /// be interrupted: give the client resolved addresses where that matters.
   void setDeadline(unsigned int milliseconds);
 
   /// Keep the connection from one exchange to the next. Default: what the constructor was told.
@@ -117,6 +119,9 @@ class KRU_EXPORT CorvaneClient {
   std::size_t maxReplyBytes_ = std::size_t{1} << 30;
 
  private:
+  // One pull of its may take several portions.
+  friend class ClientResponse;
+
   void connect();
 
   unsigned long timeOut_ = 0;

@@ -15,6 +15,8 @@
 #include "comm/kruDrestoPerfClient.h"
 #include "comm/kruRESTException.h"
 #include "infra/oss/kruClock.h"
+#include "infra/oss/kruMessage.h"
+#include "infra/oss/kruMessageList.h"
 #include "tests/comm/faultExchange.h"
 #include "tests/comm/faultNetwork.h"
 #include "tests/support/scriptedServer.h"
@@ -117,6 +119,24 @@ TEST_P(Deadline, HoldsAgainstAPeerThatNeverAccepts) {
   expectTimeout(network, {kGetStatus}, 100);
 }
 
+TEST_P(Deadline, BoundsAConnectThatTheCallerAsksFor) {
+  auto network = options();
+  network.neverAccepts = true;
+  FaultNetwork faulty(network, answerer());
+  auto client = clientOf(GetParam());
+  client->setDeadline(300);
+  const auto begin = faulty.nowNanos();
+  try {
+    client->open();
+    FAIL() << "nobody accepts";
+  } catch (const tq::comm::RESTException& error) {
+    EXPECT_EQ(error.getMessageList().front().getMessageId(), u"ERR_SERVER_COMM_TIMEOUT");
+  }
+  EXPECT_LE((faulty.nowNanos() - begin) / kMilli, 300 + kTolerance);
+  EXPECT_FALSE(faulty.waitedForever());
+  EXPECT_FALSE(client->isConnected());
+}
+
 TEST_P(Deadline, HoldsForAllAddressesOfAHostTogether) {
   auto network = options();
   network.neverAccepts = true;
@@ -169,6 +189,28 @@ TEST_P(Deadline, LeavesAShorterTimeOutAlone) {
   client->setTimeOut(100);
   client->setNumRetries(0);
   expectInTime(runMarked(*client, {kGetStatus}), 100);
+}
+
+TEST_P(Deadline, IsNotMissedWhereverItPassesBetweenTwoLooksAtTheClock) {
+  auto network = options();
+  network.silent = true;
+  constexpr unsigned int kDeadline = 1000;
+  bool behindTheLast = false;
+  for (std::size_t nth = 1; !behindTheLast; ++nth) {
+    SCOPED_TRACE(nth);
+    FaultNetwork faulty(network, answerer());
+    faulty.plan(Entry::Clock, nth, {Fault::Kind::Delay, kDeadline});
+    auto client = clientOf(GetParam());
+    client->setDeadline(kDeadline);
+    client->setTimeOut(60000);
+    client->setNumRetries(0);
+    const auto ran = runMarked(*client, {kGetStatus});
+    EXPECT_EQ(ran.errorId, "ERR_SERVER_COMM_TIMEOUT");
+    // The delay may come when the wait is over, and in front of the operation.
+    EXPECT_LE(ran.longestMillis, 2 * kDeadline + kTolerance);
+    behindTheLast = !faulty.planIsOver();
+    ASSERT_LT(nth, 100U);
+  }
 }
 
 TEST_P(Deadline, EndsTheAttemptsOnAHostThatRefuses) {
@@ -306,6 +348,56 @@ TEST_P(Deadline, BoundsEachPullOfAStreamAndLosesNoHit) {
     }
     if (kind == kScalarSearch) take();
     EXPECT_EQ(hits, resultsOf(GetParam(), marked));
+    EXPECT_FALSE(client->isTruncated());
+    EXPECT_GT(timeouts, 3U);
+  }
+}
+
+TEST_P(Deadline, BoundsAllPortionsThatALoopingPullTakesAndLosesNoHit) {
+  for (const int kind : {kStreamSearch, kScalarSearch, kParseResult}) {
+    // Over HTTP the exchange reads parse results to their end.
+    if (kind == kParseResult && GetParam() == Protocol::Http) continue;
+    SCOPED_TRACE(kind);
+    auto network = options();
+    network.dripMillis = 1000;
+    FaultNetwork faulty(network, answerer());
+    auto client = clientOf(GetParam());
+    auto* binary = dynamic_cast<tq::comm::DrestoPerfClient*>(client.get());
+    if (binary != nullptr) binary->setReassembly(true);
+    const MarkedRequest marked{kind, 42};
+    BuiltRequest built(marked);
+    tq::comm::ClientResponse response;
+    client->sendAndRecvMesg(built.request, response);
+    client->setDeadline(2500);
+    std::vector<icu::UnicodeString> results;
+    std::size_t timeouts = 0;
+    const auto take = [&] {
+      auto& hits = response.getSearchResponse();
+      while (hits.hasMore()) results.push_back(hits.getNext().getDocId());
+      auto& rows = response.getParseResponse();
+      while (rows.hasMore()) results.push_back(rows.getNext().getDocument());
+    };
+    take();
+    for (int pull = 0; pull < 1000 && !client->isEndOfStream(); ++pull) {
+      const auto begin = faulty.nowNanos();
+      try {
+        if (kind == kParseResult) {
+          response.getParseResponse(*client);
+        } else {
+          response.getSearchResponse(*client, true);
+        }
+      } catch (const tq::comm::RESTException& error) {
+        EXPECT_EQ(error.getMessageList().front().getMessageId(), u"ERR_SERVER_COMM_TIMEOUT");
+        ++timeouts;
+      }
+      EXPECT_LE((faulty.nowNanos() - begin) / kMilli, 2500 + kTolerance);
+      take();
+    }
+    std::vector<icu::UnicodeString> expected;
+    for (const auto& result : resultsOf(GetParam(), marked)) {
+      expected.push_back(icu::UnicodeString::fromUTF8(result));
+    }
+    EXPECT_EQ(results, expected);
     EXPECT_FALSE(client->isTruncated());
     EXPECT_GT(timeouts, 3U);
   }

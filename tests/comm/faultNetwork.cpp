@@ -318,7 +318,12 @@ int lookUp(const char*, const char* service, const addrinfo* hints, addrinfo** r
 
 int readClock(clockid_t, timespec* out) {
   const Work work;
-  if (active->enter(Entry::Clock, Phase::Clock)) return failWith(EINVAL);
+  const auto fault = active->enter(Entry::Clock, Phase::Clock);
+  if (fault && fault->kind == Fault::Kind::Delay) {
+    active->now += static_cast<std::uint64_t>(fault->value) * kNanosPerMilli;
+  } else if (fault) {
+    return failWith(fault->value);
+  }
   // A step a look: whoever spins until a deadline gets there.
   active->now += kClockStepNanos;
   out->tv_sec = static_cast<time_t>(active->now / 1000000000U);
@@ -539,7 +544,7 @@ const char* nameOf(Entry entry) {
 
 std::string nameOf(const Fault& fault) {
   static constexpr const char* kNames[] = {"error",       "interrupt", "would block", "one byte",
-                                           "end of file", "SO_ERROR",  "stall"};
+                                           "end of file", "SO_ERROR",  "stall",       "delay"};
   std::string name = kNames[static_cast<std::size_t>(fault.kind)];
   if (fault.value != 0) name.append(" ").append(std::to_string(fault.value));
   return name;

@@ -47,6 +47,7 @@ struct Fault {
     Eof,         // the peer has closed
     SoError,     // the connect that went on in the background has failed
     Stall,       // nothing more is moved on the connection, ever
+    Delay,       // of a look at the clock: the process has not run for so many milliseconds
   };
   Kind kind;
   int value = 0;
