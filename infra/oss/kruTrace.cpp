@@ -23,14 +23,12 @@ TraceFacility* getTraceFacility() noexcept {
 
 void TraceScope::enter() noexcept {
   exceptionsAtEntry_ = std::uncaught_exceptions();
-  if ((facility_->getComponentTraceFlags(kComponent) & kEntryMask) != 0) {
-    facility_->traceEntry(functionId_);
-  }
+  flags_ = facility_->getComponentTraceFlags(kComponent);
+  if ((flags_ & kEntryMask) != 0) facility_->traceEntry(functionId_);
 }
 
 void TraceScope::leave() noexcept {
-  const unsigned long flags = facility_->getComponentTraceFlags(kComponent);
-  if ((flags & kExitMask) == 0 || (flags & kExitRecordMask) == 0) return;
+  if ((flags_ & kExitMask) == 0 || (flags_ & kExitRecordMask) == 0) return;
   const bool failed = std::uncaught_exceptions() > exceptionsAtEntry_;
   facility_->traceExit(functionId_, failed ? -1 : returnCode_);
 }

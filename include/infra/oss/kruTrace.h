@@ -13,8 +13,9 @@ class KRU_EXPORT TraceFacility {
  public:
   virtual ~TraceFacility() = default;
 
-  /// The trace flags of a component. Entry records are wanted when any bit of 0x20001 is set; exit
-  /// records when a bit of 0x20082 and a bit of 0x20002 are set.
+  /// The trace flags of a component, asked for once an operation, as it begins: those that change
+  /// in its course hold from the next one on. Entry records are wanted when any bit of 0x20001 is
+  /// set; exit records when a bit of 0x20082 and a bit of 0x20002 are set.
   virtual unsigned long getComponentTraceFlags(unsigned int component) = 0;
   virtual void traceEntry(unsigned int functionId) = 0;
   virtual void traceExit(unsigned int functionId, long returnCode) = 0;
@@ -55,6 +56,7 @@ class TraceScope {
   TraceFacility* facility_;
   unsigned int functionId_;
   int exceptionsAtEntry_ = 0;
+  unsigned long flags_ = 0;
   long returnCode_ = 0;
 };
 
