@@ -21,8 +21,9 @@ namespace {
 constexpr unsigned int kPiecesPerCall = 16;
 // Below what the kernel moves in one call, so that no sum of lengths overflows on the way there.
 constexpr unsigned long kLargestTransfer = 1UL << 30;
-// With a deadline the clock is looked at in between, however fast the peer takes the bytes.
-constexpr unsigned long kTimedTransfer = 1UL << 20;
+// With a deadline the clock is looked at in between, however fast the peer takes the bytes. Copying
+// a megabyte takes a slow machine some milliseconds, which nothing can interrupt.
+constexpr unsigned long kTimedTransfer = 1UL << 17;
 
 bool wouldBlock(int errorNumber) noexcept {
   return errorNumber == EAGAIN || errorNumber == EWOULDBLOCK;
