@@ -180,6 +180,7 @@ std::uint64_t CorvaneClient::nanosToDeadline() const {
 CorvaneClient::OperationScope::OperationScope(CorvaneClient& client)
     : client_(client), outermost_(client.deadlineMillis_ != 0 && client.deadlineNanos_ == 0) {
   if (!outermost_) return;
+  // Without a clock the sum wraps to a time that is over, or not further ahead than was asked for.
   client_.deadlineNanos_ =
       tq::oss::monotonicNanos() + std::uint64_t{client_.deadlineMillis_} * kNanosPerMilli;
   client_.socket_.setDeadline(client_.deadlineNanos_);

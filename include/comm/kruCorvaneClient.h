@@ -41,8 +41,9 @@ class KRU_EXPORT CorvaneClient {
 
   /// MILLISECONDS that one whole operation may take: connecting, writing, waiting and all retries
   /// together, or all portions that one pull takes, on the monotonic clock. Default 0: none. When
-  /// they are over, the operation raises ERR_SERVER_COMM_TIMEOUT. A look-up of the host name cannot
-  /// be interrupted: give the client resolved addresses where that matters.
+  /// they are over, or the clock cannot be read, the operation raises ERR_SERVER_COMM_TIMEOUT. A
+  /// look-up of the host name cannot be interrupted: give the client resolved addresses where that
+  /// matters.
   void setDeadline(unsigned int milliseconds);
 
   /// Keep the connection from one exchange to the next. Default: what the constructor was told.

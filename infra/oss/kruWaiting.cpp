@@ -28,6 +28,8 @@ int millisUntil(std::uint64_t deadline) noexcept {
 
 std::uint64_t deadlineIn(unsigned long millis) noexcept {
   const std::uint64_t now = monotonicNanos();
+  // Without a clock a limit cannot be kept, and the caller has asked not to wait without one.
+  if (now == kNever) return 0;
   if (millis > (kNever - now) / kNanosPerMilli) return kNever;
   return now + millis * kNanosPerMilli;
 }

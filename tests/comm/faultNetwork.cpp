@@ -324,6 +324,8 @@ int readClock(clockid_t, timespec* out) {
   } else if (fault) {
     return failWith(fault->value);
   }
+  const auto looks = active->counts[static_cast<std::size_t>(Entry::Clock)];
+  if (looks >= active->options.clockFailsFrom) return failWith(EPERM);
   // A step a look: whoever spins until a deadline gets there.
   active->now += kClockStepNanos;
   out->tv_sec = static_cast<time_t>(active->now / 1000000000U);

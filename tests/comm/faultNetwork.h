@@ -88,7 +88,8 @@ class FaultNetwork {
     bool refuses = false;
     bool silent = false;  // takes requests and answers none
     unsigned int resolveMillis = 0;
-    std::vector<std::string> addresses{"127.0.0.1"};  // those of every name
+    std::size_t clockFailsFrom = std::numeric_limits<std::size_t>::max();  // that look on
+    std::vector<std::string> addresses{"127.0.0.1"};                       // those of every name
   };
 
   FaultNetwork(const Options& options, Answerer answerer);

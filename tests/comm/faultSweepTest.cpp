@@ -111,7 +111,7 @@ std::vector<Fault> faultsOf(Entry entry) {
       return errors({EAI_AGAIN, EAI_NONAME, EAI_MEMORY, EAI_FAIL, EAI_SYSTEM}) +
              std::vector{interrupt};
     case Entry::Clock:
-      // Asked for a clock that every system has, it does not fail.
+      // Its looks are no calls of one phase; they have a sweep of their own.
       break;
   }
   return {};
@@ -405,6 +405,111 @@ std::string nameOf(Limit limit) {
                                            "WithBoth"};
   return kNames[static_cast<std::size_t>(limit)];
 }
+
+// A clock that cannot be read, once or from some look on. Nobody can tell then how much time is
+// left: what has to wait ends at once, as if the limit had passed, and never waits without one.
+
+enum class Peer { Answers, IsSilent, Drips, NeverAccepts, TakesLittle };
+
+struct Blind {
+  Setting setting;
+  Peer peer;
+  bool lasting;
+};
+
+FaultNetwork::Options optionsOf(const Blind& blind) {
+  auto options = optionsOf(blind.setting.protocol);
+  options.silent = blind.peer == Peer::IsSilent;
+  options.dripMillis = blind.peer == Peer::Drips ? kTimeOutMillis + 50 : 0;
+  options.neverAccepts = blind.peer == Peer::NeverAccepts;
+  // No time-out bounds a write.
+  if (blind.peer == Peer::TakesLittle && blind.setting.hasDeadline()) options.window = 50;
+  return options;
+}
+
+/// A connect whose time is over is an error of its own.
+bool saysThatTimeIsOver(const std::string& id) {
+  return id == "ERR_SERVER_COMM_TIMEOUT" || id == "ERR_CONNECT_SERVER";
+}
+
+/// False: there are not so many looks at the clock.
+bool checkBlindRun(const Blind& blind, const MarkedRequest& marked, std::size_t nth) {
+  const auto& setting = blind.setting;
+  FaultNetwork network(optionsOf(blind), answererOf(setting.protocol));
+  auto client = clientOf(setting.protocol);
+  if (setting.hasTimeOut()) client->setTimeOut(kTimeOutMillis);
+  if (setting.hasDeadline()) client->setDeadline(kDeadlineMillis);
+  client->setNumRetries(setting.retries);
+  if (blind.lasting) {
+    network.options().clockFailsFrom = nth;
+  } else {
+    network.plan(Entry::Clock, nth, {FaultKind::Error, EPERM});
+  }
+  const auto begin = network.nowNanos();
+  const auto ran = runMarked(*client, marked);
+  const auto millis = (network.nowNanos() - begin) / 1000000;
+  const bool reached = network.count(Entry::Clock) >= nth;
+  if (ran.errorId.empty()) {
+    EXPECT_TRUE(blind.peer == Peer::Answers || blind.peer == Peer::Drips ||
+                blind.peer == Peer::TakesLittle);
+    EXPECT_EQ(ran.results, resultsOf(setting.protocol, marked));
+    EXPECT_FALSE(ran.truncated);
+  } else {
+    EXPECT_TRUE(saysThatTimeIsOver(ran.errorId)) << ran;
+    checkPrefix(setting, marked, ran);
+  }
+  EXPECT_EQ(ran.foreignError, "");
+  EXPECT_FALSE(network.waitedForever());
+  // A single time-out bounds connecting and each wait.
+  const auto most = setting.hasDeadline() ? kDeadlineMillis : 2 * kTimeOutMillis;
+  EXPECT_LE(millis, (setting.hasDeadline() ? 1 : setting.retries + 1) * most + kToleranceMillis);
+  checkOutcome(marked, ran, network.journal());
+  network.options() = optionsOf(setting.protocol);
+  const MarkedRequest next{kGetStatus, kNextMark};
+  EXPECT_EQ(runMarked(*client, next).results, resultsOf(setting.protocol, next));
+  client.reset();
+  EXPECT_EQ(network.openDescriptors(), 0U);
+  return reached;
+}
+
+class BlindSweep : public testing::TestWithParam<std::tuple<Protocol, Limit, bool>> {};
+
+TEST_P(BlindSweep, EveryLookAtTheClockMayFail) {
+  const auto [protocol, limit, lasting] = GetParam();
+  std::size_t runs = 0;
+  for (const auto peer :
+       {Peer::Answers, Peer::IsSilent, Peer::Drips, Peer::NeverAccepts, Peer::TakesLittle}) {
+    for (const auto& marked : std::vector<MarkedRequest>{
+             {kGetStatus, kMark}, {kStreamSearch, kMark}, {kAddDocument, kMark, false, 25000}}) {
+      // Without reassembly the first byte of a portion is refused.
+      if (peer == Peer::Drips && marked.kind == kStreamSearch) continue;
+      for (const unsigned int retries : {0U, 1U}) {
+        const Blind blind{{protocol, Connection::Fresh, limit, retries}, peer, lasting};
+        bool reached = true;
+        for (std::size_t nth = 1; reached; ++nth) {
+          SCOPED_TRACE("peer " + std::to_string(static_cast<int>(peer)) + ", kind " +
+                       std::to_string(marked.kind) + ", " + std::to_string(retries) +
+                       " retries, look " + std::to_string(nth));
+          reached = checkBlindRun(blind, marked, nth);
+          ++runs;
+          if (HasFailure()) return;
+        }
+      }
+    }
+  }
+  RecordProperty("runs", static_cast<int>(runs));
+  EXPECT_GT(runs, 100U);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Matrix, BlindSweep,
+    testing::Combine(testing::Values(Protocol::Http, Protocol::Binary, Protocol::BinaryReassembled),
+                     testing::Values(Limit::TimeOut, Limit::Deadline, Limit::Both),
+                     testing::Bool()),
+    [](const auto& test) {
+      return tq::test::nameOf(std::get<0>(test.param)) + nameOf(std::get<1>(test.param)) +
+             (std::get<2>(test.param) ? "FromThenOn" : "Once");
+    });
 
 using Parameters = std::tuple<Protocol, Connection, Limit>;
 

@@ -25,6 +25,27 @@ TEST(Clock, CountsNanoseconds) {
   EXPECT_EQ(fake.count(Call::Clock), 1U);
 }
 
+TEST(Clock, ThatCannotBeReadIsBehindEveryDeadline) {
+  FakeSystemCalls fake;
+  fake.failAll(Call::Clock, EPERM);
+  EXPECT_EQ(tq::oss::monotonicNanos(), kNever);
+}
+
+TEST(Clock, ThatCannotBeReadEndsAPause) {
+  for (const unsigned int nth : {1U, 2U, 3U}) {
+    FakeSystemCalls fake;
+    fake.stall(Call::Poll);
+    const std::uint64_t start = fake.now();
+    fake.fail(Call::Clock, nth, EPERM);
+    tq::oss::pauseFor(5000 * FakeSystemCalls::kMilli);
+    EXPECT_LE(fake.now() - start, 5000 * FakeSystemCalls::kMilli);
+  }
+  FakeSystemCalls fake;
+  fake.failAll(Call::Clock, EPERM);
+  tq::oss::pauseFor(1);
+  EXPECT_LE(fake.count(Call::Clock), 2U);
+}
+
 TEST(Waiting, ADeadlineIsMillisecondsFromNow) {
   FakeSystemCalls fake;
   fake.setClock(1000);
@@ -39,6 +60,16 @@ TEST(Waiting, ADeadlineBeyondTheClocksEndNeverComes) {
   constexpr unsigned long kLast = kNever / FakeSystemCalls::kMilli - 1000;
   EXPECT_EQ(deadlineIn(kLast), (kLast + 1000) * FakeSystemCalls::kMilli);
   EXPECT_EQ(deadlineIn(kLast + 1), kNever);
+}
+
+TEST(Waiting, WithoutAClockADeadlineIsOver) {
+  FakeSystemCalls fake;
+  fake.stall(Call::Poll);
+  fake.failAll(Call::Clock, EPERM);
+  for (const unsigned long millis : {0UL, 1UL, 1000UL, ~0UL}) EXPECT_EQ(deadlineIn(millis), 0U);
+  pollfd entry{-1, POLLIN, 0};
+  EXPECT_EQ(pollUntil(&entry, 1, fake.now() + 1000 * FakeSystemCalls::kMilli), 0);
+  EXPECT_EQ(fake.pollTimeouts(), std::vector<int>{0}) << "one look";
 }
 
 TEST(Waiting, RoundsUpToWholeMilliseconds) {
