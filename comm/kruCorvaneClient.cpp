@@ -9,8 +9,6 @@
 #include "comm/kruRaise.h"
 #include "comm/kruStaticDefs.h"
 #include "infra/oss/kruClock.h"
-#include "infra/oss/kruMessage.h"
-#include "infra/oss/kruMessageList.h"
 #include "infra/oss/kruSocketException.h"
 #include "infra/oss/kruTrace.h"
 
@@ -21,21 +19,6 @@ namespace {
 constexpr const char* kFile = "kruCorvaneClient";
 constexpr char16_t kNoHost[] = u"<unspecified>";
 constexpr std::uint64_t kNanosPerMilli = 1000000;
-
-/// ERR_CONNECT_SERVER, followed by the system's own message.
-[[noreturn]] void raiseConnect(const tq::oss::SocketException& cause, unsigned long line,
-                               const icu::UnicodeString& host, unsigned int port) {
-  tq::oss::Message message;
-  message.setMessageId(StaticDefs::ERR_CONNECT_SERVER);
-  message.setFileName(kFile);
-  message.setLineNumber(line);
-  message.addArgument(host);
-  message.addArgument(static_cast<unsigned long>(port));
-  tq::oss::MessageList messages;
-  messages.add(message);
-  if (!cause.getMessageList().empty()) messages.add(cause.getMessageList().front());
-  rethrow(messages);
-}
 
 }  // namespace
 
@@ -97,7 +80,8 @@ void CorvaneClient::connect() {
     if (deadlinePassed()) {
       raise(StaticDefs::ERR_SERVER_COMM_TIMEOUT, kFile, __LINE__, host_, port_);
     }
-    raiseConnect(e, __LINE__, host_, port_);
+    // The system's own words travel with it.
+    raise(StaticDefs::ERR_CONNECT_SERVER, kFile, __LINE__, host_, port_, e.getMessageList());
   } catch (const tq::oss::BaseException&) {
     raise(StaticDefs::ERR_CONNECT_SERVER, kFile, __LINE__, host_, port_);
   } catch (...) {

@@ -18,7 +18,6 @@
 #include "comm/kruRaise.h"
 #include "comm/kruStaticDefs.h"
 #include "infra/oss/kruClock.h"
-#include "infra/oss/kruMessage.h"
 #include "infra/oss/kruMessageList.h"
 #include "infra/oss/kruSocketException.h"
 #include "infra/oss/kruTrace.h"
@@ -138,7 +137,11 @@ void CorvaneRESTClient::sendAndRecvMesg(ClientRequest& request, ClientResponse& 
       if (!repeat) rethrow(e.getMessageList());
       close();
       pauseBefore(attempt + 1);
-      if (deadlinePassed()) raiseTimeout(e.getMessageList());
+      if (deadlinePassed()) {
+        // What the last attempt met follows as the cause.
+        raise(StaticDefs::ERR_SERVER_COMM_TIMEOUT, kFile, __LINE__, host_, port_,
+              e.getMessageList());
+      }
     } catch (const tq::oss::BaseException&) {
       if (mayBeApplied) outcome_ = RequestOutcome::MayBeApplied;
       raise(StaticDefs::ERR_CLIENT_INTERNAL, kFile, __LINE__);
@@ -166,20 +169,6 @@ void CorvaneRESTClient::pauseBefore(unsigned int attempt) const {
       tq::oss::monotonicNanos() ^ reinterpret_cast<std::uintptr_t>(this)));
   std::uniform_int_distribution<std::uint64_t> share(nanos / 2, nanos);
   tq::oss::pauseFor(std::min(share(random), nanosToDeadline()));
-}
-
-/// The deadline ended the attempts; what the last one met follows as the cause.
-void CorvaneRESTClient::raiseTimeout(const tq::oss::MessageList& cause) const {
-  tq::oss::Message message;
-  message.setMessageId(StaticDefs::ERR_SERVER_COMM_TIMEOUT);
-  message.setFileName(kFile);
-  message.setLineNumber(__LINE__);
-  message.addArgument(host_);
-  message.addArgument(static_cast<unsigned long>(port_));
-  tq::oss::MessageList messages;
-  messages.add(message);
-  messages.add(cause.front());
-  rethrow(messages);
 }
 
 void CorvaneRESTClient::sendAndRecvMesgOnce(ClientRequest& request, ClientResponse& response) {

@@ -36,10 +36,18 @@ void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
 
 void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
            const icu::UnicodeString& host, unsigned int port) {
+  raise(id, file, line, host, port, tq::oss::MessageList());
+}
+
+void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
+           const icu::UnicodeString& host, unsigned int port, const tq::oss::MessageList& cause) {
   tq::oss::Message message = messageOf(id, file, line);
   message.addArgument(host);
   message.addArgument(static_cast<unsigned long>(port));
-  throwWith(message);
+  tq::oss::MessageList messages;
+  messages.add(message);
+  if (!cause.empty()) messages.add(cause.front());
+  rethrow(messages);
 }
 
 void rethrow(const tq::oss::MessageList& messages) { throw RESTException(messages); }

@@ -21,6 +21,11 @@ namespace tq::comm {
 [[noreturn]] void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
                         const icu::UnicodeString& host, unsigned int port);
 
+/// The same, followed by the first of the messages that tell the cause, if there is one.
+[[noreturn]] void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
+                        const icu::UnicodeString& host, unsigned int port,
+                        const tq::oss::MessageList& cause);
+
 /// Throws a fresh RESTException that carries these messages.
 [[noreturn]] void rethrow(const tq::oss::MessageList& messages);
 

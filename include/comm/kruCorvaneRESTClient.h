@@ -146,7 +146,6 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   std::size_t skipTail();
   bool mayRepeat(const tq::oss::MessageList& failure, unsigned int attempt) const;
   void pauseBefore(unsigned int attempt) const;
-  [[noreturn]] void raiseTimeout(const tq::oss::MessageList& cause) const;
   void recvRest(ClientResponse& response);
   bool takeFraming(RESTResponse& parser, ClientResponse& response, std::string* taken);
   bool appendReplyBytes(unsigned long length);

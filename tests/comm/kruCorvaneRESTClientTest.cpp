@@ -842,6 +842,23 @@ TEST(CorvaneRESTClient, ADeadlineBoundsAllAttemptsTogether) {
   EXPECT_GE(network.elapsedMillis(), 400U);
 }
 
+TEST(CorvaneRESTClient, ADeadlineThatPassesBetweenAttemptsNamesWhatTheLastOneMet) {
+  ScriptedNetwork network(silence());
+  network.failConnects(ECONNREFUSED);
+  auto client = clientFor(kFresh);
+  client.setDeadline(300);
+  client.setRetryPause(1000, 1000);
+  auto request = requestFor(1);
+  ClientResponse response;
+  const auto raised = raisedBy([&] { client.sendAndRecvMesg(request, response); });
+  ASSERT_EQ(raised.size(), 2U);
+  EXPECT_EQ(raised[0].id, "ERR_SERVER_COMM_TIMEOUT");
+  EXPECT_EQ(raised[0].file, "kruCorvaneRESTClient");
+  EXPECT_EQ(raised[0].arguments, kHostAndPort);
+  EXPECT_EQ(raised[1].id, "ERR_CONNECT_SERVER");
+  EXPECT_EQ(network.connectAttempts(), 1U);
+}
+
 // Pulling further portions.
 
 TEST(CorvaneRESTClient, RecvWithoutAConnectionIsAnErrorOfTheConnection) {

@@ -190,6 +190,22 @@ TEST(Raise, NamesHostAndPort) {
   EXPECT_EQ("65535", utf8(message.getArguments()[1]));
 }
 
+TEST(Raise, NamesTheFirstOfTheMessagesOfItsCauseBehindItsOwn) {
+  tq::oss::MessageList cause = oneMessage(u"A");
+  cause.add(tq::oss::Message(u"B", u""));
+  for (const bool hasCause : {true, false}) {
+    const RESTException error = thrownBy([&] {
+      raise(StaticDefs::ERR_CONNECT_SERVER, "kruSource", 12, u"server", 7,
+            hasCause ? cause : tq::oss::MessageList());
+    });
+    EXPECT_EQ("ERR_CONNECT_SERVER", firstId(error));
+    EXPECT_EQ(2U, error.getMessageList().front().getArguments().size());
+    ASSERT_EQ(hasCause ? 2U : 1U, error.getMessageList().size());
+    const tq::oss::Message& last = *(error.getMessageList().end() - 1);
+    EXPECT_EQ(hasCause ? "A" : "ERR_CONNECT_SERVER", utf8(last.getMessageId()));
+  }
+}
+
 TEST(Raise, RethrowCarriesTheSameMessages) {
   tq::oss::MessageList messages = oneMessage(u"A");
   messages.add(tq::oss::Message(u"B", u""));
