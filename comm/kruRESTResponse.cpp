@@ -217,7 +217,7 @@ int RESTResponse::gatherChunkLength(const char* buffer, int length) {
   for (int i = 0; i < length; ++i) {
     pending_.push_back(buffer[i]);
     const std::size_t front = pending_.compare(0, 2, "\r\n") == 0 ? 2 : 0;
-    if (buffer[i] == '\n' && pending_.size() > std::max<std::size_t>(front, 1)) {
+    if (buffer[i] == '\n' && pending_.size() > front) {
       takeChunkLengthLine(front);
       return length - i - 1;
     }
@@ -325,8 +325,7 @@ void RESTResponse::raiseServerError(const char* buffer, int length) {
   state_ = kDone;
   if (statusCode_ == kUnauthorized) raise(StaticDefs::ERR_SERVER_INVALID_AUTH);
   if (statusCode_ != kServerError) raise(StaticDefs::ERR_SERVER_PROTOCOL);
-  tq::oss::Message message(StaticDefs::ERR_SERVER_APP, icu::UnicodeString(),
-                           static_cast<tq::oss::Message::Level>(2));
+  tq::oss::Message message(StaticDefs::ERR_SERVER_APP, icu::UnicodeString());
   message.setFileName(kFile);
   message.setLineNumber(__LINE__);
   RESTException error(true);

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -97,6 +98,23 @@ std::string oneRow(const std::string& doc) { return enveloped(record({{"Doc", do
 
 // What the parser asks for.
 
+TEST(RESTResponse, WhatDoesNotBeginAsAReplyIsRefusedAtItsFirstWrongByte) {
+  const auto refused = [](const std::string& bytes) {
+    return errorOf([&] {
+      auto parser = parserFor(8);
+      ClientResponse response;
+      bool done = false;
+      EXPECT_EQ(feed(parser, bytes, response, done), 0);
+    });
+  };
+  for (const char* start : {"H", "HTTP", "HTTP/", "\r\nHTTP/9", "\n\n\rHT"}) {
+    EXPECT_EQ(refused(start).errorId, "") << start;
+  }
+  for (const char* start : {"X", " HTTP/", "h", "HTTQ", "HTTPS", "\r\n\r\n!"}) {
+    EXPECT_EQ(refused(start).errorId, "ERR_CLIENT_RESP_PARSING") << start;
+  }
+}
+
 TEST(RESTResponse, AsksFor256BytesBeforeTheHeaders) {
   auto parser = parserFor(8);
   int need = 0;
@@ -177,6 +195,32 @@ TEST(RESTResponse, ReadsOnWhenABlockAnnouncesNeitherALengthNorChunks) {
   }
   EXPECT_FALSE(parser.parseDone(need));
   EXPECT_EQ(need, 8);
+}
+
+TEST(RESTResponse, AZeroByteEndsAHeaderBlockAndIsNotTaken) {
+  using namespace std::string_literals;
+  auto parser = parserFor(8);
+  ClientResponse response;
+  bool done = false;
+  EXPECT_EQ(feed(parser, "HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\0\x01\r\n\r\n"s, response, done),
+            6);
+  int need = 0;
+  EXPECT_FALSE(parser.parseDone(need));
+  EXPECT_EQ(need, 8);
+}
+
+TEST(RESTResponse, TakesALengthBesideChunksForNothing) {
+  for (const char* lines : {"Content-Length: 5\r\nTransfer-Encoding: chunked\r\n",
+                            "Transfer-Encoding: chunked\r\nContent-Length: 5\r\n"}) {
+    auto parser = parserFor(8);
+    ClientResponse response;
+    bool done = false;
+    EXPECT_EQ(feed(parser, headers(200, lines), response, done), 0);
+    int need = 0;
+    EXPECT_FALSE(parser.parseDone(need));
+    EXPECT_EQ(need, 16) << "the size line is still to come";
+    EXPECT_EQ(parser.getContentLength(), 0);
+  }
 }
 
 // Header lines.
@@ -270,9 +314,44 @@ TEST(ChunkedMesgLen, LooksAtNoMoreThanItsBufferHolds) {
   int used = 0;
   EXPECT_EQ(getChunkedMesgLen(longest.c_str(), used), 43);
   EXPECT_EQ(used, 127);
-  const std::string endless = std::string(5000, '0');
-  getChunkedMesgLen(endless.c_str(), used);
-  EXPECT_LE(used, 5000);
+  const std::string longer = std::string(124, '0') + "2b\r\n";
+  EXPECT_EQ(getChunkedMesgLen(longer.c_str(), used), 2) << "the last digit is not looked at";
+  EXPECT_EQ(used, 125);
+}
+
+TEST(ChunkedMesgLen, ANumberThatNoIntHoldsIsTheLargestInt) {
+  for (const char* line : {"80000000\r\n", "100000001\r\n", "ffffffffffffffffffff\r\n"}) {
+    int used = 0;
+    EXPECT_EQ(getChunkedMesgLen(line, used), std::numeric_limits<int>::max()) << line;
+  }
+}
+
+TEST(RESTResponse, ASizeLineOf125CharactersIsTakenWithTheLineEndInFrontOfItAndALongerOneRefused) {
+  for (const char* front : {"", "\r\n"}) {
+    for (const std::size_t zeros : {123U, 124U}) {
+      const auto error = errorOf([&] {
+        auto parser = parserFor(8, kContinuation);
+        ClientResponse response;
+        bool done = false;
+        const auto line = front + std::string(zeros, '0') + "2b\r\n";
+        EXPECT_EQ(feed(parser, line + "x", response, done), 1);
+        EXPECT_EQ(parser.getContentLength(), 43);
+      });
+      EXPECT_EQ(error.errorId, zeros == 123 ? "" : "ERR_CLIENT_RESP_PARSING") << front << zeros;
+    }
+  }
+}
+
+TEST(RESTResponse, AnEmptySizeLineIsRefusedAtOnce) {
+  for (const char* line : {"\n", "\r\n\n", "\r\n\r\n"}) {
+    EXPECT_EQ(errorOf([&] {
+                auto parser = parserFor(8, kContinuation);
+                ClientResponse response;
+                bool done = false;
+                feed(parser, line, response, done);
+              }).errorId,
+              "ERR_CLIENT_RESP_PARSING");
+  }
 }
 
 TEST(RESTResponse, SkipsTheEndOfThePreviousChunkInFrontOfAChunkSizeLine) {
@@ -321,7 +400,72 @@ TEST(RESTResponse, InitStateMakesAParserReadyForEitherStart) {
   EXPECT_FALSE(parser.isChunked());
 }
 
+TEST(RESTResponse, InitStateForgetsTheReplyThatItWasIn) {
+  const std::string start = headers(200, "Transfer-Encoding: chunked\r\n");
+  // In a header block; in a size line; behind a chunk too short for a record's start; at the end.
+  for (const std::string& begun :
+       {start.substr(0, 20), start + "1", start + "3\r\n", start + "0\r\n"}) {
+    auto parser = parserFor(8);
+    ClientResponse response;
+    bool done = false;
+    const auto left = feed(parser, begun, response, done);
+    EXPECT_EQ(left, 0);
+    if (parser.wantsWholeBody())
+      feed(parser, begun.ends_with("3\r\n") ? "abc" : "", response, done);
+    parser.initState(false);
+    done = false;
+    EXPECT_FALSE(parser.isChunked());
+    EXPECT_FALSE(parser.lastChunkSeen());
+    EXPECT_EQ(parser.getContentLength(), 0);
+    const auto body = kSkipped + oneHit("a") + kEndMark;
+    EXPECT_EQ(parseWhole(parser, 200, body, response, done), 4) << begun;
+    EXPECT_EQ(hitsOf(response).size(), 1U) << begun;
+    EXPECT_TRUE(parser.endMarkSeen());
+    parser.initState(false);
+    EXPECT_FALSE(parser.endMarkSeen());
+  }
+}
+
 // Bodies without an error.
+
+TEST(RESTResponse, ABodyIsParsedByItsAnnouncedLengthAndNotByWhatIsOffered) {
+  const auto body = kSkipped + oneHit("a");
+  auto parser = parserFor(8);
+  ClientResponse response;
+  bool done = false;
+  feed(parser, headersWithLength(200, body.size()), response, done);
+  EXPECT_EQ(feed(parser, body + oneHit("b") + kEndMark, response, done), 0);
+  EXPECT_EQ(hitsOf(response).size(), 1U);
+  EXPECT_FALSE(done) << "the end mark is none of this reply";
+}
+
+TEST(RESTResponse, ABodyThatIsNotAllThereIsLeftAlone) {
+  const auto body = kSkipped + oneHit("a") + kEndMark;
+  auto parser = parserFor(8);
+  ClientResponse response;
+  bool done = false;
+  feed(parser, headersWithLength(200, body.size()), response, done);
+  for (std::size_t length = 0; length < body.size(); ++length) {
+    // Behind the shortened body stands nothing that could be read.
+    const std::vector<char> part(body.begin(), body.begin() + static_cast<long>(length));
+    EXPECT_EQ(parser.parseMesg(part.data(), size(body.substr(0, length)), response, done),
+              static_cast<int>(length));
+    int need = 0;
+    EXPECT_FALSE(parser.parseDone(need));
+    EXPECT_EQ(need, size(body));
+  }
+  EXPECT_EQ(feed(parser, body, response, done), 4);
+  EXPECT_EQ(hitsOf(response).size(), 1U);
+}
+
+TEST(RESTResponse, ABodyShorterThanTheBytesInFrontOfItsRecordsIsRefused) {
+  for (const int kind : {8, 20, 11, 14, 15}) {
+    for (std::size_t length = 1; length < 4; ++length) {
+      EXPECT_EQ(refusal(kind, 200, kSkipped.substr(0, length)).errorId, "ERR_CLIENT_RESP_PARSING")
+          << kind;
+    }
+  }
+}
 
 TEST(RESTResponse, Status200SetsTheReturnCodeTo0) {
   Parsed200 result;
@@ -469,6 +613,12 @@ TEST(RESTResponse, AFieldThatRunsPastItsRecordIsRefused) {
   }
 }
 
+TEST(RESTResponse, AFieldThatRunsPastItsErrorRecordIsRefused) {
+  auto bytes = record({{"MsgId", "ZVK1234E"}, {"MsgText", "t"}});
+  bytes.replace(bytes.size() - 5, 4, bigEndian(2));
+  EXPECT_EQ(refusal(8, 500, kSkipped + enveloped(bytes) + "x").errorId, "ERR_CLIENT_RESP_PARSING");
+}
+
 TEST(RESTResponse, AHitWithoutItsDocumentIsRefusedByName) {
   const auto error = refusal(8, 200, kSkipped + enveloped(record({{"SCORE", "1"}})) + kEndMark);
   EXPECT_FALSE(error.errorId.empty());
@@ -522,6 +672,16 @@ TEST(RESTResponse, AParseResultLongerThanTheDataIsRefused) {
     EXPECT_EQ(error.errorId, "ERR_CLIENT_RESP_PARSING");
     EXPECT_EQ(error.errorFile, "(null)");
   }
+}
+
+TEST(RESTResponse, AParseResultLongerThanTheDataIsRefusedBehindAnEndThatIsNotItsOwn) {
+  EXPECT_EQ(errorOf([&] {
+              auto parser = parserFor(11);
+              ClientResponse response;
+              bool done = true;
+              parseWhole(parser, 200, kSkipped + oneRow("one").substr(0, 9), response, done);
+            }).errorId,
+            "ERR_CLIENT_RESP_PARSING");
 }
 
 TEST(RESTResponse, ARefusedParseResultLeavesTheRowsBeforeIt) {
@@ -619,6 +779,17 @@ TEST(RESTResponse, EstimateAndStatusSkipFourBytesInAContinuationToo) {
   EXPECT_EQ(response.getStatusCode(), 8U);
 }
 
+TEST(RESTResponse, AContinuationSkipsFourBytesInFrontOfAnEstimate) {
+  const auto body = kSkipped + enveloped(record({{"a", "b"}})) + "xyz";
+  auto parser = parserFor(14, kContinuation);
+  ClientResponse response;
+  bool done = false;
+  char line[32];
+  std::snprintf(line, sizeof line, "%zx\r\n", body.size());
+  feed(parser, line, response, done);
+  EXPECT_EQ(feed(parser, body, response, done), 3);
+}
+
 // Refusals.
 
 TEST(RESTResponse, ARefusalWithABodyRaisesByItsStatus) {
@@ -635,6 +806,18 @@ TEST(RESTResponse, ARefusalWithABodyRaisesByItsStatus) {
       EXPECT_TRUE(error.errorArguments.empty());
       EXPECT_EQ(error.errorLevel, 2);
     }
+  }
+}
+
+TEST(RESTResponse, ARefusalWaitsForNoMoreThanItsFirstChunk) {
+  for (const int status : {400, 401, 404}) {
+    auto parser = parserFor(8);
+    ClientResponse response;
+    bool done = false;
+    feed(parser, headers(status, "Transfer-Encoding: chunked\r\n") + "1\r\n", response, done);
+    EXPECT_THROW(feed(parser, "b", response, done), RESTException) << status;
+    int need = 0;
+    EXPECT_TRUE(parser.parseDone(need));
   }
 }
 
@@ -753,6 +936,65 @@ TEST(RESTResponse, TheDefaultLimitOfABodyIsOneGibibyte) {
       feed(parser, headersWithLength(200, size), response, done);
     });
     EXPECT_EQ(error.errorId, refused ? "ERR_CLIENT_RESP_PARSING" : "");
+  }
+}
+
+TEST(RESTResponse, TheLimitOfAHeaderBlockHoldsToTheByteAndCanBeMoved) {
+  const auto blockOf = [](std::size_t length) {
+    const auto rest = headers(200, "Content-Length: 5\r\nX: \r\n").size();
+    return headers(200, "Content-Length: 5\r\nX: " + std::string(length - rest, 'x') + "\r\n");
+  };
+  constexpr std::size_t kDefault = std::size_t{1} << 20;
+  for (const auto& [moved, limit] : std::vector<std::pair<std::size_t, std::size_t>>{
+           {0, kDefault}, {200, 200}, {5000, 5000}, {2 * kDefault, kDefault}}) {
+    for (const std::size_t length : {limit, limit + 1}) {
+      const auto error = errorOf([&, most = moved] {
+        auto parser = parserFor(8);
+        if (most != 0) parser.setMaxReplyBytes(most);
+        ClientResponse response;
+        bool done = false;
+        feed(parser, blockOf(length), response, done);
+      });
+      EXPECT_EQ(error.errorId, length > limit ? "ERR_CLIENT_RESP_PARSING" : "") << length;
+    }
+  }
+}
+
+TEST(RESTResponse, ARecordAboveTheLimitIsRefusedAtItsFirstChunk) {
+  const auto lines = headers(200, "Transfer-Encoding: chunked\r\n") + "8\r\n";
+  for (const int kind : {8, 11, 14, 15}) {
+    for (const std::uint32_t length : {500U, 501U}) {
+      const auto error = errorOf([&] {
+        auto parser = parserFor(kind);
+        parser.setMaxReplyBytes(500);
+        ClientResponse response;
+        bool done = false;
+        EXPECT_EQ(feed(parser, lines, response, done), 0);
+        feed(parser, kSkipped + bigEndian(length), response, done);
+      });
+      // A parse result must not be cut by a chunk, whatever its length is.
+      const bool refused = length > 500 || kind == 11;
+      EXPECT_EQ(error.errorId, refused ? "ERR_CLIENT_RESP_PARSING" : "") << kind;
+    }
+  }
+}
+
+TEST(RESTResponse, AFirstBodyTooShortForARecordIsDoneWithTheLastChunk) {
+  for (const int kind : {8, 20}) {
+    for (const std::size_t behind : {std::size_t{1}, std::size_t{3}}) {
+      auto parser = parserFor(kind);
+      ClientResponse response;
+      bool done = false;
+      const std::string begun = kSkipped + std::string(behind, '\1');
+      const auto line = std::to_string(begun.size()) + "\r\n";
+      feed(parser, headers(200, "Transfer-Encoding: chunked\r\n") + line, response, done);
+      EXPECT_EQ(feed(parser, begun, response, done), size(begun)) << "kept for the next chunk";
+      EXPECT_EQ(feed(parser, "\r\n0\r\n", response, done), 0);
+      EXPECT_FALSE(done);
+      EXPECT_EQ(feed(parser, begun, response, done), static_cast<int>(behind));
+      EXPECT_TRUE(done);
+      EXPECT_TRUE(parser.lastChunkSeen());
+    }
   }
 }
 

@@ -1,0 +1,141 @@
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "comm/kruChunkTail.h"
+
+namespace tq::comm {
+namespace {
+
+constexpr std::size_t kMaxChunk = 1000;
+
+TEST(ChunkSize, IsTheHexadecimalNumberAtTheStartOfItsLine) {
+  struct Case {
+    const char* line;
+    std::optional<std::size_t> size;
+  };
+  const Case cases[] = {
+      {"0\r\n", 0},
+      {"1a\r\n", 26},
+      {"1A\r\n", 26},
+      {"0000f\r\n", 15},
+      {"7;name=v\r\n", 7},
+      {"7 \r\n", 7},
+      {"7\t;x\r\n", 7},
+      {"7\r\r\n", 7},
+      {"", std::nullopt},
+      {"\r\n", std::nullopt},
+      {"7", std::nullopt},
+      {"7\n", std::nullopt},
+      {"7\r", std::nullopt},
+      {"7x\r\n", std::nullopt},
+      {"0x7\r\n", std::nullopt},
+      {"-7\r\n", std::nullopt},
+      {"+7\r\n", std::nullopt},
+      {" 7\r\n", std::nullopt},
+      {";\r\n", std::nullopt},
+      {"g\r\n", std::nullopt},
+  };
+  for (const Case& test : cases) EXPECT_EQ(test.size, chunkSizeOf(test.line)) << test.line;
+}
+
+TEST(ChunkSize, OfANumberThatNoMachineHoldsIsTheLargestOne) {
+  EXPECT_EQ(static_cast<std::size_t>(-1), chunkSizeOf("ffffffffffffffff\r\n"));
+  EXPECT_EQ(static_cast<std::size_t>(-1), chunkSizeOf("10000000000000000\r\n"));
+}
+
+/// What of the bytes is left when they come in pieces of this size, or "broken".
+std::string leftOf(ChunkTail tail, const std::string& bytes, std::size_t piece) {
+  for (std::size_t at = 0; at < bytes.size(); at += piece) {
+    const std::string part = bytes.substr(at, piece);
+    const std::size_t skipped = tail.skip(part.data(), part.size());
+    if (tail.broken()) return "broken";
+    if (skipped < part.size()) return bytes.substr(at + skipped);
+  }
+  return tail.active() ? "more" : "";
+}
+
+ChunkTail behindData() {
+  ChunkTail tail;
+  tail.startBehindData(kMaxChunk);
+  return tail;
+}
+
+ChunkTail behindLastChunk() {
+  ChunkTail tail;
+  tail.startBehindLastChunk();
+  return tail;
+}
+
+void expectLeft(const ChunkTail& tail, const std::string& bytes, const std::string& expected) {
+  for (const std::size_t piece : {1U, 2U, 3U, 5U, 1000000U}) {
+    EXPECT_EQ(expected, leftOf(tail, bytes, piece)) << bytes << " in pieces of " << piece;
+  }
+}
+
+TEST(ChunkTail, SkipsNothingAtFirst) {
+  const ChunkTail tail;
+  EXPECT_FALSE(tail.active());
+  EXPECT_FALSE(tail.broken());
+  expectLeft(tail, "0\r\n\r\n", "0\r\n\r\n");
+}
+
+TEST(ChunkTail, SkipsUpToTheBlankLineBehindTheLastChunk) {
+  expectLeft(behindData(), "\r\n0\r\n\r\nHTTP/1.1", "HTTP/1.1");
+  expectLeft(behindData(), "\r\n0\r\n\r\n", "");
+  expectLeft(behindData(), "\r\n5\r\nHTTP/\r\na;x=y\r\n0123456789\r\n0\r\n\r\nnext", "next");
+  expectLeft(behindLastChunk(), "\r\nnext", "next");
+  expectLeft(behindLastChunk(), "\nnext", "next");
+}
+
+TEST(ChunkTail, SkipsTrailers) {
+  expectLeft(behindLastChunk(), "X-A: 1\r\nY: HTTP\r\n\r\nHTTP/1.1", "HTTP/1.1");
+  expectLeft(behindData(), "\r\n0\r\nX-A: 1\r\n\r\nnext", "next");
+}
+
+TEST(ChunkTail, EndsInFrontOfAStatusLineThatComesInsteadOfTheEnd) {
+  expectLeft(behindData(), "\r\nHTTP/1.1", "HTTP/1.1");
+  expectLeft(behindData(), "HTTP/1.1", "HTTP/1.1");
+  expectLeft(behindLastChunk(), "HTTP/1.1", "HTTP/1.1");
+  expectLeft(behindLastChunk(), "X-A: 1\r\nHTTP/1.1", "HTTP/1.1");
+}
+
+TEST(ChunkTail, IsActiveUntilItsEndHasCome) {
+  for (const char* bytes :
+       {"", "\r", "\r\n", "\r\n0", "\r\n0\r\n", "\r\n0\r\n\r", "\r\n3\r\nab", "\r\n0\r\nX"}) {
+    expectLeft(behindData(), bytes, "more");
+  }
+}
+
+TEST(ChunkTail, WhatIsNoChunkBreaksItForGood) {
+  for (const char* bytes : {"x", "\r\n-1\r\n", "\r\n5z\r\n", "12\n", "\r\n \r\n"}) {
+    expectLeft(behindData(), bytes, "broken");
+  }
+  ChunkTail tail = behindData();
+  tail.skip("x", 1);
+  EXPECT_FALSE(tail.active());
+  EXPECT_EQ(0U, tail.skip("0\r\n", 3));
+  tail.clear();
+  EXPECT_FALSE(tail.broken());
+}
+
+TEST(ChunkTail, TheLimitOfAChunkHoldsToTheByteAndCanBeMoved) {
+  for (const std::size_t limit : {std::size_t{15}, std::size_t{255}}) {
+    const std::string at = limit == 15 ? "f\r\n" : "ff\r\n";
+    const std::string over = limit == 15 ? "10\r\n" : "100\r\n";
+    ChunkTail tail;
+    tail.startBehindData(limit);
+    expectLeft(tail, at, "more");
+    expectLeft(tail, over, "broken");
+  }
+}
+
+TEST(ChunkTail, ASizeLineIsAsLongAs125CharactersAndNoLonger) {
+  expectLeft(behindData(), std::string(124, '0') + "1\r\nx\r\n0\r\n\r\nnext", "next");
+  expectLeft(behindData(), std::string(125, '0') + "1\r\n", "broken");
+}
+
+}  // namespace
+}  // namespace tq::comm
