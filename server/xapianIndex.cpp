@@ -17,8 +17,6 @@
 namespace corvaned {
 namespace {
 
-constexpr std::size_t kBatchChanges = 1000;
-constexpr std::size_t kBatchBytes = std::size_t{16} << 20U;
 constexpr int kReadAttempts = 8;
 // How many matches are counted one by one before a number becomes an estimate.
 constexpr Xapian::doccount kExactHits = 10000;
@@ -218,12 +216,13 @@ auto translated(const Work& work) {
 /// same.
 class XapianIndex::Writer {
  public:
-  Writer(std::filesystem::path path, const StopCheck& stop) : path_(std::move(path)), stop_(stop) {}
+  Writer(std::filesystem::path path, const IndexLimits& limits, const StopCheck& stop)
+      : path_(std::move(path)), limits_(limits), stop_(stop) {}
 
   void add(Change&& change) {
     batchBytes_ += bytesOf(change);
     batch_.push_back(std::move(change));
-    if (batch_.size() >= kBatchChanges || batchBytes_ >= kBatchBytes) flush();
+    if (batch_.size() >= limits_.batchChanges || batchBytes_ >= limits_.batchBytes) flush();
   }
 
   void flush() {
@@ -288,6 +287,7 @@ class XapianIndex::Writer {
   }
 
   const std::filesystem::path path_;
+  const IndexLimits& limits_;
   const StopCheck& stop_;
   std::optional<Xapian::WritableDatabase> database_;
   Xapian::Stem stemmer_;
@@ -322,7 +322,7 @@ XapianIndex::XapianIndex(std::filesystem::path path, IndexLimits limits)
 XapianIndex::~XapianIndex() = default;
 
 std::vector<ParseOutcome> XapianIndex::apply(const ChangeSource& changes, const StopCheck& stop) {
-  Writer writer(path_, stop);
+  Writer writer(path_, limits_, stop);
   changes([&](Change&& change) { writer.add(std::move(change)); });
   writer.flush();
   return writer.takeRefused();

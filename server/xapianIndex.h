@@ -20,6 +20,9 @@ struct IndexLimits {
   std::size_t queryTerms = 256;
   /// Most words that one word with a trailing * may stand for.
   std::size_t expansion = 1000;
+  /// Most changes of one transaction, and bytes after which no more are added to it.
+  std::size_t batchChanges = 1000;
+  std::size_t batchBytes = std::size_t{16} << 20U;
 };
 
 /// The searchable part of one collection: a Xapian database in a directory. No Xapian type leaves

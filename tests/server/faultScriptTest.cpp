@@ -9,7 +9,7 @@
 
 #include "server/faultPlan.h"
 #include "server/faultScript.h"
-#include "tests/server/temporaryDirectory.h"
+#include "tests/support/temporaryDirectory.h"
 
 namespace corvaned {
 namespace {
@@ -123,7 +123,7 @@ INSTANTIATE_TEST_SUITE_P(
         BadScript{"seed 1 2; all: drop 1", "nothing behind the seed"}));
 
 TEST(FaultScript, IsReadFromAFileAndErrorsNameIt) {
-  test::TemporaryDirectory directory;
+  tq::test::TemporaryDirectory directory;
   const std::string path = (directory.path() / "script").string();
   std::ofstream(path) << "all: drop 1\n";
   EXPECT_EQ(loadFaultScript(path).rules.size(), 1U);

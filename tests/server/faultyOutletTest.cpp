@@ -18,8 +18,8 @@
 #include "server/server.h"
 #include "tests/server/rawClient.h"
 #include "tests/server/requestBytes.h"
-#include "tests/server/temporaryDirectory.h"
 #include "tests/support/exchange.h"
+#include "tests/support/temporaryDirectory.h"
 
 namespace corvaned {
 namespace {
@@ -64,7 +64,7 @@ class FaultyServer : public ::testing::Test {
   }
 
   struct Shared {
-    test::TemporaryDirectory directory;
+    tq::test::TemporaryDirectory directory;
     LocalStore store{directory.path() / "data", StoreLimits{}};
     Dispatcher dispatcher{store, "1.2.3"};
   };

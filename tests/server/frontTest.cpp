@@ -16,7 +16,7 @@
 #include "server/server.h"
 #include "tests/server/rawClient.h"
 #include "tests/server/requestBytes.h"
-#include "tests/server/temporaryDirectory.h"
+#include "tests/support/temporaryDirectory.h"
 
 namespace corvaned {
 namespace {
@@ -130,7 +130,7 @@ class FrontTest : public ::testing::Test {
     EXPECT_EQ(binaryAsk(other, 2, {{"action", "getStatus"}}), kSuccess);
   }
 
-  test::TemporaryDirectory directory_;
+  tq::test::TemporaryDirectory directory_;
   TestStore store_{directory_.path() / "data", StoreLimits{}};
   Dispatcher dispatcher_{store_, "1.2.3"};
   ServerOptions options_;
@@ -524,7 +524,7 @@ TEST_F(FrugalFrontTest, UnfinishedRequestsOfAllClientsTogetherHaveALimit) {
 }
 
 TEST(Server, AddressThatCannotBeHadIsNamed) {
-  test::TemporaryDirectory directory;
+  tq::test::TemporaryDirectory directory;
   LocalStore store(directory.path(), {});
   Dispatcher dispatcher(store, "1");
   ServerOptions options;

@@ -10,7 +10,7 @@
 #include "server/errors.h"
 #include "server/journal.h"
 #include "tests/server/fileSizeLimit.h"
-#include "tests/server/temporaryDirectory.h"
+#include "tests/support/temporaryDirectory.h"
 
 namespace corvaned {
 namespace {
@@ -49,7 +49,7 @@ class JournalTest : public ::testing::Test {
     std::ofstream(segment(number), std::ios::binary | std::ios::trunc) << bytes;
   }
 
-  test::TemporaryDirectory directory_;
+  tq::test::TemporaryDirectory directory_;
   Keys found_;
 };
 

@@ -9,7 +9,7 @@
 #include "server/errors.h"
 #include "server/localStore.h"
 #include "tests/server/fileSizeLimit.h"
-#include "tests/server/temporaryDirectory.h"
+#include "tests/support/temporaryDirectory.h"
 
 namespace corvaned {
 namespace {
@@ -65,7 +65,7 @@ class LocalStoreTest : public ::testing::Test {
     return {};
   }
 
-  test::TemporaryDirectory directory_;
+  tq::test::TemporaryDirectory directory_;
   StoreLimits limits_;
   std::unique_ptr<LocalStore> store_;
 };

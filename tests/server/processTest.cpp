@@ -7,24 +7,20 @@
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
 #include <fstream>
-#include <set>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tests/server/rawClient.h"
 #include "tests/server/requestBytes.h"
-#include "tests/server/temporaryDirectory.h"
+#include "tests/support/temporaryDirectory.h"
 
 // The program itself, as a process of its own.
 namespace corvaned {
 namespace {
 
 using test::binaryRequest;
-using test::documentBlock;
 using test::RawClient;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
@@ -103,26 +99,7 @@ class ProcessTest : public ::testing::Test {
     return {"--binary-port", "0", "--data", data_, "--log-level", "error"};
   }
 
-  static void expectDone(RawClient& client, const test::Headers& headers,
-                         const std::string& body = {}) {
-    ASSERT_TRUE(client.send(binaryRequest(headers, body)));
-    ASSERT_EQ(client.receive(2), std::string("\0\1", 2));
-  }
-
-  static std::set<std::string> keys(RawClient& client, const std::string& query) {
-    client.send(binaryRequest({{"action", "search"}, {"index", "c"}, {"query", query}}));
-    EXPECT_EQ(client.receive(2), std::string("\0\1", 2));
-    std::set<std::string> found;
-    for (;;) {
-      const std::string head = client.receive(4);
-      const std::size_t length =
-          static_cast<unsigned char>(head.at(2)) * 256U + static_cast<unsigned char>(head.at(3));
-      if (length == 0) return found;
-      found.insert(client.receive(length));
-    }
-  }
-
-  test::TemporaryDirectory directory_;
+  tq::test::TemporaryDirectory directory_;
   std::string data_ = (directory_.path() / "data").string();
 };
 
@@ -204,62 +181,6 @@ TEST_F(ProcessTest, FaultScriptOfTheCommandLineIsCarriedOut) {
   RawClient client(portOf(program.line()));
   client.send(binaryRequest({{"action", "getStatus"}}));
   EXPECT_EQ(client.receiveAll(), std::string("\0", 1));
-}
-
-TEST_F(ProcessTest, AcknowledgedDocumentsSurviveAKillAtAnyMoment) {
-  std::set<std::string> acknowledged;
-  for (int round = 0; round < 12; ++round) {
-    Program program(arguments());
-    const std::uint16_t port = portOf(program.line());
-    RawClient client(port);
-    if (round == 0) expectDone(client, {{"action", "createCollection"}, {"index", "c"}});
-    // Documents are added until the server is gone, which happens somewhere among them, with an
-    // index update under way in every other round.
-    std::atomic<int> count = 0;
-    std::thread killer([&] {
-      if (round % 2 == 1) {
-        RawClient other(port);
-        other.send(binaryRequest({{"action", "updateIndex"}, {"index", "c"}}));
-      }
-      while (count < 20 + round * 3) std::this_thread::yield();
-      program.signal(SIGKILL);
-    });
-    for (int i = 0;; ++i) {
-      const std::string key = std::to_string(round) + "-" + std::to_string(i);
-      client.send(binaryRequest({{"action", "addDocument"}, {"index", "c"}},
-                                documentBlock(key, {{"a", "b"}}, "fox")));
-      if (client.receive(2) != std::string("\0\1", 2)) break;
-      acknowledged.insert(key);
-      ++count;
-    }
-    killer.join();
-  }
-  Program program(arguments());
-  RawClient client(portOf(program.line()));
-  expectDone(client, {{"action", "updateIndex"}, {"index", "c"}});
-  const std::set<std::string> found = keys(client, "fox");
-  for (const std::string& key : acknowledged) EXPECT_TRUE(found.contains(key)) << key;
-  // Of each round one more may have been stored, whose acknowledgement was on its way.
-  EXPECT_LE(found.size(), acknowledged.size() + 12);
-}
-
-TEST_F(ProcessTest, ReportedQueuedDocumentsSurviveAKill) {
-  {
-    Program program(arguments());
-    RawClient client(portOf(program.line()));
-    expectDone(client, {{"action", "createCollection"}, {"index", "c"}});
-    for (int i = 0; i < 100; ++i) {
-      client.send(binaryRequest({{"action", "asyncAddDocument"}, {"index", "c"}},
-                                documentBlock(std::to_string(i), {{"a", "b"}}, "fox")));
-    }
-    expectDone(client, {{"action", "getParseResult"}, {"index", "c"}});
-    program.signal(SIGKILL);
-    program.wait();
-  }
-  Program program(arguments());
-  RawClient client(portOf(program.line()));
-  expectDone(client, {{"action", "updateIndex"}, {"index", "c"}});
-  EXPECT_EQ(keys(client, "fox").size(), 100U);
 }
 
 }  // namespace

@@ -1,0 +1,255 @@
+#include "tests/server/changeHistory.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <ostream>
+#include <sstream>
+#include <stdexcept>
+
+namespace corvaned::test {
+namespace {
+
+using Kind = Step::Kind;
+
+// Few, so that keys are replaced and deleted often and collections are made again.
+constexpr std::array<const char*, 2> kCollections{"a", "b"};
+constexpr std::uint64_t kKeys = 3;
+
+const char* nameOf(Kind kind) {
+  constexpr std::array<const char*, 7> names{"create", "drop",   "add",   "queue",
+                                             "report", "remove", "update"};
+  return names.at(static_cast<std::size_t>(kind));
+}
+
+bool putsDocument(const Step& step) { return step.kind == Kind::add || step.kind == Kind::queue; }
+
+std::string fieldOf(const std::string& word) { return std::string("f") + word.back(); }
+
+std::ostream& operator<<(std::ostream& out, const Words& words) {
+  for (const auto& [key, word] : words) out << " " << key << "=" << word;
+  return out;
+}
+
+std::set<std::string> wordsOf(const Model& model, const Steps& steps) {
+  std::set<std::string> words;
+  for (const auto& [name, contents] : model.collections()) {
+    for (const auto& [key, word] : contents.documents) words.insert(word);
+    for (const auto& [key, word] : contents.searchable) words.insert(word);
+  }
+  for (const Step& step : steps) {
+    if (putsDocument(step)) words.insert(step.word);
+  }
+  return words;
+}
+
+// Which document a key has, by the words that find it. What the one word that all documents have
+// does not find with them, or finds alone, has a wrong text.
+Words documentsIn(Subject& subject, const std::string& collection,
+                  const std::set<std::string>& words) {
+  Words found;
+  std::set<std::string> keys;
+  for (const std::string& word : words) {
+    const std::set<std::string> byText = subject.search(collection, word);
+    if (subject.search(collection, fieldOf(word) + ":" + word) != byText) {
+      throw std::runtime_error("text and field of " + word + " are of different documents");
+    }
+    for (const std::string& key : byText) {
+      if (!found.emplace(key, word).second) throw std::runtime_error(key + " has two texts");
+      keys.insert(key);
+    }
+  }
+  if (subject.search(collection, "every") != keys) {
+    throw std::runtime_error("there is a document in " + collection + " that nobody added");
+  }
+  return found;
+}
+
+}  // namespace
+
+std::ostream& operator<<(std::ostream& out, const Step& step) {
+  out << nameOf(step.kind) << " " << step.collection;
+  if (!step.key.empty()) out << " " << step.key;
+  return step.word.empty() ? out : out << "=" << step.word;
+}
+
+std::ostream& operator<<(std::ostream& out, const Collections& collections) {
+  for (const auto& [name, contents] : collections) {
+    out << name << (contents.pending ? " (pending)" : "") << ":" << contents.documents
+        << "; searchable:" << contents.searchable << "\n";
+  }
+  return out;
+}
+
+Document documentOf(const Step& step) {
+  return {step.key, {{fieldOf(step.word), step.word}}, "every " + step.word};
+}
+
+void Model::apply(const Step& step) {
+  if (step.kind == Kind::create) {
+    collections_[step.collection];
+    candidates_[step.collection];
+    return;
+  }
+  if (step.kind == Kind::drop) {
+    collections_.erase(step.collection);
+    candidates_.erase(step.collection);
+    return;
+  }
+  Contents& contents = collections_.at(step.collection);
+  auto& candidates = candidates_[step.collection];
+  if (putsDocument(step)) {
+    contents.documents[step.key] = step.word;
+    contents.pending = true;
+    candidates[step.key].insert(step.word);
+  } else if (step.kind == Kind::remove) {
+    contents.documents.erase(step.key);
+    contents.searchable.erase(step.key);
+    contents.pending = true;
+    candidates.erase(step.key);
+  } else if (step.kind == Kind::update) {
+    contents.searchable = contents.documents;
+    contents.pending = false;
+    candidates.clear();
+    for (const auto& [key, word] : contents.documents) candidates[key] = {word};
+  }
+}
+
+void Model::settle() {
+  for (const auto& [name, contents] : Collections(collections_)) {
+    apply({Kind::update, name, {}, {}});
+  }
+}
+
+bool Model::allowsWithUpdates(const Collections& found) const {
+  Collections same = found;
+  for (auto& [name, contents] : same) {
+    const auto mine = collections_.find(name);
+    if (mine == collections_.end()) return false;
+    for (const auto& [key, word] : contents.searchable) {
+      const auto& candidates = candidates_.at(name);
+      const auto place = candidates.find(key);
+      if (place == candidates.end() || !place->second.contains(word)) return false;
+    }
+    contents.searchable = mine->second.searchable;
+    contents.pending = mine->second.pending;
+  }
+  return same == collections_;
+}
+
+bool Model::allowsDuringUpdate(const std::string& collection, const Collections& found) const {
+  const auto theirs = found.find(collection);
+  if (theirs == found.end()) return false;
+  const Contents& mine = collections_.at(collection);
+  const auto wordIn = [](const Words& words, const std::string& key) {
+    const auto place = words.find(key);
+    return place == words.end() ? std::string() : place->second;
+  };
+  std::set<std::string> keys;
+  for (const Words& words : {mine.documents, mine.searchable, theirs->second.searchable}) {
+    for (const auto& [key, word] : words) keys.insert(key);
+  }
+  for (const std::string& key : keys) {
+    const std::string word = wordIn(theirs->second.searchable, key);
+    if (word != wordIn(mine.searchable, key) && word != wordIn(mine.documents, key)) return false;
+  }
+  Collections same = found;
+  same[collection].searchable = mine.searchable;
+  same[collection].pending = mine.pending;
+  return same == collections_;
+}
+
+std::uint64_t StepSource::number(std::uint64_t most) {
+  return std::uniform_int_distribution<std::uint64_t>(0, most)(random_);
+}
+
+Step StepSource::next(const Collections& collections) {
+  Step step;
+  step.collection = kCollections.at(number(kCollections.size() - 1));
+  if (!collections.contains(step.collection)) return step;
+  constexpr std::array<Kind, 20> kinds{Kind::add,    Kind::add,    Kind::add,    Kind::add,
+                                       Kind::add,    Kind::queue,  Kind::queue,  Kind::queue,
+                                       Kind::report, Kind::report, Kind::remove, Kind::remove,
+                                       Kind::remove, Kind::remove, Kind::remove, Kind::update,
+                                       Kind::update, Kind::update, Kind::update, Kind::drop};
+  step.kind = kinds.at(number(kinds.size() - 1));
+  if (putsDocument(step) || step.kind == Kind::remove) {
+    step.key = "k" + std::to_string(number(kKeys - 1));
+  }
+  if (putsDocument(step)) step.word = "w" + std::to_string(++words_);
+  return step;
+}
+
+Steps StepSource::make(Model model, std::size_t count) {
+  Steps steps;
+  while (steps.size() < count) {
+    steps.push_back(next(model.collections()));
+    model.apply(steps.back());
+  }
+  return steps;
+}
+
+Progress carryOut(Subject& subject, const Steps& steps) {
+  Progress progress;
+  for (const Step& step : steps) {
+    ++progress.sent;
+    if (subject.apply(step)) {
+      progress.acknowledged = progress.sent;
+    } else if (step.kind != Kind::queue) {
+      break;
+    }
+  }
+  return progress;
+}
+
+Collections lookAt(Subject& subject, const Model& model, const Steps& steps) {
+  const std::set<std::string> words = wordsOf(model, steps);
+  Collections found;
+  for (const std::string name : kCollections) {
+    const auto state = subject.state(name);
+    if (!state) continue;
+    Contents& contents = found[name];
+    contents.pending = *state == CollectionState::changesPending;
+    contents.searchable = documentsIn(subject, name, words);
+    subject.apply({Kind::update, name, {}, {}});
+    contents.documents = documentsIn(subject, name, words);
+  }
+  return found;
+}
+
+std::optional<Model> explain(const Model& before, const Steps& steps, Progress progress,
+                             const Collections& found, bool othersUpdate) {
+  Model model = before;
+  for (std::size_t done = 0; done <= progress.sent; ++done) {
+    if (done > 0) model.apply(steps[done - 1]);
+    if (done < progress.acknowledged) continue;
+    const bool updating = done < progress.sent && steps[done].kind == Kind::update;
+    if (model.collections() == found || (othersUpdate && model.allowsWithUpdates(found)) ||
+        (updating && model.allowsDuringUpdate(steps[done].collection, found))) {
+      model.settle();
+      return model;
+    }
+  }
+  return std::nullopt;
+}
+
+std::string describe(const Model& before, const Steps& steps, Progress progress,
+                     const Collections& found) {
+  std::ostringstream out;
+  out << "before:\n" << before.collections();
+  for (std::size_t i = 0; i < progress.sent; ++i) {
+    out << (i < progress.acknowledged ? "done: " : "begun: ") << steps[i] << "\n";
+  }
+  out << "found:\n" << found;
+  return out.str();
+}
+
+std::vector<std::uint64_t> seeds(std::uint64_t count) {
+  if (const char* seed = std::getenv("KRUCOMM_SEED")) return {std::stoull(seed)};
+  if (std::getenv("KRUCOMM_LONG") != nullptr) count *= 10;
+  std::vector<std::uint64_t> list;
+  for (std::uint64_t seed = 1; seed <= count; ++seed) list.push_back(seed);
+  return list;
+}
+
+}  // namespace corvaned::test

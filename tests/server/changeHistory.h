@@ -1,0 +1,124 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <iosfwd>
+#include <map>
+#include <optional>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "server/store.h"
+
+// Random histories of changes, and what a store may hold after one that a crash has cut.
+namespace corvaned::test {
+
+/// One request that changes something. A document is told by its word, which no other one has.
+struct Step {
+  enum class Kind { create, drop, add, queue, report, remove, update };
+  Kind kind = Kind::create;
+  std::string collection, key, word;
+};
+using Steps = std::vector<Step>;
+
+std::ostream& operator<<(std::ostream& out, const Step& step);
+
+/// The document that a step of kind add or queue brings: its word in the text and in a field.
+Document documentOf(const Step& step);
+
+using Words = std::map<std::string, std::string>;
+
+/// What can be known of a collection. The words stand under the keys of their documents.
+struct Contents {
+  Words documents;
+  Words searchable;
+  /// Changes wait for updateIndex.
+  bool pending = false;
+
+  bool operator==(const Contents&) const = default;
+};
+using Collections = std::map<std::string, Contents>;
+
+std::ostream& operator<<(std::ostream& out, const Collections& collections);
+
+/// What a store holds from which nothing was lost, step by step.
+class Model {
+ public:
+  void apply(const Step& step);
+  /// All changes are brought into all indexes.
+  void settle();
+
+  const Collections& collections() const { return collections_; }
+
+  /// True when searches may find what they do while another client updates the indexes all the
+  /// time, and everything else is as it must be.
+  bool allowsWithUpdates(const Collections& found) const;
+  /// True when `found` is this, but for an updateIndex of the collection that got part of the way.
+  bool allowsDuringUpdate(const std::string& collection, const Collections& found) const;
+
+ private:
+  Collections collections_;
+  // By collection and key, the words that searches may find, whenever an index is updated.
+  std::map<std::string, std::map<std::string, std::set<std::string>>> candidates_;
+};
+
+/// Makes random steps that a store in the model's state must all carry out.
+class StepSource {
+ public:
+  explicit StepSource(std::uint64_t seed) : random_(seed) {}
+
+  Steps make(Model model, std::size_t count);
+  /// From 0 to `most`, both included.
+  std::uint64_t number(std::uint64_t most);
+
+ private:
+  Step next(const Collections& collections);
+
+  std::mt19937_64 random_;
+  std::uint64_t words_ = 0;
+};
+
+/// Where steps are carried out. Throws when a step is refused.
+class Subject {
+ public:
+  Subject() = default;
+  virtual ~Subject() = default;
+  Subject(const Subject&) = delete;
+  Subject& operator=(const Subject&) = delete;
+
+  /// False when it was not told that the step is done; of a step of kind queue it never is.
+  virtual bool apply(const Step& step) = 0;
+  /// Nothing when there is no such collection.
+  virtual std::optional<CollectionState> state(const std::string& collection) = 0;
+  virtual std::set<std::string> search(const std::string& collection, const std::string& query) = 0;
+};
+
+/// How far a history got when the crash came: at least `acknowledged` steps were done, and no more
+/// than `sent` ones were begun.
+struct Progress {
+  std::size_t acknowledged = 0;
+  std::size_t sent = 0;
+};
+
+/// Carries out the steps until one is not acknowledged that should be.
+Progress carryOut(Subject& subject, const Steps& steps);
+
+/// All that can be found out about a subject, which updates every index on the way. `model` and
+/// `steps` tell which words there may be.
+Collections lookAt(Subject& subject, const Model& model, const Steps& steps);
+
+/// The model with as many of the steps as `found` shows to have been done, all indexes up to date.
+/// Nothing when no number of steps from what was acknowledged to what was sent explains it.
+std::optional<Model> explain(const Model& before, const Steps& steps, Progress progress,
+                             const Collections& found, bool othersUpdate);
+
+/// For a failure's message.
+std::string describe(const Model& before, const Steps& steps, Progress progress,
+                     const Collections& found);
+
+/// The seeds of a test: `count` from 1 on, ten times as many with KRUCOMM_LONG=1, or KRUCOMM_SEED.
+std::vector<std::uint64_t> seeds(std::uint64_t count);
+
+}  // namespace corvaned::test

@@ -1,0 +1,204 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/server/changeHistory.h"
+#include "tests/server/rawClient.h"
+#include "tests/server/requestBytes.h"
+#include "tests/support/corvanedProcess.h"
+
+// The program as its users have it, killed at random moments, over and over on the same directory.
+//
+// KRUCOMM_SEED=N runs the histories of that seed and nothing else, KRUCOMM_LONG=1 ten times as
+// many. A seed gives the same requests again; the moment of the kill is as near as the machine is.
+namespace corvaned {
+namespace {
+
+using test::binaryRequest;
+using test::Model;
+using test::Progress;
+using test::RawClient;
+using test::Step;
+using test::Steps;
+using test::StepSource;
+using Kind = Step::Kind;
+
+const std::string kSuccess("\0\1", 2);
+const std::string kChangesPending("\0\5", 2);
+
+std::string requestFor(const Step& step) {
+  const auto request = [&](const std::string& action, const std::string& body = {}) {
+    return binaryRequest({{"action", action}, {"index", step.collection}}, body);
+  };
+  const Document document = documentOf(step);
+  const std::string block = test::documentBlock(step.key, document.metadata, document.content);
+  switch (step.kind) {
+    case Kind::create:
+      return request("createCollection");
+    case Kind::drop:
+      return request("deleteCollection");
+    case Kind::add:
+      return request("addDocument", block);
+    case Kind::queue:
+      return request("asyncAddDocument", block);
+    case Kind::report:
+      return request("getParseResult");
+    case Kind::remove:
+      return request("deleteDocument", test::documentBlock(step.key, {}, {}));
+    case Kind::update:
+      break;
+  }
+  return request("updateIndex");
+}
+
+/// The server behind one connection.
+class ServerSubject : public test::Subject {
+ public:
+  explicit ServerSubject(unsigned port) : client_(static_cast<std::uint16_t>(port)) {}
+
+  /// From any thread: how many steps have been sent and, where that is to be, answered.
+  std::size_t applied() const { return applied_; }
+
+  bool apply(const Step& step) override {
+    const bool acknowledged = client_.send(requestFor(step)) && isAnswered(step);
+    ++applied_;
+    return acknowledged;
+  }
+
+  std::optional<CollectionState> state(const std::string& collection) override {
+    client_.send(binaryRequest({{"action", "getStatus"}, {"index", collection}}));
+    const std::string code = client_.receive(2);
+    if (code == kSuccess) return CollectionState::current;
+    if (code == kChangesPending) return CollectionState::changesPending;
+    const std::string error = receiveWithLength();
+    if (error.find("ZVK0007E") != std::string::npos) return std::nullopt;
+    throw std::runtime_error("status of " + collection + ": " + error);
+  }
+
+  std::set<std::string> search(const std::string& collection, const std::string& query) override {
+    client_.send(binaryRequest({{"action", "search"}, {"index", collection}, {"query", query}}));
+    if (!receiveSuccess()) throw std::runtime_error("a search is not answered");
+    const auto keys = receiveRecords().value();
+    return {keys.begin(), keys.end()};
+  }
+
+ private:
+  bool isAnswered(const Step& step) {
+    if (step.kind == Kind::queue) {
+      ++queued_[step.collection];
+      return false;
+    }
+    if (step.kind == Kind::drop) queued_.erase(step.collection);
+    return receiveSuccess() && (step.kind != Kind::report || isReported(step.collection));
+  }
+
+  bool isReported(const std::string& collection) {
+    const auto records = receiveRecords();
+    if (!records) return false;
+    for (const std::string& record : *records) {
+      if (record.find("MsgId") != std::string::npos) throw std::runtime_error(record);
+    }
+    if (records->size() != std::exchange(queued_[collection], 0)) {
+      throw std::runtime_error("the parse results are not those of the documents that were queued");
+    }
+    return true;
+  }
+
+  // False when the server is gone.
+  bool receiveSuccess() {
+    const std::string code = client_.receive(2);
+    if (code.size() < 2) return false;
+    if (code != kSuccess) throw std::runtime_error("refused: " + receiveWithLength());
+    return true;
+  }
+
+  std::string receiveWithLength() {
+    const std::string length = client_.receive(2);
+    if (length.size() < 2) return {};
+    return client_.receive(static_cast<unsigned char>(length[0]) * 256U +
+                           static_cast<unsigned char>(length[1]));
+  }
+
+  // Nothing when the server goes before they are at their end.
+  std::optional<std::vector<std::string>> receiveRecords() {
+    std::vector<std::string> records;
+    while (client_.receive(2) == kSuccess) {
+      records.push_back(receiveWithLength());
+      if (!records.back().empty()) continue;
+      records.pop_back();
+      return records;
+    }
+    return std::nullopt;
+  }
+
+  RawClient client_;
+  std::atomic<std::size_t> applied_ = 0;
+  std::map<std::string, std::size_t> queued_;
+};
+
+// Until the server is gone.
+void updateIndexes(ServerSubject& subject) {
+  for (bool there = true; there;) {
+    for (const char* collection : {"a", "b"}) {
+      try {
+        there = there && subject.apply({Kind::update, collection, {}, {}});
+      } catch (const std::runtime_error&) {
+        // There is no such collection now.
+      }
+    }
+  }
+}
+
+Progress carryOutUntilKilled(tq::test::CorvanedProcess& server, const Steps& steps,
+                             StepSource& source, bool othersUpdate) {
+  ServerSubject subject(server.binaryPort());
+  ServerSubject other(server.binaryPort());
+  const std::uint64_t before = source.number(steps.size() * 2 / 3);
+  const std::chrono::microseconds wait{source.number(3000)};
+  std::jthread updater;
+  if (othersUpdate) updater = std::jthread([&] { updateIndexes(other); });
+  const std::jthread killer([&](const std::stop_token& stop) {
+    while (subject.applied() < before && !stop.stop_requested()) {
+      std::this_thread::sleep_for(std::chrono::microseconds(20));
+    }
+    std::this_thread::sleep_for(wait);
+    server.kill();
+  });
+  return carryOut(subject, steps);
+}
+
+TEST(ServerKill, LosesNothingThatWasAcknowledgedAndDoesNothingByHalves) {
+  constexpr std::size_t rounds = 8;
+  std::size_t cut = 0;
+  const std::vector<std::uint64_t> seeds = test::seeds(6);
+  for (const std::uint64_t seed : seeds) {
+    StepSource source(seed);
+    tq::test::CorvanedProcess server;
+    Model model;
+    for (std::size_t round = 0; round < rounds; ++round) {
+      SCOPED_TRACE("KRUCOMM_SEED=" + std::to_string(seed) + ", round " + std::to_string(round));
+      const bool othersUpdate = round % 2 == 1;
+      const Steps steps = source.make(model, 60);
+      ASSERT_NO_THROW({
+        const Progress progress = carryOutUntilKilled(server, steps, source, othersUpdate);
+        cut += progress.sent < steps.size() ? 1U : 0U;
+        server.start();
+        ServerSubject subject(server.binaryPort());
+        const test::Collections found = lookAt(subject, model, steps);
+        const auto after = explain(model, steps, progress, found, othersUpdate);
+        ASSERT_TRUE(after) << describe(model, steps, progress, found);
+        model = *after;
+      });
+    }
+  }
+  EXPECT_GT(cut, seeds.size() * rounds / 4) << "the kills come too late to show anything";
+}
+
+}  // namespace
+}  // namespace corvaned
