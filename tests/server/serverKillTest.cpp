@@ -36,17 +36,19 @@ std::string requestFor(const Step& step) {
   const auto request = [&](const std::string& action, const std::string& body = {}) {
     return binaryRequest({{"action", action}, {"index", step.collection}}, body);
   };
-  const Document document = documentOf(step);
-  const std::string block = test::documentBlock(step.key, document.metadata, document.content);
+  const auto block = [&] {
+    const Document document = documentOf(step);
+    return test::documentBlock(step.key, document.metadata, document.content);
+  };
   switch (step.kind) {
     case Kind::create:
       return request("createCollection");
     case Kind::drop:
       return request("deleteCollection");
     case Kind::add:
-      return request("addDocument", block);
+      return request("addDocument", block());
     case Kind::queue:
-      return request("asyncAddDocument", block);
+      return request("asyncAddDocument", block());
     case Kind::report:
       return request("getParseResult");
     case Kind::remove:
