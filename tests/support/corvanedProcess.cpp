@@ -10,8 +10,8 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <stdexcept>
-#include <system_error>
 #include <utility>
 
 namespace tq::test {
@@ -23,99 +23,118 @@ using std::chrono::steady_clock;
 // A loaded machine under a sanitizer takes seconds; a server that needs longer than this is broken.
 constexpr std::chrono::seconds kPatience{60};
 
-std::filesystem::path newDirectory() {
-  // The servers sync every change; on a disk the tests would do little but wait for it.
-  const char* memory = "/dev/shm";
-  const bool inMemory = ::access(memory, W_OK | X_OK) == 0;
-  const std::filesystem::path parent =
-      inMemory ? std::filesystem::path(memory) : std::filesystem::temp_directory_path();
-  std::string pattern = (parent / "corvaned-XXXXXX").string();
-  if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary directory");
-  return pattern;
-}
-
 int millisLeft(steady_clock::time_point deadline) {
   const auto left =
       std::chrono::duration_cast<std::chrono::milliseconds>(deadline - steady_clock::now());
   return static_cast<int>(std::max<std::int64_t>(left.count(), 0));
 }
 
-/// One line of the descriptor; what was there before the deadline or the end when it is not whole.
-std::string readLine(int descriptor, steady_clock::time_point deadline) {
-  std::string line;
-  for (;;) {
-    pollfd waiting{descriptor, POLLIN, 0};
-    const int ready = ::poll(&waiting, 1, millisLeft(deadline));
-    if (ready < 0 && errno == EINTR) continue;
-    char c = 0;
-    if (ready <= 0 || ::read(descriptor, &c, 1) != 1 || c == '\n') return line;
-    line += c;
-  }
+std::vector<char*> pointersTo(std::vector<std::string>& words) {
+  std::vector<char*> pointers;
+  for (std::string& word : words) pointers.push_back(word.data());
+  pointers.push_back(nullptr);
+  return pointers;
 }
 
 }  // namespace
 
-CorvanedProcess::CorvanedProcess(std::vector<std::string> options)
-    : options_(std::move(options)), directory_(newDirectory()) {
+CorvanedProgram::CorvanedProgram(std::vector<std::string> arguments, Diagnostics diagnostics) {
+  std::array<int, 2> pipe{};
+  if (::pipe2(pipe.data(), O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+  output_ = pipe[0];
+  arguments.insert(arguments.begin(), CORVANED_PROGRAM);
+  const std::vector<char*> argv = pointersTo(arguments);
+  const pid_t parent = ::getpid();
+  process_ = ::fork();
+  if (process_ == 0) {
+    // A test that is ended by its time limit must not leave a server behind.
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const bool withErrors = diagnostics == Diagnostics::read;
+    if (::getppid() == parent && ::dup2(pipe[1], STDOUT_FILENO) >= 0 &&
+        (!withErrors || ::dup2(pipe[1], STDERR_FILENO) >= 0)) {
+      ::execv(argv[0], argv.data());
+    }
+    ::_exit(127);
+  }
+  ::close(pipe[1]);
+  if (process_ > 0) return;
+  ::close(output_);
+  throw std::runtime_error("cannot start corvaned");
+}
+
+CorvanedProgram::~CorvanedProgram() {
+  if (process_ > 0) {
+    signal(SIGKILL);
+    wait();
+  }
+  ::close(output_);
+}
+
+std::string CorvanedProgram::line() {
+  const auto deadline = steady_clock::now() + kPatience;
+  std::string line;
+  for (;;) {
+    pollfd waiting{output_, POLLIN, 0};
+    const int ready = ::poll(&waiting, 1, millisLeft(deadline));
+    if (ready < 0 && errno == EINTR) continue;
+    char c = 0;
+    if (ready <= 0 || ::read(output_, &c, 1) != 1 || c == '\n') return line;
+    line += c;
+  }
+}
+
+std::string CorvanedProgram::rest() {
+  std::string text;
+  std::array<char, 4096> buffer{};
+  for (ssize_t n = 0; (n = ::read(output_, buffer.data(), buffer.size())) > 0;) {
+    text.append(buffer.data(), static_cast<std::size_t>(n));
+  }
+  return text;
+}
+
+void CorvanedProgram::signal(int number) { ::kill(process_, number); }
+
+int CorvanedProgram::wait() {
+  int status = 0;
+  while (::waitpid(process_, &status, 0) < 0 && errno == EINTR) {
+  }
+  process_ = -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 256 + WTERMSIG(status);
+}
+
+CorvanedProcess::CorvanedProcess(std::vector<std::string> options) : options_(std::move(options)) {
   start();
 }
 
-CorvanedProcess::~CorvanedProcess() {
-  if (process_ > 0) {
-    ::kill(process_, SIGKILL);
-    awaitEnd();
-  }
-  std::error_code ignored;
-  std::filesystem::remove_all(directory_, ignored);
-}
-
 void CorvanedProcess::start() {
-  if (process_ > 0) throw std::runtime_error("corvaned runs already");
-  std::array<int, 2> pipe{};
-  if (::pipe2(pipe.data(), O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
-  spawn(pipe[1]);
-  ::close(pipe[1]);
+  if (program_) throw std::runtime_error("corvaned runs already");
+  std::vector<std::string> words{"--http-port", "0",      "--binary-port",
+                                 "0",           "--data", directory() / "data",
+                                 "--log-level", "error"};
+  words.insert(words.end(), options_.begin(), options_.end());
+  program_.emplace(words, CorvanedProgram::Diagnostics::passedOn);
   try {
-    awaitPorts(pipe[0], steady_clock::now() + kPatience);
+    awaitPorts();
   } catch (...) {
-    ::close(pipe[0]);
-    kill();
+    program_.reset();
     throw;
   }
-  ::close(pipe[0]);
 }
 
-int CorvanedProcess::stop() {
-  ::kill(process_, SIGTERM);
-  return awaitEnd();
+int CorvanedProcess::stop() { return end(SIGTERM); }
+
+void CorvanedProcess::kill() { end(SIGKILL); }
+
+int CorvanedProcess::end(int signal) {
+  program_->signal(signal);
+  const int code = program_->wait();
+  program_.reset();
+  return code;
 }
 
-void CorvanedProcess::kill() {
-  ::kill(process_, SIGKILL);
-  awaitEnd();
-}
-
-void CorvanedProcess::spawn(int output) {
-  std::vector<std::string> words{CORVANED_PROGRAM,    "--http-port", "0",
-                                 "--binary-port",     "0",           "--data",
-                                 directory_ / "data", "--log-level", "error"};
-  words.insert(words.end(), options_.begin(), options_.end());
-  std::vector<char*> argv;
-  for (std::string& word : words) argv.push_back(word.data());
-  argv.push_back(nullptr);
-  const pid_t parent = ::getpid();
-  process_ = ::fork();
-  if (process_ < 0) throw std::runtime_error("cannot start corvaned");
-  if (process_ > 0) return;
-  // A test that is ended by its time limit must not leave a server behind.
-  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (::getppid() == parent && ::dup2(output, STDOUT_FILENO) >= 0) ::execv(argv[0], argv.data());
-  ::_exit(127);
-}
-
-void CorvanedProcess::awaitPorts(int output, Deadline deadline) {
+void CorvanedProcess::awaitPorts() {
   for (const char* protocol : {"http", "binary"}) {
-    const std::string line = readLine(output, deadline);
+    const std::string line = program_->line();
     const std::string expected = std::string("listening ") + protocol + " 127.0.0.1:";
     if (!line.starts_with(expected)) {
       throw std::runtime_error("corvaned did not become ready; it said \"" + line + "\"");
@@ -123,14 +142,6 @@ void CorvanedProcess::awaitPorts(int output, Deadline deadline) {
     unsigned int& port = *protocol == 'h' ? httpPort_ : binaryPort_;
     port = static_cast<unsigned int>(std::stoul(line.substr(expected.size())));
   }
-}
-
-int CorvanedProcess::awaitEnd() {
-  int status = 0;
-  while (::waitpid(process_, &status, 0) < 0 && errno == EINTR) {
-  }
-  process_ = -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 256 + WTERMSIG(status);
 }
 
 }  // namespace tq::test

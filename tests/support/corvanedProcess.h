@@ -2,28 +2,57 @@
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "tests/support/temporaryDirectory.h"
+
 namespace tq::test {
 
-/// corvaned as a process of its own, on free ports, with a data directory of its own that lies in
-/// memory where the machine has room for files there. Process and directory go away with the
-/// object, the process also when the thread that started it ends for whatever reason.
-/// Every operation throws std::runtime_error when the server does not do what it should in time.
+/// One run of corvaned, its output readable line by line. Killed when the object goes, and also
+/// when the thread that started it ends for whatever reason.
+class CorvanedProgram {
+ public:
+  enum class Diagnostics {
+    /// Standard error is read with standard output.
+    read,
+    /// It goes where the test's own goes.
+    passedOn,
+  };
+
+  explicit CorvanedProgram(std::vector<std::string> arguments,
+                           Diagnostics diagnostics = Diagnostics::read);
+  ~CorvanedProgram();
+  CorvanedProgram(const CorvanedProgram&) = delete;
+  CorvanedProgram& operator=(const CorvanedProgram&) = delete;
+
+  /// The next line; what there is of it when the output ends, or when it takes a minute.
+  std::string line();
+  /// Everything up to the end of the output.
+  std::string rest();
+
+  void signal(int number);
+  /// The exit code, 256 and the signal when one ended it.
+  int wait();
+
+ private:
+  pid_t process_ = -1;
+  int output_ = -1;
+};
+
+/// corvaned on free ports, with a data directory of its own. Process and directory go away with the
+/// object. Every operation throws std::runtime_error when the server does not do what it should in
+/// time.
 class CorvanedProcess {
  public:
   /// `options` come behind those for the ports, the directory and the log.
   explicit CorvanedProcess(std::vector<std::string> options = {});
-  ~CorvanedProcess();
-  CorvanedProcess(const CorvanedProcess&) = delete;
-  CorvanedProcess& operator=(const CorvanedProcess&) = delete;
 
   unsigned int httpPort() const { return httpPort_; }
   unsigned int binaryPort() const { return binaryPort_; }
-  const std::filesystem::path& directory() const { return directory_; }
+  const std::filesystem::path& directory() const { return directory_.path(); }
 
   /// Ends it as a user would and returns its exit code, 256 and the signal when one ended it.
   int stop();
@@ -33,15 +62,12 @@ class CorvanedProcess {
   void start();
 
  private:
-  using Deadline = std::chrono::steady_clock::time_point;
-
-  void spawn(int output);
-  void awaitPorts(int output, Deadline deadline);
-  int awaitEnd();
+  int end(int signal);
+  void awaitPorts();
 
   std::vector<std::string> options_;
-  std::filesystem::path directory_;
-  pid_t process_ = -1;
+  TemporaryDirectory directory_;
+  std::optional<CorvanedProgram> program_;
   unsigned int httpPort_ = 0;
   unsigned int binaryPort_ = 0;
 };
