@@ -29,15 +29,18 @@ class KRU_EXPORT CorvaneClient {
                 const tq::oss::Socket::_AddrInfoExternal& addresses, bool persistent,
                 bool buffered);
 
-  /// Releases the connection without `close()`.
-  virtual ~CorvaneClient();
-
   CorvaneClient(const CorvaneClient&) = delete;
   CorvaneClient& operator=(const CorvaneClient&) = delete;
+
+  // The order of the virtual operations, here and in the derived clients, is part of the binary
+  // interface: a new one is declared behind the last.
 
   /// MILLISECONDS that connecting may take, and each single wait for reply bytes. Default 0: none.
   /// Writing is not bounded by it; the deadline bounds everything.
   virtual void setTimeOut(unsigned int milliseconds);
+
+  /// Releases the connection without `close()`.
+  virtual ~CorvaneClient();
 
   /// MILLISECONDS that one whole operation may take: connecting, writing, waiting and all retries
   /// together, or all portions that one pull takes, on the monotonic clock. Default 0: none. When

@@ -82,9 +82,6 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   /// the call returns. On a failure `response` holds what had been decoded before it.
   void sendAndRecvMesg(ClientRequest& request, ClientResponse& response);
 
-  /// One attempt of it.
-  virtual void sendAndRecvMesgOnce(ClientRequest& request, ClientResponse& response);
-
   /// Writes a request to the connection, which the caller has opened, and reads nothing. Looks at
   /// nothing either: after a failed write the caller closes before anything else is sent.
   void send(ClientRequest& request);
@@ -94,8 +91,17 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   /// off ends without an error: ask `isTruncated()`. A time-out loses nothing: call again.
   virtual void recv(ClientResponse& response);
 
+  // The steps of an exchange, for clients of other protocols to replace.
+
+  /// One attempt of an exchange. A broken write passes as tq::oss::SocketException.
+  virtual void sendAndRecvMesgOnce(ClientRequest& request, ClientResponse& response);
+  /// Writes a message to the connection. Throws tq::oss::SocketException when the connection broke,
+  /// ERR_SERVER_COMM_TIMEOUT when a deadline passed.
   virtual void sendMesg(RESTMessage& message);
+  /// Reads the reply to the request of the current exchange; of one that streams, the first
+  /// portion.
   virtual void recvMesg(ClientResponse& response);
+  /// Reads the next portion of a streaming reply.
   virtual void recvStream(ClientResponse& response);
 
   /// Pulls portions until the end of the stream.
@@ -122,7 +128,7 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   /// Returns what was noted before.
   bool markReplyOutstanding(bool outstanding);
 
-  /// True when the connection was made after the last exchange on which the current stream began.
+  /// True when the connection was made after the one that the current stream began on.
   bool streamLostItsConnection() const;
 
   /// Empties the carry for a new reply.

@@ -49,19 +49,35 @@ class KRU_EXPORT RESTResponse {
   /// ERR_CLIENT_RESP_PARSING for what cannot be a reply, or when the reply was complete already.
   int parseMesg(const char* buffer, int length, ClientResponse& response, bool& done);
 
+  /// Takes the status code, the length and the coding from the text of a header block, whose first
+  /// line is the status line. Throws ERR_CLIENT_RESP_PARSING for a length that no reply can have.
   void extractHeaders(icu::UnicodeString& headers);
+
+  /// Reads the chunk-size line at `buffer`, with the CR LF that may stand in front of it, and adds
+  /// the bytes of both to `consumed`; a reply that is not chunked is left alone. The line must be
+  /// whole or end with a zero byte. What is no number is 0.
   void updateContentLength(const char* buffer, int& consumed);
+
+  /// A body or chunk of so many bytes is awaited from now on.
   void setContentLen(int length);
 
+  /// Takes a body as status and kind say; with a length of 0 announced there is none. This and the
+  /// operations below take what is in `buffer`, write nothing to it, and return how many of its
+  /// last bytes were not consumed; `done` is set as `parseMesg` sets it. Throws by the status (see
+  /// RESTException), and ERR_CLIENT_RESP_PARSING for records that lie about a length.
   int parseBody(const char* buffer, int length, ClientResponse& response, bool& done);
+  /// The records of a body, from the first one on. A partial hit is left unconsumed, a partial
+  /// parse result refused.
   int parseStreamSearchResponse(const char* buffer, int length, ClientResponse& response,
                                 bool& done);
   int parseParseResultResponse(const char* buffer, int length, ClientResponse& response,
                                bool& done);
+  /// The one record of a body. What is too short for its length gives 1, 1 and 100, or status 0.
   int parseSelectivityResponse(const char* buffer, int length, ClientResponse& response,
                                bool& done);
   int parseGetStatus(const char* buffer, int length, ClientResponse& response, bool& done);
 
+  /// Does nothing.
   void print() const {}
 
   /// The most bytes that a body, chunk or record may announce; see CorvaneClient.
@@ -118,7 +134,8 @@ class KRU_EXPORT RESTResponse {
 };
 
 /// Reads a chunk-size line: the hexadecimal number before the first CR LF. `consumed` becomes the
-/// number of bytes through the LF. Not a number: 0. At most 125 characters are looked at.
+/// number of bytes through the LF. Not a number: 0; one that no int holds: the largest int. At most
+/// 125 characters are looked at, and none behind a zero byte.
 KRU_EXPORT int getChunkedMesgLen(const char* line, int& consumed);
 
 }  // namespace tq::comm

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdint>
+#include <cstring>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -111,6 +113,17 @@ TEST(CorvaneRESTClient, TheLastDocumentIsAnnouncedByHeaderAndTerminateRecordAlon
   client.sendAndRecvMesg(request, response);
   EXPECT_EQ(network.connection(0).received, headerText(request) + std::string(8, '\0'));
   EXPECT_EQ(network.writes(), 1U);
+}
+
+TEST(CorvaneRESTClient, TheLastDocumentNeedsNoMetadataBesideItsKey) {
+  ScriptedNetwork network(Script().expectRequest().awaitClose());
+  auto client = clientFor(kFresh);
+  auto request = requestFor(kLastDocSent);
+  request.setDocKey("key", 3);
+  ASSERT_TRUE(request.getMetadata().empty());
+  ClientResponse response;
+  client.sendAndRecvMesg(request, response);
+  EXPECT_EQ(network.connection(0).received, headerText(request) + std::string(8, '\0'));
 }
 
 TEST(CorvaneRESTClient, ContentWithoutAKeyIsNotSent) {
@@ -1444,6 +1457,26 @@ TEST(CorvaneRESTClient, AnExchangeOnAPersistentConnectionCostsOneWriteAndOneRece
   // The one receive that waits, and no more than one that looks.
   EXPECT_LE(network.receives() - receives, 20U);
   EXPECT_EQ(network.polls() - polls, 0U);
+}
+
+/// The first word of a pointer to a virtual operation is its place in the class's table.
+template <typename Operation>
+std::size_t slotOf(Operation operation) {
+  std::uintptr_t word = 0;
+  static_assert(sizeof operation >= sizeof word);
+  std::memcpy(&word, &operation, sizeof word);
+  return word / sizeof word;
+}
+
+TEST(CorvaneRESTClient, ItsVirtualOperationsStandInTheOrderThatCallersWereBuiltWith) {
+  EXPECT_EQ(slotOf(&tq::comm::CorvaneClient::setTimeOut), 0U);
+  // The destructor has two places.
+  EXPECT_EQ(slotOf(&CorvaneRESTClient::setNumRetries), 3U);
+  EXPECT_EQ(slotOf(&CorvaneRESTClient::recv), 4U);
+  EXPECT_EQ(slotOf(&CorvaneRESTClient::sendAndRecvMesgOnce), 5U);
+  EXPECT_EQ(slotOf(&CorvaneRESTClient::sendMesg), 6U);
+  EXPECT_EQ(slotOf(&CorvaneRESTClient::recvMesg), 7U);
+  EXPECT_EQ(slotOf(&CorvaneRESTClient::recvStream), 8U);
 }
 
 TEST(CorvaneRESTClient, DerivesFromTheConnectionAndCannotBeCopied) {
