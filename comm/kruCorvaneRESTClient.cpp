@@ -507,12 +507,11 @@ void CorvaneRESTClient::parsePortion(RESTResponse& parser, ClientResponse& respo
   settleChunked(parser);
 }
 
-/// Nothing more can come of this stream; its connection is not fit for another exchange.
+/// Nothing more can come of this stream. What its connection still carries stays outstanding.
 void CorvaneRESTClient::breakStreamOff() {
   endOfStream_ = true;
   truncated_ = true;
   carryCount_ = 0;
-  markReplyOutstanding(true);
 }
 
 void CorvaneRESTClient::recv(ClientResponse& response) {

@@ -434,9 +434,91 @@ TEST(ExchangeRegression, ChunksWithoutEndBehindTheResultsCostTheirConnection) {
       {Script().expectRequest().send(kChunkedReply + chunk(kEmptySearch) + chunks).awaitClose(),
        Script().expectRequest().send(plain(nextReply())).awaitClose()});
   CorvaneRESTClient client(u"127.0.0.1", 7, kPersistent);
+  client.setNumRetries(0);
   EXPECT_EQ(runExchange(client, kStreamSearch).errorId, "");
   EXPECT_EQ(runExchange(client, nextReply().kind), nextReply().expected);
   EXPECT_EQ(network.connections(), 2u);
+}
+
+TEST(ExchangeRegression, ATrailerBehindAReplyOfTheLastChunkAloneDoesNotCostItsConnection) {
+  ScriptedNetwork network(Script()
+                              .expectRequest()
+                              .send(kChunkedReply + "0\r\nX-Checksum: 1\r\n\r\n")
+                              .expectRequest()
+                              .send(plain(nextReply()))
+                              .awaitClose());
+  CorvaneRESTClient client(u"127.0.0.1", 7, kPersistent);
+  EXPECT_EQ(runExchange(client, kCreateCollection).errorId, "");
+  EXPECT_EQ(runExchange(client, nextReply().kind), nextReply().expected);
+  EXPECT_EQ(network.connections(), 1u);
+}
+
+// What an estimate leaves.
+
+const std::string kEstimate = chunk(kUninterpreted + enveloped(record({{"any", "1"}})));
+
+TEST(ExchangeRegression, AnEstimateInChunksThatNobodyPullsKeepsItsConnection) {
+  ScriptedNetwork network(Script()
+                              .expectRequest()
+                              .send(kChunkedReply + kEstimate + kLastChunk)
+                              .expectRequest()
+                              .send(plain(nextReply()))
+                              .awaitClose());
+  CorvaneRESTClient client(u"127.0.0.1", 7, kPersistent);
+  auto request = requestFor(kSelectivity);
+  ClientResponse response;
+  client.sendAndRecvMesg(request, response);
+  EXPECT_FALSE(client.isEndOfStream());
+  EXPECT_EQ(runExchange(client, nextReply().kind), nextReply().expected);
+  EXPECT_EQ(network.connections(), 1u);
+}
+
+TEST(ExchangeRegression, AnEstimateWhosePullTimedOutCostsItsConnection) {
+  // What was looked for comes in front of the next request.
+  ScriptedNetwork network({Script()
+                               .expectRequest()
+                               .send(kChunkedReply + kEstimate)
+                               .stall()
+                               .send(kLastChunk)
+                               .awaitClose(),
+                           Script().expectRequest().send(plain(nextReply())).awaitClose()});
+  CorvaneRESTClient client(u"127.0.0.1", 7, kPersistent);
+  client.setNumRetries(0);
+  client.setTimeOut(100);
+  auto request = requestFor(kSelectivity);
+  ClientResponse response;
+  client.sendAndRecvMesg(request, response);
+  EXPECT_EQ(errorOf([&] { client.recv(response); }).errorId, "ERR_SERVER_COMM_TIMEOUT");
+  network.release();
+  EXPECT_EQ(runExchange(client, nextReply().kind), nextReply().expected);
+  EXPECT_EQ(network.connections(), 2u);
+}
+
+TEST(ExchangeRegression, AnEstimatesFurtherPortionsAreReadAsThoseOfASearch) {
+  // The server never sends the last chunk: the zero length ends the stream.
+  ScriptedNetwork network(
+      Script().expectRequest().send(kChunkedReply + kEstimate + chunk(bigEndian(0))).awaitClose());
+  CorvaneRESTClient client(u"127.0.0.1", 7, kPersistent);
+  auto request = requestFor(kSelectivity);
+  ClientResponse response;
+  client.sendAndRecvMesg(request, response);
+  client.recv(response);
+  EXPECT_TRUE(client.isEndOfStream());
+  EXPECT_FALSE(client.isTruncated());
+  EXPECT_FALSE(network.waitedForever());
+}
+
+TEST(ExchangeRegression, BytesBehindTheOneRecordOfAReplyDoNotMakeItTruncated) {
+  for (const int kind : {kSelectivity, kGetStatus}) {
+    Reply reply{"Behind", kind, 200};
+    reply.body = kUninterpreted + enveloped(record({{"STATUS_CODE", "3"}})) + bigEndian(0);
+    ScriptedNetwork network(Script().expectRequest().send(plain(reply)).awaitClose());
+    CorvaneRESTClient client(u"127.0.0.1", 7, kPersistent);
+    const auto outcome = runExchange(client, kind);
+    EXPECT_EQ(outcome.errorId, "") << kind;
+    EXPECT_TRUE(outcome.endOfStream) << kind;
+    EXPECT_FALSE(outcome.truncated) << kind;
+  }
 }
 
 // A server that never stops.
@@ -592,6 +674,24 @@ TEST(ExchangeRegression, AStreamIsNotReadOnOverAConnectionMadeSince) {
   EXPECT_TRUE(idsOf(response).empty());
   EXPECT_TRUE(client.isEndOfStream());
   EXPECT_TRUE(client.isTruncated());
+}
+
+TEST(ExchangeRegression, AStreamThatLostItsConnectionDoesNotSpoilTheOneMadeSince) {
+  ScriptedNetwork network({Script()
+                               .expectRequest()
+                               .send(kChunkedReply + chunk(kUninterpreted + hit("first")))
+                               .awaitClose(),
+                           Script().expectRequest().send(plain(nextReply())).awaitClose()});
+  CorvaneRESTClient client(u"127.0.0.1", 7, kPersistent);
+  auto search = requestFor(kStreamSearch);
+  ClientResponse response;
+  client.sendAndRecvMesg(search, response);
+  client.close();
+  client.open();
+  client.recv(response);
+  EXPECT_TRUE(client.isTruncated());
+  EXPECT_EQ(runExchange(client, nextReply().kind), nextReply().expected);
+  EXPECT_EQ(network.connections(), 2u);
 }
 
 TEST(ExchangeRegression, AStreamIsNotReadOnWhenTheExchangeAfterItCouldNotBeSent) {

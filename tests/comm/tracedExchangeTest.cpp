@@ -4,6 +4,7 @@
 
 #include <set>
 #include <string>
+#include <vector>
 
 #include "comm/kruDrestoPerfClient.h"
 #include "comm/kruFunctionIds.h"
@@ -27,9 +28,13 @@ class RecordingFacility : public tq::oss::TraceFacility {
   RecordingFacility() { tq::oss::setTraceFacility(this); }
   ~RecordingFacility() override { tq::oss::setTraceFacility(nullptr); }
   unsigned long getComponentTraceFlags(unsigned int) override { return 0x20083; }
-  void traceEntry(unsigned int functionId) override { entries.insert(functionId); }
+  void traceEntry(unsigned int functionId) override {
+    entries.insert(functionId);
+    order.push_back(functionId);
+  }
   void traceExit(unsigned int functionId, long) override { exits.insert(functionId); }
 
+  std::vector<unsigned int> order;
   std::multiset<unsigned int> entries;
   std::multiset<unsigned int> exits;
 };
@@ -77,6 +82,39 @@ TEST(TracedExchange, OverHttpLeavesARecordOfEveryOperation) {
                    trace::ClientResponsePullParseResponse);
   expectEachTraced(facility, trace::RESTResponseParseMesg,
                    trace::CorvaneRESTClientRecvMultResponse);
+}
+
+TEST(TracedExchange, AReadWaitsAndReadsTwiceASingleReadNeitherWaitsNorReadsAgain) {
+  ScriptedNetwork network(Script().send("ab").awaitClose());
+  CorvaneRESTClient client(u"127.0.0.1", 7, true);
+  client.open();
+  RecordingFacility facility;
+  char byte = 0;
+  client.read(&byte, 0, 1, true);
+  EXPECT_EQ(facility.order, (std::vector<unsigned int>{
+                                trace::CorvaneClientRead, trace::CorvaneClientDataToRead,
+                                trace::CorvaneClientGenericRead, trace::CorvaneClientDataToRead,
+                                trace::CorvaneClientGenericRead}));
+  facility.order.clear();
+  client.readOnce(&byte, 0, 1, true);
+  EXPECT_EQ(facility.order, (std::vector<unsigned int>{trace::CorvaneClientReadOnce,
+                                                       trace::CorvaneClientGenericRead}));
+}
+
+TEST(TracedExchange, TheEndOfAConnectionIsNoCloseAndThatOfAClientIs) {
+  ScriptedNetwork network(Script().awaitClose());
+  RecordingFacility facility;
+  {
+    tq::comm::CorvaneClient connection(u"127.0.0.1", 7, tq::oss::Socket::NullAddrInfoExternal, true,
+                                       false);
+    connection.open();
+  }
+  EXPECT_EQ(facility.entries.count(trace::CorvaneClientClose), 0U);
+  {
+    CorvaneRESTClient client(u"127.0.0.1", 7, true);
+    client.open();
+  }
+  EXPECT_EQ(facility.entries.count(trace::CorvaneClientClose), 1U);
 }
 
 void exchangeBinary(const std::string& text, int kind) {
