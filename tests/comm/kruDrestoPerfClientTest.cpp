@@ -179,19 +179,23 @@ TEST(DrestoPerfClient, AnEnvelopeThatIsCutIsCarriedToTheNextRead) {
 }
 
 TEST(DrestoPerfClient, APortionThatBringsNoHitIsNotTheEnd) {
-  ScriptedNetwork network(segments({kOk + plainHit("first"), std::string(1, '\0'),
-                                    "\x01" + word16(1) + "k", endOfResults()}),
-                          kOnDemand);
-  auto client = binaryClient();
-  ClientResponse response;
-  EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
-  EXPECT_EQ(receive(client, response), Raised());
-  EXPECT_EQ(response.getSearchResponse().count(), 0U);
-  EXPECT_FALSE(client.isEndOfStream());
-  EXPECT_EQ(receive(client, response), Raised());
-  EXPECT_EQ(idsHeld(response), ids({"k"}));
-  EXPECT_EQ(receive(client, response), Raised());
-  EXPECT_TRUE(client.isEndOfStream());
+  // Nor is it read on: that is for the exchange, which has to bring something.
+  for (const bool reassembly : {false, true}) {
+    ScriptedNetwork network(segments({kOk + plainHit("first"), std::string(1, '\0'),
+                                      "\x01" + word16(1) + "k", endOfResults()}),
+                            kOnDemand);
+    auto client = binaryClient();
+    client.setReassembly(reassembly);
+    ClientResponse response;
+    EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
+    EXPECT_EQ(receive(client, response), Raised());
+    EXPECT_EQ(response.getSearchResponse().count(), 0U);
+    EXPECT_FALSE(client.isEndOfStream());
+    EXPECT_EQ(receive(client, response), Raised());
+    EXPECT_EQ(idsHeld(response), ids({"k"}));
+    EXPECT_EQ(receive(client, response), Raised());
+    EXPECT_TRUE(client.isEndOfStream());
+  }
 }
 
 TEST(DrestoPerfClient, AReadTakesFourTimesWhatTheParserNeeds) {
@@ -267,6 +271,21 @@ TEST(DrestoPerfClient, ANewExchangeEmptiesTheListsOfStreamedHitsAndParseResultsA
     EXPECT_EQ(response.getResultCount(), 1) << "counted from the exchange on";
     EXPECT_EQ(response.getSearchResponse().count() + response.getParseResponse().count(),
               kind == kScalarSearch ? 2U : 1U);
+  }
+}
+
+TEST(DrestoPerfClient, TheListsAreEmptiedBeforeTheHeaderIsAwaited) {
+  for (const int kind : {6, static_cast<int>(kStreamSearch), static_cast<int>(kParseResult),
+                         static_cast<int>(kScalarSearch), static_cast<int>(kSelectivity)}) {
+    ScriptedNetwork network(Script().expectFramedRequest());
+    auto client = binaryClient();
+    ClientResponse response;
+    response.addSearchResult(tq::comm::SearchResult(false));
+    response.addParseResult(tq::comm::ParseResult(false));
+    EXPECT_EQ(exchange(client, kind, response), kNoReply);
+    const bool streamed = kind == 6 || kind == kStreamSearch;
+    EXPECT_EQ(response.getSearchResponse().count(), streamed ? 0U : 1U) << kind;
+    EXPECT_EQ(response.getParseResponse().count(), kind == kParseResult ? 0U : 1U) << kind;
   }
 }
 
@@ -597,6 +616,8 @@ TEST(DrestoPerfClient, AForeignExceptionInAnExchangeIsWrapped) {
       EXPECT_EQ(exchange(client, kStreamSearch),
                 (Raised{{"ERR_CLIENT_INTERNAL", kFile, 113, {kUnknownError}}}));
       EXPECT_LE(network.requests(), 1U) << "not repeated";
+      ClientResponse response;
+      EXPECT_EQ(receive(client, response), kInProgress);
     }
   }
 }
