@@ -218,15 +218,18 @@ TEST(GarbledOutcomes, AreUncertainBecauseWhatCameIsNoReply) {
 }
 
 TEST(BinaryCodeOutcomes, AreARefusalOnlyWhereTheServerSaysSo) {
-  for (const auto& [reply, expected] : std::vector<std::pair<std::string, RequestOutcome>>{
-           {std::string("\x01\x91", 2), RequestOutcome::Rejected},
-           // A status where none was asked for says nothing of the request.
-           {std::string("\0\x05", 2), RequestOutcome::MayBeApplied}}) {
+  struct Code {
+    std::string reply;
+    RequestOutcome expected;
+  };
+  for (const auto& code : {Code{std::string("\x01\x91", 2), RequestOutcome::Rejected},
+                           // A status where none was asked for says nothing of the request.
+                           Code{std::string("\0\x05", 2), RequestOutcome::MayBeApplied}}) {
     FaultNetwork network(optionsOf(Protocol::Binary),
-                         [&](const std::string&) { return Answer{{reply}}; });
+                         [&](const std::string&) { return Answer{{code.reply}}; });
     auto client = clientOf(Protocol::Binary);
     EXPECT_NE(runMarked(*client, {4}).errorId, "");
-    EXPECT_EQ(client->getRequestOutcome(), expected);
+    EXPECT_EQ(client->getRequestOutcome(), code.expected);
     EXPECT_EQ(timesSeen(network.journal(), 1), 1U);
   }
 }
