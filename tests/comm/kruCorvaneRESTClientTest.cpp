@@ -460,6 +460,7 @@ TEST(CorvaneRESTClient, NRetriesMakeNPlus1Attempts) {
     EXPECT_EQ(exchangeError(client, 8).errorId, "ERR_SERVER_COMM_RECV");
     EXPECT_EQ(network.connections(), retries + 1);
     EXPECT_EQ(network.requests(), retries + 1);
+    EXPECT_EQ(network.elapsedMillis(), 0U) << "without a pause";
   }
 }
 
