@@ -31,13 +31,12 @@ Collection::Collection(std::string name, const std::filesystem::path& directory,
 
 void Collection::add(const Document& document) {
   checkSize(document);
-  journal_.sync(append({ChangeKind::put, document}));
+  journal_.sync(append({ChangeKind::put, document}).ticket);
 }
 
 void Collection::queue(const Document& document) {
   checkSize(document);
-  const std::uint64_t ticket = append({ChangeKind::put, document});
-  pushOutcome({document.key, {}, {}}, ticket);
+  pushOutcome({document.key, {}, {}}, append({ChangeKind::put, document}).ticket);
 }
 
 void Collection::reportOutcome(ParseOutcome outcome) {
@@ -46,11 +45,9 @@ void Collection::reportOutcome(ParseOutcome outcome) {
 }
 
 void Collection::remove(const std::string& key) {
-  const std::uint64_t ticket = append({ChangeKind::remove, {key, {}, {}}});
-  // An index update that runs right now may or may not contain this change; taking the segment that
-  // is written next keeps the key hidden until one does for certain.
-  hide(journal_.currentSegment(), key);
-  journal_.sync(ticket);
+  const Journal::Place place = append({ChangeKind::remove, {key, {}, {}}});
+  hide(place.segment, key);
+  journal_.sync(place.ticket);
   removeHiddenFromIndex();
 }
 
@@ -63,6 +60,7 @@ void Collection::updateIndex() {
       [&](const auto& take) { lastChanges(last, take); }, [this] { return retired_.load(); });
   {
     const std::lock_guard hiddenLock(hiddenMutex_);
+    indexed_ = last;
     std::erase_if(hidden_, [&](const auto& entry) { return entry.second <= last; });
   }
   journal_.remove(last);
@@ -134,7 +132,7 @@ void Collection::retire() {
   index_.releaseHandles();
 }
 
-std::uint64_t Collection::append(const Change& change) {
+Journal::Place Collection::append(const Change& change) {
   const std::shared_lock gate(gate_);
   requireActive();
   return journal_.append(change);
@@ -156,6 +154,8 @@ void Collection::requireActive() const {
 
 void Collection::hide(std::uint64_t segment, const std::string& key) {
   const std::lock_guard lock(hiddenMutex_);
+  // An index update has overtaken the deletion; what it brought in under this key came later.
+  if (segment <= indexed_) return;
   std::uint64_t& known = hidden_[key];
   known = std::max(known, segment);
 }
@@ -181,7 +181,13 @@ void Collection::removeHiddenFromIndex() {
   const auto removals = [&](const std::function<void(Change &&)>& take) {
     for (const std::string& key : keys) take({ChangeKind::remove, {key, {}, {}}});
   };
-  index_.apply(removals, [this] { return retired_.load(); });
+  try {
+    index_.apply(removals, [this] { return retired_.load(); });
+  } catch (const ServerError& error) {
+    // The deletions are on disk and hold; searches go on filtering.
+    spdlog::warn("collection {}: {}", shown(name_), error.what());
+    return;
+  }
   const std::lock_guard lock(hiddenMutex_);
   for (const std::string& key : keys) hidden_.erase(key);
 }

@@ -52,7 +52,7 @@ class Collection {
   void retire();
 
  private:
-  std::uint64_t append(const Change& change);
+  Journal::Place append(const Change& change);
   void checkSize(const Document& document) const;
   void requireActive() const;
   void hide(std::uint64_t segment, const std::string& key);
@@ -68,9 +68,11 @@ class Collection {
   mutable std::shared_mutex gate_;
   std::atomic<bool> retired_ = false;
 
-  // Keys deleted since the index was last updated, with the journal segment that says so.
+  // Keys deleted since the index was last updated, with the journal segment that says so, and the
+  // last segment that the index has.
   mutable std::mutex hiddenMutex_;
   std::unordered_map<std::string, std::uint64_t> hidden_;
+  std::uint64_t indexed_ = 0;
 
   // What became of queued documents.
   std::mutex outcomesMutex_;

@@ -176,7 +176,7 @@ Journal::Journal(std::filesystem::path directory, const Visitor& visitor)
   }
 }
 
-std::uint64_t Journal::append(const Change& change) {
+Journal::Place Journal::append(const Change& change) {
   const std::string entry = encodeEntry(change);
   const std::lock_guard lock(mutex_);
   requireHealthy();
@@ -187,7 +187,7 @@ std::uint64_t Journal::append(const Change& change) {
     throw;
   }
   segments_.back().bytes += entry.size();
-  return ++lastTicket_;
+  return {++lastTicket_, segments_.back().number};
 }
 
 void Journal::sync(std::uint64_t ticket) {
@@ -242,23 +242,19 @@ void Journal::read(std::uint64_t last, const Visitor& visitor) const {
 
 void Journal::remove(std::uint64_t last) {
   const std::lock_guard lock(mutex_);
-  std::erase_if(segments_, [&](const Segment& segment) {
-    if (segment.number > last) return false;
-    std::filesystem::remove(pathOf(segment.number));
-    return true;
-  });
-  syncDirectory(directory_);
+  // Oldest first and one by one, also on disk: an older change that came back without the newer
+  // ones would undo them.
+  while (segments_.front().number <= last) {
+    std::filesystem::remove(pathOf(segments_.front().number));
+    segments_.erase(segments_.begin());
+    syncDirectory(directory_);
+  }
 }
 
 bool Journal::empty() const {
   const std::lock_guard lock(mutex_);
   return std::all_of(segments_.begin(), segments_.end(),
                      [](const Segment& segment) { return segment.bytes == 0; });
-}
-
-std::uint64_t Journal::currentSegment() const {
-  const std::lock_guard lock(mutex_);
-  return segments_.back().number;
 }
 
 std::filesystem::path Journal::pathOf(std::uint64_t number) const {
@@ -286,7 +282,14 @@ void Journal::startSegment(std::uint64_t number) {
   auto file = std::make_shared<CurrentFile>();
   file->path = pathOf(number);
   file->handle = openFile(file->path, O_WRONLY | O_APPEND | O_CREAT | O_EXCL);
-  syncDirectory(directory_);
+  try {
+    syncDirectory(directory_);
+  } catch (...) {
+    // The next attempt must find the name free, and a restart no segment behind the current one.
+    std::error_code ignored;
+    std::filesystem::remove(file->path, ignored);
+    throw;
+  }
   segments_.push_back({number, 0});
   current_ = std::move(file);
 }

@@ -45,8 +45,14 @@ class Journal {
   /// Opens or starts the journal in `directory`, and shows every change in it to `visitor`.
   Journal(std::filesystem::path directory, const Visitor& visitor);
 
-  /// Appends and returns a ticket for sync(). Not yet durable. On an error nothing was appended.
-  std::uint64_t append(const Change& change);
+  /// Where a change went: a ticket for sync(), and the number of its segment.
+  struct Place {
+    std::uint64_t ticket = 0;
+    std::uint64_t segment = 0;
+  };
+
+  /// Appends. Not yet durable. On an error nothing was appended.
+  Place append(const Change& change);
 
   /// Returns when everything up to the ticket is on disk. Callers that wait together share one
   /// write to the disk.
@@ -60,14 +66,11 @@ class Journal {
   /// meanwhile.
   void read(std::uint64_t last, const Visitor& visitor) const;
 
-  /// Forgets the segments up to `last`.
+  /// Forgets the segments up to `last`, which are closed.
   void remove(std::uint64_t last);
 
   /// True when no segment holds a change.
   bool empty() const;
-
-  /// The number of the segment that the next change goes to.
-  std::uint64_t currentSegment() const;
 
  private:
   struct Segment {

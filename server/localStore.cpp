@@ -90,7 +90,6 @@ void LocalStore::createCollection(const std::string& name, const std::string& la
   Collection::create(temporary, language);
   std::filesystem::rename(temporary, path);
   syncDirectory(collectionsRoot_);
-  open_[name] = std::make_shared<Collection>(name, path, limits_);
 }
 
 void LocalStore::openCollection(const std::string& name) { find(name); }
@@ -106,9 +105,10 @@ void LocalStore::deleteCollection(const std::string& name) {
     const auto found = open_.find(name);
     // Somebody else may have deleted it in between, and made a new one of the same name.
     if (found == open_.end() || found->second != collection) throwUnknown(name);
+    // What goes wrong from here on leaves the collection to be opened anew.
+    open_.erase(found);
     temporary = freshTemporary();
     std::filesystem::rename(pathOf(name), temporary / "deleted");
-    open_.erase(found);
     syncDirectory(collectionsRoot_);
   }
   std::error_code error;

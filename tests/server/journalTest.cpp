@@ -9,6 +9,7 @@
 
 #include "server/errors.h"
 #include "server/journal.h"
+#include "tests/server/descriptorLimit.h"
 #include "tests/server/fileSizeLimit.h"
 #include "tests/support/temporaryDirectory.h"
 
@@ -57,7 +58,7 @@ TEST_F(JournalTest, ChangesAreFoundAgainWholeAndInOrder) {
   {
     Journal journal = open();
     journal.append(put("k1"));
-    journal.sync(journal.append({ChangeKind::remove, {std::string("k\0\xFF", 3), {}, {}}}));
+    journal.sync(journal.append({ChangeKind::remove, {std::string("k\0\xFF", 3), {}, {}}}).ticket);
   }
   std::vector<Change> changes;
   Journal journal(directory_.path(),
@@ -165,7 +166,7 @@ TEST_F(JournalTest, ChangesOfManyThreadsAreAllThere) {
     for (int t = 0; t < 4; ++t) {
       threads.emplace_back([&journal, t] {
         for (int i = 0; i < 50; ++i) {
-          journal.sync(journal.append(put(std::to_string(t) + "-" + std::to_string(i))));
+          journal.sync(journal.append(put(std::to_string(t) + "-" + std::to_string(i))).ticket);
         }
       });
     }
@@ -189,6 +190,52 @@ TEST_F(JournalTest, ChangeThatCannotBeWrittenLeavesNothingBehind) {
   }
   open();
   EXPECT_THAT(found_, ElementsAre("k1", "k3"));
+}
+
+TEST_F(JournalTest, SegmentThatCannotBeStartedIsStartedLater) {
+  {
+    Journal journal = open();
+    journal.append(put("k1"));
+    {
+      // Enough for the segment's file and not for its directory, which is to be brought to disk.
+      const test::DescriptorLimit few(1);
+      EXPECT_THROW(journal.rotate(), ServerError);
+    }
+    EXPECT_FALSE(std::filesystem::exists(segment(2)));
+    journal.append(put("k2"));
+    EXPECT_EQ(journal.rotate(), 1U);
+    journal.append(put("k3"));
+  }
+  open();
+  EXPECT_THAT(found_, ElementsAre("k1", "k2", "k3"));
+}
+
+TEST_F(JournalTest, ChangesKnowTheirSegment) {
+  Journal journal = open();
+  EXPECT_EQ(journal.append(put("k1")).segment, 1U);
+  EXPECT_EQ(journal.rotate(), 1U);
+  EXPECT_EQ(journal.append(put("k2")).segment, 2U);
+}
+
+TEST_F(JournalTest, SegmentThatCannotBeRemovedStaysWithTheNewerOnes) {
+  Journal journal = open();
+  for (const char* key : {"k1", "k2", "k3"}) {
+    journal.append(put(key));
+    journal.rotate();
+  }
+  // What is no file and not empty cannot be removed as one.
+  const std::string bytes = bytesOf(2);
+  std::filesystem::remove(segment(2));
+  std::filesystem::create_directories(segment(2) / "x");
+  EXPECT_ANY_THROW(journal.remove(3));
+  std::filesystem::remove_all(segment(2));
+  rewrite(2, bytes);
+  Keys keys;
+  journal.read(3, into(keys));
+  EXPECT_THAT(keys, ElementsAre("k2", "k3"));
+  journal.remove(3);
+  EXPECT_FALSE(std::filesystem::exists(segment(3)));
+  EXPECT_TRUE(journal.empty());
 }
 
 TEST_F(JournalTest, LargeChangeGoesThrough) {

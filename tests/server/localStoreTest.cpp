@@ -8,6 +8,7 @@
 
 #include "server/errors.h"
 #include "server/localStore.h"
+#include "tests/server/descriptorLimit.h"
 #include "tests/server/fileSizeLimit.h"
 #include "tests/support/temporaryDirectory.h"
 
@@ -497,6 +498,65 @@ TEST_F(LocalStoreTest, UpdateThatMeetsAFullDiskCanBeRepeated) {
   store_->updateIndex("c");
   EXPECT_EQ(keys("fox").size(), 3000U);
   EXPECT_EQ(store_->estimate("c", "fox").documents, 3000U);
+}
+
+TEST_F(LocalStoreTest, DeletionHoldsAlsoWhenTheIndexCannotTakeIt) {
+  limits_.hiddenKeys = 1;
+  restart();
+  store_->createCollection("c", "en");
+  for (int i = 0; i < 300; ++i) {
+    add("k" + std::to_string(i), "fox word" + std::to_string(i));
+  }
+  store_->updateIndex("c");
+  store_->deleteDocument("c", "k0");
+  {
+    const test::FileSizeLimit full(8192);
+    EXPECT_NO_THROW(store_->deleteDocument("c", "k1"));
+    EXPECT_EQ(keys("fox").size(), 298U);
+    EXPECT_EQ(store_->estimate("c", "fox").documents, 300U);
+  }
+  store_->deleteDocument("c", "k2");
+  EXPECT_EQ(keys("fox").size(), 297U);
+  EXPECT_EQ(store_->estimate("c", "fox").documents, 297U);
+}
+
+TEST_F(LocalStoreTest, CollectionThatCannotBeDeletedGoesOn) {
+  store_->createCollection("c", "en");
+  addSearchable("k1", "fox");
+  {
+    const test::DescriptorLimit none(0);
+    EXPECT_ANY_THROW(store_->deleteCollection("c"));
+  }
+  EXPECT_THAT(keys("fox"), ElementsAre("k1"));
+  addSearchable("k2", "fox");
+  EXPECT_THAT(keys("fox"), ElementsAre("k1", "k2"));
+  store_->deleteCollection("c");
+  refusal(ErrorKind::unknownCollection, [&] { store_->openCollection("c"); });
+}
+
+TEST_F(LocalStoreTest, DeletionThatAnUpdateOvertakesHidesNothingThatCameLater) {
+  store_->createCollection("c", "en");
+  for (int round = 0; round < 400; ++round) {
+    std::atomic<bool> stop = false;
+    std::vector<std::thread> others;
+    // They make the others wait for each other, in whatever order.
+    for (int t = 0; t < 2; ++t) {
+      others.emplace_back([&] {
+        while (!stop) store_->state("c");
+      });
+    }
+    others.emplace_back([&] { store_->deleteDocument("c", "k1"); });
+    add("k1", "fox");
+    store_->updateIndex("c");
+    stop = true;
+    for (std::thread& other : others) other.join();
+    store_->updateIndex("c");
+    // Whichever came last: what is in the index is what is found, also by a server that was not
+    // there when it happened.
+    const std::vector<std::string> found = keys("fox");
+    restart();
+    ASSERT_EQ(found, keys("fox")) << round;
+  }
 }
 
 TEST_F(LocalStoreTest, DocumentsThatTheIndexRefusesAreLeftOutAndReported) {

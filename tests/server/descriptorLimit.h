@@ -1,0 +1,29 @@
+#pragma once
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <stdexcept>
+
+namespace corvaned::test {
+
+/// The process can open only so many more files while the object lives; one at most.
+class DescriptorLimit {
+ public:
+  explicit DescriptorLimit(rlim_t more) {
+    const int lowestFree = ::dup(STDERR_FILENO);
+    if (lowestFree < 0) throw std::runtime_error("dup");
+    ::close(lowestFree);
+    ::getrlimit(RLIMIT_NOFILE, &before_);
+    const rlimit limit{static_cast<rlim_t>(lowestFree) + more, before_.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+  }
+  ~DescriptorLimit() { ::setrlimit(RLIMIT_NOFILE, &before_); }
+  DescriptorLimit(const DescriptorLimit&) = delete;
+  DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+
+ private:
+  rlimit before_{};
+};
+
+}  // namespace corvaned::test
