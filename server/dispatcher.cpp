@@ -93,6 +93,11 @@ std::string require(const Request& request, const std::string& name) {
   return std::string(value);
 }
 
+bool namesCollection(const Request& request) {
+  return !request.header(words().collection).empty() ||
+         !request.header(words().collectionName).empty();
+}
+
 std::string collectionOf(const Request& request) {
   const std::string_view other = request.header(words().collectionName);
   if (request.header(words().collection).empty() && !other.empty()) return std::string(other);
@@ -183,7 +188,7 @@ Reply createCollection(Store& store, const Request& request) {
 
 // What a collection's state is, is an answer also when the collection cannot be had.
 Reply status(Store& store, const Request& request) {
-  if (request.header(words().collection).empty()) return StatusReply{};
+  if (!namesCollection(request)) return StatusReply{};
   try {
     const CollectionState state = store.state(collectionOf(request));
     return StatusReply{state == CollectionState::current ? 0U : 1U, {}};

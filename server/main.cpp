@@ -52,16 +52,21 @@ void declareOptions(CLI::App& app, Options& options) {
       ->capture_default_str();
   app.add_option("--max-content", options.server.limits.contentBytes,
                  "most bytes behind the header block of a request")
+      ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
   app.add_option("--max-document", options.store.documentBytes, "largest document in bytes")
+      ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
   app.add_option("--max-buffered", options.server.bufferedBytes,
                  "most bytes of unfinished requests, all clients together")
+      ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
   app.add_option("--max-connections", options.server.connections, "most clients at a time")
+      ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
   app.add_option("--max-expansion", options.store.index.expansion,
                  "most words that a word with * may stand for")
+      ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
   app.add_option("--stall-timeout", options.stallSeconds,
                  "seconds without a byte in the middle of a request or reply, 0: no limit")
@@ -150,7 +155,11 @@ int main(int argc, char** argv) {
   CLI::App app("corvaned, a full-text search server");
   Options options;
   declareOptions(app, options);
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& answer) {
+    return app.exit(answer) == 0 ? 0 : 2;
+  }
   try {
     startLog(options.logLevel);
     loadFaults(options);

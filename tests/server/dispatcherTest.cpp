@@ -234,6 +234,8 @@ TEST_F(DispatcherTest, StatusTellsWhetherChangesWaitAndWhyThereIsNone) {
   EXPECT_EQ(code(handle({{"action", "getStatus"}, {"index", "c"}})), 0U);
   EXPECT_CALL(store_, state("c")).WillOnce(Return(CollectionState::changesPending));
   EXPECT_EQ(code(handle({{"action", "getStatus"}, {"index", "c"}})), 1U);
+  EXPECT_CALL(store_, state("c")).WillOnce(Return(CollectionState::changesPending));
+  EXPECT_EQ(code(handle({{"action", "getStatus"}, {"collectionName", "c"}})), 1U);
   EXPECT_CALL(store_, state("c"))
       .WillOnce(Throw(ServerError(ErrorKind::unknownCollection, "none")));
   const Reply missing = handle({{"action", "getStatus"}, {"index", "c"}});

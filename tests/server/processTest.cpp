@@ -83,7 +83,10 @@ TEST_F(ProcessTest, DirectoryIsFreeAtOnceAfterAKill) {
 TEST_F(ProcessTest, UsageErrorsAreExplained) {
   CorvanedProgram none({"--data", data_});
   EXPECT_THAT(none.rest(), HasSubstr("port"));
-  EXPECT_NE(none.wait(), 0);
+  EXPECT_EQ(none.wait(), 2);
+  CorvanedProgram negative({"--http-port", "0", "--data", data_, "--max-connections", "-1"});
+  EXPECT_THAT(negative.rest(), HasSubstr("-1"));
+  EXPECT_EQ(negative.wait(), 2);
   CorvanedProgram unwritable({"--http-port", "0", "--data", "/dev/null/x"});
   EXPECT_THAT(unwritable.rest(), HasSubstr("/dev/null/x"));
   EXPECT_EQ(unwritable.wait(), 1);
