@@ -1,6 +1,7 @@
 #include "cli/commandLine.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -37,8 +38,12 @@ CLI::Validator wholeNumber() {
 }
 
 std::string contentsOf(std::istream& input, const std::string& name) {
-  std::string bytes{std::istreambuf_iterator<char>(input), std::istreambuf_iterator<char>()};
-  if (input.bad()) throw OperationError("cannot read " + name);
+  std::string bytes;
+  try {
+    bytes.assign(std::istreambuf_iterator<char>(input), {});
+  } catch (const std::ios_base::failure& failure) {
+    throw OperationError("cannot read " + name + ": " + failure.code().message());
+  }
   constexpr std::size_t most = 0x3FFFFFFF;
   if (bytes.size() > most) throw OperationError(name + " is too long for a document");
   return bytes;
@@ -218,7 +223,11 @@ ParsedCommandLine parseCommandLine(int argc, const char* const* argv, const Stre
     app.exit(asked, streams.out, streams.err);
     parsed.exit = ExitCode::ok;
   } catch (const CLI::ParseError& wrong) {
-    streams.err << "corvane: " << wrong.what() << "; see corvane --help\n";
+    // How far the options were understood cannot be told.
+    const bool json = std::any_of(argv, argv + argc,
+                                  [](const char* word) { return std::string(word) == "--json"; });
+    Printer(streams.out, streams.err, {json, false})
+        .error(std::string(wrong.what()) + "; see corvane --help");
     parsed.exit = ExitCode::usage;
   }
   return parsed;

@@ -100,12 +100,21 @@ DocumentReader::DocumentReader(std::istream& input, std::size_t maxLineBytes)
 
 std::optional<std::variant<Document, Refusal>> DocumentReader::next() {
   for (;;) {
-    const LineState state = readLine();
+    const LineState state = readLineOrThrow();
     if (state == LineState::end) return {};
     if (state == LineState::tooLong) {
       return Refusal{line_, {}, fmt::format("the line is longer than {} bytes", maxLineBytes_)};
     }
     if (!isBlank(buffer_)) return parseLine(buffer_, line_);
+  }
+}
+
+DocumentReader::LineState DocumentReader::readLineOrThrow() {
+  try {
+    return readLine();
+  } catch (const std::ios_base::failure& failure) {
+    throw OperationError(
+        fmt::format("cannot read the input behind line {}: {}", line_, failure.code().message()));
   }
 }
 

@@ -43,6 +43,7 @@ class DocumentReader {
 
  private:
   enum class LineState { complete, tooLong, end };
+  LineState readLineOrThrow();
   LineState readLine();
 
   std::istream& input_;

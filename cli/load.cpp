@@ -157,14 +157,31 @@ class LoadRun {
 
   ExitCode summary(const std::string& collection) {
     reportRefusals();
-    session_.printer.result(
-        fmt::format("loaded {} documents into {}, {} refused", loader_.taken(), collection,
-                    refused_),
-        {{"collection", collection}, {"loaded", loader_.taken()}, {"refused", refused_}});
+    session_.printer.result(fmt::format("loaded {} documents into {}, {} refused", loader_.taken(),
+                                        collection, refused_),
+                            sums(collection));
     return refused_ == 0 ? ExitCode::ok : ExitCode::partlyLoaded;
   }
 
+  // Of a load that was broken off.
+  void summaryUntilThen(const std::string& collection) {
+    reportRefusals();
+    if (session_.printer.json()) {
+      nlohmann::ordered_json object = sums(collection);
+      object["unconfirmed"] = loader_.pending();
+      session_.printer.object(object);
+      return;
+    }
+    session_.printer.note(
+        fmt::format("{} more documents may be in the collection or not", loader_.pending()));
+    summary(collection);
+  }
+
  private:
+  nlohmann::ordered_json sums(const std::string& collection) const {
+    return {{"collection", collection}, {"loaded", loader_.taken()}, {"refused", refused_}};
+  }
+
   void refuse(const Refusal& refusal) {
     ++refused_;
     report(session_, refusal);
@@ -202,9 +219,7 @@ ExitCode loadDocuments(Session& session, const std::string& collection, std::ist
     while (auto item = reader.next()) run.take(std::move(*item));
     run.finish();
   } catch (...) {
-    session.printer.note(
-        fmt::format("{} more documents may be in the collection or not", loader.pending()));
-    run.summary(collection);
+    run.summaryUntilThen(collection);
     throw;
   }
   return run.summary(collection);

@@ -98,6 +98,13 @@ TEST(CommandLine, RefusesWrongUseWithOneLineAndTheUsageCode) {
   }
 }
 
+TEST(CommandLine, RefusesWrongUseInJsonWhenItIsWanted) {
+  const Parse parse({"--port", "x", "status", "--json"});
+  EXPECT_EQ(parse.result.exit, ExitCode::usage);
+  EXPECT_EQ(parse.err.rfind("{\"error\":\"--port: ", 0), 0U) << parse.err;
+  EXPECT_EQ(parse.err.find('\n'), parse.err.size() - 1) << parse.err;
+}
+
 TEST(CommandLine, ExplainsItself) {
   const Parse general({"--help"});
   EXPECT_EQ(general.result.exit, ExitCode::ok);

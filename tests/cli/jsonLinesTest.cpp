@@ -3,6 +3,7 @@
 #include <sstream>
 #include <vector>
 
+#include "cli/errors.h"
 #include "cli/jsonLines.h"
 #include "cli/text.h"
 
@@ -122,6 +123,35 @@ TEST(DocumentReader, TakesALineOfTheLimitAndPassesOverALongerOne) {
   ASSERT_TRUE(std::holds_alternative<Refusal>(items[1]));
   EXPECT_EQ(std::get<Refusal>(items[1]).reason, "the line is longer than 22 bytes");
   EXPECT_TRUE(std::holds_alternative<Document>(items[2]));
+}
+
+TEST(DocumentReader, SaysWhyTheInputCannotBeReadAnyMore) {
+  // As a file whose disk fails.
+  struct FailingBuffer : std::stringbuf {
+    using std::stringbuf::stringbuf;
+    int_type underflow() override {
+      const int_type c = std::stringbuf::underflow();
+      if (c != traits_type::eof()) return c;
+      throw std::ios_base::failure("read", std::make_error_code(std::errc::io_error));
+    }
+    int_type uflow() override {
+      const int_type c = underflow();
+      gbump(1);
+      return c;
+    }
+  };
+  FailingBuffer buffer(R"({"key":"a","text":"x"})"
+                       "\n");
+  std::istream input(&buffer);
+  DocumentReader reader(input);
+  EXPECT_TRUE(reader.next());
+  try {
+    reader.next();
+    FAIL() << "the failure was taken for the end";
+  } catch (const OperationError& failure) {
+    EXPECT_EQ(std::string(failure.what()), "cannot read the input behind line 1: " +
+                                               std::make_error_code(std::errc::io_error).message());
+  }
 }
 
 TEST(DocumentReader, FindsNothingInAnEmptyInput) {

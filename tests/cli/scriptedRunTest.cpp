@@ -244,6 +244,23 @@ TEST(Add, TakesTheTextFromStandardInput) {
   EXPECT_TRUE(contains(server.connection(0).requests.at(0), enveloped("data") + enveloped(text)));
 }
 
+TEST(Add, SaysWhyStandardInputCannotBeRead) {
+  struct FailingBuffer : std::streambuf {
+    int_type underflow() override {
+      throw std::ios_base::failure("read", std::make_error_code(std::errc::io_error));
+    }
+  };
+  FailingBuffer buffer;
+  std::istream in(&buffer);
+  std::ostringstream out, err;
+  const std::vector<const char*> words{"corvane", "--port", "1",      "add",
+                                       "books",   "k",      "--file", "-"};
+  EXPECT_EQ(run(static_cast<int>(words.size()), words.data(), {in, out, err, false}),
+            ExitCode::failed);
+  EXPECT_EQ(err.str(), "corvane: cannot read standard input: " +
+                           std::make_error_code(std::errc::io_error).message() + "\n");
+}
+
 TEST(Delete, SendsEachKeyAsText) {
   ScriptedServer server(Script().expectRequest().send(done()).expectRequest().send(done()));
   const Result result = runAgainst(server, {"delete", "books", "k1", "k2"});
@@ -487,6 +504,18 @@ TEST(Load, ThatBreaksSaysHowFarItCame) {
   EXPECT_EQ(result.out, "loaded 0 documents into books, 0 refused\n");
   EXPECT_TRUE(contains(result.err, "1 more documents may be in the collection or not"));
   EXPECT_TRUE(contains(result.err, "disk full")) << result.err;
+}
+
+TEST(Load, ThatBreaksSaysInJsonToo) {
+  ScriptedServer server(
+      {Script().expectRequest().send(done()).expectRequest().expectRequest().expectRequest().send(
+           refusal("ZVK0014E", "disk full")),
+       Script().awaitClose()});
+  const Result result =
+      runAgainst(server, {"--json", "load", "books", "-"}, documentLine("a", "x"));
+  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_EQ(result.out, R"({"collection":"books","loaded":0,"refused":0,"unconfirmed":1})"
+                        "\n");
 }
 
 TEST(Load, SendsTheSecondOfTwoDocumentsWithOneKeyInALaterWindow) {
