@@ -10,6 +10,8 @@ namespace {
 // Enough for any number of bytes that a machine could hold, and the CR behind it.
 constexpr std::size_t kMaxSizeLine = 125 + 1;
 constexpr char kStatusLineStart = 'H';
+// A peer that never ends its reply must not keep the one who waits for the next.
+constexpr std::size_t kMostSkipped = std::size_t{1} << 20;
 
 bool isHexDigit(char c) {
   return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
@@ -32,14 +34,16 @@ void ChunkTail::clear() {
 }
 
 void ChunkTail::startBehindData(std::size_t maxChunk) {
-  clear();
+  start(State::LineStart);
   maxChunk_ = maxChunk;
-  state_ = State::LineStart;
 }
 
-void ChunkTail::startBehindLastChunk() {
+void ChunkTail::startBehindLastChunk() { start(State::TrailerStart); }
+
+void ChunkTail::start(State state) {
   clear();
-  state_ = State::TrailerStart;
+  state_ = state;
+  mayStillSkip_ = kMostSkipped;
 }
 
 std::size_t ChunkTail::skip(const char* data, std::size_t length) {
@@ -54,6 +58,8 @@ std::size_t ChunkTail::skip(const char* data, std::size_t length) {
       ++position;
     }
   }
+  mayStillSkip_ -= std::min(mayStillSkip_, position);
+  if (mayStillSkip_ == 0 && active()) state_ = State::Broken;
   return position;
 }
 

@@ -26,7 +26,7 @@ class ChunkTail {
 
   bool active() const { return state_ != State::Nothing && state_ != State::Broken; }
   /// True when something else came than chunks or a status line: nobody knows where the next reply
-  /// would begin.
+  /// would begin. Also when it has no end: a megabyte was skipped and more is to come.
   bool broken() const { return state_ == State::Broken; }
 
   /// How many bytes at the start of `data` belong to the old reply. What does not is left to
@@ -38,11 +38,13 @@ class ChunkTail {
 
   bool step(char c);
   void endSizeLine();
+  void start(State state);
 
   State state_ = State::Nothing;
   std::string sizeLine_;
   std::size_t dataLeft_ = 0;
   std::size_t maxChunk_ = 0;
+  std::size_t mayStillSkip_ = 0;
 };
 
 }  // namespace tq::comm

@@ -35,8 +35,6 @@ constexpr unsigned long kFramingPiece = 256;
 constexpr unsigned long kSmallestSlice = 16384;
 constexpr std::uint64_t kNanosPerMilli = 1000000;
 constexpr std::size_t kKeptCarry = std::size_t{1} << 20;
-// Behind more than this a new connection is cheaper, and a server may never stop sending.
-constexpr std::size_t kMostSkipped = std::size_t{1} << 20;
 
 bool isTimeOut(const RESTException& error) {
   const tq::oss::MessageList& messages = error.getMessageList();
@@ -241,27 +239,23 @@ void CorvaneRESTClient::forgetOldConnection() {
 /// way.
 bool CorvaneRESTClient::connectionIsClean() {
   if (replyOutstanding_) return false;
-  for (std::size_t skipped = 0; skipped < kMostSkipped;) {
+  for (;;) {
     const tq::oss::Socket::Look look = socket_.look();
     if (look != tq::oss::Socket::Look::Data) return look == tq::oss::Socket::Look::Quiet;
-    skipped += skipTail();
+    skipTail();
     if (tail_->broken() || socket_.buffered() != 0) return false;
   }
-  return false;
 }
 
-/// Skips what of the old reply is in the socket's buffer; returns how much that was.
-std::size_t CorvaneRESTClient::skipTail() {
+/// Skips what of the old reply is in the socket's buffer.
+void CorvaneRESTClient::skipTail() {
   char piece[kFramingPiece];
-  std::size_t total = 0;
   while (tail_->active() && socket_.buffered() != 0) {
     const unsigned long count =
         socket_.readOnce(piece, 0, std::min<unsigned long>(socket_.buffered(), sizeof piece));
     const std::size_t skipped = tail_->skip(piece, count);
     socket_.pushBack(piece + skipped, count - skipped);
-    total += skipped;
   }
-  return total;
 }
 
 bool CorvaneRESTClient::markReplyOutstanding(bool outstanding) {

@@ -149,7 +149,7 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   void leaveOldConnection();
   void forgetOldConnection();
   bool connectionIsClean();
-  std::size_t skipTail();
+  void skipTail();
   bool mayRepeat(const tq::oss::MessageList& failure, unsigned int attempt) const;
   void pauseBefore(unsigned int attempt) const;
   void recvRest(ClientResponse& response);

@@ -440,6 +440,21 @@ TEST(ExchangeRegression, ChunksWithoutEndBehindTheResultsCostTheirConnection) {
   EXPECT_EQ(network.connections(), 2u);
 }
 
+TEST(ExchangeRegression, ChunksWithoutEndInFrontOfTheReplyAreNotReadForEver) {
+  std::string chunks;
+  while (chunks.size() < std::size_t{3} << 20) chunks += chunk(std::string(1000, 'c'));
+  ScriptedNetwork network(Script()
+                              .expectRequest()
+                              .send(kChunkedReply + chunk(kEmptySearch))
+                              .expectRequest()
+                              .send(chunks)
+                              .awaitClose());
+  CorvaneRESTClient client(u"127.0.0.1", 7, kPersistent);
+  EXPECT_EQ(runExchange(client, kStreamSearch).errorId, "");
+  EXPECT_EQ(runExchange(client, nextReply().kind).errorId, "ERR_CLIENT_RESP_PARSING");
+  EXPECT_FALSE(network.waitedForever());
+}
+
 TEST(ExchangeRegression, ATrailerBehindAReplyOfTheLastChunkAloneDoesNotCostItsConnection) {
   ScriptedNetwork network(Script()
                               .expectRequest()

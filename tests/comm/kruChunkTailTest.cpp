@@ -132,6 +132,19 @@ TEST(ChunkTail, TheLimitOfAChunkHoldsToTheByteAndCanBeMoved) {
   }
 }
 
+TEST(ChunkTail, ThatDoesNotEndWithinAMegabyteIsGivenUp) {
+  const std::string chunk = "\r\n3e8\r\n" + std::string(1000, 'x');
+  std::string chunks;
+  while (chunks.size() < (std::size_t{1} << 20) - 2 * chunk.size()) chunks += chunk;
+  const std::string trailers(std::size_t{1} << 20, 't');
+  for (const std::size_t piece : {64U, 1000U}) {
+    EXPECT_EQ("next", leftOf(behindData(), chunks + "\r\n0\r\n\r\nnext", piece));
+    EXPECT_EQ("broken", leftOf(behindData(), chunks + chunk + chunk + chunk, piece));
+    EXPECT_EQ("broken", leftOf(behindLastChunk(), trailers, piece));
+    EXPECT_EQ("broken", leftOf(behindData(), std::string(trailers.size(), '\n'), piece));
+  }
+}
+
 TEST(ChunkTail, ASizeLineIsAsLongAs125CharactersAndNoLonger) {
   expectLeft(behindData(), std::string(124, '0') + "1\r\nx\r\n0\r\n\r\nnext", "next");
   expectLeft(behindData(), std::string(125, '0') + "1\r\n", "broken");
