@@ -119,6 +119,20 @@ TEST_P(Deadline, HoldsAgainstAPeerThatNeverAccepts) {
   expectTimeout(network, {kGetStatus}, 100);
 }
 
+TEST_P(Deadline, BoundsASingleAttemptThatTheCallerAsksFor) {
+  auto network = options();
+  network.silent = true;
+  FaultNetwork faulty(network, answerer());
+  auto client = clientOf(GetParam());
+  client->setDeadline(300);
+  BuiltRequest built({kGetStatus});
+  tq::comm::ClientResponse response;
+  const auto begin = faulty.nowNanos();
+  EXPECT_THROW(client->sendAndRecvMesgOnce(built.request, response), tq::comm::RESTException);
+  EXPECT_LE((faulty.nowNanos() - begin) / kMilli, 300 + kTolerance);
+  EXPECT_FALSE(faulty.waitedForever());
+}
+
 TEST_P(Deadline, BoundsAConnectThatTheCallerAsksFor) {
   auto network = options();
   network.neverAccepts = true;

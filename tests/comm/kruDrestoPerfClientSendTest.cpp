@@ -533,6 +533,23 @@ TEST_F(DrestoPerfClientBatching, TheCountBeginsAnewWithAnyClientsWrite) {
   EXPECT_EQ(network.connection(0).received, held);
 }
 
+TEST_F(DrestoPerfClientBatching, AMessageWhoseWriteFailsIsNotCounted) {
+  ScriptedNetwork network(Script().awaitClose());
+  auto client = binaryClient();
+  batching(client);
+  client.setNumRetries(0);
+  for (int i = 0; i < 48; ++i) queue(client, 1);
+  network.failNextWrite(EPIPE);
+  auto request = requestFor(kLastDocSent);
+  ClientResponse response;
+  EXPECT_EQ(raisedBy([&] { client.sendAndRecvMesg(request, response); }).size(), 1U);
+  const auto writes = network.writes();
+  queue(client, 1);
+  EXPECT_EQ(network.writes(), writes) << "the forty-ninth";
+  queue(client, 1);
+  EXPECT_EQ(network.writes(), writes + 1);
+}
+
 TEST_F(DrestoPerfClientBatching, TheDestructorDoesNotSendWhatIsHeld) {
   ScriptedNetwork network(Script().awaitClose());
   {
@@ -663,6 +680,16 @@ TEST_F(HeldQuestion, IsNotSentBehindHalfOfItself) {
   EXPECT_EQ(network.connection(0).received, all.substr(0, 50));
   ASSERT_EQ(network.connections(), 3U);
   EXPECT_EQ(network.connection(1).received, all);
+}
+
+TEST_F(HeldQuestion, SaysNothingOfTheRequestOfTheExchange) {
+  ScriptedNetwork network(Script().awaitClose());
+  auto client = binaryClient();
+  const auto all = hold(client);
+  network.failConnects(ECONNREFUSED);
+  EXPECT_EQ(askStatus(client).front().id, "ERR_CONNECT_SERVER");
+  EXPECT_EQ(network.connection(0).received, all);
+  EXPECT_EQ(client.getRequestOutcome(), tq::comm::RequestOutcome::NotSent);
 }
 
 TEST_F(HeldQuestion, IsNotSentToAPeerThatHasClosed) {
