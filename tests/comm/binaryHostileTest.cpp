@@ -4,44 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
-#include <cstdlib>
-#include <new>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "tests/comm/binaryFixture.h"
-
-namespace {
-
-std::atomic<std::size_t> largestAllocation{0};
-
-void* allocate(std::size_t size) noexcept {
-  auto largest = largestAllocation.load(std::memory_order_relaxed);
-  while (size > largest && !largestAllocation.compare_exchange_weak(largest, size)) {
-  }
-  return std::malloc(size == 0 ? 1 : size);
-}
-
-void* allocateOrThrow(std::size_t size) {
-  void* memory = allocate(size);
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) { return allocateOrThrow(size); }
-void* operator new[](std::size_t size) { return allocateOrThrow(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete[](void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
-void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
-void operator delete(void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
-void operator delete[](void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
+#include "tests/comm/largestAllocation.h"
 
 namespace {
 
@@ -70,9 +38,9 @@ void endure(int kind, const std::string& text, bool reassembly, Then then) {
   client.setNumRetries(0);
   client.setReassembly(reassembly);
   client.setTimeOut(then == Then::Silence ? 100 : 0);
-  largestAllocation = 0;
+  largestAllocation() = 0;
   const auto outcome = runBinary(client, kind);
-  EXPECT_LE(largestAllocation, kAllowance);
+  EXPECT_LE(largestAllocation(), kAllowance);
   EXPECT_LE(outcome.seen.hits.size(), text.size() / 4);
   EXPECT_LE(outcome.seen.parsed.size(), text.size() / 4);
   EXPECT_FALSE(network.waitedForever());
@@ -164,9 +132,9 @@ TEST(BinaryHostile, AnEndlessStreamOfNothingIsRefusedAndNotHoarded) {
       ScriptedNetwork network(Script().expectFramedRequest().send(kOk + record + nothing, 16384));
       auto client = binaryClient();
       client.setReassembly(reassembly);
-      largestAllocation = 0;
+      largestAllocation() = 0;
       const auto outcome = runBinary(client, kind);
-      EXPECT_LE(largestAllocation, kAllowance);
+      EXPECT_LE(largestAllocation(), kAllowance);
       EXPECT_EQ(outcome.seen.errorId, "ERR_CLIENT_RESP_PARSING");
       EXPECT_EQ(outcome.seen.hits.size(), kind == kSelectivity ? 0U : 1U);
       EXPECT_FALSE(network.waitedForever());

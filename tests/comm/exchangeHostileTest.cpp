@@ -4,46 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
-#include <cstdlib>
-#include <new>
 #include <string>
 #include <vector>
 
+#include "tests/comm/largestAllocation.h"
 #include "tests/support/exchange.h"
 #include "tests/support/replyCorpus.h"
 #include "tests/support/script.h"
 #include "tests/support/scriptedNetwork.h"
-
-namespace {
-
-std::atomic<std::size_t> largestAllocation{0};
-
-void* allocate(std::size_t size) noexcept {
-  auto largest = largestAllocation.load(std::memory_order_relaxed);
-  while (size > largest && !largestAllocation.compare_exchange_weak(largest, size)) {
-  }
-  return std::malloc(size == 0 ? 1 : size);
-}
-
-void* allocateOrThrow(std::size_t size) {
-  void* memory = allocate(size);
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) { return allocateOrThrow(size); }
-void* operator new[](std::size_t size) { return allocateOrThrow(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete[](void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
-void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
-void operator delete(void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
-void operator delete[](void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
 
 namespace {
 
@@ -91,9 +59,9 @@ std::string flipped(std::string text, const Field& field, std::size_t bit) {
 void expectAnEnd(const Reply& reply, const std::string& text) {
   ScriptedNetwork network(Script().expectRequest().send(text));
   CorvaneRESTClient client(u"127.0.0.1", 7, true);
-  largestAllocation = 0;
+  largestAllocation() = 0;
   const auto outcome = runExchange(client, reply.kind);
-  EXPECT_LT(largestAllocation.load(), kAllowance);
+  EXPECT_LT(largestAllocation().load(), kAllowance);
   EXPECT_FALSE(network.waitedForever());
   EXPECT_LE(network.requests(), 2U) << "one retry at most";
   EXPECT_LE(outcome.hits.size(), text.size() / 8) << "more hits than could have come";
@@ -210,9 +178,9 @@ TEST(HostileExchange, AllocatesNothingForWhatIsOnlyAnnounced) {
     for (const int kind : {8, 11, 15, 20, 4}) {
       ScriptedNetwork network(Script().expectRequest().send(text));
       CorvaneRESTClient client(u"127.0.0.1", 7, true);
-      largestAllocation = 0;
+      largestAllocation() = 0;
       const auto outcome = runExchange(client, kind);
-      EXPECT_LT(largestAllocation.load(), kAllowance) << text << kind;
+      EXPECT_LT(largestAllocation().load(), kAllowance) << text << kind;
       EXPECT_TRUE(outcome.hits.empty());
     }
   }
@@ -225,9 +193,9 @@ TEST(HostileExchange, MemoryGrowsWithTheBytesThatArrive) {
   ScriptedNetwork network(Script().expectRequest().send(text, 100000));
   CorvaneRESTClient client(u"127.0.0.1", 7, true);
   client.setNumRetries(0);
-  largestAllocation = 0;
+  largestAllocation() = 0;
   EXPECT_EQ(runExchange(client, 8).errorId, "ERR_SERVER_COMM_RECV");
-  EXPECT_LT(largestAllocation.load(), 4 * text.size());
+  EXPECT_LT(largestAllocation().load(), 4 * text.size());
 }
 
 }  // namespace
