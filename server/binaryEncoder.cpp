@@ -31,13 +31,6 @@ void appendEnvelope(std::string& out, std::uint16_t status, std::string_view pay
   out += payload;
 }
 
-std::string messageFields(std::string_view id, const std::string& text) {
-  std::string fields;
-  appendField(fields, "MsgId", id);
-  appendField(fields, "MsgText", errorText(text));
-  return fields;
-}
-
 std::string header(std::uint16_t code) {
   std::string bytes;
   appendU16(bytes, code);
@@ -46,7 +39,7 @@ std::string header(std::uint16_t code) {
 
 std::string errorReply(const ErrorReply& error) {
   std::string bytes = header(kError);
-  const std::string record = messageFields(error.id, error.text);
+  const std::string record = messageFields(appendField, error.id, error.text);
   appendU16(bytes, static_cast<std::uint16_t>(record.size()));
   return bytes + record;
 }
@@ -55,19 +48,6 @@ std::uint32_t clamped(std::uint64_t value) {
   constexpr std::uint64_t most = std::numeric_limits<std::uint32_t>::max();
   return static_cast<std::uint32_t>(std::min(value, most));
 }
-
-class WholeReply : public ReplyEncoder {
- public:
-  explicit WholeReply(std::string bytes) : bytes_(std::move(bytes)) {}
-
-  bool next(std::string& out) override {
-    out += bytes_;
-    return !std::exchange(bytes_, {}).empty();
-  }
-
- private:
-  std::string bytes_;
-};
 
 class EnvelopesReply : public ReplyEncoder {
  public:
@@ -123,13 +103,7 @@ class BinaryOutcomes : public EnvelopesReply {
  protected:
   bool appendNext(std::string& portion) override {
     if (position_ == reply_.outcomes.size()) return false;
-    const ParseOutcome& outcome = reply_.outcomes[position_++];
-    std::string record;
-    appendField(record, words().doc, documentId(outcome.key));
-    if (!outcome.messageId.empty()) {
-      record += messageFields(outcome.messageId, outcome.messageText);
-    }
-    appendEnvelope(portion, kSuccess, record);
+    appendEnvelope(portion, kSuccess, outcomeFields(appendField, reply_.outcomes[position_++]));
     return true;
   }
 
@@ -138,15 +112,11 @@ class BinaryOutcomes : public EnvelopesReply {
   std::size_t position_ = 0;
 };
 
-std::unique_ptr<ReplyEncoder> whole(std::string bytes) {
-  return std::make_unique<WholeReply>(std::move(bytes));
-}
-
 struct BinaryForm {
-  std::unique_ptr<ReplyEncoder> operator()(NoReply) const { return whole({}); }
-  std::unique_ptr<ReplyEncoder> operator()(DoneReply) const { return whole(header(kSuccess)); }
+  std::unique_ptr<ReplyEncoder> operator()(NoReply) const { return wholeReply({}); }
+  std::unique_ptr<ReplyEncoder> operator()(DoneReply) const { return wholeReply(header(kSuccess)); }
   std::unique_ptr<ReplyEncoder> operator()(const ErrorReply& reply) const {
-    return whole(errorReply(reply));
+    return wholeReply(errorReply(reply));
   }
   std::unique_ptr<ReplyEncoder> operator()(HitsReply&& reply) const {
     return std::make_unique<BinaryHits>(std::move(reply));
@@ -163,17 +133,17 @@ struct BinaryForm {
     std::string bytes = header(kSuccess);
     appendEnvelope(bytes, kSuccess, payload);
     appendEnvelope(bytes, kSuccess, {});
-    return whole(bytes);
+    return wholeReply(bytes);
   }
   std::unique_ptr<ReplyEncoder> operator()(const StatusReply& reply) const {
-    if (reply.code == 0) return whole(header(kSuccess));
-    if (reply.code == 1) return whole(header(kStatusOne));
-    return whole(errorReply(reply.reason));
+    if (reply.code == 0) return wholeReply(header(kSuccess));
+    if (reply.code == 1) return wholeReply(header(kStatusOne));
+    return wholeReply(errorReply(reply.reason));
   }
   std::unique_ptr<ReplyEncoder> operator()(const TextReply& reply) const {
     std::string bytes = header(kSuccess);
     appendEnvelope(bytes, kSuccess, cutBetweenCharacters(reply.text, kMaxPayload));
-    return whole(bytes);
+    return wholeReply(bytes);
   }
 };
 

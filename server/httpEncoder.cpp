@@ -26,13 +26,6 @@ void appendRecord(std::string& out, std::string_view fields) {
   out += fields;
 }
 
-std::string messageFields(std::string_view id, const std::string& text) {
-  std::string fields;
-  appendField(fields, "MsgId", id);
-  appendField(fields, "MsgText", errorText(text));
-  return fields;
-}
-
 std::string withLength(std::string_view status, std::string_view body) {
   std::string reply = "HTTP/1.1 ";
   reply.append(status).append("\r\n").append(words().replyContentLength).append(": ");
@@ -46,20 +39,6 @@ std::string oneRecordReply(std::string_view status, std::string_view fields) {
   appendRecord(body, fields);
   return withLength(status, body);
 }
-
-/// A reply that is there as a whole.
-class WholeReply : public ReplyEncoder {
- public:
-  explicit WholeReply(std::string bytes) : bytes_(std::move(bytes)) {}
-
-  bool next(std::string& out) override {
-    out += bytes_;
-    return !std::exchange(bytes_, {}).empty();
-  }
-
- private:
-  std::string bytes_;
-};
 
 /// A run of records. It goes out in chunks, each of whole records; one that turns out to be short
 /// goes out with a length unless chunks are asked for.
@@ -138,13 +117,7 @@ class HttpOutcomes : public RecordsReply {
  protected:
   bool appendNext(std::string& portion) override {
     if (position_ == reply_.outcomes.size()) return false;
-    const ParseOutcome& outcome = reply_.outcomes[position_++];
-    std::string fields;
-    appendField(fields, words().doc, documentId(outcome.key));
-    if (!outcome.messageId.empty()) {
-      fields += messageFields(outcome.messageId, outcome.messageText);
-    }
-    appendRecord(portion, fields);
+    appendRecord(portion, outcomeFields(appendField, reply_.outcomes[position_++]));
     return true;
   }
 
@@ -153,17 +126,14 @@ class HttpOutcomes : public RecordsReply {
   std::size_t position_ = 0;
 };
 
-std::unique_ptr<ReplyEncoder> whole(std::string bytes) {
-  return std::make_unique<WholeReply>(std::move(bytes));
-}
-
 struct HttpForm {
-  std::unique_ptr<ReplyEncoder> operator()(NoReply) const { return whole({}); }
+  std::unique_ptr<ReplyEncoder> operator()(NoReply) const { return wholeReply({}); }
   std::unique_ptr<ReplyEncoder> operator()(DoneReply) const {
-    return whole(withLength("200 OK", {}));
+    return wholeReply(withLength("200 OK", {}));
   }
   std::unique_ptr<ReplyEncoder> operator()(const ErrorReply& reply) const {
-    return whole(oneRecordReply("500 Internal Server Error", messageFields(reply.id, reply.text)));
+    return wholeReply(oneRecordReply("500 Internal Server Error",
+                                     messageFields(appendField, reply.id, reply.text)));
   }
   std::unique_ptr<ReplyEncoder> operator()(HitsReply&& reply) const {
     return std::make_unique<HttpHits>(std::move(reply));
@@ -176,15 +146,15 @@ struct HttpForm {
     appendField(fields, "ESTIMATE", std::to_string(reply.estimate.hits));
     appendField(fields, "AT_MOST", std::to_string(reply.estimate.atMost));
     appendField(fields, "DOCUMENTS", std::to_string(reply.estimate.documents));
-    return whole(oneRecordReply("200 OK", fields));
+    return wholeReply(oneRecordReply("200 OK", fields));
   }
   std::unique_ptr<ReplyEncoder> operator()(const StatusReply& reply) const {
     std::string fields;
     appendField(fields, "STATUS_CODE", std::to_string(reply.code));
-    return whole(oneRecordReply("200 OK", fields));
+    return wholeReply(oneRecordReply("200 OK", fields));
   }
   std::unique_ptr<ReplyEncoder> operator()(const TextReply& reply) const {
-    return whole(withLength("200 OK", reply.text));
+    return wholeReply(withLength("200 OK", reply.text));
   }
 };
 
@@ -192,10 +162,6 @@ struct HttpForm {
 
 std::unique_ptr<ReplyEncoder> encodeHttp(Reply reply) {
   return std::visit(HttpForm{}, std::move(reply));
-}
-
-std::unique_ptr<ReplyEncoder> encode(Framing framing, Reply reply) {
-  return framing == Framing::http ? encodeHttp(std::move(reply)) : encodeBinary(std::move(reply));
 }
 
 }  // namespace corvaned

@@ -24,6 +24,9 @@ std::unique_ptr<ReplyEncoder> encodeHttp(Reply reply);
 std::unique_ptr<ReplyEncoder> encodeBinary(Reply reply);
 std::unique_ptr<ReplyEncoder> encode(Framing framing, Reply reply);
 
+/// The encoder of a reply that is there as a whole; of one without bytes there is nothing to send.
+std::unique_ptr<ReplyEncoder> wholeReply(std::string bytes);
+
 /// How many bytes of records an encoder gathers before it hands them out.
 constexpr std::size_t kPortionBytes = 16384;
 

@@ -1,12 +1,16 @@
 #include "server/replyText.h"
 
+#include <algorithm>
+
 #include "server/errors.h"
+#include "server/vocabulary.h"
 
 namespace corvaned {
 namespace {
 
 constexpr std::string_view kAlphabet =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+// An error record fits the smallest read that a client makes for one.
 constexpr std::size_t kMaxErrorText = 600;
 
 }  // namespace
@@ -31,8 +35,20 @@ std::string scoreText(std::uint16_t milliScore) {
   return std::to_string(milliScore / 1000) + "." + fraction;
 }
 
-std::string_view errorText(const std::string& text) {
-  return cutBetweenCharacters(text, kMaxErrorText);
+std::string messageFields(FieldAppender append, std::string_view id, const std::string& text) {
+  std::string fields;
+  append(fields, "MsgId", id);
+  append(fields, "MsgText", cutBetweenCharacters(text, kMaxErrorText));
+  return fields;
+}
+
+std::string outcomeFields(FieldAppender append, const ParseOutcome& outcome) {
+  std::string fields;
+  append(fields, words().doc, documentId(outcome.key));
+  if (!outcome.messageId.empty()) {
+    fields += messageFields(append, outcome.messageId, outcome.messageText);
+  }
+  return fields;
 }
 
 }  // namespace corvaned
