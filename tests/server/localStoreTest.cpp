@@ -536,7 +536,7 @@ TEST_F(LocalStoreTest, CollectionThatCannotBeDeletedGoesOn) {
 
 TEST_F(LocalStoreTest, DeletionThatAnUpdateOvertakesHidesNothingThatCameLater) {
   store_->createCollection("c", "en");
-  for (int round = 0; round < 400; ++round) {
+  for (int round = 0; round < 150; ++round) {
     std::atomic<bool> stop = false;
     std::vector<std::thread> others;
     // They make the others wait for each other, in whatever order.
