@@ -192,7 +192,7 @@ void CorvaneRESTClient::recvRest(ClientResponse& response) {
   const RequestOutcome verdict = outcome_;
   outcome_ = RequestOutcome::MayBeApplied;
   recvMultResponse(response);
-  outcome_ = verdict;
+  if (!truncated_) outcome_ = verdict;
 }
 
 void CorvaneRESTClient::refuseUnsendable(ClientRequest& request) const {

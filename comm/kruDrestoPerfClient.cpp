@@ -16,7 +16,6 @@
 #include "comm/kruRESTMessage.h"
 #include "comm/kruRaise.h"
 #include "comm/kruStaticDefs.h"
-#include "infra/oss/kruMessage.h"
 #include "infra/oss/kruMessageList.h"
 #include "infra/oss/kruSocketException.h"
 #include "infra/oss/kruTrace.h"
@@ -64,20 +63,6 @@ constexpr int kInvalidAuth = 401;
 std::atomic<int>& messagesInBuffer() {
   static std::atomic<int> messages{0};
   return messages;
-}
-
-/// The host as the one argument, and behind it what the cause had to say.
-[[noreturn]] void raiseInternal(const tq::oss::BaseException& cause,
-                                const icu::UnicodeString& host) {
-  tq::oss::Message message;
-  message.setMessageId(StaticDefs::ERR_CLIENT_INTERNAL);
-  message.setFileName(kFile);
-  message.setLineNumber(kLineSendInternal);
-  message.addArgument(host);
-  tq::oss::MessageList messages;
-  messages.add(message);
-  if (!cause.getMessageList().empty()) messages.add(cause.getMessageList().front());
-  rethrow(messages);
 }
 
 }  // namespace
@@ -185,7 +170,7 @@ void DrestoPerfClient::sendMesg(RESTMessage& message) {
   } catch (const RESTException&) {
     throw;
   } catch (const tq::oss::BaseException& e) {
-    raiseInternal(e, host_);
+    raise(StaticDefs::ERR_CLIENT_INTERNAL, kFile, kLineSendInternal, host_, e.getMessageList());
   }
 }
 

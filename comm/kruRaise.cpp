@@ -15,9 +15,11 @@ tq::oss::Message messageOf(const icu::UnicodeString& id, const char* file, unsig
   return message;
 }
 
-[[noreturn]] void throwWith(const tq::oss::Message& message) {
+[[noreturn]] void throwWith(const tq::oss::Message& message,
+                            const tq::oss::MessageList& cause = tq::oss::MessageList()) {
   tq::oss::MessageList messages;
   messages.add(message);
+  if (!cause.empty()) messages.add(cause.front());
   throw RESTException(messages);
 }
 
@@ -29,9 +31,14 @@ void raise(const icu::UnicodeString& id, const char* file, unsigned long line) {
 
 void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
            const icu::UnicodeString& argument) {
+  raise(id, file, line, argument, tq::oss::MessageList());
+}
+
+void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
+           const icu::UnicodeString& argument, const tq::oss::MessageList& cause) {
   tq::oss::Message message = messageOf(id, file, line);
   message.addArgument(argument);
-  throwWith(message);
+  throwWith(message, cause);
 }
 
 void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
@@ -44,10 +51,7 @@ void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
   tq::oss::Message message = messageOf(id, file, line);
   message.addArgument(host);
   message.addArgument(static_cast<unsigned long>(port));
-  tq::oss::MessageList messages;
-  messages.add(message);
-  if (!cause.empty()) messages.add(cause.front());
-  rethrow(messages);
+  throwWith(message, cause);
 }
 
 void rethrow(const tq::oss::MessageList& messages) { throw RESTException(messages); }

@@ -17,6 +17,10 @@ namespace tq::comm {
 [[noreturn]] void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
                         const icu::UnicodeString& argument);
 
+/// The same, followed by the first of the messages that tell the cause, if there is one.
+[[noreturn]] void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
+                        const icu::UnicodeString& argument, const tq::oss::MessageList& cause);
+
 /// With the server's host and port as arguments.
 [[noreturn]] void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
                         const icu::UnicodeString& host, unsigned int port);

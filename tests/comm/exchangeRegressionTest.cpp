@@ -440,6 +440,16 @@ TEST(ExchangeRegression, ChunksWithoutEndBehindTheResultsCostTheirConnection) {
   EXPECT_EQ(network.connections(), 2u);
 }
 
+TEST(ExchangeRegression, ParseResultsThatBreakOffAreNoAnswerToTheirRequest) {
+  const Reply& reply = replyNamed("ParseResultWithThreeRows");
+  const std::string one = reply.body.substr(0, reply.recordStarts[1]);
+  ScriptedNetwork network(Script().expectRequest().send(kChunkedReply + chunk(one)));
+  CorvaneRESTClient client(u"127.0.0.1", 7, kPersistent);
+  EXPECT_EQ(runExchange(client, kParseResult).errorId, "");
+  EXPECT_TRUE(client.isTruncated());
+  EXPECT_EQ(client.getRequestOutcome(), tq::comm::RequestOutcome::MayBeApplied);
+}
+
 TEST(ExchangeRegression, ChunksWithoutEndInFrontOfTheReplyAreNotReadForEver) {
   std::string chunks;
   while (chunks.size() < std::size_t{3} << 20) chunks += chunk(std::string(1000, 'c'));
