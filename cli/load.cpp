@@ -11,6 +11,7 @@
 #include "cli/text.h"
 #include "comm/kruClientResponse.h"
 #include "comm/kruParseResult.h"
+#include "comm/kruStaticDefs.h"
 #include "infra/oss/kruBaseException.h"
 
 namespace corvane {
@@ -20,9 +21,12 @@ namespace {
 using tq::comm::ClientRequest;
 using tq::comm::ClientResponse;
 
-bool isCommunicationFailure(const tq::oss::BaseException& failure) {
+// A failed write has an id of its own over the HTTP-style protocol, which it shares with failures
+// that a second try meets again.
+bool mayPass(const tq::oss::BaseException& failure) {
   auto id = icu::UnicodeString::fromUTF8(failureId(failure));
-  return tq::comm::CorvaneRESTClient::isCommnError(id);
+  return tq::comm::CorvaneRESTClient::isCommnError(id) ||
+         id == tq::comm::StaticDefs::ERR_CLIENT_INTERNAL;
 }
 
 // A warning or an information comes with a document that is in the collection.
@@ -72,7 +76,7 @@ void BatchLoader::deliver() {
   try {
     deliverOnce();
   } catch (const tq::oss::BaseException& failure) {
-    if (!isCommunicationFailure(failure)) throw;
+    if (!mayPass(failure)) throw;
     session_.client.close();
   }
   if (!window_.empty()) deliverOnce();

@@ -486,6 +486,18 @@ TEST(Load, SendsTheWindowAgainWhenTheConnectionBreaks) {
   EXPECT_EQ(result.out, "loaded 1 documents into books, 0 refused\n");
 }
 
+TEST(Load, SendsTheWindowAgainWhenAWriteFails) {
+  const Script broken = Script().expectRequest().send(done()).expectBytes(1000).reset();
+  const Script whole =
+      Script().expectRequest().expectRequest().expectRequest().send(outcomes({{"a"}}));
+  ScriptedServer server({broken, whole});
+  // More than the system holds for a peer that does not read.
+  const std::string text(std::size_t{16} << 20, 'x');
+  const Result result = runAgainst(server, {"load", "books", "-"}, documentLine("a", text));
+  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.out, "loaded 1 documents into books, 0 refused\n");
+}
+
 TEST(Load, OfACollectionThatIsNotThereSendsNoDocument) {
   ScriptedServer server(Script().expectRequest().send(refusal("ZVK0007E", "unknown collection")));
   const Result result = runAgainst(server, {"load", "books", "-"}, documentLine("a", "x"));
