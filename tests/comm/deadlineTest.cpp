@@ -41,6 +41,21 @@ class Deadline : public testing::TestWithParam<Protocol> {
   FaultNetwork::Options options() const { return optionsOf(GetParam()); }
   Answerer answerer() const { return answererOf(GetParam()); }
 
+  /// A peer that sends a byte a second.
+  FaultNetwork::Options dripping() const {
+    auto network = options();
+    network.dripMillis = 1000;
+    return network;
+  }
+
+  /// Without reassembly the first portion of a stream that drips would be a single byte.
+  std::unique_ptr<tq::comm::CorvaneRESTClient> reassemblingClient() const {
+    auto client = clientOf(GetParam());
+    auto* binary = dynamic_cast<tq::comm::DrestoPerfClient*>(client.get());
+    if (binary != nullptr) binary->setReassembly(true);
+    return client;
+  }
+
   void expectInTime(const Ran& ran, std::uint64_t deadline) const {
     EXPECT_EQ(ran.errorId, "ERR_SERVER_COMM_TIMEOUT") << ran;
     EXPECT_EQ(ran.errorArguments, (std::vector<std::string>{"127.0.0.1", "7"}));
@@ -64,20 +79,16 @@ class Deadline : public testing::TestWithParam<Protocol> {
 };
 
 TEST_P(Deadline, HoldsAgainstAPeerThatSendsAByteASecond) {
-  auto network = options();
-  network.dripMillis = 1000;
   for (const int kind : {1, 4, 8, 11, 14, 15, 20, 22}) {
     SCOPED_TRACE(kind);
     // A reply of two bytes is whole after two of them.
     if (GetParam() != Protocol::Http && (kind == 1 || kind == 4)) continue;
-    expectTimeout(network, {kind});
+    expectTimeout(dripping(), {kind});
   }
 }
 
 TEST_P(Deadline, HoldsAgainstAPeerThatSendsAByteASecondHoweverOftenItIsRetried) {
-  auto network = options();
-  network.dripMillis = 1000;
-  expectTimeout(network, {kGetStatus}, 1000);
+  expectTimeout(dripping(), {kGetStatus}, 1000);
 }
 
 TEST_P(Deadline, HoldsAgainstAPeerThatTakesNoMoreBytes) {
@@ -325,13 +336,8 @@ TEST_P(Deadline, BeginsAnewWithEachOperation) {
 TEST_P(Deadline, BoundsEachPullOfAStreamAndLosesNoHit) {
   for (const int kind : {kStreamSearch, kScalarSearch}) {
     SCOPED_TRACE(kind);
-    auto network = options();
-    network.dripMillis = 1000;
-    FaultNetwork faulty(network, answerer());
-    auto client = clientOf(GetParam());
-    // Without reassembly the first portion would be a single byte.
-    auto* binary = dynamic_cast<tq::comm::DrestoPerfClient*>(client.get());
-    if (binary != nullptr) binary->setReassembly(true);
+    FaultNetwork faulty(dripping(), answerer());
+    const auto client = reassemblingClient();
     const MarkedRequest marked{kind, 42};
     BuiltRequest built(marked);
     tq::comm::ClientResponse response;
@@ -372,12 +378,8 @@ TEST_P(Deadline, BoundsAllPortionsThatALoopingPullTakesAndLosesNoHit) {
     // Over HTTP the exchange reads parse results to their end.
     if (kind == kParseResult && GetParam() == Protocol::Http) continue;
     SCOPED_TRACE(kind);
-    auto network = options();
-    network.dripMillis = 1000;
-    FaultNetwork faulty(network, answerer());
-    auto client = clientOf(GetParam());
-    auto* binary = dynamic_cast<tq::comm::DrestoPerfClient*>(client.get());
-    if (binary != nullptr) binary->setReassembly(true);
+    FaultNetwork faulty(dripping(), answerer());
+    const auto client = reassemblingClient();
     const MarkedRequest marked{kind, 42};
     BuiltRequest built(marked);
     tq::comm::ClientResponse response;
