@@ -1,72 +1,11 @@
 #include "comm/kruClientRequest.h"
 
 #include "comm/kruFunctionIds.h"
+#include "comm/kruKinds.h"
 #include "comm/kruStaticDefs.h"
 #include "infra/oss/kruTrace.h"
 
 namespace tq::comm {
-
-namespace {
-
-const icu::UnicodeString* searchModeOf(ClientRequest::REQUEST kind) noexcept {
-  switch (kind) {
-    case ClientRequest::SELECTIVITY:
-      return &StaticDefs::PARAM_SEARCH_MODE_SELECTIVITY;
-    case ClientRequest::STREAM_SEARCH:
-      return &StaticDefs::PARAM_SEARCH_MODE_STREAMING;
-    case ClientRequest::SCALAR_SEARCH:
-      return &StaticDefs::PARAM_SEARCH_MODE_SCALAR;
-    default:
-      return nullptr;
-  }
-}
-
-const icu::UnicodeString* displayNameOf(ClientRequest::REQUEST kind) noexcept {
-  switch (kind) {
-    case ClientRequest::CREATE_COLLECTION:
-    // On purpose: this name, not one of its own, is what callers know an added document by.
-    case ClientRequest::ADD_DOCUMENT:
-      return &StaticDefs::REQ_CREATE_COLLECTION;
-    case ClientRequest::DROP_COLLECTION:
-      return &StaticDefs::REQ_DROP_COLLECTION;
-    case ClientRequest::UPDATE_INDEX:
-      return &StaticDefs::REQ_UPDATE_INDEX;
-    case ClientRequest::DELETE_DOCUMENT:
-      return &StaticDefs::REQ_DELETE_DOCUMENT;
-    case ClientRequest::STREAM_SEARCH:
-      return &StaticDefs::REQ_STREAM_SEARCH;
-    case ClientRequest::ASYNCH_ADD_DOCUMENT:
-      return &StaticDefs::REQ_ASYNCH_ADD_DOCUMENT;
-    case ClientRequest::LAST_DOC_SENT:
-      return &StaticDefs::REQ_LAST_DOC_SENT;
-    case ClientRequest::PARSE_RESULT:
-      return &StaticDefs::REQ_PARSE_RESULT;
-    case ClientRequest::OPEN_COLLECTION:
-      return &StaticDefs::REQ_OPEN_COLLECTION;
-    case ClientRequest::CLOSE_COLLECTION:
-      return &StaticDefs::REQ_CLOSE_COLLECTION;
-    case ClientRequest::SELECTIVITY:
-      return &StaticDefs::REQ_SELECTIVITY;
-    case ClientRequest::GET_STATUS:
-      return &StaticDefs::REQ_GET_STATUS;
-    case ClientRequest::BACKUP:
-      return &StaticDefs::REQ_BACKUP;
-    case ClientRequest::RESTORE:
-      return &StaticDefs::REQ_RESTORE;
-    case ClientRequest::TAKEOVER:
-      return &StaticDefs::REQ_TAKEOVER;
-    case ClientRequest::SHUTDOWN:
-      return &StaticDefs::REQ_SHUTDOWN;
-    case ClientRequest::SCALAR_SEARCH:
-      return &StaticDefs::REQ_SCALAR_SEARCH;
-    case ClientRequest::GET_SERVER_VERSION:
-      return &StaticDefs::REQ_GET_SERVER_VERSION;
-    default:
-      return nullptr;
-  }
-}
-
-}  // namespace
 
 ClientRequest::ClientRequest() = default;
 
@@ -86,7 +25,7 @@ void ClientRequest::buildRequest(const icu::UnicodeString& collectionId, REQUEST
   collectionId_ = collectionId;
   replaceProperties(props);
   properties_.putProperty(StaticDefs::PARAM_COLLECTION_ID, collectionId_);
-  const icu::UnicodeString* mode = searchModeOf(kind);
+  const icu::UnicodeString* mode = kindOf(kind).mode;
   if (mode != nullptr) properties_.putProperty(StaticDefs::PARAM_SEARCH_MODE, *mode);
   setRequestString();
 }
@@ -98,7 +37,7 @@ void ClientRequest::replaceProperties(const tq::util::ExtendedProperties& props)
 
 void ClientRequest::setRequestString() {
   const tq::oss::TraceScope scope(trace::ClientRequestSetRequestString);
-  const icu::UnicodeString* name = displayNameOf(request_);
+  const icu::UnicodeString* name = kindOf(request_).displayName;
   if (name != nullptr) requestString_ = *name;
 }
 

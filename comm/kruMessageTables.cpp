@@ -1,42 +1,13 @@
 #include "comm/kruMessageTables.h"
 
 #include "comm/kruGenRespRecord.h"
+#include "comm/kruKinds.h"
 #include "comm/kruStaticDefs.h"
 #include "infra/oss/kruConverter.h"
 
 namespace tq::comm {
 
 namespace {
-
-struct Action {
-  ClientRequest::REQUEST kind;
-  const char16_t* name;
-};
-
-constexpr Action kActions[] = {
-    {ClientRequest::CREATE_COLLECTION, u"createCollection"},
-    {ClientRequest::DROP_COLLECTION, u"deleteCollection"},
-    {ClientRequest::UPDATE_INDEX, u"updateIndex"},
-    {ClientRequest::ADD_DOCUMENT, u"addDocument"},
-    {ClientRequest::DELETE_DOCUMENT, u"deleteDocument"},
-    {ClientRequest::ASYNCH_ADD_DOCUMENT, u"asyncAddDocument"},
-    {ClientRequest::LAST_DOC_SENT, u"asyncAddDocument"},
-    {ClientRequest::OPEN_COLLECTION, u"openCollection"},
-    {ClientRequest::OPEN_COLLECTION_ALT, u"openCollection"},
-    {ClientRequest::CLOSE_COLLECTION, u"closeCollection"},
-    {ClientRequest::PARSE_RESULT, u"getParseResult"},
-    {ClientRequest::STREAM_SEARCH, u"search"},
-    {ClientRequest::SCALAR_SEARCH, u"search"},
-    {ClientRequest::SELECTIVITY, u"selectivity"},
-    {ClientRequest::GET_STATUS, u"getStatus"},
-    {ClientRequest::BACKUP, u"backup"},
-    {ClientRequest::RESTORE, u"restore"},
-    {ClientRequest::TAKEOVER, u"takeover"},
-    {ClientRequest::SHUTDOWN, u"shutdown"},
-    {ClientRequest::GET_SERVER_VERSION, u"getServerVersion"},
-    {ClientRequest::SET_CONSTRUCTOR_CONFIGURATION, u"setConstructorConfiguration"},
-    {ClientRequest::VERSIONS_VALIDATION, u"versionsValidation"},
-};
 
 // Texts that are frequent without being words of the protocol. The locale is registered in its
 // proper case although the default language is spelled otherwise.
@@ -137,8 +108,8 @@ void MessageTables::fill() {
 }
 
 void MessageTables::fillActions() {
-  for (const Action& action : kActions) {
-    actionMap_[static_cast<std::size_t>(action.kind)] = icu::UnicodeString(action.name);
+  for (const Kind& kind : kKinds) {
+    actionMap_[static_cast<std::size_t>(kind.number)] = icu::UnicodeString(kind.action);
   }
 }
 

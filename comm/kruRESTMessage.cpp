@@ -8,6 +8,7 @@
 #include "comm/kruConversionCache.h"
 #include "comm/kruFunctionIds.h"
 #include "comm/kruGenRespRecord.h"
+#include "comm/kruKinds.h"
 #include "comm/kruMessageTables.h"
 #include "comm/kruRaise.h"
 #include "comm/kruRecordLengths.h"
@@ -26,37 +27,6 @@ constexpr unsigned int kTermRecordLength = 8;
 constexpr std::uint64_t kPrefixSlack = 2000;
 constexpr std::uint64_t kWord = 4;
 constexpr std::size_t kMostBytesAUnit = 3;
-
-const icu::UnicodeString& actionTypeOf(ClientRequest::REQUEST kind) noexcept {
-  switch (kind) {
-    case ClientRequest::CREATE_COLLECTION:
-    case ClientRequest::DROP_COLLECTION:
-    case ClientRequest::UPDATE_INDEX:
-    case ClientRequest::BACKUP:
-    case ClientRequest::RESTORE:
-      return StaticDefs::ACT_ADMIN;
-    case ClientRequest::DELETE_DOCUMENT:
-    case ClientRequest::ASYNCH_ADD_DOCUMENT:
-    case ClientRequest::LAST_DOC_SENT:
-    case ClientRequest::PARSE_RESULT:
-    case ClientRequest::OPEN_COLLECTION:
-    case ClientRequest::CLOSE_COLLECTION:
-    case ClientRequest::SET_CONSTRUCTOR_CONFIGURATION:
-      return StaticDefs::ACT_UPDATE;
-    case ClientRequest::STREAM_SEARCH:
-    case ClientRequest::SCALAR_SEARCH:
-    case ClientRequest::SELECTIVITY:
-      return StaticDefs::ACT_SELECT;
-    case ClientRequest::GET_STATUS:
-    case ClientRequest::TAKEOVER:
-    case ClientRequest::SHUTDOWN:
-    case ClientRequest::GET_SERVER_VERSION:
-    case ClientRequest::VERSIONS_VALIDATION:
-      return StaticDefs::ACT_MONITOR;
-    default:
-      return StaticDefs::ACT_UNKNOWN;
-  }
-}
 
 // Counts what GenRespRecord::getSerializeKVPairLength counts, its surplus of 8 included, without
 // its limit of an int.
@@ -169,7 +139,7 @@ icu::UnicodeString RESTMessage::getAction(ClientRequest::REQUEST kind) {
 
 icu::UnicodeString RESTMessage::getActionType(ClientRequest::REQUEST kind) {
   const tq::oss::TraceScope scope(trace::RESTMessageGetActionType);
-  return actionTypeOf(kind);
+  return *kindOf(kind).actionType;
 }
 
 // Hands over name and value of each property in the order of the names, the message's own ones in
@@ -216,7 +186,7 @@ void RESTMessage::buildProtocolMsg(icu::UnicodeString& out, ClientRequest::REQUE
 void RESTMessage::putActionProperties(ClientRequest::REQUEST kind) {
   const icu::UnicodeString& action = MessageTables::ensure().actionOf(kind);
   if (!action.isEmpty()) action_ = &action;
-  actionType_ = &actionTypeOf(kind);
+  actionType_ = kindOf(kind).actionType;
 }
 
 char* RESTMessage::getSerializedHeader() {
