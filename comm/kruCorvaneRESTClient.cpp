@@ -91,27 +91,7 @@ void CorvaneRESTClient::setRetryPause(unsigned int first, unsigned int most) {
 RequestOutcome CorvaneRESTClient::getRequestOutcome() const { return outcome_; }
 
 bool CorvaneRESTClient::isRepeatable(ClientRequest::REQUEST kind) {
-  switch (static_cast<int>(kind)) {
-    case ClientRequest::ADD_DOCUMENT:
-    case ClientRequest::UPDATE_INDEX:
-    case ClientRequest::DELETE_DOCUMENT:
-    case ClientRequest::STREAM_SEARCH:
-    case ClientRequest::ASYNCH_ADD_DOCUMENT:
-    case ClientRequest::LAST_DOC_SENT:
-    case ClientRequest::OPEN_COLLECTION:
-    case ClientRequest::CLOSE_COLLECTION:
-    case ClientRequest::SELECTIVITY:
-    case ClientRequest::GET_STATUS:
-    case ClientRequest::SCALAR_SEARCH:
-    case ClientRequest::OPEN_COLLECTION_ALT:
-    case ClientRequest::GET_SERVER_VERSION:
-    case ClientRequest::VERSIONS_VALIDATION:
-      return true;
-    default:
-      // Creating, dropping, backing up and the like answer differently the second time, and parse
-      // results are handed out once.
-      return false;
-  }
+  return kindOf(kind).has(kRepeatable);
 }
 
 void CorvaneRESTClient::sendAndRecvMesg(ClientRequest& request, ClientResponse& response) {
