@@ -3,6 +3,7 @@
 #include "comm/kruFunctionIds.h"
 #include "comm/kruKinds.h"
 #include "comm/kruStaticDefs.h"
+#include "infra/oss/kruConverter.h"
 #include "infra/oss/kruTrace.h"
 
 namespace tq::comm {
@@ -20,6 +21,7 @@ void ClientRequest::buildRequest(REQUEST kind, const tq::util::ExtendedPropertie
 void ClientRequest::buildRequest(const icu::UnicodeString& collectionId, REQUEST kind,
                                  const tq::util::ExtendedProperties& props) {
   const tq::oss::TraceScope scope(trace::ClientRequestBuildRequestForCollection);
+  tq::oss::Converter::checked(collectionId);
   request_ = kind;
   // Copied first: the argument may be a value of the property set that is replaced next.
   collectionId_ = collectionId;
@@ -45,6 +47,10 @@ void ClientRequest::setContent(const std::list<KVPair>& metadata, const char* co
                                unsigned int length) {
   const tq::oss::TraceScope scope(trace::ClientRequestSetContentWithMetadata);
   metadata_ = metadata;
+  for (const KVPair& pair : metadata_) {
+    tq::oss::Converter::checked(pair.key);
+    tq::oss::Converter::checked(pair.value);
+  }
   content_ = content;
   contentLength_ = length;
 }

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <memory>
 #include <mutex>
 
 #include "infra/oss/kruConverter.h"
@@ -57,7 +58,9 @@ void ConversionCache::add(const icu::UnicodeString& text) {
   std::atomic<const Entry*>& bucket = bucketOf(text);
   if (findIn(bucket, text) != nullptr) return;
   const Entry* first = bucket.load(std::memory_order_relaxed);
-  bucket.store(new Entry{text, tq::oss::UTF8String(text), first}, std::memory_order_release);
+  auto entry = std::make_unique<Entry>(Entry{text, tq::oss::UTF8String(text), first});
+  tq::oss::Converter::checked(entry->text);
+  bucket.store(entry.release(), std::memory_order_release);
 }
 
 std::uint64_t ConversionCache::lengthOf(const icu::UnicodeString& text) noexcept {

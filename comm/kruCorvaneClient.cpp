@@ -9,6 +9,7 @@
 #include "comm/kruRaise.h"
 #include "comm/kruStaticDefs.h"
 #include "infra/oss/kruClock.h"
+#include "infra/oss/kruConverter.h"
 #include "infra/oss/kruSocketException.h"
 #include "infra/oss/kruTrace.h"
 
@@ -33,7 +34,9 @@ CorvaneClient::CorvaneClient(const icu::UnicodeString& host, unsigned int port,
       port_(port),
       persistent_(persistent),
       buffered_(buffered),
-      addresses_(addresses) {}
+      addresses_(addresses) {
+  tq::oss::Converter::checked(host_);
+}
 
 CorvaneClient::~CorvaneClient() = default;
 

@@ -58,6 +58,7 @@ tq::oss::Message::Level levelOf(const icu::UnicodeString& id) {
 }
 
 void putText(bytes::Writer& writer, const icu::UnicodeString& text, std::uint32_t mask) {
+  tq::oss::Converter::checked(text);
   const tq::oss::UTF8String* cached = ConversionCache::find(text);
   if (cached != nullptr) {
     writer.putInt(static_cast<std::uint32_t>(cached->length()) & mask);
@@ -194,7 +195,7 @@ int GenRespRecord::getSerializeKVPairLength(const KVPair& pair) {
 }
 
 int GenRespRecord::getNumberOfBytesOfSerialized(const icu::UnicodeString& s) {
-  return static_cast<int>(ConversionCache::lengthOf(s) + 4);
+  return static_cast<int>(ConversionCache::lengthOf(tq::oss::Converter::checked(s)) + 4);
 }
 
 void GenRespRecord::AddStringToConversionCache(const icu::UnicodeString& s) {

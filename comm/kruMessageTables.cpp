@@ -109,7 +109,9 @@ void MessageTables::fill() {
 
 void MessageTables::fillActions() {
   for (const Kind& kind : kKinds) {
-    actionMap_[static_cast<std::size_t>(kind.number)] = icu::UnicodeString(kind.action);
+    icu::UnicodeString& action = actionMap_[static_cast<std::size_t>(kind.number)];
+    action = icu::UnicodeString(kind.action);
+    tq::oss::Converter::checked(action);
   }
 }
 

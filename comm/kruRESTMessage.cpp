@@ -31,7 +31,8 @@ constexpr std::size_t kMostBytesAUnit = 3;
 // Counts what GenRespRecord::getSerializeKVPairLength counts, its surplus of 8 included, without
 // its limit of an int.
 std::uint64_t pairLength(const KVPair& pair) {
-  return ConversionCache::lengthOf(pair.key) + ConversionCache::lengthOf(pair.value) + 4 * kWord +
+  return ConversionCache::lengthOf(Converter::checked(pair.key)) +
+         ConversionCache::lengthOf(Converter::checked(pair.value)) + 4 * kWord +
          (pair.secondAttribute != 0 ? kWord : 0);
 }
 
@@ -72,7 +73,7 @@ void appendDecimal(icu::UnicodeString& out, std::uint64_t n) {
     *--first = static_cast<char16_t>(u'0' + n % 10);
     n /= 10;
   } while (n != 0);
-  out.append(first, 0, static_cast<std::int32_t>(digits.end() - first));
+  Converter::checked(out.append(first, 0, static_cast<std::int32_t>(digits.end() - first)));
 }
 
 void putMasked(bytes::Writer& writer, std::uint64_t length) {
@@ -88,6 +89,7 @@ void putTag(bytes::Writer& writer, const std::string& tag) {
 
 RESTMessage::RESTMessage(const icu::UnicodeString& host, ClientRequest& request) : host_(host) {
   const tq::oss::TraceScope scope(trace::RESTMessageConstruct);
+  Converter::checked(host_);
   initUrls();
   initMessage(request);
 }
@@ -174,13 +176,14 @@ icu::UnicodeString RESTMessage::getParamString(bool asHeaders) const {
     text.append(asHeaders ? StaticDefs::COLON_SPACE : StaticDefs::EQUALS).append(value);
     if (asHeaders) text.append(StaticDefs::NEWLINE);
   });
+  Converter::checked(text);
   return text;
 }
 
 void RESTMessage::buildProtocolMsg(icu::UnicodeString& out, ClientRequest::REQUEST kind) {
   const tq::oss::TraceScope scope(trace::RESTMessageBuildProtocolMsg);
   putActionProperties(kind);
-  out.append(getParamString(true)).append(StaticDefs::CRLF);
+  Converter::checked(out.append(getParamString(true)).append(StaticDefs::CRLF));
 }
 
 void RESTMessage::putActionProperties(ClientRequest::REQUEST kind) {
@@ -274,7 +277,7 @@ void RESTMessage::toB64(const icu::UnicodeString& in, icu::UnicodeString& out) {
   const std::string utf8 = Converter::toUTF8(in);
   std::u16string encoded(tq::util::Base64::encodeSize(utf8.size()), u'\0');
   tq::util::Base64::encode(utf8.data(), utf8.size(), encoded.data());
-  out.append(encoded.data(), 0, static_cast<std::int32_t>(encoded.size()));
+  Converter::checked(out.append(encoded.data(), 0, static_cast<std::int32_t>(encoded.size())));
 }
 
 void convertNumberToString(icu::UnicodeString& out, unsigned int n) { appendDecimal(out, n); }

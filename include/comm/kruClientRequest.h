@@ -17,7 +17,9 @@ namespace tq::comm {
 /// The request copies texts and metadata but never the document's key and content bytes: they stay
 /// the caller's and must live until the request has been sent.
 ///
-/// No operation reports an error; running out of memory while copying throws std::bad_alloc.
+/// Running out of memory is all that can fail here: std::bad_alloc, or tq::oss::NLSException
+/// "TQ_ERR_OUT_OF_MEMORY" for a text that ICU got no memory for. Such a text is bogus and reads as
+/// empty, so it is never taken into a request, whoever made it.
 class KRU_EXPORT ClientRequest {
  public:
   /// The request kinds. 0, 6 and 7 are unassigned; 64 is the first value that no set of kinds

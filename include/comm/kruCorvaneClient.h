@@ -24,7 +24,8 @@ class KRU_EXPORT CorvaneClient {
   CorvaneClient();
 
   /// Neither resolves nor connects. `addresses` are used instead of a name look-up when there are
-  /// any; they are copied.
+  /// any; they are copied. A bogus host, for which ICU got no memory, throws tq::oss::NLSException
+  /// "TQ_ERR_OUT_OF_MEMORY".
   CorvaneClient(const icu::UnicodeString& host, unsigned int port,
                 const tq::oss::Socket::_AddrInfoExternal& addresses, bool persistent,
                 bool buffered);

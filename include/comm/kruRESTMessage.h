@@ -30,7 +30,8 @@ namespace tq::comm {
 /// Metadata and content without a key are not sent. The terminate record is eight zero bytes.
 ///
 /// Operations that build text or bytes throw tq::oss::NLSException "TQ_ERR_OUT_OF_MEMORY" when a
-/// buffer cannot grow.
+/// buffer cannot grow, or when a text that they are given or make is bogus (ICU got no memory for
+/// it): it would be written as an empty one. What has been appended to `out` by then is lost.
 class KRU_EXPORT RESTMessage {
  public:
   RESTMessage(const icu::UnicodeString& host, ClientRequest& request);

@@ -92,7 +92,7 @@ std::size_t Converter::writeUTF8(const icu::UnicodeString& text, char* out) noex
 }
 
 std::string Converter::toUTF8(const icu::UnicodeString& text) {
-  std::string bytes(utf8Length(text), '\0');
+  std::string bytes(utf8Length(checked(text)), '\0');
   writeUTF8(text, bytes.data());
   return bytes;
 }

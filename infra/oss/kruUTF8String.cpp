@@ -15,7 +15,7 @@ UTF8String& UTF8String::append(const char* bytes, std::size_t length) {
 
 UTF8String& UTF8String::append(const icu::UnicodeString& text) {
   const std::size_t before = bytes_.size();
-  bytes_.resize(before + Converter::utf8Length(text));
+  bytes_.resize(before + Converter::utf8Length(Converter::checked(text)));
   Converter::writeUTF8(text, bytes_.data() + before);
   return *this;
 }

@@ -3,6 +3,7 @@
 #include <limits>
 #include <utility>
 
+#include "infra/oss/kruConverter.h"
 #include "infra/oss/kruNLSException.h"
 
 namespace tq::util {
@@ -28,21 +29,47 @@ namespace {
   throw oss::NLSException(message);
 }
 
+void requireWhole(const ExtendedProperties::Map& properties) {
+  for (const auto& [name, value] : properties) {
+    oss::Converter::checked(name);
+    oss::Converter::checked(value);
+  }
+}
+
 }  // namespace
 
 ExtendedProperties::ExtendedProperties() = default;
-ExtendedProperties::ExtendedProperties(const ExtendedProperties& other) = default;
+
+ExtendedProperties::ExtendedProperties(const ExtendedProperties& other)
+    : properties_(other.properties_) {
+  requireWhole(properties_);
+}
+
 ExtendedProperties::ExtendedProperties(ExtendedProperties&& other) noexcept = default;
-ExtendedProperties& ExtendedProperties::operator=(const ExtendedProperties& other) = default;
+
+ExtendedProperties& ExtendedProperties::operator=(const ExtendedProperties& other) {
+  properties_ = other.properties_;
+  try {
+    requireWhole(properties_);
+  } catch (...) {
+    properties_.clear();
+    throw;
+  }
+  return *this;
+}
+
 ExtendedProperties& ExtendedProperties::operator=(ExtendedProperties&& other) noexcept = default;
 ExtendedProperties::~ExtendedProperties() = default;
 
 void ExtendedProperties::putProperty(const icu::UnicodeString& name,
                                      const icu::UnicodeString& value) {
-  properties_.insert_or_assign(name, value);
+  putProperty(icu::UnicodeString(name), icu::UnicodeString(value));
 }
 
 void ExtendedProperties::putProperty(icu::UnicodeString&& name, icu::UnicodeString&& value) {
+  // Before they are compared: a bogus name has no place in the order.
+  oss::Converter::checked(name);
+  oss::Converter::checked(value);
   properties_.insert_or_assign(std::move(name), std::move(value));
 }
 

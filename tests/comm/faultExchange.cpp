@@ -36,8 +36,16 @@ std::string text(const char* word, Number number) {
   return std::string(word).append(std::to_string(number));
 }
 
-std::string keyOf(unsigned int mark, int hit) {
-  return std::string("m").append(std::to_string(mark)).append(".").append(std::to_string(hit));
+const std::string kLongQuery = "a query of more letters than a text holds without any memory";
+const std::string kLongCollection = "a-collection-whose-name-needs-memory-of-its-own";
+const std::string kLongTitle = "a title that is longer than the room inside of a text object";
+constexpr char kLongReason[] = " is the code of this reply, whose status line is a long one";
+
+std::string keyOf(const MarkedRequest& marked, int hit) {
+  std::string key("m");
+  key.append(std::to_string(marked.mark)).append(".").append(std::to_string(hit));
+  if (marked.longTexts) key.append(", the key of a document whose id is not short");
+  return key;
 }
 
 std::string headerValue(const std::string& request, const std::string& name) {
@@ -52,26 +60,28 @@ MarkedRequest readMarked(const std::string& request) {
   marked.kind = std::stoi(headerValue(request, "kind"));
   marked.mark = static_cast<unsigned int>(std::stoul(headerValue(request, "mark")));
   marked.refused = !headerValue(request, "refuse").empty();
+  marked.longTexts = !headerValue(request, "long").empty();
   return marked;
 }
 
-std::vector<std::pair<std::string, std::string>> errorFields(unsigned int mark) {
-  return {{"MsgId", "ZVK0404E"}, {"MsgText", text("refused ", mark)}};
+std::vector<std::pair<std::string, std::string>> errorFields(const MarkedRequest& marked) {
+  const std::string why = marked.longTexts ? ", for a reason that takes some words to say" : "";
+  return {{"MsgId", "ZVK0404E"}, {"MsgText", text("refused ", marked.mark) + why}};
 }
 
 // HTTP.
 
 std::string httpRecord(const MarkedRequest& marked, int at) {
-  if (marked.refused) return record(errorFields(marked.mark));
+  if (marked.refused) return record(errorFields(marked));
   switch (marked.kind) {
     case kParseResult:
-      return record({{"Doc", keyOf(marked.mark, at)}});
+      return record({{"Doc", keyOf(marked, at)}});
     case kSelectivity:
       return record({{"first", "5"}, {"second", "7"}, {"third", "9"}});
     case kGetStatus:
       return record({{"STATUS_CODE", std::to_string(marked.mark)}});
     default:
-      return hitRecord(idOfKey(keyOf(marked.mark, at)), "0.5");
+      return hitRecord(idOfKey(keyOf(marked, at)), "0.5");
   }
 }
 
@@ -112,8 +122,15 @@ Answer httpInChunks(const MarkedRequest& marked) {
 Answer httpAnswer(const std::string& request) {
   const auto marked = readMarked(request);
   if (!hasReply(marked.kind)) return {};
-  return isStreamKind(marked.kind) && !marked.refused ? httpInChunks(marked)
-                                                      : httpWithLength(marked);
+  Answer answer =
+      isStreamKind(marked.kind) && !marked.refused ? httpInChunks(marked) : httpWithLength(marked);
+  if (marked.longTexts) {
+    std::string& header = answer.segments.front();
+    header.insert(header.find("\r\n"), kLongReason);
+    const auto length = header.find("Content-Length: ");
+    if (length != std::string::npos) header.insert(length + 15, 20, ' ');
+  }
+  return answer;
 }
 
 // The binary protocol.
@@ -122,12 +139,12 @@ Answer binaryAnswer(const std::string& request) {
   const auto marked = readMarked(request);
   if (!hasReply(marked.kind)) return {};
   if (marked.refused || marked.kind == kGetStatus) {
-    return {{word16(6), errorRecord(errorFields(marked.mark))}};
+    return {{word16(6), errorRecord(errorFields(marked))}};
   }
   Answer answer{{word16(1)}};
   if (isStreamKind(marked.kind)) {
     for (int hit = 0; hit < kHits; ++hit) {
-      const auto key = keyOf(marked.mark, hit);
+      const auto key = keyOf(marked, hit);
       answer.segments.push_back(marked.kind == kParseResult ? envelope(1, record16({{"Doc", key}}))
                                                             : scoredHit(500, key));
     }
@@ -138,7 +155,9 @@ Answer binaryAnswer(const std::string& request) {
     answer.segments.push_back(endOfResults());
   }
   if (marked.kind == kGetServerVersion) {
-    answer.segments.push_back(envelope(1, text("version ", marked.mark)));
+    const std::string name =
+        marked.longTexts ? "version of a server with a long name " : "version ";
+    answer.segments.push_back(envelope(1, text(name.c_str(), marked.mark)));
   }
   return answer;
 }
@@ -235,19 +254,31 @@ std::string nameOf(Protocol protocol) {
 BuiltRequest::BuiltRequest(const MarkedRequest& marked) : content_(marked.contentSize, 'c') {
   static constexpr char kKey[] = "\x01\x02key";
   tq::util::ExtendedProperties properties;
-  properties.putProperty(u"query", u"x");
+  const auto textOf = [](const std::string& bytes) { return icu::UnicodeString::fromUTF8(bytes); };
+  properties.putProperty(u"query", marked.longTexts ? textOf(kLongQuery) : u"x");
   properties.putProperty(u"kind", icu::UnicodeString::fromUTF8(std::to_string(marked.kind)));
   properties.putProperty(u"mark", icu::UnicodeString::fromUTF8(std::to_string(marked.mark)));
   if (marked.refused) properties.putProperty(u"refuse", u"yes");
-  request.buildRequest(u"c1", static_cast<ClientRequest::REQUEST>(marked.kind), properties);
+  if (marked.longTexts) properties.putProperty(u"long", u"yes");
+  request.buildRequest(marked.longTexts ? textOf(kLongCollection) : u"c1",
+                       static_cast<ClientRequest::REQUEST>(marked.kind), properties);
   if (!isDocumentKind(marked.kind) && marked.kind != kDeleteDocument) return;
-  request.setContent(std::list<tq::comm::KVPair>{{u"title", u"one"}}, content_.data(),
+  const tq::comm::KVPair title(u"title", marked.longTexts ? textOf(kLongTitle) : u"one");
+  request.setContent(std::list<tq::comm::KVPair>{title}, content_.data(),
                      isDocumentKind(marked.kind) ? static_cast<unsigned int>(content_.size()) : 0);
   request.setDocKey(kKey, sizeof kKey - 1);
 }
 
 Answerer answererOf(Protocol protocol) {
   return protocol == Protocol::Http ? httpAnswer : binaryAnswer;
+}
+
+bool hasItsLongTexts(const std::string& request) {
+  const auto marked = readMarked(request);
+  const bool document = isDocumentKind(marked.kind) || marked.kind == kDeleteDocument;
+  return headerValue(request, "query") == kLongQuery &&
+         headerValue(request, "index") == kLongCollection &&
+         (!document || request.find(kLongTitle) != std::string::npos);
 }
 
 std::size_t timesSeen(const std::vector<std::string>& journal, unsigned int mark) {
@@ -298,7 +329,7 @@ std::vector<std::string> resultsOf(Protocol protocol, const MarkedRequest& marke
   if (marked.kind == kGetServerVersion && binary) return {text("version ", marked.mark)};
   std::vector<std::string> results;
   for (int hit = 0; isStreamKind(marked.kind) && hit < kHits; ++hit) {
-    const auto key = keyOf(marked.mark, hit);
+    const auto key = keyOf(marked, hit);
     results.push_back(marked.kind == kParseResult ? key : idOfKey(key));
   }
   return results;

@@ -21,6 +21,8 @@ struct MarkedRequest {
   unsigned int mark = 1;
   bool refused = false;          // the peer answers with an error
   std::size_t contentSize = 19;  // of the kinds that carry a document
+  // Texts of the request and of its reply are so long that ICU needs memory for each.
+  bool longTexts = false;
 };
 
 /// Builds it; the bytes of its document live as long as the object.
@@ -38,6 +40,9 @@ class BuiltRequest {
 
 /// What a peer of the protocol answers to whatever it is asked.
 Answerer answererOf(Protocol protocol);
+
+/// Whether a request with long texts carries each of them whole.
+bool hasItsLongTexts(const std::string& request);
 
 /// How often the journal holds the request with the mark.
 std::size_t timesSeen(const std::vector<std::string>& journal, unsigned int mark);

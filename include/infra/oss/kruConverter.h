@@ -15,12 +15,20 @@ namespace tq::oss {
 /// any thread.
 ///
 /// Where memory runs out, `NLSException` is thrown with one message: id "TQ_ERR_OUT_OF_MEMORY",
-/// file name "kruConverter", argument "Converter::convert()".
+/// file name "kruConverter", argument "Converter::convert()". A bogus text counts as that: ICU makes
+/// a text bogus when it gets no memory for it, and a bogus text reads as an empty one.
 class KRU_EXPORT Converter {
  public:
   Converter() = delete;
 
-  /// Exactly the bytes that `writeUTF8` writes.
+  /// The text itself. Throws the exception described above when the text is bogus.
+  static const icu::UnicodeString& checked(const icu::UnicodeString& text) {
+    if (text.isBogus()) throwOutOfMemory();
+    return text;
+  }
+
+  /// Exactly the bytes that `writeUTF8` writes. A bogus text, which these two cannot refuse, has
+  /// none.
   static std::size_t utf8Length(const icu::UnicodeString& text) noexcept;
 
   /// Writes `utf8Length(text)` bytes, without a terminating zero, and returns how many. A text of n
@@ -31,7 +39,7 @@ class KRU_EXPORT Converter {
   /// zero. After an exception the buffer's content is lost.
   template <std::size_t N>
   static std::size_t toUTF8(const icu::UnicodeString& text, SizeableBuffer<char, N>& out) {
-    const std::size_t length = utf8Length(text);
+    const std::size_t length = utf8Length(checked(text));
     if (length >= out.capacity() && !out.resize(length + 1)) throwOutOfMemory();
     writeUTF8(text, out.data());
     out.data()[length] = '\0';
@@ -43,7 +51,7 @@ class KRU_EXPORT Converter {
   template <std::size_t N>
   static std::size_t appendUTF8(const icu::UnicodeString& text, SizeableBuffer<char, N>& out,
                                 std::size_t used) {
-    const std::size_t worst = static_cast<std::size_t>(text.length()) * 3;
+    const std::size_t worst = static_cast<std::size_t>(checked(text).length()) * 3;
     if (worst > out.capacity() - used) {
       if (!out.grow(used + utf8Length(text), used)) throwOutOfMemory();
     }

@@ -8,7 +8,8 @@ namespace tq::oss {
 
 /// Splits a text at delimiters. Each UTF-16 unit of `delimiters` is one; several in a row separate
 /// once, and those at either end separate nothing, so that no token is empty. Holds its own copy of
-/// both texts. One object serves one thread at a time.
+/// both texts. A token for which there is no memory, like a bogus text to split, throws
+/// `NLSException` "TQ_ERR_OUT_OF_MEMORY". One object serves one thread at a time.
 class KRU_EXPORT StringTokenizer {
  public:
   StringTokenizer(const icu::UnicodeString& text, const icu::UnicodeString& delimiters);

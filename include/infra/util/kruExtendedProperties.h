@@ -12,6 +12,10 @@ namespace tq::util {
 
 /// Named texts, in the code-unit order of their names (capitals before lower case). Names are
 /// compared exactly. One object serves one thread at a time.
+///
+/// Where memory runs out, std::bad_alloc is thrown, or `tq::oss::NLSException` with the id
+/// "TQ_ERR_OUT_OF_MEMORY" for the memory of a text: a set holds no bogus text, which would read as
+/// an empty one. After an assignment that throws, the set is empty or a part of the other.
 class KRU_EXPORT ExtendedProperties {
  public:
   using Map = std::map<icu::UnicodeString, icu::UnicodeString>;
@@ -24,7 +28,8 @@ class KRU_EXPORT ExtendedProperties {
   ExtendedProperties& operator=(ExtendedProperties&& other) noexcept;
   virtual ~ExtendedProperties();
 
-  /// Adds the property; replaces the value of a name that is there already.
+  /// Adds the property; replaces the value of a name that is there already. Changes nothing when it
+  /// throws.
   void putProperty(const icu::UnicodeString& name, const icu::UnicodeString& value);
   void putProperty(icu::UnicodeString&& name, icu::UnicodeString&& value);
 
