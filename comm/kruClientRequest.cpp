@@ -1,5 +1,7 @@
 #include "comm/kruClientRequest.h"
 
+#include <utility>
+
 #include "comm/kruFunctionIds.h"
 #include "comm/kruKinds.h"
 #include "comm/kruStaticDefs.h"
@@ -65,6 +67,10 @@ void ClientRequest::setDocKey(const char* key, unsigned int length) {
   const tq::oss::TraceScope scope(trace::ClientRequestSetDocKey);
   docKey_ = key;
   docKeyLength_ = length;
+}
+
+const char* ClientRequest::getDocKey(unsigned int& length) {
+  return std::as_const(*this).ClientRequest::getDocKey(length);
 }
 
 const char* ClientRequest::getDocKey(unsigned int& length) const {

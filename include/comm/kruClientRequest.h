@@ -82,18 +82,23 @@ class KRU_EXPORT ClientRequest {
   void setContent(const std::list<KVPair>& metadata, const char* content, unsigned int length);
   /// Stores the content only; the metadata stays.
   void setContent(const char* content, unsigned int length);
-  virtual const char* getContent() const { return content_; }
+  /// The content, or null. What is sent is what the first of the two returns, which a derived class
+  /// may override; the second gives a constant request's stored content.
+  virtual const char* getContent() { return content_; }
+  const char* getContent() const { return content_; }
   unsigned int getContentLength() const { return contentLength_; }
 
   /// Stores the document key, which is not copied; `length` is in bytes and not checked against
   /// StaticDefs::MAX_KEY_LENGTH. A key needs at least one metadata pair: clients refuse to send a
   /// key without any.
   void setDocKey(const char* key, unsigned int length);
-  /// The key, or null; its length is written to `length`.
-  virtual const char* getDocKey(unsigned int& length) const;
+  /// The key, or null; its length is written to `length`. Virtual as `getContent` is.
+  virtual const char* getDocKey(unsigned int& length);
+  const char* getDocKey(unsigned int& length) const;
   unsigned int getDocKeyLen() const { return docKeyLength_; }
 
-  /// Does nothing.
+  /// Both do nothing.
+  void print() {}
   void print() const {}
 
  private:

@@ -5,7 +5,9 @@
 #include <string>
 
 #include "comm/kruClientRequest.h"
+#include "comm/kruClientResponse.h"
 #include "comm/kruCorvaneClient.h"
+#include "comm/kruRESTException.h"
 #include "infra/oss/kruSizeableBuffer.h"
 
 namespace tq::oss {
@@ -15,7 +17,6 @@ class MessageList;
 namespace tq::comm {
 
 class ChunkTail;
-class ClientResponse;
 class RESTMessage;
 class RESTResponse;
 

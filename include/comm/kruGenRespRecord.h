@@ -34,6 +34,8 @@ class KRU_EXPORT GenRespRecord {
   /// With an empty property set, or with none.
   explicit GenRespRecord(bool withProperties);
   GenRespRecord();
+  /// Drops the property set and, when asked, begins a new one.
+  void init(bool withProperties);
 
   /// Parses one 16-bit-form record into the property set and calls `reset()`; returns the bytes
   /// consumed. `recordType` is not used here. A record of length 0 has no fields.
@@ -93,9 +95,6 @@ class KRU_EXPORT GenRespRecord {
   /// keeps of a record stands in its members.
   GenRespRecord(const GenRespRecord&);
   GenRespRecord& operator=(const GenRespRecord&);
-
-  /// Drops the property set and, when asked, begins a new one.
-  void init(bool withProperties);
 
   /// When set, a record that is parsed begins with an empty property set, so that nothing of the
   /// record before shows through.

@@ -64,8 +64,10 @@ class KRU_EXPORT RESTMessage {
   const char* getMsgPrefix() const { return prefixBuffer_.data(); }
   unsigned int getMsgPrefixLen() const { return prefixLength_; }
 
-  /// The caller's content and its length in bytes.
-  virtual const char* getMsgBody() const { return body_; }
+  /// The caller's content and its length in bytes. What is sent is what the first returns, which a
+  /// derived class may override.
+  virtual const char* getMsgBody() { return body_; }
+  const char* getMsgBody() const { return body_; }
   unsigned int getMsgBodyLength() const { return bodyLength_; }
 
   /// The terminate record and its length in bytes; meaningful for LAST_DOC_SENT only.

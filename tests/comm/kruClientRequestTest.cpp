@@ -1,8 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <string>
 #include <type_traits>
+#include <vector>
 
 #include "comm/kruClientRequest.h"
+#include "comm/kruRESTMessage.h"
 #include "comm/kruStaticDefs.h"
 #include "tests/comm/kruCommText.h"
 
@@ -221,22 +225,60 @@ TEST(ClientRequest, AKindIsHeldInAnInt) {
   EXPECT_TRUE((std::is_same_v<int, std::underlying_type_t<ClientRequest::REQUEST>>));
 }
 
+// As callers write it, without `override`: a signature that differs would make another operation,
+// which nobody calls.
 class StoredDocument : public ClientRequest {
  public:
-  const char* getContent() const override { return "stored"; }
-  const char* getDocKey(unsigned int& length) const override {
+  const char* getContent() { return "stored"; }
+  const char* getDocKey(unsigned int& length) {
     length = 3;
     return "key";
   }
 };
 
 TEST(ClientRequest, ADerivedRequestCanSupplyContentAndKeyItself) {
-  const StoredDocument document;
-  const ClientRequest& request = document;
+  StoredDocument document;
+  ClientRequest& request = document;
   unsigned int length = 0;
   EXPECT_STREQ("stored", request.getContent());
   EXPECT_STREQ("key", request.getDocKey(length));
   EXPECT_EQ(3U, length);
+}
+
+TEST(ClientRequest, WhatADerivedRequestSuppliesIsWhatIsSent) {
+  StoredDocument document;
+  document.buildRequest(u"c1", ClientRequest::ADD_DOCUMENT, {});
+  document.setContent({{u"a", u"b"}}, "other1", 6);
+  document.setDocKey("kept", 4);
+  RESTMessage message(u"host", document);
+  EXPECT_STREQ("stored", message.getMsgBody());
+  const std::string prefix(message.getMsgPrefix(), message.getMsgPrefixLen());
+  EXPECT_NE(std::string::npos, prefix.find(std::string("rowId\0\0\0\3key", 12)));
+}
+
+TEST(ClientRequest, AConstantRequestGivesTheBytesThatItHolds) {
+  StoredDocument document;
+  document.setContent("content", 7);
+  document.setDocKey("key of four", 4);
+  const ClientRequest& request = document;
+  unsigned int length = 0;
+  EXPECT_STREQ("content", request.getContent());
+  EXPECT_STREQ("key of four", request.getDocKey(length));
+  EXPECT_EQ(4U, length);
+}
+
+// The first word of a pointer to a virtual operation is one more than its place in the table.
+template <typename Operation>
+std::size_t slotOf(Operation operation) {
+  std::size_t word = 0;
+  std::memcpy(&word, &operation, sizeof word);
+  return (word - 1) / sizeof(void*);
+}
+
+TEST(ClientRequest, ItsVirtualOperationsStandInTheOrderThatCallersWereBuiltWith) {
+  EXPECT_EQ(0U, slotOf<const char* (ClientRequest::*)()>(&ClientRequest::getContent));
+  EXPECT_EQ(1U, slotOf<const char* (ClientRequest::*)(unsigned int&)>(&ClientRequest::getDocKey));
+  EXPECT_EQ(0U, slotOf<const char* (RESTMessage::*)()>(&RESTMessage::getMsgBody));
 }
 
 }  // namespace

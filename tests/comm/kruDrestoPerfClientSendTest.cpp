@@ -324,7 +324,7 @@ TEST(DrestoPerfClientSend, AFailedWriteLeavesNothingOfItsMessage) {
 class FailingMessage : public RESTMessage {
  public:
   using RESTMessage::RESTMessage;
-  const char* getMsgBody() const override {
+  const char* getMsgBody() override {
     tq::oss::NLSException error;
     error.getMessageList().add(tq::oss::Message(u"TQ_ERR_NO_BODY", u"the content is gone"));
     error.getMessageList().add(tq::oss::Message(u"TQ_ERR_SECOND", u"not reported"));

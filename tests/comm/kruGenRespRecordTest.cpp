@@ -44,6 +44,16 @@ TEST(GenRespRecord, HasAPropertySetOnlyWhenItIsAskedFor) {
   EXPECT_EQ(0U, Record(true).getProperties()->size());
 }
 
+TEST(GenRespRecord, CanBeBegunAnewFromOutside) {
+  Record record(true);
+  record.getProperties()->putProperty(u"name", u"value");
+  record.init(true);
+  ASSERT_NE(nullptr, record.getProperties());
+  EXPECT_EQ(0U, record.getProperties()->size());
+  record.init(false);
+  EXPECT_EQ(nullptr, record.getProperties());
+}
+
 TEST(GenRespRecord, PutsEveryFieldOfARecordAndResetsOnce) {
   const test::Fields fields{{"URI", "a"}, {"SCORE", ""}, {"", "x"}};
   Record wide(true);

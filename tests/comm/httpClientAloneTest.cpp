@@ -1,0 +1,24 @@
+// Sends, receives and catches with no other header of the library than the client's own.
+#include <gtest/gtest.h>
+
+#include "comm/kruCorvaneRESTClient.h"
+
+namespace {
+
+TEST(HttpClientAlone, SendsReceivesAndCatches) {
+  tq::comm::CorvaneRESTClient client(u"127.0.0.1", 0, true);
+  tq::comm::ClientRequest request;
+  tq::comm::ClientResponse response;
+  tq::util::ExtendedProperties properties;
+  properties.putProperty(u"query", u"word");
+  request.buildRequest(u"c1", tq::comm::ClientRequest::STREAM_SEARCH, properties);
+  try {
+    client.sendAndRecvMesg(request, response);
+    while (response.getSearchResponse().hasMore()) response.getSearchResponse().getNext();
+    FAIL() << "connected to port 0";
+  } catch (const tq::comm::RESTException& e) {
+    EXPECT_TRUE(e.getMessageList().front().getMessageId() == u"ERR_CONNECT_SERVER");
+  }
+}
+
+}  // namespace
