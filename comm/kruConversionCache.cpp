@@ -4,6 +4,7 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <type_traits>
 
 #include "infra/oss/kruConverter.h"
 
@@ -24,11 +25,10 @@ struct Table {
   std::mutex adding;
 };
 
-// Never destroyed: a thread of the host may still be encoding while the process ends.
-Table& table() {
-  static Table& instance = *new Table;
-  return instance;
-}
+// Neither built nor destroyed at run time: looking up needs no memory and works in any static
+// constructor, and a thread of the host may still be encoding while the process ends.
+constinit Table table;
+static_assert(std::is_trivially_destructible_v<Table>);
 
 std::atomic<const Entry*>& bucketOf(const icu::UnicodeString& text) noexcept {
   const std::int32_t length = text.length();
@@ -36,7 +36,7 @@ std::atomic<const Entry*>& bucketOf(const icu::UnicodeString& text) noexcept {
   // text would cost more than converting it.
   const std::uint32_t hash = static_cast<std::uint32_t>(length) * 31U + text.charAt(0) * 7U +
                              text.charAt(length / 2) * 13U + text.charAt(length - 1);
-  return table().buckets[hash % 256];
+  return table.buckets[hash % 256];
 }
 
 const Entry* findIn(const std::atomic<const Entry*>& bucket,
@@ -54,7 +54,7 @@ const tq::oss::UTF8String* ConversionCache::find(const icu::UnicodeString& text)
 }
 
 void ConversionCache::add(const icu::UnicodeString& text) {
-  const std::lock_guard<std::mutex> guard(table().adding);
+  const std::lock_guard<std::mutex> guard(table.adding);
   std::atomic<const Entry*>& bucket = bucketOf(text);
   if (findIn(bucket, text) != nullptr) return;
   const Entry* first = bucket.load(std::memory_order_relaxed);

@@ -15,7 +15,8 @@ class ConversionCache {
  public:
   ConversionCache() = delete;
 
-  /// The cached form or null; valid for the life of the process.
+  /// The cached form or null; valid for the life of the process. Takes no memory, so that it cannot
+  /// fail where nothing may.
   static const tq::oss::UTF8String* find(const icu::UnicodeString& text) noexcept;
 
   /// Does nothing when the text is there already. Throws when there is no memory for the text or its

@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <new>
 
 #include "comm/kruClientResponse.h"
+#include "comm/kruConversionCache.h"
 #include "comm/kruRESTException.h"
 #include "comm/kruRESTMessage.h"
 #include "tests/comm/kruCommText.h"
@@ -40,6 +42,18 @@ TEST(ScarceMemory, ARequestAndItsMessageEitherComeOffOrThrow) {
               RESTMessage message(u"server", request);
               message.getSerializedHeader();
             }));
+}
+
+int lookUpAndMeasureWithoutMemory() {
+  const test::RationedAllocations ration(0);
+  const bool found = ConversionCache::find(u"nobody has added this") != nullptr;
+  return !found && ConversionCache::lengthOf(u"two") == 3 ? 0 : 1;
+}
+
+// In a process of its own, since only the first use could need memory.
+TEST(ScarceMemoryDeathTest, TheFirstLookIntoTheConversionCacheTakesNone) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_EXIT(std::exit(lookUpAndMeasureWithoutMemory()), testing::ExitedWithCode(0), "");
 }
 
 TEST(ScarceMemory, AHitThatCouldNotBeAddedIsNotCounted) {
