@@ -3,6 +3,7 @@
 #include <cstring>
 #include <utility>
 
+#include "comm/kruBuiltFirst.h"
 #include "comm/kruBytes.h"
 #include "comm/kruConversionCache.h"
 #include "comm/kruFunctionIds.h"
@@ -17,9 +18,9 @@ namespace tq::comm {
 
 namespace {
 
-const icu::UnicodeString kMessageId(u"MsgId");
-const icu::UnicodeString kMessageText(u"MsgText");
-const icu::UnicodeString kServerPrefix(u"ZVK");
+KRU_BUILT_FIRST const icu::UnicodeString kMessageId(u"MsgId");
+KRU_BUILT_FIRST const icu::UnicodeString kMessageText(u"MsgText");
+KRU_BUILT_FIRST const icu::UnicodeString kServerPrefix(u"ZVK");
 
 // Texts of a record end at a zero byte, whatever length they announce.
 icu::UnicodeString readText(const char* p, std::size_t length) {

@@ -5,6 +5,7 @@
 #include <limits>
 #include <string>
 
+#include "comm/kruBuiltFirst.h"
 #include "comm/kruFunctionIds.h"
 #include "infra/oss/kruConverter.h"
 #include "infra/oss/kruTrace.h"
@@ -14,7 +15,7 @@ namespace tq::comm {
 
 namespace {
 
-const icu::UnicodeString kPort(u"port");
+KRU_BUILT_FIRST const icu::UnicodeString kPort(u"port");
 
 // As atoi, but with a result for a number that no int holds.
 int leadingNumber(const icu::UnicodeString& text) {

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <limits>
 
+#include "comm/kruBuiltFirst.h"
 #include "comm/kruBytes.h"
 #include "comm/kruFunctionIds.h"
 #include "infra/oss/kruConverter.h"
@@ -16,8 +17,8 @@ namespace tq::comm {
 
 namespace {
 
-const icu::UnicodeString kUri(u"URI");
-const icu::UnicodeString kScore(u"SCORE");
+KRU_BUILT_FIRST const icu::UnicodeString kUri(u"URI");
+KRU_BUILT_FIRST const icu::UnicodeString kScore(u"SCORE");
 constexpr char16_t kIdPrefix[] = u"base64:";
 constexpr std::size_t kIdPrefixLength = std::size(kIdPrefix) - 1;
 

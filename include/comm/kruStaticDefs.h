@@ -9,9 +9,9 @@
 namespace tq::comm {
 
 /// Every word that goes over the wire or is compared against a reply. Literals are exact, blanks
-/// and bare line feeds included. Built when the library is loaded, read-only afterwards, and so
-/// safe from any thread; code that runs during another library's static initialisation must not
-/// rely on them yet.
+/// and bare line feeds included. Built before the host's own static objects, also when the library
+/// is linked statically, and read-only afterwards: any thread and any static constructor may use
+/// them.
 class KRU_EXPORT StaticDefs {
  public:
   StaticDefs() = delete;

@@ -1,0 +1,35 @@
+#include "tests/comm/encodesInStaticConstructor.h"
+
+#include "comm/kruRESTMessage.h"
+#include "comm/kruStaticDefs.h"
+
+namespace tq::comm::test {
+
+std::string encodedDocument() {
+  tq::util::ExtendedProperties properties;
+  properties.putProperty(StaticDefs::PARAM_LANGUAGE, StaticDefs::PARAM_DEFAULT_LANGUAGE);
+  ClientRequest request;
+  request.buildRequest(u"c1", ClientRequest::ADD_DOCUMENT, properties);
+  request.setContent({{u"title", u"one"}}, "content", 7);
+  request.setDocKey("key", 3);
+  RESTMessage message(u"host", request);
+  return std::string(message.getSerializedHeader())
+      .append(message.getMsgPrefix(), message.getMsgPrefixLen())
+      .append(message.getMsgBody(), message.getMsgBodyLength());
+}
+
+namespace {
+
+struct EarlyHost {
+  EarlyHost() {
+    RESTMessage::initUrls();
+    document = encodedDocument();
+  }
+  std::string document;
+} const earlyHost;
+
+}  // namespace
+
+const std::string& documentEncodedBeforeMain() { return earlyHost.document; }
+
+}  // namespace tq::comm::test
