@@ -100,17 +100,20 @@ void SearchResult::settleDocId() const {
 
 void SearchResult::setKey(const char* bytes, unsigned int len) {
   settleDocId();
-  char* room = reserve(len);
+  // Kept until the bytes are copied: they may be those of the key that the result has.
+  std::shared_ptr<char[]> left;
+  char* room = reserve(len, left);
   if (len != 0) std::memcpy(room, bytes, len);
   key_ = room;
   keyLength_ = len;
 }
 
-char* SearchResult::reserve(unsigned int len) {
+char* SearchResult::reserve(unsigned int len, std::shared_ptr<char[]>& left) {
   if (block_ == nullptr || len > capacity_ - used_) {
     const unsigned int larger = std::clamp(capacity_ * 2, kSmallestBlock, kLargestBlock);
     const unsigned int size = std::max(len, larger);
-    block_ = std::make_shared_for_overwrite<char[]>(size);
+    left = std::make_shared_for_overwrite<char[]>(size);
+    left.swap(block_);
     capacity_ = size;
     used_ = 0;
   }

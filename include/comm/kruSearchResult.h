@@ -11,8 +11,10 @@ namespace tq::comm {
 /// One hit of a search: a document and its score. One object serves one thread at a time; different
 /// objects need no locking, copies of each other included.
 ///
-/// Key bytes that a result made itself are shared by its copies and live until the last of them
-/// lets go, so a copy's key stays readable after the original's `freeKey()`.
+/// Key bytes that a result made itself are shared by its copies, so a copy's key stays readable
+/// whatever becomes of the original. What `getKey()` returned stays readable until this result is
+/// given another key (`setKey`, `parseRecordNew`), is assigned to or ends, and longer while a copy
+/// made before is there; `freeKey()`, `reset()` and `copyKey()` end no key's life.
 class KRU_EXPORT SearchResult : public GenRespRecord {
  public:
   explicit SearchResult(bool withProperties);
@@ -23,8 +25,8 @@ class KRU_EXPORT SearchResult : public GenRespRecord {
 
   /// Parses a compact hit: for record type 5 a 2-byte score (thousandths, so 0.000 to 65.535), then
   /// the raw key up to `len`. Any other type has no score and leaves the score as it was. A hit too
-  /// short for its score has an empty key. Returns 0, not the bytes consumed; `reset()` is not
-  /// called.
+  /// short for its score has an empty key. `buf` may be this result's own key. Returns 0, not the
+  /// bytes consumed; `reset()` is not called.
   int parseRecordNew(const char* buf, unsigned short len, unsigned short recordType) override;
 
   /// Takes the hit from the properties: document id = "URI" (required, tq::oss::NLSException when
@@ -37,7 +39,8 @@ class KRU_EXPORT SearchResult : public GenRespRecord {
   /// until the result is changed or ends.
   const icu::UnicodeString& getDocId() const;
 
-  /// Copies `len` bytes and makes them the key. Frees nothing: copies made before keep theirs.
+  /// Copies `len` bytes, which may be part of this result's own key, and makes them the key. Copies
+  /// made before keep theirs.
   void setKey(const char* bytes, unsigned int len);
   /// Makes the caller's bytes the key without copying them; they must outlive every use of it.
   void copyKey(const char* bytes, unsigned int len);
@@ -53,7 +56,8 @@ class KRU_EXPORT SearchResult : public GenRespRecord {
 
  private:
   void settleDocId() const;
-  char* reserve(unsigned int len);
+  // Room for `len` bytes. A block that is full is replaced and handed over in `left`.
+  char* reserve(unsigned int len, std::shared_ptr<char[]>& left);
 
   double score_ = 0.0;
   mutable icu::UnicodeString docId_;

@@ -270,5 +270,34 @@ TEST(SearchResult, OneObjectServesAWholeStreamWhileTheCopiesStayWhole) {
   }
 }
 
+// A key of its own, and how much of it is taken; lengths at which the room for keys is replaced.
+TEST(SearchResult, CanBeGivenAPartOfItsOwnKey) {
+  for (const unsigned int length : {40U, 64U, 65U, 4096U, 60000U}) {
+    for (const unsigned int from : {0U, 1U, 39U}) {
+      std::string key(length, 'k');
+      key[from] = 'f';
+      SearchResult hit(false);
+      hit.setKey(key.data(), length);
+      for (int round = 0; round < 3; ++round) {
+        hit.setKey(hit.getKey(), hit.getKeyLen());
+        ASSERT_EQ(key, keyOf(hit)) << length;
+      }
+      hit.setKey(hit.getKey() + from, length - from);
+      EXPECT_EQ(key.substr(from), keyOf(hit)) << length;
+    }
+  }
+}
+
+TEST(SearchResult, CanParseItsOwnKey) {
+  for (const unsigned short length : {40, 64, 65, 4096, 60000}) {
+    const std::string record = std::string("\0\x64", 2) + std::string(length, 'k');
+    SearchResult hit(false);
+    hit.setKey(record.data(), static_cast<unsigned int>(record.size()));
+    hit.parseRecordNew(hit.getKey(), static_cast<unsigned short>(record.size()), 5);
+    EXPECT_EQ(record.substr(2), keyOf(hit)) << length;
+    EXPECT_DOUBLE_EQ(0.1, hit.getScore());
+  }
+}
+
 }  // namespace
 }  // namespace tq::comm
