@@ -17,6 +17,7 @@
 #include "comm/kruRESTResponse.h"
 #include "comm/kruRaise.h"
 #include "comm/kruStaticDefs.h"
+#include "comm/kruUnsendable.h"
 #include "infra/oss/kruClock.h"
 #include "infra/oss/kruMessageList.h"
 #include "infra/oss/kruSocketException.h"
@@ -176,10 +177,8 @@ void CorvaneRESTClient::recvRest(ClientResponse& response) {
 }
 
 void CorvaneRESTClient::refuseUnsendable(ClientRequest& request) const {
-  if (request.getRequest() == ClientRequest::LAST_DOC_SENT) return;
-  if (request.getDocKeyLen() == 0 || !request.getMetadata().empty()) return;
-  raise(StaticDefs::ERR_CLIENT_INTERNAL, kFile, __LINE__,
-        u"a document key needs at least one metadata pair to be sent with");
+  const char16_t* reason = whyUnsendable(request);
+  if (reason != nullptr) raise(StaticDefs::ERR_CLIENT_INTERNAL, kFile, __LINE__, reason);
 }
 
 void CorvaneRESTClient::openClean() {

@@ -13,6 +13,7 @@
 #include "comm/kruRaise.h"
 #include "comm/kruRecordLengths.h"
 #include "comm/kruStaticDefs.h"
+#include "comm/kruUnsendable.h"
 #include "infra/oss/kruConverter.h"
 #include "infra/oss/kruTrace.h"
 #include "infra/util/kruBase64.h"
@@ -22,6 +23,8 @@ namespace tq::comm {
 namespace {
 
 using tq::oss::Converter;
+
+constexpr const char* kFile = "kruRESTMessage";
 
 constexpr unsigned int kTermRecordLength = 8;
 constexpr std::uint64_t kPrefixSlack = 2000;
@@ -122,9 +125,12 @@ void RESTMessage::initPrefix(ClientRequest& request) {
   const char* key = request.getDocKey(keyLength);
   const std::list<KVPair>& metadata = request.getMetadata();
   const std::uint64_t block = getSerializeMetadataLength(metadata, key, keyLength);
+  if (block != 0 && bodyLength_ != 0 && body_ == nullptr) {
+    raise(StaticDefs::ERR_CLIENT_INTERNAL, kFile, __LINE__, kNullContent);
+  }
   const std::uint64_t size = block - (block != 0 ? bodyLength_ : 0) + kPrefixSlack;
   if (size > std::numeric_limits<std::uint32_t>::max()) {
-    raise(StaticDefs::ERR_CLIENT_INTERNAL, "kruRESTMessage", __LINE__,
+    raise(StaticDefs::ERR_CLIENT_INTERNAL, kFile, __LINE__,
           u"the document's key and metadata are longer than a request can carry");
   }
   if (!prefixBuffer_.resize(size)) Converter::throwOutOfMemory();
@@ -251,6 +257,9 @@ std::uint64_t RESTMessage::serializeMetadata(char* out, const std::list<KVPair>&
                                              const char* key, unsigned int keyLength) const {
   const tq::oss::TraceScope scope(trace::RESTMessageSerializeMetadata);
   if (metadata.empty()) return 0;
+  if (key == nullptr && keyLength != 0) {
+    raise(StaticDefs::ERR_CLIENT_INTERNAL, kFile, __LINE__, kNullKey);
+  }
   const MessageTables& tables = MessageTables::ensure();
   bytes::Writer writer(out + 2 * kWord);
   for (const KVPair& pair : metadata) {

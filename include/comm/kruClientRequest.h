@@ -78,7 +78,8 @@ class KRU_EXPORT ClientRequest {
   const std::list<KVPair>& getMetadata() const { return metadata_; }
 
   /// Copies the metadata element by element (the request's own list is left as it is) and stores
-  /// the content. `content` is not copied; `length` is in bytes.
+  /// the content. `content` is not copied; `length` is in bytes. Null with a length is stored as it
+  /// is; clients refuse to send it.
   void setContent(const std::list<KVPair>& metadata, const char* content, unsigned int length);
   /// Stores the content only; the metadata stays.
   void setContent(const char* content, unsigned int length);
@@ -90,7 +91,7 @@ class KRU_EXPORT ClientRequest {
 
   /// Stores the document key, which is not copied; `length` is in bytes and not checked against
   /// StaticDefs::MAX_KEY_LENGTH. A key needs at least one metadata pair: clients refuse to send a
-  /// key without any.
+  /// key without any, as they refuse null with a length.
   void setDocKey(const char* key, unsigned int length);
   /// The key, or null; its length is written to `length`. Virtual as `getContent` is.
   virtual const char* getDocKey(unsigned int& length);

@@ -31,7 +31,9 @@ namespace tq::comm {
 ///
 /// Operations that build text or bytes throw tq::oss::NLSException "TQ_ERR_OUT_OF_MEMORY" when a
 /// buffer cannot grow, or when a text that they are given or make is bogus (ICU got no memory for
-/// it): it would be written as an empty one. What has been appended to `out` by then is lost.
+/// it): it would be written as an empty one. What has been appended to `out` by then is lost. A key
+/// or content that would be sent and is null with a length throws RESTException
+/// ERR_CLIENT_INTERNAL.
 class KRU_EXPORT RESTMessage {
  public:
   RESTMessage(const icu::UnicodeString& host, ClientRequest& request);

@@ -156,6 +156,25 @@ TEST(CorvaneRESTClient, AKeyWithoutMetadataIsRefusedBeforeAnythingIsSent) {
   }
 }
 
+TEST(CorvaneRESTClient, NullWithALengthIsRefusedBeforeAnythingIsSent) {
+  for (const bool nullKey : {true, false}) {
+    ScriptedNetwork network(answer(plain(ok(kAddDocument))));
+    auto client = clientFor(kFresh);
+    auto request = requestFor(kAddDocument);
+    request.setContent({{u"title", u"one"}}, nullKey ? "content" : nullptr, 7);
+    request.setDocKey(nullKey ? nullptr : "key", 3);
+    ClientResponse response;
+    try {
+      client.sendAndRecvMesg(request, response);
+      FAIL() << "sent";
+    } catch (const RESTException& e) {
+      EXPECT_TRUE(e.getMessageList().front().getMessageId() == u"ERR_CLIENT_INTERNAL");
+    }
+    EXPECT_EQ(client.getRequestOutcome(), RequestOutcome::NotSent);
+    EXPECT_EQ(network.writes(), 0U);
+  }
+}
+
 TEST(CorvaneRESTClient, ARefusedRequestLeavesTheConnectionAsItWas) {
   ScriptedNetwork network(Script()
                               .expectRequest()

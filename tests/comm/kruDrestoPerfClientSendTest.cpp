@@ -124,6 +124,24 @@ TEST(DrestoPerfClientSend, AKeyWithoutMetadataIsRefusedBeforeAnythingIsSent) {
   EXPECT_EQ(network.writes(), 0U);
 }
 
+TEST(DrestoPerfClientSend, NullWithALengthIsRefusedBeforeAnythingIsSent) {
+  for (const bool nullKey : {true, false}) {
+    ScriptedNetwork network(answer(kOk));
+    auto client = binaryClient();
+    Document document(kAddDocument);
+    if (nullKey) {
+      document.request.setDocKey(nullptr, 3);
+    } else {
+      document.request.setContent(nullptr, 7);
+    }
+    ClientResponse response;
+    const auto raised = raisedBy([&] { client.sendAndRecvMesg(document.request, response); });
+    ASSERT_EQ(raised.size(), 1U);
+    EXPECT_EQ(raised.front().id, "ERR_CLIENT_INTERNAL");
+    EXPECT_EQ(network.writes(), 0U);
+  }
+}
+
 // The header's length.
 
 TEST(DrestoPerfClientSend, AHeaderOf65535BytesIsSentAndALongerOneIsRefused) {

@@ -291,6 +291,24 @@ TEST_F(RESTMessageTest, ContentWithoutAKeyIsNotSent) {
   EXPECT_EQ("?Content-Length  =&ver=1.1", utf8(message.getParamString(false)));
 }
 
+TEST_F(RESTMessageTest, NullWithALengthIsRefusedWhereItWouldBeSent) {
+  build(3);
+  document("key", {{u"a", u"b"}}, "content");
+  RESTMessage message(u"server", request);
+  request.setContent(nullptr, 7);
+  EXPECT_THROW(message.initMessage(request), RESTException);
+  request.setContent("content", 7);
+  request.setDocKey(nullptr, 3);
+  EXPECT_THROW(message.initMessage(request), RESTException);
+  char out[64];
+  EXPECT_THROW(message.serializeMetadata(out, request.getMetadata(), nullptr, 3), RESTException);
+  request.setDocKey(nullptr, 0);
+  request.setContent(nullptr, 7);
+  message.initMessage(request);
+  EXPECT_EQ(0U, message.getMsgPrefixLen());
+  EXPECT_EQ("?Content-Length  =&ver=1.1", utf8(message.getParamString(false)));
+}
+
 TEST_F(RESTMessageTest, AKeyWithoutMetadataSerializesToNothing) {
   build(3);
   document("key", {}, "content");
