@@ -1,32 +1,42 @@
 #include "comm/kruRaise.h"
 
+#include <utility>
+
 #include "comm/kruRESTException.h"
-#include "infra/oss/kruMessageList.h"
 
 namespace tq::comm {
 
-namespace {
+Details::Details(const char16_t* reason) { message_.setMessageText(reason); }
 
-tq::oss::Message messageOf(const icu::UnicodeString& id, const char* file, unsigned long line) {
-  tq::oss::Message message;
-  message.setMessageId(id);
-  message.setFileName(file);
-  message.setLineNumber(line);
-  return message;
+Details& Details::argument(const icu::UnicodeString& argument) {
+  message_.addArgument(argument);
+  return *this;
 }
 
-[[noreturn]] void throwWith(const tq::oss::Message& message,
-                            const tq::oss::MessageList& cause = tq::oss::MessageList()) {
+Details& Details::server(const icu::UnicodeString& host, unsigned int port) {
+  message_.addArgument(host);
+  message_.addArgument(static_cast<unsigned long>(port));
+  return *this;
+}
+
+Details& Details::cause(const tq::oss::MessageList& messages) {
+  if (!messages.empty()) cause_.add(messages.front());
+  return *this;
+}
+
+void Raiser::operator()(const icu::UnicodeString& id, Details details, unsigned long line) const {
+  details.message_.setMessageId(id);
+  details.message_.setFileName(file_);
+  details.message_.setLineNumber(file_ != nullptr ? line : 0);
   tq::oss::MessageList messages;
-  messages.add(message);
-  if (!cause.empty()) messages.add(cause.front());
+  messages.add(details.message_);
+  messages.join(details.cause_);
   throw RESTException(messages);
 }
 
-}  // namespace
-
 void raise(const icu::UnicodeString& id, const char* file, unsigned long line) {
-  throwWith(messageOf(id, file, line));
+  const Raiser fail(file);
+  fail(id, {}, line);
 }
 
 void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
@@ -36,9 +46,8 @@ void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
 
 void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
            const icu::UnicodeString& argument, const tq::oss::MessageList& cause) {
-  tq::oss::Message message = messageOf(id, file, line);
-  message.addArgument(argument);
-  throwWith(message, cause);
+  const Raiser fail(file);
+  fail(id, Details().argument(argument).cause(cause), line);
 }
 
 void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
@@ -48,10 +57,8 @@ void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
 
 void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
            const icu::UnicodeString& host, unsigned int port, const tq::oss::MessageList& cause) {
-  tq::oss::Message message = messageOf(id, file, line);
-  message.addArgument(host);
-  message.addArgument(static_cast<unsigned long>(port));
-  throwWith(message, cause);
+  const Raiser fail(file);
+  fail(id, Details().server(host, port).cause(cause), line);
 }
 
 void rethrow(const tq::oss::MessageList& messages) { throw RESTException(messages); }
