@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string_view>
 
 /// The one place where integers of the wire are read and written. Every one of them is big-endian.
 namespace tq::comm::bytes {
@@ -50,6 +51,14 @@ class Reader {
     if (remaining_ < 4) return false;
     value = loadInt(data_);
     advance(4);
+    return true;
+  }
+
+  /// Takes `count` bytes, which `bytes` then names; they belong to whoever owns the view.
+  bool readBytes(std::size_t count, std::string_view& bytes) noexcept {
+    if (count > remaining_) return false;
+    bytes = {data_, count};
+    advance(count);
     return true;
   }
 

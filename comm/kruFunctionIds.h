@@ -85,6 +85,17 @@ enum FunctionId : unsigned int {
   DrestoPerfResponseParseContent = 0x1CD804E1,
   DrestoPerfResponseParseErrorMessage = 0x1CD804E2,
   DrestoPerfResponseValidateRespEnv = 0x1CD804E3,
+  // Later additions to the reply parsers.
+  RESTResponseExtractHeaders = 0x1CD804F0,
+  RESTResponseUpdateContentLength = 0x1CD804F1,
+  RESTResponseGetChunkedMesgLen = 0x1CD804F2,
+  RESTResponsePrint = 0x1CD804F3,
+  DrestoPerfResponseConstruct = 0x1CD804F4,
+  DrestoPerfResponseInitState = 0x1CD804F5,
+  DrestoPerfResponseParseDone = 0x1CD804F6,
+  DrestoPerfResponseGetShort = 0x1CD804F7,
+  DrestoPerfResponseGetInt = 0x1CD804F8,
+  DrestoPerfResponsePrintState = 0x1CD804F9,
 };
 
 static_assert(ClientRequestBuildRequest == 0x1CD8049D);

@@ -26,7 +26,29 @@ namespace tq::comm {
 
 namespace {
 
-constexpr const char* kFile = "kruRESTResponse";
+// The bodies of replies. Every integer is unsigned and big-endian.
+//
+//   first body      4 bytes that are not interpreted, then the results
+//   further chunk   the results; an estimate and a status have the 4 bytes here too
+//   results         searches and parse results: records up to one of length 0
+//                   estimate, status and error: one record
+//
+//   record          size   content
+//                   4      n: bytes of the fields; 0 ends the results
+//                   n      fields
+//
+//   field           size   content
+//                   4      low 30 bits: k
+//                   k      key, UTF-8
+//                   4      low 30 bits: v; the two bits above are a type tag without effect
+//                   v      value, UTF-8
+constexpr std::size_t kUninterpreted = 4;
+constexpr std::size_t kLengthWord = 4;
+
+constexpr Raiser fail("kruRESTResponse");
+// The framing of a reply and its parse results: their failures have never had a position, and
+// callers know them by that.
+constexpr Raiser failWithoutPlace(nullptr);
 
 // How many bytes a reader should offer while the parser looks for the end of a line or a block.
 constexpr int kHeaderPiece = 256;
@@ -35,41 +57,61 @@ constexpr int kChunkLengthPiece = 16;
 constexpr std::size_t kMaxHeaderBlock = std::size_t{1} << 20;
 constexpr std::size_t kMaxChunkLengthLine = 125;
 
-// A first body: bytes that nobody interprets, then the first record's length word.
-constexpr int kUninterpreted = 4;
-constexpr int kLengthWord = 4;
-
 constexpr std::string_view kProtocol = "HTTP/";
+constexpr std::string_view kLineEnd = "\r\n";
 
 constexpr int kOk = 200;
 constexpr int kUnauthorized = 401;
 constexpr int kServerError = 500;
 
-/// The number at the start of `text`, as `atoi` reads it, without its overflow.
+bytes::Reader readerOf(const char* buffer, int length) {
+  return {buffer, static_cast<std::size_t>(std::max(length, 0))};
+}
+
+int leftIn(const bytes::Reader& body) { return static_cast<int>(body.remaining()); }
+
+/// The number at the start of `text`, as `atoi` reads it, except that a number beyond the range of
+/// `long` becomes the nearest bound.
 long leadingNumber(const icu::UnicodeString& text) {
   std::string digits;
   text.toUTF8String(digits);
   return std::strtol(digits.c_str(), nullptr, 10);
 }
 
-/// What stands behind the name and the colon of a header line.
+/// The text after the name and the colon of a header line.
 icu::UnicodeString headerValue(const icu::UnicodeString& line, int nameStart) {
   const int colon = line.indexOf(u':', nameStart);
   return colon < 0 ? icu::UnicodeString() : line.tempSubString(colon + 1);
 }
 
-/// The length of a record whose length word and bytes are all there; otherwise false.
-bool wholeRecord(const char* buffer, int length, std::uint32_t& recordLength) {
-  if (length < kLengthWord) return false;
-  recordLength = bytes::loadInt(buffer);
-  return recordLength <= static_cast<std::uint32_t>(length - kLengthWord);
+/// Takes a record and its length word; `record` names its fields. When not all of its bytes have
+/// arrived nothing is taken and the result is false.
+bool takeRecord(bytes::Reader& body, std::string_view& record) {
+  bytes::Reader next = body;
+  std::uint32_t length = 0;
+  if (!next.readInt(length) || !next.readBytes(length, record)) return false;
+  body = next;
+  return true;
 }
 
-void requireFieldsFit(const char* record, std::uint32_t length) {
-  if (!fieldsFit(record, length)) raise(StaticDefs::ERR_CLIENT_RESP_PARSING);
+/// The record codec trusts the lengths inside a record, so they are compared with the record first.
+void requireFieldsFit(std::string_view record, const Raiser& raiser) {
+  if (fieldsFit(record.data(), static_cast<std::uint32_t>(record.size()))) return;
+  raiser(StaticDefs::ERR_CLIENT_RESP_PARSING, u"a field runs past the end of its record");
 }
 
-/// A record whose fields are all that is wanted of it.
+/// As `takeRecord`, for the bodies that consist of one record.
+bool takeOnlyRecord(bytes::Reader& body, std::string_view& record) {
+  if (!takeRecord(body, record)) return false;
+  requireFieldsFit(record, fail);
+  return true;
+}
+
+void parseInto(GenRespRecord& result, std::string_view record) {
+  result.parseRecord(record.data(), static_cast<unsigned int>(record.size()));
+}
+
+/// For the caller who wants the fields of a record and nothing made of them.
 class PlainRecord : public GenRespRecord {
  public:
   void reset() override {}
@@ -100,7 +142,7 @@ void RESTResponse::setMaxReplyBytes(std::size_t bytes) {
   maxReplyBytes_ = std::min<std::size_t>(bytes, std::numeric_limits<int>::max());
 }
 
-bool RESTResponse::parseDone(int& need) const {
+bool RESTResponse::parseDone(int& need) {
   switch (state_) {
     case kHeaders:
       need = kHeaderPiece;
@@ -122,11 +164,12 @@ int RESTResponse::parseMesg(const char* buffer, int length, ClientResponse& resp
   try {
     switch (state_) {
       case kDone:
-        raise(StaticDefs::ERR_CLIENT_RESP_PARSING);
+        failWithoutPlace(StaticDefs::ERR_CLIENT_RESP_PARSING,
+                         u"the reply is complete, it has no further bytes");
       case kHeaders:
         return parseHeaders(buffer, length);
       case kChunkLength:
-        return gatherChunkLength(buffer, length);
+        return gatherChunkLength({buffer, static_cast<std::size_t>(length)});
       case kBody:
         return streaming_ ? parseBody(buffer, length, response, done)
                           : parseFirstBody(buffer, length, response, done);
@@ -140,30 +183,34 @@ int RESTResponse::parseMesg(const char* buffer, int length, ClientResponse& resp
 
 int RESTResponse::parseHeaders(const char* buffer, int length) {
   const tq::oss::TraceScope trace(trace::RESTResponseParseHeaders);
-  int start = 0;
-  if (pending_.empty()) {
-    while (start < length && (buffer[start] == '\r' || buffer[start] == '\n')) ++start;
-  }
+  const std::string_view offered(buffer, static_cast<std::size_t>(length));
+  // Line ends before a status line belong to no reply; some servers end a body with one.
+  std::size_t start = 0;
+  if (pending_.empty()) start = std::min(offered.find_first_not_of(kLineEnd), offered.size());
   const std::size_t gathered = pending_.size();
-  pending_.append(buffer + start, static_cast<std::size_t>(length - start));
-  const std::string_view known = std::string_view(pending_).substr(0, kProtocol.size());
-  if (known != kProtocol.substr(0, known.size())) raise(StaticDefs::ERR_CLIENT_RESP_PARSING);
-
-  const std::size_t end = headerBlockEnd(gathered);
-  const int consumed = end == std::string::npos ? length : start + static_cast<int>(end - gathered);
-  headerBytes_ += static_cast<std::size_t>(consumed);
-  if (headerBytes_ > std::min(maxReplyBytes_, kMaxHeaderBlock)) {
-    raise(StaticDefs::ERR_CLIENT_RESP_PARSING);
+  pending_.append(offered.substr(start));
+  // A peer that speaks another protocol may never send a blank line, so it is not waited for.
+  if (!kProtocol.starts_with(std::string_view(pending_).substr(0, kProtocol.size()))) {
+    failWithoutPlace(StaticDefs::ERR_CLIENT_RESP_PARSING, u"the reply does not begin with HTTP/");
   }
-  if (end == std::string::npos) return 0;
+  const std::size_t end = headerBlockEnd(gathered);
+  const bool whole = end != std::string::npos;
+  const std::size_t consumed = whole ? start + (end - gathered) : offered.size();
+  headerBytes_ += consumed;
+  if (headerBytes_ > std::min(maxReplyBytes_, kMaxHeaderBlock)) {
+    failWithoutPlace(StaticDefs::ERR_CLIENT_RESP_PARSING,
+                     u"the header block is longer than the limit");
+  }
+  if (!whole) return 0;
   takeHeaderBlock(end);
-  if (!chunked_) return length - consumed;
-  return gatherChunkLength(buffer + consumed, length - consumed);
+  const std::string_view rest = offered.substr(consumed);
+  return chunked_ ? gatherChunkLength(rest) : static_cast<int>(rest.size());
 }
 
-/// A zero byte ends a block as well: no text goes on behind it.
+/// A NUL byte also ends the block, because the text conversion stops there.
 std::size_t RESTResponse::headerBlockEnd(std::size_t searched) const {
   constexpr std::string_view kBlankLine = "\r\n\r\n";
+  // The blank line may have begun in the bytes that were searched before.
   const std::size_t from = searched < kBlankLine.size() ? 0 : searched - (kBlankLine.size() - 1);
   const std::size_t blank = pending_.find(kBlankLine, from);
   const std::size_t zero = pending_.find('\0', searched);
@@ -175,6 +222,7 @@ void RESTResponse::takeHeaderBlock(std::size_t length) {
   icu::UnicodeString headers = tq::oss::Converter::fromUTF8(pending_.data(), length);
   pending_.clear();
   extractHeaders(headers);
+  // A length beside chunks has no meaning: the size lines tell where the body ends.
   if (chunked_) {
     contentLength_ = 0;
     state_ = kChunkLength;
@@ -182,6 +230,7 @@ void RESTResponse::takeHeaderBlock(std::size_t length) {
 }
 
 void RESTResponse::extractHeaders(icu::UnicodeString& headers) {
+  const tq::oss::TraceScope trace(trace::RESTResponseExtractHeaders);
   tq::oss::StringTokenizer lines(headers, StaticDefs::NEWLINE);
   if (!lines.hasMore()) return;
   flag_ = true;
@@ -194,14 +243,18 @@ void RESTResponse::extractHeaders(icu::UnicodeString& headers) {
     const icu::UnicodeString line = lines.next();
     const int lengthName = line.indexOf(StaticDefs::RESP_CONTENT_LENGTH);
     if (lengthName >= 0) acceptLength(leadingNumber(headerValue(line, lengthName)));
-    // Whatever coding it names: this server knows no other than chunks.
+    // The value is not looked at: chunks are the only coding that the server knows.
     if (line.indexOf(StaticDefs::RESP_TRANSFER_ENCODING) >= 0) chunked_ = true;
   }
 }
 
 void RESTResponse::acceptLength(long length) {
-  if (length < 0 || static_cast<unsigned long>(length) > maxReplyBytes_) {
-    raise(StaticDefs::ERR_CLIENT_RESP_PARSING);
+  if (length < 0) {
+    failWithoutPlace(StaticDefs::ERR_CLIENT_RESP_PARSING, u"the announced length is below 0");
+  }
+  if (static_cast<unsigned long>(length) > maxReplyBytes_) {
+    failWithoutPlace(StaticDefs::ERR_CLIENT_RESP_PARSING,
+                     u"the announced length is above the limit");
   }
   setContentLen(static_cast<int>(length));
 }
@@ -211,29 +264,37 @@ void RESTResponse::setContentLen(int length) {
   state_ = kBody;
 }
 
-/// Gathers a chunk-size line, which may come in pieces, with the CR LF in front of it that ends the
-/// data of the chunk before.
-int RESTResponse::gatherChunkLength(const char* buffer, int length) {
-  for (int i = 0; i < length; ++i) {
-    pending_.push_back(buffer[i]);
-    const std::size_t front = pending_.compare(0, 2, "\r\n") == 0 ? 2 : 0;
-    if (buffer[i] == '\n' && pending_.size() > front) {
+/// Gathers a chunk-size line, which may come in pieces, and the CR LF before it that ends the data
+/// of the previous chunk.
+int RESTResponse::gatherChunkLength(std::string_view offered) {
+  for (std::size_t i = 0; i < offered.size(); ++i) {
+    pending_.push_back(offered[i]);
+    const std::size_t front = pending_.starts_with(kLineEnd) ? kLineEnd.size() : 0;
+    if (offered[i] == '\n' && pending_.size() > front) {
       takeChunkLengthLine(front);
-      return length - i - 1;
+      return static_cast<int>(offered.size() - i - 1);
     }
+    // One more than the characters of a line: its CR.
     if (pending_.size() > front + kMaxChunkLengthLine + 1) {
-      raise(StaticDefs::ERR_CLIENT_RESP_PARSING);
+      failWithoutPlace(StaticDefs::ERR_CLIENT_RESP_PARSING,
+                       u"the chunk-size line is longer than 125 characters");
     }
   }
   flag_ = true;
   return 0;
 }
 
-/// Reads the gathered line, whose text begins at `front`, after making sure that it is a number of
-/// an acceptable size: read as it stands, garbage would be 0 and so the end of the reply.
+/// Takes the size from the gathered line, whose text begins at `front`. The line is checked first,
+/// because `updateContentLength` reads anything that is not a number as 0, the end of the reply.
 void RESTResponse::takeChunkLengthLine(std::size_t front) {
   const auto size = chunkSizeOf(std::string_view(pending_).substr(front));
-  if (!size || *size > maxReplyBytes_) raise(StaticDefs::ERR_CLIENT_RESP_PARSING);
+  if (!size) {
+    failWithoutPlace(StaticDefs::ERR_CLIENT_RESP_PARSING,
+                     u"the chunk-size line is not a hexadecimal number");
+  }
+  if (*size > maxReplyBytes_) {
+    failWithoutPlace(StaticDefs::ERR_CLIENT_RESP_PARSING, u"the chunk is longer than the limit");
+  }
   int consumed = 0;
   updateContentLength(pending_.c_str(), consumed);
   lastChunk_ = contentLength_ == 0;
@@ -241,6 +302,7 @@ void RESTResponse::takeChunkLengthLine(std::size_t front) {
 }
 
 void RESTResponse::updateContentLength(const char* buffer, int& consumed) {
+  const tq::oss::TraceScope trace(trace::RESTResponseUpdateContentLength);
   if (!chunked_) return;
   int skipped = 0;
   if (buffer[skipped] == '\r') {
@@ -252,12 +314,13 @@ void RESTResponse::updateContentLength(const char* buffer, int& consumed) {
   consumed += skipped + lineLength;
 }
 
-/// The first body of a reply. Chunks that are too short to decode are joined to the next one: what
-/// was offered is then left unconsumed in front of it.
+/// A first body may come in chunks that are too short to decode. Such a chunk is left unconsumed,
+/// and the body is decoded once the next chunks have made it long enough.
 int RESTResponse::parseFirstBody(const char* buffer, int length, ClientResponse& response,
                                  bool& done) {
   if (joined_ > std::numeric_limits<int>::max() - contentLength_) {
-    raise(StaticDefs::ERR_CLIENT_RESP_PARSING);
+    fail(StaticDefs::ERR_CLIENT_RESP_PARSING,
+         u"the chunks that the first record is spread over are longer than the limit");
   }
   const int total = joined_ + contentLength_;
   if (length < total) return length;
@@ -272,6 +335,8 @@ int RESTResponse::parseFirstBody(const char* buffer, int length, ClientResponse&
   return leftover;
 }
 
+/// True when a further chunk has to be joined to this body: it does not hold the start of a record
+/// or, where the reply consists of one record, all of it.
 bool RESTResponse::firstBodyIsTooShort(const char* buffer, int length) const {
   const bool oneRecord =
       statusCode_ == kServerError || (statusCode_ == kOk && (kind_ == ClientRequest::SELECTIVITY ||
@@ -279,11 +344,15 @@ bool RESTResponse::firstBodyIsTooShort(const char* buffer, int length) const {
   const bool records =
       statusCode_ == kOk && (isSearch(kind_) || kind_ == ClientRequest::PARSE_RESULT);
   if (!oneRecord && !records) return false;
-  if (length < kUninterpreted + kLengthWord) return true;
+  bytes::Reader body = readerOf(buffer, length);
+  std::uint32_t recordLength = 0;
+  if (!body.skip(kUninterpreted) || !body.readInt(recordLength)) return true;
   if (!oneRecord) return false;
-  const std::uint32_t recordLength = bytes::loadInt(buffer + kUninterpreted);
-  if (recordLength > maxReplyBytes_) raise(StaticDefs::ERR_CLIENT_RESP_PARSING);
-  return recordLength > static_cast<std::uint32_t>(length - kUninterpreted - kLengthWord);
+  // Refused before the chunks that would make it whole are waited for.
+  if (recordLength > maxReplyBytes_) {
+    fail(StaticDefs::ERR_CLIENT_RESP_PARSING, u"a record is longer than the limit");
+  }
+  return recordLength > body.remaining();
 }
 
 int RESTResponse::parseBody(const char* buffer, int length, ClientResponse& response, bool& done) {
@@ -305,10 +374,13 @@ int RESTResponse::parseResults(const char* buffer, int length, ClientResponse& r
   const bool search = isSearch(kind_);
   const bool oneRecord = kind_ == ClientRequest::SELECTIVITY || kind_ == ClientRequest::GET_STATUS;
   if (!search && !oneRecord && kind_ != ClientRequest::PARSE_RESULT) return 0;
-  const int skipped = streaming_ && !oneRecord ? 0 : kUninterpreted;
-  if (length < skipped) raise(StaticDefs::ERR_CLIENT_RESP_PARSING);
-  const char* records = buffer + skipped;
-  const int size = length - skipped;
+  bytes::Reader body = readerOf(buffer, length);
+  const bool continued = streaming_ && !oneRecord;
+  if (!continued && !body.skip(kUninterpreted)) {
+    fail(StaticDefs::ERR_CLIENT_RESP_PARSING, u"the body is too short for the start of a record");
+  }
+  const char* records = body.data();
+  const int size = leftIn(body);
   if (search) return parseStreamSearchResponse(records, size, response, done);
   switch (static_cast<int>(kind_)) {
     case ClientRequest::PARSE_RESULT:
@@ -320,54 +392,54 @@ int RESTResponse::parseResults(const char* buffer, int length, ClientResponse& r
   }
 }
 
-/// The reply is complete whatever its error record holds: its body has been handed over whole.
+/// The reply counts as complete even if its error record is malformed, because all of its body has
+/// been taken: the connection may be used again.
 void RESTResponse::raiseServerError(const char* buffer, int length) {
   state_ = kDone;
-  if (statusCode_ == kUnauthorized) raise(StaticDefs::ERR_SERVER_INVALID_AUTH);
-  if (statusCode_ != kServerError) raise(StaticDefs::ERR_SERVER_PROTOCOL);
-  tq::oss::Message message(StaticDefs::ERR_SERVER_APP, icu::UnicodeString());
-  message.setFileName(kFile);
-  message.setLineNumber(__LINE__);
+  // These two have never had a text or a position either.
+  if (statusCode_ == kUnauthorized) failWithoutPlace(StaticDefs::ERR_SERVER_INVALID_AUTH);
+  if (statusCode_ != kServerError) failWithoutPlace(StaticDefs::ERR_SERVER_PROTOCOL);
   RESTException error(true);
-  error.getMessageList().add(message);
-  if (length >= kUninterpreted) {
-    parseErrorMessage(buffer + kUninterpreted, length - kUninterpreted, error);
-  }
+  error.getMessageList().add(fail.message(StaticDefs::ERR_SERVER_APP));
+  bytes::Reader body = readerOf(buffer, length);
+  if (body.skip(kUninterpreted)) parseErrorMessage(body.data(), leftIn(body), error);
   throw error;
 }
 
 void RESTResponse::parseErrorMessage(const char* buffer, int length, RESTException& error) {
   const tq::oss::TraceScope trace(trace::RESTResponseParseErrorMessage);
-  std::uint32_t recordLength = 0;
-  if (!wholeRecord(buffer, length, recordLength)) return;
-  requireFieldsFit(buffer + kLengthWord, recordLength);
+  bytes::Reader body = readerOf(buffer, length);
+  std::string_view record;
+  if (!takeOnlyRecord(body, record)) return;
   try {
-    error.parseRecord(buffer + kLengthWord, recordLength);
+    parseInto(error, record);
   } catch (const tq::oss::BaseException&) {
-    // A record that names no error leaves the general one standing.
+    // A record without id or text leaves the general message in place.
   }
 }
 
-/// Hands the whole records to `take(record, length)`, up to the one of length 0 that ends them.
-/// Returns how many bytes are left in front of that one, or of one whose bytes are not all there.
+/// Hands each whole record to `take` and stops at the record of length 0, at one whose bytes have
+/// not all arrived, or at the end. Whatever it stops at stays in `body`.
 template <typename Take>
-int RESTResponse::walkRecords(const char* buffer, int length, bool& done, Take take) {
-  int position = 0;
-  while (length - position >= kLengthWord) {
-    const std::uint32_t recordLength = bytes::loadInt(buffer + position);
-    if (recordLength == 0) {
+void RESTResponse::walkRecords(bytes::Reader& body, bool& done, const Raiser& raiser, Take take) {
+  bytes::Reader next = body;
+  std::uint32_t length = 0;
+  while (next.readInt(length)) {
+    if (length == 0) {
       endMark_ = true;
       done = true;
-      break;
+      return;
     }
-    if (recordLength > maxReplyBytes_) raise(StaticDefs::ERR_CLIENT_RESP_PARSING);
-    if (recordLength > static_cast<std::uint32_t>(length - position - kLengthWord)) break;
-    const char* record = buffer + position + kLengthWord;
-    requireFieldsFit(record, recordLength);
-    take(record, recordLength);
-    position += kLengthWord + static_cast<int>(recordLength);
+    // Not left for later: its bytes would be hoarded as they come.
+    if (length > maxReplyBytes_) {
+      raiser(StaticDefs::ERR_CLIENT_RESP_PARSING, u"a record is longer than the limit");
+    }
+    std::string_view record;
+    if (!next.readBytes(length, record)) return;
+    requireFieldsFit(record, raiser);
+    take(record);
+    body = next;
   }
-  return length - position;
 }
 
 int RESTResponse::parseStreamSearchResponse(const char* buffer, int length,
@@ -378,11 +450,13 @@ int RESTResponse::parseStreamSearchResponse(const char* buffer, int length,
     done = true;
     return 0;
   }
-  return walkRecords(buffer, length, done, [&](const char* record, std::uint32_t recordLength) {
+  bytes::Reader body = readerOf(buffer, length);
+  walkRecords(body, done, fail, [&](std::string_view record) {
     SearchResult hit(true);
-    hit.parseRecord(record, recordLength);
+    parseInto(hit, record);
     response.addSearchResult(hit);
   });
+  return leftIn(body);
 }
 
 int RESTResponse::parseParseResultResponse(const char* buffer, int length, ClientResponse& response,
@@ -392,49 +466,53 @@ int RESTResponse::parseParseResultResponse(const char* buffer, int length, Clien
     done = true;
     return 0;
   }
-  const int leftover =
-      walkRecords(buffer, length, done, [&](const char* record, std::uint32_t recordLength) {
-        ParseResult result(true);
-        result.parseRecord(record, recordLength);
-        response.addParseResult(result);
-      });
-  // Unlike a hit, a parse result is never left for later.
-  if (leftover != 0 && !endMark_) raise(StaticDefs::ERR_CLIENT_RESP_PARSING);
-  return leftover;
+  bytes::Reader body = readerOf(buffer, length);
+  walkRecords(body, done, failWithoutPlace, [&](std::string_view record) {
+    ParseResult result(true);
+    parseInto(result, record);
+    response.addParseResult(result);
+  });
+  // The server never cuts a parse result, so one that is not whole is broken. `done` would not do
+  // here: the caller may have set it before.
+  if (body.remaining() != 0 && !endMark_) {
+    failWithoutPlace(StaticDefs::ERR_CLIENT_RESP_PARSING,
+                     u"a parse result is longer than its data");
+  }
+  return leftIn(body);
 }
 
 int RESTResponse::parseSelectivityResponse(const char* buffer, int length, ClientResponse& response,
                                            bool&) {
   const tq::oss::TraceScope trace(trace::RESTResponseParseSelectivityResponse);
   SelectivityInfo info(true);
-  int consumed = 0;
-  std::uint32_t recordLength = 0;
-  if (wholeRecord(buffer, length, recordLength)) {
-    requireFieldsFit(buffer + kLengthWord, recordLength);
-    info.parseRecord(buffer + kLengthWord, recordLength);
-    consumed = kLengthWord + static_cast<int>(recordLength);
-  }
+  bytes::Reader body = readerOf(buffer, length);
+  std::string_view record;
+  if (takeOnlyRecord(body, record)) parseInto(info, record);
   response.setSelectivityInfo(info);
-  return length - consumed;
+  return leftIn(body);
 }
 
 int RESTResponse::parseGetStatus(const char* buffer, int length, ClientResponse& response, bool&) {
   const tq::oss::TraceScope trace(trace::RESTResponseParseGetStatus);
   std::uint32_t code = 0;
-  int consumed = 0;
-  std::uint32_t recordLength = 0;
-  if (wholeRecord(buffer, length, recordLength)) {
-    requireFieldsFit(buffer + kLengthWord, recordLength);
+  bytes::Reader body = readerOf(buffer, length);
+  std::string_view record;
+  if (takeOnlyRecord(body, record)) {
     tq::util::ExtendedProperties fields;
-    PlainRecord().parseRecordIntoProps(buffer + kLengthWord, recordLength, &fields);
+    PlainRecord().parseRecordIntoProps(record.data(), static_cast<unsigned int>(record.size()),
+                                       &fields);
     code = fields.requirePropertyAsUInt32(u"STATUS_CODE");
-    consumed = kLengthWord + static_cast<int>(recordLength);
   }
   response.setGetStatusCode(code);
-  return length - consumed;
+  return leftIn(body);
 }
 
+void RESTResponse::print() { const tq::oss::TraceScope trace(trace::RESTResponsePrint); }
+
 int getChunkedMesgLen(const char* line, int& consumed) {
+  const tq::oss::TraceScope trace(trace::RESTResponseGetChunkedMesgLen);
+  // With its prefix the text is read as it stands in the line: a sign, a blank or a second prefix
+  // after the "0x" is not a number, hence 0.
   std::string number = "0x";
   const std::size_t limit = number.size() + kMaxChunkLengthLine;
   int position = 0;

@@ -24,13 +24,19 @@ Details& Details::cause(const tq::oss::MessageList& messages) {
   return *this;
 }
 
-void Raiser::operator()(const icu::UnicodeString& id, Details details, unsigned long line) const {
+tq::oss::Message Raiser::message(const icu::UnicodeString& id, Details details,
+                                 unsigned long line) const {
   details.message_.setMessageId(id);
   details.message_.setFileName(file_);
   details.message_.setLineNumber(file_ != nullptr ? line : 0);
+  return std::move(details.message_);
+}
+
+void Raiser::operator()(const icu::UnicodeString& id, Details details, unsigned long line) const {
+  const tq::oss::MessageList cause = std::move(details.cause_);
   tq::oss::MessageList messages;
-  messages.add(details.message_);
-  messages.join(details.cause_);
+  messages.add(message(id, std::move(details), line));
+  messages.join(cause);
   throw RESTException(messages);
 }
 

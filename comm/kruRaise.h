@@ -44,6 +44,10 @@ class Raiser {
   [[noreturn]] void operator()(const icu::UnicodeString& id, Details details = {},
                                unsigned long line = __builtin_LINE()) const;
 
+  /// The message of such a failure, for an exception that carries more than that.
+  tq::oss::Message message(const icu::UnicodeString& id, Details details = {},
+                           unsigned long line = __builtin_LINE()) const;
+
  private:
   const char* file_;
 };

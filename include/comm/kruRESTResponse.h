@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 #include "comm/kruClientRequest.h"
 #include "infra/oss/kruExport.h"
@@ -13,6 +14,10 @@ namespace tq::comm {
 
 class ClientResponse;
 class RESTException;
+class Raiser;
+namespace bytes {
+class Reader;
+}
 
 /// Parser of one reply of the HTTP-style protocol, or of one portion of a streamed one. It knows no
 /// socket: it is fed bytes, says how many it wants next, and fills a ClientResponse or throws a
@@ -24,63 +29,71 @@ class RESTException;
 /// ends them.
 class KRU_EXPORT RESTResponse {
  public:
-  /// `streaming`: the parser goes on with a chunked reply, at a chunk-size line, status 200.
+  /// `streaming`: the parser continues a chunked reply. It begins at a chunk-size line and takes
+  /// the status for 200.
   RESTResponse(ClientRequest::REQUEST kind, bool streaming);
 
   virtual void initState(bool streaming);
 
-  /// Decodes an error record, 4-byte length in front, into `error`; what is too short for its
-  /// length leaves `error` as it is.
+  /// Decodes an error record, which begins with its 4-byte length, into `error`. A record whose
+  /// bytes are not all there leaves `error` as it is.
   virtual void parseErrorMessage(const char* buffer, int length, RESTException& error);
 
-  /// Takes a header block, which may come in pieces, and returns how many bytes follow it.
+  /// Takes a header block, which may come in pieces, and returns how many bytes follow it: of the
+  /// body, or of the chunk after its size line.
   virtual int parseHeaders(const char* buffer, int length);
 
   /// True when the reply is complete. Otherwise `need` is how many bytes the parser wants next: up
   /// to 256 of a header block, up to 16 of a chunk-size line, exactly the length of a body.
-  bool parseDone(int& need) const;
+  bool parseDone(int& need);
 
-  /// True while a body is awaited: the next call must bring all of the bytes that `parseDone`
-  /// named, behind those that the previous call left. Otherwise any number of bytes will do.
+  /// True while a body is awaited. `parseMesg` must then be given the whole body: the bytes left
+  /// over by the previous call followed by the number `parseDone` asked for. In other states any
+  /// number of bytes may be passed.
   bool wantsWholeBody() const { return state_ == kBody; }
 
   /// Advances over `buffer` and returns how many of its last bytes were not consumed. `done` is set
   /// when the server has signalled the end of the results, never cleared. Throws
-  /// ERR_CLIENT_RESP_PARSING for what cannot be a reply, or when the reply was complete already.
+  /// ERR_CLIENT_RESP_PARSING for bytes that cannot be a reply, or when the reply was complete
+  /// already; the text of the message says what was wrong. A failure of the status line, the
+  /// headers, a size line or a parse result names no file and no line.
   int parseMesg(const char* buffer, int length, ClientResponse& response, bool& done);
 
   /// Takes the status code, the length and the coding from the text of a header block, whose first
-  /// line is the status line. Throws ERR_CLIENT_RESP_PARSING for a length that no reply can have.
+  /// line is the status line. Throws ERR_CLIENT_RESP_PARSING for a length below 0 or above the
+  /// limit.
   void extractHeaders(icu::UnicodeString& headers);
 
-  /// Reads the chunk-size line at `buffer`, with the CR LF that may stand in front of it, and adds
-  /// the bytes of both to `consumed`; a reply that is not chunked is left alone. The line must be
-  /// whole or end with a zero byte. What is no number is 0.
+  /// Reads the chunk-size line at `buffer`, which a CR LF may precede, and adds the bytes of both
+  /// to `consumed`; a reply that is not chunked is left alone. The line must be whole or end with a
+  /// NUL byte. A line that is not a number counts as 0.
   void updateContentLength(const char* buffer, int& consumed);
 
-  /// A body or chunk of so many bytes is awaited from now on.
+  /// From now on the parser awaits a body or chunk of this many bytes.
   void setContentLen(int length);
 
-  /// Takes a body as status and kind say; with a length of 0 announced there is none. This and the
-  /// operations below take what is in `buffer`, write nothing to it, and return how many of its
-  /// last bytes were not consumed; `done` is set as `parseMesg` sets it. Throws by the status (see
-  /// RESTException), and ERR_CLIENT_RESP_PARSING for records that lie about a length.
+  /// Takes a body by the status and the kind; when the announced length is 0 there is none. This
+  /// and the operations below only read `buffer` and return how many of its last bytes were not
+  /// consumed; `done` is set as `parseMesg` sets it. Throws ERR_SERVER_INVALID_AUTH for the status
+  /// 401, the server's message or ERR_SERVER_APP for 500, ERR_SERVER_PROTOCOL for any other one but
+  /// 200, and ERR_CLIENT_RESP_PARSING for a record with an impossible length.
   int parseBody(const char* buffer, int length, ClientResponse& response, bool& done);
-  /// The records of a body, from the first one on. A partial hit is left unconsumed, a partial
-  /// parse result refused.
+  /// The records of a body, without the 4 bytes before the first one. A partial hit is left
+  /// unconsumed; a partial parse result is refused.
   int parseStreamSearchResponse(const char* buffer, int length, ClientResponse& response,
                                 bool& done);
   int parseParseResultResponse(const char* buffer, int length, ClientResponse& response,
                                bool& done);
-  /// The one record of a body. What is too short for its length gives 1, 1 and 100, or status 0.
+  /// The only record of a body. A record whose bytes are not all there counts as 1, 1 and 100, or
+  /// as status 0.
   int parseSelectivityResponse(const char* buffer, int length, ClientResponse& response,
                                bool& done);
   int parseGetStatus(const char* buffer, int length, ClientResponse& response, bool& done);
 
-  /// Does nothing.
-  void print() const {}
+  /// Prints nothing.
+  void print();
 
-  /// The most bytes that a body, chunk or record may announce; see CorvaneClient.
+  /// The maximum number of bytes that a body, chunk or record may announce; see CorvaneClient.
   void setMaxReplyBytes(std::size_t bytes);
 
   bool isChunked() const { return chunked_; }
@@ -112,30 +125,32 @@ class KRU_EXPORT RESTResponse {
  private:
   std::size_t headerBlockEnd(std::size_t searched) const;
   void takeHeaderBlock(std::size_t length);
-  int gatherChunkLength(const char* buffer, int length);
+  int gatherChunkLength(std::string_view offered);
   void takeChunkLengthLine(std::size_t front);
   void acceptLength(long length);
   int parseFirstBody(const char* buffer, int length, ClientResponse& response, bool& done);
   bool firstBodyIsTooShort(const char* buffer, int length) const;
   int parseResults(const char* buffer, int length, ClientResponse& response, bool& done);
   template <typename Take>
-  int walkRecords(const char* buffer, int length, bool& done, Take take);
+  void walkRecords(bytes::Reader& body, bool& done, const Raiser& raiser, Take take);
   [[noreturn]] void raiseServerError(const char* buffer, int length);
 
-  // What has come of a header block or a chunk-size line that is not complete yet.
+  // The beginning of a header block or a chunk-size line whose end has not arrived yet.
   std::string pending_;
-  // Everything taken in front of the body. Blocks that are no reply count too: a server that sends
-  // nothing else would never be done with.
+  // All bytes taken before the body. Interim and empty blocks count as well; otherwise a server
+  // could send them for ever.
   std::size_t headerBytes_ = 0;
-  // Bytes of a first body that were too few to decode and stand in front of the next chunk.
+  // The length of the chunks of a first body that were too short to decode. The caller still holds
+  // them and passes them again, followed by the next chunk.
   int joined_ = 0;
   bool lastChunk_ = false;
   bool endMark_ = false;
 };
 
 /// Reads a chunk-size line: the hexadecimal number before the first CR LF. `consumed` becomes the
-/// number of bytes through the LF. Not a number: 0; one that no int holds: the largest int. At most
-/// 125 characters are looked at, and none behind a zero byte.
+/// number of bytes through the LF. A line that is not a number gives 0, also one with a sign, a
+/// blank or "0x" before its digits; a number beyond the range of an int gives the largest int. The
+/// line is read up to its 125th character or up to a NUL byte, whichever comes first.
 KRU_EXPORT int getChunkedMesgLen(const char* line, int& consumed);
 
 }  // namespace tq::comm

@@ -34,6 +34,24 @@ TEST(Bytes, AReaderAdvancesOverWhatItRead) {
   EXPECT_EQ(0U, reader.remaining());
 }
 
+TEST(Bytes, AReaderNamesTheBytesThatItTakes) {
+  const std::string data = unhex("61 62 63");
+  Reader reader(data.data(), data.size());
+  std::string_view taken;
+  EXPECT_TRUE(reader.readBytes(2, taken));
+  EXPECT_EQ("ab", taken);
+  EXPECT_EQ(data.data(), taken.data());
+  for (const std::size_t tooMany : {std::size_t{2}, static_cast<std::size_t>(-1)}) {
+    EXPECT_FALSE(reader.readBytes(tooMany, taken));
+    EXPECT_EQ(1U, reader.remaining());
+    EXPECT_EQ("ab", taken);
+  }
+  EXPECT_TRUE(reader.readBytes(1, taken));
+  EXPECT_EQ("c", taken);
+  EXPECT_TRUE(reader.readBytes(0, taken));
+  EXPECT_TRUE(taken.empty());
+}
+
 TEST(Bytes, AReaderThatHasTooLittleChangesNothing) {
   const std::string data = unhex("01 02 03");
   std::uint16_t shortValue = 7;

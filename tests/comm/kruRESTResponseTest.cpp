@@ -1,16 +1,20 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <set>
 #include <string>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
 #include "comm/kruClientResponse.h"
+#include "comm/kruFunctionIds.h"
 #include "comm/kruRESTException.h"
 #include "comm/kruRESTResponse.h"
 #include "comm/kruStaticDefs.h"
+#include "infra/oss/kruTrace.h"
 #include "tests/support/exchange.h"
+#include "tests/support/raised.h"
 #include "tests/support/replyCorpus.h"
 
 namespace {
@@ -305,6 +309,42 @@ TEST(ChunkedMesgLen, ReadsGarbageAsZeroWhichIsTheEnd) {
   for (const char* line : {"hello\r\n", "\r\n", "xyz\r\n", ";\r\n"}) {
     int used = 0;
     EXPECT_EQ(getChunkedMesgLen(line, used), 0) << line;
+  }
+}
+
+// Read by themselves these would be 5, 5, -5, 16 and 16. All of them are garbage in a size line.
+const std::vector<std::string> kAlmostSizes{"+5", " 5", "-5", "0x10", "0X10"};
+
+TEST(ChunkedMesgLen, ReadsASignABlankAndASecondPrefixAsZero) {
+  for (const auto& size : kAlmostSizes) {
+    const std::string line = size + "\r\nmore";
+    int used = 0;
+    EXPECT_EQ(getChunkedMesgLen(line.c_str(), used), 0) << size;
+    EXPECT_EQ(used, static_cast<int>(size.size()) + 2) << size;
+    auto parser = parserFor(8, kContinuation);
+    used = 0;
+    parser.updateContentLength(line.c_str(), used);
+    EXPECT_EQ(parser.getContentLength(), 0) << size;
+  }
+}
+
+TEST(RESTResponse, ASizeLineWithASignABlankOrASecondPrefixIsRefused) {
+  for (const auto& size : kAlmostSizes) {
+    for (const bool streaming : {kFirst, kContinuation}) {
+      const auto raised = raisedBy([&] {
+        auto parser = parserFor(8, streaming);
+        ClientResponse response;
+        bool done = false;
+        const auto start = streaming ? "" : headers(200, "Transfer-Encoding: chunked\r\n");
+        feed(parser, start + size + "\r\n", response, done);
+      });
+      EXPECT_EQ(raised, (Raised{{"ERR_CLIENT_RESP_PARSING",
+                                 "(null)",
+                                 0,
+                                 {},
+                                 "the chunk-size line is not a hexadecimal number"}}))
+          << size;
+    }
   }
 }
 
@@ -864,10 +904,17 @@ TEST(RESTResponse, Status500CarriesTheServersOwnMessage) {
       {"ZVK1234W", 4}, {"ZVK1234I", 8}, {"ZVK1234S", 1}, {"ZVK1234E", 2}, {"ABC1234W", 2}};
   for (const auto& [id, level] : levels) {
     const auto body = kSkipped + enveloped(record({{"MsgId", id}, {"MsgText", "it broke"}}));
-    const auto error = refusal(8, 500, body);
-    EXPECT_EQ(error.errorId, id);
-    EXPECT_EQ(error.errorText, "it broke");
-    EXPECT_EQ(error.errorLevel, level) << id;
+    const auto raised = raisedBy([&] {
+      auto parser = parserFor(8);
+      ClientResponse response;
+      bool done = false;
+      parseWhole(parser, 500, body, response, done);
+    });
+    // The general message is replaced: nothing of it follows the server's own.
+    ASSERT_EQ(raised.size(), 1U) << id;
+    EXPECT_EQ(raised.front().id, id);
+    EXPECT_EQ(raised.front().text, "it broke");
+    EXPECT_EQ(raised.front().level, level) << id;
   }
 }
 
@@ -996,6 +1043,144 @@ TEST(RESTResponse, AFirstBodyTooShortForARecordIsDoneWithTheLastChunk) {
       EXPECT_TRUE(parser.lastChunkSeen());
     }
   }
+}
+
+// What the refusals of malformed replies say.
+
+struct Refused {
+  const char* what;
+  int kind;
+  std::string bytes;  // a header block and what follows it
+  const char* text;
+  bool placed;  // names its file and line
+};
+
+std::string withLength(int status, const std::string& body) {
+  return headersWithLength(status, body.size()) + body;
+}
+
+std::string inChunks(const std::string& chunks) {
+  return headers(200, "Transfer-Encoding: chunked\r\n") + chunks;
+}
+
+/// A record whose last field announces a byte more than there is.
+std::string overrun(std::string record) {
+  record.replace(record.size() - 5, 4, bigEndian(2));
+  return enveloped(record);
+}
+
+std::vector<Refused> refusals() {
+  const auto badField = overrun(record({{"MsgId", "ZVK1"}, {"MsgText", "t"}}));
+  const auto tooLong = kSkipped + bigEndian(401) + std::string(8, 'x');
+  const char* field = "a field runs past the end of its record";
+  const char* limit = "a record is longer than the limit";
+  const char* start = "the body is too short for the start of a record";
+  return {
+      {"another protocol", 8, "SMTP/", "the reply does not begin with HTTP/", false},
+      {"headers", 8, "HTTP/1.1 200 OK\r\n" + std::string(400, 'x'),
+       "the header block is longer than the limit", false},
+      {"a negative length", 8, headers(200, "Content-Length: -1\r\n"),
+       "the announced length is below 0", false},
+      {"a large length", 8, headers(200, "Content-Length: 401\r\n"),
+       "the announced length is above the limit", false},
+      {"a broken size line", 8, inChunks("zz\r\n"),
+       "the chunk-size line is not a hexadecimal number", false},
+      {"a long size line", 8, inChunks(std::string(127, '1')),
+       "the chunk-size line is longer than 125 characters", false},
+      {"a large chunk", 8, inChunks("191\r\n"), "the chunk is longer than the limit", false},
+      {"a large estimate in chunks", 14, inChunks("8\r\n" + tooLong.substr(0, 8)), limit, true},
+      {"a short search", 8, withLength(200, "abc"), start, true},
+      {"short parse results", 11, withLength(200, "abc"), start, true},
+      {"a short status", 15, withLength(200, "abc"), start, true},
+      {"a large hit", 8, withLength(200, tooLong), limit, true},
+      {"a large parse result", 11, withLength(200, tooLong), limit, false},
+      {"a hit's field", 8, withLength(200, kSkipped + badField), field, true},
+      {"a parse result's field", 11, withLength(200, kSkipped + badField), field, false},
+      {"an estimate's field", 14, withLength(200, kSkipped + badField), field, true},
+      {"a status' field", 15, withLength(200, kSkipped + badField), field, true},
+      {"an error's field", 8, withLength(500, kSkipped + badField), field, true},
+      {"a cut parse result", 11, withLength(200, kSkipped + oneRow("d").substr(0, 9)),
+       "a parse result is longer than its data", false},
+      {"a reply fed again", 8, withLength(200, kSkipped + kEndMark) + "x",
+       "the reply is complete, it has no further bytes", false},
+  };
+}
+
+/// Feeds the bytes as a client does: what is left over is passed again.
+void feedAll(RESTResponse& parser, const std::string& bytes) {
+  ClientResponse response;
+  bool done = false;
+  std::string rest = bytes;
+  do {
+    int need = 0;
+    parser.parseDone(need);
+    const bool body = parser.wantsWholeBody();
+    const auto piece = rest.substr(0, body ? static_cast<std::size_t>(need) : rest.size());
+    const auto left = static_cast<std::size_t>(feed(parser, piece, response, done));
+    // Nothing that a body leaves is looked at again.
+    rest = body ? rest.substr(piece.size()) : rest.substr(piece.size() - left);
+  } while (!rest.empty());
+}
+
+TEST(RESTResponse, ARefusalOfAMalformedReplySaysWhatIsWrongWithIt) {
+  for (const auto& c : refusals()) {
+    const auto raised = raisedBy([&] {
+      auto parser = parserFor(c.kind);
+      parser.setMaxReplyBytes(400);
+      feedAll(parser, c.bytes);
+    });
+    ASSERT_EQ(raised.size(), 1U) << c.what;
+    EXPECT_EQ(raised.front().id, "ERR_CLIENT_RESP_PARSING") << c.what;
+    EXPECT_EQ(raised.front().text, c.text) << c.what;
+    EXPECT_TRUE(raised.front().arguments.empty()) << "they belong to host and port: " << c.what;
+    EXPECT_EQ(raised.front().file, c.placed ? "kruRESTResponse" : "(null)") << c.what;
+    EXPECT_EQ(raised.front().line != 0, c.placed) << c.what;
+  }
+}
+
+TEST(RESTResponse, RefusalsForDifferentReasonsHaveDifferentTexts) {
+  std::set<std::string> texts;
+  for (const auto& c : refusals()) texts.insert(c.text);
+  EXPECT_EQ(texts.size(), 12U);
+}
+
+// The shape of the class.
+
+TEST(RESTResponse, ItsOperationsCanBeBoundAsOnesOfAnObjectThatMayChange) {
+  bool (RESTResponse::*parseDone)(int&) = &RESTResponse::parseDone;
+  void (RESTResponse::*print)() = &RESTResponse::print;
+  auto parser = parserFor(8);
+  int need = 0;
+  EXPECT_FALSE((parser.*parseDone)(need));
+  EXPECT_EQ(need, 256);
+  (parser.*print)();
+}
+
+/// Sees the operations that the library traces.
+class TracedIds : public tq::oss::TraceFacility {
+ public:
+  TracedIds() { tq::oss::setTraceFacility(this); }
+  ~TracedIds() override { tq::oss::setTraceFacility(nullptr); }
+  unsigned long getComponentTraceFlags(unsigned int) override { return 0x20083; }
+  void traceEntry(unsigned int id) override { entries.insert(id); }
+  void traceExit(unsigned int id, long) override { exits.insert(id); }
+
+  std::multiset<unsigned int> entries;
+  std::multiset<unsigned int> exits;
+};
+
+TEST(RESTResponse, ItsOperationsAreTraced) {
+  TracedIds traced;
+  auto parser = parserFor(8);
+  feedAll(parser, inChunks("8\r\n" + kSkipped + kEndMark));
+  parser.print();
+  for (const unsigned int id :
+       {tq::comm::trace::RESTResponseExtractHeaders,
+        tq::comm::trace::RESTResponseUpdateContentLength,
+        tq::comm::trace::RESTResponseGetChunkedMesgLen, tq::comm::trace::RESTResponsePrint}) {
+    EXPECT_EQ(traced.entries.count(id), 1U) << std::hex << id;
+  }
+  EXPECT_EQ(traced.entries, traced.exits);
 }
 
 TEST(RESTResponse, PrintDoesNothing) {

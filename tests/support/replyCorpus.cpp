@@ -349,7 +349,8 @@ Outcome expectedInChunks(const Reply& reply, std::size_t size) {
       chunksKeepRecordsWhole(reply, size)) {
     return reply.expected;
   }
-  auto refused = failure("ERR_CLIENT_RESP_PARSING", "", "(null)");
+  auto refused =
+      failure("ERR_CLIENT_RESP_PARSING", "a parse result is longer than its data", "(null)");
   refused.returnCode = 0;  // the status line has said so before the body was looked at
   return refused;
 }
