@@ -78,6 +78,12 @@ class Reader {
   std::size_t remaining_;
 };
 
+/// The reply parsers count in ints: what is offered and what is left.
+inline Reader readerOf(const char* data, int length) noexcept {
+  return {data, length > 0 ? static_cast<std::size_t>(length) : 0};
+}
+inline int leftIn(const Reader& reader) noexcept { return static_cast<int>(reader.remaining()); }
+
 /// Appends to memory whose size the caller has computed beforehand.
 class Writer {
  public:

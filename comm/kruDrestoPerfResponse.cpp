@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iostream>
 #include <string>
+#include <string_view>
 
 #include "comm/kruBytes.h"
 #include "comm/kruClientResponse.h"
@@ -21,7 +22,51 @@ namespace tq::comm {
 
 namespace {
 
-constexpr const char* kFile = "kruDrestoPerfResponse";
+// The replies. Every integer is unsigned and big-endian.
+//
+//   reply           size   content
+//                   2      code
+//                          code 6: error record; code 1: envelopes, where the kind has results
+//
+//   error record    2      n
+//                   n      fields
+//
+//   envelope        2      status; 1 with p = 0 ends the envelopes
+//                   2      p
+//                   p      payload
+//
+//   payload         search, status 5      score in thousandths (2), key
+//                   search, other status  key
+//                   parse result          fields
+//                   estimate              first (4), third (4), second value (4)
+//                   version               text, UTF-8
+//                   version, status 6     error record
+//
+//   field           2      k
+//                   k      key, UTF-8
+//                   2      v
+//                   v      value, UTF-8
+constexpr std::size_t kReplyHeader = 2;
+constexpr std::size_t kLengthWord = 2;
+constexpr std::size_t kEnvelopeHeader = 4;
+constexpr std::size_t kScore = 2;
+constexpr std::size_t kSelectivityRecord = 12;
+
+constexpr int kSuccess = 1;
+constexpr int kStatusOnly = 5;
+constexpr int kServerError = 6;
+constexpr int kInvalidAuth = 401;
+
+constexpr std::uint16_t kEnvelopeData = 1;
+constexpr std::uint16_t kEnvelopeScoredHit = 5;
+constexpr std::uint16_t kEnvelopeError = 6;
+// Says within the parser that not all bytes of an envelope have arrived. A server that sends it
+// cannot be told from that.
+constexpr std::uint16_t kEnvelopeIncomplete = 9;
+
+constexpr Raiser fail("kruDrestoPerfResponse");
+// A parser that is fed when it is finished has never said where.
+constexpr Raiser failWithoutPlace(nullptr);
 
 // Support tools recognise these failures by their line, which therefore never changes.
 constexpr unsigned long kLineEmptyHeader = 171;
@@ -34,26 +79,16 @@ constexpr unsigned long kLineEmptySearch = 375;
 constexpr unsigned long kLineEmptyParseResult = 441;
 constexpr unsigned long kLineEmptySelectivity = 485;
 
-constexpr int kSuccess = 1;
-constexpr int kStatusOnly = 5;
-constexpr int kServerError = 6;
-constexpr int kInvalidAuth = 401;
-
-constexpr unsigned short kEnvelopeData = 1;
-constexpr unsigned short kEnvelopeScoredHit = 5;
-constexpr unsigned short kEnvelopeError = 6;
-constexpr unsigned short kEnvelopeIncomplete = 9;
-
-constexpr int kReplyHeader = 2;
-constexpr int kLengthWord = 2;
-constexpr int kEnvelopeHeader = 4;
-constexpr int kScore = 2;
-constexpr int kSelectivityRecord = 12;
-
+// How many bytes a reader should offer next. More may come: the parser leaves what it cannot use.
 constexpr int kBodyPiece = 1024;
 constexpr int kErrorPiece = 256;
 
-/// What the exception says until the server's own record replaces it.
+[[noreturn]] void refuseEmptyBody(const char16_t* argument, unsigned long line) {
+  fail(StaticDefs::ERR_SERVER_PROTOCOL, Details().argument(argument), line);
+}
+
+/// The exception until the server's own record replaces its messages. They are two because callers
+/// know the general failure by that.
 RESTException serverError() {
   RESTException error(true);
   tq::oss::Message id;
@@ -64,18 +99,47 @@ RESTException serverError() {
   return error;
 }
 
-void require(bool fits) {
-  if (!fits) raise(StaticDefs::ERR_CLIENT_RESP_PARSING);
+/// The record codec trusts the lengths inside a record, so they are compared with the record first.
+void requireFieldsFit(std::string_view record) {
+  if (fieldsFitNew(record.data(), static_cast<std::uint16_t>(record.size()))) return;
+  fail(StaticDefs::ERR_CLIENT_RESP_PARSING, u"a field runs past the end of its record");
+}
+
+/// Takes an envelope's header and returns the length of its payload, which then lies in `block`.
+/// An envelope whose bytes are not all there has the status `kEnvelopeIncomplete` and stays in
+/// `block` as a whole.
+std::uint16_t takeEnvelopeHeader(bytes::Reader& block, std::uint16_t& status) {
+  const tq::oss::TraceScope trace(trace::DrestoPerfResponseValidateRespEnv);
+  bytes::Reader next = block;
+  std::uint16_t size = 0;
+  if (!next.readShort(status) || !next.readShort(size)) {
+    status = kEnvelopeIncomplete;
+    // Part of the interface of validateRespEnv: the length where there is none to read.
+    return 1;
+  }
+  if (size > next.remaining()) {
+    status = kEnvelopeIncomplete;
+  } else {
+    block = next;
+  }
+  return size;
+}
+
+/// Decodes a payload, whose length has come from 16 bits.
+void parseInto(GenRespRecord& record, std::string_view payload, std::uint16_t status) {
+  record.parseRecordNew(payload.data(), static_cast<unsigned short>(payload.size()), status);
 }
 
 }  // namespace
 
 DrestoPerfResponse::DrestoPerfResponse(ClientRequest::REQUEST kind, bool resultsExpected)
     : RESTResponse(kind, true), resultsExpected_(resultsExpected) {
+  const tq::oss::TraceScope trace(trace::DrestoPerfResponseConstruct);
   DrestoPerfResponse::initState(false);
 }
 
 void DrestoPerfResponse::initState(bool body) {
+  const tq::oss::TraceScope trace(trace::DrestoPerfResponseInitState);
   state_ = body ? kChunkLength : kHeaders;
   flag_ = false;
   chunked_ = false;
@@ -87,21 +151,42 @@ bool DrestoPerfResponse::hasBody() const {
 
 bool DrestoPerfResponse::isErrorReply() const { return statusCode_ == kServerError; }
 
+bool DrestoPerfResponse::beginsWithError(const char* buffer, int length) const {
+  if (isErrorReply()) return true;
+  if (kind_ != ClientRequest::GET_SERVER_VERSION || statusCode_ != kSuccess) return false;
+  std::uint16_t status = 0;
+  return bytes::readerOf(buffer, length).readShort(status) && status == kEnvelopeError;
+}
+
 bool DrestoPerfResponse::holdsWholeUnit(const char* buffer, int length) const {
-  if (isErrorReply()) {
-    return length >= kLengthWord && length - kLengthWord >= bytes::loadShort(buffer);
-  }
-  if (!resultsExpected_) return true;
-  return length >= kEnvelopeHeader &&
-         length - kEnvelopeHeader >= bytes::loadShort(buffer + kLengthWord);
+  if (!isErrorReply() && !resultsExpected_) return true;
+  const std::size_t unit = unitLength(buffer, length);
+  return unit != 0 && unit <= static_cast<std::size_t>(length);
+}
+
+int DrestoPerfResponse::errorLength(const char* buffer, int length) const {
+  const std::size_t unit = unitLength(buffer, length);
+  return unit != 0 ? static_cast<int>(std::min(unit, static_cast<std::size_t>(length))) : length;
+}
+
+/// The bytes that the error record or the envelope at `buffer` has altogether; 0 while its length
+/// has not arrived.
+std::size_t DrestoPerfResponse::unitLength(const char* buffer, int length) const {
+  bytes::Reader unit = bytes::readerOf(buffer, length);
+  const std::size_t status = isErrorReply() ? 0 : kEnvelopeHeader - kLengthWord;
+  std::uint16_t size = 0;
+  if (!unit.skip(status) || !unit.readShort(size)) return 0;
+  return status + kLengthWord + size;
 }
 
 int DrestoPerfResponse::errorRecordLength(const char* buffer, int length) {
-  if (length < kLengthWord) return length;
-  return std::min(length, kLengthWord + bytes::loadShort(buffer));
+  std::uint16_t size = 0;
+  if (!bytes::readerOf(buffer, length).readShort(size)) return length;
+  return std::min(length, static_cast<int>(kLengthWord + size));
 }
 
-bool DrestoPerfResponse::parseDone(int& need) const {
+bool DrestoPerfResponse::parseDone(int& need) {
+  const tq::oss::TraceScope trace(trace::DrestoPerfResponseParseDone);
   if (state_ == kHeaders) need = kReplyHeader;
   if (state_ == kChunkLength) {
     const bool headerIsAll = (!resultsExpected_ && statusCode_ == kSuccess) ||
@@ -117,7 +202,8 @@ int DrestoPerfResponse::parseMesg(const char* buffer, int length, ClientResponse
   try {
     switch (state_) {
       case kDone:
-        raise(StaticDefs::ERR_CLIENT_RESP_PARSING);
+        failWithoutPlace(StaticDefs::ERR_CLIENT_RESP_PARSING,
+                         u"the reply is finished until a further block is announced");
       case kHeaders:
         return parseHeaders(buffer, length);
       case kChunkLength:
@@ -134,32 +220,26 @@ int DrestoPerfResponse::parseMesg(const char* buffer, int length, ClientResponse
 int DrestoPerfResponse::parseHeaders(const char* buffer, int length) {
   const tq::oss::TraceScope trace(trace::DrestoPerfResponseParseHeaders);
   if (length == 0) {
-    raise(StaticDefs::ERR_SERVER_PROTOCOL, kFile, kLineEmptyHeader,
-          u"Zero(0) sized Response Header for Request from remote");
+    fail(StaticDefs::ERR_SERVER_PROTOCOL,
+         Details().argument(u"Zero(0) sized Response Header for Request from remote"),
+         kLineEmptyHeader);
   }
-  if (length < kReplyHeader) return length;
-  int position = 0;
-  // Any code is taken: those that are neither success nor an error are told apart with the body.
-  statusCode_ = getShort(buffer, position);
+  bytes::Reader block = bytes::readerOf(buffer, length);
+  std::uint16_t code = 0;
+  if (!block.readShort(code)) return length;
+  // Every code passes. Some are answers of their own and some are refused, which `parseBody` knows.
+  statusCode_ = code;
   state_ = kChunkLength;
-  return length - position;
+  return bytes::leftIn(block);
 }
 
 unsigned short DrestoPerfResponse::validateRespEnv(const char* buffer, int length, int& position,
                                                    unsigned short& status) {
-  const tq::oss::TraceScope trace(trace::DrestoPerfResponseValidateRespEnv);
-  const int start = position;
-  if (length - position < kEnvelopeHeader) {
-    status = kEnvelopeIncomplete;
-    return 1;
-  }
-  status = getShort(buffer, position);
-  const unsigned short payload = getShort(buffer, position);
-  if (payload > length - position) {
-    position = start;
-    status = kEnvelopeIncomplete;
-  }
-  return payload;
+  bytes::Reader block = bytes::readerOf(buffer + position, length - position);
+  const int offered = bytes::leftIn(block);
+  const std::uint16_t size = takeEnvelopeHeader(block, status);
+  position += offered - bytes::leftIn(block);
+  return size;
 }
 
 int DrestoPerfResponse::parseBody(const char* buffer, int length, ClientResponse& response,
@@ -173,20 +253,20 @@ int DrestoPerfResponse::parseBody(const char* buffer, int length, ClientResponse
     case kStatusOnly:
       response.setReturnCode(0);
       if (kind_ != ClientRequest::GET_STATUS) {
-        raise(StaticDefs::ERR_SERVER_PROTOCOL, kFile, kLineStatusOnly,
-              u"Unpexpected StatCode 5 in response header");
+        fail(StaticDefs::ERR_SERVER_PROTOCOL,
+             Details().argument(u"Unpexpected StatCode 5 in response header"), kLineStatusOnly);
       }
       response.setGetStatusCode(1);
       done = true;
       break;
     case kInvalidAuth:
-      raise(StaticDefs::ERR_SERVER_INVALID_AUTH, kFile, kLineInvalidAuth);
+      fail(StaticDefs::ERR_SERVER_INVALID_AUTH, {}, kLineInvalidAuth);
     case kSuccess:
       response.setReturnCode(0);
       leftover = parseResults(buffer, length, response, done);
       break;
     default:
-      raise(StaticDefs::ERR_SERVER_PROTOCOL, kFile, kLineInvalidCode);
+      fail(StaticDefs::ERR_SERVER_PROTOCOL, {}, kLineInvalidCode);
   }
   state_ = kDone;
   return leftover;
@@ -197,7 +277,7 @@ void DrestoPerfResponse::takeServerError(const char* buffer, int length, ClientR
   RESTException error = serverError();
   parseErrorMessage(buffer, length, error);
   if (kind_ != ClientRequest::GET_STATUS) throw error;
-  // A server that answers with an error is up, and says how it is.
+  // To the question how it is, a server's error is an answer.
   response.setReturnCode(0);
   response.setGetStatusCode(2);
   response.setStatusMessage(error.getMessageList().front());
@@ -229,88 +309,93 @@ int DrestoPerfResponse::parseResults(const char* buffer, int length, ClientRespo
 
 void DrestoPerfResponse::parseErrorMessage(const char* buffer, int length, RESTException& error) {
   const tq::oss::TraceScope trace(trace::DrestoPerfResponseParseErrorMessage);
-  if (length < kLengthWord) return;
-  int position = 0;
-  const unsigned short recordLength = getShort(buffer, position);
-  require(recordLength <= maxReplyBytes_);
-  if (recordLength > length - position) return;
-  require(fieldsFitNew(buffer + position, recordLength));
+  bytes::Reader block = bytes::readerOf(buffer, length);
+  std::uint16_t size = 0;
+  if (!block.readShort(size)) return;
+  requireWithinLimit(size);
+  std::string_view record;
+  if (!block.readBytes(size, record)) return;
+  requireFieldsFit(record);
   try {
-    error.parseRecordNew(buffer + position, recordLength, 1);
+    parseInto(error, record, 1);
   } catch (const tq::oss::BaseException&) {
-    // A record that names no error leaves the general one standing.
+    // A record without id or text leaves the general messages in place.
   }
 }
 
-/// Hands every whole envelope to `take(payload, length, status)`, up to the one that ends them, and
-/// returns how many bytes are left behind the last one.
+void DrestoPerfResponse::requireWithinLimit(std::size_t size) const {
+  if (size <= maxReplyBytes_) return;
+  fail(StaticDefs::ERR_CLIENT_RESP_PARSING, u"a record is longer than the limit");
+}
+
+/// Hands each whole envelope to `take(payload, status)` up to the one that ends them, and returns
+/// how many bytes follow the last one that was taken.
 template <typename Take>
 int DrestoPerfResponse::walkEnvelopes(const char* buffer, int length, bool& done, Take take) {
-  int position = 0;
-  while (position != length) {
-    unsigned short status = 0;
-    const unsigned short payload = validateRespEnv(buffer, length, position, status);
-    if (status == kEnvelopeIncomplete) return length - position;
-    if (status == kEnvelopeData && payload == 0) {
+  bytes::Reader block = bytes::readerOf(buffer, length);
+  while (block.remaining() != 0) {
+    std::uint16_t status = 0;
+    const std::uint16_t size = takeEnvelopeHeader(block, status);
+    if (status == kEnvelopeIncomplete) break;
+    if (status == kEnvelopeData && size == 0) {
       done = true;
-      return length - position;
+      break;
     }
-    require(payload <= maxReplyBytes_);
-    take(buffer + position, payload, status);
+    requireWithinLimit(size);
+    std::string_view payload;
+    block.readBytes(size, payload);
+    take(payload, status);
     recordsTaken_ = true;
-    position += payload;
   }
-  return 0;
+  return bytes::leftIn(block);
 }
 
 int DrestoPerfResponse::parseStreamSearchResponse(const char* buffer, int length,
                                                   ClientResponse& response, bool& done) {
   const tq::oss::TraceScope trace(trace::DrestoPerfResponseParseStreamSearchResponse);
   if (length == 0) {
-    raise(StaticDefs::ERR_SERVER_PROTOCOL, kFile, kLineEmptySearch,
-          u"Zero(0) sized protocol body inparseStreamSearchresp");
+    refuseEmptyBody(u"Zero(0) sized protocol body inparseStreamSearchresp", kLineEmptySearch);
   }
   SearchResult hit(true);
-  return walkEnvelopes(buffer, length, done,
-                       [&](const char* payload, unsigned short size, unsigned short status) {
-                         require(status != kEnvelopeScoredHit || size >= kScore);
-                         // An error among the hits is a hit like any other: it ends no stream.
-                         hit.parseRecordNew(payload, size, status);
-                         response.addSearchResult(hit);
-                         hit.freeKey();
-                       });
+  return walkEnvelopes(buffer, length, done, [&](std::string_view payload, std::uint16_t status) {
+    if (status == kEnvelopeScoredHit && payload.size() < kScore) {
+      fail(StaticDefs::ERR_CLIENT_RESP_PARSING, u"a hit is too short for its score");
+    }
+    // An error among the hits is decoded as a hit too, because it must not end the stream.
+    parseInto(hit, payload, status);
+    response.addSearchResult(hit);
+    hit.freeKey();
+  });
 }
 
 int DrestoPerfResponse::parseParseResultResponse(const char* buffer, int length,
                                                  ClientResponse& response, bool& done) {
   const tq::oss::TraceScope trace(trace::DrestoPerfResponseParseParseResultResponse);
   if (length == 0) {
-    raise(StaticDefs::ERR_SERVER_PROTOCOL, kFile, kLineEmptyParseResult,
-          u"Zero(0) sized protocol body in parseParseResult ");
+    refuseEmptyBody(u"Zero(0) sized protocol body in parseParseResult ", kLineEmptyParseResult);
   }
   ParseResult result(true);
-  return walkEnvelopes(buffer, length, done,
-                       [&](const char* payload, unsigned short size, unsigned short status) {
-                         require(fieldsFitNew(payload, size));
-                         result.parseRecordNew(payload, size, status);
-                         response.addParseResult(result);
-                       });
+  return walkEnvelopes(buffer, length, done, [&](std::string_view payload, std::uint16_t status) {
+    requireFieldsFit(payload);
+    parseInto(result, payload, status);
+    response.addParseResult(result);
+  });
 }
 
 int DrestoPerfResponse::parseSelectivityResponse(const char* buffer, int length,
                                                  ClientResponse& response, bool& done) {
   const tq::oss::TraceScope trace(trace::DrestoPerfResponseParseSelectivityResponse);
   if (length == 0) {
-    raise(StaticDefs::ERR_SERVER_PROTOCOL, kFile, kLineEmptySelectivity,
-          u"Zero(0) sized protocol body in parseSelectivity ");
+    refuseEmptyBody(u"Zero(0) sized protocol body in parseSelectivity ", kLineEmptySelectivity);
   }
   SelectivityInfo info(true);
-  return walkEnvelopes(buffer, length, done,
-                       [&](const char* payload, unsigned short size, unsigned short status) {
-                         require(size >= kSelectivityRecord);
-                         info.parseRecordNew(payload, size, status);
-                         response.setSelectivityInfo(info);
-                       });
+  return walkEnvelopes(buffer, length, done, [&](std::string_view payload, std::uint16_t status) {
+    if (payload.size() < kSelectivityRecord) {
+      fail(StaticDefs::ERR_CLIENT_RESP_PARSING, u"an estimate is too short for its values");
+    }
+    parseInto(info, payload, status);
+    response.setSelectivityInfo(info);
+  });
 }
 
 int DrestoPerfResponse::parseContent(const char* buffer, int length, ClientResponse& response,
@@ -318,45 +403,49 @@ int DrestoPerfResponse::parseContent(const char* buffer, int length, ClientRespo
   const tq::oss::TraceScope trace(trace::DrestoPerfResponseParseContent);
   if (length == 0) {
     done = true;
-    raise(StaticDefs::ERR_SERVER_PROTOCOL, kFile, kLineEmptyContent,
-          u"Zero(0) sized protocol body in parseContent");
+    refuseEmptyBody(u"Zero(0) sized protocol body in parseContent", kLineEmptyContent);
   }
-  int position = 0;
-  unsigned short status = 0;
-  const unsigned short payload = validateRespEnv(buffer, length, position, status);
+  bytes::Reader block = bytes::readerOf(buffer, length);
+  std::uint16_t status = 0;
+  const std::uint16_t size = takeEnvelopeHeader(block, status);
   if (status == kEnvelopeIncomplete) {
     done = true;
-    raise(StaticDefs::ERR_SERVER_PROTOCOL, kFile, kLineInvalidContent,
-          u"Invalid message envelope, status code not available in parseContent");
+    fail(StaticDefs::ERR_SERVER_PROTOCOL,
+         Details().argument(u"Invalid message envelope, status code not available in parseContent"),
+         kLineInvalidContent);
   }
   if (status == kEnvelopeError) {
     done = true;
     RESTException error = serverError();
-    parseErrorMessage(buffer + position, length - position, error);
+    parseErrorMessage(block.data(), bytes::leftIn(block), error);
     throw error;
   }
   if (status == kEnvelopeData) {
-    require(payload <= maxReplyBytes_);
-    response.setContent(tq::oss::Converter::fromUTF8(buffer + position, payload));
-    position += payload;
+    requireWithinLimit(size);
+    std::string_view text;
+    block.readBytes(size, text);
+    response.setContent(tq::oss::Converter::fromUTF8(text.data(), text.size()));
     done = true;
   }
-  return length - position;
+  return bytes::leftIn(block);
 }
 
 unsigned short DrestoPerfResponse::getShort(const char* buffer, int& position) {
-  const unsigned short value = bytes::loadShort(buffer + position);
+  const tq::oss::TraceScope trace(trace::DrestoPerfResponseGetShort);
+  const std::uint16_t value = bytes::loadShort(buffer + position);
   position += 2;
   return value;
 }
 
 int DrestoPerfResponse::getInt(const char* buffer, int& position) {
+  const tq::oss::TraceScope trace(trace::DrestoPerfResponseGetInt);
   const auto value = static_cast<int>(bytes::loadInt(buffer + position));
   position += 4;
   return value;
 }
 
-void DrestoPerfResponse::printState(icu::UnicodeString context) const {
+void DrestoPerfResponse::printState(icu::UnicodeString context) {
+  const tq::oss::TraceScope trace(trace::DrestoPerfResponsePrintState);
   std::string text;
   context.toUTF8String(text);
   std::cerr << " <Printing State for context  " << text << " Req : " << static_cast<int>(kind_)

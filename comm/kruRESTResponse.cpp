@@ -64,12 +64,6 @@ constexpr int kOk = 200;
 constexpr int kUnauthorized = 401;
 constexpr int kServerError = 500;
 
-bytes::Reader readerOf(const char* buffer, int length) {
-  return {buffer, static_cast<std::size_t>(std::max(length, 0))};
-}
-
-int leftIn(const bytes::Reader& body) { return static_cast<int>(body.remaining()); }
-
 /// The number at the start of `text`, as `atoi` reads it, except that a number beyond the range of
 /// `long` becomes the nearest bound.
 long leadingNumber(const icu::UnicodeString& text) {
@@ -344,7 +338,7 @@ bool RESTResponse::firstBodyIsTooShort(const char* buffer, int length) const {
   const bool records =
       statusCode_ == kOk && (isSearch(kind_) || kind_ == ClientRequest::PARSE_RESULT);
   if (!oneRecord && !records) return false;
-  bytes::Reader body = readerOf(buffer, length);
+  bytes::Reader body = bytes::readerOf(buffer, length);
   std::uint32_t recordLength = 0;
   if (!body.skip(kUninterpreted) || !body.readInt(recordLength)) return true;
   if (!oneRecord) return false;
@@ -374,13 +368,13 @@ int RESTResponse::parseResults(const char* buffer, int length, ClientResponse& r
   const bool search = isSearch(kind_);
   const bool oneRecord = kind_ == ClientRequest::SELECTIVITY || kind_ == ClientRequest::GET_STATUS;
   if (!search && !oneRecord && kind_ != ClientRequest::PARSE_RESULT) return 0;
-  bytes::Reader body = readerOf(buffer, length);
+  bytes::Reader body = bytes::readerOf(buffer, length);
   const bool continued = streaming_ && !oneRecord;
   if (!continued && !body.skip(kUninterpreted)) {
     fail(StaticDefs::ERR_CLIENT_RESP_PARSING, u"the body is too short for the start of a record");
   }
   const char* records = body.data();
-  const int size = leftIn(body);
+  const int size = bytes::leftIn(body);
   if (search) return parseStreamSearchResponse(records, size, response, done);
   switch (static_cast<int>(kind_)) {
     case ClientRequest::PARSE_RESULT:
@@ -401,14 +395,14 @@ void RESTResponse::raiseServerError(const char* buffer, int length) {
   if (statusCode_ != kServerError) failWithoutPlace(StaticDefs::ERR_SERVER_PROTOCOL);
   RESTException error(true);
   error.getMessageList().add(fail.message(StaticDefs::ERR_SERVER_APP));
-  bytes::Reader body = readerOf(buffer, length);
-  if (body.skip(kUninterpreted)) parseErrorMessage(body.data(), leftIn(body), error);
+  bytes::Reader body = bytes::readerOf(buffer, length);
+  if (body.skip(kUninterpreted)) parseErrorMessage(body.data(), bytes::leftIn(body), error);
   throw error;
 }
 
 void RESTResponse::parseErrorMessage(const char* buffer, int length, RESTException& error) {
   const tq::oss::TraceScope trace(trace::RESTResponseParseErrorMessage);
-  bytes::Reader body = readerOf(buffer, length);
+  bytes::Reader body = bytes::readerOf(buffer, length);
   std::string_view record;
   if (!takeOnlyRecord(body, record)) return;
   try {
@@ -450,13 +444,13 @@ int RESTResponse::parseStreamSearchResponse(const char* buffer, int length,
     done = true;
     return 0;
   }
-  bytes::Reader body = readerOf(buffer, length);
+  bytes::Reader body = bytes::readerOf(buffer, length);
   walkRecords(body, done, fail, [&](std::string_view record) {
     SearchResult hit(true);
     parseInto(hit, record);
     response.addSearchResult(hit);
   });
-  return leftIn(body);
+  return bytes::leftIn(body);
 }
 
 int RESTResponse::parseParseResultResponse(const char* buffer, int length, ClientResponse& response,
@@ -466,7 +460,7 @@ int RESTResponse::parseParseResultResponse(const char* buffer, int length, Clien
     done = true;
     return 0;
   }
-  bytes::Reader body = readerOf(buffer, length);
+  bytes::Reader body = bytes::readerOf(buffer, length);
   walkRecords(body, done, failWithoutPlace, [&](std::string_view record) {
     ParseResult result(true);
     parseInto(result, record);
@@ -478,24 +472,24 @@ int RESTResponse::parseParseResultResponse(const char* buffer, int length, Clien
     failWithoutPlace(StaticDefs::ERR_CLIENT_RESP_PARSING,
                      u"a parse result is longer than its data");
   }
-  return leftIn(body);
+  return bytes::leftIn(body);
 }
 
 int RESTResponse::parseSelectivityResponse(const char* buffer, int length, ClientResponse& response,
                                            bool&) {
   const tq::oss::TraceScope trace(trace::RESTResponseParseSelectivityResponse);
   SelectivityInfo info(true);
-  bytes::Reader body = readerOf(buffer, length);
+  bytes::Reader body = bytes::readerOf(buffer, length);
   std::string_view record;
   if (takeOnlyRecord(body, record)) parseInto(info, record);
   response.setSelectivityInfo(info);
-  return leftIn(body);
+  return bytes::leftIn(body);
 }
 
 int RESTResponse::parseGetStatus(const char* buffer, int length, ClientResponse& response, bool&) {
   const tq::oss::TraceScope trace(trace::RESTResponseParseGetStatus);
   std::uint32_t code = 0;
-  bytes::Reader body = readerOf(buffer, length);
+  bytes::Reader body = bytes::readerOf(buffer, length);
   std::string_view record;
   if (takeOnlyRecord(body, record)) {
     tq::util::ExtendedProperties fields;
@@ -504,7 +498,7 @@ int RESTResponse::parseGetStatus(const char* buffer, int length, ClientResponse&
     code = fields.requirePropertyAsUInt32(u"STATUS_CODE");
   }
   response.setGetStatusCode(code);
-  return leftIn(body);
+  return bytes::leftIn(body);
 }
 
 void RESTResponse::print() { const tq::oss::TraceScope trace(trace::RESTResponsePrint); }

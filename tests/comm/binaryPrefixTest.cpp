@@ -79,7 +79,7 @@ BinaryOutcome nothingWhole(int kind) {
       kind == kGetServerVersion
           ? binaryFailure("ERR_SERVER_PROTOCOL", kParser, 336,
                           {"Invalid message envelope, status code not available in parseContent"})
-          : binaryFailure("ERR_CLIENT_RESP_PARSING", "(null)", 0);
+          : finishedTooEarly();
   outcome.seen.returnCode = 0;
   return outcome;
 }

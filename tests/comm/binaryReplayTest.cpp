@@ -75,7 +75,7 @@ BinaryOutcome expectedAsItComes(const BinaryReply& reply, std::size_t firstPorti
       reply.kind == kGetServerVersion
           ? binaryFailure("ERR_SERVER_PROTOCOL", "kruDrestoPerfResponse", 336,
                           {"Invalid message envelope, status code not available in parseContent"})
-          : binaryFailure("ERR_CLIENT_RESP_PARSING", "(null)", 0);
+          : finishedTooEarly();
   outcome.seen.returnCode = 0;  // the reply's header has said so
   return outcome;
 }

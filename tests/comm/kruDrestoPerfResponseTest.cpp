@@ -2,16 +2,19 @@
 
 #include <algorithm>
 #include <iostream>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "comm/kruClientResponse.h"
 #include "comm/kruDrestoPerfResponse.h"
+#include "comm/kruFunctionIds.h"
 #include "comm/kruRESTException.h"
 #include "infra/oss/kruMessage.h"
 #include "infra/oss/kruMessageList.h"
 #include "infra/oss/kruNLSException.h"
+#include "infra/oss/kruTrace.h"
 #include "tests/support/binaryReplies.h"
 #include "tests/support/raised.h"
 
@@ -88,11 +91,28 @@ Fed inBody(int kind, unsigned int code) {
 
 std::string row(const std::string& document) { return record16({{"Doc", document}}); }
 
-const Raised kParsing{{"ERR_CLIENT_RESP_PARSING"}};
+const Raised kFinished{{"ERR_CLIENT_RESP_PARSING",
+                        "(null)",
+                        0,
+                        {},
+                        "the reply is finished until a further block is announced"}};
+constexpr auto kBadField = "a field runs past the end of its record";
+constexpr auto kShortHit = "a hit is too short for its score";
+constexpr auto kShortEstimate = "an estimate is too short for its values";
+constexpr auto kTooLong = "a record is longer than the limit";
 const std::vector<std::uint64_t> kNoEstimates{1, 1, 100};
 
 Raised protocol(unsigned long line, const std::vector<std::string>& arguments = {}) {
   return {{"ERR_SERVER_PROTOCOL", kFile, line, arguments}};
+}
+
+/// The failure is the refusal of a malformed reply, and says why and where.
+void expectRefused(const Raised& raised, const std::string& reason) {
+  ASSERT_EQ(raised.size(), 1U);
+  SeenMessage message = raised.front();
+  EXPECT_NE(message.line, 0U);
+  message.line = 0;
+  EXPECT_EQ(message, (SeenMessage{"ERR_CLIENT_RESP_PARSING", kFile, 0, {}, reason}));
 }
 
 // What the reply header is.
@@ -130,7 +150,7 @@ TEST(DrestoPerfResponse, HalfAHeaderIsLeft) {
 }
 
 TEST(DrestoPerfResponse, AnUnknownHeaderCodePassesTheHeader) {
-  // It is what lets the codes 5 and 401 reach the body's handling.
+  // 5 and 401 are answers that are told apart with the body.
   for (const unsigned int code : {0U, 2U, 3U, 5U, 9U, 200U, 401U, 65535U}) {
     Fed fed(kStreamSearch);
     EXPECT_EQ(fed.offer(word16(code) + "abc"), 3) << code;
@@ -187,7 +207,7 @@ TEST(DrestoPerfResponse, WantsNothingOnceFinished) {
 TEST(DrestoPerfResponse, IsFinishedAfterEachBlockOfTheBody) {
   auto fed = inBody(kStreamSearch, kSuccess);
   EXPECT_EQ(fed.offer(plainHit("one")), 0);
-  EXPECT_EQ(fed.raisedByOffer(plainHit("two")), kParsing) << "not armed again";
+  EXPECT_EQ(fed.raisedByOffer(plainHit("two")), kFinished) << "not armed again";
   EXPECT_FALSE(fed.done);
   EXPECT_EQ(fed.again(plainHit("three") + endOfResults()), 0);
   EXPECT_EQ(fed.hits(), (std::vector<Hit>{{idOfKey("one"), 0}, {idOfKey("three"), 0}}));
@@ -319,8 +339,8 @@ TEST(DrestoPerfResponse, AnErrorFieldBeyondItsRecordIsNoReply) {
   const auto record = record16({{"MsgId", "ZVK0404E"}, {"MsgText", "text"}});
   auto fed = inBody(kStreamSearch, 6);
   // The block is long enough for the field; the record is not.
-  EXPECT_EQ(fed.raisedByOffer(word16(static_cast<unsigned int>(record.size()) - 1) + record),
-            kParsing);
+  expectRefused(fed.raisedByOffer(word16(static_cast<unsigned int>(record.size()) - 1) + record),
+                kBadField);
 }
 
 TEST(DrestoPerfResponse, AnErrorAnswersTheStatusQuery) {
@@ -553,7 +573,7 @@ TEST(DrestoPerfResponse, AnErrorAmongTheHitsIsAHitAndEndsNothing) {
 TEST(DrestoPerfResponse, AHitTooShortForItsScoreIsNoReply) {
   for (const auto* payload : {"", "x"}) {
     auto fed = inBody(kStreamSearch, kSuccess);
-    EXPECT_EQ(fed.raisedByOffer(plainHit("kept") + envelope(5, payload)), kParsing);
+    expectRefused(fed.raisedByOffer(plainHit("kept") + envelope(5, payload)), kShortHit);
     EXPECT_EQ(fed.hits(), (std::vector<Hit>{{idOfKey("kept"), 0}})) << "survives the failure";
     EXPECT_FALSE(fed.done);
   }
@@ -621,10 +641,10 @@ TEST(DrestoPerfResponse, AParseResultFieldBeyondItsRecordIsNoReply) {
   const auto record = row("document");
   for (std::size_t length = 1; length < record.size(); ++length) {
     auto fed = inBody(kParseResult, kSuccess);
-    EXPECT_EQ(fed.raisedByOffer(envelope(1, row("kept")) + envelope(1, record.substr(0, length)) +
-                                endOfResults()),
-              kParsing)
-        << length;
+    SCOPED_TRACE(length);
+    expectRefused(fed.raisedByOffer(envelope(1, row("kept")) +
+                                    envelope(1, record.substr(0, length)) + endOfResults()),
+                  kBadField);
     EXPECT_EQ(fed.documents(), std::vector<std::string>{"kept"});
     EXPECT_FALSE(fed.done);
   }
@@ -689,11 +709,12 @@ TEST(DrestoPerfResponse, NoEstimateLeavesTheDefaults) {
 TEST(DrestoPerfResponse, AnEstimateTooShortForItsValuesIsNoReply) {
   for (std::size_t length = 1; length < 12; ++length) {
     auto fed = inBody(kSelectivity, kSuccess);
-    EXPECT_EQ(fed.raisedByOffer(envelope(1, estimate(5, 6, 7).substr(0, length))), kParsing);
+    expectRefused(fed.raisedByOffer(envelope(1, estimate(5, 6, 7).substr(0, length))),
+                  kShortEstimate);
     EXPECT_EQ(fed.estimates(), kNoEstimates);
   }
   auto empty = inBody(kSelectivity, kSuccess);
-  EXPECT_EQ(empty.raisedByOffer(envelope(6, "")), kParsing);
+  expectRefused(empty.raisedByOffer(envelope(6, "")), kShortEstimate);
 }
 
 TEST(DrestoPerfResponse, ABlockThatEndsInAnEstimateLeavesIt) {
@@ -728,7 +749,8 @@ TEST(DrestoPerfResponse, RefusesARecordBeyondTheLimit) {
     EXPECT_EQ(within.raisedByOffer(c.body), Raised()) << c.kind;
     auto beyond = inBody(c.kind, c.code);
     beyond.parser.setMaxReplyBytes(c.payload.size() - 1);
-    EXPECT_EQ(beyond.raisedByOffer(c.body), kParsing) << c.kind;
+    SCOPED_TRACE(c.kind);
+    expectRefused(beyond.raisedByOffer(c.body), kTooLong);
   }
 }
 
@@ -791,6 +813,66 @@ TEST(DrestoPerfResponse, AnyOtherContentEnvelopeLosesItsHeaderAndNothingElseHapp
   EXPECT_TRUE(fed.parser.parseDone(need));
 }
 
+// What a client asks to know where an error ends.
+
+/// What a parser says of the bytes that a body begins with.
+struct Unit {
+  bool error;
+  bool whole;
+  int errorLength;
+  bool operator==(const Unit&) const = default;
+};
+
+std::ostream& operator<<(std::ostream& out, const Unit& unit) {
+  return out << (unit.error ? "an error, " : "no error, ") << (unit.whole ? "whole, " : "in part, ")
+             << unit.errorLength;
+}
+
+Unit unitOf(const DrestoPerfResponse& parser, const std::string& bytes) {
+  const std::vector<char> exact(bytes.begin(), bytes.end());
+  const auto size = static_cast<int>(exact.size());
+  return {parser.beginsWithError(exact.data(), size), parser.holdsWholeUnit(exact.data(), size),
+          parser.errorLength(exact.data(), size)};
+}
+
+TEST(DrestoPerfResponse, TellsWhereTheErrorInPlaceOfAVersionEnds) {
+  const auto error = envelope(6, errorRecord({{"MsgId", "ZVK0009I"}, {"MsgText", "no version"}}));
+  const auto fed = inBody(kGetServerVersion, kSuccess);
+  const auto size = static_cast<int>(error.size());
+  for (int length = 0; length < size; ++length) {
+    EXPECT_EQ(unitOf(fed.parser, error.substr(0, static_cast<std::size_t>(length))),
+              (Unit{length >= 2, false, length}));
+  }
+  EXPECT_EQ(unitOf(fed.parser, error), (Unit{true, true, size}));
+  EXPECT_EQ(unitOf(fed.parser, error + "behind"), (Unit{true, true, size}));
+}
+
+TEST(DrestoPerfResponse, TellsWhereAnErrorRecordEnds) {
+  const auto error = errorRecord({{"MsgId", "ZVK0009I"}, {"MsgText", "no"}});
+  const auto size = static_cast<int>(error.size());
+  for (const int kind : {kCreateCollection, kStreamSearch, kGetServerVersion}) {
+    const auto fed = inBody(kind, 6);
+    for (int length = 0; length < size; ++length) {
+      EXPECT_EQ(unitOf(fed.parser, error.substr(0, static_cast<std::size_t>(length))),
+                (Unit{true, false, length}));
+    }
+    EXPECT_EQ(unitOf(fed.parser, error + "behind"), (Unit{true, true, size}));
+  }
+}
+
+TEST(DrestoPerfResponse, TakesNothingElseForAnErrorOfTheServer) {
+  const auto text = inBody(kGetServerVersion, kSuccess);
+  EXPECT_FALSE(unitOf(text.parser, envelope(1, "12.1")).error);
+  EXPECT_FALSE(unitOf(text.parser, envelope(0x0600, "12.1")).error);
+  // Among results an envelope with the status of an error is a result.
+  for (const int kind : {kStreamSearch, kParseResult, kSelectivity}) {
+    EXPECT_FALSE(unitOf(inBody(kind, kSuccess).parser, envelope(6, "payload")).error) << kind;
+  }
+  for (const unsigned int code : {3U, 5U, 401U}) {
+    EXPECT_FALSE(unitOf(inBody(kGetServerVersion, code).parser, envelope(6, "payload")).error);
+  }
+}
+
 // Blocks however they are cut.
 
 TEST(DrestoPerfResponse, TheSameResultsComeOfEveryPairOfBlocks) {
@@ -821,6 +903,78 @@ TEST(DrestoPerfResponse, OneByteMoreAtATimeBringsEachHitOnce) {
     ASSERT_EQ(fed.done, at + 1 == reply.text.size());
   }
   EXPECT_EQ(taken, reply.expected.seen.hits);
+}
+
+// The shape of the class.
+
+/// A parser of an application's own.
+class CountingResponse : public DrestoPerfResponse {
+ public:
+  using DrestoPerfResponse::DrestoPerfResponse;
+  int parseHeaders(const char* buffer, int length) override {
+    ++headers;
+    return DrestoPerfResponse::parseHeaders(buffer, length);
+  }
+  int headers = 0;
+};
+
+TEST(DrestoPerfResponse, CanBeDerivedFrom) {
+  CountingResponse parser(ClientRequest::STREAM_SEARCH, true);
+  ClientResponse response;
+  bool done = false;
+  EXPECT_EQ(parser.parseMesg(word16(1).data(), 2, response, done), 0);
+  EXPECT_EQ(parser.headers, 1);
+}
+
+TEST(DrestoPerfResponse, ItsOperationsCanBeBoundAsOnesOfAnObjectThatMayChange) {
+  bool (DrestoPerfResponse::*parseDone)(int&) = &DrestoPerfResponse::parseDone;
+  void (DrestoPerfResponse::*printState)(icu::UnicodeString) = &DrestoPerfResponse::printState;
+  DrestoPerfResponse parser(ClientRequest::STREAM_SEARCH, true);
+  int need = 0;
+  EXPECT_FALSE((parser.*parseDone)(need));
+  EXPECT_EQ(need, 2);
+  testing::internal::CaptureStderr();
+  (parser.*printState)(u"bound");
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("bound"), std::string::npos);
+}
+
+/// Sees the operations that the library traces.
+class TracedIds : public tq::oss::TraceFacility {
+ public:
+  TracedIds() { tq::oss::setTraceFacility(this); }
+  ~TracedIds() override { tq::oss::setTraceFacility(nullptr); }
+  unsigned long getComponentTraceFlags(unsigned int) override { return 0x20083; }
+  void traceEntry(unsigned int id) override { entries.insert(id); }
+  void traceExit(unsigned int id, long) override { exits.insert(id); }
+
+  std::multiset<unsigned int> entries;
+  std::multiset<unsigned int> exits;
+};
+
+TEST(DrestoPerfResponse, ItsOperationsAreTraced) {
+  namespace trace = tq::comm::trace;
+  TracedIds traced;
+  DrestoPerfResponse parser(ClientRequest::STREAM_SEARCH, true);
+  int position = 0;
+  int need = 0;
+  unsigned short status = 0;
+  parser.initState(true);
+  parser.parseDone(need);
+  parser.getShort("abcd", position = 0);
+  parser.getInt("abcd", position = 0);
+  parser.validateRespEnv("abcd", 4, position = 0, status);
+  testing::internal::CaptureStderr();
+  parser.printState(u"traced");
+  testing::internal::GetCapturedStderr();
+  for (const unsigned int id :
+       {trace::DrestoPerfResponseConstruct, trace::DrestoPerfResponseParseDone,
+        trace::DrestoPerfResponseGetShort, trace::DrestoPerfResponseGetInt,
+        trace::DrestoPerfResponseValidateRespEnv, trace::DrestoPerfResponsePrintState}) {
+    EXPECT_EQ(traced.entries.count(id), 1U) << std::hex << id;
+  }
+  // The constructor begins a reply by it too.
+  EXPECT_EQ(traced.entries.count(trace::DrestoPerfResponseInitState), 2U);
+  EXPECT_EQ(traced.entries, traced.exits);
 }
 
 // The diagnostic.

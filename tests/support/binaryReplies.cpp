@@ -178,7 +178,7 @@ void addContents(std::vector<BinaryReply>& all) {
   all.push_back(refused);
   // Nothing says what it would mean, and the parser is not armed again for what may follow.
   auto unknown = content("GetServerVersionInAnUnknownEnvelope", 2, "what is this");
-  unknown.expected = binaryFailure("ERR_CLIENT_RESP_PARSING", "(null)", 0);
+  unknown.expected = finishedTooEarly();
   unknown.expected.seen.returnCode = 0;
   unknown.keepsConnection = false;
   all.push_back(unknown);
@@ -462,6 +462,12 @@ BinaryOutcome binaryFailure(const std::string& id, const std::string& file, unsi
   outcome.seen.errorLevel = 2;
   outcome.seen.errorArguments = arguments;
   outcome.errorLine = line;
+  return outcome;
+}
+
+BinaryOutcome finishedTooEarly() {
+  auto outcome = binaryFailure("ERR_CLIENT_RESP_PARSING", "(null)", 0);
+  outcome.seen.errorText = "the reply is finished until a further block is announced";
   return outcome;
 }
 

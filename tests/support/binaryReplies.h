@@ -77,5 +77,7 @@ BinaryOutcome runBinary(tq::comm::DrestoPerfClient& client, int kind, Pull pull 
 /// The outcome of a failure that the client or its parser reports.
 BinaryOutcome binaryFailure(const std::string& id, const std::string& file, unsigned long line,
                             const std::vector<std::string>& arguments = {});
+/// The outcome of an exchange whose first portion held nothing whole and which does not read on.
+BinaryOutcome finishedTooEarly();
 
 }  // namespace tq::test
