@@ -2,16 +2,18 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <utility>
 
 namespace tq::comm {
 
 namespace {
 
-// Enough for any number of bytes that a machine could hold, and the CR behind it.
+// The same number of characters as the reply parser accepts, and the CR.
 constexpr std::size_t kMaxSizeLine = 125 + 1;
-constexpr char kStatusLineStart = 'H';
-// A peer that never ends its reply must not keep the one who waits for the next.
-constexpr std::size_t kMostSkipped = std::size_t{1} << 20;
+// No trailer line begins with this: the name of a field has no slash.
+constexpr std::string_view kProtocol = "HTTP/";
+// Bounds how long an endless old reply can delay the next request.
+constexpr std::size_t kMaxSkipped = std::size_t{1} << 20;
 
 bool isHexDigit(char c) {
   return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
@@ -31,6 +33,8 @@ void ChunkTail::clear() {
   state_ = State::Nothing;
   sizeLine_.clear();
   dataLeft_ = 0;
+  matched_ = 0;
+  reclaimable_ = 0;
 }
 
 void ChunkTail::startBehindData(std::size_t maxChunk) {
@@ -43,7 +47,7 @@ void ChunkTail::startBehindLastChunk() { start(State::TrailerStart); }
 void ChunkTail::start(State state) {
   clear();
   state_ = state;
-  mayStillSkip_ = kMostSkipped;
+  mayStillSkip_ = kMaxSkipped;
 }
 
 std::size_t ChunkTail::skip(const char* data, std::size_t length) {
@@ -60,7 +64,14 @@ std::size_t ChunkTail::skip(const char* data, std::size_t length) {
   }
   mayStillSkip_ -= std::min(mayStillSkip_, position);
   if (mayStillSkip_ == 0 && active()) state_ = State::Broken;
-  return position;
+  // The beginning of a status line that lies in `data` has not been skipped after all.
+  const std::size_t notSkipped = std::min(reclaimable_, position);
+  reclaimable_ -= notSkipped;
+  return position - notSkipped;
+}
+
+std::string_view ChunkTail::reclaim() {
+  return kProtocol.substr(0, std::exchange(reclaimable_, std::size_t{0}));
 }
 
 /// True when the byte belongs to the old reply.
@@ -68,7 +79,8 @@ bool ChunkTail::step(char c) {
   switch (state_) {
     case State::LineStart:
       if (c == '\r' || c == '\n') return true;
-      if (c == kStatusLineStart) {
+      // Not a size: whether it is a status line is for the reply parser to see.
+      if (c == kProtocol.front()) {
         clear();
         return false;
       }
@@ -83,21 +95,31 @@ bool ChunkTail::step(char c) {
       }
       return true;
     case State::TrailerStart:
-      if (c == kStatusLineStart) {
-        clear();
-        return false;
-      }
-      if (c == '\n')
-        clear();
-      else if (c != '\r')
-        state_ = State::Trailer;
-      return true;
+      return stepAtTrailerStart(c);
     case State::Trailer:
       if (c == '\n') state_ = State::TrailerStart;
       return true;
     default:
       return false;
   }
+}
+
+/// Takes a byte of a line of which nothing is known yet but that it began as a status line does.
+bool ChunkTail::stepAtTrailerStart(char c) {
+  if (c == kProtocol[matched_]) {
+    if (++matched_ == kProtocol.size()) {
+      clear();
+      reclaimable_ = kProtocol.size();
+    }
+    return true;
+  }
+  const bool lineIsEmpty = std::exchange(matched_, std::size_t{0}) == 0;
+  if (c == '\n') {
+    if (lineIsEmpty) clear();
+  } else if (c != '\r' || !lineIsEmpty) {
+    state_ = State::Trailer;
+  }
+  return true;
 }
 
 void ChunkTail::endSizeLine() {

@@ -220,7 +220,9 @@ bool CorvaneRESTClient::connectionIsClean() {
   if (replyOutstanding_) return false;
   for (;;) {
     const tq::oss::Socket::Look look = socket_.look();
-    if (look != tq::oss::Socket::Look::Data) return look == tq::oss::Socket::Look::Quiet;
+    if (look != tq::oss::Socket::Look::Data) {
+      return look == tq::oss::Socket::Look::Quiet && !tail_->undecided();
+    }
     skipTail();
     if (tail_->broken() || socket_.buffered() != 0) return false;
   }
@@ -234,6 +236,8 @@ void CorvaneRESTClient::skipTail() {
         socket_.readOnce(piece, 0, std::min<unsigned long>(socket_.buffered(), sizeof piece));
     const std::size_t skipped = tail_->skip(piece, count);
     socket_.pushBack(piece + skipped, count - skipped);
+    const std::string_view begun = tail_->reclaim();
+    socket_.pushBack(begun.data(), begun.size());
   }
 }
 
@@ -327,6 +331,10 @@ bool CorvaneRESTClient::takeFraming(RESTResponse& parser, ClientResponse& respon
   if (count == 0) return false;
   const std::size_t skipped = tail_->skip(piece, count);
   if (tail_->broken()) raise(StaticDefs::ERR_CLIENT_RESP_PARSING);
+  const std::string_view begun = tail_->reclaim();
+  if (!begun.empty()) {
+    parser.parseMesg(begun.data(), static_cast<int>(begun.size()), response, endOfStream_);
+  }
   const auto offered = static_cast<int>(count - skipped);
   if (offered == 0) return true;
   const int leftover = parser.parseMesg(piece + skipped, offered, response, endOfStream_);

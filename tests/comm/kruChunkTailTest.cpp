@@ -46,13 +46,15 @@ TEST(ChunkSize, OfANumberThatNoMachineHoldsIsTheLargestOne) {
   EXPECT_EQ(static_cast<std::size_t>(-1), chunkSizeOf("10000000000000000\r\n"));
 }
 
-/// What of the bytes is left when they come in pieces of this size, or "broken".
+/// The bytes that are left for the next reply when they come in pieces of this size, or "broken".
 std::string leftOf(ChunkTail tail, const std::string& bytes, std::size_t piece) {
   for (std::size_t at = 0; at < bytes.size(); at += piece) {
     const std::string part = bytes.substr(at, piece);
     const std::size_t skipped = tail.skip(part.data(), part.size());
     if (tail.broken()) return "broken";
-    if (skipped < part.size()) return bytes.substr(at + skipped);
+    if (!tail.active() && at + skipped < bytes.size()) {
+      return std::string(tail.reclaim()) + bytes.substr(at + skipped);
+    }
   }
   return tail.active() ? "more" : "";
 }
@@ -82,7 +84,7 @@ TEST(ChunkTail, SkipsNothingAtFirst) {
   expectLeft(tail, "0\r\n\r\n", "0\r\n\r\n");
 }
 
-TEST(ChunkTail, SkipsUpToTheBlankLineBehindTheLastChunk) {
+TEST(ChunkTail, SkipsUpToTheBlankLineAfterTheLastChunk) {
   expectLeft(behindData(), "\r\n0\r\n\r\nHTTP/1.1", "HTTP/1.1");
   expectLeft(behindData(), "\r\n0\r\n\r\n", "");
   expectLeft(behindData(), "\r\n5\r\nHTTP/\r\na;x=y\r\n0123456789\r\n0\r\n\r\nnext", "next");
@@ -100,6 +102,55 @@ TEST(ChunkTail, EndsInFrontOfAStatusLineThatComesInsteadOfTheEnd) {
   expectLeft(behindData(), "HTTP/1.1", "HTTP/1.1");
   expectLeft(behindLastChunk(), "HTTP/1.1", "HTTP/1.1");
   expectLeft(behindLastChunk(), "X-A: 1\r\nHTTP/1.1", "HTTP/1.1");
+}
+
+TEST(ChunkTail, TellsATrailerThatBeginsAsAStatusLineDoesFromOne) {
+  for (const char* trailer : {"Host: a\r\n", "H: 1\r\n", "H\r\n", "HTTP: 1\r\n", "HT\r\n", "HTTP\n",
+                              "HTTp/1.1 200 OK\r\n", "HHTTP/1.1\r\n", "H\rTTP/\r\n"}) {
+    const std::string line = trailer;
+    expectLeft(behindLastChunk(), line + "\r\nHTTP/1.1", "HTTP/1.1");
+    expectLeft(behindLastChunk(), line + "HTTP/1.1", "HTTP/1.1");
+    expectLeft(behindLastChunk(), "X-A: 1\r\n" + line + line + "\r\nnext", "next");
+    expectLeft(behindData(), "\r\n0\r\n" + line + "\r\nHTTP/1.1", "HTTP/1.1");
+    expectLeft(behindLastChunk(), line, "more");
+  }
+}
+
+TEST(ChunkTail, GivesBackTheBytesOfAStatusLineThatItTookForATrailer) {
+  ChunkTail tail = behindLastChunk();
+  EXPECT_FALSE(tail.undecided());
+  EXPECT_EQ(3U, tail.skip("HTT", 3));
+  EXPECT_TRUE(tail.active());
+  EXPECT_TRUE(tail.undecided());
+  EXPECT_EQ("", tail.reclaim());
+  EXPECT_EQ(0U, tail.skip("P/1.1", 5));
+  EXPECT_FALSE(tail.active());
+  EXPECT_FALSE(tail.undecided());
+  EXPECT_EQ("HTT", tail.reclaim());
+  EXPECT_EQ("", tail.reclaim()) << "only once";
+}
+
+TEST(ChunkTail, GivesNothingBackOfATrailer) {
+  ChunkTail tail = behindLastChunk();
+  tail.skip("HTT", 3);
+  EXPECT_EQ(1U, tail.skip("X", 1));
+  EXPECT_FALSE(tail.undecided());
+  EXPECT_TRUE(tail.active());
+  EXPECT_EQ(4U, tail.skip("\r\n\r\n", 4));
+  EXPECT_FALSE(tail.active());
+  EXPECT_EQ("", tail.reclaim());
+}
+
+TEST(ChunkTail, ForgetsABegunStatusLineWhenItBeginsAnew) {
+  for (const bool whole : {false, true}) {
+    ChunkTail tail = behindLastChunk();
+    tail.skip("HTTP", 4);
+    if (whole) tail.skip("/", 1);
+    tail.startBehindLastChunk();
+    EXPECT_FALSE(tail.undecided());
+    EXPECT_EQ("", tail.reclaim());
+    EXPECT_EQ(5U, tail.skip("/: 1\n", 5));
+  }
 }
 
 TEST(ChunkTail, IsActiveUntilItsEndHasCome) {
