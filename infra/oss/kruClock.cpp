@@ -1,15 +1,13 @@
 #include "infra/oss/kruClock.h"
 
-#include <algorithm>
 #include <limits>
 
+#include "infra/oss/kruDeadline.h"
 #include "infra/oss/kruSystemCalls.h"
 
 namespace tq::oss {
 
 namespace {
-constexpr std::uint64_t kNanosPerMilli = 1000000;
-constexpr std::uint64_t kLongestPollMillis = 1000000;
 constexpr std::uint64_t kUnreadable = std::numeric_limits<std::uint64_t>::max();
 }  // namespace
 
@@ -21,11 +19,9 @@ std::uint64_t monotonicNanos() noexcept {
 }
 
 void pauseFor(std::uint64_t nanoseconds) noexcept {
-  // Without a clock the sum wraps to a time that is over, or not further ahead than was asked for.
-  const std::uint64_t end = monotonicNanos() + nanoseconds;
-  for (std::uint64_t now = monotonicNanos(); now < end; now = monotonicNanos()) {
-    const std::uint64_t millis = (end - now + kNanosPerMilli - 1) / kNanosPerMilli;
-    systemCalls().poll(nullptr, 0, static_cast<int>(std::min(millis, kLongestPollMillis)));
+  const Deadline end = Deadline::inNanos(nanoseconds);
+  for (int millis = end.pollMillis(); millis != 0; millis = end.pollMillis()) {
+    systemCalls().poll(nullptr, 0, millis);
   }
 }
 

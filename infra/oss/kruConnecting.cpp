@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <utility>
 
-#include "infra/oss/kruClock.h"
 #include "infra/oss/kruSystemCalls.h"
 #include "infra/oss/kruWaiting.h"
 
@@ -40,7 +39,7 @@ bool sendAtOnce(int fd) noexcept {
   return systemCalls().setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0;
 }
 
-Connected awaitConnection(Descriptor& descriptor, std::uint64_t deadline) noexcept {
+Connected awaitConnection(Descriptor& descriptor, Deadline deadline) noexcept {
   pollfd entry{descriptor.get(), POLLOUT, 0};
   const int ready = pollUntil(&entry, 1, deadline);
   if (ready == 0) return late();
@@ -55,7 +54,7 @@ Connected awaitConnection(Descriptor& descriptor, std::uint64_t deadline) noexce
   return {descriptor.get(), 0, false};
 }
 
-Connected connectTo(const Address& address, std::uint64_t deadline) noexcept {
+Connected connectTo(const Address& address, Deadline deadline) noexcept {
   const SystemCalls& calls = systemCalls();
   const int type = SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK;
   Descriptor descriptor(calls.socket(address.storage.ss_family, type, 0));
@@ -72,18 +71,12 @@ Connected connectTo(const Address& address, std::uint64_t deadline) noexcept {
   return {descriptor.release(), 0, false};
 }
 
-std::uint64_t shareOf(std::uint64_t deadline, std::size_t addressesLeft) noexcept {
-  if (deadline == kNever) return kNever;
-  const std::uint64_t now = monotonicNanos();
-  return deadline <= now ? deadline : now + (deadline - now) / addressesLeft;
-}
-
 }  // namespace
 
-Connected connectToFirst(const std::vector<Address>& addresses, std::uint64_t deadline) {
+Connected connectToFirst(const std::vector<Address>& addresses, Deadline deadline) {
   Connected outcome = failed(EADDRNOTAVAIL);
   for (std::size_t i = 0; i < addresses.size() && outcome.fd < 0; ++i) {
-    outcome = connectTo(addresses[i], shareOf(deadline, addresses.size() - i));
+    outcome = connectTo(addresses[i], deadline.share(addresses.size() - i));
   }
   return outcome;
 }

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <cstdint>
 #include <vector>
 
+#include "infra/oss/kruDeadline.h"
 #include "infra/oss/kruResolver.h"
 
 namespace tq::oss {
@@ -16,6 +16,6 @@ struct Connected {
 
 /// Tries the addresses in their order. Each may use an equal share of the time that is left, so
 /// that one that swallows packets does not keep the next from being tried.
-Connected connectToFirst(const std::vector<Address>& addresses, std::uint64_t deadline);
+Connected connectToFirst(const std::vector<Address>& addresses, Deadline deadline);
 
 }  // namespace tq::oss

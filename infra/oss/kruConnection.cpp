@@ -8,11 +8,11 @@
 #include <cstring>
 #include <utility>
 
-#include "infra/oss/kruClock.h"
 #include "infra/oss/kruConnecting.h"
 #include "infra/oss/kruConverter.h"
 #include "infra/oss/kruSocketException.h"
 #include "infra/oss/kruSystemCalls.h"
+#include "infra/oss/kruWaiting.h"
 
 namespace tq::oss {
 
@@ -86,8 +86,8 @@ void Connection::connect(const icu::UnicodeString& host, unsigned int port,
   releaseDescriptor();
   host_ = host;
   port_ = port;
-  const std::uint64_t own = timeoutMillis != nullptr ? deadlineIn(*timeoutMillis) : kNever;
-  const Connected result = connectToFirst(addressesOf(known), std::min(own, deadline_));
+  const Deadline own = timeoutMillis != nullptr ? Deadline::in(*timeoutMillis) : Deadline::none();
+  const Connected result = connectToFirst(addressesOf(known), Deadline::earlier(own, deadline_));
   if (result.fd >= 0) {
     fd_ = result.fd;
   } else if (result.timedOut) {
@@ -147,7 +147,7 @@ unsigned long Connection::fetch(char* out, unsigned long length, bool wait) {
 }
 
 unsigned long Connection::receive(char* out, unsigned long length, bool wait) {
-  const int flags = wait && deadline_ == kNever ? 0 : MSG_DONTWAIT;
+  const int flags = wait && deadline_.isNone() ? 0 : MSG_DONTWAIT;
   for (;;) {
     const ssize_t count = systemCalls().recv(fd_, out, std::min(length, kLargestTransfer), flags);
     if (count > 0) return static_cast<unsigned long>(count);
@@ -171,11 +171,11 @@ unsigned long Connection::receive(char* out, unsigned long length, bool wait) {
 
 void Connection::write(const Socket::Piece* pieces, unsigned int count) {
   requireOpen(u"send to");
-  const int flags = MSG_NOSIGNAL | (deadline_ == kNever ? 0 : MSG_DONTWAIT);
-  const unsigned long most = deadline_ == kNever ? kLargestTransfer : kTimedTransfer;
+  const int flags = MSG_NOSIGNAL | (deadline_.isNone() ? 0 : MSG_DONTWAIT);
+  const unsigned long most = deadline_.isNone() ? kLargestTransfer : kTimedTransfer;
   iovec batch[kPiecesPerCall];
   for (Outgoing out(pieces, count); !out.done();) {
-    if (deadline_ != kNever && monotonicNanos() >= deadline_) {
+    if (deadline_.passed()) {
       throw SocketTimeoutException(describe(u"send to"));
     }
     msghdr message{};

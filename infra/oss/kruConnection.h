@@ -2,13 +2,12 @@
 
 #include <unicode/unistr.h>
 
-#include <cstdint>
 #include <vector>
 
+#include "infra/oss/kruDeadline.h"
 #include "infra/oss/kruReceiveBuffer.h"
 #include "infra/oss/kruResolver.h"
 #include "infra/oss/kruSocket.h"
-#include "infra/oss/kruWaiting.h"
 
 namespace tq::oss {
 
@@ -38,7 +37,7 @@ class Connection {
   unsigned long buffered() const noexcept { return received_.size(); }
   /// A read would return or throw at once.
   bool readable() const noexcept { return received_.size() != 0 || ended(); }
-  void setDeadline(std::uint64_t nanos) noexcept { deadline_ = nanos == 0 ? kNever : nanos; }
+  void setDeadline(Deadline deadline) noexcept { deadline_ = deadline; }
   icu::UnicodeString describe(const char16_t* verb) const;
   void requireOpen(const char16_t* verb) const;
 
@@ -57,7 +56,7 @@ class Connection {
   unsigned int port_ = 0;
 
   int fd_ = -1;
-  std::uint64_t deadline_ = kNever;
+  Deadline deadline_;
 
   // The receiving side. The kernel tells of an end or a reset once; every later read must hear it.
   ReceiveBuffer received_;

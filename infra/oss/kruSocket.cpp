@@ -7,6 +7,7 @@
 
 #include "infra/oss/kruConnection.h"
 #include "infra/oss/kruSocketException.h"
+#include "infra/oss/kruWaiting.h"
 
 namespace tq::oss {
 
@@ -71,8 +72,10 @@ Socket::Look Socket::look() { return connection_->look(); }
 bool Socket::isOpen() const noexcept { return connection_->isOpen(); }
 void Socket::close() { connection_->close(); }
 
+void Socket::setDeadline(Deadline deadline) noexcept { connection_->setDeadline(deadline); }
+
 void Socket::setDeadline(std::uint64_t monotonicNanos) noexcept {
-  connection_->setDeadline(monotonicNanos);
+  setDeadline(monotonicNanos == 0 ? Deadline::none() : Deadline::at(monotonicNanos));
 }
 
 namespace {
@@ -91,11 +94,11 @@ class Selection {
 
   void wait(const icu::UnicodeString& what, const unsigned long* timeoutMillis) {
     if (allKnown_) return;
-    std::uint64_t deadline = kNever;
+    Deadline deadline;
     if (anyKnown_) {
-      deadline = 0;
+      deadline = Deadline::at(0);
     } else if (timeoutMillis != nullptr) {
-      deadline = deadlineIn(*timeoutMillis);
+      deadline = Deadline::in(*timeoutMillis);
     }
     if (pollUntil(entries_.data(), entries_.size(), deadline) < 0) {
       throw SocketException(what, errno);

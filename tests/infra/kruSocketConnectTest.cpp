@@ -94,7 +94,7 @@ TEST_F(SocketConnect, DescriptorsFarAbove1024Work) {
   std::list<Socket> readers{socket};
   std::list<Socket> none;
   EXPECT_EQ(Socket::select(readers, none, none, &timeout), 1);
-  socket.setDeadline(tq::oss::monotonicNanos() + 10000 * kMilli);
+  socket.setDeadline(Deadline::in(10000));
   EXPECT_EQ(read(socket, 2), "hi");
 }
 
@@ -191,7 +191,7 @@ TEST_F(SocketConnect, AnAddressThatSwallowsPacketsLeavesTimeForTheNext) {
 TEST_F(SocketConnect, TheDeadlineOfTheSocketHoldsForConnectingToo) {
   fake.stall(Call::Connect);
   Socket socket;
-  socket.setDeadline(fake.now() + 40 * kMilli);
+  socket.setDeadline(Deadline::in(40));
   const std::uint64_t start = fake.now();
   const unsigned long timeout = 1000;
   thrown<SocketTimeoutException>(

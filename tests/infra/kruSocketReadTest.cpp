@@ -9,7 +9,6 @@
 namespace {
 
 using SocketRead = SocketFixture;
-using tq::oss::monotonicNanos;
 
 constexpr unsigned long kBuffer = 64 * 1024;
 
@@ -417,7 +416,7 @@ TEST_F(SocketRead, EveryWaitForBytesEndsAtTheDeadline) {
   support::Peer peer = connected(socket);
   fake.stall(Call::Recv);
   const std::uint64_t deadline = fake.now() + 30 * support::FakeSystemCalls::kMilli;
-  socket.setDeadline(deadline);
+  socket.setDeadline(Deadline::at(deadline));
   const auto late = thrown<SocketTimeoutException>([&] { readOnce(socket, 4); });
   EXPECT_EQ(late.getErrorNumber(), ETIMEDOUT);
   EXPECT_EQ(firstArgument(late), describe(u"receive from", listener.port()));
@@ -431,13 +430,24 @@ TEST_F(SocketRead, ATimeOutAgainstARealPeerLosesNothing) {
   support::Peer peer = connected(socket);
   peer.send("abc");
   arrived();
-  socket.setDeadline(monotonicNanos() + 20 * support::FakeSystemCalls::kMilli);
+  const Deadline deadline = Deadline::in(20);
+  socket.setDeadline(deadline);
   thrown<SocketTimeoutException>([&] { read(socket, 4); });
-  EXPECT_GE(monotonicNanos(), 20 * support::FakeSystemCalls::kMilli);
+  EXPECT_TRUE(deadline.passed());
   EXPECT_EQ(socket.buffered(), 3U);
-  socket.setDeadline(0);
+  socket.setDeadline(Deadline::none());
   peer.send("d");
   EXPECT_EQ(read(socket, 4), "abcd");
+}
+
+TEST_F(SocketRead, ADeadlineMayBeGivenAsAPointOfTheClock) {
+  Socket socket;
+  support::Peer peer = connected(socket);
+  socket.setDeadline(std::uint64_t{1});
+  thrown<SocketTimeoutException>([&] { readOnce(socket, 1); });
+  socket.setDeadline(std::uint64_t{0});
+  peer.send("a");
+  EXPECT_EQ(readOnce(socket, 1), "a") << "0 stands for none";
 }
 
 TEST_F(SocketRead, BytesThatAreThereAreGivenAfterTheDeadlineToo) {
@@ -445,7 +455,7 @@ TEST_F(SocketRead, BytesThatAreThereAreGivenAfterTheDeadlineToo) {
   support::Peer peer = connected(socket);
   peer.send("abc");
   arrived();
-  socket.setDeadline(1);
+  socket.setDeadline(Deadline::at(1));
   EXPECT_EQ(read(socket, 3), "abc");
   EXPECT_EQ(readOnce(socket, 3), "abc");
   thrown<SocketTimeoutException>([&] { readOnce(socket, 3); });
@@ -457,7 +467,7 @@ TEST_F(SocketRead, APeerThatTricklesCannotStretchTheDeadline) {
   peer.send("ab");
   arrived();
   fake.limitTransfer(Call::Recv, 1);
-  socket.setDeadline(monotonicNanos());
+  socket.setDeadline(Deadline::in(0));
   thrown<SocketTimeoutException>([&] { read(socket, 3); });
   EXPECT_EQ(socket.buffered(), 2U);
 }
@@ -467,7 +477,7 @@ TEST_F(SocketRead, WithADeadlineTheWaitingIsDoneByPoll) {
   support::Peer peer = connected(socket);
   peer.send("abc");
   arrived();
-  socket.setDeadline(monotonicNanos() + 60000 * support::FakeSystemCalls::kMilli);
+  socket.setDeadline(Deadline::in(60000));
   fake.resetCounts();
   fake.fail(Call::Recv, 1, EAGAIN);
   EXPECT_EQ(readOnce(socket, 3), "abc");
@@ -481,7 +491,7 @@ TEST_F(SocketRead, ASignalDuringTheWaitLeavesTheDeadlineWhereItWas) {
   support::Peer peer = connected(socket);
   fake.stall(Call::Recv);
   const std::uint64_t deadline = fake.now() + 10 * support::FakeSystemCalls::kMilli;
-  socket.setDeadline(deadline);
+  socket.setDeadline(Deadline::at(deadline));
   fake.interrupt(Call::Poll, 5);
   thrown<SocketTimeoutException>([&] { readOnce(socket, 1); });
   EXPECT_EQ(fake.now(), deadline);
@@ -491,7 +501,7 @@ TEST_F(SocketRead, AFailingPollIsReported) {
   Socket socket;
   support::Peer peer = connected(socket);
   fake.failAll(Call::Poll, ENOMEM);
-  socket.setDeadline(monotonicNanos());
+  socket.setDeadline(Deadline::in(0));
   const SocketException failure = thrown([&] { readOnce(socket, 1); });
   EXPECT_EQ(failure.getErrorNumber(), ENOMEM);
   EXPECT_EQ(firstArgument(failure), describe(u"wait for", listener.port()));

@@ -75,7 +75,7 @@ TEST_F(SocketWrite, MoreThanTheKernelHoldsIsSentWhole) {
   const std::string bytes(32 * 1024 * 1024, 'w');
   std::string got;
   std::thread reader([&] { got = peer.receive(bytes.size()); });
-  socket.setDeadline(tq::oss::monotonicNanos() + 50000 * support::FakeSystemCalls::kMilli);
+  socket.setDeadline(Deadline::in(50000));
   socket.write(bytes.data(), 0, bytes.size());
   reader.join();
   EXPECT_TRUE(got == bytes);
@@ -133,7 +133,7 @@ TEST_F(SocketWrite, TheWaitForRoomEndsAtTheDeadline) {
   support::Peer peer = connected(socket);
   fake.stall(Call::Sendmsg);
   const std::uint64_t deadline = fake.now() + 25 * support::FakeSystemCalls::kMilli;
-  socket.setDeadline(deadline);
+  socket.setDeadline(Deadline::at(deadline));
   const auto late = thrown<SocketTimeoutException>([&] { socket.write("abc", 0, 3); });
   EXPECT_EQ(firstArgument(late), describe(u"send to", listener.port()));
   EXPECT_EQ(fake.now(), deadline);
@@ -143,7 +143,7 @@ TEST_F(SocketWrite, APeerThatDoesNotReadCannotHoldAWriterForEver) {
   Socket socket;
   support::Peer peer = connected(socket);
   const std::string bytes(64 * 1024 * 1024, 'w');
-  socket.setDeadline(tq::oss::monotonicNanos() + 20 * support::FakeSystemCalls::kMilli);
+  socket.setDeadline(Deadline::in(20));
   thrown<SocketTimeoutException>([&] { socket.write(bytes.data(), 0, bytes.size()); });
 }
 

@@ -16,6 +16,7 @@
 class SocketFixture : public testing::Test {
  protected:
   using Socket = tq::oss::Socket;
+  using Deadline = tq::oss::Deadline;
   using SocketException = tq::oss::SocketException;
   using SocketTimeoutException = tq::oss::SocketTimeoutException;
   using Call = support::Call;

@@ -6,6 +6,7 @@
 #include <list>
 #include <memory>
 
+#include "infra/oss/kruDeadline.h"
 #include "infra/oss/kruExport.h"
 
 namespace tq::oss {
@@ -18,7 +19,7 @@ class Connection;
 /// Copies share one connection and its buffer; the last one closes it. One connection serves one
 /// thread at a time; different connections need no locking.
 ///
-/// ALL TIME-OUTS ARE IN MILLISECONDS. A deadline is a point on `monotonicNanos()`, in nanoseconds.
+/// ALL TIME-OUTS ARE IN MILLISECONDS.
 ///
 /// Failures are thrown as `SocketException`, with the system's error text and number; the end of a
 /// permitted wait as `SocketTimeoutException`. No call raises SIGPIPE or fails because a signal
@@ -110,8 +111,10 @@ class KRU_EXPORT Socket {
   /// Does nothing when not connected. The socket is closed afterwards even if this throws.
   void close();
 
-  /// Every wait of the operations above ends at this time with `SocketTimeoutException`; 0 means
-  /// no deadline. Bytes that arrived before stay in the buffer. Holds until it is set again.
+  /// Every wait of the operations above ends at this time with `SocketTimeoutException`. Bytes that
+  /// arrived before stay in the buffer. Holds until it is set again; none at first.
+  void setDeadline(Deadline deadline) noexcept;
+  /// The same as a point on `monotonicNanos()`; 0 means none.
   void setDeadline(std::uint64_t monotonicNanos) noexcept;
 
   /// Waits until a socket of the lists can be read, written, or has urgent data; null means without
