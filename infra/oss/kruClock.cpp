@@ -4,6 +4,7 @@
 
 #include "infra/oss/kruDeadline.h"
 #include "infra/oss/kruSystemCalls.h"
+#include "infra/oss/kruWaiting.h"
 
 namespace tq::oss {
 
@@ -19,10 +20,7 @@ std::uint64_t monotonicNanos() noexcept {
 }
 
 void pauseFor(std::uint64_t nanoseconds) noexcept {
-  const Deadline end = Deadline::inNanos(nanoseconds);
-  for (int millis = end.pollMillis(); millis != 0; millis = end.pollMillis()) {
-    systemCalls().poll(nullptr, 0, millis);
-  }
+  Waiter().pause(Deadline::inNanos(nanoseconds));
 }
 
 }  // namespace tq::oss

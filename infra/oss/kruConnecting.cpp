@@ -30,8 +30,7 @@ class Descriptor {
   int fd_;
 };
 
-Connected failed(int errorNumber) noexcept { return {-1, errorNumber, false}; }
-Connected late() noexcept { return {-1, ETIMEDOUT, true}; }
+Connected failed(int errorNumber) noexcept { return {-1, Waited::Failed, errorNumber}; }
 
 // Requests leave in whole messages, so that waiting for more to send would only delay them.
 bool sendAtOnce(int fd) noexcept {
@@ -39,11 +38,12 @@ bool sendAtOnce(int fd) noexcept {
   return systemCalls().setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0;
 }
 
-Connected awaitConnection(Descriptor& descriptor, Deadline deadline) noexcept {
+Connected awaitConnection(Descriptor& descriptor, Deadline deadline,
+                          const Waiter& waiter) noexcept {
   pollfd entry{descriptor.get(), POLLOUT, 0};
-  const int ready = pollUntil(&entry, 1, deadline);
-  if (ready == 0) return late();
-  if (ready < 0) return failed(errno);
+  const Waited waited = waiter.untilPolled(entry, deadline);
+  if (waited == Waited::Failed) return failed(errno);
+  if (waited != Waited::Ready) return {-1, waited, 0};
   int errorNumber = 0;
   socklen_t length = sizeof errorNumber;
   if (systemCalls().getsockopt(descriptor.get(), SOL_SOCKET, SO_ERROR, &errorNumber, &length) !=
@@ -51,10 +51,10 @@ Connected awaitConnection(Descriptor& descriptor, Deadline deadline) noexcept {
     return failed(errno);
   }
   if (errorNumber != 0) return failed(errorNumber);
-  return {descriptor.get(), 0, false};
+  return {descriptor.get(), Waited::Ready, 0};
 }
 
-Connected connectTo(const Address& address, Deadline deadline) noexcept {
+Connected connectTo(const Address& address, Deadline deadline, const Waiter& waiter) noexcept {
   const SystemCalls& calls = systemCalls();
   const int type = SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK;
   Descriptor descriptor(calls.socket(address.storage.ss_family, type, 0));
@@ -64,21 +64,23 @@ Connected connectTo(const Address& address, Deadline deadline) noexcept {
   if (calls.connect(descriptor.get(), target, address.length) != 0) {
     // A connect that a signal interrupts goes on by itself.
     if (errno != EINPROGRESS && errno != EINTR) return failed(errno);
-    const Connected outcome = awaitConnection(descriptor, deadline);
+    const Connected outcome = awaitConnection(descriptor, deadline, waiter);
     if (outcome.fd < 0) return outcome;
   }
   if (calls.fcntl(descriptor.get(), F_SETFL, 0) != 0) return failed(errno);
-  return {descriptor.release(), 0, false};
+  return {descriptor.release(), Waited::Ready, 0};
 }
 
 }  // namespace
 
-Connected connectToFirst(const std::vector<Address>& addresses, Deadline deadline) {
-  Connected outcome = failed(EADDRNOTAVAIL);
-  for (std::size_t i = 0; i < addresses.size() && outcome.fd < 0; ++i) {
-    outcome = connectTo(addresses[i], deadline.share(addresses.size() - i));
+Connected connectToFirst(const std::vector<Address>& addresses, Deadline deadline,
+                         const Waiter& waiter) {
+  Connected result = failed(EADDRNOTAVAIL);
+  for (std::size_t i = 0; i < addresses.size() && result.fd < 0; ++i) {
+    result = connectTo(addresses[i], deadline.share(addresses.size() - i), waiter);
+    if (result.outcome == Waited::GivenUp) break;
   }
-  return outcome;
+  return result;
 }
 
 }  // namespace tq::oss

@@ -12,7 +12,6 @@
 #include "infra/oss/kruConverter.h"
 #include "infra/oss/kruSocketException.h"
 #include "infra/oss/kruSystemCalls.h"
-#include "infra/oss/kruWaiting.h"
 
 namespace tq::oss {
 
@@ -87,14 +86,11 @@ void Connection::connect(const icu::UnicodeString& host, unsigned int port,
   host_ = host;
   port_ = port;
   const Deadline own = timeoutMillis != nullptr ? Deadline::in(*timeoutMillis) : Deadline::none();
-  const Connected result = connectToFirst(addressesOf(known), Deadline::earlier(own, deadline_));
-  if (result.fd >= 0) {
-    fd_ = result.fd;
-  } else if (result.timedOut) {
-    throw SocketTimeoutException(describe(u"connect to"));
-  } else {
-    throwSystemError(u"connect to", result.errorNumber);
-  }
+  const Connected result =
+      connectToFirst(addressesOf(known), Deadline::earlier(own, deadline_), waiter_);
+  if (result.outcome == Waited::Failed) throwSystemError(u"connect to", result.errorNumber);
+  require(result.outcome, u"connect to");
+  fd_ = result.fd;
 }
 
 std::vector<Address> Connection::addressesOf(const Socket::_AddrInfoExternal& known) const {
@@ -147,7 +143,7 @@ unsigned long Connection::fetch(char* out, unsigned long length, bool wait) {
 }
 
 unsigned long Connection::receive(char* out, unsigned long length, bool wait) {
-  const int flags = wait && deadline_.isNone() ? 0 : MSG_DONTWAIT;
+  const int flags = wait && mayBlock() ? 0 : MSG_DONTWAIT;
   for (;;) {
     const ssize_t count = systemCalls().recv(fd_, out, std::min(length, kLargestTransfer), flags);
     if (count > 0) return static_cast<unsigned long>(count);
@@ -162,16 +158,13 @@ unsigned long Connection::receive(char* out, unsigned long length, bool wait) {
       return 0;
     }
     if (!wait) return 0;
-    pollfd entry{fd_, POLLIN, 0};
-    const int ready = pollUntil(&entry, 1, deadline_);
-    if (ready == 0) throw SocketTimeoutException(describe(u"receive from"));
-    if (ready < 0) throwSystemError(u"wait for", errno);
+    require(waiter_.untilReady(fd_, POLLIN, deadline_), u"receive from");
   }
 }
 
 void Connection::write(const Socket::Piece* pieces, unsigned int count) {
   requireOpen(u"send to");
-  const int flags = MSG_NOSIGNAL | (deadline_.isNone() ? 0 : MSG_DONTWAIT);
+  const int flags = MSG_NOSIGNAL | (mayBlock() ? 0 : MSG_DONTWAIT);
   const unsigned long most = deadline_.isNone() ? kLargestTransfer : kTimedTransfer;
   iovec batch[kPiecesPerCall];
   for (Outgoing out(pieces, count); !out.done();) {
@@ -189,10 +182,7 @@ void Connection::write(const Socket::Piece* pieces, unsigned int count) {
     const int errorNumber = errno;
     if (errorNumber == EINTR) continue;
     if (!wouldBlock(errorNumber)) throwSystemError(u"send to", errorNumber);
-    pollfd entry{fd_, POLLOUT, 0};
-    const int ready = pollUntil(&entry, 1, deadline_);
-    if (ready == 0) throw SocketTimeoutException(describe(u"send to"));
-    if (ready < 0) throwSystemError(u"wait for", errno);
+    require(waiter_.untilReady(fd_, POLLOUT, deadline_), u"send to");
   }
 }
 
@@ -209,6 +199,10 @@ Socket::Look Connection::look() {
   received_.commit(count);
   if (count != 0) return Socket::Look::Data;
   return ended() ? Socket::Look::Closed : Socket::Look::Quiet;
+}
+
+void Connection::pauseUntil(Deadline deadline) const {
+  if (waiter_.pause(deadline) == Waited::GivenUp) throw SocketCancelledException(u"pause");
 }
 
 void Connection::close() {
@@ -238,6 +232,19 @@ void Connection::requireOpen(const char16_t* verb) const {
 
 void Connection::throwSystemError(const char16_t* verb, int errorNumber) const {
   throw SocketException(describe(verb), errorNumber);
+}
+
+void Connection::require(Waited waited, const char16_t* verb) const {
+  switch (waited) {
+    case Waited::Ready:
+      return;
+    case Waited::Late:
+      throw SocketTimeoutException(describe(verb));
+    case Waited::GivenUp:
+      throw SocketCancelledException(describe(verb));
+    case Waited::Failed:
+      throwSystemError(u"wait for", errno);
+  }
 }
 
 void Connection::throwIfReset() const {

@@ -8,14 +8,15 @@
 #include "infra/oss/kruReceiveBuffer.h"
 #include "infra/oss/kruResolver.h"
 #include "infra/oss/kruSocket.h"
+#include "infra/oss/kruWaiting.h"
 
 namespace tq::oss {
 
 /// What the copies of one `Socket` share: the descriptor, the bytes received and not yet taken, and
 /// how the receiving side ended.
 ///
-/// The descriptor is a blocking one. Without a deadline a wait is a single blocking receive; with
-/// one, each receive is told not to wait and the waiting is left to poll.
+/// The descriptor is a blocking one. With neither a deadline nor a hook a wait is a single blocking
+/// receive; otherwise each receive is told not to wait, and the waiter does the waiting.
 class Connection {
  public:
   Connection() = default;
@@ -38,6 +39,9 @@ class Connection {
   /// A read would return or throw at once.
   bool readable() const noexcept { return received_.size() != 0 || ended(); }
   void setDeadline(Deadline deadline) noexcept { deadline_ = deadline; }
+  void setWaiter(Waiter waiter) noexcept { waiter_ = waiter; }
+  const Waiter& waiter() const noexcept { return waiter_; }
+  void pauseUntil(Deadline deadline) const;
   icu::UnicodeString describe(const char16_t* verb) const;
   void requireOpen(const char16_t* verb) const;
 
@@ -45,6 +49,9 @@ class Connection {
   std::vector<Address> addressesOf(const Socket::_AddrInfoExternal& known) const;
   [[noreturn]] void throwSystemError(const char16_t* verb, int errorNumber) const;
   void throwIfReset() const;
+  /// Throws unless the wait ended as it should.
+  void require(Waited waited, const char16_t* verb) const;
+  bool mayBlock() const noexcept { return deadline_.isNone() && !waiter_.hooked(); }
   bool ended() const noexcept { return peerClosed_ || receiveError_ != 0; }
   int releaseDescriptor() noexcept;
 
@@ -57,6 +64,7 @@ class Connection {
 
   int fd_ = -1;
   Deadline deadline_;
+  Waiter waiter_;
 
   // The receiving side. The kernel tells of an end or a reset once; every later read must hear it.
   ReceiveBuffer received_;

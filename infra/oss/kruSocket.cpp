@@ -7,7 +7,6 @@
 
 #include "infra/oss/kruConnection.h"
 #include "infra/oss/kruSocketException.h"
-#include "infra/oss/kruWaiting.h"
 
 namespace tq::oss {
 
@@ -74,6 +73,12 @@ void Socket::close() { connection_->close(); }
 
 void Socket::setDeadline(Deadline deadline) noexcept { connection_->setDeadline(deadline); }
 
+void Socket::setWaitHook(WaitHook hook, void* host) noexcept {
+  connection_->setWaiter(Waiter(hook, host));
+}
+
+void Socket::pauseUntil(Deadline deadline) { connection_->pauseUntil(deadline); }
+
 void Socket::setDeadline(std::uint64_t monotonicNanos) noexcept {
   setDeadline(monotonicNanos == 0 ? Deadline::none() : Deadline::at(monotonicNanos));
 }
@@ -86,6 +91,7 @@ class Selection {
   void add(const Connection& connection, short events) {
     connection.requireOpen(u"wait for");
     entries_.push_back({connection.descriptor(), events, 0});
+    waiter_ = entries_.size() == 1 ? connection.waiter() : Waiter();
     const bool ready = events == POLLIN && connection.readable();
     known_.push_back(ready);
     anyKnown_ = anyKnown_ || ready;
@@ -100,6 +106,8 @@ class Selection {
     } else if (timeoutMillis != nullptr) {
       deadline = Deadline::in(*timeoutMillis);
     }
+    // A hook waits for one descriptor.
+    if (waiter_.hooked()) return waitInHook(what, deadline);
     if (pollUntil(entries_.data(), entries_.size(), deadline) < 0) {
       throw SocketException(what, errno);
     }
@@ -108,7 +116,14 @@ class Selection {
   bool ready(std::size_t i) const { return known_[i] || entries_[i].revents != 0; }
 
  private:
+  void waitInHook(const icu::UnicodeString& what, Deadline deadline) {
+    const Waited waited = waiter_.untilPolled(entries_.front(), deadline);
+    if (waited == Waited::GivenUp) throw SocketCancelledException(what);
+    if (waited == Waited::Failed) throw SocketException(what, errno);
+  }
+
   std::vector<pollfd> entries_;
+  Waiter waiter_;
   std::vector<bool> known_;
   bool anyKnown_ = false;
   bool allKnown_ = true;

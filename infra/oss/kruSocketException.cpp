@@ -53,4 +53,15 @@ SocketTimeoutException::~SocketTimeoutException() = default;
 
 const char* SocketTimeoutException::name() const noexcept { return "oss::SocketTimeoutException"; }
 
+SocketCancelledException::SocketCancelledException(const icu::UnicodeString& what)
+    : SocketException(what, ECANCELED) {}
+SocketCancelledException::SocketCancelledException(const SocketCancelledException& other) = default;
+SocketCancelledException& SocketCancelledException::operator=(
+    const SocketCancelledException& other) = default;
+SocketCancelledException::~SocketCancelledException() = default;
+
+const char* SocketCancelledException::name() const noexcept {
+  return "oss::SocketCancelledException";
+}
+
 }  // namespace tq::oss

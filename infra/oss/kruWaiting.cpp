@@ -6,6 +6,16 @@
 
 namespace tq::oss {
 
+namespace {
+
+Waited pollFor(pollfd& entry, Deadline deadline) noexcept {
+  const int ready = pollUntil(&entry, 1, deadline);
+  if (ready == 0) return Waited::Late;
+  return ready > 0 ? Waited::Ready : Waited::Failed;
+}
+
+}  // namespace
+
 int pollUntil(pollfd* entries, nfds_t count, Deadline deadline) noexcept {
   for (;;) {
     const int millis = deadline.pollMillis();
@@ -15,6 +25,45 @@ int pollUntil(pollfd* entries, nfds_t count, Deadline deadline) noexcept {
     // The longest wait that poll knows may be shorter than the one asked for.
     if (ready == 0 && millis == 0) return 0;
   }
+}
+
+Waited Waiter::untilReady(int fd, short events, Deadline deadline) const noexcept {
+  if (hooked()) return callHook(fd, events, deadline);
+  pollfd entry{fd, events, 0};
+  return pollFor(entry, deadline);
+}
+
+Waited Waiter::untilPolled(pollfd& entry, Deadline deadline) const noexcept {
+  if (!hooked()) return pollFor(entry, deadline);
+  for (;;) {
+    const Waited looked = pollFor(entry, Deadline::at(0));
+    if (looked != Waited::Late) return looked;
+    const Waited waited = callHook(entry.fd, entry.events, deadline);
+    if (waited != Waited::Ready) return waited;
+  }
+}
+
+Waited Waiter::pause(Deadline deadline) const noexcept {
+  if (!hooked()) {
+    for (int millis = deadline.pollMillis(); millis != 0; millis = deadline.pollMillis()) {
+      systemCalls().poll(nullptr, 0, millis);
+    }
+    return Waited::Late;
+  }
+  Waited waited = Waited::Ready;
+  while (waited == Waited::Ready) waited = callHook(-1, 0, deadline);
+  return waited;
+}
+
+// The deadline is looked at before each call: a hook that keeps answering at once, whatever it
+// says, ends with the deadline too.
+Waited Waiter::callHook(int fd, short events, Deadline deadline) const noexcept {
+  for (int millis = deadline.pollMillis(); millis != 0; millis = deadline.pollMillis()) {
+    const WaitResult result = hook_(host_, fd, events, millis);
+    if (result == WaitResult::Ready) return Waited::Ready;
+    if (result != WaitResult::TimedOut) return Waited::GivenUp;
+  }
+  return Waited::Late;
 }
 
 }  // namespace tq::oss

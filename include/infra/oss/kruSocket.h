@@ -8,6 +8,7 @@
 
 #include "infra/oss/kruDeadline.h"
 #include "infra/oss/kruExport.h"
+#include "infra/oss/kruWaitHook.h"
 
 namespace tq::oss {
 
@@ -22,7 +23,8 @@ class Connection;
 /// ALL TIME-OUTS ARE IN MILLISECONDS.
 ///
 /// Failures are thrown as `SocketException`, with the system's error text and number; the end of a
-/// permitted wait as `SocketTimeoutException`. No call raises SIGPIPE or fails because a signal
+/// permitted wait as `SocketTimeoutException`, one that the wait hook gave up as
+/// `SocketCancelledException`. No call raises SIGPIPE or fails because a signal
 /// arrived; descriptors are not inherited by programs that the process starts.
 class KRU_EXPORT Socket {
  public:
@@ -69,8 +71,9 @@ class KRU_EXPORT Socket {
 
   /// Closes what is open, then tries the given addresses, or all those of the host, in their order,
   /// until one accepts. The time-out holds for all of them together (each gets an equal share of
-  /// what is left); null means none. Resolving a name is the resolver's business and cannot be cut
-  /// short. After a failure the socket is not connected.
+  /// what is left); null means none. Looking a name up is the resolver's business: neither a limit
+  /// nor a hook nor the thread's cancellation can cut it short. After a failure the socket is not
+  /// connected.
   void connect(const icu::UnicodeString& host, unsigned int port,
                const _AddrInfoExternal& addresses, const unsigned long* timeoutMillis);
 
@@ -116,6 +119,16 @@ class KRU_EXPORT Socket {
   void setDeadline(Deadline deadline) noexcept;
   /// The same as a point on `monotonicNanos()`; 0 means none.
   void setDeadline(std::uint64_t monotonicNanos) noexcept;
+
+  /// From now on every wait of the operations above, and of `select` with this socket alone, is the
+  /// hook's, with a deadline or without; `host` is handed to it as it is. Null brings poll back.
+  /// The hook holds for all copies of the socket and over its connections. After `GiveUp` the
+  /// socket is as after a time-out, so part of a message may have been sent; a connect leaves none.
+  void setWaitHook(WaitHook hook, void* host) noexcept;
+
+  /// Holds the calling thread until the deadline, connected or not. The hook may end it earlier, by
+  /// giving up.
+  void pauseUntil(Deadline deadline);
 
   /// Waits until a socket of the lists can be read, written, or has urgent data; null means without
   /// limit. A reader with buffered bytes, or whose peer was seen to close, is ready at once. Leaves

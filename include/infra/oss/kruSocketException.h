@@ -46,4 +46,18 @@ class KRU_EXPORT SocketTimeoutException : public SocketException {
   const char* name() const noexcept override;
 };
 
+/// The wait hook gave a wait up. Nothing that had arrived is lost, and the connection is still
+/// there, but the operation is not done; whether part of it is cannot be told.
+class KRU_EXPORT SocketCancelledException : public SocketException {
+ public:
+  /// The error number is ECANCELED.
+  explicit SocketCancelledException(const icu::UnicodeString& what);
+  SocketCancelledException(const SocketCancelledException& other);
+  SocketCancelledException& operator=(const SocketCancelledException& other);
+  ~SocketCancelledException() override;
+
+  /// "oss::SocketCancelledException".
+  const char* name() const noexcept override;
+};
+
 }  // namespace tq::oss
