@@ -19,8 +19,6 @@ std::uint64_t monotonicNanos() noexcept {
          static_cast<std::uint64_t>(now.tv_nsec);
 }
 
-void pauseFor(std::uint64_t nanoseconds) noexcept {
-  Waiter().pause(Deadline::inNanos(nanoseconds));
-}
+void pauseFor(std::uint64_t nanoseconds) { Waiter().pause(Deadline::inNanos(nanoseconds)); }
 
 }  // namespace tq::oss

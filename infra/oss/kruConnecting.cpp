@@ -38,8 +38,7 @@ bool sendAtOnce(int fd) noexcept {
   return systemCalls().setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0;
 }
 
-Connected awaitConnection(Descriptor& descriptor, Deadline deadline,
-                          const Waiter& waiter) noexcept {
+Connected awaitConnection(Descriptor& descriptor, Deadline deadline, const Waiter& waiter) {
   pollfd entry{descriptor.get(), POLLOUT, 0};
   const Waited waited = waiter.untilPolled(entry, deadline);
   if (waited == Waited::Failed) return failed(errno);
@@ -54,7 +53,7 @@ Connected awaitConnection(Descriptor& descriptor, Deadline deadline,
   return {descriptor.get(), Waited::Ready, 0};
 }
 
-Connected connectTo(const Address& address, Deadline deadline, const Waiter& waiter) noexcept {
+Connected connectTo(const Address& address, Deadline deadline, const Waiter& waiter) {
   const SystemCalls& calls = systemCalls();
   const int type = SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK;
   Descriptor descriptor(calls.socket(address.storage.ss_family, type, 0));

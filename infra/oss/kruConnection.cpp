@@ -142,10 +142,26 @@ unsigned long Connection::fetch(char* out, unsigned long length, bool wait) {
   return received_.take(out, length);
 }
 
+// The thread may be cancelled in a system call, and the call may have moved bytes by then without
+// anyone learning how many. None of these calls throws, so what unwinds them is a cancellation.
+template <typename Call>
+auto Connection::closingIfCancelled(Call call) {
+  struct Guard {
+    Connection* connection;
+    ~Guard() {
+      if (connection != nullptr) connection->releaseDescriptor();
+    }
+  } guard{this};
+  const auto result = call();
+  guard.connection = nullptr;
+  return result;
+}
+
 unsigned long Connection::receive(char* out, unsigned long length, bool wait) {
   const int flags = wait && mayBlock() ? 0 : MSG_DONTWAIT;
   for (;;) {
-    const ssize_t count = systemCalls().recv(fd_, out, std::min(length, kLargestTransfer), flags);
+    const ssize_t count = closingIfCancelled(
+        [&] { return systemCalls().recv(fd_, out, std::min(length, kLargestTransfer), flags); });
     if (count > 0) return static_cast<unsigned long>(count);
     if (count == 0) {
       peerClosed_ = true;
@@ -158,7 +174,7 @@ unsigned long Connection::receive(char* out, unsigned long length, bool wait) {
       return 0;
     }
     if (!wait) return 0;
-    require(waiter_.untilReady(fd_, POLLIN, deadline_), u"receive from");
+    awaitEvent(POLLIN, u"receive from");
   }
 }
 
@@ -174,7 +190,8 @@ void Connection::write(const Socket::Piece* pieces, unsigned int count) {
     msghdr message{};
     message.msg_iov = batch;
     message.msg_iovlen = out.gather(batch, most);
-    const ssize_t sent = systemCalls().sendmsg(fd_, &message, flags);
+    const ssize_t sent =
+        closingIfCancelled([&] { return systemCalls().sendmsg(fd_, &message, flags); });
     if (sent >= 0) {
       out.advance(static_cast<unsigned long>(sent));
       continue;
@@ -182,8 +199,12 @@ void Connection::write(const Socket::Piece* pieces, unsigned int count) {
     const int errorNumber = errno;
     if (errorNumber == EINTR) continue;
     if (!wouldBlock(errorNumber)) throwSystemError(u"send to", errorNumber);
-    require(waiter_.untilReady(fd_, POLLOUT, deadline_), u"send to");
+    awaitEvent(POLLOUT, u"send to");
   }
+}
+
+void Connection::awaitEvent(short event, const char16_t* verb) {
+  require(closingIfCancelled([&] { return waiter_.untilReady(fd_, event, deadline_); }), verb);
 }
 
 void Connection::pushBack(const char* data, unsigned long length) {

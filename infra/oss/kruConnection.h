@@ -55,6 +55,9 @@ class Connection {
   bool ended() const noexcept { return peerClosed_ || receiveError_ != 0; }
   int releaseDescriptor() noexcept;
 
+  template <typename Call>
+  auto closingIfCancelled(Call call);
+  void awaitEvent(short event, const char16_t* verb);
   unsigned long receive(char* out, unsigned long length, bool wait);
   unsigned long fetch(char* out, unsigned long length, bool wait);
 

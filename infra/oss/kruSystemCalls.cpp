@@ -1,6 +1,7 @@
 #include "infra/oss/kruSystemCalls.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 namespace tq::oss {
@@ -10,17 +11,39 @@ namespace {
 // The system's own declaration takes a variable number of arguments and has no such address.
 int fcntlWithNumber(int fd, int command, int argument) { return ::fcntl(fd, command, argument); }
 
+class Uncancellable {
+ public:
+  Uncancellable() noexcept { ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+  ~Uncancellable() { ::pthread_setcancelstate(before_, nullptr); }
+  Uncancellable(const Uncancellable&) = delete;
+  Uncancellable& operator=(const Uncancellable&) = delete;
+
+ private:
+  int before_ = PTHREAD_CANCEL_ENABLE;
+};
+
+int closeUncancelled(int fd) {
+  const Uncancellable whole;
+  return ::close(fd);
+}
+
+int lookUpUncancelled(const char* host, const char* service, const addrinfo* hints,
+                      addrinfo** result) {
+  const Uncancellable whole;
+  return ::getaddrinfo(host, service, hints, result);
+}
+
 constexpr SystemCalls kReal{
     .socket = ::socket,
     .connect = ::connect,
     .poll = ::poll,
     .recv = ::recv,
     .sendmsg = ::sendmsg,
-    .close = ::close,
+    .close = closeUncancelled,
     .setsockopt = ::setsockopt,
     .getsockopt = ::getsockopt,
     .fcntl = fcntlWithNumber,
-    .getaddrinfo = ::getaddrinfo,
+    .getaddrinfo = lookUpUncancelled,
     .freeaddrinfo = ::freeaddrinfo,
     .clock_gettime = ::clock_gettime,
 };

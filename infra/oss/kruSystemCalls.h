@@ -11,7 +11,10 @@
 namespace tq::oss {
 
 /// Every call that the infrastructure makes on a socket or a clock, so that a test can make any of
-/// them fail, stall or deliver one byte. Each entry behaves as the system call of its name.
+/// them fail, stall or deliver one byte. Each entry behaves as the system call of its name, except
+/// that a thread cannot be cancelled in `close` and `getaddrinfo`: destructors call the one, and
+/// the other would lose what it holds, locks among it. In `connect`, `poll`, `recv` and `sendmsg`
+/// it can, so no function that is noexcept may call them.
 struct SystemCalls {
   int (*socket)(int domain, int type, int protocol);
   int (*connect)(int fd, const sockaddr* address, socklen_t length);

@@ -8,7 +8,7 @@ namespace tq::oss {
 
 namespace {
 
-Waited pollFor(pollfd& entry, Deadline deadline) noexcept {
+Waited pollFor(pollfd& entry, Deadline deadline) {
   const int ready = pollUntil(&entry, 1, deadline);
   if (ready == 0) return Waited::Late;
   return ready > 0 ? Waited::Ready : Waited::Failed;
@@ -16,7 +16,7 @@ Waited pollFor(pollfd& entry, Deadline deadline) noexcept {
 
 }  // namespace
 
-int pollUntil(pollfd* entries, nfds_t count, Deadline deadline) noexcept {
+int pollUntil(pollfd* entries, nfds_t count, Deadline deadline) {
   for (;;) {
     const int millis = deadline.pollMillis();
     const int ready = systemCalls().poll(entries, count, millis);
@@ -27,13 +27,13 @@ int pollUntil(pollfd* entries, nfds_t count, Deadline deadline) noexcept {
   }
 }
 
-Waited Waiter::untilReady(int fd, short events, Deadline deadline) const noexcept {
+Waited Waiter::untilReady(int fd, short events, Deadline deadline) const {
   if (hooked()) return callHook(fd, events, deadline);
   pollfd entry{fd, events, 0};
   return pollFor(entry, deadline);
 }
 
-Waited Waiter::untilPolled(pollfd& entry, Deadline deadline) const noexcept {
+Waited Waiter::untilPolled(pollfd& entry, Deadline deadline) const {
   if (!hooked()) return pollFor(entry, deadline);
   for (;;) {
     const Waited looked = pollFor(entry, Deadline::at(0));
@@ -43,7 +43,7 @@ Waited Waiter::untilPolled(pollfd& entry, Deadline deadline) const noexcept {
   }
 }
 
-Waited Waiter::pause(Deadline deadline) const noexcept {
+Waited Waiter::pause(Deadline deadline) const {
   if (!hooked()) {
     for (int millis = deadline.pollMillis(); millis != 0; millis = deadline.pollMillis()) {
       systemCalls().poll(nullptr, 0, millis);
@@ -57,7 +57,7 @@ Waited Waiter::pause(Deadline deadline) const noexcept {
 
 // The deadline is looked at before each call: a hook that keeps answering at once, whatever it
 // says, ends with the deadline too.
-Waited Waiter::callHook(int fd, short events, Deadline deadline) const noexcept {
+Waited Waiter::callHook(int fd, short events, Deadline deadline) const {
   for (int millis = deadline.pollMillis(); millis != 0; millis = deadline.pollMillis()) {
     const WaitResult result = hook_(host_, fd, events, millis);
     if (result == WaitResult::Ready) return Waited::Ready;

@@ -1,12 +1,14 @@
 #pragma once
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <map>
 #include <mutex>
 #include <string>
@@ -61,6 +63,8 @@ class FakeSystemCalls {
     const std::lock_guard lock(mutex_);
     failAll_[index(call)] = errorNumber;
   }
+  /// The thread that makes the nth such call from now on is cancelled in it.
+  void cancelIn(Call call, unsigned int nth) { fail(call, nth, kCancel); }
   /// The next `times` calls are interrupted by a signal.
   void interrupt(Call call, unsigned int times) {
     for (unsigned int i = 1; i <= times; ++i) fail(call, i, EINTR);
@@ -158,6 +162,8 @@ class FakeSystemCalls {
  private:
   using Lock = std::lock_guard<std::mutex>;
 
+  static constexpr int kCancel = -1;  // no error number
+
   static constexpr std::size_t index(Call call) { return static_cast<std::size_t>(call); }
   static FakeSystemCalls*& current() {
     static FakeSystemCalls* fake = nullptr;
@@ -175,8 +181,15 @@ class FakeSystemCalls {
     int errorNumber = fake.failAll_[i];
     const auto planned = fake.failures_[i].find(fake.counts_[i]);
     if (planned != fake.failures_[i].end()) errorNumber = planned->second;
+    if (errorNumber == kCancel) cancelThisThread();
     if (errorNumber != 0) errno = errorNumber;
     return errorNumber != 0;
+  }
+
+  [[noreturn]] static void cancelThisThread() {
+    ::pthread_cancel(::pthread_self());
+    ::pthread_testcancel();
+    std::abort();
   }
 
   static bool stalls(Call call) {

@@ -13,6 +13,6 @@ KRU_EXPORT std::uint64_t monotonicNanos() noexcept;
 
 /// Holds the calling thread for this long, whether signals arrive or not. Returns at once when the
 /// clock cannot be read. Safe from any thread.
-KRU_EXPORT void pauseFor(std::uint64_t nanoseconds) noexcept;
+KRU_EXPORT void pauseFor(std::uint64_t nanoseconds);
 
 }  // namespace tq::oss

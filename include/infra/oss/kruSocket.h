@@ -25,7 +25,9 @@ class Connection;
 /// Failures are thrown as `SocketException`, with the system's error text and number; the end of a
 /// permitted wait as `SocketTimeoutException`, one that the wait hook gave up as
 /// `SocketCancelledException`. No call raises SIGPIPE or fails because a signal
-/// arrived; descriptors are not inherited by programs that the process starts.
+/// arrived; descriptors are not inherited by programs that the process starts. A thread may be
+/// cancelled (`pthread_cancel`, deferred) while it waits in a socket: the stack unwinds and the
+/// connection is closed, because bytes of it may be lost.
 class KRU_EXPORT Socket {
  public:
   /// Addresses that were resolved beforehand: a plain value of fixed size.
