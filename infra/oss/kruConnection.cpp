@@ -215,7 +215,8 @@ void Connection::pushBack(const char* data, unsigned long length) {
 Socket::Look Connection::look() {
   if (received_.size() != 0) return Socket::Look::Data;
   if (!isOpen() || ended()) return Socket::Look::Closed;
-  if (!received_.makeRoom(1)) Converter::throwOutOfMemory();
+  // An empty buffer has room for one byte without any memory, and a look needs no more than one.
+  received_.makeRoom(1);
   const unsigned long count = receive(received_.tail(), received_.room(), false);
   received_.commit(count);
   if (count != 0) return Socket::Look::Data;

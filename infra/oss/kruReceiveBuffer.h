@@ -19,8 +19,8 @@ class ReceiveBuffer {
   const char* data() const noexcept { return block_.data() + begin_; }
   std::size_t size() const noexcept { return end_ - begin_; }
 
-  /// Makes room for at least one more byte on the way to `wanted` bytes in all, which must be more
-  /// than there are. False when there is no memory; nothing is lost then.
+  /// Grows towards `wanted` bytes in all (more than there are), by at least one byte. False when
+  /// there is no memory: nothing is lost then, and an empty buffer still has room for one byte.
   bool makeRoom(std::size_t wanted) noexcept;
   /// Where the next bytes go, and how many fit; valid after `makeRoom`.
   char* tail() noexcept { return block_.data() + end_; }

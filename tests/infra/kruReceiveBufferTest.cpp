@@ -110,6 +110,18 @@ TEST(ReceiveBuffer, WithoutMemoryNothingChanges) {
   EXPECT_EQ(take(buffer, 3), "aaa");
 }
 
+TEST(ReceiveBuffer, WithoutMemoryAnEmptyOneStillTakesOneByte) {
+  ReceiveBuffer buffer;
+  const support::OutOfMemory out;
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_FALSE(buffer.makeRoom(1));
+    ASSERT_EQ(buffer.room(), 1U);
+    *buffer.tail() = 'a';
+    buffer.commit(1);
+    EXPECT_EQ(take(buffer, 1), "a");
+  }
+}
+
 TEST(ReceiveBuffer, ALengthThatCannotBeIsRefused) {
   ReceiveBuffer buffer;
   EXPECT_FALSE(buffer.putBack("x", SIZE_MAX));
