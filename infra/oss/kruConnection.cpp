@@ -43,7 +43,7 @@ class Outgoing {
     for (const Socket::Piece* p = next_; p != end_ && used < kPiecesPerCall && room != 0; ++p) {
       const unsigned long length = std::min(p->length - offset, room);
       if (length != 0) {
-        // The interface of the gathered call is shared with receiving and so takes no constant.
+        // iovec serves receiving too and so has no const.
         batch[used].iov_base = const_cast<char*>(p->data + offset);
         batch[used++].iov_len = length;
       }
@@ -132,8 +132,21 @@ unsigned long Connection::readOnce(char* out, unsigned long length) {
   return fresh;
 }
 
-// Only called with an empty buffer. What is large goes where it is wanted; so does everything when
-// there is no memory for a buffer, because waiting for the next byte needs none.
+unsigned long Connection::fill() {
+  requireOpen(u"receive from");
+  if (!ended()) {
+    received_.makeRoomForMore();
+    if (received_.room() == 0) Converter::throwOutOfMemory();
+    const unsigned long fresh = receive(received_.tail(), received_.room(), true);
+    received_.commit(fresh);
+    if (fresh != 0) return received_.size();
+  }
+  throwIfReset();
+  return 0;
+}
+
+// Only called with an empty buffer. Large reads go straight to the caller; so do all reads when no
+// buffer can be allocated.
 unsigned long Connection::fetch(char* out, unsigned long length, bool wait) {
   if (length >= ReceiveBuffer::kSlice || !received_.makeRoom(length)) {
     return receive(out, length, wait);

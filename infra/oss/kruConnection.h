@@ -2,6 +2,7 @@
 
 #include <unicode/unistr.h>
 
+#include <string_view>
 #include <vector>
 
 #include "infra/oss/kruDeadline.h"
@@ -28,6 +29,9 @@ class Connection {
                const Socket::_AddrInfoExternal& known, const unsigned long* timeoutMillis);
   unsigned long read(char* out, unsigned long length);
   unsigned long readOnce(char* out, unsigned long length);
+  unsigned long fill();
+  std::string_view peek() const noexcept { return {received_.data(), received_.size()}; }
+  void consume(unsigned long length) noexcept { received_.drop(length); }
   void write(const Socket::Piece* pieces, unsigned int count);
   void pushBack(const char* data, unsigned long length);
   Socket::Look look();

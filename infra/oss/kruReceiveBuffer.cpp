@@ -14,13 +14,22 @@ bool ReceiveBuffer::makeRoom(std::size_t wanted) noexcept {
   return block_.grow(wanted > kSlice ? std::min(doubled, wanted) : kSlice, end_);
 }
 
+bool ReceiveBuffer::makeRoomForMore() noexcept {
+  moveTo(0);
+  return makeRoom(std::max(kSlice, end_ + 1));
+}
+
 std::size_t ReceiveBuffer::take(char* out, std::size_t length) noexcept {
   const std::size_t count = std::min(length, size());
   if (count == 0) return 0;
   std::memcpy(out, data(), count);
-  begin_ += count;
-  if (begin_ == end_) clear();
+  drop(count);
   return count;
+}
+
+void ReceiveBuffer::drop(std::size_t length) noexcept {
+  begin_ += std::min(length, size());
+  if (begin_ == end_) clear();
 }
 
 bool ReceiveBuffer::putBack(const char* bytes, std::size_t length) noexcept {

@@ -22,13 +22,18 @@ class ReceiveBuffer {
   /// Grows towards `wanted` bytes in all (more than there are), by at least one byte. False when
   /// there is no memory: nothing is lost then, and an empty buffer still has room for one byte.
   bool makeRoom(std::size_t wanted) noexcept;
-  /// Where the next bytes go, and how many fit; valid after `makeRoom`.
+  /// Makes room for more bytes, whatever is there: those that are there move to the front, and the
+  /// block grows only when they fill it. False as above.
+  bool makeRoomForMore() noexcept;
+  /// Where the next bytes go, and how many fit; valid after making room.
   char* tail() noexcept { return block_.data() + end_; }
   std::size_t room() const noexcept { return block_.capacity() - end_; }
   void commit(std::size_t count) noexcept { end_ += count; }
 
   /// Copies up to `length` bytes out and drops them; returns how many.
   std::size_t take(char* out, std::size_t length) noexcept;
+  /// Drops up to `length` bytes.
+  void drop(std::size_t length) noexcept;
   /// Puts bytes in front. False when there is no memory; nothing has changed then.
   bool putBack(const char* bytes, std::size_t length) noexcept;
   void clear() noexcept;

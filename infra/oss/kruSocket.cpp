@@ -55,6 +55,10 @@ unsigned long Socket::readOnce(char* buffer, unsigned long offset, unsigned long
   return length == 0 ? 0 : connection_->readOnce(buffer + offset, length);
 }
 
+std::string_view Socket::peek() const noexcept { return connection_->peek(); }
+void Socket::consume(unsigned long length) noexcept { connection_->consume(length); }
+unsigned long Socket::fill() { return connection_->fill(); }
+
 void Socket::write(const char* data, unsigned long offset, unsigned long length) {
   const Piece piece{data + offset, length};
   connection_->write(&piece, 1);

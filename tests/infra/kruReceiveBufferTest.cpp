@@ -49,6 +49,41 @@ TEST(ReceiveBuffer, AHugeWishGetsOneSliceUntilBytesArrive) {
   EXPECT_EQ(buffer.room(), 2 * ReceiveBuffer::kSlice);
 }
 
+TEST(ReceiveBuffer, MoreRoomIsMadeInFrontFirst) {
+  ReceiveBuffer buffer;
+  ASSERT_TRUE(buffer.makeRoomForMore());
+  EXPECT_EQ(buffer.room(), ReceiveBuffer::kSlice);
+  arrive(buffer, std::string(ReceiveBuffer::kSlice - 1, 'a') + 'b');
+  buffer.drop(ReceiveBuffer::kSlice - 1);
+  ASSERT_TRUE(buffer.makeRoomForMore());
+  EXPECT_EQ(buffer.room(), ReceiveBuffer::kSlice - 1);
+  EXPECT_EQ(take(buffer, 2), "b");
+}
+
+TEST(ReceiveBuffer, GrowsOnlyWhenItIsFull) {
+  ReceiveBuffer buffer;
+  arrive(buffer, std::string(ReceiveBuffer::kSlice, 'a'));
+  ASSERT_TRUE(buffer.makeRoomForMore());
+  EXPECT_EQ(buffer.room(), ReceiveBuffer::kSlice);
+  EXPECT_EQ(buffer.size(), ReceiveBuffer::kSlice);
+  const support::OutOfMemory out;
+  buffer.commit(buffer.room());
+  EXPECT_FALSE(buffer.makeRoomForMore());
+  EXPECT_EQ(buffer.size(), 2 * ReceiveBuffer::kSlice);
+}
+
+TEST(ReceiveBuffer, DropsNoMoreThanThereIs) {
+  ReceiveBuffer buffer;
+  buffer.drop(1);
+  arrive(buffer, "abc");
+  buffer.drop(1);
+  EXPECT_EQ(std::string(buffer.data(), buffer.size()), "bc");
+  buffer.drop(3);
+  EXPECT_EQ(buffer.size(), 0U);
+  arrive(buffer, "d");
+  EXPECT_EQ(take(buffer, 2), "d");
+}
+
 /// The same bytes in the plainest possible container.
 TEST(ReceiveBuffer, BehavesLikeAStringUnderAnySequenceOfOperations) {
   ReceiveBuffer buffer;
@@ -60,7 +95,7 @@ TEST(ReceiveBuffer, BehavesLikeAStringUnderAnySequenceOfOperations) {
   };
   for (int i = 0; i < 3000; ++i) {
     const std::string bytes(next(i % 10 == 0 ? 200000 : 900), static_cast<char>('a' + i % 26));
-    switch (next(4)) {
+    switch (next(6)) {
       case 0:
         arrive(buffer, bytes);
         model += bytes;
@@ -68,6 +103,17 @@ TEST(ReceiveBuffer, BehavesLikeAStringUnderAnySequenceOfOperations) {
       case 1:
         ASSERT_TRUE(buffer.putBack(bytes.data(), bytes.size()));
         model.insert(0, bytes);
+        break;
+      case 2:
+        buffer.drop(bytes.size());
+        model.erase(0, bytes.size());
+        break;
+      case 3:
+        ASSERT_TRUE(buffer.makeRoomForMore());
+        ASSERT_GT(buffer.room(), 0U);
+        buffer.tail()[0] = 'z';
+        buffer.commit(1);
+        model += 'z';
         break;
       default:
         const std::string taken = take(buffer, bytes.size() * 2);

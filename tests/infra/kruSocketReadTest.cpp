@@ -363,6 +363,135 @@ TEST_F(SocketRead, APushBackWithoutMemoryChangesNothing) {
   EXPECT_EQ(readOnce(socket, 2), "ab");
 }
 
+// Showing what is buffered.
+
+TEST_F(SocketRead, FillShowsWithoutTaking) {
+  Socket socket;
+  EXPECT_EQ(socket.peek(), "");
+  support::Peer peer = connected(socket);
+  peer.send("hello");
+  arrived();
+  EXPECT_EQ(socket.peek(), "") << "peeking receives nothing";
+  EXPECT_EQ(socket.fill(), 5U);
+  EXPECT_EQ(socket.peek(), "hello");
+  EXPECT_EQ(socket.peek(), "hello");
+  socket.consume(2);
+  EXPECT_EQ(socket.peek(), "llo");
+  EXPECT_EQ(socket.buffered(), 3U);
+  EXPECT_EQ(readOnce(socket, 9), "llo");
+  EXPECT_EQ(socket.peek(), "");
+}
+
+TEST_F(SocketRead, FillReceivesOnceAndKeepsWhatIsThere) {
+  Socket socket;
+  support::Peer peer = connected(socket);
+  fake.limitTransfer(Call::Recv, 2);
+  peer.send("abcde");
+  EXPECT_EQ(socket.fill(), 2U);
+  EXPECT_EQ(socket.fill(), 4U);
+  EXPECT_EQ(socket.fill(), 5U);
+  EXPECT_EQ(socket.peek(), "abcde");
+  EXPECT_EQ(fake.count(Call::Recv), 3U);
+  EXPECT_EQ(fake.count(Call::Poll), 1U) << "that of connecting";
+}
+
+TEST_F(SocketRead, ConsumeTakesNoMoreThanIsBuffered) {
+  Socket socket;
+  support::Peer peer = connected(socket);
+  peer.send("abc");
+  arrived();
+  socket.fill();
+  socket.consume(100);
+  EXPECT_EQ(socket.peek(), "");
+  peer.send("d");
+  EXPECT_EQ(readOnce(socket, 1), "d");
+}
+
+TEST_F(SocketRead, FillTellsTheEndAndKeepsWhatIsThere) {
+  Socket socket;
+  support::Peer peer = connected(socket);
+  peer.send("abc");
+  peer.close();
+  EXPECT_EQ(socket.fill(), 3U);
+  EXPECT_EQ(socket.fill(), 0U);
+  EXPECT_EQ(socket.fill(), 0U);
+  EXPECT_EQ(socket.peek(), "abc");
+  EXPECT_EQ(fake.count(Call::Recv), 2U) << "an end that was seen is not asked for again";
+}
+
+TEST_F(SocketRead, FillThrowsAResetAndKeepsWhatIsThere) {
+  Socket socket;
+  support::Peer peer = connected(socket);
+  peer.send("abc");
+  EXPECT_EQ(socket.fill(), 3U);
+  peer.reset();
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(thrown([&] { socket.fill(); }).getErrorNumber(), ECONNRESET);
+    EXPECT_EQ(socket.peek(), "abc");
+  }
+}
+
+TEST_F(SocketRead, FillWaitsUntilTheDeadline) {
+  Socket socket;
+  support::Peer peer = connected(socket);
+  peer.send("abc");
+  arrived();
+  socket.setDeadline(Deadline::in(5));
+  EXPECT_EQ(socket.fill(), 3U);
+  const auto late = thrown<SocketTimeoutException>([&] { socket.fill(); });
+  EXPECT_EQ(firstArgument(late), describe(u"receive from", listener.port()));
+  EXPECT_EQ(socket.peek(), "abc");
+}
+
+TEST_F(SocketRead, FillSaysWhenThereIsNoConnection) {
+  Socket socket;
+  EXPECT_EQ(thrown([&] { socket.fill(); }).getErrorNumber(), ENOTCONN);
+}
+
+TEST_F(SocketRead, FillWithoutMemoryBringsOneByteAtATime) {
+  Socket socket;
+  support::Peer peer = connected(socket);
+  peer.send("abc");
+  arrived();
+  {
+    const support::OutOfMemory out;
+    EXPECT_EQ(socket.fill(), 1U);
+    EXPECT_EQ(socket.peek(), "a");
+    EXPECT_THROW(socket.fill(), tq::oss::NLSException);
+    EXPECT_EQ(socket.peek(), "a") << "nothing is lost";
+    socket.consume(1);
+    EXPECT_EQ(socket.fill(), 1U);
+  }
+  EXPECT_EQ(socket.fill(), 2U);
+  EXPECT_EQ(socket.peek(), "bc");
+}
+
+TEST_F(SocketRead, FillTakesALongStreamThroughABufferThatStaysSmall) {
+  Socket socket;
+  support::Peer peer = connected(socket);
+  const std::string bytes = pattern(3000001);
+  std::thread writer([&] {
+    peer.send(bytes);
+    peer.close();
+  });
+  std::string got;
+  while (socket.fill() != 0) {
+    // All but a few bytes, as whoever parses records would.
+    const std::string_view there = socket.peek();
+    const std::size_t whole = there.size() - there.size() % 7;
+    got.append(there.substr(0, whole));
+    socket.consume(whole);
+    ASSERT_LE(socket.buffered(), 6U);
+  }
+  got.append(socket.peek());
+  writer.join();
+  EXPECT_TRUE(got == bytes);
+  for (const std::size_t length : fake.recvLengths()) {
+    ASSERT_GE(length, kBuffer - 6);
+    ASSERT_LE(length, kBuffer);
+  }
+}
+
 // Looking.
 
 TEST_F(SocketRead, ALookTellsQuietDataAndClosedApart) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <list>
 #include <memory>
+#include <string_view>
 
 #include "infra/oss/kruDeadline.h"
 #include "infra/oss/kruExport.h"
@@ -85,9 +86,19 @@ class KRU_EXPORT Socket {
   /// nothing is left. A reset is thrown once nothing is left. A length of 0 returns 0 at once.
   unsigned long read(char* buffer, unsigned long offset, unsigned long length);
 
-  /// Waits for at least one byte and TAKES up to `length`; otherwise like `read`. When fewer than
-  /// `length` bytes had arrived before, one more look that does not wait is taken.
+  /// Waits for at least one byte and TAKES up to `length`; otherwise like `read`. If the buffer
+  /// holds less than `length`, it is topped up with one non-blocking receive.
   unsigned long readOnce(char* buffer, unsigned long offset, unsigned long length);
+
+  /// What is buffered, without a system call; empty when nothing is. Valid until the next operation
+  /// on the socket or a copy of it.
+  std::string_view peek() const noexcept;
+  /// Takes that many bytes off the front of what is buffered; all of it when that is less.
+  void consume(unsigned long length) noexcept;
+  /// Receives at least one MORE byte into the buffer, in one receive, waiting for it as `readOnce`
+  /// does. Returns how many bytes are buffered then; 0 when the peer has closed and no more will
+  /// come. Throws when it has reset. Either way what is buffered stays.
+  unsigned long fill();
 
   /// Returns when every byte is with the kernel.
   void write(const char* data, unsigned long offset, unsigned long length);
