@@ -240,7 +240,7 @@ TEST_P(Deadline, IsNotMissedWhereverItPassesBetweenTwoLooksAtTheClock) {
 
 TEST_P(Deadline, EndsTheAttemptsOnAHostThatRefuses) {
   auto network = options();
-  network.refuses = true;
+  network.connectError = ECONNREFUSED;
   FaultNetwork faulty(network, answerer());
   auto client = clientOf(GetParam());
   client->setDeadline(1000);
@@ -253,7 +253,7 @@ TEST_P(Deadline, EndsTheAttemptsOnAHostThatRefuses) {
 
 TEST_P(Deadline, CutsAPauseBetweenAttemptsShort) {
   auto network = options();
-  network.refuses = true;
+  network.connectError = ECONNREFUSED;
   FaultNetwork faulty(network, answerer());
   auto client = clientOf(GetParam());
   client->setDeadline(300);

@@ -3,63 +3,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <limits>
-#include <memory>
 #include <string>
 #include <vector>
 
+#include "tests/support/simulatedKernel.h"
+
 namespace tq::test {
-
-/// The entries of the table of system calls that can go wrong.
-enum class Entry {
-  Socket,
-  Setsockopt,
-  Connect,
-  Getsockopt,
-  Fcntl,
-  Poll,
-  Recv,
-  Sendmsg,
-  Close,
-  Getaddrinfo,
-  Clock,
-};
-const char* nameOf(Entry entry);
-
-/// What a call was good for: the failure of one call means something else in each.
-enum class Phase {
-  Resolve,
-  Connect,
-  Look,  // at a connection on which nothing is awaited
-  Send,
-  Receive,
-  Close,
-  Clock,
-};
-
-/// How one call goes wrong.
-struct Fault {
-  enum class Kind {
-    Error,       // fails with the errno, or, of the resolver, with the code
-    Interrupt,   // a signal arrives
-    WouldBlock,  // nothing can be moved just now, although poll has said so
-    Short,       // moves one byte
-    Eof,         // the peer has closed
-    SoError,     // the connect that went on in the background has failed
-    Stall,       // nothing more is moved on the connection, ever
-    Delay,       // of a look at the clock: the process has not run for so many milliseconds
-  };
-  Kind kind;
-  int value = 0;
-};
-std::string nameOf(const Fault& fault);
-
-struct SeenCall {
-  Entry entry;
-  Phase phase;
-  std::size_t awaited = 0;  // bytes of a reply that the client needs and has not got
-  bool moved = false;       // bytes, in either direction
-};
 
 /// A reply, cut into what one receive gets at most. What stands behind the last byte that the
 /// client needs is its tail.
@@ -76,58 +25,56 @@ using Answerer = std::function<Answer(const std::string& request)>;
 /// One at a time, one thread.
 class FaultNetwork {
  public:
-  struct Options {
-    bool framed = false;              // requests of the binary protocol
-    bool connectInBackground = true;  // as over a real network; else at once, as over loopback
-    bool writesWait = true;           // a write that must not wait finds no room at first
-    unsigned int dripMillis = 0;      // a reply comes byte by byte, with so much time between
-    std::size_t window = std::numeric_limits<std::size_t>::max();  // bytes a connection takes
-    unsigned int writeMillis = 0;  // what each write takes, however little it moves
-    std::size_t writeMost = std::numeric_limits<std::size_t>::max();  // bytes a write moves
-    bool neverAccepts = false;
-    bool refuses = false;
-    bool silent = false;  // takes requests and answers none
-    unsigned int resolveMillis = 0;
-    std::size_t clockFailsFrom = std::numeric_limits<std::size_t>::max();  // that look on
-    std::vector<std::string> addresses{"127.0.0.1"};                       // those of every name
+  struct Options : SimulatedKernel::Options {
+    Options() {
+      connectInBackground = true;
+      writesWait = true;
+      addresses = {"127.0.0.1"};
+    }
+
+    bool framed = false;          // requests of the binary protocol
+    unsigned int dripMillis = 0;  // a reply comes byte by byte, with so much time between
+    bool silent = false;          // takes requests and answers none
   };
 
   FaultNetwork(const Options& options, Answerer answerer);
-  ~FaultNetwork();
-  FaultNetwork(const FaultNetwork&) = delete;
-  FaultNetwork& operator=(const FaultNetwork&) = delete;
 
-  Options& options();
+  Options& options() { return options_; }
 
   /// The nth call of the entry from now on, counted from 1, goes wrong. Several may.
-  void plan(Entry entry, std::size_t nth, const Fault& fault);
-  bool planIsOver() const;
+  void plan(Entry entry, std::size_t nth, const Fault& fault) {
+    kernel_.faults().add(entry, nth, fault);
+  }
+  bool planIsOver() const { return kernel_.faults().isOver(); }
 
   /// The calls since the last `forgetCalls`, in their order.
-  const std::vector<SeenCall>& calls() const;
-  void forgetCalls();
+  const std::vector<SeenCall>& calls() const { return kernel_.faults().calls(); }
+  void forgetCalls() { kernel_.faults().forgetCalls(); }
   /// How often the entry was called since the network began; looks at the clock are counted only.
-  std::size_t count(Entry entry) const;
+  std::size_t count(Entry entry) const { return kernel_.faults().count(entry); }
 
-  std::size_t openDescriptors() const;
+  std::size_t openDescriptors() const { return kernel_.openDescriptors(); }
   /// When each connect began, in nanoseconds of the network's clock.
-  const std::vector<std::uint64_t>& connectTimes() const;
+  const std::vector<std::uint64_t>& connectTimes() const { return kernel_.connectTimes(); }
   /// Descriptors that were closed twice, or used when they were not open.
-  std::size_t misusedDescriptors() const;
+  std::size_t misusedDescriptors() const { return kernel_.misusedDescriptors(); }
   /// Every request that a peer has seen whole.
-  const std::vector<std::string>& journal() const;
+  const std::vector<std::string>& journal() const { return journal_; }
   /// True when somebody waited without a limit for what would never come.
-  bool waitedForever() const;
-  std::uint64_t nowNanos() const;
+  bool waitedForever() const { return kernel_.waitedForever(); }
+  std::uint64_t nowNanos() const { return kernel_.now(); }
 
   /// Told when the network itself begins to work, and when the code under test goes on: a test that
   /// fails allocations means the latter's. Null, as at first: nobody is told.
-  static void tellOfWork(void (*listener)(bool begins));
-
-  struct State;
+  static void tellOfWork(void (*listener)(bool begins)) { SimulatedKernel::tellOfWork(listener); }
 
  private:
-  std::unique_ptr<State> state_;
+  class AnsweringPeer;
+
+  Options options_;
+  Answerer answerer_;
+  std::vector<std::string> journal_;
+  SimulatedKernel kernel_;
 };
 
 }  // namespace tq::test

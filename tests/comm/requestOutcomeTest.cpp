@@ -144,7 +144,7 @@ TEST_P(RequestOutcomes, OfALaterRequestReplaceThoseOfAnEarlierOne) {
   runMarked(*client, {kGetStatus});
   ASSERT_EQ(client->getRequestOutcome(), RequestOutcome::Answered);
   client->close();
-  network.options().refuses = true;
+  network.options().connectError = ECONNREFUSED;
   runMarked(*client, {kGetStatus});
   EXPECT_EQ(client->getRequestOutcome(), RequestOutcome::NotSent);
 }
@@ -185,7 +185,7 @@ TEST_P(RequestOutcomes, AreAnAnswerWhenALaterAttemptIsAnswered) {
 }
 
 TEST_P(RequestOutcomes, AreThatNothingWasSentWhenNoAttemptGotThrough) {
-  network.options().refuses = true;
+  network.options().connectError = ECONNREFUSED;
   client->setNumRetries(5);
   EXPECT_EQ(runMarked(*client, {4}).outcome, RequestOutcome::NotSent);
   EXPECT_EQ(network.connectTimes().size(), 6U);
@@ -371,7 +371,7 @@ class RetryPause : public ByProtocol {
  protected:
   /// The milliseconds between the attempts on a host that refuses.
   std::vector<double> pauses(unsigned int retries) {
-    network.options().refuses = true;
+    network.options().connectError = ECONNREFUSED;
     client->setNumRetries(retries);
     const std::size_t before = network.connectTimes().size();
     runMarked(*client, {kGetStatus});
@@ -432,7 +432,7 @@ TEST_P(RetryPause, IsTheFirstOneWhenTheMostIsLess) {
 }
 
 TEST_P(RetryPause, EndsWithTheDeadline) {
-  network.options().refuses = true;
+  network.options().connectError = ECONNREFUSED;
   client->setRetryPause(100, 100000);
   client->setNumRetries(100);
   client->setDeadline(500);
@@ -446,7 +446,7 @@ TEST_P(RetryPause, DoesNotPrecedeTheFirstAttemptNorFollowTheLast) {
   client->setRetryPause(1000, 1000);
   EXPECT_EQ(runMarked(*client, {kGetStatus}).longestMillis, 0U);
   client->close();
-  network.options().refuses = true;
+  network.options().connectError = ECONNREFUSED;
   client->setNumRetries(0);
   EXPECT_EQ(runMarked(*client, {kGetStatus}).longestMillis, 0U);
 }
