@@ -9,12 +9,14 @@ namespace tq::comm {
 
 namespace {
 
+constexpr Raiser fail("kruClientResponse");
+
 // Only a client that speaks a protocol can receive; the connection alone cannot.
 CorvaneRESTClient& receiverOf(CorvaneClient& client) {
   auto* receiver = dynamic_cast<CorvaneRESTClient*>(&client);
   if (receiver == nullptr) {
-    raise(StaticDefs::ERR_INVALID_STATE, "kruClientResponse", __LINE__, client.getHost(),
-          client.getPort());
+    fail(StaticDefs::ERR_INVALID_STATE,
+         Details(u"this client speaks no protocol").server(client.getHost(), client.getPort()));
   }
   return *receiver;
 }
@@ -35,7 +37,8 @@ SearchResponse& ClientResponse::getSearchResponse(CorvaneClient& client, bool st
   const tq::oss::TraceScope scope(trace::ClientResponsePullSearchResponse);
   if (resultsBuffered_) return getSearchResponse();
   CorvaneRESTClient& receiver = receiverOf(client);
-  const CorvaneClient::OperationScope operation(client);
+  receiver.refuseForeign(*this);
+  const CorvaneRESTClient::PullScope pull(receiver);
   resetResultCount();
   if (streaming) {
     pullUntilResults(receiver, *this, searchResponse_);
@@ -49,7 +52,8 @@ ParseResponse& ClientResponse::getParseResponse(CorvaneClient& client) {
   const tq::oss::TraceScope scope(trace::ClientResponsePullParseResponse);
   if (resultsBuffered_) return getParseResponse();
   CorvaneRESTClient& receiver = receiverOf(client);
-  const CorvaneClient::OperationScope operation(client);
+  receiver.refuseForeign(*this);
+  const CorvaneRESTClient::PullScope pull(receiver);
   resetResultCount();
   pullUntilResults(receiver, *this, parseResponse_);
   return parseResponse_;

@@ -1,14 +1,16 @@
 #include "comm/kruCorvaneClient.h"
 
+#include <cxxabi.h>
+
 #include <algorithm>
 #include <limits>
 #include <list>
 
 #include "comm/kruFunctionIds.h"
+#include "comm/kruLine.h"
 #include "comm/kruRESTException.h"
 #include "comm/kruRaise.h"
 #include "comm/kruStaticDefs.h"
-#include "infra/oss/kruClock.h"
 #include "infra/oss/kruConverter.h"
 #include "infra/oss/kruSocketException.h"
 #include "infra/oss/kruTrace.h"
@@ -17,9 +19,8 @@ namespace tq::comm {
 
 namespace {
 
-constexpr const char* kFile = "kruCorvaneClient";
+constexpr Raiser fail("kruCorvaneClient");
 constexpr char16_t kNoHost[] = u"<unspecified>";
-constexpr std::uint64_t kNanosPerMilli = 1000000;
 
 }  // namespace
 
@@ -34,6 +35,7 @@ CorvaneClient::CorvaneClient(const icu::UnicodeString& host, unsigned int port,
       port_(port),
       persistent_(persistent),
       buffered_(buffered),
+      line_(std::make_unique<Line>()),
       addresses_(addresses) {
   tq::oss::Converter::checked(host_);
 }
@@ -52,7 +54,13 @@ void CorvaneClient::setMaxReplyBytes(std::size_t bytes) {
   maxReplyBytes_ = std::min<std::size_t>(bytes, std::numeric_limits<int>::max());
 }
 
-bool CorvaneClient::isConnected() const { return connected_; }
+void CorvaneClient::setWaitHook(tq::oss::WaitHook hook, void* host) {
+  socket_.setWaitHook(hook, host);
+}
+
+bool CorvaneClient::isConnected() const { return line_->state() != Line::State::NotConnected; }
+
+std::uint64_t CorvaneClient::getConnectionNumber() const { return line_->connectionNumber(); }
 
 const icu::UnicodeString& CorvaneClient::getHost() const { return host_; }
 
@@ -60,47 +68,46 @@ unsigned int CorvaneClient::getPort() const { return port_; }
 
 void CorvaneClient::open() {
   const tq::oss::TraceScope trace(trace::CorvaneClientOpen);
-  if (connected_) {
+  if (isConnected()) {
     if (persistent_) return;
-    try {
-      socket_.close();
-    } catch (...) {
-      // The connection is given up either way.
-    }
-    connected_ = false;
+    dropConnection();
   }
-  if (host_ == kNoHost) raise(StaticDefs::ERR_CONNECT_SERVER, kFile, __LINE__, host_, port_);
+  if (host_ == kNoHost) fail(StaticDefs::ERR_CONNECT_SERVER, atServer());
   connect();
-  connected_ = true;
-  ++connectionNumber_;
+  line_->connected();
 }
 
 void CorvaneClient::connect() {
   const OperationScope operation(*this);
   try {
     socket_.connect(host_, port_, addresses_, timeOut_ != 0 ? &timeOut_ : nullptr);
+  } catch (const tq::oss::SocketCancelledException& e) {
+    failIfWaitEnded(fail, e);
   } catch (const tq::oss::SocketException& e) {
-    if (deadlinePassed()) {
-      raise(StaticDefs::ERR_SERVER_COMM_TIMEOUT, kFile, __LINE__, host_, port_);
-    }
+    if (deadline_.passed()) fail(StaticDefs::ERR_SERVER_COMM_TIMEOUT, atServer());
     // The system's own words travel with it.
-    raise(StaticDefs::ERR_CONNECT_SERVER, kFile, __LINE__, host_, port_, e.getMessageList());
+    fail(StaticDefs::ERR_CONNECT_SERVER, atServer().cause(e.getMessageList()));
   } catch (const tq::oss::BaseException&) {
-    raise(StaticDefs::ERR_CONNECT_SERVER, kFile, __LINE__, host_, port_);
+    fail(StaticDefs::ERR_CONNECT_SERVER, atServer());
+  } catch (abi::__forced_unwind&) {
+    throw;
   } catch (...) {
-    raise(StaticDefs::ERR_CONNECT_SERVER, kFile, __LINE__, host_, port_);
+    fail(StaticDefs::ERR_CONNECT_SERVER, atServer());
   }
 }
 
 void CorvaneClient::close() {
   const tq::oss::TraceScope trace(trace::CorvaneClientClose);
-  if (!connected_) return;
+  if (isConnected()) dropConnection();
+}
+
+void CorvaneClient::dropConnection() {
+  line_->closed();
   try {
     socket_.close();
-  } catch (...) {
-    // Nobody can do anything about it; the connection counts as closed.
+  } catch (const tq::oss::BaseException&) {
+    // The descriptor is released even when the system reports an error, so nothing is left to do.
   }
-  connected_ = false;
 }
 
 unsigned long CorvaneClient::read(char* buffer, unsigned long offset, unsigned long length,
@@ -126,13 +133,12 @@ bool CorvaneClient::dataToRead(bool wait) {
   std::list<tq::oss::Socket> readers{socket_};
   std::list<tq::oss::Socket> writers;
   std::list<tq::oss::Socket> excepts;
-  // Rounded up, so that a wait never ends just before the deadline; 0 when that came since the
-  // caller looked.
-  const std::uint64_t left = nanosToDeadline();
-  const unsigned long allowed = std::min<unsigned long>(
-      timeOut_, left / kNanosPerMilli + (left % kNanosPerMilli != 0 ? 1 : 0));
+  unsigned long allowed = timeOut_;
+  if (!deadline_.isNone()) {
+    allowed = std::min(allowed, static_cast<unsigned long>(deadline_.pollMillis()));
+  }
   if (tq::oss::Socket::select(readers, writers, excepts, &allowed) == 0) {
-    raise(StaticDefs::ERR_SERVER_COMM_TIMEOUT, kFile, __LINE__, host_, port_);
+    fail(StaticDefs::ERR_SERVER_COMM_TIMEOUT, atServer());
   }
   return true;
 }
@@ -140,43 +146,84 @@ bool CorvaneClient::dataToRead(bool wait) {
 unsigned long CorvaneClient::genericRead(char* buffer, unsigned long offset, unsigned long length,
                                          bool once) {
   const tq::oss::TraceScope trace(trace::CorvaneClientGenericRead);
-  return once ? socket_.readOnce(buffer, offset, length) : socket_.read(buffer, offset, length);
+  if (!once) return socket_.read(buffer, offset, length);
+  const unsigned long taken = socket_.readOnce(buffer, offset, length);
+  if (taken != 0) line_->disturb();
+  return taken;
 }
 
-unsigned long CorvaneClient::takeReplyBytes(char* buffer, unsigned long length) {
-  try {
-    // Bytes that are always there already would never let a wait find out.
-    if (deadlinePassed()) {
-      raise(StaticDefs::ERR_SERVER_COMM_TIMEOUT, kFile, __LINE__, host_, port_);
+bool CorvaneClient::awaitReplyBytes(std::size_t count) {
+  while (socket_.buffered() < count) {
+    // While data keeps arriving nothing ever blocks, so the deadline has to be checked here.
+    if (deadline_.passed()) fail(StaticDefs::ERR_SERVER_COMM_TIMEOUT, atServer());
+    try {
+      if (!awaitMoreReplyBytes()) return false;
+    } catch (const tq::oss::SocketException& e) {
+      failIfWaitEnded(fail, e);
+      throw;
     }
-    if (socket_.buffered() == 0) dataToRead(true);
-    return genericRead(buffer, 0, length, true);
-  } catch (const tq::oss::SocketTimeoutException&) {
-    raise(StaticDefs::ERR_SERVER_COMM_TIMEOUT, kFile, __LINE__, host_, port_);
+  }
+  return true;
+}
+
+bool CorvaneClient::awaitMoreReplyBytes() {
+  // The receive itself is bounded too: a socket with buffered bytes counts as readable, and one
+  // that was reported readable may have nothing after all.
+  const SharedTimeOutScope timeOut(*this);
+  // With an empty buffer the reply has most likely not arrived yet, so waiting comes first.
+  if (socket_.buffered() == 0) dataToRead(true);
+  return fill();
+}
+
+bool CorvaneClient::fill() {
+  const tq::oss::TraceScope trace(trace::CorvaneClientGenericRead);
+  return socket_.fill() != 0;
+}
+
+void CorvaneClient::failIfWaitEnded(const Raiser& raiser, const tq::oss::SocketException& failure,
+                                    unsigned long line) {
+  if (dynamic_cast<const tq::oss::SocketTimeoutException*>(&failure) != nullptr) {
+    raiser(StaticDefs::ERR_SERVER_COMM_TIMEOUT, atServer(), line);
+  }
+  if (dynamic_cast<const tq::oss::SocketCancelledException*>(&failure) != nullptr) {
+    close();
+    raiser(StaticDefs::ERR_CLIENT_CANCELLED, atServer(), line);
   }
 }
 
-bool CorvaneClient::deadlinePassed() const { return nanosToDeadline() == 0; }
+Details CorvaneClient::atServer(const char16_t* reason) const {
+  return (reason != nullptr ? Details(reason) : Details()).server(host_, port_);
+}
 
-std::uint64_t CorvaneClient::nanosToDeadline() const {
-  if (deadlineNanos_ == 0) return std::numeric_limits<std::uint64_t>::max();
-  const std::uint64_t now = tq::oss::monotonicNanos();
-  return now < deadlineNanos_ ? deadlineNanos_ - now : 0;
+void CorvaneClient::limitBy(const tq::oss::Deadline& deadline) {
+  deadline_ = deadline;
+  socket_.setDeadline(deadline);
 }
 
 CorvaneClient::OperationScope::OperationScope(CorvaneClient& client)
-    : client_(client), outermost_(client.deadlineMillis_ != 0 && client.deadlineNanos_ == 0) {
+    : OperationScope(client, client.deadlineMillis_) {}
+
+CorvaneClient::OperationScope::OperationScope(CorvaneClient& client, unsigned int deadlineMillis)
+    : client_(client), outermost_(!client.inOperation_) {
   if (!outermost_) return;
-  // Without a clock the sum wraps to a time that is over, or not further ahead than was asked for.
-  client_.deadlineNanos_ =
-      tq::oss::monotonicNanos() + std::uint64_t{client_.deadlineMillis_} * kNanosPerMilli;
-  client_.socket_.setDeadline(client_.deadlineNanos_);
+  client_.inOperation_ = true;
+  if (deadlineMillis != 0) client_.limitBy(tq::oss::Deadline::in(deadlineMillis));
 }
 
 CorvaneClient::OperationScope::~OperationScope() {
   if (!outermost_) return;
-  client_.deadlineNanos_ = 0;
-  client_.socket_.setDeadline(0);
+  client_.inOperation_ = false;
+  if (!client_.deadline_.isNone()) client_.limitBy(tq::oss::Deadline::none());
+}
+
+CorvaneClient::SharedTimeOutScope::SharedTimeOutScope(CorvaneClient& client)
+    : client_(client), before_(client.deadline_) {
+  if (client_.timeOut_ == 0) return;
+  client_.limitBy(tq::oss::Deadline::earlier(before_, tq::oss::Deadline::in(client_.timeOut_)));
+}
+
+CorvaneClient::SharedTimeOutScope::~SharedTimeOutScope() {
+  if (client_.timeOut_ != 0) client_.limitBy(before_);
 }
 
 }  // namespace tq::comm

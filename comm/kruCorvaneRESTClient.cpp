@@ -1,24 +1,25 @@
 #include "comm/kruCorvaneRESTClient.h"
 
+#include <cxxabi.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <limits>
-#include <new>
-#include <random>
-#include <utility>
 
-#include "comm/kruChunkTail.h"
+#include "comm/kruCarry.h"
 #include "comm/kruClientResponse.h"
 #include "comm/kruFunctionIds.h"
 #include "comm/kruKinds.h"
+#include "comm/kruLine.h"
 #include "comm/kruRESTException.h"
 #include "comm/kruRESTMessage.h"
 #include "comm/kruRESTResponse.h"
 #include "comm/kruRaise.h"
+#include "comm/kruRetryPolicy.h"
 #include "comm/kruStaticDefs.h"
 #include "comm/kruUnsendable.h"
-#include "infra/oss/kruClock.h"
 #include "infra/oss/kruMessageList.h"
 #include "infra/oss/kruSocketException.h"
 #include "infra/oss/kruTrace.h"
@@ -27,20 +28,26 @@ namespace tq::comm {
 
 namespace {
 
-constexpr const char* kFile = "kruCorvaneRESTClient";
+constexpr Raiser fail("kruCorvaneRESTClient");
 
-// The most that is read at once while a header block or a chunk-size line is looked for.
-constexpr unsigned long kFramingPiece = 256;
-// Room for reply bytes is made in steps of at least this much, and at most doubled, so that memory
-// follows what arrives and not what is announced.
-constexpr unsigned long kSmallestSlice = 16384;
-constexpr std::uint64_t kNanosPerMilli = 1000000;
-constexpr std::size_t kKeptCarry = std::size_t{1} << 20;
+// The parser copies what it is offered of a header block, so it is not offered a whole body too.
+constexpr std::size_t kFramingPiece = 256;
 
-bool isTimeOut(const RESTException& error) {
+bool hasId(const RESTException& error, const icu::UnicodeString& id) {
   const tq::oss::MessageList& messages = error.getMessageList();
-  return !messages.empty() &&
-         messages.front().getMessageId() == StaticDefs::ERR_SERVER_COMM_TIMEOUT;
+  return !messages.empty() && messages.front().getMessageId() == id;
+}
+
+/// Tells the responses of different clients apart, also when one lives where another has lived.
+std::uint64_t nextClientNumber() {
+  static std::atomic<std::uint64_t> last{0};
+  return ++last;
+}
+
+/// The kinds that add to the queue of documents or rely on what was queued.
+bool needsQueue(ClientRequest::REQUEST kind) {
+  return kind == ClientRequest::ASYNCH_ADD_DOCUMENT || kind == ClientRequest::LAST_DOC_SENT ||
+         kind == ClientRequest::UPDATE_INDEX || kind == ClientRequest::PARSE_RESULT;
 }
 
 }  // namespace
@@ -53,23 +60,28 @@ CorvaneRESTClient::CorvaneRESTClient(const icu::UnicodeString& host, unsigned in
                                      const tq::oss::Socket::_AddrInfoExternal& addresses,
                                      bool persistent)
     : CorvaneClient(host, port, addresses, persistent, false),
-      tail_(std::make_unique<ChunkTail>()) {
+      retryPolicy_(std::make_unique<RetryPolicy>()),
+      carry_(std::make_unique<Carry>()),
+      clientNumber_(nextClientNumber()) {
   init();
 }
 
-CorvaneRESTClient::CorvaneRESTClient() : tail_(std::make_unique<ChunkTail>()) {}
+CorvaneRESTClient::CorvaneRESTClient()
+    : retryPolicy_(std::make_unique<RetryPolicy>()),
+      carry_(std::make_unique<Carry>()),
+      clientNumber_(nextClientNumber()) {}
 
 CorvaneRESTClient::~CorvaneRESTClient() { close(); }
 
 void CorvaneRESTClient::init() {
-  retries_ = 1;
+  retryPolicy_->retries = 1;
   char name[32];
   std::snprintf(name, sizeof name, "CorvaneRESTClient%0x",
                 static_cast<unsigned int>(reinterpret_cast<std::uintptr_t>(this)));
   clientName_ = icu::UnicodeString::fromUTF8(name);
 }
 
-void CorvaneRESTClient::setNumRetries(unsigned int count) { retries_ = count; }
+void CorvaneRESTClient::setNumRetries(unsigned int count) { retryPolicy_->retries = count; }
 
 bool CorvaneRESTClient::isCommnError(icu::UnicodeString& messageId) {
   return messageId == StaticDefs::ERR_SERVER_COMM_RECV ||
@@ -78,15 +90,22 @@ bool CorvaneRESTClient::isCommnError(icu::UnicodeString& messageId) {
          messageId == StaticDefs::ERR_SERVER_COMM_TIMEOUT;
 }
 
+bool CorvaneRESTClient::isEndOfStream() { return endOfStream_; }
+
 bool CorvaneRESTClient::isEndOfStream() const { return endOfStream_; }
 
 bool CorvaneRESTClient::isTruncated() const { return truncated_; }
 
-void CorvaneRESTClient::setRetryUnsafe(bool on) { retryUnsafe_ = on; }
+void CorvaneRESTClient::setRetryUnsafe(bool on) { retryPolicy_->retryUnsafe = on; }
 
 void CorvaneRESTClient::setRetryPause(unsigned int first, unsigned int most) {
-  firstPause_ = first;
-  longestPause_ = std::max(first, most);
+  retryPolicy_->firstPause = first;
+  retryPolicy_->longestPause = std::max(first, most);
+}
+
+void CorvaneRESTClient::setQueueOnOneConnection(bool on) {
+  queueOnOneConnection_ = on;
+  queueConnection_ = 0;
 }
 
 RequestOutcome CorvaneRESTClient::getRequestOutcome() const { return outcome_; }
@@ -95,9 +114,23 @@ bool CorvaneRESTClient::isRepeatable(ClientRequest::REQUEST kind) {
   return kindOf(kind).has(kRepeatable);
 }
 
+// The exchange.
+
 void CorvaneRESTClient::sendAndRecvMesg(ClientRequest& request, ClientResponse& response) {
   const tq::oss::TraceScope trace(trace::CorvaneRESTClientSendAndRecvMesg);
   const OperationScope operation(*this);
+  exchangeWithRetries(request, response, retryPolicy_->retries);
+}
+
+void CorvaneRESTClient::sendAndRecvMesg(ClientRequest& request, ClientResponse& response,
+                                        const OperationLimits& limits) {
+  const tq::oss::TraceScope trace(trace::CorvaneRESTClientSendAndRecvMesg);
+  const OperationScope operation(*this, limits.deadlineMillis);
+  exchangeWithRetries(request, response, limits.retries);
+}
+
+void CorvaneRESTClient::exchangeWithRetries(ClientRequest& request, ClientResponse& response,
+                                            unsigned int retries) {
   outcome_ = RequestOutcome::NotSent;
   // Before anything is changed: a stream that is still open goes on as the kind that it has.
   refuseUnsendable(request);
@@ -110,20 +143,22 @@ void CorvaneRESTClient::sendAndRecvMesg(ClientRequest& request, ClientResponse& 
       sendAndRecvMesgOnce(request, response);
       return;
     } catch (const RESTException& e) {
-      const bool repeat = mayRepeat(e.getMessageList(), attempt);
+      const bool repeat = attempt < retries && mayRepeat(e);
       mayBeApplied = mayBeApplied || outcome_ == RequestOutcome::MayBeApplied;
       if (mayBeApplied) outcome_ = RequestOutcome::MayBeApplied;
       if (!repeat) rethrow(e.getMessageList());
       close();
       pauseBefore(attempt + 1);
-      if (deadlinePassed()) {
+      if (deadline().passed()) {
         // What the last attempt met follows as the cause.
-        raise(StaticDefs::ERR_SERVER_COMM_TIMEOUT, kFile, __LINE__, host_, port_,
-              e.getMessageList());
+        fail(StaticDefs::ERR_SERVER_COMM_TIMEOUT, atServer().cause(e.getMessageList()));
       }
     } catch (const tq::oss::BaseException&) {
       if (mayBeApplied) outcome_ = RequestOutcome::MayBeApplied;
-      raise(StaticDefs::ERR_CLIENT_INTERNAL, kFile, __LINE__);
+      fail(StaticDefs::ERR_CLIENT_INTERNAL);
+    } catch (abi::__forced_unwind&) {
+      close();
+      throw;
     } catch (...) {
       if (mayBeApplied) outcome_ = RequestOutcome::MayBeApplied;
       throw;
@@ -131,23 +166,22 @@ void CorvaneRESTClient::sendAndRecvMesg(ClientRequest& request, ClientResponse& 
   }
 }
 
-bool CorvaneRESTClient::mayRepeat(const tq::oss::MessageList& failure, unsigned int attempt) const {
-  if (failure.empty() || attempt >= retries_) return false;
-  icu::UnicodeString id = failure.front().getMessageId();
-  if (!isCommnError(id)) return false;
-  return retryUnsafe_ || outcome_ != RequestOutcome::MayBeApplied || isRepeatable(requestKind_);
+bool CorvaneRESTClient::mayRepeat(const RESTException& failure) const {
+  if (failure.getMessageList().empty()) return false;
+  // A repeated attempt takes a fresh connection, which a queue under way must not do.
+  if (queueOnOneConnection_ && queueConnection_ != 0 && needsQueue(requestKind_)) return false;
+  icu::UnicodeString id = failure.getMessageList().front().getMessageId();
+  return retryPolicy_->allows(
+      {isCommnError(id), outcome_ == RequestOutcome::MayBeApplied, isRepeatable(requestKind_)});
 }
 
-/// Clients that failed together must not come back together, hence the random half.
-void CorvaneRESTClient::pauseBefore(unsigned int attempt) const {
-  if (firstPause_ == 0) return;
-  std::uint64_t millis = firstPause_;
-  for (unsigned int i = 1; i < attempt && millis < longestPause_; ++i) millis *= 2;
-  const std::uint64_t nanos = std::min<std::uint64_t>(millis, longestPause_) * kNanosPerMilli;
-  std::minstd_rand random(static_cast<std::minstd_rand::result_type>(
-      tq::oss::monotonicNanos() ^ reinterpret_cast<std::uintptr_t>(this)));
-  std::uniform_int_distribution<std::uint64_t> share(nanos / 2, nanos);
-  tq::oss::pauseFor(std::min(share(random), nanosToDeadline()));
+void CorvaneRESTClient::pauseBefore(unsigned int attempt) {
+  try {
+    retryPolicy_->pauseBefore(attempt, socket_, deadline());
+  } catch (const tq::oss::SocketException& e) {
+    failIfWaitEnded(fail, e);
+    throw;
+  }
 }
 
 void CorvaneRESTClient::sendAndRecvMesgOnce(ClientRequest& request, ClientResponse& response) {
@@ -155,20 +189,21 @@ void CorvaneRESTClient::sendAndRecvMesgOnce(ClientRequest& request, ClientRespon
   const OperationScope operation(*this);
   outcome_ = RequestOutcome::NotSent;
   refuseUnsendable(request);
+  beginExchange();
   openClean();
-  if (!connected_) raise(StaticDefs::ERR_CONNECT_SERVER, kFile, __LINE__, host_, port_);
-  exchangeInProgress_ = true;
+  if (!isConnected()) fail(StaticDefs::ERR_CONNECT_SERVER, atServer());
+  refuseWithoutQueue(request.getRequest());
+  ExchangeScope exchange(*this);
   RESTMessage message(host_, request);
   requestKind_ = request.getRequest();
   sendMesg(message);
-  endOfStream_ = false;
-  truncated_ = false;
+  awaitReply();
   recvMesg(response);
   if (ClientResponse::isMultiResp(requestKind_)) recvRest(response);
-  exchangeInProgress_ = false;
+  exchange.done();
 }
 
-/// A reply counts as an answer when all of it has come.
+/// A multi-portion reply counts as answered only once it is complete.
 void CorvaneRESTClient::recvRest(ClientResponse& response) {
   const RequestOutcome verdict = outcome_;
   outcome_ = RequestOutcome::MayBeApplied;
@@ -178,73 +213,64 @@ void CorvaneRESTClient::recvRest(ClientResponse& response) {
 
 void CorvaneRESTClient::refuseUnsendable(ClientRequest& request) const {
   const char16_t* reason = whyUnsendable(request);
-  if (reason != nullptr) raise(StaticDefs::ERR_CLIENT_INTERNAL, kFile, __LINE__, reason);
+  if (reason != nullptr) fail(StaticDefs::ERR_CLIENT_INTERNAL, atServer(reason));
+}
+
+CorvaneRESTClient::ExchangeScope::ExchangeScope(CorvaneRESTClient& client) : client_(client) {
+  client_.exchange_ = Exchange::Running;
+}
+
+CorvaneRESTClient::ExchangeScope::~ExchangeScope() {
+  if (client_.exchange_ == Exchange::Running) {
+    client_.exchange_ = Exchange::Failed;
+    client_.line_->abandonReply();
+  }
+  // The server takes the requests of a connection in their order: an answer to this one means that
+  // it has what was queued before.
+  const bool verdict =
+      client_.outcome_ == RequestOutcome::Answered || client_.outcome_ == RequestOutcome::Rejected;
+  if (verdict && client_.queueConnection_ == client_.replyConnection_) client_.queueConnection_ = 0;
+}
+
+void CorvaneRESTClient::ExchangeScope::done() { client_.exchange_ = Exchange::Done; }
+
+/// The exchange before has no say any more: its stream can be read no further.
+void CorvaneRESTClient::beginExchange() {
+  ++exchangeNumber_;
+  if (replyConnection_ != 0 && !endOfStream_) {
+    endOfStream_ = true;
+    truncated_ = true;
+  }
+  replyConnection_ = 0;
 }
 
 void CorvaneRESTClient::openClean() {
-  leaveOldConnection();
-  if (connected_ && persistent_ && !connectionIsClean()) close();
+  if (isConnected() && persistent_ && !lineIsReusable()) close();
   open();
-  leaveOldConnection();
 }
 
-/// A stream ends with its connection, even when the exchange that gave it up gets no further: it
-/// would be read on from the new one.
-void CorvaneRESTClient::leaveOldConnection() {
-  if (streamLostItsConnection() && !endOfStream_) {
-    endOfStream_ = true;
-    truncated_ = true;
-    carryCount_ = 0;
-  }
-  forgetOldConnection();
-}
-
-/// A connection that was made since knows nothing of the stream.
-bool CorvaneRESTClient::streamLostItsConnection() const {
-  return tailConnection_ != 0 && tailConnection_ != connectionNumber_;
-}
-
-/// What is known of a connection holds for that one only; the caller may have made another.
-void CorvaneRESTClient::forgetOldConnection() {
-  if (tailConnection_ == connectionNumber_) return;
-  tailConnection_ = connectionNumber_;
-  replyOutstanding_ = false;
-  tail_->clear();
-}
-
-/// Looks that do not wait. A peer that has closed in the meantime would cost an attempt, or a
-/// message that nobody answers, and bytes that nobody asked for would be taken for the next reply.
-/// They may stand behind what is still to be skipped, and are seen only when that is out of the
-/// way.
-bool CorvaneRESTClient::connectionIsClean() {
-  if (replyOutstanding_) return false;
-  for (;;) {
-    const tq::oss::Socket::Look look = socket_.look();
-    if (look != tq::oss::Socket::Look::Data) {
-      return look == tq::oss::Socket::Look::Quiet && !tail_->undecided();
-    }
-    skipTail();
-    if (tail_->broken() || socket_.buffered() != 0) return false;
+bool CorvaneRESTClient::lineIsReusable() {
+  try {
+    return line_->isReusable(socket_);
+  } catch (const tq::oss::BaseException&) {
+    return false;
   }
 }
 
-/// Skips what of the old reply is in the socket's buffer.
-void CorvaneRESTClient::skipTail() {
-  char piece[kFramingPiece];
-  while (tail_->active() && socket_.buffered() != 0) {
-    const unsigned long count =
-        socket_.readOnce(piece, 0, std::min<unsigned long>(socket_.buffered(), sizeof piece));
-    const std::size_t skipped = tail_->skip(piece, count);
-    socket_.pushBack(piece + skipped, count - skipped);
-    const std::string_view begun = tail_->reclaim();
-    socket_.pushBack(begun.data(), begun.size());
+void CorvaneRESTClient::refuseWithoutQueue(ClientRequest::REQUEST kind) const {
+  if (!queueOnOneConnection_ || queueConnection_ == 0 || !needsQueue(kind)) return;
+  if (queueConnection_ == line_->connectionNumber()) return;
+  fail(StaticDefs::ERR_SERVER_COMM_SEND,
+       atServer(u"the connection of the documents queued before is gone; queue them again"));
+}
+
+void CorvaneRESTClient::noteQueueWritten() {
+  if (queueOnOneConnection_ && queueConnection_ == 0) {
+    queueConnection_ = line_->connectionNumber();
   }
 }
 
-bool CorvaneRESTClient::markReplyOutstanding(bool outstanding) {
-  forgetOldConnection();
-  return std::exchange(replyOutstanding_, outstanding);
-}
+// Sending.
 
 void CorvaneRESTClient::send(ClientRequest& request) {
   const tq::oss::TraceScope trace(trace::CorvaneRESTClientSend);
@@ -254,13 +280,22 @@ void CorvaneRESTClient::send(ClientRequest& request) {
   sendMesg(message);
 }
 
+void CorvaneRESTClient::refuseOnBrokenLine() const {
+  if (exchange_ == Exchange::Running || line_->state() != Line::State::Broken) return;
+  fail(StaticDefs::ERR_INVALID_STATE,
+       atServer(u"an earlier request was written in part; close the connection first"));
+}
+
 void CorvaneRESTClient::sendMesg(RESTMessage& message) {
   const tq::oss::TraceScope trace(trace::CorvaneRESTClientSendMesg);
+  const OperationScope operation(*this);
+  refuseOnBrokenLine();
+  const ClientRequest::REQUEST kind = message.getRequest();
   tq::oss::Socket::Piece pieces[3];
   unsigned int count = 0;
   const char* header = message.getSerializedHeader();
   pieces[count++] = {header, std::strlen(header)};
-  if (message.getRequest() == ClientRequest::LAST_DOC_SENT) {
+  if (kind == ClientRequest::LAST_DOC_SENT) {
     unsigned int length = 0;
     const char* record = message.getTerminateRecord(length);
     pieces[count++] = {record, length};
@@ -270,129 +305,190 @@ void CorvaneRESTClient::sendMesg(RESTMessage& message) {
       pieces[count++] = {message.getMsgBody(), message.getMsgBodyLength()};
     }
   }
-  // Half a message on the connection spoils it as much as a reply that nobody reads.
-  const bool stillOutstanding = markReplyOutstanding(true);
+  Line::Sending sending(*line_);
   try {
     socket_.write(pieces, count);
-  } catch (const tq::oss::SocketTimeoutException&) {
-    raise(StaticDefs::ERR_SERVER_COMM_TIMEOUT, kFile, __LINE__, host_, port_);
+  } catch (const tq::oss::SocketException& e) {
+    failIfWaitEnded(fail, e);
+    throw;
   }
   outcome_ = RequestOutcome::MayBeApplied;
-  markReplyOutstanding(stillOutstanding || ClientResponse::isRespReqd(message.getRequest()));
+  sending.done(ClientResponse::isRespReqd(kind) ? 1 : 0);
+  if (kind == ClientRequest::ASYNCH_ADD_DOCUMENT) noteQueueWritten();
 }
 
-/// A reply of unusual size does not keep its memory for ever.
-void CorvaneRESTClient::startCarry() {
-  carryCount_ = 0;
-  if (carry_.capacity() > kKeptCarry) carry_.resize(0);
+// Whose reply, and whose response.
+
+void CorvaneRESTClient::awaitReply() {
+  endOfStream_ = false;
+  truncated_ = false;
+  replyConnection_ = line_->connectionNumber();
 }
+
+void CorvaneRESTClient::refuseReplyByHand() const {
+  if (!isConnected()) fail(StaticDefs::ERR_CONNECT_SERVER, atServer());
+  if (line_->state() == Line::State::Asked) return;
+  fail(StaticDefs::ERR_INVALID_STATE,
+       atServer(u"it is not known whose reply would arrive next; only the one to a single request "
+                u"that was sent by hand on a sound connection can be received by hand"));
+}
+
+void CorvaneRESTClient::beginReply(ClientResponse& response) {
+  if (exchange_ == Exchange::Running) {
+    line_->beginReply(exchangeNumber_);
+  } else {
+    refuseReplyByHand();
+    beginExchange();
+    awaitReply();
+    line_->doubt();
+  }
+  carry_->clear();
+  response.fillFrom(clientNumber_, exchangeNumber_);
+  response.resetResultCount();
+}
+
+void CorvaneRESTClient::skipReply(ClientResponse& response) {
+  if (exchange_ != Exchange::Running && line_->state() == Line::State::Asked) {
+    fail(StaticDefs::ERR_INVALID_STATE,
+         atServer(u"the request that was sent by hand has a reply, and requests of the kind of the "
+                  u"last exchange have none"));
+  }
+  response.fillFrom(clientNumber_, exchangeNumber_);
+  response.resetResultCount();
+  response.setReturnCode(0);
+  endOfStream_ = true;
+}
+
+void CorvaneRESTClient::refuseForeign(const ClientResponse& response) const {
+  if (response.isFree() || response.isFilledFrom(clientNumber_, exchangeNumber_)) return;
+  fail(
+      StaticDefs::ERR_INVALID_STATE,
+      atServer(u"another exchange has filled this response; the stream of the last exchange can be "
+               u"read only into its own"));
+}
+
+void CorvaneRESTClient::claim(ClientResponse& response) {
+  refuseForeign(response);
+  response.fillFrom(clientNumber_, exchangeNumber_);
+}
+
+bool CorvaneRESTClient::streamLostItsConnection() const {
+  return replyConnection_ != 0 &&
+         (replyConnection_ != line_->connectionNumber() || !isConnected() || line_->isDisturbed());
+}
+
+void CorvaneRESTClient::endReply() { line_->endReply(exchangeNumber_); }
+
+void CorvaneRESTClient::breakStreamOff() {
+  endOfStream_ = true;
+  truncated_ = true;
+  carry_->clear();
+  // A connection that was made since knows nothing of the stream.
+  if (!streamLostItsConnection()) line_->doubt();
+}
+
+// Receiving.
 
 void CorvaneRESTClient::recvMesg(ClientResponse& response) {
   const tq::oss::TraceScope trace(trace::CorvaneRESTClientRecvMesg);
-  startCarry();
-  response.resetResultCount();
-  if (!ClientResponse::isRespReqd(requestKind_)) {
-    response.setReturnCode(0);
-    endOfStream_ = true;
-    return;
-  }
+  const OperationScope operation(*this);
+  if (!ClientResponse::isRespReqd(requestKind_)) return skipReply(response);
+  beginReply(response);
   RESTResponse parser(requestKind_, false);
   parser.setMaxReplyBytes(maxReplyBytes_);
   if (isStreamSearch(requestKind_)) response.setSearchResponse(SearchResponse());
   if (requestKind_ == ClientRequest::PARSE_RESULT) response.setParseResponse(ParseResponse());
-  bool closed = false;
-  int need = 0;
+  bool complete = false;
   try {
-    while (!closed && !parser.parseDone(need)) {
-      if (!parser.wantsWholeBody()) {
-        closed = !takeFraming(parser, response, nullptr);
-      } else {
-        closed = !appendReplyBytes(static_cast<unsigned long>(need));
-        if (!closed) parseFirstBody(parser, response);
-      }
-    }
+    complete = takeFirstReply(parser, response);
   } catch (const tq::oss::SocketException&) {
-    closed = true;
+    // A broken connection and a closed one say the same of the reply.
   }
-  if (closed) raise(StaticDefs::ERR_SERVER_COMM_RECV, kFile, __LINE__, host_, port_);
+  if (!complete) fail(StaticDefs::ERR_SERVER_COMM_RECV, atServer());
   settleFirstReply(parser);
 }
 
-/// Feeds the parser what is there of a header block or a chunk-size line, and puts back what is
-/// none of it. False: the peer has closed. What was consumed is added to `taken` where one is
-/// given: a portion that does not arrive in time is put back as a whole.
-bool CorvaneRESTClient::takeFraming(RESTResponse& parser, ClientResponse& response,
-                                    std::string* taken) {
+/// False: the peer has closed before the parser was done.
+bool CorvaneRESTClient::takeFirstReply(RESTResponse& parser, ClientResponse& response) {
   int need = 0;
-  parser.parseDone(need);
-  char piece[kFramingPiece];
-  const unsigned long count = takeReplyBytes(
-      piece, std::min<unsigned long>(static_cast<unsigned long>(need), sizeof piece));
-  if (count == 0) return false;
-  const std::size_t skipped = tail_->skip(piece, count);
-  if (tail_->broken()) raise(StaticDefs::ERR_CLIENT_RESP_PARSING);
-  const std::string_view begun = tail_->reclaim();
-  if (!begun.empty()) {
-    parser.parseMesg(begun.data(), static_cast<int>(begun.size()), response, endOfStream_);
+  while (!parser.parseDone(need)) {
+    if (parser.wantsWholeBody()) {
+      const auto body = takeBody(parser, 0);
+      if (!body) return false;
+      parseFirstBody(parser, response, *body);
+    } else {
+      std::size_t taken = 0;
+      if (!takeFraming(parser, response, taken)) return false;
+      socket_.consume(taken);
+    }
   }
-  const auto offered = static_cast<int>(count - skipped);
-  if (offered == 0) return true;
-  const int leftover = parser.parseMesg(piece + skipped, offered, response, endOfStream_);
-  const auto behind = static_cast<unsigned long>(leftover);
-  socket_.pushBack(piece + count - behind, behind);
-  if (taken != nullptr) taken->append(piece, count - behind);
   return true;
 }
 
-/// Takes `length` reply bytes behind those carried. False: the peer closed before they were there.
-/// When they do not arrive in time they are put back.
-bool CorvaneRESTClient::appendReplyBytes(unsigned long length) {
+/// Feeds the parser header or chunk-size bytes that stand `offset` bytes into the socket's buffer,
+/// and moves the offset past those that it took. False: the peer has closed.
+bool CorvaneRESTClient::takeFraming(RESTResponse& parser, ClientResponse& response,
+                                    std::size_t& offset) {
+  if (!awaitReplyBytes(offset + 1)) return false;
+  if (offset == 0 && line_->skipArrivedTail(socket_)) {
+    if (!line_->tailIsBroken()) return true;
+    fail(StaticDefs::ERR_CLIENT_RESP_PARSING,
+         atServer(u"the rest of the reply before is not a chunked reply's, or has no end"));
+  }
+  const std::string_view arrived = socket_.peek().substr(offset);
+  const std::size_t offered = std::min(arrived.size(), kFramingPiece);
+  const int leftover =
+      parser.parseMesg(arrived.data(), static_cast<int>(offered), response, endOfStream_);
+  offset += offered - static_cast<std::size_t>(leftover);
+  return true;
+}
+
+/// The body or chunk that the parser wants, after what was carried. It stays in the socket's buffer
+/// until it has been parsed: a portion that does not arrive in time is lost in no part. Nothing:
+/// the peer closed before all of it came.
+std::optional<std::string_view> CorvaneRESTClient::takeBody(const RESTResponse& parser,
+                                                            std::size_t offset) {
+  const auto size = static_cast<std::size_t>(parser.getContentLength());
   // The parsers count in ints.
-  constexpr unsigned long kMost = std::numeric_limits<int>::max();
-  if (length > kMost - std::min(carryCount_, kMost)) raise(StaticDefs::ERR_CLIENT_RESP_PARSING);
-  unsigned long got = 0;
-  try {
-    while (got < length) {
-      const unsigned long held = carryCount_ + got;
-      const unsigned long slice = std::min(length - got, std::max(held, kSmallestSlice));
-      if (!carry_.grow(held + slice, held)) throw std::bad_alloc();
-      const unsigned long count = takeReplyBytes(carry_.data() + held, slice);
-      if (count == 0) return false;
-      got += count;
-    }
-  } catch (const RESTException&) {
-    socket_.pushBack(carry_.data() + carryCount_, got);
-    throw;
+  constexpr std::size_t kMost = std::numeric_limits<int>::max();
+  if (size > kMost - std::min(carry_->size(), kMost)) {
+    fail(StaticDefs::ERR_CLIENT_RESP_PARSING, atServer(u"a record is longer than any reply"));
   }
-  carryCount_ += length;
-  return true;
+  if (!awaitReplyBytes(offset + size)) return std::nullopt;
+  return carry_->join(socket_.peek().substr(offset, size));
 }
 
-void CorvaneRESTClient::parseFirstBody(RESTResponse& parser, ClientResponse& response) {
-  // Whatever ends the parsing, no byte is parsed twice.
-  const unsigned long total = std::exchange(carryCount_, 0UL);
-  int leftover = 0;
+void CorvaneRESTClient::parseFirstBody(RESTResponse& parser, ClientResponse& response,
+                                       std::string_view body) {
+  const std::size_t arrived = body.size() - carry_->size();
   try {
-    leftover = parser.parseMesg(carry_.data(), static_cast<int>(total), response, endOfStream_);
-  } catch (const RESTException&) {
-    int need = 0;
-    const bool serverError = parser.parseDone(need);
-    if (serverError) outcome_ = RequestOutcome::Rejected;
-    if (!parser.isChunked()) {
-      markReplyOutstanding(false);
-    } else if (serverError) {
-      settleChunked(parser);
-    }
+    const int leftover =
+        parser.parseMesg(body.data(), static_cast<int>(body.size()), response, endOfStream_);
+    carry_->keepLast(body, static_cast<std::size_t>(leftover));
+  } catch (...) {
+    // Whatever ends the parsing, no byte is parsed twice.
+    carry_->clear();
+    socket_.consume(arrived);
+    settleError(parser);
     throw;
   }
-  keepLeftover(total, static_cast<unsigned long>(leftover));
+  socket_.consume(arrived);
 }
 
-void CorvaneRESTClient::keepLeftover(unsigned long total, unsigned long leftover) {
-  if (leftover != 0 && leftover != total) {
-    std::memmove(carry_.data(), carry_.data() + (total - leftover), leftover);
+/// What the connection holds after a body that was no success.
+void CorvaneRESTClient::settleError(RESTResponse& parser) {
+  int need = 0;
+  const bool serverError = parser.parseDone(need);
+  if (serverError) outcome_ = RequestOutcome::Rejected;
+  if (parser.isChunked() && !serverError) return;
+  // All of the reply was read, so that a receive finds its end and does not wait for more.
+  endOfStream_ = true;
+  truncated_ = !serverError;
+  if (parser.isChunked()) {
+    settleChunked(parser);
+  } else {
+    endReply();
   }
-  carryCount_ = leftover;
 }
 
 /// The parser is done with the first body: is the reply over, and what does the connection hold?
@@ -402,30 +498,26 @@ void CorvaneRESTClient::settleFirstReply(const RESTResponse& parser) {
   const bool streaming = ClientResponse::isStreaming(requestKind_);
   const bool bodyEnded = !parser.isChunked() || parser.lastChunkSeen();
   if (isSearch(requestKind_) && bodyEnded) {
-    truncated_ = carryCount_ != 0 && !parser.endMarkSeen();
+    truncated_ = carry_->size() != 0 && !parser.endMarkSeen();
   }
   if (!streaming || bodyEnded) endOfStream_ = true;
   if (!parser.isChunked()) {
-    markReplyOutstanding(false);
+    endReply();
   } else if (endOfStream_ || requestKind_ == ClientRequest::SELECTIVITY) {
     // The one record of an estimate is all of it, though its stream counts as open.
     settleChunked(parser);
   }
-  if (endOfStream_) carryCount_ = 0;
+  if (endOfStream_) carry_->clear();
 }
 
 void CorvaneRESTClient::settleChunked(const RESTResponse& parser) {
-  markReplyOutstanding(false);
-  if (parser.lastChunkSeen()) {
-    tail_->startBehindLastChunk();
-  } else {
-    tail_->startBehindData(maxReplyBytes_);
-  }
+  line_->endChunkedReply(exchangeNumber_, parser.lastChunkSeen(), maxReplyBytes_);
 }
 
 void CorvaneRESTClient::recvStream(ClientResponse& response) {
   const tq::oss::TraceScope trace(trace::CorvaneRESTClientRecvStream);
   const OperationScope operation(*this);
+  claim(response);
   if (endOfStream_) {
     response.setSearchResponse(SearchResponse());
     return;
@@ -439,16 +531,11 @@ void CorvaneRESTClient::recvStream(ClientResponse& response) {
   RESTResponse parser(parseResults ? ClientRequest::PARSE_RESULT : ClientRequest::STREAM_SEARCH,
                       true);
   parser.setMaxReplyBytes(maxReplyBytes_);
-  tail_->clear();
-  markReplyOutstanding(true);
+  line_->readOn(exchangeNumber_);
   try {
-    if (takePortion(parser, response)) {
-      parsePortion(parser, response);
-    } else {
-      breakStreamOff();
-    }
+    if (!takePortion(parser, response)) breakStreamOff();
   } catch (const RESTException& e) {
-    if (!isTimeOut(e)) breakStreamOff();
+    if (!hasId(e, StaticDefs::ERR_SERVER_COMM_TIMEOUT)) breakStreamOff();
     throw;
   } catch (...) {
     breakStreamOff();
@@ -456,48 +543,49 @@ void CorvaneRESTClient::recvStream(ClientResponse& response) {
   }
 }
 
-/// Takes a chunk-size line and its data. False: the connection broke off before all of it came.
+/// Takes a chunk-size line and its data. False: the connection ended before all of it came.
 bool CorvaneRESTClient::takePortion(RESTResponse& parser, ClientResponse& response) {
-  std::string line;
+  std::size_t offset = 0;
+  std::optional<std::string_view> portion;
   try {
     while (!parser.wantsWholeBody()) {
-      if (!takeFraming(parser, response, &line)) return false;
+      if (!takeFraming(parser, response, offset)) return false;
     }
-    int need = 0;
-    parser.parseDone(need);
-    return appendReplyBytes(static_cast<unsigned long>(need));
+    portion = takeBody(parser, offset);
   } catch (const tq::oss::SocketException&) {
     return false;
-  } catch (const RESTException& e) {
-    if (isTimeOut(e)) socket_.pushBack(line.data(), line.size());
-    throw;
   }
+  if (!portion) return false;
+  const std::size_t arrived = offset + portion->size() - carry_->size();
+  parsePortion(parser, response, *portion);
+  socket_.consume(arrived);
+  collected_ += arrived;
+  return true;
 }
 
-void CorvaneRESTClient::parsePortion(RESTResponse& parser, ClientResponse& response) {
-  const unsigned long total = carryCount_;
+void CorvaneRESTClient::parsePortion(RESTResponse& parser, ClientResponse& response,
+                                     std::string_view portion) {
   const int leftover =
-      parser.parseMesg(carry_.data(), static_cast<int>(total), response, endOfStream_);
+      parser.parseMesg(portion.data(), static_cast<int>(portion.size()), response, endOfStream_);
   if (!endOfStream_) {
-    keepLeftover(total, static_cast<unsigned long>(leftover));
+    carry_->keepLast(portion, static_cast<std::size_t>(leftover));
     return;
   }
-  // What an estimate has carried is its end mark.
-  truncated_ = isSearch(requestKind_) && parser.lastChunkSeen() && total != 0;
-  carryCount_ = 0;
+  // For SELECTIVITY the carried bytes are only the end mark, so nothing was lost.
+  truncated_ = isSearch(requestKind_) && parser.lastChunkSeen() && !portion.empty();
+  carry_->clear();
   settleChunked(parser);
 }
 
-/// Nothing more can come of this stream. What its connection still carries stays outstanding.
-void CorvaneRESTClient::breakStreamOff() {
-  endOfStream_ = true;
-  truncated_ = true;
-  carryCount_ = 0;
+/// An estimate brings no results that would end the loop before the stream's end, so that the peer
+/// could stretch it at will.
+CorvaneRESTClient::PullScope::PullScope(CorvaneRESTClient& client) : operation_(client) {
+  if (client.requestKind_ == ClientRequest::SELECTIVITY) estimate_.emplace(client);
 }
 
 void CorvaneRESTClient::recv(ClientResponse& response) {
   const tq::oss::TraceScope trace(trace::CorvaneRESTClientRecv);
-  if (!connected_) raise(StaticDefs::ERR_CONNECT_SERVER, kFile, __LINE__, host_, port_);
+  if (!isConnected()) fail(StaticDefs::ERR_CONNECT_SERVER, atServer());
   // An exchange that ended by an exception does not stand in the way: what it left can be read.
   recvStream(response);
 }
@@ -505,7 +593,15 @@ void CorvaneRESTClient::recv(ClientResponse& response) {
 void CorvaneRESTClient::recvMultResponse(ClientResponse& response) {
   const tq::oss::TraceScope trace(trace::CorvaneRESTClientRecvMultResponse);
   const OperationScope operation(*this);
-  while (!endOfStream_) recvStream(response);
+  refuseForeign(response);
+  collected_ = 0;
+  while (!endOfStream_) {
+    recvStream(response);
+    if (collected_ <= maxReplyBytes_) continue;
+    breakStreamOff();
+    fail(StaticDefs::ERR_CLIENT_RESP_PARSING,
+         atServer(u"the portions of the reply exceed the limit on its size"));
+  }
 }
 
 }  // namespace tq::comm

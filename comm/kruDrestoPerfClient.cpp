@@ -1,17 +1,17 @@
 #include "comm/kruDrestoPerfClient.h"
 
+#include <cxxabi.h>
+
 #include <algorithm>
-#include <atomic>
-#include <cstring>
-#include <limits>
-#include <new>
+#include <optional>
 #include <utility>
 
-#include "comm/kruBytes.h"
+#include "comm/kruBatch.h"
 #include "comm/kruClientResponse.h"
 #include "comm/kruDrestoPerfResponse.h"
 #include "comm/kruFunctionIds.h"
 #include "comm/kruKinds.h"
+#include "comm/kruLine.h"
 #include "comm/kruRESTException.h"
 #include "comm/kruRESTMessage.h"
 #include "comm/kruRaise.h"
@@ -24,7 +24,7 @@ namespace tq::comm {
 
 namespace {
 
-constexpr const char* kFile = "kruDrestoPerfClient";
+constexpr Raiser fail("kruDrestoPerfClient");
 
 // Support tools recognise these failures by their line, which therefore never changes.
 constexpr unsigned long kLineNotConnected = 68;
@@ -40,114 +40,32 @@ constexpr unsigned long kLineNoReply = 383;
 
 constexpr char16_t kUnknownError[] = u"unknown error from sendandrecvMesgOnce";
 
-// A body above this goes out behind the buffer, in pieces of this size.
-constexpr unsigned long kLargeBody = 10000;
+// The part of a large body that is not copied goes out in pieces of this size.
 constexpr unsigned long kBodyPiece = 10000;
-// A message this small takes as many bytes of its large body along.
-constexpr unsigned long kBodyStart = 5000;
 
-// Batching: the buffer is written when it holds this much.
-constexpr std::size_t kBatchBytes = 10000;
-constexpr int kBatchMessages = 50;
-
-constexpr std::size_t kHeaderLengthField = 2;
 constexpr std::size_t kMaxHeader = 65535;
 
-// An envelope with the largest payload; as much as that left over begins with no envelope.
-constexpr unsigned long kMaxEnvelope = 4 + 65535;
+// The largest possible envelope. If this much is left over, the stream is out of sync.
+constexpr std::size_t kMaxEnvelope = 4 + 65535;
 
 constexpr int kStatusOnly = 5;
 constexpr int kInvalidAuth = 401;
 
-/// Messages held in the send buffers of all clients of the process.
-std::atomic<int>& messagesInBuffer() {
-  static std::atomic<int> messages{0};
-  return messages;
-}
-
-}  // namespace
-
-DrestoPerfClient::DrestoPerfClient(const icu::UnicodeString& host, unsigned int port)
-    : DrestoPerfClient(host, port, tq::oss::Socket::NullAddrInfoExternal) {}
-
-DrestoPerfClient::DrestoPerfClient(const icu::UnicodeString& host, unsigned int port,
-                                   const tq::oss::Socket::_AddrInfoExternal& addresses)
-    : CorvaneRESTClient(host, port, addresses, true) {}
-
-DrestoPerfClient::~DrestoPerfClient() { close(); }
-
-void DrestoPerfClient::setReassembly(bool on) { reassembly_ = on; }
-
-void DrestoPerfClient::sendAndRecvMesgOnce(ClientRequest& request, ClientResponse& response) {
-  const tq::oss::TraceScope trace(trace::DrestoPerfClientSendAndRecvMesgOnce);
-  const OperationScope operation(*this);
-  try {
-    exchange(request, response);
-  } catch (const RESTException& e) {
-    rethrow(e.getMessageList());
-  } catch (...) {
-    raise(StaticDefs::ERR_CLIENT_INTERNAL, kFile, kLineExchangeUnknown, kUnknownError);
-  }
-}
-
-void DrestoPerfClient::exchange(ClientRequest& request, ClientResponse& response) {
-  outcome_ = RequestOutcome::NotSent;
-  refuseUnsendable(request);
-  sendHeldQuestions();
-  openClean();
-  if (!connected_) {
-    raise(StaticDefs::ERR_CONNECT_SERVER, kFile, kLineNotConnected, host_, port_);
-  }
-  exchangeInProgress_ = true;
-  requestKind_ = request.getRequest();
-  requestString_ = request.getRequestString();
-  RESTMessage message(host_, request);
-  // Nothing may fail between holding a message back and sending it: it would still go out with a
-  // later one, and take that one's reply.
-  auto parser = std::make_unique<DrestoPerfResponse>(requestKind_,
-                                                     ClientResponse::resultsExpected(requestKind_));
-  parser->setMaxReplyBytes(maxReplyBytes_);
-  sendMesg(message);
-  carryCount_ = 0;
-  endOfStream_ = false;
-  truncated_ = false;
-  parser_ = std::move(parser);
-  recvMesg(response);
-  while (!endOfStream_ && response.getResultCount() == 0) {
-    // An estimate adds no results: its reply is over with its end mark, which may come later.
-    if (requestKind_ == ClientRequest::SELECTIVITY && parser_->hasTakenRecords()) {
-      parser_->initState(true);
-    }
-    recvStream(response);
-  }
-  exchangeInProgress_ = false;
-  if (ClientResponse::isRespReqd(requestKind_)) outcome_ = RequestOutcome::Answered;
-}
-
-/// What of a message is sent: the body only behind a prefix, the terminate record only for its
-/// kind.
-struct DrestoPerfClient::Parts {
-  std::string_view header;
-  std::string_view terminator;
-  std::string_view prefix;
-  std::string_view body;
-
-  bool largeBody() const { return body.size() > kLargeBody; }
-};
-
-DrestoPerfClient::Parts DrestoPerfClient::partsOf(RESTMessage& message) const {
-  Parts parts;
+Batch::Message messageOf(RESTMessage& message) {
+  Batch::Message parts{};
+  parts.answered = ClientResponse::isRespReqd(message.getRequest());
+  parts.queued = message.getRequest() == ClientRequest::ASYNCH_ADD_DOCUMENT;
   parts.header = message.getSerializedHeader();
   if (parts.header.size() > kMaxHeader) {
-    raise(StaticDefs::ERR_CLIENT_INTERNAL, kFile, __LINE__,
-          u"the header text of a request is longer than 65535 bytes");
+    fail(StaticDefs::ERR_CLIENT_INTERNAL,
+         Details().argument(u"the header text of a request is longer than 65535 bytes"));
   }
   if (message.getRequest() == ClientRequest::LAST_DOC_SENT) {
     unsigned int length = 0;
     const char* record = message.getTerminateRecord(length);
     if (length == 0) {
-      raise(StaticDefs::ERR_CLIENT_INTERNAL, kFile, kLineNoTerminator,
-            u"NULL terminator record in sendMesg");
+      fail(StaticDefs::ERR_CLIENT_INTERNAL,
+           Details().argument(u"NULL terminator record in sendMesg"), kLineNoTerminator);
     }
     parts.terminator = {record, length};
   } else if (message.getMsgPrefixLen() != 0) {
@@ -159,93 +77,143 @@ DrestoPerfClient::Parts DrestoPerfClient::partsOf(RESTMessage& message) const {
   return parts;
 }
 
+}  // namespace
+
+DrestoPerfClient::DrestoPerfClient(const icu::UnicodeString& host, unsigned int port)
+    : DrestoPerfClient(host, port, tq::oss::Socket::NullAddrInfoExternal) {}
+
+DrestoPerfClient::DrestoPerfClient(const icu::UnicodeString& host, unsigned int port,
+                                   const tq::oss::Socket::_AddrInfoExternal& addresses)
+    : CorvaneRESTClient(host, port, addresses, true), batch_(std::make_unique<Batch>()) {}
+
+DrestoPerfClient::~DrestoPerfClient() { close(); }
+
+void DrestoPerfClient::setReassembly(bool on) { reassembly_ = on; }
+
+// The exchange.
+
+void DrestoPerfClient::sendAndRecvMesgOnce(ClientRequest& request, ClientResponse& response) {
+  const tq::oss::TraceScope trace(trace::DrestoPerfClientSendAndRecvMesgOnce);
+  const OperationScope operation(*this);
+  try {
+    exchange(request, response);
+  } catch (const RESTException& e) {
+    rethrow(e.getMessageList());
+  } catch (abi::__forced_unwind&) {
+    throw;
+  } catch (...) {
+    fail(StaticDefs::ERR_CLIENT_INTERNAL, Details().argument(kUnknownError), kLineExchangeUnknown);
+  }
+}
+
+void DrestoPerfClient::exchange(ClientRequest& request, ClientResponse& response) {
+  outcome_ = RequestOutcome::NotSent;
+  refuseUnsendable(request);
+  beginExchange();
+  sendHeldQuestions();
+  openForSending(request.getRequest());
+  if (!isConnected()) fail(StaticDefs::ERR_CONNECT_SERVER, atServer(), kLineNotConnected);
+  refuseWithoutQueue(request.getRequest());
+  ExchangeScope exchange(*this);
+  requestKind_ = request.getRequest();
+  requestString_ = request.getRequestString();
+  RESTMessage message(host_, request);
+  // Everything that can throw comes before sendMesg: a batched message cannot be withdrawn later,
+  // and its reply would be taken for the next request's.
+  auto parser = std::make_unique<DrestoPerfResponse>(requestKind_,
+                                                     ClientResponse::resultsExpected(requestKind_));
+  parser->setMaxReplyBytes(maxReplyBytes_);
+  sendMesg(message);
+  awaitReply();
+  parser_ = std::move(parser);
+  recvMesg(response);
+  receiveFirstResults(response);
+  exchange.done();
+  if (ClientResponse::isRespReqd(requestKind_)) outcome_ = RequestOutcome::Answered;
+}
+
+void DrestoPerfClient::receiveFirstResults(ClientResponse& response) {
+  const bool estimate = requestKind_ == ClientRequest::SELECTIVITY;
+  // An estimate adds no results that would end the loop, so that the peer could stretch it at will.
+  std::optional<SharedTimeOutScope> timeOut;
+  if (estimate) timeOut.emplace(*this);
+  while (!endOfStream_ && response.getResultCount() == 0) {
+    // An estimate's reply is over with its end mark, which may come later than its record.
+    if (estimate && parser_->hasTakenRecords()) parser_->initState(true);
+    recvStream(response);
+  }
+}
+
+// Sending.
+
+/// A message that is only held back needs no look at the connection; whoever writes it looks.
+void DrestoPerfClient::openForSending(ClientRequest::REQUEST kind) {
+  mayBeHeld_ = buffered_ && !ClientResponse::isRespReqd(kind) && persistent_ && isConnected() &&
+               line_->state() != Line::State::Broken;
+  if (!mayBeHeld_) openClean();
+}
+
 void DrestoPerfClient::sendMesg(RESTMessage& message) {
   const tq::oss::TraceScope trace(trace::DrestoPerfClientSendMesg);
+  const OperationScope operation(*this);
+  refuseOnBrokenLine();
+  const bool lookFirst = std::exchange(mayBeHeld_, false);
   try {
-    const Parts parts = partsOf(message);
-    const std::string_view rest = append(parts);
-    replyHeldBefore_ = replyHeld_;
-    replyHeld_ = replyHeld_ || ClientResponse::isRespReqd(message.getRequest());
-    if (mustWrite(parts)) writeBuffer(rest, replyHeld_);
+    const Batch::Message parts = messageOf(message);
+    const std::string_view rest = batch_->append(parts);
+    if (buffered_ && !batch_->isDue(parts)) return;
+    if (lookFirst) openForWriting();
+    writeBatch(rest);
   } catch (const RESTException&) {
     throw;
   } catch (const tq::oss::BaseException& e) {
-    raise(StaticDefs::ERR_CLIENT_INTERNAL, kFile, kLineSendInternal, host_, e.getMessageList());
+    fail(StaticDefs::ERR_CLIENT_INTERNAL, Details().argument(host_).cause(e.getMessageList()),
+         kLineSendInternal);
+  }
+}
+
+/// The look at the connection that a message did not get while it might have been held back.
+void DrestoPerfClient::openForWriting() {
+  try {
+    openClean();
+    refuseWithoutQueue(requestKind_);
+  } catch (...) {
+    batch_->takeBack();
+    throw;
   }
 }
 
 /// A message that was sent by hand and held back is answered before the one that an exchange is
-/// about. It goes out by itself, so that its reply is left with its connection.
+/// about. It is written by itself, so that its reply is left with its connection.
 void DrestoPerfClient::sendHeldQuestions() {
-  if (!replyHeld_) return;
+  if (batch_->questions() == 0) return;
   openClean();
   // The exchange has added nothing yet: whatever fails, all of it still waits.
-  lastMessage_ = sendBuffer_.size();
-  replyHeldBefore_ = true;
-  writeBuffer({}, true);
+  batch_->seal();
+  writeBatch({});
   outcome_ = RequestOutcome::NotSent;
 }
 
-/// Adds a message to the send buffer and returns the part of its body that is not copied.
-std::string_view DrestoPerfClient::append(const Parts& parts) {
-  const std::size_t start = sendBuffer_.size();
-  const std::size_t fixed =
-      kHeaderLengthField + parts.header.size() + parts.terminator.size() + parts.prefix.size();
-  std::string_view copied = parts.body;
-  if (parts.largeBody()) {
-    copied = start + fixed < kBodyStart ? parts.body.substr(0, kBodyStart) : std::string_view();
-  }
-  sendBuffer_.resize(start + fixed + copied.size());
-  bytes::Writer out(sendBuffer_.data() + start);
-  out.putShort(static_cast<std::uint16_t>(parts.header.size()));
-  for (const std::string_view part : {parts.header, parts.terminator, parts.prefix, copied}) {
-    out.putBytes(part.data(), part.size());
-  }
-  lastMessage_ = start;
-  messagesInBuffer().fetch_add(1);
-  return parts.body.substr(copied.size());
-}
-
-bool DrestoPerfClient::mustWrite(const Parts& parts) const {
-  return !buffered_ || sendBuffer_.size() >= kBatchBytes || !parts.terminator.empty() ||
-         parts.largeBody() || messagesInBuffer().load() >= kBatchMessages;
-}
-
-void DrestoPerfClient::writeBuffer(std::string_view rest, bool replyExpected) {
-  // Half a message on the connection spoils it as much as a reply that nobody reads.
-  const bool stillOutstanding = markReplyOutstanding(true);
+void DrestoPerfClient::writeBatch(std::string_view rest) {
+  const unsigned int questions = batch_->questions();
+  const bool queued = batch_->holdsQueued();
+  Line::Sending sending(*line_);
   try {
-    socket_.write(sendBuffer_.data(), 0, sendBuffer_.size());
-    sendBuffer_.clear();
-    lastMessage_ = 0;
-    messagesInBuffer().store(0);
+    socket_.write(batch_->bytes().data(), 0, batch_->bytes().size());
+    batch_->written();
     sendBodyChunks(rest.data(), kBodyPiece, rest.size());
-  } catch (const tq::oss::SocketTimeoutException&) {
-    dropLastMessage();
-    raise(StaticDefs::ERR_SERVER_COMM_TIMEOUT, kFile, __LINE__, host_, port_);
-  } catch (const tq::oss::SocketException&) {
-    dropLastMessage();
-    raise(StaticDefs::ERR_SERVER_COMM_SEND, kFile, kLineSendFailed, host_, port_);
+  } catch (const tq::oss::SocketException& e) {
+    batch_->takeBack();
+    failIfWaitEnded(fail, e);
+    fail(StaticDefs::ERR_SERVER_COMM_SEND, atServer(), kLineSendFailed);
   } catch (...) {
-    // Otherwise it would go out in front of the next one, which would then get its reply.
-    dropLastMessage();
+    // Otherwise it would go out before the next one, which would then get its reply.
+    batch_->takeBack();
     throw;
   }
-  replyHeld_ = false;
+  sending.done(questions);
   outcome_ = RequestOutcome::MayBeApplied;
-  markReplyOutstanding(stillOutstanding || replyExpected);
-}
-
-/// A repeated attempt appends the message anew; what was held back before it still waits.
-void DrestoPerfClient::dropLastMessage() {
-  const bool dropped = lastMessage_ < sendBuffer_.size();
-  sendBuffer_.resize(lastMessage_);
-  replyHeld_ = replyHeldBefore_ && !sendBuffer_.empty();
-  if (!dropped) return;
-  // Another client may have reset the count in the meantime.
-  int held = messagesInBuffer().load();
-  while (held > 0 && !messagesInBuffer().compare_exchange_weak(held, held - 1)) {
-  }
+  if (queued) noteQueueWritten();
 }
 
 void DrestoPerfClient::sendBodyChunks(const char* data, unsigned long chunkSize,
@@ -259,37 +227,51 @@ void DrestoPerfClient::sendBodyChunks(const char* data, unsigned long chunkSize,
   }
 }
 
+// Receiving.
+
+/// The socket's failure passes, unless a reply that breaks off is to be told from others.
+bool DrestoPerfClient::awaitBytes(std::size_t count) {
+  try {
+    return awaitReplyBytes(count);
+  } catch (const tq::oss::SocketException&) {
+    if (!reassembly_) throw;
+    return false;
+  }
+}
+
 void DrestoPerfClient::recvMesg(ClientResponse& response) {
   const tq::oss::TraceScope trace(trace::DrestoPerfClientRecvMesg);
-  response.resetResultCount();
-  if (!ClientResponse::isRespReqd(requestKind_)) {
-    response.setReturnCode(0);
-    endOfStream_ = true;
-    return;
-  }
-  if (parser_ == nullptr) raise(StaticDefs::ERR_INVALID_STATE, kFile, __LINE__);
-  if (!sendBuffer_.empty()) writeBuffer({}, true);
-  if (isStreamSearch(requestKind_)) response.setSearchResponse(SearchResponse());
-  if (requestKind_ == ClientRequest::PARSE_RESULT) response.setParseResponse(ParseResponse());
+  const OperationScope operation(*this);
+  if (!ClientResponse::isRespReqd(requestKind_)) return skipReply(response);
+  if (parser_ == nullptr) fail(StaticDefs::ERR_INVALID_STATE, atServer(u"there was no exchange"));
   int need = 0;
   if (parser_->parseDone(need)) {
-    raise(StaticDefs::ERR_CLIENT_INTERNAL, kFile, kLineAlreadyFinished);
+    fail(StaticDefs::ERR_CLIENT_INTERNAL, {}, kLineAlreadyFinished);
   }
-  startCarry();
-  const auto wanted = static_cast<unsigned long>(need);
-  while (carryCount_ < wanted) {
-    if (!appendReplyBytes(wanted - carryCount_)) {
-      raise(StaticDefs::ERR_SERVER_COMM_RECV, kFile, kLineNoReply, host_, port_);
-    }
+  if (!batch_->empty()) writeBatch({});
+  beginReply(response);
+  portionSize_ = 0;
+  if (isStreamSearch(requestKind_)) response.setSearchResponse(SearchResponse());
+  if (requestKind_ == ClientRequest::PARSE_RESULT) response.setParseResponse(ParseResponse());
+  if (!awaitBytes(static_cast<std::size_t>(need))) {
+    fail(StaticDefs::ERR_SERVER_COMM_RECV, atServer(), kLineNoReply);
   }
-  const int leftover =
-      parser_->parseMesg(carry_.data(), static_cast<int>(carryCount_), response, endOfStream_);
-  keepLeftover(carryCount_, static_cast<unsigned long>(leftover));
+  const int leftover = parser_->parseMesg(socket_.peek().data(), need, response, endOfStream_);
+  socket_.consume(static_cast<std::size_t>(need - leftover));
+}
+
+/// What an exchange that failed has left cannot be read on: the parser does not know where in the
+/// reply it stands.
+void DrestoPerfClient::refuseWithoutExchange() const {
+  if (exchange_ == Exchange::Done || exchange_ == Exchange::Running) return;
+  fail(StaticDefs::ERR_INVALID_STATE, {}, kLineRecvInProgress);
 }
 
 void DrestoPerfClient::recvStream(ClientResponse& response) {
   const tq::oss::TraceScope trace(trace::DrestoPerfClientRecvStream);
-  if (parser_ == nullptr) raise(StaticDefs::ERR_INVALID_STATE, kFile, __LINE__);
+  const OperationScope operation(*this);
+  refuseWithoutExchange();
+  claim(response);
   const bool parseResults = requestKind_ == ClientRequest::PARSE_RESULT;
   if (endOfStream_) {
     if (parseResults) {
@@ -299,116 +281,125 @@ void DrestoPerfClient::recvStream(ClientResponse& response) {
     }
     return;
   }
+  if (!streamLostItsConnection()) line_->readOn(exchangeNumber_);
   int need = 0;
   if (parser_->parseDone(need) && !ClientResponse::isStreaming(requestKind_)) endOfStream_ = true;
   if (requestKind_ == ClientRequest::STREAM_SEARCH) response.getSearchResponse().init();
   if (parseResults) response.getParseResponse().init();
-  if (need > 0 && parser_->hasBody() && !takePortion(4 * static_cast<unsigned long>(need))) {
-    endOfStream_ = true;
-    truncated_ = true;
-    if (reassembly_) raise(StaticDefs::ERR_SERVER_COMM_RECV, kFile, kLineNoReply, host_, port_);
+  if (need > 0 && parser_->hasBody() && !awaitPortion(4 * static_cast<std::size_t>(need))) {
+    breakStreamOff();
+    if (reassembly_) fail(StaticDefs::ERR_SERVER_COMM_RECV, atServer(), kLineNoReply);
   }
   parsePortion(response);
 }
 
-/// False: the peer has closed before enough was there.
-bool DrestoPerfClient::takePortion(unsigned long size) {
-  if (streamLostItsConnection()) return false;
+/// Takes up to `size` further bytes into the portion, as many as there are. False: the peer closed
+/// before enough was there.
+bool DrestoPerfClient::awaitPortion(std::size_t size) {
+  if (streamLostItsConnection()) {
+    portionSize_ = 0;
+    return false;
+  }
   do {
-    if (!appendReplyBytes(size)) return false;
+    const std::size_t wanted = portionSize_ + size;
+    if (socket_.buffered() == portionSize_) {
+      if (!awaitBytes(portionSize_ + 1)) return false;
+    } else if (socket_.buffered() < wanted && !holdsWholeUnit(wanted)) {
+      // More may have arrived since the last receive. It is asked for only where the portion could
+      // not be parsed without it.
+      socket_.fillAtOnce();
+    }
+    portionSize_ = std::min<std::size_t>(socket_.buffered(), wanted);
   } while (mustReadOn());
   return true;
 }
 
-/// Takes up to `length` bytes behind those carried. False: the peer has closed.
-bool DrestoPerfClient::appendReplyBytes(unsigned long length) {
-  if (!carry_.grow(carryCount_ + length, carryCount_)) throw std::bad_alloc();
-  unsigned long count = 0;
-  try {
-    count = takeReplyBytes(carry_.data() + carryCount_, length);
-  } catch (const tq::oss::SocketException&) {
-    if (!reassembly_) throw;
-  }
-  carryCount_ += count;
-  return count != 0;
-}
-
 /// An error record is always read whole; a first portion of results where that was asked for.
 bool DrestoPerfClient::mustReadOn() const {
-  const bool wholeUnit = parser_->isErrorReply() || (reassembly_ && exchangeInProgress_);
-  return wholeUnit && !parser_->holdsWholeUnit(carry_.data(), static_cast<int>(carryCount_));
+  const bool firstPortion = exchange_ == Exchange::Running;
+  return (beginsWithError() || (reassembly_ && firstPortion)) && !holdsWholeUnit(portionSize_);
+}
+
+/// Whether the first `size` bytes of the socket's buffer hold something that can be parsed.
+bool DrestoPerfClient::holdsWholeUnit(std::size_t size) const {
+  const std::string_view arrived = socket_.peek().substr(0, size);
+  return parser_->holdsWholeUnit(arrived.data(), static_cast<int>(arrived.size()));
 }
 
 void DrestoPerfClient::parsePortion(ClientResponse& response) {
-  const unsigned long total = carryCount_;
-  unsigned long leftover = 0;
+  const char* bytes = socket_.peek().data();
+  std::size_t leftover = 0;
   try {
-    leftover = static_cast<unsigned long>(
-        parser_->parseMesg(carry_.data(), static_cast<int>(total), response, endOfStream_));
+    leftover = static_cast<std::size_t>(
+        parser_->parseMesg(bytes, static_cast<int>(portionSize_), response, endOfStream_));
   } catch (...) {
     settleFailure();
     throw;
   }
-  if (parser_->isErrorReply()) {
-    leftover = total - static_cast<unsigned long>(DrestoPerfResponse::errorRecordLength(
-                           carry_.data(), static_cast<int>(total)));
-  }
+  if (beginsWithError()) leftover = portionSize_ - errorSize();
   if (endOfStream_ && !truncated_) {
-    endReply(leftover);
+    endReplyWith(leftover);
     return;
   }
   if (leftover >= kMaxEnvelope) {
     settleFailure();
-    raise(StaticDefs::ERR_CLIENT_RESP_PARSING);
+    fail(StaticDefs::ERR_CLIENT_RESP_PARSING,
+         atServer(u"the reply goes on without a whole envelope"));
   }
-  keepLeftover(total, leftover);
+  socket_.consume(portionSize_ - leftover);
+  portionSize_ = leftover;
 }
 
-/// The reply is over. Bytes behind it were not asked for: the next exchange finds them, and drops
-/// them with the connection.
-void DrestoPerfClient::endReply(unsigned long leftover) {
-  socket_.pushBack(carry_.data() + (carryCount_ - leftover), leftover);
-  carryCount_ = 0;
-  markReplyOutstanding(false);
+bool DrestoPerfClient::beginsWithError() const {
+  return parser_->beginsWithError(socket_.peek().data(), static_cast<int>(portionSize_));
+}
+
+std::size_t DrestoPerfClient::errorSize() const {
+  return static_cast<std::size_t>(
+      parser_->errorLength(socket_.peek().data(), static_cast<int>(portionSize_)));
+}
+
+/// The reply is over. Bytes after it were not asked for, so that nothing on this connection is sure
+/// any more.
+void DrestoPerfClient::endReplyWith(std::size_t leftover) {
+  socket_.consume(portionSize_ - leftover);
+  portionSize_ = 0;
+  endReply();
+  if (leftover != 0) line_->doubt();
 }
 
 /// An answer of the server that was read to its end leaves the connection in order. After anything
-/// else nobody knows where the next record would begin: nothing more can come of the stream.
+/// else it is not known where the next record would begin: nothing more can come of the stream.
 void DrestoPerfClient::settleFailure() {
   const int code = parser_->getStatusCode();
-  const bool wholeError = parser_->isErrorReply() &&
-                          parser_->holdsWholeUnit(carry_.data(), static_cast<int>(carryCount_));
+  const bool wholeError = beginsWithError() && holdsWholeUnit(portionSize_);
   if (wholeError || code == kStatusOnly || code == kInvalidAuth) {
     // A status that was not asked for says nothing of the request.
     if (code != kStatusOnly) outcome_ = RequestOutcome::Rejected;
-    endReply(carryCount_ - (wholeError
-                                ? static_cast<unsigned long>(DrestoPerfResponse::errorRecordLength(
-                                      carry_.data(), static_cast<int>(carryCount_)))
-                                : 0));
+    endReplyWith(portionSize_ - (wholeError ? errorSize() : 0));
     return;
   }
-  carryCount_ = 0;
-  if (exchangeInProgress_) return;
-  endOfStream_ = true;
-  truncated_ = true;
+  portionSize_ = 0;
+  if (exchange_ != Exchange::Running) breakStreamOff();
 }
 
 void DrestoPerfClient::recv(ClientResponse& response) {
   const tq::oss::TraceScope trace(trace::DrestoPerfClientRecv);
   const OperationScope operation(*this);
-  if (!connected_) {
-    raise(StaticDefs::ERR_CONNECT_SERVER, kFile, kLineRecvNotConnected, host_, port_);
+  if (!isConnected()) {
+    fail(StaticDefs::ERR_CONNECT_SERVER, atServer(), kLineRecvNotConnected);
   }
-  if (exchangeInProgress_ || parser_ == nullptr) {
-    raise(StaticDefs::ERR_INVALID_STATE, kFile, kLineRecvInProgress);
-  }
+  refuseWithoutExchange();
+  claim(response);
   try {
     parser_->initState(true);
     recvStream(response);
   } catch (const RESTException& e) {
     rethrow(e.getMessageList());
+  } catch (abi::__forced_unwind&) {
+    throw;
   } catch (...) {
-    raise(StaticDefs::ERR_CLIENT_INTERNAL, kFile, kLineRecvUnknown, kUnknownError);
+    fail(StaticDefs::ERR_CLIENT_INTERNAL, Details().argument(kUnknownError), kLineRecvUnknown);
   }
 }
 

@@ -2,6 +2,8 @@
 
 #include <unicode/unistr.h>
 
+#include <cstdint>
+
 #include "comm/kruClientRequest.h"
 #include "comm/kruParseResponse.h"
 #include "comm/kruSearchResponse.h"
@@ -62,12 +64,22 @@ class KRU_EXPORT ClientResponse {
   ParseResponse& getParseResponse();
   SelectivityInfo& getSelectivityInfo() { return selectivity_; }
 
+  // Whose results these are, for clients: an exchange, by the numbers of its client and of itself.
+  void fillFrom(std::uint64_t client, std::uint64_t exchange) {
+    client_ = client;
+    exchange_ = exchange;
+  }
+  bool isFree() const { return client_ == 0; }
+  bool isFilledFrom(std::uint64_t client, std::uint64_t exchange) const {
+    return client_ == client && exchange_ == exchange;
+  }
+
   /// The search results after receiving over `client`, unless they are marked as buffered.
   /// Not `streaming`: exactly one receive, which replaces the portion held. `streaming`: receives
   /// while no hit is left to take and the stream has not ended, which is tested before the first
   /// receive; a list whose hits have all been taken is emptied before the next portion. Throws
   /// RESTException: what the client's `recv` throws, or ERR_INVALID_STATE when the client speaks no
-  /// protocol.
+  /// protocol or another exchange has filled this response.
   SearchResponse& getSearchResponse(CorvaneClient& client, bool streaming);
   /// The same for parse results, always in the streaming form.
   ParseResponse& getParseResponse(CorvaneClient& client);
@@ -96,6 +108,10 @@ class KRU_EXPORT ClientResponse {
   bool identified_ = false;
   bool resultsBuffered_ = false;
   icu::UnicodeString content_;
+
+  // The exchange that filled this response last; client 0: none.
+  std::uint64_t client_ = 0;
+  std::uint64_t exchange_ = 0;
 };
 
 }  // namespace tq::comm

@@ -4,13 +4,23 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
+#include "infra/oss/kruDeadline.h"
 #include "infra/oss/kruExport.h"
 #include "infra/oss/kruSocket.h"
+#include "infra/oss/kruWaitHook.h"
+
+namespace tq::oss {
+class SocketException;
+}
 
 namespace tq::comm {
 
 class ClientResponse;
+class Details;
+class Line;
+class Raiser;
 
 /// The one TCP connection between a caller and a search server: its address, its time-out and
 /// whether it is kept from one exchange to the next. Base of the protocol clients.
@@ -50,6 +60,14 @@ class KRU_EXPORT CorvaneClient {
   /// matters.
   void setDeadline(unsigned int milliseconds);
 
+  /// With a hook every wait of this client goes through it, with or without a limit: connecting,
+  /// writing, reading and the pauses between attempts. A hook that gives up ends the operation with
+  /// ERR_CLIENT_CANCELLED; nothing is retried, the connection is closed, and the request's outcome
+  /// is that of a time-out. `host` is handed to the hook as it is and must live as long as the hook
+  /// is set. Null, the default: the library waits by itself. See infra/oss/kruWaitHook.h for what a
+  /// hook may do. A look-up of the host name does not go through it.
+  void setWaitHook(tq::oss::WaitHook hook, void* host);
+
   /// Keep the connection from one exchange to the next. Default: what the constructor was told.
   void usePeristentConnection(bool on);
 
@@ -62,6 +80,11 @@ class KRU_EXPORT CorvaneClient {
   void setMaxReplyBytes(std::size_t bytes);
 
   bool isConnected() const;
+
+  /// Changes with every connection that this client makes; 0 before the first one. A caller whose
+  /// requests need one and the same connection compares it.
+  std::uint64_t getConnectionNumber() const;
+
   const icu::UnicodeString& getHost() const;
   unsigned int getPort() const;
 
@@ -79,7 +102,9 @@ class KRU_EXPORT CorvaneClient {
   unsigned long read(char* buffer, unsigned long offset, unsigned long length, bool wait);
 
   /// Waits for at least one byte and takes up to `length`; 0 means that the peer has closed.
-  /// `wait` is ignored: the time-out never applies here. Throws tq::oss::SocketException.
+  /// `wait` is ignored: the time-out never applies here. Throws tq::oss::SocketException. Bytes
+  /// that a caller takes are missing from the reply that they belong to: an open stream ends, and
+  /// the next exchange takes a fresh connection. The same holds for `read` and `genericRead`.
   unsigned long readOnce(char* buffer, unsigned long offset, unsigned long length, bool wait);
 
   /// Waits until there is something to read. True at once when `wait` is false or no time-out is
@@ -95,6 +120,8 @@ class KRU_EXPORT CorvaneClient {
   class OperationScope {
    public:
     explicit OperationScope(CorvaneClient& client);
+    /// With a deadline of its own in MILLISECONDS, 0 for none, instead of the client's.
+    OperationScope(CorvaneClient& client, unsigned int deadlineMillis);
     ~OperationScope();
     OperationScope(const OperationScope&) = delete;
     OperationScope& operator=(const OperationScope&) = delete;
@@ -104,35 +131,60 @@ class KRU_EXPORT CorvaneClient {
     bool outermost_;
   };
 
-  /// True when the current operation has a deadline and it is over.
-  bool deadlinePassed() const;
-  /// Nanoseconds that the current operation has left; the largest value without a deadline.
-  std::uint64_t nanosToDeadline() const;
+  /// In its lifetime all waits together take no longer than the time-out allows one of them.
+  class SharedTimeOutScope {
+   public:
+    explicit SharedTimeOutScope(CorvaneClient& client);
+    ~SharedTimeOutScope();
+    SharedTimeOutScope(const SharedTimeOutScope&) = delete;
+    SharedTimeOutScope& operator=(const SharedTimeOutScope&) = delete;
 
-  /// Waits for reply bytes within the time-out and the deadline, then takes up to `length`.
-  /// 0: the peer has closed.
-  unsigned long takeReplyBytes(char* buffer, unsigned long length);
+   private:
+    CorvaneClient& client_;
+    tq::oss::Deadline before_;
+  };
+
+  /// What holds for the current operation.
+  const tq::oss::Deadline& deadline() const { return deadline_; }
+
+  /// Waits, within the time-out and the deadline, until `count` bytes are in the socket's buffer,
+  /// where they stay. False: the peer has closed before. Throws ERR_SERVER_COMM_TIMEOUT,
+  /// ERR_CLIENT_CANCELLED and, on a broken connection, tq::oss::SocketException.
+  bool awaitReplyBytes(std::size_t count);
+
+  /// What a failure at this server says: its host and port as arguments, and a reason if there is
+  /// one.
+  Details atServer(const char16_t* reason = nullptr) const;
+
+  /// Raises what the failure means when it is the end of a permitted wait: a passed limit is
+  /// ERR_SERVER_COMM_TIMEOUT; a hook that gave up is ERR_CLIENT_CANCELLED and closes the
+  /// connection.
+  void failIfWaitEnded(const Raiser& fail, const tq::oss::SocketException& failure,
+                       unsigned long line = __builtin_LINE());
 
   tq::oss::Socket socket_;
   icu::UnicodeString host_;
   unsigned int port_;
-  bool connected_ = false;
   bool persistent_;
   bool buffered_;
-  /// Changes with every connection that is made.
-  std::uint64_t connectionNumber_ = 0;
   std::size_t maxReplyBytes_ = std::size_t{1} << 30;
+  std::unique_ptr<Line> line_;
 
  private:
   // One pull of its may take several portions.
   friend class ClientResponse;
 
   void connect();
+  void dropConnection();
+  bool awaitMoreReplyBytes();
+  bool fill();
+  void limitBy(const tq::oss::Deadline& deadline);
 
   unsigned long timeOut_ = 0;
   tq::oss::Socket::_AddrInfoExternal addresses_;
   unsigned int deadlineMillis_ = 0;
-  std::uint64_t deadlineNanos_ = 0;
+  bool inOperation_ = false;
+  tq::oss::Deadline deadline_;
 };
 
 }  // namespace tq::comm

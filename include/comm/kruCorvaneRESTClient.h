@@ -1,24 +1,22 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <string>
+#include <optional>
+#include <string_view>
 
 #include "comm/kruClientRequest.h"
 #include "comm/kruClientResponse.h"
 #include "comm/kruCorvaneClient.h"
 #include "comm/kruRESTException.h"
-#include "infra/oss/kruSizeableBuffer.h"
-
-namespace tq::oss {
-class MessageList;
-}
 
 namespace tq::comm {
 
-class ChunkTail;
+class Carry;
 class RESTMessage;
 class RESTResponse;
+class RetryPolicy;
 
 /// What is known of a request after its exchange, over all attempts together.
 enum class RequestOutcome {
@@ -34,17 +32,44 @@ enum class RequestOutcome {
   Answered,
 };
 
+/// What one operation may take, instead of what the client's setters say.
+struct OperationLimits {
+  /// MILLISECONDS for all of it, as `setDeadline`; 0 for none.
+  unsigned int deadlineMillis = 0;
+  /// As `setNumRetries`.
+  unsigned int retries = 0;
+};
+
 /// The client of the HTTP-style protocol: sends one request, reads its reply, repeats the exchange
 /// when the communication failed, and hands out long replies portion by portion.
 /// One object serves one thread at a time; different objects need no locking.
 ///
-/// Failures are RESTExceptions. The id of the first message tells what happened:
-/// ERR_CONNECT_SERVER, ERR_SERVER_COMM_SEND, ERR_SERVER_COMM_RECV, ERR_SERVER_COMM_TIMEOUT
-/// (communication; repeated up to the retry count on a fresh connection, without a pause),
-/// ERR_SERVER_PROTOCOL, ERR_SERVER_INVALID_AUTH, ERR_SERVER_APP or the server's own id (refused),
-/// ERR_CLIENT_RESP_PARSING (not a reply), ERR_CLIENT_INTERNAL, ERR_INVALID_STATE (misuse).
+/// A failure is a RESTException whose first message has one of these ids, host and port as
+/// arguments and, where one id has several causes, a text that tells them apart. "Repeated" is what
+/// the retry loop does, up to the retry count, on a fresh connection, after the pause of
+/// `setRetryPause`.
+///
+/// | id | when | repeated | the connection afterwards |
+/// |---|---|---|---|
+/// | ERR_CONNECT_SERVER | no connection can be made, or there is none | yes | none |
+/// | ERR_SERVER_COMM_SEND | a write failed (binary protocol only); a queue lost its connection |
+/// yes; no | replaced by the next exchange | | ERR_SERVER_COMM_RECV | the connection ended before
+/// the reply did | yes | replaced | | ERR_SERVER_COMM_TIMEOUT | the time-out or the deadline passed
+/// | yes, within the deadline | replaced; a stream whose receive timed out can be read on | |
+/// ERR_CLIENT_CANCELLED | the wait hook gave up | no | closed | | ERR_SERVER_APP or the server's
+/// own id, ERR_SERVER_INVALID_AUTH | the server refused the request | no | kept | |
+/// ERR_SERVER_PROTOCOL | an HTTP status that means a refusal; over the binary protocol not a reply
+/// | no | kept; replaced | | ERR_CLIENT_RESP_PARSING | what arrived is not a reply, or exceeds
+/// `setMaxReplyBytes` | no | replaced | | ERR_CLIENT_INTERNAL | a failed write over HTTP; a request
+/// that cannot be sent; other failures of the infrastructure | no | replaced; kept when nothing was
+/// sent | | ERR_INVALID_STATE | misuse: see `send`, `recv` and `recvMesg` | no | unchanged |
+///
+/// Three things are not a RESTException: std::bad_alloc over HTTP, and tq::oss::SocketException
+/// from `send`, `sendMesg` and the read operations of CorvaneClient.
+///
 /// Whatever an exchange leaves unread is never taken for a later reply: the next exchange then
-/// starts on a fresh connection.
+/// starts on a fresh connection. What is done by hand (`send`, `recvMesg`) can leave the connection
+/// in doubt and never makes it sound again.
 class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
  public:
   CorvaneRESTClient(const icu::UnicodeString& host, unsigned int port, bool persistent);
@@ -83,13 +108,31 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   /// the call returns. On a failure `response` holds what had been decoded before it.
   void sendAndRecvMesg(ClientRequest& request, ClientResponse& response);
 
-  /// Writes a request to the connection, which the caller has opened, and reads nothing. Looks at
-  /// nothing either: after a failed write the caller closes before anything else is sent.
+  /// The same with limits that hold for this call only.
+  void sendAndRecvMesg(ClientRequest& request, ClientResponse& response,
+                       const OperationLimits& limits);
+
+  /// On: when the connection that queued documents were written to is gone, the documents queued
+  /// later, the LAST_DOC_SENT, the UPDATE_INDEX and the PARSE_RESULT that follow them fail with
+  /// ERR_SERVER_COMM_SEND, which is not repeated: the server may have lost what was queued. The
+  /// queue begins with the first ASYNCH_ADD_DOCUMENT that is written. It is over when a later
+  /// request was answered on its connection, or when this is called again. Default off: the queue
+  /// goes on over a fresh connection.
+  void setQueueOnOneConnection(bool on);
+
+  /// Writes a request to the connection, which the caller has opened, and reads nothing. After a
+  /// write that failed it throws ERR_INVALID_STATE, until the caller has closed and opened again.
   void send(ClientRequest& request);
 
-  /// The next portion of a streaming reply. It replaces the hits of STREAM_SEARCH, adds to those of
-  /// SCALAR_SEARCH, and is an empty search response when the stream has ended. A stream that breaks
-  /// off ends without an error: ask `isTruncated()`. A time-out loses nothing: call again.
+  /// The next portion of the streaming reply of the last exchange. It replaces the hits of
+  /// STREAM_SEARCH, adds to those of SCALAR_SEARCH, and is an empty search response when the stream
+  /// has ended. A stream that breaks off ends without an error: ask `isTruncated()`. A time-out
+  /// loses nothing: call again.
+  ///
+  /// A response belongs to the exchange that filled it. Given one that an earlier exchange of this
+  /// client or any exchange of another client has filled, this and all other operations that read a
+  /// stream on throw ERR_INVALID_STATE and change nothing. A response that no exchange has filled
+  /// takes what is received.
   virtual void recv(ClientResponse& response);
 
   // The steps of an exchange, for clients of other protocols to replace.
@@ -100,18 +143,23 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   /// ERR_SERVER_COMM_TIMEOUT when a deadline passed.
   virtual void sendMesg(RESTMessage& message);
   /// Reads the reply to the request of the current exchange; of one that streams, the first
-  /// portion.
+  /// portion. Called by hand, it reads the reply to the one request that was sent by hand, as if it
+  /// were of the kind of the last exchange; the connection counts as in doubt from then on. Throws
+  /// ERR_INVALID_STATE when no such reply is the next to arrive: nothing or more than one thing was
+  /// asked, or a stream is still open.
   virtual void recvMesg(ClientResponse& response);
   /// Reads the next portion of a streaming reply.
   virtual void recvStream(ClientResponse& response);
 
-  /// Pulls portions until the end of the stream.
+  /// Pulls portions until the end of the stream. All of them together may hold no more bytes than
+  /// `setMaxReplyBytes` says.
   void recvMultResponse(ClientResponse& response);
 
   /// True for the four ids of a failed communication, which the retry loop repeats.
   static bool isCommnError(icu::UnicodeString& messageId);
 
   /// True when the current reply has been delivered completely.
+  bool isEndOfStream();
   bool isEndOfStream() const;
 
   /// True when the last reply ended by a partial record, a short portion or a close before the
@@ -119,60 +167,110 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   bool isTruncated() const;
 
  protected:
+  /// What has become of the last exchange. An ExchangeScope covers it while it runs.
+  enum class Exchange { None, Running, Failed, Done };
+
+  /// Covers one attempt of an exchange, which counts as failed unless `done()` is called.
+  class ExchangeScope {
+   public:
+    explicit ExchangeScope(CorvaneRESTClient& client);
+    ~ExchangeScope();
+    ExchangeScope(const ExchangeScope&) = delete;
+    ExchangeScope& operator=(const ExchangeScope&) = delete;
+    void done();
+
+   private:
+    CorvaneRESTClient& client_;
+  };
+
   /// Refuses a request that could not be sent as its caller means it.
   void refuseUnsendable(ClientRequest& request) const;
+
+  /// A new exchange begins, which ends the stream of the one before.
+  void beginExchange();
 
   /// Brings up a connection on which nothing of an earlier exchange can be taken for a reply.
   void openClean();
 
-  /// Notes that bytes of a reply may be on their way from now on, or that none are any more.
-  /// Returns what was noted before.
-  bool markReplyOutstanding(bool outstanding);
+  /// Refuses a message that is sent by hand and could not be read as one.
+  void refuseOnBrokenLine() const;
+  /// Refuses a request that needs the queue's connection when that is gone.
+  void refuseWithoutQueue(ClientRequest::REQUEST kind) const;
+  /// A queued document was written to the present connection.
+  void noteQueueWritten();
 
-  /// True when the connection was made after the one that the current stream began on.
+  /// The request was sent: its reply comes over the present connection.
+  void awaitReply();
+  /// Begins to read a reply into the response. Throws ERR_INVALID_STATE when it is called by hand
+  /// and cannot be told which reply comes next.
+  void beginReply(ClientResponse& response);
+  /// Fills the response for a kind without a reply. Throws ERR_INVALID_STATE when it is called by
+  /// hand although a reply was asked for.
+  void skipReply(ClientResponse& response);
+  /// Refuses a response that another exchange has filled, and makes it this exchange's.
+  void claim(ClientResponse& response);
+  /// The reply was read to its end.
+  void endReply();
+  /// Nothing more can come of this stream.
+  void breakStreamOff();
+
+  /// True when the stream's connection is closed or was replaced.
   bool streamLostItsConnection() const;
 
-  /// Empties the carry for a new reply.
-  void startCarry();
-  /// Keeps the last `leftover` of the `total` bytes that were carried.
-  void keepLeftover(unsigned long total, unsigned long leftover);
-
   bool endOfStream_ = false;
-  bool exchangeInProgress_ = false;
   bool truncated_ = false;
+  Exchange exchange_ = Exchange::None;
   RequestOutcome outcome_ = RequestOutcome::NotSent;
   ClientRequest::REQUEST requestKind_{};
-  // Reply bytes that a parser has left for the next portion.
-  tq::oss::SizeableBuffer<char, 16384> carry_;
-  unsigned long carryCount_ = 0;
+  /// The current exchange; 0 before the first one.
+  std::uint64_t exchangeNumber_ = 0;
 
  private:
-  void leaveOldConnection();
-  void forgetOldConnection();
-  bool connectionIsClean();
-  void skipTail();
-  bool mayRepeat(const tq::oss::MessageList& failure, unsigned int attempt) const;
-  void pauseBefore(unsigned int attempt) const;
+  // The pulling operations ask whose a response is.
+  friend class ClientResponse;
+
+  /// Bounds one call of a pulling operation, which may take several portions.
+  class PullScope {
+   public:
+    explicit PullScope(CorvaneRESTClient& client);
+
+   private:
+    OperationScope operation_;
+    std::optional<SharedTimeOutScope> estimate_;
+  };
+
+  bool lineIsReusable();
+  void refuseReplyByHand() const;
+  void refuseForeign(const ClientResponse& response) const;
+  void exchangeWithRetries(ClientRequest& request, ClientResponse& response, unsigned int retries);
+  bool mayRepeat(const RESTException& failure) const;
+  void pauseBefore(unsigned int attempt);
   void recvRest(ClientResponse& response);
-  bool takeFraming(RESTResponse& parser, ClientResponse& response, std::string* taken);
-  bool appendReplyBytes(unsigned long length);
-  void parseFirstBody(RESTResponse& parser, ClientResponse& response);
+  bool takeFirstReply(RESTResponse& parser, ClientResponse& response);
+  bool takeFraming(RESTResponse& parser, ClientResponse& response, std::size_t& offset);
+  std::optional<std::string_view> takeBody(const RESTResponse& parser, std::size_t offset);
+  void parseFirstBody(RESTResponse& parser, ClientResponse& response, std::string_view body);
+  void settleError(RESTResponse& parser);
   void settleFirstReply(const RESTResponse& parser);
   bool takePortion(RESTResponse& parser, ClientResponse& response);
-  void parsePortion(RESTResponse& parser, ClientResponse& response);
+  void parsePortion(RESTResponse& parser, ClientResponse& response, std::string_view portion);
   void settleChunked(const RESTResponse& parser);
-  void breakStreamOff();
 
   icu::UnicodeString clientName_;
   icu::UnicodeString spareText_;
-  unsigned int retries_ = 0;
-  bool retryUnsafe_ = true;
-  unsigned int firstPause_ = 0;
-  unsigned int longestPause_ = 0;
-  // What the connection still carries of the last reply, and which connection that is.
-  bool replyOutstanding_ = false;
-  std::unique_ptr<ChunkTail> tail_;
-  std::uint64_t tailConnection_ = 0;
+  std::unique_ptr<RetryPolicy> retryPolicy_;
+  std::unique_ptr<Carry> carry_;
+
+  // The connection that the current exchange's reply comes over; 0: none yet.
+  std::uint64_t clientNumber_;
+  std::uint64_t replyConnection_ = 0;
+
+  // The queue of documents: whether it must stay on one connection, and which one (0: no queue).
+  bool queueOnOneConnection_ = false;
+  std::uint64_t queueConnection_ = 0;
+
+  // Bytes of the portions that one call collects.
+  std::size_t collected_ = 0;
 };
 
 }  // namespace tq::comm

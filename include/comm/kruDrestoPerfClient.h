@@ -3,17 +3,17 @@
 #include <cstddef>
 #include <memory>
 #include <string_view>
-#include <vector>
 
 #include "comm/kruCorvaneRESTClient.h"
 
 namespace tq::comm {
 
+class Batch;
 class DrestoPerfResponse;
 
 /// The client of the binary protocol, used like the HTTP client: same requests, same responses,
-/// same retries. Its connection is persistent. One object serves one thread at a time; different
-/// objects need no locking.
+/// same retries, same errors. Its connection is persistent. One object serves one thread at a time;
+/// different objects need no locking.
 ///
 /// On the wire a request is a 2-byte big-endian length, that many bytes of header text, and then
 /// what RESTMessage lists. A small one leaves in one write. Of a body above 10000 bytes only the
@@ -46,9 +46,9 @@ class KRU_EXPORT DrestoPerfClient : public CorvaneRESTClient {
   /// Writes `total` bytes in pieces of at most `chunkSize`, each a write of its own.
   void sendBodyChunks(const char* data, unsigned long chunkSize, unsigned long total);
 
-  /// Reads the reply header.
+  /// Reads the reply header. By hand after an exchange that read its own: ERR_CLIENT_INTERNAL.
   void recvMesg(ClientResponse& response) override;
-  /// Reads the next portion of the body.
+  /// Reads the next portion of the body. Throws what `recv` throws when it is called by hand.
   void recvStream(ClientResponse& response) override;
 
   /// The next portion of a streaming reply. Throws ERR_INVALID_STATE before the first exchange, and
@@ -56,33 +56,35 @@ class KRU_EXPORT DrestoPerfClient : public CorvaneRESTClient {
   void recv(ClientResponse& response) override;
 
  private:
-  struct Parts;
-
   void exchange(ClientRequest& request, ClientResponse& response);
+  void receiveFirstResults(ClientResponse& response);
 
   // Sending.
-  Parts partsOf(RESTMessage& message) const;
-  std::string_view append(const Parts& parts);
+  void openForSending(ClientRequest::REQUEST kind);
+  void openForWriting();
   void sendHeldQuestions();
-  bool mustWrite(const Parts& parts) const;
-  void writeBuffer(std::string_view rest, bool replyExpected);
-  void dropLastMessage();
+  void writeBatch(std::string_view rest);
 
   // Receiving.
-  bool takePortion(unsigned long size);
-  bool appendReplyBytes(unsigned long length);
+  void refuseWithoutExchange() const;
+  bool awaitBytes(std::size_t count);
+  bool awaitPortion(std::size_t size);
   bool mustReadOn() const;
+  bool holdsWholeUnit(std::size_t size) const;
   void parsePortion(ClientResponse& response);
+  bool beginsWithError() const;
+  std::size_t errorSize() const;
   void settleFailure();
-  void endReply(unsigned long leftover);
+  void endReplyWith(std::size_t leftover);
 
   std::unique_ptr<DrestoPerfResponse> parser_;
-  std::vector<char> sendBuffer_;
-  // Where the message appended last begins, so that a failed write can take it back.
-  std::size_t lastMessage_ = 0;
-  // Whether one of its messages will be answered, with the one appended last and without it.
-  bool replyHeld_ = false;
-  bool replyHeldBefore_ = false;
+  // Bytes at the start of the socket's buffer that are being parsed, or were and are a partial
+  // envelope.
+  std::size_t portionSize_ = 0;
+  std::unique_ptr<Batch> batch_;
+  // The message that is about to be sent may be held back, so that its connection was not looked
+  // at.
+  bool mayBeHeld_ = false;
   bool reassembly_ = false;
   icu::UnicodeString requestString_;
 };

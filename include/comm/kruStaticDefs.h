@@ -115,6 +115,7 @@ class KRU_EXPORT StaticDefs {
   static const icu::UnicodeString ERR_SERVER_COMM_RECV;
   static const icu::UnicodeString ERR_SERVER_COMM_SEND;
   static const icu::UnicodeString ERR_SERVER_COMM_TIMEOUT;
+  static const icu::UnicodeString ERR_CLIENT_CANCELLED;
 
   // HTTP pieces. The encoder writes HTTP_CONTENT_LEN and CRLF, the reply parser reads the RESP_
   // members; the others are for callers that put a request line in front themselves.

@@ -133,16 +133,21 @@ unsigned long Connection::readOnce(char* out, unsigned long length) {
 }
 
 unsigned long Connection::fill() {
-  requireOpen(u"receive from");
-  if (!ended()) {
-    received_.makeRoomForMore();
-    if (received_.room() == 0) Converter::throwOutOfMemory();
-    const unsigned long fresh = receive(received_.tail(), received_.room(), true);
-    received_.commit(fresh);
-    if (fresh != 0) return received_.size();
-  }
+  if (receiveMore(true) != 0) return received_.size();
   throwIfReset();
   return 0;
+}
+
+unsigned long Connection::fillAtOnce() { return receiveMore(false) != 0 ? received_.size() : 0; }
+
+unsigned long Connection::receiveMore(bool wait) {
+  requireOpen(u"receive from");
+  if (ended()) return 0;
+  received_.makeRoomForMore();
+  if (received_.room() == 0) Converter::throwOutOfMemory();
+  const unsigned long fresh = receive(received_.tail(), received_.room(), wait);
+  received_.commit(fresh);
+  return fresh;
 }
 
 // Only called with an empty buffer. Large reads go straight to the caller; so do all reads when no

@@ -30,6 +30,7 @@ class Connection {
   unsigned long read(char* out, unsigned long length);
   unsigned long readOnce(char* out, unsigned long length);
   unsigned long fill();
+  unsigned long fillAtOnce();
   std::string_view peek() const noexcept { return {received_.data(), received_.size()}; }
   void consume(unsigned long length) noexcept { received_.drop(length); }
   void write(const Socket::Piece* pieces, unsigned int count);
@@ -63,6 +64,7 @@ class Connection {
   auto closingIfCancelled(Call call);
   void awaitEvent(short event, const char16_t* verb);
   unsigned long receive(char* out, unsigned long length, bool wait);
+  unsigned long receiveMore(bool wait);
   unsigned long fetch(char* out, unsigned long length, bool wait);
 
   // The peer, for messages.

@@ -58,6 +58,7 @@ unsigned long Socket::readOnce(char* buffer, unsigned long offset, unsigned long
 std::string_view Socket::peek() const noexcept { return connection_->peek(); }
 void Socket::consume(unsigned long length) noexcept { connection_->consume(length); }
 unsigned long Socket::fill() { return connection_->fill(); }
+unsigned long Socket::fillAtOnce() { return connection_->fillAtOnce(); }
 
 void Socket::write(const char* data, unsigned long offset, unsigned long length) {
   const Piece piece{data + offset, length};

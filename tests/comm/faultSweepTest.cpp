@@ -56,7 +56,6 @@ struct Target {
   bool inFirstSegment;  // what it receives is the start of the reply
   bool inFirstPortion;  // or the first part of its body
   bool inPull;          // the exchange itself has returned
-  bool behindWait;      // the call before it was a wait
 };
 
 bool hasReply(int kind) { return kind != kAsynchAddDocument && kind != kLastDocSent; }
@@ -129,8 +128,7 @@ const Verdict kNothing{};
 Verdict verdictOnStall(const Setting& setting, const Target& target) {
   const Phase phase = target.call.phase;
   if (phase == Phase::Connect && setting.hasTimeOut()) return {"ERR_CONNECT_SERVER", true};
-  // A receive that stalls although the wait before it said that bytes are there meets no time-out.
-  if (phase == Phase::Receive && setting.hasTimeOut() && !target.behindWait) {
+  if (phase == Phase::Receive && setting.hasTimeOut()) {
     return {"ERR_SERVER_COMM_TIMEOUT", !target.inPull};
   }
   // Nothing is left of the deadline for another attempt.
@@ -201,11 +199,11 @@ Verdict verdictOn(const Setting& setting, const MarkedRequest& marked, const Fau
 }
 
 /// A stall that no setting bounds lasts, as its caller asked. A time-out bounds connecting and the
-/// waits for reply bytes; what a wait has reported the system does not take back.
+/// receives of reply bytes, also those that stall although the wait before them said otherwise.
 bool isBounded(const Setting& setting, const Fault& fault, const Target& target) {
   if (fault.kind != FaultKind::Stall || setting.hasDeadline()) return true;
-  const bool received = target.call.phase == Phase::Receive && target.call.entry == Entry::Poll;
-  return setting.hasTimeOut() && (received || target.call.phase == Phase::Connect);
+  const Phase phase = target.call.phase;
+  return setting.hasTimeOut() && (phase == Phase::Receive || phase == Phase::Connect);
 }
 
 FaultNetwork::Options optionsOf(Protocol protocol) {
@@ -263,8 +261,7 @@ std::vector<Target> targetsOf(const Setting& setting, const MarkedRequest& marke
     const auto& call = bench.network.calls()[i];
     whole = std::max(whole, call.awaited);
     targets.push_back({call, ++counts[call.entry], call.awaited + sizes[0] > whole,
-                       call.awaited + sizes[0] + sizes[1] > whole, i >= ofExchange,
-                       i != 0 && bench.network.calls()[i - 1].entry == Entry::Poll});
+                       call.awaited + sizes[0] + sizes[1] > whole, i >= ofExchange});
   }
   return targets;
 }

@@ -99,6 +99,8 @@ class KRU_EXPORT Socket {
   /// does. Returns how many bytes are buffered then; 0 when the peer has closed and no more will
   /// come. Throws when it has reset. Either way what is buffered stays.
   unsigned long fill();
+  /// The same without waiting: 0 as well when nothing more has arrived or the peer has reset.
+  unsigned long fillAtOnce();
 
   /// Returns when every byte is with the kernel.
   void write(const char* data, unsigned long offset, unsigned long length);

@@ -1,0 +1,77 @@
+#include "comm/kruBatch.h"
+
+#include <atomic>
+#include <cstdint>
+
+#include "comm/kruBytes.h"
+
+namespace tq::comm {
+
+namespace {
+
+// A body above this is written after the batch, in pieces.
+constexpr std::size_t kLargeBody = 10000;
+// A batch smaller than this takes as many bytes of a large body along.
+constexpr std::size_t kBodyStart = 5000;
+
+constexpr std::size_t kDueBytes = 10000;
+constexpr int kDueMessages = 50;
+
+constexpr std::size_t kHeaderLengthField = 2;
+
+/// Messages held in the batches of all clients of the process.
+std::atomic<int> messagesInBuffer{0};
+
+}  // namespace
+
+bool Batch::Message::hasLargeBody() const noexcept { return body.size() > kLargeBody; }
+
+std::string_view Batch::append(const Message& message) {
+  const std::size_t start = bytes_.size();
+  const std::size_t fixed = kHeaderLengthField + message.header.size() + message.terminator.size() +
+                            message.prefix.size();
+  std::string_view copied = message.body;
+  if (message.hasLargeBody()) {
+    copied = start + fixed < kBodyStart ? message.body.substr(0, kBodyStart) : std::string_view();
+  }
+  bytes_.resize(start + fixed + copied.size());
+  bytes::Writer out(bytes_.data() + start);
+  out.putShort(static_cast<std::uint16_t>(message.header.size()));
+  for (const std::string_view part : {message.header, message.terminator, message.prefix, copied}) {
+    out.putBytes(part.data(), part.size());
+  }
+  last_ = {start, message.answered, message.queued};
+  questions_ += message.answered ? 1U : 0U;
+  queued_ += message.queued ? 1U : 0U;
+  messagesInBuffer.fetch_add(1);
+  return message.body.substr(copied.size());
+}
+
+void Batch::takeBack() noexcept {
+  if (!last_) return;
+  bytes_.resize(last_->start);
+  questions_ -= last_->answered ? 1U : 0U;
+  queued_ -= last_->queued ? 1U : 0U;
+  last_.reset();
+  // Another client may have reset the count in the meantime.
+  int held = messagesInBuffer.load();
+  while (held > 0 && !messagesInBuffer.compare_exchange_weak(held, held - 1)) {
+  }
+}
+
+void Batch::seal() noexcept { last_.reset(); }
+
+void Batch::written() noexcept {
+  bytes_.clear();
+  questions_ = 0;
+  queued_ = 0;
+  last_.reset();
+  messagesInBuffer.store(0);
+}
+
+bool Batch::isDue(const Message& last) const noexcept {
+  return bytes_.size() >= kDueBytes || !last.terminator.empty() || last.hasLargeBody() ||
+         messagesInBuffer.load() >= kDueMessages;
+}
+
+}  // namespace tq::comm
