@@ -179,12 +179,6 @@ std::size_t DrestoPerfResponse::unitLength(const char* buffer, int length) const
   return status + kLengthWord + size;
 }
 
-int DrestoPerfResponse::errorRecordLength(const char* buffer, int length) {
-  std::uint16_t size = 0;
-  if (!bytes::readerOf(buffer, length).readShort(size)) return length;
-  return std::min(length, static_cast<int>(kLengthWord + size));
-}
-
 bool DrestoPerfResponse::parseDone(int& need) {
   const tq::oss::TraceScope trace(trace::DrestoPerfResponseParseDone);
   if (state_ == kHeaders) need = kReplyHeader;

@@ -78,8 +78,15 @@ class Feed {
   bool take(const DrestoPerfResponse& parser, bool first) {
     do {
       if (!append(left_.size())) return false;
-    } while ((first || parser.isErrorReply()) && !holdsWholeUnit(parser));
+    } while (mustReadOn(parser, first));
     return true;
+  }
+
+  bool mustReadOn(const DrestoPerfResponse& parser, bool first) const {
+    const auto exact = exactCopy();
+    const auto size = static_cast<int>(carry_.size());
+    return (first || parser.beginsWithError(exact.get(), size)) &&
+           !parser.holdsWholeUnit(exact.get(), size);
   }
 
   bool append(std::size_t most) {
@@ -90,11 +97,6 @@ class Feed {
     return true;
   }
 
-  bool holdsWholeUnit(const DrestoPerfResponse& parser) const {
-    const auto exact = exactCopy();
-    return parser.holdsWholeUnit(exact.get(), static_cast<int>(carry_.size()));
-  }
-
   /// From memory of exactly that size, so that a look beyond its end is seen.
   void offer(DrestoPerfResponse& parser) {
     require(callsLeft_-- != 0, "every call of the parser brings it forward");
@@ -103,9 +105,8 @@ class Feed {
     const int leftover = parser.parseMesg(exact.get(), size, response_, done_);
     require(leftover >= 0 && leftover <= size, "what is left over was offered");
     // The parser is done with an error record and does not say where it ended.
-    const int consumed = parser.isErrorReply() && size > 0
-                             ? DrestoPerfResponse::errorRecordLength(exact.get(), size)
-                             : size - leftover;
+    const int consumed =
+        parser.isErrorReply() && size > 0 ? parser.errorLength(exact.get(), size) : size - leftover;
     carry_.erase(0, static_cast<std::size_t>(consumed));
   }
 

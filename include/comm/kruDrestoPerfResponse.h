@@ -79,8 +79,6 @@ class KRU_EXPORT DrestoPerfResponse : public RESTResponse {
   /// How many of the bytes belong to the error that they begin with; all of them when its length is
   /// not among them.
   int errorLength(const char* buffer, int length) const;
-  /// The bytes of the error record at `buffer`, its length word included, as far as they are there.
-  static int errorRecordLength(const char* buffer, int length);
 
  private:
   void takeServerError(const char* buffer, int length, ClientResponse& response, bool& done);

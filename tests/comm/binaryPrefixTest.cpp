@@ -140,6 +140,10 @@ Expected ofResultsAsTheyCome(const Prefix& prefix) {
   if (prefix.length == 2) {
     return {prefix.ending == Ending::Reset ? unknown(113, -1) : emptyBody(kind)};
   }
+  // What is known for an error is read on.
+  if (prefix.reply.refusesVersion() && prefix.length >= 4 && prefix.ending == Ending::Reset) {
+    return {unknown(113, -1)};
+  }
   if (prefix.wholeEnvelopes() == 0) return {nothingWhole(kind)};
   Expected expected;
   if (prefix.ending == Ending::Reset) {

@@ -71,6 +71,8 @@ BinaryOutcome expectedAsItComes(const BinaryReply& reply, std::size_t firstPorti
   if (reply.code() != 1 || reply.envelopes.empty() || end >= reply.envelopes[1]) {
     return reply.expected;
   }
+  // An error in place of a version is read whole once its status has told.
+  if (reply.refusesVersion() && end >= kReplyHeader + 2) return reply.expected;
   auto outcome =
       reply.kind == kGetServerVersion
           ? binaryFailure("ERR_SERVER_PROTOCOL", "kruDrestoPerfResponse", 336,

@@ -438,10 +438,33 @@ TEST(DrestoPerfClient, ARecordBeyondTheLimitIsRefused) {
     client.setMaxReplyBytes(limit);
     const auto raised = exchange(client, kStreamSearch);
     ASSERT_EQ(raised.size(), limit == 5 ? 0U : 1U);
-    if (raised.empty()) continue;
-    EXPECT_EQ(raised.front().id, "ERR_CLIENT_RESP_PARSING");
-    EXPECT_EQ(raised.front().text, "a record is longer than the limit");
+    if (!raised.empty()) {
+      EXPECT_EQ(raised.front().id, "ERR_CLIENT_RESP_PARSING");
+      EXPECT_EQ(raised.front().text, "a record is longer than the limit");
+    }
     EXPECT_EQ(network.requests(), 1U);
+  }
+}
+
+// An error in place of the server's version.
+
+TEST(DrestoPerfClient, AnErrorInPlaceOfTheVersionIsReadWholeAndKeepsItsConnection) {
+  const auto error = envelope(6, errorRecord({{"MsgId", "ZVK0009E"}, {"MsgText", "no version"}}));
+  // From the status on, which tells that it is one.
+  for (std::size_t cut = 2; cut <= error.size(); ++cut) {
+    Script script;
+    script.expectFramedRequest().send(kOk + error.substr(0, cut));
+    if (cut < error.size()) script.send(error.substr(cut));
+    ScriptedNetwork network(script.expectFramedRequest().send(nextBinaryReply().text).awaitClose(),
+                            kOnDemand);
+    auto client = binaryClient();
+    client.setNumRetries(0);
+    EXPECT_EQ(exchange(client, kGetServerVersion),
+              (Raised{{"ZVK0009E", "(null)", 0, {}, "no version", 2}}))
+        << cut;
+    EXPECT_EQ(client.getRequestOutcome(), tq::comm::RequestOutcome::Rejected) << cut;
+    EXPECT_EQ(runBinary(client, nextBinaryReply().kind), nextBinaryReply().expected) << cut;
+    EXPECT_EQ(network.connections(), 1U) << cut;
   }
 }
 

@@ -174,7 +174,6 @@ void addContents(std::vector<BinaryReply>& all) {
                          errorRecord({{"MsgId", "ZVK0009S"}, {"MsgText", "no version"}}));
   refused.expected = serverMessage("ZVK0009S", "no version", 1);
   refused.expected.seen.returnCode = 0;  // the header has said so
-  refused.keepsConnection = false;
   all.push_back(refused);
   // Nothing says what it would mean, and the parser is not armed again for what may follow.
   auto unknown = content("GetServerVersionInAnUnknownEnvelope", 2, "what is this");
@@ -397,6 +396,10 @@ std::string idOfKey(const std::string& key) {
 
 unsigned int BinaryReply::code() const {
   return static_cast<unsigned char>(text[0]) * 256U + static_cast<unsigned char>(text[1]);
+}
+
+bool BinaryReply::refusesVersion() const {
+  return kind == kGetServerVersion && code() == 1 && text.compare(2, 2, word16(6)) == 0;
 }
 
 const std::vector<BinaryReply>& binaryReplies() {

@@ -58,6 +58,8 @@ struct BinaryReply {
   bool keepsConnection = true;
 
   unsigned int code() const;
+  /// An error envelope in place of the server's version.
+  bool refusesVersion() const;
 };
 std::ostream& operator<<(std::ostream& out, const BinaryReply& reply);
 
