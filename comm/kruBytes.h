@@ -54,7 +54,7 @@ class Reader {
     return true;
   }
 
-  /// Takes `count` bytes, which `bytes` then names; they belong to whoever owns the view.
+  /// Takes `count` bytes and lets `bytes` name them; they stay where they are.
   bool readBytes(std::size_t count, std::string_view& bytes) noexcept {
     if (count > remaining_) return false;
     bytes = {data_, count};

@@ -114,7 +114,7 @@ std::uint16_t takeEnvelopeHeader(bytes::Reader& block, std::uint16_t& status) {
   std::uint16_t size = 0;
   if (!next.readShort(status) || !next.readShort(size)) {
     status = kEnvelopeIncomplete;
-    // Part of the interface of validateRespEnv: the length where there is none to read.
+    // validateRespEnv promises this length when there is none to read.
     return 1;
   }
   if (size > next.remaining()) {

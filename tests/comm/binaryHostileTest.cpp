@@ -1,5 +1,5 @@
-// Binary replies whose lengths lie, and replies that are none. Whatever they say, an exchange ends,
-// with results or with an error of the library, and allocates little more than what has arrived.
+// Binary replies with wrong lengths, and bytes that are not a reply. Whatever they say, an exchange
+// ends with results or with an error of the library, and allocates little more than has arrived.
 
 #include <gtest/gtest.h>
 
@@ -20,7 +20,8 @@ constexpr std::size_t kAllowance = std::size_t{1} << 19;
 
 enum class Then { Close, Silence };
 
-// What is whole by accident keeps its connection; the exchange behind it is answered on either.
+// A reply that is whole by accident keeps its connection; the next exchange is answered on the old
+// connection and on a new one.
 std::vector<Script> scripts(const std::string& text, Then then) {
   const auto next = answer(nextBinaryReply().text);
   Script first;
@@ -31,7 +32,7 @@ std::vector<Script> scripts(const std::string& text, Then then) {
   return {first, next};
 }
 
-/// Runs the exchange, and the one behind it, which must not notice.
+/// Runs the exchange and then another one, which must not be affected.
 void endure(int kind, const std::string& text, bool reassembly, Then then) {
   ScriptedNetwork network(scripts(text, then));
   auto client = binaryClient();

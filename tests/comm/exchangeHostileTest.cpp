@@ -1,5 +1,5 @@
-// Replies whose length words lie. Whatever they say, an exchange ends, with results or with an
-// error of the library, and allocates little more than what has arrived.
+// Replies with wrong length words. Whatever they say, an exchange ends with results or with an
+// error of the library, and allocates little more than has arrived.
 
 #include <gtest/gtest.h>
 
@@ -55,7 +55,7 @@ std::string flipped(std::string text, const Field& field, std::size_t bit) {
   return text;
 }
 
-// Runs the exchange against a peer that closes behind the reply.
+// Runs the exchange against a peer that closes after the reply.
 void expectAnEnd(const Reply& reply, const std::string& text) {
   ScriptedNetwork network(Script().expectRequest().send(text));
   CorvaneRESTClient client(u"127.0.0.1", 7, true);

@@ -59,13 +59,13 @@ std::string leftOf(ChunkTail tail, const std::string& bytes, std::size_t piece) 
   return tail.active() ? "more" : "";
 }
 
-ChunkTail behindData() {
+ChunkTail afterData() {
   ChunkTail tail;
   tail.startBehindData(kMaxChunk);
   return tail;
 }
 
-ChunkTail behindLastChunk() {
+ChunkTail afterLastChunk() {
   ChunkTail tail;
   tail.startBehindLastChunk();
   return tail;
@@ -85,39 +85,39 @@ TEST(ChunkTail, SkipsNothingAtFirst) {
 }
 
 TEST(ChunkTail, SkipsUpToTheBlankLineAfterTheLastChunk) {
-  expectLeft(behindData(), "\r\n0\r\n\r\nHTTP/1.1", "HTTP/1.1");
-  expectLeft(behindData(), "\r\n0\r\n\r\n", "");
-  expectLeft(behindData(), "\r\n5\r\nHTTP/\r\na;x=y\r\n0123456789\r\n0\r\n\r\nnext", "next");
-  expectLeft(behindLastChunk(), "\r\nnext", "next");
-  expectLeft(behindLastChunk(), "\nnext", "next");
+  expectLeft(afterData(), "\r\n0\r\n\r\nHTTP/1.1", "HTTP/1.1");
+  expectLeft(afterData(), "\r\n0\r\n\r\n", "");
+  expectLeft(afterData(), "\r\n5\r\nHTTP/\r\na;x=y\r\n0123456789\r\n0\r\n\r\nnext", "next");
+  expectLeft(afterLastChunk(), "\r\nnext", "next");
+  expectLeft(afterLastChunk(), "\nnext", "next");
 }
 
 TEST(ChunkTail, SkipsTrailers) {
-  expectLeft(behindLastChunk(), "X-A: 1\r\nY: HTTP\r\n\r\nHTTP/1.1", "HTTP/1.1");
-  expectLeft(behindData(), "\r\n0\r\nX-A: 1\r\n\r\nnext", "next");
+  expectLeft(afterLastChunk(), "X-A: 1\r\nY: HTTP\r\n\r\nHTTP/1.1", "HTTP/1.1");
+  expectLeft(afterData(), "\r\n0\r\nX-A: 1\r\n\r\nnext", "next");
 }
 
 TEST(ChunkTail, EndsInFrontOfAStatusLineThatComesInsteadOfTheEnd) {
-  expectLeft(behindData(), "\r\nHTTP/1.1", "HTTP/1.1");
-  expectLeft(behindData(), "HTTP/1.1", "HTTP/1.1");
-  expectLeft(behindLastChunk(), "HTTP/1.1", "HTTP/1.1");
-  expectLeft(behindLastChunk(), "X-A: 1\r\nHTTP/1.1", "HTTP/1.1");
+  expectLeft(afterData(), "\r\nHTTP/1.1", "HTTP/1.1");
+  expectLeft(afterData(), "HTTP/1.1", "HTTP/1.1");
+  expectLeft(afterLastChunk(), "HTTP/1.1", "HTTP/1.1");
+  expectLeft(afterLastChunk(), "X-A: 1\r\nHTTP/1.1", "HTTP/1.1");
 }
 
 TEST(ChunkTail, TellsATrailerThatBeginsAsAStatusLineDoesFromOne) {
   for (const char* trailer : {"Host: a\r\n", "H: 1\r\n", "H\r\n", "HTTP: 1\r\n", "HT\r\n", "HTTP\n",
                               "HTTp/1.1 200 OK\r\n", "HHTTP/1.1\r\n", "H\rTTP/\r\n"}) {
     const std::string line = trailer;
-    expectLeft(behindLastChunk(), line + "\r\nHTTP/1.1", "HTTP/1.1");
-    expectLeft(behindLastChunk(), line + "HTTP/1.1", "HTTP/1.1");
-    expectLeft(behindLastChunk(), "X-A: 1\r\n" + line + line + "\r\nnext", "next");
-    expectLeft(behindData(), "\r\n0\r\n" + line + "\r\nHTTP/1.1", "HTTP/1.1");
-    expectLeft(behindLastChunk(), line, "more");
+    expectLeft(afterLastChunk(), line + "\r\nHTTP/1.1", "HTTP/1.1");
+    expectLeft(afterLastChunk(), line + "HTTP/1.1", "HTTP/1.1");
+    expectLeft(afterLastChunk(), "X-A: 1\r\n" + line + line + "\r\nnext", "next");
+    expectLeft(afterData(), "\r\n0\r\n" + line + "\r\nHTTP/1.1", "HTTP/1.1");
+    expectLeft(afterLastChunk(), line, "more");
   }
 }
 
 TEST(ChunkTail, GivesBackTheBytesOfAStatusLineThatItTookForATrailer) {
-  ChunkTail tail = behindLastChunk();
+  ChunkTail tail = afterLastChunk();
   EXPECT_FALSE(tail.undecided());
   EXPECT_EQ(3U, tail.skip("HTT", 3));
   EXPECT_TRUE(tail.active());
@@ -131,7 +131,7 @@ TEST(ChunkTail, GivesBackTheBytesOfAStatusLineThatItTookForATrailer) {
 }
 
 TEST(ChunkTail, GivesNothingBackOfATrailer) {
-  ChunkTail tail = behindLastChunk();
+  ChunkTail tail = afterLastChunk();
   tail.skip("HTT", 3);
   EXPECT_EQ(1U, tail.skip("X", 1));
   EXPECT_FALSE(tail.undecided());
@@ -143,7 +143,7 @@ TEST(ChunkTail, GivesNothingBackOfATrailer) {
 
 TEST(ChunkTail, ForgetsABegunStatusLineWhenItBeginsAnew) {
   for (const bool whole : {false, true}) {
-    ChunkTail tail = behindLastChunk();
+    ChunkTail tail = afterLastChunk();
     tail.skip("HTTP", 4);
     if (whole) tail.skip("/", 1);
     tail.startBehindLastChunk();
@@ -156,15 +156,15 @@ TEST(ChunkTail, ForgetsABegunStatusLineWhenItBeginsAnew) {
 TEST(ChunkTail, IsActiveUntilItsEndHasCome) {
   for (const char* bytes :
        {"", "\r", "\r\n", "\r\n0", "\r\n0\r\n", "\r\n0\r\n\r", "\r\n3\r\nab", "\r\n0\r\nX"}) {
-    expectLeft(behindData(), bytes, "more");
+    expectLeft(afterData(), bytes, "more");
   }
 }
 
 TEST(ChunkTail, WhatIsNoChunkBreaksItForGood) {
   for (const char* bytes : {"x", "\r\n-1\r\n", "\r\n5z\r\n", "12\n", "\r\n \r\n"}) {
-    expectLeft(behindData(), bytes, "broken");
+    expectLeft(afterData(), bytes, "broken");
   }
-  ChunkTail tail = behindData();
+  ChunkTail tail = afterData();
   tail.skip("x", 1);
   EXPECT_FALSE(tail.active());
   EXPECT_EQ(0U, tail.skip("0\r\n", 3));
@@ -189,16 +189,16 @@ TEST(ChunkTail, ThatDoesNotEndWithinAMegabyteIsGivenUp) {
   while (chunks.size() < (std::size_t{1} << 20) - 2 * chunk.size()) chunks += chunk;
   const std::string trailers(std::size_t{1} << 20, 't');
   for (const std::size_t piece : {64U, 1000U}) {
-    EXPECT_EQ("next", leftOf(behindData(), chunks + "\r\n0\r\n\r\nnext", piece));
-    EXPECT_EQ("broken", leftOf(behindData(), chunks + chunk + chunk + chunk, piece));
-    EXPECT_EQ("broken", leftOf(behindLastChunk(), trailers, piece));
-    EXPECT_EQ("broken", leftOf(behindData(), std::string(trailers.size(), '\n'), piece));
+    EXPECT_EQ("next", leftOf(afterData(), chunks + "\r\n0\r\n\r\nnext", piece));
+    EXPECT_EQ("broken", leftOf(afterData(), chunks + chunk + chunk + chunk, piece));
+    EXPECT_EQ("broken", leftOf(afterLastChunk(), trailers, piece));
+    EXPECT_EQ("broken", leftOf(afterData(), std::string(trailers.size(), '\n'), piece));
   }
 }
 
 TEST(ChunkTail, ASizeLineIsAsLongAs125CharactersAndNoLonger) {
-  expectLeft(behindData(), std::string(124, '0') + "1\r\nx\r\n0\r\n\r\nnext", "next");
-  expectLeft(behindData(), std::string(125, '0') + "1\r\n", "broken");
+  expectLeft(afterData(), std::string(124, '0') + "1\r\nx\r\n0\r\n\r\nnext", "next");
+  expectLeft(afterData(), std::string(125, '0') + "1\r\n", "broken");
 }
 
 }  // namespace

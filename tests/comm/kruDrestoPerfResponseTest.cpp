@@ -36,7 +36,7 @@ ClientRequest::REQUEST kindOf(int number) { return static_cast<ClientRequest::RE
 bool resultsExpected(int kind) { return ClientResponse::resultsExpected(kindOf(kind)); }
 
 /// A parser with its response. Each block is offered in memory of exactly its size, so that a
-/// sanitizer sees whoever reads past it.
+/// sanitizer sees a read beyond its end.
 struct Fed {
   explicit Fed(int kind) : Fed(kind, resultsExpected(kind)) {}
   Fed(int kind, bool results) : parser(kindOf(kind), results) {}

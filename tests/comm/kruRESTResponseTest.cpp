@@ -442,7 +442,7 @@ TEST(RESTResponse, InitStateMakesAParserReadyForEitherStart) {
 
 TEST(RESTResponse, InitStateForgetsTheReplyThatItWasIn) {
   const std::string start = headers(200, "Transfer-Encoding: chunked\r\n");
-  // In a header block; in a size line; behind a chunk too short for a record's start; at the end.
+  // In a header block; in a size line; after a chunk too short for a record's start; at the end.
   for (const std::string& begun :
        {start.substr(0, 20), start + "1", start + "3\r\n", start + "0\r\n"}) {
     auto parser = parserFor(8);
