@@ -10,7 +10,7 @@
 
 namespace tq::comm {
 
-ClientRequest::ClientRequest() = default;
+ClientRequest::ClientRequest() { const tq::oss::TraceScope scope(trace::ClientRequestConstruct); }
 
 void ClientRequest::buildRequest(REQUEST kind, const tq::util::ExtendedProperties& props) {
   const tq::oss::TraceScope scope(trace::ClientRequestBuildRequest);
@@ -77,5 +77,9 @@ const char* ClientRequest::getDocKey(unsigned int& length) const {
   length = docKeyLength_;
   return docKey_;
 }
+
+void ClientRequest::print() { std::as_const(*this).print(); }
+
+void ClientRequest::print() const { const tq::oss::TraceScope scope(trace::ClientRequestPrint); }
 
 }  // namespace tq::comm

@@ -96,6 +96,14 @@ enum FunctionId : unsigned int {
   DrestoPerfResponseGetShort = 0x1CD804F7,
   DrestoPerfResponseGetInt = 0x1CD804F8,
   DrestoPerfResponsePrintState = 0x1CD804F9,
+  // Requests, encoding and results, continued.
+  ClientRequestConstruct = 0x1CD804E4,
+  ClientRequestPrint = 0x1CD804E5,
+  GenRespRecordParseRecordIntoProps = 0x1CD804E6,
+  GenRespRecordParseRecordIntoPropsNew = 0x1CD804E7,
+  GenRespRecordSerializeKVPair = 0x1CD804E8,
+  SearchResultReset = 0x1CD804E9,
+  SearchResultDocIdToB64 = 0x1CD804EA,
 };
 
 static_assert(ClientRequestBuildRequest == 0x1CD8049D);

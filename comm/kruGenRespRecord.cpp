@@ -110,6 +110,7 @@ int GenRespRecord::parseRecordNew(const char* buf, unsigned short len, unsigned 
 
 int GenRespRecord::parseRecordIntoProps(const char* buf, unsigned int len,
                                         tq::util::ExtendedProperties* props) {
+  const tq::oss::TraceScope scope(trace::GenRespRecordParseRecordIntoProps);
   std::size_t consumed = 0;
   while (consumed < len) {
     icu::UnicodeString key = takeText(buf, consumed);
@@ -121,6 +122,7 @@ int GenRespRecord::parseRecordIntoProps(const char* buf, unsigned int len,
 
 int GenRespRecord::parseRecordIntoPropsNew(const char* buf, unsigned short len,
                                            tq::util::ExtendedProperties* props) {
+  const tq::oss::TraceScope scope(trace::GenRespRecordParseRecordIntoPropsNew);
   std::size_t consumed = 0;
   while (consumed < len) {
     icu::UnicodeString key = takeTextNew(buf, consumed);
@@ -182,6 +184,7 @@ bool GenRespRecord::parseMessage(tq::oss::Message& msg, bool required) {
 }
 
 void GenRespRecord::serializeKVPair(char* out, const KVPair& pair, unsigned int& written) {
+  const tq::oss::TraceScope scope(trace::GenRespRecordSerializeKVPair);
   const bool attributed = pair.secondAttribute != 0;
   bytes::Writer writer(out);
   putText(writer, pair.key, attributed ? kAttributedKeyLengthMask : kLengthMask);

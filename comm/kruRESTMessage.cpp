@@ -31,6 +31,16 @@ constexpr std::uint64_t kPrefixSlack = 2000;
 constexpr std::uint64_t kWord = 4;
 constexpr std::size_t kMostBytesAUnit = 3;
 
+const icu::UnicodeString& actionOf(ClientRequest::REQUEST kind) {
+  const tq::oss::TraceScope scope(trace::RESTMessageGetAction);
+  return MessageTables::ensure().actionOf(kind);
+}
+
+const icu::UnicodeString& actionTypeOf(ClientRequest::REQUEST kind) {
+  const tq::oss::TraceScope scope(trace::RESTMessageGetActionType);
+  return *kindOf(kind).actionType;
+}
+
 // Counts what GenRespRecord::getSerializeKVPairLength counts, its surplus of 8 included, without
 // its limit of an int.
 std::uint64_t pairLength(const KVPair& pair) {
@@ -140,14 +150,10 @@ void RESTMessage::initPrefix(ClientRequest& request) {
   if (total != 0) prefixLength_ = static_cast<unsigned int>(total - bodyLength_);
 }
 
-icu::UnicodeString RESTMessage::getAction(ClientRequest::REQUEST kind) {
-  const tq::oss::TraceScope scope(trace::RESTMessageGetAction);
-  return MessageTables::ensure().actionOf(kind);
-}
+icu::UnicodeString RESTMessage::getAction(ClientRequest::REQUEST kind) { return actionOf(kind); }
 
 icu::UnicodeString RESTMessage::getActionType(ClientRequest::REQUEST kind) {
-  const tq::oss::TraceScope scope(trace::RESTMessageGetActionType);
-  return *kindOf(kind).actionType;
+  return actionTypeOf(kind);
 }
 
 // Hands over name and value of each property in the order of the names, the message's own ones in
@@ -187,20 +193,28 @@ icu::UnicodeString RESTMessage::getParamString(bool asHeaders) const {
 }
 
 void RESTMessage::buildProtocolMsg(icu::UnicodeString& out, ClientRequest::REQUEST kind) {
-  const tq::oss::TraceScope scope(trace::RESTMessageBuildProtocolMsg);
-  putActionProperties(kind);
-  Converter::checked(out.append(getParamString(true)).append(StaticDefs::CRLF));
+  buildHeader(
+      kind, [&] { Converter::checked(out.append(getParamString(true)).append(StaticDefs::CRLF)); });
 }
 
-void RESTMessage::putActionProperties(ClientRequest::REQUEST kind) {
-  const icu::UnicodeString& action = MessageTables::ensure().actionOf(kind);
+// The steps of a header text, whether it is written as UTF-16 text or as the bytes that are sent.
+template <typename Write>
+void RESTMessage::buildHeader(ClientRequest::REQUEST kind, Write write) {
+  const tq::oss::TraceScope scope(trace::RESTMessageBuildProtocolMsg);
+  const icu::UnicodeString& action = actionOf(kind);
   if (!action.isEmpty()) action_ = &action;
-  actionType_ = kindOf(kind).actionType;
+  actionType_ = &actionTypeOf(kind);
+  write();
 }
 
 char* RESTMessage::getSerializedHeader() {
   const tq::oss::TraceScope scope(trace::RESTMessageGetSerializedHeader);
-  putActionProperties(request_);
+  buildHeader(request_, [this] { writeHeader(); });
+  return headerBuffer_.data();
+}
+
+void RESTMessage::writeHeader() {
+  const tq::oss::TraceScope scope(trace::RESTMessageGetParamString);
   std::size_t units = 1 + static_cast<std::size_t>(StaticDefs::CRLF.length());
   forEachProperty([&](const icu::UnicodeString& name, const icu::UnicodeString& value) {
     units += static_cast<std::size_t>(outputNameOf(name).length()) +
@@ -216,7 +230,6 @@ char* RESTMessage::getSerializedHeader() {
     out = putText(out, StaticDefs::NEWLINE);
   });
   *putText(out, StaticDefs::CRLF) = '\0';
-  return headerBuffer_.data();
 }
 
 void RESTMessage::makeHeaderRoom() {

@@ -76,6 +76,7 @@ int SearchResult::parseRecordNew(const char* buf, unsigned short len, unsigned s
 }
 
 void SearchResult::reset() {
+  const tq::oss::TraceScope scope(trace::SearchResultReset);
   if (getProperties() == nullptr) init(true);
   const tq::util::ExtendedProperties& props = *getProperties();
   const icu::UnicodeString& uri = props.requireProperty(kUri);
@@ -132,6 +133,7 @@ void SearchResult::copyKey(const char* bytes, unsigned int len) {
 void SearchResult::freeKey() { key_ = nullptr; }
 
 void SearchResult::docIdToB64(const char* key, unsigned int len, icu::UnicodeString& out) {
+  const tq::oss::TraceScope scope(trace::SearchResultDocIdToB64);
   const std::size_t units = kIdPrefixLength + tq::util::Base64::encodeSize(len);
   if (units > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) {
     tq::oss::Converter::throwOutOfMemory();

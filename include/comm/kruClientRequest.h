@@ -98,9 +98,9 @@ class KRU_EXPORT ClientRequest {
   const char* getDocKey(unsigned int& length) const;
   unsigned int getDocKeyLen() const { return docKeyLength_; }
 
-  /// Both do nothing.
-  void print() {}
-  void print() const {}
+  /// Both leave nothing but a record in the host's trace.
+  void print();
+  void print() const;
 
  private:
   void replaceProperties(const tq::util::ExtendedProperties& props);

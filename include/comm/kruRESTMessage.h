@@ -102,7 +102,9 @@ class KRU_EXPORT RESTMessage {
 
   void initPrefix(ClientRequest& request);
   void makeHeaderRoom();
-  void putActionProperties(ClientRequest::REQUEST kind);
+  template <typename Write>
+  void buildHeader(ClientRequest::REQUEST kind, Write write);
+  void writeHeader();
   template <typename Emit>
   void forEachProperty(Emit emit) const;
 

@@ -2,6 +2,8 @@
 
 #include <functional>
 #include <set>
+#include <utility>
+#include <vector>
 
 #include "comm/kruClientResponse.h"
 #include "comm/kruFunctionIds.h"
@@ -23,12 +25,16 @@ class RecordingFacility : public tq::oss::TraceFacility {
     components.insert(component);
     return 0x20083;
   }
-  void traceEntry(unsigned int functionId) override { entries.insert(functionId); }
+  void traceEntry(unsigned int functionId) override {
+    entries.insert(functionId);
+    sequence.push_back(functionId);
+  }
   void traceExit(unsigned int functionId, long) override { exits.insert(functionId); }
 
   std::set<unsigned int> components;
   std::multiset<unsigned int> entries;
   std::multiset<unsigned int> exits;
+  std::vector<unsigned int> sequence;
 };
 
 struct Operation {
@@ -60,6 +66,9 @@ const Operation kOperations[] = {
     {trace::ClientRequestSetContentWithMetadata,
      [] { ClientRequest().setContent({}, nullptr, 0); }},
     {trace::ClientRequestSetDocKey, [] { ClientRequest().setDocKey(nullptr, 0); }},
+    {trace::ClientRequestConstruct, [] { ClientRequest(); }},
+    {trace::ClientRequestPrint, [] { ClientRequest().print(); }},
+    {trace::ClientRequestPrint, [] { std::as_const(sampleRequest()).print(); }},
     {trace::RESTMessageConstruct, [] { RESTMessage(u"h", sampleRequest()); }},
     {trace::RESTMessageInitUrls, [] { RESTMessage::initUrls(); }},
     {trace::RESTMessageInitMessage, [] { RESTMessage(u"h", sampleRequest()); }},
@@ -106,6 +115,32 @@ const Operation kOperations[] = {
      }},
     {trace::GenRespRecordAddStringToConversionCache,
      [] { GenRespRecord::AddStringToConversionCache(u"traced"); }},
+    {trace::GenRespRecordParseRecordIntoProps,
+     [] {
+       tq::util::ExtendedProperties properties;
+       SelectivityInfo(false).parseRecordIntoProps(nullptr, 0, &properties);
+     }},
+    {trace::GenRespRecordParseRecordIntoPropsNew,
+     [] {
+       tq::util::ExtendedProperties properties;
+       SelectivityInfo(false).parseRecordIntoPropsNew(nullptr, 0, &properties);
+     }},
+    {trace::GenRespRecordSerializeKVPair,
+     [] {
+       char out[16];
+       unsigned int written = 0;
+       GenRespRecord::serializeKVPair(out, KVPair(u"a", u"b"), written);
+     }},
+    {trace::SearchResultReset,
+     [] {
+       SearchResult result(true);
+       parse(result, {{"URI", "k"}});
+     }},
+    {trace::SearchResultDocIdToB64,
+     [] {
+       icu::UnicodeString out;
+       SearchResult::docIdToB64("k", 1, out);
+     }},
     {trace::RESTExceptionReset,
      [] {
        RESTException error(true);
@@ -136,6 +171,24 @@ TEST(TracedOperations, LeaveAnEntryAndAnExitRecordEach) {
     EXPECT_EQ(facility.entries, facility.exits) << std::hex << operation.id;
     EXPECT_EQ(std::set<unsigned int>{155}, facility.components);
   }
+}
+
+TEST(TracedOperations, AHeaderTextIsBuiltInTheSameStepsWhateverItIsWrittenTo) {
+  const std::vector<unsigned int> steps{
+      trace::RESTMessageBuildProtocolMsg, trace::RESTMessageGetAction,
+      trace::RESTMessageGetActionType, trace::RESTMessageGetParamString};
+  RESTMessage message(u"h", sampleRequest());
+  {
+    RecordingFacility facility;
+    icu::UnicodeString out;
+    message.buildProtocolMsg(out, ClientRequest::BACKUP);
+    EXPECT_EQ(steps, facility.sequence);
+  }
+  RecordingFacility facility;
+  message.getSerializedHeader();
+  std::vector<unsigned int> sent{trace::RESTMessageGetSerializedHeader};
+  sent.insert(sent.end(), steps.begin(), steps.end());
+  EXPECT_EQ(sent, facility.sequence);
 }
 
 TEST(TracedOperations, HaveNumbersOfTheLibrarysRange) {
