@@ -289,7 +289,7 @@ TEST(SearchResult, CanBeGivenAPartOfItsOwnKey) {
 }
 
 TEST(SearchResult, CanParseItsOwnKey) {
-  for (const int length : {40, 64, 65, 4096, 60000}) {
+  for (const unsigned int length : {40U, 64U, 65U, 4096U, 60000U}) {
     const std::string record = std::string("\0\x64", 2) + std::string(length, 'k');
     SearchResult hit(false);
     hit.setKey(record.data(), static_cast<unsigned int>(record.size()));
