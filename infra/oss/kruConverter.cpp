@@ -2,6 +2,7 @@
 
 #include <unicode/ustring.h>
 #include <unicode/utf16.h>
+#include <unicode/utf8.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -16,35 +17,11 @@ namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
 
-// An unpaired surrogate has no UTF-8 form; the replacement character is as long as the surrogate
-// would have been, so that lengths agree whichever is counted.
+// An unpaired surrogate has no UTF-8 form and is read as the replacement character.
 char32_t nextCodePoint(const char16_t* text, std::int32_t length, std::int32_t& at) noexcept {
-  const char16_t unit = text[at++];
-  if (!U16_IS_SURROGATE(unit)) return unit;
-  if (U16_IS_SURROGATE_LEAD(unit) && at < length && U16_IS_TRAIL(text[at])) {
-    return static_cast<char32_t>(U16_GET_SUPPLEMENTARY(unit, text[at++]));
-  }
-  return kReplacement;
-}
-
-char* writeCodePoint(char32_t c, char* out) noexcept {
-  const auto tail = [](char32_t bits) { return static_cast<char>(0x80 | (bits & 0x3F)); };
-  if (c < 0x80) {
-    *out++ = static_cast<char>(c);
-  } else if (c < 0x800) {
-    *out++ = static_cast<char>(0xC0 | (c >> 6));
-    *out++ = tail(c);
-  } else if (c < 0x10000) {
-    *out++ = static_cast<char>(0xE0 | (c >> 12));
-    *out++ = tail(c >> 6);
-    *out++ = tail(c);
-  } else {
-    *out++ = static_cast<char>(0xF0 | (c >> 18));
-    *out++ = tail(c >> 12);
-    *out++ = tail(c >> 6);
-    *out++ = tail(c);
-  }
-  return out;
+  UChar32 c;
+  U16_NEXT_OR_FFFD(text, at, length, c);
+  return static_cast<char32_t>(c);
 }
 
 std::size_t asciiPrefix(const char* bytes, std::size_t length) noexcept {
@@ -76,7 +53,7 @@ std::size_t Converter::utf8Length(const icu::UnicodeString& text) noexcept {
   std::size_t bytes = 0;
   for (std::int32_t i = 0; i < length;) {
     const char32_t c = nextCodePoint(units, length, i);
-    bytes += c < 0x80 ? 1U : c < 0x800 ? 2U : c < 0x10000 ? 3U : 4U;
+    bytes += static_cast<std::size_t>(U8_LENGTH(c));
   }
   return bytes;
 }
@@ -84,11 +61,12 @@ std::size_t Converter::utf8Length(const icu::UnicodeString& text) noexcept {
 std::size_t Converter::writeUTF8(const icu::UnicodeString& text, char* out) noexcept {
   const char16_t* units = text.getBuffer();
   const std::int32_t length = text.length();
-  char* const start = out;
+  auto* const bytes = reinterpret_cast<std::uint8_t*>(out);
+  std::size_t written = 0;
   std::int32_t i = 0;
-  for (; i < length && units[i] < 0x80; ++i) *out++ = static_cast<char>(units[i]);
-  while (i < length) out = writeCodePoint(nextCodePoint(units, length, i), out);
-  return static_cast<std::size_t>(out - start);
+  for (; i < length && units[i] < 0x80; ++i) bytes[written++] = static_cast<std::uint8_t>(units[i]);
+  while (i < length) U8_APPEND_UNSAFE(bytes, written, nextCodePoint(units, length, i));
+  return written;
 }
 
 std::string Converter::toUTF8(const icu::UnicodeString& text) {

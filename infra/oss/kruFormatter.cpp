@@ -1,7 +1,9 @@
 #include "infra/oss/kruFormatter.h"
 
+#include <algorithm>
 #include <charconv>
-#include <cmath>
+#include <clocale>
+#include <cstdlib>
 #include <limits>
 #include <string>
 #include <system_error>
@@ -18,31 +20,15 @@ bool startsNumber(const char* p, const char* end) noexcept {
   return p != end && ((*p >= '0' && *p <= '9') || *p == '.');
 }
 
-// The parser says only "out of range"; the exponent's sign tells which end of the range was meant.
-double outOfRange(const char* begin, const char* end) noexcept {
-  const bool negative = *begin == '-';
-  bool seenNonZero = false;
-  bool seenPoint = false;
-  long magnitude = 0;
-  const char* p = begin + (negative ? 1 : 0);
-  for (; p != end && *p != 'e' && *p != 'E'; ++p) {
-    if (*p == '.') {
-      seenPoint = true;
-    } else if (*p != '0' || seenNonZero) {
-      seenNonZero = true;
-      if (!seenPoint) ++magnitude;
-    } else if (seenPoint) {
-      --magnitude;
-    }
-  }
-  long exponent = 0;
-  const bool exponentNegative = p != end && p + 1 != end && p[1] == '-';
-  for (; p != end; ++p) {
-    if (*p >= '0' && *p <= '9' && exponent < 1000000000) exponent = exponent * 10 + (*p - '0');
-  }
-  const bool tiny = magnitude + (exponentNegative ? -exponent : exponent) < 0;
-  const double value = tiny ? 0.0 : std::numeric_limits<double>::max();
-  return negative ? -value : value;
+// The parser says only "out of range"; the C library tells which end of the range was meant.
+double outOfRange(const char* begin, const char* end) {
+  const std::string number(begin, end);
+  const locale_t everywhereTheSame = ::newlocale(LC_ALL_MASK, "C", nullptr);
+  if (everywhereTheSame == nullptr) Converter::throwOutOfMemory();
+  const double value = ::strtod_l(number.c_str(), nullptr, everywhereTheSame);
+  ::freelocale(everywhereTheSame);
+  constexpr double largest = std::numeric_limits<double>::max();
+  return std::clamp(value, -largest, largest);
 }
 
 }  // namespace

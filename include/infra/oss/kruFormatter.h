@@ -11,7 +11,7 @@ class KRU_EXPORT Formatter {
  public:
   Formatter() = delete;
 
-  /// The decimal number at the start of the text, with an optional sign, fraction (behind a full
+  /// The decimal number at the start of the text, with an optional sign, fraction (after a full
   /// stop) and exponent; blanks before it are skipped and what follows it is ignored. 0.0 when the
   /// text starts with no number. The result is always finite: too large a number gives the largest
   /// double, one too close to zero gives zero.
