@@ -16,8 +16,8 @@ namespace tq::comm {
 /// without a lock afterwards, for the life of the process.
 class MessageTables {
  public:
-  /// The filled tables. A call that comes out of the filling itself, as the host's trace facility
-  /// may make one, returns at once instead of waiting for itself.
+  /// The filled tables. Reentrant: a call made while they are filled on this thread (from the
+  /// host's trace facility, say) returns the partly filled tables instead of deadlocking.
   static const MessageTables& ensure();
 
   /// Empty for a kind that has no action.

@@ -14,8 +14,8 @@ namespace tq::comm {
 /// document. Build it once with `buildRequest`, optionally add `setDocKey` and `setContent`, then
 /// hand it to a client. One object serves one thread at a time; different objects need no locking.
 ///
-/// The request copies texts and metadata but never the document's key and content bytes: they stay
-/// the caller's and must live until the request has been sent.
+/// Texts and metadata are copied. The document's key and content are not: keep these bytes until
+/// the request has been sent.
 ///
 /// Running out of memory is all that can fail here: std::bad_alloc, or tq::oss::NLSException
 /// "TQ_ERR_OUT_OF_MEMORY" for a text that ICU got no memory for. Such a text is bogus and reads as
@@ -57,8 +57,8 @@ class KRU_EXPORT ClientRequest {
   void buildRequest(REQUEST kind, const tq::util::ExtendedProperties& props);
 
   /// A request to one collection: as above, and puts "index" = the collection id and, for the three
-  /// kinds of search, their "mode". A text with CR, LF or NUL would write a header line of its own:
-  /// whoever takes property texts from a person refuses such a text first.
+  /// kinds of search, their "mode". Texts are not checked: one with CR, LF or NUL would write a
+  /// header line of its own, so refuse such a text when it comes from a person.
   void buildRequest(const icu::UnicodeString& collectionId, REQUEST kind,
                     const tq::util::ExtendedProperties& props);
 
@@ -77,9 +77,9 @@ class KRU_EXPORT ClientRequest {
   std::list<KVPair>& getMetadata() { return metadata_; }
   const std::list<KVPair>& getMetadata() const { return metadata_; }
 
-  /// Copies the metadata element by element (the request's own list is left as it is) and stores
-  /// the content. `content` is not copied; `length` is in bytes. Null with a length is stored as it
-  /// is; clients refuse to send it.
+  /// Replaces the metadata by a copy (which may be the request's own list) and stores where the
+  /// content is and its length in bytes. Null with a length is stored as it is; clients refuse to
+  /// send it.
   void setContent(const std::list<KVPair>& metadata, const char* content, unsigned int length);
   /// Stores the content only; the metadata stays.
   void setContent(const char* content, unsigned int length);

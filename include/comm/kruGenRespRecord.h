@@ -20,15 +20,16 @@ struct KVPair;
 /// The base of every result: the codec of the server's records, with the set of properties that a
 /// parsed record fills. One object serves one thread at a time; different objects need no locking.
 ///
-/// Integers are big-endian, texts are UTF-8 without a terminating zero; a text that holds a zero
-/// byte ends there. A field is
+/// Integers are big-endian. Texts are UTF-8 and end where their length says, or at a NUL before
+/// that. A field is
 ///   32-bit form: 4-byte key length (two top bits ignored), key, 4-byte value length (two top bits
 ///                are a type tag without effect), value;
 ///   16-bit form: 2-byte key length, key, 2-byte value length, value.
 ///
-/// The codec checks no bounds: every byte that the lengths announce must be readable. A field that
-/// runs past the given length is read whole all the same, and the returned count then exceeds the
-/// length. Whoever decodes bytes from outside checks them first.
+/// The codec trusts the lengths in the bytes: all that they announce must be readable, even beyond
+/// the given length of the record, which only says where no further field begins. A last field that
+/// is longer makes the returned count larger than that length. Check bytes from outside before they
+/// come here.
 class KRU_EXPORT GenRespRecord {
  public:
   /// With an empty property set, or with none.
@@ -50,7 +51,7 @@ class KRU_EXPORT GenRespRecord {
   /// The same into `props`, without `reset()`.
   int parseRecordIntoProps(const char* buf, unsigned int len, tq::util::ExtendedProperties* props);
   /// Reads the key of the field at `p`; `size` becomes 4 + its length in bytes. Returns the type
-  /// tag of the value behind it.
+  /// tag of the value that follows.
   int parseKeyField(const char* p, icu::UnicodeString& key, int& size);
   /// Reads the value at `p`; `size` becomes 4 + its length in bytes.
   icu::UnicodeString getStringValue(const char* p, int& size);
@@ -96,8 +97,8 @@ class KRU_EXPORT GenRespRecord {
   GenRespRecord(const GenRespRecord&);
   GenRespRecord& operator=(const GenRespRecord&);
 
-  /// When set, a record that is parsed begins with an empty property set, so that nothing of the
-  /// record before shows through.
+  /// When set, each record is parsed into an emptied property set, so that no property of an
+  /// earlier record shows through.
   bool forgetsPreviousRecord_ = false;
 
  private:

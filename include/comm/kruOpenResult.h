@@ -6,7 +6,7 @@
 
 namespace tq::comm {
 
-/// The outcome of opening a collection: a port number. One object serves one thread at a time;
+/// Where an opened collection is served: a port. One object serves one thread at a time;
 /// different objects need no locking.
 class KRU_EXPORT OpenResult : public GenRespRecord {
  public:
@@ -16,13 +16,13 @@ class KRU_EXPORT OpenResult : public GenRespRecord {
   OpenResult& operator=(const OpenResult& other);
   ~OpenResult() override;
 
-  /// Takes the port from the property "port", read as atoi reads: what follows the leading digits
-  /// is ignored, and a text without any gives 0. A number that no int holds gives the nearest.
-  /// Throws tq::oss::NLSException naming the property when it is missing.
+  /// Reads the port from the property "port". Only its first digits count, as for atoi, so "80x" is
+  /// 80 and "x" is 0; a number beyond an int becomes the nearest int. Throws tq::oss::NLSException
+  /// naming the property when there is none.
   void reset() override;
 
   int getPort() const { return port_; }
-  /// Empty; kept for the caller.
+  /// Always empty: callers know it, and nothing fills it.
   const icu::UnicodeString& getText() const { return text_; }
 
  private:

@@ -22,21 +22,22 @@ class KRU_EXPORT ParseResponse {
   ParseResponse& operator=(const ParseResponse& other);
   ~ParseResponse();
 
-  /// Drops all results and sets the count to 0. The cursor is not moved to what is added next
-  /// unless that makes the count 1.
+  /// Empties the list; nothing is left to take.
   void init();
-  /// Appends a copy. When the count becomes 1 the cursor moves to the list's FIRST result.
+  /// Appends a copy. Adding to a fully consumed list moves the cursor back to the first result:
+  /// call `init()` first.
   void addResult(const ParseResult& result);
 
   /// True while a result is left to take.
   bool hasMore() const;
-  /// The result at the cursor, which advances; the count falls by one. Not checked against
-  /// `hasMore`: behind the last result it gives an empty one. The reference lives until `init`,
-  /// assignment or the response's end.
+  /// Takes the result at the cursor. Ask `hasMore` first: after the last result this gives an empty
+  /// one and the count is wrong. The reference lives until `init`, assignment or the response's
+  /// end.
   ParseResult& getNext();
 
   /// Results added and not yet taken.
   unsigned int count() const;
+  /// Makes the count one larger without adding a result. No operation of the library needs it.
   void incrCount();
 
  private:

@@ -11,16 +11,16 @@
 
 namespace tq::comm {
 
-/// The bytes of one request. A client sends, in this order: the header text; then, for every kind
-/// but LAST_DOC_SENT and only when the prefix is not empty, the prefix and the content; for
-/// LAST_DOC_SENT the terminate record instead of both. One object serves one thread at a time;
-/// different objects need no locking, from the first one on.
+/// The bytes of one request. A client sends the header text first. LAST_DOC_SENT is followed by the
+/// terminate record; any other kind by prefix and content, unless there is no prefix. One object
+/// serves one thread at a time; different objects need no locking, from the first one on.
 ///
-/// The properties are copied at construction. The content is not: it must live until it is sent.
+/// A message has its own copy of the properties, and refers to the caller's content, which must
+/// live until it is sent.
 ///
-/// Header text: one line per property in code-unit order of the names, each name, ": ", value and a
-/// line feed alone; CR LF ends the block. Nothing is escaped. "authToken" is written as
-/// "Authorization", in authToken's place of the order.
+/// Header text: a line "name: value" per property, ended by LF, in the code-unit order of the
+/// names; the block ends with CR LF. Texts are written unescaped. The line of "authToken" is named
+/// "Authorization" and stays where "authToken" stands in the order.
 ///
 /// Document block (integers are 32-bit, big-endian; "masked" clears the two highest bits):
 ///   0, T = bytes that follow T (content included, not masked), the metadata pairs in list order,
@@ -59,10 +59,11 @@ class KRU_EXPORT RESTMessage {
   /// appends the header text to `out`.
   void buildProtocolMsg(icu::UnicodeString& out, ClientRequest::REQUEST kind);
 
-  /// The zero-terminated UTF-8 header text; valid until the next call or the message's end.
+  /// The header text in UTF-8, zero-terminated. It stays as long as the message, or until this is
+  /// called again.
   char* getSerializedHeader();
 
-  /// The bytes in front of the content, and how many. Never null; valid until `initMessage`.
+  /// The bytes that go before the content, and how many. Never null; valid until `initMessage`.
   const char* getMsgPrefix() const { return prefixBuffer_.data(); }
   unsigned int getMsgPrefixLen() const { return prefixLength_; }
 
@@ -90,7 +91,8 @@ class KRU_EXPORT RESTMessage {
   std::uint64_t serializeMetadata(char* out, const std::list<KVPair>& metadata, const char* key,
                                   unsigned int keyLength) const;
 
-  /// Appends the Base64 form of `in`'s UTF-8 bytes to `out`.
+  /// Appends the Base64 form of `in`'s UTF-8 bytes to `out`. For callers that make a credential;
+  /// the library does not call it.
   static void toB64(const icu::UnicodeString& in, icu::UnicodeString& out);
 
  private:

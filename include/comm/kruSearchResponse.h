@@ -25,22 +25,21 @@ class KRU_EXPORT SearchResponse {
   SearchResponse& operator=(const SearchResponse& other);
   ~SearchResponse();
 
-  /// Drops all hits and sets the count to 0. The cursor is not moved to what is added next unless
-  /// that makes the count 1.
+  /// Empties the list; nothing is left to take.
   void init();
-  /// Appends a copy. When the count becomes 1 the cursor moves to the list's FIRST hit: a list that
-  /// was walked to its end and not emptied begins again.
+  /// Appends a copy. Adding to a fully consumed list moves the cursor back to the first hit, so old
+  /// hits are returned again: call `init()` first.
   void addResult(const SearchResult& result);
 
   /// True while a hit is left to take.
   bool hasMore() const;
-  /// The hit at the cursor, which advances; the count falls by one. Not checked against `hasMore`:
-  /// behind the last hit it gives an empty one. The reference lives until `init`, assignment or the
-  /// response's end.
+  /// Takes the hit at the cursor. Ask `hasMore` first: after the last hit this gives an empty one
+  /// and the count is wrong. The reference lives until `init`, assignment or the response's end.
   SearchResult& getNext();
 
   /// Hits added and not yet taken.
   unsigned int count() const;
+  /// Makes the count one larger without adding a hit. No operation of the library needs it.
   void incrCount();
 
  private:

@@ -17,8 +17,8 @@ class KRU_EXPORT SelectivityInfo : public GenRespRecord {
   SelectivityInfo& operator=(const SelectivityInfo& other);
   ~SelectivityInfo() override;
 
-  /// Reads 12 bytes, three unsigned 32-bit big-endian integers: the first value, the third, the
-  /// second, in this order. Neither `len` nor `recordType` is consulted. Returns 0.
+  /// Reads 12 bytes, whatever `len` and `recordType` say: three unsigned 32-bit big-endian
+  /// integers, the first value, then the third, then the second. Returns 0.
   int parseRecordNew(const char* buf, unsigned short len, unsigned short recordType) override;
   /// Does nothing.
   void reset() override;

@@ -14,8 +14,9 @@ namespace tq::oss {
 /// surrogate is written as U+FFFD, and so is each part of the input that is not UTF-8. Safe from
 /// any thread.
 ///
-/// Where memory runs out, `NLSException` is thrown with one message: id "TQ_ERR_OUT_OF_MEMORY",
-/// file name "kruConverter", argument "Converter::convert()". A bogus text counts as that: ICU makes
+/// Where memory runs out, `NLSException` is thrown. Its one message has the id
+/// "TQ_ERR_OUT_OF_MEMORY", the argument "Converter::convert()" and the file name of the converter,
+/// whoever ran out. A bogus text counts as that: ICU makes
 /// a text bogus when it gets no memory for it, and a bogus text reads as an empty one.
 class KRU_EXPORT Converter {
  public:
@@ -46,7 +47,7 @@ class KRU_EXPORT Converter {
     return length;
   }
 
-  /// Writes the text behind the buffer's first `used` bytes, which are kept; returns the number of
+  /// Writes the text after the buffer's first `used` bytes, which are kept; returns the number of
   /// bytes used then. Writes no terminating zero. After an exception the buffer is as it was.
   template <std::size_t N>
   static std::size_t appendUTF8(const icu::UnicodeString& text, SizeableBuffer<char, N>& out,

@@ -28,10 +28,10 @@ class SizeableBuffer {
   /// Elements that fit. N at first; 0 after a `resize` that got no memory.
   std::size_t capacity() const noexcept { return capacity_; }
 
-  /// Makes room for n elements and loses what was there: up to N the room inside the object is
-  /// used; for more, the heap block held before is freed and one of the smallest power of two, from
-  /// 4 upward, that is at least n is taken. False when there is no memory: the capacity is 0 then,
-  /// until a later `resize` succeeds.
+  /// Makes room for n elements and loses what was there. Up to N elements stand inside the object;
+  /// more stand in a heap block, whose size in elements is n rounded up to a power of two and never
+  /// below 4. False when there is no memory: the capacity is 0 then, until a later `resize`
+  /// succeeds.
   bool resize(std::size_t n) noexcept {
     if (n > N) return takeBlock(n);
     release();
@@ -39,14 +39,14 @@ class SizeableBuffer {
     return true;
   }
 
-  /// Makes room for at least n elements and keeps the first `keep` of those there (at most the
+  /// Makes room for at least n elements and keeps the first `keep` of the present ones (at most the
   /// capacity). Never shrinks. False when there is no memory: nothing has changed then.
   bool grow(std::size_t n, std::size_t keep) noexcept {
     return n <= capacity_ || growBeyond(n, keep);
   }
 
  private:
-  // Rare, so kept out of line: inlined at every use they would only make the common path longer.
+  // Rarely called, so kept out of line: inlining them would only make the common path longer.
   [[gnu::noinline]] bool takeBlock(std::size_t n) noexcept {
     const std::size_t wanted = blockSize(n);
     if (onHeap() && capacity_ == wanted) return true;
@@ -81,7 +81,7 @@ class SizeableBuffer {
   }
 
   static T* allocate(std::size_t count) noexcept {
-    // More than this no object can have: its ends would be further apart than pointers can tell.
+    // The largest object: pointers to the ends of a larger one could not be subtracted.
     constexpr auto kMost = static_cast<std::size_t>(std::numeric_limits<std::ptrdiff_t>::max());
     if (count == 0 || count > kMost / sizeof(T)) return nullptr;
     return static_cast<T*>(::operator new(count * sizeof(T), std::nothrow));
