@@ -43,6 +43,7 @@ struct Connection {
   std::deque<Event> events{};
   std::uint64_t last = 0;  // when the last of the events happens
   bool ended = false;      // nothing comes behind them
+  bool tookUnasked = false;
 };
 
 int failWith(int error) {
@@ -61,6 +62,9 @@ struct TimedNetwork::State {
   std::vector<Connection> descriptors{};
   std::vector<std::size_t> descriptorOf{};  // of each connection
   bool waitedForever = false;
+  std::uint64_t longestWait = 0;
+  std::uint64_t calls = 0;
+  std::uint64_t bytesTaken = 0;
 
   bool connectFails = false;
   std::optional<std::size_t> writeFailsBehind{};
@@ -71,6 +75,11 @@ struct TimedNetwork::State {
     return !peer.events.empty() && peer.events.front().at <= now;
   }
   void awaitEvent(Connection& peer);
+  void waitUntil(std::uint64_t time) {
+    if (time <= now) return;
+    longestWait = std::max(longestWait, time - now);
+    now = time;
+  }
   ssize_t deliver(Connection& peer, char* out, size_t length);
   void take(Connection& peer, std::string bytes);
   void dropUnasked(Connection& peer, std::uint64_t from);
@@ -101,6 +110,12 @@ int connectSocket(int fd, const sockaddr*, socklen_t) {
 }
 
 int pollSockets(pollfd* entries, nfds_t count, int timeout) {
+  ++active->calls;
+  // A pause between two attempts.
+  if (count == 0) {
+    active->now += static_cast<std::uint64_t>(timeout) * kMicrosPerMilli;
+    return 0;
+  }
   if (count != 1) return failWith(EINVAL);
   auto* peer = find(entries->fd);
   if (peer == nullptr) return failWith(EBADF);
@@ -110,10 +125,10 @@ int pollSockets(pollfd* entries, nfds_t count, int timeout) {
     if (timeout < 0) {
       active->awaitEvent(*peer);
     } else if (peer->events.empty() || peer->events.front().at > limit) {
-      active->now = limit;
+      active->waitUntil(limit);
       return entries->revents != 0 ? 1 : 0;
     } else {
-      active->now = peer->events.front().at;
+      active->waitUntil(peer->events.front().at);
     }
   }
   entries->revents = static_cast<short>(entries->revents | (entries->events & POLLIN));
@@ -121,6 +136,7 @@ int pollSockets(pollfd* entries, nfds_t count, int timeout) {
 }
 
 ssize_t receive(int fd, void* buffer, size_t length, int flags) {
+  ++active->calls;
   auto* peer = find(fd);
   if (peer == nullptr) return failWith(ENOTCONN);
   if (!active->ready(*peer)) {
@@ -131,6 +147,7 @@ ssize_t receive(int fd, void* buffer, size_t length, int flags) {
 }
 
 ssize_t sendPieces(int fd, const msghdr* message, int) {
+  ++active->calls;
   auto* peer = find(fd);
   if (peer == nullptr) return failWith(ENOTCONN);
   std::string bytes;
@@ -232,7 +249,7 @@ void TimedNetwork::State::awaitEvent(Connection& peer) {
     peer.events.push_back({Event::Kind::Reset, now});
     peer.ended = true;
   }
-  now = std::max(now, peer.events.front().at);
+  waitUntil(peer.events.front().at);
 }
 
 ssize_t TimedNetwork::State::deliver(Connection& peer, char* out, size_t length) {
@@ -247,10 +264,12 @@ ssize_t TimedNetwork::State::deliver(Connection& peer, char* out, size_t length)
     const size_t piece = std::min(length - count, event.bytes.size() - event.taken);
     std::memcpy(out + count, event.bytes.data() + event.taken, piece);
     count += piece;
+    if (!event.asked) peer.tookUnasked = true;
     event.taken += piece;
     if (event.taken == event.bytes.size()) peer.events.pop_front();
     if (!joined) break;
   }
+  bytesTaken += count;
   return static_cast<ssize_t>(count);
 }
 
@@ -324,6 +343,31 @@ void TimedNetwork::heal() {
 
 std::size_t TimedNetwork::connections() const { return state_->descriptorOf.size(); }
 std::uint64_t TimedNetwork::nowMicros() const { return state_->now; }
-bool TimedNetwork::waitedForever() const { return state_->waitedForever; }
+bool TimedNetwork::takeWaitedForever() { return std::exchange(state_->waitedForever, false); }
+std::uint64_t TimedNetwork::takeLongestWait() { return std::exchange(state_->longestWait, 0); }
+std::uint64_t TimedNetwork::calls() const { return state_->calls; }
+std::uint64_t TimedNetwork::bytesTaken() const { return state_->bytesTaken; }
+
+bool TimedNetwork::holdsUnasked(std::size_t connection) const {
+  const Connection& peer = state_->connection(connection);
+  const auto waits = [&](const Event& e) { return !e.asked && e.at <= state_->now; };
+  return peer.tookUnasked || std::any_of(peer.events.begin(), peer.events.end(), waits);
+}
+
+std::size_t TimedNetwork::fingerprint() const {
+  std::size_t all = 0;
+  const auto mix = [&](std::size_t value) { all = (all ^ value) * 0x9E3779B97F4A7C15U; };
+  for (const Connection& peer : state_->descriptors) {
+    if (!peer.open) continue;
+    mix(peer.pending.size());
+    mix(peer.ended);
+    for (const Event& event : peer.events) {
+      mix(static_cast<std::size_t>(event.kind) * 2 + event.asked);
+      mix(event.at > state_->now ? event.at - state_->now : 0);
+      mix(event.bytes.size() - event.taken);
+    }
+  }
+  return all;
+}
 
 }  // namespace tq::test

@@ -45,8 +45,18 @@ class TimedNetwork {
 
   std::size_t connections() const;
   std::uint64_t nowMicros() const;
-  /// True when somebody waited without a limit for what never comes. The wait ended by a reset.
-  bool waitedForever() const;
+  /// True when a caller waited without a limit for what never comes, and forgets it. The wait ended
+  /// by a reset.
+  bool takeWaitedForever();
+  /// The longest single wait so far, and forgets it.
+  std::uint64_t takeLongestWait();
+  /// How many calls were made on sockets, and how many reply bytes they brought.
+  std::uint64_t calls() const;
+  std::uint64_t bytesTaken() const;
+  /// True once bytes that belong to no request have arrived, taken or not.
+  bool holdsUnasked(std::size_t connection) const;
+  /// A number for what is on its way on every open connection: how many bytes, and when they come.
+  std::size_t fingerprint() const;
 
   struct State;
 

@@ -12,7 +12,22 @@ constexpr std::array<const char*, kPeerFields> kPeerNames{
     "prefix",  "segment", "delay",      "pauseAt",   "pause",       "cutAt",
     "cutHow",  "stray",   "strayDelay", "end"};
 constexpr std::array<const char*, kCallerFields> kCallerNames{
-    "kind", "before", "idle", "timeOut", "deadline", "retries", "pull", "recvAfter", "fault"};
+    "act",      "client",  "response", "kind",      "idle", "timeOut",
+    "deadline", "retries", "pull",     "recvAfter", "fault"};
+constexpr std::array<const char*, kActs> kActNames{"exchange",       "unsendable request",
+                                                   "send",           "sendMesg",
+                                                   "recvMesg",       "recv",
+                                                   "recvStream",     "recvMultResponse",
+                                                   "pull",           "pull one portion",
+                                                   "pull parsed",    "pull buffered",
+                                                   "close",          "open",
+                                                   "close and open", "persistent",
+                                                   "not persistent", "batching",
+                                                   "no batching",    "reassembly",
+                                                   "no reassembly",  "setRetryUnsafe",
+                                                   "setRetryPause",  "setMaxReplyBytes",
+                                                   "renew response", "copy response",
+                                                   "rebuild client"};
 
 class Dice {
  public:
@@ -41,12 +56,41 @@ void rollPeer(Dice& dice, PeerPlan& peer) {
   peer[kSegment] = kSegments[dice.roll(8)];
   peer[kDelay] = dice.seldom(3, kDelays.size() - 1);
   peer[kPause] = dice.seldom(4, kDelays.size());
-  peer[kPauseAt] = dice.roll(8);
+  peer[kPauseAt] = dice.roll(9);
   peer[kCutAt] = dice.seldom(5, 15);
   peer[kCutHow] = dice.roll(3);
   peer[kStray] = dice.seldom(3, 9);
   peer[kStrayDelay] = dice.seldom(2, 3);
   peer[kEnd] = dice.seldom(6, 3);
+}
+
+/// Two steps of five are exchanges, as many are sends and receives, and most are of one client.
+std::uint8_t rollAct(Dice& dice) {
+  static constexpr std::array kSteps{
+      kSendByHand,     kSendByHand, kSendByHand, kSendMesgByHand,   kRecvMesgByHand,
+      kRecvMesgByHand, kRecv,       kRecvStream, kRecvMultResponse, kPullLooping,
+      kPullLooping,    kPullSingle, kPullParsed};
+  const unsigned int chance = dice.roll(5);
+  if (chance < 2) return kExchange;
+  return chance < 4 ? static_cast<std::uint8_t>(kSteps[dice.roll(kSteps.size())])
+                    : dice.roll(kActs);
+}
+
+void rollStep(Dice& dice, StepPlan& plan) {
+  auto& caller = plan.caller;
+  caller[kAct] = rollAct(dice);
+  caller[kClient] = dice.seldom(5, 1);
+  caller[kResponse] = dice.seldom(3, 2);
+  // Half of the requests are of a kind that brings something.
+  caller[kKind] = dice.roll(2) != 0 ? dice.roll(7) : dice.roll(kKinds.size());
+  caller[kIdle] = dice.seldom(2, 4);
+  caller[kTimeOut] = dice.roll(4) != 0;
+  caller[kDeadline] = dice.seldom(4, 1);
+  caller[kRetries] = dice.roll(3);
+  caller[kPull] = dice.roll(4);
+  caller[kRecvAfter] = dice.seldom(4, 3);
+  caller[kFault] = dice.seldom(8, 5);
+  for (auto& peer : plan.peer) rollPeer(dice, peer);
 }
 
 }  // namespace
@@ -60,19 +104,8 @@ Schedule scheduleOf(std::uint64_t seed) {
                     dice.roll(3) == 0,
                     dice.roll(4) == 0,
                     {}};
-  schedule.exchanges.resize(1 + dice.roll(5));
-  for (ExchangePlan& plan : schedule.exchanges) {
-    plan.caller[kKind] = dice.roll(kKinds.size());
-    plan.caller[kBefore] = dice.seldom(4, 6);
-    plan.caller[kIdle] = dice.seldom(2, 4);
-    plan.caller[kTimeOut] = dice.roll(2);
-    plan.caller[kDeadline] = dice.seldom(4, 1);
-    plan.caller[kRetries] = dice.roll(3);
-    plan.caller[kPull] = dice.roll(4);
-    plan.caller[kRecvAfter] = dice.seldom(4, 3);
-    plan.caller[kFault] = dice.seldom(8, 5);
-    for (auto& peer : plan.peer) rollPeer(dice, peer);
-  }
+  schedule.steps.resize(1 + dice.roll(7));
+  for (StepPlan& plan : schedule.steps) rollStep(dice, plan);
   return schedule;
 }
 
@@ -83,12 +116,12 @@ std::string describe(const Schedule& schedule) {
   if (schedule.joined) text += ", joined";
   if (schedule.reassembly) text += ", reassembly";
   if (schedule.batching) text += ", batching";
-  for (const ExchangePlan& plan : schedule.exchanges) {
-    text += "\n  exchange";
+  for (const StepPlan& plan : schedule.steps) {
+    text += std::string("\n  ") + kActNames[plan.caller[kAct]];
     const auto add = [&](const char* name, unsigned int value) {
       if (value != 0) text += std::string(" ") + name + "=" + std::to_string(value);
     };
-    for (std::size_t i = 0; i < kCallerFields; ++i) {
+    for (std::size_t i = kClient; i < kCallerFields; ++i) {
       add(kCallerNames[i],
           i == kKind ? static_cast<unsigned int>(kKinds[plan.caller[i]]) : plan.caller[i]);
     }
@@ -104,11 +137,11 @@ namespace {
 
 bool fails(const Schedule& schedule) { return !violationOf(schedule).empty(); }
 
-bool dropExchanges(Schedule& schedule) {
+bool dropSteps(Schedule& schedule) {
   bool smaller = false;
-  for (std::size_t i = schedule.exchanges.size(); i-- > 0;) {
+  for (std::size_t i = schedule.steps.size(); i-- > 0;) {
     Schedule candidate = schedule;
-    candidate.exchanges.erase(candidate.exchanges.begin() + static_cast<std::ptrdiff_t>(i));
+    candidate.steps.erase(candidate.steps.begin() + static_cast<std::ptrdiff_t>(i));
     if (!fails(candidate)) continue;
     schedule = std::move(candidate);
     smaller = true;
@@ -130,7 +163,7 @@ bool simplifyAll(Schedule& schedule) {
   bool smaller = simplify(schedule, schedule.joined);
   smaller |= simplify(schedule, schedule.reassembly);
   smaller |= simplify(schedule, schedule.batching);
-  for (ExchangePlan& plan : schedule.exchanges) {
+  for (StepPlan& plan : schedule.steps) {
     for (auto& value : plan.caller) smaller |= simplify(schedule, value);
     for (auto& peer : plan.peer) {
       for (auto& value : peer) smaller |= simplify(schedule, value);
@@ -142,7 +175,7 @@ bool simplifyAll(Schedule& schedule) {
 }  // namespace
 
 Schedule shrunk(Schedule schedule) {
-  while (dropExchanges(schedule) || simplifyAll(schedule)) {
+  while (dropSteps(schedule) || simplifyAll(schedule)) {
   }
   return schedule;
 }

@@ -18,7 +18,7 @@ enum PeerField : std::size_t {
   kPrefix,       // HTTP: 1 CR LF, 2 an interim block, 3 both, in front of the status line
   kSegment,      // 0 in one piece, else in pieces of so many bytes
   kDelay,        // in front of the reply: a step of kDelays
-  kPauseAt,      // in eighths of the reply
+  kPauseAt,      // in eighths of the reply; 8: where its last chunk or its end mark begins
   kPause,        // a step of kDelays, or for ever
   kCutAt,        // in sixteenths of the reply; 0 not at all
   kCutHow,       // 0 silence, 1 a close, 2 a reset
@@ -28,29 +28,62 @@ enum PeerField : std::size_t {
   kPeerFields
 };
 
-/// What the caller does with one exchange.
+/// What the caller does in one step.
+enum Act : std::uint8_t {
+  kExchange,
+  kUnsendable,
+  kSendByHand,
+  kSendMesgByHand,
+  kRecvMesgByHand,
+  kRecv,
+  kRecvStream,
+  kRecvMultResponse,
+  kPullLooping,
+  kPullSingle,
+  kPullParsed,
+  kPullBuffered,
+  kClose,
+  kOpen,
+  kReopen,
+  kPersistent,
+  kNotPersistent,
+  kBatching,
+  kNoBatching,
+  kReassembly,
+  kNoReassembly,
+  kRetryUnsafe,
+  kRetryPause,
+  kMaxReplyBytes,
+  kRenew,
+  kCopy,
+  kRebuild,
+  kActs
+};
+
 enum CallerField : std::size_t {
+  kAct,
+  kClient,
+  kResponse,
   kKind,       // an index of kKinds
-  kBefore,     // what else it does in front of it
-  kIdle,       // a step of kDelays
+  kIdle,       // a step of kDelays, before it
   kTimeOut,    // 0 none, 1 set
   kDeadline,   // 0 none, 1 set
   kRetries,    // attempts behind the first
-  kPull,       // 0 portion by portion, 1 looping, 2 not at all, 3 one portion
-  kRecvAfter,  // further receives, whatever came before
+  kPull,       // after an exchange: 0 portion by portion, 1 looping, 2 not at all, 3 one portion
+  kRecvAfter,  // further receives after an exchange, whatever came before
   kFault,      // 1 the next connect fails, 2 and more: the next write does, behind some bytes
   kCallerFields
 };
 
 using PeerPlan = std::array<std::uint8_t, kPeerFields>;
 
-struct ExchangePlan {
+struct StepPlan {
   std::array<std::uint8_t, kCallerFields> caller{};
   // Of the first attempt, and of all further ones.
   std::array<PeerPlan, 2> peer{};
 };
 
-/// A client and its exchanges. All zeros are a well-behaved peer and a plain caller.
+/// Two clients and what their caller does. All zeros are a well-behaved peer and a plain caller.
 struct Schedule {
   std::uint64_t seed = 0;
   bool binary = false;
@@ -58,10 +91,11 @@ struct Schedule {
   bool joined = false;      // whether one receive brings several pieces
   bool reassembly = false;  // of the binary protocol
   bool batching = false;    // of the binary protocol
-  std::vector<ExchangePlan> exchanges;
+  std::vector<StepPlan> steps;
 };
 
-constexpr std::array<int, 10> kKinds{15, 8, 20, 11, 4, 22, 14, 1, 9, 10};
+constexpr std::array<int, 22> kKinds{15, 8, 20, 11, 3,  22, 14, 1,  9,  10, 4,
+                                     2,  5, 12, 13, 16, 17, 18, 19, 21, 23, 24};
 // Microseconds; time-outs and deadlines lie between them.
 constexpr std::array<std::uint64_t, 5> kDelays{0, 100, 4000, 30000, 200000};
 constexpr unsigned int kTimeOutMillis = 10;
@@ -70,8 +104,8 @@ constexpr unsigned int kDeadlineMillis = 50;
 Schedule scheduleOf(std::uint64_t seed);
 std::string describe(const Schedule& schedule);
 
-/// Runs it, and behind it one exchange with a well-behaved peer, which must succeed. What was
-/// delivered to the wrong request, or is not what the server sent; empty when all is well.
+/// Runs it, and after it an exchange of each client with a well-behaved peer, which must succeed.
+/// What was delivered to the wrong request, or is not what the server sent; empty when all is well.
 std::string violationOf(const Schedule& schedule);
 
 /// The smallest schedule with a violation that dropping and simplifying leads to.

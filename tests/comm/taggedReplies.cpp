@@ -71,6 +71,21 @@ std::string httpReply(const TaggedReply& reply, const HttpForm& form) {
   return text + more.substr(more.find("\r\n\r\n") + 4);
 }
 
+Portions portionsOf(const TaggedReply& reply, bool binary) {
+  TaggedReply first = reply;
+  first.results = 1;
+  if (binary) {
+    const std::string text = binaryReply(reply);
+    const std::size_t cut = binaryReply(first).size() - endOfResults().size();
+    return {text.substr(0, cut), text.substr(cut)};
+  }
+  const Reply body = httpBody(reply, true);
+  const Chunked whole =
+      chunkedAt(body, {httpBody(first, false).body.size(), body.body.size()}, true);
+  const std::size_t cut = whole.chunks.front().dataEnd + 2;
+  return {whole.text.substr(0, cut), whole.text.substr(cut)};
+}
+
 std::string binaryReply(const TaggedReply& reply) {
   if (reply.verdict == TaggedReply::Verdict::Refused) return word16(401);
   // A status has room for a tag only in its error form.

@@ -34,4 +34,12 @@ std::string tagText(unsigned int tag);
 std::string httpReply(const TaggedReply& reply, const HttpForm& form);
 std::string binaryReply(const TaggedReply& reply);
 
+/// A reply with results in two portions, of which the first ends with the first result: over HTTP
+/// two chunks and the last one.
+struct Portions {
+  std::string first;
+  std::string rest;
+};
+Portions portionsOf(const TaggedReply& reply, bool binary);
+
 }  // namespace tq::test

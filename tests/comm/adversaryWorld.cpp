@@ -1,0 +1,733 @@
+#include "tests/comm/adversaryWorld.h"
+
+#include <algorithm>
+#include <charconv>
+#include <list>
+#include <utility>
+
+#include "comm/kruClientRequest.h"
+#include "comm/kruKVPair.h"
+#include "comm/kruRESTException.h"
+#include "comm/kruRESTMessage.h"
+#include "infra/util/kruExtendedProperties.h"
+#include "tests/support/exchange.h"
+
+namespace tq::test {
+
+namespace {
+
+using tq::comm::ClientRequest;
+using tq::comm::ClientResponse;
+using tq::comm::CorvaneRESTClient;
+using tq::comm::DrestoPerfClient;
+using tq::comm::RESTException;
+
+constexpr auto kInvalidState = "ERR_INVALID_STATE";
+constexpr auto kInternal = "ERR_CLIENT_INTERNAL";
+constexpr auto kNoConnection = "ERR_CONNECT_SERVER";
+constexpr auto kTimeOutId = "ERR_SERVER_COMM_TIMEOUT";
+constexpr auto kServerId = "ZVK0001E";
+constexpr auto kRefusedId = "ERR_SERVER_INVALID_AUTH";
+constexpr std::string_view kMarker = "query: m";
+// Clocks are rounded to whole milliseconds.
+constexpr std::uint64_t kRounding = 1000;
+constexpr std::uint64_t kMicrosPerMilli = 1000;
+
+/// Ends a loop that goes round without end.
+struct Spinning {};
+constexpr unsigned int kMostRounds = 5000;
+bool spun = false;
+unsigned int rounds = 0;
+
+void countRound() {
+  if (++rounds <= kMostRounds) return;
+  spun = true;
+  throw Spinning();
+}
+
+/// A client whose receives are counted.
+template <typename Client>
+class Counted final : public Client {
+ public:
+  using Client::Client;
+  void recv(ClientResponse& response) override {
+    countRound();
+    Client::recv(response);
+  }
+  void recvStream(ClientResponse& response) override {
+    countRound();
+    Client::recvStream(response);
+  }
+};
+
+bool hasReply(int kind) { return kind != kAsynchAddDocument && kind != kLastDocSent; }
+bool isStreaming(int kind) {
+  return kind == kStreamSearch || kind == kScalarSearch || kind == kParseResult;
+}
+
+/// Kinds whose replies are read alike.
+int shapeOfReply(int kind) {
+  if (kind == kScalarSearch) return kStreamSearch;
+  if (isStreaming(kind) || kind == kSelectivity || kind == kGetStatus ||
+      kind == kGetServerVersion || !hasReply(kind)) {
+    return kind;
+  }
+  return kCreateCollection;
+}
+
+ClientRequest requestNamed(std::size_t number, int kind) {
+  static constexpr char kKey[] = "key";
+  static constexpr char kContent[] = "the text";
+  char16_t name[24] = {u'm'};
+  std::size_t length = 1;
+  const std::string digits = std::to_string(number);
+  for (const char digit : digits) name[length++] = static_cast<char16_t>(digit);
+  tq::util::ExtendedProperties properties;
+  properties.putProperty(u"query", icu::UnicodeString(name, static_cast<int>(length)));
+  ClientRequest request;
+  request.buildRequest(u"c1", static_cast<ClientRequest::REQUEST>(kind), properties);
+  if (kind == kAsynchAddDocument || kind == kAddDocument || kind == kDeleteDocument) {
+    request.setContent(std::list<tq::comm::KVPair>{{u"title", u"one"}}, kContent,
+                       kind == kDeleteDocument ? 0 : sizeof kContent - 1);
+    request.setDocKey(kKey, sizeof kKey - 1);
+  }
+  return request;
+}
+
+void noteError(const tq::oss::BaseException& error, Seen& seen) {
+  const auto& messages = error.getMessageList();
+  if (messages.empty()) return;
+  seen.errorId = utf8(messages.front().getMessageId());
+  seen.errorText = utf8(messages.front().getMessageText());
+}
+
+bool isBeginningOf(const std::vector<std::string>& some, const std::vector<std::string>& all) {
+  return some.size() <= all.size() && std::equal(some.begin(), some.end(), all.begin());
+}
+
+/// Whether all that is in `some` comes in `all`, in that order.
+bool isPartOf(const std::vector<std::string>& some, const std::vector<std::string>& all) {
+  auto at = all.begin();
+  for (const std::string& name : some) {
+    at = std::find(at, all.end(), name);
+    if (at == all.end()) return false;
+    ++at;
+  }
+  return true;
+}
+
+/// Whether the portions that a pull receives replace each other before its caller sees them.
+bool dropsPortions(Pulling how, int kind) {
+  return how == Pulling::RecvMultResponse || (how == Pulling::Parsed && kind != kParseResult) ||
+         (how == Pulling::Looping && kind == kParseResult);
+}
+
+}  // namespace
+
+World::World(bool binary, bool joined, bool persistent, Peer peer)
+    : binary_(binary),
+      persistent_(persistent),
+      peer_(std::move(peer)),
+      network_(binary, joined, [this](std::size_t c, const std::string& r) { answer(c, r); }) {
+  for (Caller& caller : clients_) {
+    caller.client = makeClient();
+    caller.number = ++clientsMade_;
+  }
+}
+
+std::unique_ptr<CorvaneRESTClient> World::makeClient() const {
+  if (!binary_) return std::make_unique<Counted<CorvaneRESTClient>>(u"world", 7, persistent_);
+  auto client = std::make_unique<Counted<DrestoPerfClient>>(u"world", 7);
+  client->usePeristentConnection(persistent_);
+  return client;
+}
+
+DrestoPerfClient* World::binaryClient(std::size_t c) {
+  return binary_ ? static_cast<DrestoPerfClient*>(clients_[c].client.get()) : nullptr;
+}
+
+std::optional<Line> World::inspected(std::size_t) const { return std::nullopt; }
+
+void World::require(bool holds, const char* what, const std::string& more) {
+  if (!holds && violation_.empty()) violation_ = what + more;
+}
+
+std::size_t World::fingerprint() {
+  std::size_t all = network_.fingerprint();
+  const auto mix = [&](std::size_t value) { all = (all ^ value) * 0x9E3779B97F4A7C15U; };
+  for (const Caller& caller : clients_) {
+    mix(caller.line.bits());
+    mix(static_cast<std::size_t>(shapeOfReply(caller.lastKind)));
+    mix(caller.exchangeFailed * 8U + caller.client->isEndOfStream() * 4U +
+        caller.client->isTruncated() * 2U + (caller.asked != nullptr));
+    mix((caller.streamMade == caller.made) + 2U * (caller.made != 0) +
+        4U * caller.exchangeIsCertain);
+    for (Held& held : responses_) {
+      mix(static_cast<std::size_t>(staleness(caller, held)) * 2 + (held.mark == Mark{}));
+      mix(held.owner != nullptr && held.owner == caller.stream);
+      mix(held.response.getSearchResponse().count());
+      mix(held.response.getParseResponse().count());
+    }
+  }
+  return all;
+}
+
+// The peer.
+
+void World::answer(std::size_t connection, const std::string& request) {
+  const auto at = request.find(kMarker);
+  if (at == std::string::npos) return;
+  std::size_t number = 0;
+  std::from_chars(request.data() + at + kMarker.size(), request.data() + request.size(), number);
+  Question& question = questions_[number];
+  question.written = true;
+  Caller& caller = clients_[question.client];
+  if (question.byHand) {
+    question.untold = network_.holdsUnasked(connection);
+    if (hasReply(question.kind)) {
+      caller.line.move({Line::Owed, Line::Asked, Line::Uncertain}, Line::Uncertain);
+      caller.asked =
+          caller.line.mayBe(Line::Clean) || caller.line.mayBe(Line::Tail) ? &question : nullptr;
+      caller.line.move({Line::Clean, Line::Tail}, Line::Asked);
+    }
+  }
+  peer_(connection, question);
+}
+
+void World::say(Question& question, const TaggedReply& reply, std::string text, bool begun) {
+  question.answers.push_back({reply, std::move(text), begun});
+}
+
+Question& World::ask(std::size_t c, int kind, bool byHand) {
+  Question& question = questions_.emplace_back();
+  question.number = questions_.size() - 1;
+  question.kind = kind;
+  question.client = c;
+  question.byHand = byHand;
+  return question;
+}
+
+// Calls.
+
+template <typename Call>
+Seen World::run(std::size_t c, Call&& call) {
+  Seen seen;
+  rounds = 0;
+  spun = false;
+  const std::uint64_t start = network_.nowMicros();
+  network_.takeLongestWait();
+  try {
+    call();
+  } catch (const Spinning&) {
+    seen.failed = true;
+  } catch (const tq::oss::BaseException& error) {
+    seen.failed = true;
+    noteError(error, seen);
+    if (dynamic_cast<const RESTException*>(&error) == nullptr) seen.errorId = "socket";
+  }
+  seen.waited = network_.nowMicros() - start;
+  require(!spun, "goes round without end");
+  judgeWaits(clients_[c], seen);
+  if (seen.failed) judgeId(seen);
+  return seen;
+}
+
+void World::judgeWaits(const Caller& caller, const Seen& seen) {
+  const bool limited = caller.timeOut != 0 || caller.deadline != 0;
+  const bool forEver = network_.takeWaitedForever();
+  require(!limited || !forEver, "waits for ever in spite of a limit");
+  if (caller.deadline != 0) {
+    require(seen.waited <= caller.deadline * kMicrosPerMilli + kRounding,
+            "goes on past its deadline");
+  }
+  if (caller.timeOut != 0) {
+    require(network_.takeLongestWait() <= caller.timeOut * kMicrosPerMilli + kRounding,
+            "waits longer than its time-out");
+  }
+}
+
+void World::judgeId(const Seen& seen) {
+  static constexpr std::array<std::string_view, 12> kDocumented{kNoConnection,
+                                                                "ERR_SERVER_COMM_SEND",
+                                                                "ERR_SERVER_COMM_RECV",
+                                                                kTimeOutId,
+                                                                "ERR_SERVER_PROTOCOL",
+                                                                kRefusedId,
+                                                                "ERR_SERVER_APP",
+                                                                "ERR_CLIENT_RESP_PARSING",
+                                                                kInternal,
+                                                                kInvalidState,
+                                                                kServerId,
+                                                                "TQ_ERR_PROPERTY_MISSING"};
+  const bool known =
+      std::find(kDocumented.begin(), kDocumented.end(), seen.errorId) != kDocumented.end() ||
+      seen.errorId == "socket";
+  require(known || spun, "fails with an error that no document names: ", seen.errorId);
+}
+
+Seen World::exchange(std::size_t c, std::size_t r, int kind) {
+  Caller& caller = clients_[c];
+  Held& held = responses_[r];
+  take(held);
+  clearScalars(held);
+  Question& question = ask(c, kind, false);
+  ClientRequest request = requestNamed(question.number, kind);
+  const std::size_t connections = network_.connections();
+  const Seen seen = run(c, [&] { caller.client->sendAndRecvMesg(request, held.response); });
+  require(seen.errorId != "socket", "an exchange fails with what is no RESTException");
+  caller.made += network_.connections() - connections;
+  caller.streamMade = caller.client->isConnected() ? caller.made : 0;
+  caller.exchange += 2;
+  caller.exchangeIsCertain = true;
+  caller.lastKind = kind;
+  caller.exchangeFailed = seen.failed;
+  caller.stream = &question;
+  caller.asked = nullptr;
+  const Mark mark{caller.number, caller.exchange};
+  held.orMark.reset();
+  // Whether a receive into it began is not always seen from outside.
+  if (seen.failed) held.orMark = held.mark;
+  held.mark = mark;
+  held.owner = &question;
+  held.parsedAs = kind;
+  question.failed = seen.failed && seen.errorId != kTimeOutId;
+  lineAfterExchange(caller, seen, network_.connections() != connections);
+  if (!seen.failed || isStreaming(kind)) take(held);
+  judgeExchange(caller, held, seen);
+  return seen;
+}
+
+Seen World::exchangeUnsendable(std::size_t c, std::size_t r) {
+  static constexpr char kKey[] = "key";
+  Caller& caller = clients_[c];
+  Held& held = responses_[r];
+  ClientRequest request = requestNamed(0, kCreateCollection);
+  request.setDocKey(kKey, sizeof kKey - 1);
+  const Shape before = shapeOf(caller, held);
+  const Seen seen = run(c, [&] { caller.client->sendAndRecvMesg(request, held.response); });
+  require(seen.errorId == kInternal, "sends a key without metadata");
+  require(shapeOf(caller, held) == before, "a request that cannot be sent changes something");
+  return seen;
+}
+
+Seen World::send(std::size_t c, int kind, bool asMessage) {
+  Caller& caller = clients_[c];
+  Question& question = ask(c, kind, true);
+  ClientRequest request = requestNamed(question.number, kind);
+  const bool broken = caller.line.mustBe(Line::Broken);
+  const Seen seen = run(c, [&] {
+    if (!asMessage) return caller.client->send(request);
+    tq::comm::RESTMessage message(caller.client->getHost(), request);
+    caller.client->sendMesg(message);
+  });
+  if (broken) {
+    require(!question.written, "writes behind half a request");
+    require(seen.errorId == kInvalidState, "sends by hand behind half a request");
+  }
+  if (seen.failed && seen.errorId != kInvalidState) {
+    const bool certain = seen.errorId != kTimeOutId && seen.errorId != kInternal;
+    if (!caller.client->isConnected()) {
+      caller.line = Line::NotConnected;
+    } else if (certain) {
+      caller.line = Line::Broken;
+    } else {
+      caller.line.add(Line::Broken);
+    }
+  }
+  return seen;
+}
+
+Seen World::recvMesg(std::size_t c, std::size_t r) {
+  Caller& caller = clients_[c];
+  Held& held = responses_[r];
+  take(held);
+  clearScalars(held);
+  const std::uint64_t bytes = network_.bytesTaken();
+  const Lines line = caller.line;
+  const Seen seen = run(c, [&] { caller.client->recvMesg(held.response); });
+  const bool tookBytes = network_.bytesTaken() != bytes;
+  if (caller.lastKind != 0 && !hasReply(caller.lastKind)) {
+    require(!tookBytes, "reads a reply for a kind that has none");
+    if (line.mustBe(Line::Asked)) {
+      require(seen.errorId == kInvalidState, "passes by the reply to a question sent by hand");
+    }
+    if (!line.mayBe(Line::Asked)) require(!seen.failed, "fails for a kind without a reply");
+    if (!seen.failed) {
+      ++caller.exchange;
+      caller.exchangeIsCertain = false;
+      held.orMark = held.mark;
+      held.mark = {caller.number, caller.exchange};
+    }
+    return seen;
+  }
+  const bool refused =
+      seen.errorId == kInvalidState || seen.errorId == kInternal || seen.errorId == kNoConnection;
+  if (refused) {
+    require(!tookBytes, "refuses a receive and reads all the same");
+    if (!binary_ && line.mustBe(Line::Asked)) {
+      require(false, "refuses the reply to a question sent by hand: ", seen.errorId);
+    }
+    return seen;
+  }
+  require(line.mayBe(Line::Asked), "reads a reply that nobody can name");
+  caller.line = Line::Uncertain;
+  ++caller.exchange;
+  caller.exchangeIsCertain = true;
+  held.orMark.reset();
+  held.mark = {caller.number, caller.exchange};
+  held.parsedAs = caller.lastKind;
+  held.owner = caller.stream = caller.asked;
+  caller.streamMade = caller.made;
+  if (held.owner == nullptr || held.owner->untold) return seen;
+  take(held);
+  judgeExchange(caller, held, seen);
+  return seen;
+}
+
+Seen World::open(std::size_t c) {
+  Caller& caller = clients_[c];
+  const std::size_t connections = network_.connections();
+  const Seen seen = run(c, [&] { caller.client->open(); });
+  if (network_.connections() != connections) {
+    ++caller.made;
+    caller.line = Line::Clean;
+    caller.asked = nullptr;
+  }
+  if (!caller.client->isConnected()) caller.line = Line::NotConnected;
+  return seen;
+}
+
+void World::close(std::size_t c) {
+  Caller& caller = clients_[c];
+  run(c, [&] { caller.client->close(); });
+  caller.line = Line::NotConnected;
+  caller.asked = nullptr;
+}
+
+void World::setTimeOut(std::size_t c, unsigned int millis) {
+  clients_[c].client->setTimeOut(clients_[c].timeOut = millis);
+}
+
+void World::setDeadline(std::size_t c, unsigned int millis) {
+  clients_[c].client->setDeadline(clients_[c].deadline = millis);
+}
+
+void World::renew(std::size_t r) {
+  take(responses_[r]);
+  responses_[r] = Held();
+}
+
+void World::copy(std::size_t from, std::size_t to) {
+  take(responses_[from]);
+  take(responses_[to]);
+  responses_[to] = responses_[from];
+}
+
+void World::rebuild(std::size_t c) {
+  Caller& caller = clients_[c];
+  caller.client.reset();
+  caller = Caller();
+  caller.client = makeClient();
+  caller.number = ++clientsMade_;
+}
+
+void World::takeAll() {
+  for (Held& held : responses_) take(held);
+}
+
+// Pulling.
+
+World::Shape World::shapeOf(const Caller& caller, Held& held) const {
+  return {held.response.getSearchResponse().count(),
+          held.response.getParseResponse().count(),
+          held.response.getResultCount(),
+          held.response.getReturnCode(),
+          caller.client->isEndOfStream(),
+          caller.client->isTruncated(),
+          network_.bytesTaken()};
+}
+
+bool World::isCurrent(const Caller& caller, const Mark& mark) const {
+  return mark == Mark{} || (mark.client == caller.number &&
+                            (mark.exchange == caller.exchange ||
+                             (!caller.exchangeIsCertain && mark.exchange + 1 == caller.exchange)));
+}
+
+World::Stale World::staleness(const Caller& caller, const Held& held) const {
+  const bool first = isCurrent(caller, held.mark);
+  const bool second = held.orMark ? isCurrent(caller, *held.orMark) : first;
+  if (first && second) return caller.exchangeIsCertain ? Stale::No : Stale::Perhaps;
+  return first || second ? Stale::Perhaps : Stale::Yes;
+}
+
+Seen World::pull(Pulling how, std::size_t c, std::size_t r) {
+  Caller& caller = clients_[c];
+  Held& held = responses_[r];
+  const Stale stale = staleness(caller, held);
+  // What a receive would replace is taken first; what a refusal must not touch is left.
+  const bool replaces = how == Pulling::Recv || how == Pulling::RecvStream ||
+                        how == Pulling::RecvMultResponse || how == Pulling::Single;
+  if (replaces && stale != Stale::Yes) take(held);
+  const Shape before = shapeOf(caller, held);
+  if (how == Pulling::Buffered) held.response.setResultsBuffered(true);
+  const Seen seen = run(c, [&] { pullRaw(how, caller, held); });
+  judgePull(how, caller, held, stale, before, seen);
+  return seen;
+}
+
+void World::pullRaw(Pulling how, Caller& caller, Held& held) {
+  switch (how) {
+    case Pulling::Recv:
+      return caller.client->recv(held.response);
+    case Pulling::RecvStream:
+      return caller.client->recvStream(held.response);
+    case Pulling::RecvMultResponse:
+      return caller.client->recvMultResponse(held.response);
+    case Pulling::Single:
+      held.response.getSearchResponse(*caller.client, false);
+      return;
+    case Pulling::Parsed:
+      held.response.getParseResponse(*caller.client);
+      return;
+    default:
+      held.response.getSearchResponse(*caller.client, true);
+      return;
+  }
+}
+
+void World::judgePull(Pulling how, Caller& caller, Held& held, Stale stale, const Shape& before,
+                      const Seen& seen) {
+  const bool unchanged = shapeOf(caller, held) == before;
+  if (how == Pulling::Buffered) {
+    require(!seen.failed && unchanged, "receives although the results are marked as buffered");
+    return;
+  }
+  const bool away = !caller.client->isConnected();
+  if (stale == Stale::Yes) {
+    require(seen.errorId == kInvalidState || (away && seen.errorId == kNoConnection),
+            "pulls into a response of another exchange", " " + seen.errorId);
+    if (seen.errorId == kInvalidState) require(unchanged, "a refused pull changes something");
+    if (seen.failed) return;
+  }
+  if (seen.errorId == kInvalidState) {
+    require(stale != Stale::No || (binary_ && caller.exchangeFailed),
+            "refuses to pull into the response of the present exchange");
+    require(network_.bytesTaken() == before.bytesTaken, "refuses a pull and reads all the same");
+    return;
+  }
+  if (away) {
+    require(network_.bytesTaken() == before.bytesTaken, "reads without a connection");
+    if (how == Pulling::Recv)
+      require(seen.errorId == kNoConnection, "receives without a connection");
+  }
+  if (seen.errorId == kNoConnection) return;
+  if (held.mark == Mark{} || (held.orMark && *held.orMark == Mark{})) {
+    held.owner = caller.stream != nullptr ? caller.stream : caller.asked;
+    held.mark = {caller.number, caller.exchange};
+    held.orMark.reset();
+  }
+  held.parsedAs = caller.lastKind;
+  const bool tookBytes = network_.bytesTaken() != before.bytesTaken;
+  if (!before.ended && caller.streamMade != 0 && caller.streamMade != caller.made) {
+    require(!tookBytes && seen.waited == 0, "reads a stream on from another connection");
+    require(seen.failed || caller.client->isTruncated(), "ends as whole without its connection");
+  }
+  lineAfterPull(caller, seen, before.ended, tookBytes);
+  if (held.owner != nullptr && dropsPortions(how, caller.lastKind)) held.owner->gaps = true;
+  take(held);
+  if (seen.failed) {
+    if (held.owner != nullptr) {
+      if (seen.errorId != kTimeOutId) held.owner->failed = true;
+      judgeError(*held.owner, seen);
+    }
+    return;
+  }
+  judgeEnd(caller, held);
+}
+
+/// A stream that says it is over and whole has brought all of it.
+void World::judgeEnd(const Caller& caller, const Held& held) {
+  const Question* owner = held.owner;
+  if (owner == nullptr || owner != caller.stream || owner->untold || owner->failed) return;
+  if (owner->gaps) return;
+  if (!isStreaming(owner->kind) || shapeOfReply(held.parsedAs) != shapeOfReply(owner->kind)) return;
+  if (!caller.client->isEndOfStream() || caller.client->isTruncated()) return;
+  const bool whole =
+      !owner->answers.empty() && owner->delivered == owner->answers.back().reply.names(binary_);
+  require(whole, "ends as whole, but not all was delivered");
+}
+
+// The judge of what was delivered.
+
+void World::clearScalars(Held& held) const {
+  held.response.setReturnCode(-1);
+  held.response.setGetStatusCode(0);
+  if (binary_) {
+    held.response.setStatusMessage(tq::oss::Message());
+    held.response.setContent(icu::UnicodeString());
+    held.response.setSelectivityInfo(tq::comm::SelectivityInfo(false));
+  }
+}
+
+void World::take(Held& held) {
+  auto& hits = held.response.getSearchResponse();
+  auto& rows = held.response.getParseResponse();
+  if (hits.count() == 0 && rows.count() == 0) return;
+  std::vector<std::string> names;
+  while (rows.hasMore()) names.push_back(utf8(rows.getNext().getDocument()));
+  while (hits.hasMore()) names.push_back(utf8(hits.getNext().getDocId()));
+  hits.init();
+  rows.init();
+  judgeNames(held, std::move(names));
+}
+
+void World::judgeNames(const Held& held, std::vector<std::string> names) {
+  if (held.owner == nullptr) {
+    require(false, "delivers to a response that nothing was asked for: ", names.front());
+    return;
+  }
+  Question& owner = *held.owner;
+  if (owner.untold) return;
+  const auto isOf = [&](const Question& question, const std::string& name) {
+    return std::any_of(question.answers.begin(), question.answers.end(), [&](const auto& answer) {
+      const auto all = answer.reply.names(binary_);
+      return std::find(all.begin(), all.end(), name) != all.end();
+    });
+  };
+  if (owner.byHand && shapeOfReply(held.parsedAs) != shapeOfReply(owner.kind)) {
+    // What the caller has read as another kind may be anything, but no other's.
+    for (const Question& other : questions_) {
+      if (&other == &owner) continue;
+      require(!isOf(other, names.front()), "delivers another's ", names.front());
+    }
+    return;
+  }
+  for (auto& name : names) owner.delivered.push_back(std::move(name));
+  const bool begins = std::any_of(owner.answers.begin(), owner.answers.end(), [&](const auto& a) {
+    const auto all = a.reply.names(binary_);
+    return owner.gaps ? isPartOf(owner.delivered, all) : isBeginningOf(owner.delivered, all);
+  });
+  require(begins, "delivers what the server did not say to it, or not in its order: ",
+          owner.delivered.back());
+}
+
+void World::judgeExchange(const Caller& caller, Held& held, const Seen& seen) {
+  const Question& question = *held.owner;
+  if (!hasReply(question.kind)) return;
+  if (question.answers.empty()) {
+    require(seen.failed, "succeeds although the server never saw its request");
+    require(seen.errorId != kServerId, "has an error although the server never saw its request");
+  } else if (seen.failed) {
+    judgeError(question, seen);
+  } else {
+    judgeSuccess(caller, held);
+    judgeEnd(caller, held);
+  }
+}
+
+void World::judgeError(const Question& question, const Seen& seen) {
+  using Verdict = TaggedReply::Verdict;
+  if (question.untold) return;
+  const bool mayBeError = seen.errorId == kServerId;
+  if (!mayBeError && seen.errorId != kRefusedId) return;
+  require(!question.answers.empty(), "has the server's error without an answer");
+  if (question.answers.empty()) return;
+  const TaggedReply& said = question.answers.back().reply;
+  if (mayBeError) {
+    require(said.verdict == Verdict::Error, "has an error that the server did not mean");
+    require(seen.errorText == tagText(said.tag), "has the error of another: ", seen.errorText);
+  } else {
+    require(said.verdict == Verdict::Refused, "is refused, which the server did not mean");
+  }
+}
+
+void World::judgeSuccess(const Caller& caller, Held& held) {
+  const Question& question = *held.owner;
+  const auto& [said, text, begun] = question.answers.back();
+  const bool sameShape = shapeOfReply(held.parsedAs) == shapeOfReply(question.kind);
+  require(begun, "succeeds although the server did not answer");
+  if (!sameShape || (question.byHand && !held.response.success())) return;
+  const bool errorIsStatus = binary_ && said.kind == kGetStatus;
+  require(said.verdict == TaggedReply::Verdict::Ok ||
+              (errorIsStatus && said.verdict == TaggedReply::Verdict::Error),
+          "succeeds although the server refused it");
+  judgeScalars(said, held, caller.client->isTruncated());
+}
+
+void World::judgeScalars(const TaggedReply& said, Held& held, bool cut) {
+  ClientResponse& response = held.response;
+  if (said.kind == kGetStatus && !binary_) {
+    require(response.getStatusCode() == said.tag, "has the status of another");
+  }
+  if (!binary_) return;
+  if (said.kind == kGetStatus) {
+    const std::string text = utf8(response.getStatusMessage().getMessageText());
+    require((cut && text.empty()) || text == tagText(said.tag),
+            "has the status of another: ", text);
+  }
+  if (said.kind == kGetServerVersion) {
+    require(utf8(response.getContent()) == tagText(said.tag), "has another's version");
+  }
+  if (said.kind == kSelectivity && !held.owner->byHand) {
+    require(response.getSelectivityInfo().getFirst() == said.tag, "has another's estimate");
+  }
+}
+
+// What the line holds afterwards.
+
+void World::lineAfterExchange(Caller& caller, const Seen& seen, bool reconnected) {
+  if (!caller.client->isConnected()) {
+    caller.line = Line::NotConnected;
+    return;
+  }
+  if (!seen.failed && !hasReply(caller.lastKind)) {
+    if (reconnected) caller.line = Line::Clean;
+    return;
+  }
+  const bool truncated = caller.client->isTruncated();
+  if (!seen.failed) {
+    const bool over = caller.client->isEndOfStream() || caller.lastKind == kSelectivity;
+    if (!over) {
+      caller.line = Line::Owed;
+    } else if (truncated) {
+      caller.line = {Line::Clean, Line::Tail, Line::Uncertain};
+    } else {
+      caller.line = {Line::Clean, Line::Tail};
+    }
+    return;
+  }
+  if (seen.errorId == "ERR_SERVER_COMM_SEND") {
+    caller.line = Line::Broken;
+  } else if (seen.errorId == kInternal) {
+    // A write over HTTP, a read over the binary protocol.
+    caller.line = binary_ ? Lines(Line::Uncertain) : Lines(Line::Broken);
+  } else if (seen.errorId == kServerId || seen.errorId == kRefusedId) {
+    caller.line = {Line::Clean, Line::Tail};
+  } else {
+    caller.line = {Line::Clean, Line::Tail, Line::Uncertain, Line::Broken};
+  }
+}
+
+void World::lineAfterPull(Caller& caller, const Seen& seen, bool endedBefore, bool tookBytes) {
+  if (endedBefore || caller.line.mustBe(Line::NotConnected)) return;
+  const bool ended = caller.client->isEndOfStream();
+  if (!seen.failed && !ended) return;
+  if (seen.errorId == kTimeOutId) {
+    if (caller.exchangeFailed) caller.line = Line::Uncertain;
+    return;
+  }
+  if (!seen.failed && !caller.client->isTruncated() && !caller.exchangeFailed) {
+    if (!caller.line.mayBe(Line::Owed)) return;
+    caller.line.move({Line::Owed}, Line::Clean);
+    caller.line.add(Line::Tail);
+    return;
+  }
+  // A stream of an earlier connection ends without a word to the present one.
+  if (tookBytes || caller.line.mayBe(Line::Owed)) {
+    caller.line = Line::Uncertain;
+  } else {
+    caller.line.add(Line::Uncertain);
+  }
+}
+
+}  // namespace tq::test

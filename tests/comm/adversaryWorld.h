@@ -1,0 +1,206 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "comm/kruClientResponse.h"
+#include "comm/kruDrestoPerfClient.h"
+#include "tests/comm/adversaryNetwork.h"
+#include "tests/comm/taggedReplies.h"
+
+namespace tq::test {
+
+/// What a connection holds, as docs/connection-states.md names it.
+enum class Line { NotConnected, Clean, Tail, Owed, Asked, Uncertain, Broken };
+
+/// The states that a line may be in, as far as its caller can tell.
+class Lines {
+ public:
+  template <typename... Others>
+  constexpr Lines(Line one, Others... others) : bits_((bit(one) | ... | bit(others))) {}
+  constexpr bool mayBe(Line line) const { return (bits_ & bit(line)) != 0; }
+  constexpr bool mustBe(Line line) const { return bits_ == bit(line); }
+  constexpr bool mayDifferFrom(Line line) const { return (bits_ & ~bit(line)) != 0; }
+  constexpr bool operator==(const Lines&) const = default;
+  constexpr unsigned int bits() const { return bits_; }
+  void add(Lines others) { bits_ |= others.bits_; }
+  /// Every state that `from` lists becomes `to`.
+  void move(Lines from, Line to) {
+    if ((bits_ & from.bits_) != 0) bits_ = (bits_ & ~from.bits_) | bit(to);
+  }
+
+ private:
+  static constexpr unsigned int bit(Line line) { return 1U << static_cast<unsigned int>(line); }
+  unsigned int bits_;
+};
+
+/// One request as its caller means it, and what became of it.
+struct Question {
+  struct Answer {
+    TaggedReply reply;
+    std::string text;
+    bool begun;  // false when not even the beginning of it is ever sent
+  };
+  std::size_t number = 0;
+  int kind = 0;
+  std::size_t client = 0;
+  bool byHand = false;
+  bool written = false;  // all of it has arrived at the peer
+  bool untold = false;   // unasked bytes stand where its reply begins
+  bool failed = false;   // its caller was told of a failure other than a time-out
+  bool gaps = false;     // received in a way that drops portions before the caller sees them
+  std::vector<Answer> answers{};         // one for each attempt that the server saw
+  std::vector<std::string> delivered{};  // ids of hits, or documents
+};
+
+/// What a caller sees of one call.
+struct Seen {
+  bool failed = false;
+  std::string errorId{};
+  std::string errorText{};
+  std::uint64_t waited = 0;  // MICROSECONDS
+};
+
+enum class Pulling { Recv, RecvStream, RecvMultResponse, Looping, Single, Parsed, Buffered };
+
+/// Two clients, their responses, the network in memory between them and their peer, and a judge who
+/// knows of each request what the peer said to it. Each call is judged as it returns.
+class World {
+ public:
+  static constexpr std::size_t kClients = 2;
+  static constexpr std::size_t kResponses = 4;
+
+  /// How the peer answers: calls `say`, and sends.
+  using Peer = std::function<void(std::size_t connection, Question&)>;
+
+  World(bool binary, bool joined, bool persistent, Peer peer);
+
+  TimedNetwork& network() { return network_; }
+  bool binary() const { return binary_; }
+  tq::comm::CorvaneRESTClient& client(std::size_t c) { return *clients_[c].client; }
+  /// Null for a client of the other protocol.
+  tq::comm::DrestoPerfClient* binaryClient(std::size_t c);
+  tq::comm::ClientResponse& response(std::size_t r) { return responses_[r].response; }
+
+  /// What the peer says to a question; `begun` is false when it will send nothing of it.
+  void say(Question& question, const TaggedReply& reply, std::string text, bool begun);
+
+  // What a caller may do. Responses are numbers; `kFresh` is one that nothing has filled.
+  static constexpr std::size_t kFresh = kResponses - 1;
+  Seen exchange(std::size_t c, std::size_t r, int kind);
+  Seen exchangeUnsendable(std::size_t c, std::size_t r);
+  Seen send(std::size_t c, int kind, bool asMessage);
+  Seen recvMesg(std::size_t c, std::size_t r);
+  Seen pull(Pulling how, std::size_t c, std::size_t r);
+  Seen open(std::size_t c);
+  void close(std::size_t c);
+  void setTimeOut(std::size_t c, unsigned int millis);
+  void setDeadline(std::size_t c, unsigned int millis);
+  void renew(std::size_t r);
+  void copy(std::size_t from, std::size_t to);
+  void rebuild(std::size_t c);
+
+  /// Takes what the responses still hold.
+  void takeAll();
+
+  /// What was delivered to the wrong request, or is not what the documents promise; empty when all
+  /// is well.
+  const std::string& violation() const { return violation_; }
+  void require(bool holds, const char* what, const std::string& more = {});
+
+  Lines line(std::size_t c) const { return clients_[c].line; }
+  int lastKind(std::size_t c) const { return clients_[c].lastKind; }
+  /// The line's own word for its state, where it can be asked.
+  std::optional<Line> inspected(std::size_t c) const;
+  /// A number for all that a caller could know of the clients, their responses and their network.
+  std::size_t fingerprint();
+  const Question* lastQuestion() const { return questions_.empty() ? nullptr : &questions_.back(); }
+
+ private:
+  // Which exchange of which client filled a response. Zero: none.
+  struct Mark {
+    std::uint64_t client = 0;
+    std::uint64_t exchange = 0;
+    bool operator==(const Mark&) const = default;
+  };
+  struct Caller {
+    std::unique_ptr<tq::comm::CorvaneRESTClient> client{};
+    std::uint64_t number = 0;
+    Lines line{Line::NotConnected};
+    // The present exchange; where it cannot be told, the one before may still be it.
+    std::uint64_t exchange = 0;
+    bool exchangeIsCertain = true;
+    int lastKind = 0;
+    bool exchangeFailed = true;  // or there was none
+    Question* stream = nullptr;  // whose reply a receive brings
+    std::size_t made = 0;        // connections
+    std::size_t streamMade = 0;  // of which the stream began on this one; 0: on none
+    Question* asked = nullptr;   // by hand, on a line that owed nothing
+    unsigned int timeOut = 0;
+    unsigned int deadline = 0;
+  };
+  struct Held {
+    tq::comm::ClientResponse response{};
+    Mark mark{};
+    std::optional<Mark> orMark{};
+    Question* owner = nullptr;
+    int parsedAs = 0;
+  };
+  enum class Stale { No, Perhaps, Yes };
+  // What a refused call leaves as it is.
+  struct Shape {
+    unsigned int hits = 0;
+    unsigned int rows = 0;
+    int results = 0;
+    int code = 0;
+    bool ended = false;
+    bool truncated = false;
+    std::uint64_t bytesTaken = 0;
+    bool operator==(const Shape&) const = default;
+  };
+
+  std::unique_ptr<tq::comm::CorvaneRESTClient> makeClient() const;
+  void answer(std::size_t connection, const std::string& request);
+  Question& ask(std::size_t c, int kind, bool byHand);
+  template <typename Call>
+  Seen run(std::size_t c, Call&& call);
+  void judgeWaits(const Caller& caller, const Seen& seen);
+  void judgeId(const Seen& seen);
+
+  Shape shapeOf(const Caller& caller, Held& held) const;
+  bool isCurrent(const Caller& caller, const Mark& mark) const;
+  Stale staleness(const Caller& caller, const Held& held) const;
+  void pullRaw(Pulling how, Caller& caller, Held& held);
+  void judgePull(Pulling how, Caller& caller, Held& held, Stale stale, const Shape& before,
+                 const Seen& seen);
+  void judgeEnd(const Caller& caller, const Held& held);
+
+  void take(Held& held);
+  void judgeNames(const Held& held, std::vector<std::string> names);
+  void clearScalars(Held& held) const;
+  void judgeExchange(const Caller& caller, Held& held, const Seen& seen);
+  void judgeError(const Question& question, const Seen& seen);
+  void judgeSuccess(const Caller& caller, Held& held);
+  void judgeScalars(const TaggedReply& said, Held& held, bool cut);
+  void lineAfterExchange(Caller& caller, const Seen& seen, bool reconnected);
+  void lineAfterPull(Caller& caller, const Seen& seen, bool endedBefore, bool tookBytes);
+
+  bool binary_;
+  bool persistent_;
+  Peer peer_;
+  std::deque<Question> questions_{};
+  std::uint64_t clientsMade_ = 0;
+  std::string violation_{};
+  TimedNetwork network_;
+  std::array<Caller, kClients> clients_{};
+  std::array<Held, kResponses> responses_{};
+};
+
+}  // namespace tq::test
