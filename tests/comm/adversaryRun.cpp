@@ -192,7 +192,7 @@ void Run::prepare(const StepPlan& plan) {
   world_.network().idle(kDelays[plan.caller[kIdle]]);
   world_.setTimeOut(c, plan.caller[kTimeOut] != 0 ? kTimeOutMillis : 0);
   world_.setDeadline(c, plan.caller[kDeadline] != 0 ? kDeadlineMillis : 0);
-  world_.client(c).setNumRetries(plan.caller[kRetries]);
+  world_.setNumRetries(c, plan.caller[kRetries]);
   world_.network().heal();
   const unsigned int fault = plan.caller[kFault];
   if (fault == 1) world_.network().failNextConnect();
@@ -297,7 +297,7 @@ void Run::finish(std::size_t client) {
   world_.network().idle(kDelays.back());
   world_.setTimeOut(client, kTimeOutMillis);
   world_.setDeadline(client, 0);
-  world_.client(client).setNumRetries(1);
+  world_.setNumRetries(client, 1);
   world_.client(client).setRetryUnsafe(true);
   world_.client(client).setMaxReplyBytes(std::size_t{1} << 20);
   stepOf_.push_back(schedule_.steps.size());

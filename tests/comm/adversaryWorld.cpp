@@ -45,11 +45,12 @@ void countRound() {
   throw Spinning();
 }
 
-/// A client whose receives are counted.
+/// A client whose receives are counted, and whose line can be seen.
 template <typename Client>
-class Counted final : public Client {
+class Counted final : public Client, public Inspected {
  public:
   using Client::Client;
+  Line lineState() const override { return Client::line_->state(); }
   void recv(ClientResponse& response) override {
     countRound();
     Client::recv(response);
@@ -129,24 +130,26 @@ World::World(bool binary, bool joined, bool persistent, Peer peer)
       persistent_(persistent),
       peer_(std::move(peer)),
       network_(binary, joined, [this](std::size_t c, const std::string& r) { answer(c, r); }) {
-  for (Caller& caller : clients_) {
-    caller.client = makeClient();
-    caller.number = ++clientsMade_;
-  }
+  for (Caller& caller : clients_) makeClient(caller);
 }
 
-std::unique_ptr<CorvaneRESTClient> World::makeClient() const {
-  if (!binary_) return std::make_unique<Counted<CorvaneRESTClient>>(u"world", 7, persistent_);
-  auto client = std::make_unique<Counted<DrestoPerfClient>>(u"world", 7);
-  client->usePeristentConnection(persistent_);
-  return client;
+void World::makeClient(Caller& caller) {
+  caller.number = ++clientsMade_;
+  if (binary_) {
+    auto client = std::make_unique<Counted<DrestoPerfClient>>(u"world", 7);
+    client->usePeristentConnection(persistent_);
+    caller.inspect = client.get();
+    caller.client = std::move(client);
+  } else {
+    auto client = std::make_unique<Counted<CorvaneRESTClient>>(u"world", 7, persistent_);
+    caller.inspect = client.get();
+    caller.client = std::move(client);
+  }
 }
 
 DrestoPerfClient* World::binaryClient(std::size_t c) {
   return binary_ ? static_cast<DrestoPerfClient*>(clients_[c].client.get()) : nullptr;
 }
-
-std::optional<Line> World::inspected(std::size_t) const { return std::nullopt; }
 
 void World::require(bool holds, const char* what, const std::string& more) {
   if (!holds && violation_.empty()) violation_ = what + more;
@@ -185,6 +188,7 @@ void World::answer(std::size_t connection, const std::string& request) {
   if (question.byHand) {
     question.untold = network_.holdsUnasked(connection);
     if (hasReply(question.kind)) {
+      ++askedByHand_;
       caller.line.move({Line::Owed, Line::Asked, Line::Uncertain}, Line::Uncertain);
       caller.asked =
           caller.line.mayBe(Line::Clean) || caller.line.mayBe(Line::Tail) ? &question : nullptr;
@@ -273,28 +277,40 @@ Seen World::exchange(std::size_t c, std::size_t r, int kind) {
   Question& question = ask(c, kind, false);
   ClientRequest request = requestNamed(question.number, kind);
   const std::size_t connections = network_.connections();
+  const std::size_t askedByHand = askedByHand_;
   const Seen seen = run(c, [&] { caller.client->sendAndRecvMesg(request, held.response); });
   require(seen.errorId != "socket", "an exchange fails with what is no RESTException");
   caller.made += network_.connections() - connections;
-  caller.streamMade = caller.client->isConnected() ? caller.made : 0;
+  caller.streamMade = caller.client->isConnected() && question.written ? caller.made : 0;
   caller.exchange += 2;
   caller.exchangeIsCertain = true;
   caller.lastKind = kind;
   caller.exchangeFailed = seen.failed;
   caller.stream = &question;
   caller.asked = nullptr;
-  const Mark mark{caller.number, caller.exchange};
-  held.orMark.reset();
-  // Whether a receive into it began is not always seen from outside.
-  if (seen.failed) held.orMark = held.mark;
-  held.mark = mark;
-  held.owner = &question;
+  markAfterExchange(caller, held, question, seen);
   held.parsedAs = kind;
   question.failed = seen.failed && seen.errorId != kTimeOutId;
-  lineAfterExchange(caller, seen, network_.connections() != connections);
+  lineAfterExchange(caller, seen, network_.connections() != connections,
+                    askedByHand_ != askedByHand);
   if (!seen.failed || isStreaming(kind)) take(held);
   judgeExchange(caller, held, seen);
   return seen;
+}
+
+/// A response is marked when a receive into it begins, which is not always seen from outside.
+void World::markAfterExchange(const Caller& caller, Held& held, Question& question,
+                              const Seen& seen) {
+  if (!seen.failed) {
+    held.others.clear();
+  } else {
+    held.others.emplace_back(held.mark, held.owner);
+    // It may be of an earlier attempt, which is another exchange.
+    if (caller.retries != 0)
+      held.others.push_back({{caller.number, caller.exchange - 1}, &question});
+  }
+  held.mark = {caller.number, caller.exchange};
+  held.owner = &question;
 }
 
 Seen World::exchangeUnsendable(std::size_t c, std::size_t r) {
@@ -343,8 +359,9 @@ Seen World::recvMesg(std::size_t c, std::size_t r) {
   take(held);
   clearScalars(held);
   const std::uint64_t bytes = network_.bytesTaken();
-  const Lines line = caller.line;
   const Seen seen = run(c, [&] { caller.client->recvMesg(held.response); });
+  // What batching held back was written first.
+  const Lines line = caller.line;
   const bool tookBytes = network_.bytesTaken() != bytes;
   if (caller.lastKind != 0 && !hasReply(caller.lastKind)) {
     require(!tookBytes, "reads a reply for a kind that has none");
@@ -355,7 +372,7 @@ Seen World::recvMesg(std::size_t c, std::size_t r) {
     if (!seen.failed) {
       ++caller.exchange;
       caller.exchangeIsCertain = false;
-      held.orMark = held.mark;
+      held.others.emplace_back(held.mark, held.owner);
       held.mark = {caller.number, caller.exchange};
     }
     return seen;
@@ -369,11 +386,17 @@ Seen World::recvMesg(std::size_t c, std::size_t r) {
     }
     return seen;
   }
+  if (seen.errorId == "ERR_SERVER_COMM_SEND") {
+    // What batching held back did not go out.
+    require(!tookBytes, "reads a reply behind half a request");
+    caller.line = Line::Broken;
+    return seen;
+  }
   require(line.mayBe(Line::Asked), "reads a reply that nobody can name");
   caller.line = Line::Uncertain;
   ++caller.exchange;
   caller.exchangeIsCertain = true;
-  held.orMark.reset();
+  held.others.clear();
   held.mark = {caller.number, caller.exchange};
   held.parsedAs = caller.lastKind;
   held.owner = caller.stream = caller.asked;
@@ -412,6 +435,10 @@ void World::setDeadline(std::size_t c, unsigned int millis) {
   clients_[c].client->setDeadline(clients_[c].deadline = millis);
 }
 
+void World::setNumRetries(std::size_t c, unsigned int count) {
+  clients_[c].client->setNumRetries(clients_[c].retries = count);
+}
+
 void World::renew(std::size_t r) {
   take(responses_[r]);
   responses_[r] = Held();
@@ -427,8 +454,7 @@ void World::rebuild(std::size_t c) {
   Caller& caller = clients_[c];
   caller.client.reset();
   caller = Caller();
-  caller.client = makeClient();
-  caller.number = ++clientsMade_;
+  makeClient(caller);
 }
 
 void World::takeAll() {
@@ -454,10 +480,12 @@ bool World::isCurrent(const Caller& caller, const Mark& mark) const {
 }
 
 World::Stale World::staleness(const Caller& caller, const Held& held) const {
-  const bool first = isCurrent(caller, held.mark);
-  const bool second = held.orMark ? isCurrent(caller, *held.orMark) : first;
-  if (first && second) return caller.exchangeIsCertain ? Stale::No : Stale::Perhaps;
-  return first || second ? Stale::Perhaps : Stale::Yes;
+  std::size_t current = isCurrent(caller, held.mark) ? 1 : 0;
+  for (const auto& [mark, owner] : held.others) {
+    if (isCurrent(caller, mark)) ++current;
+  }
+  if (current == 0) return Stale::Yes;
+  return current <= held.others.size() || !caller.exchangeIsCertain ? Stale::Perhaps : Stale::No;
 }
 
 Seen World::pull(Pulling how, std::size_t c, std::size_t r) {
@@ -521,18 +549,14 @@ void World::judgePull(Pulling how, Caller& caller, Held& held, Stale stale, cons
       require(seen.errorId == kNoConnection, "receives without a connection");
   }
   if (seen.errorId == kNoConnection) return;
-  if (held.mark == Mark{} || (held.orMark && *held.orMark == Mark{})) {
-    held.owner = caller.stream != nullptr ? caller.stream : caller.asked;
-    held.mark = {caller.number, caller.exchange};
-    held.orMark.reset();
-  }
+  settleMark(how, caller, held, before);
   held.parsedAs = caller.lastKind;
   const bool tookBytes = network_.bytesTaken() != before.bytesTaken;
   if (!before.ended && caller.streamMade != 0 && caller.streamMade != caller.made) {
     require(!tookBytes && seen.waited == 0, "reads a stream on from another connection");
     require(seen.failed || caller.client->isTruncated(), "ends as whole without its connection");
   }
-  lineAfterPull(caller, seen, before.ended, tookBytes);
+  lineAfterPull(caller, seen, before.ended);
   if (held.owner != nullptr && dropsPortions(how, caller.lastKind)) held.owner->gaps = true;
   take(held);
   if (seen.failed) {
@@ -543,6 +567,26 @@ void World::judgePull(Pulling how, Caller& caller, Held& held, Stale stale, cons
     return;
   }
   judgeEnd(caller, held);
+}
+
+/// Whose the response is that was pulled into.
+void World::settleMark(Pulling how, const Caller& caller, Held& held, const Shape& before) const {
+  // An exchange that got no further than its request has left the response to the one before.
+  bool unmarked = held.mark == Mark{};
+  for (const auto& [mark, owner] : held.others) {
+    unmarked = unmarked || mark == Mark{};
+    if (isCurrent(caller, held.mark) || !isCurrent(caller, mark)) continue;
+    held.mark = mark;
+    held.owner = owner;
+  }
+  const bool nothingToDo = (how == Pulling::Looping && (before.ended || before.hits != 0)) ||
+                           (how == Pulling::Parsed && (before.ended || before.rows != 0)) ||
+                           (how == Pulling::RecvMultResponse && before.ended);
+  if (nothingToDo) return;
+  held.others.clear();
+  if (!unmarked) return;
+  held.owner = caller.stream != nullptr ? caller.stream : caller.asked;
+  held.mark = {caller.number, caller.exchange};
 }
 
 /// A stream that says it is over and whole has brought all of it.
@@ -675,13 +719,16 @@ void World::judgeScalars(const TaggedReply& said, Held& held, bool cut) {
 
 // What the line holds afterwards.
 
-void World::lineAfterExchange(Caller& caller, const Seen& seen, bool reconnected) {
+void World::lineAfterExchange(Caller& caller, const Seen& seen, bool reconnected,
+                              bool askedMeanwhile) {
   if (!caller.client->isConnected()) {
     caller.line = Line::NotConnected;
     return;
   }
   if (!seen.failed && !hasReply(caller.lastKind)) {
     if (reconnected) caller.line = Line::Clean;
+    // A question that batching held back went out, and this message may still be held.
+    if (askedMeanwhile) caller.line = {Line::Clean, Line::Asked};
     return;
   }
   const bool truncated = caller.client->isTruncated();
@@ -708,8 +755,10 @@ void World::lineAfterExchange(Caller& caller, const Seen& seen, bool reconnected
   }
 }
 
-void World::lineAfterPull(Caller& caller, const Seen& seen, bool endedBefore, bool tookBytes) {
-  if (endedBefore || caller.line.mustBe(Line::NotConnected)) return;
+void World::lineAfterPull(Caller& caller, const Seen& seen, bool endedBefore) {
+  // Only another connection mends these.
+  if (caller.line.mustBe(Line::NotConnected) || caller.line.mustBe(Line::Broken)) return;
+  if (endedBefore) return;
   const bool ended = caller.client->isEndOfStream();
   if (!seen.failed && !ended) return;
   if (seen.errorId == kTimeOutId) {
@@ -722,12 +771,8 @@ void World::lineAfterPull(Caller& caller, const Seen& seen, bool endedBefore, bo
     caller.line.add(Line::Tail);
     return;
   }
-  // A stream of an earlier connection ends without a word to the present one.
-  if (tookBytes || caller.line.mayBe(Line::Owed)) {
-    caller.line = Line::Uncertain;
-  } else {
-    caller.line.add(Line::Uncertain);
-  }
+  // A stream of an earlier connection ends without touching the present one.
+  if (caller.streamMade == 0 || caller.streamMade == caller.made) caller.line = Line::Uncertain;
 }
 
 }  // namespace tq::test

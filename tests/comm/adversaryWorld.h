@@ -8,17 +8,19 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "comm/kruClientResponse.h"
 #include "comm/kruDrestoPerfClient.h"
+#include "comm/kruLine.h"
 #include "tests/comm/adversaryNetwork.h"
 #include "tests/comm/taggedReplies.h"
 
 namespace tq::test {
 
-/// What a connection holds, as docs/connection-states.md names it.
-enum class Line { NotConnected, Clean, Tail, Owed, Asked, Uncertain, Broken };
+/// What a connection holds, in the words of docs/connection-states.md.
+using Line = tq::comm::Line::State;
 
 /// The states that a line may be in, as far as its caller can tell.
 class Lines {
@@ -70,6 +72,13 @@ struct Seen {
 
 enum class Pulling { Recv, RecvStream, RecvMultResponse, Looping, Single, Parsed, Buffered };
 
+/// Tells the state of a client's line, which callers do not see.
+class Inspected {
+ public:
+  virtual ~Inspected() = default;
+  virtual Line lineState() const = 0;
+};
+
 /// Two clients, their responses, the network in memory between them and their peer, and a judge who
 /// knows of each request what the peer said to it. Each call is judged as it returns.
 class World {
@@ -103,6 +112,7 @@ class World {
   void close(std::size_t c);
   void setTimeOut(std::size_t c, unsigned int millis);
   void setDeadline(std::size_t c, unsigned int millis);
+  void setNumRetries(std::size_t c, unsigned int count);
   void renew(std::size_t r);
   void copy(std::size_t from, std::size_t to);
   void rebuild(std::size_t c);
@@ -117,8 +127,8 @@ class World {
 
   Lines line(std::size_t c) const { return clients_[c].line; }
   int lastKind(std::size_t c) const { return clients_[c].lastKind; }
-  /// The line's own word for its state, where it can be asked.
-  std::optional<Line> inspected(std::size_t c) const;
+  /// The line's own word for its state.
+  Line inspected(std::size_t c) const { return clients_[c].inspect->lineState(); }
   /// A number for all that a caller could know of the clients, their responses and their network.
   std::size_t fingerprint();
   const Question* lastQuestion() const { return questions_.empty() ? nullptr : &questions_.back(); }
@@ -132,6 +142,7 @@ class World {
   };
   struct Caller {
     std::unique_ptr<tq::comm::CorvaneRESTClient> client{};
+    const Inspected* inspect = nullptr;
     std::uint64_t number = 0;
     Lines line{Line::NotConnected};
     // The present exchange; where it cannot be told, the one before may still be it.
@@ -145,12 +156,14 @@ class World {
     Question* asked = nullptr;   // by hand, on a line that owed nothing
     unsigned int timeOut = 0;
     unsigned int deadline = 0;
+    unsigned int retries = 0;
   };
   struct Held {
     tq::comm::ClientResponse response{};
     Mark mark{};
-    std::optional<Mark> orMark{};
     Question* owner = nullptr;
+    // What else it may be, after exchanges of which it is not known whether they received.
+    std::vector<std::pair<Mark, Question*>> others{};
     int parsedAs = 0;
   };
   enum class Stale { No, Perhaps, Yes };
@@ -166,7 +179,7 @@ class World {
     bool operator==(const Shape&) const = default;
   };
 
-  std::unique_ptr<tq::comm::CorvaneRESTClient> makeClient() const;
+  void makeClient(Caller& caller);
   void answer(std::size_t connection, const std::string& request);
   Question& ask(std::size_t c, int kind, bool byHand);
   template <typename Call>
@@ -184,19 +197,22 @@ class World {
 
   void take(Held& held);
   void judgeNames(const Held& held, std::vector<std::string> names);
+  void markAfterExchange(const Caller& caller, Held& held, Question& question, const Seen& seen);
   void clearScalars(Held& held) const;
   void judgeExchange(const Caller& caller, Held& held, const Seen& seen);
   void judgeError(const Question& question, const Seen& seen);
   void judgeSuccess(const Caller& caller, Held& held);
   void judgeScalars(const TaggedReply& said, Held& held, bool cut);
-  void lineAfterExchange(Caller& caller, const Seen& seen, bool reconnected);
-  void lineAfterPull(Caller& caller, const Seen& seen, bool endedBefore, bool tookBytes);
+  void lineAfterExchange(Caller& caller, const Seen& seen, bool reconnected, bool askedMeanwhile);
+  void settleMark(Pulling how, const Caller& caller, Held& held, const Shape& before) const;
+  void lineAfterPull(Caller& caller, const Seen& seen, bool endedBefore);
 
   bool binary_;
   bool persistent_;
   Peer peer_;
   std::deque<Question> questions_{};
   std::uint64_t clientsMade_ = 0;
+  std::size_t askedByHand_ = 0;  // questions that have arrived
   std::string violation_{};
   TimedNetwork network_;
   std::array<Caller, kClients> clients_{};

@@ -42,7 +42,7 @@ class ConnectionLedger : public testing::TestWithParam<bool> {
  protected:
   void SetUp() override {
     for (const std::size_t client : {kA, kB}) {
-      world_.client(client).setNumRetries(0);
+      world_.setNumRetries(client, 0);
       world_.setTimeOut(client, kLimitMillis);
     }
   }

@@ -32,6 +32,7 @@ using namespace tq::test;
 using tq::comm::ClientRequest;
 using tq::comm::ClientResponse;
 using tq::comm::CorvaneRESTClient;
+using tq::comm::RequestOutcome;
 using tq::comm::RESTException;
 using tq::comm::RESTMessage;
 using tq::comm::StaticDefs;
