@@ -189,7 +189,7 @@ void CorvaneRESTClient::sendAndRecvMesgOnce(ClientRequest& request, ClientRespon
   const OperationScope operation(*this);
   outcome_ = RequestOutcome::NotSent;
   refuseUnsendable(request);
-  beginExchange();
+  beginExchange(response);
   openClean();
   if (!isConnected()) fail(StaticDefs::ERR_CONNECT_SERVER, atServer());
   refuseWithoutQueue(request.getRequest());
@@ -218,6 +218,7 @@ void CorvaneRESTClient::refuseUnsendable(ClientRequest& request) const {
 
 CorvaneRESTClient::ExchangeScope::ExchangeScope(CorvaneRESTClient& client) : client_(client) {
   client_.exchange_ = Exchange::Running;
+  client_.replyConnection_ = client_.line_->connectionNumber();
 }
 
 CorvaneRESTClient::ExchangeScope::~ExchangeScope() {
@@ -234,9 +235,11 @@ CorvaneRESTClient::ExchangeScope::~ExchangeScope() {
 
 void CorvaneRESTClient::ExchangeScope::done() { client_.exchange_ = Exchange::Done; }
 
-/// The exchange before has no say any more: its stream can be read no further.
-void CorvaneRESTClient::beginExchange() {
+/// The exchange before has no say any more: its stream can be read no further. Each attempt is an
+/// exchange of its own, and the response is the last one's even when it gets nothing.
+void CorvaneRESTClient::beginExchange(ClientResponse& response) {
   ++exchangeNumber_;
+  response.fillFrom(clientNumber_, exchangeNumber_);
   if (replyConnection_ != 0 && !endOfStream_) {
     endOfStream_ = true;
     truncated_ = true;
@@ -322,12 +325,16 @@ void CorvaneRESTClient::sendMesg(RESTMessage& message) {
 void CorvaneRESTClient::awaitReply() {
   endOfStream_ = false;
   truncated_ = false;
+  firstReplyRead_ = false;
   replyConnection_ = line_->connectionNumber();
 }
 
-void CorvaneRESTClient::refuseReplyByHand() const {
+void CorvaneRESTClient::refuseReplyByHand(unsigned int questionsHeld) const {
+  if (exchange_ == Exchange::Running) return;
   if (!isConnected()) fail(StaticDefs::ERR_CONNECT_SERVER, atServer());
-  if (line_->state() == Line::State::Asked) return;
+  const Line::State state = line_->state();
+  const bool sound = state == Line::State::Clean || state == Line::State::Tail;
+  if (questionsHeld == 0 ? state == Line::State::Asked : sound && questionsHeld == 1) return;
   fail(StaticDefs::ERR_INVALID_STATE,
        atServer(u"it is not known whose reply would arrive next; only the one to a single request "
                 u"that was sent by hand on a sound connection can be received by hand"));
@@ -337,13 +344,12 @@ void CorvaneRESTClient::beginReply(ClientResponse& response) {
   if (exchange_ == Exchange::Running) {
     line_->beginReply(exchangeNumber_);
   } else {
-    refuseReplyByHand();
-    beginExchange();
+    refuseReplyByHand(0);
+    beginExchange(response);
     awaitReply();
     line_->doubt();
   }
   carry_->clear();
-  response.fillFrom(clientNumber_, exchangeNumber_);
   response.resetResultCount();
 }
 
@@ -353,7 +359,7 @@ void CorvaneRESTClient::skipReply(ClientResponse& response) {
          atServer(u"the request that was sent by hand has a reply, and requests of the kind of the "
                   u"last exchange have none"));
   }
-  response.fillFrom(clientNumber_, exchangeNumber_);
+  if (exchange_ != Exchange::Running) beginExchange(response);
   response.resetResultCount();
   response.setReturnCode(0);
   endOfStream_ = true;
@@ -494,6 +500,7 @@ void CorvaneRESTClient::settleError(RESTResponse& parser) {
 /// The parser is done with the first body: is the reply over, and what does the connection hold?
 void CorvaneRESTClient::settleFirstReply(const RESTResponse& parser) {
   constexpr int kOk = 200;
+  firstReplyRead_ = true;
   outcome_ = parser.getStatusCode() == kOk ? RequestOutcome::Answered : RequestOutcome::Rejected;
   const bool streaming = ClientResponse::isStreaming(requestKind_);
   const bool bodyEnded = !parser.isChunked() || parser.lastChunkSeen();
@@ -571,8 +578,10 @@ void CorvaneRESTClient::parsePortion(RESTResponse& parser, ClientResponse& respo
     carry_->keepLast(portion, static_cast<std::size_t>(leftover));
     return;
   }
-  // For SELECTIVITY the carried bytes are only the end mark, so nothing was lost.
-  truncated_ = isSearch(requestKind_) && parser.lastChunkSeen() && !portion.empty();
+  // For SELECTIVITY the carried bytes are only the end mark, so nothing was lost. After an exchange
+  // that failed before it had read the first portion something is missing in any case.
+  truncated_ =
+      !firstReplyRead_ || (isSearch(requestKind_) && parser.lastChunkSeen() && !portion.empty());
   carry_->clear();
   settleChunked(parser);
 }

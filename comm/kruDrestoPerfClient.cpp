@@ -48,6 +48,8 @@ constexpr std::size_t kMaxHeader = 65535;
 // The largest possible envelope. If this much is left over, the stream is out of sync.
 constexpr std::size_t kMaxEnvelope = 4 + 65535;
 
+constexpr int kReplyHeader = 2;
+
 constexpr int kStatusOnly = 5;
 constexpr int kInvalidAuth = 401;
 
@@ -79,6 +81,13 @@ Batch::Message messageOf(RESTMessage& message) {
 
 }  // namespace
 
+/// A class that nothing derives from, so that a pointer to it may delete it: the destructor of the
+/// parsers is not virtual.
+class DrestoPerfClient::Parser final : public DrestoPerfResponse {
+ public:
+  using DrestoPerfResponse::DrestoPerfResponse;
+};
+
 DrestoPerfClient::DrestoPerfClient(const icu::UnicodeString& host, unsigned int port)
     : DrestoPerfClient(host, port, tq::oss::Socket::NullAddrInfoExternal) {}
 
@@ -109,7 +118,7 @@ void DrestoPerfClient::sendAndRecvMesgOnce(ClientRequest& request, ClientRespons
 void DrestoPerfClient::exchange(ClientRequest& request, ClientResponse& response) {
   outcome_ = RequestOutcome::NotSent;
   refuseUnsendable(request);
-  beginExchange();
+  beginExchange(response);
   sendHeldQuestions();
   openForSending(request.getRequest());
   if (!isConnected()) fail(StaticDefs::ERR_CONNECT_SERVER, atServer(), kLineNotConnected);
@@ -120,8 +129,8 @@ void DrestoPerfClient::exchange(ClientRequest& request, ClientResponse& response
   RESTMessage message(host_, request);
   // Everything that can throw comes before sendMesg: a batched message cannot be withdrawn later,
   // and its reply would be taken for the next request's.
-  auto parser = std::make_unique<DrestoPerfResponse>(requestKind_,
-                                                     ClientResponse::resultsExpected(requestKind_));
+  auto parser =
+      std::make_unique<Parser>(requestKind_, ClientResponse::resultsExpected(requestKind_));
   parser->setMaxReplyBytes(maxReplyBytes_);
   sendMesg(message);
   awaitReply();
@@ -248,6 +257,11 @@ void DrestoPerfClient::recvMesg(ClientResponse& response) {
   if (parser_->parseDone(need)) {
     fail(StaticDefs::ERR_CLIENT_INTERNAL, {}, kLineAlreadyFinished);
   }
+  if (need != kReplyHeader) {
+    fail(StaticDefs::ERR_INVALID_STATE,
+         atServer(u"the reply header of the last exchange was read already"));
+  }
+  refuseReplyByHand(batch_->questions());
   if (!batch_->empty()) writeBatch({});
   beginReply(response);
   portionSize_ = 0;
@@ -392,7 +406,8 @@ void DrestoPerfClient::recv(ClientResponse& response) {
   refuseWithoutExchange();
   claim(response);
   try {
-    parser_->initState(true);
+    // Past the end there is nothing to parse, and the parser has to know that it is finished.
+    if (!endOfStream_) parser_->initState(true);
     recvStream(response);
   } catch (const RESTException& e) {
     rethrow(e.getMessageList());

@@ -69,7 +69,7 @@ void Line::beginReply(std::uint64_t exchange) noexcept {
 
 void Line::readOn(std::uint64_t exchange) noexcept {
   if (tail_.active() && tailOwner_ == exchange) tail_.clear();
-  if (state_ == State::Clean && owner_ == exchange) {
+  if (state_ == State::Clean && exchange != 0 && owner_ == exchange) {
     // Results that were complete without their end, such as an estimate, are read to it after all.
     state_ = State::Owed;
   } else if (state_ != State::Owed) {

@@ -186,8 +186,8 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   /// Refuses a request that could not be sent as its caller means it.
   void refuseUnsendable(ClientRequest& request) const;
 
-  /// A new exchange begins, which ends the stream of the one before.
-  void beginExchange();
+  /// A new exchange begins, whose response this is. It ends the stream of the one before.
+  void beginExchange(ClientResponse& response);
 
   /// Brings up a connection on which nothing of an earlier exchange can be taken for a reply.
   void openClean();
@@ -201,6 +201,9 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
 
   /// The request was sent: its reply comes over the present connection.
   void awaitReply();
+  /// Refuses to receive by hand when it cannot be told which reply comes next. `questionsHeld`: how
+  /// many requests with a reply wait to be written first.
+  void refuseReplyByHand(unsigned int questionsHeld) const;
   /// Begins to read a reply into the response. Throws ERR_INVALID_STATE when it is called by hand
   /// and cannot be told which reply comes next.
   void beginReply(ClientResponse& response);
@@ -240,7 +243,6 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   };
 
   bool lineIsReusable();
-  void refuseReplyByHand() const;
   void refuseForeign(const ClientResponse& response) const;
   void exchangeWithRetries(ClientRequest& request, ClientResponse& response, unsigned int retries);
   bool mayRepeat(const RESTException& failure) const;
@@ -264,6 +266,8 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   // The connection that the current exchange's reply comes over; 0: none yet.
   std::uint64_t clientNumber_;
   std::uint64_t replyConnection_ = 0;
+  // The first portion of its reply was read, so that further portions can follow it.
+  bool firstReplyRead_ = false;
 
   // The queue of documents: whether it must stay on one connection, and which one (0: no queue).
   bool queueOnOneConnection_ = false;

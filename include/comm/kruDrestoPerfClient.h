@@ -9,7 +9,6 @@
 namespace tq::comm {
 
 class Batch;
-class DrestoPerfResponse;
 
 /// The client of the binary protocol, used like the HTTP client: same requests, same responses,
 /// same retries, same errors. Its connection is persistent. One object serves one thread at a time;
@@ -56,6 +55,8 @@ class KRU_EXPORT DrestoPerfClient : public CorvaneRESTClient {
   void recv(ClientResponse& response) override;
 
  private:
+  class Parser;
+
   void exchange(ClientRequest& request, ClientResponse& response);
   void receiveFirstResults(ClientResponse& response);
 
@@ -77,7 +78,7 @@ class KRU_EXPORT DrestoPerfClient : public CorvaneRESTClient {
   void settleFailure();
   void endReplyWith(std::size_t leftover);
 
-  std::unique_ptr<DrestoPerfResponse> parser_;
+  std::unique_ptr<Parser> parser_;
   // Bytes at the start of the socket's buffer that are being parsed, or were and are a partial
   // envelope.
   std::size_t portionSize_ = 0;

@@ -17,12 +17,18 @@ namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
 
+#pragma GCC diagnostic push
+// The macro masks its signed code point with unsigned constants.
+#pragma GCC diagnostic ignored "-Wsign-conversion"
+
 // An unpaired surrogate has no UTF-8 form and is read as the replacement character.
 char32_t nextCodePoint(const char16_t* text, std::int32_t length, std::int32_t& at) noexcept {
   UChar32 c;
   U16_NEXT_OR_FFFD(text, at, length, c);
   return static_cast<char32_t>(c);
 }
+
+#pragma GCC diagnostic pop
 
 std::size_t asciiPrefix(const char* bytes, std::size_t length) noexcept {
   std::size_t i = 0;
