@@ -2,10 +2,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
+#include <deque>
 #include <vector>
 
 #include "tests/support/script.h"
+#include "tests/support/simulatedKernel.h"
 
 namespace tq::test {
 
@@ -26,42 +27,48 @@ class ScriptedNetwork {
   explicit ScriptedNetwork(std::vector<Script> scripts, Arrival arrival = Arrival::AllThere);
   explicit ScriptedNetwork(Script script, Arrival arrival = Arrival::AllThere)
       : ScriptedNetwork(std::vector{std::move(script)}, arrival) {}
-  ~ScriptedNetwork();
-  ScriptedNetwork(const ScriptedNetwork&) = delete;
-  ScriptedNetwork& operator=(const ScriptedNetwork&) = delete;
 
   /// Every connect from now on fails with this errno; 0 ends that.
-  void failConnects(int error);
+  void failConnects(int error) { options_.connectError = error; }
   /// Every connect from now on is never answered.
-  void ignoreConnects();
+  void ignoreConnects() { options_.neverAccepts = true; }
   /// No host name is known from now on.
-  void failLookups();
-  /// The next write fails with this errno, or the one behind so many that succeed.
-  void failNextWrite(int error, std::size_t behind = 0);
+  void failLookups() { options_.knowsNoName = true; }
+  /// The next write fails with this errno, or the one after so many that succeed.
+  void failNextWrite(int error, std::size_t successes = 0) {
+    kernel_.faults().add(Entry::Sendmsg, successes + 1, {Fault::Kind::Error, error});
+  }
   /// A write takes at most so many bytes.
-  void limitWrites(std::size_t bytes);
+  void limitWrites(std::size_t bytes) { options_.writeMost = bytes; }
   /// Ends the stalls of all scripts.
   void release();
 
-  std::size_t connections() const;
-  std::size_t connectAttempts() const;
+  std::size_t connections() const { return kernel_.connections(); }
+  std::size_t connectAttempts() const { return kernel_.faults().count(Entry::Connect); }
   std::size_t requests() const;
-  const ConnectionRecord& connection(std::size_t index) const;
-  std::size_t receives() const;
-  std::size_t writes() const;
+  const ConnectionRecord& connection(std::size_t index) const { return records_.at(index); }
+  std::size_t receives() const { return kernel_.faults().count(Entry::Recv); }
+  std::size_t writes() const { return kernel_.faults().count(Entry::Sendmsg); }
   /// The bytes that each write took, over all connections.
-  const std::vector<std::size_t>& writeSizes() const;
-  std::size_t polls() const;
+  const std::vector<std::size_t>& writeSizes() const { return writeSizes_; }
+  std::size_t polls() const { return kernel_.faults().count(Entry::Poll); }
 
   /// True when somebody waited without a time limit for what no script will send.
-  bool waitedForever() const;
+  bool waitedForever() const { return kernel_.waitedForever(); }
   /// What the clock has moved.
-  std::uint64_t elapsedMillis() const;
-
-  struct State;
+  std::uint64_t elapsedMillis() const { return (kernel_.now() - start_) / 1000000; }
 
  private:
-  std::unique_ptr<State> state_;
+  class ScriptedPeer;
+
+  std::vector<Script> scripts_;
+  Arrival arrival_;
+  bool released_ = false;
+  std::deque<ConnectionRecord> records_;
+  std::vector<std::size_t> writeSizes_;
+  SimulatedKernel::Options options_;
+  SimulatedKernel kernel_;
+  std::uint64_t start_;
 };
 
 }  // namespace tq::test

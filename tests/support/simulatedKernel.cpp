@@ -65,35 +65,50 @@ void Wire::add(Arrival arrival) {
   if (!open_ || ended_) return;
   ended_ = arrival.kind != Arrival::Kind::Bytes;
   if (arrival.at != kOnDemand) {
-    const auto last = std::find_if(arrivals_.rbegin(), arrivals_.rend(),
-                                   [](const Arrival& a) { return a.at != kOnDemand; });
-    arrival.at = std::max(arrival.at + *now_, last != arrivals_.rend() ? last->at : 0);
+    arrival.at += *now_;
+    // What comes on demand has no time, and leaves that of what follows as it is.
+    if (!arrivals_.empty() && arrivals_.back().at != kOnDemand) {
+      arrival.at = std::max(arrival.at, arrivals_.back().at);
+    }
   }
+  countOf(arrival) += arrival.bytes.size();
   arrivals_.push_back(std::move(arrival));
 }
 
+/// The client has received so many bytes of the first arrival.
+void Wire::take(std::size_t count) {
+  Arrival& front = arrivals_.front();
+  front.taken += count;
+  countOf(front) -= count;
+  if (front.taken != front.bytes.size()) return;
+  arrivals_.pop_front();
+  --arrived_;
+}
+
+/// Only for what has not arrived.
+void Wire::drop(std::deque<Arrival>::iterator arrival) {
+  countOf(*arrival) -= arrival->bytes.size() - arrival->taken;
+  arrivals_.erase(arrival);
+}
+
+void Wire::dropFrom(std::size_t first) {
+  arrived_ = std::min(arrived_, first);
+  while (arrivals_.size() > first) drop(arrivals_.end() - 1);
+}
+
 void Wire::withdrawExtra(std::uint64_t delay) {
-  std::erase_if(arrivals_, [&](const Arrival& a) { return a.extra && a.at >= *now_ + delay; });
-}
-
-std::size_t Wire::awaited() const {
-  std::size_t bytes = 0;
-  for (const Arrival& arrival : arrivals_) {
-    if (!arrival.extra) bytes += arrival.bytes.size() - arrival.taken;
+  for (std::size_t i = arrivals_.size(); i-- > arrived_;) {
+    if (arrivals_[i].extra && arrivals_[i].at >= *now_ + delay) {
+      drop(arrivals_.begin() + static_cast<std::ptrdiff_t>(i));
+    }
   }
-  return bytes;
-}
-
-bool Wire::drained() const {
-  return std::none_of(arrivals_.begin(), arrivals_.end(),
-                      [](const Arrival& a) { return a.kind == Arrival::Kind::Bytes; });
 }
 
 void Wire::die(int error) {
   dead_ = ended_ = true;
   pendingError_ = error;
   // What has arrived can still be read; what has not never will.
-  std::erase_if(arrivals_, [](const Arrival& a) { return !a.arrived; });
+  dropFrom(arrived_);
 }
 
 /// The functions that stand in for the system's.
@@ -244,7 +259,7 @@ class SimulatedKernel::Calls {
         length = std::min<size_t>(length, 1);
         return 0;
       case Fault::Kind::Eof:
-        wire.arrivals_.clear();
+        wire.dropFrom(0);
         wire.closed_ = wire.ended_ = true;
         return 0;
       case Fault::Kind::Stall:
@@ -252,7 +267,7 @@ class SimulatedKernel::Calls {
         return 0;
       default:
         if (breaksConnection(fault.value)) {
-          wire.arrivals_.clear();
+          wire.dropFrom(0);
           wire.die(0);
         }
         return fault.value;
@@ -308,7 +323,7 @@ class SimulatedKernel::Calls {
     if (wire == nullptr) return failWith(EBADF);
     // As the system does it: the descriptor is gone whatever the call reports.
     wire->open_ = false;
-    wire->arrivals_.clear();
+    wire->dropFrom(0);
     if (wire->state_ == Wire::State::Established) active->peers_[wire->index_]->closed(*wire);
     if (is(fault, Fault::Kind::Interrupt)) return failWith(EINTR);
     return fault ? failWith(fault->value) : 0;
@@ -395,29 +410,20 @@ void SimulatedKernel::establish(Wire& wire) {
 /// Lets arrive what is due. True when a receive would return at once.
 bool SimulatedKernel::arrive(Wire& wire, bool waits) {
   if (wire.stalled_) return false;
-  bool bytesAreThere = !wire.arrivals_.empty() && wire.arrivals_.front().arrived;
-  for (auto next = wire.arrivals_.begin(); next != wire.arrivals_.end();) {
-    if (next->arrived) {
-      ++next;
+  while (wire.arrived_ < wire.arrivals_.size()) {
+    const Wire::Arrival& next = wire.arrivals_[wire.arrived_];
+    const bool onDemand = next.at == Wire::kOnDemand;
+    if (onDemand ? !waits || wire.arrived_ != 0 : next.at > now_) break;
+    if (next.kind == Wire::Arrival::Kind::Bytes) {
+      ++wire.arrived_;
       continue;
     }
-    const bool onDemand = next->at == Wire::kOnDemand;
-    if (onDemand ? !waits || bytesAreThere : next->at > now_) break;
-    if (next->kind == Wire::Arrival::Kind::Bytes) {
-      next->arrived = bytesAreThere = true;
-      ++next;
-    } else {
-      const bool reset = next->kind == Wire::Arrival::Kind::Reset;
-      wire.arrivals_.erase(next);
-      if (!reset) {
-        wire.closed_ = true;
-      } else {
-        wire.die(ECONNRESET);
-      }
-      break;
-    }
+    const bool reset = next.kind == Wire::Arrival::Kind::Reset;
+    wire.dropFrom(wire.arrived_);
+    wire.closed_ = !reset;
+    if (reset) wire.die(ECONNRESET);
   }
-  return bytesAreThere || wire.closed_ || wire.dead_;
+  return wire.arrived_ != 0 || wire.closed_ || wire.dead_;
 }
 
 short SimulatedKernel::readiness(Wire& wire, short events, bool waits) {
@@ -497,14 +503,13 @@ void SimulatedKernel::breakOff(Wire& wire) {
 ssize_t SimulatedKernel::deliver(Wire& wire, char* out, std::size_t length, bool keep) {
   if (options_.receiveMost) length = std::min(length, options_.receiveMost());
   std::size_t count = 0;
-  while (!wire.arrivals_.empty() && wire.arrivals_.front().arrived && count < length) {
-    auto& front = wire.arrivals_.front();
+  while (wire.arrived_ != 0 && count < length) {
+    const auto& front = wire.arrivals_.front();
     const auto piece = std::min(length - count, front.bytes.size() - front.taken);
     std::memcpy(out + count, front.bytes.data() + front.taken, piece);
     count += piece;
     if (keep) break;
-    front.taken += piece;
-    if (front.taken == front.bytes.size()) wire.arrivals_.pop_front();
+    wire.take(piece);
     if (!options_.receivesJoin) break;
   }
   if (count != 0 || wire.closed_) return static_cast<ssize_t>(count);

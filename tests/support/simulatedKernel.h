@@ -38,12 +38,9 @@ class Wire {
   std::size_t index() const { return index_; }
   bool isOpen() const { return open_; }
   /// Bytes that are on their way to the client and not extra.
-  std::size_t awaited() const;
+  std::size_t awaited() const { return awaited_; }
   /// The client has received every byte that was sent.
-  bool drained() const;
-  bool peerHasEnded() const { return ended_; }
-  /// Bytes that the client has written.
-  std::size_t taken() const { return taken_; }
+  bool drained() const { return awaited_ + extra_ == 0; }
 
  private:
   friend class SimulatedKernel;
@@ -57,11 +54,14 @@ class Wire {
     bool extra = false;
     std::string bytes{};
     std::size_t taken = 0;
-    bool arrived = false;
   };
 
   void add(Arrival arrival);
   void die(int error);
+  std::size_t& countOf(const Arrival& arrival) { return arrival.extra ? extra_ : awaited_; }
+  void take(std::size_t count);
+  void drop(std::deque<Arrival>::iterator arrival);
+  void dropFrom(std::size_t first);
 
   const std::uint64_t* now_ = nullptr;
   std::size_t index_ = 0;
@@ -72,6 +72,9 @@ class Wire {
   bool connectPending_ = false;  // one that went on in the background, and was not asked about
 
   std::deque<Arrival> arrivals_;
+  std::size_t arrived_ = 0;  // how many of them can be received
+  std::size_t awaited_ = 0;  // bytes in all of them
+  std::size_t extra_ = 0;
   bool ended_ = false;    // the peer does nothing more
   bool closed_ = false;   // its close has arrived
   bool dead_ = false;     // a reset has arrived, or the connection could not be made
