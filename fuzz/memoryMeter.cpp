@@ -6,26 +6,28 @@
 #include <cstdio>
 
 #include "fuzz/check.h"
+#include "tests/support/simulatedKernel.h"
 
 namespace tq::fuzz {
 
 namespace {
 
 bool measuring = false;
+bool kernelWorks = false;
 std::size_t largestSeen = 0;
 std::size_t peakSeen = 0;
 // Signed: what was allocated before the measuring began may be given back during it.
 std::ptrdiff_t held = 0;
 
 void onAllocation(const volatile void*, std::size_t size) {
-  if (!measuring) return;
+  if (!measuring || kernelWorks) return;
   largestSeen = std::max(largestSeen, size);
   held += static_cast<std::ptrdiff_t>(size);
   peakSeen = std::max(peakSeen, static_cast<std::size_t>(std::max<std::ptrdiff_t>(held, 0)));
 }
 
 void onRelease(const volatile void* block) {
-  if (!measuring || block == nullptr) return;
+  if (!measuring || kernelWorks || block == nullptr) return;
   const void* plain = const_cast<const void*>(block);
   if (__sanitizer_get_ownership(plain) == 0) return;
   held -= static_cast<std::ptrdiff_t>(__sanitizer_get_allocated_size(plain));
@@ -44,9 +46,13 @@ MemoryMeter::MemoryMeter() {
   peakSeen = 0;
   held = 0;
   measuring = true;
+  tq::test::SimulatedKernel::tellOfWork([](bool begins) { kernelWorks = begins; });
 }
 
-MemoryMeter::~MemoryMeter() { measuring = false; }
+MemoryMeter::~MemoryMeter() {
+  tq::test::SimulatedKernel::tellOfWork(nullptr);
+  measuring = false;
+}
 
 std::size_t MemoryMeter::largest() const { return largestSeen; }
 std::size_t MemoryMeter::peak() const { return peakSeen; }

@@ -5,7 +5,7 @@
 namespace tq::fuzz {
 
 /// Watches every allocation of the process while it lives, of this program and of the libraries
-/// under it. One at a time, one thread.
+/// under it, but for those of the simulated kernel. One at a time, one thread.
 class MemoryMeter {
  public:
   MemoryMeter();

@@ -1,13 +1,12 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
-#include <cstdint>
-#include <string>
+#include <memory>
 #include <string_view>
 #include <vector>
 
 #include "fuzz/input.h"
+#include "tests/support/simulatedKernel.h"
 
 namespace tq::fuzz {
 
@@ -28,7 +27,7 @@ std::vector<PeerScript> parseScripts(std::string_view text, PeerStep::Kind end);
 
 struct NetworkManners {
   Cutter pieces = Cutter::whole();
-  /// A segment arrives when somebody waits for it, never for a look that does not wait.
+  /// A segment arrives when the client waits for it; a non-blocking look never finds it.
   bool onDemand = false;
   /// The n-th write fails, counted from 1; 0 for none.
   unsigned int failingWrite = 0;
@@ -39,7 +38,8 @@ struct NetworkManners {
 };
 
 /// A network in memory, in place of the system's while it lives. It has no threads and no waiting:
-/// the clock moves when somebody waits, and whoever waits for ever is disconnected. One at a time.
+/// the clock moves during waits, and a client that would wait for ever is disconnected. One at a
+/// time.
 class MemoryNetwork {
  public:
   /// `scripts` and what they point to must outlive the network.
@@ -48,8 +48,8 @@ class MemoryNetwork {
   MemoryNetwork(const MemoryNetwork&) = delete;
   MemoryNetwork& operator=(const MemoryNetwork&) = delete;
 
-  /// From now on every connection answers each write with `reply`, behind the bytes that its script
-  /// had still to send; nothing else goes wrong. `reply` must outlive the network.
+  /// From now on every connection answers each write with `reply`, after the bytes that its script
+  /// has sent; nothing else goes wrong. `reply` must outlive the network.
   void behave(std::string_view reply);
   /// The peers of all connections that are open close.
   void closeAll();
@@ -60,48 +60,25 @@ class MemoryNetwork {
   std::size_t mostWritten() const;
 
   std::size_t calls() const { return calls_; }
-  std::size_t openDescriptors() const;
-
-  class Calls;
+  std::size_t openDescriptors() const { return kernel_.openDescriptors(); }
 
  private:
-  friend class Calls;
-
-  struct Connection {
-    bool open = false;
-    bool nonBlocking = false;
-    bool connected = false;
-    bool arrived = false;
-    std::size_t script = 0;
-    std::size_t step = 0;
-    std::string_view sending;
-    std::string_view answer;
-    bool closed = false;
-    bool broken = false;
-    std::size_t written = 0;
-  };
+  class ScriptPeer;
 
   static constexpr std::size_t kMostConnections = 64;
 
-  Connection* find(int descriptor);
-  void advance(Connection& connection);
-  bool hasBytes(Connection& connection);
-  std::size_t deliver(Connection& connection, char* out, std::size_t length, bool keep);
-  void takeWrite(Connection& connection);
-  bool readable(Connection& connection, bool waits);
+  std::unique_ptr<tq::test::SimulatedPeer> accept(std::size_t index);
+  ScriptPeer& peer(std::size_t index) const;
   void countCall();
 
   const std::vector<PeerScript>& scripts_;
   NetworkManners manners_;
-  std::array<Connection, kMostConnections> connections_{};
-  std::size_t used_ = 0;
-  std::size_t nextScript_ = 0;
-  unsigned int writes_ = 0;
   std::size_t calls_ = 0;
   std::size_t mostCalls_;
-  std::uint64_t nanos_ = 1000000000U;
   bool behaving_ = false;
   std::string_view reply_;
+  tq::test::SimulatedKernel::Options options_;
+  tq::test::SimulatedKernel kernel_;
 };
 
 }  // namespace tq::fuzz

@@ -127,6 +127,7 @@ class SimulatedKernel::Calls {
       all.getsockopt = getOption;
       all.fcntl = controlDescriptor;
       all.getaddrinfo = lookUp;
+      all.freeaddrinfo = forgetAddresses;
       all.clock_gettime = readClock;
       return all;
     }();
@@ -352,6 +353,11 @@ class SimulatedKernel::Calls {
       end = &(*end)->ai_next;
     }
     return 0;
+  }
+
+  static void forgetAddresses(addrinfo* addresses) {
+    const Work work;
+    tq::oss::realSystemCalls().freeaddrinfo(addresses);
   }
 
   static int readClock(clockid_t, timespec* out) {

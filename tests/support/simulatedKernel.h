@@ -25,20 +25,20 @@ class Wire {
   static constexpr std::uint64_t kOnDemand = std::numeric_limits<std::uint64_t>::max();
 
   /// Sends what one receive gets at most. Bytes that are `extra` are not needed by the client: the
-  /// tail of a reply, or bytes that nobody asked for.
+  /// tail of a reply, or bytes that it did not ask for.
   void send(std::string_view bytes, std::uint64_t delay = 0, bool extra = false);
   void close(std::uint64_t delay = 0);
   void reset(std::uint64_t delay = 0);
   /// Extra bytes that would arrive later than so many nanoseconds from now never do.
   void withdrawExtra(std::uint64_t delay);
-  /// Nothing moves on the connection any more, in either direction.
-  void stall() { stalled_ = true; }
 
   /// The number of the connection, in the order in which they were made.
   std::size_t index() const { return index_; }
   bool isOpen() const { return open_; }
   /// Bytes that are on their way to the client and not extra.
   std::size_t awaited() const { return awaited_; }
+  /// Bytes that the client has written, read by the peer or not.
+  std::size_t taken() const { return taken_; }
   /// The client has received every byte that was sent.
   bool drained() const { return awaited_ + extra_ == 0; }
 
@@ -78,7 +78,7 @@ class Wire {
   bool ended_ = false;    // the peer does nothing more
   bool closed_ = false;   // its close has arrived
   bool dead_ = false;     // a reset has arrived, or the connection could not be made
-  int pendingError_ = 0;  // told once, to whoever comes first
+  int pendingError_ = 0;  // told once: to a receive, a send or a look at SO_ERROR
   bool stalled_ = false;
   bool roomAwaited_ = false;
   std::size_t taken_ = 0;
@@ -95,7 +95,7 @@ class SimulatedPeer {
 
 /// The system's calls in memory, in place of the real ones for as long as the object lives. Sockets
 /// behave as Linux's do, resets and closes above all, which a test holds against the real ones. The
-/// clock moves only while somebody waits, and by a step at each look, so that whoever spins until a
+/// clock moves only during waits, and by a step at each look, so that a client that spins until a
 /// deadline gets there. A fault plan stands in front. One object at a time, one thread.
 class SimulatedKernel {
  public:
@@ -137,8 +137,8 @@ class SimulatedKernel {
 
   /// The connections that were made.
   std::size_t connections() const { return connections_.size(); }
-  Wire& connection(std::size_t index) { return *connections_.at(index); }
-  SimulatedPeer& peer(std::size_t index) { return *peers_.at(index); }
+  Wire& connection(std::size_t index) const { return *connections_.at(index); }
+  SimulatedPeer& peer(std::size_t index) const { return *peers_.at(index); }
 
   /// When each attempt to connect began, in NANOSECONDS of the simulated clock.
   const std::vector<std::uint64_t>& connectTimes() const { return connectTimes_; }
@@ -146,7 +146,7 @@ class SimulatedKernel {
   std::size_t openDescriptors() const;
   /// Descriptors that were closed twice, or used when they were not open.
   std::size_t misusedDescriptors() const { return misused_; }
-  /// True when somebody waited without a limit for what would never come. The wait ended by a
+  /// True when a client waited without a limit for what would never come. The wait ended by a
   /// reset.
   bool waitedForever() const { return waitedForever_; }
 
@@ -154,8 +154,8 @@ class SimulatedKernel {
   std::uint64_t now() const { return now_; }
   void idle(std::uint64_t nanos) { now_ += nanos; }
 
-  /// Told when the kernel itself begins to work, and when the code under test goes on: a test that
-  /// counts or fails allocations means the latter's. Null, as at first: nobody is told.
+  /// The listener is told when the kernel itself begins to work and when the code under test goes
+  /// on, for tests that count or fail only the latter's allocations. Null, the default, means none.
   static void tellOfWork(void (*listener)(bool begins));
 
  private:
