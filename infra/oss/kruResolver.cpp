@@ -46,7 +46,7 @@ int query(const icu::UnicodeString& host, unsigned int port, int flags, Result& 
   throw SocketException(what, code, Converter::fromUTF8(text, std::strlen(text)));
 }
 
-// The resolver would read such a name as another one: up to its zero, or as this machine's.
+// getaddrinfo would cut the name at the NUL, or take an empty name for localhost.
 bool isName(const icu::UnicodeString& host) {
   return !host.isEmpty() && !host.isBogus() && host.indexOf(u'\0') < 0;
 }

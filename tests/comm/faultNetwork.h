@@ -10,7 +10,7 @@
 
 namespace tq::test {
 
-/// A reply, cut into what one receive gets at most. What stands behind the last byte that the
+/// A reply, cut into what one receive gets at most. What follows the last byte that the
 /// client needs is its tail.
 struct Answer {
   std::vector<std::string> segments;
@@ -21,7 +21,7 @@ using Answerer = std::function<Answer(const std::string& request)>;
 
 /// A network in memory with an answering peer, in place of the system's for as long as it lives.
 /// It counts the calls of the table, makes one of them go wrong, keeps account of descriptors and
-/// of what its peers have seen whole, and has a clock that moves only while somebody waits.
+/// of what its peers have seen whole, and has a clock that moves only during waits.
 /// One at a time, one thread.
 class FaultNetwork {
  public:
@@ -60,12 +60,12 @@ class FaultNetwork {
   std::size_t misusedDescriptors() const { return kernel_.misusedDescriptors(); }
   /// Every request that a peer has seen whole.
   const std::vector<std::string>& journal() const { return journal_; }
-  /// True when somebody waited without a limit for what would never come.
+  /// True when the client waited without a limit for what would never come.
   bool waitedForever() const { return kernel_.waitedForever(); }
   std::uint64_t nowNanos() const { return kernel_.now(); }
 
-  /// Told when the network itself begins to work, and when the code under test goes on: a test that
-  /// fails allocations means the latter's. Null, as at first: nobody is told.
+  /// The listener is told when the network itself begins to work and when the code under test goes
+  /// on, for tests that fail only the latter's allocations. Null, the default, means none.
   static void tellOfWork(void (*listener)(bool begins)) { SimulatedKernel::tellOfWork(listener); }
 
  private:

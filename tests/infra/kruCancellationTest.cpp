@@ -63,7 +63,7 @@ TEST_F(SocketCancellation, WhileReadingClosesTheConnection) {
     fake.resetCounts();
     fake.cancelIn(Call::Recv, 1);
     EXPECT_TRUE(isCancelledIn([&] { operation(socket); }));
-    EXPECT_FALSE(socket.isOpen()) << "what the receive took nobody knows";
+    EXPECT_FALSE(socket.isOpen()) << "how much the receive took is unknown";
     EXPECT_TRUE(peer.seesClose());
   }
 }

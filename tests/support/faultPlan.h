@@ -72,7 +72,7 @@ class FaultPlan {
   /// The calls since the last `forgetCalls`, in their order.
   const std::vector<SeenCall>& calls() const { return calls_; }
   void forgetCalls() { calls_.clear(); }
-  /// Off where nobody reads the record: it grows with every call.
+  /// The record grows with every call; tests that do not read it switch it off.
   void record(bool on) { records_ = on; }
 
   /// Counts the call and tells how it goes wrong, if it does.

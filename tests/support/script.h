@@ -11,7 +11,7 @@ namespace tq::test {
 struct Step {
   enum class Kind {
     ExpectRequest,        // a header block, then as many bytes as its length line says
-    ExpectFramedRequest,  // the same behind a 2-byte length of the header block
+    ExpectFramedRequest,  // the same after a 2-byte length of the header block
     ExpectBytes,          // exactly `count` bytes
     Send,                 // `bytes`, in segments of `count` bytes, 0 for one segment
     Stall,                // until released, or until the client has closed

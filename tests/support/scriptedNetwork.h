@@ -11,7 +11,7 @@
 namespace tq::test {
 
 /// A network in memory, in place of the system's for as long as the object lives: peers follow
-/// scripts, each segment is what one receive gets at most, and the clock moves only while somebody
+/// scripts, each segment is what one receive gets at most, and the clock moves only during
 /// waits. Thousands of exchanges run in the time of one real one, and a wait that could never end
 /// is told from one that does.
 ///
@@ -21,7 +21,7 @@ class ScriptedNetwork {
  public:
   enum class Arrival {
     AllThere,  // every segment has arrived before it is asked for
-    OnDemand,  // a segment arrives when somebody waits for it, never for a look that does not wait
+    OnDemand,  // a segment arrives when the client waits for it; a non-blocking look never finds it
   };
 
   explicit ScriptedNetwork(std::vector<Script> scripts, Arrival arrival = Arrival::AllThere);
@@ -53,7 +53,7 @@ class ScriptedNetwork {
   const std::vector<std::size_t>& writeSizes() const { return writeSizes_; }
   std::size_t polls() const { return kernel_.faults().count(Entry::Poll); }
 
-  /// True when somebody waited without a time limit for what no script will send.
+  /// True when the client waited without a time limit for what no script will send.
   bool waitedForever() const { return kernel_.waitedForever(); }
   /// What the clock has moved.
   std::uint64_t elapsedMillis() const { return (kernel_.now() - start_) / 1000000; }
