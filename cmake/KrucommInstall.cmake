@@ -41,7 +41,7 @@ function(krucomm_install)
   set_target_properties(${libraries} PROPERTIES INSTALL_RPATH "$ORIGIN")
   install(TARGETS ${libraries} EXPORT krucommTargets)
   install(
-    DIRECTORY "${PROJECT_SOURCE_DIR}/include/"
+    DIRECTORY "${PROJECT_SOURCE_DIR}/include/" "${PROJECT_BINARY_DIR}/include/"
     DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/krucomm"
     FILES_MATCHING
     PATTERN "*.h")

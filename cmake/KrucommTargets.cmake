@@ -45,7 +45,7 @@ function(krucomm_add_library name)
   add_library(${name}_objects OBJECT ${ARG_SOURCES})
   target_include_directories(
     ${name}_objects
-    PUBLIC "${PROJECT_SOURCE_DIR}/include"
+    PUBLIC "${PROJECT_SOURCE_DIR}/include" "${PROJECT_BINARY_DIR}/include"
     PRIVATE "${PROJECT_SOURCE_DIR}")
   target_link_libraries(${name}_objects PRIVATE krucomm_options ICU::uc)
   # A symbol that is unique in the whole process keeps its shared object, and with it the others,
@@ -65,7 +65,9 @@ function(krucomm_add_library name)
   foreach(library ${name} ${name}_static)
     target_include_directories(
       ${library} PUBLIC "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>"
+                        "$<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include>"
                         "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/krucomm>")
+    target_compile_features(${library} PUBLIC cxx_std_20)
     target_link_libraries(${library} PUBLIC ICU::uc PRIVATE $<BUILD_INTERFACE:krucomm_options>)
   endforeach()
   foreach(dependency ${ARG_LINK})
