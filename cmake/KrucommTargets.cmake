@@ -58,7 +58,12 @@ function(krucomm_add_library name)
     PROPERTIES LINKER_LANGUAGE CXX
                VERSION ${PROJECT_VERSION}
                SOVERSION ${PROJECT_VERSION_MAJOR}
-               EXPORT_NAME ${name})
+               EXPORT_NAME ${name}
+               LINK_DEPENDS "${PROJECT_SOURCE_DIR}/cmake/exports.map")
+  # The library's calls to its own functions stay inside, whatever functions its host defines.
+  target_link_options(${name} PRIVATE
+                      "LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map"
+                      "LINKER:-Bsymbolic-functions")
   add_library(${name}_static STATIC $<TARGET_OBJECTS:${name}_objects>)
   set_target_properties(${name}_static PROPERTIES LINKER_LANGUAGE CXX OUTPUT_NAME ${name}
                                                   EXPORT_NAME ${name}_static)
