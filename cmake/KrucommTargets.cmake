@@ -37,6 +37,19 @@ if(KRUCOMM_COVERAGE)
   target_link_options(krucomm_options INTERFACE --coverage)
 endif()
 
+# krucomm_add_mutable_library(<name>) makes <name>_static a shared object that hides nothing: ./dev
+# mutate then replaces it without linking a single test anew. Its objects count which lines run.
+function(krucomm_add_mutable_library name)
+  set_target_properties(${name}_objects PROPERTIES CXX_VISIBILITY_PRESET default
+                                                   VISIBILITY_INLINES_HIDDEN OFF)
+  target_compile_options(${name}_objects PRIVATE --coverage)
+  add_library(${name}_static SHARED $<TARGET_OBJECTS:${name}_objects>)
+  target_link_options(${name}_static PRIVATE --coverage LINKER:-Bsymbolic-functions)
+  target_link_options(${name} PRIVATE --coverage)
+  set_property(GLOBAL APPEND_STRING PROPERTY KRUCOMM_MUTABLE_LIBRARIES
+                                             "$<TARGET_FILE:${name}_static>\n")
+endfunction()
+
 # krucomm_add_library(<name> SOURCES <file>... LINK <target>...) builds one set of objects into the
 # shared library <name> and the static library <name>_static. The tests link the static one: they
 # also exercise internals, which the shared object hides.
@@ -64,9 +77,13 @@ function(krucomm_add_library name)
   target_link_options(${name} PRIVATE
                       "LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map"
                       "LINKER:-Bsymbolic-functions")
-  add_library(${name}_static STATIC $<TARGET_OBJECTS:${name}_objects>)
-  set_target_properties(${name}_static PROPERTIES LINKER_LANGUAGE CXX OUTPUT_NAME ${name}
-                                                  EXPORT_NAME ${name}_static)
+  if(KRUCOMM_MUTATE)
+    krucomm_add_mutable_library(${name})
+  else()
+    add_library(${name}_static STATIC $<TARGET_OBJECTS:${name}_objects>)
+    set_target_properties(${name}_static PROPERTIES OUTPUT_NAME ${name})
+  endif()
+  set_target_properties(${name}_static PROPERTIES LINKER_LANGUAGE CXX EXPORT_NAME ${name}_static)
   foreach(library ${name} ${name}_static)
     target_include_directories(
       ${library} PUBLIC "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>"

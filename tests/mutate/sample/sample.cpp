@@ -1,0 +1,14 @@
+int limited(int value) {
+  if (value > 9) return 9;
+  return value;
+}
+
+int twice(int value) { return value + value; }
+
+bool finishes() {
+  bool done = false;
+  while (!done) done = true;
+  return done;
+}
+
+int neverCalled() { return 5; }

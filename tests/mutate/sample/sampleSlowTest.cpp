@@ -1,0 +1,6 @@
+#include <unistd.h>
+
+int main() {
+  pause();
+  return 0;
+}
