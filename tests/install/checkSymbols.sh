@@ -24,7 +24,7 @@ check_exports() {
   names=$(exported "$library" | c++filt)
   [ -n "$names" ] || fail "${library##*/} exports nothing"
   local kinds='(vtable|VTT|typeinfo|typeinfo name|guard variable) for |(non-)?virtual thunk to '
-  strangers=$(grep -vE "^($kinds)?tq::(comm|oss|util)::|^kru_[a-z0-9_]+\$" <<<"$names" || true)
+  strangers=$(grep -vE "^($kinds)?tq::(comm|oss|util)::|^kru[A-Za-z0-9_]+\$" <<<"$names" || true)
   [ -z "$strangers" ] || fail "${library##*/} exports $strangers"
   for name in $(sed -nE "s/^($kinds)?tq::(comm|oss|util)::([A-Za-z_0-9]+).*/\\5/p" <<<"$names" |
     sort -u); do
