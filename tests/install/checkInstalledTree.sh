@@ -80,7 +80,8 @@ for library in krucomm kruinfra; do
     fail "kruVersion.h says $(header_version "$1"), the package $expected"
 done
 
-[ "$(cd "$work/tree/bin" && echo *)" = "corvane corvaned" ] || fail "programs: $(ls "$work/tree/bin")"
+programs=$(cd "$work/tree/bin" && echo *)
+[ "$programs" = "corvane corvaned" ] || fail "the installed programs are $programs"
 for program in "$work"/tree/bin/*; do
   "$program" --version >/dev/null || fail "${program##*/} does not start from the installed tree"
 done

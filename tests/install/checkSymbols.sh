@@ -56,8 +56,8 @@ traps() {
 # A host is large and old: it may have a function of any name. None of them is called in place of
 # the library's own.
 check_host() {
-  "$compiler" -std=c++20 -O1 -fPIC -I "$sources/include" -c "$sources/tests/install/symbolsHost.cpp" \
-    -o "$work/program.o"
+  "$compiler" -std=c++20 -O1 -fPIC -I "$sources/include" \
+    -c "$sources/tests/install/symbolsHost.cpp" -o "$work/program.o"
   traps >"$work/traps"
   [ "$(wc -l <"$work/traps")" -gt 300 ] || fail "the libraries define $(wc -l <"$work/traps") names"
   # Code of the program's own would use some of the names too, if it were not bound at once.
