@@ -15,11 +15,11 @@
 #include "fuzz/check.h"
 #include "fuzz/input.h"
 #include "fuzz/memoryMeter.h"
-#include "server/bytes.h"
-#include "server/dispatcher.h"
-#include "server/documentBlock.h"
-#include "server/replyEncoder.h"
-#include "server/requestDecoder.h"
+#include "server/base/bytes.h"
+#include "server/front/dispatcher.h"
+#include "server/front/documentBlock.h"
+#include "server/front/replyEncoder.h"
+#include "server/front/requestDecoder.h"
 
 namespace tq::fuzz {
 

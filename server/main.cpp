@@ -12,12 +12,12 @@
 #include <iostream>
 #include <string>
 
-#include "server/dispatcher.h"
-#include "server/faultScript.h"
-#include "server/faultyOutlet.h"
-#include "server/files.h"
-#include "server/localStore.h"
-#include "server/server.h"
+#include "server/faults/faultScript.h"
+#include "server/faults/faultyOutlet.h"
+#include "server/front/dispatcher.h"
+#include "server/front/server.h"
+#include "server/store/files.h"
+#include "server/store/localStore.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "server/store.h"
+#include "server/store/store.h"
 
 // Random histories of changes, and what a store may hold after one that a crash has cut.
 namespace corvaned::test {

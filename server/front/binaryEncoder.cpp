@@ -1,0 +1,156 @@
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+#include "server/base/bytes.h"
+#include "server/front/replyEncoder.h"
+#include "server/front/replyText.h"
+#include "server/front/vocabulary.h"
+
+namespace corvaned {
+namespace {
+
+// Codes of reply headers and envelopes.
+constexpr std::uint16_t kSuccess = 1;
+constexpr std::uint16_t kWithScore = 5;
+constexpr std::uint16_t kStatusOne = 5;
+constexpr std::uint16_t kError = 6;
+
+constexpr std::size_t kMaxPayload = 65535;
+
+void appendField(std::string& out, std::string_view name, std::string_view value) {
+  appendU16(out, static_cast<std::uint16_t>(name.size()));
+  out += name;
+  appendU16(out, static_cast<std::uint16_t>(value.size()));
+  out += value;
+}
+
+void appendEnvelope(std::string& out, std::uint16_t status, std::string_view payload) {
+  appendU16(out, status);
+  appendU16(out, static_cast<std::uint16_t>(payload.size()));
+  out += payload;
+}
+
+std::string header(std::uint16_t code) {
+  std::string bytes;
+  appendU16(bytes, code);
+  return bytes;
+}
+
+std::string errorReply(const ErrorReply& error) {
+  std::string bytes = header(kError);
+  const std::string record = messageFields(appendField, error.id, error.text);
+  appendU16(bytes, static_cast<std::uint16_t>(record.size()));
+  return bytes + record;
+}
+
+std::uint32_t clamped(std::uint64_t value) {
+  constexpr std::uint64_t most = std::numeric_limits<std::uint32_t>::max();
+  return static_cast<std::uint32_t>(std::min(value, most));
+}
+
+class EnvelopesReply : public ReplyEncoder {
+ public:
+  bool next(std::string& out) final {
+    if (ended_) return false;
+    std::string portion;
+    if (!std::exchange(started_, true)) portion = header(kSuccess);
+    while (!ended_ && portion.size() < kPortionBytes) {
+      if (!appendNext(portion)) {
+        appendEnvelope(portion, kSuccess, {});
+        ended_ = true;
+      }
+    }
+    out += portion;
+    return true;
+  }
+
+ protected:
+  /// Appends one envelope; false when there is none left.
+  virtual bool appendNext(std::string& portion) = 0;
+
+ private:
+  bool started_ = false;
+  bool ended_ = false;
+};
+
+class BinaryHits : public EnvelopesReply {
+ public:
+  explicit BinaryHits(HitsReply reply) : reply_(std::move(reply)) {}
+
+ protected:
+  bool appendNext(std::string& portion) override {
+    if (!reply_.hits->next(hit_)) return false;
+    payload_.clear();
+    if (reply_.withScore) appendU16(payload_, hit_.milliScore);
+    payload_ += hit_.key;
+    // Always the same status within a reply: a hit without a score would be taken to have the score
+    // of the hit in front of it.
+    appendEnvelope(portion, reply_.withScore ? kWithScore : kSuccess, payload_);
+    return true;
+  }
+
+ private:
+  HitsReply reply_;
+  Hit hit_;
+  std::string payload_;
+};
+
+class BinaryOutcomes : public EnvelopesReply {
+ public:
+  explicit BinaryOutcomes(OutcomesReply reply) : reply_(std::move(reply)) {}
+
+ protected:
+  bool appendNext(std::string& portion) override {
+    if (position_ == reply_.outcomes.size()) return false;
+    appendEnvelope(portion, kSuccess, outcomeFields(appendField, reply_.outcomes[position_++]));
+    return true;
+  }
+
+ private:
+  OutcomesReply reply_;
+  std::size_t position_ = 0;
+};
+
+struct BinaryForm {
+  std::unique_ptr<ReplyEncoder> operator()(NoReply) const { return wholeReply({}); }
+  std::unique_ptr<ReplyEncoder> operator()(DoneReply) const { return wholeReply(header(kSuccess)); }
+  std::unique_ptr<ReplyEncoder> operator()(const ErrorReply& reply) const {
+    return wholeReply(errorReply(reply));
+  }
+  std::unique_ptr<ReplyEncoder> operator()(HitsReply&& reply) const {
+    return std::make_unique<BinaryHits>(std::move(reply));
+  }
+  std::unique_ptr<ReplyEncoder> operator()(OutcomesReply&& reply) const {
+    return std::make_unique<BinaryOutcomes>(std::move(reply));
+  }
+  // The last two of the three numbers travel in crossed order.
+  std::unique_ptr<ReplyEncoder> operator()(const EstimateReply& reply) const {
+    std::string payload;
+    appendU32(payload, clamped(reply.estimate.hits));
+    appendU32(payload, clamped(reply.estimate.documents));
+    appendU32(payload, clamped(reply.estimate.atMost));
+    std::string bytes = header(kSuccess);
+    appendEnvelope(bytes, kSuccess, payload);
+    appendEnvelope(bytes, kSuccess, {});
+    return wholeReply(bytes);
+  }
+  std::unique_ptr<ReplyEncoder> operator()(const StatusReply& reply) const {
+    if (reply.code == 0) return wholeReply(header(kSuccess));
+    if (reply.code == 1) return wholeReply(header(kStatusOne));
+    return wholeReply(errorReply(reply.reason));
+  }
+  std::unique_ptr<ReplyEncoder> operator()(const TextReply& reply) const {
+    std::string bytes = header(kSuccess);
+    appendEnvelope(bytes, kSuccess, cutBetweenCharacters(reply.text, kMaxPayload));
+    return wholeReply(bytes);
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<ReplyEncoder> encodeBinary(Reply reply) {
+  return std::visit(BinaryForm{}, std::move(reply));
+}
+
+}  // namespace corvaned

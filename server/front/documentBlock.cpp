@@ -1,0 +1,80 @@
+#include "server/front/documentBlock.h"
+
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "server/base/bytes.h"
+#include "server/base/errors.h"
+#include "server/front/vocabulary.h"
+
+namespace corvaned {
+namespace {
+
+using TextPair = std::pair<std::string_view, std::string_view>;
+
+constexpr std::uint32_t kLengthMask = 0x3FFFFFFFU;
+
+[[noreturn]] void refuse(const std::string& why) {
+  throw ServerError(ErrorKind::badDocument, "the document block cannot be read: " + why);
+}
+
+std::string_view takeText(ByteReader& reader) {
+  const auto length = reader.u32();
+  if (!length) refuse("it ends inside a length");
+  const auto text = reader.take(*length & kLengthMask);
+  if (!text) refuse("a text is longer than the rest of the block");
+  return *text;
+}
+
+std::vector<TextPair> takePairs(ByteReader& reader) {
+  std::vector<TextPair> pairs;
+  while (!reader.empty()) {
+    const std::string_view name = takeText(reader);
+    if (reader.empty()) refuse("the last name has no value");
+    pairs.emplace_back(name, takeText(reader));
+  }
+  return pairs;
+}
+
+std::string takeKey(std::vector<TextPair>& pairs) {
+  if (pairs.empty() || pairs.back().first != words().rowId) refuse("it does not end with a key");
+  const std::string_view key = pairs.back().second;
+  pairs.pop_back();
+  if (key.empty()) throw ServerError(ErrorKind::badDocument, "the document's key is empty");
+  if (key.size() > kMaxKeyBytes) {
+    throw ServerError(ErrorKind::badDocument,
+                      "the document's key has " + std::to_string(key.size()) +
+                          " bytes, more than the " + std::to_string(kMaxKeyBytes) + " allowed");
+  }
+  return std::string(key);
+}
+
+}  // namespace
+
+DocumentBlock parseDocumentBlock(std::string bytes) {
+  ByteReader reader(bytes);
+  const auto reserved = reader.u32();
+  const auto following = reader.u32();
+  if (!reserved || !following) refuse("it is shorter than its two length words");
+  if (*following != reader.remaining()) {
+    refuse("it announces " + std::to_string(*following) + " bytes and holds " +
+           std::to_string(reader.remaining()));
+  }
+  DocumentBlock block;
+  block.terminate = *following == 0;
+  if (block.terminate) return block;
+  std::vector<TextPair> pairs = takePairs(reader);
+  std::size_t contentSize = 0;
+  if (!pairs.empty() && pairs.back().first == words().data) {
+    contentSize = pairs.back().second.size();
+    pairs.pop_back();
+  }
+  block.document.key = takeKey(pairs);
+  for (const auto& [name, value] : pairs) block.document.metadata.emplace_back(name, value);
+  bytes.erase(0, bytes.size() - contentSize);
+  block.document.content = std::move(bytes);
+  return block;
+}
+
+}  // namespace corvaned

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <asio/any_io_executor.hpp>
+#include <asio/ip/tcp.hpp>
+#include <asio/strand.hpp>
+#include <functional>
+#include <memory>
+#include <string_view>
+
+#include "server/front/replyEncoder.h"
+#include "server/front/request.h"
+#include "server/front/requestDecoder.h"
+
+namespace corvaned {
+
+/// A client's socket, whose handlers run one at a time.
+using ClientSocket = asio::basic_stream_socket<asio::ip::tcp, asio::strand<asio::any_io_executor>>;
+
+/// The write side of one connection: how the bytes of its replies come to the wire. Belongs to the
+/// connection and is used by one thread at a time, as the connection is.
+class Outlet {
+ public:
+  enum class Result {
+    written,
+    /// The connection is of no more use.
+    failed,
+    /// Nothing more is to be said to this client.
+    ended,
+  };
+  using Done = std::function<void(Result)>;
+
+  Outlet() = default;
+  virtual ~Outlet() = default;
+  Outlet(const Outlet&) = delete;
+  Outlet& operator=(const Outlet&) = delete;
+
+  /// The next reply answers this request.
+  virtual void asked(const Request& request) = 0;
+  /// Called once a reply; what is returned is to be sent in its place.
+  virtual std::unique_ptr<ReplyEncoder> reply(std::unique_ptr<ReplyEncoder> encoder) = 0;
+  /// Writes all of `bytes`, which live until `done` is called.
+  virtual void write(std::string_view bytes, Done done) = 0;
+  /// The socket is being closed: whatever write() still waits for ends now.
+  virtual void cancel() = 0;
+};
+
+class OutletFactory {
+ public:
+  OutletFactory() = default;
+  virtual ~OutletFactory() = default;
+  OutletFactory(const OutletFactory&) = delete;
+  OutletFactory& operator=(const OutletFactory&) = delete;
+
+  /// From any thread. The socket outlives the outlet.
+  virtual std::unique_ptr<Outlet> make(ClientSocket& socket, Framing framing) = 0;
+};
+
+/// Writes what it is given.
+std::unique_ptr<Outlet> plainOutlet(ClientSocket& socket);
+
+}  // namespace corvaned

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "server/store/store.h"
+
+namespace corvaned {
+
+/// The request asks for no reply.
+struct NoReply {};
+/// Success without a result.
+struct DoneReply {};
+struct ErrorReply {
+  std::string id;
+  std::string text;
+};
+struct HitsReply {
+  std::unique_ptr<HitSource> hits;
+  bool withScore = false;
+  bool streaming = false;
+};
+struct OutcomesReply {
+  std::vector<ParseOutcome> outcomes;
+};
+struct EstimateReply {
+  Estimate estimate;
+};
+/// 0: ready; 1: changes wait for updateIndex; 2: not available, with the reason.
+struct StatusReply {
+  std::uint32_t code = 0;
+  ErrorReply reason;
+};
+struct TextReply {
+  std::string text;
+};
+
+/// What is to be said, in no protocol yet.
+using Reply = std::variant<NoReply, DoneReply, ErrorReply, HitsReply, OutcomesReply, EstimateReply,
+                           StatusReply, TextReply>;
+
+}  // namespace corvaned

@@ -1,0 +1,205 @@
+#include "server/store/collection.h"
+
+#include <spdlog/spdlog.h>
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+#include "server/base/errors.h"
+
+namespace corvaned {
+namespace {
+
+constexpr const char* kIndexDirectory = "index";
+
+}  // namespace
+
+void Collection::create(const std::filesystem::path& directory, const std::string& language) {
+  XapianIndex::create(directory / kIndexDirectory, language);
+  syncDirectory(directory);
+}
+
+Collection::Collection(std::string name, const std::filesystem::path& directory, StoreLimits limits)
+    : name_(std::move(name)),
+      limits_(limits),
+      journal_(directory,
+               [this](std::uint64_t segment, Change&& change) {
+                 if (change.kind == ChangeKind::remove) hide(segment, change.document.key);
+               }),
+      index_(directory / kIndexDirectory, limits.index) {}
+
+void Collection::add(const Document& document) {
+  checkSize(document);
+  journal_.sync(append({ChangeKind::put, document}).ticket);
+}
+
+void Collection::queue(const Document& document) {
+  checkSize(document);
+  pushOutcome({document.key, {}, {}}, append({ChangeKind::put, document}).ticket);
+}
+
+void Collection::reportOutcome(ParseOutcome outcome) {
+  requireActive();
+  pushOutcome(std::move(outcome), 0);
+}
+
+void Collection::remove(const std::string& key) {
+  const Journal::Place place = append({ChangeKind::remove, {key, {}, {}}});
+  hide(place.segment, key);
+  journal_.sync(place.ticket);
+  removeHiddenFromIndex();
+}
+
+void Collection::updateIndex() {
+  const std::lock_guard lock(indexMutex_);
+  requireActive();
+  if (journal_.empty()) return;
+  const std::uint64_t last = journal_.rotate();
+  std::vector<ParseOutcome> refused = index_.apply(
+      [&](const auto& take) { lastChanges(last, take); }, [this] { return retired_.load(); });
+  {
+    const std::lock_guard hiddenLock(hiddenMutex_);
+    indexed_ = last;
+    std::erase_if(hidden_, [&](const auto& entry) { return entry.second <= last; });
+  }
+  journal_.remove(last);
+  if (refused.empty()) return;
+  const std::string count = std::to_string(refused.size());
+  for (ParseOutcome& outcome : refused) pushOutcome(std::move(outcome), 0);
+  throw ServerError(ErrorKind::documentsNotIndexed,
+                    count +
+                        " documents cannot be indexed, all others are searchable; "
+                        "getParseResult names them");
+}
+
+// Only the last change of each key counts. Bringing in the earlier ones as well would cost time
+// and, between two transactions, show a document that has been deleted since.
+void Collection::lastChanges(std::uint64_t segment,
+                             const std::function<void(Change&&)>& take) const {
+  std::unordered_map<std::string, std::uint64_t> lastOfKey;
+  std::uint64_t position = 0;
+  journal_.read(segment, [&](std::uint64_t, Change&& change) {
+    lastOfKey[change.document.key] = position++;
+  });
+  position = 0;
+  journal_.read(segment, [&](std::uint64_t, Change&& change) {
+    if (lastOfKey[change.document.key] == position++) take(std::move(change));
+  });
+}
+
+std::vector<ParseOutcome> Collection::takeOutcomes() {
+  requireActive();
+  std::deque<ParseOutcome> taken;
+  std::uint64_t ticket = 0;
+  {
+    const std::lock_guard lock(outcomesMutex_);
+    taken.swap(outcomes_);
+    ticket = outcomesTicket_;
+  }
+  try {
+    journal_.sync(ticket);
+  } catch (...) {
+    const std::lock_guard lock(outcomesMutex_);
+    outcomes_.insert(outcomes_.begin(), std::make_move_iterator(taken.begin()),
+                     std::make_move_iterator(taken.end()));
+    throw;
+  }
+  return {std::make_move_iterator(taken.begin()), std::make_move_iterator(taken.end())};
+}
+
+std::unique_ptr<HitSource> Collection::search(const SearchQuery& query) {
+  requireActive();
+  return index_.search(query, hidden());
+}
+
+Estimate Collection::estimate(const std::string& query) {
+  requireActive();
+  return index_.estimate(query, hidden());
+}
+
+CollectionState Collection::state() const {
+  requireActive();
+  return journal_.empty() ? CollectionState::current : CollectionState::changesPending;
+}
+
+void Collection::retire() {
+  {
+    const std::unique_lock gate(gate_);
+    retired_ = true;
+  }
+  const std::lock_guard indexing(indexMutex_);
+  index_.releaseHandles();
+}
+
+Journal::Place Collection::append(const Change& change) {
+  const std::shared_lock gate(gate_);
+  requireActive();
+  return journal_.append(change);
+}
+
+void Collection::checkSize(const Document& document) const {
+  std::size_t bytes = document.content.size();
+  for (const auto& [name, value] : document.metadata) bytes += name.size() + value.size();
+  if (bytes <= limits_.documentBytes) return;
+  throw ServerError(ErrorKind::documentTooLarge,
+                    "the document has " + std::to_string(bytes) + " bytes, more than the " +
+                        std::to_string(limits_.documentBytes) + " allowed");
+}
+
+void Collection::requireActive() const {
+  if (!retired_) return;
+  throw ServerError(ErrorKind::unknownCollection, "there is no collection " + shown(name_));
+}
+
+void Collection::hide(std::uint64_t segment, const std::string& key) {
+  const std::lock_guard lock(hiddenMutex_);
+  // An index update has overtaken the deletion; what it brought in under this key came later.
+  if (segment <= indexed_) return;
+  std::uint64_t& known = hidden_[key];
+  known = std::max(known, segment);
+}
+
+std::vector<std::string> Collection::hidden() const {
+  const std::lock_guard lock(hiddenMutex_);
+  std::vector<std::string> keys;
+  keys.reserve(hidden_.size());
+  for (const auto& [key, segment] : hidden_) keys.push_back(key);
+  return keys;
+}
+
+// Filtering costs every search something for each key; a commit now and then costs less.
+void Collection::removeHiddenFromIndex() {
+  {
+    const std::lock_guard lock(hiddenMutex_);
+    if (hidden_.size() <= limits_.hiddenKeys) return;
+  }
+  const std::unique_lock indexing(indexMutex_, std::try_to_lock);
+  // An index update that is under way brings the deletions in anyway.
+  if (!indexing.owns_lock() || retired_) return;
+  const std::vector<std::string> keys = hidden();
+  const auto removals = [&](const std::function<void(Change &&)>& take) {
+    for (const std::string& key : keys) take({ChangeKind::remove, {key, {}, {}}});
+  };
+  try {
+    index_.apply(removals, [this] { return retired_.load(); });
+  } catch (const ServerError& error) {
+    // The deletions are on disk and hold; searches go on filtering.
+    spdlog::warn("collection {}: {}", shown(name_), error.what());
+    return;
+  }
+  const std::lock_guard lock(hiddenMutex_);
+  for (const std::string& key : keys) hidden_.erase(key);
+}
+
+void Collection::pushOutcome(ParseOutcome outcome, std::uint64_t ticket) {
+  const std::lock_guard lock(outcomesMutex_);
+  outcomesTicket_ = std::max(outcomesTicket_, ticket);
+  outcomes_.push_back(std::move(outcome));
+  if (outcomes_.size() <= limits_.outcomes) return;
+  spdlog::warn("collection {}: nobody asks for parse results, the oldest is forgotten",
+               shown(name_));
+  outcomes_.pop_front();
+}
+
+}  // namespace corvaned

@@ -1,0 +1,49 @@
+#include "server/store/files.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+#include "server/base/errors.h"
+
+namespace corvaned {
+
+FileHandle::~FileHandle() {
+  if (descriptor_ >= 0) ::close(descriptor_);
+}
+
+void throwSystemError(const std::string& what, const std::filesystem::path& path) {
+  const std::string reason = std::generic_category().message(errno);
+  throw ServerError(ErrorKind::storageFailed, what + " " + path.string() + ": " + reason);
+}
+
+FileHandle openFile(const std::filesystem::path& path, int flags) {
+  constexpr mode_t ownerAndGroup = 0640;
+  FileHandle file(::open(path.c_str(), flags | O_CLOEXEC, ownerAndGroup));
+  if (file.get() < 0) throwSystemError("cannot open", path);
+  return file;
+}
+
+void writeAll(const FileHandle& file, std::string_view bytes, const std::filesystem::path& path) {
+  while (!bytes.empty()) {
+    const ssize_t written = ::write(file.get(), bytes.data(), bytes.size());
+    if (written >= 0) {
+      bytes.remove_prefix(static_cast<std::size_t>(written));
+    } else if (errno != EINTR) {
+      throwSystemError("cannot write", path);
+    }
+  }
+}
+
+void syncFile(const FileHandle& file, const std::filesystem::path& path) {
+  if (::fdatasync(file.get()) != 0) throwSystemError("cannot bring to disk", path);
+}
+
+void syncDirectory(const std::filesystem::path& path) {
+  const FileHandle directory = openFile(path, O_RDONLY | O_DIRECTORY);
+  if (::fsync(directory.get()) != 0) throwSystemError("cannot bring to disk", path);
+}
+
+}  // namespace corvaned

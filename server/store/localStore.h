@@ -1,0 +1,66 @@
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "server/store/collection.h"
+#include "server/store/files.h"
+#include "server/store/store.h"
+
+namespace corvaned {
+
+/// The name of the directory that holds a collection: letters, digits, "_" and "-" stand for
+/// themselves, every other byte is written %XX. Different names never share a directory, and no
+/// name leads out of its parent. Throws ServerError(badCollectionName) for a name that is empty,
+/// too long, or not UTF-8 text.
+std::string directoryNameFor(std::string_view collection);
+
+/// All collections below one directory, which one process at a time may own.
+///
+///     LOCK                       held while a server runs
+///     collections/<name>/        one collection, see directoryNameFor
+///         index/                 the Xapian database
+///         journal-0000000001...  accepted changes that are not in the index yet
+class LocalStore : public Store {
+ public:
+  /// Creates the directory when it is missing. Throws ServerError(storageFailed) when another
+  /// server owns it.
+  LocalStore(std::filesystem::path directory, StoreLimits limits);
+
+  void createCollection(const std::string& name, const std::string& language) override;
+  void openCollection(const std::string& name) override;
+  void closeCollection(const std::string& name) override;
+  void deleteCollection(const std::string& name) override;
+  void addDocument(const std::string& name, const Document& document) override;
+  void queueDocument(const std::string& name, const Document& document) override;
+  void reportOutcome(const std::string& name, ParseOutcome outcome) override;
+  void deleteDocument(const std::string& name, const std::string& key) override;
+  void updateIndex(const std::string& name) override;
+  std::vector<ParseOutcome> takeParseOutcomes(const std::string& name) override;
+  std::unique_ptr<HitSource> search(const std::string& name, const SearchQuery& query) override;
+  Estimate estimate(const std::string& name, const std::string& query) override;
+  CollectionState state(const std::string& name) override;
+
+ private:
+  std::shared_ptr<Collection> find(const std::string& name);
+  std::filesystem::path pathOf(const std::string& name) const;
+  std::filesystem::path freshTemporary();
+  void removeLeftovers() const;
+
+  const std::filesystem::path root_;
+  const std::filesystem::path collectionsRoot_;
+  const StoreLimits limits_;
+  FileHandle lock_;
+
+  std::mutex mutex_;
+  // Guarded by mutex_: the collections that are open, and a number for names of passing
+  // directories.
+  std::map<std::string, std::shared_ptr<Collection>> open_;
+  std::uint64_t temporaries_ = 0;
+};
+
+}  // namespace corvaned

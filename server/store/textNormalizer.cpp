@@ -1,0 +1,78 @@
+#include "server/store/textNormalizer.h"
+
+#include <unicode/locid.h>
+#include <unicode/normalizer2.h>
+#include <unicode/unistr.h>
+#include <unicode/ustring.h>
+
+#include <algorithm>
+#include <array>
+
+#include "server/base/errors.h"
+
+namespace corvaned {
+namespace {
+
+bool isAscii(std::string_view text) {
+  return std::all_of(text.begin(), text.end(),
+                     [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
+bool isOperator(std::string_view word) {
+  constexpr std::array<std::string_view, 6> operators{"AND", "OR", "NOT", "XOR", "NEAR", "ADJ"};
+  return std::find(operators.begin(), operators.end(), word) != operators.end() ||
+         word.starts_with("NEAR/") || word.starts_with("ADJ/");
+}
+
+void appendLower(std::string& out, std::string_view word) {
+  icu::UnicodeString::fromUTF8(
+      icu::StringPiece(word.data(), static_cast<std::int32_t>(word.size())))
+      .toLower(icu::Locale::getRoot())
+      .toUTF8String(out);
+}
+
+[[noreturn]] void failed(UErrorCode code) {
+  throw ServerError(ErrorKind::internal,
+                    std::string("text cannot be normalised: ") + u_errorName(code));
+}
+
+}  // namespace
+
+std::string normalizeText(std::string_view text) {
+  if (isAscii(text)) return std::string(text);
+  UErrorCode code = U_ZERO_ERROR;
+  const icu::Normalizer2* form = icu::Normalizer2::getNFKCInstance(code);
+  if (U_FAILURE(code)) failed(code);
+  const auto source = icu::UnicodeString::fromUTF8(
+      icu::StringPiece(text.data(), static_cast<std::int32_t>(text.size())));
+  const icu::UnicodeString normal = form->normalize(source, code);
+  if (U_FAILURE(code)) failed(code);
+  std::string result;
+  return normal.toUTF8String(result);
+}
+
+std::string lowerQueryWords(const std::string& query) {
+  constexpr std::string_view separators = " \t\r\n()\"+-";
+  std::string result;
+  std::string_view rest = query;
+  while (!rest.empty()) {
+    const std::size_t end = std::min(rest.find_first_of(separators), rest.size());
+    const std::string_view word = rest.substr(0, end);
+    const std::size_t field = isOperator(word) ? word.size() : word.rfind(':') + 1;
+    result += word.substr(0, field);
+    appendLower(result, word.substr(field));
+    result += rest.substr(end, 1);
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+  }
+  return result;
+}
+
+bool isUtf8(std::string_view bytes) {
+  if (isAscii(bytes)) return true;
+  std::int32_t length = 0;
+  UErrorCode code = U_ZERO_ERROR;
+  u_strFromUTF8(nullptr, 0, &length, bytes.data(), static_cast<std::int32_t>(bytes.size()), &code);
+  return code == U_BUFFER_OVERFLOW_ERROR;
+}
+
+}  // namespace corvaned

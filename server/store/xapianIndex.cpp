@@ -1,0 +1,350 @@
+#include "server/store/xapianIndex.h"
+
+#include <xapian.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <optional>
+#include <span>
+#include <utility>
+
+#include "server/base/errors.h"
+#include "server/store/files.h"
+#include "server/store/textNormalizer.h"
+#include "server/store/xapianSchema.h"
+
+namespace corvaned {
+namespace {
+
+constexpr int kReadAttempts = 8;
+// How many matches are counted one by one before a number becomes an estimate.
+constexpr Xapian::doccount kExactHits = 10000;
+
+[[noreturn]] void throwStorageError(const Xapian::Error& error) {
+  throw ServerError(ErrorKind::storageFailed, "the index failed: " + error.get_description());
+}
+
+std::size_t bytesOf(const Change& change) {
+  std::size_t bytes = change.document.key.size() + change.document.content.size();
+  for (const auto& [name, value] : change.document.metadata) bytes += name.size() + value.size();
+  return bytes;
+}
+
+std::uint16_t milliScore(double weight, double maxAttained, ScoreScale scale) {
+  constexpr double most = std::numeric_limits<std::uint16_t>::max();
+  double score = weight;
+  if (scale == ScoreScale::normalized) score = maxAttained > 0 ? weight / maxAttained : 0;
+  return static_cast<std::uint16_t>(std::lround(std::clamp(score * 1000, 0.0, most)));
+}
+
+/// All hits of a search, keys back to back in one allocation.
+class HitBuffer : public HitSource {
+ public:
+  HitBuffer(const Xapian::MSet& matches, ScoreScale scale) {
+    entries_.reserve(matches.size());
+    const double best = matches.get_max_attained();
+    for (auto match = matches.begin(); match != matches.end(); ++match) {
+      keys_ += match.get_sort_key();
+      entries_.push_back({keys_.size(), milliScore(match.get_weight(), best, scale)});
+    }
+  }
+
+  bool next(Hit& hit) override {
+    if (position_ == entries_.size()) return false;
+    const Entry& entry = entries_[position_++];
+    hit.key.assign(keys_, keyStart_, entry.keyEnd - keyStart_);
+    hit.milliScore = entry.milliScore;
+    keyStart_ = entry.keyEnd;
+    return true;
+  }
+
+ private:
+  struct Entry {
+    std::size_t keyEnd;
+    std::uint16_t milliScore;
+  };
+  std::string keys_;
+  std::vector<Entry> entries_;
+  std::size_t position_ = 0;
+  std::size_t keyStart_ = 0;
+};
+
+Xapian::Query withoutHidden(const Xapian::Query& query, const std::vector<std::string>& hidden) {
+  if (hidden.empty() || query.empty()) return query;
+  std::vector<Xapian::Query> terms;
+  terms.reserve(hidden.size());
+  for (const std::string& key : hidden) terms.emplace_back(identityTerm(key));
+  return {Xapian::Query::OP_AND_NOT, query,
+          Xapian::Query(Xapian::Query::OP_OR, terms.begin(), terms.end())};
+}
+
+std::uint64_t saturatedSum(std::uint64_t a, std::uint64_t b) {
+  return a > std::numeric_limits<std::uint64_t>::max() - b
+             ? std::numeric_limits<std::uint64_t>::max()
+             : a + b;
+}
+
+}  // namespace
+
+/// One handle for searching; used by one thread at a time.
+class XapianIndex::Reader {
+ public:
+  explicit Reader(const std::filesystem::path& path)
+      : database_(path.string()), stemmer_(stemmerFor(database_.get_metadata(kLanguageEntry))) {}
+
+  void refresh() { database_.reopen(); }
+
+  std::unique_ptr<HitSource> search(const SearchQuery& query,
+                                    const std::vector<std::string>& hidden,
+                                    const IndexLimits& limits) {
+    const std::uint64_t documents = database_.get_doccount();
+    const std::uint64_t end =
+        std::min({saturatedSum(query.start, query.size), query.limit, documents});
+    const std::uint64_t start = std::min(query.start, end);
+    Xapian::Enquire enquire(database_);
+    enquire.set_query(withoutHidden(parse(query.text, limits), hidden));
+    enquire.set_sort_by_relevance_then_value(kKeySlot, false);
+    const Xapian::MSet matches = enquire.get_mset(static_cast<Xapian::doccount>(start),
+                                                  static_cast<Xapian::doccount>(end - start));
+    return std::make_unique<HitBuffer>(matches, query.scale);
+  }
+
+  Estimate estimate(const std::string& query, const std::vector<std::string>& hidden,
+                    const IndexLimits& limits) {
+    Xapian::Enquire enquire(database_);
+    enquire.set_query(withoutHidden(parse(query, limits), hidden));
+    const Xapian::MSet matches = enquire.get_mset(0, 0, kExactHits);
+    return {matches.get_matches_estimated(), matches.get_matches_upper_bound(),
+            database_.get_doccount()};
+  }
+
+ private:
+  Xapian::Query parse(const std::string& text, const IndexLimits& limits) {
+    if (text.size() > limits.queryBytes) {
+      throw ServerError(ErrorKind::queryTooBroad,
+                        "the query has " + std::to_string(text.size()) + " bytes, more than the " +
+                            std::to_string(limits.queryBytes) + " allowed");
+    }
+    Xapian::QueryParser parser;
+    parser.set_database(database_);
+    parser.set_stemmer(stemmer_);
+    parser.set_stemming_strategy(Xapian::QueryParser::STEM_SOME);
+    parser.set_default_op(Xapian::Query::OP_AND);
+    parser.set_max_expansion(static_cast<Xapian::termcount>(limits.expansion),
+                             Xapian::Query::WILDCARD_LIMIT_ERROR);
+    Fields(database_.get_metadata(kFieldsEntry)).registerAt(parser);
+    constexpr unsigned flags =
+        Xapian::QueryParser::FLAG_DEFAULT | Xapian::QueryParser::FLAG_WILDCARD |
+        Xapian::QueryParser::FLAG_PURE_NOT | Xapian::QueryParser::FLAG_CJK_NGRAM;
+    Xapian::Query query = parser.parse_query(lowerQueryWords(normalizeText(text)), flags);
+    if (query.get_length() > limits.queryTerms) {
+      throw ServerError(ErrorKind::queryTooBroad,
+                        "the query has " + std::to_string(query.get_length()) +
+                            " words, more than the " + std::to_string(limits.queryTerms) +
+                            " allowed");
+    }
+    return query;
+  }
+
+  Xapian::Database database_;
+  Xapian::Stem stemmer_;
+};
+
+/// A reader taken out of the idle ones, or a new one. Only one that ended its work well goes back.
+class XapianIndex::Lease {
+ public:
+  explicit Lease(XapianIndex& index) : index_(index) {
+    {
+      const std::lock_guard lock(index.mutex_);
+      if (!index.idleReaders_.empty()) {
+        reader_ = std::move(index.idleReaders_.back());
+        index.idleReaders_.pop_back();
+      }
+    }
+    if (!reader_) reader_ = std::make_unique<Reader>(index.path_);
+  }
+
+  /// Runs a piece of reading. A writer that commits twice meanwhile takes the snapshot away from
+  /// under it, which shows as an error and asks for no more than another attempt.
+  template <typename Work>
+  auto run(const Work& work) {
+    for (int attempt = 1;; ++attempt) {
+      try {
+        reader_->refresh();
+        auto result = work(*reader_);
+        giveBack();
+        return result;
+      } catch (const Xapian::DatabaseModifiedError&) {
+        if (attempt == kReadAttempts) throw;
+      }
+    }
+  }
+
+ private:
+  void giveBack() {
+    const std::lock_guard lock(index_.mutex_);
+    index_.idleReaders_.push_back(std::move(reader_));
+  }
+
+  XapianIndex& index_;
+  std::unique_ptr<Reader> reader_;
+};
+
+namespace {
+
+template <typename Work>
+auto translated(const Work& work) {
+  try {
+    return work();
+  } catch (const Xapian::QueryParserError& error) {
+    throw ServerError(ErrorKind::badQuery, "the query cannot be understood: " + error.get_msg());
+  } catch (const Xapian::WildcardError& error) {
+    throw ServerError(ErrorKind::queryTooBroad, "the query is too broad: " + error.get_msg());
+  } catch (const Xapian::DatabaseModifiedError&) {
+    throw ServerError(ErrorKind::tryAgain,
+                      "the index changed too often while it was being searched; try again");
+  } catch (const Xapian::Error& error) {
+    throwStorageError(error);
+  }
+}
+
+}  // namespace
+
+/// Applies changes, batch by batch. After any exception the handle is thrown away: what it had not
+/// committed is gone with it, and a later commit of the same handle would report success all the
+/// same.
+class XapianIndex::Writer {
+ public:
+  Writer(std::filesystem::path path, const IndexLimits& limits, const StopCheck& stop)
+      : path_(std::move(path)), limits_(limits), stop_(stop) {}
+
+  void add(Change&& change) {
+    batchBytes_ += bytesOf(change);
+    batch_.push_back(std::move(change));
+    if (batch_.size() >= limits_.batchChanges || batchBytes_ >= limits_.batchBytes) flush();
+  }
+
+  void flush() {
+    if (stop_()) throw ServerError(ErrorKind::unknownCollection, "the collection is being deleted");
+    applyOrSplit(batch_);
+    batch_.clear();
+    batchBytes_ = 0;
+  }
+
+  std::vector<ParseOutcome> takeRefused() { return std::move(refused_); }
+
+ private:
+  // A batch that fails is halved until the change that makes it fail is alone.
+  void applyOrSplit(std::span<const Change> changes) {
+    if (changes.empty()) return;
+    std::string reason;
+    try {
+      commit(changes);
+      return;
+    } catch (const Xapian::DatabaseError& error) {
+      // The disk's or the machine's doing; it would be said of every document alike.
+      database_.reset();
+      throwStorageError(error);
+    } catch (const Xapian::Error& error) {
+      database_.reset();
+      reason = error.get_msg();
+    }
+    if (changes.size() == 1) {
+      refused_.push_back({changes.front().document.key,
+                          std::string(messageId(ErrorKind::documentsNotIndexed)),
+                          "the document cannot be indexed: " + reason});
+      return;
+    }
+    applyOrSplit(changes.first(changes.size() / 2));
+    applyOrSplit(changes.subspan(changes.size() / 2));
+  }
+
+  void commit(std::span<const Change> changes) {
+    if (!database_) open();
+    const std::size_t knownFields = fields_.size();
+    // Without a transaction the database commits by itself whenever it finds it has enough.
+    database_->begin_transaction();
+    for (const Change& change : changes) applyOne(change);
+    if (fields_.size() != knownFields) database_->set_metadata(kFieldsEntry, fields_.stored());
+    database_->commit_transaction();
+    syncDirectory(path_);
+  }
+
+  void applyOne(const Change& change) {
+    const std::string identity = identityTerm(change.document.key);
+    if (change.kind == ChangeKind::remove) {
+      database_->delete_document(identity);
+    } else {
+      database_->replace_document(identity, makeDocument(change.document, stemmer_, fields_));
+    }
+  }
+
+  void open() {
+    database_.emplace(path_.string(), Xapian::DB_OPEN);
+    stemmer_ = stemmerFor(database_->get_metadata(kLanguageEntry));
+    fields_ = Fields(database_->get_metadata(kFieldsEntry));
+  }
+
+  const std::filesystem::path path_;
+  const IndexLimits& limits_;
+  const StopCheck& stop_;
+  std::optional<Xapian::WritableDatabase> database_;
+  Xapian::Stem stemmer_;
+  Fields fields_;
+  std::vector<Change> batch_;
+  std::size_t batchBytes_ = 0;
+  std::vector<ParseOutcome> refused_;
+};
+
+void XapianIndex::create(const std::filesystem::path& path, const std::string& language) {
+  translated([&] {
+    Xapian::WritableDatabase database(path.string(), Xapian::DB_CREATE);
+    database.set_metadata(kLanguageEntry, language);
+    database.set_metadata(kSchemaEntry, std::string(kSchemaVersion));
+    database.commit();
+    return true;
+  });
+  syncDirectory(path);
+}
+
+XapianIndex::XapianIndex(std::filesystem::path path, IndexLimits limits)
+    : path_(std::move(path)), limits_(limits) {
+  translated([&] {
+    const std::string schema = Xapian::Database(path_.string()).get_metadata(kSchemaEntry);
+    if (schema == kSchemaVersion) return true;
+    throw ServerError(ErrorKind::storageFailed,
+                      path_.string() + " was written by another version of this server (schema " +
+                          shown(schema) + "); add its documents to a new collection");
+  });
+}
+
+XapianIndex::~XapianIndex() = default;
+
+std::vector<ParseOutcome> XapianIndex::apply(const ChangeSource& changes, const StopCheck& stop) {
+  Writer writer(path_, limits_, stop);
+  changes([&](Change&& change) { writer.add(std::move(change)); });
+  writer.flush();
+  return writer.takeRefused();
+}
+
+std::unique_ptr<HitSource> XapianIndex::search(const SearchQuery& query,
+                                               const std::vector<std::string>& hidden) {
+  return translated([&] {
+    return Lease(*this).run([&](Reader& reader) { return reader.search(query, hidden, limits_); });
+  });
+}
+
+Estimate XapianIndex::estimate(const std::string& query, const std::vector<std::string>& hidden) {
+  return translated([&] {
+    return Lease(*this).run(
+        [&](Reader& reader) { return reader.estimate(query, hidden, limits_); });
+  });
+}
+
+void XapianIndex::releaseHandles() {
+  const std::lock_guard lock(mutex_);
+  idleReaders_.clear();
+}
+
+}  // namespace corvaned

@@ -1,0 +1,297 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <new>
+#include <stdexcept>
+#include <system_error>
+
+#include "server/base/errors.h"
+#include "server/front/dispatcher.h"
+#include "tests/server/requestBytes.h"
+
+namespace corvaned {
+namespace {
+
+using test::documentBlock;
+using ::testing::_;
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::Field;
+using ::testing::HasSubstr;
+using ::testing::Return;
+using ::testing::StrictMock;
+using ::testing::Throw;
+
+class MockStore : public Store {
+ public:
+  MOCK_METHOD(void, createCollection, (const std::string&, const std::string&), (override));
+  MOCK_METHOD(void, openCollection, (const std::string&), (override));
+  MOCK_METHOD(void, closeCollection, (const std::string&), (override));
+  MOCK_METHOD(void, deleteCollection, (const std::string&), (override));
+  MOCK_METHOD(void, addDocument, (const std::string&, const Document&), (override));
+  MOCK_METHOD(void, queueDocument, (const std::string&, const Document&), (override));
+  MOCK_METHOD(void, reportOutcome, (const std::string&, ParseOutcome), (override));
+  MOCK_METHOD(void, deleteDocument, (const std::string&, const std::string&), (override));
+  MOCK_METHOD(void, updateIndex, (const std::string&), (override));
+  MOCK_METHOD(std::vector<ParseOutcome>, takeParseOutcomes, (const std::string&), (override));
+  MOCK_METHOD(std::unique_ptr<HitSource>, search, (const std::string&, const SearchQuery&),
+              (override));
+  MOCK_METHOD(Estimate, estimate, (const std::string&, const std::string&), (override));
+  MOCK_METHOD(CollectionState, state, (const std::string&), (override));
+};
+
+class DispatcherTest : public ::testing::Test {
+ protected:
+  Reply handle(const test::Headers& headers, const std::string& content = {}) {
+    Request request;
+    request.headers.insert(headers.begin(), headers.end());
+    request.content = content;
+    return dispatcher_.handle(std::move(request));
+  }
+
+  // The error that a request gets, "none" when it is served.
+  std::string error(const test::Headers& headers, const std::string& content = {}) {
+    const Reply reply = handle(headers, content);
+    const auto* refused = std::get_if<ErrorReply>(&reply);
+    return refused ? refused->id + " " + refused->text : "none";
+  }
+
+  template <typename Expected>
+  static void expectIs(const Reply& reply) {
+    EXPECT_TRUE(std::holds_alternative<Expected>(reply)) << reply.index();
+  }
+
+  StrictMock<MockStore> store_;
+  Dispatcher dispatcher_{store_, "9.8.7"};
+};
+
+const std::string kBlock = documentBlock("k", {{"a", "b"}}, "text");
+
+auto isTheDocument() {
+  return AllOf(
+      Field(&Document::key, "k"), Field(&Document::content, "text"),
+      Field(&Document::metadata, ElementsAre(std::pair<std::string, std::string>("a", "b"))));
+}
+
+TEST_F(DispatcherTest, CollectionActionsReachTheStore) {
+  EXPECT_CALL(store_, createCollection("c", "en_us"));
+  expectIs<DoneReply>(handle({{"action", "createCollection"}, {"index", "c"}}));
+  EXPECT_CALL(store_, createCollection("c", "de"));
+  expectIs<DoneReply>(handle({{"action", "createCollection"}, {"index", "c"}, {"docLang", "de"}}));
+  EXPECT_CALL(store_, openCollection("c"));
+  expectIs<DoneReply>(handle({{"action", "openCollection"}, {"index", "c"}}));
+  EXPECT_CALL(store_, closeCollection("c"));
+  expectIs<DoneReply>(handle({{"action", "closeCollection"}, {"index", "c"}}));
+  EXPECT_CALL(store_, deleteCollection("c"));
+  expectIs<DoneReply>(handle({{"action", "deleteCollection"}, {"index", "c"}}));
+  EXPECT_CALL(store_, updateIndex("c"));
+  expectIs<DoneReply>(handle({{"action", "updateIndex"}, {"index", "c"}}));
+}
+
+TEST_F(DispatcherTest, CollectionMayBeNamedByItsDisplayName) {
+  EXPECT_CALL(store_, openCollection("c"));
+  expectIs<DoneReply>(handle({{"action", "openCollection"}, {"collectionName", "c"}}));
+  EXPECT_CALL(store_, openCollection("c"));
+  expectIs<DoneReply>(
+      handle({{"action", "openCollection"}, {"index", "c"}, {"collectionName", "d"}}));
+}
+
+TEST_F(DispatcherTest, DocumentActionsDecodeTheBlock) {
+  EXPECT_CALL(store_, addDocument("c", isTheDocument()));
+  expectIs<DoneReply>(handle({{"action", "addDocument"}, {"index", "c"}}, kBlock));
+  EXPECT_CALL(store_, deleteDocument("c", "k"));
+  expectIs<DoneReply>(handle({{"action", "deleteDocument"}, {"index", "c"}}, kBlock));
+  EXPECT_CALL(store_, queueDocument("c", isTheDocument()));
+  expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, kBlock));
+}
+
+TEST_F(DispatcherTest, DocumentThatCannotBeReadIsRefused) {
+  for (const char* action : {"addDocument", "deleteDocument"}) {
+    EXPECT_THAT(error({{"action", action}, {"index", "c"}}), HasSubstr("ZVK0012E"));
+    EXPECT_THAT(error({{"action", action}, {"index", "c"}}, "garbage"), HasSubstr("ZVK0012E"));
+    EXPECT_THAT(error({{"action", action}, {"index", "c"}}, test::terminateRecord()),
+                HasSubstr("end-of-documents"));
+  }
+}
+
+TEST_F(DispatcherTest, LastDocumentRecordIsTakenWithoutAReply) {
+  expectIs<NoReply>(
+      handle({{"action", "asyncAddDocument"}, {"index", "c"}}, test::terminateRecord()));
+}
+
+TEST_F(DispatcherTest, QueuedDocumentThatIsRefusedIsToldAmongTheParseResults) {
+  EXPECT_CALL(store_, queueDocument("c", _))
+      .WillOnce(Throw(ServerError(ErrorKind::documentTooLarge, "too large")));
+  EXPECT_CALL(store_, reportOutcome("c", AllOf(Field(&ParseOutcome::key, "k"),
+                                               Field(&ParseOutcome::messageId, "ZVK0013E"),
+                                               Field(&ParseOutcome::messageText, "too large"))));
+  expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, kBlock));
+  EXPECT_CALL(store_, reportOutcome("c", Field(&ParseOutcome::messageId, "ZVK0012E")));
+  expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, "garbage"));
+}
+
+TEST_F(DispatcherTest, NothingIsEverAnsweredToAQueuedDocument) {
+  expectIs<NoReply>(handle({{"action", "asyncAddDocument"}}, kBlock));
+  EXPECT_CALL(store_, queueDocument("c", _))
+      .WillOnce(Throw(ServerError(ErrorKind::unknownCollection, "unknown")));
+  expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, kBlock));
+  EXPECT_CALL(store_, queueDocument("c", _)).WillOnce(Throw(std::runtime_error("unexpected")));
+  expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, kBlock));
+}
+
+TEST_F(DispatcherTest, SearchPassesItsParametersOn) {
+  EXPECT_CALL(store_,
+              search("c", AllOf(Field(&SearchQuery::text, "fox"), Field(&SearchQuery::start, 3U),
+                                Field(&SearchQuery::size, 4U), Field(&SearchQuery::limit, 5U),
+                                Field(&SearchQuery::scale, ScoreScale::raw))))
+      .WillOnce([] { return nullptr; });
+  const Reply reply = handle({{"action", "search"},
+                              {"index", "c"},
+                              {"query", "fox"},
+                              {"mode", "streaming"},
+                              {"start", "3"},
+                              {"size", "4"},
+                              {"resultLimit", "5"},
+                              {"scoreWanted", "true"},
+                              {"scoreType", "raw"}});
+  ASSERT_TRUE(std::holds_alternative<HitsReply>(reply));
+  EXPECT_TRUE(std::get<HitsReply>(reply).streaming);
+  EXPECT_TRUE(std::get<HitsReply>(reply).withScore);
+}
+
+TEST_F(DispatcherTest, SearchWithoutParametersReturnsEverythingWithoutScore) {
+  const SearchQuery defaults;
+  EXPECT_CALL(store_, search("c", AllOf(Field(&SearchQuery::start, 0U),
+                                        Field(&SearchQuery::size, defaults.size),
+                                        Field(&SearchQuery::limit, defaults.limit),
+                                        Field(&SearchQuery::scale, ScoreScale::normalized))))
+      .WillOnce([] { return nullptr; });
+  const Reply reply = handle({{"action", "search"},
+                              {"index", "c"},
+                              {"query", "fox"},
+                              {"mode", "scalar"},
+                              {"start", ""},
+                              {"scoreWanted", "false"}});
+  ASSERT_TRUE(std::holds_alternative<HitsReply>(reply));
+  EXPECT_FALSE(std::get<HitsReply>(reply).streaming);
+  EXPECT_FALSE(std::get<HitsReply>(reply).withScore);
+}
+
+TEST_F(DispatcherTest, ParametersThatMakeNoSenseAreNamed) {
+  const test::Headers search{{"action", "search"}, {"index", "c"}, {"query", "fox"}};
+  const std::vector<std::pair<std::string, std::string>> cases{
+      {"start", "-1"},         {"start", "x"},
+      {"size", "1.5"},         {"resultLimit", "1 "},
+      {"mode", "selectivity"}, {"scoreWanted", "yes"},
+      {"scoreType", "best"},   {"size", "18446744073709551616"}};
+  for (const auto& [name, value] : cases) {
+    test::Headers headers = search;
+    headers[name] = value;
+    EXPECT_THAT(error(headers), AllOf(HasSubstr("ZVK0006E"), HasSubstr(name), HasSubstr(value)));
+  }
+}
+
+TEST_F(DispatcherTest, MissingParametersAreNamed) {
+  for (const char* action :
+       {"createCollection", "openCollection", "closeCollection", "deleteCollection", "updateIndex",
+        "getParseResult", "search", "selectivity"}) {
+    EXPECT_THAT(error({{"action", action}, {"query", "q"}}),
+                AllOf(HasSubstr("ZVK0005E"), HasSubstr("\"index\"")));
+  }
+  for (const char* action : {"search", "selectivity"}) {
+    EXPECT_THAT(error({{"action", action}, {"index", "c"}}),
+                AllOf(HasSubstr("ZVK0005E"), HasSubstr("\"query\"")));
+  }
+}
+
+TEST_F(DispatcherTest, RequestWithSeveralFaultsIsRefusedForItsCollectionFirst) {
+  for (const char* action : {"addDocument", "deleteDocument", "search", "selectivity"}) {
+    EXPECT_THAT(error({{"action", action}}, "garbage"),
+                AllOf(HasSubstr("ZVK0005E"), HasSubstr("\"index\"")));
+  }
+}
+
+TEST_F(DispatcherTest, SelectivityGivesTheStoresEstimate) {
+  EXPECT_CALL(store_, estimate("c", "fox")).WillOnce(Return(Estimate{1, 2, 3}));
+  const Reply reply = handle(
+      {{"action", "selectivity"}, {"index", "c"}, {"query", "fox"}, {"mode", "selectivity"}});
+  ASSERT_TRUE(std::holds_alternative<EstimateReply>(reply));
+  EXPECT_EQ(std::get<EstimateReply>(reply).estimate.atMost, 2U);
+}
+
+TEST_F(DispatcherTest, ParseResultsComeFromTheStore) {
+  EXPECT_CALL(store_, takeParseOutcomes("c"))
+      .WillOnce(Return(std::vector<ParseOutcome>{{"k", "", ""}}));
+  const Reply reply = handle({{"action", "getParseResult"}, {"index", "c"}});
+  ASSERT_TRUE(std::holds_alternative<OutcomesReply>(reply));
+  EXPECT_EQ(std::get<OutcomesReply>(reply).outcomes.size(), 1U);
+}
+
+TEST_F(DispatcherTest, StatusTellsWhetherChangesWaitAndWhyThereIsNone) {
+  const auto code = [](const Reply& reply) { return std::get<StatusReply>(reply).code; };
+  EXPECT_EQ(code(handle({{"action", "getStatus"}})), 0U);
+  EXPECT_CALL(store_, state("c")).WillOnce(Return(CollectionState::current));
+  EXPECT_EQ(code(handle({{"action", "getStatus"}, {"index", "c"}})), 0U);
+  EXPECT_CALL(store_, state("c")).WillOnce(Return(CollectionState::changesPending));
+  EXPECT_EQ(code(handle({{"action", "getStatus"}, {"index", "c"}})), 1U);
+  EXPECT_CALL(store_, state("c")).WillOnce(Return(CollectionState::changesPending));
+  EXPECT_EQ(code(handle({{"action", "getStatus"}, {"collectionName", "c"}})), 1U);
+  EXPECT_CALL(store_, state("c"))
+      .WillOnce(Throw(ServerError(ErrorKind::unknownCollection, "none")));
+  const Reply missing = handle({{"action", "getStatus"}, {"index", "c"}});
+  EXPECT_EQ(code(missing), 2U);
+  EXPECT_EQ(std::get<StatusReply>(missing).reason.id, "ZVK0007E");
+}
+
+TEST_F(DispatcherTest, VersionIsTheOneItWasGiven) {
+  EXPECT_EQ(std::get<TextReply>(handle({{"action", "getServerVersion"}})).text, "9.8.7");
+}
+
+TEST_F(DispatcherTest, ActionsThatDoNotExistYetAreRefusedByName) {
+  for (const char* action : {"backup", "restore", "takeover", "shutdown",
+                             "setConstructorConfiguration", "versionsValidation"}) {
+    EXPECT_THAT(error({{"action", action}}), AllOf(HasSubstr("ZVK0004E"), HasSubstr(action)));
+  }
+}
+
+TEST_F(DispatcherTest, UnknownAndMissingActionsAreRefused) {
+  EXPECT_THAT(error({{"action", "dance"}}), AllOf(HasSubstr("ZVK0003E"), HasSubstr("dance")));
+  EXPECT_THAT(error({}), HasSubstr("ZVK0003E"));
+  EXPECT_THAT(error({{"action", "Search"}}), HasSubstr("ZVK0003E"));
+}
+
+TEST_F(DispatcherTest, DefectiveHeaderBlockIsRefused) {
+  Request request;
+  request.headers["action"] = "getServerVersion";
+  request.defect = "a line has no colon";
+  const Reply reply = dispatcher_.handle(std::move(request));
+  EXPECT_EQ(std::get<ErrorReply>(reply).id, "ZVK0001E");
+}
+
+TEST_F(DispatcherTest, EveryFailureOfTheStoreBecomesAnError) {
+  const test::Headers update{{"action", "updateIndex"}, {"index", "c"}};
+  EXPECT_CALL(store_, updateIndex("c"))
+      .WillOnce(Throw(ServerError(ErrorKind::storageFailed, "no space")))
+      .WillOnce(Throw(std::bad_alloc()))
+      .WillOnce(Throw(std::system_error(std::make_error_code(std::errc::io_error))))
+      .WillOnce(Throw(std::logic_error("what")));
+  EXPECT_EQ(error(update), "ZVK0014E no space");
+  EXPECT_THAT(error(update), HasSubstr("ZVK0017E"));
+  EXPECT_THAT(error(update), HasSubstr("ZVK0014E"));
+  EXPECT_THAT(error(update), HasSubstr("ZVK0099E"));
+}
+
+TEST(Workload, SearchesWritersAndIndexUpdatesAreKeptApart) {
+  const auto of = [](const char* action) {
+    Request request;
+    request.headers["action"] = action;
+    return Dispatcher::workload(request);
+  };
+  EXPECT_EQ(of("search"), Workload::read);
+  EXPECT_EQ(of("addDocument"), Workload::write);
+  EXPECT_EQ(of("updateIndex"), Workload::index);
+  EXPECT_EQ(of("nonsense"), Workload::read);
+}
+
+}  // namespace
+}  // namespace corvaned

@@ -1,0 +1,110 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "server/base/errors.h"
+#include "server/front/documentBlock.h"
+#include "tests/server/requestBytes.h"
+
+namespace corvaned {
+namespace {
+
+using test::bigEndian;
+using test::documentBlock;
+using test::lengthAnd;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Pair;
+
+std::string block(const std::string& pairs) {
+  return bigEndian(0, 4) + bigEndian(pairs.size(), 4) + pairs;
+}
+
+std::string refusal(const std::string& bytes) {
+  try {
+    parseDocumentBlock(bytes);
+  } catch (const ServerError& error) {
+    EXPECT_EQ(error.kind(), ErrorKind::badDocument);
+    return error.what();
+  }
+  return "taken";
+}
+
+TEST(DocumentBlock, KeyMetadataAndContentAreTold) {
+  const DocumentBlock parsed = parseDocumentBlock(
+      documentBlock("key\0\xFF" + std::string("x"), {{"a", "b"}, {"", ""}}, "text"));
+  EXPECT_FALSE(parsed.terminate);
+  EXPECT_EQ(parsed.document.key, "key\0\xFF" + std::string("x"));
+  EXPECT_THAT(parsed.document.metadata, ElementsAre(Pair("a", "b"), Pair("", "")));
+  EXPECT_EQ(parsed.document.content, "text");
+}
+
+TEST(DocumentBlock, DocumentMayHaveNoContent) {
+  const DocumentBlock parsed = parseDocumentBlock(documentBlock("k", {{"a", "b"}}, ""));
+  EXPECT_EQ(parsed.document.key, "k");
+  EXPECT_EQ(parsed.document.content, "");
+}
+
+TEST(DocumentBlock, TagsAreTakenFromTheEndSoThatMetadataMayBearTheirNames) {
+  const DocumentBlock parsed =
+      parseDocumentBlock(documentBlock("k", {{"data", "1"}, {"rowId", "2"}}, "text"));
+  EXPECT_THAT(parsed.document.metadata, ElementsAre(Pair("data", "1"), Pair("rowId", "2")));
+  EXPECT_EQ(parsed.document.key, "k");
+  EXPECT_EQ(parsed.document.content, "text");
+}
+
+TEST(DocumentBlock, TwoTopBitsOfALengthCarryNothing) {
+  std::string bytes = documentBlock("k", {{"a", "b"}}, "");
+  bytes[8] = static_cast<char>(0xC0);
+  EXPECT_EQ(parseDocumentBlock(bytes).document.metadata.front().first, "a");
+}
+
+TEST(DocumentBlock, EightZeroBytesAreTheTerminateRecord) {
+  EXPECT_TRUE(parseDocumentBlock(test::terminateRecord()).terminate);
+}
+
+TEST(DocumentBlock, TerminateRecordFollowedByBytesIsRefused) {
+  EXPECT_THAT(refusal(test::terminateRecord() + "x"), HasSubstr("announces 0 bytes and holds 1"));
+}
+
+TEST(DocumentBlock, KeyHas1To128Bytes) {
+  EXPECT_EQ(parseDocumentBlock(documentBlock(std::string(128, 'k'), {}, "")).document.key.size(),
+            128U);
+  EXPECT_THAT(refusal(documentBlock(std::string(129, 'k'), {}, "")), HasSubstr("129 bytes"));
+  EXPECT_THAT(refusal(documentBlock("", {}, "x")), HasSubstr("key is empty"));
+}
+
+TEST(DocumentBlock, EveryTruncationIsRefused) {
+  const std::string good = documentBlock("k", {{"a", "b"}}, "text");
+  for (std::size_t length = 0; length < good.size(); ++length) {
+    EXPECT_NE(refusal(good.substr(0, length)), "taken") << length;
+  }
+}
+
+TEST(DocumentBlock, EveryTruncationWithAMatchingLengthIsRefusedOrHasNoContent) {
+  const std::string pairs = documentBlock("k", {{"a", "b"}}, "text").substr(8);
+  const std::string withoutContent = documentBlock("k", {{"a", "b"}}, "").substr(8);
+  for (std::size_t length = 1; length < pairs.size(); ++length) {
+    const std::string result = refusal(block(pairs.substr(0, length)));
+    EXPECT_EQ(result == "taken", length == withoutContent.size()) << length << ": " << result;
+  }
+}
+
+TEST(DocumentBlock, LengthsBeyondTheBlockAreRefused) {
+  for (const std::uint32_t length : {5U, 0x3FFFFFFFU, 0x7FFFFFFFU, 0x80000005U, 0xFFFFFFFFU}) {
+    EXPECT_THAT(refusal(block(bigEndian(length, 4) + "abcd")), HasSubstr("longer than the rest"))
+        << length;
+  }
+  EXPECT_THAT(refusal(bigEndian(0, 4) + bigEndian(0xFFFFFFFF, 4) + "abcd"),
+              HasSubstr("announces 4294967295 bytes"));
+}
+
+TEST(DocumentBlock, BlockThatDoesNotEndWithAKeyIsRefused) {
+  EXPECT_THAT(refusal(block(lengthAnd("a") + lengthAnd("b"))),
+              HasSubstr("does not end with a key"));
+  EXPECT_THAT(refusal(block(lengthAnd("data") + lengthAnd("b"))),
+              HasSubstr("does not end with a key"));
+  EXPECT_THAT(refusal(block(lengthAnd("rowId"))), HasSubstr("has no value"));
+}
+
+}  // namespace
+}  // namespace corvaned

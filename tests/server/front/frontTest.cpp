@@ -1,0 +1,545 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "server/base/errors.h"
+#include "server/front/server.h"
+#include "server/store/localStore.h"
+#include "tests/server/rawClient.h"
+#include "tests/server/requestBytes.h"
+#include "tests/support/temporaryDirectory.h"
+
+namespace corvaned {
+namespace {
+
+using test::binaryRequest;
+using test::documentBlock;
+using test::Headers;
+using test::httpRequest;
+using test::RawClient;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+const std::string kDone = "HTTP/1.1 200 OK\n";
+const std::string kSuccess("\0\1", 2);
+const std::string kEnd("\0\1\0\0", 4);
+
+/// A store that holds its callers until it is told to let them go.
+class Gate {
+ public:
+  void pass() {
+    std::unique_lock lock(mutex_);
+    ++waiting_;
+    changed_.notify_all();
+    changed_.wait(lock, [&] { return open_; });
+  }
+  void awaitWaiting(int count) {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return waiting_ >= count; });
+  }
+  void open() {
+    const std::lock_guard lock(mutex_);
+    open_ = true;
+    changed_.notify_all();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  int waiting_ = 0;
+  bool open_ = false;
+};
+
+class EndlessHits : public HitSource {
+ public:
+  explicit EndlessHits(std::uint64_t count) : left_(count) {}
+  bool next(Hit& hit) override {
+    if (left_ == 0) return false;
+    --left_;
+    hit.key = "a key of some length";
+    return true;
+  }
+
+ private:
+  std::uint64_t left_;
+};
+
+/// The real store, with an update that can be held and a query with any number of hits.
+class TestStore : public LocalStore {
+ public:
+  using LocalStore::LocalStore;
+
+  void updateIndex(const std::string& name) override {
+    if (name == "held") return gate.pass();
+    LocalStore::updateIndex(name);
+  }
+
+  std::unique_ptr<HitSource> search(const std::string& name, const SearchQuery& query) override {
+    if (name == "many") return std::make_unique<EndlessHits>(std::stoull(query.text));
+    return LocalStore::search(name, query);
+  }
+
+  Gate gate;
+};
+
+class FrontTest : public ::testing::Test {
+ protected:
+  FrontTest() {
+    options_.httpPort = 0;
+    options_.binaryPort = 0;
+  }
+
+  void SetUp() override { start(); }
+  void TearDown() override { store_.gate.open(); }
+
+  void start() {
+    server_.reset();
+    server_.emplace(dispatcher_, options_);
+    server_->start();
+    http_ = server_->listeners().at(0).port;
+    binary_ = server_->listeners().at(1).port;
+  }
+
+  static std::string httpAsk(RawClient& client, const Headers& headers,
+                             const std::string& body = {}) {
+    EXPECT_TRUE(client.send(httpRequest(headers, body)));
+    return client.receiveHttp();
+  }
+
+  static std::string binaryAsk(RawClient& client, std::size_t replyBytes, const Headers& headers,
+                               const std::string& body = {}) {
+    EXPECT_TRUE(client.send(binaryRequest(headers, body)));
+    return client.receive(replyBytes);
+  }
+
+  void expectServing() {
+    RawClient client(http_);
+    EXPECT_THAT(httpAsk(client, {{"action", "getServerVersion"}}), EndsWith("1.2.3"));
+    RawClient other(binary_);
+    EXPECT_EQ(binaryAsk(other, 2, {{"action", "getStatus"}}), kSuccess);
+  }
+
+  tq::test::TemporaryDirectory directory_;
+  TestStore store_{directory_.path() / "data", StoreLimits{}};
+  Dispatcher dispatcher_{store_, "1.2.3"};
+  ServerOptions options_;
+  std::optional<Server> server_;
+  std::uint16_t http_ = 0;
+  std::uint16_t binary_ = 0;
+};
+
+const std::string kDocument = documentBlock("k1", {{"title", "About"}}, "the quick fox");
+
+TEST_F(FrontTest, EveryActionOverHttp) {
+  RawClient client(http_);
+  const auto ask = [&](Headers headers, const std::string& body = {}) {
+    headers.try_emplace("index", "c");
+    return httpAsk(client, headers, body);
+  };
+  EXPECT_EQ(ask({{"action", "createCollection"}}), kDone);
+  EXPECT_EQ(ask({{"action", "openCollection"}}), kDone);
+  EXPECT_EQ(ask({{"action", "addDocument"}}, kDocument), kDone);
+  EXPECT_THAT(ask({{"action", "getStatus"}}), EndsWith("1"));
+  EXPECT_TRUE(client.send(
+      httpRequest({{"action", "asyncAddDocument"}, {"index", "c"}},
+                  documentBlock("k2", {{"a", "b"}}, "another fox")) +
+      httpRequest({{"action", "asyncAddDocument"}, {"index", "c"}}, test::terminateRecord())));
+  EXPECT_THAT(ask({{"action", "getParseResult"}}), HasSubstr("base64:azI="));
+  EXPECT_EQ(ask({{"action", "updateIndex"}}), kDone);
+  EXPECT_THAT(ask({{"action", "getStatus"}}), EndsWith("0"));
+  const std::string streamed =
+      ask({{"action", "search"}, {"query", "fox"}, {"mode", "streaming"}, {"scoreWanted", "true"}});
+  EXPECT_THAT(streamed, HasSubstr("base64:azI="));
+  EXPECT_THAT(streamed, HasSubstr("base64:azE="));
+  EXPECT_THAT(streamed, HasSubstr("1.000"));
+  EXPECT_EQ(
+      ask({{"action", "search"}, {"query", "fox"}, {"mode", "scalar"}, {"scoreWanted", "true"}}),
+      streamed);
+  EXPECT_THAT(ask({{"action", "selectivity"}, {"query", "fox"}}), HasSubstr("ESTIMATE"));
+  EXPECT_EQ(ask({{"action", "deleteDocument"}}, kDocument), kDone);
+  EXPECT_THAT(ask({{"action", "search"}, {"query", "quick"}}), Not(HasSubstr("base64:")));
+  EXPECT_THAT(ask({{"action", "getServerVersion"}}), EndsWith("1.2.3"));
+  EXPECT_EQ(ask({{"action", "closeCollection"}}), kDone);
+  EXPECT_EQ(ask({{"action", "deleteCollection"}}), kDone);
+  EXPECT_THAT(ask({{"action", "updateIndex"}}), HasSubstr("ZVK0007E"));
+  EXPECT_THAT(ask({{"action", "backup"}}), HasSubstr("ZVK0004E"));
+}
+
+TEST_F(FrontTest, EveryActionOverTheBinaryProtocol) {
+  RawClient client(binary_);
+  const auto ask = [&](std::size_t bytes, Headers headers, const std::string& body = {}) {
+    headers.try_emplace("index", "c");
+    return binaryAsk(client, bytes, headers, body);
+  };
+  EXPECT_EQ(ask(2, {{"action", "createCollection"}}), kSuccess);
+  EXPECT_EQ(ask(2, {{"action", "openCollection"}}), kSuccess);
+  EXPECT_EQ(ask(2, {{"action", "addDocument"}}, kDocument), kSuccess);
+  EXPECT_EQ(ask(2, {{"action", "getStatus"}}), std::string("\0\5", 2));
+  EXPECT_TRUE(client.send(
+      binaryRequest({{"action", "asyncAddDocument"}, {"index", "c"}},
+                    documentBlock("k2", {{"a", "b"}}, "")) +
+      binaryRequest({{"action", "asyncAddDocument"}, {"index", "c"}}, test::terminateRecord())));
+  EXPECT_EQ(ask(26, {{"action", "getParseResult"}}), kSuccess + std::string("\0\1\0\x12\0\3", 6) +
+                                                         "Doc" + std::string("\0\xB", 2) +
+                                                         "base64:azI=" + kEnd.substr(0, 2));
+  EXPECT_EQ(client.receive(2), kEnd.substr(2));
+  EXPECT_EQ(ask(2, {{"action", "updateIndex"}}), kSuccess);
+  EXPECT_EQ(ask(2, {{"action", "getStatus"}}), kSuccess);
+  EXPECT_EQ(
+      ask(14,
+          {{"action", "search"}, {"query", "fox"}, {"mode", "streaming"}, {"scoreWanted", "true"}}),
+      kSuccess + std::string("\0\5\0\4\3\xE8", 6) + "k1" + kEnd);
+  EXPECT_EQ(ask(12, {{"action", "search"}, {"query", "fox"}, {"mode", "scalar"}}),
+            kSuccess + std::string("\0\1\0\2", 4) + "k1" + kEnd);
+  EXPECT_EQ(ask(22, {{"action", "selectivity"}, {"query", "fox"}}),
+            kSuccess + std::string("\0\1\0\xC\0\0\0\1\0\0\0\2\0\0\0\1", 16) + kEnd);
+  EXPECT_EQ(ask(2, {{"action", "deleteDocument"}}, kDocument), kSuccess);
+  EXPECT_EQ(ask(6, {{"action", "search"}, {"query", "fox"}}), kSuccess + kEnd);
+  EXPECT_EQ(ask(11, {{"action", "getServerVersion"}}),
+            kSuccess + std::string("\0\1\0\5", 4) + "1.2.3");
+  EXPECT_EQ(ask(2, {{"action", "closeCollection"}}), kSuccess);
+  EXPECT_EQ(ask(2, {{"action", "deleteCollection"}}), kSuccess);
+  EXPECT_EQ(ask(2, {{"action", "getStatus"}}), std::string("\0\6", 2));
+}
+
+TEST_F(FrontTest, RequestsOfOneSegmentAreServedInOrder) {
+  RawClient client(binary_);
+  std::string batch = binaryRequest({{"action", "createCollection"}, {"index", "c"}});
+  for (int i = 0; i < 200; ++i) {
+    batch += binaryRequest({{"action", "asyncAddDocument"}, {"index", "c"}},
+                           documentBlock("k" + std::to_string(i), {{"a", "b"}}, "fox"));
+  }
+  batch += binaryRequest({{"action", "updateIndex"}, {"index", "c"}});
+  batch += binaryRequest({{"action", "search"}, {"index", "c"}, {"query", "fox"}, {"size", "1"}});
+  batch += binaryRequest({{"action", "getServerVersion"}});
+  batch += binaryRequest({{"action", "deleteCollection"}, {"index", "c"}});
+  EXPECT_TRUE(client.send(batch));
+  EXPECT_EQ(client.receive(2 + 2 + 12 + 11 + 2),
+            kSuccess + kSuccess + kSuccess + std::string("\0\1\0\2", 4) + "k0" + kEnd + kSuccess +
+                std::string("\0\1\0\5", 4) + "1.2.3" + kSuccess);
+}
+
+TEST_F(FrontTest, RequestThatComesByteByByteIsServed) {
+  RawClient client(http_);
+  for (const char c : httpRequest({{"action", "createCollection"}, {"index", "c"}})) {
+    EXPECT_TRUE(client.send(std::string(1, c)));
+  }
+  EXPECT_EQ(client.receiveHttp(), kDone);
+  for (const char c : httpRequest({{"action", "addDocument"}, {"index", "c"}}, kDocument)) {
+    EXPECT_TRUE(client.send(std::string(1, c)));
+  }
+  EXPECT_EQ(client.receiveHttp(), kDone);
+}
+
+TEST_F(FrontTest, RefusedRequestLeavesItsConnectionUsable) {
+  RawClient client(http_);
+  EXPECT_THAT(httpAsk(client, {{"action", "search"}, {"index", "nope"}, {"query", "x"}}),
+              HasSubstr("ZVK0007E"));
+  EXPECT_THAT(httpAsk(client, {{"action", "addDocument"}, {"index", "nope"}}, "rubbish"),
+              HasSubstr("ZVK0012E"));
+  EXPECT_THAT(httpAsk(client, {{"action", "a\nb"}}), HasSubstr("ZVK0001E"));
+  EXPECT_THAT(httpAsk(client, {{"action", "getServerVersion"}}), EndsWith("1.2.3"));
+}
+
+TEST_F(FrontTest, GarbageIsAnsweredWithAnErrorAndTheConnectionEnds) {
+  const std::vector<std::string> cases{"Content-Length  : many\n\r\n", std::string(2U << 20U, 'x'),
+                                       "Content-Length  : 4294967296\n\r\nstart of it"};
+  for (const std::string& garbage : cases) {
+    RawClient client(http_);
+    client.send(garbage);
+    const std::string reply = client.receiveAll();
+    EXPECT_THAT(reply, StartsWith("HTTP/1.1 500 "));
+    EXPECT_THAT(reply, HasSubstr("ZVK000"));
+  }
+  for (const std::string& garbage :
+       {std::string("\0\0", 2), std::string("\0\5hello", 7), std::string(70000, '\x7F')}) {
+    RawClient client(binary_);
+    client.send(garbage);
+    const std::string reply = client.receiveAll();
+    EXPECT_THAT(reply, StartsWith(std::string("\0\6", 2)));
+    EXPECT_THAT(reply, HasSubstr("ZVK0001E"));
+  }
+  expectServing();
+}
+
+TEST_F(FrontTest, FourGigabytesThatAreOnlyAnnouncedAreRefusedInBothProtocols) {
+  const Headers headers{{"action", "addDocument"}, {"Content-Length  ", "4294967295"}};
+  RawClient http(http_);
+  http.send(httpRequest(headers));
+  EXPECT_THAT(http.receiveAll(), HasSubstr("ZVK0002E"));
+  RawClient binary(binary_);
+  binary.send(binaryRequest(headers));
+  EXPECT_THAT(binary.receiveAll(), HasSubstr("ZVK0002E"));
+  expectServing();
+}
+
+TEST_F(FrontTest, HttpRequestOfABrowserIsAnsweredWithAnError) {
+  RawClient client(http_);
+  EXPECT_TRUE(client.send("GET / HTTP/1.1\r\nHost: localhost\r\n\r\n"));
+  EXPECT_THAT(client.receiveHttp(), HasSubstr("ZVK0001E"));
+}
+
+TEST_F(FrontTest, RepliesBeforeGarbageStillArrive) {
+  RawClient client(binary_);
+  client.send(binaryRequest({{"action", "getStatus"}}) + std::string("\0\0", 2));
+  const std::string reply = client.receiveAll();
+  EXPECT_THAT(reply, StartsWith(kSuccess + std::string("\0\6", 2)));
+}
+
+TEST_F(FrontTest, ClientThatEndsItsSideStillGetsItsReplies) {
+  RawClient client(binary_);
+  client.send(binaryRequest({{"action", "getStatus"}}) +
+              binaryRequest({{"action", "getServerVersion"}}) + "half a request");
+  client.endSending();
+  EXPECT_EQ(client.receiveAll(), kSuccess + kSuccess + std::string("\0\1\0\5", 4) + "1.2.3");
+}
+
+TEST_F(FrontTest, ClientsThatVanishAtAnyMomentDoNoHarm) {
+  const std::string request = httpRequest(
+      {{"action", "search"}, {"index", "many"}, {"query", "100000"}, {"mode", "streaming"}});
+  for (std::size_t length = 0; length <= request.size(); length += 5) {
+    RawClient client(http_);
+    client.send(request.substr(0, length));
+    if (length % 2 == 0) client.reset();
+  }
+  RawClient client(http_);
+  client.send(request);
+  EXPECT_EQ(client.receive(100).size(), 100U);
+  client.reset();
+  expectServing();
+}
+
+TEST_F(FrontTest, SlowReadersHoldUpNobody) {
+  options_.stopTimeout = std::chrono::milliseconds(100);
+  start();
+  std::vector<RawClient> slow;
+  for (int i = 0; i < 50; ++i) {
+    slow.emplace_back(i % 2 == 0 ? http_ : binary_, 4096);
+    const Headers headers{
+        {"action", "search"}, {"index", "many"}, {"query", "1000000"}, {"mode", "streaming"}};
+    slow.back().send(i % 2 == 0 ? httpRequest(headers) : binaryRequest(headers));
+  }
+  for (int i = 0; i < 20; ++i) expectServing();
+  EXPECT_EQ(slow[1].receive(2), kSuccess);
+  server_->stop();
+}
+
+TEST_F(FrontTest, LongResultArrivesWholeAtAReaderThatTakesItsTime) {
+  RawClient client(binary_, 4096);
+  client.send(binaryRequest({{"action", "search"}, {"index", "many"}, {"query", "100000"}}));
+  EXPECT_EQ(client.receive(2), kSuccess);
+  const std::string envelope = std::string("\0\1\0\x14", 4) + "a key of some length";
+  for (int i = 0; i < 100000; ++i) ASSERT_EQ(client.receive(envelope.size()), envelope) << i;
+  EXPECT_EQ(client.receive(4), kEnd);
+}
+
+TEST_F(FrontTest, ClientThatSendsWithoutReadingIsHeldBack) {
+  RawClient client(binary_, 4096);
+  const std::string request =
+      binaryRequest({{"action", "search"}, {"index", "many"}, {"query", "1000"}});
+  std::string batch;
+  while (batch.size() < (1U << 20U)) batch += request;
+  client.send(request);
+  EXPECT_EQ(client.receive(2), kSuccess);
+  // The kernel's buffers on both sides and a megabyte or so in the server, however much is offered.
+  std::size_t taken = 0;
+  for (int refusals = 0; refusals < 50 && taken < (256U << 20U);) {
+    const std::size_t part = client.sendSome(batch);
+    taken += part;
+    if (part > 0) continue;
+    expectServing();
+    ++refusals;
+  }
+  EXPECT_LT(taken, 64U << 20U);
+}
+
+TEST_F(FrontTest, UpdatesThatTakeTimeHoldUpNeitherSearchesNorDocuments) {
+  RawClient setup(http_);
+  EXPECT_EQ(httpAsk(setup, {{"action", "createCollection"}, {"index", "c"}}), kDone);
+  std::vector<RawClient> updating;
+  for (int i = 0; i < 20; ++i) {
+    updating.emplace_back(http_);
+    updating.back().send(httpRequest({{"action", "updateIndex"}, {"index", "held"}}));
+  }
+  store_.gate.awaitWaiting(2);
+  EXPECT_EQ(httpAsk(setup, {{"action", "addDocument"}, {"index", "c"}}, kDocument), kDone);
+  EXPECT_THAT(httpAsk(setup, {{"action", "search"}, {"index", "c"}, {"query", "x"}}),
+              StartsWith(kDone));
+  store_.gate.open();
+  for (RawClient& client : updating) EXPECT_EQ(client.receiveHttp(), kDone);
+}
+
+TEST_F(FrontTest, ThousandsOfConnectionsAreServed) {
+  rlimit limit{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+  limit.rlim_cur = limit.rlim_max;
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+  ASSERT_GE(limit.rlim_cur, 4200U) << "both ends of each connection are in this process";
+  std::vector<RawClient> clients;
+  for (int i = 0; i < 2000; ++i) clients.emplace_back(i % 2 == 0 ? http_ : binary_);
+  for (std::size_t i = 0; i < clients.size(); ++i) {
+    const Headers headers{{"action", "getServerVersion"}};
+    EXPECT_TRUE(clients[i].send(i % 2 == 0 ? httpRequest(headers) : binaryRequest(headers)));
+  }
+  for (std::size_t i = 0; i < clients.size(); ++i) {
+    if (i % 2 == 0) {
+      EXPECT_THAT(clients[i].receiveHttp(), EndsWith("1.2.3"));
+    } else {
+      EXPECT_THAT(clients[i].receive(11), EndsWith("1.2.3"));
+    }
+  }
+}
+
+TEST_F(FrontTest, StopEndsIdleConnectionsAndFinishesWhatIsBeingServed) {
+  RawClient idle(http_);
+  EXPECT_THAT(httpAsk(idle, {{"action", "getServerVersion"}}), EndsWith("1.2.3"));
+  RawClient half(http_);
+  half.send("action: sea");
+  RawClient busy(http_);
+  busy.send(httpRequest({{"action", "updateIndex"}, {"index", "held"}}));
+  store_.gate.awaitWaiting(1);
+  std::thread stopper([&] { server_->stop(); });
+  EXPECT_TRUE(idle.ended());
+  EXPECT_TRUE(half.ended());
+  store_.gate.open();
+  EXPECT_EQ(busy.receiveHttp(), kDone);
+  EXPECT_TRUE(busy.ended());
+  stopper.join();
+  EXPECT_THROW(RawClient{http_}, std::runtime_error);
+}
+
+class ImpatientFrontTest : public FrontTest {
+ protected:
+  ImpatientFrontTest() {
+    options_.stallTimeout = std::chrono::milliseconds(50);
+    options_.stopTimeout = std::chrono::milliseconds(50);
+    options_.connections = 20;
+    options_.limits.contentBytes = 1000;
+  }
+
+  /// Whether the server takes one more connection.
+  bool hasPlace() const {
+    RawClient client(binary_);
+    client.send(binaryRequest({{"action", "getStatus"}}));
+    return client.receive(2) == kSuccess;
+  }
+};
+
+TEST_F(ImpatientFrontTest, ClientThatStallsInsideARequestIsCutOff) {
+  RawClient client(http_);
+  client.send("action: search");
+  EXPECT_TRUE(client.ended());
+  RawClient other(binary_);
+  other.send(std::string("\0", 1));
+  EXPECT_TRUE(other.ended());
+}
+
+TEST_F(ImpatientFrontTest, ClientThatStallsInsideAReplyIsCutOffWithoutAnEndMark) {
+  options_.connections = 1;
+  start();
+  RawClient client(binary_);
+  client.send(binaryRequest({{"action", "search"}, {"index", "many"}, {"query", "10000000"}}));
+  EXPECT_EQ(client.receive(2), kSuccess);
+  // Nothing more is read until the server has given up and with it the only place. Reading any
+  // earlier would set its clock back.
+  while (!hasPlace()) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  const std::string rest = client.receiveAll();
+  EXPECT_LT(rest.size(), 10000000U * 24);
+  EXPECT_THAT(rest, Not(EndsWith(kEnd)));
+}
+
+TEST_F(ImpatientFrontTest, IdleClientIsNotCutOff) {
+  RawClient idle(http_);
+  RawClient witness(http_);
+  witness.send("action: search");
+  EXPECT_TRUE(witness.ended());
+  EXPECT_THAT(httpAsk(idle, {{"action", "getServerVersion"}}), EndsWith("1.2.3"));
+}
+
+TEST_F(ImpatientFrontTest, ConnectionsBeyondTheLimitAreEndedAndTheOthersServed) {
+  std::vector<RawClient> clients;
+  for (int i = 0; i < 20; ++i) {
+    clients.emplace_back(http_);
+    EXPECT_THAT(httpAsk(clients.back(), {{"action", "getServerVersion"}}), EndsWith("1.2.3"));
+  }
+  RawClient late(http_);
+  EXPECT_TRUE(late.ended());
+  EXPECT_THAT(httpAsk(clients.front(), {{"action", "getServerVersion"}}), EndsWith("1.2.3"));
+}
+
+TEST_F(ImpatientFrontTest, StopDoesNotWaitForReadersThatTakeNothing) {
+  RawClient client(binary_, 4096);
+  client.send(binaryRequest({{"action", "search"}, {"index", "many"}, {"query", "100000000"}}));
+  EXPECT_EQ(client.receive(2), kSuccess);
+  server_->stop();
+}
+
+TEST_F(ImpatientFrontTest, ContentBeyondTheLimitIsRefusedBeforeItArrives) {
+  RawClient client(http_);
+  client.send("Content-Length  : 1001\n\r\n");
+  EXPECT_THAT(client.receiveAll(), HasSubstr("ZVK0002E"));
+}
+
+class FrugalFrontTest : public FrontTest {
+ protected:
+  FrugalFrontTest() { options_.bufferedBytes = 500000; }
+
+  static std::string unfinished(std::size_t bytes) {
+    return "Content-Length  : 1000000000\n\r\n" + std::string(bytes, 'x');
+  }
+};
+
+TEST_F(FrugalFrontTest, UnfinishedRequestsOfAllClientsTogetherHaveALimit) {
+  std::vector<RawClient> clients;
+  for (int i = 0; i < 10; ++i) {
+    clients.emplace_back(http_);
+    clients.back().send(unfinished(100000));
+  }
+  // Between one and all of them are refused, depending on how they come in; what counts is that the
+  // others' memory comes back and that small requests are served all the time.
+  expectServing();
+  RawClient large(http_);
+  large.send(unfinished(1000000));
+  EXPECT_THAT(large.receiveAll(), HasSubstr("ZVK0016E"));
+  clients.clear();
+  expectServing();
+  // The server may not have noticed yet that they are gone.
+  std::string reply;
+  do {
+    RawClient again(http_);
+    reply = httpAsk(again, {{"action", "addDocument"}}, std::string(300000, 'x'));
+  } while (reply.find("ZVK0016E") != std::string::npos);
+  EXPECT_THAT(reply, HasSubstr("ZVK0005E"));
+}
+
+TEST(Server, AddressThatCannotBeHadIsNamed) {
+  tq::test::TemporaryDirectory directory;
+  LocalStore store(directory.path(), {});
+  Dispatcher dispatcher(store, "1");
+  ServerOptions options;
+  options.httpPort = 0;
+  Server first(dispatcher, options);
+  first.start();
+  options.httpPort = first.listeners().front().port;
+  Server second(dispatcher, options);
+  try {
+    second.start();
+    FAIL() << "two servers on one port";
+  } catch (const std::runtime_error& error) {
+    EXPECT_THAT(error.what(), HasSubstr("127.0.0.1 port " + std::to_string(*options.httpPort)));
+  }
+}
+
+}  // namespace
+}  // namespace corvaned

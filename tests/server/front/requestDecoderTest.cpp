@@ -1,0 +1,233 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "server/front/requestDecoder.h"
+#include "tests/server/requestBytes.h"
+
+namespace corvaned {
+namespace {
+
+using test::binaryRequest;
+using test::documentBlock;
+using test::Headers;
+using test::httpRequest;
+using ::testing::HasSubstr;
+
+struct Outcome {
+  std::vector<Request> requests;
+  std::string error;
+  ErrorKind kind = ErrorKind::internal;
+};
+
+Outcome decode(RequestDecoder& decoder, const std::vector<std::string>& portions) {
+  Outcome outcome;
+  try {
+    for (const std::string& portion : portions) {
+      decoder.feed(portion);
+      while (auto request = decoder.next()) outcome.requests.push_back(std::move(*request));
+    }
+  } catch (const FramingError& error) {
+    outcome.error = error.what();
+    outcome.kind = error.kind();
+  }
+  return outcome;
+}
+
+Outcome decode(Framing framing, const std::string& bytes, DecoderLimits limits = {}) {
+  RequestDecoder decoder(framing, limits);
+  return decode(decoder, {bytes});
+}
+
+std::string encoded(Framing framing, const Headers& headers, const std::string& body) {
+  return framing == Framing::http ? httpRequest(headers, body) : binaryRequest(headers, body);
+}
+
+class BothFramings : public ::testing::TestWithParam<Framing> {
+ protected:
+  std::string threeRequests() const {
+    return encoded(GetParam(), {{"action", "search"}, {"query", "a: b"}}, "") +
+           encoded(GetParam(), {{"action", "addDocument"}},
+                   documentBlock("k", {{"a", "b"}}, "content\r\n\r\nmore")) +
+           encoded(GetParam(), {{"action", "getStatus"}}, "");
+  }
+
+  static void expectThree(const Outcome& outcome, const std::string& context) {
+    ASSERT_EQ(outcome.error, "") << context;
+    ASSERT_EQ(outcome.requests.size(), 3U) << context;
+    EXPECT_EQ(outcome.requests[0].header("query"), "a: b") << context;
+    EXPECT_EQ(outcome.requests[0].content, "") << context;
+    EXPECT_EQ(outcome.requests[1].content, documentBlock("k", {{"a", "b"}}, "content\r\n\r\nmore"))
+        << context;
+    EXPECT_EQ(outcome.requests[2].header("action"), "getStatus") << context;
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(Framings, BothFramings, ::testing::Values(Framing::http, Framing::binary),
+                         [](const auto& parameter) {
+                           return parameter.param == Framing::http ? "Http" : "Binary";
+                         });
+
+TEST_P(BothFramings, BatchInOneSegmentGivesAllRequestsInOrder) {
+  expectThree(decode(GetParam(), threeRequests()), "whole");
+}
+
+TEST_P(BothFramings, EverySplitIntoTwoGivesTheSameRequests) {
+  const std::string bytes = threeRequests();
+  for (std::size_t cut = 0; cut <= bytes.size(); ++cut) {
+    RequestDecoder decoder(GetParam(), {});
+    expectThree(decode(decoder, {bytes.substr(0, cut), bytes.substr(cut)}),
+                "cut at " + std::to_string(cut));
+    EXPECT_TRUE(decoder.idle());
+  }
+}
+
+TEST_P(BothFramings, EverySegmentSizeGivesTheSameRequests) {
+  const std::string bytes = threeRequests();
+  for (const std::size_t size : {1U, 2U, 3U, 4U, 5U, 6U, 7U, 8U, 16U, 31U}) {
+    std::vector<std::string> portions;
+    for (std::size_t at = 0; at < bytes.size(); at += size)
+      portions.push_back(bytes.substr(at, size));
+    RequestDecoder decoder(GetParam(), {});
+    expectThree(decode(decoder, portions), "segments of " + std::to_string(size));
+  }
+}
+
+TEST_P(BothFramings, EveryProperPrefixGivesNoFurtherRequestAndNoError) {
+  const std::string bytes =
+      encoded(GetParam(), {{"action", "addDocument"}}, documentBlock("k", {{"a", "b"}}, "x"));
+  for (std::size_t length = 0; length < bytes.size(); ++length) {
+    RequestDecoder decoder(GetParam(), {});
+    const Outcome outcome = decode(decoder, {bytes.substr(0, length)});
+    EXPECT_EQ(outcome.error, "") << length;
+    EXPECT_TRUE(outcome.requests.empty()) << length;
+    EXPECT_EQ(decoder.idle(), length == 0) << length;
+  }
+}
+
+TEST_P(BothFramings, EmptyContentLengthMeansNoContent) {
+  const Outcome outcome = decode(GetParam(), encoded(GetParam(), {{"Content-Length  ", ""}}, ""));
+  ASSERT_EQ(outcome.requests.size(), 1U);
+  EXPECT_EQ(outcome.requests[0].content, "");
+}
+
+TEST_P(BothFramings, ContentLengthNameNeedsItsTrailingBlanks) {
+  const Outcome outcome = decode(
+      GetParam(), encoded(GetParam(), {{"Content-Length", "7"}, {"Content-Length  ", ""}}, ""));
+  ASSERT_EQ(outcome.requests.size(), 1U);
+  EXPECT_EQ(outcome.requests[0].content, "");
+}
+
+TEST_P(BothFramings, LineIsSplitAtItsFirstSeparator) {
+  const Outcome outcome = decode(GetParam(), encoded(GetParam(), {{"a", ": x: y"}}, ""));
+  ASSERT_EQ(outcome.requests.size(), 1U);
+  EXPECT_EQ(outcome.requests[0].header("a"), ": x: y");
+}
+
+TEST_P(BothFramings, LineWithoutSeparatorSpoilsItsRequestOnly) {
+  Headers broken{{"query", "one\ntwo"}};
+  const Outcome outcome = decode(
+      GetParam(), encoded(GetParam(), broken, "xy") + encoded(GetParam(), {{"action", "b"}}, ""));
+  ASSERT_EQ(outcome.requests.size(), 2U);
+  EXPECT_THAT(outcome.requests[0].defect, HasSubstr("\"two\""));
+  EXPECT_EQ(outcome.requests[0].content, "xy");
+  EXPECT_EQ(outcome.requests[1].defect, "");
+}
+
+TEST_P(BothFramings, CarriageReturnInsideALineDoesNotEndTheBlock) {
+  const Outcome outcome = decode(GetParam(), encoded(GetParam(), {{"a", "x\r"}, {"b", "\ry"}}, ""));
+  ASSERT_EQ(outcome.requests.size(), 1U);
+  EXPECT_EQ(outcome.requests[0].header("a"), "x\r");
+  EXPECT_EQ(outcome.requests[0].header("b"), "\ry");
+}
+
+TEST_P(BothFramings, ContentLengthThatIsNoNumberLosesTheFraming) {
+  for (const char* length : {"x", "-1", "+1", " 1", "1 ", "0x10", "1.5", "1\r"}) {
+    const Outcome outcome =
+        decode(GetParam(), encoded(GetParam(), {{"Content-Length  ", length}}, ""));
+    EXPECT_EQ(outcome.kind, ErrorKind::malformedRequest) << length;
+    EXPECT_THAT(outcome.error, HasSubstr("not a number")) << length;
+  }
+}
+
+TEST_P(BothFramings, ContentIsTakenUpToTheLimitAndRefusedOneBeyondIt) {
+  DecoderLimits limits;
+  limits.contentBytes = 100;
+  const Outcome at = decode(GetParam(), encoded(GetParam(), {}, std::string(100, 'x')), limits);
+  EXPECT_EQ(at.requests.size(), 1U);
+  const Outcome over = decode(GetParam(), encoded(GetParam(), {}, std::string(101, 'x')), limits);
+  EXPECT_EQ(over.kind, ErrorKind::requestTooLarge);
+  limits.contentBytes = 101;
+  const Outcome moved = decode(GetParam(), encoded(GetParam(), {}, std::string(101, 'x')), limits);
+  EXPECT_EQ(moved.requests.size(), 1U);
+}
+
+TEST_P(BothFramings, AnnouncedSizesNearTheEndOfIntegersAreRefused) {
+  for (const char* length :
+       {"4294967295", "4294967296", "9223372036854775807", "18446744073709551615",
+        "18446744073709551616", "99999999999999999999999999"}) {
+    const Outcome outcome =
+        decode(GetParam(), encoded(GetParam(), {{"Content-Length  ", length}}, ""));
+    EXPECT_EQ(outcome.kind, ErrorKind::requestTooLarge) << length;
+  }
+}
+
+TEST(RequestDecoder, TwoDifferentContentLengthsLoseTheFraming) {
+  const std::string line = "Content-Length  : ";
+  EXPECT_EQ(decode(Framing::http, line + "1\n" + line + "2\n\r\nxx").kind,
+            ErrorKind::malformedRequest);
+  EXPECT_EQ(decode(Framing::http, line + "1\n" + line + "1\n\r\nx").requests.size(), 1U);
+}
+
+TEST(RequestDecoder, HeaderBlockIsTakenUpToTheLimitAndRefusedBeyondIt) {
+  DecoderLimits limits;
+  limits.headerBytes = 64;
+  const auto block = [](std::size_t size) { return "a: " + std::string(size - 4, 'x') + "\n\r\n"; };
+  EXPECT_EQ(decode(Framing::http, block(64), limits).requests.size(), 1U);
+  EXPECT_EQ(decode(Framing::http, block(65), limits).kind, ErrorKind::requestTooLarge);
+  limits.headerBytes = 65;
+  EXPECT_EQ(decode(Framing::http, block(65), limits).requests.size(), 1U);
+}
+
+TEST(RequestDecoder, EndlessLineIsRefusedWhenItPassesTheLimit) {
+  DecoderLimits limits;
+  limits.headerBytes = 1000;
+  RequestDecoder decoder(Framing::http, limits);
+  const std::vector<std::string> portions(1001, "x");
+  EXPECT_EQ(decode(decoder, portions).kind, ErrorKind::requestTooLarge);
+}
+
+TEST(RequestDecoder, BinaryBlockMustEndWhereItsLengthSays) {
+  const std::vector<std::string> blocks{"",         "\r",          "\n",      "a: b\n",
+                                        "a: b\r\n", "a: b\n\r\nx", "\r\n\r\n"};
+  for (const std::string& block : blocks) {
+    const Outcome outcome = decode(Framing::binary, test::bigEndian(block.size(), 2) + block);
+    EXPECT_EQ(outcome.kind, ErrorKind::malformedRequest) << block;
+    EXPECT_TRUE(outcome.requests.empty()) << block;
+  }
+}
+
+TEST(RequestDecoder, BinaryBlockMayHave65535Bytes) {
+  const std::string block = "a: " + std::string(65535 - 6, 'x') + "\n\r\n";
+  ASSERT_EQ(block.size(), 65535U);
+  EXPECT_EQ(decode(Framing::binary, "\xFF\xFF" + block).requests.size(), 1U);
+}
+
+TEST(RequestDecoder, FlippedBitsNeverDoMoreThanAnError) {
+  const std::string good =
+      binaryRequest({{"action", "addDocument"}}, documentBlock("k", {{"a", "b"}}, "x"));
+  for (std::size_t bit = 0; bit < good.size() * 8; ++bit) {
+    std::string bytes = good;
+    bytes[bit / 8] = static_cast<char>(bytes[bit / 8] ^ (1 << bit % 8));
+    const Outcome outcome = decode(Framing::binary, bytes);
+    std::size_t held = 0;
+    for (const Request& request : outcome.requests) held += request.content.size();
+    EXPECT_LE(held, bytes.size()) << bit;
+  }
+}
+
+}  // namespace
+}  // namespace corvaned

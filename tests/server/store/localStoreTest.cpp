@@ -1,0 +1,663 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <optional>
+#include <set>
+#include <thread>
+
+#include "server/base/errors.h"
+#include "server/store/localStore.h"
+#include "tests/server/store/descriptorLimit.h"
+#include "tests/server/store/fileSizeLimit.h"
+#include "tests/support/temporaryDirectory.h"
+
+namespace corvaned {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::UnorderedElementsAre;
+
+class LocalStoreTest : public ::testing::Test {
+ protected:
+  LocalStoreTest() { restart(); }
+
+  void restart() {
+    store_.reset();
+    store_ = std::make_unique<LocalStore>(directory_.path() / "data", limits_);
+  }
+
+  void add(const std::string& key, const std::string& text) {
+    store_->addDocument("c", {key, {{"title", "about " + key}}, text});
+  }
+
+  void addSearchable(const std::string& key, const std::string& text) {
+    add(key, text);
+    store_->updateIndex("c");
+  }
+
+  std::vector<Hit> hits(SearchQuery query) {
+    const auto source = store_->search("c", query);
+    std::vector<Hit> list;
+    for (Hit hit; source->next(hit);) list.push_back(hit);
+    return list;
+  }
+
+  std::vector<std::string> keys(const std::string& text) {
+    SearchQuery query;
+    query.text = text;
+    std::vector<std::string> list;
+    for (const Hit& hit : hits(query)) list.push_back(hit.key);
+    return list;
+  }
+
+  template <typename Work>
+  static std::string refusal(ErrorKind kind, const Work& work) {
+    try {
+      work();
+    } catch (const ServerError& error) {
+      EXPECT_EQ(error.kind(), kind) << error.what();
+      return error.what();
+    }
+    ADD_FAILURE() << "not refused";
+    return {};
+  }
+
+  tq::test::TemporaryDirectory directory_;
+  StoreLimits limits_;
+  std::unique_ptr<LocalStore> store_;
+};
+
+TEST_F(LocalStoreTest, DocumentsAreFoundAfterUpdateIndexAndNotBefore) {
+  store_->createCollection("c", "en");
+  add("k1", "the quick brown fox");
+  EXPECT_THAT(keys("fox"), IsEmpty());
+  EXPECT_EQ(store_->state("c"), CollectionState::changesPending);
+  store_->updateIndex("c");
+  EXPECT_THAT(keys("fox"), ElementsAre("k1"));
+  EXPECT_EQ(store_->state("c"), CollectionState::current);
+}
+
+TEST_F(LocalStoreTest, DocumentWithTheSameKeyIsReplaced) {
+  store_->createCollection("c", "en");
+  addSearchable("k1", "fox");
+  addSearchable("k1", "hound");
+  EXPECT_THAT(keys("fox"), IsEmpty());
+  EXPECT_THAT(keys("hound"), ElementsAre("k1"));
+}
+
+TEST_F(LocalStoreTest, OnlyTheLastOfManyPendingChangesCounts) {
+  store_->createCollection("c", "en");
+  for (int i = 0; i < 10; ++i) add("k1", "version" + std::to_string(i));
+  add("k2", "gone");
+  store_->deleteDocument("c", "k2");
+  store_->updateIndex("c");
+  EXPECT_THAT(keys("version9"), ElementsAre("k1"));
+  EXPECT_THAT(keys("version8"), IsEmpty());
+  EXPECT_THAT(keys("gone"), IsEmpty());
+}
+
+TEST_F(LocalStoreTest, DeletedDocumentIsNotFoundByTheNextSearch) {
+  store_->createCollection("c", "en");
+  add("k1", "fox");
+  addSearchable("k2", "fox");
+  store_->deleteDocument("c", "k1");
+  EXPECT_THAT(keys("fox"), ElementsAre("k2"));
+  EXPECT_EQ(store_->estimate("c", "fox").hits, 1U);
+  store_->updateIndex("c");
+  EXPECT_THAT(keys("fox"), ElementsAre("k2"));
+}
+
+TEST_F(LocalStoreTest, DeletedDocumentStaysDeletedAfterARestart) {
+  store_->createCollection("c", "en");
+  addSearchable("k1", "fox");
+  store_->deleteDocument("c", "k1");
+  restart();
+  EXPECT_THAT(keys("fox"), IsEmpty());
+}
+
+TEST_F(LocalStoreTest, DocumentAddedAgainAfterItsDeletionIsFound) {
+  store_->createCollection("c", "en");
+  addSearchable("k1", "fox");
+  store_->deleteDocument("c", "k1");
+  addSearchable("k1", "fox");
+  EXPECT_THAT(keys("fox"), ElementsAre("k1"));
+}
+
+TEST_F(LocalStoreTest, DeletingAnUnknownKeySucceeds) {
+  store_->createCollection("c", "en");
+  EXPECT_NO_THROW(store_->deleteDocument("c", "nobody"));
+}
+
+TEST_F(LocalStoreTest, ManyDeletionsReachTheIndexOnTheirOwn) {
+  limits_.hiddenKeys = 5;
+  restart();
+  store_->createCollection("c", "en");
+  for (int i = 0; i < 20; ++i) add("k" + std::to_string(i), "fox");
+  store_->updateIndex("c");
+  for (int i = 0; i < 19; ++i) store_->deleteDocument("c", "k" + std::to_string(i));
+  EXPECT_THAT(keys("fox"), ElementsAre("k19"));
+  EXPECT_LE(store_->estimate("c", "fox").documents, 7U);
+}
+
+TEST_F(LocalStoreTest, AcceptedDocumentsOutliveARestartUnsearchable) {
+  store_->createCollection("c", "en");
+  add("k1", "fox");
+  restart();
+  EXPECT_EQ(store_->state("c"), CollectionState::changesPending);
+  EXPECT_THAT(keys("fox"), IsEmpty());
+  store_->updateIndex("c");
+  EXPECT_THAT(keys("fox"), ElementsAre("k1"));
+}
+
+TEST_F(LocalStoreTest, HitsComeByScoreThenByKey) {
+  store_->createCollection("c", "en");
+  for (const char* key : {"b", "a", "c"}) add(key, "fox hound");
+  add("best", "fox fox fox");
+  store_->updateIndex("c");
+  EXPECT_THAT(keys("fox"), ElementsAre("best", "a", "b", "c"));
+}
+
+TEST_F(LocalStoreTest, BestHitHasScoreOneAndNoneHasMore) {
+  store_->createCollection("c", "en");
+  for (int i = 1; i < 30; ++i) {
+    std::string text = "fox";
+    for (int j = 0; j < i; ++j) text += " word" + std::to_string(j);
+    add("k" + std::to_string(i), text);
+  }
+  store_->updateIndex("c");
+  SearchQuery query;
+  query.text = "fox";
+  const std::vector<Hit> list = hits(query);
+  ASSERT_EQ(list.size(), 29U);
+  EXPECT_EQ(list.front().milliScore, 1000);
+  for (std::size_t i = 1; i < list.size(); ++i) {
+    EXPECT_LE(list[i].milliScore, list[i - 1].milliScore);
+  }
+  EXPECT_LT(list.back().milliScore, 1000);
+}
+
+TEST_F(LocalStoreTest, RawScoresAreTheEnginesWeights) {
+  store_->createCollection("c", "en");
+  add("k1", "rare");
+  for (int i = 0; i < 200; ++i) add("other" + std::to_string(i), "common");
+  store_->updateIndex("c");
+  SearchQuery query;
+  query.text = "rare";
+  query.scale = ScoreScale::raw;
+  ASSERT_EQ(hits(query).size(), 1U);
+  EXPECT_GT(hits(query).front().milliScore, 1500);
+}
+
+TEST_F(LocalStoreTest, PagesAreCutOutOfOneSequence) {
+  store_->createCollection("c", "en");
+  for (std::size_t i = 10; i < 40; ++i) {
+    add("k" + std::to_string(i), "fox " + std::string(i % 7, 'x'));
+  }
+  store_->updateIndex("c");
+  SearchQuery query;
+  query.text = "fox";
+  const std::vector<Hit> all = hits(query);
+  ASSERT_EQ(all.size(), 30U);
+  std::vector<std::string> paged;
+  for (query.start = 0; query.start < 35; query.start += 7) {
+    query.size = 7;
+    for (const Hit& hit : hits(query)) {
+      EXPECT_EQ(hit.milliScore, all[paged.size()].milliScore);
+      paged.push_back(hit.key);
+    }
+  }
+  ASSERT_EQ(paged.size(), 30U);
+  for (std::size_t i = 0; i < 30; ++i) EXPECT_EQ(paged[i], all[i].key);
+}
+
+TEST_F(LocalStoreTest, LimitCutsTheResultBeforeThePage) {
+  store_->createCollection("c", "en");
+  for (int i = 10; i < 20; ++i) add("k" + std::to_string(i), "fox");
+  store_->updateIndex("c");
+  SearchQuery query;
+  query.text = "fox";
+  query.limit = 5;
+  EXPECT_EQ(hits(query).size(), 5U);
+  query.start = 3;
+  EXPECT_EQ(hits(query).size(), 2U);
+  query.start = 5;
+  EXPECT_EQ(hits(query).size(), 0U);
+  query = {};
+  query.text = "fox";
+  query.size = 0;
+  EXPECT_EQ(hits(query).size(), 0U);
+  query.start = query.size = std::numeric_limits<std::uint64_t>::max();
+  EXPECT_EQ(hits(query).size(), 0U);
+  query.start = 9;
+  EXPECT_EQ(hits(query).size(), 1U);
+}
+
+TEST_F(LocalStoreTest, WordsOfAQueryMustAllOccurUnlessItSaysOtherwise) {
+  store_->createCollection("c", "en");
+  add("both", "red fox");
+  add("red", "red hen");
+  addSearchable("fox", "grey fox");
+  EXPECT_THAT(keys("red fox"), ElementsAre("both"));
+  EXPECT_THAT(keys("red OR fox"), UnorderedElementsAre("both", "red", "fox"));
+  EXPECT_THAT(keys("fox NOT red"), ElementsAre("fox"));
+  EXPECT_THAT(keys("NOT red"), ElementsAre("fox"));
+  EXPECT_THAT(keys("\"grey fox\""), ElementsAre("fox"));
+  EXPECT_THAT(keys("gre*"), ElementsAre("fox"));
+}
+
+TEST_F(LocalStoreTest, WordsAreStemmedForTheCollectionsLanguage) {
+  store_->createCollection("c", "en_US");
+  addSearchable("k1", "jumping foxes");
+  EXPECT_THAT(keys("jumps fox"), ElementsAre("k1"));
+  store_->createCollection("de", "de");
+  store_->addDocument("de", {"k1", {}, "die Häuser"});
+  store_->updateIndex("de");
+  EXPECT_EQ(store_->estimate("de", "Haus").hits, 1U);
+  store_->createCollection("tlh", "tlh");
+  store_->addDocument("tlh", {"k1", {}, "foxes"});
+  store_->updateIndex("tlh");
+  EXPECT_EQ(store_->estimate("tlh", "fox").hits, 0U);
+}
+
+TEST_F(LocalStoreTest, CapitalsOfAQueryMeanNothingBeyondItsOperators) {
+  store_->createCollection("c", "en");
+  store_->addDocument("c", {"k1", {{"Title", "Hounds"}}, "red foxes"});
+  store_->addDocument("c", {"k2", {}, "grey foxes"});
+  store_->updateIndex("c");
+  EXPECT_THAT(keys("Fox Red"), ElementsAre("k1"));
+  EXPECT_THAT(keys("(FOXES) NOT Red"), ElementsAre("k2"));
+  EXPECT_THAT(keys("FOXES -RED"), ElementsAre("k2"));
+  EXPECT_THAT(keys("Title:HOUND"), ElementsAre("k1"));
+  EXPECT_THAT(keys("Red NEAR/2 Foxes"), ElementsAre("k1"));
+  EXPECT_THAT(keys("\"Grey Foxes\""), ElementsAre("k2"));
+}
+
+TEST_F(LocalStoreTest, WaysToWriteAWordAreOne) {
+  store_->createCollection("c", "en");
+  addSearchable("k1", "cafe\xCC\x81 \xEF\xBC\xA6\xEF\xBC\xAF\xEF\xBC\xB8");
+  EXPECT_THAT(keys("caf\xC3\xA9"), ElementsAre("k1"));
+  EXPECT_THAT(keys("fox"), ElementsAre("k1"));
+}
+
+TEST_F(LocalStoreTest, TextWithoutBlanksBetweenWordsIsFound) {
+  store_->createCollection("c", "en");
+  addSearchable("k1", "全文検索サーバは文書を索引付けし、問い合わせに答える計算機の仕組みである");
+  EXPECT_THAT(keys("索引"), ElementsAre("k1"));
+}
+
+TEST_F(LocalStoreTest, BytesThatAreNoTextDoNoHarm) {
+  store_->createCollection("c", "en");
+  std::string bytes;
+  for (int i = 0; i < 4096; ++i) bytes += static_cast<char>(i * 37 % 256);
+  addSearchable("k1", "fox " + bytes + std::string(" \0 hound", 8));
+  EXPECT_THAT(keys("fox"), ElementsAre("k1"));
+  EXPECT_THAT(keys("hound"), ElementsAre("k1"));
+}
+
+TEST_F(LocalStoreTest, MetadataIsSearchedByItsName) {
+  store_->createCollection("c", "en");
+  store_->addDocument("c", {"k1", {{"author", "Fox"}, {"Indexable:title", "Hounds"}}, "text"});
+  store_->addDocument("c", {"k2", {{"author", "Hound"}}, ""});
+  store_->updateIndex("c");
+  EXPECT_THAT(keys("author:fox"), ElementsAre("k1"));
+  EXPECT_THAT(keys("author:hound"), ElementsAre("k2"));
+  EXPECT_THAT(keys("title:hound"), ElementsAre("k1"));
+  EXPECT_THAT(keys("fox"), IsEmpty());
+}
+
+TEST_F(LocalStoreTest, KeysAreAnyBytes) {
+  store_->createCollection("c", "en");
+  const std::vector<std::string> list{std::string(128, '\0'),
+                                      std::string(128, '\xFF'),
+                                      std::string("\0", 1),
+                                      "Qk",
+                                      "a b",
+                                      "\xC3\xA4"};
+  for (const std::string& key : list) add(key, "fox");
+  store_->updateIndex("c");
+  std::vector<std::string> expected = list;
+  std::sort(expected.begin(), expected.end());
+  std::vector<std::string> found = keys("fox");
+  std::sort(found.begin(), found.end());
+  EXPECT_EQ(found, expected);
+  for (const std::string& key : list) store_->deleteDocument("c", key);
+  EXPECT_THAT(keys("fox"), IsEmpty());
+}
+
+TEST_F(LocalStoreTest, CollectionNamesAreAnyText) {
+  const std::vector<std::string> names{"..",  ".",
+                                       "a/b", "../../etc",
+                                       "ä ö", "C",
+                                       "c",   "%",
+                                       "\n",  std::string("x\0y", 3),
+                                       "CON", std::string(240, 'a')};
+  for (const std::string& name : names) {
+    store_->createCollection(name, "en");
+    store_->addDocument(name, {"k", {}, "fox"});
+  }
+  restart();
+  for (const std::string& name : names) {
+    store_->updateIndex(name);
+    EXPECT_EQ(store_->estimate(name, "fox").hits, 1U) << name;
+  }
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory_.path()), {}), 1);
+}
+
+TEST_F(LocalStoreTest, NamesThatCannotBeStoredAreRefused) {
+  refusal(ErrorKind::badCollectionName, [&] { store_->createCollection("", "en"); });
+  refusal(ErrorKind::badCollectionName, [&] { store_->createCollection("\xFF", "en"); });
+  refusal(ErrorKind::badCollectionName,
+          [&] { store_->createCollection(std::string(241, 'a'), "en"); });
+  refusal(ErrorKind::badCollectionName,
+          [&] { store_->createCollection(std::string(81, ' '), "en"); });
+}
+
+TEST_F(LocalStoreTest, CollectionIsCreatedOnceAndDeletedOnce) {
+  store_->createCollection("c", "en");
+  refusal(ErrorKind::collectionExists, [&] { store_->createCollection("c", "en"); });
+  store_->deleteCollection("c");
+  refusal(ErrorKind::unknownCollection, [&] { store_->deleteCollection("c"); });
+  refusal(ErrorKind::unknownCollection, [&] { store_->openCollection("c"); });
+  store_->createCollection("c", "en");
+  EXPECT_EQ(store_->estimate("c", "NOT x").documents, 0U);
+}
+
+TEST_F(LocalStoreTest, NothingWorksOnACollectionThatIsNotThere) {
+  const auto unknown = [&](const auto& work) {
+    EXPECT_THAT(refusal(ErrorKind::unknownCollection, work), HasSubstr("\"c\""));
+  };
+  unknown([&] { store_->openCollection("c"); });
+  unknown([&] { store_->closeCollection("c"); });
+  unknown([&] { add("k", "x"); });
+  unknown([&] { store_->queueDocument("c", {"k", {}, ""}); });
+  unknown([&] { store_->deleteDocument("c", "k"); });
+  unknown([&] { store_->updateIndex("c"); });
+  unknown([&] { store_->takeParseOutcomes("c"); });
+  unknown([&] { keys("x"); });
+  unknown([&] { store_->estimate("c", "x"); });
+  unknown([&] { store_->state("c"); });
+}
+
+TEST_F(LocalStoreTest, ClosedCollectionIsOpenedByTheNextRequest) {
+  store_->createCollection("c", "en");
+  addSearchable("k1", "fox");
+  store_->closeCollection("c");
+  EXPECT_THAT(keys("fox"), ElementsAre("k1"));
+}
+
+TEST_F(LocalStoreTest, QueuedDocumentsAreReportedOnceInOrder) {
+  store_->createCollection("c", "en");
+  store_->queueDocument("c", {"k1", {}, "fox"});
+  store_->reportOutcome("c", {"k2", "ZVK0012E", "bad"});
+  store_->queueDocument("c", {"k3", {}, "fox"});
+  const std::vector<ParseOutcome> outcomes = store_->takeParseOutcomes("c");
+  ASSERT_EQ(outcomes.size(), 3U);
+  EXPECT_EQ(outcomes[0].key, "k1");
+  EXPECT_EQ(outcomes[0].messageId, "");
+  EXPECT_EQ(outcomes[1].messageId, "ZVK0012E");
+  EXPECT_EQ(outcomes[2].key, "k3");
+  EXPECT_THAT(store_->takeParseOutcomes("c"), IsEmpty());
+  store_->updateIndex("c");
+  EXPECT_THAT(keys("fox"), ElementsAre("k1", "k3"));
+}
+
+TEST_F(LocalStoreTest, OldestOutcomesAreForgottenWhenNobodyAsks) {
+  limits_.outcomes = 3;
+  restart();
+  store_->createCollection("c", "en");
+  for (int i = 0; i < 5; ++i) store_->queueDocument("c", {std::to_string(i), {}, ""});
+  const std::vector<ParseOutcome> outcomes = store_->takeParseOutcomes("c");
+  ASSERT_EQ(outcomes.size(), 3U);
+  EXPECT_EQ(outcomes.front().key, "2");
+}
+
+TEST_F(LocalStoreTest, DocumentIsTakenUpToTheLimitAndRefusedBeyondIt) {
+  limits_.documentBytes = 100;
+  restart();
+  store_->createCollection("c", "en");
+  store_->addDocument("c", {"k", {{"ab", "cd"}}, std::string(96, 'x')});
+  EXPECT_THAT(refusal(ErrorKind::documentTooLarge,
+                      [&] {
+                        store_->addDocument("c", {"k", {{"ab", "cd"}}, std::string(97, 'x')});
+                      }),
+              HasSubstr("101 bytes"));
+}
+
+TEST_F(LocalStoreTest, BadQueriesAreRefusedWithTheReason) {
+  store_->createCollection("c", "en");
+  addSearchable("k1", "fox");
+  EXPECT_THAT(refusal(ErrorKind::badQuery, [&] { keys("AND"); }),
+              HasSubstr("cannot be understood"));
+  EXPECT_THAT(refusal(ErrorKind::badQuery, [&] { store_->estimate("c", "fox AND"); }),
+              HasSubstr("cannot be understood"));
+  EXPECT_THAT(keys("(((fox"), ElementsAre("k1"));
+  EXPECT_THAT(keys("!!!"), IsEmpty());
+}
+
+TEST_F(LocalStoreTest, QueryHasAtMostAsManyWordsAsAllowed) {
+  store_->createCollection("c", "en");
+  addSearchable("k1", "fox");
+  const auto words = [](int count) {
+    std::string text = "fox";
+    for (int i = 1; i < count; ++i) text += " OR w" + std::to_string(i);
+    return text;
+  };
+  EXPECT_THAT(keys(words(256)), ElementsAre("k1"));
+  EXPECT_THAT(refusal(ErrorKind::queryTooBroad, [&] { keys(words(257)); }), HasSubstr("257 words"));
+  EXPECT_THAT(refusal(ErrorKind::queryTooBroad, [&] { keys(std::string(16385, 'x')); }),
+              HasSubstr("16385 bytes"));
+  for (const char* part : {"(", "NOT ", "\"", "a AND (", "-", "+", "x:"}) {
+    std::string text;
+    while (text.size() + 10 < 16384) text += part;
+    try {
+      keys(text);
+    } catch (const ServerError& error) {
+      EXPECT_TRUE(error.kind() == ErrorKind::badQuery || error.kind() == ErrorKind::queryTooBroad)
+          << part << ": " << error.what();
+    }
+  }
+}
+
+TEST_F(LocalStoreTest, WildcardStandsForAtMostAsManyWordsAsAllowed) {
+  limits_.index.expansion = 10;
+  restart();
+  store_->createCollection("c", "en");
+  std::string text;
+  for (char c = 'a'; c < 'a' + 10; ++c) text += std::string(" fox") + c;
+  addSearchable("k1", text);
+  EXPECT_THAT(keys("fox*"), ElementsAre("k1"));
+  addSearchable("k2", "foxz");
+  EXPECT_THAT(refusal(ErrorKind::queryTooBroad, [&] { keys("fox*"); }), HasSubstr("too broad"));
+}
+
+TEST_F(LocalStoreTest, EstimateOfFewHitsIsExact) {
+  store_->createCollection("c", "en");
+  for (int i = 0; i < 100; ++i) add("k" + std::to_string(i), i % 3 == 0 ? "red fox" : "fox");
+  store_->updateIndex("c");
+  const Estimate estimate = store_->estimate("c", "red fox");
+  EXPECT_EQ(estimate.hits, 34U);
+  EXPECT_GE(estimate.atMost, 34U);
+  EXPECT_EQ(estimate.documents, 100U);
+}
+
+TEST_F(LocalStoreTest, UpdateThatMeetsAFullDiskCanBeRepeated) {
+  store_->createCollection("c", "en");
+  for (int i = 0; i < 3000; ++i) {
+    store_->queueDocument("c", {"k" + std::to_string(i), {}, "fox word" + std::to_string(i)});
+  }
+  {
+    const test::FileSizeLimit full(200000);
+    refusal(ErrorKind::storageFailed, [&] { store_->updateIndex("c"); });
+    refusal(ErrorKind::storageFailed, [&] { store_->updateIndex("c"); });
+  }
+  EXPECT_EQ(store_->state("c"), CollectionState::changesPending);
+  store_->updateIndex("c");
+  EXPECT_EQ(keys("fox").size(), 3000U);
+  EXPECT_EQ(store_->estimate("c", "fox").documents, 3000U);
+}
+
+TEST_F(LocalStoreTest, DeletionHoldsAlsoWhenTheIndexCannotTakeIt) {
+  limits_.hiddenKeys = 1;
+  restart();
+  store_->createCollection("c", "en");
+  for (int i = 0; i < 300; ++i) {
+    add("k" + std::to_string(i), "fox word" + std::to_string(i));
+  }
+  store_->updateIndex("c");
+  store_->deleteDocument("c", "k0");
+  {
+    const test::FileSizeLimit full(8192);
+    EXPECT_NO_THROW(store_->deleteDocument("c", "k1"));
+    EXPECT_EQ(keys("fox").size(), 298U);
+    EXPECT_EQ(store_->estimate("c", "fox").documents, 300U);
+  }
+  store_->deleteDocument("c", "k2");
+  EXPECT_EQ(keys("fox").size(), 297U);
+  EXPECT_EQ(store_->estimate("c", "fox").documents, 297U);
+}
+
+TEST_F(LocalStoreTest, CollectionThatCannotBeDeletedGoesOn) {
+  store_->createCollection("c", "en");
+  addSearchable("k1", "fox");
+  {
+    const test::DescriptorLimit none(0);
+    EXPECT_ANY_THROW(store_->deleteCollection("c"));
+  }
+  EXPECT_THAT(keys("fox"), ElementsAre("k1"));
+  addSearchable("k2", "fox");
+  EXPECT_THAT(keys("fox"), ElementsAre("k1", "k2"));
+  store_->deleteCollection("c");
+  refusal(ErrorKind::unknownCollection, [&] { store_->openCollection("c"); });
+}
+
+TEST_F(LocalStoreTest, DeletionThatAnUpdateOvertakesHidesNothingThatCameLater) {
+  store_->createCollection("c", "en");
+  for (int round = 0; round < 150; ++round) {
+    std::atomic<bool> stop = false;
+    std::vector<std::thread> others;
+    // They make the others wait for each other, in whatever order.
+    for (int t = 0; t < 2; ++t) {
+      others.emplace_back([&] {
+        while (!stop) store_->state("c");
+      });
+    }
+    others.emplace_back([&] { store_->deleteDocument("c", "k1"); });
+    add("k1", "fox");
+    store_->updateIndex("c");
+    stop = true;
+    for (std::thread& other : others) other.join();
+    store_->updateIndex("c");
+    // Whichever came last: what is in the index is what is found, also by a server that was not
+    // there when it happened.
+    const std::vector<std::string> found = keys("fox");
+    restart();
+    ASSERT_EQ(found, keys("fox")) << round;
+  }
+}
+
+TEST_F(LocalStoreTest, DocumentsThatTheIndexRefusesAreLeftOutAndReported) {
+  store_->createCollection("c", "en");
+  // Longer than a term can be. (The fronts let no such key through.)
+  const std::vector<std::string> bad{std::string(300, 'a'), std::string(300, 'b')};
+  for (int i = 0; i < 100; ++i) {
+    add("k" + std::to_string(i), "fox");
+    if (i == 3 || i == 57) add(bad[i == 3 ? 0 : 1], "fox");
+  }
+  EXPECT_THAT(refusal(ErrorKind::documentsNotIndexed, [&] { store_->updateIndex("c"); }),
+              HasSubstr("2 documents"));
+  EXPECT_EQ(keys("fox").size(), 100U);
+  const std::vector<ParseOutcome> outcomes = store_->takeParseOutcomes("c");
+  ASSERT_EQ(outcomes.size(), 2U);
+  EXPECT_EQ(outcomes[0].key, bad[0]);
+  EXPECT_EQ(outcomes[1].key, bad[1]);
+  EXPECT_EQ(outcomes[0].messageId, "ZVK0015E");
+  EXPECT_EQ(store_->state("c"), CollectionState::current);
+}
+
+TEST_F(LocalStoreTest, SecondOwnerOfADirectoryIsRefused) {
+  EXPECT_THAT(
+      refusal(ErrorKind::storageFailed, [&] { LocalStore second(directory_.path() / "data", {}); }),
+      AllOf(HasSubstr("in use by another server"),
+            HasSubstr((directory_.path() / "data").string())));
+}
+
+TEST_F(LocalStoreTest, DamagedCollectionHarmsNoOther) {
+  store_->createCollection("c", "en");
+  store_->createCollection("bad", "en");
+  addSearchable("k1", "fox");
+  store_->addDocument("bad", {"k", {}, "x"});
+  store_.reset();
+  std::filesystem::remove(directory_.path() / "data/collections/bad/index/iamglass");
+  restart();
+  EXPECT_THAT(keys("fox"), ElementsAre("k1"));
+  refusal(ErrorKind::storageFailed, [&] { store_->openCollection("bad"); });
+}
+
+TEST_F(LocalStoreTest, LeftoversOfACrashAreCleared) {
+  store_->createCollection("c", "en");
+  store_.reset();
+  std::filesystem::create_directory(directory_.path() / "data/collections/.passing-1");
+  restart();
+  EXPECT_EQ(std::distance(
+                std::filesystem::directory_iterator(directory_.path() / "data/collections"), {}),
+            1);
+}
+
+TEST_F(LocalStoreTest, SearchesGoOnWhileTheIndexChanges) {
+  store_->createCollection("c", "en");
+  for (int i = 0; i < 50; ++i) add("k" + std::to_string(i), "fox hound");
+  store_->updateIndex("c");
+  std::atomic<bool> stop = false;
+  std::atomic<int> searches = 0;
+  std::vector<std::thread> readers;
+  for (int t = 0; t < 2; ++t) {
+    readers.emplace_back([&] {
+      while (!stop) {
+        EXPECT_EQ(keys("fox").size(), 50U);
+        ++searches;
+      }
+    });
+  }
+  for (int round = 0; round < 40 || searches < 20; ++round) {
+    add("k" + std::to_string(round % 50), "fox hound round" + std::to_string(round));
+    store_->updateIndex("c");
+  }
+  stop = true;
+  for (std::thread& reader : readers) reader.join();
+}
+
+TEST_F(LocalStoreTest, CollectionMayBeDeletedWhileItIsUsed) {
+  store_->createCollection("c", "en");
+  std::vector<std::thread> users;
+  std::atomic<bool> unknownSeen = false;
+  for (int t = 0; t < 3; ++t) {
+    users.emplace_back([&, t] {
+      try {
+        for (int i = 0;; ++i) {
+          add(std::to_string(t) + "-" + std::to_string(i), "fox");
+          if (i % 5 == 0) store_->updateIndex("c");
+          keys("fox");
+        }
+      } catch (const ServerError& error) {
+        // A search that runs right then finds the files gone.
+        EXPECT_TRUE(error.kind() == ErrorKind::unknownCollection ||
+                    error.kind() == ErrorKind::storageFailed)
+            << error.what();
+        unknownSeen = true;
+      }
+    });
+  }
+  while (store_->state("c") == CollectionState::current) std::this_thread::yield();
+  store_->deleteCollection("c");
+  for (std::thread& user : users) user.join();
+  EXPECT_TRUE(unknownSeen);
+  store_->createCollection("c", "en");
+  EXPECT_EQ(store_->estimate("c", "fox").documents, 0U);
+}
+
+}  // namespace
+}  // namespace corvaned

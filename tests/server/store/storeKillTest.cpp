@@ -1,0 +1,225 @@
+#include <gtest/gtest.h>
+#include <spdlog/spdlog.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <filesystem>
+#include <iostream>
+#include <map>
+#include <memory>
+
+#include "server/base/errors.h"
+#include "server/store/localStore.h"
+#include "tests/server/changeHistory.h"
+#include "tests/server/store/killPoint.h"
+#include "tests/support/temporaryDirectory.h"
+
+// The store, killed in front of every single call with which it changes a file, and in the middle
+// of every write.
+//
+// KRUCOMM_SEED=N runs the history of that seed and nothing else, KRUCOMM_LONG=1 ten times as many.
+namespace corvaned {
+namespace {
+
+using test::carryOut;
+using test::KillPoint;
+using test::Model;
+using test::Progress;
+using test::Step;
+using test::Steps;
+using test::StepSource;
+using Kind = Step::Kind;
+
+StoreLimits smallLimits() {
+  StoreLimits limits;
+  // So that deletions reach the index on their own as well, and updates need several transactions.
+  limits.hiddenKeys = 1;
+  limits.index.batchChanges = 2;
+  return limits;
+}
+
+class StoreSubject : public test::Subject {
+ public:
+  explicit StoreSubject(const std::filesystem::path& directory)
+      : store_(directory, smallLimits()) {}
+
+  bool apply(const Step& step) override {
+    switch (step.kind) {
+      case Kind::create:
+        store_.createCollection(step.collection, "en_us");
+        break;
+      case Kind::drop:
+        store_.deleteCollection(step.collection);
+        queued_.erase(step.collection);
+        break;
+      case Kind::add:
+        store_.addDocument(step.collection, documentOf(step));
+        break;
+      case Kind::queue:
+        store_.queueDocument(step.collection, documentOf(step));
+        queued_[step.collection].push_back(step.key);
+        return false;
+      case Kind::report:
+        takeReport(step.collection);
+        break;
+      case Kind::remove:
+        store_.deleteDocument(step.collection, step.key);
+        break;
+      case Kind::update:
+        store_.updateIndex(step.collection);
+        break;
+    }
+    return true;
+  }
+
+  std::optional<CollectionState> state(const std::string& collection) override {
+    try {
+      return store_.state(collection);
+    } catch (const ServerError& error) {
+      if (error.kind() == ErrorKind::unknownCollection) return std::nullopt;
+      throw;
+    }
+  }
+
+  std::set<std::string> search(const std::string& collection, const std::string& query) override {
+    SearchQuery wanted;
+    wanted.text = query;
+    const auto hits = store_.search(collection, wanted);
+    std::set<std::string> keys;
+    for (Hit hit; hits->next(hit);) keys.insert(hit.key);
+    return keys;
+  }
+
+ private:
+  void takeReport(const std::string& collection) {
+    std::vector<std::string> reported;
+    for (const ParseOutcome& outcome : store_.takeParseOutcomes(collection)) {
+      reported.push_back(outcome.key + outcome.messageText);
+    }
+    if (reported != std::exchange(queued_[collection], {})) {
+      throw std::runtime_error("the parse results are not those of the documents that were queued");
+    }
+  }
+
+  LocalStore store_;
+  std::map<std::string, std::vector<std::string>> queued_;
+};
+
+/// What became of a process that was to carry out steps.
+struct Outcome {
+  Progress progress;
+  bool killed = false;
+};
+
+class StoreKillTest : public ::testing::Test {
+ protected:
+  // What a kill leaves is logged when it is cleared away.
+  StoreKillTest() { spdlog::set_level(spdlog::level::off); }
+
+  // Tells of each step through a call that no kill point counts.
+  [[noreturn]] static void runChild(const std::filesystem::path& directory, const Steps& steps,
+                                    KillPoint point, int report) {
+    try {
+      test::dieAt(point);
+      StoreSubject subject(directory);
+      // Opens the collections.
+      for (const char* name : {"a", "b"}) subject.state(name);
+      for (const Step& step : steps) {
+        const char acknowledged = subject.apply(step) ? 'y' : 'n';
+        ::syscall(SYS_write, report, &acknowledged, 1);
+      }
+      ::_exit(0);
+    } catch (const std::exception& error) {
+      std::cerr << error.what() << std::endl;
+      ::_exit(1);
+    }
+  }
+
+  static Outcome run(const std::filesystem::path& directory, const Steps& steps, KillPoint point) {
+    std::array<int, 2> pipe{};
+    if (::pipe(pipe.data()) != 0) throw std::runtime_error("pipe");
+    const pid_t child = ::fork();
+    if (child < 0) throw std::runtime_error("fork");
+    if (child == 0) runChild(directory, steps, point, pipe[1]);
+    ::close(pipe[1]);
+    Outcome result;
+    for (char acknowledged = 0; ::read(pipe[0], &acknowledged, 1) == 1;) {
+      ++result.progress.sent;
+      if (acknowledged == 'y') result.progress.acknowledged = result.progress.sent;
+    }
+    ::close(pipe[0]);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    result.killed = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+    if (result.killed) result.progress.sent = std::min(result.progress.sent + 1, steps.size());
+    if (!result.killed && status != 0) throw std::runtime_error("a step was refused");
+    return result;
+  }
+
+  // Carries out the steps on a copy of the store and kills it there; then opens the copy, at times
+  // killing that as well, and looks whether it holds what it should and can be worked with. False
+  // when the steps were at their end first.
+  bool survives(const Model& before, const Steps& steps, KillPoint point, StepSource& source) {
+    const std::filesystem::path copy = directory_.path() / "copy";
+    std::filesystem::remove_all(copy);
+    std::filesystem::copy(directory_.path() / "data", copy,
+                          std::filesystem::copy_options::recursive);
+    const Outcome first = run(copy, steps, point);
+    run(copy, {}, {source.number(8), point.halfWritten});
+    StoreSubject subject(copy);
+    const auto after = expectExplained(subject, before, steps, first.progress);
+    if (!after) return false;
+    const Steps more = source.make(*after, 5);
+    carryOut(subject, more);
+    expectExplained(subject, *after, more, {more.size(), more.size()});
+    return first.killed;
+  }
+
+  static std::optional<Model> expectExplained(test::Subject& subject, const Model& before,
+                                              const Steps& steps, Progress progress) {
+    const test::Collections found = lookAt(subject, before, steps);
+    auto after = explain(before, steps, progress, found, false);
+    EXPECT_TRUE(after) << describe(before, steps, progress, found);
+    return after;
+  }
+
+  // Makes the store from which the histories go on.
+  Model prepare(const Steps& steps) {
+    StoreSubject subject(directory_.path() / "data");
+    carryOut(subject, steps);
+    Model model;
+    for (const Step& step : steps) model.apply(step);
+    return model;
+  }
+
+  tq::test::TemporaryDirectory directory_;
+};
+
+TEST_F(StoreKillTest, EveryCallOfRandomHistoriesMayBeTheLast) {
+  for (const std::uint64_t seed : test::seeds(4)) {
+    SCOPED_TRACE("KRUCOMM_SEED=" + std::to_string(seed));
+    std::filesystem::remove_all(directory_.path() / "data");
+    StepSource source(seed);
+    const Model before = prepare(source.make({}, 20));
+    const Steps steps = source.make(before, 8);
+    for (std::uint64_t call = 1;; ++call) {
+      SCOPED_TRACE("call " + std::to_string(call));
+      bool killed = false;
+      ASSERT_NO_THROW({
+        killed = survives(before, steps, {call, false}, source);
+        survives(before, steps, {call, true}, source);
+      });
+      if (HasFailure()) return;
+      if (!killed) {
+        EXPECT_GT(call, 1U) << "the calls are not counted";
+        break;
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace corvaned
