@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <pthread.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
@@ -112,9 +113,8 @@ std::string readyLines(const Server& server) {
   std::string lines;
   for (const Server::Listener& listener : server.listeners()) {
     const bool v6 = listener.address.find(':') != std::string::npos;
-    lines += listener.framing == Framing::http ? "listening http " : "listening binary ";
-    lines += v6 ? "[" + listener.address + "]" : listener.address;
-    lines += ":" + std::to_string(listener.port) + "\n";
+    lines += fmt::format("listening {} {}:{}\n", nameOf(listener.framing),
+                         v6 ? "[" + listener.address + "]" : listener.address, listener.port);
   }
   return lines;
 }

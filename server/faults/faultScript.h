@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "server/front/requestDecoder.h"
+#include "server/front/framing.h"
 
 namespace corvaned {
 

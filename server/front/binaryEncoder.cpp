@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "server/base/bytes.h"
+#include "server/base/errors.h"
 #include "server/front/replyEncoder.h"
 #include "server/front/replyText.h"
 #include "server/front/vocabulary.h"

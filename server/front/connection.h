@@ -19,7 +19,7 @@
 #include "server/front/outlet.h"
 #include "server/front/replyEncoder.h"
 #include "server/front/requestDecoder.h"
-#include "server/front/server.h"
+#include "server/front/serverOptions.h"
 
 namespace corvaned {
 

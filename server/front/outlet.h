@@ -7,9 +7,9 @@
 #include <memory>
 #include <string_view>
 
+#include "server/front/framing.h"
 #include "server/front/replyEncoder.h"
 #include "server/front/request.h"
-#include "server/front/requestDecoder.h"
 
 namespace corvaned {
 

@@ -3,8 +3,8 @@
 #include <memory>
 #include <string>
 
+#include "server/front/framing.h"
 #include "server/front/reply.h"
-#include "server/front/requestDecoder.h"
 
 namespace corvaned {
 

@@ -7,12 +7,10 @@
 #include <string_view>
 
 #include "server/base/errors.h"
+#include "server/front/framing.h"
 #include "server/front/request.h"
 
 namespace corvaned {
-
-/// How a request's header block is delimited: by its own last line, or by a length in front of it.
-enum class Framing { http, binary };
 
 struct DecoderLimits {
   /// Longest header block in bytes. (A binary block cannot be longer than 65535 bytes.)

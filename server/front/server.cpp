@@ -1,5 +1,6 @@
 #include "server/front/server.h"
 
+#include <fmt/format.h>
 #include <spdlog/spdlog.h>
 
 #include <asio/io_context.hpp>
@@ -20,8 +21,6 @@ using asio::ip::tcp;
 // How long to wait before taking connections again when the system has no room for another one.
 constexpr std::chrono::milliseconds kAcceptPause{100};
 
-const char* nameOf(Framing framing) { return framing == Framing::http ? "http" : "binary"; }
-
 /// One listening socket. It lives as long as its handlers do.
 class Acceptor : public std::enable_shared_from_this<Acceptor> {
  public:
@@ -41,9 +40,9 @@ class Acceptor : public std::enable_shared_from_this<Acceptor> {
       acceptor_.bind(endpoint);
       acceptor_.listen(asio::socket_base::max_listen_connections);
     } catch (const std::system_error& error) {
-      throw std::runtime_error(std::string("cannot listen for ") + nameOf(framing_) + " on " +
-                               address + " port " + std::to_string(port) + ": " +
-                               error.code().message() + "; choose another address or port");
+      throw std::runtime_error(
+          fmt::format("cannot listen for {} on {} port {}: {}; choose another address or port",
+                      nameOf(framing_), address, port, error.code().message()));
     }
     const tcp::endpoint bound = acceptor_.local_endpoint();
     return {framing_, bound.address().to_string(), bound.port()};

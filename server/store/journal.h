@@ -9,18 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "server/store/change.h"
 #include "server/store/files.h"
-#include "server/store/store.h"
 
 namespace corvaned {
-
-enum class ChangeKind : std::uint8_t { put = 1, remove = 2 };
-
-/// One change of a collection. A removal has only a key.
-struct Change {
-  ChangeKind kind = ChangeKind::put;
-  Document document;
-};
 
 /// The accepted changes of one collection that its index does not have yet, in order, on disk.
 ///

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "server/store/journal.h"
+#include "server/store/change.h"
 #include "server/store/store.h"
 
 namespace corvaned {
