@@ -109,7 +109,8 @@ void Connection::start() {
 
 void Connection::finish() {
   asio::post(socket_.get_executor(), [self = shared_from_this()] {
-    if (!self->serving_) self->close();
+    const bool idle = self->state_ == State::listening || self->state_ == State::draining;
+    if (idle) self->close();
   });
 }
 
@@ -130,9 +131,10 @@ void Connection::guarded(const Step& step) {
 }
 
 void Connection::waitForBytes() {
+  state_ = State::listening;
   startTimer(decoder_.idle() ? context_.options().idleTimeout : context_.options().stallTimeout);
   socket_.async_wait(Socket::wait_read, [self = shared_from_this()](std::error_code error) {
-    if (error || self->closed_) return self->close();
+    if (error || self->state_ == State::closed) return self->close();
     self->guarded([&] { self->readBytes(); });
   });
 }
@@ -176,7 +178,7 @@ void Connection::proceed() {
 }
 
 void Connection::serve(Request request) {
-  serving_ = true;
+  state_ = State::serving;
   timer_.cancel();
   asio::thread_pool& workers = context_.workers(Dispatcher::workload(request));
   asio::post(workers, [self = shared_from_this(), request = std::move(request)]() mutable {
@@ -184,59 +186,65 @@ void Connection::serve(Request request) {
   });
 }
 
-// Requests that get no reply come in long rows, all for this group of workers; going back to the
-// strand between them would cost more than they do.
 void Connection::work(Request request) {
-  try {
-    for (;;) {
-      outlet_->asked(request);
-      encoder_ = outlet_->reply(encode(framing_, context_.dispatcher().handle(std::move(request))));
-      fillOutput();
-      if (!output_.empty() || broken_ || context_.stopping()) break;
-      queued_ = decoder_.next();
-      if (!queued_ || Dispatcher::workload(*queued_) != Workload::write) break;
-      request = std::move(*std::exchange(queued_, std::nullopt));
-    }
-  } catch (const FramingError& error) {
-    encoder_ = refusal(error);
-    fillOutput();
-    lastReply_ = true;
-  } catch (const std::exception& error) {
-    spdlog::warn("connection ended: {}", error.what());
-    broken_ = true;
-  }
-  asio::post(socket_.get_executor(), [self = shared_from_this()] {
-    self->serving_ = false;
+  const State next = answer(std::move(request));
+  asio::post(socket_.get_executor(), [self = shared_from_this(), next] {
+    if (self->state_ == State::closed) return;
+    self->state_ = next;
     self->guarded([&] { self->writeOutput(); });
   });
 }
 
-// False when the reply is at its end, or cannot get there.
+Connection::State Connection::answer(Request request) {
+  try {
+    return answerRow(std::move(request));
+  } catch (const std::exception& error) {
+    spdlog::warn("connection ended: {}", error.what());
+    return State::brokenReply;
+  }
+}
+
+// Requests without a reply come in long rows, all of them for this group of workers. Returning to
+// the strand after each would cost more than serving it does.
+Connection::State Connection::answerRow(Request request) {
+  try {
+    for (;;) {
+      outlet_->asked(request);
+      encoder_ = outlet_->reply(encode(framing_, context_.dispatcher().handle(std::move(request))));
+      if (!fillOutput()) return State::brokenReply;
+      if (!output_.empty() || context_.stopping()) return State::serving;
+      queued_ = decoder_.next();
+      if (!queued_ || Dispatcher::workload(*queued_) != Workload::write) return State::serving;
+      request = std::move(*std::exchange(queued_, std::nullopt));
+    }
+  } catch (const FramingError& error) {
+    return encodeRefusal(error);
+  }
+}
+
+// False when the reply cannot be completed.
 bool Connection::fillOutput() {
   try {
     while (encoder_ && output_.size() < kPortionBytes) {
       if (!encoder_->next(output_)) encoder_.reset();
     }
+    return true;
   } catch (const std::exception& error) {
     spdlog::error("a reply was broken off: {}", error.what());
     encoder_.reset();
-    broken_ = true;
+    return false;
   }
-  return encoder_ != nullptr;
 }
 
 void Connection::writeOutput() {
-  if (closed_) return;
   if (output_.empty()) return outputWritten();
   startTimer(context_.options().stallTimeout);
-  serving_ = true;
   outlet_->write(output_,
                  [self = shared_from_this()](Outlet::Result result) { self->writeEnded(result); });
 }
 
 void Connection::writeEnded(Outlet::Result result) {
-  serving_ = false;
-  if (closed_ || result == Outlet::Result::failed) return close();
+  if (state_ == State::closed || result == Outlet::Result::failed) return close();
   guarded([&] {
     if (result == Outlet::Result::ended)
       startDraining();
@@ -248,29 +256,29 @@ void Connection::writeEnded(Outlet::Result result) {
 void Connection::outputWritten() {
   // A long reply's buffer is not kept for the next one.
   std::string().swap(output_);
-  fillOutput();
+  if (!fillOutput()) state_ = State::brokenReply;
   if (!output_.empty()) return writeOutput();
-  if (broken_) return close();
-  if (lastReply_) return startDraining();
+  if (state_ == State::brokenReply) return close();
+  if (state_ == State::lastReply) return startDraining();
   proceed();
 }
 
-std::unique_ptr<ReplyEncoder> Connection::refusal(const ServerError& error) {
-  return outlet_->reply(
+Connection::State Connection::encodeRefusal(const ServerError& error) {
+  encoder_ = outlet_->reply(
       encode(framing_, ErrorReply{std::string(messageId(error.kind())), error.what()}));
+  return fillOutput() ? State::lastReply : State::brokenReply;
 }
 
 void Connection::refuse(const ServerError& error) {
   spdlog::debug("a connection's requests cannot be told apart any more: {}", error.what());
-  encoder_ = refusal(error);
-  lastReply_ = true;
   decoder_ = RequestDecoder(framing_, context_.options().limits);
   accountInput(0);
-  fillOutput();
+  state_ = encodeRefusal(error);
   writeOutput();
 }
 
 void Connection::startDraining() {
+  state_ = State::draining;
   std::error_code ignored;
   socket_.shutdown(Socket::shutdown_send, ignored);
   startTimer(kDrainTime);
@@ -279,7 +287,7 @@ void Connection::startDraining() {
 
 void Connection::drain() {
   socket_.async_wait(Socket::wait_read, [self = shared_from_this()](std::error_code error) {
-    if (error || self->closed_) return self->close();
+    if (error || self->state_ == State::closed) return self->close();
     std::array<char, kReadBytes>& buffer = readBuffer();
     for (int turn = 0; turn < kReadsPerTurn; ++turn) {
       self->socket_.read_some(asio::buffer(buffer), error);
@@ -291,7 +299,7 @@ void Connection::drain() {
 }
 
 void Connection::close() {
-  if (std::exchange(closed_, true)) return;
+  if (std::exchange(state_, State::closed) == State::closed) return;
   std::error_code ignored;
   timer_.cancel();
   outlet_->cancel();

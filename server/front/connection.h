@@ -68,8 +68,9 @@ class ConnectionContext {
 /// One client. It serves one request at a time and reads no further meanwhile, so that a client
 /// that sends without reading is held back by its own socket.
 ///
-/// All members belong to the strand, except while a worker serves a request: then nothing waits on
-/// the socket, and the members belong to the worker until it posts back.
+/// The state, the socket and the timer belong to the strand. While a worker serves a request
+/// nothing waits on the socket, and the decoder, the encoder and the output belong to the worker,
+/// which hands them back together with the state that is to follow.
 class Connection : public std::enable_shared_from_this<Connection> {
  public:
   using Socket = ClientSocket;
@@ -83,6 +84,20 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void abort();
 
  private:
+  enum class State {
+    /// Waits for a request, or for the rest of one.
+    listening,
+    /// A worker serves a request, or its reply is being written.
+    serving,
+    /// The same; after this reply no request is read any more.
+    lastReply,
+    /// The same; the reply cannot be completed, so the connection ends where it breaks off.
+    brokenReply,
+    /// Everything is said; what the client still sends is thrown away.
+    draining,
+    closed,
+  };
+
   template <typename Step>
   void guarded(const Step& step);
 
@@ -91,11 +106,13 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void proceed();
   void serve(Request request);
   void work(Request request);
+  State answer(Request request);
+  State answerRow(Request request);
   bool fillOutput();
   void writeOutput();
   void outputWritten();
   void writeEnded(Outlet::Result result);
-  std::unique_ptr<ReplyEncoder> refusal(const ServerError& error);
+  State encodeRefusal(const ServerError& error);
   void refuse(const ServerError& error);
   void startDraining();
   void drain();
@@ -119,14 +136,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   // What the context was last told that this connection holds.
   std::size_t accounted_ = 0;
-  bool serving_ = false;
-  bool closed_ = false;
+  State state_ = State::listening;
   // The client has sent its last byte; what it asked for is still answered.
   bool inputEnded_ = false;
-  // Nothing more is answered once the output is written.
-  bool lastReply_ = false;
-  // A reply that cannot be ended properly was begun.
-  bool broken_ = false;
 };
 
 }  // namespace corvaned
