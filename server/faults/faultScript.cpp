@@ -1,5 +1,7 @@
 #include "server/faults/faultScript.h"
 
+#include <fmt/format.h>
+
 #include <array>
 #include <charconv>
 #include <filesystem>
@@ -9,7 +11,7 @@
 #include <utility>
 
 #include "server/base/errors.h"
-#include "server/front/dispatcher.h"
+#include "server/front/actions.h"
 
 namespace corvaned {
 namespace {
@@ -63,14 +65,13 @@ class Words {
     const auto parsed = std::from_chars(word.data(), word.data() + word.size(), value);
     if (parsed.ec != std::errc{} || parsed.ptr != word.data() + word.size() || value < least ||
         value > most) {
-      fail(shown(word) + " is not " + std::string(wanted) + ", a number from " +
-           std::to_string(least) + " to " + std::to_string(most));
+      fail(fmt::format("{} is not {}, a number from {} to {}", shown(word), wanted, least, most));
     }
     return value;
   }
 
   [[noreturn]] void fail(const std::string& what) const {
-    throw FaultScriptError("line " + std::to_string(line_) + ": " + what);
+    throw FaultScriptError(fmt::format("line {}: {}", line_, what));
   }
 
  private:
@@ -101,7 +102,7 @@ void takeChance(Words& words, FaultRule& rule) {
 
 void takeAction(Words& words, FaultRule& rule) {
   rule.action = words.take("the name of an action");
-  if (!Dispatcher::knows(rule.action)) words.fail("no action is called " + shown(rule.action));
+  if (!findAction(rule.action)) words.fail("no action is called " + shown(rule.action));
 }
 
 void takeCondition(Words& words, FaultRule& rule) {

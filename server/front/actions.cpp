@@ -1,0 +1,203 @@
+#include "server/front/actions.h"
+
+#include <array>
+#include <charconv>
+#include <system_error>
+#include <utility>
+
+#include "server/base/errors.h"
+#include "server/front/documentBlock.h"
+#include "server/front/vocabulary.h"
+
+namespace corvaned {
+namespace {
+
+std::string require(const Request& request, const std::string& name) {
+  const std::string_view value = request.header(name);
+  if (value.empty()) {
+    throw ServerError(ErrorKind::missingParameter,
+                      "the parameter " + shown(name) + " is missing or empty");
+  }
+  return std::string(value);
+}
+
+bool namesCollection(const Request& request) {
+  return !request.header(words().collection).empty() ||
+         !request.header(words().collectionName).empty();
+}
+
+std::string collectionOf(const Request& request) {
+  const std::string_view other = request.header(words().collectionName);
+  if (request.header(words().collection).empty() && !other.empty()) return std::string(other);
+  return require(request, words().collection);
+}
+
+void readNumber(const Request& request, const std::string& name, std::uint64_t& value) {
+  const std::string_view text = request.header(name);
+  if (text.empty()) return;
+  std::uint64_t parsed = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), parsed);
+  if (error != std::errc{} || end != text.data() + text.size()) {
+    throw ServerError(ErrorKind::badParameter, "the parameter " + shown(name) + " is " +
+                                                   shown(text) + ", not a number from 0 on");
+  }
+  value = parsed;
+}
+
+// `second` unless the parameter says `first`; anything else is refused.
+bool chooses(const Request& request, const std::string& name, std::string_view first,
+             std::string_view second) {
+  const std::string_view value = request.header(name);
+  if (value == first) return true;
+  if (value.empty() || value == second) return false;
+  throw ServerError(ErrorKind::badParameter, "the parameter " + shown(name) + " is " +
+                                                 shown(value) + ", not " + shown(first) + " or " +
+                                                 shown(second));
+}
+
+SearchQuery searchQueryOf(const Request& request) {
+  SearchQuery query;
+  query.text = require(request, words().query);
+  readNumber(request, words().start, query.start);
+  readNumber(request, words().size, query.size);
+  readNumber(request, words().resultLimit, query.limit);
+  const bool raw = chooses(request, words().scoreType, "raw", "normalized");
+  query.scale = raw ? ScoreScale::raw : ScoreScale::normalized;
+  return query;
+}
+
+Reply search(const Service& service, Request& request) {
+  HitsReply reply;
+  const std::string collection = collectionOf(request);
+  reply.streaming = chooses(request, words().mode, words().modeStreaming, words().modeScalar);
+  reply.withScore = chooses(request, words().scoreWanted, words().yes, words().no);
+  reply.hits = service.store.search(collection, searchQueryOf(request));
+  return reply;
+}
+
+DocumentBlock requireBlock(Request& request) {
+  if (request.content.empty()) {
+    throw ServerError(ErrorKind::badDocument, "the request carries no document");
+  }
+  return parseDocumentBlock(std::move(request.content));
+}
+
+Document requireDocument(Request& request) {
+  DocumentBlock block = requireBlock(request);
+  if (block.terminate) {
+    throw ServerError(ErrorKind::badDocument,
+                      "the request carries an end-of-documents record in place of a document");
+  }
+  return std::move(block.document);
+}
+
+Reply selectivity(const Service& service, Request& request) {
+  const std::string collection = collectionOf(request);
+  return EstimateReply{service.store.estimate(collection, require(request, words().query))};
+}
+
+Reply createCollection(const Service& service, Request& request) {
+  const std::string collection = collectionOf(request);
+  std::string_view language = request.header(words().language);
+  if (language.empty()) language = words().defaultLanguage;
+  service.store.createCollection(collection, std::string(language));
+  return DoneReply{};
+}
+
+/// The actions that need nothing but a collection.
+template <void (Store::*operation)(const std::string&)>
+Reply onCollection(const Service& service, Request& request) {
+  (service.store.*operation)(collectionOf(request));
+  return DoneReply{};
+}
+
+// The collection's name is looked at first in each of these, so that a request with several faults
+// is always refused for the same one.
+Reply addDocument(const Service& service, Request& request) {
+  const std::string collection = collectionOf(request);
+  service.store.addDocument(collection, requireDocument(request));
+  return DoneReply{};
+}
+
+Reply deleteDocument(const Service& service, Request& request) {
+  const std::string collection = collectionOf(request);
+  service.store.deleteDocument(collection, requireDocument(request).key);
+  return DoneReply{};
+}
+
+// The client expects no reply, so a refusal is reported among the outcomes of queued documents.
+Reply queueDocument(const Service& service, Request& request) {
+  const std::string collection = collectionOf(request);
+  std::string key;
+  try {
+    const DocumentBlock block = requireBlock(request);
+    if (block.terminate) return NoReply{};
+    key = block.document.key;
+    service.store.queueDocument(collection, block.document);
+  } catch (const ServerError& error) {
+    if (error.kind() == ErrorKind::unknownCollection) throw;
+    service.store.reportOutcome(
+        collection, ParseOutcome{key, std::string(messageId(error.kind())), error.what()});
+  }
+  return NoReply{};
+}
+
+Reply parseResult(const Service& service, Request& request) {
+  return OutcomesReply{service.store.takeParseOutcomes(collectionOf(request))};
+}
+
+// A collection that cannot be opened has a status, too.
+Reply status(const Service& service, Request& request) {
+  if (!namesCollection(request)) return StatusReply{};
+  try {
+    const CollectionState state = service.store.state(collectionOf(request));
+    return StatusReply{state == CollectionState::current ? 0U : 1U, {}};
+  } catch (const ServerError& error) {
+    return StatusReply{2, {std::string(messageId(error.kind())), error.what()}};
+  }
+}
+
+Reply version(const Service& service, Request&) { return TextReply{service.version}; }
+
+Reply notSupported(const Service&, Request& request) {
+  throw ServerError(
+      ErrorKind::unsupportedAction,
+      "the action " + shown(request.header(words().action)) + " is not supported by this server");
+}
+
+constexpr auto kAlways = Action::Answer::always;
+constexpr auto kNever = Action::Answer::never;
+
+// The client library has no names for the actions, so that they stand here.
+constexpr std::array<Action, 19> kActions{{
+    {"createCollection", Workload::write, kAlways, createCollection},
+    {"openCollection", Workload::read, kAlways, onCollection<&Store::openCollection>},
+    {"closeCollection", Workload::write, kAlways, onCollection<&Store::closeCollection>},
+    {"deleteCollection", Workload::index, kAlways, onCollection<&Store::deleteCollection>},
+    {"addDocument", Workload::write, kAlways, addDocument},
+    {"asyncAddDocument", Workload::write, kNever, queueDocument},
+    {"deleteDocument", Workload::write, kAlways, deleteDocument},
+    {"updateIndex", Workload::index, kAlways, onCollection<&Store::updateIndex>},
+    {"search", Workload::read, kAlways, search},
+    {"selectivity", Workload::read, kAlways, selectivity},
+    {"getParseResult", Workload::write, kAlways, parseResult},
+    {"getStatus", Workload::read, kAlways, status},
+    {"getServerVersion", Workload::read, kAlways, version},
+    {"backup", Workload::read, kAlways, notSupported},
+    {"restore", Workload::read, kAlways, notSupported},
+    {"takeover", Workload::read, kAlways, notSupported},
+    {"shutdown", Workload::read, kAlways, notSupported},
+    {"setConstructorConfiguration", Workload::read, kAlways, notSupported},
+    {"versionsValidation", Workload::read, kAlways, notSupported},
+}};
+
+}  // namespace
+
+const Action* findAction(std::string_view name) {
+  for (const Action& action : kActions) {
+    if (action.name == name) return &action;
+  }
+  return nullptr;
+}
+
+}  // namespace corvaned
