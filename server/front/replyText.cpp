@@ -1,38 +1,23 @@
 #include "server/front/replyText.h"
 
-#include <algorithm>
+#include <fmt/format.h>
 
+#include "server/base/base64.h"
 #include "server/base/errors.h"
 #include "server/front/vocabulary.h"
 
 namespace corvaned {
 namespace {
 
-constexpr std::string_view kAlphabet =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 // An error record fits the smallest read that a client makes for one.
 constexpr std::size_t kMaxErrorText = 600;
 
 }  // namespace
 
-std::string documentId(std::string_view key) {
-  std::string id = "base64:";
-  for (; !key.empty(); key.remove_prefix(std::min<std::size_t>(3, key.size()))) {
-    unsigned group = 0;
-    for (std::size_t i = 0; i < 3; ++i) {
-      group = group << 8U | (i < key.size() ? static_cast<unsigned char>(key[i]) : 0U);
-    }
-    for (std::size_t i = 0; i < 4; ++i) {
-      id += i <= key.size() ? kAlphabet[group >> (18U - 6U * i) & 0x3FU] : '=';
-    }
-  }
-  return id;
-}
+std::string documentId(std::string_view key) { return "base64:" + base64(key); }
 
 std::string scoreText(std::uint16_t milliScore) {
-  std::string fraction = std::to_string(milliScore % 1000);
-  fraction.insert(0, 3 - fraction.size(), '0');
-  return std::to_string(milliScore / 1000) + "." + fraction;
+  return fmt::format("{}.{:03}", milliScore / 1000, milliScore % 1000);
 }
 
 std::string messageFields(FieldAppender append, std::string_view id, const std::string& text) {

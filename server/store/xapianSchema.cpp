@@ -4,8 +4,8 @@
 #include <cctype>
 #include <sstream>
 
+#include "server/base/base64.h"
 #include "server/base/bytes.h"
-#include "server/front/replyText.h"
 #include "server/store/textNormalizer.h"
 
 namespace corvaned {
@@ -58,7 +58,7 @@ std::string serialized(const Document& document) {
 
 std::string identityTerm(const std::string& key) {
   const bool plain = key.find('\0') == std::string::npos;
-  return std::string(1, plain ? 'Q' : 'R').append(plain ? key : documentId(key));
+  return plain ? "Q" + key : "Rbase64:" + base64(key);
 }
 
 Xapian::Stem stemmerFor(const std::string& language) {

@@ -14,8 +14,8 @@ namespace corvaned {
 /// How documents and queries become what Xapian stores. Everything here is fixed once a collection
 /// has documents; a change needs a new value of kSchemaVersion.
 ///
-/// - term "Q" + key, or "R" + Base64 of the key when it contains a zero byte (which counts twice
-///   against the length limit of a term): the document's identity
+/// - term "Q" + key, or "Rbase64:" + Base64 of the key when it contains a NUL byte (which counts
+///   twice against the length limit of a term): the document's identity
 /// - words of the content, stems prefixed "Z", with positions
 /// - words of a metadata value under the prefix of its name
 /// - value slot 0: the key; read back as the sort key of a match, without a look-up per hit

@@ -1,0 +1,147 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <xapian.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "server/base/errors.h"
+#include "server/store/localStore.h"
+#include "server/store/xapianSchema.h"
+#include "tests/support/temporaryDirectory.h"
+
+// What is on disk, spelled out. Collections outlive the program that wrote them: whoever has to
+// change a line here needs a new schema version, or a new kind of journal entry, as well.
+namespace corvaned {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::UnorderedElementsAre;
+
+const std::string kZeroKey("a\0b", 3);
+const std::string kZeroTerm = "Rbase64:YQBi";
+
+/// "k2" is put with the metadata a=b and c=NUL x and the content "text"; then the key a NUL b is
+/// removed.
+const std::string kJournal(
+    "KRJ1\0\0\0\x28\xE0\x2B\x10\x4C\1\0\0\0\2k2\0\0\0\2\0\0\0\1a\0\0\0\1b\0\0\0\1c\0\0\0\2\0x"
+    "\0\0\0\4text"
+    "KRJ1\0\0\0\x10\xFF\x4A\x5C\x1C\2\0\0\0\3a\0b\0\0\0\0\0\0\0\0",
+    80);
+
+Xapian::Document storedDocument(const std::string& identity, const std::string& key,
+                                const std::vector<std::string>& words) {
+  Xapian::Document document;
+  document.add_boolean_term(identity);
+  document.add_value(0, key);
+  Xapian::termpos position = 0;
+  for (const std::string& word : words) document.add_posting(word, ++position);
+  return document;
+}
+
+class StoredFormTest : public ::testing::Test {
+ protected:
+  std::filesystem::path collection() const { return directory_.path() / "collections" / "c"; }
+  std::string index() const { return (collection() / "index").string(); }
+
+  /// A collection as it was on disk before this program started.
+  void write(const std::string& schema) const {
+    std::filesystem::create_directories(collection());
+    Xapian::WritableDatabase database(index(), Xapian::DB_CREATE);
+    database.set_metadata("language", "en");
+    database.set_metadata("schema", schema);
+    database.set_metadata("fields", "title\nyear\n");
+    Xapian::Document plain = storedDocument("Qk1", "k1", {"fox"});
+    plain.add_posting("XAAabout", 1);
+    plain.add_posting("XAB1851", 1);
+    database.add_document(plain);
+    database.add_document(storedDocument(kZeroTerm, kZeroKey, {"fox", "zero"}));
+    database.commit();
+    std::ofstream(collection() / "journal-0000000002", std::ios::binary) << kJournal;
+  }
+
+  static std::vector<std::string> keys(Store& store, const std::string& text) {
+    SearchQuery query;
+    query.text = text;
+    const auto hits = store.search("c", query);
+    std::vector<std::string> list;
+    for (Hit hit; hits->next(hit);) list.push_back(hit.key);
+    return list;
+  }
+
+  tq::test::TemporaryDirectory directory_;
+};
+
+TEST_F(StoredFormTest, CollectionOnDiskIsServed) {
+  write("1");
+  LocalStore store(directory_.path(), {});
+  EXPECT_THAT(keys(store, "fox"), ElementsAre("k1")) << "the journal removes the other one";
+  EXPECT_THAT(keys(store, "title:about"), ElementsAre("k1"));
+  EXPECT_THAT(keys(store, "year:1851"), ElementsAre("k1"));
+  EXPECT_EQ(store.state("c"), CollectionState::changesPending);
+  store.updateIndex("c");
+  EXPECT_THAT(keys(store, "text"), ElementsAre("k2"));
+  EXPECT_THAT(keys(store, "zero"), IsEmpty());
+}
+
+TEST_F(StoredFormTest, DocumentsOnDiskAreReplacedAndNotDoubled) {
+  write("1");
+  std::filesystem::remove(collection() / "journal-0000000002");
+  LocalStore store(directory_.path(), {});
+  EXPECT_THAT(keys(store, "fox"), UnorderedElementsAre("k1", kZeroKey));
+  store.addDocument("c", {"k1", {}, "hound"});
+  store.addDocument("c", {kZeroKey, {}, "hound"});
+  store.updateIndex("c");
+  EXPECT_THAT(keys(store, "fox"), IsEmpty());
+  EXPECT_THAT(keys(store, "hound"), UnorderedElementsAre("k1", kZeroKey));
+}
+
+TEST_F(StoredFormTest, DocumentsAreWrittenUnderTheSameNames) {
+  {
+    LocalStore store(directory_.path(), {});
+    store.createCollection("c", "de_DE");
+    store.addDocument("c", {"k1", {{"title", "About"}}, "fox"});
+    store.addDocument("c", {kZeroKey, {{"Indexable:year", "1851"}}, ""});
+    store.updateIndex("c");
+  }
+  const Xapian::Database database(index());
+  EXPECT_EQ(database.get_metadata("schema"), "1");
+  EXPECT_EQ(database.get_metadata("language"), "de_DE");
+  EXPECT_EQ(database.get_metadata("fields"), "title\nyear\n");
+  for (const char* term : {"Qk1", "fox", "Zfox", "XAAabout", "ZXAAabout"}) {
+    EXPECT_EQ(*database.postlist_begin(term), 1U) << term;
+  }
+  for (const std::string& term : {kZeroTerm, std::string("XAB1851")}) {
+    EXPECT_EQ(*database.postlist_begin(term), 2U) << term;
+  }
+  EXPECT_EQ(database.get_document(2).get_value(0), kZeroKey);
+  EXPECT_EQ(database.get_document(1).get_data(),
+            std::string("\0\0\0\1\0\0\0\5title\0\0\0\5About\0\0\0\3fox", 29));
+}
+
+TEST_F(StoredFormTest, ChangesAreWrittenToTheJournalInTheSameForm) {
+  LocalStore store(directory_.path(), {});
+  store.createCollection("c", "en");
+  store.addDocument("c", {"k2", {{"a", "b"}, {"c", std::string("\0x", 2)}}, "text"});
+  store.deleteDocument("c", kZeroKey);
+  std::ifstream file(collection() / "journal-0000000001", std::ios::binary);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), kJournal);
+}
+
+TEST_F(StoredFormTest, CollectionOfAnotherSchemaIsRefused) {
+  write("2");
+  LocalStore store(directory_.path(), {});
+  try {
+    store.openCollection("c");
+    FAIL() << "it was opened";
+  } catch (const ServerError& error) {
+    EXPECT_EQ(error.kind(), ErrorKind::storageFailed);
+    EXPECT_THAT(error.what(), HasSubstr("schema \"2\""));
+  }
+}
+
+}  // namespace
+}  // namespace corvaned
