@@ -1,14 +1,14 @@
 #include "server/store/journal.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <spdlog/spdlog.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <charconv>
-#include <cstdio>
 #include <optional>
 #include <utility>
 
@@ -22,23 +22,10 @@ constexpr std::string_view kMagic = "KRJ1";
 constexpr std::size_t kEntryHeader = 12;
 constexpr std::string_view kFilePrefix = "journal-";
 
-std::array<std::uint32_t, 256> makeCrcTable() {
-  std::array<std::uint32_t, 256> table{};
-  for (std::uint32_t i = 0; i < table.size(); ++i) {
-    std::uint32_t value = i;
-    for (int bit = 0; bit < 8; ++bit) value = value >> 1U ^ (value & 1U ? 0xEDB88320U : 0U);
-    table[i] = value;
-  }
-  return table;
-}
-
-std::uint32_t crc32(std::string_view bytes) {
-  static const std::array<std::uint32_t, 256> table = makeCrcTable();
-  std::uint32_t value = 0xFFFFFFFFU;
-  for (const char c : bytes) {
-    value = value >> 8U ^ table[(value ^ static_cast<unsigned char>(c)) & 0xFFU];
-  }
-  return ~value;
+std::uint32_t checksumOf(std::string_view bytes) {
+  const void* data = bytes.data();
+  return static_cast<std::uint32_t>(
+      ::crc32_z(0, static_cast<const unsigned char*>(data), bytes.size()));
 }
 
 void appendText(std::string& out, std::string_view text) {
@@ -60,7 +47,7 @@ std::string encodeEntry(const Change& change) {
   const std::string_view payload = std::string_view(entry).substr(kEntryHeader);
   std::string header(kMagic);
   appendU32(header, static_cast<std::uint32_t>(payload.size()));
-  appendU32(header, crc32(payload));
+  appendU32(header, checksumOf(payload));
   return entry.replace(0, kEntryHeader, header);
 }
 
@@ -107,7 +94,7 @@ class SegmentReader {
     const auto entry = peek(kEntryHeader + std::size_t{length});
     if (!entry) return std::nullopt;
     const std::string_view payload = entry->substr(kEntryHeader);
-    if (crc32(payload) != checksum) return std::nullopt;
+    if (checksumOf(payload) != checksum) return std::nullopt;
     auto change = decodePayload(payload);
     if (change) {
       position_ += entry->size();
@@ -154,8 +141,9 @@ std::uint64_t readSegment(const std::filesystem::path& path, std::uint64_t numbe
   while (auto change = reader.next()) visitor(number, std::move(*change));
   if (!reader.atEnd() && !mayBeCut) {
     throw ServerError(ErrorKind::storageFailed,
-                      path.string() + " is damaged at byte " + std::to_string(reader.goodBytes()) +
-                          "; restore it, or move it away to go on without its changes");
+                      fmt::format("{} is damaged at byte {}; restore it, or move it away to go on "
+                                  "without its changes",
+                                  path.string(), reader.goodBytes()));
   }
   return reader.goodBytes();
 }
@@ -258,10 +246,7 @@ bool Journal::empty() const {
 }
 
 std::filesystem::path Journal::pathOf(std::uint64_t number) const {
-  std::array<char, 32> name{};
-  std::snprintf(name.data(), name.size(), "journal-%010llu",
-                static_cast<unsigned long long>(number));
-  return directory_ / name.data();
+  return directory_ / fmt::format("{}{:010}", kFilePrefix, number);
 }
 
 std::vector<std::uint64_t> Journal::segmentsOnDisk() const {
