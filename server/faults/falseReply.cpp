@@ -1,5 +1,7 @@
 #include "server/faults/falseReply.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -107,7 +109,7 @@ std::string joined(const Pieces& pieces) {
 
 std::string withContentLength(std::string head, std::uint64_t length) {
   const std::size_t digits = head.find(lengthName()) + lengthName().size() + 2;
-  head.replace(digits, head.find("\r\n", digits) - digits, std::to_string(length));
+  head.replace(digits, head.find("\r\n", digits) - digits, fmt::to_string(length));
   return head;
 }
 

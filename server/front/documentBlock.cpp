@@ -1,5 +1,7 @@
 #include "server/front/documentBlock.h"
 
+#include <fmt/format.h>
+
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -44,8 +46,8 @@ std::string takeKey(std::vector<TextPair>& pairs) {
   if (key.empty()) throw ServerError(ErrorKind::badDocument, "the document's key is empty");
   if (key.size() > kMaxKeyBytes) {
     throw ServerError(ErrorKind::badDocument,
-                      "the document's key has " + std::to_string(key.size()) +
-                          " bytes, more than the " + std::to_string(kMaxKeyBytes) + " allowed");
+                      fmt::format("the document's key has {} bytes, more than the {} allowed",
+                                  key.size(), kMaxKeyBytes));
   }
   return std::string(key);
 }
@@ -58,8 +60,7 @@ DocumentBlock parseDocumentBlock(std::string bytes) {
   const auto following = reader.u32();
   if (!reserved || !following) refuse("it is shorter than its two length words");
   if (*following != reader.remaining()) {
-    refuse("it announces " + std::to_string(*following) + " bytes and holds " +
-           std::to_string(reader.remaining()));
+    refuse(fmt::format("it announces {} bytes and holds {}", *following, reader.remaining()));
   }
   DocumentBlock block;
   block.terminate = *following == 0;

@@ -1,3 +1,5 @@
+#include <fmt/format.h>
+
 #include <array>
 #include <charconv>
 #include <utility>
@@ -29,7 +31,7 @@ void appendRecord(std::string& out, std::string_view fields) {
 std::string withLength(std::string_view status, std::string_view body) {
   std::string reply = "HTTP/1.1 ";
   reply.append(status).append("\r\n").append(words().replyContentLength).append(": ");
-  reply.append(std::to_string(body.size())).append("\r\n\r\n").append(body);
+  reply.append(fmt::to_string(body.size())).append("\r\n\r\n").append(body);
   return reply;
 }
 
@@ -143,14 +145,14 @@ struct HttpForm {
   }
   std::unique_ptr<ReplyEncoder> operator()(const EstimateReply& reply) const {
     std::string fields;
-    appendField(fields, "ESTIMATE", std::to_string(reply.estimate.hits));
-    appendField(fields, "AT_MOST", std::to_string(reply.estimate.atMost));
-    appendField(fields, "DOCUMENTS", std::to_string(reply.estimate.documents));
+    appendField(fields, "ESTIMATE", fmt::to_string(reply.estimate.hits));
+    appendField(fields, "AT_MOST", fmt::to_string(reply.estimate.atMost));
+    appendField(fields, "DOCUMENTS", fmt::to_string(reply.estimate.documents));
     return wholeReply(oneRecordReply("200 OK", fields));
   }
   std::unique_ptr<ReplyEncoder> operator()(const StatusReply& reply) const {
     std::string fields;
-    appendField(fields, "STATUS_CODE", std::to_string(reply.code));
+    appendField(fields, "STATUS_CODE", fmt::to_string(reply.code));
     return wholeReply(oneRecordReply("200 OK", fields));
   }
   std::unique_ptr<ReplyEncoder> operator()(const TextReply& reply) const {

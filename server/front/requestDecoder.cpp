@@ -1,5 +1,7 @@
 #include "server/front/requestDecoder.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <charconv>
 #include <utility>
@@ -117,7 +119,7 @@ std::optional<std::string_view> RequestDecoder::takeHttpBlock() {
     if (known > limits_.headerBytes) {
       throw FramingError(
           ErrorKind::requestTooLarge,
-          "the header block is longer than " + std::to_string(limits_.headerBytes) + " bytes");
+          fmt::format("the header block is longer than {} bytes", limits_.headerBytes));
     }
     searched_ = known;
     if (lf == std::string_view::npos) return std::nullopt;
@@ -142,10 +144,10 @@ void RequestDecoder::startRequest(std::string_view block) {
   request_ = parseBlock(block);
   missing_ = parseContentLength(request_.header(words().contentLength));
   if (missing_ > limits_.contentBytes) {
-    throw FramingError(ErrorKind::requestTooLarge,
-                       "a request of " + std::to_string(missing_) +
-                           " bytes is announced, the server takes at most " +
-                           std::to_string(limits_.contentBytes));
+    throw FramingError(
+        ErrorKind::requestTooLarge,
+        fmt::format("a request of {} bytes is announced, the server takes at most {}", missing_,
+                    limits_.contentBytes));
   }
   inContent_ = true;
 }

@@ -1,5 +1,6 @@
 #include "server/store/collection.h"
 
+#include <fmt/format.h>
 #include <spdlog/spdlog.h>
 
 #include <algorithm>
@@ -65,12 +66,12 @@ void Collection::updateIndex() {
   }
   journal_.remove(last);
   if (refused.empty()) return;
-  const std::string count = std::to_string(refused.size());
+  const std::size_t count = refused.size();
   for (ParseOutcome& outcome : refused) pushOutcome(std::move(outcome), 0);
   throw ServerError(ErrorKind::documentsNotIndexed,
-                    count +
-                        " documents cannot be indexed, all others are searchable; "
-                        "getParseResult names them");
+                    fmt::format("{} documents cannot be indexed, all others are searchable; "
+                                "getParseResult names them",
+                                count));
 }
 
 // Only the last change of each key counts. Bringing in the earlier ones as well would cost time
@@ -143,8 +144,8 @@ void Collection::checkSize(const Document& document) const {
   for (const auto& [name, value] : document.metadata) bytes += name.size() + value.size();
   if (bytes <= limits_.documentBytes) return;
   throw ServerError(ErrorKind::documentTooLarge,
-                    "the document has " + std::to_string(bytes) + " bytes, more than the " +
-                        std::to_string(limits_.documentBytes) + " allowed");
+                    fmt::format("the document has {} bytes, more than the {} allowed", bytes,
+                                limits_.documentBytes));
 }
 
 void Collection::requireActive() const {

@@ -1,6 +1,7 @@
 #include "server/store/localStore.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <spdlog/spdlog.h>
 #include <sys/file.h>
 
@@ -165,7 +166,7 @@ std::filesystem::path LocalStore::pathOf(const std::string& name) const {
 
 // A name that directoryNameFor never gives.
 std::filesystem::path LocalStore::freshTemporary() {
-  std::filesystem::path path = collectionsRoot_ / (".passing-" + std::to_string(++temporaries_));
+  std::filesystem::path path = collectionsRoot_ / fmt::format(".passing-{}", ++temporaries_);
   std::filesystem::remove_all(path);
   std::filesystem::create_directory(path);
   return path;

@@ -1,5 +1,6 @@
 #include "server/store/xapianIndex.h"
 
+#include <fmt/format.h>
 #include <xapian.h>
 
 #include <algorithm>
@@ -123,8 +124,8 @@ class XapianIndex::Reader {
   Xapian::Query parse(const std::string& text, const IndexLimits& limits) {
     if (text.size() > limits.queryBytes) {
       throw ServerError(ErrorKind::queryTooBroad,
-                        "the query has " + std::to_string(text.size()) + " bytes, more than the " +
-                            std::to_string(limits.queryBytes) + " allowed");
+                        fmt::format("the query has {} bytes, more than the {} allowed", text.size(),
+                                    limits.queryBytes));
     }
     Xapian::QueryParser parser;
     parser.set_database(database_);
@@ -140,9 +141,8 @@ class XapianIndex::Reader {
     Xapian::Query query = parser.parse_query(lowerQueryWords(normalizeText(text)), flags);
     if (query.get_length() > limits.queryTerms) {
       throw ServerError(ErrorKind::queryTooBroad,
-                        "the query has " + std::to_string(query.get_length()) +
-                            " words, more than the " + std::to_string(limits.queryTerms) +
-                            " allowed");
+                        fmt::format("the query has {} words, more than the {} allowed",
+                                    query.get_length(), limits.queryTerms));
     }
     return query;
   }
@@ -314,8 +314,9 @@ XapianIndex::XapianIndex(std::filesystem::path path, IndexLimits limits)
     const std::string schema = Xapian::Database(path_.string()).get_metadata(kSchemaEntry);
     if (schema == kSchemaVersion) return true;
     throw ServerError(ErrorKind::storageFailed,
-                      path_.string() + " was written by another version of this server (schema " +
-                          shown(schema) + "); add its documents to a new collection");
+                      fmt::format("{} was written by another version of this server (schema {}); "
+                                  "add its documents to a new collection",
+                                  path_.string(), shown(schema)));
   });
 }
 
