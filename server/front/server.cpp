@@ -147,8 +147,12 @@ class Server::Core {
   std::vector<std::thread> threads_;
 };
 
-Server::Server(Dispatcher& dispatcher, ServerOptions options)
-    : core_(std::make_unique<Core>(dispatcher, options)) {}
+Server::Server(Dispatcher& dispatcher, ServerOptions options) {
+  // The first use of the log creates it. Two network threads must not be the first together, so it
+  // is created before any of the server's threads exists.
+  spdlog::default_logger();
+  core_ = std::make_unique<Core>(dispatcher, options);
+}
 
 Server::~Server() = default;
 

@@ -273,6 +273,15 @@ TEST_F(FrontTest, GarbageIsAnsweredWithAnErrorAndTheConnectionEnds) {
   expectServing();
 }
 
+// The refusals are the first thing that this process logs, and both network threads log them. The
+// thread sanitizer sees whether they set up the log together.
+TEST_F(FrontTest, NetworkThreadsFindTheLogSetUp) {
+  std::vector<RawClient> clients;
+  for (int i = 0; i < 40; ++i) clients.emplace_back(http_);
+  for (RawClient& client : clients) client.send("Content-Length  : many\n\r\n");
+  for (RawClient& client : clients) EXPECT_THAT(client.receiveAll(), HasSubstr("ZVK0001E"));
+}
+
 TEST_F(FrontTest, FourGigabytesThatAreOnlyAnnouncedAreRefusedInBothProtocols) {
   const Headers headers{{"action", "addDocument"}, {"Content-Length  ", "4294967295"}};
   RawClient http(http_);
