@@ -88,7 +88,7 @@ void startLog(const std::string& level) {
   spdlog::set_level(spdlog::level::from_str(level));
 }
 
-// Thousands of clients need more descriptors than most systems give unasked.
+// Thousands of clients need more descriptors than the usual default limit.
 void raiseDescriptorLimit() {
   rlimit limit{};
   if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
@@ -96,14 +96,14 @@ void raiseDescriptorLimit() {
   ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// Every thread inherits the mask, so that only the wait below takes the signals.
+// Every thread inherits the mask, so that only sigwait() receives the signals.
 sigset_t blockStopSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGTERM);
   sigaddset(&signals, SIGINT);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  // Broken pipes and files at their limit are errors to report, not reasons to die.
+  // A broken pipe or a file at its size limit is an error to report, not a reason to end.
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
   return signals;
@@ -119,7 +119,7 @@ std::string readyLines(const Server& server) {
   return lines;
 }
 
-// A reader finds the whole file or none.
+// Renamed into place, so that a reader finds the complete file or none.
 void writePortFile(const std::string& path, const std::string& lines) {
   if (path.empty()) return;
   const std::filesystem::path passing = path + ".new";

@@ -29,7 +29,7 @@ inline std::uint32_t loadU32(std::string_view bytes) {
   return static_cast<std::uint32_t>(loadU16(bytes)) << 16U | loadU16(bytes.substr(2));
 }
 
-/// A cursor over bytes that came from outside. Each read moves only when it succeeds.
+/// A cursor over bytes from outside. A read that fails does not move it.
 class ByteReader {
  public:
   explicit ByteReader(std::string_view bytes) : rest_(bytes) {}

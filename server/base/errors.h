@@ -6,7 +6,8 @@
 
 namespace corvaned {
 
-/// Everything the server refuses a request for. Each has one message id, see messageId().
+/// The reasons for which the server refuses a request. Each has its own message id, see
+/// messageId().
 enum class ErrorKind {
   malformedRequest,
   requestTooLarge,
@@ -32,7 +33,7 @@ enum class ErrorKind {
 /// docs/server.md and never change their meaning.
 std::string_view messageId(ErrorKind kind);
 
-/// A request that cannot be served. what() is one line for a person.
+/// A request that cannot be served. what() is one line of text for a person.
 class ServerError : public std::runtime_error {
  public:
   ServerError(ErrorKind kind, const std::string& text) : std::runtime_error(text), kind_(kind) {}
@@ -42,8 +43,8 @@ class ServerError : public std::runtime_error {
   ErrorKind kind_;
 };
 
-/// Text from outside made fit for an error message: one line, printable, at most `limit` bytes and
-/// cut between characters.
+/// Quotes text from outside for an error message: one printable line, at most `limit` bytes, cut
+/// between characters.
 std::string shown(std::string_view text, std::size_t limit = 120);
 
 /// The longest prefix of `text` that has at most `limit` bytes and does not end inside a UTF-8

@@ -24,7 +24,7 @@ std::uint64_t shifted(std::uint64_t length, std::int64_t error, std::uint64_t mo
   return less > length ? 0 : length - less;
 }
 
-// Does to the piece what is to be done; returns where the piece behind it is now.
+// Removes or doubles the piece.
 void tamper(Pieces& pieces, std::size_t index, Tamper how) {
   const auto place = pieces.begin() + static_cast<std::ptrdiff_t>(index);
   if (how == Tamper::missing) pieces.erase(place);
@@ -33,8 +33,8 @@ void tamper(Pieces& pieces, std::size_t index, Tamper how) {
 
 // ---- HTTP
 
-/// A reply with a length has one part, one in chunks as many as chunks; each part is a run of
-/// records.
+/// A reply with a Content-Length has one part, a chunked reply has one part per chunk. A part is a
+/// sequence of records.
 struct HttpReply {
   std::string head;
   bool chunked = false;
@@ -47,7 +47,8 @@ std::uint64_t numberIn(std::string_view digits, int base) {
   return value;
 }
 
-// The records of a part, each behind its length; one piece when it is no run of records.
+// Splits a part into records, each with its length in front. A part that does not consist of
+// records stays one piece.
 Pieces recordsOf(std::string_view body, bool first) {
   Pieces pieces;
   ByteReader reader(body);
@@ -86,7 +87,7 @@ bool isEnd(const std::string& piece) { return piece == std::string(4, '\0'); }
 
 void tamperWithEnd(HttpReply& reply, Tamper how) {
   Pieces& last = reply.parts.back();
-  // The first four bytes of the first part are no record.
+  // The first four bytes of the first part precede the records.
   const std::size_t least = reply.parts.size() == 1 ? 2 : 1;
   if (last.size() >= least && isEnd(last.back())) tamper(last, last.size() - 1, how);
 }
@@ -126,7 +127,7 @@ std::string falseHttp(std::string_view bytes, const Faults& faults) {
   std::int64_t error = faults.lengthError;
   for (const Pieces& part : reply.parts) {
     const std::string body = joined(part);
-    // A chunk without bytes would be the last one.
+    // An empty chunk would end the reply.
     if (body.empty()) continue;
     std::array<char, 16> digits{};
     const auto size = std::to_chars(digits.data(), digits.data() + digits.size(),
@@ -139,7 +140,7 @@ std::string falseHttp(std::string_view bytes, const Faults& faults) {
 
 // ---- Binary
 
-// The header, then the envelopes, or the error record behind its length.
+// The header, followed by the envelopes, or by the error record with its length.
 Pieces splitBinary(std::string_view bytes) {
   constexpr std::uint16_t kError = 6;
   Pieces pieces{std::string(bytes.substr(0, 2))};

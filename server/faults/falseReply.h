@@ -7,8 +7,8 @@
 
 namespace corvaned {
 
-/// A whole, well-formed reply made to lie as the faults say. What the reply does not have cannot be
-/// tampered with and is left as it is.
+/// Falsifies a complete, well-formed reply as the faults say. A fault in a part that the reply
+/// lacks has no effect.
 std::string falseReply(Framing framing, std::string_view reply, const Faults& faults);
 
 }  // namespace corvaned

@@ -13,8 +13,8 @@ std::uint64_t mixed(std::uint64_t value) {
   return value ^ value >> 31U;
 }
 
-// From 0 to just below 1. A function of the reply's number and not a running generator, so that
-// what a reply gets does not depend on which other rules asked before.
+// From 0 to just below 1. A function of the reply's number, not a generator with a state: what a
+// reply gets must not depend on which other rules drew before.
 double drawn(std::uint64_t seed, std::size_t rule, std::uint64_t number) {
   return std::ldexp(static_cast<double>(mixed(mixed(mixed(seed) + rule) + number) >> 11U), -53);
 }

@@ -8,14 +8,15 @@
 
 namespace corvaned {
 
-/// Deals a script's faults out to the replies of all connections, in the order in which they are
-/// begun. May be used from any number of threads. The same replies in the same order get the same
-/// faults.
+/// Assigns a script's faults to the replies of all connections in the order in which the replies
+/// begin. Replies that begin in the same order get the same faults again. May be used from any
+/// number of threads.
 class FaultPlan {
  public:
   explicit FaultPlan(FaultScript script);
 
-  /// The faults of the next reply: those of the first rule that picks it. All rules count it.
+  /// The faults of the next reply, from the first rule that picks it. Every matching rule counts
+  /// it.
   Faults next(Framing framing, std::string_view action);
 
  private:

@@ -24,7 +24,7 @@ constexpr std::string_view kConditions =
     "\"binary\"";
 constexpr std::string_view kFaultNames = "delay, split, drip, drop, reset, length, record or end";
 
-/// One statement, word by word. The marks ":" and "," are words of their own.
+/// One statement, split into words. ":" and "," count as words.
 class Words {
  public:
   Words(std::string_view statement, std::size_t line) : line_(line) {
@@ -143,7 +143,7 @@ Tamper takeTamper(Words& words) {
   return Tamper::extra;
 }
 
-// Returns what the fault decides about, which no second one of the same rule may decide again.
+// Returns what the fault determines; only one fault of a rule may determine it.
 std::string_view takeFault(Words& words, Faults& faults) {
   const std::string_view name = words.take("a fault");
   if (name == "delay") {

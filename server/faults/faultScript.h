@@ -18,26 +18,26 @@ enum class Tamper { none, missing, extra };
 
 /// What is done to one reply. Everything is off by default.
 struct Faults {
-  /// Before the first byte.
+  /// Pause before the first byte.
   std::chrono::milliseconds delay{0};
-  /// Most bytes of one write, 0: as many as there are; and the time between two writes.
+  /// Maximum number of bytes per write (0: no limit), and the pause between two writes.
   std::size_t piece = 0;
   std::chrono::milliseconds pause{0};
-  /// The connection ends, orderly or with a reset, when so many bytes of the reply are out.
+  /// The connection ends, in an orderly way or with a reset, after this many bytes of the reply.
   std::optional<std::uint64_t> dropAfter;
   std::optional<std::uint64_t> resetAfter;
   /// Added to the first length that frames the reply's body.
   std::int64_t lengthError = 0;
-  /// What happens to the last record and to the mark behind it.
+  /// What happens to the last record and to the end mark after it.
   Tamper record = Tamper::none;
   Tamper end = Tamper::none;
 
-  /// True when the reply's bytes themselves are changed.
+  /// True if the content of the reply is changed, not only how it is sent.
   bool lies() const { return lengthError != 0 || record != Tamper::none || end != Tamper::none; }
 };
 
-/// Which replies get which faults. A rule counts, from 1, the replies of its protocol and action
-/// and picks among them by number and by chance.
+/// Which replies get which faults. A rule counts the replies of its protocol and action from 1 and
+/// picks some of them by number and by chance.
 struct FaultRule {
   std::optional<Framing> protocol;
   std::string action;  // empty: any
@@ -53,7 +53,7 @@ struct FaultScript {
   std::vector<FaultRule> rules;
 };
 
-/// A script that is not understood. what() is one line for a person and names the script's line.
+/// A script with an error. what() is one line of text that names the line of the script.
 class FaultScriptError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -62,8 +62,8 @@ class FaultScriptError : public std::runtime_error {
 /// The language is described in docs/server.md. Throws FaultScriptError.
 FaultScript parseFaultScript(std::string_view text);
 
-/// The script in the file of that name, or, when there is no such file, the text itself if it has a
-/// colon as every script does. Throws FaultScriptError.
+/// Reads the script from the file of that name. If there is no such file, and the text has a colon
+/// as every script does, the text itself is the script. Throws FaultScriptError.
 FaultScript loadFaultScript(const std::string& fileOrText);
 
 }  // namespace corvaned

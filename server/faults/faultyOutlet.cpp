@@ -37,7 +37,7 @@ class FaultyOutlet : public Outlet {
     timer_.cancel();
   }
 
-  /// A reply that has bytes begins.
+  /// Called when a reply has its first bytes.
   const Faults& begin() {
     faults_ = plan_->next(framing_, action_);
     action_.clear();
@@ -60,7 +60,7 @@ class FaultyOutlet : public Outlet {
 
   void finish(Result result) { std::exchange(done_, nullptr)(result); }
 
-  // How many bytes may go out before the connection ends.
+  // How many more bytes are sent before the connection ends.
   std::uint64_t allowance() const {
     const auto limit = faults_.dropAfter ? faults_.dropAfter : faults_.resetAfter;
     return limit ? *limit - sent_ : rest_.size() + std::uint64_t{1};
@@ -101,21 +101,21 @@ class FaultyOutlet : public Outlet {
   const Framing framing_;
   const std::shared_ptr<FaultPlan> plan_;
 
-  // The reply that is being sent.
+  // The current reply.
   std::string action_;
   Faults faults_;
   std::uint64_t sent_ = 0;
   bool delayed_ = false;
 
-  // The write that is under way. What waits for the system holds a copy of `done_`, and with it the
-  // connection that owns all this.
+  // The current write. Pending asynchronous operations hold a copy of `done_`, which keeps the
+  // connection, and thus this object, alive.
   std::string_view rest_;
   Done done_;
   bool cancelled_ = false;
 };
 
-/// Asks for the reply's faults when its first bytes are there: what sends no bytes is no reply and
-/// must not be counted. A reply that is to lie is gathered first.
+/// Asks for the faults only when the reply has its first bytes, since the script must not count a
+/// request without a reply. A reply whose content is changed is gathered first.
 class FaultyReply : public ReplyEncoder {
  public:
   FaultyReply(FaultyOutlet& outlet, std::unique_ptr<ReplyEncoder> encoder)

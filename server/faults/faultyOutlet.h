@@ -8,8 +8,7 @@ namespace corvaned {
 
 class OutletFactory;
 
-/// Outlets that together carry out the script: each reply of the server, whichever connection it
-/// goes to, is one reply of the script.
+/// Outlets that share one script: it counts the replies of all connections together.
 std::shared_ptr<OutletFactory> faultyOutlets(FaultScript script);
 
 }  // namespace corvaned

@@ -44,7 +44,7 @@ void readNumber(const Request& request, const std::string& name, std::uint64_t& 
   value = parsed;
 }
 
-// `second` unless the parameter says `first`; anything else is refused.
+// True if the parameter is `first`; false if it is `second` or missing. Refuses any other value.
 bool chooses(const Request& request, const std::string& name, std::string_view first,
              std::string_view second) {
   const std::string_view value = request.header(name);
@@ -111,8 +111,8 @@ Reply onCollection(const Service& service, Request& request) {
   return DoneReply{};
 }
 
-// The collection's name is looked at first in each of these, so that a request with several faults
-// is always refused for the same one.
+// Each of these checks the collection's name first, so that a request with several errors is always
+// refused for the same one.
 Reply addDocument(const Service& service, Request& request) {
   const std::string collection = collectionOf(request);
   service.store.addDocument(collection, requireDocument(request));
@@ -168,7 +168,8 @@ Reply notSupported(const Service&, Request& request) {
 constexpr auto kAlways = Action::Answer::always;
 constexpr auto kNever = Action::Answer::never;
 
-// The client library has no names for the actions, so that they stand here.
+// The client library's vocabulary has no action names; this table is their only place in the
+// server.
 constexpr std::array<Action, 19> kActions{{
     {"createCollection", Workload::write, kAlways, createCollection},
     {"openCollection", Workload::read, kAlways, onCollection<&Store::openCollection>},

@@ -9,28 +9,29 @@
 
 namespace corvaned {
 
-/// Which of the server's worker groups serves a request: searches never wait behind disks, and
-/// neither they nor new documents wait while an index is brought up to date.
+/// Which group of workers serves a request. With separate groups a search never waits for a sync to
+/// disk, and neither a search nor a new document waits for an index update.
 enum class Workload { read, write, index };
 
-/// What the actions work with.
+/// What an action works on.
 struct Service {
   Store& store;
   const std::string& version;
 };
 
-/// Something that a request may ask for.
+/// What a request can ask for.
 struct Action {
   enum class Answer { always, never };
 
   std::string_view name;
   Workload workload;
   Answer answer;
-  /// Throws ServerError when it refuses the request. May consume the request's content.
+  /// Throws ServerError if it refuses the request. May consume the request's content.
   Reply (*serve)(const Service& service, Request& request);
 };
 
-/// The action of that name, also one that the server knows and refuses; null when there is none.
+/// The action of that name, or null. Includes the actions that the server knows but does not
+/// support.
 const Action* findAction(std::string_view name);
 
 }  // namespace corvaned

@@ -67,7 +67,7 @@ class EnvelopesReply : public ReplyEncoder {
   }
 
  protected:
-  /// Appends one envelope; false when there is none left.
+  /// Appends the next envelope; false if there is none.
   virtual bool appendNext(std::string& portion) = 0;
 
  private:
@@ -85,8 +85,8 @@ class BinaryHits : public EnvelopesReply {
     payload_.clear();
     if (reply_.withScore) appendU16(payload_, hit_.milliScore);
     payload_ += hit_.key;
-    // Always the same status within a reply: a hit without a score would be taken to have the score
-    // of the hit in front of it.
+    // All envelopes of a reply have the same status: a client would give a hit without a score the
+    // score of the previous hit.
     appendEnvelope(portion, reply_.withScore ? kWithScore : kSuccess, payload_);
     return true;
   }
@@ -125,7 +125,7 @@ struct BinaryForm {
   std::unique_ptr<ReplyEncoder> operator()(OutcomesReply&& reply) const {
     return std::make_unique<BinaryOutcomes>(std::move(reply));
   }
-  // The last two of the three numbers travel in crossed order.
+  // The protocol puts the number of documents before the upper bound.
   std::unique_ptr<ReplyEncoder> operator()(const EstimateReply& reply) const {
     std::string payload;
     appendU32(payload, clamped(reply.estimate.hits));

@@ -13,15 +13,16 @@ namespace corvaned {
 namespace {
 
 constexpr std::size_t kReadBytes = std::size_t{64} << 10U;
-// Reads in a row before other connections get their turn.
+// Maximum number of consecutive reads before other connections get their turn.
 constexpr int kReadsPerTurn = 16;
-// Up to this a connection's input is never too much: a small request is worth its place.
+// A connection may always buffer this much, so that small requests are served even when the total
+// is exhausted.
 constexpr std::size_t kFreeBytes = std::size_t{64} << 10U;
-// How long a client whose request could not be understood is listened to after the reply. Closing
-// at once would make its system throw the reply away while it is still sending.
+// How long the server keeps reading after it has refused a request that it could not decode. If it
+// closed at once while the client still sends, the client's system would discard the reply.
 constexpr std::chrono::milliseconds kDrainTime{2000};
 
-// One buffer a thread instead of one a connection: most of thousands of connections are idle.
+// One buffer per thread, not per connection: of thousands of connections most are idle.
 std::array<char, kReadBytes>& readBuffer() {
   thread_local std::array<char, kReadBytes> buffer;
   return buffer;
@@ -118,8 +119,7 @@ void Connection::abort() {
   asio::post(socket_.get_executor(), [self = shared_from_this()] { self->close(); });
 }
 
-// A failure that only this connection can have caused, running out of memory above all, ends this
-// connection and no other.
+// A failure, such as lack of memory, ends the connection that caused it and no other.
 template <typename Step>
 void Connection::guarded(const Step& step) {
   try {
@@ -254,7 +254,7 @@ void Connection::writeEnded(Outlet::Result result) {
 }
 
 void Connection::outputWritten() {
-  // A long reply's buffer is not kept for the next one.
+  // Frees the buffer; clear() would keep the size of a long reply.
   std::string().swap(output_);
   if (!fillOutput()) state_ = State::brokenReply;
   if (!output_.empty()) return writeOutput();

@@ -36,16 +36,16 @@ class ConnectionContext {
   std::unique_ptr<Outlet> outlet(ClientSocket& socket, Framing framing);
   bool stopping() const { return stopping_; }
 
-  /// A connection that held `before` bytes of requests holds `now`. False when that is too much for
-  /// what all connections hold together.
+  /// A connection that buffered `before` bytes of requests now buffers `now`. False if that exceeds
+  /// the total of all connections.
   bool account(std::size_t before, std::size_t now);
 
-  /// False when there are too many already.
+  /// False if there are too many connections.
   bool enter(const std::shared_ptr<Connection>& connection);
   void leave(const std::shared_ptr<Connection>& connection);
 
-  /// Ends the idle connections at once and the others after their reply; waits for at most
-  /// stopTimeout, then cuts off what is left.
+  /// Ends idle connections at once and the others after their reply. Waits at most stopTimeout,
+  /// then cuts off the rest.
   void stopConnections();
   void joinWorkers();
 
@@ -65,8 +65,8 @@ class ConnectionContext {
   std::unordered_set<std::shared_ptr<Connection>> connections_;  // Guarded by mutex_.
 };
 
-/// One client. It serves one request at a time and reads no further meanwhile, so that a client
-/// that sends without reading is held back by its own socket.
+/// One client. It serves one request at a time and reads nothing meanwhile, so that the socket's
+/// flow control slows down a client that sends without reading.
 ///
 /// The state, the socket and the timer belong to the strand. While a worker serves a request
 /// nothing waits on the socket, and the decoder, the encoder and the output belong to the worker,
@@ -78,22 +78,23 @@ class Connection : public std::enable_shared_from_this<Connection> {
   Connection(Socket socket, Framing framing, ConnectionContext& context);
 
   void start();
-  /// From any thread: end now if nothing is being served, else after the reply.
+  /// From any thread: ends now if nothing is being served, otherwise after the reply.
   void finish();
-  /// From any thread: end now.
+  /// From any thread: ends now.
   void abort();
 
  private:
   enum class State {
-    /// Waits for a request, or for the rest of one.
+    /// Waiting for a request, or for the rest of one.
     listening,
-    /// A worker serves a request, or its reply is being written.
+    /// A worker is serving a request, or its reply is being written.
     serving,
-    /// The same; after this reply no request is read any more.
+    /// The same, and no further request is read after this reply.
     lastReply,
-    /// The same; the reply cannot be completed, so the connection ends where it breaks off.
+    /// The same, but the reply cannot be completed: the connection closes where the reply breaks
+    /// off.
     brokenReply,
-    /// Everything is said; what the client still sends is thrown away.
+    /// Everything is sent; what the client still sends is read and discarded.
     draining,
     closed,
   };
@@ -134,10 +135,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
   std::string output_;
   std::unique_ptr<Outlet> outlet_;
 
-  // What the context was last told that this connection holds.
+  // The number of buffered bytes that the context knows of.
   std::size_t accounted_ = 0;
   State state_ = State::listening;
-  // The client has sent its last byte; what it asked for is still answered.
+  // The client has ended its sending side; its earlier requests are still answered.
   bool inputEnded_ = false;
 };
 

@@ -6,7 +6,7 @@
 
 namespace corvaned {
 
-/// What stands behind the header block of a request that carries a document.
+/// What follows the header block of a request that carries a document.
 ///
 ///     0  4  reserved
 ///     4  4  T, the number of bytes that follow
@@ -14,17 +14,17 @@ namespace corvaned {
 ///           the metadata, then "rowId" and the key, then, for a document with content, "data" and
 ///           the content
 ///
-/// A block with T = 0 says that no more documents follow.
+/// A block with T = 0 announces that no more documents follow.
 struct DocumentBlock {
   bool terminate = false;
   Document document;
 };
 
-/// Decodes a whole block. Throws ServerError(badDocument) saying what is wrong. The content, which
-/// is the block's end, stays in the memory that `bytes` brought.
+/// Decodes a complete block. Throws ServerError(badDocument) that says what is wrong. The content
+/// is moved, not copied: it stays in the memory of `bytes`.
 DocumentBlock parseDocumentBlock(std::string bytes);
 
-/// Longest key that can be stored, in bytes.
+/// Maximum length of a key in bytes.
 constexpr std::size_t kMaxKeyBytes = 128;
 
 }  // namespace corvaned

@@ -4,7 +4,8 @@
 
 namespace corvaned {
 
-/// How a request's header block is delimited: by its own last line, or by a length in front of it.
+/// How a request's header block is delimited: by an empty last line (http), or by a length before
+/// it (binary).
 enum class Framing { http, binary };
 
 /// The protocol's name in ready lines and messages.

@@ -12,7 +12,7 @@
 namespace corvaned {
 namespace {
 
-// What the first four bytes of a result body say is nobody's business; clients skip them.
+// Clients skip the first four bytes of a result body.
 constexpr std::uint32_t kBodyStart = 0;
 constexpr std::uint32_t kNoMoreRecords = 0;
 
@@ -42,8 +42,8 @@ std::string oneRecordReply(std::string_view status, std::string_view fields) {
   return withLength(status, body);
 }
 
-/// A run of records. It goes out in chunks, each of whole records; one that turns out to be short
-/// goes out with a length unless chunks are asked for.
+/// A sequence of records. It is sent in chunks of whole records; if it fits into one portion it is
+/// sent with a length instead, unless chunks are asked for.
 class RecordsReply : public ReplyEncoder {
  public:
   explicit RecordsReply(bool alwaysChunked) : alwaysChunked_(alwaysChunked) {}
@@ -63,7 +63,7 @@ class RecordsReply : public ReplyEncoder {
   }
 
  protected:
-  /// Appends one record; false when there is none left.
+  /// Appends the next record; false if there is none.
   virtual bool appendNext(std::string& portion) = 0;
 
  private:

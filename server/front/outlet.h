@@ -16,15 +16,15 @@ namespace corvaned {
 /// A client's socket, whose handlers run one at a time.
 using ClientSocket = asio::basic_stream_socket<asio::ip::tcp, asio::strand<asio::any_io_executor>>;
 
-/// The write side of one connection: how the bytes of its replies come to the wire. Belongs to the
-/// connection and is used by one thread at a time, as the connection is.
+/// The write side of one connection: sends the bytes of its replies. Belongs to the connection and,
+/// like it, is used by one thread at a time.
 class Outlet {
  public:
   enum class Result {
     written,
-    /// The connection is of no more use.
+    /// The connection is broken.
     failed,
-    /// Nothing more is to be said to this client.
+    /// Nothing more is to be sent to this client.
     ended,
   };
   using Done = std::function<void(Result)>;
@@ -36,11 +36,11 @@ class Outlet {
 
   /// The next reply answers this request.
   virtual void asked(const Request& request) = 0;
-  /// Called once a reply; what is returned is to be sent in its place.
+  /// Called once per reply. The encoder that it returns is sent in place of `encoder`.
   virtual std::unique_ptr<ReplyEncoder> reply(std::unique_ptr<ReplyEncoder> encoder) = 0;
-  /// Writes all of `bytes`, which live until `done` is called.
+  /// Writes all of `bytes`, which stay valid until `done` is called.
   virtual void write(std::string_view bytes, Done done) = 0;
-  /// The socket is being closed: whatever write() still waits for ends now.
+  /// The socket is being closed: ends whatever write() still waits for.
   virtual void cancel() = 0;
 };
 
@@ -55,7 +55,7 @@ class OutletFactory {
   virtual std::unique_ptr<Outlet> make(ClientSocket& socket, Framing framing) = 0;
 };
 
-/// Writes what it is given.
+/// Writes the replies unchanged.
 std::unique_ptr<Outlet> plainOutlet(ClientSocket& socket);
 
 }  // namespace corvaned

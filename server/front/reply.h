@@ -38,7 +38,7 @@ struct TextReply {
   std::string text;
 };
 
-/// What is to be said, in no protocol yet.
+/// The reply to a request, independent of the protocol.
 using Reply = std::variant<NoReply, DoneReply, ErrorReply, HitsReply, OutcomesReply, EstimateReply,
                            StatusReply, TextReply>;
 

@@ -8,26 +8,26 @@
 
 namespace corvaned {
 
-/// Turns one reply into bytes, a portion at a time, so that a long result waits on the disk's side
-/// of a slow client and not in a buffer for it.
+/// Turns one reply into bytes, one portion at a time, so that a slow client does not make the
+/// server buffer a long result.
 class ReplyEncoder {
  public:
   virtual ~ReplyEncoder() = default;
-  /// Appends the next bytes to `out`; false when there are none left. When it throws, the reply
-  /// cannot be ended properly and the connection must be closed: an end mark would make half a
-  /// result look whole.
+  /// Appends the next bytes to `out`; once there are none left, appends nothing and returns false.
+  /// If it throws, the connection must be closed without an end mark, which would make half a
+  /// result look complete.
   virtual bool next(std::string& out) = 0;
 };
 
-/// The encoder of a protocol. A reply that is not to be sent has none left from the start.
+/// The encoder of a protocol. For NoReply, next() appends nothing and returns false.
 std::unique_ptr<ReplyEncoder> encodeHttp(Reply reply);
 std::unique_ptr<ReplyEncoder> encodeBinary(Reply reply);
 std::unique_ptr<ReplyEncoder> encode(Framing framing, Reply reply);
 
-/// The encoder of a reply that is there as a whole; of one without bytes there is nothing to send.
+/// The encoder of a reply whose bytes are already complete.
 std::unique_ptr<ReplyEncoder> wholeReply(std::string bytes);
 
-/// How many bytes of records an encoder gathers before it hands them out.
+/// How many bytes of records an encoder gathers into one portion.
 constexpr std::size_t kPortionBytes = 16384;
 
 }  // namespace corvaned

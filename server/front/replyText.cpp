@@ -9,7 +9,7 @@
 namespace corvaned {
 namespace {
 
-// An error record fits the smallest read that a client makes for one.
+// Keeps an error record within the smallest read that a client makes for one.
 constexpr std::size_t kMaxErrorText = 600;
 
 }  // namespace

@@ -7,17 +7,16 @@
 
 namespace corvaned {
 
-/// How a document is named in replies: "base64:" and the Base64 form of its key, whatever bytes the
-/// key is made of.
+/// The name of a document in replies: "base64:" and the Base64 form of its key.
 std::string documentId(std::string_view key);
 
-/// A score as text, exactly three decimals: "1.000", "0.042".
+/// A score as text with exactly three decimals: "1.000", "0.042".
 std::string scoreText(std::uint16_t milliScore);
 
 /// How a protocol writes one field of a record.
 using FieldAppender = void (*)(std::string& out, std::string_view name, std::string_view value);
 
-/// The fields that tell of an error, and those that tell what became of a queued document.
+/// The fields of an error, and those of a queued document's outcome.
 std::string messageFields(FieldAppender append, std::string_view id, const std::string& text);
 std::string outcomeFields(FieldAppender append, const ParseOutcome& outcome);
 

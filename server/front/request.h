@@ -6,17 +6,18 @@
 
 namespace corvaned {
 
-/// One request as it came off the wire, framing removed and nothing interpreted yet.
+/// One request as received: without its framing, and not interpreted yet.
 struct Request {
-  /// Header names and values exactly as sent, UTF-8. Of a name sent twice the last value counts.
+  /// Header names and values exactly as sent, in UTF-8. If a name was sent twice, the last value
+  /// counts.
   std::map<std::string, std::string, std::less<>> headers;
-  /// The bytes behind the header block, as many as were announced.
+  /// The bytes after the header block, as many as were announced.
   std::string content;
-  /// Why the header block is no list of names and values; empty when it is one. Such a request is
-  /// refused, but where it ends is known, so its connection goes on.
+  /// Why the header block is malformed; empty if it is not. The request is then refused, but since
+  /// its end is known the connection can go on.
   std::string defect;
 
-  /// The value of a header, empty when it was not sent.
+  /// The value of a header; empty if it was not sent.
   std::string_view header(std::string_view name) const {
     const auto found = headers.find(name);
     return found == headers.end() ? std::string_view{} : std::string_view{found->second};

@@ -48,7 +48,7 @@ void addLine(Request& request, std::string_view line) {
   }
 }
 
-// `block` ends with the LF of its last line; the block's own end is not part of it.
+// `block` ends with the LF of its last line, without the CR LF that ends the block.
 Request parseBlock(std::string_view block) {
   Request request;
   while (!block.empty()) {
@@ -59,8 +59,8 @@ Request parseBlock(std::string_view block) {
   return request;
 }
 
-// The lines of a block whose size is known. CR LF at a line's start ends it, and nothing may
-// follow.
+// The lines of a block of known size. CR LF at the start of a line ends the block and must be its
+// last bytes.
 std::string_view linesOf(std::string_view block) {
   std::size_t lineStart = 0;
   while (lineStart < block.size()) {
@@ -112,7 +112,7 @@ std::optional<std::string_view> RequestDecoder::takeHttpBlock() {
   for (;;) {
     const std::string_view line = held.substr(lineStart_);
     if (line.starts_with(kBlockEnd)) break;
-    // The first half of the end is not a line that is too long yet.
+    // This CR may be the first half of the block's end, which does not count towards its length.
     if (line == kBlockEnd.substr(0, 1)) return std::nullopt;
     const std::size_t lf = held.find('\n', std::max(searched_, lineStart_));
     const std::size_t known = lf == std::string_view::npos ? held.size() : lf + 1;
@@ -162,7 +162,7 @@ void RequestDecoder::moveContent() {
 
 void RequestDecoder::compact() {
   if (position_ < pending_.size()) {
-    // Moving the rest down on every call would cost a copy per request of a large batch.
+    // Moving the rest to the front on every call would copy a large batch once per request.
     if (position_ < pending_.size() / 2) return;
     pending_.erase(0, position_);
   } else {

@@ -18,10 +18,10 @@ namespace {
 
 using asio::ip::tcp;
 
-// How long to wait before taking connections again when the system has no room for another one.
+// How long to wait before accepting again when the system is out of descriptors or memory.
 constexpr std::chrono::milliseconds kAcceptPause{100};
 
-/// One listening socket. It lives as long as its handlers do.
+/// One listening socket. Its pending handlers keep it alive.
 class Acceptor : public std::enable_shared_from_this<Acceptor> {
  public:
   Acceptor(asio::io_context& io, Framing framing, ConnectionContext& context)
@@ -139,7 +139,7 @@ class Server::Core {
     }
   }
 
-  // Before the context, whose connections hold timers and sockets of it.
+  // Declared before the context, because the context's connections own timers and sockets of it.
   asio::io_context io_;
   asio::executor_work_guard<asio::io_context::executor_type> busy_ = asio::make_work_guard(io_);
   ConnectionContext context_;

@@ -11,8 +11,8 @@
 
 namespace corvaned {
 
-/// The sockets in front of a dispatcher. A slow client costs a connection and a bounded buffer, and
-/// never a thread.
+/// Accepts connections and has a dispatcher serve their requests. A slow client costs a connection
+/// and a bounded buffer, but no thread.
 class Server {
  public:
   struct Listener {
@@ -26,15 +26,15 @@ class Server {
   /// Stops.
   ~Server();
 
-  /// Binds and serves from now on, on threads of its own. Throws std::runtime_error naming the
-  /// address that cannot be had.
+  /// Listens, and serves requests on its own threads. Throws std::runtime_error that names the
+  /// address if it cannot listen there.
   void start();
 
-  /// Where the server can be reached, once start() has returned.
+  /// Where the server can be reached. Empty until start() has returned.
   const std::vector<Listener>& listeners() const { return listeners_; }
 
-  /// Takes no more connections or requests, lets those that are being served finish for at most
-  /// stopTimeout, and returns when every thread has ended. May be called more than once.
+  /// Accepts no further connections and requests, waits at most stopTimeout for requests that are
+  /// being served, and returns when every thread has ended. May be called more than once.
   void stop();
 
  private:

@@ -14,27 +14,26 @@ namespace corvaned {
 class OutletFactory;
 
 struct ServerOptions {
-  /// A numeric address. Loopback unless somebody decides otherwise: there is no authentication.
+  /// A numeric address. Loopback by default, because there is no authentication.
   std::string listen = "127.0.0.1";
-  /// 0 picks a free port; no value, no listener.
+  /// 0: any free port. No value: no listener.
   std::optional<std::uint16_t> httpPort;
   std::optional<std::uint16_t> binaryPort;
 
   DecoderLimits limits;
-  /// Most bytes of requests that are not answered yet, all connections together. Beyond that, those
-  /// that hold much are refused until others are done.
+  /// Maximum number of bytes of requests not yet served, over all connections. Above that,
+  /// connections that hold much are refused until others are done.
   std::size_t bufferedBytes = std::size_t{2} << 30U;
-  /// More connections than that are closed as soon as they are made.
+  /// Maximum number of connections; further ones are closed at once.
   std::size_t connections = 10000;
-  /// A client that is in the middle of a request or a reply and moves no byte for this long is cut
-  /// off. 0: never.
+  /// A client that moves no byte for this long within a request or a reply is cut off. 0: never.
   std::chrono::milliseconds stallTimeout{60000};
-  /// The same for a client that asks for nothing. 0: never.
+  /// A client that sends no request for this long is cut off. 0: never.
   std::chrono::milliseconds idleTimeout{0};
   /// How long stop() waits for requests that are being served.
   std::chrono::milliseconds stopTimeout{10000};
 
-  /// How replies come to the wire. None: as they are.
+  /// How replies are sent. None: unchanged.
   std::shared_ptr<OutletFactory> outlets;
 
   unsigned networkThreads = 2;

@@ -4,8 +4,8 @@
 
 namespace corvaned {
 
-/// The protocol's words as UTF-8, taken once from the library's vocabulary so that client and
-/// server cannot come to spell them differently.
+/// The protocol's words in UTF-8, taken from the client library's vocabulary so that client and
+/// server cannot spell them differently.
 struct Words {
   // Header names.
   std::string action, collection, collectionName, contentLength, query, mode, start, size,

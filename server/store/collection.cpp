@@ -74,8 +74,8 @@ void Collection::updateIndex() {
                                 count));
 }
 
-// Only the last change of each key counts. Bringing in the earlier ones as well would cost time
-// and, between two transactions, show a document that has been deleted since.
+// Passes on only the last change of each key. The earlier ones would cost time and could make a
+// deleted document visible between two transactions.
 void Collection::lastChanges(std::uint64_t segment,
                              const std::function<void(Change&&)>& take) const {
   std::unordered_map<std::string, std::uint64_t> lastOfKey;
@@ -155,7 +155,8 @@ void Collection::requireActive() const {
 
 void Collection::hide(std::uint64_t segment, const std::string& key) {
   const std::lock_guard lock(hiddenMutex_);
-  // An index update has overtaken the deletion; what it brought in under this key came later.
+  // An index update has already applied this deletion; a document with this key in the index is
+  // newer.
   if (segment <= indexed_) return;
   std::uint64_t& known = hidden_[key];
   known = std::max(known, segment);
@@ -169,14 +170,14 @@ std::vector<std::string> Collection::hidden() const {
   return keys;
 }
 
-// Filtering costs every search something for each key; a commit now and then costs less.
+// Every search pays for each key that it filters; an occasional commit costs less.
 void Collection::removeHiddenFromIndex() {
   {
     const std::lock_guard lock(hiddenMutex_);
     if (hidden_.size() <= limits_.hiddenKeys) return;
   }
   const std::unique_lock indexing(indexMutex_, std::try_to_lock);
-  // An index update that is under way brings the deletions in anyway.
+  // An index update in progress applies the deletions anyway.
   if (!indexing.owns_lock() || retired_) return;
   const std::vector<std::string> keys = hidden();
   const auto removals = [&](const std::function<void(Change &&)>& take) {
@@ -185,7 +186,7 @@ void Collection::removeHiddenFromIndex() {
   try {
     index_.apply(removals, [this] { return retired_.load(); });
   } catch (const ServerError& error) {
-    // The deletions are on disk and hold; searches go on filtering.
+    // The deletions are in the journal, and searches keep filtering them.
     spdlog::warn("collection {}: {}", shown(name_), error.what());
     return;
   }

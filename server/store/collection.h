@@ -20,16 +20,18 @@ namespace corvaned {
 
 struct StoreLimits {
   IndexLimits index;
-  /// Largest document, metadata and content together, in bytes.
+  /// Maximum size of a document in bytes, metadata and content together.
   std::size_t documentBytes = std::size_t{64} << 20U;
-  /// Outcomes kept for a client that does not ask for them; the oldest are forgotten beyond that.
+  /// Maximum number of outcomes that are kept until a client asks for them. The oldest are dropped
+  /// first.
   std::size_t outcomes = 1000000;
-  /// Deletions that searches filter out; more of them are brought into the index at once.
+  /// Maximum number of deleted keys that searches filter out. If there are more, they are removed
+  /// from the index at once.
   std::size_t hiddenKeys = 500;
 };
 
-/// One collection in one directory: a journal of accepted changes and the index they go to with
-/// updateIndex. May be used from any thread; see Store for what each operation promises.
+/// One collection in one directory: a journal of accepted changes, and the index into which
+/// updateIndex brings them. May be used from any thread. Store says what each operation promises.
 class Collection {
  public:
   static void create(const std::filesystem::path& directory, const std::string& language);
@@ -47,8 +49,7 @@ class Collection {
   CollectionState state() const;
   void releaseHandles() { index_.releaseHandles(); }
 
-  /// Refuses everything from now on and returns when nothing is under way that would touch the
-  /// directory.
+  /// Makes all further operations fail, and returns when no operation uses the directory any more.
   void retire();
 
  private:
@@ -64,17 +65,17 @@ class Collection {
   const std::string name_;
   const StoreLimits limits_;
 
-  // Held shared while a change is appended, so that retire() can wait for the last one.
+  // Held shared while a change is appended, so that retire() can wait for appends that have begun.
   mutable std::shared_mutex gate_;
   std::atomic<bool> retired_ = false;
 
-  // Keys deleted since the index was last updated, with the journal segment that says so, and the
-  // last segment that the index has.
+  // Keys deleted since the last updateIndex, each with the journal segment of its deletion, and the
+  // last segment that is in the index.
   mutable std::mutex hiddenMutex_;
   std::unordered_map<std::string, std::uint64_t> hidden_;
   std::uint64_t indexed_ = 0;
 
-  // What became of queued documents.
+  // The outcomes of queued documents, and the journal ticket of the last one.
   std::mutex outcomesMutex_;
   std::deque<ParseOutcome> outcomes_;
   std::uint64_t outcomesTicket_ = 0;
@@ -82,7 +83,7 @@ class Collection {
   // One writer at a time.
   std::mutex indexMutex_;
 
-  // Behind the members that opening it fills.
+  // Opening the journal fills the members above, so it must be declared after them.
   Journal journal_;
   XapianIndex index_;
 };

@@ -27,14 +27,14 @@ class FileHandle {
   int descriptor_ = -1;
 };
 
-/// Throws ServerError(storageFailed): what could not be done, to which file, and the system's
-/// reason from errno.
+/// Throws ServerError(storageFailed) that says what failed, on which file, and why according to
+/// errno.
 [[noreturn]] void throwSystemError(const std::string& what, const std::filesystem::path& path);
 
 /// open(2), close-on-exec. Throws as above.
 FileHandle openFile(const std::filesystem::path& path, int flags);
 
-/// Writes all bytes at the end of the file. Throws as above; part of them may then be written.
+/// Writes all bytes to the file. Throws as above, possibly after writing part of them.
 void writeAll(const FileHandle& file, std::string_view bytes, const std::filesystem::path& path);
 
 /// fdatasync(2). Throws as above.

@@ -76,7 +76,7 @@ std::optional<Change> decodePayload(std::string_view payload) {
   return change;
 }
 
-/// Reads one segment from its start.
+/// Reads the entries of one segment.
 class SegmentReader {
  public:
   explicit SegmentReader(const std::filesystem::path& path)
@@ -85,7 +85,7 @@ class SegmentReader {
   std::uint64_t goodBytes() const { return position_; }
   bool atEnd() const { return position_ == size_; }
 
-  /// The next entry, or nothing at the end and at the first bytes that are no entry.
+  /// The next entry; nothing at the end of the file, or if the next bytes are not a whole entry.
   std::optional<Change> next() {
     const auto header = peek(kEntryHeader);
     if (!header || header->substr(0, kMagic.size()) != kMagic) return std::nullopt;
@@ -105,7 +105,7 @@ class SegmentReader {
 
  private:
   std::optional<std::string_view> peek(std::size_t count) {
-    // Compared with the file's size first: a damaged length must not become an allocation.
+    // Compared with the file's size first, so that a damaged length does not become an allocation.
     if (count > size_ - position_) return std::nullopt;
     if (buffer_.size() - start_ < count) fill(count);
     if (buffer_.size() - start_ < count) return std::nullopt;
@@ -230,8 +230,8 @@ void Journal::read(std::uint64_t last, const Visitor& visitor) const {
 
 void Journal::remove(std::uint64_t last) {
   const std::lock_guard lock(mutex_);
-  // Oldest first and one by one, also on disk: an older change that came back without the newer
-  // ones would undo them.
+  // Removed and synced one by one, oldest first. If a crash left an older segment without a newer
+  // one, replaying it would undo the newer changes.
   while (segments_.front().number <= last) {
     std::filesystem::remove(pathOf(segments_.front().number));
     segments_.erase(segments_.begin());
@@ -270,7 +270,8 @@ void Journal::startSegment(std::uint64_t number) {
   try {
     syncDirectory(directory_);
   } catch (...) {
-    // The next attempt must find the name free, and a restart no segment behind the current one.
+    // The next attempt must find the name unused, and a restart must not find a segment after the
+    // current one.
     std::error_code ignored;
     std::filesystem::remove(file->path, ignored);
     throw;
@@ -303,7 +304,7 @@ void Journal::requireHealthy() const {
                         failure_);
 }
 
-// What a failed write left behind would damage the entries that follow it.
+// The entries that follow would be unreadable after the remains of a failed write.
 void Journal::takeBack(std::uint64_t bytes, const std::string& reason) {
   if (::ftruncate(current_->handle.get(), static_cast<off_t>(bytes)) != 0) failure_ = reason;
 }

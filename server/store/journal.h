@@ -14,10 +14,10 @@
 
 namespace corvaned {
 
-/// The accepted changes of one collection that its index does not have yet, in order, on disk.
+/// The accepted changes of a collection that are not in its index yet, in order, on disk.
 ///
-/// A journal is a row of segment files. Changes are appended to the last one; rotate() closes it
-/// and starts another, so that the closed ones can be brought into the index and removed while new
+/// A journal consists of segment files. Changes are appended to the last one; rotate() closes it
+/// and starts another, so that closed segments can be brought into the index and removed while new
 /// changes arrive. An entry is
 ///
 ///     0   4  "KRJ1"
@@ -26,42 +26,42 @@ namespace corvaned {
 ///     12     payload: kind (1 byte), then texts with 4-byte lengths: the key, the number of
 ///            metadata pairs and their names and values, the content
 ///
-/// An entry that is cut or damaged at the end of the last segment was never acknowledged and is
-/// dropped when the journal is opened; anywhere else it is a damaged disk, and opening fails.
+/// An incomplete entry at the end of the last segment was never acknowledged; opening the journal
+/// drops it. In any other place a bad entry means that the disk is damaged, and opening fails.
 ///
 /// All operations may be called from any thread. Errors are ServerError(storageFailed).
 class Journal {
  public:
   using Visitor = std::function<void(std::uint64_t segment, Change&& change)>;
 
-  /// Opens or starts the journal in `directory`, and shows every change in it to `visitor`.
+  /// Opens or creates the journal in `directory` and passes every change in it to `visitor`.
   Journal(std::filesystem::path directory, const Visitor& visitor);
 
-  /// Where a change went: a ticket for sync(), and the number of its segment.
+  /// Where a change was appended: a ticket for sync(), and the number of the segment.
   struct Place {
     std::uint64_t ticket = 0;
     std::uint64_t segment = 0;
   };
 
-  /// Appends. Not yet durable. On an error nothing was appended.
+  /// Appends the change, not yet durably. If it throws, nothing was appended.
   Place append(const Change& change);
 
-  /// Returns when everything up to the ticket is on disk. Callers that wait together share one
-  /// write to the disk.
+  /// Returns when everything up to the ticket is on disk. Threads that wait at the same time share
+  /// one sync of the file.
   void sync(std::uint64_t ticket);
 
-  /// Closes the current segment and returns its number: all changes appended so far are in segments
-  /// up to it.
+  /// Closes the current segment and returns its number: all changes appended so far are in this
+  /// segment or in earlier ones.
   std::uint64_t rotate();
 
-  /// Reads the closed segments up to `last`, oldest first. No other thread may remove them
-  /// meanwhile.
+  /// Reads the closed segments up to `last`, oldest first. No other thread may remove them at the
+  /// same time.
   void read(std::uint64_t last, const Visitor& visitor) const;
 
-  /// Forgets the segments up to `last`, which are closed.
+  /// Removes the segments up to `last`, which must be closed.
   void remove(std::uint64_t last);
 
-  /// True when no segment holds a change.
+  /// True if no segment holds a change.
   bool empty() const;
 
  private:
@@ -91,8 +91,8 @@ class Journal {
   std::uint64_t lastTicket_ = 0;
   std::uint64_t durableTicket_ = 0;
   bool syncing_ = false;
-  // Why nothing can be promised any more; empty while all is well. After a failed sync the kernel
-  // may have dropped what was to be written, and a second sync would not say so.
+  // Why the journal refuses changes; empty as long as it accepts them. After a failed sync the
+  // kernel may have dropped the data, and a second sync would report success.
   std::string failure_;
 };
 

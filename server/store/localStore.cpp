@@ -15,7 +15,7 @@
 namespace corvaned {
 namespace {
 
-// File systems take 255 bytes for a name.
+// File systems limit a name to 255 bytes.
 constexpr std::size_t kMaxDirectoryName = 240;
 
 bool standsForItself(char c) {
@@ -86,7 +86,8 @@ void LocalStore::createCollection(const std::string& name, const std::string& la
     throw ServerError(ErrorKind::collectionExists,
                       "the collection " + shown(name) + " exists already");
   }
-  // Built aside and moved into place, so that a crash leaves a whole collection or none.
+  // Created under a temporary name and renamed, so that a crash leaves a complete collection or
+  // none.
   const std::filesystem::path temporary = freshTemporary();
   Collection::create(temporary, language);
   std::filesystem::rename(temporary, path);
@@ -104,9 +105,9 @@ void LocalStore::deleteCollection(const std::string& name) {
   {
     const std::lock_guard lock(mutex_);
     const auto found = open_.find(name);
-    // Somebody else may have deleted it in between, and made a new one of the same name.
+    // Another client may have deleted the collection meanwhile and created one of the same name.
     if (found == open_.end() || found->second != collection) throwUnknown(name);
-    // What goes wrong from here on leaves the collection to be opened anew.
+    // If a later step fails, the next request opens the collection anew.
     open_.erase(found);
     temporary = freshTemporary();
     std::filesystem::rename(pathOf(name), temporary / "deleted");
@@ -149,8 +150,8 @@ Estimate LocalStore::estimate(const std::string& name, const std::string& query)
 
 CollectionState LocalStore::state(const std::string& name) { return find(name)->state(); }
 
-// A collection is opened by the first request that names it, so that one that is damaged harms no
-// other.
+// The first request that names a collection opens it, so that a damaged one does not affect the
+// others.
 std::shared_ptr<Collection> LocalStore::find(const std::string& name) {
   const std::lock_guard lock(mutex_);
   const auto found = open_.find(name);
@@ -164,7 +165,7 @@ std::filesystem::path LocalStore::pathOf(const std::string& name) const {
   return collectionsRoot_ / directoryNameFor(name);
 }
 
-// A name that directoryNameFor never gives.
+// directoryNameFor never returns a name with a dot.
 std::filesystem::path LocalStore::freshTemporary() {
   std::filesystem::path path = collectionsRoot_ / fmt::format(".passing-{}", ++temporaries_);
   std::filesystem::remove_all(path);

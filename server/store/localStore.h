@@ -13,13 +13,12 @@
 
 namespace corvaned {
 
-/// The name of the directory that holds a collection: letters, digits, "_" and "-" stand for
-/// themselves, every other byte is written %XX. Different names never share a directory, and no
-/// name leads out of its parent. Throws ServerError(badCollectionName) for a name that is empty,
-/// too long, or not UTF-8 text.
+/// The name of a collection's directory: letters, digits, "_" and "-" are kept, every other byte is
+/// written %XX. Different collections never share a directory, and no name leads out of the parent
+/// directory. Throws ServerError(badCollectionName) if the name is empty, too long, or not UTF-8.
 std::string directoryNameFor(std::string_view collection);
 
-/// All collections below one directory, which one process at a time may own.
+/// All collections in one directory, which only one process at a time may use.
 ///
 ///     LOCK                       held while a server runs
 ///     collections/<name>/        one collection, see directoryNameFor
@@ -27,8 +26,8 @@ std::string directoryNameFor(std::string_view collection);
 ///         journal-0000000001...  accepted changes that are not in the index yet
 class LocalStore : public Store {
  public:
-  /// Creates the directory when it is missing. Throws ServerError(storageFailed) when another
-  /// server owns it.
+  /// Creates the directory if it does not exist. Throws ServerError(storageFailed) if another
+  /// server uses it.
   LocalStore(std::filesystem::path directory, StoreLimits limits);
 
   void createCollection(const std::string& name, const std::string& language) override;
@@ -57,8 +56,7 @@ class LocalStore : public Store {
   FileHandle lock_;
 
   std::mutex mutex_;
-  // Guarded by mutex_: the collections that are open, and a number for names of passing
-  // directories.
+  // Guarded by mutex_: the open collections, and how many temporary directories were named so far.
   std::map<std::string, std::shared_ptr<Collection>> open_;
   std::uint64_t temporaries_ = 0;
 };

@@ -23,39 +23,40 @@ struct Hit {
   std::uint16_t milliScore = 0;
 };
 
-/// The hits of one search, best first, equal weights in the order of their keys.
+/// The hits of one search, best first; hits of equal weight are in the order of their keys.
 class HitSource {
  public:
   virtual ~HitSource() = default;
-  /// Puts the next hit into `hit`; false, and `hit` untouched, behind the last one. May throw; what
-  /// was handed out before stays valid.
+  /// Stores the next hit in `hit`. After the last hit returns false and leaves `hit` unchanged. May
+  /// throw; the hits returned before stay valid.
   virtual bool next(Hit& hit) = 0;
 };
 
 enum class ScoreScale {
-  /// The best hit of the whole result has 1.000.
+  /// The best hit of the whole result has the score 1.000.
   normalized,
-  /// The engine's own weight, cut at 65.535.
+  /// The engine's own weight, at most 65.535.
   raw,
 };
 
 struct SearchQuery {
   std::string text;
-  /// The ranked result is cut after `limit` hits; of what is left `size` hits from `start` on.
+  /// The ranked result is cut after `limit` hits; then `size` hits are returned, beginning with hit
+  /// `start`.
   std::uint64_t start = 0;
   std::uint64_t size = std::numeric_limits<std::uint64_t>::max();
   std::uint64_t limit = std::numeric_limits<std::uint64_t>::max();
   ScoreScale scale = ScoreScale::normalized;
 };
 
-/// What a planner may want to know before it searches.
+/// What a query planner wants to know before it searches.
 struct Estimate {
   std::uint64_t hits = 0;
   std::uint64_t atMost = 0;
   std::uint64_t documents = 0;
 };
 
-/// What became of one queued document. No messageId: it is stored.
+/// The outcome of one queued document. If messageId is empty the document is stored.
 struct ParseOutcome {
   std::string key;
   std::string messageId;
@@ -69,9 +70,9 @@ enum class CollectionState {
   changesPending,
 };
 
-/// Where the documents are. Every operation may be called from any thread at any time; it throws
-/// ServerError when it did nothing. An operation that returns has done what it says durably: a
-/// crash of the process or the machine right behind it loses nothing.
+/// Holds the documents. Every operation may be called from any thread at any time. If it throws
+/// ServerError it has changed nothing; if it returns, its effect is durable and survives a crash of
+/// the process or the machine.
 class Store {
  public:
   virtual ~Store() = default;
@@ -85,9 +86,9 @@ class Store {
   virtual void addDocument(const std::string& name, const Document& document) = 0;
   /// As addDocument, but durable only when takeParseOutcomes has reported it.
   virtual void queueDocument(const std::string& name, const Document& document) = 0;
-  /// Puts the outcome of a document that never reached the store among those of queueDocument.
+  /// Adds the outcome of a document that never reached the store to those of queueDocument.
   virtual void reportOutcome(const std::string& name, ParseOutcome outcome) = 0;
-  /// Deleting a key that is not there succeeds. The document is not found any more from now on.
+  /// Later searches do not find the document. Deleting an unknown key succeeds.
   virtual void deleteDocument(const std::string& name, const std::string& key) = 0;
   /// Makes every change accepted before the call searchable.
   virtual void updateIndex(const std::string& name) = 0;

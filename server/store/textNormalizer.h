@@ -5,17 +5,16 @@
 
 namespace corvaned {
 
-/// The text in Unicode form NFKC, so that the ways to write one word become one. Bytes that are no
-/// UTF-8 become U+FFFD. Documents and queries both go through this.
+/// The text in Unicode normalization form NFKC, so that all spellings of a word in Unicode become
+/// the same. Bytes that are not UTF-8 become U+FFFD. Used for documents and for queries.
 std::string normalizeText(std::string_view text);
 
-/// A query in which capital letters mean nothing any more, except where they make an operator
-/// ("AND", "NOT", "NEAR/3") or stand in a field's name ("Title:"). The query parser takes a word
-/// with a capital for a name and would not stem it, which loses the nouns of German and every word
-/// that begins a sentence.
+/// The query in lower case, except for operators ("AND", "NOT", "NEAR/3") and field names
+/// ("Title:"). The query parser takes a capitalised word for a proper name and does not stem it, so
+/// German nouns and the first word of a sentence would find too little.
 std::string lowerQueryWords(const std::string& query);
 
-/// True when the bytes are well-formed UTF-8.
+/// True if the bytes are well-formed UTF-8.
 bool isUtf8(std::string_view bytes);
 
 }  // namespace corvaned

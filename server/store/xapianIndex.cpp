@@ -19,7 +19,7 @@ namespace corvaned {
 namespace {
 
 constexpr int kReadAttempts = 8;
-// How many matches are counted one by one before a number becomes an estimate.
+// How many hits an estimate counts exactly.
 constexpr Xapian::doccount kExactHits = 10000;
 
 [[noreturn]] void throwStorageError(const Xapian::Error& error) {
@@ -39,7 +39,8 @@ std::uint16_t milliScore(double weight, double maxAttained, ScoreScale scale) {
   return static_cast<std::uint16_t>(std::lround(std::clamp(score * 1000, 0.0, most)));
 }
 
-/// All hits of a search, keys back to back in one allocation.
+/// All hits of a search. The keys stand back to back in one string: one allocation instead of one
+/// per hit.
 class HitBuffer : public HitSource {
  public:
   HitBuffer(const Xapian::MSet& matches, ScoreScale scale) {
@@ -151,7 +152,7 @@ class XapianIndex::Reader {
   Xapian::Stem stemmer_;
 };
 
-/// A reader taken out of the idle ones, or a new one. Only one that ended its work well goes back.
+/// Takes an idle reader, or makes a new one. Returns it only if its work succeeded.
 class XapianIndex::Lease {
  public:
   explicit Lease(XapianIndex& index) : index_(index) {
@@ -165,8 +166,8 @@ class XapianIndex::Lease {
     if (!reader_) reader_ = std::make_unique<Reader>(index.path_);
   }
 
-  /// Runs a piece of reading. A writer that commits twice meanwhile takes the snapshot away from
-  /// under it, which shows as an error and asks for no more than another attempt.
+  /// Runs `work` with the reader. If a writer commits twice meanwhile, the reader's snapshot no
+  /// longer exists and the database says so; then another attempt is enough.
   template <typename Work>
   auto run(const Work& work) {
     for (int attempt = 1;; ++attempt) {
@@ -211,9 +212,8 @@ auto translated(const Work& work) {
 
 }  // namespace
 
-/// Applies changes, batch by batch. After any exception the handle is thrown away: what it had not
-/// committed is gone with it, and a later commit of the same handle would report success all the
-/// same.
+/// Applies changes in batches. After an exception the database handle is discarded: it has lost its
+/// uncommitted changes, yet a later commit on it would report success.
 class XapianIndex::Writer {
  public:
   Writer(std::filesystem::path path, const IndexLimits& limits, const StopCheck& stop)
@@ -243,7 +243,7 @@ class XapianIndex::Writer {
       commit(changes);
       return;
     } catch (const Xapian::DatabaseError& error) {
-      // The disk's or the machine's doing; it would be said of every document alike.
+      // The storage failed, not this document; every other document would fail, too.
       database_.reset();
       throwStorageError(error);
     } catch (const Xapian::Error& error) {
@@ -263,7 +263,7 @@ class XapianIndex::Writer {
   void commit(std::span<const Change> changes) {
     if (!database_) open();
     const std::size_t knownFields = fields_.size();
-    // Without a transaction the database commits by itself whenever it finds it has enough.
+    // Outside a transaction the database would commit on its own after a number of changes.
     database_->begin_transaction();
     for (const Change& change : changes) applyOne(change);
     if (fields_.size() != knownFields) database_->set_metadata(kFieldsEntry, fields_.stored());

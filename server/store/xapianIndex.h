@@ -14,24 +14,25 @@
 namespace corvaned {
 
 struct IndexLimits {
-  /// Longest query text in bytes.
+  /// Maximum length of a query in bytes.
   std::size_t queryBytes = 16384;
-  /// Most words of one query, after expansion of none.
+  /// Maximum number of words in a query, counted before wildcards are expanded.
   std::size_t queryTerms = 256;
-  /// Most words that one word with a trailing * may stand for.
+  /// Maximum number of words that a word with a trailing * may stand for.
   std::size_t expansion = 1000;
-  /// Most changes of one transaction, and bytes after which no more are added to it.
+  /// Maximum number of changes per transaction, and the size in bytes at which a transaction is
+  /// full.
   std::size_t batchChanges = 1000;
   std::size_t batchBytes = std::size_t{16} << 20U;
 };
 
-/// The searchable part of one collection: a Xapian database in a directory. No Xapian type leaves
-/// this class. Searches may run on any number of threads and beside one writer; only one thread may
-/// apply changes at a time. Errors are ServerError.
+/// The searchable part of a collection: a Xapian database in a directory. Xapian's types stay
+/// inside this class. Any number of threads may search, also while one thread applies changes; only
+/// one thread at a time may apply changes. Errors are ServerError.
 class XapianIndex {
  public:
-  /// Makes an empty database whose words are stemmed for `language` ("en_us", "de", ...); a
-  /// language without a stemmer is indexed word for word.
+  /// Creates an empty database whose words are stemmed for `language` ("en_us", "de", ...). If
+  /// there is no stemmer for the language, words are indexed unchanged.
   static void create(const std::filesystem::path& path, const std::string& language);
 
   XapianIndex(std::filesystem::path path, IndexLimits limits);
@@ -43,12 +44,12 @@ class XapianIndex {
   /// Called between transactions; true stops the work.
   using StopCheck = std::function<bool()>;
 
-  /// Brings changes into the database in transactions of bounded size, durable on return. Documents
-  /// that the database refuses are left out and reported. Throws when the storage fails or `stop`
-  /// says so; part of the changes may then be in, and applying all of them again is right.
+  /// Applies changes to the database in transactions of bounded size, durably. Leaves out and
+  /// returns the documents that the database refuses. Throws if the storage fails or `stop` returns
+  /// true; part of the changes may then be applied, and applying all of them again is safe.
   std::vector<ParseOutcome> apply(const ChangeSource& changes, const StopCheck& stop);
 
-  /// `hidden`: keys that are not to be found.
+  /// `hidden`: keys that the search must not find.
   std::unique_ptr<HitSource> search(const SearchQuery& query,
                                     const std::vector<std::string>& hidden);
   Estimate estimate(const std::string& query, const std::vector<std::string>& hidden);

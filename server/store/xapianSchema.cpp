@@ -14,10 +14,11 @@ namespace {
 constexpr std::size_t kLetters = 26;
 constexpr std::size_t kMaxFields = kLetters * kLetters;
 
-// Words at the end of one text and the start of the next are no phrase.
+// The last word of one text and the first word of the next must not form a phrase.
 constexpr Xapian::termcount kTextGap = 100;
 
-// Two capital letters behind an X: no prefix begins another one, and words are in lower case.
+// "X" and two capital letters: no prefix is the beginning of another one, and no word looks like a
+// prefix, since words are in lower case.
 std::string prefixOf(std::size_t field) {
   return {'X', static_cast<char>('A' + field / kLetters),
           static_cast<char>('A' + field % kLetters)};
@@ -31,7 +32,7 @@ bool canBeSpelled(const std::string& name) {
                      [](char c) { return isLetter(c) || c == '_' || (c >= '0' && c <= '9'); });
 }
 
-// Clients mark names that they want indexed or sorted by; the mark is not part of the name.
+// Clients mark names that they want to be indexed or sorted by. The mark is not part of the name.
 std::string withoutMark(const std::string& name) {
   for (const std::string_view mark : {"Indexable:", "[sortable]"}) {
     if (name.starts_with(mark)) return withoutMark(name.substr(mark.size()));

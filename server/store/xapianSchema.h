@@ -11,15 +11,15 @@
 
 namespace corvaned {
 
-/// How documents and queries become what Xapian stores. Everything here is fixed once a collection
-/// has documents; a change needs a new value of kSchemaVersion.
+/// The form in which Xapian stores documents. It must not change while collections with this
+/// kSchemaVersion exist.
 ///
 /// - term "Q" + key, or "Rbase64:" + Base64 of the key when it contains a NUL byte (which counts
 ///   twice against the length limit of a term): the document's identity
 /// - words of the content, stems prefixed "Z", with positions
 /// - words of a metadata value under the prefix of its name
 /// - value slot 0: the key; read back as the sort key of a match, without a look-up per hit
-/// - data: the document as it came
+/// - data: the document as it was sent
 constexpr std::string_view kSchemaVersion = "1";
 constexpr Xapian::valueno kKeySlot = 0;
 constexpr const char* kLanguageEntry = "language";
@@ -28,18 +28,17 @@ constexpr const char* kFieldsEntry = "fields";
 
 std::string identityTerm(const std::string& key);
 
-/// The stemmer for a language tag, of which only the part before "_" or "-" counts; one that does
-/// nothing when there is none.
+/// The stemmer for a language tag; only the part before "_" or "-" counts. If there is no such
+/// stemmer, one that changes nothing.
 Xapian::Stem stemmerFor(const std::string& language);
 
-/// The metadata names of a collection that can be searched as name:word, each with the prefix of
-/// its terms.
+/// The metadata names of a collection that can be searched as name:word, each with its term prefix.
 class Fields {
  public:
   explicit Fields(const std::string& stored = {});
 
-  /// The prefix of a name, which gets one when it is new; nothing for a name that no query could
-  /// spell or when there are too many.
+  /// The prefix of the name; a new name gets one. Nothing if a query could not contain the name, or
+  /// if there are too many names.
   std::optional<std::string> prefixFor(const std::string& metadataName);
   std::string stored() const;
   std::size_t size() const { return names_.size(); }
