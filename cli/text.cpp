@@ -8,30 +8,13 @@
 #include <limits>
 
 #include "cli/errors.h"
+#include "infra/util/kruBase64.h"
 
 namespace corvane {
 
 namespace {
 
 constexpr std::string_view docIdPrefix = "base64:";
-constexpr std::string_view base64Alphabet =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-
-// Appends the bytes of four Base64 characters, of which the last `padding` are "=".
-bool appendQuantum(std::string_view four, std::size_t padding, std::string& out) {
-  std::uint32_t bits = 0;
-  for (std::size_t i = 0; i < 4; ++i) {
-    const std::size_t value = i + padding < 4 ? base64Alphabet.find(four[i]) : 0;
-    if (value == std::string_view::npos) return false;
-    bits = (bits << 6) | static_cast<std::uint32_t>(value);
-  }
-  const std::uint32_t unused = padding == 2 ? 0xFFFFU : padding == 1 ? 0xFFU : 0U;
-  if ((bits & unused) != 0) return false;
-  for (std::size_t i = 0; i + padding < 3; ++i) {
-    out += static_cast<char>((bits >> (16 - 8 * i)) & 0xFF);
-  }
-  return true;
-}
 
 }  // namespace
 
@@ -99,14 +82,8 @@ std::string printable(std::string_view bytes) {
 }
 
 std::optional<std::string> decodeBase64(std::string_view text) {
-  if (text.size() % 4 != 0) return {};
   std::string bytes;
-  for (std::size_t i = 0; i < text.size(); i += 4) {
-    const std::string_view four = text.substr(i, 4);
-    const bool last = i + 4 == text.size();
-    const std::size_t padding = !last || four[3] != '=' ? 0 : four[2] == '=' ? 2 : 1;
-    if (!appendQuantum(four, padding, bytes)) return {};
-  }
+  if (!tq::util::Base64::decode(text.data(), text.size(), bytes)) return {};
   return bytes;
 }
 
