@@ -226,7 +226,7 @@ ParsedCommandLine parseCommandLine(int argc, const char* const* argv, const Stre
     // How far the options were understood cannot be told.
     const bool json = std::any_of(argv, argv + argc,
                                   [](const char* word) { return std::string(word) == "--json"; });
-    Printer(streams.out, streams.err, {json, false})
+    Printer(streams.out, streams.err, {json})
         .error(std::string(wrong.what()) + "; see corvane --help");
     parsed.exit = ExitCode::usage;
   }

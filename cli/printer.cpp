@@ -1,14 +1,39 @@
 #include "cli/printer.h"
 
+#include <fmt/format.h>
+
+#include <algorithm>
 #include <nlohmann/json.hpp>
+
+#include "cli/text.h"
 
 namespace corvane {
 
 namespace {
 
+// A program reads the same text from the escape, and a terminal is not steered by it.
+icu::UnicodeString escapedForJson(const icu::UnicodeString& json) {
+  icu::UnicodeString escaped;
+  for (std::int32_t i = 0; i < json.length(); i = json.moveIndex32(i, 1)) {
+    const UChar32 character = json.char32At(i);
+    if (isPrintable(character)) {
+      escaped.append(character);
+      continue;
+    }
+    for (const char16_t unit : std::u16string_view(json.getBuffer() + i, U16_LENGTH(character))) {
+      escaped.append(icu::UnicodeString::fromUTF8(fmt::format("\\u{:04x}", +unit)));
+    }
+  }
+  return escaped;
+}
+
 std::string dump(const nlohmann::ordered_json& object) {
   // A text that a server sent may be ill-formed; the replacement character beats an exception here.
-  return object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+  const std::string json =
+      object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+  const auto needsALook = [](char c) { return c < ' ' || c == '\x7f'; };
+  if (std::none_of(json.begin(), json.end(), needsALook)) return json;
+  return toUtf8(escapedForJson(icu::UnicodeString::fromUTF8(json)));
 }
 
 }  // namespace
@@ -20,40 +45,42 @@ void Printer::result(std::string_view line, const nlohmann::ordered_json& object
   if (mode_.json) {
     this->object(object);
   } else {
-    this->line(line);
+    this->line(printable(line));
   }
 }
 
-void Printer::line(std::string_view line) {
+void Printer::line(const std::string& line) {
   clearProgress();
-  out_ << line << '\n';
+  out_ << line + '\n';
 }
 
 void Printer::object(const nlohmann::ordered_json& object) {
   clearProgress();
-  out_ << dump(object) << '\n';
+  out_ << dump(object) + '\n';
 }
 
 void Printer::note(std::string_view line) {
   if (mode_.json) return;
   clearProgress();
-  err_ << line << '\n';
+  err_ << printable(line) + '\n';
 }
 
 void Printer::error(std::string_view line, std::string_view id) {
   clearProgress();
   if (!mode_.json) {
-    err_ << "corvane: " << line << '\n';
+    err_ << "corvane: " + printable(line) + '\n';
     return;
   }
-  nlohmann::ordered_json object = {{"error", line}};
+  nlohmann::ordered_json object = {{"error", printable(line)}};
   if (!id.empty()) object["id"] = id;
-  err_ << dump(object) << '\n';
+  err_ << dump(object) + '\n';
 }
 
 void Printer::progress(std::string_view line) {
-  if (!mode_.terminal || mode_.json) return;
-  err_ << '\r' << line << "\x1b[K" << std::flush;
+  const unsigned int columns = mode_.columns != nullptr && !mode_.json ? mode_.columns() : 0;
+  if (columns < 2) return;
+  // A line that fills the last column wraps, and the next one would not replace it.
+  err_ << '\r' << line.substr(0, columns - 1) << "\x1b[K" << std::flush;
   progressShown_ = true;
 }
 

@@ -9,12 +9,14 @@
 namespace corvane {
 
 /// Where a command's words go: results to one stream, everything else to the other. Results are
-/// lines for a person, or JSON Lines; progress is shown to a person at a terminal only.
+/// lines for a person, or JSON Lines; progress is shown to a person at a terminal only. Characters
+/// that could steer a terminal are written as escapes.
 class Printer {
  public:
   struct Mode {
     bool json = false;
-    bool terminal = false;
+    /// The present width of the terminal that shows errors; 0, or no function: it is none.
+    unsigned int (*columns)() = nullptr;
   };
 
   Printer(std::ostream& out, std::ostream& err, Mode mode);
@@ -24,20 +26,21 @@ class Printer {
   /// One line of results: `line` for a person, `object` as JSON.
   void result(std::string_view line, const nlohmann::ordered_json& object);
 
-  /// The two halves of it, for results that are too many to be made in both forms.
-  void line(std::string_view line);
+  /// For long results: prints only the form in use. The line is printed as it is.
+  void line(const std::string& line);
   void object(const nlohmann::ordered_json& object);
 
-  /// Something worth knowing that is no result; not said in JSON mode.
+  /// Something worth knowing that is not a result. Prints nothing in JSON mode.
   void note(std::string_view line);
 
   /// One line that begins with the program's name, or one JSON object with the same text.
   void error(std::string_view line, std::string_view id = {});
 
-  /// Replaces the terminal's current line. Nothing elsewhere.
+  /// Replaces the terminal's current line, with as much of this one (ASCII) as fits. Prints nothing
+  /// elsewhere.
   void progress(std::string_view line);
 
-  /// False when not everything could be written.
+  /// Returns false when not everything could be written.
   bool flush();
 
  private:

@@ -32,7 +32,7 @@ ExitCode run(int argc, const char* const* argv, const Streams& streams) {
   const ParsedCommandLine parsed = parseCommandLine(argc, argv, streams);
   if (parsed.exit) return *parsed.exit;
   const CommandLine& commandLine = parsed.commandLine;
-  Printer printer(streams.out, streams.err, {commandLine.json, streams.terminal});
+  Printer printer(streams.out, streams.err, {commandLine.json, streams.columns});
   const ExitCode code = perform(commandLine, printer);
   if (printer.flush()) return code;
   printer.error("cannot write the result to standard output");

@@ -12,8 +12,8 @@ struct Streams {
   std::istream& in;
   std::ostream& out;
   std::ostream& err;
-  /// Whether a person at a terminal reads `err`.
-  bool terminal = false;
+  /// The present width of the terminal that shows `err`; 0, or no function: it is none.
+  unsigned int (*columns)() = nullptr;
 };
 
 /// The whole program: reads the command line, runs the command, reports a failure as one line.

@@ -54,9 +54,15 @@ std::optional<std::string> whyNoKey(std::string_view key) {
   return {};
 }
 
+bool isPrintable(UChar32 character) {
+  // ICU calls the separators of lines and paragraphs printable; a terminal may break a line there.
+  constexpr std::uint32_t separators = U_GC_ZL_MASK | U_GC_ZP_MASK;
+  return u_isprint(character) && (U_GET_GC_MASK(character) & separators) == 0;
+}
+
 bool isPrintable(const icu::UnicodeString& text) {
   for (std::int32_t i = 0; i < text.length(); i = text.moveIndex32(i, 1)) {
-    if (!u_isprint(text.char32At(i))) return false;
+    if (!isPrintable(text.char32At(i))) return false;
   }
   return true;
 }
@@ -65,7 +71,7 @@ std::string printable(const icu::UnicodeString& text) {
   icu::UnicodeString shown;
   for (std::int32_t i = 0; i < text.length(); i = text.moveIndex32(i, 1)) {
     const UChar32 c = text.char32At(i);
-    if (u_isprint(c)) {
+    if (isPrintable(c)) {
       shown.append(c);
     } else {
       const std::string escape = fmt::format("\\u{{{:x}}}", static_cast<std::uint32_t>(c));
@@ -79,6 +85,10 @@ std::string printable(std::string_view bytes) {
   // Ill-formed bytes become the replacement character, which is printable.
   return printable(icu::UnicodeString::fromUTF8(
       icu::StringPiece(bytes.data(), static_cast<std::int32_t>(bytes.size()))));
+}
+
+std::string counted(std::uint64_t number, std::string_view noun) {
+  return fmt::format("{} {}{}", number, noun, number == 1 ? "" : "s");
 }
 
 std::optional<std::string> decodeBase64(std::string_view text) {

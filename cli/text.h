@@ -2,6 +2,7 @@
 
 #include <unicode/unistr.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,13 +24,18 @@ icu::UnicodeString headerValue(std::string_view what, std::string_view bytes);
 /// Why the bytes cannot be a document's key; nothing when they can.
 std::optional<std::string> whyNoKey(std::string_view key);
 
-/// True when a terminal shows the text as it is: no control, format or unassigned character.
+/// True when a terminal shows the character as it is: no control, direction, line separator or
+/// unassigned character.
+bool isPrintable(UChar32 character);
 bool isPrintable(const icu::UnicodeString& text);
 
-/// The text with each character that is not printable written as \u{hex}, so that what a server
-/// says cannot steer a terminal.
+/// The text with each character that is not printable written as \u{hex}, so that what a server, a
+/// file name or an argument says cannot steer a terminal.
 std::string printable(const icu::UnicodeString& text);
 std::string printable(std::string_view bytes);
+
+/// "1 document", "2 documents".
+std::string counted(std::uint64_t number, std::string_view noun);
 
 /// Standard Base64 with padding; nothing when the text is anything else.
 std::optional<std::string> decodeBase64(std::string_view text);

@@ -25,8 +25,7 @@ Result runProgram(std::vector<std::string> arguments, const std::string& input =
   for (const auto& argument : arguments) pointers.push_back(argument.c_str());
   std::istringstream in(input);
   std::ostringstream out, err;
-  const ExitCode code =
-      run(static_cast<int>(pointers.size()), pointers.data(), {in, out, err, false});
+  const ExitCode code = run(static_cast<int>(pointers.size()), pointers.data(), {in, out, err});
   return {code, out.str(), err.str()};
 }
 
@@ -155,7 +154,7 @@ TEST(Failure, OfStandardOutputIsNotSilent) {
   std::istringstream in;
   std::ostringstream out, err;
   out.setstate(std::ios::badbit);
-  EXPECT_EQ(run(static_cast<int>(arguments.size()), arguments.data(), {in, out, err, false}),
+  EXPECT_EQ(run(static_cast<int>(arguments.size()), arguments.data(), {in, out, err}),
             ExitCode::failed);
   EXPECT_TRUE(contains(err.str(), "standard output"));
 }
@@ -255,8 +254,7 @@ TEST(Add, SaysWhyStandardInputCannotBeRead) {
   std::ostringstream out, err;
   const std::vector<const char*> words{"corvane", "--port", "1",      "add",
                                        "books",   "k",      "--file", "-"};
-  EXPECT_EQ(run(static_cast<int>(words.size()), words.data(), {in, out, err, false}),
-            ExitCode::failed);
+  EXPECT_EQ(run(static_cast<int>(words.size()), words.data(), {in, out, err}), ExitCode::failed);
   EXPECT_EQ(err.str(), "corvane: cannot read standard input: " +
                            std::make_error_code(std::errc::io_error).message() + "\n");
 }

@@ -80,6 +80,12 @@ TEST(Printable, ShowsControlAndFormatCharactersByTheirNumber) {
   EXPECT_EQ(printable(icu::UnicodeString(u"caf\u00e9 \U0001F600")), "caf\xc3\xa9 \xf0\x9f\x98\x80");
 }
 
+TEST(Counted, AgreesInNumber) {
+  EXPECT_EQ(counted(0, "document"), "0 documents");
+  EXPECT_EQ(counted(1, "document"), "1 document");
+  EXPECT_EQ(counted(2, "document"), "2 documents");
+}
+
 TEST(Printable, IsTrueOfTextThatATerminalShowsAsItIs) {
   EXPECT_TRUE(isPrintable(u"caf\u00e9 \U0001F600 x"));
   EXPECT_FALSE(isPrintable(u"a\tb"));
