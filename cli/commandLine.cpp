@@ -1,41 +1,58 @@
 #include "cli/commandLine.h"
 
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <charconv>
 #include <fstream>
 #include <iterator>
-#include <map>
+#include <limits>
 #include <memory>
 
 #include "cli/commands.h"
 #include "cli/errors.h"
+#include "cli/help.h"
 #include "cli/load.h"
+#include "cli/misuse.h"
 
 namespace corvane {
 
 namespace {
 
-constexpr const char* footer =
-    "Exit codes: 0 done; 1 the server, the connection or a file failed; 2 the command line is\n"
-    "wrong, nothing was sent; 3 the result was cut off; 4 loaded, but some documents were "
-    "refused.\n"
-    "Each COMMAND has a --help of its own.";
-
-// A command's arguments live as long as the function that was made of them.
+// A command's function owns the arguments that the parser fills in.
 template <typename Arguments>
 std::shared_ptr<Arguments> makeArguments() {
   return std::make_shared<Arguments>();
 }
 
 // The parser would take a negative number, and one that does not fit, for a very large one.
-CLI::Validator wholeNumber() {
+CLI::Validator wholeNumber(std::uint64_t least, std::uint64_t most) {
   return CLI::Validator(
-      [](const std::string& text) {
-        const bool digits = text.find_first_not_of("0123456789") == std::string::npos;
-        return digits && text.size() <= 18 ? "" : "\"" + text + "\" is no number of documents";
+      [=](const std::string& text) -> std::string {
+        std::uint64_t number = 0;
+        const char* end = text.data() + text.size();
+        const auto [stop, error] = std::from_chars(text.data(), end, number);
+        const bool good = error == std::errc{} && stop == end && number >= least && number <= most;
+        return good ? "" : fmt::format("'{}' is not a number from {} to {}", text, least, most);
       },
-      "NUMBER");
+      "");
 }
+
+CLI::Validator protocolName() {
+  return CLI::Validator(
+      [](const std::string& text) -> std::string {
+        if (text == "binary" || text == "http") return "";
+        return fmt::format("'{}' is not a protocol; there are binary and http", text);
+      },
+      "");
+}
+
+constexpr std::uint64_t mostDocuments = 999'999'999'999'999'999;
+
+constexpr const char* repeatable =
+    "If the connection breaks, the request is repeated once: doing it twice does no\n"
+    "harm.";
 
 std::string contentsOf(std::istream& input, const std::string& name) {
   std::string bytes;
@@ -44,8 +61,8 @@ std::string contentsOf(std::istream& input, const std::string& name) {
   } catch (const std::ios_base::failure& failure) {
     throw OperationError("cannot read " + name + ": " + failure.code().message());
   }
-  constexpr std::size_t most = 0x3FFFFFFF;
-  if (bytes.size() > most) throw OperationError(name + " is too long for a document");
+  constexpr std::size_t longest = 0x3FFFFFFF;
+  if (bytes.size() > longest) throw OperationError(name + " is too long for a document");
   return bytes;
 }
 
@@ -67,11 +84,17 @@ class Builder {
 
   void build() {
     addSettings();
-    addCollectionCommand("create", "Create a collection", createCollection);
-    addCollectionCommand("drop", "Delete a collection with everything in it", dropCollection);
+    addCollectionCommand(
+        "create", "Create a collection", createCollection,
+        "If the connection breaks once the request is on its way, it is not repeated: the\n"
+        "collection may have been created, which 'corvane status COLLECTION' tells.");
+    addCollectionCommand(
+        "drop", "Delete a collection with everything in it", dropCollection,
+        "If the connection breaks once the request is on its way, it is not repeated: the\n"
+        "collection may have been deleted, which 'corvane status COLLECTION' tells.");
     addAdd();
     addLoad();
-    addCollectionCommand("update", "Make all added documents searchable", updateIndex);
+    addCollectionCommand("update", "Make all added documents searchable", updateIndex, repeatable);
     addSearch();
     addEstimate();
     addDelete();
@@ -84,103 +107,147 @@ class Builder {
 
   void addSettings() {
     Settings& settings = result_.settings;
-    app_.add_option("--host", settings.host, "Host of the server")
+    app_.add_option("--host", settings.host,
+                    "Host of the server\n(default: CORVANE_HOST, or 127.0.0.1)")
         ->envname("CORVANE_HOST")
-        ->capture_default_str();
-    app_.add_option("--port", settings.port, "Port of the server for the chosen protocol")
+        ->option_text("HOST");
+    app_.add_option("--port", settings.port,
+                    "Port of the server for the chosen protocol\n(default: CORVANE_PORT)")
         ->envname("CORVANE_PORT")
-        ->check(CLI::Range(1, 65535))
-        ->required();
-    app_.add_option("--timeout", settings.timeOut,
-                    "Milliseconds for connecting and for each wait for an answer; 0 waits for ever")
-        ->capture_default_str();
-    app_.add_option("--protocol", settings.protocol, "binary (the default) or http")
-        ->transform(CLI::CheckedTransformer(std::map<std::string, Protocol>{
-            {"binary", Protocol::binary}, {"http", Protocol::http}}))
-        ->type_name("NAME");
+        ->check(wholeNumber(1, 65535))
+        ->option_text("PORT");
+    app_.add_option(
+            "--timeout", settings.timeOut,
+            "Milliseconds that a request may take, repetitions\nincluded, or each further part "
+            "of a long result;\n0 waits for ever (default: 300000)")
+        ->check(wholeNumber(0, std::numeric_limits<unsigned int>::max()))
+        ->option_text("MS");
+    app_.add_option_function<std::string>(
+            "--protocol",
+            [&settings](const std::string& name) {
+              settings.protocol = name == "http" ? Protocol::http : Protocol::binary;
+            },
+            "binary (the default) or http")
+        ->check(protocolName())
+        ->option_text("NAME");
     app_.add_flag("--json", result_.json, "Print JSON Lines");
-    app_.set_version_flag("--version", std::string("corvane ") + CORVANE_VERSION);
-    app_.footer(footer);
+    app_.set_version_flag("--version", std::string("corvane ") + CORVANE_VERSION,
+                          "Print the version of corvane");
+    app_.set_help_flag("-h,--help", "Print this help");
+    app_.footer("'corvane COMMAND --help' says more about a command.");
     app_.require_subcommand(1);
     app_.fallthrough();
   }
 
   CLI::App* addCommand(const char* name, const char* help,
-                       const std::function<ExitCode(Session&)>& command) {
+                       const std::function<ExitCode(Session&)>& command, const char* details) {
     CLI::App* sub = app_.add_subcommand(name, help);
+    sub->group("Commands");
     sub->callback([this, command] { result_.command = command; });
+    sub->footer(details);
     return sub;
   }
 
-  void addCollectionCommand(const char* name, const char* help, Action action) {
+  static void addCollection(CLI::App* command, std::string& collection) {
+    command->add_option("COLLECTION", collection, "Name of the collection")->required();
+  }
+
+  void addCollectionCommand(const char* name, const char* help, Action action,
+                            const char* details) {
     auto collection = makeArguments<std::string>();
-    addCommand(name, help, [=](Session& session) { return action(session, *collection); })
-        ->add_option("COLLECTION", *collection, "Name of the collection")
-        ->required();
+    auto* sub = addCommand(
+        name, help, [=](Session& session) { return action(session, *collection); }, details);
+    addCollection(sub, *collection);
   }
 
   void addAdd() {
     auto arguments = makeArguments<AddArguments>();
     auto file = makeArguments<std::string>();
     std::istream& in = in_;
-    auto* sub = addCommand("add", "Add one document, or replace the one that has its key",
-                           [=, &in](Session& session) {
-                             if (*file == "-") {
-                               arguments->text = contentsOf(in, "standard input");
-                             } else if (!file->empty()) {
-                               std::ifstream stream = openFile(*file);
-                               arguments->text = contentsOf(stream, *file);
-                             }
-                             return addDocument(session, *arguments);
-                           });
-    sub->add_option("COLLECTION", arguments->collection, "Name of the collection")->required();
+    auto* sub = addCommand(
+        "add", "Add one document, or replace the one that has its key",
+        [=, &in](Session& session) {
+          if (*file == "-") {
+            arguments->text = contentsOf(in, "standard input");
+          } else if (!file->empty()) {
+            std::ifstream stream = openFile(*file);
+            arguments->text = contentsOf(stream, *file);
+          }
+          return addDocument(session, *arguments);
+        },
+        repeatable);
+    addCollection(sub, arguments->collection);
     sub->add_option("KEY", arguments->key, "The document's key, 1 to 128 bytes")->required();
-    auto* text = sub->add_option("TEXT", arguments->text, "The document's text");
-    sub->add_option("--file", *file, "Take the text from a file; - is standard input")
-        ->excludes(text);
-    sub->add_option("--meta", arguments->metadata, "NAME=VALUE of the metadata; repeatable")
-        ->allow_extra_args(false);
+    auto* text =
+        sub->add_option("TEXT", arguments->text, "The document's text; '' for an empty one");
+    auto* from = sub->add_option("--file", *file, "Take the text from a file; - is standard input")
+                     ->excludes(text)
+                     ->option_text("FILE");
+    sub->add_option("--meta", arguments->metadata, "A pair of the metadata; may be repeated")
+        ->allow_extra_args(false)
+        ->option_text("NAME=VALUE");
+    // A forgotten text would replace a document by an empty one.
+    sub->parse_complete_callback([=] {
+      if (text->count() != 0 || from->count() != 0) return;
+      throw CLI::ValidationError(
+          "add needs TEXT or --file; to empty the document, give '' as its text");
+    });
   }
 
   void addLoad() {
-    auto collection = makeArguments<std::string>();
+    auto arguments = makeArguments<LoadArguments>();
     auto file = makeArguments<std::string>();
     std::istream& in = in_;
-    auto* sub =
-        addCommand("load", "Add many documents from JSON Lines", [=, &in](Session& session) {
-          if (*file == "-") return loadDocuments(session, *collection, in);
+    auto* sub = addCommand(
+        "load", "Add many documents from JSON Lines",
+        [=, &in](Session& session) {
+          if (*file == "-") return loadDocuments(session, *arguments, in);
           std::ifstream stream = openFile(*file);
-          return loadDocuments(session, *collection, stream);
-        });
-    sub->add_option("COLLECTION", *collection, "Name of the collection")->required();
-    sub->add_option("FILE", *file,
-                    "One JSON object a line with \"key\", \"text\" and other fields, which become "
-                    "metadata; - is standard input")
+          return loadDocuments(session, *arguments, stream);
+        },
+        "A document that is refused is reported with its line, key and reason; the rest\n"
+        "is loaded. A document whose fate the server has not told is sent again, which\n"
+        "does no harm. Searches find the documents after the command update.");
+    addCollection(sub, arguments->collection);
+    sub->add_option(
+           "FILE", *file,
+           "One JSON object per line with \"key\", \"text\" and\nother fields, which become "
+           "metadata; - is\nstandard input")
         ->required();
-    sub->footer(
-        "A document that is refused is reported with its line, key and reason; the rest is "
-        "loaded. Documents are searchable after the command update.");
+    sub->add_option("--max-errors", arguments->maxErrors,
+                    "Stop when this many documents have been refused\n(default: never)")
+        ->check(wholeNumber(1, mostDocuments))
+        ->option_text("N");
+    sub->add_flag("--update", arguments->update, "Make the documents searchable at the end");
   }
 
   void addSearch() {
     auto arguments = makeArguments<SearchArguments>();
-    auto* sub = addCommand("search", "Print rank, score and key of the documents that match best",
-                           [=](Session& session) { return search(session, *arguments); });
-    sub->add_option("COLLECTION", arguments->collection, "Name of the collection")->required();
-    sub->add_option("QUERY", arguments->query, "What to look for")->required();
-    sub->add_option("--limit", arguments->limit, "Print at most so many hits (default: all)")
-        ->check(wholeNumber());
-    sub->add_option("--start", arguments->start, "Leave out so many of the best hits")
-        ->check(wholeNumber());
+    auto* sub = addCommand(
+        "search", "Print rank, score and key of the documents that match best",
+        [=](Session& session) { return search(session, *arguments); },
+        "If the connection breaks before the first hit, the request is repeated once.");
+    addCollection(sub, arguments->collection);
+    sub->add_option("QUERY", arguments->query, "What to look for, as one argument")->required();
+    sub->add_option("--limit", arguments->limit, "Print at most N hits (default: all)")
+        ->check(wholeNumber(0, mostDocuments))
+        ->option_text("N");
+    sub->add_option("--start", arguments->start, "Leave out the best N hits")
+        ->check(wholeNumber(0, mostDocuments))
+        ->option_text("N");
   }
 
   void addEstimate() {
     auto arguments = makeArguments<SearchArguments>();
-    auto* sub = addCommand("estimate", "Estimate how many documents match", [=](Session& session) {
-      return estimate(session, arguments->collection, arguments->query);
-    });
-    sub->add_option("COLLECTION", arguments->collection, "Name of the collection")->required();
-    sub->add_option("QUERY", arguments->query, "What to look for")->required();
+    auto* sub = addCommand(
+        "estimate", "Estimate how many documents match",
+        [=](Session& session) {
+          return estimate(session, arguments->collection, arguments->query);
+        },
+        "Only the binary protocol carries an estimate. If the connection breaks, the\n"
+        "request is repeated once.");
+    addCollection(sub, arguments->collection);
+    sub->add_option("QUERY", arguments->query, "What to look for, as one argument")->required();
   }
 
   void addDelete() {
@@ -189,20 +256,27 @@ class Builder {
     auto base64 = makeArguments<bool>();
     auto* sub = addCommand(
         "delete", "Delete documents; a key that is not there is no error",
-        [=](Session& session) { return deleteDocuments(session, *collection, *keys, *base64); });
-    sub->add_option("COLLECTION", *collection, "Name of the collection")->required();
+        [=](Session& session) { return deleteDocuments(session, *collection, *keys, *base64); },
+        repeatable);
+    addCollection(sub, *collection);
     sub->add_option("KEY", *keys, "Keys of the documents")->required();
-    sub->add_flag("--base64", *base64, "The keys are Base64, as search shows unprintable ones");
+    sub->add_flag("--base64", *base64,
+                  "The keys are Base64, as search shows those that\ncannot be printed");
   }
 
   void addStatus() {
     auto collection = makeArguments<std::string>();
-    addCommand("status", "Ask whether the server, or a collection, is ready",
-               [=](Session& session) { return status(session, *collection); })
+    addCommand(
+        "status", "Ask whether the server, or a collection, is ready",
+        [=](Session& session) { return status(session, *collection); }, repeatable)
         ->add_option("COLLECTION", *collection, "Name of a collection");
   }
 
-  void addVersion() { addCommand("version", "Print the server's version", serverVersion); }
+  void addVersion() {
+    addCommand("version", "Print the server's version", serverVersion,
+               "Only the binary protocol carries the version. If the connection breaks, the\n"
+               "request is repeated once.");
+  }
 
   CLI::App& app_;
   CommandLine& result_;
@@ -214,20 +288,24 @@ class Builder {
 ParsedCommandLine parseCommandLine(int argc, const char* const* argv, const Streams& streams) {
   ParsedCommandLine parsed;
   CLI::App app("Command line for a Corvane full-text search server", "corvane");
-  // What it has built calls back into it while the command line is read.
+  app.formatter(std::make_shared<HelpFormatter>());
+  // The options that the builder declares call back into it while the command line is read.
   Builder builder(app, parsed.commandLine, streams.in);
   builder.build();
   try {
     app.parse(argc, argv);
+    // Not the parser's own check, which would come before a misspelt command is found.
+    if (parsed.commandLine.settings.port == 0) {
+      throw CLI::ValidationError("--port, or CORVANE_PORT, is required");
+    }
   } catch (const CLI::Success& asked) {
     app.exit(asked, streams.out, streams.err);
     parsed.exit = ExitCode::ok;
   } catch (const CLI::ParseError& wrong) {
-    // How far the options were understood cannot be told.
+    // The parser may have stopped before it came to this option.
     const bool json = std::any_of(argv, argv + argc,
                                   [](const char* word) { return std::string(word) == "--json"; });
-    Printer(streams.out, streams.err, {json})
-        .error(std::string(wrong.what()) + "; see corvane --help");
+    Printer(streams.out, streams.err, {json}).error(explainMisuse(app, wrong, argc, argv));
     parsed.exit = ExitCode::usage;
   }
   return parsed;

@@ -8,6 +8,7 @@
 #include "cli/errors.h"
 #include "cli/request.h"
 #include "cli/text.h"
+#include "cli/ticker.h"
 #include "comm/kruClientResponse.h"
 #include "comm/kruStaticDefs.h"
 
@@ -23,12 +24,24 @@ icu::UnicodeString collectionName(const std::string& collection) {
   return headerValue("the collection's name", collection);
 }
 
-// A command that names a collection and brings no results.
+// An update may take minutes; at a terminal it shows that it has not died.
+void exchangeVisibly(Session& session, ClientRequest& request, ClientResponse& response) {
+  std::optional<Ticker> alive;
+  if (session.printer.showsProgress()) {
+    alive.emplace([&](unsigned int seconds) {
+      session.printer.progress("the server is working, " + counted(seconds, "second"));
+    });
+  }
+  exchange(session, request, response);
+}
+
+// A command that names a collection and has no results.
 ExitCode runOn(Session& session, ClientRequest::REQUEST kind, const std::string& collection,
-               const char* done) {
+               const char* done, const char* doubt) {
+  setDoubt(session, fmt::format("{}, which 'corvane status {}' tells", doubt, collection));
   ClientRequest request = collectionRequest(kind, collectionName(collection));
   ClientResponse response;
-  exchange(session, request, response);
+  exchangeVisibly(session, request, response);
   session.printer.result(fmt::format("{} {}", done, collection),
                          {{"collection", collection}, {"done", done}});
   return ExitCode::ok;
@@ -84,7 +97,7 @@ const char* statusMeaning(unsigned int code) {
   }
 }
 
-// Why a server or collection is not available, where the protocol's reply has room for it.
+// Why a server or collection is not available; only the binary protocol's reply tells.
 std::string statusReason(const ClientResponse& response) {
   const tq::oss::Message message = response.getStatusMessage();
   if (message.getMessageId().isEmpty()) return {};
@@ -95,15 +108,18 @@ std::string statusReason(const ClientResponse& response) {
 }  // namespace
 
 ExitCode createCollection(Session& session, const std::string& collection) {
-  return runOn(session, ClientRequest::CREATE_COLLECTION, collection, "created");
+  return runOn(session, ClientRequest::CREATE_COLLECTION, collection, "created",
+               "the collection may have been created all the same (the request was not repeated)");
 }
 
 ExitCode dropCollection(Session& session, const std::string& collection) {
-  return runOn(session, ClientRequest::DROP_COLLECTION, collection, "dropped");
+  return runOn(session, ClientRequest::DROP_COLLECTION, collection, "dropped",
+               "the collection may have been deleted all the same (the request was not repeated)");
 }
 
 ExitCode updateIndex(Session& session, const std::string& collection) {
-  return runOn(session, ClientRequest::UPDATE_INDEX, collection, "updated");
+  return runOn(session, ClientRequest::UPDATE_INDEX, collection, "updated",
+               "the server may still be updating");
 }
 
 ExitCode addDocument(Session& session, const AddArguments& arguments) {
@@ -113,6 +129,7 @@ ExitCode addDocument(Session& session, const AddArguments& arguments) {
   ClientRequest request =
       collectionRequest(ClientRequest::ADD_DOCUMENT, collectionName(arguments.collection));
   attachDocument(request, arguments.key, arguments.text, std::move(metadata));
+  setDoubt(session, "the document may have been added; adding it again does no harm");
   ClientResponse response;
   exchange(session, request, response);
   session.printer.result(
@@ -128,11 +145,18 @@ ExitCode deleteDocuments(Session& session, const std::string& collection,
     decoded.push_back(base64 ? decodedKey(key) : key);
     checkKey(decoded.back());
   }
+  setDoubt(session, "more documents may have been deleted; deleting them again does no harm");
   for (std::size_t i = 0; i < keys.size(); ++i) deleteOne(session, collection, decoded[i], keys[i]);
   return ExitCode::ok;
 }
 
 ExitCode estimate(Session& session, const std::string& collection, const std::string& query) {
+  // The library reports fixed numbers there, which nobody should take for an estimate.
+  if (session.settings.protocol == Protocol::http) {
+    throw UsageError(
+        "the http protocol carries no estimate; use --protocol binary with the server's port for "
+        "it");
+  }
   tq::util::ExtendedProperties properties;
   properties.putProperty(tq::comm::StaticDefs::PARAM_QUERY, headerValue("the query", query));
   ClientRequest request =
@@ -140,18 +164,11 @@ ExitCode estimate(Session& session, const std::string& collection, const std::st
   ClientResponse response;
   exchange(session, request, response);
   const auto& info = response.getSelectivityInfo();
-  const bool carried = session.settings.protocol == Protocol::binary;
-  if (!carried) {
-    session.printer.note(
-        "the http protocol's reply carries no estimate; these are fixed values, --protocol binary "
-        "has the server's");
-  }
-  session.printer.result(fmt::format("about {} hits, at most {}, of {} documents", info.getFirst(),
-                                     info.getSecond(), info.getThird()),
-                         {{"hits", info.getFirst()},
-                          {"atMost", info.getSecond()},
-                          {"documents", info.getThird()},
-                          {"fromServer", carried}});
+  session.printer.result(
+      fmt::format("about {}, at most {}, of {}",
+                  counted(static_cast<std::uint64_t>(info.getFirst()), "hit"), info.getSecond(),
+                  counted(static_cast<std::uint64_t>(info.getThird()), "document")),
+      {{"hits", info.getFirst()}, {"atMost", info.getSecond()}, {"documents", info.getThird()}});
   return ExitCode::ok;
 }
 

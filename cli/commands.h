@@ -21,7 +21,7 @@ ExitCode updateIndex(Session& session, const std::string& collection);
 struct AddArguments {
   std::string collection;
   std::string key;
-  std::string text;
+  std::string text;                   ///< may be empty
   std::vector<std::string> metadata;  ///< each "name=value"
 };
 ExitCode addDocument(Session& session, const AddArguments& arguments);

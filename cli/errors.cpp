@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "cli/text.h"
+#include "comm/kruCorvaneRESTClient.h"
 #include "comm/kruStaticDefs.h"
 #include "infra/oss/kruBaseException.h"
 #include "infra/oss/kruMessageList.h"
@@ -15,10 +16,6 @@ namespace {
 
 using tq::comm::StaticDefs;
 
-const char* protocolName(Protocol protocol) {
-  return protocol == Protocol::http ? "http" : "binary";
-}
-
 // What the system said about a failed connection travels as the second message.
 std::string causeOf(const tq::oss::MessageList& messages) {
   if (messages.size() < 2) return {};
@@ -27,14 +24,35 @@ std::string causeOf(const tq::oss::MessageList& messages) {
   return text.empty() ? text : ": " + text;
 }
 
-std::string wrongProtocol(const Settings& settings, const char* what) {
+bool isNotUnderstood(const icu::UnicodeString& id) {
+  return id == StaticDefs::ERR_CLIENT_RESP_PARSING || id == StaticDefs::ERR_SERVER_PROTOCOL;
+}
+
+icu::UnicodeString firstId(const tq::oss::BaseException& failure) {
+  const auto& messages = failure.getMessageList();
+  return messages.empty() ? icu::UnicodeString() : messages.front().getMessageId();
+}
+
+// Before the first answer the port may be the wrong one.
+std::string remedy(const Settings& settings, bool answered) {
+  if (answered) return "; try again";
   return fmt::format(
-      "{} {}; check that --port is the server's port for --protocol {}, or use the other protocol",
-      address(settings), what, protocolName(settings.protocol));
+      "; check that --port is the server's port for --protocol {}, or use the other protocol",
+      protocolName(settings.protocol));
+}
+
+std::string describeInternal(const tq::oss::MessageList& messages, const Settings& settings) {
+  const std::string reason = printable(messages.front().getMessageText());
+  if (settings.protocol == Protocol::binary && !reason.empty()) {
+    return fmt::format("the request to {} failed: {}", address(settings), reason);
+  }
+  return fmt::format("the connection to {} broke while the request was sent{}; try again",
+                     address(settings), causeOf(messages));
 }
 
 std::string describeCommunication(const icu::UnicodeString& id,
-                                  const tq::oss::MessageList& messages, const Settings& settings) {
+                                  const tq::oss::MessageList& messages, const Settings& settings,
+                                  bool answered) {
   const std::string where = address(settings);
   if (id == StaticDefs::ERR_CONNECT_SERVER) {
     return fmt::format(
@@ -47,19 +65,21 @@ std::string describeCommunication(const icu::UnicodeString& id,
                        where, settings.timeOut);
   }
   if (id == StaticDefs::ERR_SERVER_COMM_RECV) {
-    return wrongProtocol(settings, "closed the connection before its answer was complete");
+    return fmt::format("{} closed the connection before its answer was complete{}", where,
+                       remedy(settings, answered));
   }
-  if (id == StaticDefs::ERR_SERVER_COMM_SEND || id == StaticDefs::ERR_CLIENT_INTERNAL) {
+  if (id == StaticDefs::ERR_SERVER_COMM_SEND) {
     return fmt::format("the connection to {} broke while the request was sent{}; try again", where,
                        causeOf(messages));
   }
-  return {};
+  return id == StaticDefs::ERR_CLIENT_INTERNAL ? describeInternal(messages, settings) : "";
 }
 
 std::string describeRefusal(const icu::UnicodeString& id, const icu::UnicodeString& text,
-                            const Settings& settings) {
-  if (id == StaticDefs::ERR_CLIENT_RESP_PARSING || id == StaticDefs::ERR_SERVER_PROTOCOL) {
-    return wrongProtocol(settings, "gave an answer that is not understood");
+                            const Settings& settings, bool answered) {
+  if (isNotUnderstood(id)) {
+    return fmt::format("{} gave an answer that is not understood{}", address(settings),
+                       remedy(settings, answered));
   }
   if (id == StaticDefs::ERR_SERVER_INVALID_AUTH) {
     return fmt::format("{} refused the credentials", address(settings));
@@ -70,20 +90,27 @@ std::string describeRefusal(const icu::UnicodeString& id, const icu::UnicodeStri
 
 }  // namespace
 
-std::string failureId(const tq::oss::BaseException& failure) {
-  const auto& messages = failure.getMessageList();
-  return messages.empty() ? std::string() : toUtf8(messages.front().getMessageId());
+std::string failureId(const tq::oss::BaseException& failure) { return toUtf8(firstId(failure)); }
+
+bool isVerdict(const tq::oss::BaseException& failure, tq::comm::RequestOutcome outcome) {
+  return outcome == tq::comm::RequestOutcome::Rejected && !isNotUnderstood(firstId(failure));
 }
 
-std::string describeFailure(const tq::oss::BaseException& failure, const Settings& settings) {
+bool suggestsOtherProtocol(const tq::oss::BaseException& failure) {
+  const icu::UnicodeString id = firstId(failure);
+  return isNotUnderstood(id) || id == StaticDefs::ERR_SERVER_COMM_RECV;
+}
+
+std::string describeFailure(const tq::oss::BaseException& failure, const Settings& settings,
+                            bool answered) {
   const auto& messages = failure.getMessageList();
   if (messages.empty()) {
     return fmt::format("the request to {} failed for an unknown reason", address(settings));
   }
   const auto& first = messages.front();
   const icu::UnicodeString& id = first.getMessageId();
-  std::string line = describeCommunication(id, messages, settings);
-  return line.empty() ? describeRefusal(id, first.getMessageText(), settings) : line;
+  std::string line = describeCommunication(id, messages, settings, answered);
+  return line.empty() ? describeRefusal(id, first.getMessageText(), settings, answered) : line;
 }
 
 }  // namespace corvane

@@ -8,6 +8,9 @@
 namespace tq::oss {
 class BaseException;
 }
+namespace tq::comm {
+enum class RequestOutcome;
+}
 
 namespace corvane {
 
@@ -17,7 +20,7 @@ class UsageError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// The operation failed for a reason that is not the library's to tell: a file, a missing answer.
+/// The operation failed for a reason that the library does not know: a file, a missing answer.
 class OperationError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -26,7 +29,16 @@ class OperationError : public std::runtime_error {
 /// The id of the failure's first message, empty when there is none.
 std::string failureId(const tq::oss::BaseException& failure);
 
-/// One line for a person: what failed, on which host and port, and what to do about it.
-std::string describeFailure(const tq::oss::BaseException& failure, const Settings& settings);
+/// True when the server has read the request and refused it. An answer that is not a Corvane
+/// server's is not a verdict.
+bool isVerdict(const tq::oss::BaseException& failure, tq::comm::RequestOutcome outcome);
+
+/// True when the failure may have come of speaking the wrong protocol on this port.
+bool suggestsOtherProtocol(const tq::oss::BaseException& failure);
+
+/// One line for a person: what failed, on which host and port, and what to do about it. A server
+/// that has `answered` before speaks the chosen protocol.
+std::string describeFailure(const tq::oss::BaseException& failure, const Settings& settings,
+                            bool answered);
 
 }  // namespace corvane

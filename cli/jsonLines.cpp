@@ -16,10 +16,10 @@ using Json = nlohmann::ordered_json;
 // The length fields of a document have 30 bits.
 constexpr std::size_t maxFieldBytes = 0x3FFFFFFF;
 
-// Deeper nesting is no metadata, and writing it out again would cost a stack frame a level.
+// Nobody means deeper nesting as metadata, and writing it out costs a stack frame per level.
 constexpr int maxDepth = 100;
 
-// Thrown: the reason why a line is no document.
+// Thrown with the reason why a line does not describe a document.
 struct Rejected {
   std::string reason;
 };
@@ -57,7 +57,7 @@ void fill(const Json& object, Document& document) {
 }
 
 std::string jsonReason(const Json::exception& failure) {
-  // The library's own prefix, "[json.exception.parse_error.101] ", says nothing to a person.
+  // The JSON library's prefix, "[json.exception.parse_error.101] ", tells a person nothing.
   const std::string text = failure.what();
   const auto end = text.find("] ");
   return "not JSON: " + (end == std::string::npos ? text : text.substr(end + 2));
@@ -114,7 +114,7 @@ DocumentReader::LineState DocumentReader::readLineOrThrow() {
     return readLine();
   } catch (const std::ios_base::failure& failure) {
     throw OperationError(
-        fmt::format("cannot read the input behind line {}: {}", line_, failure.code().message()));
+        fmt::format("cannot read the input after line {}: {}", line_, failure.code().message()));
   }
 }
 
@@ -125,7 +125,7 @@ DocumentReader::LineState DocumentReader::readLine() {
   int c = source.sbumpc();
   if (c == std::char_traits<char>::eof()) return LineState::end;
   ++line_;
-  // What is beyond the limit is passed over without being held.
+  // What exceeds the limit is skipped without being stored.
   for (; c != std::char_traits<char>::eof() && c != '\n'; c = source.sbumpc()) {
     if (++length <= maxLineBytes_) buffer_ += static_cast<char>(c);
   }

@@ -29,10 +29,10 @@ struct Refusal {
   std::string reason;
 };
 
-/// Reads documents from JSON Lines: one object a line, with a "key" (a string, or a whole number,
+/// Reads documents from JSON Lines: one object per line, with a "key" (a string, or a whole number,
 /// whose digits are taken), a "text" (a string) and any other fields, which become metadata:
 /// strings as they are, null not at all, everything else as JSON. Blank lines are skipped. A line
-/// that is no document is a refusal, and reading goes on behind it.
+/// that does not describe a document is a refusal, and reading goes on after it.
 class DocumentReader {
  public:
   explicit DocumentReader(std::istream& input, std::size_t maxLineBytes = std::size_t{256} << 20);

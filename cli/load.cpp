@@ -6,6 +6,7 @@
 #include <utility>
 #include <variant>
 
+#include "cli/commands.h"
 #include "cli/errors.h"
 #include "cli/request.h"
 #include "cli/text.h"
@@ -21,15 +22,15 @@ namespace {
 using tq::comm::ClientRequest;
 using tq::comm::ClientResponse;
 
-// A failed write has an id of its own over the HTTP-style protocol, which it shares with failures
-// that a second try meets again.
+// The HTTP-style client reports a failed write by an id that it shares with failures which a second
+// attempt would only meet again.
 bool mayPass(const tq::oss::BaseException& failure) {
   auto id = icu::UnicodeString::fromUTF8(failureId(failure));
   return tq::comm::CorvaneRESTClient::isCommnError(id) ||
          id == tq::comm::StaticDefs::ERR_CLIENT_INTERNAL;
 }
 
-// A warning or an information comes with a document that is in the collection.
+// A document that comes with a warning or an information is in the collection.
 bool isRefusal(const tq::comm::ParseResult& result) {
   if (!result.hasMessage()) return false;
   const auto level = result.getMessage().getLevel();
@@ -40,6 +41,9 @@ std::string reasonOf(const tq::oss::Message& message) {
   return fmt::format("{} ({})", printable(message.getMessageText()),
                      printable(message.getMessageId()));
 }
+
+// Up to this many documents are not worth another round of queueing.
+constexpr std::size_t fewDocuments = 10;
 
 void report(Session& session, const Refusal& refusal) {
   nlohmann::ordered_json object = {{"refused", refusal.key}, {"line", refusal.line}};
@@ -55,14 +59,18 @@ void report(Session& session, const Refusal& refusal) {
 
 }  // namespace
 
-BatchLoader::BatchLoader(Session& session, icu::UnicodeString collection, WindowLimits limits)
-    : session_(session), collection_(std::move(collection)), limits_(limits) {}
+BatchLoader::BatchLoader(Session& session, icu::UnicodeString collection, WindowLimits limits,
+                         std::function<void()> changed)
+    : session_(session),
+      collection_(std::move(collection)),
+      limits_(limits),
+      changed_(std::move(changed)) {}
 
 void BatchLoader::add(Document document) {
   if (byKey_.count(document.key) != 0) deliver();
   windowBytes_ += document.bytes();
-  window_.push_back(std::move(document));
-  byKey_.emplace(window_.back().key, std::prev(window_.end()));
+  window_.push_back({std::move(document)});
+  byKey_.emplace(window_.back().document.key, std::prev(window_.end()));
   if (window_.size() >= limits_.documents || windowBytes_ >= limits_.bytes) deliver();
 }
 
@@ -70,30 +78,33 @@ void BatchLoader::finish() {
   if (!window_.empty()) deliver();
 }
 
+std::size_t BatchLoader::pending() const { return disputed_.size() + (sent_ ? window_.size() : 0); }
+
 std::vector<Refusal> BatchLoader::takeRefusals() { return std::exchange(refusals_, {}); }
 
 void BatchLoader::deliver() {
+  sent_ = true;
+  changed_();
   try {
     deliverOnce();
   } catch (const tq::oss::BaseException& failure) {
     if (!mayPass(failure)) throw;
     session_.client.close();
+    if (!window_.empty()) deliverOnce();
   }
-  if (!window_.empty()) deliverOnce();
-  giveUp();
-}
-
-void BatchLoader::giveUp() {
-  for (const Document& document : window_) {
-    refusals_.push_back({document.line, document.key, "the server did not confirm it, twice"});
+  // Queueing is by far the faster way, and goes on while it settles something.
+  for (std::size_t left = 0; window_.size() != left && window_.size() > fewDocuments;) {
+    left = window_.size();
+    deliverOnce();
   }
-  window_.clear();
-  byKey_.clear();
+  confirm();
+  sent_ = false;
   windowBytes_ = 0;
+  changed_();
 }
 
 void BatchLoader::deliverOnce() {
-  for (const Document& document : window_) queue(document);
+  for (const Entry& entry : window_) queue(entry.document);
   ClientRequest last = collectionRequest(ClientRequest::LAST_DOC_SENT, collection_);
   ClientResponse none;
   session_.client.sendAndRecvMesg(last, none);
@@ -107,34 +118,81 @@ void BatchLoader::queue(const Document& document) {
   session_.client.sendAndRecvMesg(request, none);
 }
 
-void BatchLoader::collect() {
+// What was received before a failure counts as well.
+void BatchLoader::collect() try {
+  collectResults();
+  settle();
+} catch (...) {
+  settle();
+  throw;
+}
+
+void BatchLoader::collectResults() {
   ClientRequest request = collectionRequest(ClientRequest::PARSE_RESULT, collection_);
   ClientResponse response;
   exchange(session_, request, response);
   auto* results = &response.getParseResponse();
   for (;;) {
-    while (results->hasMore()) settle(results->getNext());
+    while (results->hasMore()) note(results->getNext());
     if (session_.client.isEndOfStream()) break;
     results = &response.getParseResponse(session_.client);
   }
 }
 
-void BatchLoader::settle(const tq::comm::ParseResult& result) {
+void BatchLoader::note(const tq::comm::ParseResult& result) {
   // A server names a document by its key, as text or in the form of a hit's document id.
   auto found = byKey_.find(toUtf8(result.getDocument()));
   if (found == byKey_.end()) {
     found = byKey_.find(keyOfDocId(result.getDocument()).value_or(std::string()));
   }
-  // What is not ours was queued by another client of the collection.
+  // Another client of the collection queued this one.
   if (found == byKey_.end()) return;
-  const auto document = found->second;
+  Entry& entry = *found->second;
   if (isRefusal(result)) {
-    refusals_.push_back({document->line, document->key, reasonOf(result.getMessage())});
+    entry.refused = true;
   } else {
-    ++taken_;
+    entry.accepted = true;
   }
-  byKey_.erase(found);
-  window_.erase(document);
+}
+
+// Only when all results are known, because two of them may have one key: ours and another client's.
+void BatchLoader::settle() {
+  for (auto entry = window_.begin(); entry != window_.end();) {
+    const auto next = std::next(entry);
+    if (entry->refused) {
+      byKey_.erase(entry->document.key);
+      disputed_.splice(disputed_.end(), window_, entry);
+    } else if (entry->accepted) {
+      ++taken_;
+      byKey_.erase(entry->document.key);
+      window_.erase(entry);
+    }
+    entry = next;
+  }
+  changed_();
+}
+
+// The answer to an addition is about this document and no other.
+void BatchLoader::confirm() {
+  disputed_.splice(disputed_.end(), window_);
+  byKey_.clear();
+  for (; !disputed_.empty(); disputed_.pop_front()) {
+    if (isTaken(disputed_.front().document)) ++taken_;
+  }
+}
+
+bool BatchLoader::isTaken(const Document& document) {
+  ClientRequest request = collectionRequest(ClientRequest::ADD_DOCUMENT, collection_);
+  attachDocument(request, document.key, document.text, document.metadata);
+  ClientResponse response;
+  try {
+    exchange(session_, request, response);
+    return true;
+  } catch (const tq::oss::BaseException& failure) {
+    if (!isVerdict(failure, session_.client.getRequestOutcome())) throw;
+    refusals_.push_back({document.line, document.key, reasonOf(failure.getMessageList().front())});
+    return false;
+  }
 }
 
 namespace {
@@ -142,91 +200,140 @@ namespace {
 // Counts and reports while the documents go to the loader.
 class LoadRun {
  public:
-  LoadRun(Session& session, BatchLoader& loader) : session_(session), loader_(loader) {}
+  LoadRun(Session& session, const LoadArguments& arguments, const icu::UnicodeString& collection)
+      : session_(session),
+        arguments_(arguments),
+        loader_(session, collection, arguments.limits, [this] { setLastWords(); }) {
+    setLastWords();
+  }
 
   void take(std::variant<Document, Refusal> item) {
     if (auto* refusal = std::get_if<Refusal>(&item)) {
+      line_ = refusal->line;
       refuse(*refusal);
     } else {
+      line_ = std::get<Document>(item).line;
       loader_.add(std::get<Document>(std::move(item)));
       reportRefusals();
     }
     if (++seen_ % 500 == 0) showProgress();
+    checkLimit();
   }
 
   void finish() {
     loader_.finish();
     reportRefusals();
+    checkLimit();
   }
 
-  ExitCode summary(const std::string& collection) {
-    reportRefusals();
-    session_.printer.result(fmt::format("loaded {} documents into {}, {} refused", loader_.taken(),
-                                        collection, refused_),
-                            sums(collection));
+  ExitCode summary() {
+    session_.printer.result(sentence(), sums());
     return refused_ == 0 ? ExitCode::ok : ExitCode::partlyLoaded;
   }
 
   // Of a load that was broken off.
-  void summaryUntilThen(const std::string& collection) {
+  void summaryUntilThen() {
     reportRefusals();
-    if (session_.printer.json()) {
-      nlohmann::ordered_json object = sums(collection);
-      object["unconfirmed"] = loader_.pending();
-      session_.printer.object(object);
-      return;
-    }
-    session_.printer.note(
-        fmt::format("{} more documents may be in the collection or not", loader_.pending()));
-    summary(collection);
+    if (loader_.pending() != 0) session_.printer.note(uncertainty());
+    session_.printer.result(sentence(), sumsUntilThen());
   }
 
+  std::uint64_t loaded() const { return loader_.taken(); }
+
  private:
-  nlohmann::ordered_json sums(const std::string& collection) const {
-    return {{"collection", collection}, {"loaded", loader_.taken()}, {"refused", refused_}};
+  std::string sentence() const {
+    return fmt::format("loaded {} into {}, {} refused", counted(loader_.taken(), "document"),
+                       arguments_.collection, refused_);
+  }
+
+  std::string uncertainty() const {
+    return counted(loader_.pending(), "more document") + " may be in the collection or not";
+  }
+
+  nlohmann::ordered_json sums() const {
+    return {
+        {"collection", arguments_.collection}, {"loaded", loader_.taken()}, {"refused", refused_}};
+  }
+
+  nlohmann::ordered_json sumsUntilThen() const {
+    nlohmann::ordered_json object = sums();
+    object["unconfirmed"] = loader_.pending();
+    return object;
+  }
+
+  void setLastWords() {
+    const Printer& printer = session_.printer;
+    const std::string doubt = loader_.pending() == 0 ? "" : "; " + uncertainty();
+    session_.lastWords.set({printer.resultLine(sentence(), sumsUntilThen()),
+                            printer.errorLine("interrupted" + doubt, "INTERRUPTED")});
   }
 
   void refuse(const Refusal& refusal) {
     ++refused_;
-    report(session_, refusal);
+    // The sums tell of those beyond the limit.
+    if (refused_ <= arguments_.maxErrors.value_or(refused_)) report(session_, refusal);
+    setLastWords();
   }
 
   void reportRefusals() {
     for (const Refusal& refusal : loader_.takeRefusals()) refuse(refusal);
   }
 
+  // Everything before the line that reached the limit is offered all the same.
+  void checkLimit() {
+    if (!arguments_.maxErrors || refused_ < *arguments_.maxErrors) return;
+    loader_.finish();
+    reportRefusals();
+    throw OperationError(fmt::format("stopped after line {}, because of --max-errors {}", line_,
+                                     *arguments_.maxErrors));
+  }
+
   void showProgress() {
-    session_.printer.progress(fmt::format("{} lines read, {} documents loaded, {} refused", seen_,
+    session_.printer.progress(fmt::format("{} read, {} loaded, {} refused", counted(seen_, "line"),
                                           loader_.taken(), refused_));
   }
 
   Session& session_;
-  BatchLoader& loader_;
+  const LoadArguments& arguments_;
   std::uint64_t seen_ = 0;
+  std::uint64_t line_ = 0;
   std::uint64_t refused_ = 0;
+  BatchLoader loader_;
 };
+
+void tellWhatIsNext(const Session& session, const std::string& collection) {
+  session.printer.note(
+      fmt::format("searches find the documents after 'corvane update {}'", collection));
+}
 
 }  // namespace
 
-ExitCode loadDocuments(Session& session, const std::string& collection, std::istream& input,
-                       WindowLimits limits) {
-  const icu::UnicodeString name = headerValue("the collection's name", collection);
+ExitCode loadDocuments(Session& session, const LoadArguments& arguments, std::istream& input) {
+  const icu::UnicodeString name = headerValue("the collection's name", arguments.collection);
   // Queued documents get no reply, so a collection that does not exist would show late.
   ClientRequest open = collectionRequest(ClientRequest::OPEN_COLLECTION, name);
   ClientResponse opened;
   exchange(session, open, opened);
 
-  BatchLoader loader(session, name, limits);
-  LoadRun run(session, loader);
+  LoadRun run(session, arguments, name);
   DocumentReader reader(input);
   try {
     while (auto item = reader.next()) run.take(std::move(*item));
     run.finish();
   } catch (...) {
-    run.summaryUntilThen(collection);
+    run.summaryUntilThen();
     throw;
   }
-  return run.summary(collection);
+  const ExitCode code = run.summary();
+  if (run.loaded() == 0) return code;
+  if (!arguments.update) {
+    tellWhatIsNext(session, arguments.collection);
+    return code;
+  }
+  // The sums must not be held back by a long update.
+  session.printer.flush();
+  const ExitCode updated = updateIndex(session, arguments.collection);
+  return updated == ExitCode::ok ? code : updated;
 }
 
 }  // namespace corvane

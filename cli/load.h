@@ -2,8 +2,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <istream>
 #include <list>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -25,13 +27,18 @@ struct WindowLimits {
 };
 
 /// Sends documents to a collection, a window at a time: the whole window is queued without waiting,
-/// then the server's results for it are collected. A document that the server says nothing about,
-/// because a connection broke for instance, is sent once more; that is harmless, since a document
-/// replaces the one that has its key. So that it never replaces a later one, no key stands twice in
-/// a window.
+/// then the server's results for it are collected. The server keeps those results for the
+/// collection and not for the client, so another client that loads into it may take them, and some
+/// that arrive here may be about another client's document of the same key. Therefore
+/// documents that no result names are queued again while that settles some of them, and the last
+/// ones, like those that a result refuses, are added by requests with answers of their own. Sending
+/// a document again does no harm: it replaces the one that has its key. So that it never replaces a
+/// later one, no key stands twice in a window.
 class BatchLoader {
  public:
-  BatchLoader(Session& session, icu::UnicodeString collection, WindowLimits limits);
+  /// `changed` is called when a window is about to be sent and when results have come.
+  BatchLoader(Session& session, icu::UnicodeString collection, WindowLimits limits,
+              std::function<void()> changed);
 
   /// Takes the document and, when the window is full, delivers it. Throws what the client throws
   /// when the server cannot be reached; documents of the window may then be in the collection or
@@ -43,36 +50,58 @@ class BatchLoader {
 
   std::uint64_t taken() const { return taken_; }
 
-  /// Documents that are neither taken nor refused yet.
-  std::size_t pending() const { return window_.size(); }
+  /// Documents that have been sent and are neither taken nor refused yet.
+  std::size_t pending() const;
 
-  /// Those of the delivered windows that the server did not take, in the order of its answers; the
-  /// list is emptied.
+  /// The documents that the server has refused since the last call.
   std::vector<Refusal> takeRefusals();
 
  private:
+  struct Entry {
+    Document document;
+    bool accepted = false;
+    bool refused = false;
+  };
+  using Entries = std::list<Entry>;
+
   void deliver();
   void deliverOnce();
   void queue(const Document& document);
   void collect();
-  void giveUp();
-  void settle(const tq::comm::ParseResult& result);
+  void collectResults();
+  void note(const tq::comm::ParseResult& result);
+  void settle();
+  void confirm();
+  bool isTaken(const Document& document);
 
   Session& session_;
   icu::UnicodeString collection_;
   WindowLimits limits_;
+  std::function<void()> changed_;
 
-  // What has not been answered yet, in the order of the input.
-  std::list<Document> window_;
-  std::unordered_map<std::string, std::list<Document>::iterator> byKey_;
+  // What has not been settled yet, in the order of the input.
+  Entries window_;
+  std::unordered_map<std::string, Entries::iterator> byKey_;
   std::size_t windowBytes_ = 0;
+  bool sent_ = false;
+
+  // Named by a result that refuses it, perhaps another client's.
+  Entries disputed_;
 
   std::uint64_t taken_ = 0;
   std::vector<Refusal> refusals_;
 };
 
+struct LoadArguments {
+  std::string collection;
+  /// How many refusals end the load; nothing: however many there are, it goes on.
+  std::optional<std::uint64_t> maxErrors;
+  /// Make the documents searchable at the end.
+  bool update = false;
+  WindowLimits limits{};
+};
+
 /// Loads every document of `input`, reports each refusal as it comes and the sums at the end.
-ExitCode loadDocuments(Session& session, const std::string& collection, std::istream& input,
-                       WindowLimits limits = {});
+ExitCode loadDocuments(Session& session, const LoadArguments& arguments, std::istream& input);
 
 }  // namespace corvane

@@ -42,49 +42,63 @@ Printer::Printer(std::ostream& out, std::ostream& err, Mode mode)
     : out_(out), err_(err), mode_(mode) {}
 
 void Printer::result(std::string_view line, const nlohmann::ordered_json& object) {
-  if (mode_.json) {
-    this->object(object);
-  } else {
-    this->line(printable(line));
-  }
+  const std::lock_guard lock(mutex_);
+  clearProgress();
+  out_ << resultLine(line, object);
+}
+
+std::string Printer::resultLine(std::string_view line, const nlohmann::ordered_json& object) const {
+  return (mode_.json ? dump(object) : printable(line)) + '\n';
 }
 
 void Printer::line(const std::string& line) {
+  const std::lock_guard lock(mutex_);
   clearProgress();
   out_ << line + '\n';
 }
 
 void Printer::object(const nlohmann::ordered_json& object) {
+  const std::lock_guard lock(mutex_);
   clearProgress();
   out_ << dump(object) + '\n';
 }
 
 void Printer::note(std::string_view line) {
+  const std::lock_guard lock(mutex_);
   if (mode_.json) return;
   clearProgress();
   err_ << printable(line) + '\n';
 }
 
 void Printer::error(std::string_view line, std::string_view id) {
+  const std::lock_guard lock(mutex_);
   clearProgress();
-  if (!mode_.json) {
-    err_ << "corvane: " + printable(line) + '\n';
-    return;
-  }
+  err_ << errorLine(line, id);
+}
+
+std::string Printer::errorLine(std::string_view line, std::string_view id) const {
+  if (!mode_.json) return "corvane: " + printable(line) + '\n';
   nlohmann::ordered_json object = {{"error", printable(line)}};
   if (!id.empty()) object["id"] = id;
-  err_ << dump(object) + '\n';
+  return dump(object) + '\n';
+}
+
+bool Printer::showsProgress() const { return columns() >= 2; }
+
+unsigned int Printer::columns() const {
+  return mode_.columns != nullptr && !mode_.json ? mode_.columns() : 0;
 }
 
 void Printer::progress(std::string_view line) {
-  const unsigned int columns = mode_.columns != nullptr && !mode_.json ? mode_.columns() : 0;
-  if (columns < 2) return;
+  const std::lock_guard lock(mutex_);
+  if (!showsProgress()) return;
   // A line that fills the last column wraps, and the next one would not replace it.
-  err_ << '\r' << line.substr(0, columns - 1) << "\x1b[K" << std::flush;
+  err_ << '\r' << line.substr(0, columns() - 1) << "\x1b[K" << std::flush;
   progressShown_ = true;
 }
 
 bool Printer::flush() {
+  const std::lock_guard lock(mutex_);
   clearProgress();
   err_.flush();
   return static_cast<bool>(out_.flush());

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 #include <nlohmann/json_fwd.hpp>
 #include <ostream>
 #include <string>
@@ -10,7 +11,8 @@ namespace corvane {
 
 /// Where a command's words go: results to one stream, everything else to the other. Results are
 /// lines for a person, or JSON Lines; progress is shown to a person at a terminal only. Characters
-/// that could steer a terminal are written as escapes.
+/// that could steer a terminal are written as escapes. Safe from any thread, because progress is
+/// told by another thread than the one that waits for the server.
 class Printer {
  public:
   struct Mode {
@@ -36,6 +38,13 @@ class Printer {
   /// One line that begins with the program's name, or one JSON object with the same text.
   void error(std::string_view line, std::string_view id = {});
 
+  /// The line that `error` prints, and the one that `result` prints.
+  std::string errorLine(std::string_view line, std::string_view id = {}) const;
+  std::string resultLine(std::string_view line, const nlohmann::ordered_json& object) const;
+
+  /// True when somebody sees progress.
+  bool showsProgress() const;
+
   /// Replaces the terminal's current line, with as much of this one (ASCII) as fits. Prints nothing
   /// elsewhere.
   void progress(std::string_view line);
@@ -44,8 +53,10 @@ class Printer {
   bool flush();
 
  private:
+  unsigned int columns() const;
   void clearProgress();
 
+  std::mutex mutex_;  // Guards the streams and what follows.
   std::ostream& out_;
   std::ostream& err_;
   Mode mode_;

@@ -2,22 +2,40 @@
 
 #include "cli/commandLine.h"
 #include "cli/errors.h"
+#include "cli/otherProtocol.h"
 #include "infra/oss/kruBaseException.h"
 
 namespace corvane {
 
 namespace {
 
-ExitCode perform(const CommandLine& commandLine, Printer& printer) {
+std::string explain(const tq::oss::BaseException& failure, const Session& session) {
+  if (!session.answered && suggestsOtherProtocol(failure)) {
+    if (auto line = otherProtocolSpoken(session.settings)) return *line;
+  }
+  std::string line = describeFailure(failure, session.settings, session.answered);
+  const bool inDoubt = session.client.getRequestOutcome() == tq::comm::RequestOutcome::MayBeApplied;
+  return inDoubt && !session.doubt.empty() ? line + "; " + session.doubt : line;
+}
+
+ExitCode runCommand(const CommandLine& commandLine, Session& session) {
+  try {
+    return commandLine.command(session);
+  } catch (const tq::oss::BaseException& failure) {
+    session.printer.error(explain(failure, session), failureId(failure));
+    return ExitCode::failed;
+  }
+}
+
+ExitCode perform(const CommandLine& commandLine, Printer& printer, LastWords& lastWords) {
   try {
     auto client = makeClient(commandLine.settings);
-    Session session{*client, commandLine.settings, printer};
-    return commandLine.command(session);
+    Session session{*client, commandLine.settings, printer, lastWords};
+    lastWords.set({{}, printer.errorLine("interrupted", "INTERRUPTED")});
+    return runCommand(commandLine, session);
   } catch (const UsageError& wrong) {
     printer.error(wrong.what());
     return ExitCode::usage;
-  } catch (const tq::oss::BaseException& failure) {
-    printer.error(describeFailure(failure, commandLine.settings), failureId(failure));
   } catch (const std::bad_alloc&) {
     printer.error("out of memory");
   } catch (const std::exception& failure) {
@@ -33,7 +51,9 @@ ExitCode run(int argc, const char* const* argv, const Streams& streams) {
   if (parsed.exit) return *parsed.exit;
   const CommandLine& commandLine = parsed.commandLine;
   Printer printer(streams.out, streams.err, {commandLine.json, streams.columns});
-  const ExitCode code = perform(commandLine, printer);
+  LastWords unheard;
+  LastWords& lastWords = streams.lastWords != nullptr ? *streams.lastWords : unheard;
+  const ExitCode code = perform(commandLine, printer, lastWords);
   if (printer.flush()) return code;
   printer.error("cannot write the result to standard output");
   return ExitCode::failed;

@@ -4,6 +4,7 @@
 #include <ostream>
 
 #include "cli/exitCode.h"
+#include "cli/lastWords.h"
 
 namespace corvane {
 
@@ -14,6 +15,8 @@ struct Streams {
   std::ostream& err;
   /// The present width of the terminal that shows `err`; 0, or no function: it is none.
   unsigned int (*columns)() = nullptr;
+  /// Kept up to date for a signal, when there is one.
+  LastWords* lastWords = nullptr;
 };
 
 /// The whole program: reads the command line, runs the command, reports a failure as one line.

@@ -74,14 +74,20 @@ class HitPrinter {
 
 ExitCode cutOff(Session& session, std::uint64_t hits, const std::string& cause) {
   session.printer.error(
-      fmt::format("the result from {} was cut off after {} hits{}; what is shown is right but not "
+      fmt::format("the result from {} was cut off after {} ({}); what is shown is right but not "
                   "everything, search again",
-                  address(session.settings), hits, cause),
+                  address(session.settings), counted(hits, "hit"), cause),
       "TRUNCATED");
   return ExitCode::truncated;
 }
 
-// Prints portion after portion; false when the server will say no more although it was not done.
+std::string whyNoHits(const SearchArguments& arguments) {
+  if (arguments.limit == std::uint64_t{0}) return "no hits are shown, as --limit 0 asks";
+  if (arguments.start == 0) return "no document matches";
+  return fmt::format("no hits are left after the first {}", arguments.start);
+}
+
+// Prints portion after portion. Returns false when the result ended before it was complete.
 bool printRest(Session& session, ClientResponse& response, HitPrinter& hits) {
   while (!session.client.isEndOfStream()) {
     hits.print(response.getSearchResponse(session.client, true));
@@ -95,15 +101,18 @@ ExitCode search(Session& session, const SearchArguments& arguments) {
   ClientRequest request = searchRequest(arguments);
   ClientResponse response;
   exchange(session, request, response);
+  session.lastWords.set(
+      {{}, session.printer.errorLine("interrupted; the result is not complete", "INTERRUPTED")});
   HitPrinter hits(session.printer, arguments.start);
   hits.print(response.getSearchResponse());
   try {
-    if (!printRest(session, response, hits)) return cutOff(session, hits.hits(), "");
+    if (!printRest(session, response, hits)) {
+      return cutOff(session, hits.hits(), "the server ended it early");
+    }
   } catch (const tq::oss::BaseException& failure) {
-    const std::string cause = describeFailure(failure, session.settings);
-    return cutOff(session, hits.hits(), " (" + cause + ")");
+    return cutOff(session, hits.hits(), describeFailure(failure, session.settings, true));
   }
-  if (hits.hits() == 0) session.printer.note("no document matches");
+  if (hits.hits() == 0) session.printer.note(whyNoHits(arguments));
   return ExitCode::ok;
 }
 

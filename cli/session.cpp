@@ -2,19 +2,54 @@
 
 #include <fmt/format.h>
 
+#include <cstring>
+#include <utility>
+
 #include "cli/errors.h"
+#include "cli/otherProtocol.h"
+#include "cli/text.h"
 #include "comm/kruClientResponse.h"
+#include "comm/kruRESTMessage.h"
 
 namespace corvane {
 
+namespace {
+
+constexpr std::size_t longestBinaryHeader = 65535;
+
+// A query has no limit of its own; the binary protocol's header, in which it travels, has.
+void checkHeader(const Session& session, tq::comm::ClientRequest& request) {
+  if (session.settings.protocol != Protocol::binary) return;
+  tq::comm::RESTMessage message(session.client.getHost(), request);
+  const std::size_t length = std::strlen(message.getSerializedHeader());
+  if (length <= longestBinaryHeader) return;
+  throw UsageError(
+      fmt::format("the request's header, which holds the names and the query, has {} bytes; the "
+                  "binary protocol takes {} of them, so shorten the query",
+                  length, longestBinaryHeader));
+}
+
+}  // namespace
+
 void exchange(Session& session, tq::comm::ClientRequest& request,
               tq::comm::ClientResponse& response) {
-  session.client.sendAndRecvMesg(request, response);
+  checkHeader(session, request);
+  {
+    const SilenceWatch watch(session);
+    session.client.sendAndRecvMesg(request, response);
+  }
+  session.answered = true;
   if (!response.success()) {
     throw OperationError(fmt::format(
         "{} refused the request without saying why; check that --port is a Corvane server's",
         address(session.settings)));
   }
+}
+
+void setDoubt(Session& session, std::string doubt) {
+  session.doubt = std::move(doubt);
+  session.lastWords.set(
+      {{}, session.printer.errorLine("interrupted; " + session.doubt, "INTERRUPTED")});
 }
 
 }  // namespace corvane

@@ -8,6 +8,10 @@
 
 namespace corvane {
 
+const char* protocolName(Protocol protocol) {
+  return protocol == Protocol::http ? "http" : "binary";
+}
+
 std::string address(const Settings& settings) {
   const bool literal = settings.host.find(':') != std::string::npos;
   return literal ? fmt::format("[{}]:{}", settings.host, settings.port)
@@ -20,7 +24,8 @@ std::unique_ptr<tq::comm::CorvaneRESTClient> binaryClient(const icu::UnicodeStri
                                                           unsigned int port) {
   auto client = std::make_unique<tq::comm::DrestoPerfClient>(host, port);
   client->setReassembly(true);
-  // Held-back messages leave before a reply is awaited, so only queueing documents is affected.
+  // Only queueing documents is affected: the client writes what it holds back before it waits for
+  // a reply.
   client->useBufferedConnection(true);
   return client;
 }
@@ -32,7 +37,10 @@ std::unique_ptr<tq::comm::CorvaneRESTClient> makeClient(const Settings& settings
   auto client = settings.protocol == Protocol::binary
                     ? binaryClient(host, settings.port)
                     : std::make_unique<tq::comm::CorvaneRESTClient>(host, settings.port, true);
-  client->setTimeOut(settings.timeOut);
+  client->setDeadline(settings.timeOut);
+  // A person is told that a request may have been carried out; repeating it would report that it
+  // failed for what it has done itself.
+  client->setRetryUnsafe(false);
   return client;
 }
 

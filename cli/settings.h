@@ -15,10 +15,13 @@ enum class Protocol { http, binary };
 struct Settings {
   std::string host = "127.0.0.1";
   unsigned int port = 0;
-  /// Milliseconds for connecting and for each wait for reply bytes; 0 waits for ever.
+  /// Milliseconds that one request may take, its repetitions included, and each further part of a
+  /// long result; 0 waits for ever.
   unsigned int timeOut = 300'000;
   Protocol protocol = Protocol::binary;
 };
+
+const char* protocolName(Protocol protocol);
 
 /// "host:port", with brackets around an IPv6 address.
 std::string address(const Settings& settings);

@@ -1,6 +1,7 @@
 #include "tests/cli/childProcess.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <array>
 #include <cstdio>
 #include <stdexcept>
+#include <utility>
 
 namespace corvane::test {
 
@@ -69,14 +71,50 @@ int awaitEnd(pid_t process) {
 
 }  // namespace
 
-Finished runToEnd(const std::vector<std::string>& command, const std::string& input) {
-  ScratchFile in(input), out, err;
-  const pid_t process = spawn(command, in.descriptor(), out.descriptor(), err.descriptor());
+struct Child::Files {
+  explicit Files(const std::string& input) : in(input) {}
+  ScratchFile in, out{}, err{};
+  // Both -1 unless the output is a pipe.
+  std::array<int, 2> pipe{-1, -1};
+};
+
+Child::Child(const std::vector<std::string>& command, const std::string& input, Output output)
+    : files_(std::make_unique<Files>(input)) {
+  auto& pipe = files_->pipe;
+  if (output == Output::unread && ::pipe2(pipe.data(), O_CLOEXEC) != 0) {
+    throw std::runtime_error("no pipe");
+  }
+  const int out = output == Output::unread ? pipe[1] : files_->out.descriptor();
+  process_ = spawn(command, files_->in.descriptor(), out, files_->err.descriptor());
+  if (output == Output::unread) ::close(pipe[1]);
+}
+
+Child::~Child() {
+  if (process_ > 0) {
+    signal(SIGKILL);
+    awaitEnd(process_);
+  }
+  if (files_->pipe[0] >= 0) ::close(files_->pipe[0]);
+}
+
+void Child::signal(int number) const { ::kill(process_, number); }
+
+Finished Child::finish() {
   Finished finished;
-  finished.code = awaitEnd(process);
-  finished.out = out.contents();
-  finished.err = err.contents();
+  std::array<char, 4096> buffer{};
+  const int pipe = files_->pipe[0];
+  for (ssize_t count = 1; pipe >= 0 && count > 0;) {
+    count = ::read(pipe, buffer.data(), buffer.size());
+    if (count > 0) finished.out.append(buffer.data(), static_cast<std::size_t>(count));
+  }
+  finished.code = awaitEnd(std::exchange(process_, -1));
+  if (pipe < 0) finished.out = files_->out.contents();
+  finished.err = files_->err.contents();
   return finished;
+}
+
+Finished runToEnd(const std::vector<std::string>& command, const std::string& input) {
+  return Child(command, input).finish();
 }
 
 }  // namespace corvane::test

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -9,6 +12,33 @@ namespace corvane::test {
 struct Finished {
   int code = -1;  ///< the exit code; 256 and the signal's number when a signal ended it
   std::string out, err;
+};
+
+/// A program that runs beside the test. Killed when the object goes.
+class Child {
+ public:
+  enum class Output {
+    /// Kept until the end.
+    kept,
+    /// A pipe, which nobody reads before the end.
+    unread,
+  };
+
+  explicit Child(const std::vector<std::string>& command, const std::string& input = {},
+                 Output output = Output::kept);
+  ~Child();
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  pid_t process() const { return process_; }
+  void signal(int number) const;
+  /// Reads what an unread pipe holds, and waits for the end.
+  Finished finish();
+
+ private:
+  struct Files;
+  std::unique_ptr<Files> files_;
+  pid_t process_ = -1;
 };
 
 /// Runs a program with `input` at its standard input and waits for its end.

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <sstream>
 #include <vector>
 
@@ -98,6 +99,44 @@ TEST(CommandLine, RefusesWrongUseWithOneLineAndTheUsageCode) {
   }
 }
 
+TEST(CommandLine, SaysWhatIsWrongAndWhatWasProbablyMeant) {
+  const std::vector<std::pair<std::vector<const char*>, std::string>> cases = {
+      {{"serch", "c", "q"}, "unknown command 'serch', did you mean 'search'?"},
+      {{"--port", "1", "updaet", "c"}, "unknown command 'updaet', did you mean 'update'?"},
+      {{"--host", "search", "lod"}, "unknown command 'lod', did you mean 'load'?"},
+      {{"xyzzy"}, "unknown command 'xyzzy'; see corvane --help"},
+      {{""}, "unknown command ''; see corvane --help"},
+      {{}, "no command is given; see corvane --help"},
+      {{"--prt", "1", "status"}, "unknown option --prt, did you mean '--port'?"},
+      {{"search", "c", "q", "--limt", "5"}, "unknown option --limt, did you mean '--limit'?"},
+      {{"search", "c", "red", "fox"},
+       "search takes no further argument 'fox'; put a query of several words in quotes: 'red fox'"},
+      {{"estimate", "c", "red", "fox"}, "put a query of several words in quotes"},
+      {{"add", "c", "k", "red", "fox"}, "put a text of several words in quotes"},
+      {{"create", "a", "b"}, "create takes no further argument 'b'"},
+      {{"status"}, "--port, or CORVANE_PORT, is required; see corvane status --help"},
+      {{"--port", "1", "add", "c", "k"},
+       "add needs TEXT or --file; to empty the document, give '' as its text"},
+      {{"--port", "65536", "status"}, "--port: '65536' is not a number from 1 to 65535"},
+      {{"--port", "1", "--protocol", "htp", "status"},
+       "--protocol: 'htp' is not a protocol; there are binary and http"},
+      {{"--port", "1", "load", "c", "-", "--max-errors", "0"}, "--max-errors: '0' is not a number"},
+      {{"--port", "1\x1b[31m", "status"}, "'1\\u{1b}[31m' is not a number"},
+      {{"--port", "1", "status", "c", "\xe2\x80\xaeop"}, "argument '\\u{202e}op'"}};
+  for (const auto& [arguments, message] : cases) {
+    const Parse parse(arguments);
+    ASSERT_EQ(parse.result.exit, ExitCode::usage) << message;
+    EXPECT_EQ(parse.err.find("corvane: "), 0U) << parse.err;
+    EXPECT_NE(parse.err.find(message), std::string::npos) << parse.err;
+    EXPECT_EQ(parse.err.find('\n'), parse.err.size() - 1) << parse.err;
+  }
+}
+
+TEST(CommandLine, TakesAnEmptyTextThatIsGiven) {
+  const Parse parse({"--port", "1", "add", "c", "k", ""});
+  EXPECT_FALSE(parse.result.exit) << parse.err;
+}
+
 TEST(CommandLine, RefusesWrongUseInJsonWhenItIsWanted) {
   const Parse parse({"--port", "x", "status", "--json"});
   EXPECT_EQ(parse.result.exit, ExitCode::usage);
@@ -127,6 +166,15 @@ TEST(CommandLine, EveryCommandExplainsItselfAndSpeaksJson) {
     EXPECT_EQ(help.result.exit, ExitCode::ok) << name;
     EXPECT_NE(help.out.find(name), std::string::npos) << name;
     EXPECT_EQ(help.err, "") << name;
+    for (const char* common : {"--host HOST", "--port PORT", "--timeout MS", "--protocol NAME",
+                               "--json", "Exit codes"}) {
+      EXPECT_NE(help.out.find(common), std::string::npos) << name << " " << common;
+    }
+    // Whether a request is repeated is part of what a command does.
+    EXPECT_TRUE(std::regex_search(help.out, std::regex("repeated|sent\\s+again"))) << help.out;
+    EXPECT_EQ(help.out.find_first_of("{}>"), std::string::npos) << help.out;
+    std::istringstream lines(help.out);
+    for (std::string line; std::getline(lines, line);) EXPECT_LE(line.size(), 80U) << line;
     auto arguments = command;
     arguments.insert(arguments.end(), {"--port", "1"});
     EXPECT_FALSE(Parse(arguments).result.commandLine.json) << name;

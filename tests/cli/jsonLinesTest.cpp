@@ -149,7 +149,7 @@ TEST(DocumentReader, SaysWhyTheInputCannotBeReadAnyMore) {
     reader.next();
     FAIL() << "the failure was taken for the end";
   } catch (const OperationError& failure) {
-    EXPECT_EQ(std::string(failure.what()), "cannot read the input behind line 1: " +
+    EXPECT_EQ(std::string(failure.what()), "cannot read the input after line 1: " +
                                                std::make_error_code(std::errc::io_error).message());
   }
 }

@@ -159,6 +159,85 @@ TEST(Failure, OfStandardOutputIsNotSilent) {
   EXPECT_TRUE(contains(err.str(), "standard output"));
 }
 
+// The peer reads the request and closes without an answer, on as many connections as there are.
+TEST(Repeating, IsLeftOutWhereASecondRequestWouldFailForWhatTheFirstHasDone) {
+  for (const auto& [command, doubt] : std::vector<std::pair<std::string, std::string>>{
+           {"create", "created"}, {"drop", "deleted"}}) {
+    ScriptedServer server(Script().expectRequest());
+    const Result result = runAgainst(server, {command, "books"});
+    EXPECT_EQ(result.code, ExitCode::failed);
+    EXPECT_TRUE(contains(result.err, "; the collection may have been " + doubt +
+                                         " all the same (the request was not repeated), which "
+                                         "'corvane status books' tells\n"))
+        << result.err;
+    EXPECT_TRUE(isOneLine(result.err)) << result.err;
+    // Beside it at most a question in the other protocol, which carries no such action.
+    std::size_t sent = 0;
+    for (std::size_t i = 0; i < server.connections(); ++i) {
+      sent += contains(server.connection(i).received, "Collection\n");
+    }
+    EXPECT_EQ(sent, 1U);
+  }
+}
+
+TEST(Repeating, HappensOnceWhereItDoesNoHarm) {
+  for (const auto& arguments : std::vector<std::vector<std::string>>{
+           {"add", "c", "k", "t"}, {"update", "c"}, {"delete", "c", "k"}}) {
+    ScriptedServer server({Script().expectRequest(), Script().expectRequest().send(done())});
+    const Result result = runAgainst(server, arguments);
+    EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  }
+}
+
+TEST(Repeating, ThatDidNotHelpSaysWhatMayHaveBeenDone) {
+  ScriptedServer server(Script().expectRequest());
+  const Result result = runAgainst(server, {"add", "c", "k", "t"});
+  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_TRUE(
+      contains(result.err, "; the document may have been added; adding it again does no harm\n"))
+      << result.err;
+}
+
+// A time-out for each attempt would make two of them, with a connection each.
+TEST(TimeOut, CountsForTheRequestAndNotForEachAttempt) {
+  ScriptedServer server(Script().expectRequest().stall());
+  const Result result = runAgainst(server, {"update", "books", "--timeout", "50"});
+  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_TRUE(contains(result.err, "gave no answer within 50 ms")) << result.err;
+  EXPECT_TRUE(contains(result.err,
+                       "; the server may still be updating, which "
+                       "'corvane status books' tells\n"))
+      << result.err;
+  EXPECT_EQ(server.connections(), 1U);
+}
+
+TEST(Refused, QueriesThatTheHeaderCannotHoldAreNeverSent) {
+  ScriptedServer server(Script().awaitClose());
+  for (const char* command : {"search", "estimate"}) {
+    const Result result = runProgram(
+        {command, "books", std::string(70000, 'q'), "--port", std::to_string(server.port())});
+    EXPECT_EQ(result.code, ExitCode::usage);
+    EXPECT_TRUE(contains(result.err, "the binary protocol takes 65535 of them")) << result.err;
+    EXPECT_TRUE(isOneLine(result.err)) << result.err;
+  }
+  EXPECT_EQ(server.connections(), 0U);
+}
+
+TEST(Refused, AnAdditionWithoutATextSendsNothingAndAnEmptyTextIsSent) {
+  ScriptedServer server(Script().expectRequest().send(done()));
+  const Result refused = runAgainst(server, {"add", "books", "k"});
+  EXPECT_EQ(refused.code, ExitCode::usage);
+  EXPECT_TRUE(contains(refused.err, "add needs TEXT or --file")) << refused.err;
+  EXPECT_EQ(server.connections(), 0U);
+  EXPECT_EQ(runAgainst(server, {"add", "books", "k", ""}).code, ExitCode::ok);
+  EXPECT_EQ(server.requests(), 1U);
+}
+
+TEST(Refused, NamesOfFilesCannotSteerTheTerminal) {
+  const Result result = runProgram({"load", "c", "/nonexistent\x1b[2J\xe2\x80\xae", "--port", "1"});
+  EXPECT_TRUE(contains(result.err, "/nonexistent\\u{1b}[2J\\u{202e}")) << result.err;
+}
+
 TEST(Refused, ValuesThatWouldWriteHeaderLinesAreNeverSent) {
   ScriptedServer server(Script().awaitClose());
   const std::vector<std::vector<std::string>> commands = {
@@ -296,12 +375,23 @@ TEST(Version, SaysThatTheHttpReplyCarriesNone) {
   EXPECT_TRUE(contains(result.out, "carries no version text")) << result.out;
 }
 
-TEST(Estimate, SaysThatTheHttpReplyCarriesNone) {
-  ScriptedServer server(Script().expectRequest().send(
-      answer(200, kUninterpreted + enveloped(record({{"hits", "5"}})))));
-  const Result result = runAgainst(server, {"estimate", "books", "q", "--json"});
-  EXPECT_EQ(result.code, ExitCode::ok);
-  EXPECT_TRUE(contains(result.out, "\"fromServer\":false")) << result.out;
+TEST(Estimate, IsRefusedOverTheProtocolWhoseReplyCarriesNone) {
+  ScriptedServer server(Script().awaitClose());
+  const Result result = runAgainst(server, {"estimate", "books", "q"});
+  EXPECT_EQ(result.code, ExitCode::usage);
+  EXPECT_EQ(result.out, "");
+  EXPECT_TRUE(contains(result.err, "carries no estimate; use --protocol binary")) << result.err;
+  EXPECT_EQ(server.connections(), 0U);
+}
+
+TEST(Estimate, AgreesInNumber) {
+  ScriptedServer server(Script().expectFramedRequest().send(
+      word16(1) +
+      envelope(1, word16(0) + word16(1) + word16(0) + word16(1) + word16(0) + word16(2)) +
+      endOfResults()));
+  const Result result =
+      runProgram({"estimate", "books", "q", "--port", std::to_string(server.port())});
+  EXPECT_EQ(result.out, "about 1 hit, at most 2, of 1 document\n") << result.err;
 }
 
 TEST(Search, PrintsRankScoreAndKey) {
@@ -360,6 +450,21 @@ TEST(Search, ThatFindsNothingSaysSoAndSucceeds) {
   EXPECT_EQ(result.err, "no document matches\n");
 }
 
+TEST(Search, OfNoHitsSaysWhyThereAreNone) {
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{"--limit", "0"}, "no hits are shown, as --limit 0 asks\n"},
+      {{"--start", "7"}, "no hits are left after the first 7\n"},
+      {{"--start", "7", "--limit", "3"}, "no hits are left after the first 7\n"}};
+  for (const auto& [options, note] : cases) {
+    ScriptedServer server(Script().expectRequest().send(answer(200, kUninterpreted + kEndMark)));
+    std::vector<std::string> arguments{"search", "books", "q"};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    const Result result = runAgainst(server, arguments);
+    EXPECT_EQ(result.code, ExitCode::ok);
+    EXPECT_EQ(result.err, note);
+  }
+}
+
 TEST(Search, ThatIsCutOffShowsWhatCameAndExitsWithItsOwnCode) {
   Reply reply{"x", kStreamSearch, 200, hits({{"base64:YQ==", "3"}})};
   const auto first = reply.body.size();
@@ -371,7 +476,10 @@ TEST(Search, ThatIsCutOffShowsWhatCameAndExitsWithItsOwnCode) {
   const Result result = runAgainst(server, {"search", "books", "q"});
   EXPECT_EQ(result.code, ExitCode::truncated);
   EXPECT_EQ(result.out, "    1    3.000  a\n");
-  EXPECT_TRUE(contains(result.err, "was cut off after 1 hits")) << result.err;
+  EXPECT_TRUE(contains(result.err, "was cut off after 1 hit (the server ended it early)"))
+      << result.err;
+  // The port was right: the hits came from it.
+  EXPECT_FALSE(contains(result.err, "--port")) << result.err;
 }
 
 TEST(Search, ThatStopsInTheMiddleOfAStreamIsCutOffToo) {
@@ -405,6 +513,8 @@ TEST(Search, OverTheBinaryProtocolPrintsScoresOfTheSameForm) {
   EXPECT_EQ(result.out, "    1   12.345  foo\n    2    0.500  b\n");
 }
 
+const std::string nextStep = "searches find the documents after 'corvane update books'\n";
+
 TEST(Load, QueuesDocumentsAndReportsWhatTheServerTook) {
   ScriptedServer server(Script()
                             .expectRequest()
@@ -413,14 +523,16 @@ TEST(Load, QueuesDocumentsAndReportsWhatTheServerTook) {
                             .expectRequest()
                             .expectRequest()
                             .expectRequest()
-                            .send(outcomes({{"a"}, {"b", "ZVK0012E", "too strange"}})));
+                            .send(outcomes({{"a"}, {"b", "ZVK0012E", "too strange"}}))
+                            .expectRequest()
+                            .send(refusal("ZVK0012E", "too strange")));
   const Result result =
       runAgainst(server, {"load", "books", "-"}, documentLine("a", "x") + documentLine("b", "y"));
   EXPECT_EQ(result.code, ExitCode::partlyLoaded);
-  EXPECT_EQ(result.out, "loaded 1 documents into books, 1 refused\n");
-  EXPECT_EQ(result.err, "corvane: line 2, key \"b\": too strange (ZVK0012E)\n");
+  EXPECT_EQ(result.out, "loaded 1 document into books, 1 refused\n");
+  EXPECT_EQ(result.err, "corvane: line 2, key \"b\": too strange (ZVK0012E)\n" + nextStep);
   const auto requests = server.connection(0).requests;
-  ASSERT_EQ(requests.size(), 5U);
+  ASSERT_EQ(requests.size(), 6U);
   EXPECT_TRUE(contains(requests[0], "\naction: openCollection\n"));
   EXPECT_TRUE(contains(requests[1], enveloped("rowId") + enveloped("a")));
   EXPECT_EQ(requests[3].substr(requests[3].size() - 8), std::string(8, '\0'));
@@ -447,41 +559,126 @@ TEST(Load, CountsADocumentWithAWarningAsLoaded) {
           outcomes({{"a", "ZVK0100W", "language unknown"}})));
   const Result result = runAgainst(server, {"load", "books", "-"}, documentLine("a", "x"));
   EXPECT_EQ(result.code, ExitCode::ok) << result.err;
-  EXPECT_EQ(result.out, "loaded 1 documents into books, 0 refused\n");
+  EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");
 }
 
-TEST(Load, SendsADocumentThatTheServerForgotOnceMoreThenGivesUp) {
+// What another client of the collection queued, or took, must not be counted as this load's.
+Script loadOfTwoOfWhichOnlyTheFirstIsConfirmed() {
+  return Script()
+      .expectRequest()
+      .send(done())
+      .expectRequest()
+      .expectRequest()
+      .expectRequest()
+      .expectRequest()
+      .send(outcomes({{"a"}, {"somebody else's"}, {"third", "ZVK0012E", "too strange"}}))
+      .expectRequest();
+}
+
+TEST(Load, AsksAboutADocumentThatNoResultNamesByAnAdditionOfItsOwn) {
+  ScriptedServer server(loadOfTwoOfWhichOnlyTheFirstIsConfirmed().send(done()));
+  const Result result =
+      runAgainst(server, {"load", "books", "-"}, documentLine("a", "x") + documentLine("b", "y"));
+  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.out, "loaded 2 documents into books, 0 refused\n");
+  EXPECT_EQ(result.err, nextStep);
+  const auto requests = server.connection(0).requests;
+  EXPECT_TRUE(contains(requests.at(5), "\naction: addDocument\n"));
+  EXPECT_TRUE(contains(requests.at(5), enveloped("rowId") + enveloped("b")));
+}
+
+TEST(Load, QueuesManyDocumentsAgainWhileThatSettlesSomeOfThem) {
+  std::string lines;
+  for (char key = 'a'; key < 'a' + 12; ++key) {
+    lines += documentLine(std::string(1, key), "x");
+  }
+  const auto round = [](Script& script, std::size_t queued, const std::string& results) {
+    for (std::size_t i = 0; i < queued + 2; ++i) script.expectRequest();
+    script.send(results);
+  };
+  Script script = Script().expectRequest().send(done());
+  round(script, 12, outcomes({{"a"}}));
+  round(script, 11, outcomes({}));
+  // That round settled nothing.
+  for (int i = 0; i < 11; ++i) script.expectRequest().send(done());
+  ScriptedServer server(script);
+  const Result result = runAgainst(server, {"load", "books", "-"}, lines);
+  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.out, "loaded 12 documents into books, 0 refused\n");
+  EXPECT_EQ(server.requests(), 1U + 14 + 13 + 11);
+}
+
+TEST(Load, ReportsTheReasonThatTheAdditionIsGiven) {
+  ScriptedServer server(
+      loadOfTwoOfWhichOnlyTheFirstIsConfirmed().send(refusal("ZVK0013E", "too long")));
+  const Result result =
+      runAgainst(server, {"load", "books", "-"}, documentLine("a", "x") + documentLine("b", "y"));
+  EXPECT_EQ(result.code, ExitCode::partlyLoaded);
+  EXPECT_EQ(result.out, "loaded 1 document into books, 1 refused\n");
+  EXPECT_EQ(result.err, "corvane: line 2, key \"b\": too long (ZVK0013E)\n" + nextStep);
+}
+
+TEST(Load, DoesNotTakeTheRefusalOfAnotherClientsDocumentWithTheSameKeyForItsOwn) {
+  for (const auto& rows : std::vector<std::vector<std::vector<std::string>>>{
+           {{"a", "ZVK0012E", "too strange"}},
+           {{"a"}, {"a", "ZVK0012E", "too strange"}},
+           {{"a", "ZVK0012E", "too strange"}, {"a"}}}) {
+    ScriptedServer server(Script()
+                              .expectRequest()
+                              .send(done())
+                              .expectRequest()
+                              .expectRequest()
+                              .expectRequest()
+                              .send(outcomes(rows))
+                              .expectRequest()
+                              .send(done()));
+    const Result result = runAgainst(server, {"load", "books", "-"}, documentLine("a", "x"));
+    EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+    EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");
+    EXPECT_TRUE(contains(server.connection(0).requests.at(4), "\naction: addDocument\n"));
+  }
+}
+
+TEST(Load, SendsTheWindowAgainWhenTheConnectionBreaks) {
+  const Script broken =
+      Script().expectRequest().send(done()).expectRequest().expectRequest().expectRequest();
+  const Script whole =
+      Script().expectRequest().expectRequest().expectRequest().send(outcomes({{"a"}}));
+  ScriptedServer server({broken, whole});
+  const Result result = runAgainst(server, {"load", "books", "-"}, documentLine("a", "x"));
+  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");
+}
+
+TEST(Load, StopsAtTheNumberOfRefusalsThatIsAllowed) {
+  ScriptedServer server(
+      Script().expectRequest().send(done()).expectRequest().expectRequest().expectRequest().send(
+          outcomes({{"a"}})));
+  const Result result = runAgainst(server, {"load", "books", "-", "--max-errors", "2"},
+                                   "bad\n" + documentLine("a", "x") + "bad\nbad\n");
+  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_EQ(result.out, "loaded 1 document into books, 2 refused\n");
+  EXPECT_TRUE(contains(result.err, "corvane: line 3: not JSON")) << result.err;
+  EXPECT_FALSE(contains(result.err, "line 4")) << result.err;
+  EXPECT_TRUE(contains(result.err, "stopped after line 3, because of --max-errors 2\n"));
+}
+
+TEST(Load, MakesTheDocumentsSearchableWhenAsked) {
   ScriptedServer server(Script()
                             .expectRequest()
                             .send(done())
                             .expectRequest()
                             .expectRequest()
                             .expectRequest()
-                            .expectRequest()
                             .send(outcomes({{"a"}}))
                             .expectRequest()
-                            .expectRequest()
-                            .expectRequest()
-                            .send(outcomes({{"somebody else's"}})));
+                            .send(done()));
   const Result result =
-      runAgainst(server, {"load", "books", "-"}, documentLine("a", "x") + documentLine("b", "y"));
-  EXPECT_EQ(result.code, ExitCode::partlyLoaded);
-  EXPECT_EQ(result.out, "loaded 1 documents into books, 1 refused\n");
-  EXPECT_TRUE(contains(result.err, "key \"b\": the server did not confirm it")) << result.err;
-  EXPECT_TRUE(contains(server.connection(0).requests.at(5), enveloped("rowId") + enveloped("b")));
-}
-
-TEST(Load, SendsTheWindowAgainWhenTheConnectionBreaks) {
-  const Script broken =
-      Script().expectRequest().send(done()).expectRequest().expectRequest().expectRequest();
-  // The library's own retry of the last request comes first, on a connection that knows nothing.
-  const Script noAnswer = Script().expectRequest();
-  const Script whole =
-      Script().expectRequest().expectRequest().expectRequest().send(outcomes({{"a"}}));
-  ScriptedServer server({broken, noAnswer, whole});
-  const Result result = runAgainst(server, {"load", "books", "-"}, documentLine("a", "x"));
+      runAgainst(server, {"load", "books", "-", "--update"}, documentLine("a", "x"));
   EXPECT_EQ(result.code, ExitCode::ok) << result.err;
-  EXPECT_EQ(result.out, "loaded 1 documents into books, 0 refused\n");
+  EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\nupdated books\n");
+  EXPECT_EQ(result.err, "");
+  EXPECT_TRUE(contains(server.connection(0).requests.at(4), "\naction: updateIndex\n"));
 }
 
 TEST(Load, SendsTheWindowAgainWhenAWriteFails) {
@@ -493,7 +690,7 @@ TEST(Load, SendsTheWindowAgainWhenAWriteFails) {
   const std::string text(std::size_t{16} << 20, 'x');
   const Result result = runAgainst(server, {"load", "books", "-"}, documentLine("a", text));
   EXPECT_EQ(result.code, ExitCode::ok) << result.err;
-  EXPECT_EQ(result.out, "loaded 1 documents into books, 0 refused\n");
+  EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");
 }
 
 TEST(Load, OfACollectionThatIsNotThereSendsNoDocument) {
@@ -512,7 +709,7 @@ TEST(Load, ThatBreaksSaysHowFarItCame) {
   const Result result = runAgainst(server, {"load", "books", "-"}, documentLine("a", "x"));
   EXPECT_EQ(result.code, ExitCode::failed);
   EXPECT_EQ(result.out, "loaded 0 documents into books, 0 refused\n");
-  EXPECT_TRUE(contains(result.err, "1 more documents may be in the collection or not"));
+  EXPECT_TRUE(contains(result.err, "1 more document may be in the collection or not"));
   EXPECT_TRUE(contains(result.err, "disk full")) << result.err;
 }
 

@@ -1,0 +1,74 @@
+#include "cli/otherProtocol.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "cli/errors.h"
+#include "cli/exitCode.h"
+#include "cli/session.h"
+#include "comm/kruClientResponse.h"
+#include "comm/kruStaticDefs.h"
+#include "infra/oss/kruBaseException.h"
+
+namespace corvane {
+
+namespace {
+
+constexpr unsigned int probeMillis = 500;
+
+// A refusal is an answer as well: only a server that understood the request gives one.
+bool answersStatus(tq::comm::CorvaneRESTClient& client) {
+  client.setDeadline(probeMillis);
+  client.setNumRetries(0);
+  tq::comm::ClientRequest request;
+  request.buildRequest(tq::comm::ClientRequest::GET_STATUS, {});
+  tq::comm::ClientResponse response;
+  try {
+    client.sendAndRecvMesg(request, response);
+    return response.success();
+  } catch (const tq::oss::BaseException& failure) {
+    return isVerdict(failure, client.getRequestOutcome());
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+}  // namespace
+
+std::optional<std::string> otherProtocolSpoken(const Settings& settings) {
+  Settings other = settings;
+  const bool http = settings.protocol == Protocol::http;
+  other.protocol = http ? Protocol::binary : Protocol::http;
+  if (!answersStatus(*makeClient(other))) return {};
+  return fmt::format("{} speaks the {} protocol; use --protocol {}, or the server's port for {}",
+                     address(settings), protocolName(other.protocol), protocolName(other.protocol),
+                     protocolName(settings.protocol));
+}
+
+SilenceWatch::SilenceWatch(Session& session) : session_(session) {
+  if (session.answered || session.settings.protocol != Protocol::http) return;
+  ticker_.emplace([this](unsigned int seconds) {
+    if (seconds == 1) look();
+  });
+}
+
+SilenceWatch::~SilenceWatch() {
+  if (!ticker_) return;
+  // The watch is ending the program.
+  while (decided_.exchange(true)) ::pause();
+}
+
+// The connection's own wait cannot be given up from here, which is why the program ends.
+void SilenceWatch::look() try {
+  const auto line = otherProtocolSpoken(session_.settings);
+  if (!line || decided_.exchange(true)) return;
+  session_.printer.error(*line);
+  session_.printer.flush();
+  std::_Exit(static_cast<int>(ExitCode::failed));
+} catch (const std::exception&) {
+  // The answer that is being waited for decides.
+}
+
+}  // namespace corvane
