@@ -4,6 +4,7 @@
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <csignal>
@@ -96,6 +97,14 @@ void raiseDescriptorLimit() {
   ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+// The first connection, or a file of the data directory, would otherwise get the number of a
+// standard descriptor that is closed, and the log be written into it.
+void openStandardDescriptors() {
+  for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (::fcntl(descriptor, F_GETFD) == -1) ::open("/dev/null", O_RDWR);
+  }
+}
+
 // Every thread inherits the mask, so that only sigwait() receives the signals.
 sigset_t blockStopSignals() {
   sigset_t signals;
@@ -152,6 +161,7 @@ void serve(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  openStandardDescriptors();
   CLI::App app("corvaned, a full-text search server");
   Options options;
   declareOptions(app, options);
