@@ -54,6 +54,8 @@ ExitCode run(int argc, const char* const* argv, const Streams& streams) {
   LastWords unheard;
   LastWords& lastWords = streams.lastWords != nullptr ? *streams.lastWords : unheard;
   const ExitCode code = perform(commandLine, printer, lastWords);
+  // Everything has been said; what is left is to write it.
+  lastWords.set({});
   if (printer.flush()) return code;
   printer.error("cannot write the result to standard output");
   return ExitCode::failed;

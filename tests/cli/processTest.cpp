@@ -1,0 +1,216 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/cli/childProcess.h"
+#include "tests/support/corvanedProcess.h"
+#include "tests/support/replyCorpus.h"
+#include "tests/support/scriptedServer.h"
+
+using namespace corvane::test;
+using namespace tq::test;
+using ::testing::HasSubstr;
+
+namespace {
+
+const std::string kUninterpreted(4, '\0');
+const std::string kEndMark(4, '\0');
+
+std::string answer(const std::string& body) { return plain(Reply{"x", kGetStatus, 200, body}); }
+
+std::vector<std::string> overHttp(const ScriptedServer& server,
+                                  const std::vector<std::string>& arguments) {
+  std::vector<std::string> command{CORVANE_PROGRAM, "--protocol", "http", "--port",
+                                   std::to_string(server.port())};
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  return command;
+}
+
+// A program that is started with these standard descriptors closed.
+std::vector<std::string> withClosed(const std::string& redirections,
+                                    const std::vector<std::string>& command) {
+  std::vector<std::string> wrapped{"/bin/sh", "-c", "exec \"$@\" " + redirections, "sh"};
+  wrapped.insert(wrapped.end(), command.begin(), command.end());
+  return wrapped;
+}
+
+std::string numbered(std::string name, std::size_t number) {
+  return name.append(std::to_string(number));
+}
+
+std::string documents(std::size_t count) {
+  std::string lines;
+  for (std::size_t i = 0; i < count; ++i) {
+    lines += R"({"key":")" + numbered("k", i) + R"(","text":"x"})" + "\n";
+  }
+  return lines;
+}
+
+std::string outcomes(std::size_t count) {
+  std::string body = kUninterpreted;
+  for (std::size_t i = 0; i < count; ++i) body += enveloped(record({{"Doc", numbered("k", i)}}));
+  return answer(body + kEndMark);
+}
+
+// More than a pipe holds.
+std::string manyHits(std::size_t count) {
+  Reply reply{"x", kStreamSearch, 200, kUninterpreted};
+  std::vector<std::size_t> ends;
+  for (std::size_t i = 0; i < count; ++i) {
+    reply.body += enveloped(hitRecord(numbered("hit", i), "0.5"));
+    if (i % 100 == 99) ends.push_back(reply.body.size());
+  }
+  reply.body += kEndMark;
+  ends.push_back(reply.body.size());
+  return chunkedAt(reply, ends, true).text;
+}
+
+TEST(Output, ThatNobodyReadsDoesNotKeepTheProgramFromTakingTheResult) {
+  constexpr std::size_t count = 20000;
+  ScriptedServer server(Script().expectRequest().send(manyHits(count)).awaitClose());
+  Child child(overHttp(server, {"search", "books", "q"}), {}, Child::Output::unread);
+  // The program is done with its connection before anything of its output is read.
+  server.awaitClientClose(0);
+  const Finished finished = child.finish();
+  EXPECT_EQ(finished.code, 0) << finished.err;
+  EXPECT_EQ(static_cast<std::size_t>(std::count(finished.out.begin(), finished.out.end(), '\n')),
+            count);
+  EXPECT_THAT(finished.out, HasSubstr("20000    0.500  hit19999\n"));
+}
+
+class Interrupted : public ::testing::TestWithParam<int> {};
+
+TEST_P(Interrupted, LoadSaysWhatWasTakenAndWhatIsInDoubt) {
+  Script script = Script().expectRequest().send(answer(""));
+  for (int i = 0; i < 2002; ++i) script.expectRequest();
+  script.send(outcomes(2000));
+  for (int i = 0; i < 3; ++i) script.expectRequest();
+  ScriptedServer server(script.stall());
+  Child child(overHttp(server, {"load", "books", "-"}), documents(2001));
+  server.awaitRequests(0, 1 + 2002 + 3);
+  child.signal(GetParam());
+  const Finished finished = child.finish();
+  EXPECT_EQ(finished.code, 256 + GetParam());
+  EXPECT_EQ(finished.out, "loaded 2000 documents into books, 0 refused\n");
+  EXPECT_EQ(finished.err,
+            "corvane: interrupted; 1 more document may be in the collection or not\n");
+}
+
+TEST_P(Interrupted, LoadSaysItInJsonToo) {
+  Script script = Script().expectRequest().send(answer(""));
+  for (int i = 0; i < 3; ++i) script.expectRequest();
+  ScriptedServer server(script.stall());
+  Child child(overHttp(server, {"--json", "load", "books", "-"}), documents(1));
+  server.awaitRequests(0, 4);
+  child.signal(GetParam());
+  const Finished finished = child.finish();
+  EXPECT_EQ(finished.out, R"({"collection":"books","loaded":0,"refused":0,"unconfirmed":1})"
+                          "\n");
+  EXPECT_EQ(finished.err,
+            R"({"error":"interrupted; 1 more document may be in the collection or not",)"
+            R"("id":"INTERRUPTED"})"
+            "\n");
+}
+
+TEST_P(Interrupted, CreateSaysThatItMayHaveHappened) {
+  ScriptedServer server(Script().expectRequest().stall());
+  Child child(overHttp(server, {"create", "books"}));
+  server.awaitRequests(0, 1);
+  child.signal(GetParam());
+  const Finished finished = child.finish();
+  EXPECT_EQ(finished.code, 256 + GetParam());
+  EXPECT_THAT(finished.err,
+              HasSubstr("corvane: interrupted; the collection may have been created"));
+}
+
+INSTANTIATE_TEST_SUITE_P(By, Interrupted, ::testing::Values(SIGINT, SIGTERM),
+                         [](const auto& test) { return test.param == SIGINT ? "INT" : "TERM"; });
+
+// In the background of a shell without job control it is ignored.
+TEST(Interruption, ThatIsIgnoredStaysSo) {
+  ScriptedServer server(Script().expectRequest().stall().send(answer("")));
+  std::vector<std::string> command{"/bin/sh", "-c", "trap '' INT; exec \"$@\"", "sh"};
+  for (const std::string& word : overHttp(server, {"create", "books"})) command.push_back(word);
+  Child child(command);
+  server.awaitRequests(0, 1);
+  child.signal(SIGINT);
+  server.release();
+  const Finished finished = child.finish();
+  EXPECT_EQ(finished.code, 0) << finished.err;
+  EXPECT_EQ(finished.out, "created books\n");
+}
+
+TEST(ClosedDescriptors, AreNotTakenByTheConnection) {
+  CorvanedProcess server;
+  const std::vector<std::string> command{CORVANE_PROGRAM, "--port",
+                                         std::to_string(server.binaryPort())};
+  const auto run = [&](const std::string& closed, const std::vector<std::string>& arguments) {
+    std::vector<std::string> words = command;
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    return runToEnd(withClosed(closed, words));
+  };
+  const Finished noInput = run("<&-", {"create", "c"});
+  EXPECT_EQ(noInput.code, 0) << noInput.err;
+  EXPECT_EQ(noInput.out, "created c\n");
+  const Finished unreadable = run("<&-", {"add", "c", "k", "--file", "-"});
+  EXPECT_EQ(unreadable.code, 1);
+  EXPECT_THAT(unreadable.err, HasSubstr("cannot read standard input"));
+  const Finished noOutput = run(">&-", {"status"});
+  EXPECT_EQ(noOutput.code, 1);
+  EXPECT_EQ(noOutput.err, "corvane: cannot write the result to standard output\n");
+  const Finished noErrors = run("2>&-", {"status"});
+  EXPECT_EQ(noErrors.code, 0);
+  EXPECT_EQ(noErrors.out, "ready, every change is searchable (0)\n");
+  EXPECT_EQ(run("<&- >&- 2>&-", {"status"}).code, 1);
+}
+
+TEST(ClosedDescriptors, AreNotTakenByTheServersFiles) {
+  const TemporaryDirectory directory;
+  const auto ports = directory.path() / "ports";
+  Child server(withClosed("<&- >&- 2>&-",
+                          {CORVANED_PROGRAM, "--binary-port", "0", "--data",
+                           (directory.path() / "data").string(), "--port-file", ports.string()}));
+  // It has opened its files, in the order of the free numbers, when this one is there.
+  while (!std::filesystem::exists(ports)) std::this_thread::yield();
+  const auto open = std::filesystem::path("/proc") / std::to_string(server.process()) / "fd";
+  for (const char* descriptor : {"0", "1", "2"}) {
+    EXPECT_EQ(std::filesystem::read_symlink(open / descriptor), "/dev/null") << descriptor;
+  }
+  server.signal(SIGTERM);
+  EXPECT_EQ(server.finish().code, 0);
+}
+
+// The binary port takes the first two letters of an HTTP-style request for a length and is silent.
+TEST(WrongPort, IsFoundOutAlthoughTheServerIsSilent) {
+  CorvanedProcess server;
+  const std::string port = std::to_string(server.binaryPort());
+  const Finished finished =
+      runToEnd({CORVANE_PROGRAM, "--protocol", "http", "--port", port, "create", "c"});
+  EXPECT_EQ(finished.code, 1);
+  EXPECT_EQ(finished.out, "");
+  EXPECT_EQ(finished.err, "corvane: 127.0.0.1:" + port +
+                              " speaks the binary protocol; use --protocol binary, or the server's "
+                              "port for http\n");
+}
+
+// A server that takes longer than the watch waits is asked and left to its work.
+TEST(WrongPort, IsNotTheVerdictOnASlowServer) {
+  const Script slow = Script().expectRequest().stall().send(answer(""));
+  ScriptedServer server({slow, Script().awaitClose()});
+  Child child(overHttp(server, {"create", "books"}));
+  // The question in the other protocol has come and was given up.
+  server.awaitClientClose(1);
+  server.release();
+  const Finished finished = child.finish();
+  EXPECT_EQ(finished.code, 0) << finished.err;
+  EXPECT_EQ(finished.out, "created books\n");
+  EXPECT_EQ(server.connections(), 2U);
+}
+
+}  // namespace
