@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the build into a directory of its own and builds the example against that, with each
+# Installs the build into a directory of its own and builds the examples against that, with each
 # compiler, once as a CMake project would and once with what pkg-config says.
 # usage: checkInstalledTree.sh BUILD_DIRECTORY EXAMPLES_DIRECTORY GENERATOR COMPILER...
 set -euo pipefail
@@ -7,7 +7,12 @@ set -euo pipefail
 build=$1 examples=$2 generator=$3
 shift 3
 work=$(mktemp -d "${TMPDIR:-/tmp}/krucomm-install.XXXXXX")
-trap 'rm -rf "$work"' EXIT
+server=
+clean_up() {
+  [ -z "$server" ] || kill "$server" 2>/dev/null || true
+  rm -rf "$work"
+}
+trap clean_up EXIT
 
 fail() {
   echo "FAILED: $*" >&2
@@ -30,12 +35,16 @@ export PKG_CONFIG_PATH=$libdir/pkgconfig
 
 # The user of CMake says nothing about the language; the imported target has to.
 check_find_package() {
-  local compiler=$1 build=$work/examples-${1##*/} loaded
+  local compiler=$1 build=$work/examples-${1##*/} loaded loading
   cmake -S "$examples" -B "$build" -G "$generator" -DCMAKE_PREFIX_PATH="$work/tree" \
     -DCMAKE_CXX_COMPILER="$compiler" >"$work/log" 2>&1 || fail "$(cat "$work/log")"
   cmake --build "$build" >"$work/log" 2>&1 || fail "$(cat "$work/log")"
   check_program "$build/search"
   check_program "$build/search_static"
+  check_program "$build/search_binary"
+  loading=$("$build/load" 127.0.0.1 9 books 2>&1 <<<$'key\ttext') &&
+    fail "load found a server where there is none"
+  [[ $loading == *ERR_CONNECT_SERVER*127.0.0.1\ 9* ]] || fail "load said: $loading"
   # Not a pipe into grep -q, which ends ldd by a signal when it stops reading at the first match.
   loaded=$(ldd "$build/search")
   [[ $loaded == *"=> $work/tree/"*"/libkrucomm.so.1 "* ]] ||
@@ -82,6 +91,31 @@ done
 
 programs=$(cd "$work/tree/bin" && echo *)
 [ "$programs" = "corvane corvaned" ] || fail "the installed programs are $programs"
+# The examples do what they say, where there is a server to say it to.
+check_examples() {
+  local port found
+  "$work/tree/bin/corvaned" --http-port 0 --binary-port 0 --data "$work/data" \
+    --port-file "$work/ports" >/dev/null 2>&1 </dev/null &
+  server=$!
+  for _ in $(seq 300); do
+    [ ! -e "$work/ports" ] || break
+    sleep 0.1
+  done
+  port=$(sed -n 's/^listening http .*://p' "$work/ports")
+  found=$("$first/load" 127.0.0.1 "$port" books <<<$'k1\tred fox\nk2\tgrey fox')
+  [ "$found" = "2 documents are searchable" ] || fail "load said: $found"
+  found=$("$first/search" 127.0.0.1 "$port" books red)
+  [ "$found" = "1 base64:azE=" ] || fail "search said: $found"
+  port=$(sed -n 's/^listening binary .*://p' "$work/ports")
+  found=$("$first/search_binary" 127.0.0.1 "$port" books grey)
+  [ "$found" = $'about 1 of 2 documents\n1 base64:azI=' ] || fail "search_binary said: $found"
+  kill "$server"
+  wait "$server" || fail "corvaned did not end in order"
+  server=
+}
+first=$work/examples-${1##*/}
+[ ! -e "$work/tree/bin/corvaned" ] || check_examples
+
 for program in "$work"/tree/bin/*; do
   "$program" --version >/dev/null || fail "${program##*/} does not start from the installed tree"
 done
