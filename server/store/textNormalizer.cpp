@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <vector>
 
 #include "server/base/errors.h"
 
@@ -29,6 +30,15 @@ void appendLower(std::string& out, std::string_view word) {
       icu::StringPiece(word.data(), static_cast<std::int32_t>(word.size())))
       .toLower(icu::Locale::getRoot())
       .toUTF8String(out);
+}
+
+// As the query parser knows them: an opening one may be closed by another.
+bool isQuotationMark(UChar32 c) { return c == u'"' || c == u'\u201c' || c == u'\u201d'; }
+
+[[noreturn]] void unbalanced(std::string_view what, std::int32_t position, const char* lack) {
+  throw ServerError(ErrorKind::badQuery, "the query cannot be understood: the " +
+                                             std::string(what) + " at character " +
+                                             std::to_string(position) + " " + lack);
 }
 
 [[noreturn]] void failed(UErrorCode code) {
@@ -65,6 +75,27 @@ std::string lowerQueryWords(const std::string& query) {
     rest.remove_prefix(std::min(end + 1, rest.size()));
   }
   return result;
+}
+
+void requireBalanced(const std::string& query) {
+  const auto text = icu::UnicodeString::fromUTF8(query);
+  std::vector<std::int32_t> brackets;
+  std::int32_t quotation = 0;
+  std::int32_t position = 0;
+  for (std::int32_t i = 0; i < text.length(); i = text.moveIndex32(i, 1)) {
+    const UChar32 c = text.char32At(i);
+    ++position;
+    if (isQuotationMark(c)) {
+      quotation = quotation == 0 ? position : 0;
+    } else if (quotation == 0 && c == u'(') {
+      brackets.push_back(position);
+    } else if (quotation == 0 && c == u')') {
+      if (brackets.empty()) unbalanced("\")\"", position, "closes nothing");
+      brackets.pop_back();
+    }
+  }
+  if (quotation != 0) unbalanced("quotation mark", quotation, "is not closed");
+  if (!brackets.empty()) unbalanced("\"(\"", brackets.back(), "is not closed");
 }
 
 bool isUtf8(std::string_view bytes) {

@@ -14,6 +14,11 @@ std::string normalizeText(std::string_view text);
 /// German nouns and the first word of a sentence would find too little.
 std::string lowerQueryWords(const std::string& query);
 
+/// Throws a badQuery error that says where, when a bracket or a quotation mark of the normalised
+/// query has no partner. The query parser closes what is open and drops what is extra, which
+/// searches for something else than was meant, or finds nothing.
+void requireBalanced(const std::string& query);
+
 /// True if the bytes are well-formed UTF-8.
 bool isUtf8(std::string_view bytes);
 

@@ -139,7 +139,9 @@ class XapianIndex::Reader {
     constexpr unsigned flags =
         Xapian::QueryParser::FLAG_DEFAULT | Xapian::QueryParser::FLAG_WILDCARD |
         Xapian::QueryParser::FLAG_PURE_NOT | Xapian::QueryParser::FLAG_CJK_NGRAM;
-    Xapian::Query query = parser.parse_query(lowerQueryWords(normalizeText(text)), flags);
+    const std::string normal = normalizeText(text);
+    requireBalanced(normal);
+    Xapian::Query query = parser.parse_query(lowerQueryWords(normal), flags);
     if (query.get_length() > limits.queryTerms) {
       throw ServerError(ErrorKind::queryTooBroad,
                         fmt::format("the query has {} words, more than the {} allowed",

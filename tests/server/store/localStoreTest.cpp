@@ -434,8 +434,31 @@ TEST_F(LocalStoreTest, BadQueriesAreRefusedWithTheReason) {
               HasSubstr("cannot be understood"));
   EXPECT_THAT(refusal(ErrorKind::badQuery, [&] { store_->estimate("c", "fox AND"); }),
               HasSubstr("cannot be understood"));
-  EXPECT_THAT(keys("(((fox"), ElementsAre("k1"));
   EXPECT_THAT(keys("!!!"), IsEmpty());
+}
+
+TEST_F(LocalStoreTest, UnbalancedQueriesAreRefusedAndTheErrorSaysWhere) {
+  store_->createCollection("c", "en");
+  addSearchable("k1", "red fox");
+  const std::vector<std::pair<std::string, std::string>> queries = {
+      {"\"red fox", "the quotation mark at character 1 is not closed"},
+      {"red\" fox", "the quotation mark at character 4 is not closed"},
+      {"\"red\" \"fox", "the quotation mark at character 7 is not closed"},
+      {"\u201cred fox", "the quotation mark at character 1 is not closed"},
+      {"(((fox", "the \"(\" at character 3 is not closed"},
+      {"(red (fox)", "the \"(\" at character 1 is not closed"},
+      {"fox)", "the \")\" at character 4 closes nothing"},
+      {"größe) (", "the \")\" at character 6 closes nothing"},
+      {")", "the \")\" at character 1 closes nothing"}};
+  for (const auto& [query, reason] : queries) {
+    EXPECT_THAT(refusal(ErrorKind::badQuery, [&] { keys(query); }), HasSubstr(reason)) << query;
+    EXPECT_THAT(refusal(ErrorKind::badQuery, [&] { store_->estimate("c", query); }),
+                HasSubstr(reason));
+  }
+  for (const char* query :
+       {"((red) fox)", "\"red fox\"", "\u201cred fox\u201d", "\"red ( fox\"", "(\"red fox\")"}) {
+    EXPECT_THAT(keys(query), ElementsAre("k1")) << query;
+  }
 }
 
 TEST_F(LocalStoreTest, QueryHasAtMostAsManyWordsAsAllowed) {
