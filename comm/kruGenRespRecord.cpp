@@ -58,16 +58,18 @@ tq::oss::Message::Level levelOf(const icu::UnicodeString& id) {
   }
 }
 
-void putText(bytes::Writer& writer, const icu::UnicodeString& text, std::uint32_t mask) {
+// Writes the text after the word that `word(length)` makes of its length.
+template <typename Word>
+void putText(bytes::Writer& writer, const icu::UnicodeString& text, Word word) {
   tq::oss::Converter::checked(text);
   const tq::oss::UTF8String* cached = ConversionCache::find(text);
   if (cached != nullptr) {
-    writer.putInt(static_cast<std::uint32_t>(cached->length()) & mask);
+    writer.putInt(word(cached->length()));
     writer.putBytes(cached->data(), cached->length());
     return;
   }
   const std::size_t length = tq::oss::Converter::utf8Length(text);
-  writer.putInt(static_cast<std::uint32_t>(length) & mask);
+  writer.putInt(word(length));
   tq::oss::Converter::writeUTF8(text, writer.claim(length));
 }
 
@@ -187,8 +189,8 @@ void GenRespRecord::serializeKVPair(char* out, const KVPair& pair, unsigned int&
   const tq::oss::TraceScope scope(trace::GenRespRecordSerializeKVPair);
   const bool attributed = pair.secondAttribute != 0;
   bytes::Writer writer(out);
-  putText(writer, pair.key, attributed ? kAttributedKeyLengthMask : kLengthMask);
-  putText(writer, pair.value, kLengthMask);
+  putText(writer, pair.key, [&](std::size_t length) { return keyLengthWord(length, attributed); });
+  putText(writer, pair.value, lengthWord);
   if (attributed) writer.putInt(pair.secondAttribute);
   written = static_cast<unsigned int>(writer.written());
 }

@@ -89,12 +89,8 @@ void appendDecimal(icu::UnicodeString& out, std::uint64_t n) {
   Converter::checked(out.append(first, 0, static_cast<std::int32_t>(digits.end() - first)));
 }
 
-void putMasked(bytes::Writer& writer, std::uint64_t length) {
-  writer.putInt(static_cast<std::uint32_t>(length) & kLengthMask);
-}
-
 void putTag(bytes::Writer& writer, const std::string& tag) {
-  putMasked(writer, tag.size());
+  writer.putInt(lengthWord(tag.size()));
   writer.putBytes(tag.data(), tag.size());
 }
 
@@ -281,11 +277,11 @@ std::uint64_t RESTMessage::serializeMetadata(char* out, const std::list<KVPair>&
     writer.claim(written);
   }
   putTag(writer, tables.utf8RowId());
-  putMasked(writer, keyLength);
+  writer.putInt(lengthWord(keyLength));
   writer.putBytes(key, keyLength);
   if (bodyLength_ != 0) {
     putTag(writer, tables.utf8DocData());
-    putMasked(writer, bodyLength_);
+    writer.putInt(lengthWord(bodyLength_));
   }
   const std::uint64_t following = writer.written() + bodyLength_;
   bytes::Writer start(out);

@@ -68,6 +68,28 @@ TEST(ClientResponse, HoldsStatusAndContent) {
   EXPECT_EQ("busy", utf8(response.getStatusMessage().getMessageText()));
 }
 
+TEST(ClientResponse, TakesTheStatusMessageWhole) {
+  tq::oss::Message message(u"ZVK1W", u"busy", tq::oss::Message::LEVEL_WARNING);
+  message.addArgument(u"argument");
+  message.setFileName("file");
+  message.setLineNumber(7);
+  ClientResponse response;
+  response.setStatusMessage(message);
+  const tq::oss::Message kept = response.getStatusMessage();
+  EXPECT_EQ("ZVK1W", utf8(kept.getMessageId()));
+  EXPECT_EQ(tq::oss::Message::LEVEL_WARNING, kept.getLevel());
+  ASSERT_EQ(1U, kept.getArguments().size());
+  EXPECT_EQ("argument", utf8(kept.getArguments()[0]));
+  EXPECT_STREQ("file", kept.getFileName());
+  EXPECT_EQ(7U, kept.getLineNumber());
+
+  response.setStatusMessage(tq::oss::Message());
+  EXPECT_TRUE(response.getStatusMessage().getMessageId().isEmpty()) << "replaced by an empty one";
+  EXPECT_TRUE(response.getStatusMessage().getMessageText().isEmpty());
+  EXPECT_TRUE(response.getStatusMessage().getArguments().empty());
+  EXPECT_EQ(tq::oss::Message::LEVEL_ERROR, response.getStatusMessage().getLevel());
+}
+
 TEST(ClientResponse, CountsTheResultsOfBothKinds) {
   ClientResponse response;
   response.addSearchResult(SearchResult(false));

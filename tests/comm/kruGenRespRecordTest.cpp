@@ -67,6 +67,24 @@ TEST(GenRespRecord, PutsEveryFieldOfARecordAndResetsOnce) {
   EXPECT_EQ(1, narrow.resets);
 }
 
+TEST(GenRespRecord, AnotherRecordAddsToThePropertiesOfTheFirst) {
+  for (const bool wide : {true, false}) {
+    Record record(true);
+    for (const test::Fields& fields : {test::Fields{{"a", "1"}, {"b", "1"}}, {{"b", "2"}}}) {
+      wide ? parse(record, record32(fields)) : parseNew(record, record16(fields));
+    }
+    EXPECT_EQ((Listed{"a=1", "b=2"}), listed(*record.getProperties())) << wide;
+  }
+}
+
+TEST(GenRespRecord, TheHighestBitsOfAKeysLengthAreIgnored) {
+  for (const char* top : {"40", "80", "c0"}) {
+    Record record(true);
+    EXPECT_EQ(10, parse(record, unhex(std::string(top) + " 00 00 01 6b 00 00 00 01 76")));
+    EXPECT_EQ((Listed{"k=v"}), listed(*record.getProperties())) << top;
+  }
+}
+
 TEST(GenRespRecord, ARecordOfLengthZeroHasNoFieldsButIsReset) {
   Record wide(true);
   EXPECT_EQ(0, wide.parseRecord(nullptr, 0));

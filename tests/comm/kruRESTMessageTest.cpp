@@ -230,6 +230,20 @@ TEST_P(HeaderLength, IsReturnedWhole) {
 INSTANTIATE_TEST_SUITE_P(AroundTheInlineRoom, HeaderLength,
                          testing::Values(16381, 16382, 16383, 16384, 16385, 16386, 40000, 1000000));
 
+// A header that fills a block to its last byte needs the next larger one for its terminating zero.
+TEST_F(RESTMessageTest, TheBlockOfALongHeaderHasRoomForItsTerminatingZero) {
+  build(0, {{"q", ""}});
+  const std::size_t fixed = header().size();
+  for (const std::size_t block : {32768U, 65536U, 131072U}) {
+    build(0, {{"q", std::string(block - 1 - fixed, 'v')}});
+    EXPECT_EQ(block - 1, header().size());
+    EXPECT_EQ(block, test::lastBufferSize());
+    build(0, {{"q", std::string(block - fixed, 'v')}});
+    EXPECT_EQ(block, header().size());
+    EXPECT_EQ(2 * block, test::lastBufferSize());
+  }
+}
+
 TEST_F(RESTMessageTest, ALongHeaderOfWideCharactersIsReturnedWhole) {
   std::string value;
   for (int i = 0; i < 10000; ++i) value += "\xE2\x82\xAC";

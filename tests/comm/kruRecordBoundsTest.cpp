@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "comm/kruRecordBounds.h"
+#include "comm/kruRecordLengths.h"
 #include "tests/comm/kruCommText.h"
 
 namespace tq::comm {
@@ -59,6 +60,27 @@ TEST(RecordBounds, RefuseLengthsThatWouldOverflow) {
   EXPECT_FALSE(fits(unhex("00 00 00 00 3f ff ff ff 61")));
   EXPECT_FALSE(fitsNew(unhex("ff ff 61 00 00")));
   EXPECT_FALSE(fitsNew(unhex("00 00 ff ff 61")));
+}
+
+// Texts of these lengths do not fit a test's memory, so the words are looked at alone.
+TEST(LengthWords, KeepTheirHighestBitsFree) {
+  struct Case {
+    std::size_t length;
+    std::uint32_t word, key, attributedKey;
+  };
+  constexpr Case kCases[] = {{0, 0, 0, 0},
+                             {5, 5, 5, 5},
+                             {0x3FFFFFFF, 0x3FFFFFFF, 0x3FFFFFFF, 0x3FFFFFFF},
+                             {0x40000003, 3, 3, 0x40000003},
+                             {0x7FFFFFFF, 0x3FFFFFFF, 0x3FFFFFFF, 0x7FFFFFFF},
+                             {0x80000007, 7, 7, 7},
+                             {0xFFFFFFFF, 0x3FFFFFFF, 0x3FFFFFFF, 0x7FFFFFFF},
+                             {0x100000009, 9, 9, 9}};
+  for (const Case& c : kCases) {
+    EXPECT_EQ(c.word, lengthWord(c.length)) << c.length;
+    EXPECT_EQ(c.key, keyLengthWord(c.length, false)) << c.length;
+    EXPECT_EQ(c.attributedKey, keyLengthWord(c.length, true)) << c.length;
+  }
 }
 
 }  // namespace

@@ -7,6 +7,7 @@ namespace {
 constexpr long kUnlimited = -1;
 thread_local bool failing = false;
 thread_local long ration = kUnlimited;
+thread_local std::size_t lastSize = 0;
 }  // namespace
 
 namespace {
@@ -36,7 +37,9 @@ void* operator new(std::size_t size, std::align_val_t alignment) {
 }
 
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return failing ? nullptr : std::malloc(size != 0 ? size : 1);
+  if (failing) return nullptr;
+  lastSize = size;
+  return std::malloc(size != 0 ? size : 1);
 }
 
 void operator delete(void* block) noexcept { std::free(block); }
@@ -49,6 +52,8 @@ namespace tq::comm::test {
 
 FailingAllocations::FailingAllocations() { failing = true; }
 FailingAllocations::~FailingAllocations() { failing = false; }
+
+std::size_t lastBufferSize() { return lastSize; }
 
 RationedAllocations::RationedAllocations(long granted) { ration = granted; }
 RationedAllocations::~RationedAllocations() { ration = kUnlimited; }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+
 /// Lets the buffers of the library run out of memory.
 namespace tq::comm::test {
 
@@ -11,6 +13,10 @@ class FailingAllocations {
   FailingAllocations(const FailingAllocations&) = delete;
   FailingAllocations& operator=(const FailingAllocations&) = delete;
 };
+
+/// The size in bytes of the last block that the non-throwing operator new of this process gave to
+/// this thread. The buffers of the library take theirs from it.
+std::size_t lastBufferSize();
 
 /// While one lives, the ordinary operator new of this process serves this thread `granted` times
 /// and then throws std::bad_alloc.

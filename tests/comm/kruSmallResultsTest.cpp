@@ -194,6 +194,10 @@ TEST(OpenResult, TakesThePortFromItsLeadingDigits) {
 
 TEST(OpenResult, ReadsThePortAsAtoiDoes) {
   OpenResult result(true);
+  parse(result, {{"port", "010"}});
+  EXPECT_EQ(10, result.getPort()) << "decimal, whatever it begins with";
+  parse(result, {{"port", "0x10"}});
+  EXPECT_EQ(0, result.getPort());
   parse(result, {{"port", " 80"}});
   EXPECT_EQ(80, result.getPort());
   parse(result, {{"port", "-80"}});
