@@ -43,7 +43,6 @@ namespace {
 //                   4      low 30 bits: v; the two bits above are a type tag without effect
 //                   v      value, UTF-8
 constexpr std::size_t kUninterpreted = 4;
-constexpr std::size_t kLengthWord = 4;
 
 constexpr Raiser fail("kruRESTResponse");
 // The framing of a reply and its parse results: their failures have never had a position, and

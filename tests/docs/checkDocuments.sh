@@ -179,7 +179,7 @@ check_commands() {
     case ${words[0]:-} in
       ./dev) "$source/dev" help | grep -q "^  ${words[1]} " || fail "$document: $line" ;;
       corvane | corvaned) fail "$document: '$line' belongs into a console block" ;;
-      '' | cmake | ctest) ;;
+      '' | cmake | ctest | ldconfig) ;;
       *) fail "$document: '$line' is not a command that this test knows" ;;
     esac
     while read -r preset; do
