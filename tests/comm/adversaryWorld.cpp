@@ -164,7 +164,7 @@ std::size_t World::fingerprint() {
     mix(caller.exchangeFailed * 8U + caller.client->isEndOfStream() * 4U +
         caller.client->isTruncated() * 2U + (caller.asked != nullptr));
     mix((caller.streamMade == caller.made) + 2U * (caller.made != 0) +
-        4U * caller.exchangeIsCertain);
+        4U * (caller.firstExchange == caller.exchange));
     for (Held& held : responses_) {
       mix(static_cast<std::size_t>(staleness(caller, held)) * 2 + (held.mark == Mark{}));
       mix(held.owner != nullptr && held.owner == caller.stream);
@@ -251,7 +251,7 @@ void World::judgeWaits(const Caller& caller, const Seen& seen) {
 }
 
 void World::judgeId(const Seen& seen) {
-  static constexpr std::array<std::string_view, 12> kDocumented{kNoConnection,
+  static constexpr std::array<std::string_view, 13> kDocumented{kNoConnection,
                                                                 "ERR_SERVER_COMM_SEND",
                                                                 "ERR_SERVER_COMM_RECV",
                                                                 kTimeOutId,
@@ -262,7 +262,8 @@ void World::judgeId(const Seen& seen) {
                                                                 kInternal,
                                                                 kInvalidState,
                                                                 kServerId,
-                                                                "TQ_ERR_PROPERTY_MISSING"};
+                                                                "TQ_ERR_PROPERTY_MISSING",
+                                                                "TQ_ERR_PROPERTY_NUMBER"};
   const bool known =
       std::find(kDocumented.begin(), kDocumented.end(), seen.errorId) != kDocumented.end() ||
       seen.errorId == "socket";
@@ -281,9 +282,9 @@ Seen World::exchange(std::size_t c, std::size_t r, int kind) {
   const Seen seen = run(c, [&] { caller.client->sendAndRecvMesg(request, held.response); });
   require(seen.errorId != "socket", "an exchange fails with what is no RESTException");
   caller.made += network_.connections() - connections;
-  caller.streamMade = caller.client->isConnected() && question.written ? caller.made : 0;
+  caller.streamMade = caller.client->isConnected() ? caller.made : 0;
   caller.exchange += 2;
-  caller.exchangeIsCertain = true;
+  caller.firstExchange = caller.exchange;
   caller.lastKind = kind;
   caller.exchangeFailed = seen.failed;
   caller.stream = &question;
@@ -371,7 +372,6 @@ Seen World::recvMesg(std::size_t c, std::size_t r) {
     if (!line.mayBe(Line::Asked)) require(!seen.failed, "fails for a kind without a reply");
     if (!seen.failed) {
       ++caller.exchange;
-      caller.exchangeIsCertain = false;
       held.others.emplace_back(held.mark, held.owner);
       held.mark = {caller.number, caller.exchange};
     }
@@ -389,13 +389,12 @@ Seen World::recvMesg(std::size_t c, std::size_t r) {
   if (seen.errorId == "ERR_SERVER_COMM_SEND") {
     // What batching held back did not go out.
     require(!tookBytes, "reads a reply behind half a request");
-    caller.line = Line::Broken;
+    caller.line = caller.client->isConnected() ? Line::Broken : Line::NotConnected;
     return seen;
   }
   require(line.mayBe(Line::Asked), "reads a reply that nobody can name");
   caller.line = Line::Uncertain;
-  ++caller.exchange;
-  caller.exchangeIsCertain = true;
+  caller.firstExchange = ++caller.exchange;
   held.others.clear();
   held.mark = {caller.number, caller.exchange};
   held.parsedAs = caller.lastKind;
@@ -474,9 +473,7 @@ World::Shape World::shapeOf(const Caller& caller, Held& held) const {
 }
 
 bool World::isCurrent(const Caller& caller, const Mark& mark) const {
-  return mark == Mark{} || (mark.client == caller.number &&
-                            (mark.exchange == caller.exchange ||
-                             (!caller.exchangeIsCertain && mark.exchange + 1 == caller.exchange)));
+  return mark == Mark{} || (mark.client == caller.number && mark.exchange >= caller.firstExchange);
 }
 
 World::Stale World::staleness(const Caller& caller, const Held& held) const {
@@ -485,7 +482,8 @@ World::Stale World::staleness(const Caller& caller, const Held& held) const {
     if (isCurrent(caller, mark)) ++current;
   }
   if (current == 0) return Stale::Yes;
-  return current <= held.others.size() || !caller.exchangeIsCertain ? Stale::Perhaps : Stale::No;
+  return current <= held.others.size() || caller.firstExchange != caller.exchange ? Stale::Perhaps
+                                                                                  : Stale::No;
 }
 
 Seen World::pull(Pulling how, std::size_t c, std::size_t r) {
@@ -763,6 +761,8 @@ void World::lineAfterPull(Caller& caller, const Seen& seen, bool endedBefore) {
   if (!seen.failed && !ended) return;
   if (seen.errorId == kTimeOutId) {
     if (caller.exchangeFailed) caller.line = Line::Uncertain;
+    // An estimate is complete without its end; whoever asks for that end is owed it.
+    if (caller.line.mayBe(Line::Tail)) caller.line.add(Line::Owed);
     return;
   }
   if (!seen.failed && !caller.client->isTruncated() && !caller.exchangeFailed) {

@@ -145,9 +145,9 @@ class World {
     const Inspected* inspect = nullptr;
     std::uint64_t number = 0;
     Lines line{Line::NotConnected};
-    // The present exchange; where it cannot be told, the one before may still be it.
+    // The present exchange; where that cannot be told, any from the first of these on may be it.
+    std::uint64_t firstExchange = 0;
     std::uint64_t exchange = 0;
-    bool exchangeIsCertain = true;
     int lastKind = 0;
     bool exchangeFailed = true;  // or there was none
     Question* stream = nullptr;  // whose reply a receive brings

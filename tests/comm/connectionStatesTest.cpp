@@ -334,7 +334,7 @@ class Walker {
   void set(Setting setting, std::size_t client);
   void expectModel(std::size_t client);
   void settle(std::size_t client);
-  void adoptConnections(Model& model);
+  std::size_t adoptConnections(Model& model);
 
   bool binary_;
   std::size_t ordinal_;
@@ -423,6 +423,7 @@ void Walker::step(const Event& event) {
       event.call == Call::Exchange || event.call == Call::Send || event.call == Call::SendMesg;
   if (asks) plans_.push_back(&event);
   act(event);
+  if (held_ != nullptr && held_->written) held_ = nullptr;
   world_.network().heal();
   expectModel(event.client);
 }
@@ -523,11 +524,9 @@ void Walker::expectExchange(const Event& event, const Seen& seen) {
   Model& model = models_[event.client];
   // A document that batching holds back leaves the connection alone.
   if (model.batching && !world_.lastQuestion()->written && !seen.failed) {
-    adoptConnections(model);
-    if (held_ != nullptr && held_->written) {
-      held_ = nullptr;
-      model.state = Line::Asked;
-    }
+    const std::size_t made = adoptConnections(model);
+    const bool asked = held_ != nullptr && held_->written;
+    if (asked && made < 2) model.state = Line::Asked;
     return;
   }
   const char* error = "";
@@ -548,14 +547,15 @@ void Walker::send(const Event& event) {
   const Seen seen = world_.send(event.client, event.kind, event.call == Call::SendMesg);
   const Question* question = world_.lastQuestion();
   if (!seen.failed && !question->written && event.kind != kAsynchAddDocument) held_ = question;
-  if (held_ != nullptr && held_->written) held_ = nullptr;
   settle(event.client);
 }
 
-/// Whether a connection is made for what is only held back is up to the client.
-void Walker::adoptConnections(Model& model) {
+/// Whether connections are made for what is only held back is up to the client. How many were.
+std::size_t Walker::adoptConnections(Model& model) {
   const std::size_t counted = models_[kA].connections + models_[kB].connections;
-  if (world_.network().connections() == counted + 1) model.connected();
+  const std::size_t made = world_.network().connections() - counted;
+  for (std::size_t i = 0; i < made; ++i) model.connected();
+  return made;
 }
 
 /// Where the world leaves one state, that is the model's.
@@ -732,6 +732,10 @@ class Walk {
     const Walked walked = walk(binary_, path_);
     ++paths_;
     if (!walked.violation.empty()) {
+      if (std::getenv("ALL")) {
+        printf("%s | %s\n", textOf(binary_, path_).c_str(), walked.violation.c_str());
+        return;
+      }
       failed_ = true;
       const Path shortest = shortened(binary_, path_);
       FAIL() << textOf(binary_, shortest) << "\n  " << walk(binary_, shortest).violation;
@@ -745,10 +749,13 @@ class Walk {
     path_.pop_back();
   }
 
-  /// The last step is taken once from each state that two events can be told to have led to.
+  /// The last step is taken once from each state and each kind of call that led to it.
   bool goesOn(std::size_t fingerprint) {
     if (everything_ || path_.size() + 1 < kLength) return true;
-    fingerprint = (fingerprint ^ path_.back()) * 0x9E3779B97F4A7C15U;
+    const Event& last = eventsOf(binary_)[path_.back()];
+    const auto kindOfCall =
+        static_cast<std::size_t>(last.call) * 16 + static_cast<std::size_t>(last.pull);
+    fingerprint = (fingerprint ^ kindOfCall) * 0x9E3779B97F4A7C15U;
     return seen_.insert(fingerprint).second;
   }
 

@@ -450,7 +450,9 @@ TEST_F(LocalStoreTest, UnbalancedQueriesAreRefusedAndTheErrorSaysWhere) {
       {"fox)", "the \")\" at character 4 closes nothing"},
       {"größe) (", "the \")\" at character 6 closes nothing"},
       {")", "the \")\" at character 1 closes nothing"}};
-  for (const auto& [query, reason] : queries) {
+  for (const auto& [text, reason] : queries) {
+    // A structured binding cannot be captured.
+    const auto& query = text;
     EXPECT_THAT(refusal(ErrorKind::badQuery, [&] { keys(query); }), HasSubstr(reason)) << query;
     EXPECT_THAT(refusal(ErrorKind::badQuery, [&] { store_->estimate("c", query); }),
                 HasSubstr(reason));
