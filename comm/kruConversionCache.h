@@ -19,8 +19,8 @@ class ConversionCache {
   /// fail where nothing may.
   static const tq::oss::UTF8String* find(const icu::UnicodeString& text) noexcept;
 
-  /// Does nothing when the text is there already. Throws when there is no memory for the text or its
-  /// UTF-8 form; the cache is as it was then.
+  /// Does nothing when the text is there already. Throws when there is no memory for the text or
+  /// its UTF-8 form; the cache is as it was then.
   static void add(const icu::UnicodeString& text);
 
   /// The length of the text in UTF-8 bytes, cached or not.

@@ -16,8 +16,8 @@ bool ReceiveBuffer::makeRoom(std::size_t wanted) noexcept {
 
 bool ReceiveBuffer::makeRoomForMore() noexcept {
   moveTo(0);
-  // A buffer that is nearly full would otherwise be filled by a few bytes per receive, for as long as
-  // whoever parses them leaves as many.
+  // A buffer that is nearly full would otherwise be filled by a few bytes per receive, for as long
+  // as whoever parses them leaves as many.
   if (end_ > kSlice / 2 && block_.grow(2 * end_, end_)) return true;
   return makeRoom(std::max(kSlice, end_ + 1));
 }

@@ -11,8 +11,8 @@
 namespace tq::oss {
 
 /// A text as UTF-8 bytes, owned. Any bytes can be appended; what is not UTF-8 becomes U+FFFD when
-/// the text is converted. A bogus text throws `NLSException` "TQ_ERR_OUT_OF_MEMORY" instead of being
-/// appended. One object serves one thread at a time.
+/// the text is converted. A bogus text throws `NLSException` "TQ_ERR_OUT_OF_MEMORY" instead of
+/// being appended. One object serves one thread at a time.
 class KRU_EXPORT UTF8String {
  public:
   UTF8String();
