@@ -48,7 +48,10 @@ void Transcript::note(std::string_view label, const icu::UnicodeString& text) {
 
 void Transcript::noteMessage(std::string& out, const tq::oss::Message& message) {
   add(out, "message", message.getMessageId());
-  add(out, "text", message.getMessageText());
+  // Bytes that are no reply can be wrong in several ways; the cut decides which is met first.
+  if (message.getMessageId() != u"ERR_CLIENT_RESP_PARSING") {
+    add(out, "text", message.getMessageText());
+  }
   add(out, "level", static_cast<int>(message.getLevel()));
 }
 
