@@ -165,6 +165,7 @@ std::size_t World::fingerprint() {
         caller.client->isTruncated() * 2U + (caller.asked != nullptr));
     mix((caller.streamMade == caller.made) + 2U * (caller.made != 0) +
         4U * (caller.firstExchange == caller.exchange));
+    mix(caller.received * 2U + caller.receivedReply);
     for (Held& held : responses_) {
       mix(static_cast<std::size_t>(staleness(caller, held)) * 2 + (held.mark == Mark{}));
       mix(held.owner != nullptr && held.owner == caller.stream);
@@ -287,6 +288,7 @@ Seen World::exchange(std::size_t c, std::size_t r, int kind) {
   caller.firstExchange = caller.exchange;
   caller.lastKind = kind;
   caller.exchangeFailed = seen.failed;
+  caller.received = caller.receivedReply = false;
   caller.stream = &question;
   caller.asked = nullptr;
   markAfterExchange(caller, held, question, seen);
@@ -360,6 +362,7 @@ Seen World::recvMesg(std::size_t c, std::size_t r) {
   take(held);
   clearScalars(held);
   const std::uint64_t bytes = network_.bytesTaken();
+  caller.receivedReply = true;
   const Seen seen = run(c, [&] { caller.client->recvMesg(held.response); });
   // What batching held back was written first.
   const Lines line = caller.line;
@@ -495,6 +498,7 @@ Seen World::pull(Pulling how, std::size_t c, std::size_t r) {
                         how == Pulling::RecvMultResponse || how == Pulling::Single;
   if (replaces && stale != Stale::Yes) take(held);
   const Shape before = shapeOf(caller, held);
+  caller.received = true;
   if (how == Pulling::Buffered) held.response.setResultsBuffered(true);
   const Seen seen = run(c, [&] { pullRaw(how, caller, held); });
   judgePull(how, caller, held, stale, before, seen);
@@ -757,6 +761,8 @@ void World::lineAfterPull(Caller& caller, const Seen& seen, bool endedBefore) {
   // Only another connection mends these.
   if (caller.line.mustBe(Line::NotConnected) || caller.line.mustBe(Line::Broken)) return;
   if (endedBefore) return;
+  // The end of an estimate and the reply to a later question may have been read in one.
+  if (caller.line.mayBe(Line::Asked)) caller.line.add(Line::Uncertain);
   const bool ended = caller.client->isEndOfStream();
   if (!seen.failed && !ended) return;
   if (seen.errorId == kTimeOutId) {

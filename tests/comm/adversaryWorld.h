@@ -157,6 +157,9 @@ class World {
     unsigned int timeOut = 0;
     unsigned int deadline = 0;
     unsigned int retries = 0;
+    // Since the exchange: each leaves a parser in a state of its own.
+    bool received = false;
+    bool receivedReply = false;
   };
   struct Held {
     tq::comm::ClientResponse response{};

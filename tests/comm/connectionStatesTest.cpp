@@ -330,7 +330,6 @@ class Walker {
   void expectExchange(const Event& event, const Seen& seen);
   bool attempt(const Event& event, bool first, const char*& error);
   void send(const Event& event);
-  void pull(const Event& event);
   void set(Setting setting, std::size_t client);
   void expectModel(std::size_t client);
   void settle(std::size_t client);
@@ -697,8 +696,6 @@ Path shortened(bool binary, Path path) {
   return path;
 }
 
-constexpr std::size_t kShards = 2;
-
 // A sanitizer makes a path about ten times as expensive.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr std::size_t kLength = 3;
@@ -712,18 +709,14 @@ constexpr std::size_t kLength = 4;
 constexpr std::size_t kLength = 4;
 #endif
 
-/// All paths that begin with the events of one shard.
+/// All paths of one protocol.
 class Walk {
  public:
-  Walk(bool binary, std::size_t shard)
-      : binary_(binary), shard_(shard), everything_(std::getenv("KRUCOMM_LONG") != nullptr) {}
+  explicit Walk(bool binary)
+      : binary_(binary), everything_(std::getenv("KRUCOMM_LONG") != nullptr) {}
 
   void all() {
-    const std::size_t count = eventsOf(binary_).size();
-    for (std::size_t first = shard_; first < count && !failed_; first += kShards) {
-      path_ = {first};
-      from();
-    }
+    from();
     testing::Test::RecordProperty("paths", std::to_string(paths_));
   }
 
@@ -732,10 +725,6 @@ class Walk {
     const Walked walked = walk(binary_, path_);
     ++paths_;
     if (!walked.violation.empty()) {
-      if (std::getenv("ALL")) {
-        printf("%s | %s\n", textOf(binary_, path_).c_str(), walked.violation.c_str());
-        return;
-      }
       failed_ = true;
       const Path shortest = shortened(binary_, path_);
       FAIL() << textOf(binary_, shortest) << "\n  " << walk(binary_, shortest).violation;
@@ -749,18 +738,13 @@ class Walk {
     path_.pop_back();
   }
 
-  /// The last step is taken once from each state and each kind of call that led to it.
+  /// The last step is taken once from each state.
   bool goesOn(std::size_t fingerprint) {
     if (everything_ || path_.size() + 1 < kLength) return true;
-    const Event& last = eventsOf(binary_)[path_.back()];
-    const auto kindOfCall =
-        static_cast<std::size_t>(last.call) * 16 + static_cast<std::size_t>(last.pull);
-    fingerprint = (fingerprint ^ kindOfCall) * 0x9E3779B97F4A7C15U;
     return seen_.insert(fingerprint).second;
   }
 
   bool binary_;
-  std::size_t shard_;
   bool everything_;
   Path path_{};
   bool failed_ = false;
@@ -768,14 +752,8 @@ class Walk {
   std::unordered_set<std::size_t> seen_{};
 };
 
-class ConnectionStates : public testing::TestWithParam<std::size_t> {};
+TEST(ConnectionStates, EveryPathOverHttpEndsWithAReplyOfItsOwn) { Walk(false).all(); }
 
-TEST_P(ConnectionStates, EveryPathOverHttpEndsWithAReplyOfItsOwn) { Walk(false, GetParam()).all(); }
-
-TEST_P(ConnectionStates, EveryPathOverTheBinaryProtocolEndsWithAReplyOfItsOwn) {
-  Walk(true, GetParam()).all();
-}
-
-INSTANTIATE_TEST_SUITE_P(Shard, ConnectionStates, testing::Range<std::size_t>(0, kShards));
+TEST(ConnectionStates, EveryPathOverTheBinaryProtocolEndsWithAReplyOfItsOwn) { Walk(true).all(); }
 
 }  // namespace
