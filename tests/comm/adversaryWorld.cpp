@@ -283,7 +283,8 @@ Seen World::exchange(std::size_t c, std::size_t r, int kind) {
   const Seen seen = run(c, [&] { caller.client->sendAndRecvMesg(request, held.response); });
   require(seen.errorId != "socket", "an exchange fails with what is no RESTException");
   caller.made += network_.connections() - connections;
-  caller.streamMade = caller.client->isConnected() ? caller.made : 0;
+  // A repeated exchange that runs out of time has closed the connection that it was bound to.
+  caller.streamMade = seen.errorId != kNoConnection ? caller.made : 0;
   caller.exchange += 2;
   caller.firstExchange = caller.exchange;
   caller.lastKind = kind;
