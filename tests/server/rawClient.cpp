@@ -24,7 +24,8 @@ void setOption(int socket, int option, const void* value, socklen_t size) {
 
 RawClient::RawClient(std::uint16_t port, int receiveBuffer)
     : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-  const timeval limit{30, 0};
+  // Much longer than any answer takes, also in a sanitized build on a machine full of compilers.
+  const timeval limit{120, 0};
   setOption(socket_, SO_RCVTIMEO, &limit, sizeof limit);
   setOption(socket_, SO_SNDTIMEO, &limit, sizeof limit);
   if (receiveBuffer > 0) setOption(socket_, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
