@@ -63,11 +63,17 @@ ExtendedProperties::~ExtendedProperties() = default;
 
 void ExtendedProperties::putProperty(const icu::UnicodeString& name,
                                      const icu::UnicodeString& value) {
-  putProperty(icu::UnicodeString(name), icu::UnicodeString(value));
+  // Before it is compared: a bogus name has no place in the order.
+  oss::Converter::checked(name);
+  icu::UnicodeString copy(value);
+  oss::Converter::checked(copy);
+  const auto [put, added] = properties_.insert_or_assign(name, std::move(copy));
+  if (!added || !put->first.isBogus()) return;
+  properties_.erase(put);
+  oss::Converter::throwOutOfMemory();
 }
 
 void ExtendedProperties::putProperty(icu::UnicodeString&& name, icu::UnicodeString&& value) {
-  // Before they are compared: a bogus name has no place in the order.
   oss::Converter::checked(name);
   oss::Converter::checked(value);
   properties_.insert_or_assign(std::move(name), std::move(value));

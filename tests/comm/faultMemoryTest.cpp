@@ -19,6 +19,7 @@
 #include "infra/oss/kruMessage.h"
 #include "infra/oss/kruMessageList.h"
 #include "infra/oss/kruNLSException.h"
+#include "infra/util/kruExtendedProperties.h"
 #include "tests/comm/faultExchange.h"
 #include "tests/comm/faultNetwork.h"
 #include "tests/support/exchange.h"
@@ -361,6 +362,27 @@ TEST_P(FaultMemory, EveryTextOfEveryExchangeMayFail) {
   RecordProperty("failed", tally.failed);
   EXPECT_GT(tally.runs, 50);
   EXPECT_GT(tally.failed, tally.runs / 2) << "a text that could not be made and that nobody missed";
+}
+
+// Texts that are copied into memory of their own when the set takes them: the name, the value of a
+// new name, and the value of one that is there.
+TEST(TextMemoryOfProperties, ThatCannotBeHadLeavesTheSetAsItWas) {
+  const icu::UnicodeString present(u"present");
+  const icu::UnicodeString longer(true, u"a text that is longer than the room inside of an object",
+                                  -1);
+  for (const bool longName : {true, false}) {
+    for (const auto* name : {&present, &longer}) {
+      tq::util::ExtendedProperties properties;
+      properties.putProperty(present, u"value");
+      const icu::UnicodeString& value = longName && name == &longer ? present : longer;
+      {
+        const Scarcity scarcity(Source::Texts, 1, true);
+        EXPECT_THROW(properties.putProperty(*name, value), tq::oss::NLSException);
+      }
+      EXPECT_EQ(properties.size(), 1U);
+      EXPECT_TRUE(properties.requireProperty(present) == u"value");
+    }
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Matrix, FaultMemory,
