@@ -1,0 +1,240 @@
+// What a host process asks of a client beyond exchanges: ending a wait, knowing the connection,
+// keeping a queue on one connection, limits for one call.
+
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "comm/kruClientRequest.h"
+#include "comm/kruDrestoPerfClient.h"
+#include "infra/oss/kruSystemCalls.h"
+#include "tests/support/binaryReplies.h"
+#include "tests/support/exchange.h"
+#include "tests/support/replyCorpus.h"
+#include "tests/support/script.h"
+#include "tests/support/scriptedNetwork.h"
+
+namespace {
+
+using namespace tq::test;
+using tq::comm::ClientResponse;
+using tq::comm::CorvaneRESTClient;
+using tq::comm::DrestoPerfClient;
+using tq::comm::OperationLimits;
+using tq::comm::RequestOutcome;
+
+constexpr int kUpdateIndex = tq::comm::ClientRequest::UPDATE_INDEX;
+constexpr auto kCancelledId = "ERR_CLIENT_CANCELLED";
+constexpr auto kSendId = "ERR_SERVER_COMM_SEND";
+constexpr auto kTimeOutId = "ERR_SERVER_COMM_TIMEOUT";
+
+/// Waits as the system does, until it is told to give up.
+struct Host {
+  std::size_t waits = 0;
+  std::size_t giveUpAt = 0;  // the wait of this number; 0: none
+
+  static tq::oss::WaitResult wait(void* host, int fd, short events, int timeoutMillis) noexcept {
+    auto& self = *static_cast<Host*>(host);
+    if (++self.waits == self.giveUpAt) return tq::oss::WaitResult::GiveUp;
+    pollfd entry{fd, events, 0};
+    const int ready = tq::oss::systemCalls().poll(&entry, fd < 0 ? 0U : 1U, timeoutMillis);
+    return ready > 0 ? tq::oss::WaitResult::Ready : tq::oss::WaitResult::TimedOut;
+  }
+};
+
+class HostNeeds : public testing::TestWithParam<bool> {
+ protected:
+  static bool binary() { return GetParam(); }
+
+  static Script& expect(Script& script) {
+    return binary() ? script.expectFramedRequest() : script.expectRequest();
+  }
+  static std::string statusReply() { return binary() ? word16(5) : plain(replyNamed("GetStatus")); }
+  /// A peer that answers so many status queries, then closes.
+  static Script answers(std::size_t count) {
+    Script script;
+    for (std::size_t i = 0; i < count; ++i) expect(script).send(statusReply());
+    return script;
+  }
+  /// A peer that takes so many requests without an answer, then closes.
+  static Script takes(std::size_t count) {
+    Script script;
+    for (std::size_t i = 0; i < count; ++i) expect(script);
+    return script;
+  }
+  static Script silent() {
+    Script script;
+    return expect(script).stall();
+  }
+
+  static std::unique_ptr<CorvaneRESTClient> makeClient() {
+    auto client = binary() ? std::make_unique<DrestoPerfClient>(u"127.0.0.1", 7)
+                           : std::make_unique<CorvaneRESTClient>(u"127.0.0.1", 7, true);
+    client->setNumRetries(0);
+    return client;
+  }
+
+  static std::string errorOfExchange(CorvaneRESTClient& client, int kind) {
+    auto request = requestFor(kind);
+    ClientResponse response;
+    return errorOf([&] { client.sendAndRecvMesg(request, response); }).errorId;
+  }
+};
+
+TEST_P(HostNeeds, AWaitThatIsGivenUpEndsTheExchangeWhereverItIs) {
+  std::size_t cancelled = 0;
+  for (std::size_t giveUpAt = 1;; ++giveUpAt) {
+    Script server = answers(1);
+    ScriptedNetwork network(server.awaitClose(), ScriptedNetwork::Arrival::OnDemand);
+    auto client = makeClient();
+    client->setNumRetries(3);
+    Host host{0, giveUpAt};
+    client->setWaitHook(&Host::wait, &host);
+    const std::string error = errorOfExchange(*client, kGetStatus);
+    if (host.waits < giveUpAt) {
+      EXPECT_EQ(error, "");
+      break;
+    }
+    ++cancelled;
+    EXPECT_EQ(error, kCancelledId) << giveUpAt;
+    EXPECT_EQ(host.waits, giveUpAt) << "nothing is repeated";
+    EXPECT_FALSE(client->isConnected());
+    EXPECT_NE(client->getRequestOutcome(), RequestOutcome::Answered);
+    client->setWaitHook(nullptr, nullptr);
+    EXPECT_EQ(errorOfExchange(*client, kGetStatus), "") << "and the next one is answered";
+    EXPECT_EQ(network.connections(), 2U);
+  }
+  EXPECT_GT(cancelled, 0U);
+}
+
+TEST_P(HostNeeds, APauseBetweenAttemptsCanBeGivenUp) {
+  ScriptedNetwork network(takes(1));
+  auto client = makeClient();
+  client->setNumRetries(1);
+  client->setRetryPause(60000, 60000);
+  Host host;
+  client->setWaitHook(&Host::wait, &host);
+  // The reply's end is there without a wait, so that the first wait is the pause.
+  host.giveUpAt = 1;
+  EXPECT_EQ(errorOfExchange(*client, kGetStatus), kCancelledId);
+  EXPECT_EQ(network.connections(), 1U);
+  EXPECT_EQ(client->getRequestOutcome(), RequestOutcome::MayBeApplied);
+}
+
+TEST_P(HostNeeds, AHookHasAWaitWithoutAnyLimit) {
+  ScriptedNetwork network(silent());
+  auto client = makeClient();
+  Host host{0, 1};
+  client->setWaitHook(&Host::wait, &host);
+  EXPECT_EQ(errorOfExchange(*client, kGetStatus), kCancelledId);
+  EXPECT_FALSE(network.waitedForever());
+}
+
+TEST_P(HostNeeds, TheConnectionNumberChangesWithEveryConnectionAndOnlyThen) {
+  ScriptedNetwork network(answers(3).awaitClose());
+  auto client = makeClient();
+  EXPECT_EQ(client->getConnectionNumber(), 0U);
+  EXPECT_EQ(errorOfExchange(*client, kGetStatus), "");
+  const auto first = client->getConnectionNumber();
+  EXPECT_NE(first, 0U);
+  EXPECT_EQ(errorOfExchange(*client, kGetStatus), "");
+  EXPECT_EQ(client->getConnectionNumber(), first);
+  client->close();
+  EXPECT_EQ(client->getConnectionNumber(), first);
+  client->open();
+  EXPECT_NE(client->getConnectionNumber(), first);
+}
+
+TEST_P(HostNeeds, AQueueThatLosesItsConnectionFailsUntilItIsBegunAnew) {
+  Script second = takes(9);
+  ScriptedNetwork network({takes(1), second});
+  auto client = makeClient();
+  client->setNumRetries(3);
+  client->setQueueOnOneConnection(true);
+  EXPECT_EQ(errorOfExchange(*client, kAsynchAddDocument), "");
+  for (const int kind : std::initializer_list<int>{kAsynchAddDocument, kAsynchAddDocument,
+                                                   kLastDocSent, kUpdateIndex, kParseResult}) {
+    EXPECT_EQ(errorOfExchange(*client, kind), kSendId) << kind;
+    EXPECT_EQ(client->getRequestOutcome(), RequestOutcome::NotSent) << kind;
+  }
+  EXPECT_EQ(network.connections(), 2U) << "nothing is repeated";
+  EXPECT_EQ(network.connection(1).received, "");
+  client->setQueueOnOneConnection(true);
+  EXPECT_EQ(errorOfExchange(*client, kAsynchAddDocument), "");
+}
+
+TEST_P(HostNeeds, AQueueGoesOnOverAnotherConnectionUnlessThatIsForbidden) {
+  ScriptedNetwork network({takes(1), takes(9)});
+  auto client = makeClient();
+  EXPECT_EQ(errorOfExchange(*client, kAsynchAddDocument), "");
+  EXPECT_EQ(errorOfExchange(*client, kAsynchAddDocument), "");
+  EXPECT_EQ(network.connections(), 2U);
+}
+
+TEST_P(HostNeeds, AnAnswerOnTheConnectionOfAQueueMeansThatTheServerHasIt) {
+  Script first;
+  expect(first);
+  expect(first).send(statusReply());
+  ScriptedNetwork network({first, takes(9)});
+  auto client = makeClient();
+  client->setQueueOnOneConnection(true);
+  EXPECT_EQ(errorOfExchange(*client, kAsynchAddDocument), "");
+  EXPECT_EQ(errorOfExchange(*client, kGetStatus), "");
+  EXPECT_EQ(errorOfExchange(*client, kAsynchAddDocument), "") << "a queue of its own";
+  EXPECT_EQ(network.connections(), 2U);
+}
+
+TEST(BatchedQueue, OfWhichNothingWasWrittenMayTakeAnyConnection) {
+  ScriptedNetwork network({Script(), Script().expectFramedRequest().expectFramedRequest()});
+  DrestoPerfClient client(u"127.0.0.1", 7);
+  client.setNumRetries(0);
+  client.useBufferedConnection(true);
+  client.setQueueOnOneConnection(true);
+  const auto add = [&](int kind) {
+    auto request = requestFor(kind);
+    ClientResponse response;
+    return errorOf([&] { client.sendAndRecvMesg(request, response); }).errorId;
+  };
+  EXPECT_EQ(add(kAsynchAddDocument), "");
+  EXPECT_EQ(network.writes(), 0U);
+  EXPECT_EQ(add(kLastDocSent), "") << "what is held back is not lost with a connection";
+  EXPECT_EQ(network.connections(), 2U);
+  EXPECT_EQ(network.writes(), 1U);
+}
+
+TEST_P(HostNeeds, LimitsOfOneCallHoldForItAlone) {
+  ScriptedNetwork network(silent());
+  auto client = makeClient();
+  client->setDeadline(90000);
+  auto request = requestFor(kGetStatus);
+  ClientResponse response;
+  EXPECT_EQ(errorOf([&] {
+              client->sendAndRecvMesg(request, response, OperationLimits{20, 5});
+            }).errorId,
+            kTimeOutId);
+  EXPECT_GE(network.elapsedMillis(), 20U);
+  EXPECT_LT(network.elapsedMillis(), 90000U);
+  const auto before = network.elapsedMillis();
+  EXPECT_EQ(errorOfExchange(*client, kGetStatus), kTimeOutId);
+  EXPECT_GE(network.elapsedMillis() - before, 90000U);
+}
+
+TEST_P(HostNeeds, RetriesOfOneCallHoldForItAlone) {
+  ScriptedNetwork network(takes(1));
+  auto client = makeClient();
+  auto request = requestFor(kGetStatus);
+  ClientResponse response;
+  errorOf([&] { client->sendAndRecvMesg(request, response, OperationLimits{0, 3}); });
+  EXPECT_EQ(network.connections(), 4U);
+  errorOfExchange(*client, kGetStatus);
+  EXPECT_EQ(network.connections(), 5U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Over, HostNeeds, testing::Bool(), [](const auto& over) {
+  return std::string(over.param ? "Binary" : "Http");
+});
+
+}  // namespace
