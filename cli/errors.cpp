@@ -43,7 +43,7 @@ std::string remedy(const Settings& settings, bool answered) {
 
 std::string describeInternal(const tq::oss::MessageList& messages, const Settings& settings) {
   const std::string reason = printable(messages.front().getMessageText());
-  if (settings.protocol == Protocol::binary && !reason.empty()) {
+  if (!reason.empty()) {
     return fmt::format("the request to {} failed: {}", address(settings), reason);
   }
   return fmt::format("the connection to {} broke while the request was sent{}; try again",

@@ -332,8 +332,7 @@ int RESTResponse::parseFirstBody(const char* buffer, int length, ClientResponse&
 /// or, where the reply consists of one record, all of it.
 bool RESTResponse::firstBodyIsTooShort(const char* buffer, int length) const {
   const bool oneRecord =
-      statusCode_ == kServerError || (statusCode_ == kOk && (kind_ == ClientRequest::SELECTIVITY ||
-                                                             kind_ == ClientRequest::GET_STATUS));
+      statusCode_ == kServerError || (statusCode_ == kOk && kindOf(kind_).has(kOneRecord));
   const bool records =
       statusCode_ == kOk && (isSearch(kind_) || kind_ == ClientRequest::PARSE_RESULT);
   if (!oneRecord && !records) return false;
@@ -365,7 +364,7 @@ int RESTResponse::parseBody(const char* buffer, int length, ClientResponse& resp
 int RESTResponse::parseResults(const char* buffer, int length, ClientResponse& response,
                                bool& done) {
   const bool search = isSearch(kind_);
-  const bool oneRecord = kind_ == ClientRequest::SELECTIVITY || kind_ == ClientRequest::GET_STATUS;
+  const bool oneRecord = kindOf(kind_).has(kOneRecord);
   if (!search && !oneRecord && kind_ != ClientRequest::PARSE_RESULT) return 0;
   bytes::Reader body = bytes::readerOf(buffer, length);
   const bool continued = streaming_ && !oneRecord;

@@ -38,8 +38,8 @@ class KRU_EXPORT GenRespRecord {
   /// Drops the property set and, when asked, begins a new one.
   void init(bool withProperties);
 
-  /// Parses one 16-bit-form record into the property set and calls `reset()`; returns the bytes
-  /// consumed. `recordType` is not used here. A record of length 0 has no fields.
+  /// Fills the property set from one record of the 16-bit form and calls `reset()`; returns the
+  /// bytes consumed. `recordType` is not used here. A record of length 0 has no fields.
   virtual int parseRecordNew(const char* buf, unsigned short len, unsigned short recordType);
   /// Takes the parsed properties into the members of the derived class.
   virtual void reset() = 0;

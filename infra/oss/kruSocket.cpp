@@ -84,10 +84,6 @@ void Socket::setWaitHook(WaitHook hook, void* host) noexcept {
 
 void Socket::pauseUntil(Deadline deadline) { connection_->pauseUntil(deadline); }
 
-void Socket::setDeadline(std::uint64_t monotonicNanos) noexcept {
-  setDeadline(monotonicNanos == 0 ? Deadline::none() : Deadline::at(monotonicNanos));
-}
-
 namespace {
 
 /// The sockets of the three lists, one entry each, list after list.

@@ -577,16 +577,6 @@ TEST_F(SocketRead, ATimeOutAgainstARealPeerLosesNothing) {
   EXPECT_EQ(read(socket, 4), "abcd");
 }
 
-TEST_F(SocketRead, ADeadlineMayBeGivenAsAPointOfTheClock) {
-  Socket socket;
-  support::Peer peer = connected(socket);
-  socket.setDeadline(std::uint64_t{1});
-  thrown<SocketTimeoutException>([&] { readOnce(socket, 1); });
-  socket.setDeadline(std::uint64_t{0});
-  peer.send("a");
-  EXPECT_EQ(readOnce(socket, 1), "a") << "0 stands for none";
-}
-
 TEST_F(SocketRead, BytesThatAreThereAreGivenAfterTheDeadlineToo) {
   Socket socket;
   support::Peer peer = connected(socket);

@@ -132,8 +132,6 @@ class KRU_EXPORT Socket {
   /// Every wait of the operations above ends at this time with `SocketTimeoutException`. Bytes that
   /// arrived before stay in the buffer. Holds until it is set again; none at first.
   void setDeadline(Deadline deadline) noexcept;
-  /// The same as a point on `monotonicNanos()`; 0 means none.
-  void setDeadline(std::uint64_t monotonicNanos) noexcept;
 
   /// From now on every wait of the operations above, and of `select` with this socket alone, is the
   /// hook's, with a deadline or without; `host` is handed to it as it is. Null brings poll back.

@@ -15,7 +15,7 @@ class KRU_EXPORT TraceFacility {
 
   /// The trace flags of a component, asked for once an operation, as it begins: those that change
   /// in its course hold from the next one on. Entry records are wanted when any bit of 0x20001 is
-  /// set; exit records when a bit of 0x20082 and a bit of 0x20002 are set.
+  /// set; exit records when the flags share a bit with each of 0x20082 and 0x20002.
   virtual unsigned long getComponentTraceFlags(unsigned int component) = 0;
   virtual void traceEntry(unsigned int functionId) = 0;
   virtual void traceExit(unsigned int functionId, long returnCode) = 0;
