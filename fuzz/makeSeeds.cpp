@@ -8,10 +8,12 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/corpusFile.h"
 #include "tests/support/replyCorpus.h"
 
 namespace {
 
+using tq::test::CorpusEntry;
 using tq::test::Reply;
 
 constexpr std::size_t kLargestSeed = 2000;
@@ -92,65 +94,21 @@ void addHttpReply(Seeds& seeds, const Reply& reply) {
   }
 }
 
-struct BinaryReply {
-  std::string name;
-  int kind;
-  std::string bytes;
-};
-
-std::string envelope(unsigned int status, const std::string& payload) {
-  return bigEndianShort(status) + shortText(payload);
-}
-
 std::string shortRecord(const std::vector<std::pair<std::string, std::string>>& fields) {
   std::string out;
   for (const auto& [key, value] : fields) out += shortText(key) + shortText(value);
   return out;
 }
 
-std::vector<BinaryReply> binaryReplies() {
-  const std::string success = bigEndianShort(1);
-  const std::string end = envelope(1, "");
-  const std::string error =
-      bigEndianShort(6) + shortText(shortRecord({{"MsgId", "ZVK0404E"}, {"MsgText", "none"}}));
-  const std::string row = shortRecord({{"Doc", "d1"}});
-  const std::string warning =
-      shortRecord({{"Doc", "d2"}, {"MsgId", "ZVK0017W"}, {"MsgText", "what"}});
-  const std::string estimate =
-      tq::test::bigEndian(5) + tq::test::bigEndian(9) + tq::test::bigEndian(7);
-  std::vector<BinaryReply> all;
-  for (const int kind : {8, 20}) {
-    const std::string name = "search" + std::to_string(kind);
-    all.push_back(
-        {name + "_plain", kind, success + envelope(1, "key1") + envelope(1, "\xFF\x01") + end});
-    all.push_back({name + "_scored", kind,
-                   success + envelope(5, bigEndianShort(500) + "key1") +
-                       envelope(5, bigEndianShort(65535) + "k") + end});
-    all.push_back({name + "_empty", kind, success + end});
-  }
-  all.push_back({"rows", 11, success + envelope(1, row) + envelope(1, warning) + end});
-  all.push_back({"estimate", 14, success + envelope(1, estimate) + end});
-  all.push_back({"status_ready", 15, success});
-  all.push_back({"status_pending", 15, bigEndianShort(5)});
-  all.push_back({"version", 22, success + envelope(1, "Corvane 1")});
-  all.push_back({"done", 4, success});
-  all.push_back({"refused", 8, bigEndianShort(401)});
-  for (const int kind : {8, 11, 14, 15, 22, 4}) {
-    all.push_back({"error" + std::to_string(kind), kind, error});
-  }
-  all.push_back({"error_in_stream", 8, success + envelope(6, shortText(row)) + end});
-  return all;
-}
-
-void addBinaryReply(Seeds& seeds, const BinaryReply& reply) {
-  seeds.add("binary_reply", reply.name, bytesOf({replyKind(reply.kind), 0}) + reply.bytes);
+void addBinaryReply(Seeds& seeds, const CorpusEntry& reply) {
+  seeds.add("binary_reply", reply.name, bytesOf({replyKind(reply.kind), 0}) + reply.body);
   seeds.add("client", "binary_" + reply.name,
-            clientOptions(1 | 2 | 4 | 16, reply.kind, 0, 0) + kNext + reply.bytes);
+            clientOptions(1 | 2 | 4 | 16, reply.kind, 0, 0) + kNext + reply.body);
   seeds.add("client", "binary_" + reply.name + "_twice",
-            clientOptions(1 | 2, reply.kind, 1, 45) + kNext + reply.bytes + kNext + reply.bytes);
+            clientOptions(1 | 2, reply.kind, 1, 45) + kNext + reply.body + kNext + reply.body);
   seeds.add("client", "binary_" + reply.name + "_retried",
-            clientOptions(1 | 4, reply.kind, 4, 45) + kNext + reply.bytes.substr(0, 1) + kClose +
-                kNext + reply.bytes);
+            clientOptions(1 | 4, reply.kind, 4, 45) + kNext + reply.body.substr(0, 1) + kClose +
+                kNext + reply.body);
 }
 
 void addRecords(Seeds& seeds) {
@@ -229,7 +187,7 @@ void addBlockAtTheLimit(Seeds& seeds) {
 void makeSeeds(const char* directory) {
   Seeds seeds(directory);
   for (const Reply& reply : tq::test::allReplies()) addHttpReply(seeds, reply);
-  for (const BinaryReply& reply : binaryReplies()) addBinaryReply(seeds, reply);
+  for (const auto& reply : tq::test::corpusFile("binaryReplies.txt")) addBinaryReply(seeds, reply);
   addRecords(seeds);
   addRequests(seeds);
   addBlockAtTheLimit(seeds);

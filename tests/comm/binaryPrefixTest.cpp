@@ -241,7 +241,7 @@ TEST(BinaryPrefix, TheExchangeBehindAPrefixIsUndisturbed) {
 
 TEST(BinaryPrefix, OverLoopbackTheFailureIsTheSame) {
   for (const char* name : {"StreamSearchWithThreeHits", "ParseResultWithOneRow", "Selectivity",
-                           "RefusedOnKind8", "GetServerVersion"}) {
+                           "RefusedOnStreamSearch", "GetServerVersion"}) {
     const auto& reply = binaryReplyNamed(name);
     for (std::size_t length = 0; length < reply.text.size(); length += 3) {
       ScriptedServer server(Script().expectFramedRequest().send(reply.text.substr(0, length)));

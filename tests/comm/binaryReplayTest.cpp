@@ -314,8 +314,9 @@ TEST_P(OverLoopback, ABinaryReplyMeansTheSameHoweverItIsCut) {
 INSTANTIATE_TEST_SUITE_P(Corpus, OverLoopback,
                          testing::Values("StreamSearchWithThreeHits", "ScalarSearchWithScores",
                                          "ParseResultWithThreeRows", "SelectivityWithThreeRecords",
-                                         "GetServerVersion", "SuccessOnKind1", "StatusOnly",
-                                         "UnauthorizedOnKind8", "RefusedOnKind4", "TroubledStatus"),
+                                         "GetServerVersion", "SuccessOnCreateCollection",
+                                         "StatusOnly", "UnauthorizedOnStreamSearch",
+                                         "RefusedOnUpdateIndex", "TroubledStatus"),
                          [](const auto& test) { return std::string(test.param); });
 
 TEST(BinaryReplay, AHundredThousandHitsOverLoopback) {

@@ -140,7 +140,7 @@ TEST_P(LyingReply, InEachOfItsBitsEnds) {
 INSTANTIATE_TEST_SUITE_P(Corpus, LyingReply,
                          testing::Values("StreamSearchWithThreeHits", "ScalarSearchWithOneHit",
                                          "ParseResultWithThreeRows", "GetStatus", "Selectivity",
-                                         "ServerErrorOnKind8"),
+                                         "ServerErrorOnStreamSearch"),
                          [](const auto& test) { return std::string(test.param); });
 
 TEST(HostileExchange, WithItsLengthRightALyingReplyEndsOnAnOpenConnectionToo) {

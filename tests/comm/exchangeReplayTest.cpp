@@ -227,8 +227,8 @@ TEST_P(OverLoopback, AReplyMeansTheSameHoweverItIsCut) {
 INSTANTIATE_TEST_SUITE_P(Corpus, OverLoopback,
                          testing::Values("StreamSearchWithThreeHits", "ScalarSearchWithThreeHits",
                                          "ParseResultWithThreeRows", "Selectivity", "GetStatus",
-                                         "Kind1WithoutBody", "ServerErrorOnKind8",
-                                         "BadRequestOnKind4", "SearchBehindAnInterimReply"),
+                                         "CreateCollectionWithoutBody", "ServerErrorOnStreamSearch",
+                                         "BadRequestOnUpdateIndex", "SearchBehindAnInterimReply"),
                          [](const auto& test) { return std::string(test.param); });
 
 TEST(ExchangeReplay, OverLoopbackAReplyMeansTheSameInSegmentsOfOneByte) {

@@ -51,7 +51,7 @@ TEST(ExchangeThreads, TheFirstRequestsOfTheProcessMayRunTogether) {
 TEST(ExchangeThreads, EachClientGetsItsOwnResults) {
   const std::vector<const char*> names{"StreamSearchWithThreeHits", "ScalarSearchWithFortyHits",
                                        "ParseResultWithThreeRows", "GetStatus",
-                                       "ServerErrorOnKind8"};
+                                       "ServerErrorOnStreamSearch"};
   std::vector<std::unique_ptr<ScriptedServer>> servers;
   for (const char* name : names) {
     Script script;

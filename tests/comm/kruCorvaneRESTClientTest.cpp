@@ -378,7 +378,7 @@ TEST(CorvaneRESTClient, AChunkedReplyReadToItsEndKeepsItsConnection) {
 }
 
 TEST(CorvaneRESTClient, AnErrorReadToItsEndKeepsItsConnection) {
-  const auto& error = replyNamed("ServerErrorOnKind8");
+  const auto& error = replyNamed("ServerErrorOnStreamSearch");
   ScriptedNetwork network(Script()
                               .expectRequest()
                               .send(plain(error))
@@ -585,8 +585,9 @@ TEST(CorvaneRESTClient, ATimeOutIsRepeatedToo) {
 }
 
 TEST(CorvaneRESTClient, RefusalsOfTheServerAreNotRepeated) {
-  for (const char* name : {"ServerErrorOnKind8", "BadRequestOnKind8", "UnauthorizedOnKind8",
-                           "NotFoundOnKind8", "ServerErrorWithoutId"}) {
+  for (const char* name :
+       {"ServerErrorOnStreamSearch", "BadRequestOnStreamSearch", "UnauthorizedOnStreamSearch",
+        "NotFoundOnStreamSearch", "ServerErrorWithoutId"}) {
     const auto& reply = replyNamed(name);
     ScriptedNetwork network(answer(plain(reply)));
     auto client = clientFor(kPersistent);
@@ -773,7 +774,7 @@ TEST(CorvaneRESTClient, OverLoopbackASilentServerRaisesTheTimeOut) {
 TEST(CorvaneRESTClient, TheTimeOutHoldsAtEveryWaitOfAnExchange) {
   // Wherever the server stops, nobody waits longer for it than the time-out.
   for (const char* name : {"StreamSearchWithOneHit", "GetStatus", "ParseResultWithOneRow",
-                           "ServerErrorOnKind8", "Kind1WithoutBody"}) {
+                           "ServerErrorOnStreamSearch", "CreateCollectionWithoutBody"}) {
     const auto& reply = replyNamed(name);
     for (const auto& text : {plain(reply), chunked(reply, 0, true).text}) {
       for (std::size_t length = 0; length < text.size(); ++length) {

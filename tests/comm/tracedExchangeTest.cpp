@@ -57,7 +57,7 @@ void exchangeOverHttp(const std::string& text, int kind) {
 TEST(TracedExchange, OverHttpLeavesARecordOfEveryOperation) {
   RecordingFacility facility;
   for (const char* name : {"StreamSearchWithThreeHits", "ParseResultWithThreeRows", "Selectivity",
-                           "GetStatus", "ServerErrorOnKind8"}) {
+                           "GetStatus", "ServerErrorOnStreamSearch"}) {
     exchangeOverHttp(plain(replyNamed(name)), replyNamed(name).kind);
   }
   const auto& rows = replyNamed("ParseResultWithThreeRows");

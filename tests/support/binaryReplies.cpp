@@ -8,6 +8,7 @@
 #include "comm/kruRESTException.h"
 #include "infra/oss/kruMessage.h"
 #include "infra/oss/kruMessageList.h"
+#include "tests/support/corpusFile.h"
 
 namespace tq::test {
 
@@ -18,25 +19,11 @@ using tq::comm::RESTException;
 namespace {
 
 constexpr unsigned int kSuccess = 1;
-constexpr unsigned int kStatusOnly = 5;
-constexpr unsigned int kServerError = 6;
-constexpr unsigned int kInvalidAuth = 401;
-
-constexpr auto kParser = "kruDrestoPerfResponse";
-
-// What is expected.
 
 BinaryOutcome success() {
   BinaryOutcome outcome;
   outcome.seen.returnCode = 0;
   outcome.seen.endOfStream = true;
-  return outcome;
-}
-
-BinaryOutcome serverMessage(const std::string& id, const std::string& text, int level) {
-  auto outcome = binaryFailure(id, "(null)", 0);
-  outcome.seen.errorText = text;
-  outcome.seen.errorLevel = level;
   return outcome;
 }
 
@@ -59,219 +46,39 @@ BinaryReply results(const std::string& name, int kind) {
   return reply;
 }
 
-void addHit(BinaryReply& reply, const std::string& key) {
-  add(reply, 1, key);
-  reply.expected.seen.hits.push_back({idOfKey(key), 0.0});
-}
-
 void addScoredHit(BinaryReply& reply, unsigned int thousandths, const std::string& key) {
   add(reply, 5, word16(thousandths) + key);
   reply.expected.seen.hits.push_back({idOfKey(key), thousandths / 1000.0});
 }
 
-void addSearches(std::vector<BinaryReply>& all) {
-  for (const auto& [prefix, kind] :
-       {std::pair{"Stream", kStreamSearch}, {"Scalar", kScalarSearch}}) {
-    const std::string name = std::string(prefix) + "Search";
-    auto none = results(name + "WithoutHits", kind);
-    all.push_back(finish(none));
-
-    auto one = results(name + "WithOneHit", kind);
-    addHit(one, "k");
-    all.push_back(finish(one));
-
-    auto three = results(name + "WithThreeHits", kind);
-    for (const auto* key : {"first", "2", "the third of them"}) addHit(three, key);
-    all.push_back(finish(three));
-
-    auto scored = results(name + "WithScores", kind);
-    addScoredHit(scored, 65535, "best");
-    addScoredHit(scored, 1500, std::string("\x00\xFF\x01", 3));
-    addScoredHit(scored, 0, "");
-    addScoredHit(scored, 1, "worst");
-    all.push_back(finish(scored));
-
-    auto odd = results(name + "WithAnErrorAmongTheHits", kind);
-    addHit(odd, "before");
-    const auto error = errorRecord({{"MsgId", "ZVK0001E"}, {"MsgText", "too late"}});
-    add(odd, 6, error);
-    odd.expected.seen.hits.push_back({idOfKey(error), 0.0});
-    addHit(odd, "behind");
-    all.push_back(finish(odd));
-
-    auto empty = results(name + "WithEmptyKeys", kind);
-    for (const unsigned int status : {0U, 2U, 6U, 401U}) {
-      add(empty, status, "");
-      empty.expected.seen.hits.push_back({idOfKey(""), 0.0});
-    }
-    all.push_back(finish(empty));
-  }
-  auto many = results("StreamSearchWithFortyHits", kStreamSearch);
-  for (unsigned int i = 0; i < 40; ++i) addScoredHit(many, i * 100, std::string(i % 7, 'k'));
-  all.push_back(finish(many));
-}
-
-void addRow(BinaryReply& reply, const Parsed& row, unsigned int status = 1) {
-  std::vector<std::pair<std::string, std::string>> fields{{"Doc", row.document}};
-  if (!row.messageId.empty()) {
-    fields.emplace_back("MsgId", row.messageId);
-    fields.emplace_back("MsgText", row.messageText);
-  }
-  std::size_t at = reply.text.size() + 4;
-  add(reply, status, record16(fields));
-  for (const auto& [name, value] : fields) {
-    reply.lengths.push_back(at);
-    reply.lengths.push_back(at + 2 + name.size());
-    at += 4 + name.size() + value.size();
-  }
-  reply.expected.seen.parsed.push_back(row);
-}
-
-void addParseResults(std::vector<BinaryReply>& all) {
-  auto none = results("ParseResultWithoutRows", kParseResult);
-  all.push_back(finish(none));
-  auto one = results("ParseResultWithOneRow", kParseResult);
-  addRow(one, {"doc1", "", "", 0});
-  all.push_back(finish(one));
-  auto three = results("ParseResultWithThreeRows", kParseResult);
-  addRow(three, {"doc1", "ZVK0017W", "Sprache unbekannt \xE2\x80\xA6", 4});
-  addRow(three, {"d\xC3\xB6 2", "", "", 0});
-  addRow(three, {"doc3", "ABC0018S", "", 2}, 6);
-  all.push_back(finish(three));
-}
-
-void addEstimates(std::vector<BinaryReply>& all) {
-  auto none = results("SelectivityWithoutRecord", kSelectivity);
-  all.push_back(finish(none));
-  auto one = results("Selectivity", kSelectivity);
-  add(one, 1, estimate(5, 7, 9));
-  one.expected.seen.selectivity = {5, 9, 7};
-  all.push_back(finish(one));
-  auto three = results("SelectivityWithThreeRecords", kSelectivity);
-  add(three, 1, estimate(1, 2, 3));
-  add(three, 6, estimate(4, 5, 6));
-  add(three, 1, estimate(0xFFFFFFFF, 0, 0x80000000) + "and more");
-  three.expected.seen.selectivity = {0xFFFFFFFF, 0x80000000, 0};
-  all.push_back(finish(three));
-}
-
-BinaryReply content(const std::string& name, unsigned int status, const std::string& payload) {
-  auto reply = results(name, kGetServerVersion);
-  add(reply, status, payload);
-  reply.envelopes.push_back(reply.text.size());
+BinaryReply replyOf(CorpusEntry entry) {
+  BinaryReply reply{std::move(entry.name), entry.kind, std::move(entry.body)};
+  reply.expected = {std::move(entry.expected), entry.errorLine, std::move(entry.content),
+                    std::move(entry.statusMessageId), std::move(entry.statusMessageText)};
+  reply.envelopes = std::move(entry.starts);
+  reply.lengths = std::move(entry.lengths);
+  reply.keepsConnection = entry.keepsConnection;
   return reply;
 }
 
-void addContents(std::vector<BinaryReply>& all) {
-  for (const auto& [name, text] :
-       {std::pair<std::string, std::string>{"GetServerVersion", "Corvane 12.1-77 \xE2\x82\xAC"},
-        {"GetServerVersionEmpty", ""},
-        {"GetServerVersionWithAZeroByte", std::string("a\0b", 3)}}) {
-    all.push_back(content(name, 1, text));
-    all.back().expected.content = text;
-  }
-  auto refused = content("GetServerVersionErrorInTheEnvelope", 6,
-                         errorRecord({{"MsgId", "ZVK0009S"}, {"MsgText", "no version"}}));
-  refused.expected = serverMessage("ZVK0009S", "no version", 1);
-  refused.expected.seen.returnCode = 0;  // the header has said so
-  all.push_back(refused);
-  // Nothing says what it would mean, and the parser is not armed again for what may follow.
-  auto unknown = content("GetServerVersionInAnUnknownEnvelope", 2, "what is this");
-  unknown.expected = finishedTooEarly();
-  unknown.expected.seen.returnCode = 0;
-  unknown.keepsConnection = false;
-  all.push_back(unknown);
-}
-
-std::string ofKind(const std::string& name, int kind) {
-  return name + "OnKind" + std::to_string(kind);
-}
-
-BinaryReply headerOnly(const std::string& name, int kind, unsigned int code,
-                       const BinaryOutcome& expected) {
-  return {name, kind, word16(code), expected};
-}
-
-void addHeadersAlone(std::vector<BinaryReply>& all) {
-  for (const int kind : {1, 2, 3, 4, 5, 12, 13, 15, 16, 17, 18, 19, 21, 23, 24}) {
-    all.push_back(headerOnly(ofKind("Success", kind), kind, kSuccess, success()));
-  }
-  auto up = success();
-  up.seen.statusCode = 1;
-  all.push_back(headerOnly("StatusOnly", kGetStatus, kStatusOnly, up));
-  for (const int kind : {1, 4, 8, 11, 14, 20, 22}) {
-    auto statusOnly = binaryFailure("ERR_SERVER_PROTOCOL", kParser, 240,
-                                    {"Unpexpected StatCode 5 in response header"});
-    statusOnly.seen.returnCode = 0;
-    all.push_back(headerOnly(ofKind("StatusOnly", kind), kind, kStatusOnly, statusOnly));
-  }
-  for (const int kind : {1, 8, 11, 14, 15, 20, 22}) {
-    all.push_back(headerOnly(ofKind("Unauthorized", kind), kind, kInvalidAuth,
-                             binaryFailure("ERR_SERVER_INVALID_AUTH", kParser, 266)));
-  }
-  for (const int kind : {1, 8, 15}) {
-    for (const unsigned int code : {0U, 3U, 9U, 65535U}) {
-      auto unknown = headerOnly(ofKind("Code" + std::to_string(code), kind), kind, code,
-                                binaryFailure("ERR_SERVER_PROTOCOL", kParser, 272));
-      unknown.keepsConnection = false;
-      all.push_back(unknown);
+struct File {
+  std::vector<BinaryReply> replies;
+  BinaryReply next;  // what the exchange after another gets
+};
+const File& file() {
+  static const File file = [] {
+    File out;
+    for (auto& entry : corpusFile("binaryReplies.txt")) {
+      auto reply = replyOf(std::move(entry));
+      if (reply.name == "Next") {
+        out.next = std::move(reply);
+      } else {
+        out.replies.push_back(std::move(reply));
+      }
     }
-  }
-}
-
-BinaryReply refusal(const std::string& name, int kind,
-                    const std::vector<std::pair<std::string, std::string>>& fields,
-                    const BinaryOutcome& expected) {
-  BinaryReply reply{name, kind, word16(kServerError) + errorRecord(fields), expected};
-  reply.lengths = {2};
-  std::size_t at = 4;
-  for (const auto& [key, value] : fields) {
-    reply.lengths.push_back(at);
-    reply.lengths.push_back(at + 2 + key.size());
-    at += 4 + key.size() + value.size();
-  }
-  return reply;
-}
-
-BinaryOutcome troubledStatus(const std::string& id, const std::string& text) {
-  auto outcome = success();
-  outcome.seen.statusCode = 2;
-  outcome.statusMessageId = id;
-  outcome.statusMessageText = text;
-  return outcome;
-}
-
-void addRefusals(std::vector<BinaryReply>& all) {
-  const std::vector<std::pair<std::string, std::string>> error{
-      {"MsgId", "ZVK0404E"}, {"MsgText", "no collection \xC3\xBC"}};
-  for (const int kind : {1, 4, 8, 11, 14, 20, 22}) {
-    all.push_back(refusal(ofKind("Refused", kind), kind, error,
-                          serverMessage("ZVK0404E", "no collection \xC3\xBC", 2)));
-  }
-  all.push_back(refusal("RefusedWithoutId", kStreamSearch, {{"MsgText", "who knows"}},
-                        serverMessage("ERR_SERVER_APP", "", 2)));
-  all.push_back(refusal("RefusedWithEmptyId", kStreamSearch, {{"MsgId", ""}, {"MsgText", "x"}},
-                        serverMessage("ERR_SERVER_APP", "", 2)));
-  all.push_back(
-      refusal("RefusedWithoutFields", kStreamSearch, {}, serverMessage("ERR_SERVER_APP", "", 2)));
-  all.push_back(refusal("RefusedAtLength", 4,
-                        {{"MsgId", "ZVK0001W"}, {"MsgText", std::string(5000, 'x')}},
-                        serverMessage("ZVK0001W", std::string(5000, 'x'), 4)));
-  all.push_back(refusal("TroubledStatus", kGetStatus, error,
-                        troubledStatus("ZVK0404E", "no collection \xC3\xBC")));
-  all.push_back(refusal("TroubledStatusWithoutId", kGetStatus, {{"MsgText", "who knows"}},
-                        troubledStatus("ERR_SERVER_APP", "")));
-}
-
-std::vector<BinaryReply> makeAll() {
-  std::vector<BinaryReply> all;
-  addSearches(all);
-  addParseResults(all);
-  addEstimates(all);
-  addContents(all);
-  addHeadersAlone(all);
-  addRefusals(all);
-  return all;
+    return out;
+  }();
+  return file;
 }
 
 // What a caller takes.
@@ -402,10 +209,7 @@ bool BinaryReply::refusesVersion() const {
   return kind == kGetServerVersion && code() == 1 && text.compare(2, 2, word16(6)) == 0;
 }
 
-const std::vector<BinaryReply>& binaryReplies() {
-  static const std::vector<BinaryReply> replies = makeAll();
-  return replies;
-}
+const std::vector<BinaryReply>& binaryReplies() { return file().replies; }
 
 const BinaryReply& binaryReplyNamed(const std::string& name) {
   for (const auto& reply : binaryReplies()) {
@@ -414,12 +218,7 @@ const BinaryReply& binaryReplyNamed(const std::string& name) {
   throw std::out_of_range("no reply named " + name);
 }
 
-const BinaryReply& nextBinaryReply() {
-  static const BinaryReply reply =
-      refusal("Next", kGetStatus, {{"MsgId", "ZVK4242I"}, {"MsgText", "the next one"}},
-              troubledStatus("ZVK4242I", "the next one"));
-  return reply;
-}
+const BinaryReply& nextBinaryReply() { return file().next; }
 
 BinaryReply longSearch(int kind, std::size_t hits) {
   auto reply = results("LongSearch", kind);

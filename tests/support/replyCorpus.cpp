@@ -5,6 +5,8 @@
 #include <ostream>
 #include <stdexcept>
 
+#include "tests/support/corpusFile.h"
+
 namespace tq::test {
 
 namespace {
@@ -45,12 +47,10 @@ void addRecord(Reply& reply, const std::string& bytes) {
   reply.body += enveloped(bytes);
 }
 
-void finish(Reply& reply, bool endMark) {
-  reply.endMark = endMark;
-  if (endMark) {
-    reply.recordStarts.push_back(reply.body.size());
-    reply.body += bigEndian(0);
-  }
+void finish(Reply& reply) {
+  reply.endMark = true;
+  reply.recordStarts.push_back(reply.body.size());
+  reply.body += bigEndian(0);
   reply.recordStarts.push_back(reply.body.size());
 }
 
@@ -60,8 +60,7 @@ struct HitText {
   double value;
 };
 
-Reply search(const std::string& name, int kind, const std::vector<HitText>& hits,
-             bool endMark = true) {
+Reply search(const std::string& name, int kind, const std::vector<HitText>& hits) {
   Reply reply{name, kind};
   reply.body = kUninterpreted;
   reply.streamed = true;
@@ -70,11 +69,11 @@ Reply search(const std::string& name, int kind, const std::vector<HitText>& hits
     addRecord(reply, hitRecord(hit.id, hit.score));
     reply.expected.hits.push_back({hit.id, hit.value});
   }
-  finish(reply, endMark);
+  finish(reply);
   return reply;
 }
 
-Reply parseResults(const std::string& name, const std::vector<Parsed>& rows, bool endMark = true) {
+Reply parseResults(const std::string& name, const std::vector<Parsed>& rows) {
   Reply reply{name, kParseResult};
   reply.body = kUninterpreted;
   reply.recordsMustBeWhole = true;
@@ -88,48 +87,9 @@ Reply parseResults(const std::string& name, const std::vector<Parsed>& rows, boo
     addRecord(reply, record(fields));
     reply.expected.parsed.push_back(row);
   }
-  finish(reply, endMark);
+  finish(reply);
   return reply;
 }
-
-Reply single(const std::string& name, int kind, int status, const std::string& bytes,
-             Outcome expected) {
-  Reply reply{name, kind, status};
-  reply.body = kUninterpreted;
-  reply.expected = std::move(expected);
-  addRecord(reply, bytes);
-  finish(reply, false);
-  return reply;
-}
-
-Reply withoutBody(const std::string& name, int kind, int status) {
-  Reply reply{name, kind, status};
-  reply.expected = success();
-  if (status != 200) reply.expected.returnCode = -1;
-  return reply;
-}
-
-Reply unread(const std::string& name, int kind, int status, const std::string& body,
-             Outcome expected) {
-  Reply reply{name, kind, status, body};
-  reply.expected = std::move(expected);
-  return reply;
-}
-
-Outcome status(unsigned int code) {
-  auto outcome = success();
-  outcome.statusCode = code;
-  return outcome;
-}
-
-Outcome serverMessage(const std::string& id, const std::string& text, int level) {
-  auto outcome = failure(id, text, "(null)");
-  outcome.errorLevel = level;
-  return outcome;
-}
-
-const std::vector<HitText> kThreeHits{
-    {"base64:AAECAw==", "0.5", 0.5}, {"base64:a2V5", "", 0.0}, {"base64:/+8=", "12.25", 12.25}};
 
 std::vector<HitText> manyHits(std::size_t count) {
   std::vector<HitText> hits;
@@ -140,111 +100,45 @@ std::vector<HitText> manyHits(std::size_t count) {
   return hits;
 }
 
-void addSearches(std::vector<Reply>& all) {
-  const std::vector<HitText> one{{"base64:QQ==", "1", 1.0}};
-  for (const auto& [prefix, kind] :
-       {std::pair{"Stream", kStreamSearch}, {"Scalar", kScalarSearch}}) {
-    const std::string name = std::string(prefix) + "Search";
-    all.push_back(search(name + "WithoutHits", kind, {}));
-    all.push_back(search(name + "WithOneHit", kind, one));
-    all.push_back(search(name + "WithThreeHits", kind, kThreeHits));
-    all.push_back(withoutBody(name + "WithoutBody", kind, 200));
+Reply replyOf(CorpusEntry entry) {
+  Reply reply{std::move(entry.name), entry.kind, entry.status, std::move(entry.body),
+              std::move(entry.expected)};
+  reply.headerLines = std::move(entry.headerLines);
+  reply.inFront = std::move(entry.before);
+  reply.streamed = entry.inPortions;
+  reply.recordsMustBeWhole = entry.inWholeRecords;
+  reply.recordStarts = std::move(entry.starts);
+  const auto records = reply.recordStarts.size();
+  reply.endMark = records >= 2 && reply.recordStarts[records - 1] ==
+                                      reply.recordStarts[records - 2] + bigEndian(0).size();
+  return reply;
+}
+
+struct File {
+  std::vector<Reply> replies;
+  Reply next;  // what the exchange after another gets
+};
+const File& file() {
+  static const File file = [] {
+    File out;
+    for (auto& entry : corpusFile("httpReplies.txt")) {
+      auto reply = replyOf(std::move(entry));
+      if (reply.name == "Next") {
+        out.next = std::move(reply);
+      } else {
+        out.replies.push_back(std::move(reply));
+      }
+    }
+    return out;
+  }();
+  return file;
+}
+
+const Reply* named(const std::string& name, const std::vector<Reply>& replies) {
+  for (const auto& reply : replies) {
+    if (reply.name == name) return &reply;
   }
-  all.push_back(search("StreamSearchWithTenHits", kStreamSearch, manyHits(10)));
-  all.push_back(search("ScalarSearchWithTenHits", kScalarSearch, manyHits(10)));
-}
-
-void addParseResults(std::vector<Reply>& all) {
-  all.push_back(parseResults("ParseResultWithoutRows", {}));
-  all.push_back(parseResults("ParseResultWithOneRow", {{"doc1", "", "", 0}}));
-  all.push_back(
-      parseResults("ParseResultWithThreeRows", {{"doc1", "", "", 0},
-                                                {"d\xC3\xB6"
-                                                 "c2",
-                                                 "ZVK0017W", "Sprache unbekannt \xE2\x80\xA6", 4},
-                                                {"doc3", "ZVK0018I", "two pages", 8}}));
-  all.push_back(withoutBody("ParseResultWithoutBody", kParseResult, 200));
-}
-
-void addSingles(std::vector<Reply>& all) {
-  all.push_back(single("Selectivity", kSelectivity, 200,
-                       record({{"first", "5"}, {"second", "7"}, {"third", "9"}}), success()));
-  all.push_back(single("GetStatus", kGetStatus, 200, record({{"STATUS_CODE", "17"}}), status(17)));
-  all.push_back(single("GetStatusAmongOthers", kGetStatus, 200,
-                       record({{"a", ""}, {"STATUS_CODE", "4294967295"}, {"z", "1"}}),
-                       status(4294967295U)));
-  all.push_back(withoutBody("GetStatusWithoutBody", kGetStatus, 200));
-  all.push_back(
-      unread("GetServerVersion", kGetServerVersion, 200, "Corvane 12.1-77 (any text)", success()));
-  all.push_back(unread("GetServerVersionLikeAHeader", kGetServerVersion, 200,
-                       "HTTP/1.1 500 no\r\nContent-Length: 5\r\n\r\nabcde", success()));
-}
-
-void addKindsWithoutResults(std::vector<Reply>& all) {
-  for (const int kind : {1, 2, 3, 4, 5, 12, 13, 16, 17, 18, 19, 21, 22, 23, 24}) {
-    all.push_back(withoutBody("Kind" + std::to_string(kind) + "WithoutBody", kind, 200));
-  }
-  all.push_back(unread("UpdateIndexWithAnUnreadBody", 4, 200, "ignored", success()));
-}
-
-void addRefusals(std::vector<Reply>& all) {
-  const auto error = record({{"MsgId", "ZVK0404E"}, {"MsgText", "no collection \xC3\xBC"}});
-  const auto severe = record({{"MsgId", "ZVK0500S"}, {"MsgText", ""}});
-  const auto foreign = record({{"MsgId", "ABC0001W"}, {"MsgText", "of another maker"}});
-  for (const int kind : {4, 8, 11, 14, 15, 20}) {
-    all.push_back(single("ServerErrorOnKind" + std::to_string(kind), kind, 500, error,
-                         serverMessage("ZVK0404E", "no collection \xC3\xBC", 2)));
-  }
-  all.push_back(single("SevereServerError", 1, 500, severe, serverMessage("ZVK0500S", "", 1)));
-  all.push_back(single("ForeignServerError", 1, 500, foreign,
-                       serverMessage("ABC0001W", "of another maker", 2)));
-  all.push_back(single("ServerErrorWithoutId", 4, 500, record({{"MsgText", "who knows"}}),
-                       failure("ERR_SERVER_APP", "", "kruRESTResponse")));
-  all.push_back(single("ServerErrorWithEmptyId", 4, 500, record({{"MsgId", ""}, {"MsgText", "x"}}),
-                       failure("ERR_SERVER_APP", "", "kruRESTResponse")));
-  for (const int kind : {4, 8, 11, 15}) {
-    const auto suffix = "OnKind" + std::to_string(kind);
-    all.push_back(unread("BadRequest" + suffix, kind, 400, "?",
-                         failure("ERR_SERVER_PROTOCOL", "", "(null)")));
-    all.push_back(unread("Unauthorized" + suffix, kind, 401, "who are you",
-                         failure("ERR_SERVER_INVALID_AUTH", "", "(null)")));
-    all.push_back(unread("NotFound" + suffix, kind, 404, "not here",
-                         failure("ERR_SERVER_PROTOCOL", "", "(null)")));
-  }
-  all.push_back(unread("Moved", 1, 302, "elsewhere", failure("ERR_SERVER_PROTOCOL", "", "(null)")));
-  all.push_back(
-      unread("Unavailable", 20, 503, "later", failure("ERR_SERVER_PROTOCOL", "", "(null)")));
-  for (const int code : {400, 401, 404, 500, 503}) {
-    all.push_back(withoutBody("Status" + std::to_string(code) + "WithoutBody", 8, code));
-  }
-  all.push_back(withoutBody("Status404WithoutBodyOnKind1", 1, 404));
-}
-
-void addFramings(std::vector<Reply>& all) {
-  auto reply = search("SearchBehindStrayLineEnds", kStreamSearch, kThreeHits);
-  reply.inFront = "\r\n\r\n\n";
-  all.push_back(reply);
-  reply.name = "SearchBehindAnInterimReply";
-  reply.inFront = "HTTP/1.1 100 Continue\r\n\r\n";
-  all.push_back(reply);
-  reply.name = "SearchWithFurtherHeaderLines";
-  reply.inFront.clear();
-  reply.headerLines = "Server: corvaned\r\nX-Empty:\r\nDate: Thu, 01 Jan 1970 00:00:00 GMT\r\n";
-  all.push_back(reply);
-  reply.name = "SearchWithALongHeaderLine";
-  reply.headerLines = "X-Long: " + std::string(1000, 'x') + "\r\n";
-  all.push_back(reply);
-}
-
-std::vector<Reply> makeAll() {
-  std::vector<Reply> all;
-  addSearches(all);
-  addParseResults(all);
-  addSingles(all);
-  addKindsWithoutResults(all);
-  addRefusals(all);
-  addFramings(all);
-  return all;
+  return nullptr;
 }
 
 std::vector<Reply> makeLong() {
@@ -266,7 +160,8 @@ std::vector<Reply> makeLong() {
     rows.push_back({"document " + std::to_string(10000 + i), "ZVK0001E", "why not", 2});
   }
   all.push_back(parseResults("FifteenHundredParseResults", rows));
-  auto reply = search("ShortBodyBehindALongHeader", kStreamSearch, kThreeHits);
+  auto reply = *named("StreamSearchWithThreeHits", allReplies());
+  reply.name = "ShortBodyBehindALongHeader";
   for (int i = 0; i < 2000; ++i) reply.headerLines += "X-Line: " + std::to_string(i) + "\r\n";
   all.push_back(reply);
   return all;
@@ -355,10 +250,7 @@ Outcome expectedInChunks(const Reply& reply, std::size_t size) {
   return refused;
 }
 
-const std::vector<Reply>& allReplies() {
-  static const std::vector<Reply> replies = makeAll();
-  return replies;
-}
+const std::vector<Reply>& allReplies() { return file().replies; }
 
 const std::vector<Reply>& longReplies() {
   static const std::vector<Reply> replies = makeLong();
@@ -366,19 +258,12 @@ const std::vector<Reply>& longReplies() {
 }
 
 const Reply& replyNamed(const std::string& name) {
-  for (const auto* replies : {&allReplies(), &longReplies()}) {
-    for (const auto& reply : *replies) {
-      if (reply.name == name) return reply;
-    }
-  }
+  if (const auto* reply = named(name, allReplies())) return *reply;
+  if (const auto* reply = named(name, longReplies())) return *reply;
   throw std::out_of_range("no reply named " + name);
 }
 
-const Reply& nextReply() {
-  static const Reply reply =
-      single("Next", kGetStatus, 200, record({{"STATUS_CODE", "4242"}}), status(4242));
-  return reply;
-}
+const Reply& nextReply() { return file().next; }
 
 std::ostream& operator<<(std::ostream& out, const Reply& reply) { return out << reply.name; }
 
