@@ -7,6 +7,7 @@
 
 #include "comm/kruBytes.h"
 #include "comm/kruClientResponse.h"
+#include "comm/kruErrorRecord.h"
 #include "comm/kruFunctionIds.h"
 #include "comm/kruKinds.h"
 #include "comm/kruRESTException.h"
@@ -312,8 +313,8 @@ void DrestoPerfResponse::parseErrorMessage(const char* buffer, int length, RESTE
   requireFieldsFit(record);
   try {
     parseInto(error, record, 1);
-  } catch (const tq::oss::BaseException&) {
-    // A record without id or text leaves the general messages in place.
+  } catch (const tq::oss::BaseException& e) {
+    if (!lacksProperty(e)) throw;
   }
 }
 

@@ -9,6 +9,7 @@
 #include "comm/kruBytes.h"
 #include "comm/kruChunkTail.h"
 #include "comm/kruClientResponse.h"
+#include "comm/kruErrorRecord.h"
 #include "comm/kruFunctionIds.h"
 #include "comm/kruKinds.h"
 #include "comm/kruRESTException.h"
@@ -405,8 +406,8 @@ void RESTResponse::parseErrorMessage(const char* buffer, int length, RESTExcepti
   if (!takeOnlyRecord(body, record)) return;
   try {
     parseInto(error, record);
-  } catch (const tq::oss::BaseException&) {
-    // A record without id or text leaves the general message in place.
+  } catch (const tq::oss::BaseException& e) {
+    if (!lacksProperty(e)) throw;
   }
 }
 

@@ -7,6 +7,9 @@
 #include "comm/kruBuiltFirst.h"
 #include "comm/kruBytes.h"
 #include "comm/kruFunctionIds.h"
+#include "comm/kruRaise.h"
+#include "comm/kruStaticDefs.h"
+#include "comm/kruUnsendable.h"
 #include "infra/oss/kruConverter.h"
 #include "infra/oss/kruFormatter.h"
 #include "infra/oss/kruTrace.h"
@@ -28,6 +31,12 @@ constexpr double kScoreUnit = 1000.0;
 // A caller that keeps one hit of a block keeps the block, hence no larger ones.
 constexpr unsigned int kSmallestBlock = 64;
 constexpr unsigned int kLargestBlock = 4096;
+
+constexpr Raiser fail("kruSearchResult");
+
+void requireBytes(const char* key, unsigned int length) {
+  if (key == nullptr && length != 0) fail(StaticDefs::ERR_CLIENT_INTERNAL, kNullKey);
+}
 
 }  // namespace
 
@@ -100,6 +109,7 @@ void SearchResult::settleDocId() const {
 }
 
 void SearchResult::setKey(const char* bytes, unsigned int len) {
+  requireBytes(bytes, len);
   settleDocId();
   // Kept until the bytes are copied: they may be those of the key that the result has.
   std::shared_ptr<char[]> left;
@@ -134,6 +144,7 @@ void SearchResult::freeKey() { key_ = nullptr; }
 
 void SearchResult::docIdToB64(const char* key, unsigned int len, icu::UnicodeString& out) {
   const tq::oss::TraceScope scope(trace::SearchResultDocIdToB64);
+  requireBytes(key, len);
   const std::size_t units = kIdPrefixLength + tq::util::Base64::encodeSize(len);
   if (units > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) {
     tq::oss::Converter::throwOutOfMemory();

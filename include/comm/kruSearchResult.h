@@ -40,7 +40,8 @@ class KRU_EXPORT SearchResult : public GenRespRecord {
   const icu::UnicodeString& getDocId() const;
 
   /// Copies `len` bytes, which may be part of this result's own key, and makes them the key. Copies
-  /// made before keep theirs.
+  /// made before keep theirs. Null with a length throws RESTException ERR_CLIENT_INTERNAL and
+  /// changes nothing.
   void setKey(const char* bytes, unsigned int len);
   /// Makes the caller's bytes the key without copying them; they must outlive every use of it.
   void copyKey(const char* bytes, unsigned int len);
@@ -51,7 +52,8 @@ class KRU_EXPORT SearchResult : public GenRespRecord {
   const char* getKey() const { return key_; }
   unsigned int getKeyLen() const { return keyLength_; }
 
-  /// Sets `out` to "base64:" and the Base64 form of the key.
+  /// Sets `out` to "base64:" and the Base64 form of the key. Null with a length is refused as by
+  /// `setKey`.
   static void docIdToB64(const char* key, unsigned int len, icu::UnicodeString& out);
 
  private:

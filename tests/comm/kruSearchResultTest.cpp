@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "comm/kruRESTException.h"
 #include "comm/kruSearchResult.h"
 #include "infra/oss/kruNLSException.h"
 #include "infra/util/kruBase64.h"
@@ -297,6 +298,37 @@ TEST(SearchResult, CanParseItsOwnKey) {
     EXPECT_EQ(record.substr(2), keyOf(hit)) << length;
     EXPECT_DOUBLE_EQ(0.1, hit.getScore());
   }
+}
+
+std::string refusalOf(const RESTException& e) {
+  const tq::oss::Message& message = e.getMessageList().front();
+  return utf8(message.getMessageId()) + ": " + utf8(message.getMessageText());
+}
+
+TEST(SearchResult, RefusesNullWithALengthAndStaysAsItWas) {
+  const std::string refusal =
+      "ERR_CLIENT_INTERNAL: the document's key is null although it has a length";
+  SearchResult hit(false);
+  hit.setKey("key", 3);
+  try {
+    hit.setKey(nullptr, 5);
+    FAIL() << "taken as a key";
+  } catch (const RESTException& e) {
+    EXPECT_EQ(refusal, refusalOf(e));
+  }
+  EXPECT_EQ("key", keyOf(hit));
+  icu::UnicodeString text(u"kept");
+  try {
+    SearchResult::docIdToB64(nullptr, 5, text);
+    FAIL() << "encoded";
+  } catch (const RESTException& e) {
+    EXPECT_EQ(refusal, refusalOf(e));
+  }
+  EXPECT_TRUE(text == u"kept");
+  hit.setKey(nullptr, 0);
+  EXPECT_EQ(0U, hit.getKeyLen());
+  SearchResult::docIdToB64(nullptr, 0, text);
+  EXPECT_TRUE(text == u"base64:");
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "infra/oss/kruNLSException.h"
 #include "infra/oss/kruUTF8String.h"
 
 namespace {
@@ -24,6 +25,18 @@ TEST(UTF8String, AppendsBytesAndTexts) {
   text.append("cdX", 2).append(icu::UnicodeString(u"\u00e9")).append(nullptr, 0);
   EXPECT_EQ(text.view(), "abcd\xC3\xA9");
   EXPECT_EQ(text.toUnicodeString(), u"abcd\u00e9");
+}
+
+TEST(UTF8String, RefusesNullWithALengthAndStaysAsItWas) {
+  UTF8String text("ab", 2);
+  try {
+    text.append(nullptr, 3);
+    FAIL() << "taken";
+  } catch (const tq::oss::NLSException& e) {
+    EXPECT_EQ(e.getMessageList().front().getMessageId(), u"TQ_ERR_NULL_BYTES");
+  }
+  EXPECT_EQ(text.view(), "ab");
+  EXPECT_THROW(UTF8String(nullptr, 1), tq::oss::NLSException);
 }
 
 TEST(UTF8String, KeepsZeroBytes) {
