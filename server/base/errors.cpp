@@ -4,41 +4,41 @@ namespace corvaned {
 
 std::string_view messageId(ErrorKind kind) {
   switch (kind) {
-    case ErrorKind::malformedRequest:
+    case ErrorKind::MalformedRequest:
       return "ZVK0001E";
-    case ErrorKind::requestTooLarge:
+    case ErrorKind::RequestTooLarge:
       return "ZVK0002E";
-    case ErrorKind::unknownAction:
+    case ErrorKind::UnknownAction:
       return "ZVK0003E";
-    case ErrorKind::unsupportedAction:
+    case ErrorKind::UnsupportedAction:
       return "ZVK0004E";
-    case ErrorKind::missingParameter:
+    case ErrorKind::MissingParameter:
       return "ZVK0005E";
-    case ErrorKind::badParameter:
+    case ErrorKind::BadParameter:
       return "ZVK0006E";
-    case ErrorKind::unknownCollection:
+    case ErrorKind::UnknownCollection:
       return "ZVK0007E";
-    case ErrorKind::collectionExists:
+    case ErrorKind::CollectionExists:
       return "ZVK0008E";
-    case ErrorKind::badCollectionName:
+    case ErrorKind::BadCollectionName:
       return "ZVK0009E";
-    case ErrorKind::badQuery:
+    case ErrorKind::BadQuery:
       return "ZVK0010E";
-    case ErrorKind::queryTooBroad:
+    case ErrorKind::QueryTooBroad:
       return "ZVK0011E";
-    case ErrorKind::badDocument:
+    case ErrorKind::BadDocument:
       return "ZVK0012E";
-    case ErrorKind::documentTooLarge:
+    case ErrorKind::DocumentTooLarge:
       return "ZVK0013E";
-    case ErrorKind::storageFailed:
+    case ErrorKind::StorageFailed:
       return "ZVK0014E";
-    case ErrorKind::documentsNotIndexed:
+    case ErrorKind::DocumentsNotIndexed:
       return "ZVK0015E";
-    case ErrorKind::tryAgain:
+    case ErrorKind::TryAgain:
       return "ZVK0016E";
-    case ErrorKind::outOfMemory:
+    case ErrorKind::OutOfMemory:
       return "ZVK0017E";
-    case ErrorKind::internal:
+    case ErrorKind::Internal:
       break;
   }
   return "ZVK0099E";

@@ -27,8 +27,8 @@ std::uint64_t shifted(std::uint64_t length, std::int64_t error, std::uint64_t mo
 // Removes or doubles the piece.
 void tamper(Pieces& pieces, std::size_t index, Tamper how) {
   const auto place = pieces.begin() + static_cast<std::ptrdiff_t>(index);
-  if (how == Tamper::missing) pieces.erase(place);
-  if (how == Tamper::extra) pieces.insert(place, std::string(*place));
+  if (how == Tamper::Missing) pieces.erase(place);
+  if (how == Tamper::Extra) pieces.insert(place, std::string(*place));
 }
 
 // ---- HTTP
@@ -118,10 +118,10 @@ std::string falseHttp(std::string_view bytes, const Faults& faults) {
   HttpReply reply = splitHttp(bytes);
   tamperWithRecord(reply, faults.record);
   tamperWithEnd(reply, faults.end);
-  constexpr std::uint64_t most = std::numeric_limits<std::int64_t>::max();
+  constexpr std::uint64_t kMost = std::numeric_limits<std::int64_t>::max();
   if (!reply.chunked) {
     const std::string body = joined(reply.parts.front());
-    return withContentLength(reply.head, shifted(body.size(), faults.lengthError, most)) + body;
+    return withContentLength(reply.head, shifted(body.size(), faults.lengthError, kMost)) + body;
   }
   std::string out = reply.head;
   std::int64_t error = faults.lengthError;
@@ -131,7 +131,7 @@ std::string falseHttp(std::string_view bytes, const Faults& faults) {
     if (body.empty()) continue;
     std::array<char, 16> digits{};
     const auto size = std::to_chars(digits.data(), digits.data() + digits.size(),
-                                    shifted(body.size(), error, most), 16);
+                                    shifted(body.size(), error, kMost), 16);
     out.append(digits.data(), size.ptr).append("\r\n").append(body).append("\r\n");
     error = 0;
   }
@@ -180,7 +180,7 @@ std::string falseBinary(std::string_view bytes, const Faults& faults) {
 }  // namespace
 
 std::string falseReply(Framing framing, std::string_view reply, const Faults& faults) {
-  return framing == Framing::http ? falseHttp(reply, faults) : falseBinary(reply, faults);
+  return framing == Framing::Http ? falseHttp(reply, faults) : falseBinary(reply, faults);
 }
 
 }  // namespace corvaned

@@ -113,9 +113,9 @@ void takeCondition(Words& words, FaultRule& rule) {
   if (word == "every") {
     rule.every = words.number("a count of replies", 1, std::numeric_limits<std::uint64_t>::max());
   } else if (word == "http") {
-    rule.protocol = Framing::http;
+    rule.protocol = Framing::Http;
   } else if (word == "binary") {
-    rule.protocol = Framing::binary;
+    rule.protocol = Framing::Binary;
   } else if (word != "all") {
     words.fail(shown(word) + " does not say which replies; say " + std::string(kConditions));
   }
@@ -138,9 +138,9 @@ std::int64_t takeLengthError(Words& words) {
 
 Tamper takeTamper(Words& words) {
   const std::string_view word = words.take("\"missing\" or \"extra\"");
-  if (word == "missing") return Tamper::missing;
+  if (word == "missing") return Tamper::Missing;
   if (word != "extra") words.fail(shown(word) + " is neither \"missing\" nor \"extra\"");
-  return Tamper::extra;
+  return Tamper::Extra;
 }
 
 // Returns what the fault determines; only one fault of a rule may determine it.

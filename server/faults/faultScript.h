@@ -14,7 +14,7 @@
 
 namespace corvaned {
 
-enum class Tamper { none, missing, extra };
+enum class Tamper { None, Missing, Extra };
 
 /// What is done to one reply. Everything is off by default.
 struct Faults {
@@ -29,11 +29,11 @@ struct Faults {
   /// Added to the first length that frames the reply's body.
   std::int64_t lengthError = 0;
   /// What happens to the last record and to the end mark after it.
-  Tamper record = Tamper::none;
-  Tamper end = Tamper::none;
+  Tamper record = Tamper::None;
+  Tamper end = Tamper::None;
 
   /// True if the content of the reply is changed, not only how it is sent.
-  bool lies() const { return lengthError != 0 || record != Tamper::none || end != Tamper::none; }
+  bool lies() const { return lengthError != 0 || record != Tamper::None || end != Tamper::None; }
 };
 
 /// Which replies get which faults. A rule counts the replies of its protocol and action from 1 and

@@ -50,10 +50,10 @@ class FaultyOutlet : public Outlet {
 
  private:
   void pause(std::chrono::milliseconds time) {
-    if (cancelled_) return finish(Result::failed);
+    if (cancelled_) return finish(Result::Failed);
     timer_.expires_after(time);
     timer_.async_wait([this, owner = done_](std::error_code error) {
-      if (error) return finish(Result::failed);
+      if (error) return finish(Result::Failed);
       step();
     });
   }
@@ -68,12 +68,12 @@ class FaultyOutlet : public Outlet {
 
   void step() {
     if (allowance() == 0) return endConnection();
-    if (rest_.empty()) return finish(Result::written);
+    if (rest_.empty()) return finish(Result::Written);
     std::size_t size = std::min<std::uint64_t>(rest_.size(), allowance());
     if (faults_.piece != 0) size = std::min(size, faults_.piece);
     asio::async_write(socket_, asio::buffer(rest_.data(), size),
                       [this, owner = done_](std::error_code error, std::size_t count) {
-                        if (error) return finish(Result::failed);
+                        if (error) return finish(Result::Failed);
                         written(count);
                       });
   }
@@ -87,10 +87,10 @@ class FaultyOutlet : public Outlet {
   }
 
   void endConnection() {
-    if (faults_.dropAfter) return finish(Result::ended);
+    if (faults_.dropAfter) return finish(Result::Ended);
     std::error_code ignored;
     socket_.set_option(asio::socket_base::linger(true, 0), ignored);
-    finish(Result::failed);
+    finish(Result::Failed);
   }
 
   ClientSocket& socket_;

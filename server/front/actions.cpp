@@ -15,7 +15,7 @@ namespace {
 std::string require(const Request& request, const std::string& name) {
   const std::string_view value = request.header(name);
   if (value.empty()) {
-    throw ServerError(ErrorKind::missingParameter,
+    throw ServerError(ErrorKind::MissingParameter,
                       "the parameter " + shown(name) + " is missing or empty");
   }
   return std::string(value);
@@ -38,7 +38,7 @@ void readNumber(const Request& request, const std::string& name, std::uint64_t& 
   std::uint64_t parsed = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), parsed);
   if (error != std::errc{} || end != text.data() + text.size()) {
-    throw ServerError(ErrorKind::badParameter, "the parameter " + shown(name) + " is " +
+    throw ServerError(ErrorKind::BadParameter, "the parameter " + shown(name) + " is " +
                                                    shown(text) + ", not a number from 0 on");
   }
   value = parsed;
@@ -50,7 +50,7 @@ bool chooses(const Request& request, const std::string& name, std::string_view f
   const std::string_view value = request.header(name);
   if (value == first) return true;
   if (value.empty() || value == second) return false;
-  throw ServerError(ErrorKind::badParameter, "the parameter " + shown(name) + " is " +
+  throw ServerError(ErrorKind::BadParameter, "the parameter " + shown(name) + " is " +
                                                  shown(value) + ", not " + shown(first) + " or " +
                                                  shown(second));
 }
@@ -62,7 +62,7 @@ SearchQuery searchQueryOf(const Request& request) {
   readNumber(request, words().size, query.size);
   readNumber(request, words().resultLimit, query.limit);
   const bool raw = chooses(request, words().scoreType, "raw", "normalized");
-  query.scale = raw ? ScoreScale::raw : ScoreScale::normalized;
+  query.scale = raw ? ScoreScale::Raw : ScoreScale::Normalized;
   return query;
 }
 
@@ -77,7 +77,7 @@ Reply search(const Service& service, Request& request) {
 
 DocumentBlock requireBlock(Request& request) {
   if (request.content.empty()) {
-    throw ServerError(ErrorKind::badDocument, "the request carries no document");
+    throw ServerError(ErrorKind::BadDocument, "the request carries no document");
   }
   return parseDocumentBlock(std::move(request.content));
 }
@@ -85,7 +85,7 @@ DocumentBlock requireBlock(Request& request) {
 Document requireDocument(Request& request) {
   DocumentBlock block = requireBlock(request);
   if (block.terminate) {
-    throw ServerError(ErrorKind::badDocument,
+    throw ServerError(ErrorKind::BadDocument,
                       "the request carries an end-of-documents record in place of a document");
   }
   return std::move(block.document);
@@ -135,7 +135,7 @@ Reply queueDocument(const Service& service, Request& request) {
     key = block.document.key;
     service.store.queueDocument(collection, block.document);
   } catch (const ServerError& error) {
-    if (error.kind() == ErrorKind::unknownCollection) throw;
+    if (error.kind() == ErrorKind::UnknownCollection) throw;
     service.store.reportOutcome(
         collection, ParseOutcome{key, std::string(messageId(error.kind())), error.what()});
   }
@@ -151,7 +151,7 @@ Reply status(const Service& service, Request& request) {
   if (!namesCollection(request)) return StatusReply{};
   try {
     const CollectionState state = service.store.state(collectionOf(request));
-    return StatusReply{state == CollectionState::current ? 0U : 1U, {}};
+    return StatusReply{state == CollectionState::Current ? 0U : 1U, {}};
   } catch (const ServerError& error) {
     return StatusReply{2, {std::string(messageId(error.kind())), error.what()}};
   }
@@ -161,35 +161,35 @@ Reply version(const Service& service, Request&) { return TextReply{service.versi
 
 Reply notSupported(const Service&, Request& request) {
   throw ServerError(
-      ErrorKind::unsupportedAction,
+      ErrorKind::UnsupportedAction,
       "the action " + shown(request.header(words().action)) + " is not supported by this server");
 }
 
-constexpr auto kAlways = Action::Answer::always;
-constexpr auto kNever = Action::Answer::never;
+constexpr auto kAlways = Action::Answer::Always;
+constexpr auto kNever = Action::Answer::Never;
 
 // The client library's vocabulary has no action names; this table is their only place in the
 // server.
 constexpr std::array<Action, 19> kActions{{
-    {"createCollection", Workload::write, kAlways, createCollection},
-    {"openCollection", Workload::read, kAlways, onCollection<&Store::openCollection>},
-    {"closeCollection", Workload::write, kAlways, onCollection<&Store::closeCollection>},
-    {"deleteCollection", Workload::index, kAlways, onCollection<&Store::deleteCollection>},
-    {"addDocument", Workload::write, kAlways, addDocument},
-    {"asyncAddDocument", Workload::write, kNever, queueDocument},
-    {"deleteDocument", Workload::write, kAlways, deleteDocument},
-    {"updateIndex", Workload::index, kAlways, onCollection<&Store::updateIndex>},
-    {"search", Workload::read, kAlways, search},
-    {"selectivity", Workload::read, kAlways, selectivity},
-    {"getParseResult", Workload::write, kAlways, parseResult},
-    {"getStatus", Workload::read, kAlways, status},
-    {"getServerVersion", Workload::read, kAlways, version},
-    {"backup", Workload::read, kAlways, notSupported},
-    {"restore", Workload::read, kAlways, notSupported},
-    {"takeover", Workload::read, kAlways, notSupported},
-    {"shutdown", Workload::read, kAlways, notSupported},
-    {"setConstructorConfiguration", Workload::read, kAlways, notSupported},
-    {"versionsValidation", Workload::read, kAlways, notSupported},
+    {"createCollection", Workload::Write, kAlways, createCollection},
+    {"openCollection", Workload::Read, kAlways, onCollection<&Store::openCollection>},
+    {"closeCollection", Workload::Write, kAlways, onCollection<&Store::closeCollection>},
+    {"deleteCollection", Workload::Index, kAlways, onCollection<&Store::deleteCollection>},
+    {"addDocument", Workload::Write, kAlways, addDocument},
+    {"asyncAddDocument", Workload::Write, kNever, queueDocument},
+    {"deleteDocument", Workload::Write, kAlways, deleteDocument},
+    {"updateIndex", Workload::Index, kAlways, onCollection<&Store::updateIndex>},
+    {"search", Workload::Read, kAlways, search},
+    {"selectivity", Workload::Read, kAlways, selectivity},
+    {"getParseResult", Workload::Write, kAlways, parseResult},
+    {"getStatus", Workload::Read, kAlways, status},
+    {"getServerVersion", Workload::Read, kAlways, version},
+    {"backup", Workload::Read, kAlways, notSupported},
+    {"restore", Workload::Read, kAlways, notSupported},
+    {"takeover", Workload::Read, kAlways, notSupported},
+    {"shutdown", Workload::Read, kAlways, notSupported},
+    {"setConstructorConfiguration", Workload::Read, kAlways, notSupported},
+    {"versionsValidation", Workload::Read, kAlways, notSupported},
 }};
 
 }  // namespace

@@ -11,7 +11,7 @@ namespace corvaned {
 
 /// Which group of workers serves a request. With separate groups a search never waits for a sync to
 /// disk, and neither a search nor a new document waits for an index update.
-enum class Workload { read, write, index };
+enum class Workload { Read, Write, Index };
 
 /// What an action works on.
 struct Service {
@@ -21,7 +21,7 @@ struct Service {
 
 /// What a request can ask for.
 struct Action {
-  enum class Answer { always, never };
+  enum class Answer { Always, Never };
 
   std::string_view name;
   Workload workload;

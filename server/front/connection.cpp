@@ -39,11 +39,11 @@ ConnectionContext::ConnectionContext(Dispatcher& dispatcher, const ServerOptions
 
 asio::thread_pool& ConnectionContext::workers(Workload workload) {
   switch (workload) {
-    case Workload::write:
+    case Workload::Write:
       return writers_;
-    case Workload::index:
+    case Workload::Index:
       return indexers_;
-    case Workload::read:
+    case Workload::Read:
       break;
   }
   return readers_;
@@ -110,7 +110,7 @@ void Connection::start() {
 
 void Connection::finish() {
   asio::post(socket_.get_executor(), [self = shared_from_this()] {
-    const bool idle = self->state_ == State::listening || self->state_ == State::draining;
+    const bool idle = self->state_ == State::Listening || self->state_ == State::Draining;
     if (idle) self->close();
   });
 }
@@ -131,10 +131,10 @@ void Connection::guarded(const Step& step) {
 }
 
 void Connection::waitForBytes() {
-  state_ = State::listening;
+  state_ = State::Listening;
   startTimer(decoder_.idle() ? context_.options().idleTimeout : context_.options().stallTimeout);
   socket_.async_wait(Socket::wait_read, [self = shared_from_this()](std::error_code error) {
-    if (error || self->state_ == State::closed) return self->close();
+    if (error || self->state_ == State::Closed) return self->close();
     self->guarded([&] { self->readBytes(); });
   });
 }
@@ -152,7 +152,7 @@ void Connection::readBytes() {
     }
     decoder_.feed({buffer.data(), count});
     if (!accountInput(decoder_.heldBytes())) {
-      return refuse(ServerError(ErrorKind::tryAgain,
+      return refuse(ServerError(ErrorKind::TryAgain,
                                 "the server holds too many unfinished requests; try again"));
     }
     if (count < buffer.size()) break;
@@ -178,7 +178,7 @@ void Connection::proceed() {
 }
 
 void Connection::serve(Request request) {
-  state_ = State::serving;
+  state_ = State::Serving;
   timer_.cancel();
   asio::thread_pool& workers = context_.workers(Dispatcher::workload(request));
   asio::post(workers, [self = shared_from_this(), request = std::move(request)]() mutable {
@@ -189,7 +189,7 @@ void Connection::serve(Request request) {
 void Connection::work(Request request) {
   const State next = answer(std::move(request));
   asio::post(socket_.get_executor(), [self = shared_from_this(), next] {
-    if (self->state_ == State::closed) return;
+    if (self->state_ == State::Closed) return;
     self->state_ = next;
     self->guarded([&] { self->writeOutput(); });
   });
@@ -200,7 +200,7 @@ Connection::State Connection::answer(Request request) {
     return answerRow(std::move(request));
   } catch (const std::exception& error) {
     spdlog::warn("connection ended: {}", error.what());
-    return State::brokenReply;
+    return State::BrokenReply;
   }
 }
 
@@ -211,10 +211,10 @@ Connection::State Connection::answerRow(Request request) {
     for (;;) {
       outlet_->asked(request);
       encoder_ = outlet_->reply(encode(framing_, context_.dispatcher().handle(std::move(request))));
-      if (!fillOutput()) return State::brokenReply;
-      if (!output_.empty() || context_.stopping()) return State::serving;
+      if (!fillOutput()) return State::BrokenReply;
+      if (!output_.empty() || context_.stopping()) return State::Serving;
       queued_ = decoder_.next();
-      if (!queued_ || Dispatcher::workload(*queued_) != Workload::write) return State::serving;
+      if (!queued_ || Dispatcher::workload(*queued_) != Workload::Write) return State::Serving;
       request = std::move(*std::exchange(queued_, std::nullopt));
     }
   } catch (const FramingError& error) {
@@ -244,9 +244,9 @@ void Connection::writeOutput() {
 }
 
 void Connection::writeEnded(Outlet::Result result) {
-  if (state_ == State::closed || result == Outlet::Result::failed) return close();
+  if (state_ == State::Closed || result == Outlet::Result::Failed) return close();
   guarded([&] {
-    if (result == Outlet::Result::ended)
+    if (result == Outlet::Result::Ended)
       startDraining();
     else
       outputWritten();
@@ -256,17 +256,17 @@ void Connection::writeEnded(Outlet::Result result) {
 void Connection::outputWritten() {
   // Frees the buffer; clear() would keep the size of a long reply.
   std::string().swap(output_);
-  if (!fillOutput()) state_ = State::brokenReply;
+  if (!fillOutput()) state_ = State::BrokenReply;
   if (!output_.empty()) return writeOutput();
-  if (state_ == State::brokenReply) return close();
-  if (state_ == State::lastReply) return startDraining();
+  if (state_ == State::BrokenReply) return close();
+  if (state_ == State::LastReply) return startDraining();
   proceed();
 }
 
 Connection::State Connection::encodeRefusal(const ServerError& error) {
   encoder_ = outlet_->reply(
       encode(framing_, ErrorReply{std::string(messageId(error.kind())), error.what()}));
-  return fillOutput() ? State::lastReply : State::brokenReply;
+  return fillOutput() ? State::LastReply : State::BrokenReply;
 }
 
 void Connection::refuse(const ServerError& error) {
@@ -278,7 +278,7 @@ void Connection::refuse(const ServerError& error) {
 }
 
 void Connection::startDraining() {
-  state_ = State::draining;
+  state_ = State::Draining;
   std::error_code ignored;
   socket_.shutdown(Socket::shutdown_send, ignored);
   startTimer(kDrainTime);
@@ -287,7 +287,7 @@ void Connection::startDraining() {
 
 void Connection::drain() {
   socket_.async_wait(Socket::wait_read, [self = shared_from_this()](std::error_code error) {
-    if (error || self->state_ == State::closed) return self->close();
+    if (error || self->state_ == State::Closed) return self->close();
     std::array<char, kReadBytes>& buffer = readBuffer();
     for (int turn = 0; turn < kReadsPerTurn; ++turn) {
       self->socket_.read_some(asio::buffer(buffer), error);
@@ -299,7 +299,7 @@ void Connection::drain() {
 }
 
 void Connection::close() {
-  if (std::exchange(state_, State::closed) == State::closed) return;
+  if (std::exchange(state_, State::Closed) == State::Closed) return;
   std::error_code ignored;
   timer_.cancel();
   outlet_->cancel();

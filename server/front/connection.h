@@ -86,17 +86,17 @@ class Connection : public std::enable_shared_from_this<Connection> {
  private:
   enum class State {
     /// Waiting for a request, or for the rest of one.
-    listening,
+    Listening,
     /// A worker is serving a request, or its reply is being written.
-    serving,
+    Serving,
     /// The same, and no further request is read after this reply.
-    lastReply,
+    LastReply,
     /// The same, but the reply cannot be completed: the connection closes where the reply breaks
     /// off.
-    brokenReply,
+    BrokenReply,
     /// Everything is sent; what the client still sends is read and discarded.
-    draining,
-    closed,
+    Draining,
+    Closed,
   };
 
   template <typename Step>
@@ -137,7 +137,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   // The number of buffered bytes that the context knows of.
   std::size_t accounted_ = 0;
-  State state_ = State::listening;
+  State state_ = State::Listening;
   // The client has ended its sending side; its earlier requests are still answered.
   bool inputEnded_ = false;
 };

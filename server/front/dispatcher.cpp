@@ -17,9 +17,9 @@ const Action* actionOf(const Request& request) {
 
 const Action& requireAction(const Request& request) {
   const std::string_view name = request.header(words().action);
-  if (name.empty()) throw ServerError(ErrorKind::unknownAction, "the request names no action");
+  if (name.empty()) throw ServerError(ErrorKind::UnknownAction, "the request names no action");
   const Action* action = findAction(name);
-  if (!action) throw ServerError(ErrorKind::unknownAction, "unknown action " + shown(name));
+  if (!action) throw ServerError(ErrorKind::UnknownAction, "unknown action " + shown(name));
   return *action;
 }
 
@@ -30,7 +30,7 @@ ErrorReply errorReply(ErrorKind kind, const std::string& text) {
 Reply refuse(const Request& request, ErrorReply error) {
   const std::string_view name = request.header(words().action);
   const Action* action = actionOf(request);
-  const bool silent = action && action->answer == Action::Answer::never;
+  const bool silent = action && action->answer == Action::Answer::Never;
   spdlog::log(silent ? spdlog::level::warn : spdlog::level::debug, "{} refused: {} {}",
               name.empty() ? "request" : shown(name), error.id, error.text);
   if (silent) return NoReply{};
@@ -41,24 +41,24 @@ Reply refuse(const Request& request, ErrorReply error) {
 
 Workload Dispatcher::workload(const Request& request) {
   const Action* action = actionOf(request);
-  return action ? action->workload : Workload::read;
+  return action ? action->workload : Workload::Read;
 }
 
 Reply Dispatcher::handle(Request request) {
   try {
-    if (!request.defect.empty()) throw ServerError(ErrorKind::malformedRequest, request.defect);
+    if (!request.defect.empty()) throw ServerError(ErrorKind::MalformedRequest, request.defect);
     return requireAction(request).serve({store_, version_}, request);
   } catch (const ServerError& error) {
     return refuse(request, errorReply(error.kind(), error.what()));
   } catch (const std::bad_alloc&) {
-    return refuse(request, errorReply(ErrorKind::outOfMemory,
+    return refuse(request, errorReply(ErrorKind::OutOfMemory,
                                       "the server has not enough memory for this request"));
   } catch (const std::system_error& error) {
-    return refuse(request, errorReply(ErrorKind::storageFailed, error.what()));
+    return refuse(request, errorReply(ErrorKind::StorageFailed, error.what()));
   } catch (const std::exception& error) {
     spdlog::error("unexpected failure in {}: {}", request.header(words().action), error.what());
     return refuse(
-        request, errorReply(ErrorKind::internal, std::string("internal failure: ") + error.what()));
+        request, errorReply(ErrorKind::Internal, std::string("internal failure: ") + error.what()));
   }
 }
 

@@ -18,7 +18,7 @@ using TextPair = std::pair<std::string_view, std::string_view>;
 constexpr std::uint32_t kLengthMask = 0x3FFFFFFFU;
 
 [[noreturn]] void refuse(const std::string& why) {
-  throw ServerError(ErrorKind::badDocument, "the document block cannot be read: " + why);
+  throw ServerError(ErrorKind::BadDocument, "the document block cannot be read: " + why);
 }
 
 std::string_view takeText(ByteReader& reader) {
@@ -43,9 +43,9 @@ std::string takeKey(std::vector<TextPair>& pairs) {
   if (pairs.empty() || pairs.back().first != words().rowId) refuse("it does not end with a key");
   const std::string_view key = pairs.back().second;
   pairs.pop_back();
-  if (key.empty()) throw ServerError(ErrorKind::badDocument, "the document's key is empty");
+  if (key.empty()) throw ServerError(ErrorKind::BadDocument, "the document's key is empty");
   if (key.size() > kMaxKeyBytes) {
-    throw ServerError(ErrorKind::badDocument,
+    throw ServerError(ErrorKind::BadDocument,
                       fmt::format("the document's key has {} bytes, more than the {} allowed",
                                   key.size(), kMaxKeyBytes));
   }

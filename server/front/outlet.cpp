@@ -19,7 +19,7 @@ class PlainOutlet : public Outlet {
   void write(std::string_view bytes, Done done) override {
     asio::async_write(socket_, asio::buffer(bytes),
                       [done = std::move(done)](std::error_code error, std::size_t) {
-                        done(error ? Result::failed : Result::written);
+                        done(error ? Result::Failed : Result::Written);
                       });
   }
 

@@ -21,11 +21,11 @@ using ClientSocket = asio::basic_stream_socket<asio::ip::tcp, asio::strand<asio:
 class Outlet {
  public:
   enum class Result {
-    written,
+    Written,
     /// The connection is broken.
-    failed,
+    Failed,
     /// Nothing more is to be sent to this client.
-    ended,
+    Ended,
   };
   using Done = std::function<void(Result)>;
 

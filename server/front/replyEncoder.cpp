@@ -25,7 +25,7 @@ std::unique_ptr<ReplyEncoder> wholeReply(std::string bytes) {
 }
 
 std::unique_ptr<ReplyEncoder> encode(Framing framing, Reply reply) {
-  return framing == Framing::http ? encodeHttp(std::move(reply)) : encodeBinary(std::move(reply));
+  return framing == Framing::Http ? encodeHttp(std::move(reply)) : encodeBinary(std::move(reply));
 }
 
 }  // namespace corvaned

@@ -20,11 +20,11 @@ std::uint64_t parseContentLength(std::string_view text) {
   std::uint64_t value = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
   if (error == std::errc::result_out_of_range) {
-    throw FramingError(ErrorKind::requestTooLarge,
+    throw FramingError(ErrorKind::RequestTooLarge,
                        "the announced content length " + shown(text) + " is beyond every limit");
   }
   if (error != std::errc{} || end != text.data() + text.size()) {
-    throw FramingError(ErrorKind::malformedRequest,
+    throw FramingError(ErrorKind::MalformedRequest,
                        "the content length " + shown(text) + " is not a number");
   }
   return value;
@@ -34,7 +34,7 @@ void addHeader(Request& request, std::string_view name, std::string_view value) 
   const auto [place, fresh] = request.headers.try_emplace(std::string(name), value);
   if (fresh) return;
   if (name == words().contentLength && place->second != value) {
-    throw FramingError(ErrorKind::malformedRequest, "two different content lengths are announced");
+    throw FramingError(ErrorKind::MalformedRequest, "two different content lengths are announced");
   }
   place->second = value;
 }
@@ -72,7 +72,7 @@ std::string_view linesOf(std::string_view block) {
       lineStart = lf + 1;
   }
   if (block.size() - lineStart != kBlockEnd.size()) {
-    throw FramingError(ErrorKind::malformedRequest,
+    throw FramingError(ErrorKind::MalformedRequest,
                        "the header block does not end where its length says");
   }
   return block.substr(0, lineStart);
@@ -104,7 +104,7 @@ std::optional<Request> RequestDecoder::next() {
 }
 
 std::optional<std::string_view> RequestDecoder::takeHeaderBlock() {
-  return framing_ == Framing::http ? takeHttpBlock() : takeBinaryBlock();
+  return framing_ == Framing::Http ? takeHttpBlock() : takeBinaryBlock();
 }
 
 std::optional<std::string_view> RequestDecoder::takeHttpBlock() {
@@ -118,7 +118,7 @@ std::optional<std::string_view> RequestDecoder::takeHttpBlock() {
     const std::size_t known = lf == std::string_view::npos ? held.size() : lf + 1;
     if (known > limits_.headerBytes) {
       throw FramingError(
-          ErrorKind::requestTooLarge,
+          ErrorKind::RequestTooLarge,
           fmt::format("the header block is longer than {} bytes", limits_.headerBytes));
     }
     searched_ = known;
@@ -145,7 +145,7 @@ void RequestDecoder::startRequest(std::string_view block) {
   missing_ = parseContentLength(request_.header(words().contentLength));
   if (missing_ > limits_.contentBytes) {
     throw FramingError(
-        ErrorKind::requestTooLarge,
+        ErrorKind::RequestTooLarge,
         fmt::format("a request of {} bytes is announced, the server takes at most {}", missing_,
                     limits_.contentBytes));
   }

@@ -105,8 +105,8 @@ class Server::Core {
   std::vector<Listener> start() {
     const ServerOptions& options = context_.options();
     std::vector<Listener> listeners;
-    if (options.httpPort) listeners.push_back(listen(Framing::http, *options.httpPort));
-    if (options.binaryPort) listeners.push_back(listen(Framing::binary, *options.binaryPort));
+    if (options.httpPort) listeners.push_back(listen(Framing::Http, *options.httpPort));
+    if (options.binaryPort) listeners.push_back(listen(Framing::Binary, *options.binaryPort));
     for (const auto& acceptor : acceptors_) acceptor->accept();
     for (unsigned i = 0; i < options.networkThreads; ++i) threads_.emplace_back([this] { run(); });
     return listeners;

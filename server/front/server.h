@@ -16,7 +16,7 @@ namespace corvaned {
 class Server {
  public:
   struct Listener {
-    Framing framing = Framing::http;
+    Framing framing = Framing::Http;
     std::string address;
     std::uint16_t port = 0;
   };

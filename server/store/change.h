@@ -6,11 +6,11 @@
 
 namespace corvaned {
 
-enum class ChangeKind : std::uint8_t { put = 1, remove = 2 };
+enum class ChangeKind : std::uint8_t { Put = 1, Remove = 2 };
 
 /// One change of a collection. A removal has only a key.
 struct Change {
-  ChangeKind kind = ChangeKind::put;
+  ChangeKind kind = ChangeKind::Put;
   Document document;
 };
 

@@ -26,18 +26,18 @@ Collection::Collection(std::string name, const std::filesystem::path& directory,
       limits_(limits),
       journal_(directory,
                [this](std::uint64_t segment, Change&& change) {
-                 if (change.kind == ChangeKind::remove) hide(segment, change.document.key);
+                 if (change.kind == ChangeKind::Remove) hide(segment, change.document.key);
                }),
       index_(directory / kIndexDirectory, limits.index) {}
 
 void Collection::add(const Document& document) {
   checkSize(document);
-  journal_.sync(append({ChangeKind::put, document}).ticket);
+  journal_.sync(append({ChangeKind::Put, document}).ticket);
 }
 
 void Collection::queue(const Document& document) {
   checkSize(document);
-  pushOutcome({document.key, {}, {}}, append({ChangeKind::put, document}).ticket);
+  pushOutcome({document.key, {}, {}}, append({ChangeKind::Put, document}).ticket);
 }
 
 void Collection::reportOutcome(ParseOutcome outcome) {
@@ -46,7 +46,7 @@ void Collection::reportOutcome(ParseOutcome outcome) {
 }
 
 void Collection::remove(const std::string& key) {
-  const Journal::Place place = append({ChangeKind::remove, {key, {}, {}}});
+  const Journal::Place place = append({ChangeKind::Remove, {key, {}, {}}});
   hide(place.segment, key);
   journal_.sync(place.ticket);
   removeHiddenFromIndex();
@@ -68,7 +68,7 @@ void Collection::updateIndex() {
   if (refused.empty()) return;
   const std::size_t count = refused.size();
   for (ParseOutcome& outcome : refused) pushOutcome(std::move(outcome), 0);
-  throw ServerError(ErrorKind::documentsNotIndexed,
+  throw ServerError(ErrorKind::DocumentsNotIndexed,
                     fmt::format("{} documents cannot be indexed, all others are searchable; "
                                 "getParseResult names them",
                                 count));
@@ -121,7 +121,7 @@ Estimate Collection::estimate(const std::string& query) {
 
 CollectionState Collection::state() const {
   requireActive();
-  return journal_.empty() ? CollectionState::current : CollectionState::changesPending;
+  return journal_.empty() ? CollectionState::Current : CollectionState::ChangesPending;
 }
 
 void Collection::retire() {
@@ -143,14 +143,14 @@ void Collection::checkSize(const Document& document) const {
   std::size_t bytes = document.content.size();
   for (const auto& [name, value] : document.metadata) bytes += name.size() + value.size();
   if (bytes <= limits_.documentBytes) return;
-  throw ServerError(ErrorKind::documentTooLarge,
+  throw ServerError(ErrorKind::DocumentTooLarge,
                     fmt::format("the document has {} bytes, more than the {} allowed", bytes,
                                 limits_.documentBytes));
 }
 
 void Collection::requireActive() const {
   if (!retired_) return;
-  throw ServerError(ErrorKind::unknownCollection, "there is no collection " + shown(name_));
+  throw ServerError(ErrorKind::UnknownCollection, "there is no collection " + shown(name_));
 }
 
 void Collection::hide(std::uint64_t segment, const std::string& key) {
@@ -181,7 +181,7 @@ void Collection::removeHiddenFromIndex() {
   if (!indexing.owns_lock() || retired_) return;
   const std::vector<std::string> keys = hidden();
   const auto removals = [&](const std::function<void(Change &&)>& take) {
-    for (const std::string& key : keys) take({ChangeKind::remove, {key, {}, {}}});
+    for (const std::string& key : keys) take({ChangeKind::Remove, {key, {}, {}}});
   };
   try {
     index_.apply(removals, [this] { return retired_.load(); });

@@ -16,12 +16,12 @@ FileHandle::~FileHandle() {
 
 void throwSystemError(const std::string& what, const std::filesystem::path& path) {
   const std::string reason = std::generic_category().message(errno);
-  throw ServerError(ErrorKind::storageFailed, what + " " + path.string() + ": " + reason);
+  throw ServerError(ErrorKind::StorageFailed, what + " " + path.string() + ": " + reason);
 }
 
 FileHandle openFile(const std::filesystem::path& path, int flags) {
-  constexpr mode_t ownerAndGroup = 0640;
-  FileHandle file(::open(path.c_str(), flags | O_CLOEXEC, ownerAndGroup));
+  constexpr mode_t kOwnerAndGroup = 0640;
+  FileHandle file(::open(path.c_str(), flags | O_CLOEXEC, kOwnerAndGroup));
   if (file.get() < 0) throwSystemError("cannot open", path);
   return file;
 }

@@ -64,7 +64,7 @@ std::optional<Change> decodePayload(std::string_view payload) {
   if (!kind) return std::nullopt;
   Change change;
   change.kind = static_cast<ChangeKind>(kind->front());
-  if (change.kind != ChangeKind::put && change.kind != ChangeKind::remove) return std::nullopt;
+  if (change.kind != ChangeKind::Put && change.kind != ChangeKind::Remove) return std::nullopt;
   if (!takeText(reader, change.document.key)) return std::nullopt;
   const auto pairs = reader.u32();
   if (!pairs || *pairs > reader.remaining()) return std::nullopt;
@@ -113,11 +113,11 @@ class SegmentReader {
   }
 
   void fill(std::size_t count) {
-    constexpr std::size_t slice = std::size_t{1} << 18U;
+    constexpr std::size_t kSlice = std::size_t{1} << 18U;
     buffer_.erase(0, std::exchange(start_, 0));
     while (buffer_.size() < count) {
       const std::size_t held = buffer_.size();
-      buffer_.resize(std::max(held + slice, count));
+      buffer_.resize(std::max(held + kSlice, count));
       const ssize_t got = ::read(file_.get(), buffer_.data() + held, buffer_.size() - held);
       const int error = errno;
       buffer_.resize(held + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
@@ -140,7 +140,7 @@ std::uint64_t readSegment(const std::filesystem::path& path, std::uint64_t numbe
   SegmentReader reader(path);
   while (auto change = reader.next()) visitor(number, std::move(*change));
   if (!reader.atEnd() && !mayBeCut) {
-    throw ServerError(ErrorKind::storageFailed,
+    throw ServerError(ErrorKind::StorageFailed,
                       fmt::format("{} is damaged at byte {}; restore it, or move it away to go on "
                                   "without its changes",
                                   path.string(), reader.goodBytes()));
@@ -298,7 +298,7 @@ void Journal::openLast(std::uint64_t number, std::uint64_t goodBytes) {
 
 void Journal::requireHealthy() const {
   if (failure_.empty()) return;
-  throw ServerError(ErrorKind::storageFailed,
+  throw ServerError(ErrorKind::StorageFailed,
                     "changes are refused since the disk failed, restart the server when it is "
                     "repaired: " +
                         failure_);

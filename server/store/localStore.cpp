@@ -27,7 +27,7 @@ FileHandle acquire(const std::filesystem::path& path) {
   FileHandle file = openFile(path, O_RDWR | O_CREAT);
   if (::flock(file.get(), LOCK_EX | LOCK_NB) == 0) return file;
   if (errno != EWOULDBLOCK) throwSystemError("cannot lock", path);
-  throw ServerError(ErrorKind::storageFailed,
+  throw ServerError(ErrorKind::StorageFailed,
                     "the data directory " + path.parent_path().string() +
                         " is in use by another server; stop it, or choose another directory");
 }
@@ -36,22 +36,22 @@ std::filesystem::path prepared(std::filesystem::path directory) {
   std::error_code error;
   std::filesystem::create_directories(directory, error);
   if (error) {
-    throw ServerError(ErrorKind::storageFailed, "cannot create the data directory " +
+    throw ServerError(ErrorKind::StorageFailed, "cannot create the data directory " +
                                                     directory.string() + ": " + error.message());
   }
   return directory;
 }
 
 [[noreturn]] void throwUnknown(const std::string& name) {
-  throw ServerError(ErrorKind::unknownCollection, "there is no collection " + shown(name));
+  throw ServerError(ErrorKind::UnknownCollection, "there is no collection " + shown(name));
 }
 
 }  // namespace
 
 std::string directoryNameFor(std::string_view collection) {
-  constexpr std::string_view digits = "0123456789ABCDEF";
+  constexpr std::string_view kDigits = "0123456789ABCDEF";
   if (collection.empty() || !isUtf8(collection)) {
-    throw ServerError(ErrorKind::badCollectionName, "a collection's name must be UTF-8 text");
+    throw ServerError(ErrorKind::BadCollectionName, "a collection's name must be UTF-8 text");
   }
   std::string name;
   for (const char c : collection) {
@@ -59,10 +59,10 @@ std::string directoryNameFor(std::string_view collection) {
     if (standsForItself(c))
       name += c;
     else
-      name.append({'%', digits[byte >> 4U], digits[byte & 0xFU]});
+      name.append({'%', kDigits[byte >> 4U], kDigits[byte & 0xFU]});
   }
   if (name.size() > kMaxDirectoryName) {
-    throw ServerError(ErrorKind::badCollectionName,
+    throw ServerError(ErrorKind::BadCollectionName,
                       "the collection name " + shown(collection) +
                           " is too long; at most 240 letters and digits are possible, and 80 bytes "
                           "in any writing");
@@ -83,7 +83,7 @@ void LocalStore::createCollection(const std::string& name, const std::string& la
   const std::filesystem::path path = pathOf(name);
   const std::lock_guard lock(mutex_);
   if (std::filesystem::exists(path)) {
-    throw ServerError(ErrorKind::collectionExists,
+    throw ServerError(ErrorKind::CollectionExists,
                       "the collection " + shown(name) + " exists already");
   }
   // Created under a temporary name and renamed, so that a crash leaves a complete collection or

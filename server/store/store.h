@@ -34,9 +34,9 @@ class HitSource {
 
 enum class ScoreScale {
   /// The best hit of the whole result has the score 1.000.
-  normalized,
+  Normalized,
   /// The engine's own weight, at most 65.535.
-  raw,
+  Raw,
 };
 
 struct SearchQuery {
@@ -46,7 +46,7 @@ struct SearchQuery {
   std::uint64_t start = 0;
   std::uint64_t size = std::numeric_limits<std::uint64_t>::max();
   std::uint64_t limit = std::numeric_limits<std::uint64_t>::max();
-  ScoreScale scale = ScoreScale::normalized;
+  ScoreScale scale = ScoreScale::Normalized;
 };
 
 /// What a query planner wants to know before it searches.
@@ -65,9 +65,9 @@ struct ParseOutcome {
 
 enum class CollectionState {
   /// Every accepted change is searchable.
-  current,
+  Current,
   /// Changes wait for updateIndex.
-  changesPending,
+  ChangesPending,
 };
 
 /// Holds the documents. Every operation may be called from any thread at any time. If it throws

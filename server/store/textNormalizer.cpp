@@ -20,8 +20,8 @@ bool isAscii(std::string_view text) {
 }
 
 bool isOperator(std::string_view word) {
-  constexpr std::array<std::string_view, 6> operators{"AND", "OR", "NOT", "XOR", "NEAR", "ADJ"};
-  return std::find(operators.begin(), operators.end(), word) != operators.end() ||
+  constexpr std::array<std::string_view, 6> kOperators{"AND", "OR", "NOT", "XOR", "NEAR", "ADJ"};
+  return std::find(kOperators.begin(), kOperators.end(), word) != kOperators.end() ||
          word.starts_with("NEAR/") || word.starts_with("ADJ/");
 }
 
@@ -36,13 +36,13 @@ void appendLower(std::string& out, std::string_view word) {
 bool isQuotationMark(UChar32 c) { return c == u'"' || c == u'\u201c' || c == u'\u201d'; }
 
 [[noreturn]] void unbalanced(std::string_view what, std::int32_t position, const char* lack) {
-  throw ServerError(ErrorKind::badQuery, "the query cannot be understood: the " +
+  throw ServerError(ErrorKind::BadQuery, "the query cannot be understood: the " +
                                              std::string(what) + " at character " +
                                              std::to_string(position) + " " + lack);
 }
 
 [[noreturn]] void failed(UErrorCode code) {
-  throw ServerError(ErrorKind::internal,
+  throw ServerError(ErrorKind::Internal,
                     std::string("text cannot be normalised: ") + u_errorName(code));
 }
 
@@ -62,11 +62,11 @@ std::string normalizeText(std::string_view text) {
 }
 
 std::string lowerQueryWords(const std::string& query) {
-  constexpr std::string_view separators = " \t\r\n()\"+-";
+  constexpr std::string_view kSeparators = " \t\r\n()\"+-";
   std::string result;
   std::string_view rest = query;
   while (!rest.empty()) {
-    const std::size_t end = std::min(rest.find_first_of(separators), rest.size());
+    const std::size_t end = std::min(rest.find_first_of(kSeparators), rest.size());
     const std::string_view word = rest.substr(0, end);
     const std::size_t field = isOperator(word) ? word.size() : word.rfind(':') + 1;
     result += word.substr(0, field);

@@ -23,7 +23,7 @@ constexpr int kReadAttempts = 8;
 constexpr Xapian::doccount kExactHits = 10000;
 
 [[noreturn]] void throwStorageError(const Xapian::Error& error) {
-  throw ServerError(ErrorKind::storageFailed, "the index failed: " + error.get_description());
+  throw ServerError(ErrorKind::StorageFailed, "the index failed: " + error.get_description());
 }
 
 std::size_t bytesOf(const Change& change) {
@@ -33,10 +33,10 @@ std::size_t bytesOf(const Change& change) {
 }
 
 std::uint16_t milliScore(double weight, double maxAttained, ScoreScale scale) {
-  constexpr double most = std::numeric_limits<std::uint16_t>::max();
+  constexpr double kMost = std::numeric_limits<std::uint16_t>::max();
   double score = weight;
-  if (scale == ScoreScale::normalized) score = maxAttained > 0 ? weight / maxAttained : 0;
-  return static_cast<std::uint16_t>(std::lround(std::clamp(score * 1000, 0.0, most)));
+  if (scale == ScoreScale::Normalized) score = maxAttained > 0 ? weight / maxAttained : 0;
+  return static_cast<std::uint16_t>(std::lround(std::clamp(score * 1000, 0.0, kMost)));
 }
 
 /// All hits of a search. The keys stand back to back in one string: one allocation instead of one
@@ -124,7 +124,7 @@ class XapianIndex::Reader {
  private:
   Xapian::Query parse(const std::string& text, const IndexLimits& limits) {
     if (text.size() > limits.queryBytes) {
-      throw ServerError(ErrorKind::queryTooBroad,
+      throw ServerError(ErrorKind::QueryTooBroad,
                         fmt::format("the query has {} bytes, more than the {} allowed", text.size(),
                                     limits.queryBytes));
     }
@@ -136,14 +136,14 @@ class XapianIndex::Reader {
     parser.set_max_expansion(static_cast<Xapian::termcount>(limits.expansion),
                              Xapian::Query::WILDCARD_LIMIT_ERROR);
     Fields(database_.get_metadata(kFieldsEntry)).registerAt(parser);
-    constexpr unsigned flags =
+    constexpr unsigned kFlags =
         Xapian::QueryParser::FLAG_DEFAULT | Xapian::QueryParser::FLAG_WILDCARD |
         Xapian::QueryParser::FLAG_PURE_NOT | Xapian::QueryParser::FLAG_CJK_NGRAM;
     const std::string normal = normalizeText(text);
     requireBalanced(normal);
-    Xapian::Query query = parser.parse_query(lowerQueryWords(normal), flags);
+    Xapian::Query query = parser.parse_query(lowerQueryWords(normal), kFlags);
     if (query.get_length() > limits.queryTerms) {
-      throw ServerError(ErrorKind::queryTooBroad,
+      throw ServerError(ErrorKind::QueryTooBroad,
                         fmt::format("the query has {} words, more than the {} allowed",
                                     query.get_length(), limits.queryTerms));
     }
@@ -201,11 +201,11 @@ auto translated(const Work& work) {
   try {
     return work();
   } catch (const Xapian::QueryParserError& error) {
-    throw ServerError(ErrorKind::badQuery, "the query cannot be understood: " + error.get_msg());
+    throw ServerError(ErrorKind::BadQuery, "the query cannot be understood: " + error.get_msg());
   } catch (const Xapian::WildcardError& error) {
-    throw ServerError(ErrorKind::queryTooBroad, "the query is too broad: " + error.get_msg());
+    throw ServerError(ErrorKind::QueryTooBroad, "the query is too broad: " + error.get_msg());
   } catch (const Xapian::DatabaseModifiedError&) {
-    throw ServerError(ErrorKind::tryAgain,
+    throw ServerError(ErrorKind::TryAgain,
                       "the index changed too often while it was being searched; try again");
   } catch (const Xapian::Error& error) {
     throwStorageError(error);
@@ -228,7 +228,7 @@ class XapianIndex::Writer {
   }
 
   void flush() {
-    if (stop_()) throw ServerError(ErrorKind::unknownCollection, "the collection is being deleted");
+    if (stop_()) throw ServerError(ErrorKind::UnknownCollection, "the collection is being deleted");
     applyOrSplit(batch_);
     batch_.clear();
     batchBytes_ = 0;
@@ -254,7 +254,7 @@ class XapianIndex::Writer {
     }
     if (changes.size() == 1) {
       refused_.push_back({changes.front().document.key,
-                          std::string(messageId(ErrorKind::documentsNotIndexed)),
+                          std::string(messageId(ErrorKind::DocumentsNotIndexed)),
                           "the document cannot be indexed: " + reason});
       return;
     }
@@ -275,7 +275,7 @@ class XapianIndex::Writer {
 
   void applyOne(const Change& change) {
     const std::string identity = identityTerm(change.document.key);
-    if (change.kind == ChangeKind::remove) {
+    if (change.kind == ChangeKind::Remove) {
       database_->delete_document(identity);
     } else {
       database_->replace_document(identity, makeDocument(change.document, stemmer_, fields_));
@@ -315,7 +315,7 @@ XapianIndex::XapianIndex(std::filesystem::path path, IndexLimits limits)
   translated([&] {
     const std::string schema = Xapian::Database(path_.string()).get_metadata(kSchemaEntry);
     if (schema == kSchemaVersion) return true;
-    throw ServerError(ErrorKind::storageFailed,
+    throw ServerError(ErrorKind::StorageFailed,
                       fmt::format("{} was written by another version of this server (schema {}); "
                                   "add its documents to a new collection",
                                   path_.string(), shown(schema)));

@@ -17,12 +17,12 @@ constexpr std::array<const char*, 2> kCollections{"a", "b"};
 constexpr std::uint64_t kKeys = 3;
 
 const char* nameOf(Kind kind) {
-  constexpr std::array<const char*, 7> names{"create", "drop",   "add",   "queue",
-                                             "report", "remove", "update"};
-  return names.at(static_cast<std::size_t>(kind));
+  constexpr std::array<const char*, 7> kNames{"create", "drop",   "add",   "queue",
+                                              "report", "remove", "update"};
+  return kNames.at(static_cast<std::size_t>(kind));
 }
 
-bool putsDocument(const Step& step) { return step.kind == Kind::add || step.kind == Kind::queue; }
+bool putsDocument(const Step& step) { return step.kind == Kind::Add || step.kind == Kind::Queue; }
 
 std::string fieldOf(const std::string& word) { return std::string("f") + word.back(); }
 
@@ -86,12 +86,12 @@ Document documentOf(const Step& step) {
 }
 
 void Model::apply(const Step& step) {
-  if (step.kind == Kind::create) {
+  if (step.kind == Kind::Create) {
     collections_[step.collection];
     candidates_[step.collection];
     return;
   }
-  if (step.kind == Kind::drop) {
+  if (step.kind == Kind::Drop) {
     collections_.erase(step.collection);
     candidates_.erase(step.collection);
     return;
@@ -102,12 +102,12 @@ void Model::apply(const Step& step) {
     contents.documents[step.key] = step.word;
     contents.pending = true;
     candidates[step.key].insert(step.word);
-  } else if (step.kind == Kind::remove) {
+  } else if (step.kind == Kind::Remove) {
     contents.documents.erase(step.key);
     contents.searchable.erase(step.key);
     contents.pending = true;
     candidates.erase(step.key);
-  } else if (step.kind == Kind::update) {
+  } else if (step.kind == Kind::Update) {
     contents.searchable = contents.documents;
     contents.pending = false;
     candidates.clear();
@@ -117,7 +117,7 @@ void Model::apply(const Step& step) {
 
 void Model::settle() {
   for (const auto& [name, contents] : Collections(collections_)) {
-    apply({Kind::update, name, {}, {}});
+    apply({Kind::Update, name, {}, {}});
   }
 }
 
@@ -167,13 +167,13 @@ Step StepSource::next(const Collections& collections) {
   Step step;
   step.collection = kCollections.at(number(kCollections.size() - 1));
   if (!collections.contains(step.collection)) return step;
-  constexpr std::array<Kind, 20> kinds{Kind::add,    Kind::add,    Kind::add,    Kind::add,
-                                       Kind::add,    Kind::queue,  Kind::queue,  Kind::queue,
-                                       Kind::report, Kind::report, Kind::remove, Kind::remove,
-                                       Kind::remove, Kind::remove, Kind::remove, Kind::update,
-                                       Kind::update, Kind::update, Kind::update, Kind::drop};
-  step.kind = kinds.at(number(kinds.size() - 1));
-  if (putsDocument(step) || step.kind == Kind::remove) {
+  constexpr std::array<Kind, 20> kInds{Kind::Add,    Kind::Add,    Kind::Add,    Kind::Add,
+                                       Kind::Add,    Kind::Queue,  Kind::Queue,  Kind::Queue,
+                                       Kind::Report, Kind::Report, Kind::Remove, Kind::Remove,
+                                       Kind::Remove, Kind::Remove, Kind::Remove, Kind::Update,
+                                       Kind::Update, Kind::Update, Kind::Update, Kind::Drop};
+  step.kind = kInds.at(number(kInds.size() - 1));
+  if (putsDocument(step) || step.kind == Kind::Remove) {
     step.key = "k" + std::to_string(number(kKeys - 1));
   }
   if (putsDocument(step)) step.word = "w" + std::to_string(++words_);
@@ -195,7 +195,7 @@ Progress carryOut(Subject& subject, const Steps& steps) {
     ++progress.sent;
     if (subject.apply(step)) {
       progress.acknowledged = progress.sent;
-    } else if (step.kind != Kind::queue) {
+    } else if (step.kind != Kind::Queue) {
       break;
     }
   }
@@ -209,9 +209,9 @@ Collections lookAt(Subject& subject, const Model& model, const Steps& steps) {
     const auto state = subject.state(name);
     if (!state) continue;
     Contents& contents = found[name];
-    contents.pending = *state == CollectionState::changesPending;
+    contents.pending = *state == CollectionState::ChangesPending;
     contents.searchable = documentsIn(subject, name, words);
-    subject.apply({Kind::update, name, {}, {}});
+    subject.apply({Kind::Update, name, {}, {}});
     contents.documents = documentsIn(subject, name, words);
   }
   return found;
@@ -223,7 +223,7 @@ std::optional<Model> explain(const Model& before, const Steps& steps, Progress p
   for (std::size_t done = 0; done <= progress.sent; ++done) {
     if (done > 0) model.apply(steps[done - 1]);
     if (done < progress.acknowledged) continue;
-    const bool updating = done < progress.sent && steps[done].kind == Kind::update;
+    const bool updating = done < progress.sent && steps[done].kind == Kind::Update;
     if (model.collections() == found || (othersUpdate && model.allowsWithUpdates(found)) ||
         (updating && model.allowsDuringUpdate(steps[done].collection, found))) {
       model.settle();

@@ -17,8 +17,8 @@ namespace corvaned::test {
 
 /// One request that changes something. A document is told by its word, which no other one has.
 struct Step {
-  enum class Kind { create, drop, add, queue, report, remove, update };
-  Kind kind = Kind::create;
+  enum class Kind { Create, Drop, Add, Queue, Report, Remove, Update };
+  Kind kind = Kind::Create;
   std::string collection, key, word;
 };
 using Steps = std::vector<Step>;

@@ -41,19 +41,19 @@ std::string requestFor(const Step& step) {
     return test::documentBlock(step.key, document.metadata, document.content);
   };
   switch (step.kind) {
-    case Kind::create:
+    case Kind::Create:
       return request("createCollection");
-    case Kind::drop:
+    case Kind::Drop:
       return request("deleteCollection");
-    case Kind::add:
+    case Kind::Add:
       return request("addDocument", block());
-    case Kind::queue:
+    case Kind::Queue:
       return request("asyncAddDocument", block());
-    case Kind::report:
+    case Kind::Report:
       return request("getParseResult");
-    case Kind::remove:
+    case Kind::Remove:
       return request("deleteDocument", test::documentBlock(step.key, {}, {}));
-    case Kind::update:
+    case Kind::Update:
       break;
   }
   return request("updateIndex");
@@ -76,8 +76,8 @@ class ServerSubject : public test::Subject {
   std::optional<CollectionState> state(const std::string& collection) override {
     client_.send(binaryRequest({{"action", "getStatus"}, {"index", collection}}));
     const std::string code = client_.receive(2);
-    if (code == kSuccess) return CollectionState::current;
-    if (code == kChangesPending) return CollectionState::changesPending;
+    if (code == kSuccess) return CollectionState::Current;
+    if (code == kChangesPending) return CollectionState::ChangesPending;
     const std::string error = receiveWithLength();
     if (error.find("ZVK0007E") != std::string::npos) return std::nullopt;
     throw std::runtime_error("status of " + collection + ": " + error);
@@ -92,12 +92,12 @@ class ServerSubject : public test::Subject {
 
  private:
   bool isAnswered(const Step& step) {
-    if (step.kind == Kind::queue) {
+    if (step.kind == Kind::Queue) {
       ++queued_[step.collection];
       return false;
     }
-    if (step.kind == Kind::drop) queued_.erase(step.collection);
-    return receiveSuccess() && (step.kind != Kind::report || isReported(step.collection));
+    if (step.kind == Kind::Drop) queued_.erase(step.collection);
+    return receiveSuccess() && (step.kind != Kind::Report || isReported(step.collection));
   }
 
   bool isReported(const std::string& collection) {
@@ -149,7 +149,7 @@ void updateIndexes(ServerSubject& subject) {
   for (bool there = true; there;) {
     for (const char* collection : {"a", "b"}) {
       try {
-        there = there && subject.apply({Kind::update, collection, {}, {}});
+        there = there && subject.apply({Kind::Update, collection, {}, {}});
       } catch (const std::runtime_error&) {
         // There is no such collection now.
       }
@@ -176,14 +176,14 @@ Progress carryOutUntilKilled(tq::test::CorvanedProcess& server, const Steps& ste
 }
 
 TEST(ServerKill, LosesNothingThatWasAcknowledgedAndDoesNothingByHalves) {
-  constexpr std::size_t rounds = 8;
+  constexpr std::size_t kRounds = 8;
   std::size_t cut = 0;
   const std::vector<std::uint64_t> seeds = test::seeds(6);
   for (const std::uint64_t seed : seeds) {
     StepSource source(seed);
     tq::test::CorvanedProcess server;
     Model model;
-    for (std::size_t round = 0; round < rounds; ++round) {
+    for (std::size_t round = 0; round < kRounds; ++round) {
       SCOPED_TRACE("KRUCOMM_SEED=" + std::to_string(seed) + ", round " + std::to_string(round));
       const bool othersUpdate = round % 2 == 1;
       const Steps steps = source.make(model, 60);
@@ -199,7 +199,7 @@ TEST(ServerKill, LosesNothingThatWasAcknowledgedAndDoesNothingByHalves) {
       });
     }
   }
-  EXPECT_GT(cut, seeds.size() * rounds / 4) << "the kills come too late to show anything";
+  EXPECT_GT(cut, seeds.size() * kRounds / 4) << "the kills come too late to show anything";
 }
 
 }  // namespace

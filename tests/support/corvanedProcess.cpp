@@ -49,7 +49,7 @@ CorvanedProgram::CorvanedProgram(std::vector<std::string> arguments, Diagnostics
   if (process_ == 0) {
     // A test that is ended by its time limit must not leave a server behind.
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    const bool withErrors = diagnostics == Diagnostics::read;
+    const bool withErrors = diagnostics == Diagnostics::Read;
     if (::getppid() == parent && ::dup2(pipe[1], STDOUT_FILENO) >= 0 &&
         (!withErrors || ::dup2(pipe[1], STDERR_FILENO) >= 0)) {
       ::execv(argv[0], argv.data());
@@ -112,7 +112,7 @@ void CorvanedProcess::start() {
                                  "0",           "--data", directory() / "data",
                                  "--log-level", "error"};
   words.insert(words.end(), options_.begin(), options_.end());
-  program_.emplace(words, CorvanedProgram::Diagnostics::passedOn);
+  program_.emplace(words, CorvanedProgram::Diagnostics::PassedOn);
   try {
     awaitPorts();
   } catch (...) {

@@ -17,13 +17,13 @@ class CorvanedProgram {
  public:
   enum class Diagnostics {
     /// Standard error is read with standard output.
-    read,
+    Read,
     /// It goes where the test's own goes.
-    passedOn,
+    PassedOn,
   };
 
   explicit CorvanedProgram(std::vector<std::string> arguments,
-                           Diagnostics diagnostics = Diagnostics::read);
+                           Diagnostics diagnostics = Diagnostics::Read);
   ~CorvanedProgram();
   CorvanedProgram(const CorvanedProgram&) = delete;
   CorvanedProgram& operator=(const CorvanedProgram&) = delete;

@@ -48,8 +48,8 @@ TEST_P(FalseReply, DiffersWhereItLies) {
   EXPECT_EQ(falseReply(GetParam().framing, GetParam().whole, faults), GetParam().expected);
 }
 
-constexpr Framing kHttp = Framing::http;
-constexpr Framing kBinary = Framing::binary;
+constexpr Framing kHttp = Framing::Http;
+constexpr Framing kBinary = Framing::Binary;
 
 INSTANTIATE_TEST_SUITE_P(
     Table, FalseReply,

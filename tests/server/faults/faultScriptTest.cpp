@@ -25,8 +25,8 @@ FaultRule onlyRule(const std::string& text) {
 
 TEST(FaultScript, EachConditionPicksWhatItSays) {
   EXPECT_FALSE(onlyRule("all: drop 1").protocol.has_value());
-  EXPECT_EQ(onlyRule("http: drop 1").protocol, Framing::http);
-  EXPECT_EQ(onlyRule("binary: drop 1").protocol, Framing::binary);
+  EXPECT_EQ(onlyRule("http: drop 1").protocol, Framing::Http);
+  EXPECT_EQ(onlyRule("binary: drop 1").protocol, Framing::Binary);
   EXPECT_EQ(onlyRule("action search: drop 1").action, "search");
   EXPECT_EQ(onlyRule("every 3: drop 1").every, 3U);
   EXPECT_EQ(onlyRule("chance 0.25: drop 1").chance, 0.25);
@@ -52,8 +52,8 @@ TEST(FaultScript, EachFaultIsTakenWithItsNumbers) {
   EXPECT_EQ(plain.dropAfter, 0U);
   const Faults lying = onlyRule("all:length -9,record extra,end missing").faults;
   EXPECT_EQ(lying.lengthError, -9);
-  EXPECT_EQ(lying.record, Tamper::extra);
-  EXPECT_EQ(lying.end, Tamper::missing);
+  EXPECT_EQ(lying.record, Tamper::Extra);
+  EXPECT_EQ(lying.end, Tamper::Missing);
   EXPECT_TRUE(lying.lies());
   EXPECT_EQ(onlyRule("all: length +4").faults.lengthError, 4);
 }
@@ -65,7 +65,7 @@ TEST(FaultScript, CommentsBlankLinesAndSeveralRulesOfALine) {
   EXPECT_EQ(script.seed, 42U);
   ASSERT_EQ(script.rules.size(), 3U);
   EXPECT_EQ(script.rules[0].action, "addDocument");
-  EXPECT_EQ(script.rules[0].protocol, Framing::http);
+  EXPECT_EQ(script.rules[0].protocol, Framing::Http);
   EXPECT_EQ(script.rules[1].every, 2U);
   EXPECT_EQ(script.rules[2].faults.delay.count(), 1);
 }
@@ -142,7 +142,7 @@ TEST(FaultScript, TextInPlaceOfAFile) {
   EXPECT_THROW(loadFaultScript("/tmp"), FaultScriptError);
 }
 
-std::string picked(FaultPlan& plan, int replies, Framing framing = Framing::http,
+std::string picked(FaultPlan& plan, int replies, Framing framing = Framing::Http,
                    const std::string& action = "search") {
   std::string result;
   for (int i = 0; i < replies; ++i) {
@@ -157,11 +157,11 @@ TEST(FaultPlan, CountsTheRepliesThatARuleIsAbout) {
   EXPECT_EQ(picked(numbered, 9), "-112---2-");
   FaultPlan byAction(parseFaultScript("reply 2 action search: drop 1"));
   EXPECT_EQ(picked(byAction, 1), "-");
-  EXPECT_EQ(picked(byAction, 3, Framing::http, "addDocument"), "---");
+  EXPECT_EQ(picked(byAction, 3, Framing::Http, "addDocument"), "---");
   EXPECT_EQ(picked(byAction, 2), "1-");
   FaultPlan byProtocol(parseFaultScript("every 2 binary: drop 1"));
-  EXPECT_EQ(picked(byProtocol, 4, Framing::http), "----");
-  EXPECT_EQ(picked(byProtocol, 4, Framing::binary), "-1-1");
+  EXPECT_EQ(picked(byProtocol, 4, Framing::Http), "----");
+  EXPECT_EQ(picked(byProtocol, 4, Framing::Binary), "-1-1");
 }
 
 TEST(FaultPlan, TheFirstRuleThatPicksAReplyCounts) {

@@ -214,7 +214,7 @@ TEST_F(FaultyServer, ClientThatLeavesDuringAFaultDoesNoHarm) {
 
 using tq::test::Outcome;
 
-enum class Protocol { http, binary, reassembling };
+enum class Protocol { Http, Binary, Reassembling };
 
 struct Fault {
   std::string text;
@@ -231,11 +231,11 @@ class FaultyExchange : public FaultyServer,
   std::unique_ptr<tq::comm::CorvaneRESTClient> client() {
     const auto [protocol, persistent, fault] = GetParam();
     std::unique_ptr<tq::comm::CorvaneRESTClient> client;
-    if (protocol == Protocol::http) {
+    if (protocol == Protocol::Http) {
       client = std::make_unique<tq::comm::CorvaneRESTClient>(u"127.0.0.1", http_, persistent);
     } else {
       auto binary = std::make_unique<tq::comm::DrestoPerfClient>(u"127.0.0.1", binary_);
-      binary->setReassembly(protocol == Protocol::reassembling);
+      binary->setReassembly(protocol == Protocol::Reassembling);
       binary->usePeristentConnection(persistent);
       client = std::move(binary);
     }
@@ -309,7 +309,7 @@ TEST_P(FaultyExchange, SmallRepliesNeitherHangNorHarmTheNext) {
 INSTANTIATE_TEST_SUITE_P(
     EveryFault, FaultyExchange,
     ::testing::Combine(
-        ::testing::Values(Protocol::http, Protocol::binary, Protocol::reassembling),
+        ::testing::Values(Protocol::Http, Protocol::Binary, Protocol::Reassembling),
         ::testing::Bool(),
         ::testing::Values(Fault{"delay 30", true}, Fault{"delay 3600000"}, Fault{"split 97"},
                           Fault{"split 4096"}, Fault{"drip 1 200"}, Fault{"drip 3000 1"},

@@ -121,7 +121,7 @@ TEST_F(DispatcherTest, LastDocumentRecordIsTakenWithoutAReply) {
 
 TEST_F(DispatcherTest, QueuedDocumentThatIsRefusedIsToldAmongTheParseResults) {
   EXPECT_CALL(store_, queueDocument("c", _))
-      .WillOnce(Throw(ServerError(ErrorKind::documentTooLarge, "too large")));
+      .WillOnce(Throw(ServerError(ErrorKind::DocumentTooLarge, "too large")));
   EXPECT_CALL(store_, reportOutcome("c", AllOf(Field(&ParseOutcome::key, "k"),
                                                Field(&ParseOutcome::messageId, "ZVK0013E"),
                                                Field(&ParseOutcome::messageText, "too large"))));
@@ -133,7 +133,7 @@ TEST_F(DispatcherTest, QueuedDocumentThatIsRefusedIsToldAmongTheParseResults) {
 TEST_F(DispatcherTest, NothingIsEverAnsweredToAQueuedDocument) {
   expectIs<NoReply>(handle({{"action", "asyncAddDocument"}}, kBlock));
   EXPECT_CALL(store_, queueDocument("c", _))
-      .WillOnce(Throw(ServerError(ErrorKind::unknownCollection, "unknown")));
+      .WillOnce(Throw(ServerError(ErrorKind::UnknownCollection, "unknown")));
   expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, kBlock));
   EXPECT_CALL(store_, queueDocument("c", _)).WillOnce(Throw(std::runtime_error("unexpected")));
   expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, kBlock));
@@ -143,7 +143,7 @@ TEST_F(DispatcherTest, SearchPassesItsParametersOn) {
   EXPECT_CALL(store_,
               search("c", AllOf(Field(&SearchQuery::text, "fox"), Field(&SearchQuery::start, 3U),
                                 Field(&SearchQuery::size, 4U), Field(&SearchQuery::limit, 5U),
-                                Field(&SearchQuery::scale, ScoreScale::raw))))
+                                Field(&SearchQuery::scale, ScoreScale::Raw))))
       .WillOnce([] { return nullptr; });
   const Reply reply = handle({{"action", "search"},
                               {"index", "c"},
@@ -164,7 +164,7 @@ TEST_F(DispatcherTest, SearchWithoutParametersReturnsEverythingWithoutScore) {
   EXPECT_CALL(store_, search("c", AllOf(Field(&SearchQuery::start, 0U),
                                         Field(&SearchQuery::size, defaults.size),
                                         Field(&SearchQuery::limit, defaults.limit),
-                                        Field(&SearchQuery::scale, ScoreScale::normalized))))
+                                        Field(&SearchQuery::scale, ScoreScale::Normalized))))
       .WillOnce([] { return nullptr; });
   const Reply reply = handle({{"action", "search"},
                               {"index", "c"},
@@ -230,14 +230,14 @@ TEST_F(DispatcherTest, ParseResultsComeFromTheStore) {
 TEST_F(DispatcherTest, StatusTellsWhetherChangesWaitAndWhyThereIsNone) {
   const auto code = [](const Reply& reply) { return std::get<StatusReply>(reply).code; };
   EXPECT_EQ(code(handle({{"action", "getStatus"}})), 0U);
-  EXPECT_CALL(store_, state("c")).WillOnce(Return(CollectionState::current));
+  EXPECT_CALL(store_, state("c")).WillOnce(Return(CollectionState::Current));
   EXPECT_EQ(code(handle({{"action", "getStatus"}, {"index", "c"}})), 0U);
-  EXPECT_CALL(store_, state("c")).WillOnce(Return(CollectionState::changesPending));
+  EXPECT_CALL(store_, state("c")).WillOnce(Return(CollectionState::ChangesPending));
   EXPECT_EQ(code(handle({{"action", "getStatus"}, {"index", "c"}})), 1U);
-  EXPECT_CALL(store_, state("c")).WillOnce(Return(CollectionState::changesPending));
+  EXPECT_CALL(store_, state("c")).WillOnce(Return(CollectionState::ChangesPending));
   EXPECT_EQ(code(handle({{"action", "getStatus"}, {"collectionName", "c"}})), 1U);
   EXPECT_CALL(store_, state("c"))
-      .WillOnce(Throw(ServerError(ErrorKind::unknownCollection, "none")));
+      .WillOnce(Throw(ServerError(ErrorKind::UnknownCollection, "none")));
   const Reply missing = handle({{"action", "getStatus"}, {"index", "c"}});
   EXPECT_EQ(code(missing), 2U);
   EXPECT_EQ(std::get<StatusReply>(missing).reason.id, "ZVK0007E");
@@ -271,7 +271,7 @@ TEST_F(DispatcherTest, DefectiveHeaderBlockIsRefused) {
 TEST_F(DispatcherTest, EveryFailureOfTheStoreBecomesAnError) {
   const test::Headers update{{"action", "updateIndex"}, {"index", "c"}};
   EXPECT_CALL(store_, updateIndex("c"))
-      .WillOnce(Throw(ServerError(ErrorKind::storageFailed, "no space")))
+      .WillOnce(Throw(ServerError(ErrorKind::StorageFailed, "no space")))
       .WillOnce(Throw(std::bad_alloc()))
       .WillOnce(Throw(std::system_error(std::make_error_code(std::errc::io_error))))
       .WillOnce(Throw(std::logic_error("what")));
@@ -287,10 +287,10 @@ TEST(Workload, SearchesWritersAndIndexUpdatesAreKeptApart) {
     request.headers["action"] = action;
     return Dispatcher::workload(request);
   };
-  EXPECT_EQ(of("search"), Workload::read);
-  EXPECT_EQ(of("addDocument"), Workload::write);
-  EXPECT_EQ(of("updateIndex"), Workload::index);
-  EXPECT_EQ(of("nonsense"), Workload::read);
+  EXPECT_EQ(of("search"), Workload::Read);
+  EXPECT_EQ(of("addDocument"), Workload::Write);
+  EXPECT_EQ(of("updateIndex"), Workload::Index);
+  EXPECT_EQ(of("nonsense"), Workload::Read);
 }
 
 }  // namespace

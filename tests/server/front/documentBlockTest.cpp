@@ -23,7 +23,7 @@ std::string refusal(const std::string& bytes) {
   try {
     parseDocumentBlock(bytes);
   } catch (const ServerError& error) {
-    EXPECT_EQ(error.kind(), ErrorKind::badDocument);
+    EXPECT_EQ(error.kind(), ErrorKind::BadDocument);
     return error.what();
   }
   return "taken";

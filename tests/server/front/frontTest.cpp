@@ -283,7 +283,7 @@ TEST_F(FrontTest, GarbageIsAnsweredWithAnErrorAndTheConnectionEnds) {
 class LoggingOutlets : public OutletFactory {
  public:
   std::unique_ptr<Outlet> make(ClientSocket& socket, Framing framing) override {
-    const bool binary = framing == Framing::binary;
+    const bool binary = framing == Framing::Binary;
     if (binary) binaryWaits_.store(true, std::memory_order_relaxed);
     const std::atomic<bool>& turn = binary ? httpLogged_ : binaryWaits_;
     while (!turn.load(std::memory_order_relaxed)) std::this_thread::yield();

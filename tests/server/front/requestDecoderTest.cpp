@@ -20,7 +20,7 @@ using ::testing::HasSubstr;
 struct Outcome {
   std::vector<Request> requests;
   std::string error;
-  ErrorKind kind = ErrorKind::internal;
+  ErrorKind kind = ErrorKind::Internal;
 };
 
 Outcome decode(RequestDecoder& decoder, const std::vector<std::string>& portions) {
@@ -43,7 +43,7 @@ Outcome decode(Framing framing, const std::string& bytes, DecoderLimits limits =
 }
 
 std::string encoded(Framing framing, const Headers& headers, const std::string& body) {
-  return framing == Framing::http ? httpRequest(headers, body) : binaryRequest(headers, body);
+  return framing == Framing::Http ? httpRequest(headers, body) : binaryRequest(headers, body);
 }
 
 class BothFramings : public ::testing::TestWithParam<Framing> {
@@ -66,9 +66,9 @@ class BothFramings : public ::testing::TestWithParam<Framing> {
   }
 };
 
-INSTANTIATE_TEST_SUITE_P(Framings, BothFramings, ::testing::Values(Framing::http, Framing::binary),
+INSTANTIATE_TEST_SUITE_P(Framings, BothFramings, ::testing::Values(Framing::Http, Framing::Binary),
                          [](const auto& parameter) {
-                           return parameter.param == Framing::http ? "Http" : "Binary";
+                           return parameter.param == Framing::Http ? "Http" : "Binary";
                          });
 
 TEST_P(BothFramings, BatchInOneSegmentGivesAllRequestsInOrder) {
@@ -148,7 +148,7 @@ TEST_P(BothFramings, ContentLengthThatIsNoNumberLosesTheFraming) {
   for (const char* length : {"x", "-1", "+1", " 1", "1 ", "0x10", "1.5", "1\r"}) {
     const Outcome outcome =
         decode(GetParam(), encoded(GetParam(), {{"Content-Length  ", length}}, ""));
-    EXPECT_EQ(outcome.kind, ErrorKind::malformedRequest) << length;
+    EXPECT_EQ(outcome.kind, ErrorKind::MalformedRequest) << length;
     EXPECT_THAT(outcome.error, HasSubstr("not a number")) << length;
   }
 }
@@ -159,7 +159,7 @@ TEST_P(BothFramings, ContentIsTakenUpToTheLimitAndRefusedOneBeyondIt) {
   const Outcome at = decode(GetParam(), encoded(GetParam(), {}, std::string(100, 'x')), limits);
   EXPECT_EQ(at.requests.size(), 1U);
   const Outcome over = decode(GetParam(), encoded(GetParam(), {}, std::string(101, 'x')), limits);
-  EXPECT_EQ(over.kind, ErrorKind::requestTooLarge);
+  EXPECT_EQ(over.kind, ErrorKind::RequestTooLarge);
   limits.contentBytes = 101;
   const Outcome moved = decode(GetParam(), encoded(GetParam(), {}, std::string(101, 'x')), limits);
   EXPECT_EQ(moved.requests.size(), 1U);
@@ -171,41 +171,41 @@ TEST_P(BothFramings, AnnouncedSizesNearTheEndOfIntegersAreRefused) {
         "18446744073709551616", "99999999999999999999999999"}) {
     const Outcome outcome =
         decode(GetParam(), encoded(GetParam(), {{"Content-Length  ", length}}, ""));
-    EXPECT_EQ(outcome.kind, ErrorKind::requestTooLarge) << length;
+    EXPECT_EQ(outcome.kind, ErrorKind::RequestTooLarge) << length;
   }
 }
 
 TEST(RequestDecoder, TwoDifferentContentLengthsLoseTheFraming) {
   const std::string line = "Content-Length  : ";
-  EXPECT_EQ(decode(Framing::http, line + "1\n" + line + "2\n\r\nxx").kind,
-            ErrorKind::malformedRequest);
-  EXPECT_EQ(decode(Framing::http, line + "1\n" + line + "1\n\r\nx").requests.size(), 1U);
+  EXPECT_EQ(decode(Framing::Http, line + "1\n" + line + "2\n\r\nxx").kind,
+            ErrorKind::MalformedRequest);
+  EXPECT_EQ(decode(Framing::Http, line + "1\n" + line + "1\n\r\nx").requests.size(), 1U);
 }
 
 TEST(RequestDecoder, HeaderBlockIsTakenUpToTheLimitAndRefusedBeyondIt) {
   DecoderLimits limits;
   limits.headerBytes = 64;
   const auto block = [](std::size_t size) { return "a: " + std::string(size - 4, 'x') + "\n\r\n"; };
-  EXPECT_EQ(decode(Framing::http, block(64), limits).requests.size(), 1U);
-  EXPECT_EQ(decode(Framing::http, block(65), limits).kind, ErrorKind::requestTooLarge);
+  EXPECT_EQ(decode(Framing::Http, block(64), limits).requests.size(), 1U);
+  EXPECT_EQ(decode(Framing::Http, block(65), limits).kind, ErrorKind::RequestTooLarge);
   limits.headerBytes = 65;
-  EXPECT_EQ(decode(Framing::http, block(65), limits).requests.size(), 1U);
+  EXPECT_EQ(decode(Framing::Http, block(65), limits).requests.size(), 1U);
 }
 
 TEST(RequestDecoder, EndlessLineIsRefusedWhenItPassesTheLimit) {
   DecoderLimits limits;
   limits.headerBytes = 1000;
-  RequestDecoder decoder(Framing::http, limits);
+  RequestDecoder decoder(Framing::Http, limits);
   const std::vector<std::string> portions(1001, "x");
-  EXPECT_EQ(decode(decoder, portions).kind, ErrorKind::requestTooLarge);
+  EXPECT_EQ(decode(decoder, portions).kind, ErrorKind::RequestTooLarge);
 }
 
 TEST(RequestDecoder, BinaryBlockMustEndWhereItsLengthSays) {
   const std::vector<std::string> blocks{"",         "\r",          "\n",      "a: b\n",
                                         "a: b\r\n", "a: b\n\r\nx", "\r\n\r\n"};
   for (const std::string& block : blocks) {
-    const Outcome outcome = decode(Framing::binary, test::bigEndian(block.size(), 2) + block);
-    EXPECT_EQ(outcome.kind, ErrorKind::malformedRequest) << block;
+    const Outcome outcome = decode(Framing::Binary, test::bigEndian(block.size(), 2) + block);
+    EXPECT_EQ(outcome.kind, ErrorKind::MalformedRequest) << block;
     EXPECT_TRUE(outcome.requests.empty()) << block;
   }
 }
@@ -213,7 +213,7 @@ TEST(RequestDecoder, BinaryBlockMustEndWhereItsLengthSays) {
 TEST(RequestDecoder, BinaryBlockMayHave65535Bytes) {
   const std::string block = "a: " + std::string(65535 - 6, 'x') + "\n\r\n";
   ASSERT_EQ(block.size(), 65535U);
-  EXPECT_EQ(decode(Framing::binary, "\xFF\xFF" + block).requests.size(), 1U);
+  EXPECT_EQ(decode(Framing::Binary, "\xFF\xFF" + block).requests.size(), 1U);
 }
 
 TEST(RequestDecoder, FlippedBitsNeverDoMoreThanAnError) {
@@ -222,7 +222,7 @@ TEST(RequestDecoder, FlippedBitsNeverDoMoreThanAnError) {
   for (std::size_t bit = 0; bit < good.size() * 8; ++bit) {
     std::string bytes = good;
     bytes[bit / 8] = static_cast<char>(bytes[bit / 8] ^ (1 << bit % 8));
-    const Outcome outcome = decode(Framing::binary, bytes);
+    const Outcome outcome = decode(Framing::Binary, bytes);
     std::size_t held = 0;
     for (const Request& request : outcome.requests) held += request.content.size();
     EXPECT_LE(held, bytes.size()) << bit;

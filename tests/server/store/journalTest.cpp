@@ -21,7 +21,7 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 Change put(const std::string& key, const std::string& content = "text") {
-  return {ChangeKind::put, {key, {{"a", "b"}, {"c", std::string("\0x", 2)}}, content}};
+  return {ChangeKind::Put, {key, {{"a", "b"}, {"c", std::string("\0x", 2)}}, content}};
 }
 
 class JournalTest : public ::testing::Test {
@@ -58,17 +58,17 @@ TEST_F(JournalTest, ChangesAreFoundAgainWholeAndInOrder) {
   {
     Journal journal = open();
     journal.append(put("k1"));
-    journal.sync(journal.append({ChangeKind::remove, {std::string("k\0\xFF", 3), {}, {}}}).ticket);
+    journal.sync(journal.append({ChangeKind::Remove, {std::string("k\0\xFF", 3), {}, {}}}).ticket);
   }
   std::vector<Change> changes;
   Journal journal(directory_.path(),
                   [&](std::uint64_t, Change&& change) { changes.push_back(std::move(change)); });
   ASSERT_EQ(changes.size(), 2U);
-  EXPECT_EQ(changes[0].kind, ChangeKind::put);
+  EXPECT_EQ(changes[0].kind, ChangeKind::Put);
   EXPECT_EQ(changes[0].document.key, "k1");
   EXPECT_EQ(changes[0].document.metadata, put("k1").document.metadata);
   EXPECT_EQ(changes[0].document.content, "text");
-  EXPECT_EQ(changes[1].kind, ChangeKind::remove);
+  EXPECT_EQ(changes[1].kind, ChangeKind::Remove);
   EXPECT_EQ(changes[1].document.key, std::string("k\0\xFF", 3));
 }
 
@@ -122,7 +122,7 @@ TEST_F(JournalTest, DamageInAClosedSegmentIsReportedWithItsFile) {
     open();
     FAIL() << "the damage was not noticed";
   } catch (const ServerError& error) {
-    EXPECT_EQ(error.kind(), ErrorKind::storageFailed);
+    EXPECT_EQ(error.kind(), ErrorKind::StorageFailed);
     EXPECT_THAT(error.what(), HasSubstr(segment(1).string()));
   }
 }

@@ -75,10 +75,10 @@ TEST_F(LocalStoreTest, DocumentsAreFoundAfterUpdateIndexAndNotBefore) {
   store_->createCollection("c", "en");
   add("k1", "the quick brown fox");
   EXPECT_THAT(keys("fox"), IsEmpty());
-  EXPECT_EQ(store_->state("c"), CollectionState::changesPending);
+  EXPECT_EQ(store_->state("c"), CollectionState::ChangesPending);
   store_->updateIndex("c");
   EXPECT_THAT(keys("fox"), ElementsAre("k1"));
-  EXPECT_EQ(store_->state("c"), CollectionState::current);
+  EXPECT_EQ(store_->state("c"), CollectionState::Current);
 }
 
 TEST_F(LocalStoreTest, DocumentWithTheSameKeyIsReplaced) {
@@ -147,7 +147,7 @@ TEST_F(LocalStoreTest, AcceptedDocumentsOutliveARestartUnsearchable) {
   store_->createCollection("c", "en");
   add("k1", "fox");
   restart();
-  EXPECT_EQ(store_->state("c"), CollectionState::changesPending);
+  EXPECT_EQ(store_->state("c"), CollectionState::ChangesPending);
   EXPECT_THAT(keys("fox"), IsEmpty());
   store_->updateIndex("c");
   EXPECT_THAT(keys("fox"), ElementsAre("k1"));
@@ -187,7 +187,7 @@ TEST_F(LocalStoreTest, RawScoresAreTheEnginesWeights) {
   store_->updateIndex("c");
   SearchQuery query;
   query.text = "rare";
-  query.scale = ScoreScale::raw;
+  query.scale = ScoreScale::Raw;
   ASSERT_EQ(hits(query).size(), 1U);
   EXPECT_GT(hits(query).front().milliScore, 1500);
 }
@@ -348,27 +348,27 @@ TEST_F(LocalStoreTest, CollectionNamesAreAnyText) {
 }
 
 TEST_F(LocalStoreTest, NamesThatCannotBeStoredAreRefused) {
-  refusal(ErrorKind::badCollectionName, [&] { store_->createCollection("", "en"); });
-  refusal(ErrorKind::badCollectionName, [&] { store_->createCollection("\xFF", "en"); });
-  refusal(ErrorKind::badCollectionName,
+  refusal(ErrorKind::BadCollectionName, [&] { store_->createCollection("", "en"); });
+  refusal(ErrorKind::BadCollectionName, [&] { store_->createCollection("\xFF", "en"); });
+  refusal(ErrorKind::BadCollectionName,
           [&] { store_->createCollection(std::string(241, 'a'), "en"); });
-  refusal(ErrorKind::badCollectionName,
+  refusal(ErrorKind::BadCollectionName,
           [&] { store_->createCollection(std::string(81, ' '), "en"); });
 }
 
 TEST_F(LocalStoreTest, CollectionIsCreatedOnceAndDeletedOnce) {
   store_->createCollection("c", "en");
-  refusal(ErrorKind::collectionExists, [&] { store_->createCollection("c", "en"); });
+  refusal(ErrorKind::CollectionExists, [&] { store_->createCollection("c", "en"); });
   store_->deleteCollection("c");
-  refusal(ErrorKind::unknownCollection, [&] { store_->deleteCollection("c"); });
-  refusal(ErrorKind::unknownCollection, [&] { store_->openCollection("c"); });
+  refusal(ErrorKind::UnknownCollection, [&] { store_->deleteCollection("c"); });
+  refusal(ErrorKind::UnknownCollection, [&] { store_->openCollection("c"); });
   store_->createCollection("c", "en");
   EXPECT_EQ(store_->estimate("c", "NOT x").documents, 0U);
 }
 
 TEST_F(LocalStoreTest, NothingWorksOnACollectionThatIsNotThere) {
   const auto unknown = [&](const auto& work) {
-    EXPECT_THAT(refusal(ErrorKind::unknownCollection, work), HasSubstr("\"c\""));
+    EXPECT_THAT(refusal(ErrorKind::UnknownCollection, work), HasSubstr("\"c\""));
   };
   unknown([&] { store_->openCollection("c"); });
   unknown([&] { store_->closeCollection("c"); });
@@ -420,7 +420,7 @@ TEST_F(LocalStoreTest, DocumentIsTakenUpToTheLimitAndRefusedBeyondIt) {
   restart();
   store_->createCollection("c", "en");
   store_->addDocument("c", {"k", {{"ab", "cd"}}, std::string(96, 'x')});
-  EXPECT_THAT(refusal(ErrorKind::documentTooLarge,
+  EXPECT_THAT(refusal(ErrorKind::DocumentTooLarge,
                       [&] {
                         store_->addDocument("c", {"k", {{"ab", "cd"}}, std::string(97, 'x')});
                       }),
@@ -430,9 +430,9 @@ TEST_F(LocalStoreTest, DocumentIsTakenUpToTheLimitAndRefusedBeyondIt) {
 TEST_F(LocalStoreTest, BadQueriesAreRefusedWithTheReason) {
   store_->createCollection("c", "en");
   addSearchable("k1", "fox");
-  EXPECT_THAT(refusal(ErrorKind::badQuery, [&] { keys("AND"); }),
+  EXPECT_THAT(refusal(ErrorKind::BadQuery, [&] { keys("AND"); }),
               HasSubstr("cannot be understood"));
-  EXPECT_THAT(refusal(ErrorKind::badQuery, [&] { store_->estimate("c", "fox AND"); }),
+  EXPECT_THAT(refusal(ErrorKind::BadQuery, [&] { store_->estimate("c", "fox AND"); }),
               HasSubstr("cannot be understood"));
   EXPECT_THAT(keys("!!!"), IsEmpty());
 }
@@ -453,8 +453,8 @@ TEST_F(LocalStoreTest, UnbalancedQueriesAreRefusedAndTheErrorSaysWhere) {
   for (const auto& [text, reason] : queries) {
     // A structured binding cannot be captured.
     const auto& query = text;
-    EXPECT_THAT(refusal(ErrorKind::badQuery, [&] { keys(query); }), HasSubstr(reason)) << query;
-    EXPECT_THAT(refusal(ErrorKind::badQuery, [&] { store_->estimate("c", query); }),
+    EXPECT_THAT(refusal(ErrorKind::BadQuery, [&] { keys(query); }), HasSubstr(reason)) << query;
+    EXPECT_THAT(refusal(ErrorKind::BadQuery, [&] { store_->estimate("c", query); }),
                 HasSubstr(reason));
   }
   for (const char* query :
@@ -472,8 +472,8 @@ TEST_F(LocalStoreTest, QueryHasAtMostAsManyWordsAsAllowed) {
     return text;
   };
   EXPECT_THAT(keys(words(256)), ElementsAre("k1"));
-  EXPECT_THAT(refusal(ErrorKind::queryTooBroad, [&] { keys(words(257)); }), HasSubstr("257 words"));
-  EXPECT_THAT(refusal(ErrorKind::queryTooBroad, [&] { keys(std::string(16385, 'x')); }),
+  EXPECT_THAT(refusal(ErrorKind::QueryTooBroad, [&] { keys(words(257)); }), HasSubstr("257 words"));
+  EXPECT_THAT(refusal(ErrorKind::QueryTooBroad, [&] { keys(std::string(16385, 'x')); }),
               HasSubstr("16385 bytes"));
   for (const char* part : {"(", "NOT ", "\"", "a AND (", "-", "+", "x:"}) {
     std::string text;
@@ -481,7 +481,7 @@ TEST_F(LocalStoreTest, QueryHasAtMostAsManyWordsAsAllowed) {
     try {
       keys(text);
     } catch (const ServerError& error) {
-      EXPECT_TRUE(error.kind() == ErrorKind::badQuery || error.kind() == ErrorKind::queryTooBroad)
+      EXPECT_TRUE(error.kind() == ErrorKind::BadQuery || error.kind() == ErrorKind::QueryTooBroad)
           << part << ": " << error.what();
     }
   }
@@ -496,7 +496,7 @@ TEST_F(LocalStoreTest, WildcardStandsForAtMostAsManyWordsAsAllowed) {
   addSearchable("k1", text);
   EXPECT_THAT(keys("fox*"), ElementsAre("k1"));
   addSearchable("k2", "foxz");
-  EXPECT_THAT(refusal(ErrorKind::queryTooBroad, [&] { keys("fox*"); }), HasSubstr("too broad"));
+  EXPECT_THAT(refusal(ErrorKind::QueryTooBroad, [&] { keys("fox*"); }), HasSubstr("too broad"));
 }
 
 TEST_F(LocalStoreTest, EstimateOfFewHitsIsExact) {
@@ -516,10 +516,10 @@ TEST_F(LocalStoreTest, UpdateThatMeetsAFullDiskCanBeRepeated) {
   }
   {
     const test::FileSizeLimit full(200000);
-    refusal(ErrorKind::storageFailed, [&] { store_->updateIndex("c"); });
-    refusal(ErrorKind::storageFailed, [&] { store_->updateIndex("c"); });
+    refusal(ErrorKind::StorageFailed, [&] { store_->updateIndex("c"); });
+    refusal(ErrorKind::StorageFailed, [&] { store_->updateIndex("c"); });
   }
-  EXPECT_EQ(store_->state("c"), CollectionState::changesPending);
+  EXPECT_EQ(store_->state("c"), CollectionState::ChangesPending);
   store_->updateIndex("c");
   EXPECT_EQ(keys("fox").size(), 3000U);
   EXPECT_EQ(store_->estimate("c", "fox").documents, 3000U);
@@ -556,7 +556,7 @@ TEST_F(LocalStoreTest, CollectionThatCannotBeDeletedGoesOn) {
   addSearchable("k2", "fox");
   EXPECT_THAT(keys("fox"), ElementsAre("k1", "k2"));
   store_->deleteCollection("c");
-  refusal(ErrorKind::unknownCollection, [&] { store_->openCollection("c"); });
+  refusal(ErrorKind::UnknownCollection, [&] { store_->openCollection("c"); });
 }
 
 TEST_F(LocalStoreTest, DeletionThatAnUpdateOvertakesHidesNothingThatCameLater) {
@@ -592,7 +592,7 @@ TEST_F(LocalStoreTest, DocumentsThatTheIndexRefusesAreLeftOutAndReported) {
     add("k" + std::to_string(i), "fox");
     if (i == 3 || i == 57) add(bad[i == 3 ? 0 : 1], "fox");
   }
-  EXPECT_THAT(refusal(ErrorKind::documentsNotIndexed, [&] { store_->updateIndex("c"); }),
+  EXPECT_THAT(refusal(ErrorKind::DocumentsNotIndexed, [&] { store_->updateIndex("c"); }),
               HasSubstr("2 documents"));
   EXPECT_EQ(keys("fox").size(), 100U);
   const std::vector<ParseOutcome> outcomes = store_->takeParseOutcomes("c");
@@ -600,12 +600,12 @@ TEST_F(LocalStoreTest, DocumentsThatTheIndexRefusesAreLeftOutAndReported) {
   EXPECT_EQ(outcomes[0].key, bad[0]);
   EXPECT_EQ(outcomes[1].key, bad[1]);
   EXPECT_EQ(outcomes[0].messageId, "ZVK0015E");
-  EXPECT_EQ(store_->state("c"), CollectionState::current);
+  EXPECT_EQ(store_->state("c"), CollectionState::Current);
 }
 
 TEST_F(LocalStoreTest, SecondOwnerOfADirectoryIsRefused) {
   EXPECT_THAT(
-      refusal(ErrorKind::storageFailed, [&] { LocalStore second(directory_.path() / "data", {}); }),
+      refusal(ErrorKind::StorageFailed, [&] { LocalStore second(directory_.path() / "data", {}); }),
       AllOf(HasSubstr("in use by another server"),
             HasSubstr((directory_.path() / "data").string())));
 }
@@ -619,7 +619,7 @@ TEST_F(LocalStoreTest, DamagedCollectionHarmsNoOther) {
   std::filesystem::remove(directory_.path() / "data/collections/bad/index/iamglass");
   restart();
   EXPECT_THAT(keys("fox"), ElementsAre("k1"));
-  refusal(ErrorKind::storageFailed, [&] { store_->openCollection("bad"); });
+  refusal(ErrorKind::StorageFailed, [&] { store_->openCollection("bad"); });
 }
 
 TEST_F(LocalStoreTest, LeftoversOfACrashAreCleared) {
@@ -669,14 +669,14 @@ TEST_F(LocalStoreTest, CollectionMayBeDeletedWhileItIsUsed) {
         }
       } catch (const ServerError& error) {
         // A search that runs right then finds the files gone.
-        EXPECT_TRUE(error.kind() == ErrorKind::unknownCollection ||
-                    error.kind() == ErrorKind::storageFailed)
+        EXPECT_TRUE(error.kind() == ErrorKind::UnknownCollection ||
+                    error.kind() == ErrorKind::StorageFailed)
             << error.what();
         unknownSeen = true;
       }
     });
   }
-  while (store_->state("c") == CollectionState::current) std::this_thread::yield();
+  while (store_->state("c") == CollectionState::Current) std::this_thread::yield();
   store_->deleteCollection("c");
   for (std::thread& user : users) user.join();
   EXPECT_TRUE(unknownSeen);

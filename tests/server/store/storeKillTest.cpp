@@ -48,27 +48,27 @@ class StoreSubject : public test::Subject {
 
   bool apply(const Step& step) override {
     switch (step.kind) {
-      case Kind::create:
+      case Kind::Create:
         store_.createCollection(step.collection, "en_us");
         break;
-      case Kind::drop:
+      case Kind::Drop:
         store_.deleteCollection(step.collection);
         queued_.erase(step.collection);
         break;
-      case Kind::add:
+      case Kind::Add:
         store_.addDocument(step.collection, documentOf(step));
         break;
-      case Kind::queue:
+      case Kind::Queue:
         store_.queueDocument(step.collection, documentOf(step));
         queued_[step.collection].push_back(step.key);
         return false;
-      case Kind::report:
+      case Kind::Report:
         takeReport(step.collection);
         break;
-      case Kind::remove:
+      case Kind::Remove:
         store_.deleteDocument(step.collection, step.key);
         break;
-      case Kind::update:
+      case Kind::Update:
         store_.updateIndex(step.collection);
         break;
     }
@@ -79,7 +79,7 @@ class StoreSubject : public test::Subject {
     try {
       return store_.state(collection);
     } catch (const ServerError& error) {
-      if (error.kind() == ErrorKind::unknownCollection) return std::nullopt;
+      if (error.kind() == ErrorKind::UnknownCollection) return std::nullopt;
       throw;
     }
   }

@@ -85,7 +85,7 @@ TEST_F(StoredFormTest, CollectionOnDiskIsServed) {
   EXPECT_THAT(keys(store, "fox"), ElementsAre("k1")) << "the journal removes the other one";
   EXPECT_THAT(keys(store, "title:about"), ElementsAre("k1"));
   EXPECT_THAT(keys(store, "year:1851"), ElementsAre("k1"));
-  EXPECT_EQ(store.state("c"), CollectionState::changesPending);
+  EXPECT_EQ(store.state("c"), CollectionState::ChangesPending);
   store.updateIndex("c");
   EXPECT_THAT(keys(store, "text"), ElementsAre("k2"));
   EXPECT_THAT(keys(store, "zero"), IsEmpty());
@@ -142,7 +142,7 @@ TEST_F(StoredFormTest, CollectionOfAnotherSchemaIsRefused) {
     store.openCollection("c");
     FAIL() << "it was opened";
   } catch (const ServerError& error) {
-    EXPECT_EQ(error.kind(), ErrorKind::storageFailed);
+    EXPECT_EQ(error.kind(), ErrorKind::StorageFailed);
     EXPECT_THAT(error.what(), HasSubstr("schema \"2\""));
   }
 }
