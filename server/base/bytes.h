@@ -18,6 +18,11 @@ inline void appendU32(std::string& out, std::uint32_t value) {
   appendU16(out, static_cast<std::uint16_t>(value & 0xFFFFU));
 }
 
+inline void appendU64(std::string& out, std::uint64_t value) {
+  appendU32(out, static_cast<std::uint32_t>(value >> 32U));
+  appendU32(out, static_cast<std::uint32_t>(value & 0xFFFFFFFFU));
+}
+
 inline std::uint16_t loadU16(std::string_view bytes) {
   const auto byte = [&](std::size_t i) {
     return static_cast<unsigned>(static_cast<unsigned char>(bytes[i]));
@@ -27,6 +32,10 @@ inline std::uint16_t loadU16(std::string_view bytes) {
 
 inline std::uint32_t loadU32(std::string_view bytes) {
   return static_cast<std::uint32_t>(loadU16(bytes)) << 16U | loadU16(bytes.substr(2));
+}
+
+inline std::uint64_t loadU64(std::string_view bytes) {
+  return static_cast<std::uint64_t>(loadU32(bytes)) << 32U | loadU32(bytes.substr(4));
 }
 
 /// A cursor over bytes from outside. A read that fails does not move it.

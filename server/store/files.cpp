@@ -37,6 +37,20 @@ void writeAll(const FileHandle& file, std::string_view bytes, const std::filesys
   }
 }
 
+void writeAt(const FileHandle& file, std::string_view bytes, std::uint64_t place,
+             const std::filesystem::path& path) {
+  while (!bytes.empty()) {
+    const ssize_t written =
+        ::pwrite(file.get(), bytes.data(), bytes.size(), static_cast<off_t>(place));
+    if (written >= 0) {
+      bytes.remove_prefix(static_cast<std::size_t>(written));
+      place += static_cast<std::uint64_t>(written);
+    } else if (errno != EINTR) {
+      throwSystemError("cannot write", path);
+    }
+  }
+}
+
 void syncFile(const FileHandle& file, const std::filesystem::path& path) {
   if (::fdatasync(file.get()) != 0) throwSystemError("cannot bring to disk", path);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -27,7 +28,7 @@ class FileHandle {
   int descriptor_ = -1;
 };
 
-/// Throws ServerError(storageFailed) that says what failed, on which file, and why according to
+/// Throws ServerError(StorageFailed) that says what failed, on which file, and why according to
 /// errno.
 [[noreturn]] void throwSystemError(const std::string& what, const std::filesystem::path& path);
 
@@ -36,6 +37,10 @@ FileHandle openFile(const std::filesystem::path& path, int flags);
 
 /// Writes all bytes to the file. Throws as above, possibly after writing part of them.
 void writeAll(const FileHandle& file, std::string_view bytes, const std::filesystem::path& path);
+
+/// Writes all bytes from that place of the file on. Throws as above.
+void writeAt(const FileHandle& file, std::string_view bytes, std::uint64_t place,
+             const std::filesystem::path& path);
 
 /// fdatasync(2). Throws as above.
 void syncFile(const FileHandle& file, const std::filesystem::path& path);

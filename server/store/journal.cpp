@@ -4,170 +4,42 @@
 #include <fmt/format.h>
 #include <spdlog/spdlog.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
-#include <optional>
+#include <iterator>
 #include <utility>
 
-#include "server/base/bytes.h"
 #include "server/base/errors.h"
 
 namespace corvaned {
 namespace {
 
-constexpr std::string_view kMagic = "KRJ1";
-constexpr std::size_t kEntryHeader = 12;
-constexpr std::string_view kFilePrefix = "journal-";
-
-std::uint32_t checksumOf(std::string_view bytes) {
-  const void* data = bytes.data();
-  return static_cast<std::uint32_t>(
-      ::crc32_z(0, static_cast<const unsigned char*>(data), bytes.size()));
-}
-
-void appendText(std::string& out, std::string_view text) {
-  appendU32(out, static_cast<std::uint32_t>(text.size()));
-  out += text;
-}
-
-std::string encodeEntry(const Change& change) {
-  const Document& document = change.document;
-  std::string entry(kEntryHeader, '\0');
-  entry += static_cast<char>(change.kind);
-  appendText(entry, document.key);
-  appendU32(entry, static_cast<std::uint32_t>(document.metadata.size()));
-  for (const auto& [name, value] : document.metadata) {
-    appendText(entry, name);
-    appendText(entry, value);
-  }
-  appendText(entry, document.content);
-  const std::string_view payload = std::string_view(entry).substr(kEntryHeader);
-  std::string header(kMagic);
-  appendU32(header, static_cast<std::uint32_t>(payload.size()));
-  appendU32(header, checksumOf(payload));
-  return entry.replace(0, kEntryHeader, header);
-}
-
-bool takeText(ByteReader& reader, std::string& text) {
-  const auto length = reader.u32();
-  const auto bytes = length ? reader.take(*length) : std::nullopt;
-  if (bytes) text = *bytes;
-  return bytes.has_value();
-}
-
-std::optional<Change> decodePayload(std::string_view payload) {
-  ByteReader reader(payload);
-  const auto kind = reader.take(1);
-  if (!kind) return std::nullopt;
-  Change change;
-  change.kind = static_cast<ChangeKind>(kind->front());
-  if (change.kind != ChangeKind::Put && change.kind != ChangeKind::Remove) return std::nullopt;
-  if (!takeText(reader, change.document.key)) return std::nullopt;
-  const auto pairs = reader.u32();
-  if (!pairs || *pairs > reader.remaining()) return std::nullopt;
-  for (std::uint32_t i = 0; i < *pairs; ++i) {
-    auto& [name, value] = change.document.metadata.emplace_back();
-    if (!takeText(reader, name) || !takeText(reader, value)) return std::nullopt;
-  }
-  if (!takeText(reader, change.document.content) || !reader.empty()) return std::nullopt;
-  return change;
-}
-
-/// Reads the entries of one segment.
-class SegmentReader {
- public:
-  explicit SegmentReader(const std::filesystem::path& path)
-      : path_(path), file_(openFile(path, O_RDONLY)), size_(std::filesystem::file_size(path)) {}
-
-  std::uint64_t goodBytes() const { return position_; }
-  bool atEnd() const { return position_ == size_; }
-
-  /// The next entry; nothing at the end of the file, or if the next bytes are not a whole entry.
-  std::optional<Change> next() {
-    const auto header = peek(kEntryHeader);
-    if (!header || header->substr(0, kMagic.size()) != kMagic) return std::nullopt;
-    const std::uint32_t length = loadU32(header->substr(4));
-    const std::uint32_t checksum = loadU32(header->substr(8));
-    const auto entry = peek(kEntryHeader + std::size_t{length});
-    if (!entry) return std::nullopt;
-    const std::string_view payload = entry->substr(kEntryHeader);
-    if (checksumOf(payload) != checksum) return std::nullopt;
-    auto change = decodePayload(payload);
-    if (change) {
-      position_ += entry->size();
-      start_ += entry->size();
-    }
-    return change;
-  }
-
- private:
-  std::optional<std::string_view> peek(std::size_t count) {
-    // Compared with the file's size first, so that a damaged length does not become an allocation.
-    if (count > size_ - position_) return std::nullopt;
-    if (buffer_.size() - start_ < count) fill(count);
-    if (buffer_.size() - start_ < count) return std::nullopt;
-    return std::string_view(buffer_).substr(start_, count);
-  }
-
-  void fill(std::size_t count) {
-    constexpr std::size_t kSlice = std::size_t{1} << 18U;
-    buffer_.erase(0, std::exchange(start_, 0));
-    while (buffer_.size() < count) {
-      const std::size_t held = buffer_.size();
-      buffer_.resize(std::max(held + kSlice, count));
-      const ssize_t got = ::read(file_.get(), buffer_.data() + held, buffer_.size() - held);
-      const int error = errno;
-      buffer_.resize(held + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
-      errno = error;
-      if (got < 0 && error != EINTR) throwSystemError("cannot read", path_);
-      if (got == 0) return;
-    }
-  }
-
-  std::filesystem::path path_;
-  FileHandle file_;
-  std::uint64_t size_;
-  std::uint64_t position_ = 0;
-  std::string buffer_;
-  std::size_t start_ = 0;
-};
-
-std::uint64_t readSegment(const std::filesystem::path& path, std::uint64_t number, bool mayBeCut,
-                          const Journal::Visitor& visitor) {
-  SegmentReader reader(path);
-  while (auto change = reader.next()) visitor(number, std::move(*change));
-  if (!reader.atEnd() && !mayBeCut) {
-    throw ServerError(ErrorKind::StorageFailed,
-                      fmt::format("{} is damaged at byte {}; restore it, or move it away to go on "
-                                  "without its changes",
-                                  path.string(), reader.goodBytes()));
-  }
-  return reader.goodBytes();
-}
+[[noreturn]] void throwFault(const JournalFault& fault) { throwDamaged(fault.damage); }
 
 }  // namespace
 
 Journal::Journal(std::filesystem::path directory, const Visitor& visitor)
     : directory_(std::move(directory)) {
-  const std::vector<std::uint64_t> numbers = segmentsOnDisk();
-  for (const std::uint64_t number : numbers) {
-    const bool last = number == numbers.back();
-    segments_.push_back({number, readSegment(pathOf(number), number, last, visitor)});
+  JournalContents contents = JournalScan(directory_, visitor, throwFault).run();
+  segments_ = std::move(contents.segments);
+  mark_ = std::move(contents.mark);
+  lastSequence_ = contents.lastSequence;
+  durableSequence_ = mark_ ? mark_->range().durable : 0;
+  if (!segments_.empty()) openLast();
+  // A journal without a mark has changes of the earlier form only. They get no numbered ones in
+  // their segment, and its end has been put in order before a mark can ask for anything.
+  if (segments_.empty() || !mark_) {
+    startSegment(segments_.empty() ? 1 : segments_.back().number + 1);
   }
-  if (numbers.empty()) {
-    startSegment(1);
-  } else {
-    openLast(numbers.back(), segments_.back().bytes);
-  }
+  if (!mark_) mark_ = JournalMark::create(directory_);
 }
 
 Journal::Place Journal::append(const Change& change) {
-  const std::string entry = encodeEntry(change);
+  std::string entry = encodeEntry(change);
   const std::lock_guard lock(mutex_);
   requireHealthy();
+  numberEntry(entry, lastSequence_ + 1, durableSequence_);
   try {
     writeAll(current_->handle, entry, current_->path);
   } catch (const ServerError& error) {
@@ -175,6 +47,7 @@ Journal::Place Journal::append(const Change& change) {
     throw;
   }
   segments_.back().bytes += entry.size();
+  segments_.back().lastSequence = ++lastSequence_;
   return {++lastTicket_, segments_.back().number};
 }
 
@@ -188,18 +61,24 @@ void Journal::sync(std::uint64_t ticket) {
     }
     syncing_ = true;
     const std::uint64_t reached = lastTicket_;
+    const std::uint64_t sequence = lastSequence_;
     const std::shared_ptr<CurrentFile> file = current_;
     lock.unlock();
-    const bool good = ::fdatasync(file->handle.get()) == 0;
-    const int error = errno;
+    std::string failure;
+    std::exception_ptr unmarked;
+    if (::fdatasync(file->handle.get()) != 0) {
+      failure = file->path.string() + ": " + std::generic_category().message(errno);
+    } else {
+      unmarked = mark(sequence);
+    }
     lock.lock();
     syncing_ = false;
     synced_.notify_all();
-    if (good) {
-      durableTicket_ = std::max(durableTicket_, reached);
-    } else if (failure_.empty()) {
-      failure_ = file->path.string() + ": " + std::generic_category().message(error);
-    }
+    if (!failure.empty() && failure_.empty()) failure_ = failure;
+    if (!failure.empty()) continue;
+    if (unmarked) std::rethrow_exception(unmarked);
+    durableSequence_ = std::max(durableSequence_, sequence);
+    durableTicket_ = std::max(durableTicket_, reached);
   }
 }
 
@@ -212,24 +91,55 @@ std::uint64_t Journal::rotate() {
     failure_ = current_->path.string() + ": " + std::generic_category().message(errno);
     requireHealthy();
   }
+  mark_->setDurable(lastSequence_);
+  durableSequence_ = lastSequence_;
   durableTicket_ = lastTicket_;
   startSegment(closed + 1);
   return closed;
 }
 
+// A change that is on disk but cannot be shown to be there must not be acknowledged. Without free
+// descriptors, for instance, the next attempt may succeed.
+std::exception_ptr Journal::mark(std::uint64_t sequence) {
+  try {
+    mark_->setDurable(sequence);
+    return nullptr;
+  } catch (const ServerError&) {
+    return std::current_exception();
+  }
+}
+
 void Journal::read(std::uint64_t last, const Visitor& visitor) const {
-  std::vector<std::uint64_t> numbers;
+  std::vector<ScannedSegment> closed;
   {
     const std::lock_guard lock(mutex_);
-    for (const Segment& segment : segments_) {
-      if (segment.number <= last) numbers.push_back(segment.number);
-    }
+    std::copy_if(segments_.begin(), segments_.end(), std::back_inserter(closed),
+                 [&](const ScannedSegment& segment) { return segment.number <= last; });
   }
-  for (const std::uint64_t number : numbers) readSegment(pathOf(number), number, false, visitor);
+  for (const ScannedSegment& segment : closed) readSegment(segment, visitor);
+}
+
+void Journal::readSegment(const ScannedSegment& segment, const Visitor& visitor) const {
+  const std::filesystem::path path = pathOf(segment.number);
+  SegmentReader reader(path);
+  std::uint64_t end = 0;
+  while (auto piece = reader.next()) {
+    if (piece->kind != SegmentPiece::Kind::Change) {
+      throwDamaged({path, piece->place, "this is not a change"});
+    }
+    end = piece->place + piece->bytes;
+    visitor(segment.number, std::move(piece->change));
+  }
+  if (end != segment.bytes) throwDamaged({path, end, "changes are missing"});
 }
 
 void Journal::remove(std::uint64_t last) {
   const std::lock_guard lock(mutex_);
+  std::uint64_t needed = 0;
+  for (const ScannedSegment& segment : segments_) {
+    if (segment.number <= last) needed = std::max(needed, segment.lastSequence + 1);
+  }
+  mark_->setFirst(needed);
   // Removed and synced one by one, oldest first. If a crash left an older segment without a newer
   // one, replaying it would undo the newer changes.
   while (segments_.front().number <= last) {
@@ -242,25 +152,11 @@ void Journal::remove(std::uint64_t last) {
 bool Journal::empty() const {
   const std::lock_guard lock(mutex_);
   return std::all_of(segments_.begin(), segments_.end(),
-                     [](const Segment& segment) { return segment.bytes == 0; });
+                     [](const ScannedSegment& segment) { return segment.bytes == 0; });
 }
 
 std::filesystem::path Journal::pathOf(std::uint64_t number) const {
-  return directory_ / fmt::format("{}{:010}", kFilePrefix, number);
-}
-
-std::vector<std::uint64_t> Journal::segmentsOnDisk() const {
-  std::vector<std::uint64_t> numbers;
-  for (const auto& entry : std::filesystem::directory_iterator(directory_)) {
-    const std::string name = entry.path().filename().string();
-    if (!name.starts_with(kFilePrefix)) continue;
-    std::uint64_t number = 0;
-    const char* end = name.data() + name.size();
-    const auto parsed = std::from_chars(name.data() + kFilePrefix.size(), end, number);
-    if (parsed.ec == std::errc{} && parsed.ptr == end) numbers.push_back(number);
-  }
-  std::sort(numbers.begin(), numbers.end());
-  return numbers;
+  return segmentPath(directory_, number);
 }
 
 void Journal::startSegment(std::uint64_t number) {
@@ -276,13 +172,14 @@ void Journal::startSegment(std::uint64_t number) {
     std::filesystem::remove(file->path, ignored);
     throw;
   }
-  segments_.push_back({number, 0});
+  segments_.push_back({number, 0, 0});
   current_ = std::move(file);
 }
 
-void Journal::openLast(std::uint64_t number, std::uint64_t goodBytes) {
+void Journal::openLast() {
+  const std::uint64_t goodBytes = segments_.back().bytes;
   auto file = std::make_shared<CurrentFile>();
-  file->path = pathOf(number);
+  file->path = pathOf(segments_.back().number);
   file->handle = openFile(file->path, O_WRONLY | O_APPEND);
   const std::uint64_t size = std::filesystem::file_size(file->path);
   if (size > goodBytes) {

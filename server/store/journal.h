@@ -2,6 +2,7 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <exception>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -11,6 +12,7 @@
 
 #include "server/store/change.h"
 #include "server/store/files.h"
+#include "server/store/journalScan.h"
 
 namespace corvaned {
 
@@ -18,18 +20,15 @@ namespace corvaned {
 ///
 /// A journal consists of segment files. Changes are appended to the last one; rotate() closes it
 /// and starts another, so that closed segments can be brought into the index and removed while new
-/// changes arrive. An entry is
+/// changes arrive. journalSegment.h describes the entries of a segment.
 ///
-///     0   4  "KRJ1"
-///     4   4  length of the payload, big-endian
-///     8   4  CRC-32 of the payload
-///     12     payload: kind (1 byte), then texts with 4-byte lengths: the key, the number of
-///            metadata pairs and their names and values, the content
+/// Changes are numbered without gaps, and a mark (journalMark.h) says which numbers must be there.
+/// Opening the journal drops what cannot be read at its end and was, as far as anything on disk
+/// tells, never acknowledged: it was being written when the server stopped. Everything else that is
+/// not as it should be means that the disk has damaged or lost something. Opening then throws,
+/// naming the file and the byte, and leaves the files as they are.
 ///
-/// An incomplete entry at the end of the last segment was never acknowledged; opening the journal
-/// drops it. In any other place a bad entry means that the disk is damaged, and opening fails.
-///
-/// All operations may be called from any thread. Errors are ServerError(storageFailed).
+/// All operations may be called from any thread. Errors are ServerError(StorageFailed).
 class Journal {
  public:
   using Visitor = std::function<void(std::uint64_t segment, Change&& change)>;
@@ -65,19 +64,16 @@ class Journal {
   bool empty() const;
 
  private:
-  struct Segment {
-    std::uint64_t number = 0;
-    std::uint64_t bytes = 0;
-  };
   struct CurrentFile {
     FileHandle handle;
     std::filesystem::path path;
   };
 
   std::filesystem::path pathOf(std::uint64_t number) const;
-  std::vector<std::uint64_t> segmentsOnDisk() const;
+  void readSegment(const ScannedSegment& segment, const Visitor& visitor) const;
   void startSegment(std::uint64_t number);
-  void openLast(std::uint64_t number, std::uint64_t goodBytes);
+  void openLast();
+  std::exception_ptr mark(std::uint64_t sequence);
   void requireHealthy() const;
   void takeBack(std::uint64_t bytes, const std::string& reason);
 
@@ -86,8 +82,11 @@ class Journal {
   mutable std::mutex mutex_;
   std::condition_variable synced_;
   // Guarded by mutex_. The last segment is the current one.
-  std::vector<Segment> segments_;
+  std::vector<ScannedSegment> segments_;
   std::shared_ptr<CurrentFile> current_;
+  std::unique_ptr<JournalMark> mark_;  // Set once the journal is open.
+  std::uint64_t lastSequence_ = 0;
+  std::uint64_t durableSequence_ = 0;
   std::uint64_t lastTicket_ = 0;
   std::uint64_t durableTicket_ = 0;
   bool syncing_ = false;

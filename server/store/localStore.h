@@ -23,10 +23,11 @@ std::string directoryNameFor(std::string_view collection);
 ///     LOCK                       held while a server runs
 ///     collections/<name>/        one collection, see directoryNameFor
 ///         index/                 the Xapian database
+///         journal-0000000000     which changes the journal must hold
 ///         journal-0000000001...  accepted changes that are not in the index yet
 class LocalStore : public Store {
  public:
-  /// Creates the directory if it does not exist. Throws ServerError(storageFailed) if another
+  /// Creates the directory if it does not exist. Throws ServerError(StorageFailed) if another
   /// server uses it.
   LocalStore(std::filesystem::path directory, StoreLimits limits);
 

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <map>
 #include <set>
 #include <string>
 #include <thread>
@@ -238,6 +239,321 @@ TEST_F(JournalTest, SegmentThatCannotBeRemovedStaysWithTheNewerOnes) {
   journal.remove(3);
   EXPECT_FALSE(std::filesystem::exists(segment(3)));
   EXPECT_TRUE(journal.empty());
+}
+
+// Damage and loss. What the mark asks for is found, or the journal is refused.
+
+class DamagedJournalTest : public JournalTest {
+ protected:
+  /// A journal of three acknowledged changes, each in its own segment or all in one.
+  void write(bool apart) {
+    Journal journal = open();
+    for (const char* key : {"k1", "k2", "k3"}) {
+      journal.sync(journal.append(put(key)).ticket);
+      if (apart && key != std::string("k3")) journal.rotate();
+    }
+  }
+
+  std::filesystem::path mark() const { return directory_.path() / "journal-0000000000"; }
+
+  using Files = std::map<std::filesystem::path, std::string>;
+
+  Files files() const {
+    Files files;
+    for (const auto& entry : std::filesystem::directory_iterator(directory_.path())) {
+      files[entry.path()] = read(entry.path());
+    }
+    return files;
+  }
+
+  static std::string read(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+  void restore(const Files& files) const {
+    std::filesystem::remove_all(directory_.path());
+    std::filesystem::create_directory(directory_.path());
+    for (const auto& [path, bytes] : files) std::ofstream(path, std::ios::binary) << bytes;
+  }
+
+  /// Why the journal is refused; empty when it opens. It must then be as it was.
+  std::string refusal() {
+    const Files before = files();
+    try {
+      open();
+      return {};
+    } catch (const ServerError& error) {
+      EXPECT_EQ(error.kind(), ErrorKind::StorageFailed);
+      EXPECT_EQ(files(), before) << "a damaged journal was changed";
+      return error.what();
+    }
+  }
+};
+
+TEST_F(DamagedJournalTest, EveryDamagedByteIsHarmlessOrNamed) {
+  for (const bool apart : {false, true}) {
+    restore({});
+    write(apart);
+    const Files whole = files();
+    std::size_t refused = 0;
+    for (const auto& [path, bytes] : whole) {
+      for (std::size_t place = 0; place < bytes.size(); ++place) {
+        for (const char change : {'\x01', '\xFF'}) {
+          SCOPED_TRACE(path.string() + " byte " + std::to_string(place));
+          restore(whole);
+          std::string damaged = bytes;
+          damaged[place] = static_cast<char>(damaged[place] ^ change);
+          std::ofstream(path, std::ios::binary) << damaged;
+          const std::string reason = refusal();
+          if (reason.empty()) {
+            EXPECT_THAT(found_, ElementsAre("k1", "k2", "k3"));
+            EXPECT_EQ(path, mark()) << "a damaged change was taken for a good one";
+            continue;
+          }
+          ++refused;
+          EXPECT_THAT(reason, HasSubstr(" is damaged at byte "));
+          EXPECT_THAT(reason, HasSubstr(path.string()));
+        }
+      }
+    }
+    EXPECT_GT(refused, 300U);
+  }
+}
+
+TEST_F(DamagedJournalTest, AcknowledgedChangesThatAreCutOffAreMissed) {
+  write(false);
+  const Files whole = files();
+  for (std::size_t length = 0; length < whole.at(segment(1)).size(); ++length) {
+    restore(whole);
+    rewrite(1, whole.at(segment(1)).substr(0, length));
+    EXPECT_THAT(refusal(), HasSubstr(segment(1).string())) << length;
+  }
+}
+
+TEST_F(DamagedJournalTest, SegmentsThatAreGoneAreMissed) {
+  write(true);
+  const Files whole = files();
+  for (const int number : {1, 2, 3}) {
+    restore(whole);
+    std::filesystem::remove(segment(number));
+    EXPECT_THAT(refusal(), HasSubstr("missing")) << number;
+  }
+  restore(whole);
+  for (const int number : {1, 2, 3}) std::filesystem::remove(segment(number));
+  EXPECT_THAT(refusal(), HasSubstr("missing"));
+}
+
+TEST_F(DamagedJournalTest, MarkThatIsGoneOrCannotBeReadIsMissed) {
+  write(false);
+  const Files whole = files();
+  std::filesystem::remove(mark());
+  EXPECT_THAT(refusal(), HasSubstr(mark().string()));
+  restore(whole);
+  std::ofstream(mark(), std::ios::binary) << std::string(1048, '\0');
+  EXPECT_THAT(refusal(), HasSubstr(mark().string()));
+}
+
+TEST_F(DamagedJournalTest, MarkThatWasBeingWrittenDoesNoHarm) {
+  write(false);
+  const Files whole = files();
+  for (const std::size_t place : {std::size_t{512}, std::size_t{1024}}) {
+    restore(whole);
+    std::string bytes = whole.at(mark());
+    bytes.replace(place + 12, 12, std::string(12, '\xEE'));
+    std::ofstream(mark(), std::ios::binary) << bytes;
+    EXPECT_EQ(refusal(), "");
+    EXPECT_THAT(found_, ElementsAre("k1", "k2", "k3"));
+  }
+}
+
+TEST_F(DamagedJournalTest, RemovedSegmentsAreNotMissed) {
+  {
+    Journal journal = open();
+    for (const char* key : {"k1", "k2"}) journal.append(put(key));
+    journal.remove(journal.rotate());
+    EXPECT_TRUE(journal.empty());
+  }
+  {
+    Journal journal = open();
+    EXPECT_THAT(found_, IsEmpty());
+    journal.sync(journal.append(put("k3")).ticket);
+  }
+  EXPECT_EQ(refusal(), "");
+  EXPECT_THAT(found_, ElementsAre("k3"));
+}
+
+TEST_F(DamagedJournalTest, DamageSinceTheOpeningIsNamedWhenTheSegmentIsRead) {
+  Journal journal = open();
+  journal.append(put("k1"));
+  journal.append(put("k2"));
+  const std::uint64_t closed = journal.rotate();
+  const std::string whole = bytesOf(1);
+  Keys keys;
+  for (const std::size_t length : {std::size_t{0}, whole.size() / 2, whole.size() - 1}) {
+    rewrite(1, whole.substr(0, length));
+    EXPECT_THROW(journal.read(closed, into(keys)), ServerError) << length;
+  }
+}
+
+// Journals without a mark and numbers, as earlier versions wrote them.
+
+const std::string kEarlierChange(
+    "KRJ1\0\0\0\x28\xE0\x2B\x10\x4C\1\0\0\0\2k2\0\0\0\2\0\0\0\1a\0\0\0\1b\0\0\0\1c\0\0\0\2\0x"
+    "\0\0\0\4text",
+    52);
+
+TEST_F(DamagedJournalTest, EarlierFormIsReadAndGoesOnInTheNewOne) {
+  rewrite(3, kEarlierChange);
+  rewrite(4, kEarlierChange);
+  {
+    Journal journal = open();
+    EXPECT_THAT(found_, ElementsAre("k2", "k2"));
+    journal.sync(journal.append(put("k3")).ticket);
+  }
+  EXPECT_EQ(bytesOf(4), kEarlierChange);
+  EXPECT_EQ(refusal(), "");
+  EXPECT_THAT(found_, ElementsAre("k2", "k2", "k3"));
+  Journal journal = open();
+  journal.remove(journal.rotate());
+  EXPECT_TRUE(journal.empty());
+}
+
+TEST_F(DamagedJournalTest, LastChangeOfTheEarlierFormIsDroppedWhereverItIsCut) {
+  for (std::size_t length = 0; length < kEarlierChange.size(); ++length) {
+    restore({{segment(1), kEarlierChange + kEarlierChange.substr(0, length)}});
+    open();
+    EXPECT_THAT(found_, ElementsAre("k2")) << length;
+    EXPECT_EQ(bytesOf(1), kEarlierChange);
+  }
+}
+
+TEST_F(DamagedJournalTest, EveryDamagedByteOfTheEarlierFormIsNamed) {
+  const std::string whole = kEarlierChange + kEarlierChange;
+  for (std::size_t place = 0; place < whole.size(); ++place) {
+    for (const char change : {'\x01', '\x80'}) {
+      std::string bytes = whole;
+      bytes[place] = static_cast<char>(bytes[place] ^ change);
+      restore({{segment(1), bytes}});
+      EXPECT_THAT(refusal(), HasSubstr(segment(1).string() + " is damaged at byte " +
+                                       (place < whole.size() / 2 ? "0" : "52")))
+          << place;
+    }
+  }
+}
+
+// The rules of earlier versions: the last of the numbered files may end in a change that cannot be
+// read, and is then shortened; in all others that is damage.
+TEST_F(DamagedJournalTest, EarlierVersionsRefuseTheNewFormAndShortenNothing) {
+  write(false);
+  const Files all = files();
+  ASSERT_GT(all.size(), 1U);
+  EXPECT_EQ(all.begin()->first, mark()) << "it must come first, and not last";
+  EXPECT_FALSE(all.begin()->second.starts_with("KRJ1"));
+  EXPECT_THAT(all.begin()->second, HasSubstr("The journal of this collection has format 2."));
+}
+
+// The machine stopped after the mark's last state was on disk and before its later ones were.
+TEST_F(DamagedJournalTest, LaterChangesTellWhatWasAcknowledgedWhenTheMarkIsOld) {
+  Files early;
+  {
+    Journal journal = open();
+    journal.sync(journal.append(put("k1")).ticket);
+    early = files();
+    for (const char* key : {"k2", "k3", "k4"}) journal.sync(journal.append(put(key)).ticket);
+  }
+  Files whole = files();
+  whole[mark()] = early.at(mark());
+  const std::size_t one = early.at(segment(1)).size();
+  for (std::size_t place = one; place < 4 * one; ++place) {
+    SCOPED_TRACE(place);
+    restore(whole);
+    std::string bytes = whole.at(segment(1));
+    bytes[place] = static_cast<char>(bytes[place] ^ 1);
+    rewrite(1, bytes);
+    if (place < 3 * one) {
+      EXPECT_THAT(refusal(), HasSubstr(segment(1).string()));
+    } else {
+      EXPECT_EQ(refusal(), "") << "nothing on disk says that the last one was acknowledged";
+      EXPECT_THAT(found_, ElementsAre("k1", "k2", "k3"));
+    }
+  }
+}
+
+// What the machine brought to disk of changes that nobody waited for, out of their order.
+TEST_F(DamagedJournalTest, HoleAmongChangesThatWereNotAcknowledgedIsDroppedWithWhatFollows) {
+  {
+    Journal journal = open();
+    journal.sync(journal.append(put("k1")).ticket);
+    for (const char* key : {"k2", "k3", "k4"}) journal.append(put(key));
+  }
+  const Files whole = files();
+  const std::size_t one = whole.at(segment(1)).size() / 4;
+  for (std::size_t length = 1; length < one; ++length) {
+    restore(whole);
+    std::string bytes = whole.at(segment(1));
+    bytes.replace(one + 3, length, length, '\0');
+    rewrite(1, bytes);
+    {
+      Journal journal = open();
+      EXPECT_THAT(found_, ElementsAre("k1"));
+      journal.sync(journal.append(put("k5")).ticket);
+    }
+    open();
+    EXPECT_THAT(found_, ElementsAre("k1", "k5"));
+  }
+}
+
+TEST_F(DamagedJournalTest, ChangeWhoseTextLooksLikeChangesIsOne) {
+  std::string inner;
+  {
+    Journal journal = open();
+    journal.sync(journal.append(put("inner")).ticket);
+    inner = bytesOf(1);
+  }
+  restore({});
+  {
+    Journal journal = open();
+    journal.sync(journal.append(put("k1")).ticket);
+    journal.append(put("k2", inner + inner));
+  }
+  const std::string whole = bytesOf(1);
+  const std::size_t first = whole.find("KRJ2", 1);
+  // Cut off, it was never acknowledged, whatever its text says.
+  for (std::size_t length = first; length < whole.size(); ++length) {
+    restore({{mark(), files().at(mark())}, {segment(1), whole.substr(0, length)}});
+    EXPECT_EQ(refusal(), "") << length;
+    EXPECT_THAT(found_, ElementsAre("k1")) << length;
+  }
+}
+
+TEST_F(DamagedJournalTest, MarkTakesNoDescriptor) {
+  Journal journal = open();
+  const auto descriptors = [] {
+    const std::filesystem::directory_iterator open("/proc/self/fd");
+    return std::distance(begin(open), end(open));
+  };
+  const auto before = descriptors();
+  journal.sync(journal.append(put("k1")).ticket);
+  EXPECT_EQ(descriptors(), before);
+}
+
+TEST_F(DamagedJournalTest, ChangeThatCannotBeMarkedIsNotAcknowledged) {
+  Journal journal = open();
+  const std::uint64_t ticket = journal.append(put("k1")).ticket;
+  {
+    const test::DescriptorLimit none(0);
+    EXPECT_THROW(journal.sync(ticket), ServerError);
+  }
+  EXPECT_NO_THROW(journal.sync(ticket));
+}
+
+TEST_F(DamagedJournalTest, ServerThatStoppedBetweenTheFormsGoesOn) {
+  restore({{segment(1), kEarlierChange}, {segment(2), ""}});
+  EXPECT_EQ(refusal(), "");
+  EXPECT_THAT(found_, ElementsAre("k2"));
+  restore({{segment(1), kEarlierChange.substr(0, 30)}, {segment(2), ""}});
+  EXPECT_THAT(refusal(), HasSubstr(segment(1).string() + " is damaged at byte 0"));
 }
 
 TEST_F(JournalTest, LargeChangeGoesThrough) {

@@ -24,8 +24,8 @@ using ::testing::UnorderedElementsAre;
 const std::string kZeroKey("a\0b", 3);
 const std::string kZeroTerm = "Rbase64:YQBi";
 
-/// "k2" is put with the metadata a=b and c=NUL x and the content "text"; then the key a NUL b is
-/// removed.
+/// What earlier versions wrote: "k2" is put with the metadata a=b and c=NUL x and the content
+/// "text"; then the key a NUL b is removed.
 const std::string kJournal(
     "KRJ1\0\0\0\x28\xE0\x2B\x10\x4C\1\0\0\0\2k2\0\0\0\2\0\0\0\1a\0\0\0\1b\0\0\0\1c\0\0\0\2\0x"
     "\0\0\0\4text"
@@ -44,6 +44,17 @@ Xapian::Document storedDocument(const std::string& identity, const std::string& 
   }
   return document;
 }
+
+/// The same two changes as they are written now.
+const std::string kNumberedJournal(
+    "KRJ2\0\0\0(\xE0+\20L\0\0\0\0\0\0\0\1"
+    "\0\0\0\0\0\0\0\0\xB4m\x93\xE2"
+    "\1\0\0\0\2k2\0\0\0\2\0\0\0\1a\0\0\0\1b\0\0\0\1c\0\0\0\2\0x\0\0\0\4text"
+    "KRJ2\0\0\0\20\xFFJ\134\34\0\0\0\0\0\0\0\2"
+    "\0\0\0\0\0\0\0\1\xCFm\x95p"
+    "\2\0\0\0\3a\0b\0\0\0\0\0\0\0\0",
+    120);
+const std::string kMark("KRM2\0\0\0\0\0\0\0\1\0\0\0\0\0\0\0\2\177<\x80\x94", 24);
 
 class StoredFormTest : public ::testing::Test {
  protected:
@@ -131,8 +142,12 @@ TEST_F(StoredFormTest, ChangesAreWrittenToTheJournalInTheSameForm) {
   store.createCollection("c", "en");
   store.addDocument("c", {"k2", {{"a", "b"}, {"c", std::string("\0x", 2)}}, "text"});
   store.deleteDocument("c", kZeroKey);
-  std::ifstream file(collection() / "journal-0000000001", std::ios::binary);
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), kJournal);
+  std::ifstream journal(collection() / "journal-0000000001", std::ios::binary);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(journal), {}), kNumberedJournal);
+  std::ifstream file(collection() / "journal-0000000000", std::ios::binary);
+  const std::string mark(std::istreambuf_iterator<char>(file), {});
+  EXPECT_EQ(mark.size(), 1048U);
+  EXPECT_THAT(mark, HasSubstr(kMark));
 }
 
 TEST_F(StoredFormTest, CollectionOfAnotherSchemaIsRefused) {

@@ -1,0 +1,20 @@
+#include "server/store/damage.h"
+
+#include <fmt/format.h>
+
+#include "server/base/errors.h"
+
+namespace corvaned {
+
+std::string describe(const Damage& damage) {
+  return fmt::format("{} is damaged at byte {}: {}", damage.file.string(), damage.place,
+                     damage.what);
+}
+
+void throwDamaged(const Damage& damage) {
+  throw ServerError(
+      ErrorKind::StorageFailed,
+      describe(damage) + "; restore the collection, or stop the server and run corvaned repair");
+}
+
+}  // namespace corvaned

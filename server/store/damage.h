@@ -1,0 +1,23 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace corvaned {
+
+/// A place where a file of a collection is not as it was written.
+struct Damage {
+  std::filesystem::path file;
+  std::uint64_t place = 0;
+  std::string what;
+};
+
+/// One line for a person: the file, the place, and what is wrong there.
+std::string describe(const Damage& damage);
+
+/// Throws ServerError(StorageFailed) that describes the damage and says what to do about it.
+[[noreturn]] void throwDamaged(const Damage& damage);
+
+}  // namespace corvaned
