@@ -31,7 +31,7 @@ endfunction()
 # and the two programs.
 function(krucomm_install)
   set(libraries)
-  foreach(library kruinfra krucomm)
+  foreach(library kruinfra krucomm krucapi)
     if(TARGET ${library})
       list(APPEND libraries ${library} ${library}_static)
       krucomm_install_pkg_config(${library})

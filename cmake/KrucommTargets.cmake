@@ -50,11 +50,18 @@ function(krucomm_add_mutable_library name)
                                              "$<TARGET_FILE:${name}_static>\n")
 endfunction()
 
-# krucomm_add_library(<name> SOURCES <file>... LINK <target>...) builds one set of objects into the
-# shared library <name> and the static library <name>_static. The tests link the static one: they
-# also exercise internals, which the shared object hides.
+# krucomm_add_library(<name> [C_FACE] SOURCES <file>... LINK <target>...) builds one set of objects
+# into the shared library <name> and the static library <name>_static. The tests link the static one:
+# they also exercise internals, which the shared object hides. A C_FACE shows plain functions, and
+# its users need neither the language nor the libraries that are behind it.
 function(krucomm_add_library name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  cmake_parse_arguments(ARG "C_FACE" "" "SOURCES;LINK" ${ARGN})
+  set(behind PUBLIC)
+  set(exports "${PROJECT_SOURCE_DIR}/cmake/exports.map")
+  if(ARG_C_FACE)
+    set(behind PRIVATE)
+    set(exports "${PROJECT_SOURCE_DIR}/cmake/exportsC.map")
+  endif()
   add_library(${name}_objects OBJECT ${ARG_SOURCES})
   target_include_directories(
     ${name}_objects
@@ -72,10 +79,10 @@ function(krucomm_add_library name)
                VERSION ${PROJECT_VERSION}
                SOVERSION ${PROJECT_VERSION_MAJOR}
                EXPORT_NAME ${name}
-               LINK_DEPENDS "${PROJECT_SOURCE_DIR}/cmake/exports.map")
+               LINK_DEPENDS "${exports}")
   # The library's calls to its own functions stay inside, whatever functions its host defines.
   target_link_options(${name} PRIVATE
-                      "LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map"
+                      "LINKER:--version-script=${exports}"
                       "LINKER:-Bsymbolic-functions")
   if(KRUCOMM_MUTATE)
     krucomm_add_mutable_library(${name})
@@ -89,12 +96,12 @@ function(krucomm_add_library name)
       ${library} PUBLIC "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>"
                         "$<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include>"
                         "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/krucomm>")
-    target_compile_features(${library} PUBLIC cxx_std_20)
-    target_link_libraries(${library} PUBLIC ICU::uc PRIVATE $<BUILD_INTERFACE:krucomm_options>)
+    target_compile_features(${library} ${behind} cxx_std_20)
+    target_link_libraries(${library} ${behind} ICU::uc PRIVATE $<BUILD_INTERFACE:krucomm_options>)
   endforeach()
   foreach(dependency ${ARG_LINK})
-    target_link_libraries(${name} PUBLIC ${dependency})
-    target_link_libraries(${name}_static PUBLIC ${dependency}_static)
+    target_link_libraries(${name} ${behind} ${dependency})
+    target_link_libraries(${name}_static ${behind} ${dependency}_static)
   endforeach()
   add_library(krucomm::${name} ALIAS ${name})
   add_library(krucomm::${name}_static ALIAS ${name}_static)

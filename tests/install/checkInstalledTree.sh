@@ -42,6 +42,8 @@ check_find_package() {
   check_program "$build/search"
   check_program "$build/search_static"
   check_program "$build/search_binary"
+  check_program "$build/search_c"
+  check_program "$build/search_c_static"
   loading=$("$build/load" 127.0.0.1 9 books 2>&1 <<<$'key\ttext') &&
     fail "load found a server where there is none"
   [[ $loading == *ERR_CONNECT_SERVER*127.0.0.1\ 9* ]] || fail "load said: $loading"
@@ -61,6 +63,19 @@ check_pkg_config() {
     export LD_LIBRARY_PATH=$libdir
     check_program "$program"
   )
+  check_pkg_config_c "$compiler"
+}
+
+# A program in C, by the strictest reading of its standard.
+check_pkg_config_c() {
+  local compiler=$1 program=$work/search-c-${1##*/} flags
+  read -ra flags <<<"$(pkg-config --cflags --libs krucapi)"
+  "$compiler" -x c -std=c11 -Wall -Wextra -Werror -pedantic "$examples/search.c" -x none \
+    -o "$program" "${flags[@]}"
+  (
+    export LD_LIBRARY_PATH=$libdir
+    check_program "$program"
+  )
 }
 
 for compiler in "$@"; do
@@ -72,7 +87,7 @@ done
 echo "$libdir" >"$work/ld.so.conf"
 /sbin/ldconfig -X -f "$work/ld.so.conf" -C "$work/ld.so.cache" 2>/dev/null
 found=$(/sbin/ldconfig -p -C "$work/ld.so.cache")
-for library in libkrucomm.so.1 libkruinfra.so.1; do
+for library in libkrucapi.so.1 libkrucomm.so.1 libkruinfra.so.1; do
   [[ $found == *"$library "*"=> $libdir/$library"* ]] || fail "ldconfig does not find $library"
 done
 
@@ -80,7 +95,7 @@ header_version() {
   echo '#include "comm/kruVersion.h"' | "$1" -E -dM -x c++ -I "$work/tree/include/krucomm" - |
     sed -n 's/^#define KRU_VERSION_TEXT "\(.*\)"$/\1/p'
 }
-for library in krucomm kruinfra; do
+for library in krucapi krucomm kruinfra; do
   found=$(pkg-config --modversion "$library")
   expected=$(sed -n 's/^set(PACKAGE_VERSION "\(.*\)")$/\1/p' \
     "$(find "$work/tree" -name krucommConfigVersion.cmake)")
@@ -109,6 +124,8 @@ check_examples() {
   port=$(sed -n 's/^listening binary .*://p' "$work/ports")
   found=$("$first/search_binary" 127.0.0.1 "$port" books grey)
   [ "$found" = $'about 1 of 2 documents\n1 base64:azI=' ] || fail "search_binary said: $found"
+  found=$("$first/search_c" 127.0.0.1 "$port" books grey)
+  [ "$found" = $'about 1 of 2 documents\n1 k2' ] || fail "search_c said: $found"
   kill "$server"
   wait "$server" || fail "corvaned did not end in order"
   server=

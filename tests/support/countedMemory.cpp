@@ -1,0 +1,113 @@
+#include "tests/support/countedMemory.h"
+
+#include <unicode/uclean.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <new>
+
+#include "tests/support/simulatedKernel.h"
+
+namespace {
+
+struct Memory {
+  bool counting = false;
+  bool lasting = false;
+  long failing = 0;
+  long count = 0;
+  long live = 0;
+};
+thread_local Memory memory;
+
+bool mustFail() noexcept {
+  if (!memory.counting) return false;
+  const long at = ++memory.count;
+  return at == memory.failing || (memory.lasting && at > memory.failing);
+}
+
+void* noted(void* block) noexcept {
+  if (block != nullptr) ++memory.live;
+  return block;
+}
+
+void* allocate(std::size_t size) noexcept {
+  return mustFail() ? nullptr : noted(std::malloc(size != 0 ? size : 1));
+}
+
+void* allocateAligned(std::size_t size, std::align_val_t alignment) noexcept {
+  const auto unit = static_cast<std::size_t>(alignment);
+  return mustFail() ? nullptr : noted(std::aligned_alloc(unit, (size + unit - 1) / unit * unit));
+}
+
+void* orThrow(void* block) {
+  if (block == nullptr) throw std::bad_alloc();
+  return block;
+}
+
+void release(void* block) noexcept {
+  if (block != nullptr) --memory.live;
+  std::free(block);
+}
+
+void* allocateText(const void*, std::size_t size) noexcept { return allocate(size); }
+
+void* reallocateText(const void*, void* block, std::size_t size) noexcept {
+  if (mustFail()) return nullptr;
+  void* moved = std::realloc(block, size);
+  return block == nullptr ? noted(moved) : moved;
+}
+
+void releaseText(const void*, void* block) noexcept { release(block); }
+
+// Before anything else uses ICU, so that each of its blocks is released by the function above.
+[[gnu::init_priority(101)]] const struct TextMemory {
+  TextMemory() {
+    UErrorCode status = U_ZERO_ERROR;
+    u_setMemoryFunctions(nullptr, allocateText, reallocateText, releaseText, &status);
+    if (U_FAILURE(status)) std::abort();
+  }
+} textMemory;
+
+}  // namespace
+
+void* operator new(std::size_t size) { return orThrow(allocate(size)); }
+void* operator new[](std::size_t size) { return orThrow(allocate(size)); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
+void* operator new(std::size_t size, std::align_val_t alignment) {
+  return orThrow(allocateAligned(size, alignment));
+}
+void* operator new[](std::size_t size, std::align_val_t alignment) {
+  return orThrow(allocateAligned(size, alignment));
+}
+void operator delete(void* block) noexcept { release(block); }
+void operator delete[](void* block) noexcept { release(block); }
+void operator delete(void* block, std::size_t) noexcept { release(block); }
+void operator delete[](void* block, std::size_t) noexcept { release(block); }
+void operator delete(void* block, std::align_val_t) noexcept { release(block); }
+void operator delete[](void* block, std::align_val_t) noexcept { release(block); }
+void operator delete(void* block, std::size_t, std::align_val_t) noexcept { release(block); }
+void operator delete[](void* block, std::size_t, std::align_val_t) noexcept { release(block); }
+void operator delete(void* block, const std::nothrow_t&) noexcept { release(block); }
+void operator delete[](void* block, const std::nothrow_t&) noexcept { release(block); }
+
+namespace tq::test {
+
+long liveBlocks() { return memory.live; }
+
+ScarceMemory::ScarceMemory(long failing, bool lasting) {
+  memory.failing = failing;
+  memory.lasting = lasting;
+  memory.count = 0;
+  memory.counting = true;
+  SimulatedKernel::tellOfWork([](bool begins) { memory.counting = !begins; });
+}
+
+ScarceMemory::~ScarceMemory() {
+  memory.counting = false;
+  SimulatedKernel::tellOfWork(nullptr);
+}
+
+long ScarceMemory::count() const { return memory.count; }
+
+}  // namespace tq::test

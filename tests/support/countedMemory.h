@@ -1,0 +1,22 @@
+#pragma once
+
+namespace tq::test {
+
+/// Blocks of this thread that were taken and not given back, ICU's included. For executables that
+/// have countedMemory.cpp among their sources, which replaces the allocation functions.
+long liveBlocks();
+
+/// While one lives, one allocation of this thread fails, counted from 1, or it and all that follow.
+/// What the simulated kernel allocates is not counted.
+class ScarceMemory {
+ public:
+  ScarceMemory(long failing, bool lasting);
+  ~ScarceMemory();
+  ScarceMemory(const ScarceMemory&) = delete;
+  ScarceMemory& operator=(const ScarceMemory&) = delete;
+
+  /// Allocations so far. When they are fewer than the one that fails, none has failed.
+  long count() const;
+};
+
+}  // namespace tq::test
