@@ -197,7 +197,7 @@ void checkDocument(const std::string& bytes) {
 /// Serves a request and takes the reply to its end.
 void serve(corvaned::Dispatcher& dispatcher, Framing framing, const corvaned::Request& request) {
   constexpr std::size_t kMostPortions = 64;
-  corvaned::Dispatcher::workload(request);
+  corvaned::Dispatcher::workload(request.header("action"));
   const auto encoder = corvaned::encode(framing, dispatcher.handle(request));
   std::string out;
   std::size_t portions = 0;

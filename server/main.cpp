@@ -7,13 +7,18 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <iostream>
+#include <memory>
+#include <optional>
+#include <stdexcept>
 #include <string>
 
+#include "server/base/memoryBudget.h"
 #include "server/faults/faultScript.h"
 #include "server/faults/faultyOutlet.h"
 #include "server/front/dispatcher.h"
@@ -25,6 +30,9 @@ namespace {
 
 using namespace corvaned;
 
+// A transaction of words that are all different takes many times the memory that its text has.
+constexpr std::size_t kBatchesPerBudget = 64;
+
 struct Options {
   std::string data;
   std::string portFile;
@@ -32,6 +40,8 @@ struct Options {
   std::string faultScript;
   ServerOptions server;
   StoreLimits store;
+  std::optional<std::uint64_t> contentBytes;
+  std::optional<std::size_t> memory;
   unsigned stallSeconds = 60;
   unsigned idleSeconds = 0;
 };
@@ -52,17 +62,17 @@ void declareOptions(CLI::App& app, Options& options) {
   app.add_option("--log-level", options.logLevel, "what to say on standard error")
       ->check(CLI::IsMember({"trace", "debug", "info", "warn", "error", "critical", "off"}))
       ->capture_default_str();
-  app.add_option("--max-content", options.server.limits.contentBytes,
-                 "most bytes behind the header block of a request")
-      ->check(CLI::NonNegativeNumber)
-      ->capture_default_str();
+  app.add_option("--max-content", options.contentBytes,
+                 "most bytes behind the header block of a request; 1 MiB more than a document has "
+                 "if not given")
+      ->check(CLI::NonNegativeNumber);
   app.add_option("--max-document", options.store.documentBytes, "largest document in bytes")
       ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
-  app.add_option("--max-buffered", options.server.bufferedBytes,
-                 "most bytes of unfinished requests, all clients together")
-      ->check(CLI::NonNegativeNumber)
-      ->capture_default_str();
+  app.add_option("--max-memory", options.memory,
+                 "most bytes of memory for requests, replies, index updates and open collections; "
+                 "a quarter of the machine's if not given")
+      ->check(CLI::PositiveNumber);
   app.add_option("--max-connections", options.server.connections, "most clients at a time")
       ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
@@ -105,6 +115,29 @@ void openStandardDescriptors() {
   }
 }
 
+std::size_t quarterOfTheMachine() {
+  const long pages = ::sysconf(_SC_PHYS_PAGES);
+  const long bytes = ::sysconf(_SC_PAGESIZE);
+  if (pages <= 0 || bytes <= 0) throw std::runtime_error("cannot tell how much memory there is");
+  return static_cast<std::size_t>(pages) / 4 * static_cast<std::size_t>(bytes);
+}
+
+// What several of the options say together.
+void settle(Options& options) {
+  const auto budget =
+      std::make_shared<MemoryBudget>(options.memory.value_or(quarterOfTheMachine()));
+  options.server.memory = budget;
+  options.store.index.memory = budget;
+  options.store.index.batchBytes =
+      std::min(options.store.index.batchBytes, budget->limit() / kBatchesPerBudget);
+  // The names and lengths of metadata, and the key.
+  constexpr std::uint64_t slack = std::uint64_t{1} << 20U;
+  options.server.limits.contentBytes =
+      options.contentBytes.value_or(options.store.documentBytes + slack);
+  options.server.stallTimeout = std::chrono::seconds(options.stallSeconds);
+  options.server.idleTimeout = std::chrono::seconds(options.idleSeconds);
+}
+
 // Every thread inherits the mask, so that only sigwait() receives the signals.
 sigset_t blockStopSignals() {
   sigset_t signals;
@@ -142,16 +175,13 @@ void serve(const Options& options) {
   raiseDescriptorLimit();
   LocalStore store(options.data, options.store);
   Dispatcher dispatcher(store, KRUCOMM_VERSION);
-  ServerOptions settings = options.server;
-  settings.stallTimeout = std::chrono::seconds(options.stallSeconds);
-  settings.idleTimeout = std::chrono::seconds(options.idleSeconds);
-  Server server(dispatcher, settings);
+  Server server(dispatcher, options.server);
   server.start();
   const std::string lines = readyLines(server);
   writePortFile(options.portFile, lines);
   std::cout << lines << std::flush;
   spdlog::info("serving {}", options.data);
-  if (settings.outlets) spdlog::warn("replies go wrong as --fault says");
+  if (options.server.outlets) spdlog::warn("replies go wrong as --fault says");
   int signal = 0;
   sigwait(&signals, &signal);
   spdlog::info("stopping");
@@ -173,6 +203,7 @@ int main(int argc, char** argv) {
   try {
     startLog(options.logLevel);
     loadFaults(options);
+    settle(options);
     serve(options);
     return 0;
   } catch (const FaultScriptError& error) {

@@ -76,6 +76,7 @@ Reply search(const Service& service, Request& request) {
 }
 
 DocumentBlock requireBlock(Request& request) {
+  if (request.refusal) throw *request.refusal;
   if (request.content.empty()) {
     throw ServerError(ErrorKind::BadDocument, "the request carries no document");
   }

@@ -1,13 +1,17 @@
 #include "server/front/connection.h"
 
+#include <fmt/format.h>
 #include <spdlog/spdlog.h>
 
+#include <algorithm>
 #include <array>
 #include <asio/post.hpp>
+#include <limits>
 #include <utility>
 #include <vector>
 
 #include "server/base/errors.h"
+#include "server/front/vocabulary.h"
 
 namespace corvaned {
 namespace {
@@ -15,9 +19,13 @@ namespace {
 constexpr std::size_t kReadBytes = std::size_t{64} << 10U;
 // Maximum number of consecutive reads before other connections get their turn.
 constexpr int kReadsPerTurn = 16;
-// A connection may always buffer this much, so that small requests are served even when the total
-// is exhausted.
-constexpr std::size_t kFreeBytes = std::size_t{64} << 10U;
+// Requests up to this size are served from what the budget keeps for small uses.
+constexpr std::size_t kSmallRequest = std::size_t{256} << 10U;
+// The content as it is received, its copy when it is decoded, and the entry of the journal, which
+// is put together in two steps.
+constexpr std::size_t kContentCopies = 4;
+// A header's place in the request's map.
+constexpr std::size_t kHeaderCost = 160;
 // How long the server keeps reading after it has refused a request that it could not decode. If it
 // closed at once while the client still sends, the client's system would discard the reply.
 constexpr std::chrono::milliseconds kDrainTime{2000};
@@ -28,11 +36,29 @@ std::array<char, kReadBytes>& readBuffer() {
   return buffer;
 }
 
+std::size_t bytesFor(const Request& request, std::uint64_t contentBytes) {
+  std::size_t bytes = static_cast<std::size_t>(contentBytes) * kContentCopies;
+  for (const auto& [name, value] : request.headers)
+    bytes += kHeaderCost + name.size() + value.size();
+  return bytes;
+}
+
+MemoryBudget::Use useOf(std::size_t bytes) {
+  return bytes <= kSmallRequest ? MemoryBudget::Use::Small : MemoryBudget::Use::Large;
+}
+
+std::size_t mebibytes(std::size_t bytes) { return (bytes >> 20U) + 1; }
+
+std::shared_ptr<MemoryBudget> withoutLimit() {
+  return std::make_shared<MemoryBudget>(std::numeric_limits<std::size_t>::max());
+}
+
 }  // namespace
 
 ConnectionContext::ConnectionContext(Dispatcher& dispatcher, const ServerOptions& options)
     : dispatcher_(dispatcher),
       options_(options),
+      memory_(options.memory ? options.memory : withoutLimit()),
       readers_(options.readThreads),
       writers_(options.writeThreads),
       indexers_(options.indexThreads) {}
@@ -51,11 +77,6 @@ asio::thread_pool& ConnectionContext::workers(Workload workload) {
 
 std::unique_ptr<Outlet> ConnectionContext::outlet(ClientSocket& socket, Framing framing) {
   return options_.outlets ? options_.outlets->make(socket, framing) : plainOutlet(socket);
-}
-
-bool ConnectionContext::account(std::size_t before, std::size_t now) {
-  const std::size_t total = buffered_ += now - before;
-  return now <= kFreeBytes || total <= options_.bufferedBytes;
 }
 
 bool ConnectionContext::enter(const std::shared_ptr<Connection>& connection) {
@@ -97,8 +118,11 @@ Connection::Connection(Socket socket, Framing framing, ConnectionContext& contex
       timer_(socket_.get_executor()),
       framing_(framing),
       context_(context),
-      decoder_(framing, context.options().limits),
-      outlet_(context.outlet(socket_, framing)) {}
+      decoder_(framing, context.options().limits, this),
+      outlet_(context.outlet(socket_, framing)),
+      inputMemory_(context.memory()),
+      requestMemory_(context.memory()),
+      outputMemory_(context.memory()) {}
 
 void Connection::start() {
   std::error_code ignored;
@@ -110,8 +134,10 @@ void Connection::start() {
 
 void Connection::finish() {
   asio::post(socket_.get_executor(), [self = shared_from_this()] {
-    const bool idle = self->state_ == State::Listening || self->state_ == State::Draining;
-    if (idle) self->close();
+    const State state = self->state_;
+    if (state == State::Listening || state == State::Waiting || state == State::Draining) {
+      self->close();
+    }
   });
 }
 
@@ -132,18 +158,25 @@ void Connection::guarded(const Step& step) {
 
 void Connection::waitForBytes() {
   state_ = State::Listening;
-  startTimer(decoder_.idle() ? context_.options().idleTimeout : context_.options().stallTimeout);
+  startTimer(decoder_.idle() ? context_.options().idleTimeout : context_.options().stallTimeout,
+             &Connection::close);
   socket_.async_wait(Socket::wait_read, [self = shared_from_this()](std::error_code error) {
     if (error || self->state_ == State::Closed) return self->close();
     self->guarded([&] { self->readBytes(); });
   });
 }
 
+// Content is read for as long as its connection may, since its memory is set aside. Of anything
+// else no more is taken than one read gives.
 void Connection::readBytes() {
   std::array<char, kReadBytes>& buffer = readBuffer();
   for (int turn = 0; turn < kReadsPerTurn && !inputEnded_; ++turn) {
+    const std::uint64_t missing = decoder_.missingBytes();
+    if (turn > 0 && missing == 0) break;
+    const std::size_t size =
+        missing > 0 ? std::min<std::uint64_t>(missing, kReadBytes) : kReadBytes;
     std::error_code error;
-    const std::size_t count = socket_.read_some(asio::buffer(buffer), error);
+    const std::size_t count = socket_.read_some(asio::buffer(buffer, size), error);
     if (error == asio::error::would_block) break;
     if (error == asio::error::eof) {
       inputEnded_ = true;
@@ -151,43 +184,41 @@ void Connection::readBytes() {
       return close();
     }
     decoder_.feed({buffer.data(), count});
-    if (!accountInput(decoder_.heldBytes())) {
-      return refuse(ServerError(ErrorKind::TryAgain,
-                                "the server holds too many unfinished requests; try again"));
-    }
-    if (count < buffer.size()) break;
+    if (count < size) break;
   }
   proceed();
 }
 
-bool Connection::accountInput(std::size_t bytes) {
-  return context_.account(std::exchange(accounted_, bytes), bytes);
-}
-
 void Connection::proceed() {
   if (context_.stopping()) return close();
+  if (!inputMemory_.resize(decoder_.pendingBytes(), MemoryBudget::Use::Small)) {
+    return refuse(FramingError(ErrorKind::TryAgain,
+                               "the memory of the server is in use; try again later, or raise "
+                               "--max-memory"));
+  }
   try {
-    if (!queued_) queued_ = decoder_.next();
-    if (queued_) return serve(std::move(*std::exchange(queued_, std::nullopt)));
+    if (decoder_.keptBack() && !queued_) return awaitMemory();
+    if (queued_ || decoder_.ready()) return serve(nextWorkload());
   } catch (const FramingError& error) {
     return refuse(error);
   }
   if (inputEnded_) return close();
-  accountInput(decoder_.heldBytes());
   waitForBytes();
 }
 
-void Connection::serve(Request request) {
-  state_ = State::Serving;
-  timer_.cancel();
-  asio::thread_pool& workers = context_.workers(Dispatcher::workload(request));
-  asio::post(workers, [self = shared_from_this(), request = std::move(request)]() mutable {
-    self->work(std::move(request));
-  });
+Workload Connection::nextWorkload() const {
+  return Dispatcher::workload(queued_ ? queued_->header(words().action) : decoder_.waitingAction());
 }
 
-void Connection::work(Request request) {
-  const State next = answer(std::move(request));
+void Connection::serve(Workload workload) {
+  state_ = State::Serving;
+  stopTimer();
+  asio::post(context_.workers(workload),
+             [self = shared_from_this(), workload] { self->work(workload); });
+}
+
+void Connection::work(Workload workload) {
+  const State next = answer(workload);
   asio::post(socket_.get_executor(), [self = shared_from_this(), next] {
     if (self->state_ == State::Closed) return;
     self->state_ = next;
@@ -195,9 +226,9 @@ void Connection::work(Request request) {
   });
 }
 
-Connection::State Connection::answer(Request request) {
+Connection::State Connection::answer(Workload workload) {
   try {
-    return answerRow(std::move(request));
+    return answerRow(workload);
   } catch (const std::exception& error) {
     spdlog::warn("connection ended: {}", error.what());
     return State::BrokenReply;
@@ -206,20 +237,65 @@ Connection::State Connection::answer(Request request) {
 
 // Requests without a reply come in long rows, all of them for this group of workers. Returning to
 // the strand after each would cost more than serving it does.
-Connection::State Connection::answerRow(Request request) {
+Connection::State Connection::answerRow(Workload workload) {
   try {
     for (;;) {
+      if (!queued_) queued_ = decoder_.next();
+      if (!queued_ || nextWorkload() != workload) return State::Serving;
+      Request request = std::move(*std::exchange(queued_, std::nullopt));
       outlet_->asked(request);
       encoder_ = outlet_->reply(encode(framing_, context_.dispatcher().handle(std::move(request))));
+      requestMemory_.force(0);
       if (!fillOutput()) return State::BrokenReply;
-      if (!output_.empty() || context_.stopping()) return State::Serving;
-      queued_ = decoder_.next();
-      if (!queued_ || Dispatcher::workload(*queued_) != Workload::Write) return State::Serving;
-      request = std::move(*std::exchange(queued_, std::nullopt));
+      if (!output_.empty() || context_.stopping() || workload != Workload::Write) {
+        return State::Serving;
+      }
     }
   } catch (const FramingError& error) {
     return encodeRefusal(error);
   }
+}
+
+// Runs on the worker that decodes the header block.
+Admission::Verdict Connection::admit(const Request& request, std::uint64_t contentBytes) {
+  neededBytes_ = bytesFor(request, contentBytes);
+  const MemoryBudget::Use use = useOf(neededBytes_);
+  if (!context_.memory().canEverFit(neededBytes_, use)) {
+    throw ServerError(
+        ErrorKind::RequestTooLarge,
+        fmt::format("a request of {} bytes needs {} MiB of memory, and the server has "
+                    "{} in all; send a smaller one, or raise --max-memory",
+                    contentBytes, mebibytes(neededBytes_), mebibytes(context_.memory().limit())));
+  }
+  return requestMemory_.resize(neededBytes_, use) ? Verdict::Take : Verdict::Wait;
+}
+
+void Connection::awaitMemory() {
+  state_ = State::Waiting;
+  startTimer(context_.options().memoryTimeout, &Connection::memoryRefused);
+  memoryTicket_ = context_.memory().await(
+      neededBytes_,
+      [weak = weak_from_this(), executor = socket_.get_executor()](MemoryBudget::Share share) {
+        asio::post(executor, [weak, share = std::move(share)]() mutable {
+          const auto self = weak.lock();
+          if (self) self->guarded([&] { self->memoryGranted(std::move(share)); });
+        });
+      });
+}
+
+void Connection::memoryGranted(MemoryBudget::Share share) {
+  if (state_ != State::Waiting) return;
+  requestMemory_ = std::move(share);
+  serve(nextWorkload());
+}
+
+void Connection::memoryRefused() {
+  context_.memory().withdraw(memoryTicket_);
+  decoder_.refuse(ServerError(
+      ErrorKind::TryAgain, fmt::format("the request needs {} MiB of memory, which other requests "
+                                       "have in use; try again, or raise --max-memory",
+                                       mebibytes(neededBytes_))));
+  proceed();
 }
 
 // False when the reply cannot be completed.
@@ -228,6 +304,7 @@ bool Connection::fillOutput() {
     while (encoder_ && output_.size() < kPortionBytes) {
       if (!encoder_->next(output_)) encoder_.reset();
     }
+    outputMemory_.force(output_.capacity());
     return true;
   } catch (const std::exception& error) {
     spdlog::error("a reply was broken off: {}", error.what());
@@ -238,7 +315,7 @@ bool Connection::fillOutput() {
 
 void Connection::writeOutput() {
   if (output_.empty()) return outputWritten();
-  startTimer(context_.options().stallTimeout);
+  startTimer(context_.options().stallTimeout, &Connection::close);
   outlet_->write(output_,
                  [self = shared_from_this()](Outlet::Result result) { self->writeEnded(result); });
 }
@@ -263,16 +340,16 @@ void Connection::outputWritten() {
   proceed();
 }
 
-Connection::State Connection::encodeRefusal(const ServerError& error) {
-  encoder_ = outlet_->reply(
-      encode(framing_, ErrorReply{std::string(messageId(error.kind())), error.what()}));
+Connection::State Connection::encodeRefusal(const FramingError& error) {
+  encoder_ = outlet_->reply(encode(error.spoken().value_or(framing_),
+                                   ErrorReply{std::string(messageId(error.kind())), error.what()}));
   return fillOutput() ? State::LastReply : State::BrokenReply;
 }
 
-void Connection::refuse(const ServerError& error) {
+void Connection::refuse(const FramingError& error) {
   spdlog::debug("a connection's requests cannot be told apart any more: {}", error.what());
-  decoder_ = RequestDecoder(framing_, context_.options().limits);
-  accountInput(0);
+  decoder_ = RequestDecoder(framing_, context_.options().limits, this);
+  inputMemory_.force(0);
   state_ = encodeRefusal(error);
   writeOutput();
 }
@@ -281,7 +358,7 @@ void Connection::startDraining() {
   state_ = State::Draining;
   std::error_code ignored;
   socket_.shutdown(Socket::shutdown_send, ignored);
-  startTimer(kDrainTime);
+  startTimer(kDrainTime, &Connection::close);
   drain();
 }
 
@@ -301,22 +378,25 @@ void Connection::drain() {
 void Connection::close() {
   if (std::exchange(state_, State::Closed) == State::Closed) return;
   std::error_code ignored;
-  timer_.cancel();
+  stopTimer();
   outlet_->cancel();
   socket_.close(ignored);
-  accountInput(0);
+  context_.memory().withdraw(memoryTicket_);
   context_.leave(shared_from_this());
 }
 
-void Connection::startTimer(std::chrono::milliseconds timeout) {
-  if (timeout.count() == 0) {
-    timer_.cancel();
-    return;
-  }
+void Connection::startTimer(std::chrono::milliseconds timeout, void (Connection::*passed)()) {
+  stopTimer();
+  if (timeout.count() == 0) return;
   timer_.expires_after(timeout);
-  timer_.async_wait([self = shared_from_this()](std::error_code error) {
-    if (!error) self->close();
+  timer_.async_wait([self = shared_from_this(), run = timerRun_, passed](std::error_code error) {
+    if (!error && run == self->timerRun_) self->guarded([&] { (self.get()->*passed)(); });
   });
+}
+
+void Connection::stopTimer() {
+  ++timerRun_;
+  timer_.cancel();
 }
 
 }  // namespace corvaned

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -15,6 +16,7 @@
 #include <system_error>
 #include <unordered_set>
 
+#include "server/base/memoryBudget.h"
 #include "server/front/dispatcher.h"
 #include "server/front/outlet.h"
 #include "server/front/replyEncoder.h"
@@ -36,9 +38,7 @@ class ConnectionContext {
   std::unique_ptr<Outlet> outlet(ClientSocket& socket, Framing framing);
   bool stopping() const { return stopping_; }
 
-  /// A connection that buffered `before` bytes of requests now buffers `now`. False if that exceeds
-  /// the total of all connections.
-  bool account(std::size_t before, std::size_t now);
+  MemoryBudget& memory() { return *memory_; }
 
   /// False if there are too many connections.
   bool enter(const std::shared_ptr<Connection>& connection);
@@ -54,11 +54,11 @@ class ConnectionContext {
 
   Dispatcher& dispatcher_;
   const ServerOptions options_;
+  const std::shared_ptr<MemoryBudget> memory_;
   asio::thread_pool readers_;
   asio::thread_pool writers_;
   asio::thread_pool indexers_;
   std::atomic<bool> stopping_ = false;
-  std::atomic<std::size_t> buffered_ = 0;
 
   std::mutex mutex_;
   std::condition_variable left_;
@@ -71,7 +71,11 @@ class ConnectionContext {
 /// The state, the socket and the timer belong to the strand. While a worker serves a request
 /// nothing waits on the socket, and the decoder, the encoder and the output belong to the worker,
 /// which hands them back together with the state that is to follow.
-class Connection : public std::enable_shared_from_this<Connection> {
+///
+/// A request is decoded in two steps. Its header block is decoded by a worker, which also sets
+/// memory aside for the request; only then is the content received. A request for which there is no
+/// memory waits, and the connection with it.
+class Connection : public std::enable_shared_from_this<Connection>, private Admission {
  public:
   using Socket = ClientSocket;
 
@@ -87,6 +91,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   enum class State {
     /// Waiting for a request, or for the rest of one.
     Listening,
+    /// Waiting for the memory that the next request needs.
+    Waiting,
     /// A worker is serving a request, or its reply is being written.
     Serving,
     /// The same, and no further request is read after this reply.
@@ -105,22 +111,28 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void waitForBytes();
   void readBytes();
   void proceed();
-  void serve(Request request);
-  void work(Request request);
-  State answer(Request request);
-  State answerRow(Request request);
+  Workload nextWorkload() const;
+  void serve(Workload workload);
+  void work(Workload workload);
+  State answer(Workload workload);
+  State answerRow(Workload workload);
   bool fillOutput();
   void writeOutput();
   void outputWritten();
   void writeEnded(Outlet::Result result);
-  State encodeRefusal(const ServerError& error);
-  void refuse(const ServerError& error);
+  State encodeRefusal(const FramingError& error);
+  void refuse(const FramingError& error);
   void startDraining();
   void drain();
   void close();
 
-  bool accountInput(std::size_t bytes);
-  void startTimer(std::chrono::milliseconds timeout);
+  Verdict admit(const Request& request, std::uint64_t contentBytes) override;
+  void awaitMemory();
+  void memoryGranted(MemoryBudget::Share share);
+  void memoryRefused();
+
+  void startTimer(std::chrono::milliseconds timeout, void (Connection::*passed)());
+  void stopTimer();
 
   Socket socket_;
   asio::basic_waitable_timer<std::chrono::steady_clock,
@@ -135,8 +147,17 @@ class Connection : public std::enable_shared_from_this<Connection> {
   std::string output_;
   std::unique_ptr<Outlet> outlet_;
 
-  // The number of buffered bytes that the context knows of.
-  std::size_t accounted_ = 0;
+  // The memory of header blocks and of what follows them unasked, of the request that is being
+  // received or served, and of the reply's current portion.
+  MemoryBudget::Share inputMemory_;
+  MemoryBudget::Share requestMemory_;
+  MemoryBudget::Share outputMemory_;
+  // What the request that waits for memory needs, and its place among those who wait.
+  std::size_t neededBytes_ = 0;
+  MemoryBudget::Ticket memoryTicket_ = 0;
+
+  // Tells the timer's current run from earlier ones, whose handlers may still be on their way.
+  std::uint64_t timerRun_ = 0;
   State state_ = State::Listening;
   // The client has ended its sending side; its earlier requests are still answered.
   bool inputEnded_ = false;

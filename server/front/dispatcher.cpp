@@ -39,15 +39,18 @@ Reply refuse(const Request& request, ErrorReply error) {
 
 }  // namespace
 
-Workload Dispatcher::workload(const Request& request) {
-  const Action* action = actionOf(request);
+Workload Dispatcher::workload(std::string_view name) {
+  const Action* action = findAction(name);
   return action ? action->workload : Workload::Read;
 }
 
 Reply Dispatcher::handle(Request request) {
   try {
     if (!request.defect.empty()) throw ServerError(ErrorKind::MalformedRequest, request.defect);
-    return requireAction(request).serve({store_, version_}, request);
+    const Action& action = requireAction(request);
+    // A refusal that no reply can tell is told by the action.
+    if (request.refusal && action.answer == Action::Answer::Always) throw *request.refusal;
+    return action.serve({store_, version_}, request);
   } catch (const ServerError& error) {
     return refuse(request, errorReply(error.kind(), error.what()));
   } catch (const std::bad_alloc&) {

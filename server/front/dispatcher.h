@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "server/front/actions.h"
@@ -13,7 +14,7 @@ class Dispatcher {
  public:
   Dispatcher(Store& store, std::string version) : store_(store), version_(std::move(version)) {}
 
-  static Workload workload(const Request& request);
+  static Workload workload(std::string_view action);
 
   /// Never throws: a failure becomes an ErrorReply, or a line in the log when the request asks for
   /// no reply. Consumes the request's content.

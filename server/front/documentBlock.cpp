@@ -21,6 +21,11 @@ constexpr std::uint32_t kLengthMask = 0x3FFFFFFFU;
   throw ServerError(ErrorKind::BadDocument, "the document block cannot be read: " + why);
 }
 
+[[noreturn]] void refuseMetadata() {
+  throw ServerError(ErrorKind::BadDocument,
+                    fmt::format("the document has more than {} pairs of metadata", kMaxMetadata));
+}
+
 std::string_view takeText(ByteReader& reader) {
   const auto length = reader.u32();
   if (!length) refuse("it ends inside a length");
@@ -30,8 +35,11 @@ std::string_view takeText(ByteReader& reader) {
 }
 
 std::vector<TextPair> takePairs(ByteReader& reader) {
+  // The key and the content are pairs, too.
+  constexpr std::size_t most = kMaxMetadata + 2;
   std::vector<TextPair> pairs;
   while (!reader.empty()) {
+    if (pairs.size() == most) refuseMetadata();
     const std::string_view name = takeText(reader);
     if (reader.empty()) refuse("the last name has no value");
     pairs.emplace_back(name, takeText(reader));
@@ -72,6 +80,8 @@ DocumentBlock parseDocumentBlock(std::string bytes) {
     pairs.pop_back();
   }
   block.document.key = takeKey(pairs);
+  if (pairs.size() > kMaxMetadata) refuseMetadata();
+  block.document.metadata.reserve(pairs.size());
   for (const auto& [name, value] : pairs) block.document.metadata.emplace_back(name, value);
   bytes.erase(0, bytes.size() - contentSize);
   block.document.content = std::move(bytes);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include "server/store/store.h"
@@ -26,5 +27,8 @@ DocumentBlock parseDocumentBlock(std::string bytes);
 
 /// Maximum length of a key in bytes.
 constexpr std::size_t kMaxKeyBytes = 128;
+/// Maximum number of metadata pairs. A pair takes 8 bytes when it is empty, and many times as much
+/// once it is decoded.
+constexpr std::size_t kMaxMetadata = 10000;
 
 }  // namespace corvaned

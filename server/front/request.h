@@ -1,8 +1,11 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
+
+#include "server/base/errors.h"
 
 namespace corvaned {
 
@@ -16,6 +19,8 @@ struct Request {
   /// Why the header block is malformed; empty if it is not. The request is then refused, but since
   /// its end is known the connection can go on.
   std::string defect;
+  /// Why the request was not admitted; its content was then discarded.
+  std::optional<ServerError> refusal;
 
   /// The value of a header; empty if it was not sent.
   std::string_view header(std::string_view name) const {

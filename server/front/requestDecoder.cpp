@@ -49,9 +49,13 @@ void addLine(Request& request, std::string_view line) {
 }
 
 // `block` ends with the LF of its last line, without the CR LF that ends the block.
-Request parseBlock(std::string_view block) {
+Request parseBlock(std::string_view block, std::size_t maxLines) {
   Request request;
-  while (!block.empty()) {
+  for (std::size_t lines = 1; !block.empty(); ++lines) {
+    if (lines > maxLines) {
+      throw FramingError(ErrorKind::RequestTooLarge,
+                         fmt::format("the header block has more than {} lines", maxLines));
+    }
     const std::size_t end = block.find('\n');
     addLine(request, block.substr(0, end));
     block.remove_prefix(end + 1);
@@ -59,89 +63,139 @@ Request parseBlock(std::string_view block) {
   return request;
 }
 
-// The lines of a block of known size. CR LF at the start of a line ends the block and must be its
-// last bytes.
-std::string_view linesOf(std::string_view block) {
-  std::size_t lineStart = 0;
-  while (lineStart < block.size()) {
-    if (block.substr(lineStart, kBlockEnd.size()) == kBlockEnd) break;
-    const std::size_t lf = block.find('\n', lineStart);
-    if (lf == std::string_view::npos)
-      lineStart = block.size();
-    else
-      lineStart = lf + 1;
-  }
-  if (block.size() - lineStart != kBlockEnd.size()) {
+bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20; }
+
+// Two printable bytes are no likely length, but how each header block over HTTP begins.
+[[noreturn]] void refuseBinaryBlock(std::string_view bytes) {
+  if (!isControl(bytes[0]) && !isControl(bytes[1])) {
     throw FramingError(ErrorKind::MalformedRequest,
-                       "the header block does not end where its length says");
+                       "this is the port of the binary protocol, and the request is one of the "
+                       "HTTP protocol; use the other port",
+                       Framing::Http);
   }
-  return block.substr(0, lineStart);
+  throw FramingError(ErrorKind::MalformedRequest,
+                     "the header block does not end where its length says");
 }
 
 }  // namespace
 
 void RequestDecoder::feed(std::string_view bytes) {
-  if (inContent_ && position_ == pending_.size()) {
+  if (stage_ == Stage::Content && position_ == pending_.size()) {
     const auto part = static_cast<std::size_t>(std::min<std::uint64_t>(missing_, bytes.size()));
-    request_.content.append(bytes.substr(0, part));
-    missing_ -= part;
+    keepContent(bytes.substr(0, part));
     bytes.remove_prefix(part);
   }
   compact();
   pending_.append(bytes);
 }
 
-std::optional<Request> RequestDecoder::next() {
-  if (!inContent_) {
-    const auto block = takeHeaderBlock();
-    if (!block) return std::nullopt;
-    startRequest(*block);
+bool RequestDecoder::ready() {
+  switch (stage_) {
+    case Stage::Header:
+      return blockEnds();
+    case Stage::Admission:
+      return true;
+    case Stage::Content:
+      break;
   }
+  return missing_ == 0;
+}
+
+// If a name was sent twice the last value counts, hence the search from the end.
+std::string_view RequestDecoder::waitingAction() const {
+  if (stage_ != Stage::Header) return request_.header(words().action);
+  const std::string_view block = lines();
+  for (std::size_t end = block.size(); end > 0;) {
+    const std::size_t before = end < 2 ? std::string_view::npos : block.rfind('\n', end - 2);
+    const std::size_t begin = before == std::string_view::npos ? 0 : before + 1;
+    const std::string_view line = block.substr(begin, end - 1 - begin);
+    const std::size_t separator = line.find(kSeparator);
+    if (separator != std::string_view::npos && line.substr(0, separator) == words().action) {
+      return line.substr(separator + kSeparator.size());
+    }
+    end = begin;
+  }
+  return {};
+}
+
+std::optional<Request> RequestDecoder::next() {
+  if (stage_ == Stage::Header) {
+    if (!blockEnds()) return std::nullopt;
+    startRequest();
+  }
+  if (stage_ == Stage::Admission && !admitted()) return std::nullopt;
   moveContent();
   if (missing_ > 0) return std::nullopt;
-  inContent_ = false;
+  stage_ = Stage::Header;
   return std::exchange(request_, Request{});
 }
 
-std::optional<std::string_view> RequestDecoder::takeHeaderBlock() {
-  return framing_ == Framing::Http ? takeHttpBlock() : takeBinaryBlock();
-}
-
-std::optional<std::string_view> RequestDecoder::takeHttpBlock() {
-  const std::string_view held = std::string_view(pending_).substr(position_);
+// Moves lineStart_ to the line that ends the block; false if there is none yet.
+bool RequestDecoder::findBlockEnd(std::string_view bytes) {
   for (;;) {
-    const std::string_view line = held.substr(lineStart_);
-    if (line.starts_with(kBlockEnd)) break;
+    const std::string_view line = bytes.substr(lineStart_);
+    if (line.starts_with(kBlockEnd)) return true;
     // This CR may be the first half of the block's end, which does not count towards its length.
-    if (line == kBlockEnd.substr(0, 1)) return std::nullopt;
-    const std::size_t lf = held.find('\n', std::max(searched_, lineStart_));
-    const std::size_t known = lf == std::string_view::npos ? held.size() : lf + 1;
+    if (line == kBlockEnd.substr(0, 1)) return false;
+    const std::size_t lf = bytes.find('\n', std::max(searched_, lineStart_));
+    const std::size_t known = lf == std::string_view::npos ? bytes.size() : lf + 1;
     if (known > limits_.headerBytes) {
       throw FramingError(
           ErrorKind::RequestTooLarge,
           fmt::format("the header block is longer than {} bytes", limits_.headerBytes));
     }
     searched_ = known;
-    if (lf == std::string_view::npos) return std::nullopt;
+    if (lf == std::string_view::npos) return false;
     lineStart_ = known;
   }
-  const std::string_view block = held.substr(0, lineStart_);
-  position_ += lineStart_ + kBlockEnd.size();
+}
+
+bool RequestDecoder::httpBlockEnds() {
+  const std::string_view bytes = held();
+  if (!findBlockEnd(bytes)) return false;
+  refuseBinaryFrame();
+  return true;
+}
+
+// A request of the binary protocol looks like one of this protocol whose first name is spoiled by
+// the two bytes of the length, and would be carried out.
+void RequestDecoder::refuseBinaryFrame() const {
+  const std::string_view block = held().substr(0, lineStart_);
+  if (block.empty()) {
+    throw FramingError(ErrorKind::MalformedRequest, "the header block is empty");
+  }
+  const bool unprintable = isControl(block[0]) || (block.size() > 1 && isControl(block[1]));
+  const bool lengthFits = block.size() > 2 && loadU16(block) == block.size();
+  const std::string_view first = block.substr(0, block.find(kSeparator));
+  if (!unprintable && !(lengthFits && first.size() > 2 && isHeaderName(first.substr(2)))) return;
+  if (block.substr(1, 1) == "\n") return;
+  throw FramingError(ErrorKind::MalformedRequest,
+                     "this is the port of the HTTP protocol, and the request is one of the binary "
+                     "protocol; use the other port",
+                     Framing::Binary);
+}
+
+bool RequestDecoder::binaryBlockEnds() {
+  const std::string_view bytes = held();
+  if (bytes.size() < 2) return false;
+  const std::size_t length = loadU16(bytes);
+  const std::string_view block = bytes.substr(2, length);
+  if (findBlockEnd(block)) {
+    if (lineStart_ + kBlockEnd.size() != length) refuseBinaryBlock(bytes);
+    return true;
+  }
+  if (block.size() == length) refuseBinaryBlock(bytes);
+  return false;
+}
+
+std::string_view RequestDecoder::lines() const {
+  return held().substr(framing_ == Framing::Http ? 0 : 2, lineStart_);
+}
+
+void RequestDecoder::startRequest() {
+  request_ = parseBlock(lines(), limits_.headerLines);
+  position_ += (framing_ == Framing::Http ? 0 : 2) + lineStart_ + kBlockEnd.size();
   lineStart_ = searched_ = 0;
-  return block;
-}
-
-std::optional<std::string_view> RequestDecoder::takeBinaryBlock() {
-  const std::string_view held = std::string_view(pending_).substr(position_);
-  if (held.size() < 2) return std::nullopt;
-  const std::size_t length = loadU16(held);
-  if (length > held.size() - 2) return std::nullopt;
-  position_ += 2 + length;
-  return linesOf(held.substr(2, length));
-}
-
-void RequestDecoder::startRequest(std::string_view block) {
-  request_ = parseBlock(block);
   missing_ = parseContentLength(request_.header(words().contentLength));
   if (missing_ > limits_.contentBytes) {
     throw FramingError(
@@ -149,14 +203,38 @@ void RequestDecoder::startRequest(std::string_view block) {
         fmt::format("a request of {} bytes is announced, the server takes at most {}", missing_,
                     limits_.contentBytes));
   }
-  inContent_ = true;
+  stage_ = Stage::Admission;
+}
+
+bool RequestDecoder::admitted() {
+  try {
+    if (admission_ && admission_->admit(request_, missing_) == Admission::Verdict::Wait) {
+      return false;
+    }
+    // What is admitted has its memory set aside, and a buffer that grows would need it twice.
+    if (admission_) request_.content.reserve(static_cast<std::size_t>(missing_));
+    stage_ = Stage::Content;
+  } catch (const ServerError& error) {
+    refuse(error);
+  }
+  return true;
+}
+
+void RequestDecoder::refuse(const ServerError& error) {
+  std::string().swap(request_.content);
+  request_.refusal = error;
+  stage_ = Stage::Content;
+  moveContent();
+}
+
+void RequestDecoder::keepContent(std::string_view bytes) {
+  if (!request_.refusal) request_.content.append(bytes);
+  missing_ -= bytes.size();
 }
 
 void RequestDecoder::moveContent() {
-  const std::string_view held = std::string_view(pending_).substr(position_);
-  const auto part = static_cast<std::size_t>(std::min<std::uint64_t>(missing_, held.size()));
-  request_.content.append(held.substr(0, part));
-  missing_ -= part;
+  const auto part = static_cast<std::size_t>(std::min<std::uint64_t>(missing_, held().size()));
+  keepContent(held().substr(0, part));
   position_ += part;
 }
 

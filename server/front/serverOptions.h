@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "server/base/memoryBudget.h"
 #include "server/front/requestDecoder.h"
 
 namespace corvaned {
@@ -21,9 +22,10 @@ struct ServerOptions {
   std::optional<std::uint16_t> binaryPort;
 
   DecoderLimits limits;
-  /// Maximum number of bytes of requests not yet served, over all connections. Above that,
-  /// connections that hold much are refused until others are done.
-  std::size_t bufferedBytes = std::size_t{2} << 30U;
+  /// What requests and replies take their memory from. None: without a limit.
+  std::shared_ptr<MemoryBudget> memory;
+  /// How long a request waits for memory before it is refused.
+  std::chrono::milliseconds memoryTimeout{5000};
   /// Maximum number of connections; further ones are closed at once.
   std::size_t connections = 10000;
   /// A client that moves no byte for this long within a request or a reply is cut off. 0: never.

@@ -49,4 +49,14 @@ const Words& words() {
   return instance;
 }
 
+bool isHeaderName(std::string_view name) {
+  const Words& w = words();
+  for (const std::string* word :
+       {&w.action, &w.collection, &w.collectionName, &w.contentLength, &w.query, &w.mode, &w.start,
+        &w.size, &w.resultLimit, &w.scoreWanted, &w.scoreType, &w.language}) {
+    if (name == *word) return true;
+  }
+  return false;
+}
+
 }  // namespace corvaned

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace corvaned {
 
@@ -19,5 +20,8 @@ struct Words {
 };
 
 const Words& words();
+
+/// Whether requests have a header of this name that means something to the server.
+bool isHeaderName(std::string_view name);
 
 }  // namespace corvaned

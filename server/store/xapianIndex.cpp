@@ -19,6 +19,12 @@ namespace corvaned {
 namespace {
 
 constexpr int kReadAttempts = 8;
+// What one hit takes while the engine sorts: twice, as its vector grows.
+constexpr std::size_t kMatchCost = 256;
+// Results up to this size are not worth asking how large they may get.
+constexpr std::size_t kFewHits = 1000;
+// What a byte of a document takes while its words are gathered, for ordinary text.
+constexpr std::size_t kIndexingCost = 16;
 // How many hits an estimate counts exactly.
 constexpr Xapian::doccount kExactHits = 10000;
 
@@ -43,13 +49,15 @@ std::uint16_t milliScore(double weight, double maxAttained, ScoreScale scale) {
 /// per hit.
 class HitBuffer : public HitSource {
  public:
-  HitBuffer(const Xapian::MSet& matches, ScoreScale scale) {
+  HitBuffer(const Xapian::MSet& matches, ScoreScale scale, MemoryBudget::Share memory)
+      : memory_(std::move(memory)) {
     entries_.reserve(matches.size());
     const double best = matches.get_max_attained();
     for (auto match = matches.begin(); match != matches.end(); ++match) {
       keys_ += match.get_sort_key();
       entries_.push_back({keys_.size(), milliScore(match.get_weight(), best, scale)});
     }
+    memory_.force(keys_.capacity() + entries_.capacity() * sizeof(Entry));
   }
 
   bool next(Hit& hit) override {
@@ -66,11 +74,31 @@ class HitBuffer : public HitSource {
     std::size_t keyEnd;
     std::uint16_t milliScore;
   };
+  // Declared first, so that it is given back when the others are gone.
+  MemoryBudget::Share memory_;
   std::string keys_;
   std::vector<Entry> entries_;
   std::size_t position_ = 0;
   std::size_t keyStart_ = 0;
 };
+
+MemoryBudget::Share shareOf(const IndexLimits& limits) {
+  return limits.memory ? MemoryBudget::Share(*limits.memory) : MemoryBudget::Share();
+}
+
+// Sets aside what up to `hits` hits may take while they are sorted.
+MemoryBudget::Share memoryFor(std::size_t hits, const IndexLimits& limits) {
+  MemoryBudget::Share share = shareOf(limits);
+  const bool few = hits <= kFewHits;
+  const auto use = few ? MemoryBudget::Use::Small : MemoryBudget::Use::Large;
+  if (share.resize(hits * kMatchCost, use)) return share;
+  const bool possible = limits.memory->canEverFit(hits * kMatchCost, use);
+  throw ServerError(
+      possible ? ErrorKind::TryAgain : ErrorKind::QueryTooBroad,
+      fmt::format("the result may have {} hits, for which {} MiB of memory are not free; ask for "
+                  "fewer with \"size\" or \"resultLimit\", or raise --max-memory",
+                  hits, (hits * kMatchCost >> 20U) + 1));
+}
 
 Xapian::Query withoutHidden(const Xapian::Query& query, const std::vector<std::string>& hidden) {
   if (hidden.empty() || query.empty()) return query;
@@ -107,9 +135,14 @@ class XapianIndex::Reader {
     Xapian::Enquire enquire(database_);
     enquire.set_query(withoutHidden(parse(query.text, limits), hidden));
     enquire.set_sort_by_relevance_then_value(kKeySlot, false);
+    std::uint64_t most = end;
+    if (most > kFewHits) {
+      most = std::min<std::uint64_t>(most, enquire.get_mset(0, 0).get_matches_upper_bound());
+    }
+    MemoryBudget::Share memory = memoryFor(most, limits);
     const Xapian::MSet matches = enquire.get_mset(static_cast<Xapian::doccount>(start),
                                                   static_cast<Xapian::doccount>(end - start));
-    return std::make_unique<HitBuffer>(matches, query.scale);
+    return std::make_unique<HitBuffer>(matches, query.scale, std::move(memory));
   }
 
   Estimate estimate(const std::string& query, const std::vector<std::string>& hidden,
@@ -263,6 +296,9 @@ class XapianIndex::Writer {
   }
 
   void commit(std::span<const Change> changes) {
+    // An index update is not refused for want of memory: it is what others have to leave room for.
+    MemoryBudget::Share memory = shareOf(limits_);
+    memory.force(kIndexingCost * batchBytes_);
     if (!database_) open();
     const std::size_t knownFields = fields_.size();
     // Outside a transaction the database would commit on its own after a number of changes.

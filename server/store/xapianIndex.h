@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "server/base/memoryBudget.h"
 #include "server/store/change.h"
 #include "server/store/store.h"
 
@@ -24,6 +25,8 @@ struct IndexLimits {
   /// full.
   std::size_t batchChanges = 1000;
   std::size_t batchBytes = std::size_t{16} << 20U;
+  /// What results and transactions take their memory from. None: without a limit.
+  std::shared_ptr<MemoryBudget> memory;
 };
 
 /// The searchable part of a collection: a Xapian database in a directory. Xapian's types stay

@@ -33,6 +33,7 @@ class CorvanedProgram {
   /// Everything up to the end of the output.
   std::string rest();
 
+  pid_t id() const { return process_; }
   void signal(int number);
   /// The exit code, 256 and the signal when one ended it.
   int wait();
@@ -53,6 +54,8 @@ class CorvanedProcess {
   unsigned int httpPort() const { return httpPort_; }
   unsigned int binaryPort() const { return binaryPort_; }
   const std::filesystem::path& directory() const { return directory_.path(); }
+
+  pid_t id() const { return program_->id(); }
 
   /// Ends it as a user would and returns its exit code, 256 and the signal when one ended it.
   int stop();

@@ -285,7 +285,7 @@ TEST(Workload, SearchesWritersAndIndexUpdatesAreKeptApart) {
   const auto of = [](const char* action) {
     Request request;
     request.headers["action"] = action;
-    return Dispatcher::workload(request);
+    return Dispatcher::workload(request.header("action"));
   };
   EXPECT_EQ(of("search"), Workload::Read);
   EXPECT_EQ(of("addDocument"), Workload::Write);

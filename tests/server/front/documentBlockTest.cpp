@@ -89,6 +89,17 @@ TEST(DocumentBlock, EveryTruncationWithAMatchingLengthIsRefusedOrHasNoContent) {
   }
 }
 
+TEST(DocumentBlock, MetadataHasAtMostSoManyPairs) {
+  const auto withPairs = [](std::size_t count) {
+    return documentBlock("k", test::Metadata(count, {"", ""}), "x");
+  };
+  EXPECT_EQ(parseDocumentBlock(withPairs(kMaxMetadata)).document.metadata.size(), kMaxMetadata);
+  EXPECT_THAT(refusal(withPairs(kMaxMetadata + 1)), HasSubstr("more than 10000 pairs"));
+  EXPECT_THAT(refusal(withPairs(kMaxMetadata + 2)), HasSubstr("more than 10000 pairs"));
+  EXPECT_THAT(refusal(documentBlock("k", test::Metadata(kMaxMetadata + 1, {"", ""}), "")),
+              HasSubstr("more than 10000 pairs"));
+}
+
 TEST(DocumentBlock, LengthsBeyondTheBlockAreRefused) {
   for (const std::uint32_t length : {5U, 0x3FFFFFFFU, 0x7FFFFFFFU, 0x80000005U, 0xFFFFFFFFU}) {
     EXPECT_THAT(refusal(block(bigEndian(length, 4) + "abcd")), HasSubstr("longer than the rest"))

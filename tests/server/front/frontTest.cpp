@@ -30,6 +30,7 @@ using test::documentBlock;
 using test::Headers;
 using test::httpRequest;
 using test::RawClient;
+using ::testing::AllOf;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -267,7 +268,7 @@ TEST_F(FrontTest, GarbageIsAnsweredWithAnErrorAndTheConnectionEnds) {
     EXPECT_THAT(reply, HasSubstr("ZVK000"));
   }
   for (const std::string& garbage :
-       {std::string("\0\0", 2), std::string("\0\5hello", 7), std::string(70000, '\x7F')}) {
+       {std::string("\0\0", 2), std::string("\0\5hello", 7), std::string(70000, '\x0F')}) {
     RawClient client(binary_);
     client.send(garbage);
     const std::string reply = client.receiveAll();
@@ -527,36 +528,87 @@ TEST_F(ImpatientFrontTest, ContentBeyondTheLimitIsRefusedBeforeItArrives) {
   EXPECT_THAT(client.receiveAll(), HasSubstr("ZVK0002E"));
 }
 
+/// A request needs four times the memory that its content has, and large ones share 7 MiB.
 class FrugalFrontTest : public FrontTest {
  protected:
-  FrugalFrontTest() { options_.bufferedBytes = 500000; }
-
-  static std::string unfinished(std::size_t bytes) {
-    return "Content-Length  : 1000000000\n\r\n" + std::string(bytes, 'x');
+  FrugalFrontTest() {
+    options_.memory = memory_;
+    options_.memoryTimeout = std::chrono::milliseconds(50);
   }
+
+  static std::string announced(std::size_t bytes) {
+    return "Content-Length  : " + std::to_string(bytes) +
+           "\naction: addDocument\nindex: nope\n\r\n";
+  }
+
+  /// Returns once a request that is being received has its memory.
+  void awaitUse(std::size_t bytes) const {
+    while (memory_->used() < bytes) std::this_thread::yield();
+  }
+
+  static constexpr std::size_t kMiB = std::size_t{1} << 20U;
+  std::shared_ptr<MemoryBudget> memory_ = std::make_shared<MemoryBudget>(8 * kMiB);
 };
 
-TEST_F(FrugalFrontTest, UnfinishedRequestsOfAllClientsTogetherHaveALimit) {
+TEST_F(FrugalFrontTest, RequestThatCanNeverFitIsRefusedAndItsConnectionGoesOn) {
+  const Headers headers{{"action", "addDocument"}, {"index", "nope"}};
+  RawClient http(http_);
+  EXPECT_THAT(httpAsk(http, headers, std::string(2 * kMiB, 'x')),
+              AllOf(HasSubstr("ZVK0002E"), HasSubstr("--max-memory")));
+  EXPECT_THAT(httpAsk(http, {{"action", "getServerVersion"}}), EndsWith("1.2.3"));
+  RawClient binary(binary_);
+  EXPECT_EQ(binaryAsk(binary, 2, headers, std::string(2 * kMiB, 'x')), std::string("\0\6", 2));
+  const std::string length = binary.receive(2);
+  EXPECT_THAT(binary.receive(static_cast<unsigned char>(length[0]) * 256U +
+                             static_cast<unsigned char>(length[1])),
+              AllOf(HasSubstr("ZVK0002E"), HasSubstr("--max-memory")));
+  EXPECT_EQ(binaryAsk(binary, 2, {{"action", "getStatus"}}), kSuccess);
+}
+
+TEST_F(FrugalFrontTest, RequestWaitsForMemoryThatAnotherOneHolds) {
+  options_.memoryTimeout = std::chrono::minutes(5);
+  start();
+  RawClient first(http_);
+  first.send(announced(kMiB));
+  awaitUse(4 * kMiB);
+  RawClient second(http_);
+  second.send(announced(kMiB) + std::string(kMiB, 'x'));
+  expectServing();
+  first.send(std::string(kMiB, 'x'));
+  EXPECT_THAT(first.receiveHttp(), HasSubstr("ZVK0012E"));
+  EXPECT_THAT(second.receiveHttp(), HasSubstr("ZVK0012E"));
+}
+
+TEST_F(FrugalFrontTest, RequestThatWaitsTooLongForMemoryIsRefused) {
+  RawClient first(http_);
+  first.send(announced(kMiB));
+  awaitUse(4 * kMiB);
+  RawClient second(http_);
+  second.send(announced(kMiB) + std::string(kMiB, 'x'));
+  EXPECT_THAT(second.receiveHttp(), AllOf(HasSubstr("ZVK0016E"), HasSubstr("--max-memory")));
+  EXPECT_THAT(httpAsk(second, {{"action", "getServerVersion"}}), EndsWith("1.2.3"));
+  first.send(std::string(kMiB, 'x'));
+  EXPECT_THAT(first.receiveHttp(), HasSubstr("ZVK0012E"));
+}
+
+TEST_F(FrugalFrontTest, MemoryOfClientsThatVanishComesBack) {
   std::vector<RawClient> clients;
   for (int i = 0; i < 10; ++i) {
-    clients.emplace_back(http_);
-    clients.back().send(unfinished(100000));
+    clients.emplace_back(i % 2 == 0 ? http_ : binary_);
+    clients.back().send(announced(kMiB) + std::string(1000U * static_cast<unsigned>(i), 'x'));
   }
-  // Between one and all of them are refused, depending on how they come in; what counts is that the
-  // others' memory comes back and that small requests are served all the time.
-  expectServing();
-  RawClient large(http_);
-  large.send(unfinished(1000000));
-  EXPECT_THAT(large.receiveAll(), HasSubstr("ZVK0016E"));
   clients.clear();
-  expectServing();
-  // The server may not have noticed yet that they are gone.
-  std::string reply;
-  do {
-    RawClient again(http_);
-    reply = httpAsk(again, {{"action", "addDocument"}}, std::string(300000, 'x'));
-  } while (reply.find("ZVK0016E") != std::string::npos);
-  EXPECT_THAT(reply, HasSubstr("ZVK0005E"));
+  server_->stop();
+  EXPECT_EQ(memory_->used(), 0U);
+}
+
+TEST_F(FrugalFrontTest, QueuedDocumentWithoutMemoryIsAmongTheOutcomes) {
+  RawClient client(http_);
+  EXPECT_EQ(httpAsk(client, {{"action", "createCollection"}, {"index", "c"}}), kDone);
+  client.send(httpRequest({{"action", "asyncAddDocument"}, {"index", "c"}},
+                          documentBlock("k", {}, std::string(2 * kMiB, 'x'))));
+  EXPECT_THAT(httpAsk(client, {{"action", "getParseResult"}, {"index", "c"}}),
+              AllOf(HasSubstr("ZVK0002E"), HasSubstr("--max-memory")));
 }
 
 TEST(Server, AddressThatCannotBeHadIsNamed) {

@@ -15,6 +15,7 @@ using test::binaryRequest;
 using test::documentBlock;
 using test::Headers;
 using test::httpRequest;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 struct Outcome {
@@ -173,6 +174,131 @@ TEST_P(BothFramings, AnnouncedSizesNearTheEndOfIntegersAreRefused) {
         decode(GetParam(), encoded(GetParam(), {{"Content-Length  ", length}}, ""));
     EXPECT_EQ(outcome.kind, ErrorKind::RequestTooLarge) << length;
   }
+}
+
+/// Takes what it is told to take, and notes what it was asked.
+class ScriptedAdmission : public Admission {
+ public:
+  Verdict admit(const Request& request, std::uint64_t contentBytes) override {
+    asked.push_back(std::string(request.header("action")) + " " + std::to_string(contentBytes));
+    if (refusal) throw *refusal;
+    return verdict;
+  }
+
+  Verdict verdict = Verdict::Take;
+  std::optional<ServerError> refusal;
+  std::vector<std::string> asked;
+};
+
+TEST_P(BothFramings, AdmissionIsAskedBeforeAnyContentArrives) {
+  ScriptedAdmission admission;
+  RequestDecoder decoder(GetParam(), {}, &admission);
+  const std::string bytes = encoded(GetParam(), {{"action", "addDocument"}}, "content");
+  decoder.feed(bytes.substr(0, bytes.size() - 7));
+  EXPECT_FALSE(decoder.next());
+  EXPECT_THAT(admission.asked, ElementsAre("addDocument 7"));
+  EXPECT_EQ(decoder.missingBytes(), 7U);
+  decoder.feed("content");
+  EXPECT_TRUE(decoder.ready());
+  EXPECT_EQ(decoder.next()->content, "content");
+  EXPECT_THAT(admission.asked, ElementsAre("addDocument 7"));
+}
+
+TEST_P(BothFramings, RefusedRequestComesWithoutItsContentAndTheNextOneIsRead) {
+  for (const std::size_t size : {1U, 5U, 1000U}) {
+    ScriptedAdmission admission;
+    admission.refusal = ServerError(ErrorKind::TryAgain, "not now");
+    RequestDecoder decoder(GetParam(), {}, &admission);
+    const std::string bytes = encoded(GetParam(), {{"action", "addDocument"}}, "content") +
+                              encoded(GetParam(), {{"action", "getStatus"}}, "");
+    std::vector<std::string> portions;
+    for (std::size_t at = 0; at < bytes.size(); at += size)
+      portions.push_back(bytes.substr(at, size));
+    const Outcome outcome = decode(decoder, portions);
+    ASSERT_EQ(outcome.requests.size(), 2U) << size;
+    ASSERT_TRUE(outcome.requests[0].refusal.has_value()) << size;
+    EXPECT_STREQ(outcome.requests[0].refusal->what(), "not now") << size;
+    EXPECT_EQ(outcome.requests[0].content, "") << size;
+    EXPECT_EQ(outcome.requests[1].header("action"), "getStatus") << size;
+    EXPECT_TRUE(decoder.idle()) << size;
+  }
+}
+
+TEST_P(BothFramings, RequestThatIsKeptBackIsAskedAboutAgain) {
+  ScriptedAdmission admission;
+  admission.verdict = Admission::Verdict::Wait;
+  RequestDecoder decoder(GetParam(), {}, &admission);
+  decoder.feed(encoded(GetParam(), {{"action", "addDocument"}}, "content"));
+  EXPECT_FALSE(decoder.next());
+  EXPECT_TRUE(decoder.keptBack());
+  admission.verdict = Admission::Verdict::Take;
+  EXPECT_EQ(decoder.next()->content, "content");
+  EXPECT_FALSE(decoder.keptBack());
+}
+
+TEST_P(BothFramings, RequestThatIsKeptBackCanBeRefused) {
+  ScriptedAdmission admission;
+  admission.verdict = Admission::Verdict::Wait;
+  RequestDecoder decoder(GetParam(), {}, &admission);
+  decoder.feed(encoded(GetParam(), {{"action", "addDocument"}}, "content"));
+  EXPECT_FALSE(decoder.next());
+  decoder.refuse(ServerError(ErrorKind::TryAgain, "no memory"));
+  EXPECT_TRUE(decoder.ready());
+  EXPECT_STREQ(decoder.next()->refusal->what(), "no memory");
+}
+
+TEST_P(BothFramings, WaitingActionIsTheOneThatTheRequestWillHave) {
+  const std::vector<std::string> blocks{"action: search\nquery: x\n",
+                                        "action: a\naction: search\nz: action: no\n",
+                                        "Content-Length  : 0\naction: search\n",
+                                        "x: y\n\naction: search\n\n", "action: search\nquery\n"};
+  for (const std::string& block : blocks) {
+    const std::string text = block + "\r\n";
+    const bool http = GetParam() == Framing::Http;
+    RequestDecoder decoder(GetParam(), {});
+    decoder.feed(http ? text : test::bigEndian(text.size(), 2) + text);
+    ASSERT_TRUE(decoder.ready()) << block;
+    EXPECT_EQ(decoder.waitingAction(), "search") << block;
+    EXPECT_EQ(decoder.next()->header("action"), "search") << block;
+  }
+}
+
+TEST_P(BothFramings, HeaderBlockHasAtMostSoManyLines) {
+  DecoderLimits limits;
+  limits.headerLines = 3;
+  const Headers two{{"a", "b"}, {"c", "d"}};
+  EXPECT_EQ(decode(GetParam(), encoded(GetParam(), two, ""), limits).requests.size(), 1U);
+  limits.headerLines = 2;
+  const Outcome outcome = decode(GetParam(), encoded(GetParam(), two, ""), limits);
+  EXPECT_EQ(outcome.kind, ErrorKind::RequestTooLarge);
+  EXPECT_THAT(outcome.error, HasSubstr("more than 2 lines"));
+}
+
+TEST_P(BothFramings, RequestOfTheOtherProtocolIsRefusedAsSuch) {
+  const bool http = GetParam() == Framing::Http;
+  // Lengths whose two bytes are both printable, and such with one that is not.
+  for (const std::size_t fill : {0U, 100U, 0x2030U, 0x4143U, 0x6F41U}) {
+    const Headers headers{{"action", "deleteCollection"}, {"query", std::string(fill, 'q')}};
+    const std::string bytes = encoded(http ? Framing::Binary : Framing::Http, headers, "");
+    for (const std::size_t cut : {std::size_t{1}, std::size_t{2}, bytes.size()}) {
+      RequestDecoder decoder(GetParam(), {});
+      const Outcome outcome = decode(decoder, {bytes.substr(0, cut), bytes.substr(cut)});
+      EXPECT_TRUE(outcome.requests.empty()) << fill;
+      EXPECT_THAT(outcome.error, HasSubstr("use the other port")) << fill;
+    }
+  }
+}
+
+TEST(RequestDecoder, NameThatBeginsLikeALengthIsStillAName) {
+  // The first two letters read as a length are exactly that of the block.
+  const std::string line = "ab: ";
+  const std::string block = line + std::string(0x6162 - line.size() - 1, 'x') + "\n";
+  EXPECT_EQ(decode(Framing::Http, block + "\r\n").requests.size(), 1U);
+}
+
+TEST(RequestDecoder, EmptyBlockIsRefused) {
+  EXPECT_THAT(decode(Framing::Http, "\r\naction: deleteCollection\n\r\n").error,
+              HasSubstr("empty"));
 }
 
 TEST(RequestDecoder, TwoDifferentContentLengthsLoseTheFraming) {

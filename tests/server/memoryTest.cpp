@@ -1,0 +1,91 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/server/rawClient.h"
+#include "tests/server/requestBytes.h"
+#include "tests/support/corvanedProcess.h"
+
+// How much memory the program takes, whatever it is asked.
+namespace corvaned {
+namespace {
+
+using test::documentBlock;
+using test::httpRequest;
+using test::RawClient;
+using ::testing::AnyOf;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+constexpr std::size_t kMiB = std::size_t{1} << 20U;
+constexpr std::size_t kBudget = 96 * kMiB;
+// The program itself, its threads' stacks and caches. A sanitizer keeps shadows of all memory, and
+// what was freed for a while.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr std::size_t kProgram = 1500 * kMiB;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr std::size_t kProgram = 1500 * kMiB;
+#else
+constexpr std::size_t kProgram = 96 * kMiB;
+#endif
+#else
+constexpr std::size_t kProgram = 96 * kMiB;
+#endif
+
+class MemoryTest : public ::testing::Test {
+ protected:
+  std::size_t bytesOf(const std::string& what) const {
+    std::ifstream status("/proc/" + std::to_string(server_.id()) + "/status");
+    for (std::string line; std::getline(status, line);) {
+      if (line.starts_with(what + ":")) return std::stoul(line.substr(what.size() + 1)) * 1024;
+    }
+    throw std::runtime_error("the system does not say " + what);
+  }
+
+  std::string ask(const test::Headers& headers, const std::string& body = {}) const {
+    RawClient client(static_cast<std::uint16_t>(server_.httpPort()));
+    client.send(httpRequest(headers, body));
+    return client.receiveHttp();
+  }
+
+  std::uint16_t http() const { return static_cast<std::uint16_t>(server_.httpPort()); }
+
+  tq::test::CorvanedProcess server_{
+      {"--max-memory", std::to_string(kBudget), "--max-document", std::to_string(16 * kMiB)}};
+};
+
+TEST_F(MemoryTest, LargeRequestsOfManyClientsStayWithinTheBudget) {
+  ASSERT_THAT(ask({{"action", "createCollection"}, {"index", "c"}}), StartsWith("HTTP/1.1 200"));
+  std::vector<std::thread> clients;
+  for (int i = 0; i < 12; ++i) {
+    clients.emplace_back([this, i] {
+      // Bytes that are a great many empty pairs, and an ordinary document.
+      const std::string body =
+          i % 2 == 0 ? std::string("\0\0\0\0\0\xF0\0\0", 8) + std::string(0xF00000, '\0')
+                     : documentBlock("k" + std::to_string(i), {}, std::string(15 * kMiB, 'x'));
+      EXPECT_THAT(ask({{"action", "addDocument"}, {"index", "c"}}, body),
+                  AnyOf(StartsWith("HTTP/1.1 200"), HasSubstr("ZVK0012E"), HasSubstr("ZVK0016E")));
+    });
+  }
+  for (std::thread& client : clients) client.join();
+  EXPECT_LT(bytesOf("VmHWM"), kBudget + kProgram);
+}
+
+TEST_F(MemoryTest, AnnouncedContentTakesNoMemory) {
+  std::vector<RawClient> clients;
+  for (int i = 0; i < 50; ++i) {
+    clients.emplace_back(http());
+    clients.back().send("Content-Length  : 16000000\naction: addDocument\nindex: c\n\r\n");
+  }
+  EXPECT_THAT(ask({{"action", "getServerVersion"}}), StartsWith("HTTP/1.1 200"));
+  EXPECT_LT(bytesOf("VmHWM"), kProgram);
+}
+
+}  // namespace
+}  // namespace corvaned

@@ -1,0 +1,84 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "server/base/errors.h"
+#include "server/base/memoryBudget.h"
+#include "server/store/localStore.h"
+#include "tests/support/temporaryDirectory.h"
+
+namespace corvaned {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+
+/// 2000 documents with the word "fox", which need 500 KiB to be sorted and 76 KB to be kept.
+class StoreMemoryTest : public ::testing::Test {
+ protected:
+  void open(std::size_t budget) {
+    StoreLimits limits;
+    memory_ = std::make_shared<MemoryBudget>(budget);
+    limits.index.memory = memory_;
+    store_.emplace(directory_.path() / "data", limits);
+    store_->createCollection("c", "en");
+    for (int i = 0; i < 2000; ++i) {
+      store_->queueDocument("c", {"a key of many letters " + std::to_string(i), {}, "fox"});
+    }
+    store_->updateIndex("c");
+  }
+
+  std::unique_ptr<HitSource> search(std::uint64_t size = 5000) {
+    SearchQuery query;
+    query.text = "fox";
+    query.size = size;
+    return store_->search("c", query);
+  }
+
+  std::string refusal(ErrorKind kind) {
+    try {
+      search();
+    } catch (const ServerError& error) {
+      EXPECT_EQ(error.kind(), kind) << error.what();
+      return error.what();
+    }
+    return "not refused";
+  }
+
+  tq::test::TemporaryDirectory directory_;
+  std::shared_ptr<MemoryBudget> memory_;
+  std::optional<LocalStore> store_;
+};
+
+TEST_F(StoreMemoryTest, ResultTakesMemoryUntilItIsRead) {
+  open(1U << 20U);
+  EXPECT_EQ(memory_->used(), 0U);
+  std::unique_ptr<HitSource> hits = search();
+  EXPECT_GT(memory_->used(), 2000U * 24);
+  EXPECT_LT(memory_->used(), 2000U * 100);
+  hits.reset();
+  EXPECT_EQ(memory_->used(), 0U);
+}
+
+TEST_F(StoreMemoryTest, ResultsThatNobodyReadsAreRefusedWhenTheyFillTheBudget) {
+  open(1U << 20U);
+  std::vector<std::unique_ptr<HitSource>> unread;
+  for (int i = 0; i < 5; ++i) unread.push_back(search());
+  EXPECT_THAT(refusal(ErrorKind::TryAgain), AllOf(HasSubstr("2000 hits"), HasSubstr("size")));
+  EXPECT_NO_THROW(search(10)) << "a small result still has its place";
+  unread.clear();
+  EXPECT_NO_THROW(search());
+}
+
+TEST_F(StoreMemoryTest, ResultThatCanNeverFitIsRefusedAsTooBroad) {
+  open(256U << 10U);
+  EXPECT_THAT(refusal(ErrorKind::QueryTooBroad), HasSubstr("--max-memory"));
+  EXPECT_NO_THROW(search(500));
+}
+
+}  // namespace
+}  // namespace corvaned
