@@ -88,7 +88,7 @@ class EmptyStore : public corvaned::Store {
   }
   corvaned::CollectionState state(const std::string& name) override {
     named(name);
-    return corvaned::CollectionState::current;
+    return corvaned::CollectionState::Current;
   }
 
  private:
@@ -229,7 +229,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   using namespace tq::fuzz;
   Input input(data, size);
   const unsigned int choice = input.byte();
-  const Framing framing = choice % 2 == 0 ? Framing::http : Framing::binary;
+  const Framing framing = choice % 2 == 0 ? Framing::Http : Framing::Binary;
   const corvaned::DecoderLimits& limits = kLimits[(choice >> 1) % kLimits.size()];
   const Cutter pieces(input.byte());
   const std::string_view bytes = input.rest();

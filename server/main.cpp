@@ -44,6 +44,8 @@ struct Options {
   std::optional<std::size_t> memory;
   unsigned stallSeconds = 60;
   unsigned idleSeconds = 0;
+  unsigned requestSeconds = 600;
+  unsigned searchSeconds = 60;
 };
 
 void declareOptions(CLI::App& app, Options& options) {
@@ -82,6 +84,18 @@ void declareOptions(CLI::App& app, Options& options) {
       ->capture_default_str();
   app.add_option("--stall-timeout", options.stallSeconds,
                  "seconds without a byte in the middle of a request or reply, 0: no limit")
+      ->capture_default_str();
+  app.add_option("--request-timeout", options.requestSeconds,
+                 "seconds after which a request must be complete, 0: no limit")
+      ->capture_default_str();
+  app.add_option("--search-timeout", options.searchSeconds,
+                 "seconds that a search may take from its arrival on, 0: no limit")
+      ->capture_default_str();
+  app.add_option("--max-search-cost", options.server.searchCost,
+                 "most documents that a search may look at, 0: no limit")
+      ->capture_default_str();
+  app.add_option("--search-threads", options.server.readThreads, "most searches at a time")
+      ->check(CLI::PositiveNumber)
       ->capture_default_str();
   app.add_option("--fault", options.faultScript,
                  "file, or text, that says which replies go wrong and how");
@@ -136,6 +150,8 @@ void settle(Options& options) {
       options.contentBytes.value_or(options.store.documentBytes + slack);
   options.server.stallTimeout = std::chrono::seconds(options.stallSeconds);
   options.server.idleTimeout = std::chrono::seconds(options.idleSeconds);
+  options.server.requestTimeout = std::chrono::seconds(options.requestSeconds);
+  options.server.searchTimeout = std::chrono::seconds(options.searchSeconds);
 }
 
 // Every thread inherits the mask, so that only sigwait() receives the signals.

@@ -38,6 +38,10 @@ std::string_view messageId(ErrorKind kind) {
       return "ZVK0016E";
     case ErrorKind::OutOfMemory:
       return "ZVK0017E";
+    case ErrorKind::Cancelled:
+      return "ZVK0020E";
+    case ErrorKind::TimedOut:
+      return "ZVK0021E";
     case ErrorKind::Internal:
       break;
   }

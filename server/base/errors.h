@@ -26,6 +26,8 @@ enum class ErrorKind {
   DocumentsNotIndexed,
   TryAgain,
   OutOfMemory,
+  Cancelled,
+  TimedOut,
   Internal,
 };
 

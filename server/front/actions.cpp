@@ -183,14 +183,14 @@ constexpr std::array<Action, 19> kActions{{
     {"search", Workload::Read, kAlways, search},
     {"selectivity", Workload::Read, kAlways, selectivity},
     {"getParseResult", Workload::Write, kAlways, parseResult},
-    {"getStatus", Workload::Read, kAlways, status},
-    {"getServerVersion", Workload::Read, kAlways, version},
-    {"backup", Workload::Read, kAlways, notSupported},
-    {"restore", Workload::Read, kAlways, notSupported},
-    {"takeover", Workload::Read, kAlways, notSupported},
-    {"shutdown", Workload::Read, kAlways, notSupported},
-    {"setConstructorConfiguration", Workload::Read, kAlways, notSupported},
-    {"versionsValidation", Workload::Read, kAlways, notSupported},
+    {"getStatus", Workload::Status, kAlways, status},
+    {"getServerVersion", Workload::Status, kAlways, version},
+    {"backup", Workload::Status, kAlways, notSupported},
+    {"restore", Workload::Status, kAlways, notSupported},
+    {"takeover", Workload::Status, kAlways, notSupported},
+    {"shutdown", Workload::Status, kAlways, notSupported},
+    {"setConstructorConfiguration", Workload::Status, kAlways, notSupported},
+    {"versionsValidation", Workload::Status, kAlways, notSupported},
 }};
 
 }  // namespace

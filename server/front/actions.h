@@ -10,8 +10,9 @@
 namespace corvaned {
 
 /// Which group of workers serves a request. With separate groups a search never waits for a sync to
-/// disk, and neither a search nor a new document waits for an index update.
-enum class Workload { Read, Write, Index };
+/// disk, neither a search nor a new document waits for an index update, and a status waits for none
+/// of them.
+enum class Workload { Read, Write, Index, Status };
 
 /// What an action works on.
 struct Service {

@@ -1,7 +1,10 @@
 #include "server/front/connection.h"
 
 #include <fmt/format.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <spdlog/spdlog.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
@@ -29,6 +32,8 @@ constexpr std::size_t kHeaderCost = 160;
 // How long the server keeps reading after it has refused a request that it could not decode. If it
 // closed at once while the client still sends, the client's system would discard the reply.
 constexpr std::chrono::milliseconds kDrainTime{2000};
+// How many clients at a time are told that there are too many. The others are closed at once.
+constexpr std::size_t kMaxTurnedAway = 64;
 
 // One buffer per thread, not per connection: of thousands of connections most are idle.
 std::array<char, kReadBytes>& readBuffer() {
@@ -61,7 +66,8 @@ ConnectionContext::ConnectionContext(Dispatcher& dispatcher, const ServerOptions
       memory_(options.memory ? options.memory : withoutLimit()),
       readers_(options.readThreads),
       writers_(options.writeThreads),
-      indexers_(options.indexThreads) {}
+      indexers_(options.indexThreads),
+      informers_(options.statusThreads) {}
 
 asio::thread_pool& ConnectionContext::workers(Workload workload) {
   switch (workload) {
@@ -69,6 +75,8 @@ asio::thread_pool& ConnectionContext::workers(Workload workload) {
       return writers_;
     case Workload::Index:
       return indexers_;
+    case Workload::Status:
+      return informers_;
     case Workload::Read:
       break;
   }
@@ -86,15 +94,25 @@ bool ConnectionContext::enter(const std::shared_ptr<Connection>& connection) {
   return true;
 }
 
+bool ConnectionContext::enterToBeTurnedAway(const std::shared_ptr<Connection>& connection) {
+  const std::lock_guard lock(mutex_);
+  if (stopping_ || turnedAway_.size() >= kMaxTurnedAway) return false;
+  turnedAway_.insert(connection);
+  return true;
+}
+
 void ConnectionContext::leave(const std::shared_ptr<Connection>& connection) {
   const std::lock_guard lock(mutex_);
   connections_.erase(connection);
+  turnedAway_.erase(connection);
   left_.notify_all();
 }
 
 std::vector<std::shared_ptr<Connection>> ConnectionContext::snapshot() {
   const std::lock_guard lock(mutex_);
-  return {connections_.begin(), connections_.end()};
+  std::vector<std::shared_ptr<Connection>> all(connections_.begin(), connections_.end());
+  all.insert(all.end(), turnedAway_.begin(), turnedAway_.end());
+  return all;
 }
 
 void ConnectionContext::stopConnections() {
@@ -102,7 +120,8 @@ void ConnectionContext::stopConnections() {
   for (const auto& connection : snapshot()) connection->finish();
   {
     std::unique_lock lock(mutex_);
-    left_.wait_for(lock, options_.stopTimeout, [&] { return connections_.empty(); });
+    left_.wait_for(lock, options_.stopTimeout,
+                   [&] { return connections_.empty() && turnedAway_.empty(); });
   }
   for (const auto& connection : snapshot()) connection->abort();
 }
@@ -111,6 +130,7 @@ void ConnectionContext::joinWorkers() {
   readers_.join();
   writers_.join();
   indexers_.join();
+  informers_.join();
 }
 
 Connection::Connection(Socket socket, Framing framing, ConnectionContext& context)
@@ -121,13 +141,39 @@ Connection::Connection(Socket socket, Framing framing, ConnectionContext& contex
       decoder_(framing, context.options().limits, this),
       outlet_(context.outlet(socket_, framing)),
       inputMemory_(context.memory()),
+      aheadMemory_(context.memory()),
       requestMemory_(context.memory()),
       outputMemory_(context.memory()) {}
 
-void Connection::start() {
+// A peer that is gone without a word is noticed after two minutes.
+void Connection::setSocketOptions() {
   std::error_code ignored;
   socket_.set_option(asio::ip::tcp::no_delay(true), ignored);
   socket_.non_blocking(true, ignored);
+  socket_.set_option(asio::socket_base::keep_alive(true), ignored);
+  const auto set = [&](int option, int value) {
+    ::setsockopt(socket_.native_handle(), IPPROTO_TCP, option, &value, sizeof value);
+  };
+  set(TCP_KEEPIDLE, 60);
+  set(TCP_KEEPINTVL, 15);
+  set(TCP_KEEPCNT, 4);
+}
+
+void Connection::turnAway() {
+  setSocketOptions();
+  asio::post(socket_.get_executor(), [self = shared_from_this()] {
+    self->guarded([&] {
+      self->refuse(FramingError(
+          ErrorKind::TryAgain,
+          fmt::format("the server has {} connections, the most that it takes; close one, try again "
+                      "later, or raise --max-connections",
+                      self->context_.options().connections)));
+    });
+  });
+}
+
+void Connection::start() {
+  setSocketOptions();
   asio::post(socket_.get_executor(),
              [self = shared_from_this()] { self->guarded([&] { self->proceed(); }); });
 }
@@ -156,14 +202,77 @@ void Connection::guarded(const Step& step) {
   }
 }
 
+void Connection::watch() {
+  if (watching_ || inputEnded_ || ahead_.size() >= kReadBytes) return;
+  watching_ = true;
+  socket_.async_wait(Socket::wait_read, [self = shared_from_this()](std::error_code error) {
+    self->watching_ = false;
+    if (error || self->state_ == State::Closed) return self->close();
+    self->guarded([&] { self->readable(); });
+  });
+}
+
+void Connection::readable() {
+  if (state_ == State::Listening) return readBytes();
+  if (state_ == State::Draining) return drain();
+  readAhead();
+}
+
+void Connection::readAhead() {
+  std::array<char, kReadBytes>& buffer = readBuffer();
+  std::error_code error;
+  const std::size_t room = kReadBytes - ahead_.size();
+  const std::size_t count = socket_.read_some(asio::buffer(buffer, room), error);
+  const auto now = RequestContext::Clock::now();
+  if (error == asio::error::eof) {
+    inputEnded_ = true;
+    clientGoneAt(now + context_.options().hangupGrace);
+  } else if (error && error != asio::error::would_block) {
+    // The end of the reply will close the connection.
+    inputEnded_ = true;
+    clientGoneAt(now);
+  }
+  ahead_.append(buffer.data(), count);
+  aheadMemory_.force(ahead_.capacity());
+  watch();
+}
+
+// Only when the decoder needs more: a client that sends without end must not fill it.
+void Connection::takeWhatWasReadAhead() {
+  if (ahead_.empty()) return;
+  decoder_.feed(ahead_);
+  std::string().swap(ahead_);
+  aheadMemory_.force(0);
+}
+
+void Connection::clientGoneAt(RequestContext::Clock::time_point time) {
+  if (request_) request_->cancelAt(time);
+}
+
 void Connection::waitForBytes() {
   state_ = State::Listening;
-  startTimer(decoder_.idle() ? context_.options().idleTimeout : context_.options().stallTimeout,
-             &Connection::close);
-  socket_.async_wait(Socket::wait_read, [self = shared_from_this()](std::error_code error) {
-    if (error || self->state_ == State::Closed) return self->close();
-    self->guarded([&] { self->readBytes(); });
-  });
+  const ServerOptions& options = context_.options();
+  if (decoder_.idle()) {
+    startTimer(options.idleTimeout, &Connection::close);
+    return watch();
+  }
+  const auto now = RequestContext::Clock::now();
+  if (!receivedBy_) receivedBy_ = now + options.requestTimeout;
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(*receivedBy_ - now);
+  if (options.requestTimeout.count() != 0 &&
+      (options.stallTimeout.count() == 0 || left < options.stallTimeout)) {
+    startTimer(std::max(left, std::chrono::milliseconds(1)), &Connection::requestTookTooLong);
+  } else {
+    startTimer(options.stallTimeout, &Connection::close);
+  }
+  watch();
+}
+
+void Connection::requestTookTooLong() {
+  refuse(FramingError(ErrorKind::TimedOut,
+                      fmt::format("the request was not complete after {} ms; send it faster, in "
+                                  "smaller parts, or raise --request-timeout",
+                                  context_.options().requestTimeout.count())));
 }
 
 // Content is read for as long as its connection may, since its memory is set aside. Of anything
@@ -191,6 +300,11 @@ void Connection::readBytes() {
 
 void Connection::proceed() {
   if (context_.stopping()) return close();
+  try {
+    if (!queued_ && !decoder_.ready()) takeWhatWasReadAhead();
+  } catch (const FramingError& error) {
+    return refuse(error);
+  }
   if (!inputMemory_.resize(decoder_.pendingBytes(), MemoryBudget::Use::Small)) {
     return refuse(FramingError(ErrorKind::TryAgain,
                                "the memory of the server is in use; try again later, or raise "
@@ -213,15 +327,24 @@ Workload Connection::nextWorkload() const {
 void Connection::serve(Workload workload) {
   state_ = State::Serving;
   stopTimer();
+  const ServerOptions& options = context_.options();
+  RequestContext::Limits limits;
+  if (workload == Workload::Read) limits = {options.searchTimeout, options.searchCost};
+  request_ = std::make_shared<RequestContext>(limits);
+  if (inputEnded_) clientGoneAt(RequestContext::Clock::now() + options.hangupGrace);
+  watch();
   asio::post(context_.workers(workload),
              [self = shared_from_this(), workload] { self->work(workload); });
 }
 
 void Connection::work(Workload workload) {
+  const RequestContext::Scope scope(*request_);
   const State next = answer(workload);
   asio::post(socket_.get_executor(), [self = shared_from_this(), next] {
     if (self->state_ == State::Closed) return;
     self->state_ = next;
+    self->request_.reset();
+    if (std::exchange(self->served_, false)) self->receivedBy_.reset();
     self->guarded([&] { self->writeOutput(); });
   });
 }
@@ -246,6 +369,7 @@ Connection::State Connection::answerRow(Workload workload) {
       outlet_->asked(request);
       encoder_ = outlet_->reply(encode(framing_, context_.dispatcher().handle(std::move(request))));
       requestMemory_.force(0);
+      served_ = true;
       if (!fillOutput()) return State::BrokenReply;
       if (!output_.empty() || context_.stopping() || workload != Workload::Write) {
         return State::Serving;
@@ -359,26 +483,27 @@ void Connection::startDraining() {
   std::error_code ignored;
   socket_.shutdown(Socket::shutdown_send, ignored);
   startTimer(kDrainTime, &Connection::close);
+  std::string().swap(ahead_);
+  if (inputEnded_) return close();
   drain();
 }
 
 void Connection::drain() {
-  socket_.async_wait(Socket::wait_read, [self = shared_from_this()](std::error_code error) {
-    if (error || self->state_ == State::Closed) return self->close();
-    std::array<char, kReadBytes>& buffer = readBuffer();
-    for (int turn = 0; turn < kReadsPerTurn; ++turn) {
-      self->socket_.read_some(asio::buffer(buffer), error);
-      if (error == asio::error::would_block) break;
-      if (error) return self->close();
-    }
-    self->drain();
-  });
+  std::array<char, kReadBytes>& buffer = readBuffer();
+  std::error_code error;
+  for (int turn = 0; turn < kReadsPerTurn; ++turn) {
+    socket_.read_some(asio::buffer(buffer), error);
+    if (error == asio::error::would_block) break;
+    if (error) return close();
+  }
+  watch();
 }
 
 void Connection::close() {
   if (std::exchange(state_, State::Closed) == State::Closed) return;
   std::error_code ignored;
   stopTimer();
+  clientGoneAt(RequestContext::Clock::now());
   outlet_->cancel();
   socket_.close(ignored);
   context_.memory().withdraw(memoryTicket_);

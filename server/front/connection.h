@@ -17,6 +17,7 @@
 #include <unordered_set>
 
 #include "server/base/memoryBudget.h"
+#include "server/base/requestContext.h"
 #include "server/front/dispatcher.h"
 #include "server/front/outlet.h"
 #include "server/front/replyEncoder.h"
@@ -42,6 +43,8 @@ class ConnectionContext {
 
   /// False if there are too many connections.
   bool enter(const std::shared_ptr<Connection>& connection);
+  /// Takes a connection only to tell it that there are too many. False if even that is too much.
+  bool enterToBeTurnedAway(const std::shared_ptr<Connection>& connection);
   void leave(const std::shared_ptr<Connection>& connection);
 
   /// Ends idle connections at once and the others after their reply. Waits at most stopTimeout,
@@ -58,19 +61,23 @@ class ConnectionContext {
   asio::thread_pool readers_;
   asio::thread_pool writers_;
   asio::thread_pool indexers_;
+  asio::thread_pool informers_;
   std::atomic<bool> stopping_ = false;
 
   std::mutex mutex_;
   std::condition_variable left_;
-  std::unordered_set<std::shared_ptr<Connection>> connections_;  // Guarded by mutex_.
+  // Guarded by mutex_.
+  std::unordered_set<std::shared_ptr<Connection>> connections_;
+  std::unordered_set<std::shared_ptr<Connection>> turnedAway_;
 };
 
-/// One client. It serves one request at a time and reads nothing meanwhile, so that the socket's
-/// flow control slows down a client that sends without reading.
+/// One client. It serves one request at a time. Meanwhile it reads ahead a little, to notice when
+/// the client goes, and then nothing, so that the socket's flow control slows down a client that
+/// sends without reading.
 ///
-/// The state, the socket and the timer belong to the strand. While a worker serves a request
-/// nothing waits on the socket, and the decoder, the encoder and the output belong to the worker,
-/// which hands them back together with the state that is to follow.
+/// The state, the socket, the timer and what was read ahead belong to the strand. While a worker
+/// serves a request, the decoder, the encoder and the output belong to the worker, which hands them
+/// back together with the state that is to follow.
 ///
 /// A request is decoded in two steps. Its header block is decoded by a worker, which also sets
 /// memory aside for the request; only then is the content received. A request for which there is no
@@ -82,6 +89,8 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
   Connection(Socket socket, Framing framing, ConnectionContext& context);
 
   void start();
+  /// Instead of start(): tells the client that there are too many connections.
+  void turnAway();
   /// From any thread: ends now if nothing is being served, otherwise after the reply.
   void finish();
   /// From any thread: ends now.
@@ -108,8 +117,14 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
   template <typename Step>
   void guarded(const Step& step);
 
+  void watch();
+  void readable();
+  void readAhead();
+  void takeWhatWasReadAhead();
+  void clientGoneAt(RequestContext::Clock::time_point time);
   void waitForBytes();
   void readBytes();
+  void requestTookTooLong();
   void proceed();
   Workload nextWorkload() const;
   void serve(Workload workload);
@@ -126,6 +141,7 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
   void drain();
   void close();
 
+  void setSocketOptions();
   Verdict admit(const Request& request, std::uint64_t contentBytes) override;
   void awaitMemory();
   void memoryGranted(MemoryBudget::Share share);
@@ -147,9 +163,21 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
   std::string output_;
   std::unique_ptr<Outlet> outlet_;
 
+  // The request that a worker serves.
+  std::shared_ptr<RequestContext> request_;
+  // Whether the worker has served a request, or only decoded a part of it.
+  bool served_ = false;
+
+  // What was read while a request was being served, and whether a read is being waited for.
+  std::string ahead_;
+  bool watching_ = false;
+  // When the request that is being received must be complete.
+  std::optional<RequestContext::Clock::time_point> receivedBy_;
+
   // The memory of header blocks and of what follows them unasked, of the request that is being
   // received or served, and of the reply's current portion.
   MemoryBudget::Share inputMemory_;
+  MemoryBudget::Share aheadMemory_;
   MemoryBudget::Share requestMemory_;
   MemoryBudget::Share outputMemory_;
   // What the request that waits for memory needs, and its place among those who wait.

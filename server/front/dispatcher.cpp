@@ -41,7 +41,7 @@ Reply refuse(const Request& request, ErrorReply error) {
 
 Workload Dispatcher::workload(std::string_view name) {
   const Action* action = findAction(name);
-  return action ? action->workload : Workload::Read;
+  return action ? action->workload : Workload::Status;
 }
 
 Reply Dispatcher::handle(Request request) {

@@ -79,8 +79,10 @@ class Acceptor : public std::enable_shared_from_this<Acceptor> {
       const auto connection = std::make_shared<Connection>(std::move(socket), framing_, context_);
       if (context_.enter(connection))
         connection->start();
+      else if (context_.enterToBeTurnedAway(connection))
+        connection->turnAway();
       else
-        spdlog::warn("a connection was refused, there are too many");
+        spdlog::debug("a connection was refused, there are too many");
     } catch (const std::exception& failure) {
       spdlog::warn("cannot take a connection: {}", failure.what());
     }

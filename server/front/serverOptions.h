@@ -26,12 +26,22 @@ struct ServerOptions {
   std::shared_ptr<MemoryBudget> memory;
   /// How long a request waits for memory before it is refused.
   std::chrono::milliseconds memoryTimeout{5000};
-  /// Maximum number of connections; further ones are closed at once.
+  /// Maximum number of connections; further ones are told so and closed.
   std::size_t connections = 10000;
   /// A client that moves no byte for this long within a request or a reply is cut off. 0: never.
   std::chrono::milliseconds stallTimeout{60000};
   /// A client that sends no request for this long is cut off. 0: never.
   std::chrono::milliseconds idleTimeout{0};
+  /// A request that is not complete after this long is refused, even if its bytes keep coming.
+  /// 0: never.
+  std::chrono::milliseconds requestTimeout{600000};
+  /// A search that is not done this long after its arrival is refused. 0: never.
+  std::chrono::milliseconds searchTimeout{60000};
+  /// How many documents a search may look at. 0: any number.
+  std::uint64_t searchCost = 0;
+  /// How long a search goes on after the client has ended its sending side, which may mean that it
+  /// has gone or that it has asked all it wants to.
+  std::chrono::milliseconds hangupGrace{1000};
   /// How long stop() waits for requests that are being served.
   std::chrono::milliseconds stopTimeout{10000};
 
@@ -42,6 +52,7 @@ struct ServerOptions {
   unsigned readThreads = 4;
   unsigned writeThreads = 8;
   unsigned indexThreads = 2;
+  unsigned statusThreads = 2;
 };
 
 }  // namespace corvaned

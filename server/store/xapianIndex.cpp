@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "server/base/errors.h"
+#include "server/base/requestContext.h"
 #include "server/store/files.h"
 #include "server/store/textNormalizer.h"
 #include "server/store/xapianSchema.h"
@@ -82,6 +83,74 @@ class HitBuffer : public HitSource {
   std::size_t keyStart_ = 0;
 };
 
+/// Matches every document. The engine asks it about each candidate, and nothing else lets a search
+/// that is under way be stopped.
+class Interruption : public Xapian::PostingSource {
+ public:
+  explicit Interruption(RequestContext& request) : request_(request) {}
+
+  Xapian::doccount get_termfreq_min() const override { return documents_; }
+  Xapian::doccount get_termfreq_est() const override { return documents_; }
+  Xapian::doccount get_termfreq_max() const override { return documents_; }
+
+  void init(const Xapian::Database& database) override {
+    documents_ = database.get_doccount();
+    next_ = database.postlist_begin("");
+    end_ = database.postlist_end("");
+    document_ = 0;
+    atEnd_ = false;
+  }
+
+  void next(double) override { moveTo(document_ + 1); }
+  void skip_to(Xapian::docid document, double) override {
+    if (document > document_) moveTo(document);
+  }
+  // Another part of the query has found the document, so it exists.
+  bool check(Xapian::docid document, double) override {
+    request_.spend(1);
+    document_ = document;
+    return true;
+  }
+  bool at_end() const override { return atEnd_; }
+  Xapian::docid get_docid() const override { return document_; }
+  std::string get_description() const override { return "Interruption"; }
+
+ private:
+  void moveTo(Xapian::docid least) {
+    request_.spend(1);
+    if (next_ != end_) next_.skip_to(least);
+    atEnd_ = next_ == end_;
+    if (!atEnd_) document_ = *next_;
+  }
+
+  RequestContext& request_;
+  Xapian::doccount documents_ = 0;
+  Xapian::PostingIterator next_;
+  Xapian::PostingIterator end_;
+  Xapian::docid document_ = 0;
+  bool atEnd_ = false;
+};
+
+/// A query that ends with an exception once the request for it has to end.
+class Interruptible {
+ public:
+  explicit Interruptible(const Xapian::Query& query) : query_(query) {
+    RequestContext* request = RequestContext::current();
+    if (!request || query.empty()) return;
+    request->check();
+    interruption_.emplace(*request);
+    query_ = Xapian::Query(Xapian::Query::OP_FILTER, query, Xapian::Query(&*interruption_));
+  }
+  Interruptible(const Interruptible&) = delete;
+  Interruptible& operator=(const Interruptible&) = delete;
+
+  const Xapian::Query& query() const { return query_; }
+
+ private:
+  std::optional<Interruption> interruption_;
+  Xapian::Query query_;
+};
+
 MemoryBudget::Share shareOf(const IndexLimits& limits) {
   return limits.memory ? MemoryBudget::Share(*limits.memory) : MemoryBudget::Share();
 }
@@ -132,8 +201,9 @@ class XapianIndex::Reader {
     const std::uint64_t end =
         std::min({saturatedSum(query.start, query.size), query.limit, documents});
     const std::uint64_t start = std::min(query.start, end);
+    const Interruptible words(withoutHidden(parse(query.text, limits), hidden));
     Xapian::Enquire enquire(database_);
-    enquire.set_query(withoutHidden(parse(query.text, limits), hidden));
+    enquire.set_query(words.query());
     enquire.set_sort_by_relevance_then_value(kKeySlot, false);
     std::uint64_t most = end;
     if (most > kFewHits) {
@@ -147,8 +217,9 @@ class XapianIndex::Reader {
 
   Estimate estimate(const std::string& query, const std::vector<std::string>& hidden,
                     const IndexLimits& limits) {
+    const Interruptible words(withoutHidden(parse(query, limits), hidden));
     Xapian::Enquire enquire(database_);
-    enquire.set_query(withoutHidden(parse(query, limits), hidden));
+    enquire.set_query(words.query());
     const Xapian::MSet matches = enquire.get_mset(0, 0, kExactHits);
     return {matches.get_matches_estimated(), matches.get_matches_upper_bound(),
             database_.get_doccount()};

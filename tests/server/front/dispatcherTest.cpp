@@ -290,7 +290,8 @@ TEST(Workload, SearchesWritersAndIndexUpdatesAreKeptApart) {
   EXPECT_EQ(of("search"), Workload::Read);
   EXPECT_EQ(of("addDocument"), Workload::Write);
   EXPECT_EQ(of("updateIndex"), Workload::Index);
-  EXPECT_EQ(of("nonsense"), Workload::Read);
+  EXPECT_EQ(of("getStatus"), Workload::Status);
+  EXPECT_EQ(of("nonsense"), Workload::Status);
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <spdlog/spdlog.h>
@@ -5,6 +6,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <fstream>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -15,6 +17,7 @@
 #include <vector>
 
 #include "server/base/errors.h"
+#include "server/base/requestContext.h"
 #include "server/front/outlet.h"
 #include "server/front/server.h"
 #include "server/store/localStore.h"
@@ -92,10 +95,27 @@ class TestStore : public LocalStore {
 
   std::unique_ptr<HitSource> search(const std::string& name, const SearchQuery& query) override {
     if (name == "many") return std::make_unique<EndlessHits>(std::stoull(query.text));
+    if (name == "held") {
+      gate.pass();
+      return std::make_unique<EndlessHits>(0);
+    }
+    if (name == "endless") searchUntilStopped();
     return LocalStore::search(name, query);
   }
 
   Gate gate;
+  std::atomic<int> searching = 0;
+
+ private:
+  [[noreturn]] void searchUntilStopped() {
+    ++searching;
+    try {
+      for (;;) RequestContext::current()->spend(1);
+    } catch (...) {
+      --searching;
+      throw;
+    }
+  }
 };
 
 class FrontTest : public ::testing::Test {
@@ -417,6 +437,107 @@ TEST_F(FrontTest, UpdatesThatTakeTimeHoldUpNeitherSearchesNorDocuments) {
   for (RawClient& client : updating) EXPECT_EQ(client.receiveHttp(), kDone);
 }
 
+TEST_F(FrontTest, StatusIsAnsweredWhileEverySearchThreadIsBusy) {
+  std::vector<RawClient> searching;
+  for (unsigned i = 0; i < options_.readThreads * 3; ++i) {
+    searching.emplace_back(http_);
+    searching.back().send(httpRequest({{"action", "search"}, {"index", "held"}, {"query", "x"}}));
+  }
+  store_.gate.awaitWaiting(static_cast<int>(options_.readThreads));
+  expectServing();
+  RawClient client(http_);
+  EXPECT_THAT(httpAsk(client, {{"action", "getStatus"}}), EndsWith("0"));
+  store_.gate.open();
+  for (RawClient& each : searching) EXPECT_THAT(each.receiveHttp(), StartsWith(kDone));
+}
+
+TEST_F(FrontTest, SearchesOfClientsThatHaveGoneStop) {
+  options_.hangupGrace = std::chrono::milliseconds(1);
+  options_.searchTimeout = std::chrono::milliseconds(0);
+  start();
+  const Headers headers{{"action", "search"}, {"index", "endless"}, {"query", "x"}};
+  for (const bool abrupt : {false, true}) {
+    std::vector<RawClient> clients;
+    for (unsigned i = 0; i < options_.readThreads * 2; ++i) {
+      clients.emplace_back(i % 2 == 0 ? http_ : binary_);
+      clients.back().send(i % 2 == 0 ? httpRequest(headers) : binaryRequest(headers));
+    }
+    while (store_.searching < static_cast<int>(options_.readThreads)) std::this_thread::yield();
+    if (abrupt) {
+      for (RawClient& client : clients) client.reset();
+    }
+    clients.clear();
+    // Whoever asks next gets a thread again.
+    RawClient client(http_);
+    EXPECT_THAT(httpAsk(client, {{"action", "search"}, {"index", "many"}, {"query", "0"}}),
+                StartsWith(kDone));
+  }
+  while (store_.searching > 0) std::this_thread::yield();
+}
+
+TEST_F(FrontTest, SearchOfAClientThatSendsAheadStopsWhenTheClientIsReset) {
+  options_.searchTimeout = std::chrono::milliseconds(0);
+  start();
+  RawClient client(http_);
+  client.send(httpRequest({{"action", "search"}, {"index", "endless"}, {"query", "x"}}) +
+              httpRequest({{"action", "getStatus"}}));
+  while (store_.searching == 0) std::this_thread::yield();
+  client.reset();
+  while (store_.searching > 0) std::this_thread::yield();
+  expectServing();
+}
+
+TEST_F(FrontTest, SearchThatTakesTooLongIsRefusedAndItsConnectionGoesOn) {
+  options_.searchTimeout = std::chrono::milliseconds(20);
+  start();
+  {
+    const Headers headers{{"action", "search"}, {"index", "endless"}, {"query", "x"}};
+    RawClient http(http_);
+    EXPECT_THAT(httpAsk(http, headers),
+                AllOf(HasSubstr("ZVK0021E"), HasSubstr("--search-timeout")));
+    EXPECT_THAT(httpAsk(http, {{"action", "getServerVersion"}}), EndsWith("1.2.3"));
+    RawClient binary(binary_);
+    EXPECT_EQ(binaryAsk(binary, 2, headers), std::string("\0\6", 2));
+  }
+}
+
+TEST_F(FrontTest, SearchThatLooksAtTooMuchIsRefused) {
+  options_.searchCost = 1000;
+  options_.searchTimeout = std::chrono::milliseconds(0);
+  start();
+  RawClient client(http_);
+  EXPECT_THAT(httpAsk(client, {{"action", "search"}, {"index", "endless"}, {"query", "x"}}),
+              AllOf(HasSubstr("ZVK0011E"), HasSubstr("--max-search-cost")));
+}
+
+TEST_F(FrontTest, RequestMustBeCompleteInTime) {
+  options_.requestTimeout = std::chrono::milliseconds(50);
+  start();
+  RawClient http(http_);
+  http.send("Content-Length  : 10\naction: addDocument\n\r\n12345");
+  EXPECT_THAT(http.receiveAll(), AllOf(HasSubstr("ZVK0021E"), HasSubstr("--request-timeout")));
+  RawClient binary(binary_);
+  binary.send(std::string("\0\5act", 5));
+  EXPECT_THAT(binary.receiveAll(), HasSubstr("ZVK0021E"));
+  RawClient idle(http_);
+  EXPECT_THAT(httpAsk(idle, {{"action", "getServerVersion"}}), EndsWith("1.2.3"));
+}
+
+TEST_F(FrontTest, AcceptedConnectionsAreKeptAlive) {
+  RawClient client(http_);
+  EXPECT_THAT(httpAsk(client, {{"action", "getServerVersion"}}), EndsWith("1.2.3"));
+  std::ifstream table("/proc/net/tcp");
+  const std::string local = fmt::format(":{:04X} ", http_);
+  int kept = 0;
+  for (std::string line; std::getline(table, line);) {
+    const std::size_t at = line.find(local);
+    // The local address comes first; 01 is an established connection, 02 the timer of a keepalive.
+    if (at == std::string::npos || at > 20 || line.substr(at + 20, 2) != "01") continue;
+    if (line.find(" 02:") != std::string::npos) ++kept;
+  }
+  EXPECT_GE(kept, 1);
+}
+
 TEST_F(FrontTest, ThousandsOfConnectionsAreServed) {
   rlimit limit{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
@@ -510,8 +631,11 @@ TEST_F(ImpatientFrontTest, ConnectionsBeyondTheLimitAreEndedAndTheOthersServed) 
     clients.emplace_back(http_);
     EXPECT_THAT(httpAsk(clients.back(), {{"action", "getServerVersion"}}), EndsWith("1.2.3"));
   }
-  RawClient late(http_);
-  EXPECT_TRUE(late.ended());
+  RawClient http(http_);
+  EXPECT_THAT(http.receiveAll(), AllOf(HasSubstr("ZVK0016E"), HasSubstr("20 connections")));
+  RawClient binary(binary_);
+  EXPECT_THAT(binary.receiveAll(),
+              AllOf(StartsWith(std::string("\0\6", 2)), HasSubstr("ZVK0016E")));
   EXPECT_THAT(httpAsk(clients.front(), {{"action", "getServerVersion"}}), EndsWith("1.2.3"));
 }
 

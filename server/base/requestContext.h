@@ -1,0 +1,65 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+
+namespace corvaned {
+
+/// What ends the work for one request before it is done: its time, its cost, or the end of the
+/// client that wanted it. Long work calls spend() or check() at every step and lets their exception
+/// pass.
+///
+/// Belongs to the thread that serves the request, except for cancelAt().
+class RequestContext {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  struct Limits {
+    /// How long the request may take from now on, time spent in queues included. 0: any time.
+    std::chrono::milliseconds time{0};
+    /// How many steps spend() may be told of. 0: any number.
+    std::uint64_t cost = 0;
+  };
+
+  explicit RequestContext(Limits limits);
+
+  /// From any thread: the client has gone, and nothing more is to be done after that time.
+  void cancelAt(Clock::time_point time);
+
+  /// Throws ServerError if the work has to end.
+  void check() const;
+  /// The same, for so many steps of work.
+  void spend(std::uint64_t steps) {
+    spent_ += steps;
+    if (limits_.cost != 0 && spent_ > limits_.cost) refuseCost();
+    // Reading the clock costs more than most steps.
+    if ((++calls_ & 0xFFU) == 0) check();
+  }
+
+  /// The request that this thread serves; null if it serves none.
+  static RequestContext* current();
+
+  /// Makes a request the current one of this thread.
+  class Scope {
+   public:
+    explicit Scope(RequestContext& context);
+    ~Scope();
+    Scope(const Scope&) = delete;
+    Scope& operator=(const Scope&) = delete;
+
+   private:
+    RequestContext* outer_;
+  };
+
+ private:
+  [[noreturn]] void refuseCost() const;
+
+  const Limits limits_;
+  const Clock::time_point deadline_;
+  std::atomic<Clock::time_point> cancelled_{Clock::time_point::max()};
+  std::uint64_t spent_ = 0;
+  std::uint64_t calls_ = 0;
+};
+
+}  // namespace corvaned
