@@ -21,9 +21,9 @@ KRU_BUILT_FIRST const icu::UnicodeString kPort(u"port");
 int leadingNumber(const icu::UnicodeString& text) {
   const std::string digits = tq::oss::Converter::toUTF8(text);
   const long number = std::strtol(digits.c_str(), nullptr, 10);
-  constexpr long lowest = std::numeric_limits<int>::min();
-  constexpr long highest = std::numeric_limits<int>::max();
-  return static_cast<int>(std::clamp(number, lowest, highest));
+  constexpr long kLowest = std::numeric_limits<int>::min();
+  constexpr long kHighest = std::numeric_limits<int>::max();
+  return static_cast<int>(std::clamp(number, kLowest, kHighest));
 }
 
 }  // namespace

@@ -27,8 +27,8 @@ double outOfRange(const char* begin, const char* end) {
   if (everywhereTheSame == nullptr) Converter::throwOutOfMemory();
   const double value = ::strtod_l(number.c_str(), nullptr, everywhereTheSame);
   ::freelocale(everywhereTheSame);
-  constexpr double largest = std::numeric_limits<double>::max();
-  return std::clamp(value, -largest, largest);
+  constexpr double kLargest = std::numeric_limits<double>::max();
+  return std::clamp(value, -kLargest, kLargest);
 }
 
 }  // namespace
