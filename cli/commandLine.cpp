@@ -48,9 +48,9 @@ CLI::Validator protocolName() {
       "");
 }
 
-constexpr std::uint64_t mostDocuments = 999'999'999'999'999'999;
+constexpr std::uint64_t kMostDocuments = 999'999'999'999'999'999;
 
-constexpr const char* repeatable =
+constexpr const char* kRepeatable =
     "If the connection breaks, the request is repeated once: doing it twice does no\n"
     "harm.";
 
@@ -61,8 +61,8 @@ std::string contentsOf(std::istream& input, const std::string& name) {
   } catch (const std::ios_base::failure& failure) {
     throw OperationError("cannot read " + name + ": " + failure.code().message());
   }
-  constexpr std::size_t longest = 0x3FFFFFFF;
-  if (bytes.size() > longest) throw OperationError(name + " is too long for a document");
+  constexpr std::size_t kLongest = 0x3FFFFFFF;
+  if (bytes.size() > kLongest) throw OperationError(name + " is too long for a document");
   return bytes;
 }
 
@@ -94,7 +94,7 @@ class Builder {
         "collection may have been deleted, which 'corvane status COLLECTION' tells.");
     addAdd();
     addLoad();
-    addCollectionCommand("update", "Make all added documents searchable", updateIndex, repeatable);
+    addCollectionCommand("update", "Make all added documents searchable", updateIndex, kRepeatable);
     addSearch();
     addEstimate();
     addDelete();
@@ -125,7 +125,7 @@ class Builder {
     app_.add_option_function<std::string>(
             "--protocol",
             [&settings](const std::string& name) {
-              settings.protocol = name == "http" ? Protocol::http : Protocol::binary;
+              settings.protocol = name == "http" ? Protocol::Http : Protocol::Binary;
             },
             "binary (the default) or http")
         ->check(protocolName())
@@ -175,7 +175,7 @@ class Builder {
           }
           return addDocument(session, *arguments);
         },
-        repeatable);
+        kRepeatable);
     addCollection(sub, arguments->collection);
     sub->add_option("KEY", arguments->key, "The document's key, 1 to 128 bytes")->required();
     auto* text =
@@ -216,7 +216,7 @@ class Builder {
         ->required();
     sub->add_option("--max-errors", arguments->maxErrors,
                     "Stop when this many documents have been refused\n(default: never)")
-        ->check(wholeNumber(1, mostDocuments))
+        ->check(wholeNumber(1, kMostDocuments))
         ->option_text("N");
     sub->add_flag("--update", arguments->update, "Make the documents searchable at the end");
   }
@@ -230,10 +230,10 @@ class Builder {
     addCollection(sub, arguments->collection);
     sub->add_option("QUERY", arguments->query, "What to look for, as one argument")->required();
     sub->add_option("--limit", arguments->limit, "Print at most N hits (default: all)")
-        ->check(wholeNumber(0, mostDocuments))
+        ->check(wholeNumber(0, kMostDocuments))
         ->option_text("N");
     sub->add_option("--start", arguments->start, "Leave out the best N hits")
-        ->check(wholeNumber(0, mostDocuments))
+        ->check(wholeNumber(0, kMostDocuments))
         ->option_text("N");
   }
 
@@ -257,7 +257,7 @@ class Builder {
     auto* sub = addCommand(
         "delete", "Delete documents; a key that is not there is no error",
         [=](Session& session) { return deleteDocuments(session, *collection, *keys, *base64); },
-        repeatable);
+        kRepeatable);
     addCollection(sub, *collection);
     sub->add_option("KEY", *keys, "Keys of the documents")->required();
     sub->add_flag("--base64", *base64,
@@ -268,7 +268,7 @@ class Builder {
     auto collection = makeArguments<std::string>();
     addCommand(
         "status", "Ask whether the server, or a collection, is ready",
-        [=](Session& session) { return status(session, *collection); }, repeatable)
+        [=](Session& session) { return status(session, *collection); }, kRepeatable)
         ->add_option("COLLECTION", *collection, "Name of a collection");
   }
 
@@ -300,13 +300,13 @@ ParsedCommandLine parseCommandLine(int argc, const char* const* argv, const Stre
     }
   } catch (const CLI::Success& asked) {
     app.exit(asked, streams.out, streams.err);
-    parsed.exit = ExitCode::ok;
+    parsed.exit = ExitCode::Ok;
   } catch (const CLI::ParseError& wrong) {
     // The parser may have stopped before it came to this option.
     const bool json = std::any_of(argv, argv + argc,
                                   [](const char* word) { return std::string(word) == "--json"; });
     Printer(streams.out, streams.err, {json}).error(explainMisuse(app, wrong, argc, argv));
-    parsed.exit = ExitCode::usage;
+    parsed.exit = ExitCode::Usage;
   }
   return parsed;
 }

@@ -44,7 +44,7 @@ ExitCode runOn(Session& session, ClientRequest::REQUEST kind, const std::string&
   exchangeVisibly(session, request, response);
   session.printer.result(fmt::format("{} {}", done, collection),
                          {{"collection", collection}, {"done", done}});
-  return ExitCode::ok;
+  return ExitCode::Ok;
 }
 
 KVPair metadataPair(const std::string& argument) {
@@ -64,9 +64,9 @@ void checkKey(const std::string& key) {
 }
 
 std::string decodedKey(const std::string& text) {
-  constexpr std::string_view prefix = "base64:";
-  const std::string_view digits = text.compare(0, prefix.size(), prefix) == 0
-                                      ? std::string_view(text).substr(prefix.size())
+  constexpr std::string_view kPrefix = "base64:";
+  const std::string_view digits = text.compare(0, kPrefix.size(), kPrefix) == 0
+                                      ? std::string_view(text).substr(kPrefix.size())
                                       : std::string_view(text);
   auto key = decodeBase64(digits);
   if (!key) throw UsageError(fmt::format("\"{}\" is not Base64", printable(text)));
@@ -135,7 +135,7 @@ ExitCode addDocument(Session& session, const AddArguments& arguments) {
   session.printer.result(
       fmt::format("added {} to {}", printable(arguments.key), arguments.collection),
       {{"collection", arguments.collection}, {"added", arguments.key}});
-  return ExitCode::ok;
+  return ExitCode::Ok;
 }
 
 ExitCode deleteDocuments(Session& session, const std::string& collection,
@@ -147,12 +147,12 @@ ExitCode deleteDocuments(Session& session, const std::string& collection,
   }
   setDoubt(session, "more documents may have been deleted; deleting them again does no harm");
   for (std::size_t i = 0; i < keys.size(); ++i) deleteOne(session, collection, decoded[i], keys[i]);
-  return ExitCode::ok;
+  return ExitCode::Ok;
 }
 
 ExitCode estimate(Session& session, const std::string& collection, const std::string& query) {
   // The library reports fixed numbers there, which nobody should take for an estimate.
-  if (session.settings.protocol == Protocol::http) {
+  if (session.settings.protocol == Protocol::Http) {
     throw UsageError(
         "the http protocol carries no estimate; use --protocol binary with the server's port for "
         "it");
@@ -169,7 +169,7 @@ ExitCode estimate(Session& session, const std::string& collection, const std::st
                   counted(static_cast<std::uint64_t>(info.getFirst()), "hit"), info.getSecond(),
                   counted(static_cast<std::uint64_t>(info.getThird()), "document")),
       {{"hits", info.getFirst()}, {"atMost", info.getSecond()}, {"documents", info.getThird()}});
-  return ExitCode::ok;
+  return ExitCode::Ok;
 }
 
 ExitCode status(Session& session, const std::string& collection) {
@@ -188,7 +188,7 @@ ExitCode status(Session& session, const std::string& collection) {
   session.printer.result(
       fmt::format("{} ({}){}{}", statusMeaning(code), code, reason.empty() ? "" : ": ", reason),
       object);
-  return code == 0 || code == 1 ? ExitCode::ok : ExitCode::failed;
+  return code == 0 || code == 1 ? ExitCode::Ok : ExitCode::Failed;
 }
 
 ExitCode serverVersion(Session& session) {
@@ -197,13 +197,13 @@ ExitCode serverVersion(Session& session) {
   ClientResponse response;
   exchange(session, request, response);
   const auto& text = response.getContent();
-  if (session.settings.protocol == Protocol::http && text.isEmpty()) {
+  if (session.settings.protocol == Protocol::Http && text.isEmpty()) {
     session.printer.result("the server answers; the http protocol's reply carries no version text",
                            {{"version", nullptr}});
   } else {
     session.printer.result(printable(text), {{"version", toUtf8(text)}});
   }
-  return ExitCode::ok;
+  return ExitCode::Ok;
 }
 
 }  // namespace corvane

@@ -14,10 +14,10 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 // The length fields of a document have 30 bits.
-constexpr std::size_t maxFieldBytes = 0x3FFFFFFF;
+constexpr std::size_t kMaxFieldBytes = 0x3FFFFFFF;
 
 // Nobody means deeper nesting as metadata, and writing it out costs a stack frame per level.
-constexpr int maxDepth = 100;
+constexpr int kMaxDepth = 100;
 
 // Thrown with the reason why a line does not describe a document.
 struct Rejected {
@@ -40,7 +40,7 @@ void takeField(const std::string& name, const Json& value, Document& document) {
   if (name == "text") {
     if (!value.is_string()) throw Rejected{"the \"text\" is not a string"};
     document.text = value.get<std::string>();
-    if (document.text.size() > maxFieldBytes) throw Rejected{"the \"text\" is too long"};
+    if (document.text.size() > kMaxFieldBytes) throw Rejected{"the \"text\" is too long"};
   } else if (!value.is_null()) {
     document.metadata.emplace_back(icu::UnicodeString::fromUTF8(name), metadataText(value));
   }
@@ -65,7 +65,7 @@ std::string jsonReason(const Json::exception& failure) {
 
 Json parseJson(const std::string& text) {
   return Json::parse(text, [](int depth, Json::parse_event_t, const Json&) {
-    if (depth > maxDepth) throw Rejected{"the object is nested too deeply"};
+    if (depth > kMaxDepth) throw Rejected{"the object is nested too deeply"};
     return true;
   });
 }
@@ -101,8 +101,8 @@ DocumentReader::DocumentReader(std::istream& input, std::size_t maxLineBytes)
 std::optional<std::variant<Document, Refusal>> DocumentReader::next() {
   for (;;) {
     const LineState state = readLineOrThrow();
-    if (state == LineState::end) return {};
-    if (state == LineState::tooLong) {
+    if (state == LineState::End) return {};
+    if (state == LineState::TooLong) {
       return Refusal{line_, {}, fmt::format("the line is longer than {} bytes", maxLineBytes_)};
     }
     if (!isBlank(buffer_)) return parseLine(buffer_, line_);
@@ -123,13 +123,13 @@ DocumentReader::LineState DocumentReader::readLine() {
   std::streambuf& source = *input_.rdbuf();
   std::size_t length = 0;
   int c = source.sbumpc();
-  if (c == std::char_traits<char>::eof()) return LineState::end;
+  if (c == std::char_traits<char>::eof()) return LineState::End;
   ++line_;
   // What exceeds the limit is skipped without being stored.
   for (; c != std::char_traits<char>::eof() && c != '\n'; c = source.sbumpc()) {
     if (++length <= maxLineBytes_) buffer_ += static_cast<char>(c);
   }
-  return length > maxLineBytes_ ? LineState::tooLong : LineState::complete;
+  return length > maxLineBytes_ ? LineState::TooLong : LineState::Complete;
 }
 
 }  // namespace corvane

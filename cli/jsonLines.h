@@ -42,7 +42,7 @@ class DocumentReader {
   std::optional<std::variant<Document, Refusal>> next();
 
  private:
-  enum class LineState { complete, tooLong, end };
+  enum class LineState { Complete, TooLong, End };
   LineState readLineOrThrow();
   LineState readLine();
 

@@ -43,7 +43,7 @@ std::string reasonOf(const tq::oss::Message& message) {
 }
 
 // Up to this many documents are not worth another round of queueing.
-constexpr std::size_t fewDocuments = 10;
+constexpr std::size_t kFewDocuments = 10;
 
 void report(Session& session, const Refusal& refusal) {
   nlohmann::ordered_json object = {{"refused", refusal.key}, {"line", refusal.line}};
@@ -93,7 +93,7 @@ void BatchLoader::deliver() {
     if (!window_.empty()) deliverOnce();
   }
   // Queueing is by far the faster way, and goes on while it settles something.
-  for (std::size_t left = 0; window_.size() != left && window_.size() > fewDocuments;) {
+  for (std::size_t left = 0; window_.size() != left && window_.size() > kFewDocuments;) {
     left = window_.size();
     deliverOnce();
   }
@@ -228,7 +228,7 @@ class LoadRun {
 
   ExitCode summary() {
     session_.printer.result(sentence(), sums());
-    return refused_ == 0 ? ExitCode::ok : ExitCode::partlyLoaded;
+    return refused_ == 0 ? ExitCode::Ok : ExitCode::PartlyLoaded;
   }
 
   // Of a load that was broken off.
@@ -333,7 +333,7 @@ ExitCode loadDocuments(Session& session, const LoadArguments& arguments, std::is
   // The sums must not be held back by a long update.
   session.printer.flush();
   const ExitCode updated = updateIndex(session, arguments.collection);
-  return updated == ExitCode::ok ? code : updated;
+  return updated == ExitCode::Ok ? code : updated;
 }
 
 }  // namespace corvane

@@ -32,8 +32,8 @@ std::size_t editDistance(std::string_view a, std::string_view b) {
 // ", did you mean 'search'?" for the nearest of the names when it is near.
 std::string suggestion(std::string_view word, const std::vector<std::string>& names) {
   // An argument can have any length, and a long one is no misspelt name.
-  constexpr std::size_t longest = 40;
-  if (word.size() > longest) return {};
+  constexpr std::size_t kLongest = 40;
+  if (word.size() > kLongest) return {};
   std::size_t best = std::max<std::size_t>(1, word.size() / 3) + 1;
   std::string nearest;
   for (const std::string& name : names) {

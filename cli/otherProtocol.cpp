@@ -16,11 +16,11 @@ namespace corvane {
 
 namespace {
 
-constexpr unsigned int probeMillis = 500;
+constexpr unsigned int kProbeMillis = 500;
 
 // A refusal is an answer as well: only a server that understood the request gives one.
 bool answersStatus(tq::comm::CorvaneRESTClient& client) {
-  client.setDeadline(probeMillis);
+  client.setDeadline(kProbeMillis);
   client.setNumRetries(0);
   tq::comm::ClientRequest request;
   request.buildRequest(tq::comm::ClientRequest::GET_STATUS, {});
@@ -39,8 +39,8 @@ bool answersStatus(tq::comm::CorvaneRESTClient& client) {
 
 std::optional<std::string> otherProtocolSpoken(const Settings& settings) {
   Settings other = settings;
-  const bool http = settings.protocol == Protocol::http;
-  other.protocol = http ? Protocol::binary : Protocol::http;
+  const bool http = settings.protocol == Protocol::Http;
+  other.protocol = http ? Protocol::Binary : Protocol::Http;
   if (!answersStatus(*makeClient(other))) return {};
   return fmt::format("{} speaks the {} protocol; use --protocol {}, or the server's port for {}",
                      address(settings), protocolName(other.protocol), protocolName(other.protocol),
@@ -48,7 +48,7 @@ std::optional<std::string> otherProtocolSpoken(const Settings& settings) {
 }
 
 SilenceWatch::SilenceWatch(Session& session) : session_(session) {
-  if (session.answered || session.settings.protocol != Protocol::http) return;
+  if (session.answered || session.settings.protocol != Protocol::Http) return;
   ticker_.emplace([this](unsigned int seconds) {
     if (seconds == 1) look();
   });
@@ -66,7 +66,7 @@ void SilenceWatch::look() try {
   if (!line || decided_.exchange(true)) return;
   session_.printer.error(*line);
   session_.printer.flush();
-  std::_Exit(static_cast<int>(ExitCode::failed));
+  std::_Exit(static_cast<int>(ExitCode::Failed));
 } catch (const std::exception&) {
   // The answer that is being waited for decides.
 }

@@ -23,7 +23,7 @@ ExitCode runCommand(const CommandLine& commandLine, Session& session) {
     return commandLine.command(session);
   } catch (const tq::oss::BaseException& failure) {
     session.printer.error(explain(failure, session), failureId(failure));
-    return ExitCode::failed;
+    return ExitCode::Failed;
   }
 }
 
@@ -35,13 +35,13 @@ ExitCode perform(const CommandLine& commandLine, Printer& printer, LastWords& la
     return runCommand(commandLine, session);
   } catch (const UsageError& wrong) {
     printer.error(wrong.what());
-    return ExitCode::usage;
+    return ExitCode::Usage;
   } catch (const std::bad_alloc&) {
     printer.error("out of memory");
   } catch (const std::exception& failure) {
     printer.error(failure.what());
   }
-  return ExitCode::failed;
+  return ExitCode::Failed;
 }
 
 }  // namespace
@@ -58,7 +58,7 @@ ExitCode run(int argc, const char* const* argv, const Streams& streams) {
   lastWords.set({});
   if (printer.flush()) return code;
   printer.error("cannot write the result to standard output");
-  return ExitCode::failed;
+  return ExitCode::Failed;
 }
 
 }  // namespace corvane

@@ -78,7 +78,7 @@ ExitCode cutOff(Session& session, std::uint64_t hits, const std::string& cause) 
                   "everything, search again",
                   address(session.settings), counted(hits, "hit"), cause),
       "TRUNCATED");
-  return ExitCode::truncated;
+  return ExitCode::Truncated;
 }
 
 std::string whyNoHits(const SearchArguments& arguments) {
@@ -113,7 +113,7 @@ ExitCode search(Session& session, const SearchArguments& arguments) {
     return cutOff(session, hits.hits(), describeFailure(failure, session.settings, true));
   }
   if (hits.hits() == 0) session.printer.note(whyNoHits(arguments));
-  return ExitCode::ok;
+  return ExitCode::Ok;
 }
 
 }  // namespace corvane

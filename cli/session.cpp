@@ -15,18 +15,18 @@ namespace corvane {
 
 namespace {
 
-constexpr std::size_t longestBinaryHeader = 65535;
+constexpr std::size_t kLongestBinaryHeader = 65535;
 
 // A query has no limit of its own; the binary protocol's header, in which it travels, has.
 void checkHeader(const Session& session, tq::comm::ClientRequest& request) {
-  if (session.settings.protocol != Protocol::binary) return;
+  if (session.settings.protocol != Protocol::Binary) return;
   tq::comm::RESTMessage message(session.client.getHost(), request);
   const std::size_t length = std::strlen(message.getSerializedHeader());
-  if (length <= longestBinaryHeader) return;
+  if (length <= kLongestBinaryHeader) return;
   throw UsageError(
       fmt::format("the request's header, which holds the names and the query, has {} bytes; the "
                   "binary protocol takes {} of them, so shorten the query",
-                  length, longestBinaryHeader));
+                  length, kLongestBinaryHeader));
 }
 
 }  // namespace

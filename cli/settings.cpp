@@ -9,7 +9,7 @@
 namespace corvane {
 
 const char* protocolName(Protocol protocol) {
-  return protocol == Protocol::http ? "http" : "binary";
+  return protocol == Protocol::Http ? "http" : "binary";
 }
 
 std::string address(const Settings& settings) {
@@ -34,7 +34,7 @@ std::unique_ptr<tq::comm::CorvaneRESTClient> binaryClient(const icu::UnicodeStri
 
 std::unique_ptr<tq::comm::CorvaneRESTClient> makeClient(const Settings& settings) {
   const icu::UnicodeString host = headerValue("the host", settings.host);
-  auto client = settings.protocol == Protocol::binary
+  auto client = settings.protocol == Protocol::Binary
                     ? binaryClient(host, settings.port)
                     : std::make_unique<tq::comm::CorvaneRESTClient>(host, settings.port, true);
   client->setDeadline(settings.timeOut);

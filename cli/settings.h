@@ -9,7 +9,7 @@ class CorvaneRESTClient;
 
 namespace corvane {
 
-enum class Protocol { http, binary };
+enum class Protocol { Http, Binary };
 
 /// How the server is reached.
 struct Settings {
@@ -18,7 +18,7 @@ struct Settings {
   /// Milliseconds that one request may take, its repetitions included, and each further part of a
   /// long result; 0 waits for ever.
   unsigned int timeOut = 300'000;
-  Protocol protocol = Protocol::binary;
+  Protocol protocol = Protocol::Binary;
 };
 
 const char* protocolName(Protocol protocol);

@@ -48,8 +48,8 @@ icu::UnicodeString headerValue(std::string_view what, std::string_view bytes) {
 
 std::optional<std::string> whyNoKey(std::string_view key) {
   if (key.empty()) return "the key is empty";
-  if (key.size() > maxKeyBytes) {
-    return fmt::format("the key has {} bytes; a key has at most {}", key.size(), maxKeyBytes);
+  if (key.size() > kMaxKeyBytes) {
+    return fmt::format("the key has {} bytes; a key has at most {}", key.size(), kMaxKeyBytes);
   }
   return {};
 }

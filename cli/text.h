@@ -10,7 +10,7 @@
 namespace corvane {
 
 /// The longest key of a document, in bytes.
-inline constexpr std::size_t maxKeyBytes = 128;
+inline constexpr std::size_t kMaxKeyBytes = 128;
 
 std::string toUtf8(const icu::UnicodeString& text);
 

@@ -33,7 +33,7 @@ TEST(CommandLine, TakesGeneralOptionsOnBothSidesOfTheCommand) {
   EXPECT_EQ(line.settings.host, "::1");
   EXPECT_EQ(line.settings.port, 4480U);
   EXPECT_EQ(line.settings.timeOut, 9U);
-  EXPECT_EQ(line.settings.protocol, Protocol::http);
+  EXPECT_EQ(line.settings.protocol, Protocol::Http);
   EXPECT_TRUE(line.json);
   EXPECT_TRUE(line.command);
 }
@@ -43,7 +43,7 @@ TEST(CommandLine, HasDefaults) {
   ASSERT_FALSE(parse.result.exit) << parse.err;
   EXPECT_EQ(parse.result.commandLine.settings.host, "127.0.0.1");
   EXPECT_EQ(parse.result.commandLine.settings.timeOut, 300000U);
-  EXPECT_EQ(parse.result.commandLine.settings.protocol, Protocol::binary);
+  EXPECT_EQ(parse.result.commandLine.settings.protocol, Protocol::Binary);
   EXPECT_FALSE(parse.result.commandLine.json);
 }
 
@@ -92,7 +92,7 @@ TEST(CommandLine, RefusesWrongUseWithOneLineAndTheUsageCode) {
     const Parse parse(arguments);
     std::string shown;
     for (const char* argument : arguments) shown += std::string(argument) + " ";
-    ASSERT_EQ(parse.result.exit, ExitCode::usage) << shown;
+    ASSERT_EQ(parse.result.exit, ExitCode::Usage) << shown;
     EXPECT_EQ(parse.err.rfind("corvane: ", 0), 0U) << shown << parse.err;
     EXPECT_EQ(parse.err.find('\n'), parse.err.size() - 1) << shown << parse.err;
     EXPECT_EQ(parse.out, "") << shown;
@@ -125,7 +125,7 @@ TEST(CommandLine, SaysWhatIsWrongAndWhatWasProbablyMeant) {
       {{"--port", "1", "status", "c", "\xe2\x80\xaeop"}, "argument '\\u{202e}op'"}};
   for (const auto& [arguments, message] : cases) {
     const Parse parse(arguments);
-    ASSERT_EQ(parse.result.exit, ExitCode::usage) << message;
+    ASSERT_EQ(parse.result.exit, ExitCode::Usage) << message;
     EXPECT_EQ(parse.err.find("corvane: "), 0U) << parse.err;
     EXPECT_NE(parse.err.find(message), std::string::npos) << parse.err;
     EXPECT_EQ(parse.err.find('\n'), parse.err.size() - 1) << parse.err;
@@ -139,19 +139,19 @@ TEST(CommandLine, TakesAnEmptyTextThatIsGiven) {
 
 TEST(CommandLine, RefusesWrongUseInJsonWhenItIsWanted) {
   const Parse parse({"--port", "x", "status", "--json"});
-  EXPECT_EQ(parse.result.exit, ExitCode::usage);
+  EXPECT_EQ(parse.result.exit, ExitCode::Usage);
   EXPECT_EQ(parse.err.rfind("{\"error\":\"--port: ", 0), 0U) << parse.err;
   EXPECT_EQ(parse.err.find('\n'), parse.err.size() - 1) << parse.err;
 }
 
 TEST(CommandLine, ExplainsItself) {
   const Parse general({"--help"});
-  EXPECT_EQ(general.result.exit, ExitCode::ok);
+  EXPECT_EQ(general.result.exit, ExitCode::Ok);
   for (const char* word : {"create", "load", "search", "--port", "Exit codes", "--json"}) {
     EXPECT_NE(general.out.find(word), std::string::npos) << word;
   }
   const Parse load({"load", "--help"});
-  EXPECT_EQ(load.result.exit, ExitCode::ok);
+  EXPECT_EQ(load.result.exit, ExitCode::Ok);
   EXPECT_NE(load.out.find("metadata"), std::string::npos);
 }
 
@@ -163,7 +163,7 @@ TEST(CommandLine, EveryCommandExplainsItselfAndSpeaksJson) {
   for (const auto& command : commands) {
     const std::string name = command.front();
     const Parse help({command.front(), "--help"});
-    EXPECT_EQ(help.result.exit, ExitCode::ok) << name;
+    EXPECT_EQ(help.result.exit, ExitCode::Ok) << name;
     EXPECT_NE(help.out.find(name), std::string::npos) << name;
     EXPECT_EQ(help.err, "") << name;
     for (const char* common : {"--host HOST", "--port PORT", "--timeout MS", "--protocol NAME",
@@ -187,7 +187,7 @@ TEST(CommandLine, EveryCommandExplainsItselfAndSpeaksJson) {
 
 TEST(CommandLine, PrintsItsOwnVersion) {
   const Parse parse({"--version"});
-  EXPECT_EQ(parse.result.exit, ExitCode::ok);
+  EXPECT_EQ(parse.result.exit, ExitCode::Ok);
   EXPECT_EQ(parse.out.rfind("corvane ", 0), 0U);
 }
 

@@ -83,7 +83,7 @@ TEST(Failure, OfConnectingNamesHostPortCauseAndRemedyInOneLine) {
   const RefusedPort port;
   const std::string number = std::to_string(port.port());
   const Result result = runProgram({"status", "--port", number, "--protocol", "http"});
-  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_EQ(result.code, ExitCode::Failed);
   EXPECT_TRUE(contains(result.err, "cannot connect to 127.0.0.1:" + number)) << result.err;
   EXPECT_TRUE(contains(result.err, "Connection refused")) << result.err;
   EXPECT_TRUE(contains(result.err, "check that corvaned runs there")) << result.err;
@@ -95,7 +95,7 @@ TEST(Failure, IsAJsonObjectWithTheIdWhenJsonIsWanted) {
   const RefusedPort port;
   const Result result =
       runProgram({"status", "--json", "--port", std::to_string(port.port()), "--protocol", "http"});
-  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_EQ(result.code, ExitCode::Failed);
   EXPECT_EQ(result.err.rfind("{\"error\":\"cannot connect to 127.0.0.1:", 0), 0U) << result.err;
   EXPECT_TRUE(contains(result.err, "\"id\":\"ERR_CONNECT_SERVER\"}")) << result.err;
 }
@@ -103,7 +103,7 @@ TEST(Failure, IsAJsonObjectWithTheIdWhenJsonIsWanted) {
 TEST(Failure, OfTheServerShowsItsTextItsIdAndItsAddress) {
   ScriptedServer server(Script().expectRequest().send(refusal("ZVK0007E", "no such collection")));
   const Result result = runAgainst(server, {"update", "books"});
-  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_EQ(result.code, ExitCode::Failed);
   EXPECT_EQ(result.err, "corvane: the server at 127.0.0.1:" + std::to_string(server.port()) +
                             " says: no such collection (ZVK0007E)\n");
 }
@@ -118,7 +118,7 @@ TEST(Failure, TextFromTheServerCannotSteerTheTerminal) {
 TEST(Failure, OfASilentServerNamesTheTimeOut) {
   ScriptedServer server(Script().expectRequest().stall());
   const Result result = runAgainst(server, {"status", "--timeout", "50"});
-  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_EQ(result.code, ExitCode::Failed);
   EXPECT_TRUE(contains(result.err, "gave no answer within 50 ms")) << result.err;
   EXPECT_TRUE(contains(result.err, "--timeout")) << result.err;
 }
@@ -126,7 +126,7 @@ TEST(Failure, OfASilentServerNamesTheTimeOut) {
 TEST(Failure, OfAServerThatClosesSuggestsTheOtherProtocol) {
   ScriptedServer server(Script().expectRequest());
   const Result result = runAgainst(server, {"status"});
-  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_EQ(result.code, ExitCode::Failed);
   EXPECT_TRUE(contains(result.err, "closed the connection before its answer was complete"));
   EXPECT_TRUE(contains(result.err, "--protocol http")) << result.err;
 }
@@ -134,14 +134,14 @@ TEST(Failure, OfAServerThatClosesSuggestsTheOtherProtocol) {
 TEST(Failure, OfAnotherKindOfServerIsNotTakenForAnAnswer) {
   ScriptedServer server(Script().expectRequest().send(answer(400, "?")));
   const Result result = runAgainst(server, {"status"});
-  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_EQ(result.code, ExitCode::Failed);
   EXPECT_TRUE(contains(result.err, "gave an answer that is not understood")) << result.err;
 }
 
 TEST(Failure, WithoutAnyReasonIsNotTakenForSuccess) {
   ScriptedServer server(Script().expectRequest().send(answer(404, "")));
   const Result result = runAgainst(server, {"create", "books"});
-  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_EQ(result.code, ExitCode::Failed);
   EXPECT_EQ(result.out, "");
   EXPECT_TRUE(contains(result.err, "without saying why")) << result.err;
 }
@@ -155,7 +155,7 @@ TEST(Failure, OfStandardOutputIsNotSilent) {
   std::ostringstream out, err;
   out.setstate(std::ios::badbit);
   EXPECT_EQ(run(static_cast<int>(arguments.size()), arguments.data(), {in, out, err}),
-            ExitCode::failed);
+            ExitCode::Failed);
   EXPECT_TRUE(contains(err.str(), "standard output"));
 }
 
@@ -165,7 +165,7 @@ TEST(Repeating, IsLeftOutWhereASecondRequestWouldFailForWhatTheFirstHasDone) {
            {"create", "created"}, {"drop", "deleted"}}) {
     ScriptedServer server(Script().expectRequest());
     const Result result = runAgainst(server, {command, "books"});
-    EXPECT_EQ(result.code, ExitCode::failed);
+    EXPECT_EQ(result.code, ExitCode::Failed);
     EXPECT_TRUE(contains(result.err, "; the collection may have been " + doubt +
                                          " all the same (the request was not repeated), which "
                                          "'corvane status books' tells\n"))
@@ -185,14 +185,14 @@ TEST(Repeating, HappensOnceWhereItDoesNoHarm) {
            {"add", "c", "k", "t"}, {"update", "c"}, {"delete", "c", "k"}}) {
     ScriptedServer server({Script().expectRequest(), Script().expectRequest().send(done())});
     const Result result = runAgainst(server, arguments);
-    EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+    EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   }
 }
 
 TEST(Repeating, ThatDidNotHelpSaysWhatMayHaveBeenDone) {
   ScriptedServer server(Script().expectRequest());
   const Result result = runAgainst(server, {"add", "c", "k", "t"});
-  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_EQ(result.code, ExitCode::Failed);
   EXPECT_TRUE(
       contains(result.err, "; the document may have been added; adding it again does no harm\n"))
       << result.err;
@@ -202,7 +202,7 @@ TEST(Repeating, ThatDidNotHelpSaysWhatMayHaveBeenDone) {
 TEST(TimeOut, CountsForTheRequestAndNotForEachAttempt) {
   ScriptedServer server(Script().expectRequest().stall());
   const Result result = runAgainst(server, {"update", "books", "--timeout", "50"});
-  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_EQ(result.code, ExitCode::Failed);
   EXPECT_TRUE(contains(result.err, "gave no answer within 50 ms")) << result.err;
   EXPECT_TRUE(contains(result.err,
                        "; the server may still be updating, which "
@@ -216,7 +216,7 @@ TEST(Refused, QueriesThatTheHeaderCannotHoldAreNeverSent) {
   for (const char* command : {"search", "estimate"}) {
     const Result result = runProgram(
         {command, "books", std::string(70000, 'q'), "--port", std::to_string(server.port())});
-    EXPECT_EQ(result.code, ExitCode::usage);
+    EXPECT_EQ(result.code, ExitCode::Usage);
     EXPECT_TRUE(contains(result.err, "the binary protocol takes 65535 of them")) << result.err;
     EXPECT_TRUE(isOneLine(result.err)) << result.err;
   }
@@ -226,10 +226,10 @@ TEST(Refused, QueriesThatTheHeaderCannotHoldAreNeverSent) {
 TEST(Refused, AnAdditionWithoutATextSendsNothingAndAnEmptyTextIsSent) {
   ScriptedServer server(Script().expectRequest().send(done()));
   const Result refused = runAgainst(server, {"add", "books", "k"});
-  EXPECT_EQ(refused.code, ExitCode::usage);
+  EXPECT_EQ(refused.code, ExitCode::Usage);
   EXPECT_TRUE(contains(refused.err, "add needs TEXT or --file")) << refused.err;
   EXPECT_EQ(server.connections(), 0U);
-  EXPECT_EQ(runAgainst(server, {"add", "books", "k", ""}).code, ExitCode::ok);
+  EXPECT_EQ(runAgainst(server, {"add", "books", "k", ""}).code, ExitCode::Ok);
   EXPECT_EQ(server.requests(), 1U);
 }
 
@@ -250,7 +250,7 @@ TEST(Refused, ValuesThatWouldWriteHeaderLinesAreNeverSent) {
       {"search", "c", "\xff"},    {"create", ""}};
   for (const auto& command : commands) {
     const Result result = runAgainst(server, command);
-    EXPECT_EQ(result.code, ExitCode::usage) << command[0];
+    EXPECT_EQ(result.code, ExitCode::Usage) << command[0];
     EXPECT_TRUE(isOneLine(result.err)) << result.err;
     EXPECT_EQ(result.out, "");
   }
@@ -260,11 +260,11 @@ TEST(Refused, ValuesThatWouldWriteHeaderLinesAreNeverSent) {
 TEST(Refused, KeysThatNoDocumentCanHaveAreNeverSent) {
   ScriptedServer server(Script().awaitClose());
   const std::string tooLong(129, 'k');
-  EXPECT_EQ(runAgainst(server, {"add", "c", "", "t"}).code, ExitCode::usage);
-  EXPECT_EQ(runAgainst(server, {"add", "c", tooLong, "t"}).code, ExitCode::usage);
-  EXPECT_EQ(runAgainst(server, {"delete", "c", "k", tooLong}).code, ExitCode::usage);
-  EXPECT_EQ(runAgainst(server, {"delete", "c", "--base64", "?"}).code, ExitCode::usage);
-  EXPECT_EQ(runAgainst(server, {"add", "c", "k", "t", "--meta", "novalue"}).code, ExitCode::usage);
+  EXPECT_EQ(runAgainst(server, {"add", "c", "", "t"}).code, ExitCode::Usage);
+  EXPECT_EQ(runAgainst(server, {"add", "c", tooLong, "t"}).code, ExitCode::Usage);
+  EXPECT_EQ(runAgainst(server, {"delete", "c", "k", tooLong}).code, ExitCode::Usage);
+  EXPECT_EQ(runAgainst(server, {"delete", "c", "--base64", "?"}).code, ExitCode::Usage);
+  EXPECT_EQ(runAgainst(server, {"add", "c", "k", "t", "--meta", "novalue"}).code, ExitCode::Usage);
   EXPECT_EQ(server.connections(), 0U);
 }
 
@@ -274,7 +274,7 @@ TEST(Refused, FilesThatCannotBeReadAreNamedAndNothingIsSent) {
     for (const auto& command : std::vector<std::vector<std::string>>{
              {"load", "c", path}, {"add", "c", "k", "--file", path}}) {
       const Result result = runAgainst(server, command);
-      EXPECT_EQ(result.code, ExitCode::failed) << path;
+      EXPECT_EQ(result.code, ExitCode::Failed) << path;
       EXPECT_TRUE(contains(result.err, std::string("cannot read ") + path)) << result.err;
     }
   }
@@ -289,7 +289,7 @@ TEST(Command, SendsItsCollectionAndSaysWhatItDid) {
   for (const auto& command : commands) {
     ScriptedServer server(Script().expectRequest().send(done()));
     const Result result = runAgainst(server, {command[0], "books"});
-    EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+    EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
     EXPECT_EQ(result.out, command[2]);
     const std::string sent = server.connection(0).requests.at(0);
     EXPECT_TRUE(contains(sent, "\naction: " + command[1] + "\n")) << sent;
@@ -301,7 +301,7 @@ TEST(Add, SendsKeyMetadataAndText) {
   ScriptedServer server(Script().expectRequest().send(done()));
   const Result result = runAgainst(
       server, {"add", "books", "k1", "a\r\nb", "--meta", "author=W", "--meta", "year=1=8"});
-  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   const std::string sent = server.connection(0).requests.at(0);
   EXPECT_TRUE(contains(sent, enveloped("author") + enveloped("W") + enveloped("year") +
                                  enveloped("1=8") + enveloped("rowId") + enveloped("k1") +
@@ -310,7 +310,7 @@ TEST(Add, SendsKeyMetadataAndText) {
 
 TEST(Add, GivesADocumentWithoutMetadataThePairOfItsKey) {
   ScriptedServer server(Script().expectRequest().send(done()));
-  EXPECT_EQ(runAgainst(server, {"add", "books", "k1", "t"}).code, ExitCode::ok);
+  EXPECT_EQ(runAgainst(server, {"add", "books", "k1", "t"}).code, ExitCode::Ok);
   EXPECT_TRUE(contains(server.connection(0).requests.at(0),
                        enveloped("key") + enveloped("k1") + enveloped("rowId") + enveloped("k1")));
 }
@@ -318,7 +318,7 @@ TEST(Add, GivesADocumentWithoutMetadataThePairOfItsKey) {
 TEST(Add, TakesTheTextFromStandardInput) {
   ScriptedServer server(Script().expectRequest().send(done()));
   const std::string text("line\nNUL\0end", 12);
-  EXPECT_EQ(runAgainst(server, {"add", "books", "k1", "--file", "-"}, text).code, ExitCode::ok);
+  EXPECT_EQ(runAgainst(server, {"add", "books", "k1", "--file", "-"}, text).code, ExitCode::Ok);
   EXPECT_TRUE(contains(server.connection(0).requests.at(0), enveloped("data") + enveloped(text)));
 }
 
@@ -333,7 +333,7 @@ TEST(Add, SaysWhyStandardInputCannotBeRead) {
   std::ostringstream out, err;
   const std::vector<const char*> words{"corvane", "--port", "1",      "add",
                                        "books",   "k",      "--file", "-"};
-  EXPECT_EQ(run(static_cast<int>(words.size()), words.data(), {in, out, err}), ExitCode::failed);
+  EXPECT_EQ(run(static_cast<int>(words.size()), words.data(), {in, out, err}), ExitCode::Failed);
   EXPECT_EQ(err.str(), "corvane: cannot read standard input: " +
                            std::make_error_code(std::errc::io_error).message() + "\n");
 }
@@ -341,7 +341,7 @@ TEST(Add, SaysWhyStandardInputCannotBeRead) {
 TEST(Delete, SendsEachKeyAsText) {
   ScriptedServer server(Script().expectRequest().send(done()).expectRequest().send(done()));
   const Result result = runAgainst(server, {"delete", "books", "k1", "k2"});
-  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "deleted k1\ndeleted k2\n");
   EXPECT_TRUE(contains(server.connection(0).requests.at(1), enveloped("rowId") + enveloped("k2")));
 }
@@ -349,7 +349,7 @@ TEST(Delete, SendsEachKeyAsText) {
 TEST(Delete, SendsTheBytesThatBase64StandsFor) {
   ScriptedServer server(Script().expectRequest().send(done()).expectRequest().send(done()));
   const Result result = runAgainst(server, {"delete", "books", "--base64", "base64:AP8=", "Zm9v"});
-  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   const auto connection = server.connection(0);
   EXPECT_TRUE(contains(connection.requests.at(0),
                        enveloped("rowId") + enveloped(std::string("\0\xff", 2))));
@@ -358,7 +358,7 @@ TEST(Delete, SendsTheBytesThatBase64StandsFor) {
 
 TEST(Status, ExplainsTheServersCode) {
   const std::vector<std::pair<std::string, ExitCode>> codes = {
-      {"0", ExitCode::ok}, {"1", ExitCode::ok}, {"2", ExitCode::failed}, {"17", ExitCode::failed}};
+      {"0", ExitCode::Ok}, {"1", ExitCode::Ok}, {"2", ExitCode::Failed}, {"17", ExitCode::Failed}};
   for (const auto& [code, exit] : codes) {
     ScriptedServer server(Script().expectRequest().send(
         answer(200, kUninterpreted + enveloped(record({{"STATUS_CODE", code}})))));
@@ -371,14 +371,14 @@ TEST(Status, ExplainsTheServersCode) {
 TEST(Version, SaysThatTheHttpReplyCarriesNone) {
   ScriptedServer server(Script().expectRequest().send(answer(200, "Corvane 1.0")));
   const Result result = runAgainst(server, {"version"});
-  EXPECT_EQ(result.code, ExitCode::ok);
+  EXPECT_EQ(result.code, ExitCode::Ok);
   EXPECT_TRUE(contains(result.out, "carries no version text")) << result.out;
 }
 
 TEST(Estimate, IsRefusedOverTheProtocolWhoseReplyCarriesNone) {
   ScriptedServer server(Script().awaitClose());
   const Result result = runAgainst(server, {"estimate", "books", "q"});
-  EXPECT_EQ(result.code, ExitCode::usage);
+  EXPECT_EQ(result.code, ExitCode::Usage);
   EXPECT_EQ(result.out, "");
   EXPECT_TRUE(contains(result.err, "carries no estimate; use --protocol binary")) << result.err;
   EXPECT_EQ(server.connections(), 0U);
@@ -398,7 +398,7 @@ TEST(Search, PrintsRankScoreAndKey) {
   ScriptedServer server(Script().expectRequest().send(answer(
       200, hits({{"base64:Zm9v", "12.345"}, {"base64:AP8=", "0.5"}, {"plain", ""}}) + kEndMark)));
   const Result result = runAgainst(server, {"search", "books", "whale ship"});
-  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out,
             "    1   12.345  foo\n"
             "    2    0.500  base64:AP8=\n"
@@ -438,14 +438,14 @@ TEST(Search, TakesEveryPortionOfAStreamedReply) {
   ends.push_back(reply.body.size());
   ScriptedServer server(Script().expectRequest().send(chunkedAt(reply, ends, true).text, 16));
   const Result result = runAgainst(server, {"search", "books", "q"});
-  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "    1    3.000  a\n    2    2.000  b\n    3    2.000  c\n");
 }
 
 TEST(Search, ThatFindsNothingSaysSoAndSucceeds) {
   ScriptedServer server(Script().expectRequest().send(answer(200, kUninterpreted + kEndMark)));
   const Result result = runAgainst(server, {"search", "books", "q"});
-  EXPECT_EQ(result.code, ExitCode::ok);
+  EXPECT_EQ(result.code, ExitCode::Ok);
   EXPECT_EQ(result.out, "");
   EXPECT_EQ(result.err, "no document matches\n");
 }
@@ -460,7 +460,7 @@ TEST(Search, OfNoHitsSaysWhyThereAreNone) {
     std::vector<std::string> arguments{"search", "books", "q"};
     arguments.insert(arguments.end(), options.begin(), options.end());
     const Result result = runAgainst(server, arguments);
-    EXPECT_EQ(result.code, ExitCode::ok);
+    EXPECT_EQ(result.code, ExitCode::Ok);
     EXPECT_EQ(result.err, note);
   }
 }
@@ -474,7 +474,7 @@ TEST(Search, ThatIsCutOffShowsWhatCameAndExitsWithItsOwnCode) {
   ScriptedServer server(
       Script().expectRequest().send(whole.text.substr(0, whole.chunks.at(1).dataBegin + 5)));
   const Result result = runAgainst(server, {"search", "books", "q"});
-  EXPECT_EQ(result.code, ExitCode::truncated);
+  EXPECT_EQ(result.code, ExitCode::Truncated);
   EXPECT_EQ(result.out, "    1    3.000  a\n");
   EXPECT_TRUE(contains(result.err, "was cut off after 1 hit (the server ended it early)"))
       << result.err;
@@ -487,7 +487,7 @@ TEST(Search, ThatStopsInTheMiddleOfAStreamIsCutOffToo) {
   const auto text = chunkedAt(reply, {reply.body.size()}, false).text;
   ScriptedServer server(Script().expectRequest().send(text).stall());
   const Result result = runAgainst(server, {"search", "books", "q", "--timeout", "50"});
-  EXPECT_EQ(result.code, ExitCode::truncated);
+  EXPECT_EQ(result.code, ExitCode::Truncated);
   EXPECT_EQ(result.out, "    1    3.000  a\n");
   EXPECT_TRUE(contains(result.err, "within 50 ms")) << result.err;
 }
@@ -498,8 +498,8 @@ TEST(Search, OverTheBinaryProtocolIsCutOffToo) {
     ScriptedServer server(Script().expectFramedRequest().send(begin + end));
     const Result result =
         runProgram({"search", "books", "q", "--port", std::to_string(server.port())});
-    EXPECT_NE(result.code, ExitCode::ok);
-    EXPECT_TRUE(result.out.empty() || result.code == ExitCode::truncated) << result.out;
+    EXPECT_NE(result.code, ExitCode::Ok);
+    EXPECT_TRUE(result.out.empty() || result.code == ExitCode::Truncated) << result.out;
     EXPECT_TRUE(isOneLine(result.err)) << result.err;
   }
 }
@@ -509,7 +509,7 @@ TEST(Search, OverTheBinaryProtocolPrintsScoresOfTheSameForm) {
       word16(1) + scoredHit(12345, "foo") + scoredHit(500, "b") + endOfResults(), 3));
   const Result result =
       runProgram({"search", "books", "q", "--port", std::to_string(server.port())});
-  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "    1   12.345  foo\n    2    0.500  b\n");
 }
 
@@ -528,7 +528,7 @@ TEST(Load, QueuesDocumentsAndReportsWhatTheServerTook) {
                             .send(refusal("ZVK0012E", "too strange")));
   const Result result =
       runAgainst(server, {"load", "books", "-"}, documentLine("a", "x") + documentLine("b", "y"));
-  EXPECT_EQ(result.code, ExitCode::partlyLoaded);
+  EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
   EXPECT_EQ(result.out, "loaded 1 document into books, 1 refused\n");
   EXPECT_EQ(result.err, "corvane: line 2, key \"b\": too strange (ZVK0012E)\n" + nextStep);
   const auto requests = server.connection(0).requests;
@@ -545,7 +545,7 @@ TEST(Load, GoesOnBehindLinesThatAreNoDocuments) {
           outcomes({{"base64:YQ=="}})));
   const Result result = runAgainst(server, {"load", "books", "-", "--json"},
                                    "oops\n" + documentLine("a", "x") + "{\"key\":\"c\"}\n");
-  EXPECT_EQ(result.code, ExitCode::partlyLoaded);
+  EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
   EXPECT_TRUE(contains(result.out, "{\"refused\":\"\",\"line\":1,\"reason\":\"not JSON: "));
   EXPECT_TRUE(contains(
       result.out, "{\"refused\":\"c\",\"line\":3,\"reason\":\"the object has no \\\"text\\\"\"}"));
@@ -558,7 +558,7 @@ TEST(Load, CountsADocumentWithAWarningAsLoaded) {
       Script().expectRequest().send(done()).expectRequest().expectRequest().expectRequest().send(
           outcomes({{"a", "ZVK0100W", "language unknown"}})));
   const Result result = runAgainst(server, {"load", "books", "-"}, documentLine("a", "x"));
-  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");
 }
 
@@ -579,7 +579,7 @@ TEST(Load, AsksAboutADocumentThatNoResultNamesByAnAdditionOfItsOwn) {
   ScriptedServer server(loadOfTwoOfWhichOnlyTheFirstIsConfirmed().send(done()));
   const Result result =
       runAgainst(server, {"load", "books", "-"}, documentLine("a", "x") + documentLine("b", "y"));
-  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "loaded 2 documents into books, 0 refused\n");
   EXPECT_EQ(result.err, nextStep);
   const auto requests = server.connection(0).requests;
@@ -603,7 +603,7 @@ TEST(Load, QueuesManyDocumentsAgainWhileThatSettlesSomeOfThem) {
   for (int i = 0; i < 11; ++i) script.expectRequest().send(done());
   ScriptedServer server(script);
   const Result result = runAgainst(server, {"load", "books", "-"}, lines);
-  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "loaded 12 documents into books, 0 refused\n");
   EXPECT_EQ(server.requests(), 1U + 14 + 13 + 11);
 }
@@ -613,7 +613,7 @@ TEST(Load, ReportsTheReasonThatTheAdditionIsGiven) {
       loadOfTwoOfWhichOnlyTheFirstIsConfirmed().send(refusal("ZVK0013E", "too long")));
   const Result result =
       runAgainst(server, {"load", "books", "-"}, documentLine("a", "x") + documentLine("b", "y"));
-  EXPECT_EQ(result.code, ExitCode::partlyLoaded);
+  EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
   EXPECT_EQ(result.out, "loaded 1 document into books, 1 refused\n");
   EXPECT_EQ(result.err, "corvane: line 2, key \"b\": too long (ZVK0013E)\n" + nextStep);
 }
@@ -633,7 +633,7 @@ TEST(Load, DoesNotTakeTheRefusalOfAnotherClientsDocumentWithTheSameKeyForItsOwn)
                               .expectRequest()
                               .send(done()));
     const Result result = runAgainst(server, {"load", "books", "-"}, documentLine("a", "x"));
-    EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+    EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
     EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");
     EXPECT_TRUE(contains(server.connection(0).requests.at(4), "\naction: addDocument\n"));
   }
@@ -646,7 +646,7 @@ TEST(Load, SendsTheWindowAgainWhenTheConnectionBreaks) {
       Script().expectRequest().expectRequest().expectRequest().send(outcomes({{"a"}}));
   ScriptedServer server({broken, whole});
   const Result result = runAgainst(server, {"load", "books", "-"}, documentLine("a", "x"));
-  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");
 }
 
@@ -656,7 +656,7 @@ TEST(Load, StopsAtTheNumberOfRefusalsThatIsAllowed) {
           outcomes({{"a"}})));
   const Result result = runAgainst(server, {"load", "books", "-", "--max-errors", "2"},
                                    "bad\n" + documentLine("a", "x") + "bad\nbad\n");
-  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_EQ(result.code, ExitCode::Failed);
   EXPECT_EQ(result.out, "loaded 1 document into books, 2 refused\n");
   EXPECT_TRUE(contains(result.err, "corvane: line 3: not JSON")) << result.err;
   EXPECT_FALSE(contains(result.err, "line 4")) << result.err;
@@ -675,7 +675,7 @@ TEST(Load, MakesTheDocumentsSearchableWhenAsked) {
                             .send(done()));
   const Result result =
       runAgainst(server, {"load", "books", "-", "--update"}, documentLine("a", "x"));
-  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\nupdated books\n");
   EXPECT_EQ(result.err, "");
   EXPECT_TRUE(contains(server.connection(0).requests.at(4), "\naction: updateIndex\n"));
@@ -689,14 +689,14 @@ TEST(Load, SendsTheWindowAgainWhenAWriteFails) {
   // More than the system holds for a peer that does not read.
   const std::string text(std::size_t{16} << 20, 'x');
   const Result result = runAgainst(server, {"load", "books", "-"}, documentLine("a", text));
-  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");
 }
 
 TEST(Load, OfACollectionThatIsNotThereSendsNoDocument) {
   ScriptedServer server(Script().expectRequest().send(refusal("ZVK0007E", "unknown collection")));
   const Result result = runAgainst(server, {"load", "books", "-"}, documentLine("a", "x"));
-  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_EQ(result.code, ExitCode::Failed);
   EXPECT_TRUE(contains(result.err, "unknown collection")) << result.err;
   EXPECT_EQ(server.requests(), 1U);
 }
@@ -707,7 +707,7 @@ TEST(Load, ThatBreaksSaysHowFarItCame) {
            refusal("ZVK0014E", "disk full")),
        Script().awaitClose()});
   const Result result = runAgainst(server, {"load", "books", "-"}, documentLine("a", "x"));
-  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_EQ(result.code, ExitCode::Failed);
   EXPECT_EQ(result.out, "loaded 0 documents into books, 0 refused\n");
   EXPECT_TRUE(contains(result.err, "1 more document may be in the collection or not"));
   EXPECT_TRUE(contains(result.err, "disk full")) << result.err;
@@ -720,7 +720,7 @@ TEST(Load, ThatBreaksSaysInJsonToo) {
        Script().awaitClose()});
   const Result result =
       runAgainst(server, {"--json", "load", "books", "-"}, documentLine("a", "x"));
-  EXPECT_EQ(result.code, ExitCode::failed);
+  EXPECT_EQ(result.code, ExitCode::Failed);
   EXPECT_EQ(result.out, R"({"collection":"books","loaded":0,"refused":0,"unconfirmed":1})"
                         "\n");
 }
@@ -739,7 +739,7 @@ TEST(Load, SendsTheSecondOfTwoDocumentsWithOneKeyInALaterWindow) {
                             .send(outcomes({{"a"}})));
   const Result result = runAgainst(server, {"load", "books", "-"},
                                    documentLine("a", "first") + documentLine("a", "second"));
-  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "loaded 2 documents into books, 0 refused\n");
   EXPECT_TRUE(contains(server.connection(0).requests.at(1), "first"));
   EXPECT_TRUE(contains(server.connection(0).requests.at(4), "second"));
@@ -748,7 +748,7 @@ TEST(Load, SendsTheSecondOfTwoDocumentsWithOneKeyInALaterWindow) {
 TEST(Load, OfNothingAsksForNothing) {
   ScriptedServer server(Script().expectRequest().send(done()));
   const Result result = runAgainst(server, {"load", "books", "-"}, "\n\n");
-  EXPECT_EQ(result.code, ExitCode::ok) << result.err;
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "loaded 0 documents into books, 0 refused\n");
   EXPECT_EQ(server.requests(), 1U);
 }
