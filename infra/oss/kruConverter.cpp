@@ -4,6 +4,10 @@
 #include <unicode/utf16.h>
 #include <unicode/utf8.h>
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -30,16 +34,44 @@ char32_t nextCodePoint(const char16_t* text, std::int32_t length, std::int32_t& 
 
 #pragma GCC diagnostic pop
 
-std::size_t asciiPrefix(const char* bytes, std::size_t length) noexcept {
+#ifdef __SSE2__
+
+// Sixteen bytes, when they are all ASCII.
+bool widen16(const char* bytes, char16_t* out) noexcept {
+  const __m128i units = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
+  if (_mm_movemask_epi8(units) != 0) return false;
+  const __m128i zero = _mm_setzero_si128();
+  auto* const to = reinterpret_cast<__m128i*>(out);
+  _mm_storeu_si128(to, _mm_unpacklo_epi8(units, zero));
+  _mm_storeu_si128(to + 1, _mm_unpackhi_epi8(units, zero));
+  return true;
+}
+
+// Writes the ASCII characters at the start of the bytes and returns how many there are.
+std::size_t widenAscii(const char* bytes, std::size_t length, char16_t* out) noexcept {
+  std::size_t i = 0;
+  while (length - i >= 16 && widen16(bytes + i, out + i)) i += 16;
+  // The last step covers bytes that were written already.
+  if (i != 0 && length - i < 16 && widen16(bytes + length - 16, out + length - 16)) return length;
+  for (; i < length && static_cast<signed char>(bytes[i]) >= 0; ++i) out[i] = char16_t(bytes[i]);
+  return i;
+}
+
+#else
+
+std::size_t widenAscii(const char* bytes, std::size_t length, char16_t* out) noexcept {
   std::size_t i = 0;
   for (; length - i >= 8; i += 8) {
     std::uint64_t word;
     std::memcpy(&word, bytes + i, sizeof word);
     if ((word & 0x8080808080808080U) != 0) break;
+    for (std::size_t k = i; k < i + 8; ++k) out[k] = char16_t(bytes[k]);
   }
-  while (i < length && static_cast<signed char>(bytes[i]) >= 0) ++i;
+  for (; i < length && static_cast<signed char>(bytes[i]) >= 0; ++i) out[i] = char16_t(bytes[i]);
   return i;
 }
+
+#endif
 
 std::int32_t decodeTail(const char* bytes, std::size_t length, char16_t* out) {
   std::int32_t units = 0;
@@ -83,20 +115,24 @@ std::string Converter::toUTF8(const icu::UnicodeString& text) {
 
 icu::UnicodeString Converter::fromUTF8(const char* bytes, std::size_t length) {
   icu::UnicodeString text;
-  if (length == 0) return text;
+  assignUTF8(text, bytes, length);
+  return text;
+}
+
+void Converter::assignUTF8(icu::UnicodeString& text, const char* bytes, std::size_t length) {
+  // Also makes a bogus text valid.
+  text.remove();
+  if (length == 0) return;
   if (length > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) {
     throwOutOfMemory();
   }
   // No byte becomes more than one unit, so the result fits and is written in place.
-  const auto room = static_cast<std::int32_t>(length);
-  char16_t* out = text.getBuffer(room);
+  char16_t* out = text.getBuffer(static_cast<std::int32_t>(length));
   if (out == nullptr) throwOutOfMemory();
-  const std::size_t plain = asciiPrefix(bytes, length);
-  for (std::size_t i = 0; i < plain; ++i) out[i] = static_cast<char16_t>(bytes[i]);
+  const std::size_t plain = widenAscii(bytes, length, out);
   auto units = static_cast<std::int32_t>(plain);
   if (plain < length) units += decodeTail(bytes + plain, length - plain, out + plain);
   text.releaseBuffer(units);
-  return text;
 }
 
 void Converter::throwOutOfMemory() {

@@ -1,11 +1,15 @@
 #include "infra/oss/kruFormatter.h"
 
 #include <algorithm>
+#include <cfloat>
 #include <charconv>
 #include <clocale>
+#include <cstdint>
 #include <cstdlib>
+#include <iterator>
 #include <limits>
 #include <string>
+#include <string_view>
 #include <system_error>
 
 #include "infra/oss/kruConverter.h"
@@ -31,12 +35,37 @@ double outOfRange(const char* begin, const char* end) {
   return std::clamp(value, -kLargest, kLargest);
 }
 
-}  // namespace
+constexpr double kPowersOfTen[] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                   1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
 
-double Formatter::stringToDouble(const icu::UnicodeString& text) {
-  const std::string bytes = Converter::toUTF8(text);
-  const char* begin = bytes.data();
-  const char* const end = begin + bytes.size();
+// Digits with a full stop among them or after them, which is what servers send. As long as both the
+// digits and the power of ten are doubles without rounding, the one rounding of the division gives
+// the double nearest to the number, which is what the general parser gives.
+bool simpleDecimal(std::string_view text, double& value) noexcept {
+  constexpr std::uint64_t kLargestWhole = std::uint64_t{1} << DBL_MANT_DIG;
+  if (FLT_EVAL_METHOD != 0 || text.empty() || text.size() > std::size(kPowersOfTen)) return false;
+  if (text.front() == '.') return false;
+  std::uint64_t digits = 0;
+  std::size_t whole = text.size();
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto digit = static_cast<unsigned char>(text[i] - '0');
+    if (digit <= 9) {
+      digits = digits * 10 + digit;
+    } else if (text[i] == '.' && whole == text.size()) {
+      whole = i;
+    } else {
+      return false;
+    }
+  }
+  if (digits > kLargestWhole) return false;
+  const std::size_t fraction = whole == text.size() ? 0 : text.size() - whole - 1;
+  value = static_cast<double>(digits) / kPowersOfTen[fraction];
+  return true;
+}
+
+double parseNumber(std::string_view text) {
+  const char* begin = text.data();
+  const char* const end = begin + text.size();
   while (begin != end && (*begin == ' ' || (*begin >= '\t' && *begin <= '\r'))) ++begin;
   if (begin != end && *begin == '+' && begin + 1 != end && begin[1] != '-') ++begin;
   if (!startsNumber(begin, end)) return 0.0;
@@ -44,6 +73,18 @@ double Formatter::stringToDouble(const icu::UnicodeString& text) {
   const auto [rest, error] = std::from_chars(begin, end, value);
   if (error == std::errc::result_out_of_range) return outOfRange(begin, rest);
   return error == std::errc() ? value : 0.0;
+}
+
+}  // namespace
+
+double Formatter::stringToDouble(const icu::UnicodeString& text) {
+  const std::string bytes = Converter::toUTF8(text);
+  return stringToDouble(bytes.data(), bytes.size());
+}
+
+double Formatter::stringToDouble(const char* text, std::size_t length) {
+  double value = 0.0;
+  return simpleDecimal({text, length}, value) ? value : parseNumber({text, length});
 }
 
 }  // namespace tq::oss

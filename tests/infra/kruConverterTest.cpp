@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <vector>
 
 #include "infra/oss/kruConverter.h"
 #include "infra/oss/kruNLSException.h"
@@ -53,6 +54,51 @@ TEST(Converter, AgreesWithTheLibraryOnEveryLengthOfAscii) {
     EXPECT_EQ(Converter::fromUTF8(bytes.data(), bytes.size()), text);
     EXPECT_EQ(Converter::toUTF8(text), bytes);
   }
+}
+
+icu::UnicodeString asTheLibraryReads(const std::string& bytes) {
+  return icu::UnicodeString::fromUTF8(
+      icu::StringPiece(bytes.data(), static_cast<std::int32_t>(bytes.size())));
+}
+
+TEST(Converter, AgreesWithTheLibraryWhereverTextCeasesToBeAscii) {
+  for (const std::string part :
+       {"\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\xFF", "\xC3", "\x7F"}) {
+    for (std::size_t length = 0; length < 52; ++length) {
+      for (std::size_t at = 0; at <= length; ++at) {
+        std::string bytes(length, 'a');
+        bytes.insert(at, part);
+        // In memory of exactly its size, so that a sanitizer sees a step beyond its end.
+        const std::vector<char> exact(bytes.begin(), bytes.end());
+        ASSERT_EQ(asTheLibraryReads(bytes), Converter::fromUTF8(exact.data(), exact.size()))
+            << length << ' ' << at;
+      }
+    }
+  }
+}
+
+TEST(Converter, AssignsIntoTheMemoryOfTheTextBefore) {
+  icu::UnicodeString text;
+  Converter::assignUTF8(text, "a text that is too long to stand inside", 39);
+  const char16_t* const memory = text.getBuffer();
+  Converter::assignUTF8(text, "another text of more than 27 units", 34);
+  EXPECT_EQ(u"another text of more than 27 units", text);
+  EXPECT_EQ(memory, text.getBuffer());
+  Converter::assignUTF8(text, "", 0);
+  EXPECT_TRUE(text.isEmpty());
+}
+
+TEST(Converter, AssigningLeavesCopiesAloneAndMakesABogusTextValid) {
+  icu::UnicodeString text = Converter::fromUTF8("a text that is too long to stand inside", 39);
+  const icu::UnicodeString copy = text;
+  Converter::assignUTF8(text, "something else", 14);
+  EXPECT_EQ(u"a text that is too long to stand inside", copy);
+  text.setToBogus();
+  Converter::assignUTF8(text, "valid", 5);
+  EXPECT_EQ(u"valid", text);
+  text.setToBogus();
+  Converter::assignUTF8(text, nullptr, 0);
+  EXPECT_FALSE(text.isBogus());
 }
 
 TEST(Converter, RoundTripsEveryCodePoint) {

@@ -2,7 +2,11 @@
 
 #include <clocale>
 #include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <limits>
+#include <random>
 #include <string>
 #include <type_traits>
 
@@ -26,6 +30,58 @@ TEST(Formatter, ReadsDecimalNumbers) {
                {u"1.5 2.5", 1.5},   {u"0x10", 0.0},   {u"1,5", 1.0},     {u"1e", 1.0},
                {u"0.1", 0.1},       {u"1e308", 1e308}};
   for (const auto& c : cases) EXPECT_DOUBLE_EQ(Formatter::stringToDouble(c.text), c.value);
+}
+
+/// The bits of a double, so that a comparison tells zeros apart.
+std::uint64_t bitsOf(double value) {
+  std::uint64_t bits = 0;
+  std::memcpy(&bits, &value, sizeof bits);
+  return bits;
+}
+
+// The C library's reader, in its own locale, knows no short way.
+TEST(Formatter, ReadsNumbersOfASimpleFormToTheLastBit) {
+  std::mt19937_64 random(1);
+  for (int i = 0; i < 200000; ++i) {
+    std::string text = std::to_string(random() >> (random() % 64));
+    if (random() % 8 != 0) text.insert(text.begin() + 1 + static_cast<int>(random() % text.size()), '.');
+    const double value = Formatter::stringToDouble(text.data(), text.size());
+    ASSERT_EQ(bitsOf(std::strtod(text.c_str(), nullptr)), bitsOf(value)) << text;
+    ASSERT_EQ(bitsOf(value), bitsOf(Formatter::stringToDouble(icu::UnicodeString(text.c_str()))));
+  }
+}
+
+TEST(Formatter, ReadsNumbersAtTheEdgeOfTheSimpleFormToTheLastBit) {
+  for (const std::string text : {"9007199254740992",
+                                 "9007199254740993",
+                                 "9007199254740991",
+                                 "900719925474099.3",
+                                 "90071992547409.93",
+                                 "9.007199254740993",
+                                 "9999999999999999",
+                                 "999999999999999.9",
+                                 "0.00000000000001",
+                                 "0.000000000000001",
+                                 "0000000000000001",
+                                 "000000000000000.1",
+                                 "99999999999999999",
+                                 "1.",
+                                 "0.",
+                                 "0",
+                                 "00",
+                                 "1..",
+                                 "1.2.",
+                                 "1.2.3",
+                                 "16777217.0"}) {
+    const double value = Formatter::stringToDouble(text.data(), text.size());
+    EXPECT_EQ(bitsOf(std::strtod(text.c_str(), nullptr)), bitsOf(value)) << text;
+  }
+}
+
+TEST(Formatter, ReadsAsManyBytesAsItIsGiven) {
+  EXPECT_EQ(12.0, Formatter::stringToDouble("12.345", 2));
+  EXPECT_EQ(12.0, Formatter::stringToDouble("12\0.5", 5));
+  EXPECT_EQ(0.0, Formatter::stringToDouble("1", 0));
 }
 
 TEST(Formatter, GivesZeroForWhatStartsWithNoNumber) {

@@ -63,6 +63,9 @@ class KRU_EXPORT Converter {
 
   /// All `length` bytes, zero bytes included.
   static icu::UnicodeString fromUTF8(const char* bytes, std::size_t length);
+  /// The same into `text`, whose memory is used again where it suffices. After an exception the
+  /// text is empty or bogus.
+  static void assignUTF8(icu::UnicodeString& text, const char* bytes, std::size_t length);
 
   /// Throws the exception described above.
   [[noreturn]] static void throwOutOfMemory();

@@ -2,6 +2,8 @@
 
 #include <unicode/unistr.h>
 
+#include <cstddef>
+
 #include "infra/oss/kruExport.h"
 
 namespace tq::oss {
@@ -16,6 +18,8 @@ class KRU_EXPORT Formatter {
   /// text starts with no number. The result is always finite: too large a number gives the largest
   /// double, one too close to zero gives zero.
   static double stringToDouble(const icu::UnicodeString& text);
+  /// The same for a text in UTF-8.
+  static double stringToDouble(const char* text, std::size_t length);
 };
 
 }  // namespace tq::oss
