@@ -9,6 +9,7 @@
 #include "comm/kruClientResponse.h"
 #include "comm/kruErrorRecord.h"
 #include "comm/kruFunctionIds.h"
+#include "comm/kruHitFiller.h"
 #include "comm/kruKinds.h"
 #include "comm/kruRESTException.h"
 #include "comm/kruRaise.h"
@@ -110,7 +111,6 @@ void requireFieldsFit(std::string_view record) {
 /// An envelope whose bytes are not all there has the status `kEnvelopeIncomplete` and stays in
 /// `block` as a whole.
 std::uint16_t takeEnvelopeHeader(bytes::Reader& block, std::uint16_t& status) {
-  const tq::oss::TraceScope trace(trace::DrestoPerfResponseValidateRespEnv);
   bytes::Reader next = block;
   std::uint16_t size = 0;
   if (!next.readShort(status) || !next.readShort(size)) {
@@ -124,6 +124,16 @@ std::uint16_t takeEnvelopeHeader(bytes::Reader& block, std::uint16_t& status) {
     block = next;
   }
   return size;
+}
+
+void requireScore(std::string_view payload, std::uint16_t status) {
+  if (status != kEnvelopeScoredHit || payload.size() >= kScore) return;
+  fail(StaticDefs::ERR_CLIENT_RESP_PARSING, u"a hit is too short for its score");
+}
+
+std::uint16_t takeEnvelopeHeaderTraced(bytes::Reader& block, std::uint16_t& status) {
+  const tq::oss::TraceScope trace(trace::DrestoPerfResponseValidateRespEnv);
+  return takeEnvelopeHeader(block, status);
 }
 
 /// Decodes a payload, whose length has come from 16 bits.
@@ -232,7 +242,7 @@ unsigned short DrestoPerfResponse::validateRespEnv(const char* buffer, int lengt
                                                    unsigned short& status) {
   bytes::Reader block = bytes::readerOf(buffer + position, length - position);
   const int offered = bytes::leftIn(block);
-  const std::uint16_t size = takeEnvelopeHeader(block, status);
+  const std::uint16_t size = takeEnvelopeHeaderTraced(block, status);
   position += offered - bytes::leftIn(block);
   return size;
 }
@@ -325,18 +335,18 @@ void DrestoPerfResponse::requireWithinLimit(std::size_t size) const {
 
 /// Hands each whole envelope to `take(payload, status)` up to the one that ends them, and returns
 /// how many bytes follow the last one that was taken.
-template <typename Take>
+template <auto TakeHeader, typename Take>
 int DrestoPerfResponse::walkEnvelopes(const char* buffer, int length, bool& done, Take take) {
   bytes::Reader block = bytes::readerOf(buffer, length);
   while (block.remaining() != 0) {
     std::uint16_t status = 0;
-    const std::uint16_t size = takeEnvelopeHeader(block, status);
+    const std::uint16_t size = TakeHeader(block, status);
     if (status == kEnvelopeIncomplete) break;
     if (status == kEnvelopeData && size == 0) {
       done = true;
       break;
     }
-    requireWithinLimit(size);
+    if (size > maxReplyBytes_) requireWithinLimit(size);
     std::string_view payload;
     block.readBytes(size, payload);
     take(payload, status);
@@ -351,16 +361,40 @@ int DrestoPerfResponse::parseStreamSearchResponse(const char* buffer, int length
   if (length == 0) {
     refuseEmptyBody(u"Zero(0) sized protocol body inparseStreamSearchresp", kLineEmptySearch);
   }
+  // The host wants to see each step of each hit, or it wants the hits.
+  return tq::oss::getTraceFacility() != nullptr ? walkHits(buffer, length, response, done)
+                                                : fillHits(buffer, length, response, done);
+}
+
+/// Decodes each envelope as a record.
+int DrestoPerfResponse::walkHits(const char* buffer, int length, ClientResponse& response,
+                                 bool& done) {
   SearchResult hit(true);
-  return walkEnvelopes(buffer, length, done, [&](std::string_view payload, std::uint16_t status) {
-    if (status == kEnvelopeScoredHit && payload.size() < kScore) {
-      fail(StaticDefs::ERR_CLIENT_RESP_PARSING, u"a hit is too short for its score");
-    }
+  const auto take = [&](std::string_view payload, std::uint16_t status) {
+    requireScore(payload, status);
     // An error among the hits is decoded as a hit too, because it must not end the stream.
     parseInto(hit, payload, status);
     response.addSearchResult(hit);
     hit.freeKey();
-  });
+  };
+  return walkEnvelopes<takeEnvelopeHeaderTraced>(buffer, length, done, take);
+}
+
+/// The same hits, without a record for each: millions of them come in one reply.
+int DrestoPerfResponse::fillHits(const char* buffer, int length, ClientResponse& response,
+                                 bool& done) {
+  HitFiller hits(response, {buffer, static_cast<std::size_t>(std::max(length, 0))});
+  // A hit without a score has that of the hit before.
+  double score = 0.0;
+  const auto take = [&](std::string_view payload, std::uint16_t status) {
+    requireScore(payload, status);
+    if (status == kEnvelopeScoredHit) {
+      score = scoreOf(bytes::loadShort(payload.data()));
+      payload.remove_prefix(kScore);
+    }
+    hits.addKeyed(score, payload);
+  };
+  return walkEnvelopes<takeEnvelopeHeader>(buffer, length, done, take);
 }
 
 int DrestoPerfResponse::parseParseResultResponse(const char* buffer, int length,
@@ -370,11 +404,12 @@ int DrestoPerfResponse::parseParseResultResponse(const char* buffer, int length,
     refuseEmptyBody(u"Zero(0) sized protocol body in parseParseResult ", kLineEmptyParseResult);
   }
   ParseResult result(true);
-  return walkEnvelopes(buffer, length, done, [&](std::string_view payload, std::uint16_t status) {
+  const auto take = [&](std::string_view payload, std::uint16_t status) {
     requireFieldsFit(payload);
     parseInto(result, payload, status);
     response.addParseResult(result);
-  });
+  };
+  return walkEnvelopes<takeEnvelopeHeaderTraced>(buffer, length, done, take);
 }
 
 int DrestoPerfResponse::parseSelectivityResponse(const char* buffer, int length,
@@ -384,13 +419,14 @@ int DrestoPerfResponse::parseSelectivityResponse(const char* buffer, int length,
     refuseEmptyBody(u"Zero(0) sized protocol body in parseSelectivity ", kLineEmptySelectivity);
   }
   SelectivityInfo info(true);
-  return walkEnvelopes(buffer, length, done, [&](std::string_view payload, std::uint16_t status) {
+  const auto take = [&](std::string_view payload, std::uint16_t status) {
     if (payload.size() < kSelectivityRecord) {
       fail(StaticDefs::ERR_CLIENT_RESP_PARSING, u"an estimate is too short for its values");
     }
     parseInto(info, payload, status);
     response.setSelectivityInfo(info);
-  });
+  };
+  return walkEnvelopes<takeEnvelopeHeaderTraced>(buffer, length, done, take);
 }
 
 int DrestoPerfResponse::parseContent(const char* buffer, int length, ClientResponse& response,
@@ -402,7 +438,7 @@ int DrestoPerfResponse::parseContent(const char* buffer, int length, ClientRespo
   }
   bytes::Reader block = bytes::readerOf(buffer, length);
   std::uint16_t status = 0;
-  const std::uint16_t size = takeEnvelopeHeader(block, status);
+  const std::uint16_t size = takeEnvelopeHeaderTraced(block, status);
   if (status == kEnvelopeIncomplete) {
     done = true;
     fail(StaticDefs::ERR_SERVER_PROTOCOL,

@@ -6,32 +6,38 @@
 
 namespace tq::comm {
 
-ParseResponse::ParseResponse() : results_(std::make_unique<ResultList<ParseResult>>()) {}
+ParseResponse::ParseResponse() = default;
 
-ParseResponse::ParseResponse(const std::list<ParseResult>& results) : ParseResponse() {
-  results_->assign(results);
-}
+ParseResponse::ParseResponse(const std::list<ParseResult>& results) { list().assign(results); }
 
-ParseResponse::ParseResponse(const ParseResponse& other) : ParseResponse() {
-  results_->assign(other.results_->all());
-}
+ParseResponse::ParseResponse(const ParseResponse& other) { *this = other; }
 
 ParseResponse& ParseResponse::operator=(const ParseResponse& other) {
-  if (this != &other) results_->assign(other.results_->all());
+  if (this == &other) return *this;
+  if (other.results_ != nullptr) {
+    list().copy(*other.results_);
+  } else if (results_ != nullptr) {
+    results_->init();
+  }
   return *this;
 }
 
 ParseResponse::~ParseResponse() = default;
 
-void ParseResponse::init() {
-  const tq::oss::TraceScope scope(trace::ParseResponseInit);
-  results_->init();
+ResultList<ParseResult>& ParseResponse::list() {
+  if (results_ == nullptr) results_ = std::make_unique<ResultList<ParseResult>>();
+  return *results_;
 }
 
-void ParseResponse::addResult(const ParseResult& result) { results_->add(result); }
-bool ParseResponse::hasMore() const { return results_->hasMore(); }
-ParseResult& ParseResponse::getNext() { return results_->next(); }
-unsigned int ParseResponse::count() const { return results_->count(); }
-void ParseResponse::incrCount() { results_->incrCount(); }
+void ParseResponse::init() {
+  const tq::oss::TraceScope scope(trace::ParseResponseInit);
+  if (results_ != nullptr) results_->init();
+}
+
+void ParseResponse::addResult(const ParseResult& result) { list().add(result); }
+bool ParseResponse::hasMore() const { return results_ != nullptr && results_->hasMore(); }
+ParseResult& ParseResponse::getNext() { return list().next(); }
+unsigned int ParseResponse::count() const { return results_ != nullptr ? results_->count() : 0; }
+void ParseResponse::incrCount() { list().incrCount(); }
 
 }  // namespace tq::comm

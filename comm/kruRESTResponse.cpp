@@ -11,6 +11,7 @@
 #include "comm/kruClientResponse.h"
 #include "comm/kruErrorRecord.h"
 #include "comm/kruFunctionIds.h"
+#include "comm/kruHitFiller.h"
 #include "comm/kruKinds.h"
 #include "comm/kruRESTException.h"
 #include "comm/kruRaise.h"
@@ -429,7 +430,6 @@ void RESTResponse::walkRecords(bytes::Reader& body, bool& done, const Raiser& ra
     }
     std::string_view record;
     if (!next.readBytes(length, record)) return;
-    requireFieldsFit(record, raiser);
     take(record);
     body = next;
   }
@@ -444,10 +444,15 @@ int RESTResponse::parseStreamSearchResponse(const char* buffer, int length,
     return 0;
   }
   bytes::Reader body = bytes::readerOf(buffer, length);
+  HitFiller hits(response, {buffer, body.remaining()});
+  // A host that traces wants to see each step of each hit.
+  const bool traced = tq::oss::getTraceFacility() != nullptr;
   walkRecords(body, done, fail, [&](std::string_view record) {
+    if (!traced && hits.addNamed(record)) return;
+    requireFieldsFit(record, fail);
     SearchResult hit(true);
     parseInto(hit, record);
-    response.addSearchResult(hit);
+    hits.add(hit);
   });
   return bytes::leftIn(body);
 }
@@ -461,6 +466,7 @@ int RESTResponse::parseParseResultResponse(const char* buffer, int length, Clien
   }
   bytes::Reader body = bytes::readerOf(buffer, length);
   walkRecords(body, done, failWithoutPlace, [&](std::string_view record) {
+    requireFieldsFit(record, failWithoutPlace);
     ParseResult result(true);
     parseInto(result, record);
     response.addParseResult(result);

@@ -1,64 +1,204 @@
 #pragma once
 
-#include <list>
+#include <algorithm>
+#include <cstddef>
+#include <memory>
 #include <memory_resource>
 #include <optional>
+#include <span>
+#include <vector>
 
 namespace tq::comm {
 
 /// What the lists of search hits and of parse results have in common. The elements stand in arrival
-/// order in memory of the list's own, given back all at once; references to them stay valid until
-/// `init` or `assign`.
+/// order in slabs that never move; references to them stay valid until `init` or `assign`.
+///
+/// A parser that fills elements in place may have the next portion's made of the same objects: what
+/// they hold of it, such as the memory of a text, need not be fetched again.
 template <typename Result>
 class ResultList {
  public:
   ResultList() = default;
+  ~ResultList() { destroyElements(); }
   ResultList(const ResultList&) = delete;
   ResultList& operator=(const ResultList&) = delete;
 
-  void init() {
-    results_.clear();
-    memory_.release();
+  void init() noexcept {
+    if (!reusable_) destroyElements();
+    dropSlabsFrom(kKeptSlabs);
+    for (Slab& slab : slabs_) slab.used = 0;
+    reusable_ = true;
+    tail_ = 0;
+    size_ = 0;
     // The element that the cursor stood at is gone; at the end it cannot dangle.
-    cursor_ = results_.end();
+    cursor_ = nullptr;
     count_ = 0;
   }
 
   template <typename Results>
   void assign(const Results& results) {
     init();
-    for (const Result& result : results) results_.push_back(result);
-    cursor_ = results_.begin();
-    count_ = static_cast<unsigned int>(results_.size());
+    for (const Result& result : results) append(result);
+    moveToFirst();
+    count_ = static_cast<unsigned int>(size_);
+  }
+
+  void copy(const ResultList& other) {
+    init();
+    for (const Slab& slab : other.slabs_) {
+      for (const Result& result : slab) append(result);
+    }
+    moveToFirst();
+    count_ = static_cast<unsigned int>(size_);
   }
 
   void add(const Result& result) {
-    results_.push_back(result);
-    if (++count_ == 1) cursor_ = results_.begin();
+    append(result);
+    noteAdded();
   }
 
-  bool hasMore() const {
-    if (results_.empty() || count_ == 0) return false;
-    return Cursor(cursor_) != results_.end();
+  /// Elements for the list to go on with, in whatever state their use in an earlier portion has
+  /// left them. They are no part of it before `commit`, which adds the first ones of them.
+  std::span<Result> ready() {
+    Slab& slab = slabWithRoom();
+    if (slab.used == slab.made) slab.makeOne(false);
+    return {slab.elements() + slab.used, slab.made - slab.used};
   }
+  void commit(std::size_t elements) noexcept {
+    if (elements == 0) return;
+    slabs_[tail_].used += elements;
+    size_ += elements;
+    // As if they were added one by one.
+    const unsigned int untilOne = 1U - count_;
+    count_ += static_cast<unsigned int>(elements);
+    if (untilOne - 1U < elements) moveToFirst();
+  }
+
+  /// Something in an element is too large to be kept for the next portion.
+  void keepNothing() noexcept { reusable_ = false; }
+
+  bool hasMore() const noexcept { return count_ != 0 && cursor_ != nullptr; }
 
   Result& next() {
     --count_;
-    if (cursor_ == results_.end()) return spare_.emplace(false);
-    return *cursor_++;
+    if (cursor_ == nullptr) return spare_.emplace(false);
+    Result& result = *cursor_;
+    if (++cursor_ == cursorEnd_) moveOn();
+    return result;
   }
 
-  unsigned int count() const { return count_; }
-  void incrCount() { ++count_; }
-  const std::pmr::list<Result>& all() const { return results_; }
+  unsigned int count() const noexcept { return count_; }
+  void incrCount() noexcept { ++count_; }
 
  private:
-  using Cursor = typename std::pmr::list<Result>::const_iterator;
+  // The first portion of a search is often its last, and short.
+  static constexpr std::size_t kSmallestSlab = 8;
+  static constexpr std::size_t kLargestSlab = 256;
+  // Slabs that outlive a portion: 8, 16, ... 256 and six more of 256 elements.
+  static constexpr std::size_t kKeptSlabs = 12;
 
-  std::pmr::monotonic_buffer_resource memory_;
-  std::pmr::list<Result> results_{&memory_};
-  typename std::pmr::list<Result>::iterator cursor_ = results_.end();
+  /// The first `made` elements are objects, the first `used` of them are in the list.
+  struct Slab {
+    Slab(std::size_t elements, std::pmr::memory_resource* from)
+        : memory(std::pmr::polymorphic_allocator<Result>(from).allocate(elements),
+                 Free{from, elements}),
+          capacity(elements) {}
+
+    Result* elements() const noexcept { return memory.get(); }
+    const Result* begin() const noexcept { return elements(); }
+    const Result* end() const noexcept { return elements() + used; }
+    void makeOne(const auto&... from) {
+      std::construct_at(elements() + made, from...);
+      ++made;
+    }
+    void destroyFrom(std::size_t first) noexcept {
+      if (first < made) std::destroy_n(elements() + first, made - first);
+      made = std::min(made, first);
+    }
+
+    struct Free {
+      std::pmr::memory_resource* from;
+      std::size_t elements;
+      void operator()(Result* first) const noexcept {
+        std::pmr::polymorphic_allocator<Result>(from).deallocate(first, elements);
+      }
+    };
+    std::unique_ptr<Result, Free> memory;
+    std::size_t capacity;
+    std::size_t made = 0;
+    std::size_t used = 0;
+  };
+
+  /// The slab that the next element goes to.
+  Slab& slabWithRoom() {
+    if (tail_ < slabs_.size() && slabs_[tail_].used == slabs_[tail_].capacity) {
+      // The list stays as it is when there is no memory for another slab.
+      if (tail_ + 1 == slabs_.size()) addSlab(slabs_[tail_].capacity * 2);
+      ++tail_;
+    } else if (slabs_.empty()) {
+      addSlab(kSmallestSlab);
+    }
+    return slabs_[tail_];
+  }
+
+  void addSlab(std::size_t elements) {
+    slabs_.emplace_back(std::min(elements, kLargestSlab), memory_);
+  }
+
+  void append(const Result& result) {
+    Slab& slab = slabWithRoom();
+    slab.destroyFrom(slab.used);
+    slab.makeOne(result);
+    ++slab.used;
+    ++size_;
+    // A copy may hold on to what it shares with its original.
+    reusable_ = false;
+  }
+
+  void noteAdded() noexcept {
+    if (++count_ == 1) moveToFirst();
+  }
+
+  void moveToFirst() noexcept {
+    cursorSlab_ = 0;
+    moveTo(size_ != 0 ? slabs_.front().elements() : nullptr);
+  }
+
+  /// The cursor has come to the end of what it knew of its slab.
+  void moveOn() noexcept {
+    if (cursor_ != slabs_[cursorSlab_].end()) return moveTo(cursor_);
+    ++cursorSlab_;
+    const bool more = cursorSlab_ <= tail_ && slabs_[cursorSlab_].used != 0;
+    moveTo(more ? slabs_[cursorSlab_].elements() : nullptr);
+  }
+
+  void moveTo(Result* element) noexcept {
+    cursor_ = element;
+    cursorEnd_ = element != nullptr ? slabs_[cursorSlab_].end() : nullptr;
+  }
+
+  void destroyElements() noexcept {
+    for (Slab& slab : slabs_) slab.destroyFrom(0);
+  }
+
+  void dropSlabsFrom(std::size_t first) noexcept {
+    for (std::size_t i = first; i < slabs_.size(); ++i) slabs_[i].destroyFrom(0);
+    if (first < slabs_.size())
+      slabs_.erase(slabs_.begin() + static_cast<std::ptrdiff_t>(first), slabs_.end());
+  }
+
+  std::pmr::memory_resource* memory_ = std::pmr::get_default_resource();
+  std::vector<Slab> slabs_;
+  // The slab that is being filled; every slab before it is full.
+  std::size_t tail_ = 0;
+  std::size_t size_ = 0;
+  // The next element to take, and its slab. Null at the end, where it stays when elements follow.
+  Result* cursor_ = nullptr;
+  std::size_t cursorSlab_ = 0;
+  // No further than the end of the slab's elements, of which there may be more since.
+  const Result* cursorEnd_ = nullptr;
   unsigned int count_ = 0;
+  bool reusable_ = true;
   // What is handed out behind the last element.
   std::optional<Result> spare_;
 };

@@ -7,6 +7,7 @@
 #include "comm/kruBuiltFirst.h"
 #include "comm/kruBytes.h"
 #include "comm/kruFunctionIds.h"
+#include "comm/kruHitFiller.h"
 #include "comm/kruRaise.h"
 #include "comm/kruStaticDefs.h"
 #include "comm/kruUnsendable.h"
@@ -26,7 +27,6 @@ constexpr char16_t kIdPrefix[] = u"base64:";
 constexpr std::size_t kIdPrefixLength = std::size(kIdPrefix) - 1;
 
 constexpr unsigned short kScoredHit = 5;
-constexpr double kScoreUnit = 1000.0;
 
 // A caller that keeps one hit of a block keeps the block, hence no larger ones.
 constexpr unsigned int kSmallestBlock = 64;
@@ -48,7 +48,7 @@ SearchResult::SearchResult(const SearchResult& other)
       score_(other.score_),
       key_(other.key_),
       keyLength_(other.keyLength_),
-      block_(other.block_),
+      block_(other.lender_ != nullptr ? *other.lender_ : other.block_),
       pendingId_(other.pendingId_) {
   if (pendingId_ == nullptr) docId_ = other.docId_;
 }
@@ -60,7 +60,8 @@ SearchResult& SearchResult::operator=(const SearchResult& other) {
   keyLength_ = other.keyLength_;
   used_ = 0;
   capacity_ = 0;
-  block_ = other.block_;
+  block_ = other.lender_ != nullptr ? *other.lender_ : other.block_;
+  lender_ = nullptr;
   pendingId_ = other.pendingId_;
   if (pendingId_ == nullptr) docId_ = other.docId_;
   return *this;
@@ -72,7 +73,7 @@ int SearchResult::parseRecordNew(const char* buf, unsigned short len, unsigned s
   if (recordType == kScoredHit) {
     std::uint16_t score = 0;
     if (reader.readShort(score)) {
-      score_ = score / kScoreUnit;
+      score_ = scoreOf(score);
     } else {
       reader.skip(reader.remaining());
     }
@@ -127,6 +128,7 @@ char* SearchResult::reserve(unsigned int len, std::shared_ptr<char[]>& left) {
     left.swap(block_);
     capacity_ = size;
     used_ = 0;
+    lender_ = nullptr;
   }
   char* room = block_.get() + used_;
   used_ += len;

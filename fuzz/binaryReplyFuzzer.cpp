@@ -1,4 +1,5 @@
-// The parser of binary replies, fed one reply whole and once more in pieces.
+// The parser of binary replies, fed one reply whole, once more in pieces, and both ways again while
+// it decodes record by record.
 //
 // Input: kind, seed of the pieces, then the bytes of the reply.
 
@@ -16,6 +17,7 @@
 #include "fuzz/input.h"
 #include "fuzz/memoryMeter.h"
 #include "fuzz/transcript.h"
+#include "tests/support/recordByRecord.h"
 
 namespace tq::fuzz {
 
@@ -184,6 +186,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       envelopes.mixesScores() ? Transcript::Scores::Ignored : Transcript::Scores::Noted;
   const Transcript whole = read(kind, reply, Cutter::whole(), scores);
   const Transcript cut = read(kind, reply, pieces, scores);
+  {
+    const tq::test::RecordByRecord slowly;
+    Transcript::requireEqual(whole, read(kind, reply, Cutter::whole(), scores));
+    Transcript::requireEqual(cut, read(kind, reply, pieces, scores));
+  }
   const bool errorAsContent =
       kind == tq::comm::ClientRequest::GET_SERVER_VERSION && Envelopes::beginsWithError(body);
   if (!envelopes.callsItselfCut() && !errorAsContent) Transcript::requireEqual(whole, cut);

@@ -1,4 +1,5 @@
-// The parser of HTTP replies, fed one reply whole and once more in pieces.
+// The parser of HTTP replies, fed one reply whole, once more in pieces, and both ways again while
+// it decodes record by record.
 //
 // Input: kind, size limit, seed of the pieces, then the bytes of the reply.
 
@@ -16,6 +17,7 @@
 #include "fuzz/input.h"
 #include "fuzz/memoryMeter.h"
 #include "fuzz/transcript.h"
+#include "tests/support/recordByRecord.h"
 
 namespace tq::fuzz {
 
@@ -155,6 +157,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::size_t limit = kLimits[input.byte() % kLimits.size()];
   const Cutter pieces(input.byte());
   const Transcript whole = read(kind, limit, input.rest(), Cutter::whole());
-  Transcript::requireEqual(whole, read(kind, limit, input.rest(), pieces));
+  const Transcript cut = read(kind, limit, input.rest(), pieces);
+  Transcript::requireEqual(whole, cut);
+  const tq::test::RecordByRecord slowly;
+  Transcript::requireEqual(whole, read(kind, limit, input.rest(), Cutter::whole()));
+  Transcript::requireEqual(cut, read(kind, limit, input.rest(), pieces));
   return 0;
 }

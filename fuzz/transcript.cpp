@@ -66,6 +66,7 @@ void Transcript::takeHits(tq::comm::SearchResponse& hits) {
   while (hits.hasMore()) {
     const tq::comm::SearchResult& hit = hits.getNext();
     add(results_, "hit", hit.getDocId());
+    if (hit.getKey() != nullptr) results_.append(hit.getKey(), hit.getKeyLen());
     if (scores_ == Scores::Noted) {
       const double score = hit.getScore();
       char bits[sizeof score];

@@ -13,6 +13,7 @@
 namespace tq::comm {
 
 class CorvaneClient;
+class HitFiller;
 
 /// What one request brought: the outcome, the server's status, and the typed results. A client's
 /// exchange fills it; for kinds whose results stream, the two pulling operations fetch the further
@@ -91,6 +92,8 @@ class KRU_EXPORT ClientResponse {
   static bool resultsExpected(ClientRequest::REQUEST kind);
 
  private:
+  friend class HitFiller;
+
   int resultCount_ = 0;
   icu::UnicodeString text_;
   tq::oss::UTF8String utf8Buffer_;

@@ -86,7 +86,9 @@ class KRU_EXPORT DrestoPerfResponse : public RESTResponse {
   std::size_t unitLength(const char* buffer, int length) const;
   void requireWithinLimit(std::size_t size) const;
 
-  template <typename Take>
+  int walkHits(const char* buffer, int length, ClientResponse& response, bool& done);
+  int fillHits(const char* buffer, int length, ClientResponse& response, bool& done);
+  template <auto TakeHeader, typename Take>
   int walkEnvelopes(const char* buffer, int length, bool& done, Take take);
 
   bool resultsExpected_;

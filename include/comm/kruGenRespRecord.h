@@ -15,6 +15,7 @@ class ExtendedProperties;
 
 namespace tq::comm {
 
+class HitFiller;
 struct KVPair;
 
 /// The base of every result: the codec of the server's records, with the set of properties that a
@@ -102,6 +103,8 @@ class KRU_EXPORT GenRespRecord {
   bool forgetsPreviousRecord_ = false;
 
  private:
+  friend class HitFiller;
+
   tq::util::ExtendedProperties& ownProperties();
 
   std::unique_ptr<tq::util::ExtendedProperties> properties_;

@@ -41,6 +41,9 @@ class KRU_EXPORT ParseResponse {
   void incrCount();
 
  private:
+  ResultList<ParseResult>& list();
+
+  // Null until something is added.
   std::unique_ptr<ResultList<ParseResult>> results_;
 };
 

@@ -8,8 +8,8 @@
 
 namespace tq::comm {
 
-template <typename Result>
-class ResultList;
+class HitFiller;
+struct HitList;
 
 /// The hits of one portion of a reply, in arrival order, with a cursor for walking them and the
 /// count of those not yet taken. One object serves one thread at a time; different objects need no
@@ -43,7 +43,12 @@ class KRU_EXPORT SearchResponse {
   void incrCount();
 
  private:
-  std::unique_ptr<ResultList<SearchResult>> results_;
+  friend class HitFiller;
+
+  HitList& list();
+
+  // Null until something is added.
+  std::unique_ptr<HitList> results_;
 };
 
 }  // namespace tq::comm

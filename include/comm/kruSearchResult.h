@@ -8,6 +8,8 @@
 
 namespace tq::comm {
 
+class HitFiller;
+
 /// One hit of a search: a document and its score. One object serves one thread at a time; different
 /// objects need no locking, copies of each other included.
 ///
@@ -57,6 +59,9 @@ class KRU_EXPORT SearchResult : public GenRespRecord {
   static void docIdToB64(const char* key, unsigned int len, icu::UnicodeString& out);
 
  private:
+  // Makes hits in their list, straight from a reply.
+  friend class HitFiller;
+
   void settleDocId() const;
   // Room for `len` bytes. A block that is full is replaced and handed over in `left`.
   char* reserve(unsigned int len, std::shared_ptr<char[]>& left);
@@ -70,6 +75,9 @@ class KRU_EXPORT SearchResult : public GenRespRecord {
   unsigned int used_ = 0;
   unsigned int capacity_ = 0;
   std::shared_ptr<char[]> block_;
+
+  // A hit in a list leaves the share in its key's block to the list; a copy takes one of its own.
+  const std::shared_ptr<char[]>* lender_ = nullptr;
 
   // The key whose text form nobody has asked for yet, or null.
   mutable const char* pendingId_ = nullptr;
