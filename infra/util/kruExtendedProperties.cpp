@@ -1,5 +1,6 @@
 #include "infra/util/kruExtendedProperties.h"
 
+#include <algorithm>
 #include <limits>
 #include <utility>
 
@@ -29,59 +30,199 @@ namespace {
   throw oss::NLSException(message);
 }
 
-void requireWhole(const ExtendedProperties::Map& properties) {
-  for (const auto& [name, value] : properties) {
-    oss::Converter::checked(name);
-    oss::Converter::checked(value);
+// Below 0, 0 or above. The names are ordered by their code units; of two that begin alike the
+// shorter comes first.
+inline int compare(const icu::UnicodeString& a, const icu::UnicodeString& b) noexcept {
+  const char16_t* left = a.getBuffer();
+  const char16_t* right = b.getBuffer();
+  const std::int32_t leftLength = a.length();
+  const std::int32_t rightLength = b.length();
+  const std::int32_t shorter = std::min(leftLength, rightLength);
+  for (std::int32_t i = 0; i < shorter; ++i) {
+    if (left[i] != right[i]) return left[i] < right[i] ? -1 : 1;
   }
+  return leftLength - rightLength;
 }
 
 }  // namespace
 
-ExtendedProperties::ExtendedProperties() = default;
-
-ExtendedProperties::ExtendedProperties(const ExtendedProperties& other)
-    : properties_(other.properties_) {
-  requireWhole(properties_);
+bool ExtendedProperties::ByName::operator()(const Place& a, const Place& b) const noexcept {
+  return compare(a.property->texts.first, b.property->texts.first) < 0;
 }
 
-ExtendedProperties::ExtendedProperties(ExtendedProperties&& other) noexcept = default;
+bool ExtendedProperties::ByName::operator()(const Place& a,
+                                            const icu::UnicodeString& b) const noexcept {
+  return compare(a.property->texts.first, b) < 0;
+}
+
+bool ExtendedProperties::ByName::operator()(const icu::UnicodeString& a,
+                                            const Place& b) const noexcept {
+  return compare(a, b.property->texts.first) < 0;
+}
+
+// A property.
+
+ExtendedProperties::Property* ExtendedProperties::hold(Property* property) noexcept {
+  property->holders.fetch_add(1, std::memory_order_relaxed);
+  return property;
+}
+
+void ExtendedProperties::release(Property* property) noexcept {
+  // The last holder needs no counting: nobody else can take hold of the property any more.
+  if (property->holders.load(std::memory_order_acquire) == 1 ||
+      property->holders.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    delete property;
+  }
+}
+
+template <typename Name, typename Value>
+ExtendedProperties::Held ExtendedProperties::make(Name&& name, Value&& value) {
+  Held made(new Property(std::forward<Name>(name), std::forward<Value>(value)));
+  oss::Converter::checked(made->texts.first);
+  oss::Converter::checked(made->texts.second);
+  return made;
+}
+
+// The set.
+
+ExtendedProperties::ExtendedProperties() noexcept = default;
+ExtendedProperties::ExtendedProperties(const ExtendedProperties& other) { copyFrom(other); }
+ExtendedProperties::ExtendedProperties(ExtendedProperties&& other) noexcept { moveFrom(other); }
 
 ExtendedProperties& ExtendedProperties::operator=(const ExtendedProperties& other) {
-  properties_ = other.properties_;
-  try {
-    requireWhole(properties_);
-  } catch (...) {
-    properties_.clear();
-    throw;
-  }
+  if (this == &other) return *this;
+  clear();
+  copyFrom(other);
   return *this;
 }
 
-ExtendedProperties& ExtendedProperties::operator=(ExtendedProperties&& other) noexcept = default;
-ExtendedProperties::~ExtendedProperties() = default;
+ExtendedProperties& ExtendedProperties::operator=(ExtendedProperties&& other) noexcept {
+  if (this == &other) return *this;
+  clear();
+  moveFrom(other);
+  return *this;
+}
+
+ExtendedProperties::~ExtendedProperties() { clear(); }
+
+void ExtendedProperties::copyFrom(const ExtendedProperties& other) {
+  if (other.many_ != nullptr) {
+    many_ = std::make_unique<Many>(*other.many_);
+    for (const Place& place : *many_) hold(place.property);
+    return;
+  }
+  for (std::uint32_t i = 0; i < other.count_; ++i) few_[i] = hold(other.few_[i]);
+  count_ = other.count_;
+}
+
+void ExtendedProperties::moveFrom(ExtendedProperties& other) noexcept {
+  many_ = std::move(other.many_);
+  std::copy_n(other.few_, other.count_, few_);
+  count_ = std::exchange(other.count_, 0);
+}
+
+void ExtendedProperties::clear() noexcept {
+  for (std::uint32_t i = 0; i < count_; ++i) release(few_[i]);
+  count_ = 0;
+  if (many_ == nullptr) return;
+  for (const Place& place : *many_) release(place.property);
+  many_.reset();
+}
+
+// For the form for few. `at` becomes where the name is or would have to be.
+bool ExtendedProperties::isAt(const icu::UnicodeString& name, std::uint32_t& at) const noexcept {
+  at = 0;
+  for (std::uint32_t last = count_; at < last;) {
+    const std::uint32_t middle = (at + last) / 2;
+    const int order = compare(name, few_[middle]->texts.first);
+    if (order == 0) {
+      at = middle;
+      return true;
+    }
+    if (order < 0) {
+      last = middle;
+    } else {
+      at = middle + 1;
+    }
+  }
+  return false;
+}
+
+ExtendedProperties::Property** ExtendedProperties::find(const icu::UnicodeString& name,
+                                                        std::uint32_t& at) const noexcept {
+  // A bogus name reads as an empty one, which may well be there.
+  if (name.isBogus()) return nullptr;
+  if (many_ != nullptr) {
+    const auto found = many_->find(name);
+    return found == many_->end() ? nullptr : &found->property;
+  }
+  return isAt(name, at) ? const_cast<Property**>(few_ + at) : nullptr;
+}
+
+void ExtendedProperties::replace(Property*& present, icu::UnicodeString&& value) {
+  if (present->holders.load(std::memory_order_acquire) == 1) {
+    present->texts.second = std::move(value);
+    return;
+  }
+  Held changed = make(present->texts.first, std::move(value));
+  release(present);
+  present = changed.release();
+}
+
+/// `at` is where `find` has looked for the name in vain.
+void ExtendedProperties::add(Held property, std::uint32_t at) {
+  if (many_ == nullptr && count_ == kFew) takeMany();
+  if (many_ != nullptr) {
+    many_->insert(Place{property.get()});
+    property.release();
+    return;
+  }
+  std::copy_backward(few_ + at, few_ + count_, few_ + count_ + 1);
+  few_[at] = property.release();
+  ++count_;
+}
+
+void ExtendedProperties::takeMany() {
+  auto many = std::make_unique<Many>();
+  for (std::uint32_t i = 0; i < count_; ++i) many->insert(many->end(), Place{few_[i]});
+  many_ = std::move(many);
+  count_ = 0;
+}
 
 void ExtendedProperties::putProperty(const icu::UnicodeString& name,
                                      const icu::UnicodeString& value) {
   // Before it is compared: a bogus name has no place in the order.
   oss::Converter::checked(name);
+  std::uint32_t at = 0;
+  Property** const present = find(name, at);
+  if (present == nullptr) return add(make(name, value), at);
   icu::UnicodeString copy(value);
   oss::Converter::checked(copy);
-  const auto [put, added] = properties_.insert_or_assign(name, std::move(copy));
-  if (!added || !put->first.isBogus()) return;
-  properties_.erase(put);
-  oss::Converter::throwOutOfMemory();
+  replace(*present, std::move(copy));
 }
 
 void ExtendedProperties::putProperty(icu::UnicodeString&& name, icu::UnicodeString&& value) {
   oss::Converter::checked(name);
   oss::Converter::checked(value);
-  properties_.insert_or_assign(std::move(name), std::move(value));
+  std::uint32_t at = 0;
+  Property** const present = find(name, at);
+  if (present == nullptr) return add(make(std::move(name), std::move(value)), at);
+  replace(*present, std::move(value));
 }
 
 const icu::UnicodeString* ExtendedProperties::findProperty(const icu::UnicodeString& name) const {
-  const auto found = properties_.find(name);
-  return found == properties_.end() ? nullptr : &found->second;
+  std::uint32_t at = 0;
+  Property* const* found = find(name, at);
+  return found == nullptr ? nullptr : &(*found)->texts.second;
+}
+
+bool ExtendedProperties::sharesAllWith(const ExtendedProperties& other) const noexcept {
+  if (many_ == nullptr && other.many_ == nullptr) {
+    return count_ == other.count_ && std::equal(few_, few_ + count_, other.few_);
+  }
+  return size() == other.size() &&
+         std::equal(begin(), end(), other.begin(),
+                    [](const value_type& a, const value_type& b) { return &a == &b; });
 }
 
 icu::UnicodeString ExtendedProperties::getProperty(const icu::UnicodeString& name,

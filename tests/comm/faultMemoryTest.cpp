@@ -340,7 +340,8 @@ TEST_P(FaultMemory, EveryAllocationOfEveryExchangeMayFail) {
   sweep({protocol, lasting, retries}, false, tally);
   RecordProperty("runs", tally.runs);
   RecordProperty("failed", tally.failed);
-  EXPECT_GT(tally.runs, 300);
+  // Few are left of each: those of the connection, the response and what the first request takes.
+  EXPECT_GT(tally.runs, 3 * static_cast<int>(requestsOf(false).size()));
   EXPECT_GT(tally.failed, tally.runs / 2) << "a failing allocation that nobody notices";
 }
 

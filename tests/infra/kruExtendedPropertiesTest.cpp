@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <iterator>
+#include <map>
 #include <memory>
+#include <random>
+#include <string>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -154,6 +158,159 @@ TEST(ExtendedProperties, MovesWhole) {
   ExtendedProperties assigned;
   assigned = std::move(moved);
   EXPECT_EQ(assigned.requireProperty(u"name"), u"value");
+}
+
+// Names that begin alike, differ late, are empty, hold a zero or half of a surrogate pair.
+icu::UnicodeString drawText(std::mt19937& random) {
+  static constexpr char16_t kUnits[] = {u'a', u'a', u'a', u'B', u'\0', u'\u00e4', 0xD83D, 0xDE00};
+  icu::UnicodeString text;
+  for (auto length = random() % 12; length != 0; --length) {
+    text.append(kUnits[random() % std::size(kUnits)]);
+  }
+  return text;
+}
+
+using Model = std::map<icu::UnicodeString, icu::UnicodeString>;
+
+struct Modelled {
+  ExtendedProperties set;
+  Model model;
+};
+
+void expectSame(const Modelled& m) {
+  ASSERT_EQ(m.set.size(), m.model.size());
+  auto expected = m.model.begin();
+  for (const auto& [name, value] : m.set) {
+    ASSERT_EQ(name, expected->first);
+    ASSERT_EQ(value, expected->second);
+    ASSERT_EQ(m.set.findProperty(name), &value);
+    ++expected;
+  }
+  auto at = m.set.end();
+  for (auto back = m.model.rbegin(); back != m.model.rend(); ++back) {
+    ASSERT_EQ((--at)->first, back->first);
+  }
+  ASSERT_TRUE(at == m.set.begin());
+}
+
+void change(Modelled& m, std::mt19937& random) {
+  const icu::UnicodeString name = drawText(random);
+  const icu::UnicodeString value = drawText(random);
+  if (random() % 2 == 0) {
+    m.set.putProperty(name, value);
+  } else {
+    m.set.putProperty(icu::UnicodeString(name), icu::UnicodeString(value));
+  }
+  m.model[name] = value;
+}
+
+TEST(ExtendedProperties, AreWhatAMapOfTheirOwnWouldBeWhateverCopiesThereAre) {
+  for (unsigned int seed = 0; seed < 40; ++seed) {
+    std::mt19937 random(seed);
+    std::vector<Modelled> sets(4);
+    for (int step = 0; step < 400; ++step) {
+      Modelled& one = sets[random() % sets.size()];
+      Modelled& other = sets[random() % sets.size()];
+      switch (random() % 16) {
+        case 0:
+          one = Modelled(other);
+          break;
+        case 1:
+          one.set = other.set;
+          one.model = other.model;
+          break;
+        case 2:
+          one = Modelled();
+          break;
+        case 3:
+          one.set.clear();
+          one.model.clear();
+          break;
+        default:
+          change(one, random);
+      }
+      const icu::UnicodeString looked = drawText(random);
+      ASSERT_EQ(one.set.contains(looked), one.model.count(looked) == 1);
+    }
+    for (const Modelled& m : sets) expectSame(m);
+    if (HasFatalFailure()) FAIL() << "seed " << seed;
+  }
+}
+
+TEST(ExtendedProperties, HoldAnyNumberInTheirOrder) {
+  for (const unsigned int count : {1U, 15U, 16U, 17U, 18U, 100U, 3000U}) {
+    Modelled m;
+    for (unsigned int i = 0; i < count; ++i) {
+      const std::string name = std::to_string((i * 7919U) % count);
+      const icu::UnicodeString text = icu::UnicodeString::fromUTF8(name);
+      m.set.putProperty(text, u"value");
+      m.model[text] = u"value";
+    }
+    expectSame(m);
+    expectSame(Modelled(m));
+    const ExtendedProperties moved = std::move(m.set);
+    EXPECT_EQ(moved.size(), m.model.size());
+    EXPECT_EQ(m.set.size(), 0U);
+    m.set.putProperty(u"again", u"usable");
+    EXPECT_EQ(m.set.size(), 1U);
+  }
+}
+
+// What find and require return is valid until that very property is put again.
+TEST(ExtendedProperties, AValueStaysWhereItIsWhileOthersAreAddedAndCopiesComeAndGo) {
+  ExtendedProperties properties = two();
+  const icu::UnicodeString* const value = properties.findProperty(u"name");
+  const auto copy = std::make_unique<ExtendedProperties>(properties);
+  EXPECT_EQ(copy->findProperty(u"name"), value);
+  for (int i = 0; i < 40; ++i) {
+    const icu::UnicodeString name = icu::UnicodeString::fromUTF8(std::to_string(i));
+    properties.putProperty(name, u"added");
+    const ExtendedProperties another = properties;
+    properties.putProperty(name, u"changed");
+  }
+  copy->putProperty(u"name", u"of the copy");
+  EXPECT_EQ(properties.findProperty(u"name"), value);
+  EXPECT_EQ(*value, u"value");
+}
+
+TEST(ExtendedProperties, AValueCanBePutFromTheSetItself) {
+  ExtendedProperties properties = two();
+  properties.putProperty(u"other", properties.requireProperty(u"name"));
+  properties.putProperty(u"name", properties.requireProperty(u"name"));
+  const ExtendedProperties copy = properties;
+  properties.putProperty(u"name", properties.requireProperty(u"name"));
+  properties.putProperty(properties.begin()->first, properties.begin()->first);
+  EXPECT_EQ(properties.requireProperty(u"name"), u"name");
+  EXPECT_EQ(properties.requireProperty(u"other"), u"value");
+  EXPECT_EQ(copy.requireProperty(u"name"), u"value");
+}
+
+TEST(ExtendedProperties, ABogusNameIsNoneOfThem) {
+  ExtendedProperties properties;
+  properties.putProperty(u"", u"of the empty name");
+  icu::UnicodeString bogus;
+  bogus.setToBogus();
+  EXPECT_FALSE(properties.contains(bogus));
+  EXPECT_TRUE(properties.contains(u""));
+}
+
+TEST(ExtendedProperties, ShareAllWithACopyUntilEitherChanges) {
+  for (const int count : {0, 1, 16, 17, 50}) {
+    ExtendedProperties properties;
+    for (int i = 0; i < count; ++i) {
+      properties.putProperty(icu::UnicodeString::fromUTF8(std::to_string(i)), u"value");
+    }
+    ExtendedProperties copy = properties;
+    EXPECT_TRUE(copy.sharesAllWith(properties));
+    EXPECT_TRUE(properties.sharesAllWith(properties));
+    copy.putProperty(u"0", u"other");
+    EXPECT_FALSE(copy.sharesAllWith(properties));
+    EXPECT_FALSE(properties.sharesAllWith(copy));
+    copy = properties;
+    EXPECT_TRUE(copy.sharesAllWith(properties));
+    properties.putProperty(u"new", u"value");
+    EXPECT_FALSE(copy.sharesAllWith(properties));
+  }
 }
 
 }  // namespace
