@@ -13,6 +13,7 @@
 #include <cstring>
 #include <limits>
 
+#include "infra/oss/kruAsciiUnits.h"
 #include "infra/oss/kruNLSException.h"
 
 namespace tq::oss {
@@ -83,13 +84,23 @@ std::int32_t decodeTail(const char* bytes, std::size_t length, char16_t* out) {
   return units;
 }
 
+// Writes what follows the first `i` units, which were written as a byte each.
+[[gnu::noinline]] std::size_t encodeFrom(std::int32_t i, const char16_t* units, std::int32_t length,
+                                         char* out) noexcept {
+  auto* const bytes = reinterpret_cast<std::uint8_t*>(out);
+  auto written = static_cast<std::size_t>(i);
+  while (i < length) U8_APPEND_UNSAFE(bytes, written, nextCodePoint(units, length, i));
+  return written;
+}
+
 }  // namespace
 
 std::size_t Converter::utf8Length(const icu::UnicodeString& text) noexcept {
   const char16_t* units = text.getBuffer();
   const std::int32_t length = text.length();
-  std::size_t bytes = 0;
-  for (std::int32_t i = 0; i < length;) {
+  std::int32_t i = countAsciiUnits(units, length);
+  auto bytes = static_cast<std::size_t>(i);
+  while (i < length) {
     const char32_t c = nextCodePoint(units, length, i);
     bytes += static_cast<std::size_t>(U8_LENGTH(c));
   }
@@ -99,12 +110,10 @@ std::size_t Converter::utf8Length(const icu::UnicodeString& text) noexcept {
 std::size_t Converter::writeUTF8(const icu::UnicodeString& text, char* out) noexcept {
   const char16_t* units = text.getBuffer();
   const std::int32_t length = text.length();
-  auto* const bytes = reinterpret_cast<std::uint8_t*>(out);
-  std::size_t written = 0;
-  std::int32_t i = 0;
-  for (; i < length && units[i] < 0x80; ++i) bytes[written++] = static_cast<std::uint8_t>(units[i]);
-  while (i < length) U8_APPEND_UNSAFE(bytes, written, nextCodePoint(units, length, i));
-  return written;
+  const std::int32_t plain = narrowAsciiUnits(units, length, out);
+  if (plain == length) [[likely]]
+    return static_cast<std::size_t>(length);
+  return encodeFrom(plain, units, length, out);
 }
 
 std::string Converter::toUTF8(const icu::UnicodeString& text) {

@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <clocale>
+#include <random>
 #include <string>
 #include <string_view>
 #include <type_traits>
 #include <vector>
 
+#include "infra/oss/kruAsciiUnits.h"
 #include "infra/oss/kruConverter.h"
 #include "infra/oss/kruNLSException.h"
 #include "tests/support/failingMemory.h"
@@ -99,6 +101,103 @@ TEST(Converter, AssigningLeavesCopiesAloneAndMakesABogusTextValid) {
   text.setToBogus();
   Converter::assignUTF8(text, nullptr, 0);
   EXPECT_FALSE(text.isBogus());
+}
+
+// The slow way: one code point after the other, by the rules of the encoding.
+std::string encodedOneByOne(const std::u16string& units) {
+  std::string out;
+  for (std::size_t i = 0; i < units.size(); ++i) {
+    char32_t c = units[i];
+    if (c >= 0xD800 && c < 0xE000) {
+      const bool pair =
+          c < 0xDC00 && i + 1 < units.size() && units[i + 1] >= 0xDC00 && units[i + 1] < 0xE000;
+      c = pair ? 0x10000 + ((c - 0xD800) << 10) + (units[++i] - 0xDC00U) : 0xFFFD;
+    }
+    const auto tail = [&](int shift) { out += static_cast<char>(0x80U | ((c >> shift) & 0x3FU)); };
+    if (c < 0x80) {
+      out += static_cast<char>(c);
+    } else if (c < 0x800) {
+      out += static_cast<char>(0xC0U | (c >> 6));
+      tail(0);
+    } else if (c < 0x10000) {
+      out += static_cast<char>(0xE0U | (c >> 12));
+      tail(6);
+      tail(0);
+    } else {
+      out += static_cast<char>(0xF0U | (c >> 18));
+      tail(12);
+      tail(6);
+      tail(0);
+    }
+  }
+  return out;
+}
+
+char16_t drawUnit(std::mt19937& random, unsigned int wildness) {
+  static constexpr char16_t kWild[] = {0,      0x7F,   0x80,   0xFF,   0x100,  0x7FF,
+                                       0x800,  0xD7FF, 0xD800, 0xDBFF, 0xDC00, 0xDFFF,
+                                       0xE000, 0xFEFF, 0xFF80, 0xFFFF};
+  if (random() % 100 >= wildness) return static_cast<char16_t>(u' ' + random() % 95);
+  return kWild[random() % std::size(kWild)];
+}
+
+void expectWrittenAs(const std::string& expected, const icu::UnicodeString& text) {
+  ASSERT_EQ(Converter::utf8Length(text), expected.size());
+  // Not a byte beyond what was measured: the room is often exactly that.
+  std::string out(expected.size() + 64, '#');
+  ASSERT_EQ(Converter::writeUTF8(text, out.data()), expected.size());
+  ASSERT_EQ(out, expected + std::string(64, '#'));
+}
+
+TEST(Converter, WritesWhatTheSlowWayWritesOfAnyUnits) {
+  std::mt19937 random(20260101);
+  for (const unsigned int wildness : {0U, 1U, 5U, 50U, 100U}) {
+    for (int run = 0; run < 4000; ++run) {
+      std::u16string units(random() % 90, u'\0');
+      for (char16_t& unit : units) unit = drawUnit(random, wildness);
+      const auto length = static_cast<std::int32_t>(units.size());
+      expectWrittenAs(encodedOneByOne(units), icu::UnicodeString(units.data(), length));
+      if (HasFatalFailure()) FAIL() << "wildness " << wildness << " run " << run;
+    }
+  }
+}
+
+TEST(Converter, WritesWhatTheSlowWayWritesOfVeryLongTexts) {
+  std::mt19937 random(7);
+  for (const unsigned int wildness : {0U, 1U, 30U}) {
+    std::u16string units(1000003, u'\0');
+    for (char16_t& unit : units) unit = drawUnit(random, wildness);
+    const auto length = static_cast<std::int32_t>(units.size());
+    expectWrittenAs(encodedOneByOne(units), icu::UnicodeString(units.data(), length));
+  }
+}
+
+// Every place of the one unit that is not ASCII, in every length around the steps; and the room
+// behind the text stays as it was.
+template <typename Steps>
+void expectNarrowedUpToTheFirstOther() {
+  for (std::int32_t length = 0; length <= 40; ++length) {
+    for (std::int32_t other = 0; other <= length; ++other) {
+      for (const char16_t unit : {u'\x80', u'\xFF', u'\x100', u'\x7F80', u'\xFF41', u'\xDC00'}) {
+        std::u16string units(static_cast<std::size_t>(length), u'q');
+        if (other < length) units[static_cast<std::size_t>(other)] = unit;
+        std::string out(static_cast<std::size_t>(length) + 16, '#');
+        ASSERT_EQ(tq::oss::countAsciiUnits<Steps>(units.data(), length), other);
+        ASSERT_EQ(tq::oss::narrowAsciiUnits<Steps>(units.data(), length, out.data()), other);
+        const auto plain = static_cast<std::size_t>(other);
+        ASSERT_EQ(out.substr(0, plain), std::string(plain, 'q'));
+        ASSERT_EQ(out.substr(static_cast<std::size_t>(length)), std::string(16, '#'));
+      }
+    }
+  }
+}
+
+TEST(AsciiUnits, AreNarrowedUpToTheFirstOtherUnit) {
+  expectNarrowedUpToTheFirstOther<tq::oss::AsciiSteps>();
+}
+
+TEST(AsciiUnits, AreNarrowedAlikeWithoutVectorInstructions) {
+  expectNarrowedUpToTheFirstOther<tq::oss::PlainSteps>();
 }
 
 TEST(Converter, RoundTripsEveryCodePoint) {
