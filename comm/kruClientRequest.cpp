@@ -37,6 +37,9 @@ void ClientRequest::buildRequest(const icu::UnicodeString& collectionId, REQUEST
 void ClientRequest::replaceProperties(const tq::util::ExtendedProperties& props) {
   properties_ = props;
   properties_.putProperty(StaticDefs::PARAM_PROTO_VER, StaticDefs::PROTO_VERSION);
+  // Most requests are sent once.
+  keptHeader_.reset();
+  madeWithoutKept_ = 0;
 }
 
 void ClientRequest::setRequestString() {

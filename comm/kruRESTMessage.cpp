@@ -1,13 +1,21 @@
 #include "comm/kruRESTMessage.h"
 
+#include <algorithm>
 #include <array>
+#include <cstring>
+#include <iterator>
 #include <limits>
+#include <memory>
+#include <new>
 #include <string>
+#include <string_view>
+#include <utility>
 
 #include "comm/kruBytes.h"
 #include "comm/kruConversionCache.h"
 #include "comm/kruFunctionIds.h"
 #include "comm/kruGenRespRecord.h"
+#include "comm/kruKeptHeader.h"
 #include "comm/kruKinds.h"
 #include "comm/kruMessageTables.h"
 #include "comm/kruRaise.h"
@@ -30,6 +38,13 @@ constexpr unsigned int kTermRecordLength = 8;
 constexpr std::uint64_t kPrefixSlack = 2000;
 constexpr std::uint64_t kWord = 4;
 constexpr std::size_t kMostBytesAUnit = 3;
+// More than the words and tags of a block that belong to no pair.
+constexpr std::uint64_t kBlockOverhead = 100;
+
+// A longer text is not kept, so that one always fits into a message together with a length.
+constexpr std::size_t kMostKept = 16000;
+// A request whose properties change all the time is asked for its text ever less often.
+constexpr unsigned int kMostPatience = 64;
 
 const icu::UnicodeString& actionOf(ClientRequest::REQUEST kind) {
   const tq::oss::TraceScope scope(trace::RESTMessageGetAction);
@@ -43,6 +58,12 @@ const icu::UnicodeString& actionTypeOf(ClientRequest::REQUEST kind) {
 
 // Counts what GenRespRecord::getSerializeKVPairLength counts, its surplus of 8 included, without
 // its limit of an int.
+std::uint64_t mostBytesOfPair(const KVPair& pair) {
+  return kMostBytesAUnit * (static_cast<std::uint64_t>(Converter::checked(pair.key).length()) +
+                            static_cast<std::uint64_t>(Converter::checked(pair.value).length())) +
+         5 * kWord;
+}
+
 std::uint64_t pairLength(const KVPair& pair) {
   return ConversionCache::lengthOf(Converter::checked(pair.key)) +
          ConversionCache::lengthOf(Converter::checked(pair.value)) + 4 * kWord +
@@ -54,29 +75,33 @@ const icu::UnicodeString& outputNameOf(const icu::UnicodeString& name) {
   return name == StaticDefs::PARAM_AUTHENTICATION_TOKEN ? StaticDefs::PARAM_AUTHENTICATION : name;
 }
 
-// Most comparisons are decided by the first letter.
-bool comesBefore(const icu::UnicodeString& a, const icu::UnicodeString& b) {
-  if (a.isEmpty() || b.isEmpty() || a.charAt(0) == b.charAt(0)) return a < b;
-  return a.charAt(0) < b.charAt(0);
+// Below 0, 0 or above, in the order that property sets have. Most comparisons are decided by the
+// first letter.
+int compareNames(const icu::UnicodeString& a, const icu::UnicodeString& b) {
+  if (a.isEmpty() || b.isEmpty()) return a.compare(b);
+  const int order = a.getBuffer()[0] - b.getBuffer()[0];
+  return order != 0 ? order : a.compare(b);
 }
 
-// What a header line needs besides name and value. Both pieces are ASCII.
-std::size_t lineOverhead() {
-  return static_cast<std::size_t>(StaticDefs::COLON_SPACE.length()) +
-         static_cast<std::size_t>(StaticDefs::NEWLINE.length());
+// What a header line needs besides name and value, all of it ASCII.
+constexpr std::string_view kColonSpace = ": ";
+constexpr std::string_view kNewline = "\n";
+constexpr std::string_view kHeaderEnd{"\r\n", 3};  // With the terminating zero.
+constexpr std::size_t kLineOverhead = kColonSpace.size() + kNewline.size();
+
+char* putBytes(char* out, std::string_view bytes) {
+  return static_cast<char*>(std::memcpy(out, bytes.data(), bytes.size())) + bytes.size();
 }
 
-// Headers are nearly all ASCII: narrowed in one go, and converted properly only if that shows that
-// they are not.
-char* putText(char* out, const icu::UnicodeString& text) {
-  const char16_t* units = text.getBuffer();
-  const auto length = static_cast<std::size_t>(text.length());
-  unsigned int seen = 0;
-  for (std::size_t i = 0; i < length; ++i) {
-    seen |= units[i];
-    out[i] = static_cast<char>(units[i]);
-  }
-  return out + (seen < 0x80 ? length : Converter::writeUTF8(text, out));
+char* putLine(char* out, const icu::UnicodeString& name, const icu::UnicodeString& value) {
+  out = putBytes(out + Converter::writeUTF8(name, out), kColonSpace);
+  return putBytes(out + Converter::writeUTF8(value, out), kNewline);
+}
+
+std::size_t mostBytesOfLine(const icu::UnicodeString& name, const icu::UnicodeString& value) {
+  return kMostBytesAUnit *
+             (static_cast<std::size_t>(name.length()) + static_cast<std::size_t>(value.length())) +
+         kLineOverhead;
 }
 
 void appendDecimal(icu::UnicodeString& out, std::uint64_t n) {
@@ -96,6 +121,69 @@ void putTag(bytes::Writer& writer, const std::string& tag) {
 
 }  // namespace
 
+// The values of the properties that a message adds, in the order of their names; null for one that
+// it does not add.
+struct RESTMessage::Added {
+  const icu::UnicodeString* length;
+  const icu::UnicodeString* action;
+  const icu::UnicodeString* actionType;
+};
+
+namespace {
+
+// Hands over name and value of each property in the order of the names, the added ones in their
+// places and instead of a caller's property of the same name.
+template <typename Added, typename Emit>
+void forEachProperty(const tq::util::ExtendedProperties& properties, const Added& added,
+                     Emit emit) {
+  struct Line {
+    const icu::UnicodeString* name;
+    const icu::UnicodeString* value;
+  };
+  const Line lines[] = {{&StaticDefs::HTTP_CONTENT_LEN, added.length},
+                        {&StaticDefs::PARAM_ACTION, added.action},
+                        {&StaticDefs::PARAM_ACTION_TYPE, added.actionType}};
+  const Line* next = std::begin(lines);
+  const auto emitAdded = [&] {
+    if (next->value != nullptr) emit(*next->name, *next->value);
+    ++next;
+  };
+  for (const auto& [name, value] : properties) {
+    int order = 1;
+    while (next != std::end(lines) && (order = compareNames(*next->name, name)) < 0) emitAdded();
+    if (order == 0 && next->value != nullptr) {
+      emitAdded();
+    } else {
+      emit(name, value);
+    }
+  }
+  while (next != std::end(lines)) emitAdded();
+}
+
+// Writes header lines into room that may turn out to be too small: then it writes no more.
+class LineWriter {
+ public:
+  LineWriter(char* room, std::size_t size)
+      : begin_(room), at_(room), end_(room + size - kHeaderEnd.size()) {}
+
+  void put(const icu::UnicodeString& name, const icu::UnicodeString& value) {
+    fitted_ = fitted_ && mostBytesOfLine(name, value) <= static_cast<std::size_t>(end_ - at_);
+    if (fitted_) at_ = putLine(at_, name, value);
+  }
+  void end() { at_ = putBytes(at_, kHeaderEnd); }
+
+  bool fitted() const { return fitted_; }
+  std::size_t written() const { return static_cast<std::size_t>(at_ - begin_); }
+
+ private:
+  char* begin_;
+  char* at_;
+  const char* end_;
+  bool fitted_ = true;
+};
+
+}  // namespace
+
 RESTMessage::RESTMessage(const icu::UnicodeString& host, ClientRequest& request) : host_(host) {
   const tq::oss::TraceScope scope(trace::RESTMessageConstruct);
   Converter::checked(host_);
@@ -110,7 +198,7 @@ void RESTMessage::initUrls() {
 
 void RESTMessage::initMessage(ClientRequest& request) {
   const tq::oss::TraceScope scope(trace::RESTMessageInitMessage);
-  properties_ = request.getReqProperties();
+  takeProperties(request);
   action_ = nullptr;
   actionType_ = nullptr;
   lengthText_.remove();
@@ -126,11 +214,60 @@ void RESTMessage::initMessage(ClientRequest& request) {
   request_ = request.getRequest();
 }
 
+const tq::util::ExtendedProperties& RESTMessage::properties() const noexcept {
+  return kept_ != nullptr ? kept_->properties : properties_;
+}
+
+void RESTMessage::takeProperties(ClientRequest& request) {
+  const tq::util::ExtendedProperties& properties = std::as_const(request).getReqProperties();
+  kept_ = request.keptHeader_;
+  if (kept_ != nullptr && !kept_->isOf(request.getRequest(), properties)) {
+    kept_.reset();
+    request.keptHeader_.reset();
+    request.madeWithoutKept_ = 0;
+    request.patience_ = std::min(2 * request.patience_, kMostPatience);
+  }
+  if (kept_ == nullptr && request.madeWithoutKept_++ >= request.patience_) keepHeader(request);
+  if (kept_ == nullptr) {
+    properties_ = properties;
+  } else {
+    properties_.clear();
+  }
+}
+
+/// Keeps the header text with the request where that can be done; nothing fails where it cannot.
+void RESTMessage::keepHeader(ClientRequest& request) {
+  const icu::UnicodeString& action = MessageTables::ensure().actionOf(request.getRequest());
+  // Without an action of its own the text depends on what the message was asked for before.
+  if (action.isEmpty()) return;
+  const icu::UnicodeString noLength;
+  const Added added{&noLength, &action, kindOf(request.getRequest()).actionType};
+  try {
+    auto kept = std::make_shared<KeptHeader>();
+    kept->kind = request.getRequest();
+    kept->properties = std::as_const(request).getReqProperties();
+    LineWriter lines(headerBuffer_.data(), kMostKept);
+    std::size_t lengthAt = 0;
+    forEachProperty(kept->properties, added,
+                    [&](const icu::UnicodeString& name, const icu::UnicodeString& value) {
+                      lines.put(outputNameOf(name), value);
+                      if (&value == &noLength) lengthAt = lines.written() - kNewline.size();
+                    });
+    if (!lines.fitted()) return;
+    lines.end();
+    kept->beforeLength.assign(headerBuffer_.data(), lengthAt);
+    kept->afterLength.assign(headerBuffer_.data() + lengthAt, lines.written() - lengthAt);
+    request.keptHeader_ = kept_ = std::move(kept);
+  } catch (const std::bad_alloc&) {
+    // It is written each time then.
+  }
+}
+
 void RESTMessage::initPrefix(ClientRequest& request) {
   unsigned int keyLength = 0;
   const char* key = request.getDocKey(keyLength);
   const std::list<KVPair>& metadata = request.getMetadata();
-  const std::uint64_t block = getSerializeMetadataLength(metadata, key, keyLength);
+  const std::uint64_t block = roomForBlock(metadata, key, keyLength);
   if (block != 0 && bodyLength_ != 0 && body_ == nullptr) {
     raise(StaticDefs::ERR_CLIENT_INTERNAL, kFile, __LINE__, kNullContent);
   }
@@ -146,44 +283,37 @@ void RESTMessage::initPrefix(ClientRequest& request) {
   if (total != 0) prefixLength_ = static_cast<unsigned int>(total - bodyLength_);
 }
 
+/// At least what the block needs. A short document's is not counted to the byte, since it fits
+/// into the message anyway.
+std::uint64_t RESTMessage::roomForBlock(const std::list<KVPair>& metadata, const char* key,
+                                        unsigned int keyLength) const {
+  constexpr std::uint64_t kShort = 8000;
+  std::uint64_t most = keyLength;
+  for (const KVPair& pair : metadata) {
+    most += mostBytesOfPair(pair);
+    if (most > kShort) return getSerializeMetadataLength(metadata, key, keyLength);
+  }
+  const tq::oss::TraceScope scope(trace::RESTMessageGetSerializeMetadataLength);
+  if (metadata.empty()) return 0;
+  return most + kBlockOverhead + bodyLength_;
+}
+
 icu::UnicodeString RESTMessage::getAction(ClientRequest::REQUEST kind) { return actionOf(kind); }
 
 icu::UnicodeString RESTMessage::getActionType(ClientRequest::REQUEST kind) {
   return actionTypeOf(kind);
 }
 
-// Hands over name and value of each property in the order of the names, the message's own ones in
-// their places and instead of a caller's property of the same name.
-template <typename Emit>
-void RESTMessage::forEachProperty(Emit emit) const {
-  const std::array<Added, 3> added{{{&StaticDefs::HTTP_CONTENT_LEN, &lengthText_},
-                                    {&StaticDefs::PARAM_ACTION, action_},
-                                    {&StaticDefs::PARAM_ACTION_TYPE, actionType_}}};
-  auto next = added.begin();
-  const auto emitAdded = [&] {
-    if (next->value != nullptr) emit(*next->name, *next->value);
-    ++next;
-  };
-  for (const auto& [name, value] : properties_) {
-    while (next != added.end() && comesBefore(*next->name, name)) emitAdded();
-    if (next != added.end() && next->value != nullptr && *next->name == name) {
-      emitAdded();
-    } else {
-      emit(name, value);
-    }
-  }
-  while (next != added.end()) emitAdded();
-}
-
 icu::UnicodeString RESTMessage::getParamString(bool asHeaders) const {
   const tq::oss::TraceScope scope(trace::RESTMessageGetParamString);
   icu::UnicodeString text;
-  forEachProperty([&](const icu::UnicodeString& name, const icu::UnicodeString& value) {
+  const auto append = [&](const icu::UnicodeString& name, const icu::UnicodeString& value) {
     if (!asHeaders) text.append(text.isEmpty() ? StaticDefs::QUESTIONMARK : StaticDefs::AMPERSAND);
     text.append(outputNameOf(name));
     text.append(asHeaders ? StaticDefs::COLON_SPACE : StaticDefs::EQUALS).append(value);
     if (asHeaders) text.append(StaticDefs::NEWLINE);
-  });
+  };
+  forEachProperty(properties(), added(), append);
   Converter::checked(text);
   return text;
 }
@@ -203,38 +333,54 @@ void RESTMessage::buildHeader(ClientRequest::REQUEST kind, Write write) {
   write();
 }
 
+RESTMessage::Added RESTMessage::added() const noexcept {
+  return {&lengthText_, action_, actionType_};
+}
+
 char* RESTMessage::getSerializedHeader() {
   const tq::oss::TraceScope scope(trace::RESTMessageGetSerializedHeader);
-  buildHeader(request_, [this] { writeHeader(); });
+  buildHeader(request_, [this] {
+    const tq::oss::TraceScope writing(trace::RESTMessageGetParamString);
+    if (kept_ != nullptr) {
+      writeKeptHeader();
+    } else {
+      writeHeader();
+    }
+  });
   return headerBuffer_.data();
 }
 
-void RESTMessage::writeHeader() {
-  const tq::oss::TraceScope scope(trace::RESTMessageGetParamString);
-  std::size_t units = 1 + static_cast<std::size_t>(StaticDefs::CRLF.length());
-  forEachProperty([&](const icu::UnicodeString& name, const icu::UnicodeString& value) {
-    units += static_cast<std::size_t>(outputNameOf(name).length()) +
-             static_cast<std::size_t>(value.length()) + lineOverhead();
-  });
-  // One check for the worst case instead of one a piece; a longer header is measured exactly.
-  if (units * kMostBytesAUnit > headerBuffer_.capacity()) makeHeaderRoom();
-  char* out = headerBuffer_.data();
-  forEachProperty([&](const icu::UnicodeString& name, const icu::UnicodeString& value) {
-    out = putText(out, outputNameOf(name));
-    out = putText(out, StaticDefs::COLON_SPACE);
-    out = putText(out, value);
-    out = putText(out, StaticDefs::NEWLINE);
-  });
-  *putText(out, StaticDefs::CRLF) = '\0';
+void RESTMessage::writeKeptHeader() {
+  char* out = putBytes(headerBuffer_.data(), kept_->beforeLength);
+  out += Converter::writeUTF8(lengthText_, out);
+  putBytes(out, kept_->afterLength);
 }
 
-void RESTMessage::makeHeaderRoom() {
-  std::size_t size = 1 + Converter::utf8Length(StaticDefs::CRLF);
-  forEachProperty([&](const icu::UnicodeString& name, const icu::UnicodeString& value) {
-    size +=
-        Converter::utf8Length(outputNameOf(name)) + Converter::utf8Length(value) + lineOverhead();
-  });
+void RESTMessage::writeHeader() {
+  LineWriter lines(headerBuffer_.data(), headerBuffer_.capacity());
+  forEachProperty(properties_, added(),
+                  [&](const icu::UnicodeString& name, const icu::UnicodeString& value) {
+                    lines.put(outputNameOf(name), value);
+                  });
+  if (!lines.fitted()) return writeMeasuredHeader();
+  lines.end();
+}
+
+/// For a header that might not fit: whether it does is known once its bytes are counted.
+void RESTMessage::writeMeasuredHeader() {
+  std::size_t size = kHeaderEnd.size();
+  forEachProperty(properties_, added(),
+                  [&](const icu::UnicodeString& name, const icu::UnicodeString& value) {
+                    size += Converter::utf8Length(outputNameOf(name)) +
+                            Converter::utf8Length(value) + kLineOverhead;
+                  });
   if (!headerBuffer_.grow(size, 0)) Converter::throwOutOfMemory();
+  char* out = headerBuffer_.data();
+  forEachProperty(properties_, added(),
+                  [&](const icu::UnicodeString& name, const icu::UnicodeString& value) {
+                    out = putLine(out, outputNameOf(name), value);
+                  });
+  putBytes(out, kHeaderEnd);
 }
 
 void RESTMessage::serializeTermRecord() {

@@ -3,12 +3,15 @@
 #include <unicode/unistr.h>
 
 #include <list>
+#include <memory>
 
 #include "comm/kruKVPair.h"
 #include "infra/oss/kruExport.h"
 #include "infra/util/kruExtendedProperties.h"
 
 namespace tq::comm {
+
+struct KeptHeader;
 
 /// One request to the search server: its kind, its named parameters and, where it carries one, a
 /// document. Build it once with `buildRequest`, optionally add `setDocKey` and `setContent`, then
@@ -103,6 +106,8 @@ class KRU_EXPORT ClientRequest {
   void print() const;
 
  private:
+  friend class RESTMessage;
+
   void replaceProperties(const tq::util::ExtendedProperties& props);
 
   REQUEST request_{};
@@ -117,6 +122,12 @@ class KRU_EXPORT ClientRequest {
 
   icu::UnicodeString collectionId_;
   std::list<KVPair> metadata_;
+
+  // For the messages that are made of this request: the header text that did not change lately, how
+  // many messages were made without one, and how many it takes until the next text is kept.
+  std::shared_ptr<const KeptHeader> keptHeader_;
+  unsigned int madeWithoutKept_ = 0;
+  unsigned int patience_ = 1;
 };
 
 }  // namespace tq::comm

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <list>
+#include <memory>
 
 #include "comm/kruClientRequest.h"
 #include "infra/oss/kruSizeableBuffer.h"
@@ -96,23 +97,26 @@ class KRU_EXPORT RESTMessage {
   static void toB64(const icu::UnicodeString& in, icu::UnicodeString& out);
 
  private:
-  // A property that the message adds stands beside the copied ones and is merged in on output.
-  struct Added {
-    const icu::UnicodeString* name;
-    const icu::UnicodeString* value;
-  };
+  struct Added;
 
+  const tq::util::ExtendedProperties& properties() const noexcept;
+  void takeProperties(ClientRequest& request);
+  void keepHeader(ClientRequest& request);
   void initPrefix(ClientRequest& request);
-  void makeHeaderRoom();
+  std::uint64_t roomForBlock(const std::list<KVPair>& metadata, const char* key,
+                             unsigned int keyLength) const;
   template <typename Write>
   void buildHeader(ClientRequest::REQUEST kind, Write write);
+  Added added() const noexcept;
   void writeHeader();
-  template <typename Emit>
-  void forEachProperty(Emit emit) const;
+  void writeMeasuredHeader();
+  void writeKeptHeader();
 
   tq::oss::SizeableBuffer<char, 16384> headerBuffer_;
   ClientRequest::REQUEST request_{};
+  // The properties are the message's own, or those that the header text was kept with.
   tq::util::ExtendedProperties properties_;
+  std::shared_ptr<const KeptHeader> kept_;
   icu::UnicodeString lengthText_;
   const icu::UnicodeString* action_ = nullptr;
   const icu::UnicodeString* actionType_ = nullptr;

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <random>
 
 #include "comm/kruGenRespRecord.h"
 #include "comm/kruRESTException.h"
@@ -9,6 +10,7 @@
 #include "infra/oss/kruNLSException.h"
 #include "tests/comm/kruCommText.h"
 #include "tests/comm/kruScarceMemory.h"
+#include "tests/support/slowHeader.h"
 
 namespace tq::comm {
 namespace {
@@ -249,6 +251,122 @@ TEST_F(RESTMessageTest, ALongHeaderOfWideCharactersIsReturnedWhole) {
   for (int i = 0; i < 10000; ++i) value += "\xE2\x82\xAC";
   build(0, {{"q", value}});
   EXPECT_NE(std::string::npos, header().find("q: " + value + "\nver: 1.1\n\r\n"));
+}
+
+// A header text that did not change is kept with its request. Whatever a caller does to a request
+// in between, and by whatever reference, the next message says what it is then.
+class KeptHeaderTest : public testing::Test {
+ protected:
+  icu::UnicodeString draw(std::size_t longest = 9) {
+    static constexpr char16_t kUnits[] = {u'a', u'a',      u'b',   u'Z',   u'~',   u'\0',
+                                          u':', u'\u00e4', 0xD83D, 0xDE00, 0xFFFF, u'\n'};
+    icu::UnicodeString text;
+    for (auto length = below(longest); length != 0; --length) {
+      text.append(kUnits[below(std::size(kUnits))]);
+    }
+    return text;
+  }
+  icu::UnicodeString drawName() {
+    static constexpr const char16_t* kNames[] = {u"query",     u"action",           u"actionType",
+                                                 u"authToken", u"Content-Length  ", u"ver"};
+    return below(3) == 0 ? icu::UnicodeString(kNames[below(std::size(kNames))]) : draw();
+  }
+  void expectHeader(ClientRequest& request) {
+    RESTMessage message(u"server", request);
+    const std::string expected =
+        tq::test::slowHeader(request, tq::test::announcedLength(request, message));
+    ASSERT_EQ(std::string(message.getSerializedHeader(), expected.size() + 1),
+              std::string(expected.c_str(), expected.size() + 1));
+  }
+  void change(ClientRequest& request, tq::util::ExtendedProperties& reference) {
+    switch (below(12)) {
+      case 0:
+        request.buildRequest(kindOf(static_cast<int>(below(26))), reference);
+        break;
+      case 1:
+        request.buildRequest(draw(), kindOf(static_cast<int>(below(26))), {});
+        break;
+      case 2:
+        reference.clear();
+        break;
+      case 3:
+        reference = tq::util::ExtendedProperties(reference);
+        break;
+      case 4:
+        request.setDocKey("key", below(4));
+        break;
+      case 5:
+        request.setContent({{draw(), draw()}}, "content", below(8));
+        break;
+      case 6:
+        reference.putProperty(drawName(), draw(below(20) == 0 ? 20000 : 9));
+        break;
+      case 7:
+      case 8:
+        reference.putProperty(drawName(), draw());
+        break;
+      default:
+        break;
+    }
+  }
+
+  unsigned int below(std::size_t limit) { return static_cast<unsigned int>(random_() % limit); }
+
+ private:
+  std::mt19937 random_{1};
+};
+
+TEST_F(KeptHeaderTest, IsWhatWouldBeWrittenAnewWhateverWasChangedSince) {
+  for (int run = 0; run < 200; ++run) {
+    ClientRequest request;
+    request.buildRequest(u"c1", ClientRequest::STREAM_SEARCH, properties({{"query", "x"}}));
+    request.setContent({{u"name", u"value"}}, nullptr, 0);
+    tq::util::ExtendedProperties& reference = request.getReqProperties();
+    ClientRequest other = request;
+    for (int step = 0; step < 40; ++step) {
+      change(request, reference);
+      for (auto times = below(4); times != 0; --times) expectHeader(request);
+      if (below(8) == 0) other = request;
+      if (below(8) == 0) expectHeader(other);
+      if (HasFatalFailure()) FAIL() << "run " << run << " step " << step;
+    }
+  }
+}
+
+TEST_F(KeptHeaderTest, IsTheMessagesOwnOnceTheMessageIsMade) {
+  ClientRequest request;
+  request.buildRequest(u"c1", ClientRequest::STREAM_SEARCH, properties({{"query", "x"}}));
+  for (int i = 0; i < 3; ++i) expectHeader(request);
+  const std::string before = tq::test::slowHeader(request, "");
+  RESTMessage message(u"server", request);
+  const icu::UnicodeString text = message.getParamString(true);
+  request.getReqProperties().putProperty(u"query", u"changed");
+  EXPECT_EQ(before, message.getSerializedHeader());
+  EXPECT_EQ(text,
+            RESTMessage(u"server", request).getParamString(true).findAndReplace(u"changed", u"x"));
+  *message.getSerializedHeader() = '#';
+  EXPECT_EQ(before, message.getSerializedHeader()) << "what a caller wrote into it";
+  RESTMessage another(u"server", request);
+  another.getSerializedHeader()[3] = '#';
+  expectHeader(request);
+  expectHeader(request);
+}
+
+TEST_F(KeptHeaderTest, ThatThereIsNoMemoryForIsWrittenEachTime) {
+  RESTMessage::initUrls();
+  ClientRequest request;
+  request.buildRequest(u"c1", ClientRequest::STREAM_SEARCH, properties({{"query", "x"}}));
+  expectHeader(request);
+  for (long granted = 0; granted < 4; ++granted) {
+    {
+      const test::RationedAllocations ration(granted);
+      RESTMessage message(u"server", request);
+      message.getSerializedHeader();
+    }
+    expectHeader(request);
+    request.getReqProperties().putProperty(u"query", u"changed");
+    expectHeader(request);
+  }
 }
 
 TEST_F(RESTMessageTest, RunningOutOfMemoryForTheHeaderIsTheInfrastructuresException) {

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+
+#include "comm/kruClientRequest.h"
+#include "infra/util/kruExtendedProperties.h"
+
+namespace tq::comm {
+
+/// The header text of a request that is sent again and again, for as long as it stays the same. It
+/// holds the properties that it was made of, so that whoever changes one of them, by whatever
+/// reference, makes another one of it, and the text is seen to be out of date.
+struct KeptHeader {
+  ClientRequest::REQUEST kind;
+  tq::util::ExtendedProperties properties;
+  // The text around the length of the document, which differs from one document to the next.
+  std::string beforeLength;
+  std::string afterLength;
+
+  bool isOf(ClientRequest::REQUEST requestKind,
+            const tq::util::ExtendedProperties& requestProperties) const noexcept {
+    return kind == requestKind && properties.sharesAllWith(requestProperties);
+  }
+};
+
+}  // namespace tq::comm
