@@ -62,15 +62,10 @@ tq::oss::Message::Level levelOf(const icu::UnicodeString& id) {
 template <typename Word>
 void putText(bytes::Writer& writer, const icu::UnicodeString& text, Word word) {
   tq::oss::Converter::checked(text);
-  const tq::oss::UTF8String* cached = ConversionCache::find(text);
-  if (cached != nullptr) {
-    writer.putInt(word(cached->length()));
-    writer.putBytes(cached->data(), cached->length());
-    return;
-  }
-  const std::size_t length = tq::oss::Converter::utf8Length(text);
-  writer.putInt(word(length));
-  tq::oss::Converter::writeUTF8(text, writer.claim(length));
+  char* const lengthAt = writer.claim(4);
+  const std::size_t length = tq::oss::Converter::writeUTF8(text, writer.claim(0));
+  writer.claim(length);
+  bytes::storeInt(lengthAt, word(length));
 }
 
 }  // namespace
