@@ -1,5 +1,6 @@
 #include "comm/kruBatch.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 
@@ -34,25 +35,35 @@ std::string_view Batch::append(const Message& message) {
   if (message.hasLargeBody()) {
     copied = start + fixed < kBodyStart ? message.body.substr(0, kBodyStart) : std::string_view();
   }
-  bytes_.resize(start + fixed + copied.size());
-  bytes::Writer out(bytes_.data() + start);
-  out.putShort(static_cast<std::uint16_t>(message.header.size()));
-  for (const std::string_view part : {message.header, message.terminator, message.prefix, copied}) {
-    out.putBytes(part.data(), part.size());
+  makeRoom(start + fixed + copied.size());
+  char length[kHeaderLengthField];
+  bytes::storeShort(length, static_cast<std::uint16_t>(message.header.size()));
+  for (const std::string_view part : {std::string_view(length, sizeof length), message.header,
+                                      message.terminator, message.prefix, copied}) {
+    put(part);
   }
-  last_ = {start, message.answered, message.queued};
+  last_ = {start, message.answered, message.queued, message.mayWait};
   questions_ += message.answered ? 1U : 0U;
   queued_ += message.queued ? 1U : 0U;
-  messagesInBuffer.fetch_add(1);
+  if (message.mayWait) messagesInBuffer.fetch_add(1);
   return message.body.substr(copied.size());
 }
 
+void Batch::makeRoom(std::size_t size) {
+  if (size > bytes_.capacity()) bytes_.reserve(std::max(size, 2 * bytes_.capacity()));
+}
+
+// Without the zeros that growing first would write.
+void Batch::put(std::string_view part) { bytes_.insert(bytes_.end(), part.begin(), part.end()); }
+
 void Batch::takeBack() noexcept {
   if (!last_) return;
-  bytes_.resize(last_->start);
-  questions_ -= last_->answered ? 1U : 0U;
-  queued_ -= last_->queued ? 1U : 0U;
+  const Last last = *last_;
   last_.reset();
+  bytes_.resize(last.start);
+  questions_ -= last.answered ? 1U : 0U;
+  queued_ -= last.queued ? 1U : 0U;
+  if (!last.counted) return;
   // Another client may have reset the count in the meantime.
   int held = messagesInBuffer.load();
   while (held > 0 && !messagesInBuffer.compare_exchange_weak(held, held - 1)) {
@@ -66,7 +77,8 @@ void Batch::written() noexcept {
   questions_ = 0;
   queued_ = 0;
   last_.reset();
-  messagesInBuffer.store(0);
+  // Clients that let nothing wait must not pass a cache line to and fro among their threads.
+  if (messagesInBuffer.load() != 0) messagesInBuffer.store(0);
 }
 
 bool Batch::isDue(const Message& last) const noexcept {

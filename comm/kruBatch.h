@@ -25,6 +25,8 @@ class Batch {
     bool answered;
     /// The message adds to the queue of documents whose outcomes are asked for later.
     bool queued;
+    /// It may have to wait for others, and counts towards those that wait.
+    bool mayWait;
 
     bool hasLargeBody() const noexcept;
   };
@@ -61,7 +63,11 @@ class Batch {
     std::size_t start;
     bool answered;
     bool queued;
+    bool counted;
   };
+
+  void makeRoom(std::size_t size);
+  void put(std::string_view part);
 
   std::vector<char> bytes_;
   unsigned int questions_ = 0;

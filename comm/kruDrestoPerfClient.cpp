@@ -81,11 +81,25 @@ Batch::Message messageOf(RESTMessage& message) {
 
 }  // namespace
 
-/// A class that nothing derives from, so that a pointer to it may delete it: the destructor of the
-/// parsers is not virtual.
-class DrestoPerfClient::Parser final : public DrestoPerfResponse {
+/// Two parsers, one for the reply of the current exchange and room for the next one's, which is
+/// made before that exchange begins to send.
+class DrestoPerfClient::Parsers {
  public:
-  using DrestoPerfResponse::DrestoPerfResponse;
+  /// In the place of the parser that is not `current`.
+  DrestoPerfResponse& make(const DrestoPerfResponse* current, ClientRequest::REQUEST kind) {
+    std::optional<Parser>& place = places_[places_[0] && &*places_[0] == current ? 1 : 0];
+    return place.emplace(kind, ClientResponse::resultsExpected(kind));
+  }
+
+ private:
+  // Nothing derives from it, so that it may be destroyed in place: the destructor of the parsers is
+  // not virtual.
+  class Parser final : public DrestoPerfResponse {
+   public:
+    using DrestoPerfResponse::DrestoPerfResponse;
+  };
+
+  std::optional<Parser> places_[2];
 };
 
 DrestoPerfClient::DrestoPerfClient(const icu::UnicodeString& host, unsigned int port)
@@ -93,7 +107,9 @@ DrestoPerfClient::DrestoPerfClient(const icu::UnicodeString& host, unsigned int 
 
 DrestoPerfClient::DrestoPerfClient(const icu::UnicodeString& host, unsigned int port,
                                    const tq::oss::Socket::_AddrInfoExternal& addresses)
-    : CorvaneRESTClient(host, port, addresses, true), batch_(std::make_unique<Batch>()) {}
+    : CorvaneRESTClient(host, port, addresses, true),
+      parsers_(std::make_unique<Parsers>()),
+      batch_(std::make_unique<Batch>()) {}
 
 DrestoPerfClient::~DrestoPerfClient() { close(); }
 
@@ -125,16 +141,14 @@ void DrestoPerfClient::exchange(ClientRequest& request, ClientResponse& response
   refuseWithoutQueue(request.getRequest());
   ExchangeScope exchange(*this);
   requestKind_ = request.getRequest();
-  requestString_ = request.getRequestString();
   RESTMessage message(host_, request);
   // Everything that can throw comes before sendMesg: a batched message cannot be withdrawn later,
   // and its reply would be taken for the next request's.
-  auto parser =
-      std::make_unique<Parser>(requestKind_, ClientResponse::resultsExpected(requestKind_));
-  parser->setMaxReplyBytes(maxReplyBytes_);
+  DrestoPerfResponse& parser = parsers_->make(parser_, requestKind_);
+  parser.setMaxReplyBytes(maxReplyBytes_);
   sendMesg(message);
   awaitReply();
-  parser_ = std::move(parser);
+  parser_ = &parser;
   recvMesg(response);
   receiveFirstResults(response);
   exchange.done();
@@ -168,7 +182,8 @@ void DrestoPerfClient::sendMesg(RESTMessage& message) {
   refuseOnBrokenLine();
   const bool lookFirst = std::exchange(mayBeHeld_, false);
   try {
-    const Batch::Message parts = messageOf(message);
+    Batch::Message parts = messageOf(message);
+    parts.mayWait = buffered_;
     const std::string_view rest = batch_->append(parts);
     if (buffered_ && !batch_->isDue(parts)) return;
     if (lookFirst) openForWriting();

@@ -9,6 +9,7 @@
 namespace tq::comm {
 
 class Batch;
+class DrestoPerfResponse;
 
 /// The client of the binary protocol, used like the HTTP client: same requests, same responses,
 /// same retries, same errors. Its connection is persistent. One object serves one thread at a time;
@@ -42,7 +43,8 @@ class KRU_EXPORT DrestoPerfClient : public CorvaneRESTClient {
   void sendAndRecvMesgOnce(ClientRequest& request, ClientResponse& response) override;
   void sendMesg(RESTMessage& message) override;
 
-  /// Writes `total` bytes in pieces of at most `chunkSize`, each a write of its own.
+  /// Writes `total` bytes in pieces of at most `chunkSize`, each a write of its own. The kernel
+  /// need not send them before it has the last one.
   void sendBodyChunks(const char* data, unsigned long chunkSize, unsigned long total);
 
   /// Reads the reply header. By hand after an exchange that read its own: ERR_CLIENT_INTERNAL.
@@ -55,7 +57,7 @@ class KRU_EXPORT DrestoPerfClient : public CorvaneRESTClient {
   void recv(ClientResponse& response) override;
 
  private:
-  class Parser;
+  class Parsers;
 
   void exchange(ClientRequest& request, ClientResponse& response);
   void receiveFirstResults(ClientResponse& response);
@@ -78,7 +80,9 @@ class KRU_EXPORT DrestoPerfClient : public CorvaneRESTClient {
   void settleFailure();
   void endReplyWith(std::size_t leftover);
 
-  std::unique_ptr<Parser> parser_;
+  std::unique_ptr<Parsers> parsers_;
+  // That of the last exchange; null before the first one.
+  DrestoPerfResponse* parser_ = nullptr;
   // Bytes at the start of the socket's buffer that are being parsed, or were and are a partial
   // envelope.
   std::size_t portionSize_ = 0;
@@ -87,7 +91,6 @@ class KRU_EXPORT DrestoPerfClient : public CorvaneRESTClient {
   // at.
   bool mayBeHeld_ = false;
   bool reassembly_ = false;
-  icu::UnicodeString requestString_;
 };
 
 }  // namespace tq::comm
