@@ -102,6 +102,26 @@ class DrestoPerfClient::Parsers {
   std::optional<Parser> places_[2];
 };
 
+namespace {
+
+/// Has the beginnings that were written sent when the rest is not going to be written.
+class PushingOut {
+ public:
+  /// Null: nothing was written as a beginning.
+  explicit PushingOut(tq::oss::Socket* socket) noexcept : socket_(socket) {}
+  ~PushingOut() {
+    if (socket_ != nullptr) socket_->pushOut();
+  }
+  PushingOut(const PushingOut&) = delete;
+  PushingOut& operator=(const PushingOut&) = delete;
+  void done() noexcept { socket_ = nullptr; }
+
+ private:
+  tq::oss::Socket* socket_;
+};
+
+}  // namespace
+
 DrestoPerfClient::DrestoPerfClient(const icu::UnicodeString& host, unsigned int port)
     : DrestoPerfClient(host, port, tq::oss::Socket::NullAddrInfoExternal) {}
 
@@ -223,9 +243,7 @@ void DrestoPerfClient::writeBatch(std::string_view rest) {
   const bool queued = batch_->holdsQueued();
   Line::Sending sending(*line_);
   try {
-    socket_.write(batch_->bytes().data(), 0, batch_->bytes().size());
-    batch_->written();
-    sendBodyChunks(rest.data(), kBodyPiece, rest.size());
+    writeBatchAnd(rest);
   } catch (const tq::oss::SocketException& e) {
     batch_->takeBack();
     failIfWaitEnded(fail, e);
@@ -240,15 +258,31 @@ void DrestoPerfClient::writeBatch(std::string_view rest) {
   if (queued) noteQueueWritten();
 }
 
+/// Whole messages that were held back may stand in the batch, so that nothing of it may stay with
+/// the kernel when the rest of the last one cannot be written.
+void DrestoPerfClient::writeBatchAnd(std::string_view rest) {
+  PushingOut pushing(rest.empty() ? nullptr : &socket_);
+  const std::vector<char>& bytes = batch_->bytes();
+  if (rest.empty()) {
+    socket_.write(bytes.data(), 0, bytes.size());
+  } else {
+    socket_.writeBeginning(bytes.data(), 0, bytes.size());
+  }
+  batch_->written();
+  sendBodyChunks(rest.data(), kBodyPiece, rest.size());
+  pushing.done();
+}
+
 void DrestoPerfClient::sendBodyChunks(const char* data, unsigned long chunkSize,
                                       unsigned long total) {
   const tq::oss::TraceScope trace(trace::DrestoPerfClientSendBodyChunks);
+  if (total == 0) return;
+  const unsigned long size = std::max(chunkSize, 1UL);
+  PushingOut pushing(&socket_);
   unsigned long offset = 0;
-  while (offset < total) {
-    const unsigned long piece = std::min(std::max(chunkSize, 1UL), total - offset);
-    socket_.write(data, offset, piece);
-    offset += piece;
-  }
+  for (; total - offset > size; offset += size) socket_.writeBeginning(data, offset, size);
+  socket_.write(data, offset, total - offset);
+  pushing.done();
 }
 
 // Receiving.

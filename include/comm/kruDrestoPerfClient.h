@@ -67,6 +67,7 @@ class KRU_EXPORT DrestoPerfClient : public CorvaneRESTClient {
   void openForWriting();
   void sendHeldQuestions();
   void writeBatch(std::string_view rest);
+  void writeBatchAnd(std::string_view rest);
 
   // Receiving.
   void refuseWithoutExchange() const;

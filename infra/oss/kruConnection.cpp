@@ -1,5 +1,7 @@
 #include "infra/oss/kruConnection.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -196,9 +198,9 @@ unsigned long Connection::receive(char* out, unsigned long length, bool wait) {
   }
 }
 
-void Connection::write(const Socket::Piece* pieces, unsigned int count) {
+void Connection::write(const Socket::Piece* pieces, unsigned int count, int more) {
   requireOpen(u"send to");
-  const int flags = MSG_NOSIGNAL | (mayBlock() ? 0 : MSG_DONTWAIT);
+  const int flags = MSG_NOSIGNAL | more | (mayBlock() ? 0 : MSG_DONTWAIT);
   const unsigned long most = deadline_.isNone() ? kLargestTransfer : kTimedTransfer;
   iovec batch[kPiecesPerCall];
   for (Outgoing out(pieces, count); !out.done();) {
@@ -219,6 +221,13 @@ void Connection::write(const Socket::Piece* pieces, unsigned int count) {
     if (!wouldBlock(errorNumber)) throwSystemError(u"send to", errorNumber);
     awaitEvent(POLLOUT, u"send to");
   }
+}
+
+// Saying again that nothing is to be delayed makes the kernel send what it holds back. Where that
+// fails, the connection is over.
+void Connection::pushOut() noexcept {
+  const int on = 1;
+  if (isOpen()) systemCalls().setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
 void Connection::awaitEvent(short event, const char16_t* verb) {

@@ -33,7 +33,9 @@ class Connection {
   unsigned long fillAtOnce();
   std::string_view peek() const noexcept { return {received_.data(), received_.size()}; }
   void consume(unsigned long length) noexcept { received_.drop(length); }
-  void write(const Socket::Piece* pieces, unsigned int count);
+  /// `more` is MSG_MORE for bytes whose rest follows at once.
+  void write(const Socket::Piece* pieces, unsigned int count, int more = 0);
+  void pushOut() noexcept;
   void pushBack(const char* data, unsigned long length);
   Socket::Look look();
   void close();

@@ -1,5 +1,7 @@
 #include "infra/oss/kruSocket.h"
 
+#include <sys/socket.h>
+
 #include <cerrno>
 #include <cstring>
 #include <type_traits>
@@ -66,6 +68,13 @@ void Socket::write(const char* data, unsigned long offset, unsigned long length)
 }
 
 void Socket::write(const Piece* pieces, unsigned int count) { connection_->write(pieces, count); }
+
+void Socket::writeBeginning(const char* data, unsigned long offset, unsigned long length) {
+  const Piece piece{data + offset, length};
+  connection_->write(&piece, 1, MSG_MORE);
+}
+
+void Socket::pushOut() noexcept { connection_->pushOut(); }
 
 void Socket::pushBack(const char* data, unsigned long length) {
   connection_->pushBack(data, length);

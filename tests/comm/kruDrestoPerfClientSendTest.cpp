@@ -262,6 +262,15 @@ TEST(DrestoPerfClientSend, BodyChunksAreWritesOfTheirOwn) {
   EXPECT_EQ(network.writes(), 6U) << "nothing is written of nothing";
 }
 
+TEST(DrestoPerfClientSend, TheChunksBeforeOneThatFailsAreNotHeldBack) {
+  ScriptedNetwork network(Script().awaitClose());
+  auto client = binaryClient();
+  client.open();
+  network.failNextWrite(ENOBUFS, 2);
+  EXPECT_THROW(client.sendBodyChunks("0123456789", 3, 10), tq::oss::SocketException);
+  EXPECT_EQ(network.connection(0).received, "012345");
+}
+
 TEST(DrestoPerfClientSend, AWriteThatTakesFewBytesAtATimeIsContinued) {
   ScriptedNetwork network(answer(kOk));
   network.limitWrites(7);
@@ -611,6 +620,25 @@ TEST_F(DrestoPerfClientBatching, AFailedWriteKeepsWhatWasHeldBeforeItsMessage) {
     ASSERT_EQ(network.connections(), 2U);
     EXPECT_EQ(network.connection(1).received, all) << "each message once";
   }
+}
+
+// The network holds back what is written as a beginning until it is told that no more follows.
+TEST_F(DrestoPerfClientBatching,
+       WhatWasWrittenBeforeALargeBodyArrivesThoughTheBodyCannotBeWritten) {
+  ScriptedNetwork network(Script().awaitClose());
+  auto client = binaryClient();
+  batching(client);
+  client.setNumRetries(0);
+  std::string all;
+  for (const std::size_t size : {10U, 20U}) all += queue(client, size);
+  Document large(kAsynchAddDocument, 30000);
+  const Framed framed(large.request);
+  network.failNextWrite(ENOBUFS, 2);
+  ClientResponse response;
+  EXPECT_EQ(raisedBy([&] { client.sendAndRecvMesg(large.request, response); }).front().id,
+            "ERR_SERVER_COMM_SEND");
+  all += framed.whole().substr(0, framed.fixed() + 15000);
+  EXPECT_EQ(network.connection(0).received, all);
 }
 
 TEST_F(DrestoPerfClientBatching, WhatIsHeldSurvivesAConnectionThatTheServerHasClosed) {

@@ -166,4 +166,27 @@ TEST_F(SocketWrite, WithoutADeadlineASendIsOneBlockingCall) {
   EXPECT_EQ(fake.lastFlags(Call::Sendmsg), MSG_NOSIGNAL);
 }
 
+TEST_F(SocketWrite, ABeginningTellsTheSystemThatMoreFollowsAndTheRestThatNothingDoes) {
+  Socket socket;
+  support::Peer peer = connected(socket);
+  socket.writeBeginning("xabc", 1, 3);
+  EXPECT_EQ(fake.lastFlags(Call::Sendmsg), MSG_NOSIGNAL | MSG_MORE);
+  socket.write("def", 0, 3);
+  EXPECT_EQ(fake.lastFlags(Call::Sendmsg), MSG_NOSIGNAL);
+  EXPECT_EQ(peer.receive(6), "abcdef");
+}
+
+TEST_F(SocketWrite, ABeginningWithoutARestIsPushedOut) {
+  Socket socket;
+  support::Peer peer = connected(socket);
+  socket.writeBeginning("abc", 0, 3);
+  fake.resetCounts();
+  socket.pushOut();
+  EXPECT_EQ(fake.count(Call::Setsockopt), 1U);
+  EXPECT_EQ(peer.receive(3), "abc");
+  socket.close();
+  socket.pushOut();
+  EXPECT_EQ(fake.count(Call::Setsockopt), 1U);
+}
+
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -151,11 +153,14 @@ class SimulatedKernel::Calls {
     return kFirstDescriptor + static_cast<int>(active->sockets_.size()) - 1;
   }
 
-  static int setOption(int fd, int, int, const void*, socklen_t) {
+  static int setOption(int fd, int level, int name, const void*, socklen_t) {
     const Work work;
     const auto fault = enter(Entry::Setsockopt, Phase::Connect);
-    if (active->find(fd) == nullptr) return failWith(EBADF);
-    return fault ? failWith(fault->value) : 0;
+    Wire* wire = active->find(fd);
+    if (wire == nullptr) return failWith(EBADF);
+    if (fault) return failWith(fault->value);
+    if (level == IPPROTO_TCP && name == TCP_NODELAY) active->pushOut(*wire);
+    return 0;
   }
 
   static int connectSocket(int fd, const sockaddr*, socklen_t) {
@@ -293,10 +298,11 @@ class SimulatedKernel::Calls {
     active->arrive(*wire, false);
     if (wire->pendingError_ != 0) return failWith(std::exchange(wire->pendingError_, 0));
     if (wire->dead_) return failWith(EPIPE);
-    return write(*wire, message, most, !wire->nonBlocking_ && (flags & MSG_DONTWAIT) == 0);
+    return write(*wire, message, most, flags);
   }
 
-  static ssize_t write(Wire& wire, const msghdr* message, std::size_t most, bool waits) {
+  static ssize_t write(Wire& wire, const msghdr* message, std::size_t most, int flags) {
+    const bool waits = !wire.nonBlocking_ && (flags & MSG_DONTWAIT) == 0;
     const std::size_t room = active->roomOf(wire);
     const bool unawaited =
         !waits && active->options_.writesWait && !std::exchange(wire.roomAwaited_, false);
@@ -312,7 +318,12 @@ class SimulatedKernel::Calls {
     }
     bytes.resize(std::min({bytes.size(), room, most}));
     active->now_ += active->options_.writeMillis * kNanosPerMilli;
-    active->take(wire, bytes);
+    if ((flags & MSG_MORE) != 0 && !wire.closed_) {
+      active->holdBack(wire, bytes);
+    } else {
+      active->pushOut(wire);
+      active->take(wire, bytes);
+    }
     if (!bytes.empty()) active->faults_.moved();
     return static_cast<ssize_t>(bytes.size());
   }
@@ -323,6 +334,7 @@ class SimulatedKernel::Calls {
     Wire* wire = active->find(fd);
     if (wire == nullptr) return failWith(EBADF);
     // As the system does it: the descriptor is gone whatever the call reports.
+    active->pushOut(*wire);
     wire->open_ = false;
     wire->dropFrom(0);
     if (wire->state_ == Wire::State::Established) active->peers_[wire->index_]->closed(*wire);
@@ -521,6 +533,21 @@ ssize_t SimulatedKernel::deliver(Wire& wire, char* out, std::size_t length, bool
   if (count != 0 || wire.closed_) return static_cast<ssize_t>(count);
   if (wire.pendingError_ != 0) return failWith(std::exchange(wire.pendingError_, 0));
   return 0;
+}
+
+/// What was written as a beginning waits for the rest for ever, where a system would wait for a
+/// while: whoever forgets the rest is found out.
+void SimulatedKernel::holdBack(Wire& wire, std::string bytes) {
+  wire.taken_ += bytes.size();
+  wire.heldBack_.push_back(std::move(bytes));
+}
+
+void SimulatedKernel::pushOut(Wire& wire) {
+  for (const std::string& bytes : std::exchange(wire.heldBack_, {})) {
+    if (wire.dead_) return;
+    wire.taken_ -= bytes.size();
+    take(wire, bytes);
+  }
 }
 
 void SimulatedKernel::take(Wire& wire, std::string_view bytes) {

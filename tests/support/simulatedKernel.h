@@ -82,6 +82,7 @@ class Wire {
   bool stalled_ = false;
   bool roomAwaited_ = false;
   std::size_t taken_ = 0;
+  std::vector<std::string> heldBack_;  // written as beginnings whose rest follows
 };
 
 /// Who is at the other end of a connection.
@@ -170,6 +171,8 @@ class SimulatedKernel {
   void breakOff(Wire& wire);
   long deliver(Wire& wire, char* out, std::size_t length, bool keep);
   void take(Wire& wire, std::string_view bytes);
+  void holdBack(Wire& wire, std::string bytes);
+  void pushOut(Wire& wire);
   std::size_t roomOf(const Wire& wire) const;
 
   const Options& options_;

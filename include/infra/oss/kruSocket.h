@@ -105,6 +105,12 @@ class KRU_EXPORT Socket {
   /// Returns when every byte is with the kernel.
   void write(const char* data, unsigned long offset, unsigned long length);
 
+  /// The same for bytes whose rest is written next: the kernel need not send them, and wake the
+  /// peer for them, before it has the rest. A writer that then does not write it calls `pushOut`.
+  void writeBeginning(const char* data, unsigned long offset, unsigned long length);
+  /// Has sent what `writeBeginning` left with the kernel. Does nothing when not connected.
+  void pushOut() noexcept;
+
   struct Piece {
     const char* data;
     unsigned long length;
