@@ -21,7 +21,9 @@ TraceFacility* getTraceFacility() noexcept {
   return TraceScope::facility.load(std::memory_order_acquire);
 }
 
-void TraceScope::enter() noexcept {
+void TraceScope::enter(unsigned int functionId) noexcept {
+  functionId_ = functionId;
+  returnCode_ = 0;
   exceptionsAtEntry_ = std::uncaught_exceptions();
   flags_ = facility_->getComponentTraceFlags(kComponent);
   if ((flags_ & kEntryMask) != 0) facility_->traceEntry(functionId_);

@@ -33,11 +33,13 @@ KRU_EXPORT TraceFacility* getTraceFacility() noexcept;
 class TraceScope {
  public:
   explicit TraceScope(unsigned int functionId) noexcept
-      : facility_(facility.load(std::memory_order_acquire)), functionId_(functionId) {
-    if (facility_ != nullptr) enter();
+      : facility_(facility.load(std::memory_order_acquire)) {
+    if (facility_ != nullptr) [[unlikely]]
+      enter(functionId);
   }
   ~TraceScope() {
-    if (facility_ != nullptr) leave();
+    if (facility_ != nullptr) [[unlikely]]
+      leave();
   }
   TraceScope(const TraceScope&) = delete;
   TraceScope& operator=(const TraceScope&) = delete;
@@ -48,16 +50,17 @@ class TraceScope {
   friend void setTraceFacility(TraceFacility*) noexcept;
   friend TraceFacility* getTraceFacility() noexcept;
 
-  KRU_EXPORT void enter() noexcept;
+  KRU_EXPORT void enter(unsigned int functionId) noexcept;
   KRU_EXPORT void leave() noexcept;
 
   KRU_EXPORT static std::atomic<TraceFacility*> facility;
 
   TraceFacility* facility_;
+  // Set by `enter` alone: without a facility nothing is stored that nobody would read.
   unsigned int functionId_;
-  int exceptionsAtEntry_ = 0;
-  unsigned long flags_ = 0;
-  long returnCode_ = 0;
+  int exceptionsAtEntry_;
+  unsigned long flags_;
+  long returnCode_;
 };
 
 }  // namespace tq::oss
