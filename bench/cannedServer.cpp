@@ -2,9 +2,12 @@
 // library, so that a benchmark measures one side only, and it decides nothing while it is measured:
 // what a search or a list of parse results brings is a block of records, sent as often as it takes.
 //
-//   cannedServer http|binary|raw [--portion=HITS]
+//   cannedServer http|binary|resp|protobuf [--portion=HITS]
 //
-// prints its port, serves until its standard input ends. `raw` answers every 200 bytes with two.
+// prints its port and serves until its standard input ends. `http` also answers a general HTTP
+// client, for `searchJson` with JSON. `resp` and `protobuf` are for peers: the former answers every
+// command with OK, the latter is asked as over the binary protocol and answers with hits in
+// messages that have their size, four bytes, in front.
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -27,11 +30,10 @@
 
 namespace {
 
-enum class Protocol { Http, Binary, Raw };
+enum class Protocol { Http, Binary, Resp, Protobuf };
 
 constexpr std::size_t kReadBytes = std::size_t{256} << 10;
 constexpr std::size_t kWriteBytes = std::size_t{64} << 10;
-constexpr std::size_t kRawRequest = 200;
 
 void appendNumber(std::string& out, std::uint64_t value, int bytes) {
   for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) {
@@ -93,6 +95,27 @@ void appendHit(std::string& out, Protocol protocol, std::uint64_t number) {
   out += record;
 }
 
+void appendVarint(std::string& out, std::uint64_t value) {
+  for (; value > 127; value >>= 7) out += static_cast<char>(value | 128);
+  out += static_cast<char>(value);
+}
+
+// A field of the protobuf encoding: `message Hit { bytes key = 1; uint32 score = 2; }`, and a hit
+// is the repeated field 1 of a portion.
+void appendProtobufHit(std::string& out, Protocol, std::uint64_t number) {
+  std::string hit("\x0A\x10", 2);
+  hit += keyOf(number) + '\x10';
+  appendVarint(hit, scoreOf(number));
+  out += '\x0A';
+  appendVarint(out, hit.size());
+  out += hit;
+}
+
+void appendJsonHit(std::string& out, Protocol, std::uint64_t number) {
+  out += R"({"id":"base64:)" + base64(keyOf(number)) + R"(","score":)" +
+         scoreText(scoreOf(number)) + "},";
+}
+
 // Most documents are named alone, which says that they are stored; one of ten has a message.
 void appendOutcome(std::string& out, Protocol protocol, std::uint64_t number) {
   const int lengthBytes = protocol == Protocol::Binary ? 2 : 4;
@@ -136,23 +159,34 @@ class RecordsReply {
 
  private:
   void begin(std::uint64_t records) {
+    if (protocol_ == Protocol::Protobuf) {
+      start_ = portionOf(records, {}, {});
+      return;
+    }
     if (protocol_ == Protocol::Binary) {
       appendNumber(start_, 1, 2);
       start_ += portionOf(records, {}, {});
       return;
     }
     start_ = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
-    start_ += portionOf(records, std::string(4, '\0'), {});
+    start_ += portionOf(records, isJson() ? "" : std::string(4, '\0'), {});
   }
 
   void end(std::uint64_t records, std::uint64_t portion) {
     for (; records >= portion; records -= portion) rest_ += portionOf(portion, {}, {});
     if (protocol_ == Protocol::Binary) {
       rest_ += portionOf(records, {}, std::string("\0\1\0\0", 4));
+    } else if (protocol_ == Protocol::Protobuf) {
+      if (records != 0) rest_ += portionOf(records, {}, {});
+      rest_ += std::string(4, '\0');
     } else {
-      rest_ += portionOf(records, {}, std::string(4, '\0')) + "0\r\n\r\n";
+      if (!isJson()) rest_ += portionOf(records, {}, std::string(4, '\0'));
+      if (isJson() && records != 0) rest_ += portionOf(records, {}, {});
+      rest_ += "0\r\n\r\n";
     }
   }
+
+  bool isJson() const { return writer_ == appendJsonHit; }
 
   std::string portionOf(std::uint64_t records, const std::string& before,
                         const std::string& after) const {
@@ -160,6 +194,16 @@ class RecordsReply {
     for (std::uint64_t i = 0; i < records; ++i) writer_(bytes, protocol_, i);
     bytes += after;
     if (protocol_ == Protocol::Binary) return bytes;
+    if (protocol_ == Protocol::Protobuf) {
+      std::string size;
+      appendNumber(size, bytes.size(), 4);
+      return size + bytes;
+    }
+    // An array a line, whose last comma gives way to its end.
+    if (isJson()) {
+      bytes.back() = ']';
+      bytes = '[' + bytes + '\n';
+    }
     char size[24];
     std::snprintf(size, sizeof size, "%zx\r\n", bytes.size());
     return size + bytes + "\r\n";
@@ -220,7 +264,7 @@ std::string_view valueOf(std::string_view header, std::string_view name) {
        at = header.find(name, at + 1)) {
     const std::size_t value = at + name.size() + 2;
     if ((at == 0 || header[at - 1] == '\n') && header.substr(at + name.size(), 2) == ": ") {
-      return header.substr(value, header.find('\n', value) - value);
+      return header.substr(value, header.find_first_of("\r\n", value) - value);
     }
   }
   return {};
@@ -239,30 +283,48 @@ class Connection {
   Connection& operator=(const Connection&) = delete;
 
   void serve() {
-    while (protocol_ == Protocol::Raw ? serveRaw() : serveRequest()) continue;
+    while (protocol_ == Protocol::Resp ? serveCommand() : serveRequest()) continue;
   }
 
  private:
-  bool serveRaw() {
-    while (have_ < kRawRequest) {
-      if (!receive()) return false;
+  // "*2", and for each of the two "$5" and a line of five bytes; nothing else is looked at.
+  bool serveCommand() {
+    std::string count;
+    if (!takeLine(count)) return false;
+    for (std::uint64_t left = numberOf(std::string_view(count).substr(1)); left > 0; --left) {
+      std::string size;
+      if (!takeLine(size) || !skip(numberOf(std::string_view(size).substr(1)) + 2)) return false;
     }
-    take(kRawRequest);
-    return send({"ok", 2});
+    return send("+OK\r\n");
+  }
+
+  bool takeLine(std::string& line) {
+    for (;;) {
+      const std::string_view waiting(buffer_.data() + begin_, have_);
+      const std::size_t end = waiting.find("\r\n");
+      if (end != std::string_view::npos && end != 0) {
+        line = waiting.substr(0, end);
+        return take(end + 2);
+      }
+      if (end == 0 || !receive()) return false;
+    }
   }
 
   bool serveRequest() {
     std::string_view header;
     if (!takeHeader(header)) return false;
     const std::string text(header);
-    return skip(numberOf(valueOf(text, "Content-Length  "))) && answer(text);
+    const std::string_view length = valueOf(text, "Content-Length  ");
+    // The second spelling is that of a general HTTP client.
+    return skip(numberOf(length.empty() ? valueOf(text, "Content-Length") : length)) &&
+           answer(text);
   }
 
   // The header stays readable until the next receive.
   bool takeHeader(std::string_view& header) {
     for (;;) {
       const std::string_view waiting(buffer_.data() + begin_, have_);
-      if (protocol_ == Protocol::Binary && waiting.size() >= 2) {
+      if (protocol_ != Protocol::Http && waiting.size() >= 2) {
         const std::size_t size = static_cast<std::size_t>(static_cast<unsigned char>(waiting[0]))
                                      << 8 |
                                  static_cast<unsigned char>(waiting[1]);
@@ -295,12 +357,18 @@ class Connection {
     const std::string_view action = valueOf(header, "action");
     if (action == "asyncAddDocument") return true;
     if (action == "getStatus") return send(replies_.status);
-    if (action == "search" || action == "getParseResult") {
-      const auto writer = action == "search" ? appendHit : appendOutcome;
+    if (const auto writer = writerFor(action); writer != nullptr) {
       const auto reply = replies_.records(writer, numberOf(valueOf(header, "query")));
       return reply->sendWith([this](const std::string& bytes) { return send(bytes); });
     }
     return send(replies_.done);
+  }
+
+  RecordWriter writerFor(std::string_view action) const {
+    if (action == "getParseResult") return appendOutcome;
+    if (action == "searchJson") return appendJsonHit;
+    if (action != "search") return nullptr;
+    return protocol_ == Protocol::Protobuf ? appendProtobufHit : appendHit;
   }
 
   bool take(std::size_t bytes) {
@@ -370,8 +438,9 @@ void acceptForEver(int listener, Protocol protocol, Replies& replies) {
 Protocol protocolOf(std::string_view name) {
   if (name == "http") return Protocol::Http;
   if (name == "binary") return Protocol::Binary;
-  if (name == "raw") return Protocol::Raw;
-  throw std::runtime_error("usage: cannedServer http|binary|raw [--portion=HITS]");
+  if (name == "resp") return Protocol::Resp;
+  if (name == "protobuf") return Protocol::Protobuf;
+  throw std::runtime_error("usage: cannedServer http|binary|resp|protobuf [--portion=HITS]");
 }
 
 }  // namespace

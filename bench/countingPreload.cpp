@@ -29,6 +29,7 @@ namespace {
 
 std::atomic<std::uint64_t> allocations{0};
 std::atomic<std::uint64_t> systemCalls{0};
+std::atomic<std::uint64_t> receives{0};
 std::atomic<std::uint64_t> liveBytes{0};
 std::atomic<std::uint64_t> peakBytes{0};
 
@@ -57,10 +58,18 @@ Function* theRest(const char* name) {
     return real arguments;                                       \
   }
 
+#define COUNTED_RECEIVE(result, name, parameters, arguments)     \
+  result name parameters {                                       \
+    static auto* const real = theRest<result parameters>(#name); \
+    ++systemCalls;                                               \
+    ++receives;                                                  \
+    return real arguments;                                       \
+  }
+
 extern "C" {
 
 [[gnu::visibility("default")]] void benchCounts(BenchCounts* counts) {
-  *counts = {allocations, systemCalls, liveBytes, peakBytes};
+  *counts = {allocations, systemCalls, receives, liveBytes, peakBytes};
   peakBytes = liveBytes.load();
 }
 
@@ -88,13 +97,14 @@ COUNTED(ssize_t, sendto,
         (int fd, const void* data, size_t size, int flags, const sockaddr* to, socklen_t length),
         (fd, data, size, flags, to, length))
 COUNTED(ssize_t, sendmsg, (int fd, const msghdr* message, int flags), (fd, message, flags))
-COUNTED(ssize_t, recv, (int fd, void* data, size_t size, int flags), (fd, data, size, flags))
-COUNTED(ssize_t, recvfrom,
-        (int fd, void* data, size_t size, int flags, sockaddr* from, socklen_t* length),
-        (fd, data, size, flags, from, length))
-COUNTED(ssize_t, recvmsg, (int fd, msghdr* message, int flags), (fd, message, flags))
-COUNTED(ssize_t, read, (int fd, void* data, size_t size), (fd, data, size))
-COUNTED(ssize_t, readv, (int fd, const iovec* pieces, int count), (fd, pieces, count))
+COUNTED_RECEIVE(ssize_t, recv, (int fd, void* data, size_t size, int flags),
+                (fd, data, size, flags))
+COUNTED_RECEIVE(ssize_t, recvfrom,
+                (int fd, void* data, size_t size, int flags, sockaddr* from, socklen_t* length),
+                (fd, data, size, flags, from, length))
+COUNTED_RECEIVE(ssize_t, recvmsg, (int fd, msghdr* message, int flags), (fd, message, flags))
+COUNTED_RECEIVE(ssize_t, read, (int fd, void* data, size_t size), (fd, data, size))
+COUNTED_RECEIVE(ssize_t, readv, (int fd, const iovec* pieces, int count), (fd, pieces, count))
 COUNTED(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
 COUNTED(ssize_t, writev, (int fd, const iovec* pieces, int count), (fd, pieces, count))
 COUNTED(int, poll, (pollfd * entries, nfds_t count, int millis), (entries, count, millis))

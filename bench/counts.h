@@ -6,6 +6,7 @@
 struct BenchCounts {
   std::uint64_t allocations;
   std::uint64_t systemCalls;
+  std::uint64_t receives;  // those of the system calls that ask for bytes
   std::uint64_t liveBytes;
   std::uint64_t peakBytes;
 };

@@ -8,6 +8,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bench/measure.h"
@@ -96,6 +97,34 @@ void exchangeOfMany(const Options& options) {
   });
 }
 
+/// As many threads as asked for, each with a client of its own: nothing that they share may cost
+/// more with more of them. `once` is one exchange or one search of a client.
+template <typename Once>
+void inThreads(const Options& options, std::uint64_t repeats, std::uint64_t units, Once once) {
+  std::vector<std::unique_ptr<CorvaneRESTClient>> clients(options.number("threads", 1));
+  for (auto& client : clients) client = clientOf(options);
+  const auto run = [&](CorvaneRESTClient& client) {
+    for (std::uint64_t i = 0; i < repeats; ++i) once(client);
+  };
+  bench::measure(
+      options, clients.size() * repeats * units,
+      [&] {
+        std::vector<std::thread> threads;
+        for (auto& client : clients) threads.emplace_back(run, std::ref(*client));
+        for (auto& thread : threads) thread.join();
+      },
+      CLOCK_PROCESS_CPUTIME_ID);
+}
+
+void exchangesInThreads(const Options& options) {
+  ClientRequest common;
+  common.buildRequest(u"c1", ClientRequest::GET_STATUS, someProperties(kProperties));
+  inThreads(options, options.number("count", 1000), 1, [&](CorvaneRESTClient& client) {
+    thread_local ClientRequest request = common;
+    exchange(client, request);
+  });
+}
+
 ClientRequest recordsRequest(ClientRequest::REQUEST kind, std::uint64_t count) {
   ExtendedProperties properties;
   properties.putProperty(u"query", icu::UnicodeString::fromUTF8(std::to_string(count)));
@@ -123,24 +152,35 @@ void useHit(Sums& sums, const tq::comm::SearchResult& hit, bool text, bool key) 
   if (text) sums.texts += static_cast<std::uint64_t>(hit.getDocId()[30]);
 }
 
+void searchOnce(CorvaneRESTClient& client, ClientRequest& request, std::uint64_t count, bool text,
+                bool key) {
+  ClientResponse response;
+  Sums sums;
+  client.sendAndRecvMesg(request, response);
+  auto* hits = &response.getSearchResponse();
+  for (;;) {
+    while (hits->hasMore()) useHit(sums, hits->getNext(), text, key);
+    if (client.isEndOfStream()) break;
+    hits = &response.getSearchResponse(client, true);
+  }
+  check(sums.hits == count && !client.isTruncated(), "hits are missing");
+}
+
 /// `hits` reads score and key (HTTP has no key: score alone), `hitTexts` the document id as well.
 void streamedHits(const Options& options) {
   const auto client = clientOf(options);
   const std::uint64_t count = options.number("count", 1000000);
   const bool text = options.work() == "hitTexts";
-  const bool key = isBinary(options);
   ClientRequest request = recordsRequest(ClientRequest::STREAM_SEARCH, count);
-  bench::measure(options, count, [&] {
-    ClientResponse response;
-    Sums sums;
-    client->sendAndRecvMesg(request, response);
-    auto* hits = &response.getSearchResponse();
-    for (;;) {
-      while (hits->hasMore()) useHit(sums, hits->getNext(), text, key);
-      if (client->isEndOfStream()) break;
-      hits = &response.getSearchResponse(*client, true);
-    }
-    check(sums.hits == count && !client->isTruncated(), "hits are missing");
+  bench::measure(options, count,
+                 [&] { searchOnce(*client, request, count, text, isBinary(options)); });
+}
+
+void hitsInThreads(const Options& options) {
+  const std::uint64_t count = options.number("count", 100000);
+  inThreads(options, 1, count, [&](CorvaneRESTClient& client) {
+    ClientRequest request = recordsRequest(ClientRequest::STREAM_SEARCH, count);
+    searchOnce(client, request, count, true, isBinary(options));
   });
 }
 
@@ -201,9 +241,16 @@ void (*workOf(const std::string& name))(const Options&) {
     const char* name;
     void (*work)(const Options&);
   } kWorks[] = {
-      {"reused", reusedExchange}, {"fresh", freshExchange},    {"many", exchangeOfMany},
-      {"hits", streamedHits},     {"hitTexts", streamedHits},  {"parseResults", parseResults},
-      {"document", document},     {"queued", queuedDocuments},
+      {"reused", reusedExchange},
+      {"fresh", freshExchange},
+      {"many", exchangeOfMany},
+      {"hits", streamedHits},
+      {"hitTexts", streamedHits},
+      {"parseResults", parseResults},
+      {"document", document},
+      {"queued", queuedDocuments},
+      {"threadedExchange", exchangesInThreads},
+      {"threadedHits", hitsInThreads},
   };
   for (const auto& one : kWorks) {
     if (name == one.name) return one.work;

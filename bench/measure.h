@@ -62,7 +62,8 @@ extern "C" void benchMeasured(void (*work)(void*), void* context, std::uint64_t 
 /// line of JSON. Each run counts as `units` operations. Allocations and system calls are there when
 /// the counting library is preloaded.
 template <typename Work>
-void measure(const Options& options, std::uint64_t units, Work&& work) {
+void measure(const Options& options, std::uint64_t units, Work&& work,
+             clockid_t clock = CLOCK_THREAD_CPUTIME_ID) {
   const auto call = [](void* context) { (*static_cast<Work*>(context))(); };
   const auto countsOf = reinterpret_cast<BenchCountsFunction>(::dlsym(RTLD_DEFAULT, "benchCounts"));
   const std::uint64_t repeats = options.number("repeat", 1);
@@ -71,9 +72,9 @@ void measure(const Options& options, std::uint64_t units, Work&& work) {
   BenchCounts after{};
   if (countsOf != nullptr) countsOf(&before);
   const double wall = nanosOf(CLOCK_MONOTONIC);
-  const double cpu = nanosOf(CLOCK_THREAD_CPUTIME_ID);
+  const double cpu = nanosOf(clock);
   benchMeasured(call, &work, repeats);
-  const double cpuTaken = nanosOf(CLOCK_THREAD_CPUTIME_ID) - cpu;
+  const double cpuTaken = nanosOf(clock) - cpu;
   const double wallTaken = nanosOf(CLOCK_MONOTONIC) - wall;
   if (countsOf != nullptr) countsOf(&after);
   const double all = static_cast<double>(repeats) * static_cast<double>(units);
@@ -83,10 +84,11 @@ void measure(const Options& options, std::uint64_t units, Work&& work) {
     const auto each = [all](std::uint64_t end, std::uint64_t start) {
       return static_cast<double>(end - start) / all;
     };
-    std::printf(", \"allocations\": %.6f, \"systemCalls\": %.6f, \"peakBytes\": %.3f",
-                each(after.allocations, before.allocations),
-                each(after.systemCalls, before.systemCalls),
-                each(after.peakBytes, before.liveBytes));
+    std::printf(
+        ", \"allocations\": %.6f, \"systemCalls\": %.6f, \"receives\": %.6f"
+        ", \"peakBytes\": %.3f",
+        each(after.allocations, before.allocations), each(after.systemCalls, before.systemCalls),
+        each(after.receives, before.receives), each(after.peakBytes, before.liveBytes));
   }
   std::printf("}\n");
 }
