@@ -38,27 +38,33 @@ double outOfRange(const char* begin, const char* end) {
 constexpr double kPowersOfTen[] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
                                    1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
 
+// Takes the digits at the start of the text and appends them to the number.
+std::size_t takeDigits(std::string_view& text, std::uint64_t& number) noexcept {
+  std::size_t count = 0;
+  for (; count < text.size(); ++count) {
+    const auto digit = static_cast<unsigned char>(text[count] - '0');
+    if (digit > 9) break;
+    number = number * 10 + digit;
+  }
+  text.remove_prefix(count);
+  return count;
+}
+
 // Digits with a full stop among them or after them, which is what servers send. As long as both the
 // digits and the power of ten are doubles without rounding, the one rounding of the division gives
 // the double nearest to the number, which is what the general parser gives.
 bool simpleDecimal(std::string_view text, double& value) noexcept {
   constexpr std::uint64_t kLargestWhole = std::uint64_t{1} << DBL_MANT_DIG;
-  if (FLT_EVAL_METHOD != 0 || text.empty() || text.size() > std::size(kPowersOfTen)) return false;
-  if (text.front() == '.') return false;
+  if (FLT_EVAL_METHOD != 0 || text.size() > std::size(kPowersOfTen)) return false;
   std::uint64_t digits = 0;
-  std::size_t whole = text.size();
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const auto digit = static_cast<unsigned char>(text[i] - '0');
-    if (digit <= 9) {
-      digits = digits * 10 + digit;
-    } else if (text[i] == '.' && whole == text.size()) {
-      whole = i;
-    } else {
-      return false;
-    }
+  if (takeDigits(text, digits) == 0) return false;
+  std::size_t fraction = 0;
+  if (!text.empty()) {
+    if (text.front() != '.') return false;
+    text.remove_prefix(1);
+    fraction = takeDigits(text, digits);
   }
-  if (digits > kLargestWhole) return false;
-  const std::size_t fraction = whole == text.size() ? 0 : text.size() - whole - 1;
+  if (!text.empty() || digits > kLargestWhole) return false;
   value = static_cast<double>(digits) / kPowersOfTen[fraction];
   return true;
 }

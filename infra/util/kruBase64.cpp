@@ -1,5 +1,6 @@
 #include "infra/util/kruBase64.h"
 
+#include <array>
 #include <cstdint>
 #include <utility>
 
@@ -13,28 +14,40 @@ std::uint32_t byteAt(const char* bytes, std::size_t i) noexcept {
   return static_cast<unsigned char>(bytes[i]);
 }
 
+// The two digits of each twelve bits, so that three bytes take two looks and not four.
+constexpr auto kPairs = [] {
+  std::array<std::array<char, 2>, 4096> pairs{};
+  for (std::size_t i = 0; i < pairs.size(); ++i)
+    pairs[i] = {kAlphabet[i >> 6], kAlphabet[i & 0x3F]};
+  return pairs;
+}();
+
 template <typename Unit>
-Unit digit(std::uint32_t group, unsigned int shift) noexcept {
-  return static_cast<Unit>(kAlphabet[(group >> shift) & 0x3F]);
+void putPair(std::uint32_t bits, Unit* out) noexcept {
+  const std::array<char, 2>& pair = kPairs[bits & 0xFFF];
+  out[0] = static_cast<Unit>(pair[0]);
+  out[1] = static_cast<Unit>(pair[1]);
 }
 
 template <typename Unit>
 std::size_t encodeUnits(const char* bytes, std::size_t length, Unit* out) noexcept {
   Unit* const start = out;
   std::size_t i = 0;
-  for (; length - i >= 3; i += 3) {
+  for (; length - i >= 3; i += 3, out += 4) {
     const std::uint32_t group =
         (byteAt(bytes, i) << 16) | (byteAt(bytes, i + 1) << 8) | byteAt(bytes, i + 2);
-    for (const unsigned int shift : {18U, 12U, 6U, 0U}) *out++ = digit<Unit>(group, shift);
+    putPair(group >> 12, out);
+    putPair(group, out + 2);
   }
   const std::size_t rest = length - i;
   if (rest != 0) {
     const std::uint32_t group =
         (byteAt(bytes, i) << 16) | (rest == 2 ? byteAt(bytes, i + 1) << 8 : 0U);
-    *out++ = digit<Unit>(group, 18);
-    *out++ = digit<Unit>(group, 12);
-    *out++ = rest == 2 ? digit<Unit>(group, 6) : static_cast<Unit>('=');
-    *out++ = static_cast<Unit>('=');
+    putPair(group >> 12, out);
+    putPair(group, out + 2);
+    if (rest == 1) out[2] = static_cast<Unit>('=');
+    out[3] = static_cast<Unit>('=');
+    out += 4;
   }
   return static_cast<std::size_t>(out - start);
 }

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -44,6 +45,37 @@ TEST(Base64, EncodesIntoUtf16Units) {
     const std::size_t units = Base64::encode(c.bytes.data(), c.bytes.size(), out.data());
     EXPECT_EQ(std::string(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(units)), c.text);
     EXPECT_EQ(out[units], u'?') << "wrote behind its end";
+  }
+}
+
+/// Digit by digit, as the definition says.
+std::string encodedByDefinition(const std::string& bytes) {
+  static constexpr char kDigits[] =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  const auto bitAt = [&](std::size_t at) {
+    return at / 8 < bytes.size() ? (static_cast<unsigned char>(bytes[at / 8]) >> (7 - at % 8)) & 1
+                                 : 0;
+  };
+  std::string text;
+  for (std::size_t bit = 0; bit < bytes.size() * 8; bit += 6) {
+    int digit = 0;
+    for (std::size_t i = 0; i < 6; ++i) digit = digit * 2 + bitAt(bit + i);
+    text += kDigits[digit];
+  }
+  return text.append((4 - text.size() % 4) % 4, '=');
+}
+
+TEST(Base64, EncodesAnyBytesAsItsDefinitionSays) {
+  std::mt19937 random(3);
+  for (std::size_t length = 0; length < 200; ++length) {
+    for (int i = 0; i < 20; ++i) {
+      std::string bytes(length, '\0');
+      for (char& byte : bytes) byte = static_cast<char>(random() & 0xFF);
+      ASSERT_EQ(encodedByDefinition(bytes), encode(bytes));
+      std::u16string units(Base64::encodeSize(length), u'?');
+      ASSERT_EQ(units.size(), Base64::encode(bytes.data(), length, units.data()));
+      ASSERT_EQ(encode(bytes), std::string(units.begin(), units.end()));
+    }
   }
 }
 
