@@ -4,7 +4,10 @@
 #include <cstdlib>
 #include <iostream>
 #include <limits>
+#include <optional>
+#include <string>
 #include <string_view>
+#include <utility>
 
 #include "comm/kruBytes.h"
 #include "comm/kruChunkTail.h"
@@ -65,12 +68,59 @@ constexpr int kOk = 200;
 constexpr int kUnauthorized = 401;
 constexpr int kServerError = 500;
 
+constexpr bool isBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+constexpr bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
 /// The number at the start of `text`, as `atoi` reads it, except that a number beyond the range of
 /// `long` becomes the nearest bound.
+long leadingNumber(std::string_view text) {
+  constexpr std::size_t kDigitsOfAnyLong = 18;
+  while (!text.empty() && isBlank(text.front())) text.remove_prefix(1);
+  long number = 0;
+  std::size_t digits = 0;
+  for (; digits < text.size() && isDigit(text[digits]); ++digits) {
+    if (digits == kDigitsOfAnyLong) break;
+    number = number * 10 + (text[digits] - '0');
+  }
+  const bool simple = digits != 0 && digits < kDigitsOfAnyLong;
+  return simple ? number : std::strtol(std::string(text).c_str(), nullptr, 10);
+}
+
 long leadingNumber(const icu::UnicodeString& text) {
   std::string digits;
   text.toUTF8String(digits);
-  return std::strtol(digits.c_str(), nullptr, 10);
+  return leadingNumber(std::string_view(digits));
+}
+
+/// Takes the next run of characters without the delimiter; an empty one when there is none.
+std::string_view takeToken(std::string_view& text, char delimiter) {
+  text.remove_prefix(std::min(text.find_first_not_of(delimiter), text.size()));
+  const std::string_view token = text.substr(0, text.find(delimiter));
+  text.remove_prefix(token.size());
+  return token;
+}
+
+bool isAscii(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char c) { return (c & 0x80) == 0; });
+}
+
+/// The status of a record that consists of nothing else, written in digits.
+std::optional<std::uint32_t> onlyStatus(std::string_view record) {
+  constexpr std::string_view kName = "STATUS_CODE";
+  constexpr std::size_t kMostDigits = 9;
+  bytes::Reader fields(record.data(), record.size());
+  std::uint32_t word = 0;
+  std::string_view name;
+  std::string_view value;
+  if (!fields.readInt(word) || !fields.readBytes(word, name) || name != kName) return {};
+  if (!fields.readInt(word) || word > kMostDigits || !fields.readBytes(word, value)) return {};
+  if (value.empty() || fields.remaining() != 0) return {};
+  std::uint32_t status = 0;
+  for (const char c : value) {
+    if (!isDigit(c)) return {};
+    status = status * 10 + static_cast<std::uint32_t>(c - '0');
+  }
+  return status;
 }
 
 /// The text after the name and the colon of a header line.
@@ -111,6 +161,14 @@ class PlainRecord : public GenRespRecord {
  public:
   void reset() override {}
 };
+
+/// The status of a record whatever else is in it.
+std::uint32_t statusAmong(std::string_view record) {
+  tq::util::ExtendedProperties fields;
+  PlainRecord().parseRecordIntoProps(record.data(), static_cast<unsigned int>(record.size()),
+                                     &fields);
+  return fields.requirePropertyAsUInt32(u"STATUS_CODE");
+}
 
 }  // namespace
 
@@ -182,14 +240,18 @@ int RESTResponse::parseHeaders(const char* buffer, int length) {
   // Line ends before a status line belong to no reply; some servers end a body with one.
   std::size_t start = 0;
   if (pending_.empty()) start = std::min(offered.find_first_not_of(kLineEnd), offered.size());
+  // A block that comes in one piece, as most do, is read where it lies.
   const std::size_t gathered = pending_.size();
-  pending_.append(offered.substr(start));
+  std::string_view block = offered.substr(start);
+  if (gathered != 0) block = pending_.append(block);
+  const std::size_t end = headerBlockEnd(block, gathered);
+  const bool whole = end != std::string::npos;
+  const bool isReply = kProtocol.starts_with(block.substr(0, kProtocol.size()));
+  if (gathered == 0 && !(whole && isReply)) pending_ = block;
   // A peer that speaks another protocol may never send a blank line, so it is not waited for.
-  if (!kProtocol.starts_with(std::string_view(pending_).substr(0, kProtocol.size()))) {
+  if (!isReply) {
     failWithoutPlace(StaticDefs::ERR_CLIENT_RESP_PARSING, u"the reply does not begin with HTTP/");
   }
-  const std::size_t end = headerBlockEnd(gathered);
-  const bool whole = end != std::string::npos;
   const std::size_t consumed = whole ? start + (end - gathered) : offered.size();
   headerBytes_ += consumed;
   if (headerBytes_ > std::min(maxReplyBytes_, kMaxHeaderBlock)) {
@@ -197,31 +259,61 @@ int RESTResponse::parseHeaders(const char* buffer, int length) {
                      u"the header block is longer than the limit");
   }
   if (!whole) return 0;
-  takeHeaderBlock(end);
+  const std::string held = std::exchange(pending_, {});
+  takeHeaderBlock((gathered != 0 ? std::string_view(held) : block).substr(0, end));
   const std::string_view rest = offered.substr(consumed);
   return chunked_ ? gatherChunkLength(rest) : static_cast<int>(rest.size());
 }
 
 /// A NUL byte also ends the block, because the text conversion stops there.
-std::size_t RESTResponse::headerBlockEnd(std::size_t searched) const {
+std::size_t RESTResponse::headerBlockEnd(std::string_view block, std::size_t searched) {
   constexpr std::string_view kBlankLine = "\r\n\r\n";
   // The blank line may have begun in the bytes that were searched before.
   const std::size_t from = searched < kBlankLine.size() ? 0 : searched - (kBlankLine.size() - 1);
-  const std::size_t blank = pending_.find(kBlankLine, from);
-  const std::size_t zero = pending_.find('\0', searched);
+  const std::size_t blank = block.find(kBlankLine, from);
+  const std::size_t zero = block.find('\0', searched);
   if (zero < blank) return zero;
   return blank == std::string::npos ? blank : blank + kBlankLine.size();
 }
 
-void RESTResponse::takeHeaderBlock(std::size_t length) {
-  icu::UnicodeString headers = tq::oss::Converter::fromUTF8(pending_.data(), length);
-  pending_.clear();
-  extractHeaders(headers);
+void RESTResponse::takeHeaderBlock(std::string_view block) {
+  // The bytes of ASCII are its characters. A host that traces wants to see the general operation.
+  if (isAscii(block) && tq::oss::getTraceFacility() == nullptr) {
+    readHeaders(block);
+  } else {
+    icu::UnicodeString headers = tq::oss::Converter::fromUTF8(block.data(), block.size());
+    extractHeaders(headers);
+  }
   // A length beside chunks has no meaning: the size lines tell where the body ends.
   if (chunked_) {
     contentLength_ = 0;
     state_ = kChunkLength;
   }
+}
+
+/// What `extractHeaders` does, for bytes.
+void RESTResponse::readHeaders(std::string_view block) {
+  constexpr std::string_view kLength = "Content-Length";
+  constexpr std::string_view kEncoding = "Transfer-Encoding";
+  std::string_view statusLine = takeToken(block, '\n');
+  if (statusLine.empty()) return;
+  flag_ = true;
+  takeToken(statusLine, ' ');
+  takeStatus(leadingNumber(takeToken(statusLine, ' ')));
+  for (std::string_view line; !(line = takeToken(block, '\n')).empty();) {
+    const std::size_t lengthName = line.find(kLength);
+    if (lengthName != std::string_view::npos) {
+      const std::size_t colon = line.find(':', lengthName);
+      const bool named = colon != std::string_view::npos;
+      acceptLength(named ? leadingNumber(line.substr(colon + 1)) : 0);
+    }
+    if (line.find(kEncoding) != std::string_view::npos) chunked_ = true;
+  }
+}
+
+void RESTResponse::takeStatus(long code) {
+  statusCode_ = static_cast<int>(
+      std::clamp<long>(code, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
 }
 
 void RESTResponse::extractHeaders(icu::UnicodeString& headers) {
@@ -231,9 +323,7 @@ void RESTResponse::extractHeaders(icu::UnicodeString& headers) {
   flag_ = true;
   tq::oss::StringTokenizer statusLine(lines.next(), icu::UnicodeString(u' '));
   statusLine.next();
-  statusCode_ = static_cast<int>(std::clamp<long>(leadingNumber(statusLine.next()),
-                                                  std::numeric_limits<int>::min(),
-                                                  std::numeric_limits<int>::max()));
+  takeStatus(leadingNumber(statusLine.next()));
   while (lines.hasMore()) {
     const icu::UnicodeString line = lines.next();
     const int lengthName = line.indexOf(StaticDefs::RESP_CONTENT_LENGTH);
@@ -497,10 +587,8 @@ int RESTResponse::parseGetStatus(const char* buffer, int length, ClientResponse&
   bytes::Reader body = bytes::readerOf(buffer, length);
   std::string_view record;
   if (takeOnlyRecord(body, record)) {
-    tq::util::ExtendedProperties fields;
-    PlainRecord().parseRecordIntoProps(record.data(), static_cast<unsigned int>(record.size()),
-                                       &fields);
-    code = fields.requirePropertyAsUInt32(u"STATUS_CODE");
+    const auto status = tq::oss::getTraceFacility() == nullptr ? onlyStatus(record) : std::nullopt;
+    code = status ? *status : statusAmong(record);
   }
   response.setGetStatusCode(code);
   return bytes::leftIn(body);

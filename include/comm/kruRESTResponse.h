@@ -123,8 +123,10 @@ class KRU_EXPORT RESTResponse {
   std::size_t maxReplyBytes_ = std::size_t{1} << 30;
 
  private:
-  std::size_t headerBlockEnd(std::size_t searched) const;
-  void takeHeaderBlock(std::size_t length);
+  static std::size_t headerBlockEnd(std::string_view block, std::size_t searched);
+  void takeHeaderBlock(std::string_view block);
+  void readHeaders(std::string_view block);
+  void takeStatus(long code);
   int gatherChunkLength(std::string_view offered);
   void takeChunkLengthLine(std::size_t front);
   void acceptLength(long length);

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <iterator>
 #include <limits>
+#include <random>
 #include <set>
 #include <string>
 #include <type_traits>
@@ -15,6 +17,7 @@
 #include "infra/oss/kruTrace.h"
 #include "tests/support/exchange.h"
 #include "tests/support/raised.h"
+#include "tests/support/recordByRecord.h"
 #include "tests/support/replyCorpus.h"
 
 namespace {
@@ -1194,6 +1197,108 @@ TEST(RESTResponse, PrintDoesNothing) {
 TEST(RESTResponse, HasNoVirtualDestructor) {
   EXPECT_FALSE(std::has_virtual_destructor_v<RESTResponse>);
   EXPECT_TRUE(std::is_polymorphic_v<RESTResponse>);
+}
+
+// Two ways through the same bytes: in place, and as a host that traces sees it.
+
+/// What a caller sees of a parser that was fed these pieces.
+std::string seenOf(int kind, const std::vector<std::string>& pieces) {
+  RESTResponse parser = parserFor(kind);
+  ClientResponse response;
+  bool done = false;
+  std::string seen;
+  for (const std::string& piece : pieces) {
+    try {
+      seen += std::to_string(feed(parser, piece, response, done));
+    } catch (const RESTException& e) {
+      std::string text;
+      e.getMessageList().front().getMessageId().toUTF8String(text);
+      e.getMessageList().front().getMessageText().toUTF8String(text);
+      seen += text;
+    }
+    int need = -1;
+    seen += std::string(" done ") + (parser.parseDone(need) ? "yes" : "no") + (done ? " all" : "");
+    seen += " need " + std::to_string(need) + " status " + std::to_string(parser.getStatusCode());
+    seen += " length " + std::to_string(parser.getContentLength());
+    seen += std::string(parser.isChunked() ? " chunked" : "") + " answer ";
+    seen += std::to_string(response.getStatusCode()) + '\n';
+  }
+  return seen;
+}
+
+void expectOneMeaning(int kind, const std::vector<std::string>& pieces) {
+  const std::string inPlace = seenOf(kind, pieces);
+  const RecordByRecord slowly;
+  ASSERT_EQ(seenOf(kind, pieces), inPlace);
+}
+
+TEST(RESTResponse, ReadsAnyHeaderBlockInPlaceAsTheGeneralOperationDoes) {
+  static const std::string kWords[] = {"HTTP/1.1",
+                                       " ",
+                                       "200",
+                                       "500",
+                                       "\r\n",
+                                       "\n",
+                                       "\r",
+                                       "\t",
+                                       "Content-Length",
+                                       ":",
+                                       ": ",
+                                       "5",
+                                       "-1",
+                                       "+7",
+                                       "0x10",
+                                       "9223372036854775808",
+                                       "Transfer-Encoding",
+                                       "chunked",
+                                       "X-Content-Length: 3",
+                                       "Content-length",
+                                       "\xC3\xA9",
+                                       "\xFF",
+                                       std::string(1, '\0'),
+                                       "  12 34",
+                                       "000000000000000000012",
+                                       "999999999999999999",
+                                       "5 Content-Length",
+                                       "1073741825",
+                                       "\v7",
+                                       "a"};
+  std::mt19937 random(7);
+  for (int i = 0; i < 20000; ++i) {
+    std::string block = random() % 8 != 0 ? "HTTP/1.1 " : "";
+    for (std::size_t words = random() % 12; words > 0; --words) {
+      block += kWords[random() % std::size(kWords)];
+    }
+    block += random() % 4 != 0 ? "\r\nContent-Length: 2\r\n\r\nab" : "\r\n\r\n5\r\nabcde";
+    const std::size_t cut = random() % 2 != 0 ? block.size() : random() % (block.size() + 1);
+    SCOPED_TRACE(block);
+    expectOneMeaning(kAddDocument, {block.substr(0, cut), block.substr(cut)});
+    if (HasFatalFailure()) return;
+  }
+}
+
+TEST(RESTResponse, ReadsAnyStatusRecordInPlaceAsTheCodecDoes) {
+  static const std::string kValues[] = {
+      "0",  "2",  "007", "999999999",  "4294967295",          "4294967296", "",
+      "-1", "1 ", "12a", "1234567890", std::string("3\0", 2), "\xD9\xA1"};
+  static const std::string kNames[] = {"STATUS_CODE", "STATUS", std::string("STATUS_CODE\0x", 13),
+                                       ""};
+  for (const std::string& value : kValues) {
+    for (const std::string& name : kNames) {
+      for (const std::string& other :
+           {std::string(), record({{"MORE", "1"}}), record({{"STATUS_CODE", "9"}})}) {
+        const std::string fields = record({{name, value}}) + other;
+        const std::string body =
+            kSkipped + bigEndian(static_cast<std::uint32_t>(fields.size())) + fields;
+        SCOPED_TRACE(name + '=' + value + other);
+        expectOneMeaning(kGetStatus, {headersWithLength(200, body.size()), body});
+        std::string tagged = body;
+        tagged[8] = '\x40';
+        expectOneMeaning(kGetStatus, {headersWithLength(200, body.size()), tagged});
+        if (HasFatalFailure()) return;
+      }
+    }
+  }
 }
 
 }  // namespace
