@@ -11,6 +11,7 @@
 #include "comm/kruFunctionIds.h"
 #include "comm/kruHitFiller.h"
 #include "comm/kruKinds.h"
+#include "comm/kruParseFiller.h"
 #include "comm/kruRESTException.h"
 #include "comm/kruRaise.h"
 #include "comm/kruRecordBounds.h"
@@ -403,11 +404,14 @@ int DrestoPerfResponse::parseParseResultResponse(const char* buffer, int length,
   if (length == 0) {
     refuseEmptyBody(u"Zero(0) sized protocol body in parseParseResult ", kLineEmptyParseResult);
   }
-  ParseResult result(true);
+  ParseFiller results(response, {buffer, static_cast<std::size_t>(std::max(length, 0))});
+  const bool traced = tq::oss::getTraceFacility() != nullptr;
   const auto take = [&](std::string_view payload, std::uint16_t status) {
+    if (!traced && results.add(payload, fields::Form::Narrow)) return;
     requireFieldsFit(payload);
+    ParseResult result(true);
     parseInto(result, payload, status);
-    response.addParseResult(result);
+    results.add(result);
   };
   return walkEnvelopes<takeEnvelopeHeaderTraced>(buffer, length, done, take);
 }

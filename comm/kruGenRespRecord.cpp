@@ -173,11 +173,15 @@ bool GenRespRecord::parseMessage(tq::oss::Message& msg, bool required) {
   const icu::UnicodeString* id =
       required ? &props.requireProperty(kMessageId) : props.findProperty(kMessageId);
   if (id == nullptr || id->isEmpty()) return false;
-  const icu::UnicodeString& text = props.requireProperty(kMessageText);
-  msg.setMessageId(*id);
-  msg.setMessageText(text);
-  msg.setLevel(levelOf(*id));
+  fillMessage(msg, *id, props.requireProperty(kMessageText));
   return true;
+}
+
+void GenRespRecord::fillMessage(tq::oss::Message& msg, const icu::UnicodeString& id,
+                                const icu::UnicodeString& text) {
+  msg.setMessageId(id);
+  msg.setMessageText(text);
+  msg.setLevel(levelOf(id));
 }
 
 void GenRespRecord::serializeKVPair(char* out, const KVPair& pair, unsigned int& written) {

@@ -16,6 +16,7 @@
 #include "comm/kruFunctionIds.h"
 #include "comm/kruHitFiller.h"
 #include "comm/kruKinds.h"
+#include "comm/kruParseFiller.h"
 #include "comm/kruRESTException.h"
 #include "comm/kruRaise.h"
 #include "comm/kruRecordBounds.h"
@@ -555,11 +556,14 @@ int RESTResponse::parseParseResultResponse(const char* buffer, int length, Clien
     return 0;
   }
   bytes::Reader body = bytes::readerOf(buffer, length);
+  ParseFiller results(response, {buffer, body.remaining()});
+  const bool traced = tq::oss::getTraceFacility() != nullptr;
   walkRecords(body, done, failWithoutPlace, [&](std::string_view record) {
+    if (!traced && results.add(record, fields::Form::Wide)) return;
     requireFieldsFit(record, failWithoutPlace);
     ParseResult result(true);
     parseInto(result, record);
-    response.addParseResult(result);
+    results.add(result);
   });
   // The server never cuts a parse result, so one that is not whole is broken. `done` would not do
   // here: the caller may have set it before.

@@ -8,6 +8,8 @@
 #include <span>
 #include <vector>
 
+#include "comm/kruByteRuns.h"
+
 namespace tq::comm {
 
 /// What the lists of search hits and of parse results have in common. The elements stand in arrival
@@ -33,6 +35,7 @@ class ResultList {
     // The element that the cursor stood at is gone; at the end it cannot dangle.
     cursor_ = nullptr;
     count_ = 0;
+    runs_.clear();
   }
 
   template <typename Results>
@@ -73,6 +76,9 @@ class ResultList {
     count_ += static_cast<unsigned int>(elements);
     if (untilOne - 1U < elements) moveToFirst();
   }
+
+  /// What elements may point into; lives until `init` or `assign`.
+  ByteRuns& runs() noexcept { return runs_; }
 
   /// Something in an element is too large to be kept for the next portion.
   void keepNothing() noexcept { reusable_ = false; }
@@ -199,6 +205,7 @@ class ResultList {
   const Result* cursorEnd_ = nullptr;
   unsigned int count_ = 0;
   bool reusable_ = true;
+  ByteRuns runs_;
   // What is handed out behind the last element.
   std::optional<Result> spare_;
 };

@@ -1,7 +1,7 @@
 #include "comm/kruSearchResponse.h"
 
 #include "comm/kruFunctionIds.h"
-#include "comm/kruHitList.h"
+#include "comm/kruResultList.h"
 #include "infra/oss/kruTrace.h"
 
 namespace tq::comm {
@@ -24,8 +24,8 @@ SearchResponse& SearchResponse::operator=(const SearchResponse& other) {
 
 SearchResponse::~SearchResponse() = default;
 
-HitList& SearchResponse::list() {
-  if (results_ == nullptr) results_ = std::make_unique<HitList>();
+ResultList<SearchResult>& SearchResponse::list() {
+  if (results_ == nullptr) results_ = std::make_unique<ResultList<SearchResult>>();
   return *results_;
 }
 

@@ -14,6 +14,7 @@ namespace tq::comm {
 
 class CorvaneClient;
 class HitFiller;
+class ParseFiller;
 
 /// What one request brought: the outcome, the server's status, and the typed results. A client's
 /// exchange fills it; for kinds whose results stream, the two pulling operations fetch the further
@@ -93,6 +94,7 @@ class KRU_EXPORT ClientResponse {
 
  private:
   friend class HitFiller;
+  friend class ParseFiller;
 
   int resultCount_ = 0;
   icu::UnicodeString text_;

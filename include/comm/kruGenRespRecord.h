@@ -98,6 +98,10 @@ class KRU_EXPORT GenRespRecord {
   GenRespRecord(const GenRespRecord&);
   GenRespRecord& operator=(const GenRespRecord&);
 
+  /// Fills `msg` as `parseMessage` does, with an id that is not empty.
+  static void fillMessage(tq::oss::Message& msg, const icu::UnicodeString& id,
+                          const icu::UnicodeString& text);
+
   /// When set, each record is parsed into an emptied property set, so that no property of an
   /// earlier record shows through.
   bool forgetsPreviousRecord_ = false;

@@ -8,6 +8,7 @@
 
 namespace tq::comm {
 
+class ParseFiller;
 template <typename Result>
 class ResultList;
 
@@ -41,6 +42,8 @@ class KRU_EXPORT ParseResponse {
   void incrCount();
 
  private:
+  friend class ParseFiller;
+
   ResultList<ParseResult>& list();
 
   // Null until something is added.

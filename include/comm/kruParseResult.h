@@ -2,10 +2,15 @@
 
 #include <unicode/unistr.h>
 
+#include <memory>
+
 #include "comm/kruGenRespRecord.h"
 #include "infra/oss/kruMessage.h"
 
 namespace tq::comm {
+
+class ParseFiller;
+struct ParseRow;
 
 /// What became of one queued document: which one, and the server's message if there is one. One
 /// object serves one thread at a time; different objects need no locking. One object may parse
@@ -23,15 +28,33 @@ class KRU_EXPORT ParseResult : public GenRespRecord {
   /// without "MsgText".
   void reset() override;
 
-  const icu::UnicodeString& getDocument() const { return document_; }
+  /// Valid, like the message, until the result is changed or ends. Made when it is asked for first:
+  /// throws tq::oss::NLSException "TQ_ERR_OUT_OF_MEMORY" or std::bad_alloc when there is no memory.
+  const icu::UnicodeString& getDocument() const;
   bool hasMessage() const { return hasMessage_; }
-  /// Empty unless `hasMessage()`.
-  const tq::oss::Message& getMessage() const { return message_; }
+  /// Empty unless `hasMessage()`. Made, and throws, like the document.
+  const tq::oss::Message& getMessage() const;
 
  private:
-  icu::UnicodeString document_;
+  // Makes results in their list, straight from a reply.
+  friend class ParseFiller;
+
+  ParseRow row() const noexcept;
+  void forget() noexcept {
+    record_ = nullptr;
+    hasMessage_ = false;
+    document_.reset();
+    message_.reset();
+  }
+
   bool hasMessage_ = false;
-  tq::oss::Message message_;
+  bool narrow_ = false;
+  // Null while it is empty or nobody has asked for it.
+  mutable std::unique_ptr<icu::UnicodeString> document_;
+  mutable std::unique_ptr<tq::oss::Message> message_;
+  // The record that both are made from, in the memory of the list that the result is in, or null.
+  // `narrow_` tells its form. A copy has texts of its own.
+  const char* record_ = nullptr;
 };
 
 }  // namespace tq::comm

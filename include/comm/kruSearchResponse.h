@@ -9,7 +9,8 @@
 namespace tq::comm {
 
 class HitFiller;
-struct HitList;
+template <typename Result>
+class ResultList;
 
 /// The hits of one portion of a reply, in arrival order, with a cursor for walking them and the
 /// count of those not yet taken. One object serves one thread at a time; different objects need no
@@ -45,10 +46,10 @@ class KRU_EXPORT SearchResponse {
  private:
   friend class HitFiller;
 
-  HitList& list();
+  ResultList<SearchResult>& list();
 
   // Null until something is added.
-  std::unique_ptr<HitList> results_;
+  std::unique_ptr<ResultList<SearchResult>> results_;
 };
 
 }  // namespace tq::comm
