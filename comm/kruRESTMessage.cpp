@@ -75,27 +75,21 @@ const icu::UnicodeString& outputNameOf(const icu::UnicodeString& name) {
   return name == StaticDefs::PARAM_AUTHENTICATION_TOKEN ? StaticDefs::PARAM_AUTHENTICATION : name;
 }
 
-// Below 0, 0 or above, in the order that property sets have. Most comparisons are decided by the
-// first letter.
-int compareNames(const icu::UnicodeString& a, const icu::UnicodeString& b) {
-  if (a.isEmpty() || b.isEmpty()) return a.compare(b);
-  const int order = a.getBuffer()[0] - b.getBuffer()[0];
-  return order != 0 ? order : a.compare(b);
-}
-
-// What a header line needs besides name and value, all of it ASCII.
-constexpr std::string_view kColonSpace = ": ";
-constexpr std::string_view kNewline = "\n";
+// What a header line needs besides name and value: ": " and LF.
+constexpr std::size_t kLineOverhead = 3;
 constexpr std::string_view kHeaderEnd{"\r\n", 3};  // With the terminating zero.
-constexpr std::size_t kLineOverhead = kColonSpace.size() + kNewline.size();
 
 char* putBytes(char* out, std::string_view bytes) {
   return static_cast<char*>(std::memcpy(out, bytes.data(), bytes.size())) + bytes.size();
 }
 
 char* putLine(char* out, const icu::UnicodeString& name, const icu::UnicodeString& value) {
-  out = putBytes(out + Converter::writeUTF8(name, out), kColonSpace);
-  return putBytes(out + Converter::writeUTF8(value, out), kNewline);
+  out += Converter::writeUTF8(name, out);
+  *out++ = ':';
+  *out++ = ' ';
+  out += Converter::writeUTF8(value, out);
+  *out++ = '\n';
+  return out;
 }
 
 std::size_t mostBytesOfLine(const icu::UnicodeString& name, const icu::UnicodeString& value) {
@@ -131,30 +125,35 @@ struct RESTMessage::Added {
 
 namespace {
 
-// Hands over name and value of each property in the order of the names, the added ones in their
-// places and instead of a caller's property of the same name.
+// Hands over name and value of each line in the order of the properties' names, the added ones in
+// their places and instead of a caller's property of the same name.
 template <typename Added, typename Emit>
-void forEachProperty(const tq::util::ExtendedProperties& properties, const Added& added,
-                     Emit emit) {
+void forEachLine(const tq::util::ExtendedProperties& properties, const Added& added, Emit emit) {
   struct Line {
+    // Decides most comparisons.
+    char16_t first;
     const icu::UnicodeString* name;
     const icu::UnicodeString* value;
   };
-  const Line lines[] = {{&StaticDefs::HTTP_CONTENT_LEN, added.length},
-                        {&StaticDefs::PARAM_ACTION, added.action},
-                        {&StaticDefs::PARAM_ACTION_TYPE, added.actionType}};
+  const Line lines[] = {{u'C', &StaticDefs::HTTP_CONTENT_LEN, added.length},
+                        {u'a', &StaticDefs::PARAM_ACTION, added.action},
+                        {u'a', &StaticDefs::PARAM_ACTION_TYPE, added.actionType}};
   const Line* next = std::begin(lines);
   const auto emitAdded = [&] {
     if (next->value != nullptr) emit(*next->name, *next->value);
     ++next;
   };
   for (const auto& [name, value] : properties) {
-    int order = 1;
-    while (next != std::end(lines) && (order = compareNames(*next->name, name)) < 0) emitAdded();
-    if (order == 0 && next->value != nullptr) {
+    // An empty name comes first, as one that begins with a zero does among those that are not.
+    const char16_t first = name.isEmpty() ? u'\0' : name.getBuffer()[0];
+    const auto order = [&, &text = name] {
+      return next->first != first ? next->first - first : next->name->compare(text);
+    };
+    while (next != std::end(lines) && order() < 0) emitAdded();
+    if (next != std::end(lines) && next->value != nullptr && order() == 0) {
       emitAdded();
     } else {
-      emit(name, value);
+      emit(first == u'a' ? outputNameOf(name) : name, value);
     }
   }
   while (next != std::end(lines)) emitAdded();
@@ -248,11 +247,11 @@ void RESTMessage::keepHeader(ClientRequest& request) {
     kept->properties = std::as_const(request).getReqProperties();
     LineWriter lines(headerBuffer_.data(), kMostKept);
     std::size_t lengthAt = 0;
-    forEachProperty(kept->properties, added,
-                    [&](const icu::UnicodeString& name, const icu::UnicodeString& value) {
-                      lines.put(outputNameOf(name), value);
-                      if (&value == &noLength) lengthAt = lines.written() - kNewline.size();
-                    });
+    forEachLine(kept->properties, added,
+                [&](const icu::UnicodeString& name, const icu::UnicodeString& value) {
+                  lines.put(name, value);
+                  if (&value == &noLength) lengthAt = lines.written() - 1;
+                });
     if (!lines.fitted()) return;
     lines.end();
     kept->beforeLength.assign(headerBuffer_.data(), lengthAt);
@@ -309,11 +308,11 @@ icu::UnicodeString RESTMessage::getParamString(bool asHeaders) const {
   icu::UnicodeString text;
   const auto append = [&](const icu::UnicodeString& name, const icu::UnicodeString& value) {
     if (!asHeaders) text.append(text.isEmpty() ? StaticDefs::QUESTIONMARK : StaticDefs::AMPERSAND);
-    text.append(outputNameOf(name));
+    text.append(name);
     text.append(asHeaders ? StaticDefs::COLON_SPACE : StaticDefs::EQUALS).append(value);
     if (asHeaders) text.append(StaticDefs::NEWLINE);
   };
-  forEachProperty(properties(), added(), append);
+  forEachLine(properties(), added(), append);
   Converter::checked(text);
   return text;
 }
@@ -358,10 +357,10 @@ void RESTMessage::writeKeptHeader() {
 
 void RESTMessage::writeHeader() {
   LineWriter lines(headerBuffer_.data(), headerBuffer_.capacity());
-  forEachProperty(properties_, added(),
-                  [&](const icu::UnicodeString& name, const icu::UnicodeString& value) {
-                    lines.put(outputNameOf(name), value);
-                  });
+  forEachLine(properties_, added(),
+              [&](const icu::UnicodeString& name, const icu::UnicodeString& value) {
+                lines.put(name, value);
+              });
   if (!lines.fitted()) return writeMeasuredHeader();
   lines.end();
 }
@@ -369,17 +368,16 @@ void RESTMessage::writeHeader() {
 /// For a header that might not fit: whether it does is known once its bytes are counted.
 void RESTMessage::writeMeasuredHeader() {
   std::size_t size = kHeaderEnd.size();
-  forEachProperty(properties_, added(),
-                  [&](const icu::UnicodeString& name, const icu::UnicodeString& value) {
-                    size += Converter::utf8Length(outputNameOf(name)) +
-                            Converter::utf8Length(value) + kLineOverhead;
-                  });
+  forEachLine(properties_, added(),
+              [&](const icu::UnicodeString& name, const icu::UnicodeString& value) {
+                size += Converter::utf8Length(name) + Converter::utf8Length(value) + kLineOverhead;
+              });
   if (!headerBuffer_.grow(size, 0)) Converter::throwOutOfMemory();
   char* out = headerBuffer_.data();
-  forEachProperty(properties_, added(),
-                  [&](const icu::UnicodeString& name, const icu::UnicodeString& value) {
-                    out = putLine(out, outputNameOf(name), value);
-                  });
+  forEachLine(properties_, added(),
+              [&](const icu::UnicodeString& name, const icu::UnicodeString& value) {
+                out = putLine(out, name, value);
+              });
   putBytes(out, kHeaderEnd);
 }
 
