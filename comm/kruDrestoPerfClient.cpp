@@ -53,14 +53,15 @@ constexpr int kReplyHeader = 2;
 constexpr int kStatusOnly = 5;
 constexpr int kInvalidAuth = 401;
 
-Batch::Message messageOf(RESTMessage& message) {
+/// The server is named by the refusal of a message that cannot be sent.
+Batch::Message messageOf(RESTMessage& message, const icu::UnicodeString& host, unsigned int port) {
   Batch::Message parts{};
   parts.answered = ClientResponse::isRespReqd(message.getRequest());
   parts.queued = message.getRequest() == ClientRequest::ASYNCH_ADD_DOCUMENT;
   parts.header = message.getSerializedHeader();
   if (parts.header.size() > kMaxHeader) {
     fail(StaticDefs::ERR_CLIENT_INTERNAL,
-         Details().argument(u"the header text of a request is longer than 65535 bytes"));
+         Details(u"the header text of a request is longer than 65535 bytes").server(host, port));
   }
   if (message.getRequest() == ClientRequest::LAST_DOC_SENT) {
     unsigned int length = 0;
@@ -202,7 +203,7 @@ void DrestoPerfClient::sendMesg(RESTMessage& message) {
   refuseOnBrokenLine();
   const bool lookFirst = std::exchange(mayBeHeld_, false);
   try {
-    Batch::Message parts = messageOf(message);
+    Batch::Message parts = messageOf(message, host_, port_);
     parts.mayWait = buffered_;
     const std::string_view rest = batch_->append(parts);
     if (buffered_ && !batch_->isDue(parts)) return;

@@ -167,6 +167,8 @@ TEST(DrestoPerfClientSend, AHeaderOf65535BytesIsSentAndALongerOneIsRefused) {
     ASSERT_EQ(raised.size(), 1U);
     EXPECT_EQ(raised.front().id, "ERR_CLIENT_INTERNAL");
     EXPECT_EQ(raised.front().file, kFile);
+    EXPECT_EQ(raised.front().text, "the header text of a request is longer than 65535 bytes");
+    EXPECT_EQ(raised.front().arguments, (std::vector<std::string>{"127.0.0.1", "7"}));
     EXPECT_EQ(network.writes(), 0U);
     auto next = requestFor(1);
     client.sendAndRecvMesg(next, response);
