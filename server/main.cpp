@@ -4,6 +4,7 @@
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -18,6 +19,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "server/access/accessControl.h"
+#include "server/accountCommand.h"
 #include "server/base/memoryBudget.h"
 #include "server/faults/faultScript.h"
 #include "server/faults/faultyOutlet.h"
@@ -33,7 +36,15 @@ using namespace corvaned;
 // A transaction of words that are all different takes many times the memory that its text has.
 constexpr std::size_t kBatchesPerBudget = 64;
 
+/// The options contradict each other or the server's safety.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
 struct Options {
+  std::string users;
+  bool openToEverybody = false;
   std::string data;
   std::string portFile;
   std::string logLevel = "info";
@@ -58,8 +69,13 @@ void declareOptions(CLI::App& app, Options& options) {
   ports->require_option(1, 2);
   app.add_option("--data", options.data, "directory that holds the collections")->required();
   app.add_option("--listen", options.server.listen,
-                 "numeric address to listen on; the server knows no passwords")
+                 "numeric address to listen on; beyond this machine it needs --users")
       ->capture_default_str();
+  app.add_option(
+      "--users", options.users,
+      "file that says who may do what; \"corvaned user\" and \"corvaned token\" write it");
+  app.add_flag("--open-to-everybody", options.openToEverybody,
+               "listen beyond this machine without --users");
   app.add_option("--port-file", options.portFile, "file to write the ready lines to as well");
   app.add_option("--log-level", options.logLevel, "what to say on standard error")
       ->check(CLI::IsMember({"trace", "debug", "info", "warn", "error", "critical", "off"}))
@@ -138,6 +154,9 @@ std::size_t quarterOfTheMachine() {
 
 // What several of the options say together.
 void settle(Options& options) {
+  if (!options.users.empty()) {
+    options.server.access = std::make_shared<AccessControl>(options.users);
+  }
   const auto budget =
       std::make_shared<MemoryBudget>(options.memory.value_or(quarterOfTheMachine()));
   options.server.memory = budget;
@@ -154,12 +173,27 @@ void settle(Options& options) {
   options.server.searchTimeout = std::chrono::seconds(options.searchSeconds);
 }
 
+bool isLoopback(const std::string& address) {
+  return address.starts_with("127.") || address == "::1";
+}
+
+// A server that anybody on the network can read and change is nothing to start by mistake.
+void requireAccessControl(const Options& options) {
+  if (!options.users.empty() || options.openToEverybody) return;
+  if (isLoopback(options.server.listen)) return;
+  throw UsageError(
+      "--listen " + options.server.listen +
+      " lets other machines in; give --users FILE, or --open-to-everybody if everybody "
+      "there may read and change everything");
+}
+
 // Every thread inherits the mask, so that only sigwait() receives the signals.
 sigset_t blockStopSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGTERM);
   sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   // A broken pipe or a file at its size limit is an error to report, not a reason to end.
   std::signal(SIGPIPE, SIG_IGN);
@@ -186,10 +220,28 @@ void writePortFile(const std::string& path, const std::string& lines) {
   std::filesystem::rename(passing, path);
 }
 
+// A directory that an earlier version made is open to be read.
+void closeToOthers(const std::string& directory) {
+  std::error_code error;
+  std::filesystem::permissions(directory, std::filesystem::perms::owner_all, error);
+  if (error) spdlog::warn("cannot keep others out of {}: {}", directory, error.message());
+}
+
+void reload(const Options& options) {
+  if (!options.server.access) return;
+  try {
+    options.server.access->reload();
+    spdlog::info("read {} again", options.users);
+  } catch (const std::exception& error) {
+    spdlog::error("the old users stay: {}", error.what());
+  }
+}
+
 void serve(const Options& options) {
   const sigset_t signals = blockStopSignals();
   raiseDescriptorLimit();
   LocalStore store(options.data, options.store);
+  closeToOthers(options.data);
   Dispatcher dispatcher(store, KRUCOMM_VERSION);
   Server server(dispatcher, options.server);
   server.start();
@@ -199,7 +251,7 @@ void serve(const Options& options) {
   spdlog::info("serving {}", options.data);
   if (options.server.outlets) spdlog::warn("replies go wrong as --fault says");
   int signal = 0;
-  sigwait(&signals, &signal);
+  while (sigwait(&signals, &signal) != 0 || signal == SIGHUP) reload(options);
   spdlog::info("stopping");
   server.stop();
 }
@@ -208,6 +260,9 @@ void serve(const Options& options) {
 
 int main(int argc, char** argv) {
   openStandardDescriptors();
+  // What is stored is nobody else's business, whatever the umask of whoever starts the server.
+  ::umask(S_IRWXG | S_IRWXO);
+  if (argc > 1 && isAccountCommand(argv[1])) return runAccountCommand(argc, argv);
   CLI::App app("corvaned, a full-text search server");
   Options options;
   declareOptions(app, options);
@@ -218,10 +273,14 @@ int main(int argc, char** argv) {
   }
   try {
     startLog(options.logLevel);
+    requireAccessControl(options);
     loadFaults(options);
     settle(options);
     serve(options);
     return 0;
+  } catch (const UsageError& error) {
+    std::cerr << "corvaned: " << error.what() << "\n";
+    return 2;
   } catch (const FaultScriptError& error) {
     std::cerr << "corvaned: --fault: " << error.what() << "\n";
     return 2;

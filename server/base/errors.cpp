@@ -42,6 +42,10 @@ std::string_view messageId(ErrorKind kind) {
       return "ZVK0020E";
     case ErrorKind::TimedOut:
       return "ZVK0021E";
+    case ErrorKind::Unauthorized:
+      return "ZVK0022E";
+    case ErrorKind::Forbidden:
+      return "ZVK0023E";
     case ErrorKind::Internal:
       break;
   }

@@ -28,6 +28,8 @@ enum class ErrorKind {
   OutOfMemory,
   Cancelled,
   TimedOut,
+  Unauthorized,
+  Forbidden,
   Internal,
 };
 

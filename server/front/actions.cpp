@@ -21,15 +21,9 @@ std::string require(const Request& request, const std::string& name) {
   return std::string(value);
 }
 
-bool namesCollection(const Request& request) {
-  return !request.header(words().collection).empty() ||
-         !request.header(words().collectionName).empty();
-}
-
 std::string collectionOf(const Request& request) {
-  const std::string_view other = request.header(words().collectionName);
-  if (request.header(words().collection).empty() && !other.empty()) return std::string(other);
-  return require(request, words().collection);
+  const std::string_view name = collectionNamedBy(request);
+  return name.empty() ? require(request, words().collection) : std::string(name);
 }
 
 void readNumber(const Request& request, const std::string& name, std::uint64_t& value) {
@@ -149,7 +143,7 @@ Reply parseResult(const Service& service, Request& request) {
 
 // A collection that cannot be opened has a status, too.
 Reply status(const Service& service, Request& request) {
-  if (!namesCollection(request)) return StatusReply{};
+  if (collectionNamedBy(request).empty()) return StatusReply{};
   try {
     const CollectionState state = service.store.state(collectionOf(request));
     return StatusReply{state == CollectionState::Current ? 0U : 1U, {}};
@@ -172,28 +166,35 @@ constexpr auto kNever = Action::Answer::Never;
 // The client library's vocabulary has no action names; this table is their only place in the
 // server.
 constexpr std::array<Action, 19> kActions{{
-    {"createCollection", Workload::Write, kAlways, createCollection},
-    {"openCollection", Workload::Read, kAlways, onCollection<&Store::openCollection>},
-    {"closeCollection", Workload::Write, kAlways, onCollection<&Store::closeCollection>},
-    {"deleteCollection", Workload::Index, kAlways, onCollection<&Store::deleteCollection>},
-    {"addDocument", Workload::Write, kAlways, addDocument},
-    {"asyncAddDocument", Workload::Write, kNever, queueDocument},
-    {"deleteDocument", Workload::Write, kAlways, deleteDocument},
-    {"updateIndex", Workload::Index, kAlways, onCollection<&Store::updateIndex>},
-    {"search", Workload::Read, kAlways, search},
-    {"selectivity", Workload::Read, kAlways, selectivity},
-    {"getParseResult", Workload::Write, kAlways, parseResult},
-    {"getStatus", Workload::Status, kAlways, status},
-    {"getServerVersion", Workload::Status, kAlways, version},
-    {"backup", Workload::Status, kAlways, notSupported},
-    {"restore", Workload::Status, kAlways, notSupported},
-    {"takeover", Workload::Status, kAlways, notSupported},
-    {"shutdown", Workload::Status, kAlways, notSupported},
-    {"setConstructorConfiguration", Workload::Status, kAlways, notSupported},
-    {"versionsValidation", Workload::Status, kAlways, notSupported},
+    {"createCollection", Workload::Write, kAlways, Right::Admin, createCollection},
+    {"openCollection", Workload::Read, kAlways, Right::Read, onCollection<&Store::openCollection>},
+    {"closeCollection", Workload::Write, kAlways, Right::Read,
+     onCollection<&Store::closeCollection>},
+    {"deleteCollection", Workload::Index, kAlways, Right::Admin,
+     onCollection<&Store::deleteCollection>},
+    {"addDocument", Workload::Write, kAlways, Right::Write, addDocument},
+    {"asyncAddDocument", Workload::Write, kNever, Right::Write, queueDocument},
+    {"deleteDocument", Workload::Write, kAlways, Right::Write, deleteDocument},
+    {"updateIndex", Workload::Index, kAlways, Right::Write, onCollection<&Store::updateIndex>},
+    {"search", Workload::Read, kAlways, Right::Read, search},
+    {"selectivity", Workload::Read, kAlways, Right::Read, selectivity},
+    {"getParseResult", Workload::Write, kAlways, Right::Write, parseResult},
+    {"getStatus", Workload::Status, kAlways, Right::Read, status},
+    {"getServerVersion", Workload::Status, kAlways, Right::Read, version},
+    {"backup", Workload::Status, kAlways, Right::Admin, notSupported},
+    {"restore", Workload::Status, kAlways, Right::Admin, notSupported},
+    {"takeover", Workload::Status, kAlways, Right::Admin, notSupported},
+    {"shutdown", Workload::Status, kAlways, Right::Admin, notSupported},
+    {"setConstructorConfiguration", Workload::Status, kAlways, Right::Admin, notSupported},
+    {"versionsValidation", Workload::Status, kAlways, Right::Read, notSupported},
 }};
 
 }  // namespace
+
+std::string_view collectionNamedBy(const Request& request) {
+  const std::string_view name = request.header(words().collection);
+  return name.empty() ? request.header(words().collectionName) : name;
+}
 
 const Action* findAction(std::string_view name) {
   for (const Action& action : kActions) {

@@ -3,6 +3,7 @@
 #include <string>
 #include <string_view>
 
+#include "server/access/accessControl.h"
 #include "server/front/reply.h"
 #include "server/front/request.h"
 #include "server/store/store.h"
@@ -27,6 +28,8 @@ struct Action {
   std::string_view name;
   Workload workload;
   Answer answer;
+  /// What whoever asks for it must be allowed to do with the collection.
+  Right needs;
   /// Throws ServerError if it refuses the request. May consume the request's content.
   Reply (*serve)(const Service& service, Request& request);
 };
@@ -34,5 +37,8 @@ struct Action {
 /// The action of that name, or null. Includes the actions that the server knows but does not
 /// support.
 const Action* findAction(std::string_view name);
+
+/// The collection that a request names, empty if it names none.
+std::string_view collectionNamedBy(const Request& request);
 
 }  // namespace corvaned

@@ -16,6 +16,7 @@ constexpr std::uint16_t kSuccess = 1;
 constexpr std::uint16_t kWithScore = 5;
 constexpr std::uint16_t kStatusOne = 5;
 constexpr std::uint16_t kError = 6;
+constexpr std::uint16_t kUnauthorized = 401;
 
 constexpr std::size_t kMaxPayload = 65535;
 
@@ -118,6 +119,10 @@ struct BinaryForm {
   std::unique_ptr<ReplyEncoder> operator()(DoneReply) const { return wholeReply(header(kSuccess)); }
   std::unique_ptr<ReplyEncoder> operator()(const ErrorReply& reply) const {
     return wholeReply(errorReply(reply));
+  }
+  // The protocol has no room for a reason.
+  std::unique_ptr<ReplyEncoder> operator()(const UnauthorizedReply&) const {
+    return wholeReply(header(kUnauthorized));
   }
   std::unique_ptr<ReplyEncoder> operator()(HitsReply&& reply) const {
     return std::make_unique<BinaryHits>(std::move(reply));

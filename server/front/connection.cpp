@@ -131,6 +131,7 @@ void ConnectionContext::joinWorkers() {
   writers_.join();
   indexers_.join();
   informers_.join();
+  gatekeeper_.join();
 }
 
 Connection::Connection(Socket socket, Framing framing, ConnectionContext& context)
@@ -311,7 +312,7 @@ void Connection::proceed() {
                                "--max-memory"));
   }
   try {
-    if (decoder_.keptBack() && !queued_) return awaitMemory();
+    if (decoder_.keptBack() && !queued_) return awaitAdmission();
     if (queued_ || decoder_.ready()) return serve(nextWorkload());
   } catch (const FramingError& error) {
     return refuse(error);
@@ -382,6 +383,7 @@ Connection::State Connection::answerRow(Workload workload) {
 
 // Runs on the worker that decodes the header block.
 Admission::Verdict Connection::admit(const Request& request, std::uint64_t contentBytes) {
+  if (!admitIdentity(request)) return Verdict::Wait;
   neededBytes_ = bytesFor(request, contentBytes);
   const MemoryBudget::Use use = useOf(neededBytes_);
   if (!context_.memory().canEverFit(neededBytes_, use)) {
@@ -394,26 +396,77 @@ Admission::Verdict Connection::admit(const Request& request, std::uint64_t conte
   return requestMemory_.resize(neededBytes_, use) ? Verdict::Take : Verdict::Wait;
 }
 
-void Connection::awaitMemory() {
+// False if it has to be checked first.
+bool Connection::admitIdentity(const Request& request) {
+  AccessControl* access = context_.options().access.get();
+  if (!access) return true;
+  const std::string_view authorization = request.header(words().authorization);
+  const auto identity = access->remembered(authorization);
+  if (!identity) {
+    unchecked_ = authorization;
+    return false;
+  }
+  if (!*identity) {
+    throw ServerError(ErrorKind::Unauthorized,
+                      authorization.empty()
+                          ? "the server asks who you are; send \"Authorization\""
+                          : "the name and the password or token do not belong together");
+  }
+  Dispatcher::permit(request, **identity);
+  return true;
+}
+
+void Connection::awaitAdmission() {
   state_ = State::Waiting;
+  if (unchecked_.empty()) return awaitMemory();
+  checkIdentity();
+}
+
+void Connection::checkIdentity() {
+  stopTimer();
+  asio::post(context_.gatekeeper(),
+             [self = shared_from_this(), unchecked = std::exchange(unchecked_, {})] {
+               bool checked = true;
+               try {
+                 self->context_.options().access->check(unchecked);
+               } catch (const std::exception& error) {
+                 spdlog::error("a password cannot be checked: {}", error.what());
+                 checked = false;
+               }
+               asio::post(self->socket_.get_executor(), [self, checked] {
+                 self->guarded([&] { self->identityChecked(checked); });
+               });
+             });
+}
+
+void Connection::identityChecked(bool checked) {
+  if (state_ != State::Waiting) return;
+  if (checked) return serve(nextWorkload());
+  decoder_.refuse(ServerError(ErrorKind::TryAgain,
+                              "the server cannot check passwords at the moment; try again"));
+  proceed();
+}
+
+void Connection::awaitMemory() {
   startTimer(context_.options().memoryTimeout, &Connection::memoryRefused);
   memoryTicket_ = context_.memory().await(
-      neededBytes_,
-      [weak = weak_from_this(), executor = socket_.get_executor()](MemoryBudget::Share share) {
-        asio::post(executor, [weak, share = std::move(share)]() mutable {
+      neededBytes_, [weak = weak_from_this(), wait = ++memoryWait_,
+                     executor = socket_.get_executor()](MemoryBudget::Share share) {
+        asio::post(executor, [weak, wait, share = std::move(share)]() mutable {
           const auto self = weak.lock();
-          if (self) self->guarded([&] { self->memoryGranted(std::move(share)); });
+          if (self) self->guarded([&] { self->memoryGranted(wait, std::move(share)); });
         });
       });
 }
 
-void Connection::memoryGranted(MemoryBudget::Share share) {
-  if (state_ != State::Waiting) return;
+void Connection::memoryGranted(std::uint64_t wait, MemoryBudget::Share share) {
+  if (state_ != State::Waiting || wait != memoryWait_) return;
   requestMemory_ = std::move(share);
   serve(nextWorkload());
 }
 
 void Connection::memoryRefused() {
+  ++memoryWait_;
   context_.memory().withdraw(memoryTicket_);
   decoder_.refuse(ServerError(
       ErrorKind::TryAgain, fmt::format("the request needs {} MiB of memory, which other requests "

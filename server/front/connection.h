@@ -36,6 +36,8 @@ class ConnectionContext {
   Dispatcher& dispatcher() { return dispatcher_; }
   const ServerOptions& options() const { return options_; }
   asio::thread_pool& workers(Workload workload);
+  /// Where passwords are checked, one at a time: wrong ones must not keep others from being served.
+  asio::thread_pool& gatekeeper() { return gatekeeper_; }
   std::unique_ptr<Outlet> outlet(ClientSocket& socket, Framing framing);
   bool stopping() const { return stopping_; }
 
@@ -62,6 +64,7 @@ class ConnectionContext {
   asio::thread_pool writers_;
   asio::thread_pool indexers_;
   asio::thread_pool informers_;
+  asio::thread_pool gatekeeper_{1};
   std::atomic<bool> stopping_ = false;
 
   std::mutex mutex_;
@@ -100,7 +103,7 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
   enum class State {
     /// Waiting for a request, or for the rest of one.
     Listening,
-    /// Waiting for the memory that the next request needs.
+    /// Waiting for the memory that the next request needs, or for its password to be checked.
     Waiting,
     /// A worker is serving a request, or its reply is being written.
     Serving,
@@ -143,8 +146,12 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
 
   void setSocketOptions();
   Verdict admit(const Request& request, std::uint64_t contentBytes) override;
+  bool admitIdentity(const Request& request);
+  void awaitAdmission();
+  void checkIdentity();
+  void identityChecked(bool checked);
   void awaitMemory();
-  void memoryGranted(MemoryBudget::Share share);
+  void memoryGranted(std::uint64_t wait, MemoryBudget::Share share);
   void memoryRefused();
 
   void startTimer(std::chrono::milliseconds timeout, void (Connection::*passed)());
@@ -183,6 +190,10 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
   // What the request that waits for memory needs, and its place among those who wait.
   std::size_t neededBytes_ = 0;
   MemoryBudget::Ticket memoryTicket_ = 0;
+  // Tells the present wait for memory from earlier ones, whose grants may still be on their way.
+  std::uint64_t memoryWait_ = 0;
+  // What has to be checked before the next request is admitted.
+  std::string unchecked_;
 
   // Tells the timer's current run from earlier ones, whose handlers may still be on their way.
   std::uint64_t timerRun_ = 0;

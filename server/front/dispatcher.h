@@ -16,6 +16,9 @@ class Dispatcher {
 
   static Workload workload(std::string_view action);
 
+  /// Throws ServerError(Forbidden) if this identity may not ask for this.
+  static void permit(const Request& request, const Identity& identity);
+
   /// Never throws: a failure becomes an ErrorReply, or a line in the log when the request asks for
   /// no reply. Consumes the request's content.
   Reply handle(Request request);

@@ -137,6 +137,10 @@ struct HttpForm {
     return wholeReply(oneRecordReply("500 Internal Server Error",
                                      messageFields(appendField, reply.id, reply.text)));
   }
+  std::unique_ptr<ReplyEncoder> operator()(const UnauthorizedReply& reply) const {
+    return wholeReply(oneRecordReply(
+        "401 Unauthorized", messageFields(appendField, reply.reason.id, reply.reason.text)));
+  }
   std::unique_ptr<ReplyEncoder> operator()(HitsReply&& reply) const {
     return std::make_unique<HttpHits>(std::move(reply));
   }

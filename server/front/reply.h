@@ -18,6 +18,10 @@ struct ErrorReply {
   std::string id;
   std::string text;
 };
+/// Nobody may ask without saying who they are.
+struct UnauthorizedReply {
+  ErrorReply reason;
+};
 struct HitsReply {
   std::unique_ptr<HitSource> hits;
   bool withScore = false;
@@ -40,6 +44,6 @@ struct TextReply {
 
 /// The reply to a request, independent of the protocol.
 using Reply = std::variant<NoReply, DoneReply, ErrorReply, HitsReply, OutcomesReply, EstimateReply,
-                           StatusReply, TextReply>;
+                           StatusReply, TextReply, UnauthorizedReply>;
 
 }  // namespace corvaned

@@ -44,7 +44,10 @@ void addLine(Request& request, std::string_view line) {
   if (separator != std::string_view::npos) {
     addHeader(request, line.substr(0, separator), line.substr(separator + kSeparator.size()));
   } else if (request.defect.empty()) {
-    request.defect = "the header line " + shown(line) + " has no \": \"";
+    // A header that holds a password must not come out in an error or in the log.
+    const bool secret = line.starts_with(words().authorization);
+    request.defect =
+        "the header line " + (secret ? words().authorization : shown(line)) + " has no \": \"";
   }
 }
 

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "server/access/accessControl.h"
 #include "server/base/memoryBudget.h"
 #include "server/front/requestDecoder.h"
 
@@ -24,6 +25,8 @@ struct ServerOptions {
   DecoderLimits limits;
   /// What requests and replies take their memory from. None: without a limit.
   std::shared_ptr<MemoryBudget> memory;
+  /// Who may do what. None: everybody may do everything.
+  std::shared_ptr<AccessControl> access;
   /// How long a request waits for memory before it is refused.
   std::chrono::milliseconds memoryTimeout{5000};
   /// Maximum number of connections; further ones are told so and closed.

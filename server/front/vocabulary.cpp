@@ -17,6 +17,7 @@ std::string utf8(const icu::UnicodeString& text) {
 Words makeWords() {
   Words words;
   words.action = utf8(Defs::PARAM_ACTION);
+  words.authorization = utf8(Defs::PARAM_AUTHENTICATION);
   words.collection = utf8(Defs::PARAM_COLLECTION_ID);
   words.collectionName = utf8(Defs::PARAM_COLLECTION_NAME);
   words.contentLength = utf8(Defs::HTTP_CONTENT_LEN);
@@ -52,8 +53,8 @@ const Words& words() {
 bool isHeaderName(std::string_view name) {
   const Words& w = words();
   for (const std::string* word :
-       {&w.action, &w.collection, &w.collectionName, &w.contentLength, &w.query, &w.mode, &w.start,
-        &w.size, &w.resultLimit, &w.scoreWanted, &w.scoreType, &w.language}) {
+       {&w.action, &w.authorization, &w.collection, &w.collectionName, &w.contentLength, &w.query,
+        &w.mode, &w.start, &w.size, &w.resultLimit, &w.scoreWanted, &w.scoreType, &w.language}) {
     if (name == *word) return true;
   }
   return false;

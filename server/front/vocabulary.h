@@ -9,8 +9,8 @@ namespace corvaned {
 /// server cannot spell them differently.
 struct Words {
   // Header names.
-  std::string action, collection, collectionName, contentLength, query, mode, start, size,
-      resultLimit, scoreWanted, scoreType, language;
+  std::string action, authorization, collection, collectionName, contentLength, query, mode, start,
+      size, resultLimit, scoreWanted, scoreType, language;
   // Values.
   std::string modeScalar, modeStreaming, yes, no, defaultLanguage;
   // Tags of a document block and names of record fields.

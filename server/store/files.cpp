@@ -20,8 +20,8 @@ void throwSystemError(const std::string& what, const std::filesystem::path& path
 }
 
 FileHandle openFile(const std::filesystem::path& path, int flags) {
-  constexpr mode_t kOwnerAndGroup = 0640;
-  FileHandle file(::open(path.c_str(), flags | O_CLOEXEC, kOwnerAndGroup));
+  constexpr mode_t kOwner = 0600;
+  FileHandle file(::open(path.c_str(), flags | O_CLOEXEC, kOwner));
   if (file.get() < 0) throwSystemError("cannot open", path);
   return file;
 }

@@ -55,6 +55,8 @@ commands() {
 # be; what the programs print names the document's ports.
 cat >"$work/programs" <<'EOF'
 corvaned() {
+  # These start no server.
+  case $1 in user | token) "$bin/corvaned" "$@"; return ;; esac
   local argument arguments=() lines
   for argument in "$@"; do
     case $argument in

@@ -2,9 +2,11 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/server/rawClient.h"
@@ -119,6 +121,81 @@ TEST_F(ProcessTest, FaultScriptOfTheCommandLineIsCarriedOut) {
   RawClient client(portOf(program.line()));
   client.send(binaryRequest({{"action", "getStatus"}}));
   EXPECT_EQ(client.receiveAll(), std::string("\0", 1));
+}
+
+/// The output of one run that ends by itself, and its exit code.
+std::pair<std::string, int> outcomeOf(const std::vector<std::string>& arguments) {
+  CorvanedProgram program(arguments);
+  std::string output = program.rest();
+  return {output, program.wait()};
+}
+
+TEST_F(ProcessTest, ServerForOtherMachinesNeedsToKnowWhoMayDoWhat) {
+  for (const char* address : {"0.0.0.0", "::"}) {
+    const auto [output, code] =
+        outcomeOf({"--http-port", "0", "--data", data_, "--listen", address});
+    EXPECT_EQ(code, 2);
+    EXPECT_THAT(output, AllOf(HasSubstr("--users"), HasSubstr("--open-to-everybody")));
+  }
+  EXPECT_FALSE(std::filesystem::exists(data_));
+}
+
+TEST_F(ProcessTest, WhatIsStoredIsClosedToOthers) {
+  std::filesystem::create_directory(data_);
+  std::filesystem::permissions(data_, std::filesystem::perms::all);
+  CorvanedProgram program(arguments());
+  RawClient client(portOf(program.line()));
+  client.send(binaryRequest({{"action", "createCollection"}, {"index", "c"}}) +
+              binaryRequest({{"action", "addDocument"}, {"index", "c"}},
+                            test::documentBlock("k", {}, "x")) +
+              binaryRequest({{"action", "updateIndex"}, {"index", "c"}}));
+  EXPECT_EQ(client.receive(6), std::string("\0\1\0\1\0\1", 6));
+  using std::filesystem::perms;
+  EXPECT_EQ(std::filesystem::status(data_).permissions(), perms::owner_all);
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(data_)) {
+    EXPECT_EQ(entry.status().permissions() & (perms::group_all | perms::others_all), perms::none)
+        << entry.path();
+  }
+}
+
+TEST_F(ProcessTest, TokenIsMadeReadAgainOnSignalAndTakenAway) {
+  const std::string users = (directory_.path() / "users").string();
+  const auto put = [&] {
+    const auto [output, code] = outcomeOf({"token", "t", "--users", users, "--allow", "admin:*"});
+    EXPECT_EQ(code, 0) << output;
+    return "Bearer " + output.substr(0, output.size() - 1);
+  };
+  const std::string first = put();
+  std::vector<std::string> words = arguments();
+  words.back() = "info";
+  words.insert(words.end(), {"--users", users});
+  CorvanedProgram program(words);
+  std::string line = program.line();
+  while (!line.starts_with("listening")) line = program.line();
+  RawClient client(portOf(line));
+  const auto ask = [&](const std::string& who) {
+    client.send(binaryRequest({{"action", "getStatus"}, {"Authorization", who}}));
+    return client.receive(2);
+  };
+  EXPECT_EQ(ask(first), std::string("\0\1", 2));
+  const std::string second = put();
+  program.signal(SIGHUP);
+  while (line.find("again") == std::string::npos) line = program.line();
+  EXPECT_EQ(ask(first), std::string("\1\x91", 2));
+  EXPECT_EQ(ask(second), std::string("\0\1", 2));
+  program.signal(SIGTERM);
+  const std::string log = program.rest();
+  EXPECT_EQ(log.find(first.substr(9)), std::string::npos);
+  EXPECT_EQ(program.wait(), 0);
+}
+
+TEST_F(ProcessTest, AccountsThatCannotBePutAreExplained) {
+  const std::string users = (directory_.path() / "users").string();
+  EXPECT_EQ(outcomeOf({"token", "a b", "--users", users}).second, 1);
+  EXPECT_EQ(outcomeOf({"token", "t", "--users", users, "--allow", "own:*"}).second, 1);
+  EXPECT_EQ(outcomeOf({"token", "t"}).second, 2);
+  EXPECT_EQ(outcomeOf({"user", "t", "--users", users, "--password-fd", "99"}).second, 1);
+  EXPECT_FALSE(std::filesystem::exists(users));
 }
 
 }  // namespace

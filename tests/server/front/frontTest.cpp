@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <mutex>
@@ -16,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "server/access/accessControl.h"
 #include "server/base/errors.h"
 #include "server/base/requestContext.h"
 #include "server/front/outlet.h"
@@ -733,6 +735,101 @@ TEST_F(FrugalFrontTest, QueuedDocumentWithoutMemoryIsAmongTheOutcomes) {
                           documentBlock("k", {}, std::string(2 * kMiB, 'x'))));
   EXPECT_THAT(httpAsk(client, {{"action", "getParseResult"}, {"index", "c"}}),
               AllOf(HasSubstr("ZVK0002E"), HasSubstr("--max-memory")));
+}
+
+/// Two who may do different things, and a collection each of them may see.
+class GuardedFrontTest : public FrontTest {
+ protected:
+  GuardedFrontTest() {
+    putAccount(users_, false, "ada", "pass", {{Right::Admin, "*"}});
+    putAccount(users_, true, "reader", "secret", {{Right::Read, "books-*"}});
+    options_.access = std::make_shared<AccessControl>(users_);
+    store_.createCollection("books-a", "en");
+    store_.createCollection("films", "en");
+  }
+
+  static Headers as(const std::string& who, Headers headers) {
+    headers.try_emplace("Authorization", who);
+    return headers;
+  }
+
+  const std::string ada_ = "Basic YWRhOnBhc3M=";
+  const std::string reader_ = "Bearer reader.secret";
+  const std::string unauthorized_ = std::string("\1\x91", 2);
+  std::filesystem::path users_ = directory_.path() / "users";
+};
+
+TEST_F(GuardedFrontTest, NobodyIsServedWithoutSayingWhoItIs) {
+  const std::vector<Headers> requests{
+      {{"action", "getServerVersion"}},
+      {{"action", "getStatus"}},
+      {{"action", "nonsense"}},
+      as("Basic YWRhOndyb25n", {{"action", "getStatus"}}),
+      as("Bearer reader.wrong", {{"action", "search"}, {"index", "books-a"}, {"query", "x"}}),
+      as("rubbish", {{"action", "deleteCollection"}, {"index", "films"}})};
+  RawClient http(http_);
+  RawClient binary(binary_);
+  for (const Headers& headers : requests) {
+    EXPECT_THAT(httpAsk(http, headers), AllOf(StartsWith("HTTP/1.1 401 "), HasSubstr("ZVK0022E")));
+    EXPECT_EQ(binaryAsk(binary, 2, headers), unauthorized_);
+  }
+  EXPECT_EQ(httpAsk(http, as(ada_, {{"action", "openCollection"}, {"index", "films"}})), kDone);
+  EXPECT_EQ(binaryAsk(binary, 2, as(reader_, {{"action", "getStatus"}})), kSuccess);
+}
+
+TEST_F(GuardedFrontTest, ContentOfARefusedRequestIsDiscardedAndTheConnectionGoesOn) {
+  const Headers headers{{"action", "addDocument"}, {"index", "films"}};
+  const std::string large = documentBlock("k", {}, std::string(1000000, 'x'));
+  RawClient http(http_);
+  EXPECT_THAT(httpAsk(http, headers, large), StartsWith("HTTP/1.1 401 "));
+  EXPECT_EQ(httpAsk(http, as(ada_, headers), large), kDone);
+  RawClient binary(binary_);
+  EXPECT_EQ(binaryAsk(binary, 2, headers, large), unauthorized_);
+  EXPECT_EQ(binaryAsk(binary, 2, as(ada_, headers), large), kSuccess);
+}
+
+TEST_F(GuardedFrontTest, RightsHoldForTheCollectionsOfTheirPattern) {
+  RawClient client(http_);
+  const auto ask = [&](const char* action, const char* collection, const std::string& body = {}) {
+    return httpAsk(client, as(reader_, {{"action", action}, {"index", collection}, {"query", "x"}}),
+                   body);
+  };
+  EXPECT_THAT(ask("search", "books-a"), StartsWith(kDone));
+  EXPECT_THAT(ask("selectivity", "books-a"), StartsWith(kDone));
+  EXPECT_THAT(ask("getStatus", "books-a"), EndsWith("0"));
+  for (const char* action : {"addDocument", "deleteDocument", "updateIndex", "getParseResult",
+                             "createCollection", "deleteCollection"}) {
+    EXPECT_THAT(ask(action, "books-a", kDocument),
+                AllOf(HasSubstr("ZVK0023E"), HasSubstr("reader"), HasSubstr(action)));
+  }
+  for (const char* action : {"search", "getStatus", "openCollection", "closeCollection"}) {
+    EXPECT_THAT(ask(action, "films"), AllOf(HasSubstr("ZVK0023E"), HasSubstr("films"))) << action;
+  }
+  EXPECT_THAT(httpAsk(client, as(reader_, {{"action", "shutdown"}})), HasSubstr("ZVK0023E"));
+  EXPECT_THAT(
+      httpAsk(client,
+              as(reader_, {{"action", "search"}, {"collectionName", "films"}, {"query", "x"}})),
+      HasSubstr("ZVK0023E"));
+}
+
+TEST_F(GuardedFrontTest, QueuedDocumentOfAStrangerIsDroppedWithoutAReply) {
+  for (const Headers& who :
+       {Headers{}, Headers{{"Authorization", reader_}}, Headers{{"Authorization", "Basic x"}}}) {
+    Headers queue{{"action", "asyncAddDocument"}, {"index", "films"}};
+    queue.insert(who.begin(), who.end());
+    RawClient client(http_);
+    client.send(httpRequest(queue, kDocument));
+    EXPECT_THAT(httpAsk(client, as(ada_, {{"action", "getStatus"}, {"index", "films"}})),
+                EndsWith("0"));
+    EXPECT_THAT(httpAsk(client, as(ada_, {{"action", "getParseResult"}, {"index", "films"}})),
+                Not(HasSubstr("Doc")));
+  }
+}
+
+TEST_F(GuardedFrontTest, MalformedHeaderDoesNotRepeatASecret) {
+  RawClient client(http_);
+  EXPECT_TRUE(client.send("action: getStatus\nAuthorization:Basic c2VjcmV0\n\r\n"));
+  EXPECT_THAT(client.receiveHttp(), Not(HasSubstr("c2VjcmV0")));
 }
 
 TEST(Server, AddressThatCannotBeHadIsNamed) {

@@ -1,0 +1,327 @@
+#include "server/access/accessControl.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sodium.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+namespace corvaned {
+namespace {
+
+// Argon2id: three passes over 16 MiB. More memory would be a lever for whoever sends wrong
+// passwords; they are checked one at a time.
+constexpr unsigned long long kHashPasses = 3;
+constexpr std::size_t kHashMemory = std::size_t{16} << 20U;
+constexpr std::size_t kSecretBytes = 32;
+// How many answers are remembered. Wrong guesses must not take all memory.
+constexpr std::size_t kMaxRemembered = 10000;
+constexpr std::size_t kMaxAuthorization = 4096;
+
+void startSodium() {
+  if (sodium_init() < 0) throw std::runtime_error("the cryptographic library does not start");
+}
+
+bool isAccountName(std::string_view name) {
+  return !name.empty() && name.size() <= 64 && std::all_of(name.begin(), name.end(), [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+           c == '-' || c == '@';
+  });
+}
+
+// Each "*" of the pattern stands for any text, the empty one included.
+bool matches(std::string_view pattern, std::string_view name) {
+  const std::size_t star = pattern.find('*');
+  if (star == std::string_view::npos) return pattern == name;
+  if (!name.starts_with(pattern.substr(0, star))) return false;
+  name.remove_prefix(star);
+  pattern.remove_prefix(star + 1);
+  for (;; name.remove_prefix(1)) {
+    if (matches(pattern, name)) return true;
+    if (name.empty()) return false;
+  }
+}
+
+bool isCorrect(const std::string& hash, std::string_view secret) {
+  return crypto_pwhash_str_verify(hash.c_str(), secret.data(), secret.size()) == 0;
+}
+
+// A name that nobody has must take as long to refuse as a wrong password.
+const std::string& hashOfNobody() {
+  static const std::string hash = hashOf(freshSecret());
+  return hash;
+}
+
+struct Claim {
+  bool token = false;
+  std::string name;
+  std::string secret;
+};
+
+std::optional<Claim> split(std::string_view text, char separator, bool token) {
+  const std::size_t at = text.find(separator);
+  if (at == std::string_view::npos) return std::nullopt;
+  return Claim{token, std::string(text.substr(0, at)), std::string(text.substr(at + 1))};
+}
+
+std::optional<std::string> decoded(std::string_view base64) {
+  std::string bytes(base64.size(), '\0');
+  std::size_t size = 0;
+  const int failed =
+      sodium_base642bin(reinterpret_cast<unsigned char*>(bytes.data()), bytes.size(), base64.data(),
+                        base64.size(), nullptr, &size, nullptr, sodium_base64_VARIANT_ORIGINAL);
+  if (failed != 0) return std::nullopt;
+  bytes.resize(size);
+  return bytes;
+}
+
+std::optional<Claim> claimOf(std::string_view authorization) {
+  constexpr std::string_view basic = "Basic ";
+  constexpr std::string_view bearer = "Bearer ";
+  if (authorization.size() > kMaxAuthorization) return std::nullopt;
+  if (authorization.starts_with(bearer)) {
+    return split(authorization.substr(bearer.size()), '.', true);
+  }
+  if (!authorization.starts_with(basic)) return std::nullopt;
+  const auto text = decoded(authorization.substr(basic.size()));
+  return text ? split(*text, ':', false) : std::nullopt;
+}
+
+[[noreturn]] void failOn(const std::filesystem::path& file, const std::string& what) {
+  throw std::runtime_error(file.string() + ": " + what);
+}
+
+std::ifstream openPrivate(const std::filesystem::path& file) {
+  struct stat facts {};
+  if (::stat(file.c_str(), &facts) != 0) {
+    failOn(file, std::generic_category().message(errno));
+  }
+  if ((facts.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+    failOn(file, "others than its owner can read or change this file of users; \"chmod 600\" it");
+  }
+  std::ifstream stream(file);
+  if (!stream) failOn(file, "the file of users cannot be read");
+  return stream;
+}
+
+// Renamed into place, so that the file is never half written and never readable by others.
+void replaceFile(const std::filesystem::path& file, const std::string& text) {
+  const std::filesystem::path passing = file.string() + ".new";
+  const int descriptor =
+      ::open(passing.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR);
+  const bool written =
+      descriptor >= 0 &&
+      ::write(descriptor, text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+      ::fsync(descriptor) == 0;
+  const int reason = errno;
+  if (descriptor >= 0) ::close(descriptor);
+  if (!written) failOn(passing, std::generic_category().message(reason));
+  std::filesystem::rename(passing, file);
+}
+
+/// One line of the file, taken apart.
+struct Line {
+  std::string kind, name, third, fourth;
+
+  explicit Line(std::string text) {
+    text = text.substr(0, text.find('#'));
+    std::istringstream words(text);
+    std::string fifth;
+    words >> kind >> name >> third >> fourth >> fifth;
+    tooLong = !fifth.empty();
+  }
+  bool blank() const { return kind.empty(); }
+  bool account() const { return (kind == "user" || kind == "token") && fourth.empty(); }
+  bool grant() const { return kind == "allow" && !fourth.empty(); }
+  bool wellFormed() const { return !tooLong && !third.empty() && (account() || grant()); }
+
+  bool tooLong = false;
+};
+
+/// The lines of the file as far as they are read.
+struct Draft {
+  struct Account {
+    bool token = false;
+    std::string hash;
+  };
+  std::map<std::string, Account, std::less<>> accounts;
+  std::map<std::string, std::vector<Identity::Grant>, std::less<>> grants;
+
+  // What is wrong with the line; empty if nothing is.
+  std::string take(const Line& line) {
+    if (!line.wellFormed()) {
+      return "expected \"user NAME HASH\", \"token NAME HASH\" or \"allow NAME RIGHT PATTERN\"";
+    }
+    if (!isAccountName(line.name)) return "a name has letters, digits, \"_\", \"-\" and \"@\"";
+    if (line.account()) {
+      const Account account{line.kind == "token", line.third};
+      return accounts.emplace(line.name, account).second ? "" : "the name stands here twice";
+    }
+    const auto right = rightNamed(line.third);
+    if (!right) return "the right must be \"read\", \"write\" or \"admin\"";
+    grants[line.name].push_back({*right, line.fourth});
+    return {};
+  }
+};
+
+const char* nameOf(Right right) {
+  switch (right) {
+    case Right::Read:
+      return "read";
+    case Right::Write:
+      return "write";
+    case Right::Admin:
+      break;
+  }
+  return "admin";
+}
+
+}  // namespace
+
+std::optional<Right> rightNamed(std::string_view name) {
+  for (const Right right : {Right::Read, Right::Write, Right::Admin}) {
+    if (name == nameOf(right)) return right;
+  }
+  return std::nullopt;
+}
+
+bool Identity::may(Right right, std::optional<std::string_view> collection) const {
+  return std::any_of(grants_.begin(), grants_.end(), [&](const Grant& grant) {
+    if (grant.right < right) return false;
+    return collection ? matches(grant.pattern, *collection) : grant.pattern == "*";
+  });
+}
+
+std::string hashOf(std::string_view secret) {
+  startSodium();
+  std::array<char, crypto_pwhash_STRBYTES> hash{};
+  if (crypto_pwhash_str(hash.data(), secret.data(), secret.size(), kHashPasses, kHashMemory) != 0) {
+    throw std::runtime_error("there is not enough memory to hash a password");
+  }
+  return hash.data();
+}
+
+std::string freshSecret() {
+  startSodium();
+  std::array<unsigned char, kSecretBytes> bytes{};
+  randombytes_buf(bytes.data(), bytes.size());
+  constexpr int variant = sodium_base64_VARIANT_URLSAFE_NO_PADDING;
+  std::string text(sodium_base64_ENCODED_LEN(kSecretBytes, variant), '\0');
+  sodium_bin2base64(text.data(), text.size(), bytes.data(), bytes.size(), variant);
+  // The length counts the zero at the end.
+  text.pop_back();
+  return text;
+}
+
+AccessControl::AccessControl(std::filesystem::path file) : file_(std::move(file)) {
+  startSodium();
+  randombytes_buf(key_.data(), key_.size());
+  hashOfNobody();
+  reload();
+}
+
+void AccessControl::reload() {
+  auto accounts = std::make_shared<const Accounts>(read(file_));
+  const std::lock_guard lock(mutex_);
+  accounts_ = std::move(accounts);
+  remembered_.clear();
+}
+
+AccessControl::Accounts AccessControl::read(const std::filesystem::path& file) {
+  std::ifstream stream = openPrivate(file);
+  Draft draft;
+  std::size_t number = 0;
+  for (std::string text; std::getline(stream, text);) {
+    ++number;
+    const Line line(text);
+    if (line.blank()) continue;
+    const std::string wrong = draft.take(line);
+    if (!wrong.empty()) failOn(file, fmt::format("line {}: {}", number, wrong));
+  }
+  Accounts accounts;
+  for (const auto& [name, account] : draft.accounts) {
+    accounts[name] = {account.token, account.hash,
+                      std::make_shared<const Identity>(name, draft.grants[name])};
+  }
+  for (const auto& [name, grants] : draft.grants) {
+    if (!accounts.contains(name)) failOn(file, "\"allow " + name + "\" names no account");
+  }
+  return accounts;
+}
+
+std::optional<std::shared_ptr<const Identity>> AccessControl::remembered(
+    std::string_view authorization) const {
+  if (authorization.empty()) return std::shared_ptr<const Identity>();
+  const Digest digest = digestOf(authorization);
+  const std::lock_guard lock(mutex_);
+  const auto found = remembered_.find(digest);
+  if (found == remembered_.end()) return std::nullopt;
+  return found->second;
+}
+
+void AccessControl::check(std::string_view authorization) {
+  std::shared_ptr<const Accounts> accounts;
+  {
+    const std::lock_guard lock(mutex_);
+    accounts = accounts_;
+  }
+  std::shared_ptr<const Identity> identity = prove(*accounts, authorization);
+  const Digest digest = digestOf(authorization);
+  const std::lock_guard lock(mutex_);
+  if (accounts != accounts_) return;
+  if (remembered_.size() >= kMaxRemembered) remembered_.clear();
+  remembered_[digest] = std::move(identity);
+}
+
+std::shared_ptr<const Identity> AccessControl::prove(const Accounts& accounts,
+                                                     std::string_view authorization) {
+  const std::optional<Claim> claim = claimOf(authorization);
+  if (!claim) return nullptr;
+  const auto found = accounts.find(claim->name);
+  const bool known = found != accounts.end() && found->second.token == claim->token;
+  const bool correct = isCorrect(known ? found->second.hash : hashOfNobody(), claim->secret);
+  return known && correct ? found->second.identity : nullptr;
+}
+
+// The key is made at random when the server starts, so nobody can choose what meets in the map, and
+// what somebody said is not kept.
+AccessControl::Digest AccessControl::digestOf(std::string_view authorization) const {
+  Digest digest{};
+  crypto_generichash(digest.data(), digest.size(),
+                     reinterpret_cast<const unsigned char*>(authorization.data()),
+                     authorization.size(), key_.data(), key_.size());
+  return digest;
+}
+
+void putAccount(const std::filesystem::path& file, bool token, const std::string& name,
+                std::string_view secret, const std::vector<Identity::Grant>& grants) {
+  if (!isAccountName(name)) {
+    throw std::runtime_error("a name has 1 to 64 letters, digits, \"_\", \"-\" and \"@\"");
+  }
+  std::string text;
+  if (std::filesystem::exists(file)) {
+    std::ifstream stream = openPrivate(file);
+    for (std::string line; std::getline(stream, line);) {
+      const Line facts(line);
+      // New grants take the place of the old ones.
+      const bool replaced =
+          facts.name == name && (facts.account() || (facts.grant() && !grants.empty()));
+      if (!replaced) text += line + "\n";
+    }
+  }
+  text += fmt::format("{} {} {}\n", token ? "token" : "user", name, hashOf(secret));
+  for (const Identity::Grant& grant : grants) {
+    text += fmt::format("allow {} {} {}\n", name, nameOf(grant.right), grant.pattern);
+  }
+  replaceFile(file, text);
+}
+
+}  // namespace corvaned

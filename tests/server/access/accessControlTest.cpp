@@ -1,0 +1,168 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "server/access/accessControl.h"
+#include "server/base/base64.h"
+#include "tests/support/temporaryDirectory.h"
+
+namespace corvaned {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+std::string basic(const std::string& name, const std::string& password) {
+  return "Basic " + base64(name + ":" + password);
+}
+
+class AccessControlTest : public ::testing::Test {
+ protected:
+  void write(const std::string& text) const {
+    std::ofstream(file_) << text;
+    std::filesystem::permissions(
+        file_, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  }
+
+  std::string read() const {
+    std::ifstream stream(file_);
+    return {std::istreambuf_iterator<char>(stream), {}};
+  }
+
+  /// Whose words these are; "nobody" if nobody's.
+  static std::string who(AccessControl& access, const std::string& authorization) {
+    if (!access.remembered(authorization)) access.check(authorization);
+    const auto answer = access.remembered(authorization);
+    if (!answer) return "not remembered";
+    return *answer ? (*answer)->name() : "nobody";
+  }
+
+  std::string refusal() const {
+    try {
+      AccessControl access(file_);
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
+    return "taken";
+  }
+
+  tq::test::TemporaryDirectory directory_;
+  std::filesystem::path file_ = directory_.path() / "users";
+};
+
+TEST_F(AccessControlTest, PasswordAndTokenProveWhoSomebodyIs) {
+  putAccount(file_, false, "ada", "pass:word", {{Right::Admin, "*"}});
+  putAccount(file_, true, "loader", "s3cret", {{Right::Write, "books-*"}});
+  AccessControl access(file_);
+  EXPECT_EQ(who(access, basic("ada", "pass:word")), "ada");
+  EXPECT_EQ(who(access, "Bearer loader.s3cret"), "loader");
+  for (const std::string& wrong :
+       {basic("ada", "pass:wor"), basic("ada", ""), basic("bob", "pass:word"),
+        basic("loader", "s3cret"), std::string("Bearer ada.pass:word"),
+        std::string("Bearer loader.s3cret "), std::string("Bearer loader"), std::string("Bearer "),
+        std::string("Basic ada:pass:word"), std::string("Basic "), std::string("basic YQ=="),
+        std::string("Digest x"), std::string(), "Bearer loader." + std::string(5000, 'x')}) {
+    EXPECT_EQ(who(access, wrong), "nobody") << wrong;
+  }
+}
+
+TEST_F(AccessControlTest, AnswerIsRememberedUntilTheFileIsReadAgain) {
+  putAccount(file_, true, "t", "one", {});
+  AccessControl access(file_);
+  EXPECT_FALSE(access.remembered("Bearer t.one").has_value());
+  EXPECT_EQ(who(access, "Bearer t.one"), "t");
+  putAccount(file_, true, "t", "two", {});
+  EXPECT_EQ(who(access, "Bearer t.one"), "t");
+  access.reload();
+  EXPECT_FALSE(access.remembered("Bearer t.one").has_value());
+  EXPECT_EQ(who(access, "Bearer t.one"), "nobody");
+  EXPECT_EQ(who(access, "Bearer t.two"), "t");
+}
+
+TEST_F(AccessControlTest, FileThatCannotBeReadAgainChangesNothing) {
+  putAccount(file_, true, "t", "one", {});
+  AccessControl access(file_);
+  write("nonsense\n");
+  EXPECT_THROW(access.reload(), std::runtime_error);
+  EXPECT_EQ(who(access, "Bearer t.one"), "t");
+}
+
+TEST_F(AccessControlTest, SecretsAreNotInTheFileAndEqualOnesLookDifferent) {
+  putAccount(file_, false, "ada", "swordfish", {});
+  putAccount(file_, false, "bob", "swordfish", {});
+  const std::string text = read();
+  EXPECT_THAT(text, Not(HasSubstr("swordfish")));
+  const std::string hash = text.substr(text.find('$'), text.find('\n') - text.find('$'));
+  EXPECT_EQ(text.find(hash, text.find(hash) + 1), std::string::npos);
+  const auto mode = std::filesystem::status(file_).permissions();
+  EXPECT_EQ(mode, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+}
+
+TEST_F(AccessControlTest, AccountThatIsPutAgainKeepsEverybodyElse) {
+  write("# mine\nuser ada x  # first\nallow ada read *\ntoken t y\nallow t write a-*\n");
+  putAccount(file_, false, "ada", "new", {});
+  EXPECT_THAT(read(), AllOf(HasSubstr("# mine\n"), HasSubstr("allow ada read *\n"),
+                            HasSubstr("token t y\n"), HasSubstr("allow t write a-*\n"),
+                            Not(HasSubstr("user ada x"))));
+  putAccount(file_, false, "ada", "newer", {{Right::Admin, "b"}});
+  EXPECT_THAT(read(), AllOf(HasSubstr("allow ada admin b\n"), Not(HasSubstr("allow ada read *")),
+                            HasSubstr("allow t write a-*\n")));
+  EXPECT_THROW(putAccount(file_, false, "a b", "x", {}), std::runtime_error);
+  EXPECT_THROW(putAccount(file_, false, "", "x", {}), std::runtime_error);
+}
+
+TEST_F(AccessControlTest, RightsIncludeEachOtherAndHoldForAPattern) {
+  const Identity identity("x", {{Right::Write, "books-*"}, {Right::Read, "*-2024*"}});
+  EXPECT_TRUE(identity.may(Right::Write, "books-"));
+  EXPECT_TRUE(identity.may(Right::Read, "books-old"));
+  EXPECT_FALSE(identity.may(Right::Admin, "books-old"));
+  EXPECT_TRUE(identity.may(Right::Read, "films-2024-may"));
+  EXPECT_FALSE(identity.may(Right::Write, "films-2024-may"));
+  EXPECT_FALSE(identity.may(Right::Read, "films"));
+  EXPECT_FALSE(identity.may(Right::Read, "mybooks-a"));
+  EXPECT_FALSE(identity.may(Right::Read, std::nullopt));
+  EXPECT_TRUE(Identity("y", {{Right::Admin, "*"}}).may(Right::Write, std::nullopt));
+  EXPECT_FALSE(Identity("z", {}).may(Right::Read, "a"));
+}
+
+TEST_F(AccessControlTest, WrongLinesAreNamed) {
+  const std::vector<std::pair<std::string, std::string>> cases{
+      {"user ada\n", "line 1"},
+      {"\n# x\nuser ada x y\n", "line 3"},
+      {"user ada x\nallow ada own *\n", "read"},
+      {"user ada x\nallow ada read\n", "line 2"},
+      {"user ada x\ntoken ada y\n", "twice"},
+      {"user a/b x\n", "letters"},
+      {"owner ada x\n", "expected"},
+      {"allow ada read *\n", "names no account"}};
+  for (const auto& [text, expected] : cases) {
+    write(text);
+    EXPECT_THAT(refusal(), AllOf(HasSubstr(file_.string()), HasSubstr(expected))) << text;
+  }
+}
+
+TEST_F(AccessControlTest, FileThatOthersCanReadIsRefused) {
+  EXPECT_THAT(refusal(), HasSubstr(file_.string()));
+  write("user ada x\n");
+  EXPECT_EQ(refusal(), "taken");
+  for (const auto mode : {std::filesystem::perms::group_read, std::filesystem::perms::others_read,
+                          std::filesystem::perms::group_write}) {
+    std::filesystem::permissions(file_, std::filesystem::perms::owner_all | mode);
+    EXPECT_THAT(refusal(), HasSubstr("chmod 600"));
+  }
+}
+
+TEST_F(AccessControlTest, FreshSecretsDiffer) {
+  EXPECT_NE(freshSecret(), freshSecret());
+  EXPECT_EQ(freshSecret().size(), 43U);
+}
+
+}  // namespace
+}  // namespace corvaned
