@@ -9,10 +9,12 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -25,6 +27,7 @@
 #include "server/faults/faultScript.h"
 #include "server/faults/faultyOutlet.h"
 #include "server/front/dispatcher.h"
+#include "server/front/monitor.h"
 #include "server/front/server.h"
 #include "server/store/files.h"
 #include "server/store/localStore.h"
@@ -51,6 +54,7 @@ struct Options {
   std::string faultScript;
   ServerOptions server;
   StoreLimits store;
+  std::optional<std::uint16_t> monitorPort;
   std::optional<std::uint64_t> contentBytes;
   std::optional<std::size_t> memory;
   unsigned stallSeconds = 60;
@@ -76,6 +80,9 @@ void declareOptions(CLI::App& app, Options& options) {
       "file that says who may do what; \"corvaned user\" and \"corvaned token\" write it");
   app.add_flag("--open-to-everybody", options.openToEverybody,
                "listen beyond this machine without --users");
+  app.set_config("--config", "", "file with one \"option = value\" a line, without the dashes");
+  app.add_option("--monitor-port", options.monitorPort,
+                 "loopback port for /metrics, /health and /ready, 0: any free");
   app.add_option("--port-file", options.portFile, "file to write the ready lines to as well");
   app.add_option("--log-level", options.logLevel, "what to say on standard error")
       ->check(CLI::IsMember({"trace", "debug", "info", "warn", "error", "critical", "off"}))
@@ -119,6 +126,14 @@ void declareOptions(CLI::App& app, Options& options) {
       ->capture_default_str();
 }
 
+Options optionsOf(int argc, char** argv) {
+  CLI::App app("corvaned, a full-text search server");
+  Options options;
+  declareOptions(app, options);
+  app.parse(argc, argv);
+  return options;
+}
+
 void loadFaults(Options& options) {
   if (options.faultScript.empty()) return;
   options.server.outlets = faultyOutlets(loadFaultScript(options.faultScript));
@@ -126,6 +141,7 @@ void loadFaults(Options& options) {
 
 void startLog(const std::string& level) {
   spdlog::set_default_logger(spdlog::stderr_logger_mt("corvaned"));
+  spdlog::set_pattern("%Y-%m-%dT%H:%M:%S.%e%z %l %v");
   spdlog::set_level(spdlog::level::from_str(level));
 }
 
@@ -201,14 +217,24 @@ sigset_t blockStopSignals() {
   return signals;
 }
 
-std::string readyLines(const Server& server) {
+std::string readyLines(const Server& server, const std::optional<Monitor>& monitor) {
   std::string lines;
   for (const Server::Listener& listener : server.listeners()) {
     const bool v6 = listener.address.find(':') != std::string::npos;
     lines += fmt::format("listening {} {}:{}\n", nameOf(listener.framing),
                          v6 ? "[" + listener.address + "]" : listener.address, listener.port);
   }
+  if (monitor) lines += fmt::format("listening monitor 127.0.0.1:{}\n", monitor->port());
   return lines;
+}
+
+std::string metricsText(Dispatcher& dispatcher, const MemoryBudget& memory) {
+  std::string text = dispatcher.metrics().text();
+  appendMetric(text, "corvaned_memory_budget_bytes", "gauge", "What --max-memory allows.",
+               memory.limit());
+  appendMetric(text, "corvaned_memory_used_bytes", "gauge",
+               "What requests, replies and index updates have set aside of it.", memory.used());
+  return text;
 }
 
 // Renamed into place, so that a reader finds the complete file or none.
@@ -227,17 +253,18 @@ void closeToOthers(const std::string& directory) {
   if (error) spdlog::warn("cannot keep others out of {}: {}", directory, error.message());
 }
 
-void reload(const Options& options) {
-  if (!options.server.access) return;
+// What can change while the server runs: who may do what, and how much is logged.
+void reload(const Options& options, const std::function<Options()>& again) {
   try {
-    options.server.access->reload();
-    spdlog::info("read {} again", options.users);
+    spdlog::set_level(spdlog::level::from_str(again().logLevel));
+    if (options.server.access) options.server.access->reload();
+    spdlog::info("the settings were read again");
   } catch (const std::exception& error) {
-    spdlog::error("the old users stay: {}", error.what());
+    spdlog::error("the old settings stay: {}", error.what());
   }
 }
 
-void serve(const Options& options) {
+void serve(const Options& options, const std::function<Options()>& again) {
   const sigset_t signals = blockStopSignals();
   raiseDescriptorLimit();
   LocalStore store(options.data, options.store);
@@ -245,13 +272,22 @@ void serve(const Options& options) {
   Dispatcher dispatcher(store, KRUCOMM_VERSION);
   Server server(dispatcher, options.server);
   server.start();
-  const std::string lines = readyLines(server);
+  std::atomic<bool> stopping = false;
+  std::optional<Monitor> monitor;
+  if (options.monitorPort) {
+    monitor.emplace(
+        *options.monitorPort,
+        Monitor::Sources{[&] { return metricsText(dispatcher, *options.server.memory); },
+                         [&] { return std::string(stopping ? "the server is stopping" : ""); }});
+  }
+  const std::string lines = readyLines(server, monitor);
   writePortFile(options.portFile, lines);
   std::cout << lines << std::flush;
   spdlog::info("serving {}", options.data);
   if (options.server.outlets) spdlog::warn("replies go wrong as --fault says");
   int signal = 0;
-  while (sigwait(&signals, &signal) != 0 || signal == SIGHUP) reload(options);
+  while (sigwait(&signals, &signal) != 0 || signal == SIGHUP) reload(options, again);
+  stopping = true;
   spdlog::info("stopping");
   server.stop();
 }
@@ -276,7 +312,7 @@ int main(int argc, char** argv) {
     requireAccessControl(options);
     loadFaults(options);
     settle(options);
-    serve(options);
+    serve(options, [&] { return optionsOf(argc, argv); });
     return 0;
   } catch (const UsageError& error) {
     std::cerr << "corvaned: " << error.what() << "\n";

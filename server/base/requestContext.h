@@ -37,6 +37,9 @@ class RequestContext {
     if ((++calls_ & 0xFFU) == 0) check();
   }
 
+  /// When it arrived.
+  Clock::time_point began() const { return began_; }
+
   /// The request that this thread serves; null if it serves none.
   static RequestContext* current();
 
@@ -56,6 +59,7 @@ class RequestContext {
   [[noreturn]] void refuseCost() const;
 
   const Limits limits_;
+  const Clock::time_point began_ = Clock::now();
   const Clock::time_point deadline_;
   std::atomic<Clock::time_point> cancelled_{Clock::time_point::max()};
   std::uint64_t spent_ = 0;

@@ -91,11 +91,13 @@ bool ConnectionContext::enter(const std::shared_ptr<Connection>& connection) {
   const std::lock_guard lock(mutex_);
   if (stopping_ || connections_.size() >= options_.connections) return false;
   connections_.insert(connection);
+  dispatcher_.metrics().connectionTaken();
   return true;
 }
 
 bool ConnectionContext::enterToBeTurnedAway(const std::shared_ptr<Connection>& connection) {
   const std::lock_guard lock(mutex_);
+  dispatcher_.metrics().connectionTurnedAway();
   if (stopping_ || turnedAway_.size() >= kMaxTurnedAway) return false;
   turnedAway_.insert(connection);
   return true;
@@ -103,7 +105,7 @@ bool ConnectionContext::enterToBeTurnedAway(const std::shared_ptr<Connection>& c
 
 void ConnectionContext::leave(const std::shared_ptr<Connection>& connection) {
   const std::lock_guard lock(mutex_);
-  connections_.erase(connection);
+  if (connections_.erase(connection) > 0) dispatcher_.metrics().connectionEnded();
   turnedAway_.erase(connection);
   left_.notify_all();
 }

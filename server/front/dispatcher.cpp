@@ -1,5 +1,6 @@
 #include "server/front/dispatcher.h"
 
+#include <fmt/format.h>
 #include <spdlog/spdlog.h>
 
 #include <new>
@@ -8,6 +9,7 @@
 #include <utility>
 
 #include "server/base/errors.h"
+#include "server/base/requestContext.h"
 #include "server/front/vocabulary.h"
 
 namespace corvaned {
@@ -33,15 +35,17 @@ bool isOfAccess(const ServerError& error) {
   return error.kind() == ErrorKind::Unauthorized || error.kind() == ErrorKind::Forbidden;
 }
 
-Reply refuse(const Request& request, ErrorReply error) {
-  const std::string_view name = request.header(words().action);
-  const Action* action = actionOf(request);
-  const bool silent = action && action->answer == Action::Answer::Never;
-  spdlog::log(silent ? spdlog::level::warn : spdlog::level::debug, "{} refused: {} {}",
-              name.empty() ? "request" : shown(name), error.id, error.text);
-  if (silent) return NoReply{};
-  if (error.id == messageId(ErrorKind::Unauthorized)) return UnauthorizedReply{std::move(error)};
-  return error;
+// What an operator has to do something about.
+bool isFailure(std::string_view id) {
+  return id == messageId(ErrorKind::StorageFailed) || id == messageId(ErrorKind::OutOfMemory) ||
+         id == messageId(ErrorKind::DocumentsNotIndexed) || id == messageId(ErrorKind::Internal);
+}
+
+// Requests without a reply come in rows, and of a row only the whole can be timed by its arrival.
+RequestContext::Clock::time_point arrivalOf(const Action* action) {
+  const RequestContext* context = RequestContext::current();
+  const bool single = action && action->workload != Workload::Write;
+  return context && single ? context->began() : RequestContext::Clock::now();
 }
 
 }  // namespace
@@ -66,6 +70,15 @@ void Dispatcher::permit(const Request& request, const Identity& identity) {
 }
 
 Reply Dispatcher::handle(Request request) {
+  const Action* action = actionOf(request);
+  const auto began = arrivalOf(action);
+  std::string errorId;
+  Reply reply = serve(request, errorId);
+  metrics_.served(action ? action->name : "unknown", errorId, RequestContext::Clock::now() - began);
+  return reply;
+}
+
+Reply Dispatcher::serve(Request& request, std::string& errorId) {
   try {
     if (!request.defect.empty()) throw ServerError(ErrorKind::MalformedRequest, request.defect);
     const Action& action = requireAction(request);
@@ -76,17 +89,46 @@ Reply Dispatcher::handle(Request request) {
     }
     return action.serve({store_, version_}, request);
   } catch (const ServerError& error) {
-    return refuse(request, errorReply(error.kind(), error.what()));
+    return refuse(request, errorReply(error.kind(), error.what()), errorId);
   } catch (const std::bad_alloc&) {
-    return refuse(request, errorReply(ErrorKind::OutOfMemory,
-                                      "the server has not enough memory for this request"));
-  } catch (const std::system_error& error) {
-    return refuse(request, errorReply(ErrorKind::StorageFailed, error.what()));
-  } catch (const std::exception& error) {
-    spdlog::error("unexpected failure in {}: {}", request.header(words().action), error.what());
     return refuse(
-        request, errorReply(ErrorKind::Internal, std::string("internal failure: ") + error.what()));
+        request,
+        errorReply(ErrorKind::OutOfMemory, "the server has not enough memory for this request"),
+        errorId);
+  } catch (const std::system_error& error) {
+    return refuse(request, errorReply(ErrorKind::StorageFailed, error.what()), errorId);
+  } catch (const std::exception& error) {
+    return refuse(request,
+                  errorReply(ErrorKind::Internal, std::string("internal failure: ") + error.what()),
+                  errorId);
   }
+}
+
+Reply Dispatcher::refuse(const Request& request, const ErrorReply& error, std::string& errorId) {
+  const Action* action = actionOf(request);
+  const bool silent = action && action->answer == Action::Answer::Never;
+  errorId = error.id;
+  log(request, error, silent);
+  if (silent) return NoReply{};
+  if (error.id == messageId(ErrorKind::Unauthorized)) return UnauthorizedReply{error};
+  return error;
+}
+
+void Dispatcher::log(const Request& request, const ErrorReply& error, bool silent) {
+  const bool failure = isFailure(error.id);
+  const auto level = failure  ? spdlog::level::err
+                     : silent ? spdlog::level::warn
+                              : spdlog::level::debug;
+  if (!spdlog::should_log(level)) return;
+  const std::string line =
+      fmt::format("{}: action={} collection={} error={} reason={}", failure ? "failure" : "refused",
+                  shown(request.header(words().action)), shown(collectionNamedBy(request)),
+                  error.id, shown(error.text, 600));
+  // The same failure may meet thousands of requests a second.
+  const auto unsaid = repeats_.pass(line);
+  if (!unsaid) return;
+  if (*unsaid == 0) return spdlog::log(level, "{}", line);
+  spdlog::log(level, "{} repeated={}", line, *unsaid);
 }
 
 }  // namespace corvaned

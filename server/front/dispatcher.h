@@ -4,7 +4,9 @@
 #include <string_view>
 #include <utility>
 
+#include "server/base/logRepeats.h"
 #include "server/front/actions.h"
+#include "server/front/metrics.h"
 
 namespace corvaned {
 
@@ -13,6 +15,9 @@ namespace corvaned {
 class Dispatcher {
  public:
   Dispatcher(Store& store, std::string version) : store_(store), version_(std::move(version)) {}
+
+  /// What was counted so far. The connections count here, too.
+  Metrics& metrics() { return metrics_; }
 
   static Workload workload(std::string_view action);
 
@@ -24,8 +29,14 @@ class Dispatcher {
   Reply handle(Request request);
 
  private:
+  Reply serve(Request& request, std::string& errorId);
+  Reply refuse(const Request& request, const ErrorReply& error, std::string& errorId);
+  void log(const Request& request, const ErrorReply& error, bool silent);
+
   Store& store_;
   std::string version_;
+  Metrics metrics_;
+  LogRepeats repeats_;
 };
 
 }  // namespace corvaned

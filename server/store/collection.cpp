@@ -121,6 +121,7 @@ Estimate Collection::estimate(const std::string& query) {
 
 CollectionState Collection::state() const {
   requireActive();
+  journal_.requireWritable();
   return journal_.empty() ? CollectionState::Current : CollectionState::ChangesPending;
 }
 

@@ -193,6 +193,11 @@ void Journal::openLast() {
   current_ = std::move(file);
 }
 
+void Journal::requireWritable() const {
+  const std::lock_guard lock(mutex_);
+  requireHealthy();
+}
+
 void Journal::requireHealthy() const {
   if (failure_.empty()) return;
   throw ServerError(ErrorKind::StorageFailed,

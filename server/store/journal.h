@@ -60,6 +60,9 @@ class Journal {
   /// Removes the segments up to `last`, which must be closed.
   void remove(std::uint64_t last);
 
+  /// Throws if changes are refused, and says why.
+  void requireWritable() const;
+
   /// True if no segment holds a change.
   bool empty() const;
 

@@ -198,5 +198,71 @@ TEST_F(ProcessTest, AccountsThatCannotBePutAreExplained) {
   EXPECT_FALSE(std::filesystem::exists(users));
 }
 
+TEST_F(ProcessTest, MonitorTellsAToolWhatWasServed) {
+  std::vector<std::string> words = arguments();
+  words.insert(words.end(), {"--monitor-port", "0", "--max-memory", "100000000"});
+  CorvanedProgram program(words);
+  RawClient client(portOf(program.line()));
+  const std::string line = program.line();
+  EXPECT_THAT(line, MatchesRegex("listening monitor 127\\.0\\.0\\.1:[0-9]+"));
+  client.send(binaryRequest({{"action", "getStatus"}}));
+  EXPECT_EQ(client.receive(2), std::string("\0\1", 2));
+  RawClient tool(portOf(line));
+  tool.send("GET /metrics HTTP/1.1\r\n\r\n");
+  EXPECT_THAT(tool.receiveAll(),
+              AllOf(StartsWith("HTTP/1.1 200 OK"), HasSubstr("corvaned_connections 1\n"),
+                    HasSubstr("corvaned_requests_total{action=\"getStatus\",error=\"\"} 1\n"),
+                    HasSubstr("corvaned_memory_budget_bytes 100000000\n")));
+  RawClient probe(portOf(line));
+  probe.send("GET /ready HTTP/1.1\r\n\r\n");
+  EXPECT_THAT(probe.receiveAll(), StartsWith("HTTP/1.1 200 OK"));
+}
+
+TEST_F(ProcessTest, ConfigurationFileIsReadAndItsLogLevelAgainOnSignal) {
+  const std::string config = (directory_.path() / "corvaned.conf").string();
+  const auto write = [&](const std::string& level) {
+    std::ofstream(config) << "# a comment\nbinary-port = 0\ndata = \"" << data_
+                          << "\"\nlog-level = \"" << level << "\"\n";
+  };
+  write("error");
+  CorvanedProgram program({"--config", config});
+  RawClient client(portOf(program.line()));
+  write("debug");
+  program.signal(SIGHUP);
+  EXPECT_THAT(program.line(), HasSubstr("read again"));
+  client.send(binaryRequest({{"action", "updateIndex"}, {"index", "nope"}}));
+  EXPECT_THAT(program.line(), AllOf(HasSubstr(" debug "), HasSubstr("collection=\"nope\""),
+                                    HasSubstr("error=ZVK0007E")));
+  std::ofstream(config) << "log-level = \"loud\"\n";
+  program.signal(SIGHUP);
+  EXPECT_THAT(program.line(), AllOf(HasSubstr(" error "), HasSubstr("old settings stay")));
+  EXPECT_EQ(outcomeOf({"--config", config}).second, 2);
+  EXPECT_EQ(outcomeOf({"--config", config + ".none", "--data", data_}).second, 2);
+}
+
+TEST_F(ProcessTest, StorageFailureIsOneLineOfTheLog) {
+  {
+    CorvanedProgram program(arguments());
+    RawClient client(portOf(program.line()));
+    client.send(binaryRequest({{"action", "createCollection"}, {"index", "c"}}));
+    EXPECT_EQ(client.receive(2), std::string("\0\1", 2));
+  }
+  std::ofstream(data_ + "/collections/c/index/iamglass") << "damaged";
+  CorvanedProgram program(arguments());
+  RawClient client(portOf(program.line()));
+  for (int i = 0; i < 3; ++i) {
+    client.send(binaryRequest({{"action", "search"}, {"index", "c"}, {"query", "x"}}));
+    EXPECT_EQ(client.receive(2), std::string("\0\6", 2));
+    const std::string length = client.receive(2);
+    client.receive(static_cast<unsigned char>(length[0]) * 256U +
+                   static_cast<unsigned char>(length[1]));
+  }
+  program.signal(SIGTERM);
+  const std::string log = program.rest();
+  const std::string line = "failure: action=\"search\" collection=\"c\" error=ZVK0014E reason=";
+  EXPECT_THAT(log, HasSubstr(line));
+  EXPECT_EQ(log.find(line, log.find(line) + 1), std::string::npos) << log;
+}
+
 }  // namespace
 }  // namespace corvaned

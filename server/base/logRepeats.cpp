@@ -1,0 +1,28 @@
+#include "server/base/logRepeats.h"
+
+#include <utility>
+
+namespace corvaned {
+namespace {
+
+constexpr std::chrono::seconds kPause{10};
+// More different lines than this are no repetition, and must not be kept for ever.
+constexpr std::size_t kMaxLines = 1000;
+
+}  // namespace
+
+std::optional<std::uint64_t> LogRepeats::pass(const std::string& line, Clock::time_point now) {
+  const std::lock_guard lock(mutex_);
+  if (seen_.size() >= kMaxLines) seen_.clear();
+  const auto [place, fresh] = seen_.try_emplace(line, Seen{now, 0});
+  if (fresh) return 0;
+  Seen& seen = place->second;
+  if (now - seen.passed < kPause) {
+    ++seen.heldBack;
+    return std::nullopt;
+  }
+  seen.passed = now;
+  return std::exchange(seen.heldBack, 0);
+}
+
+}  // namespace corvaned

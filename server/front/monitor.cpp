@@ -1,0 +1,141 @@
+#include "server/front/monitor.h"
+
+#include <fmt/format.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <spdlog/spdlog.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+namespace corvaned {
+namespace {
+
+// A tool that sends nothing, or takes nothing, must not keep the others waiting for long.
+constexpr timeval kPatience{2, 0};
+constexpr std::size_t kMaxRequest = 8192;
+constexpr int kBacklog = 64;
+
+sockaddr generic(const sockaddr_in& address) {
+  sockaddr result{};
+  static_assert(sizeof result == sizeof address);
+  std::memcpy(&result, &address, sizeof address);
+  return result;
+}
+
+std::string httpReply(const char* status, const std::string& body) {
+  return fmt::format(
+      "HTTP/1.1 {}\r\nContent-Type: text/plain; version=0.0.4; charset=utf-8\r\n"
+      "Content-Length: {}\r\nConnection: close\r\n\r\n{}",
+      status, body.size(), body);
+}
+
+std::string receiveRequest(int client) {
+  std::string request;
+  std::array<char, 1024> buffer{};
+  while (request.size() < kMaxRequest && request.find("\r\n\r\n") == std::string::npos) {
+    const ssize_t count = ::recv(client, buffer.data(), buffer.size(), 0);
+    if (count <= 0) break;
+    request.append(buffer.data(), static_cast<std::size_t>(count));
+  }
+  return request;
+}
+
+void sendAll(int client, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t count = ::send(client, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (count <= 0) return;
+    bytes.remove_prefix(static_cast<std::size_t>(count));
+  }
+}
+
+}  // namespace
+
+Monitor::Monitor(std::uint16_t port, Sources sources)
+    : sources_(std::move(sources)),
+      listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)),
+      stop_(::eventfd(0, EFD_CLOEXEC)) {
+  const int yes = 1;
+  ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr bound = generic(address);
+  socklen_t size = sizeof bound;
+  if (stop_ < 0 || ::bind(listener_, &bound, size) != 0 || ::listen(listener_, kBacklog) != 0 ||
+      ::getsockname(listener_, &bound, &size) != 0) {
+    const std::string reason = std::generic_category().message(errno);
+    ::close(listener_);
+    ::close(stop_);
+    throw std::runtime_error(
+        fmt::format("cannot listen for monitoring on 127.0.0.1 port {}: {}; choose another port",
+                    port, reason));
+  }
+  std::memcpy(&address, &bound, sizeof address);
+  port_ = ntohs(address.sin_port);
+  thread_ = std::thread([this] { run(); });
+}
+
+Monitor::~Monitor() {
+  const std::uint64_t one = 1;
+  while (::write(stop_, &one, sizeof one) < 0 && errno == EINTR) {
+  }
+  thread_.join();
+  ::close(listener_);
+  ::close(stop_);
+}
+
+void Monitor::run() {
+  for (;;) {
+    std::array<pollfd, 2> waiting{{{listener_, POLLIN, 0}, {stop_, POLLIN, 0}}};
+    if (::poll(waiting.data(), waiting.size(), -1) < 0 && errno != EINTR) return;
+    if (waiting[1].revents != 0) return;
+    if (waiting[0].revents == 0) continue;
+    const int client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (client < 0) {
+      // Out of descriptors: the client stays in the queue, and the next look must not come at once.
+      ::poll(&waiting[1], 1, 100);
+      continue;
+    }
+    serve(client);
+    ::close(client);
+  }
+}
+
+void Monitor::serve(int client) const {
+  ::setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof kPatience);
+  ::setsockopt(client, SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof kPatience);
+  try {
+    sendAll(client, reply(receiveRequest(client)));
+  } catch (const std::exception& error) {
+    spdlog::warn("monitoring: {}", error.what());
+  }
+}
+
+std::string Monitor::reply(const std::string& request) const {
+  const std::string line = request.substr(0, request.find("\r\n"));
+  const auto asks = [&](const char* path) {
+    return line.starts_with(fmt::format("GET {} HTTP/", path));
+  };
+  if (asks("/health")) return httpReply("200 OK", "alive\n");
+  if (asks("/metrics")) return httpReply("200 OK", sources_.metrics());
+  if (asks("/ready")) {
+    const std::string obstacle = sources_.obstacle();
+    return obstacle.empty() ? httpReply("200 OK", "ready\n")
+                            : httpReply("503 Service Unavailable", obstacle + "\n");
+  }
+  if (!line.starts_with("GET ")) return httpReply("405 Method Not Allowed", "only GET is known\n");
+  return httpReply("404 Not Found", "there are /metrics, /health and /ready\n");
+}
+
+}  // namespace corvaned

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <thread>
+
+namespace corvaned {
+
+/// Answers an operator's tools over plain HTTP on the loopback interface: GET /metrics, /health and
+/// /ready. It has a thread of its own, so that it answers however busy the server is.
+class Monitor {
+ public:
+  struct Sources {
+    /// The text of /metrics.
+    std::function<std::string()> metrics;
+    /// Why the server is not ready; empty if it is.
+    std::function<std::string()> obstacle;
+  };
+
+  /// Port 0: any free one. Throws std::runtime_error if it cannot listen there. The sources are
+  /// called from the monitor's thread until it is destroyed.
+  Monitor(std::uint16_t port, Sources sources);
+  ~Monitor();
+  Monitor(const Monitor&) = delete;
+  Monitor& operator=(const Monitor&) = delete;
+
+  std::uint16_t port() const { return port_; }
+
+ private:
+  void run();
+  void serve(int client) const;
+  std::string reply(const std::string& request) const;
+
+  const Sources sources_;
+  int listener_ = -1;
+  int stop_ = -1;
+  std::uint16_t port_ = 0;
+  std::thread thread_;
+};
+
+}  // namespace corvaned

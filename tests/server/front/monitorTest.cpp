@@ -1,0 +1,67 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+
+#include "server/front/monitor.h"
+#include "tests/server/rawClient.h"
+
+namespace corvaned {
+namespace {
+
+using test::RawClient;
+using ::testing::AllOf;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+class MonitorTest : public ::testing::Test {
+ protected:
+  std::string ask(const std::string& request) const {
+    RawClient client(monitor_.port());
+    client.send(request);
+    return client.receiveAll();
+  }
+  std::string get(const std::string& path) const {
+    return ask("GET " + path + " HTTP/1.1\r\nHost: localhost\r\n\r\n");
+  }
+
+  std::string obstacle_;
+  Monitor monitor_{0, {[] { return "metric 1\n"; }, [this] { return obstacle_; }}};
+};
+
+TEST_F(MonitorTest, ToolsGetWhatTheyAskFor) {
+  EXPECT_THAT(get("/metrics"),
+              AllOf(StartsWith("HTTP/1.1 200 OK\r\n"), HasSubstr("Content-Length: 9\r\n"),
+                    EndsWith("\r\n\r\nmetric 1\n")));
+  EXPECT_THAT(get("/health"), StartsWith("HTTP/1.1 200 "));
+  EXPECT_THAT(get("/ready"), StartsWith("HTTP/1.1 200 "));
+  EXPECT_THAT(get("/other"), StartsWith("HTTP/1.1 404 "));
+  EXPECT_THAT(get("/metrics2"), StartsWith("HTTP/1.1 404 "));
+  EXPECT_THAT(ask("POST /metrics HTTP/1.1\r\n\r\n"), StartsWith("HTTP/1.1 405 "));
+}
+
+TEST_F(MonitorTest, ServerThatIsNotReadySaysWhy) {
+  obstacle_ = "no disk";
+  EXPECT_THAT(get("/ready"), AllOf(StartsWith("HTTP/1.1 503 "), EndsWith("no disk\n")));
+  EXPECT_THAT(get("/health"), StartsWith("HTTP/1.1 200 "));
+}
+
+TEST_F(MonitorTest, RubbishAndSilenceHoldUpNobodyForLong) {
+  const RawClient silent(monitor_.port());
+  EXPECT_THAT(ask("GET /health\r\n\r\n"), StartsWith("HTTP/1.1 404 "));
+  EXPECT_THAT(get("/health"), StartsWith("HTTP/1.1 200 "));
+}
+
+TEST_F(MonitorTest, PortThatIsTakenIsNamed) {
+  try {
+    const Monitor second(monitor_.port(), {});
+    FAIL() << "two on one port";
+  } catch (const std::runtime_error& error) {
+    EXPECT_THAT(error.what(), HasSubstr(std::to_string(monitor_.port())));
+  }
+}
+
+}  // namespace
+}  // namespace corvaned
