@@ -38,14 +38,12 @@ if(KRUCOMM_COVERAGE)
 endif()
 
 # krucomm_add_mutable_library(<name>) makes <name>_static a shared object that hides nothing: ./dev
-# mutate then replaces it without linking a single test anew. Its objects count which lines run.
+# mutate then replaces it without linking a single test anew.
 function(krucomm_add_mutable_library name)
   set_target_properties(${name}_objects PROPERTIES CXX_VISIBILITY_PRESET default
                                                    VISIBILITY_INLINES_HIDDEN OFF)
-  target_compile_options(${name}_objects PRIVATE --coverage)
   add_library(${name}_static SHARED $<TARGET_OBJECTS:${name}_objects>)
-  target_link_options(${name}_static PRIVATE --coverage LINKER:-Bsymbolic-functions)
-  target_link_options(${name} PRIVATE --coverage)
+  target_link_options(${name}_static PRIVATE LINKER:-Bsymbolic-functions)
   set_property(GLOBAL APPEND_STRING PROPERTY KRUCOMM_MUTABLE_LIBRARIES
                                              "$<TARGET_FILE:${name}_static>\n")
 endfunction()

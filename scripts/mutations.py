@@ -136,8 +136,17 @@ def replacements(source, token, before, after):
     return []
 
 
+def bodies(found):
+    """The index of each brace that opens a block of statements."""
+    return (index for kind, index, _ in blocks_and_statements(found) if kind == "body")
+
+
 def statements(found):
     """The statements that stand in the body of a function and can be left out, as token ranges."""
+    return ((begin, end) for kind, begin, end in blocks_and_statements(found) if kind == "statement")
+
+
+def blocks_and_statements(found):
     scopes, depth, begin = [], 0, 0
     for index, token in enumerate(found):
         text = token.text
@@ -158,6 +167,7 @@ def statements(found):
                 scopes.append("declarations")
             else:
                 scopes.append("body")
+                yield "body", index, index
             if scopes[-1] != "list":
                 begin = index + 1
         elif text == "}" and depth == 0:
@@ -170,7 +180,7 @@ def statements(found):
             begin = index + 1
         elif text == ";" and depth == 0:
             if scopes and scopes[-1] == "body" and is_removable(found[begin:index]):
-                yield begin, index
+                yield "statement", begin, index
             if not (scopes and scopes[-1] == "list"):
                 begin = index + 1
 
@@ -180,7 +190,7 @@ def declares(statement):
     if statement[0].text in ("return", "throw", "delete", "goto"):
         return False
     for token, following in zip(statement, statement[1:]):
-        if token.text in ("=", "(", "["):
+        if token.text in ("=", "(") or (token.text == "[" and following.text != "]"):
             return False
         if following.kind == "word" and (token.kind == "word" or token.text in (">", "&", "*")):
             return token is not statement[0] or token.kind == "word"
