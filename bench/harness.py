@@ -12,7 +12,7 @@ import sys
 import tempfile
 import time
 
-PINNED = ["taskset", "-c", "0"]
+PINNED = ["taskset", "-c", "0"]  # the number is an option of bench/run
 # Source files whose lines are tracing, deadlines and the table of system calls.
 SEAM_FILES = ("kruTrace.", "kruDeadline.", "kruClock.", "kruSystemCalls.", "kruWaiting.")
 
@@ -63,8 +63,8 @@ class Postgres:
             self.port = probe.getsockname()[1]
         self.process = subprocess.Popen(
             [*(PINNED if pinned else []), f"{binaries[-1]}/postgres", "-D", data,
-             "-p", str(self.port), "-c", "listen_addresses=127.0.0.1", "-c", f"unix_socket_directories={self.folder}",
-             "-c", "fsync=off"],
+             "-p", str(self.port), "-c", "listen_addresses=127.0.0.1",
+             "-c", f"unix_socket_directories={self.folder}", "-c", "fsync=off"],
             cwd="/", stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, **self.other)
         self.await_start()
 

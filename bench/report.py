@@ -71,32 +71,40 @@ def text_of(row, before):
     return "\n".join(lines)
 
 
-def origin_of(results):
-    return (f"Revision {results['revision']}, {results['date']}, {results['machine']}; "
-            f"medians of {results['runs']} interleaved runs.")
+def origin_of(one):
+    return (f"Revision {one['revision']}, {one['date']}, {one['machine']}; "
+            f"{one['runs']} interleaved runs.")
 
 
-def markdown_of(results, before, before_revision):
-    lines = [origin_of(results) + (f" \"Before\" is revision {before_revision}."
-                                   if before_revision else ""), "",
-             "| work | figure | before | now | spread | must | goal | now / goal | reached |",
-             "|---|---|---:|---:|---:|---:|---:|---:|---|"]
+def marks_of(measured):
+    """{origin: mark}: where not all was measured at once, each row says which it belongs to."""
+    origins = list(dict.fromkeys(origin_of(one) for one in measured))
+    return {origin: f" [{i + 1}]" if len(origins) > 1 else "" for i, origin in enumerate(origins)}
+
+
+def markdown_of(results, before):
+    marks = marks_of([*results["rows"], *results["growth"]])
+    lines = [f"{origin}{mark}\n" for origin, mark in marks.items()]
+    lines += ["| work | figure | before | now | spread | must | goal | now / goal | reached |",
+              "|---|---|---:|---:|---:|---:|---:|---:|---|"]
     for row in results["rows"]:
-        title = f"{row['title']} (`{row['name']}`)"
+        title = f"{row['title']} (`{row['name']}`){marks[origin_of(row)]}"
         for line in lines_of(row, before):
             lines.append("| " + " | ".join((title, *line)) + " |")
             title = ""
     lines += ["", "Beside it, in the same runs, CPU for one operation; in brackets what the "
               "library takes, divided by that:", "", "| work | peers |", "|---|---|"]
     lines += [f"| `{row['name']}` | {peers_of(row)} |" for row in results["rows"] if row["peers"]]
-    return "\n".join(lines) + "\n"
+    return "\n".join([*lines, "", growth_markdown(results["growth"], marks)])
 
 
-def growth_markdown(growth):
+def growth_markdown(growth, marks=None):
     lines = []
     for one in growth:
         heads = " | ".join([one["axis"], *(line["name"] for line in one["lines"])])
-        lines += [f"**{one['title'][0].upper()}{one['title'][1:]}**: CPU of one {one['per']}.", "",
+        mark = marks[origin_of(one)] if marks else ""
+        title = one["title"][0].upper() + one["title"][1:]
+        lines += [f"**{title}**: CPU of one {one['per']}.{mark}", "",
                   f"| {heads} |",
                   "|---:" * (1 + len(one["lines"])) + "|"]
         for i, x in enumerate(one["points"]):
