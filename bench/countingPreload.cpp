@@ -17,6 +17,7 @@
 
 #include "bench/counts.h"
 
+// NOLINTBEGIN(bugprone-reserved-identifier): the C library's names for its own functions
 extern "C" {
 void* __libc_malloc(std::size_t);
 void* __libc_calloc(std::size_t, std::size_t);
@@ -24,6 +25,7 @@ void* __libc_realloc(void*, std::size_t);
 void* __libc_memalign(std::size_t, std::size_t);
 void __libc_free(void*);
 }
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 
