@@ -12,23 +12,34 @@
 namespace corvaned {
 namespace {
 
-constexpr const char* kIndexDirectory = "index";
+// The numbers of the changes and the checksums of the index come into being together, before the
+// first change that is numbered. So one without the other has been lost.
+const std::filesystem::path& complete(const std::filesystem::path& directory) {
+  const bool hasSums = IndexSums::existIn(directory);
+  const auto mark = JournalMark::open(directory);
+  if (hasSums && !mark) throwDamaged({JournalMark::pathIn(directory), 0, "the file is missing"});
+  if (!hasSums && mark && mark->range() != MarkedRange{}) {
+    throwDamaged({IndexSums::pathIn(directory), 0, "the file is missing"});
+  }
+  return directory;
+}
 
 }  // namespace
 
 void Collection::create(const std::filesystem::path& directory, const std::string& language) {
-  XapianIndex::create(directory / kIndexDirectory, language);
-  syncDirectory(directory);
+  XapianIndex::create(directory, language);
+  const Journal journal(directory, [](std::uint64_t, Change&&) {});
 }
 
 Collection::Collection(std::string name, const std::filesystem::path& directory, StoreLimits limits)
     : name_(std::move(name)),
+      directory_(complete(directory)),
       limits_(limits),
       journal_(directory,
                [this](std::uint64_t segment, Change&& change) {
                  if (change.kind == ChangeKind::Remove) hide(segment, change.document.key);
                }),
-      index_(directory / kIndexDirectory, limits.index) {}
+      index_(directory, limits.index) {}
 
 void Collection::add(const Document& document) {
   checkSize(document);
@@ -56,6 +67,8 @@ void Collection::updateIndex() {
   const std::lock_guard lock(indexMutex_);
   requireActive();
   if (journal_.empty()) return;
+  // rotate() brings the directory to disk.
+  index_.beginUpdate();
   const std::uint64_t last = journal_.rotate();
   std::vector<ParseOutcome> refused = index_.apply(
       [&](const auto& take) { lastChanges(last, take); }, [this] { return retired_.load(); });
@@ -185,6 +198,8 @@ void Collection::removeHiddenFromIndex() {
     for (const std::string& key : keys) take({ChangeKind::Remove, {key, {}, {}}});
   };
   try {
+    index_.beginUpdate();
+    syncDirectory(directory_);
     index_.apply(removals, [this] { return retired_.load(); });
   } catch (const ServerError& error) {
     // The deletions are in the journal, and searches keep filtering them.

@@ -63,6 +63,7 @@ class Collection {
   void pushOutcome(ParseOutcome outcome, std::uint64_t ticket);
 
   const std::string name_;
+  const std::filesystem::path directory_;
   const StoreLimits limits_;
 
   // Held shared while a change is appended, so that retire() can wait for appends that have begun.

@@ -98,19 +98,23 @@ void LocalStore::openCollection(const std::string& name) { find(name); }
 
 void LocalStore::closeCollection(const std::string& name) { find(name)->releaseHandles(); }
 
+// Does not open the collection, so that a damaged one can be deleted, too.
 void LocalStore::deleteCollection(const std::string& name) {
-  const std::shared_ptr<Collection> collection = find(name);
-  collection->retire();
+  const std::filesystem::path path = pathOf(name);
   std::filesystem::path temporary;
-  {
+  while (temporary.empty()) {
+    const std::shared_ptr<Collection> collection = opened(name);
+    if (collection) collection->retire();
     const std::lock_guard lock(mutex_);
     const auto found = open_.find(name);
+    const std::shared_ptr<Collection> now = found == open_.end() ? nullptr : found->second;
+    if (!collection && now) continue;
     // Another client may have deleted the collection meanwhile and created one of the same name.
-    if (found == open_.end() || found->second != collection) throwUnknown(name);
+    if (collection != now || !std::filesystem::exists(path)) throwUnknown(name);
     // If a later step fails, the next request opens the collection anew.
-    open_.erase(found);
+    if (now) open_.erase(found);
     temporary = freshTemporary();
-    std::filesystem::rename(pathOf(name), temporary / "deleted");
+    std::filesystem::rename(path, temporary / "deleted");
     syncDirectory(collectionsRoot_);
   }
   std::error_code error;
@@ -159,6 +163,12 @@ std::shared_ptr<Collection> LocalStore::find(const std::string& name) {
   const std::filesystem::path path = pathOf(name);
   if (!std::filesystem::exists(path)) throwUnknown(name);
   return open_[name] = std::make_shared<Collection>(name, path, limits_);
+}
+
+std::shared_ptr<Collection> LocalStore::opened(const std::string& name) {
+  const std::lock_guard lock(mutex_);
+  const auto found = open_.find(name);
+  return found == open_.end() ? nullptr : found->second;
 }
 
 std::filesystem::path LocalStore::pathOf(const std::string& name) const {

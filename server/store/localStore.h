@@ -23,6 +23,7 @@ std::string directoryNameFor(std::string_view collection);
 ///     LOCK                       held while a server runs
 ///     collections/<name>/        one collection, see directoryNameFor
 ///         index/                 the Xapian database
+///         index-sums             its checksums; index-sums-changing during an update
 ///         journal-0000000000     which changes the journal must hold
 ///         journal-0000000001...  accepted changes that are not in the index yet
 class LocalStore : public Store {
@@ -47,6 +48,7 @@ class LocalStore : public Store {
 
  private:
   std::shared_ptr<Collection> find(const std::string& name);
+  std::shared_ptr<Collection> opened(const std::string& name);
   std::filesystem::path pathOf(const std::string& name) const;
   std::filesystem::path freshTemporary();
   void removeLeftovers() const;

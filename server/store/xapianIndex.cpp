@@ -406,26 +406,33 @@ class XapianIndex::Writer {
   std::vector<ParseOutcome> refused_;
 };
 
-void XapianIndex::create(const std::filesystem::path& path, const std::string& language) {
-  translated([&] {
+void XapianIndex::create(const std::filesystem::path& collection, const std::string& language) {
+  const std::filesystem::path path = collection / IndexSums::kIndexDirectory;
+  const std::uint64_t revision = translated([&] {
     Xapian::WritableDatabase database(path.string(), Xapian::DB_CREATE);
     database.set_metadata(kLanguageEntry, language);
     database.set_metadata(kSchemaEntry, std::string(kSchemaVersion));
     database.commit();
-    return true;
+    return database.get_revision();
   });
   syncDirectory(path);
+  IndexSums::create(collection, revision);
 }
 
-XapianIndex::XapianIndex(std::filesystem::path path, IndexLimits limits)
-    : path_(std::move(path)), limits_(limits) {
+XapianIndex::XapianIndex(const std::filesystem::path& collection, IndexLimits limits)
+    : path_(collection / IndexSums::kIndexDirectory), limits_(limits) {
+  if (IndexSums::existIn(collection)) sums_.emplace(collection).verify();
   translated([&] {
-    const std::string schema = Xapian::Database(path_.string()).get_metadata(kSchemaEntry);
-    if (schema == kSchemaVersion) return true;
-    throw ServerError(ErrorKind::StorageFailed,
-                      fmt::format("{} was written by another version of this server (schema {}); "
-                                  "add its documents to a new collection",
-                                  path_.string(), shown(schema)));
+    const Xapian::Database database(path_.string());
+    const std::string schema = database.get_metadata(kSchemaEntry);
+    if (schema != kSchemaVersion) {
+      throw ServerError(ErrorKind::StorageFailed,
+                        fmt::format("{} was written by another version of this server (schema {}); "
+                                    "add its documents to a new collection",
+                                    path_.string(), shown(schema)));
+    }
+    if (!sums_) sums_ = IndexSums::create(collection, database.get_revision());
+    return true;
   });
 }
 
@@ -435,7 +442,13 @@ std::vector<ParseOutcome> XapianIndex::apply(const ChangeSource& changes, const 
   Writer writer(path_, limits_, stop);
   changes([&](Change&& change) { writer.add(std::move(change)); });
   writer.flush();
+  sums_->endChange(translated([&] { return Xapian::Database(path_.string()).get_revision(); }));
   return writer.takeRefused();
+}
+
+void XapianIndex::beginUpdate() {
+  sums_->verifyIfDue();
+  sums_->beginChange();
 }
 
 std::unique_ptr<HitSource> XapianIndex::search(const SearchQuery& query,

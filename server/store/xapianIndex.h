@@ -5,11 +5,13 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "server/base/memoryBudget.h"
 #include "server/store/change.h"
+#include "server/store/indexSums.h"
 #include "server/store/store.h"
 
 namespace corvaned {
@@ -34,11 +36,14 @@ struct IndexLimits {
 /// one thread at a time may apply changes. Errors are ServerError.
 class XapianIndex {
  public:
-  /// Creates an empty database whose words are stemmed for `language` ("en_us", "de", ...). If
-  /// there is no stemmer for the language, words are indexed unchanged.
-  static void create(const std::filesystem::path& path, const std::string& language);
+  /// Creates, in the directory of a collection, an empty database whose words are stemmed for
+  /// `language` ("en_us", "de", ...). If there is no stemmer for the language, words are indexed
+  /// unchanged.
+  static void create(const std::filesystem::path& collection, const std::string& language);
 
-  XapianIndex(std::filesystem::path path, IndexLimits limits);
+  /// Compares the database with its checksums first, and throws if it is damaged: the engine must
+  /// not see that. A database of an earlier version gets checksums.
+  XapianIndex(const std::filesystem::path& collection, IndexLimits limits);
   ~XapianIndex();
   XapianIndex(const XapianIndex&) = delete;
   XapianIndex& operator=(const XapianIndex&) = delete;
@@ -47,6 +52,9 @@ class XapianIndex {
   /// Called between transactions; true stops the work.
   using StopCheck = std::function<bool()>;
 
+  /// Comes before apply(). The caller brings the collection's directory to disk in between. Throws
+  /// if the database is damaged.
+  void beginUpdate();
   /// Applies changes to the database in transactions of bounded size, durably. Leaves out and
   /// returns the documents that the database refuses. Throws if the storage fails or `stop` returns
   /// true; part of the changes may then be applied, and applying all of them again is safe.
@@ -67,6 +75,7 @@ class XapianIndex {
 
   const std::filesystem::path path_;
   const IndexLimits limits_;
+  std::optional<IndexSums> sums_;  // Used by the thread that applies changes.
   std::mutex mutex_;
   std::vector<std::unique_ptr<Reader>> idleReaders_;  // Guarded by mutex_.
 };

@@ -7,11 +7,14 @@
 #include <array>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <map>
 #include <memory>
 
 #include "server/base/errors.h"
+#include "server/store/indexSums.h"
+#include "server/store/journalScan.h"
 #include "server/store/localStore.h"
 #include "tests/server/changeHistory.h"
 #include "tests/server/store/killPoint.h"
@@ -186,6 +189,56 @@ class StoreKillTest : public ::testing::Test {
     return after;
   }
 
+  // The seeds' histories, killed at each call in turn.
+  void killEverywhere(std::uint64_t seedCount, bool earlierForm) {
+    for (const std::uint64_t seed : test::seeds(seedCount)) {
+      SCOPED_TRACE("KRUCOMM_SEED=" + std::to_string(seed));
+      std::filesystem::remove_all(directory_.path() / "data");
+      StepSource source(seed);
+      const Model before = prepare(source.make({}, 20));
+      if (earlierForm) makeEarlier();
+      const Steps steps = source.make(before, 8);
+      for (std::uint64_t call = 1;; ++call) {
+        SCOPED_TRACE("call " + std::to_string(call));
+        bool killed = false;
+        ASSERT_NO_THROW({
+          killed = survives(before, steps, {call, false}, source);
+          survives(before, steps, {call, true}, source);
+        });
+        if (HasFailure()) return;
+        if (!killed) {
+          EXPECT_GT(call, 1U) << "the calls are not counted";
+          break;
+        }
+      }
+    }
+  }
+
+  // Turns the collections into those of an earlier version: no numbers, no checksums.
+  void makeEarlier() const {
+    for (const auto& entry :
+         std::filesystem::directory_iterator(directory_.path() / "data" / "collections")) {
+      const std::filesystem::path& collection = entry.path();
+      std::filesystem::remove(JournalMark::pathIn(collection));
+      std::filesystem::remove(IndexSums::pathIn(collection));
+      std::filesystem::remove(IndexSums::changingPathIn(collection));
+      for (std::uint64_t number = 1; number < 100; ++number) {
+        const std::filesystem::path segment = segmentPath(collection, number);
+        if (std::filesystem::exists(segment)) makeEarlier(segment);
+      }
+    }
+  }
+
+  static void makeEarlier(const std::filesystem::path& segment) {
+    std::string bytes;
+    SegmentReader reader(segment);
+    while (const auto piece = reader.next()) {
+      const std::string numbered = encodeEntry(piece->change);
+      bytes += "KRJ1" + numbered.substr(4, 8) + numbered.substr(32);
+    }
+    std::ofstream(segment, std::ios::binary | std::ios::trunc) << bytes;
+  }
+
   // Makes the store from which the histories go on.
   Model prepare(const Steps& steps) {
     StoreSubject subject(directory_.path() / "data");
@@ -198,27 +251,10 @@ class StoreKillTest : public ::testing::Test {
   tq::test::TemporaryDirectory directory_;
 };
 
-TEST_F(StoreKillTest, EveryCallOfRandomHistoriesMayBeTheLast) {
-  for (const std::uint64_t seed : test::seeds(4)) {
-    SCOPED_TRACE("KRUCOMM_SEED=" + std::to_string(seed));
-    std::filesystem::remove_all(directory_.path() / "data");
-    StepSource source(seed);
-    const Model before = prepare(source.make({}, 20));
-    const Steps steps = source.make(before, 8);
-    for (std::uint64_t call = 1;; ++call) {
-      SCOPED_TRACE("call " + std::to_string(call));
-      bool killed = false;
-      ASSERT_NO_THROW({
-        killed = survives(before, steps, {call, false}, source);
-        survives(before, steps, {call, true}, source);
-      });
-      if (HasFailure()) return;
-      if (!killed) {
-        EXPECT_GT(call, 1U) << "the calls are not counted";
-        break;
-      }
-    }
-  }
+TEST_F(StoreKillTest, EveryCallOfRandomHistoriesMayBeTheLast) { killEverywhere(4, false); }
+
+TEST_F(StoreKillTest, EveryCallMayBeTheLastWhileAnEarlierFormIsTakenOver) {
+  killEverywhere(1, true);
 }
 
 }  // namespace

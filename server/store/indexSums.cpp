@@ -1,0 +1,256 @@
+#include "server/store/indexSums.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <utility>
+
+#include "server/base/bytes.h"
+#include "server/store/checksum.h"
+
+namespace corvaned {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::string_view kMagic = "KRS1";
+constexpr std::string_view kTableSuffix = ".glass";
+constexpr const char* kVersionFile = "iamglass";
+// That of the engine's tables. Each block begins with the revision that wrote it.
+constexpr std::size_t kBlock = 8192;
+constexpr std::size_t kRevisionBytes = 4;
+constexpr std::size_t kSlice = 128 * kBlock;
+
+/// As many of the bytes from `place` on as there are.
+std::string readAt(const FileHandle& file, std::uint64_t place, std::size_t count,
+                   const std::filesystem::path& path) {
+  std::string bytes(count, '\0');
+  std::size_t held = 0;
+  while (held < count) {
+    const ssize_t got =
+        ::pread(file.get(), bytes.data() + held, count - held, static_cast<off_t>(place + held));
+    if (got < 0 && errno != EINTR) throwSystemError("cannot read", path);
+    if (got == 0) break;
+    if (got > 0) held += static_cast<std::size_t>(got);
+  }
+  bytes.resize(held);
+  return bytes;
+}
+
+std::string readWhole(const std::filesystem::path& path) {
+  return readAt(openFile(path, O_RDONLY), 0, std::filesystem::file_size(path), path);
+}
+
+std::uint64_t blocksOf(std::uint64_t size) { return size / kBlock + (size % kBlock == 0 ? 0 : 1); }
+
+void appendText(std::string& out, std::string_view text) {
+  appendU32(out, static_cast<std::uint32_t>(text.size()));
+  out += text;
+}
+
+std::uint32_t revisionOf(std::string_view block) {
+  return block.size() < kRevisionBytes ? 0 : loadU32(block);
+}
+
+std::uint32_t revisionAt(const FileHandle& file, std::uint64_t place,
+                         const std::filesystem::path& path) {
+  std::array<char, kRevisionBytes> bytes{};
+  const ssize_t got = ::pread(file.get(), bytes.data(), bytes.size(), static_cast<off_t>(place));
+  if (got < 0) throwSystemError("cannot read", path);
+  return revisionOf({bytes.data(), static_cast<std::size_t>(got)});
+}
+
+}  // namespace
+
+std::filesystem::path IndexSums::pathIn(const std::filesystem::path& collection) {
+  return collection / "index-sums";
+}
+
+std::filesystem::path IndexSums::changingPathIn(const std::filesystem::path& collection) {
+  return collection / "index-sums-changing";
+}
+
+bool IndexSums::existIn(const std::filesystem::path& collection) {
+  return std::filesystem::exists(pathIn(collection)) ||
+         std::filesystem::exists(changingPathIn(collection));
+}
+
+IndexSums::IndexSums(std::filesystem::path collection) : collection_(std::move(collection)) {
+  changing_ = !std::filesystem::exists(pathIn(collection_));
+  const std::filesystem::path path = changing_ ? changingPathIn(collection_) : pathIn(collection_);
+  decode(readWhole(path), path);
+}
+
+IndexSums IndexSums::create(const std::filesystem::path& collection, std::uint64_t revision) {
+  IndexSums sums(collection, Fresh{});
+  sums.changing_ = true;
+  sums.endChange(revision);
+  return sums;
+}
+
+void IndexSums::decode(std::string_view bytes, const std::filesystem::path& path) {
+  const std::size_t end = bytes.size() < kMagic.size() + 4 ? 0 : bytes.size() - 4;
+  if (end == 0 || !bytes.starts_with(kMagic) ||
+      checksumOf(bytes.substr(0, end)) != loadU32(bytes.substr(end))) {
+    throwDamaged({path, 0, "the checksums of the index cannot be read"});
+  }
+  // Whole, as the checksum says, so nothing in it can be missing.
+  ByteReader reader(bytes.substr(kMagic.size(), end - kMagic.size()));
+  revision_ = loadU64(*reader.take(8));
+  reader.u32();
+  for (std::uint32_t left = *reader.u32(); left > 0; --left) {
+    const std::string name(*reader.take(*reader.u32()));
+    FileSums& sums = files_[name];
+    sums.size = loadU64(*reader.take(8));
+    if (name == kVersionFile) {
+      sums.content = *reader.take(*reader.u32());
+    } else {
+      sums.blocks.resize(blocksOf(sums.size));
+      for (std::uint32_t& block : sums.blocks) block = *reader.u32();
+    }
+  }
+}
+
+std::string IndexSums::encoded() const {
+  std::string bytes(kMagic);
+  appendU64(bytes, revision_);
+  appendU32(bytes, kBlock);
+  appendU32(bytes, static_cast<std::uint32_t>(files_.size()));
+  for (const auto& [name, sums] : files_) {
+    appendText(bytes, name);
+    appendU64(bytes, sums.size);
+    if (name == kVersionFile) {
+      appendText(bytes, sums.content);
+    } else {
+      for (const std::uint32_t block : sums.blocks) appendU32(bytes, block);
+    }
+  }
+  appendU32(bytes, checksumOf(bytes));
+  return bytes;
+}
+
+void IndexSums::verify(const Visitor& onDamage) {
+  const Clock::time_point start = Clock::now();
+  for (const auto& [name, sums] : files_) verifyFile(name, sums, onDamage);
+  verified_ = Clock::now();
+  cost_ = verified_ - start;
+}
+
+void IndexSums::verify() { verify(throwDamaged); }
+
+void IndexSums::verifyIfDue() {
+  constexpr std::uint64_t kSmall = std::uint64_t{4} << 20U;
+  constexpr int kShareOfTime = 20;
+  std::uint64_t bytes = 0;
+  for (const auto& [name, sums] : files_) bytes += sums.size;
+  if (bytes <= kSmall || Clock::now() - verified_ >= kShareOfTime * cost_) verify();
+}
+
+void IndexSums::verifyFile(const std::string& name, const FileSums& sums,
+                           const Visitor& onDamage) const {
+  const std::filesystem::path path = indexPath() / name;
+  if (!std::filesystem::exists(path)) return onDamage({path, 0, "the file is missing"});
+  if (name == kVersionFile) return verifyContent(path, sums, onDamage);
+  verifyBlocks(path, sums, onDamage);
+}
+
+void IndexSums::verifyContent(const std::filesystem::path& path, const FileSums& sums,
+                              const Visitor& onDamage) const {
+  const std::string found = readWhole(path);
+  // A commit replaces this file; only the end of the whole update is noted.
+  if (changing_ || found == sums.content) return;
+  const auto difference =
+      std::mismatch(found.begin(), found.end(), sums.content.begin(), sums.content.end());
+  onDamage({path, static_cast<std::uint64_t>(difference.first - found.begin()),
+            "it differs from its copy in the checksums"});
+}
+
+void IndexSums::verifyBlocks(const std::filesystem::path& path, const FileSums& sums,
+                             const Visitor& onDamage) const {
+  const FileHandle file = openFile(path, O_RDONLY);
+  std::string slice;
+  for (std::size_t i = 0; i < sums.blocks.size(); ++i) {
+    const std::uint64_t place = std::uint64_t{i} * kBlock;
+    if (place % kSlice == 0) slice = readAt(file, place, kSlice, path);
+    const std::size_t start = std::min<std::size_t>(place % kSlice, slice.size());
+    const std::uint64_t known = std::min<std::uint64_t>(kBlock, sums.size - place);
+    const std::string_view block = std::string_view(slice).substr(start, known);
+    if (checksumOf(block) == sums.blocks[i] && block.size() == known) continue;
+    if (changing_ && isNewer(block)) continue;
+    onDamage(
+        {path, place,
+         block.size() < known ? "the file is cut off" : "the block differs from its checksum"});
+  }
+  const std::uint64_t size = std::filesystem::file_size(path);
+  if (size > sums.size && !changing_) {
+    onDamage({path, sums.size, fmt::format("the file has {} bytes too many", size - sums.size)});
+  }
+}
+
+bool IndexSums::isNewer(std::string_view block) const { return revisionOf(block) > revision_; }
+
+void IndexSums::beginChange() {
+  if (changing_) return;
+  std::filesystem::rename(pathIn(collection_), changingPathIn(collection_));
+  changing_ = true;
+}
+
+void IndexSums::endChange(std::uint64_t revision) {
+  readIndex(std::exchange(revision_, revision));
+  write();
+  changing_ = false;
+}
+
+void IndexSums::readIndex(std::uint64_t knownRevision) {
+  for (const auto& entry : std::filesystem::directory_iterator(indexPath())) {
+    const std::string name = entry.path().filename().string();
+    if (name != kVersionFile && !name.ends_with(kTableSuffix)) continue;
+    FileSums& sums = files_[name];
+    if (name == kVersionFile) {
+      sums.content = readWhole(entry.path());
+      sums.size = sums.content.size();
+    } else {
+      readBlocks(entry.path(), sums, knownRevision);
+    }
+  }
+}
+
+// Only blocks that the engine has written since. The others keep their checksums, so that damage in
+// them stays visible.
+void IndexSums::readBlocks(const std::filesystem::path& path, FileSums& sums,
+                           std::uint64_t knownRevision) {
+  const FileHandle file = openFile(path, O_RDONLY);
+  const std::size_t known = sums.blocks.size();
+  sums.size = std::filesystem::file_size(path);
+  sums.blocks.resize(blocksOf(sums.size));
+  for (std::size_t i = 0; i < sums.blocks.size(); ++i) {
+    const std::uint64_t place = std::uint64_t{i} * kBlock;
+    if (i < known && revisionAt(file, place, path) <= knownRevision) continue;
+    sums.blocks[i] = checksumOf(readAt(file, place, kBlock, path));
+  }
+}
+
+void IndexSums::write() {
+  const std::filesystem::path path = pathIn(collection_);
+  const std::filesystem::path passing = path.string() + ".new";
+  {
+    const FileHandle file = openFile(passing, O_WRONLY | O_CREAT | O_TRUNC);
+    writeAll(file, encoded(), passing);
+    syncFile(file, passing);
+  }
+  std::filesystem::rename(passing, path);
+  std::filesystem::remove(changingPathIn(collection_));
+  syncDirectory(collection_);
+}
+
+std::optional<std::string> IndexSums::contentOf(const std::string& file) const {
+  const auto found = files_.find(file);
+  if (changing_ || found == files_.end() || found->second.content.empty()) return std::nullopt;
+  return found->second.content;
+}
+
+}  // namespace corvaned

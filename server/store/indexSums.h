@@ -1,0 +1,98 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "server/store/damage.h"
+#include "server/store/files.h"
+
+namespace corvaned {
+
+/// Checksums of the files of an index, since the engine has none: a changed bit would lead it to
+/// wrong results, into an endless loop or out of its memory.
+///
+/// The file "index-sums" beside the index holds them while the index rests. Every byte must then be
+/// as it says. While the index is changed the file is called "index-sums-changing": it still holds
+/// for all blocks but those that the engine has written since, which begin with a higher revision.
+/// An update that was interrupted leaves that name.
+///
+///     0   4  "KRS1"
+///     4   8  revision of the index
+///     12  4  size of a block
+///     16  4  number of files; then for each file: its name with a 4-byte length in front, its size
+///            (8 bytes), the CRC-32 of each of its blocks (4 bytes each); and instead of the latter
+///            the whole content, with a 4-byte length in front, for the file "iamglass"
+///     end 4  CRC-32 of everything before
+///
+/// Used by one thread at a time. Errors are ServerError(StorageFailed).
+class IndexSums {
+ public:
+  using Visitor = std::function<void(const Damage& damage)>;
+
+  /// `collection` is the directory that holds the index and the checksums.
+  static bool existIn(const std::filesystem::path& collection);
+  /// Reads the checksums. Throws if they are damaged.
+  explicit IndexSums(std::filesystem::path collection);
+  /// Makes checksums of the index as it is, durably.
+  static IndexSums create(const std::filesystem::path& collection, std::uint64_t revision);
+
+  /// Reads the whole index and passes on every block that is not as it was written.
+  void verify(const Visitor& onDamage);
+  /// Throws for the first damage.
+  void verify();
+  /// The same, but reads a large index only if that costs little of the time since it was last
+  /// read.
+  void verifyIfDue();
+
+  /// Comes before a change of the index, and the caller brings the collection's directory to disk
+  /// before it changes anything.
+  void beginChange();
+  /// The change is on disk; makes the new checksums durable.
+  void endChange(std::uint64_t revision);
+
+  /// The content that the file must have, if it is one that is kept whole.
+  std::optional<std::string> contentOf(const std::string& file) const;
+
+  static constexpr const char* kIndexDirectory = "index";
+  static std::filesystem::path pathIn(const std::filesystem::path& collection);
+  static std::filesystem::path changingPathIn(const std::filesystem::path& collection);
+
+ private:
+  struct FileSums {
+    std::uint64_t size = 0;
+    std::vector<std::uint32_t> blocks;
+    std::string content;
+  };
+  struct Fresh {};
+
+  IndexSums(std::filesystem::path collection, Fresh) : collection_(std::move(collection)) {}
+
+  std::filesystem::path indexPath() const { return collection_ / kIndexDirectory; }
+  void decode(std::string_view bytes, const std::filesystem::path& path);
+  std::string encoded() const;
+  void readIndex(std::uint64_t knownRevision);
+  void readBlocks(const std::filesystem::path& path, FileSums& sums, std::uint64_t knownRevision);
+  void write();
+  void verifyFile(const std::string& name, const FileSums& sums, const Visitor& onDamage) const;
+  void verifyContent(const std::filesystem::path& path, const FileSums& sums,
+                     const Visitor& onDamage) const;
+  void verifyBlocks(const std::filesystem::path& path, const FileSums& sums,
+                    const Visitor& onDamage) const;
+  bool isNewer(std::string_view block) const;
+
+  std::filesystem::path collection_;
+  std::uint64_t revision_ = 0;
+  std::map<std::string, FileSums> files_;
+  bool changing_ = false;
+  std::chrono::steady_clock::time_point verified_;
+  std::chrono::steady_clock::duration cost_{};
+};
+
+}  // namespace corvaned

@@ -1,0 +1,275 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <spdlog/spdlog.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "server/base/errors.h"
+#include "server/store/indexSums.h"
+#include "server/store/localStore.h"
+#include "tests/support/temporaryDirectory.h"
+
+// A collection in which single bits were changed: it holds all that it should, or is refused with
+// the file and the place. Every byte of every file takes its turn with KRUCOMM_LONG=1, otherwise a
+// sample that is always the same.
+namespace corvaned {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::UnorderedElementsAre;
+
+class DamageTest : public ::testing::Test {
+ protected:
+  using Files = std::map<std::filesystem::path, std::string>;
+  using Keys = std::vector<std::string>;
+
+  // What was being written when a server stopped is logged when it is dropped.
+  DamageTest() { spdlog::set_level(spdlog::level::off); }
+
+  std::filesystem::path data() const { return directory_.path() / "data"; }
+  std::filesystem::path collection() const { return data() / "collections" / "c"; }
+  std::filesystem::path sums() const { return collection() / "index-sums"; }
+
+  /// Three documents in the index; a fourth one and the removal of the third in the journal.
+  void write() const {
+    LocalStore store(data(), {});
+    store.createCollection("c", "en");
+    for (const char* key : {"k1", "k2", "k3"}) add(store, key);
+    store.updateIndex("c");
+    add(store, "k4");
+    store.deleteDocument("c", "k3");
+  }
+
+  static void add(LocalStore& store, const std::string& key) {
+    store.addDocument("c", {key, {{"title", "about " + key}}, "the quick brown fox"});
+  }
+
+  static Keys found(LocalStore& store) {
+    SearchQuery query;
+    query.text = "fox";
+    const auto hits = store.search("c", query);
+    Keys keys;
+    for (Hit hit; hits->next(hit);) keys.push_back(hit.key);
+    return keys;
+  }
+
+  static std::string read(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+  static void rewrite(const std::filesystem::path& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+  }
+
+  Files files() const {
+    Files files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(collection())) {
+      if (entry.is_regular_file()) files[entry.path()] = read(entry.path());
+    }
+    return files;
+  }
+
+  void restore(const Files& files) const {
+    std::filesystem::remove_all(collection());
+    for (const auto& [path, bytes] : files) {
+      std::filesystem::create_directories(path.parent_path());
+      rewrite(path, bytes);
+    }
+  }
+
+  /// Why the collection is refused; empty if it holds all that it should, also after an update.
+  std::string refusal() const {
+    LocalStore store(data(), {});
+    try {
+      EXPECT_THAT(found(store), ElementsAre("k1", "k2"));
+      store.updateIndex("c");
+      EXPECT_THAT(found(store), ElementsAre("k1", "k2", "k4"));
+      return {};
+    } catch (const ServerError& error) {
+      EXPECT_EQ(error.kind(), ErrorKind::StorageFailed);
+      return error.what();
+    }
+  }
+
+  template <typename Work>
+  static std::string refusalOf(const Work& work) {
+    try {
+      work();
+    } catch (const ServerError& error) {
+      EXPECT_EQ(error.kind(), ErrorKind::StorageFailed);
+      return error.what();
+    }
+    return {};
+  }
+
+  tq::test::TemporaryDirectory directory_;
+};
+
+TEST_F(DamageTest, EveryChangedBitIsHarmlessOrNamed) {
+  write();
+  const Files whole = files();
+  std::vector<std::pair<std::filesystem::path, std::size_t>> places;
+  for (const auto& [path, bytes] : whole) {
+    for (std::size_t i = 0; i < bytes.size(); ++i) places.emplace_back(path, i);
+  }
+  std::mt19937 random(1);
+  std::shuffle(places.begin(), places.end(), random);
+  if (std::getenv("KRUCOMM_LONG") == nullptr) places.resize(500);
+  std::map<std::string, int> refused;
+  for (const auto& [path, place] : places) {
+    std::string bytes = whole.at(path);
+    const auto bit = random() % 8;
+    SCOPED_TRACE(path.string() + " byte " + std::to_string(place) + " bit " + std::to_string(bit));
+    bytes[place] = static_cast<char>(bytes[place] ^ (1 << bit));
+    rewrite(path, bytes);
+    const std::string reason = refusal();
+    if (reason.empty()) {
+      restore(whole);
+      continue;
+    }
+    ++refused[path.filename().string()];
+    EXPECT_THAT(reason, HasSubstr(path.string()));
+    EXPECT_THAT(reason, HasSubstr(" is damaged at byte "));
+    EXPECT_TRUE(read(path) == bytes) << "a damaged file was changed";
+    rewrite(path, whole.at(path));
+    ASSERT_FALSE(HasFailure());
+  }
+  for (const char* name : {"postlist.glass", "termlist.glass", "docdata.glass", "position.glass"}) {
+    EXPECT_GT(refused[name], 10) << name;
+  }
+}
+
+TEST_F(DamageTest, FilesOfTheIndexThatAreCutOrMissingAreNamed) {
+  write();
+  const Files whole = files();
+  for (const auto& [path, bytes] : whole) {
+    if (path.parent_path() != collection() / "index" || path.filename() == "flintlock") continue;
+    SCOPED_TRACE(path.string());
+    for (const std::size_t length : {std::size_t{0}, bytes.size() / 2, bytes.size() - 1}) {
+      rewrite(path, bytes.substr(0, length));
+      EXPECT_THAT(refusal(), HasSubstr(path.string()));
+    }
+    rewrite(path, bytes + "x");
+    EXPECT_THAT(refusal(), HasSubstr(path.string()));
+    std::filesystem::remove(path);
+    EXPECT_THAT(refusal(), HasSubstr(path.string() + " is damaged at byte 0: the file is missing"));
+    restore(whole);
+  }
+}
+
+TEST_F(DamageTest, ChecksumsThatAreGoneAreMissed) {
+  write();
+  std::filesystem::remove(sums());
+  EXPECT_THAT(refusal(), HasSubstr(sums().string()));
+}
+
+TEST_F(DamageTest, NumbersThatAreGoneAreMissedAlsoWithoutChanges) {
+  write();
+  for (const auto& [path, bytes] : files()) {
+    if (path.filename().string().starts_with("journal-")) std::filesystem::remove(path);
+  }
+  EXPECT_THAT(refusal(), HasSubstr("journal-0000000000"));
+}
+
+TEST_F(DamageTest, DamageSinceTheOpeningIsNoticedBeforeAnUpdateAndWrittenNowhere) {
+  write();
+  LocalStore store(data(), {});
+  store.openCollection("c");
+  const std::filesystem::path table = collection() / "index" / "docdata.glass";
+  std::string bytes = read(table);
+  bytes[bytes.size() - 100] = static_cast<char>(bytes[bytes.size() - 100] ^ 4);
+  rewrite(table, bytes);
+  EXPECT_THAT(refusalOf([&] { store.updateIndex("c"); }), HasSubstr(table.string()));
+  EXPECT_TRUE(read(table) == bytes) << "it was changed";
+}
+
+TEST_F(DamageTest, DamageOfOneCollectionLeavesTheOthersAlone) {
+  write();
+  rewrite(collection() / "index" / "iamglass", "x");
+  LocalStore store(data(), {});
+  store.createCollection("d", "en");
+  EXPECT_THAT(refusalOf([&] { store.openCollection("c"); }), HasSubstr("iamglass"));
+  store.addDocument("d", {"k", {}, "fox"});
+  store.updateIndex("d");
+  EXPECT_EQ(store.estimate("d", "fox").hits, 1U);
+}
+
+TEST_F(DamageTest, DamagedCollectionIsDroppedAndMadeAnew) {
+  write();
+  for (const char* file : {"index/iamglass", "index/postlist.glass", "index-sums",
+                           "journal-0000000000", "journal-0000000002"}) {
+    SCOPED_TRACE(file);
+    rewrite(collection() / file, "x");
+    LocalStore store(data(), {});
+    EXPECT_THAT(refusalOf([&] { store.openCollection("c"); }), HasSubstr(file));
+    store.deleteCollection("c");
+    EXPECT_FALSE(std::filesystem::exists(collection()));
+    store.createCollection("c", "en");
+    EXPECT_THAT(found(store), IsEmpty());
+    add(store, "k1");
+    store.updateIndex("c");
+    EXPECT_THAT(found(store), ElementsAre("k1"));
+    add(store, "k2");
+  }
+}
+
+TEST_F(DamageTest, InterruptedUpdateIsGoneOnWithAndItsOldBlocksAreStillWatched) {
+  write();
+  {
+    LocalStore store(data(), {});
+    store.openCollection("c");
+  }
+  // As after a crash between the update's beginning and its end.
+  std::filesystem::rename(sums(), collection() / "index-sums-changing");
+  const Files whole = files();
+  EXPECT_EQ(refusal(), "");
+  EXPECT_TRUE(std::filesystem::exists(sums()));
+  EXPECT_FALSE(std::filesystem::exists(collection() / "index-sums-changing"));
+  restore(whole);
+  const std::filesystem::path table = collection() / "index" / "postlist.glass";
+  std::string bytes = whole.at(table);
+  // Behind the head of the block, which says when it was written.
+  bytes[8192 + 100] = static_cast<char>(bytes[8192 + 100] ^ 1);
+  rewrite(table, bytes);
+  EXPECT_THAT(refusal(), HasSubstr(table.string() + " is damaged at byte 8192"));
+}
+
+TEST_F(DamageTest, IndexOfAnEarlierVersionGetsChecksums) {
+  {
+    LocalStore store(data(), {});
+    store.createCollection("c", "en");
+  }
+  for (const char* file : {"index-sums", "journal-0000000000", "journal-0000000001"}) {
+    std::filesystem::remove(collection() / file);
+  }
+  LocalStore store(data(), {});
+  EXPECT_EQ(store.state("c"), CollectionState::Current);
+  EXPECT_TRUE(std::filesystem::exists(sums()));
+}
+
+TEST_F(DamageTest, EveryBlockThatAnUpdateWritesHasItsChecksum) {
+  LocalStore store(data(), {});
+  store.createCollection("c", "en");
+  for (int round = 0; round < 30; ++round) {
+    for (int i = 0; i < 20; ++i) {
+      const std::string text = "word" + std::to_string(round * 7 + i) + " common " +
+                               std::string(static_cast<std::size_t>(100 * (i % 5)), 'x');
+      store.addDocument("c", {"k" + std::to_string((round * 13 + i) % 200), {}, text});
+    }
+    if (round % 3 == 0) store.deleteDocument("c", "k" + std::to_string(round));
+    store.updateIndex("c");
+    EXPECT_EQ(refusalOf([&] { IndexSums(collection()).verify(); }), "") << round;
+  }
+}
+
+}  // namespace
+}  // namespace corvaned
