@@ -80,13 +80,12 @@ Reply Dispatcher::handle(Request request) {
 
 Reply Dispatcher::serve(Request& request, std::string& errorId) {
   try {
+    // Strangers learn nothing, not even which actions there are.
+    if (request.refusal && isOfAccess(*request.refusal)) throw *request.refusal;
     if (!request.defect.empty()) throw ServerError(ErrorKind::MalformedRequest, request.defect);
     const Action& action = requireAction(request);
-    // A refusal that no reply can tell is told by the action, if it may be carried out at all.
-    if (request.refusal &&
-        (action.answer == Action::Answer::Always || isOfAccess(*request.refusal))) {
-      throw *request.refusal;
-    }
+    // A refusal that no reply can tell is told by the action.
+    if (request.refusal && action.answer == Action::Answer::Always) throw *request.refusal;
     return action.serve({store_, version_}, request);
   } catch (const ServerError& error) {
     return refuse(request, errorReply(error.kind(), error.what()), errorId);

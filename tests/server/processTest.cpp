@@ -92,7 +92,8 @@ TEST_F(ProcessTest, UsageErrorsAreExplained) {
   CorvanedProgram unwritable({"--http-port", "0", "--data", "/dev/null/x"});
   EXPECT_THAT(unwritable.rest(), HasSubstr("/dev/null/x"));
   EXPECT_EQ(unwritable.wait(), 1);
-  CorvanedProgram nowhere({"--http-port", "0", "--data", data_, "--listen", "example"});
+  CorvanedProgram nowhere(
+      {"--http-port", "0", "--data", data_, "--listen", "example", "--open-to-everybody"});
   EXPECT_THAT(nowhere.rest(), HasSubstr("example"));
   EXPECT_EQ(nowhere.wait(), 1);
 }
