@@ -29,6 +29,7 @@
 #include "server/front/dispatcher.h"
 #include "server/front/monitor.h"
 #include "server/front/server.h"
+#include "server/maintenanceCommand.h"
 #include "server/store/files.h"
 #include "server/store/localStore.h"
 
@@ -299,6 +300,7 @@ int main(int argc, char** argv) {
   // What is stored is nobody else's business, whatever the umask of whoever starts the server.
   ::umask(S_IRWXG | S_IRWXO);
   if (argc > 1 && isAccountCommand(argv[1])) return runAccountCommand(argc, argv);
+  if (argc > 1 && isMaintenanceCommand(argv[1])) return runMaintenanceCommand(argc, argv);
   CLI::App app("corvaned, a full-text search server");
   Options options;
   declareOptions(app, options);

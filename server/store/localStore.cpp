@@ -1,36 +1,16 @@
 #include "server/store/localStore.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <spdlog/spdlog.h>
-#include <sys/file.h>
 
-#include <cerrno>
 #include <system_error>
 #include <utility>
 
 #include "server/base/errors.h"
-#include "server/store/textNormalizer.h"
+#include "server/store/dataDirectory.h"
 
 namespace corvaned {
 namespace {
-
-// File systems limit a name to 255 bytes.
-constexpr std::size_t kMaxDirectoryName = 240;
-
-bool standsForItself(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
-         c == '-';
-}
-
-FileHandle acquire(const std::filesystem::path& path) {
-  FileHandle file = openFile(path, O_RDWR | O_CREAT);
-  if (::flock(file.get(), LOCK_EX | LOCK_NB) == 0) return file;
-  if (errno != EWOULDBLOCK) throwSystemError("cannot lock", path);
-  throw ServerError(ErrorKind::StorageFailed,
-                    "the data directory " + path.parent_path().string() +
-                        " is in use by another server; stop it, or choose another directory");
-}
 
 std::filesystem::path prepared(std::filesystem::path directory) {
   std::error_code error;
@@ -48,33 +28,11 @@ std::filesystem::path prepared(std::filesystem::path directory) {
 
 }  // namespace
 
-std::string directoryNameFor(std::string_view collection) {
-  constexpr std::string_view kDigits = "0123456789ABCDEF";
-  if (collection.empty() || !isUtf8(collection)) {
-    throw ServerError(ErrorKind::BadCollectionName, "a collection's name must be UTF-8 text");
-  }
-  std::string name;
-  for (const char c : collection) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (standsForItself(c))
-      name += c;
-    else
-      name.append({'%', kDigits[byte >> 4U], kDigits[byte & 0xFU]});
-  }
-  if (name.size() > kMaxDirectoryName) {
-    throw ServerError(ErrorKind::BadCollectionName,
-                      "the collection name " + shown(collection) +
-                          " is too long; at most 240 letters and digits are possible, and 80 bytes "
-                          "in any writing");
-  }
-  return name;
-}
-
 LocalStore::LocalStore(std::filesystem::path directory, StoreLimits limits)
     : root_(prepared(std::move(directory))),
-      collectionsRoot_(prepared(root_ / "collections")),
+      collectionsRoot_(prepared(collectionsIn(root_))),
       limits_(limits),
-      lock_(acquire(root_ / "LOCK")) {
+      lock_(lockDataDirectory(root_)) {
   syncDirectory(root_);
   removeLeftovers();
 }

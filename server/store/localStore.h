@@ -5,18 +5,13 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <string_view>
 
 #include "server/store/collection.h"
+#include "server/store/dataDirectory.h"
 #include "server/store/files.h"
 #include "server/store/store.h"
 
 namespace corvaned {
-
-/// The name of a collection's directory: letters, digits, "_" and "-" are kept, every other byte is
-/// written %XX. Different collections never share a directory, and no name leads out of the parent
-/// directory. Throws ServerError(badCollectionName) if the name is empty, too long, or not UTF-8.
-std::string directoryNameFor(std::string_view collection);
 
 /// All collections in one directory, which only one process at a time may use.
 ///

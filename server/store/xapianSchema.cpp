@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <sstream>
+#include <utility>
 
 #include "server/base/base64.h"
 #include "server/base/bytes.h"
@@ -55,11 +56,29 @@ std::string serialized(const Document& document) {
   return bytes;
 }
 
+constexpr std::string_view kPlainIdentity = "Q";
+constexpr std::string_view kEncodedIdentity = "Rbase64:";
+
+std::optional<std::string> takeText(ByteReader& reader) {
+  const auto length = reader.u32();
+  const auto bytes = length ? reader.take(*length) : std::nullopt;
+  return bytes ? std::optional<std::string>(*bytes) : std::nullopt;
+}
+
 }  // namespace
 
 std::string identityTerm(const std::string& key) {
   const bool plain = key.find('\0') == std::string::npos;
-  return plain ? "Q" + key : "Rbase64:" + base64(key);
+  return plain ? std::string(kPlainIdentity) + key : std::string(kEncodedIdentity) + base64(key);
+}
+
+std::optional<std::string> keyOfIdentity(const std::string& term) {
+  if (term.starts_with(kPlainIdentity)) return term.substr(kPlainIdentity.size());
+  if (!term.starts_with(kEncodedIdentity)) return std::nullopt;
+  const std::string text = term.substr(kEncodedIdentity.size());
+  std::string key;
+  if (!tq::util::Base64::decode(text.data(), text.size(), key)) return std::nullopt;
+  return key;
 }
 
 Xapian::Stem stemmerFor(const std::string& language) {
@@ -115,6 +134,23 @@ Xapian::Document makeDocument(const Document& document, const Xapian::Stem& stem
   result.add_value(kKeySlot, document.key);
   result.set_data(serialized(document));
   return result;
+}
+
+std::optional<Document> readDocument(const std::string& key, const std::string& data) {
+  ByteReader reader(data);
+  Document document{key, {}, {}};
+  const auto pairs = reader.u32();
+  if (!pairs) return std::nullopt;
+  for (std::uint32_t i = 0; i < *pairs; ++i) {
+    auto name = takeText(reader);
+    auto value = takeText(reader);
+    if (!name || !value) return std::nullopt;
+    document.metadata.emplace_back(std::move(*name), std::move(*value));
+  }
+  auto content = takeText(reader);
+  if (!content || !reader.empty()) return std::nullopt;
+  document.content = std::move(*content);
+  return document;
 }
 
 }  // namespace corvaned

@@ -27,6 +27,8 @@ constexpr const char* kSchemaEntry = "schema";
 constexpr const char* kFieldsEntry = "fields";
 
 std::string identityTerm(const std::string& key);
+/// The key that has the term. Nothing if it is no identity.
+std::optional<std::string> keyOfIdentity(const std::string& term);
 
 /// The stemmer for a language tag; only the part before "_" or "-" counts. If there is no such
 /// stemmer, one that changes nothing.
@@ -47,6 +49,9 @@ class Fields {
  private:
   std::vector<std::string> names_;
 };
+
+/// The document that makeDocument() stored with this key. Nothing if the data is not of that form.
+std::optional<Document> readDocument(const std::string& key, const std::string& data);
 
 Xapian::Document makeDocument(const Document& document, const Xapian::Stem& stemmer,
                               Fields& fields);

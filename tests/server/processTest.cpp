@@ -82,6 +82,63 @@ TEST_F(ProcessTest, DirectoryIsFreeAtOnceAfterAKill) {
   EXPECT_THAT(second.line(), StartsWith("listening binary"));
 }
 
+TEST_F(ProcessTest, CollectionsAreCheckedAndRepaired) {
+  {
+    CorvanedProgram server(arguments());
+    RawClient client(portOf(server.line()));
+    client.send(binaryRequest({{"action", "createCollection"}, {"index", "c"}}));
+    EXPECT_EQ(client.receive(2), std::string("\0\1", 2));
+    for (const char* key : {"first", "second"}) {
+      client.send(binaryRequest({{"action", "addDocument"}, {"index", "c"}},
+                                test::documentBlock(key, {}, "fox")));
+      EXPECT_EQ(client.receive(2), std::string("\0\1", 2));
+    }
+    CorvanedProgram beside({"check", data_});
+    EXPECT_THAT(beside.rest(), HasSubstr("in use by another server"));
+    EXPECT_EQ(beside.wait(), 1);
+    server.signal(SIGTERM);
+    EXPECT_EQ(server.wait(), 0);
+  }
+  {
+    CorvanedProgram check({"check", data_});
+    EXPECT_EQ(check.rest(), "\"c\": sound, 2 changes wait for updateIndex\n");
+    EXPECT_EQ(check.wait(), 0);
+  }
+  const std::string journal = data_ + "/collections/c/journal-0000000001";
+  {
+    std::fstream file(journal, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(40);
+    file.put('~');
+  }
+  CorvanedProgram check({"check", "--json", data_, "c"});
+  EXPECT_THAT(check.rest(), AllOf(StartsWith("[{\"collection\":\"c\",\"sound\":false,"),
+                                  HasSubstr("\"file\":\"" + journal + "\",\"byte\":0,"),
+                                  HasSubstr("\"firstLost\":1,\"lastLost\":1")));
+  EXPECT_EQ(check.wait(), 3);
+  CorvanedProgram repair({"repair", data_, "c"});
+  EXPECT_THAT(
+      repair.rest(),
+      AllOf(HasSubstr(journal + " is damaged at byte 0: change 1 cannot be read"),
+            HasSubstr("the collection is in " + data_ + "/before-repair/c.1\n"),
+            HasSubstr("kept: 0 documents of the index, 1 changes"), HasSubstr("lost: change 1")));
+  EXPECT_EQ(repair.wait(), 3);
+  CorvanedProgram again({"repair", data_, "c"});
+  EXPECT_EQ(again.rest(), "\"c\": sound, 1 changes wait for updateIndex\n");
+  EXPECT_EQ(again.wait(), 0);
+}
+
+TEST_F(ProcessTest, WrongUseOfCheckAndRepairIsExplained) {
+  for (const std::vector<std::string>& wrong :
+       {std::vector<std::string>{"check"}, {"repair", data_}, {"check", data_, "--what"}}) {
+    CorvanedProgram program(wrong);
+    EXPECT_THAT(program.rest(), HasSubstr("--help"));
+    EXPECT_EQ(program.wait(), 2);
+  }
+  CorvanedProgram help({"repair", "--help"});
+  EXPECT_THAT(help.rest(), AllOf(HasSubstr("COLLECTION"), HasSubstr("--json")));
+  EXPECT_EQ(help.wait(), 0);
+}
+
 TEST_F(ProcessTest, UsageErrorsAreExplained) {
   CorvanedProgram none({"--data", data_});
   EXPECT_THAT(none.rest(), HasSubstr("port"));

@@ -1,0 +1,199 @@
+#include "server/maintenanceCommand.h"
+
+#include <fmt/format.h>
+#include <spdlog/spdlog.h>
+
+#include <CLI/CLI.hpp>
+#include <exception>
+#include <iostream>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "server/base/base64.h"
+#include "server/base/errors.h"
+#include "server/store/maintenance.h"
+
+namespace corvaned {
+namespace {
+
+constexpr int kFailed = 1;
+constexpr int kMisused = 2;
+constexpr int kDamaged = 3;
+
+struct Arguments {
+  std::string directory;
+  std::string collection;
+  bool json = false;
+};
+
+std::string jsonText(std::string_view text) {
+  std::string result = "\"";
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '"' || c == '\\') {
+      result += '\\';
+      result += c;
+    } else if (byte < 0x20 || byte == 0x7F) {
+      result += fmt::format("\\u{:04x}", static_cast<unsigned>(byte));
+    } else {
+      result += c;
+    }
+  }
+  return result + "\"";
+}
+
+std::string joined(const std::vector<std::string>& objects) {
+  return fmt::format("[{}]", fmt::join(objects, ","));
+}
+
+std::string jsonOf(const Damage& damage) {
+  return fmt::format("\"file\":{},\"byte\":{},\"what\":{}", jsonText(damage.file.string()),
+                     damage.place, jsonText(damage.what));
+}
+
+// Keys are arbitrary bytes, so they are Base64 text, as in the replies of the server.
+std::string jsonOf(const JournalFault& fault) {
+  std::string object = "{" + jsonOf(fault.damage);
+  if (fault.firstLost != 0) {
+    object += fmt::format(",\"firstLost\":{},\"lastLost\":{}", fault.firstLost, fault.lastLost);
+  }
+  if (!fault.key.empty()) object += ",\"key\":" + jsonText("base64:" + base64(fault.key));
+  return object + "}";
+}
+
+std::string jsonOf(const CollectionCheck& check) {
+  std::vector<std::string> journal;
+  for (const JournalFault& fault : check.journal) journal.push_back(jsonOf(fault));
+  std::vector<std::string> index;
+  for (const Damage& damage : check.index) index.push_back("{" + jsonOf(damage) + "}");
+  return fmt::format("\"collection\":{},\"sound\":{},\"changes\":{},\"journal\":{},\"index\":{}",
+                     jsonText(check.name), check.isSound(), check.changes, joined(journal),
+                     joined(index));
+}
+
+std::string jsonOf(const Repair& repair) {
+  std::vector<std::string> lost;
+  for (const LostDocument& document : repair.documentsLost) {
+    lost.push_back(fmt::format(
+        "{{\"number\":{}{}}}", document.number,
+        document.key.empty() ? "" : ",\"key\":" + jsonText("base64:" + base64(document.key))));
+  }
+  return fmt::format(
+      "{{{},\"original\":{},\"documentsKept\":{},\"documentsLost\":{},\"languageLost\":{},"
+      "\"complete\":{}}}",
+      jsonOf(repair.found), jsonText(repair.original.string()), repair.documentsKept, joined(lost),
+      repair.languageLost, repair.losesNothing());
+}
+
+void print(const CollectionCheck& check) {
+  std::cout << fmt::format("{}: {}, {} changes wait for updateIndex\n", shown(check.name),
+                           check.isSound() ? "sound" : "damaged", check.changes);
+  for (const JournalFault& fault : check.journal) {
+    std::cout << "  " << describe(fault.damage);
+    if (!fault.key.empty()) std::cout << ", key " << shown(fault.key);
+    std::cout << "\n";
+  }
+  for (const Damage& damage : check.index) std::cout << "  " << describe(damage) << "\n";
+}
+
+void printLosses(const Repair& repair) {
+  for (const JournalFault& fault : repair.found.journal) {
+    if (fault.firstLost != 0) {
+      std::cout << (fault.firstLost == fault.lastLost
+                        ? fmt::format("  lost: change {}", fault.firstLost)
+                        : fmt::format("  lost: changes {} to {}", fault.firstLost, fault.lastLost));
+    } else {
+      std::cout << "  lost: what stood at byte " << fault.damage.place << " of "
+                << fault.damage.file.string();
+    }
+    if (!fault.key.empty()) std::cout << ", key " << shown(fault.key);
+    std::cout << "\n";
+  }
+  for (const LostDocument& document : repair.documentsLost) {
+    std::cout << fmt::format("  lost: document {}, key {}\n", document.number,
+                             document.key.empty() ? "unknown" : shown(document.key));
+  }
+  if (repair.languageLost) std::cout << "  lost: the language; words are not stemmed any more\n";
+}
+
+void print(const Repair& repair) {
+  print(repair.found);
+  if (repair.original.empty()) return;
+  std::cout << fmt::format("repaired; as it was, the collection is in {}\n",
+                           repair.original.string());
+  std::cout << fmt::format("  kept: {} documents of the index, {} changes\n", repair.documentsKept,
+                           repair.found.changes);
+  if (!repair.losesNothing()) printLosses(repair);
+}
+
+int check(const Arguments& arguments) {
+  const Maintenance maintenance(arguments.directory);
+  const std::vector<std::string> names = arguments.collection.empty()
+                                             ? maintenance.collections()
+                                             : std::vector<std::string>{arguments.collection};
+  int code = 0;
+  std::vector<std::string> objects;
+  for (const std::string& name : names) {
+    const CollectionCheck result = maintenance.check(name);
+    if (!result.isSound()) code = kDamaged;
+    if (arguments.json)
+      objects.push_back("{" + jsonOf(result) + "}");
+    else
+      print(result);
+  }
+  if (arguments.json) std::cout << joined(objects) << "\n";
+  return code;
+}
+
+int repair(const Arguments& arguments) {
+  const Repair result = Maintenance(arguments.directory).repair(arguments.collection);
+  if (arguments.json)
+    std::cout << jsonOf(result) << "\n";
+  else
+    print(result);
+  return result.losesNothing() ? 0 : kDamaged;
+}
+
+CLI::App* declare(CLI::App& app, const std::string& name, const std::string& help,
+                  Arguments& arguments, bool needsCollection) {
+  CLI::App* command = app.add_subcommand(name, help);
+  command->add_option("DIR", arguments.directory, "the data directory of a server that is stopped")
+      ->required();
+  auto* collection = command->add_option("COLLECTION", arguments.collection, "the collection");
+  if (needsCollection) collection->required();
+  command->add_flag("--json", arguments.json, "print JSON");
+  return command;
+}
+
+}  // namespace
+
+bool isMaintenanceCommand(std::string_view word) { return word == "check" || word == "repair"; }
+
+int runMaintenanceCommand(int argc, char** argv) {
+  // What is dropped or left out is part of the report.
+  spdlog::set_level(spdlog::level::off);
+  CLI::App app("corvaned, a full-text search server");
+  app.footer(
+      "Exit codes: 0 sound, or repaired without a loss; 1 failed; 2 wrong arguments; "
+      "3 damaged, or repaired with losses");
+  Arguments arguments;
+  const CLI::App* checking = declare(
+      app, "check", "say whether collections are damaged; change nothing", arguments, false);
+  declare(app, "repair", "replace a damaged collection by what can be read of it", arguments, true)
+      ->footer("The damaged collection is kept in DIR/before-repair.");
+  app.require_subcommand(1);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& answer) {
+    return app.exit(answer) == 0 ? 0 : kMisused;
+  }
+  try {
+    return checking->parsed() ? check(arguments) : repair(arguments);
+  } catch (const std::exception& error) {
+    std::cerr << "corvaned: " << error.what() << "\n";
+    return kFailed;
+  }
+}
+
+}  // namespace corvaned

@@ -1,0 +1,76 @@
+#include "server/store/dataDirectory.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include <cerrno>
+#include <charconv>
+
+#include "server/base/errors.h"
+#include "server/store/textNormalizer.h"
+
+namespace corvaned {
+namespace {
+
+// File systems limit a name to 255 bytes.
+constexpr std::size_t kMaxDirectoryName = 240;
+
+bool standsForItself(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+         c == '-';
+}
+
+}  // namespace
+
+std::string directoryNameFor(std::string_view collection) {
+  constexpr std::string_view kDigits = "0123456789ABCDEF";
+  if (collection.empty() || !isUtf8(collection)) {
+    throw ServerError(ErrorKind::BadCollectionName, "a collection's name must be UTF-8 text");
+  }
+  std::string name;
+  for (const char c : collection) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (standsForItself(c))
+      name += c;
+    else
+      name.append({'%', kDigits[byte >> 4U], kDigits[byte & 0xFU]});
+  }
+  if (name.size() > kMaxDirectoryName) {
+    throw ServerError(ErrorKind::BadCollectionName,
+                      "the collection name " + shown(collection) +
+                          " is too long; at most 240 letters and digits are possible, and 80 bytes "
+                          "in any writing");
+  }
+  return name;
+}
+
+std::string collectionNameFor(std::string_view directory) {
+  std::string name;
+  for (std::size_t i = 0; i < directory.size(); ++i) {
+    unsigned byte = 0;
+    if (directory[i] == '%' && i + 2 < directory.size() &&
+        std::from_chars(&directory[i + 1], &directory[i + 1] + 2, byte, 16).ec == std::errc{}) {
+      name += static_cast<char>(byte);
+      i += 2;
+    } else {
+      name += directory[i];
+    }
+  }
+  return name;
+}
+
+FileHandle lockDataDirectory(const std::filesystem::path& root) {
+  const std::filesystem::path path = root / "LOCK";
+  FileHandle file = openFile(path, O_RDWR | O_CREAT);
+  if (::flock(file.get(), LOCK_EX | LOCK_NB) == 0) return file;
+  if (errno != EWOULDBLOCK) throwSystemError("cannot lock", path);
+  throw ServerError(ErrorKind::StorageFailed,
+                    "the data directory " + root.string() +
+                        " is in use by another server; stop it, or choose another directory");
+}
+
+std::filesystem::path collectionsIn(const std::filesystem::path& root) {
+  return root / "collections";
+}
+
+}  // namespace corvaned

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+#include "server/store/files.h"
+
+namespace corvaned {
+
+/// The name of a collection's directory: letters, digits, "_" and "-" are kept, every other byte is
+/// written %XX. Different collections never share a directory, and no name leads out of the parent
+/// directory. Throws ServerError(BadCollectionName) if the name is empty, too long, or not UTF-8.
+std::string directoryNameFor(std::string_view collection);
+
+/// The name of the collection whose directory is called so.
+std::string collectionNameFor(std::string_view directory);
+
+/// Locks the data directory until the handle is gone. Throws ServerError(StorageFailed) if another
+/// process has locked it.
+FileHandle lockDataDirectory(const std::filesystem::path& root);
+
+/// The directory that holds the collections' directories.
+std::filesystem::path collectionsIn(const std::filesystem::path& root);
+
+}  // namespace corvaned

@@ -1,0 +1,112 @@
+#include "server/store/indexSalvage.h"
+
+#include <fcntl.h>
+#include <xapian.h>
+
+#include <optional>
+#include <utility>
+
+#include "server/base/errors.h"
+#include "server/store/files.h"
+#include "server/store/indexSums.h"
+#include "server/store/xapianSchema.h"
+
+namespace corvaned {
+namespace {
+
+constexpr std::string_view kRefusedRevision = "\xFF\xFF\xFF\xFF";
+constexpr const char* kVersionFile = "iamglass";
+
+/// What can be read by `work`; nothing if the engine refuses a block on the way. The handle is the
+/// work's own, since one that has refused something is not to be trusted.
+template <typename Work>
+auto readable(const std::filesystem::path& path, const Work& work)
+    -> std::optional<decltype(work(std::declval<Xapian::Database&>()))> {
+  try {
+    Xapian::Database database(path.string());
+    return work(database);
+  } catch (const Xapian::Error&) {
+    return std::nullopt;
+  }
+}
+
+bool mayExist(const std::filesystem::path& path, Xapian::docid number) {
+  try {
+    Xapian::Database(path.string()).get_doclength(number);
+    return true;
+  } catch (const Xapian::DocNotFoundError&) {
+    return false;
+  } catch (const Xapian::Error&) {
+    return true;
+  }
+}
+
+std::string keyInTerms(const Xapian::Database& database, Xapian::docid number) {
+  for (auto term = database.termlist_begin(number); term != database.termlist_end(number); ++term) {
+    if (const auto key = keyOfIdentity(*term)) return *key;
+  }
+  return {};
+}
+
+std::string keyOf(const std::filesystem::path& path, Xapian::docid number) {
+  const auto value = readable(path, [&](Xapian::Database& database) {
+    return database.get_document(number, Xapian::DOC_ASSUME_VALID).get_value(kKeySlot);
+  });
+  if (value && !value->empty()) return *value;
+  return readable(path, [&](Xapian::Database& database) { return keyInTerms(database, number); })
+      .value_or("");
+}
+
+}  // namespace
+
+IndexSalvage::IndexSalvage(const std::filesystem::path& collection,
+                           const std::vector<Damage>& damage, std::filesystem::path work)
+    : work_(std::move(work)) {
+  const IndexSums sums(collection);
+  std::filesystem::copy(collection / IndexSums::kIndexDirectory, work_);
+  for (const Damage& each : damage) {
+    const std::filesystem::path path = work_ / each.file.filename();
+    if (each.file.filename() == kVersionFile) {
+      const auto content = sums.contentOf(kVersionFile);
+      if (content) writeAll(openFile(path, O_WRONLY | O_CREAT | O_TRUNC), *content, path);
+    } else if (path.extension() == ".glass") {
+      writeAt(openFile(path, O_WRONLY | O_CREAT), kRefusedRevision, each.place, path);
+    }
+  }
+  const auto documents =
+      readable(work_, [](Xapian::Database& database) { return database.get_lastdocid(); });
+  if (documents) return;
+  std::filesystem::remove_all(work_);
+  throw ServerError(ErrorKind::StorageFailed,
+                    "nothing of the index of " + collection.string() +
+                        " can be read; restore the collection, or delete it and add its documents "
+                        "again");
+}
+
+IndexSalvage::~IndexSalvage() {
+  std::error_code ignored;
+  std::filesystem::remove_all(work_, ignored);
+}
+
+std::optional<std::string> IndexSalvage::language() const {
+  return readable(work_,
+                  [](Xapian::Database& database) { return database.get_metadata(kLanguageEntry); });
+}
+
+void IndexSalvage::read(const DocumentVisitor& onDocument, const LossVisitor& onLoss) const {
+  const Xapian::docid last = Xapian::Database(work_.string()).get_lastdocid();
+  for (Xapian::docid number = 1; number <= last; ++number) {
+    if (!mayExist(work_, number)) continue;
+    const std::string key = keyOf(work_, number);
+    const auto data = readable(work_, [&](Xapian::Database& database) {
+      return database.get_document(number, Xapian::DOC_ASSUME_VALID).get_data();
+    });
+    auto document = data && !key.empty() ? readDocument(key, *data) : std::nullopt;
+    if (document)
+      onDocument(std::move(*document));
+    else
+      onLoss(number, key);
+  }
+}
+
+}  // namespace corvaned

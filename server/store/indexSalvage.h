@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "server/store/damage.h"
+#include "server/store/store.h"
+
+namespace corvaned {
+
+/// Reads what can be read of an index in which the given places are damaged.
+///
+/// The engine must not see damaged blocks. It works on a copy, in which they begin with a revision
+/// that is too high: the engine refuses such a block whenever it comes across one.
+class IndexSalvage {
+ public:
+  /// Makes the copy of the collection's index in `work`, which must not exist. Throws
+  /// ServerError(StorageFailed) if nothing of the index can be read.
+  IndexSalvage(const std::filesystem::path& collection, const std::vector<Damage>& damage,
+               std::filesystem::path work);
+  /// Removes the copy.
+  ~IndexSalvage();
+  IndexSalvage(const IndexSalvage&) = delete;
+  IndexSalvage& operator=(const IndexSalvage&) = delete;
+
+  /// Nothing if it cannot be read.
+  std::optional<std::string> language() const;
+
+  using DocumentVisitor = std::function<void(Document&& document)>;
+  /// The number of a document that is lost, and its key, which is empty if it is lost as well.
+  using LossVisitor = std::function<void(std::uint64_t number, const std::string& key)>;
+  void read(const DocumentVisitor& onDocument, const LossVisitor& onLoss) const;
+
+ private:
+  const std::filesystem::path work_;
+};
+
+}  // namespace corvaned

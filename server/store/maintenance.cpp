@@ -1,0 +1,218 @@
+#include "server/store/maintenance.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <stdio.h>
+#include <xapian.h>
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+
+#include "server/base/errors.h"
+#include "server/store/collection.h"
+#include "server/store/dataDirectory.h"
+#include "server/store/indexSalvage.h"
+#include "server/store/indexSums.h"
+#include "server/store/journal.h"
+#include "server/store/xapianIndex.h"
+
+namespace corvaned {
+namespace {
+
+FileHandle lockExisting(const std::filesystem::path& root) {
+  if (!std::filesystem::is_directory(collectionsIn(root))) {
+    throw ServerError(ErrorKind::StorageFailed, root.string() + " is not a data directory");
+  }
+  return lockDataDirectory(root);
+}
+
+void syncTree(const std::filesystem::path& directory) {
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
+    if (entry.is_directory()) {
+      syncDirectory(entry.path());
+    } else {
+      syncFile(openFile(entry.path(), O_RDONLY), entry.path());
+    }
+  }
+  syncDirectory(directory);
+}
+
+// Only of an index whose blocks are as they were written; the engine may fail in any way with
+// others.
+void checkByEngine(const std::filesystem::path& index, std::vector<Damage>& damage) {
+  try {
+    const std::size_t errors = Xapian::Database::check(index.string(), 0, nullptr);
+    if (errors > 0) damage.push_back({index, 0, fmt::format("the engine finds {} errors", errors)});
+  } catch (const Xapian::Error& error) {
+    damage.push_back({index, 0, error.get_description()});
+  }
+}
+
+std::vector<Damage> checkIndex(const std::filesystem::path& collection, bool isNumbered) {
+  std::vector<Damage> damage;
+  const std::filesystem::path index = collection / IndexSums::kIndexDirectory;
+  if (!std::filesystem::is_directory(index)) return {{index, 0, "the directory is missing"}};
+  try {
+    if (IndexSums::existIn(collection)) {
+      IndexSums(collection).verify([&](const Damage& each) { damage.push_back(each); });
+    } else if (isNumbered) {
+      damage.push_back({IndexSums::pathIn(collection), 0, "the file is missing"});
+    }
+  } catch (const ServerError&) {
+    damage.push_back({IndexSums::pathIn(collection), 0, "the checksums cannot be read"});
+  }
+  if (damage.empty()) checkByEngine(index, damage);
+  return damage;
+}
+
+bool onlyTheSums(const std::vector<Damage>& damage, const std::filesystem::path& collection) {
+  return damage.size() == 1 && damage.front().file == IndexSums::pathIn(collection);
+}
+
+/// Makes the repaired collection in an empty directory.
+class Rebuilding {
+ public:
+  Rebuilding(const std::filesystem::path& damaged, std::filesystem::path fresh, Repair& repair)
+      : damaged_(damaged), fresh_(std::move(fresh)), repair_(repair) {}
+
+  void run() {
+    if (repair_.found.index.empty() || onlyTheSums(repair_.found.index, damaged_)) {
+      copyIndex();
+    } else {
+      makeIndexAnew();
+    }
+    repair_.documentsKept =
+        Xapian::Database((fresh_ / IndexSums::kIndexDirectory).string()).get_doccount();
+    copyJournal();
+    syncTree(fresh_);
+  }
+
+ private:
+  void copyIndex() {
+    const std::filesystem::path index = fresh_ / IndexSums::kIndexDirectory;
+    std::filesystem::copy(damaged_ / IndexSums::kIndexDirectory, index);
+    std::vector<Damage> damage;
+    if (!repair_.found.index.empty()) checkByEngine(index, damage);
+    if (!damage.empty()) throwDamaged(damage.front());
+    IndexSums::create(fresh_, Xapian::Database(index.string()).get_revision());
+  }
+
+  void makeIndexAnew() {
+    repair_.indexMadeAnew = true;
+    const IndexSalvage salvage(damaged_, repair_.found.index, fresh_.string() + ".reading");
+    const auto language = salvage.language();
+    repair_.languageLost = !language;
+    XapianIndex::create(fresh_, language.value_or("none"));
+    XapianIndex index(fresh_, {});
+    index.beginUpdate();
+    const auto documents = [&](const std::function<void(Change &&)>& take) {
+      salvage.read(
+          [&](Document&& document) {
+            take({ChangeKind::Put, std::move(document)});
+          },
+          [&](std::uint64_t number, const std::string& key) {
+            repair_.documentsLost.push_back({number, key});
+          });
+    };
+    for (const ParseOutcome& refused : index.apply(documents, [] { return false; })) {
+      repair_.documentsLost.push_back({0, refused.key});
+    }
+  }
+
+  void copyJournal() {
+    Journal journal(fresh_, [](std::uint64_t, Change&&) {});
+    std::uint64_t ticket = 0;
+    JournalScan(
+        damaged_, [&](std::uint64_t, Change&& change) { ticket = journal.append(change).ticket; },
+        [](const JournalFault&) {})
+        .run();
+    journal.sync(ticket);
+  }
+
+  const std::filesystem::path damaged_;
+  const std::filesystem::path fresh_;
+  Repair& repair_;
+};
+
+void exchange(const std::filesystem::path& a, const std::filesystem::path& b) {
+  if (::renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE) != 0) {
+    throwSystemError("cannot put the repaired collection in place of", b);
+  }
+  syncDirectory(a.parent_path());
+  syncDirectory(b.parent_path());
+}
+
+}  // namespace
+
+bool Repair::losesNothing() const {
+  return documentsLost.empty() && !languageLost &&
+         std::all_of(found.journal.begin(), found.journal.end(), [](const JournalFault& fault) {
+           return fault.firstLost == 0 && fault.damage.file.filename() == "journal-0000000000";
+         });
+}
+
+Maintenance::Maintenance(std::filesystem::path directory)
+    : root_(std::move(directory)), lock_(lockExisting(root_)) {}
+
+std::vector<std::string> Maintenance::collections() const {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(collectionsIn(root_))) {
+    const std::string name = entry.path().filename().string();
+    if (!name.starts_with('.')) names.push_back(collectionNameFor(name));
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+CollectionCheck Maintenance::check(const std::string& name) const {
+  const std::filesystem::path path = pathOf(name);
+  CollectionCheck result{name, {}, {}, 0};
+  JournalContents contents =
+      JournalScan(
+          path, [&](std::uint64_t, Change&&) { ++result.changes; },
+          [&](const JournalFault& fault) { result.journal.push_back(fault); })
+          .run();
+  const bool isNumbered = contents.mark && contents.mark->range() != MarkedRange{};
+  if (!contents.mark && result.journal.empty() && IndexSums::existIn(path)) {
+    result.journal.push_back({{JournalMark::pathIn(path), 0, "the file is missing"}, 0, 0, {}});
+  }
+  result.index = checkIndex(path, isNumbered);
+  return result;
+}
+
+Repair Maintenance::repair(const std::string& name) const {
+  Repair result;
+  result.found = check(name);
+  if (result.found.isSound()) return result;
+  const std::filesystem::path fresh = freshDirectory(name);
+  try {
+    Rebuilding(pathOf(name), fresh, result).run();
+    exchange(fresh, pathOf(name));
+  } catch (...) {
+    std::error_code ignored;
+    std::filesystem::remove_all(fresh, ignored);
+    throw;
+  }
+  result.original = fresh;
+  return result;
+}
+
+std::filesystem::path Maintenance::pathOf(const std::string& name) const {
+  std::filesystem::path path = collectionsIn(root_) / directoryNameFor(name);
+  if (std::filesystem::is_directory(path)) return path;
+  throw ServerError(ErrorKind::UnknownCollection, "there is no collection " + shown(name));
+}
+
+// On the same file system as the collections, and where no start of the server clears it away.
+std::filesystem::path Maintenance::freshDirectory(const std::string& name) const {
+  const std::filesystem::path parent = root_ / "before-repair";
+  std::filesystem::create_directories(parent);
+  syncDirectory(root_);
+  for (int number = 1;; ++number) {
+    std::filesystem::path path = parent / fmt::format("{}.{}", directoryNameFor(name), number);
+    if (std::filesystem::create_directory(path)) return path;
+  }
+}
+
+}  // namespace corvaned

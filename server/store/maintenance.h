@@ -1,0 +1,70 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "server/store/damage.h"
+#include "server/store/files.h"
+#include "server/store/journalScan.h"
+
+namespace corvaned {
+
+/// What is found in one collection.
+struct CollectionCheck {
+  std::string name;
+  std::vector<JournalFault> journal;
+  std::vector<Damage> index;
+  /// Changes of the journal that can be read.
+  std::uint64_t changes = 0;
+
+  bool isSound() const { return journal.empty() && index.empty(); }
+};
+
+/// A document of the index that cannot be read.
+struct LostDocument {
+  /// The engine's number of it.
+  std::uint64_t number = 0;
+  /// Empty if it cannot be read either.
+  std::string key;
+};
+
+struct Repair {
+  CollectionCheck found;
+  /// The collection as it was; empty if it was sound, and nothing was changed.
+  std::filesystem::path original;
+  std::uint64_t documentsKept = 0;
+  /// The index was made anew from the texts of the documents that can be read.
+  bool indexMadeAnew = false;
+  std::vector<LostDocument> documentsLost;
+  /// The language of the collection cannot be read; words are indexed unchanged from now on.
+  bool languageLost = false;
+
+  bool losesNothing() const;
+};
+
+/// Checks and repairs collections of a data directory. No server can use it at the same time. All
+/// operations throw ServerError.
+class Maintenance {
+ public:
+  /// Throws if there is no such directory, or if a server uses it.
+  explicit Maintenance(std::filesystem::path directory);
+
+  /// The names of the collections.
+  std::vector<std::string> collections() const;
+  /// Reads the whole collection and changes nothing.
+  CollectionCheck check(const std::string& name) const;
+  /// Makes, beside a damaged collection, one with everything that can be read, and lets them change
+  /// places in one step.
+  Repair repair(const std::string& name) const;
+
+ private:
+  std::filesystem::path pathOf(const std::string& name) const;
+  std::filesystem::path freshDirectory(const std::string& name) const;
+
+  const std::filesystem::path root_;
+  FileHandle lock_;
+};
+
+}  // namespace corvaned
