@@ -44,7 +44,8 @@ TEST(Formatter, ReadsNumbersOfASimpleFormToTheLastBit) {
   std::mt19937_64 random(1);
   for (int i = 0; i < 200000; ++i) {
     std::string text = std::to_string(random() >> (random() % 64));
-    if (random() % 8 != 0) text.insert(text.begin() + 1 + static_cast<int>(random() % text.size()), '.');
+    if (random() % 8 != 0)
+      text.insert(text.begin() + 1 + static_cast<int>(random() % text.size()), '.');
     const double value = Formatter::stringToDouble(text.data(), text.size());
     ASSERT_EQ(bitsOf(std::strtod(text.c_str(), nullptr)), bitsOf(value)) << text;
     ASSERT_EQ(bitsOf(value), bitsOf(Formatter::stringToDouble(icu::UnicodeString(text.c_str()))));
