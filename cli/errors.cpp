@@ -96,9 +96,11 @@ bool isVerdict(const tq::oss::BaseException& failure, tq::comm::RequestOutcome o
   return outcome == tq::comm::RequestOutcome::Rejected && !isNotUnderstood(firstId(failure));
 }
 
+bool isUnreadable(const icu::UnicodeString& id) { return id == u"ZVK0001E"; }
+
 bool suggestsOtherProtocol(const tq::oss::BaseException& failure) {
   const icu::UnicodeString id = firstId(failure);
-  return isNotUnderstood(id) || id == StaticDefs::ERR_SERVER_COMM_RECV;
+  return isNotUnderstood(id) || isUnreadable(id) || id == StaticDefs::ERR_SERVER_COMM_RECV;
 }
 
 std::string describeFailure(const tq::oss::BaseException& failure, const Settings& settings,

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <unicode/unistr.h>
+
 #include <stdexcept>
 #include <string>
 
@@ -32,6 +34,10 @@ std::string failureId(const tq::oss::BaseException& failure);
 /// True when the server has read the request and refused it. An answer that is not a Corvane
 /// server's is not a verdict.
 bool isVerdict(const tq::oss::BaseException& failure, tq::comm::RequestOutcome outcome);
+
+/// True for the id of a request that the server could not read. A server says so on the port of the
+/// other protocol, too.
+bool isUnreadable(const icu::UnicodeString& id);
 
 /// True when the failure may have come of speaking the wrong protocol on this port.
 bool suggestsOtherProtocol(const tq::oss::BaseException& failure);

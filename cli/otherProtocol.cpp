@@ -27,9 +27,9 @@ bool answersStatus(tq::comm::CorvaneRESTClient& client) {
   tq::comm::ClientResponse response;
   try {
     client.sendAndRecvMesg(request, response);
-    return response.success();
+    return response.success() && !isUnreadable(response.getStatusMessage().getMessageId());
   } catch (const tq::oss::BaseException& failure) {
-    return isVerdict(failure, client.getRequestOutcome());
+    return isVerdict(failure, client.getRequestOutcome()) && !suggestsOtherProtocol(failure);
   } catch (const std::exception&) {
     return false;
   }

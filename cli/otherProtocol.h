@@ -15,8 +15,8 @@ struct Session;
 /// person when it answers, and nothing otherwise. Takes half a second at most.
 std::optional<std::string> otherProtocolSpoken(const Settings& settings);
 
-/// Watches the wait for the first answer over the HTTP-style protocol. The server's binary port
-/// takes the start of such a request for the length of a longer one and waits for the rest, so that
+/// Watches the wait for the first answer over the HTTP-style protocol. A server's binary port may
+/// take the start of such a request for the length of a longer one and wait for the rest, so that
 /// silence is all that shows. After a second of it the watch asks in the binary protocol, over a
 /// connection of its own, and ends the program when it is answered. A server that is only slow does
 /// not notice more than that.

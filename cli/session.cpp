@@ -38,6 +38,10 @@ void exchange(Session& session, tq::comm::ClientRequest& request,
     const SilenceWatch watch(session);
     session.client.sendAndRecvMesg(request, response);
   }
+  // Over the binary protocol a refused question for the status is an answer.
+  if (!session.answered && isUnreadable(response.getStatusMessage().getMessageId())) {
+    if (const auto line = otherProtocolSpoken(session.settings)) throw OperationError(*line);
+  }
   session.answered = true;
   if (!response.success()) {
     throw OperationError(fmt::format(

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tests/cli/childProcess.h"
+#include "tests/support/binaryReplies.h"
 #include "tests/support/corvanedProcess.h"
 #include "tests/support/replyCorpus.h"
 #include "tests/support/scriptedServer.h"
@@ -186,17 +187,48 @@ TEST(ClosedDescriptors, AreNotTakenByTheServersFiles) {
   EXPECT_EQ(server.finish().code, 0);
 }
 
-// The binary port takes the first two letters of an HTTP-style request for a length and is silent.
-TEST(WrongPort, IsFoundOutAlthoughTheServerIsSilent) {
+std::string speaksTheBinaryProtocol(const std::string& port) {
+  return "corvane: 127.0.0.1:" + port +
+         " speaks the binary protocol; use --protocol binary, or the server's port for http\n";
+}
+
+TEST(WrongPort, IsFoundOutWhenTheServerRefusesTheRequest) {
   CorvanedProcess server;
   const std::string port = std::to_string(server.binaryPort());
   const Finished finished =
       runToEnd({CORVANE_PROGRAM, "--protocol", "http", "--port", port, "create", "c"});
   EXPECT_EQ(finished.code, 1);
   EXPECT_EQ(finished.out, "");
-  EXPECT_EQ(finished.err, "corvane: 127.0.0.1:" + port +
-                              " speaks the binary protocol; use --protocol binary, or the server's "
-                              "port for http\n");
+  EXPECT_EQ(finished.err, speaksTheBinaryProtocol(port));
+}
+
+// A server may take the first two letters of an HTTP-style request for a length, and be silent.
+TEST(WrongPort, IsFoundOutAlthoughTheServerIsSilent) {
+  const std::string ready = word16(1);
+  ScriptedServer server(
+      {Script().awaitClose(), Script().expectFramedRequest().send(ready).awaitClose()});
+  const Finished finished = runToEnd(overHttp(server, {"create", "c"}));
+  EXPECT_EQ(finished.code, 1);
+  EXPECT_EQ(finished.out, "");
+  EXPECT_EQ(finished.err, speaksTheBinaryProtocol(std::to_string(server.port())));
+}
+
+// A server on its right port may refuse a request as unreadable; the other protocol is not spoken
+// there just because it is refused as well.
+TEST(WrongPort, IsNotTheVerdictOnARequestThatTheServerCannotRead) {
+  const Reply refusal = [] {
+    Reply reply{"x", kGetStatus, 500};
+    reply.body = kUninterpreted + enveloped(record({{"MsgId", "ZVK0001E"}, {"MsgText", "no"}}));
+    return reply;
+  }();
+  const std::string refused =
+      word16(6) + errorRecord({{"MsgId", "ZVK0001E"}, {"MsgText", "other port"}});
+  ScriptedServer server({Script().expectRequest().send(plain(refusal)).awaitClose(),
+                         Script().expectFramedRequest().send(refused).awaitClose()});
+  const Finished finished = runToEnd(overHttp(server, {"create", "c"}));
+  EXPECT_EQ(finished.code, 1);
+  EXPECT_EQ(finished.err, "corvane: the server at 127.0.0.1:" + std::to_string(server.port()) +
+                              " says: no (ZVK0001E)\n");
 }
 
 // A server that takes longer than the watch waits is asked and left to its work.
