@@ -56,7 +56,7 @@ commands() {
 cat >"$work/programs" <<'EOF'
 corvaned() {
   # These start no server.
-  case $1 in user | token) "$bin/corvaned" "$@"; return ;; esac
+  case $1 in check | repair | token | user) "$bin/corvaned" "$@"; return ;; esac
   local argument arguments=() lines
   for argument in "$@"; do
     case $argument in
