@@ -61,23 +61,8 @@ BinaryReply replyOf(CorpusEntry entry) {
   return reply;
 }
 
-struct File {
-  std::vector<BinaryReply> replies;
-  BinaryReply next;  // what the exchange after another gets
-};
-const File& file() {
-  static const File file = [] {
-    File out;
-    for (auto& entry : corpusFile("binaryReplies.txt")) {
-      auto reply = replyOf(std::move(entry));
-      if (reply.name == "Next") {
-        out.next = std::move(reply);
-      } else {
-        out.replies.push_back(std::move(reply));
-      }
-    }
-    return out;
-  }();
+const Corpus<BinaryReply>& file() {
+  static const Corpus<BinaryReply> file("binaryReplies.txt", replyOf);
   return file;
 }
 

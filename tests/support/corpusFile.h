@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/replyCorpus.h"
@@ -37,5 +38,21 @@ std::vector<CorpusEntry> parseCorpus(const std::string& text, const std::string&
 
 /// The entries of a file of tests/corpora.
 std::vector<CorpusEntry> corpusFile(const std::string& name);
+
+/// The replies of such a file in the form that the tests of a protocol use.
+template <typename Reply>
+struct Corpus {
+  /// `replyOf` makes a reply of an entry.
+  template <typename ReplyOf>
+  Corpus(const std::string& file, ReplyOf replyOf) {
+    for (auto& entry : corpusFile(file)) {
+      const bool isNext = entry.name == "Next";
+      (isNext ? next : replies.emplace_back()) = replyOf(std::move(entry));
+    }
+  }
+
+  std::vector<Reply> replies;
+  Reply next;  // what the exchange after each of them gets
+};
 
 }  // namespace tq::test

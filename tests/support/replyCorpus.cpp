@@ -114,23 +114,8 @@ Reply replyOf(CorpusEntry entry) {
   return reply;
 }
 
-struct File {
-  std::vector<Reply> replies;
-  Reply next;  // what the exchange after another gets
-};
-const File& file() {
-  static const File file = [] {
-    File out;
-    for (auto& entry : corpusFile("httpReplies.txt")) {
-      auto reply = replyOf(std::move(entry));
-      if (reply.name == "Next") {
-        out.next = std::move(reply);
-      } else {
-        out.replies.push_back(std::move(reply));
-      }
-    }
-    return out;
-  }();
+const Corpus<Reply>& file() {
+  static const Corpus<Reply> file("httpReplies.txt", replyOf);
   return file;
 }
 
