@@ -540,6 +540,7 @@ TEST_F(DamagedJournalTest, MarkTakesNoDescriptor) {
 
 TEST_F(DamagedJournalTest, ChangeThatCannotBeMarkedIsNotAcknowledged) {
   Journal journal = open();
+  journal.sync(journal.append(put("k0")).ticket);
   const std::uint64_t ticket = journal.append(put("k1")).ticket;
   {
     const test::DescriptorLimit none(0);
