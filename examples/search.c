@@ -28,8 +28,7 @@ static int print_hits(kru_cursor* cursor, kru_error* error) {
   return code == KRU_END ? 0 : report(error);
 }
 
-static int search(kru_client* client, const char* collection, const char* query,
-                  kru_error* error) {
+static int search(kru_client* client, const char* collection, const char* query, kru_error* error) {
   const kru_limits quick = {.size = sizeof quick, .deadline = 50, .retries = 0};
   const kru_search_options best = {.size = sizeof best, .most = 10};
   int64_t matching = 0, documents = 0;
