@@ -15,11 +15,13 @@
 
 #include "infra/oss/kruAsciiUnits.h"
 #include "infra/oss/kruNLSException.h"
+#include "infra/oss/kruNullBytes.h"
 
 namespace tq::oss {
 
 namespace {
 
+constexpr const char* kFile = "kruConverter";
 constexpr char32_t kReplacement = 0xFFFD;
 
 #pragma GCC diagnostic push
@@ -132,6 +134,7 @@ void Converter::assignUTF8(icu::UnicodeString& text, const char* bytes, std::siz
   // Also makes a bogus text valid.
   text.remove();
   if (length == 0) return;
+  if (bytes == nullptr) throwNullBytes(kFile);
   if (length > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) {
     throwOutOfMemory();
   }
@@ -146,7 +149,7 @@ void Converter::assignUTF8(icu::UnicodeString& text, const char* bytes, std::siz
 
 void Converter::throwOutOfMemory() {
   Message message(u"TQ_ERR_OUT_OF_MEMORY", u"");
-  message.setFileName("kruConverter");
+  message.setFileName(kFile);
   message.setLineNumber(__LINE__);
   message.addArgument(u"Converter::convert()");
   throw NLSException(message);

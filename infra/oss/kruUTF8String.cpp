@@ -1,22 +1,9 @@
 #include "infra/oss/kruUTF8String.h"
 
 #include "infra/oss/kruConverter.h"
-#include "infra/oss/kruMessage.h"
-#include "infra/oss/kruNLSException.h"
+#include "infra/oss/kruNullBytes.h"
 
 namespace tq::oss {
-
-namespace {
-
-[[noreturn]] void throwNullBytes() {
-  Message message(u"TQ_ERR_NULL_BYTES",
-                  u"the bytes of a text are null although they have a length");
-  message.setFileName("kruUTF8String");
-  message.setLineNumber(__LINE__);
-  throw NLSException(message);
-}
-
-}  // namespace
 
 UTF8String::UTF8String() = default;
 UTF8String::UTF8String(const icu::UnicodeString& text) { append(text); }
@@ -24,7 +11,7 @@ UTF8String::UTF8String(const char* bytes, std::size_t length) { append(bytes, le
 
 UTF8String& UTF8String::append(const char* bytes, std::size_t length) {
   if (length == 0) return *this;
-  if (bytes == nullptr) throwNullBytes();
+  if (bytes == nullptr) throwNullBytes("kruUTF8String");
   bytes_.append(bytes, length);
   return *this;
 }

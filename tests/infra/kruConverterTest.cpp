@@ -327,6 +327,22 @@ TEST(Converter, AnAppendWithoutMemoryLeavesTheBufferAsItWas) {
   EXPECT_EQ(std::string_view(buffer.data(), used), "ab");
 }
 
+TEST(Converter, RefusesNullWithALength) {
+  const auto idOf = [](auto&& convert) -> icu::UnicodeString {
+    try {
+      convert();
+    } catch (const tq::oss::NLSException& e) {
+      return e.getMessageList().front().getMessageId();
+    }
+    return u"taken";
+  };
+  EXPECT_EQ(idOf([] { Converter::fromUTF8(nullptr, 3); }), u"TQ_ERR_NULL_BYTES");
+  icu::UnicodeString text(u"former");
+  EXPECT_EQ(idOf([&] { Converter::assignUTF8(text, nullptr, 1); }), u"TQ_ERR_NULL_BYTES");
+  EXPECT_EQ(text, u"");
+  EXPECT_EQ(Converter::fromUTF8(nullptr, 0), u"");
+}
+
 TEST(Converter, RefusesMoreBytesThanATextCanHold) {
   const char byte = 'x';
   expectOutOfMemory([&] { Converter::fromUTF8(&byte, std::size_t{1} << 31); });

@@ -61,7 +61,7 @@ class KRU_EXPORT Converter {
 
   static std::string toUTF8(const icu::UnicodeString& text);
 
-  /// All `length` bytes, zero bytes included.
+  /// All `length` bytes, zeros included. Null with a length: NLSException, id TQ_ERR_NULL_BYTES.
   static icu::UnicodeString fromUTF8(const char* bytes, std::size_t length);
   /// The same into `text`, whose memory is used again where it suffices. After an exception the
   /// text is empty or bogus.
