@@ -32,7 +32,7 @@ namespace {
 
 using tq::oss::Converter;
 
-constexpr const char* kFile = "kruRESTMessage";
+constexpr Raiser fail("kruRESTMessage");
 
 constexpr unsigned int kTermRecordLength = 8;
 constexpr std::uint64_t kPrefixSlack = 2000;
@@ -268,12 +268,12 @@ void RESTMessage::initPrefix(ClientRequest& request) {
   const std::list<KVPair>& metadata = request.getMetadata();
   const std::uint64_t block = roomForBlock(metadata, key, keyLength);
   if (block != 0 && bodyLength_ != 0 && body_ == nullptr) {
-    raise(StaticDefs::ERR_CLIENT_INTERNAL, kFile, __LINE__, kNullContent);
+    fail(StaticDefs::ERR_CLIENT_INTERNAL, kNullContent);
   }
   const std::uint64_t size = block - (block != 0 ? bodyLength_ : 0) + kPrefixSlack;
   if (size > std::numeric_limits<std::uint32_t>::max()) {
-    raise(StaticDefs::ERR_CLIENT_INTERNAL, kFile, __LINE__,
-          u"the document's key and metadata are longer than a request can carry");
+    fail(StaticDefs::ERR_CLIENT_INTERNAL,
+         u"the document's key and metadata are longer than a request can carry");
   }
   if (!prefixBuffer_.resize(size)) Converter::throwOutOfMemory();
   const std::uint64_t total = serializeMetadata(prefixBuffer_.data(), metadata, key, keyLength);
@@ -411,7 +411,7 @@ std::uint64_t RESTMessage::serializeMetadata(char* out, const std::list<KVPair>&
   const tq::oss::TraceScope scope(trace::RESTMessageSerializeMetadata);
   if (metadata.empty()) return 0;
   if (key == nullptr && keyLength != 0) {
-    raise(StaticDefs::ERR_CLIENT_INTERNAL, kFile, __LINE__, kNullKey);
+    fail(StaticDefs::ERR_CLIENT_INTERNAL, kNullKey);
   }
   const MessageTables& tables = MessageTables::ensure();
   bytes::Writer writer(out + 2 * kWord);

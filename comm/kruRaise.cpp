@@ -40,33 +40,6 @@ void Raiser::operator()(const icu::UnicodeString& id, Details details, unsigned 
   throw RESTException(messages);
 }
 
-void raise(const icu::UnicodeString& id, const char* file, unsigned long line) {
-  const Raiser fail(file);
-  fail(id, {}, line);
-}
-
-void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
-           const icu::UnicodeString& argument) {
-  raise(id, file, line, argument, tq::oss::MessageList());
-}
-
-void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
-           const icu::UnicodeString& argument, const tq::oss::MessageList& cause) {
-  const Raiser fail(file);
-  fail(id, Details().argument(argument).cause(cause), line);
-}
-
-void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
-           const icu::UnicodeString& host, unsigned int port) {
-  raise(id, file, line, host, port, tq::oss::MessageList());
-}
-
-void raise(const icu::UnicodeString& id, const char* file, unsigned long line,
-           const icu::UnicodeString& host, unsigned int port, const tq::oss::MessageList& cause) {
-  const Raiser fail(file);
-  fail(id, Details().server(host, port).cause(cause), line);
-}
-
 void rethrow(const tq::oss::MessageList& messages) { throw RESTException(messages); }
 
 }  // namespace tq::comm

@@ -14,6 +14,8 @@ namespace {
 
 using test::utf8;
 
+constexpr Raiser fail("kruCorvaneClient");
+
 SearchResult hit(const std::string& key) {
   SearchResult result(false);
   result.parseRecordNew(key.data(), static_cast<unsigned short>(key.size()), 1);
@@ -41,7 +43,7 @@ class PortionClient : public CorvaneRESTClient {
   void recv(ClientResponse& response) override {
     ++receives;
     countsBefore.push_back(response.getResultCount());
-    if (fails) raise(StaticDefs::ERR_SERVER_COMM_TIMEOUT, "kruCorvaneClient", 1, u"server", 1);
+    if (fails) fail(StaticDefs::ERR_SERVER_COMM_TIMEOUT, Details().server(u"server", 1));
     if (portions_.empty()) return;
     for (const std::string& name : portions_.front()) {
       if (parses_) {

@@ -4,7 +4,6 @@
 #include <type_traits>
 
 #include "comm/kruRESTException.h"
-#include "comm/kruRaise.h"
 #include "comm/kruStaticDefs.h"
 #include "infra/oss/kruNLSException.h"
 #include "tests/comm/kruCommText.h"
@@ -28,18 +27,6 @@ void parse(RESTException& error, const std::string& bytes) {
 
 std::string firstId(const tq::oss::BaseException& error) {
   return utf8(error.getMessageList().front().getMessageId());
-}
-
-// What a raising function threw.
-template <typename Raising>
-RESTException thrownBy(Raising raising) {
-  try {
-    raising();
-  } catch (const RESTException& error) {
-    return error;
-  }
-  ADD_FAILURE() << "no exception";
-  return RESTException();
 }
 
 TEST(RESTException, IsEmptyAndWithoutPropertiesByDefault) {
@@ -156,63 +143,6 @@ TEST(RESTException, SurvivesAssignmentToItself) {
   error = same;
   EXPECT_EQ("ZVK1", firstId(error));
   EXPECT_EQ(2U, error.getProperties()->size());
-}
-
-TEST(Raise, ByDefaultTheMessageHasANullFileAndLineZero) {
-  const RESTException error = thrownBy([] { raise(StaticDefs::ERR_CLIENT_RESP_PARSING); });
-  ASSERT_EQ(1U, error.getMessageList().size());
-  const tq::oss::Message& message = error.getMessageList().front();
-  EXPECT_EQ("ERR_CLIENT_RESP_PARSING", utf8(message.getMessageId()));
-  EXPECT_TRUE(message.getMessageText().isEmpty());
-  EXPECT_EQ(nullptr, message.getFileName());
-  EXPECT_EQ(0U, message.getLineNumber());
-  EXPECT_EQ(2, static_cast<int>(message.getLevel()));
-  EXPECT_TRUE(message.getArguments().empty());
-  EXPECT_EQ(nullptr, error.getProperties());
-}
-
-TEST(Raise, NamesThePositionAndOneArgument) {
-  const RESTException error =
-      thrownBy([] { raise(StaticDefs::ERR_SERVER_PROTOCOL, "kruSource", 171, u"what is wrong"); });
-  const tq::oss::Message& message = error.getMessageList().front();
-  EXPECT_STREQ("kruSource", message.getFileName());
-  EXPECT_EQ(171U, message.getLineNumber());
-  ASSERT_EQ(1U, message.getArguments().size());
-  EXPECT_EQ("what is wrong", utf8(message.getArguments()[0]));
-}
-
-TEST(Raise, NamesHostAndPort) {
-  const RESTException error = thrownBy(
-      [] { raise(StaticDefs::ERR_CONNECT_SERVER, "kruCorvaneClient", 12, u"server", 65535); });
-  const tq::oss::Message& message = error.getMessageList().front();
-  ASSERT_EQ(2U, message.getArguments().size());
-  EXPECT_EQ("server", utf8(message.getArguments()[0]));
-  EXPECT_EQ("65535", utf8(message.getArguments()[1]));
-}
-
-TEST(Raise, NamesTheFirstOfTheMessagesOfItsCauseBehindItsOwn) {
-  tq::oss::MessageList cause = oneMessage(u"A");
-  cause.add(tq::oss::Message(u"B", u""));
-  for (const bool hasCause : {true, false}) {
-    const RESTException error = thrownBy([&] {
-      raise(StaticDefs::ERR_CONNECT_SERVER, "kruSource", 12, u"server", 7,
-            hasCause ? cause : tq::oss::MessageList());
-    });
-    EXPECT_EQ("ERR_CONNECT_SERVER", firstId(error));
-    EXPECT_EQ(2U, error.getMessageList().front().getArguments().size());
-    ASSERT_EQ(hasCause ? 2U : 1U, error.getMessageList().size());
-    const tq::oss::Message& last = *(error.getMessageList().end() - 1);
-    EXPECT_EQ(hasCause ? "A" : "ERR_CONNECT_SERVER", utf8(last.getMessageId()));
-  }
-}
-
-TEST(Raise, RethrowCarriesTheSameMessages) {
-  tq::oss::MessageList messages = oneMessage(u"A");
-  messages.add(tq::oss::Message(u"B", u""));
-  const RESTException error = thrownBy([&] { rethrow(messages); });
-  ASSERT_EQ(2U, error.getMessageList().size());
-  EXPECT_EQ("A", firstId(error));
-  EXPECT_EQ("B", utf8((error.getMessageList().begin() + 1)->getMessageId()));
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <limits>
 #include <random>
 
@@ -10,6 +11,7 @@
 #include "infra/oss/kruNLSException.h"
 #include "tests/comm/kruCommText.h"
 #include "tests/comm/kruScarceMemory.h"
+#include "tests/support/raised.h"
 #include "tests/support/slowHeader.h"
 
 namespace tq::comm {
@@ -42,6 +44,16 @@ class RESTMessageTest : public testing::Test {
   }
   static std::string prefixOf(const RESTMessage& message) {
     return {message.getMsgPrefix(), message.getMsgPrefixLen()};
+  }
+
+  // The reason is for people. Arguments belong to programs, and host and port are not known here.
+  static void expectRefusal(const std::string& reason, const std::function<void()>& call) {
+    const tq::test::Raised raised = tq::test::raisedBy(call);
+    ASSERT_EQ(1U, raised.size());
+    EXPECT_EQ("ERR_CLIENT_INTERNAL", raised[0].id);
+    EXPECT_EQ(reason, raised[0].text);
+    EXPECT_TRUE(raised[0].arguments.empty());
+    EXPECT_EQ("kruRESTMessage", raised[0].file);
   }
 
   ClientRequest request;
@@ -427,13 +439,15 @@ TEST_F(RESTMessageTest, NullWithALengthIsRefusedWhereItWouldBeSent) {
   build(3);
   document("key", {{u"a", u"b"}}, "content");
   RESTMessage message(u"server", request);
+  const auto initMessage = [&] { message.initMessage(request); };
   request.setContent(nullptr, 7);
-  EXPECT_THROW(message.initMessage(request), RESTException);
+  expectRefusal("the document's content is null although it has a length", initMessage);
   request.setContent("content", 7);
   request.setDocKey(nullptr, 3);
-  EXPECT_THROW(message.initMessage(request), RESTException);
+  const char* reason = "the document's key is null although it has a length";
+  expectRefusal(reason, initMessage);
   char out[64];
-  EXPECT_THROW(message.serializeMetadata(out, request.getMetadata(), nullptr, 3), RESTException);
+  expectRefusal(reason, [&] { message.serializeMetadata(out, request.getMetadata(), nullptr, 3); });
   request.setDocKey(nullptr, 0);
   request.setContent(nullptr, 7);
   message.initMessage(request);

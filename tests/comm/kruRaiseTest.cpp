@@ -89,5 +89,20 @@ TEST(Raiser, WithoutAFileNamesNoLineEither) {
   EXPECT_EQ("out of place", utf8(message.getMessageText()));
 }
 
+TEST(Rethrow, CarriesTheSameMessagesAndNothingElse) {
+  tq::oss::MessageList messages;
+  messages.add(tq::oss::Message(u"A", u"one"));
+  messages.add(tq::oss::Message(u"B", u"two"));
+  try {
+    rethrow(messages);
+    FAIL() << "returned";
+  } catch (const RESTException& error) {
+    ASSERT_EQ(2U, error.getMessageList().size());
+    EXPECT_EQ("A", utf8(error.getMessageList().front().getMessageId()));
+    EXPECT_EQ("B", utf8(std::next(error.getMessageList().begin())->getMessageId()));
+    EXPECT_EQ(nullptr, error.getProperties());
+  }
+}
+
 }  // namespace
 }  // namespace tq::comm
