@@ -35,6 +35,7 @@ struct Core {
 
   kru_wait_hook hook = nullptr;
   void* host = nullptr;
+  std::uint32_t deadline = 0;  // KRU_DEADLINE
   bool queueMode = false;
   unsigned int pauseFirst = 0;
   unsigned int pauseMost = 0;

@@ -66,6 +66,7 @@ void apply(Core& core, std::int32_t setting, std::uint32_t value) {
     case KRU_TIME_OUT:
       return core.client->setTimeOut(value);
     case KRU_DEADLINE:
+      core.deadline = value;
       return core.client->setDeadline(value);
     case KRU_RETRIES:
       return core.client->setNumRetries(value);

@@ -19,6 +19,8 @@ struct Reading {
   std::shared_ptr<Core> core;
   tq::comm::ClientRequest::REQUEST kind;
   tq::comm::ClientResponse response{};
+  // Of each fetch, when the caller limited the request.
+  std::optional<std::uint32_t> deadline{};
 
   // Nothing more is to be fetched. What the client says of that holds for its last exchange only.
   bool ended = false;
@@ -89,6 +91,7 @@ std::int32_t openCursor(kru_client* client, ClientRequest::REQUEST kind, const k
     ClientRequest request;
     build(request);
     exchange(core, request, made->reading->response, limits);
+    if (limits != nullptr) made->reading->deadline = limits->deadline;
     noteEnd(*made->reading);
     *cursor = made.release();
   });
@@ -100,7 +103,22 @@ bool hasMore(Reading& reading) {
              : reading.response.getSearchResponse().hasMore();
 }
 
+/// For its lifetime the cursor's own deadline, if it has one, takes the place of the client's.
+class OwnDeadline {
+ public:
+  explicit OwnDeadline(const Reading& reading) : core_(*reading.core) {
+    if (reading.deadline) core_.client->setDeadline(*reading.deadline);
+  }
+  ~OwnDeadline() { core_.client->setDeadline(core_.deadline); }
+  OwnDeadline(const OwnDeadline&) = delete;
+  OwnDeadline& operator=(const OwnDeadline&) = delete;
+
+ private:
+  Core& core_;
+};
+
 void fetch(Reading& reading) {
+  const OwnDeadline deadline(reading);
   if (reading.kind == ClientRequest::PARSE_RESULT) {
     reading.response.getParseResponse(*reading.core->client);
   } else {

@@ -178,7 +178,9 @@ KRU_API int32_t kru_client_last_error(kru_client* client, kru_error* error);
 
 /* ---- Requests. `limits` may be null everywhere: then the client's settings hold. ---- */
 
-/* What one call may take, instead of KRU_DEADLINE and KRU_RETRIES. */
+/* What one call may take, instead of KRU_DEADLINE and KRU_RETRIES. The deadline that was given to
+   kru_search or kru_ask_outcomes also holds, each time anew, for what their cursor fetches later;
+   a fetch is never repeated, whatever the retries. */
 typedef struct kru_limits {
   uint32_t size;     /* sizeof(kru_limits) */
   uint32_t deadline; /* 0: none */
@@ -274,7 +276,8 @@ KRU_API int32_t kru_search(kru_client* client, const char* collection, uint32_t 
                            kru_cursor** cursor, kru_error* error);
 
 /* The next hit: KRU_OK, and KRU_END behind the last. KRU_TRUNCATED says that hits are missing.
-   KRU_DEADLINE bounds each fetch. The key lives until the next call on this cursor. */
+   Each fetch is bounded by the deadline of the limits that the cursor was made with; without
+   limits, by KRU_DEADLINE. The key lives until the next call on this cursor. */
 KRU_API int32_t kru_cursor_next(kru_cursor* cursor, kru_hit* hit, kru_error* error);
 
 /* The name of the document of the last hit as a text: "base64:" and the key's Base64, or what the

@@ -61,6 +61,17 @@ struct CFace : testing::TestWithParam<bool> {
     return script.awaitClose();
   }
 
+  /// A search's reply that stops after its first hit until the network releases it.
+  Script twoHitsWithAStallBetween() const {
+    Script script;
+    replies.expect(script);
+    Script hits;
+    replies.sendHits(hits, {"a1", "a2"});
+    script.send(hits.steps().front().bytes).stall();
+    for (std::size_t i = 1; i < hits.steps().size(); ++i) script.send(hits.steps()[i].bytes);
+    return script;
+  }
+
   std::int32_t status() {
     std::uint32_t number = 99;
     const std::int32_t code = kru_status(client, "c1", 2, nullptr, &number, &error);
@@ -505,13 +516,8 @@ TEST_P(CFace, ACursorOutlivesItsClientAndSaysSo) {
 }
 
 TEST_P(CFace, ATimeOutOfACursorCanBeWaitedOut) {
-  Script script;
-  replies.expect(script);
-  Script hits;
-  replies.sendHits(hits, {"a1", "a2"});
-  script.send(hits.steps().front().bytes).stall();
-  for (std::size_t i = 1; i < hits.steps().size(); ++i) script.send(hits.steps()[i].bytes);
-  ScriptedNetwork network(script.awaitClose(), ScriptedNetwork::Arrival::OnDemand);
+  ScriptedNetwork network(twoHitsWithAStallBetween().awaitClose(),
+                          ScriptedNetwork::Arrival::OnDemand);
   create();
   kru_client_set(client, KRU_DEADLINE, 50, nullptr);
   kru_cursor* cursor = nullptr;
@@ -524,6 +530,46 @@ TEST_P(CFace, ATimeOutOfACursorCanBeWaitedOut) {
   EXPECT_EQ(next(cursor, key), KRU_OK) << error.message;
   EXPECT_EQ(key, "a2");
   EXPECT_EQ(next(cursor, key), KRU_END);
+  kru_cursor_close(cursor);
+}
+
+TEST_P(CFace, TheLimitsOfASearchBoundEachFetchOfItsCursor) {
+  Script script = twoHitsWithAStallBetween();
+  ScriptedNetwork network(replies.expect(script).awaitClose(), ScriptedNetwork::Arrival::OnDemand);
+  create();
+  kru_client_set(client, KRU_DEADLINE, 5000, nullptr);
+  kru_client_set(client, KRU_RETRIES, 0, nullptr);
+  kru_limits limits{sizeof limits, 20, 0};
+  kru_cursor* cursor = nullptr;
+  ASSERT_EQ(kru_search(client, "c1", 2, "q", 1, nullptr, &limits, &cursor, &error), KRU_OK);
+  std::string key;
+  EXPECT_EQ(next(cursor, key), KRU_OK);
+  for (std::uint64_t fetch = 1; fetch <= 2; ++fetch) {
+    EXPECT_EQ(next(cursor, key), KRU_TIMEOUT);
+    EXPECT_EQ(network.elapsedMillis(), 20 * fetch) << "each has the whole deadline";
+  }
+  network.release();
+  EXPECT_EQ(next(cursor, key), KRU_OK) << error.message;
+  EXPECT_EQ(next(cursor, key), KRU_END);
+  kru_cursor_close(cursor);
+  const std::uint64_t before = network.elapsedMillis();
+  EXPECT_EQ(status(), KRU_TIMEOUT) << "the client's own deadline holds again";
+  EXPECT_GE(network.elapsedMillis() - before, 5000U);
+}
+
+TEST_P(CFace, LimitsWithoutADeadlineLetTheCursorWait) {
+  ScriptedNetwork network(twoHitsWithAStallBetween().awaitClose(),
+                          ScriptedNetwork::Arrival::OnDemand);
+  create();
+  kru_client_set(client, KRU_DEADLINE, 20, nullptr);
+  kru_limits limits{sizeof limits, 0, 0};
+  kru_cursor* cursor = nullptr;
+  ASSERT_EQ(kru_search(client, "c1", 2, "q", 1, nullptr, &limits, &cursor, &error), KRU_OK);
+  std::string key;
+  EXPECT_EQ(next(cursor, key), KRU_OK);
+  EXPECT_FALSE(network.waitedForever());
+  EXPECT_NE(next(cursor, key), KRU_TIMEOUT);
+  EXPECT_TRUE(network.waitedForever());
   kru_cursor_close(cursor);
 }
 
