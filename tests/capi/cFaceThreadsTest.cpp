@@ -17,7 +17,7 @@ namespace {
 
 using namespace tq::test;
 
-class CFaceRealSockets : public testing::TestWithParam<bool> {
+class CFaceThreads : public testing::TestWithParam<bool> {
  protected:
   kru_client* create(unsigned int port) const {
     kru_client* client = nullptr;
@@ -35,7 +35,7 @@ class CFaceRealSockets : public testing::TestWithParam<bool> {
   Replies replies{GetParam()};
 };
 
-TEST_P(CFaceRealSockets, ACancelledThreadUnwindsThroughACall) {
+TEST_P(CFaceThreads, ACancelledThreadUnwindsThroughACall) {
   Script silent;
   replies.expect(silent).stall();
   Script next;
@@ -58,7 +58,7 @@ TEST_P(CFaceRealSockets, ACancelledThreadUnwindsThroughACall) {
   kru_client_destroy(client);
 }
 
-TEST_P(CFaceRealSockets, ACallOfAnotherThreadIsRefused) {
+TEST_P(CFaceThreads, ACallOfAnotherThreadIsRefused) {
   Script silent;
   replies.expect(silent).stall().send(replies.done()).awaitClose();
   ScriptedServer server(silent);
@@ -73,7 +73,7 @@ TEST_P(CFaceRealSockets, ACallOfAnotherThreadIsRefused) {
   kru_client_destroy(client);
 }
 
-INSTANTIATE_TEST_SUITE_P(Over, CFaceRealSockets, testing::Bool(), [](const auto& over) {
+INSTANTIATE_TEST_SUITE_P(Over, CFaceThreads, testing::Bool(), [](const auto& over) {
   return std::string(over.param ? "Binary" : "Http");
 });
 
