@@ -6,11 +6,14 @@
 #include <utility>
 
 #include "cli/errors.h"
+#include "cli/outcomes.h"
 #include "cli/request.h"
 #include "cli/text.h"
 #include "cli/ticker.h"
 #include "comm/kruClientResponse.h"
+#include "comm/kruParseResult.h"
 #include "comm/kruStaticDefs.h"
+#include "infra/oss/kruBaseException.h"
 
 namespace corvane {
 
@@ -45,6 +48,26 @@ ExitCode runOn(Session& session, ClientRequest::REQUEST kind, const std::string&
   session.printer.result(fmt::format("{} {}", done, collection),
                          {{"collection", collection}, {"done", done}});
   return ExitCode::Ok;
+}
+
+// The key where it can be read as text, otherwise what the server calls the document.
+std::string nameOf(const tq::comm::ParseResult& result) {
+  const auto key = keyOfDocId(result.getDocument());
+  return key && fromUtf8(*key) ? *key : toUtf8(result.getDocument());
+}
+
+// The server says how many documents an update left out, and which ones when it is asked.
+void tellWhatWasLeftOut(Session& session, const std::string& collection,
+                        const tq::oss::BaseException& failure) {
+  session.answered = true;
+  session.printer.error(describeFailure(failure, session.settings, session.answered),
+                        failureId(failure));
+  takeOutcomes(session, collectionName(collection), [&](const tq::comm::ParseResult& result) {
+    if (isRefusal(result)) report(session, {0, nameOf(result), reasonOf(result.getMessage())});
+  });
+  if (session.client.isTruncated()) {
+    session.printer.error("the server broke off the list of these documents", "TRUNCATED");
+  }
 }
 
 KVPair metadataPair(const std::string& argument) {
@@ -117,9 +140,13 @@ ExitCode dropCollection(Session& session, const std::string& collection) {
                "the collection may have been deleted all the same (the request was not repeated)");
 }
 
-ExitCode updateIndex(Session& session, const std::string& collection) {
+ExitCode updateIndex(Session& session, const std::string& collection) try {
   return runOn(session, ClientRequest::UPDATE_INDEX, collection, "updated",
                "the server may still be updating");
+} catch (const tq::oss::BaseException& failure) {
+  if (!leavesDocumentsOut(failure)) throw;
+  tellWhatWasLeftOut(session, collection, failure);
+  return ExitCode::PartlyLoaded;
 }
 
 ExitCode addDocument(Session& session, const AddArguments& arguments) {

@@ -98,6 +98,10 @@ bool isVerdict(const tq::oss::BaseException& failure, tq::comm::RequestOutcome o
 
 bool isUnreadable(const icu::UnicodeString& id) { return id == u"ZVK0001E"; }
 
+bool leavesDocumentsOut(const tq::oss::BaseException& failure) {
+  return firstId(failure) == u"ZVK0015E";
+}
+
 bool suggestsOtherProtocol(const tq::oss::BaseException& failure) {
   const icu::UnicodeString id = firstId(failure);
   return isNotUnderstood(id) || isUnreadable(id) || id == StaticDefs::ERR_SERVER_COMM_RECV;

@@ -39,6 +39,9 @@ bool isVerdict(const tq::oss::BaseException& failure, tq::comm::RequestOutcome o
 /// other protocol, too.
 bool isUnreadable(const icu::UnicodeString& id);
 
+/// True when an update of the index left documents out, and all others are searchable.
+bool leavesDocumentsOut(const tq::oss::BaseException& failure);
+
 /// True when the failure may have come of speaking the wrong protocol on this port.
 bool suggestsOtherProtocol(const tq::oss::BaseException& failure);
 

@@ -8,7 +8,7 @@ enum class ExitCode {
   Failed = 1,       ///< the server refused, could not be reached, or a file could not be read
   Usage = 2,        ///< the command line is wrong; nothing was sent
   Truncated = 3,    ///< the result was cut off: what was printed is right, but not everything
-  PartlyLoaded = 4  ///< every document was offered, and some were refused
+  PartlyLoaded = 4  ///< every document was offered, or the index updated; some were refused
 };
 
 }  // namespace corvane

@@ -8,8 +8,8 @@ namespace {
 
 constexpr const char* exitCodes =
     "Exit codes: 0 done; 1 the server, the connection or a file failed; 2 the command\n"
-    "line is wrong, nothing was sent; 3 the result was cut off; 4 loaded, but some\n"
-    "documents were refused.\n";
+    "line is wrong, nothing was sent; 3 the result was cut off; 4 loaded or updated,\n"
+    "but some documents were refused.\n";
 
 bool isCommon(const CLI::Option* option) {
   return option->check_lname("host") || option->check_lname("port") ||

@@ -24,8 +24,8 @@ struct Document {
 
 /// A document that is not in the collection, and why.
 struct Refusal {
-  std::uint64_t line = 0;
-  std::string key;  ///< empty when the line has none
+  std::uint64_t line = 0;  ///< of the input; 0 when it is not known which
+  std::string key;         ///< empty when the line has none
   std::string reason;
 };
 

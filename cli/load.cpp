@@ -8,6 +8,7 @@
 
 #include "cli/commands.h"
 #include "cli/errors.h"
+#include "cli/outcomes.h"
 #include "cli/request.h"
 #include "cli/text.h"
 #include "comm/kruClientResponse.h"
@@ -30,32 +31,8 @@ bool mayPass(const tq::oss::BaseException& failure) {
          id == tq::comm::StaticDefs::ERR_CLIENT_INTERNAL;
 }
 
-// A document that comes with a warning or an information is in the collection.
-bool isRefusal(const tq::comm::ParseResult& result) {
-  if (!result.hasMessage()) return false;
-  const auto level = result.getMessage().getLevel();
-  return level == tq::oss::Message::LEVEL_ERROR || level == tq::oss::Message::LEVEL_SEVERE;
-}
-
-std::string reasonOf(const tq::oss::Message& message) {
-  return fmt::format("{} ({})", printable(message.getMessageText()),
-                     printable(message.getMessageId()));
-}
-
 // Up to this many documents are not worth another round of queueing.
 constexpr std::size_t kFewDocuments = 10;
-
-void report(Session& session, const Refusal& refusal) {
-  nlohmann::ordered_json object = {{"refused", refusal.key}, {"line", refusal.line}};
-  object["reason"] = refusal.reason;
-  if (session.printer.json()) {
-    session.printer.object(object);
-    return;
-  }
-  const std::string key =
-      refusal.key.empty() ? "" : fmt::format(", key \"{}\"", printable(refusal.key));
-  session.printer.error(fmt::format("line {}{}: {}", refusal.line, key, printable(refusal.reason)));
-}
 
 }  // namespace
 
@@ -120,23 +97,11 @@ void BatchLoader::queue(const Document& document) {
 
 // What was received before a failure counts as well.
 void BatchLoader::collect() try {
-  collectResults();
+  takeOutcomes(session_, collection_, [this](const auto& result) { note(result); });
   settle();
 } catch (...) {
   settle();
   throw;
-}
-
-void BatchLoader::collectResults() {
-  ClientRequest request = collectionRequest(ClientRequest::PARSE_RESULT, collection_);
-  ClientResponse response;
-  exchange(session_, request, response);
-  auto* results = &response.getParseResponse();
-  for (;;) {
-    while (results->hasMore()) note(results->getNext());
-    if (session_.client.isEndOfStream()) break;
-    results = &response.getParseResponse(session_.client);
-  }
 }
 
 void BatchLoader::note(const tq::comm::ParseResult& result) {

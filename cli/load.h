@@ -68,7 +68,6 @@ class BatchLoader {
   void deliverOnce();
   void queue(const Document& document);
   void collect();
-  void collectResults();
   void note(const tq::comm::ParseResult& result);
   void settle();
   void confirm();

@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <stdlib.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -71,6 +73,33 @@ int awaitEnd(pid_t process) {
 
 }  // namespace
 
+Terminal::Terminal() : outer_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
+  std::array<char, 64> name{};
+  if (outer_ < 0 || ::grantpt(outer_) != 0 || ::unlockpt(outer_) != 0 ||
+      ::ptsname_r(outer_, name.data(), name.size()) != 0) {
+    throw std::runtime_error("no terminal");
+  }
+  inner_ = ::open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+  const winsize size{.ws_row = 24, .ws_col = 80, .ws_xpixel = 0, .ws_ypixel = 0};
+  if (inner_ < 0 || ::ioctl(inner_, TIOCSWINSZ, &size) != 0) {
+    throw std::runtime_error("no terminal");
+  }
+}
+
+Terminal::~Terminal() {
+  ::close(inner_);
+  ::close(outer_);
+}
+
+void Terminal::await(const std::string& text) {
+  std::array<char, 4096> buffer{};
+  while (written_.find(text) == std::string::npos) {
+    const ssize_t count = ::read(outer_, buffer.data(), buffer.size());
+    if (count <= 0) throw std::runtime_error("the terminal shows only: " + written_);
+    written_.append(buffer.data(), static_cast<std::size_t>(count));
+  }
+}
+
 struct Child::Files {
   explicit Files(const std::string& input) : in(input) {}
   ScratchFile in, out{}, err{};
@@ -88,6 +117,11 @@ Child::Child(const std::vector<std::string>& command, const std::string& input, 
   process_ = spawn(command, files_->in.descriptor(), out, files_->err.descriptor());
   if (output == Output::unread) ::close(pipe[1]);
 }
+
+Child::Child(const std::vector<std::string>& command, const Terminal& errors)
+    : files_(std::make_unique<Files>(std::string())),
+      process_(
+          spawn(command, files_->in.descriptor(), files_->out.descriptor(), errors.descriptor())) {}
 
 Child::~Child() {
   if (process_ > 0) {

@@ -14,6 +14,25 @@ struct Finished {
   std::string out, err;
 };
 
+/// A terminal of 80 columns that a program may write to.
+class Terminal {
+ public:
+  Terminal();
+  ~Terminal();
+  Terminal(const Terminal&) = delete;
+  Terminal& operator=(const Terminal&) = delete;
+
+  /// Where a program writes.
+  int descriptor() const { return inner_; }
+  /// Returns when this text has been written; throws when the last writer has gone without it.
+  void await(const std::string& text);
+
+ private:
+  int outer_;
+  int inner_;
+  std::string written_;
+};
+
 /// A program that runs beside the test. Killed when the object goes.
 class Child {
  public:
@@ -26,6 +45,8 @@ class Child {
 
   explicit Child(const std::vector<std::string>& command, const std::string& input = {},
                  Output output = Output::kept);
+  /// What the program says about itself goes to the terminal and not into `Finished::err`.
+  Child(const std::vector<std::string>& command, const Terminal& errors);
   ~Child();
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;

@@ -85,6 +85,26 @@ TEST(Output, ThatNobodyReadsDoesNotKeepTheProgramFromTakingTheResult) {
   EXPECT_THAT(finished.out, HasSubstr("20000    0.500  hit19999\n"));
 }
 
+TEST(Update, ShowsAtATerminalThatItIsAliveAndIsSilentElsewhere) {
+  ScriptedServer server(Script().expectFramedRequest().stall().send(word16(1)));
+  const std::vector<std::string> command{CORVANE_PROGRAM, "--port", std::to_string(server.port()),
+                                         "update", "books"};
+  // Has begun to wait a second earlier than what the other one shows last.
+  Child silent(command);
+  server.awaitRequests(0, 1);
+  Terminal terminal;
+  Child shown(command, terminal);
+  terminal.await("the server is working, 1 second");
+  terminal.await("the server is working, 2 seconds");
+  server.release();
+  for (Child* child : {&silent, &shown}) {
+    const Finished finished = child->finish();
+    EXPECT_EQ(finished.code, 0);
+    EXPECT_EQ(finished.out, "updated books\n");
+    EXPECT_EQ(finished.err, "");
+  }
+}
+
 class Interrupted : public ::testing::TestWithParam<int> {};
 
 TEST_P(Interrupted, LoadSaysWhatWasTakenAndWhatIsInDoubt) {

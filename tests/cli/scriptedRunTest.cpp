@@ -681,6 +681,82 @@ TEST(Load, MakesTheDocumentsSearchableWhenAsked) {
   EXPECT_TRUE(contains(server.connection(0).requests.at(4), "\naction: updateIndex\n"));
 }
 
+const std::string leftOut = "2 documents cannot be indexed";
+
+TEST(Update, ListsWhatTheIndexLeftOut) {
+  ScriptedServer server(Script()
+                            .expectRequest()
+                            .send(refusal("ZVK0015E", leftOut))
+                            .expectRequest()
+                            .send(outcomes({{"stored"},
+                                            {"base64:YQ==", "ZVK0015E", "term too long"},
+                                            {"warned", "ZVK0100W", "language unknown"},
+                                            {"base64:/w==", "ZVK0015E", "a\x1b[2J"}})));
+  const Result result = runAgainst(server, {"update", "books"});
+  EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "corvane: the server at 127.0.0.1:" + std::to_string(server.port()) +
+                            " says: " + leftOut +
+                            " (ZVK0015E)\n"
+                            "corvane: key \"a\": term too long (ZVK0015E)\n"
+                            "corvane: key \"base64:/w==\": a\\u{1b}[2J (ZVK0015E)\n");
+  EXPECT_TRUE(contains(server.connection(0).requests.at(1), "\naction: getParseResult\n"));
+  EXPECT_TRUE(contains(server.connection(0).requests.at(1), "\nindex: books\n"));
+}
+
+TEST(Update, ListsWhatTheIndexLeftOutInJsonToo) {
+  ScriptedServer server(Script()
+                            .expectRequest()
+                            .send(refusal("ZVK0015E", leftOut))
+                            .expectRequest()
+                            .send(outcomes({{"base64:YQ==", "ZVK0015E", "term too long"}})));
+  const Result result = runAgainst(server, {"--json", "update", "books"});
+  EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
+  EXPECT_EQ(result.out, "{\"refused\":\"a\",\"reason\":\"term too long (ZVK0015E)\"}\n");
+  EXPECT_TRUE(contains(result.err, R"(,"id":"ZVK0015E"})")) << result.err;
+}
+
+TEST(Update, SaysWhenTheListIsCutOff) {
+  Reply list{"x", kParseResult, 200, kUninterpreted};
+  list.body += enveloped(record({{"Doc", "a"}, {"MsgId", "ZVK0015E"}, {"MsgText", "no"}}));
+  ScriptedServer server(Script()
+                            .expectRequest()
+                            .send(refusal("ZVK0015E", leftOut))
+                            .expectRequest()
+                            .send(chunked(list, 0, false).text));
+  const Result result = runAgainst(server, {"update", "books"});
+  EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
+  EXPECT_TRUE(contains(result.err,
+                       "corvane: key \"a\": no (ZVK0015E)\n"
+                       "corvane: the server broke off the list of these documents\n"))
+      << result.err;
+}
+
+TEST(Update, ThatFailsOtherwiseAsksForNoList) {
+  ScriptedServer server(Script().expectRequest().send(refusal("ZVK0014E", "disk full")));
+  EXPECT_EQ(runAgainst(server, {"update", "books"}).code, ExitCode::Failed);
+  EXPECT_EQ(server.requests(), 1U);
+}
+
+TEST(Load, ThatUpdatesListsWhatTheIndexLeftOut) {
+  ScriptedServer server(Script()
+                            .expectRequest()
+                            .send(done())
+                            .expectRequest()
+                            .expectRequest()
+                            .expectRequest()
+                            .send(outcomes({{"a"}}))
+                            .expectRequest()
+                            .send(refusal("ZVK0015E", leftOut))
+                            .expectRequest()
+                            .send(outcomes({{"a", "ZVK0015E", "term too long"}})));
+  const Result result =
+      runAgainst(server, {"load", "books", "-", "--update"}, documentLine("a", "x"));
+  EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
+  EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");
+  EXPECT_TRUE(contains(result.err, "\ncorvane: key \"a\": term too long (ZVK0015E)\n"));
+}
+
 TEST(Load, SendsTheWindowAgainWhenAWriteFails) {
   const Script broken = Script().expectRequest().send(done()).expectBytes(1000).reset();
   const Script whole =

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <unicode/unistr.h>
+
+#include <functional>
+#include <string>
+
+#include "cli/jsonLines.h"
+#include "cli/session.h"
+
+namespace tq::comm {
+class ParseResult;
+}
+namespace tq::oss {
+class Message;
+}
+
+namespace corvane {
+
+/// Asks the server what became of the collection's documents and hands over one result after the
+/// other. The server tells each only once.
+void takeOutcomes(Session& session, const icu::UnicodeString& collection,
+                  const std::function<void(const tq::comm::ParseResult&)>& take);
+
+/// False also of a document with a warning or an information: it is in the collection.
+bool isRefusal(const tq::comm::ParseResult& result);
+
+/// The server's words and, in brackets, its id.
+std::string reasonOf(const tq::oss::Message& message);
+
+/// Prints why a document was refused: a line for a person, an object of the result as JSON.
+void report(Session& session, const Refusal& refusal);
+
+}  // namespace corvane
