@@ -270,7 +270,8 @@ void serve(const Options& options, const std::function<Options()>& again) {
   raiseDescriptorLimit();
   LocalStore store(options.data, options.store);
   closeToOthers(options.data);
-  Dispatcher dispatcher(store, KRUCOMM_VERSION);
+  // Requests end the server as an operator does.
+  Dispatcher dispatcher(store, KRUCOMM_VERSION, [] { ::kill(::getpid(), SIGTERM); });
   Server server(dispatcher, options.server);
   server.start();
   std::atomic<bool> stopping = false;

@@ -46,6 +46,10 @@ std::string_view messageId(ErrorKind kind) {
       return "ZVK0022E";
     case ErrorKind::Forbidden:
       return "ZVK0023E";
+    case ErrorKind::UnknownParameter:
+      return "ZVK0024E";
+    case ErrorKind::VersionMismatch:
+      return "ZVK0025E";
     case ErrorKind::Internal:
       break;
   }

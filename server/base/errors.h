@@ -30,6 +30,8 @@ enum class ErrorKind {
   TimedOut,
   Unauthorized,
   Forbidden,
+  UnknownParameter,
+  VersionMismatch,
   Internal,
 };
 

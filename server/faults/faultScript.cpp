@@ -25,9 +25,9 @@ constexpr std::string_view kConditions =
 constexpr std::string_view kFaultNames = "delay, split, drip, drop, reset, length, record or end";
 
 /// One statement, split into words. ":" and "," count as words.
-class Words {
+class Statement {
  public:
-  Words(std::string_view statement, std::size_t line) : line_(line) {
+  Statement(std::string_view statement, std::size_t line) : line_(line) {
     while (!statement.empty()) {
       const std::size_t blank = statement.find_first_not_of(" \t\r");
       if (blank == std::string_view::npos) return;
@@ -80,7 +80,7 @@ class Words {
   std::size_t position_ = 0;
 };
 
-void takeReplyNumbers(Words& words, FaultRule& rule) {
+void takeReplyNumbers(Statement& words, FaultRule& rule) {
   constexpr std::string_view kWanted = "the number of a reply";
   const std::string_view range = words.take(kWanted);
   const std::size_t dash = range.find('-');
@@ -91,7 +91,7 @@ void takeReplyNumbers(Words& words, FaultRule& rule) {
                   : words.numberOf(range.substr(dash + 1), kWanted, rule.first, most);
 }
 
-void takeChance(Words& words, FaultRule& rule) {
+void takeChance(Statement& words, FaultRule& rule) {
   const std::string_view word = words.take("a probability");
   const auto parsed = std::from_chars(word.data(), word.data() + word.size(), rule.chance);
   if (parsed.ec != std::errc{} || parsed.ptr != word.data() + word.size() || !(rule.chance >= 0) ||
@@ -100,12 +100,12 @@ void takeChance(Words& words, FaultRule& rule) {
   }
 }
 
-void takeAction(Words& words, FaultRule& rule) {
+void takeAction(Statement& words, FaultRule& rule) {
   rule.action = words.take("the name of an action");
   if (!findAction(rule.action)) words.fail("no action is called " + shown(rule.action));
 }
 
-void takeCondition(Words& words, FaultRule& rule) {
+void takeCondition(Statement& words, FaultRule& rule) {
   const std::string_view word = words.take("which replies are meant");
   if (word == "reply") return takeReplyNumbers(words, rule);
   if (word == "chance") return takeChance(words, rule);
@@ -121,11 +121,11 @@ void takeCondition(Words& words, FaultRule& rule) {
   }
 }
 
-std::chrono::milliseconds takeWait(Words& words) {
+std::chrono::milliseconds takeWait(Statement& words) {
   return std::chrono::milliseconds(words.number("a time in milliseconds", 0, kLongestWait));
 }
 
-std::int64_t takeLengthError(Words& words) {
+std::int64_t takeLengthError(Statement& words) {
   std::string_view word = words.take("+BYTES or -BYTES");
   const std::string_view whole = word;
   const bool signedWord = word.starts_with('+') || word.starts_with('-');
@@ -136,7 +136,7 @@ std::int64_t takeLengthError(Words& words) {
   return whole.front() == '-' ? -size : size;
 }
 
-Tamper takeTamper(Words& words) {
+Tamper takeTamper(Statement& words) {
   const std::string_view word = words.take("\"missing\" or \"extra\"");
   if (word == "missing") return Tamper::Missing;
   if (word != "extra") words.fail(shown(word) + " is neither \"missing\" nor \"extra\"");
@@ -144,7 +144,7 @@ Tamper takeTamper(Words& words) {
 }
 
 // Returns what the fault determines; only one fault of a rule may determine it.
-std::string_view takeFault(Words& words, Faults& faults) {
+std::string_view takeFault(Statement& words, Faults& faults) {
   const std::string_view name = words.take("a fault");
   if (name == "delay") {
     faults.delay = takeWait(words);
@@ -170,7 +170,7 @@ std::string_view takeFault(Words& words, Faults& faults) {
   return name;
 }
 
-FaultRule takeRule(Words& words) {
+FaultRule takeRule(Statement& words) {
   FaultRule rule;
   do takeCondition(words, rule);
   while (!words.empty() && words.peek() != ":" && words.peek() != ",");
@@ -186,7 +186,7 @@ FaultRule takeRule(Words& words) {
   return rule;
 }
 
-void takeStatement(Words words, FaultScript& script) {
+void takeStatement(Statement words, FaultScript& script) {
   if (words.empty()) return;
   if (!words.takeIf("seed")) {
     script.rules.push_back(takeRule(words));
@@ -210,7 +210,7 @@ FaultScript parseFaultScript(std::string_view text) {
   for (std::size_t number = 1; !text.empty(); ++number) {
     std::string_view line = cutAt(text, '\n');
     line = line.substr(0, line.find('#'));
-    while (!line.empty()) takeStatement(Words(cutAt(line, ';'), number), script);
+    while (!line.empty()) takeStatement(Statement(cutAt(line, ';'), number), script);
   }
   if (script.rules.empty()) throw FaultScriptError("the script has no rule");
   return script;

@@ -1,5 +1,6 @@
 #include "server/front/actions.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <system_error>
@@ -126,8 +127,9 @@ Reply queueDocument(const Service& service, Request& request) {
   std::string key;
   try {
     const DocumentBlock block = requireBlock(request);
-    if (block.terminate) return NoReply{};
     key = block.document.key;
+    requireParameters(*findAction(request.header(words().action)), request);
+    if (block.terminate) return NoReply{};
     service.store.queueDocument(collection, block.document);
   } catch (const ServerError& error) {
     if (error.kind() == ErrorKind::UnknownCollection) throw;
@@ -143,7 +145,14 @@ Reply parseResult(const Service& service, Request& request) {
 
 // A collection that cannot be opened has a status, too.
 Reply status(const Service& service, Request& request) {
-  if (collectionNamedBy(request).empty()) return StatusReply{};
+  const bool ofServer = collectionNamedBy(request).empty();
+  const std::string_view scope = request.header(words().scope);
+  if (!scope.empty() && (scope == words().systemScope) != ofServer) {
+    throw ServerError(ErrorKind::BadParameter, "the parameter " + shown(words().scope) + " is " +
+                                                   shown(scope) + ", but the request names " +
+                                                   (ofServer ? "no" : "a") + " collection");
+  }
+  if (ofServer) return StatusReply{};
   try {
     const CollectionState state = service.store.state(collectionOf(request));
     return StatusReply{state == CollectionState::Current ? 0U : 1U, {}};
@@ -160,36 +169,241 @@ Reply notSupported(const Service&, Request& request) {
       "the action " + shown(request.header(words().action)) + " is not supported by this server");
 }
 
+// Without accounts nobody can prove who they are, but whoever is on this machine could end the
+// process as well.
+Reply shutDown(const Service& service, Request& request) {
+  if (!service.shutDown) return notSupported(service, request);
+  if (!request.identified && !request.fromThisMachine) {
+    throw ServerError(
+        ErrorKind::Forbidden,
+        "a server without accounts is only shut down from its own machine; ask there, "
+        "or give the server --users");
+  }
+  service.shutDown();
+  return DoneReply{};
+}
+
+std::string_view withoutBuild(std::string_view version) {
+  return version.substr(0, version.find(words().buildSeparator));
+}
+
+std::string_view majorOf(std::string_view version) { return version.substr(0, version.find('.')); }
+
+bool lists(std::string_view versions, std::string_view wanted) {
+  for (;;) {
+    const std::size_t end = versions.find(words().versionsSeparator);
+    std::string_view version = withoutBuild(versions.substr(0, end));
+    while (version.starts_with(' ')) version.remove_prefix(1);
+    while (version.ends_with(' ')) version.remove_suffix(1);
+    if (version == wanted) return true;
+    if (end == std::string_view::npos) return false;
+    versions.remove_prefix(end + words().versionsSeparator.size());
+  }
+}
+
+// A major version is what the wire formats are promised for.
+Reply validateVersions(const Service& service, Request& request) {
+  const std::string_view own = withoutBuild(service.version);
+  const std::string_view client = request.header(words().implementationVersion);
+  const std::string_view servers = request.header(words().supportedServerVersions);
+  if (client.empty() && servers.empty()) require(request, words().implementationVersion);
+  if (!client.empty() && majorOf(client) != majorOf(own)) {
+    throw ServerError(ErrorKind::VersionMismatch, "the client has the version " + shown(client) +
+                                                      ", and the server " + shown(own) +
+                                                      " serves clients of the same major version");
+  }
+  if (!servers.empty() && !lists(servers, own)) {
+    throw ServerError(ErrorKind::VersionMismatch, "the server has the version " + shown(own) +
+                                                      ", and the client works with " +
+                                                      shown(servers));
+  }
+  return DoneReply{};
+}
+
 constexpr auto kAlways = Action::Answer::Always;
 constexpr auto kNever = Action::Answer::Never;
+
+// The values that say what the server does in any case.
+constexpr std::array<Word, 5> kActionTypes{&Words::actionUnknown, &Words::actionUpdate,
+                                           &Words::actionMonitor, &Words::actionSelect,
+                                           &Words::actionAdmin};
+constexpr std::array<Word, 3> kEnglish{&Words::english, &Words::americanEnglish,
+                                       &Words::defaultLanguage};
+constexpr std::array<Word, 2> kText{&Words::text, &Words::undefinedType};
+constexpr std::array<Word, 1> kPlainText{&Words::plainText};
+constexpr std::array<Word, 1> kUtf8{&Words::utf8};
+constexpr std::array<Word, 1> kYes{&Words::yes};
+constexpr std::array<Word, 1> kNo{&Words::no};
+constexpr std::array<Word, 1> kProtocol11{&Words::protocol11};
+constexpr std::array<Word, 1> kRecords{&Words::formatRdx};
+constexpr std::array<Word, 1> kOneCollection{&Words::collectionScope};
+constexpr std::array<Word, 1> kWholeServer{&Words::systemScope};
+constexpr std::array<Word, 2> kEitherScope{&Words::collectionScope, &Words::systemScope};
+constexpr std::array<Word, 1> kSelectivityMode{&Words::modeSelectivity};
+constexpr std::array<Word, 1> kByScore{&Words::byScore};
+
+// The parameters that actions have in common.
+constexpr std::array<Parameter, 8> kEnvelope{{
+    {&Words::action},
+    {&Words::contentLength},
+    {&Words::authorization},
+    {&Words::actionType, kActionTypes},
+    {&Words::protocolVersion, kProtocol11},
+    {&Words::connectionPersists, kYes},
+    {&Words::replyFormat, kRecords},
+    {&Words::locale, kEnglish},
+}};
+constexpr std::array<Parameter, 3> kCollection{
+    {{&Words::collection}, {&Words::collectionName}, {&Words::scope, kOneCollection}}};
+constexpr std::array<Parameter, 5> kDocument{{{&Words::documentType, kText},
+                                              {&Words::knownDocumentType, kText},
+                                              {&Words::charset, kUtf8},
+                                              {&Words::knownCharset, kUtf8},
+                                              {&Words::mimeType, kPlainText}}};
+// The parameters of single actions.
+constexpr std::array<Parameter, 1> kCreate{{{&Words::language}}};
+constexpr std::array<Parameter, 1> kAdd{{{&Words::useQueue, kNo}}};
+constexpr std::array<Parameter, 1> kQueue{{{&Words::useQueue, kYes}}};
+constexpr std::array<Parameter, 1> kUpdate{{{&Words::incremental, kYes}}};
+constexpr std::array<Parameter, 8> kSearch{{{&Words::query},
+                                            {&Words::mode},
+                                            {&Words::start},
+                                            {&Words::size},
+                                            {&Words::resultLimit},
+                                            {&Words::scoreWanted},
+                                            {&Words::scoreType},
+                                            {&Words::sortField, kByScore}}};
+constexpr std::array<Parameter, 2> kSelectivity{
+    {{&Words::query}, {&Words::mode, kSelectivityMode}}};
+constexpr std::array<Parameter, 3> kStatus{
+    {{&Words::collection}, {&Words::collectionName}, {&Words::scope, kEitherScope}}};
+// A client that always names a collection may do so here; the right to it is then asked for.
+constexpr std::array<Parameter, 3> kVersion{
+    {{&Words::collection}, {&Words::collectionName}, {&Words::scope, kWholeServer}}};
+constexpr std::array<Parameter, 1> kServer{{{&Words::scope, kWholeServer}}};
+constexpr std::array<Parameter, 2> kVersions{
+    {{&Words::implementationVersion}, {&Words::supportedServerVersions}}};
 
 // The client library's vocabulary has no action names; this table is their only place in the
 // server.
 constexpr std::array<Action, 19> kActions{{
-    {"createCollection", Workload::Write, kAlways, Right::Admin, createCollection},
-    {"openCollection", Workload::Read, kAlways, Right::Read, onCollection<&Store::openCollection>},
-    {"closeCollection", Workload::Write, kAlways, Right::Read,
+    {"createCollection",
+     Workload::Write,
+     kAlways,
+     Right::Admin,
+     {kCollection, kCreate},
+     createCollection},
+    {"openCollection",
+     Workload::Read,
+     kAlways,
+     Right::Read,
+     {kCollection},
+     onCollection<&Store::openCollection>},
+    {"closeCollection",
+     Workload::Write,
+     kAlways,
+     Right::Read,
+     {kCollection},
      onCollection<&Store::closeCollection>},
-    {"deleteCollection", Workload::Index, kAlways, Right::Admin,
+    {"deleteCollection",
+     Workload::Index,
+     kAlways,
+     Right::Admin,
+     {kCollection},
      onCollection<&Store::deleteCollection>},
-    {"addDocument", Workload::Write, kAlways, Right::Write, addDocument},
-    {"asyncAddDocument", Workload::Write, kNever, Right::Write, queueDocument},
-    {"deleteDocument", Workload::Write, kAlways, Right::Write, deleteDocument},
-    {"updateIndex", Workload::Index, kAlways, Right::Write, onCollection<&Store::updateIndex>},
-    {"search", Workload::Read, kAlways, Right::Read, search},
-    {"selectivity", Workload::Read, kAlways, Right::Read, selectivity},
-    {"getParseResult", Workload::Write, kAlways, Right::Write, parseResult},
-    {"getStatus", Workload::Status, kAlways, Right::Read, status},
-    {"getServerVersion", Workload::Status, kAlways, Right::Read, version},
-    {"backup", Workload::Status, kAlways, Right::Admin, notSupported},
-    {"restore", Workload::Status, kAlways, Right::Admin, notSupported},
-    {"takeover", Workload::Status, kAlways, Right::Admin, notSupported},
-    {"shutdown", Workload::Status, kAlways, Right::Admin, notSupported},
-    {"setConstructorConfiguration", Workload::Status, kAlways, Right::Admin, notSupported},
-    {"versionsValidation", Workload::Status, kAlways, Right::Read, notSupported},
+    {"addDocument",
+     Workload::Write,
+     kAlways,
+     Right::Write,
+     {kCollection, kDocument, kAdd},
+     addDocument},
+    {"asyncAddDocument",
+     Workload::Write,
+     kNever,
+     Right::Write,
+     {kCollection, kDocument, kQueue},
+     queueDocument},
+    {"deleteDocument", Workload::Write, kAlways, Right::Write, {kCollection}, deleteDocument},
+    {"updateIndex",
+     Workload::Index,
+     kAlways,
+     Right::Write,
+     {kCollection, kUpdate},
+     onCollection<&Store::updateIndex>},
+    {"search", Workload::Read, kAlways, Right::Read, {kCollection, kSearch}, search},
+    {"selectivity", Workload::Read, kAlways, Right::Read, {kCollection, kSelectivity}, selectivity},
+    {"getParseResult", Workload::Write, kAlways, Right::Write, {kCollection}, parseResult},
+    {"getStatus", Workload::Status, kAlways, Right::Read, {kStatus}, status},
+    {"getServerVersion", Workload::Status, kAlways, Right::Read, {kVersion}, version},
+    {"backup", Workload::Status, kAlways, Right::Admin, {}, notSupported},
+    {"restore", Workload::Status, kAlways, Right::Admin, {}, notSupported},
+    {"takeover", Workload::Status, kAlways, Right::Admin, {}, notSupported},
+    {"shutdown", Workload::Status, kAlways, Right::Admin, {kServer}, shutDown},
+    {"setConstructorConfiguration", Workload::Status, kAlways, Right::Admin, {}, notSupported},
+    {"versionsValidation",
+     Workload::Status,
+     kAlways,
+     Right::Read,
+     {kServer, kVersions},
+     validateVersions},
 }};
 
+const Parameter* find(Parameters parameters, std::string_view name) {
+  const auto found =
+      std::find_if(parameters.begin(), parameters.end(),
+                   [&](const Parameter& parameter) { return words().*parameter.name == name; });
+  return found == parameters.end() ? nullptr : &*found;
+}
+
+const Parameter* find(const Action& action, std::string_view name) {
+  if (const Parameter* common = find(kEnvelope, name)) return common;
+  for (const Parameters group : action.parameters) {
+    if (const Parameter* own = find(group, name)) return own;
+  }
+  return nullptr;
+}
+
+void requireValue(const Parameter& parameter, std::string_view value) {
+  const auto has = [&](Word word) { return words().*word == value; };
+  if (parameter.only.empty() || std::any_of(parameter.only.begin(), parameter.only.end(), has)) {
+    return;
+  }
+  std::string choices;
+  for (const Word word : parameter.only) {
+    choices += (choices.empty() ? "" : " or ") + shown(words().*word);
+  }
+  throw ServerError(ErrorKind::BadParameter, "the parameter " + shown(words().*parameter.name) +
+                                                 " is " + shown(value) + ", and can only be " +
+                                                 choices + " here");
+}
+
+// The name that a person knows a collection by would be a second one to keep.
+void requireOneCollection(const Request& request) {
+  const std::string_view name = request.header(words().collection);
+  const std::string_view other = request.header(words().collectionName);
+  if (name.empty() || other.empty() || name == other) return;
+  throw ServerError(ErrorKind::BadParameter, "the parameters " + shown(words().collection) +
+                                                 " and " + shown(words().collectionName) +
+                                                 " name two collections, " + shown(name) + " and " +
+                                                 shown(other));
+}
+
 }  // namespace
+
+void requireParameters(const Action& action, const Request& request) {
+  if (action.serve == notSupported) return;
+  for (const auto& [name, value] : request.headers) {
+    if (value.empty()) continue;
+    const Parameter* parameter = find(action, name);
+    if (!parameter) {
+      throw ServerError(
+          ErrorKind::UnknownParameter,
+          "the action " + shown(action.name) + " does not take the parameter " + shown(name));
+    }
+    requireValue(*parameter, value);
+  }
+  requireOneCollection(request);
+}
 
 std::string_view collectionNamedBy(const Request& request) {
   const std::string_view name = request.header(words().collection);

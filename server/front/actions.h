@@ -1,9 +1,12 @@
 #pragma once
 
+#include <array>
+#include <functional>
 #include <string>
 #include <string_view>
 
 #include "server/access/accessControl.h"
+#include "server/front/parameters.h"
 #include "server/front/reply.h"
 #include "server/front/request.h"
 #include "server/store/store.h"
@@ -19,6 +22,8 @@ enum class Workload { Read, Write, Index, Status };
 struct Service {
   Store& store;
   const std::string& version;
+  /// Ends the server; none if requests cannot.
+  const std::function<void()>& shutDown;
 };
 
 /// What a request can ask for.
@@ -30,6 +35,8 @@ struct Action {
   Answer answer;
   /// What whoever asks for it must be allowed to do with the collection.
   Right needs;
+  /// What it takes besides the envelope, in up to three groups.
+  std::array<Parameters, 3> parameters;
   /// Throws ServerError if it refuses the request. May consume the request's content.
   Reply (*serve)(const Service& service, Request& request);
 };
@@ -37,6 +44,11 @@ struct Action {
 /// The action of that name, or null. Includes the actions that the server knows but does not
 /// support.
 const Action* findAction(std::string_view name);
+
+/// Throws ServerError that names the first parameter that the action does not take, or that has a
+/// value which it cannot have. An empty value counts as none. Actions that the server does not
+/// support have nothing to check.
+void requireParameters(const Action& action, const Request& request);
 
 /// The collection that a request names, empty if it names none.
 std::string_view collectionNamedBy(const Request& request);

@@ -175,8 +175,15 @@ void Connection::turnAway() {
   });
 }
 
+void Connection::notePeer() {
+  std::error_code error;
+  const asio::ip::tcp::endpoint peer = socket_.remote_endpoint(error);
+  fromThisMachine_ = !error && peer.address().is_loopback();
+}
+
 void Connection::start() {
   setSocketOptions();
+  notePeer();
   asio::post(socket_.get_executor(),
              [self = shared_from_this()] { self->guarded([&] { self->proceed(); }); });
 }
@@ -369,6 +376,8 @@ Connection::State Connection::answerRow(Workload workload) {
       if (!queued_) queued_ = decoder_.next();
       if (!queued_ || nextWorkload() != workload) return State::Serving;
       Request request = std::move(*std::exchange(queued_, std::nullopt));
+      request.identified = context_.options().access != nullptr;
+      request.fromThisMachine = fromThisMachine_;
       outlet_->asked(request);
       encoder_ = outlet_->reply(encode(framing_, context_.dispatcher().handle(std::move(request))));
       requestMemory_.force(0);

@@ -145,6 +145,7 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
   void close();
 
   void setSocketOptions();
+  void notePeer();
   Verdict admit(const Request& request, std::uint64_t contentBytes) override;
   bool admitIdentity(const Request& request);
   void awaitAdmission();
@@ -163,6 +164,7 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
       timer_;
   const Framing framing_;
   ConnectionContext& context_;
+  bool fromThisMachine_ = false;
 
   RequestDecoder decoder_;
   std::optional<Request> queued_;

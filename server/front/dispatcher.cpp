@@ -85,8 +85,11 @@ Reply Dispatcher::serve(Request& request, std::string& errorId) {
     if (!request.defect.empty()) throw ServerError(ErrorKind::MalformedRequest, request.defect);
     const Action& action = requireAction(request);
     // A refusal that no reply can tell is told by the action.
-    if (request.refusal && action.answer == Action::Answer::Always) throw *request.refusal;
-    return action.serve({store_, version_}, request);
+    if (action.answer == Action::Answer::Always) {
+      if (request.refusal) throw *request.refusal;
+      requireParameters(action, request);
+    }
+    return action.serve({store_, version_, shutDown_}, request);
   } catch (const ServerError& error) {
     return refuse(request, errorReply(error.kind(), error.what()), errorId);
   } catch (const std::bad_alloc&) {

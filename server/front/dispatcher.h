@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -14,7 +15,9 @@ namespace corvaned {
 /// used from any number of threads.
 class Dispatcher {
  public:
-  Dispatcher(Store& store, std::string version) : store_(store), version_(std::move(version)) {}
+  /// `shutDown` ends the server, and returns before it has ended. Without it no request can.
+  Dispatcher(Store& store, std::string version, std::function<void()> shutDown = {})
+      : store_(store), version_(std::move(version)), shutDown_(std::move(shutDown)) {}
 
   /// What was counted so far. The connections count here, too.
   Metrics& metrics() { return metrics_; }
@@ -35,6 +38,7 @@ class Dispatcher {
 
   Store& store_;
   std::string version_;
+  std::function<void()> shutDown_;
   Metrics metrics_;
   LogRepeats repeats_;
 };

@@ -21,6 +21,10 @@ struct Request {
   std::string defect;
   /// Why the request was not admitted; its content was then discarded.
   std::optional<ServerError> refusal;
+  /// Whether whoever asks has proved who they are, and has the right to what they ask for.
+  bool identified = false;
+  /// Whether the connection comes from the server's own machine.
+  bool fromThisMachine = false;
 
   /// The value of a header; empty if it was not sent.
   std::string_view header(std::string_view name) const {

@@ -9,10 +9,17 @@ namespace corvaned {
 /// server cannot spell them differently.
 struct Words {
   // Header names.
-  std::string action, authorization, collection, collectionName, contentLength, query, mode, start,
-      size, resultLimit, scoreWanted, scoreType, language;
+  std::string action, actionType, authorization, collection, collectionName, contentLength,
+      connectionPersists, protocolVersion, replyFormat, locale, scope;
+  std::string query, mode, start, size, resultLimit, scoreWanted, scoreType, sortField;
+  std::string language, documentType, knownDocumentType, charset, knownCharset, mimeType, useQueue,
+      incremental;
+  std::string implementationVersion, supportedServerVersions, versionsSeparator, buildSeparator;
   // Values.
-  std::string modeScalar, modeStreaming, yes, no, defaultLanguage;
+  std::string modeScalar, modeStreaming, modeSelectivity, yes, no, defaultLanguage, english,
+      americanEnglish, protocol11, formatRdx, collectionScope, systemScope, text, undefinedType,
+      plainText, utf8, byScore;
+  std::string actionUnknown, actionUpdate, actionMonitor, actionSelect, actionAdmin;
   // Tags of a document block and names of record fields.
   std::string rowId, data, doc;
   // Names of reply headers.

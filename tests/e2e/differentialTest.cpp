@@ -55,7 +55,7 @@ void expectEventful(const Tally& tally, std::size_t sequences) {
     EXPECT_GT(counts[static_cast<std::size_t>(i)], 0U) << verb;
   }
   for (const char* id : {"ZVK0003E", "ZVK0004E", "ZVK0005E", "ZVK0006E", "ZVK0007E", "ZVK0008E",
-                         "ZVK0009E", "ZVK0010E", "ZVK0012E", "ERR_CLIENT_INTERNAL"}) {
+                         "ZVK0009E", "ZVK0010E", "ZVK0012E", "ZVK0024E", "ERR_CLIENT_INTERNAL"}) {
     EXPECT_THAT(tally.errors, Contains(Key(id)));
   }
   EXPECT_GT(tally.refusedDocuments, 0U);

@@ -127,6 +127,10 @@ void CorvanedProcess::kill() { end(SIGKILL); }
 
 int CorvanedProcess::end(int signal) {
   program_->signal(signal);
+  return awaitEnd();
+}
+
+int CorvanedProcess::awaitEnd() {
   const int code = program_->wait();
   program_.reset();
   return code;

@@ -61,6 +61,8 @@ class CorvanedProcess {
   int stop();
   /// Ends it as a power cut would.
   void kill();
+  /// Returns its exit code once it has ended by itself.
+  int awaitEnd();
   /// Starts it again on the same data and other ports, when it has been ended.
   void start();
 

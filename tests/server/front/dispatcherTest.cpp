@@ -7,12 +7,14 @@
 
 #include "server/base/errors.h"
 #include "server/front/dispatcher.h"
+#include "tests/server/front/mockStore.h"
 #include "tests/server/requestBytes.h"
 
 namespace corvaned {
 namespace {
 
 using test::documentBlock;
+using test::MockStore;
 using ::testing::_;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
@@ -21,24 +23,6 @@ using ::testing::HasSubstr;
 using ::testing::Return;
 using ::testing::StrictMock;
 using ::testing::Throw;
-
-class MockStore : public Store {
- public:
-  MOCK_METHOD(void, createCollection, (const std::string&, const std::string&), (override));
-  MOCK_METHOD(void, openCollection, (const std::string&), (override));
-  MOCK_METHOD(void, closeCollection, (const std::string&), (override));
-  MOCK_METHOD(void, deleteCollection, (const std::string&), (override));
-  MOCK_METHOD(void, addDocument, (const std::string&, const Document&), (override));
-  MOCK_METHOD(void, queueDocument, (const std::string&, const Document&), (override));
-  MOCK_METHOD(void, reportOutcome, (const std::string&, ParseOutcome), (override));
-  MOCK_METHOD(void, deleteDocument, (const std::string&, const std::string&), (override));
-  MOCK_METHOD(void, updateIndex, (const std::string&), (override));
-  MOCK_METHOD(std::vector<ParseOutcome>, takeParseOutcomes, (const std::string&), (override));
-  MOCK_METHOD(std::unique_ptr<HitSource>, search, (const std::string&, const SearchQuery&),
-              (override));
-  MOCK_METHOD(Estimate, estimate, (const std::string&, const std::string&), (override));
-  MOCK_METHOD(CollectionState, state, (const std::string&), (override));
-};
 
 class DispatcherTest : public ::testing::Test {
  protected:
@@ -93,7 +77,12 @@ TEST_F(DispatcherTest, CollectionMayBeNamedByItsDisplayName) {
   expectIs<DoneReply>(handle({{"action", "openCollection"}, {"collectionName", "c"}}));
   EXPECT_CALL(store_, openCollection("c"));
   expectIs<DoneReply>(
-      handle({{"action", "openCollection"}, {"index", "c"}, {"collectionName", "d"}}));
+      handle({{"action", "openCollection"}, {"index", "c"}, {"collectionName", "c"}}));
+}
+
+TEST_F(DispatcherTest, TwoNamesOfACollectionAreNotChosenFrom) {
+  EXPECT_THAT(error({{"action", "openCollection"}, {"index", "c"}, {"collectionName", "d"}}),
+              AllOf(HasSubstr("ZVK0006E"), HasSubstr("\"c\" and \"d\"")));
 }
 
 TEST_F(DispatcherTest, DocumentActionsDecodeTheBlock) {
@@ -195,8 +184,7 @@ TEST_F(DispatcherTest, MissingParametersAreNamed) {
   for (const char* action :
        {"createCollection", "openCollection", "closeCollection", "deleteCollection", "updateIndex",
         "getParseResult", "search", "selectivity"}) {
-    EXPECT_THAT(error({{"action", action}, {"query", "q"}}),
-                AllOf(HasSubstr("ZVK0005E"), HasSubstr("\"index\"")));
+    EXPECT_THAT(error({{"action", action}}), AllOf(HasSubstr("ZVK0005E"), HasSubstr("\"index\"")));
   }
   for (const char* action : {"search", "selectivity"}) {
     EXPECT_THAT(error({{"action", action}, {"index", "c"}}),
@@ -248,10 +236,77 @@ TEST_F(DispatcherTest, VersionIsTheOneItWasGiven) {
 }
 
 TEST_F(DispatcherTest, ActionsThatDoNotExistYetAreRefusedByName) {
-  for (const char* action : {"backup", "restore", "takeover", "shutdown",
-                             "setConstructorConfiguration", "versionsValidation"}) {
+  for (const char* action :
+       {"backup", "restore", "takeover", "shutdown", "setConstructorConfiguration"}) {
     EXPECT_THAT(error({{"action", action}}), AllOf(HasSubstr("ZVK0004E"), HasSubstr(action)));
   }
+}
+
+TEST_F(DispatcherTest, ScopeMustBeWhatTheStatusIsOf) {
+  expectIs<StatusReply>(handle({{"action", "getStatus"}, {"scope", "system"}}));
+  EXPECT_CALL(store_, state("c")).WillOnce(Return(CollectionState::Current));
+  expectIs<StatusReply>(handle({{"action", "getStatus"}, {"index", "c"}, {"scope", "collection"}}));
+  EXPECT_THAT(error({{"action", "getStatus"}, {"scope", "collection"}}),
+              AllOf(HasSubstr("ZVK0006E"), HasSubstr("names no collection")));
+  EXPECT_THAT(error({{"action", "getStatus"}, {"index", "c"}, {"scope", "system"}}),
+              AllOf(HasSubstr("ZVK0006E"), HasSubstr("names a collection")));
+}
+
+TEST_F(DispatcherTest, ClientsOfTheSameMajorVersionAreServed) {
+  for (const char* version : {"9", "9.0.0", "9.8.7-build42", "9.99"}) {
+    expectIs<DoneReply>(
+        handle({{"action", "versionsValidation"}, {"Implementation-Version", version}}));
+  }
+  for (const char* version : {"8.8.7", "10.0.0", "99.8.7", "x"}) {
+    EXPECT_THAT(error({{"action", "versionsValidation"}, {"Implementation-Version", version}}),
+                AllOf(HasSubstr("ZVK0025E"), HasSubstr(version), HasSubstr("9.8.7")));
+  }
+}
+
+TEST_F(DispatcherTest, ServerMustBeAmongTheVersionsThatAClientWorksWith) {
+  for (const char* versions : {"9.8.7", "9.8.7-build42", "9.8.6,9.8.7,9.9.0", "1.0, 9.8.7 , 2.0"}) {
+    expectIs<DoneReply>(
+        handle({{"action", "versionsValidation"}, {"Supported-Server-Versions", versions}}));
+  }
+  for (const char* versions : {"9.8.6", "9.8", "9.8.70", "19.8.7", ",", "9.8.6,9.8.8"}) {
+    EXPECT_THAT(error({{"action", "versionsValidation"}, {"Supported-Server-Versions", versions}}),
+                AllOf(HasSubstr("ZVK0025E"), HasSubstr(versions), HasSubstr("9.8.7")));
+  }
+  EXPECT_THAT(error({{"action", "versionsValidation"},
+                     {"Implementation-Version", "9.0"},
+                     {"Supported-Server-Versions", "9.0"}}),
+              HasSubstr("ZVK0025E"));
+}
+
+TEST_F(DispatcherTest, VersionsValidationNeedsAVersion) {
+  EXPECT_THAT(error({{"action", "versionsValidation"}}),
+              AllOf(HasSubstr("ZVK0005E"), HasSubstr("Implementation-Version")));
+}
+
+TEST(Shutdown, IsForThoseOnTheMachineOrWithTheRight) {
+  StrictMock<MockStore> store;
+  int ended = 0;
+  Dispatcher dispatcher(store, "1", [&] { ++ended; });
+  Request request;
+  request.headers = {{"action", "shutdown"}};
+  EXPECT_EQ(std::get<ErrorReply>(dispatcher.handle(request)).id, "ZVK0023E");
+  EXPECT_EQ(ended, 0);
+  request.fromThisMachine = true;
+  EXPECT_TRUE(std::holds_alternative<DoneReply>(dispatcher.handle(request)));
+  EXPECT_EQ(ended, 1);
+  request.fromThisMachine = false;
+  request.identified = true;
+  EXPECT_TRUE(std::holds_alternative<DoneReply>(dispatcher.handle(request)));
+  EXPECT_EQ(ended, 2);
+}
+
+TEST(Shutdown, TakesTheRightToEverything) {
+  Request request;
+  request.headers = {{"action", "shutdown"}};
+  EXPECT_THROW(Dispatcher::permit(request, Identity("ada", {{Right::Admin, "books-*"}})),
+               ServerError);
+  EXPECT_THROW(Dispatcher::permit(request, Identity("ada", {{Right::Write, "*"}})), ServerError);
+  EXPECT_NO_THROW(Dispatcher::permit(request, Identity("ada", {{Right::Admin, "*"}})));
 }
 
 TEST_F(DispatcherTest, UnknownAndMissingActionsAreRefused) {

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <gmock/gmock.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "server/store/store.h"
+
+namespace corvaned::test {
+
+class MockStore : public Store {
+ public:
+  MOCK_METHOD(void, createCollection, (const std::string&, const std::string&), (override));
+  MOCK_METHOD(void, openCollection, (const std::string&), (override));
+  MOCK_METHOD(void, closeCollection, (const std::string&), (override));
+  MOCK_METHOD(void, deleteCollection, (const std::string&), (override));
+  MOCK_METHOD(void, addDocument, (const std::string&, const Document&), (override));
+  MOCK_METHOD(void, queueDocument, (const std::string&, const Document&), (override));
+  MOCK_METHOD(void, reportOutcome, (const std::string&, ParseOutcome), (override));
+  MOCK_METHOD(void, deleteDocument, (const std::string&, const std::string&), (override));
+  MOCK_METHOD(void, updateIndex, (const std::string&), (override));
+  MOCK_METHOD(std::vector<ParseOutcome>, takeParseOutcomes, (const std::string&), (override));
+  MOCK_METHOD(std::unique_ptr<HitSource>, search, (const std::string&, const SearchQuery&),
+              (override));
+  MOCK_METHOD(Estimate, estimate, (const std::string&, const std::string&), (override));
+  MOCK_METHOD(CollectionState, state, (const std::string&), (override));
+};
+
+}  // namespace corvaned::test
