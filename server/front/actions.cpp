@@ -61,15 +61,6 @@ SearchQuery searchQueryOf(const Request& request) {
   return query;
 }
 
-Reply search(const Service& service, Request& request) {
-  HitsReply reply;
-  const std::string collection = collectionOf(request);
-  reply.streaming = chooses(request, words().mode, words().modeStreaming, words().modeScalar);
-  reply.withScore = chooses(request, words().scoreWanted, words().yes, words().no);
-  reply.hits = service.store.search(collection, searchQueryOf(request));
-  return reply;
-}
-
 DocumentBlock requireBlock(Request& request) {
   if (request.refusal) throw *request.refusal;
   if (request.content.empty()) {
@@ -85,6 +76,29 @@ Document requireDocument(Request& request) {
                       "the request carries an end-of-documents record in place of a document");
   }
   return std::move(block.document);
+}
+
+// The documents that a request wants to be matched.
+std::vector<Document> documentsToMatch(Request& request) {
+  const bool several =
+      chooses(request, words().match, words().severalDocuments, words().oneDocument);
+  Document document = requireDocument(request);
+  if (several) return parseDocumentBlocks(document.content);
+  std::vector<Document> documents;
+  documents.push_back(std::move(document));
+  return documents;
+}
+
+Reply search(const Service& service, Request& request) {
+  HitsReply reply;
+  const std::string collection = collectionOf(request);
+  reply.streaming = chooses(request, words().mode, words().modeStreaming, words().modeScalar);
+  reply.withScore = chooses(request, words().scoreWanted, words().yes, words().no);
+  const SearchQuery query = searchQueryOf(request);
+  reply.hits = request.header(words().match).empty()
+                   ? service.store.search(collection, query)
+                   : service.store.match(collection, query, documentsToMatch(request));
+  return reply;
 }
 
 Reply selectivity(const Service& service, Request& request) {
@@ -265,14 +279,15 @@ constexpr std::array<Parameter, 1> kCreate{{{&Words::language}}};
 constexpr std::array<Parameter, 1> kAdd{{{&Words::useQueue, kNo}}};
 constexpr std::array<Parameter, 1> kQueue{{{&Words::useQueue, kYes}}};
 constexpr std::array<Parameter, 1> kUpdate{{{&Words::incremental, kYes}}};
-constexpr std::array<Parameter, 8> kSearch{{{&Words::query},
+constexpr std::array<Parameter, 9> kSearch{{{&Words::query},
                                             {&Words::mode},
                                             {&Words::start},
                                             {&Words::size},
                                             {&Words::resultLimit},
                                             {&Words::scoreWanted},
                                             {&Words::scoreType},
-                                            {&Words::sortField, kByScore}}};
+                                            {&Words::sortField, kByScore},
+                                            {&Words::match}}};
 constexpr std::array<Parameter, 2> kSelectivity{
     {{&Words::query}, {&Words::mode, kSelectivityMode}}};
 constexpr std::array<Parameter, 3> kStatus{

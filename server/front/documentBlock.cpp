@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <set>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -60,6 +62,25 @@ std::string takeKey(std::vector<TextPair>& pairs) {
   return std::string(key);
 }
 
+// The bytes of the first block. Takes whatever is there if it is not whole.
+std::string_view firstBlock(std::string_view bytes) {
+  ByteReader reader(bytes);
+  reader.u32();
+  const std::uint32_t following = reader.u32().value_or(0);
+  return bytes.substr(
+      0, bytes.size() - reader.remaining() + std::min<std::size_t>(following, reader.remaining()));
+}
+
+Document takeDocument(std::string_view block, std::size_t number) {
+  try {
+    DocumentBlock parsed = parseDocumentBlock(std::string(block));
+    if (!parsed.terminate) return std::move(parsed.document);
+    throw ServerError(ErrorKind::BadDocument, "it has no document");
+  } catch (const ServerError& error) {
+    throw ServerError(error.kind(), fmt::format("document {}: {}", number, error.what()));
+  }
+}
+
 }  // namespace
 
 DocumentBlock parseDocumentBlock(std::string bytes) {
@@ -86,6 +107,21 @@ DocumentBlock parseDocumentBlock(std::string bytes) {
   bytes.erase(0, bytes.size() - contentSize);
   block.document.content = std::move(bytes);
   return block;
+}
+
+std::vector<Document> parseDocumentBlocks(std::string_view bytes) {
+  std::vector<Document> documents;
+  std::set<std::string> keys;
+  while (!bytes.empty()) {
+    const std::string_view block = firstBlock(bytes);
+    documents.push_back(takeDocument(block, documents.size() + 1));
+    bytes.remove_prefix(block.size());
+    if (keys.insert(documents.back().key).second) continue;
+    throw ServerError(
+        ErrorKind::BadDocument,
+        fmt::format("document {}: an earlier one has the same key", documents.size()));
+  }
+  return documents;
 }
 
 }  // namespace corvaned

@@ -2,6 +2,8 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "server/store/store.h"
 
@@ -24,6 +26,10 @@ struct DocumentBlock {
 /// Decodes a complete block. Throws ServerError(badDocument) that says what is wrong. The content
 /// is moved, not copied: it stays in the memory of `bytes`.
 DocumentBlock parseDocumentBlock(std::string bytes);
+
+/// Decodes blocks that stand back to back, each with a document. Throws as above, with the number
+/// of the block that is wrong, counted from 1, and if two of the documents have the same key.
+std::vector<Document> parseDocumentBlocks(std::string_view bytes);
 
 /// Maximum length of a key in bytes.
 constexpr std::size_t kMaxKeyBytes = 128;

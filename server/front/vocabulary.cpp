@@ -34,6 +34,7 @@ void addNames(Words& words) {
   words.scoreWanted = utf8(Defs::PARAM_SCORE_WANTED);
   words.scoreType = utf8(Defs::PARAM_SCORE_TYPE);
   words.sortField = utf8(Defs::PARAM_SORT_FIELD);
+  words.match = "match";
   words.language = utf8(Defs::PARAM_LANGUAGE);
   words.documentType = utf8(Defs::PARAM_DOCUMENT_TYPE);
   words.knownDocumentType = utf8(Defs::PARAM_KNOWN_DOCUMENT_TYPE);
@@ -66,6 +67,8 @@ void addValues(Words& words) {
   words.plainText = "text/plain";
   words.utf8 = utf8(Defs::PARAM_KNOWN_CHARSET_UTF8);
   words.byScore = utf8(Defs::PARAM_SORT_BY_SCORE);
+  words.oneDocument = "document";
+  words.severalDocuments = "documents";
   words.actionUnknown = utf8(Defs::ACT_UNKNOWN);
   words.actionUpdate = utf8(Defs::ACT_UPDATE);
   words.actionMonitor = utf8(Defs::ACT_MONITOR);

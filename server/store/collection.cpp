@@ -127,6 +127,13 @@ std::unique_ptr<HitSource> Collection::search(const SearchQuery& query) {
   return index_.search(query, hidden());
 }
 
+std::unique_ptr<HitSource> Collection::match(const SearchQuery& query,
+                                             const std::vector<Document>& documents) {
+  requireActive();
+  for (const Document& document : documents) checkSize(document);
+  return index_.match(query, documents);
+}
+
 Estimate Collection::estimate(const std::string& query) {
   requireActive();
   return index_.estimate(query, hidden());

@@ -45,6 +45,8 @@ class Collection {
   void updateIndex();
   std::vector<ParseOutcome> takeOutcomes();
   std::unique_ptr<HitSource> search(const SearchQuery& query);
+  std::unique_ptr<HitSource> match(const SearchQuery& query,
+                                   const std::vector<Document>& documents);
   Estimate estimate(const std::string& query);
   CollectionState state() const;
   void releaseHandles() { index_.releaseHandles(); }

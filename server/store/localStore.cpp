@@ -106,6 +106,11 @@ std::unique_ptr<HitSource> LocalStore::search(const std::string& name, const Sea
   return find(name)->search(query);
 }
 
+std::unique_ptr<HitSource> LocalStore::match(const std::string& name, const SearchQuery& query,
+                                             const std::vector<Document>& documents) {
+  return find(name)->match(query, documents);
+}
+
 Estimate LocalStore::estimate(const std::string& name, const std::string& query) {
   return find(name)->estimate(query);
 }

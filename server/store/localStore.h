@@ -38,6 +38,8 @@ class LocalStore : public Store {
   void updateIndex(const std::string& name) override;
   std::vector<ParseOutcome> takeParseOutcomes(const std::string& name) override;
   std::unique_ptr<HitSource> search(const std::string& name, const SearchQuery& query) override;
+  std::unique_ptr<HitSource> match(const std::string& name, const SearchQuery& query,
+                                   const std::vector<Document>& documents) override;
   Estimate estimate(const std::string& name, const std::string& query) override;
   CollectionState state(const std::string& name) override;
 

@@ -96,6 +96,10 @@ class Store {
   virtual std::vector<ParseOutcome> takeParseOutcomes(const std::string& name) = 0;
 
   virtual std::unique_ptr<HitSource> search(const std::string& name, const SearchQuery& query) = 0;
+  /// What search() would find of these documents, and with what scores, had they been added and
+  /// the index been updated. Stores nothing. Their keys must differ.
+  virtual std::unique_ptr<HitSource> match(const std::string& name, const SearchQuery& query,
+                                           const std::vector<Document>& documents) = 0;
   virtual Estimate estimate(const std::string& name, const std::string& query) = 0;
   virtual CollectionState state(const std::string& name) = 0;
 };

@@ -26,6 +26,8 @@ constexpr std::size_t kMatchCost = 256;
 constexpr std::size_t kFewHits = 1000;
 // What a byte of a document takes while its words are gathered, for ordinary text.
 constexpr std::size_t kIndexingCost = 16;
+// What a document without words takes, in bytes of text.
+constexpr std::size_t kPassingCost = 64;
 // How many hits an estimate counts exactly.
 constexpr Xapian::doccount kExactHits = 10000;
 
@@ -33,9 +35,9 @@ constexpr Xapian::doccount kExactHits = 10000;
   throw ServerError(ErrorKind::StorageFailed, "the index failed: " + error.get_description());
 }
 
-std::size_t bytesOf(const Change& change) {
-  std::size_t bytes = change.document.key.size() + change.document.content.size();
-  for (const auto& [name, value] : change.document.metadata) bytes += name.size() + value.size();
+std::size_t bytesOf(const Document& document) {
+  std::size_t bytes = document.key.size() + document.content.size();
+  for (const auto& [name, value] : document.metadata) bytes += name.size() + value.size();
   return bytes;
 }
 
@@ -113,6 +115,8 @@ class Interruption : public Xapian::PostingSource {
   }
   bool at_end() const override { return atEnd_; }
   Xapian::docid get_docid() const override { return document_; }
+  // Each of several databases gets one of its own.
+  Interruption* clone() const override { return new Interruption(request_); }
   std::string get_description() const override { return "Interruption"; }
 
  private:
@@ -169,6 +173,17 @@ MemoryBudget::Share memoryFor(std::size_t hits, const IndexLimits& limits) {
                   hits, (hits * kMatchCost >> 20U) + 1));
 }
 
+// Sets aside what documents take that are held in memory to be matched.
+void requireMemory(MemoryBudget::Share& share, std::size_t bytes) {
+  const auto use =
+      bytes <= kFewHits * kMatchCost ? MemoryBudget::Use::Small : MemoryBudget::Use::Large;
+  if (share.resize(bytes, use)) return;
+  throw ServerError(ErrorKind::TryAgain,
+                    fmt::format("the documents to match need {} MiB of memory that are not free; "
+                                "send fewer at a time, try again, or raise --max-memory",
+                                (bytes >> 20U) + 1));
+}
+
 Xapian::Query withoutHidden(const Xapian::Query& query, const std::vector<std::string>& hidden) {
   if (hidden.empty() || query.empty()) return query;
   std::vector<Xapian::Query> terms;
@@ -197,13 +212,46 @@ class XapianIndex::Reader {
   std::unique_ptr<HitSource> search(const SearchQuery& query,
                                     const std::vector<std::string>& hidden,
                                     const IndexLimits& limits) {
-    const std::uint64_t documents = database_.get_doccount();
+    const Xapian::Query words = parse(query.text, database_, fields(), limits);
+    return ranked(database_, withoutHidden(words, hidden), query, database_.get_doccount(), limits);
+  }
+
+  // Both databases together have the statistics that the collection would have.
+  std::unique_ptr<HitSource> match(const SearchQuery& query, const std::vector<Document>& documents,
+                                   const IndexLimits& limits) {
+    Fields names = fields();
+    MemoryBudget::Share memory = shareOf(limits);
+    Xapian::Database both(database_);
+    both.add_database(passing(documents, names, memory));
+    const Xapian::Query words = parse(query.text, both, names, limits);
+    const Xapian::Query theirs =
+        words.empty() ? words
+                      : Xapian::Query(Xapian::Query::OP_FILTER, words, Xapian::Query(kPassingTerm));
+    return ranked(both, theirs, query, documents.size(), limits);
+  }
+
+  Estimate estimate(const std::string& query, const std::vector<std::string>& hidden,
+                    const IndexLimits& limits) {
+    const Interruptible words(withoutHidden(parse(query, database_, fields(), limits), hidden));
+    Xapian::Enquire enquire(database_);
+    enquire.set_query(words.query());
+    const Xapian::MSet matches = enquire.get_mset(0, 0, kExactHits);
+    return {matches.get_matches_estimated(), matches.get_matches_upper_bound(),
+            database_.get_doccount()};
+  }
+
+ private:
+  Fields fields() const { return Fields(database_.get_metadata(kFieldsEntry)); }
+
+  static std::unique_ptr<HitSource> ranked(const Xapian::Database& database,
+                                           const Xapian::Query& words, const SearchQuery& query,
+                                           std::uint64_t documents, const IndexLimits& limits) {
     const std::uint64_t end =
         std::min({saturatedSum(query.start, query.size), query.limit, documents});
     const std::uint64_t start = std::min(query.start, end);
-    const Interruptible words(withoutHidden(parse(query.text, limits), hidden));
-    Xapian::Enquire enquire(database_);
-    enquire.set_query(words.query());
+    const Interruptible interruptible(words);
+    Xapian::Enquire enquire(database);
+    enquire.set_query(interruptible.query());
     enquire.set_sort_by_relevance_then_value(kKeySlot, false);
     std::uint64_t most = end;
     if (most > kFewHits) {
@@ -215,31 +263,37 @@ class XapianIndex::Reader {
     return std::make_unique<HitBuffer>(matches, query.scale, std::move(memory));
   }
 
-  Estimate estimate(const std::string& query, const std::vector<std::string>& hidden,
-                    const IndexLimits& limits) {
-    const Interruptible words(withoutHidden(parse(query, limits), hidden));
-    Xapian::Enquire enquire(database_);
-    enquire.set_query(words.query());
-    const Xapian::MSet matches = enquire.get_mset(0, 0, kExactHits);
-    return {matches.get_matches_estimated(), matches.get_matches_upper_bound(),
-            database_.get_doccount()};
+  // A database of the documents in memory. Their metadata may have names that are new.
+  Xapian::Database passing(const std::vector<Document>& documents, Fields& names,
+                           MemoryBudget::Share& memory) const {
+    std::size_t bytes = 0;
+    for (const Document& document : documents) bytes += kPassingCost + bytesOf(document);
+    requireMemory(memory, bytes * kIndexingCost);
+    Xapian::WritableDatabase database(std::string(), Xapian::DB_BACKEND_INMEMORY);
+    for (const Document& document : documents) {
+      if (RequestContext* request = RequestContext::current()) request->check();
+      Xapian::Document made = makeDocument(document, stemmer_, names);
+      made.add_boolean_term(kPassingTerm);
+      database.add_document(made);
+    }
+    return database;
   }
 
- private:
-  Xapian::Query parse(const std::string& text, const IndexLimits& limits) {
+  Xapian::Query parse(const std::string& text, const Xapian::Database& database,
+                      const Fields& names, const IndexLimits& limits) const {
     if (text.size() > limits.queryBytes) {
       throw ServerError(ErrorKind::QueryTooBroad,
                         fmt::format("the query has {} bytes, more than the {} allowed", text.size(),
                                     limits.queryBytes));
     }
     Xapian::QueryParser parser;
-    parser.set_database(database_);
+    parser.set_database(database);
     parser.set_stemmer(stemmer_);
     parser.set_stemming_strategy(Xapian::QueryParser::STEM_SOME);
     parser.set_default_op(Xapian::Query::OP_AND);
     parser.set_max_expansion(static_cast<Xapian::termcount>(limits.expansion),
                              Xapian::Query::WILDCARD_LIMIT_ERROR);
-    Fields(database_.get_metadata(kFieldsEntry)).registerAt(parser);
+    names.registerAt(parser);
     constexpr unsigned kFlags =
         Xapian::QueryParser::FLAG_DEFAULT | Xapian::QueryParser::FLAG_WILDCARD |
         Xapian::QueryParser::FLAG_PURE_NOT | Xapian::QueryParser::FLAG_CJK_NGRAM;
@@ -326,7 +380,7 @@ class XapianIndex::Writer {
       : path_(std::move(path)), limits_(limits), stop_(stop) {}
 
   void add(Change&& change) {
-    batchBytes_ += bytesOf(change);
+    batchBytes_ += bytesOf(change.document);
     batch_.push_back(std::move(change));
     if (batch_.size() >= limits_.batchChanges || batchBytes_ >= limits_.batchBytes) flush();
   }
@@ -455,6 +509,14 @@ std::unique_ptr<HitSource> XapianIndex::search(const SearchQuery& query,
                                                const std::vector<std::string>& hidden) {
   return translated([&] {
     return Lease(*this).run([&](Reader& reader) { return reader.search(query, hidden, limits_); });
+  });
+}
+
+std::unique_ptr<HitSource> XapianIndex::match(const SearchQuery& query,
+                                              const std::vector<Document>& documents) {
+  return translated([&] {
+    return Lease(*this).run(
+        [&](Reader& reader) { return reader.match(query, documents, limits_); });
   });
 }
 

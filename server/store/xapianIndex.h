@@ -63,6 +63,10 @@ class XapianIndex {
   /// `hidden`: keys that the search must not find.
   std::unique_ptr<HitSource> search(const SearchQuery& query,
                                     const std::vector<std::string>& hidden);
+  /// What search() would find of these documents, and with what scores, if all of them were in the
+  /// database besides what is there. Stores nothing. Their keys differ.
+  std::unique_ptr<HitSource> match(const SearchQuery& query,
+                                   const std::vector<Document>& documents);
   Estimate estimate(const std::string& query, const std::vector<std::string>& hidden);
 
   /// Closes the handles that are kept open for the next searches.

@@ -22,6 +22,9 @@ namespace corvaned {
 /// - data: the document as it was sent
 constexpr std::string_view kSchemaVersion = "1";
 constexpr Xapian::valueno kKeySlot = 0;
+/// A term of documents that are only matched with a query and never stored. Words are in lower case
+/// and prefixes have other letters, so no stored document has it.
+constexpr const char* kPassingTerm = "M";
 constexpr const char* kLanguageEntry = "language";
 constexpr const char* kSchemaEntry = "schema";
 constexpr const char* kFieldsEntry = "fields";

@@ -7,6 +7,7 @@
 
 #include "comm/kruClientResponse.h"
 #include "comm/kruRESTException.h"
+#include "comm/kruRESTMessage.h"
 #include "tests/e2e/conversation.h"
 
 // Every action through each client against the real server: both protocols pass the same tests.
@@ -400,6 +401,79 @@ TEST_P(Library, LeavesAStreamWithoutHarmToTheNextRequest) {
     EXPECT_THAT(found("word77"), ElementsAre("d00077"));
     EXPECT_EQ(send(ClientRequest::GET_STATUS).statusCode, kReady);
   }
+}
+
+// Matching texts that are not stored.
+
+// The bytes of a document as it would be sent.
+std::string blockOf(const std::string& key, const std::string& text,
+                    const std::list<tq::comm::KVPair>& metadata = {{u"title", u"untitled"}}) {
+  ClientRequest request = requestTo("", ClientRequest::ADD_DOCUMENT);
+  attachDocument(request, key, text, metadata);
+  tq::comm::RESTMessage message(u"", request);
+  return std::string(message.getMsgPrefix(), message.getMsgPrefixLen()) + text;
+}
+
+TEST_P(Library, MatchesATextThatIsNotStored) {
+  add("k1", "red fox");
+  update();
+  const std::string key = "row";
+  for (const int kind : {8, 20}) {
+    const auto match = [&](const std::string& query, const std::string& text) {
+      ClientRequest request = requestTo(
+          collection_, kind, {{"query", query}, {"match", "document"}, {"scoreWanted", "true"}});
+      attachDocument(request, key, text);
+      return send(request);
+    };
+    const Answer yes = match("hens title:untitled", "a hen");
+    expectSuccess(yes);
+    EXPECT_TRUE(yes.complete);
+    EXPECT_THAT(yes.hits, ElementsAre(Hit{docIdOf("row"), 1.0}));
+    const Answer no = match("fox", "a hen");
+    expectSuccess(no);
+    EXPECT_TRUE(no.complete);
+    EXPECT_THAT(no.hits, IsEmpty());
+    expectRefused(match("red AND", "a hen"), "ZVK0010E", "query cannot be understood");
+  }
+  EXPECT_THAT(found("hen"), IsEmpty());
+  EXPECT_EQ(send(ClientRequest::GET_STATUS).statusCode, kReady);
+}
+
+TEST_P(Library, MatchesManyTextsAtOnceWithTheScoresOfASearch) {
+  add("k1", "red fox");
+  add("k2", "grey goose and fox");
+  update();
+  const auto text = [](int i) {
+    return (i % 2 == 0 ? "fox " : "hen ") + std::string(static_cast<std::size_t>(i % 7), 'x');
+  };
+  std::string texts;
+  for (int i = 0; i < 3000; ++i) texts += blockOf(numbered(i), text(i));
+  const Parameters parameters{{"query", "fox"}, {"scoreWanted", "true"}, {"scoreType", "raw"}};
+  Parameters matching = parameters;
+  matching.emplace_back("match", "documents");
+  ClientRequest request = requestTo(collection_, ClientRequest::STREAM_SEARCH, matching);
+  const std::string name = "texts";
+  attachDocument(request, name, texts);
+  const Answer matched = send(request);
+  expectSuccess(matched);
+  EXPECT_TRUE(matched.complete);
+  EXPECT_THAT(matched.hits, SizeIs(1500));
+  for (int i = 0; i < 3000; ++i) queue(numbered(i), text(i));
+  update();
+  std::vector<Hit> expected = search("fox", {{"scoreWanted", "true"}, {"scoreType", "raw"}}).hits;
+  std::erase_if(expected, [](const Hit& hit) { return keyOf(hit.id).starts_with('k'); });
+  EXPECT_EQ(matched.hits, expected);
+}
+
+TEST_P(Library, SaysWhichOfTheTextsCannotBeRead) {
+  ClientRequest request = requestTo(collection_, ClientRequest::STREAM_SEARCH,
+                                    {{"query", "fox"}, {"match", "documents"}});
+  const std::string name = "texts", texts = blockOf("a", "fox") + blockOf("a", "fox");
+  attachDocument(request, name, texts);
+  expectRefused(send(request), "ZVK0012E", "document 2: an earlier one has the same key");
+  ClientRequest none = requestTo(collection_, ClientRequest::STREAM_SEARCH,
+                                 {{"query", "fox"}, {"match", "document"}});
+  expectRefused(send(none), "ZVK0012E", "carries no document");
 }
 
 // Everything else.

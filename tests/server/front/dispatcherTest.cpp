@@ -166,6 +166,29 @@ TEST_F(DispatcherTest, SearchWithoutParametersReturnsEverythingWithoutScore) {
   EXPECT_FALSE(std::get<HitsReply>(reply).withScore);
 }
 
+TEST_F(DispatcherTest, DocumentsToMatchReachTheStore) {
+  const test::Headers one{
+      {"action", "search"}, {"index", "c"}, {"query", "fox"}, {"match", "document"}};
+  EXPECT_CALL(store_, match("c", Field(&SearchQuery::text, "fox"), ElementsAre(isTheDocument())))
+      .WillOnce([] { return nullptr; });
+  expectIs<HitsReply>(handle(one, kBlock));
+  test::Headers several = one;
+  several["match"] = "documents";
+  EXPECT_CALL(store_, match("c", _, ElementsAre(isTheDocument(), Field(&Document::key, "l"))))
+      .WillOnce([] { return nullptr; });
+  expectIs<HitsReply>(
+      handle(several, documentBlock("texts", {{"-", ""}}, kBlock + documentBlock("l", {}, ""))));
+  EXPECT_THAT(error(one), HasSubstr("ZVK0012E"));
+  EXPECT_THAT(error(several, documentBlock("texts", {{"-", ""}}, "rubbish")),
+              AllOf(HasSubstr("ZVK0012E"), HasSubstr("document 1")));
+}
+
+// A client may keep the document of an earlier request.
+TEST_F(DispatcherTest, SearchThatCarriesADocumentButDoesNotMatchItIsAnOrdinaryOne) {
+  EXPECT_CALL(store_, search("c", _)).WillOnce([] { return nullptr; });
+  expectIs<HitsReply>(handle({{"action", "search"}, {"index", "c"}, {"query", "fox"}}, kBlock));
+}
+
 TEST_F(DispatcherTest, ParametersThatMakeNoSenseAreNamed) {
   const test::Headers search{{"action", "search"}, {"index", "c"}, {"query", "fox"}};
   const std::vector<std::pair<std::string, std::string>> cases{

@@ -117,5 +117,45 @@ TEST(DocumentBlock, BlockThatDoesNotEndWithAKeyIsRefused) {
   EXPECT_THAT(refusal(block(lengthAnd("rowId"))), HasSubstr("has no value"));
 }
 
+std::string refusalOfBlocks(const std::string& bytes) {
+  try {
+    parseDocumentBlocks(bytes);
+  } catch (const ServerError& error) {
+    EXPECT_EQ(error.kind(), ErrorKind::BadDocument);
+    return error.what();
+  }
+  return "taken";
+}
+
+TEST(DocumentBlocks, StandBackToBack) {
+  const std::vector<Document> documents =
+      parseDocumentBlocks(documentBlock("k", {{"a", "b"}}, "text") + documentBlock("l", {}, "") +
+                          documentBlock("m", {}, "more"));
+  ASSERT_EQ(documents.size(), 3U);
+  EXPECT_EQ(documents[0].key, "k");
+  EXPECT_THAT(documents[0].metadata, ElementsAre(Pair("a", "b")));
+  EXPECT_EQ(documents[0].content, "text");
+  EXPECT_EQ(documents[1].key, "l");
+  EXPECT_EQ(documents[1].content, "");
+  EXPECT_EQ(documents[2].content, "more");
+  EXPECT_TRUE(parseDocumentBlocks("").empty());
+}
+
+TEST(DocumentBlocks, EachLengthThatCutsTheLastOneIsRefusedByItsNumber) {
+  const std::string first = documentBlock("k", {{"a", "b"}}, "text");
+  const std::string both = first + documentBlock("l", {{"a", "b"}}, "text");
+  for (std::size_t length = first.size() + 1; length < both.size(); ++length) {
+    EXPECT_THAT(refusalOfBlocks(both.substr(0, length)), HasSubstr("document 2: "));
+  }
+}
+
+TEST(DocumentBlocks, RefuseWhatIsNoDocument) {
+  const std::string one = documentBlock("k", {}, "");
+  EXPECT_THAT(refusalOfBlocks(test::terminateRecord() + one), HasSubstr("document 1: it has no"));
+  EXPECT_THAT(refusalOfBlocks(one + documentBlock("", {}, "")), HasSubstr("document 2: "));
+  EXPECT_THAT(refusalOfBlocks(one + documentBlock("l", {}, "") + one),
+              HasSubstr("document 3: an earlier one has the same key"));
+}
+
 }  // namespace
 }  // namespace corvaned

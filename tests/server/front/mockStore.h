@@ -24,6 +24,8 @@ class MockStore : public Store {
   MOCK_METHOD(std::vector<ParseOutcome>, takeParseOutcomes, (const std::string&), (override));
   MOCK_METHOD(std::unique_ptr<HitSource>, search, (const std::string&, const SearchQuery&),
               (override));
+  MOCK_METHOD(std::unique_ptr<HitSource>, match,
+              (const std::string&, const SearchQuery&, const std::vector<Document>&), (override));
   MOCK_METHOD(Estimate, estimate, (const std::string&, const std::string&), (override));
   MOCK_METHOD(CollectionState, state, (const std::string&), (override));
 };

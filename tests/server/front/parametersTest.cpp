@@ -99,7 +99,8 @@ std::vector<Row> rows() {
                  {"resultLimit", kNumber},
                  {"scoreWanted", {{"true", "false"}, "maybe"}},
                  {"scoreType", {{"raw", "normalized"}, "best"}},
-                 {"sortField", {{"SCORE"}, "year"}}}},
+                 {"sortField", {{"SCORE"}, "year"}},
+                 {"match", {{"document"}, "text"}}}},
       {"selectivity", searching,
        inCollection + query + Group{{"mode", {{"selectivity"}, "streaming"}}}},
       {"getParseResult", named, inCollection},
@@ -118,7 +119,7 @@ std::vector<Row> rows() {
 
 // Everything that the vocabulary knows as a parameter, and what nobody knows.
 std::set<std::string> allNames() {
-  std::set<std::string> names{"nonsense", "Index", "query ", "Host"};
+  std::set<std::string> names{"nonsense", "Index", "query ", "Host", "match"};
   for (const icu::UnicodeString* name : {&StaticDefs::PARAM_COLLECTION_ID,
                                          &StaticDefs::PARAM_DOCUMENT_ID,
                                          &StaticDefs::PARAM_ROWID,
