@@ -8,6 +8,7 @@
 
 #include "server/base/errors.h"
 #include "server/front/documentBlock.h"
+#include "server/front/replyText.h"
 #include "server/front/vocabulary.h"
 
 namespace corvaned {
@@ -50,9 +51,50 @@ bool chooses(const Request& request, const std::string& name, std::string_view f
                                                  shown(second));
 }
 
+[[noreturn]] void refuseValue(const Request& request, const std::string& name,
+                              const std::string& why) {
+  throw ServerError(ErrorKind::BadParameter, "the parameter " + shown(name) + " is " +
+                                                 shown(request.header(name)) + ", " + why);
+}
+
+HitOrder orderOf(const Request& request) {
+  const std::string_view field = request.header(words().sortField);
+  if (field.empty() || field == words().byScore) return HitOrder::Score;
+  if (field == words().byKey) return HitOrder::Key;
+  if (field == words().unsorted) return HitOrder::Any;
+  refuseValue(request, words().sortField,
+              "not " + shown(words().byScore) + ", " + shown(words().byKey) + " or " +
+                  shown(words().unsorted));
+}
+
+std::string keyOf(const Request& request, const std::string& name) {
+  const std::string_view id = request.header(name);
+  if (id.empty()) return {};
+  auto key = keyOfDocumentId(id);
+  if (!key || key->empty()) {
+    refuseValue(request, name, "not \"base64:\" and the Base64 form of a key");
+  }
+  return std::move(*key);
+}
+
+void requireNoScores(const Request& request) {
+  for (const std::string& name : {words().scoreWanted, words().scoreType}) {
+    const std::string_view value = request.header(name);
+    if (value.empty() || value == words().no) continue;
+    refuseValue(request, name,
+                "but hits have scores only if " + shown(words().sortField) + " is " +
+                    shown(words().byScore));
+  }
+}
+
 SearchQuery searchQueryOf(const Request& request) {
   SearchQuery query;
-  query.text = require(request, words().query);
+  query.order = orderOf(request);
+  if (query.order != HitOrder::Score) requireNoScores(request);
+  query.everything = query.order != HitOrder::Score && request.header(words().query).empty();
+  if (!query.everything) query.text = require(request, words().query);
+  query.after = keyOf(request, words().after);
+  query.upTo = keyOf(request, words().upTo);
   readNumber(request, words().start, query.start);
   readNumber(request, words().size, query.size);
   readNumber(request, words().resultLimit, query.limit);
@@ -103,7 +145,10 @@ Reply search(const Service& service, Request& request) {
 
 Reply selectivity(const Service& service, Request& request) {
   const std::string collection = collectionOf(request);
-  return EstimateReply{service.store.estimate(collection, require(request, words().query))};
+  std::uint64_t exactHits = kExactHits;
+  readNumber(request, words().exactHits, exactHits);
+  return EstimateReply{
+      service.store.estimate(collection, require(request, words().query), exactHits)};
 }
 
 Reply createCollection(const Service& service, Request& request) {
@@ -254,7 +299,6 @@ constexpr std::array<Word, 1> kOneCollection{&Words::collectionScope};
 constexpr std::array<Word, 1> kWholeServer{&Words::systemScope};
 constexpr std::array<Word, 2> kEitherScope{&Words::collectionScope, &Words::systemScope};
 constexpr std::array<Word, 1> kSelectivityMode{&Words::modeSelectivity};
-constexpr std::array<Word, 1> kByScore{&Words::byScore};
 
 // The parameters that actions have in common.
 constexpr std::array<Parameter, 8> kEnvelope{{
@@ -279,17 +323,19 @@ constexpr std::array<Parameter, 1> kCreate{{{&Words::language}}};
 constexpr std::array<Parameter, 1> kAdd{{{&Words::useQueue, kNo}}};
 constexpr std::array<Parameter, 1> kQueue{{{&Words::useQueue, kYes}}};
 constexpr std::array<Parameter, 1> kUpdate{{{&Words::incremental, kYes}}};
-constexpr std::array<Parameter, 9> kSearch{{{&Words::query},
-                                            {&Words::mode},
-                                            {&Words::start},
-                                            {&Words::size},
-                                            {&Words::resultLimit},
-                                            {&Words::scoreWanted},
-                                            {&Words::scoreType},
-                                            {&Words::sortField, kByScore},
-                                            {&Words::match}}};
-constexpr std::array<Parameter, 2> kSelectivity{
-    {{&Words::query}, {&Words::mode, kSelectivityMode}}};
+constexpr std::array<Parameter, 11> kSearch{{{&Words::query},
+                                             {&Words::mode},
+                                             {&Words::start},
+                                             {&Words::size},
+                                             {&Words::resultLimit},
+                                             {&Words::scoreWanted},
+                                             {&Words::scoreType},
+                                             {&Words::sortField},
+                                             {&Words::match},
+                                             {&Words::after},
+                                             {&Words::upTo}}};
+constexpr std::array<Parameter, 3> kSelectivity{
+    {{&Words::query}, {&Words::mode, kSelectivityMode}, {&Words::exactHits}}};
 constexpr std::array<Parameter, 3> kStatus{
     {{&Words::collection}, {&Words::collectionName}, {&Words::scope, kEitherScope}}};
 // A client that always names a collection may do so here; the right to it is then asked for.

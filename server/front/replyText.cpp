@@ -12,9 +12,19 @@ namespace {
 // Keeps an error record within the smallest read that a client makes for one.
 constexpr std::size_t kMaxErrorText = 600;
 
+constexpr std::string_view kIdPrefix = "base64:";
+
 }  // namespace
 
-std::string documentId(std::string_view key) { return "base64:" + base64(key); }
+std::string documentId(std::string_view key) { return std::string(kIdPrefix) + base64(key); }
+
+std::optional<std::string> keyOfDocumentId(std::string_view id) {
+  if (!id.starts_with(kIdPrefix)) return std::nullopt;
+  id.remove_prefix(kIdPrefix.size());
+  std::string key;
+  if (!tq::util::Base64::decode(id.data(), id.size(), key)) return std::nullopt;
+  return key;
+}
 
 std::string scoreText(std::uint16_t milliScore) {
   return fmt::format("{}.{:03}", milliScore / 1000, milliScore % 1000);

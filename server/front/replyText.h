@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -9,6 +10,8 @@ namespace corvaned {
 
 /// The name of a document in replies: "base64:" and the Base64 form of its key.
 std::string documentId(std::string_view key);
+/// The key that the name stands for. Nothing if it is none.
+std::optional<std::string> keyOfDocumentId(std::string_view id);
 
 /// A score as text with exactly three decimals: "1.000", "0.042".
 std::string scoreText(std::uint16_t milliScore);

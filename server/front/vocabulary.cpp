@@ -35,6 +35,9 @@ void addNames(Words& words) {
   words.scoreType = utf8(Defs::PARAM_SCORE_TYPE);
   words.sortField = utf8(Defs::PARAM_SORT_FIELD);
   words.match = "match";
+  words.after = "after";
+  words.upTo = "upTo";
+  words.exactHits = "exactHits";
   words.language = utf8(Defs::PARAM_LANGUAGE);
   words.documentType = utf8(Defs::PARAM_DOCUMENT_TYPE);
   words.knownDocumentType = utf8(Defs::PARAM_KNOWN_DOCUMENT_TYPE);
@@ -67,6 +70,8 @@ void addValues(Words& words) {
   words.plainText = "text/plain";
   words.utf8 = utf8(Defs::PARAM_KNOWN_CHARSET_UTF8);
   words.byScore = utf8(Defs::PARAM_SORT_BY_SCORE);
+  words.byKey = "KEY";
+  words.unsorted = utf8(Defs::PARAM_UNSORTED);
   words.oneDocument = "document";
   words.severalDocuments = "documents";
   words.actionUnknown = utf8(Defs::ACT_UNKNOWN);

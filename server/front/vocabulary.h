@@ -11,14 +11,15 @@ struct Words {
   // Header names.
   std::string action, actionType, authorization, collection, collectionName, contentLength,
       connectionPersists, protocolVersion, replyFormat, locale, scope;
-  std::string query, mode, start, size, resultLimit, scoreWanted, scoreType, sortField, match;
+  std::string query, mode, start, size, resultLimit, scoreWanted, scoreType, sortField, match,
+      after, upTo, exactHits;
   std::string language, documentType, knownDocumentType, charset, knownCharset, mimeType, useQueue,
       incremental;
   std::string implementationVersion, supportedServerVersions, versionsSeparator, buildSeparator;
   // Values.
   std::string modeScalar, modeStreaming, modeSelectivity, yes, no, defaultLanguage, english,
       americanEnglish, protocol11, formatRdx, collectionScope, systemScope, text, undefinedType,
-      plainText, utf8, byScore, oneDocument, severalDocuments;
+      plainText, utf8, byScore, byKey, unsorted, oneDocument, severalDocuments;
   std::string actionUnknown, actionUpdate, actionMonitor, actionSelect, actionAdmin;
   // Tags of a document block and names of record fields.
   std::string rowId, data, doc;

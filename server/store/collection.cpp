@@ -134,9 +134,9 @@ std::unique_ptr<HitSource> Collection::match(const SearchQuery& query,
   return index_.match(query, documents);
 }
 
-Estimate Collection::estimate(const std::string& query) {
+Estimate Collection::estimate(const std::string& query, std::uint64_t exactHits) {
   requireActive();
-  return index_.estimate(query, hidden());
+  return index_.estimate(query, exactHits, hidden());
 }
 
 CollectionState Collection::state() const {

@@ -47,7 +47,7 @@ class Collection {
   std::unique_ptr<HitSource> search(const SearchQuery& query);
   std::unique_ptr<HitSource> match(const SearchQuery& query,
                                    const std::vector<Document>& documents);
-  Estimate estimate(const std::string& query);
+  Estimate estimate(const std::string& query, std::uint64_t exactHits);
   CollectionState state() const;
   void releaseHandles() { index_.releaseHandles(); }
 

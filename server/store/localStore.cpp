@@ -111,8 +111,9 @@ std::unique_ptr<HitSource> LocalStore::match(const std::string& name, const Sear
   return find(name)->match(query, documents);
 }
 
-Estimate LocalStore::estimate(const std::string& name, const std::string& query) {
-  return find(name)->estimate(query);
+Estimate LocalStore::estimate(const std::string& name, const std::string& query,
+                              std::uint64_t exactHits) {
+  return find(name)->estimate(query, exactHits);
 }
 
 CollectionState LocalStore::state(const std::string& name) { return find(name)->state(); }

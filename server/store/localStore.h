@@ -40,7 +40,9 @@ class LocalStore : public Store {
   std::unique_ptr<HitSource> search(const std::string& name, const SearchQuery& query) override;
   std::unique_ptr<HitSource> match(const std::string& name, const SearchQuery& query,
                                    const std::vector<Document>& documents) override;
-  Estimate estimate(const std::string& name, const std::string& query) override;
+  using Store::estimate;
+  Estimate estimate(const std::string& name, const std::string& query,
+                    std::uint64_t exactHits) override;
   CollectionState state(const std::string& name) override;
 
  private:

@@ -39,8 +39,24 @@ enum class ScoreScale {
   Raw,
 };
 
+enum class HitOrder {
+  /// The best first; of equal weight by key.
+  Score,
+  /// By key. Hits have no score.
+  Key,
+  /// In no particular order, which is the cheapest. Hits have no score.
+  Any,
+};
+
 struct SearchQuery {
   std::string text;
+  /// Whether every document is a hit, whatever the text. Then there are no scores.
+  bool everything = false;
+  HitOrder order = HitOrder::Score;
+  /// Only documents whose key comes after the first of these, and not after the second; each may be
+  /// empty.
+  std::string after;
+  std::string upTo;
   /// The ranked result is cut after `limit` hits; then `size` hits are returned, beginning with hit
   /// `start`.
   std::uint64_t start = 0;
@@ -48,6 +64,9 @@ struct SearchQuery {
   std::uint64_t limit = std::numeric_limits<std::uint64_t>::max();
   ScoreScale scale = ScoreScale::Normalized;
 };
+
+/// How many hits an estimate counts if nobody says how many.
+constexpr std::uint64_t kExactHits = 10000;
 
 /// What a query planner wants to know before it searches.
 struct Estimate {
@@ -100,7 +119,13 @@ class Store {
   /// the index been updated. Stores nothing. Their keys must differ.
   virtual std::unique_ptr<HitSource> match(const std::string& name, const SearchQuery& query,
                                            const std::vector<Document>& documents) = 0;
-  virtual Estimate estimate(const std::string& name, const std::string& query) = 0;
+  /// The number of hits is exact up to `exactHits`, and costs as much. With 0 it comes from
+  /// statistics alone.
+  virtual Estimate estimate(const std::string& name, const std::string& query,
+                            std::uint64_t exactHits) = 0;
+  Estimate estimate(const std::string& name, const std::string& query) {
+    return estimate(name, query, kExactHits);
+  }
   virtual CollectionState state(const std::string& name) = 0;
 };
 

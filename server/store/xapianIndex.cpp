@@ -28,8 +28,8 @@ constexpr std::size_t kFewHits = 1000;
 constexpr std::size_t kIndexingCost = 16;
 // What a document without words takes, in bytes of text.
 constexpr std::size_t kPassingCost = 64;
-// How many hits an estimate counts exactly.
-constexpr Xapian::doccount kExactHits = 10000;
+// By how much the memory of keys grows at a time.
+constexpr std::size_t kKeysStep = std::size_t{64} << 10U;
 
 [[noreturn]] void throwStorageError(const Xapian::Error& error) {
   throw ServerError(ErrorKind::StorageFailed, "the index failed: " + error.get_description());
@@ -83,6 +83,100 @@ class HitBuffer : public HitSource {
   std::vector<Entry> entries_;
   std::size_t position_ = 0;
   std::size_t keyStart_ = 0;
+};
+
+/// Keys without scores.
+class KeyBuffer : public HitSource {
+ public:
+  explicit KeyBuffer(MemoryBudget::Share memory) : memory_(std::move(memory)) {}
+
+  std::size_t size() const { return entries_.size(); }
+
+  void add(const std::string& key) {
+    entries_.push_back({keys_.size(), key.size()});
+    keys_ += key;
+    const std::size_t bytes = keys_.capacity() + entries_.capacity() * sizeof(Entry);
+    if (bytes > memory_.bytes()) grow(bytes);
+  }
+
+  /// Drops all but the first `count` in the order of keys, and puts these in order.
+  void keepFirst(std::uint64_t count) {
+    const auto before = [&](const Entry& a, const Entry& b) { return keyOf(a) < keyOf(b); };
+    if (count < entries_.size()) {
+      const auto end = entries_.begin() + static_cast<std::ptrdiff_t>(count);
+      std::nth_element(entries_.begin(), end, entries_.end(), before);
+      entries_.erase(end, entries_.end());
+      dropUnused();
+    }
+    std::sort(entries_.begin(), entries_.end(), before);
+  }
+
+  /// next() begins with that one.
+  void start(std::uint64_t position) { position_ = std::min<std::size_t>(position, size()); }
+
+  bool next(Hit& hit) override {
+    if (position_ == entries_.size()) return false;
+    hit.key.assign(keyOf(entries_[position_++]));
+    hit.milliScore = 0;
+    return true;
+  }
+
+ private:
+  struct Entry {
+    std::size_t begin;
+    std::size_t length;
+  };
+
+  std::string_view keyOf(const Entry& entry) const {
+    return std::string_view(keys_).substr(entry.begin, entry.length);
+  }
+
+  void dropUnused() {
+    std::string kept;
+    for (Entry& entry : entries_) {
+      const std::size_t begin = kept.size();
+      kept += keyOf(entry);
+      entry.begin = begin;
+    }
+    keys_.swap(kept);
+  }
+
+  void grow(std::size_t bytes) {
+    const std::size_t wanted = bytes + kKeysStep;
+    const bool few = wanted <= kFewHits * kMatchCost;
+    if (memory_.resize(wanted, few ? MemoryBudget::Use::Small : MemoryBudget::Use::Large)) return;
+    throw ServerError(ErrorKind::TryAgain,
+                      fmt::format("the keys found so far take {} MiB of memory, and no more is "
+                                  "free; ask for fewer with \"size\", try again, or raise "
+                                  "--max-memory",
+                                  (wanted >> 20U) + 1));
+  }
+
+  // Declared first, so that it is given back when the others are gone.
+  MemoryBudget::Share memory_;
+  std::string keys_;
+  std::vector<Entry> entries_;
+  std::size_t position_ = 0;
+};
+
+/// Puts the keys of all documents that match into a buffer. Of more than `wanted` it keeps the
+/// first ones, by key or as they come.
+class KeyGatherer : public Xapian::MatchSpy {
+ public:
+  KeyGatherer(KeyBuffer& buffer, std::uint64_t wanted, bool byKey)
+      : buffer_(buffer), wanted_(wanted), byKey_(byKey) {}
+
+  void operator()(const Xapian::Document& document, double) override {
+    if (!byKey_ && buffer_.size() >= wanted_) return;
+    buffer_.add(document.get_value(kKeySlot));
+    // Rarely, so that a page of many costs little.
+    if (byKey_ && buffer_.size() / 2 > wanted_ + kFewHits) buffer_.keepFirst(wanted_);
+  }
+
+ private:
+  KeyBuffer& buffer_;
+  const std::uint64_t wanted_;
+  const bool byKey_;
 };
 
 /// Matches every document. The engine asks it about each candidate, and nothing else lets a search
@@ -193,6 +287,18 @@ Xapian::Query withoutHidden(const Xapian::Query& query, const std::vector<std::s
           Xapian::Query(Xapian::Query::OP_OR, terms.begin(), terms.end())};
 }
 
+Xapian::Query withinKeys(const Xapian::Query& query, const std::string& after,
+                         const std::string& upTo) {
+  if (query.empty() || (after.empty() && upTo.empty())) return query;
+  // The first key behind another one is that key and a zero byte.
+  const std::string first = after.empty() ? after : after + '\0';
+  const Xapian::Query range =
+      upTo.empty() ? Xapian::Query(Xapian::Query::OP_VALUE_GE, kKeySlot, first)
+                   : Xapian::Query(Xapian::Query::OP_VALUE_RANGE, kKeySlot, first, upTo);
+  if (range.empty()) return range;
+  return {Xapian::Query::OP_FILTER, query, range};
+}
+
 std::uint64_t saturatedSum(std::uint64_t a, std::uint64_t b) {
   return a > std::numeric_limits<std::uint64_t>::max() - b
              ? std::numeric_limits<std::uint64_t>::max()
@@ -212,8 +318,9 @@ class XapianIndex::Reader {
   std::unique_ptr<HitSource> search(const SearchQuery& query,
                                     const std::vector<std::string>& hidden,
                                     const IndexLimits& limits) {
-    const Xapian::Query words = parse(query.text, database_, fields(), limits);
-    return ranked(database_, withoutHidden(words, hidden), query, database_.get_doccount(), limits);
+    const Xapian::Query words = query.everything ? Xapian::Query(std::string())
+                                                 : parse(query.text, database_, fields(), limits);
+    return hits(database_, withoutHidden(words, hidden), query, database_.get_doccount(), limits);
   }
 
   // Both databases together have the statistics that the collection would have.
@@ -223,44 +330,77 @@ class XapianIndex::Reader {
     MemoryBudget::Share memory = shareOf(limits);
     Xapian::Database both(database_);
     both.add_database(passing(documents, names, memory));
-    const Xapian::Query words = parse(query.text, both, names, limits);
+    const Xapian::Query words =
+        query.everything ? Xapian::Query(std::string()) : parse(query.text, both, names, limits);
     const Xapian::Query theirs =
         words.empty() ? words
                       : Xapian::Query(Xapian::Query::OP_FILTER, words, Xapian::Query(kPassingTerm));
-    return ranked(both, theirs, query, documents.size(), limits);
+    return hits(both, theirs, query, documents.size(), limits);
   }
 
-  Estimate estimate(const std::string& query, const std::vector<std::string>& hidden,
-                    const IndexLimits& limits) {
+  // Without weights, since an estimate needs none: with them the engine scores every hit that it
+  // counts.
+  Estimate estimate(const std::string& query, std::uint64_t exactHits,
+                    const std::vector<std::string>& hidden, const IndexLimits& limits) {
     const Interruptible words(withoutHidden(parse(query, database_, fields(), limits), hidden));
+    const std::uint64_t documents = database_.get_doccount();
     Xapian::Enquire enquire(database_);
     enquire.set_query(words.query());
-    const Xapian::MSet matches = enquire.get_mset(0, 0, kExactHits);
-    return {matches.get_matches_estimated(), matches.get_matches_upper_bound(),
-            database_.get_doccount()};
+    enquire.set_weighting_scheme(Xapian::BoolWeight());
+    const auto exact = static_cast<Xapian::doccount>(std::min(exactHits, documents));
+    const Xapian::MSet matches = enquire.get_mset(0, 0, exact);
+    return {matches.get_matches_estimated(), matches.get_matches_upper_bound(), documents};
   }
 
  private:
   Fields fields() const { return Fields(database_.get_metadata(kFieldsEntry)); }
 
-  static std::unique_ptr<HitSource> ranked(const Xapian::Database& database,
-                                           const Xapian::Query& words, const SearchQuery& query,
-                                           std::uint64_t documents, const IndexLimits& limits) {
+  /// The part of a result that was asked for: from, and to before, so many hits.
+  struct Page {
+    std::uint64_t start = 0;
+    std::uint64_t end = 0;
+  };
+
+  static std::unique_ptr<HitSource> hits(const Xapian::Database& database,
+                                         const Xapian::Query& words, const SearchQuery& query,
+                                         std::uint64_t documents, const IndexLimits& limits) {
     const std::uint64_t end =
         std::min({saturatedSum(query.start, query.size), query.limit, documents});
-    const std::uint64_t start = std::min(query.start, end);
-    const Interruptible interruptible(words);
+    const Page page{std::min(query.start, end), end};
+    const Interruptible interruptible(withinKeys(words, query.after, query.upTo));
     Xapian::Enquire enquire(database);
     enquire.set_query(interruptible.query());
+    if (query.order == HitOrder::Score) return ranked(enquire, page, query.scale, limits);
+    return keys(enquire, page, query.order, documents, limits);
+  }
+
+  static std::unique_ptr<HitSource> ranked(Xapian::Enquire& enquire, Page page, ScoreScale scale,
+                                           const IndexLimits& limits) {
     enquire.set_sort_by_relevance_then_value(kKeySlot, false);
-    std::uint64_t most = end;
+    std::uint64_t most = page.end;
     if (most > kFewHits) {
       most = std::min<std::uint64_t>(most, enquire.get_mset(0, 0).get_matches_upper_bound());
     }
     MemoryBudget::Share memory = memoryFor(most, limits);
-    const Xapian::MSet matches = enquire.get_mset(static_cast<Xapian::doccount>(start),
-                                                  static_cast<Xapian::doccount>(end - start));
-    return std::make_unique<HitBuffer>(matches, query.scale, std::move(memory));
+    const Xapian::MSet matches =
+        enquire.get_mset(static_cast<Xapian::doccount>(page.start),
+                         static_cast<Xapian::doccount>(page.end - page.start));
+    return std::make_unique<HitBuffer>(matches, scale, std::move(memory));
+  }
+
+  // The engine only tells which documents match; to let it sort them would take ten times the
+  // memory and more than twice the time.
+  static std::unique_ptr<HitSource> keys(Xapian::Enquire& enquire, Page page, HitOrder order,
+                                         std::uint64_t documents, const IndexLimits& limits) {
+    auto buffer = std::make_unique<KeyBuffer>(shareOf(limits));
+    KeyGatherer gatherer(*buffer, page.end, order == HitOrder::Key);
+    enquire.set_weighting_scheme(Xapian::BoolWeight());
+    enquire.add_matchspy(&gatherer);
+    const std::uint64_t seen = order == HitOrder::Key ? documents : page.end;
+    enquire.get_mset(0, 0, static_cast<Xapian::doccount>(seen));
+    if (order == HitOrder::Key) buffer->keepFirst(page.end);
+    buffer->start(page.start);
+    return buffer;
   }
 
   // A database of the documents in memory. Their metadata may have names that are new.
@@ -520,10 +660,11 @@ std::unique_ptr<HitSource> XapianIndex::match(const SearchQuery& query,
   });
 }
 
-Estimate XapianIndex::estimate(const std::string& query, const std::vector<std::string>& hidden) {
+Estimate XapianIndex::estimate(const std::string& query, std::uint64_t exactHits,
+                               const std::vector<std::string>& hidden) {
   return translated([&] {
     return Lease(*this).run(
-        [&](Reader& reader) { return reader.estimate(query, hidden, limits_); });
+        [&](Reader& reader) { return reader.estimate(query, exactHits, hidden, limits_); });
   });
 }
 

@@ -67,7 +67,8 @@ class XapianIndex {
   /// database besides what is there. Stores nothing. Their keys differ.
   std::unique_ptr<HitSource> match(const SearchQuery& query,
                                    const std::vector<Document>& documents);
-  Estimate estimate(const std::string& query, const std::vector<std::string>& hidden);
+  Estimate estimate(const std::string& query, std::uint64_t exactHits,
+                    const std::vector<std::string>& hidden);
 
   /// Closes the handles that are kept open for the next searches.
   void releaseHandles();

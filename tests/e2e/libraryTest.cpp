@@ -403,6 +403,24 @@ TEST_P(Library, LeavesAStreamWithoutHarmToTheNextRequest) {
   }
 }
 
+TEST_P(Library, FindsKeysWithoutScoresInTheirOrder) {
+  addMany(3000);
+  Keys expected;
+  for (int i = 0; i < 3000; ++i) expected.push_back(numbered(i));
+  for (const int kind : {8, 20}) {
+    EXPECT_EQ(search("common", {{"sortField", "KEY"}}, kind).keys(), expected);
+    EXPECT_THAT(search("common", {{"sortField", "UNSORTED"}}, kind).keys(),
+                ::testing::UnorderedElementsAreArray(expected));
+    EXPECT_THAT(search("word77 OR word99 OR word55",
+                       {{"sortField", "KEY"}, {"after", docIdOf("d00055")}, {"size", "1"}}, kind)
+                    .keys(),
+                ElementsAre("d00077"));
+  }
+  ClientRequest everything =
+      requestTo(collection_, 8, {{"sortField", "KEY"}, {"upTo", docIdOf("d00001")}});
+  EXPECT_THAT(send(everything).keys(), ElementsAre("d00000", "d00001"));
+}
+
 // Matching texts that are not stored.
 
 // The bytes of a document as it would be sent.
@@ -488,6 +506,22 @@ TEST_P(Library, EstimatesAsTheProtocolAllows) {
     EXPECT_THAT(answer.selectivity, ElementsAre(3, 3, 4));
   } else {
     EXPECT_THAT(answer.selectivity, ElementsAre(1, 1, 100));
+  }
+}
+
+TEST_P(Library, EstimatesWithinABudget) {
+  addMany(200);
+  const auto estimate = [&](const char* exactHits) {
+    const Answer answer =
+        send(ClientRequest::SELECTIVITY, {{"query", "NOT word7"}, {"exactHits", exactHits}});
+    expectSuccess(answer);
+    return answer.selectivity;
+  };
+  if (GetParam() == Protocol::Binary) {
+    EXPECT_EQ(estimate("200")[0], 199);
+    EXPECT_LE(estimate("0")[0], 200);
+  } else {
+    EXPECT_THAT(estimate("200"), ElementsAre(1, 1, 100));
   }
 }
 

@@ -170,6 +170,10 @@ void maybeNumber(Random& random, const char* name, Parameters& parameters) {
   parameters.emplace_back(name, random.pick(random.oneIn(8) ? kNoNumbers : kNumbers));
 }
 
+bool isOfScores(const std::pair<std::string, std::string>& parameter) {
+  return parameter.first == "scoreWanted" || parameter.first == "scoreType";
+}
+
 Parameters searchParameters(Random& random) {
   Parameters parameters;
   if (!random.oneIn(40)) parameters.emplace_back("query", randomQuery(random));
@@ -182,6 +186,14 @@ Parameters searchParameters(Random& random) {
   if (random.oneIn(4)) parameters.emplace_back("scoreType", random.oneIn(3) ? "raw" : "normalized");
   if (random.oneIn(50)) parameters.emplace_back("scoreType", "best");
   if (random.oneIn(50)) parameters.emplace_back("pageNumber", "2");
+  if (random.oneIn(8)) {
+    parameters.emplace_back("sortField", random.pick(Texts{"KEY", "UNSORTED", "SCORE", "title"}));
+    if (random.oneIn(2)) std::erase_if(parameters, isOfScores);
+  }
+  if (random.oneIn(12)) {
+    parameters.emplace_back(random.oneIn(2) ? "after" : "upTo",
+                            random.pick(Texts{"base64:azE=", "base64:azM=", "base64:", "k1"}));
+  }
   return parameters;
 }
 

@@ -166,6 +166,39 @@ TEST_F(DispatcherTest, SearchWithoutParametersReturnsEverythingWithoutScore) {
   EXPECT_FALSE(std::get<HitsReply>(reply).withScore);
 }
 
+TEST_F(DispatcherTest, SearchPassesOrderAndRangeOfKeysOn) {
+  EXPECT_CALL(
+      store_,
+      search("c", AllOf(Field(&SearchQuery::text, "fox"), Field(&SearchQuery::everything, false),
+                        Field(&SearchQuery::order, HitOrder::Key), Field(&SearchQuery::after, "k1"),
+                        Field(&SearchQuery::upTo, std::string("k\0", 2)))))
+      .WillOnce([] { return nullptr; });
+  expectIs<HitsReply>(handle({{"action", "search"},
+                              {"index", "c"},
+                              {"query", "fox"},
+                              {"sortField", "KEY"},
+                              {"scoreWanted", "false"},
+                              {"after", "base64:azE="},
+                              {"upTo", "base64:awA="}}));
+  EXPECT_CALL(store_, search("c", AllOf(Field(&SearchQuery::everything, true),
+                                        Field(&SearchQuery::order, HitOrder::Any))))
+      .WillOnce([] { return nullptr; });
+  expectIs<HitsReply>(handle({{"action", "search"}, {"index", "c"}, {"sortField", "UNSORTED"}}));
+}
+
+TEST_F(DispatcherTest, HitsThatAreNotSortedByScoreHaveNone) {
+  for (const char* order : {"KEY", "UNSORTED"}) {
+    const test::Headers search{
+        {"action", "search"}, {"index", "c"}, {"query", "fox"}, {"sortField", order}};
+    for (const auto& [name, value] :
+         test::Metadata{{"scoreWanted", "true"}, {"scoreType", "raw"}}) {
+      test::Headers headers = search;
+      headers[name] = value;
+      EXPECT_THAT(error(headers), AllOf(HasSubstr("ZVK0006E"), HasSubstr(name)));
+    }
+  }
+}
+
 TEST_F(DispatcherTest, DocumentsToMatchReachTheStore) {
   const test::Headers one{
       {"action", "search"}, {"index", "c"}, {"query", "fox"}, {"match", "document"}};
@@ -195,7 +228,9 @@ TEST_F(DispatcherTest, ParametersThatMakeNoSenseAreNamed) {
       {"start", "-1"},         {"start", "x"},
       {"size", "1.5"},         {"resultLimit", "1 "},
       {"mode", "selectivity"}, {"scoreWanted", "yes"},
-      {"scoreType", "best"},   {"size", "18446744073709551616"}};
+      {"scoreType", "best"},   {"size", "18446744073709551616"},
+      {"sortField", "year"},   {"after", "k1"},
+      {"after", "base64:"},    {"upTo", "base64:a"}};
   for (const auto& [name, value] : cases) {
     test::Headers headers = search;
     headers[name] = value;
@@ -223,11 +258,17 @@ TEST_F(DispatcherTest, RequestWithSeveralFaultsIsRefusedForItsCollectionFirst) {
 }
 
 TEST_F(DispatcherTest, SelectivityGivesTheStoresEstimate) {
-  EXPECT_CALL(store_, estimate("c", "fox")).WillOnce(Return(Estimate{1, 2, 3}));
+  EXPECT_CALL(store_, estimate("c", "fox", 10000U)).WillOnce(Return(Estimate{1, 2, 3}));
   const Reply reply = handle(
       {{"action", "selectivity"}, {"index", "c"}, {"query", "fox"}, {"mode", "selectivity"}});
   ASSERT_TRUE(std::holds_alternative<EstimateReply>(reply));
   EXPECT_EQ(std::get<EstimateReply>(reply).estimate.atMost, 2U);
+}
+
+TEST_F(DispatcherTest, SelectivityCountsAsManyHitsAsTheRequestSays) {
+  EXPECT_CALL(store_, estimate("c", "fox", 0U)).WillOnce(Return(Estimate{1, 2, 3}));
+  expectIs<EstimateReply>(
+      handle({{"action", "selectivity"}, {"index", "c"}, {"query", "fox"}, {"exactHits", "0"}}));
 }
 
 TEST_F(DispatcherTest, ParseResultsComeFromTheStore) {

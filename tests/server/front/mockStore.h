@@ -26,7 +26,8 @@ class MockStore : public Store {
               (override));
   MOCK_METHOD(std::unique_ptr<HitSource>, match,
               (const std::string&, const SearchQuery&, const std::vector<Document>&), (override));
-  MOCK_METHOD(Estimate, estimate, (const std::string&, const std::string&), (override));
+  MOCK_METHOD(Estimate, estimate, (const std::string&, const std::string&, std::uint64_t),
+              (override));
   MOCK_METHOD(CollectionState, state, (const std::string&), (override));
 };
 

@@ -18,7 +18,6 @@
 namespace corvaned {
 namespace {
 
-using ::testing::_;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Invoke;
@@ -99,10 +98,13 @@ std::vector<Row> rows() {
                  {"resultLimit", kNumber},
                  {"scoreWanted", {{"true", "false"}, "maybe"}},
                  {"scoreType", {{"raw", "normalized"}, "best"}},
-                 {"sortField", {{"SCORE"}, "year"}},
+                 {"sortField", {{"SCORE", "KEY", "UNSORTED"}, "year"}},
+                 {"after", {{"base64:azE="}, "k1"}},
+                 {"upTo", {{"base64:azE="}, "k1"}},
                  {"match", {{"document"}, "text"}}}},
       {"selectivity", searching,
-       inCollection + query + Group{{"mode", {{"selectivity"}, "streaming"}}}},
+       inCollection + query +
+           Group{{"mode", {{"selectivity"}, "streaming"}}, {"exactHits", kNumber}}},
       {"getParseResult", named, inCollection},
       {"getStatus", named, inCollection},
       {"getServerVersion",
@@ -119,7 +121,8 @@ std::vector<Row> rows() {
 
 // Everything that the vocabulary knows as a parameter, and what nobody knows.
 std::set<std::string> allNames() {
-  std::set<std::string> names{"nonsense", "Index", "query ", "Host", "match"};
+  std::set<std::string> names{"nonsense", "Index", "query ", "Host",
+                              "match",    "after", "upTo",   "exactHits"};
   for (const icu::UnicodeString* name : {&StaticDefs::PARAM_COLLECTION_ID,
                                          &StaticDefs::PARAM_DOCUMENT_ID,
                                          &StaticDefs::PARAM_ROWID,
