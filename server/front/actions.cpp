@@ -2,60 +2,16 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
-#include <system_error>
 #include <utility>
 
 #include "server/base/errors.h"
 #include "server/front/documentBlock.h"
-#include "server/front/replyText.h"
+#include "server/front/reports.h"
+#include "server/front/requestValues.h"
 #include "server/front/vocabulary.h"
 
 namespace corvaned {
 namespace {
-
-std::string require(const Request& request, const std::string& name) {
-  const std::string_view value = request.header(name);
-  if (value.empty()) {
-    throw ServerError(ErrorKind::MissingParameter,
-                      "the parameter " + shown(name) + " is missing or empty");
-  }
-  return std::string(value);
-}
-
-std::string collectionOf(const Request& request) {
-  const std::string_view name = collectionNamedBy(request);
-  return name.empty() ? require(request, words().collection) : std::string(name);
-}
-
-void readNumber(const Request& request, const std::string& name, std::uint64_t& value) {
-  const std::string_view text = request.header(name);
-  if (text.empty()) return;
-  std::uint64_t parsed = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), parsed);
-  if (error != std::errc{} || end != text.data() + text.size()) {
-    throw ServerError(ErrorKind::BadParameter, "the parameter " + shown(name) + " is " +
-                                                   shown(text) + ", not a number from 0 on");
-  }
-  value = parsed;
-}
-
-// True if the parameter is `first`; false if it is `second` or missing. Refuses any other value.
-bool chooses(const Request& request, const std::string& name, std::string_view first,
-             std::string_view second) {
-  const std::string_view value = request.header(name);
-  if (value == first) return true;
-  if (value.empty() || value == second) return false;
-  throw ServerError(ErrorKind::BadParameter, "the parameter " + shown(name) + " is " +
-                                                 shown(value) + ", not " + shown(first) + " or " +
-                                                 shown(second));
-}
-
-[[noreturn]] void refuseValue(const Request& request, const std::string& name,
-                              const std::string& why) {
-  throw ServerError(ErrorKind::BadParameter, "the parameter " + shown(name) + " is " +
-                                                 shown(request.header(name)) + ", " + why);
-}
 
 HitOrder orderOf(const Request& request) {
   const std::string_view field = request.header(words().sortField);
@@ -65,16 +21,6 @@ HitOrder orderOf(const Request& request) {
   refuseValue(request, words().sortField,
               "not " + shown(words().byScore) + ", " + shown(words().byKey) + " or " +
                   shown(words().unsorted));
-}
-
-std::string keyOf(const Request& request, const std::string& name) {
-  const std::string_view id = request.header(name);
-  if (id.empty()) return {};
-  auto key = keyOfDocumentId(id);
-  if (!key || key->empty()) {
-    refuseValue(request, name, "not \"base64:\" and the Base64 form of a key");
-  }
-  return std::move(*key);
 }
 
 void requireNoScores(const Request& request) {
@@ -93,8 +39,8 @@ SearchQuery searchQueryOf(const Request& request) {
   if (query.order != HitOrder::Score) requireNoScores(request);
   query.everything = query.order != HitOrder::Score && request.header(words().query).empty();
   if (!query.everything) query.text = require(request, words().query);
-  query.after = keyOf(request, words().after);
-  query.upTo = keyOf(request, words().upTo);
+  query.after = keyIn(request, words().after);
+  query.upTo = keyIn(request, words().upTo);
   readNumber(request, words().start, query.start);
   readNumber(request, words().size, query.size);
   readNumber(request, words().resultLimit, query.limit);
@@ -199,19 +145,13 @@ Reply queueDocument(const Service& service, Request& request) {
 }
 
 Reply parseResult(const Service& service, Request& request) {
+  if (asksForReport(request)) return report(service, request);
   return OutcomesReply{service.store.takeParseOutcomes(collectionOf(request))};
 }
 
 // A collection that cannot be opened has a status, too.
 Reply status(const Service& service, Request& request) {
-  const bool ofServer = collectionNamedBy(request).empty();
-  const std::string_view scope = request.header(words().scope);
-  if (!scope.empty() && (scope == words().systemScope) != ofServer) {
-    throw ServerError(ErrorKind::BadParameter, "the parameter " + shown(words().scope) + " is " +
-                                                   shown(scope) + ", but the request names " +
-                                                   (ofServer ? "no" : "a") + " collection");
-  }
-  if (ofServer) return StatusReply{};
+  if (collectionNamedBy(request).empty()) return StatusReply{};
   try {
     const CollectionState state = service.store.state(collectionOf(request));
     return StatusReply{state == CollectionState::Current ? 0U : 1U, {}};
@@ -336,7 +276,14 @@ constexpr std::array<Parameter, 11> kSearch{{{&Words::query},
                                              {&Words::upTo}}};
 constexpr std::array<Parameter, 3> kSelectivity{
     {{&Words::query}, {&Words::mode, kSelectivityMode}, {&Words::exactHits}}};
-constexpr std::array<Parameter, 3> kStatus{
+constexpr std::array<Parameter, 6> kReport{{{&Words::report},
+                                            {&Words::query},
+                                            {&Words::after},
+                                            {&Words::upTo},
+                                            {&Words::size},
+                                            {&Words::every}}};
+// Actions that are about a collection or about all.
+constexpr std::array<Parameter, 3> kEitherWay{
     {{&Words::collection}, {&Words::collectionName}, {&Words::scope, kEitherScope}}};
 // A client that always names a collection may do so here; the right to it is then asked for.
 constexpr std::array<Parameter, 3> kVersion{
@@ -393,8 +340,8 @@ constexpr std::array<Action, 19> kActions{{
      onCollection<&Store::updateIndex>},
     {"search", Workload::Read, kAlways, Right::Read, {kCollection, kSearch}, search},
     {"selectivity", Workload::Read, kAlways, Right::Read, {kCollection, kSelectivity}, selectivity},
-    {"getParseResult", Workload::Write, kAlways, Right::Write, {kCollection}, parseResult},
-    {"getStatus", Workload::Status, kAlways, Right::Read, {kStatus}, status},
+    {"getParseResult", Workload::Write, kAlways, Right::Write, {kEitherWay, kReport}, parseResult},
+    {"getStatus", Workload::Status, kAlways, Right::Read, {kEitherWay}, status},
     {"getServerVersion", Workload::Status, kAlways, Right::Read, {kVersion}, version},
     {"backup", Workload::Status, kAlways, Right::Admin, {}, notSupported},
     {"restore", Workload::Status, kAlways, Right::Admin, {}, notSupported},
@@ -449,6 +396,14 @@ void requireOneCollection(const Request& request) {
                                                  shown(other));
 }
 
+void requireScope(const Request& request) {
+  const bool ofServer = collectionNamedBy(request).empty();
+  const std::string_view scope = request.header(words().scope);
+  if (scope.empty() || (scope == words().systemScope) == ofServer) return;
+  refuseValue(request, words().scope,
+              std::string("but the request names ") + (ofServer ? "no" : "a") + " collection");
+}
+
 }  // namespace
 
 void requireParameters(const Action& action, const Request& request) {
@@ -464,6 +419,7 @@ void requireParameters(const Action& action, const Request& request) {
     requireValue(*parameter, value);
   }
   requireOneCollection(request);
+  requireScope(request);
 }
 
 std::string_view collectionNamedBy(const Request& request) {

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <limits>
 #include <utility>
+#include <vector>
 
 #include "server/base/bytes.h"
 #include "server/base/errors.h"
@@ -98,19 +99,20 @@ class BinaryHits : public EnvelopesReply {
   std::string payload_;
 };
 
-class BinaryOutcomes : public EnvelopesReply {
+template <typename Record>
+class BinaryMessages : public EnvelopesReply {
  public:
-  explicit BinaryOutcomes(OutcomesReply reply) : reply_(std::move(reply)) {}
+  explicit BinaryMessages(std::vector<Record> records) : records_(std::move(records)) {}
 
  protected:
   bool appendNext(std::string& portion) override {
-    if (position_ == reply_.outcomes.size()) return false;
-    appendEnvelope(portion, kSuccess, outcomeFields(appendField, reply_.outcomes[position_++]));
+    if (position_ == records_.size()) return false;
+    appendEnvelope(portion, kSuccess, recordFields(appendField, records_[position_++]));
     return true;
   }
 
  private:
-  OutcomesReply reply_;
+  std::vector<Record> records_;
   std::size_t position_ = 0;
 };
 
@@ -128,7 +130,10 @@ struct BinaryForm {
     return std::make_unique<BinaryHits>(std::move(reply));
   }
   std::unique_ptr<ReplyEncoder> operator()(OutcomesReply&& reply) const {
-    return std::make_unique<BinaryOutcomes>(std::move(reply));
+    return std::make_unique<BinaryMessages<ParseOutcome>>(std::move(reply.outcomes));
+  }
+  std::unique_ptr<ReplyEncoder> operator()(ReportReply&& reply) const {
+    return std::make_unique<BinaryMessages<ReportReply::Line>>(std::move(reply.lines));
   }
   // The protocol puts the number of documents before the upper bound.
   std::unique_ptr<ReplyEncoder> operator()(const EstimateReply& reply) const {

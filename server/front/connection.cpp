@@ -331,7 +331,10 @@ void Connection::proceed() {
 }
 
 Workload Connection::nextWorkload() const {
-  return Dispatcher::workload(queued_ ? queued_->header(words().action) : decoder_.waitingAction());
+  const auto value = [&](const std::string& name) {
+    return queued_ ? queued_->header(name) : decoder_.waitingValue(name);
+  };
+  return Dispatcher::workload(value(words().action), !value(words().report).empty());
 }
 
 void Connection::serve(Workload workload) {

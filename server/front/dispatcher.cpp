@@ -50,9 +50,10 @@ RequestContext::Clock::time_point arrivalOf(const Action* action) {
 
 }  // namespace
 
-Workload Dispatcher::workload(std::string_view name) {
+Workload Dispatcher::workload(std::string_view name, bool report) {
   const Action* action = findAction(name);
-  return action ? action->workload : Workload::Status;
+  if (!action) return Workload::Status;
+  return report ? Workload::Read : action->workload;
 }
 
 // What concerns no collection says nothing that is worth keeping secret, or it takes the right to
@@ -61,9 +62,11 @@ void Dispatcher::permit(const Request& request, const Identity& identity) {
   const Action* action = actionOf(request);
   if (!action) return;
   const std::string_view collection = collectionNamedBy(request);
-  if (collection.empty() && action->needs == Right::Read) return;
+  const bool report = !request.header(words().report).empty();
+  const Right needs = report ? Right::Read : action->needs;
+  if (collection.empty() && needs == Right::Read && !report) return;
   const auto scope = collection.empty() ? std::nullopt : std::optional(collection);
-  if (identity.may(action->needs, scope)) return;
+  if (identity.may(needs, scope)) return;
   throw ServerError(ErrorKind::Forbidden,
                     identity.name() + " may not use the action " + shown(action->name) + " on " +
                         (scope ? "the collection " + shown(collection) : "the whole server"));

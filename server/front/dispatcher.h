@@ -22,7 +22,8 @@ class Dispatcher {
   /// What was counted so far. The connections count here, too.
   Metrics& metrics() { return metrics_; }
 
-  static Workload workload(std::string_view action);
+  /// `report`: whether the request asks for one.
+  static Workload workload(std::string_view action, bool report = false);
 
   /// Throws ServerError(Forbidden) if this identity may not ask for this.
   static void permit(const Request& request, const Identity& identity);

@@ -109,6 +109,23 @@ DocumentBlock parseDocumentBlock(std::string bytes) {
   return block;
 }
 
+std::string documentBlock(const Document& document) {
+  std::string pairs;
+  const auto append = [&](std::string_view name, std::string_view value) {
+    for (const std::string_view text : {name, value}) {
+      appendU32(pairs, static_cast<std::uint32_t>(text.size()));
+      pairs += text;
+    }
+  };
+  for (const auto& [name, value] : document.metadata) append(name, value);
+  append(words().rowId, document.key);
+  if (!document.content.empty()) append(words().data, document.content);
+  std::string block;
+  appendU32(block, 0);
+  appendU32(block, static_cast<std::uint32_t>(pairs.size()));
+  return block + pairs;
+}
+
 std::vector<Document> parseDocumentBlocks(std::string_view bytes) {
   std::vector<Document> documents;
   std::set<std::string> keys;

@@ -3,6 +3,7 @@
 #include <array>
 #include <charconv>
 #include <utility>
+#include <vector>
 
 #include "server/base/bytes.h"
 #include "server/front/replyEncoder.h"
@@ -112,19 +113,21 @@ class HttpHits : public RecordsReply {
   std::string fields_;
 };
 
-class HttpOutcomes : public RecordsReply {
+template <typename Record>
+class HttpMessages : public RecordsReply {
  public:
-  explicit HttpOutcomes(OutcomesReply reply) : RecordsReply(false), reply_(std::move(reply)) {}
+  explicit HttpMessages(std::vector<Record> records)
+      : RecordsReply(false), records_(std::move(records)) {}
 
  protected:
   bool appendNext(std::string& portion) override {
-    if (position_ == reply_.outcomes.size()) return false;
-    appendRecord(portion, outcomeFields(appendField, reply_.outcomes[position_++]));
+    if (position_ == records_.size()) return false;
+    appendRecord(portion, recordFields(appendField, records_[position_++]));
     return true;
   }
 
  private:
-  OutcomesReply reply_;
+  std::vector<Record> records_;
   std::size_t position_ = 0;
 };
 
@@ -145,7 +148,10 @@ struct HttpForm {
     return std::make_unique<HttpHits>(std::move(reply));
   }
   std::unique_ptr<ReplyEncoder> operator()(OutcomesReply&& reply) const {
-    return std::make_unique<HttpOutcomes>(std::move(reply));
+    return std::make_unique<HttpMessages<ParseOutcome>>(std::move(reply.outcomes));
+  }
+  std::unique_ptr<ReplyEncoder> operator()(ReportReply&& reply) const {
+    return std::make_unique<HttpMessages<ReportReply::Line>>(std::move(reply.lines));
   }
   std::unique_ptr<ReplyEncoder> operator()(const EstimateReply& reply) const {
     std::string fields;

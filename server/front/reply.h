@@ -30,6 +30,15 @@ struct HitsReply {
 struct OutcomesReply {
   std::vector<ParseOutcome> outcomes;
 };
+/// Facts about collections or documents, each in a record like an outcome.
+struct ReportReply {
+  struct Line {
+    std::string subject;
+    std::string messageId;
+    std::string messageText;
+  };
+  std::vector<Line> lines;
+};
 struct EstimateReply {
   Estimate estimate;
 };
@@ -43,7 +52,7 @@ struct TextReply {
 };
 
 /// The reply to a request, independent of the protocol.
-using Reply = std::variant<NoReply, DoneReply, ErrorReply, HitsReply, OutcomesReply, EstimateReply,
-                           StatusReply, TextReply, UnauthorizedReply>;
+using Reply = std::variant<NoReply, DoneReply, ErrorReply, HitsReply, OutcomesReply, ReportReply,
+                           EstimateReply, StatusReply, TextReply, UnauthorizedReply>;
 
 }  // namespace corvaned

@@ -37,13 +37,19 @@ std::string messageFields(FieldAppender append, std::string_view id, const std::
   return fields;
 }
 
-std::string outcomeFields(FieldAppender append, const ParseOutcome& outcome) {
+std::string recordFields(FieldAppender append, const ParseOutcome& outcome) {
   std::string fields;
   append(fields, words().doc, documentId(outcome.key));
   if (!outcome.messageId.empty()) {
     fields += messageFields(append, outcome.messageId, outcome.messageText);
   }
   return fields;
+}
+
+std::string recordFields(FieldAppender append, const ReportReply::Line& line) {
+  std::string fields;
+  append(fields, words().doc, line.subject);
+  return fields + messageFields(append, line.messageId, line.messageText);
 }
 
 }  // namespace corvaned

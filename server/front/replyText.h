@@ -19,8 +19,9 @@ std::string scoreText(std::uint16_t milliScore);
 /// How a protocol writes one field of a record.
 using FieldAppender = void (*)(std::string& out, std::string_view name, std::string_view value);
 
-/// The fields of an error, and those of a queued document's outcome.
+/// The fields of an error, of a queued document's outcome, and of a line of a report.
 std::string messageFields(FieldAppender append, std::string_view id, const std::string& text);
-std::string outcomeFields(FieldAppender append, const ParseOutcome& outcome);
+std::string recordFields(FieldAppender append, const ParseOutcome& outcome);
+std::string recordFields(FieldAppender append, const ReportReply::Line& line);
 
 }  // namespace corvaned

@@ -105,15 +105,15 @@ bool RequestDecoder::ready() {
 }
 
 // If a name was sent twice the last value counts, hence the search from the end.
-std::string_view RequestDecoder::waitingAction() const {
-  if (stage_ != Stage::Header) return request_.header(words().action);
+std::string_view RequestDecoder::waitingValue(std::string_view name) const {
+  if (stage_ != Stage::Header) return request_.header(name);
   const std::string_view block = lines();
   for (std::size_t end = block.size(); end > 0;) {
     const std::size_t before = end < 2 ? std::string_view::npos : block.rfind('\n', end - 2);
     const std::size_t begin = before == std::string_view::npos ? 0 : before + 1;
     const std::string_view line = block.substr(begin, end - 1 - begin);
     const std::size_t separator = line.find(kSeparator);
-    if (separator != std::string_view::npos && line.substr(0, separator) == words().action) {
+    if (separator != std::string_view::npos && line.substr(0, separator) == name) {
       return line.substr(separator + kSeparator.size());
     }
     end = begin;

@@ -54,7 +54,7 @@ class Admission {
 /// and call next() until it returns nothing. Its memory grows with the bytes received, not with the
 /// lengths announced. Not thread-safe; one object per connection.
 ///
-/// ready() and waitingAction() only look for the end of a header block, which a network thread can
+/// ready() and waitingValue() only look for the end of a header block, which a network thread can
 /// afford. next() decodes.
 class RequestDecoder {
  public:
@@ -66,8 +66,8 @@ class RequestDecoder {
 
   /// True if next() can get further with the bytes that are there. Throws FramingError.
   bool ready();
-  /// The action that the waiting request names; empty if it names none. Only while ready().
-  std::string_view waitingAction() const;
+  /// The value that the waiting request has for a header; empty if it has none. Only while ready().
+  std::string_view waitingValue(std::string_view name) const;
 
   /// The next complete request, or nothing if more bytes are needed. After a FramingError the
   /// decoder must not be used again.

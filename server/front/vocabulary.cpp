@@ -38,6 +38,8 @@ void addNames(Words& words) {
   words.after = "after";
   words.upTo = "upTo";
   words.exactHits = "exactHits";
+  words.report = "report";
+  words.every = "every";
   words.language = utf8(Defs::PARAM_LANGUAGE);
   words.documentType = utf8(Defs::PARAM_DOCUMENT_TYPE);
   words.knownDocumentType = utf8(Defs::PARAM_KNOWN_DOCUMENT_TYPE);
@@ -74,6 +76,10 @@ void addValues(Words& words) {
   words.unsorted = utf8(Defs::PARAM_UNSORTED);
   words.oneDocument = "document";
   words.severalDocuments = "documents";
+  words.collectionsReport = "collections";
+  words.collectionReport = "collection";
+  words.countReport = "count";
+  words.digestReport = "digest";
   words.actionUnknown = utf8(Defs::ACT_UNKNOWN);
   words.actionUpdate = utf8(Defs::ACT_UPDATE);
   words.actionMonitor = utf8(Defs::ACT_MONITOR);

@@ -12,14 +12,15 @@ struct Words {
   std::string action, actionType, authorization, collection, collectionName, contentLength,
       connectionPersists, protocolVersion, replyFormat, locale, scope;
   std::string query, mode, start, size, resultLimit, scoreWanted, scoreType, sortField, match,
-      after, upTo, exactHits;
+      after, upTo, exactHits, report, every;
   std::string language, documentType, knownDocumentType, charset, knownCharset, mimeType, useQueue,
       incremental;
   std::string implementationVersion, supportedServerVersions, versionsSeparator, buildSeparator;
   // Values.
   std::string modeScalar, modeStreaming, modeSelectivity, yes, no, defaultLanguage, english,
       americanEnglish, protocol11, formatRdx, collectionScope, systemScope, text, undefinedType,
-      plainText, utf8, byScore, byKey, unsorted, oneDocument, severalDocuments;
+      plainText, utf8, byScore, byKey, unsorted, oneDocument, severalDocuments, collectionsReport,
+      collectionReport, countReport, digestReport;
   std::string actionUnknown, actionUpdate, actionMonitor, actionSelect, actionAdmin;
   // Tags of a document block and names of record fields.
   std::string rowId, data, doc;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <system_error>
 #include <utility>
 
 #include "server/base/errors.h"
@@ -22,6 +23,17 @@ const std::filesystem::path& complete(const std::filesystem::path& directory) {
     throwDamaged({IndexSums::pathIn(directory), 0, "the file is missing"});
   }
   return directory;
+}
+
+// Files come and go meanwhile.
+std::uint64_t bytesIn(const std::filesystem::path& directory) {
+  std::uint64_t bytes = 0;
+  std::error_code gone;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(directory, gone)) {
+    const std::uint64_t size = entry.is_regular_file(gone) ? entry.file_size(gone) : 0;
+    if (!gone) bytes += size;
+  }
+  return bytes;
 }
 
 }  // namespace
@@ -137,6 +149,24 @@ std::unique_ptr<HitSource> Collection::match(const SearchQuery& query,
 Estimate Collection::estimate(const std::string& query, std::uint64_t exactHits) {
   requireActive();
   return index_.estimate(query, exactHits, hidden());
+}
+
+std::uint64_t Collection::count(const SearchQuery& query) {
+  requireActive();
+  return index_.count(query, hidden());
+}
+
+void Collection::visit(const SearchQuery& query, const Store::DocumentVisitor& take) {
+  requireActive();
+  index_.visit(query, hidden(), take);
+}
+
+CollectionSummary Collection::summary() {
+  requireActive();
+  CollectionSummary summary = index_.summary();
+  summary.pending = journal_.pending();
+  summary.bytes = bytesIn(directory_);
+  return summary;
 }
 
 CollectionState Collection::state() const {

@@ -48,7 +48,10 @@ class Collection {
   std::unique_ptr<HitSource> match(const SearchQuery& query,
                                    const std::vector<Document>& documents);
   Estimate estimate(const std::string& query, std::uint64_t exactHits);
+  std::uint64_t count(const SearchQuery& query);
+  void visit(const SearchQuery& query, const Store::DocumentVisitor& take);
   CollectionState state() const;
+  CollectionSummary summary();
   void releaseHandles() { index_.releaseHandles(); }
 
   /// Makes all further operations fail, and returns when no operation uses the directory any more.

@@ -155,6 +155,11 @@ bool Journal::empty() const {
                      [](const ScannedSegment& segment) { return segment.bytes == 0; });
 }
 
+std::uint64_t Journal::pending() const {
+  const std::lock_guard lock(mutex_);
+  return lastSequence_ + 1 - std::min(mark_->range().first, lastSequence_ + 1);
+}
+
 std::filesystem::path Journal::pathOf(std::uint64_t number) const {
   return segmentPath(directory_, number);
 }

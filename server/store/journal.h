@@ -66,6 +66,9 @@ class Journal {
   /// True if no segment holds a change.
   bool empty() const;
 
+  /// The number of changes in the segments, without those of the earlier form.
+  std::uint64_t pending() const;
+
  private:
   struct CurrentFile {
     FileHandle handle;

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <spdlog/spdlog.h>
 
+#include <algorithm>
 #include <system_error>
 #include <utility>
 
@@ -116,7 +117,31 @@ Estimate LocalStore::estimate(const std::string& name, const std::string& query,
   return find(name)->estimate(query, exactHits);
 }
 
+std::uint64_t LocalStore::count(const std::string& name, const SearchQuery& query) {
+  return find(name)->count(query);
+}
+
+void LocalStore::visit(const std::string& name, const SearchQuery& query,
+                       const DocumentVisitor& take) {
+  find(name)->visit(query, take);
+}
+
 CollectionState LocalStore::state(const std::string& name) { return find(name)->state(); }
+
+CollectionSummary LocalStore::summary(const std::string& name) { return find(name)->summary(); }
+
+std::vector<std::string> LocalStore::collections(const std::string& after, std::uint64_t most) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(collectionsRoot_)) {
+    const std::string directory = entry.path().filename();
+    if (directory.starts_with('.')) continue;
+    std::string name = collectionNameFor(directory);
+    if (name > after) names.push_back(std::move(name));
+  }
+  std::sort(names.begin(), names.end());
+  if (names.size() > most) names.resize(static_cast<std::size_t>(most));
+  return names;
+}
 
 // The first request that names a collection opens it, so that a damaged one does not affect the
 // others.

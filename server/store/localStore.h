@@ -43,7 +43,12 @@ class LocalStore : public Store {
   using Store::estimate;
   Estimate estimate(const std::string& name, const std::string& query,
                     std::uint64_t exactHits) override;
+  std::uint64_t count(const std::string& name, const SearchQuery& query) override;
+  void visit(const std::string& name, const SearchQuery& query,
+             const DocumentVisitor& take) override;
   CollectionState state(const std::string& name) override;
+  CollectionSummary summary(const std::string& name) override;
+  std::vector<std::string> collections(const std::string& after, std::uint64_t most) override;
 
  private:
   std::shared_ptr<Collection> find(const std::string& name);

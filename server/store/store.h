@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <string>
@@ -75,6 +76,17 @@ struct Estimate {
   std::uint64_t documents = 0;
 };
 
+/// What there is to know of a collection at a glance.
+struct CollectionSummary {
+  /// In the index, with those that are deleted and not yet taken out of it.
+  std::uint64_t documents = 0;
+  /// Changes that wait for updateIndex.
+  std::uint64_t pending = 0;
+  /// Of its files.
+  std::uint64_t bytes = 0;
+  std::string language;
+};
+
 /// The outcome of one queued document. If messageId is empty the document is stored.
 struct ParseOutcome {
   std::string key;
@@ -126,7 +138,16 @@ class Store {
   Estimate estimate(const std::string& name, const std::string& query) {
     return estimate(name, query, kExactHits);
   }
+  /// The number of hits.
+  virtual std::uint64_t count(const std::string& name, const SearchQuery& query) = 0;
+  /// Passes the documents that the query finds to `take`, in the order of their keys.
+  using DocumentVisitor = std::function<void(const Document& document)>;
+  virtual void visit(const std::string& name, const SearchQuery& query,
+                     const DocumentVisitor& take) = 0;
   virtual CollectionState state(const std::string& name) = 0;
+  virtual CollectionSummary summary(const std::string& name) = 0;
+  /// The first `most` of the collections whose names come after `after`, in byte order.
+  virtual std::vector<std::string> collections(const std::string& after, std::uint64_t most) = 0;
 };
 
 }  // namespace corvaned

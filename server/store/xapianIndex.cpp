@@ -318,9 +318,8 @@ class XapianIndex::Reader {
   std::unique_ptr<HitSource> search(const SearchQuery& query,
                                     const std::vector<std::string>& hidden,
                                     const IndexLimits& limits) {
-    const Xapian::Query words = query.everything ? Xapian::Query(std::string())
-                                                 : parse(query.text, database_, fields(), limits);
-    return hits(database_, withoutHidden(words, hidden), query, database_.get_doccount(), limits);
+    return hits(database_, withoutHidden(wordsOf(query, limits), hidden), query,
+                database_.get_doccount(), limits);
   }
 
   // Both databases together have the statistics that the collection would have.
@@ -336,6 +335,40 @@ class XapianIndex::Reader {
         words.empty() ? words
                       : Xapian::Query(Xapian::Query::OP_FILTER, words, Xapian::Query(kPassingTerm));
     return hits(both, theirs, query, documents.size(), limits);
+  }
+
+  std::uint64_t count(const SearchQuery& query, const std::vector<std::string>& hidden,
+                      const IndexLimits& limits) {
+    const Interruptible words(
+        withinKeys(withoutHidden(wordsOf(query, limits), hidden), query.after, query.upTo));
+    Xapian::Enquire enquire(database_);
+    enquire.set_query(words.query());
+    enquire.set_weighting_scheme(Xapian::BoolWeight());
+    return enquire.get_mset(0, 0, database_.get_doccount()).get_matches_estimated();
+  }
+
+  void visit(const SearchQuery& query, const std::vector<std::string>& hidden,
+             const IndexLimits& limits, const Store::DocumentVisitor& take) {
+    const auto found = search(query, hidden, limits);
+    for (Hit hit; found->next(hit);) {
+      if (RequestContext* request = RequestContext::current()) request->spend(1);
+      const std::string term = identityTerm(hit.key);
+      const Xapian::PostingIterator place = database_.postlist_begin(term);
+      if (place == database_.postlist_end(term)) continue;
+      const auto document = readDocument(hit.key, database_.get_document(*place).get_data());
+      if (!document) {
+        throw ServerError(ErrorKind::StorageFailed,
+                          "the text of the document " + shown(hit.key) + " cannot be read");
+      }
+      take(*document);
+    }
+  }
+
+  CollectionSummary summary() const {
+    CollectionSummary summary;
+    summary.documents = database_.get_doccount();
+    summary.language = database_.get_metadata(kLanguageEntry);
+    return summary;
   }
 
   // Without weights, since an estimate needs none: with them the engine scores every hit that it
@@ -354,6 +387,11 @@ class XapianIndex::Reader {
 
  private:
   Fields fields() const { return Fields(database_.get_metadata(kFieldsEntry)); }
+
+  Xapian::Query wordsOf(const SearchQuery& query, const IndexLimits& limits) const {
+    if (query.everything) return Xapian::Query(std::string());
+    return parse(query.text, database_, fields(), limits);
+  }
 
   /// The part of a result that was asked for: from, and to before, so many hits.
   struct Page {
@@ -666,6 +704,41 @@ Estimate XapianIndex::estimate(const std::string& query, std::uint64_t exactHits
     return Lease(*this).run(
         [&](Reader& reader) { return reader.estimate(query, exactHits, hidden, limits_); });
   });
+}
+
+std::uint64_t XapianIndex::count(const SearchQuery& query, const std::vector<std::string>& hidden) {
+  return translated([&] {
+    return Lease(*this).run([&](Reader& reader) { return reader.count(query, hidden, limits_); });
+  });
+}
+
+// If the snapshot goes in the middle, another attempt goes on behind the last document.
+void XapianIndex::visit(SearchQuery query, const std::vector<std::string>& hidden,
+                        const Store::DocumentVisitor& take) {
+  const auto passOn = [&](const Document& document) {
+    query.after = document.key;
+    --query.size;
+    take(document);
+  };
+  const auto visitRest = [&] {
+    const std::uint64_t before = query.size;
+    try {
+      return Lease(*this).run([&](Reader& reader) {
+        reader.visit(query, hidden, limits_, passOn);
+        return true;
+      });
+    } catch (const Xapian::DatabaseModifiedError&) {
+      if (query.size == before) throw;
+      return false;
+    }
+  };
+  while (!translated(visitRest)) {
+  }
+}
+
+CollectionSummary XapianIndex::summary() {
+  return translated(
+      [&] { return Lease(*this).run([](Reader& reader) { return reader.summary(); }); });
 }
 
 void XapianIndex::releaseHandles() {

@@ -70,6 +70,14 @@ class XapianIndex {
   Estimate estimate(const std::string& query, std::uint64_t exactHits,
                     const std::vector<std::string>& hidden);
 
+  /// The number of hits.
+  std::uint64_t count(const SearchQuery& query, const std::vector<std::string>& hidden);
+  /// Passes the documents that the query finds to `take`, in the order of their keys.
+  void visit(SearchQuery query, const std::vector<std::string>& hidden,
+             const Store::DocumentVisitor& take);
+  /// What the database knows of it.
+  CollectionSummary summary();
+
   /// Closes the handles that are kept open for the next searches.
   void releaseHandles();
 

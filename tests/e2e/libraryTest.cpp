@@ -421,6 +421,64 @@ TEST_P(Library, FindsKeysWithoutScoresInTheirOrder) {
   EXPECT_THAT(send(everything).keys(), ElementsAre("d00000", "d00001"));
 }
 
+// Reports.
+
+TEST_P(Library, ListsCollections) {
+  add("k1", "red fox");
+  ClientRequest request;
+  tq::util::ExtendedProperties properties;
+  properties.putProperty(u"report", u"collections");
+  request.buildRequest(ClientRequest::PARSE_RESULT, properties);
+  const Answer answer = send(request);
+  expectSuccess(answer);
+  ASSERT_THAT(answer.parsed, SizeIs(1)) << answer;
+  EXPECT_EQ(answer.parsed[0].document, "books");
+  EXPECT_EQ(answer.parsed[0].messageId, "ZVK0101I");
+  EXPECT_EQ(answer.parsed[0].level, 8);
+  EXPECT_THAT(answer.parsed[0].messageText,
+              ::testing::MatchesRegex("documents=0 pending=1 bytes=[0-9]+ language=en_us"));
+  EXPECT_EQ(send(ClientRequest::PARSE_RESULT, {{"report", "collection"}}).parsed, answer.parsed);
+}
+
+TEST_P(Library, CountsHits) {
+  addMany(300);
+  const auto count = [&](Parameters parameters) {
+    parameters.emplace_back("report", "count");
+    const Answer answer = send(ClientRequest::PARSE_RESULT, parameters);
+    expectSuccess(answer);
+    return answer.parsed.empty() ? "" : answer.parsed[0].messageText;
+  };
+  EXPECT_EQ(count({}), "hits=300");
+  EXPECT_EQ(count({{"query", "NOT word7"}}), "hits=299");
+  EXPECT_EQ(count({{"query", "common"}, {"after", docIdOf("d00289")}}), "hits=10");
+}
+
+TEST_P(Library, GivesDigestsOfRangesOfDocuments) {
+  addMany(25);
+  const auto digest = [&](Parameters parameters) {
+    parameters.emplace_back("report", "digest");
+    const Answer answer = send(ClientRequest::PARSE_RESULT, parameters);
+    expectSuccess(answer);
+    return answer.parsed;
+  };
+  const auto before = digest({{"every", "10"}});
+  ASSERT_THAT(before, SizeIs(3));
+  EXPECT_EQ(before[0].document, docIdOf("d00009"));
+  EXPECT_EQ(before[2].document, docIdOf("d00024"));
+  EXPECT_THAT(before[0].messageText, StartsWith("documents=10 sha256="));
+  EXPECT_THAT(before[2].messageText, StartsWith("documents=5 sha256="));
+  EXPECT_EQ(digest({{"after", docIdOf("d00009")}, {"every", "10"}, {"size", "1"}}),
+            std::vector<Parsed>{before[1]});
+  add("d00012", "another text");
+  update();
+  const auto now = digest({{"every", "10"}});
+  ASSERT_THAT(now, SizeIs(3));
+  EXPECT_EQ(now[0], before[0]);
+  EXPECT_NE(now[1].messageText, before[1].messageText);
+  EXPECT_EQ(now[2], before[2]);
+  EXPECT_THAT(digest({}), SizeIs(1));
+}
+
 // Matching texts that are not stored.
 
 // The bytes of a document as it would be sent.

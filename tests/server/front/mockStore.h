@@ -28,6 +28,12 @@ class MockStore : public Store {
               (const std::string&, const SearchQuery&, const std::vector<Document>&), (override));
   MOCK_METHOD(Estimate, estimate, (const std::string&, const std::string&, std::uint64_t),
               (override));
+  MOCK_METHOD(std::uint64_t, count, (const std::string&, const SearchQuery&), (override));
+  MOCK_METHOD(void, visit, (const std::string&, const SearchQuery&, const DocumentVisitor&),
+              (override));
+  MOCK_METHOD(CollectionSummary, summary, (const std::string&), (override));
+  MOCK_METHOD(std::vector<std::string>, collections, (const std::string&, std::uint64_t),
+              (override));
   MOCK_METHOD(CollectionState, state, (const std::string&), (override));
 };
 

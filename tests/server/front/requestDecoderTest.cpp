@@ -258,7 +258,7 @@ TEST_P(BothFramings, WaitingActionIsTheOneThatTheRequestWillHave) {
     RequestDecoder decoder(GetParam(), {});
     decoder.feed(http ? text : test::bigEndian(text.size(), 2) + text);
     ASSERT_TRUE(decoder.ready()) << block;
-    EXPECT_EQ(decoder.waitingAction(), "search") << block;
+    EXPECT_EQ(decoder.waitingValue("action"), "search") << block;
     EXPECT_EQ(decoder.next()->header("action"), "search") << block;
   }
 }

@@ -201,6 +201,45 @@ TEST_F(SearchOrderTest, GatheringEndsWithItsRequest) {
   }
 }
 
+TEST_F(SearchOrderTest, CountIsThatOfTheHits) {
+  for (const std::string& text : kQueries) {
+    SearchQuery query = of(text, HitOrder::Key);
+    EXPECT_EQ(store_.count("c", query), expected(text).size()) << text;
+    query.upTo = keyOf(100);
+    EXPECT_EQ(store_.count("c", query), keys(query).size()) << text;
+  }
+}
+
+TEST_F(SearchOrderTest, DocumentsAreVisitedInTheOrderOfTheirKeys) {
+  SearchQuery query = of("hound", HitOrder::Key);
+  query.after = keyOf(50);
+  Keys visited;
+  store_.visit("c", query, [&](const Document& document) {
+    visited.push_back(document.key);
+    EXPECT_THAT(document.content, ::testing::EndsWith(" and a hound"));
+    EXPECT_THAT(document.metadata, SizeIs(1));
+  });
+  EXPECT_EQ(visited, keys(query));
+  query.size = 3;
+  visited.clear();
+  store_.visit("c", query, [&](const Document& document) { visited.push_back(document.key); });
+  EXPECT_EQ(visited, keys(query));
+}
+
+// The snapshot goes with the second update; what was visited is not visited again.
+TEST_F(SearchOrderTest, VisitGoesOnWhenTheIndexChangesMeanwhile) {
+  Keys visited;
+  store_.visit("c", of("fox", HitOrder::Key), [&](const Document& document) {
+    visited.push_back(document.key);
+    if (visited.size() % 20 != 0) return;
+    for (int i = 0; i < 2; ++i) {
+      store_.addDocument("c", {"zzz", {}, std::string(50000, 'x')});
+      store_.updateIndex("c");
+    }
+  });
+  EXPECT_EQ(visited, expected("fox"));
+}
+
 TEST_F(SearchOrderTest, EstimateIsExactUpToTheBudget) {
   for (const std::string& text : kQueries) {
     const std::size_t hits = expected(text).size();
@@ -234,6 +273,35 @@ TEST_F(SearchOrderTest, EstimateLooksAtNoMoreThanTheBudget) {
   EXPECT_FALSE(refused(50, 60));
   EXPECT_TRUE(refused(50, 40));
   EXPECT_TRUE(refused(10000, 200));
+}
+
+// Facts about collections.
+
+TEST_F(SearchOrderTest, SummaryTellsWhatThereIs) {
+  store_.createCollection("d", "de");
+  CollectionSummary empty = store_.summary("d");
+  EXPECT_EQ(empty.documents, 0U);
+  EXPECT_EQ(empty.pending, 0U);
+  EXPECT_EQ(empty.language, "de");
+  store_.addDocument("d", {"k", {}, std::string(100000, 'x')});
+  store_.addDocument("d", {"l", {}, ""});
+  store_.deleteDocument("d", "l");
+  const CollectionSummary waiting = store_.summary("d");
+  EXPECT_EQ(waiting.documents, 0U);
+  EXPECT_EQ(waiting.pending, 3U);
+  EXPECT_GT(waiting.bytes, empty.bytes + 100000);
+  store_.updateIndex("d");
+  const CollectionSummary indexed = store_.summary("d");
+  EXPECT_EQ(indexed.documents, 1U);
+  EXPECT_EQ(indexed.pending, 0U);
+}
+
+TEST_F(SearchOrderTest, CollectionsAreListedByName) {
+  for (const char* name : {"b", "B\u00fccher/1", "a"}) store_.createCollection(name, "en");
+  EXPECT_THAT(store_.collections("", 10), ElementsAre("B\u00fccher/1", "a", "b", "c"));
+  EXPECT_THAT(store_.collections("a", 10), ElementsAre("b", "c"));
+  EXPECT_THAT(store_.collections("", 2), ElementsAre("B\u00fccher/1", "a"));
+  EXPECT_THAT(store_.collections("c", 10), IsEmpty());
 }
 
 }  // namespace

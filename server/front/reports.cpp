@@ -1,0 +1,214 @@
+#include "server/front/reports.h"
+
+#include <fmt/format.h>
+#include <sodium.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "server/base/bytes.h"
+#include "server/base/errors.h"
+#include "server/base/requestContext.h"
+#include "server/front/documentBlock.h"
+#include "server/front/replyText.h"
+#include "server/front/requestValues.h"
+#include "server/front/vocabulary.h"
+
+namespace corvaned {
+namespace {
+
+// The messages of a report. The last letter tells clients that they are no errors.
+constexpr const char* kCollectionLine = "ZVK0101I";
+constexpr const char* kCountLine = "ZVK0102I";
+constexpr const char* kDigestLine = "ZVK0103I";
+
+constexpr std::uint64_t kMostLines = 1000;
+// Each collection that is reported may have to be opened.
+constexpr std::uint64_t kUsualCollections = 100;
+
+// What only reports take.
+constexpr std::array<Word, 5> kOfReports{&Words::query, &Words::after, &Words::upTo, &Words::size,
+                                         &Words::every};
+
+std::uint64_t linesWanted(const Request& request, std::uint64_t usually) {
+  std::uint64_t lines = usually;
+  readNumber(request, words().size, lines);
+  if (lines > kMostLines) {
+    refuseValue(request, words().size, fmt::format("more than the {} allowed", kMostLines));
+  }
+  return lines;
+}
+
+ReportReply::Line collectionLine(Store& store, const std::string& name) {
+  const CollectionSummary summary = store.summary(name);
+  return {name, kCollectionLine,
+          fmt::format("documents={} pending={} bytes={} language={}", summary.documents,
+                      summary.pending, summary.bytes, summary.language)};
+}
+
+// Damage of one collection must not hide the others.
+ReportReply::Line lineOrReason(Store& store, const std::string& name) {
+  try {
+    return collectionLine(store, name);
+  } catch (const ServerError& error) {
+    if (error.kind() == ErrorKind::Cancelled || error.kind() == ErrorKind::TimedOut) throw;
+    return {name, std::string(messageId(error.kind())), error.what()};
+  }
+}
+
+Reply collections(const Service& service, const Request& request) {
+  const std::uint64_t most = linesWanted(request, kUsualCollections);
+  const std::string after(request.header(words().after));
+  ReportReply reply;
+  for (const std::string& name : service.store.collections(after, most)) {
+    if (RequestContext* context = RequestContext::current()) context->check();
+    reply.lines.push_back(lineOrReason(service.store, name));
+  }
+  return reply;
+}
+
+Reply collection(const Service& service, const Request& request) {
+  ReportReply reply;
+  reply.lines.push_back(collectionLine(service.store, collectionOf(request)));
+  return reply;
+}
+
+SearchQuery keysOf(const Request& request) {
+  SearchQuery query;
+  query.order = HitOrder::Key;
+  query.text = request.header(words().query);
+  query.everything = query.text.empty();
+  query.after = keyIn(request, words().after);
+  query.upTo = keyIn(request, words().upTo);
+  return query;
+}
+
+Reply count(const Service& service, const Request& request) {
+  const std::string collection = collectionOf(request);
+  const std::uint64_t hits = service.store.count(collection, keysOf(request));
+  ReportReply reply;
+  reply.lines.push_back({collection, kCountLine, fmt::format("hits={}", hits)});
+  return reply;
+}
+
+/// Makes a line of every so many documents.
+class Digests {
+ public:
+  Digests(std::uint64_t every, ReportReply& reply) : every_(every), reply_(reply) { begin(); }
+
+  void add(const Document& document) {
+    const std::string block = documentBlock(document);
+    crypto_hash_sha256_update(&state_, asBytes(block.data()), block.size());
+    lastKey_ = document.key;
+    if (++documents_ == every_) end();
+  }
+
+  void end() {
+    if (documents_ == 0) return;
+    std::array<unsigned char, crypto_hash_sha256_BYTES> hash{};
+    crypto_hash_sha256_final(&state_, hash.data());
+    reply_.lines.push_back(
+        {documentId(lastKey_), kDigestLine,
+         fmt::format("documents={} sha256={:02x}", documents_, fmt::join(hash, ""))});
+    begin();
+  }
+
+ private:
+  static const unsigned char* asBytes(const char* text) {
+    return reinterpret_cast<const unsigned char*>(text);
+  }
+
+  void begin() {
+    crypto_hash_sha256_init(&state_);
+    documents_ = 0;
+  }
+
+  const std::uint64_t every_;
+  ReportReply& reply_;
+  crypto_hash_sha256_state state_{};
+  std::uint64_t documents_ = 0;
+  std::string lastKey_;
+};
+
+Reply digest(const Service& service, const Request& request) {
+  const std::string collection = collectionOf(request);
+  const std::uint64_t lines = linesWanted(request, kMostLines);
+  SearchQuery query = keysOf(request);
+  std::uint64_t every = 0;
+  readNumber(request, words().every, every);
+  const bool inOneLine = every == 0;
+  if (lines == 0) return ReportReply{};
+  if (!inOneLine && every < query.size / lines) query.size = every * lines;
+  ReportReply reply;
+  Digests digests(every, reply);
+  service.store.visit(collection, query, [&](const Document& document) { digests.add(document); });
+  digests.end();
+  return reply;
+}
+
+struct Report {
+  Word name;
+  bool ofCollection;
+  std::array<Word, 4> takes;
+  Reply (*make)(const Service& service, const Request& request);
+};
+
+constexpr std::array<Report, 4> kReports{{
+    {&Words::collectionsReport, false, {&Words::after, &Words::size}, collections},
+    {&Words::collectionReport, true, {}, collection},
+    {&Words::countReport, true, {&Words::query, &Words::after, &Words::upTo}, count},
+    {&Words::digestReport,
+     true,
+     {&Words::after, &Words::upTo, &Words::size, &Words::every},
+     digest},
+}};
+
+const Report& reportNamed(const Request& request) {
+  const std::string_view name = request.header(words().report);
+  for (const Report& known : kReports) {
+    if (words().*known.name == name) return known;
+  }
+  refuseValue(request, words().report, "and there is no such report");
+}
+
+void requireTaken(const Report& wanted, const Request& request, Word name) {
+  const auto& takes = wanted.takes;
+  if (std::find(takes.begin(), takes.end(), name) != takes.end()) return;
+  if (request.header(words().*name).empty()) return;
+  throw ServerError(ErrorKind::UnknownParameter, "the report " + shown(words().*wanted.name) +
+                                                     " does not take the parameter " +
+                                                     shown(words().*name));
+}
+
+}  // namespace
+
+bool asksForReport(const Request& request) {
+  if (!request.header(words().report).empty()) return true;
+  for (const Word name : kOfReports) {
+    if (request.header(words().*name).empty()) continue;
+    throw ServerError(ErrorKind::UnknownParameter,
+                      "the action " + shown(request.header(words().action)) +
+                          " does not take the parameter " + shown(words().*name) + " without " +
+                          shown(words().report));
+  }
+  return false;
+}
+
+Reply report(const Service& service, const Request& request) {
+  const Report& wanted = reportNamed(request);
+  for (const Word name : kOfReports) {
+    requireTaken(wanted, request, name);
+  }
+  if (!wanted.ofCollection) {
+    for (const Word name : {&Words::collection, &Words::collectionName}) {
+      requireTaken(wanted, request, name);
+    }
+  }
+  return wanted.make(service, request);
+}
+
+}  // namespace corvaned

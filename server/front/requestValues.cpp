@@ -1,0 +1,62 @@
+#include "server/front/requestValues.h"
+
+#include <charconv>
+#include <system_error>
+#include <utility>
+
+#include "server/base/errors.h"
+#include "server/front/actions.h"
+#include "server/front/replyText.h"
+#include "server/front/vocabulary.h"
+
+namespace corvaned {
+
+void refuseValue(const Request& request, const std::string& name, const std::string& why) {
+  throw ServerError(ErrorKind::BadParameter, "the parameter " + shown(name) + " is " +
+                                                 shown(request.header(name)) + ", " + why);
+}
+
+std::string require(const Request& request, const std::string& name) {
+  const std::string_view value = request.header(name);
+  if (value.empty()) {
+    throw ServerError(ErrorKind::MissingParameter,
+                      "the parameter " + shown(name) + " is missing or empty");
+  }
+  return std::string(value);
+}
+
+std::string collectionOf(const Request& request) {
+  const std::string_view name = collectionNamedBy(request);
+  return name.empty() ? require(request, words().collection) : std::string(name);
+}
+
+void readNumber(const Request& request, const std::string& name, std::uint64_t& value) {
+  const std::string_view text = request.header(name);
+  if (text.empty()) return;
+  std::uint64_t parsed = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), parsed);
+  if (error != std::errc{} || end != text.data() + text.size()) {
+    refuseValue(request, name, "not a number from 0 on");
+  }
+  value = parsed;
+}
+
+bool chooses(const Request& request, const std::string& name, std::string_view first,
+             std::string_view second) {
+  const std::string_view value = request.header(name);
+  if (value == first) return true;
+  if (value.empty() || value == second) return false;
+  refuseValue(request, name, "not " + shown(first) + " or " + shown(second));
+}
+
+std::string keyIn(const Request& request, const std::string& name) {
+  const std::string_view id = request.header(name);
+  if (id.empty()) return {};
+  auto key = keyOfDocumentId(id);
+  if (!key || key->empty()) {
+    refuseValue(request, name, "not \"base64:\" and the Base64 form of a key");
+  }
+  return std::move(*key);
+}
+
+}  // namespace corvaned

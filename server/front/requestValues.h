@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "server/front/request.h"
+
+namespace corvaned {
+
+// The values of a request's parameters. Each function throws ServerError that names the parameter.
+
+/// Refuses the value that the request has; `why` goes on from it.
+[[noreturn]] void refuseValue(const Request& request, const std::string& name,
+                              const std::string& why);
+
+/// The value, which must not be missing or empty.
+std::string require(const Request& request, const std::string& name);
+
+/// The collection, which the request must name.
+std::string collectionOf(const Request& request);
+
+/// Leaves `value` unchanged if the parameter is missing.
+void readNumber(const Request& request, const std::string& name, std::uint64_t& value);
+
+/// True if the parameter is `first`; false if it is `second` or missing. Refuses any other value.
+bool chooses(const Request& request, const std::string& name, std::string_view first,
+             std::string_view second);
+
+/// The key that is written as replies name documents; empty if the parameter is missing.
+std::string keyIn(const Request& request, const std::string& name);
+
+}  // namespace corvaned

@@ -1,0 +1,161 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "server/front/dispatcher.h"
+#include "tests/server/front/mockStore.h"
+#include "tests/server/requestBytes.h"
+
+namespace corvaned {
+namespace {
+
+using ::testing::_;
+using ::testing::AllOf;
+using ::testing::Field;
+using ::testing::HasSubstr;
+using ::testing::Return;
+using ::testing::StrictMock;
+using ::testing::Throw;
+
+using Line = ReportReply::Line;
+
+class ReportsTest : public ::testing::Test {
+ protected:
+  Reply ask(test::Headers headers) {
+    headers["action"] = "getParseResult";
+    Request request;
+    request.headers.insert(headers.begin(), headers.end());
+    return dispatcher_.handle(std::move(request));
+  }
+
+  std::vector<Line> lines(const test::Headers& headers) {
+    const Reply reply = ask(headers);
+    if (const auto* report = std::get_if<ReportReply>(&reply)) return report->lines;
+    ADD_FAILURE() << "no report but " << reply.index();
+    return {};
+  }
+
+  std::string error(const test::Headers& headers) {
+    const Reply reply = ask(headers);
+    const auto* refused = std::get_if<ErrorReply>(&reply);
+    return refused ? refused->id + " " + refused->text : "none";
+  }
+
+  // Makes the store hold these.
+  void expectVisit(const std::vector<Document>& documents) {
+    EXPECT_CALL(store_, visit("c", _, _))
+        .WillOnce([documents](const std::string&, const SearchQuery& query, const auto& take) {
+          EXPECT_EQ(query.order, HitOrder::Key);
+          EXPECT_TRUE(query.everything);
+          for (const Document& document : documents) take(document);
+        });
+  }
+
+  StrictMock<test::MockStore> store_;
+  Dispatcher dispatcher_{store_, "9.8.7"};
+};
+
+TEST_F(ReportsTest, CollectionsAreToldWithTheirFacts) {
+  EXPECT_CALL(store_, collections("", 100U)).WillOnce(Return(std::vector<std::string>{"a", "b"}));
+  EXPECT_CALL(store_, summary("a")).WillOnce(Return(CollectionSummary{1, 2, 3, "en_us"}));
+  EXPECT_CALL(store_, summary("b"))
+      .WillOnce(Throw(ServerError(ErrorKind::StorageFailed, "the file x is damaged")));
+  const std::vector<Line> told = lines({{"report", "collections"}});
+  ASSERT_EQ(told.size(), 2U);
+  EXPECT_EQ(told[0].subject, "a");
+  EXPECT_EQ(told[0].messageId, "ZVK0101I");
+  EXPECT_EQ(told[0].messageText, "documents=1 pending=2 bytes=3 language=en_us");
+  EXPECT_EQ(told[1].subject, "b");
+  EXPECT_EQ(told[1].messageId, "ZVK0014E");
+  EXPECT_EQ(told[1].messageText, "the file x is damaged");
+}
+
+TEST_F(ReportsTest, OneCollectionIsToldOrRefused) {
+  EXPECT_CALL(store_, summary("a"))
+      .WillOnce(Return(CollectionSummary{1, 2, 3, "de"}))
+      .WillOnce(Throw(ServerError(ErrorKind::StorageFailed, "the file x is damaged")));
+  const test::Headers request{{"report", "collection"}, {"index", "a"}};
+  const std::vector<Line> told = lines(request);
+  ASSERT_EQ(told.size(), 1U);
+  EXPECT_EQ(told[0].messageText, "documents=1 pending=2 bytes=3 language=de");
+  EXPECT_EQ(error(request), "ZVK0014E the file x is damaged");
+}
+
+TEST_F(ReportsTest, CollectionsComeInPages) {
+  EXPECT_CALL(store_, collections("m", 7U)).WillOnce(Return(std::vector<std::string>{}));
+  EXPECT_TRUE(lines({{"report", "collections"}, {"after", "m"}, {"size", "7"}}).empty());
+}
+
+TEST_F(ReportsTest, CountIsTheStores) {
+  EXPECT_CALL(store_, count("c", AllOf(Field(&SearchQuery::text, "fox"),
+                                       Field(&SearchQuery::everything, false),
+                                       Field(&SearchQuery::after, "k1"))))
+      .WillOnce(Return(5));
+  const std::vector<Line> told =
+      lines({{"report", "count"}, {"index", "c"}, {"query", "fox"}, {"after", "base64:azE="}});
+  ASSERT_EQ(told.size(), 1U);
+  EXPECT_EQ(told[0].messageId, "ZVK0102I");
+  EXPECT_EQ(told[0].messageText, "hits=5");
+}
+
+// The sums were made with another program from the bytes that the protocol prescribes.
+TEST_F(ReportsTest, DigestIsThatOfTheBlocksAsClientsSendThem) {
+  expectVisit({{"k1", {{"a", "bc"}}, "hi"}, {"k2", {}, ""}, {"k3", {}, "x"}});
+  const std::vector<Line> told = lines({{"report", "digest"}, {"index", "c"}, {"every", "2"}});
+  ASSERT_EQ(told.size(), 2U);
+  EXPECT_EQ(told[0].subject, "base64:azI=");
+  EXPECT_EQ(told[0].messageId, "ZVK0103I");
+  EXPECT_EQ(told[0].messageText,
+            "documents=2 sha256=c21073feabb2a2bff851fa08bbf570ba506a1ed0836299d38dd7cdd078b39337");
+  EXPECT_EQ(told[1].subject, "base64:azM=");
+  EXPECT_EQ(told[1].messageText,
+            "documents=1 sha256=178565d356268345915765a09f3a5d865455bbb25134dabc9d0009f89c520c61");
+}
+
+TEST_F(ReportsTest, DigestTakesNoMoreDocumentsThanItsLinesHold) {
+  const auto expectSize = [&](std::uint64_t size) {
+    EXPECT_CALL(store_, visit("c", Field(&SearchQuery::size, size), _)).RetiresOnSaturation();
+  };
+  const std::uint64_t all = SearchQuery{}.size;
+  expectSize(20);
+  lines({{"report", "digest"}, {"index", "c"}, {"every", "4"}, {"size", "5"}});
+  expectSize(all);
+  lines({{"report", "digest"}, {"index", "c"}});
+  expectSize(all);
+  lines({{"report", "digest"}, {"index", "c"}, {"every", "18446744073709551615"}});
+  EXPECT_TRUE(lines({{"report", "digest"}, {"index", "c"}, {"size", "0"}}).empty());
+}
+
+TEST_F(ReportsTest, CollectionIsNeededWhereTheReportIsAboutOne) {
+  for (const char* report : {"collection", "count", "digest"}) {
+    EXPECT_THAT(error({{"report", report}}), AllOf(HasSubstr("ZVK0005E"), HasSubstr("\"index\"")));
+  }
+}
+
+TEST(ReportRights, ReadingIsEnough) {
+  Request request;
+  request.headers = {{"action", "getParseResult"}, {"index", "books-1"}, {"report", "count"}};
+  const Identity reader("ada", {{Right::Read, "books-*"}});
+  EXPECT_NO_THROW(Dispatcher::permit(request, reader));
+  request.headers.erase("report");
+  EXPECT_THROW(Dispatcher::permit(request, reader), ServerError);
+}
+
+// The names of collections are for those who may read all of them.
+TEST(ReportRights, ListOfCollectionsTakesTheRightToAll) {
+  Request request;
+  request.headers = {{"action", "getParseResult"}, {"report", "collections"}};
+  EXPECT_THROW(Dispatcher::permit(request, Identity("ada", {{Right::Admin, "books-*"}})),
+               ServerError);
+  EXPECT_NO_THROW(Dispatcher::permit(request, Identity("ada", {{Right::Read, "*"}})));
+}
+
+TEST(Workload, ReportsRunWithTheSearches) {
+  EXPECT_EQ(Dispatcher::workload("getParseResult", true), Workload::Read);
+  EXPECT_EQ(Dispatcher::workload("getParseResult", false), Workload::Write);
+}
+
+}  // namespace
+}  // namespace corvaned
