@@ -6,6 +6,7 @@
 
 #include "server/base/errors.h"
 #include "server/front/documentBlock.h"
+#include "server/front/documentText.h"
 #include "server/front/reports.h"
 #include "server/front/requestValues.h"
 #include "server/front/vocabulary.h"
@@ -55,6 +56,21 @@ DocumentBlock requireBlock(Request& request) {
     throw ServerError(ErrorKind::BadDocument, "the request carries no document");
   }
   return parseDocumentBlock(std::move(request.content));
+}
+
+// The charset of a document's content; metadata is always UTF-8.
+std::string charsetOf(const Request& request) {
+  std::string charset;
+  for (const std::string& name : {words().charset, words().knownCharset}) {
+    const std::string value(request.header(name));
+    if (value.empty()) continue;
+    if (!isCharset(value)) refuseValue(request, name, "and there is no such charset");
+    if (!charset.empty() && value != charset) {
+      refuseValue(request, name, "and " + shown(words().charset) + " is " + shown(charset));
+    }
+    charset = value;
+  }
+  return charset.empty() ? words().utf8 : charset;
 }
 
 Document requireDocument(Request& request) {
@@ -116,7 +132,10 @@ Reply onCollection(const Service& service, Request& request) {
 // refused for the same one.
 Reply addDocument(const Service& service, Request& request) {
   const std::string collection = collectionOf(request);
-  service.store.addDocument(collection, requireDocument(request));
+  const std::string charset = charsetOf(request);
+  Document document = requireDocument(request);
+  document.content = toUtf8(std::move(document.content), charset);
+  service.store.addDocument(collection, document);
   return DoneReply{};
 }
 
@@ -131,10 +150,12 @@ Reply queueDocument(const Service& service, Request& request) {
   const std::string collection = collectionOf(request);
   std::string key;
   try {
-    const DocumentBlock block = requireBlock(request);
+    DocumentBlock block = requireBlock(request);
     key = block.document.key;
     requireParameters(*findAction(request.header(words().action)), request);
+    const std::string charset = charsetOf(request);
     if (block.terminate) return NoReply{};
+    block.document.content = toUtf8(std::move(block.document.content), charset);
     service.store.queueDocument(collection, block.document);
   } catch (const ServerError& error) {
     if (error.kind() == ErrorKind::UnknownCollection) throw;
@@ -230,7 +251,6 @@ constexpr std::array<Word, 3> kEnglish{&Words::english, &Words::americanEnglish,
                                        &Words::defaultLanguage};
 constexpr std::array<Word, 2> kText{&Words::text, &Words::undefinedType};
 constexpr std::array<Word, 1> kPlainText{&Words::plainText};
-constexpr std::array<Word, 1> kUtf8{&Words::utf8};
 constexpr std::array<Word, 1> kYes{&Words::yes};
 constexpr std::array<Word, 1> kNo{&Words::no};
 constexpr std::array<Word, 1> kProtocol11{&Words::protocol11};
@@ -255,8 +275,8 @@ constexpr std::array<Parameter, 3> kCollection{
     {{&Words::collection}, {&Words::collectionName}, {&Words::scope, kOneCollection}}};
 constexpr std::array<Parameter, 5> kDocument{{{&Words::documentType, kText},
                                               {&Words::knownDocumentType, kText},
-                                              {&Words::charset, kUtf8},
-                                              {&Words::knownCharset, kUtf8},
+                                              {&Words::charset},
+                                              {&Words::knownCharset},
                                               {&Words::mimeType, kPlainText}}};
 // The parameters of single actions.
 constexpr std::array<Parameter, 1> kCreate{{{&Words::language}}};

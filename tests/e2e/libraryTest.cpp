@@ -185,6 +185,16 @@ TEST_P(Library, AddsAndReplacesDocuments) {
   EXPECT_THAT(found("goose"), ElementsAre("k1"));
 }
 
+TEST_P(Library, TakesTextsInOtherCharsets) {
+  ClientRequest request =
+      requestTo(collection_, ClientRequest::ADD_DOCUMENT, {{"charset", "ISO-8859-1"}});
+  const std::string key = "k1", text = "caf\xE9";
+  attachDocument(request, key, text);
+  expectSuccess(send(request));
+  update();
+  EXPECT_THAT(found("café"), ElementsAre("k1"));
+}
+
 TEST_P(Library, DeletesDocumentsAtOnce) {
   add("k1", "red fox");
   add("k2", "red hen");
@@ -665,7 +675,7 @@ TEST_P(Library, NamesAParameterThatAnActionDoesNotTake) {
                 "ZVK0024E", "\"pageNumber\"");
   expectRefused(send(ClientRequest::UPDATE_INDEX, {{"nonsense", "1"}}), "ZVK0024E", "\"nonsense\"");
   ClientRequest queued =
-      requestTo(collection_, ClientRequest::ASYNCH_ADD_DOCUMENT, {{"charset", "ISO-8859-1"}});
+      requestTo(collection_, ClientRequest::ASYNCH_ADD_DOCUMENT, {{"charset", "klingon"}});
   const std::string key = "k1", text = "fox";
   attachDocument(queued, key, text);
   send(queued);

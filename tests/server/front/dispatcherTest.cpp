@@ -94,6 +94,39 @@ TEST_F(DispatcherTest, DocumentActionsDecodeTheBlock) {
   expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, kBlock));
 }
 
+TEST_F(DispatcherTest, ContentIsConvertedFromItsCharset) {
+  const test::Headers add{{"action", "addDocument"}, {"index", "c"}, {"charset", "ISO-8859-1"}};
+  EXPECT_CALL(store_, addDocument("c", Field(&Document::content, "caf\u00e9")));
+  expectIs<DoneReply>(handle(add, documentBlock("k", {{"a", "\u00e9"}}, "caf\xE9")));
+  const test::Headers queue{
+      {"action", "asyncAddDocument"}, {"index", "c"}, {"KnownCharset", "utf-16be"}};
+  EXPECT_CALL(store_, queueDocument("c", Field(&Document::content, "\u5168x")));
+  expectIs<NoReply>(handle(queue, documentBlock("k", {{"a", "b"}}, std::string("\x51\x68\0x", 4))));
+}
+
+TEST_F(DispatcherTest, ContentThatIsNoTextInItsCharsetIsRefused) {
+  const test::Headers add{{"action", "addDocument"}, {"index", "c"}, {"charset", "Shift_JIS"}};
+  EXPECT_THAT(error(add, documentBlock("k", {{"a", "b"}}, "fox \x81")),
+              AllOf(HasSubstr("ZVK0012E"), HasSubstr("Shift_JIS")));
+}
+
+TEST_F(DispatcherTest, TwoCharsetsAreNotChosenFrom) {
+  EXPECT_THAT(error({{"action", "addDocument"},
+                     {"index", "c"},
+                     {"charset", "ISO-8859-1"},
+                     {"KnownCharset", "UTF-8"}},
+                    kBlock),
+              AllOf(HasSubstr("ZVK0006E"), HasSubstr("\"KnownCharset\""), HasSubstr("8859")));
+}
+
+// Such names must not reach the file system either.
+TEST_F(DispatcherTest, CharsetThatIsNoNameOfOneIsRefused) {
+  for (const char* charset : {"klingon", "../../etc/passwd", "UTF-8,swaplfnl", "utf-8/../x", "*"}) {
+    EXPECT_THAT(error({{"action", "addDocument"}, {"index", "c"}, {"charset", charset}}, kBlock),
+                AllOf(HasSubstr("ZVK0006E"), HasSubstr("\"charset\"")));
+  }
+}
+
 TEST_F(DispatcherTest, DocumentThatCannotBeReadIsRefused) {
   for (const char* action : {"addDocument", "deleteDocument"}) {
     EXPECT_THAT(error({{"action", action}, {"index", "c"}}), HasSubstr("ZVK0012E"));

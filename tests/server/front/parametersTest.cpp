@@ -54,7 +54,7 @@ const Taken kKey{{"base64:azE="}, "k1"};
 const Taken kOnlyTrue{{"true"}, "false"};
 const Taken kOnlyFalse{{"false"}, "true"};
 const Taken kOnlyText{{"text", "ContentTypeNotDefined"}, "xml"};
-const Taken kOnlyUtf8{{"UTF-8"}, "ISO-8859-1"};
+const Taken kCharset{{"UTF-8", "utf8", "ISO-8859-1", "windows-1252", "Shift_JIS"}, "klingon"};
 const Taken kOfCollection{{"collection"}, "system"};
 const Taken kOfServer{{"system"}, "collection"};
 
@@ -78,8 +78,8 @@ const Group kCollection{
     {"index", kAnyText}, {"collectionName", kAnyText}, {"scope", kOfCollection}};
 const Group kDocument{{"docType", kOnlyText},
                       {"KnownContentType", kOnlyText},
-                      {"charset", kOnlyUtf8},
-                      {"KnownCharset", kOnlyUtf8},
+                      {"charset", kCharset},
+                      {"KnownCharset", kCharset},
                       {"mimeType", {{"text/plain"}, "text/html"}}};
 
 std::vector<Row> rows() {
