@@ -42,7 +42,8 @@ std::list<tq::comm::KVPair> metadataOf(const Operation& operation) {
 }
 
 bool carriesDocument(Verb verb) {
-  return verb == Verb::AddDocument || verb == Verb::QueueDocument || verb == Verb::DeleteDocument;
+  return verb == Verb::AddDocument || verb == Verb::QueueDocument || verb == Verb::DeleteDocument ||
+         verb == Verb::Match;
 }
 
 void replaceAll(std::string& text, const std::string& what, const std::string& with) {

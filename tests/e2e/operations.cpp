@@ -33,6 +33,8 @@ constexpr std::array<VerbTraits, kVerbs> kTraits{{
     {Verb::StreamSearch, "streaming search", ClientRequest::STREAM_SEARCH, 20},
     {Verb::ScalarSearch, "scalar search", ClientRequest::SCALAR_SEARCH, 14},
     {Verb::AbandonedSearch, "abandoned search", ClientRequest::STREAM_SEARCH, 4},
+    {Verb::Match, "match", ClientRequest::STREAM_SEARCH, 6},
+    {Verb::Digest, "digest", ClientRequest::PARSE_RESULT, 3},
     {Verb::Selectivity, "selectivity", ClientRequest::SELECTIVITY, 3},
     {Verb::Status, "status", ClientRequest::GET_STATUS, 4},
     {Verb::ServerStatus, "server status", ClientRequest::GET_STATUS, 1},
@@ -220,6 +222,20 @@ void giveQuery(Random& random, Operation& operation) {
   if (operation.verb == Verb::AbandonedSearch) operation.most = random.below(2000);
 }
 
+void giveMatch(Random& random, Operation& operation) {
+  giveDocument(random, operation);
+  operation.kind = random.oneIn(3) ? ClientRequest::SCALAR_SEARCH : ClientRequest::STREAM_SEARCH;
+  operation.parameters = searchParameters(random);
+  const Texts several{"document", "document", "document", "documents", "x"};
+  operation.parameters.emplace_back("match", random.pick(several));
+}
+
+void giveDigest(Random& random, Operation& operation) {
+  operation.parameters.emplace_back("report", random.oneIn(20) ? "nonsense" : "digest");
+  maybeNumber(random, "every", operation.parameters);
+  maybeNumber(random, "size", operation.parameters);
+}
+
 Operation operationOf(Verb verb, const std::string& collection = {}) {
   Operation operation;
   operation.verb = verb;
@@ -260,6 +276,12 @@ Operation randomOperation(Random& random) {
     case Verb::AbandonedSearch:
     case Verb::Selectivity:
       giveQuery(random, operation);
+      break;
+    case Verb::Match:
+      giveMatch(random, operation);
+      break;
+    case Verb::Digest:
+      giveDigest(random, operation);
       break;
     case Verb::CreateCollection:
       if (random.oneIn(3)) {

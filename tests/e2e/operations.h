@@ -27,6 +27,8 @@ enum class Verb {
   StreamSearch,
   ScalarSearch,
   AbandonedSearch,  // a streaming search of which only some hits are taken
+  Match,            // of a document that is not stored
+  Digest,
   Selectivity,
   Status,
   ServerStatus,
