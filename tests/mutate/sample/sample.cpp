@@ -12,3 +12,5 @@ bool finishes() {
 }
 
 int neverCalled() { return 5; }
+
+int anyBit(int value) { return (value & 1) | 4; }
