@@ -1,0 +1,226 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "comm/kruBatch.h"
+
+namespace tq::comm {
+namespace {
+
+std::string bytesOf(const Batch& batch) { return {batch.bytes().begin(), batch.bytes().end()}; }
+
+Batch::Message messageWith(std::string_view header) {
+  Batch::Message message{};
+  message.header = header;
+  return message;
+}
+
+Batch::Message waiting() {
+  Batch::Message message = messageWith("w");
+  message.mayWait = true;
+  return message;
+}
+
+/// Appends so many messages that wait; whether the last one makes the batch due.
+bool isDueAfter(Batch& batch, int messages) {
+  for (int i = 0; i < messages; ++i) batch.append(waiting());
+  return batch.isDue(waiting());
+}
+
+// The first of the tests: what waits in the process is counted from its start.
+TEST(Batch, IsDueWhenFiftyMessagesWaitInAllBatchesTogether) {
+  Batch one;
+  Batch other;
+  EXPECT_FALSE(isDueAfter(one, 20));
+  EXPECT_FALSE(isDueAfter(other, 29));
+  EXPECT_TRUE(isDueAfter(one, 1));
+  EXPECT_TRUE(other.isDue(waiting()));
+  one.takeBack();
+  EXPECT_FALSE(other.isDue(waiting()));
+  EXPECT_TRUE(isDueAfter(other, 1));
+  other.written();
+  EXPECT_FALSE(isDueAfter(one, 49));
+  EXPECT_TRUE(isDueAfter(one, 1));
+  one.written();
+}
+
+TEST(Batch, WhatIsTakenBackWaitsNoMore) {
+  Batch batch;
+  batch.append(waiting());
+  batch.takeBack();
+  EXPECT_FALSE(isDueAfter(batch, 49));
+  EXPECT_TRUE(isDueAfter(batch, 1));
+  batch.written();
+}
+
+TEST(Batch, WhatIsWrittenWaitsNoMore) {
+  Batch batch;
+  batch.append(waiting());
+  batch.written();
+  EXPECT_FALSE(isDueAfter(batch, 49));
+  EXPECT_TRUE(isDueAfter(batch, 1));
+  batch.written();
+}
+
+TEST(Batch, AMessageThatDoesNotWaitIsNotCounted) {
+  Batch batch;
+  EXPECT_TRUE(isDueAfter(batch, 50));
+  batch.append(messageWith("h"));
+  batch.takeBack();
+  EXPECT_TRUE(batch.isDue(waiting()));
+  batch.written();
+  for (int i = 0; i < 100; ++i) batch.append(messageWith("h"));
+  EXPECT_FALSE(batch.isDue(waiting()));
+}
+
+TEST(Batch, WhatAnotherHasResetIsNotTakenBackTwice) {
+  Batch batch;
+  Batch other;
+  batch.append(waiting());
+  other.written();
+  batch.takeBack();
+  EXPECT_FALSE(isDueAfter(batch, 49));
+  EXPECT_TRUE(isDueAfter(batch, 1));
+  batch.written();
+}
+
+TEST(Batch, HoldsEachMessageBehindTheLengthOfItsHeader) {
+  Batch batch;
+  EXPECT_TRUE(batch.empty());
+  Batch::Message message = messageWith("head");
+  message.prefix = "pp";
+  message.body = "bbb";
+  EXPECT_EQ(batch.append(message), "");
+  EXPECT_FALSE(batch.empty());
+  Batch::Message last = messageWith("x");
+  last.terminator = "end";
+  EXPECT_EQ(batch.append(last), "");
+  EXPECT_EQ(bytesOf(batch), std::string("\0\4headppbbb\0\1xend", 17));
+  batch.written();
+  EXPECT_TRUE(batch.empty());
+  const std::string header(0x0102, 'h');
+  batch.append(messageWith(header));
+  EXPECT_EQ(bytesOf(batch), "\1\2" + header);
+}
+
+TEST(Batch, ABodyOfMoreThanTenThousandBytesIsLarge) {
+  const std::string bytes(10001, 'b');
+  for (const std::size_t length : {std::size_t{10000}, std::size_t{10001}}) {
+    Batch batch;
+    Batch::Message message = messageWith("h");
+    message.body = std::string_view(bytes).substr(0, length);
+    const std::string_view rest = batch.append(message);
+    EXPECT_EQ(message.hasLargeBody(), length == 10001);
+    EXPECT_EQ(rest.size(), length == 10001 ? 5001U : 0U);
+    EXPECT_EQ(batch.bytes().size() + rest.size(), 3 + length);
+  }
+}
+
+TEST(Batch, TheStartOfALargeBodyGoesAlongWithASmallBatch) {
+  const std::string body(20000, 'b');
+  for (const std::size_t before : {std::size_t{4999}, std::size_t{5000}}) {
+    // The bytes in front of the body: of another message and of its own.
+    for (const std::size_t own : {std::size_t{3}, before}) {
+      Batch batch;
+      const std::string other(before - own, 'o');
+      if (before != own) batch.append(messageWith(std::string_view(other).substr(2)));
+      const std::string header(own - 3, 'h');
+      Batch::Message message = messageWith(header);
+      message.prefix = "p";
+      message.body = body;
+      const std::string_view rest = batch.append(message);
+      EXPECT_EQ(batch.bytes().size(), before == 4999 ? 9999U : 5000U);
+      EXPECT_EQ(rest.size(), before == 4999 ? 15000U : 20000U);
+      EXPECT_EQ(rest.data() + rest.size(), body.data() + body.size());
+    }
+  }
+}
+
+// Otherwise a message could be there in part when there is no memory for the rest of it.
+TEST(Batch, MakesRoomForAMessageBeforeItAddsAnyOfIt) {
+  Batch batch;
+  Batch::Message message = messageWith("0123456789");
+  message.prefix = "01234";
+  batch.append(message);
+  EXPECT_EQ(batch.bytes().capacity(), 17U);
+  batch.append(messageWith("h"));
+  EXPECT_EQ(batch.bytes().capacity(), 34U);
+  batch.append(messageWith("0123456789ab"));
+  EXPECT_EQ(batch.bytes().size(), 34U);
+  EXPECT_EQ(batch.bytes().capacity(), 34U);
+}
+
+TEST(Batch, IsDueWhenItIsLargeOrItsLastMessageDoesNotWait) {
+  const std::string bytes(10001, 'b');
+  for (const std::size_t size : {std::size_t{9999}, std::size_t{10000}}) {
+    Batch batch;
+    const Batch::Message message = messageWith(std::string_view(bytes).substr(0, size - 2));
+    batch.append(message);
+    EXPECT_EQ(batch.isDue(message), size == 10000);
+  }
+  const Batch batch;
+  Batch::Message message = messageWith("h");
+  EXPECT_FALSE(batch.isDue(message));
+  message.body = bytes;
+  EXPECT_TRUE(batch.isDue(message));
+  message.body = {};
+  message.terminator = "end";
+  EXPECT_TRUE(batch.isDue(message));
+}
+
+TEST(Batch, KnowsHowManyRepliesItWillGetAndWhetherItAddsToTheQueue) {
+  Batch batch;
+  Batch::Message answered = messageWith("a");
+  answered.answered = true;
+  Batch::Message queued = messageWith("q");
+  queued.queued = true;
+  EXPECT_EQ(batch.questions(), 0U);
+  EXPECT_FALSE(batch.holdsQueued());
+  batch.append(answered);
+  batch.append(answered);
+  EXPECT_EQ(batch.questions(), 2U);
+  EXPECT_FALSE(batch.holdsQueued());
+  batch.takeBack();
+  batch.takeBack();
+  EXPECT_EQ(batch.questions(), 1U);
+  batch.append(queued);
+  EXPECT_EQ(batch.questions(), 1U);
+  EXPECT_TRUE(batch.holdsQueued());
+  batch.takeBack();
+  EXPECT_FALSE(batch.holdsQueued());
+  EXPECT_EQ(batch.questions(), 1U);
+  batch.append(queued);
+  batch.written();
+  EXPECT_EQ(batch.questions(), 0U);
+  EXPECT_FALSE(batch.holdsQueued());
+}
+
+TEST(Batch, OnlyTheLastMessageIsTakenBackAndOnlyOnce) {
+  Batch batch;
+  batch.takeBack();
+  batch.append(messageWith("a"));
+  batch.append(messageWith("b"));
+  batch.takeBack();
+  batch.takeBack();
+  EXPECT_EQ(bytesOf(batch), std::string("\0\1a", 3));
+  batch.append(messageWith("c"));
+  batch.seal();
+  batch.takeBack();
+  EXPECT_EQ(bytesOf(batch), std::string("\0\1a\0\1c", 6));
+  batch.written();
+  batch.takeBack();
+  EXPECT_TRUE(batch.empty());
+}
+
+TEST(Batch, AMessageThatWasWrittenIsNotTakenBack) {
+  Batch batch;
+  Batch::Message message = messageWith("a");
+  message.answered = true;
+  batch.append(message);
+  batch.written();
+  batch.takeBack();
+  EXPECT_EQ(batch.questions(), 0U);
+}
+
+}  // namespace
+}  // namespace tq::comm
