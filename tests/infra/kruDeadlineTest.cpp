@@ -47,6 +47,13 @@ TEST(Deadline, BeyondTheClocksEndIsNone) {
   EXPECT_EQ(Deadline::inNanos(kLargest - 1000 * kMilli - 1), Deadline::at(kLargest - 1));
 }
 
+TEST(Deadline, TheMostMillisecondsThatFitAreNotWithoutEnd) {
+  FakeSystemCalls fake;
+  fake.setClock(1);
+  constexpr unsigned long kMost = kLargest / kMilli;
+  EXPECT_EQ(Deadline::in(kMost), Deadline::at(kMost * kMilli + 1));
+}
+
 TEST(Deadline, HasPassedFromItsOwnTimeOn) {
   FakeSystemCalls fake;
   const Deadline deadline = Deadline::at(5000);

@@ -72,6 +72,20 @@ TEST(ReceiveBuffer, GrowsOnlyWhenItIsFull) {
   EXPECT_EQ(buffer.size(), 2 * ReceiveBuffer::kSlice);
 }
 
+TEST(ReceiveBuffer, DoesNotGrowForAWishWhileOneByteFits) {
+  ReceiveBuffer buffer;
+  arrive(buffer, std::string(ReceiveBuffer::kSlice - 1, 'a'));
+  ASSERT_TRUE(buffer.makeRoom(SIZE_MAX));
+  EXPECT_EQ(buffer.room(), 1U);
+}
+
+TEST(ReceiveBuffer, EmptiedItHasAllItsRoomAgain) {
+  ReceiveBuffer buffer;
+  arrive(buffer, "abc");
+  EXPECT_EQ(take(buffer, 3), "abc");
+  EXPECT_EQ(buffer.room(), ReceiveBuffer::kSlice);
+}
+
 TEST(ReceiveBuffer, DropsNoMoreThanThereIs) {
   ReceiveBuffer buffer;
   buffer.drop(1);
@@ -142,6 +156,28 @@ TEST(ReceiveBuffer, ALargeBlockIsGivenBackWhenItIsEmpty) {
   EXPECT_EQ(buffer.size(), 0U);
   ASSERT_TRUE(buffer.makeRoom(1));
   EXPECT_EQ(buffer.room(), ReceiveBuffer::kSlice);
+}
+
+TEST(ReceiveBuffer, ABlockOfTheSizeThatIsKeptIsKept) {
+  ReceiveBuffer buffer;
+  arrive(buffer, std::string(ReceiveBuffer::kKept, 'a'));
+  EXPECT_EQ(take(buffer, ReceiveBuffer::kKept).size(), ReceiveBuffer::kKept);
+  EXPECT_EQ(buffer.room(), ReceiveBuffer::kKept);
+}
+
+TEST(ReceiveBuffer, GivingALargeBlockBackTakesNoMemory) {
+  ReceiveBuffer buffer;
+  arrive(buffer, std::string(2 * ReceiveBuffer::kKept, 'a'));
+  const support::OutOfMemory out;
+  buffer.drop(2 * ReceiveBuffer::kKept);
+  EXPECT_EQ(buffer.room(), 1U);
+}
+
+TEST(ReceiveBuffer, WithoutMemoryOneByteCanBePutBack) {
+  ReceiveBuffer buffer;
+  const support::OutOfMemory out;
+  EXPECT_TRUE(buffer.putBack("a", 1));
+  EXPECT_EQ(take(buffer, 1), "a");
 }
 
 TEST(ReceiveBuffer, WithoutMemoryNothingChanges) {

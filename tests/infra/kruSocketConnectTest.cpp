@@ -5,6 +5,7 @@
 #include <netinet/tcp.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <limits>
 #include <string>
@@ -17,6 +18,22 @@
 namespace {
 
 using tq::oss::Converter;
+
+/// The process has no standard input while this lives, so that the next descriptor is number 0.
+class NoStandardInput {
+ public:
+  NoStandardInput() : kept_(::fcntl(0, F_DUPFD_CLOEXEC, 3)) { ::close(0); }
+  ~NoStandardInput() {
+    if (kept_ < 0) return;
+    ::dup2(kept_, 0);
+    ::close(kept_);
+  }
+  NoStandardInput(const NoStandardInput&) = delete;
+  NoStandardInput& operator=(const NoStandardInput&) = delete;
+
+ private:
+  int kept_;
+};
 
 class SocketConnect : public SocketFixture {
  protected:
@@ -76,6 +93,19 @@ TEST_F(SocketConnect, DescriptorsAreClosedOnExecAndDoNotDelaySmallWrites) {
       << "set when the descriptor is made, so that no fork can come in between";
   EXPECT_NE(option(IPPROTO_TCP, TCP_NODELAY), 0);
   EXPECT_EQ(::fcntl(fake.lastDescriptor(), F_GETFL) & O_NONBLOCK, 0);
+}
+
+TEST_F(SocketConnect, Descriptor0IsOneLikeAnyOther) {
+  const NoStandardInput none;
+  Socket socket;
+  connect(socket, 1, addresses({dead.port(), listener.port(), dead.port()}));
+  EXPECT_EQ(fake.lastDescriptor(), 0);
+  EXPECT_TRUE(socket.isOpen());
+  support::Peer peer = listener.accept();
+  peer.send("hi");
+  EXPECT_EQ(read(socket, 2), "hi");
+  socket.close();
+  EXPECT_TRUE(peer.seesClose());
 }
 
 TEST_F(SocketConnect, DescriptorsFarAbove1024Work) {
