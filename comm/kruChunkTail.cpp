@@ -22,8 +22,8 @@ bool isHexDigit(char c) {
 }  // namespace
 
 std::optional<std::size_t> chunkSizeOf(std::string_view line) {
-  std::size_t digits = 0;
-  while (digits < line.size() && isHexDigit(line[digits])) ++digits;
+  const auto end = std::find_if_not(line.begin(), line.end(), isHexDigit);
+  const auto digits = static_cast<std::size_t>(end - line.begin());
   if (digits == 0 || line.size() < digits + 2 || !line.ends_with("\r\n")) return std::nullopt;
   if (std::string_view("\r; \t").find(line[digits]) == std::string_view::npos) return std::nullopt;
   return std::strtoul(std::string(line.substr(0, digits)).c_str(), nullptr, 16);
@@ -32,7 +32,6 @@ std::optional<std::size_t> chunkSizeOf(std::string_view line) {
 void ChunkTail::clear() {
   state_ = State::Nothing;
   sizeLine_.clear();
-  dataLeft_ = 0;
   matched_ = 0;
   reclaimable_ = 0;
 }

@@ -21,6 +21,7 @@ TEST(ChunkSize, IsTheHexadecimalNumberAtTheStartOfItsLine) {
       {"1a\r\n", 26},
       {"1A\r\n", 26},
       {"0000f\r\n", 15},
+      {"9F\r\n", 159},
       {"7;name=v\r\n", 7},
       {"7 \r\n", 7},
       {"7\t;x\r\n", 7},
@@ -30,6 +31,7 @@ TEST(ChunkSize, IsTheHexadecimalNumberAtTheStartOfItsLine) {
       {"7", std::nullopt},
       {"7\n", std::nullopt},
       {"7\r", std::nullopt},
+      {"7;x\n", std::nullopt},
       {"7x\r\n", std::nullopt},
       {"0x7\r\n", std::nullopt},
       {"-7\r\n", std::nullopt},
@@ -151,6 +153,13 @@ TEST(ChunkTail, ForgetsABegunStatusLineWhenItBeginsAnew) {
     EXPECT_EQ("", tail.reclaim());
     EXPECT_EQ(5U, tail.skip("/: 1\n", 5));
   }
+}
+
+TEST(ChunkTail, ForgetsABegunSizeLineWhenItBeginsAnew) {
+  ChunkTail tail = afterData();
+  tail.skip("\r\n5", 3);
+  tail.startBehindData(kMaxChunk);
+  expectLeft(tail, "\r\n0\r\n\r\nnext", "next");
 }
 
 TEST(ChunkTail, IsActiveUntilItsEndHasCome) {
