@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "comm/kruClientResponse.h"
+#include "comm/kruHitFiller.h"
 #include "comm/kruRESTException.h"
 #include "comm/kruSearchResult.h"
 #include "infra/oss/kruNLSException.h"
@@ -180,6 +182,16 @@ TEST(SearchResult, CopiesShareTheKeyAndHaveNoProperties) {
   }
 }
 
+TEST(SearchResult, CopiesOfANamedHitHaveItsId) {
+  SearchResult hit(true);
+  parseNamed(hit, {{"URI", "named"}});
+  const SearchResult copy(hit);
+  SearchResult assigned(false);
+  assigned = hit;
+  EXPECT_EQ("named", utf8(copy.getDocId()));
+  EXPECT_EQ("named", utf8(assigned.getDocId()));
+}
+
 TEST(SearchResult, FreeingAKeyLeavesCopiesTheirKeyAndEverybodyTheirId) {
   SearchResult hit(true);
   parseCompact(hit, test::unhex("03 e8 6b 65 79"), 5);
@@ -225,6 +237,60 @@ TEST(SearchResult, ACopyThatGetsAKeyOfItsOwnLeavesTheOriginalsAlone) {
   EXPECT_EQ("base64:a2V5", utf8(copy.getDocId()));
 }
 
+TEST(SearchResult, AnAssignedHitThatGetsAKeyOfItsOwnLeavesTheOriginalsAlone) {
+  for (const std::string key : {"n", "new"}) {
+    for (const bool hadOne : {false, true}) {
+      SearchResult hit(true);
+      parseCompact(hit, "key", 1);
+      SearchResult assigned(false);
+      if (hadOne) assigned.setKey("previous", 8);
+      assigned = hit;
+      assigned.setKey(key.data(), static_cast<unsigned int>(key.size()));
+      EXPECT_EQ("key", keyOf(hit));
+      EXPECT_EQ(key, keyOf(assigned));
+    }
+  }
+}
+
+/// Writes over memory that was given back.
+void reuseMemory() {
+  std::vector<SearchResult> others(20, SearchResult(false));
+  const std::string key(64, 'x');
+  for (SearchResult& other : others) other.setKey(key.data(), 64);
+}
+
+/// A hit as an exchange fills them, many keys in one piece of memory.
+SearchResult& filledInto(ClientResponse& response, const std::string& key) {
+  HitFiller(response, key).addKeyed(0.5, key);
+  return response.getSearchResponse().getNext();
+}
+
+TEST(SearchResult, OfAReplyKeepsTheKeyThatItIsGivenForItsCopies) {
+  SearchResult copy(false);
+  {
+    ClientResponse response;
+    SearchResult& hit = filledInto(response, "filled");
+    hit.setKey("given", 5);
+    copy = hit;
+  }
+  reuseMemory();
+  EXPECT_EQ("given", keyOf(copy));
+}
+
+TEST(SearchResult, OfAReplyKeepsTheKeyOfTheHitThatItIsAssignedForItsCopies) {
+  SearchResult copy(false);
+  {
+    ClientResponse response;
+    SearchResult& hit = filledInto(response, "filled");
+    SearchResult own(false);
+    own.setKey("own", 3);
+    hit = own;
+    copy = hit;
+  }
+  reuseMemory();
+  EXPECT_EQ("own", keyOf(copy));
+}
+
 TEST(SearchResult, SettingAKeyLeavesTheDocumentIdAlone) {
   SearchResult hit(true);
   parseCompact(hit, "key", 1);
@@ -238,6 +304,7 @@ TEST(SearchResult, AForeignKeyIsStoredAsGivenAndNeverFreed) {
   parseCompact(hit, "key", 1);
   hit.copyKey(foreign.data(), 7);
   EXPECT_EQ(foreign.data(), hit.getKey());
+  EXPECT_EQ(7U, hit.getKeyLen());
   EXPECT_EQ("base64:a2V5", utf8(hit.getDocId()));
   const SearchResult copy(hit);
   EXPECT_EQ(foreign.data(), copy.getKey());
@@ -302,6 +369,7 @@ TEST(SearchResult, CanParseItsOwnKey) {
 
 std::string refusalOf(const RESTException& e) {
   const tq::oss::Message& message = e.getMessageList().front();
+  EXPECT_STREQ("kruSearchResult", message.getFileName());
   return utf8(message.getMessageId()) + ": " + utf8(message.getMessageText());
 }
 
