@@ -140,7 +140,8 @@ TEST(Batch, TheStartOfALargeBodyGoesAlongWithASmallBatch) {
 TEST(Batch, MakesRoomForAMessageBeforeItAddsAnyOfIt) {
   Batch batch;
   Batch::Message message = messageWith("0123456789");
-  message.prefix = "01234";
+  message.terminator = "012";
+  message.prefix = "01";
   batch.append(message);
   EXPECT_EQ(batch.bytes().capacity(), 17U);
   batch.append(messageWith("h"));

@@ -243,7 +243,7 @@ TEST(SearchResult, AnAssignedHitThatGetsAKeyOfItsOwnLeavesTheOriginalsAlone) {
       SearchResult hit(true);
       parseCompact(hit, "key", 1);
       SearchResult assigned(false);
-      if (hadOne) assigned.setKey("previous", 8);
+      if (hadOne) assigned.setKey("p", 1);
       assigned = hit;
       assigned.setKey(key.data(), static_cast<unsigned int>(key.size()));
       EXPECT_EQ("key", keyOf(hit));

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <list>
 #include <string>
 #include <thread>
 
@@ -632,6 +634,46 @@ TEST_F(SocketRead, AFailingPollIsReported) {
   const SocketException failure = thrown([&] { readOnce(socket, 1); });
   EXPECT_EQ(failure.getErrorNumber(), ENOMEM);
   EXPECT_EQ(firstArgument(failure), describe(u"wait for", listener.port()));
+}
+
+// Without a connection.
+
+TEST_F(SocketRead, AClosedSocketNamesWhatItCannotDo) {
+  Socket socket;
+  support::Peer peer = connected(socket);
+  socket.close();
+  char byte = 0;
+  std::list<Socket> sockets{socket};
+  std::list<Socket> none;
+  const struct {
+    const char16_t* verb;
+    std::function<void()> operation;
+  } cases[] = {
+      {u"receive from", [&] { socket.read(&byte, 0, 1); }},
+      {u"receive from", [&] { socket.readOnce(&byte, 0, 1); }},
+      {u"receive from", [&] { socket.fill(); }},
+      {u"send to", [&] { socket.write("a", 0, 1); }},
+      {u"give bytes back to", [&] { socket.pushBack("a", 1); }},
+      {u"wait for", [&] { Socket::select(sockets, none, none, nullptr); }},
+  };
+  for (const auto& c : cases) {
+    const SocketException failure = thrown(c.operation);
+    EXPECT_EQ(failure.getErrorNumber(), ENOTCONN);
+    EXPECT_EQ(firstArgument(failure), describe(c.verb, listener.port()));
+  }
+}
+
+TEST_F(SocketRead, FillingAtOnceTellsHowMuchIsThereWhenSomethingCame) {
+  Socket socket;
+  support::Peer peer = connected(socket);
+  EXPECT_EQ(socket.fillAtOnce(), 0U);
+  peer.send("a");
+  arrived();
+  EXPECT_EQ(socket.fillAtOnce(), 1U);
+  EXPECT_EQ(socket.fillAtOnce(), 0U);
+  peer.send("bc");
+  arrived();
+  EXPECT_EQ(socket.fillAtOnce(), 3U);
 }
 
 }  // namespace

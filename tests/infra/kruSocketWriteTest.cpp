@@ -57,6 +57,23 @@ TEST_F(SocketWrite, AnyNumberOfPiecesArrivesInOrder) {
   EXPECT_LT(fake.count(Call::Sendmsg), 10U);
 }
 
+// Within a deadline the clock is looked at between calls, so that none may take long.
+TEST_F(SocketWrite, WithADeadlineNoCallSendsMoreThan128KiBOfAllPieces) {
+  constexpr std::size_t kMost = 128 * 1024;
+  Socket socket;
+  support::Peer peer = connected(socket);
+  socket.setDeadline(Deadline::in(60000));
+  const std::string text(100000, 'a');
+  const Socket::Piece pieces[] = {{text.data(), 100000}, {text.data(), 40000}};
+  std::string received;
+  std::thread reader([&] { received = peer.receive(140000); });
+  socket.write(pieces, 2);
+  reader.join();
+  EXPECT_EQ(received.size(), 140000U);
+  for (const std::size_t length : fake.sendLengths()) EXPECT_LE(length, kMost);
+  EXPECT_EQ(fake.sendLengths().front(), kMost);
+}
+
 TEST_F(SocketWrite, AShortTransferIsContinuedWhereItStopped) {
   const std::string expected = "abcdefghijklm";
   const Socket::Piece pieces[] = {{"abc", 3}, {"", 0}, {"defgh", 5}, {"ijklm", 5}};
@@ -137,6 +154,15 @@ TEST_F(SocketWrite, TheWaitForRoomEndsAtTheDeadline) {
   const auto late = thrown<SocketTimeoutException>([&] { socket.write("abc", 0, 3); });
   EXPECT_EQ(firstArgument(late), describe(u"send to", listener.port()));
   EXPECT_EQ(fake.now(), deadline);
+}
+
+TEST_F(SocketWrite, BehindItsDeadlineNothingIsSent) {
+  Socket socket;
+  support::Peer peer = connected(socket);
+  socket.setDeadline(Deadline::at(1));
+  const auto late = thrown<SocketTimeoutException>([&] { socket.write("abc", 0, 3); });
+  EXPECT_EQ(firstArgument(late), describe(u"send to", listener.port()));
+  EXPECT_EQ(fake.count(Call::Sendmsg), 0U);
 }
 
 TEST_F(SocketWrite, APeerThatDoesNotReadCannotHoldAWriterForEver) {

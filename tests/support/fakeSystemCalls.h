@@ -140,6 +140,7 @@ class FakeSystemCalls {
     counts_.fill(0);
     for (auto& planned : failures_) planned.clear();
     recvLengths_.clear();
+    sendLengths_.clear();
   }
   int lastDescriptor() {
     const std::lock_guard lock(mutex_);
@@ -152,6 +153,11 @@ class FakeSystemCalls {
   std::vector<std::size_t> recvLengths() {
     const std::lock_guard lock(mutex_);
     return recvLengths_;
+  }
+  /// How much each `Sendmsg` was asked to send.
+  std::vector<std::size_t> sendLengths() {
+    const std::lock_guard lock(mutex_);
+    return sendLengths_;
   }
   /// The time-out of each poll, in milliseconds.
   std::vector<int> pollTimeouts() {
@@ -273,6 +279,13 @@ class FakeSystemCalls {
   }
 
   static ssize_t sendmsg(int fd, const msghdr* message, int flags) {
+    {
+      FakeSystemCalls& fake = *current();
+      const Lock lock(fake.mutex_);
+      std::size_t length = 0;
+      for (std::size_t i = 0; i < message->msg_iovlen; ++i) length += message->msg_iov[i].iov_len;
+      fake.sendLengths_.push_back(length);
+    }
     if (fails(Call::Sendmsg, flags)) return -1;
     if (stalls(Call::Sendmsg)) {
       errno = EAGAIN;
@@ -373,6 +386,7 @@ class FakeSystemCalls {
   int lowestDescriptor_ = 0;
   int lastDescriptor_ = -1;
   std::vector<std::size_t> recvLengths_;
+  std::vector<std::size_t> sendLengths_;
   std::vector<int> pollTimeouts_;
 };
 
