@@ -48,7 +48,7 @@ CLI::Validator protocolName() {
       "");
 }
 
-constexpr std::uint64_t kMostDocuments = 999'999'999'999'999'999;
+constexpr std::uint64_t kMaxDocuments = 999'999'999'999'999'999;
 
 constexpr const char* kRepeatable =
     "If the connection breaks, the request is repeated once: doing it twice does no\n"
@@ -216,7 +216,7 @@ class Builder {
         ->required();
     sub->add_option("--max-errors", arguments->maxErrors,
                     "Stop when this many documents have been refused\n(default: never)")
-        ->check(wholeNumber(1, kMostDocuments))
+        ->check(wholeNumber(1, kMaxDocuments))
         ->option_text("N");
     sub->add_flag("--update", arguments->update, "Make the documents searchable at the end");
   }
@@ -230,10 +230,10 @@ class Builder {
     addCollection(sub, arguments->collection);
     sub->add_option("QUERY", arguments->query, "What to look for, as one argument")->required();
     sub->add_option("--limit", arguments->limit, "Print at most N hits (default: all)")
-        ->check(wholeNumber(0, kMostDocuments))
+        ->check(wholeNumber(0, kMaxDocuments))
         ->option_text("N");
     sub->add_option("--start", arguments->start, "Leave out the best N hits")
-        ->check(wholeNumber(0, kMostDocuments))
+        ->check(wholeNumber(0, kMaxDocuments))
         ->option_text("N");
   }
 

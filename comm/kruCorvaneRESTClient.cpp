@@ -456,8 +456,8 @@ std::optional<std::string_view> CorvaneRESTClient::takeBody(const RESTResponse& 
                                                             std::size_t offset) {
   const auto size = static_cast<std::size_t>(parser.getContentLength());
   // The parsers count in ints.
-  constexpr std::size_t kMost = std::numeric_limits<int>::max();
-  if (size > kMost - std::min(carry_->size(), kMost)) {
+  constexpr std::size_t kMax = std::numeric_limits<int>::max();
+  if (size > kMax - std::min(carry_->size(), kMax)) {
     fail(StaticDefs::ERR_CLIENT_RESP_PARSING, atServer(u"a record is longer than any reply"));
   }
   if (!awaitReplyBytes(offset + size)) return std::nullopt;

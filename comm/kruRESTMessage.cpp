@@ -37,14 +37,15 @@ constexpr Raiser fail("kruRESTMessage");
 constexpr unsigned int kTermRecordLength = 8;
 constexpr std::uint64_t kPrefixSlack = 2000;
 constexpr std::uint64_t kWord = 4;
-constexpr std::size_t kMostBytesAUnit = 3;
-// More than the words and tags of a block that belong to no pair.
+constexpr std::size_t kMaxBytesPerUnit = 3;
+// An upper bound for the lengths and tags of a block that belong to no pair.
 constexpr std::uint64_t kBlockOverhead = 100;
 
-// A longer text is not kept, so that one always fits into a message together with a length.
-constexpr std::size_t kMostKept = 16000;
-// A request whose properties change all the time is asked for its text ever less often.
-constexpr unsigned int kMostPatience = 64;
+// A longer header is not kept, so that a kept one and the length fit into the message's buffer.
+constexpr std::size_t kMaxKeptHeader = 16000;
+// How many messages a request sends before its header is kept: doubled each time that a kept header
+// turns out to be stale, up to this.
+constexpr unsigned int kMaxPatience = 64;
 
 const icu::UnicodeString& actionOf(ClientRequest::REQUEST kind) {
   const tq::oss::TraceScope scope(trace::RESTMessageGetAction);
@@ -58,9 +59,9 @@ const icu::UnicodeString& actionTypeOf(ClientRequest::REQUEST kind) {
 
 // Counts what GenRespRecord::getSerializeKVPairLength counts, its surplus of 8 included, without
 // its limit of an int.
-std::uint64_t mostBytesOfPair(const KVPair& pair) {
-  return kMostBytesAUnit * (static_cast<std::uint64_t>(Converter::checked(pair.key).length()) +
-                            static_cast<std::uint64_t>(Converter::checked(pair.value).length())) +
+std::uint64_t maxBytesOfPair(const KVPair& pair) {
+  return kMaxBytesPerUnit * (static_cast<std::uint64_t>(Converter::checked(pair.key).length()) +
+                             static_cast<std::uint64_t>(Converter::checked(pair.value).length())) +
          5 * kWord;
 }
 
@@ -92,8 +93,8 @@ char* putLine(char* out, const icu::UnicodeString& name, const icu::UnicodeStrin
   return out;
 }
 
-std::size_t mostBytesOfLine(const icu::UnicodeString& name, const icu::UnicodeString& value) {
-  return kMostBytesAUnit *
+std::size_t maxBytesOfLine(const icu::UnicodeString& name, const icu::UnicodeString& value) {
+  return kMaxBytesPerUnit *
              (static_cast<std::size_t>(name.length()) + static_cast<std::size_t>(value.length())) +
          kLineOverhead;
 }
@@ -166,7 +167,7 @@ class LineWriter {
       : begin_(room), at_(room), end_(room + size - kHeaderEnd.size()) {}
 
   void put(const icu::UnicodeString& name, const icu::UnicodeString& value) {
-    fitted_ = fitted_ && mostBytesOfLine(name, value) <= static_cast<std::size_t>(end_ - at_);
+    fitted_ = fitted_ && maxBytesOfLine(name, value) <= static_cast<std::size_t>(end_ - at_);
     if (fitted_) at_ = putLine(at_, name, value);
   }
   void end() { at_ = putBytes(at_, kHeaderEnd); }
@@ -224,7 +225,7 @@ void RESTMessage::takeProperties(ClientRequest& request) {
     kept_.reset();
     request.keptHeader_.reset();
     request.madeWithoutKept_ = 0;
-    request.patience_ = std::min(2 * request.patience_, kMostPatience);
+    request.patience_ = std::min(2 * request.patience_, kMaxPatience);
   }
   if (kept_ == nullptr && request.madeWithoutKept_++ >= request.patience_) keepHeader(request);
   if (kept_ == nullptr) {
@@ -245,7 +246,7 @@ void RESTMessage::keepHeader(ClientRequest& request) {
     auto kept = std::make_shared<KeptHeader>();
     kept->kind = request.getRequest();
     kept->properties = std::as_const(request).getReqProperties();
-    LineWriter lines(headerBuffer_.data(), kMostKept);
+    LineWriter lines(headerBuffer_.data(), kMaxKeptHeader);
     std::size_t lengthAt = 0;
     forEachLine(kept->properties, added,
                 [&](const icu::UnicodeString& name, const icu::UnicodeString& value) {
@@ -289,7 +290,7 @@ std::uint64_t RESTMessage::roomForBlock(const std::list<KVPair>& metadata, const
   constexpr std::uint64_t kShort = 8000;
   std::uint64_t most = keyLength;
   for (const KVPair& pair : metadata) {
-    most += mostBytesOfPair(pair);
+    most += maxBytesOfPair(pair);
     if (most > kShort) return getSerializeMetadataLength(metadata, key, keyLength);
   }
   const tq::oss::TraceScope scope(trace::RESTMessageGetSerializeMetadataLength);

@@ -108,13 +108,13 @@ bool isAscii(std::string_view text) {
 /// The status of a record that consists of nothing else, written in digits.
 std::optional<std::uint32_t> onlyStatus(std::string_view record) {
   constexpr std::string_view kName = "STATUS_CODE";
-  constexpr std::size_t kMostDigits = 9;
+  constexpr std::size_t kMaxDigits = 9;
   bytes::Reader fields(record.data(), record.size());
   std::uint32_t word = 0;
   std::string_view name;
   std::string_view value;
   if (!fields.readInt(word) || !fields.readBytes(word, name) || name != kName) return {};
-  if (!fields.readInt(word) || word > kMostDigits || !fields.readBytes(word, value)) return {};
+  if (!fields.readInt(word) || word > kMaxDigits || !fields.readBytes(word, value)) return {};
   if (value.empty() || fields.remaining() != 0) return {};
   std::uint32_t status = 0;
   for (const char c : value) {

@@ -196,13 +196,13 @@ void checkDocument(const std::string& bytes) {
 
 /// Serves a request and takes the reply to its end.
 void serve(corvaned::Dispatcher& dispatcher, Framing framing, const corvaned::Request& request) {
-  constexpr std::size_t kMostPortions = 64;
+  constexpr std::size_t kMaxPortions = 64;
   corvaned::Dispatcher::workload(request.header("action"));
   const auto encoder = corvaned::encode(framing, dispatcher.handle(request));
   std::string out;
   std::size_t portions = 0;
   while (encoder->next(out)) {
-    require(++portions < kMostPortions, "a reply without end is none");
+    require(++portions < kMaxPortions, "a reply without end is none");
     require(out.size() < std::size_t{1} << 17, "a reply is no longer than what it says");
   }
 }

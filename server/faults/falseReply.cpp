@@ -118,10 +118,10 @@ std::string falseHttp(std::string_view bytes, const Faults& faults) {
   HttpReply reply = splitHttp(bytes);
   tamperWithRecord(reply, faults.record);
   tamperWithEnd(reply, faults.end);
-  constexpr std::uint64_t kMost = std::numeric_limits<std::int64_t>::max();
+  constexpr std::uint64_t kMax = std::numeric_limits<std::int64_t>::max();
   if (!reply.chunked) {
     const std::string body = joined(reply.parts.front());
-    return withContentLength(reply.head, shifted(body.size(), faults.lengthError, kMost)) + body;
+    return withContentLength(reply.head, shifted(body.size(), faults.lengthError, kMax)) + body;
   }
   std::string out = reply.head;
   std::int64_t error = faults.lengthError;
@@ -131,7 +131,7 @@ std::string falseHttp(std::string_view bytes, const Faults& faults) {
     if (body.empty()) continue;
     std::array<char, 16> digits{};
     const auto size = std::to_chars(digits.data(), digits.data() + digits.size(),
-                                    shifted(body.size(), error, kMost), 16);
+                                    shifted(body.size(), error, kMax), 16);
     out.append(digits.data(), size.ptr).append("\r\n").append(body).append("\r\n");
     error = 0;
   }

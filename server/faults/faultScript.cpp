@@ -17,7 +17,7 @@ namespace corvaned {
 namespace {
 
 constexpr std::uint64_t kLongestWait = 3600000;
-constexpr std::uint64_t kMostBytes = std::uint64_t{1} << 32U;
+constexpr std::uint64_t kMaxBytes = std::uint64_t{1} << 32U;
 
 constexpr std::string_view kConditions =
     "\"all\", \"reply N\", \"reply N-M\", \"every N\", \"chance P\", \"action NAME\", \"http\" or "
@@ -132,7 +132,7 @@ std::int64_t takeLengthError(Statement& words) {
   if (!signedWord) words.fail(shown(whole) + " is not +BYTES or -BYTES");
   word.remove_prefix(1);
   const auto size =
-      static_cast<std::int64_t>(words.numberOf(word, "a count of bytes", 1, kMostBytes));
+      static_cast<std::int64_t>(words.numberOf(word, "a count of bytes", 1, kMaxBytes));
   return whole.front() == '-' ? -size : size;
 }
 
@@ -149,14 +149,14 @@ std::string_view takeFault(Statement& words, Faults& faults) {
   if (name == "delay") {
     faults.delay = takeWait(words);
   } else if (name == "split" || name == "drip") {
-    faults.piece = words.number("a count of bytes", 1, kMostBytes);
+    faults.piece = words.number("a count of bytes", 1, kMaxBytes);
     if (name == "drip") faults.pause = takeWait(words);
     return "size of the pieces";
   } else if (name == "drop") {
-    faults.dropAfter = words.number("a count of bytes", 0, kMostBytes);
+    faults.dropAfter = words.number("a count of bytes", 0, kMaxBytes);
     return "end of the connection";
   } else if (name == "reset") {
-    faults.resetAfter = words.number("a count of bytes", 0, kMostBytes);
+    faults.resetAfter = words.number("a count of bytes", 0, kMaxBytes);
     return "end of the connection";
   } else if (name == "length") {
     faults.lengthError = takeLengthError(words);

@@ -48,8 +48,8 @@ std::string errorReply(const ErrorReply& error) {
 }
 
 std::uint32_t clamped(std::uint64_t value) {
-  constexpr std::uint64_t kMost = std::numeric_limits<std::uint32_t>::max();
-  return static_cast<std::uint32_t>(std::min(value, kMost));
+  constexpr std::uint64_t kMax = std::numeric_limits<std::uint32_t>::max();
+  return static_cast<std::uint32_t>(std::min(value, kMax));
 }
 
 class EnvelopesReply : public ReplyEncoder {

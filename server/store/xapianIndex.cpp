@@ -42,10 +42,10 @@ std::size_t bytesOf(const Document& document) {
 }
 
 std::uint16_t milliScore(double weight, double maxAttained, ScoreScale scale) {
-  constexpr double kMost = std::numeric_limits<std::uint16_t>::max();
+  constexpr double kMax = std::numeric_limits<std::uint16_t>::max();
   double score = weight;
   if (scale == ScoreScale::Normalized) score = maxAttained > 0 ? weight / maxAttained : 0;
-  return static_cast<std::uint16_t>(std::lround(std::clamp(score * 1000, 0.0, kMost)));
+  return static_cast<std::uint16_t>(std::lround(std::clamp(score * 1000, 0.0, kMax)));
 }
 
 /// All hits of a search. The keys stand back to back in one string: one allocation instead of one

@@ -35,12 +35,12 @@ constexpr std::uint64_t kMicrosPerMilli = 1000;
 
 /// Ends a loop that goes round without end.
 struct Spinning {};
-constexpr unsigned int kMostRounds = 5000;
+constexpr unsigned int kMaxRounds = 5000;
 bool spun = false;
 unsigned int rounds = 0;
 
 void countRound() {
-  if (++rounds <= kMostRounds) return;
+  if (++rounds <= kMaxRounds) return;
   spun = true;
   throw Spinning();
 }

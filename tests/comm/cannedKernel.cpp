@@ -16,7 +16,7 @@ namespace {
 // A number that no file of a test process has.
 constexpr int kDescriptor = 100000;
 // What a socket of the loopback interface hands out at once.
-constexpr std::size_t kMost = 65536;
+constexpr std::size_t kMax = 65536;
 
 struct State {
   std::string reply;
@@ -40,7 +40,7 @@ int pollFor(pollfd* entries, nfds_t count, int) {
 }
 ssize_t receive(int, void* buffer, size_t length, int) {
   ++state.systemCalls;
-  const std::size_t count = std::min({length, state.reply.size() - state.taken, kMost});
+  const std::size_t count = std::min({length, state.reply.size() - state.taken, kMax});
   if (count == 0) {
     errno = EAGAIN;
     return -1;

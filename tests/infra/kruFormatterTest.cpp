@@ -18,7 +18,7 @@ using tq::oss::Formatter;
 
 static_assert(!std::is_default_constructible_v<Formatter>);
 
-constexpr double kMost = std::numeric_limits<double>::max();
+constexpr double kMax = std::numeric_limits<double>::max();
 
 TEST(Formatter, ReadsDecimalNumbers) {
   const struct {
@@ -103,15 +103,15 @@ TEST(Formatter, ClampsWhatIsOutOfRange) {
     icu::UnicodeString text;
     double value;
   } cases[] = {
-      {u"1e999", kMost},
-      {u"-1e999", -kMost},
+      {u"1e999", kMax},
+      {u"-1e999", -kMax},
       {u"1e-999", 0.0},
       {u"-1e-999", 0.0},
-      {u"0.001e999", kMost},
-      {u"1e99999999999999999999", kMost},
+      {u"0.001e999", kMax},
+      {u"1e99999999999999999999", kMax},
       {u"1e-99999999999999999999", 0.0},
       {u"123456e-999", 0.0},
-      {icu::UnicodeString(400, u'9', 400), kMost},
+      {icu::UnicodeString(400, u'9', 400), kMax},
       {icu::UnicodeString(u"0.").append(icu::UnicodeString(400, u'0', 400)).append(u'1'), 0.0},
   };
   for (const auto& c : cases) EXPECT_DOUBLE_EQ(Formatter::stringToDouble(c.text), c.value);

@@ -95,8 +95,8 @@ TEST(SizeableBuffer, WithoutMemoryTheCapacityIsZeroUntilAResizeSucceeds) {
 }
 
 TEST(SizeableBuffer, ASizeThatNoBlockCanHaveIsRefused) {
-  constexpr std::size_t kMost = std::numeric_limits<std::size_t>::max();
-  for (const std::size_t size : {kMost, kMost / 2 + 2, kMost - 7}) {
+  constexpr std::size_t kMax = std::numeric_limits<std::size_t>::max();
+  for (const std::size_t size : {kMax, kMax / 2 + 2, kMax - 7}) {
     Small buffer;
     EXPECT_FALSE(buffer.resize(size));
     EXPECT_EQ(buffer.capacity(), 0U);
@@ -105,7 +105,7 @@ TEST(SizeableBuffer, ASizeThatNoBlockCanHaveIsRefused) {
     EXPECT_EQ(other.capacity(), 8U);
   }
   tq::oss::SizeableBuffer<std::uint64_t, 2> wide;
-  EXPECT_FALSE(wide.resize(kMost / 4));
+  EXPECT_FALSE(wide.resize(kMax / 4));
 }
 
 TEST(SizeableBuffer, GrowKeepsTheContent) {
