@@ -119,10 +119,10 @@ MemoryNetwork::MemoryNetwork(const std::vector<PeerScript>& scripts, const Netwo
       kernel_(options_, [this](std::size_t index) { return accept(index); }) {
   using tq::test::Entry;
   using tq::test::Fault;
-  options_.mostSockets = kMostConnections;
+  options_.maxSockets = kMaxConnections;
   options_.clockStep = 1;
-  if (manners_.writeLimit != 0) options_.writeMost = manners_.writeLimit;
-  options_.receiveMost = [this] { return manners_.pieces.next(); };
+  if (manners_.writeLimit != 0) options_.maxWrite = manners_.writeLimit;
+  options_.maxReceive = [this] { return manners_.pieces.next(); };
   options_.beforeCall = [this] { countCall(); };
   auto& faults = kernel_.faults();
   faults.record(false);
@@ -149,7 +149,7 @@ void MemoryNetwork::behave(std::string_view reply) {
   behaving_ = true;
   reply_ = reply;
   manners_ = NetworkManners();
-  options_.writeMost = tq::test::SimulatedKernel::kUnlimited;
+  options_.maxWrite = tq::test::SimulatedKernel::kUnlimited;
   kernel_.faults().clear();
 }
 

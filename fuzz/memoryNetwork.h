@@ -65,7 +65,7 @@ class MemoryNetwork {
  private:
   class ScriptPeer;
 
-  static constexpr std::size_t kMostConnections = 64;
+  static constexpr std::size_t kMaxConnections = 64;
 
   std::unique_ptr<tq::test::SimulatedPeer> accept(std::size_t index);
   ScriptPeer& peer(std::size_t index) const;

@@ -3,8 +3,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <string>
+
+#include "tests/support/simulatedKernel.h"
 
 namespace tq::test {
 
@@ -13,7 +14,7 @@ namespace tq::test {
 /// and late replies is the same each time it runs. One object at a time, one thread.
 ///
 /// Unasked bytes, which belong to no request, arrive before the client begins its next request or
-/// never: behind that, nobody could tell them from its reply.
+/// never: after that, nobody could tell them from its reply.
 class TimedNetwork {
  public:
   using Answer = std::function<void(std::size_t connection, const std::string& request)>;
@@ -21,47 +22,48 @@ class TimedNetwork {
   /// `framed`: requests have a 2-byte length in front. `joined`: one receive may bring several of
   /// the pieces that were sent.
   TimedNetwork(bool framed, bool joined, Answer answer);
-  ~TimedNetwork();
-  TimedNetwork(const TimedNetwork&) = delete;
-  TimedNetwork& operator=(const TimedNetwork&) = delete;
 
-  // What the peer does, so many MICROSECONDS from now and behind what it did before.
-  void send(std::size_t connection, std::string bytes, std::uint64_t delay);
-  void sendUnasked(std::size_t connection, std::string bytes, std::uint64_t delay);
+  // What the peer does, so many MICROSECONDS from now and after what it did before.
+  void send(std::size_t connection, const std::string& bytes, std::uint64_t delay);
+  void sendUnasked(std::size_t connection, const std::string& bytes, std::uint64_t delay);
   void close(std::size_t connection, std::uint64_t delay);
   void reset(std::size_t connection, std::uint64_t delay);
 
   /// Says nothing more on the connection, whatever it is asked.
-  void fallSilent(std::size_t connection);
+  void fallSilent(std::size_t connection) { kernel_.connection(connection).fallSilent(); }
 
   /// Lets so many MICROSECONDS pass.
   void idle(std::uint64_t micros);
 
   void failNextConnect();
-  /// The next write takes so many bytes, and the one behind it fails.
-  void failNextWrite(std::size_t behind);
+  /// The next write takes so many bytes, and the one after it fails.
+  void failNextWrite(std::size_t bytes);
   /// Nothing fails any more.
-  void heal();
+  void heal() { kernel_.faults().clear(); }
 
-  std::size_t connections() const;
+  std::size_t connections() const { return kernel_.connections(); }
   std::uint64_t nowMicros() const;
   /// True when a caller waited without a limit for what never comes, and forgets it. The wait ended
   /// by a reset.
   bool takeWaitedForever();
-  /// The longest single wait so far, and forgets it.
+  /// The longest single wait so far in MICROSECONDS, and forgets it.
   std::uint64_t takeLongestWait();
   /// How many calls were made on sockets, and how many reply bytes they brought.
   std::uint64_t calls() const;
-  std::uint64_t bytesTaken() const;
+  std::uint64_t bytesTaken() const { return kernel_.bytesReceived(); }
   /// True once bytes that belong to no request have arrived, taken or not.
   bool holdsUnasked(std::size_t connection) const;
   /// A number for what is on its way on every open connection: how many bytes, and when they come.
   std::size_t fingerprint() const;
 
-  struct State;
-
  private:
-  std::unique_ptr<State> state_;
+  class AnsweringPeer;
+
+  bool framed_;
+  Answer answer_;
+  SimulatedKernel::Options options_;
+  SimulatedKernel kernel_;
+  std::size_t waitsForever_ = 0;  // those that were told
 };
 
 }  // namespace tq::test

@@ -105,9 +105,9 @@ TEST_P(Deadline, HoldsWhileAPeerTakesByteAfterByteAndNoWriteHasToWait) {
   auto network = options();
   network.writesWait = false;
   network.writeMillis = 2;
-  for (const std::size_t most : {std::size_t{1}, std::size_t{100}, std::size_t{10000}}) {
-    SCOPED_TRACE(most);
-    network.writeMost = most;
+  for (const std::size_t limit : {std::size_t{1}, std::size_t{100}, std::size_t{10000}}) {
+    SCOPED_TRACE(limit);
+    network.maxWrite = limit;
     expectTimeout(network, {kAddDocument, 1, false, 30000000});
   }
 }

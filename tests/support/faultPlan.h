@@ -41,7 +41,7 @@ struct Fault {
     Error,       // fails with the errno, or, of the resolver, with the code
     Interrupt,   // a signal arrives
     WouldBlock,  // nothing can be moved just now, although poll has said so
-    Short,       // moves one byte
+    Short,       // moves no more bytes than the value says, at least one
     Eof,         // the peer has closed
     SoError,     // the connect that went on in the background has failed
     Stall,       // nothing more is moved on the connection, ever

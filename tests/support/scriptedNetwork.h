@@ -39,7 +39,7 @@ class ScriptedNetwork {
     kernel_.faults().add(Entry::Sendmsg, successes + 1, {Fault::Kind::Error, error});
   }
   /// A write takes at most so many bytes.
-  void limitWrites(std::size_t bytes) { options_.writeMost = bytes; }
+  void limitWrites(std::size_t bytes) { options_.maxWrite = bytes; }
   /// Ends the stalls of all scripts.
   void release();
 

@@ -50,6 +50,11 @@ bool breaksConnection(int error) {
   return error == ECONNRESET || error == EPIPE || error == ETIMEDOUT || error == EHOSTUNREACH;
 }
 
+/// What a shortened call moves.
+std::size_t lengthOf(const Fault& fault) {
+  return fault.value > 1 ? static_cast<std::size_t>(fault.value) : 1;
+}
+
 bool is(const std::optional<Fault>& fault, Fault::Kind kind) {
   return fault && fault->kind == kind;
 }
@@ -80,6 +85,7 @@ void Wire::add(Arrival arrival) {
 /// The client has received so many bytes of the first arrival.
 void Wire::take(std::size_t count) {
   Arrival& front = arrivals_.front();
+  extraReceived_ = extraReceived_ || front.extra;
   front.taken += count;
   countOf(front) -= count;
   if (front.taken != front.bytes.size()) return;
@@ -104,6 +110,23 @@ void Wire::withdrawExtra(std::uint64_t delay) {
       drop(arrivals_.begin() + static_cast<std::ptrdiff_t>(i));
     }
   }
+}
+
+bool Wire::extraArrived() const {
+  const auto waits = [&](const Arrival& arrival) { return arrival.extra && arrival.at <= *now_; };
+  return extraReceived_ || std::any_of(arrivals_.begin(), arrivals_.end(), waits);
+}
+
+std::size_t Wire::fingerprint() const {
+  std::size_t all = 0;
+  const auto mix = [&](std::size_t value) { all = (all ^ value) * 0x9E3779B97F4A7C15U; };
+  mix(ended_ * 8U + closed_ * 4U + dead_ * 2U + (pendingError_ != 0));
+  for (const Arrival& arrival : arrivals_) {
+    mix(static_cast<std::size_t>(arrival.kind) * 2 + arrival.extra);
+    mix(arrival.at > *now_ ? arrival.at - *now_ : 0);
+    mix(arrival.bytes.size() - arrival.taken);
+  }
+  return all;
 }
 
 void Wire::die(int error) {
@@ -146,7 +169,7 @@ class SimulatedKernel::Calls {
     const Work work;
     const auto fault = enter(Entry::Socket, Phase::Connect);
     if (fault) return failWith(fault->value);
-    if (active->sockets_.size() == active->options_.mostSockets) return failWith(EMFILE);
+    if (active->sockets_.size() == active->options_.maxSockets) return failWith(EMFILE);
     Wire& wire = active->sockets_.emplace_back();
     wire.now_ = &active->now_;
     wire.nonBlocking_ = (type & SOCK_NONBLOCK) != 0;
@@ -262,7 +285,7 @@ class SimulatedKernel::Calls {
       case Fault::Kind::WouldBlock:
         return EAGAIN;
       case Fault::Kind::Short:
-        length = std::min<size_t>(length, 1);
+        length = std::min(length, lengthOf(fault));
         return 0;
       case Fault::Kind::Eof:
         wire.dropFrom(0);
@@ -286,11 +309,11 @@ class SimulatedKernel::Calls {
     Wire* wire = active->find(fd);
     if (wire == nullptr) return failWith(EBADF);
     if (wire->state_ != Wire::State::Established) return failWith(EPIPE);
-    std::size_t most = active->options_.writeMost;
+    std::size_t limit = active->options_.maxWrite;
     if (is(fault, Fault::Kind::Interrupt)) return failWith(EINTR);
     if (is(fault, Fault::Kind::WouldBlock)) return failWith(EAGAIN);
     if (is(fault, Fault::Kind::Stall)) wire->stalled_ = true;
-    if (is(fault, Fault::Kind::Short)) most = 1;
+    if (is(fault, Fault::Kind::Short)) limit = lengthOf(*fault);
     if (is(fault, Fault::Kind::Error)) {
       if (breaksConnection(fault->value)) wire->die(0);
       return failWith(fault->value);
@@ -298,10 +321,10 @@ class SimulatedKernel::Calls {
     active->arrive(*wire, false);
     if (wire->pendingError_ != 0) return failWith(std::exchange(wire->pendingError_, 0));
     if (wire->dead_) return failWith(EPIPE);
-    return write(*wire, message, most, flags);
+    return write(*wire, message, limit, flags);
   }
 
-  static ssize_t write(Wire& wire, const msghdr* message, std::size_t most, int flags) {
+  static ssize_t write(Wire& wire, const msghdr* message, std::size_t limit, int flags) {
     const bool waits = !wire.nonBlocking_ && (flags & MSG_DONTWAIT) == 0;
     const std::size_t room = active->roomOf(wire);
     const bool unawaited =
@@ -316,7 +339,7 @@ class SimulatedKernel::Calls {
       bytes.append(static_cast<const char*>(message->msg_iov[i].iov_base),
                    message->msg_iov[i].iov_len);
     }
-    bytes.resize(std::min({bytes.size(), room, most}));
+    bytes.resize(std::min({bytes.size(), room, limit}));
     active->now_ += active->options_.writeMillis * kNanosPerMilli;
     if ((flags & MSG_MORE) != 0 && !wire.closed_) {
       active->holdBack(wire, bytes);
@@ -483,6 +506,14 @@ std::uint64_t SimulatedKernel::nextArrival(const pollfd* entries, nfds_t count) 
 }
 
 int SimulatedKernel::await(pollfd* entries, nfds_t count, int timeout) {
+  const std::uint64_t begun = now_;
+  const int found = pass(entries, count, timeout);
+  if (count != 0) longestWait_ = std::max(longestWait_, now_ - begun);
+  return found;
+}
+
+/// Lets the time pass until something is found or the time is over.
+int SimulatedKernel::pass(pollfd* entries, nfds_t count, int timeout) {
   const std::uint64_t end =
       timeout < 0 ? kNever : now_ + static_cast<std::uint64_t>(timeout) * kNanosPerMilli;
   for (;;) {
@@ -513,13 +544,13 @@ int SimulatedKernel::await(pollfd* entries, nfds_t count, int timeout) {
 
 /// Ends a wait that nothing would end.
 void SimulatedKernel::breakOff(Wire& wire) {
-  waitedForever_ = true;
+  ++waitsForever_;
   wire.stalled_ = false;
   wire.die(wire.state_ == Wire::State::Established ? ECONNRESET : ETIMEDOUT);
 }
 
 ssize_t SimulatedKernel::deliver(Wire& wire, char* out, std::size_t length, bool keep) {
-  if (options_.receiveMost) length = std::min(length, options_.receiveMost());
+  if (options_.maxReceive) length = std::min(length, options_.maxReceive());
   std::size_t count = 0;
   while (wire.arrived_ != 0 && count < length) {
     const auto& front = wire.arrivals_.front();
@@ -528,6 +559,7 @@ ssize_t SimulatedKernel::deliver(Wire& wire, char* out, std::size_t length, bool
     count += piece;
     if (keep) break;
     wire.take(piece);
+    bytesReceived_ += piece;
     if (!options_.receivesJoin) break;
   }
   if (count != 0 || wire.closed_) return static_cast<ssize_t>(count);
@@ -555,6 +587,7 @@ void SimulatedKernel::take(Wire& wire, std::string_view bytes) {
   if (wire.closed_) {
     // The kernel takes what goes to a peer that has closed; the reset comes back for it.
     wire.die(EPIPE);
+    peers_[wire.index_]->receivedAfterClose(wire, bytes);
   } else {
     peers_[wire.index_]->received(wire, bytes);
   }

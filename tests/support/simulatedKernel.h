@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "tests/support/faultPlan.h"
@@ -29,6 +30,8 @@ class Wire {
   void send(std::string_view bytes, std::uint64_t delay = 0, bool extra = false);
   void close(std::uint64_t delay = 0);
   void reset(std::uint64_t delay = 0);
+  /// Does nothing more, whatever the client does.
+  void fallSilent() { ended_ = true; }
   /// Extra bytes that would arrive later than so many nanoseconds from now never do.
   void withdrawExtra(std::uint64_t delay);
 
@@ -41,6 +44,10 @@ class Wire {
   std::size_t taken() const { return taken_; }
   /// The client has received every byte that was sent.
   bool drained() const { return awaited_ + extra_ == 0; }
+  /// Extra bytes have arrived, received by the client or not.
+  bool extraArrived() const;
+  /// A number for what is on its way to the client: what it is, how much, and when it comes.
+  std::size_t fingerprint() const;
 
  private:
   friend class SimulatedKernel;
@@ -75,6 +82,7 @@ class Wire {
   std::size_t arrived_ = 0;  // how many of them can be received
   std::size_t awaited_ = 0;  // bytes in all of them
   std::size_t extra_ = 0;
+  bool extraReceived_ = false;
   bool ended_ = false;    // the peer does nothing more
   bool closed_ = false;   // its close has arrived
   bool dead_ = false;     // a reset has arrived, or the connection could not be made
@@ -91,6 +99,8 @@ class SimulatedPeer {
   virtual ~SimulatedPeer() = default;
   virtual void accepted(Wire&) {}
   virtual void received(Wire& wire, std::string_view bytes) = 0;
+  /// What the client wrote after the peer's close had arrived. It gets a reset for it.
+  virtual void receivedAfterClose(Wire&, std::string_view) {}
   virtual void closed(Wire&) {}
 };
 
@@ -105,7 +115,7 @@ class SimulatedKernel {
   struct Options {
     std::uint64_t clockStep = 1000;
     std::size_t clockFailsFrom = kUnlimited;  // that look at the clock on
-    std::size_t mostSockets = kUnlimited;
+    std::size_t maxSockets = kUnlimited;
 
     std::vector<std::string> addresses{};  // those of every name; empty: the system's own answer
     unsigned int resolveMillis = 0;        // what each look-up takes
@@ -115,13 +125,13 @@ class SimulatedKernel {
     int connectError = 0;
     bool neverAccepts = false;
 
-    bool receivesJoin = false;                 // one receive may get several of the peer's pieces
-    std::function<std::size_t()> receiveMost;  // bytes that the next receive gets; null: all
+    bool receivesJoin = false;                // one receive may get several of the peer's pieces
+    std::function<std::size_t()> maxReceive;  // bytes that the next receive gets; null: all
 
-    bool writesWait = false;             // a write that must not wait finds room only after a poll
-    std::size_t window = kUnlimited;     // bytes that a connection takes in all
-    std::size_t writeMost = kUnlimited;  // bytes that one write moves
-    unsigned int writeMillis = 0;        // what each write takes, however little it moves
+    bool writesWait = false;            // a write that must not wait finds room only after a poll
+    std::size_t window = kUnlimited;    // bytes that a connection takes in all
+    std::size_t maxWrite = kUnlimited;  // bytes that one write moves
+    unsigned int writeMillis = 0;       // what each write takes, however little it moves
 
     std::function<void()> beforeCall;
   };
@@ -149,7 +159,12 @@ class SimulatedKernel {
   std::size_t misusedDescriptors() const { return misused_; }
   /// True when a client waited without a limit for what would never come. The wait ended by a
   /// reset.
-  bool waitedForever() const { return waitedForever_; }
+  bool waitedForever() const { return waitsForever_ != 0; }
+  std::size_t waitsForever() const { return waitsForever_; }
+  /// The longest wait on a socket since the last call of this, in NANOSECONDS.
+  std::uint64_t takeLongestWait() { return std::exchange(longestWait_, 0); }
+  /// How many bytes all receives have brought.
+  std::uint64_t bytesReceived() const { return bytesReceived_; }
 
   /// NANOSECONDS of the simulated clock.
   std::uint64_t now() const { return now_; }
@@ -165,6 +180,7 @@ class SimulatedKernel {
   Wire* find(int fd);
   void establish(Wire& wire);
   int await(pollfd* entries, unsigned long count, int timeoutMillis);
+  int pass(pollfd* entries, unsigned long count, int timeoutMillis);
   bool arrive(Wire& wire, bool waits);
   short readiness(Wire& wire, short events, bool waits);
   std::uint64_t nextArrival(const pollfd* entries, unsigned long count);
@@ -184,7 +200,9 @@ class SimulatedKernel {
   std::vector<std::unique_ptr<SimulatedPeer>> peers_;
   std::vector<std::uint64_t> connectTimes_;
   std::size_t misused_ = 0;
-  bool waitedForever_ = false;
+  std::size_t waitsForever_ = 0;
+  std::uint64_t longestWait_ = 0;
+  std::uint64_t bytesReceived_ = 0;
 };
 
 }  // namespace tq::test
