@@ -4,6 +4,7 @@
 #               which "..." stands for anything. All blocks of a document share one directory and
 #               one shell. The ports 4480 and 4481 stand for free ones.
 #   ```cpp      a program: compiled against the installed tree and run where the consoles ran
+#   ```c        C99 that needs libkrucapi alone: compiled, and one with a `main` is run as well
 #   ```cmake    what such a program's project needs: it builds the document's program
 #   ```sh       commands that build or install, and are run elsewhere: they must exist
 #   ```         anything else, and ```text: not a command
@@ -136,25 +137,63 @@ check_consoles() {
 
 programs_built=0
 
+# write_programs DOCUMENT LANGUAGE: each block into a file that names the ports of the document's
+# server.
+write_programs() {
+  local program
+  blocks "$source/$1" "$2" | awk -v prefix="$room/program" -v end=".$2" '
+    BEGIN { n = 1 } /^\f$/ { close(prefix n end); ++n; next } { print >(prefix n end) }'
+  for program in "$room"/program*."$2"; do
+    [ -e "$program" ] || return 0
+    [ -e "$room/ports" ] || fail "$1: no console starts a server for its program"
+    sed -i -e "s/\b4480\b/$(cd "$room" && . "$work/programs" && actual_port 4480)/" \
+      -e "s/\b4481\b/$(cd "$room" && . "$work/programs" && actual_port 4481)/" "$program"
+  done
+}
+
+# build_program DOCUMENT PACKAGE OUTPUT OPTION...: compiles against the installed tree.
+build_program() {
+  local document=$1 package=$2 output=$3 flags
+  shift 3
+  read -ra flags <<<"$(pkg-config --cflags --libs "$package")"
+  "$compiler" -Wall -Wextra -Werror "$@" -x none -o "$output" "${flags[@]}" \
+    -Wl,-rpath,"$(pkg-config --variable=libdir "$package")" ||
+    fail "$document: the program does not compile"
+  programs_built=$((programs_built + 1))
+}
+
 # The document's programs, which talk to the server of its consoles, and its project.
 check_programs() {
-  local document=$1 program found flags
-  blocks "$source/$document" cpp | awk -v prefix="$room/program" '
-    BEGIN { n = 1 } /^\f$/ { close(prefix n ".cpp"); ++n; next } { print >(prefix n ".cpp") }'
-  read -ra flags <<<"$(pkg-config --cflags --libs krucomm)"
+  local document=$1 program found
+  write_programs "$document" cpp
   for program in "$room"/program*.cpp; do
     [ -e "$program" ] || return 0
-    [ -e "$room/ports" ] || fail "$document: no console starts a server for its program"
-    sed -i "s/\b4480\b/$(sed -n 's/^listening http .*://p' "$room/ports")/" "$program"
-    "$compiler" -std=c++20 -Wall -Wextra -Werror "$program" -o "${program%.cpp}" "${flags[@]}" \
-      -Wl,-rpath,"$(pkg-config --variable=libdir krucomm)" ||
-      fail "$document: the program does not compile"
+    build_program "$document" krucomm "${program%.cpp}" -std=c++20 "$program"
     found=$("${program%.cpp}" 2>&1) || fail "$document: the program fails: $found"
     [[ $found == base64:* ]] || fail "$document: the program finds nothing: $found"
-    programs_built=$((programs_built + 1))
   done
   check_project "$document"
 }
+
+check_c_programs() {
+  local document=$1 program found flags c99=(-x c -std=c99 -pedantic)
+  write_programs "$document" c
+  for program in "$room"/program*.c; do
+    [ -e "$program" ] || return 0
+    if ! grep -q '^int main(' "$program"; then
+      read -ra flags <<<"$(pkg-config --cflags krucapi)"
+      "$compiler" -Wall -Wextra -Werror "${c99[@]}" -fsyntax-only "${flags[@]}" "$program" ||
+        fail "$document: the part of a program does not compile"
+      continue
+    fi
+    build_program "$document" krucapi "${program%.c}" "${c99[@]}" "$program"
+    found=$("${program%.c}" 2>&1) || fail "$document: the program fails: $found"
+    grep -qF "prints \`$found\`" "$source/$document" ||
+      fail "$document: the program prints something else: $found"
+    c_programs_run=$((c_programs_run + 1))
+  done
+}
+c_programs_run=0
 
 check_project() {
   local block
@@ -200,8 +239,10 @@ for document in README.md docs/*.md; do
     cp "tests/docs/$(basename "$document" .md).jsonl" "$room/library.jsonl"
   check_consoles "$document"
   check_programs "$document"
+  check_c_programs "$document"
   check_commands "$document"
   stop_servers
 done
-[ "$commands_run" -gt 20 ] && [ "$programs_built" -gt 0 ] || fail "nothing was found to check"
+[ "$commands_run" -gt 20 ] && [ "$programs_built" -gt 1 ] && [ "$c_programs_run" -gt 0 ] ||
+  fail "nothing was found to check"
 echo "$commands_run commands and $programs_built programs are as the documents show them"
