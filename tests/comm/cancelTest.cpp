@@ -3,7 +3,6 @@
 // is left of any of them, and the request behind it gets its own answer.
 
 #include <gtest/gtest.h>
-#include <poll.h>
 
 #include <filesystem>
 #include <memory>
@@ -11,13 +10,13 @@
 #include <vector>
 
 #include "comm/kruDrestoPerfClient.h"
-#include "infra/oss/kruSystemCalls.h"
 #include "tests/comm/faultExchange.h"
 #include "tests/comm/faultNetwork.h"
 #include "tests/support/binaryReplies.h"
 #include "tests/support/countedMemory.h"
 #include "tests/support/exchange.h"
 #include "tests/support/scriptedServer.h"
+#include "tests/support/waitingHost.h"
 
 namespace {
 
@@ -27,20 +26,6 @@ using tq::comm::RequestOutcome;
 
 constexpr auto kCancelledId = "ERR_CLIENT_CANCELLED";
 constexpr std::size_t kCancelsOfEachProtocol = 4000;
-
-/// Waits as the system does, until it is told to give up.
-struct Host {
-  std::size_t waits = 0;
-  std::size_t giveUpAt = 0;  // the wait of this number; 0: none
-
-  static tq::oss::WaitResult wait(void* host, int fd, short events, int timeoutMillis) noexcept {
-    auto& self = *static_cast<Host*>(host);
-    if (++self.waits == self.giveUpAt) return tq::oss::WaitResult::GiveUp;
-    pollfd entry{fd, events, 0};
-    const int ready = tq::oss::systemCalls().poll(&entry, fd < 0 ? 0U : 1U, timeoutMillis);
-    return ready > 0 ? tq::oss::WaitResult::Ready : tq::oss::WaitResult::TimedOut;
-  }
-};
 
 /// What is cancelled: requests one after the other, until one fails.
 struct Work {
@@ -83,18 +68,18 @@ class Cancels : public testing::TestWithParam<Protocol> {
     auto client = clientOf(GetParam());
     client->setNumRetries(3);
     client->setRetryPause(100, 1000);
-    Host host;
-    client->setWaitHook(&Host::wait, &host);
+    WaitingHost host;
+    client->setWaitHook(&WaitingHost::wait, &host);
     if (kept && !work.pauses) expectItsOwnAnswer(*client, network);
     client->useBufferedConnection(work.batched);
-    host = Host{0, wait};
+    host = WaitingHost{0, wait};
     const Ran ran = run(*client, work);
     if (host.waits < wait) return false;
     EXPECT_EQ(ran.errorId, kCancelledId);
     EXPECT_EQ(host.waits, wait) << "nothing is repeated, and nothing waited for any more";
     EXPECT_FALSE(client->isConnected());
     EXPECT_EQ(network.openDescriptors(), 0U);
-    host = Host();
+    host = WaitingHost();
     network.options().connectError = 0;
     expectItsOwnAnswer(*client, network);
     expectItsOwnAnswer(*client, network);
@@ -200,16 +185,16 @@ class RealCancels : public testing::TestWithParam<bool> {
   static Outcome search(CorvaneRESTClient& client) { return runExchange(client, kStreamSearch); }
 };
 
-void RunRounds(CorvaneRESTClient& client, Host& host, std::size_t rounds, std::size_t first,
+void RunRounds(CorvaneRESTClient& client, WaitingHost& host, std::size_t rounds, std::size_t first,
                Outcome (*search)(CorvaneRESTClient&)) {
   for (std::size_t round = first; round < first + rounds; ++round) {
     SCOPED_TRACE(round);
     for (int cancelled = 0; cancelled < 2; ++cancelled) {
-      host = Host{0, 1};
+      host = WaitingHost{0, 1};
       EXPECT_EQ(search(client).errorId, kCancelledId);
       EXPECT_FALSE(client.isConnected());
     }
-    host = Host();
+    host = WaitingHost();
     const Outcome seen = search(client);
     EXPECT_EQ(seen.errorId, "");
     ASSERT_EQ(seen.hits.size(), 1U);
@@ -227,8 +212,8 @@ TEST_P(RealCancels, LeaveNoDescriptorAndNoMemory) {
     auto client =
         clientOf(binary() ? Protocol::BinaryReassembled : Protocol::Http, true, server.port());
     client->setNumRetries(3);
-    Host host;
-    client->setWaitHook(&Host::wait, &host);
+    WaitingHost host;
+    client->setWaitHook(&WaitingHost::wait, &host);
     RunRounds(*client, host, 20, 0, &RealCancels::search);
     const long live = liveBlocks();
     RunRounds(*client, host, kRounds - 20, 20, &RealCancels::search);

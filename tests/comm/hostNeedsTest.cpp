@@ -2,7 +2,6 @@
 // keeping a queue on one connection, limits for one call.
 
 #include <gtest/gtest.h>
-#include <poll.h>
 
 #include <memory>
 #include <string>
@@ -10,12 +9,12 @@
 
 #include "comm/kruClientRequest.h"
 #include "comm/kruDrestoPerfClient.h"
-#include "infra/oss/kruSystemCalls.h"
 #include "tests/support/binaryReplies.h"
 #include "tests/support/exchange.h"
 #include "tests/support/replyCorpus.h"
 #include "tests/support/script.h"
 #include "tests/support/scriptedNetwork.h"
+#include "tests/support/waitingHost.h"
 
 namespace {
 
@@ -30,20 +29,6 @@ constexpr int kUpdateIndex = tq::comm::ClientRequest::UPDATE_INDEX;
 constexpr auto kCancelledId = "ERR_CLIENT_CANCELLED";
 constexpr auto kSendId = "ERR_SERVER_COMM_SEND";
 constexpr auto kTimeOutId = "ERR_SERVER_COMM_TIMEOUT";
-
-/// Waits as the system does, until it is told to give up.
-struct Host {
-  std::size_t waits = 0;
-  std::size_t giveUpAt = 0;  // the wait of this number; 0: none
-
-  static tq::oss::WaitResult wait(void* host, int fd, short events, int timeoutMillis) noexcept {
-    auto& self = *static_cast<Host*>(host);
-    if (++self.waits == self.giveUpAt) return tq::oss::WaitResult::GiveUp;
-    pollfd entry{fd, events, 0};
-    const int ready = tq::oss::systemCalls().poll(&entry, fd < 0 ? 0U : 1U, timeoutMillis);
-    return ready > 0 ? tq::oss::WaitResult::Ready : tq::oss::WaitResult::TimedOut;
-  }
-};
 
 class HostNeeds : public testing::TestWithParam<bool> {
  protected:
@@ -91,8 +76,8 @@ TEST_P(HostNeeds, AWaitThatIsGivenUpEndsTheExchangeWhereverItIs) {
     ScriptedNetwork network(server.awaitClose(), ScriptedNetwork::Arrival::OnDemand);
     auto client = makeClient();
     client->setNumRetries(3);
-    Host host{0, giveUpAt};
-    client->setWaitHook(&Host::wait, &host);
+    WaitingHost host{0, giveUpAt};
+    client->setWaitHook(&WaitingHost::wait, &host);
     const std::string error = errorOfExchange(*client, kGetStatus);
     if (host.waits < giveUpAt) {
       EXPECT_EQ(error, "");
@@ -115,8 +100,8 @@ TEST_P(HostNeeds, APauseBetweenAttemptsCanBeGivenUp) {
   auto client = makeClient();
   client->setNumRetries(1);
   client->setRetryPause(60000, 60000);
-  Host host;
-  client->setWaitHook(&Host::wait, &host);
+  WaitingHost host;
+  client->setWaitHook(&WaitingHost::wait, &host);
   // The reply's end is there without a wait, so that the first wait is the pause.
   host.giveUpAt = 1;
   EXPECT_EQ(errorOfExchange(*client, kGetStatus), kCancelledId);
@@ -127,8 +112,8 @@ TEST_P(HostNeeds, APauseBetweenAttemptsCanBeGivenUp) {
 TEST_P(HostNeeds, AHookHasAWaitWithoutAnyLimit) {
   ScriptedNetwork network(silent());
   auto client = makeClient();
-  Host host{0, 1};
-  client->setWaitHook(&Host::wait, &host);
+  WaitingHost host{0, 1};
+  client->setWaitHook(&WaitingHost::wait, &host);
   EXPECT_EQ(errorOfExchange(*client, kGetStatus), kCancelledId);
   EXPECT_FALSE(network.waitedForever());
 }
