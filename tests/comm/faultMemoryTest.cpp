@@ -4,10 +4,8 @@
 // bogus and reads as an empty one, which must never be sent, nor taken for what the server said.
 
 #include <gtest/gtest.h>
-#include <unicode/uclean.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <memory>
 #include <new>
 #include <optional>
@@ -22,101 +20,8 @@
 #include "infra/util/kruExtendedProperties.h"
 #include "tests/comm/faultExchange.h"
 #include "tests/comm/faultNetwork.h"
+#include "tests/support/countedMemory.h"
 #include "tests/support/exchange.h"
-
-namespace {
-
-enum class Source { Objects, Texts };
-
-// Which allocation of this thread fails, counted from 1 while counting is on.
-struct Memory {
-  bool counting = false;
-  Source source = Source::Objects;
-  bool lasting = false;  // all further ones fail, too
-  long failing = 0;      // none
-  long count = 0;
-  long live = 0;
-};
-thread_local Memory memory;
-
-bool mustFail(Source source) noexcept {
-  if (!memory.counting || source != memory.source) return false;
-  const long at = ++memory.count;
-  return memory.failing != 0 && (at == memory.failing || (memory.lasting && at > memory.failing));
-}
-
-void* allocate(std::size_t size, std::size_t alignment) noexcept {
-  if (mustFail(Source::Objects)) return nullptr;
-  void* block = alignment == 0
-                    ? std::malloc(size != 0 ? size : 1)
-                    : std::aligned_alloc(alignment, (size + alignment - 1) / alignment * alignment);
-  if (block != nullptr) ++memory.live;
-  return block;
-}
-
-void* allocateOrThrow(std::size_t size, std::size_t alignment) {
-  void* block = allocate(size, alignment);
-  if (block == nullptr) throw std::bad_alloc();
-  return block;
-}
-
-void release(void* block) noexcept {
-  if (block != nullptr) --memory.live;
-  std::free(block);
-}
-
-void* allocateText(const void*, std::size_t size) noexcept {
-  if (mustFail(Source::Texts)) return nullptr;
-  void* block = std::malloc(size);
-  if (block != nullptr) ++memory.live;
-  return block;
-}
-
-void* reallocateText(const void*, void* block, std::size_t size) noexcept {
-  if (mustFail(Source::Texts)) return nullptr;
-  void* moved = std::realloc(block, size);
-  if (block == nullptr && moved != nullptr) ++memory.live;
-  return moved;
-}
-
-void releaseText(const void*, void* block) noexcept {
-  if (block != nullptr) --memory.live;
-  std::free(block);
-}
-
-// Before anything else uses ICU, so that each of its blocks is released by the function above.
-[[gnu::init_priority(101)]] const struct TextMemory {
-  TextMemory() {
-    UErrorCode status = U_ZERO_ERROR;
-    u_setMemoryFunctions(nullptr, allocateText, reallocateText, releaseText, &status);
-    if (U_FAILURE(status)) std::abort();
-  }
-} textMemory;
-
-std::size_t unitOf(std::align_val_t alignment) { return static_cast<std::size_t>(alignment); }
-
-}  // namespace
-
-void* operator new(std::size_t size) { return allocateOrThrow(size, 0); }
-void* operator new[](std::size_t size) { return allocateOrThrow(size, 0); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate(size, 0); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return allocate(size, 0); }
-void* operator new(std::size_t size, std::align_val_t alignment) {
-  return allocateOrThrow(size, unitOf(alignment));
-}
-void* operator new[](std::size_t size, std::align_val_t alignment) {
-  return allocateOrThrow(size, unitOf(alignment));
-}
-void operator delete(void* block) noexcept { release(block); }
-void operator delete[](void* block) noexcept { release(block); }
-void operator delete(void* block, std::size_t) noexcept { release(block); }
-void operator delete[](void* block, std::size_t) noexcept { release(block); }
-void operator delete(void* block, std::align_val_t) noexcept { release(block); }
-void operator delete[](void* block, std::align_val_t) noexcept { release(block); }
-void operator delete(void* block, std::size_t, std::align_val_t) noexcept { release(block); }
-void operator delete[](void* block, std::size_t, std::align_val_t) noexcept { release(block); }
-void operator delete(void* block, const std::nothrow_t&) noexcept { release(block); }
-void operator delete[](void* block, const std::nothrow_t&) noexcept { release(block); }
 
 namespace {
 
@@ -129,24 +34,7 @@ constexpr unsigned int kMark = 200;
 constexpr unsigned int kNextMark = 300;
 constexpr long kNever = 1000000000;
 
-/// Allocations count, and may fail, while one lives.
-class Scarcity {
- public:
-  Scarcity(Source source, long failing, bool lasting) {
-    memory.source = source;
-    memory.failing = failing;
-    memory.lasting = lasting;
-    memory.count = 0;
-    memory.counting = true;
-    FaultNetwork::tellOfWork([](bool begins) { memory.counting = !begins; });
-  }
-  ~Scarcity() {
-    memory.counting = false;
-    FaultNetwork::tellOfWork(nullptr);
-  }
-  Scarcity(const Scarcity&) = delete;
-  Scarcity& operator=(const Scarcity&) = delete;
-};
+using Source = ScarceMemory::Of;
 
 struct Seen {
   enum class End { Success, Library, BadAlloc, NoText, Other } end = End::Success;
@@ -168,12 +56,13 @@ void takeHits(ClientResponse& response, Seen& seen) {
 template <typename Operation>
 bool guarded(Source source, Seen& seen, long failing, bool lasting, Operation operation) {
   try {
-    const Scarcity scarcity(source, failing == 0 ? 0 : std::max(failing - seen.allocations, 1L),
-                            lasting);
+    const ScarceMemory scarcity(failing == 0 ? 0 : std::max(failing - seen.allocations, 1L),
+                                lasting, source);
     struct Note {
       Seen& seen;
-      ~Note() { seen.allocations += memory.count; }
-    } const note{seen};
+      const ScarceMemory& scarcity;
+      ~Note() { seen.allocations += scarcity.count(); }
+    } const note{seen, scarcity};
     operation();
     return true;
   } catch (const tq::comm::RESTException& error) {
@@ -276,7 +165,7 @@ struct Tally {
 
 /// Runs with the allocation failing; false when there is no such allocation.
 bool checkFailure(const Setting& setting, const MarkedRequest& marked, long failing, Tally& tally) {
-  const long before = memory.live;
+  const long before = liveBlocks();
   bool reached = false;
   {
     FaultNetwork network(optionsOf(setting.protocol), answererOf(setting.protocol));
@@ -302,7 +191,7 @@ bool checkFailure(const Setting& setting, const MarkedRequest& marked, long fail
     EXPECT_EQ(network.openDescriptors(), 0U);
     EXPECT_FALSE(network.waitedForever());
   }
-  EXPECT_TRUE(memory.live == before || failing == kNever) << "leaked";
+  EXPECT_TRUE(liveBlocks() == before || failing == kNever) << "leaked";
   return reached;
 }
 
@@ -367,7 +256,7 @@ TEST(TextMemoryOfProperties, ThatCannotBeHadLeavesTheSetAsItWas) {
       properties.putProperty(present, u"value");
       const icu::UnicodeString& value = longName && name == &longer ? present : longer;
       {
-        const Scarcity scarcity(Source::Texts, 1, true);
+        const ScarceMemory scarcity(1, true, Source::Texts);
         EXPECT_THROW(properties.putProperty(*name, value), tq::oss::NLSException);
       }
       EXPECT_EQ(properties.size(), 1U);

@@ -64,10 +64,6 @@ class FaultNetwork {
   bool waitedForever() const { return kernel_.waitedForever(); }
   std::uint64_t nowNanos() const { return kernel_.now(); }
 
-  /// The listener is told when the network itself begins to work and when the code under test goes
-  /// on, for tests that fail only the latter's allocations. Null, the default, means none.
-  static void tellOfWork(void (*listener)(bool begins)) { SimulatedKernel::tellOfWork(listener); }
-
  private:
   class AnsweringPeer;
 

@@ -10,8 +10,11 @@
 
 namespace {
 
+using tq::test::ScarceMemory;
+
 struct Memory {
   bool counting = false;
+  ScarceMemory::Of of = ScarceMemory::Of::All;
   bool lasting = false;
   long failing = 0;
   long count = 0;
@@ -19,10 +22,11 @@ struct Memory {
 };
 thread_local Memory memory;
 
-bool mustFail() noexcept {
-  if (!memory.counting) return false;
+bool mustFail(ScarceMemory::Of source) noexcept {
+  const bool counts = memory.of == source || memory.of == ScarceMemory::Of::All;
+  if (!memory.counting || !counts) return false;
   const long at = ++memory.count;
-  return at == memory.failing || (memory.lasting && at > memory.failing);
+  return memory.failing != 0 && (at == memory.failing || (memory.lasting && at > memory.failing));
 }
 
 void* noted(void* block) noexcept {
@@ -30,13 +34,14 @@ void* noted(void* block) noexcept {
   return block;
 }
 
-void* allocate(std::size_t size) noexcept {
-  return mustFail() ? nullptr : noted(std::malloc(size != 0 ? size : 1));
+void* allocate(std::size_t size, ScarceMemory::Of source = ScarceMemory::Of::Objects) noexcept {
+  return mustFail(source) ? nullptr : noted(std::malloc(size != 0 ? size : 1));
 }
 
 void* allocateAligned(std::size_t size, std::align_val_t alignment) noexcept {
   const auto unit = static_cast<std::size_t>(alignment);
-  return mustFail() ? nullptr : noted(std::aligned_alloc(unit, (size + unit - 1) / unit * unit));
+  if (mustFail(ScarceMemory::Of::Objects)) return nullptr;
+  return noted(std::aligned_alloc(unit, (size + unit - 1) / unit * unit));
 }
 
 void* orThrow(void* block) {
@@ -49,10 +54,12 @@ void release(void* block) noexcept {
   std::free(block);
 }
 
-void* allocateText(const void*, std::size_t size) noexcept { return allocate(size); }
+void* allocateText(const void*, std::size_t size) noexcept {
+  return allocate(size, ScarceMemory::Of::Texts);
+}
 
 void* reallocateText(const void*, void* block, std::size_t size) noexcept {
-  if (mustFail()) return nullptr;
+  if (mustFail(ScarceMemory::Of::Texts)) return nullptr;
   void* moved = std::realloc(block, size);
   return block == nullptr ? noted(moved) : moved;
 }
@@ -95,7 +102,8 @@ namespace tq::test {
 
 long liveBlocks() { return memory.live; }
 
-ScarceMemory::ScarceMemory(long failing, bool lasting) {
+ScarceMemory::ScarceMemory(long failing, bool lasting, Of of) {
+  memory.of = of;
   memory.failing = failing;
   memory.lasting = lasting;
   memory.count = 0;

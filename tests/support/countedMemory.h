@@ -6,11 +6,14 @@ namespace tq::test {
 /// have countedMemory.cpp among their sources, which replaces the allocation functions.
 long liveBlocks();
 
-/// While one lives, one allocation of this thread fails, counted from 1, or it and all that follow.
-/// What the simulated kernel allocates is not counted.
+/// While one lives, one allocation of this thread fails, counted from 1, or it and all that follow;
+/// 0: none. What the simulated kernel allocates is not counted.
 class ScarceMemory {
  public:
-  ScarceMemory(long failing, bool lasting);
+  /// Which allocations count: those of objects by `new`, those of texts by ICU, or both.
+  enum class Of { Objects, Texts, All };
+
+  ScarceMemory(long failing, bool lasting, Of of = Of::All);
   ~ScarceMemory();
   ScarceMemory(const ScarceMemory&) = delete;
   ScarceMemory& operator=(const ScarceMemory&) = delete;
