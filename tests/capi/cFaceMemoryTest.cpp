@@ -7,8 +7,8 @@
 #include <string>
 
 #include "capi/kru.h"
-#include "tests/capi/cFaceReplies.h"
 #include "tests/support/countedMemory.h"
+#include "tests/support/protocolReplies.h"
 #include "tests/support/scriptedNetwork.h"
 
 namespace {

@@ -13,7 +13,7 @@
 #include "comm/kruStaticDefs.h"
 #include "comm/kruVersion.h"
 #include "infra/oss/kruSystemCalls.h"
-#include "tests/capi/cFaceReplies.h"
+#include "tests/support/protocolReplies.h"
 #include "tests/support/scriptedNetwork.h"
 
 #if defined(__SANITIZE_ADDRESS__)

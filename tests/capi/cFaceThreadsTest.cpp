@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "capi/kru.h"
-#include "tests/capi/cFaceReplies.h"
+#include "tests/support/protocolReplies.h"
 #include "tests/support/scriptedServer.h"
 
 namespace {

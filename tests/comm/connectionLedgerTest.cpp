@@ -214,6 +214,12 @@ TEST_P(ConnectionLedger, AQuestionByHandDuringAStreamLeavesItsReplyToNobody) {
   expectTheNextExchangeToGetItsOwnReply();
 }
 
+TEST_P(ConnectionLedger, AnAdditionByHandDoesNotMakeAnOpenStreamForgotten) {
+  stream(kFirst);
+  EXPECT_EQ(send(kAsynchAddDocument, Peer::Answers).errorId, "");
+  expectTheNextExchangeToGetItsOwnReply();
+}
+
 TEST_P(ConnectionLedgerOverHttp, TheReplyToOneQuestionByHandIsReceived) {
   exchange(kCreateCollection, Peer::Answers);
   EXPECT_EQ(send(kCreateCollection, Peer::Answers).errorId, "");

@@ -19,6 +19,7 @@
 #include "infra/oss/kruMessageList.h"
 #include "tests/comm/faultExchange.h"
 #include "tests/comm/faultNetwork.h"
+#include "tests/support/scriptedNetwork.h"
 #include "tests/support/scriptedServer.h"
 
 namespace {
@@ -449,6 +450,20 @@ TEST(DeadlineOverHttp, BoundsAllPortionsThatOneCallPullsTogether) {
   EXPECT_GT(timeouts, 0U);
   EXPECT_EQ(response.getSearchResponse().count(), resultsOf(Protocol::Http, marked).size());
   EXPECT_FALSE(client->isTruncated());
+}
+
+TEST(DeadlineOverHttp, EndsAReplyWhoseBytesAreAlwaysThere) {
+  // The clock moves a microsecond at each look, and no wait ever finds nothing.
+  ScriptedNetwork network(Script()
+                              .expectRequest()
+                              .send("HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n")
+                              .send(std::string(100000, 'b'), 1)
+                              .awaitClose());
+  const auto client = clientOf(Protocol::Http);
+  client->setNumRetries(0);
+  client->setDeadline(1);
+  EXPECT_EQ(runMarked(*client, {kCreateCollection}).errorId, "ERR_SERVER_COMM_TIMEOUT");
+  EXPECT_LT(network.receives(), 10000u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, Deadline,

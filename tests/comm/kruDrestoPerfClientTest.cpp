@@ -2,17 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <new>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "comm/kruDrestoPerfClient.h"
-#include "comm/kruFunctionIds.h"
 #include "comm/kruRESTException.h"
 #include "infra/oss/kruNLSException.h"
-#include "infra/oss/kruTrace.h"
 #include "tests/comm/binaryFixture.h"
 #include "tests/support/raised.h"
 #include "tests/support/scriptedServer.h"
@@ -101,17 +98,6 @@ TEST(DrestoPerfClient, TakesAddressesThatWereResolvedBeforehand) {
   network.failLookups();
   DrestoPerfClient client(u"no.such.host", 7, addresses);
   EXPECT_EQ(exchange(client, 1), Raised());
-}
-
-TEST(DrestoPerfClient, RetriesOnceUnlessToldOtherwise) {
-  for (const unsigned int retries : {0U, 1U, 3U}) {
-    ScriptedNetwork network(Script().expectFramedRequest());
-    auto client = binaryClient();
-    if (retries != 1) client.setNumRetries(retries);
-    EXPECT_EQ(exchange(client, kStreamSearch), kNoReply);
-    EXPECT_EQ(network.requests(), retries + 1);
-    EXPECT_EQ(network.connections(), retries + 1);
-  }
 }
 
 // Reading.
@@ -249,33 +235,6 @@ TEST(DrestoPerfClient, AnEstimatesPortionsClearNoHitsThatTheResponseHolds) {
   EXPECT_EQ(exchange(client, kSelectivity, response), Raised());
   EXPECT_TRUE(client.isEndOfStream());
   EXPECT_EQ(response.getSearchResponse().count(), 1U);
-}
-
-TEST(DrestoPerfClient, TheSinglePullReplacesThePortionThatTheExchangeBrought) {
-  ScriptedNetwork network(segments({kOk + plainHit("a") + plainHit("b"), plainHit("c"),
-                                    plainHit("d") + endOfResults()}),
-                          kOnDemand);
-  auto client = binaryClient();
-  ClientResponse response;
-  EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
-  ASSERT_EQ(response.getSearchResponse().count(), 2U);
-  response.getSearchResponse(client, false);
-  EXPECT_EQ(idsHeld(response), ids({"c"})) << "whether its hits were taken or not";
-}
-
-TEST(DrestoPerfClient, ANewExchangeEmptiesTheListsOfStreamedHitsAndParseResultsAlone) {
-  for (const int kind : {kStreamSearch, kParseResult, kScalarSearch}) {
-    const auto reply = kOk + (kind == kParseResult ? row("a") : plainHit("a")) + endOfResults();
-    ScriptedNetwork network(
-        Script().expectFramedRequest().send(reply).expectFramedRequest().send(reply).awaitClose());
-    auto client = binaryClient();
-    ClientResponse response;
-    EXPECT_EQ(exchange(client, kind, response), Raised());
-    EXPECT_EQ(exchange(client, kind, response), Raised());
-    EXPECT_EQ(response.getResultCount(), 1) << "counted from the exchange on";
-    EXPECT_EQ(response.getSearchResponse().count() + response.getParseResponse().count(),
-              kind == kScalarSearch ? 2U : 1U);
-  }
 }
 
 TEST(DrestoPerfClient, TheListsAreEmptiedBeforeTheHeaderIsAwaited) {
@@ -542,6 +501,22 @@ TEST(DrestoPerfClient, WithReassemblyAReplyThatBreaksOffIsAReceiveError) {
   EXPECT_EQ(network.requests(), 1U) << "portions are not repeated";
 }
 
+TEST(DrestoPerfClient, WithReassemblyAStreamThatLostItsConnectionIsAReceiveError) {
+  ScriptedNetwork network(
+      {Script().expectFramedRequest().send(kOk + plainHit("first") + word16(1)).awaitClose(),
+       Script().send(word16(2) + "xx").awaitClose()});
+  auto client = binaryClient();
+  client.setReassembly(true);
+  auto search = requestFor(kStreamSearch);
+  ClientResponse response;
+  client.sendAndRecvMesg(search, response);
+  client.close();
+  client.open();
+  EXPECT_EQ(errorOf([&] { client.recv(response); }).errorId, "ERR_SERVER_COMM_RECV");
+  EXPECT_TRUE(idsHeld(response).empty());
+  EXPECT_TRUE(client.isTruncated());
+}
+
 TEST(DrestoPerfClient, ABrokenConnectionIsAnUnknownErrorWithoutReassembly) {
   ScriptedNetwork network(Script().expectFramedRequest().reset());
   auto client = binaryClient();
@@ -564,43 +539,6 @@ TEST(DrestoPerfClient, AConnectionThatBreaksBetweenPortionsIsAnUnknownErrorWitho
 }
 
 // Failures of the client itself.
-
-TEST(DrestoPerfClient, ARefusedConnectionNamesHostAndPort) {
-  ScriptedNetwork network(Script().awaitClose());
-  network.failConnects(ECONNREFUSED);
-  auto client = binaryClient();
-  const auto raised = exchange(client, 1);
-  ASSERT_FALSE(raised.empty());
-  EXPECT_EQ(raised.front().id, "ERR_CONNECT_SERVER");
-  EXPECT_EQ(raised.front().arguments, kHostAndPort);
-  EXPECT_EQ(network.connectAttempts(), 2U) << "repeated";
-}
-
-/// A host whose trace facility closes the client as soon as it has opened its connection.
-class ClosingFacility : public tq::oss::TraceFacility {
- public:
-  explicit ClosingFacility(CorvaneRESTClient& client) : client_(client) {
-    tq::oss::setTraceFacility(this);
-  }
-  ~ClosingFacility() override { tq::oss::setTraceFacility(nullptr); }
-  unsigned long getComponentTraceFlags(unsigned int) override { return 2; }
-  void traceEntry(unsigned int) override {}
-  void traceExit(unsigned int functionId, long) override {
-    if (functionId == tq::comm::trace::CorvaneClientOpen) client_.close();
-  }
-
- private:
-  CorvaneRESTClient& client_;
-};
-
-TEST(DrestoPerfClient, AConnectionThatIsNotUpAfterOpeningIsAConnectError) {
-  ScriptedNetwork network(answer(kOk));
-  auto client = binaryClient();
-  const ClosingFacility facility(client);
-  EXPECT_EQ(exchange(client, 1), (Raised{{"ERR_CONNECT_SERVER", kFile, 68, kHostAndPort}}));
-  EXPECT_EQ(network.connectAttempts(), 2U) << "repeated";
-  EXPECT_EQ(network.writes(), 0U);
-}
 
 /// A client one of whose steps fails in a way that the library does not know.
 class FailingClient : public DrestoPerfClient {
@@ -680,6 +618,28 @@ TEST(DrestoPerfClient, AParseResultWithoutItsDocumentIsAnUnknownError) {
   auto client = binaryClient();
   EXPECT_EQ(exchange(client, kParseResult),
             (Raised{{"ERR_CLIENT_INTERNAL", kFile, 113, {kUnknownError}}}));
+}
+
+TEST(DrestoPerfClient, APortionWithARecordThatIsNoParseResultEndsTheStream) {
+  const std::string good = row("d1");
+  ScriptedNetwork network(Script()
+                              .expectFramedRequest()
+                              .send(kOk + good)
+                              .send(good + envelope(1, record16({{"Other", "x"}})) + endOfResults())
+                              .awaitClose(),
+                          kOnDemand);
+  auto client = binaryClient();
+  auto request = requestFor(kParseResult);
+  ClientResponse response;
+  client.sendAndRecvMesg(request, response);
+  EXPECT_FALSE(client.isEndOfStream());
+
+  EXPECT_EQ(errorOf([&] { client.recv(response); }).errorId, "ERR_CLIENT_INTERNAL");
+  EXPECT_TRUE(client.isEndOfStream());
+  EXPECT_TRUE(client.isTruncated());
+  client.recv(response);
+  EXPECT_FALSE(network.waitedForever());
+  EXPECT_EQ(response.getParseResponse().count(), 0u);
 }
 
 // The order of calls.
@@ -864,13 +824,6 @@ TEST(DrestoPerfClient, SpeaksOverLoopbackAsInMemory) {
   EXPECT_EQ(server.connections(), 1U);
 }
 
-TEST(DrestoPerfClient, SpeaksWithAServerThatHasAnIpv6AddressAlone) {
-  ScriptedServer server({answer(nextBinaryReply().text)}, true);
-  DrestoPerfClient client(u"::1", server.port());
-  EXPECT_EQ(runBinary(client, nextBinaryReply().kind), nextBinaryReply().expected);
-  EXPECT_EQ(server.connections(), 1U);
-}
-
 TEST(DrestoPerfClient, SendsALargeBodyOverLoopback) {
   ScriptedServer server(answer(kOk));
   DrestoPerfClient client(u"127.0.0.1", server.port());
@@ -880,24 +833,6 @@ TEST(DrestoPerfClient, SendsALargeBodyOverLoopback) {
   EXPECT_TRUE(response.success());
   ASSERT_EQ(server.connection(0).requests.size(), 1U);
   EXPECT_EQ(server.connection(0).requests.front(), Framed(document.request).whole());
-}
-
-TEST(DrestoPerfClient, AClosedPortIsAConnectError) {
-  const RefusedPort refused;
-  DrestoPerfClient client(u"127.0.0.1", refused.port());
-  const auto raised = exchange(client, 1);
-  ASSERT_EQ(raised.size(), 2U) << "and what the system said";
-  EXPECT_EQ(raised.front().id, "ERR_CONNECT_SERVER");
-}
-
-TEST(DrestoPerfClient, ASilentServerIsATimeOutOverLoopback) {
-  ScriptedServer server(Script().expectFramedRequest().send(kOk).stall());
-  DrestoPerfClient client(u"127.0.0.1", server.port());
-  client.setTimeOut(50);
-  client.setNumRetries(0);
-  const auto raised = exchange(client, kStreamSearch);
-  ASSERT_EQ(raised.size(), 1U);
-  EXPECT_EQ(raised.front().id, "ERR_SERVER_COMM_TIMEOUT");
 }
 
 }  // namespace

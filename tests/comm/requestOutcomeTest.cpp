@@ -17,6 +17,9 @@
 #include "infra/util/kruExtendedProperties.h"
 #include "tests/comm/faultExchange.h"
 #include "tests/comm/faultNetwork.h"
+#include "tests/support/chunks.h"
+#include "tests/support/exchange.h"
+#include "tests/support/scriptedNetwork.h"
 
 namespace tq::comm {
 
@@ -217,6 +220,16 @@ TEST(GarbledOutcomes, AreUncertainBecauseWhatCameIsNoReply) {
   }
 }
 
+TEST(TruncatedOutcomes, OfParseResultsAreUncertain) {
+  const Reply& reply = replyNamed("ParseResultWithThreeRows");
+  const std::string one = reply.body.substr(0, reply.recordStarts[1]);
+  ScriptedNetwork network(Script().expectRequest().send(kChunkedHead + chunk(one)));
+  const auto client = clientOf(Protocol::Http);
+  EXPECT_EQ(runExchange(*client, kParseResult).errorId, "");
+  EXPECT_TRUE(client->isTruncated());
+  EXPECT_EQ(client->getRequestOutcome(), RequestOutcome::MayBeApplied);
+}
+
 TEST(BinaryCodeOutcomes, AreARefusalOnlyWhereTheServerSaysSo) {
   struct Code {
     std::string reply;
@@ -415,11 +428,11 @@ TEST_P(RetryPause, IsDrawnFromTheWholeOfItsRange) {
 }
 
 TEST_P(RetryPause, NeverGrowsBeyondWhatItsNumbersCanSay) {
-  constexpr auto kMost = std::numeric_limits<unsigned int>::max();
-  client->setRetryPause(kMost, kMost);
+  constexpr auto kMax = std::numeric_limits<unsigned int>::max();
+  client->setRetryPause(kMax, kMax);
   for (const double pause : pauses(3)) {
-    EXPECT_GE(pause, kMost / 2.0);
-    EXPECT_LE(pause, kMost + kRounding);
+    EXPECT_GE(pause, kMax / 2.0);
+    EXPECT_LE(pause, kMax + kRounding);
   }
 }
 

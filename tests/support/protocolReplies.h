@@ -3,7 +3,6 @@
 #include <string>
 #include <vector>
 
-#include "capi/kru.h"
 #include "tests/support/binaryReplies.h"
 #include "tests/support/replyCorpus.h"
 #include "tests/support/script.h"

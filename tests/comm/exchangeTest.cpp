@@ -1,0 +1,293 @@
+// What an exchange does whichever the protocol.
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "comm/kruClientResponse.h"
+#include "comm/kruDrestoPerfClient.h"
+#include "comm/kruFunctionIds.h"
+#include "comm/kruRESTMessage.h"
+#include "infra/oss/kruTrace.h"
+#include "tests/support/binaryReplies.h"
+#include "tests/support/exchange.h"
+#include "tests/support/protocolReplies.h"
+#include "tests/support/raised.h"
+#include "tests/support/script.h"
+#include "tests/support/scriptedNetwork.h"
+#include "tests/support/scriptedServer.h"
+
+namespace {
+
+using namespace tq::test;
+using tq::comm::ClientRequest;
+using tq::comm::ClientResponse;
+using tq::comm::CorvaneRESTClient;
+using tq::comm::DrestoPerfClient;
+using tq::comm::RequestOutcome;
+
+constexpr auto kOnDemand = ScriptedNetwork::Arrival::OnDemand;
+const std::vector<std::string> kHostAndPort{"127.0.0.1", "7"};
+
+class Exchange : public testing::TestWithParam<bool> {
+ protected:
+  static bool binary() { return GetParam(); }
+
+  static std::unique_ptr<CorvaneRESTClient> clientOf(const char16_t* host = u"127.0.0.1",
+                                                     unsigned int port = 7) {
+    if (binary()) return std::make_unique<DrestoPerfClient>(host, port);
+    return std::make_unique<CorvaneRESTClient>(host, port, true);
+  }
+
+  /// A peer that gives these answers in turn, then waits for the close.
+  Script answers(const std::vector<std::string>& texts) const {
+    Script script;
+    for (const std::string& text : texts) replies.expect(script).send(text);
+    return script.awaitClose();
+  }
+
+  static Raised exchange(CorvaneRESTClient& client, ClientRequest& request,
+                         ClientResponse& response) {
+    return raisedBy([&] { client.sendAndRecvMesg(request, response); });
+  }
+  static Raised exchange(CorvaneRESTClient& client, int kind, ClientResponse& response) {
+    auto request = requestFor(kind);
+    return exchange(client, request, response);
+  }
+  static Raised exchange(CorvaneRESTClient& client, int kind) {
+    ClientResponse response;
+    return exchange(client, kind, response);
+  }
+
+  static std::vector<std::string> idsHeld(ClientResponse& response) {
+    std::vector<std::string> ids;
+    auto& held = response.getSearchResponse();
+    while (held.hasMore()) ids.push_back(utf8(held.getNext().getDocId()));
+    return ids;
+  }
+
+  /// What a request without a document is on the wire.
+  static std::string bytesOf(ClientRequest& request) {
+    tq::comm::RESTMessage message(u"127.0.0.1", request);
+    const std::string header = message.getSerializedHeader();
+    return (binary() ? word16(static_cast<unsigned int>(header.size())) : "") + header;
+  }
+
+  void expectRefusedUnsent(ClientRequest& request, const char* reason) const {
+    ScriptedNetwork network(answers({replies.done()}));
+    const auto client = clientOf();
+    ClientResponse response;
+    const Raised raised = exchange(*client, request, response);
+    ASSERT_EQ(raised.size(), 1U);
+    EXPECT_EQ(raised[0].id, "ERR_CLIENT_INTERNAL");
+    EXPECT_EQ(raised[0].text, reason);
+    EXPECT_EQ(raised[0].arguments, kHostAndPort);
+    EXPECT_EQ(client->getRequestOutcome(), RequestOutcome::NotSent);
+    EXPECT_FALSE(response.success());
+    // `send` is no way around it.
+    client->open();
+    EXPECT_FALSE(raisedBy([&] { client->send(request); }).empty());
+    EXPECT_EQ(network.writes(), 0U);
+  }
+
+  Replies replies{GetParam()};
+};
+
+// What goes out.
+
+TEST_P(Exchange, ContentWithoutAKeyIsNotSent) {
+  ScriptedNetwork network(answers({replies.done()}));
+  const auto client = clientOf();
+  auto request = requestFor(kCreateCollection);
+  request.setContent({{u"title", u"one"}}, "content", 7);
+  ClientResponse response;
+  EXPECT_EQ(exchange(*client, request, response), Raised());
+  EXPECT_EQ(network.connection(0).received, bytesOf(request));
+  EXPECT_EQ(network.connection(0).received.find("content"), std::string::npos);
+  EXPECT_TRUE(response.success());
+}
+
+TEST_P(Exchange, AKeyWithoutMetadataIsRefusedBeforeAnythingIsSent) {
+  for (const int kind : {kAddDocument, kDeleteDocument, kAsynchAddDocument}) {
+    ClientRequest request;
+    request.buildRequest(u"c1", static_cast<ClientRequest::REQUEST>(kind), {});
+    request.setDocKey("key", 3);
+    expectRefusedUnsent(request, "a document key needs at least one metadata pair to be sent with");
+  }
+}
+
+TEST_P(Exchange, NullWithALengthIsRefusedBeforeAnythingIsSent) {
+  auto request = requestFor(kAddDocument);
+  request.setDocKey(nullptr, 3);
+  expectRefusedUnsent(request, "the document's key is null although it has a length");
+  request = requestFor(kAddDocument);
+  request.setContent({{u"title", u"one"}}, nullptr, 7);
+  expectRefusedUnsent(request, "the document's content is null although it has a length");
+}
+
+TEST_P(Exchange, AWriteThatTakesFewBytesAtATimeIsContinued) {
+  std::string whole;
+  for (const std::size_t limit : {SimulatedKernel::kUnlimited, std::size_t{1}, std::size_t{7}}) {
+    ScriptedNetwork network(answers({replies.done()}));
+    network.limitWrites(limit);
+    EXPECT_EQ(exchange(*clientOf(), kAddDocument), Raised());
+    EXPECT_EQ(network.requests(), 1U);
+    if (whole.empty()) whole = network.connection(0).received;
+    EXPECT_EQ(network.connection(0).received, whole);
+  }
+}
+
+TEST_P(Exchange, SendWritesTheRequestAndReadsAndRecordsNothing) {
+  ScriptedNetwork network(answers({"unread"}));
+  const auto client = clientOf();
+  client->open();
+  // The message's own kind decides: nothing has told the client that this is the last document.
+  auto request = requestFor(kLastDocSent);
+  client->send(request);
+  EXPECT_EQ(network.connection(0).received, bytesOf(request) + std::string(8, '\0'));
+  EXPECT_EQ(network.receives(), 0U);
+}
+
+// What the response holds.
+
+TEST_P(Exchange, EmptiesTheListsOfStreamedHitsAndParseResultsAlone) {
+  // Kind 6 is read as a search over HTTP.
+  std::vector<int> kinds{kStreamSearch, kParseResult, kScalarSearch};
+  if (!binary()) kinds.push_back(6);
+  for (const int kind : kinds) {
+    const std::string reply =
+        kind == kParseResult ? replies.outcomes() : replies.hitsAtOnce({"k1", "k2"});
+    ScriptedNetwork network(answers({reply, reply}));
+    const auto client = clientOf();
+    ClientResponse response;
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(exchange(*client, kind, response), Raised());
+    EXPECT_EQ(response.getResultCount(), 2) << "counted from the exchange on";
+    EXPECT_EQ(response.getSearchResponse().count() + response.getParseResponse().count(),
+              kind == kScalarSearch ? 4U : 2U)
+        << kind;
+  }
+}
+
+TEST_P(Exchange, TheSinglePullReplacesThePortionThatTheExchangeBrought) {
+  Script script;
+  replies.sendHits(replies.expect(script), {"k1", "k2", "k3"});
+  ScriptedNetwork network(script.awaitClose(), kOnDemand);
+  const auto client = clientOf();
+  ClientResponse response;
+  EXPECT_EQ(exchange(*client, kStreamSearch, response), Raised());
+  ASSERT_EQ(response.getSearchResponse().count(), 1U);
+  response.getSearchResponse(*client, false);
+  EXPECT_EQ(idsHeld(response), std::vector<std::string>{idOfKey("k2")})
+      << "whether the hits of the portion before were taken or not";
+}
+
+// Attempts.
+
+TEST_P(Exchange, IsAttemptedOnceMoreUnlessToldOtherwise) {
+  for (const unsigned int retries : {0U, 1U, 2U, 7U}) {
+    Script closes;
+    ScriptedNetwork network(replies.expect(closes));
+    const auto client = clientOf();
+    if (retries != 1) client->setNumRetries(retries);
+    const Raised raised = exchange(*client, kGetStatus);
+    ASSERT_EQ(raised.size(), 1U);
+    EXPECT_EQ(raised[0].id, "ERR_SERVER_COMM_RECV");
+    EXPECT_EQ(raised[0].arguments, kHostAndPort);
+    EXPECT_EQ(network.requests(), retries + 1);
+    EXPECT_EQ(network.connections(), retries + 1);
+    EXPECT_EQ(network.elapsedMillis(), 0U) << "without a pause";
+  }
+}
+
+TEST_P(Exchange, AConnectThatFailsIsRepeatedAndNamesHostAndPort) {
+  ScriptedNetwork network(answers({replies.done()}));
+  network.failConnects(ECONNREFUSED);
+  const auto client = clientOf();
+  client->setNumRetries(3);
+  const Raised raised = exchange(*client, kGetStatus);
+  ASSERT_EQ(raised.size(), 2U) << "and what the system said";
+  EXPECT_EQ(raised[0].id, "ERR_CONNECT_SERVER");
+  EXPECT_EQ(raised[0].arguments, kHostAndPort);
+  EXPECT_EQ(raised[0].file, "kruCorvaneClient") << "the messages are carried unchanged";
+  EXPECT_EQ(network.connectAttempts(), 4U);
+}
+
+/// A host whose trace facility closes the client as soon as it has opened its connection.
+class ClosingFacility : public tq::oss::TraceFacility {
+ public:
+  explicit ClosingFacility(CorvaneRESTClient& client) : client_(client) {
+    tq::oss::setTraceFacility(this);
+  }
+  ~ClosingFacility() override { tq::oss::setTraceFacility(nullptr); }
+  unsigned long getComponentTraceFlags(unsigned int) override { return 2; }
+  void traceEntry(unsigned int) override {}
+  void traceExit(unsigned int functionId, long) override {
+    if (functionId == tq::comm::trace::CorvaneClientOpen) client_.close();
+  }
+
+ private:
+  CorvaneRESTClient& client_;
+};
+
+TEST_P(Exchange, AConnectionThatIsNotUpAfterOpeningIsAConnectErrorAndRepeated) {
+  ScriptedNetwork network(answers({replies.done()}));
+  const auto client = clientOf();
+  const ClosingFacility facility(*client);
+  const Raised raised = exchange(*client, kGetStatus);
+  ASSERT_EQ(raised.size(), 1U);
+  EXPECT_EQ(raised[0].id, "ERR_CONNECT_SERVER");
+  EXPECT_EQ(raised[0].file, binary() ? "kruDrestoPerfClient" : "kruCorvaneRESTClient");
+  if (binary()) {
+    EXPECT_EQ(raised[0].line, 68U) << "which support tools know";
+  }
+  EXPECT_EQ(raised[0].arguments, kHostAndPort);
+  EXPECT_EQ(network.connectAttempts(), 2U);
+  EXPECT_EQ(network.writes(), 0U);
+}
+
+// Over loopback.
+
+TEST_P(Exchange, SpeaksWithAServerThatHasAnIpv6AddressAlone) {
+  ScriptedServer server({answers({replies.ready()})}, true);
+  const auto client = clientOf(u"::1", server.port());
+  EXPECT_EQ(exchange(*client, kGetStatus), Raised());
+  EXPECT_EQ(server.connections(), 1U);
+}
+
+TEST_P(Exchange, OverLoopbackASilentServerIsATimeOut) {
+  Script silent;
+  ScriptedServer server(replies.expect(silent).stall());
+  const auto client = clientOf(u"127.0.0.1", server.port());
+  client->setTimeOut(20);
+  const Raised raised = exchange(*client, kStreamSearch);
+  ASSERT_EQ(raised.size(), 1U);
+  EXPECT_EQ(raised[0].id, "ERR_SERVER_COMM_TIMEOUT");
+  EXPECT_EQ(raised[0].arguments,
+            (std::vector<std::string>{"127.0.0.1", std::to_string(server.port())}));
+  EXPECT_EQ(server.connections(), 2U);
+}
+
+TEST_P(Exchange, OverLoopbackAClosedPortIsAConnectError) {
+  const RefusedPort refused;
+  const Raised raised = exchange(*clientOf(u"127.0.0.1", refused.port()), kGetStatus);
+  ASSERT_EQ(raised.size(), 2U) << "and what the system said";
+  EXPECT_EQ(raised[0].id, "ERR_CONNECT_SERVER");
+}
+
+TEST_P(Exchange, AnUnknownHostIsAConnectError) {
+  ScriptedNetwork network(answers({}));
+  network.failLookups();
+  const Raised raised = exchange(*clientOf(u"nowhere.invalid"), kGetStatus);
+  ASSERT_FALSE(raised.empty());
+  EXPECT_EQ(raised[0].id, "ERR_CONNECT_SERVER");
+  EXPECT_EQ(raised[0].arguments, (std::vector<std::string>{"nowhere.invalid", "7"}));
+}
+
+INSTANTIATE_TEST_SUITE_P(Over, Exchange, testing::Bool(), [](const auto& over) {
+  return std::string(over.param ? "Binary" : "Http");
+});
+
+}  // namespace
