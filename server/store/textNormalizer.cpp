@@ -2,6 +2,7 @@
 
 #include <unicode/locid.h>
 #include <unicode/normalizer2.h>
+#include <unicode/uchar.h>
 #include <unicode/unistr.h>
 #include <unicode/ustring.h>
 
@@ -39,6 +40,48 @@ bool isQuotationMark(UChar32 c) { return c == u'"' || c == u'\u201c' || c == u'\
   throw ServerError(ErrorKind::BadQuery, "the query cannot be understood: the " +
                                              std::string(what) + " at character " +
                                              std::to_string(position) + " " + lack);
+}
+
+/// A bracket, an operator, or something that is searched for.
+struct QueryPiece {
+  enum class Kind { Open, Close, Operator, Operand };
+  Kind kind = Kind::Operand;
+  icu::UnicodeString text;
+  /// Of its first character, counted from 1.
+  std::int32_t position = 0;
+
+  bool isNot() const { return kind == Kind::Operator && text == u"NOT"; }
+};
+
+bool joinsTwoSides(const icu::UnicodeString& word) {
+  return word == u"AND" || word == u"OR" || word == u"XOR" || word == u"NOT";
+}
+
+std::vector<QueryPiece> piecesOf(const icu::UnicodeString& query) {
+  using Kind = QueryPiece::Kind;
+  std::vector<QueryPiece> pieces;
+  bool quoted = false;
+  bool inWord = false;
+  std::int32_t position = 0;
+  for (std::int32_t i = 0; i < query.length(); i = query.moveIndex32(i, 1)) {
+    const UChar32 c = query.char32At(i);
+    ++position;
+    const bool mark = isQuotationMark(c);
+    if (mark) quoted = !quoted;
+    if (quoted ? !mark : mark || u_isUWhiteSpace(c)) {
+      inWord = inWord && quoted;
+      continue;
+    }
+    const bool bracket = c == u'(' || c == u')';
+    if (!inWord || bracket) pieces.push_back({Kind::Operand, {}, position});
+    if (bracket) pieces.back().kind = c == u'(' ? Kind::Open : Kind::Close;
+    pieces.back().text.append(c);
+    inWord = !bracket && !mark;
+  }
+  for (QueryPiece& piece : pieces) {
+    if (joinsTwoSides(piece.text)) piece.kind = Kind::Operator;
+  }
+  return pieces;
 }
 
 [[noreturn]] void failed(UErrorCode code) {
@@ -96,6 +139,26 @@ void requireBalanced(const std::string& query) {
   }
   if (quotation != 0) unbalanced("quotation mark", quotation, "is not closed");
   if (!brackets.empty()) unbalanced("\"(\"", brackets.back(), "is not closed");
+}
+
+std::string lonelyOperatorIn(const std::string& query) {
+  using Kind = QueryPiece::Kind;
+  const std::vector<QueryPiece> pieces = piecesOf(icu::UnicodeString::fromUTF8(query));
+  for (std::size_t i = 0; i < pieces.size(); ++i) {
+    const QueryPiece& piece = pieces[i];
+    if (piece.kind != Kind::Operator) continue;
+    const QueryPiece* before = i == 0 ? nullptr : &pieces[i - 1];
+    const QueryPiece* behind = i + 1 == pieces.size() ? nullptr : &pieces[i + 1];
+    const bool begins = !before || before->kind == Kind::Open || before->kind == Kind::Operator;
+    const bool ends = !behind || behind->kind == Kind::Close ||
+                      (behind->kind == Kind::Operator && !behind->isNot());
+    if (!ends && (piece.isNot() || !begins)) continue;
+    std::string place = "the \"";
+    piece.text.toUTF8String(place);
+    return place + "\" at character " + std::to_string(piece.position) + " has nothing " +
+           (ends ? "behind" : "before") + " it";
+  }
+  return {};
 }
 
 bool isUtf8(std::string_view bytes) {

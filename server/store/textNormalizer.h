@@ -19,6 +19,10 @@ std::string lowerQueryWords(const std::string& query);
 /// searches for something else than was meant, or finds nothing.
 void requireBalanced(const std::string& query);
 
+/// Says where, when an operator of the normalised query lacks one of its sides; empty if none does.
+/// For queries that the query parser refuses: it does not say where itself.
+std::string lonelyOperatorIn(const std::string& query);
+
 /// True if the bytes are well-formed UTF-8.
 bool isUtf8(std::string_view bytes);
 

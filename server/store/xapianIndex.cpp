@@ -457,6 +457,17 @@ class XapianIndex::Reader {
     return database;
   }
 
+  static Xapian::Query parsed(Xapian::QueryParser& parser, const std::string& normal,
+                              unsigned flags) {
+    try {
+      return parser.parse_query(lowerQueryWords(normal), flags);
+    } catch (const Xapian::QueryParserError& error) {
+      const std::string place = lonelyOperatorIn(normal);
+      throw ServerError(ErrorKind::BadQuery, "the query cannot be understood: " +
+                                                 (place.empty() ? error.get_msg() : place));
+    }
+  }
+
   Xapian::Query parse(const std::string& text, const Xapian::Database& database,
                       const Fields& names, const IndexLimits& limits) const {
     if (text.size() > limits.queryBytes) {
@@ -477,7 +488,7 @@ class XapianIndex::Reader {
         Xapian::QueryParser::FLAG_PURE_NOT | Xapian::QueryParser::FLAG_CJK_NGRAM;
     const std::string normal = normalizeText(text);
     requireBalanced(normal);
-    Xapian::Query query = parser.parse_query(lowerQueryWords(normal), kFlags);
+    Xapian::Query query = parsed(parser, normal, kFlags);
     if (query.get_length() > limits.queryTerms) {
       throw ServerError(ErrorKind::QueryTooBroad,
                         fmt::format("the query has {} words, more than the {} allowed",

@@ -463,6 +463,29 @@ TEST_F(LocalStoreTest, UnbalancedQueriesAreRefusedAndTheErrorSaysWhere) {
   }
 }
 
+TEST_F(LocalStoreTest, OperatorWithoutASideIsRefusedAndTheErrorSaysWhere) {
+  store_->createCollection("c", "en");
+  addSearchable("k1", "red fox and größe");
+  const std::vector<std::pair<std::string, std::string>> queries = {
+      {"fox AND", "the \"AND\" at character 5 has nothing behind it"},
+      {"AND fox", "the \"AND\" at character 1 has nothing before it"},
+      {"AND", "the \"AND\" at character 1 has nothing behind it"},
+      {"größe OR", "the \"OR\" at character 7 has nothing behind it"},
+      {"red OR OR fox", "the \"OR\" at character 5 has nothing behind it"},
+      {"red (fox XOR) hen", "the \"XOR\" at character 10 has nothing behind it"},
+      {"red (AND fox)", "the \"AND\" at character 6 has nothing before it"},
+      {"\"red AND\" fox AND", "the \"AND\" at character 15 has nothing behind it"},
+      {"fox AND NOT", "the \"NOT\" at character 9 has nothing behind it"}};
+  for (const auto& [text, reason] : queries) {
+    const auto& query = text;
+    EXPECT_THAT(refusal(ErrorKind::BadQuery, [&] { keys(query); }), HasSubstr(reason)) << query;
+  }
+  for (const char* query : {"fox AND red", "red AND NOT hen", "(red OR hen) AND (fox XOR owl)",
+                            "\"red fox\" OR hen", "fox and", "NOT hen"}) {
+    EXPECT_THAT(keys(query), ElementsAre("k1")) << query;
+  }
+}
+
 TEST_F(LocalStoreTest, QueryHasAtMostAsManyWordsAsAllowed) {
   store_->createCollection("c", "en");
   addSearchable("k1", "fox");
