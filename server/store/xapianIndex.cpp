@@ -28,6 +28,8 @@ constexpr std::size_t kFewHits = 1000;
 constexpr std::size_t kIndexingCost = 16;
 // What a document without words takes, in bytes of text.
 constexpr std::size_t kPassingCost = 64;
+// The engine takes every phrase for found in one of several databases that has no positions at all.
+constexpr Xapian::termpos kPassingPosition = 1;
 // By how much the memory of keys grows at a time.
 constexpr std::size_t kKeysStep = std::size_t{64} << 10U;
 
@@ -451,7 +453,7 @@ class XapianIndex::Reader {
     for (const Document& document : documents) {
       if (RequestContext* request = RequestContext::current()) request->check();
       Xapian::Document made = makeDocument(document, stemmer_, names);
-      made.add_boolean_term(kPassingTerm);
+      made.add_posting(kPassingTerm, kPassingPosition, 0);
       database.add_document(made);
     }
     return database;

@@ -111,6 +111,16 @@ TEST_F(MatchTest, KnowsMetadataThatTheCollectionHasNotSeenYet) {
   EXPECT_THAT(matched("colour:red", texts).hits, ElementsAre(Pair("k", ::testing::_)));
 }
 
+TEST_F(MatchTest, FindsNoPhraseInTextsWithoutWords) {
+  store_->createCollection("c", "en");
+  add({"stored", {}, "a red fox"});
+  store_->updateIndex("c");
+  for (const char* query : {"\"red fox\"", "red NEAR fox", "red-fox", "fo* \"red fox\""}) {
+    EXPECT_THAT(matched(query, {{"k", {}, ""}, {"l", {{"colour", "!"}}, "..."}}).hits, IsEmpty())
+        << query;
+  }
+}
+
 TEST_F(MatchTest, CutsItsResultAsASearchDoes) {
   store_->createCollection("c", "en");
   const Documents texts{{"c", {}, "fox"}, {"b", {}, "fox"}, {"a", {}, "fox"}};
