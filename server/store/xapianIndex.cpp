@@ -7,6 +7,7 @@
 #include <cmath>
 #include <limits>
 #include <optional>
+#include <set>
 #include <span>
 #include <utility>
 
@@ -280,6 +281,32 @@ void requireMemory(MemoryBudget::Share& share, std::size_t bytes) {
                                 (bytes >> 20U) + 1));
 }
 
+std::size_t bytesToMatch(const std::vector<Document>& documents) {
+  std::size_t bytes = 0;
+  for (const Document& document : documents) bytes += kPassingCost + bytesOf(document);
+  return bytes;
+}
+
+// The document without its other terms, but as long as it is: that counts in the weight of each.
+Xapian::Document onlyWith(const std::set<std::string>& terms, const Xapian::Document& document) {
+  Xapian::Document result;
+  Xapian::termcount others = 0;
+  for (auto term = document.termlist_begin(); term != document.termlist_end(); ++term) {
+    if (!terms.contains(*term)) {
+      others += term.get_wdf();
+      continue;
+    }
+    result.add_term(*term, term.get_wdf());
+    for (auto position = term.positionlist_begin(); position != term.positionlist_end();
+         ++position) {
+      result.add_posting(*term, *position, 0);
+    }
+  }
+  result.add_posting(kPassingTerm, kPassingPosition, others);
+  result.add_value(kKeySlot, document.get_value(kKeySlot));
+  return result;
+}
+
 Xapian::Query withoutHidden(const Xapian::Query& query, const std::vector<std::string>& hidden) {
   if (hidden.empty() || query.empty()) return query;
   std::vector<Xapian::Query> terms;
@@ -327,12 +354,15 @@ class XapianIndex::Reader {
   // Both databases together have the statistics that the collection would have.
   std::unique_ptr<HitSource> match(const SearchQuery& query, const std::vector<Document>& documents,
                                    const IndexLimits& limits) {
-    Fields names = fields();
     MemoryBudget::Share memory = shareOf(limits);
+    requireMemory(memory, bytesToMatch(documents) * kIndexingCost);
+    // Their metadata may have names that the query is the first to ask for.
+    Fields names = fields();
+    std::vector<Xapian::Document> made = indexed(documents, names);
+    const Xapian::Query words = query.everything ? Xapian::Query(std::string())
+                                                 : parse(query.text, database_, names, limits);
     Xapian::Database both(database_);
-    both.add_database(passing(documents, names, memory));
-    const Xapian::Query words =
-        query.everything ? Xapian::Query(std::string()) : parse(query.text, both, names, limits);
+    both.add_database(passing(std::move(made), words, normalizeText(query.text)));
     const Xapian::Query theirs =
         words.empty() ? words
                       : Xapian::Query(Xapian::Query::OP_FILTER, words, Xapian::Query(kPassingTerm));
@@ -443,18 +473,27 @@ class XapianIndex::Reader {
     return buffer;
   }
 
-  // A database of the documents in memory. Their metadata may have names that are new.
-  Xapian::Database passing(const std::vector<Document>& documents, Fields& names,
-                           MemoryBudget::Share& memory) const {
-    std::size_t bytes = 0;
-    for (const Document& document : documents) bytes += kPassingCost + bytesOf(document);
-    requireMemory(memory, bytes * kIndexingCost);
-    Xapian::WritableDatabase database(std::string(), Xapian::DB_BACKEND_INMEMORY);
+  std::vector<Xapian::Document> indexed(const std::vector<Document>& documents,
+                                        Fields& names) const {
+    std::vector<Xapian::Document> made;
+    made.reserve(documents.size());
     for (const Document& document : documents) {
       if (RequestContext* request = RequestContext::current()) request->check();
-      Xapian::Document made = makeDocument(document, stemmer_, names);
-      made.add_posting(kPassingTerm, kPassingPosition, 0);
-      database.add_document(made);
+      made.push_back(makeDocument(document, stemmer_, names));
+    }
+    return made;
+  }
+
+  // A database of the documents in memory. It only has the words of the query, unless one of these
+  // stands for others.
+  static Xapian::Database passing(std::vector<Xapian::Document> made, const Xapian::Query& words,
+                                  const std::string& text) {
+    const std::set<std::string> terms(words.get_terms_begin(), words.get_terms_end());
+    const bool all = text.find('*') != std::string::npos;
+    Xapian::WritableDatabase database(std::string(), Xapian::DB_BACKEND_INMEMORY);
+    for (Xapian::Document& document : made) {
+      if (all) document.add_posting(kPassingTerm, kPassingPosition, 0);
+      database.add_document(all ? document : onlyWith(terms, document));
     }
     return database;
   }
