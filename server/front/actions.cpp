@@ -426,6 +426,8 @@ void requireScope(const Request& request) {
 
 }  // namespace
 
+bool makesReports(const Action& action) { return action.serve == parseResult; }
+
 void requireParameters(const Action& action, const Request& request) {
   if (action.serve == notSupported) return;
   for (const auto& [name, value] : request.headers) {

@@ -45,6 +45,9 @@ struct Action {
 /// support.
 const Action* findAction(std::string_view name);
 
+/// Whether `report` makes the action another one, which only reads.
+bool makesReports(const Action& action);
+
 /// Throws ServerError that names the first parameter that the action does not take, or that has a
 /// value which it cannot have. An empty value counts as none. Actions that the server does not
 /// support have nothing to check.

@@ -53,7 +53,7 @@ RequestContext::Clock::time_point arrivalOf(const Action* action) {
 Workload Dispatcher::workload(std::string_view name, bool report) {
   const Action* action = findAction(name);
   if (!action) return Workload::Status;
-  return report ? Workload::Read : action->workload;
+  return report && makesReports(*action) ? Workload::Read : action->workload;
 }
 
 // What concerns no collection says nothing that is worth keeping secret, or it takes the right to
@@ -62,7 +62,7 @@ void Dispatcher::permit(const Request& request, const Identity& identity) {
   const Action* action = actionOf(request);
   if (!action) return;
   const std::string_view collection = collectionNamedBy(request);
-  const bool report = !request.header(words().report).empty();
+  const bool report = makesReports(*action) && !request.header(words().report).empty();
   const Right needs = report ? Right::Read : action->needs;
   if (collection.empty() && needs == Right::Read && !report) return;
   const auto scope = collection.empty() ? std::nullopt : std::optional(collection);

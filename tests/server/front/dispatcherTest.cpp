@@ -406,6 +406,25 @@ TEST(Shutdown, TakesTheRightToEverything) {
   EXPECT_NO_THROW(Dispatcher::permit(request, Identity("ada", {{Right::Admin, "*"}})));
 }
 
+// What an action does not take must not change what it needs. One without a reply is served
+// although its parameters are refused: its refusal becomes an outcome of the collection.
+TEST(Reports, TakeTheRightToReadAndOtherActionsWhatTheyNeed) {
+  const Identity reader("ada", {{Right::Read, "books"}});
+  for (const char* action : {"addDocument", "asyncAddDocument", "deleteDocument", "updateIndex",
+                             "createCollection", "deleteCollection"}) {
+    Request request;
+    request.headers = {{"action", action}, {"index", "books"}, {"report", "count"}};
+    EXPECT_THROW(Dispatcher::permit(request, reader), ServerError) << action;
+    EXPECT_EQ(Dispatcher::workload(action, true), Dispatcher::workload(action)) << action;
+  }
+  Request request;
+  request.headers = {{"action", "getParseResult"}, {"index", "books"}, {"report", "count"}};
+  EXPECT_NO_THROW(Dispatcher::permit(request, reader));
+  EXPECT_EQ(Dispatcher::workload("getParseResult", true), Workload::Read);
+  request.headers.erase("report");
+  EXPECT_THROW(Dispatcher::permit(request, reader), ServerError);
+}
+
 TEST_F(DispatcherTest, UnknownAndMissingActionsAreRefused) {
   EXPECT_THAT(error({{"action", "dance"}}), AllOf(HasSubstr("ZVK0003E"), HasSubstr("dance")));
   EXPECT_THAT(error({}), HasSubstr("ZVK0003E"));
