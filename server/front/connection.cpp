@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "server/base/errors.h"
+#include "server/front/documentText.h"
 #include "server/front/vocabulary.h"
 
 namespace corvaned {
@@ -41,8 +42,17 @@ std::array<char, kReadBytes>& readBuffer() {
   return buffer;
 }
 
+std::size_t copiesOf(const Request& request) {
+  std::size_t growth = 1;
+  for (const std::string& name : {words().charset, words().knownCharset}) {
+    const std::string charset(request.header(name));
+    if (!charset.empty()) growth = std::max(growth, growthInUtf8(charset));
+  }
+  return kContentCopies * growth;
+}
+
 std::size_t bytesFor(const Request& request, std::uint64_t contentBytes) {
-  std::size_t bytes = static_cast<std::size_t>(contentBytes) * kContentCopies;
+  std::size_t bytes = static_cast<std::size_t>(contentBytes) * copiesOf(request);
   for (const auto& [name, value] : request.headers)
     bytes += kHeaderCost + name.size() + value.size();
   return bytes;

@@ -54,6 +54,19 @@ class MemoryTest : public ::testing::Test {
     return client.receiveHttp();
   }
 
+  // Asks from several clients at a time, which may be refused for want of memory.
+  template <typename Ask>
+  void expectAll(const Ask& ask) const {
+    std::vector<std::thread> clients;
+    for (int i = 0; i < 12; ++i) {
+      clients.emplace_back([&ask, i] {
+        EXPECT_THAT(ask(i), AnyOf(StartsWith("HTTP/1.1 200"), HasSubstr("ZVK0016E")));
+      });
+    }
+    for (std::thread& client : clients) client.join();
+    EXPECT_LT(bytesOf("VmHWM"), kBudget + kProgram);
+  }
+
   std::uint16_t http() const { return static_cast<std::uint16_t>(server_.httpPort()); }
 
   tq::test::CorvanedProcess server_{
@@ -75,6 +88,16 @@ TEST_F(MemoryTest, LargeRequestsOfManyClientsStayWithinTheBudget) {
   }
   for (std::thread& client : clients) client.join();
   EXPECT_LT(bytesOf("VmHWM"), kBudget + kProgram);
+}
+
+TEST_F(MemoryTest, TextsThatGrowInUtf8StayWithinTheBudget) {
+  ASSERT_THAT(ask({{"action", "createCollection"}, {"index", "c"}}), StartsWith("HTTP/1.1 200"));
+  // Each of these letters is three bytes of UTF-8.
+  const std::string text(5 * kMiB, '\xA1');
+  expectAll([&](int i) {
+    return ask({{"action", "addDocument"}, {"index", "c"}, {"charset", "TIS-620"}},
+               documentBlock("k" + std::to_string(i), {}, text));
+  });
 }
 
 TEST_F(MemoryTest, AnnouncedContentTakesNoMemory) {
