@@ -28,6 +28,9 @@ constexpr std::size_t kSmallRequest = std::size_t{256} << 10U;
 // The content as it is received, its copy when it is decoded, and the entry of the journal, which
 // is put together in two steps.
 constexpr std::size_t kContentCopies = 4;
+// Documents that come together: of the smallest ones each takes twenty times its bytes once it is
+// decoded.
+constexpr std::size_t kManyDocumentsCopies = 20;
 // A header's place in the request's map.
 constexpr std::size_t kHeaderCost = 160;
 // How long the server keeps reading after it has refused a request that it could not decode. If it
@@ -43,6 +46,7 @@ std::array<char, kReadBytes>& readBuffer() {
 }
 
 std::size_t copiesOf(const Request& request) {
+  if (request.header(words().match) == words().severalDocuments) return kManyDocumentsCopies;
   std::size_t growth = 1;
   for (const std::string& name : {words().charset, words().knownCharset}) {
     const std::string charset(request.header(name));

@@ -1,3 +1,4 @@
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -54,6 +55,11 @@ class MemoryTest : public ::testing::Test {
     return client.receiveHttp();
   }
 
+  std::string askToMatch(const std::string& documents) const {
+    return ask({{"action", "search"}, {"index", "c"}, {"query", "fox"}, {"match", "documents"}},
+               documentBlock("all", {}, documents));
+  }
+
   // Asks from several clients at a time, which may be refused for want of memory.
   template <typename Ask>
   void expectAll(const Ask& ask) const {
@@ -98,6 +104,26 @@ TEST_F(MemoryTest, TextsThatGrowInUtf8StayWithinTheBudget) {
     return ask({{"action", "addDocument"}, {"index", "c"}, {"charset", "TIS-620"}},
                documentBlock("k" + std::to_string(i), {}, text));
   });
+}
+
+TEST_F(MemoryTest, ManySmallDocumentsToMatchStayWithinTheBudget) {
+  ASSERT_THAT(ask({{"action", "createCollection"}, {"index", "c"}}), StartsWith("HTTP/1.1 200"));
+  std::string documents;
+  while (documents.size() < 4 * kMiB) {
+    documents += documentBlock(std::to_string(documents.size()), {}, {});
+  }
+  expectAll([&](int) { return askToMatch(documents); });
+}
+
+TEST_F(MemoryTest, TextsToMatchStayWithinTheBudget) {
+  ASSERT_THAT(ask({{"action", "createCollection"}, {"index", "c"}}), StartsWith("HTTP/1.1 200"));
+  std::string documents;
+  for (int i = 0; documents.size() < kMiB; ++i) {
+    std::string text;
+    for (int word = 0; word < 80; ++word) text += fmt::format("w{:x} ", (i * 80 + word) % 5000);
+    documents += documentBlock(std::to_string(i), {}, text);
+  }
+  expectAll([&](int) { return askToMatch(documents); });
 }
 
 TEST_F(MemoryTest, AnnouncedContentTakesNoMemory) {

@@ -147,10 +147,35 @@ TEST_F(MatchTest, RefusesTextsForWhichThereIsNoMemory) {
   store_.reset();
   store_ = std::make_unique<LocalStore>(directory_.path() / "data", limits_);
   store_->createCollection("c", "en");
-  EXPECT_EQ(matched("fox", {{"k", {}, std::string(50000, 'x') + " fox"}}).hits.size(), 1U);
-  EXPECT_THAT(matched("fox", {{"k", {}, std::string(100000, 'x') + " fox"}}).refusal,
+  EXPECT_EQ(matched("fox", {{"k", {}, std::string(13000, 'x') + " fox"}}).hits.size(), 1U);
+  EXPECT_THAT(matched("fox", {{"k", {}, std::string(15000, 'x') + " fox"}}).refusal,
               HasSubstr("not free"));
+  Documents empty;
+  while (empty.size() < 300) empty.push_back({std::to_string(empty.size()), {}, ""});
+  EXPECT_EQ(matched("fox", empty).refusal, "");
+  while (empty.size() < 500) empty.push_back({std::to_string(empty.size()), {}, ""});
+  EXPECT_THAT(matched("fox", empty).refusal, HasSubstr("not free"));
   EXPECT_EQ(limits_.index.memory->used(), 0U);
+}
+
+// A client that is told to try again would do so for ever.
+TEST_F(MatchTest, TextsThatCanNeverFitAreTooLarge) {
+  limits_.index.memory = std::make_shared<MemoryBudget>(std::size_t{1} << 20U);
+  store_.reset();
+  store_ = std::make_unique<LocalStore>(directory_.path() / "data", limits_);
+  store_->createCollection("c", "en");
+  const auto kindFor = [&](std::size_t size) {
+    try {
+      store_->match("c", raw("fox"), {{"k", {}, std::string(size, 'x')}});
+    } catch (const ServerError& error) {
+      return error.kind();
+    }
+    return ErrorKind::Internal;
+  };
+  EXPECT_EQ(kindFor(20000), ErrorKind::RequestTooLarge);
+  MemoryBudget::Share others(*limits_.index.memory);
+  others.force(std::size_t{1} << 19U);
+  EXPECT_EQ(kindFor(10000), ErrorKind::TryAgain);
 }
 
 TEST_F(MatchTest, EndsWithItsRequest) {
