@@ -50,23 +50,30 @@ ReportReply::Line collectionLine(Store& store, const std::string& name) {
                       summary.pending, summary.bytes, summary.language)};
 }
 
-// Damage of one collection must not hide the others.
-ReportReply::Line lineOrReason(Store& store, const std::string& name) {
+// Damage of one collection must not hide the others. One that is gone meanwhile has no line.
+void appendLineOrReason(ReportReply& reply, Store& store, const std::string& name) {
   try {
-    return collectionLine(store, name);
+    reply.lines.push_back(collectionLine(store, name));
   } catch (const ServerError& error) {
     if (error.kind() == ErrorKind::Cancelled || error.kind() == ErrorKind::TimedOut) throw;
-    return {name, std::string(messageId(error.kind())), error.what()};
+    if (error.kind() == ErrorKind::UnknownCollection) return;
+    reply.lines.push_back({name, std::string(messageId(error.kind())), error.what()});
   }
 }
 
+// No line says that there are no further collections.
 Reply collections(const Service& service, const Request& request) {
   const std::uint64_t most = linesWanted(request, kUsualCollections);
-  const std::string after(request.header(words().after));
+  std::string after(request.header(words().after));
   ReportReply reply;
-  for (const std::string& name : service.store.collections(after, most)) {
-    if (RequestContext* context = RequestContext::current()) context->check();
-    reply.lines.push_back(lineOrReason(service.store, name));
+  while (reply.lines.empty()) {
+    const std::vector<std::string> names = service.store.collections(after, most);
+    if (names.empty()) break;
+    for (const std::string& name : names) {
+      if (RequestContext* context = RequestContext::current()) context->check();
+      appendLineOrReason(reply, service.store, name);
+    }
+    after = names.back();
   }
   return reply;
 }

@@ -25,12 +25,15 @@ const std::filesystem::path& complete(const std::filesystem::path& directory) {
   return directory;
 }
 
-// Files come and go meanwhile.
+// Files come and go meanwhile, and so may all of them.
 std::uint64_t bytesIn(const std::filesystem::path& directory) {
   std::uint64_t bytes = 0;
-  std::error_code gone;
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(directory, gone)) {
-    const std::uint64_t size = entry.is_regular_file(gone) ? entry.file_size(gone) : 0;
+  std::error_code ended;
+  std::filesystem::recursive_directory_iterator place(directory, ended);
+  const std::filesystem::recursive_directory_iterator end;
+  for (; !ended && place != end; place.increment(ended)) {
+    std::error_code gone;
+    const std::uint64_t size = place->is_regular_file(gone) ? place->file_size(gone) : 0;
     if (!gone) bytes += size;
   }
   return bytes;

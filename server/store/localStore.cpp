@@ -4,6 +4,7 @@
 #include <spdlog/spdlog.h>
 
 #include <algorithm>
+#include <optional>
 #include <system_error>
 #include <utility>
 
@@ -21,6 +22,17 @@ std::filesystem::path prepared(std::filesystem::path directory) {
                                                     directory.string() + ": " + error.message());
   }
   return directory;
+}
+
+// Others may have put something of their own beside the collections.
+std::optional<std::string> nameIfCollection(const std::string& directory) {
+  std::string name = collectionNameFor(directory);
+  try {
+    if (directoryNameFor(name) == directory) return name;
+  } catch (const ServerError&) {
+    // No collection can have that name.
+  }
+  return std::nullopt;
 }
 
 [[noreturn]] void throwUnknown(const std::string& name) {
@@ -133,10 +145,8 @@ CollectionSummary LocalStore::summary(const std::string& name) { return find(nam
 std::vector<std::string> LocalStore::collections(const std::string& after, std::uint64_t most) {
   std::vector<std::string> names;
   for (const auto& entry : std::filesystem::directory_iterator(collectionsRoot_)) {
-    const std::string directory = entry.path().filename();
-    if (directory.starts_with('.')) continue;
-    std::string name = collectionNameFor(directory);
-    if (name > after) names.push_back(std::move(name));
+    auto name = nameIfCollection(entry.path().filename());
+    if (name && *name > after) names.push_back(std::move(*name));
   }
   std::sort(names.begin(), names.end());
   if (names.size() > most) names.resize(static_cast<std::size_t>(most));

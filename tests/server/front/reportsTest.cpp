@@ -88,6 +88,20 @@ TEST_F(ReportsTest, CollectionsComeInPages) {
   EXPECT_TRUE(lines({{"report", "collections"}, {"after", "m"}, {"size", "7"}}).empty());
 }
 
+// A report without a line would say that the list ends here.
+TEST_F(ReportsTest, CollectionsThatAreGoneMeanwhileAreLeftOut) {
+  const ServerError unknown(ErrorKind::UnknownCollection, "there is no such collection");
+  EXPECT_CALL(store_, collections("", 2U)).WillOnce(Return(std::vector<std::string>{"a", "b"}));
+  EXPECT_CALL(store_, collections("b", 2U)).WillOnce(Return(std::vector<std::string>{"c", "d"}));
+  for (const char* name : {"a", "b", "d"}) {
+    EXPECT_CALL(store_, summary(name)).WillOnce(Throw(unknown));
+  }
+  EXPECT_CALL(store_, summary("c")).WillOnce(Return(CollectionSummary{1, 2, 3, "de"}));
+  const std::vector<Line> told = lines({{"report", "collections"}, {"size", "2"}});
+  ASSERT_EQ(told.size(), 1U);
+  EXPECT_EQ(told[0].subject, "c");
+}
+
 TEST_F(ReportsTest, CountIsTheStores) {
   EXPECT_CALL(store_, count("c", AllOf(Field(&SearchQuery::text, "fox"),
                                        Field(&SearchQuery::everything, false),

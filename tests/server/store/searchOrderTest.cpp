@@ -304,5 +304,13 @@ TEST_F(SearchOrderTest, CollectionsAreListedByName) {
   EXPECT_THAT(store_.collections("c", 10), IsEmpty());
 }
 
+TEST_F(SearchOrderTest, WhatStandsBesideTheCollectionsIsNotListed) {
+  for (const char* name : {"lost+found", "\xFF", "%41", "%", ".passing-9"}) {
+    std::filesystem::create_directory(directory_.path() / "data/collections" / name);
+  }
+  std::filesystem::create_directory(directory_.path() / "data/collections" / std::string(250, 'x'));
+  EXPECT_THAT(store_.collections("", 10), ElementsAre("c"));
+}
+
 }  // namespace
 }  // namespace corvaned
