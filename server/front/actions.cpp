@@ -189,8 +189,8 @@ Reply notSupported(const Service&, Request& request) {
       "the action " + shown(request.header(words().action)) + " is not supported by this server");
 }
 
-// Without accounts nobody can prove who they are, but whoever is on this machine could end the
-// process as well.
+// Without accounts everybody on this machine may do everything, and nobody elsewhere should end the
+// server.
 Reply shutDown(const Service& service, Request& request) {
   if (!service.shutDown) return notSupported(service, request);
   if (!request.identified && !request.fromThisMachine) {

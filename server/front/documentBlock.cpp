@@ -17,6 +17,8 @@ namespace {
 
 using TextPair = std::pair<std::string_view, std::string_view>;
 
+// The reserved word, and that of how many bytes follow.
+constexpr std::size_t kLengthWords = 8;
 constexpr std::uint32_t kLengthMask = 0x3FFFFFFFU;
 
 [[noreturn]] void refuse(const std::string& why) {
@@ -109,21 +111,30 @@ DocumentBlock parseDocumentBlock(std::string bytes) {
   return block;
 }
 
-std::string documentBlock(const Document& document) {
-  std::string pairs;
-  const auto append = [&](std::string_view name, std::string_view value) {
-    for (const std::string_view text : {name, value}) {
-      appendU32(pairs, static_cast<std::uint32_t>(text.size()));
-      pairs += text;
-    }
+std::string documentPrefix(const Document& document) {
+  std::string prefix(kLengthWords, '\0');
+  const auto appendLength = [&](std::string_view text) {
+    appendU32(prefix, static_cast<std::uint32_t>(text.size()));
   };
-  for (const auto& [name, value] : document.metadata) append(name, value);
-  append(words().rowId, document.key);
-  if (!document.content.empty()) append(words().data, document.content);
-  std::string block;
-  appendU32(block, 0);
-  appendU32(block, static_cast<std::uint32_t>(pairs.size()));
-  return block + pairs;
+  const auto append = [&](std::string_view text) {
+    appendLength(text);
+    prefix += text;
+  };
+  for (const auto& [name, value] : document.metadata) {
+    append(name);
+    append(value);
+  }
+  append(words().rowId);
+  append(document.key);
+  if (!document.content.empty()) {
+    append(words().data);
+    appendLength(document.content);
+  }
+  std::string lengths;
+  appendU32(lengths, 0);
+  appendU32(lengths,
+            static_cast<std::uint32_t>(prefix.size() - kLengthWords + document.content.size()));
+  return prefix.replace(0, lengths.size(), lengths);
 }
 
 std::vector<Document> parseDocumentBlocks(std::string_view bytes) {

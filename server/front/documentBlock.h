@@ -27,8 +27,8 @@ struct DocumentBlock {
 /// is moved, not copied: it stays in the memory of `bytes`.
 DocumentBlock parseDocumentBlock(std::string bytes);
 
-/// The document's block, as clients send it.
-std::string documentBlock(const Document& document);
+/// The document's block, as clients send it, up to the content with which it ends.
+std::string documentPrefix(const Document& document);
 
 /// Decodes blocks that stand back to back, each with a document. Throws as above, with the number
 /// of the block that is wrong, counted from 1, and if two of the documents have the same key.

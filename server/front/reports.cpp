@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -108,8 +109,8 @@ class Digests {
   Digests(std::uint64_t every, ReportReply& reply) : every_(every), reply_(reply) { begin(); }
 
   void add(const Document& document) {
-    const std::string block = documentBlock(document);
-    crypto_hash_sha256_update(&state_, asBytes(block.data()), block.size());
+    addBytes(documentPrefix(document));
+    addBytes(document.content);
     lastKey_ = document.key;
     if (++documents_ == every_) end();
   }
@@ -125,8 +126,9 @@ class Digests {
   }
 
  private:
-  static const unsigned char* asBytes(const char* text) {
-    return reinterpret_cast<const unsigned char*>(text);
+  void addBytes(std::string_view bytes) {
+    crypto_hash_sha256_update(&state_, reinterpret_cast<const unsigned char*>(bytes.data()),
+                              bytes.size());
   }
 
   void begin() {

@@ -34,6 +34,8 @@ constexpr std::size_t kPassingCost = 64;
 constexpr Xapian::termpos kPassingPosition = 1;
 // What a document without words takes there, in bytes of text.
 constexpr std::size_t kEmptyPassing = 32;
+// A document's text as it is stored, and what is read from it.
+constexpr std::size_t kTextForms = 2;
 // By how much the memory of keys grows at a time.
 constexpr std::size_t kKeysStep = std::size_t{64} << 10U;
 
@@ -390,12 +392,15 @@ class XapianIndex::Reader {
   void visit(const SearchQuery& query, const std::vector<std::string>& hidden,
              const IndexLimits& limits, const Store::DocumentVisitor& take) {
     const auto found = search(query, hidden, limits);
+    MemoryBudget::Share memory = shareOf(limits);
     for (Hit hit; found->next(hit);) {
-      if (RequestContext* request = RequestContext::current()) request->spend(1);
+      spendOnText();
       const std::string term = identityTerm(hit.key);
       const Xapian::PostingIterator place = database_.postlist_begin(term);
       if (place == database_.postlist_end(term)) continue;
-      const auto document = readDocument(hit.key, database_.get_document(*place).get_data());
+      const std::string data = database_.get_document(*place).get_data();
+      memory.force(kTextForms * data.size());
+      const auto document = readDocument(hit.key, data);
       if (!document) {
         throw ServerError(ErrorKind::StorageFailed,
                           "the text of the document " + shown(hit.key) + " cannot be read");
@@ -431,6 +436,14 @@ class XapianIndex::Reader {
   Xapian::Query wordsOf(const SearchQuery& query, const IndexLimits& limits) const {
     if (query.everything) return Xapian::Query(std::string());
     return parse(query.text, database_, fields(), limits);
+  }
+
+  // The clock is read each time: a text may take longer than many hits.
+  static void spendOnText() {
+    RequestContext* request = RequestContext::current();
+    if (!request) return;
+    request->spend(1);
+    request->check();
   }
 
   /// The part of a result that was asked for: from, and to before, so many hits.
