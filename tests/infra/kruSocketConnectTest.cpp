@@ -353,6 +353,23 @@ TEST_F(SocketConnect, AfterAReconnectTheOldEndIsForgotten) {
   EXPECT_EQ(readOnce(socket, 1), "b");
 }
 
+TEST_F(SocketConnect, AFailureToCloseNamesThePeer) {
+  Socket socket;
+  support::Peer peer = connected(socket);
+  fake.fail(Call::Close, 1, EIO);
+  const SocketException failure = thrown([&] { socket.close(); });
+  EXPECT_EQ(failure.getErrorNumber(), EIO);
+  EXPECT_EQ(firstArgument(failure), describe(u"close connection to", listener.port()));
+}
+
+TEST_F(SocketConnect, AnOlderErrorOfTheSystemIsNotTakenForOneOfClosing) {
+  Socket socket;
+  support::Peer peer = connected(socket);
+  errno = EIO;
+  socket.close();
+  EXPECT_FALSE(socket.isOpen());
+}
+
 TEST_F(SocketConnect, CloseEmptiesTheBuffer) {
   Socket socket;
   support::Peer peer = connected(socket);

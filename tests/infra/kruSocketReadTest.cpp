@@ -533,6 +533,18 @@ TEST_F(SocketRead, AResetLooksClosedAndIsStillThrown) {
   EXPECT_EQ(thrown([&] { readOnce(socket, 1); }).getErrorNumber(), ECONNRESET);
 }
 
+TEST_F(SocketRead, ALookAtAConnectionThatHasEndedAsksNobody) {
+  Socket socket;
+  support::Peer peer = connected(socket);
+  peer.close();
+  EXPECT_EQ(socket.fill(), 0U);
+  const unsigned int before = fake.count(Call::Recv);
+  EXPECT_EQ(socket.look(), Socket::Look::Closed);
+  socket.close();
+  EXPECT_EQ(socket.look(), Socket::Look::Closed);
+  EXPECT_EQ(fake.count(Call::Recv), before);
+}
+
 TEST_F(SocketRead, ALookNeedsNoMemory) {
   Socket socket;
   support::Peer peer = connected(socket);

@@ -85,6 +85,17 @@ class SocketHook : public SocketFixture {
   }
 };
 
+// Pausing.
+
+TEST_F(SocketHook, APauseThatIsGivenUpSaysWhatItWas) {
+  Socket socket;
+  hook(socket);
+  answer(WaitResult::GiveUp);
+  const auto failure =
+      thrown<tq::oss::SocketCancelledException>([&] { socket.pauseUntil(Deadline::in(60000)); });
+  EXPECT_EQ(firstArgument(failure), u"pause");
+}
+
 // Connecting.
 
 TEST_F(SocketHook, WaitsForAConnectionWithoutALimit) {
