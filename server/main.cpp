@@ -23,6 +23,7 @@
 
 #include "server/access/accessControl.h"
 #include "server/accountCommand.h"
+#include "server/base/descriptorBudget.h"
 #include "server/base/memoryBudget.h"
 #include "server/faults/faultScript.h"
 #include "server/faults/faultyOutlet.h"
@@ -58,6 +59,7 @@ struct Options {
   std::optional<std::uint16_t> monitorPort;
   std::optional<std::uint64_t> contentBytes;
   std::optional<std::size_t> memory;
+  std::optional<std::size_t> openFiles;
   unsigned stallSeconds = 60;
   unsigned idleSeconds = 0;
   unsigned requestSeconds = 600;
@@ -102,6 +104,11 @@ void declareOptions(CLI::App& app, Options& options) {
   app.add_option("--max-connections", options.server.connections, "most clients at a time")
       ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
+  app.add_option(
+         "--max-open-files", options.openFiles,
+         "most files and connections that the process may have open; what the system allows "
+         "if not given")
+      ->check(CLI::PositiveNumber);
   app.add_option("--max-expansion", options.store.index.expansion,
                  "most words that a word with * may stand for")
       ->check(CLI::NonNegativeNumber)
@@ -146,12 +153,27 @@ void startLog(const std::string& level) {
   spdlog::set_level(spdlog::level::from_str(level));
 }
 
-// Thousands of clients need more descriptors than the usual default limit.
-void raiseDescriptorLimit() {
+// Thousands of clients and collections need more descriptors than the usual default limit.
+std::size_t descriptorLimit(const std::optional<std::size_t>& wanted) {
   rlimit limit{};
-  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
-  limit.rlim_cur = limit.rlim_max;
-  ::setrlimit(RLIMIT_NOFILE, &limit);
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    throw std::runtime_error("cannot tell how many files may be open");
+  }
+  const rlimit before = limit;
+  limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, wanted.value_or(limit.rlim_max));
+  return ::setrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : before.rlim_cur;
+}
+
+void divideDescriptors(Options& options) {
+  const std::size_t limit = descriptorLimit(options.openFiles);
+  const DescriptorPlan plan = corvaned::divideDescriptors(limit, options.server.connections);
+  if (plan.connections < options.server.connections) {
+    spdlog::warn(
+        "at most {} clients at a time: {} open files allow no more, --max-connections is {}",
+        plan.connections, limit, options.server.connections);
+  }
+  options.server.connections = plan.connections;
+  options.store.index.descriptors = std::make_shared<DescriptorBudget>(plan.collections);
 }
 
 // The first connection, or a file of the data directory, would otherwise get the number of a
@@ -267,7 +289,6 @@ void reload(const Options& options, const std::function<Options()>& again) {
 
 void serve(const Options& options, const std::function<Options()>& again) {
   const sigset_t signals = blockStopSignals();
-  raiseDescriptorLimit();
   LocalStore store(options.data, options.store);
   closeToOthers(options.data);
   // Requests end the server as an operator does.
@@ -291,6 +312,7 @@ void serve(const Options& options, const std::function<Options()>& again) {
   while (sigwait(&signals, &signal) != 0 || signal == SIGHUP) reload(options, again);
   stopping = true;
   spdlog::info("stopping");
+  store.stop();
   server.stop();
 }
 
@@ -315,6 +337,7 @@ int main(int argc, char** argv) {
     requireAccessControl(options);
     loadFaults(options);
     settle(options);
+    divideDescriptors(options);
     serve(options, [&] { return optionsOf(argc, argv); });
     return 0;
   } catch (const UsageError& error) {

@@ -174,6 +174,7 @@ Reply parseResult(const Service& service, Request& request) {
 Reply status(const Service& service, Request& request) {
   if (collectionNamedBy(request).empty()) return StatusReply{};
   try {
+    if (request.unopened) throw *request.unopened;
     const CollectionState state = service.store.state(collectionOf(request));
     return StatusReply{state == CollectionState::Current ? 0U : 1U, {}};
   } catch (const ServerError& error) {
@@ -320,7 +321,8 @@ constexpr std::array<Action, 19> kActions{{
      kAlways,
      Right::Admin,
      {kCollection, kCreate},
-     createCollection},
+     createCollection,
+     false},
     {"openCollection",
      Workload::Read,
      kAlways,
@@ -332,13 +334,15 @@ constexpr std::array<Action, 19> kActions{{
      kAlways,
      Right::Read,
      {kCollection},
-     onCollection<&Store::closeCollection>},
+     onCollection<&Store::closeCollection>,
+     false},
     {"deleteCollection",
      Workload::Index,
      kAlways,
      Right::Admin,
      {kCollection},
-     onCollection<&Store::deleteCollection>},
+     onCollection<&Store::deleteCollection>,
+     false},
     {"addDocument",
      Workload::Write,
      kAlways,

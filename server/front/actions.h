@@ -39,6 +39,8 @@ struct Action {
   std::array<Parameters, 3> parameters;
   /// Throws ServerError if it refuses the request. May consume the request's content.
   Reply (*serve)(const Service& service, Request& request);
+  /// Whether the collection must be open for it.
+  bool opens = true;
 };
 
 /// The action of that name, or null. Includes the actions that the server knows but does not

@@ -142,7 +142,22 @@ void ConnectionContext::stopConnections() {
   for (const auto& connection : snapshot()) connection->abort();
 }
 
+void ConnectionContext::requestWaits() {
+  const std::lock_guard lock(mutex_);
+  ++waiting_;
+}
+
+void ConnectionContext::requestGoesOn() {
+  const std::lock_guard lock(mutex_);
+  --waiting_;
+  left_.notify_all();
+}
+
 void ConnectionContext::joinWorkers() {
+  {
+    std::unique_lock lock(mutex_);
+    left_.wait(lock, [&] { return waiting_ == 0; });
+  }
   readers_.join();
   writers_.join();
   indexers_.join();
@@ -365,9 +380,12 @@ void Connection::serve(Workload workload) {
 }
 
 void Connection::work(Workload workload) {
-  const RequestContext::Scope scope(*request_);
-  const State next = answer(workload);
-  asio::post(socket_.get_executor(), [self = shared_from_this(), next] {
+  const std::shared_ptr<RequestContext> request = request_;
+  const RequestContext::Scope scope(*request);
+  const std::optional<State> next = answer(workload);
+  // Otherwise another worker may have gone on with the request already.
+  if (!next) return;
+  asio::post(socket_.get_executor(), [self = shared_from_this(), next = *next] {
     if (self->state_ == State::Closed) return;
     self->state_ = next;
     self->request_.reset();
@@ -376,7 +394,8 @@ void Connection::work(Workload workload) {
   });
 }
 
-Connection::State Connection::answer(Workload workload) {
+// Nothing if the request has to wait and another call is to answer it.
+std::optional<Connection::State> Connection::answer(Workload workload) {
   try {
     return answerRow(workload);
   } catch (const std::exception& error) {
@@ -387,11 +406,15 @@ Connection::State Connection::answer(Workload workload) {
 
 // Requests without a reply come in long rows, all of them for this group of workers. Returning to
 // the strand after each would cost more than serving it does.
-Connection::State Connection::answerRow(Workload workload) {
+std::optional<Connection::State> Connection::answerRow(Workload workload) {
   try {
     for (;;) {
       if (!queued_) queued_ = decoder_.next();
       if (!queued_ || nextWorkload() != workload) return State::Serving;
+      if (!context_.dispatcher().isReady(*queued_)) {
+        awaitCollection(workload);
+        return std::nullopt;
+      }
       Request request = std::move(*std::exchange(queued_, std::nullopt));
       request.identified = context_.options().access != nullptr;
       request.fromThisMachine = fromThisMachine_;
@@ -407,6 +430,16 @@ Connection::State Connection::answerRow(Workload workload) {
   } catch (const FramingError& error) {
     return encodeRefusal(error);
   }
+}
+
+// An opening can take long, and a worker that waited for it would be missing for the others. The
+// worker that goes on may do so before this function returns.
+void Connection::awaitCollection(Workload workload) {
+  context_.requestWaits();
+  context_.dispatcher().open(*queued_, [self = shared_from_this(), workload] {
+    asio::post(self->context_.workers(workload), [self, workload] { self->work(workload); });
+    self->context_.requestGoesOn();
+  });
 }
 
 // Runs on the worker that decodes the header block.

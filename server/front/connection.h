@@ -54,6 +54,11 @@ class ConnectionContext {
   void stopConnections();
   void joinWorkers();
 
+  /// A request waits for something without a worker; whoever ends the waiting says so. It must be
+  /// over before this object can go.
+  void requestWaits();
+  void requestGoesOn();
+
  private:
   std::vector<std::shared_ptr<Connection>> snapshot();
 
@@ -72,6 +77,7 @@ class ConnectionContext {
   // Guarded by mutex_.
   std::unordered_set<std::shared_ptr<Connection>> connections_;
   std::unordered_set<std::shared_ptr<Connection>> turnedAway_;
+  std::size_t waiting_ = 0;
 };
 
 /// One client. It serves one request at a time. Meanwhile it reads ahead a little, to notice when
@@ -132,8 +138,9 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
   Workload nextWorkload() const;
   void serve(Workload workload);
   void work(Workload workload);
-  State answer(Workload workload);
-  State answerRow(Workload workload);
+  std::optional<State> answer(Workload workload);
+  std::optional<State> answerRow(Workload workload);
+  void awaitCollection(Workload workload);
   bool fillOutput();
   void writeOutput();
   void outputWritten();

@@ -72,6 +72,27 @@ void Dispatcher::permit(const Request& request, const Identity& identity) {
                         (scope ? "the collection " + shown(collection) : "the whole server"));
 }
 
+bool Dispatcher::isReady(const Request& request) const {
+  const Action* action = actionOf(request);
+  if (!action || !action->opens || request.refusal || request.opened) return true;
+  const std::string collection(collectionNamedBy(request));
+  return collection.empty() || !request.defect.empty() || store_.isOpen(collection);
+}
+
+// A collection that does not exist is left to the action to find: of several errors that a request
+// has, it decides which one counts.
+void Dispatcher::open(Request& request, std::function<void()> opened) {
+  request.opened = true;
+  store_.open(std::string(collectionNamedBy(request)),
+              [&request, opened = std::move(opened)](const std::optional<ServerError>& failure) {
+                if (failure && failure->kind() != ErrorKind::UnknownCollection &&
+                    failure->kind() != ErrorKind::BadCollectionName) {
+                  request.unopened.emplace(failure->kind(), failure->what());
+                }
+                opened();
+              });
+}
+
 Reply Dispatcher::handle(Request request) {
   const Action* action = actionOf(request);
   const auto began = arrivalOf(action);
@@ -92,6 +113,7 @@ Reply Dispatcher::serve(Request& request, std::string& errorId) {
       if (request.refusal) throw *request.refusal;
       requireParameters(action, request);
     }
+    if (request.unopened && action.workload != Workload::Status) throw *request.unopened;
     return action.serve({store_, version_, shutDown_}, request);
   } catch (const ServerError& error) {
     return refuse(request, errorReply(error.kind(), error.what()), errorId);

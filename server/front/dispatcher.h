@@ -28,6 +28,11 @@ class Dispatcher {
   /// Throws ServerError(Forbidden) if this identity may not ask for this.
   static void permit(const Request& request, const Identity& identity);
 
+  /// Whether the request can be handled now. If not, its collection has to be opened first.
+  bool isReady(const Request& request) const;
+  /// Calls `opened` once `request` can be handled, from any thread.
+  void open(Request& request, std::function<void()> opened);
+
   /// Never throws: a failure becomes an ErrorReply, or a line in the log when the request asks for
   /// no reply. Consumes the request's content.
   Reply handle(Request request);

@@ -25,6 +25,9 @@ struct Request {
   bool identified = false;
   /// Whether the connection comes from the server's own machine.
   bool fromThisMachine = false;
+  /// Its collection has been opened for it, or that has failed for this reason.
+  bool opened = false;
+  std::optional<ServerError> unopened;
 
   /// The value of a header; empty if it was not sent.
   std::string_view header(std::string_view name) const {

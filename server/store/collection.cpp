@@ -39,6 +39,22 @@ std::uint64_t bytesIn(const std::filesystem::path& directory) {
   return bytes;
 }
 
+MemoryBudget::Share memoryFor(const StoreLimits& limits) {
+  if (!limits.index.memory) return {};
+  MemoryBudget::Share share(*limits.index.memory);
+  if (share.resize(Collection::kOpenBytes, MemoryBudget::Use::Small)) return share;
+  throw ServerError(ErrorKind::TryAgain,
+                    "there is no memory for one more open collection; try again, or raise "
+                    "--max-memory");
+}
+
+// That of the journal's last segment. Readers of the index count their own.
+DescriptorBudget::Share descriptorsFor(const StoreLimits& limits) {
+  DescriptorBudget::Share share(limits.index.descriptors.get());
+  share.add(1);
+  return share;
+}
+
 }  // namespace
 
 void Collection::create(const std::filesystem::path& directory, const std::string& language) {
@@ -46,15 +62,22 @@ void Collection::create(const std::filesystem::path& directory, const std::strin
   const Journal journal(directory, [](std::uint64_t, Change&&) {});
 }
 
-Collection::Collection(std::string name, const std::filesystem::path& directory, StoreLimits limits)
+Collection::Collection(std::string name, const std::filesystem::path& directory, StoreLimits limits,
+                       std::shared_ptr<ParseOutcomes> outcomes, const std::atomic<bool>& stopping)
     : name_(std::move(name)),
       directory_(complete(directory)),
       limits_(limits),
+      memory_(memoryFor(limits)),
+      descriptors_(descriptorsFor(limits)),
+      outcomes_(std::move(outcomes)),
       journal_(directory,
-               [this](std::uint64_t segment, Change&& change) {
+               [&](std::uint64_t segment, Change&& change) {
+                 if (stopping) throw ServerError(ErrorKind::TryAgain, "the server is stopping");
                  if (change.kind == ChangeKind::Remove) hide(segment, change.document.key);
                }),
-      index_(directory, limits.index) {}
+      index_(directory, limits.index) {
+  memory_.force(kOpenBytes + index_.bytesOfSums());
+}
 
 void Collection::add(const Document& document) {
   checkSize(document);
@@ -119,22 +142,15 @@ void Collection::lastChanges(std::uint64_t segment,
 
 std::vector<ParseOutcome> Collection::takeOutcomes() {
   requireActive();
-  std::deque<ParseOutcome> taken;
-  std::uint64_t ticket = 0;
-  {
-    const std::lock_guard lock(outcomesMutex_);
-    taken.swap(outcomes_);
-    ticket = outcomesTicket_;
-  }
+  ParseOutcomes::Taken taken = outcomes_->take();
   try {
-    journal_.sync(ticket);
+    journal_.sync(taken.ticket);
   } catch (...) {
-    const std::lock_guard lock(outcomesMutex_);
-    outcomes_.insert(outcomes_.begin(), std::make_move_iterator(taken.begin()),
-                     std::make_move_iterator(taken.end()));
+    outcomes_->putBack(std::move(taken));
     throw;
   }
-  return {std::make_move_iterator(taken.begin()), std::make_move_iterator(taken.end())};
+  return {std::make_move_iterator(taken.outcomes.begin()),
+          std::make_move_iterator(taken.outcomes.end())};
 }
 
 std::unique_ptr<HitSource> Collection::search(const SearchQuery& query) {
@@ -178,11 +194,25 @@ CollectionState Collection::state() const {
   return journal_.empty() ? CollectionState::Current : CollectionState::ChangesPending;
 }
 
+bool Collection::close() {
+  index_.releaseHandles();
+  try {
+    journal_.syncAll();
+  } catch (const ServerError& error) {
+    spdlog::warn("collection {} stays open: {}", shown(name_), error.what());
+    return false;
+  }
+  outcomes_->forgetTickets();
+  return true;
+}
+
 void Collection::retire() {
   {
     const std::unique_lock gate(gate_);
     retired_ = true;
   }
+  // If it cannot be deleted in the end, another object goes on with its files.
+  close();
   const std::lock_guard indexing(indexMutex_);
   index_.releaseHandles();
 }
@@ -251,13 +281,9 @@ void Collection::removeHiddenFromIndex() {
 }
 
 void Collection::pushOutcome(ParseOutcome outcome, std::uint64_t ticket) {
-  const std::lock_guard lock(outcomesMutex_);
-  outcomesTicket_ = std::max(outcomesTicket_, ticket);
-  outcomes_.push_back(std::move(outcome));
-  if (outcomes_.size() <= limits_.outcomes) return;
+  if (outcomes_->push(std::move(outcome), ticket)) return;
   spdlog::warn("collection {}: nobody asks for parse results, the oldest is forgotten",
                shown(name_));
-  outcomes_.pop_front();
 }
 
 }  // namespace corvaned

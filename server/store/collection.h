@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -12,7 +11,10 @@
 #include <unordered_map>
 #include <vector>
 
+#include "server/base/descriptorBudget.h"
+#include "server/base/memoryBudget.h"
 #include "server/store/journal.h"
+#include "server/store/parseOutcomes.h"
 #include "server/store/store.h"
 #include "server/store/xapianIndex.h"
 
@@ -36,7 +38,13 @@ class Collection {
  public:
   static void create(const std::filesystem::path& directory, const std::string& language);
 
-  Collection(std::string name, const std::filesystem::path& directory, StoreLimits limits);
+  /// What an open collection takes of the memory, beside the checksums of its index.
+  static constexpr std::size_t kOpenBytes = std::size_t{40} << 10U;
+
+  /// `outcomes` outlive the collection's being open; `stopping` ends the opening when it becomes
+  /// true. Throws ServerError(TryAgain) if there is no memory or no descriptor for one more.
+  Collection(std::string name, const std::filesystem::path& directory, StoreLimits limits,
+             std::shared_ptr<ParseOutcomes> outcomes, const std::atomic<bool>& stopping);
 
   void add(const Document& document);
   void queue(const Document& document);
@@ -52,7 +60,11 @@ class Collection {
   void visit(const SearchQuery& query, const Store::DocumentVisitor& take);
   CollectionState state() const;
   CollectionSummary summary();
-  void releaseHandles() { index_.releaseHandles(); }
+
+  /// Brings everything to disk, so that the object can go and another be made of the same files.
+  /// False if that would lose something: the journal refuses changes since the disk failed. Nothing
+  /// else may be called at the same time.
+  bool close();
 
   /// Makes all further operations fail, and returns when no operation uses the directory any more.
   void retire();
@@ -70,6 +82,9 @@ class Collection {
   const std::string name_;
   const std::filesystem::path directory_;
   const StoreLimits limits_;
+  // What the open collection takes of the budgets.
+  MemoryBudget::Share memory_;
+  DescriptorBudget::Share descriptors_;
 
   // Held shared while a change is appended, so that retire() can wait for appends that have begun.
   mutable std::shared_mutex gate_;
@@ -81,10 +96,7 @@ class Collection {
   std::unordered_map<std::string, std::uint64_t> hidden_;
   std::uint64_t indexed_ = 0;
 
-  // The outcomes of queued documents, and the journal ticket of the last one.
-  std::mutex outcomesMutex_;
-  std::deque<ParseOutcome> outcomes_;
-  std::uint64_t outcomesTicket_ = 0;
+  const std::shared_ptr<ParseOutcomes> outcomes_;
 
   // One writer at a time.
   std::mutex indexMutex_;

@@ -247,6 +247,14 @@ void IndexSums::write() {
   syncDirectory(collection_);
 }
 
+std::size_t IndexSums::bytes() const {
+  std::size_t bytes = 0;
+  for (const auto& [name, sums] : files_) {
+    bytes += sums.blocks.size() * sizeof(std::uint32_t) + sums.content.size();
+  }
+  return bytes;
+}
+
 std::optional<std::string> IndexSums::contentOf(const std::string& file) const {
   const auto found = files_.find(file);
   if (changing_ || found == files_.end() || found->second.content.empty()) return std::nullopt;

@@ -60,6 +60,9 @@ class IndexSums {
   /// The content that the file must have, if it is one that is kept whole.
   std::optional<std::string> contentOf(const std::string& file) const;
 
+  /// The memory that they take.
+  std::size_t bytes() const;
+
   static constexpr const char* kIndexDirectory = "index";
   static std::filesystem::path pathIn(const std::filesystem::path& collection);
   static std::filesystem::path changingPathIn(const std::filesystem::path& collection);

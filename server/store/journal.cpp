@@ -53,6 +53,8 @@ Journal::Place Journal::append(const Change& change) {
 
 void Journal::sync(std::uint64_t ticket) {
   std::unique_lock lock(mutex_);
+  // A ticket of another object, closed since, is of a change that was on disk then.
+  ticket = std::min(ticket, lastTicket_);
   while (durableTicket_ < ticket) {
     requireHealthy();
     if (syncing_) {
@@ -80,6 +82,16 @@ void Journal::sync(std::uint64_t ticket) {
     durableSequence_ = std::max(durableSequence_, sequence);
     durableTicket_ = std::max(durableTicket_, reached);
   }
+}
+
+void Journal::syncAll() {
+  std::uint64_t ticket = 0;
+  {
+    const std::lock_guard lock(mutex_);
+    requireHealthy();
+    ticket = lastTicket_;
+  }
+  sync(ticket);
 }
 
 std::uint64_t Journal::rotate() {

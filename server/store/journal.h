@@ -48,6 +48,8 @@ class Journal {
   /// Returns when everything up to the ticket is on disk. Threads that wait at the same time share
   /// one sync of the file.
   void sync(std::uint64_t ticket);
+  /// The same for everything that was appended so far. Throws also if changes are refused.
+  void syncAll();
 
   /// Closes the current segment and returns its number: all changes appended so far are in this
   /// segment or in earlier ones.

@@ -4,6 +4,8 @@
 #include <spdlog/spdlog.h>
 
 #include <algorithm>
+#include <asio/post.hpp>
+#include <asio/thread_pool.hpp>
 #include <optional>
 #include <system_error>
 #include <utility>
@@ -13,6 +15,11 @@
 
 namespace corvaned {
 namespace {
+
+// Large collections are opened two at a time.
+constexpr std::size_t kOpeners = 2;
+// Up to this size a collection is opened by whoever needs it.
+constexpr std::uintmax_t kQuicklyRead = std::uintmax_t{4} << 20U;
 
 std::filesystem::path prepared(std::filesystem::path directory) {
   std::error_code error;
@@ -44,15 +51,33 @@ std::optional<std::string> nameIfCollection(const std::string& directory) {
 LocalStore::LocalStore(std::filesystem::path directory, StoreLimits limits)
     : root_(prepared(std::move(directory))),
       collectionsRoot_(prepared(collectionsIn(root_))),
-      limits_(limits),
-      lock_(lockDataDirectory(root_)) {
+      limits_(std::move(limits)),
+      lock_(lockDataDirectory(root_)),
+      registry_([this](const std::string& name) { return read(name); }) {
   syncDirectory(root_);
   removeLeftovers();
+  if (limits_.index.descriptors) {
+    limits_.index.descriptors->setReclaim([this] { return registry_.closeOldest(); });
+  }
+  openers_ = std::make_unique<asio::thread_pool>(kOpeners);
 }
+
+LocalStore::~LocalStore() { openers_->join(); }
+
+bool LocalStore::isOpen(const std::string& name) { return registry_.isOpen(name); }
+
+void LocalStore::open(const std::string& name, Opened opened) {
+  const auto opening = registry_.awaitOpen(name, std::move(opened));
+  if (!opening) return;
+  if (isQuicklyRead(name)) return opening->carryOut();
+  asio::post(*openers_, [opening = *opening] { opening.carryOut(); });
+}
+
+void LocalStore::stop() { stopping_ = true; }
 
 void LocalStore::createCollection(const std::string& name, const std::string& language) {
   const std::filesystem::path path = pathOf(name);
-  const std::lock_guard lock(mutex_);
+  const Registry::Reservation reserved = registry_.reserve(name);
   if (std::filesystem::exists(path)) {
     throw ServerError(ErrorKind::CollectionExists,
                       "the collection " + shown(name) + " exists already");
@@ -67,26 +92,25 @@ void LocalStore::createCollection(const std::string& name, const std::string& la
 
 void LocalStore::openCollection(const std::string& name) { find(name); }
 
-void LocalStore::closeCollection(const std::string& name) { find(name)->releaseHandles(); }
+void LocalStore::closeCollection(const std::string& name) {
+  if (!std::filesystem::exists(pathOf(name))) throwUnknown(name);
+  registry_.close(name);
+}
 
 // Does not open the collection, so that a damaged one can be deleted, too.
 void LocalStore::deleteCollection(const std::string& name) {
   const std::filesystem::path path = pathOf(name);
   std::filesystem::path temporary;
-  while (temporary.empty()) {
-    const std::shared_ptr<Collection> collection = opened(name);
-    if (collection) collection->retire();
-    const std::lock_guard lock(mutex_);
-    const auto found = open_.find(name);
-    const std::shared_ptr<Collection> now = found == open_.end() ? nullptr : found->second;
-    if (!collection && now) continue;
-    // Another client may have deleted the collection meanwhile and created one of the same name.
-    if (collection != now || !std::filesystem::exists(path)) throwUnknown(name);
+  {
+    Registry::Reservation reserved = registry_.reserve(name);
+    if (!std::filesystem::exists(path)) throwUnknown(name);
     // If a later step fails, the next request opens the collection anew.
-    if (now) open_.erase(found);
+    if (reserved.collection()) reserved.collection()->retire();
+    reserved.forget();
     temporary = freshTemporary();
     std::filesystem::rename(path, temporary / "deleted");
     syncDirectory(collectionsRoot_);
+    forgetOutcomes(name);
   }
   std::error_code error;
   std::filesystem::remove_all(temporary, error);
@@ -153,21 +177,68 @@ std::vector<std::string> LocalStore::collections(const std::string& after, std::
   return names;
 }
 
+Registry::Use LocalStore::find(const std::string& name) { return registry_.use(name); }
+
 // The first request that names a collection opens it, so that a damaged one does not affect the
 // others.
-std::shared_ptr<Collection> LocalStore::find(const std::string& name) {
-  const std::lock_guard lock(mutex_);
-  const auto found = open_.find(name);
-  if (found != open_.end()) return found->second;
+std::unique_ptr<Collection> LocalStore::read(const std::string& name) {
   const std::filesystem::path path = pathOf(name);
   if (!std::filesystem::exists(path)) throwUnknown(name);
-  return open_[name] = std::make_shared<Collection>(name, path, limits_);
+  makeRoom();
+  for (;;) {
+    try {
+      return std::make_unique<Collection>(name, path, limits_, outcomesOf(name), stopping_);
+    } catch (const ServerError& error) {
+      // Memory is what may be missing; descriptors have been looked for already.
+      if (error.kind() != ErrorKind::TryAgain || !registry_.closeOldest()) throw;
+    }
+  }
 }
 
-std::shared_ptr<Collection> LocalStore::opened(const std::string& name) {
-  const std::lock_guard lock(mutex_);
-  const auto found = open_.find(name);
-  return found == open_.end() ? nullptr : found->second;
+// Open collections take at most a quarter of the memory, so that requests keep the rest.
+void LocalStore::makeRoom() {
+  constexpr std::size_t kShareOfMemory = 4;
+  if (!limits_.index.memory) return;
+  const std::size_t most = limits_.index.memory->limit() / kShareOfMemory / Collection::kOpenBytes;
+  while (registry_.size() > most && registry_.closeOldest()) {
+  }
+}
+
+std::shared_ptr<ParseOutcomes> LocalStore::outcomesOf(const std::string& name) {
+  const std::lock_guard lock(outcomesMutex_);
+  if (outcomes_.size() >= outcomesToPrune_) {
+    std::erase_if(outcomes_, [](const auto& entry) {
+      return entry.second.use_count() == 1 && entry.second->empty();
+    });
+    outcomesToPrune_ = 64 + 2 * outcomes_.size();
+  }
+  std::shared_ptr<ParseOutcomes>& outcomes = outcomes_[name];
+  if (!outcomes) outcomes = std::make_shared<ParseOutcomes>(limits_.outcomes);
+  return outcomes;
+}
+
+void LocalStore::forgetOutcomes(const std::string& name) {
+  const std::lock_guard lock(outcomesMutex_);
+  outcomes_.erase(name);
+}
+
+// What is no plain file may take any time to read. A collection that does not exist takes none.
+bool LocalStore::isQuicklyRead(const std::string& name) const {
+  std::uintmax_t bytes = 0;
+  std::error_code error;
+  std::filesystem::recursive_directory_iterator entry;
+  try {
+    entry = std::filesystem::recursive_directory_iterator(pathOf(name), error);
+  } catch (const ServerError&) {
+    return true;
+  }
+  for (; !error && entry != std::filesystem::recursive_directory_iterator();
+       entry.increment(error)) {
+    if (entry->is_directory(error)) continue;
+    if (!entry->is_regular_file(error)) return false;
+    bytes += entry->file_size(error);
+  }
+  return bytes <= kQuicklyRead;
 }
 
 std::filesystem::path LocalStore::pathOf(const std::string& name) const {

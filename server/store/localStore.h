@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -9,7 +10,13 @@
 #include "server/store/collection.h"
 #include "server/store/dataDirectory.h"
 #include "server/store/files.h"
+#include "server/store/parseOutcomes.h"
+#include "server/store/registry.h"
 #include "server/store/store.h"
+
+namespace asio {
+class thread_pool;
+}
 
 namespace corvaned {
 
@@ -21,12 +28,19 @@ namespace corvaned {
 ///         index-sums             its checksums; index-sums-changing during an update
 ///         journal-0000000000     which changes the journal must hold
 ///         journal-0000000001...  accepted changes that are not in the index yet
+///
+/// A collection is opened by the first request that needs it and closed when its descriptors or its
+/// memory are needed for another one, or on request. Large ones are opened on threads of their own.
 class LocalStore : public Store {
  public:
   /// Creates the directory if it does not exist. Throws ServerError(StorageFailed) if another
   /// server uses it.
   LocalStore(std::filesystem::path directory, StoreLimits limits);
+  ~LocalStore() override;
 
+  bool isOpen(const std::string& name) override;
+  void open(const std::string& name, Opened opened) override;
+  void stop() override;
   void createCollection(const std::string& name, const std::string& language) override;
   void openCollection(const std::string& name) override;
   void closeCollection(const std::string& name) override;
@@ -51,8 +65,12 @@ class LocalStore : public Store {
   std::vector<std::string> collections(const std::string& after, std::uint64_t most) override;
 
  private:
-  std::shared_ptr<Collection> find(const std::string& name);
-  std::shared_ptr<Collection> opened(const std::string& name);
+  Registry::Use find(const std::string& name);
+  std::unique_ptr<Collection> read(const std::string& name);
+  bool isQuicklyRead(const std::string& name) const;
+  void makeRoom();
+  std::shared_ptr<ParseOutcomes> outcomesOf(const std::string& name);
+  void forgetOutcomes(const std::string& name);
   std::filesystem::path pathOf(const std::string& name) const;
   std::filesystem::path freshTemporary();
   void removeLeftovers() const;
@@ -62,10 +80,19 @@ class LocalStore : public Store {
   const StoreLimits limits_;
   FileHandle lock_;
 
-  std::mutex mutex_;
-  // Guarded by mutex_: the open collections, and how many temporary directories were named so far.
-  std::map<std::string, std::shared_ptr<Collection>> open_;
-  std::uint64_t temporaries_ = 0;
+  std::atomic<bool> stopping_ = false;
+  // How many temporary directories were named so far.
+  std::atomic<std::uint64_t> temporaries_ = 0;
+
+  std::mutex outcomesMutex_;
+  // Guarded by outcomesMutex_: those of the open collections, and of closed ones what nobody has
+  // asked for. Unneeded ones are removed when there are twice as many as at the last time.
+  std::map<std::string, std::shared_ptr<ParseOutcomes>> outcomes_;
+  std::size_t outcomesToPrune_ = 64;
+
+  Registry registry_;
+  // Destroyed first: an opening uses everything above.
+  std::unique_ptr<asio::thread_pool> openers_;
 };
 
 }  // namespace corvaned

@@ -4,9 +4,12 @@
 #include <functional>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "server/base/errors.h"
 
 namespace corvaned {
 
@@ -107,6 +110,18 @@ enum class CollectionState {
 class Store {
  public:
   virtual ~Store() = default;
+
+  /// Whether an operation on the collection need not wait for it to be opened.
+  virtual bool isOpen(const std::string& name) = 0;
+  /// Called once, on any thread, with the reason if the collection cannot be opened. Must not
+  /// throw.
+  using Opened = std::function<void(const std::optional<ServerError>& failure)>;
+  /// Has the collection opened, which may take long, so that nobody need wait for that in an
+  /// operation.
+  virtual void open(const std::string& name, Opened opened) = 0;
+  /// Makes the work that takes long end soon: index updates between two documents, openings between
+  /// two changes. Those who wait for it get an error. Nothing accepted is lost.
+  virtual void stop() = 0;
 
   virtual void createCollection(const std::string& name, const std::string& language) = 0;
   virtual void openCollection(const std::string& name) = 0;

@@ -21,6 +21,8 @@ namespace corvaned {
 namespace {
 
 constexpr int kReadAttempts = 8;
+// The tables that a handle for searching has open.
+constexpr std::size_t kReaderDescriptors = 4;
 // What one hit takes while the engine sorts: twice, as its vector grows.
 constexpr std::size_t kMatchCost = 256;
 // Results up to this size are not worth asking how large they may get.
@@ -350,8 +352,10 @@ std::uint64_t saturatedSum(std::uint64_t a, std::uint64_t b) {
 /// One handle for searching; used by one thread at a time.
 class XapianIndex::Reader {
  public:
-  explicit Reader(const std::filesystem::path& path)
-      : database_(path.string()), stemmer_(stemmerFor(database_.get_metadata(kLanguageEntry))) {}
+  Reader(const std::filesystem::path& path, DescriptorBudget::Share descriptors)
+      : descriptors_(std::move(descriptors)),
+        database_(path.string()),
+        stemmer_(stemmerFor(database_.get_metadata(kLanguageEntry))) {}
 
   void refresh() { database_.reopen(); }
 
@@ -559,6 +563,8 @@ class XapianIndex::Reader {
     return query;
   }
 
+  // Declared first, so that they are given back when the database is closed.
+  DescriptorBudget::Share descriptors_;
   Xapian::Database database_;
   Xapian::Stem stemmer_;
 };
@@ -574,7 +580,10 @@ class XapianIndex::Lease {
         index.idleReaders_.pop_back();
       }
     }
-    if (!reader_) reader_ = std::make_unique<Reader>(index.path_);
+    if (reader_) return;
+    DescriptorBudget::Share descriptors(index.limits_.descriptors.get());
+    descriptors.add(kReaderDescriptors);
+    reader_ = std::make_unique<Reader>(index.path_, std::move(descriptors));
   }
 
   /// Runs `work` with the reader. If a writer commits twice meanwhile, the reader's snapshot no

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "server/base/descriptorBudget.h"
 #include "server/base/memoryBudget.h"
 #include "server/store/change.h"
 #include "server/store/indexSums.h"
@@ -29,6 +30,8 @@ struct IndexLimits {
   std::size_t batchBytes = std::size_t{16} << 20U;
   /// What results and transactions take their memory from. None: without a limit.
   std::shared_ptr<MemoryBudget> memory;
+  /// What handles for searching take their descriptors from. None: without a limit.
+  std::shared_ptr<DescriptorBudget> descriptors;
 };
 
 /// The searchable part of a collection: a Xapian database in a directory. Xapian's types stay
@@ -80,6 +83,9 @@ class XapianIndex {
 
   /// Closes the handles that are kept open for the next searches.
   void releaseHandles();
+
+  /// The memory that the checksums take.
+  std::size_t bytesOfSums() const { return sums_->bytes(); }
 
  private:
   class Reader;

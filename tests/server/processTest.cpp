@@ -66,6 +66,54 @@ TEST_F(ProcessTest, StopSignalsEndItWithCodeZero) {
   }
 }
 
+TEST_F(ProcessTest, ClientsCannotTakeTheFilesThatCollectionsNeed) {
+  std::vector<std::string> words = arguments();
+  words.insert(words.end(), {"--max-open-files", "256"});
+  CorvanedProgram program(words);
+  std::string line = program.line();
+  while (!line.starts_with("listening")) line = program.line();
+  RawClient client(portOf(line));
+  const std::string success("\0\1", 2);
+  const auto ask = [&](test::Headers headers, const std::string& body = {}) {
+    client.send(binaryRequest(headers, body));
+    return client.receive(2);
+  };
+  std::vector<RawClient> others;
+  for (int i = 0; i < 320; ++i) others.emplace_back(portOf(line));
+  for (int i = 0; i < 60; ++i) {
+    const std::string name = "c" + std::to_string(i);
+    EXPECT_EQ(ask({{"action", "createCollection"}, {"index", name}}), success);
+    EXPECT_EQ(
+        ask({{"action", "addDocument"}, {"index", name}}, test::documentBlock("k", {}, "fox")),
+        success);
+    EXPECT_EQ(ask({{"action", "updateIndex"}, {"index", name}}), success);
+    EXPECT_EQ(ask({{"action", "search"}, {"index", name}, {"query", "fox"}}), success);
+    // The only hit, and the end.
+    EXPECT_EQ(client.receive(9).size(), 9U);
+  }
+  for (int i = 0; i < 60; ++i) {
+    EXPECT_EQ(ask({{"action", "getStatus"}, {"index", "c" + std::to_string(i)}}), success) << i;
+  }
+  program.signal(SIGTERM);
+  EXPECT_EQ(program.wait(), 0);
+}
+
+TEST_F(ProcessTest, LimitOfOpenFilesThatServesNobodyIsRefused) {
+  std::vector<std::string> words = arguments();
+  words.insert(words.end(), {"--max-open-files", "100"});
+  CorvanedProgram program(words);
+  EXPECT_THAT(program.rest(), HasSubstr("100 open files are too few"));
+  EXPECT_EQ(program.wait(), 1);
+}
+
+TEST_F(ProcessTest, ClientsThatOpenFilesDoNotAllowAreSaidInTheLog) {
+  std::vector<std::string> words = arguments();
+  words.back() = "warn";
+  words.insert(words.end(), {"--max-open-files", "260", "--max-connections", "51"});
+  CorvanedProgram program(words);
+  EXPECT_THAT(program.line(), AllOf(HasSubstr("at most 50 clients"), HasSubstr("is 51")));
+}
+
 TEST_F(ProcessTest, SecondServerOnADirectoryIsRefused) {
   CorvanedProgram first(arguments());
   first.line();

@@ -25,6 +25,7 @@
 #include "server/store/localStore.h"
 #include "tests/server/rawClient.h"
 #include "tests/server/requestBytes.h"
+#include "tests/server/store/slowCollection.h"
 #include "tests/support/temporaryDirectory.h"
 
 namespace corvaned {
@@ -437,6 +438,42 @@ TEST_F(FrontTest, UpdatesThatTakeTimeHoldUpNeitherSearchesNorDocuments) {
               StartsWith(kDone));
   store_.gate.open();
   for (RawClient& client : updating) EXPECT_EQ(client.receiveHttp(), kDone);
+}
+
+TEST_F(FrontTest, OpeningOneCollectionTakesNoWorkerFromTheOthers) {
+  RawClient setup(http_);
+  for (const char* name : {"c", "slow"}) {
+    EXPECT_EQ(httpAsk(setup, {{"action", "createCollection"}, {"index", name}}), kDone);
+  }
+  test::SlowCollection slow(directory_.path() / "data/collections/slow");
+  const std::vector<std::string> actions{"search", "addDocument", "getStatus", "updateIndex",
+                                         "openCollection"};
+  std::vector<RawClient> http;
+  std::vector<RawClient> binary;
+  for (int round = 0; round < 12; ++round) {
+    for (const std::string& action : actions) {
+      const Headers headers{{"action", action}, {"index", "slow"}, {"query", "x"}};
+      const std::string body = action == "addDocument" ? kDocument : "";
+      http.emplace_back(http_);
+      http.back().send(httpRequest(headers, body));
+      binary.emplace_back(binary_);
+      binary.back().send(binaryRequest(headers, body));
+    }
+  }
+  slow.awaitOpening();
+  expectServing();
+  EXPECT_EQ(httpAsk(setup, {{"action", "addDocument"}, {"index", "c"}}, kDocument), kDone);
+  EXPECT_EQ(httpAsk(setup, {{"action", "updateIndex"}, {"index", "c"}}), kDone);
+  EXPECT_THAT(httpAsk(setup, {{"action", "search"}, {"index", "c"}, {"query", "x"}}),
+              StartsWith(kDone));
+  EXPECT_THAT(httpAsk(setup, {{"action", "getStatus"}, {"index", "c"}}), EndsWith("0"));
+  slow.fail();
+  for (std::size_t i = 0; i < http.size(); ++i) {
+    const bool isStatus = actions[i % actions.size()] == "getStatus";
+    EXPECT_THAT(http[i].receiveHttp(), HasSubstr(isStatus ? "2" : "ZVK0014E"));
+    EXPECT_EQ(binary[i].receive(2), std::string("\0\6", 2));
+  }
+  EXPECT_EQ(httpAsk(setup, {{"action", "updateIndex"}, {"index", "slow"}}), kDone);
 }
 
 TEST_F(FrontTest, StatusIsAnsweredWhileEverySearchThreadIsBusy) {

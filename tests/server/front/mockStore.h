@@ -12,6 +12,10 @@ namespace corvaned::test {
 
 class MockStore : public Store {
  public:
+  bool isOpen(const std::string&) override { return true; }
+  void stop() override {}
+  MOCK_METHOD(void, open, (const std::string&, Opened), (override));
+
   MOCK_METHOD(void, createCollection, (const std::string&, const std::string&), (override));
   MOCK_METHOD(void, openCollection, (const std::string&), (override));
   MOCK_METHOD(void, closeCollection, (const std::string&), (override));

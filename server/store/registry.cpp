@@ -1,0 +1,227 @@
+#include "server/store/registry.h"
+
+#include <new>
+#include <system_error>
+
+#include "server/store/collection.h"
+
+namespace corvaned {
+
+struct Registry::Entry {
+  enum class State {
+    Opening,
+    Open,
+    /// Being closed, created or dropped.
+    Reserved,
+    /// No longer in the registry.
+    Gone,
+  };
+
+  explicit Entry(std::string called) : name(std::move(called)) {}
+
+  const std::string name;
+  State state = State::Opening;
+  std::shared_ptr<Collection> collection;
+  std::size_t users = 0;
+  bool closesWhenUnused = false;
+  std::optional<ServerError> failure;
+  std::vector<Ready> waiting;
+  // Its place in unused_, if it is there.
+  std::optional<std::list<std::shared_ptr<Entry>>::iterator> place;
+};
+
+Registry::Use::Use(Registry& registry, std::shared_ptr<Entry> entry)
+    : registry_(registry), entry_(std::move(entry)) {}
+
+Registry::Use::~Use() {
+  if (entry_) registry_.release(entry_);
+}
+
+Collection* Registry::Use::operator->() const { return entry_->collection.get(); }
+
+Registry::Reservation::Reservation(Registry& registry, std::shared_ptr<Entry> entry)
+    : registry_(registry), entry_(std::move(entry)) {}
+
+Collection* Registry::Reservation::collection() const { return entry_->collection.get(); }
+
+Registry::Reservation::~Reservation() {
+  std::vector<Ready> waiting;
+  {
+    const std::lock_guard lock(registry_.mutex_);
+    if (entry_->collection && !forgotten_) {
+      registry_.makeOpen(entry_);
+    } else {
+      registry_.makeGone(*entry_);
+    }
+    waiting.swap(entry_->waiting);
+  }
+  callAll(waiting, std::nullopt);
+}
+
+Registry::Use Registry::use(const std::string& name) {
+  Lock lock(mutex_);
+  for (;;) {
+    const auto [found, isNew] = entries_.try_emplace(name);
+    if (isNew) found->second = std::make_shared<Entry>(name);
+    const std::shared_ptr<Entry> entry = found->second;
+    if (isNew) {
+      lock.unlock();
+      open(entry);
+      lock.lock();
+    }
+    changed_.wait(lock, [&] {
+      return entry->state == Entry::State::Open || entry->state == Entry::State::Gone;
+    });
+    // Those who wait each get an error of their own: exceptions are not made to be shared.
+    if (entry->failure) throw ServerError(entry->failure->kind(), entry->failure->what());
+    if (entry->state != Entry::State::Open) continue;
+    ++entry->users;
+    if (entry->place) unused_.erase(*std::exchange(entry->place, std::nullopt));
+    return {*this, entry};
+  }
+}
+
+bool Registry::isOpen(const std::string& name) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = entries_.find(name);
+  return found != entries_.end() && found->second->state == Entry::State::Open;
+}
+
+std::optional<Registry::Opening> Registry::awaitOpen(const std::string& name, Ready ready) {
+  {
+    const std::lock_guard lock(mutex_);
+    const auto [found, isNew] = entries_.try_emplace(name);
+    if (isNew) found->second = std::make_shared<Entry>(name);
+    const std::shared_ptr<Entry>& entry = found->second;
+    if (entry->state != Entry::State::Open) {
+      entry->waiting.push_back(std::move(ready));
+      if (isNew) return Opening(*this, entry);
+      return std::nullopt;
+    }
+  }
+  ready(std::nullopt);
+  return std::nullopt;
+}
+
+void Registry::open(const std::shared_ptr<Entry>& entry) {
+  const std::optional<ServerError> failure = tryToOpen(*entry);
+  std::vector<Ready> waiting;
+  {
+    const std::lock_guard lock(mutex_);
+    entry->failure = failure;
+    if (failure) {
+      makeGone(*entry);
+    } else {
+      makeOpen(entry);
+    }
+    waiting.swap(entry->waiting);
+  }
+  callAll(waiting, failure);
+}
+
+void Registry::callAll(const std::vector<Ready>& waiting,
+                       const std::optional<ServerError>& failure) noexcept {
+  for (const Ready& ready : waiting) ready(failure);
+}
+
+// Nobody else looks at the entry's collection while it is being opened.
+std::optional<ServerError> Registry::tryToOpen(Entry& entry) const {
+  try {
+    entry.collection = opener_(entry.name);
+    return std::nullopt;
+  } catch (const ServerError& error) {
+    return ServerError(error.kind(), error.what());
+  } catch (const std::bad_alloc&) {
+    return ServerError(ErrorKind::OutOfMemory, "there is not enough memory to open the collection");
+  } catch (const std::system_error& error) {
+    return ServerError(ErrorKind::StorageFailed, error.what());
+  } catch (const std::exception& error) {
+    return ServerError(ErrorKind::Internal, std::string("internal failure: ") + error.what());
+  }
+}
+
+Registry::Reservation Registry::reserve(const std::string& name) {
+  Lock lock(mutex_);
+  for (;;) {
+    const auto [found, isNew] = entries_.try_emplace(name);
+    if (isNew) found->second = std::make_shared<Entry>(name);
+    const std::shared_ptr<Entry> entry = found->second;
+    if (!isNew) {
+      changed_.wait(lock, [&] {
+        return entry->state == Entry::State::Open || entry->state == Entry::State::Gone;
+      });
+    }
+    if (entry->state == Entry::State::Gone) continue;
+    entry->state = Entry::State::Reserved;
+    if (entry->place) unused_.erase(*std::exchange(entry->place, std::nullopt));
+    return {*this, entry};
+  }
+}
+
+void Registry::close(const std::string& name) {
+  Lock lock(mutex_);
+  const auto found = entries_.find(name);
+  if (found == entries_.end() || found->second->state != Entry::State::Open) return;
+  const std::shared_ptr<Entry> entry = found->second;
+  entry->closesWhenUnused = true;
+  if (entry->users == 0) shut(lock, entry);
+}
+
+bool Registry::closeOldest() {
+  Lock lock(mutex_);
+  for (std::size_t left = unused_.size(); left > 0 && !unused_.empty(); --left) {
+    const std::shared_ptr<Entry> oldest = unused_.front();
+    if (shut(lock, oldest)) return true;
+  }
+  return false;
+}
+
+std::size_t Registry::size() const {
+  const std::lock_guard lock(mutex_);
+  return entries_.size();
+}
+
+// One that cannot be closed now stays open, as if it had just been used.
+bool Registry::shut(Lock& lock, const std::shared_ptr<Entry>& entry) {
+  entry->state = Entry::State::Reserved;
+  entry->closesWhenUnused = false;
+  if (entry->place) unused_.erase(*std::exchange(entry->place, std::nullopt));
+  lock.unlock();
+  const bool closed = entry->collection->close();
+  if (closed) entry->collection.reset();
+  lock.lock();
+  if (closed) {
+    makeGone(*entry);
+  } else {
+    makeOpen(entry);
+  }
+  const std::vector<Ready> waiting = std::exchange(entry->waiting, {});
+  lock.unlock();
+  callAll(waiting, std::nullopt);
+  lock.lock();
+  return closed;
+}
+
+void Registry::release(const std::shared_ptr<Entry>& entry) {
+  Lock lock(mutex_);
+  if (--entry->users > 0 || entry->state != Entry::State::Open) return;
+  if (entry->closesWhenUnused) {
+    shut(lock, entry);
+  } else {
+    entry->place = unused_.insert(unused_.end(), entry);
+  }
+}
+
+void Registry::makeOpen(const std::shared_ptr<Entry>& entry) {
+  entry->state = Entry::State::Open;
+  if (entry->users == 0) entry->place = unused_.insert(unused_.end(), entry);
+  changed_.notify_all();
+}
+
+void Registry::makeGone(Entry& entry) {
+  entry.state = Entry::State::Gone;
+  entries_.erase(entry.name);
+  changed_.notify_all();
+}
+
+}  // namespace corvaned

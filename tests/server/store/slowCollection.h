@@ -1,0 +1,59 @@
+#pragma once
+
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+namespace corvaned::test {
+
+/// Makes the next opening of a closed collection, in this process or another one, take until it is
+/// told to fail: the last part of its journal is a pipe that nobody writes into. The part before it
+/// tells when it is being read.
+class SlowCollection {
+ public:
+  explicit SlowCollection(const std::filesystem::path& collection)
+      : part_(collection / "journal-0000000098"), pipe_(collection / "journal-0000000099") {
+    std::ofstream(part_).flush();
+    watch_ = ::inotify_init1(IN_CLOEXEC);
+    if (::mkfifo(pipe_.c_str(), 0600) != 0 ||
+        ::inotify_add_watch(watch_, part_.c_str(), IN_OPEN) < 0) {
+      throw std::runtime_error("the collection cannot be made slow");
+    }
+  }
+  ~SlowCollection() {
+    fail();
+    ::close(watch_);
+    if (end_ >= 0) ::close(end_);
+  }
+  SlowCollection(const SlowCollection&) = delete;
+  SlowCollection& operator=(const SlowCollection&) = delete;
+
+  /// Returns when the opening has begun.
+  void awaitOpening() const {
+    std::array<char, 4096> event{};
+    if (::read(watch_, event.data(), event.size()) <= 0) throw std::runtime_error("no opening");
+  }
+
+  /// Lets it fail; the next one succeeds.
+  void fail() {
+    // With both ends open here nobody waits for the other one.
+    if (end_ < 0) end_ = ::open(pipe_.c_str(), O_RDWR | O_CLOEXEC);
+    std::error_code ignored;
+    std::filesystem::remove(pipe_, ignored);
+    std::filesystem::remove(part_, ignored);
+  }
+
+ private:
+  const std::filesystem::path part_;
+  const std::filesystem::path pipe_;
+  int watch_ = -1;
+  int end_ = -1;
+};
+
+}  // namespace corvaned::test
