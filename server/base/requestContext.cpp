@@ -47,6 +47,12 @@ void RequestContext::refuseCost() const {
                                 limits_.cost));
 }
 
+void RequestContext::await(std::shared_ptr<Ticket> ticket) {
+  RequestContext* const request = current();
+  if (!request || !request->mayReplyLater_) return ticket->wait();
+  request->awaited_ = std::move(ticket);
+}
+
 RequestContext* RequestContext::current() { return currentContext; }
 
 RequestContext::Scope::Scope(RequestContext& context)

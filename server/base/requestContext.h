@@ -3,6 +3,9 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <memory>
+
+#include "server/base/ticket.h"
 
 namespace corvaned {
 
@@ -37,6 +40,16 @@ class RequestContext {
     if ((++calls_ & 0xFFU) == 0) check();
   }
 
+  /// Whoever serves the request can let the reply wait without keeping a thread.
+  void allowLaterReply() { mayReplyLater_ = true; }
+  /// What the reply has to wait for; null if for nothing.
+  const std::shared_ptr<Ticket>& awaited() const { return awaited_; }
+  void forgetAwaited() { awaited_.reset(); }
+
+  /// The last step of an operation that others carry out: returns when that is done, and throws if
+  /// it fails; or lets the current request's reply wait for it, and returns at once.
+  static void await(std::shared_ptr<Ticket> ticket);
+
   /// When it arrived.
   Clock::time_point began() const { return began_; }
 
@@ -64,6 +77,8 @@ class RequestContext {
   std::atomic<Clock::time_point> cancelled_{Clock::time_point::max()};
   std::uint64_t spent_ = 0;
   std::uint64_t calls_ = 0;
+  bool mayReplyLater_ = false;
+  std::shared_ptr<Ticket> awaited_;
 };
 
 }  // namespace corvaned

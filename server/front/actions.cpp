@@ -113,11 +113,21 @@ Reply selectivity(const Service& service, Request& request) {
       service.store.estimate(collection, require(request, words().query), exactHits)};
 }
 
+Refresh refreshOf(const Request& request) {
+  const std::string_view text = request.header(words().refresh);
+  if (text.empty()) return {};
+  if (const auto refresh = refreshFrom(text)) return *refresh;
+  throw ServerError(ErrorKind::BadParameter,
+                    "the parameter " + shown(words().refresh) + " is " + shown(text) +
+                        ", not \"manual\", \"immediate\" or a number of milliseconds from 1 to "
+                        "86400000");
+}
+
 Reply createCollection(const Service& service, Request& request) {
   const std::string collection = collectionOf(request);
   std::string_view language = request.header(words().language);
   if (language.empty()) language = words().defaultLanguage;
-  service.store.createCollection(collection, std::string(language));
+  service.store.createCollection(collection, std::string(language), refreshOf(request));
   return DoneReply{};
 }
 
@@ -280,7 +290,7 @@ constexpr std::array<Parameter, 5> kDocument{{{&Words::documentType, kText},
                                               {&Words::knownCharset},
                                               {&Words::mimeType, kPlainText}}};
 // The parameters of single actions.
-constexpr std::array<Parameter, 1> kCreate{{{&Words::language}}};
+constexpr std::array<Parameter, 2> kCreate{{{&Words::language}, {&Words::refresh}}};
 constexpr std::array<Parameter, 1> kAdd{{{&Words::useQueue, kNo}}};
 constexpr std::array<Parameter, 1> kQueue{{{&Words::useQueue, kYes}}};
 constexpr std::array<Parameter, 1> kUpdate{{{&Words::incremental, kYes}}};

@@ -373,6 +373,7 @@ void Connection::serve(Workload workload) {
   RequestContext::Limits limits;
   if (workload == Workload::Read) limits = {options.searchTimeout, options.searchCost};
   request_ = std::make_shared<RequestContext>(limits);
+  request_->allowLaterReply();
   if (inputEnded_) clientGoneAt(RequestContext::Clock::now() + options.hangupGrace);
   watch();
   asio::post(context_.workers(workload),
@@ -409,17 +410,20 @@ std::optional<Connection::State> Connection::answer(Workload workload) {
 std::optional<Connection::State> Connection::answerRow(Workload workload) {
   try {
     for (;;) {
-      if (!queued_) queued_ = decoder_.next();
-      if (!queued_ || nextWorkload() != workload) return State::Serving;
-      if (!context_.dispatcher().isReady(*queued_)) {
-        awaitCollection(workload);
-        return std::nullopt;
+      if (!exchange_) {
+        if (!queued_) queued_ = decoder_.next();
+        if (!queued_ || nextWorkload() != workload) return State::Serving;
+        if (!context_.dispatcher().isReady(*queued_)) {
+          awaitCollection(workload);
+          return std::nullopt;
+        }
+        if (!carryOut()) {
+          awaitEnd(workload);
+          return std::nullopt;
+        }
       }
-      Request request = std::move(*std::exchange(queued_, std::nullopt));
-      request.identified = context_.options().access != nullptr;
-      request.fromThisMachine = fromThisMachine_;
-      outlet_->asked(request);
-      encoder_ = outlet_->reply(encode(framing_, context_.dispatcher().handle(std::move(request))));
+      encoder_ = outlet_->reply(encode(framing_, context_.dispatcher().finish(std::move(
+                                                     *std::exchange(exchange_, std::nullopt)))));
       requestMemory_.force(0);
       served_ = true;
       if (!fillOutput()) return State::BrokenReply;
@@ -437,6 +441,25 @@ std::optional<Connection::State> Connection::answerRow(Workload workload) {
 void Connection::awaitCollection(Workload workload) {
   context_.requestWaits();
   context_.dispatcher().open(*queued_, [self = shared_from_this(), workload] {
+    asio::post(self->context_.workers(workload), [self, workload] { self->work(workload); });
+    self->context_.requestGoesOn();
+  });
+}
+
+// False if the reply has to wait for something that others do.
+bool Connection::carryOut() {
+  Request request = std::move(*std::exchange(queued_, std::nullopt));
+  request.identified = context_.options().access != nullptr;
+  request.fromThisMachine = fromThisMachine_;
+  outlet_->asked(request);
+  exchange_ = context_.dispatcher().begin(std::move(request));
+  return !exchange_->awaited || exchange_->awaited->isDone();
+}
+
+void Connection::awaitEnd(Workload workload) {
+  context_.requestWaits();
+  const std::shared_ptr<Ticket> awaited = exchange_->awaited;
+  awaited->whenDone([self = shared_from_this(), workload] {
     asio::post(self->context_.workers(workload), [self, workload] { self->work(workload); });
     self->context_.requestGoesOn();
   });

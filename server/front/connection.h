@@ -141,6 +141,8 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
   std::optional<State> answer(Workload workload);
   std::optional<State> answerRow(Workload workload);
   void awaitCollection(Workload workload);
+  bool carryOut();
+  void awaitEnd(Workload workload);
   bool fillOutput();
   void writeOutput();
   void outputWritten();
@@ -175,6 +177,7 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
 
   RequestDecoder decoder_;
   std::optional<Request> queued_;
+  std::optional<Dispatcher::Exchange> exchange_;
   std::unique_ptr<ReplyEncoder> encoder_;
   std::string output_;
   std::unique_ptr<Outlet> outlet_;

@@ -93,14 +93,32 @@ void Dispatcher::open(Request& request, std::function<void()> opened) {
               });
 }
 
-Reply Dispatcher::handle(Request request) {
-  const Action* action = actionOf(request);
-  const auto began = arrivalOf(action);
-  std::string errorId;
-  Reply reply = serve(request, errorId);
-  metrics_.served(action ? action->name : "unknown", errorId, RequestContext::Clock::now() - began);
-  return reply;
+Dispatcher::Exchange Dispatcher::begin(Request request) {
+  Exchange exchange;
+  exchange.began = arrivalOf(actionOf(request));
+  exchange.request = std::move(request);
+  exchange.reply = serve(exchange.request, exchange.errorId);
+  if (RequestContext* const context = RequestContext::current()) {
+    if (exchange.errorId.empty()) exchange.awaited = context->awaited();
+    context->forgetAwaited();
+  }
+  return exchange;
 }
+
+Reply Dispatcher::finish(Exchange exchange) {
+  try {
+    if (exchange.awaited) exchange.awaited->requireSuccess();
+  } catch (const ServerError& error) {
+    exchange.reply =
+        refuse(exchange.request, errorReply(error.kind(), error.what()), exchange.errorId);
+  }
+  const Action* action = actionOf(exchange.request);
+  metrics_.served(action ? action->name : "unknown", exchange.errorId,
+                  RequestContext::Clock::now() - exchange.began);
+  return std::move(exchange.reply);
+}
+
+Reply Dispatcher::handle(Request request) { return finish(begin(std::move(request))); }
 
 Reply Dispatcher::serve(Request& request, std::string& errorId) {
   try {

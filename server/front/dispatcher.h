@@ -1,11 +1,14 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
 
 #include "server/base/logRepeats.h"
+#include "server/base/requestContext.h"
+#include "server/base/ticket.h"
 #include "server/front/actions.h"
 #include "server/front/metrics.h"
 
@@ -33,8 +36,22 @@ class Dispatcher {
   /// Calls `opened` once `request` can be handled, from any thread.
   void open(Request& request, std::function<void()> opened);
 
+  /// A request that has been carried out, except for what others do for it.
+  struct Exchange {
+    Request request;
+    Reply reply;
+    std::string errorId;
+    RequestContext::Clock::time_point began;
+    /// What the reply has to wait for; null if for nothing.
+    std::shared_ptr<Ticket> awaited;
+  };
+
   /// Never throws: a failure becomes an ErrorReply, or a line in the log when the request asks for
   /// no reply. Consumes the request's content.
+  Exchange begin(Request request);
+  /// The reply, once what it waits for is done.
+  Reply finish(Exchange exchange);
+  /// Both. For a thread that need not serve others meanwhile.
   Reply handle(Request request);
 
  private:

@@ -41,6 +41,7 @@ void addNames(Words& words) {
   words.report = "report";
   words.every = "every";
   words.language = utf8(Defs::PARAM_LANGUAGE);
+  words.refresh = "refresh";
   words.documentType = utf8(Defs::PARAM_DOCUMENT_TYPE);
   words.knownDocumentType = utf8(Defs::PARAM_KNOWN_DOCUMENT_TYPE);
   words.charset = utf8(Defs::PARAM_CHARSET);
@@ -115,7 +116,8 @@ bool isHeaderName(std::string_view name) {
   const Words& w = words();
   for (const std::string* word :
        {&w.action, &w.authorization, &w.collection, &w.collectionName, &w.contentLength, &w.query,
-        &w.mode, &w.start, &w.size, &w.resultLimit, &w.scoreWanted, &w.scoreType, &w.language}) {
+        &w.mode, &w.start, &w.size, &w.resultLimit, &w.scoreWanted, &w.scoreType, &w.language,
+        &w.refresh}) {
     if (name == *word) return true;
   }
   return false;

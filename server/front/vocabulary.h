@@ -16,6 +16,8 @@ struct Words {
   std::string language, documentType, knownDocumentType, charset, knownCharset, mimeType, useQueue,
       incremental;
   std::string implementationVersion, supportedServerVersions, versionsSeparator, buildSeparator;
+  // Of this server only.
+  std::string refresh;
   // Values.
   std::string modeScalar, modeStreaming, modeSelectivity, yes, no, defaultLanguage, english,
       americanEnglish, protocol11, formatRdx, collectionScope, systemScope, text, undefinedType,

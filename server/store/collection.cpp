@@ -5,10 +5,12 @@
 
 #include <algorithm>
 #include <iterator>
+#include <new>
 #include <system_error>
 #include <utility>
 
 #include "server/base/errors.h"
+#include "server/store/collectionOptions.h"
 
 namespace corvaned {
 namespace {
@@ -57,7 +59,9 @@ DescriptorBudget::Share descriptorsFor(const StoreLimits& limits) {
 
 }  // namespace
 
-void Collection::create(const std::filesystem::path& directory, const std::string& language) {
+void Collection::create(const std::filesystem::path& directory, const std::string& language,
+                        const Refresh& refresh) {
+  if (refresh != Refresh{}) writeOptions(directory, refresh);
   XapianIndex::create(directory, language);
   const Journal journal(directory, [](std::uint64_t, Change&&) {});
 }
@@ -67,26 +71,49 @@ Collection::Collection(std::string name, const std::filesystem::path& directory,
     : name_(std::move(name)),
       directory_(complete(directory)),
       limits_(limits),
+      refresh_(readOptions(directory)),
+      stopping_(stopping),
       memory_(memoryFor(limits)),
       descriptors_(descriptorsFor(limits)),
       outcomes_(std::move(outcomes)),
-      journal_(directory,
-               [&](std::uint64_t segment, Change&& change) {
-                 if (stopping) throw ServerError(ErrorKind::TryAgain, "the server is stopping");
-                 if (change.kind == ChangeKind::Remove) hide(segment, change.document.key);
-               }),
+      journal_(
+          directory,
+          [&](std::uint64_t segment, Change&& change) {
+            if (stopping_) throw ServerError(ErrorKind::TryAgain, "the server is stopping");
+            // Where changes are searchable when they are acknowledged, the index has lost the
+            // document already, and may have a newer one of the same key.
+            if (change.kind == ChangeKind::Remove && refresh_.mode != Refresh::Mode::Immediate) {
+              hide({segment, 0}, change.document.key);
+            }
+          }),
       index_(directory, limits.index) {
   memory_.force(kOpenBytes + index_.bytesOfSums());
+  overdue_ = refresh_.mode != Refresh::Mode::Manual && !journal_.empty();
 }
 
-void Collection::add(const Document& document) {
+std::shared_ptr<Ticket> Collection::add(const Document& document) {
   checkSize(document);
-  journal_.sync(append({ChangeKind::Put, document}).ticket);
+  const Journal::Place place = append({ChangeKind::Put, document});
+  requestEarly(place);
+  // A round syncs the journal for all who wait for it.
+  if (refresh_.mode == Refresh::Mode::Immediate) return requestRound(document.key);
+  journal_.sync(place.ticket);
+  return nullptr;
 }
 
 void Collection::queue(const Document& document) {
   checkSize(document);
-  pushOutcome({document.key, {}, {}}, append({ChangeKind::Put, document}).ticket);
+  const Journal::Place place = append({ChangeKind::Put, document});
+  pushOutcome({document.key, {}, {}}, place.ticket);
+  requestEarly(place);
+  if (refresh_.mode == Refresh::Mode::Immediate) requestRound({});
+}
+
+// So many changes are not left to the end of the interval. An index that is updated on request only
+// must not show anything before.
+void Collection::requestEarly(const Journal::Place& place) {
+  if (refresh_.mode != Refresh::Mode::Interval || place.end.bytes < limits_.earlyBytes) return;
+  requestUpdate();
 }
 
 void Collection::reportOutcome(ParseOutcome outcome) {
@@ -94,50 +121,251 @@ void Collection::reportOutcome(ParseOutcome outcome) {
   pushOutcome(std::move(outcome), 0);
 }
 
-void Collection::remove(const std::string& key) {
+std::shared_ptr<Ticket> Collection::remove(const std::string& key) {
   const Journal::Place place = append({ChangeKind::Remove, {key, {}, {}}});
-  hide(place.segment, key);
+  hide(place.end, key);
+  if (refresh_.mode == Refresh::Mode::Immediate) return requestRound(key);
   journal_.sync(place.ticket);
-  removeHiddenFromIndex();
+  return requestRemoval();
 }
 
-void Collection::updateIndex() {
-  const std::lock_guard lock(indexMutex_);
+std::shared_ptr<Ticket> Collection::requestUpdate() {
+  const std::lock_guard lock(jobsMutex_);
   requireActive();
-  if (journal_.empty()) return;
-  // rotate() brings the directory to disk.
-  index_.beginUpdate();
-  const std::uint64_t last = journal_.rotate();
-  std::vector<ParseOutcome> refused = index_.apply(
-      [&](const auto& take) { lastChanges(last, take); }, [this] { return retired_.load(); });
+  if (updateWanted_) return updateWanted_;
+  if (updating_ && journal_.end() <= updatingTo_) return updating_;
+  auto ticket = std::make_shared<Ticket>();
+  if (!updating_ && isIndexed()) {
+    ticket->finish();
+  } else {
+    updateWanted_ = ticket;
+  }
+  return ticket;
+}
+
+// Every search pays for each key that it filters; an occasional commit costs less.
+std::shared_ptr<Ticket> Collection::requestRemoval() {
+  const std::lock_guard lock(jobsMutex_);
   {
     const std::lock_guard hiddenLock(hiddenMutex_);
-    indexed_ = last;
-    std::erase_if(hidden_, [&](const auto& entry) { return entry.second <= last; });
+    if (hidden_.size() <= limits_.hiddenKeys) return nullptr;
   }
-  journal_.remove(last);
-  if (refused.empty()) return;
-  const std::size_t count = refused.size();
-  for (ParseOutcome& outcome : refused) pushOutcome(std::move(outcome), 0);
+  // An index update applies the deletions anyway.
+  if (updating_ || updateWanted_ || retired_) return nullptr;
+  if (!removalWanted_) removalWanted_ = std::make_shared<Ticket>();
+  return removalWanted_;
+}
+
+// Without a key nobody waits for it.
+std::shared_ptr<Ticket> Collection::requestRound(const std::string& key) {
+  const std::lock_guard lock(jobsMutex_);
+  requireActive();
+  if (key.empty()) {
+    if (roundWanted_.empty()) roundWanted_.push_back({});
+    return nullptr;
+  }
+  roundWanted_.push_back({key, std::make_shared<Ticket>()});
+  return roundWanted_.back().ticket;
+}
+
+std::optional<std::chrono::milliseconds> Collection::takeRefreshTime() {
+  if (refresh_.mode != Refresh::Mode::Interval || !changed_.exchange(false)) return std::nullopt;
+  if (refreshComes_.exchange(true)) return std::nullopt;
+  return refresh_.interval;
+}
+
+void Collection::refresh() {
+  refreshComes_ = false;
+  requestUpdate();
+}
+
+bool Collection::takeOverdue() {
+  if (!overdue_ || !overdue_.exchange(false)) return false;
+  requestUpdate();
+  return true;
+}
+
+bool Collection::takeRest() { return restless_ && !restComes_.exchange(true); }
+
+void Collection::rest() {
+  restComes_ = false;
+  const std::lock_guard lock(jobsMutex_);
+  if (restless_ && !retired_ && !updateWanted_) updateWanted_ = std::make_shared<Ticket>();
+}
+
+bool Collection::isIndexed() const {
+  if (journal_.empty()) return true;
+  const JournalPosition end = journal_.end();
+  const std::lock_guard lock(hiddenMutex_);
+  return end <= indexed_;
+}
+
+bool Collection::takeOnIndexing() {
+  const std::lock_guard lock(jobsMutex_);
+  if (indexing_ || (!updateWanted_ && !removalWanted_ && roundWanted_.empty())) return false;
+  return indexing_ = true;
+}
+
+bool Collection::indexStep() {
+  const std::lock_guard step(stepMutex_);
+  if (!job_ && !takeJob()) return false;
+  try {
+    if (advance(*job_)) return true;
+    endJob(std::nullopt);
+  } catch (const ServerError& error) {
+    endJob(error);
+  } catch (const std::bad_alloc&) {
+    endJob(ServerError(ErrorKind::OutOfMemory, "there is not enough memory to update the index"));
+  } catch (const std::exception& error) {
+    endJob(ServerError(ErrorKind::StorageFailed, error.what()));
+  }
+  return true;
+}
+
+// An update does what a round does, and more; after many rounds it is time for one.
+bool Collection::takeJob() {
+  const bool isLong = journal_.end().bytes >= limits_.earlyBytes;
+  const std::lock_guard lock(jobsMutex_);
+  if (updateWanted_ || (!roundWanted_.empty() && isLong)) {
+    job_ = std::make_unique<Job>();
+    job_->ticket =
+        updateWanted_ ? std::exchange(updateWanted_, nullptr) : std::make_shared<Ticket>();
+    updating_ = job_->ticket;
+    updatingTo_ = {};
+    job_->waiting.swap(roundWanted_);
+  } else if (!roundWanted_.empty()) {
+    job_ = std::make_unique<Job>();
+    job_->kind = Job::Kind::Round;
+    job_->waiting.swap(roundWanted_);
+  } else if (removalWanted_) {
+    job_ = std::make_unique<Job>();
+    job_->ticket = std::exchange(removalWanted_, nullptr);
+    job_->kind = Job::Kind::Removal;
+  }
+  return indexing_ = job_ != nullptr;
+}
+
+bool Collection::advance(Job& job) {
+  if (job.kind == Job::Kind::Removal) {
+    removeHidden();
+    return false;
+  }
+  if (!std::exchange(job.begun, true) && !begin(job)) return false;
+  if (job.update->step()) return true;
+  end(job);
+  return false;
+}
+
+bool Collection::begin(Job& job) {
+  requireGoingOn();
+  if (journal_.empty()) return false;
+  if (job.kind == Job::Kind::Round) {
+    if (!index_.isUpdating()) {
+      index_.beginUpdate();
+      syncDirectory(directory_);
+    }
+    journal_.syncAll();
+    job.end = journal_.end();
+  } else {
+    // rotate() brings the directory to disk.
+    index_.beginUpdate();
+    job.end = {journal_.rotate() + 1, 0};
+    // Whoever asks from now on has no later changes, or waits for the next update.
+    const std::lock_guard lock(jobsMutex_);
+    updatingTo_ = job.end;
+  }
+  const std::lock_guard lock(hiddenMutex_);
+  job.update.emplace(journal_.read(indexed_, job.end), index_, [this] { requireGoingOn(); });
+  return true;
+}
+
+void Collection::end(Job& job) {
+  const bool isRound = job.kind == Job::Kind::Round;
+  if (!isRound) index_.endUpdate();
+  restless_ = isRound;
+  {
+    const std::lock_guard lock(hiddenMutex_);
+    indexed_ = job.end;
+    std::erase_if(hidden_, [&](const auto& entry) { return entry.second <= indexed_; });
+  }
+  if (!isRound) journal_.remove(job.end.segment - 1);
+  const std::size_t refused = reportRefused(job);
+  if (refused == 0 || isRound) return;
   throw ServerError(ErrorKind::DocumentsNotIndexed,
                     fmt::format("{} documents cannot be indexed, all others are searchable; "
                                 "getParseResult names them",
-                                count));
+                                refused));
 }
 
-// Passes on only the last change of each key. The earlier ones would cost time and could make a
-// deleted document visible between two transactions.
-void Collection::lastChanges(std::uint64_t segment,
-                             const std::function<void(Change&&)>& take) const {
-  std::unordered_map<std::string, std::uint64_t> lastOfKey;
-  std::uint64_t position = 0;
-  journal_.read(segment, [&](std::uint64_t, Change&& change) {
-    lastOfKey[change.document.key] = position++;
-  });
-  position = 0;
-  journal_.read(segment, [&](std::uint64_t, Change&& change) {
-    if (lastOfKey[change.document.key] == position++) take(std::move(change));
-  });
+// Those who wait for one of these documents are told here, and the others when the job ends.
+std::size_t Collection::reportRefused(Job& job) {
+  std::vector<ParseOutcome>& refused = job.update->refused();
+  for (ParseOutcome& outcome : refused) {
+    for (Waiting& waiting : job.waiting) {
+      if (waiting.key != outcome.key || !waiting.ticket) continue;
+      waiting.ticket->finish(ServerError(ErrorKind::DocumentsNotIndexed, outcome.messageText));
+      waiting.ticket.reset();
+    }
+    pushOutcome(std::move(outcome), 0);
+  }
+  return refused.size();
+}
+
+void Collection::removeHidden() {
+  const std::vector<std::string> keys = hidden();
+  std::vector<Change> removals;
+  removals.reserve(keys.size());
+  for (const std::string& key : keys) removals.push_back({ChangeKind::Remove, {key, {}, {}}});
+  try {
+    index_.beginUpdate();
+    syncDirectory(directory_);
+    index_.applyBatch(removals, [this] { requireGoingOn(); });
+    index_.endUpdate();
+  } catch (const ServerError& error) {
+    // The deletions are in the journal, and searches keep filtering them.
+    if (!stopping_ && !retired_) spdlog::warn("collection {}: {}", shown(name_), error.what());
+    return;
+  }
+  const std::lock_guard lock(hiddenMutex_);
+  for (const std::string& key : keys) hidden_.erase(key);
+}
+
+void Collection::endJob(const std::optional<ServerError>& failure) {
+  const std::unique_ptr<Job> job = std::move(job_);
+  {
+    const std::lock_guard lock(jobsMutex_);
+    if (updating_ == job->ticket) updating_.reset();
+  }
+  // Documents that were refused have been reported one by one.
+  const bool concernsAll = failure && failure->kind() != ErrorKind::DocumentsNotIndexed;
+  for (const Waiting& waiting : job->waiting) {
+    if (waiting.ticket) waiting.ticket->finish(concernsAll ? failure : std::nullopt);
+  }
+  if (job->ticket) job->ticket->finish(failure);
+  if (!concernsAll || stopping_ || retired_ || refresh_.mode == Refresh::Mode::Manual) return;
+  // Perhaps nobody waits for it.
+  changed_ = true;
+  spdlog::error("failure: action=\"refresh\" collection={} error={} reason={}", shown(name_),
+                messageId(failure->kind()), shown(failure->what(), 600));
+}
+
+void Collection::failAll(const ServerError& failure) {
+  std::vector<std::shared_ptr<Ticket>> failed;
+  {
+    const std::lock_guard lock(jobsMutex_);
+    if (job_) {
+      failed.push_back(job_->ticket);
+      for (const Waiting& waiting : job_->waiting) failed.push_back(waiting.ticket);
+    }
+    for (const Waiting& waiting : std::exchange(roundWanted_, {})) failed.push_back(waiting.ticket);
+    failed.push_back(std::exchange(updateWanted_, nullptr));
+    failed.push_back(std::exchange(removalWanted_, nullptr));
+    updating_.reset();
+  }
+  job_.reset();
+  for (const std::shared_ptr<Ticket>& ticket : failed) {
+    if (ticket) ticket->finish(failure);
+  }
 }
 
 std::vector<ParseOutcome> Collection::takeOutcomes() {
@@ -183,7 +411,7 @@ void Collection::visit(const SearchQuery& query, const Store::DocumentVisitor& t
 CollectionSummary Collection::summary() {
   requireActive();
   CollectionSummary summary = index_.summary();
-  summary.pending = journal_.pending();
+  summary.pending = isIndexed() ? 0 : journal_.pending();
   summary.bytes = bytesIn(directory_);
   return summary;
 }
@@ -191,7 +419,7 @@ CollectionSummary Collection::summary() {
 CollectionState Collection::state() const {
   requireActive();
   journal_.requireWritable();
-  return journal_.empty() ? CollectionState::Current : CollectionState::ChangesPending;
+  return isIndexed() ? CollectionState::Current : CollectionState::ChangesPending;
 }
 
 bool Collection::close() {
@@ -213,13 +441,15 @@ void Collection::retire() {
   }
   // If it cannot be deleted in the end, another object goes on with its files.
   close();
-  const std::lock_guard indexing(indexMutex_);
+  const std::lock_guard step(stepMutex_);
+  failAll(ServerError(ErrorKind::UnknownCollection, "there is no collection " + shown(name_)));
   index_.releaseHandles();
 }
 
 Journal::Place Collection::append(const Change& change) {
   const std::shared_lock gate(gate_);
   requireActive();
+  changed_ = true;
   return journal_.append(change);
 }
 
@@ -237,13 +467,21 @@ void Collection::requireActive() const {
   throw ServerError(ErrorKind::UnknownCollection, "there is no collection " + shown(name_));
 }
 
-void Collection::hide(std::uint64_t segment, const std::string& key) {
+void Collection::requireGoingOn() const {
+  requireActive();
+  if (!stopping_) return;
+  throw ServerError(ErrorKind::TryAgain,
+                    "the server is stopping; no change is lost, and after its next start another "
+                    "updateIndex goes on");
+}
+
+void Collection::hide(JournalPosition position, const std::string& key) {
   const std::lock_guard lock(hiddenMutex_);
   // An index update has already applied this deletion; a document with this key in the index is
   // newer.
-  if (segment <= indexed_) return;
-  std::uint64_t& known = hidden_[key];
-  known = std::max(known, segment);
+  if (position <= indexed_) return;
+  JournalPosition& known = hidden_[key];
+  known = std::max(known, position);
 }
 
 std::vector<std::string> Collection::hidden() const {
@@ -252,32 +490,6 @@ std::vector<std::string> Collection::hidden() const {
   keys.reserve(hidden_.size());
   for (const auto& [key, segment] : hidden_) keys.push_back(key);
   return keys;
-}
-
-// Every search pays for each key that it filters; an occasional commit costs less.
-void Collection::removeHiddenFromIndex() {
-  {
-    const std::lock_guard lock(hiddenMutex_);
-    if (hidden_.size() <= limits_.hiddenKeys) return;
-  }
-  const std::unique_lock indexing(indexMutex_, std::try_to_lock);
-  // An index update in progress applies the deletions anyway.
-  if (!indexing.owns_lock() || retired_) return;
-  const std::vector<std::string> keys = hidden();
-  const auto removals = [&](const std::function<void(Change &&)>& take) {
-    for (const std::string& key : keys) take({ChangeKind::Remove, {key, {}, {}}});
-  };
-  try {
-    index_.beginUpdate();
-    syncDirectory(directory_);
-    index_.apply(removals, [this] { return retired_.load(); });
-  } catch (const ServerError& error) {
-    // The deletions are in the journal, and searches keep filtering them.
-    spdlog::warn("collection {}: {}", shown(name_), error.what());
-    return;
-  }
-  const std::lock_guard lock(hiddenMutex_);
-  for (const std::string& key : keys) hidden_.erase(key);
 }
 
 void Collection::pushOutcome(ParseOutcome outcome, std::uint64_t ticket) {

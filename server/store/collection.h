@@ -1,11 +1,12 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <shared_mutex>
 #include <string>
 #include <unordered_map>
@@ -13,6 +14,8 @@
 
 #include "server/base/descriptorBudget.h"
 #include "server/base/memoryBudget.h"
+#include "server/base/ticket.h"
+#include "server/store/indexUpdate.h"
 #include "server/store/journal.h"
 #include "server/store/parseOutcomes.h"
 #include "server/store/store.h"
@@ -30,13 +33,22 @@ struct StoreLimits {
   /// Maximum number of deleted keys that searches filter out. If there are more, they are removed
   /// from the index at once.
   std::size_t hiddenKeys = 500;
+  /// How many indexes are changed at a time.
+  unsigned indexThreads = 2;
+  /// Size of the journal from which an index that is not updated on request only is updated at
+  /// once.
+  std::uint64_t earlyBytes = std::uint64_t{4} << 20U;
 };
 
 /// One collection in one directory: a journal of accepted changes, and the index into which
 /// updateIndex brings them. May be used from any thread. Store says what each operation promises.
+///
+/// Its locks are taken in the order stepMutex_, gate_, jobsMutex_, hiddenMutex_, and those of the
+/// journal and the index after them.
 class Collection {
  public:
-  static void create(const std::filesystem::path& directory, const std::string& language);
+  static void create(const std::filesystem::path& directory, const std::string& language,
+                     const Refresh& refresh);
 
   /// What an open collection takes of the memory, beside the checksums of its index.
   static constexpr std::size_t kOpenBytes = std::size_t{40} << 10U;
@@ -46,11 +58,17 @@ class Collection {
   Collection(std::string name, const std::filesystem::path& directory, StoreLimits limits,
              std::shared_ptr<ParseOutcomes> outcomes, const std::atomic<bool>& stopping);
 
-  void add(const Document& document);
+  const std::string& name() const { return name_; }
+
+  /// Returns what the caller waits for; null if for nothing. indexStep() brings that about.
+  std::shared_ptr<Ticket> add(const Document& document);
   void queue(const Document& document);
   void reportOutcome(ParseOutcome outcome);
-  void remove(const std::string& key);
-  void updateIndex();
+  /// As add().
+  std::shared_ptr<Ticket> remove(const std::string& key);
+  /// The work that makes every change accepted before this call searchable. All who ask at the same
+  /// time get the same. indexStep() carries it out.
+  std::shared_ptr<Ticket> requestUpdate();
   std::vector<ParseOutcome> takeOutcomes();
   std::unique_ptr<HitSource> search(const SearchQuery& query);
   std::unique_ptr<HitSource> match(const SearchQuery& query,
@@ -61,27 +79,86 @@ class Collection {
   CollectionState state() const;
   CollectionSummary summary();
 
+  /// Whether there is work for indexStep() that nobody has taken on. Whoever is told so has to call
+  /// indexStep() until that returns false.
+  bool takeOnIndexing();
+  /// A step of bounded size towards what was asked for. Returns whether to call it again.
+  bool indexStep();
+
+  /// When refresh() has to be called for a change that has come; nothing if that is already known,
+  /// or not to be done.
+  std::optional<std::chrono::milliseconds> takeRefreshTime();
+  /// Has what waits made searchable.
+  void refresh();
+  /// True once if changes waited when the collection was opened and nobody has to ask for them to
+  /// become searchable.
+  bool takeOverdue();
+  /// Whether rest() has to be called some time after the present changes.
+  bool takeRest();
+  /// Has the index brought to rest: checksums of it made, and the journal's segments removed.
+  void rest();
+
   /// Brings everything to disk, so that the object can go and another be made of the same files.
   /// False if that would lose something: the journal refuses changes since the disk failed. Nothing
   /// else may be called at the same time.
   bool close();
 
-  /// Makes all further operations fail, and returns when no operation uses the directory any more.
+  /// Makes all further operations fail, and returns when no operation changes the directory any
+  /// more. An update that is under way ends between two documents.
   void retire();
 
  private:
+  /// Who waits for a change to become searchable.
+  struct Waiting {
+    std::string key;
+    std::shared_ptr<Ticket> ticket;
+  };
+
+  /// What is being brought into the index.
+  struct Job {
+    enum class Kind {
+      /// All that was accepted; the index is at rest after it, and the journal empty.
+      Update,
+      /// The same, but the index is left as it is, open to further rounds.
+      Round,
+      /// Only deletions that searches filter out.
+      Removal,
+    };
+    Kind kind = Kind::Update;
+    std::shared_ptr<Ticket> ticket;
+    /// Those who wait for a single change.
+    std::vector<Waiting> waiting;
+    bool begun = false;
+    /// What part of the journal is in the index when it is done.
+    JournalPosition end;
+    std::optional<IndexUpdate> update;
+  };
+
   Journal::Place append(const Change& change);
   void checkSize(const Document& document) const;
   void requireActive() const;
-  void hide(std::uint64_t segment, const std::string& key);
+  void requireGoingOn() const;
+  void hide(JournalPosition position, const std::string& key);
   std::vector<std::string> hidden() const;
-  void removeHiddenFromIndex();
-  void lastChanges(std::uint64_t segment, const std::function<void(Change&&)>& take) const;
+  std::shared_ptr<Ticket> requestRemoval();
+  std::shared_ptr<Ticket> requestRound(const std::string& key);
+  void requestEarly(const Journal::Place& place);
+  bool isIndexed() const;
+  bool takeJob();
+  bool advance(Job& job);
+  bool begin(Job& job);
+  void end(Job& job);
+  std::size_t reportRefused(Job& job);
+  void removeHidden();
+  void endJob(const std::optional<ServerError>& failure);
+  void failAll(const ServerError& failure);
   void pushOutcome(ParseOutcome outcome, std::uint64_t ticket);
 
   const std::string name_;
   const std::filesystem::path directory_;
   const StoreLimits limits_;
+  const Refresh refresh_;
+  const std::atomic<bool>& stopping_;
   // What the open collection takes of the budgets.
   MemoryBudget::Share memory_;
   DescriptorBudget::Share descriptors_;
@@ -90,16 +167,36 @@ class Collection {
   mutable std::shared_mutex gate_;
   std::atomic<bool> retired_ = false;
 
-  // Keys deleted since the last updateIndex, each with the journal segment of its deletion, and the
-  // last segment that is in the index.
+  // What is still to be done about changes: whether some waited at the opening, whether somebody is
+  // going to call refresh(), whether changes came early in great number; and whether the index is
+  // not at rest, and somebody is going to call rest().
+  std::atomic<bool> overdue_ = false;
+  std::atomic<bool> refreshComes_ = false;
+  std::atomic<bool> changed_ = false;
+  std::atomic<bool> restless_ = false;
+  std::atomic<bool> restComes_ = false;
+
+  // Keys deleted since the last updateIndex, each with its deletion's place in the journal, and
+  // what part of the journal is in the index.
   mutable std::mutex hiddenMutex_;
-  std::unordered_map<std::string, std::uint64_t> hidden_;
-  std::uint64_t indexed_ = 0;
+  std::unordered_map<std::string, JournalPosition> hidden_;
+  JournalPosition indexed_;
 
   const std::shared_ptr<ParseOutcomes> outcomes_;
 
-  // One writer at a time.
-  std::mutex indexMutex_;
+  // Held during each step, so that retire() can wait for it.
+  std::mutex stepMutex_;
+  std::unique_ptr<Job> job_;  // Guarded by stepMutex_.
+
+  mutable std::mutex jobsMutex_;
+  // Guarded by jobsMutex_: what is wanted next; the update under way and what part of the journal
+  // it covers; and whether somebody calls indexStep().
+  std::shared_ptr<Ticket> updateWanted_;
+  std::shared_ptr<Ticket> removalWanted_;
+  std::vector<Waiting> roundWanted_;
+  std::shared_ptr<Ticket> updating_;
+  JournalPosition updatingTo_;
+  bool indexing_ = false;
 
   // Opening the journal fills the members above, so it must be declared after them.
   Journal journal_;

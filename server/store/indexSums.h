@@ -51,6 +51,7 @@ class IndexSums {
   /// read.
   void verifyIfDue();
 
+  bool isChanging() const { return changing_; }
   /// Comes before a change of the index, and the caller brings the collection's directory to disk
   /// before it changes anything.
   void beginChange();

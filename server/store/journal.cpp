@@ -48,7 +48,7 @@ Journal::Place Journal::append(const Change& change) {
   }
   segments_.back().bytes += entry.size();
   segments_.back().lastSequence = ++lastSequence_;
-  return {++lastTicket_, segments_.back().number};
+  return {++lastTicket_, {segments_.back().number, segments_.back().bytes}};
 }
 
 void Journal::sync(std::uint64_t ticket) {
@@ -121,28 +121,45 @@ std::exception_ptr Journal::mark(std::uint64_t sequence) {
   }
 }
 
-void Journal::read(std::uint64_t last, const Visitor& visitor) const {
-  std::vector<ScannedSegment> closed;
-  {
-    const std::lock_guard lock(mutex_);
-    std::copy_if(segments_.begin(), segments_.end(), std::back_inserter(closed),
-                 [&](const ScannedSegment& segment) { return segment.number <= last; });
-  }
-  for (const ScannedSegment& segment : closed) readSegment(segment, visitor);
+JournalPosition Journal::end() const {
+  const std::lock_guard lock(mutex_);
+  return {segments_.back().number, segments_.back().bytes};
 }
 
-void Journal::readSegment(const ScannedSegment& segment, const Visitor& visitor) const {
-  const std::filesystem::path path = pathOf(segment.number);
-  SegmentReader reader(path);
-  std::uint64_t end = 0;
-  while (auto piece = reader.next()) {
-    if (piece->kind != SegmentPiece::Kind::Change) {
-      throwDamaged({path, piece->place, "this is not a change"});
-    }
-    end = piece->place + piece->bytes;
-    visitor(segment.number, std::move(piece->change));
+JournalPart Journal::read(JournalPosition from, JournalPosition to) const {
+  const std::lock_guard lock(mutex_);
+  std::vector<JournalPart::Segment> segments;
+  for (const ScannedSegment& segment : segments_) {
+    if (segment.number < from.segment || segment.number > to.segment) continue;
+    segments.push_back({pathOf(segment.number), segment.number == from.segment ? from.bytes : 0,
+                        segment.number == to.segment ? to.bytes : segment.bytes});
   }
-  if (end != segment.bytes) throwDamaged({path, end, "changes are missing"});
+  return JournalPart(std::move(segments));
+}
+
+std::optional<Change> JournalPart::next() {
+  for (; current_ < segments_.size(); ++current_, reader_.reset(), place_ = 0) {
+    const Segment& segment = segments_[current_];
+    place_ = std::max(place_, segment.from);
+    if (place_ >= segment.to) continue;
+    if (!reader_) reader_.emplace(segment.path, place_);
+    auto piece = reader_->next();
+    if (!piece) throwDamaged({segment.path, place_, "changes are missing"});
+    if (piece->kind != SegmentPiece::Kind::Change) {
+      throwDamaged({segment.path, piece->place, "this is not a change"});
+    }
+    bytesRead_ += piece->bytes;
+    place_ = piece->place + piece->bytes;
+    return std::move(piece->change);
+  }
+  return std::nullopt;
+}
+
+void JournalPart::rewind() {
+  current_ = 0;
+  place_ = 0;
+  bytesRead_ = 0;
+  reader_.reset();
 }
 
 void Journal::remove(std::uint64_t last) {

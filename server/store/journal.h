@@ -1,5 +1,6 @@
 #pragma once
 
+#include <compare>
 #include <condition_variable>
 #include <cstdint>
 #include <exception>
@@ -7,7 +8,9 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "server/store/change.h"
@@ -15,6 +18,42 @@
 #include "server/store/journalScan.h"
 
 namespace corvaned {
+
+/// A place between two changes of a journal.
+struct JournalPosition {
+  std::uint64_t segment = 0;
+  std::uint64_t bytes = 0;
+  auto operator<=>(const JournalPosition&) const = default;
+};
+
+/// The changes between two places of a journal, one by one. Used by one thread at a time, and by
+/// nobody once its segments are removed. Errors are ServerError(StorageFailed).
+class JournalPart {
+ public:
+  struct Segment {
+    std::filesystem::path path;
+    std::uint64_t from = 0;
+    std::uint64_t to = 0;
+  };
+
+  explicit JournalPart(std::vector<Segment> segments) : segments_(std::move(segments)) {}
+
+  /// Nothing at the end.
+  std::optional<Change> next();
+  /// Begins again.
+  void rewind();
+  /// Until next() is called again.
+  void closeFile() { reader_.reset(); }
+  /// How much was read since the beginning.
+  std::uint64_t bytesRead() const { return bytesRead_; }
+
+ private:
+  std::vector<Segment> segments_;
+  std::size_t current_ = 0;
+  std::uint64_t place_ = 0;
+  std::uint64_t bytesRead_ = 0;
+  std::optional<SegmentReader> reader_;
+};
 
 /// The accepted changes of a collection that are not in its index yet, in order, on disk.
 ///
@@ -36,10 +75,10 @@ class Journal {
   /// Opens or creates the journal in `directory` and passes every change in it to `visitor`.
   Journal(std::filesystem::path directory, const Visitor& visitor);
 
-  /// Where a change was appended: a ticket for sync(), and the number of the segment.
+  /// Where a change was appended: a ticket for sync(), and where it ends.
   struct Place {
     std::uint64_t ticket = 0;
-    std::uint64_t segment = 0;
+    JournalPosition end;
   };
 
   /// Appends the change, not yet durably. If it throws, nothing was appended.
@@ -55,9 +94,10 @@ class Journal {
   /// segment or in earlier ones.
   std::uint64_t rotate();
 
-  /// Reads the closed segments up to `last`, oldest first. No other thread may remove them at the
-  /// same time.
-  void read(std::uint64_t last, const Visitor& visitor) const;
+  /// The end of what was appended so far.
+  JournalPosition end() const;
+  /// What was appended between two places.
+  JournalPart read(JournalPosition from, JournalPosition to) const;
 
   /// Removes the segments up to `last`, which must be closed.
   void remove(std::uint64_t last);
@@ -78,7 +118,6 @@ class Journal {
   };
 
   std::filesystem::path pathOf(std::uint64_t number) const;
-  void readSegment(const ScannedSegment& segment, const Visitor& visitor) const;
   void startSegment(std::uint64_t number);
   void openLast();
   std::exception_ptr mark(std::uint64_t sequence);

@@ -11,11 +11,13 @@
 #include <utility>
 
 #include "server/base/errors.h"
+#include "server/base/requestContext.h"
 #include "server/store/dataDirectory.h"
 
 namespace corvaned {
 namespace {
 
+constexpr std::chrono::milliseconds kRestAfter{1000};
 // Large collections are opened two at a time.
 constexpr std::size_t kOpeners = 2;
 // Up to this size a collection is opened by whoever needs it.
@@ -59,10 +61,15 @@ LocalStore::LocalStore(std::filesystem::path directory, StoreLimits limits)
   if (limits_.index.descriptors) {
     limits_.index.descriptors->setReclaim([this] { return registry_.closeOldest(); });
   }
+  indexers_ = std::make_unique<IndexScheduler>(limits_.indexThreads);
   openers_ = std::make_unique<asio::thread_pool>(kOpeners);
 }
 
-LocalStore::~LocalStore() { openers_->join(); }
+LocalStore::~LocalStore() {
+  stopping_ = true;
+  openers_->join();
+  indexers_->stop();
+}
 
 bool LocalStore::isOpen(const std::string& name) { return registry_.isOpen(name); }
 
@@ -75,7 +82,8 @@ void LocalStore::open(const std::string& name, Opened opened) {
 
 void LocalStore::stop() { stopping_ = true; }
 
-void LocalStore::createCollection(const std::string& name, const std::string& language) {
+void LocalStore::createCollection(const std::string& name, const std::string& language,
+                                  const Refresh& refresh) {
   const std::filesystem::path path = pathOf(name);
   const Registry::Reservation reserved = registry_.reserve(name);
   if (std::filesystem::exists(path)) {
@@ -85,7 +93,7 @@ void LocalStore::createCollection(const std::string& name, const std::string& la
   // Created under a temporary name and renamed, so that a crash leaves a complete collection or
   // none.
   const std::filesystem::path temporary = freshTemporary();
-  Collection::create(temporary, language);
+  Collection::create(temporary, language, refresh);
   std::filesystem::rename(temporary, path);
   syncDirectory(collectionsRoot_);
 }
@@ -118,11 +126,15 @@ void LocalStore::deleteCollection(const std::string& name) {
 }
 
 void LocalStore::addDocument(const std::string& name, const Document& document) {
-  find(name)->add(document);
+  Registry::Use collection = find(name);
+  std::shared_ptr<Ticket> searchable = collection->add(document);
+  follow(std::move(collection), std::move(searchable));
 }
 
 void LocalStore::queueDocument(const std::string& name, const Document& document) {
-  find(name)->queue(document);
+  Registry::Use collection = find(name);
+  collection->queue(document);
+  follow(std::move(collection), nullptr);
 }
 
 void LocalStore::reportOutcome(const std::string& name, ParseOutcome outcome) {
@@ -130,10 +142,62 @@ void LocalStore::reportOutcome(const std::string& name, ParseOutcome outcome) {
 }
 
 void LocalStore::deleteDocument(const std::string& name, const std::string& key) {
-  find(name)->remove(key);
+  Registry::Use collection = find(name);
+  std::shared_ptr<Ticket> applied = collection->remove(key);
+  follow(std::move(collection), std::move(applied));
 }
 
-void LocalStore::updateIndex(const std::string& name) { find(name)->updateIndex(); }
+void LocalStore::updateIndex(const std::string& name) {
+  Registry::Use collection = find(name);
+  std::shared_ptr<Ticket> update = collection->requestUpdate();
+  follow(std::move(collection), std::move(update));
+}
+
+// What comes of a change: work in the background, and the reply may have to wait for it.
+void LocalStore::follow(Registry::Use collection, std::shared_ptr<Ticket> ticket) {
+  armRefresh(*collection);
+  startIndexing(std::move(collection));
+  if (ticket) RequestContext::await(std::move(ticket));
+}
+
+void LocalStore::armRefresh(Collection& collection) {
+  const auto time = collection.takeRefreshTime();
+  if (time) indexers_->later(*time, [this, name = collection.name()] { refresh(name); });
+}
+
+void LocalStore::refresh(const std::string& name) {
+  try {
+    Registry::Use collection = registry_.use(name);
+    collection->refresh();
+    startIndexing(std::move(collection));
+  } catch (const ServerError& error) {
+    // It may have been deleted; and whoever needs it is told if it cannot be opened.
+    spdlog::debug("collection {} is not refreshed: {}", shown(name), error.what());
+  }
+}
+
+// The collection stays open until the work is done.
+void LocalStore::startIndexing(Registry::Use collection) {
+  if (!collection->takeOnIndexing()) return;
+  const auto kept = std::make_shared<Registry::Use>(std::move(collection));
+  indexers_->run([this, kept] { return indexStep(kept); });
+}
+
+// While single changes come one after the other the index is not brought to rest after each. It
+// stays open until that is done.
+bool LocalStore::indexStep(const std::shared_ptr<Registry::Use>& collection) {
+  if ((*collection)->indexStep()) return true;
+  armRefresh(**collection);
+  if ((*collection)->takeRest()) {
+    indexers_->later(kRestAfter, [this, collection] {
+      (*collection)->rest();
+      if ((*collection)->takeOnIndexing()) {
+        indexers_->run([this, collection] { return indexStep(collection); });
+      }
+    });
+  }
+  return false;
+}
 
 std::vector<ParseOutcome> LocalStore::takeParseOutcomes(const std::string& name) {
   return find(name)->takeOutcomes();
@@ -177,7 +241,12 @@ std::vector<std::string> LocalStore::collections(const std::string& after, std::
   return names;
 }
 
-Registry::Use LocalStore::find(const std::string& name) { return registry_.use(name); }
+// Changes that waited when the collection was closed, or the server stopped, wait no longer.
+Registry::Use LocalStore::find(const std::string& name) {
+  Registry::Use collection = registry_.use(name);
+  if (collection->takeOverdue()) startIndexing(registry_.use(name));
+  return collection;
+}
 
 // The first request that names a collection opens it, so that a damaged one does not affect the
 // others.
@@ -190,7 +259,7 @@ std::unique_ptr<Collection> LocalStore::read(const std::string& name) {
       return std::make_unique<Collection>(name, path, limits_, outcomesOf(name), stopping_);
     } catch (const ServerError& error) {
       // Memory is what may be missing; descriptors have been looked for already.
-      if (error.kind() != ErrorKind::TryAgain || !registry_.closeOldest()) throw;
+      if (error.kind() != ErrorKind::TryAgain || stopping_ || !registry_.closeOldest()) throw;
     }
   }
 }

@@ -10,6 +10,7 @@
 #include "server/store/collection.h"
 #include "server/store/dataDirectory.h"
 #include "server/store/files.h"
+#include "server/store/indexScheduler.h"
 #include "server/store/parseOutcomes.h"
 #include "server/store/registry.h"
 #include "server/store/store.h"
@@ -26,6 +27,7 @@ namespace corvaned {
 ///     collections/<name>/        one collection, see directoryNameFor
 ///         index/                 the Xapian database
 ///         index-sums             its checksums; index-sums-changing during an update
+///         options                how it differs from a collection without this file
 ///         journal-0000000000     which changes the journal must hold
 ///         journal-0000000001...  accepted changes that are not in the index yet
 ///
@@ -41,7 +43,8 @@ class LocalStore : public Store {
   bool isOpen(const std::string& name) override;
   void open(const std::string& name, Opened opened) override;
   void stop() override;
-  void createCollection(const std::string& name, const std::string& language) override;
+  void createCollection(const std::string& name, const std::string& language,
+                        const Refresh& refresh = {}) override;
   void openCollection(const std::string& name) override;
   void closeCollection(const std::string& name) override;
   void deleteCollection(const std::string& name) override;
@@ -67,6 +70,11 @@ class LocalStore : public Store {
  private:
   Registry::Use find(const std::string& name);
   std::unique_ptr<Collection> read(const std::string& name);
+  void startIndexing(Registry::Use collection);
+  bool indexStep(const std::shared_ptr<Registry::Use>& collection);
+  void follow(Registry::Use collection, std::shared_ptr<Ticket> ticket);
+  void armRefresh(Collection& collection);
+  void refresh(const std::string& name);
   bool isQuicklyRead(const std::string& name) const;
   void makeRoom();
   std::shared_ptr<ParseOutcomes> outcomesOf(const std::string& name);
@@ -91,7 +99,8 @@ class LocalStore : public Store {
   std::size_t outcomesToPrune_ = 64;
 
   Registry registry_;
-  // Destroyed first: an opening uses everything above.
+  // Destroyed first: their threads use everything above.
+  std::unique_ptr<IndexScheduler> indexers_;
   std::unique_ptr<asio::thread_pool> openers_;
 };
 

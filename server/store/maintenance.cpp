@@ -11,6 +11,7 @@
 
 #include "server/base/errors.h"
 #include "server/store/collection.h"
+#include "server/store/collectionOptions.h"
 #include "server/store/dataDirectory.h"
 #include "server/store/indexSalvage.h"
 #include "server/store/indexSums.h"
@@ -85,6 +86,7 @@ class Rebuilding {
     repair_.documentsKept =
         Xapian::Database((fresh_ / IndexSums::kIndexDirectory).string()).get_doccount();
     copyJournal();
+    copyOptions();
     syncTree(fresh_);
   }
 
@@ -115,8 +117,18 @@ class Rebuilding {
             repair_.documentsLost.push_back({number, key});
           });
     };
-    for (const ParseOutcome& refused : index.apply(documents, [] { return false; })) {
+    for (const ParseOutcome& refused : index.apply(documents, [] {})) {
       repair_.documentsLost.push_back({0, refused.key});
+    }
+  }
+
+  // Damaged ones are lost; the repaired collection then has the defaults.
+  void copyOptions() const {
+    try {
+      const Refresh refresh = readOptions(damaged_);
+      if (refresh != Refresh{}) writeOptions(fresh_, refresh);
+    } catch (const ServerError&) {
+      return;
     }
   }
 
@@ -176,6 +188,11 @@ CollectionCheck Maintenance::check(const std::string& name) const {
   const bool isNumbered = contents.mark && contents.mark->range() != MarkedRange{};
   if (!contents.mark && result.journal.empty() && IndexSums::existIn(path)) {
     result.journal.push_back({{JournalMark::pathIn(path), 0, "the file is missing"}, 0, 0, {}});
+  }
+  try {
+    readOptions(path);
+  } catch (const ServerError&) {
+    result.journal.push_back({{optionsPath(path), 0, "the options cannot be read"}, 0, 0, {}});
   }
   result.index = checkIndex(path, isNumbered);
   return result;

@@ -46,6 +46,7 @@ class Registry {
     ~Use();
 
     Collection* operator->() const;
+    Collection& operator*() const { return *operator->(); }
 
    private:
     friend class Registry;

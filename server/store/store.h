@@ -1,11 +1,13 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <limits>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -104,6 +106,27 @@ enum class CollectionState {
   ChangesPending,
 };
 
+/// When changes become searchable.
+struct Refresh {
+  enum class Mode {
+    /// At the next updateIndex.
+    Manual,
+    /// So long after the first of them, or earlier.
+    Interval,
+    /// When they are acknowledged.
+    Immediate,
+  };
+  Mode mode = Mode::Manual;
+  std::chrono::milliseconds interval{0};
+
+  bool operator==(const Refresh&) const = default;
+};
+
+/// "manual", "immediate", or the interval in milliseconds.
+std::string textOf(const Refresh& refresh);
+/// Nothing if the text is none of these.
+std::optional<Refresh> refreshFrom(std::string_view text);
+
 /// Holds the documents. Every operation may be called from any thread at any time. If it throws
 /// ServerError it has changed nothing; if it returns, its effect is durable and survives a crash of
 /// the process or the machine.
@@ -123,12 +146,15 @@ class Store {
   /// two changes. Those who wait for it get an error. Nothing accepted is lost.
   virtual void stop() = 0;
 
-  virtual void createCollection(const std::string& name, const std::string& language) = 0;
+  virtual void createCollection(const std::string& name, const std::string& language,
+                                const Refresh& refresh = {}) = 0;
   virtual void openCollection(const std::string& name) = 0;
   virtual void closeCollection(const std::string& name) = 0;
   virtual void deleteCollection(const std::string& name) = 0;
 
-  /// Adds the document or replaces the one that has its key. Searchable after updateIndex.
+  /// Adds the document or replaces the one that has its key. Searchable after updateIndex, or as
+  /// the collection's refresh says. If the document is to be searchable at once and the index
+  /// cannot take it, this throws although the document is kept.
   virtual void addDocument(const std::string& name, const Document& document) = 0;
   /// As addDocument, but durable only when takeParseOutcomes has reported it.
   virtual void queueDocument(const std::string& name, const Document& document) = 0;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <limits>
 #include <optional>
 #include <set>
@@ -349,6 +350,12 @@ std::uint64_t saturatedSum(std::uint64_t a, std::uint64_t b) {
 
 }  // namespace
 
+std::size_t bytesOf(const Change& change) {
+  std::size_t bytes = change.document.key.size() + change.document.content.size();
+  for (const auto& [name, value] : change.document.metadata) bytes += name.size() + value.size();
+  return bytes;
+}
+
 /// One handle for searching; used by one thread at a time.
 class XapianIndex::Reader {
  public:
@@ -639,22 +646,8 @@ class XapianIndex::Writer {
   Writer(std::filesystem::path path, const IndexLimits& limits, const StopCheck& stop)
       : path_(std::move(path)), limits_(limits), stop_(stop) {}
 
-  void add(Change&& change) {
-    batchBytes_ += bytesOf(change.document);
-    batch_.push_back(std::move(change));
-    if (batch_.size() >= limits_.batchChanges || batchBytes_ >= limits_.batchBytes) flush();
-  }
-
-  void flush() {
-    if (stop_()) throw ServerError(ErrorKind::UnknownCollection, "the collection is being deleted");
-    applyOrSplit(batch_);
-    batch_.clear();
-    batchBytes_ = 0;
-  }
-
   std::vector<ParseOutcome> takeRefused() { return std::move(refused_); }
 
- private:
   // A batch that fails is halved until the change that makes it fail is alone.
   void applyOrSplit(std::span<const Change> changes) {
     if (changes.empty()) return;
@@ -680,15 +673,21 @@ class XapianIndex::Writer {
     applyOrSplit(changes.subspan(changes.size() / 2));
   }
 
+ private:
   void commit(std::span<const Change> changes) {
     // An index update is not refused for want of memory: it is what others have to leave room for.
     MemoryBudget::Share memory = shareOf(limits_);
-    memory.force(kIndexingCost * batchBytes_);
+    std::size_t bytes = 0;
+    for (const Change& change : changes) bytes += bytesOf(change);
+    memory.force(kIndexingCost * bytes);
     if (!database_) open();
     const std::size_t knownFields = fields_.size();
     // Outside a transaction the database would commit on its own after a number of changes.
     database_->begin_transaction();
-    for (const Change& change : changes) applyOne(change);
+    for (const Change& change : changes) {
+      stop_();
+      applyOne(change);
+    }
     if (fields_.size() != knownFields) database_->set_metadata(kFieldsEntry, fields_.stored());
     database_->commit_transaction();
     syncDirectory(path_);
@@ -715,8 +714,6 @@ class XapianIndex::Writer {
   std::optional<Xapian::WritableDatabase> database_;
   Xapian::Stem stemmer_;
   Fields fields_;
-  std::vector<Change> batch_;
-  std::size_t batchBytes_ = 0;
   std::vector<ParseOutcome> refused_;
 };
 
@@ -753,12 +750,39 @@ XapianIndex::XapianIndex(const std::filesystem::path& collection, IndexLimits li
 XapianIndex::~XapianIndex() = default;
 
 std::vector<ParseOutcome> XapianIndex::apply(const ChangeSource& changes, const StopCheck& stop) {
+  std::vector<ParseOutcome> refused;
+  std::vector<Change> batch;
+  std::size_t bytes = 0;
+  const auto flush = [&] {
+    std::vector<ParseOutcome> more = applyBatch(batch, stop);
+    std::move(more.begin(), more.end(), std::back_inserter(refused));
+    batch.clear();
+    bytes = 0;
+  };
+  changes([&](Change&& change) {
+    bytes += bytesOf(change);
+    batch.push_back(std::move(change));
+    if (batch.size() >= limits_.batchChanges || bytes >= limits_.batchBytes) flush();
+  });
+  flush();
+  endUpdate();
+  return refused;
+}
+
+// The database is opened for one batch only: that costs little beside the batch, and of all the
+// indexes that take turns in being updated only as many are open as there are threads.
+std::vector<ParseOutcome> XapianIndex::applyBatch(std::span<const Change> changes,
+                                                  const StopCheck& stop) {
   Writer writer(path_, limits_, stop);
-  changes([&](Change&& change) { writer.add(std::move(change)); });
-  writer.flush();
-  sums_->endChange(translated([&] { return Xapian::Database(path_.string()).get_revision(); }));
+  writer.applyOrSplit(changes);
   return writer.takeRefused();
 }
+
+void XapianIndex::endUpdate() {
+  sums_->endChange(translated([&] { return Xapian::Database(path_.string()).get_revision(); }));
+}
+
+MemoryBudget::Share XapianIndex::emptyShare() const { return shareOf(limits_); }
 
 void XapianIndex::beginUpdate() {
   sums_->verifyIfDue();

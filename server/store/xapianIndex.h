@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -27,12 +28,15 @@ struct IndexLimits {
   /// Maximum number of changes per transaction, and the size in bytes at which a transaction is
   /// full.
   std::size_t batchChanges = 1000;
-  std::size_t batchBytes = std::size_t{16} << 20U;
+  std::size_t batchBytes = std::size_t{4} << 20U;
   /// What results and transactions take their memory from. None: without a limit.
   std::shared_ptr<MemoryBudget> memory;
   /// What handles for searching take their descriptors from. None: without a limit.
   std::shared_ptr<DescriptorBudget> descriptors;
 };
+
+/// The size of a change, as it counts for a batch.
+std::size_t bytesOf(const Change& change);
 
 /// The searchable part of a collection: a Xapian database in a directory. Xapian's types stay
 /// inside this class. Any number of threads may search, also while one thread applies changes; only
@@ -52,16 +56,26 @@ class XapianIndex {
   XapianIndex& operator=(const XapianIndex&) = delete;
 
   using ChangeSource = std::function<void(const std::function<void(Change&&)>& take)>;
-  /// Called between transactions; true stops the work.
-  using StopCheck = std::function<bool()>;
+  /// Called between changes; throws to end the work.
+  using StopCheck = std::function<void()>;
 
-  /// Comes before apply(). The caller brings the collection's directory to disk in between. Throws
-  /// if the database is damaged.
+  /// Comes before changes are applied. The caller brings the collection's directory to disk in
+  /// between. Throws if the database is damaged.
   void beginUpdate();
-  /// Applies changes to the database in transactions of bounded size, durably. Leaves out and
-  /// returns the documents that the database refuses. Throws if the storage fails or `stop` returns
-  /// true; part of the changes may then be applied, and applying all of them again is safe.
+  /// Whether an update has begun that has not ended; another one may go on with it.
+  bool isUpdating() const { return sums_->isChanging(); }
+  /// Applies changes to the database in one transaction, durably. Leaves out and returns the
+  /// documents that the database refuses. Throws if the storage fails, or what `stop` throws; part
+  /// of the changes may then be applied, and applying all of them again is safe.
+  std::vector<ParseOutcome> applyBatch(std::span<const Change> changes, const StopCheck& stop);
+  /// Brings new checksums to disk.
+  void endUpdate();
+  /// Applies any number of changes, in batches, and ends the update.
   std::vector<ParseOutcome> apply(const ChangeSource& changes, const StopCheck& stop);
+
+  const IndexLimits& limits() const { return limits_; }
+  /// A share of the memory, empty yet.
+  MemoryBudget::Share emptyShare() const;
 
   /// `hidden`: keys that the search must not find.
   std::unique_ptr<HitSource> search(const SearchQuery& query,

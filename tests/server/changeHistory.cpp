@@ -13,7 +13,7 @@ namespace {
 using Kind = Step::Kind;
 
 // Few, so that keys are replaced and deleted often and collections are made again.
-constexpr std::array<const char*, 2> kCollections{"a", "b"};
+constexpr std::array<const char*, 3> kCollections{"a", "b", "once"};
 constexpr std::uint64_t kKeys = 3;
 
 const char* nameOf(Kind kind) {
@@ -29,6 +29,21 @@ std::string fieldOf(const std::string& word) { return std::string("f") + word.ba
 std::ostream& operator<<(std::ostream& out, const Words& words) {
   for (const auto& [key, word] : words) out << " " << key << "=" << word;
   return out;
+}
+
+// Searches may still find what they found before a change that was begun; and changes wait until
+// the index has been brought to rest.
+void allowBeforeLastChange(Collections& found, const Model& before, const Model& model) {
+  for (auto& [name, contents] : found) {
+    if (!isSearchableAtOnce(name)) continue;
+    contents.pending = false;
+    const auto old = before.collections().find(name);
+    const auto now = model.collections().find(name);
+    if (old == before.collections().end() || now == model.collections().end()) continue;
+    if (contents.searchable == old->second.searchable) {
+      contents.searchable = now->second.searchable;
+    }
+  }
 }
 
 std::set<std::string> wordsOf(const Model& model, const Steps& steps) {
@@ -65,6 +80,18 @@ Words documentsIn(Subject& subject, const std::string& collection,
   return found;
 }
 
+// After a restart, changes that nobody waited for may become searchable between two searches.
+Words searchableIn(Subject& subject, const std::string& collection,
+                   const std::set<std::string>& words) {
+  for (int again = isSearchableAtOnce(collection) ? 100 : 0;; --again) {
+    try {
+      return documentsIn(subject, collection, words);
+    } catch (const std::runtime_error&) {
+      if (again == 0) throw;
+    }
+  }
+}
+
 }  // namespace
 
 std::ostream& operator<<(std::ostream& out, const Step& step) {
@@ -85,6 +112,8 @@ Document documentOf(const Step& step) {
   return {step.key, {{fieldOf(step.word), step.word}}, "every " + step.word};
 }
 
+bool isSearchableAtOnce(const std::string& collection) { return collection == "once"; }
+
 void Model::apply(const Step& step) {
   if (step.kind == Kind::Create) {
     collections_[step.collection];
@@ -98,14 +127,16 @@ void Model::apply(const Step& step) {
   }
   Contents& contents = collections_.at(step.collection);
   auto& candidates = candidates_[step.collection];
+  const bool atOnce = isSearchableAtOnce(step.collection);
   if (putsDocument(step)) {
     contents.documents[step.key] = step.word;
-    contents.pending = true;
+    if (atOnce) contents.searchable[step.key] = step.word;
+    contents.pending = !atOnce;
     candidates[step.key].insert(step.word);
   } else if (step.kind == Kind::Remove) {
     contents.documents.erase(step.key);
     contents.searchable.erase(step.key);
-    contents.pending = true;
+    contents.pending = !atOnce;
     candidates.erase(step.key);
   } else if (step.kind == Kind::Update) {
     contents.searchable = contents.documents;
@@ -173,6 +204,8 @@ Step StepSource::next(const Collections& collections) {
                                        Kind::Remove, Kind::Remove, Kind::Remove, Kind::Update,
                                        Kind::Update, Kind::Update, Kind::Update, Kind::Drop};
   step.kind = kInds.at(number(kInds.size() - 1));
+  // A queued document is never acknowledged.
+  if (step.kind == Kind::Queue && isSearchableAtOnce(step.collection)) step.kind = Kind::Add;
   if (putsDocument(step) || step.kind == Kind::Remove) {
     step.key = "k" + std::to_string(number(kKeys - 1));
   }
@@ -210,7 +243,7 @@ Collections lookAt(Subject& subject, const Model& model, const Steps& steps) {
     if (!state) continue;
     Contents& contents = found[name];
     contents.pending = *state == CollectionState::ChangesPending;
-    contents.searchable = documentsIn(subject, name, words);
+    contents.searchable = searchableIn(subject, name, words);
     subject.apply({Kind::Update, name, {}, {}});
     contents.documents = documentsIn(subject, name, words);
   }
@@ -221,11 +254,14 @@ std::optional<Model> explain(const Model& before, const Steps& steps, Progress p
                              const Collections& found, bool othersUpdate) {
   Model model = before;
   for (std::size_t done = 0; done <= progress.sent; ++done) {
+    const Model previous = model;
     if (done > 0) model.apply(steps[done - 1]);
     if (done < progress.acknowledged) continue;
     const bool updating = done < progress.sent && steps[done].kind == Kind::Update;
-    if (model.collections() == found || (othersUpdate && model.allowsWithUpdates(found)) ||
-        (updating && model.allowsDuringUpdate(steps[done].collection, found))) {
+    Collections seen = found;
+    allowBeforeLastChange(seen, done > progress.acknowledged ? previous : model, model);
+    if (model.collections() == seen || (othersUpdate && model.allowsWithUpdates(seen)) ||
+        (updating && model.allowsDuringUpdate(steps[done].collection, seen))) {
       model.settle();
       return model;
     }

@@ -25,6 +25,9 @@ using Steps = std::vector<Step>;
 
 std::ostream& operator<<(std::ostream& out, const Step& step);
 
+/// Whether changes of the collection become searchable when they are acknowledged.
+bool isSearchableAtOnce(const std::string& collection);
+
 /// The document that a step of kind add or queue brings: its word in the text and in a field.
 Document documentOf(const Step& step);
 

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -64,6 +65,39 @@ TEST_F(ProcessTest, StopSignalsEndItWithCodeZero) {
     EXPECT_EQ(program.wait(), 0);
     EXPECT_TRUE(client.ended());
   }
+}
+
+TEST_F(ProcessTest, StopDoesNotWaitForTheEndOfAnIndexUpdate) {
+  constexpr int kDocuments = 20000;
+  const std::string success("\0\1", 2);
+  {
+    CorvanedProgram program(arguments());
+    RawClient client(portOf(program.line()));
+    std::string requests = binaryRequest({{"action", "createCollection"}, {"index", "c"}});
+    for (int i = 0; i < kDocuments; ++i) {
+      requests += binaryRequest({{"action", "asyncAddDocument"}, {"index", "c"}},
+                                test::documentBlock("k" + std::to_string(i), {}, "red fox"));
+    }
+    client.send(requests + binaryRequest({{"action", "updateIndex"}, {"index", "c"}}));
+    EXPECT_EQ(client.receive(2), success);
+    while (!std::filesystem::exists(data_ + "/collections/c/index-sums-changing")) {
+      std::this_thread::yield();
+    }
+    program.signal(SIGTERM);
+    EXPECT_EQ(client.receive(2), std::string("\0\6", 2)) << "refused";
+    EXPECT_THAT(client.receiveAll(), HasSubstr("the server is stopping"));
+    EXPECT_EQ(program.wait(), 0);
+  }
+  CorvanedProgram program(arguments());
+  RawClient client(portOf(program.line()));
+  client.send(binaryRequest({{"action", "getStatus"}, {"index", "c"}}));
+  EXPECT_EQ(client.receive(2), std::string("\0\5", 2)) << "changes wait";
+  client.send(binaryRequest({{"action", "updateIndex"}, {"index", "c"}}));
+  EXPECT_EQ(client.receive(2), success);
+  client.send(binaryRequest({{"action", "selectivity"}, {"index", "c"}, {"query", "NOT hound"}}));
+  EXPECT_EQ(client.receive(2), success);
+  // After the envelope's head the estimate, the number of documents, and the upper bound.
+  EXPECT_EQ(client.receive(16).substr(8, 4), std::string("\0\0\x4E\x20", 4));
 }
 
 TEST_F(ProcessTest, ClientsCannotTakeTheFilesThatCollectionsNeed) {

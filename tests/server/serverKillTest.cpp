@@ -42,7 +42,10 @@ std::string requestFor(const Step& step) {
   };
   switch (step.kind) {
     case Kind::Create:
-      return request("createCollection");
+      return binaryRequest(
+          {{"action", "createCollection"},
+           {"index", step.collection},
+           {"refresh", test::isSearchableAtOnce(step.collection) ? "immediate" : "manual"}});
     case Kind::Drop:
       return request("deleteCollection");
     case Kind::Add:

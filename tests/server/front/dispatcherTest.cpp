@@ -58,9 +58,9 @@ auto isTheDocument() {
 }
 
 TEST_F(DispatcherTest, CollectionActionsReachTheStore) {
-  EXPECT_CALL(store_, createCollection("c", "en_us"));
+  EXPECT_CALL(store_, createCollection("c", "en_us", Refresh{}));
   expectIs<DoneReply>(handle({{"action", "createCollection"}, {"index", "c"}}));
-  EXPECT_CALL(store_, createCollection("c", "de"));
+  EXPECT_CALL(store_, createCollection("c", "de", Refresh{}));
   expectIs<DoneReply>(handle({{"action", "createCollection"}, {"index", "c"}, {"docLang", "de"}}));
   EXPECT_CALL(store_, openCollection("c"));
   expectIs<DoneReply>(handle({{"action", "openCollection"}, {"index", "c"}}));
@@ -70,6 +70,23 @@ TEST_F(DispatcherTest, CollectionActionsReachTheStore) {
   expectIs<DoneReply>(handle({{"action", "deleteCollection"}, {"index", "c"}}));
   EXPECT_CALL(store_, updateIndex("c"));
   expectIs<DoneReply>(handle({{"action", "updateIndex"}, {"index", "c"}}));
+}
+
+TEST_F(DispatcherTest, RefreshIsPassedOnAndRefusedByNameIfItIsNone) {
+  const auto create = [](const std::string& refresh) {
+    return test::Headers{{"action", "createCollection"}, {"index", "c"}, {"refresh", refresh}};
+  };
+  const Refresh immediate{Refresh::Mode::Immediate, {}};
+  EXPECT_CALL(store_, createCollection("c", "en_us", immediate));
+  expectIs<DoneReply>(handle(create("immediate")));
+  const Refresh interval{Refresh::Mode::Interval, std::chrono::milliseconds(250)};
+  EXPECT_CALL(store_, createCollection("c", "en_us", interval));
+  expectIs<DoneReply>(handle(create("250")));
+  EXPECT_CALL(store_, createCollection("c", "en_us", Refresh{})).Times(2);
+  expectIs<DoneReply>(handle(create("manual")));
+  expectIs<DoneReply>(handle(create("")));
+  EXPECT_THAT(error(create("sometimes")),
+              AllOf(HasSubstr("ZVK0006E"), HasSubstr("\"refresh\" is \"sometimes\"")));
 }
 
 TEST_F(DispatcherTest, CollectionMayBeNamedByItsDisplayName) {

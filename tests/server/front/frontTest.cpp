@@ -159,7 +159,13 @@ class FrontTest : public ::testing::Test {
   }
 
   tq::test::TemporaryDirectory directory_;
-  TestStore store_{directory_.path() / "data", StoreLimits{}};
+  // Updates of many steps.
+  static StoreLimits limits() {
+    StoreLimits limits;
+    limits.index.batchChanges = 5;
+    return limits;
+  }
+  TestStore store_{directory_.path() / "data", limits()};
   Dispatcher dispatcher_{store_, "1.2.3"};
   ServerOptions options_;
   std::optional<Server> server_;
@@ -438,6 +444,67 @@ TEST_F(FrontTest, UpdatesThatTakeTimeHoldUpNeitherSearchesNorDocuments) {
               StartsWith(kDone));
   store_.gate.open();
   for (RawClient& client : updating) EXPECT_EQ(client.receiveHttp(), kDone);
+}
+
+TEST_F(FrontTest, ChangesAreSearchableWhenAcknowledgedWhereThatIsWanted) {
+  RawClient http(http_);
+  EXPECT_THAT(httpAsk(http, {{"action", "createCollection"}, {"index", "h"}, {"refresh", "soon"}}),
+              AllOf(HasSubstr("ZVK0006E"), HasSubstr("refresh")));
+  const auto create = [](const char* name) {
+    return Headers{{"action", "createCollection"}, {"index", name}, {"refresh", "immediate"}};
+  };
+  EXPECT_EQ(httpAsk(http, create("h")), kDone);
+  EXPECT_EQ(httpAsk(http, {{"action", "addDocument"}, {"index", "h"}}, kDocument), kDone);
+  EXPECT_THAT(httpAsk(http, {{"action", "getStatus"}, {"index", "h"}}), EndsWith("0"));
+  RawClient binary(binary_);
+  EXPECT_EQ(binaryAsk(binary, 2, create("b")), kSuccess);
+  const Headers add{{"action", "addDocument"}, {"index", "b"}};
+  EXPECT_EQ(binaryAsk(binary, 2, add, documentBlock("k", {}, "fox")), kSuccess);
+  const Headers search{{"action", "search"}, {"index", "b"}, {"query", "fox"}};
+  // The key, and the end.
+  EXPECT_EQ(binaryAsk(binary, 11, search), kSuccess + std::string("\0\1\0\1k", 5) + kEnd);
+  // More clients than workers share the same few transactions.
+  std::vector<RawClient> clients;
+  for (int i = 0; i < 40; ++i) {
+    clients.emplace_back(binary_);
+    clients.back().send(binaryRequest(add, documentBlock("k" + std::to_string(i), {}, "hound")));
+  }
+  for (RawClient& client : clients) EXPECT_EQ(client.receive(2), kSuccess);
+  EXPECT_THAT(httpAsk(http, {{"action", "selectivity"}, {"index", "b"}, {"query", "hound"}}),
+              HasSubstr("40"));
+}
+
+TEST_F(FrontTest, UpdatesThatAreAwaitedTakeNoWorkerFromTheOthers) {
+  RawClient setup(http_);
+  std::string documents;
+  for (const char* name : {"c", "large"}) {
+    EXPECT_EQ(httpAsk(setup, {{"action", "createCollection"}, {"index", name}}), kDone);
+  }
+  for (int i = 0; i < 3000; ++i) {
+    documents += httpRequest({{"action", "asyncAddDocument"}, {"index", "large"}},
+                             documentBlock("k" + std::to_string(i), {}, "fox"));
+  }
+  EXPECT_TRUE(setup.send(documents));
+  EXPECT_THAT(httpAsk(setup, {{"action", "getParseResult"}, {"index", "large"}}),
+              StartsWith(kDone));
+  std::vector<RawClient> http;
+  std::vector<RawClient> binary;
+  const Headers update{{"action", "updateIndex"}, {"index", "large"}};
+  for (int i = 0; i < 20; ++i) {
+    http.emplace_back(http_);
+    http.back().send(httpRequest(update));
+    binary.emplace_back(binary_);
+    binary.back().send(binaryRequest(update));
+  }
+  EXPECT_EQ(httpAsk(setup, {{"action", "addDocument"}, {"index", "c"}}, kDocument), kDone);
+  EXPECT_EQ(httpAsk(setup, {{"action", "updateIndex"}, {"index", "c"}}), kDone);
+  EXPECT_THAT(httpAsk(setup, {{"action", "getStatus"}, {"index", "large"}}), EndsWith("1"));
+  // A stop ends what takes long, and whoever waits for it is told.
+  store_.stop();
+  for (RawClient& client : http) {
+    EXPECT_THAT(client.receiveHttp(), HasSubstr("the server is stopping"));
+  }
+  for (RawClient& client : binary) EXPECT_EQ(client.receive(2), std::string("\0\6", 2));
 }
 
 TEST_F(FrontTest, OpeningOneCollectionTakesNoWorkerFromTheOthers) {

@@ -88,7 +88,9 @@ std::vector<Row> rows() {
   const Group inCollection = kEnvelope + kCollection;
   const Group query{{"query", kAnyText}};
   return {
-      {"createCollection", named, inCollection + Group{{"docLang", kAnyText}}},
+      {"createCollection", named,
+       inCollection +
+           Group{{"docLang", kAnyText}, {"refresh", {{"manual", "immediate", "250"}, "soon"}}}},
       {"openCollection", named, inCollection},
       {"closeCollection", named, inCollection},
       {"deleteCollection", named, inCollection},

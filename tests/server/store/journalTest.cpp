@@ -29,6 +29,11 @@ class JournalTest : public ::testing::Test {
  protected:
   using Keys = std::vector<std::string>;
 
+  static void readInto(Keys& keys, const Journal& journal, std::uint64_t lastSegment) {
+    JournalPart part = journal.read({}, {lastSegment + 1, 0});
+    while (const auto change = part.next()) keys.push_back(change->document.key);
+  }
+
   static Journal::Visitor into(Keys& keys) {
     return [&keys](std::uint64_t, Change&& change) { keys.push_back(change.document.key); };
   }
@@ -137,14 +142,42 @@ TEST_F(JournalTest, ClosedSegmentsAreReadAndRemovedWhileNewChangesArrive) {
   const std::uint64_t closed = journal.rotate();
   journal.append(put("k3"));
   Keys keys;
-  journal.read(closed, into(keys));
+  readInto(keys, journal, closed);
   EXPECT_THAT(keys, ElementsAre("k1", "k2"));
   journal.remove(closed);
   EXPECT_FALSE(std::filesystem::exists(segment(1)));
   EXPECT_FALSE(journal.empty());
   keys.clear();
-  journal.read(journal.rotate(), into(keys));
+  readInto(keys, journal, journal.rotate());
   EXPECT_THAT(keys, ElementsAre("k3"));
+}
+
+TEST_F(JournalTest, PartsAreReadFromOnePlaceToAnotherAndAgain) {
+  Journal journal = open();
+  std::vector<JournalPosition> ends{{}};
+  for (const char* key : {"k1", "k2", "k3", "k4"}) {
+    ends.push_back(journal.append(put(key)).end);
+    if (ends.size() == 3) journal.rotate();
+  }
+  EXPECT_EQ(journal.end(), ends.back());
+  EXPECT_THAT(ends, ::testing::WhenSorted(ends));
+  const Keys all{"k1", "k2", "k3", "k4"};
+  for (std::size_t from = 0; from < ends.size(); ++from) {
+    for (std::size_t to = from; to < ends.size(); ++to) {
+      JournalPart part = journal.read(ends[from], ends[to]);
+      for (int round = 0; round < 2; ++round) {
+        Keys keys;
+        while (const auto change = part.next()) {
+          keys.push_back(change->document.key);
+          if (round == 1) part.closeFile();
+        }
+        const auto begin = all.begin();
+        EXPECT_EQ(keys, Keys(begin + static_cast<int>(from), begin + static_cast<int>(to)));
+        part.rewind();
+        EXPECT_EQ(part.bytesRead(), 0U);
+      }
+    }
+  }
 }
 
 TEST_F(JournalTest, SegmentsLeftByACrashAreFoundInOrder) {
@@ -215,9 +248,9 @@ TEST_F(JournalTest, SegmentThatCannotBeStartedIsStartedLater) {
 
 TEST_F(JournalTest, ChangesKnowTheirSegment) {
   Journal journal = open();
-  EXPECT_EQ(journal.append(put("k1")).segment, 1U);
+  EXPECT_EQ(journal.append(put("k1")).end.segment, 1U);
   EXPECT_EQ(journal.rotate(), 1U);
-  EXPECT_EQ(journal.append(put("k2")).segment, 2U);
+  EXPECT_EQ(journal.append(put("k2")).end.segment, 2U);
 }
 
 TEST_F(JournalTest, SegmentThatCannotBeRemovedStaysWithTheNewerOnes) {
@@ -234,7 +267,7 @@ TEST_F(JournalTest, SegmentThatCannotBeRemovedStaysWithTheNewerOnes) {
   std::filesystem::remove_all(segment(2));
   rewrite(2, bytes);
   Keys keys;
-  journal.read(3, into(keys));
+  readInto(keys, journal, 3);
   EXPECT_THAT(keys, ElementsAre("k2", "k3"));
   journal.remove(3);
   EXPECT_FALSE(std::filesystem::exists(segment(3)));
@@ -392,7 +425,7 @@ TEST_F(DamagedJournalTest, DamageSinceTheOpeningIsNamedWhenTheSegmentIsRead) {
   Keys keys;
   for (const std::size_t length : {std::size_t{0}, whole.size() / 2, whole.size() - 1}) {
     rewrite(1, whole.substr(0, length));
-    EXPECT_THROW(journal.read(closed, into(keys)), ServerError) << length;
+    EXPECT_THROW(readInto(keys, journal, closed), ServerError) << length;
   }
 }
 

@@ -7,15 +7,23 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 
 namespace corvaned::test {
 namespace {
 
-KillPoint killPoint;
+// The calls come from several threads.
+std::atomic<std::uint64_t> callsLeft = 0;
+std::atomic<bool> halfWritten = false;
 
-bool isReached() { return killPoint.call != 0 && --killPoint.call == 0; }
+bool isReached() {
+  std::uint64_t left = callsLeft;
+  while (left != 0 && !callsLeft.compare_exchange_weak(left, left - 1)) {
+  }
+  return left == 1;
+}
 
 [[noreturn]] void die() {
   ::kill(::getpid(), SIGKILL);
@@ -29,7 +37,7 @@ void passCall() {
 template <typename Write>
 ssize_t passWrite(std::size_t size, const Write& write) {
   if (!isReached()) return write(size);
-  if (killPoint.halfWritten) write(size / 2);
+  if (halfWritten) write(size / 2);
   die();
 }
 
@@ -46,7 +54,10 @@ int openWith(int directory, const char* path, int flags, mode_t mode) {
 
 }  // namespace
 
-void dieAt(KillPoint point) { killPoint = point; }
+void dieAt(KillPoint point) {
+  halfWritten = point.halfWritten;
+  callsLeft = point.call;
+}
 
 }  // namespace corvaned::test
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "server/base/errors.h"
+#include "server/store/collectionOptions.h"
 #include "server/store/localStore.h"
 #include "server/store/maintenance.h"
 #include "tests/support/temporaryDirectory.h"
@@ -112,6 +113,29 @@ TEST_F(MaintenanceTest, DirectoryInUseIsLeftAlone) {
 TEST_F(MaintenanceTest, DirectoryWithoutCollectionsIsRefused) {
   EXPECT_THROW(Maintenance{directory_.path() / "nowhere"}, ServerError);
   EXPECT_FALSE(std::filesystem::exists(directory_.path() / "nowhere"));
+}
+
+TEST_F(MaintenanceTest, OptionsAreKeptOrTheirLossIsReported) {
+  const Refresh refresh{Refresh::Mode::Interval, std::chrono::hours(24)};
+  {
+    LocalStore store(data(), {});
+    store.createCollection("c", "en", refresh);
+    store.addDocument("c", {"k", {}, "fox"});
+  }
+  damage(collection() / "journal-0000000001", 40);
+  {
+    const Maintenance maintenance(data());
+    EXPECT_FALSE(maintenance.repair("c").found.isSound());
+    EXPECT_EQ(readOptions(collection()), refresh);
+    damage(optionsPath(collection()), 12);
+    const CollectionCheck check = maintenance.check("c");
+    ASSERT_EQ(check.journal.size(), 1U);
+    EXPECT_EQ(check.journal[0].damage.file, optionsPath(collection()));
+    EXPECT_FALSE(maintenance.repair("c").losesNothing());
+    EXPECT_TRUE(maintenance.check("c").isSound());
+  }
+  EXPECT_EQ(readOptions(collection()), Refresh{});
+  EXPECT_NO_THROW(LocalStore(data(), {}).openCollection("c"));
 }
 
 TEST_F(MaintenanceTest, CheckNamesEveryDamagedPlaceAndChangesNothing) {

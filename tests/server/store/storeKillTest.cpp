@@ -44,6 +44,11 @@ StoreLimits smallLimits() {
   return limits;
 }
 
+Refresh refreshOf(const std::string& collection) {
+  if (!test::isSearchableAtOnce(collection)) return {};
+  return {Refresh::Mode::Immediate, {}};
+}
+
 class StoreSubject : public test::Subject {
  public:
   explicit StoreSubject(const std::filesystem::path& directory)
@@ -52,7 +57,7 @@ class StoreSubject : public test::Subject {
   bool apply(const Step& step) override {
     switch (step.kind) {
       case Kind::Create:
-        store_.createCollection(step.collection, "en_us");
+        store_.createCollection(step.collection, "en_us", refreshOf(step.collection));
         break;
       case Kind::Drop:
         store_.deleteCollection(step.collection);
@@ -129,7 +134,7 @@ class StoreKillTest : public ::testing::Test {
       test::dieAt(point);
       StoreSubject subject(directory);
       // Opens the collections.
-      for (const char* name : {"a", "b"}) subject.state(name);
+      for (const char* name : {"a", "b", "once"}) subject.state(name);
       for (const Step& step : steps) {
         const char acknowledged = subject.apply(step) ? 'y' : 'n';
         ::syscall(SYS_write, report, &acknowledged, 1);

@@ -1,0 +1,46 @@
+#include "server/base/ticket.h"
+
+#include <utility>
+
+namespace corvaned {
+
+void Ticket::whenDone(std::function<void()> call) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (!done_) return calls_.push_back(std::move(call));
+  }
+  call();
+}
+
+void Ticket::wait() {
+  {
+    std::unique_lock lock(mutex_);
+    ended_.wait(lock, [&] { return done_; });
+  }
+  requireSuccess();
+}
+
+// Each of those who wait gets an error of its own: exceptions are not made to be shared.
+void Ticket::requireSuccess() const {
+  const std::lock_guard lock(mutex_);
+  if (failure_) throw ServerError(failure_->kind(), failure_->what());
+}
+
+bool Ticket::isDone() const {
+  const std::lock_guard lock(mutex_);
+  return done_;
+}
+
+void Ticket::finish(const std::optional<ServerError>& failure) {
+  std::vector<std::function<void()>> calls;
+  {
+    const std::lock_guard lock(mutex_);
+    done_ = true;
+    if (failure) failure_.emplace(failure->kind(), failure->what());
+    calls.swap(calls_);
+    ended_.notify_all();
+  }
+  for (const auto& call : calls) call();
+}
+
+}  // namespace corvaned

@@ -1,0 +1,65 @@
+#include "server/store/indexUpdate.h"
+
+#include <iterator>
+#include <utility>
+
+namespace corvaned {
+namespace {
+
+// What is read in one step before anything is applied.
+constexpr std::uint64_t kBytesPerCount = std::uint64_t{32} << 20U;
+// What a key takes in the map beside its bytes.
+constexpr std::size_t kKeyCost = 80;
+
+}  // namespace
+
+IndexUpdate::IndexUpdate(JournalPart part, XapianIndex& index, XapianIndex::StopCheck stop)
+    : part_(std::move(part)), index_(index), stop_(std::move(stop)), memory_(index.emptyShare()) {}
+
+bool IndexUpdate::step() {
+  if (!counted_) count();
+  const bool more = !counted_ || apply();
+  part_.closeFile();
+  return more;
+}
+
+void IndexUpdate::count() {
+  const std::uint64_t end = part_.bytesRead() + kBytesPerCount;
+  while (part_.bytesRead() < end) {
+    stop_();
+    const auto change = part_.next();
+    if (!change) {
+      counted_ = true;
+      part_.rewind();
+      position_ = 0;
+      break;
+    }
+    const auto [entry, isNew] = lastOfKey_.insert_or_assign(change->document.key, position_++);
+    if (isNew) keyBytes_ += entry->first.size() + kKeyCost;
+  }
+  memory_.force(keyBytes_);
+}
+
+// Only the last change of each key counts. The earlier ones would cost time and could make a
+// deleted document visible between two transactions.
+bool IndexUpdate::apply() {
+  const IndexLimits& limits = index_.limits();
+  std::vector<Change> batch;
+  std::size_t bytes = 0;
+  bool more = true;
+  const std::uint64_t end = part_.bytesRead() + kBytesPerCount;
+  while (batch.size() < limits.batchChanges && bytes < limits.batchBytes &&
+         part_.bytesRead() < end) {
+    auto change = part_.next();
+    more = change.has_value();
+    if (!more) break;
+    if (lastOfKey_[change->document.key] != position_++) continue;
+    bytes += bytesOf(*change);
+    batch.push_back(std::move(*change));
+  }
+  std::vector<ParseOutcome> refused = index_.applyBatch(batch, stop_);
+  std::move(refused.begin(), refused.end(), std::back_inserter(refused_));
+  return more;
+}
+
+}  // namespace corvaned

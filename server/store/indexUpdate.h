@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "server/base/memoryBudget.h"
+#include "server/store/journal.h"
+#include "server/store/xapianIndex.h"
+
+namespace corvaned {
+
+/// Brings a part of a journal into the index, in steps of bounded size. Used by one thread at a
+/// time.
+class IndexUpdate {
+ public:
+  /// `stop` throws to end a step between two documents.
+  IndexUpdate(JournalPart part, XapianIndex& index, XapianIndex::StopCheck stop);
+
+  /// Returns whether there is more to do. Each step that changes the index makes that durable. If
+  /// it throws, part of the changes may be in the index, and bringing all of them in again is safe.
+  bool step();
+
+  /// The documents that the index refused.
+  std::vector<ParseOutcome>& refused() { return refused_; }
+
+ private:
+  void count();
+  bool apply();
+
+  JournalPart part_;
+  XapianIndex& index_;
+  const XapianIndex::StopCheck stop_;
+  // Which change of each key is the last one.
+  std::unordered_map<std::string, std::uint64_t> lastOfKey_;
+  MemoryBudget::Share memory_;
+  std::size_t keyBytes_ = 0;
+  std::uint64_t position_ = 0;
+  bool counted_ = false;
+  std::vector<ParseOutcome> refused_;
+};
+
+}  // namespace corvaned

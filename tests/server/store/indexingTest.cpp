@@ -1,0 +1,209 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <future>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "server/base/errors.h"
+#include "server/store/collection.h"
+#include "server/store/localStore.h"
+#include "tests/support/temporaryDirectory.h"
+
+// Index updates, which go on in the background.
+namespace corvaned {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+class IndexingTest : public ::testing::Test {
+ protected:
+  IndexingTest() {
+    limits_.indexThreads = 1;
+    // Updates of thousands of steps.
+    limits_.index.batchChanges = 1;
+    restart();
+  }
+
+  void restart() {
+    store_.reset();
+    store_ = std::make_unique<LocalStore>(data(), limits_);
+  }
+
+  std::filesystem::path data() const { return directory_.path() / "data"; }
+
+  void createWith(const std::string& name, int documents) {
+    store_->createCollection(name, "en");
+    for (int i = 0; i < documents; ++i) {
+      store_->queueDocument(name, {"k" + std::to_string(i), {}, "fox"});
+    }
+  }
+
+  std::future<std::string> update(const std::string& name) {
+    return std::async(std::launch::async, [this, name]() -> std::string {
+      try {
+        store_->updateIndex(name);
+        return "done";
+      } catch (const ServerError& error) {
+        return std::string(messageId(error.kind())) + " " + error.what();
+      }
+    });
+  }
+
+  void awaitBeginning(const std::string& name) const {
+    while (!std::filesystem::exists(data() / "collections" / name / "index-sums-changing")) {
+      std::this_thread::yield();
+    }
+  }
+
+  tq::test::TemporaryDirectory directory_;
+  StoreLimits limits_;
+  std::unique_ptr<LocalStore> store_;
+};
+
+TEST_F(IndexingTest, SmallUpdateDoesNotWaitForTheEndOfLargeOnes) {
+  createWith("large1", 5000);
+  createWith("large2", 5000);
+  createWith("small", 1);
+  auto first = update("large1");
+  auto second = update("large2");
+  awaitBeginning("large1");
+  awaitBeginning("large2");
+  store_->updateIndex("small");
+  EXPECT_EQ(store_->estimate("small", "fox").hits, 1U);
+  EXPECT_EQ(store_->state("large1"), CollectionState::ChangesPending);
+  EXPECT_EQ(store_->state("large2"), CollectionState::ChangesPending);
+  store_->createCollection("empty", "en");
+  store_->deleteCollection("empty");
+  store_->deleteCollection("large1");
+  store_->deleteCollection("large2");
+  EXPECT_THAT(first.get(), StartsWith("ZVK0007E"));
+  EXPECT_THAT(second.get(), StartsWith("ZVK0007E"));
+}
+
+TEST_F(IndexingTest, StopEndsAnUpdateAndLosesNothing) {
+  createWith("c", 5000);
+  auto first = update("c");
+  awaitBeginning("c");
+  auto second = update("c");
+  store_->stop();
+  EXPECT_THAT(first.get(), HasSubstr("ZVK0016E the server is stopping"));
+  EXPECT_THAT(second.get(), HasSubstr("ZVK0016E the server is stopping"));
+  EXPECT_EQ(store_->state("c"), CollectionState::ChangesPending);
+  limits_.index.batchChanges = 1000;
+  restart();
+  store_->updateIndex("c");
+  EXPECT_EQ(store_->estimate("c", "fox").hits, 5000U);
+  EXPECT_EQ(store_->estimate("c", "fox").documents, 5000U);
+}
+
+/// A collection without a store, whose work is done when the test says so.
+class IndexStepsTest : public ::testing::Test {
+ protected:
+  IndexStepsTest() {
+    Collection::create(directory_.path(), "en", {});
+    limits_.index.batchChanges = 2;
+    collection_.emplace("c", directory_.path(), limits_, std::make_shared<ParseOutcomes>(10),
+                        stopping_);
+  }
+
+  void index() {
+    while (collection_->indexStep()) {
+    }
+  }
+
+  tq::test::TemporaryDirectory directory_;
+  StoreLimits limits_;
+  std::atomic<bool> stopping_ = false;
+  std::optional<Collection> collection_;
+};
+
+TEST_F(IndexStepsTest, ThoseWhoWaitAtTheSameTimeShareOneUpdate) {
+  for (int i = 0; i < 5; ++i) collection_->add({"k" + std::to_string(i), {}, "fox"});
+  const std::shared_ptr<Ticket> ticket = collection_->requestUpdate();
+  EXPECT_TRUE(collection_->takeOnIndexing());
+  EXPECT_FALSE(collection_->takeOnIndexing()) << "it has been taken on";
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(collection_->requestUpdate(), ticket);
+  // It begins, and nothing has come since.
+  EXPECT_TRUE(collection_->indexStep());
+  EXPECT_EQ(collection_->requestUpdate(), ticket);
+  // This is not part of it.
+  collection_->add({"late", {}, "hound"});
+  const std::shared_ptr<Ticket> next = collection_->requestUpdate();
+  EXPECT_NE(next, ticket);
+  EXPECT_EQ(collection_->requestUpdate(), next);
+  EXPECT_FALSE(ticket->isDone());
+  while (!ticket->isDone()) EXPECT_TRUE(collection_->indexStep());
+  EXPECT_FALSE(next->isDone());
+  EXPECT_EQ(collection_->estimate("fox", kExactHits).hits, 5U);
+  EXPECT_EQ(collection_->estimate("hound", kExactHits).hits, 0U);
+  index();
+  EXPECT_TRUE(next->isDone());
+  EXPECT_EQ(collection_->estimate("hound", kExactHits).hits, 1U);
+  EXPECT_FALSE(collection_->takeOnIndexing());
+  EXPECT_TRUE(collection_->requestUpdate()->isDone()) << "there is nothing to do";
+}
+
+TEST_F(IndexStepsTest, StopTakesEffectBetweenTwoDocuments) {
+  for (int i = 0; i < 5; ++i) collection_->add({"k" + std::to_string(i), {}, "fox"});
+  const std::shared_ptr<Ticket> ticket = collection_->requestUpdate();
+  EXPECT_TRUE(collection_->indexStep());
+  EXPECT_TRUE(collection_->indexStep());
+  stopping_ = true;
+  index();
+  ASSERT_TRUE(ticket->isDone());
+  EXPECT_THROW(ticket->requireSuccess(), ServerError);
+  EXPECT_LT(collection_->estimate("fox", kExactHits).hits, 5U);
+  EXPECT_EQ(collection_->state(), CollectionState::ChangesPending);
+  stopping_ = false;
+  collection_->requestUpdate();
+  index();
+  EXPECT_EQ(collection_->estimate("fox", kExactHits).hits, 5U);
+  EXPECT_EQ(collection_->estimate("fox", kExactHits).documents, 5U);
+}
+
+TEST_F(IndexStepsTest, WhoeverWaitsIsToldWhenTheCollectionIsDeleted) {
+  collection_->add({"k", {}, "fox"});
+  const std::shared_ptr<Ticket> ticket = collection_->requestUpdate();
+  collection_->retire();
+  ASSERT_TRUE(ticket->isDone());
+  EXPECT_THROW(ticket->requireSuccess(), ServerError);
+  EXPECT_FALSE(collection_->indexStep());
+}
+
+TEST_F(IndexingTest, ChangeThatComesDuringAnUpdateIsInTheNextOne) {
+  createWith("c", 300);
+  auto first = update("c");
+  awaitBeginning("c");
+  store_->addDocument("c", {"late", {}, "hound"});
+  store_->updateIndex("c");
+  EXPECT_EQ(store_->estimate("c", "hound").hits, 1U);
+  EXPECT_EQ(first.get(), "done");
+  EXPECT_EQ(store_->state("c"), CollectionState::Current);
+}
+
+TEST_F(IndexingTest, CollectionBeingUpdatedStaysOpen) {
+  limits_.index.descriptors = std::make_shared<DescriptorBudget>(20);
+  restart();
+  createWith("c", 300);
+  createWith("d", 300);
+  auto first = update("c");
+  auto second = update("d");
+  awaitBeginning("d");
+  store_->closeCollection("c");
+  store_->closeCollection("d");
+  EXPECT_EQ(first.get(), "done");
+  EXPECT_EQ(second.get(), "done");
+  store_->closeCollection("c");
+  EXPECT_EQ(store_->estimate("c", "fox").hits, 300U);
+  EXPECT_EQ(store_->estimate("d", "fox").hits, 300U);
+}
+
+}  // namespace
+}  // namespace corvaned

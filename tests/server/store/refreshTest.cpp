@@ -1,0 +1,350 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <xapian.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "server/base/errors.h"
+#include "server/store/collection.h"
+#include "server/store/collectionOptions.h"
+#include "server/store/indexSums.h"
+#include "server/store/localStore.h"
+#include "tests/server/store/fileSizeLimit.h"
+#include "tests/support/temporaryDirectory.h"
+
+// Changes that become searchable without updateIndex.
+namespace corvaned {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+
+constexpr Refresh kImmediate{Refresh::Mode::Immediate, {}};
+
+Refresh every(std::chrono::milliseconds time) { return {Refresh::Mode::Interval, time}; }
+
+TEST(CollectionOptions, TextsOfRefreshAreReadAndOthersRefused) {
+  EXPECT_EQ(refreshFrom("manual"), Refresh{});
+  EXPECT_EQ(refreshFrom("immediate"), kImmediate);
+  EXPECT_EQ(refreshFrom("1"), every(std::chrono::milliseconds(1)));
+  EXPECT_EQ(refreshFrom("86400000"), every(std::chrono::hours(24)));
+  for (const char* text : {"", "0", "-1", "+1", "86400001", "1s", "1 ", " 1", "1.5", "Manual",
+                           "IMMEDIATE", "often", "99999999999999999999"}) {
+    EXPECT_EQ(refreshFrom(text), std::nullopt) << text;
+  }
+}
+
+TEST(CollectionOptions, WhatIsWrittenIsReadAndDamageIsNamed) {
+  for (const Refresh& refresh : {kImmediate, every(std::chrono::milliseconds(1500))}) {
+    const tq::test::TemporaryDirectory directory;
+    EXPECT_EQ(readOptions(directory.path()), Refresh{}) << "there is no file";
+    writeOptions(directory.path(), refresh);
+    EXPECT_EQ(readOptions(directory.path()), refresh);
+    const std::string path = optionsPath(directory.path()).string();
+    std::string bytes;
+    std::getline(std::ifstream(path), bytes, '\0');
+    for (std::size_t place = 0; place < bytes.size(); ++place) {
+      std::string damaged = bytes;
+      damaged[place] = static_cast<char>(damaged[place] ^ 1);
+      for (const std::string& content : {damaged, bytes.substr(0, place)}) {
+        std::ofstream(path, std::ios::trunc) << content;
+        try {
+          readOptions(directory.path());
+          ADD_FAILURE() << content;
+        } catch (const ServerError& error) {
+          EXPECT_THAT(error.what(), HasSubstr(path));
+        }
+      }
+    }
+  }
+}
+
+class RefreshTest : public ::testing::Test {
+ protected:
+  RefreshTest() { restart(); }
+
+  void restart() {
+    store_.reset();
+    store_ = std::make_unique<LocalStore>(directory_.path() / "data", limits_);
+  }
+
+  std::uint64_t hits(const std::string& query) { return store_->estimate("c", query).hits; }
+
+  void awaitHits(std::uint64_t count) {
+    while (hits("fox") != count || store_->state("c") != CollectionState::Current) {
+      std::this_thread::yield();
+    }
+  }
+
+  tq::test::TemporaryDirectory directory_;
+  StoreLimits limits_;
+  std::unique_ptr<LocalStore> store_;
+};
+
+TEST_F(RefreshTest, ImmediateChangesAreSearchableWhenTheyAreAcknowledged) {
+  store_->createCollection("c", "en", kImmediate);
+  for (int round = 0; round < 2; ++round) {
+    store_->addDocument("c", {"k1", {}, "red fox"});
+    EXPECT_EQ(hits("red"), 1U);
+    store_->addDocument("c", {"k1", {}, "grey fox"});
+    EXPECT_EQ(hits("red"), 0U);
+    EXPECT_EQ(hits("grey"), 1U);
+    EXPECT_EQ(store_->state("c"), CollectionState::Current);
+    store_->deleteDocument("c", "k1");
+    EXPECT_EQ(hits("fox"), 0U);
+    EXPECT_EQ(store_->estimate("c", "fox").documents, 0U) << "the index itself has lost it";
+    store_->updateIndex("c");
+    restart();
+  }
+  store_->queueDocument("c", {"k2", {}, "fox"});
+  awaitHits(1);
+}
+
+TEST_F(RefreshTest, ManyClientsFindWhatTheyHaveAdded) {
+  store_->createCollection("c", "en", kImmediate);
+  std::vector<std::jthread> clients;
+  for (int client = 0; client < 4; ++client) {
+    clients.emplace_back([&, client] {
+      for (int i = 0; i < 25; ++i) {
+        const std::string word = "w" + std::to_string(client) + "x" + std::to_string(i);
+        store_->addDocument("c", {word, {}, "fox " + word});
+        EXPECT_EQ(hits(word), 1U);
+        if (i % 5 == 4) {
+          store_->deleteDocument("c", word);
+          EXPECT_EQ(hits(word), 0U);
+        }
+      }
+    });
+  }
+  clients.clear();
+  EXPECT_EQ(hits("fox"), 80U);
+  EXPECT_EQ(store_->state("c"), CollectionState::Current);
+  restart();
+  EXPECT_EQ(hits("fox"), 80U);
+  awaitHits(80);
+}
+
+TEST_F(RefreshTest, ChangesBecomeSearchableAfterTheInterval) {
+  store_->createCollection("c", "en", every(std::chrono::milliseconds(1)));
+  for (std::uint64_t i = 1; i <= 20; ++i) {
+    store_->addDocument("c", {std::to_string(i), {}, "fox"});
+    if (i % 5 == 0) awaitHits(i);
+  }
+  store_->closeCollection("c");
+  store_->deleteDocument("c", "1");
+  awaitHits(19);
+  EXPECT_EQ(store_->estimate("c", "fox").documents, 19U);
+}
+
+TEST_F(RefreshTest, ManyChangesAreNotLeftToTheInterval) {
+  limits_.earlyBytes = 1000;
+  restart();
+  store_->createCollection("c", "en", every(std::chrono::hours(24)));
+  store_->addDocument("c", {"small", {}, "hound"});
+  EXPECT_EQ(hits("hound"), 0U);
+  store_->queueDocument("c", {"large", {}, "fox " + std::string(1000, 'x')});
+  awaitHits(1);
+  EXPECT_EQ(hits("hound"), 1U);
+}
+
+TEST_F(RefreshTest, ChangesThatWaitedAtARestartWaitNoLonger) {
+  store_->createCollection("c", "en", every(std::chrono::hours(24)));
+  store_->addDocument("c", {"k", {}, "fox"});
+  EXPECT_EQ(hits("fox"), 0U);
+  restart();
+  awaitHits(1);
+}
+
+TEST_F(RefreshTest, OptionOutlivesARestartAndItsDamageIsNamed) {
+  store_->createCollection("c", "en", kImmediate);
+  restart();
+  store_->addDocument("c", {"k", {}, "fox"});
+  EXPECT_EQ(hits("fox"), 1U);
+  store_.reset();
+  const auto path = optionsPath(directory_.path() / "data/collections/c");
+  std::ofstream(path) << "refresh = often\n";
+  restart();
+  try {
+    store_->openCollection("c");
+    FAIL() << "it is open";
+  } catch (const ServerError& error) {
+    EXPECT_EQ(error.kind(), ErrorKind::StorageFailed);
+    EXPECT_THAT(error.what(), HasSubstr(path.string()));
+  }
+}
+
+TEST_F(RefreshTest, DocumentThatTheIndexCannotTakeAtOnceIsKept) {
+  store_->createCollection("c", "en", kImmediate);
+  {
+    const test::FileSizeLimit full(8192);
+    EXPECT_THROW(store_->addDocument("c", {"k", {}, "fox"}), ServerError);
+  }
+  EXPECT_EQ(hits("fox"), 0U);
+  EXPECT_EQ(store_->state("c"), CollectionState::ChangesPending);
+  store_->addDocument("c", {"k2", {}, "hound"});
+  EXPECT_EQ(hits("fox"), 1U);
+  EXPECT_EQ(hits("hound"), 1U);
+}
+
+/// A collection without a store, whose work is done when the test says so.
+class RefreshStepsTest : public ::testing::Test {
+ protected:
+  void create(const Refresh& refresh) {
+    Collection::create(directory_.path(), "en", refresh);
+    open();
+  }
+
+  void open() {
+    collection_.reset();
+    collection_.emplace("c", directory_.path(), limits_, std::make_shared<ParseOutcomes>(10),
+                        stopping_);
+  }
+
+  void index() {
+    EXPECT_TRUE(collection_->takeOnIndexing());
+    while (collection_->indexStep()) {
+    }
+  }
+
+  std::uint64_t revision() const {
+    return Xapian::Database((directory_.path() / "index").string()).get_revision();
+  }
+
+  tq::test::TemporaryDirectory directory_;
+  StoreLimits limits_;
+  std::atomic<bool> stopping_ = false;
+  std::optional<Collection> collection_;
+};
+
+TEST_F(RefreshStepsTest, ThoseWhoWaitAtTheSameTimeShareOneTransaction) {
+  create(kImmediate);
+  std::vector<std::shared_ptr<Ticket>> tickets;
+  for (int i = 0; i < 20; ++i) {
+    tickets.push_back(collection_->add({"k" + std::to_string(i), {}, "fox"}));
+  }
+  tickets.push_back(collection_->remove("k0"));
+  const std::uint64_t before = revision();
+  index();
+  EXPECT_EQ(revision(), before + 1);
+  for (const auto& ticket : tickets) {
+    ASSERT_TRUE(ticket->isDone());
+    EXPECT_NO_THROW(ticket->requireSuccess());
+  }
+  EXPECT_EQ(collection_->estimate("fox", kExactHits).hits, 19U);
+}
+
+TEST_F(RefreshStepsTest, OnlyWhoeverAddedADocumentThatTheIndexRefusesIsTold) {
+  create(kImmediate);
+  const auto good = collection_->add({"k1", {}, "fox"});
+  // Longer than a term can be. (The fronts let no such key through.)
+  const auto bad = collection_->add({std::string(300, 'a'), {}, "fox"});
+  index();
+  EXPECT_NO_THROW(good->requireSuccess());
+  EXPECT_THROW(bad->requireSuccess(), ServerError);
+  EXPECT_EQ(collection_->takeOutcomes().size(), 1U);
+  EXPECT_EQ(collection_->estimate("fox", kExactHits).hits, 1U);
+}
+
+TEST_F(RefreshStepsTest, IndexIsBroughtToRestOnceAfterManyChanges) {
+  create(kImmediate);
+  const auto segment = [&](int number) {
+    return std::filesystem::exists(directory_.path() /
+                                   ("journal-000000000" + std::to_string(number)));
+  };
+  for (int i = 0; i < 3; ++i) {
+    collection_->add({"k" + std::to_string(i), {}, "fox"});
+    index();
+    EXPECT_EQ(collection_->takeRest(), i == 0) << "somebody is going to do it";
+  }
+  EXPECT_TRUE(std::filesystem::exists(IndexSums::changingPathIn(directory_.path())));
+  EXPECT_TRUE(segment(1));
+  collection_->rest();
+  index();
+  EXPECT_TRUE(std::filesystem::exists(IndexSums::pathIn(directory_.path())));
+  EXPECT_FALSE(segment(1));
+  EXPECT_FALSE(collection_->takeRest());
+  EXPECT_EQ(collection_->state(), CollectionState::Current);
+  open();
+  EXPECT_EQ(collection_->state(), CollectionState::Current);
+  EXPECT_FALSE(collection_->takeOverdue());
+}
+
+TEST_F(RefreshStepsTest, WhatWasNotBroughtToRestIsDoneAgainAndIsTheSame) {
+  create(kImmediate);
+  for (const char* text : {"red fox", "grey fox"}) {
+    collection_->add({"k1", {}, text});
+    index();
+  }
+  collection_->add({"k2", {}, "hound"});
+  index();
+  collection_->remove("k2");
+  index();
+  collection_->add({"k2", {}, "bird"});
+  index();
+  open();
+  EXPECT_EQ(collection_->estimate("bird", kExactHits).hits, 1U)
+      << "its earlier deletion means nothing";
+  EXPECT_TRUE(collection_->takeOverdue());
+  EXPECT_FALSE(collection_->takeOverdue());
+  index();
+  EXPECT_EQ(collection_->estimate("grey", kExactHits).hits, 1U);
+  EXPECT_EQ(collection_->estimate("red OR hound", kExactHits).hits, 0U);
+  EXPECT_EQ(collection_->estimate("bird", kExactHits).hits, 1U);
+  EXPECT_EQ(collection_->estimate("fox", kExactHits).documents, 2U);
+}
+
+TEST_F(RefreshStepsTest, LongJournalOfSingleChangesIsCutOff) {
+  limits_.earlyBytes = 2000;
+  create(kImmediate);
+  std::uintmax_t largest = 0;
+  for (int i = 0; i < 50; ++i) {
+    collection_->add({"k" + std::to_string(i), {}, "fox " + std::string(200, 'x')});
+    index();
+    std::uintmax_t bytes = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(directory_.path())) {
+      if (entry.path().filename().string().starts_with("journal-")) bytes += entry.file_size();
+    }
+    largest = std::max(largest, bytes);
+  }
+  EXPECT_LT(largest, 5000U);
+  EXPECT_EQ(collection_->estimate("fox", kExactHits).hits, 50U);
+}
+
+TEST_F(RefreshStepsTest, NothingIsIndexedEarlyThatIsToBeSearchableOnRequestOnly) {
+  limits_.earlyBytes = 100;
+  create({});
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_EQ(collection_->add({"k" + std::to_string(i), {}, "fox " + std::string(100, 'x')}),
+              nullptr);
+  }
+  EXPECT_FALSE(collection_->takeOnIndexing());
+  EXPECT_EQ(collection_->takeRefreshTime(), std::nullopt);
+  open();
+  EXPECT_FALSE(collection_->takeOverdue());
+}
+
+TEST_F(RefreshStepsTest, IntervalBeginsWithTheFirstChange) {
+  create(every(std::chrono::milliseconds(70)));
+  EXPECT_EQ(collection_->takeRefreshTime(), std::nullopt);
+  collection_->add({"k1", {}, "fox"});
+  EXPECT_EQ(collection_->takeRefreshTime(), std::chrono::milliseconds(70));
+  collection_->add({"k2", {}, "fox"});
+  EXPECT_EQ(collection_->takeRefreshTime(), std::nullopt) << "it is running";
+  EXPECT_FALSE(collection_->takeOnIndexing());
+  collection_->refresh();
+  index();
+  EXPECT_EQ(collection_->estimate("fox", kExactHits).hits, 2U);
+  collection_->remove("k1");
+  EXPECT_EQ(collection_->takeRefreshTime(), std::chrono::milliseconds(70));
+}
+
+}  // namespace
+}  // namespace corvaned
