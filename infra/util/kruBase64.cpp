@@ -2,7 +2,12 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <utility>
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 namespace tq::util {
 
@@ -29,10 +34,65 @@ void putPair(std::uint32_t bits, Unit* out) noexcept {
   out[1] = static_cast<Unit>(pair[1]);
 }
 
+#ifdef __SSE2__
+
+constexpr std::size_t kBlock = 12;
+
+// The 32 bits that begin at the bytes, the first byte on top.
+std::uint32_t wordAt(const char* bytes) noexcept {
+  std::uint32_t word;
+  std::memcpy(&word, bytes, sizeof word);
+  return __builtin_bswap32(word);
+}
+
+// Twelve bytes as four groups of 24 bits, whose four digits' values then fill a byte each. The last
+// group is read with the byte in front of it, so that nothing behind the twelve is touched.
+__m128i digitValues(const char* bytes) noexcept {
+  const __m128i groups = _mm_set_epi32(
+      static_cast<int>(wordAt(bytes + 8) & 0xFFFFFF), static_cast<int>(wordAt(bytes + 6) >> 8),
+      static_cast<int>(wordAt(bytes + 3) >> 8), static_cast<int>(wordAt(bytes) >> 8));
+  const __m128i first = _mm_srli_epi32(groups, 18);
+  const __m128i second = _mm_and_si128(_mm_srli_epi32(groups, 4), _mm_set1_epi32(0x3F00));
+  const __m128i third = _mm_and_si128(_mm_slli_epi32(groups, 10), _mm_set1_epi32(0x3F0000));
+  const __m128i fourth = _mm_and_si128(_mm_slli_epi32(groups, 24), _mm_set1_epi32(0x3F000000));
+  return _mm_or_si128(_mm_or_si128(first, second), _mm_or_si128(third, fourth));
+}
+
+// `sum` grows by `step` where the digit's value is above `limit`.
+__m128i stepped(__m128i sum, __m128i values, char limit, char step) noexcept {
+  const __m128i above = _mm_cmpgt_epi8(values, _mm_set1_epi8(limit));
+  return _mm_add_epi8(sum, _mm_and_si128(above, _mm_set1_epi8(step)));
+}
+
+// The alphabet's runs: from each to the next the distance between value and character changes.
+__m128i digitsOf(__m128i values) noexcept {
+  __m128i digits = _mm_add_epi8(values, _mm_set1_epi8('A'));
+  digits = stepped(digits, values, 25, 'a' - ('A' + 26));
+  digits = stepped(digits, values, 51, '0' - ('z' + 1));
+  digits = stepped(digits, values, 61, '+' - ('9' + 1));
+  return stepped(digits, values, 62, '/' - ('+' + 1));
+}
+
+void encodeBlock(const char* bytes, char* out) noexcept {
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(out), digitsOf(digitValues(bytes)));
+}
+
+void encodeBlock(const char* bytes, char16_t* out) noexcept {
+  const __m128i digits = digitsOf(digitValues(bytes));
+  const __m128i zero = _mm_setzero_si128();
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_unpacklo_epi8(digits, zero));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 8), _mm_unpackhi_epi8(digits, zero));
+}
+
+#endif
+
 template <typename Unit>
 std::size_t encodeUnits(const char* bytes, std::size_t length, Unit* out) noexcept {
   Unit* const start = out;
   std::size_t i = 0;
+#ifdef __SSE2__
+  for (; length - i >= kBlock; i += kBlock, out += 16) encodeBlock(bytes + i, out);
+#endif
   for (; length - i >= 3; i += 3, out += 4) {
     const std::uint32_t group =
         (byteAt(bytes, i) << 16) | (byteAt(bytes, i + 1) << 8) | byteAt(bytes, i + 2);
