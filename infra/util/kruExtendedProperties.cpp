@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <tuple>
 #include <utility>
 
 #include "infra/oss/kruConverter.h"
@@ -30,37 +31,53 @@ namespace {
   throw oss::NLSException(message);
 }
 
-// Below 0, 0 or above. The names are ordered by their code units; of two that begin alike the
-// shorter comes first.
-inline int compare(const icu::UnicodeString& a, const icu::UnicodeString& b) noexcept {
-  const char16_t* left = a.getBuffer();
-  const char16_t* right = b.getBuffer();
-  const std::int32_t leftLength = a.length();
-  const std::int32_t rightLength = b.length();
-  const std::int32_t shorter = std::min(leftLength, rightLength);
-  for (std::int32_t i = 0; i < shorter; ++i) {
-    if (left[i] != right[i]) return left[i] < right[i] ? -1 : 1;
+std::u16string_view viewOf(const icu::UnicodeString& text) noexcept {
+  return {text.getBuffer(), static_cast<std::size_t>(text.length())};
+}
+
+// Null reads as an empty text, as in a text of ICU's that is made from it.
+std::u16string_view viewOf(const char16_t* text) noexcept {
+  return text == nullptr ? std::u16string_view() : std::u16string_view(text);
+}
+
+std::int32_t lengthOf(std::u16string_view text) {
+  if (text.size() > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) {
+    oss::Converter::throwOutOfMemory();
   }
-  return leftLength - rightLength;
+  return static_cast<std::int32_t>(text.size());
+}
+
+// Below 0, 0 or above. The names are ordered by their code units; of two that begin alike the
+// shorter comes first. Short names that differ early are all there is: calling a function to
+// compare them would cost more.
+inline int compare(std::u16string_view a, std::u16string_view b) noexcept {
+  const std::size_t shorter = std::min(a.size(), b.size());
+  for (std::size_t i = 0; i < shorter; ++i) {
+    if (a[i] != b[i]) return a[i] < b[i] ? -1 : 1;
+  }
+  if (a.size() == b.size()) return 0;
+  return a.size() < b.size() ? -1 : 1;
 }
 
 }  // namespace
 
 bool ExtendedProperties::ByName::operator()(const Place& a, const Place& b) const noexcept {
-  return compare(a.property->texts.first, b.property->texts.first) < 0;
+  return compare(viewOf(a.property->texts.first), viewOf(b.property->texts.first)) < 0;
 }
 
-bool ExtendedProperties::ByName::operator()(const Place& a,
-                                            const icu::UnicodeString& b) const noexcept {
-  return compare(a.property->texts.first, b) < 0;
+bool ExtendedProperties::ByName::operator()(const Place& a, std::u16string_view b) const noexcept {
+  return compare(viewOf(a.property->texts.first), b) < 0;
 }
 
-bool ExtendedProperties::ByName::operator()(const icu::UnicodeString& a,
-                                            const Place& b) const noexcept {
-  return compare(a, b.property->texts.first) < 0;
+bool ExtendedProperties::ByName::operator()(std::u16string_view a, const Place& b) const noexcept {
+  return compare(a, viewOf(b.property->texts.first)) < 0;
 }
 
 // A property.
+
+ExtendedProperties::Property::Property(std::u16string_view name, std::u16string_view value)
+    : texts(std::piecewise_construct, std::forward_as_tuple(name.data(), lengthOf(name)),
+            std::forward_as_tuple(value.data(), lengthOf(value))) {}
 
 ExtendedProperties::Property* ExtendedProperties::hold(Property* property) noexcept {
   property->holders.fetch_add(1, std::memory_order_relaxed);
@@ -130,11 +147,11 @@ void ExtendedProperties::clear() noexcept {
 }
 
 // For the form for few. `at` becomes where the name is or would have to be.
-bool ExtendedProperties::isAt(const icu::UnicodeString& name, std::uint32_t& at) const noexcept {
+bool ExtendedProperties::isAt(std::u16string_view name, std::uint32_t& at) const noexcept {
   at = 0;
   for (std::uint32_t last = count_; at < last;) {
     const std::uint32_t middle = (at + last) / 2;
-    const int order = compare(name, few_[middle]->texts.first);
+    const int order = compare(name, viewOf(few_[middle]->texts.first));
     if (order == 0) {
       at = middle;
       return true;
@@ -148,10 +165,8 @@ bool ExtendedProperties::isAt(const icu::UnicodeString& name, std::uint32_t& at)
   return false;
 }
 
-ExtendedProperties::Property** ExtendedProperties::find(const icu::UnicodeString& name,
+ExtendedProperties::Property** ExtendedProperties::find(std::u16string_view name,
                                                         std::uint32_t& at) const noexcept {
-  // A bogus name reads as an empty one, which may well be there.
-  if (name.isBogus()) return nullptr;
   if (many_ != nullptr) {
     const auto found = many_->find(name);
     return found == many_->end() ? nullptr : &found->property;
@@ -194,7 +209,7 @@ void ExtendedProperties::putProperty(const icu::UnicodeString& name,
   // Before it is compared: a bogus name has no place in the order.
   oss::Converter::checked(name);
   std::uint32_t at = 0;
-  Property** const present = find(name, at);
+  Property** const present = find(viewOf(name), at);
   if (present == nullptr) return add(make(name, value), at);
   icu::UnicodeString copy(value);
   oss::Converter::checked(copy);
@@ -205,14 +220,27 @@ void ExtendedProperties::putProperty(icu::UnicodeString&& name, icu::UnicodeStri
   oss::Converter::checked(name);
   oss::Converter::checked(value);
   std::uint32_t at = 0;
-  Property** const present = find(name, at);
+  Property** const present = find(viewOf(name), at);
   if (present == nullptr) return add(make(std::move(name), std::move(value)), at);
   replace(*present, std::move(value));
 }
 
-const icu::UnicodeString* ExtendedProperties::findProperty(const icu::UnicodeString& name) const {
+void ExtendedProperties::putProperty(const char16_t* name, const char16_t* value) {
+  const std::u16string_view nameUnits = viewOf(name);
+  const std::u16string_view valueUnits = viewOf(value);
   std::uint32_t at = 0;
-  Property* const* found = find(name, at);
+  Property** const present = find(nameUnits, at);
+  if (present == nullptr) return add(make(nameUnits, valueUnits), at);
+  icu::UnicodeString text(valueUnits.data(), lengthOf(valueUnits));
+  oss::Converter::checked(text);
+  replace(*present, std::move(text));
+}
+
+const icu::UnicodeString* ExtendedProperties::findProperty(const icu::UnicodeString& name) const {
+  // A bogus name reads as an empty one, which may well be there.
+  if (name.isBogus()) return nullptr;
+  std::uint32_t at = 0;
+  Property* const* found = find(viewOf(name), at);
   return found == nullptr ? nullptr : &(*found)->texts.second;
 }
 

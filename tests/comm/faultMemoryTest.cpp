@@ -265,6 +265,24 @@ TEST(TextMemoryOfProperties, ThatCannotBeHadLeavesTheSetAsItWas) {
   }
 }
 
+TEST(TextMemoryOfProperties, ThatCannotBeHadForALiteralLeavesTheSetAsItWas) {
+  const char16_t* const longer = u"a text that is longer than the room inside of an object";
+  const struct {
+    const char16_t* name;
+    const char16_t* value;
+  } kCases[] = {{longer, u"value"}, {u"another", longer}, {u"present", longer}};
+  for (const auto& c : kCases) {
+    tq::util::ExtendedProperties properties;
+    properties.putProperty(u"present", u"value");
+    {
+      const ScarceMemory scarcity(1, true, Source::Texts);
+      EXPECT_THROW(properties.putProperty(c.name, c.value), tq::oss::NLSException);
+    }
+    EXPECT_EQ(properties.size(), 1U);
+    EXPECT_TRUE(properties.requireProperty(u"present") == u"value");
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(Matrix, FaultMemory,
                          testing::Combine(testing::Values(Protocol::Http, Protocol::Binary,
                                                           Protocol::BinaryReassembled),

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -74,6 +75,46 @@ TEST(ExtendedProperties, TakesTextsByMoveToo) {
   properties.putProperty(icu::UnicodeString(u"name"), icu::UnicodeString(u"new"));
   EXPECT_EQ(properties.size(), 1U);
   EXPECT_EQ(properties.requireProperty(u"name"), u"new");
+}
+
+TEST(ExtendedProperties, TakesLiteralsAsItTakesTexts) {
+  ExtendedProperties literals;
+  ExtendedProperties texts;
+  for (const auto& [name, value] : {std::pair{u"name", u"value"},
+                                    {u"", u"of the empty name"},
+                                    {u"name", u"another value"},
+                                    {u"empty", u""},
+                                    {u"\u00E9\U0001F98A", u"beyond ASCII \U0001F98A"}}) {
+    literals.putProperty(name, value);
+    texts.putProperty(icu::UnicodeString(name), icu::UnicodeString(value));
+  }
+  ASSERT_EQ(literals.size(), texts.size());
+  EXPECT_TRUE(std::equal(literals.begin(), literals.end(), texts.begin()));
+}
+
+TEST(ExtendedProperties, ANullLiteralIsAnEmptyText) {
+  const char16_t* const null = nullptr;
+  ExtendedProperties properties;
+  properties.putProperty(null, u"value");
+  properties.putProperty(u"name", null);
+  EXPECT_EQ(properties.size(), 2U);
+  EXPECT_EQ(properties.requireProperty(u""), u"value");
+  EXPECT_EQ(properties.requireProperty(u"name"), u"");
+}
+
+TEST(ExtendedProperties, ALiteralThatReplacesAValueLeavesTheCopysAlone) {
+  const ExtendedProperties before = two();
+  ExtendedProperties changed = before;
+  changed.putProperty(u"name", u"changed");
+  EXPECT_EQ(before.requireProperty(u"name"), u"value");
+  EXPECT_EQ(changed.requireProperty(u"name"), u"changed");
+}
+
+TEST(ExtendedProperties, ALiteralMayBeATextOfTheSetItself) {
+  ExtendedProperties properties = two();
+  auto* value = const_cast<icu::UnicodeString*>(properties.findProperty(u"name"));
+  properties.putProperty(u"name", value->getTerminatedBuffer());
+  EXPECT_EQ(properties.requireProperty(u"name"), u"value");
 }
 
 TEST(ExtendedProperties, IsOrderedByCodeUnitsWithCapitalsFirst) {

@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <string_view>
 #include <utility>
 
 #include "infra/oss/kruExport.h"
@@ -41,6 +42,9 @@ class KRU_EXPORT ExtendedProperties {
   /// throws.
   void putProperty(const icu::UnicodeString& name, const icu::UnicodeString& value);
   void putProperty(icu::UnicodeString&& name, icu::UnicodeString&& value);
+  /// The same for literals, whose units are copied once. They end with a zero; null reads as an
+  /// empty text.
+  void putProperty(const char16_t* name, const char16_t* value);
 
   /// The value, or null when there is none. Valid until the property is put again or the set is
   /// cleared or destroyed.
@@ -77,6 +81,7 @@ class KRU_EXPORT ExtendedProperties {
     template <typename Name, typename Value>
     Property(Name&& name, Value&& value)
         : texts(std::forward<Name>(name), std::forward<Value>(value)) {}
+    Property(std::u16string_view name, std::u16string_view value);
 
     std::atomic<std::uint32_t> holders{1};
     value_type texts;
@@ -93,8 +98,8 @@ class KRU_EXPORT ExtendedProperties {
   struct ByName {
     using is_transparent = void;
     bool operator()(const Place& a, const Place& b) const noexcept;
-    bool operator()(const Place& a, const icu::UnicodeString& b) const noexcept;
-    bool operator()(const icu::UnicodeString& a, const Place& b) const noexcept;
+    bool operator()(const Place& a, std::u16string_view b) const noexcept;
+    bool operator()(std::u16string_view a, const Place& b) const noexcept;
   };
   using Many = std::set<Place, ByName>;
 
@@ -105,8 +110,8 @@ class KRU_EXPORT ExtendedProperties {
   template <typename Name, typename Value>
   static Held make(Name&& name, Value&& value);
 
-  bool isAt(const icu::UnicodeString& name, std::uint32_t& at) const noexcept;
-  Property** find(const icu::UnicodeString& name, std::uint32_t& at) const noexcept;
+  bool isAt(std::u16string_view name, std::uint32_t& at) const noexcept;
+  Property** find(std::u16string_view name, std::uint32_t& at) const noexcept;
   static void replace(Property*& present, icu::UnicodeString&& value);
   void add(Held property, std::uint32_t at);
   void takeMany();
