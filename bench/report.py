@@ -7,7 +7,8 @@ UNITS = {
     "instructions": "instructions", "systemCalls": "system calls", "allocations": "allocations",
     "cpuNanos": "CPU, ns", "cpuRatio": "CPU, x the first peer", "peakBytes": "peak bytes",
     "systemCallsPerRun": "system calls", "systemCallsPerThousand": "system calls a 1000",
-    "receivesPerThousand": "receives a 1000", "seamShare": "share of the instructions",
+    "receivesPerThousand": "receives a 1000", "seamShare": "share of the library's instructions",
+    "seamCpuShare": "share of the CPU",
     "overshootMillis": "ms",
 }
 
