@@ -37,9 +37,9 @@ class RawConnection {
   RawConnection(const RawConnection&) = delete;
   RawConnection& operator=(const RawConnection&) = delete;
 
-  void send(std::string_view bytes) const {
+  void send(std::string_view bytes, int flags = 0) const {
     while (!bytes.empty()) {
-      const ssize_t count = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+      const ssize_t count = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL | flags);
       if (count <= 0) throw std::runtime_error("cannot send");
       bytes.remove_prefix(static_cast<std::size_t>(count));
     }
@@ -51,6 +51,10 @@ class RawConnection {
     if (::writev(fd_, pieces, 2) != static_cast<ssize_t>(header.size() + body.size())) {
       throw std::runtime_error("cannot send");
     }
+  }
+
+  bool hasArrived(char* buffer, std::size_t size) const {
+    return ::recv(fd_, buffer, size, MSG_DONTWAIT) >= 0;
   }
 
   std::size_t receive(char* buffer, std::size_t size) const {

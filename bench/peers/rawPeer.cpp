@@ -36,6 +36,29 @@ void document(const Options& options) {
   });
 }
 
+/// The library's own system calls and nothing else: a look for what nobody asked for, then the
+/// writes whose sizes the protocol fixes.
+void documentInPieces(const Options& options) {
+  const RawConnection connection(options);
+  const bool binary = isBinary(options);
+  std::string message =
+      bench::headerOf(binary, "action: addDocument\nactionType: unknown\nindex: c1\nver: 1.1\n",
+                      options.number("bytes", 1024) + 70);
+  const std::size_t first = binary ? message.size() + 70 + 5000 : std::string::npos;
+  message.append(options.number("bytes", 1024) + 70, 'd');
+  char reply[1024];
+  bench::measure(options, 1, [&] {
+    if (connection.hasArrived(reply, sizeof reply)) throw std::runtime_error("bytes too many");
+    std::string_view rest = message;
+    for (std::size_t piece = first; rest.size() > piece; piece = 10000) {
+      connection.send(rest.substr(0, piece), MSG_MORE);
+      rest.remove_prefix(piece);
+    }
+    connection.send(rest);
+    connection.receive(reply, sizeof reply);
+  });
+}
+
 /// Fifty messages a write, no replies. The announcement of the last is not sent.
 void queued(const Options& options) {
   const RawConnection connection(options);
@@ -89,12 +112,14 @@ int main(int argc, char** argv) {
       exchange(options);
     } else if (options.work() == "document") {
       document(options);
+    } else if (options.work() == "documentInPieces") {
+      documentInPieces(options);
     } else if (options.work() == "queued") {
       queued(options);
     } else if (options.work() == "hits") {
       hits(options);
     } else {
-      throw std::runtime_error("usage: rawPeer exchange|document|queued|hits --port=N ...");
+      throw std::runtime_error("usage: rawPeer exchange|document|documentInPieces|queued|hits ...");
     }
     return 0;
   } catch (const std::exception& error) {
