@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <list>
@@ -155,7 +156,8 @@ class FullListener {
   FullListener() : listener_(0) {
     for (int& filler : fillers_) {
       filler = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-      ::connect(filler, listener_.generic(), sizeof(sockaddr_in));
+      // Those that find no room go on trying, which fills the queue as well.
+      static_cast<void>(::connect(filler, listener_.generic(), sizeof(sockaddr_in)));
     }
   }
   ~FullListener() {
@@ -237,7 +239,7 @@ double waitOnce(unsigned int millis) {
 
 double quantile(const std::vector<double>& sorted, double share) {
   const auto last = static_cast<double>(sorted.size() - 1);
-  return sorted[static_cast<std::size_t>(share * last + 0.5)];
+  return sorted[static_cast<std::size_t>(std::lround(share * last))];
 }
 
 void printRow(const std::string& name, std::vector<double> millis) {

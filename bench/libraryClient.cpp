@@ -110,6 +110,7 @@ void inThreads(const Options& options, std::uint64_t repeats, std::uint64_t unit
       options, clients.size() * repeats * units,
       [&] {
         std::vector<std::thread> threads;
+        threads.reserve(clients.size());
         for (auto& client : clients) threads.emplace_back(run, std::ref(*client));
         for (auto& thread : threads) thread.join();
       },
