@@ -6,7 +6,7 @@ namespace corvane {
 
 namespace {
 
-constexpr const char* exitCodes =
+constexpr const char* kExitCodes =
     "Exit codes: 0 done; 1 the server, the connection or a file failed; 2 the command\n"
     "line is wrong, nothing was sent; 3 the result was cut off; 4 loaded or updated,\n"
     "but some documents were refused.\n";
@@ -37,7 +37,7 @@ std::string HelpFormatter::make_footer(const CLI::App* app) const {
     const std::vector<const CLI::Option*> options = program->get_options(isCommon);
     footer += make_group("Common options", false, options);
   }
-  return footer + "\n" + exitCodes;
+  return footer + "\n" + kExitCodes;
 }
 
 }  // namespace corvane

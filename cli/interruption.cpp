@@ -9,10 +9,10 @@ namespace corvane {
 
 namespace {
 
-constexpr int endingSignals[] = {SIGINT, SIGTERM};
+constexpr int kEndingSignals[] = {SIGINT, SIGTERM};
 
 // A reader that takes nothing must not keep the program alive.
-constexpr std::chrono::milliseconds patience{1000};
+constexpr std::chrono::milliseconds kPatience{1000};
 
 void say(const std::string& text) {
   // Progress may stand in the line.
@@ -27,7 +27,7 @@ void say(const std::string& text) {
 sigset_t blockEndingSignals() {
   sigset_t signals;
   sigemptyset(&signals);
-  for (const int signal : endingSignals) {
+  for (const int signal : kEndingSignals) {
     struct sigaction present {};
     ::sigaction(signal, nullptr, &present);
     if (present.sa_handler != SIG_IGN) sigaddset(&signals, signal);
@@ -41,7 +41,7 @@ Interruption::Interruption(const sigset_t& signals, const LastWords& words, Queu
 
 Interruption::~Interruption() {
   over_ = true;
-  for (const int signal : endingSignals) {
+  for (const int signal : kEndingSignals) {
     if (sigismember(&signals_, signal) == 1) ::pthread_kill(thread_.native_handle(), signal);
   }
   thread_.join();
@@ -55,7 +55,7 @@ void Interruption::run() {
 void Interruption::end(int signal) {
   const LastWords::Text text = words_.get();
   out_.sputn(text.out.data(), static_cast<std::streamsize>(text.out.size()));
-  out_.drain(patience);
+  out_.drain(kPatience);
   say(text.err);
   std::signal(signal, SIG_DFL);
   ::pthread_sigmask(SIG_UNBLOCK, &signals_, nullptr);

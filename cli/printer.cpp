@@ -29,8 +29,7 @@ icu::UnicodeString escapedForJson(const icu::UnicodeString& json) {
 
 std::string dump(const nlohmann::ordered_json& object) {
   // A text that a server sent may be ill-formed; the replacement character beats an exception here.
-  const std::string json =
-      object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+  std::string json = object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
   const auto needsALook = [](char c) { return c < ' ' || c == '\x7f'; };
   if (std::none_of(json.begin(), json.end(), needsALook)) return json;
   return toUtf8(escapedForJson(icu::UnicodeString::fromUTF8(json)));

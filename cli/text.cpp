@@ -14,7 +14,7 @@ namespace corvane {
 
 namespace {
 
-constexpr std::string_view docIdPrefix = "base64:";
+constexpr std::string_view kDocIdPrefix = "base64:";
 
 }  // namespace
 
@@ -56,8 +56,8 @@ std::optional<std::string> whyNoKey(std::string_view key) {
 
 bool isPrintable(UChar32 character) {
   // ICU calls the separators of lines and paragraphs printable; a terminal may break a line there.
-  constexpr std::uint32_t separators = U_GC_ZL_MASK | U_GC_ZP_MASK;
-  return u_isprint(character) && (U_GET_GC_MASK(character) & separators) == 0;
+  constexpr std::uint32_t kSeparators = U_GC_ZL_MASK | U_GC_ZP_MASK;
+  return u_isprint(character) && (U_GET_GC_MASK(character) & kSeparators) == 0;
 }
 
 bool isPrintable(const icu::UnicodeString& text) {
@@ -99,8 +99,8 @@ std::optional<std::string> decodeBase64(std::string_view text) {
 
 std::optional<std::string> keyOfDocId(const icu::UnicodeString& docId) {
   const std::string id = toUtf8(docId);
-  if (id.compare(0, docIdPrefix.size(), docIdPrefix) != 0) return {};
-  return decodeBase64(std::string_view(id).substr(docIdPrefix.size()));
+  if (id.compare(0, kDocIdPrefix.size(), kDocIdPrefix) != 0) return {};
+  return decodeBase64(std::string_view(id).substr(kDocIdPrefix.size()));
 }
 
 }  // namespace corvane

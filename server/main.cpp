@@ -203,9 +203,9 @@ void settle(Options& options) {
   options.store.index.batchBytes =
       std::min(options.store.index.batchBytes, budget->limit() / kBatchesPerBudget);
   // The names and lengths of metadata, and the key.
-  constexpr std::uint64_t slack = std::uint64_t{1} << 20U;
+  constexpr std::uint64_t kSlack = std::uint64_t{1} << 20U;
   options.server.limits.contentBytes =
-      options.contentBytes.value_or(options.store.documentBytes + slack);
+      options.contentBytes.value_or(options.store.documentBytes + kSlack);
   options.server.stallTimeout = std::chrono::seconds(options.stallSeconds);
   options.server.idleTimeout = std::chrono::seconds(options.idleSeconds);
   options.server.requestTimeout = std::chrono::seconds(options.requestSeconds);

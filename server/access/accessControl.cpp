@@ -84,14 +84,14 @@ std::optional<std::string> decoded(std::string_view base64) {
 }
 
 std::optional<Claim> claimOf(std::string_view authorization) {
-  constexpr std::string_view basic = "Basic ";
-  constexpr std::string_view bearer = "Bearer ";
+  constexpr std::string_view kBasic = "Basic ";
+  constexpr std::string_view kBearer = "Bearer ";
   if (authorization.size() > kMaxAuthorization) return std::nullopt;
-  if (authorization.starts_with(bearer)) {
-    return split(authorization.substr(bearer.size()), '.', true);
+  if (authorization.starts_with(kBearer)) {
+    return split(authorization.substr(kBearer.size()), '.', true);
   }
-  if (!authorization.starts_with(basic)) return std::nullopt;
-  const auto text = decoded(authorization.substr(basic.size()));
+  if (!authorization.starts_with(kBasic)) return std::nullopt;
+  const auto text = decoded(authorization.substr(kBasic.size()));
   return text ? split(*text, ':', false) : std::nullopt;
 }
 
@@ -213,9 +213,9 @@ std::string freshSecret() {
   startSodium();
   std::array<unsigned char, kSecretBytes> bytes{};
   randombytes_buf(bytes.data(), bytes.size());
-  constexpr int variant = sodium_base64_VARIANT_URLSAFE_NO_PADDING;
-  std::string text(sodium_base64_ENCODED_LEN(kSecretBytes, variant), '\0');
-  sodium_bin2base64(text.data(), text.size(), bytes.data(), bytes.size(), variant);
+  constexpr int kVariant = sodium_base64_VARIANT_URLSAFE_NO_PADDING;
+  std::string text(sodium_base64_ENCODED_LEN(kSecretBytes, kVariant), '\0');
+  sodium_bin2base64(text.data(), text.size(), bytes.data(), bytes.size(), kVariant);
   // The length counts the zero at the end.
   text.pop_back();
   return text;

@@ -40,10 +40,10 @@ std::string_view takeText(ByteReader& reader) {
 
 std::vector<TextPair> takePairs(ByteReader& reader) {
   // The key and the content are pairs, too.
-  constexpr std::size_t most = kMaxMetadata + 2;
+  constexpr std::size_t kMaxPairs = kMaxMetadata + 2;
   std::vector<TextPair> pairs;
   while (!reader.empty()) {
-    if (pairs.size() == most) refuseMetadata();
+    if (pairs.size() == kMaxPairs) refuseMetadata();
     const std::string_view name = takeText(reader);
     if (reader.empty()) refuse("the last name has no value");
     pairs.emplace_back(name, takeText(reader));

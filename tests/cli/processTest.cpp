@@ -73,15 +73,15 @@ std::string manyHits(std::size_t count) {
 }
 
 TEST(Output, ThatNobodyReadsDoesNotKeepTheProgramFromTakingTheResult) {
-  constexpr std::size_t count = 20000;
-  ScriptedServer server(Script().expectRequest().send(manyHits(count)).awaitClose());
+  constexpr std::size_t kCount = 20000;
+  ScriptedServer server(Script().expectRequest().send(manyHits(kCount)).awaitClose());
   Child child(overHttp(server, {"search", "books", "q"}), {}, Child::Output::unread);
   // The program is done with its connection before anything of its output is read.
   server.awaitClientClose(0);
   const Finished finished = child.finish();
   EXPECT_EQ(finished.code, 0) << finished.err;
   EXPECT_EQ(static_cast<std::size_t>(std::count(finished.out.begin(), finished.out.end(), '\n')),
-            count);
+            kCount);
   EXPECT_THAT(finished.out, HasSubstr("20000    0.500  hit19999\n"));
 }
 

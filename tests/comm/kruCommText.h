@@ -24,13 +24,13 @@ inline icu::UnicodeString utf16(std::string_view text) {
 
 /// "00 2a ff".
 inline std::string hex(std::string_view bytes) {
-  static constexpr char digits[] = "0123456789abcdef";
+  static constexpr char kDigits[] = "0123456789abcdef";
   std::string out;
   for (const char c : bytes) {
     const auto byte = static_cast<unsigned char>(c);
     if (!out.empty()) out += ' ';
-    out += digits[byte >> 4];
-    out += digits[byte & 0xF];
+    out += kDigits[byte >> 4];
+    out += kDigits[byte & 0xF];
   }
   return out;
 }

@@ -169,10 +169,10 @@ std::string enveloped(const std::string& bytes) {
 std::string record(const std::vector<std::pair<std::string, std::string>>& fields) {
   std::string out;
   // The value's top bits are a tag that says "text".
-  constexpr std::uint32_t textTag = 0x40000000;
+  constexpr std::uint32_t kTextTag = 0x40000000;
   for (const auto& [key, value] : fields) {
     out += enveloped(key);
-    out += bigEndian(static_cast<std::uint32_t>(value.size()) | textTag) + value;
+    out += bigEndian(static_cast<std::uint32_t>(value.size()) | kTextTag) + value;
   }
   return out;
 }
