@@ -78,7 +78,7 @@ const icu::UnicodeString& outputNameOf(const icu::UnicodeString& name) {
 
 // What a header line needs besides name and value: ": " and LF.
 constexpr std::size_t kLineOverhead = 3;
-constexpr std::string_view kHeaderEnd{"\r\n", 3};  // With the terminating zero.
+constexpr std::string_view kHeaderEnd{"\r\n\0", 3};
 
 char* putBytes(char* out, std::string_view bytes) {
   return static_cast<char*>(std::memcpy(out, bytes.data(), bytes.size())) + bytes.size();
@@ -215,7 +215,8 @@ void RESTMessage::initMessage(ClientRequest& request) {
 }
 
 const tq::util::ExtendedProperties& RESTMessage::properties() const noexcept {
-  return kept_ != nullptr ? kept_->properties : properties_;
+  if (kept_ != nullptr) return kept_->properties;
+  return properties_;
 }
 
 void RESTMessage::takeProperties(ClientRequest& request) {

@@ -189,7 +189,7 @@ void ExtendedProperties::add(Held property, std::uint32_t at) {
   if (many_ == nullptr && count_ == kFew) takeMany();
   if (many_ != nullptr) {
     many_->insert(Place{property.get()});
-    property.release();
+    static_cast<void>(property.release());
     return;
   }
   std::copy_backward(few_ + at, few_ + count_, few_ + count_ + 1);
