@@ -110,12 +110,12 @@ struct Child::Files {
 Child::Child(const std::vector<std::string>& command, const std::string& input, Output output)
     : files_(std::make_unique<Files>(input)) {
   auto& pipe = files_->pipe;
-  if (output == Output::unread && ::pipe2(pipe.data(), O_CLOEXEC) != 0) {
+  if (output == Output::Unread && ::pipe2(pipe.data(), O_CLOEXEC) != 0) {
     throw std::runtime_error("no pipe");
   }
-  const int out = output == Output::unread ? pipe[1] : files_->out.descriptor();
+  const int out = output == Output::Unread ? pipe[1] : files_->out.descriptor();
   process_ = spawn(command, files_->in.descriptor(), out, files_->err.descriptor());
-  if (output == Output::unread) ::close(pipe[1]);
+  if (output == Output::Unread) ::close(pipe[1]);
 }
 
 Child::Child(const std::vector<std::string>& command, const Terminal& errors)

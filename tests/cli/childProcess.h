@@ -38,13 +38,13 @@ class Child {
  public:
   enum class Output {
     /// Kept until the end.
-    kept,
+    Kept,
     /// A pipe, which nobody reads before the end.
-    unread,
+    Unread,
   };
 
   explicit Child(const std::vector<std::string>& command, const std::string& input = {},
-                 Output output = Output::kept);
+                 Output output = Output::Kept);
   /// What the program says about itself goes to the terminal and not into `Finished::err`.
   Child(const std::vector<std::string>& command, const Terminal& errors);
   ~Child();

@@ -75,7 +75,7 @@ std::string manyHits(std::size_t count) {
 TEST(Output, ThatNobodyReadsDoesNotKeepTheProgramFromTakingTheResult) {
   constexpr std::size_t kCount = 20000;
   ScriptedServer server(Script().expectRequest().send(manyHits(kCount)).awaitClose());
-  Child child(overHttp(server, {"search", "books", "q"}), {}, Child::Output::unread);
+  Child child(overHttp(server, {"search", "books", "q"}), {}, Child::Output::Unread);
   // The program is done with its connection before anything of its output is read.
   server.awaitClientClose(0);
   const Finished finished = child.finish();
