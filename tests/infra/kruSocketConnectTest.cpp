@@ -82,6 +82,7 @@ TEST_F(SocketConnect, ARefusalNamesHostPortAndReason) {
   const SocketException failure = thrown([&] { connect(socket, dead.port()); });
   EXPECT_EQ(failure.getErrorNumber(), ECONNREFUSED);
   EXPECT_EQ(firstArgument(failure), describe(u"connect to", dead.port()));
+  EXPECT_STREQ(failure.getMessageList().front().getFileName(), "kruSocket");
   EXPECT_FALSE(socket.isOpen());
 }
 

@@ -33,7 +33,12 @@ TEST(UTF8String, RefusesNullWithALengthAndStaysAsItWas) {
     text.append(nullptr, 3);
     FAIL() << "taken";
   } catch (const tq::oss::NLSException& e) {
-    EXPECT_EQ(e.getMessageList().front().getMessageId(), u"TQ_ERR_NULL_BYTES");
+    const tq::oss::Message& message = e.getMessageList().front();
+    EXPECT_EQ(message.getMessageId(), u"TQ_ERR_NULL_BYTES");
+    EXPECT_EQ(message.getMessageText(),
+              u"the bytes of a text are null although they have a length");
+    EXPECT_STREQ(message.getFileName(), "kruUTF8String");
+    EXPECT_NE(message.getLineNumber(), 0U);
   }
   EXPECT_EQ(text.view(), "ab");
   EXPECT_THROW(UTF8String(nullptr, 1), tq::oss::NLSException);
