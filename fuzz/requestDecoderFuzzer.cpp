@@ -9,6 +9,8 @@
 #include <array>
 #include <cstring>
 #include <memory>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -54,7 +56,19 @@ class FewHits : public corvaned::HitSource {
 /// Looks at what arrives in a store, and keeps nothing.
 class EmptyStore : public corvaned::Store {
  public:
-  void createCollection(const std::string& name, const std::string&) override { named(name); }
+  bool isOpen(const std::string& name) override {
+    named(name);
+    return true;
+  }
+  void open(const std::string& name, Opened opened) override {
+    named(name);
+    opened(std::nullopt);
+  }
+  void stop() override {}
+  void createCollection(const std::string& name, const std::string&,
+                        const corvaned::Refresh&) override {
+    named(name);
+  }
   void openCollection(const std::string& name) override { named(name); }
   void closeCollection(const std::string& name) override { named(name); }
   void deleteCollection(const std::string& name) override { named(name); }
@@ -79,12 +93,41 @@ class EmptyStore : public corvaned::Store {
   std::unique_ptr<corvaned::HitSource> search(const std::string& name,
                                               const corvaned::SearchQuery& query) override {
     named(name);
-    require(!query.text.empty(), "a search that reaches the store has a query");
+    hasQuery(query);
     return std::make_unique<FewHits>();
   }
-  corvaned::Estimate estimate(const std::string& name, const std::string&) override {
+  std::unique_ptr<corvaned::HitSource> match(
+      const std::string& name, const corvaned::SearchQuery& query,
+      const std::vector<corvaned::Document>& documents) override {
+    named(name);
+    hasQuery(query);
+    std::set<std::string> keys;
+    for (const corvaned::Document& document : documents) {
+      require(keys.insert(document.key).second, "documents to match have different keys");
+    }
+    return std::make_unique<FewHits>();
+  }
+  corvaned::Estimate estimate(const std::string& name, const std::string&, std::uint64_t) override {
     named(name);
     return {3, 7, 11};
+  }
+  std::uint64_t count(const std::string& name, const corvaned::SearchQuery& query) override {
+    named(name);
+    hasQuery(query);
+    return 3;
+  }
+  void visit(const std::string& name, const corvaned::SearchQuery& query,
+             const DocumentVisitor& take) override {
+    named(name);
+    hasQuery(query);
+    take({"key", {{"name", "value"}}, "text"});
+  }
+  corvaned::CollectionSummary summary(const std::string& name) override {
+    named(name);
+    return {3, 1, 4096, "en_us"};
+  }
+  std::vector<std::string> collections(const std::string&, std::uint64_t most) override {
+    return most == 0 ? std::vector<std::string>() : std::vector<std::string>{"c1"};
   }
   corvaned::CollectionState state(const std::string& name) override {
     named(name);
@@ -92,6 +135,9 @@ class EmptyStore : public corvaned::Store {
   }
 
  private:
+  static void hasQuery(const corvaned::SearchQuery& query) {
+    require(query.everything || !query.text.empty(), "a search that reaches the store has a query");
+  }
   static void named(const std::string& name) {
     require(!name.empty(), "whatever reaches the store names a collection");
   }

@@ -1,4 +1,3 @@
-#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -121,7 +120,8 @@ TEST_F(MemoryTest, TextsToMatchStayWithinTheBudget) {
   std::string documents;
   for (int i = 0; documents.size() < kMiB; ++i) {
     std::string text;
-    for (int word = 0; word < 80; ++word) text += fmt::format("w{:x} ", (i * 80 + word) % 5000);
+    for (int word = 0; word < 80; ++word)
+      text += "w" + std::to_string((i * 80 + word) % 5000) + " ";
     documents += documentBlock(std::to_string(i), {}, text);
   }
   expectAll([&](int) { return askToMatch(documents); });
