@@ -260,14 +260,10 @@ bool Collection::begin(Job& job) {
   requireGoingOn();
   if (journal_.empty()) return false;
   if (job.kind == Job::Kind::Round) {
-    if (!index_.isUpdating()) {
-      index_.beginUpdate();
-      syncDirectory(directory_);
-    }
+    if (!index_.isUpdating()) index_.beginUpdate();
     journal_.syncAll();
     job.end = journal_.end();
   } else {
-    // rotate() brings the directory to disk.
     index_.beginUpdate();
     job.end = {journal_.rotate() + 1, 0};
     // Whoever asks from now on has no later changes, or waits for the next update.
@@ -318,7 +314,6 @@ void Collection::removeHidden() {
   for (const std::string& key : keys) removals.push_back({ChangeKind::Remove, {key, {}, {}}});
   try {
     index_.beginUpdate();
-    syncDirectory(directory_);
     index_.applyBatch(removals, [this] { requireGoingOn(); });
     index_.endUpdate();
   } catch (const ServerError& error) {

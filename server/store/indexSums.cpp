@@ -194,42 +194,47 @@ void IndexSums::verifyBlocks(const std::filesystem::path& path, const FileSums& 
 bool IndexSums::isNewer(std::string_view block) const { return revisionOf(block) > revision_; }
 
 void IndexSums::beginChange() {
-  if (changing_) return;
-  std::filesystem::rename(pathIn(collection_), changingPathIn(collection_));
+  if (isChanging()) return;
+  if (!changing_) std::filesystem::rename(pathIn(collection_), changingPathIn(collection_));
   changing_ = true;
+  syncDirectory(collection_);
+  changingOnDisk_ = true;
 }
 
+// If the index cannot be read to its end, everything stays as it was: another attempt has to find
+// the same blocks new.
 void IndexSums::endChange(std::uint64_t revision) {
-  readIndex(std::exchange(revision_, revision));
+  std::map<std::string, FileSums> files = files_;
+  readIndex(files);
+  files_.swap(files);
+  revision_ = revision;
   write();
-  changing_ = false;
 }
 
-void IndexSums::readIndex(std::uint64_t knownRevision) {
+void IndexSums::readIndex(std::map<std::string, FileSums>& files) const {
   for (const auto& entry : std::filesystem::directory_iterator(indexPath())) {
     const std::string name = entry.path().filename().string();
     if (name != kVersionFile && !name.ends_with(kTableSuffix)) continue;
-    FileSums& sums = files_[name];
+    FileSums& sums = files[name];
     if (name == kVersionFile) {
       sums.content = readWhole(entry.path());
       sums.size = sums.content.size();
     } else {
-      readBlocks(entry.path(), sums, knownRevision);
+      readBlocks(entry.path(), sums);
     }
   }
 }
 
 // Only blocks that the engine has written since. The others keep their checksums, so that damage in
 // them stays visible.
-void IndexSums::readBlocks(const std::filesystem::path& path, FileSums& sums,
-                           std::uint64_t knownRevision) {
+void IndexSums::readBlocks(const std::filesystem::path& path, FileSums& sums) const {
   const FileHandle file = openFile(path, O_RDONLY);
   const std::size_t known = sums.blocks.size();
   sums.size = std::filesystem::file_size(path);
   sums.blocks.resize(blocksOf(sums.size));
   for (std::size_t i = 0; i < sums.blocks.size(); ++i) {
     const std::uint64_t place = std::uint64_t{i} * kBlock;
-    if (i < known && revisionAt(file, place, path) <= knownRevision) continue;
+    if (i < known && revisionAt(file, place, path) <= revision_) continue;
     sums.blocks[i] = checksumOf(readAt(file, place, kBlock, path));
   }
 }
@@ -243,6 +248,8 @@ void IndexSums::write() {
     syncFile(file, passing);
   }
   std::filesystem::rename(passing, path);
+  // From here on a restart takes the index for one that rests.
+  changing_ = changingOnDisk_ = false;
   std::filesystem::remove(changingPathIn(collection_));
   syncDirectory(collection_);
 }

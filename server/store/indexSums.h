@@ -51,11 +51,11 @@ class IndexSums {
   /// read.
   void verifyIfDue();
 
-  bool isChanging() const { return changing_; }
-  /// Comes before a change of the index, and the caller brings the collection's directory to disk
-  /// before it changes anything.
+  /// Whether beginChange() has been called and endChange() has not.
+  bool isChanging() const { return changingOnDisk_; }
+  /// Comes before a change of the index. Durable when it returns.
   void beginChange();
-  /// The change is on disk; makes the new checksums durable.
+  /// The change is on disk; makes the new checksums durable. May be repeated if it throws.
   void endChange(std::uint64_t revision);
 
   /// The content that the file must have, if it is one that is kept whole.
@@ -81,8 +81,8 @@ class IndexSums {
   std::filesystem::path indexPath() const { return collection_ / kIndexDirectory; }
   void decode(std::string_view bytes, const std::filesystem::path& path);
   std::string encoded() const;
-  void readIndex(std::uint64_t knownRevision);
-  void readBlocks(const std::filesystem::path& path, FileSums& sums, std::uint64_t knownRevision);
+  void readIndex(std::map<std::string, FileSums>& files) const;
+  void readBlocks(const std::filesystem::path& path, FileSums& sums) const;
   void write();
   void verifyFile(const std::string& name, const FileSums& sums, const Visitor& onDamage) const;
   void verifyContent(const std::filesystem::path& path, const FileSums& sums,
@@ -94,7 +94,9 @@ class IndexSums {
   std::filesystem::path collection_;
   std::uint64_t revision_ = 0;
   std::map<std::string, FileSums> files_;
+  // What the name of the file says, and whether that is known to be on disk.
   bool changing_ = false;
+  bool changingOnDisk_ = false;
   std::chrono::steady_clock::time_point verified_;
   std::chrono::steady_clock::duration cost_{};
 };

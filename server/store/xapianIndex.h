@@ -59,8 +59,7 @@ class XapianIndex {
   /// Called between changes; throws to end the work.
   using StopCheck = std::function<void()>;
 
-  /// Comes before changes are applied. The caller brings the collection's directory to disk in
-  /// between. Throws if the database is damaged.
+  /// Comes before changes are applied. Throws if the database is damaged.
   void beginUpdate();
   /// Whether an update has begun that has not ended; another one may go on with it.
   bool isUpdating() const { return sums_->isChanging(); }

@@ -1,11 +1,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <spdlog/spdlog.h>
+#include <xapian.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -13,6 +15,7 @@
 #include "server/base/errors.h"
 #include "server/store/indexSums.h"
 #include "server/store/localStore.h"
+#include "tests/server/store/descriptorLimit.h"
 #include "tests/support/temporaryDirectory.h"
 
 // A collection in which single bits were changed: it holds all that it should, or is refused with
@@ -269,6 +272,69 @@ TEST_F(DamageTest, EveryBlockThatAnUpdateWritesHasItsChecksum) {
     store.updateIndex("c");
     EXPECT_EQ(refusalOf([&] { IndexSums(collection()).verify(); }), "") << round;
   }
+}
+
+/// The checksums of a collection that no store has open, and changes of its index.
+class IndexSumsTest : public DamageTest {
+ protected:
+  IndexSumsTest() {
+    write();
+    sums_.emplace(collection());
+  }
+
+  void change() {
+    sums_->beginChange();
+    Xapian::WritableDatabase database((collection() / "index").string());
+    Xapian::Document document;
+    document.add_term("hound");
+    database.add_document(document);
+    database.commit();
+    revision_ = database.get_revision();
+  }
+
+  bool isChanging() const {
+    return std::filesystem::exists(IndexSums::changingPathIn(collection()));
+  }
+
+  std::optional<IndexSums> sums_;
+  std::uint64_t revision_ = 0;
+};
+
+TEST_F(IndexSumsTest, WhatCouldNotBeReadIsReadByTheNextAttempt) {
+  for (int round = 0; round < 5; ++round) {
+    change();
+    {
+      // Enough to list the directory, and for none of its files.
+      const test::DescriptorLimit few(1);
+      EXPECT_THROW(sums_->endChange(revision_), ServerError);
+    }
+    sums_->endChange(revision_);
+    EXPECT_EQ(refusalOf([&] { IndexSums(collection()).verify(); }), "") << round;
+  }
+}
+
+TEST_F(IndexSumsTest, NextChangeIsAnnouncedAfterAnEndThatFailedLate) {
+  change();
+  const std::filesystem::path changing = IndexSums::changingPathIn(collection());
+  std::filesystem::remove(changing);
+  // What is no file and not empty cannot be removed as one.
+  std::filesystem::create_directories(changing / "x");
+  EXPECT_ANY_THROW(sums_->endChange(revision_));
+  std::filesystem::remove_all(changing);
+  change();
+  EXPECT_TRUE(isChanging());
+  EXPECT_EQ(refusalOf([&] { IndexSums(collection()).verify(); }), "") << "a crash in the middle";
+}
+
+TEST_F(IndexSumsTest, ChangeIsNotUnderWayBeforeItIsKnownToBeOnDisk) {
+  {
+    const test::DescriptorLimit none(0);
+    EXPECT_THROW(sums_->beginChange(), ServerError);
+  }
+  EXPECT_TRUE(isChanging());
+  EXPECT_FALSE(sums_->isChanging());
+  sums_->beginChange();
+  EXPECT_TRUE(sums_->isChanging());
 }
 
 }  // namespace
