@@ -1,13 +1,23 @@
 #include "server/store/indexScheduler.h"
 
+#include <spdlog/spdlog.h>
+
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
 #include <asio/thread_pool.hpp>
+#include <exception>
 #include <mutex>
+#include <thread>
 #include <unordered_set>
 #include <utility>
 
 namespace corvaned {
+namespace {
+
+// Something that was missing for a step, memory for instance, may be there again after it.
+constexpr std::chrono::milliseconds kPause{100};
+
+}  // namespace
 
 // Timers need a lock of their own: one is cancelled by another thread than the one that it runs on.
 class IndexScheduler::Threads {
@@ -24,12 +34,7 @@ class IndexScheduler::Threads {
     pool_.join();
   }
 
-  // At the end of the queue, behind everybody else's next step.
-  void run(Step step) {
-    asio::post(pool_, [this, step = std::move(step)]() mutable {
-      if (step()) run(std::move(step));
-    });
-  }
+  void run(Step step) { append(std::make_shared<Step>(std::move(step))); }
 
   void later(std::chrono::milliseconds time, std::function<void()> begin) {
     const std::lock_guard lock(mutex_);
@@ -41,11 +46,38 @@ class IndexScheduler::Threads {
         const std::lock_guard removing(mutex_);
         timers_.erase(timer);
       }
-      if (!error) begin();
+      if (!error) tryToBegin(begin);
     });
   }
 
  private:
+  // At the end of the queue, behind everybody else's next step.
+  void append(const std::shared_ptr<Step>& step) {
+    asio::post(pool_, [this, step] { carryOut(step); });
+  }
+
+  // An exception that left this thread would end the process; and work that was given up would
+  // leave those who wait for its end without an answer.
+  void carryOut(const std::shared_ptr<Step>& step) {
+    for (;;) {
+      try {
+        if ((*step)()) append(step);
+        return;
+      } catch (const std::exception& error) {
+        spdlog::error("failure: action=\"index\" reason={}; another attempt follows", error.what());
+      }
+      std::this_thread::sleep_for(kPause);
+    }
+  }
+
+  static void tryToBegin(const std::function<void()>& begin) {
+    try {
+      begin();
+    } catch (const std::exception& error) {
+      spdlog::error("failure: action=\"index\" reason={}", error.what());
+    }
+  }
+
   asio::thread_pool pool_;
   std::mutex mutex_;
   // Guarded by mutex_.

@@ -12,7 +12,7 @@ namespace corvaned {
 /// May be used from any thread, also from a step.
 class IndexScheduler {
  public:
-  /// Returns whether there is another one. Must not throw.
+  /// Returns whether there is another one. If it throws it is called again after a pause.
   using Step = std::function<bool()>;
 
   explicit IndexScheduler(unsigned threads);
@@ -22,7 +22,7 @@ class IndexScheduler {
   IndexScheduler& operator=(const IndexScheduler&) = delete;
 
   void run(Step step);
-  /// Calls `begin` after that time.
+  /// Calls `begin` after that time. What it throws only appears in the log.
   void later(std::chrono::milliseconds time, std::function<void()> begin);
 
   /// Returns when all work has ended, which may still use this object until then. What was to begin

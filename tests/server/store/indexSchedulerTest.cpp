@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <new>
 #include <optional>
 #include <string>
 
@@ -61,6 +62,24 @@ TEST(IndexScheduler, WorkBeginsAfterItsTime) {
   std::promise<void> begun;
   scheduler.later(std::chrono::milliseconds(1), [&] { begun.set_value(); });
   begun.get_future().wait();
+}
+
+TEST(IndexScheduler, FailuresEndNeitherTheWorkNorTheProcess) {
+  std::atomic<int> steps = 0;
+  std::promise<void> begun;
+  {
+    IndexScheduler scheduler(1);
+    scheduler.later(std::chrono::milliseconds(1), [&] {
+      begun.set_value();
+      throw std::bad_alloc();
+    });
+    begun.get_future().wait();
+    scheduler.run([&] {
+      if (++steps < 3) throw std::bad_alloc();
+      return steps < 5;
+    });
+  }
+  EXPECT_EQ(steps, 5);
 }
 
 }  // namespace
