@@ -261,8 +261,10 @@ bool Collection::begin(Job& job) {
   if (journal_.empty()) return false;
   if (job.kind == Job::Kind::Round) {
     if (!index_.isUpdating()) index_.beginUpdate();
-    journal_.syncAll();
+    // In this order: what is in the index alone would be replaced by what came before it, if the
+    // journal's end is lost and the rest is brought in once more.
     job.end = journal_.end();
+    journal_.syncAll();
   } else {
     index_.beginUpdate();
     job.end = {journal_.rotate() + 1, 0};
@@ -284,8 +286,9 @@ void Collection::end(Job& job) {
     indexed_ = job.end;
     std::erase_if(hidden_, [&](const auto& entry) { return entry.second <= indexed_; });
   }
-  if (!isRound) journal_.remove(job.end.segment - 1);
+  // Before anything else can fail: no later update comes across them.
   const std::size_t refused = reportRefused(job);
+  if (!isRound) journal_.remove(job.end.segment - 1);
   if (refused == 0 || isRound) return;
   throw ServerError(ErrorKind::DocumentsNotIndexed,
                     fmt::format("{} documents cannot be indexed, all others are searchable; "
@@ -444,8 +447,10 @@ void Collection::retire() {
 Journal::Place Collection::append(const Change& change) {
   const std::shared_lock gate(gate_);
   requireActive();
+  const Journal::Place place = journal_.append(change);
+  // Not before: a refresh in between would take the note for its own, and not see the change.
   changed_ = true;
-  return journal_.append(change);
+  return place;
 }
 
 void Collection::checkSize(const Document& document) const {

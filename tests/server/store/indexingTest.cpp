@@ -168,6 +168,24 @@ TEST_F(IndexStepsTest, StopTakesEffectBetweenTwoDocuments) {
   EXPECT_EQ(collection_->estimate("fox", kExactHits).documents, 5U);
 }
 
+TEST_F(IndexStepsTest, RefusedDocumentIsReportedAlsoIfTheJournalCannotBeCutOff) {
+  // Longer than a term can be. (The fronts let no such key through.)
+  for (const std::string& key : {std::string(300, 'a'), std::string("k")}) {
+    collection_->add({key, {}, "fox"});
+  }
+  const std::shared_ptr<Ticket> ticket = collection_->requestUpdate();
+  EXPECT_TRUE(collection_->indexStep());
+  // What is no file and not empty cannot be removed as one.
+  const std::filesystem::path segment = directory_.path() / "journal-0000000001";
+  std::filesystem::remove(segment);
+  std::filesystem::create_directories(segment / "x");
+  index();
+  EXPECT_THROW(ticket->requireSuccess(), ServerError);
+  EXPECT_EQ(collection_->estimate("fox", kExactHits).hits, 1U);
+  EXPECT_EQ(collection_->state(), CollectionState::Current);
+  EXPECT_EQ(collection_->takeOutcomes().size(), 1U);
+}
+
 TEST_F(IndexStepsTest, WhoeverWaitsIsToldWhenTheCollectionIsDeleted) {
   collection_->add({"k", {}, "fox"});
   const std::shared_ptr<Ticket> ticket = collection_->requestUpdate();

@@ -346,5 +346,14 @@ TEST_F(RefreshStepsTest, IntervalBeginsWithTheFirstChange) {
   EXPECT_EQ(collection_->takeRefreshTime(), std::chrono::milliseconds(70));
 }
 
+TEST_F(RefreshStepsTest, OnlyWhatIsInTheJournalIsToBeRefreshed) {
+  create(every(std::chrono::milliseconds(70)));
+  {
+    const test::FileSizeLimit full(1);
+    EXPECT_THROW(collection_->add({"k1", {}, "fox"}), ServerError);
+  }
+  EXPECT_EQ(collection_->takeRefreshTime(), std::nullopt);
+}
+
 }  // namespace
 }  // namespace corvaned
