@@ -171,7 +171,7 @@ std::shared_ptr<Ticket> Collection::requestRound(const std::string& key) {
 std::optional<std::chrono::milliseconds> Collection::takeRefreshTime() {
   if (refresh_.mode != Refresh::Mode::Interval || !changed_.exchange(false)) return std::nullopt;
   if (refreshComes_.exchange(true)) return std::nullopt;
-  return refresh_.interval;
+  return failed_ ? std::max(refresh_.interval, kRetryAfter) : refresh_.interval;
 }
 
 void Collection::refresh() {
@@ -267,7 +267,7 @@ bool Collection::begin(Job& job) {
     journal_.syncAll();
   } else {
     index_.beginUpdate();
-    job.end = {journal_.rotate() + 1, 0};
+    job.end = closeSegment();
     // Whoever asks from now on has no later changes, or waits for the next update.
     const std::lock_guard lock(jobsMutex_);
     updatingTo_ = job.end;
@@ -277,7 +277,14 @@ bool Collection::begin(Job& job) {
   return true;
 }
 
+// An attempt that failed has left an empty one, and another would leave one more.
+JournalPosition Collection::closeSegment() {
+  const JournalPosition end = journal_.end();
+  return end.bytes == 0 ? end : JournalPosition{journal_.rotate() + 1, 0};
+}
+
 void Collection::end(Job& job) {
+  failed_ = false;
   const bool isRound = job.kind == Job::Kind::Round;
   if (!isRound) index_.endUpdate();
   restless_ = isRound;
@@ -341,10 +348,20 @@ void Collection::endJob(const std::optional<ServerError>& failure) {
   }
   if (job->ticket) job->ticket->finish(failure);
   if (!concernsAll || stopping_ || retired_ || refresh_.mode == Refresh::Mode::Manual) return;
-  // Perhaps nobody waits for it.
+  failed_ = true;
   changed_ = true;
-  spdlog::error("failure: action=\"refresh\" collection={} error={} reason={}", shown(name_),
-                messageId(failure->kind()), shown(failure->what(), 600));
+  logFailure(*failure);
+}
+
+// Perhaps nobody waits for it.
+void Collection::logFailure(const ServerError& failure) {
+  const std::string line =
+      fmt::format("failure: action=\"refresh\" collection={} error={} reason={}", shown(name_),
+                  messageId(failure.kind()), shown(failure.what(), 600));
+  const auto unsaid = repeats_.pass(line);
+  if (!unsaid) return;
+  if (*unsaid == 0) return spdlog::error("{}", line);
+  spdlog::error("{} repeated={}", line, *unsaid);
 }
 
 void Collection::failAll(const ServerError& failure) {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "server/base/descriptorBudget.h"
+#include "server/base/logRepeats.h"
 #include "server/base/memoryBudget.h"
 #include "server/base/ticket.h"
 #include "server/store/indexUpdate.h"
@@ -52,6 +53,9 @@ class Collection {
 
   /// What an open collection takes of the memory, beside the checksums of its index.
   static constexpr std::size_t kOpenBytes = std::size_t{40} << 10U;
+
+  /// The shortest time after which an update that failed is tried again by itself.
+  static constexpr std::chrono::milliseconds kRetryAfter{1000};
 
   /// `outcomes` outlive the collection's being open; `stopping` ends the opening when it becomes
   /// true. Throws ServerError(TryAgain) if there is no memory or no descriptor for one more.
@@ -147,10 +151,12 @@ class Collection {
   bool takeJob();
   bool advance(Job& job);
   bool begin(Job& job);
+  JournalPosition closeSegment();
   void end(Job& job);
   std::size_t reportRefused(Job& job);
   void removeHidden();
   void endJob(const std::optional<ServerError>& failure);
+  void logFailure(const ServerError& failure);
   void failAll(const ServerError& failure);
   void pushOutcome(ParseOutcome outcome, std::uint64_t ticket);
 
@@ -168,11 +174,12 @@ class Collection {
   std::atomic<bool> retired_ = false;
 
   // What is still to be done about changes: whether some waited at the opening, whether somebody is
-  // going to call refresh(), whether changes came early in great number; and whether the index is
-  // not at rest, and somebody is going to call rest().
+  // going to call refresh(), whether some have come since, and whether the last attempt failed; and
+  // whether the index is not at rest, and somebody is going to call rest().
   std::atomic<bool> overdue_ = false;
   std::atomic<bool> refreshComes_ = false;
   std::atomic<bool> changed_ = false;
+  std::atomic<bool> failed_ = false;
   std::atomic<bool> restless_ = false;
   std::atomic<bool> restComes_ = false;
 
@@ -183,6 +190,7 @@ class Collection {
   JournalPosition indexed_;
 
   const std::shared_ptr<ParseOutcomes> outcomes_;
+  LogRepeats repeats_;
 
   // Held during each step, so that retire() can wait for it.
   std::mutex stepMutex_;

@@ -346,6 +346,37 @@ TEST_F(RefreshStepsTest, IntervalBeginsWithTheFirstChange) {
   EXPECT_EQ(collection_->takeRefreshTime(), std::chrono::milliseconds(70));
 }
 
+TEST_F(RefreshStepsTest, AttemptsThatFailComeSlowlyAndLeaveNoFilesBehind) {
+  create(every(std::chrono::milliseconds(70)));
+  collection_->add({"k1", {}, "fox"});
+  std::optional<std::chrono::milliseconds> next = collection_->takeRefreshTime();
+  const auto segments = [&] {
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(directory_.path())) {
+      if (entry.path().filename().string().starts_with("journal-")) ++count;
+    }
+    return count;
+  };
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    {
+      const test::FileSizeLimit full(8192);
+      collection_->refresh();
+      index();
+    }
+    next = collection_->takeRefreshTime();
+    EXPECT_EQ(next, Collection::kRetryAfter);
+    EXPECT_EQ(segments(), 3) << "the mark, a closed segment and an empty one";
+  }
+  collection_->add({"k2", {}, "fox"});
+  collection_->refresh();
+  index();
+  EXPECT_EQ(collection_->estimate("fox", kExactHits).hits, 2U);
+  EXPECT_EQ(segments(), 2);
+  EXPECT_EQ(collection_->state(), CollectionState::Current);
+  collection_->add({"k3", {}, "fox"});
+  EXPECT_EQ(collection_->takeRefreshTime(), std::chrono::milliseconds(70));
+}
+
 TEST_F(RefreshStepsTest, OnlyWhatIsInTheJournalIsToBeRefreshed) {
   create(every(std::chrono::milliseconds(70)));
   {
