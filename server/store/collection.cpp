@@ -222,11 +222,16 @@ bool Collection::indexStep() {
   return true;
 }
 
-// An update does what a round does, and more; after many rounds it is time for one.
+// Deletions are one short transaction, and could otherwise wait for one long update after the
+// other. An update does what a round does, and more; after many rounds it is time for one.
 bool Collection::takeJob() {
   const bool isLong = journal_.end().bytes >= limits_.earlyBytes;
   const std::lock_guard lock(jobsMutex_);
-  if (updateWanted_ || (!roundWanted_.empty() && isLong)) {
+  if (removalWanted_) {
+    job_ = std::make_unique<Job>();
+    job_->ticket = std::exchange(removalWanted_, nullptr);
+    job_->kind = Job::Kind::Removal;
+  } else if (updateWanted_ || (!roundWanted_.empty() && isLong)) {
     job_ = std::make_unique<Job>();
     job_->ticket =
         updateWanted_ ? std::exchange(updateWanted_, nullptr) : std::make_shared<Ticket>();
@@ -237,10 +242,6 @@ bool Collection::takeJob() {
     job_ = std::make_unique<Job>();
     job_->kind = Job::Kind::Round;
     job_->waiting.swap(roundWanted_);
-  } else if (removalWanted_) {
-    job_ = std::make_unique<Job>();
-    job_->ticket = std::exchange(removalWanted_, nullptr);
-    job_->kind = Job::Kind::Removal;
   }
   return indexing_ = job_ != nullptr;
 }

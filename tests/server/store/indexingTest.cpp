@@ -109,6 +109,11 @@ class IndexStepsTest : public ::testing::Test {
   IndexStepsTest() {
     Collection::create(directory_.path(), "en", {});
     limits_.index.batchChanges = 2;
+    open();
+  }
+
+  void open() {
+    collection_.reset();
     collection_.emplace("c", directory_.path(), limits_, std::make_shared<ParseOutcomes>(10),
                         stopping_);
   }
@@ -148,6 +153,22 @@ TEST_F(IndexStepsTest, ThoseWhoWaitAtTheSameTimeShareOneUpdate) {
   EXPECT_EQ(collection_->estimate("hound", kExactHits).hits, 1U);
   EXPECT_FALSE(collection_->takeOnIndexing());
   EXPECT_TRUE(collection_->requestUpdate()->isDone()) << "there is nothing to do";
+}
+
+TEST_F(IndexStepsTest, DeletionDoesNotWaitForTheEndOfAnUpdate) {
+  limits_.hiddenKeys = 1;
+  open();
+  for (int i = 0; i < 5; ++i) collection_->add({"k" + std::to_string(i), {}, "fox"});
+  EXPECT_EQ(collection_->remove("k0"), nullptr);
+  const std::shared_ptr<Ticket> deletion = collection_->remove("k1");
+  ASSERT_NE(deletion, nullptr);
+  const std::shared_ptr<Ticket> update = collection_->requestUpdate();
+  EXPECT_TRUE(collection_->indexStep());
+  EXPECT_TRUE(deletion->isDone());
+  EXPECT_NO_THROW(deletion->requireSuccess());
+  index();
+  EXPECT_NO_THROW(update->requireSuccess());
+  EXPECT_EQ(collection_->estimate("fox", kExactHits).documents, 3U);
 }
 
 TEST_F(IndexStepsTest, StopTakesEffectBetweenTwoDocuments) {
