@@ -41,6 +41,7 @@ Refresh readOptions(const std::filesystem::path& collection) {
   const std::filesystem::path path = optionsPath(collection);
   if (!std::filesystem::exists(path)) return {};
   std::ifstream file(path, std::ios::binary);
+  if (!file) throwSystemError("cannot read", path);
   const std::string text{std::istreambuf_iterator<char>(file), {}};
   const std::size_t end = text.find('\n');
   if (text.starts_with(kRefresh) && end != std::string::npos) {

@@ -17,6 +17,7 @@
 #include "server/store/collectionOptions.h"
 #include "server/store/indexSums.h"
 #include "server/store/localStore.h"
+#include "tests/server/store/descriptorLimit.h"
 #include "tests/server/store/fileSizeLimit.h"
 #include "tests/support/temporaryDirectory.h"
 
@@ -26,6 +27,7 @@ namespace {
 
 using ::testing::AllOf;
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 constexpr Refresh kImmediate{Refresh::Mode::Immediate, {}};
 
@@ -65,6 +67,21 @@ TEST(CollectionOptions, WhatIsWrittenIsReadAndDamageIsNamed) {
       }
     }
   }
+}
+
+TEST(CollectionOptions, FileThatCannotBeOpenedIsNotTakenForDamaged) {
+  const tq::test::TemporaryDirectory directory;
+  writeOptions(directory.path(), kImmediate);
+  {
+    const test::DescriptorLimit none(0);
+    try {
+      readOptions(directory.path());
+      ADD_FAILURE() << "it was read";
+    } catch (const ServerError& error) {
+      EXPECT_THAT(error.what(), AllOf(HasSubstr("cannot read"), Not(HasSubstr("damaged"))));
+    }
+  }
+  EXPECT_EQ(readOptions(directory.path()), kImmediate);
 }
 
 class RefreshTest : public ::testing::Test {
