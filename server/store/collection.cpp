@@ -338,6 +338,8 @@ void Collection::removeHidden() {
 
 void Collection::endJob(const std::optional<ServerError>& failure) {
   const std::unique_ptr<Job> job = std::move(job_);
+  // Those who wait may need the memory that it takes.
+  job->update.reset();
   {
     const std::lock_guard lock(jobsMutex_);
     if (updating_ == job->ticket) updating_.reset();
