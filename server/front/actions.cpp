@@ -458,11 +458,6 @@ void requireParameters(const Action& action, const Request& request) {
   requireScope(request);
 }
 
-std::string_view collectionNamedBy(const Request& request) {
-  const std::string_view name = request.header(words().collection);
-  return name.empty() ? request.header(words().collectionName) : name;
-}
-
 const Action* findAction(std::string_view name) {
   for (const Action& action : kActions) {
     if (action.name == name) return &action;

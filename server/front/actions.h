@@ -1,7 +1,6 @@
 #pragma once
 
 #include <array>
-#include <functional>
 #include <string>
 #include <string_view>
 
@@ -9,7 +8,7 @@
 #include "server/front/parameters.h"
 #include "server/front/reply.h"
 #include "server/front/request.h"
-#include "server/store/store.h"
+#include "server/front/service.h"
 
 namespace corvaned {
 
@@ -17,14 +16,6 @@ namespace corvaned {
 /// disk, neither a search nor a new document waits for an index update, and a status waits for none
 /// of them.
 enum class Workload { Read, Write, Index, Status };
-
-/// What an action works on.
-struct Service {
-  Store& store;
-  const std::string& version;
-  /// Ends the server; none if requests cannot.
-  const std::function<void()>& shutDown;
-};
 
 /// What a request can ask for.
 struct Action {
@@ -54,8 +45,5 @@ bool makesReports(const Action& action);
 /// value which it cannot have. An empty value counts as none. Actions that the server does not
 /// support have nothing to check.
 void requireParameters(const Action& action, const Request& request);
-
-/// The collection that a request names, empty if it names none.
-std::string_view collectionNamedBy(const Request& request);
 
 }  // namespace corvaned

@@ -10,6 +10,7 @@
 
 #include "server/base/errors.h"
 #include "server/base/requestContext.h"
+#include "server/front/requestValues.h"
 #include "server/front/vocabulary.h"
 
 namespace corvaned {

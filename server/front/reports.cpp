@@ -15,6 +15,7 @@
 #include "server/base/errors.h"
 #include "server/base/requestContext.h"
 #include "server/front/documentBlock.h"
+#include "server/front/parameters.h"
 #include "server/front/replyText.h"
 #include "server/front/requestValues.h"
 #include "server/front/vocabulary.h"

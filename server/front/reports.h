@@ -1,6 +1,8 @@
 #pragma once
 
-#include "server/front/actions.h"
+#include "server/front/reply.h"
+#include "server/front/request.h"
+#include "server/front/service.h"
 
 namespace corvaned {
 

@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "server/base/errors.h"
-#include "server/front/actions.h"
 #include "server/front/replyText.h"
 #include "server/front/vocabulary.h"
 
@@ -23,6 +22,11 @@ std::string require(const Request& request, const std::string& name) {
                       "the parameter " + shown(name) + " is missing or empty");
   }
   return std::string(value);
+}
+
+std::string_view collectionNamedBy(const Request& request) {
+  const std::string_view name = request.header(words().collection);
+  return name.empty() ? request.header(words().collectionName) : name;
 }
 
 std::string collectionOf(const Request& request) {

@@ -17,6 +17,9 @@ namespace corvaned {
 /// The value, which must not be missing or empty.
 std::string require(const Request& request, const std::string& name);
 
+/// The collection that a request names, empty if it names none.
+std::string_view collectionNamedBy(const Request& request);
+
 /// The collection, which the request must name.
 std::string collectionOf(const Request& request);
 
