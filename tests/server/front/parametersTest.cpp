@@ -153,8 +153,8 @@ std::vector<Row> rows() {
 
 // Everything that the vocabulary knows as a parameter, and what nobody knows.
 std::set<std::string> allNames() {
-  std::set<std::string> names{"nonsense", "Index", "query ",    "Host",   "match",
-                              "after",    "upTo",  "exactHits", "report", "every"};
+  std::set<std::string> names{"nonsense", "Index",     "query ", "Host",  "match",  "after",
+                              "upTo",     "exactHits", "report", "every", "refresh"};
   for (const icu::UnicodeString* name : {&StaticDefs::PARAM_COLLECTION_ID,
                                          &StaticDefs::PARAM_DOCUMENT_ID,
                                          &StaticDefs::PARAM_ROWID,
