@@ -262,6 +262,13 @@ class FaultyExchange : public FaultyServer,
     return client;
   }
 
+  static Outcome askForStatus(tq::comm::CorvaneRESTClient& client) {
+    tq::comm::ClientRequest request;
+    request.buildRequest(u"c1", tq::comm::ClientRequest::GET_STATUS,
+                         tq::util::ExtendedProperties());
+    return tq::test::runExchange(client, request);
+  }
+
   static Outcome search(tq::comm::CorvaneRESTClient& client, int kind) {
     tq::util::ExtendedProperties properties;
     properties.putProperty(u"query", u"fox");
@@ -313,14 +320,14 @@ TEST_P(FaultyExchange, EndsInTimeIsNeverWrongAndLeavesTheClientUsable) {
 TEST_P(FaultyExchange, SmallRepliesNeitherHangNorHarmTheNext) {
   start("reply 2: " + std::get<2>(GetParam()).text);
   const auto asking = client();
-  const Outcome truth = tq::test::runExchange(*asking, tq::test::kGetStatus);
+  const Outcome truth = askForStatus(*asking);
   ASSERT_EQ(truth.errorId, "");
   asking->setDeadline(harmedDeadline());
-  const Outcome harmed = tq::test::runExchange(*asking, tq::test::kGetStatus);
+  const Outcome harmed = askForStatus(*asking);
   if (std::get<2>(GetParam()).harmless) {
     EXPECT_EQ(harmed, truth);
   }
-  EXPECT_EQ(tq::test::runExchange(*asking, tq::test::kGetStatus), truth);
+  EXPECT_EQ(askForStatus(*asking), truth);
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -70,7 +70,7 @@ TEST_F(StoreMemoryTest, ResultTakesMemoryUntilItIsRead) {
 TEST_F(StoreMemoryTest, ResultsThatNobodyReadsAreRefusedWhenTheyFillTheBudget) {
   open(1U << 20U);
   std::vector<std::unique_ptr<HitSource>> unread;
-  for (int i = 0; i < 5; ++i) unread.push_back(search());
+  for (int i = 0; i < 4; ++i) unread.push_back(search());
   EXPECT_THAT(refusal(ErrorKind::TryAgain), AllOf(HasSubstr("2000 hits"), HasSubstr("size")));
   EXPECT_NO_THROW(search(10)) << "a small result still has its place";
   unread.clear();
