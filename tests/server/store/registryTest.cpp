@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <spdlog/spdlog.h>
 
 #include <filesystem>
 #include <future>
@@ -160,6 +161,7 @@ TEST_F(RegistryTest, OutcomesSurviveADeletionThatFails) {
   // Once without a failure: see DescriptorLimit.
   createWithFox("other");
   store_->deleteCollection("other");
+  spdlog::default_logger_raw()->flush();
   createWithFox("c");
   store_->queueDocument("c", {"k1", {}, "fox"});
   {
