@@ -161,7 +161,7 @@ TEST_F(RegistryTest, OutcomesSurviveADeletionThatFails) {
   // Once without a failure: see DescriptorLimit.
   createWithFox("other");
   store_->deleteCollection("other");
-  spdlog::default_logger_raw()->flush();
+  spdlog::error("{} {}", std::string("what follows has to"), "fail");
   createWithFox("c");
   store_->queueDocument("c", {"k1", {}, "fox"});
   {
