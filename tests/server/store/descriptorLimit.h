@@ -1,10 +1,14 @@
 #pragma once
 
+#include <spdlog/spdlog.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <stdexcept>
+#include <string>
 #include <system_error>
+
+#include "server/base/errors.h"
 
 namespace corvaned::test {
 
@@ -14,8 +18,13 @@ namespace corvaned::test {
 class DescriptorLimit {
  public:
   explicit DescriptorLimit(rlim_t more) {
-    // What gives an error its text is such an object.
+    // What every failure meets: the errors, what gives them their text, and the log.
     std::generic_category().message(0);
+    try {
+      throw ServerError(ErrorKind::StorageFailed, "descriptors run out for a test");
+    } catch (const ServerError& error) {
+      spdlog::warn("{} {}", std::string("now"), error.what());
+    }
     const int lowestFree = ::dup(STDERR_FILENO);
     if (lowestFree < 0) throw std::runtime_error("dup");
     ::close(lowestFree);

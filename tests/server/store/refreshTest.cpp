@@ -72,6 +72,8 @@ TEST(CollectionOptions, WhatIsWrittenIsReadAndDamageIsNamed) {
 TEST(CollectionOptions, FileThatCannotBeOpenedIsNotTakenForDamaged) {
   const tq::test::TemporaryDirectory directory;
   writeOptions(directory.path(), kImmediate);
+  // Once without a failure: see DescriptorLimit.
+  EXPECT_EQ(readOptions(directory.path()), kImmediate);
   std::string refusal;
   {
     const test::DescriptorLimit none(0);

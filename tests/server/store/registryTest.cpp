@@ -1,6 +1,5 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <spdlog/spdlog.h>
 
 #include <filesystem>
 #include <future>
@@ -161,7 +160,6 @@ TEST_F(RegistryTest, OutcomesSurviveADeletionThatFails) {
   // Once without a failure: see DescriptorLimit.
   createWithFox("other");
   store_->deleteCollection("other");
-  spdlog::error("{} {}", std::string("what follows has to"), "fail");
   createWithFox("c");
   store_->queueDocument("c", {"k1", {}, "fox"});
   {
