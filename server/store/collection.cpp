@@ -206,6 +206,11 @@ bool Collection::takeOnIndexing() {
   return indexing_ = true;
 }
 
+void Collection::giveUpIndexing() {
+  const std::lock_guard lock(jobsMutex_);
+  indexing_ = false;
+}
+
 bool Collection::indexStep() {
   const std::lock_guard step(stepMutex_);
   if (!job_ && !takeJob()) return false;

@@ -86,6 +86,8 @@ class Collection {
   /// Whether there is work for indexStep() that nobody has taken on. Whoever is told so has to call
   /// indexStep() until that returns false.
   bool takeOnIndexing();
+  /// Whoever took it on cannot call indexStep(); the work waits for somebody else to take it on.
+  void giveUpIndexing();
   /// A step of bounded size towards what was asked for. Returns whether to call it again.
   bool indexStep();
 

@@ -178,9 +178,18 @@ void LocalStore::refresh(const std::string& name) {
 
 // The collection stays open until the work is done.
 void LocalStore::startIndexing(Registry::Use collection) {
-  if (!collection->takeOnIndexing()) return;
-  const auto kept = std::make_shared<Registry::Use>(std::move(collection));
-  indexers_->run([this, kept] { return indexStep(kept); });
+  startIndexing(std::make_shared<Registry::Use>(std::move(collection)));
+}
+
+void LocalStore::startIndexing(const std::shared_ptr<Registry::Use>& collection) {
+  if (!(*collection)->takeOnIndexing()) return;
+  try {
+    indexers_->run([this, collection] { return indexStep(collection); });
+  } catch (...) {
+    // Without memory for the first step somebody else has to be able to begin.
+    (*collection)->giveUpIndexing();
+    throw;
+  }
 }
 
 // While single changes come one after the other the index is not brought to rest after each. It
@@ -191,9 +200,7 @@ bool LocalStore::indexStep(const std::shared_ptr<Registry::Use>& collection) {
   if ((*collection)->takeRest()) {
     indexers_->later(kRestAfter, [this, collection] {
       (*collection)->rest();
-      if ((*collection)->takeOnIndexing()) {
-        indexers_->run([this, collection] { return indexStep(collection); });
-      }
+      startIndexing(collection);
     });
   }
   return false;

@@ -71,6 +71,7 @@ class LocalStore : public Store {
   Registry::Use find(const std::string& name);
   std::unique_ptr<Collection> read(const std::string& name);
   void startIndexing(Registry::Use collection);
+  void startIndexing(const std::shared_ptr<Registry::Use>& collection);
   bool indexStep(const std::shared_ptr<Registry::Use>& collection);
   void follow(Registry::Use collection, std::shared_ptr<Ticket> ticket);
   void armRefresh(Collection& collection);

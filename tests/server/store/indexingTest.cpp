@@ -159,6 +159,17 @@ TEST_F(IndexStepsTest, ThoseWhoWaitAtTheSameTimeShareOneUpdate) {
   EXPECT_TRUE(collection_->requestUpdate()->isDone()) << "there is nothing to do";
 }
 
+TEST_F(IndexStepsTest, WorkThatIsGivenUpIsTakenOnBySomebodyElse) {
+  collection_->add({"k", {}, "fox"});
+  const std::shared_ptr<Ticket> ticket = collection_->requestUpdate();
+  ASSERT_TRUE(collection_->takeOnIndexing());
+  collection_->giveUpIndexing();
+  EXPECT_FALSE(ticket->isDone());
+  EXPECT_TRUE(collection_->takeOnIndexing());
+  index();
+  EXPECT_NO_THROW(ticket->requireSuccess());
+}
+
 TEST_F(IndexStepsTest, DeletionDoesNotWaitForTheEndOfAnUpdate) {
   limits_.hiddenKeys = 1;
   open();
