@@ -12,7 +12,7 @@ namespace corvaned {
 namespace {
 
 // A byte of a compressed charset may stand for any character.
-constexpr std::size_t kMostBytesForOne = 4;
+constexpr std::size_t kMaxBytesForOne = 4;
 
 struct CloseConverter {
   void operator()(UConverter* converter) const { ucnv_close(converter); }
@@ -48,7 +48,7 @@ bool isCharset(const std::string& name) {
 }
 
 std::size_t growthInUtf8(const std::string& charset) {
-  return isNameOfUtf8(charset) ? 1 : kMostBytesForOne;
+  return isNameOfUtf8(charset) ? 1 : kMaxBytesForOne;
 }
 
 // Piece by piece, since the whole text in UTF-16 would be a third form of it in memory.

@@ -28,7 +28,7 @@ constexpr const char* kCollectionLine = "ZVK0101I";
 constexpr const char* kCountLine = "ZVK0102I";
 constexpr const char* kDigestLine = "ZVK0103I";
 
-constexpr std::uint64_t kMostLines = 1000;
+constexpr std::uint64_t kMaxLines = 1000;
 // Each collection that is reported may have to be opened.
 constexpr std::uint64_t kUsualCollections = 100;
 
@@ -39,8 +39,8 @@ constexpr std::array<Word, 5> kOfReports{&Words::query, &Words::after, &Words::u
 std::uint64_t linesWanted(const Request& request, std::uint64_t usually) {
   std::uint64_t lines = usually;
   readNumber(request, words().size, lines);
-  if (lines > kMostLines) {
-    refuseValue(request, words().size, fmt::format("more than the {} allowed", kMostLines));
+  if (lines > kMaxLines) {
+    refuseValue(request, words().size, fmt::format("more than the {} allowed", kMaxLines));
   }
   return lines;
 }
@@ -146,7 +146,7 @@ class Digests {
 
 Reply digest(const Service& service, const Request& request) {
   const std::string collection = collectionOf(request);
-  const std::uint64_t lines = linesWanted(request, kMostLines);
+  const std::uint64_t lines = linesWanted(request, kMaxLines);
   SearchQuery query = keysOf(request);
   std::uint64_t every = 0;
   readNumber(request, words().every, every);

@@ -23,6 +23,8 @@ namespace corvaned {
 struct JournalPosition {
   std::uint64_t segment = 0;
   std::uint64_t bytes = 0;
+  // clang-tidy 14 takes the comparison with zero that the compiler writes for a null pointer.
+  // NOLINTNEXTLINE(modernize-use-nullptr)
   auto operator<=>(const JournalPosition&) const = default;
 };
 

@@ -54,7 +54,16 @@ MemoryBudget::Use useOf(std::size_t bytes) {
   return bytes <= kFewHits * kMatchCost ? MemoryBudget::Use::Small : MemoryBudget::Use::Large;
 }
 
-std::size_t mebibytes(std::size_t bytes) { return (bytes >> 20U) + 1; }
+// Makes the share so large. Trying again is no advice where it can never fit: that is refused with
+// `never`. `refusal` makes the text, of how many MiB are missing.
+template <typename Refusal>
+void setAside(MemoryBudget::Share& share, std::size_t bytes, const MemoryBudget* budget,
+              ErrorKind never, Refusal refusal) {
+  const MemoryBudget::Use use = useOf(bytes);
+  if (share.resize(bytes, use)) return;
+  throw ServerError(budget->canEverFit(bytes, use) ? ErrorKind::TryAgain : never,
+                    refusal((bytes >> 20U) + 1));
+}
 
 std::size_t bytesOf(const Document& document) {
   std::size_t bytes = document.key.size() + document.content.size();
@@ -164,14 +173,14 @@ class KeyBuffer : public HitSource {
   }
 
   void grow(std::size_t bytes) {
-    const std::size_t wanted = bytes + kKeysStep;
-    const MemoryBudget::Use use = useOf(wanted);
-    if (memory_.resize(wanted, use)) return;
-    throw ServerError(
-        budget_->canEverFit(wanted, use) ? ErrorKind::TryAgain : ErrorKind::QueryTooBroad,
-        fmt::format("the keys found so far take {} MiB of memory, and no more is free; ask for "
-                    "fewer with \"size\", or raise --max-memory",
-                    mebibytes(wanted)));
+    setAside(
+        memory_, bytes + kKeysStep, budget_.get(), ErrorKind::QueryTooBroad,
+        [](std::size_t mebibytes) {
+          return fmt::format(
+              "the keys found so far take {} MiB of memory, and no more is free; ask for fewer "
+              "with \"size\", or raise --max-memory",
+              mebibytes);
+        });
   }
 
   // Declared first, so that it is given back when the others are gone.
@@ -275,14 +284,14 @@ class Interruptible {
 // Sets aside what up to `hits` hits may take while they are sorted.
 MemoryBudget::Share memoryFor(std::size_t hits, const IndexLimits& limits) {
   MemoryBudget::Share share = shareOf(limits);
-  const std::size_t bytes = hits * kMatchCost;
-  const MemoryBudget::Use use = useOf(bytes);
-  if (share.resize(bytes, use)) return share;
-  throw ServerError(
-      limits.memory->canEverFit(bytes, use) ? ErrorKind::TryAgain : ErrorKind::QueryTooBroad,
-      fmt::format("the result may have {} hits, for which {} MiB of memory are not free; ask for "
-                  "fewer with \"size\" or \"resultLimit\", or raise --max-memory",
-                  hits, mebibytes(bytes)));
+  setAside(share, hits * kMatchCost, limits.memory.get(), ErrorKind::QueryTooBroad,
+           [&](std::size_t mebibytes) {
+             return fmt::format(
+                 "the result may have {} hits, for which {} MiB of memory are not free; ask for "
+                 "fewer with \"size\" or \"resultLimit\", or raise --max-memory",
+                 hits, mebibytes);
+           });
+  return share;
 }
 
 // Sets aside what documents take that are held in memory to be matched.
@@ -290,15 +299,15 @@ MemoryBudget::Share memoryToMatch(const std::vector<Document>& documents,
                                   const IndexLimits& limits) {
   std::size_t bytes = 0;
   for (const Document& document : documents) bytes += kEmptyPassing + bytesOf(document);
-  bytes *= kPassingCost;
   MemoryBudget::Share share = shareOf(limits);
-  const MemoryBudget::Use use = useOf(bytes);
-  if (share.resize(bytes, use)) return share;
-  throw ServerError(
-      limits.memory->canEverFit(bytes, use) ? ErrorKind::TryAgain : ErrorKind::RequestTooLarge,
-      fmt::format("the documents to match need {} MiB of memory that are not free; send fewer at a "
-                  "time, or raise --max-memory",
-                  mebibytes(bytes)));
+  setAside(share, bytes * kPassingCost, limits.memory.get(), ErrorKind::RequestTooLarge,
+           [](std::size_t mebibytes) {
+             return fmt::format(
+                 "the documents to match need {} MiB of memory that are not free; send fewer at a "
+                 "time, or raise --max-memory",
+                 mebibytes);
+           });
+  return share;
 }
 
 // The document without its other terms, but as long as it is: that counts in the weight of each.

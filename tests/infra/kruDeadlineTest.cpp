@@ -50,8 +50,8 @@ TEST(Deadline, BeyondTheClocksEndIsNone) {
 TEST(Deadline, TheMostMillisecondsThatFitAreNotWithoutEnd) {
   FakeSystemCalls fake;
   fake.setClock(1);
-  constexpr unsigned long kMost = kLargest / kMilli;
-  EXPECT_EQ(Deadline::in(kMost), Deadline::at(kMost * kMilli + 1));
+  constexpr unsigned long kMaxMillis = kLargest / kMilli;
+  EXPECT_EQ(Deadline::in(kMaxMillis), Deadline::at(kMaxMillis * kMilli + 1));
 }
 
 TEST(Deadline, HasPassedFromItsOwnTimeOn) {

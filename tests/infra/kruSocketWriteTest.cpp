@@ -59,7 +59,7 @@ TEST_F(SocketWrite, AnyNumberOfPiecesArrivesInOrder) {
 
 // Within a deadline the clock is looked at between calls, so that none may take long.
 TEST_F(SocketWrite, WithADeadlineNoCallSendsMoreThan128KiBOfAllPieces) {
-  constexpr std::size_t kMost = 128 * 1024;
+  constexpr std::size_t kMax = 128 * 1024;
   Socket socket;
   support::Peer peer = connected(socket);
   socket.setDeadline(Deadline::in(60000));
@@ -70,8 +70,8 @@ TEST_F(SocketWrite, WithADeadlineNoCallSendsMoreThan128KiBOfAllPieces) {
   socket.write(pieces, 2);
   reader.join();
   EXPECT_EQ(received.size(), 140000U);
-  for (const std::size_t length : fake.sendLengths()) EXPECT_LE(length, kMost);
-  EXPECT_EQ(fake.sendLengths().front(), kMost);
+  for (const std::size_t length : fake.sendLengths()) EXPECT_LE(length, kMax);
+  EXPECT_EQ(fake.sendLengths().front(), kMax);
 }
 
 TEST_F(SocketWrite, AShortTransferIsContinuedWhereItStopped) {
