@@ -68,29 +68,9 @@ const Corpus<BinaryReply>& file() {
 
 // What a caller takes.
 
-void take(tq::comm::SearchResponse& response, BinaryOutcome& outcome) {
-  while (response.hasMore()) {
-    auto& hit = response.getNext();
-    outcome.seen.hits.push_back({utf8(hit.getDocId()), hit.getScore()});
-  }
-}
-
-void take(tq::comm::ParseResponse& response, BinaryOutcome& outcome) {
-  while (response.hasMore()) {
-    auto& row = response.getNext();
-    Parsed parsed{utf8(row.getDocument()), {}, {}, 0};
-    if (row.hasMessage()) {
-      parsed.messageId = utf8(row.getMessage().getMessageId());
-      parsed.messageText = utf8(row.getMessage().getMessageText());
-      parsed.level = static_cast<int>(row.getMessage().getLevel());
-    }
-    outcome.seen.parsed.push_back(std::move(parsed));
-  }
-}
-
 void takeAll(ClientResponse& response, BinaryOutcome& outcome) {
-  take(response.getSearchResponse(), outcome);
-  take(response.getParseResponse(), outcome);
+  takeHits(response.getSearchResponse(), outcome.seen);
+  takeParsed(response.getParseResponse(), outcome.seen);
 }
 
 void pullLooping(DrestoPerfClient& client, ClientResponse& response, int kind,
@@ -99,11 +79,11 @@ void pullLooping(DrestoPerfClient& client, ClientResponse& response, int kind,
     if (kind == kParseResult) {
       auto& rows = response.getParseResponse(client);
       if (!rows.hasMore()) return;
-      take(rows, outcome);
+      takeParsed(rows, outcome.seen);
     } else {
       auto& hits = response.getSearchResponse(client, true);
       if (!hits.hasMore()) return;
-      take(hits, outcome);
+      takeHits(hits, outcome.seen);
     }
   }
 }
@@ -121,13 +101,8 @@ void pullSingly(DrestoPerfClient& client, ClientResponse& response, int kind,
   if (grows) takeAll(response, outcome);
 }
 
-void noteResponse(ClientResponse& response, BinaryOutcome& outcome) {
-  outcome.seen.returnCode = response.getReturnCode();
-  outcome.seen.statusCode = response.getStatusCode();
-  const auto& selectivity = response.getSelectivityInfo();
-  outcome.seen.selectivity = {static_cast<std::uint64_t>(selectivity.getFirst()),
-                              static_cast<std::uint64_t>(selectivity.getSecond()),
-                              static_cast<std::uint64_t>(selectivity.getThird())};
+void noteAll(ClientResponse& response, BinaryOutcome& outcome) {
+  noteResponse(response, outcome.seen);
   outcome.content = utf8(response.getContent());
   outcome.statusMessageId = utf8(response.getStatusMessage().getMessageId());
   outcome.statusMessageText = utf8(response.getStatusMessage().getMessageText());
@@ -237,7 +212,7 @@ BinaryOutcome runBinary(DrestoPerfClient& client, int kind, Pull pull) {
   }
   // What came before an error, and nobody has taken yet.
   takeAll(response, outcome);
-  noteResponse(response, outcome);
+  noteAll(response, outcome);
   return outcome;
 }
 

@@ -30,26 +30,6 @@ void noteError(Outcome& outcome, const tq::oss::BaseException& error) {
     outcome.errorArguments.push_back(utf8(argument));
 }
 
-void takeHits(tq::comm::SearchResponse& response, Outcome& outcome) {
-  while (response.hasMore()) {
-    auto& hit = response.getNext();
-    outcome.hits.push_back({utf8(hit.getDocId()), hit.getScore()});
-  }
-}
-
-void takeParsed(tq::comm::ParseResponse& response, Outcome& outcome) {
-  while (response.hasMore()) {
-    auto& row = response.getNext();
-    Parsed parsed{utf8(row.getDocument()), {}, {}, 0};
-    if (row.hasMessage()) {
-      parsed.messageId = utf8(row.getMessage().getMessageId());
-      parsed.messageText = utf8(row.getMessage().getMessageText());
-      parsed.level = static_cast<int>(row.getMessage().getLevel());
-    }
-    outcome.parsed.push_back(std::move(parsed));
-  }
-}
-
 void pullLooping(CorvaneRESTClient& client, ClientResponse& response, Outcome& outcome) {
   for (;;) {
     auto& hits = response.getSearchResponse(client, true);
@@ -80,6 +60,28 @@ void takeResults(CorvaneRESTClient& client, ClientResponse& response, int kind, 
   takeParsed(response.getParseResponse(), outcome);
 }
 
+}  // namespace
+
+void takeHits(tq::comm::SearchResponse& response, Outcome& outcome) {
+  while (response.hasMore()) {
+    auto& hit = response.getNext();
+    outcome.hits.push_back({utf8(hit.getDocId()), hit.getScore()});
+  }
+}
+
+void takeParsed(tq::comm::ParseResponse& response, Outcome& outcome) {
+  while (response.hasMore()) {
+    auto& row = response.getNext();
+    Parsed parsed{utf8(row.getDocument()), {}, {}, 0};
+    if (row.hasMessage()) {
+      parsed.messageId = utf8(row.getMessage().getMessageId());
+      parsed.messageText = utf8(row.getMessage().getMessageText());
+      parsed.level = static_cast<int>(row.getMessage().getLevel());
+    }
+    outcome.parsed.push_back(std::move(parsed));
+  }
+}
+
 void noteResponse(ClientResponse& response, Outcome& outcome) {
   outcome.returnCode = response.getReturnCode();
   outcome.statusCode = response.getStatusCode();
@@ -88,8 +90,6 @@ void noteResponse(ClientResponse& response, Outcome& outcome) {
                          static_cast<std::uint64_t>(selectivity.getSecond()),
                          static_cast<std::uint64_t>(selectivity.getThird())};
 }
-
-}  // namespace
 
 std::string utf8(const icu::UnicodeString& text) {
   std::string out;

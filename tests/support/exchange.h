@@ -24,6 +24,12 @@ enum class Pull {
   Single,   // recv() until the end of the stream
 };
 
+/// Takes what is left in a list of results.
+void takeHits(tq::comm::SearchResponse& response, Outcome& outcome);
+void takeParsed(tq::comm::ParseResponse& response, Outcome& outcome);
+/// Notes all of the response but its lists.
+void noteResponse(tq::comm::ClientResponse& response, Outcome& outcome);
+
 /// Runs an exchange and takes everything that it brings.
 Outcome runExchange(tq::comm::CorvaneRESTClient& client, tq::comm::ClientRequest& request,
                     Pull pull = Pull::Looping);
