@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <barrier>
 #include <functional>
@@ -10,23 +11,30 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/exchange.h"
-#include "tests/support/replyCorpus.h"
-#include "tests/support/script.h"
+#include "tests/comm/bothProtocols.h"
 #include "tests/support/scriptedServer.h"
 
 namespace {
 
 using namespace tq::test;
-using tq::comm::CorvaneRESTClient;
 
 constexpr int kClients = 8;
 constexpr int kRounds = 20;
 
-void runTogether(const std::function<void(int)>& client) {
+/// What clients ask and what they must see.
+struct Question {
+  int kind;
+  std::string answer;
+  BinaryOutcome expected;
+};
+
+Question questionOf(const Reply& reply) { return {reply.kind, plain(reply), {reply.expected}}; }
+Question questionOf(const BinaryReply& reply) { return {reply.kind, reply.text, reply.expected}; }
+
+void runTogether(const std::function<void(std::size_t)>& client) {
   std::barrier start(kClients);
   std::vector<std::thread> threads;
-  for (int i = 0; i < kClients; ++i) {
+  for (std::size_t i = 0; i < kClients; ++i) {
     threads.emplace_back([&, i] {
       start.arrive_and_wait();
       client(i);
@@ -35,57 +43,140 @@ void runTogether(const std::function<void(int)>& client) {
   for (auto& thread : threads) thread.join();
 }
 
+class ExchangeThreads : public testing::TestWithParam<bool> {
+ protected:
+  static bool binary() { return GetParam(); }
+
+  static std::unique_ptr<tq::comm::CorvaneRESTClient> clientOf(const ScriptedServer& server) {
+    return clientFor(binary(), true, server.port());
+  }
+
+  static bool isRight(tq::comm::CorvaneRESTClient& client, const Question& question) {
+    return runOver(client, question.kind) == question.expected;
+  }
+
+  static Script answers(const Question& question, int times) {
+    Script script;
+    for (int i = 0; i < times; ++i) Replies(binary()).expect(script).send(question.answer);
+    return script.awaitClose();
+  }
+
+  static Question questionNamed(const std::string& http, const std::string& binaries) {
+    return binary() ? questionOf(binaryReplyNamed(binaries)) : questionOf(replyNamed(http));
+  }
+
+  static std::vector<Question> questionsOfFiveKinds() {
+    return {questionNamed("StreamSearchWithThreeHits", "StreamSearchWithThreeHits"),
+            questionNamed("ScalarSearchWithFortyHits", "ScalarSearchWithScores"),
+            questionNamed("ParseResultWithThreeRows", "ParseResultWithThreeRows"),
+            questionNamed("GetStatus", "TroubledStatus"),
+            questionNamed("ServerErrorOnStreamSearch", "RefusedOnStreamSearch")};
+  }
+};
+
 // In a process of its own, this is the first message that is ever built: all threads at once.
-TEST(ExchangeThreads, TheFirstRequestsOfTheProcessMayRunTogether) {
-  const auto& reply = replyNamed("StreamSearchWithThreeHits");
-  ScriptedServer server(Script().expectRequest().send(chunked(reply, 16, true).text).awaitClose());
+TEST_P(ExchangeThreads, TheFirstRequestsOfTheProcessMayRunTogether) {
+  auto question = questionNamed("StreamSearchWithThreeHits", "StreamSearchWithThreeHits");
+  if (!binary()) question.answer = chunked(replyNamed("StreamSearchWithThreeHits"), 16, true).text;
+  ScriptedServer server(answers(question, 1));
   std::atomic<int> right{0};
-  runTogether([&](int) {
-    CorvaneRESTClient client(u"127.0.0.1", server.port(), false);
-    if (runExchange(client, reply.kind) == reply.expected) ++right;
+  runTogether([&](std::size_t) {
+    const auto client = clientOf(server);
+    client->usePeristentConnection(false);
+    if (isRight(*client, question)) ++right;
   });
   EXPECT_EQ(right, kClients);
   EXPECT_EQ(server.requests(), static_cast<std::size_t>(kClients));
 }
 
-TEST(ExchangeThreads, EachClientGetsItsOwnResults) {
-  const std::vector<const char*> names{"StreamSearchWithThreeHits", "ScalarSearchWithFortyHits",
-                                       "ParseResultWithThreeRows", "GetStatus",
-                                       "ServerErrorOnStreamSearch"};
+TEST_P(ExchangeThreads, EachClientGetsItsOwnResults) {
+  const auto questions = questionsOfFiveKinds();
   std::vector<std::unique_ptr<ScriptedServer>> servers;
-  for (const char* name : names) {
-    Script script;
-    for (int i = 0; i < kRounds; ++i) script.expectRequest().send(plain(replyNamed(name)));
-    servers.push_back(std::make_unique<ScriptedServer>(script.awaitClose()));
+  for (const auto& question : questions) {
+    servers.push_back(std::make_unique<ScriptedServer>(answers(question, kRounds)));
   }
   std::atomic<int> right{0};
-  runTogether([&](int i) {
-    const auto which = static_cast<std::size_t>(i) % names.size();
-    const auto& reply = replyNamed(names[which]);
-    CorvaneRESTClient client(u"127.0.0.1", servers[which]->port(), true);
+  runTogether([&](std::size_t i) {
+    const auto which = i % questions.size();
+    const auto client = clientOf(*servers[which]);
     for (int round = 0; round < kRounds; ++round) {
-      if (runExchange(client, reply.kind) == reply.expected) ++right;
+      if (isRight(*client, questions[which])) ++right;
     }
   });
   EXPECT_EQ(right, kClients * kRounds);
 }
 
-TEST(ExchangeThreads, FailingClientsDoNotDisturbTheOthers) {
-  const auto& reply = replyNamed("ScalarSearchWithThreeHits");
-  Script good;
-  for (int i = 0; i < kRounds; ++i) good.expectRequest().send(plain(reply));
-  ScriptedServer healthy(good.awaitClose());
-  ScriptedServer closing(Script().expectRequest());
+TEST_P(ExchangeThreads, LongStreamsDoNotDisturbEachOther) {
+  const auto question = binary() ? questionOf(longSearch(kStreamSearch, 3000))
+                                 : questionOf(replyNamed("FourThousandStreamedHits"));
+  const auto& next = nextOver(binary());
+  auto script = answerTo(binary(), question.answer, 20000);
+  Replies(binary()).expect(script).send(next.text).awaitClose();
+  ScriptedServer server(script);
   std::atomic<int> right{0};
-  runTogether([&](int i) {
+  runTogether([&](std::size_t) {
+    const auto client = clientOf(server);
+    if (isRight(*client, question)) ++right;
+    if (runOver(*client, next.kind) == next.expected) ++right;
+  });
+  EXPECT_EQ(right, 2 * kClients);
+}
+
+TEST_P(ExchangeThreads, FailingClientsDoNotDisturbTheOthers) {
+  const auto question = questionNamed("ScalarSearchWithThreeHits", "ScalarSearchWithThreeHits");
+  ScriptedServer healthy(answers(question, kRounds));
+  Script closes;
+  ScriptedServer closing(Replies(binary()).expect(closes));
+  std::atomic<int> right{0};
+  runTogether([&](std::size_t i) {
     const bool fails = i % 2 == 1;
-    CorvaneRESTClient client(u"127.0.0.1", (fails ? closing : healthy).port(), true);
+    const auto client = clientOf(fails ? closing : healthy);
     for (int round = 0; round < kRounds; ++round) {
-      const auto outcome = runExchange(client, reply.kind);
-      if (fails ? outcome.errorId == "ERR_SERVER_COMM_RECV" : outcome == reply.expected) ++right;
+      const auto outcome = runOver(*client, question.kind);
+      const bool failed = outcome.seen.errorId == "ERR_SERVER_COMM_RECV";
+      if (fails ? failed : outcome == question.expected) ++right;
     }
   });
   EXPECT_EQ(right, kClients * kRounds);
+}
+
+INSTANTIATE_TEST_SUITE_P(Over, ExchangeThreads, testing::Bool(), [](const auto& over) {
+  return std::string(over.param ? "Binary" : "Http");
+});
+
+// The binary protocol alone has batches.
+
+/// Queues documents, which share one count of messages with all other clients, and returns what
+/// the server must have received.
+std::string load(unsigned int port, std::size_t size) {
+  constexpr std::size_t kDocuments = 120;
+  tq::comm::DrestoPerfClient client(u"127.0.0.1", port);
+  client.useBufferedConnection(true);
+  std::string all;
+  for (std::size_t i = 0; i < kDocuments; ++i) {
+    Document document(kAsynchAddDocument, size + i);
+    tq::comm::ClientResponse response;
+    client.sendAndRecvMesg(document.request, response);
+    all += Framed(document.request).whole();
+  }
+  auto last = requestFor(kLastDocSent);
+  tq::comm::ClientResponse response;
+  client.sendAndRecvMesg(last, response);
+  return all + Framed(last).whole();
+}
+
+TEST(BatchingClients, LoseAndDoubleNothingSideBySide) {
+  ScriptedServer server(Script().awaitClose());
+  std::vector<std::string> sent(kClients);
+  runTogether([&](std::size_t i) { sent[i] = load(server.port(), 1 + 100 * i); });
+  std::vector<std::string> received;
+  for (std::size_t i = 0; i < kClients; ++i) {
+    server.awaitClientClose(i);
+    received.push_back(server.connection(i).received);
+  }
+  std::sort(sent.begin(), sent.end());
+  std::sort(received.begin(), received.end());
+  EXPECT_TRUE(sent == received);
 }
 
 }  // namespace
