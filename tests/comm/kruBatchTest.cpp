@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 
 #include "comm/kruBatch.h"
@@ -21,67 +22,94 @@ Batch::Message waiting() {
   return message;
 }
 
-/// Appends so many messages that wait; whether the last one makes the batch due.
-bool isDueAfter(Batch& batch, int messages) {
-  for (int i = 0; i < messages; ++i) batch.append(waiting());
-  return batch.isDue(waiting());
-}
+/// Each test begins with no message waiting anywhere in the process, and leaves none.
+class BatchesTogether : public testing::Test {
+ protected:
+  ~BatchesTogether() override { messagesThatWaited(); }
 
-// The first of the tests: what waits in the process is counted from its start.
-TEST(Batch, IsDueWhenFiftyMessagesWaitInAllBatchesTogether) {
+  /// How many messages waited in all batches of the process. None does any more.
+  static int messagesThatWaited() {
+    constexpr int kDue = 50;
+    Batch batch;
+    int added = 0;
+    for (; !batch.isDue(waiting()); ++added) batch.append(waiting());
+    batch.written();
+    return kDue - added;
+  }
+
+  static void append(Batch& batch, int messages) {
+    for (int i = 0; i < messages; ++i) batch.append(waiting());
+  }
+
   Batch one;
   Batch other;
-  EXPECT_FALSE(isDueAfter(one, 20));
-  EXPECT_FALSE(isDueAfter(other, 29));
-  EXPECT_TRUE(isDueAfter(one, 1));
+};
+
+TEST_F(BatchesTogether, AreDueWhenFiftyMessagesWaitInAllOfThem) {
+  append(one, 20);
+  append(other, 29);
+  EXPECT_FALSE(one.isDue(waiting()));
+  EXPECT_FALSE(other.isDue(waiting()));
+  append(one, 1);
+  EXPECT_TRUE(one.isDue(waiting()));
   EXPECT_TRUE(other.isDue(waiting()));
   one.takeBack();
+  EXPECT_FALSE(one.isDue(waiting()));
   EXPECT_FALSE(other.isDue(waiting()));
-  EXPECT_TRUE(isDueAfter(other, 1));
-  other.written();
-  EXPECT_FALSE(isDueAfter(one, 49));
-  EXPECT_TRUE(isDueAfter(one, 1));
-  one.written();
 }
 
-TEST(Batch, WhatIsTakenBackWaitsNoMore) {
-  Batch batch;
-  batch.append(waiting());
-  batch.takeBack();
-  EXPECT_FALSE(isDueAfter(batch, 49));
-  EXPECT_TRUE(isDueAfter(batch, 1));
-  batch.written();
-}
-
-TEST(Batch, WhatIsWrittenWaitsNoMore) {
-  Batch batch;
-  batch.append(waiting());
-  batch.written();
-  EXPECT_FALSE(isDueAfter(batch, 49));
-  EXPECT_TRUE(isDueAfter(batch, 1));
-  batch.written();
-}
-
-TEST(Batch, AMessageThatDoesNotWaitIsNotCounted) {
-  Batch batch;
-  EXPECT_TRUE(isDueAfter(batch, 50));
-  batch.append(messageWith("h"));
-  batch.takeBack();
-  EXPECT_TRUE(batch.isDue(waiting()));
-  batch.written();
-  for (int i = 0; i < 100; ++i) batch.append(messageWith("h"));
-  EXPECT_FALSE(batch.isDue(waiting()));
-}
-
-TEST(Batch, WhatAnotherHasResetIsNotTakenBackTwice) {
-  Batch batch;
-  Batch other;
-  batch.append(waiting());
-  other.written();
-  batch.takeBack();
-  EXPECT_FALSE(isDueAfter(batch, 49));
-  EXPECT_TRUE(isDueAfter(batch, 1));
-  batch.written();
+TEST_F(BatchesTogether, CountTheMessagesThatWaitAndNoOthers) {
+  const struct {
+    const char* what;
+    std::function<void(Batch& first, Batch& second)> happens;
+    int waiting;
+  } cases[] = {
+      {"nothing", [](Batch&, Batch&) {}, 0},
+      {"appended",
+       [](Batch& first, Batch& second) {
+         append(first, 2);
+         append(second, 1);
+       },
+       3},
+      {"taken back",
+       [](Batch& first, Batch&) {
+         append(first, 2);
+         first.takeBack();
+       },
+       1},
+      {"written, by any of them",
+       [](Batch& first, Batch& second) {
+         append(first, 1);
+         append(second, 1);
+         first.written();
+       },
+       0},
+      {"taken back after another was written",
+       [](Batch& first, Batch& second) {
+         append(first, 1);
+         second.written();
+         first.takeBack();
+       },
+       0},
+      {"messages that do not wait",
+       [](Batch& first, Batch&) {
+         for (int i = 0; i < 100; ++i) first.append(messageWith("h"));
+       },
+       0},
+      {"a message that does not wait, taken back",
+       [](Batch& first, Batch&) {
+         append(first, 2);
+         first.append(messageWith("h"));
+         first.takeBack();
+       },
+       2},
+  };
+  for (const auto& c : cases) {
+    Batch first;
+    Batch second;
+    c.happens(first, second);
+    EXPECT_EQ(messagesThatWaited(), c.waiting) << c.what;
+  }
 }
 
 TEST(Batch, HoldsEachMessageBehindTheLengthOfItsHeader) {

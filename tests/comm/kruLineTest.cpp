@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
-#include <vector>
+#include <iterator>
+#include <ostream>
+#include <string>
+#include <string_view>
 
 #include "comm/kruLine.h"
 #include "infra/oss/kruSocket.h"
@@ -47,53 +51,48 @@ Line lineIn(State state) {
 constexpr State kStates[] = {State::NotConnected, State::Clean,     State::Tail,  State::Owed,
                              State::Asked,        State::Uncertain, State::Broken};
 
-/// What an event makes of each state, in the order of `kStates`.
-struct Case {
-  const char* event;
-  std::function<void(Line&)> happens;
-  State becomes[std::size(kStates)];
-};
+/// The first letters of `kStates`, which stand for them in the table below.
+constexpr std::string_view kLetters = "NCTOAUB";
 
-constexpr State N = State::NotConnected;
-constexpr State C = State::Clean;
-constexpr State T = State::Tail;
-constexpr State O = State::Owed;
-constexpr State A = State::Asked;
-constexpr State U = State::Uncertain;
-constexpr State B = State::Broken;
+char letterOf(State state) {
+  return kLetters[static_cast<std::size_t>(
+      std::find(std::begin(kStates), std::end(kStates), state) - std::begin(kStates))];
+}
 
 TEST(Line, EachEventMakesOfEachStateWhatTheLedgerSays) {
-  const Case cases[] = {
-      {"connected", [](Line& l) { l.connected(); }, {C, C, C, C, C, C, C}},
-      {"closed", [](Line& l) { l.closed(); }, {N, N, N, N, N, N, N}},
-      {"no question", [](Line& l) { write(l, 0); }, {N, C, T, O, A, U, B}},
-      {"one question", [](Line& l) { write(l, 1); }, {U, A, A, U, U, U, U}},
-      {"two questions", [](Line& l) { write(l, 2); }, {U, U, U, U, U, U, U}},
-      {"broken write", leaveUnwritten, {N, B, B, B, B, B, B}},
-      {"begin", [](Line& l) { l.beginReply(kOther); }, {N, O, O, O, O, U, B}},
-      {"read on", [](Line& l) { l.readOn(kMine); }, {N, O, O, O, U, U, B}},
-      {"read on, other", [](Line& l) { l.readOn(kOther); }, {N, U, U, O, U, U, B}},
-      {"read on, none", [](Line& l) { l.readOn(0); }, {N, U, U, O, U, U, B}},
-      {"end", [](Line& l) { l.endReply(kMine); }, {N, C, T, C, A, U, B}},
-      {"end, other", [](Line& l) { l.endReply(kOther); }, {N, C, T, O, A, U, B}},
-      {"end in chunks",
-       [](Line& l) { l.endChunkedReply(kMine, true, kMaxChunk); },
-       {N, C, T, T, A, U, B}},
-      {"end in chunks, other",
-       [](Line& l) { l.endChunkedReply(kOther, true, kMaxChunk); },
-       {N, C, T, O, A, U, B}},
-      {"abandon", [](Line& l) { l.abandonReply(); }, {N, C, T, U, U, U, B}},
-      {"doubt", [](Line& l) { l.doubt(); }, {N, U, U, U, U, U, B}},
-      {"disturb", [](Line& l) { l.disturb(); }, {N, U, U, U, U, U, B}},
+  const struct {
+    const char* event;
+    std::function<void(Line&)> happens;
+    const char* becomes;
+  } cases[] = {
+      {"nothing", [](Line&) {}, "NCTOAUB"},
+      {"connected", [](Line& l) { l.connected(); }, "CCCCCCC"},
+      {"closed", [](Line& l) { l.closed(); }, "NNNNNNN"},
+      {"no question", [](Line& l) { write(l, 0); }, "NCTOAUB"},
+      {"one question", [](Line& l) { write(l, 1); }, "UAAUUUU"},
+      {"two questions", [](Line& l) { write(l, 2); }, "UUUUUUU"},
+      {"broken write", leaveUnwritten, "NBBBBBB"},
+      {"begin", [](Line& l) { l.beginReply(kOther); }, "NOOOOUB"},
+      {"read on", [](Line& l) { l.readOn(kMine); }, "NOOOUUB"},
+      {"read on, other", [](Line& l) { l.readOn(kOther); }, "NUUOUUB"},
+      {"read on, none", [](Line& l) { l.readOn(0); }, "NUUOUUB"},
+      {"end", [](Line& l) { l.endReply(kMine); }, "NCTCAUB"},
+      {"end, other", [](Line& l) { l.endReply(kOther); }, "NCTOAUB"},
+      {"end in chunks", [](Line& l) { l.endChunkedReply(kMine, true, kMaxChunk); }, "NCTTAUB"},
+      {"end in chunks, other", [](Line& l) { l.endChunkedReply(kOther, true, kMaxChunk); },
+       "NCTOAUB"},
+      {"abandon", [](Line& l) { l.abandonReply(); }, "NCTUUUB"},
+      {"doubt", [](Line& l) { l.doubt(); }, "NUUUUUB"},
+      {"disturb", [](Line& l) { l.disturb(); }, "NUUUUUB"},
   };
-  for (const Case& c : cases) {
-    for (std::size_t i = 0; i < std::size(kStates); ++i) {
-      Line line = lineIn(kStates[i]);
-      ASSERT_EQ(line.state(), kStates[i]) << i;
+  for (const auto& c : cases) {
+    std::string became;
+    for (const State state : kStates) {
+      Line line = lineIn(state);
       c.happens(line);
-      EXPECT_EQ(static_cast<int>(line.state()), static_cast<int>(c.becomes[i]))
-          << c.event << " in state " << i;
+      became += letterOf(line.state());
     }
+    EXPECT_EQ(became, c.becomes) << c.event;
   }
 }
 
@@ -156,28 +155,54 @@ class LineOnASocket : public testing::Test {
   }()};
 };
 
-TEST_F(LineOnASocket, WithoutATailNothingIsSkipped) {
-  line.endReply(kMine);
-  arrive("0\r\n\r\n");
-  EXPECT_FALSE(line.skipArrivedTail(socket));
-  EXPECT_EQ(socket.buffered(), 5U);
-  EXPECT_FALSE(line.isReusable(socket));
+/// How a reply ended, what arrived then, and what of that is left after the tail.
+struct Arrived {
+  const char* name;
+  std::function<void(Line&)> ends;
+  const char* bytes;
+  bool found;
+  const char* left;
+};
+
+void PrintTo(const Arrived& arrived, std::ostream* out) { *out << arrived.name; }
+
+void endsWithTheLastChunk(Line& line) { line.endChunkedReply(kMine, true, kMaxChunk); }
+void endsBeforeTheLastChunk(Line& line) { line.endChunkedReply(kMine, false, kMaxChunk); }
+
+class TailOnASocket : public LineOnASocket, public testing::WithParamInterface<Arrived> {};
+
+TEST_P(TailOnASocket, IsSkippedAsFarAsItHasArrived) {
+  GetParam().ends(line);
+  arrive(GetParam().bytes);
+  EXPECT_EQ(line.skipArrivedTail(socket), GetParam().found);
+  EXPECT_EQ(socket.peek(), GetParam().left);
+  EXPECT_FALSE(line.tailIsBroken());
+  EXPECT_FALSE(line.skipArrivedTail(socket)) << "for the second time";
+  EXPECT_EQ(socket.peek(), GetParam().left);
 }
 
-TEST_F(LineOnASocket, ATailThatHasArrivedIsSkipped) {
-  line.endChunkedReply(kMine, true, kMaxChunk);
-  arrive("\r\nHTTP");
-  EXPECT_TRUE(line.skipArrivedTail(socket));
-  EXPECT_EQ(socket.peek(), "HTTP");
-  EXPECT_FALSE(line.skipArrivedTail(socket));
-}
+const Arrived kArrived[] = {
+    {"WithoutATailNothing", [](Line& line) { line.endReply(kMine); }, "0\r\n\r\n", false,
+     "0\r\n\r\n"},
+    {"Trailer", endsWithTheLastChunk, "\r\nHTTP", true, "HTTP"},
+    {"OneByte", endsWithTheLastChunk, "X", true, ""},
+    {"LastChunk", endsBeforeTheLastChunk, "\r\n0\r\n\r\nHTTP", true, "HTTP"},
+    {"NotTheOwnOfAStreamThatIsReadOn",
+     [](Line& line) {
+       endsBeforeTheLastChunk(line);
+       line.readOn(kMine);
+     },
+     "\r\n0\r\n\r\n", false, "\r\n0\r\n\r\n"},
+    {"ThatOfAnotherStream",
+     [](Line& line) {
+       endsBeforeTheLastChunk(line);
+       line.readOn(kOther);
+     },
+     "\r\n0\r\n\r\n", true, ""},
+};
 
-TEST_F(LineOnASocket, OneByteOfATailIsSkippedToo) {
-  line.endChunkedReply(kMine, true, kMaxChunk);
-  arrive("X");
-  EXPECT_TRUE(line.skipArrivedTail(socket));
-  EXPECT_EQ(socket.buffered(), 0U);
-}
+INSTANTIATE_TEST_SUITE_P(Arrived, TailOnASocket, testing::ValuesIn(kArrived),
+                         [](const auto& arrived) { return arrived.param.name; });
 
 TEST_F(LineOnASocket, AfterTheResultsTheLastChunkMayStillCome) {
   line.endChunkedReply(kMine, false, kMaxChunk);
@@ -212,20 +237,6 @@ TEST_F(LineOnASocket, AStatusLineThatBeganAsATrailerIsGivenBackWhole) {
   arrive("P/1.1");
   EXPECT_TRUE(line.skipArrivedTail(socket)) << "although nothing more was skipped";
   EXPECT_EQ(socket.peek(), "HTTP/1.1");
-}
-
-TEST_F(LineOnASocket, ItsOwnTailIsPartOfAStreamThatIsReadOn) {
-  line.endChunkedReply(kMine, false, kMaxChunk);
-  line.readOn(kMine);
-  arrive("\r\n0\r\n\r\n");
-  EXPECT_FALSE(line.skipArrivedTail(socket));
-}
-
-TEST_F(LineOnASocket, TheTailOfAnotherExchangeIsNot) {
-  line.endChunkedReply(kMine, false, kMaxChunk);
-  line.readOn(kOther);
-  arrive("\r\n0\r\n\r\n");
-  EXPECT_TRUE(line.skipArrivedTail(socket));
 }
 
 TEST_F(LineOnASocket, ATailEndsWithItsConnection) {
