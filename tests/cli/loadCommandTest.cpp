@@ -1,0 +1,259 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/cli/scriptedRun.h"
+#include "tests/support/replyCorpus.h"
+
+using namespace corvane;
+using namespace corvane::test;
+using namespace tq::test;
+
+namespace {
+
+const std::string kNextStep = "searches find the documents after 'corvane update books'\n";
+
+TEST(Load, QueuesDocumentsAndReportsWhatTheServerTook) {
+  ScriptedServer server(loadOf(2, {{"a"}, {"b", "ZVK0012E", "too strange"}})
+                            .expectRequest()
+                            .send(refusal("ZVK0012E", "too strange")));
+  const Result result = load(server, documentLine("a", "x") + documentLine("b", "y"));
+  EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
+  EXPECT_EQ(result.out, "loaded 1 document into books, 1 refused\n");
+  EXPECT_EQ(result.err, "corvane: line 2, key \"b\": too strange (ZVK0012E)\n" + kNextStep);
+  const auto requests = server.connection(0).requests;
+  ASSERT_EQ(requests.size(), 6U);
+  EXPECT_TRUE(contains(requests[0], "\naction: openCollection\n"));
+  EXPECT_TRUE(contains(requests[1], enveloped("rowId") + enveloped("a")));
+  EXPECT_EQ(requests[3].substr(requests[3].size() - 8), std::string(8, '\0'));
+  EXPECT_TRUE(contains(requests[4], "\naction: getParseResult\n"));
+}
+
+TEST(Load, GoesOnBehindLinesThatAreNoDocuments) {
+  ScriptedServer server(loadOf(1, {{"base64:YQ=="}}));
+  const Result result =
+      load(server, "oops\n" + documentLine("a", "x") + "{\"key\":\"c\"}\n", {"--json"});
+  EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
+  EXPECT_TRUE(contains(result.out, "{\"refused\":\"\",\"line\":1,\"reason\":\"not JSON: "));
+  EXPECT_TRUE(contains(
+      result.out, "{\"refused\":\"c\",\"line\":3,\"reason\":\"the object has no \\\"text\\\"\"}"));
+  EXPECT_TRUE(contains(result.out, "{\"collection\":\"books\",\"loaded\":1,\"refused\":2}\n"));
+  EXPECT_EQ(result.err, "");
+}
+
+TEST(Load, CountsADocumentWithAWarningAsLoaded) {
+  ScriptedServer server(loadOf(1, {{"a", "ZVK0100W", "language unknown"}}));
+  const Result result = load(server, documentLine("a", "x"));
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+  EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");
+}
+
+// What another client of the collection queued, or took, must not be counted as this load's.
+Script loadOfTwoOfWhichOnlyTheFirstIsConfirmed() {
+  return loadOf(2, {{"a"}, {"somebody else's"}, {"third", "ZVK0012E", "too strange"}})
+      .expectRequest();
+}
+
+TEST(Load, AsksAboutADocumentThatNoResultNamesByAnAdditionOfItsOwn) {
+  ScriptedServer server(loadOfTwoOfWhichOnlyTheFirstIsConfirmed().send(done()));
+  const Result result = load(server, documentLine("a", "x") + documentLine("b", "y"));
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+  EXPECT_EQ(result.out, "loaded 2 documents into books, 0 refused\n");
+  EXPECT_EQ(result.err, kNextStep);
+  const auto requests = server.connection(0).requests;
+  EXPECT_TRUE(contains(requests.at(5), "\naction: addDocument\n"));
+  EXPECT_TRUE(contains(requests.at(5), enveloped("rowId") + enveloped("b")));
+}
+
+TEST(Load, QueuesManyDocumentsAgainWhileThatSettlesSomeOfThem) {
+  std::string lines;
+  for (char key = 'a'; key < 'a' + 12; ++key) {
+    lines += documentLine(std::string(1, key), "x");
+  }
+  Script script = loadOf(12, {{"a"}});
+  takeWindow(script, 11).send(outcomes({}));
+  // That round settled nothing.
+  for (int i = 0; i < 11; ++i) script.expectRequest().send(done());
+  ScriptedServer server(script);
+  const Result result = load(server, lines);
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+  EXPECT_EQ(result.out, "loaded 12 documents into books, 0 refused\n");
+  EXPECT_EQ(server.requests(), 1U + 14 + 13 + 11);
+}
+
+TEST(Load, ReportsTheReasonThatTheAdditionIsGiven) {
+  ScriptedServer server(
+      loadOfTwoOfWhichOnlyTheFirstIsConfirmed().send(refusal("ZVK0013E", "too long")));
+  const Result result = load(server, documentLine("a", "x") + documentLine("b", "y"));
+  EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
+  EXPECT_EQ(result.out, "loaded 1 document into books, 1 refused\n");
+  EXPECT_EQ(result.err, "corvane: line 2, key \"b\": too long (ZVK0013E)\n" + kNextStep);
+}
+
+TEST(Load, DoesNotTakeTheRefusalOfAnotherClientsDocumentWithTheSameKeyForItsOwn) {
+  for (const auto& rows : std::vector<Outcomes>{{{"a", "ZVK0012E", "too strange"}},
+                                                {{"a"}, {"a", "ZVK0012E", "too strange"}},
+                                                {{"a", "ZVK0012E", "too strange"}, {"a"}}}) {
+    ScriptedServer server(loadOf(1, rows).expectRequest().send(done()));
+    const Result result = load(server, documentLine("a", "x"));
+    EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+    EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");
+    EXPECT_TRUE(contains(server.connection(0).requests.at(4), "\naction: addDocument\n"));
+  }
+}
+
+Script secondAttempt() {
+  Script script;
+  return takeWindow(script, 1).send(outcomes({{"a"}}));
+}
+
+TEST(Load, SendsTheWindowAgainWhenTheConnectionBreaks) {
+  Script broken = answers({done()});
+  takeWindow(broken, 1);
+  ScriptedServer server({broken, secondAttempt()});
+  const Result result = load(server, documentLine("a", "x"));
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+  EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");
+}
+
+TEST(Load, StopsAtTheNumberOfRefusalsThatIsAllowed) {
+  ScriptedServer server(loadOf(1, {{"a"}}));
+  const Result result =
+      load(server, "bad\n" + documentLine("a", "x") + "bad\nbad\n", {"--max-errors", "2"});
+  EXPECT_EQ(result.code, ExitCode::Failed);
+  EXPECT_EQ(result.out, "loaded 1 document into books, 2 refused\n");
+  EXPECT_TRUE(contains(result.err, "corvane: line 3: not JSON")) << result.err;
+  EXPECT_FALSE(contains(result.err, "line 4")) << result.err;
+  EXPECT_TRUE(contains(result.err, "stopped after line 3, because of --max-errors 2\n"));
+}
+
+TEST(Load, MakesTheDocumentsSearchableWhenAsked) {
+  ScriptedServer server(loadOf(1, {{"a"}}).expectRequest().send(done()));
+  const Result result = load(server, documentLine("a", "x"), {"--update"});
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+  EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\nupdated books\n");
+  EXPECT_EQ(result.err, "");
+  EXPECT_TRUE(contains(server.connection(0).requests.at(4), "\naction: updateIndex\n"));
+}
+
+TEST(Load, SendsTheWindowAgainWhenAWriteFails) {
+  const Script broken = answers({done()}).expectBytes(1000).reset();
+  ScriptedServer server({broken, secondAttempt()});
+  // More than the system holds for a peer that does not read.
+  const std::string text(std::size_t{16} << 20, 'x');
+  const Result result = load(server, documentLine("a", text));
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+  EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");
+}
+
+TEST(Load, OfACollectionThatIsNotThereSendsNoDocument) {
+  ScriptedServer server(answers({refusal("ZVK0007E", "unknown collection")}));
+  const Result result = load(server, documentLine("a", "x"));
+  EXPECT_EQ(result.code, ExitCode::Failed);
+  EXPECT_TRUE(contains(result.err, "unknown collection")) << result.err;
+  EXPECT_EQ(server.requests(), 1U);
+}
+
+Script loadThatBreaks() {
+  Script script = answers({done()});
+  return takeWindow(script, 1).send(refusal("ZVK0014E", "disk full"));
+}
+
+TEST(Load, ThatBreaksSaysHowFarItCame) {
+  ScriptedServer server({loadThatBreaks(), Script().awaitClose()});
+  const Result result = load(server, documentLine("a", "x"));
+  EXPECT_EQ(result.code, ExitCode::Failed);
+  EXPECT_EQ(result.out, "loaded 0 documents into books, 0 refused\n");
+  EXPECT_TRUE(contains(result.err, "1 more document may be in the collection or not"));
+  EXPECT_TRUE(contains(result.err, "disk full")) << result.err;
+}
+
+TEST(Load, ThatBreaksSaysInJsonToo) {
+  ScriptedServer server({loadThatBreaks(), Script().awaitClose()});
+  const Result result =
+      runAgainst(server, {"--json", "load", "books", "-"}, documentLine("a", "x"));
+  EXPECT_EQ(result.code, ExitCode::Failed);
+  EXPECT_EQ(result.out, R"({"collection":"books","loaded":0,"refused":0,"unconfirmed":1})"
+                        "\n");
+}
+
+TEST(Load, SendsTheSecondOfTwoDocumentsWithOneKeyInALaterWindow) {
+  Script script = loadOf(1, {{"a"}});
+  takeWindow(script, 1).send(outcomes({{"a"}}));
+  ScriptedServer server(script);
+  const Result result = load(server, documentLine("a", "first") + documentLine("a", "second"));
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+  EXPECT_EQ(result.out, "loaded 2 documents into books, 0 refused\n");
+  EXPECT_TRUE(contains(server.connection(0).requests.at(1), "first"));
+  EXPECT_TRUE(contains(server.connection(0).requests.at(4), "second"));
+}
+
+TEST(Load, OfNothingAsksForNothing) {
+  ScriptedServer server(answers({done()}));
+  const Result result = load(server, "\n\n");
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+  EXPECT_EQ(result.out, "loaded 0 documents into books, 0 refused\n");
+  EXPECT_EQ(server.requests(), 1U);
+}
+
+const std::string kLeftOut = "2 documents cannot be indexed";
+
+TEST(Update, ListsWhatTheIndexLeftOut) {
+  ScriptedServer server(answers(
+      {refusal("ZVK0015E", kLeftOut), outcomes({{"stored"},
+                                                {"base64:YQ==", "ZVK0015E", "term too long"},
+                                                {"warned", "ZVK0100W", "language unknown"},
+                                                {"base64:/w==", "ZVK0015E", "a\x1b[2J"}})}));
+  const Result result = runAgainst(server, {"update", "books"});
+  EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "corvane: the server at 127.0.0.1:" + std::to_string(server.port()) +
+                            " says: " + kLeftOut +
+                            " (ZVK0015E)\n"
+                            "corvane: key \"a\": term too long (ZVK0015E)\n"
+                            "corvane: key \"base64:/w==\": a\\u{1b}[2J (ZVK0015E)\n");
+  EXPECT_TRUE(contains(server.connection(0).requests.at(1), "\naction: getParseResult\n"));
+  EXPECT_TRUE(contains(server.connection(0).requests.at(1), "\nindex: books\n"));
+}
+
+TEST(Update, ListsWhatTheIndexLeftOutInJsonToo) {
+  ScriptedServer server(answers(
+      {refusal("ZVK0015E", kLeftOut), outcomes({{"base64:YQ==", "ZVK0015E", "term too long"}})}));
+  const Result result = runAgainst(server, {"--json", "update", "books"});
+  EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
+  EXPECT_EQ(result.out, "{\"refused\":\"a\",\"reason\":\"term too long (ZVK0015E)\"}\n");
+  EXPECT_TRUE(contains(result.err, R"(,"id":"ZVK0015E"})")) << result.err;
+}
+
+TEST(Update, SaysWhenTheListIsCutOff) {
+  Reply list{"x", kParseResult, 200, kUninterpreted};
+  list.body += enveloped(record({{"Doc", "a"}, {"MsgId", "ZVK0015E"}, {"MsgText", "no"}}));
+  ScriptedServer server(answers({refusal("ZVK0015E", kLeftOut), chunked(list, 0, false).text}));
+  const Result result = runAgainst(server, {"update", "books"});
+  EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
+  EXPECT_TRUE(contains(result.err,
+                       "corvane: key \"a\": no (ZVK0015E)\n"
+                       "corvane: the server broke off the list of these documents\n"))
+      << result.err;
+}
+
+TEST(Update, ThatFailsOtherwiseAsksForNoList) {
+  ScriptedServer server(answers({refusal("ZVK0014E", "disk full")}));
+  EXPECT_EQ(runAgainst(server, {"update", "books"}).code, ExitCode::Failed);
+  EXPECT_EQ(server.requests(), 1U);
+}
+
+TEST(Load, ThatUpdatesListsWhatTheIndexLeftOut) {
+  ScriptedServer server(loadOf(1, {{"a"}})
+                            .expectRequest()
+                            .send(refusal("ZVK0015E", kLeftOut))
+                            .expectRequest()
+                            .send(outcomes({{"a", "ZVK0015E", "term too long"}})));
+  const Result result = load(server, documentLine("a", "x"), {"--update"});
+  EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
+  EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");
+  EXPECT_TRUE(contains(result.err, "\ncorvane: key \"a\": term too long (ZVK0015E)\n"));
+}
+
+}  // namespace

@@ -1,0 +1,130 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/cli/scriptedRun.h"
+#include "tests/support/binaryReplies.h"
+#include "tests/support/replyCorpus.h"
+
+using namespace corvane;
+using namespace corvane::test;
+using namespace tq::test;
+
+namespace {
+
+TEST(Search, PrintsRankScoreAndKey) {
+  ScriptedServer server(
+      answers({found({{"base64:Zm9v", "12.345"}, {"base64:AP8=", "0.5"}, {"plain", ""}})}));
+  const Result result = runAgainst(server, {"search", "books", "whale ship"});
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+  EXPECT_EQ(result.out,
+            "    1   12.345  foo\n"
+            "    2    0.500  base64:AP8=\n"
+            "    3    0.000  plain\n");
+}
+
+TEST(Search, PrintsJsonLines) {
+  ScriptedServer server(answers({found({{"base64:Zm9v", "0.5"}, {"base64:AP8=", "0.25"}})}));
+  const Result result = runAgainst(server, {"search", "books", "q", "--json"});
+  EXPECT_EQ(result.out,
+            "{\"rank\":1,\"score\":0.5,\"key\":\"foo\",\"docId\":\"base64:Zm9v\"}\n"
+            "{\"rank\":2,\"score\":0.25,\"docId\":\"base64:AP8=\"}\n");
+}
+
+TEST(Search, SendsQueryStartAndLimitAndCountsRanksFromThere) {
+  ScriptedServer server(answers({found({{"base64:Zm9v", "1"}})}));
+  const Result result =
+      runAgainst(server, {"search", "books", "a: b", "--start", "20", "--limit", "10"});
+  EXPECT_EQ(result.out, "   21    1.000  foo\n");
+  const std::string sent = server.connection(0).requests.at(0);
+  for (const char* line : {"\nquery: a: b\n", "\nstart: 20\n", "\nsize: 10\n",
+                           "\nmode: streaming\n", "\nscoreWanted: true\n"}) {
+    EXPECT_TRUE(contains(sent, line)) << sent;
+  }
+}
+
+TEST(Search, TakesEveryPortionOfAStreamedReply) {
+  Reply reply{"x", kStreamSearch, 200, hits({{"base64:YQ==", "3"}})};
+  std::vector<std::size_t> ends{reply.body.size()};
+  for (const char* id : {"base64:Yg==", "base64:Yw=="}) {
+    reply.body += enveloped(hitRecord(id, "2"));
+    ends.push_back(reply.body.size());
+  }
+  reply.body += kEndMark;
+  ends.push_back(reply.body.size());
+  ScriptedServer server(Script().expectRequest().send(chunkedAt(reply, ends, true).text, 16));
+  const Result result = runAgainst(server, {"search", "books", "q"});
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+  EXPECT_EQ(result.out, "    1    3.000  a\n    2    2.000  b\n    3    2.000  c\n");
+}
+
+TEST(Search, ThatFindsNothingSaysSoAndSucceeds) {
+  ScriptedServer server(answers({found({})}));
+  const Result result = runAgainst(server, {"search", "books", "q"});
+  EXPECT_EQ(result.code, ExitCode::Ok);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "no document matches\n");
+}
+
+TEST(Search, OfNoHitsSaysWhyThereAreNone) {
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{"--limit", "0"}, "no hits are shown, as --limit 0 asks\n"},
+      {{"--start", "7"}, "no hits are left after the first 7\n"},
+      {{"--start", "7", "--limit", "3"}, "no hits are left after the first 7\n"}};
+  for (const auto& [options, note] : cases) {
+    ScriptedServer server(answers({found({})}));
+    std::vector<std::string> arguments{"search", "books", "q"};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    const Result result = runAgainst(server, arguments);
+    EXPECT_EQ(result.code, ExitCode::Ok);
+    EXPECT_EQ(result.err, note);
+  }
+}
+
+TEST(Search, ThatIsCutOffShowsWhatCameAndExitsWithItsOwnCode) {
+  Reply reply{"x", kStreamSearch, 200, hits({{"base64:YQ==", "3"}})};
+  const auto first = reply.body.size();
+  reply.body += enveloped(hitRecord("base64:Yg==", "2"));
+  const auto whole = chunkedAt(reply, {first, reply.body.size()}, false);
+  // The second chunk never comes to its end.
+  ScriptedServer server(answers({whole.text.substr(0, whole.chunks.at(1).dataBegin + 5)}));
+  const Result result = runAgainst(server, {"search", "books", "q"});
+  EXPECT_EQ(result.code, ExitCode::Truncated);
+  EXPECT_EQ(result.out, "    1    3.000  a\n");
+  EXPECT_TRUE(contains(result.err, "was cut off after 1 hit (the server ended it early)"))
+      << result.err;
+  // The port was right: the hits came from it.
+  EXPECT_FALSE(contains(result.err, "--port")) << result.err;
+}
+
+TEST(Search, ThatStopsInTheMiddleOfAStreamIsCutOffToo) {
+  Reply reply{"x", kStreamSearch, 200, hits({{"base64:YQ==", "3"}})};
+  const auto text = chunkedAt(reply, {reply.body.size()}, false).text;
+  ScriptedServer server(answers({text}).stall());
+  const Result result = runAgainst(server, {"search", "books", "q", "--timeout", "50"});
+  EXPECT_EQ(result.code, ExitCode::Truncated);
+  EXPECT_EQ(result.out, "    1    3.000  a\n");
+  EXPECT_TRUE(contains(result.err, "within 50 ms")) << result.err;
+}
+
+TEST(Search, OverTheBinaryProtocolIsCutOffToo) {
+  const std::string begin = word16(1) + scoredHit(3000, "a") + scoredHit(2000, "b");
+  for (const std::string& end : {std::string(), scoredHit(1000, "c").substr(0, 5)}) {
+    ScriptedServer server(Script().expectFramedRequest().send(begin + end));
+    const Result result = runOverBinary(server, {"search", "books", "q"});
+    EXPECT_NE(result.code, ExitCode::Ok);
+    EXPECT_TRUE(result.out.empty() || result.code == ExitCode::Truncated) << result.out;
+    EXPECT_TRUE(isOneLine(result.err)) << result.err;
+  }
+}
+
+TEST(Search, OverTheBinaryProtocolPrintsScoresOfTheSameForm) {
+  ScriptedServer server(Script().expectFramedRequest().send(
+      word16(1) + scoredHit(12345, "foo") + scoredHit(500, "b") + endOfResults(), 3));
+  const Result result = runOverBinary(server, {"search", "books", "q"});
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+  EXPECT_EQ(result.out, "    1   12.345  foo\n    2    0.500  b\n");
+}
+
+}  // namespace
