@@ -50,31 +50,29 @@ bool widen16(const char* bytes, char16_t* out) noexcept {
   return true;
 }
 
+#endif
+
+// Eight bytes, when they are all ASCII.
+bool widen8(const char* bytes, char16_t* out) noexcept {
+  std::uint64_t word = 0;
+  std::memcpy(&word, bytes, sizeof word);
+  if ((word & 0x8080808080808080U) != 0) return false;
+  for (int i = 0; i < 8; ++i) out[i] = char16_t(bytes[i]);
+  return true;
+}
+
 // Writes the ASCII characters at the start of the bytes and returns how many there are.
 std::size_t widenAscii(const char* bytes, std::size_t length, char16_t* out) noexcept {
   std::size_t i = 0;
+#ifdef __SSE2__
   while (length - i >= 16 && widen16(bytes + i, out + i)) i += 16;
   // The last step covers bytes that were written already.
   if (i != 0 && length - i < 16 && widen16(bytes + length - 16, out + length - 16)) return length;
-  for (; i < length && static_cast<signed char>(bytes[i]) >= 0; ++i) out[i] = char16_t(bytes[i]);
-  return i;
-}
-
-#else
-
-std::size_t widenAscii(const char* bytes, std::size_t length, char16_t* out) noexcept {
-  std::size_t i = 0;
-  for (; length - i >= 8; i += 8) {
-    std::uint64_t word;
-    std::memcpy(&word, bytes + i, sizeof word);
-    if ((word & 0x8080808080808080U) != 0) break;
-    for (std::size_t k = i; k < i + 8; ++k) out[k] = char16_t(bytes[k]);
-  }
-  for (; i < length && static_cast<signed char>(bytes[i]) >= 0; ++i) out[i] = char16_t(bytes[i]);
-  return i;
-}
-
 #endif
+  while (length - i >= 8 && widen8(bytes + i, out + i)) i += 8;
+  for (; i < length && static_cast<signed char>(bytes[i]) >= 0; ++i) out[i] = char16_t(bytes[i]);
+  return i;
+}
 
 std::int32_t decodeTail(const char* bytes, std::size_t length, char16_t* out) {
   std::int32_t units = 0;

@@ -5,18 +5,20 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
-#include <vector>
 
 #include "infra/oss/kruAsciiUnits.h"
 #include "infra/oss/kruConverter.h"
 #include "infra/oss/kruNLSException.h"
 #include "tests/support/failingMemory.h"
+#include "tests/support/guardedBytes.h"
+#include "tests/support/scarceTexts.h"
 
 namespace {
 
 using tq::oss::Converter;
 using tq::oss::NLSException;
 using tq::oss::SizeableBuffer;
+using tq::test::GuardedBytes;
 
 static_assert(!std::is_default_constructible_v<Converter>);
 
@@ -64,15 +66,14 @@ icu::UnicodeString asTheLibraryReads(const std::string& bytes) {
 }
 
 TEST(Converter, AgreesWithTheLibraryWhereverTextCeasesToBeAscii) {
+  GuardedBytes guarded(64);
   for (const std::string part :
        {"\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\xFF", "\xC3", "\x7F"}) {
     for (std::size_t length = 0; length < 52; ++length) {
       for (std::size_t at = 0; at <= length; ++at) {
         std::string bytes(length, 'a');
         bytes.insert(at, part);
-        // In memory of exactly its size, so that a sanitizer sees a step beyond its end.
-        const std::vector<char> exact(bytes.begin(), bytes.end());
-        ASSERT_EQ(asTheLibraryReads(bytes), Converter::fromUTF8(exact.data(), exact.size()))
+        ASSERT_EQ(asTheLibraryReads(bytes), Converter::fromUTF8(guarded.hold(bytes), bytes.size()))
             << length << ' ' << at;
       }
     }
@@ -307,6 +308,7 @@ void expectOutOfMemory(Operation operation) {
     const tq::oss::Message& message = caught.getMessageList().front();
     EXPECT_EQ(message.getMessageId(), u"TQ_ERR_OUT_OF_MEMORY");
     EXPECT_STREQ(message.getFileName(), "kruConverter");
+    EXPECT_NE(message.getLineNumber(), 0U);
     ASSERT_EQ(message.getArguments().size(), 1U);
     EXPECT_EQ(message.getArguments()[0], u"Converter::convert()");
   }
@@ -345,7 +347,15 @@ TEST(Converter, RefusesNullWithALength) {
 
 TEST(Converter, RefusesMoreBytesThanATextCanHold) {
   const char byte = 'x';
-  expectOutOfMemory([&] { Converter::fromUTF8(&byte, std::size_t{1} << 31); });
+  for (const std::size_t length : {std::size_t{1} << 31, (std::size_t{1} << 32) + 1}) {
+    expectOutOfMemory([&] { Converter::fromUTF8(&byte, length); });
+  }
+}
+
+TEST(Converter, SaysSoWhenATextGetsNoMemory) {
+  const std::string bytes(60, 'x');
+  const tq::test::ScarceTexts none;
+  expectOutOfMemory([&] { Converter::fromUTF8(bytes.data(), bytes.size()); });
 }
 
 }  // namespace
