@@ -69,8 +69,18 @@ TEST(BogusProperty, LeavesTheSetAsItWas) {
   const icu::UnicodeString none = bogus();
   EXPECT_THROW(properties.putProperty(u"name", none), oss::NLSException);
   EXPECT_THROW(properties.putProperty(none, u"value"), oss::NLSException);
+  EXPECT_THROW(properties.putProperty(icu::UnicodeString(u"name"), bogus()), oss::NLSException);
   EXPECT_EQ(1U, properties.size());
   EXPECT_TRUE(properties.requireProperty(u"name") == u"value");
+}
+
+TEST(BogusProperty, LeavesThatOfTheEmptyNameAsItWas) {
+  util::ExtendedProperties properties;
+  properties.putProperty(u"", u"value");
+  const icu::UnicodeString none = bogus();
+  EXPECT_THROW(properties.putProperty(none, icu::UnicodeString(u"new")), oss::NLSException);
+  EXPECT_THROW(properties.putProperty(bogus(), icu::UnicodeString(u"new")), oss::NLSException);
+  EXPECT_TRUE(properties.requireProperty(u"") == u"value");
 }
 
 }  // namespace

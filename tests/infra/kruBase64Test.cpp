@@ -116,4 +116,21 @@ TEST(Base64, RefusesWhatNoEncoderWrites) {
   }
 }
 
+TEST(Base64, TakesNoCharacterBesideItsDigits) {
+  const std::string digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  for (int c = 0; c <= 0xFF; ++c) {
+    const std::string text = std::string("Zm9") + static_cast<char>(c);
+    std::string out;
+    const bool isDigit = digits.find(static_cast<char>(c)) != std::string::npos;
+    EXPECT_EQ(Base64::decode(text.data(), text.size(), out), isDigit) << c;
+  }
+}
+
+TEST(Base64, OfNoCharactersLooksAtNone) {
+  const std::string padding = "==";
+  std::string out = "before";
+  EXPECT_TRUE(Base64::decode(padding.data() + padding.size(), 0, out));
+  EXPECT_EQ(out, "");
+}
+
 }  // namespace

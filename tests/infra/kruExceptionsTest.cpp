@@ -96,6 +96,7 @@ TEST(SocketException, CarriesTheSystemsWordsAndNumber) {
   ASSERT_EQ(exception.getMessageList().size(), 1U);
   const Message& message = exception.getMessageList().front();
   EXPECT_EQ(message.getMessageId(), u"TQ_ERR_SOCKET");
+  EXPECT_STREQ(message.getFileName(), "kruSocket");
   EXPECT_EQ(tq::oss::Converter::toUTF8(message.getMessageText()), std::strerror(ECONNREFUSED));
   ASSERT_EQ(message.getArguments().size(), 2U);
   EXPECT_EQ(message.getArguments()[0], u"connect to h port 1");

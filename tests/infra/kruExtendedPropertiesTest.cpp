@@ -12,10 +12,13 @@
 
 #include "infra/oss/kruNLSException.h"
 #include "infra/util/kruExtendedProperties.h"
+#include "tests/support/scarceTexts.h"
 
 namespace {
 
 using tq::oss::NLSException;
+using tq::test::liveTexts;
+using tq::test::ScarceTexts;
 using tq::util::ExtendedProperties;
 
 static_assert(std::has_virtual_destructor_v<ExtendedProperties>);
@@ -137,7 +140,8 @@ TEST(ExtendedProperties, RequireOfAnAbsentOneNamesIt) {
   } catch (const NLSException& caught) {
     const tq::oss::Message& message = caught.getMessageList().front();
     EXPECT_EQ(message.getMessageId(), u"TQ_ERR_PROPERTY_MISSING");
-    EXPECT_GE(message.getMessageText().indexOf(u"\"absent\""), 0);
+    EXPECT_EQ(message.getMessageText(), u"The property \"absent\" is missing.");
+    EXPECT_STREQ(message.getFileName(), "kruExtendedProperties");
     ASSERT_EQ(message.getArguments().size(), 1U);
     EXPECT_EQ(message.getArguments()[0], u"absent");
   }
@@ -159,8 +163,8 @@ TEST(ExtendedProperties, ReadsDecimalNumbers) {
 
 TEST(ExtendedProperties, RefusesWhatIsNoNumberAndNamesTheProperty) {
   ExtendedProperties properties;
-  for (const char16_t* text : {u"", u" 1", u"1 ", u"-1", u"+1", u"1a", u"0x1", u"4294967296",
-                               u"99999999999999999999999", u"\u0661"}) {
+  for (const char16_t* text : {u"", u" 1", u"1 ", u"-1", u"+1", u"1a", u"1A", u"1/", u"1:", u"0x1",
+                               u"4294967296", u"99999999999999999999999", u"\u0661"}) {
     properties.putProperty(u"n", text);
     try {
       properties.requirePropertyAsUInt32(u"n");
@@ -168,6 +172,9 @@ TEST(ExtendedProperties, RefusesWhatIsNoNumberAndNamesTheProperty) {
     } catch (const NLSException& caught) {
       const tq::oss::Message& message = caught.getMessageList().front();
       EXPECT_EQ(message.getMessageId(), u"TQ_ERR_PROPERTY_NUMBER");
+      EXPECT_EQ(message.getMessageText(),
+                u"The value of the property \"n\" is not a number from 0 to 4294967295.");
+      EXPECT_STREQ(message.getFileName(), "kruExtendedProperties");
       ASSERT_EQ(message.getArguments().size(), 2U);
       EXPECT_EQ(message.getArguments()[0], u"n");
       EXPECT_EQ(message.getArguments()[1], text);
@@ -190,6 +197,55 @@ TEST(ExtendedProperties, CopiesShareNothing) {
   properties.putProperty(u"name", u"changed");
   EXPECT_EQ(copy.requireProperty(u"name"), u"value");
   EXPECT_EQ(assigned.requireProperty(u"name"), u"value");
+}
+
+TEST(ExtendedProperties, AssignedToThemselvesStayAsTheyWere) {
+  ExtendedProperties properties = two();
+  ExtendedProperties& same = properties;
+  properties = same;
+  EXPECT_EQ(properties.size(), 2U);
+  properties = std::move(same);
+  EXPECT_EQ(properties.size(), 2U);
+}
+
+// Too long to lie within its object, so that the blocks of texts count the properties.
+icu::UnicodeString longText(char16_t unit) { return icu::UnicodeString(60, unit, 60); }
+
+TEST(ExtendedProperties, GiveBackAPropertyWithItsLastHolder) {
+  for (const int count : {1, 16, 40}) {
+    const long before = liveTexts();
+    ExtendedProperties properties;
+    for (int i = 0; i < count; ++i) {
+      properties.putProperty(icu::UnicodeString::fromUTF8(std::to_string(i)), longText(u'v'));
+    }
+    EXPECT_EQ(liveTexts(), before + count);
+    ExtendedProperties assigned;
+    assigned.putProperty(u"name", longText(u'a'));
+    assigned = properties;
+    EXPECT_EQ(liveTexts(), before + count) << "what the copy shares takes no memory";
+    assigned.putProperty(u"0", longText(u'b'));
+    EXPECT_EQ(liveTexts(), before + count + 1);
+    properties.putProperty(u"0", longText(u'c'));
+    EXPECT_EQ(liveTexts(), before + count + 1);
+    properties = std::move(assigned);
+    EXPECT_EQ(liveTexts(), before + count);
+    properties.clear();
+    EXPECT_EQ(liveTexts(), before);
+    std::make_unique<ExtendedProperties>()->putProperty(u"name", longText(u'e'));
+    EXPECT_EQ(liveTexts(), before);
+  }
+}
+
+TEST(ExtendedProperties, WithoutMemoryForATextStayAsTheyWere) {
+  ExtendedProperties properties = two();
+  const ExtendedProperties copy = properties;
+  const std::u16string literal(60, u'l');
+  for (const char16_t* name : {u"name", u"new"}) {
+    const ScarceTexts none;
+    EXPECT_THROW(properties.putProperty(name, literal.c_str()), NLSException);
+    EXPECT_THROW(properties.putProperty(literal.c_str(), name), NLSException);
+  }
+  EXPECT_TRUE(properties.sharesAllWith(copy));
 }
 
 TEST(ExtendedProperties, MovesWhole) {
@@ -351,6 +407,8 @@ TEST(ExtendedProperties, ShareAllWithACopyUntilEitherChanges) {
     EXPECT_TRUE(copy.sharesAllWith(properties));
     properties.putProperty(u"new", u"value");
     EXPECT_FALSE(copy.sharesAllWith(properties));
+    EXPECT_FALSE(properties.sharesAllWith(ExtendedProperties()));
+    EXPECT_FALSE(ExtendedProperties().sharesAllWith(properties));
   }
 }
 

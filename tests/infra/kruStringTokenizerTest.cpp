@@ -2,7 +2,9 @@
 
 #include <vector>
 
+#include "infra/oss/kruNLSException.h"
 #include "infra/oss/kruStringTokenizer.h"
+#include "tests/support/scarceTexts.h"
 
 namespace {
 
@@ -50,6 +52,17 @@ TEST(StringTokenizer, HoldsItsOwnText) {
   text = u"changed";
   EXPECT_EQ(tokenizer.next(), u"one");
   EXPECT_EQ(tokenizer.next(), u"two");
+}
+
+TEST(StringTokenizer, ATokenWithoutMemoryIsAnError) {
+  StringTokenizer tokenizer(icu::UnicodeString(60, u't', 60).append(u" u", -1), u" ");
+  const tq::test::ScarceTexts none;
+  try {
+    tokenizer.next();
+    FAIL() << "taken for a token";
+  } catch (const tq::oss::NLSException& e) {
+    EXPECT_EQ(e.getMessageList().front().getMessageId(), u"TQ_ERR_OUT_OF_MEMORY");
+  }
 }
 
 }  // namespace
