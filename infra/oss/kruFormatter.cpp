@@ -50,11 +50,11 @@ std::size_t takeDigits(std::string_view& text, std::uint64_t& number) noexcept {
   return count;
 }
 
-// Digits with a full stop among them or after them, which is what servers send. As long as both the
-// digits and the power of ten are doubles without rounding, the one rounding of the division gives
-// the double nearest to the number, which is what the general parser gives.
+// Digits with a full stop among them or after them, which is what servers send. The number is
+// rounded once, as by the general parser, and so becomes the same double: fifteen digits beside a
+// full stop and the power of ten are doubles without rounding, and sixteen digits without one are
+// not divided.
 bool simpleDecimal(std::string_view text, double& value) noexcept {
-  constexpr std::uint64_t kLargestWhole = std::uint64_t{1} << DBL_MANT_DIG;
   if (FLT_EVAL_METHOD != 0 || text.size() > std::size(kPowersOfTen)) return false;
   std::uint64_t digits = 0;
   if (takeDigits(text, digits) == 0) return false;
@@ -64,7 +64,7 @@ bool simpleDecimal(std::string_view text, double& value) noexcept {
     text.remove_prefix(1);
     fraction = takeDigits(text, digits);
   }
-  if (!text.empty() || digits > kLargestWhole) return false;
+  if (!text.empty()) return false;
   value = static_cast<double>(digits) / kPowersOfTen[fraction];
   return true;
 }

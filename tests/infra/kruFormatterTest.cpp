@@ -11,6 +11,7 @@
 #include <type_traits>
 
 #include "infra/oss/kruFormatter.h"
+#include "tests/support/guardedBytes.h"
 
 namespace {
 
@@ -24,11 +25,11 @@ TEST(Formatter, ReadsDecimalNumbers) {
   const struct {
     const char16_t* text;
     double value;
-  } cases[] = {{u"0", 0.0},         {u"0.75", 0.75},  {u"1.5e2", 150.0}, {u"2E-1", 0.2},
-               {u"-3.25", -3.25},   {u"+4", 4.0},     {u".5", 0.5},      {u"5.", 5.0},
-               {u"65.535", 65.535}, {u"  7", 7.0},    {u"\t\n8", 8.0},   {u"12abc", 12.0},
-               {u"1.5 2.5", 1.5},   {u"0x10", 0.0},   {u"1,5", 1.0},     {u"1e", 1.0},
-               {u"0.1", 0.1},       {u"1e308", 1e308}};
+  } cases[] = {{u"0", 0.0},         {u"0.75", 0.75},   {u"1.5e2", 150.0}, {u"2E-1", 0.2},
+               {u"-3.25", -3.25},   {u"+4", 4.0},      {u".5", 0.5},      {u"5.", 5.0},
+               {u"65.535", 65.535}, {u"  7", 7.0},     {u"\t\n8", 8.0},   {u"12abc", 12.0},
+               {u"\v\f\r8", 8.0},   {u"1.5 2.5", 1.5}, {u"0x10", 0.0},    {u"1,5", 1.0},
+               {u"1e", 1.0},        {u"0.1", 0.1},     {u"1e308", 1e308}};
   for (const auto& c : cases) EXPECT_DOUBLE_EQ(Formatter::stringToDouble(c.text), c.value);
 }
 
@@ -81,8 +82,27 @@ TEST(Formatter, ReadsNumbersAtTheEdgeOfTheSimpleFormToTheLastBit) {
 
 TEST(Formatter, ReadsAsManyBytesAsItIsGiven) {
   EXPECT_EQ(12.0, Formatter::stringToDouble("12.345", 2));
+  EXPECT_EQ(-12.0, Formatter::stringToDouble("-12.345", 3));
   EXPECT_EQ(12.0, Formatter::stringToDouble("12\0.5", 5));
   EXPECT_EQ(0.0, Formatter::stringToDouble("1", 0));
+}
+
+TEST(Formatter, ReadsNoByteBehindTheEnd) {
+  tq::test::GuardedBytes guarded(16);
+  for (const std::string text : {"", "12", "1.5", "1.", "-1", "+", "-", " ", "1e", "1e5", "."}) {
+    EXPECT_EQ(std::strtod(text.c_str(), nullptr),
+              Formatter::stringToDouble(guarded.hold(text), text.size()))
+        << text;
+  }
+}
+
+TEST(Formatter, ReadsWhatTheCLibraryReadsWhateverCharacterStandsBetweenDigits) {
+  for (int c = 1; c <= 0xFF; ++c) {
+    const std::string text{'1', static_cast<char>(c), '5'};
+    EXPECT_EQ(std::strtod(text.c_str(), nullptr),
+              Formatter::stringToDouble(text.data(), text.size()))
+        << c;
+  }
 }
 
 TEST(Formatter, GivesZeroForWhatStartsWithNoNumber) {
@@ -124,6 +144,18 @@ TEST(Formatter, ReadsAFullStopInEveryLocale) {
     EXPECT_DOUBLE_EQ(Formatter::stringToDouble(u"0.75"), 0.75) << name;
   }
   std::setlocale(LC_ALL, before.c_str());
+}
+
+TEST(Formatter, DoesNotAskForTheLocaleOfTheEnvironment) {
+  const char* const present = std::getenv("LC_ALL");
+  const std::string before = present != nullptr ? present : "";
+  ::setenv("LC_ALL", "no_SUCH.locale", 1);
+  EXPECT_EQ(Formatter::stringToDouble(u"1e999"), kMax);
+  if (present != nullptr) {
+    ::setenv("LC_ALL", before.c_str(), 1);
+  } else {
+    ::unsetenv("LC_ALL");
+  }
 }
 
 }  // namespace
