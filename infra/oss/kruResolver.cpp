@@ -32,9 +32,7 @@ int query(const icu::UnicodeString& host, unsigned int port, int flags, Result& 
   do {
     code = systemCalls().getaddrinfo(name.c_str(), service.c_str(), &hints, &found);
   } while (code == EAI_SYSTEM && errno == EINTR);
-  const int systemError = errno;
   if (code == 0) result.reset(found);
-  errno = systemError;
   return code;
 }
 

@@ -66,8 +66,8 @@ TEST_F(SocketRead, TheOffsetCountsFromTheBuffersStart) {
   char buffer[] = "......";
   EXPECT_EQ(socket.read(buffer, 2, 3), 3U);
   EXPECT_STREQ(buffer, "..xyz.");
-  EXPECT_EQ(socket.readOnce(buffer, 0, 3), 3U);
-  EXPECT_STREQ(buffer, "xyzyz.");
+  EXPECT_EQ(socket.readOnce(buffer, 1, 3), 3U);
+  EXPECT_STREQ(buffer, ".xyzz.");
 }
 
 TEST_F(SocketRead, ALengthOfZeroReturnsZeroAtOnce) {

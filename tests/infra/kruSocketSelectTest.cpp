@@ -143,6 +143,20 @@ TEST_F(SocketSelect, OnlyTheReadyOnesStayInTheLists) {
   EXPECT_EQ(readOnce(readers.back(), 1), "c");
 }
 
+TEST_F(SocketSelect, BesideOneThatIsKnownToBeReadyTheOthersAreNotWaitedFor) {
+  Socket quiet;
+  support::Peer quietPeer = connected(quiet);
+  Socket buffered;
+  support::Peer bufferedPeer = connected(buffered);
+  bufferedPeer.send("ab");
+  EXPECT_EQ(readOnce(buffered, 1), "a");
+  fake.stall(Call::Poll);
+  const unsigned long timeout = 70;
+  Sockets readers{quiet, buffered};
+  EXPECT_EQ(selectReaders(readers, &timeout), 1);
+  EXPECT_EQ(fake.pollTimeouts().back(), 0);
+}
+
 TEST_F(SocketSelect, AWriterWithRoomIsReady) {
   Socket socket;
   support::Peer peer = connected(socket);
@@ -196,7 +210,9 @@ TEST_F(SocketSelect, AFailingPollIsReported) {
   support::Peer peer = connected(socket);
   fake.fail(Call::Poll, 1, ENOMEM);
   Sockets readers{socket};
-  EXPECT_EQ(thrown([&] { selectReaders(readers, nullptr); }).getErrorNumber(), ENOMEM);
+  const SocketException failure = thrown([&] { selectReaders(readers, nullptr); });
+  EXPECT_EQ(failure.getErrorNumber(), ENOMEM);
+  EXPECT_EQ(firstArgument(failure), u"wait for sockets");
 }
 
 }  // namespace

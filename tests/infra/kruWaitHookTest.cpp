@@ -398,6 +398,17 @@ TEST_F(SocketHook, SelectsWhatPollFindsReady) {
   EXPECT_EQ(seen, (std::vector<SeenWait>{each, each}));
 }
 
+TEST_F(SocketHook, ASelectWhosePollFailsIsReported) {
+  Socket socket;
+  support::Peer peer = hooked(socket);
+  std::list<Socket> readers{socket};
+  std::list<Socket> none;
+  fake.fail(Call::Poll, 1, ENOMEM);
+  const SocketException failure = thrown([&] { Socket::select(readers, none, none, nullptr); });
+  EXPECT_EQ(failure.getErrorNumber(), ENOMEM);
+  EXPECT_EQ(firstArgument(failure), u"wait for sockets");
+}
+
 TEST_F(SocketHook, EndsASelectWithItsTime) {
   Socket socket;
   fake.ownClock();
