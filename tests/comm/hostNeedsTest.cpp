@@ -62,10 +62,13 @@ class HostNeeds : public testing::TestWithParam<bool> {
     return client;
   }
 
-  static std::string errorOfExchange(CorvaneRESTClient& client, int kind) {
+  static Outcome failureOfExchange(CorvaneRESTClient& client, int kind) {
     auto request = requestFor(kind);
     ClientResponse response;
-    return errorOf([&] { client.sendAndRecvMesg(request, response); }).errorId;
+    return errorOf([&] { client.sendAndRecvMesg(request, response); });
+  }
+  static std::string errorOfExchange(CorvaneRESTClient& client, int kind) {
+    return failureOfExchange(client, kind).errorId;
   }
 };
 
@@ -142,7 +145,11 @@ TEST_P(HostNeeds, AQueueThatLosesItsConnectionFailsUntilItIsBegunAnew) {
   EXPECT_EQ(errorOfExchange(*client, kAsynchAddDocument), "");
   for (const int kind : std::initializer_list<int>{kAsynchAddDocument, kAsynchAddDocument,
                                                    kLastDocSent, kUpdateIndex, kParseResult}) {
-    EXPECT_EQ(errorOfExchange(*client, kind), kSendId) << kind;
+    const Outcome failure = failureOfExchange(*client, kind);
+    EXPECT_EQ(failure.errorId, kSendId) << kind;
+    EXPECT_EQ(failure.errorText,
+              "the connection of the documents queued before is gone; queue them again");
+    EXPECT_EQ(failure.errorArguments, (std::vector<std::string>{"127.0.0.1", "7"}));
     EXPECT_EQ(client->getRequestOutcome(), RequestOutcome::NotSent) << kind;
   }
   EXPECT_EQ(network.connections(), 2U) << "nothing is repeated";

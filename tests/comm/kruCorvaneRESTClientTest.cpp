@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <new>
 #include <stdexcept>
@@ -77,6 +78,17 @@ std::vector<std::string> idsOf(ClientResponse& response) {
   auto& hits = response.getSearchResponse();
   while (hits.hasMore()) ids.push_back(utf8(hits.getNext().getDocId()));
   return ids;
+}
+
+/// The reason is for people; arguments say which server it was.
+void expectRefusal(const std::string& id, const std::string& reason,
+                   const std::function<void()>& call) {
+  const Raised raised = raisedBy(call);
+  ASSERT_EQ(raised.size(), 1U);
+  EXPECT_EQ(raised[0].id, id);
+  EXPECT_EQ(raised[0].text, reason);
+  EXPECT_EQ(raised[0].arguments, kHostAndPort);
+  EXPECT_EQ(raised[0].file, "kruCorvaneRESTClient");
 }
 
 // What goes out.
@@ -1394,7 +1406,8 @@ TEST(CorvaneRESTClient, AChunkThatWithWhatIsCarriedPassesTheLargestLengthIsRefus
   ClientResponse response;
   client.sendAndRecvMesg(request, response);
 
-  EXPECT_EQ(errorOf([&] { client.recv(response); }).errorId, "ERR_CLIENT_RESP_PARSING");
+  expectRefusal("ERR_CLIENT_RESP_PARSING", "a record is longer than any reply",
+                [&] { client.recv(response); });
   EXPECT_TRUE(client.isEndOfStream());
   EXPECT_FALSE(network.waitedForever());
 }
@@ -1431,6 +1444,98 @@ TEST(CorvaneRESTClient, OverLoopbackAResetIsAnErrorOfTheCommunication) {
   ScriptedServer server(Script().expectRequest().reset());
   CorvaneRESTClient client(u"127.0.0.1", server.port(), kPersistent);
   EXPECT_EQ(exchangeError(client, 1).errorId, "ERR_SERVER_COMM_RECV");
+}
+
+// Misuse.
+
+constexpr auto kMisused = "ERR_INVALID_STATE";
+
+TEST(CorvaneRESTClient, AReceiveByHandThatNothingWasSentForIsRefused) {
+  ScriptedNetwork network(answer(plain(ok(1))));
+  auto client = clientFor(kPersistent);
+  EXPECT_EQ(runExchange(client, 1), ok(1).expected);
+  ClientResponse response;
+  expectRefusal(kMisused,
+                "it is not known whose reply would arrive next; only the one to a single request "
+                "that was sent by hand on a sound connection can be received by hand",
+                [&] { client.recvMesg(response); });
+}
+
+TEST(CorvaneRESTClient, AReplyThatIsOwedIsNotSkippedAsThatOfAKindWithoutOne) {
+  ScriptedNetwork network(Script().expectRequest().expectRequest().awaitClose());
+  auto client = clientFor(kPersistent);
+  EXPECT_EQ(runExchange(client, kAsynchAddDocument).errorId, "");
+  auto request = requestFor(1);
+  client.send(request);
+  ClientResponse response;
+  expectRefusal(kMisused,
+                "the request that was sent by hand has a reply, and requests of the kind of the "
+                "last exchange have none",
+                [&] { client.recvMesg(response); });
+}
+
+TEST(CorvaneRESTClient, AStreamIsNotReadIntoTheResponseOfAnotherExchange) {
+  const std::string text = chunked(replyNamed("StreamSearchWithFortyHits"), 400, true).text;
+  ScriptedNetwork network({answer(text), answer(text)});
+  auto client = clientFor(kPersistent);
+  auto request = requestFor(kStreamSearch);
+  ClientResponse first;
+  ClientResponse second;
+  client.sendAndRecvMesg(request, first);
+  client.sendAndRecvMesg(request, second);
+  expectRefusal(kMisused,
+                "another exchange has filled this response; the stream of the last exchange can be "
+                "read only into its own",
+                [&] { client.recv(first); });
+}
+
+TEST(CorvaneRESTClient, NothingIsSentByHandBehindARequestThatWasWrittenInPart) {
+  ScriptedNetwork network(silence());
+  auto client = clientFor(kPersistent);
+  network.failNextWrite(ENOBUFS);
+  EXPECT_EQ(exchangeError(client, 1).errorId, "ERR_CLIENT_INTERNAL");
+  auto request = requestFor(1);
+  expectRefusal(kMisused, "an earlier request was written in part; close the connection first",
+                [&] { client.send(request); });
+}
+
+TEST(CorvaneRESTClient, WhatIsNoRestOfAChunkedReplyIsRefused) {
+  ScriptedNetwork network(Script()
+                              .expectRequest()
+                              .send(kChunkedHead + chunk(std::string(8, '\0')))
+                              .expectRequest()
+                              .send("garbage\r\n")
+                              .awaitClose());
+  auto client = clientFor(kPersistent);
+  EXPECT_EQ(runExchange(client, kStreamSearch).errorId, "");
+  auto request = requestFor(kGetStatus);
+  ClientResponse response;
+  expectRefusal("ERR_CLIENT_RESP_PARSING",
+                "the rest of the reply before is not a chunked reply's, or has no end",
+                [&] { client.sendAndRecvMesg(request, response); });
+}
+
+TEST(CorvaneRESTClient, TheLimitOfAReplyHoldsForAllPortionsThatOneReceiveTakes) {
+  const std::string row = chunk(enveloped(record({{"Doc", std::string(200, 'd')}})));
+  const std::string first = chunk(kUninterpreted + enveloped(record({{"Doc", "d"}})));
+  const std::string further = row + row + row + chunk(bigEndian(0));
+  for (const std::size_t limit : {further.size(), further.size() - 1}) {
+    ScriptedNetwork network(answer(kChunkedHead + first + further + kLastChunk));
+    auto client = clientFor(kPersistent);
+    client.setMaxReplyBytes(limit);
+    auto request = requestFor(kParseResult);
+    ClientResponse response;
+    const auto exchange = [&] { client.sendAndRecvMesg(request, response); };
+    if (limit == further.size()) {
+      exchange();
+      EXPECT_EQ(response.getParseResponse().count(), 4U);
+    } else {
+      expectRefusal("ERR_CLIENT_RESP_PARSING",
+                    "the portions of the reply exceed the limit on its size", exchange);
+      EXPECT_TRUE(client.isEndOfStream());
+      EXPECT_TRUE(client.isTruncated());
+    }
+  }
 }
 
 // Cost.

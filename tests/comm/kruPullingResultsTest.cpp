@@ -209,7 +209,10 @@ TEST(PullingHits, OverABareConnectionIsMisuseAndChangesNothing) {
       response.getSearchResponse(client, streaming);
       FAIL() << "no exception";
     } catch (const RESTException& error) {
-      EXPECT_EQ(StaticDefs::ERR_INVALID_STATE, error.getMessageList().front().getMessageId());
+      const tq::oss::Message& message = error.getMessageList().front();
+      EXPECT_EQ(StaticDefs::ERR_INVALID_STATE, message.getMessageId());
+      EXPECT_EQ(u"this client speaks no protocol", message.getMessageText());
+      EXPECT_STREQ("kruClientResponse", message.getFileName());
     }
   }
   EXPECT_THROW(response.getParseResponse(client), RESTException);

@@ -364,6 +364,37 @@ TEST_F(KeptHeaderTest, IsTheMessagesOwnOnceTheMessageIsMade) {
   expectHeader(request);
 }
 
+/// How many messages write their header anew before one keeps it, which alone takes memory.
+int messagesBeforeOneKeepsItsHeader(ClientRequest& request) {
+  constexpr long kPlenty = 1000;
+  for (int written = 0; written < 1000; ++written) {
+    const test::RationedAllocations ration(kPlenty);
+    RESTMessage message(u"server", request);
+    if (ration.left() != kPlenty) return written;
+  }
+  return -1;
+}
+
+TEST_F(KeptHeaderTest, IsKeptFromTheSecondMessageOnAndAfterEachChangeLater) {
+  RESTMessage::initUrls();
+  ClientRequest request;
+  request.buildRequest(u"c1", ClientRequest::STREAM_SEARCH, properties({{"query", "x"}}));
+  for (const int written : {1, 2, 4, 8, 16, 32, 64, 64}) {
+    EXPECT_EQ(messagesBeforeOneKeepsItsHeader(request), written);
+    EXPECT_EQ(messagesBeforeOneKeepsItsHeader(request), -1) << "it is there now";
+    request.getReqProperties().putProperty(u"query", u"changed");
+  }
+}
+
+TEST_F(KeptHeaderTest, OfARequestThatIsBuiltAnewIsForgotten) {
+  RESTMessage::initUrls();
+  ClientRequest request;
+  for (int i = 0; i < 3; ++i) {
+    request.buildRequest(u"c1", ClientRequest::STREAM_SEARCH, properties({{"query", "x"}}));
+    EXPECT_EQ(messagesBeforeOneKeepsItsHeader(request), 1);
+  }
+}
+
 TEST_F(KeptHeaderTest, ThatThereIsNoMemoryForIsWrittenEachTime) {
   RESTMessage::initUrls();
   ClientRequest request;
@@ -419,12 +450,8 @@ TEST_F(RESTMessageTest, AKeyThatNoRequestCanCarryIsRefusedBeforeItIsRead) {
   build(3);
   request.setContent({{u"a", u"b"}}, nullptr, 0);
   request.setDocKey("x", std::numeric_limits<unsigned int>::max());
-  try {
-    RESTMessage message(u"server", request);
-    FAIL() << "no exception";
-  } catch (const RESTException& error) {
-    EXPECT_EQ(StaticDefs::ERR_CLIENT_INTERNAL, error.getMessageList().front().getMessageId());
-  }
+  expectRefusal("the document's key and metadata are longer than a request can carry",
+                [&] { RESTMessage(u"server", request); });
 }
 
 TEST_F(RESTMessageTest, ContentWithoutAKeyIsNotSent) {

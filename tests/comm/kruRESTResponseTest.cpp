@@ -1048,6 +1048,25 @@ TEST(RESTResponse, AFirstBodyTooShortForARecordIsDoneWithTheLastChunk) {
   }
 }
 
+TEST(RESTResponse, ChunksThatAFirstRecordIsSpreadOverAreTogetherNoLongerThanAnyReply) {
+  for (const bool fits : {true, false}) {
+    auto parser = parserFor(8);
+    parser.setMaxReplyBytes(std::numeric_limits<int>::max());
+    ClientResponse response;
+    bool done = false;
+    feed(parser, headers(200, "Transfer-Encoding: chunked\r\n") + "3\r\n", response, done);
+    EXPECT_EQ(feed(parser, "abc", response, done), 3) << "kept for the next chunk";
+    feed(parser, fits ? "\r\n7ffffffc\r\n" : "\r\n7ffffffd\r\n", response, done);
+    const auto raised = raisedBy([&] { feed(parser, "abc", response, done); });
+    ASSERT_EQ(raised.size(), fits ? 0U : 1U);
+    if (fits) continue;
+    EXPECT_EQ(raised[0].id, "ERR_CLIENT_RESP_PARSING");
+    EXPECT_EQ(raised[0].text,
+              "the chunks that the first record is spread over are longer than the limit");
+    EXPECT_EQ(raised[0].file, "kruRESTResponse");
+  }
+}
+
 // What the refusals of malformed replies say.
 
 struct Refused {

@@ -57,5 +57,6 @@ std::size_t lastBufferSize() { return lastSize; }
 
 RationedAllocations::RationedAllocations(long granted) { ration = granted; }
 RationedAllocations::~RationedAllocations() { ration = kUnlimited; }
+long RationedAllocations::left() const { return ration; }
 
 }  // namespace tq::comm::test

@@ -26,6 +26,9 @@ class RationedAllocations {
   ~RationedAllocations();
   RationedAllocations(const RationedAllocations&) = delete;
   RationedAllocations& operator=(const RationedAllocations&) = delete;
+
+  /// How many of those granted have not been used.
+  long left() const;
 };
 
 }  // namespace tq::comm::test
