@@ -41,15 +41,18 @@ void IndexUpdate::count() {
 }
 
 // Only the last change of each key counts. The earlier ones would cost time and could make a
-// deleted document visible between two transactions.
+// deleted document visible between two transactions. A batch that fits into a transaction is not
+// divided between two.
 bool IndexUpdate::apply() {
   const IndexLimits& limits = index_.limits();
   std::vector<Change> batch;
   std::size_t bytes = 0;
   bool more = true;
   const std::uint64_t end = part_.bytesRead() + kBytesPerCount;
-  while (batch.size() < limits.batchChanges && bytes < limits.batchBytes &&
-         part_.bytesRead() < end) {
+  const auto hasRoom = [&](std::size_t times) {
+    return batch.size() < times * limits.batchChanges && bytes < times * limits.batchBytes;
+  };
+  while ((hasRoom(1) && part_.bytesRead() < end) || (hasRoom(2) && part_.isInsideBatch())) {
     auto change = part_.next();
     more = change.has_value();
     if (!more) break;

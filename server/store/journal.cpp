@@ -39,6 +39,7 @@ Journal::Place Journal::append(const Change& change) {
   std::string entry = encodeEntry(change);
   const std::lock_guard lock(mutex_);
   requireHealthy();
+  if (change.kind == ChangeKind::Batch) mark_->allowBatches();
   numberEntry(entry, lastSequence_ + 1, durableSequence_);
   try {
     writeAll(current_->handle, entry, current_->path);
@@ -48,6 +49,7 @@ Journal::Place Journal::append(const Change& change) {
   }
   segments_.back().bytes += entry.size();
   segments_.back().lastSequence = ++lastSequence_;
+  segments_.back().changes += changesIn(change);
   return {++lastTicket_, {segments_.back().number, segments_.back().bytes}};
 }
 
@@ -138,28 +140,56 @@ JournalPart Journal::read(JournalPosition from, JournalPosition to) const {
 }
 
 std::optional<Change> JournalPart::next() {
+  while (entry_ || readEntry()) {
+    const std::size_t changes = changesIn(entry_->change);
+    std::optional<Change> change;
+    if (taken_ < changes) change = takeChange();
+    if (taken_ >= changes) {
+      bytesRead_ += entry_->bytes;
+      place_ = entry_->place + entry_->bytes;
+      taken_ = 0;
+      entry_.reset();
+    }
+    if (change) return change;
+  }
+  return std::nullopt;
+}
+
+bool JournalPart::readEntry() {
   for (; current_ < segments_.size(); ++current_, reader_.reset(), place_ = 0) {
     const Segment& segment = segments_[current_];
     place_ = std::max(place_, segment.from);
     if (place_ >= segment.to) continue;
     if (!reader_) reader_.emplace(segment.path, place_);
-    auto piece = reader_->next();
-    if (!piece) throwDamaged({segment.path, place_, "changes are missing"});
-    if (piece->kind != SegmentPiece::Kind::Change) {
-      throwDamaged({segment.path, piece->place, "this is not a change"});
-    }
-    bytesRead_ += piece->bytes;
-    place_ = piece->place + piece->bytes;
-    return std::move(piece->change);
+    entry_ = reader_->next();
+    if (!entry_) throwDamaged({segment.path, place_, "changes are missing"});
+    if (entry_->kind == SegmentPiece::Kind::Change) return true;
+    throwDamaged({segment.path, entry_->place, "this is not a change"});
   }
-  return std::nullopt;
+  return false;
+}
+
+Change JournalPart::takeChange() {
+  const std::size_t number = taken_++;
+  if (entry_->change.kind != ChangeKind::Batch) return std::move(entry_->change);
+  BatchChanges& changes = entry_->change.batch->changes;
+  if (number < changes.documents.size()) {
+    return {ChangeKind::Put, std::move(changes.documents[number])};
+  }
+  return {ChangeKind::Remove, {changes.deletions[number - changes.documents.size()], {}, {}}};
+}
+
+void JournalPart::closeFile() {
+  reader_.reset();
+  entry_.reset();
 }
 
 void JournalPart::rewind() {
   current_ = 0;
   place_ = 0;
   bytesRead_ = 0;
-  reader_.reset();
+  taken_ = 0;
+  closeFile();
 }
 
 void Journal::remove(std::uint64_t last) {
@@ -186,7 +216,9 @@ bool Journal::empty() const {
 
 std::uint64_t Journal::pending() const {
   const std::lock_guard lock(mutex_);
-  return lastSequence_ + 1 - std::min(mark_->range().first, lastSequence_ + 1);
+  std::uint64_t changes = 0;
+  for (const ScannedSegment& segment : segments_) changes += segment.changes;
+  return changes;
 }
 
 std::filesystem::path Journal::pathOf(std::uint64_t number) const {
@@ -206,7 +238,7 @@ void Journal::startSegment(std::uint64_t number) {
     std::filesystem::remove(file->path, ignored);
     throw;
   }
-  segments_.push_back({number, 0, 0});
+  segments_.push_back({number, 0, 0, 0});
   current_ = std::move(file);
 }
 

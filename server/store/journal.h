@@ -28,8 +28,9 @@ struct JournalPosition {
   auto operator<=>(const JournalPosition&) const = default;
 };
 
-/// The changes between two places of a journal, one by one. Used by one thread at a time, and by
-/// nobody once its segments are removed. Errors are ServerError(StorageFailed).
+/// The changes between two places of a journal, one by one, and those of a batch each by itself.
+/// Used by one thread at a time, and by nobody once its segments are removed. Errors are
+/// ServerError(StorageFailed).
 class JournalPart {
  public:
   struct Segment {
@@ -44,17 +45,25 @@ class JournalPart {
   std::optional<Change> next();
   /// Begins again.
   void rewind();
-  /// Until next() is called again.
-  void closeFile() { reader_.reset(); }
-  /// How much was read since the beginning.
+  /// Until next() is called again. A batch that has begun is then read once more.
+  void closeFile();
+  /// How much was read since the beginning. A batch counts at its end.
   std::uint64_t bytesRead() const { return bytesRead_; }
+  /// Whether the next change belongs to the same batch as the last one.
+  bool isInsideBatch() const { return taken_ > 0; }
 
  private:
+  bool readEntry();
+  Change takeChange();
+
   std::vector<Segment> segments_;
   std::size_t current_ = 0;
   std::uint64_t place_ = 0;
   std::uint64_t bytesRead_ = 0;
   std::optional<SegmentReader> reader_;
+  // What stands at place_, and how many of its changes have been taken.
+  std::optional<SegmentPiece> entry_;
+  std::size_t taken_ = 0;
 };
 
 /// The accepted changes of a collection that are not in its index yet, in order, on disk.
@@ -83,7 +92,8 @@ class Journal {
     JournalPosition end;
   };
 
-  /// Appends the change, not yet durably. If it throws, nothing was appended.
+  /// Appends the change, not yet durably. If it throws, nothing was appended. Programs that know
+  /// no batches refuse the journal from the first one on.
   Place append(const Change& change);
 
   /// Returns when everything up to the ticket is on disk. Threads that wait at the same time share
@@ -110,7 +120,10 @@ class Journal {
   /// True if no segment holds a change.
   bool empty() const;
 
-  /// The number of changes in the segments, without those of the earlier form.
+  /// Whether it may have batches.
+  bool allowsBatches() const { return mark_->allowsBatches(); }
+
+  /// The number of changes in the segments, those of batches each counted by itself.
   std::uint64_t pending() const;
 
  private:

@@ -6,6 +6,8 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
+#include <string_view>
 #include <utility>
 
 #include "server/store/files.h"
@@ -31,7 +33,8 @@ struct MarkedRange {
 /// this is not a change. Bytes 512 and 1024 begin a slot each, which are written in turn: a write
 /// that is cut off leaves the other one.
 ///
-///     0   4  "KRM2"
+///     0   4  "KRM2"; "KRM3" in format 3, of journals that may have batches: programs that know
+///            only format 2 could take the last batch for a change that was being written
 ///     4   8  first
 ///     12  8  durable
 ///     20  4  CRC-32 of the bytes before
@@ -50,6 +53,11 @@ class JournalMark {
 
   MarkedRange range() const;
 
+  /// Whether the journal may have batches.
+  bool allowsBatches() const;
+  /// Lets it have batches, durably.
+  void allowBatches();
+
   /// The changes up to `sequence` are on disk. A crash of the machine may lose this, since it is
   /// not brought to disk: that would double the time of every change.
   void setDurable(std::uint64_t sequence);
@@ -60,15 +68,29 @@ class JournalMark {
   static std::filesystem::path pathIn(const std::filesystem::path& directory);
 
  private:
-  JournalMark(std::filesystem::path path, MarkedRange range, std::size_t nextSlot)
-      : path_(std::move(path)), range_(range), nextSlot_(nextSlot) {}
+  /// What a slot holds.
+  struct Slot {
+    MarkedRange range;
+    bool batches = false;
+  };
+
+  JournalMark(std::filesystem::path path, Slot slot, std::size_t nextSlot)
+      : path_(std::move(path)), range_(slot.range), batches_(slot.batches), nextSlot_(nextSlot) {}
+
+  static std::string encoded(const Slot& slot);
+  static std::optional<Slot> decoded(std::string_view bytes);
+  static std::optional<Slot> readSlot(const FileHandle& file, std::size_t slot,
+                                      const std::filesystem::path& path);
+  static void makeFile(const std::filesystem::path& path, const Slot& slot);
 
   void write(const FileHandle& file, MarkedRange range);
 
   const std::filesystem::path path_;
   mutable std::mutex mutex_;
-  MarkedRange range_;     // Guarded by mutex_.
-  std::size_t nextSlot_;  // Guarded by mutex_.
+  // Guarded by mutex_.
+  MarkedRange range_;
+  bool batches_;
+  std::size_t nextSlot_;
 };
 
 }  // namespace corvaned

@@ -76,7 +76,7 @@ void JournalScan::readSegment(std::uint64_t number, bool isLast) {
   path_ = segmentPath(directory_, number);
   end_ = 0;
   SegmentReader reader(path_);
-  ScannedSegment segment{number, 0, 0};
+  ScannedSegment segment{number, 0, 0, 0};
   while (auto piece = reader.next()) {
     if (isLast && piece->kind != Kind::Change && isUnfinished(*piece)) break;
     take(std::move(*piece), segment);
@@ -103,6 +103,7 @@ void JournalScan::take(SegmentPiece&& piece, ScannedSegment& segment) {
   if (piece.kind != Kind::Change) return reportBad(piece);
   end_ = segment.bytes = piece.place + piece.bytes;
   if (piece.sequence) segment.lastSequence = *piece.sequence;
+  segment.changes += changesIn(piece.change);
   onChange_(segment.number, std::move(piece.change));
 }
 

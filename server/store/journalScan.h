@@ -32,6 +32,8 @@ struct ScannedSegment {
   std::uint64_t bytes = 0;
   /// Of its last change; 0 if it has none with a number.
   std::uint64_t lastSequence = 0;
+  /// How many changes it has, those of batches each counted by itself.
+  std::uint64_t changes = 0;
 };
 
 struct JournalContents {

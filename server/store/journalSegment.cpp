@@ -37,6 +37,41 @@ bool takeText(ByteReader& reader, std::string& text) {
   return bytes.has_value();
 }
 
+// Each of those that are counted takes some bytes.
+std::optional<std::uint32_t> takeCount(ByteReader& reader) {
+  const auto count = reader.u32();
+  return count && *count <= reader.remaining() ? count : std::nullopt;
+}
+
+bool takeDocument(ByteReader& reader, Document& document) {
+  if (!takeText(reader, document.key)) return false;
+  const auto pairs = takeCount(reader);
+  if (!pairs) return false;
+  for (std::uint32_t i = 0; i < *pairs; ++i) {
+    auto& [name, value] = document.metadata.emplace_back();
+    if (!takeText(reader, name) || !takeText(reader, value)) return false;
+  }
+  return takeText(reader, document.content);
+}
+
+bool takeBatch(ByteReader& reader, BatchEntry& batch) {
+  if (!takeText(reader, batch.name) || !takeText(reader, batch.digest)) return false;
+  const auto unknown = reader.u32();
+  if (!unknown || !takeText(reader, batch.changes.newMark)) return false;
+  batch.unknown = *unknown;
+  const auto documents = takeCount(reader);
+  if (!documents) return false;
+  for (std::uint32_t i = 0; i < *documents; ++i) {
+    if (!takeDocument(reader, batch.changes.documents.emplace_back())) return false;
+  }
+  const auto deletions = takeCount(reader);
+  if (!deletions) return false;
+  for (std::uint32_t i = 0; i < *deletions; ++i) {
+    if (!takeText(reader, batch.changes.deletions.emplace_back())) return false;
+  }
+  return true;
+}
+
 /// False if the payload ends early, or not where the change does; `change` then holds what came
 /// before.
 bool decodePayload(std::string_view payload, Change& change) {
@@ -44,15 +79,36 @@ bool decodePayload(std::string_view payload, Change& change) {
   const auto kind = reader.take(1);
   if (!kind) return false;
   change.kind = static_cast<ChangeKind>(kind->front());
-  if (change.kind != ChangeKind::Put && change.kind != ChangeKind::Remove) return false;
-  if (!takeText(reader, change.document.key)) return false;
-  const auto pairs = reader.u32();
-  if (!pairs || *pairs > reader.remaining()) return false;
-  for (std::uint32_t i = 0; i < *pairs; ++i) {
-    auto& [name, value] = change.document.metadata.emplace_back();
-    if (!takeText(reader, name) || !takeText(reader, value)) return false;
+  switch (change.kind) {
+    case ChangeKind::Put:
+    case ChangeKind::Remove:
+      return takeDocument(reader, change.document) && reader.empty();
+    case ChangeKind::Batch:
+      change.batch = std::make_shared<BatchEntry>();
+      return takeBatch(reader, *change.batch) && reader.empty();
   }
-  return takeText(reader, change.document.content) && reader.empty();
+  return false;
+}
+
+void appendDocument(std::string& out, const Document& document) {
+  appendText(out, document.key);
+  appendU32(out, static_cast<std::uint32_t>(document.metadata.size()));
+  for (const auto& [name, value] : document.metadata) {
+    appendText(out, name);
+    appendText(out, value);
+  }
+  appendText(out, document.content);
+}
+
+void appendBatch(std::string& out, const BatchEntry& batch) {
+  appendText(out, batch.name);
+  appendText(out, batch.digest);
+  appendU32(out, batch.unknown);
+  appendText(out, batch.changes.newMark);
+  appendU32(out, static_cast<std::uint32_t>(batch.changes.documents.size()));
+  for (const Document& document : batch.changes.documents) appendDocument(out, document);
+  appendU32(out, static_cast<std::uint32_t>(batch.changes.deletions.size()));
+  for (const std::string& key : batch.changes.deletions) appendText(out, key);
 }
 
 bool isWholeHeader(std::string_view header) {
@@ -70,16 +126,13 @@ void keepKeyOnly(Change& change) {
 }  // namespace
 
 std::string encodeEntry(const Change& change) {
-  const Document& document = change.document;
   std::string entry(kHeader, '\0');
   entry += static_cast<char>(change.kind);
-  appendText(entry, document.key);
-  appendU32(entry, static_cast<std::uint32_t>(document.metadata.size()));
-  for (const auto& [name, value] : document.metadata) {
-    appendText(entry, name);
-    appendText(entry, value);
+  if (change.kind == ChangeKind::Batch) {
+    appendBatch(entry, *change.batch);
+  } else {
+    appendDocument(entry, change.document);
   }
-  appendText(entry, document.content);
   const std::string_view payload = std::string_view(entry).substr(kHeader);
   std::string start(kMagic);
   appendU32(start, static_cast<std::uint32_t>(payload.size()));

@@ -22,6 +22,10 @@ namespace corvaned {
 //     32     payload: kind (1 byte), then texts with 4-byte lengths: the key, the number of
 //            metadata pairs and their names and values, the content
 //
+// The payload of a batch goes on, after the kind, with the batch's name, its digest, the number of
+// deletions that found nothing, and the new mark; then with the number of documents, each as above
+// from the key on, and with the number of deletions and their keys.
+//
 // The header's own checksum says where the next entry begins although this one's payload is
 // damaged, and the second number which earlier entries were acknowledged for certain.
 //

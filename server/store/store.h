@@ -99,6 +99,55 @@ struct ParseOutcome {
   std::string messageText;
 };
 
+/// What a batch changes: documents to add, keys to delete, and the mark that the collection then
+/// has; empty if that stays. No key comes twice.
+struct BatchChanges {
+  std::vector<Document> documents;
+  std::vector<std::string> deletions;
+  std::string newMark;
+};
+
+/// Changes of a batch that are impossible.
+struct Refusals {
+  static constexpr std::size_t kNamed = 100;
+
+  std::uint64_t count = 0;
+  /// The first of them, with the reasons; without a key where it is not known.
+  std::vector<ParseOutcome> first{};
+
+  void add(ParseOutcome&& refused) {
+    if (++count <= kNamed) first.push_back(std::move(refused));
+  }
+};
+
+/// Changes that are accepted together or not at all, and once.
+struct Batch {
+  /// 1 to kMaxBatchName bytes.
+  std::string name;
+  BatchChanges changes;
+  /// The mark that the collection must have, or kNoMark; empty if that does not matter.
+  std::string expectedMark;
+  /// Whether a key to delete must have a document.
+  bool keysMustExist = false;
+  /// What is known already to be impossible. If there is anything, the batch is refused.
+  Refusals refused;
+};
+
+constexpr std::size_t kMaxBatchName = 128;
+constexpr std::size_t kMaxMark = 128;
+/// The mark of a collection that has none.
+constexpr std::string_view kNoMark = "none";
+
+/// What became of a batch.
+struct BatchOutcome {
+  std::uint64_t documents = 0;
+  std::uint64_t deletions = 0;
+  /// How many of the deletions found no document.
+  std::uint64_t unknown = 0;
+  /// If there are any, nothing was changed.
+  Refusals refused{};
+};
+
 enum class CollectionState {
   /// Every accepted change is searchable.
   Current,

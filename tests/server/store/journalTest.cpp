@@ -3,12 +3,15 @@
 
 #include <fstream>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "server/base/errors.h"
+#include "server/store/checksum.h"
 #include "server/store/journal.h"
 #include "tests/server/store/descriptorLimit.h"
 #include "tests/server/store/fileSizeLimit.h"
@@ -23,6 +26,16 @@ using ::testing::IsEmpty;
 
 Change put(const std::string& key, const std::string& content = "text") {
   return {ChangeKind::Put, {key, {{"a", "b"}, {"c", std::string("\0x", 2)}}, content}};
+}
+
+Change batchOf(const std::string& name, std::vector<Document> documents,
+               std::vector<std::string> deletions) {
+  BatchEntry entry{name, "digest", 3, {std::move(documents), std::move(deletions), "mark"}};
+  return {ChangeKind::Batch, {}, std::make_shared<BatchEntry>(std::move(entry))};
+}
+
+Change batchOfThree(const std::string& name) {
+  return batchOf(name, {put(name + "a").document, {name + "b", {}, ""}}, {name + "c"});
 }
 
 class JournalTest : public ::testing::Test {
@@ -76,6 +89,149 @@ TEST_F(JournalTest, ChangesAreFoundAgainWholeAndInOrder) {
   EXPECT_EQ(changes[0].document.content, "text");
   EXPECT_EQ(changes[1].kind, ChangeKind::Remove);
   EXPECT_EQ(changes[1].document.key, std::string("k\0\xFF", 3));
+}
+
+TEST_F(JournalTest, BatchIsFoundAgainWhole) {
+  {
+    Journal journal = open();
+    EXPECT_FALSE(journal.allowsBatches());
+    journal.sync(journal.append(batchOfThree("n")).ticket);
+    EXPECT_TRUE(journal.allowsBatches());
+    EXPECT_EQ(journal.pending(), 3U);
+  }
+  std::vector<Change> changes;
+  const Journal journal(directory_.path(), [&](std::uint64_t, Change&& change) {
+    changes.push_back(std::move(change));
+  });
+  EXPECT_TRUE(journal.allowsBatches());
+  EXPECT_EQ(journal.pending(), 3U);
+  ASSERT_EQ(changes.size(), 1U);
+  ASSERT_EQ(changes[0].kind, ChangeKind::Batch);
+  const BatchEntry& batch = *changes[0].batch;
+  EXPECT_EQ(batch.name, "n");
+  EXPECT_EQ(batch.digest, "digest");
+  EXPECT_EQ(batch.unknown, 3U);
+  EXPECT_EQ(batch.changes.newMark, "mark");
+  ASSERT_EQ(batch.changes.documents.size(), 2U);
+  EXPECT_EQ(batch.changes.documents[0].key, "na");
+  EXPECT_EQ(batch.changes.documents[0].metadata, put("").document.metadata);
+  EXPECT_EQ(batch.changes.documents[0].content, "text");
+  EXPECT_EQ(batch.changes.documents[1].key, "nb");
+  EXPECT_THAT(batch.changes.deletions, ElementsAre("nc"));
+}
+
+TEST_F(JournalTest, BatchThatIsCutOrDamagedIsDroppedWhole) {
+  {
+    Journal journal = open();
+    journal.append(put("k1"));
+  }
+  const std::size_t one = bytesOf(1).size();
+  {
+    Journal journal = open();
+    journal.append(batchOfThree("n"));
+  }
+  const std::string whole = bytesOf(1);
+  for (std::size_t length = one; length < whole.size(); ++length) {
+    rewrite(1, whole.substr(0, length));
+    open();
+    EXPECT_THAT(found_, ElementsAre("k1")) << length;
+  }
+  for (std::size_t bit = one * 8; bit < whole.size() * 8; ++bit) {
+    std::string bytes = whole;
+    bytes[bit / 8] = static_cast<char>(bytes[bit / 8] ^ (1 << bit % 8));
+    rewrite(1, bytes);
+    open();
+    EXPECT_THAT(found_, ElementsAre("k1")) << bit;
+  }
+}
+
+TEST_F(JournalTest, AcknowledgedBatchThatIsDamagedIsReported) {
+  {
+    Journal journal = open();
+    journal.sync(journal.append(batchOfThree("n")).ticket);
+  }
+  const std::string whole = bytesOf(1);
+  for (std::size_t place = 0; place < whole.size(); ++place) {
+    std::string bytes = whole;
+    bytes[place] = static_cast<char>(bytes[place] ^ 1);
+    rewrite(1, bytes);
+    EXPECT_THROW(open(), ServerError) << place;
+  }
+}
+
+// Sizes that lead past the end, with a checksum that fits.
+TEST_F(JournalTest, BatchWhoseCountsCannotBeIsNoChange) {
+  const auto withCount = [](std::size_t place, char value) {
+    std::string entry = encodeEntry(batchOf("n", {{"k", {}, ""}}, {"d"}));
+    entry[32 + place] = value;
+    const std::uint32_t sum = checksumOf(std::string_view(entry).substr(32));
+    for (std::size_t i = 0; i < 4; ++i) entry[8 + i] = static_cast<char>(sum >> (24 - 8 * i));
+    numberEntry(entry, 1, 0);
+    return entry;
+  };
+  // kind, name, digest, unknown, mark, then the number of documents
+  const std::size_t documents = 1 + 5 + 10 + 4 + 8;
+  const std::size_t deletions = documents + 4 + 5 + 4 + 4;
+  for (const std::size_t place : {documents, deletions}) {
+    for (const char value : {'\x7F', '\xFF'}) {
+      open();
+      rewrite(1, withCount(place, value));
+      open();
+      EXPECT_THAT(found_, IsEmpty()) << place;
+    }
+    rewrite(1, withCount(place, 0));
+    std::size_t batches = 0;
+    Journal(directory_.path(), [&](std::uint64_t, Change&&) { ++batches; });
+    EXPECT_EQ(batches, 1U) << "it is the right place";
+  }
+}
+
+TEST_F(JournalTest, ProgramsThatKnowNoBatchesRefuseTheJournal) {
+  {
+    Journal journal = open();
+    journal.sync(journal.append(put("k1")).ticket);
+  }
+  EXPECT_THAT(bytesOf(0), HasSubstr("KRM2"));
+  {
+    Journal journal = open();
+    journal.sync(journal.append(batchOfThree("n")).ticket);
+    journal.append(put("k2"));
+    journal.rotate();
+  }
+  EXPECT_THAT(bytesOf(0), ::testing::Not(HasSubstr("KRM2")));
+  EXPECT_THAT(bytesOf(0), HasSubstr("format 3"));
+  EXPECT_EQ(bytesOf(0).size(), 1048U);
+  const auto mark = JournalMark::open(directory_.path());
+  EXPECT_EQ(mark->range().durable, 3U);
+  EXPECT_TRUE(mark->allowsBatches());
+}
+
+TEST_F(JournalTest, ChangesOfABatchAreReadOneByOneAndCountAtItsEnd) {
+  Journal journal = open();
+  journal.append(put("k1"));
+  const JournalPosition before = journal.end();
+  journal.append(batchOfThree("n"));
+  const std::uint64_t batchBytes = journal.end().bytes - before.bytes;
+  journal.append(batchOf("empty", {}, {}));
+  journal.append(put("k2"));
+  JournalPart part = journal.read(before, journal.end());
+  for (int round = 0; round < 3; ++round) {
+    std::vector<std::pair<ChangeKind, std::string>> changes;
+    while (const auto change = part.next()) {
+      changes.emplace_back(change->kind, change->document.key);
+      EXPECT_EQ(part.isInsideBatch(), changes.size() < 3);
+      if (changes.size() < 4) {
+        EXPECT_EQ(part.bytesRead(), changes.size() < 3 ? 0U : batchBytes);
+      }
+      if (round > 0) part.closeFile();
+    }
+    EXPECT_THAT(changes,
+                ElementsAre(std::pair(ChangeKind::Put, "na"), std::pair(ChangeKind::Put, "nb"),
+                            std::pair(ChangeKind::Remove, "nc"), std::pair(ChangeKind::Put, "k2")));
+    part.rewind();
+    EXPECT_EQ(part.next()->document.content, "text");
+    part.rewind();
+  }
 }
 
 TEST_F(JournalTest, LastChangeIsDroppedWhereverItIsCutAndNothingElse) {
