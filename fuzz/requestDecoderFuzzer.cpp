@@ -81,9 +81,28 @@ class EmptyStore : public corvaned::Store {
     addDocument(name, document);
   }
   void reportOutcome(const std::string& name, corvaned::ParseOutcome) override { named(name); }
-  void deleteDocument(const std::string& name, const std::string& key) override {
+  void deleteDocument(const std::string& name, const std::string& key, bool) override {
     named(name);
-    require(!key.empty() && key.size() <= corvaned::kMaxKeyBytes, "what is deleted has a key");
+    hasKey(key);
+  }
+  corvaned::BatchOutcome apply(const std::string& name, corvaned::Batch batch) override {
+    named(name);
+    require(!batch.name.empty(), "a batch has a name");
+    std::set<std::string> keys;
+    for (const corvaned::Document& document : batch.changes.documents) {
+      hasKey(document.key);
+      require(keys.insert(document.key).second, "no key comes twice in a batch");
+    }
+    for (const std::string& key : batch.changes.deletions) {
+      hasKey(key);
+      require(keys.insert(key).second, "no key comes twice in a batch");
+    }
+    return {keys.size(), 0, 0, std::move(batch.refused)};
+  }
+  corvaned::BatchOutcome batchOutcome(const std::string& name, const std::string& batch) override {
+    named(name);
+    require(!batch.empty(), "a batch has a name");
+    return {1, 2, 1};
   }
   void updateIndex(const std::string& name) override { named(name); }
   std::vector<corvaned::ParseOutcome> takeParseOutcomes(const std::string& name) override {
@@ -135,6 +154,9 @@ class EmptyStore : public corvaned::Store {
   }
 
  private:
+  static void hasKey(const std::string& key) {
+    require(!key.empty() && key.size() <= corvaned::kMaxKeyBytes, "what is changed has a key");
+  }
   static void hasQuery(const corvaned::SearchQuery& query) {
     require(query.everything || !query.text.empty(), "a search that reaches the store has a query");
   }

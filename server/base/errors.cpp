@@ -50,6 +50,16 @@ std::string_view messageId(ErrorKind kind) {
       return "ZVK0024E";
     case ErrorKind::VersionMismatch:
       return "ZVK0025E";
+    case ErrorKind::BatchRefused:
+      return "ZVK0030E";
+    case ErrorKind::OtherBatch:
+      return "ZVK0031E";
+    case ErrorKind::OtherMark:
+      return "ZVK0032E";
+    case ErrorKind::UnknownBatch:
+      return "ZVK0033E";
+    case ErrorKind::UnknownDocument:
+      return "ZVK0034E";
     case ErrorKind::Internal:
       break;
   }

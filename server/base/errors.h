@@ -32,6 +32,11 @@ enum class ErrorKind {
   Forbidden,
   UnknownParameter,
   VersionMismatch,
+  BatchRefused,
+  OtherBatch,
+  OtherMark,
+  UnknownBatch,
+  UnknownDocument,
   Internal,
 };
 

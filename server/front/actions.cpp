@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "server/base/errors.h"
+#include "server/front/batches.h"
 #include "server/front/documentBlock.h"
 #include "server/front/documentText.h"
 #include "server/front/reports.h"
@@ -143,15 +144,20 @@ Reply onCollection(const Service& service, Request& request) {
 Reply addDocument(const Service& service, Request& request) {
   const std::string collection = collectionOf(request);
   const std::string charset = charsetOf(request);
+  const auto prepare = [&](Document& document) {
+    document.content = toUtf8(std::move(document.content), charset);
+  };
+  if (bringsBatch(request)) return applyBatch(service, request, prepare);
   Document document = requireDocument(request);
-  document.content = toUtf8(std::move(document.content), charset);
+  prepare(document);
   service.store.addDocument(collection, document);
   return DoneReply{};
 }
 
 Reply deleteDocument(const Service& service, Request& request) {
   const std::string collection = collectionOf(request);
-  service.store.deleteDocument(collection, requireDocument(request).key);
+  const bool mustExist = chooses(request, words().mustExist, words().yes, words().no);
+  service.store.deleteDocument(collection, requireDocument(request).key, mustExist);
   return DoneReply{};
 }
 
@@ -177,6 +183,7 @@ Reply queueDocument(const Service& service, Request& request) {
 
 Reply parseResult(const Service& service, Request& request) {
   if (asksForReport(request)) return report(service, request);
+  if (!request.header(words().batch).empty()) return batchOutcome(service, request);
   return OutcomesReply{service.store.takeParseOutcomes(collectionOf(request))};
 }
 
@@ -291,8 +298,13 @@ constexpr std::array<Parameter, 5> kDocument{{{&Words::documentType, kText},
                                               {&Words::mimeType, kPlainText}}};
 // The parameters of single actions.
 constexpr std::array<Parameter, 2> kCreate{{{&Words::language}, {&Words::refresh}}};
-constexpr std::array<Parameter, 1> kAdd{{{&Words::useQueue, kNo}}};
+constexpr std::array<Parameter, 5> kAdd{{{&Words::useQueue, kNo},
+                                         {&Words::batch},
+                                         {&Words::expectedMark},
+                                         {&Words::newMark},
+                                         {&Words::mustExist}}};
 constexpr std::array<Parameter, 1> kQueue{{{&Words::useQueue, kYes}}};
+constexpr std::array<Parameter, 1> kDelete{{{&Words::mustExist}}};
 constexpr std::array<Parameter, 1> kUpdate{{{&Words::incremental, kYes}}};
 constexpr std::array<Parameter, 11> kSearch{{{&Words::query},
                                              {&Words::mode},
@@ -307,7 +319,8 @@ constexpr std::array<Parameter, 11> kSearch{{{&Words::query},
                                              {&Words::upTo}}};
 constexpr std::array<Parameter, 3> kSelectivity{
     {{&Words::query}, {&Words::mode, kSelectivityMode}, {&Words::exactHits}}};
-constexpr std::array<Parameter, 6> kReport{{{&Words::report},
+constexpr std::array<Parameter, 7> kReport{{{&Words::report},
+                                            {&Words::batch},
                                             {&Words::query},
                                             {&Words::after},
                                             {&Words::upTo},
@@ -365,7 +378,12 @@ constexpr std::array<Action, 19> kActions{{
      Right::Write,
      {kCollection, kDocument, kQueue},
      queueDocument},
-    {"deleteDocument", Workload::Write, kAlways, Right::Write, {kCollection}, deleteDocument},
+    {"deleteDocument",
+     Workload::Write,
+     kAlways,
+     Right::Write,
+     {kCollection, kDelete},
+     deleteDocument},
     {"updateIndex",
      Workload::Index,
      kAlways,

@@ -46,7 +46,10 @@ std::array<char, kReadBytes>& readBuffer() {
 }
 
 std::size_t copiesOf(const Request& request) {
-  if (request.header(words().match) == words().severalDocuments) return kManyDocumentsCopies;
+  if (request.header(words().match) == words().severalDocuments ||
+      !request.header(words().batch).empty()) {
+    return kManyDocumentsCopies;
+  }
   std::size_t growth = 1;
   for (const std::string& name : {words().charset, words().knownCharset}) {
     const std::string charset(request.header(name));

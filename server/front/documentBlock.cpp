@@ -73,6 +73,44 @@ std::string_view firstBlock(std::string_view bytes) {
       0, bytes.size() - reader.remaining() + std::min<std::size_t>(following, reader.remaining()));
 }
 
+/// Sorts the blocks of a batch.
+class BatchParser {
+ public:
+  explicit BatchParser(BatchBlocks& batch) : batch_(batch) {}
+
+  void take(std::string_view block) {
+    ++number_;
+    std::string key;
+    try {
+      DocumentBlock parsed = parseDocumentBlock(std::string(block));
+      key = parsed.document.key;
+      if (parsed.terminate) return beginDeletions();
+      if (!keys_.insert(key).second) refuseDocument("an earlier one has the same key");
+      if (!deleting_) return batch_.documents.push_back(std::move(parsed.document));
+      if (!parsed.document.content.empty()) refuseDocument("it is to be deleted and has content");
+      batch_.deletions.push_back(std::move(key));
+    } catch (const ServerError& error) {
+      batch_.refused.add({std::move(key), std::string(messageId(error.kind())),
+                          fmt::format("block {}: {}", number_, error.what())});
+    }
+  }
+
+ private:
+  [[noreturn]] static void refuseDocument(const char* why) {
+    throw ServerError(ErrorKind::BadDocument, why);
+  }
+
+  void beginDeletions() {
+    if (deleting_) refuseDocument("there is a second end-of-documents record");
+    deleting_ = true;
+  }
+
+  BatchBlocks& batch_;
+  std::set<std::string> keys_;
+  std::size_t number_ = 0;
+  bool deleting_ = false;
+};
+
 Document takeDocument(std::string_view block, std::size_t number) {
   try {
     DocumentBlock parsed = parseDocumentBlock(std::string(block));
@@ -150,6 +188,19 @@ std::vector<Document> parseDocumentBlocks(std::string_view bytes) {
         fmt::format("document {}: an earlier one has the same key", documents.size()));
   }
   return documents;
+}
+
+BatchBlocks parseBatchBlocks(std::string_view bytes) {
+  BatchBlocks batch;
+  BatchParser parser(batch);
+  while (!bytes.empty()) {
+    const std::string_view block = firstBlock(bytes);
+    parser.take(block);
+    // Where the next one begins is not known.
+    if (block.size() < kLengthWords) break;
+    bytes.remove_prefix(block.size());
+  }
+  return batch;
 }
 
 }  // namespace corvaned

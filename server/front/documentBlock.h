@@ -34,6 +34,19 @@ std::string documentPrefix(const Document& document);
 /// of the block that is wrong, counted from 1, and if two of the documents have the same key.
 std::vector<Document> parseDocumentBlocks(std::string_view bytes);
 
+/// What a batch consists of.
+struct BatchBlocks {
+  std::vector<Document> documents;
+  /// The keys of documents to delete.
+  std::vector<std::string> deletions;
+  /// What of it is wrong.
+  Refusals refused;
+};
+
+/// Decodes blocks that stand back to back: those of documents, and after an end-of-documents record
+/// those of keys to delete. No key comes twice.
+BatchBlocks parseBatchBlocks(std::string_view bytes);
+
 /// Maximum length of a key in bytes.
 constexpr std::size_t kMaxKeyBytes = 128;
 /// Maximum number of metadata pairs. A pair takes 8 bytes when it is empty, and many times as much

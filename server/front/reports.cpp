@@ -36,6 +36,9 @@ constexpr std::uint64_t kUsualCollections = 100;
 constexpr std::array<Word, 5> kOfReports{&Words::query, &Words::after, &Words::upTo, &Words::size,
                                          &Words::every};
 
+// What getParseResult takes where it makes no report.
+constexpr std::array<Word, 1> kOfOutcomes{&Words::batch};
+
 std::uint64_t linesWanted(const Request& request, std::uint64_t usually) {
   std::uint64_t lines = usually;
   readNumber(request, words().size, lines);
@@ -48,8 +51,9 @@ std::uint64_t linesWanted(const Request& request, std::uint64_t usually) {
 ReportReply::Line collectionLine(Store& store, const std::string& name) {
   const CollectionSummary summary = store.summary(name);
   return {name, kCollectionLine,
-          fmt::format("documents={} pending={} bytes={} language={}", summary.documents,
-                      summary.pending, summary.bytes, summary.language)};
+          fmt::format("documents={} pending={} bytes={} language={} refresh={} mark={}",
+                      summary.documents, summary.pending, summary.bytes, summary.language,
+                      summary.refresh, summary.mark.empty() ? kNoMark : summary.mark)};
 }
 
 // Damage of one collection must not hide the others. One that is gone meanwhile has no line.
@@ -210,9 +214,8 @@ bool asksForReport(const Request& request) {
 
 Reply report(const Service& service, const Request& request) {
   const Report& wanted = reportNamed(request);
-  for (const Word name : kOfReports) {
-    requireTaken(wanted, request, name);
-  }
+  for (const Word name : kOfReports) requireTaken(wanted, request, name);
+  for (const Word name : kOfOutcomes) requireTaken(wanted, request, name);
   if (!wanted.ofCollection) {
     for (const Word name : {&Words::collection, &Words::collectionName}) {
       requireTaken(wanted, request, name);

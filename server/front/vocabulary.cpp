@@ -42,6 +42,10 @@ void addNames(Words& words) {
   words.every = "every";
   words.language = utf8(Defs::PARAM_LANGUAGE);
   words.refresh = "refresh";
+  words.batch = "batch";
+  words.expectedMark = "expectedMark";
+  words.newMark = "newMark";
+  words.mustExist = "mustExist";
   words.documentType = utf8(Defs::PARAM_DOCUMENT_TYPE);
   words.knownDocumentType = utf8(Defs::PARAM_KNOWN_DOCUMENT_TYPE);
   words.charset = utf8(Defs::PARAM_CHARSET);

@@ -24,6 +24,10 @@ const std::filesystem::path& complete(const std::filesystem::path& directory) {
   if (!hasSums && mark && mark->range() != MarkedRange{}) {
     throwDamaged({IndexSums::pathIn(directory), 0, "the file is missing"});
   }
+  const std::filesystem::path batches = BatchMemory::pathIn(directory);
+  if (mark && mark->allowsBatches() && !std::filesystem::exists(batches)) {
+    throwDamaged({batches, 0, "the file is missing"});
+  }
   return directory;
 }
 
@@ -41,9 +45,12 @@ std::uint64_t bytesIn(const std::filesystem::path& directory) {
   return bytes;
 }
 
+MemoryBudget::Share emptyShare(const StoreLimits& limits) {
+  return limits.index.memory ? MemoryBudget::Share(*limits.index.memory) : MemoryBudget::Share();
+}
+
 MemoryBudget::Share memoryFor(const StoreLimits& limits) {
-  if (!limits.index.memory) return {};
-  MemoryBudget::Share share(*limits.index.memory);
+  MemoryBudget::Share share = emptyShare(limits);
   if (share.resize(Collection::kOpenBytes, MemoryBudget::Use::Small)) return share;
   throw ServerError(ErrorKind::TryAgain,
                     "there is no memory for one more open collection; try again, or raise "
@@ -76,19 +83,26 @@ Collection::Collection(std::string name, const std::filesystem::path& directory,
       memory_(memoryFor(limits)),
       descriptors_(descriptorsFor(limits)),
       outcomes_(std::move(outcomes)),
-      journal_(
-          directory,
-          [&](std::uint64_t segment, Change&& change) {
-            if (stopping_) throw ServerError(ErrorKind::TryAgain, "the server is stopping");
-            // Where changes are searchable when they are acknowledged, the index has lost the
-            // document already, and may have a newer one of the same key.
-            if (change.kind == ChangeKind::Remove && refresh_.mode != Refresh::Mode::Immediate) {
-              hide({segment, 0}, change.document.key);
-            }
-          }),
+      batches_(directory, emptyShare(limits)),
+      pendingKeys_(emptyShare(limits)),
+      journal_(directory,
+               [&](std::uint64_t segment, Change&& change) {
+                 if (stopping_) throw ServerError(ErrorKind::TryAgain, "the server is stopping");
+                 noteReplayed(segment, change);
+               }),
       index_(directory, limits.index) {
   memory_.force(kOpenBytes + index_.bytesOfSums());
   overdue_ = refresh_.mode != Refresh::Mode::Manual && !journal_.empty();
+}
+
+void Collection::noteReplayed(std::uint64_t segment, const Change& change) {
+  if (change.kind == ChangeKind::Batch) batches_.note(*change.batch, 0);
+  // Where changes are searchable when they are acknowledged, the index has lost the document
+  // already, and may have a newer one of the same key.
+  if (refresh_.mode == Refresh::Mode::Immediate) return;
+  if (change.kind == ChangeKind::Remove) hide({segment, 0}, change.document.key);
+  if (change.kind != ChangeKind::Batch) return;
+  for (const std::string& key : change.batch->changes.deletions) hide({segment, 0}, key);
 }
 
 std::shared_ptr<Ticket> Collection::add(const Document& document) {
@@ -96,7 +110,7 @@ std::shared_ptr<Ticket> Collection::add(const Document& document) {
   const Journal::Place place = append({ChangeKind::Put, document});
   requestEarly(place);
   // A round syncs the journal for all who wait for it.
-  if (refresh_.mode == Refresh::Mode::Immediate) return requestRound(document.key);
+  if (refresh_.mode == Refresh::Mode::Immediate) return awaitRound(document.key);
   journal_.sync(place.ticket);
   return nullptr;
 }
@@ -106,7 +120,7 @@ void Collection::queue(const Document& document) {
   const Journal::Place place = append({ChangeKind::Put, document});
   pushOutcome({document.key, {}, {}}, place.ticket);
   requestEarly(place);
-  if (refresh_.mode == Refresh::Mode::Immediate) requestRound({});
+  if (refresh_.mode == Refresh::Mode::Immediate) requestRound();
 }
 
 // So many changes are not left to the end of the interval. An index that is updated on request only
@@ -121,12 +135,133 @@ void Collection::reportOutcome(ParseOutcome outcome) {
   pushOutcome(std::move(outcome), 0);
 }
 
-std::shared_ptr<Ticket> Collection::remove(const std::string& key) {
-  const Journal::Place place = append({ChangeKind::Remove, {key, {}, {}}});
+std::shared_ptr<Ticket> Collection::remove(const std::string& key, bool mustExist) {
+  const Change change{ChangeKind::Remove, {key, {}, {}}};
+  const Journal::Place place = mustExist ? appendIfThere(change) : append(change);
   hide(place.end, key);
-  if (refresh_.mode == Refresh::Mode::Immediate) return requestRound(key);
+  if (refresh_.mode == Refresh::Mode::Immediate) return awaitRound(key);
   journal_.sync(place.ticket);
   return requestRemoval();
+}
+
+Collection::Applied Collection::apply(Batch batch) {
+  const auto entry = std::make_shared<BatchEntry>();
+  entry->name = batch.name;
+  entry->digest = digestOf(batch.changes);
+  entry->changes = std::move(batch.changes);
+  Journal::Place place;
+  BatchOutcome outcome;
+  {
+    const std::lock_guard one(batchMutex_);
+    outcome = decide(batch, entry, place);
+  }
+  if (outcome.refused.count > 0) return {std::move(outcome), nullptr};
+  requestEarly(place);
+  if (refresh_.mode == Refresh::Mode::Immediate) {
+    return {std::move(outcome), isIndexed() ? nullptr : awaitRound({})};
+  }
+  journal_.sync(place.ticket);
+  return {std::move(outcome), requestRemoval()};
+}
+
+// A batch that has been applied is known before anything else is looked at: what it found then has
+// changed, not least by itself.
+BatchOutcome Collection::decide(Batch& batch, const std::shared_ptr<BatchEntry>& entry,
+                                Journal::Place& place) {
+  requireActive();
+  if (const auto known = batches_.find(entry->name)) {
+    if (known->digest != entry->digest) {
+      throw ServerError(ErrorKind::OtherBatch,
+                        "a batch with other content has been applied under the name " +
+                            shown(entry->name) + "; give this one another name");
+    }
+    place.ticket = known->ticket;
+    return known->outcome;
+  }
+  if (batches_.isOld(entry->name)) {
+    throw ServerError(ErrorKind::OtherBatch,
+                      "the batch " + shown(entry->name) +
+                          " is older than what is remembered and may have been applied before; "
+                          "give a new one a higher number");
+  }
+  requireMark(batch.expectedMark);
+  for (const Document& document : entry->changes.documents) {
+    try {
+      checkSize(document);
+    } catch (const ServerError& error) {
+      batch.refused.add({document.key, std::string(messageId(error.kind())), error.what()});
+    }
+  }
+  BatchOutcome outcome;
+  if (batch.refused.count == 0) {
+    outcome = accept(entry, batch.keysMustExist, place);
+  } else {
+    outcome.refused = std::move(batch.refused);
+  }
+  if (outcome.refused.count > 0) outcomes_->pushRefused(entry->name, outcome);
+  return outcome;
+}
+
+void Collection::requireMark(const std::string& expected) const {
+  if (expected.empty()) return;
+  const std::string mark = batches_.mark();
+  if (mark == expected || (mark.empty() && expected == kNoMark)) return;
+  throw ServerError(
+      ErrorKind::OtherMark,
+      fmt::format("the mark of the collection is {}, and the batch expects {}",
+                  shown(mark.empty() ? kNoMark : mark, kMaxMark), shown(expected, kMaxMark)));
+}
+
+BatchOutcome Collection::accept(const std::shared_ptr<BatchEntry>& entry, bool keysMustExist,
+                                Journal::Place& place) {
+  batches_.makeFile();
+  const std::vector<std::string>& deletions = entry->changes.deletions;
+  if (deletions.empty()) {
+    place = append({ChangeKind::Batch, {}, entry});
+  } else {
+    const auto gate = closeGateToLookUp();
+    Refusals unknown = missing(deletions);
+    if (keysMustExist && unknown.count > 0) return {0, 0, unknown.count, std::move(unknown)};
+    entry->unknown = static_cast<std::uint32_t>(unknown.count);
+    place = appendBehindGate({ChangeKind::Batch, {}, entry});
+  }
+  for (const std::string& key : deletions) hide(place.end, key);
+  return outcomeOf(*entry);
+}
+
+Refusals Collection::missing(const std::vector<std::string>& keys) {
+  Refusals unknown;
+  for (const std::string& key : keys) {
+    if (hasDocument(key)) continue;
+    unknown.add({key, std::string(messageId(ErrorKind::UnknownDocument)),
+                 "there is no document with this key"});
+  }
+  return unknown;
+}
+
+BatchOutcome Collection::batchOutcome(const std::string& name) {
+  requireActive();
+  if (const auto known = batches_.find(name)) {
+    journal_.sync(known->ticket);
+    return known->outcome;
+  }
+  if (const auto refused = outcomes_->refused(name)) return *refused;
+  throw ServerError(ErrorKind::UnknownBatch,
+                    "no batch " + shown(name) + " has been applied, or refused lately");
+}
+
+// The gate keeps out a batch that is in the journal and not remembered yet.
+void Collection::saveBatches() {
+  std::optional<BatchMemory::Contents> contents;
+  {
+    const std::unique_lock gate(gate_);
+    contents = batches_.unsaved();
+    if (pendingKeys_.isIdle()) pendingKeys_.drop();
+  }
+  if (!contents) return;
+  // Otherwise the file might outlive the changes of a batch that it has.
+  journal_.syncAll();
+  batches_.save(*contents);
 }
 
 std::shared_ptr<Ticket> Collection::requestUpdate() {
@@ -156,14 +291,16 @@ std::shared_ptr<Ticket> Collection::requestRemoval() {
   return removalWanted_;
 }
 
-// Without a key nobody waits for it.
-std::shared_ptr<Ticket> Collection::requestRound(const std::string& key) {
+void Collection::requestRound() {
   const std::lock_guard lock(jobsMutex_);
   requireActive();
-  if (key.empty()) {
-    if (roundWanted_.empty()) roundWanted_.push_back({});
-    return nullptr;
-  }
+  if (roundWanted_.empty()) roundWanted_.push_back({});
+}
+
+// Whoever waits for a single document is told if the index refuses that one.
+std::shared_ptr<Ticket> Collection::awaitRound(const std::string& key) {
+  const std::lock_guard lock(jobsMutex_);
+  requireActive();
   roundWanted_.push_back({key, std::make_shared<Ticket>()});
   return roundWanted_.back().ticket;
 }
@@ -299,10 +436,13 @@ void Collection::end(Job& job) {
     indexed_ = job.end;
     std::erase_if(hidden_, [&](const auto& entry) { return entry.second <= indexed_; });
   }
+  pendingKeys_.forgetUpTo(job.end);
   // Before anything else can fail: no later update comes across them.
   const std::size_t refused = reportRefused(job);
-  if (!isRound) journal_.remove(job.end.segment - 1);
-  if (refused == 0 || isRound) return;
+  if (isRound) return;
+  saveBatches();
+  journal_.remove(job.end.segment - 1);
+  if (refused == 0) return;
   throw ServerError(ErrorKind::DocumentsNotIndexed,
                     fmt::format("{} documents cannot be indexed, all others are searchable; "
                                 "getParseResult names them",
@@ -436,6 +576,8 @@ CollectionSummary Collection::summary() {
   CollectionSummary summary = index_.summary();
   summary.pending = isIndexed() ? 0 : journal_.pending();
   summary.bytes = bytesIn(directory_);
+  summary.refresh = textOf(refresh_);
+  summary.mark = batches_.mark();
   return summary;
 }
 
@@ -472,7 +614,62 @@ void Collection::retire() {
 Journal::Place Collection::append(const Change& change) {
   const std::shared_lock gate(gate_);
   requireActive();
+  return appendBehindGate(change);
+}
+
+Journal::Place Collection::appendIfThere(const Change& change) {
+  const auto gate = closeGateToLookUp();
+  if (hasDocument(change.document.key)) return appendBehindGate(change);
+  throw ServerError(ErrorKind::UnknownDocument,
+                    "there is no document with the key " + shown(change.document.key));
+}
+
+// No change comes while the gate is closed, so what is found then is still so when a change that
+// depends on it is appended.
+std::unique_lock<std::shared_mutex> Collection::closeGateToLookUp() {
+  std::unique_lock gate(gate_);
+  pendingKeys_.need();
+  if (!pendingKeys_.isKept()) {
+    gate.unlock();
+    // What is read must not be removed meanwhile.
+    const std::lock_guard step(stepMutex_);
+    gate.lock();
+    requireActive();
+    if (!pendingKeys_.isKept()) keepPendingKeys();
+  }
+  requireActive();
+  return gate;
+}
+
+void Collection::keepPendingKeys() {
+  const JournalPosition end = journal_.end();
+  JournalPosition from;
+  {
+    const std::lock_guard lock(hiddenMutex_);
+    from = indexed_;
+  }
+  JournalPart part = journal_.read(from, end);
+  pendingKeys_.keep();
+  try {
+    while (const auto change = part.next()) {
+      requireGoingOn();
+      pendingKeys_.note(end, *change);
+    }
+  } catch (...) {
+    pendingKeys_.drop();
+    throw;
+  }
+}
+
+bool Collection::hasDocument(const std::string& key) {
+  const auto pending = pendingKeys_.find(key);
+  return pending ? *pending : index_.contains(key);
+}
+
+Journal::Place Collection::appendBehindGate(const Change& change) {
   const Journal::Place place = journal_.append(change);
+  if (change.kind == ChangeKind::Batch) batches_.note(*change.batch, place.ticket);
+  pendingKeys_.note(place.end, change);
   // Not before: a refresh in between would take the note for its own, and not see the change.
   changed_ = true;
   return place;

@@ -16,9 +16,11 @@
 #include "server/base/logRepeats.h"
 #include "server/base/memoryBudget.h"
 #include "server/base/ticket.h"
+#include "server/store/batchMemory.h"
 #include "server/store/indexUpdate.h"
 #include "server/store/journal.h"
 #include "server/store/parseOutcomes.h"
+#include "server/store/pendingKeys.h"
 #include "server/store/store.h"
 #include "server/store/xapianIndex.h"
 
@@ -44,8 +46,8 @@ struct StoreLimits {
 /// One collection in one directory: a journal of accepted changes, and the index into which
 /// updateIndex brings them. May be used from any thread. Store says what each operation promises.
 ///
-/// Its locks are taken in the order stepMutex_, gate_, jobsMutex_, hiddenMutex_, and those of the
-/// journal and the index after them.
+/// Its locks are taken in the order batchMutex_, stepMutex_, gate_, jobsMutex_, hiddenMutex_, and
+/// those of its members after them.
 class Collection {
  public:
   static void create(const std::filesystem::path& directory, const std::string& language,
@@ -69,7 +71,14 @@ class Collection {
   void queue(const Document& document);
   void reportOutcome(ParseOutcome outcome);
   /// As add().
-  std::shared_ptr<Ticket> remove(const std::string& key);
+  std::shared_ptr<Ticket> remove(const std::string& key, bool mustExist = false);
+  /// What became of a batch, and what the caller waits for.
+  struct Applied {
+    BatchOutcome outcome;
+    std::shared_ptr<Ticket> ticket;
+  };
+  Applied apply(Batch batch);
+  BatchOutcome batchOutcome(const std::string& name);
   /// The work that makes every change accepted before this call searchable. All who ask at the same
   /// time get the same. indexStep() carries it out.
   std::shared_ptr<Ticket> requestUpdate();
@@ -141,13 +150,27 @@ class Collection {
   };
 
   Journal::Place append(const Change& change);
+  Journal::Place appendIfThere(const Change& change);
+  Journal::Place appendBehindGate(const Change& change);
+  std::unique_lock<std::shared_mutex> closeGateToLookUp();
+  void keepPendingKeys();
+  bool hasDocument(const std::string& key);
+  void noteReplayed(std::uint64_t segment, const Change& change);
+  BatchOutcome decide(Batch& batch, const std::shared_ptr<BatchEntry>& entry,
+                      Journal::Place& place);
+  void requireMark(const std::string& expected) const;
+  BatchOutcome accept(const std::shared_ptr<BatchEntry>& entry, bool keysMustExist,
+                      Journal::Place& place);
+  Refusals missing(const std::vector<std::string>& keys);
+  void saveBatches();
   void checkSize(const Document& document) const;
   void requireActive() const;
   void requireGoingOn() const;
   void hide(JournalPosition position, const std::string& key);
   std::vector<std::string> hidden() const;
   std::shared_ptr<Ticket> requestRemoval();
-  std::shared_ptr<Ticket> requestRound(const std::string& key);
+  void requestRound();
+  std::shared_ptr<Ticket> awaitRound(const std::string& key);
   void requestEarly(const Journal::Place& place);
   bool isIndexed() const;
   bool takeJob();
@@ -171,7 +194,8 @@ class Collection {
   MemoryBudget::Share memory_;
   DescriptorBudget::Share descriptors_;
 
-  // Held shared while a change is appended, so that retire() can wait for appends that have begun.
+  // Held shared while a change is appended, so that retire() can wait for appends that have begun,
+  // and a change that depends on what there is comes alone.
   mutable std::shared_mutex gate_;
   std::atomic<bool> retired_ = false;
 
@@ -193,6 +217,12 @@ class Collection {
 
   const std::shared_ptr<ParseOutcomes> outcomes_;
   LogRepeats repeats_;
+
+  // Held while a batch is compared with what is known and becomes known itself.
+  std::mutex batchMutex_;
+  BatchMemory batches_;
+  // Complete while the gate is closed.
+  PendingKeys pendingKeys_;
 
   // Held during each step, so that retire() can wait for it.
   std::mutex stepMutex_;

@@ -141,10 +141,21 @@ void LocalStore::reportOutcome(const std::string& name, ParseOutcome outcome) {
   find(name)->reportOutcome(std::move(outcome));
 }
 
-void LocalStore::deleteDocument(const std::string& name, const std::string& key) {
+void LocalStore::deleteDocument(const std::string& name, const std::string& key, bool mustExist) {
   Registry::Use collection = find(name);
-  std::shared_ptr<Ticket> applied = collection->remove(key);
+  std::shared_ptr<Ticket> applied = collection->remove(key, mustExist);
   follow(std::move(collection), std::move(applied));
+}
+
+BatchOutcome LocalStore::apply(const std::string& name, Batch batch) {
+  Registry::Use collection = find(name);
+  Collection::Applied applied = collection->apply(std::move(batch));
+  follow(std::move(collection), std::move(applied.ticket));
+  return std::move(applied.outcome);
+}
+
+BatchOutcome LocalStore::batchOutcome(const std::string& name, const std::string& batch) {
+  return find(name)->batchOutcome(batch);
 }
 
 void LocalStore::updateIndex(const std::string& name) {

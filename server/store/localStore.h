@@ -28,6 +28,7 @@ namespace corvaned {
 ///         index/                 the Xapian database
 ///         index-sums             its checksums; index-sums-changing during an update
 ///         options                how it differs from a collection without this file
+///         batches                which batches it knows, and its mark
 ///         journal-0000000000     which changes the journal must hold
 ///         journal-0000000001...  accepted changes that are not in the index yet
 ///
@@ -51,7 +52,10 @@ class LocalStore : public Store {
   void addDocument(const std::string& name, const Document& document) override;
   void queueDocument(const std::string& name, const Document& document) override;
   void reportOutcome(const std::string& name, ParseOutcome outcome) override;
-  void deleteDocument(const std::string& name, const std::string& key) override;
+  using Store::deleteDocument;
+  void deleteDocument(const std::string& name, const std::string& key, bool mustExist) override;
+  BatchOutcome apply(const std::string& name, Batch batch) override;
+  BatchOutcome batchOutcome(const std::string& name, const std::string& batch) override;
   void updateIndex(const std::string& name) override;
   std::vector<ParseOutcome> takeParseOutcomes(const std::string& name) override;
   std::unique_ptr<HitSource> search(const std::string& name, const SearchQuery& query) override;

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "server/base/errors.h"
+#include "server/store/batchMemory.h"
 #include "server/store/collection.h"
 #include "server/store/collectionOptions.h"
 #include "server/store/dataDirectory.h"
@@ -67,6 +68,19 @@ std::vector<Damage> checkIndex(const std::filesystem::path& collection, bool isN
   return damage;
 }
 
+void checkBatches(const std::filesystem::path& collection, const JournalMark* mark,
+                  std::vector<JournalFault>& faults) {
+  const std::filesystem::path path = BatchMemory::pathIn(collection);
+  if (mark && mark->allowsBatches() && !std::filesystem::exists(path)) {
+    faults.push_back({{path, 0, "the file is missing"}, 0, 0, {}});
+  }
+  try {
+    const BatchMemory batches(collection, {});
+  } catch (const ServerError&) {
+    faults.push_back({{path, 0, "what is known of batches cannot be read"}, 0, 0, {}});
+  }
+}
+
 bool onlyTheSums(const std::vector<Damage>& damage, const std::filesystem::path& collection) {
   return damage.size() == 1 && damage.front().file == IndexSums::pathIn(collection);
 }
@@ -86,6 +100,7 @@ class Rebuilding {
     repair_.documentsKept =
         Xapian::Database((fresh_ / IndexSums::kIndexDirectory).string()).get_doccount();
     copyJournal();
+    copyBatches();
     copyOptions();
     syncTree(fresh_);
   }
@@ -130,6 +145,20 @@ class Rebuilding {
     } catch (const ServerError&) {
       return;
     }
+  }
+
+  // What cannot be read is lost, but for the batches in the journal.
+  void copyBatches() const {
+    const std::filesystem::path original = BatchMemory::pathIn(damaged_);
+    const std::filesystem::path copy = BatchMemory::pathIn(fresh_);
+    try {
+      const BatchMemory readable(damaged_, {});
+      if (std::filesystem::exists(original)) std::filesystem::copy_file(original, copy);
+    } catch (const ServerError&) {
+      BatchMemory(fresh_, {}).makeFile();
+    }
+    const auto mark = JournalMark::open(fresh_);
+    if (mark && mark->allowsBatches()) BatchMemory(fresh_, {}).makeFile();
   }
 
   void copyJournal() {
@@ -182,7 +211,7 @@ CollectionCheck Maintenance::check(const std::string& name) const {
   CollectionCheck result{name, {}, {}, 0};
   JournalContents contents =
       JournalScan(
-          path, [&](std::uint64_t, Change&&) { ++result.changes; },
+          path, [&](std::uint64_t, Change&& change) { result.changes += changesIn(change); },
           [&](const JournalFault& fault) { result.journal.push_back(fault); })
           .run();
   const bool isNumbered = contents.mark && contents.mark->range() != MarkedRange{};
@@ -194,6 +223,7 @@ CollectionCheck Maintenance::check(const std::string& name) const {
   } catch (const ServerError&) {
     result.journal.push_back({{optionsPath(path), 0, "the options cannot be read"}, 0, 0, {}});
   }
+  checkBatches(path, contents.mark.get(), result.journal);
   result.index = checkIndex(path, isNumbered);
   return result;
 }

@@ -26,9 +26,23 @@ void ParseOutcomes::putBack(Taken taken) {
                    std::make_move_iterator(taken.outcomes.end()));
 }
 
+void ParseOutcomes::pushRefused(const std::string& batch, BatchOutcome outcome) {
+  const std::lock_guard lock(mutex_);
+  std::erase_if(refused_, [&](const auto& known) { return known.first == batch; });
+  refused_.emplace_back(batch, std::move(outcome));
+  if (refused_.size() > kRefusedBatches) refused_.pop_front();
+}
+
+std::optional<BatchOutcome> ParseOutcomes::refused(const std::string& batch) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = std::find_if(refused_.begin(), refused_.end(),
+                                  [&](const auto& known) { return known.first == batch; });
+  return found == refused_.end() ? std::nullopt : std::optional(found->second);
+}
+
 bool ParseOutcomes::empty() const {
   const std::lock_guard lock(mutex_);
-  return outcomes_.empty();
+  return outcomes_.empty() && refused_.empty();
 }
 
 void ParseOutcomes::forgetTickets() {

@@ -90,6 +90,10 @@ struct CollectionSummary {
   /// Of its files.
   std::uint64_t bytes = 0;
   std::string language;
+  /// As textOf() writes it.
+  std::string refresh{};
+  /// Empty if it has none.
+  std::string mark{};
 };
 
 /// The outcome of one queued document. If messageId is empty the document is stored.
@@ -209,8 +213,18 @@ class Store {
   virtual void queueDocument(const std::string& name, const Document& document) = 0;
   /// Adds the outcome of a document that never reached the store to those of queueDocument.
   virtual void reportOutcome(const std::string& name, ParseOutcome outcome) = 0;
-  /// Later searches do not find the document. Deleting an unknown key succeeds.
-  virtual void deleteDocument(const std::string& name, const std::string& key) = 0;
+  /// Later searches do not find the document. Throws if the key must exist and has none, whether in
+  /// the index or among the changes that wait for it; else deleting an unknown key succeeds.
+  virtual void deleteDocument(const std::string& name, const std::string& key, bool mustExist) = 0;
+  void deleteDocument(const std::string& name, const std::string& key) {
+    deleteDocument(name, key, false);
+  }
+  /// Accepts all of the batch or nothing. One that has been applied before changes nothing and has
+  /// the same outcome. Throws if the name is that of another batch, or if the collection does not
+  /// have the expected mark.
+  virtual BatchOutcome apply(const std::string& name, Batch batch) = 0;
+  /// The outcome of a batch that was applied, or refused lately. Throws if none is known.
+  virtual BatchOutcome batchOutcome(const std::string& name, const std::string& batch) = 0;
   /// Makes every change accepted before the call searchable.
   virtual void updateIndex(const std::string& name) = 0;
   /// One outcome for each document queued since the last call, oldest first, all of them durable.

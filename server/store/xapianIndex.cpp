@@ -429,6 +429,8 @@ class XapianIndex::Reader {
     }
   }
 
+  bool contains(const std::string& key) const { return database_.term_exists(identityTerm(key)); }
+
   CollectionSummary summary() const {
     CollectionSummary summary;
     summary.documents = database_.get_doccount();
@@ -849,6 +851,11 @@ void XapianIndex::visit(SearchQuery query, const std::vector<std::string>& hidde
   };
   while (!translated(visitRest)) {
   }
+}
+
+bool XapianIndex::contains(const std::string& key) {
+  return translated(
+      [&] { return Lease(*this).run([&](Reader& reader) { return reader.contains(key); }); });
 }
 
 CollectionSummary XapianIndex::summary() {

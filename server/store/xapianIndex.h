@@ -91,6 +91,8 @@ class XapianIndex {
   /// Passes the documents that the query finds to `take`, in the order of their keys.
   void visit(SearchQuery query, const std::vector<std::string>& hidden,
              const Store::DocumentVisitor& take);
+  /// Whether it has a document of that key.
+  bool contains(const std::string& key);
   /// What the database knows of it.
   CollectionSummary summary();
 

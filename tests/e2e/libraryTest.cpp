@@ -446,8 +446,71 @@ TEST_P(Library, ListsCollections) {
   EXPECT_EQ(answer.parsed[0].messageId, "ZVK0101I");
   EXPECT_EQ(answer.parsed[0].level, 8);
   EXPECT_THAT(answer.parsed[0].messageText,
-              ::testing::MatchesRegex("documents=0 pending=1 bytes=[0-9]+ language=en_us"));
+              ::testing::MatchesRegex("documents=0 pending=1 bytes=[0-9]+ language=en_us "
+                                      "refresh=manual mark=none"));
   EXPECT_EQ(send(ClientRequest::PARSE_RESULT, {{"report", "collection"}}).parsed, answer.parsed);
+}
+
+// Batches.
+
+// The bytes of a document as it would be sent.
+std::string blockOf(const std::string& key, const std::string& text,
+                    const std::list<tq::comm::KVPair>& metadata = {{u"title", u"untitled"}}) {
+  ClientRequest request = requestTo("", ClientRequest::ADD_DOCUMENT);
+  attachDocument(request, key, text, metadata);
+  tq::comm::RESTMessage message(u"", request);
+  return std::string(message.getMsgPrefix(), message.getMsgPrefixLen()) + text;
+}
+
+TEST_P(Library, AppliesABatchOnceAndWhole) {
+  add("k1", "red fox");
+  update();
+  const std::string blocks =
+      blockOf("k2", "grey fox") + std::string(8, '\0') + blockOf("k1", "") + blockOf("k9", "");
+  const std::string key = "any";
+  const auto apply = [&](const Parameters& parameters, const std::string& content) {
+    ClientRequest request = requestTo(collection_, ClientRequest::ADD_DOCUMENT, parameters);
+    attachDocument(request, key, content, {{u"-", u""}});
+    return send(request);
+  };
+  const Parameters first{{"batch", "b-1"}, {"expectedMark", "none"}, {"newMark", "m 1"}};
+  for (int i = 0; i < 2; ++i) expectSuccess(apply(first, blocks));
+  const Answer told = send(ClientRequest::PARSE_RESULT, {{"batch", "b-1"}});
+  ASSERT_THAT(told.parsed, SizeIs(1)) << told;
+  EXPECT_EQ(told.parsed[0].document, "b-1");
+  EXPECT_EQ(told.parsed[0].messageId, "ZVK0110I");
+  EXPECT_EQ(told.parsed[0].messageText, "documents=1 deletions=2 unknown=1");
+  update();
+  EXPECT_THAT(search("fox").keys(), ElementsAre("k2"));
+  EXPECT_THAT(send(ClientRequest::PARSE_RESULT, {{"report", "collection"}}).parsed[0].messageText,
+              EndsWith(" mark=m 1"));
+  expectRefused(apply({{"batch", "b-1"}}, blockOf("k3", "fox")), "ZVK0031E", "b-1");
+  expectRefused(apply({{"batch", "b-2"}, {"expectedMark", "m 0"}}, blocks), "ZVK0032E", "m 1");
+  expectRefused(
+      apply({{"batch", "b-3"}}, blockOf("k3", "fox") + blockOf(std::string(129, 'k'), "")),
+      "ZVK0030E", "129 bytes");
+  EXPECT_THAT(send(ClientRequest::PARSE_RESULT, {{"batch", "b-3"}}).parsed, SizeIs(2));
+  update();
+  EXPECT_THAT(search("fox").keys(), ElementsAre("k2"));
+}
+
+// A mark needs no document, and so no key.
+TEST_P(Library, SetsAMarkAlone) {
+  done(ClientRequest::ADD_DOCUMENT, {{"batch", "adopt"}, {"newMark", "m"}});
+  EXPECT_THAT(send(ClientRequest::PARSE_RESULT, {{"report", "collection"}}).parsed[0].messageText,
+              EndsWith(" mark=m"));
+}
+
+TEST_P(Library, DeletesOnlyWhatExistsIfItIsToldSo) {
+  add("k1", "red fox");
+  const auto deletion = [&](const std::string& key) {
+    ClientRequest request =
+        requestTo(collection_, ClientRequest::DELETE_DOCUMENT, {{"mustExist", "true"}});
+    attachDocument(request, key, {}, {{u"-", u""}});
+    return send(request);
+  };
+  expectSuccess(deletion("k1"));
+  expectRefused(deletion("k1"), "ZVK0034E", "k1");
 }
 
 TEST_P(Library, CountsHits) {
@@ -490,15 +553,6 @@ TEST_P(Library, GivesDigestsOfRangesOfDocuments) {
 }
 
 // Matching texts that are not stored.
-
-// The bytes of a document as it would be sent.
-std::string blockOf(const std::string& key, const std::string& text,
-                    const std::list<tq::comm::KVPair>& metadata = {{u"title", u"untitled"}}) {
-  ClientRequest request = requestTo("", ClientRequest::ADD_DOCUMENT);
-  attachDocument(request, key, text, metadata);
-  tq::comm::RESTMessage message(u"", request);
-  return std::string(message.getMsgPrefix(), message.getMsgPrefixLen()) + text;
-}
 
 TEST_P(Library, MatchesATextThatIsNotStored) {
   add("k1", "red fox");

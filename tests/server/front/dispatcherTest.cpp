@@ -105,7 +105,7 @@ TEST_F(DispatcherTest, TwoNamesOfACollectionAreNotChosenFrom) {
 TEST_F(DispatcherTest, DocumentActionsDecodeTheBlock) {
   EXPECT_CALL(store_, addDocument("c", isTheDocument()));
   expectIs<DoneReply>(handle({{"action", "addDocument"}, {"index", "c"}}, kBlock));
-  EXPECT_CALL(store_, deleteDocument("c", "k"));
+  EXPECT_CALL(store_, deleteDocument("c", "k", false));
   expectIs<DoneReply>(handle({{"action", "deleteDocument"}, {"index", "c"}}, kBlock));
   EXPECT_CALL(store_, queueDocument("c", isTheDocument()));
   expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, kBlock));

@@ -42,6 +42,7 @@ struct Row {
   std::map<std::string, Taken> takes;
   /// What else may refuse a parameter.
   std::string refusedBy{};
+  std::string content = test::documentBlock("k", {{"a", "b"}}, "text");
 
   const std::string& name() const { return refusedBy.empty() ? action : refusedBy; }
 };
@@ -94,9 +95,20 @@ std::vector<Row> rows() {
       {"openCollection", named, inCollection},
       {"closeCollection", named, inCollection},
       {"deleteCollection", named, inCollection},
-      {"addDocument", named, inCollection + kDocument + Group{{"useQueue", kOnlyFalse}}},
+      {"addDocument", named,
+       inCollection + kDocument + Group{{"useQueue", kOnlyFalse}, {"batch", {{}, ""}}}},
+      {"addDocument",
+       {{"index", "c"}, {"batch", "b"}},
+       inCollection + kDocument +
+           Group{{"useQueue", kOnlyFalse},
+                 {"batch", kAnyText},
+                 {"expectedMark", kAnyText},
+                 {"newMark", {{"c"}, "none"}},
+                 {"mustExist", {{"true", "false"}, "maybe"}}},
+       "batch",
+       {}},
       {"asyncAddDocument", named, inCollection + kDocument + Group{{"useQueue", kOnlyTrue}}},
-      {"deleteDocument", named, inCollection},
+      {"deleteDocument", named, inCollection + Group{{"mustExist", {{"true", "false"}, "maybe"}}}},
       {"updateIndex", named, inCollection + Group{{"incremental", kOnlyTrue}}},
       {"search", searching,
        inCollection + query +
@@ -113,7 +125,8 @@ std::vector<Row> rows() {
       {"selectivity", searching,
        inCollection + query +
            Group{{"mode", {{"selectivity"}, "streaming"}}, {"exactHits", kNumber}}},
-      {"getParseResult", named, inCollection + Group{{"report", {{"count", "digest"}, "all"}}}},
+      {"getParseResult", named,
+       inCollection + Group{{"report", {{"count", "digest"}, "all"}}, {"batch", kAnyText}}},
       {"getParseResult",
        {{"report", "collections"}},
        kEnvelope + Group{{"report", {{"collections"}, "all"}},
@@ -153,8 +166,9 @@ std::vector<Row> rows() {
 
 // Everything that the vocabulary knows as a parameter, and what nobody knows.
 std::set<std::string> allNames() {
-  std::set<std::string> names{"nonsense", "Index",     "query ", "Host",  "match",  "after",
-                              "upTo",     "exactHits", "report", "every", "refresh"};
+  std::set<std::string> names{"nonsense", "Index", "query ",       "Host",    "match",
+                              "after",    "upTo",  "exactHits",    "report",  "every",
+                              "refresh",  "batch", "expectedMark", "newMark", "mustExist"};
   for (const icu::UnicodeString* name : {&StaticDefs::PARAM_COLLECTION_ID,
                                          &StaticDefs::PARAM_DOCUMENT_ID,
                                          &StaticDefs::PARAM_ROWID,
@@ -229,7 +243,7 @@ class ParametersTest : public ::testing::TestWithParam<Row> {
     request.headers.insert(GetParam().base.begin(), GetParam().base.end());
     request.headers["action"] = GetParam().action;
     request.headers[name] = value;
-    request.content = test::documentBlock("k", {{"a", "b"}}, "text");
+    request.content = GetParam().content;
     request.identified = true;
     told_.clear();
     const Reply reply = dispatcher_.handle(std::move(request));

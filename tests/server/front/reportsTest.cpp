@@ -59,14 +59,16 @@ class ReportsTest : public ::testing::Test {
 
 TEST_F(ReportsTest, CollectionsAreToldWithTheirFacts) {
   EXPECT_CALL(store_, collections("", 100U)).WillOnce(Return(std::vector<std::string>{"a", "b"}));
-  EXPECT_CALL(store_, summary("a")).WillOnce(Return(CollectionSummary{1, 2, 3, "en_us"}));
+  EXPECT_CALL(store_, summary("a"))
+      .WillOnce(Return(CollectionSummary{1, 2, 3, "en_us", "manual", "m 1"}));
   EXPECT_CALL(store_, summary("b"))
       .WillOnce(Throw(ServerError(ErrorKind::StorageFailed, "the file x is damaged")));
   const std::vector<Line> told = lines({{"report", "collections"}});
   ASSERT_EQ(told.size(), 2U);
   EXPECT_EQ(told[0].subject, "a");
   EXPECT_EQ(told[0].messageId, "ZVK0101I");
-  EXPECT_EQ(told[0].messageText, "documents=1 pending=2 bytes=3 language=en_us");
+  EXPECT_EQ(told[0].messageText,
+            "documents=1 pending=2 bytes=3 language=en_us refresh=manual mark=m 1");
   EXPECT_EQ(told[1].subject, "b");
   EXPECT_EQ(told[1].messageId, "ZVK0014E");
   EXPECT_EQ(told[1].messageText, "the file x is damaged");
@@ -74,12 +76,12 @@ TEST_F(ReportsTest, CollectionsAreToldWithTheirFacts) {
 
 TEST_F(ReportsTest, OneCollectionIsToldOrRefused) {
   EXPECT_CALL(store_, summary("a"))
-      .WillOnce(Return(CollectionSummary{1, 2, 3, "de"}))
+      .WillOnce(Return(CollectionSummary{1, 2, 3, "de", "250"}))
       .WillOnce(Throw(ServerError(ErrorKind::StorageFailed, "the file x is damaged")));
   const test::Headers request{{"report", "collection"}, {"index", "a"}};
   const std::vector<Line> told = lines(request);
   ASSERT_EQ(told.size(), 1U);
-  EXPECT_EQ(told[0].messageText, "documents=1 pending=2 bytes=3 language=de");
+  EXPECT_EQ(told[0].messageText, "documents=1 pending=2 bytes=3 language=de refresh=250 mark=none");
   EXPECT_EQ(error(request), "ZVK0014E the file x is damaged");
 }
 
@@ -96,7 +98,7 @@ TEST_F(ReportsTest, CollectionsThatAreGoneMeanwhileAreLeftOut) {
   for (const char* name : {"a", "b", "d"}) {
     EXPECT_CALL(store_, summary(name)).WillOnce(Throw(unknown));
   }
-  EXPECT_CALL(store_, summary("c")).WillOnce(Return(CollectionSummary{1, 2, 3, "de"}));
+  EXPECT_CALL(store_, summary("c")).WillOnce(Return(CollectionSummary{1, 2, 3, "de", "250"}));
   const std::vector<Line> told = lines({{"report", "collections"}, {"size", "2"}});
   ASSERT_EQ(told.size(), 1U);
   EXPECT_EQ(told[0].subject, "c");

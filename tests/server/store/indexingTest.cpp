@@ -7,6 +7,7 @@
 #include <future>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -184,6 +185,38 @@ TEST_F(IndexStepsTest, DeletionDoesNotWaitForTheEndOfAnUpdate) {
   index();
   EXPECT_NO_THROW(update->requireSuccess());
   EXPECT_EQ(collection_->estimate("fox", kExactHits).documents, 3U);
+}
+
+TEST_F(IndexStepsTest, BatchThatFitsIntoATransactionIsNotDivided) {
+  limits_.index.batchChanges = 4;
+  open();
+  for (int i = 0; i < 3; ++i) collection_->add({"k" + std::to_string(i), {}, "fox"});
+  Batch batch;
+  batch.name = "b1";
+  for (int i = 0; i < 4; ++i) batch.changes.documents.push_back({std::to_string(i), {}, "hound"});
+  collection_->apply(batch);
+  collection_->requestUpdate();
+  std::set<std::uint64_t> seen;
+  while (collection_->indexStep()) seen.insert(collection_->estimate("hound", kExactHits).hits);
+  EXPECT_TRUE(seen.contains(4));
+  seen.erase(0);
+  EXPECT_EQ(seen.size(), 1U);
+}
+
+TEST_F(IndexStepsTest, LargeBatchComesInSeveralTransactions) {
+  Batch batch;
+  batch.name = "b1";
+  for (int i = 0; i < 15; ++i) batch.changes.documents.push_back({std::to_string(i), {}, "hound"});
+  batch.changes.deletions = {"k"};
+  collection_->add({"k", {}, "fox"});
+  collection_->apply(batch);
+  collection_->requestUpdate();
+  std::set<std::uint64_t> seen;
+  while (collection_->indexStep()) seen.insert(collection_->estimate("hound", kExactHits).hits);
+  EXPECT_TRUE(seen.contains(15));
+  EXPECT_GT(seen.size(), 3U);
+  EXPECT_EQ(collection_->estimate("fox", kExactHits).hits, 0U);
+  EXPECT_EQ(collection_->state(), CollectionState::Current);
 }
 
 TEST_F(IndexStepsTest, StopTakesEffectBetweenTwoDocuments) {

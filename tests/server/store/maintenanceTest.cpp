@@ -229,6 +229,59 @@ TEST_F(MaintenanceTest, HeadOfTheIndexIsTakenFromTheChecksums) {
   EXPECT_THAT(found("jump fox"), SizeIs(99));
 }
 
+TEST_F(MaintenanceTest, BatchesAreCheckedCountedAndKept) {
+  const Batch first{
+      "b1", {{{"x", {}, "hound"}, {"y", {}, "hound"}}, {"k101"}, "m1"}, {}, false, {}};
+  const Batch second{"b2", {{{"z", {}, "hound"}}, {}, "m2"}, {}, false, {}};
+  write();
+  {
+    LocalStore store(data(), {});
+    store.apply("c", first);
+    store.updateIndex("c");
+    store.apply("c", second);
+    store.addDocument("c", {"last", {}, "terrier"});
+  }
+  EXPECT_TRUE(check().isSound());
+  EXPECT_EQ(check().changes, 2U);
+  damage(collection() / "journal-0000000003",
+         read(collection() / "journal-0000000003").find("terr"));
+  EXPECT_FALSE(repair().losesNothing());
+  EXPECT_TRUE(check().isSound());
+  LocalStore store(data(), {});
+  EXPECT_EQ(store.apply("c", first).documents, 2U);
+  EXPECT_EQ(store.apply("c", second).documents, 1U);
+  EXPECT_EQ(store.summary("c").mark, "m2");
+  EXPECT_EQ(store.summary("c").pending, 1U);
+}
+
+TEST_F(MaintenanceTest, DamagedMemoryOfBatchesIsReportedAndOnlyThatIsLost) {
+  const std::filesystem::path batches = collection() / "batches";
+  write();
+  {
+    LocalStore store(data(), {});
+    store.apply("c", {"b1", {{{"x", {}, "hound"}}, {}, "m1"}, {}, false, {}});
+    store.updateIndex("c");
+    store.apply("c", {"b2", {{{"y", {}, "hound"}}, {}, {}}, {}, false, {}});
+  }
+  for (const bool gone : {false, true}) {
+    if (gone) {
+      std::filesystem::remove(batches);
+    } else {
+      damage(batches, 10);
+    }
+    const CollectionCheck found = check();
+    ASSERT_THAT(found.journal, SizeIs(1)) << gone;
+    EXPECT_EQ(found.journal[0].damage.file, batches);
+    EXPECT_FALSE(repair().losesNothing());
+    EXPECT_TRUE(check().isSound());
+    LocalStore store(data(), {});
+    EXPECT_EQ(store.summary("c").mark, "");
+    EXPECT_THROW(store.batchOutcome("c", "b1"), ServerError);
+    EXPECT_EQ(store.batchOutcome("c", "b2").documents, 1U);
+  }
+  EXPECT_THAT(found("hound"), ElementsAre("a", "b", "c", "x", "y"));
+}
+
 TEST_F(MaintenanceTest, ChecksumsThatCannotBeReadAreMadeAnew) {
   write();
   damage(collection() / "index-sums", 40);

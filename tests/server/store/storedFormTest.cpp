@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "server/base/errors.h"
+#include "server/store/batchMemory.h"
 #include "server/store/localStore.h"
 #include "server/store/xapianSchema.h"
 #include "tests/support/temporaryDirectory.h"
@@ -17,6 +18,7 @@ namespace corvaned {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
@@ -148,6 +150,39 @@ TEST_F(StoredFormTest, ChangesAreWrittenToTheJournalInTheSameForm) {
   const std::string mark(std::istreambuf_iterator<char>(file), {});
   EXPECT_EQ(mark.size(), 1048U);
   EXPECT_THAT(mark, HasSubstr(kMark));
+}
+
+TEST_F(StoredFormTest, BatchesAreWrittenAndRememberedInTheSameForm) {
+  const Batch batch{"n", {{{"k", {{"a", "b"}}, "text"}}, {"d"}, "m"}, {}, false, {}};
+  LocalStore store(directory_.path(), {});
+  store.createCollection("c", "en");
+  store.apply("c", batch);
+  const auto bytesOf = [&](const char* name) {
+    std::ifstream file(collection() / name, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+  };
+  const std::string digest = digestOf(batch.changes);
+  ASSERT_EQ(digest.size(), 16U);
+  EXPECT_THAT(bytesOf("journal-0000000001"),
+              EndsWith(std::string("\3\0\0\0\1n\0\0\0\20", 10) + digest +
+                       std::string("\0\0\0\1\0\0\0\1m\0\0\0\1"
+                                   "\0\0\0\1k\0\0\0\1\0\0\0\1a\0\0\0\1b\0\0\0\4text"
+                                   "\0\0\0\1\0\0\0\1d",
+                                   49)));
+  EXPECT_THAT(bytesOf("journal-0000000000"),
+              HasSubstr(std::string("KRM3\0\0\0\0\0\0\0\1\0\0\0\0\0\0\0\1", 20)));
+  store.updateIndex("c");
+  const std::string remembered = bytesOf("batches");
+  EXPECT_EQ(remembered.substr(0, remembered.size() - 4),
+            std::string("KRB1\0\0\0\1m\0\0\0\1\0\0\0\1n\0\0\0\20", 22) + digest +
+                std::string("\0\0\0\0\0\0\0\1\0\0\0\0\0\0\0\1\0\0\0\0\0\0\0\1\0\0\0\0", 28));
+}
+
+TEST(BatchDigest, IsThatOfEarlierVersions) {
+  // The sum was made with another program of the bytes that batchMemory.cpp prescribes.
+  const BatchChanges changes{{{"k", {{"a", "b"}}, "text"}}, {"d"}, "m"};
+  EXPECT_EQ(digestOf(changes),
+            std::string("\274\364\312\311\022\301\264\154\045\237\103\131\277\353\277\366", 16));
 }
 
 TEST_F(StoredFormTest, CollectionOfAnotherSchemaIsRefused) {

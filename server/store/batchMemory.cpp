@@ -1,0 +1,269 @@
+#include "server/store/batchMemory.h"
+
+#include <fcntl.h>
+#include <sodium.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <fstream>
+#include <iterator>
+#include <utility>
+#include <vector>
+
+#include "server/base/bytes.h"
+#include "server/store/checksum.h"
+#include "server/store/damage.h"
+#include "server/store/files.h"
+
+namespace corvaned {
+namespace {
+
+constexpr std::string_view kMagic = "KRB1";
+constexpr std::size_t kChecksumBytes = 4;
+// What a batch or a series takes in memory beside its names.
+constexpr std::size_t kCost = 250;
+
+class Hash {
+ public:
+  Hash() { crypto_hash_sha256_init(&state_); }
+
+  void add(std::string_view text) {
+    addNumber(text.size());
+    addBytes(text);
+  }
+
+  void addNumber(std::uint64_t number) {
+    std::string bytes;
+    appendU64(bytes, number);
+    addBytes(bytes);
+  }
+
+  // Half of it is more than enough to tell two batches apart.
+  std::string end() {
+    constexpr std::size_t kKept = 16;
+    std::array<unsigned char, crypto_hash_sha256_BYTES> hash{};
+    crypto_hash_sha256_final(&state_, hash.data());
+    return {reinterpret_cast<const char*>(hash.data()), kKept};
+  }
+
+ private:
+  void addBytes(std::string_view bytes) {
+    crypto_hash_sha256_update(&state_, reinterpret_cast<const unsigned char*>(bytes.data()),
+                              bytes.size());
+  }
+
+  crypto_hash_sha256_state state_{};
+};
+
+struct NumberedName {
+  std::string series;
+  std::uint64_t number = 0;
+};
+
+// As many digits at the end as fit into a number for certain.
+std::optional<NumberedName> numberedName(const std::string& name) {
+  constexpr std::size_t kMaxDigits = 18;
+  std::size_t begin = name.size();
+  while (begin > 0 && name.size() - begin < kMaxDigits && name[begin - 1] >= '0' &&
+         name[begin - 1] <= '9') {
+    --begin;
+  }
+  if (begin == name.size()) return std::nullopt;
+  NumberedName numbered{name.substr(0, begin), 0};
+  std::from_chars(name.data() + begin, name.data() + name.size(), numbered.number);
+  return numbered;
+}
+
+void appendText(std::string& out, std::string_view text) {
+  appendU32(out, static_cast<std::uint32_t>(text.size()));
+  out += text;
+}
+
+bool takeText(ByteReader& reader, std::string& text) {
+  const auto length = reader.u32();
+  const auto bytes = length ? reader.take(*length) : std::nullopt;
+  if (bytes) text = *bytes;
+  return bytes.has_value();
+}
+
+bool takeNumber(ByteReader& reader, std::uint64_t& number) {
+  const auto bytes = reader.take(8);
+  if (bytes) number = loadU64(*bytes);
+  return bytes.has_value();
+}
+
+}  // namespace
+
+std::string digestOf(const BatchChanges& changes) {
+  Hash hash;
+  hash.add(changes.newMark);
+  hash.addNumber(changes.documents.size());
+  for (const Document& document : changes.documents) {
+    hash.add(document.key);
+    hash.addNumber(document.metadata.size());
+    for (const auto& [name, value] : document.metadata) {
+      hash.add(name);
+      hash.add(value);
+    }
+    hash.add(document.content);
+  }
+  hash.addNumber(changes.deletions.size());
+  for (const std::string& key : changes.deletions) hash.add(key);
+  return hash.end();
+}
+
+BatchOutcome outcomeOf(const BatchEntry& batch) {
+  return {batch.changes.documents.size(), batch.changes.deletions.size(), batch.unknown};
+}
+
+BatchMemory::BatchMemory(const std::filesystem::path& collection, MemoryBudget::Share memory)
+    : path_(pathIn(collection)), memory_(std::move(memory)) {
+  if (!std::filesystem::exists(path_)) return;
+  std::ifstream file(path_, std::ios::binary);
+  if (!file) throwSystemError("cannot read", path_);
+  const std::string bytes{std::istreambuf_iterator<char>(file), {}};
+  if (!decode(bytes)) throwDamaged({path_, 0, "what is known of batches cannot be read"});
+  hasFile_ = true;
+}
+
+std::filesystem::path BatchMemory::pathIn(const std::filesystem::path& collection) {
+  return collection / "batches";
+}
+
+std::optional<BatchMemory::Known> BatchMemory::find(const std::string& name) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = known_.find(name);
+  return found == known_.end() ? std::nullopt : std::optional(found->second);
+}
+
+bool BatchMemory::isOld(const std::string& name) const {
+  const auto numbered = numberedName(name);
+  if (!numbered) return false;
+  const std::lock_guard lock(mutex_);
+  const auto found = series_.find(numbered->series);
+  return found != series_.end() && numbered->number <= found->second.number;
+}
+
+std::string BatchMemory::mark() const {
+  const std::lock_guard lock(mutex_);
+  return mark_;
+}
+
+void BatchMemory::note(const BatchEntry& batch, std::uint64_t ticket) {
+  const std::lock_guard lock(mutex_);
+  remember(batch.name, {batch.digest, outcomeOf(batch), ticket});
+  if (!batch.changes.newMark.empty()) mark_ = batch.changes.newMark;
+  ++notes_;
+}
+
+// The journal may bring batches that the file has, too; since it brings all that came later as
+// well, they are in their order in the end.
+void BatchMemory::remember(const std::string& name, Known known) {
+  if (!known_.insert_or_assign(name, std::move(known)).second) std::erase(names_, name);
+  names_.push_back(name);
+  if (names_.size() > kBatches) forgetOldest();
+  memory_.force((known_.size() + series_.size()) * (kMaxBatchName + kCost));
+}
+
+void BatchMemory::forgetOldest() {
+  known_.erase(names_.front());
+  if (const auto numbered = numberedName(names_.front())) {
+    forget(numbered->series, numbered->number);
+  }
+  names_.pop_front();
+}
+
+void BatchMemory::forget(const std::string& series, std::uint64_t number) {
+  Series& known = series_[series];
+  known.number = std::max(known.number, number);
+  known.lastUse = ++uses_;
+  if (series_.size() <= kSeries) return;
+  series_.erase(
+      std::min_element(series_.begin(), series_.end(), [](const auto& one, const auto& other) {
+        return one.second.lastUse < other.second.lastUse;
+      }));
+}
+
+std::optional<BatchMemory::Contents> BatchMemory::unsaved() const {
+  const std::lock_guard lock(mutex_);
+  if (notes_ == savedNotes_) return std::nullopt;
+  return Contents{encoded(), notes_};
+}
+
+void BatchMemory::save(const Contents& contents) {
+  std::filesystem::path passing = path_;
+  passing += ".new";
+  const FileHandle file = openFile(passing, O_WRONLY | O_CREAT | O_TRUNC);
+  writeAll(file, contents.bytes, passing);
+  syncFile(file, passing);
+  std::filesystem::rename(passing, path_);
+  syncDirectory(path_.parent_path());
+  const std::lock_guard lock(mutex_);
+  savedNotes_ = contents.notes;
+  hasFile_ = true;
+}
+
+void BatchMemory::makeFile() {
+  Contents contents;
+  {
+    const std::lock_guard lock(mutex_);
+    if (hasFile_) return;
+    contents = {encoded(), notes_};
+  }
+  save(contents);
+}
+
+std::string BatchMemory::encoded() const {
+  std::string bytes(kMagic);
+  appendText(bytes, mark_);
+  appendU32(bytes, static_cast<std::uint32_t>(names_.size()));
+  for (const std::string& name : names_) {
+    const Known& known = known_.at(name);
+    appendText(bytes, name);
+    appendText(bytes, known.digest);
+    appendU64(bytes, known.outcome.documents);
+    appendU64(bytes, known.outcome.deletions);
+    appendU64(bytes, known.outcome.unknown);
+  }
+  std::vector<std::pair<std::string, Series>> series(series_.begin(), series_.end());
+  std::sort(series.begin(), series.end(), [](const auto& one, const auto& other) {
+    return one.second.lastUse < other.second.lastUse;
+  });
+  appendU32(bytes, static_cast<std::uint32_t>(series.size()));
+  for (const auto& [name, known] : series) {
+    appendText(bytes, name);
+    appendU64(bytes, known.number);
+  }
+  appendU32(bytes, checksumOf(bytes));
+  return bytes;
+}
+
+bool BatchMemory::decode(std::string_view bytes) {
+  if (!bytes.starts_with(kMagic) || bytes.size() < kMagic.size() + kChecksumBytes) return false;
+  const std::string_view checksum = bytes.substr(bytes.size() - kChecksumBytes);
+  bytes.remove_suffix(kChecksumBytes);
+  if (loadU32(checksum) != checksumOf(bytes)) return false;
+  ByteReader reader(bytes.substr(kMagic.size()));
+  if (!takeText(reader, mark_)) return false;
+  for (auto left = reader.u32().value_or(0); left > 0; --left) {
+    std::string name;
+    Known known;
+    if (!takeText(reader, name) || !takeText(reader, known.digest) ||
+        !takeNumber(reader, known.outcome.documents) ||
+        !takeNumber(reader, known.outcome.deletions) ||
+        !takeNumber(reader, known.outcome.unknown)) {
+      return false;
+    }
+    remember(name, std::move(known));
+  }
+  for (auto left = reader.u32().value_or(0); left > 0; --left) {
+    std::string name;
+    std::uint64_t number = 0;
+    if (!takeText(reader, name) || !takeNumber(reader, number)) return false;
+    forget(name, number);
+  }
+  return reader.empty();
+}
+
+}  // namespace corvaned

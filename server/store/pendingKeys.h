@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstddef>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+#include "server/base/memoryBudget.h"
+#include "server/store/change.h"
+#include "server/store/journal.h"
+
+namespace corvaned {
+
+/// What the last change of each key has made of it, of those that the index may lack: an answer to
+/// whether there is a document of that key. It is kept from when somebody asks until an index
+/// update comes about that nobody has asked before, since it takes as much memory as the keys.
+///
+/// May be used from any thread.
+class PendingKeys {
+ public:
+  explicit PendingKeys(MemoryBudget::Share memory) : memory_(std::move(memory)) {}
+
+  bool isKept() const;
+  /// Begins, empty, if it is not kept.
+  void keep();
+  /// The next update drops it if this has not been called by then.
+  void need();
+  /// False if need() was called since the last time.
+  bool isIdle();
+  void drop();
+
+  /// A change that ends there in the journal, in any order. Nothing if it is not kept.
+  void note(const JournalPosition& end, const Change& change);
+  /// The index has all that ends up to there.
+  void forgetUpTo(const JournalPosition& position);
+
+  /// Whether there is a document; nothing if no change of the key is known.
+  std::optional<bool> find(const std::string& key) const;
+
+ private:
+  struct Last {
+    JournalPosition end;
+    bool isThere = false;
+  };
+
+  void noteKey(const JournalPosition& end, const std::string& key, bool isThere);
+  void countMemory();
+
+  mutable std::mutex mutex_;
+  // Guarded by mutex_.
+  MemoryBudget::Share memory_;
+  bool kept_ = false;
+  bool needed_ = false;
+  std::unordered_map<std::string, Last> last_;
+  std::size_t keyBytes_ = 0;
+};
+
+}  // namespace corvaned

@@ -1,0 +1,86 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "server/store/pendingKeys.h"
+
+namespace corvaned {
+namespace {
+
+Change put(const std::string& key) { return {ChangeKind::Put, {key, {}, "text"}}; }
+Change removal(const std::string& key) { return {ChangeKind::Remove, {key, {}, {}}}; }
+
+class PendingKeysTest : public ::testing::Test {
+ protected:
+  PendingKeysTest() { keys_.keep(); }
+
+  MemoryBudget budget_{1000000};
+  PendingKeys keys_{MemoryBudget::Share(budget_)};
+};
+
+TEST_F(PendingKeysTest, LastChangeOfAKeyCounts) {
+  EXPECT_FALSE(keys_.find("k"));
+  keys_.note({1, 10}, put("k"));
+  EXPECT_EQ(keys_.find("k"), true);
+  keys_.note({1, 20}, removal("k"));
+  EXPECT_EQ(keys_.find("k"), false);
+  EXPECT_FALSE(keys_.find("l"));
+}
+
+TEST_F(PendingKeysTest, LastIsWhatComesLastInTheJournal) {
+  keys_.note({2, 10}, removal("k"));
+  keys_.note({1, 99}, put("k"));
+  EXPECT_EQ(keys_.find("k"), false);
+}
+
+TEST_F(PendingKeysTest, BatchCountsForEachOfItsKeys) {
+  BatchEntry entry{"b", "digest", 0, {{{"k", {}, "text"}}, {"l"}, {}}};
+  keys_.note({1, 10}, {ChangeKind::Batch, {}, std::make_shared<BatchEntry>(entry)});
+  EXPECT_EQ(keys_.find("k"), true);
+  EXPECT_EQ(keys_.find("l"), false);
+}
+
+TEST_F(PendingKeysTest, WhatTheIndexHasIsForgotten) {
+  keys_.note({1, 10}, put("k"));
+  keys_.note({1, 20}, put("l"));
+  keys_.forgetUpTo({1, 10});
+  EXPECT_FALSE(keys_.find("k"));
+  EXPECT_EQ(keys_.find("l"), true);
+}
+
+TEST_F(PendingKeysTest, NothingIsNotedUnlessItIsKept) {
+  keys_.note({1, 10}, put("k"));
+  keys_.drop();
+  EXPECT_FALSE(keys_.isKept());
+  EXPECT_FALSE(keys_.find("k"));
+  keys_.note({1, 20}, put("k"));
+  EXPECT_FALSE(keys_.find("k"));
+  keys_.keep();
+  EXPECT_TRUE(keys_.isKept());
+  EXPECT_FALSE(keys_.find("k"));
+}
+
+TEST_F(PendingKeysTest, IsIdleWhenNobodyHasNeededItSince) {
+  EXPECT_TRUE(keys_.isIdle());
+  keys_.need();
+  EXPECT_FALSE(keys_.isIdle());
+  EXPECT_TRUE(keys_.isIdle());
+}
+
+TEST_F(PendingKeysTest, TakesMemoryFromTheBudgetAndGivesItBack) {
+  const std::string key(100, 'k');
+  keys_.note({1, 10}, put(key));
+  const std::size_t one = budget_.used();
+  EXPECT_GT(one, key.size());
+  keys_.note({1, 20}, removal(key));
+  EXPECT_EQ(budget_.used(), one);
+  keys_.note({1, 30}, put("l"));
+  EXPECT_GT(budget_.used(), one);
+  keys_.forgetUpTo({1, 20});
+  EXPECT_LT(budget_.used(), one);
+  keys_.drop();
+  EXPECT_EQ(budget_.used(), 0U);
+}
+
+}  // namespace
+}  // namespace corvaned
