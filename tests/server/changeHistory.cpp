@@ -17,8 +17,8 @@ constexpr std::array<const char*, 3> kCollections{"a", "b", "once"};
 constexpr std::uint64_t kKeys = 3;
 
 const char* nameOf(Kind kind) {
-  constexpr std::array<const char*, 7> kNames{"create", "drop",   "add",   "queue",
-                                              "report", "remove", "update"};
+  constexpr std::array<const char*, 8> kNames{"create", "drop",   "add",    "queue",
+                                              "report", "remove", "update", "batch"};
   return kNames.at(static_cast<std::size_t>(kind));
 }
 
@@ -53,7 +53,7 @@ std::set<std::string> wordsOf(const Model& model, const Steps& steps) {
     for (const auto& [key, word] : contents.searchable) words.insert(word);
   }
   for (const Step& step : steps) {
-    if (putsDocument(step)) words.insert(step.word);
+    if (!step.word.empty()) words.insert(step.word);
   }
   return words;
 }
@@ -97,6 +97,8 @@ Words searchableIn(Subject& subject, const std::string& collection,
 std::ostream& operator<<(std::ostream& out, const Step& step) {
   out << nameOf(step.kind) << " " << step.collection;
   if (!step.key.empty()) out << " " << step.key;
+  for (const std::string& key : step.added) out << " +" << key;
+  for (const std::string& key : step.removed) out << " -" << key;
   return step.word.empty() ? out : out << "=" << step.word;
 }
 
@@ -112,6 +114,16 @@ Document documentOf(const Step& step) {
   return {step.key, {{fieldOf(step.word), step.word}}, "every " + step.word};
 }
 
+Batch batchOf(const Step& step) {
+  Batch batch;
+  batch.name = step.word;
+  for (const std::string& key : step.added) {
+    batch.changes.documents.push_back(documentOf({Kind::Add, step.collection, key, step.word}));
+  }
+  batch.changes.deletions = step.removed;
+  return batch;
+}
+
 bool isSearchableAtOnce(const std::string& collection) { return collection == "once"; }
 
 void Model::apply(const Step& step) {
@@ -123,6 +135,12 @@ void Model::apply(const Step& step) {
   if (step.kind == Kind::Drop) {
     collections_.erase(step.collection);
     candidates_.erase(step.collection);
+    return;
+  }
+  if (step.kind == Kind::Batch) {
+    for (const std::string& key : step.added) apply({Kind::Add, step.collection, key, step.word});
+    for (const std::string& key : step.removed) apply({Kind::Remove, step.collection, key, {}});
+    collections_.at(step.collection).pending = !isSearchableAtOnce(step.collection);
     return;
   }
   Contents& contents = collections_.at(step.collection);
@@ -198,19 +216,28 @@ Step StepSource::next(const Collections& collections) {
   Step step;
   step.collection = kCollections.at(number(kCollections.size() - 1));
   if (!collections.contains(step.collection)) return step;
-  constexpr std::array<Kind, 20> kInds{Kind::Add,    Kind::Add,    Kind::Add,    Kind::Add,
-                                       Kind::Add,    Kind::Queue,  Kind::Queue,  Kind::Queue,
-                                       Kind::Report, Kind::Report, Kind::Remove, Kind::Remove,
-                                       Kind::Remove, Kind::Remove, Kind::Remove, Kind::Update,
-                                       Kind::Update, Kind::Update, Kind::Update, Kind::Drop};
+  constexpr std::array<Kind, 24> kInds{
+      Kind::Batch,  Kind::Batch,  Kind::Batch,  Kind::Batch,  Kind::Add,    Kind::Add,
+      Kind::Add,    Kind::Add,    Kind::Add,    Kind::Queue,  Kind::Queue,  Kind::Queue,
+      Kind::Report, Kind::Report, Kind::Remove, Kind::Remove, Kind::Remove, Kind::Remove,
+      Kind::Remove, Kind::Update, Kind::Update, Kind::Update, Kind::Update, Kind::Drop};
   step.kind = kInds.at(number(kInds.size() - 1));
   // A queued document is never acknowledged.
   if (step.kind == Kind::Queue && isSearchableAtOnce(step.collection)) step.kind = Kind::Add;
   if (putsDocument(step) || step.kind == Kind::Remove) {
     step.key = "k" + std::to_string(number(kKeys - 1));
   }
-  if (putsDocument(step)) step.word = "w" + std::to_string(++words_);
+  if (putsDocument(step) || step.kind == Kind::Batch) step.word = "w" + std::to_string(++words_);
+  if (step.kind == Kind::Batch) chooseKeys(step);
   return step;
+}
+
+void StepSource::chooseKeys(Step& batch) {
+  for (std::uint64_t key = 0; key < kKeys; ++key) {
+    const std::uint64_t choice = number(2);
+    if (choice == 1) batch.added.push_back("k" + std::to_string(key));
+    if (choice == 2) batch.removed.push_back("k" + std::to_string(key));
+  }
 }
 
 Steps StepSource::make(Model model, std::size_t count) {
@@ -267,6 +294,23 @@ std::optional<Model> explain(const Model& before, const Steps& steps, Progress p
     }
   }
   return std::nullopt;
+}
+
+bool repeatsHarmlessly(Subject& subject, Model& model, const Steps& steps, Progress progress) {
+  std::set<std::string> dropped;
+  for (std::size_t i = progress.sent; i-- > 0;) {
+    const Step& step = steps[i];
+    if (step.kind == Kind::Drop) dropped.insert(step.collection);
+    if (step.kind != Kind::Batch || dropped.contains(step.collection)) continue;
+    if (i < progress.acknowledged && !subject.knows(step)) return false;
+    if (!subject.apply(step)) return false;
+    // Only of the last step is it unknown whether it was done.
+    if (i + 1 == progress.sent) model.apply(step);
+    subject.apply({Kind::Update, step.collection, {}, {}});
+    model.settle();
+    return explain(model, {}, {}, lookAt(subject, model, steps), false).has_value();
+  }
+  return true;
 }
 
 std::string describe(const Model& before, const Steps& steps, Progress progress,

@@ -15,11 +15,14 @@
 // Random histories of changes, and what a store may hold after one that a crash has cut.
 namespace corvaned::test {
 
-/// One request that changes something. A document is told by its word, which no other one has.
+/// One request that changes something. A document is told by its word, which only documents of the
+/// same batch share.
 struct Step {
-  enum class Kind { Create, Drop, Add, Queue, Report, Remove, Update };
+  enum class Kind { Create, Drop, Add, Queue, Report, Remove, Update, Batch };
   Kind kind = Kind::Create;
   std::string collection, key, word;
+  /// Of a batch; it is named after its word.
+  std::vector<std::string> added{}, removed{};
 };
 using Steps = std::vector<Step>;
 
@@ -30,6 +33,7 @@ bool isSearchableAtOnce(const std::string& collection);
 
 /// The document that a step of kind add or queue brings: its word in the text and in a field.
 Document documentOf(const Step& step);
+Batch batchOf(const Step& step);
 
 using Words = std::map<std::string, std::string>;
 
@@ -78,6 +82,7 @@ class StepSource {
 
  private:
   Step next(const Collections& collections);
+  void chooseKeys(Step& batch);
 
   std::mt19937_64 random_;
   std::uint64_t words_ = 0;
@@ -96,6 +101,8 @@ class Subject {
   /// Nothing when there is no such collection.
   virtual std::optional<CollectionState> state(const std::string& collection) = 0;
   virtual std::set<std::string> search(const std::string& collection, const std::string& query) = 0;
+  /// Whether the outcome of the batch is known.
+  virtual bool knows(const Step& batch) = 0;
 };
 
 /// How far a history got when the crash came: at least `acknowledged` steps were done, and no more
@@ -116,6 +123,12 @@ Collections lookAt(Subject& subject, const Model& model, const Steps& steps);
 /// Nothing when no number of steps from what was acknowledged to what was sent explains it.
 std::optional<Model> explain(const Model& before, const Steps& steps, Progress progress,
                              const Collections& found, bool othersUpdate);
+
+/// Sends the last batch of the steps once more, if the collection is still the same, as a client
+/// does whose reply was lost; and brings all indexes up to date. False if that does more than a
+/// first attempt would have done, or if a batch that was acknowledged is not known. The subject has
+/// been made anew since the collections were looked at, so that it knows what is on disk.
+bool repeatsHarmlessly(Subject& subject, Model& model, const Steps& steps, Progress progress);
 
 /// For a failure's message.
 std::string describe(const Model& before, const Steps& steps, Progress progress,

@@ -32,6 +32,18 @@ using Kind = Step::Kind;
 const std::string kSuccess("\0\1", 2);
 const std::string kChangesPending("\0\5", 2);
 
+std::string blocksOf(const Batch& batch) {
+  std::string blocks;
+  for (const Document& document : batch.changes.documents) {
+    blocks += test::documentBlock(document.key, document.metadata, document.content);
+  }
+  blocks += test::terminateRecord();
+  for (const std::string& key : batch.changes.deletions) {
+    blocks += test::documentBlock(key, {}, {});
+  }
+  return blocks;
+}
+
 std::string requestFor(const Step& step) {
   const auto request = [&](const std::string& action, const std::string& body = {}) {
     return binaryRequest({{"action", action}, {"index", step.collection}}, body);
@@ -56,6 +68,10 @@ std::string requestFor(const Step& step) {
       return request("getParseResult");
     case Kind::Remove:
       return request("deleteDocument", test::documentBlock(step.key, {}, {}));
+    case Kind::Batch:
+      return binaryRequest(
+          {{"action", "addDocument"}, {"index", step.collection}, {"batch", step.word}},
+          test::documentBlock("any", {}, blocksOf(test::batchOf(step))));
     case Kind::Update:
       break;
   }
@@ -91,6 +107,15 @@ class ServerSubject : public test::Subject {
     if (!receiveSuccess()) throw std::runtime_error("a search is not answered");
     const auto keys = receiveRecords().value();
     return {keys.begin(), keys.end()};
+  }
+
+  bool knows(const Step& batch) override {
+    client_.send(binaryRequest(
+        {{"action", "getParseResult"}, {"index", batch.collection}, {"batch", batch.word}}));
+    if (client_.receive(2) == kSuccess) return receiveRecords().value().size() == 1;
+    const std::string error = receiveWithLength();
+    if (error.find("ZVK0033E") != std::string::npos) return false;
+    throw std::runtime_error("batch " + batch.word + ": " + error);
   }
 
  private:
@@ -199,6 +224,11 @@ TEST(ServerKill, LosesNothingThatWasAcknowledgedAndDoesNothingByHalves) {
         const auto after = explain(model, steps, progress, found, othersUpdate);
         ASSERT_TRUE(after) << describe(model, steps, progress, found);
         model = *after;
+        server.kill();
+        server.start();
+        ServerSubject again(server.binaryPort());
+        ASSERT_TRUE(repeatsHarmlessly(again, model, steps, progress))
+            << describe(model, steps, progress, found);
       });
     }
   }
