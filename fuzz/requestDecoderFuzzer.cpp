@@ -77,10 +77,13 @@ class EmptyStore : public corvaned::Store {
     require(!document.key.empty() && document.key.size() <= corvaned::kMaxKeyBytes,
             "a document that reaches the store has a key");
   }
-  void queueDocument(const std::string& name, const corvaned::Document& document) override {
+  void queueDocument(const std::string& name, const corvaned::Document& document,
+                     const std::string&) override {
     addDocument(name, document);
   }
-  void reportOutcome(const std::string& name, corvaned::ParseOutcome) override { named(name); }
+  void reportOutcome(const std::string& name, corvaned::ParseOutcome, const std::string&) override {
+    named(name);
+  }
   void deleteDocument(const std::string& name, const std::string& key, bool) override {
     named(name);
     hasKey(key);
@@ -105,7 +108,8 @@ class EmptyStore : public corvaned::Store {
     return {1, 2, 1};
   }
   void updateIndex(const std::string& name) override { named(name); }
-  std::vector<corvaned::ParseOutcome> takeParseOutcomes(const std::string& name) override {
+  std::vector<corvaned::ParseOutcome> takeParseOutcomes(const std::string& name,
+                                                        const std::string&) override {
     named(name);
     return {{"key", "", ""}, {"other", "ZVK0001E", "not stored"}};
   }

@@ -161,30 +161,50 @@ Reply deleteDocument(const Service& service, Request& request) {
   return DoneReply{};
 }
 
+// Whose outcomes they are; empty if the request does not say.
+std::string clientOf(const Request& request) {
+  std::string client(request.header(words().client));
+  if (client.size() <= kMaxClientName) return client;
+  refuseValue(request, words().client,
+              "longer than " + std::to_string(kMaxClientName) + " bytes");
+}
+
 // The client expects no reply, so a refusal is reported among the outcomes of queued documents.
 Reply queueDocument(const Service& service, Request& request) {
   const std::string collection = collectionOf(request);
   std::string key;
+  // A name that is too long is refused below, where the key is known.
+  const std::string_view named = request.header(words().client);
+  const std::string client(named.size() > kMaxClientName ? std::string_view() : named);
   try {
     DocumentBlock block = requireBlock(request);
     key = block.document.key;
+    clientOf(request);
     requireParameters(*findAction(request.header(words().action)), request);
     const std::string charset = charsetOf(request);
     if (block.terminate) return NoReply{};
     block.document.content = toUtf8(std::move(block.document.content), charset);
-    service.store.queueDocument(collection, block.document);
+    service.store.queueDocument(collection, block.document, client);
   } catch (const ServerError& error) {
     if (error.kind() == ErrorKind::UnknownCollection) throw;
     service.store.reportOutcome(
-        collection, ParseOutcome{key, std::string(messageId(error.kind())), error.what()});
+        collection, ParseOutcome{key, std::string(messageId(error.kind())), error.what()}, client);
   }
   return NoReply{};
 }
 
 Reply parseResult(const Service& service, Request& request) {
   if (asksForReport(request)) return report(service, request);
-  if (!request.header(words().batch).empty()) return batchOutcome(service, request);
-  return OutcomesReply{service.store.takeParseOutcomes(collectionOf(request))};
+  const std::string collection = collectionOf(request);
+  const std::string client = clientOf(request);
+  if (request.header(words().batch).empty()) {
+    return OutcomesReply{service.store.takeParseOutcomes(collection, client)};
+  }
+  if (client.empty()) return batchOutcome(service, request);
+  throw ServerError(ErrorKind::UnknownParameter,
+                    "the action " + shown(request.header(words().action)) +
+                        " does not take the parameter " + shown(words().client) + " beside " +
+                        shown(words().batch));
 }
 
 // A collection that cannot be opened has a status, too.
@@ -303,7 +323,7 @@ constexpr std::array<Parameter, 5> kAdd{{{&Words::useQueue, kNo},
                                          {&Words::expectedMark},
                                          {&Words::newMark},
                                          {&Words::mustExist}}};
-constexpr std::array<Parameter, 1> kQueue{{{&Words::useQueue, kYes}}};
+constexpr std::array<Parameter, 2> kQueue{{{&Words::useQueue, kYes}, {&Words::client}}};
 constexpr std::array<Parameter, 1> kDelete{{{&Words::mustExist}}};
 constexpr std::array<Parameter, 1> kUpdate{{{&Words::incremental, kYes}}};
 constexpr std::array<Parameter, 11> kSearch{{{&Words::query},
@@ -319,7 +339,8 @@ constexpr std::array<Parameter, 11> kSearch{{{&Words::query},
                                              {&Words::upTo}}};
 constexpr std::array<Parameter, 3> kSelectivity{
     {{&Words::query}, {&Words::mode, kSelectivityMode}, {&Words::exactHits}}};
-constexpr std::array<Parameter, 7> kReport{{{&Words::report},
+constexpr std::array<Parameter, 8> kReport{{{&Words::report},
+                                            {&Words::client},
                                             {&Words::batch},
                                             {&Words::query},
                                             {&Words::after},

@@ -37,7 +37,7 @@ constexpr std::array<Word, 5> kOfReports{&Words::query, &Words::after, &Words::u
                                          &Words::every};
 
 // What getParseResult takes where it makes no report.
-constexpr std::array<Word, 1> kOfOutcomes{&Words::batch};
+constexpr std::array<Word, 2> kOfOutcomes{&Words::batch, &Words::client};
 
 std::uint64_t linesWanted(const Request& request, std::uint64_t usually) {
   std::uint64_t lines = usually;

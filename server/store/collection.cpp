@@ -115,10 +115,11 @@ std::shared_ptr<Ticket> Collection::add(const Document& document) {
   return nullptr;
 }
 
-void Collection::queue(const Document& document) {
+void Collection::queue(const Document& document, const std::string& client) {
   checkSize(document);
   const Journal::Place place = append({ChangeKind::Put, document});
-  pushOutcome({document.key, {}, {}}, place.ticket);
+  if (!client.empty()) outcomes_->setOwner(document.key, client, place.end);
+  pushOutcome({document.key, {}, {}}, place.ticket, client);
   requestEarly(place);
   if (refresh_.mode == Refresh::Mode::Immediate) requestRound();
 }
@@ -130,9 +131,9 @@ void Collection::requestEarly(const Journal::Place& place) {
   requestUpdate();
 }
 
-void Collection::reportOutcome(ParseOutcome outcome) {
+void Collection::reportOutcome(ParseOutcome outcome, const std::string& client) {
   requireActive();
-  pushOutcome(std::move(outcome), 0);
+  pushOutcome(std::move(outcome), 0, client);
 }
 
 std::shared_ptr<Ticket> Collection::remove(const std::string& key, bool mustExist) {
@@ -458,8 +459,10 @@ std::size_t Collection::reportRefused(Job& job) {
       waiting.ticket->finish(ServerError(ErrorKind::DocumentsNotIndexed, outcome.messageText));
       waiting.ticket.reset();
     }
-    pushOutcome(std::move(outcome), 0);
+    const std::string owner = outcomes_->ownerOf(outcome.key);
+    pushOutcome(std::move(outcome), 0, owner);
   }
+  outcomes_->forgetOwnersUpTo(job.end);
   return refused.size();
 }
 
@@ -531,13 +534,13 @@ void Collection::failAll(const ServerError& failure) {
   }
 }
 
-std::vector<ParseOutcome> Collection::takeOutcomes() {
+std::vector<ParseOutcome> Collection::takeOutcomes(const std::string& client) {
   requireActive();
-  ParseOutcomes::Taken taken = outcomes_->take();
+  ParseOutcomes::Taken taken = outcomes_->take(client);
   try {
     journal_.sync(taken.ticket);
   } catch (...) {
-    outcomes_->putBack(std::move(taken));
+    outcomes_->putBack(std::move(taken), client);
     throw;
   }
   return {std::make_move_iterator(taken.outcomes.begin()),
@@ -714,8 +717,9 @@ std::vector<std::string> Collection::hidden() const {
   return keys;
 }
 
-void Collection::pushOutcome(ParseOutcome outcome, std::uint64_t ticket) {
-  if (outcomes_->push(std::move(outcome), ticket)) return;
+void Collection::pushOutcome(ParseOutcome outcome, std::uint64_t ticket,
+                             const std::string& client) {
+  if (outcomes_->push(std::move(outcome), ticket, client)) return;
   spdlog::warn("collection {}: nobody asks for parse results, the oldest is forgotten",
                shown(name_));
 }

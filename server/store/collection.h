@@ -68,8 +68,8 @@ class Collection {
 
   /// Returns what the caller waits for; null if for nothing. indexStep() brings that about.
   std::shared_ptr<Ticket> add(const Document& document);
-  void queue(const Document& document);
-  void reportOutcome(ParseOutcome outcome);
+  void queue(const Document& document, const std::string& client = {});
+  void reportOutcome(ParseOutcome outcome, const std::string& client = {});
   /// As add().
   std::shared_ptr<Ticket> remove(const std::string& key, bool mustExist = false);
   /// What became of a batch, and what the caller waits for.
@@ -82,7 +82,7 @@ class Collection {
   /// The work that makes every change accepted before this call searchable. All who ask at the same
   /// time get the same. indexStep() carries it out.
   std::shared_ptr<Ticket> requestUpdate();
-  std::vector<ParseOutcome> takeOutcomes();
+  std::vector<ParseOutcome> takeOutcomes(const std::string& client = {});
   std::unique_ptr<HitSource> search(const SearchQuery& query);
   std::unique_ptr<HitSource> match(const SearchQuery& query,
                                    const std::vector<Document>& documents);
@@ -183,7 +183,7 @@ class Collection {
   void endJob(const std::optional<ServerError>& failure);
   void logFailure(const ServerError& failure);
   void failAll(const ServerError& failure);
-  void pushOutcome(ParseOutcome outcome, std::uint64_t ticket);
+  void pushOutcome(ParseOutcome outcome, std::uint64_t ticket, const std::string& client);
 
   const std::string name_;
   const std::filesystem::path directory_;

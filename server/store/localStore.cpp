@@ -131,14 +131,16 @@ void LocalStore::addDocument(const std::string& name, const Document& document) 
   follow(std::move(collection), std::move(searchable));
 }
 
-void LocalStore::queueDocument(const std::string& name, const Document& document) {
+void LocalStore::queueDocument(const std::string& name, const Document& document,
+                               const std::string& client) {
   Registry::Use collection = find(name);
-  collection->queue(document);
+  collection->queue(document, client);
   follow(std::move(collection), nullptr);
 }
 
-void LocalStore::reportOutcome(const std::string& name, ParseOutcome outcome) {
-  find(name)->reportOutcome(std::move(outcome));
+void LocalStore::reportOutcome(const std::string& name, ParseOutcome outcome,
+                               const std::string& client) {
+  find(name)->reportOutcome(std::move(outcome), client);
 }
 
 void LocalStore::deleteDocument(const std::string& name, const std::string& key, bool mustExist) {
@@ -217,8 +219,9 @@ bool LocalStore::indexStep(const std::shared_ptr<Registry::Use>& collection) {
   return false;
 }
 
-std::vector<ParseOutcome> LocalStore::takeParseOutcomes(const std::string& name) {
-  return find(name)->takeOutcomes();
+std::vector<ParseOutcome> LocalStore::takeParseOutcomes(const std::string& name,
+                                                        const std::string& client) {
+  return find(name)->takeOutcomes(client);
 }
 
 std::unique_ptr<HitSource> LocalStore::search(const std::string& name, const SearchQuery& query) {

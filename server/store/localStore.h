@@ -50,14 +50,20 @@ class LocalStore : public Store {
   void closeCollection(const std::string& name) override;
   void deleteCollection(const std::string& name) override;
   void addDocument(const std::string& name, const Document& document) override;
-  void queueDocument(const std::string& name, const Document& document) override;
-  void reportOutcome(const std::string& name, ParseOutcome outcome) override;
+  using Store::queueDocument;
+  void queueDocument(const std::string& name, const Document& document,
+                     const std::string& client) override;
+  using Store::reportOutcome;
+  void reportOutcome(const std::string& name, ParseOutcome outcome,
+                     const std::string& client) override;
   using Store::deleteDocument;
   void deleteDocument(const std::string& name, const std::string& key, bool mustExist) override;
   BatchOutcome apply(const std::string& name, Batch batch) override;
   BatchOutcome batchOutcome(const std::string& name, const std::string& batch) override;
   void updateIndex(const std::string& name) override;
-  std::vector<ParseOutcome> takeParseOutcomes(const std::string& name) override;
+  using Store::takeParseOutcomes;
+  std::vector<ParseOutcome> takeParseOutcomes(const std::string& name,
+                                              const std::string& client) override;
   std::unique_ptr<HitSource> search(const std::string& name, const SearchQuery& query) override;
   std::unique_ptr<HitSource> match(const std::string& name, const SearchQuery& query,
                                    const std::vector<Document>& documents) override;

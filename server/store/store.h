@@ -139,6 +139,7 @@ struct Batch {
 
 constexpr std::size_t kMaxBatchName = 128;
 constexpr std::size_t kMaxMark = 128;
+constexpr std::size_t kMaxClientName = 128;
 /// The mark of a collection that has none.
 constexpr std::string_view kNoMark = "none";
 
@@ -209,10 +210,19 @@ class Store {
   /// the collection's refresh says. If the document is to be searchable at once and the index
   /// cannot take it, this throws although the document is kept.
   virtual void addDocument(const std::string& name, const Document& document) = 0;
-  /// As addDocument, but durable only when takeParseOutcomes has reported it.
-  virtual void queueDocument(const std::string& name, const Document& document) = 0;
+  /// As addDocument, but durable only when takeParseOutcomes has reported it. The client's name may
+  /// be empty.
+  virtual void queueDocument(const std::string& name, const Document& document,
+                             const std::string& client) = 0;
+  void queueDocument(const std::string& name, const Document& document) {
+    queueDocument(name, document, {});
+  }
   /// Adds the outcome of a document that never reached the store to those of queueDocument.
-  virtual void reportOutcome(const std::string& name, ParseOutcome outcome) = 0;
+  virtual void reportOutcome(const std::string& name, ParseOutcome outcome,
+                             const std::string& client) = 0;
+  void reportOutcome(const std::string& name, ParseOutcome outcome) {
+    reportOutcome(name, std::move(outcome), {});
+  }
   /// Later searches do not find the document. Throws if the key must exist and has none, whether in
   /// the index or among the changes that wait for it; else deleting an unknown key succeeds.
   virtual void deleteDocument(const std::string& name, const std::string& key, bool mustExist) = 0;
@@ -227,8 +237,13 @@ class Store {
   virtual BatchOutcome batchOutcome(const std::string& name, const std::string& batch) = 0;
   /// Makes every change accepted before the call searchable.
   virtual void updateIndex(const std::string& name) = 0;
-  /// One outcome for each document queued since the last call, oldest first, all of them durable.
-  virtual std::vector<ParseOutcome> takeParseOutcomes(const std::string& name) = 0;
+  /// One outcome for each document that the client has queued since its last call, oldest first,
+  /// all of them durable. Without a name, of those that were queued without one.
+  virtual std::vector<ParseOutcome> takeParseOutcomes(const std::string& name,
+                                                      const std::string& client) = 0;
+  std::vector<ParseOutcome> takeParseOutcomes(const std::string& name) {
+    return takeParseOutcomes(name, {});
+  }
 
   virtual std::unique_ptr<HitSource> search(const std::string& name, const SearchQuery& query) = 0;
   /// What search() would find of these documents, and with what scores, had they been added and

@@ -451,6 +451,30 @@ TEST_P(Library, ListsCollections) {
   EXPECT_EQ(send(ClientRequest::PARSE_RESULT, {{"report", "collection"}}).parsed, answer.parsed);
 }
 
+TEST_P(Library, TellsAClientTheOutcomesOfItsOwnDocuments) {
+  const auto queueAs = [&](const char* name, const std::string& key) {
+    ClientRequest request =
+        requestTo(collection_, ClientRequest::ASYNCH_ADD_DOCUMENT, {{"client", name}});
+    attachDocument(request, key, "fox");
+    EXPECT_THAT(send(request).failure, IsEmpty());
+  };
+  queueAs("ada", "k1");
+  queueAs("ben", "k2");
+  queue("k3", "fox");
+  queueAs("ada", std::string(129, 'k'));
+  const auto told = [&](const Parameters& parameters) {
+    ClientRequest request = requestTo(collection_, ClientRequest::PARSE_RESULT, parameters);
+    return send(request).parsed;
+  };
+  ASSERT_THAT(told({}), SizeIs(1));
+  EXPECT_THAT(told({{"client", "ben"}}), SizeIs(1));
+  const auto ofAda = told({{"client", "ada"}});
+  ASSERT_THAT(ofAda, SizeIs(2));
+  EXPECT_EQ(ofAda[0].document, docIdOf("k1"));
+  EXPECT_EQ(ofAda[1].messageId, "ZVK0012E");
+  EXPECT_THAT(told({{"client", "ada"}}), IsEmpty());
+}
+
 // Batches.
 
 // The bytes of a document as it would be sent.

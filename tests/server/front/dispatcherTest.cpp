@@ -107,7 +107,7 @@ TEST_F(DispatcherTest, DocumentActionsDecodeTheBlock) {
   expectIs<DoneReply>(handle({{"action", "addDocument"}, {"index", "c"}}, kBlock));
   EXPECT_CALL(store_, deleteDocument("c", "k", false));
   expectIs<DoneReply>(handle({{"action", "deleteDocument"}, {"index", "c"}}, kBlock));
-  EXPECT_CALL(store_, queueDocument("c", isTheDocument()));
+  EXPECT_CALL(store_, queueDocument("c", isTheDocument(), ""));
   expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, kBlock));
 }
 
@@ -117,7 +117,7 @@ TEST_F(DispatcherTest, ContentIsConvertedFromItsCharset) {
   expectIs<DoneReply>(handle(add, documentBlock("k", {{"a", "\u00e9"}}, "caf\xE9")));
   const test::Headers queue{
       {"action", "asyncAddDocument"}, {"index", "c"}, {"KnownCharset", "utf-16be"}};
-  EXPECT_CALL(store_, queueDocument("c", Field(&Document::content, "\u5168x")));
+  EXPECT_CALL(store_, queueDocument("c", Field(&Document::content, "\u5168x"), ""));
   expectIs<NoReply>(handle(queue, documentBlock("k", {{"a", "b"}}, std::string("\x51\x68\0x", 4))));
 }
 
@@ -159,22 +159,56 @@ TEST_F(DispatcherTest, LastDocumentRecordIsTakenWithoutAReply) {
 }
 
 TEST_F(DispatcherTest, QueuedDocumentThatIsRefusedIsToldAmongTheParseResults) {
-  EXPECT_CALL(store_, queueDocument("c", _))
+  EXPECT_CALL(store_, queueDocument("c", _, ""))
       .WillOnce(Throw(ServerError(ErrorKind::DocumentTooLarge, "too large")));
   EXPECT_CALL(store_, reportOutcome("c", AllOf(Field(&ParseOutcome::key, "k"),
                                                Field(&ParseOutcome::messageId, "ZVK0013E"),
-                                               Field(&ParseOutcome::messageText, "too large"))));
+                                               Field(&ParseOutcome::messageText, "too large")),
+                                    ""));
   expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, kBlock));
-  EXPECT_CALL(store_, reportOutcome("c", Field(&ParseOutcome::messageId, "ZVK0012E")));
+  EXPECT_CALL(store_, reportOutcome("c", Field(&ParseOutcome::messageId, "ZVK0012E"), ""));
   expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, "garbage"));
+}
+
+TEST_F(DispatcherTest, OutcomesAreThoseOfTheClientThatIsNamed) {
+  const test::Headers queue{{"action", "asyncAddDocument"}, {"index", "c"}, {"client", "ada"}};
+  EXPECT_CALL(store_, queueDocument("c", isTheDocument(), "ada"));
+  expectIs<NoReply>(handle(queue, kBlock));
+  EXPECT_CALL(store_, reportOutcome("c", Field(&ParseOutcome::messageId, "ZVK0012E"), "ada"));
+  expectIs<NoReply>(handle(queue, "garbage"));
+  EXPECT_CALL(store_, takeParseOutcomes("c", "ada"));
+  expectIs<OutcomesReply>(
+      handle({{"action", "getParseResult"}, {"index", "c"}, {"client", "ada"}}));
+}
+
+TEST_F(DispatcherTest, NameOfAClientHasAtMost128Bytes) {
+  const auto queueAs = [&](std::size_t size) {
+    expectIs<NoReply>(handle({{"action", "asyncAddDocument"},
+                              {"index", "c"},
+                              {"client", std::string(size, 'a')}},
+                             kBlock));
+  };
+  EXPECT_CALL(store_, queueDocument("c", _, std::string(128, 'a')));
+  queueAs(128);
+  EXPECT_CALL(store_, reportOutcome("c", AllOf(Field(&ParseOutcome::key, "k"),
+                                               Field(&ParseOutcome::messageId, "ZVK0006E")),
+                                    ""));
+  queueAs(129);
+  EXPECT_THAT(error({{"action", "getParseResult"}, {"index", "c"}, {"client", std::string(129, 'a')}}),
+              AllOf(HasSubstr("ZVK0006E"), HasSubstr("\"client\"")));
+}
+
+TEST_F(DispatcherTest, BatchesOutcomeIsNoClients) {
+  EXPECT_THAT(error({{"action", "getParseResult"}, {"index", "c"}, {"client", "a"}, {"batch", "b"}}),
+              AllOf(HasSubstr("ZVK0024E"), HasSubstr("\"client\""), HasSubstr("\"batch\"")));
 }
 
 TEST_F(DispatcherTest, NothingIsEverAnsweredToAQueuedDocument) {
   expectIs<NoReply>(handle({{"action", "asyncAddDocument"}}, kBlock));
-  EXPECT_CALL(store_, queueDocument("c", _))
+  EXPECT_CALL(store_, queueDocument("c", _, ""))
       .WillOnce(Throw(ServerError(ErrorKind::UnknownCollection, "unknown")));
   expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, kBlock));
-  EXPECT_CALL(store_, queueDocument("c", _)).WillOnce(Throw(std::runtime_error("unexpected")));
+  EXPECT_CALL(store_, queueDocument("c", _, "")).WillOnce(Throw(std::runtime_error("unexpected")));
   expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, kBlock));
 }
 
@@ -322,7 +356,7 @@ TEST_F(DispatcherTest, SelectivityCountsAsManyHitsAsTheRequestSays) {
 }
 
 TEST_F(DispatcherTest, ParseResultsComeFromTheStore) {
-  EXPECT_CALL(store_, takeParseOutcomes("c"))
+  EXPECT_CALL(store_, takeParseOutcomes("c", ""))
       .WillOnce(Return(std::vector<ParseOutcome>{{"k", "", ""}}));
   const Reply reply = handle({{"action", "getParseResult"}, {"index", "c"}});
   ASSERT_TRUE(std::holds_alternative<OutcomesReply>(reply));

@@ -22,13 +22,16 @@ class MockStore : public Store {
   MOCK_METHOD(void, closeCollection, (const std::string&), (override));
   MOCK_METHOD(void, deleteCollection, (const std::string&), (override));
   MOCK_METHOD(void, addDocument, (const std::string&, const Document&), (override));
-  MOCK_METHOD(void, queueDocument, (const std::string&, const Document&), (override));
-  MOCK_METHOD(void, reportOutcome, (const std::string&, ParseOutcome), (override));
+  MOCK_METHOD(void, queueDocument, (const std::string&, const Document&, const std::string&),
+              (override));
+  MOCK_METHOD(void, reportOutcome, (const std::string&, ParseOutcome, const std::string&),
+              (override));
   MOCK_METHOD(void, deleteDocument, (const std::string&, const std::string&, bool), (override));
   MOCK_METHOD(BatchOutcome, apply, (const std::string&, Batch), (override));
   MOCK_METHOD(BatchOutcome, batchOutcome, (const std::string&, const std::string&), (override));
   MOCK_METHOD(void, updateIndex, (const std::string&), (override));
-  MOCK_METHOD(std::vector<ParseOutcome>, takeParseOutcomes, (const std::string&), (override));
+  MOCK_METHOD(std::vector<ParseOutcome>, takeParseOutcomes,
+              (const std::string&, const std::string&), (override));
   MOCK_METHOD(std::unique_ptr<HitSource>, search, (const std::string&, const SearchQuery&),
               (override));
   MOCK_METHOD(std::unique_ptr<HitSource>, match,

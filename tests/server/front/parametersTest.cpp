@@ -107,7 +107,7 @@ std::vector<Row> rows() {
                  {"mustExist", {{"true", "false"}, "maybe"}}},
        "batch",
        {}},
-      {"asyncAddDocument", named, inCollection + kDocument + Group{{"useQueue", kOnlyTrue}}},
+      {"asyncAddDocument", named, inCollection + kDocument + Group{{"useQueue", kOnlyTrue}, {"client", kAnyText}}},
       {"deleteDocument", named, inCollection + Group{{"mustExist", {{"true", "false"}, "maybe"}}}},
       {"updateIndex", named, inCollection + Group{{"incremental", kOnlyTrue}}},
       {"search", searching,
@@ -126,7 +126,7 @@ std::vector<Row> rows() {
        inCollection + query +
            Group{{"mode", {{"selectivity"}, "streaming"}}, {"exactHits", kNumber}}},
       {"getParseResult", named,
-       inCollection + Group{{"report", {{"count", "digest"}, "all"}}, {"batch", kAnyText}}},
+       inCollection + Group{{"report", {{"count", "digest"}, "all"}}, {"batch", kAnyText}, {"client", kAnyText}}},
       {"getParseResult",
        {{"report", "collections"}},
        kEnvelope + Group{{"report", {{"collections"}, "all"}},
@@ -168,7 +168,7 @@ std::vector<Row> rows() {
 std::set<std::string> allNames() {
   std::set<std::string> names{"nonsense", "Index", "query ",       "Host",    "match",
                               "after",    "upTo",  "exactHits",    "report",  "every",
-                              "refresh",  "batch", "expectedMark", "newMark", "mustExist"};
+                              "refresh",  "batch", "expectedMark", "newMark", "mustExist", "client"};
   for (const icu::UnicodeString* name : {&StaticDefs::PARAM_COLLECTION_ID,
                                          &StaticDefs::PARAM_DOCUMENT_ID,
                                          &StaticDefs::PARAM_ROWID,
@@ -231,7 +231,7 @@ class ParametersTest : public ::testing::TestWithParam<Row> {
  protected:
   ParametersTest() {
     ON_CALL(store_, state).WillByDefault(Return(CollectionState::Current));
-    ON_CALL(store_, reportOutcome).WillByDefault(Invoke([&](const std::string&, ParseOutcome told) {
+    ON_CALL(store_, reportOutcome).WillByDefault(Invoke([&](const std::string&, ParseOutcome told, const std::string&) {
       told_ = told.messageId + " " + told.messageText;
     }));
   }

@@ -405,6 +405,36 @@ TEST_F(LocalStoreTest, QueuedDocumentsAreReportedOnceInOrder) {
   EXPECT_THAT(keys("fox"), ElementsAre("k1", "k3"));
 }
 
+TEST_F(LocalStoreTest, OutcomesOfAClientAreToldToItAlone) {
+  store_->createCollection("c", "en");
+  store_->queueDocument("c", {"k1", {}, "fox"}, "ada");
+  store_->queueDocument("c", {"k2", {}, "fox"});
+  store_->reportOutcome("c", {"k3", "ZVK0012E", "bad"}, "ada");
+  store_->closeCollection("c");
+  EXPECT_EQ(store_->takeParseOutcomes("c").size(), 1U);
+  EXPECT_THAT(store_->takeParseOutcomes("c", "ben"), IsEmpty());
+  const std::vector<ParseOutcome> outcomes = store_->takeParseOutcomes("c", "ada");
+  ASSERT_EQ(outcomes.size(), 2U);
+  EXPECT_EQ(outcomes[0].key, "k1");
+  EXPECT_EQ(outcomes[1].key, "k3");
+  EXPECT_EQ(outcomes[1].messageId, "ZVK0012E");
+}
+
+TEST_F(LocalStoreTest, ClientIsToldWhatTheIndexRefusesLater) {
+  store_->createCollection("c", "en");
+  const std::string bad(300, 'a');
+  store_->queueDocument("c", {bad, {}, "fox"}, "ada");
+  store_->queueDocument("c", {std::string(300, 'b'), {}, "fox"});
+  EXPECT_EQ(store_->takeParseOutcomes("c", "ada").size(), 1U);
+  EXPECT_EQ(store_->takeParseOutcomes("c").size(), 1U);
+  refusal(ErrorKind::DocumentsNotIndexed, [&] { store_->updateIndex("c"); });
+  const std::vector<ParseOutcome> outcomes = store_->takeParseOutcomes("c", "ada");
+  ASSERT_EQ(outcomes.size(), 1U);
+  EXPECT_EQ(outcomes[0].key, bad);
+  EXPECT_EQ(outcomes[0].messageId, "ZVK0015E");
+  EXPECT_EQ(store_->takeParseOutcomes("c").size(), 1U);
+}
+
 TEST_F(LocalStoreTest, OldestOutcomesAreForgottenWhenNobodyAsks) {
   limits_.outcomes = 3;
   restart();
