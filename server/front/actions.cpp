@@ -35,6 +35,13 @@ void requireNoScores(const Request& request) {
   }
 }
 
+[[noreturn]] void refuseBeside(const Request& request, const std::string& name,
+                               const std::string& other) {
+  throw ServerError(ErrorKind::UnknownParameter,
+                    "the action " + shown(request.header(words().action)) +
+                        " does not take the parameter " + shown(name) + " beside " + shown(other));
+}
+
 SearchQuery searchQueryOf(const Request& request) {
   SearchQuery query;
   query.order = orderOf(request);
@@ -43,6 +50,7 @@ SearchQuery searchQueryOf(const Request& request) {
   if (!query.everything) query.text = require(request, words().query);
   query.after = keyIn(request, words().after);
   query.upTo = keyIn(request, words().upTo);
+  query.keys = keysIn(request, words().keys);
   readNumber(request, words().start, query.start);
   readNumber(request, words().size, query.size);
   readNumber(request, words().resultLimit, query.limit);
@@ -99,10 +107,16 @@ Reply search(const Service& service, Request& request) {
   const std::string collection = collectionOf(request);
   reply.streaming = chooses(request, words().mode, words().modeStreaming, words().modeScalar);
   reply.withScore = chooses(request, words().scoreWanted, words().yes, words().no);
+  const bool matches = !request.header(words().match).empty();
+  if (matches && !request.header(words().keys).empty()) {
+    refuseBeside(request, words().keys, words().match);
+  }
   const SearchQuery query = searchQueryOf(request);
-  reply.hits = request.header(words().match).empty()
-                   ? service.store.search(collection, query)
-                   : service.store.match(collection, query, documentsToMatch(request));
+  if (!matches) {
+    reply.hits = service.store.search(collection, query);
+    return reply;
+  }
+  reply.hits = service.store.match(collection, query, documentsToMatch(request));
   return reply;
 }
 
@@ -165,8 +179,7 @@ Reply deleteDocument(const Service& service, Request& request) {
 std::string clientOf(const Request& request) {
   std::string client(request.header(words().client));
   if (client.size() <= kMaxClientName) return client;
-  refuseValue(request, words().client,
-              "longer than " + std::to_string(kMaxClientName) + " bytes");
+  refuseValue(request, words().client, "longer than " + std::to_string(kMaxClientName) + " bytes");
 }
 
 // The client expects no reply, so a refusal is reported among the outcomes of queued documents.
@@ -200,11 +213,8 @@ Reply parseResult(const Service& service, Request& request) {
   if (request.header(words().batch).empty()) {
     return OutcomesReply{service.store.takeParseOutcomes(collection, client)};
   }
-  if (client.empty()) return batchOutcome(service, request);
-  throw ServerError(ErrorKind::UnknownParameter,
-                    "the action " + shown(request.header(words().action)) +
-                        " does not take the parameter " + shown(words().client) + " beside " +
-                        shown(words().batch));
+  if (!client.empty()) refuseBeside(request, words().client, words().batch);
+  return batchOutcome(service, request);
 }
 
 // A collection that cannot be opened has a status, too.
@@ -326,7 +336,8 @@ constexpr std::array<Parameter, 5> kAdd{{{&Words::useQueue, kNo},
 constexpr std::array<Parameter, 2> kQueue{{{&Words::useQueue, kYes}, {&Words::client}}};
 constexpr std::array<Parameter, 1> kDelete{{{&Words::mustExist}}};
 constexpr std::array<Parameter, 1> kUpdate{{{&Words::incremental, kYes}}};
-constexpr std::array<Parameter, 11> kSearch{{{&Words::query},
+constexpr std::array<Parameter, 12> kSearch{{{&Words::query},
+                                             {&Words::keys},
                                              {&Words::mode},
                                              {&Words::start},
                                              {&Words::size},
@@ -339,7 +350,8 @@ constexpr std::array<Parameter, 11> kSearch{{{&Words::query},
                                              {&Words::upTo}}};
 constexpr std::array<Parameter, 3> kSelectivity{
     {{&Words::query}, {&Words::mode, kSelectivityMode}, {&Words::exactHits}}};
-constexpr std::array<Parameter, 8> kReport{{{&Words::report},
+constexpr std::array<Parameter, 9> kReport{{{&Words::report},
+                                            {&Words::keys},
                                             {&Words::client},
                                             {&Words::batch},
                                             {&Words::query},

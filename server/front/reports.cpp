@@ -33,8 +33,8 @@ constexpr std::uint64_t kMaxLines = 1000;
 constexpr std::uint64_t kUsualCollections = 100;
 
 // What only reports take.
-constexpr std::array<Word, 5> kOfReports{&Words::query, &Words::after, &Words::upTo, &Words::size,
-                                         &Words::every};
+constexpr std::array<Word, 6> kOfReports{&Words::query, &Words::after, &Words::upTo,
+                                         &Words::keys,  &Words::size,  &Words::every};
 
 // What getParseResult takes where it makes no report.
 constexpr std::array<Word, 2> kOfOutcomes{&Words::batch, &Words::client};
@@ -97,6 +97,7 @@ SearchQuery keysOf(const Request& request) {
   query.everything = query.text.empty();
   query.after = keyIn(request, words().after);
   query.upTo = keyIn(request, words().upTo);
+  query.keys = keysIn(request, words().keys);
   return query;
 }
 
@@ -174,7 +175,7 @@ struct Report {
 constexpr std::array<Report, 4> kReports{{
     {&Words::collectionsReport, false, {&Words::after, &Words::size}, collections},
     {&Words::collectionReport, true, {}, collection},
-    {&Words::countReport, true, {&Words::query, &Words::after, &Words::upTo}, count},
+    {&Words::countReport, true, {&Words::query, &Words::after, &Words::upTo, &Words::keys}, count},
     {&Words::digestReport,
      true,
      {&Words::after, &Words::upTo, &Words::size, &Words::every},

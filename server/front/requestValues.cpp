@@ -1,9 +1,11 @@
 #include "server/front/requestValues.h"
 
+#include <algorithm>
 #include <charconv>
 #include <system_error>
 #include <utility>
 
+#include "server/base/base64.h"
 #include "server/base/errors.h"
 #include "server/front/replyText.h"
 #include "server/front/vocabulary.h"
@@ -61,6 +63,20 @@ std::string keyIn(const Request& request, const std::string& name) {
     refuseValue(request, name, "not \"base64:\" and the Base64 form of a key");
   }
   return std::move(*key);
+}
+
+std::vector<std::string> keysIn(const Request& request, const std::string& name) {
+  std::vector<std::string> keys;
+  for (std::string_view rest = request.header(name); !rest.empty();) {
+    const std::string_view text = rest.substr(0, rest.find(','));
+    std::string key;
+    if (!tq::util::Base64::decode(text.data(), text.size(), key) || key.empty()) {
+      refuseValue(request, name, "and " + shown(text) + " is not the Base64 form of a key");
+    }
+    keys.push_back(std::move(key));
+    rest.remove_prefix(std::min(text.size() + 1, rest.size()));
+  }
+  return keys;
 }
 
 }  // namespace corvaned

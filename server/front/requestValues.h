@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "server/front/request.h"
 
@@ -32,5 +33,8 @@ bool chooses(const Request& request, const std::string& name, std::string_view f
 
 /// The key that is written as replies name documents; empty if the parameter is missing.
 std::string keyIn(const Request& request, const std::string& name);
+
+/// Keys in Base64 with commas between them; none if the parameter is missing.
+std::vector<std::string> keysIn(const Request& request, const std::string& name);
 
 }  // namespace corvaned

@@ -47,6 +47,7 @@ void addNames(Words& words) {
   words.newMark = "newMark";
   words.mustExist = "mustExist";
   words.client = "client";
+  words.keys = "keys";
   words.documentType = utf8(Defs::PARAM_DOCUMENT_TYPE);
   words.knownDocumentType = utf8(Defs::PARAM_KNOWN_DOCUMENT_TYPE);
   words.charset = utf8(Defs::PARAM_CHARSET);

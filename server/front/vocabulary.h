@@ -17,7 +17,7 @@ struct Words {
       incremental;
   std::string implementationVersion, supportedServerVersions, versionsSeparator, buildSeparator;
   // Of this server only.
-  std::string refresh, batch, expectedMark, newMark, mustExist, client;
+  std::string refresh, batch, expectedMark, newMark, mustExist, client, keys;
   // Values.
   std::string modeScalar, modeStreaming, modeSelectivity, yes, no, defaultLanguage, english,
       americanEnglish, protocol11, formatRdx, collectionScope, systemScope, text, undefinedType,

@@ -14,8 +14,9 @@
 
 namespace corvaned {
 
-/// The outcomes of a collection's queued documents that nobody has asked for yet, and of the batches
-/// that were refused lately. They outlive the collection's being open. May be used from any thread.
+/// The outcomes of a collection's queued documents that nobody has asked for yet, and of the
+/// batches that were refused lately. They outlive the collection's being open. May be used from any
+/// thread.
 ///
 /// Documents are queued under the name of a client, which alone is told, or without one; then
 /// whoever asks first without a name is told.

@@ -63,6 +63,8 @@ struct SearchQuery {
   /// empty.
   std::string after;
   std::string upTo;
+  /// If there are any, only documents that have one of these keys.
+  std::vector<std::string> keys;
   /// The ranked result is cut after `limit` hits; then `size` hits are returned, beginning with hit
   /// `start`.
   std::uint64_t start = 0;

@@ -351,6 +351,19 @@ Xapian::Query withinKeys(const Xapian::Query& query, const std::string& after,
   return {Xapian::Query::OP_FILTER, query, range};
 }
 
+Xapian::Query amongKeys(const Xapian::Query& query, const std::vector<std::string>& keys) {
+  if (query.empty() || keys.empty()) return query;
+  std::vector<Xapian::Query> terms;
+  terms.reserve(keys.size());
+  for (const std::string& key : keys) terms.emplace_back(identityTerm(key));
+  return {Xapian::Query::OP_FILTER, query,
+          Xapian::Query(Xapian::Query::OP_OR, terms.begin(), terms.end())};
+}
+
+Xapian::Query withinKeys(const Xapian::Query& query, const SearchQuery& wanted) {
+  return amongKeys(withinKeys(query, wanted.after, wanted.upTo), wanted.keys);
+}
+
 std::uint64_t saturatedSum(std::uint64_t a, std::uint64_t b) {
   return a > std::numeric_limits<std::uint64_t>::max() - b
              ? std::numeric_limits<std::uint64_t>::max()
@@ -401,8 +414,7 @@ class XapianIndex::Reader {
 
   std::uint64_t count(const SearchQuery& query, const std::vector<std::string>& hidden,
                       const IndexLimits& limits) {
-    const Interruptible words(
-        withinKeys(withoutHidden(wordsOf(query, limits), hidden), query.after, query.upTo));
+    const Interruptible words(withinKeys(withoutHidden(wordsOf(query, limits), hidden), query));
     Xapian::Enquire enquire(database_);
     enquire.set_query(words.query());
     enquire.set_weighting_scheme(Xapian::BoolWeight());
@@ -480,7 +492,7 @@ class XapianIndex::Reader {
     const std::uint64_t end =
         std::min({saturatedSum(query.start, query.size), query.limit, documents});
     const Page page{std::min(query.start, end), end};
-    const Interruptible interruptible(withinKeys(words, query.after, query.upTo));
+    const Interruptible interruptible(withinKeys(words, query));
     Xapian::Enquire enquire(database);
     enquire.set_query(interruptible.query());
     if (query.order == HitOrder::Score) return ranked(enquire, page, query.scale, limits);

@@ -161,9 +161,10 @@ TEST_F(DispatcherTest, LastDocumentRecordIsTakenWithoutAReply) {
 TEST_F(DispatcherTest, QueuedDocumentThatIsRefusedIsToldAmongTheParseResults) {
   EXPECT_CALL(store_, queueDocument("c", _, ""))
       .WillOnce(Throw(ServerError(ErrorKind::DocumentTooLarge, "too large")));
-  EXPECT_CALL(store_, reportOutcome("c", AllOf(Field(&ParseOutcome::key, "k"),
-                                               Field(&ParseOutcome::messageId, "ZVK0013E"),
-                                               Field(&ParseOutcome::messageText, "too large")),
+  EXPECT_CALL(store_, reportOutcome("c",
+                                    AllOf(Field(&ParseOutcome::key, "k"),
+                                          Field(&ParseOutcome::messageId, "ZVK0013E"),
+                                          Field(&ParseOutcome::messageText, "too large")),
                                     ""));
   expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, kBlock));
   EXPECT_CALL(store_, reportOutcome("c", Field(&ParseOutcome::messageId, "ZVK0012E"), ""));
@@ -183,24 +184,26 @@ TEST_F(DispatcherTest, OutcomesAreThoseOfTheClientThatIsNamed) {
 
 TEST_F(DispatcherTest, NameOfAClientHasAtMost128Bytes) {
   const auto queueAs = [&](std::size_t size) {
-    expectIs<NoReply>(handle({{"action", "asyncAddDocument"},
-                              {"index", "c"},
-                              {"client", std::string(size, 'a')}},
-                             kBlock));
+    expectIs<NoReply>(
+        handle({{"action", "asyncAddDocument"}, {"index", "c"}, {"client", std::string(size, 'a')}},
+               kBlock));
   };
   EXPECT_CALL(store_, queueDocument("c", _, std::string(128, 'a')));
   queueAs(128);
-  EXPECT_CALL(store_, reportOutcome("c", AllOf(Field(&ParseOutcome::key, "k"),
-                                               Field(&ParseOutcome::messageId, "ZVK0006E")),
+  EXPECT_CALL(store_, reportOutcome("c",
+                                    AllOf(Field(&ParseOutcome::key, "k"),
+                                          Field(&ParseOutcome::messageId, "ZVK0006E")),
                                     ""));
   queueAs(129);
-  EXPECT_THAT(error({{"action", "getParseResult"}, {"index", "c"}, {"client", std::string(129, 'a')}}),
-              AllOf(HasSubstr("ZVK0006E"), HasSubstr("\"client\"")));
+  EXPECT_THAT(
+      error({{"action", "getParseResult"}, {"index", "c"}, {"client", std::string(129, 'a')}}),
+      AllOf(HasSubstr("ZVK0006E"), HasSubstr("\"client\"")));
 }
 
 TEST_F(DispatcherTest, BatchesOutcomeIsNoClients) {
-  EXPECT_THAT(error({{"action", "getParseResult"}, {"index", "c"}, {"client", "a"}, {"batch", "b"}}),
-              AllOf(HasSubstr("ZVK0024E"), HasSubstr("\"client\""), HasSubstr("\"batch\"")));
+  EXPECT_THAT(
+      error({{"action", "getParseResult"}, {"index", "c"}, {"client", "a"}, {"batch", "b"}}),
+      AllOf(HasSubstr("ZVK0024E"), HasSubstr("\"client\""), HasSubstr("\"batch\"")));
 }
 
 TEST_F(DispatcherTest, NothingIsEverAnsweredToAQueuedDocument) {
@@ -210,6 +213,28 @@ TEST_F(DispatcherTest, NothingIsEverAnsweredToAQueuedDocument) {
   expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, kBlock));
   EXPECT_CALL(store_, queueDocument("c", _, "")).WillOnce(Throw(std::runtime_error("unexpected")));
   expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, kBlock));
+}
+
+TEST_F(DispatcherTest, KeysOfASearchAreBase64WithCommas) {
+  const test::Headers request{
+      {"action", "search"}, {"index", "c"}, {"query", "fox"}, {"keys", "azE=,AP8="}};
+  EXPECT_CALL(store_,
+              search("c", Field(&SearchQuery::keys, ElementsAre("k1", std::string("\0\xFF", 2)))));
+  handle(request);
+  for (const char* bad : {",", "azE=,,azE=", "base64:azE=", "azE= ,azE="}) {
+    test::Headers wrong = request;
+    wrong["keys"] = bad;
+    EXPECT_THAT(error(wrong), AllOf(HasSubstr("ZVK0006E"), HasSubstr("\"keys\""))) << bad;
+  }
+}
+
+TEST_F(DispatcherTest, MatchedDocumentsHaveNoOtherKeys) {
+  EXPECT_THAT(error({{"action", "search"},
+                     {"index", "c"},
+                     {"query", "fox"},
+                     {"keys", "azE="},
+                     {"match", "document"}}),
+              AllOf(HasSubstr("ZVK0024E"), HasSubstr("\"keys\""), HasSubstr("\"match\"")));
 }
 
 TEST_F(DispatcherTest, SearchPassesItsParametersOn) {

@@ -52,6 +52,7 @@ std::ostream& operator<<(std::ostream& out, const Row& row) { return out << row.
 const Taken kAnyText{{"c"}, ""};
 const Taken kNumber{{"0", "7"}, "x"};
 const Taken kKey{{"base64:azE="}, "k1"};
+const Taken kKeys{{"azE=", "azE=,AA==,azE="}, "azE=,k1"};
 const Taken kOnlyTrue{{"true"}, "false"};
 const Taken kOnlyFalse{{"false"}, "true"};
 const Taken kOnlyText{{"text", "ContentTypeNotDefined"}, "xml"};
@@ -107,7 +108,8 @@ std::vector<Row> rows() {
                  {"mustExist", {{"true", "false"}, "maybe"}}},
        "batch",
        {}},
-      {"asyncAddDocument", named, inCollection + kDocument + Group{{"useQueue", kOnlyTrue}, {"client", kAnyText}}},
+      {"asyncAddDocument", named,
+       inCollection + kDocument + Group{{"useQueue", kOnlyTrue}, {"client", kAnyText}}},
       {"deleteDocument", named, inCollection + Group{{"mustExist", {{"true", "false"}, "maybe"}}}},
       {"updateIndex", named, inCollection + Group{{"incremental", kOnlyTrue}}},
       {"search", searching,
@@ -121,12 +123,15 @@ std::vector<Row> rows() {
                  {"sortField", {{"SCORE", "KEY", "UNSORTED"}, "year"}},
                  {"after", kKey},
                  {"upTo", kKey},
+                 {"keys", kKeys},
                  {"match", {{"document"}, "text"}}}},
       {"selectivity", searching,
        inCollection + query +
            Group{{"mode", {{"selectivity"}, "streaming"}}, {"exactHits", kNumber}}},
       {"getParseResult", named,
-       inCollection + Group{{"report", {{"count", "digest"}, "all"}}, {"batch", kAnyText}, {"client", kAnyText}}},
+       inCollection + Group{{"report", {{"count", "digest"}, "all"}},
+                            {"batch", kAnyText},
+                            {"client", kAnyText}}},
       {"getParseResult",
        {{"report", "collections"}},
        kEnvelope + Group{{"report", {{"collections"}, "all"}},
@@ -141,7 +146,7 @@ std::vector<Row> rows() {
       {"getParseResult",
        {{"index", "c"}, {"report", "count"}},
        inCollection + query +
-           Group{{"report", {{"count"}, "all"}}, {"after", kKey}, {"upTo", kKey}},
+           Group{{"report", {{"count"}, "all"}}, {"after", kKey}, {"upTo", kKey}, {"keys", kKeys}},
        "count"},
       {"getParseResult",
        {{"index", "c"}, {"report", "digest"}},
@@ -168,7 +173,8 @@ std::vector<Row> rows() {
 std::set<std::string> allNames() {
   std::set<std::string> names{"nonsense", "Index", "query ",       "Host",    "match",
                               "after",    "upTo",  "exactHits",    "report",  "every",
-                              "refresh",  "batch", "expectedMark", "newMark", "mustExist", "client"};
+                              "refresh",  "batch", "expectedMark", "newMark", "mustExist",
+                              "client",   "keys"};
   for (const icu::UnicodeString* name : {&StaticDefs::PARAM_COLLECTION_ID,
                                          &StaticDefs::PARAM_DOCUMENT_ID,
                                          &StaticDefs::PARAM_ROWID,
@@ -231,9 +237,10 @@ class ParametersTest : public ::testing::TestWithParam<Row> {
  protected:
   ParametersTest() {
     ON_CALL(store_, state).WillByDefault(Return(CollectionState::Current));
-    ON_CALL(store_, reportOutcome).WillByDefault(Invoke([&](const std::string&, ParseOutcome told, const std::string&) {
-      told_ = told.messageId + " " + told.messageText;
-    }));
+    ON_CALL(store_, reportOutcome)
+        .WillByDefault(Invoke([&](const std::string&, ParseOutcome told, const std::string&) {
+          told_ = told.messageId + " " + told.messageText;
+        }));
   }
 
   // What the request is refused for, whether the reply tells it or the outcome; empty if it is

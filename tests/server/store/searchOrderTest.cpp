@@ -84,6 +84,37 @@ class SearchOrderTest : public ::testing::Test {
                     }()};
 };
 
+TEST_F(SearchOrderTest, CertainKeysLimitASearchToTheirDocuments) {
+  for (const std::string& text : kQueries) {
+    for (const HitOrder order : {HitOrder::Score, HitOrder::Key}) {
+      SearchQuery query;
+      query.text = text;
+      query.order = order;
+      Keys wanted{"unknown", std::string("a\0b", 3)};
+      for (int i = 0; i < 300; i += 5) wanted.push_back(keyOf(i));
+      Keys expected = keys(query);
+      std::erase_if(expected, [&](const std::string& key) {
+        return std::find(wanted.begin(), wanted.end(), key) == wanted.end();
+      });
+      query.keys = wanted;
+      EXPECT_EQ(keys(query), expected) << text;
+      EXPECT_EQ(store_.count("c", query), expected.size()) << text;
+    }
+  }
+}
+
+TEST_F(SearchOrderTest, CertainKeysAreAskedWhetherTheyHaveDocuments) {
+  SearchQuery query;
+  query.everything = true;
+  query.order = HitOrder::Key;
+  query.keys = {keyOf(3), "unknown", keyOf(2), keyOf(7), keyOf(1), keyOf(2)};
+  Keys expected{keyOf(2), keyOf(3)};
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(keys(query), expected) << "7 and 1 are deleted";
+  query.upTo = expected[0];
+  EXPECT_THAT(keys(query), ElementsAre(expected[0]));
+}
+
 TEST_F(SearchOrderTest, KeysComeInTheirOrder) {
   for (const std::string& text : kQueries) {
     EXPECT_EQ(keys(of(text, HitOrder::Key)), expected(text)) << text;
