@@ -15,14 +15,33 @@
 namespace corvaned {
 namespace {
 
-HitOrder orderOf(const Request& request) {
-  const std::string_view field = request.header(words().sortField);
-  if (field.empty() || field == words().byScore) return HitOrder::Score;
-  if (field == words().byKey) return HitOrder::Key;
-  if (field == words().unsorted) return HitOrder::Any;
-  refuseValue(request, words().sortField,
-              "not " + shown(words().byScore) + ", " + shown(words().byKey) + " or " +
-                  shown(words().unsorted));
+// Names of metadata begin with a letter, so the mark of the descending order is not part of one.
+bool isMetadataName(std::string_view name) {
+  const auto isLetter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
+  return !name.empty() && isLetter(name.front()) &&
+         std::all_of(name.begin(), name.end(),
+                     [&](char c) { return isLetter(c) || c == '_' || (c >= '0' && c <= '9'); });
+}
+
+void readOrder(const Request& request, SearchQuery& query) {
+  std::string_view field = request.header(words().sortField);
+  if (field.empty() || field == words().byScore) return;
+  if (field == words().byKey) {
+    query.order = HitOrder::Key;
+  } else if (field == words().unsorted) {
+    query.order = HitOrder::Any;
+  } else {
+    query.order = HitOrder::Value;
+    query.descending = field.starts_with('-');
+    if (query.descending) field.remove_prefix(1);
+    query.sortBy = field;
+    if (isMetadataName(field)) return;
+    refuseValue(request, words().sortField,
+                "not " + shown(words().byScore) + ", " + shown(words().byKey) + ", " +
+                    shown(words().unsorted) +
+                    " or the name of metadata, with \"-\" before it for "
+                    "the descending order");
+  }
 }
 
 void requireNoScores(const Request& request) {
@@ -44,7 +63,7 @@ void requireNoScores(const Request& request) {
 
 SearchQuery searchQueryOf(const Request& request) {
   SearchQuery query;
-  query.order = orderOf(request);
+  readOrder(request, query);
   if (query.order != HitOrder::Score) requireNoScores(request);
   query.everything = query.order != HitOrder::Score && request.header(words().query).empty();
   if (!query.everything) query.text = require(request, words().query);

@@ -271,7 +271,7 @@ std::shared_ptr<Ticket> Collection::requestUpdate() {
   if (updateWanted_) return updateWanted_;
   if (updating_ && journal_.end() <= updatingTo_) return updating_;
   auto ticket = std::make_shared<Ticket>();
-  if (!updating_ && isIndexed()) {
+  if (!updating_ && isIndexed() && !index_.isOfEarlierForm()) {
     ticket->finish();
   } else {
     updateWanted_ = ticket;
@@ -393,6 +393,11 @@ bool Collection::advance(Job& job) {
   if (job.kind == Job::Kind::Removal) {
     removeHidden();
     return false;
+  }
+  if (index_.isOfEarlierForm()) {
+    requireGoingOn();
+    index_.rebuildStep([this] { requireGoingOn(); });
+    return true;
   }
   if (!std::exchange(job.begun, true) && !begin(job)) return false;
   if (job.update->step()) return true;

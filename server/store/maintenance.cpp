@@ -14,6 +14,7 @@
 #include "server/store/collection.h"
 #include "server/store/collectionOptions.h"
 #include "server/store/dataDirectory.h"
+#include "server/store/indexRebuild.h"
 #include "server/store/indexSalvage.h"
 #include "server/store/indexSums.h"
 #include "server/store/journal.h"
@@ -208,6 +209,7 @@ std::vector<std::string> Maintenance::collections() const {
 
 CollectionCheck Maintenance::check(const std::string& name) const {
   const std::filesystem::path path = pathOf(name);
+  IndexRebuild::finish(path);
   CollectionCheck result{name, {}, {}, 0};
   JournalContents contents =
       JournalScan(

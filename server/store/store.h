@@ -52,6 +52,8 @@ enum class HitOrder {
   Key,
   /// In no particular order, which is the cheapest. Hits have no score.
   Any,
+  /// By a metadata value, those without it last; of equal value by key. Hits have no score.
+  Value,
 };
 
 struct SearchQuery {
@@ -59,6 +61,9 @@ struct SearchQuery {
   /// Whether every document is a hit, whatever the text. Then there are no scores.
   bool everything = false;
   HitOrder order = HitOrder::Score;
+  /// The name of the metadata whose value decides, and whether the highest comes first.
+  std::string sortBy{};
+  bool descending = false;
   /// Only documents whose key comes after the first of these, and not after the second; each may be
   /// empty.
   std::string after;

@@ -89,12 +89,11 @@ std::vector<QueryPiece> piecesOf(const icu::UnicodeString& query) {
                     std::string("text cannot be normalised: ") + u_errorName(code));
 }
 
-}  // namespace
+using Instance = const icu::Normalizer2* (*)(UErrorCode& code);
 
-std::string normalizeText(std::string_view text) {
-  if (isAscii(text)) return std::string(text);
+std::string normalized(std::string_view text, Instance instance) {
   UErrorCode code = U_ZERO_ERROR;
-  const icu::Normalizer2* form = icu::Normalizer2::getNFKCInstance(code);
+  const icu::Normalizer2* form = instance(code);
   if (U_FAILURE(code)) failed(code);
   const auto source = icu::UnicodeString::fromUTF8(
       icu::StringPiece(text.data(), static_cast<std::int32_t>(text.size())));
@@ -102,6 +101,17 @@ std::string normalizeText(std::string_view text) {
   if (U_FAILURE(code)) failed(code);
   std::string result;
   return normal.toUTF8String(result);
+}
+
+}  // namespace
+
+std::string normalizeText(std::string_view text) {
+  if (isAscii(text)) return std::string(text);
+  return normalized(text, icu::Normalizer2::getNFKCInstance);
+}
+
+std::string foldedText(std::string_view text) {
+  return normalized(text, icu::Normalizer2::getNFKCCasefoldInstance);
 }
 
 std::string lowerQueryWords(const std::string& query) {

@@ -9,6 +9,9 @@ namespace corvaned {
 /// the same. Bytes that are not UTF-8 become U+FFFD. Used for documents and for queries.
 std::string normalizeText(std::string_view text);
 
+/// The text in a form in which letters that differ only in case, width and the like are the same.
+std::string foldedText(std::string_view text);
+
 /// The query in lower case, except for operators ("AND", "NOT", "NEAR/3") and field names
 /// ("Title:"). The query parser takes a capitalised word for a proper name and does not stem it, so
 /// German nouns and the first word of a sentence would find too little.

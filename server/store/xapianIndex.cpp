@@ -1,6 +1,7 @@
 #include "server/store/xapianIndex.h"
 
 #include <fmt/format.h>
+#include <spdlog/spdlog.h>
 #include <xapian.h>
 
 #include <algorithm>
@@ -14,7 +15,10 @@
 
 #include "server/base/errors.h"
 #include "server/base/requestContext.h"
-#include "server/store/files.h"
+#include "server/store/engineErrors.h"
+#include "server/store/indexRebuild.h"
+#include "server/store/indexWriter.h"
+#include "server/store/sortOrder.h"
 #include "server/store/textNormalizer.h"
 #include "server/store/xapianSchema.h"
 
@@ -28,8 +32,6 @@ constexpr std::size_t kReaderDescriptors = 4;
 constexpr std::size_t kMatchCost = 256;
 // Results up to this size are not worth asking how large they may get.
 constexpr std::size_t kFewHits = 1000;
-// What a byte of a document takes while its words are gathered, for ordinary text.
-constexpr std::size_t kIndexingCost = 16;
 // What a byte of a document takes in a database in memory, which keeps a list of places for each
 // word of each document: 50 was measured with texts of 400 bytes.
 constexpr std::size_t kPassingCost = 64;
@@ -41,14 +43,6 @@ constexpr std::size_t kEmptyPassing = 32;
 constexpr std::size_t kTextForms = 2;
 // By how much the memory of keys grows at a time.
 constexpr std::size_t kKeysStep = std::size_t{64} << 10U;
-
-[[noreturn]] void throwStorageError(const Xapian::Error& error) {
-  throw ServerError(ErrorKind::StorageFailed, "the index failed: " + error.get_description());
-}
-
-MemoryBudget::Share shareOf(const IndexLimits& limits) {
-  return limits.memory ? MemoryBudget::Share(*limits.memory) : MemoryBudget::Share();
-}
 
 MemoryBudget::Use useOf(std::size_t bytes) {
   return bytes <= kFewHits * kMatchCost ? MemoryBudget::Use::Small : MemoryBudget::Use::Large;
@@ -65,12 +59,6 @@ void setAside(MemoryBudget::Share& share, std::size_t bytes, const MemoryBudget*
                     refusal((bytes >> 20U) + 1));
 }
 
-std::size_t bytesOf(const Document& document) {
-  std::size_t bytes = document.key.size() + document.content.size();
-  for (const auto& [name, value] : document.metadata) bytes += name.size() + value.size();
-  return bytes;
-}
-
 std::uint16_t milliScore(double weight, double maxAttained, ScoreScale scale) {
   constexpr double kMax = std::numeric_limits<std::uint16_t>::max();
   double score = weight;
@@ -82,12 +70,15 @@ std::uint16_t milliScore(double weight, double maxAttained, ScoreScale scale) {
 /// per hit.
 class HitBuffer : public HitSource {
  public:
-  HitBuffer(const Xapian::MSet& matches, ScoreScale scale, MemoryBudget::Share memory)
+  using KeyIn = std::string_view (*)(std::string_view sortKey);
+
+  /// `keyIn` takes the key of a hit out of what it was sorted by.
+  HitBuffer(const Xapian::MSet& matches, KeyIn keyIn, ScoreScale scale, MemoryBudget::Share memory)
       : memory_(std::move(memory)) {
     entries_.reserve(matches.size());
     const double best = matches.get_max_attained();
     for (auto match = matches.begin(); match != matches.end(); ++match) {
-      keys_ += match.get_sort_key();
+      keys_ += keyIn(match.get_sort_key());
       entries_.push_back({keys_.size(), milliScore(match.get_weight(), best, scale)});
     }
     memory_.force(keys_.capacity() + entries_.capacity() * sizeof(Entry));
@@ -311,7 +302,8 @@ MemoryBudget::Share memoryToMatch(const std::vector<Document>& documents,
 }
 
 // The document without its other terms, but as long as it is: that counts in the weight of each.
-Xapian::Document onlyWith(const std::set<std::string>& terms, const Xapian::Document& document) {
+Xapian::Document onlyWith(const std::set<std::string>& terms, const Xapian::Document& document,
+                          std::size_t slots) {
   Xapian::Document result;
   Xapian::termcount others = 0;
   for (auto term = document.termlist_begin(); term != document.termlist_end(); ++term) {
@@ -326,9 +318,14 @@ Xapian::Document onlyWith(const std::set<std::string>& terms, const Xapian::Docu
     }
   }
   result.add_posting(kPassingTerm, kPassingPosition, others);
-  result.add_value(kKeySlot, document.get_value(kKeySlot));
+  for (Xapian::valueno slot = kKeySlot; slot <= kKeySlot + slots; ++slot) {
+    const std::string value = document.get_value(slot);
+    if (!value.empty()) result.add_value(slot, value);
+  }
   return result;
 }
+
+std::string_view wholeSortKey(std::string_view sortKey) { return sortKey; }
 
 Xapian::Query withoutHidden(const Xapian::Query& query, const std::vector<std::string>& hidden) {
   if (hidden.empty() || query.empty()) return query;
@@ -372,27 +369,27 @@ std::uint64_t saturatedSum(std::uint64_t a, std::uint64_t b) {
 
 }  // namespace
 
-std::size_t bytesOf(const Change& change) {
-  std::size_t bytes = change.document.key.size() + change.document.content.size();
-  for (const auto& [name, value] : change.document.metadata) bytes += name.size() + value.size();
-  return bytes;
-}
-
 /// One handle for searching; used by one thread at a time.
 class XapianIndex::Reader {
  public:
-  Reader(const std::filesystem::path& path, DescriptorBudget::Share descriptors)
-      : descriptors_(std::move(descriptors)),
+  Reader(const std::filesystem::path& path, DescriptorBudget::Share descriptors,
+         std::uint64_t generation)
+      : generation_(generation),
+        descriptors_(std::move(descriptors)),
         database_(path.string()),
         stemmer_(stemmerFor(database_.get_metadata(kLanguageEntry))) {}
 
+  /// Which index it is open on, of those that follow each other in one directory.
+  std::uint64_t generation() const { return generation_; }
   void refresh() { database_.reopen(); }
+  DescriptorBudget::Share takeDescriptors() { return std::move(descriptors_); }
 
   std::unique_ptr<HitSource> search(const SearchQuery& query,
                                     const std::vector<std::string>& hidden,
                                     const IndexLimits& limits) {
-    return hits(database_, withoutHidden(wordsOf(query, limits), hidden), query,
-                database_.get_doccount(), limits);
+    const IndexNames names(database_);
+    return hits(database_, withoutHidden(wordsOf(query, names, limits), hidden), query, names,
+                limits, database_.get_doccount());
   }
 
   // Both databases together have the statistics that the collection would have.
@@ -400,21 +397,22 @@ class XapianIndex::Reader {
                                    const IndexLimits& limits) {
     MemoryBudget::Share memory = memoryToMatch(documents, limits);
     // Their metadata may have names that the query is the first to ask for.
-    Fields names = fields();
+    IndexNames names(database_);
     std::vector<Xapian::Document> made = indexed(documents, names);
-    const Xapian::Query words = query.everything ? Xapian::Query(std::string())
-                                                 : parse(query.text, database_, names, limits);
+    const Xapian::Query words = wordsOf(query, names, limits);
     Xapian::Database both(database_);
-    both.add_database(passing(std::move(made), words, normalizeText(query.text)));
+    both.add_database(
+        passing(std::move(made), words, normalizeText(query.text), names.slotCount()));
     const Xapian::Query theirs =
         words.empty() ? words
                       : Xapian::Query(Xapian::Query::OP_FILTER, words, Xapian::Query(kPassingTerm));
-    return hits(both, theirs, query, documents.size(), limits);
+    return hits(both, theirs, query, names, limits, documents.size());
   }
 
   std::uint64_t count(const SearchQuery& query, const std::vector<std::string>& hidden,
                       const IndexLimits& limits) {
-    const Interruptible words(withinKeys(withoutHidden(wordsOf(query, limits), hidden), query));
+    const Interruptible words(
+        withinKeys(withoutHidden(wordsOf(query, IndexNames(database_), limits), hidden), query));
     Xapian::Enquire enquire(database_);
     enquire.set_query(words.query());
     enquire.set_weighting_scheme(Xapian::BoolWeight());
@@ -454,7 +452,7 @@ class XapianIndex::Reader {
   // counts.
   Estimate estimate(const std::string& query, std::uint64_t exactHits,
                     const std::vector<std::string>& hidden, const IndexLimits& limits) {
-    const Interruptible words(withoutHidden(parse(query, database_, fields(), limits), hidden));
+    const Interruptible words(withoutHidden(parse(query, IndexNames(database_), limits), hidden));
     const std::uint64_t documents = database_.get_doccount();
     Xapian::Enquire enquire(database_);
     enquire.set_query(words.query());
@@ -465,11 +463,10 @@ class XapianIndex::Reader {
   }
 
  private:
-  Fields fields() const { return Fields(database_.get_metadata(kFieldsEntry)); }
-
-  Xapian::Query wordsOf(const SearchQuery& query, const IndexLimits& limits) const {
+  Xapian::Query wordsOf(const SearchQuery& query, const IndexNames& names,
+                        const IndexLimits& limits) const {
     if (query.everything) return Xapian::Query(std::string());
-    return parse(query.text, database_, fields(), limits);
+    return parse(query.text, names, limits);
   }
 
   // The clock is read each time: a text may take longer than many hits.
@@ -486,22 +483,50 @@ class XapianIndex::Reader {
     std::uint64_t end = 0;
   };
 
+  // `documents`: how many of them may be hits.
   static std::unique_ptr<HitSource> hits(const Xapian::Database& database,
                                          const Xapian::Query& words, const SearchQuery& query,
-                                         std::uint64_t documents, const IndexLimits& limits) {
+                                         const IndexNames& names, const IndexLimits& limits,
+                                         std::uint64_t documents) {
     const std::uint64_t end =
         std::min({saturatedSum(query.start, query.size), query.limit, documents});
     const Page page{std::min(query.start, end), end};
     const Interruptible interruptible(withinKeys(words, query));
     Xapian::Enquire enquire(database);
     enquire.set_query(interruptible.query());
-    if (query.order == HitOrder::Score) return ranked(enquire, page, query.scale, limits);
+    switch (query.order) {
+      case HitOrder::Score:
+        enquire.set_sort_by_relevance_then_value(kKeySlot, false);
+        return sorted(enquire, page, wholeSortKey, query.scale, limits);
+      case HitOrder::Value:
+        return byValue(enquire, page, query, names, limits);
+      case HitOrder::Key:
+      case HitOrder::Any:
+        break;
+    }
     return keys(enquire, page, query.order, documents, limits);
   }
 
-  static std::unique_ptr<HitSource> ranked(Xapian::Enquire& enquire, Page page, ScoreScale scale,
+  // In an empty collection there is nothing that could be marked yet.
+  static std::unique_ptr<HitSource> byValue(Xapian::Enquire& enquire, Page page,
+                                            const SearchQuery& query, const IndexNames& names,
+                                            const IndexLimits& limits) {
+    const auto slot = names.slotOf(query.sortBy);
+    if (!slot && page.end > 0) {
+      throw ServerError(ErrorKind::BadParameter,
+                        "documents cannot be sorted by " + shown(query.sortBy) +
+                            ": none of them has metadata of that name that is marked "
+                            "\"[sortable]\"");
+    }
+    ValueOrder order(slot.value_or(kKeySlot), query.descending);
+    enquire.set_sort_by_key(&order, false);
+    enquire.set_weighting_scheme(Xapian::BoolWeight());
+    return sorted(enquire, page, ValueOrder::keyIn, query.scale, limits);
+  }
+
+  static std::unique_ptr<HitSource> sorted(Xapian::Enquire& enquire, Page page,
+                                           HitBuffer::KeyIn keyIn, ScoreScale scale,
                                            const IndexLimits& limits) {
-    enquire.set_sort_by_relevance_then_value(kKeySlot, false);
     std::uint64_t most = page.end;
     if (most > kFewHits) {
       most = std::min<std::uint64_t>(most, enquire.get_mset(0, 0).get_matches_upper_bound());
@@ -510,7 +535,7 @@ class XapianIndex::Reader {
     const Xapian::MSet matches =
         enquire.get_mset(static_cast<Xapian::doccount>(page.start),
                          static_cast<Xapian::doccount>(page.end - page.start));
-    return std::make_unique<HitBuffer>(matches, scale, std::move(memory));
+    return std::make_unique<HitBuffer>(matches, keyIn, scale, std::move(memory));
   }
 
   // The engine only tells which documents match; to let it sort them would take ten times the
@@ -529,7 +554,7 @@ class XapianIndex::Reader {
   }
 
   std::vector<Xapian::Document> indexed(const std::vector<Document>& documents,
-                                        Fields& names) const {
+                                        IndexNames& names) const {
     std::vector<Xapian::Document> made;
     made.reserve(documents.size());
     for (const Document& document : documents) {
@@ -542,13 +567,13 @@ class XapianIndex::Reader {
   // A database of the documents in memory. It only has the words of the query, unless one of these
   // stands for others.
   static Xapian::Database passing(std::vector<Xapian::Document> made, const Xapian::Query& words,
-                                  const std::string& text) {
+                                  const std::string& text, std::size_t slots) {
     const std::set<std::string> terms(words.get_terms_begin(), words.get_terms_end());
     const bool all = text.find('*') != std::string::npos;
     Xapian::WritableDatabase database(std::string(), Xapian::DB_BACKEND_INMEMORY);
     for (Xapian::Document& document : made) {
       if (all) document.add_posting(kPassingTerm, kPassingPosition, 0);
-      database.add_document(all ? document : onlyWith(terms, document));
+      database.add_document(all ? document : onlyWith(terms, document, slots));
     }
     return database;
   }
@@ -564,15 +589,15 @@ class XapianIndex::Reader {
     }
   }
 
-  Xapian::Query parse(const std::string& text, const Xapian::Database& database,
-                      const Fields& names, const IndexLimits& limits) const {
+  Xapian::Query parse(const std::string& text, const IndexNames& names,
+                      const IndexLimits& limits) const {
     if (text.size() > limits.queryBytes) {
       throw ServerError(ErrorKind::QueryTooBroad,
                         fmt::format("the query has {} bytes, more than the {} allowed", text.size(),
                                     limits.queryBytes));
     }
     Xapian::QueryParser parser;
-    parser.set_database(database);
+    parser.set_database(database_);
     parser.set_stemmer(stemmer_);
     parser.set_stemming_strategy(Xapian::QueryParser::STEM_SOME);
     parser.set_default_op(Xapian::Query::OP_AND);
@@ -593,7 +618,8 @@ class XapianIndex::Reader {
     return query;
   }
 
-  // Declared first, so that they are given back when the database is closed.
+  const std::uint64_t generation_;
+  // Declared before the database, so that they are given back when that is closed.
   DescriptorBudget::Share descriptors_;
   Xapian::Database database_;
   Xapian::Stem stemmer_;
@@ -603,17 +629,10 @@ class XapianIndex::Reader {
 class XapianIndex::Lease {
  public:
   explicit Lease(XapianIndex& index) : index_(index) {
-    {
-      const std::lock_guard lock(index.mutex_);
-      if (!index.idleReaders_.empty()) {
-        reader_ = std::move(index.idleReaders_.back());
-        index.idleReaders_.pop_back();
-      }
-    }
-    if (reader_) return;
-    DescriptorBudget::Share descriptors(index.limits_.descriptors.get());
-    descriptors.add(kReaderDescriptors);
-    reader_ = std::make_unique<Reader>(index.path_, std::move(descriptors));
+    const std::lock_guard lock(index.mutex_);
+    if (index.idleReaders_.empty()) return;
+    reader_ = std::move(index.idleReaders_.back());
+    index.idleReaders_.pop_back();
   }
 
   /// Runs `work` with the reader. If a writer commits twice meanwhile, the reader's snapshot no
@@ -622,7 +641,7 @@ class XapianIndex::Lease {
   auto run(const Work& work) {
     for (int attempt = 1;; ++attempt) {
       try {
-        reader_->refresh();
+        refresh();
         auto result = work(*reader_);
         giveBack();
         return result;
@@ -633,6 +652,21 @@ class XapianIndex::Lease {
   }
 
  private:
+  void refresh() {
+    if (!reader_) open();
+    const std::shared_lock staying(index_.exchangeMutex_);
+    if (reader_->generation() == index_.generation_) return reader_->refresh();
+    reader_ =
+        std::make_unique<Reader>(index_.path_, reader_->takeDescriptors(), index_.generation_);
+  }
+
+  void open() {
+    DescriptorBudget::Share descriptors(index_.limits_.descriptors.get());
+    descriptors.add(kReaderDescriptors);
+    const std::shared_lock staying(index_.exchangeMutex_);
+    reader_ = std::make_unique<Reader>(index_.path_, std::move(descriptors), index_.generation_);
+  }
+
   void giveBack() {
     const std::lock_guard lock(index_.mutex_);
     index_.idleReaders_.push_back(std::move(reader_));
@@ -642,124 +676,22 @@ class XapianIndex::Lease {
   std::unique_ptr<Reader> reader_;
 };
 
-namespace {
-
-template <typename Work>
-auto translated(const Work& work) {
-  try {
-    return work();
-  } catch (const Xapian::QueryParserError& error) {
-    throw ServerError(ErrorKind::BadQuery, "the query cannot be understood: " + error.get_msg());
-  } catch (const Xapian::WildcardError& error) {
-    throw ServerError(ErrorKind::QueryTooBroad, "the query is too broad: " + error.get_msg());
-  } catch (const Xapian::DatabaseModifiedError&) {
-    throw ServerError(ErrorKind::TryAgain,
-                      "the index changed too often while it was being searched; try again");
-  } catch (const Xapian::Error& error) {
-    throwStorageError(error);
-  }
-}
-
-}  // namespace
-
-/// Applies changes in batches. After an exception the database handle is discarded: it has lost its
-/// uncommitted changes, yet a later commit on it would report success.
-class XapianIndex::Writer {
- public:
-  Writer(std::filesystem::path path, const IndexLimits& limits, const StopCheck& stop)
-      : path_(std::move(path)), limits_(limits), stop_(stop) {}
-
-  std::vector<ParseOutcome> takeRefused() { return std::move(refused_); }
-
-  // A batch that fails is halved until the change that makes it fail is alone.
-  void applyOrSplit(std::span<const Change> changes) {
-    if (changes.empty()) return;
-    std::string reason;
-    try {
-      commit(changes);
-      return;
-    } catch (const Xapian::DatabaseError& error) {
-      // The storage failed, not this document; every other document would fail, too.
-      database_.reset();
-      throwStorageError(error);
-    } catch (const Xapian::Error& error) {
-      database_.reset();
-      reason = error.get_msg();
-    }
-    if (changes.size() == 1) {
-      refused_.push_back({changes.front().document.key,
-                          std::string(messageId(ErrorKind::DocumentsNotIndexed)),
-                          "the document cannot be indexed: " + reason});
-      return;
-    }
-    applyOrSplit(changes.first(changes.size() / 2));
-    applyOrSplit(changes.subspan(changes.size() / 2));
-  }
-
- private:
-  void commit(std::span<const Change> changes) {
-    // An index update is not refused for want of memory: it is what others have to leave room for.
-    MemoryBudget::Share memory = shareOf(limits_);
-    std::size_t bytes = 0;
-    for (const Change& change : changes) bytes += bytesOf(change);
-    memory.force(kIndexingCost * bytes);
-    if (!database_) open();
-    const std::size_t knownFields = fields_.size();
-    // Outside a transaction the database would commit on its own after a number of changes.
-    database_->begin_transaction();
-    for (const Change& change : changes) {
-      stop_();
-      applyOne(change);
-    }
-    if (fields_.size() != knownFields) database_->set_metadata(kFieldsEntry, fields_.stored());
-    database_->commit_transaction();
-    syncDirectory(path_);
-  }
-
-  void applyOne(const Change& change) {
-    const std::string identity = identityTerm(change.document.key);
-    if (change.kind == ChangeKind::Remove) {
-      database_->delete_document(identity);
-    } else {
-      database_->replace_document(identity, makeDocument(change.document, stemmer_, fields_));
-    }
-  }
-
-  void open() {
-    database_.emplace(path_.string(), Xapian::DB_OPEN);
-    stemmer_ = stemmerFor(database_->get_metadata(kLanguageEntry));
-    fields_ = Fields(database_->get_metadata(kFieldsEntry));
-  }
-
-  const std::filesystem::path path_;
-  const IndexLimits& limits_;
-  const StopCheck& stop_;
-  std::optional<Xapian::WritableDatabase> database_;
-  Xapian::Stem stemmer_;
-  Fields fields_;
-  std::vector<ParseOutcome> refused_;
-};
-
 void XapianIndex::create(const std::filesystem::path& collection, const std::string& language) {
-  const std::filesystem::path path = collection / IndexSums::kIndexDirectory;
-  const std::uint64_t revision = translated([&] {
-    Xapian::WritableDatabase database(path.string(), Xapian::DB_CREATE);
-    database.set_metadata(kLanguageEntry, language);
-    database.set_metadata(kSchemaEntry, std::string(kSchemaVersion));
-    database.commit();
-    return database.get_revision();
-  });
-  syncDirectory(path);
+  const std::uint64_t revision = translated(
+      [&] { return IndexWriter::create(collection / IndexSums::kIndexDirectory, language); });
   IndexSums::create(collection, revision);
 }
 
 XapianIndex::XapianIndex(const std::filesystem::path& collection, IndexLimits limits)
-    : path_(collection / IndexSums::kIndexDirectory), limits_(limits) {
+    : collection_(collection), path_(collection / IndexSums::kIndexDirectory), limits_(limits) {
+  IndexRebuild::finish(collection);
+  IndexRebuild::clear(collection);
   if (IndexSums::existIn(collection)) sums_.emplace(collection).verify();
   translated([&] {
     const Xapian::Database database(path_.string());
     const std::string schema = database.get_metadata(kSchemaEntry);
-    if (schema != kSchemaVersion) {
+    earlierForm_ = schema == kEarlierSchema;
+    if (!earlierForm_ && schema != kSchemaVersion) {
       throw ServerError(ErrorKind::StorageFailed,
                         fmt::format("{} was written by another version of this server (schema {}); "
                                     "add its documents to a new collection",
@@ -796,9 +728,11 @@ std::vector<ParseOutcome> XapianIndex::apply(const ChangeSource& changes, const 
 // indexes that take turns in being updated only as many are open as there are threads.
 std::vector<ParseOutcome> XapianIndex::applyBatch(std::span<const Change> changes,
                                                   const StopCheck& stop) {
-  Writer writer(path_, limits_, stop);
-  writer.applyOrSplit(changes);
-  return writer.takeRefused();
+  return translated([&] {
+    IndexWriter writer(path_, limits_, stop);
+    writer.apply(changes);
+    return writer.takeRefused();
+  });
 }
 
 void XapianIndex::endUpdate() {
@@ -806,6 +740,47 @@ void XapianIndex::endUpdate() {
 }
 
 MemoryBudget::Share XapianIndex::emptyShare() const { return shareOf(limits_); }
+
+bool XapianIndex::rebuildStep(const StopCheck& stop) {
+  if (IndexRebuild::isDecided(collection_)) {
+    endRebuild();
+    return false;
+  }
+  try {
+    if (!rebuild_) beginRebuild();
+    return translated([&] {
+      if (!rebuild_->step(stop)) rebuild_->decide();
+      return true;
+    });
+  } catch (...) {
+    // Another attempt begins anew.
+    rebuild_.reset();
+    throw;
+  }
+}
+
+// What is damaged must not be taken over.
+void XapianIndex::beginRebuild() {
+  sums_->verifyIfDue();
+  spdlog::info("{} is being brought into its present form", path_.string());
+  rebuild_ = translated([&] { return std::make_unique<IndexRebuild>(collection_, limits_); });
+}
+
+// Searches that are under way go on with the files of the earlier index. A handle for it must not
+// be refreshed any more, since it would take the new files for its own.
+void XapianIndex::endRebuild() {
+  {
+    const std::unique_lock exchanging(exchangeMutex_);
+    IndexRebuild::finish(collection_);
+    sums_.emplace(collection_);
+    ++generation_;
+  }
+  releaseHandles();
+  IndexRebuild::clear(collection_);
+  rebuild_.reset();
+  earlierForm_ = false;
+  spdlog::info("{} has its present form", path_.string());
+}
 
 void XapianIndex::beginUpdate() {
   sums_->verifyIfDue();

@@ -1,42 +1,27 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <shared_mutex>
 #include <span>
 #include <string>
 #include <vector>
 
-#include "server/base/descriptorBudget.h"
 #include "server/base/memoryBudget.h"
 #include "server/store/change.h"
+#include "server/store/indexLimits.h"
 #include "server/store/indexSums.h"
 #include "server/store/store.h"
 
 namespace corvaned {
 
-struct IndexLimits {
-  /// Maximum length of a query in bytes.
-  std::size_t queryBytes = 16384;
-  /// Maximum number of words in a query, counted before wildcards are expanded.
-  std::size_t queryTerms = 256;
-  /// Maximum number of words that a word with a trailing * may stand for.
-  std::size_t expansion = 1000;
-  /// Maximum number of changes per transaction, and the size in bytes at which a transaction is
-  /// full.
-  std::size_t batchChanges = 1000;
-  std::size_t batchBytes = std::size_t{4} << 20U;
-  /// What results and transactions take their memory from. None: without a limit.
-  std::shared_ptr<MemoryBudget> memory;
-  /// What handles for searching take their descriptors from. None: without a limit.
-  std::shared_ptr<DescriptorBudget> descriptors;
-};
-
-/// The size of a change, as it counts for a batch.
-std::size_t bytesOf(const Change& change);
+class IndexRebuild;
 
 /// The searchable part of a collection: a Xapian database in a directory. Xapian's types stay
 /// inside this class. Any number of threads may search, also while one thread applies changes; only
@@ -56,8 +41,14 @@ class XapianIndex {
   XapianIndex& operator=(const XapianIndex&) = delete;
 
   using ChangeSource = std::function<void(const std::function<void(Change&&)>& take)>;
-  /// Called between changes; throws to end the work.
-  using StopCheck = std::function<void()>;
+  using StopCheck = corvaned::StopCheck;
+
+  /// Whether the database is of an earlier form. It can be searched, and must be rebuilt before
+  /// documents are added to it.
+  bool isOfEarlierForm() const { return earlierForm_; }
+  /// Brings it some way towards the present form. Returns whether there is more to do; searches go
+  /// on meanwhile. If it throws, the database is as it was.
+  bool rebuildStep(const StopCheck& stop);
 
   /// Comes before changes are applied. Throws if the database is damaged.
   void beginUpdate();
@@ -104,12 +95,22 @@ class XapianIndex {
 
  private:
   class Reader;
-  class Writer;
   class Lease;
 
+  void beginRebuild();
+  void endRebuild();
+
+  const std::filesystem::path collection_;
   const std::filesystem::path path_;
   const IndexLimits limits_;
-  std::optional<IndexSums> sums_;  // Used by the thread that applies changes.
+  // Used by the thread that applies changes.
+  std::optional<IndexSums> sums_;
+  std::unique_ptr<IndexRebuild> rebuild_;
+  std::atomic<bool> earlierForm_ = false;
+  // Held shared while a handle is opened or refreshed, so that the index does not change places
+  // with another one meanwhile. Guards generation_.
+  std::shared_mutex exchangeMutex_;
+  std::uint64_t generation_ = 0;
   std::mutex mutex_;
   std::vector<std::unique_ptr<Reader>> idleReaders_;  // Guarded by mutex_.
 };

@@ -7,13 +7,14 @@
 
 #include "server/base/base64.h"
 #include "server/base/bytes.h"
+#include "server/store/sortValue.h"
 #include "server/store/textNormalizer.h"
 
 namespace corvaned {
 namespace {
 
 constexpr std::size_t kLetters = 26;
-constexpr std::size_t kMaxFields = kLetters * kLetters;
+constexpr std::size_t kMaxNames = kLetters * kLetters;
 
 // The last word of one text and the first word of the next must not form a phrase.
 constexpr Xapian::termcount kTextGap = 100;
@@ -33,12 +34,58 @@ bool canBeSpelled(const std::string& name) {
                      [](char c) { return isLetter(c) || c == '_' || (c >= '0' && c <= '9'); });
 }
 
-// Clients mark names that they want to be indexed or sorted by. The mark is not part of the name.
-std::string withoutMark(const std::string& name) {
-  for (const std::string_view mark : {"Indexable:", "[sortable]"}) {
-    if (name.starts_with(mark)) return withoutMark(name.substr(mark.size()));
+/// A metadata name without the marks that clients put in front of it, and whether one of them
+/// asks for the documents to be sorted by it.
+struct MarkedName {
+  std::string name;
+  bool sortable = false;
+};
+
+MarkedName unmarked(std::string name) {
+  constexpr std::string_view kSortable = "[sortable]";
+  MarkedName result;
+  for (bool marked = true; marked;) {
+    marked = false;
+    for (const std::string_view mark : {std::string_view("Indexable:"), kSortable}) {
+      if (!name.starts_with(mark)) continue;
+      name.erase(0, mark.size());
+      result.sortable = result.sortable || mark == kSortable;
+      marked = true;
+    }
   }
-  return name;
+  result.name = std::move(name);
+  return result;
+}
+
+std::vector<std::string> linesOf(const std::string& text) {
+  std::istringstream stream(text);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(stream, line);) lines.push_back(line);
+  return lines;
+}
+
+std::string linesFrom(const std::vector<std::string>& names) {
+  std::string lines;
+  for (const std::string& name : names) lines += name + "\n";
+  return lines;
+}
+
+std::optional<std::size_t> placeOf(const std::vector<std::string>& names, const std::string& name) {
+  const auto found = std::find(names.begin(), names.end(), name);
+  if (found == names.end()) return std::nullopt;
+  return static_cast<std::size_t>(found - names.begin());
+}
+
+std::optional<std::size_t> placeFor(std::vector<std::string>& names, const std::string& name) {
+  const auto known = placeOf(names, name);
+  if (known) return known;
+  if (!canBeSpelled(name) || names.size() == kMaxNames) return std::nullopt;
+  names.push_back(name);
+  return names.size() - 1;
+}
+
+Xapian::valueno slotAt(std::size_t place) {
+  return kKeySlot + 1 + static_cast<Xapian::valueno>(place);
 }
 
 std::string serialized(const Document& document) {
@@ -92,44 +139,91 @@ Xapian::Stem stemmerFor(const std::string& language) {
   }
 }
 
-Fields::Fields(const std::string& stored) {
-  std::istringstream lines(stored);
-  for (std::string name; std::getline(lines, name);) names_.push_back(name);
+IndexNames::IndexNames(const Xapian::Database& database)
+    : fields_(linesOf(database.get_metadata(kFieldsEntry))),
+      sortable_(linesOf(database.get_metadata(kSortableEntry))),
+      storedFields_(fields_.size()),
+      storedSortable_(sortable_.size()) {}
+
+std::optional<std::string> IndexNames::prefixFor(const std::string& name) {
+  const auto place = placeFor(fields_, name);
+  return place ? std::optional(prefixOf(*place)) : std::nullopt;
 }
 
-std::optional<std::string> Fields::prefixFor(const std::string& metadataName) {
-  const std::string name = withoutMark(metadataName);
-  const auto found = std::find(names_.begin(), names_.end(), name);
-  if (found != names_.end()) return prefixOf(static_cast<std::size_t>(found - names_.begin()));
-  if (!canBeSpelled(name) || names_.size() == kMaxFields) return std::nullopt;
-  names_.push_back(name);
-  return prefixOf(names_.size() - 1);
+void IndexNames::registerAt(Xapian::QueryParser& parser) const {
+  for (std::size_t i = 0; i < fields_.size(); ++i) parser.add_prefix(fields_[i], prefixOf(i));
 }
 
-std::string Fields::stored() const {
-  std::string lines;
-  for (const std::string& name : names_) lines += name + "\n";
-  return lines;
+std::optional<Xapian::valueno> IndexNames::slotFor(const std::string& name) {
+  const auto place = placeFor(sortable_, name);
+  return place ? std::optional(slotAt(*place)) : std::nullopt;
 }
 
-void Fields::registerAt(Xapian::QueryParser& parser) const {
-  for (std::size_t i = 0; i < names_.size(); ++i) parser.add_prefix(names_[i], prefixOf(i));
+std::optional<Xapian::valueno> IndexNames::slotOf(const std::string& name) const {
+  const auto place = placeOf(sortable_, name);
+  return place ? std::optional(slotAt(*place)) : std::nullopt;
 }
+
+void IndexNames::storeIn(Xapian::WritableDatabase& database) {
+  if (fields_.size() != storedFields_) database.set_metadata(kFieldsEntry, linesFrom(fields_));
+  if (sortable_.size() != storedSortable_) {
+    database.set_metadata(kSortableEntry, linesFrom(sortable_));
+  }
+  storedFields_ = fields_.size();
+  storedSortable_ = sortable_.size();
+}
+
+namespace {
+
+/// Makes the words of a document.
+class Indexing {
+ public:
+  Indexing(const Xapian::Stem& stemmer, IndexNames& names) : names_(names) {
+    generator_.set_stemmer(stemmer);
+    generator_.set_flags(Xapian::TermGenerator::FLAG_CJK_NGRAM);
+    generator_.set_document(result_);
+  }
+
+  void addContent(std::string_view text) { addWords(text, {}); }
+
+  void addMetadata(const std::string& markedName, const std::string& value) {
+    const MarkedName name = unmarked(markedName);
+    if (const auto prefix = names_.prefixFor(name.name)) {
+      generator_.increase_termpos(kTextGap);
+      addWords(value, *prefix);
+    }
+    if (!name.sortable) return;
+    const auto slot = names_.slotFor(name.name);
+    // Of several values the first one counts.
+    if (slot && result_.get_value(*slot).empty()) result_.add_value(*slot, sortValueOf(value));
+  }
+
+  Xapian::Document finished() {
+    if (!placed_) result_.add_posting(kPlaceTerm, 1, 0);
+    return result_;
+  }
+
+ private:
+  void addWords(std::string_view text, const std::string& prefix) {
+    const Xapian::termcount before = generator_.get_termpos();
+    generator_.index_text(normalizeText(text), 1, prefix);
+    placed_ = placed_ || generator_.get_termpos() != before;
+  }
+
+  IndexNames& names_;
+  Xapian::Document result_;
+  Xapian::TermGenerator generator_;
+  bool placed_ = false;
+};
+
+}  // namespace
 
 Xapian::Document makeDocument(const Document& document, const Xapian::Stem& stemmer,
-                              Fields& fields) {
-  Xapian::Document result;
-  Xapian::TermGenerator generator;
-  generator.set_stemmer(stemmer);
-  generator.set_flags(Xapian::TermGenerator::FLAG_CJK_NGRAM);
-  generator.set_document(result);
-  generator.index_text(normalizeText(document.content));
-  for (const auto& [name, value] : document.metadata) {
-    if (const auto prefix = fields.prefixFor(name)) {
-      generator.increase_termpos(kTextGap);
-      generator.index_text(normalizeText(value), 1, *prefix);
-    }
-  }
+                              IndexNames& names) {
+  Indexing indexing(stemmer, names);
+  indexing.addContent(document.content);
+  for (const auto& [name, value] : document.metadata) indexing.addMetadata(name, value);
+  Xapian::Document result = indexing.finished();
   result.add_boolean_term(identityTerm(document.key));
   result.add_value(kKeySlot, document.key);
   result.set_data(serialized(document));

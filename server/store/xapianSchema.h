@@ -18,16 +18,25 @@ namespace corvaned {
 ///   twice against the length limit of a term): the document's identity
 /// - words of the content, stems prefixed "Z", with positions
 /// - words of a metadata value under the prefix of its name
+/// - term kPlaceTerm with a position, in a document that has no word with one
 /// - value slot 0: the key; read back as the sort key of a match, without a look-up per hit
+/// - value slots from 1 on: metadata that documents can be sorted by, see sortValueOf(); a name has
+///   the slot of its line in kSortableEntry
 /// - data: the document as it was sent
-constexpr std::string_view kSchemaVersion = "1";
+constexpr std::string_view kSchemaVersion = "2";
+/// The same without slots but 0, and without kPlaceTerm. An index of this form is read, and made
+/// anew before it is changed.
+constexpr std::string_view kEarlierSchema = "1";
 constexpr Xapian::valueno kKeySlot = 0;
+/// The engine takes every phrase for found where no document at all has positions.
+constexpr const char* kPlaceTerm = "N";
 /// A term of documents that are only matched with a query and never stored. Words are in lower case
 /// and prefixes have other letters, so no stored document has it.
 constexpr const char* kPassingTerm = "M";
 constexpr const char* kLanguageEntry = "language";
 constexpr const char* kSchemaEntry = "schema";
 constexpr const char* kFieldsEntry = "fields";
+constexpr const char* kSortableEntry = "sortable";
 
 std::string identityTerm(const std::string& key);
 /// The key that has the term. Nothing if it is no identity.
@@ -37,26 +46,38 @@ std::optional<std::string> keyOfIdentity(const std::string& term);
 /// stemmer, one that changes nothing.
 Xapian::Stem stemmerFor(const std::string& language);
 
-/// The metadata names of a collection that can be searched as name:word, each with its term prefix.
-class Fields {
+/// The metadata names of a collection that can be searched as name:word, each with its term prefix,
+/// and those that documents can be sorted by, each with its value slot.
+class IndexNames {
  public:
-  explicit Fields(const std::string& stored = {});
+  IndexNames() = default;
+  explicit IndexNames(const Xapian::Database& database);
 
   /// The prefix of the name; a new name gets one. Nothing if a query could not contain the name, or
   /// if there are too many names.
-  std::optional<std::string> prefixFor(const std::string& metadataName);
-  std::string stored() const;
-  std::size_t size() const { return names_.size(); }
+  std::optional<std::string> prefixFor(const std::string& name);
   void registerAt(Xapian::QueryParser& parser) const;
 
+  /// The slot of the name; a new name gets one. Nothing in the same cases.
+  std::optional<Xapian::valueno> slotFor(const std::string& name);
+  /// Nothing if the name has none.
+  std::optional<Xapian::valueno> slotOf(const std::string& name) const;
+  std::size_t slotCount() const { return sortable_.size(); }
+
+  /// Writes what is new since the names were read or written.
+  void storeIn(Xapian::WritableDatabase& database);
+
  private:
-  std::vector<std::string> names_;
+  std::vector<std::string> fields_;
+  std::vector<std::string> sortable_;
+  std::size_t storedFields_ = 0;
+  std::size_t storedSortable_ = 0;
 };
 
 /// The document that makeDocument() stored with this key. Nothing if the data is not of that form.
 std::optional<Document> readDocument(const std::string& key, const std::string& data);
 
 Xapian::Document makeDocument(const Document& document, const Xapian::Stem& stemmer,
-                              Fields& fields);
+                              IndexNames& names);
 
 }  // namespace corvaned

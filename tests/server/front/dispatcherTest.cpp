@@ -338,7 +338,7 @@ TEST_F(DispatcherTest, ParametersThatMakeNoSenseAreNamed) {
       {"size", "1.5"},         {"resultLimit", "1 "},
       {"mode", "selectivity"}, {"scoreWanted", "yes"},
       {"scoreType", "best"},   {"size", "18446744073709551616"},
-      {"sortField", "year"},   {"after", "k1"},
+      {"sortField", "1st"},   {"after", "k1"},
       {"after", "base64:"},    {"upTo", "base64:a"}};
   for (const auto& [name, value] : cases) {
     test::Headers headers = search;

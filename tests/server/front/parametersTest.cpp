@@ -120,7 +120,7 @@ std::vector<Row> rows() {
                  {"resultLimit", kNumber},
                  {"scoreWanted", {{"true", "false"}, "maybe"}},
                  {"scoreType", {{"raw", "normalized"}, "best"}},
-                 {"sortField", {{"SCORE", "KEY", "UNSORTED"}, "year"}},
+                 {"sortField", {{"SCORE", "KEY", "UNSORTED", "year", "-year"}, "1st"}},
                  {"after", kKey},
                  {"upTo", kKey},
                  {"keys", kKeys},

@@ -3,6 +3,7 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <xapian.h>
 
 #include <array>
 #include <csignal>
@@ -236,11 +237,13 @@ class StoreKillTest : public ::testing::Test {
     }
   }
 
-  // Turns the collections into those of an earlier version: no numbers, no checksums.
+  // Turns the collections into those of an earlier version: no numbers, no checksums, and an index
+  // that has to be made anew.
   void makeEarlier() const {
     for (const auto& entry :
          std::filesystem::directory_iterator(directory_.path() / "data" / "collections")) {
       const std::filesystem::path& collection = entry.path();
+      Xapian::WritableDatabase((collection / "index").string()).set_metadata("schema", "1");
       std::filesystem::remove(JournalMark::pathIn(collection));
       std::filesystem::remove(BatchMemory::pathIn(collection));
       std::filesystem::remove(IndexSums::pathIn(collection));

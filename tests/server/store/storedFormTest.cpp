@@ -35,8 +35,9 @@ const std::string kJournal(
     80);
 
 Xapian::Document storedDocument(const std::string& identity, const std::string& key,
-                                const std::vector<std::string>& words) {
+                                const std::vector<std::string>& words, const std::string& data) {
   Xapian::Document document;
+  document.set_data(data);
   document.add_boolean_term(identity);
   document.add_value(0, key);
   Xapian::termpos position = 0;
@@ -46,6 +47,14 @@ Xapian::Document storedDocument(const std::string& identity, const std::string& 
   }
   return document;
 }
+
+/// The metadata title=about and [sortable]year=1851, and the content "fox".
+const std::string kFirstData(
+    "\0\0\0\2"
+    "\0\0\0\5title\0\0\0\5about"
+    "\0\0\0\16[sortable]year\0\0\0\4\61851"
+    "\0\0\0\3fox",
+    4 + 18 + 26 + 7);
 
 /// The same two changes as they are written now.
 const std::string kNumberedJournal(
@@ -63,19 +72,20 @@ class StoredFormTest : public ::testing::Test {
   std::filesystem::path collection() const { return directory_.path() / "collections" / "c"; }
   std::string index() const { return (collection() / "index").string(); }
 
-  /// A collection as an earlier program left it.
+  /// A collection as an earlier program left it, with an index of the schema 1.
   void write(const std::string& schema) const {
     std::filesystem::create_directories(collection());
     Xapian::WritableDatabase database(index(), Xapian::DB_CREATE);
     database.set_metadata("language", "en");
     database.set_metadata("schema", schema);
     database.set_metadata("fields", "title\nyear\n");
-    Xapian::Document plain = storedDocument("Qk1", "k1", {"fox"});
+    Xapian::Document plain = storedDocument("Qk1", "k1", {"fox"}, kFirstData);
     plain.add_posting("XAAabout", 1);
     plain.add_term("ZXAAabout");
     plain.add_posting("XAB1851", 1);
     database.add_document(plain);
-    database.add_document(storedDocument(kZeroTerm, kZeroKey, {"fox", "zero"}));
+    database.add_document(storedDocument(kZeroTerm, kZeroKey, {"fox", "zero"},
+                                         std::string("\0\0\0\0\0\0\0\10fox zero", 16)));
     database.commit();
     std::ofstream(collection() / "journal-0000000002", std::ios::binary) << kJournal;
   }
@@ -104,6 +114,26 @@ TEST_F(StoredFormTest, CollectionOnDiskIsServed) {
   EXPECT_THAT(keys(store, "zero"), IsEmpty());
 }
 
+TEST_F(StoredFormTest, IndexOfTheFirstSchemaIsMadeAnewByTheNextUpdate) {
+  write("1");
+  LocalStore store(directory_.path(), {});
+  EXPECT_THAT(keys(store, "fox"), ElementsAre("k1"));
+  EXPECT_EQ(Xapian::Database(index()).get_metadata("schema"), "1");
+  store.updateIndex("c");
+  const Xapian::Database database(index());
+  EXPECT_EQ(database.get_metadata("schema"), "2");
+  EXPECT_EQ(database.get_metadata("language"), "en");
+  EXPECT_EQ(database.get_document(*database.postlist_begin("Qk1")).get_data(), kFirstData);
+  EXPECT_THAT(keys(store, "fox title:about year:1851"), ElementsAre("k1"));
+  SearchQuery query;
+  query.text = "fox";
+  query.order = HitOrder::Value;
+  query.sortBy = "year";
+  Hit hit;
+  ASSERT_TRUE(store.search("c", query)->next(hit));
+  EXPECT_EQ(hit.key, "k1");
+}
+
 TEST_F(StoredFormTest, DocumentsOnDiskAreReplacedAndNotDoubled) {
   write("1");
   std::filesystem::remove(collection() / "journal-0000000002");
@@ -121,20 +151,27 @@ TEST_F(StoredFormTest, DocumentsAreWrittenUnderTheSameNames) {
     LocalStore store(directory_.path(), {});
     store.createCollection("c", "de_DE");
     store.addDocument("c", {"k1", {{"title", "About"}}, "fox"});
-    store.addDocument("c", {kZeroKey, {{"Indexable:year", "1851"}}, ""});
+    store.addDocument("c", {kZeroKey, {{"Indexable:[sortable]year", "1851"}}, ""});
+    store.addDocument("c", {"k3", {{"[sortable]rank", "?"}}, ""});
     store.updateIndex("c");
   }
   const Xapian::Database database(index());
-  EXPECT_EQ(database.get_metadata("schema"), "1");
+  EXPECT_EQ(database.get_metadata("schema"), "2");
   EXPECT_EQ(database.get_metadata("language"), "de_DE");
-  EXPECT_EQ(database.get_metadata("fields"), "title\nyear\n");
+  EXPECT_EQ(database.get_metadata("fields"), "title\nyear\nrank\n");
+  EXPECT_EQ(database.get_metadata("sortable"), "year\nrank\n");
   for (const char* term : {"Qk1", "fox", "Zfox", "XAAabout", "ZXAAabout"}) {
     EXPECT_EQ(*database.postlist_begin(term), 1U) << term;
   }
   for (const std::string& term : {kZeroTerm, std::string("XAB1851")}) {
     EXPECT_EQ(*database.postlist_begin(term), 2U) << term;
   }
+  EXPECT_EQ(*database.postlist_begin("N"), 3U) << "the only one without a word";
+  EXPECT_EQ(*database.positionlist_begin(3, "N"), 1U);
   EXPECT_EQ(database.get_document(2).get_value(0), kZeroKey);
+  EXPECT_EQ(database.get_document(2).get_value(1), "1" + Xapian::sortable_serialise(1851));
+  EXPECT_EQ(database.get_document(2).get_value(2), "");
+  EXPECT_EQ(database.get_document(3).get_value(2), "2?");
   EXPECT_EQ(database.get_document(1).get_data(),
             std::string("\0\0\0\1\0\0\0\5title\0\0\0\5About\0\0\0\3fox", 29));
 }
@@ -186,14 +223,14 @@ TEST(BatchDigest, IsThatOfEarlierVersions) {
 }
 
 TEST_F(StoredFormTest, CollectionOfAnotherSchemaIsRefused) {
-  write("2");
+  write("3");
   LocalStore store(directory_.path(), {});
   try {
     store.openCollection("c");
     FAIL() << "it was opened";
   } catch (const ServerError& error) {
     EXPECT_EQ(error.kind(), ErrorKind::StorageFailed);
-    EXPECT_THAT(error.what(), HasSubstr("schema \"2\""));
+    EXPECT_THAT(error.what(), HasSubstr("schema \"3\""));
   }
 }
 

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+
+#include "server/base/descriptorBudget.h"
+#include "server/base/memoryBudget.h"
+#include "server/store/change.h"
+
+namespace corvaned {
+
+struct IndexLimits {
+  /// Maximum length of a query in bytes.
+  std::size_t queryBytes = 16384;
+  /// Maximum number of words in a query, counted before wildcards are expanded.
+  std::size_t queryTerms = 256;
+  /// Maximum number of words that a word with a trailing * may stand for.
+  std::size_t expansion = 1000;
+  /// Maximum number of changes per transaction, and the size in bytes at which a transaction is
+  /// full.
+  std::size_t batchChanges = 1000;
+  std::size_t batchBytes = std::size_t{4} << 20U;
+  /// What results and transactions take their memory from. None: without a limit.
+  std::shared_ptr<MemoryBudget> memory;
+  /// What handles for searching take their descriptors from. None: without a limit.
+  std::shared_ptr<DescriptorBudget> descriptors;
+};
+
+/// A share of the memory, empty yet.
+MemoryBudget::Share shareOf(const IndexLimits& limits);
+
+/// The size of a document and of a change, as they count for a batch.
+std::size_t bytesOf(const Document& document);
+std::size_t bytesOf(const Change& change);
+
+/// Called between changes; throws to end the work.
+using StopCheck = std::function<void()>;
+
+}  // namespace corvaned

@@ -1,0 +1,116 @@
+#include "server/store/indexRebuild.h"
+
+#include <utility>
+#include <vector>
+
+#include "server/base/errors.h"
+#include "server/store/engineErrors.h"
+#include "server/store/files.h"
+#include "server/store/indexSums.h"
+#include "server/store/indexWriter.h"
+#include "server/store/xapianSchema.h"
+
+namespace corvaned {
+namespace {
+
+namespace fs = std::filesystem;
+
+fs::path incompleteIn(const fs::path& collection) { return collection / "index-rebuilding"; }
+fs::path completeIn(const fs::path& collection) { return collection / "index-rebuilt"; }
+fs::path replacedIn(const fs::path& collection) { return collection / "index-replaced"; }
+fs::path indexIn(const fs::path& directory) { return directory / IndexSums::kIndexDirectory; }
+
+Change takenOver(const Xapian::Document& stored, const fs::path& index) {
+  const std::string key = stored.get_value(kKeySlot);
+  auto document = readDocument(key, stored.get_data());
+  if (document) return {ChangeKind::Put, std::move(*document)};
+  throw ServerError(ErrorKind::StorageFailed,
+                    "the text of the document " + shown(key) + " in " + index.string() +
+                        " cannot be read, so the index cannot be brought into its present form; "
+                        "restore the collection, or stop the server and run corvaned repair");
+}
+
+void placeIndex(const fs::path& collection) {
+  const fs::path fresh = indexIn(completeIn(collection));
+  if (!fs::exists(fresh)) return;
+  const fs::path index = indexIn(collection);
+  if (fs::exists(index)) {
+    fs::remove_all(replacedIn(collection));
+    fs::rename(index, replacedIn(collection));
+    syncDirectory(collection);
+  }
+  fs::rename(fresh, index);
+  syncDirectory(collection);
+}
+
+void placeSums(const fs::path& collection) {
+  const fs::path fresh = IndexSums::pathIn(completeIn(collection));
+  if (fs::exists(fresh)) fs::rename(fresh, IndexSums::pathIn(collection));
+  fs::remove(IndexSums::changingPathIn(collection));
+  syncDirectory(collection);
+}
+
+}  // namespace
+
+IndexRebuild::IndexRebuild(fs::path collection, const IndexLimits& limits)
+    : collection_(std::move(collection)), limits_(limits) {
+  const fs::path directory = incompleteIn(collection_);
+  fs::remove_all(directory);
+  fs::create_directory(directory);
+  const Xapian::Database earlier(indexIn(collection_).string());
+  IndexWriter::create(indexIn(directory), earlier.get_metadata(kLanguageEntry));
+}
+
+// The database is opened for one step only: of all indexes that take turns only as many are open as
+// there are threads.
+bool IndexRebuild::step(const StopCheck& stop) {
+  const Xapian::Database earlier(indexIn(collection_).string());
+  auto next = earlier.postlist_begin("");
+  const auto end = earlier.postlist_end("");
+  if (next != end) next.skip_to(last_ + 1);
+  std::vector<Change> changes;
+  std::size_t bytes = 0;
+  for (; next != end && changes.size() < limits_.batchChanges && bytes < limits_.batchBytes;
+       ++next) {
+    changes.push_back(takenOver(earlier.get_document(*next), indexIn(collection_)));
+    bytes += bytesOf(changes.back());
+    last_ = *next;
+  }
+  IndexWriter writer(indexIn(incompleteIn(collection_)), limits_, stop);
+  writer.apply(changes);
+  const std::vector<ParseOutcome> refused = writer.takeRefused();
+  if (!refused.empty()) {
+    throw ServerError(ErrorKind::StorageFailed,
+                      "the document " + shown(refused.front().key) +
+                          " cannot be brought into the present form of the index: " +
+                          refused.front().messageText);
+  }
+  return next != end;
+}
+
+void IndexRebuild::decide() {
+  const fs::path directory = incompleteIn(collection_);
+  IndexSums::create(directory, Xapian::Database(indexIn(directory).string()).get_revision());
+  fs::remove_all(completeIn(collection_));
+  fs::rename(directory, completeIn(collection_));
+  syncDirectory(collection_);
+}
+
+bool IndexRebuild::isDecided(const fs::path& collection) {
+  return fs::exists(completeIn(collection));
+}
+
+void IndexRebuild::finish(const fs::path& collection) {
+  if (!isDecided(collection)) return;
+  placeIndex(collection);
+  placeSums(collection);
+  fs::remove_all(completeIn(collection));
+  syncDirectory(collection);
+}
+
+void IndexRebuild::clear(const fs::path& collection) {
+  fs::remove_all(incompleteIn(collection));
+  fs::remove_all(replacedIn(collection));
+}
+
+}  // namespace corvaned

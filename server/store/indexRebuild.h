@@ -1,0 +1,44 @@
+#pragma once
+
+#include <xapian.h>
+
+#include <filesystem>
+
+#include "server/store/indexLimits.h"
+
+namespace corvaned {
+
+/// Makes an index of the present form from the texts of one of an earlier form, in a directory
+/// beside it, and puts it in its place. The earlier one is searched meanwhile, and nobody may
+/// change it.
+///
+///     index-rebuilding/  the new index as far as it is
+///     index-rebuilt/     the complete new one and its checksums, which are to take their places;
+///                        one rename decides, and whoever opens the collection does the rest
+///     index-replaced/    the earlier one, to be removed
+///
+/// Used by one thread at a time.
+class IndexRebuild {
+ public:
+  IndexRebuild(std::filesystem::path collection, const IndexLimits& limits);
+
+  /// Takes over some more documents. Returns whether there are others. Throws if one cannot be
+  /// read; the earlier index is then as it was.
+  bool step(const StopCheck& stop);
+  /// Decides, durably, for the new index. finish() does what is left to do.
+  void decide();
+  static bool isDecided(const std::filesystem::path& collection);
+
+  /// Puts the new index in place, if that has been decided. May be repeated if it throws, and after
+  /// a crash.
+  static void finish(const std::filesystem::path& collection);
+  /// Removes what a crash may have left.
+  static void clear(const std::filesystem::path& collection);
+
+ private:
+  const std::filesystem::path collection_;
+  const IndexLimits limits_;
+  Xapian::docid last_ = 0;
+};
+
+}  // namespace corvaned

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <xapian.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "server/store/change.h"
+#include "server/store/indexLimits.h"
+#include "server/store/xapianSchema.h"
+
+namespace corvaned {
+
+/// Applies changes to a database in batches. Used by one thread at a time.
+class IndexWriter {
+ public:
+  /// Makes an empty database there, durably, and returns its revision. Its words are stemmed for
+  /// the language.
+  static std::uint64_t create(const std::filesystem::path& path, const std::string& language);
+
+  /// `stop` throws to end a batch between two changes.
+  IndexWriter(std::filesystem::path path, const IndexLimits& limits, const StopCheck& stop)
+      : path_(std::move(path)), limits_(limits), stop_(stop) {}
+
+  /// Applies the changes in one transaction, durably, but for documents that the database refuses.
+  /// Throws if the storage fails.
+  void apply(std::span<const Change> changes);
+
+  std::vector<ParseOutcome> takeRefused() { return std::move(refused_); }
+
+ private:
+  void commit(std::span<const Change> changes);
+  void applyOne(const Change& change);
+  void open();
+
+  const std::filesystem::path path_;
+  const IndexLimits& limits_;
+  const StopCheck& stop_;
+  // After an exception the handle is discarded: it has lost its uncommitted changes, yet a later
+  // commit on it would report success.
+  std::optional<Xapian::WritableDatabase> database_;
+  Xapian::Stem stemmer_;
+  IndexNames names_;
+  std::vector<ParseOutcome> refused_;
+};
+
+}  // namespace corvaned
