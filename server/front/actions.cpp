@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 #include <utility>
 
 #include "server/base/errors.h"
@@ -14,6 +15,18 @@
 
 namespace corvaned {
 namespace {
+
+constexpr std::array<Word, 4> kTypes{&Words::text, &Words::html, &Words::xml,
+                                     &Words::undefinedType};
+constexpr std::array<Word, 4> kMimeTypes{&Words::plainText, &Words::htmlText, &Words::xmlText,
+                                         &Words::xmlApplication};
+
+// The parameters that say how a document is to be read.
+constexpr std::array<Parameter, 5> kDocument{{{&Words::documentType, kTypes},
+                                              {&Words::knownDocumentType, kTypes},
+                                              {&Words::charset},
+                                              {&Words::knownCharset},
+                                              {&Words::mimeType, kMimeTypes}}};
 
 // Names of metadata begin with a letter, so the mark of the descending order is not part of one.
 bool isMetadataName(std::string_view name) {
@@ -86,7 +99,7 @@ DocumentBlock requireBlock(Request& request) {
   return parseDocumentBlock(std::move(request.content));
 }
 
-// The charset of a document's content; metadata is always UTF-8.
+// The charset of a document's content; metadata is always UTF-8. Empty if none is given.
 std::string charsetOf(const Request& request) {
   std::string charset;
   for (const std::string& name : {words().charset, words().knownCharset}) {
@@ -98,7 +111,32 @@ std::string charsetOf(const Request& request) {
     }
     charset = value;
   }
-  return charset.empty() ? words().utf8 : charset;
+  return charset;
+}
+
+// Nothing if it is no type.
+std::optional<TextType> typeNamed(std::string_view name) {
+  const Words& w = words();
+  if (name == w.text || name == w.plainText) return TextType::Plain;
+  if (name == w.html || name == w.htmlText) return TextType::Html;
+  if (name == w.xml || name == w.xmlText || name == w.xmlApplication) return TextType::Xml;
+  return std::nullopt;
+}
+
+TextType typeOf(const Request& request) {
+  std::optional<TextType> type;
+  for (const std::string& name :
+       {words().documentType, words().knownDocumentType, words().mimeType}) {
+    const auto said = typeNamed(request.header(name));
+    if (!said) continue;
+    if (type && *type != *said) refuseValue(request, name, "which contradicts another parameter");
+    type = said;
+  }
+  return type.value_or(TextType::Plain);
+}
+
+DocumentReading readingOf(const Request& request) {
+  return {{typeOf(request), {}}, charsetOf(request)};
 }
 
 Document requireDocument(Request& request) {
@@ -115,10 +153,28 @@ std::vector<Document> documentsToMatch(Request& request) {
   const bool several =
       chooses(request, words().match, words().severalDocuments, words().oneDocument);
   Document document = requireDocument(request);
-  if (several) return parseDocumentBlocks(document.content);
   std::vector<Document> documents;
-  documents.push_back(std::move(document));
+  if (several) {
+    documents = parseDocumentBlocks(document.content);
+  } else {
+    documents.push_back(std::move(document));
+  }
+  const DocumentReading reading = readingOf(request);
+  for (Document& each : documents) prepare(each, reading);
   return documents;
+}
+
+// What says how to read documents says nothing without them.
+void requireDocumentsFor(const Request& request) {
+  if (!request.header(words().match).empty()) return;
+  for (const Parameter& parameter : kDocument) {
+    const std::string& name = words().*parameter.name;
+    if (request.header(name).empty()) continue;
+    throw ServerError(ErrorKind::UnknownParameter,
+                      "the action " + shown(request.header(words().action)) +
+                          " does not take the parameter " + shown(name) + " without " +
+                          shown(words().match));
+  }
 }
 
 Reply search(const Service& service, Request& request) {
@@ -176,13 +232,11 @@ Reply onCollection(const Service& service, Request& request) {
 // refused for the same one.
 Reply addDocument(const Service& service, Request& request) {
   const std::string collection = collectionOf(request);
-  const std::string charset = charsetOf(request);
-  const auto prepare = [&](Document& document) {
-    document.content = toUtf8(std::move(document.content), charset);
-  };
-  if (bringsBatch(request)) return applyBatch(service, request, prepare);
+  const DocumentReading reading = readingOf(request);
+  const auto prepared = [&](Document& document) { prepare(document, reading); };
+  if (bringsBatch(request)) return applyBatch(service, request, prepared);
   Document document = requireDocument(request);
-  prepare(document);
+  prepare(document, reading);
   service.store.addDocument(collection, document);
   return DoneReply{};
 }
@@ -213,9 +267,9 @@ Reply queueDocument(const Service& service, Request& request) {
     key = block.document.key;
     clientOf(request);
     requireParameters(*findAction(request.header(words().action)), request);
-    const std::string charset = charsetOf(request);
+    const DocumentReading reading = readingOf(request);
     if (block.terminate) return NoReply{};
-    block.document.content = toUtf8(std::move(block.document.content), charset);
+    prepare(block.document, reading);
     service.store.queueDocument(collection, block.document, client);
   } catch (const ServerError& error) {
     if (error.kind() == ErrorKind::UnknownCollection) throw;
@@ -316,8 +370,6 @@ constexpr std::array<Word, 5> kActionTypes{&Words::actionUnknown, &Words::action
                                            &Words::actionAdmin};
 constexpr std::array<Word, 3> kEnglish{&Words::english, &Words::americanEnglish,
                                        &Words::defaultLanguage};
-constexpr std::array<Word, 2> kText{&Words::text, &Words::undefinedType};
-constexpr std::array<Word, 1> kPlainText{&Words::plainText};
 constexpr std::array<Word, 1> kYes{&Words::yes};
 constexpr std::array<Word, 1> kNo{&Words::no};
 constexpr std::array<Word, 1> kProtocol11{&Words::protocol11};
@@ -340,11 +392,6 @@ constexpr std::array<Parameter, 8> kEnvelope{{
 }};
 constexpr std::array<Parameter, 3> kCollection{
     {{&Words::collection}, {&Words::collectionName}, {&Words::scope, kOneCollection}}};
-constexpr std::array<Parameter, 5> kDocument{{{&Words::documentType, kText},
-                                              {&Words::knownDocumentType, kText},
-                                              {&Words::charset},
-                                              {&Words::knownCharset},
-                                              {&Words::mimeType, kPlainText}}};
 // The parameters of single actions.
 constexpr std::array<Parameter, 2> kCreate{{{&Words::language}, {&Words::refresh}}};
 constexpr std::array<Parameter, 5> kAdd{{{&Words::useQueue, kNo},
@@ -442,7 +489,7 @@ constexpr std::array<Action, 19> kActions{{
      Right::Write,
      {kCollection, kUpdate},
      onCollection<&Store::updateIndex>},
-    {"search", Workload::Read, kAlways, Right::Read, {kCollection, kSearch}, search},
+    {"search", Workload::Read, kAlways, Right::Read, {kCollection, kSearch, kDocument}, search},
     {"selectivity", Workload::Read, kAlways, Right::Read, {kCollection, kSelectivity}, selectivity},
     {"getParseResult", Workload::Write, kAlways, Right::Write, {kEitherWay, kReport}, parseResult},
     {"getStatus", Workload::Status, kAlways, Right::Read, {kEitherWay}, status},
@@ -514,6 +561,7 @@ bool makesReports(const Action& action) { return action.serve == parseResult; }
 
 void requireParameters(const Action& action, const Request& request) {
   if (action.serve == notSupported) return;
+  if (action.serve == search) requireDocumentsFor(request);
   for (const auto& [name, value] : request.headers) {
     if (value.empty()) continue;
     const Parameter* parameter = find(action, name);

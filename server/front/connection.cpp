@@ -45,17 +45,29 @@ std::array<char, kReadBytes>& readBuffer() {
   return buffer;
 }
 
-std::size_t copiesOf(const Request& request) {
-  if (request.header(words().match) == words().severalDocuments ||
-      !request.header(words().batch).empty()) {
-    return kManyDocumentsCopies;
-  }
-  std::size_t growth = 1;
+// A document that may declare a charset of its own can have any.
+std::size_t growthOf(const Request& request) {
+  std::size_t growth = 0;
   for (const std::string& name : {words().charset, words().knownCharset}) {
     const std::string charset(request.header(name));
     if (!charset.empty()) growth = std::max(growth, growthInUtf8(charset));
   }
-  return kContentCopies * growth;
+  if (growth > 0) return growth;
+  for (const std::string& name :
+       {words().documentType, words().knownDocumentType, words().mimeType}) {
+    const std::string_view type = request.header(name);
+    if (type.empty() || type == words().text || type == words().plainText) continue;
+    if (type != words().undefinedType) return growthInUtf8({});
+  }
+  return 1;
+}
+
+std::size_t copiesOf(const Request& request) {
+  const std::size_t copies = kContentCopies * growthOf(request);
+  const bool several = request.header(words().match) == words().severalDocuments ||
+                       !request.header(words().batch).empty();
+  if (!several) return copies;
+  return kManyDocumentsCopies + copies - kContentCopies;
 }
 
 std::size_t bytesFor(const Request& request, std::uint64_t contentBytes) {

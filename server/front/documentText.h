@@ -2,6 +2,10 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
+
+#include "server/base/documentForm.h"
+#include "server/store/store.h"
 
 namespace corvaned {
 
@@ -14,5 +18,21 @@ std::size_t growthInUtf8(const std::string& charset);
 /// The text in UTF-8. Throws ServerError(BadDocument) that names the charset if the bytes are no
 /// text in it. UTF-8 itself is returned as it is.
 std::string toUtf8(std::string bytes, const std::string& charset);
+
+/// The charset that a document says of itself: by a byte order mark, an XML declaration or, in
+/// HTML, a meta element near its beginning. Empty if it says nothing. Throws
+/// ServerError(BadDocument) if there is no such charset.
+std::string declaredCharset(std::string_view bytes, TextType type);
+
+/// What a request says of the documents that it carries.
+struct DocumentReading {
+  DocumentForm form;
+  /// Empty if it does not say; then the document's own word counts, and else it is UTF-8.
+  std::string charset;
+};
+
+/// Makes of a document as it was sent the one to be stored: its content is in UTF-8, and its form
+/// stands among its metadata. Throws ServerError(BadDocument) if that cannot be.
+void prepare(Document& document, const DocumentReading& reading);
 
 }  // namespace corvaned

@@ -75,8 +75,13 @@ void addValues(Words& words) {
   words.collectionScope = utf8(Defs::PARAM_COLLECTION_SCOPE);
   words.systemScope = utf8(Defs::PARAM_SYSTEM_SCOPE);
   words.text = utf8(Defs::PARAM_CONTENT_TYPE_TEXT);
+  words.html = "html";
+  words.xml = utf8(Defs::PARAM_CONTENT_TYPE_XML);
   words.undefinedType = utf8(Defs::PARAM_CONTENT_TYPE_UNDEF);
   words.plainText = "text/plain";
+  words.htmlText = "text/html";
+  words.xmlText = "text/xml";
+  words.xmlApplication = "application/xml";
   words.utf8 = utf8(Defs::PARAM_KNOWN_CHARSET_UTF8);
   words.byScore = utf8(Defs::PARAM_SORT_BY_SCORE);
   words.byKey = "KEY";

@@ -20,9 +20,9 @@ struct Words {
   std::string refresh, batch, expectedMark, newMark, mustExist, client, keys;
   // Values.
   std::string modeScalar, modeStreaming, modeSelectivity, yes, no, defaultLanguage, english,
-      americanEnglish, protocol11, formatRdx, collectionScope, systemScope, text, undefinedType,
-      plainText, utf8, byScore, byKey, unsorted, oneDocument, severalDocuments, collectionsReport,
-      collectionReport, countReport, digestReport;
+      americanEnglish, protocol11, formatRdx, collectionScope, systemScope, text, html, xml,
+      undefinedType, plainText, htmlText, xmlText, xmlApplication, utf8, byScore, byKey, unsorted,
+      oneDocument, severalDocuments, collectionsReport, collectionReport, countReport, digestReport;
   std::string actionUnknown, actionUpdate, actionMonitor, actionSelect, actionAdmin;
   // Tags of a document block and names of record fields.
   std::string rowId, data, doc;

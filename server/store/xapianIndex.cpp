@@ -13,6 +13,7 @@
 #include <span>
 #include <utility>
 
+#include "server/base/documentForm.h"
 #include "server/base/errors.h"
 #include "server/base/requestContext.h"
 #include "server/store/engineErrors.h"
@@ -430,11 +431,12 @@ class XapianIndex::Reader {
       if (place == database_.postlist_end(term)) continue;
       const std::string data = database_.get_document(*place).get_data();
       memory.force(kTextForms * data.size());
-      const auto document = readDocument(hit.key, data);
+      auto document = readDocument(hit.key, data);
       if (!document) {
         throw ServerError(ErrorKind::StorageFailed,
                           "the text of the document " + shown(hit.key) + " cannot be read");
       }
+      dropNotes(document->metadata);
       take(*document);
     }
   }

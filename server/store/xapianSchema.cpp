@@ -7,6 +7,8 @@
 
 #include "server/base/base64.h"
 #include "server/base/bytes.h"
+#include "server/base/documentForm.h"
+#include "server/base/errors.h"
 #include "server/store/sortValue.h"
 #include "server/store/textNormalizer.h"
 
@@ -175,6 +177,17 @@ void IndexNames::storeIn(Xapian::WritableDatabase& database) {
 
 namespace {
 
+// XML that cannot be read is refused when it comes. But it may be older than what reads it now, and
+// must not hold up all other documents.
+std::string wordsIn(const Document& document) {
+  const TextType type = formNotedIn(document.metadata).type;
+  try {
+    return textOf(document.content, type);
+  } catch (const ServerError&) {
+    return textOf(document.content, TextType::Html);
+  }
+}
+
 /// Makes the words of a document.
 class Indexing {
  public:
@@ -187,6 +200,7 @@ class Indexing {
   void addContent(std::string_view text) { addWords(text, {}); }
 
   void addMetadata(const std::string& markedName, const std::string& value) {
+    if (isNote(markedName)) return;
     const MarkedName name = unmarked(markedName);
     if (const auto prefix = names_.prefixFor(name.name)) {
       generator_.increase_termpos(kTextGap);
@@ -221,7 +235,7 @@ class Indexing {
 Xapian::Document makeDocument(const Document& document, const Xapian::Stem& stemmer,
                               IndexNames& names) {
   Indexing indexing(stemmer, names);
-  indexing.addContent(document.content);
+  indexing.addContent(wordsIn(document));
   for (const auto& [name, value] : document.metadata) indexing.addMetadata(name, value);
   Xapian::Document result = indexing.finished();
   result.add_boolean_term(identityTerm(document.key));

@@ -5,6 +5,7 @@
 #include <unicode/unistr.h>
 
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -127,6 +128,85 @@ TEST(DocumentText, GrowsByNoMoreThanIsSaidBefore) {
     }
   }
   EXPECT_GT(texts, ucnv_countAvailable());
+}
+
+// Charsets that documents declare.
+
+TEST(DeclaredCharset, IsFoundWhereDocumentsSayIt) {
+  using namespace std::string_literals;
+  const std::vector<std::tuple<TextType, std::string, std::string>> cases{
+      {TextType::Xml, "<a/>", ""},
+      {TextType::Xml, "<?xml version='1.0'?><a/>", ""},
+      {TextType::Xml, "<?xml version='1.0' encoding='ISO-8859-1'?><a/>", "ISO-8859-1"},
+      {TextType::Xml, "<?xml version=\"1.0\" encoding = \"Shift_JIS\" ?>", "Shift_JIS"},
+      {TextType::Xml, "<?xml version='1.0'?><a encoding='latin1'/>", ""},
+      {TextType::Xml, "<?xml version='1.0' encoding='UTF-16'?><a/>", "UTF-8"},
+      {TextType::Xml, "<meta charset=latin1>", ""},
+      {TextType::Xml, "\xEF\xBB\xBF<?xml version='1.0' encoding='latin1'?>", "UTF-8"},
+      {TextType::Xml, "\xFF\xFE<\0"s, "UTF-16LE"},
+      {TextType::Xml, "\xFE\xFF\0<"s, "UTF-16BE"},
+      {TextType::Xml, "<\0?\0x\0"s, "UTF-16LE"},
+      {TextType::Xml, "\0<\0?\0x"s, "UTF-16BE"},
+      {TextType::Html, "", ""},
+      {TextType::Html, "<meta charset=koi8-r>", "koi8-r"},
+      {TextType::Html, "<META CHARSET = 'KOI8-R'/>", "koi8-r"},
+      {TextType::Html, "<meta http-equiv=content-type content=\"text/html; charset=koi8-r\">",
+       "koi8-r"},
+      {TextType::Html, "<meta name=x><meta charset=\"koi8-r\">", "koi8-r"},
+      {TextType::Html, "<!-- <meta charset=latin2> --><meta charset=koi8-r>", "koi8-r"},
+      {TextType::Html, "<!-- <meta charset=latin2>", ""},
+      {TextType::Html, "<p>charset=koi8-r", ""},
+      {TextType::Html, "<meta charset", ""},
+      {TextType::Html, "<meta charset=", ""},
+      {TextType::Html, "<meta charset=utf-16>", "UTF-8"},
+      {TextType::Html, "<meta charset=iso-8859-1>", "windows-1252"},
+      {TextType::Html, "<?xml version='1.0' encoding='koi8-r'?><html>", "koi8-r"},
+      {TextType::Html, std::string(5000, ' ') + "<meta charset=koi8-r>", ""},
+  };
+  for (const auto& [type, bytes, charset] : cases) {
+    EXPECT_EQ(declaredCharset(bytes, type), charset) << bytes;
+  }
+}
+
+TEST(DeclaredCharset, ThatDoesNotExistIsRefused) {
+  try {
+    declaredCharset("<meta charset=klingon>", TextType::Html);
+    ADD_FAILURE() << "not refused";
+  } catch (const ServerError& error) {
+    EXPECT_EQ(error.kind(), ErrorKind::BadDocument);
+    EXPECT_THAT(error.what(), HasSubstr("\"klingon\""));
+  }
+}
+
+Document prepared(const std::string& content, TextType type, const std::string& charset = {}) {
+  Document document{"k", {{"a", "b"}}, content};
+  prepare(document, {{type, {}}, charset});
+  return document;
+}
+
+TEST(PreparedDocument, IsInUtf8WhateverItSays) {
+  EXPECT_EQ(prepared("caf\xE9", TextType::Plain, "latin1").content, "caf\u00e9");
+  EXPECT_EQ(prepared("<meta charset=latin1>caf\xE9", TextType::Html).content,
+            "<meta charset=latin1>caf\u00e9");
+  EXPECT_EQ(prepared("<meta charset=latin1>caf\u00e9", TextType::Html, "UTF-8").content,
+            "<meta charset=latin1>caf\u00e9");
+  EXPECT_EQ(prepared("<?xml version='1.0' encoding='latin1'?><a>\xE9</a>", TextType::Xml).content,
+            "<?xml version='1.0' encoding='latin1'?><a>\u00e9</a>");
+  EXPECT_EQ(prepared(std::string("\xFF\xFE<\0a\0/\0>\0", 10), TextType::Xml).content, "<a/>");
+  EXPECT_EQ(prepared("\xEF\xBB\xBF<p>", TextType::Html).content, "<p>");
+  EXPECT_EQ(prepared("\xEF\xBB\xBF.", TextType::Plain).content, "\xEF\xBB\xBF.");
+}
+
+TEST(PreparedDocument, KnowsItsForm) {
+  EXPECT_EQ(formNotedIn(prepared("<p>", TextType::Html).metadata).type, TextType::Html);
+  EXPECT_EQ(prepared("x", TextType::Plain).metadata.size(), 1U);
+}
+
+TEST(PreparedDocument, IsRefusedIfItCannotBeRead) {
+  EXPECT_THROW(prepared("<p>", TextType::Xml), ServerError);
+  EXPECT_THROW(prepared("\xFF", TextType::Plain, "ascii"), ServerError);
+  Document document{"k", {{std::string("\0docType", 8), "xml"}}, "<a/>"};
+  EXPECT_THROW(prepare(document, {}), ServerError);
 }
 
 }  // namespace

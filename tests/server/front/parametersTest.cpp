@@ -42,7 +42,7 @@ struct Row {
   std::map<std::string, Taken> takes;
   /// What else may refuse a parameter.
   std::string refusedBy{};
-  std::string content = test::documentBlock("k", {{"a", "b"}}, "text");
+  std::string content = test::documentBlock("k", {{"a", "b"}}, "<text/>");
 
   const std::string& name() const { return refusedBy.empty() ? action : refusedBy; }
 };
@@ -55,7 +55,7 @@ const Taken kKey{{"base64:azE="}, "k1"};
 const Taken kKeys{{"azE=", "azE=,AA==,azE="}, "azE=,k1"};
 const Taken kOnlyTrue{{"true"}, "false"};
 const Taken kOnlyFalse{{"false"}, "true"};
-const Taken kOnlyText{{"text", "ContentTypeNotDefined"}, "xml"};
+const Taken kType{{"text", "html", "xml", "ContentTypeNotDefined"}, "bin"};
 const Taken kCharset{{"UTF-8", "utf8", "ISO-8859-1", "windows-1252", "Shift_JIS"}, "klingon"};
 const Taken kOfCollection{{"collection"}, "system"};
 const Taken kOfServer{{"system"}, "collection"};
@@ -78,11 +78,12 @@ const Group kEnvelope{
 };
 const Group kCollection{
     {"index", kAnyText}, {"collectionName", kAnyText}, {"scope", kOfCollection}};
-const Group kDocument{{"docType", kOnlyText},
-                      {"KnownContentType", kOnlyText},
-                      {"charset", kCharset},
-                      {"KnownCharset", kCharset},
-                      {"mimeType", {{"text/plain"}, "text/html"}}};
+const Group kDocument{
+    {"docType", kType},
+    {"KnownContentType", kType},
+    {"charset", kCharset},
+    {"KnownCharset", kCharset},
+    {"mimeType", {{"text/plain", "text/html", "text/xml", "application/xml"}, "image/png"}}};
 
 std::vector<Row> rows() {
   const test::Headers named{{"index", "c"}};
@@ -125,6 +126,20 @@ std::vector<Row> rows() {
                  {"upTo", kKey},
                  {"keys", kKeys},
                  {"match", {{"document"}, "text"}}}},
+      {"search",
+       {{"index", "c"}, {"query", "c"}, {"match", "document"}},
+       inCollection + query + kDocument +
+           Group{{"mode", {{"streaming", "scalar"}, "selectivity"}},
+                 {"start", kNumber},
+                 {"size", kNumber},
+                 {"resultLimit", kNumber},
+                 {"scoreWanted", {{"true", "false"}, "maybe"}},
+                 {"scoreType", {{"raw", "normalized"}, "best"}},
+                 {"sortField", {{"SCORE", "KEY", "UNSORTED", "year", "-year"}, "1st"}},
+                 {"after", kKey},
+                 {"upTo", kKey},
+                 {"match", {{"document"}, "text"}}},
+       "match"},
       {"selectivity", searching,
        inCollection + query +
            Group{{"mode", {{"selectivity"}, "streaming"}}, {"exactHits", kNumber}}},
