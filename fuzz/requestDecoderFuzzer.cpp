@@ -65,8 +65,8 @@ class EmptyStore : public corvaned::Store {
     opened(std::nullopt);
   }
   void stop() override {}
-  void createCollection(const std::string& name, const std::string&,
-                        const corvaned::Refresh&) override {
+  void createCollection(const std::string& name, const std::string&, const corvaned::Refresh&,
+                        const corvaned::TextOptions&) override {
     named(name);
   }
   void openCollection(const std::string& name) override { named(name); }

@@ -114,7 +114,8 @@ void printLosses(const Repair& repair) {
     std::cout << fmt::format("  lost: document {}, key {}\n", document.number,
                              document.key.empty() ? "unknown" : shown(document.key));
   }
-  if (repair.languageLost) std::cout << "  lost: the language; words are not stemmed any more\n";
+  if (repair.languageLost)
+    std::cout << "  lost: language and options; words are not stemmed any more\n";
 }
 
 void print(const Repair& repair) {

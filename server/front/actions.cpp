@@ -4,6 +4,7 @@
 #include <array>
 #include <optional>
 #include <utility>
+#include <vector>
 
 #include "server/base/errors.h"
 #include "server/front/batches.h"
@@ -22,7 +23,8 @@ constexpr std::array<Word, 4> kMimeTypes{&Words::plainText, &Words::htmlText, &W
                                          &Words::xmlApplication};
 
 // The parameters that say how a document is to be read.
-constexpr std::array<Parameter, 5> kDocument{{{&Words::documentType, kTypes},
+constexpr std::array<Parameter, 6> kDocument{{{&Words::language},
+                                              {&Words::documentType, kTypes},
                                               {&Words::knownDocumentType, kTypes},
                                               {&Words::charset},
                                               {&Words::knownCharset},
@@ -136,7 +138,7 @@ TextType typeOf(const Request& request) {
 }
 
 DocumentReading readingOf(const Request& request) {
-  return {{typeOf(request), {}}, charsetOf(request)};
+  return {{typeOf(request), std::string(request.header(words().language))}, charsetOf(request)};
 }
 
 Document requireDocument(Request& request) {
@@ -213,11 +215,38 @@ Refresh refreshOf(const Request& request) {
                         "86400000");
 }
 
+// They stand apart by commas or blanks.
+std::vector<std::string> listIn(std::string_view text) {
+  constexpr std::string_view kBetween = ", \t";
+  std::vector<std::string> list;
+  while (!text.empty()) {
+    const std::size_t end = std::min(text.find_first_of(kBetween), text.size());
+    if (end > 0) list.emplace_back(text.substr(0, end));
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
+  return list;
+}
+
+TextOptions textOptionsOf(const Request& request) {
+  const auto isFalse = [&](const std::string& name) {
+    return chooses(request, name, words().no, words().yes);
+  };
+  TextOptions options;
+  options.keepsText = !isFalse(words().storeText);
+  options.keepsPositions = !isFalse(words().storePositions);
+  options.stems = !isFalse(words().stemming);
+  options.onlyMarkedMetadata =
+      chooses(request, words().searchableMetadata, words().marked, words().all);
+  options.stopWords = listIn(request.header(words().stopWords));
+  return options;
+}
+
 Reply createCollection(const Service& service, Request& request) {
   const std::string collection = collectionOf(request);
   std::string_view language = request.header(words().language);
   if (language.empty()) language = words().defaultLanguage;
-  service.store.createCollection(collection, std::string(language), refreshOf(request));
+  service.store.createCollection(collection, std::string(language), refreshOf(request),
+                                 textOptionsOf(request));
   return DoneReply{};
 }
 
@@ -393,7 +422,13 @@ constexpr std::array<Parameter, 8> kEnvelope{{
 constexpr std::array<Parameter, 3> kCollection{
     {{&Words::collection}, {&Words::collectionName}, {&Words::scope, kOneCollection}}};
 // The parameters of single actions.
-constexpr std::array<Parameter, 2> kCreate{{{&Words::language}, {&Words::refresh}}};
+constexpr std::array<Parameter, 7> kCreate{{{&Words::language},
+                                            {&Words::refresh},
+                                            {&Words::storeText},
+                                            {&Words::storePositions},
+                                            {&Words::stemming},
+                                            {&Words::searchableMetadata},
+                                            {&Words::stopWords}}};
 constexpr std::array<Parameter, 5> kAdd{{{&Words::useQueue, kNo},
                                          {&Words::batch},
                                          {&Words::expectedMark},

@@ -48,12 +48,28 @@ std::uint64_t linesWanted(const Request& request, std::uint64_t usually) {
   return lines;
 }
 
+// Those that are not as usual, under the names that createCollection has for them.
+std::string shownOptions(const TextOptions& options) {
+  const Words& w = words();
+  std::string shown;
+  const auto add = [&](const std::string& name, const std::string& value) {
+    shown += fmt::format(" {}={}", name, value);
+  };
+  if (!options.keepsText) add(w.storeText, w.no);
+  if (!options.keepsPositions) add(w.storePositions, w.no);
+  if (!options.stems) add(w.stemming, w.no);
+  if (options.onlyMarkedMetadata) add(w.searchableMetadata, w.marked);
+  if (!options.stopWords.empty()) add(w.stopWords, fmt::format("{}", options.stopWords.size()));
+  return shown;
+}
+
 ReportReply::Line collectionLine(Store& store, const std::string& name) {
   const CollectionSummary summary = store.summary(name);
   return {name, kCollectionLine,
-          fmt::format("documents={} pending={} bytes={} language={} refresh={} mark={}",
+          fmt::format("documents={} pending={} bytes={} language={} refresh={} mark={}{}",
                       summary.documents, summary.pending, summary.bytes, summary.language,
-                      summary.refresh, summary.mark.empty() ? kNoMark : summary.mark)};
+                      summary.refresh, summary.mark.empty() ? kNoMark : summary.mark,
+                      shownOptions(summary.options))};
 }
 
 // Damage of one collection must not hide the others. One that is gone meanwhile has no line.

@@ -48,6 +48,11 @@ void addNames(Words& words) {
   words.mustExist = "mustExist";
   words.client = "client";
   words.keys = "keys";
+  words.storeText = "storeText";
+  words.storePositions = "storePositions";
+  words.stemming = "stemming";
+  words.searchableMetadata = "searchableMetadata";
+  words.stopWords = "stopWords";
   words.documentType = utf8(Defs::PARAM_DOCUMENT_TYPE);
   words.knownDocumentType = utf8(Defs::PARAM_KNOWN_DOCUMENT_TYPE);
   words.charset = utf8(Defs::PARAM_CHARSET);
@@ -92,6 +97,8 @@ void addValues(Words& words) {
   words.collectionReport = "collection";
   words.countReport = "count";
   words.digestReport = "digest";
+  words.all = "all";
+  words.marked = "marked";
   words.actionUnknown = utf8(Defs::ACT_UNKNOWN);
   words.actionUpdate = utf8(Defs::ACT_UPDATE);
   words.actionMonitor = utf8(Defs::ACT_MONITOR);

@@ -17,12 +17,14 @@ struct Words {
       incremental;
   std::string implementationVersion, supportedServerVersions, versionsSeparator, buildSeparator;
   // Of this server only.
-  std::string refresh, batch, expectedMark, newMark, mustExist, client, keys;
+  std::string refresh, batch, expectedMark, newMark, mustExist, client, keys, storeText,
+      storePositions, stemming, searchableMetadata, stopWords;
   // Values.
   std::string modeScalar, modeStreaming, modeSelectivity, yes, no, defaultLanguage, english,
       americanEnglish, protocol11, formatRdx, collectionScope, systemScope, text, html, xml,
       undefinedType, plainText, htmlText, xmlText, xmlApplication, utf8, byScore, byKey, unsorted,
-      oneDocument, severalDocuments, collectionsReport, collectionReport, countReport, digestReport;
+      oneDocument, severalDocuments, collectionsReport, collectionReport, countReport, digestReport,
+      all, marked;
   std::string actionUnknown, actionUpdate, actionMonitor, actionSelect, actionAdmin;
   // Tags of a document block and names of record fields.
   std::string rowId, data, doc;

@@ -66,10 +66,10 @@ DescriptorBudget::Share descriptorsFor(const StoreLimits& limits) {
 
 }  // namespace
 
-void Collection::create(const std::filesystem::path& directory, const std::string& language,
+void Collection::create(const std::filesystem::path& directory, const IndexForm& form,
                         const Refresh& refresh) {
   if (refresh != Refresh{}) writeOptions(directory, refresh);
-  XapianIndex::create(directory, language);
+  XapianIndex::create(directory, form);
   const Journal journal(directory, [](std::uint64_t, Change&&) {});
 }
 

@@ -50,7 +50,7 @@ struct StoreLimits {
 /// those of its members after them.
 class Collection {
  public:
-  static void create(const std::filesystem::path& directory, const std::string& language,
+  static void create(const std::filesystem::path& directory, const IndexForm& form,
                      const Refresh& refresh);
 
   /// What an open collection takes of the memory, beside the checksums of its index.

@@ -8,6 +8,7 @@
 #include "server/store/files.h"
 #include "server/store/indexSums.h"
 #include "server/store/indexWriter.h"
+#include "server/store/textAnalysis.h"
 #include "server/store/xapianSchema.h"
 
 namespace corvaned {
@@ -58,7 +59,7 @@ IndexRebuild::IndexRebuild(fs::path collection, const IndexLimits& limits)
   fs::remove_all(directory);
   fs::create_directory(directory);
   const Xapian::Database earlier(indexIn(collection_).string());
-  IndexWriter::create(indexIn(directory), earlier.get_metadata(kLanguageEntry));
+  IndexWriter::create(indexIn(directory), TextAnalysis(earlier).form());
 }
 
 // The database is opened for one step only: of all indexes that take turns only as many are open as

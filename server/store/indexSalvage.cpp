@@ -9,6 +9,7 @@
 #include "server/base/errors.h"
 #include "server/store/files.h"
 #include "server/store/indexSums.h"
+#include "server/store/textAnalysis.h"
 #include "server/store/xapianSchema.h"
 
 namespace corvaned {
@@ -88,20 +89,21 @@ IndexSalvage::~IndexSalvage() {
   std::filesystem::remove_all(work_, ignored);
 }
 
-std::optional<std::string> IndexSalvage::language() const {
-  return readable(work_,
-                  [](Xapian::Database& database) { return database.get_metadata(kLanguageEntry); });
+std::optional<IndexForm> IndexSalvage::form() const {
+  return readable(work_, [](Xapian::Database& database) { return TextAnalysis(database).form(); });
 }
 
 void IndexSalvage::read(const DocumentVisitor& onDocument, const LossVisitor& onLoss) const {
   const Xapian::docid last = Xapian::Database(work_.string()).get_lastdocid();
+  const bool keepsText = form().value_or(IndexForm{}).options.keepsText;
   for (Xapian::docid number = 1; number <= last; ++number) {
     if (!mayExist(work_, number)) continue;
     const std::string key = keyOf(work_, number);
     const auto data = readable(work_, [&](Xapian::Database& database) {
       return database.get_document(number, Xapian::DOC_ASSUME_VALID).get_data();
     });
-    auto document = data && !key.empty() ? readDocument(key, *data) : std::nullopt;
+    const bool whole = keepsText && data && !key.empty();
+    auto document = whole ? readDocument(key, *data) : std::nullopt;
     if (document)
       onDocument(std::move(*document));
     else

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "server/store/damage.h"
+#include "server/store/indexForm.h"
 #include "server/store/store.h"
 
 namespace corvaned {
@@ -28,10 +29,11 @@ class IndexSalvage {
   IndexSalvage& operator=(const IndexSalvage&) = delete;
 
   /// Nothing if it cannot be read.
-  std::optional<std::string> language() const;
+  std::optional<IndexForm> form() const;
 
   using DocumentVisitor = std::function<void(Document&& document)>;
-  /// The number of a document that is lost, and its key, which is empty if it is lost as well.
+  /// The number of a document that is lost, and its key, which is empty if it is lost as well. All
+  /// are lost of a collection that does not keep texts.
   using LossVisitor = std::function<void(std::uint64_t number, const std::string& key)>;
   void read(const DocumentVisitor& onDocument, const LossVisitor& onLoss) const;
 

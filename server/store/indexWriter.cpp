@@ -11,9 +11,9 @@ constexpr std::size_t kIndexingCost = 16;
 
 }  // namespace
 
-std::uint64_t IndexWriter::create(const std::filesystem::path& path, const std::string& language) {
+std::uint64_t IndexWriter::create(const std::filesystem::path& path, const IndexForm& form) {
   Xapian::WritableDatabase database(path.string(), Xapian::DB_CREATE);
-  database.set_metadata(kLanguageEntry, language);
+  storeForm(database, form);
   database.set_metadata(kSchemaEntry, std::string(kSchemaVersion));
   database.commit();
   syncDirectory(path);
@@ -68,13 +68,13 @@ void IndexWriter::applyOne(const Change& change) {
   if (change.kind == ChangeKind::Remove) {
     database_->delete_document(identity);
   } else {
-    database_->replace_document(identity, makeDocument(change.document, stemmer_, names_));
+    database_->replace_document(identity, makeDocument(change.document, analysis_, names_));
   }
 }
 
 void IndexWriter::open() {
   database_.emplace(path_.string(), Xapian::DB_OPEN);
-  stemmer_ = stemmerFor(database_->get_metadata(kLanguageEntry));
+  analysis_ = TextAnalysis(*database_);
   names_ = IndexNames(*database_);
 }
 

@@ -11,6 +11,7 @@
 
 #include "server/store/change.h"
 #include "server/store/indexLimits.h"
+#include "server/store/textAnalysis.h"
 #include "server/store/xapianSchema.h"
 
 namespace corvaned {
@@ -18,9 +19,8 @@ namespace corvaned {
 /// Applies changes to a database in batches. Used by one thread at a time.
 class IndexWriter {
  public:
-  /// Makes an empty database there, durably, and returns its revision. Its words are stemmed for
-  /// the language.
-  static std::uint64_t create(const std::filesystem::path& path, const std::string& language);
+  /// Makes an empty database there, durably, and returns its revision.
+  static std::uint64_t create(const std::filesystem::path& path, const IndexForm& form);
 
   /// `stop` throws to end a batch between two changes.
   IndexWriter(std::filesystem::path path, const IndexLimits& limits, const StopCheck& stop)
@@ -43,7 +43,7 @@ class IndexWriter {
   // After an exception the handle is discarded: it has lost its uncommitted changes, yet a later
   // commit on it would report success.
   std::optional<Xapian::WritableDatabase> database_;
-  Xapian::Stem stemmer_;
+  TextAnalysis analysis_;
   IndexNames names_;
   std::vector<ParseOutcome> refused_;
 };

@@ -83,7 +83,7 @@ void LocalStore::open(const std::string& name, Opened opened) {
 void LocalStore::stop() { stopping_ = true; }
 
 void LocalStore::createCollection(const std::string& name, const std::string& language,
-                                  const Refresh& refresh) {
+                                  const Refresh& refresh, const TextOptions& options) {
   const std::filesystem::path path = pathOf(name);
   const Registry::Reservation reserved = registry_.reserve(name);
   if (std::filesystem::exists(path)) {
@@ -93,7 +93,7 @@ void LocalStore::createCollection(const std::string& name, const std::string& la
   // Created under a temporary name and renamed, so that a crash leaves a complete collection or
   // none.
   const std::filesystem::path temporary = freshTemporary();
-  Collection::create(temporary, language, refresh);
+  Collection::create(temporary, {language, options}, refresh);
   std::filesystem::rename(temporary, path);
   syncDirectory(collectionsRoot_);
 }

@@ -45,7 +45,7 @@ class LocalStore : public Store {
   void open(const std::string& name, Opened opened) override;
   void stop() override;
   void createCollection(const std::string& name, const std::string& language,
-                        const Refresh& refresh = {}) override;
+                        const Refresh& refresh = {}, const TextOptions& options = {}) override;
   void openCollection(const std::string& name) override;
   void closeCollection(const std::string& name) override;
   void deleteCollection(const std::string& name) override;

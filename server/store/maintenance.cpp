@@ -119,9 +119,9 @@ class Rebuilding {
   void makeIndexAnew() {
     repair_.indexMadeAnew = true;
     const IndexSalvage salvage(damaged_, repair_.found.index, fresh_.string() + ".reading");
-    const auto language = salvage.language();
-    repair_.languageLost = !language;
-    XapianIndex::create(fresh_, language.value_or("none"));
+    const auto form = salvage.form();
+    repair_.languageLost = !form;
+    XapianIndex::create(fresh_, form.value_or(IndexForm{"none", {}}));
     XapianIndex index(fresh_, {});
     index.beginUpdate();
     const auto documents = [&](const std::function<void(Change &&)>& take) {

@@ -38,7 +38,8 @@ struct Repair {
   /// The index was made anew from the texts of the documents that can be read.
   bool indexMadeAnew = false;
   std::vector<LostDocument> documentsLost;
-  /// The language of the collection cannot be read; words are indexed unchanged from now on.
+  /// The language and the options of the collection cannot be read; words are indexed unchanged
+  /// from now on, and everything that can be kept is kept.
   bool languageLost = false;
 
   bool losesNothing() const;

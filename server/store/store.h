@@ -88,6 +88,22 @@ struct Estimate {
   std::uint64_t documents = 0;
 };
 
+/// How the documents of a collection are read and kept.
+struct TextOptions {
+  /// Whether the texts are kept when they are in the index: for digests, and to make the index
+  /// anew.
+  bool keepsText = true;
+  /// Whether the places of words are kept, for phrases and NEAR.
+  bool keepsPositions = true;
+  bool stems = true;
+  /// Whether metadata can only be searched if it is marked for that.
+  bool onlyMarkedMetadata = false;
+  /// What queries leave out.
+  std::vector<std::string> stopWords;
+
+  bool operator==(const TextOptions&) const = default;
+};
+
 /// What there is to know of a collection at a glance.
 struct CollectionSummary {
   /// In the index, with those that are deleted and not yet taken out of it.
@@ -101,6 +117,7 @@ struct CollectionSummary {
   std::string refresh{};
   /// Empty if it has none.
   std::string mark{};
+  TextOptions options{};
 };
 
 /// The outcome of one queued document. If messageId is empty the document is stored.
@@ -208,7 +225,7 @@ class Store {
   virtual void stop() = 0;
 
   virtual void createCollection(const std::string& name, const std::string& language,
-                                const Refresh& refresh = {}) = 0;
+                                const Refresh& refresh = {}, const TextOptions& options = {}) = 0;
   virtual void openCollection(const std::string& name) = 0;
   virtual void closeCollection(const std::string& name) = 0;
   virtual void deleteCollection(const std::string& name) = 0;

@@ -84,6 +84,34 @@ std::vector<QueryPiece> piecesOf(const icu::UnicodeString& query) {
   return pieces;
 }
 
+// Where the first phrase of several words begins, counted from 1; 0 if there is none.
+std::int32_t firstPhrase(const icu::UnicodeString& query) {
+  std::int32_t opened = 0;
+  std::int32_t position = 0;
+  bool inWord = false;
+  int words = 0;
+  for (std::int32_t i = 0; i < query.length(); i = query.moveIndex32(i, 1)) {
+    const UChar32 c = query.char32At(i);
+    ++position;
+    if (isQuotationMark(c)) {
+      opened = opened == 0 ? position : 0;
+      inWord = false;
+      words = 0;
+      continue;
+    }
+    const bool isWord = opened != 0 && !u_isUWhiteSpace(c);
+    if (isWord && !inWord && ++words > 1) return opened;
+    inWord = isWord;
+  }
+  return 0;
+}
+
+bool isAboutPlaces(const icu::UnicodeString& piece) {
+  const icu::UnicodeString name(piece, 0,
+                                piece.indexOf(u'/') < 0 ? piece.length() : piece.indexOf(u'/'));
+  return name == u"NEAR" || name == u"ADJ";
+}
+
 [[noreturn]] void failed(UErrorCode code) {
   throw ServerError(ErrorKind::Internal,
                     std::string("text cannot be normalised: ") + u_errorName(code));
@@ -112,6 +140,12 @@ std::string normalizeText(std::string_view text) {
 
 std::string foldedText(std::string_view text) {
   return normalized(text, icu::Normalizer2::getNFKCCasefoldInstance);
+}
+
+std::string lowerText(std::string_view text) {
+  std::string result;
+  appendLower(result, normalizeText(text));
+  return result;
 }
 
 std::string lowerQueryWords(const std::string& query) {
@@ -167,6 +201,19 @@ std::string lonelyOperatorIn(const std::string& query) {
     piece.text.toUTF8String(place);
     return place + "\" at character " + std::to_string(piece.position) + " has nothing " +
            (ends ? "behind" : "before") + " it";
+  }
+  return {};
+}
+
+std::string positionsNeededIn(const std::string& query) {
+  const auto text = icu::UnicodeString::fromUTF8(query);
+  const std::int32_t phrase = firstPhrase(text);
+  if (phrase != 0) return "the phrase at character " + std::to_string(phrase);
+  for (const QueryPiece& piece : piecesOf(text)) {
+    if (!isAboutPlaces(piece.text)) continue;
+    std::string name = "the \"";
+    piece.text.toUTF8String(name);
+    return name + "\" at character " + std::to_string(piece.position);
   }
   return {};
 }

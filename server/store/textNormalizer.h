@@ -12,6 +12,9 @@ std::string normalizeText(std::string_view text);
 /// The text in a form in which letters that differ only in case, width and the like are the same.
 std::string foldedText(std::string_view text);
 
+/// The normalised text in lower case.
+std::string lowerText(std::string_view text);
+
 /// The query in lower case, except for operators ("AND", "NOT", "NEAR/3") and field names
 /// ("Title:"). The query parser takes a capitalised word for a proper name and does not stem it, so
 /// German nouns and the first word of a sentence would find too little.
@@ -25,6 +28,10 @@ void requireBalanced(const std::string& query);
 /// Says where, when an operator of the normalised query lacks one of its sides; empty if none does.
 /// For queries that the query parser refuses: it does not say where itself.
 std::string lonelyOperatorIn(const std::string& query);
+
+/// The first thing in the normalised query that needs the positions of words, a phrase or an
+/// operator, and where it stands; empty if nothing does.
+std::string positionsNeededIn(const std::string& query);
 
 /// True if the bytes are well-formed UTF-8.
 bool isUtf8(std::string_view bytes);

@@ -19,7 +19,9 @@
 #include "server/store/engineErrors.h"
 #include "server/store/indexRebuild.h"
 #include "server/store/indexWriter.h"
+#include "server/store/queryReader.h"
 #include "server/store/sortOrder.h"
+#include "server/store/textAnalysis.h"
 #include "server/store/textNormalizer.h"
 #include "server/store/xapianSchema.h"
 
@@ -378,7 +380,7 @@ class XapianIndex::Reader {
       : generation_(generation),
         descriptors_(std::move(descriptors)),
         database_(path.string()),
-        stemmer_(stemmerFor(database_.get_metadata(kLanguageEntry))) {}
+        analysis_(database_) {}
 
   /// Which index it is open on, of those that follow each other in one directory.
   std::uint64_t generation() const { return generation_; }
@@ -422,6 +424,11 @@ class XapianIndex::Reader {
 
   void visit(const SearchQuery& query, const std::vector<std::string>& hidden,
              const IndexLimits& limits, const Store::DocumentVisitor& take) {
+    if (!analysis_.options().keepsText) {
+      throw ServerError(ErrorKind::UnsupportedAction,
+                        "the collection was created without the texts of its documents, so they "
+                        "cannot be read");
+    }
     const auto found = search(query, hidden, limits);
     MemoryBudget::Share memory = shareOf(limits);
     for (Hit hit; found->next(hit);) {
@@ -446,7 +453,8 @@ class XapianIndex::Reader {
   CollectionSummary summary() const {
     CollectionSummary summary;
     summary.documents = database_.get_doccount();
-    summary.language = database_.get_metadata(kLanguageEntry);
+    summary.language = analysis_.form().language;
+    summary.options = analysis_.options();
     return summary;
   }
 
@@ -454,7 +462,8 @@ class XapianIndex::Reader {
   // counts.
   Estimate estimate(const std::string& query, std::uint64_t exactHits,
                     const std::vector<std::string>& hidden, const IndexLimits& limits) {
-    const Interruptible words(withoutHidden(parse(query, IndexNames(database_), limits), hidden));
+    const Interruptible words(withoutHidden(
+        QueryReader(database_, analysis_, IndexNames(database_), limits).read(query), hidden));
     const std::uint64_t documents = database_.get_doccount();
     Xapian::Enquire enquire(database_);
     enquire.set_query(words.query());
@@ -468,7 +477,7 @@ class XapianIndex::Reader {
   Xapian::Query wordsOf(const SearchQuery& query, const IndexNames& names,
                         const IndexLimits& limits) const {
     if (query.everything) return Xapian::Query(std::string());
-    return parse(query.text, names, limits);
+    return QueryReader(database_, analysis_, names, limits).read(query.text);
   }
 
   // The clock is read each time: a text may take longer than many hits.
@@ -561,7 +570,7 @@ class XapianIndex::Reader {
     made.reserve(documents.size());
     for (const Document& document : documents) {
       if (RequestContext* request = RequestContext::current()) request->check();
-      made.push_back(makeDocument(document, stemmer_, names));
+      made.push_back(makeDocument(document, analysis_, names));
     }
     return made;
   }
@@ -580,51 +589,11 @@ class XapianIndex::Reader {
     return database;
   }
 
-  static Xapian::Query parsed(Xapian::QueryParser& parser, const std::string& normal,
-                              unsigned flags) {
-    try {
-      return parser.parse_query(lowerQueryWords(normal), flags);
-    } catch (const Xapian::QueryParserError& error) {
-      const std::string place = lonelyOperatorIn(normal);
-      throw ServerError(ErrorKind::BadQuery, "the query cannot be understood: " +
-                                                 (place.empty() ? error.get_msg() : place));
-    }
-  }
-
-  Xapian::Query parse(const std::string& text, const IndexNames& names,
-                      const IndexLimits& limits) const {
-    if (text.size() > limits.queryBytes) {
-      throw ServerError(ErrorKind::QueryTooBroad,
-                        fmt::format("the query has {} bytes, more than the {} allowed", text.size(),
-                                    limits.queryBytes));
-    }
-    Xapian::QueryParser parser;
-    parser.set_database(database_);
-    parser.set_stemmer(stemmer_);
-    parser.set_stemming_strategy(Xapian::QueryParser::STEM_SOME);
-    parser.set_default_op(Xapian::Query::OP_AND);
-    parser.set_max_expansion(static_cast<Xapian::termcount>(limits.expansion),
-                             Xapian::Query::WILDCARD_LIMIT_ERROR);
-    names.registerAt(parser);
-    constexpr unsigned kFlags =
-        Xapian::QueryParser::FLAG_DEFAULT | Xapian::QueryParser::FLAG_WILDCARD |
-        Xapian::QueryParser::FLAG_PURE_NOT | Xapian::QueryParser::FLAG_CJK_NGRAM;
-    const std::string normal = normalizeText(text);
-    requireBalanced(normal);
-    Xapian::Query query = parsed(parser, normal, kFlags);
-    if (query.get_length() > limits.queryTerms) {
-      throw ServerError(ErrorKind::QueryTooBroad,
-                        fmt::format("the query has {} words, more than the {} allowed",
-                                    query.get_length(), limits.queryTerms));
-    }
-    return query;
-  }
-
   const std::uint64_t generation_;
   // Declared before the database, so that they are given back when that is closed.
   DescriptorBudget::Share descriptors_;
   Xapian::Database database_;
-  Xapian::Stem stemmer_;
+  TextAnalysis analysis_;
 };
 
 /// Takes an idle reader, or makes a new one. Returns it only if its work succeeded.
@@ -678,9 +647,9 @@ class XapianIndex::Lease {
   std::unique_ptr<Reader> reader_;
 };
 
-void XapianIndex::create(const std::filesystem::path& collection, const std::string& language) {
+void XapianIndex::create(const std::filesystem::path& collection, const IndexForm& form) {
   const std::uint64_t revision = translated(
-      [&] { return IndexWriter::create(collection / IndexSums::kIndexDirectory, language); });
+      [&] { return IndexWriter::create(collection / IndexSums::kIndexDirectory, form); });
   IndexSums::create(collection, revision);
 }
 

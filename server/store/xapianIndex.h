@@ -15,6 +15,7 @@
 
 #include "server/base/memoryBudget.h"
 #include "server/store/change.h"
+#include "server/store/indexForm.h"
 #include "server/store/indexLimits.h"
 #include "server/store/indexSums.h"
 #include "server/store/store.h"
@@ -29,9 +30,9 @@ class IndexRebuild;
 class XapianIndex {
  public:
   /// Creates, in the directory of a collection, an empty database whose words are stemmed for
-  /// `language` ("en_us", "de", ...). If there is no stemmer for the language, words are indexed
+  /// the language ("en_us", "de", ...). If there is no stemmer for the language, words are indexed
   /// unchanged.
-  static void create(const std::filesystem::path& collection, const std::string& language);
+  static void create(const std::filesystem::path& collection, const IndexForm& form);
 
   /// Compares the database with its checksums first, and throws if it is damaged: the engine must
   /// not see that. A database of an earlier version gets checksums.

@@ -1,7 +1,6 @@
 #include "server/store/xapianSchema.h"
 
 #include <algorithm>
-#include <cctype>
 #include <sstream>
 #include <utility>
 
@@ -36,21 +35,23 @@ bool canBeSpelled(const std::string& name) {
                      [](char c) { return isLetter(c) || c == '_' || (c >= '0' && c <= '9'); });
 }
 
-/// A metadata name without the marks that clients put in front of it, and whether one of them
-/// asks for the documents to be sorted by it.
+/// A metadata name without the marks that clients put in front of it, and what these ask for.
 struct MarkedName {
   std::string name;
+  bool searchable = false;
   bool sortable = false;
 };
 
 MarkedName unmarked(std::string name) {
+  constexpr std::string_view kSearchable = "Indexable:";
   constexpr std::string_view kSortable = "[sortable]";
   MarkedName result;
   for (bool marked = true; marked;) {
     marked = false;
-    for (const std::string_view mark : {std::string_view("Indexable:"), kSortable}) {
+    for (const std::string_view mark : {kSearchable, kSortable}) {
       if (!name.starts_with(mark)) continue;
       name.erase(0, mark.size());
+      result.searchable = result.searchable || mark == kSearchable;
       result.sortable = result.sortable || mark == kSortable;
       marked = true;
     }
@@ -130,22 +131,15 @@ std::optional<std::string> keyOfIdentity(const std::string& term) {
   return key;
 }
 
-Xapian::Stem stemmerFor(const std::string& language) {
-  std::string code = language.substr(0, language.find_first_of("_-"));
-  std::transform(code.begin(), code.end(), code.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  try {
-    return Xapian::Stem(code);
-  } catch (const Xapian::InvalidArgumentError&) {
-    return Xapian::Stem();
-  }
-}
+std::string languageTerm(const std::string& stemmer) { return "L" + stemmer; }
 
 IndexNames::IndexNames(const Xapian::Database& database)
     : fields_(linesOf(database.get_metadata(kFieldsEntry))),
       sortable_(linesOf(database.get_metadata(kSortableEntry))),
+      languages_(linesOf(database.get_metadata(kLanguagesEntry))),
       storedFields_(fields_.size()),
-      storedSortable_(sortable_.size()) {}
+      storedSortable_(sortable_.size()),
+      storedLanguages_(languages_.size()) {}
 
 std::optional<std::string> IndexNames::prefixFor(const std::string& name) {
   const auto place = placeFor(fields_, name);
@@ -166,13 +160,19 @@ std::optional<Xapian::valueno> IndexNames::slotOf(const std::string& name) const
   return place ? std::optional(slotAt(*place)) : std::nullopt;
 }
 
+void IndexNames::addLanguage(const std::string& stemmer) {
+  if (!placeOf(languages_, stemmer)) languages_.push_back(stemmer);
+}
+
 void IndexNames::storeIn(Xapian::WritableDatabase& database) {
-  if (fields_.size() != storedFields_) database.set_metadata(kFieldsEntry, linesFrom(fields_));
-  if (sortable_.size() != storedSortable_) {
-    database.set_metadata(kSortableEntry, linesFrom(sortable_));
-  }
-  storedFields_ = fields_.size();
-  storedSortable_ = sortable_.size();
+  const auto store = [&](const char* entry, const std::vector<std::string>& names,
+                         std::size_t& stored) {
+    if (names.size() != stored) database.set_metadata(entry, linesFrom(names));
+    stored = names.size();
+  };
+  store(kFieldsEntry, fields_, storedFields_);
+  store(kSortableEntry, sortable_, storedSortable_);
+  store(kLanguagesEntry, languages_, storedLanguages_);
 }
 
 namespace {
@@ -191,10 +191,15 @@ std::string wordsIn(const Document& document) {
 /// Makes the words of a document.
 class Indexing {
  public:
-  Indexing(const Xapian::Stem& stemmer, IndexNames& names) : names_(names) {
-    generator_.set_stemmer(stemmer);
+  Indexing(const Document& document, const TextAnalysis& analysis, IndexNames& names)
+      : options_(analysis.options()), names_(names) {
     generator_.set_flags(Xapian::TermGenerator::FLAG_CJK_NGRAM);
     generator_.set_document(result_);
+    const std::string foreign = analysis.foreignStemmer(formNotedIn(document.metadata).language);
+    generator_.set_stemmer(foreign.empty() ? analysis.stemmer() : stemmerFor(foreign));
+    if (foreign.empty()) return;
+    names_.addLanguage(foreign);
+    result_.add_boolean_term(languageTerm(foreign));
   }
 
   void addContent(std::string_view text) { addWords(text, {}); }
@@ -202,10 +207,7 @@ class Indexing {
   void addMetadata(const std::string& markedName, const std::string& value) {
     if (isNote(markedName)) return;
     const MarkedName name = unmarked(markedName);
-    if (const auto prefix = names_.prefixFor(name.name)) {
-      generator_.increase_termpos(kTextGap);
-      addWords(value, *prefix);
-    }
+    if (name.searchable || !options_.onlyMarkedMetadata) addField(name.name, value);
     if (!name.sortable) return;
     const auto slot = names_.slotFor(name.name);
     // Of several values the first one counts.
@@ -213,34 +215,50 @@ class Indexing {
   }
 
   Xapian::Document finished() {
-    if (!placed_) result_.add_posting(kPlaceTerm, 1, 0);
+    if (!placed_ && options_.keepsPositions) result_.add_posting(kPlaceTerm, 1, 0);
     return result_;
   }
 
  private:
+  void addField(const std::string& name, const std::string& value) {
+    const auto prefix = names_.prefixFor(name);
+    if (!prefix) return;
+    generator_.increase_termpos(kTextGap);
+    addWords(value, *prefix);
+  }
+
   void addWords(std::string_view text, const std::string& prefix) {
+    if (!options_.keepsPositions) {
+      return generator_.index_text_without_positions(normalizeText(text), 1, prefix);
+    }
     const Xapian::termcount before = generator_.get_termpos();
     generator_.index_text(normalizeText(text), 1, prefix);
     placed_ = placed_ || generator_.get_termpos() != before;
   }
 
+  const TextOptions& options_;
   IndexNames& names_;
   Xapian::Document result_;
   Xapian::TermGenerator generator_;
   bool placed_ = false;
 };
 
+std::string dataOf(const Document& document, const TextOptions& options) {
+  return options.keepsText ? serialized(document)
+                           : serialized({document.key, document.metadata, {}});
+}
+
 }  // namespace
 
-Xapian::Document makeDocument(const Document& document, const Xapian::Stem& stemmer,
+Xapian::Document makeDocument(const Document& document, const TextAnalysis& analysis,
                               IndexNames& names) {
-  Indexing indexing(stemmer, names);
+  Indexing indexing(document, analysis, names);
   indexing.addContent(wordsIn(document));
   for (const auto& [name, value] : document.metadata) indexing.addMetadata(name, value);
   Xapian::Document result = indexing.finished();
   result.add_boolean_term(identityTerm(document.key));
   result.add_value(kKeySlot, document.key);
-  result.set_data(serialized(document));
+  result.set_data(dataOf(document, analysis.options()));
   return result;
 }
 

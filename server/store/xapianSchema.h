@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "server/store/store.h"
+#include "server/store/textAnalysis.h"
 
 namespace corvaned {
 
@@ -22,7 +23,9 @@ namespace corvaned {
 /// - value slot 0: the key; read back as the sort key of a match, without a look-up per hit
 /// - value slots from 1 on: metadata that documents can be sorted by, see sortValueOf(); a name has
 ///   the slot of its line in kSortableEntry
-/// - data: the document as it was sent
+/// - term "L" + the name of a stemmer, in a document whose language is not the collection's; the
+///   names stand in kLanguagesEntry
+/// - data: the document as it was sent, but for what the collection's options leave out
 constexpr std::string_view kSchemaVersion = "2";
 /// The same without slots but 0, and without kPlaceTerm. An index of this form is read, and made
 /// anew before it is changed.
@@ -33,21 +36,21 @@ constexpr const char* kPlaceTerm = "N";
 /// A term of documents that are only matched with a query and never stored. Words are in lower case
 /// and prefixes have other letters, so no stored document has it.
 constexpr const char* kPassingTerm = "M";
-constexpr const char* kLanguageEntry = "language";
 constexpr const char* kSchemaEntry = "schema";
 constexpr const char* kFieldsEntry = "fields";
 constexpr const char* kSortableEntry = "sortable";
+constexpr const char* kLanguagesEntry = "languages";
 
 std::string identityTerm(const std::string& key);
 /// The key that has the term. Nothing if it is no identity.
 std::optional<std::string> keyOfIdentity(const std::string& term);
 
-/// The stemmer for a language tag; only the part before "_" or "-" counts. If there is no such
-/// stemmer, one that changes nothing.
-Xapian::Stem stemmerFor(const std::string& language);
+/// The term of documents whose words have a stemmer of their own, with that name.
+std::string languageTerm(const std::string& stemmer);
 
 /// The metadata names of a collection that can be searched as name:word, each with its term prefix,
-/// and those that documents can be sorted by, each with its value slot.
+/// those that documents can be sorted by, each with its value slot, and the stemmers that documents
+/// have beside the collection's.
 class IndexNames {
  public:
   IndexNames() = default;
@@ -64,20 +67,25 @@ class IndexNames {
   std::optional<Xapian::valueno> slotOf(const std::string& name) const;
   std::size_t slotCount() const { return sortable_.size(); }
 
+  const std::vector<std::string>& languages() const { return languages_; }
+  void addLanguage(const std::string& stemmer);
+
   /// Writes what is new since the names were read or written.
   void storeIn(Xapian::WritableDatabase& database);
 
  private:
   std::vector<std::string> fields_;
   std::vector<std::string> sortable_;
+  std::vector<std::string> languages_;
   std::size_t storedFields_ = 0;
   std::size_t storedSortable_ = 0;
+  std::size_t storedLanguages_ = 0;
 };
 
 /// The document that makeDocument() stored with this key. Nothing if the data is not of that form.
 std::optional<Document> readDocument(const std::string& key, const std::string& data);
 
-Xapian::Document makeDocument(const Document& document, const Xapian::Stem& stemmer,
+Xapian::Document makeDocument(const Document& document, const TextAnalysis& analysis,
                               IndexNames& names);
 
 }  // namespace corvaned

@@ -195,6 +195,64 @@ TEST_P(Library, TakesTextsInOtherCharsets) {
   EXPECT_THAT(found("café"), ElementsAre("k1"));
 }
 
+TEST_P(Library, TakesDocumentsWithTags) {
+  const auto addTyped = [&](const std::string& key, const std::string& text,
+                            const Parameters& parameters) {
+    ClientRequest request = requestTo(collection_, ClientRequest::ADD_DOCUMENT, parameters);
+    attachDocument(request, key, text);
+    return send(request);
+  };
+  expectSuccess(addTyped("k1", "<meta charset=latin1><p id=no>red caf\xE9", {{"docType", "html"}}));
+  expectSuccess(addTyped("k2", "<red no='1'>caf\u00e9</red>", {{"mimeType", "text/xml"}}));
+  expectRefused(addTyped("k3", "<red>", {{"docType", "xml"}}), "ZVK0012E", "line 1, column 6");
+  update();
+  EXPECT_THAT(found("café"), ElementsAre("k2", "k1"));
+  EXPECT_THAT(found("red"), ElementsAre("k1"));
+  EXPECT_THAT(found("no"), IsEmpty());
+}
+
+TEST_P(Library, TakesDocumentsInOtherLanguages) {
+  ClientRequest request =
+      requestTo(collection_, ClientRequest::ADD_DOCUMENT, {{"docLang", "de_DE"}});
+  const std::string key = "k1", text = "große Häuser";
+  attachDocument(request, key, text);
+  expectSuccess(send(request));
+  add("k2", "great houses");
+  update();
+  EXPECT_THAT(found("Haus"), ElementsAre("k1"));
+  EXPECT_THAT(found("house"), ElementsAre("k2"));
+}
+
+TEST_P(Library, SortsByMarkedMetadata) {
+  add("k1", "red fox", {{u"[sortable]year", u"1997"}});
+  add("k2", "red hen", {{u"[sortable]year", u"803"}});
+  add("k3", "red owl");
+  update();
+  for (const int kind : {ClientRequest::STREAM_SEARCH, ClientRequest::SCALAR_SEARCH}) {
+    EXPECT_EQ(search("red", {{"sortField", "year"}}, kind).keys(), (Keys{"k2", "k1", "k3"}));
+    EXPECT_EQ(search("red", {{"sortField", "-year"}}, kind).keys(), (Keys{"k1", "k2", "k3"}));
+  }
+  expectRefused(send(ClientRequest::STREAM_SEARCH, {{"query", "red"}, {"sortField", "colour"}}),
+                "ZVK0006E", "\"colour\"");
+}
+
+TEST_P(Library, KeepsWhatIsChosenForACollection) {
+  done(ClientRequest::DROP_COLLECTION);
+  done(ClientRequest::CREATE_COLLECTION,
+       {{"storeText", "false"}, {"storePositions", "false"}, {"stopWords", "the, a"}});
+  add("k1", "the red foxes");
+  update();
+  EXPECT_THAT(found("a fox"), ElementsAre("k1"));
+  expectRefused(send(ClientRequest::STREAM_SEARCH, {{"query", "\"red foxes\""}}), "ZVK0010E",
+                "the phrase at character 1");
+  expectRefused(send(ClientRequest::PARSE_RESULT, {{"report", "digest"}}), "ZVK0004E",
+                "without the texts");
+  const Answer report = send(ClientRequest::PARSE_RESULT, {{"report", "collection"}});
+  ASSERT_THAT(report.parsed, SizeIs(1)) << report;
+  EXPECT_THAT(report.parsed[0].messageText,
+              EndsWith(" storeText=false storePositions=false stopWords=2"));
+}
+
 TEST_P(Library, DeletesDocumentsAtOnce) {
   add("k1", "red fox");
   add("k2", "red hen");

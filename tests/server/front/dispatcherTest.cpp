@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "server/base/documentForm.h"
 #include "server/base/errors.h"
 #include "server/front/dispatcher.h"
 #include "tests/server/front/mockStore.h"
@@ -58,9 +59,9 @@ auto isTheDocument() {
 }
 
 TEST_F(DispatcherTest, CollectionActionsReachTheStore) {
-  EXPECT_CALL(store_, createCollection("c", "en_us", Refresh{}));
+  EXPECT_CALL(store_, createCollection("c", "en_us", Refresh{}, TextOptions{}));
   expectIs<DoneReply>(handle({{"action", "createCollection"}, {"index", "c"}}));
-  EXPECT_CALL(store_, createCollection("c", "de", Refresh{}));
+  EXPECT_CALL(store_, createCollection("c", "de", Refresh{}, TextOptions{}));
   expectIs<DoneReply>(handle({{"action", "createCollection"}, {"index", "c"}, {"docLang", "de"}}));
   EXPECT_CALL(store_, openCollection("c"));
   expectIs<DoneReply>(handle({{"action", "openCollection"}, {"index", "c"}}));
@@ -77,16 +78,66 @@ TEST_F(DispatcherTest, RefreshIsPassedOnAndRefusedByNameIfItIsNone) {
     return test::Headers{{"action", "createCollection"}, {"index", "c"}, {"refresh", refresh}};
   };
   const Refresh immediate{Refresh::Mode::Immediate, {}};
-  EXPECT_CALL(store_, createCollection("c", "en_us", immediate));
+  EXPECT_CALL(store_, createCollection("c", "en_us", immediate, TextOptions{}));
   expectIs<DoneReply>(handle(create("immediate")));
   const Refresh interval{Refresh::Mode::Interval, std::chrono::milliseconds(250)};
-  EXPECT_CALL(store_, createCollection("c", "en_us", interval));
+  EXPECT_CALL(store_, createCollection("c", "en_us", interval, TextOptions{}));
   expectIs<DoneReply>(handle(create("250")));
-  EXPECT_CALL(store_, createCollection("c", "en_us", Refresh{})).Times(2);
+  EXPECT_CALL(store_, createCollection("c", "en_us", Refresh{}, TextOptions{})).Times(2);
   expectIs<DoneReply>(handle(create("manual")));
   expectIs<DoneReply>(handle(create("")));
   EXPECT_THAT(error(create("sometimes")),
               AllOf(HasSubstr("ZVK0006E"), HasSubstr("\"refresh\" is \"sometimes\"")));
+}
+
+TEST_F(DispatcherTest, TextOptionsArePassedOn) {
+  const TextOptions options{false, false, false, true, {"the", "a", "of"}};
+  EXPECT_CALL(store_, createCollection("c", "en_us", Refresh{}, options));
+  expectIs<DoneReply>(handle({{"action", "createCollection"},
+                              {"index", "c"},
+                              {"storeText", "false"},
+                              {"storePositions", "false"},
+                              {"stemming", "false"},
+                              {"searchableMetadata", "marked"},
+                              {"stopWords", " the,a , of,"}}));
+}
+
+TEST_F(DispatcherTest, FormOfADocumentGoesWithIt) {
+  const auto isOfForm = [](const DocumentForm& form) {
+    return Field(&Document::metadata,
+                 ::testing::ResultOf([](const Metadata& all) { return formNotedIn(all); }, form));
+  };
+  const std::string block = documentBlock("k", {}, "<a/>");
+  test::Headers add{{"action", "addDocument"}, {"index", "c"}, {"docLang", "de"}};
+  const std::vector<std::tuple<const char*, const char*, TextType>> cases{
+      {"docType", "html", TextType::Html},
+      {"KnownContentType", "xml", TextType::Xml},
+      {"mimeType", "text/html", TextType::Html},
+      {"mimeType", "text/xml", TextType::Xml},
+      {"mimeType", "application/xml", TextType::Xml},
+      {"docType", "text", TextType::Plain},
+      {"docType", "ContentTypeNotDefined", TextType::Plain}};
+  for (const auto& [name, value, type] : cases) {
+    test::Headers headers = add;
+    headers[name] = value;
+    EXPECT_CALL(store_, addDocument("c", isOfForm({type, "de"}))).RetiresOnSaturation();
+    expectIs<DoneReply>(handle(headers, block));
+  }
+  add["docType"] = "xml";
+  add["mimeType"] = "text/html";
+  EXPECT_THAT(error(add, block), AllOf(HasSubstr("ZVK0006E"), HasSubstr("\"mimeType\"")));
+}
+
+TEST_F(DispatcherTest, XmlThatCannotBeReadIsRefusedWithItsPlace) {
+  test::Headers add{{"action", "addDocument"}, {"index", "c"}, {"docType", "xml"}};
+  const std::string block = documentBlock("k", {}, "<a>\n<b></a>");
+  EXPECT_THAT(error(add, block), AllOf(HasSubstr("ZVK0012E"), HasSubstr("line 2")));
+  add["action"] = "asyncAddDocument";
+  EXPECT_CALL(store_, reportOutcome("c",
+                                    AllOf(Field(&ParseOutcome::key, "k"),
+                                          Field(&ParseOutcome::messageId, "ZVK0012E")),
+                                    ""));
+  expectIs<NoReply>(handle(add, block));
 }
 
 TEST_F(DispatcherTest, CollectionMayBeNamedByItsDisplayName) {

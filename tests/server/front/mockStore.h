@@ -16,7 +16,8 @@ class MockStore : public Store {
   void stop() override {}
   MOCK_METHOD(void, open, (const std::string&, Opened), (override));
 
-  MOCK_METHOD(void, createCollection, (const std::string&, const std::string&, const Refresh&),
+  MOCK_METHOD(void, createCollection,
+              (const std::string&, const std::string&, const Refresh&, const TextOptions&),
               (override));
   MOCK_METHOD(void, openCollection, (const std::string&), (override));
   MOCK_METHOD(void, closeCollection, (const std::string&), (override));

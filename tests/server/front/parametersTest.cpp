@@ -55,6 +55,7 @@ const Taken kKey{{"base64:azE="}, "k1"};
 const Taken kKeys{{"azE=", "azE=,AA==,azE="}, "azE=,k1"};
 const Taken kOnlyTrue{{"true"}, "false"};
 const Taken kOnlyFalse{{"false"}, "true"};
+const Taken kEither{{"true", "false"}, "perhaps"};
 const Taken kType{{"text", "html", "xml", "ContentTypeNotDefined"}, "bin"};
 const Taken kCharset{{"UTF-8", "utf8", "ISO-8859-1", "windows-1252", "Shift_JIS"}, "klingon"};
 const Taken kOfCollection{{"collection"}, "system"};
@@ -79,6 +80,7 @@ const Group kEnvelope{
 const Group kCollection{
     {"index", kAnyText}, {"collectionName", kAnyText}, {"scope", kOfCollection}};
 const Group kDocument{
+    {"docLang", kAnyText},
     {"docType", kType},
     {"KnownContentType", kType},
     {"charset", kCharset},
@@ -92,8 +94,13 @@ std::vector<Row> rows() {
   const Group query{{"query", kAnyText}};
   return {
       {"createCollection", named,
-       inCollection +
-           Group{{"docLang", kAnyText}, {"refresh", {{"manual", "immediate", "250"}, "soon"}}}},
+       inCollection + Group{{"docLang", kAnyText},
+                            {"refresh", {{"manual", "immediate", "250"}, "soon"}},
+                            {"storeText", kEither},
+                            {"storePositions", kEither},
+                            {"stemming", kEither},
+                            {"searchableMetadata", {{"all", "marked"}, "none"}},
+                            {"stopWords", kAnyText}}},
       {"openCollection", named, inCollection},
       {"closeCollection", named, inCollection},
       {"deleteCollection", named, inCollection},
@@ -186,10 +193,14 @@ std::vector<Row> rows() {
 
 // Everything that the vocabulary knows as a parameter, and what nobody knows.
 std::set<std::string> allNames() {
-  std::set<std::string> names{"nonsense", "Index", "query ",       "Host",    "match",
-                              "after",    "upTo",  "exactHits",    "report",  "every",
-                              "refresh",  "batch", "expectedMark", "newMark", "mustExist",
-                              "client",   "keys"};
+  std::set<std::string> names{"nonsense",       "Index",     "query ",
+                              "Host",           "match",     "after",
+                              "upTo",           "exactHits", "report",
+                              "every",          "refresh",   "batch",
+                              "expectedMark",   "newMark",   "mustExist",
+                              "client",         "keys",      "storeText",
+                              "storePositions", "stemming",  "searchableMetadata",
+                              "stopWords"};
   for (const icu::UnicodeString* name : {&StaticDefs::PARAM_COLLECTION_ID,
                                          &StaticDefs::PARAM_DOCUMENT_ID,
                                          &StaticDefs::PARAM_ROWID,

@@ -112,7 +112,7 @@ TEST_F(IndexingTest, StopEndsAnUpdateAndLosesNothing) {
 class IndexStepsTest : public ::testing::Test {
  protected:
   IndexStepsTest() {
-    Collection::create(directory_.path(), "en", {});
+    Collection::create(directory_.path(), {"en", {}}, {});
     limits_.index.batchChanges = 2;
     open();
   }

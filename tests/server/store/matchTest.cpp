@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "server/base/documentForm.h"
 #include "server/base/errors.h"
 #include "server/base/memoryBudget.h"
 #include "server/base/requestContext.h"
@@ -279,6 +280,28 @@ Document randomDocument(Random& random, const std::string& key) {
   return document;
 }
 
+// In a document of its own language or type, and else.
+void addForm(Random& random, Document& document) {
+  constexpr std::array<std::string_view, 4> kLanguages{"", "de", "en", "xx"};
+  DocumentForm form;
+  form.language = random.pick(kLanguages);
+  if (random.oneIn(4)) {
+    form.type = TextType::Html;
+    document.content = "<p title='fox'>" + document.content;
+  }
+  noteForm(document.metadata, form);
+}
+
+TextOptions randomOptions(Random& random) {
+  TextOptions options;
+  options.keepsText = !random.oneIn(4);
+  options.keepsPositions = !random.oneIn(4);
+  options.stems = !random.oneIn(4);
+  options.onlyMarkedMetadata = random.oneIn(4);
+  if (random.oneIn(4)) options.stopWords = {"the", "a", "fox"};
+  return options;
+}
+
 bool isScoredByWords(const std::string& query) { return query.find('*') == std::string::npos; }
 
 TEST_F(MatchTest, SaysWhatASearchSaysOnceTheTextsAreThere) {
@@ -289,14 +312,21 @@ TEST_F(MatchTest, SaysWhatASearchSaysOnceTheTextsAreThere) {
   std::size_t refusals = 0;
   for (std::size_t round = 0; round < kRounds; ++round) {
     Random random(round);
-    store_->createCollection("c", random.pick(std::array<std::string_view, 3>{"en", "de", "xx"}));
+    const bool isPlain = round % 2 == 0;
+    store_->createCollection("c", random.pick(std::array<std::string_view, 3>{"en", "de", "xx"}),
+                             {}, isPlain ? TextOptions{} : randomOptions(random));
+    const auto newDocument = [&](const std::string& key) {
+      Document document = randomDocument(random, key);
+      if (!isPlain) addForm(random, document);
+      return document;
+    };
     for (std::size_t i = random.below(20); i > 0; --i) {
-      store_->queueDocument("c", randomDocument(random, "stored" + std::to_string(i)));
+      store_->queueDocument("c", newDocument("stored" + std::to_string(i)));
     }
     store_->updateIndex("c");
     Documents texts;
     for (std::size_t i = 1 + random.below(5); i > 0; --i) {
-      texts.push_back(randomDocument(random, "text" + std::to_string(i)));
+      texts.push_back(newDocument("text" + std::to_string(i)));
     }
     std::map<std::string, Found> expected;
     for (std::size_t i = 0; i < kQueries; ++i) {

@@ -218,7 +218,7 @@ TEST_F(RefreshTest, DocumentThatTheIndexCannotTakeAtOnceIsKept) {
 class RefreshStepsTest : public ::testing::Test {
  protected:
   void create(const Refresh& refresh) {
-    Collection::create(directory_.path(), "en", refresh);
+    Collection::create(directory_.path(), {"en", {}}, refresh);
     open();
   }
 

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "server/base/documentForm.h"
 #include "server/base/errors.h"
 #include "server/store/batchMemory.h"
 #include "server/store/localStore.h"
@@ -174,6 +175,31 @@ TEST_F(StoredFormTest, DocumentsAreWrittenUnderTheSameNames) {
   EXPECT_EQ(database.get_document(3).get_value(2), "2?");
   EXPECT_EQ(database.get_document(1).get_data(),
             std::string("\0\0\0\1\0\0\0\5title\0\0\0\5About\0\0\0\3fox", 29));
+}
+
+TEST_F(StoredFormTest, OptionsAndLanguagesAreWrittenUnderTheSameNames) {
+  {
+    LocalStore store(directory_.path(), {});
+    TextOptions options;
+    options.keepsPositions = false;
+    options.keepsText = false;
+    store.createCollection("c", "en", {}, options);
+    Document document{"k1", {{"a", "b"}}, "foxes"};
+    noteForm(document.metadata, {TextType::Plain, "de_AT"});
+    store.addDocument("c", document);
+    store.addDocument("c", {"k2", {}, ""});
+    store.updateIndex("c");
+  }
+  const Xapian::Database database(index());
+  EXPECT_EQ(database.get_metadata("options"), "text = no\npositions = no\n");
+  EXPECT_EQ(database.get_metadata("languages"), "german\n");
+  EXPECT_EQ(*database.postlist_begin("Lgerman"), 1U);
+  EXPECT_FALSE(database.term_exists("N"));
+  EXPECT_FALSE(database.has_positions());
+  EXPECT_EQ(database.get_document(1).get_data(),
+            std::string("\0\0\0\2\0\0\0\1a\0\0\0\1b"
+                        "\0\0\0\10\0docLang\0\0\0\5de_AT\0\0\0\0",
+                        39));
 }
 
 TEST_F(StoredFormTest, ChangesAreWrittenToTheJournalInTheSameForm) {

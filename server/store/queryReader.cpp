@@ -1,0 +1,88 @@
+#include "server/store/queryReader.h"
+
+#include <fmt/format.h>
+
+#include <vector>
+
+#include "server/base/errors.h"
+#include "server/store/textNormalizer.h"
+
+namespace corvaned {
+namespace {
+
+[[noreturn]] void refuse(const std::string& reason) {
+  throw ServerError(ErrorKind::BadQuery, "the query cannot be understood: " + reason);
+}
+
+void requireNoPositions(const std::string& normal) {
+  const std::string place = positionsNeededIn(normal);
+  if (place.empty()) return;
+  refuse(place + " needs the positions of words, which the collection was created without");
+}
+
+}  // namespace
+
+// A document is found as its own language has it: each language reads the query for its documents,
+// and the collection's language for those that have no other.
+Xapian::Query QueryReader::read(const std::string& text) const {
+  if (text.size() > limits_.queryBytes) {
+    throw ServerError(ErrorKind::QueryTooBroad,
+                      fmt::format("the query has {} bytes, more than the {} allowed", text.size(),
+                                  limits_.queryBytes));
+  }
+  const std::string normal = normalizeText(text);
+  requireBalanced(normal);
+  if (!analysis_.options().keepsPositions) requireNoPositions(normal);
+  const Xapian::Query own = inLanguage(normal, analysis_.stemmer());
+  if (own.empty() || names_.languages().empty()) return own;
+  std::vector<Xapian::Query> alternatives;
+  std::vector<Xapian::Query> foreign;
+  for (const std::string& language : names_.languages()) {
+    foreign.emplace_back(languageTerm(language));
+    alternatives.emplace_back(Xapian::Query::OP_FILTER, inLanguage(normal, stemmerFor(language)),
+                              foreign.back());
+  }
+  alternatives.emplace_back(Xapian::Query::OP_AND_NOT, own,
+                            Xapian::Query(Xapian::Query::OP_OR, foreign.begin(), foreign.end()));
+  return {Xapian::Query::OP_OR, alternatives.begin(), alternatives.end()};
+}
+
+Xapian::Query QueryReader::inLanguage(const std::string& normal,
+                                      const Xapian::Stem& stemmer) const {
+  Xapian::SimpleStopper stopper;
+  for (const std::string& word : analysis_.options().stopWords) stopper.add(lowerText(word));
+  Xapian::QueryParser parser;
+  parser.set_database(database_);
+  parser.set_stemmer(stemmer);
+  parser.set_stemming_strategy(Xapian::QueryParser::STEM_SOME);
+  parser.set_default_op(Xapian::Query::OP_AND);
+  parser.set_max_expansion(static_cast<Xapian::termcount>(limits_.expansion),
+                           Xapian::Query::WILDCARD_LIMIT_ERROR);
+  parser.set_stopper(&stopper);
+  names_.registerAt(parser);
+  Xapian::Query query = parsed(parser, normal);
+  if (query.empty() && parser.stoplist_begin() != parser.stoplist_end()) {
+    // Of stop words alone it would find nothing.
+    parser.set_stopper(nullptr);
+    query = parsed(parser, normal);
+  }
+  if (query.get_length() <= limits_.queryTerms) return query;
+  throw ServerError(ErrorKind::QueryTooBroad,
+                    fmt::format("the query has {} words, more than the {} allowed",
+                                query.get_length(), limits_.queryTerms));
+}
+
+Xapian::Query QueryReader::parsed(Xapian::QueryParser& parser, const std::string& normal) const {
+  using Parser = Xapian::QueryParser;
+  unsigned flags =
+      Parser::FLAG_DEFAULT | Parser::FLAG_WILDCARD | Parser::FLAG_PURE_NOT | Parser::FLAG_CJK_NGRAM;
+  if (!analysis_.options().keepsPositions) flags |= Parser::FLAG_NO_POSITIONS;
+  try {
+    return parser.parse_query(lowerQueryWords(normal), flags);
+  } catch (const Xapian::QueryParserError& error) {
+    const std::string place = lonelyOperatorIn(normal);
+    refuse(place.empty() ? error.get_msg() : place);
+  }
+}
+
+}  // namespace corvaned
