@@ -152,6 +152,14 @@ class EmptyStore : public corvaned::Store {
   std::vector<std::string> collections(const std::string&, std::uint64_t most) override {
     return most == 0 ? std::vector<std::string>() : std::vector<std::string>{"c1"};
   }
+  std::vector<corvaned::HitDetails> details(const std::string& name,
+                                            const corvaned::SearchQuery& query,
+                                            const corvaned::DetailsWanted& wanted) override {
+    named(name);
+    hasQuery(query);
+    require(wanted.snippetBytes <= 4096, "no snippet is longer than an answer may be");
+    return {{{"key", 532}, {{"title", "a"}}, "a <b>b</b>"}, {{"other", 7}}};
+  }
   corvaned::CollectionState state(const std::string& name) override {
     named(name);
     return corvaned::CollectionState::Current;

@@ -30,35 +30,6 @@ constexpr std::array<Parameter, 6> kDocument{{{&Words::language},
                                               {&Words::knownCharset},
                                               {&Words::mimeType, kMimeTypes}}};
 
-// Names of metadata begin with a letter, so the mark of the descending order is not part of one.
-bool isMetadataName(std::string_view name) {
-  const auto isLetter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
-  return !name.empty() && isLetter(name.front()) &&
-         std::all_of(name.begin(), name.end(),
-                     [&](char c) { return isLetter(c) || c == '_' || (c >= '0' && c <= '9'); });
-}
-
-void readOrder(const Request& request, SearchQuery& query) {
-  std::string_view field = request.header(words().sortField);
-  if (field.empty() || field == words().byScore) return;
-  if (field == words().byKey) {
-    query.order = HitOrder::Key;
-  } else if (field == words().unsorted) {
-    query.order = HitOrder::Any;
-  } else {
-    query.order = HitOrder::Value;
-    query.descending = field.starts_with('-');
-    if (query.descending) field.remove_prefix(1);
-    query.sortBy = field;
-    if (isMetadataName(field)) return;
-    refuseValue(request, words().sortField,
-                "not " + shown(words().byScore) + ", " + shown(words().byKey) + ", " +
-                    shown(words().unsorted) +
-                    " or the name of metadata, with \"-\" before it for "
-                    "the descending order");
-  }
-}
-
 void requireNoScores(const Request& request) {
   for (const std::string& name : {words().scoreWanted, words().scoreType}) {
     const std::string_view value = request.header(name);
@@ -215,18 +186,6 @@ Refresh refreshOf(const Request& request) {
                         "86400000");
 }
 
-// They stand apart by commas or blanks.
-std::vector<std::string> listIn(std::string_view text) {
-  constexpr std::string_view kBetween = ", \t";
-  std::vector<std::string> list;
-  while (!text.empty()) {
-    const std::size_t end = std::min(text.find_first_of(kBetween), text.size());
-    if (end > 0) list.emplace_back(text.substr(0, end));
-    text.remove_prefix(std::min(end + 1, text.size()));
-  }
-  return list;
-}
-
 TextOptions textOptionsOf(const Request& request) {
   const auto isFalse = [&](const std::string& name) {
     return chooses(request, name, words().no, words().yes);
@@ -333,10 +292,17 @@ Reply status(const Service& service, Request& request) {
 
 Reply version(const Service& service, Request&) { return TextReply{service.version}; }
 
+constexpr std::string_view kConfiguration = "setConstructorConfiguration";
+
 Reply notSupported(const Service&, Request& request) {
-  throw ServerError(
-      ErrorKind::UnsupportedAction,
-      "the action " + shown(request.header(words().action)) + " is not supported by this server");
+  const std::string_view action = request.header(words().action);
+  std::string text = "the action " + shown(action) + " is not supported by this server";
+  if (action == kConfiguration) {
+    text +=
+        "; how documents are read is chosen for a collection with createCollection, and for a "
+        "document with addDocument";
+  }
+  throw ServerError(ErrorKind::UnsupportedAction, text);
 }
 
 // Without accounts everybody on this machine may do everything, and nobody elsewhere should end the
@@ -451,15 +417,19 @@ constexpr std::array<Parameter, 12> kSearch{{{&Words::query},
                                              {&Words::upTo}}};
 constexpr std::array<Parameter, 3> kSelectivity{
     {{&Words::query}, {&Words::mode, kSelectivityMode}, {&Words::exactHits}}};
-constexpr std::array<Parameter, 9> kReport{{{&Words::report},
-                                            {&Words::keys},
-                                            {&Words::client},
-                                            {&Words::batch},
-                                            {&Words::query},
-                                            {&Words::after},
-                                            {&Words::upTo},
-                                            {&Words::size},
-                                            {&Words::every}}};
+constexpr std::array<Parameter, 13> kReport{{{&Words::report},
+                                             {&Words::keys},
+                                             {&Words::client},
+                                             {&Words::batch},
+                                             {&Words::query},
+                                             {&Words::after},
+                                             {&Words::upTo},
+                                             {&Words::size},
+                                             {&Words::every},
+                                             {&Words::sortField},
+                                             {&Words::start},
+                                             {&Words::values},
+                                             {&Words::snippet}}};
 // Actions that are about a collection or about all.
 constexpr std::array<Parameter, 3> kEitherWay{
     {{&Words::collection}, {&Words::collectionName}, {&Words::scope, kEitherScope}}};
@@ -533,7 +503,7 @@ constexpr std::array<Action, 19> kActions{{
     {"restore", Workload::Status, kAlways, Right::Admin, {}, notSupported},
     {"takeover", Workload::Status, kAlways, Right::Admin, {}, notSupported},
     {"shutdown", Workload::Status, kAlways, Right::Admin, {kServer}, shutDown},
-    {"setConstructorConfiguration", Workload::Status, kAlways, Right::Admin, {}, notSupported},
+    {kConfiguration, Workload::Status, kAlways, Right::Admin, {}, notSupported},
     {"versionsValidation",
      Workload::Status,
      kAlways,

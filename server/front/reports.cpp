@@ -27,14 +27,23 @@ namespace {
 constexpr const char* kCollectionLine = "ZVK0101I";
 constexpr const char* kCountLine = "ZVK0102I";
 constexpr const char* kDigestLine = "ZVK0103I";
+constexpr const char* kHitLine = "ZVK0104I";
+constexpr const char* kValueLine = "ZVK0105I";
+constexpr const char* kSnippetLine = "ZVK0106I";
 
 constexpr std::uint64_t kMaxLines = 1000;
 // Each collection that is reported may have to be opened.
 constexpr std::uint64_t kUsualCollections = 100;
 
+// Each hit that is reported has to be read.
+constexpr std::uint64_t kMaxHits = 100;
+constexpr std::uint64_t kUsualHits = 10;
+constexpr std::uint64_t kMaxSnippet = 4096;
+
 // What only reports take.
-constexpr std::array<Word, 6> kOfReports{&Words::query, &Words::after, &Words::upTo,
-                                         &Words::keys,  &Words::size,  &Words::every};
+constexpr std::array<Word, 10> kOfReports{
+    &Words::query, &Words::after,     &Words::upTo,  &Words::keys,   &Words::size,
+    &Words::every, &Words::sortField, &Words::start, &Words::values, &Words::snippet};
 
 // What getParseResult takes where it makes no report.
 constexpr std::array<Word, 2> kOfOutcomes{&Words::batch, &Words::client};
@@ -66,10 +75,10 @@ std::string shownOptions(const TextOptions& options) {
 ReportReply::Line collectionLine(Store& store, const std::string& name) {
   const CollectionSummary summary = store.summary(name);
   return {name, kCollectionLine,
-          fmt::format("documents={} pending={} bytes={} language={} refresh={} mark={}{}",
+          fmt::format("documents={} pending={} bytes={} language={}{} refresh={} mark={}",
                       summary.documents, summary.pending, summary.bytes, summary.language,
-                      summary.refresh, summary.mark.empty() ? kNoMark : summary.mark,
-                      shownOptions(summary.options))};
+                      shownOptions(summary.options), summary.refresh,
+                      summary.mark.empty() ? kNoMark : summary.mark)};
 }
 
 // Damage of one collection must not hide the others. One that is gone meanwhile has no line.
@@ -181,14 +190,58 @@ Reply digest(const Service& service, const Request& request) {
   return reply;
 }
 
+SearchQuery hitsOf(const Request& request) {
+  SearchQuery query;
+  readOrder(request, query);
+  query.text = request.header(words().query);
+  query.everything = query.text.empty() && query.order != HitOrder::Score;
+  if (!query.everything) query.text = require(request, words().query);
+  query.after = keyIn(request, words().after);
+  query.upTo = keyIn(request, words().upTo);
+  readNumber(request, words().start, query.start);
+  query.size = kUsualHits;
+  readNumber(request, words().size, query.size);
+  if (query.size > kMaxHits) {
+    refuseValue(request, words().size, fmt::format("more than the {} allowed", kMaxHits));
+  }
+  return query;
+}
+
+DetailsWanted detailsOf(const Request& request) {
+  DetailsWanted wanted;
+  wanted.names = listIn(request.header(words().values));
+  std::uint64_t bytes = 0;
+  readNumber(request, words().snippet, bytes);
+  if (bytes > kMaxSnippet) {
+    refuseValue(request, words().snippet, fmt::format("more than the {} allowed", kMaxSnippet));
+  }
+  wanted.snippetBytes = static_cast<std::size_t>(bytes);
+  return wanted;
+}
+
+Reply hits(const Service& service, const Request& request) {
+  const std::string collection = collectionOf(request);
+  const SearchQuery query = hitsOf(request);
+  ReportReply reply;
+  for (const HitDetails& each : service.store.details(collection, query, detailsOf(request))) {
+    const std::string id = documentId(each.hit.key);
+    reply.lines.push_back({id, kHitLine, "score=" + scoreText(each.hit.milliScore)});
+    for (const auto& [name, value] : each.values) {
+      reply.lines.push_back({id, kValueLine, fmt::format("{}={}", name, value)});
+    }
+    if (!each.snippet.empty()) reply.lines.push_back({id, kSnippetLine, each.snippet});
+  }
+  return reply;
+}
+
 struct Report {
   Word name;
   bool ofCollection;
-  std::array<Word, 4> takes;
+  std::array<Word, 8> takes;
   Reply (*make)(const Service& service, const Request& request);
 };
 
-constexpr std::array<Report, 4> kReports{{
+constexpr std::array<Report, 5> kReports{{
     {&Words::collectionsReport, false, {&Words::after, &Words::size}, collections},
     {&Words::collectionReport, true, {}, collection},
     {&Words::countReport, true, {&Words::query, &Words::after, &Words::upTo, &Words::keys}, count},
@@ -196,6 +249,11 @@ constexpr std::array<Report, 4> kReports{{
      true,
      {&Words::after, &Words::upTo, &Words::size, &Words::every},
      digest},
+    {&Words::hitsReport,
+     true,
+     {&Words::query, &Words::after, &Words::upTo, &Words::sortField, &Words::start, &Words::size,
+      &Words::values, &Words::snippet},
+     hits},
 }};
 
 const Report& reportNamed(const Request& request) {

@@ -11,6 +11,17 @@
 #include "server/front/vocabulary.h"
 
 namespace corvaned {
+namespace {
+
+// Names of metadata begin with a letter, so the mark of the descending order is not part of one.
+bool isMetadataName(std::string_view name) {
+  const auto isLetter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
+  return !name.empty() && isLetter(name.front()) &&
+         std::all_of(name.begin(), name.end(),
+                     [&](char c) { return isLetter(c) || c == '_' || (c >= '0' && c <= '9'); });
+}
+
+}  // namespace
 
 void refuseValue(const Request& request, const std::string& name, const std::string& why) {
   throw ServerError(ErrorKind::BadParameter, "the parameter " + shown(name) + " is " +
@@ -53,6 +64,38 @@ bool chooses(const Request& request, const std::string& name, std::string_view f
   if (value == first) return true;
   if (value.empty() || value == second) return false;
   refuseValue(request, name, "not " + shown(first) + " or " + shown(second));
+}
+
+void readOrder(const Request& request, SearchQuery& query) {
+  std::string_view field = request.header(words().sortField);
+  if (field.empty() || field == words().byScore) return;
+  if (field == words().byKey) {
+    query.order = HitOrder::Key;
+  } else if (field == words().unsorted) {
+    query.order = HitOrder::Any;
+  } else {
+    query.order = HitOrder::Value;
+    query.descending = field.starts_with('-');
+    if (query.descending) field.remove_prefix(1);
+    query.sortBy = field;
+    if (isMetadataName(field)) return;
+    refuseValue(request, words().sortField,
+                "not " + shown(words().byScore) + ", " + shown(words().byKey) + ", " +
+                    shown(words().unsorted) +
+                    " or the name of metadata, with \"-\" before it for "
+                    "the descending order");
+  }
+}
+
+std::vector<std::string> listIn(std::string_view text) {
+  constexpr std::string_view kBetween = ", \t";
+  std::vector<std::string> list;
+  while (!text.empty()) {
+    const std::size_t end = std::min(text.find_first_of(kBetween), text.size());
+    if (end > 0) list.emplace_back(text.substr(0, end));
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
+  return list;
 }
 
 std::string keyIn(const Request& request, const std::string& name) {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "server/front/request.h"
+#include "server/store/store.h"
 
 namespace corvaned {
 
@@ -30,6 +31,12 @@ void readNumber(const Request& request, const std::string& name, std::uint64_t& 
 /// True if the parameter is `first`; false if it is `second` or missing. Refuses any other value.
 bool chooses(const Request& request, const std::string& name, std::string_view first,
              std::string_view second);
+
+/// The order of hits that a search asks for.
+void readOrder(const Request& request, SearchQuery& query);
+
+/// What stands apart by commas or blanks.
+std::vector<std::string> listIn(std::string_view text);
 
 /// The key that is written as replies name documents; empty if the parameter is missing.
 std::string keyIn(const Request& request, const std::string& name);

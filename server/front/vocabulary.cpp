@@ -40,6 +40,8 @@ void addNames(Words& words) {
   words.exactHits = "exactHits";
   words.report = "report";
   words.every = "every";
+  words.values = "values";
+  words.snippet = "snippet";
   words.language = utf8(Defs::PARAM_LANGUAGE);
   words.refresh = "refresh";
   words.batch = "batch";
@@ -97,6 +99,7 @@ void addValues(Words& words) {
   words.collectionReport = "collection";
   words.countReport = "count";
   words.digestReport = "digest";
+  words.hitsReport = "hits";
   words.all = "all";
   words.marked = "marked";
   words.actionUnknown = utf8(Defs::ACT_UNKNOWN);

@@ -579,6 +579,11 @@ void Collection::visit(const SearchQuery& query, const Store::DocumentVisitor& t
   index_.visit(query, hidden(), take);
 }
 
+std::vector<HitDetails> Collection::details(const SearchQuery& query, const DetailsWanted& wanted) {
+  requireActive();
+  return index_.details(query, wanted, hidden());
+}
+
 CollectionSummary Collection::summary() {
   requireActive();
   CollectionSummary summary = index_.summary();

@@ -89,6 +89,7 @@ class Collection {
   Estimate estimate(const std::string& query, std::uint64_t exactHits);
   std::uint64_t count(const SearchQuery& query);
   void visit(const SearchQuery& query, const Store::DocumentVisitor& take);
+  std::vector<HitDetails> details(const SearchQuery& query, const DetailsWanted& wanted);
   CollectionState state() const;
   CollectionSummary summary();
 

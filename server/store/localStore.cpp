@@ -247,6 +247,11 @@ void LocalStore::visit(const std::string& name, const SearchQuery& query,
   find(name)->visit(query, take);
 }
 
+std::vector<HitDetails> LocalStore::details(const std::string& name, const SearchQuery& query,
+                                            const DetailsWanted& wanted) {
+  return find(name)->details(query, wanted);
+}
+
 CollectionState LocalStore::state(const std::string& name) { return find(name)->state(); }
 
 CollectionSummary LocalStore::summary(const std::string& name) { return find(name)->summary(); }

@@ -73,6 +73,8 @@ class LocalStore : public Store {
   std::uint64_t count(const std::string& name, const SearchQuery& query) override;
   void visit(const std::string& name, const SearchQuery& query,
              const DocumentVisitor& take) override;
+  std::vector<HitDetails> details(const std::string& name, const SearchQuery& query,
+                                  const DetailsWanted& wanted) override;
   CollectionState state(const std::string& name) override;
   CollectionSummary summary(const std::string& name) override;
   std::vector<std::string> collections(const std::string& after, std::uint64_t most) override;

@@ -99,7 +99,7 @@ struct TextOptions {
   /// Whether metadata can only be searched if it is marked for that.
   bool onlyMarkedMetadata = false;
   /// What queries leave out.
-  std::vector<std::string> stopWords;
+  std::vector<std::string> stopWords{};
 
   bool operator==(const TextOptions&) const = default;
 };
@@ -118,6 +118,22 @@ struct CollectionSummary {
   /// Empty if it has none.
   std::string mark{};
   TextOptions options{};
+};
+
+/// What is to be told of hits.
+struct DetailsWanted {
+  /// Of metadata, without the marks that clients put in front of its names.
+  std::vector<std::string> names;
+  /// About how many bytes of a hit's text, where it has the words of the query; 0: nothing.
+  std::size_t snippetBytes = 0;
+};
+
+/// A hit, and what is stored of it. Long texts are cut.
+struct HitDetails {
+  Hit hit;
+  std::vector<std::pair<std::string, std::string>> values{};
+  /// HTML text in which the words of the query stand between <b> and </b>.
+  std::string snippet{};
 };
 
 /// The outcome of one queued document. If messageId is empty the document is stored.
@@ -287,6 +303,9 @@ class Store {
   using DocumentVisitor = std::function<void(const Document& document)>;
   virtual void visit(const std::string& name, const SearchQuery& query,
                      const DocumentVisitor& take) = 0;
+  /// The hits with what is to be told of them.
+  virtual std::vector<HitDetails> details(const std::string& name, const SearchQuery& query,
+                                          const DetailsWanted& wanted) = 0;
   virtual CollectionState state(const std::string& name) = 0;
   virtual CollectionSummary summary(const std::string& name) = 0;
   /// The first `most` of the collections whose names come after `after`, in byte order.

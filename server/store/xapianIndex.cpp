@@ -17,6 +17,7 @@
 #include "server/base/errors.h"
 #include "server/base/requestContext.h"
 #include "server/store/engineErrors.h"
+#include "server/store/hitTexts.h"
 #include "server/store/indexRebuild.h"
 #include "server/store/indexWriter.h"
 #include "server/store/queryReader.h"
@@ -364,6 +365,12 @@ Xapian::Query withinKeys(const Xapian::Query& query, const SearchQuery& wanted) 
   return amongKeys(withinKeys(query, wanted.after, wanted.upTo), wanted.keys);
 }
 
+std::size_t bytesOf(const HitDetails& details) {
+  std::size_t bytes = details.hit.key.size() + details.snippet.size();
+  for (const auto& [name, value] : details.values) bytes += name.size() + value.size();
+  return bytes;
+}
+
 std::uint64_t saturatedSum(std::uint64_t a, std::uint64_t b) {
   return a > std::numeric_limits<std::uint64_t>::max() - b
              ? std::numeric_limits<std::uint64_t>::max()
@@ -424,31 +431,38 @@ class XapianIndex::Reader {
 
   void visit(const SearchQuery& query, const std::vector<std::string>& hidden,
              const IndexLimits& limits, const Store::DocumentVisitor& take) {
-    if (!analysis_.options().keepsText) {
-      throw ServerError(ErrorKind::UnsupportedAction,
-                        "the collection was created without the texts of its documents, so they "
-                        "cannot be read");
-    }
+    requireTexts();
     const auto found = search(query, hidden, limits);
     MemoryBudget::Share memory = shareOf(limits);
     for (Hit hit; found->next(hit);) {
-      spendOnText();
-      const std::string term = identityTerm(hit.key);
-      const Xapian::PostingIterator place = database_.postlist_begin(term);
-      if (place == database_.postlist_end(term)) continue;
-      const std::string data = database_.get_document(*place).get_data();
-      memory.force(kTextForms * data.size());
-      auto document = readDocument(hit.key, data);
-      if (!document) {
-        throw ServerError(ErrorKind::StorageFailed,
-                          "the text of the document " + shown(hit.key) + " cannot be read");
-      }
+      auto document = stored(hit.key, memory);
+      if (!document) continue;
       dropNotes(document->metadata);
       take(*document);
     }
   }
 
   bool contains(const std::string& key) const { return database_.term_exists(identityTerm(key)); }
+
+  std::vector<HitDetails> details(const SearchQuery& query, const DetailsWanted& wanted,
+                                  const std::vector<std::string>& hidden,
+                                  const IndexLimits& limits) {
+    if (wanted.snippetBytes > 0) requireTexts();
+    const auto found = search(query, hidden, limits);
+    Snippets snippets(database_, analysis_, wordsOf(query, IndexNames(database_), limits));
+    MemoryBudget::Share memory = shareOf(limits);
+    MemoryBudget::Share result = shareOf(limits);
+    std::vector<HitDetails> details;
+    for (Hit hit; found->next(hit);) {
+      const auto document = stored(hit.key, memory);
+      if (!document) continue;
+      HitDetails& each = details.emplace_back(HitDetails{hit});
+      each.values = valuesIn(*document, wanted.names);
+      if (wanted.snippetBytes > 0) each.snippet = snippets.of(*document, wanted.snippetBytes);
+      result.force(result.bytes() + bytesOf(each));
+    }
+    return details;
+  }
 
   CollectionSummary summary() const {
     CollectionSummary summary;
@@ -474,6 +488,28 @@ class XapianIndex::Reader {
   }
 
  private:
+  void requireTexts() const {
+    if (analysis_.options().keepsText) return;
+    throw ServerError(ErrorKind::UnsupportedAction,
+                      "the collection was created without the texts of its documents, so they "
+                      "cannot be read");
+  }
+
+  // Nothing if the document has gone since it was found. `memory` has room for the one that was
+  // read last.
+  std::optional<Document> stored(const std::string& key, MemoryBudget::Share& memory) const {
+    spendOnText();
+    const std::string term = identityTerm(key);
+    const Xapian::PostingIterator place = database_.postlist_begin(term);
+    if (place == database_.postlist_end(term)) return std::nullopt;
+    const std::string data = database_.get_document(*place).get_data();
+    memory.force(kTextForms * data.size());
+    auto document = readDocument(key, data);
+    if (document) return document;
+    throw ServerError(ErrorKind::StorageFailed,
+                      "the text of the document " + shown(key) + " cannot be read");
+  }
+
   Xapian::Query wordsOf(const SearchQuery& query, const IndexNames& names,
                         const IndexLimits& limits) const {
     if (query.everything) return Xapian::Query(std::string());
@@ -814,6 +850,14 @@ void XapianIndex::visit(SearchQuery query, const std::vector<std::string>& hidde
 bool XapianIndex::contains(const std::string& key) {
   return translated(
       [&] { return Lease(*this).run([&](Reader& reader) { return reader.contains(key); }); });
+}
+
+std::vector<HitDetails> XapianIndex::details(const SearchQuery& query, const DetailsWanted& wanted,
+                                             const std::vector<std::string>& hidden) {
+  return translated([&] {
+    return Lease(*this).run(
+        [&](Reader& reader) { return reader.details(query, wanted, hidden, limits_); });
+  });
 }
 
 CollectionSummary XapianIndex::summary() {

@@ -85,6 +85,9 @@ class XapianIndex {
              const Store::DocumentVisitor& take);
   /// Whether it has a document of that key.
   bool contains(const std::string& key);
+  /// The hits with what is to be told of them.
+  std::vector<HitDetails> details(const SearchQuery& query, const DetailsWanted& wanted,
+                                  const std::vector<std::string>& hidden);
   /// What the database knows of it.
   CollectionSummary summary();
 

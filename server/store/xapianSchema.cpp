@@ -177,17 +177,6 @@ void IndexNames::storeIn(Xapian::WritableDatabase& database) {
 
 namespace {
 
-// XML that cannot be read is refused when it comes. But it may be older than what reads it now, and
-// must not hold up all other documents.
-std::string wordsIn(const Document& document) {
-  const TextType type = formNotedIn(document.metadata).type;
-  try {
-    return textOf(document.content, type);
-  } catch (const ServerError&) {
-    return textOf(document.content, TextType::Html);
-  }
-}
-
 /// Makes the words of a document.
 class Indexing {
  public:
@@ -253,7 +242,7 @@ std::string dataOf(const Document& document, const TextOptions& options) {
 Xapian::Document makeDocument(const Document& document, const TextAnalysis& analysis,
                               IndexNames& names) {
   Indexing indexing(document, analysis, names);
-  indexing.addContent(wordsIn(document));
+  indexing.addContent(readableText(document));
   for (const auto& [name, value] : document.metadata) indexing.addMetadata(name, value);
   Xapian::Document result = indexing.finished();
   result.add_boolean_term(identityTerm(document.key));
@@ -261,6 +250,19 @@ Xapian::Document makeDocument(const Document& document, const TextAnalysis& anal
   result.set_data(dataOf(document, analysis.options()));
   return result;
 }
+
+// XML that cannot be read is refused when it comes. But it may be older than what reads it now, and
+// must not hold up all other documents.
+std::string readableText(const Document& document) {
+  const TextType type = formNotedIn(document.metadata).type;
+  try {
+    return textOf(document.content, type);
+  } catch (const ServerError&) {
+    return textOf(document.content, TextType::Html);
+  }
+}
+
+std::string unmarkedName(const std::string& name) { return unmarked(name).name; }
 
 std::optional<Document> readDocument(const std::string& key, const std::string& data) {
   ByteReader reader(data);

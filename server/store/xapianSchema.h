@@ -82,6 +82,12 @@ class IndexNames {
   std::size_t storedLanguages_ = 0;
 };
 
+/// What a reader sees of a stored document.
+std::string readableText(const Document& document);
+
+/// A metadata name without the marks that clients put in front of it.
+std::string unmarkedName(const std::string& name);
+
 /// The document that makeDocument() stored with this key. Nothing if the data is not of that form.
 std::optional<Document> readDocument(const std::string& key, const std::string& data);
 

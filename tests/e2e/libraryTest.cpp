@@ -250,7 +250,7 @@ TEST_P(Library, KeepsWhatIsChosenForACollection) {
   const Answer report = send(ClientRequest::PARSE_RESULT, {{"report", "collection"}});
   ASSERT_THAT(report.parsed, SizeIs(1)) << report;
   EXPECT_THAT(report.parsed[0].messageText,
-              EndsWith(" storeText=false storePositions=false stopWords=2"));
+              HasSubstr(" storeText=false storePositions=false stopWords=2 "));
 }
 
 TEST_P(Library, DeletesDocumentsAtOnce) {
@@ -593,6 +593,24 @@ TEST_P(Library, DeletesOnlyWhatExistsIfItIsToldSo) {
   };
   expectSuccess(deletion("k1"));
   expectRefused(deletion("k1"), "ZVK0034E", "k1");
+}
+
+TEST_P(Library, TellsWhatIsStoredOfHits) {
+  add("k1", "a red fox", {{u"title", u"Reynard"}, {u"[sortable]year", u"1481"}});
+  add("k2", "a hen");
+  update();
+  const Answer answer =
+      send(ClientRequest::PARSE_RESULT,
+           {{"report", "hits"}, {"query", "fox"}, {"values", "title,year"}, {"snippet", "50"}});
+  expectSuccess(answer);
+  std::vector<std::string> told;
+  for (const Parsed& line : answer.parsed) {
+    EXPECT_EQ(line.document, docIdOf("k1"));
+    EXPECT_EQ(line.level, 8);
+    told.push_back(line.messageId + " " + line.messageText);
+  }
+  EXPECT_THAT(told, ElementsAre("ZVK0104I score=1.000", "ZVK0105I title=Reynard",
+                                "ZVK0105I year=1481", "ZVK0106I a red <b>fox</b>"));
 }
 
 TEST_P(Library, CountsHits) {

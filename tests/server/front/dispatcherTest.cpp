@@ -140,6 +140,11 @@ TEST_F(DispatcherTest, XmlThatCannotBeReadIsRefusedWithItsPlace) {
   expectIs<NoReply>(handle(add, block));
 }
 
+TEST_F(DispatcherTest, WhatTakesThePlaceOfAConfigurationIsTold) {
+  EXPECT_THAT(error({{"action", "setConstructorConfiguration"}, {"index", "c"}}),
+              AllOf(HasSubstr("ZVK0004E"), HasSubstr("createCollection")));
+}
+
 TEST_F(DispatcherTest, CollectionMayBeNamedByItsDisplayName) {
   EXPECT_CALL(store_, openCollection("c"));
   expectIs<DoneReply>(handle({{"action", "openCollection"}, {"collectionName", "c"}}));
@@ -389,7 +394,7 @@ TEST_F(DispatcherTest, ParametersThatMakeNoSenseAreNamed) {
       {"size", "1.5"},         {"resultLimit", "1 "},
       {"mode", "selectivity"}, {"scoreWanted", "yes"},
       {"scoreType", "best"},   {"size", "18446744073709551616"},
-      {"sortField", "1st"},   {"after", "k1"},
+      {"sortField", "1st"},    {"after", "k1"},
       {"after", "base64:"},    {"upTo", "base64:a"}};
   for (const auto& [name, value] : cases) {
     test::Headers headers = search;

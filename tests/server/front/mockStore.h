@@ -45,6 +45,8 @@ class MockStore : public Store {
   MOCK_METHOD(CollectionSummary, summary, (const std::string&), (override));
   MOCK_METHOD(std::vector<std::string>, collections, (const std::string&, std::uint64_t),
               (override));
+  MOCK_METHOD(std::vector<HitDetails>, details,
+              (const std::string&, const SearchQuery&, const DetailsWanted&), (override));
   MOCK_METHOD(CollectionState, state, (const std::string&), (override));
 };
 

@@ -178,6 +178,18 @@ std::vector<Row> rows() {
                             {"size", {{"0", "1000"}, "1001"}},
                             {"every", kNumber}},
        "digest"},
+      {"getParseResult",
+       {{"index", "c"}, {"report", "hits"}, {"query", "c"}},
+       inCollection + query +
+           Group{{"report", {{"hits"}, "all"}},
+                 {"after", kKey},
+                 {"upTo", kKey},
+                 {"sortField", {{"SCORE", "KEY", "-year"}, "1st"}},
+                 {"start", kNumber},
+                 {"size", {{"0", "100"}, "101"}},
+                 {"values", {{"title", "title, year"}, ""}},
+                 {"snippet", {{"0", "4096"}, "4097"}}},
+       "hits"},
       {"getStatus", named, inCollection},
       {"getServerVersion",
        {},
@@ -200,7 +212,7 @@ std::set<std::string> allNames() {
                               "expectedMark",   "newMark",   "mustExist",
                               "client",         "keys",      "storeText",
                               "storePositions", "stemming",  "searchableMetadata",
-                              "stopWords"};
+                              "values",         "snippet",   "stopWords"};
   for (const icu::UnicodeString* name : {&StaticDefs::PARAM_COLLECTION_ID,
                                          &StaticDefs::PARAM_DOCUMENT_ID,
                                          &StaticDefs::PARAM_ROWID,

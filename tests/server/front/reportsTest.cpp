@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,7 @@ namespace {
 
 using ::testing::_;
 using ::testing::AllOf;
+using ::testing::ElementsAre;
 using ::testing::Field;
 using ::testing::HasSubstr;
 using ::testing::Return;
@@ -83,6 +85,61 @@ TEST_F(ReportsTest, OneCollectionIsToldOrRefused) {
   ASSERT_EQ(told.size(), 1U);
   EXPECT_EQ(told[0].messageText, "documents=1 pending=2 bytes=3 language=de refresh=250 mark=none");
   EXPECT_EQ(error(request), "ZVK0014E the file x is damaged");
+}
+
+TEST_F(ReportsTest, OptionsOfACollectionAreToldUnlessTheyAreAsUsual) {
+  CollectionSummary summary{1, 2, 3, "de"};
+  summary.options = {false, false, false, true, {"der", "die"}};
+  EXPECT_CALL(store_, summary("a")).WillOnce(Return(summary));
+  const std::vector<Line> told = lines({{"report", "collection"}, {"index", "a"}});
+  ASSERT_EQ(told.size(), 1U);
+  EXPECT_EQ(told[0].messageText,
+            "documents=1 pending=2 bytes=3 language=de storeText=false storePositions=false "
+            "stemming=false searchableMetadata=marked stopWords=2 refresh= mark=none");
+}
+
+TEST_F(ReportsTest, HitsAreToldWithWhatIsStoredOfThem) {
+  SearchQuery seen;
+  DetailsWanted wanted;
+  EXPECT_CALL(store_, details("a", ::testing::_, ::testing::_))
+      .WillOnce(::testing::DoAll(
+          ::testing::SaveArg<1>(&seen), ::testing::SaveArg<2>(&wanted),
+          Return(std::vector<HitDetails>{
+              {{"k1", 532}, {{"year", "1851"}, {"title", "a=b"}}, "a <b>fox</b>"}, {{"k2", 7}}})));
+  const std::vector<Line> told = lines({{"report", "hits"},
+                                        {"index", "a"},
+                                        {"query", "fox"},
+                                        {"start", "3"},
+                                        {"size", "2"},
+                                        {"values", "year, title"},
+                                        {"snippet", "80"}});
+  EXPECT_EQ(seen.text, "fox");
+  EXPECT_EQ(seen.order, HitOrder::Score);
+  EXPECT_EQ(seen.start, 3U);
+  EXPECT_EQ(seen.size, 2U);
+  EXPECT_THAT(wanted.names, ElementsAre("year", "title"));
+  EXPECT_EQ(wanted.snippetBytes, 80U);
+  const std::vector<std::array<std::string, 3>> expected{
+      {"base64:azE=", "ZVK0104I", "score=0.532"},
+      {"base64:azE=", "ZVK0105I", "year=1851"},
+      {"base64:azE=", "ZVK0105I", "title=a=b"},
+      {"base64:azE=", "ZVK0106I", "a <b>fox</b>"},
+      {"base64:azI=", "ZVK0104I", "score=0.007"}};
+  ASSERT_EQ(told.size(), expected.size());
+  for (std::size_t i = 0; i < told.size(); ++i) {
+    EXPECT_EQ((std::array{told[i].subject, told[i].messageId, told[i].messageText}), expected[i]);
+  }
+}
+
+TEST_F(ReportsTest, HitsNeedAQueryOnlyWhereTheyHaveScores) {
+  EXPECT_THAT(error({{"report", "hits"}, {"index", "a"}}), HasSubstr("\"query\""));
+  SearchQuery seen;
+  EXPECT_CALL(store_, details("a", ::testing::_, ::testing::_))
+      .WillOnce(::testing::DoAll(::testing::SaveArg<1>(&seen), Return(std::vector<HitDetails>{})));
+  EXPECT_TRUE(lines({{"report", "hits"}, {"index", "a"}, {"sortField", "-year"}}).empty());
+  EXPECT_TRUE(seen.everything);
+  EXPECT_EQ(seen.sortBy, "year");
+  EXPECT_EQ(seen.size, 10U);
 }
 
 TEST_F(ReportsTest, CollectionsComeInPages) {

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <xapian.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "server/store/store.h"
+#include "server/store/textAnalysis.h"
+
+namespace corvaned {
+
+/// The values of metadata with these names, in the document's order; long ones are cut.
+std::vector<std::pair<std::string, std::string>> valuesIn(const Document& document,
+                                                          const std::vector<std::string>& names);
+
+/// Parts of texts that show why a query finds them.
+class Snippets {
+ public:
+  /// The database and the analysis must outlive it.
+  Snippets(const Xapian::Database& database, const TextAnalysis& analysis,
+           const Xapian::Query& query);
+
+  /// About so many bytes of the document's text, with the words of the query between <b> and </b>.
+  /// Everything else is escaped as HTML text.
+  std::string of(const Document& document, std::size_t bytes) const;
+
+ private:
+  const TextAnalysis& analysis_;
+  Xapian::MSet matches_;
+};
+
+}  // namespace corvaned

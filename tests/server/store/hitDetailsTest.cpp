@@ -1,0 +1,149 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "server/base/documentForm.h"
+#include "server/base/errors.h"
+#include "server/base/memoryBudget.h"
+#include "server/store/localStore.h"
+#include "tests/support/temporaryDirectory.h"
+
+namespace corvaned {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::Pair;
+using ::testing::SizeIs;
+
+class HitDetailsTest : public ::testing::Test {
+ protected:
+  void create(const TextOptions& options = {}) { store_.createCollection("c", "en", {}, options); }
+
+  void add(const std::string& key, const std::string& text, Metadata metadata = {},
+           const DocumentForm& form = {}) {
+    noteForm(metadata, form);
+    store_.addDocument("c", {key, std::move(metadata), text});
+  }
+
+  std::vector<HitDetails> details(const std::string& text, const DetailsWanted& wanted) {
+    SearchQuery query;
+    query.text = text;
+    query.size = 10;
+    return store_.details("c", query, wanted);
+  }
+
+  std::string snippet(const std::string& query, std::size_t bytes) {
+    const auto found = details(query, {{}, bytes});
+    return found.size() == 1 ? found.front().snippet : std::to_string(found.size()) + " hits";
+  }
+
+  tq::test::TemporaryDirectory directory_;
+  std::shared_ptr<MemoryBudget> memory_ = std::make_shared<MemoryBudget>(std::size_t{64} << 20U);
+  LocalStore store_{directory_.path() / "data", [&] {
+                      StoreLimits limits;
+                      limits.index.memory = memory_;
+                      return limits;
+                    }()};
+};
+
+TEST_F(HitDetailsTest, AreOfTheHitsInTheirOrder) {
+  create();
+  add("a", "fox and much else besides");
+  add("b", "fox");
+  add("c", "hen");
+  store_.updateIndex("c");
+  SearchQuery query;
+  query.text = "fox";
+  const auto hits = store_.search("c", query);
+  const auto found = details("fox", {});
+  ASSERT_THAT(found, SizeIs(2));
+  for (const HitDetails& each : found) {
+    Hit hit;
+    ASSERT_TRUE(hits->next(hit));
+    EXPECT_EQ(each.hit.key, hit.key);
+    EXPECT_EQ(each.hit.milliScore, hit.milliScore);
+    EXPECT_THAT(each.values, IsEmpty());
+    EXPECT_EQ(each.snippet, "");
+  }
+}
+
+TEST_F(HitDetailsTest, HaveTheValuesOfTheNamesThatAreWanted) {
+  create();
+  add("a", "fox",
+      {{"[sortable]year", "1851"}, {"title", "A"}, {"Indexable:title", "B"}, {"a b", "c"}},
+      {TextType::Html, "de"});
+  store_.updateIndex("c");
+  const auto values = [&](const std::vector<std::string>& names) {
+    return details("fox", {names, 0}).front().values;
+  };
+  EXPECT_THAT(values({"title", "year", "nothing"}),
+              ElementsAre(Pair("year", "1851"), Pair("title", "A"), Pair("title", "B")));
+  EXPECT_THAT(values({"a b"}), ElementsAre(Pair("a b", "c")));
+  EXPECT_THAT(values({std::string("\0docType", 8), "Title", ""}), IsEmpty());
+}
+
+TEST_F(HitDetailsTest, LongAndManyValuesAreCut) {
+  create();
+  Metadata metadata{{"long", std::string(1, 'x')}};
+  for (int i = 0; i < 2000; ++i) metadata.front().second += "\u00e9";
+  for (int i = 0; i < 100; ++i) metadata.emplace_back("many", std::to_string(i));
+  add("a", "fox", metadata);
+  store_.updateIndex("c");
+  const auto found = details("fox", {{"long", "many"}, 0});
+  ASSERT_THAT(found.front().values, SizeIs(16));
+  EXPECT_EQ(found.front().values[0].second, metadata.front().second.substr(0, 2047));
+}
+
+TEST_F(HitDetailsTest, SnippetsShowTheWordsOfTheQuery) {
+  create();
+  std::string text;
+  for (int i = 0; i < 500; ++i) text += "filler" + std::to_string(i) + " ";
+  add("a", text + "where the quick <foxes> & hens run about. " + text);
+  store_.updateIndex("c");
+  const std::string shown = snippet("fox", 100);
+  EXPECT_THAT(shown, AllOf(HasSubstr("&lt;<b>foxes</b>&gt; &amp; hens"), HasSubstr("...")));
+  EXPECT_LT(shown.size(), 300U);
+  EXPECT_THAT(snippet("\"quick foxes\"", 100), HasSubstr("<b>quick &lt;foxes</b>"));
+}
+
+TEST_F(HitDetailsTest, SnippetsAreOfWhatAReaderSees) {
+  create();
+  add("a", "<p class=fox>H\u00e4user", {}, {TextType::Html, "de"});
+  store_.updateIndex("c");
+  EXPECT_THAT(snippet("Haus", 100), AllOf(HasSubstr("<b>H\u00e4user</b>"), Not(HasSubstr("fox"))));
+}
+
+TEST_F(HitDetailsTest, NeedTextsOnlyForSnippets) {
+  TextOptions options;
+  options.keepsText = false;
+  create(options);
+  add("a", "fox", {{"title", "A"}});
+  store_.updateIndex("c");
+  EXPECT_THAT(details("fox", {{"title"}, 0}).front().values, ElementsAre(Pair("title", "A")));
+  try {
+    snippet("fox", 10);
+    ADD_FAILURE() << "not refused";
+  } catch (const ServerError& error) {
+    EXPECT_EQ(error.kind(), ErrorKind::UnsupportedAction);
+  }
+}
+
+TEST_F(HitDetailsTest, GiveTheirMemoryBack) {
+  create();
+  add("a", "fox", {{"title", "A"}});
+  store_.updateIndex("c");
+  details("fox", {{"title"}, 100});
+  const std::size_t idle = memory_->used();
+  details("fox", {{"title"}, 100});
+  EXPECT_EQ(memory_->used(), idle);
+}
+
+}  // namespace
+}  // namespace corvaned
