@@ -108,6 +108,12 @@ class EmptyStore : public corvaned::Store {
     return {1, 2, 1};
   }
   void updateIndex(const std::string& name) override { named(name); }
+  void backup(const std::string& backup, const std::string&) override { named(backup); }
+  void restore(const corvaned::Restoration& restoration) override {
+    named(restoration.backup);
+    require(restoration.from.empty() || !restoration.collection.empty(),
+            "what is restored from another collection has a name");
+  }
   std::vector<corvaned::ParseOutcome> takeParseOutcomes(const std::string& name,
                                                         const std::string&) override {
     named(name);

@@ -51,6 +51,7 @@ struct Options {
   std::string users;
   bool openToEverybody = false;
   std::string data;
+  std::optional<std::string> backups;
   std::string portFile;
   std::string logLevel = "info";
   std::string faultScript;
@@ -75,6 +76,8 @@ void declareOptions(CLI::App& app, Options& options) {
                     "port of the binary protocol, 0: any free");
   ports->require_option(1, 2);
   app.add_option("--data", options.data, "directory that holds the collections")->required();
+  app.add_option("--backup-directory", options.backups,
+                 "directory where backups are made and looked for; without it they are refused");
   app.add_option("--listen", options.server.listen,
                  "numeric address to listen on; beyond this machine it needs --users")
       ->capture_default_str();
@@ -289,7 +292,7 @@ void reload(const Options& options, const std::function<Options()>& again) {
 
 void serve(const Options& options, const std::function<Options()>& again) {
   const sigset_t signals = blockStopSignals();
-  LocalStore store(options.data, options.store);
+  LocalStore store(options.data, options.store, options.backups);
   closeToOthers(options.data);
   // Requests end the server as an operator does.
   Dispatcher dispatcher(store, KRUCOMM_VERSION, [] { ::kill(::getpid(), SIGTERM); });

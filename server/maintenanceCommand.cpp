@@ -157,10 +157,9 @@ int repair(const Arguments& arguments) {
 }
 
 CLI::App* declare(CLI::App& app, const std::string& name, const std::string& help,
-                  Arguments& arguments, bool needsCollection) {
+                  const std::string& place, Arguments& arguments, bool needsCollection) {
   CLI::App* command = app.add_subcommand(name, help);
-  command->add_option("DIR", arguments.directory, "the data directory of a server that is stopped")
-      ->required();
+  command->add_option("DIR", arguments.directory, place)->required();
   auto* collection = command->add_option("COLLECTION", arguments.collection, "the collection");
   if (needsCollection) collection->required();
   command->add_flag("--json", arguments.json, "print JSON");
@@ -179,9 +178,12 @@ int runMaintenanceCommand(int argc, char** argv) {
       "Exit codes: 0 sound, or repaired without a loss; 1 failed; 2 wrong arguments; "
       "3 damaged, or repaired with losses");
   Arguments arguments;
-  const CLI::App* checking = declare(
-      app, "check", "say whether collections are damaged; change nothing", arguments, false);
-  declare(app, "repair", "replace a damaged collection by what can be read of it", arguments, true)
+  const std::string data = "the data directory of a server that is stopped";
+  const CLI::App* checking =
+      declare(app, "check", "say whether collections are damaged; change nothing",
+              data + ", or a backup", arguments, false);
+  declare(app, "repair", "replace a damaged collection by what can be read of it", data, arguments,
+          true)
       ->footer("The damaged collection is kept in DIR/before-repair.");
   app.require_subcommand(1);
   try {

@@ -13,8 +13,8 @@ namespace corvaned {
 /// client that wanted it. Long work calls spend() or check() at every step and lets their exception
 /// pass.
 ///
-/// Belongs to the thread that serves the request, except for cancelAt().
-class RequestContext {
+/// Belongs to the thread that serves the request, except for cancelAt() and check().
+class RequestContext : public std::enable_shared_from_this<RequestContext> {
  public:
   using Clock = std::chrono::steady_clock;
 
@@ -30,7 +30,7 @@ class RequestContext {
   /// From any thread: the client has gone, and nothing more is to be done after that time.
   void cancelAt(Clock::time_point time);
 
-  /// Throws ServerError if the work has to end.
+  /// From any thread: throws ServerError if the work has to end.
   void check() const;
   /// The same, for so many steps of work.
   void spend(std::uint64_t steps) {

@@ -278,6 +278,24 @@ Reply parseResult(const Service& service, Request& request) {
   return batchOutcome(service, request);
 }
 
+Reply backup(const Service& service, Request& request) {
+  service.store.backup(require(request, words().backup), std::string(collectionNamedBy(request)));
+  return DoneReply{};
+}
+
+Reply restore(const Service& service, Request& request) {
+  Restoration restoration;
+  restoration.backup = require(request, words().backup);
+  restoration.collection = collectionNamedBy(request);
+  restoration.from = request.header(words().from);
+  if (!restoration.from.empty() && restoration.collection.empty()) {
+    refuseValue(request, words().from, "but the request does not name what it is to become");
+  }
+  restoration.replace = chooses(request, words().replace, words().yes, words().no);
+  service.store.restore(restoration);
+  return DoneReply{};
+}
+
 // A collection that cannot be opened has a status, too.
 Reply status(const Service& service, Request& request) {
   if (collectionNamedBy(request).empty()) return StatusReply{};
@@ -430,6 +448,8 @@ constexpr std::array<Parameter, 13> kReport{{{&Words::report},
                                              {&Words::start},
                                              {&Words::values},
                                              {&Words::snippet}}};
+constexpr std::array<Parameter, 1> kBackup{{{&Words::backup}}};
+constexpr std::array<Parameter, 3> kRestore{{{&Words::backup}, {&Words::from}, {&Words::replace}}};
 // Actions that are about a collection or about all.
 constexpr std::array<Parameter, 3> kEitherWay{
     {{&Words::collection}, {&Words::collectionName}, {&Words::scope, kEitherScope}}};
@@ -499,8 +519,8 @@ constexpr std::array<Action, 19> kActions{{
     {"getParseResult", Workload::Write, kAlways, Right::Write, {kEitherWay, kReport}, parseResult},
     {"getStatus", Workload::Status, kAlways, Right::Read, {kEitherWay}, status},
     {"getServerVersion", Workload::Status, kAlways, Right::Read, {kVersion}, version},
-    {"backup", Workload::Status, kAlways, Right::Admin, {}, notSupported},
-    {"restore", Workload::Status, kAlways, Right::Admin, {}, notSupported},
+    {"backup", Workload::Index, kAlways, Right::Admin, {kEitherWay, kBackup}, backup, false},
+    {"restore", Workload::Index, kAlways, Right::Admin, {kEitherWay, kRestore}, restore, false},
     {"takeover", Workload::Status, kAlways, Right::Admin, {}, notSupported},
     {"shutdown", Workload::Status, kAlways, Right::Admin, {kServer}, shutDown},
     {kConfiguration, Workload::Status, kAlways, Right::Admin, {}, notSupported},

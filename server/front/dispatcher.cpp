@@ -42,6 +42,13 @@ bool isFailure(std::string_view id) {
          id == messageId(ErrorKind::DocumentsNotIndexed) || id == messageId(ErrorKind::Internal);
 }
 
+[[noreturn]] void forbid(const Identity& identity, const Action& action,
+                         std::optional<std::string_view> collection) {
+  throw ServerError(ErrorKind::Forbidden,
+                    identity.name() + " may not use the action " + shown(action.name) + " on " +
+                        (collection ? "the collection " + shown(*collection) : "the whole server"));
+}
+
 // Requests without a reply come in rows, and of a row only the whole can be timed by its arrival.
 RequestContext::Clock::time_point arrivalOf(const Action* action) {
   const RequestContext* context = RequestContext::current();
@@ -62,15 +69,15 @@ Workload Dispatcher::workload(std::string_view name, bool report) {
 void Dispatcher::permit(const Request& request, const Identity& identity) {
   const Action* action = actionOf(request);
   if (!action) return;
+  // Who restores a collection from another one's backup can then read that.
+  const std::string_view from = request.header(words().from);
+  if (!from.empty() && !identity.may(action->needs, from)) forbid(identity, *action, from);
   const std::string_view collection = collectionNamedBy(request);
   const bool report = makesReports(*action) && !request.header(words().report).empty();
   const Right needs = report ? Right::Read : action->needs;
   if (collection.empty() && needs == Right::Read && !report) return;
   const auto scope = collection.empty() ? std::nullopt : std::optional(collection);
-  if (identity.may(needs, scope)) return;
-  throw ServerError(ErrorKind::Forbidden,
-                    identity.name() + " may not use the action " + shown(action->name) + " on " +
-                        (scope ? "the collection " + shown(collection) : "the whole server"));
+  if (!identity.may(needs, scope)) forbid(identity, *action, scope);
 }
 
 bool Dispatcher::isReady(const Request& request) const {

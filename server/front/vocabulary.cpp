@@ -55,6 +55,9 @@ void addNames(Words& words) {
   words.stemming = "stemming";
   words.searchableMetadata = "searchableMetadata";
   words.stopWords = "stopWords";
+  words.backup = "backup";
+  words.from = "from";
+  words.replace = "replace";
   words.documentType = utf8(Defs::PARAM_DOCUMENT_TYPE);
   words.knownDocumentType = utf8(Defs::PARAM_KNOWN_DOCUMENT_TYPE);
   words.charset = utf8(Defs::PARAM_CHARSET);

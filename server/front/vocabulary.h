@@ -18,7 +18,7 @@ struct Words {
   std::string implementationVersion, supportedServerVersions, versionsSeparator, buildSeparator;
   // Of this server only.
   std::string refresh, batch, expectedMark, newMark, mustExist, client, keys, storeText,
-      storePositions, stemming, searchableMetadata, stopWords;
+      storePositions, stemming, searchableMetadata, stopWords, backup, from, replace;
   // Values.
   std::string modeScalar, modeStreaming, modeSelectivity, yes, no, defaultLanguage, english,
       americanEnglish, protocol11, formatRdx, collectionScope, systemScope, text, html, xml,

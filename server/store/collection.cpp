@@ -612,6 +612,19 @@ bool Collection::close() {
   return true;
 }
 
+std::uint64_t Collection::indexRevision() const { return index_.revision(); }
+
+JournalExtent Collection::journalExtent() const { return journal_.extent(); }
+
+void Collection::holdStill(const std::function<void()>& copyIndex,
+                           const std::function<void(const JournalExtent& journal)>& copyRest) {
+  const std::lock_guard step(stepMutex_);
+  requireActive();
+  copyIndex();
+  const std::unique_lock gate(gate_);
+  copyRest(journal_.extent());
+}
+
 void Collection::retire() {
   {
     const std::unique_lock gate(gate_);

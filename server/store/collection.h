@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -119,6 +120,15 @@ class Collection {
   /// else may be called at the same time.
   bool close();
 
+  /// What whoever copies the collection's files has to know of them. They change meanwhile.
+  std::uint64_t indexRevision() const;
+  JournalExtent journalExtent() const;
+  /// Calls `copyIndex` between two steps of indexing, so that the index does not change, and then
+  /// `copyRest` while nothing of the collection changes, not even by a change that comes.
+  void holdStill(const std::function<void()>& copyIndex,
+                 const std::function<void(const JournalExtent& journal)>& copyRest);
+
+  bool isRetired() const { return retired_; }
   /// Makes all further operations fail, and returns when no operation changes the directory any
   /// more. An update that is under way ends between two documents.
   void retire();

@@ -1,6 +1,8 @@
 #include "server/store/files.h"
 
 #include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -58,6 +60,42 @@ void syncFile(const FileHandle& file, const std::filesystem::path& path) {
 void syncDirectory(const std::filesystem::path& path) {
   const FileHandle directory = openFile(path, O_RDONLY | O_DIRECTORY);
   if (::fsync(directory.get()) != 0) throwSystemError("cannot bring to disk", path);
+}
+
+void syncTree(const std::filesystem::path& directory) {
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
+    if (entry.is_directory()) {
+      syncDirectory(entry.path());
+    } else {
+      syncFile(openFile(entry.path(), O_RDONLY), entry.path());
+    }
+  }
+  syncDirectory(directory);
+}
+
+void makeDirectory(const std::filesystem::path& path) {
+  if (::mkdir(path.c_str(), S_IRWXU) != 0) throwSystemError("cannot create", path);
+}
+
+std::string readAt(const FileHandle& file, std::uint64_t place, std::size_t count,
+                   const std::filesystem::path& path) {
+  std::string bytes(count, '\0');
+  std::size_t held = 0;
+  while (held < count) {
+    const ssize_t got =
+        ::pread(file.get(), bytes.data() + held, count - held, static_cast<off_t>(place + held));
+    if (got < 0 && errno != EINTR) throwSystemError("cannot read", path);
+    if (got == 0) break;
+    if (got > 0) held += static_cast<std::size_t>(got);
+  }
+  bytes.resize(held);
+  return bytes;
+}
+
+void exchange(const std::filesystem::path& a, const std::filesystem::path& b) {
+  if (::renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE) != 0) {
+    throwSystemError("cannot put " + a.string() + " in place of", b);
+  }
 }
 
 }  // namespace corvaned

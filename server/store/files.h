@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <string>
@@ -47,5 +48,18 @@ void syncFile(const FileHandle& file, const std::filesystem::path& path);
 
 /// Makes creations, renames and removals in a directory durable.
 void syncDirectory(const std::filesystem::path& path);
+
+/// Brings the directory and everything in it to disk.
+void syncTree(const std::filesystem::path& directory);
+
+/// Makes a directory that only its owner can enter. Throws as above, also if it exists.
+void makeDirectory(const std::filesystem::path& path);
+
+/// As many of the bytes from `place` on as there are. Throws as above.
+std::string readAt(const FileHandle& file, std::uint64_t place, std::size_t count,
+                   const std::filesystem::path& path);
+
+/// Lets two directories of one file system change places in one step.
+void exchange(const std::filesystem::path& a, const std::filesystem::path& b);
 
 }  // namespace corvaned

@@ -1,12 +1,12 @@
 #pragma once
 
 #include <cstddef>
-#include <functional>
 #include <memory>
 
 #include "server/base/descriptorBudget.h"
 #include "server/base/memoryBudget.h"
 #include "server/store/change.h"
+#include "server/store/stopCheck.h"
 
 namespace corvaned {
 
@@ -33,8 +33,5 @@ MemoryBudget::Share shareOf(const IndexLimits& limits);
 /// The size of a document and of a change, as they count for a batch.
 std::size_t bytesOf(const Document& document);
 std::size_t bytesOf(const Change& change);
-
-/// Called between changes; throws to end the work.
-using StopCheck = std::function<void()>;
 
 }  // namespace corvaned

@@ -18,34 +18,17 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::string_view kMagic = "KRS1";
-constexpr std::string_view kTableSuffix = ".glass";
 constexpr const char* kVersionFile = "iamglass";
-// That of the engine's tables. Each block begins with the revision that wrote it.
-constexpr std::size_t kBlock = 8192;
 constexpr std::size_t kRevisionBytes = 4;
-constexpr std::size_t kSlice = 128 * kBlock;
-
-/// As many of the bytes from `place` on as there are.
-std::string readAt(const FileHandle& file, std::uint64_t place, std::size_t count,
-                   const std::filesystem::path& path) {
-  std::string bytes(count, '\0');
-  std::size_t held = 0;
-  while (held < count) {
-    const ssize_t got =
-        ::pread(file.get(), bytes.data() + held, count - held, static_cast<off_t>(place + held));
-    if (got < 0 && errno != EINTR) throwSystemError("cannot read", path);
-    if (got == 0) break;
-    if (got > 0) held += static_cast<std::size_t>(got);
-  }
-  bytes.resize(held);
-  return bytes;
-}
+constexpr std::size_t kSlice = 128 * kTableBlock;
 
 std::string readWhole(const std::filesystem::path& path) {
   return readAt(openFile(path, O_RDONLY), 0, std::filesystem::file_size(path), path);
 }
 
-std::uint64_t blocksOf(std::uint64_t size) { return size / kBlock + (size % kBlock == 0 ? 0 : 1); }
+std::uint64_t blocksOf(std::uint64_t size) {
+  return size / kTableBlock + (size % kTableBlock == 0 ? 0 : 1);
+}
 
 void appendText(std::string& out, std::string_view text) {
   appendU32(out, static_cast<std::uint32_t>(text.size()));
@@ -56,15 +39,15 @@ std::uint32_t revisionOf(std::string_view block) {
   return block.size() < kRevisionBytes ? 0 : loadU32(block);
 }
 
-std::uint32_t revisionAt(const FileHandle& file, std::uint64_t place,
-                         const std::filesystem::path& path) {
+}  // namespace
+
+std::uint32_t blockRevisionAt(const FileHandle& file, std::uint64_t place,
+                              const std::filesystem::path& path) {
   std::array<char, kRevisionBytes> bytes{};
   const ssize_t got = ::pread(file.get(), bytes.data(), bytes.size(), static_cast<off_t>(place));
   if (got < 0) throwSystemError("cannot read", path);
   return revisionOf({bytes.data(), static_cast<std::size_t>(got)});
 }
-
-}  // namespace
 
 std::filesystem::path IndexSums::pathIn(const std::filesystem::path& collection) {
   return collection / "index-sums";
@@ -118,7 +101,7 @@ void IndexSums::decode(std::string_view bytes, const std::filesystem::path& path
 std::string IndexSums::encoded() const {
   std::string bytes(kMagic);
   appendU64(bytes, revision_);
-  appendU32(bytes, kBlock);
+  appendU32(bytes, kTableBlock);
   appendU32(bytes, static_cast<std::uint32_t>(files_.size()));
   for (const auto& [name, sums] : files_) {
     appendText(bytes, name);
@@ -133,14 +116,16 @@ std::string IndexSums::encoded() const {
   return bytes;
 }
 
-void IndexSums::verify(const Visitor& onDamage) {
+void IndexSums::verify(const Visitor& onDamage, const StopCheck& stop) {
   const Clock::time_point start = Clock::now();
-  for (const auto& [name, sums] : files_) verifyFile(name, sums, onDamage);
+  for (const auto& [name, sums] : files_) verifyFile(name, sums, onDamage, stop);
   verified_ = Clock::now();
   cost_ = verified_ - start;
 }
 
-void IndexSums::verify() { verify(throwDamaged); }
+void IndexSums::verify() {
+  verify(throwDamaged, [] {});
+}
 
 void IndexSums::verifyIfDue() {
   constexpr std::uint64_t kSmall = std::uint64_t{4} << 20U;
@@ -150,12 +135,12 @@ void IndexSums::verifyIfDue() {
   if (bytes <= kSmall || Clock::now() - verified_ >= kShareOfTime * cost_) verify();
 }
 
-void IndexSums::verifyFile(const std::string& name, const FileSums& sums,
-                           const Visitor& onDamage) const {
+void IndexSums::verifyFile(const std::string& name, const FileSums& sums, const Visitor& onDamage,
+                           const StopCheck& stop) const {
   const std::filesystem::path path = indexPath() / name;
   if (!std::filesystem::exists(path)) return onDamage({path, 0, "the file is missing"});
   if (name == kVersionFile) return verifyContent(path, sums, onDamage);
-  verifyBlocks(path, sums, onDamage);
+  verifyBlocks(path, sums, onDamage, stop);
 }
 
 void IndexSums::verifyContent(const std::filesystem::path& path, const FileSums& sums,
@@ -170,14 +155,17 @@ void IndexSums::verifyContent(const std::filesystem::path& path, const FileSums&
 }
 
 void IndexSums::verifyBlocks(const std::filesystem::path& path, const FileSums& sums,
-                             const Visitor& onDamage) const {
+                             const Visitor& onDamage, const StopCheck& stop) const {
   const FileHandle file = openFile(path, O_RDONLY);
   std::string slice;
   for (std::size_t i = 0; i < sums.blocks.size(); ++i) {
-    const std::uint64_t place = std::uint64_t{i} * kBlock;
-    if (place % kSlice == 0) slice = readAt(file, place, kSlice, path);
+    const std::uint64_t place = std::uint64_t{i} * kTableBlock;
+    if (place % kSlice == 0) {
+      stop();
+      slice = readAt(file, place, kSlice, path);
+    }
     const std::size_t start = std::min<std::size_t>(place % kSlice, slice.size());
-    const std::uint64_t known = std::min<std::uint64_t>(kBlock, sums.size - place);
+    const std::uint64_t known = std::min<std::uint64_t>(kTableBlock, sums.size - place);
     const std::string_view block = std::string_view(slice).substr(start, known);
     if (checksumOf(block) == sums.blocks[i] && block.size() == known) continue;
     if (changing_ && isNewer(block)) continue;
@@ -233,9 +221,9 @@ void IndexSums::readBlocks(const std::filesystem::path& path, FileSums& sums) co
   sums.size = std::filesystem::file_size(path);
   sums.blocks.resize(blocksOf(sums.size));
   for (std::size_t i = 0; i < sums.blocks.size(); ++i) {
-    const std::uint64_t place = std::uint64_t{i} * kBlock;
-    if (i < known && revisionAt(file, place, path) <= revision_) continue;
-    sums.blocks[i] = checksumOf(readAt(file, place, kBlock, path));
+    const std::uint64_t place = std::uint64_t{i} * kTableBlock;
+    if (i < known && blockRevisionAt(file, place, path) <= revision_) continue;
+    sums.blocks[i] = checksumOf(readAt(file, place, kTableBlock, path));
   }
 }
 

@@ -12,8 +12,18 @@
 
 #include "server/store/damage.h"
 #include "server/store/files.h"
+#include "server/store/stopCheck.h"
 
 namespace corvaned {
+
+/// The engine's tables are files with this suffix. They consist of blocks of this size, and each
+/// block begins with the revision that wrote it.
+constexpr std::string_view kTableSuffix = ".glass";
+constexpr std::size_t kTableBlock = 8192;
+
+/// The revision of the block that begins at `place`; 0 if there is none.
+std::uint32_t blockRevisionAt(const FileHandle& file, std::uint64_t place,
+                              const std::filesystem::path& path);
 
 /// Checksums of the files of an index, since the engine has none: a changed bit would lead it to
 /// wrong results, into an endless loop or out of its memory.
@@ -44,7 +54,7 @@ class IndexSums {
   static IndexSums create(const std::filesystem::path& collection, std::uint64_t revision);
 
   /// Reads the whole index and passes on every block that is not as it was written.
-  void verify(const Visitor& onDamage);
+  void verify(const Visitor& onDamage, const StopCheck& stop);
   /// Throws for the first damage.
   void verify();
   /// The same, but reads a large index only if that costs little of the time since it was last
@@ -84,11 +94,12 @@ class IndexSums {
   void readIndex(std::map<std::string, FileSums>& files) const;
   void readBlocks(const std::filesystem::path& path, FileSums& sums) const;
   void write();
-  void verifyFile(const std::string& name, const FileSums& sums, const Visitor& onDamage) const;
+  void verifyFile(const std::string& name, const FileSums& sums, const Visitor& onDamage,
+                  const StopCheck& stop) const;
   void verifyContent(const std::filesystem::path& path, const FileSums& sums,
                      const Visitor& onDamage) const;
   void verifyBlocks(const std::filesystem::path& path, const FileSums& sums,
-                    const Visitor& onDamage) const;
+                    const Visitor& onDamage, const StopCheck& stop) const;
   bool isNewer(std::string_view block) const;
 
   std::filesystem::path collection_;

@@ -128,6 +128,11 @@ JournalPosition Journal::end() const {
   return {segments_.back().number, segments_.back().bytes};
 }
 
+JournalExtent Journal::extent() const {
+  const std::lock_guard lock(mutex_);
+  return {segments_, lastSequence_};
+}
+
 JournalPart Journal::read(JournalPosition from, JournalPosition to) const {
   const std::lock_guard lock(mutex_);
   std::vector<JournalPart::Segment> segments;

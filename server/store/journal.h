@@ -66,6 +66,13 @@ class JournalPart {
   std::size_t taken_ = 0;
 };
 
+/// What a copy of a journal has to hold: so many bytes of each of these segments, with changes up to
+/// this number.
+struct JournalExtent {
+  std::vector<ScannedSegment> segments;
+  std::uint64_t lastSequence = 0;
+};
+
 /// The accepted changes of a collection that are not in its index yet, in order, on disk.
 ///
 /// A journal consists of segment files. Changes are appended to the last one; rotate() closes it
@@ -110,6 +117,9 @@ class Journal {
   JournalPosition end() const;
   /// What was appended between two places.
   JournalPart read(JournalPosition from, JournalPosition to) const;
+
+  /// Everything that the journal holds at the moment.
+  JournalExtent extent() const;
 
   /// Removes the segments up to `last`, which must be closed.
   void remove(std::uint64_t last);

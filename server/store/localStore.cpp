@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <asio/post.hpp>
 #include <asio/thread_pool.hpp>
+#include <limits>
 #include <optional>
 #include <system_error>
 #include <utility>
@@ -44,14 +45,24 @@ std::optional<std::string> nameIfCollection(const std::string& directory) {
   return std::nullopt;
 }
 
+// It would be changed, and could not be restored any more.
+std::filesystem::path noBackup(std::filesystem::path directory) {
+  if (!BackupManifest::existsIn(directory)) return directory;
+  throw ServerError(ErrorKind::StorageFailed,
+                    directory.string() +
+                        " is a backup; restore it, or copy it without the file BACKUP and use the "
+                        "copy");
+}
+
 [[noreturn]] void throwUnknown(const std::string& name) {
   throw ServerError(ErrorKind::UnknownCollection, "there is no collection " + shown(name));
 }
 
 }  // namespace
 
-LocalStore::LocalStore(std::filesystem::path directory, StoreLimits limits)
-    : root_(prepared(std::move(directory))),
+LocalStore::LocalStore(std::filesystem::path directory, StoreLimits limits,
+                       const std::optional<std::filesystem::path>& backups)
+    : root_(prepared(noBackup(std::move(directory)))),
       collectionsRoot_(prepared(collectionsIn(root_))),
       limits_(std::move(limits)),
       lock_(lockDataDirectory(root_)),
@@ -63,10 +74,12 @@ LocalStore::LocalStore(std::filesystem::path directory, StoreLimits limits)
   }
   indexers_ = std::make_unique<IndexScheduler>(limits_.indexThreads);
   openers_ = std::make_unique<asio::thread_pool>(kOpeners);
+  if (backups) keeper_ = std::make_unique<BackupKeeper>(*backups, house());
 }
 
 LocalStore::~LocalStore() {
   stopping_ = true;
+  keeper_.reset();
   openers_->join();
   indexers_->stop();
 }
@@ -256,6 +269,31 @@ CollectionState LocalStore::state(const std::string& name) { return find(name)->
 
 CollectionSummary LocalStore::summary(const std::string& name) { return find(name)->summary(); }
 
+BackupKeeper::House LocalStore::house() {
+  constexpr auto kAll = std::numeric_limits<std::uint64_t>::max();
+  return {root_,
+          collectionsRoot_,
+          registry_,
+          limits_.index.memory,
+          limits_.index.descriptors,
+          stopping_,
+          [this] { return collections({}, kAll); },
+          [this] { return freshTemporary(); },
+          [this](const std::string& name) { forgetOutcomes(name); }};
+}
+
+BackupKeeper& LocalStore::keeper() {
+  if (keeper_) return *keeper_;
+  throw ServerError(ErrorKind::UnsupportedAction,
+                    "the server has no directory for backups; start it with --backup-directory");
+}
+
+void LocalStore::backup(const std::string& backup, const std::string& name) {
+  keeper().backup(backup, name);
+}
+
+void LocalStore::restore(const Restoration& restoration) { keeper().restore(restoration); }
+
 std::vector<std::string> LocalStore::collections(const std::string& after, std::uint64_t most) {
   std::vector<std::string> names;
   for (const auto& entry : std::filesystem::directory_iterator(collectionsRoot_)) {
@@ -270,8 +308,9 @@ std::vector<std::string> LocalStore::collections(const std::string& after, std::
 // Changes that waited when the collection was closed, or the server stopped, wait no longer.
 Registry::Use LocalStore::find(const std::string& name) {
   Registry::Use collection = registry_.use(name);
-  if (collection->takeOverdue()) startIndexing(registry_.use(name));
-  return collection;
+  if (!collection->takeOverdue()) return collection;
+  startIndexing(std::move(collection));
+  return registry_.use(name);
 }
 
 // The first request that names a collection opens it, so that a damaged one does not affect the

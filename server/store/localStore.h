@@ -5,8 +5,10 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
+#include "server/store/backupKeeper.h"
 #include "server/store/collection.h"
 #include "server/store/dataDirectory.h"
 #include "server/store/files.h"
@@ -31,14 +33,17 @@ namespace corvaned {
 ///         batches                which batches it knows, and its mark
 ///         journal-0000000000     which changes the journal must hold
 ///         journal-0000000001...  accepted changes that are not in the index yet
+///     before-repair/             collections as they were before they were repaired
+///     before-restore/            collections as they were before others took their places
 ///
 /// A collection is opened by the first request that needs it and closed when its descriptors or its
 /// memory are needed for another one, or on request. Large ones are opened on threads of their own.
 class LocalStore : public Store {
  public:
   /// Creates the directory if it does not exist. Throws ServerError(StorageFailed) if another
-  /// server uses it.
-  LocalStore(std::filesystem::path directory, StoreLimits limits);
+  /// server uses it. Without a directory for them backups are refused.
+  LocalStore(std::filesystem::path directory, StoreLimits limits,
+             const std::optional<std::filesystem::path>& backups = std::nullopt);
   ~LocalStore() override;
 
   bool isOpen(const std::string& name) override;
@@ -77,9 +82,13 @@ class LocalStore : public Store {
                                   const DetailsWanted& wanted) override;
   CollectionState state(const std::string& name) override;
   CollectionSummary summary(const std::string& name) override;
+  void backup(const std::string& backup, const std::string& name) override;
+  void restore(const Restoration& restoration) override;
   std::vector<std::string> collections(const std::string& after, std::uint64_t most) override;
 
  private:
+  BackupKeeper::House house();
+  BackupKeeper& keeper();
   Registry::Use find(const std::string& name);
   std::unique_ptr<Collection> read(const std::string& name);
   void startIndexing(Registry::Use collection);
@@ -115,6 +124,7 @@ class LocalStore : public Store {
   // Destroyed first: their threads use everything above.
   std::unique_ptr<IndexScheduler> indexers_;
   std::unique_ptr<asio::thread_pool> openers_;
+  std::unique_ptr<BackupKeeper> keeper_;
 };
 
 }  // namespace corvaned

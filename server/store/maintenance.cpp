@@ -1,17 +1,16 @@
 #include "server/store/maintenance.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <stdio.h>
 #include <xapian.h>
 
 #include <algorithm>
 #include <optional>
+#include <set>
 #include <utility>
 
 #include "server/base/errors.h"
+#include "server/store/backupManifest.h"
 #include "server/store/batchMemory.h"
-#include "server/store/collection.h"
 #include "server/store/collectionOptions.h"
 #include "server/store/dataDirectory.h"
 #include "server/store/indexRebuild.h"
@@ -23,49 +22,48 @@
 namespace corvaned {
 namespace {
 
+// Nobody changes a backup, and it may be where nothing can be written.
 FileHandle lockExisting(const std::filesystem::path& root) {
   if (!std::filesystem::is_directory(collectionsIn(root))) {
-    throw ServerError(ErrorKind::StorageFailed, root.string() + " is not a data directory");
+    throw ServerError(ErrorKind::StorageFailed,
+                      root.string() + " is neither a data directory nor a backup");
   }
-  return lockDataDirectory(root);
+  return BackupManifest::existsIn(root) ? FileHandle() : lockDataDirectory(root);
 }
 
-void syncTree(const std::filesystem::path& directory) {
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
-    if (entry.is_directory()) {
-      syncDirectory(entry.path());
-    } else {
-      syncFile(openFile(entry.path(), O_RDONLY), entry.path());
-    }
-  }
-  syncDirectory(directory);
-}
-
-// Only of an index whose blocks are as they were written; the engine may fail in any way with
-// others.
-void checkByEngine(const std::filesystem::path& index, std::vector<Damage>& damage) {
+// What the checksums of a backup show, unless it is known of the file already.
+void addDamageOfBackup(const std::filesystem::path& root, CollectionCheck& result) {
+  std::set<std::filesystem::path> known;
+  for (const Damage& damage : result.index) known.insert(damage.file);
+  for (const JournalFault& fault : result.journal) known.insert(fault.damage.file);
   try {
-    const std::size_t errors = Xapian::Database::check(index.string(), 0, nullptr);
-    if (errors > 0) damage.push_back({index, 0, fmt::format("the engine finds {} errors", errors)});
-  } catch (const Xapian::Error& error) {
-    damage.push_back({index, 0, error.get_description()});
+    BackupManifest::read(root).verify(
+        result.name,
+        [&](const Damage& damage) {
+          if (!known.contains(damage.file)) result.index.push_back(damage);
+        },
+        [] {});
+  } catch (const ServerError&) {
+    const std::filesystem::path path = BackupManifest::pathIn(root);
+    result.index.push_back({path, 0, "the list of the files cannot be read"});
   }
 }
 
-std::vector<Damage> checkIndex(const std::filesystem::path& collection, bool isNumbered) {
+std::vector<Damage> checkIndex(const std::filesystem::path& collection, bool isNumbered,
+                               const StopCheck& stop) {
   std::vector<Damage> damage;
   const std::filesystem::path index = collection / IndexSums::kIndexDirectory;
   if (!std::filesystem::is_directory(index)) return {{index, 0, "the directory is missing"}};
   try {
     if (IndexSums::existIn(collection)) {
-      IndexSums(collection).verify([&](const Damage& each) { damage.push_back(each); });
+      IndexSums(collection).verify([&](const Damage& each) { damage.push_back(each); }, stop);
     } else if (isNumbered) {
       damage.push_back({IndexSums::pathIn(collection), 0, "the file is missing"});
     }
-  } catch (const ServerError&) {
+  } catch (const ServerError& error) {
+    if (error.kind() != ErrorKind::StorageFailed) throw;
     damage.push_back({IndexSums::pathIn(collection), 0, "the checksums cannot be read"});
   }
-  if (damage.empty()) checkByEngine(index, damage);
   return damage;
 }
 
@@ -79,6 +77,16 @@ void checkBatches(const std::filesystem::path& collection, const JournalMark* ma
     const BatchMemory batches(collection, {});
   } catch (const ServerError&) {
     faults.push_back({{path, 0, "what is known of batches cannot be read"}, 0, 0, {}});
+  }
+}
+
+void askEngine(const std::filesystem::path& indexOrTable, std::vector<Damage>& damage) {
+  try {
+    const std::size_t errors = Xapian::Database::check(indexOrTable.string(), 0, nullptr);
+    if (errors == 0) return;
+    damage.push_back({indexOrTable, 0, fmt::format("the engine finds {} errors", errors)});
+  } catch (const Xapian::Error& error) {
+    damage.push_back({indexOrTable, 0, error.get_description()});
   }
 }
 
@@ -111,7 +119,7 @@ class Rebuilding {
     const std::filesystem::path index = fresh_ / IndexSums::kIndexDirectory;
     std::filesystem::copy(damaged_ / IndexSums::kIndexDirectory, index);
     std::vector<Damage> damage;
-    if (!repair_.found.index.empty()) checkByEngine(index, damage);
+    if (!repair_.found.index.empty()) askEngine(index, damage);
     if (!damage.empty()) throwDamaged(damage.front());
     IndexSums::create(fresh_, Xapian::Database(index.string()).get_revision());
   }
@@ -177,14 +185,6 @@ class Rebuilding {
   Repair& repair_;
 };
 
-void exchange(const std::filesystem::path& a, const std::filesystem::path& b) {
-  if (::renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE) != 0) {
-    throwSystemError("cannot put the repaired collection in place of", b);
-  }
-  syncDirectory(a.parent_path());
-  syncDirectory(b.parent_path());
-}
-
 }  // namespace
 
 bool Repair::losesNothing() const {
@@ -192,6 +192,42 @@ bool Repair::losesNothing() const {
          std::all_of(found.journal.begin(), found.journal.end(), [](const JournalFault& fault) {
            return fault.firstLost == 0 && fault.damage.file.filename() == "journal-0000000000";
          });
+}
+
+CollectionCheck checkCollection(const std::string& name, const std::filesystem::path& path,
+                                const StopCheck& stop) {
+  CollectionCheck result{name, {}, {}, 0};
+  JournalContents contents =
+      JournalScan(
+          path,
+          [&](std::uint64_t, Change&& change) {
+            stop();
+            result.changes += changesIn(change);
+          },
+          [&](const JournalFault& fault) { result.journal.push_back(fault); })
+          .run();
+  const bool isNumbered = contents.mark && contents.mark->range() != MarkedRange{};
+  if (!contents.mark && result.journal.empty() && IndexSums::existIn(path)) {
+    result.journal.push_back({{JournalMark::pathIn(path), 0, "the file is missing"}, 0, 0, {}});
+  }
+  try {
+    readOptions(path);
+  } catch (const ServerError&) {
+    result.journal.push_back({{optionsPath(path), 0, "the options cannot be read"}, 0, 0, {}});
+  }
+  checkBatches(path, contents.mark.get(), result.journal);
+  result.index = checkIndex(path, isNumbered, stop);
+  return result;
+}
+
+std::vector<Damage> checkByEngine(const std::filesystem::path& collection, const StopCheck& stop) {
+  std::vector<Damage> damage;
+  for (const auto& entry :
+       std::filesystem::directory_iterator(collection / IndexSums::kIndexDirectory)) {
+    stop();
+    if (entry.path().extension() == kTableSuffix) askEngine(entry.path(), damage);
+  }
+  return damage;
 }
 
 Maintenance::Maintenance(std::filesystem::path directory)
@@ -209,28 +245,20 @@ std::vector<std::string> Maintenance::collections() const {
 
 CollectionCheck Maintenance::check(const std::string& name) const {
   const std::filesystem::path path = pathOf(name);
-  IndexRebuild::finish(path);
-  CollectionCheck result{name, {}, {}, 0};
-  JournalContents contents =
-      JournalScan(
-          path, [&](std::uint64_t, Change&& change) { result.changes += changesIn(change); },
-          [&](const JournalFault& fault) { result.journal.push_back(fault); })
-          .run();
-  const bool isNumbered = contents.mark && contents.mark->range() != MarkedRange{};
-  if (!contents.mark && result.journal.empty() && IndexSums::existIn(path)) {
-    result.journal.push_back({{JournalMark::pathIn(path), 0, "the file is missing"}, 0, 0, {}});
-  }
-  try {
-    readOptions(path);
-  } catch (const ServerError&) {
-    result.journal.push_back({{optionsPath(path), 0, "the options cannot be read"}, 0, 0, {}});
-  }
-  checkBatches(path, contents.mark.get(), result.journal);
-  result.index = checkIndex(path, isNumbered);
+  if (!BackupManifest::existsIn(root_)) IndexRebuild::finish(path);
+  CollectionCheck result = checkCollection(name, path, [] {});
+  if (result.index.empty()) askEngine(path / IndexSums::kIndexDirectory, result.index);
+  if (BackupManifest::existsIn(root_)) addDamageOfBackup(root_, result);
   return result;
 }
 
 Repair Maintenance::repair(const std::string& name) const {
+  if (BackupManifest::existsIn(root_)) {
+    throw ServerError(ErrorKind::StorageFailed,
+                      root_.string() +
+                          " is a backup, of which nothing is changed; copy it without the file "
+                          "BACKUP, and repair the copy");
+  }
   Repair result;
   result.found = check(name);
   if (result.found.isSound()) return result;
@@ -243,6 +271,9 @@ Repair Maintenance::repair(const std::string& name) const {
     std::filesystem::remove_all(fresh, ignored);
     throw;
   }
+  // From here on the fresh directory holds the original.
+  syncDirectory(fresh.parent_path());
+  syncDirectory(collectionsIn(root_));
   result.original = fresh;
   return result;
 }

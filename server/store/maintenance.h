@@ -8,6 +8,7 @@
 #include "server/store/damage.h"
 #include "server/store/files.h"
 #include "server/store/journalScan.h"
+#include "server/store/stopCheck.h"
 
 namespace corvaned {
 
@@ -21,6 +22,14 @@ struct CollectionCheck {
 
   bool isSound() const { return journal.empty() && index.empty(); }
 };
+
+/// Reads the files of a collection that nobody uses, and compares them with their checksums.
+CollectionCheck checkCollection(const std::string& name, const std::filesystem::path& path,
+                                const StopCheck& stop);
+
+/// What the engine itself finds wrong with the tables of an index, one after the other. Only for
+/// one whose blocks are as they were written: with others the engine may fail in any way.
+std::vector<Damage> checkByEngine(const std::filesystem::path& collection, const StopCheck& stop);
 
 /// A document of the index that cannot be read.
 struct LostDocument {
@@ -45,8 +54,8 @@ struct Repair {
   bool losesNothing() const;
 };
 
-/// Checks and repairs collections of a data directory. No server can use it at the same time. All
-/// operations throw ServerError.
+/// Checks and repairs collections of a data directory, which no server can use at the same time;
+/// or checks those of a backup. All operations throw ServerError.
 class Maintenance {
  public:
   /// Throws if there is no such directory, or if a server uses it.

@@ -44,6 +44,11 @@ Registry::Reservation::Reservation(Registry& registry, std::shared_ptr<Entry> en
 
 Collection* Registry::Reservation::collection() const { return entry_->collection.get(); }
 
+bool Registry::Reservation::awaitUnused(std::chrono::milliseconds time) const {
+  Lock lock(registry_.mutex_);
+  return registry_.changed_.wait_for(lock, time, [&] { return entry_->users == 0; });
+}
+
 Registry::Reservation::~Reservation() {
   std::vector<Ready> waiting;
   {
@@ -204,7 +209,8 @@ bool Registry::shut(Lock& lock, const std::shared_ptr<Entry>& entry) {
 
 void Registry::release(const std::shared_ptr<Entry>& entry) {
   Lock lock(mutex_);
-  if (--entry->users > 0 || entry->state != Entry::State::Open) return;
+  if (--entry->users > 0) return;
+  if (entry->state != Entry::State::Open) return changed_.notify_all();
   if (entry->closesWhenUnused) {
     shut(lock, entry);
   } else {

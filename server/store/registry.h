@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -69,6 +70,9 @@ class Registry {
     Collection* collection() const;
     /// The collection counts as closed, although others still have it.
     void forget() { forgotten_ = true; }
+    /// Returns when nobody has it any more; false if that takes longer. Whoever calls this must not
+    /// have it, and nobody who has it may wait for it to be opened.
+    bool awaitUnused(std::chrono::milliseconds time) const;
 
    private:
     friend class Registry;

@@ -221,6 +221,16 @@ std::string textOf(const Refresh& refresh);
 /// Nothing if the text is none of these.
 std::optional<Refresh> refreshFrom(std::string_view text);
 
+/// What is to be taken from a backup, and as what.
+struct Restoration {
+  std::string backup;
+  /// A collection of the backup, and the one that it becomes. Neither: all become what they were.
+  std::string from;
+  std::string collection;
+  /// Whether a collection that exists may be replaced.
+  bool replace = false;
+};
+
 /// Holds the documents. Every operation may be called from any thread at any time. If it throws
 /// ServerError it has changed nothing; if it returns, its effect is durable and survives a crash of
 /// the process or the machine.
@@ -308,6 +318,10 @@ class Store {
                                           const DetailsWanted& wanted) = 0;
   virtual CollectionState state(const std::string& name) = 0;
   virtual CollectionSummary summary(const std::string& name) = 0;
+  /// Makes a backup of a collection, or of all if none is named. It holds every change that was
+  /// accepted before the call.
+  virtual void backup(const std::string& backup, const std::string& name) = 0;
+  virtual void restore(const Restoration& restoration) = 0;
   /// The first `most` of the collections whose names come after `after`, in byte order.
   virtual std::vector<std::string> collections(const std::string& after, std::uint64_t most) = 0;
 };

@@ -742,8 +742,10 @@ std::vector<ParseOutcome> XapianIndex::applyBatch(std::span<const Change> change
   });
 }
 
-void XapianIndex::endUpdate() {
-  sums_->endChange(translated([&] { return Xapian::Database(path_.string()).get_revision(); }));
+void XapianIndex::endUpdate() { sums_->endChange(revision()); }
+
+std::uint64_t XapianIndex::revision() const {
+  return translated([&] { return Xapian::Database(path_.string()).get_revision(); });
 }
 
 MemoryBudget::Share XapianIndex::emptyShare() const { return shareOf(limits_); }

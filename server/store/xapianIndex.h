@@ -18,6 +18,7 @@
 #include "server/store/indexForm.h"
 #include "server/store/indexLimits.h"
 #include "server/store/indexSums.h"
+#include "server/store/stopCheck.h"
 #include "server/store/store.h"
 
 namespace corvaned {
@@ -42,6 +43,7 @@ class XapianIndex {
   XapianIndex& operator=(const XapianIndex&) = delete;
 
   using ChangeSource = std::function<void(const std::function<void(Change&&)>& take)>;
+  /// Called between changes.
   using StopCheck = corvaned::StopCheck;
 
   /// Whether the database is of an earlier form. It can be searched, and must be rebuilt before
@@ -88,6 +90,8 @@ class XapianIndex {
   /// The hits with what is to be told of them.
   std::vector<HitDetails> details(const SearchQuery& query, const DetailsWanted& wanted,
                                   const std::vector<std::string>& hidden);
+  /// That of the last transaction.
+  std::uint64_t revision() const;
   /// What the database knows of it.
   CollectionSummary summary();
 

@@ -874,8 +874,11 @@ TEST_P(Library, ShutsTheServerDown) {
 }
 
 TEST_P(Library, RefusesActionsThatTheServerHasNot) {
-  for (const int kind : {16, 17, 18, 23}) {
+  for (const int kind : {18, 23}) {
     expectRefused(send(kind), "ZVK0004E", "not supported by this server");
+  }
+  for (const int kind : {16, 17}) {
+    expectRefused(send(kind, {{"backup", "b"}}), "ZVK0004E", "--backup-directory");
   }
   expectRefused(send(25), "ZVK0003E", "names no action");
 }

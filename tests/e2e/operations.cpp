@@ -39,7 +39,7 @@ constexpr std::array<VerbTraits, kVerbs> kTraits{{
     {Verb::Status, "status", ClientRequest::GET_STATUS, 4},
     {Verb::ServerStatus, "server status", ClientRequest::GET_STATUS, 1},
     {Verb::Version, "version", ClientRequest::GET_SERVER_VERSION, 1},
-    {Verb::Unsupported, "unsupported", ClientRequest::BACKUP, 1},
+    {Verb::Unsupported, "unsupported", ClientRequest::TAKEOVER, 1},
     {Verb::Reconnect, "reconnect", 0, 2},
 }};
 

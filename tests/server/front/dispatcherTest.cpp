@@ -465,10 +465,68 @@ TEST_F(DispatcherTest, VersionIsTheOneItWasGiven) {
 }
 
 TEST_F(DispatcherTest, ActionsThatDoNotExistYetAreRefusedByName) {
-  for (const char* action :
-       {"backup", "restore", "takeover", "shutdown", "setConstructorConfiguration"}) {
+  for (const char* action : {"takeover", "shutdown", "setConstructorConfiguration"}) {
     EXPECT_THAT(error({{"action", action}}), AllOf(HasSubstr("ZVK0004E"), HasSubstr(action)));
   }
+}
+
+MATCHER_P4(restores, backup, from, collection, replace, "") {
+  return arg.backup == backup && arg.from == from && arg.collection == collection &&
+         arg.replace == replace;
+}
+
+TEST_F(DispatcherTest, BackupsReachTheStore) {
+  EXPECT_CALL(store_, backup("b", "c"));
+  expectIs<DoneReply>(handle({{"action", "backup"}, {"index", "c"}, {"backup", "b"}}));
+  EXPECT_CALL(store_, backup("b", ""));
+  expectIs<DoneReply>(handle({{"action", "backup"}, {"backup", "b"}}));
+  EXPECT_CALL(store_, restore(restores("b", "", "", false)));
+  expectIs<DoneReply>(handle({{"action", "restore"}, {"backup", "b"}}));
+  EXPECT_CALL(store_, restore(restores("b", "c", "d", true)));
+  expectIs<DoneReply>(handle({{"action", "restore"},
+                              {"backup", "b"},
+                              {"from", "c"},
+                              {"collectionName", "d"},
+                              {"replace", "true"}}));
+}
+
+TEST_F(DispatcherTest, BackupNeedsANameAndWhatBecomesOfACollectionToo) {
+  for (const char* action : {"backup", "restore"}) {
+    EXPECT_THAT(error({{"action", action}, {"index", "c"}}),
+                AllOf(HasSubstr("ZVK0005E"), HasSubstr("\"backup\"")));
+  }
+  EXPECT_THAT(error({{"action", "restore"}, {"backup", "b"}, {"from", "c"}}),
+              AllOf(HasSubstr("ZVK0006E"), HasSubstr("\"from\"")));
+}
+
+TEST_F(DispatcherTest, BackupsTakeTheRightToAllThatIsInThem) {
+  const auto refusal = [](const Identity& who, const test::Headers& headers) -> std::string {
+    Request request;
+    request.headers.insert(headers.begin(), headers.end());
+    try {
+      Dispatcher::permit(request, who);
+      return "none";
+    } catch (const ServerError& error) {
+      return std::string(messageId(error.kind())) + " " + error.what();
+    }
+  };
+  const Identity all("ada", {{Right::Admin, "*"}});
+  const Identity one("bob", {{Right::Admin, "c*"}, {Right::Write, "d"}});
+  for (const char* action : {"backup", "restore"}) {
+    const test::Headers whole{{"action", action}, {"backup", "b"}};
+    test::Headers ofOne = whole;
+    ofOne["index"] = "c1";
+    test::Headers ofOther = whole;
+    ofOther["index"] = "d";
+    EXPECT_EQ(refusal(all, whole), "none");
+    EXPECT_EQ(refusal(one, ofOne), "none");
+    EXPECT_THAT(refusal(one, whole), AllOf(HasSubstr("ZVK0023E"), HasSubstr("the whole server")));
+    EXPECT_THAT(refusal(one, ofOther), AllOf(HasSubstr("ZVK0023E"), HasSubstr("\"d\"")));
+  }
+  test::Headers renamed{{"action", "restore"}, {"backup", "b"}, {"from", "c1"}, {"index", "c2"}};
+  EXPECT_EQ(refusal(one, renamed), "none");
+  renamed["from"] = "d";
+  EXPECT_THAT(refusal(one, renamed), AllOf(HasSubstr("ZVK0023E"), HasSubstr("\"d\"")));
 }
 
 TEST_F(DispatcherTest, ScopeMustBeWhatTheStatusIsOf) {

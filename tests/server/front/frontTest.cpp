@@ -207,7 +207,7 @@ TEST_F(FrontTest, EveryActionOverHttp) {
   EXPECT_EQ(ask({{"action", "closeCollection"}}), kDone);
   EXPECT_EQ(ask({{"action", "deleteCollection"}}), kDone);
   EXPECT_THAT(ask({{"action", "updateIndex"}}), HasSubstr("ZVK0007E"));
-  EXPECT_THAT(ask({{"action", "backup"}}), HasSubstr("ZVK0004E"));
+  EXPECT_THAT(ask({{"action", "backup"}, {"backup", "b"}}), HasSubstr("ZVK0004E"));
 }
 
 TEST_F(FrontTest, EveryActionOverTheBinaryProtocol) {

@@ -47,6 +47,8 @@ class MockStore : public Store {
               (override));
   MOCK_METHOD(std::vector<HitDetails>, details,
               (const std::string&, const SearchQuery&, const DetailsWanted&), (override));
+  MOCK_METHOD(void, backup, (const std::string&, const std::string&), (override));
+  MOCK_METHOD(void, restore, (const Restoration&), (override));
   MOCK_METHOD(CollectionState, state, (const std::string&), (override));
 };
 

@@ -191,6 +191,12 @@ std::vector<Row> rows() {
                  {"snippet", {{"0", "4096"}, "4097"}}},
        "hits"},
       {"getStatus", named, inCollection},
+      {"backup", {{"index", "c"}, {"backup", "b"}}, inCollection + Group{{"backup", kAnyText}}},
+      {"restore",
+       {{"index", "c"}, {"backup", "b"}},
+       inCollection + Group{{"backup", kAnyText},
+                            {"from", kAnyText},
+                            {"replace", {{"true", "false"}, "maybe"}}}},
       {"getServerVersion",
        {},
        kEnvelope + Group{{"index", kAnyText}, {"collectionName", kAnyText}, {"scope", kOfServer}}},
@@ -212,7 +218,8 @@ std::set<std::string> allNames() {
                               "expectedMark",   "newMark",   "mustExist",
                               "client",         "keys",      "storeText",
                               "storePositions", "stemming",  "searchableMetadata",
-                              "values",         "snippet",   "stopWords"};
+                              "values",         "snippet",   "stopWords",
+                              "backup",         "from",      "replace"};
   for (const icu::UnicodeString* name : {&StaticDefs::PARAM_COLLECTION_ID,
                                          &StaticDefs::PARAM_DOCUMENT_ID,
                                          &StaticDefs::PARAM_ROWID,

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+
+#include "server/store/files.h"
+#include "server/store/journal.h"
+#include "server/store/stopCheck.h"
+
+namespace corvaned {
+
+/// A copy of a collection's directory that is made while the collection is in use. Most of it is
+/// copied while everything changes; what has changed since is copied once more, and the last of
+/// that while the collection holds still.
+///
+/// The engine never writes into a block of its last transaction, but changes others in place. Each
+/// has the revision that wrote it at its beginning, so a block that has changed since the copying
+/// began, or that was copied while it was being written, is known by a higher revision. Journals
+/// only grow. Any other file is small, and copied whole while the collection holds still.
+///
+/// Used by one thread. Errors are ServerError(StorageFailed).
+class CollectionCopy {
+ public:
+  /// Makes the directory `target`.
+  CollectionCopy(std::filesystem::path source, std::filesystem::path target, StopCheck stop);
+
+  /// Copies what has changed since the last call. The collection had this revision and this journal
+  /// before the call. Returns how many bytes that was.
+  std::uint64_t copyAhead(std::uint64_t revision, const JournalExtent& journal);
+  /// The rest of the index, which must not change meanwhile.
+  void copyIndex();
+  /// The rest of everything. Nothing may change meanwhile.
+  void copyRest(const JournalExtent& journal);
+
+ private:
+  enum class Kind {
+    Table,
+    /// Of the index, too.
+    BesideTables,
+    Journal,
+    /// Something that is being written, and gets its name when it is complete.
+    Passing,
+    Other,
+  };
+
+  static Kind kindOf(const std::filesystem::path& name);
+  void copyAll(Kind kind);
+  void copyTable(const std::filesystem::path& name);
+  void copyWhole(const std::filesystem::path& name);
+  void copyJournal(const JournalExtent& journal);
+  void copySegment(const ScannedSegment& segment);
+  void removeSegmentsBut(const JournalExtent& journal);
+  void copyRange(const FileHandle& from, const FileHandle& to, const std::filesystem::path& name,
+                 std::uint64_t begin, std::uint64_t end);
+  FileHandle openTarget(const std::filesystem::path& name) const;
+
+  const std::filesystem::path source_;
+  const std::filesystem::path target_;
+  const StopCheck stop_;
+  // Blocks up to this revision have been copied.
+  std::uint64_t revision_ = 0;
+  std::uint64_t copied_ = 0;
+};
+
+}  // namespace corvaned

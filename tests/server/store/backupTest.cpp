@@ -1,0 +1,699 @@
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <spdlog/spdlog.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <semaphore>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "server/base/errors.h"
+#include "server/base/requestContext.h"
+#include "server/store/backupManifest.h"
+#include "server/store/checksum.h"
+#include "server/store/collectionOptions.h"
+#include "server/store/files.h"
+#include "server/store/localStore.h"
+#include "server/store/maintenance.h"
+#include "tests/server/store/fileSizeLimit.h"
+#include "tests/support/temporaryDirectory.h"
+
+// Backups of collections in use, and what becomes of them. KRUCOMM_LONG=1 damages every byte of
+// one, otherwise a sample that is always the same.
+namespace corvaned {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+constexpr Refresh kImmediate{Refresh::Mode::Immediate, {}};
+
+using Texts = std::map<std::string, std::string>;
+
+class BackupTest : public ::testing::Test {
+ protected:
+  // What is refused, and what is left of a crash, is logged.
+  BackupTest() {
+    spdlog::set_level(spdlog::level::off);
+    restart();
+  }
+
+  std::filesystem::path data() const { return directory_.path() / "data"; }
+  std::filesystem::path backups() const { return directory_.path() / "backups"; }
+  std::filesystem::path collection(const std::string& name) const {
+    return data() / "collections" / name;
+  }
+
+  void restart() {
+    store_.reset();
+    store_ = std::make_unique<LocalStore>(data(), limits_, backups());
+  }
+
+  // Documents and a deletion, in the index and in the journal.
+  void fill(const std::string& name, const Refresh& refresh = {}) {
+    store_->createCollection(name, "en", refresh);
+    for (const char* key : {"k1", "k2", "k3"}) {
+      store_->addDocument(name, {key, {{"title", "about " + std::string(key)}}, "red foxes"});
+    }
+    store_->updateIndex(name);
+    store_->addDocument(name, {"k4", {}, "a hen"});
+    store_->addDocument(name, {"k1", {{"n", "2"}}, "a fox once more"});
+    store_->deleteDocument(name, "k3");
+  }
+
+  // All that the documents are, after an update of the index.
+  static Texts texts(LocalStore& store, const std::string& name) {
+    store.updateIndex(name);
+    SearchQuery all;
+    all.everything = true;
+    all.order = HitOrder::Key;
+    Texts found;
+    store.visit(name, all, [&](const Document& document) {
+      std::string& text = found[document.key];
+      for (const auto& [field, value] : document.metadata) text += field + "=" + value + ";";
+      text += document.content;
+    });
+    return found;
+  }
+  Texts texts(const std::string& name) { return texts(*store_, name); }
+
+  std::uint64_t hits(const std::string& name, const std::string& query) {
+    return store_->estimate(name, query).hits;
+  }
+
+  static std::string refusal(ErrorKind kind, const std::function<void()>& work) {
+    try {
+      work();
+    } catch (const ServerError& error) {
+      EXPECT_EQ(messageId(error.kind()), messageId(kind)) << error.what();
+      return error.what();
+    }
+    return {};
+  }
+
+  static std::vector<std::string> namesIn(const std::filesystem::path& directory) {
+    std::vector<std::string> names;
+    std::error_code missing;
+    for (const auto& entry : std::filesystem::directory_iterator(directory, missing)) {
+      names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  static std::string read(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+  static void rewrite(const std::filesystem::path& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+  }
+
+  tq::test::TemporaryDirectory directory_;
+  StoreLimits limits_;
+  std::unique_ptr<LocalStore> store_;
+};
+
+TEST_F(BackupTest, RestoredCollectionIsWhatItWas) {
+  const Refresh hourly{Refresh::Mode::Interval, std::chrono::hours(1)};
+  fill("c", hourly);
+  store_->backup("first", "c");
+  store_->restore({"first", "c", "d", false});
+  EXPECT_EQ(hits("d", "fox"), 2U) << "k3 is deleted";
+  EXPECT_EQ(readOptions(collection("d")), hourly);
+  EXPECT_EQ(store_->summary("d").language, "en");
+  EXPECT_EQ(
+      texts("d"),
+      (Texts{{"k1", "n=2;a fox once more"}, {"k2", "title=about k2;red foxes"}, {"k4", "a hen"}}));
+  EXPECT_EQ(texts("d"), texts("c"));
+}
+
+// With an interval, changes that wait would be brought in as soon as the collection is used.
+TEST_F(BackupTest, ChangesThatWaitedWaitInTheRestoredCollection) {
+  fill("c", Refresh{});
+  store_->backup("first", "c");
+  store_->restore({"first", "c", "d", false});
+  EXPECT_EQ(store_->state("d"), CollectionState::ChangesPending);
+  EXPECT_EQ(store_->summary("d").pending, store_->summary("c").pending);
+}
+
+TEST_F(BackupTest, RestoredCollectionTakesChangesAndSurvivesARestart) {
+  for (const Refresh& refresh : {Refresh{}, kImmediate}) {
+    fill("c", refresh);
+    store_->backup("first", "c");
+    store_->deleteCollection("c");
+    store_->restore({"first", {}, "c", false});
+    store_->addDocument("c", {"k5", {}, "later"});
+    const Texts before = texts("c");
+    EXPECT_EQ(before.size(), 4U);
+    restart();
+    EXPECT_EQ(texts("c"), before);
+    store_->deleteCollection("c");
+    std::filesystem::remove_all(backups() / "first");
+  }
+}
+
+TEST_F(BackupTest, AllCollectionsMoveToAnotherServer) {
+  fill("c");
+  fill("größe/1", kImmediate);
+  store_->createCollection("empty", "en");
+  store_->backup("all", "");
+  LocalStore other(directory_.path() / "other", {}, backups());
+  other.restore({"all", {}, {}, false});
+  EXPECT_THAT(other.collections("", 10), ElementsAre("c", "empty", "größe/1"));
+  for (const char* name : {"c", "empty", "größe/1"}) EXPECT_EQ(texts(other, name), texts(name));
+}
+
+TEST_F(BackupTest, NothingIsOverwrittenUnasked) {
+  fill("c");
+  store_->backup("all", "");
+  store_->addDocument("c", {"new", {}, "since"});
+  const Texts before = texts("c");
+  EXPECT_THAT(refusal(ErrorKind::CollectionExists,
+                      [&] {
+                        store_->restore({"all", {}, "c", false});
+                      }),
+              HasSubstr("\"c\" exists already"));
+  store_->createCollection("b", "en");
+  refusal(ErrorKind::CollectionExists, [&] { store_->restore({"all", {}, {}, false}); });
+  EXPECT_EQ(texts("c"), before);
+  EXPECT_FALSE(std::filesystem::exists(data() / "before-restore"));
+}
+
+TEST_F(BackupTest, ReplacedCollectionIsKeptAside) {
+  fill("c");
+  store_->backup("all", "");
+  const Texts old = texts("c");
+  for (int round = 1; round <= 2; ++round) {
+    store_->addDocument("c", {"new", {}, "since " + std::to_string(round)});
+    store_->restore({"all", {}, "c", true});
+    EXPECT_EQ(texts("c"), old);
+    EXPECT_EQ(store_->summary("c").pending, 0U);
+  }
+  EXPECT_THAT(namesIn(data() / "before-restore"), ElementsAre("c.1", "c.2"));
+  std::filesystem::copy(data() / "before-restore" / "c.2", collection("aside"),
+                        std::filesystem::copy_options::recursive);
+  EXPECT_EQ(texts("aside").at("new"), "since 2");
+}
+
+TEST_F(BackupTest, DamagedCollectionIsReplaced) {
+  fill("c");
+  store_->backup("all", "");
+  const Texts old = texts("c");
+  store_.reset();
+  rewrite(collection("c") / "index" / "iamglass", "x");
+  restart();
+  EXPECT_THAT(refusal(ErrorKind::StorageFailed, [&] { store_->openCollection("c"); }),
+              HasSubstr("iamglass"));
+  store_->restore({"all", {}, "c", true});
+  EXPECT_EQ(texts("c"), old);
+}
+
+TEST_F(BackupTest, NamesLeadNowhereElse) {
+  fill("c");
+  for (const char* name : {"../up", "/etc/x", "a/b", "..", ".", ".hidden", "BACKUP", " "}) {
+    store_->backup(name, "c");
+    store_->restore({name, "c", "d", false});
+    EXPECT_EQ(texts("d"), texts("c")) << name;
+    store_->deleteCollection("d");
+  }
+  EXPECT_EQ(namesIn(backups()).size(), 8U);
+  EXPECT_THAT(namesIn(directory_.path()), ElementsAre("backups", "data"));
+  for (const std::string& name : {std::string(), std::string(241, 'x'), std::string("\xFF")}) {
+    EXPECT_THAT(refusal(ErrorKind::BadParameter, [&] { store_->backup(name, "c"); }),
+                HasSubstr("cannot be called"));
+    EXPECT_THAT(refusal(ErrorKind::BadParameter,
+                        [&] {
+                          store_->restore({name, {}, {}, true});
+                        }),
+                HasSubstr("cannot be called"));
+  }
+}
+
+TEST_F(BackupTest, NameInUseIsRefusedAndAnUnknownOneToo) {
+  fill("c");
+  store_->backup("first", "c");
+  const std::string before = read(BackupManifest::pathIn(backups() / "first"));
+  EXPECT_THAT(refusal(ErrorKind::BadParameter, [&] { store_->backup("first", "c"); }),
+              HasSubstr("\"first\" already"));
+  EXPECT_EQ(read(BackupManifest::pathIn(backups() / "first")), before);
+  EXPECT_THAT(refusal(ErrorKind::BadParameter,
+                      [&] {
+                        store_->restore({"second", {}, {}, true});
+                      }),
+              HasSubstr("no backup \"second\""));
+  EXPECT_THAT(refusal(ErrorKind::UnknownCollection,
+                      [&] {
+                        store_->restore({"first", "x", "y", true});
+                      }),
+              HasSubstr("no collection \"x\""));
+  EXPECT_THAT(refusal(ErrorKind::UnknownCollection, [&] { store_->backup("second", "x"); }),
+              HasSubstr("\"x\""));
+  EXPECT_THAT(namesIn(backups()), ElementsAre("first"));
+}
+
+TEST_F(BackupTest, WithoutADirectoryForThemBackupsAreRefused) {
+  LocalStore other(directory_.path() / "other", {});
+  for (const auto& work :
+       {std::function<void()>([&] { other.backup("first", ""); }), std::function<void()>([&] {
+          other.restore({"first", {}, {}, true});
+        })}) {
+    EXPECT_THAT(refusal(ErrorKind::UnsupportedAction, work), HasSubstr("--backup-directory"));
+  }
+}
+
+TEST_F(BackupTest, DirectoryOfBackupsAmongTheCollectionsIsRefused) {
+  store_.reset();
+  EXPECT_THAT(refusal(ErrorKind::StorageFailed,
+                      [&] { LocalStore(data(), {}, data() / "collections" / "x"); }),
+              HasSubstr("among the collections"));
+  EXPECT_NO_THROW(LocalStore(data(), {}, data() / "backups"));
+}
+
+TEST_F(BackupTest, NobodyElseMayReadABackup) {
+  fill("c");
+  const mode_t before = ::umask(0);
+  store_->backup("first", "c");
+  store_->restore({"first", "c", "d", false});
+  ::umask(before);
+  for (const std::filesystem::path& root : {backups() / "first", collection("d")}) {
+    EXPECT_EQ(std::filesystem::status(root).permissions(), std::filesystem::perms::owner_all);
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
+      const auto wanted =
+          entry.is_directory() ? std::filesystem::perms(0700) : std::filesystem::perms(0600);
+      EXPECT_EQ(entry.status().permissions(), wanted) << entry.path();
+    }
+  }
+}
+
+TEST_F(BackupTest, LeftoversOfACrashAreRemovedAndNothingElse) {
+  store_.reset();
+  for (const char* name : {".passing-a", ".passing-b", ".mine", "b"}) {
+    std::filesystem::create_directories(backups() / name / "collections");
+  }
+  const FileHandle busy = openFile(backups() / ".passing-b", O_RDONLY | O_DIRECTORY);
+  ASSERT_EQ(::flock(busy.get(), LOCK_EX), 0);
+  restart();
+  EXPECT_THAT(namesIn(backups()), ElementsAre(".mine", ".passing-b", "b"))
+      << "another server makes one of these";
+}
+
+TEST_F(BackupTest, FullDiskIsReportedAndNothingIsLeft) {
+  fill("c");
+  for (int i = 0; i < 200; ++i) {
+    const std::string number = std::to_string(i);
+    store_->addDocument("c", {"t" + number, {}, "text w" + number + " x" + number});
+  }
+  store_->updateIndex("c");
+  store_->backup("whole", "c");
+  const Texts before = texts("c");
+  for (const rlim_t bytes : {rlim_t{0}, rlim_t{100}, rlim_t{10000}}) {
+    const test::FileSizeLimit full(bytes);
+    EXPECT_THAT(refusal(ErrorKind::StorageFailed, [&] { store_->backup("second", "c"); }),
+                AllOf(HasSubstr("cannot write"), HasSubstr("File too large")));
+    EXPECT_THAT(refusal(ErrorKind::StorageFailed,
+                        [&] {
+                          store_->restore({"whole", "c", "d", false});
+                        }),
+                AllOf(HasSubstr("cannot write"), HasSubstr("File too large")));
+  }
+  EXPECT_THAT(namesIn(backups()), ElementsAre("whole"));
+  EXPECT_THAT(namesIn(data() / "collections"), ElementsAre("c"));
+  EXPECT_EQ(texts("c"), before);
+  store_->backup("second", "c");
+}
+
+TEST_F(BackupTest, DamageOfTheCollectionIsNotBackedUp) {
+  fill("c");
+  const std::filesystem::path table = collection("c") / "index" / "docdata.glass";
+  std::string bytes = read(table);
+  bytes[bytes.size() - 100] = static_cast<char>(bytes[bytes.size() - 100] ^ 4);
+  rewrite(table, bytes);
+  EXPECT_THAT(refusal(ErrorKind::StorageFailed, [&] { store_->backup("first", "c"); }),
+              HasSubstr(table.string() + " is damaged at byte "));
+  EXPECT_THAT(namesIn(backups()), IsEmpty());
+}
+
+TEST_F(BackupTest, EveryDamagedByteOfABackupIsFoundAndNamed) {
+  fill("c");
+  store_->backup("first", "c");
+  const Texts before = texts("c");
+  std::vector<std::pair<std::filesystem::path, std::size_t>> places;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(backups() / "first")) {
+    if (!entry.is_regular_file()) continue;
+    for (std::size_t i = 0; i < entry.file_size(); ++i) places.emplace_back(entry.path(), i);
+  }
+  std::sort(places.begin(), places.end());
+  std::mt19937 random(1);
+  std::shuffle(places.begin(), places.end(), random);
+  if (std::getenv("KRUCOMM_LONG") == nullptr) places.resize(300);
+  for (const auto& [path, place] : places) {
+    const std::string whole = read(path);
+    std::string bytes = whole;
+    bytes[place] = static_cast<char>(bytes[place] ^ (1 << random() % 8));
+    rewrite(path, bytes);
+    EXPECT_THAT(
+        refusal(ErrorKind::StorageFailed,
+                [&] {
+                  store_->restore({"first", {}, {}, true});
+                }),
+        AllOf(HasSubstr(path.string() + " is damaged at byte "), HasSubstr("another backup")))
+        << place;
+    rewrite(path, whole);
+    ASSERT_FALSE(HasFailure());
+  }
+  EXPECT_EQ(texts("c"), before);
+  EXPECT_FALSE(std::filesystem::exists(data() / "before-restore"));
+  store_->restore({"first", {}, {}, true});
+}
+
+TEST_F(BackupTest, FilesOfABackupThatAreCutLongerOrMissingAreNamed) {
+  fill("c");
+  store_->backup("first", "c");
+  std::vector<std::filesystem::path> paths;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(backups() / "first")) {
+    if (entry.is_regular_file()) paths.push_back(entry.path());
+  }
+  const auto refused = [&] {
+    return refusal(ErrorKind::StorageFailed, [&] { store_->restore({"first", "c", "d", false}); });
+  };
+  for (const std::filesystem::path& path : paths) {
+    SCOPED_TRACE(path.string());
+    const std::string whole = read(path);
+    if (!whole.empty()) {
+      rewrite(path, whole.substr(0, whole.size() - 1));
+      EXPECT_THAT(refused(), HasSubstr(path.string()));
+    }
+    rewrite(path, whole + "x");
+    EXPECT_THAT(refused(), HasSubstr(path.string()));
+    std::filesystem::remove(path);
+    if (path != BackupManifest::pathIn(backups() / "first")) {
+      EXPECT_THAT(refused(),
+                  HasSubstr(path.string() + " is damaged at byte 0: the file is missing"));
+    }
+    rewrite(path, whole);
+  }
+  EXPECT_THAT(namesIn(data() / "collections"), ElementsAre("c"));
+}
+
+TEST_F(BackupTest, ListOfFilesLeadsToNoOtherFiles) {
+  rewrite(directory_.path() / "secret", "secret");
+  std::filesystem::create_directories(backups() / "evil" / "collections");
+  for (const char* name : {"../../secret", "/etc/hostname", "collections/c/../../../../secret",
+                           "collections/../collections/c/x", "collections/c", "secret", ""}) {
+    std::string text = "corvaned backup 1\nmade = 2026-11-22T06:00:00Z\nfile = 6 ";
+    text += fmt::format("{:08x} {}\n", checksumOf("secret"), name);
+    rewrite(BackupManifest::pathIn(backups() / "evil"),
+            text + fmt::format("checksum = {:08x}\n", checksumOf(text)));
+    EXPECT_THAT(refusal(ErrorKind::StorageFailed,
+                        [&] {
+                          store_->restore({"evil", {}, {}, true});
+                        }),
+                HasSubstr("the list of the files cannot be read"))
+        << name;
+  }
+}
+
+TEST_F(BackupTest, BackupIsCheckedLikeADataDirectoryButNeverChanged) {
+  fill("c");
+  store_->backup("first", "");
+  const std::filesystem::path backup = backups() / "first";
+  const Maintenance maintenance(backup);
+  EXPECT_THAT(maintenance.collections(), ElementsAre("c"));
+  EXPECT_TRUE(maintenance.check("c").isSound());
+  EXPECT_EQ(maintenance.check("c").changes, 3U);
+  EXPECT_THAT(namesIn(backup), ElementsAre("BACKUP", "collections"));
+  // Nothing but the list of the files knows of it.
+  const std::filesystem::path mark = backup / "collections" / "c" / "journal-0000000000";
+  const std::string bytes = read(mark);
+  rewrite(mark, "x" + bytes.substr(1));
+  const CollectionCheck check = maintenance.check("c");
+  ASSERT_EQ(check.index.size(), 1U);
+  EXPECT_EQ(check.index[0].file, mark);
+  EXPECT_THAT(refusal(ErrorKind::StorageFailed, [&] { maintenance.repair("c"); }),
+              HasSubstr("copy it without the file BACKUP"));
+  EXPECT_THAT(refusal(ErrorKind::StorageFailed, [&] { LocalStore(backup, {}); }),
+              HasSubstr("is a backup"));
+  rewrite(mark, bytes);
+  std::filesystem::remove(BackupManifest::pathIn(backup));
+  EXPECT_EQ(texts(*std::make_unique<LocalStore>(backup, StoreLimits{}), "c"), texts("c"));
+}
+
+TEST_F(BackupTest, FilesThatNobodyKnowsOfAreCopied) {
+  fill("c");
+  rewrite(collection("c") / "something", "that a later version keeps");
+  std::filesystem::create_directories(collection("c") / "more" / "of");
+  rewrite(collection("c") / "more" / "of" / "it", "here");
+  rewrite(collection("c") / "half.new", "written");
+  store_->backup("first", "c");
+  store_->restore({"first", "c", "d", false});
+  EXPECT_EQ(read(collection("d") / "something"), "that a later version keeps");
+  EXPECT_EQ(read(collection("d") / "more" / "of" / "it"), "here");
+  EXPECT_FALSE(std::filesystem::exists(collection("d") / "half.new"));
+}
+
+TEST_F(BackupTest, BackupThatNobodyWaitsForIsGivenUpAndLeavesNothing) {
+  fill("c");
+  for (int i = 0; i < 300; ++i) {
+    store_->addDocument("c", {"t" + std::to_string(i), {}, "fox " + std::to_string(i)});
+  }
+  store_->updateIndex("c");
+  int givenUp = 0;
+  for (int round = 0; round < 30; ++round) {
+    const auto request = std::make_shared<RequestContext>(RequestContext::Limits{});
+    std::optional<ServerError> failure;
+    std::jthread client([&] {
+      const RequestContext::Scope scope(*request);
+      try {
+        store_->backup("first", "");
+      } catch (const ServerError& error) {
+        failure = error;
+      }
+    });
+    const std::filesystem::path passing = backups() / ".passing-first" / "collections" / "c";
+    while (namesIn(passing).size() < static_cast<std::size_t>(round % 5) + 1 &&
+           !std::filesystem::exists(backups() / "first")) {
+      std::this_thread::yield();
+    }
+    request->cancelAt(RequestContext::Clock::now());
+    client.join();
+    if (failure) {
+      EXPECT_EQ(messageId(failure->kind()), messageId(ErrorKind::Cancelled)) << failure->what();
+      EXPECT_THAT(namesIn(backups()), IsEmpty());
+      ++givenUp;
+    }
+    std::filesystem::remove_all(backups() / "first");
+  }
+  EXPECT_GT(givenUp, 0);
+}
+
+TEST_F(BackupTest, StopEndsABackup) {
+  fill("c");
+  store_->stop();
+  refusal(ErrorKind::TryAgain, [&] { store_->backup("first", "c"); });
+  EXPECT_THAT(namesIn(backups()), IsEmpty());
+}
+
+TEST_F(BackupTest, MemoryThatIsNotThereIsAReasonToTryAgain) {
+  store_.reset();
+  limits_.index.memory = std::make_shared<MemoryBudget>(std::size_t{3} << 20U);
+  restart();
+  fill("c");
+  EXPECT_THAT(refusal(ErrorKind::TryAgain, [&] { store_->backup("first", "c"); }),
+              HasSubstr("--max-memory"));
+  EXPECT_THAT(namesIn(backups()), IsEmpty());
+}
+
+TEST_F(BackupTest, CollectionsThatComeAndGoMeanwhileDoNotMatter) {
+  fill("c");
+  const Texts wanted = texts("c");
+  std::jthread other([&](const std::stop_token& stop) {
+    while (!stop.stop_requested()) {
+      store_->createCollection("d", "en");
+      store_->addDocument("d", {"k", {}, "fox"});
+      store_->updateIndex("d");
+      store_->deleteCollection("d");
+    }
+  });
+  for (int i = 0; i < 15; ++i) {
+    const std::string name = std::to_string(i);
+    ASSERT_NO_THROW(store_->backup(name, ""));
+    ASSERT_NO_THROW(store_->restore({name, "c", "r" + name, false}));
+    EXPECT_EQ(texts("r" + name), wanted);
+  }
+}
+
+TEST_F(BackupTest, RestoreExchangesACollectionInUse) {
+  fill("c");
+  store_->backup("first", "c");
+  const Texts wanted = texts("c");
+  std::vector<std::jthread> clients;
+  std::atomic<int> served = 0;
+  for (int client = 0; client < 3; ++client) {
+    clients.emplace_back([&, client](const std::stop_token& stop) {
+      for (int i = 0; !stop.stop_requested(); ++i) {
+        try {
+          if (client == 0) store_->addDocument("c", {std::to_string(i), {}, "fox"});
+          if (client == 1) store_->updateIndex("c");
+          if (client == 2) {
+            EXPECT_GE(hits("c", "fox"), 2U);
+          }
+          ++served;
+        } catch (const ServerError& error) {
+          EXPECT_EQ(error.kind(), ErrorKind::UnknownCollection) << error.what();
+        }
+      }
+    });
+  }
+  for (int i = 0; i < 20; ++i) {
+    const int before = served;
+    ASSERT_NO_THROW(store_->restore({"first", {}, "c", true}));
+    while (served < before + 5) std::this_thread::yield();
+  }
+  clients.clear();
+  store_->restore({"first", {}, "c", true});
+  EXPECT_EQ(texts("c"), wanted);
+  restart();
+  EXPECT_EQ(texts("c"), wanted);
+}
+
+/// Changes the documents with keys of its own, one after the other.
+class Writer {
+ public:
+  Writer(LocalStore& store, std::string collection, int number)
+      : store_(store),
+        collection_(std::move(collection)),
+        prefix_("w" + std::to_string(number) + "-"),
+        random_(static_cast<unsigned>(number)) {}
+
+  /// Allows so many more changes.
+  void allow(std::ptrdiff_t changes) { allowed_.release(changes); }
+
+  void run(const std::stop_token& stop) {
+    while (!stop.stop_requested()) {
+      if (!allowed_.try_acquire_for(std::chrono::milliseconds(10))) continue;
+      const std::string key = prefix_ + std::to_string(random_() % 8);
+      const bool removes = random_() % 4 == 0;
+      const std::string text = "fox " + std::to_string(changes_.size());
+      {
+        const std::lock_guard lock(mutex_);
+        changes_.push_back({key, removes ? std::nullopt : std::optional(text)});
+      }
+      if (removes) {
+        store_.deleteDocument(collection_, key);
+      } else {
+        store_.addDocument(collection_, {key, {}, text});
+      }
+      const std::lock_guard lock(mutex_);
+      acknowledged_ = changes_.size();
+    }
+  }
+
+  std::size_t acknowledged() const {
+    const std::lock_guard lock(mutex_);
+    return acknowledged_;
+  }
+
+  /// Whether this is what its documents were after some change that is none of the first `least`.
+  bool explains(const Texts& found, std::size_t least) const {
+    const std::lock_guard lock(mutex_);
+    Texts wanted;
+    for (std::size_t i = 0; i <= changes_.size(); ++i) {
+      if (i >= least && ofMine(found) == wanted) return true;
+      if (i == changes_.size()) return false;
+      const auto& [key, text] = changes_[i];
+      if (text) {
+        wanted[key] = *text;
+      } else {
+        wanted.erase(key);
+      }
+    }
+    return false;
+  }
+
+ private:
+  Texts ofMine(const Texts& found) const {
+    Texts mine;
+    for (const auto& [key, text] : found) {
+      if (key.starts_with(prefix_)) mine[key] = text;
+    }
+    return mine;
+  }
+
+  LocalStore& store_;
+  const std::string collection_;
+  const std::string prefix_;
+  std::mt19937 random_;
+  std::counting_semaphore<> allowed_{0};
+  mutable std::mutex mutex_;
+  std::vector<std::pair<std::string, std::optional<std::string>>> changes_;
+  std::size_t acknowledged_ = 0;
+};
+
+class BusyBackupTest : public BackupTest, public ::testing::WithParamInterface<const char*> {};
+
+INSTANTIATE_TEST_SUITE_P(Refresh, BusyBackupTest, ::testing::Values("manual", "immediate", "5"),
+                         [](const auto& test) { return std::string("at_") + test.param; });
+
+// What is in a backup are the changes up to one that came after it had been asked for, and all of
+// those.
+TEST_P(BusyBackupTest, HoldsWhatWasAcknowledgedBeforeAndNothingByHalves) {
+  store_.reset();
+  limits_.index.batchChanges = 5;
+  limits_.hiddenKeys = 3;
+  restart();
+  store_->createCollection("c", "en", *refreshFrom(GetParam()));
+  std::vector<std::unique_ptr<Writer>> writers;
+  std::vector<std::jthread> threads;
+  for (int i = 0; i < 3; ++i) {
+    writers.push_back(std::make_unique<Writer>(*store_, "c", i));
+    threads.emplace_back(
+        [writer = writers.back().get()](const std::stop_token& stop) { writer->run(stop); });
+  }
+  threads.emplace_back([&](const std::stop_token& stop) {
+    while (!stop.stop_requested()) store_->updateIndex("c");
+  });
+  threads.emplace_back([&](const std::stop_token& stop) {
+    while (!stop.stop_requested()) hits("c", "fox");
+  });
+  for (int round = 0; round < 8; ++round) {
+    const std::string name = "b" + std::to_string(round);
+    std::vector<std::size_t> least;
+    for (const auto& writer : writers) {
+      least.push_back(writer->acknowledged());
+      writer->allow(50);
+    }
+    ASSERT_NO_THROW(store_->backup(name, "c"));
+    ASSERT_NO_THROW(store_->restore({name, "c", name, false}));
+    const Texts found = texts(name);
+    for (std::size_t i = 0; i < writers.size(); ++i) {
+      EXPECT_TRUE(writers[i]->explains(found, least[i])) << name << ", writer " << i;
+    }
+    while (writers[0]->acknowledged() < least[0] + 10) std::this_thread::yield();
+  }
+  threads.clear();
+  store_->backup("last", "c");
+  store_->restore({"last", "c", "last", false});
+  EXPECT_EQ(texts("last"), texts("c"));
+  EXPECT_EQ(hits("last", "fox"), hits("c", "fox"));
+}
+
+}  // namespace
+}  // namespace corvaned
