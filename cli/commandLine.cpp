@@ -98,6 +98,8 @@ class Builder {
     addSearch();
     addEstimate();
     addDelete();
+    addBackup();
+    addRestore();
     addStatus();
     addVersion();
   }
@@ -262,6 +264,34 @@ class Builder {
     sub->add_option("KEY", *keys, "Keys of the documents")->required();
     sub->add_flag("--base64", *base64,
                   "The keys are Base64, as search shows those that\ncannot be printed");
+  }
+
+  void addBackup() {
+    auto arguments = makeArguments<BackupArguments>();
+    auto* sub = addCommand(
+        "backup", "Make a backup on the server's machine, while it serves",
+        [=](Session& session) { return backup(session, *arguments); },
+        "The server needs --backup-directory. It gives up a backup that nobody waits for,\n"
+        "so --timeout has to be long enough for it. The request is not repeated.");
+    sub->add_option("BACKUP", arguments->backup, "Name of the backup, which no other one has")
+        ->required();
+    sub->add_option("COLLECTION", arguments->collection, "Name of the collection (default: all)");
+  }
+
+  void addRestore() {
+    auto arguments = makeArguments<RestoreArguments>();
+    auto* sub = addCommand(
+        "restore", "Make collections of a backup",
+        [=](Session& session) { return restore(session, *arguments); },
+        "A collection that exists is only replaced with --replace; the server keeps it in\n"
+        "before-restore of its data directory. The request is not repeated.");
+    sub->add_option("BACKUP", arguments->backup, "Name of the backup")->required();
+    auto* collection = sub->add_option("COLLECTION", arguments->collection,
+                                       "Name of the collection (default: all in the backup)");
+    sub->add_option("--from", arguments->from, "What the collection is called in the backup")
+        ->needs(collection)
+        ->option_text("NAME");
+    sub->add_flag("--replace", arguments->replace, "Replace a collection that exists");
   }
 
   void addStatus() {

@@ -50,6 +50,25 @@ ExitCode runOn(Session& session, ClientRequest::REQUEST kind, const std::string&
   return ExitCode::Ok;
 }
 
+// What the server shall do with the backup of that name.
+ClientRequest backupRequest(ClientRequest::REQUEST kind, const std::string& name,
+                            const std::optional<std::string>& collection,
+                            tq::util::ExtendedProperties properties = {}) {
+  properties.putProperty(u"backup", headerValue("the backup's name", name));
+  if (collection) return collectionRequest(kind, collectionName(*collection), properties);
+  ClientRequest request;
+  request.buildRequest(kind, properties);
+  return request;
+}
+
+nlohmann::ordered_json backupResult(const char* done, const std::string& backup,
+                                    const std::optional<std::string>& collection) {
+  nlohmann::ordered_json object = {{"backup", backup}};
+  if (collection) object["collection"] = *collection;
+  object["done"] = done;
+  return object;
+}
+
 // The key where it can be read as text, otherwise what the server calls the document.
 std::string nameOf(const tq::comm::ParseResult& result) {
   const auto key = keyOfDocId(result.getDocument());
@@ -196,6 +215,37 @@ ExitCode estimate(Session& session, const std::string& collection, const std::st
                   counted(static_cast<std::uint64_t>(info.getFirst()), "hit"), info.getSecond(),
                   counted(static_cast<std::uint64_t>(info.getThird()), "document")),
       {{"hits", info.getFirst()}, {"atMost", info.getSecond()}, {"documents", info.getThird()}});
+  return ExitCode::Ok;
+}
+
+ExitCode backup(Session& session, const BackupArguments& arguments) {
+  setDoubt(session,
+           "the server gives up a backup that nobody waits for, unless it was complete already");
+  ClientRequest request =
+      backupRequest(ClientRequest::BACKUP, arguments.backup, arguments.collection);
+  ClientResponse response;
+  exchangeVisibly(session, request, response);
+  session.printer.result("made the backup " + arguments.backup,
+                         backupResult("made", arguments.backup, arguments.collection));
+  return ExitCode::Ok;
+}
+
+ExitCode restore(Session& session, const RestoreArguments& arguments) {
+  setDoubt(session,
+           "the collection may have been restored all the same (the request was not repeated)");
+  tq::util::ExtendedProperties properties;
+  if (arguments.from) {
+    properties.putProperty(u"from", headerValue("the collection's name", *arguments.from));
+  }
+  if (arguments.replace) properties.putProperty(u"replace", tq::comm::StaticDefs::STRING_true);
+  ClientRequest request =
+      backupRequest(ClientRequest::RESTORE, arguments.backup, arguments.collection, properties);
+  ClientResponse response;
+  exchangeVisibly(session, request, response);
+  session.printer.result(
+      fmt::format("restored {} from the backup {}",
+                  arguments.collection.value_or("all collections"), arguments.backup),
+      backupResult("restored", arguments.backup, arguments.collection));
   return ExitCode::Ok;
 }
 

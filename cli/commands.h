@@ -39,6 +39,21 @@ struct SearchArguments {
 ExitCode search(Session& session, const SearchArguments& arguments);
 ExitCode estimate(Session& session, const std::string& collection, const std::string& query);
 
+/// Backups lie on the server's machine. Without a collection all of them are meant.
+struct BackupArguments {
+  std::string backup;
+  std::optional<std::string> collection;
+};
+ExitCode backup(Session& session, const BackupArguments& arguments);
+
+struct RestoreArguments {
+  std::string backup;
+  std::optional<std::string> collection;
+  std::optional<std::string> from;  ///< what the collection is called in the backup
+  bool replace = false;
+};
+ExitCode restore(Session& session, const RestoreArguments& arguments);
+
 /// The server's state, or a collection's when one is named.
 ExitCode status(Session& session, const std::string& collection);
 ExitCode serverVersion(Session& session);

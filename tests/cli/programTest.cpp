@@ -9,6 +9,7 @@
 
 #include "tests/cli/childProcess.h"
 #include "tests/support/corvanedProcess.h"
+#include "tests/support/temporaryDirectory.h"
 
 using namespace corvane::test;
 using ::testing::HasSubstr;
@@ -240,6 +241,44 @@ TEST_P(Program, LoadsBesideAnotherLoadIntoTheSameCollection) {
   EXPECT_THAT(otherEnded.err, HasSubstr("corvane: line 4001, key \"huge\": the document has "));
   EXPECT_EQ(runToEnd(command({"update", "c"})).code, 0);
   EXPECT_EQ(lineCount(runToEnd(command({"search", "c", "common"})).out), 8000U);
+}
+
+TEST_P(Program, BacksUpAndRestores) {
+  const tq::test::TemporaryDirectory backups;
+  const tq::test::CorvanedProcess server({"--backup-directory", backups.path()});
+  const auto port = std::string(GetParam()) == "http" ? server.httpPort() : server.binaryPort();
+  const auto runThere = [&](std::vector<std::string> words) {
+    words.insert(words.begin(),
+                 {CORVANE_PROGRAM, "--protocol", GetParam(), "--port", std::to_string(port)});
+    return runToEnd(words);
+  };
+  for (const std::string name : {"c", "e"}) {
+    ASSERT_EQ(runThere({"create", name}).code, 0);
+    ASSERT_EQ(runThere({"add", name, "k1", "a fox of " + name}).code, 0);
+  }
+  EXPECT_EQ(runThere({"backup", "one", "c"}).out, "made the backup one\n");
+  EXPECT_EQ(runThere({"backup", "all", "--json"}).out, "{\"backup\":\"all\",\"done\":\"made\"}\n");
+  EXPECT_THAT(runThere({"backup", "all"}).err, HasSubstr("(ZVK0006E)"));
+  EXPECT_EQ(runThere({"restore", "all", "d", "--from", "e"}).out,
+            "restored d from the backup all\n");
+  EXPECT_EQ(runThere({"update", "d"}).code, 0);
+  EXPECT_THAT(runThere({"search", "d", "fox e"}).out, HasSubstr("k1"));
+  EXPECT_THAT(runThere({"restore", "all"}).err, HasSubstr("(ZVK0008E)"));
+  EXPECT_EQ(runThere({"restore", "one", "c", "--replace", "--json"}).out,
+            "{\"backup\":\"one\",\"collection\":\"c\",\"done\":\"restored\"}\n");
+  EXPECT_EQ(runThere({"restore", "all", "--replace"}).out,
+            "restored all collections from the backup all\n");
+  // Most likely a variable that is not set: all collections are not what it stands for.
+  EXPECT_EQ(runThere({"restore", "all", "", "--replace"}).code, 2);
+  EXPECT_EQ(runThere({"backup", "more", ""}).code, 2);
+}
+
+TEST_P(Program, SaysHowTheServerCanMakeBackups) {
+  for (const char* command : {"backup", "restore"}) {
+    const Finished finished = run({command, "b"});
+    EXPECT_EQ(finished.code, 1);
+    EXPECT_THAT(finished.err, HasSubstr("--backup-directory"));
+  }
 }
 
 TEST_P(Program, FailsCleanlyOnThePortOfTheOtherProtocol) {
