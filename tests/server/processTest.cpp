@@ -226,7 +226,9 @@ TEST_F(ProcessTest, RestoredCollectionHasTheDigestOfTheOneThatWasBackedUp) {
     EXPECT_EQ(ask({{"action", "addDocument"}, {"index", "c"}},
                   test::documentBlock("k" + number, {{"n", number}}, "fox " + number)),
               success);
-    if (i == 60) EXPECT_EQ(ask({{"action", "updateIndex"}, {"index", "c"}}), success);
+    if (i == 60) {
+      EXPECT_EQ(ask({{"action", "updateIndex"}, {"index", "c"}}), success);
+    }
   }
   EXPECT_EQ(ask({{"action", "backup"}, {"backup", "b"}, {"index", "c"}}), success);
   EXPECT_EQ(ask({{"action", "restore"}, {"backup", "b"}, {"from", "c"}, {"index", "d"}}), success);

@@ -112,6 +112,11 @@ int rename(const char* from, const char* to) noexcept {
   return call(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, 0);
 }
 
+int renameat2(int fromDirectory, const char* from, int toDirectory, const char* to,
+              unsigned flags) noexcept {
+  return call(SYS_renameat2, fromDirectory, from, toDirectory, to, flags);
+}
+
 int unlinkat(int directory, const char* path, int flags) noexcept {
   return call(SYS_unlinkat, directory, path, flags);
 }
