@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "cli/errors.h"
+#include "cli/indexProgress.h"
 #include "cli/outcomes.h"
 #include "cli/request.h"
 #include "cli/text.h"
@@ -27,12 +28,16 @@ icu::UnicodeString collectionName(const std::string& collection) {
   return headerValue("the collection's name", collection);
 }
 
-// An update may take minutes; at a terminal it shows that it has not died.
-void exchangeVisibly(Session& session, ClientRequest& request, ClientResponse& response) {
+// What takes minutes shows at a terminal that it has not died, and how far it is if that is known.
+void exchangeVisibly(Session& session, ClientRequest& request, ClientResponse& response,
+                     IndexProgress* progress = nullptr) {
   std::optional<Ticker> alive;
   if (session.printer.showsProgress()) {
-    alive.emplace([&](unsigned int seconds) {
-      session.printer.progress("the server is working, " + counted(seconds, "second"));
+    alive.emplace([&session, progress](unsigned int seconds) {
+      std::string line = "the server is working, " + counted(seconds, "second");
+      if (progress && !progress->text().empty()) line += ", " + progress->text();
+      session.printer.progress(line);
+      if (progress) progress->ask();
     });
   }
   exchange(session, request, response);
@@ -44,7 +49,9 @@ ExitCode runOn(Session& session, ClientRequest::REQUEST kind, const std::string&
   setDoubt(session, fmt::format("{}, which 'corvane status {}' tells", doubt, collection));
   ClientRequest request = collectionRequest(kind, collectionName(collection));
   ClientResponse response;
-  exchangeVisibly(session, request, response);
+  IndexProgress progress(session.settings, collectionName(collection));
+  exchangeVisibly(session, request, response,
+                  kind == ClientRequest::UPDATE_INDEX ? &progress : nullptr);
   session.printer.result(fmt::format("{} {}", done, collection),
                          {{"collection", collection}, {"done", done}});
   return ExitCode::Ok;

@@ -74,10 +74,13 @@ std::string shownOptions(const TextOptions& options) {
 
 ReportReply::Line collectionLine(Store& store, const std::string& name) {
   const CollectionSummary summary = store.summary(name);
+  const std::string indexing =
+      summary.indexing == 0 ? ""
+                            : fmt::format(" indexing={}/{}", summary.indexed, summary.indexing);
   return {name, kCollectionLine,
-          fmt::format("documents={} pending={} bytes={} language={}{} refresh={} mark={}",
+          fmt::format("documents={} pending={} bytes={} language={}{} refresh={}{} mark={}",
                       summary.documents, summary.pending, summary.bytes, summary.language,
-                      shownOptions(summary.options), summary.refresh,
+                      shownOptions(summary.options), summary.refresh, indexing,
                       summary.mark.empty() ? kNoMark : summary.mark)};
 }
 

@@ -400,9 +400,16 @@ bool Collection::advance(Job& job) {
     return true;
   }
   if (!std::exchange(job.begun, true) && !begin(job)) return false;
-  if (job.update->step()) return true;
+  const bool more = job.update->step();
+  noteProgress(job.update->progress());
+  if (more) return true;
   end(job);
   return false;
+}
+
+void Collection::noteProgress(IndexUpdate::Progress progress) {
+  const std::lock_guard lock(jobsMutex_);
+  progress_ = progress;
 }
 
 bool Collection::begin(Job& job) {
@@ -496,6 +503,7 @@ void Collection::endJob(const std::optional<ServerError>& failure) {
   {
     const std::lock_guard lock(jobsMutex_);
     if (updating_ == job->ticket) updating_.reset();
+    progress_ = {};
   }
   // Documents that were refused have been reported one by one.
   const bool concernsAll = failure && failure->kind() != ErrorKind::DocumentsNotIndexed;
@@ -591,6 +599,9 @@ CollectionSummary Collection::summary() {
   summary.bytes = bytesIn(directory_);
   summary.refresh = textOf(refresh_);
   summary.mark = batches_.mark();
+  const std::lock_guard lock(jobsMutex_);
+  summary.indexed = progress_.done;
+  summary.indexing = progress_.all;
   return summary;
 }
 

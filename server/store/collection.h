@@ -186,6 +186,7 @@ class Collection {
   bool isIndexed() const;
   bool takeJob();
   bool advance(Job& job);
+  void noteProgress(IndexUpdate::Progress progress);
   bool begin(Job& job);
   JournalPosition closeSegment();
   void end(Job& job);
@@ -240,13 +241,14 @@ class Collection {
   std::unique_ptr<Job> job_;  // Guarded by stepMutex_.
 
   mutable std::mutex jobsMutex_;
-  // Guarded by jobsMutex_: what is wanted next; the update under way and what part of the journal
-  // it covers; and whether somebody calls indexStep().
+  // Guarded by jobsMutex_: what is wanted next; the update under way, what part of the journal it
+  // covers, and how far it is; and whether somebody calls indexStep().
   std::shared_ptr<Ticket> updateWanted_;
   std::shared_ptr<Ticket> removalWanted_;
   std::vector<Waiting> roundWanted_;
   std::shared_ptr<Ticket> updating_;
   JournalPosition updatingTo_;
+  IndexUpdate::Progress progress_;
   bool indexing_ = false;
 
   // Opening the journal fills the members above, so it must be declared after them.

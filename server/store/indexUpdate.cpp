@@ -30,6 +30,7 @@ void IndexUpdate::count() {
     const auto change = part_.next();
     if (!change) {
       counted_ = true;
+      all_ = position_;
       part_.rewind();
       position_ = 0;
       break;
@@ -38,6 +39,7 @@ void IndexUpdate::count() {
     if (isNew) keyBytes_ += entry->first.size() + kKeyCost;
   }
   memory_.force(keyBytes_);
+  if (!counted_) all_ = position_;
 }
 
 // Only the last change of each key counts. The earlier ones would cost time and could make a

@@ -118,6 +118,10 @@ struct CollectionSummary {
   /// Empty if it has none.
   std::string mark{};
   TextOptions options{};
+  /// Of an index update that is under way: how many of its changes are in the index, and how many
+  /// it has. Both 0 if none is.
+  std::uint64_t indexed = 0;
+  std::uint64_t indexing = 0;
 };
 
 /// What is to be told of hits.

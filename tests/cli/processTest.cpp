@@ -105,6 +105,23 @@ TEST(Update, ShowsAtATerminalThatItIsAliveAndIsSilentElsewhere) {
   }
 }
 
+TEST(Update, ShowsAtATerminalHowFarTheServerIs) {
+  const std::string facts = "documents=1 pending=50000 bytes=2 language=en indexing=1200/50000";
+  const std::string report =
+      kUninterpreted + enveloped(record({{"Doc", "books"}, {"MsgId", "I"}, {"MsgText", facts}})) +
+      kEndMark;
+  ScriptedServer server(std::vector{Script().expectRequest().stall().send(answer("")),
+                                    Script().expectRequest().send(answer(report)).awaitClose()});
+  Terminal terminal;
+  Child child(overHttp(server, {"update", "books"}), terminal);
+  terminal.await("second");
+  terminal.await("seconds, 1200 of 50000 changes are indexed");
+  server.release();
+  const Finished finished = child.finish();
+  EXPECT_EQ(finished.code, 0);
+  EXPECT_EQ(finished.out, "updated books\n");
+}
+
 class Interrupted : public ::testing::TestWithParam<int> {};
 
 TEST_P(Interrupted, LoadSaysWhatWasTakenAndWhatIsInDoubt) {

@@ -142,6 +142,15 @@ TEST_F(ReportsTest, HitsNeedAQueryOnlyWhereTheyHaveScores) {
   EXPECT_EQ(seen.size, 10U);
 }
 
+TEST_F(ReportsTest, ProgressOfAnUpdateIsToldWhileThereIsOne) {
+  CollectionSummary summary{1, 2, 3, "de"};
+  summary.indexed = 1200;
+  summary.indexing = 50000;
+  EXPECT_CALL(store_, summary("a")).WillOnce(Return(summary));
+  EXPECT_EQ(lines({{"report", "collection"}, {"index", "a"}}).at(0).messageText,
+            "documents=1 pending=2 bytes=3 language=de refresh= indexing=1200/50000 mark=none");
+}
+
 TEST_F(ReportsTest, CollectionsComeInPages) {
   EXPECT_CALL(store_, collections("m", 7U)).WillOnce(Return(std::vector<std::string>{}));
   EXPECT_TRUE(lines({{"report", "collections"}, {"after", "m"}, {"size", "7"}}).empty());

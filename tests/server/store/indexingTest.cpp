@@ -24,6 +24,26 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
+TEST(IndexingProgress, IsToldAfterEachStepAndEndsWithTheUpdate) {
+  const tq::test::TemporaryDirectory directory;
+  Collection::create(directory.path(), {"en", {}}, {});
+  StoreLimits limits;
+  limits.index.batchChanges = 3;
+  const std::atomic<bool> stopping = false;
+  Collection collection("c", directory.path(), limits, std::make_shared<ParseOutcomes>(100),
+                        stopping);
+  for (int i = 0; i < 8; ++i) collection.add({"k" + std::to_string(i), {}, "fox"});
+  const auto ticket = collection.requestUpdate();
+  ASSERT_TRUE(collection.takeOnIndexing());
+  std::vector<std::string> told;
+  do {
+    const CollectionSummary summary = collection.summary();
+    told.push_back(std::to_string(summary.indexed) + "/" + std::to_string(summary.indexing));
+  } while (collection.indexStep());
+  EXPECT_THAT(told, ::testing::ElementsAre("0/0", "3/8", "6/8", "0/0"));
+  EXPECT_TRUE(ticket->isDone());
+}
+
 class IndexingTest : public ::testing::Test {
  protected:
   IndexingTest() {
