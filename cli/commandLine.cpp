@@ -100,6 +100,7 @@ class Builder {
     addDelete();
     addBackup();
     addRestore();
+    addBackups();
     addStatus();
     addVersion();
   }
@@ -292,6 +293,11 @@ class Builder {
         ->needs(collection)
         ->option_text("NAME");
     sub->add_flag("--replace", arguments->replace, "Replace a collection that exists");
+  }
+
+  void addBackups() {
+    addCommand("backups", "List the backups on the server's machine", listBackups,
+               "If the connection breaks, the request is not repeated: ask again.");
   }
 
   void addStatus() {

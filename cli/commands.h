@@ -46,6 +46,8 @@ struct BackupArguments {
 };
 ExitCode backup(Session& session, const BackupArguments& arguments);
 
+ExitCode listBackups(Session& session);
+
 struct RestoreArguments {
   std::string backup;
   std::optional<std::string> collection;

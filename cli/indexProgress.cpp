@@ -5,6 +5,7 @@
 #include <string_view>
 #include <utility>
 
+#include "cli/facts.h"
 #include "cli/request.h"
 #include "cli/text.h"
 #include "comm/kruClientResponse.h"
@@ -26,11 +27,7 @@ Settings impatient(Settings settings) {
 // Of the facts of a collection, "indexing=1200/50000" among others. Empty if no update is under
 // way, as before its first step.
 std::string progressIn(std::string_view facts) {
-  constexpr std::string_view kName = " indexing=";
-  const std::size_t place = facts.find(kName);
-  if (place == std::string_view::npos) return {};
-  const std::string_view value = facts.substr(place + kName.size());
-  const std::string_view fraction = value.substr(0, value.find(' '));
+  const std::string_view fraction = factIn(facts, "indexing").value_or("");
   const std::size_t slash = fraction.find('/');
   if (slash == std::string_view::npos) return {};
   return fmt::format("{} of {} changes are indexed", printable(fraction.substr(0, slash)),

@@ -14,17 +14,23 @@ namespace corvane {
 using tq::comm::ClientRequest;
 using tq::comm::ClientResponse;
 
+std::size_t takeResults(Session& session, ClientRequest& request,
+                        const std::function<void(const tq::comm::ParseResult&)>& take) {
+  ClientResponse response;
+  exchange(session, request, response);
+  std::size_t count = 0;
+  auto* results = &response.getParseResponse();
+  for (;;) {
+    for (; results->hasMore(); ++count) take(results->getNext());
+    if (session.client.isEndOfStream()) return count;
+    results = &response.getParseResponse(session.client);
+  }
+}
+
 void takeOutcomes(Session& session, const icu::UnicodeString& collection,
                   const std::function<void(const tq::comm::ParseResult&)>& take) {
   ClientRequest request = collectionRequest(ClientRequest::PARSE_RESULT, collection);
-  ClientResponse response;
-  exchange(session, request, response);
-  auto* results = &response.getParseResponse();
-  for (;;) {
-    while (results->hasMore()) take(results->getNext());
-    if (session.client.isEndOfStream()) break;
-    results = &response.getParseResponse(session.client);
-  }
+  takeResults(session, request, take);
 }
 
 bool isRefusal(const tq::comm::ParseResult& result) {

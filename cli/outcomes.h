@@ -2,6 +2,7 @@
 
 #include <unicode/unistr.h>
 
+#include <cstddef>
 #include <functional>
 #include <string>
 
@@ -16,6 +17,10 @@ class Message;
 }
 
 namespace corvane {
+
+/// Hands over one result of the request after the other. Returns how many there were.
+std::size_t takeResults(Session& session, tq::comm::ClientRequest& request,
+                        const std::function<void(const tq::comm::ParseResult&)>& take);
 
 /// Asks the server what became of the collection's documents and hands over one result after the
 /// other. The server tells each only once.

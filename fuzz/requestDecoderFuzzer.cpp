@@ -109,6 +109,9 @@ class EmptyStore : public corvaned::Store {
   }
   void updateIndex(const std::string& name) override { named(name); }
   void backup(const std::string& backup, const std::string&) override { named(backup); }
+  std::vector<corvaned::BackupSummary> backups(const std::string&, std::uint64_t) override {
+    return {{"b", "2026-11-22T06:00:00Z", 1, 2, ""}};
+  }
   void restore(const corvaned::Restoration& restoration) override {
     named(restoration.backup);
     require(restoration.from.empty() || !restoration.collection.empty(),

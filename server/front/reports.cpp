@@ -31,6 +31,8 @@ constexpr const char* kHitLine = "ZVK0104I";
 constexpr const char* kValueLine = "ZVK0105I";
 constexpr const char* kSnippetLine = "ZVK0106I";
 
+constexpr const char* kBackupLine = "ZVK0107I";
+
 constexpr std::uint64_t kMaxLines = 1000;
 // Each collection that is reported may have to be opened.
 constexpr std::uint64_t kUsualCollections = 100;
@@ -115,6 +117,23 @@ Reply collections(const Service& service, const Request& request) {
 Reply collection(const Service& service, const Request& request) {
   ReportReply reply;
   reply.lines.push_back(collectionLine(service.store, collectionOf(request)));
+  return reply;
+}
+
+Reply backups(const Service& service, const Request& request) {
+  const std::uint64_t most = linesWanted(request, kUsualCollections);
+  const std::string after(request.header(words().after));
+  ReportReply reply;
+  for (const BackupSummary& backup : service.store.backups(after, most)) {
+    if (!backup.damage.empty()) {
+      const std::string_view id = messageId(ErrorKind::StorageFailed);
+      reply.lines.push_back({backup.name, std::string(id), backup.damage});
+      continue;
+    }
+    reply.lines.push_back({backup.name, kBackupLine,
+                           fmt::format("made={} collections={} bytes={}", backup.made,
+                                       backup.collections, backup.bytes)});
+  }
   return reply;
 }
 
@@ -244,8 +263,9 @@ struct Report {
   Reply (*make)(const Service& service, const Request& request);
 };
 
-constexpr std::array<Report, 5> kReports{{
+constexpr std::array<Report, 6> kReports{{
     {&Words::collectionsReport, false, {&Words::after, &Words::size}, collections},
+    {&Words::backupsReport, false, {&Words::after, &Words::size}, backups},
     {&Words::collectionReport, true, {}, collection},
     {&Words::countReport, true, {&Words::query, &Words::after, &Words::upTo, &Words::keys}, count},
     {&Words::digestReport,

@@ -105,6 +105,7 @@ void addValues(Words& words) {
   words.hitsReport = "hits";
   words.all = "all";
   words.marked = "marked";
+  words.backupsReport = "backups";
   words.actionUnknown = utf8(Defs::ACT_UNKNOWN);
   words.actionUpdate = utf8(Defs::ACT_UPDATE);
   words.actionMonitor = utf8(Defs::ACT_MONITOR);

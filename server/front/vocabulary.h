@@ -24,7 +24,7 @@ struct Words {
       americanEnglish, protocol11, formatRdx, collectionScope, systemScope, text, html, xml,
       undefinedType, plainText, htmlText, xmlText, xmlApplication, utf8, byScore, byKey, unsorted,
       oneDocument, severalDocuments, collectionsReport, collectionReport, countReport, digestReport,
-      hitsReport, all, marked;
+      hitsReport, all, marked, backupsReport;
   std::string actionUnknown, actionUpdate, actionMonitor, actionSelect, actionAdmin;
   // Tags of a document block and names of record fields.
   std::string rowId, data, doc;

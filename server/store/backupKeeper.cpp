@@ -145,6 +145,25 @@ void BackupKeeper::restore(const Restoration& restoration) {
   carryOut([this, restoration](const StopCheck& stop) { restoreFrom(restoration, stop); });
 }
 
+// On the thread that asks: nothing is changed, and nobody wants to wait for a backup here.
+std::vector<BackupSummary> BackupKeeper::list(const std::string& after, std::uint64_t most) const {
+  std::vector<BackupSummary> summaries;
+  for (const std::string& name : backups_.names(after, most)) {
+    BackupSummary summary;
+    summary.name = name;
+    try {
+      const BackupManifest manifest = BackupManifest::read(backups_.find(name));
+      summary.made = manifest.made();
+      summary.collections = manifest.collections().size();
+      summary.bytes = manifest.bytes();
+    } catch (const ServerError& error) {
+      summary.damage = error.what();
+    }
+    summaries.push_back(std::move(summary));
+  }
+  return summaries;
+}
+
 void BackupKeeper::carryOut(std::function<void(const StopCheck& stop)> work) {
   auto ticket = std::make_shared<Ticket>();
   RequestContext* const current = RequestContext::current();

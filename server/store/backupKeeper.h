@@ -51,6 +51,7 @@ class BackupKeeper {
   /// As Store says.
   void backup(const std::string& backup, const std::string& collection);
   void restore(const Restoration& restoration);
+  std::vector<BackupSummary> list(const std::string& after, std::uint64_t most) const;
 
  private:
   /// What one request takes of the budgets.

@@ -40,6 +40,7 @@ class BackupManifest {
   /// Makes the file, durably but for the directory.
   void write() const;
 
+  const std::string& made() const { return made_; }
   /// Of all files.
   std::uint64_t bytes() const;
   /// The names of the collections.

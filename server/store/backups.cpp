@@ -4,6 +4,7 @@
 #include <spdlog/spdlog.h>
 #include <sys/file.h>
 
+#include <algorithm>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -62,6 +63,17 @@ std::filesystem::path Backups::find(const std::string& name) const {
   std::filesystem::path path = directory_ / directoryFor(name);
   if (BackupManifest::existsIn(path)) return path;
   throw ServerError(ErrorKind::BadParameter, "there is no backup " + shown(name));
+}
+
+std::vector<std::string> Backups::names(const std::string& after, std::uint64_t most) const {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(directory_)) {
+    std::string name = collectionNameFor(entry.path().filename().string());
+    if (name > after && BackupManifest::existsIn(entry.path())) names.push_back(std::move(name));
+  }
+  std::sort(names.begin(), names.end());
+  if (names.size() > most) names.resize(static_cast<std::size_t>(most));
+  return names;
 }
 
 // Those that nobody has locked.

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "server/store/files.h"
 
@@ -48,6 +50,8 @@ class Backups {
   Draft begin(const std::string& name);
   /// Throws ServerError(BadParameter) if there is none of that name.
   std::filesystem::path find(const std::string& name) const;
+  /// The first `most` of the names that come after `after`, in byte order.
+  std::vector<std::string> names(const std::string& after, std::uint64_t most) const;
 
  private:
   void removeLeftovers() const;

@@ -294,6 +294,10 @@ void LocalStore::backup(const std::string& backup, const std::string& name) {
 
 void LocalStore::restore(const Restoration& restoration) { keeper().restore(restoration); }
 
+std::vector<BackupSummary> LocalStore::backups(const std::string& after, std::uint64_t most) {
+  return keeper().list(after, most);
+}
+
 std::vector<std::string> LocalStore::collections(const std::string& after, std::uint64_t most) {
   std::vector<std::string> names;
   for (const auto& entry : std::filesystem::directory_iterator(collectionsRoot_)) {

@@ -84,6 +84,7 @@ class LocalStore : public Store {
   CollectionSummary summary(const std::string& name) override;
   void backup(const std::string& backup, const std::string& name) override;
   void restore(const Restoration& restoration) override;
+  std::vector<BackupSummary> backups(const std::string& after, std::uint64_t most) override;
   std::vector<std::string> collections(const std::string& after, std::uint64_t most) override;
 
  private:

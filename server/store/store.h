@@ -225,6 +225,18 @@ std::string textOf(const Refresh& refresh);
 /// Nothing if the text is none of these.
 std::optional<Refresh> refreshFrom(std::string_view text);
 
+/// What there is to know of a backup at a glance.
+struct BackupSummary {
+  std::string name;
+  /// When, in UTC: "2026-11-22T06:00:00Z".
+  std::string made;
+  std::uint64_t collections = 0;
+  /// Of its files.
+  std::uint64_t bytes = 0;
+  /// Why none of this can be read; empty if it can.
+  std::string damage;
+};
+
 /// What is to be taken from a backup, and as what.
 struct Restoration {
   std::string backup;
@@ -326,6 +338,8 @@ class Store {
   /// accepted before the call.
   virtual void backup(const std::string& backup, const std::string& name) = 0;
   virtual void restore(const Restoration& restoration) = 0;
+  /// The first `most` of the backups whose names come after `after`, in byte order.
+  virtual std::vector<BackupSummary> backups(const std::string& after, std::uint64_t most) = 0;
   /// The first `most` of the collections whose names come after `after`, in byte order.
   virtual std::vector<std::string> collections(const std::string& after, std::uint64_t most) = 0;
 };

@@ -58,6 +58,7 @@ TEST(CommandLine, KnowsEveryCommand) {
                                                           {"delete", "c", "k", "l"},
                                                           {"backup", "b"},
                                                           {"backup", "b", "c"},
+                                                          {"backups"},
                                                           {"restore", "b"},
                                                           {"restore", "b", "c", "--replace"},
                                                           {"restore", "b", "c", "--from", "d"},

@@ -268,6 +268,11 @@ TEST_P(Program, BacksUpAndRestores) {
             "{\"backup\":\"one\",\"collection\":\"c\",\"done\":\"restored\"}\n");
   EXPECT_EQ(runThere({"restore", "all", "--replace"}).out,
             "restored all collections from the backup all\n");
+  const Finished list = runThere({"backups"});
+  EXPECT_EQ(list.code, 0) << list.err;
+  EXPECT_THAT(list.out, ::testing::MatchesRegex("all: made [^\n]*, 2 collections, [0-9]* bytes\n"
+                                                "one: made [^\n]*, 1 collection, [0-9]* bytes\n"));
+  EXPECT_EQ(lineCount(runThere({"backups", "--json"}).out), 2U);
   // Most likely a variable that is not set: all collections are not what it stands for.
   EXPECT_EQ(runThere({"restore", "all", "", "--replace"}).code, 2);
   EXPECT_EQ(runThere({"backup", "more", ""}).code, 2);

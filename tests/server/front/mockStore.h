@@ -48,6 +48,7 @@ class MockStore : public Store {
   MOCK_METHOD(std::vector<HitDetails>, details,
               (const std::string&, const SearchQuery&, const DetailsWanted&), (override));
   MOCK_METHOD(void, backup, (const std::string&, const std::string&), (override));
+  MOCK_METHOD(std::vector<BackupSummary>, backups, (const std::string&, std::uint64_t), (override));
   MOCK_METHOD(void, restore, (const Restoration&), (override));
   MOCK_METHOD(CollectionState, state, (const std::string&), (override));
 };

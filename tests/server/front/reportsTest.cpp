@@ -151,6 +151,19 @@ TEST_F(ReportsTest, ProgressOfAnUpdateIsToldWhileThereIsOne) {
             "documents=1 pending=2 bytes=3 language=de refresh= indexing=1200/50000 mark=none");
 }
 
+TEST_F(ReportsTest, BackupsAreToldWithTheirFactsOrTheirDamage) {
+  EXPECT_CALL(store_, backups("a", 7U))
+      .WillOnce(Return(std::vector<BackupSummary>{{"b", "2026-11-22T06:00:00Z", 2, 81920, ""},
+                                                  {"c", "", 0, 0, "BACKUP is damaged"}}));
+  const std::vector<Line> told = lines({{"report", "backups"}, {"after", "a"}, {"size", "7"}});
+  ASSERT_EQ(told.size(), 2U);
+  EXPECT_EQ(told[0].subject, "b");
+  EXPECT_EQ(told[0].messageId, "ZVK0107I");
+  EXPECT_EQ(told[0].messageText, "made=2026-11-22T06:00:00Z collections=2 bytes=81920");
+  EXPECT_EQ(told[1].messageId, "ZVK0014E");
+  EXPECT_EQ(told[1].messageText, "BACKUP is damaged");
+}
+
 TEST_F(ReportsTest, CollectionsComeInPages) {
   EXPECT_CALL(store_, collections("m", 7U)).WillOnce(Return(std::vector<std::string>{}));
   EXPECT_TRUE(lines({{"report", "collections"}, {"after", "m"}, {"size", "7"}}).empty());

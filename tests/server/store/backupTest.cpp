@@ -269,6 +269,28 @@ TEST_F(BackupTest, NameInUseIsRefusedAndAnUnknownOneToo) {
   EXPECT_THAT(namesIn(backups()), ElementsAre("first"));
 }
 
+TEST_F(BackupTest, BackupsAreListedWithWhatIsInThem) {
+  fill("c");
+  store_->createCollection("d", "en");
+  for (const char* name : {"one/c", "all"})
+    store_->backup(name, name == std::string("all") ? "" : "c");
+  store_->backup("bad", "c");
+  rewrite(BackupManifest::pathIn(backups() / "bad"), "x");
+  std::filesystem::create_directories(backups() / "else");
+  const std::vector<BackupSummary> found = store_->backups("", 10);
+  ASSERT_EQ(found.size(), 3U);
+  EXPECT_EQ(found[0].name, "all");
+  EXPECT_EQ(found[0].collections, 2U);
+  EXPECT_THAT(found[0].made, ::testing::MatchesRegex("20..-..-..T..:..:..Z"));
+  EXPECT_THAT(found[1].damage, HasSubstr("bad/BACKUP is damaged"));
+  EXPECT_EQ(found[2].name, "one/c");
+  EXPECT_EQ(found[2].collections, 1U);
+  EXPECT_EQ(found[2].damage, "");
+  EXPECT_LT(found[2].bytes, found[0].bytes);
+  EXPECT_EQ(store_->backups("all", 1).at(0).name, "bad");
+  EXPECT_THAT(store_->backups("one/c", 10), IsEmpty());
+}
+
 TEST_F(BackupTest, WithoutADirectoryForThemBackupsAreRefused) {
   LocalStore other(directory_.path() / "other", {});
   for (const auto& work :
