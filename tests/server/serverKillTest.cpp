@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -12,6 +13,7 @@
 #include "tests/server/rawClient.h"
 #include "tests/server/requestBytes.h"
 #include "tests/support/corvanedProcess.h"
+#include "tests/support/temporaryDirectory.h"
 
 // The program as its users have it, killed at random moments, over and over on the same directory.
 //
@@ -90,6 +92,11 @@ class ServerSubject : public test::Subject {
     const bool acknowledged = client_.send(requestFor(step)) && isAnswered(step);
     ++applied_;
     return acknowledged;
+  }
+
+  /// False when the server is gone. Throws when it refuses.
+  bool ask(const test::Headers& headers) {
+    return client_.send(binaryRequest(headers)) && receiveSuccess();
   }
 
   std::optional<CollectionState> state(const std::string& collection) override {
@@ -185,14 +192,59 @@ void updateIndexes(ServerSubject& subject) {
   }
 }
 
+// Until the server is gone.
+void makeBackups(ServerSubject& subject, const std::string& prefix) {
+  try {
+    for (int number = 0;; ++number) {
+      if (!subject.ask({{"action", "backup"}, {"backup", prefix + std::to_string(number)}})) return;
+    }
+  } catch (const std::runtime_error& error) {
+    ADD_FAILURE() << error.what();
+  }
+}
+
+// Every backup that has its name is whole: its collections are restored and opened. Returns how
+// many there are.
+std::size_t restoreAll(ServerSubject& subject, const std::filesystem::path& backups) {
+  std::size_t count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(backups)) {
+    const std::string name = entry.path().filename().string();
+    if (name.starts_with('.')) throw std::runtime_error("the start has left " + name);
+    for (const auto& each : std::filesystem::directory_iterator(entry.path() / "collections")) {
+      subject.ask({{"action", "restore"},
+                   {"backup", name},
+                   {"from", each.path().filename().string()},
+                   {"index", "restored"},
+                   {"replace", "true"}});
+      subject.ask({{"action", "updateIndex"}, {"index", "restored"}});
+      ++count;
+    }
+    std::filesystem::remove_all(entry.path());
+  }
+  if (count > 0) subject.ask({{"action", "deleteCollection"}, {"index", "restored"}});
+  return count;
+}
+
+/// What goes on beside the steps.
+struct Others {
+  bool update = false;
+  /// Names of backups begin with it; none are made if it is empty.
+  std::string backups;
+};
+
 Progress carryOutUntilKilled(tq::test::CorvanedProcess& server, const Steps& steps,
-                             StepSource& source, bool othersUpdate) {
+                             StepSource& source, const Others& others) {
   ServerSubject subject(server.binaryPort());
   ServerSubject other(server.binaryPort());
+  ServerSubject keeper(server.binaryPort());
   const std::uint64_t before = source.number(steps.size() * 2 / 3);
   const std::chrono::microseconds wait{source.number(3000)};
   std::jthread updater;
-  if (othersUpdate) updater = std::jthread([&] { updateIndexes(other); });
+  if (others.update) updater = std::jthread([&] { updateIndexes(other); });
+  std::jthread backups;
+  if (!others.backups.empty()) {
+    backups = std::jthread([&] { makeBackups(keeper, others.backups); });
+  }
   const std::jthread killer([&](const std::stop_token& stop) {
     while (subject.applied() < before && !stop.stop_requested()) {
       std::this_thread::sleep_for(std::chrono::microseconds(20));
@@ -206,17 +258,20 @@ Progress carryOutUntilKilled(tq::test::CorvanedProcess& server, const Steps& ste
 TEST(ServerKill, LosesNothingThatWasAcknowledgedAndDoesNothingByHalves) {
   constexpr std::size_t kRounds = 8;
   std::size_t cut = 0;
+  std::size_t restored = 0;
   const std::vector<std::uint64_t> seeds = test::seeds(6);
   for (const std::uint64_t seed : seeds) {
     StepSource source(seed);
-    tq::test::CorvanedProcess server;
+    const tq::test::TemporaryDirectory backups;
+    tq::test::CorvanedProcess server({"--backup-directory", backups.path()});
     Model model;
     for (std::size_t round = 0; round < kRounds; ++round) {
       SCOPED_TRACE("KRUCOMM_SEED=" + std::to_string(seed) + ", round " + std::to_string(round));
       const bool othersUpdate = round % 2 == 1;
+      const Others others{othersUpdate, round % 4 < 2 ? "" : "b" + std::to_string(round) + "-"};
       const Steps steps = source.make(model, 60);
       ASSERT_NO_THROW({
-        const Progress progress = carryOutUntilKilled(server, steps, source, othersUpdate);
+        const Progress progress = carryOutUntilKilled(server, steps, source, others);
         cut += progress.sent < steps.size() ? 1U : 0U;
         server.start();
         ServerSubject subject(server.binaryPort());
@@ -229,9 +284,11 @@ TEST(ServerKill, LosesNothingThatWasAcknowledgedAndDoesNothingByHalves) {
         ServerSubject again(server.binaryPort());
         ASSERT_TRUE(repeatsHarmlessly(again, model, steps, progress))
             << describe(model, steps, progress, found);
+        restored += restoreAll(subject, backups.path());
       });
     }
   }
+  EXPECT_GT(restored, 0U) << "the kills come too early for backups";
   EXPECT_GT(cut, seeds.size() * kRounds / 4) << "the kills come too late to show anything";
 }
 
