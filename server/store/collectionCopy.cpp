@@ -1,6 +1,7 @@
 #include "server/store/collectionCopy.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -60,7 +61,9 @@ void CollectionCopy::copyRest(const JournalExtent& journal) {
 }
 
 CollectionCopy::Kind CollectionCopy::kindOf(const std::filesystem::path& name) {
-  if (name.extension() == kTableSuffix) return Kind::Table;
+  if (name.extension() == kTableSuffix && name.parent_path() == IndexSums::kIndexDirectory) {
+    return Kind::Table;
+  }
   if (name.extension() == ".new") return Kind::Passing;
   if (name.has_parent_path()) return Kind::BesideTables;
   return isSegment(name.string()) ? Kind::Journal : Kind::Other;
@@ -81,6 +84,7 @@ void CollectionCopy::copyAll(Kind kind) {
 void CollectionCopy::copyTable(const std::filesystem::path& name) {
   const FileHandle from = openFile(source_ / name, O_RDONLY);
   const FileHandle to = openTarget(name);
+  if (isAnother(name, from)) shorten(to, 0, target_ / name);
   const std::uint64_t size = std::filesystem::file_size(source_ / name);
   const std::uint64_t known = std::filesystem::file_size(target_ / name);
   std::uint64_t place = 0;
@@ -90,6 +94,14 @@ void CollectionCopy::copyTable(const std::filesystem::path& name) {
   }
   copyRange(from, to, name, place, size);
   shorten(to, size, target_ / name);
+}
+
+// An index that was put in the place of another one has revisions of its own.
+bool CollectionCopy::isAnother(const std::filesystem::path& name, const FileHandle& file) {
+  struct stat now {};
+  if (::fstat(file.get(), &now) != 0) throwSystemError("cannot read", source_ / name);
+  const auto [known, isNew] = tables_.try_emplace(name.string(), now.st_ino);
+  return !isNew && std::exchange(known->second, now.st_ino) != now.st_ino;
 }
 
 void CollectionCopy::copyWhole(const std::filesystem::path& name) {

@@ -1,7 +1,11 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <filesystem>
+#include <map>
+#include <string>
 
 #include "server/store/files.h"
 #include "server/store/journal.h"
@@ -34,8 +38,9 @@ class CollectionCopy {
 
  private:
   enum class Kind {
+    /// Of the index.
     Table,
-    /// Of the index, too.
+    /// In a directory, too, and no table of the index.
     BesideTables,
     Journal,
     /// Something that is being written, and gets its name when it is complete.
@@ -46,6 +51,7 @@ class CollectionCopy {
   static Kind kindOf(const std::filesystem::path& name);
   void copyAll(Kind kind);
   void copyTable(const std::filesystem::path& name);
+  bool isAnother(const std::filesystem::path& name, const FileHandle& file);
   void copyWhole(const std::filesystem::path& name);
   void copyJournal(const JournalExtent& journal);
   void copySegment(const ScannedSegment& segment);
@@ -57,6 +63,8 @@ class CollectionCopy {
   const std::filesystem::path source_;
   const std::filesystem::path target_;
   const StopCheck stop_;
+  // Which files the tables were copied from.
+  std::map<std::string, ino_t> tables_;
   // Blocks up to this revision have been copied.
   std::uint64_t revision_ = 0;
   std::uint64_t copied_ = 0;

@@ -25,6 +25,7 @@
 #include "server/base/requestContext.h"
 #include "server/store/backupManifest.h"
 #include "server/store/checksum.h"
+#include "server/store/collectionCopy.h"
 #include "server/store/collectionOptions.h"
 #include "server/store/files.h"
 #include "server/store/localStore.h"
@@ -489,6 +490,23 @@ TEST_F(BackupTest, FilesThatNobodyKnowsOfAreCopied) {
   EXPECT_EQ(read(collection("d") / "something"), "that a later version keeps");
   EXPECT_EQ(read(collection("d") / "more" / "of" / "it"), "here");
   EXPECT_FALSE(std::filesystem::exists(collection("d") / "half.new"));
+}
+
+TEST_F(BackupTest, IndexThatIsExchangedWhileItIsCopiedIsCopiedAnew) {
+  fill("c");
+  for (int i = 0; i < 5; ++i) texts("c");
+  fill("d");
+  store_.reset();
+  CollectionCopy copy(collection("c"), directory_.path() / "copy", [] {});
+  copy.copyAhead(1000, {});
+  std::filesystem::rename(collection("c") / "index", collection("c") / "index-before");
+  std::filesystem::copy(collection("d") / "index", collection("c") / "index");
+  copy.copyIndex();
+  for (const std::string& name : namesIn(collection("d") / "index")) {
+    EXPECT_EQ(read(directory_.path() / "copy" / "index" / name),
+              read(collection("d") / "index" / name))
+        << name;
+  }
 }
 
 TEST_F(BackupTest, BackupThatNobodyWaitsForIsGivenUpAndLeavesNothing) {
