@@ -237,34 +237,20 @@ void queuedDocuments(const Options& options) {
   });
 }
 
-void (*workOf(const std::string& name))(const Options&) {
-  static const struct {
-    const char* name;
-    void (*work)(const Options&);
-  } kWorks[] = {
-      {"reused", reusedExchange},
-      {"fresh", freshExchange},
-      {"many", exchangeOfMany},
-      {"hits", streamedHits},
-      {"hitTexts", streamedHits},
-      {"parseResults", parseResults},
-      {"document", document},
-      {"queued", queuedDocuments},
-      {"threadedExchange", exchangesInThreads},
-      {"threadedHits", hitsInThreads},
-  };
-  for (const auto& one : kWorks) {
-    if (name == one.name) return one.work;
-  }
-  throw std::runtime_error("there is no work '" + name + "'");
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   try {
-    const Options options(argc, argv);
-    workOf(options.work())(options);
+    bench::perform(Options(argc, argv), {{"reused", reusedExchange},
+                                         {"fresh", freshExchange},
+                                         {"many", exchangeOfMany},
+                                         {"hits", streamedHits},
+                                         {"hitTexts", streamedHits},
+                                         {"parseResults", parseResults},
+                                         {"document", document},
+                                         {"queued", queuedDocuments},
+                                         {"threadedExchange", exchangesInThreads},
+                                         {"threadedHits", hitsInThreads}});
     return 0;
   } catch (const tq::oss::BaseException& failure) {
     std::string text;

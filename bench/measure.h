@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <initializer_list>
 #include <map>
 #include <string>
 #include <string_view>
@@ -48,6 +49,15 @@ class Options {
   std::string work_;
   std::map<std::string, std::string> values_;
 };
+
+/// One thing that a program measures.
+struct Work {
+  const char* name;
+  void (*function)(const Options&);
+};
+
+/// Does the work that the command line names.
+void perform(const Options& options, std::initializer_list<Work> works);
 
 inline double nanosOf(clockid_t clock) {
   timespec now{};

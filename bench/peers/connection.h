@@ -15,7 +15,7 @@
 #include <string>
 #include <string_view>
 
-#include "bench/measure.h"
+#include "bench/peers/peer.h"
 
 namespace bench {
 
@@ -76,9 +76,21 @@ inline std::string headerOf(bool binary, const std::string& lines, std::size_t b
           block};
 }
 
-inline const char* const kStatusLines =
-    "action: getStatus\nactionType: monitor\nindex: c1\nquery: speed AND light\nresultLimit: 1000\n"
-    "scoreType: 0\nscoreWanted: true\nsize: 100\nstart: 0\nver: 1.1\n";
+inline std::string statusLines() {
+  std::string lines = "action: getStatus\nactionType: monitor\n";
+  for (const Field& field : kStatusFields) {
+    lines += std::string(field.name) + ": " + field.value + "\n";
+  }
+  return lines;
+}
+
+inline std::string documentLines(const char* action, const char* actionType) {
+  return std::string("action: ") + action + "\nactionType: " + actionType +
+         "\nindex: c1\nver: 1.1\n";
+}
+
+/// What stands in front of a document's text: its key and metadata.
+inline constexpr std::size_t kMetadataBytes = 70;
 
 inline std::string searchLines(std::uint64_t count) {
   return "action: search\nactionType: select\nindex: c1\nmode: streaming\nquery: " +

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "bench/measure.h"
+#include "bench/peers/peer.h"
 
 namespace {
 
@@ -58,10 +58,11 @@ std::size_t appendTo(char* data, std::size_t size, std::size_t count, void* out)
 }
 
 void exchange(const Options& options) {
-  const Handle handle(options,
-                      linesOf({"action: getStatus", "actionType: monitor", "index: c1",
-                               "query: speed AND light", "resultLimit: 1000", "scoreType: 0",
-                               "scoreWanted: true", "size: 100", "start: 0", "ver: 1.1"}));
+  std::vector<std::string> lines{"action: getStatus", "actionType: monitor"};
+  for (const auto& field : bench::kStatusFields) {
+    lines.push_back(std::string(field.name) + ": " + field.value);
+  }
+  const Handle handle(options, linesOf(lines));
   std::string reply;
   set(handle.get(), CURLOPT_WRITEFUNCTION, &appendTo);
   set(handle.get(), CURLOPT_WRITEDATA, &reply);
@@ -144,20 +145,6 @@ void hits(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    const Options options(argc, argv);
-    if (options.work() == "exchange") {
-      exchange(options);
-    } else if (options.work() == "document") {
-      document(options);
-    } else if (options.work() == "hits") {
-      hits(options);
-    } else {
-      throw std::runtime_error("usage: curlPeer exchange|document|hits --port=N ...");
-    }
-    return 0;
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "curlPeer: %s\n", error.what());
-    return 1;
-  }
+  return bench::runPeer("curlPeer", argc, argv,
+                        {{"exchange", exchange}, {"document", document}, {"hits", hits}});
 }

@@ -2,13 +2,11 @@
 
 #include <hiredis/hiredis.h>
 
-#include <cstdio>
-#include <exception>
-#include <iterator>
 #include <memory>
 #include <stdexcept>
+#include <vector>
 
-#include "bench/measure.h"
+#include "bench/peers/peer.h"
 
 namespace {
 
@@ -16,14 +14,13 @@ void exchange(const bench::Options& options) {
   const std::unique_ptr<redisContext, void (*)(redisContext*)> context(
       redisConnect("127.0.0.1", static_cast<int>(options.number("port", 0))), redisFree);
   if (!context || context->err != 0) throw std::runtime_error("cannot connect");
-  const char* words[] = {"HSET",        "c1",   "query",       "speed AND light",
-                         "resultLimit", "1000", "index",       "c1",
-                         "scoreType",   "0",    "scoreWanted", "true",
-                         "size",        "100",  "start",       "0",
-                         "ver",         "1.1"};
+  std::vector<const char*> words{"HSET", "c1"};
+  for (const auto& field : bench::kStatusFields) {
+    words.insert(words.end(), {field.name, field.value});
+  }
   bench::measure(options, 1, [&] {
     auto* reply = static_cast<redisReply*>(
-        redisCommandArgv(context.get(), static_cast<int>(std::size(words)), words, nullptr));
+        redisCommandArgv(context.get(), static_cast<int>(words.size()), words.data(), nullptr));
     if (reply == nullptr || reply->type != REDIS_REPLY_STATUS) throw std::runtime_error("no reply");
     freeReplyObject(reply);
   });
@@ -32,11 +29,5 @@ void exchange(const bench::Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    exchange(bench::Options(argc, argv));
-    return 0;
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "hiredisPeer: %s\n", error.what());
-    return 1;
-  }
+  return bench::runPeer("hiredisPeer", argc, argv, {{"exchange", exchange}});
 }

@@ -3,13 +3,11 @@
 
 #include <libpq-fe.h>
 
-#include <cstdio>
-#include <exception>
 #include <memory>
 #include <stdexcept>
 #include <string>
 
-#include "bench/measure.h"
+#include "bench/peers/peer.h"
 
 namespace {
 
@@ -72,12 +70,5 @@ void hits(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    const Options options(argc, argv);
-    options.work() == "hits" ? hits(options) : exchange(options);
-    return 0;
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "pqPeer: %s\n", error.what());
-    return 1;
-  }
+  return bench::runPeer("pqPeer", argc, argv, {{"exchange", exchange}, {"hits", hits}});
 }

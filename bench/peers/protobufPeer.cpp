@@ -71,11 +71,5 @@ void hits(const bench::Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    hits(bench::Options(argc, argv));
-    return 0;
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "protobufPeer: %s\n", error.what());
-    return 1;
-  }
+  return bench::runPeer("protobufPeer", argc, argv, {{"hits", hits}});
 }

@@ -13,9 +13,15 @@ using bench::RawConnection;
 
 bool isBinary(const Options& options) { return options.text("protocol", "binary") == "binary"; }
 
+std::string additionLines() { return bench::documentLines("addDocument", "unknown"); }
+
+std::string bodyOf(const Options& options) {
+  return std::string(bench::kMetadataBytes + options.number("bytes", 1024), 'd');
+}
+
 void exchange(const Options& options) {
   const RawConnection connection(options);
-  const std::string request = bench::headerOf(isBinary(options), bench::kStatusLines, 0);
+  const std::string request = bench::headerOf(isBinary(options), bench::statusLines(), 0);
   char reply[1024];
   bench::measure(options, 1, [&] {
     connection.send(request);
@@ -25,10 +31,8 @@ void exchange(const Options& options) {
 
 void document(const Options& options) {
   const RawConnection connection(options);
-  std::string body(options.number("bytes", 1024) + 70, 'd');
-  std::string header = bench::headerOf(
-      isBinary(options), "action: addDocument\nactionType: unknown\nindex: c1\nver: 1.1\n",
-      body.size());
+  std::string body = bodyOf(options);
+  std::string header = bench::headerOf(isBinary(options), additionLines(), body.size());
   char reply[1024];
   bench::measure(options, 1, [&] {
     connection.send(header, body);
@@ -41,11 +45,11 @@ void document(const Options& options) {
 void documentInPieces(const Options& options) {
   const RawConnection connection(options);
   const bool binary = isBinary(options);
-  std::string message =
-      bench::headerOf(binary, "action: addDocument\nactionType: unknown\nindex: c1\nver: 1.1\n",
-                      options.number("bytes", 1024) + 70);
-  const std::size_t first = binary ? message.size() + 70 + 5000 : std::string::npos;
-  message.append(options.number("bytes", 1024) + 70, 'd');
+  const std::string body = bodyOf(options);
+  std::string message = bench::headerOf(binary, additionLines(), body.size());
+  const std::size_t first =
+      binary ? message.size() + bench::kMetadataBytes + 5000 : std::string::npos;
+  message += body;
   char reply[1024];
   bench::measure(options, 1, [&] {
     if (connection.hasArrived(reply, sizeof reply)) throw std::runtime_error("bytes too many");
@@ -63,10 +67,9 @@ void documentInPieces(const Options& options) {
 void queued(const Options& options) {
   const RawConnection connection(options);
   const std::uint64_t count = options.number("count", 1000);
-  const std::string body(options.number("bytes", 1024) + 70, 'd');
+  const std::string body = bodyOf(options);
   const std::string one =
-      bench::headerOf(isBinary(options),
-                      "action: asyncAddDocument\nactionType: update\nindex: c1\nver: 1.1\n",
+      bench::headerOf(isBinary(options), bench::documentLines("asyncAddDocument", "update"),
                       body.size()) +
       body;
   std::string batch;
@@ -106,24 +109,10 @@ void hits(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    const Options options(argc, argv);
-    if (options.work() == "exchange") {
-      exchange(options);
-    } else if (options.work() == "document") {
-      document(options);
-    } else if (options.work() == "documentInPieces") {
-      documentInPieces(options);
-    } else if (options.work() == "queued") {
-      queued(options);
-    } else if (options.work() == "hits") {
-      hits(options);
-    } else {
-      throw std::runtime_error("usage: rawPeer exchange|document|documentInPieces|queued|hits ...");
-    }
-    return 0;
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "rawPeer: %s\n", error.what());
-    return 1;
-  }
+  return bench::runPeer("rawPeer", argc, argv,
+                        {{"exchange", exchange},
+                         {"document", document},
+                         {"documentInPieces", documentInPieces},
+                         {"queued", queued},
+                         {"hits", hits}});
 }
