@@ -33,6 +33,7 @@ Journal::Journal(std::filesystem::path directory, const Visitor& visitor)
     startSegment(segments_.empty() ? 1 : segments_.back().number + 1);
   }
   if (!mark_) mark_ = JournalMark::create(directory_);
+  bringToDisk();
 }
 
 Journal::Place Journal::append(const Change& change) {
@@ -262,6 +263,16 @@ void Journal::openLast() {
     syncFile(file->handle, file->path);
   }
   current_ = std::move(file);
+}
+
+// What a process wrote that was killed before its sync may be in the system's memory only, and who
+// sends it once more is told that it is there.
+void Journal::bringToDisk() {
+  if (lastSequence_ <= durableSequence_) return;
+  syncFile(current_->handle, current_->path);
+  syncDirectory(directory_);
+  mark_->setDurable(lastSequence_);
+  durableSequence_ = lastSequence_;
 }
 
 void Journal::requireWritable() const {

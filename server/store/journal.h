@@ -66,8 +66,8 @@ class JournalPart {
   std::size_t taken_ = 0;
 };
 
-/// What a copy of a journal has to hold: so many bytes of each of these segments, with changes up to
-/// this number.
+/// What a copy of a journal has to hold: so many bytes of each of these segments, with changes up
+/// to this number.
 struct JournalExtent {
   std::vector<ScannedSegment> segments;
   std::uint64_t lastSequence = 0;
@@ -145,6 +145,7 @@ class Journal {
   std::filesystem::path pathOf(std::uint64_t number) const;
   void startSegment(std::uint64_t number);
   void openLast();
+  void bringToDisk();
   std::exception_ptr mark(std::uint64_t sequence);
   void requireHealthy() const;
   void takeBack(std::uint64_t bytes, const std::string& reason);

@@ -91,6 +91,21 @@ TEST_F(JournalTest, ChangesAreFoundAgainWholeAndInOrder) {
   EXPECT_EQ(changes[1].document.key, std::string("k\0\xFF", 3));
 }
 
+// A process can be killed between writing a change and having it synced. Who sends the change once
+// more is told that it is there.
+TEST_F(JournalTest, WhatIsFoundAtTheOpeningIsOnDiskFromThenOn) {
+  const auto durable = [&] { return JournalMark::open(directory_.path())->range().durable; };
+  {
+    Journal journal = open();
+    journal.sync(journal.append(put("k1")).ticket);
+    journal.append(put("k2"));
+  }
+  EXPECT_EQ(durable(), 1U);
+  open();
+  EXPECT_THAT(found_, ElementsAre("k1", "k2"));
+  EXPECT_EQ(durable(), 2U);
+}
+
 TEST_F(JournalTest, BatchIsFoundAgainWhole) {
   {
     Journal journal = open();
@@ -172,13 +187,17 @@ TEST_F(JournalTest, BatchWhoseCountsCannotBeIsNoChange) {
   // kind, name, digest, unknown, mark, then the number of documents
   const std::size_t documents = 1 + 5 + 10 + 4 + 8;
   const std::size_t deletions = documents + 4 + 5 + 4 + 4;
+  open();
+  const std::string fresh = bytesOf(0);
   for (const std::size_t place : {documents, deletions}) {
     for (const char value : {'\x7F', '\xFF'}) {
       open();
+      rewrite(0, fresh);
       rewrite(1, withCount(place, value));
       open();
       EXPECT_THAT(found_, IsEmpty()) << place;
     }
+    rewrite(0, fresh);
     rewrite(1, withCount(place, 0));
     std::size_t batches = 0;
     Journal(directory_.path(), [&](std::uint64_t, Change&&) { ++batches; });
@@ -245,8 +264,10 @@ TEST_F(JournalTest, LastChangeIsDroppedWhereverItIsCutAndNothingElse) {
     journal.append(put("k2"));
   }
   const std::string whole = bytesOf(1);
+  const std::string mark = bytesOf(0);
   for (std::size_t length = one; length < whole.size(); ++length) {
     rewrite(1, whole.substr(0, length));
+    rewrite(0, mark);
     {
       Journal journal = open();
       EXPECT_THAT(found_, ElementsAre("k1")) << length;
