@@ -17,6 +17,8 @@ namespace corvaned {
 namespace {
 
 constexpr std::size_t kMaxDepth = 10000;
+// The parser goes through all of them at each element of their type.
+constexpr std::size_t kMaxDefaults = 100;
 // What the parser may take, for names above all: so much, and so often the document's size.
 constexpr std::size_t kFreeMemory = std::size_t{1} << 20U;
 constexpr std::size_t kMemoryPerByte = 8;
@@ -62,6 +64,7 @@ class XmlReader {
     XML_SetElementHandler(parser_.get(), onStart, onEnd);
     XML_SetCharacterDataHandler(parser_.get(), onText);
     XML_SetEntityDeclHandler(parser_.get(), onEntity);
+    XML_SetAttlistDeclHandler(parser_.get(), onAttribute);
     XML_SetSkippedEntityHandler(parser_.get(), onSkipped);
   }
 
@@ -100,6 +103,12 @@ class XmlReader {
     of(reader).stop("it declares entities, which are not expanded");
   }
 
+  static void onAttribute(void* reader, const XML_Char*, const XML_Char*, const XML_Char*,
+                          const XML_Char* value, int) {
+    if (!value || ++of(reader).defaults_ <= kMaxDefaults) return;
+    of(reader).stop("it declares too many attributes with a default value");
+  }
+
   // One that the document's own type, which is not loaded, may declare. XHTML has those of HTML.
   static void onSkipped(void* reader, const XML_Char* name, int isParameter) {
     if (isParameter != 0) return;
@@ -130,6 +139,7 @@ class XmlReader {
   std::string_view xml_;
   std::string text_;
   std::size_t depth_ = 0;
+  std::size_t defaults_ = 0;
   const char* reason_ = nullptr;
   Parser parser_;
 };

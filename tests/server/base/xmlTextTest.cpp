@@ -88,6 +88,18 @@ TEST(XmlText, ThatDeclaresEntitiesIsRefused) {
   }
 }
 
+// The parser goes through all of them at each element.
+TEST(XmlText, ThatDeclaresManyDefaultsIsRefused) {
+  const auto declaring = [](std::size_t count, const std::string& value) {
+    std::string xml = "<!DOCTYPE a [<!ATTLIST a";
+    for (std::size_t i = 0; i < count; ++i) xml += " b" + std::to_string(i) + " CDATA " + value;
+    return xml + ">]><a>fox</a>";
+  };
+  EXPECT_EQ(wordsOf(declaring(100, "''")), "fox");
+  EXPECT_EQ(wordsOf(declaring(1000, "#IMPLIED")), "fox");
+  EXPECT_THAT(refusal(declaring(101, "''")), HasSubstr("default value"));
+}
+
 TEST(XmlText, OfHostileDocumentsTakesNoMoreThanItsShare) {
   constexpr std::size_t kMany = 1000000;
   EXPECT_EQ(wordsOf(repeated("<a>", 10000) + "fox" + repeated("</a>", 10000)), "fox");
