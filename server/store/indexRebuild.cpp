@@ -101,6 +101,14 @@ bool IndexRebuild::isDecided(const fs::path& collection) {
   return fs::exists(completeIn(collection));
 }
 
+void IndexRebuild::giveUp() noexcept {
+  try {
+    fs::remove_all(incompleteIn(collection_));
+  } catch (const std::exception&) {
+    // The next attempt removes it, or the next opening.
+  }
+}
+
 void IndexRebuild::finish(const fs::path& collection) {
   if (!isDecided(collection)) return;
   placeIndex(collection);

@@ -28,6 +28,8 @@ class IndexRebuild {
   /// Decides, durably, for the new index. finish() does what is left to do.
   void decide();
   static bool isDecided(const std::filesystem::path& collection);
+  /// Removes what has been made so far, as far as that is possible; the object is of no use then.
+  void giveUp() noexcept;
 
   /// Puts the new index in place, if that has been decided. May be repeated if it throws, and after
   /// a crash.

@@ -751,7 +751,9 @@ std::uint64_t XapianIndex::revision() const {
 MemoryBudget::Share XapianIndex::emptyShare() const { return shareOf(limits_); }
 
 bool XapianIndex::rebuildStep(const StopCheck& stop) {
-  if (IndexRebuild::isDecided(collection_)) {
+  if (ending_ || IndexRebuild::isDecided(collection_)) {
+    // If a step of it fails, the next call goes on.
+    ending_ = true;
     endRebuild();
     return false;
   }
@@ -762,7 +764,8 @@ bool XapianIndex::rebuildStep(const StopCheck& stop) {
       return true;
     });
   } catch (...) {
-    // Another attempt begins anew.
+    // Another attempt begins anew. Until then others need the space.
+    if (rebuild_) rebuild_->giveUp();
     rebuild_.reset();
     throw;
   }
@@ -780,15 +783,18 @@ void XapianIndex::beginRebuild() {
 void XapianIndex::endRebuild() {
   {
     const std::unique_lock exchanging(exchangeMutex_);
-    IndexRebuild::finish(collection_);
-    sums_.emplace(collection_);
+    // Also if a later step fails: the files may be others by then.
     ++generation_;
+    IndexRebuild::finish(collection_);
+    IndexSums sums(collection_);
+    sums_ = std::move(sums);
   }
   releaseHandles();
-  IndexRebuild::clear(collection_);
   rebuild_.reset();
   earlierForm_ = false;
+  ending_ = false;
   spdlog::info("{} has its present form", path_.string());
+  IndexRebuild::clear(collection_);
 }
 
 void XapianIndex::beginUpdate() {

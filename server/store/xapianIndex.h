@@ -115,6 +115,8 @@ class XapianIndex {
   std::optional<IndexSums> sums_;
   std::unique_ptr<IndexRebuild> rebuild_;
   std::atomic<bool> earlierForm_ = false;
+  // Whether the new index is being put in the place of the earlier one.
+  bool ending_ = false;
   // Held shared while a handle is opened or refreshed, so that the index does not change places
   // with another one meanwhile. Guards generation_.
   std::shared_mutex exchangeMutex_;
