@@ -5,6 +5,7 @@
 #include <sys/file.h>
 
 #include <algorithm>
+#include <optional>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -40,6 +41,18 @@ std::filesystem::path prepared(std::filesystem::path directory) {
   return directory;
 }
 
+// Others may have put something of their own beside the backups.
+std::optional<std::string> nameIfBackup(const std::filesystem::path& path) {
+  const std::string directory = path.filename().string();
+  std::string name = collectionNameFor(directory);
+  try {
+    if (directoryNameFor(name) == directory && BackupManifest::existsIn(path)) return name;
+  } catch (const ServerError&) {
+    // No backup can have that name.
+  }
+  return std::nullopt;
+}
+
 bool lock(const FileHandle& directory) { return ::flock(directory.get(), LOCK_EX | LOCK_NB) == 0; }
 
 }  // namespace
@@ -68,8 +81,8 @@ std::filesystem::path Backups::find(const std::string& name) const {
 std::vector<std::string> Backups::names(const std::string& after, std::uint64_t most) const {
   std::vector<std::string> names;
   for (const auto& entry : std::filesystem::directory_iterator(directory_)) {
-    std::string name = collectionNameFor(entry.path().filename().string());
-    if (name > after && BackupManifest::existsIn(entry.path())) names.push_back(std::move(name));
+    auto name = nameIfBackup(entry.path());
+    if (name && *name > after) names.push_back(std::move(*name));
   }
   std::sort(names.begin(), names.end());
   if (names.size() > most) names.resize(static_cast<std::size_t>(most));

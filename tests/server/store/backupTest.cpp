@@ -278,6 +278,11 @@ TEST_F(BackupTest, BackupsAreListedWithWhatIsInThem) {
   store_->backup("bad", "c");
   rewrite(BackupManifest::pathIn(backups() / "bad"), "x");
   std::filesystem::create_directories(backups() / "else");
+  // One that is being made, and one that somebody has copied.
+  for (const char* other : {".passing-x", "all.copy"}) {
+    std::filesystem::copy(backups() / "all", backups() / other,
+                          std::filesystem::copy_options::recursive);
+  }
   const std::vector<BackupSummary> found = store_->backups("", 10);
   ASSERT_EQ(found.size(), 3U);
   EXPECT_EQ(found[0].name, "all");
