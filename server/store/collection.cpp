@@ -171,7 +171,8 @@ BatchOutcome Collection::decide(Batch& batch, const std::shared_ptr<BatchEntry>&
                                 Journal::Place& place) {
   requireActive();
   if (const auto known = batches_.find(entry->name)) {
-    if (known->digest != entry->digest) {
+    // What is impossible is not among the changes, and no batch with any was applied.
+    if (known->digest != entry->digest || batch.refused.count > 0) {
       throw ServerError(ErrorKind::OtherBatch,
                         "a batch with other content has been applied under the name " +
                             shown(entry->name) + "; give this one another name");

@@ -172,6 +172,9 @@ TEST_F(BatchTest, NameIsTakenByOneBatchOnly) {
     Batch otherMark = batch("b1", {fox("k1")}, {"k2"});
     otherMark.changes.newMark = "m";
     refusal(ErrorKind::OtherBatch, std::move(otherMark));
+    Batch withImpossible = batch("b1", {fox("k1")}, {"k2"});
+    withImpossible.refused.add({"k9", "ZVK0012E", "cut off"});
+    refusal(ErrorKind::OtherBatch, std::move(withImpossible));
   }
   EXPECT_THAT(foundAfterUpdate("fox"), ElementsAre("k1"));
 }
