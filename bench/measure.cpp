@@ -6,9 +6,10 @@ void bench::perform(const Options& options, std::initializer_list<Work> works) {
   std::string names;
   for (const Work& work : works) {
     if (options.work() == work.name) return work.function(options);
-    names += (names.empty() ? "" : "|") + std::string(work.name);
+    names.append(names.empty() ? "" : "|").append(work.name);
   }
-  throw std::runtime_error("there is no work '" + options.work() + "', only " + names);
+  std::string text("there is no work '");
+  throw std::runtime_error(text.append(options.work()).append("', only ").append(names));
 }
 
 // In a unit of its own, so that no compiler can make it part of its caller.
