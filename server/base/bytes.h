@@ -64,4 +64,18 @@ class ByteReader {
   std::string_view rest_;
 };
 
+/// A text with a 4-byte length before it.
+inline void appendText(std::string& out, std::string_view text) {
+  appendU32(out, static_cast<std::uint32_t>(text.size()));
+  out += text;
+}
+
+/// Reads what appendText() wrote. If it is cut off, returns false and leaves `text` as it was.
+inline bool takeText(ByteReader& reader, std::string& text) {
+  const auto length = reader.u32();
+  const auto bytes = length ? reader.take(*length) : std::nullopt;
+  if (bytes) text = *bytes;
+  return bytes.has_value();
+}
+
 }  // namespace corvaned

@@ -40,13 +40,6 @@ void requireNoScores(const Request& request) {
   }
 }
 
-[[noreturn]] void refuseBeside(const Request& request, const std::string& name,
-                               const std::string& other) {
-  throw ServerError(ErrorKind::UnknownParameter,
-                    "the action " + shown(request.header(words().action)) +
-                        " does not take the parameter " + shown(name) + " beside " + shown(other));
-}
-
 SearchQuery searchQueryOf(const Request& request) {
   SearchQuery query;
   readOrder(request, query);
@@ -142,11 +135,7 @@ void requireDocumentsFor(const Request& request) {
   if (!request.header(words().match).empty()) return;
   for (const Parameter& parameter : kDocument) {
     const std::string& name = words().*parameter.name;
-    if (request.header(name).empty()) continue;
-    throw ServerError(ErrorKind::UnknownParameter,
-                      "the action " + shown(request.header(words().action)) +
-                          " does not take the parameter " + shown(name) + " without " +
-                          shown(words().match));
+    if (!request.header(name).empty()) refuseWithout(request, name, words().match);
   }
 }
 

@@ -73,11 +73,9 @@ std::string refusalText(const std::string& batch, const Refusals& refusals) {
 bool bringsBatch(const Request& request) {
   if (!request.header(words().batch).empty()) return true;
   for (const Word name : kOfBatches) {
-    if (request.header(words().*name).empty()) continue;
-    throw ServerError(ErrorKind::UnknownParameter,
-                      "the action " + shown(request.header(words().action)) +
-                          " does not take the parameter " + shown(words().*name) + " without " +
-                          shown(words().batch));
+    if (!request.header(words().*name).empty()) {
+      refuseWithout(request, words().*name, words().batch);
+    }
   }
   return false;
 }

@@ -301,11 +301,9 @@ void requireTaken(const Report& wanted, const Request& request, Word name) {
 bool asksForReport(const Request& request) {
   if (!request.header(words().report).empty()) return true;
   for (const Word name : kOfReports) {
-    if (request.header(words().*name).empty()) continue;
-    throw ServerError(ErrorKind::UnknownParameter,
-                      "the action " + shown(request.header(words().action)) +
-                          " does not take the parameter " + shown(words().*name) + " without " +
-                          shown(words().report));
+    if (!request.header(words().*name).empty()) {
+      refuseWithout(request, words().*name, words().report);
+    }
   }
   return false;
 }

@@ -21,11 +21,27 @@ bool isMetadataName(std::string_view name) {
                      [&](char c) { return isLetter(c) || c == '_' || (c >= '0' && c <= '9'); });
 }
 
+[[noreturn]] void refuseParameter(const Request& request, const std::string& name,
+                                  const std::string& relation, const std::string& other) {
+  throw ServerError(ErrorKind::UnknownParameter, "the action " +
+                                                     shown(request.header(words().action)) +
+                                                     " does not take the parameter " + shown(name) +
+                                                     " " + relation + " " + shown(other));
+}
+
 }  // namespace
 
 void refuseValue(const Request& request, const std::string& name, const std::string& why) {
   throw ServerError(ErrorKind::BadParameter, "the parameter " + shown(name) + " is " +
                                                  shown(request.header(name)) + ", " + why);
+}
+
+void refuseWithout(const Request& request, const std::string& name, const std::string& other) {
+  refuseParameter(request, name, "without", other);
+}
+
+void refuseBeside(const Request& request, const std::string& name, const std::string& other) {
+  refuseParameter(request, name, "beside", other);
 }
 
 std::string require(const Request& request, const std::string& name) {

@@ -16,6 +16,12 @@ namespace corvaned {
 [[noreturn]] void refuseValue(const Request& request, const std::string& name,
                               const std::string& why);
 
+/// Refuses a parameter that the action takes only with another one, or only without it.
+[[noreturn]] void refuseWithout(const Request& request, const std::string& name,
+                                const std::string& other);
+[[noreturn]] void refuseBeside(const Request& request, const std::string& name,
+                               const std::string& other);
+
 /// The value, which must not be missing or empty.
 std::string require(const Request& request, const std::string& name);
 

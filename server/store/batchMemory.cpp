@@ -75,18 +75,6 @@ std::optional<NumberedName> numberedName(const std::string& name) {
   return numbered;
 }
 
-void appendText(std::string& out, std::string_view text) {
-  appendU32(out, static_cast<std::uint32_t>(text.size()));
-  out += text;
-}
-
-bool takeText(ByteReader& reader, std::string& text) {
-  const auto length = reader.u32();
-  const auto bytes = length ? reader.take(*length) : std::nullopt;
-  if (bytes) text = *bytes;
-  return bytes.has_value();
-}
-
 bool takeNumber(ByteReader& reader, std::uint64_t& number) {
   const auto bytes = reader.take(8);
   if (bytes) number = loadU64(*bytes);

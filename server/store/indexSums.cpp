@@ -30,11 +30,6 @@ std::uint64_t blocksOf(std::uint64_t size) {
   return size / kTableBlock + (size % kTableBlock == 0 ? 0 : 1);
 }
 
-void appendText(std::string& out, std::string_view text) {
-  appendU32(out, static_cast<std::uint32_t>(text.size()));
-  out += text;
-}
-
 std::uint32_t revisionOf(std::string_view block) {
   return block.size() < kRevisionBytes ? 0 : loadU32(block);
 }

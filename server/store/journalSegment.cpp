@@ -25,18 +25,6 @@ constexpr std::size_t kHeaderChecksumPlace = 28;
 constexpr std::size_t kHeader = 32;
 constexpr std::size_t kEarlierHeader = 12;
 
-void appendText(std::string& out, std::string_view text) {
-  appendU32(out, static_cast<std::uint32_t>(text.size()));
-  out += text;
-}
-
-bool takeText(ByteReader& reader, std::string& text) {
-  const auto length = reader.u32();
-  const auto bytes = length ? reader.take(*length) : std::nullopt;
-  if (bytes) text = *bytes;
-  return bytes.has_value();
-}
-
 // Each of those that are counted takes some bytes.
 std::optional<std::uint32_t> takeCount(ByteReader& reader) {
   const auto count = reader.u32();
