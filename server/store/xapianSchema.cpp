@@ -94,26 +94,16 @@ Xapian::valueno slotAt(std::size_t place) {
 std::string serialized(const Document& document) {
   std::string bytes;
   appendU32(bytes, static_cast<std::uint32_t>(document.metadata.size()));
-  const auto append = [&](const std::string& text) {
-    appendU32(bytes, static_cast<std::uint32_t>(text.size()));
-    bytes += text;
-  };
   for (const auto& [name, value] : document.metadata) {
-    append(name);
-    append(value);
+    appendText(bytes, name);
+    appendText(bytes, value);
   }
-  append(document.content);
+  appendText(bytes, document.content);
   return bytes;
 }
 
 constexpr std::string_view kPlainIdentity = "Q";
 constexpr std::string_view kEncodedIdentity = "Rbase64:";
-
-std::optional<std::string> takeText(ByteReader& reader) {
-  const auto length = reader.u32();
-  const auto bytes = length ? reader.take(*length) : std::nullopt;
-  return bytes ? std::optional<std::string>(*bytes) : std::nullopt;
-}
 
 }  // namespace
 
@@ -270,14 +260,10 @@ std::optional<Document> readDocument(const std::string& key, const std::string& 
   const auto pairs = reader.u32();
   if (!pairs) return std::nullopt;
   for (std::uint32_t i = 0; i < *pairs; ++i) {
-    auto name = takeText(reader);
-    auto value = takeText(reader);
-    if (!name || !value) return std::nullopt;
-    document.metadata.emplace_back(std::move(*name), std::move(*value));
+    auto& [name, value] = document.metadata.emplace_back();
+    if (!takeText(reader, name) || !takeText(reader, value)) return std::nullopt;
   }
-  auto content = takeText(reader);
-  if (!content || !reader.empty()) return std::nullopt;
-  document.content = std::move(*content);
+  if (!takeText(reader, document.content) || !reader.empty()) return std::nullopt;
   return document;
 }
 
