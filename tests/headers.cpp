@@ -1,0 +1,2 @@
+// The precompiled header needs a source of its own to be made with.
+#include "headers.h"
