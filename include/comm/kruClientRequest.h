@@ -13,7 +13,7 @@ namespace tq::comm {
 
 struct KeptHeader;
 
-/// One request to the search server: its kind, its named parameters and, where it carries one, a
+/// What a caller wants of the search server: a kind, named parameters and, for some kinds, a
 /// document. Build it once with `buildRequest`, optionally add `setDocKey` and `setContent`, then
 /// hand it to a client. One object serves one thread at a time; different objects need no locking.
 ///

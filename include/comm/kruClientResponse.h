@@ -26,7 +26,7 @@ class KRU_EXPORT ClientResponse {
   ClientResponse();
   ClientResponse(const icu::UnicodeString& text, int code);
 
-  /// True exactly when the return code is 0.
+  /// Whether the return code is 0.
   bool success() const { return returnCode_ == 0; }
   int getReturnCode() const { return returnCode_; }
   void setReturnCode(int code) { returnCode_ = code; }

@@ -111,7 +111,7 @@ class KRU_EXPORT CorvaneClient {
   /// set; never false. Throws ERR_SERVER_COMM_TIMEOUT.
   bool dataToRead(bool wait);
 
-  /// The single place where the socket is read; `once` chooses between one read and a full one.
+  /// All reading by hand comes here. `once` takes what has come; else all is awaited, and left.
   unsigned long genericRead(char* buffer, unsigned long offset, unsigned long length, bool once);
 
  protected:

@@ -44,27 +44,27 @@ struct OperationLimits {
 /// when the communication failed, and hands out long replies portion by portion.
 /// One object serves one thread at a time; different objects need no locking.
 ///
-/// A failure is a RESTException whose first message has one of these ids, host and port as
-/// arguments and, where one id has several causes, a text that tells them apart. "Repeated" is what
-/// the retry loop does, up to the retry count, on a fresh connection, after the pause of
-/// `setRetryPause`.
+/// A failure is a RESTException whose first message has one of these ids and, where an id has
+/// several causes, a text that tells them apart. The retry loop repeats on a fresh connection, up
+/// to the retry count, after the pause of `setRetryPause`; "replaced" is: by the next exchange.
 ///
-/// | id | when | repeated | the connection afterwards |
-/// |---|---|---|---|
-/// | ERR_CONNECT_SERVER | no connection can be made, or there is none | yes | none |
-/// | ERR_SERVER_COMM_SEND | a write failed (binary protocol only); a queue lost its connection |
-/// yes; no | replaced by the next exchange | | ERR_SERVER_COMM_RECV | the connection ended before
-/// the reply did | yes | replaced | | ERR_SERVER_COMM_TIMEOUT | the time-out or the deadline passed
-/// | yes, within the deadline | replaced; a stream whose receive timed out can be read on | |
-/// ERR_CLIENT_CANCELLED | the wait hook gave up | no | closed | | ERR_SERVER_APP or the server's
-/// own id, ERR_SERVER_INVALID_AUTH | the server refused the request | no | kept | |
-/// ERR_SERVER_PROTOCOL | an HTTP status that means a refusal; over the binary protocol not a reply
-/// | no | kept; replaced | | ERR_CLIENT_RESP_PARSING | what arrived is not a reply, or exceeds
-/// `setMaxReplyBytes` | no | replaced | | ERR_CLIENT_INTERNAL | a failed write over HTTP; a request
-/// that cannot be sent; other failures of the infrastructure | no | replaced; kept when nothing was
-/// sent | | ERR_INVALID_STATE | misuse: see `send`, `recv` and `recvMesg` | no | unchanged |
+/// | id | when | arguments | repeated | the connection afterwards |
+/// |---|---|---|---|---|
+/// | ERR_CONNECT_SERVER | none can be made, or there is none | host, port | yes | none |
+/// | ERR_SERVER_COMM_SEND | a write failed (binary protocol) | host, port | yes | replaced |
+/// | ERR_SERVER_COMM_SEND | a queue lost its connection | host, port | no | a fresh one |
+/// | ERR_SERVER_COMM_RECV | it ended before the reply did | host, port | yes | replaced |
+/// | ERR_SERVER_COMM_TIMEOUT | time-out or deadline passed | host, port | till then | replaced |
+/// | ERR_CLIENT_CANCELLED | the wait hook gave up | host, port | no | closed |
+/// | ERR_SERVER_APP, ..._INVALID_AUTH, the server's own | it refused | none | no | kept |
+/// | ERR_SERVER_PROTOCOL | another refusal (HTTP) | none | no | kept |
+/// | ERR_SERVER_PROTOCOL | not a reply (binary protocol) | none or a text | no | replaced |
+/// | ERR_CLIENT_RESP_PARSING | not a reply, or too large | none or host, port | no | replaced |
+/// | ERR_CLIENT_INTERNAL | the request cannot be sent | host, port | no | as it was |
+/// | ERR_CLIENT_INTERNAL | a failed write (HTTP), others | none or a text | no | replaced |
+/// | ERR_INVALID_STATE | misuse: `send`, `recv`, `recvMesg` | host, port or none | no | as it was |
 ///
-/// Three things are not a RESTException: std::bad_alloc over HTTP, and tq::oss::SocketException
+/// Two things are not a RESTException: std::bad_alloc over HTTP, and tq::oss::SocketException
 /// from `send`, `sendMesg` and the read operations of CorvaneClient.
 ///
 /// Whatever an exchange leaves unread is never taken for a later reply: the next exchange then
@@ -258,8 +258,10 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   void parsePortion(RESTResponse& parser, ClientResponse& response, std::string_view portion);
   void settleChunked(const RESTResponse& parser);
 
+  // Part of the class as it has always been; nothing reads them.
   icu::UnicodeString clientName_;
   icu::UnicodeString spareText_;
+
   std::unique_ptr<RetryPolicy> retryPolicy_;
   std::unique_ptr<Carry> carry_;
 

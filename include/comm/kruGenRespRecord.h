@@ -51,7 +51,7 @@ class KRU_EXPORT GenRespRecord {
   int parseRecord(const char* buf, unsigned int len);
   /// The same into `props`, without `reset()`.
   int parseRecordIntoProps(const char* buf, unsigned int len, tq::util::ExtendedProperties* props);
-  /// Reads the key of the field at `p`; `size` becomes 4 + its length in bytes. Returns the type
+  /// The key of the field that begins at `p`, and in `size` 4 + its length. Returns the type
   /// tag of the value that follows.
   int parseKeyField(const char* p, icu::UnicodeString& key, int& size);
   /// Reads the value at `p`; `size` becomes 4 + its length in bytes.

@@ -82,8 +82,8 @@ class SizeableBuffer {
 
   static T* allocate(std::size_t count) noexcept {
     // The largest object: pointers to the ends of a larger one could not be subtracted.
-    constexpr auto kMost = static_cast<std::size_t>(std::numeric_limits<std::ptrdiff_t>::max());
-    if (count == 0 || count > kMost / sizeof(T)) return nullptr;
+    constexpr auto kLargest = static_cast<std::size_t>(std::numeric_limits<std::ptrdiff_t>::max());
+    if (count == 0 || count > kLargest / sizeof(T)) return nullptr;
     return static_cast<T*>(::operator new(count * sizeof(T), std::nothrow));
   }
 
