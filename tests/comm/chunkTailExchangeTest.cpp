@@ -224,4 +224,28 @@ TEST(ChunkTailExchange, ChunksWithoutEndInFrontOfTheReplyAreNotReadForEver) {
   EXPECT_FALSE(network.waitedForever());
 }
 
+TEST(ChunkTailExchange, OfTheReplyBeforeIsNotReadOnAsTheStreamOfOneThatTimedOut) {
+  const std::string foreign = enveloped(hitRecord("foreign", "1")) + bigEndian(0);
+  ScriptedNetwork network(Script()
+                              .expectRequest()
+                              .send(kEmptySearch)
+                              .expectRequest()
+                              .stall()
+                              .send(chunk(foreign) + kLastChunk)
+                              .awaitClose());
+  CorvaneRESTClient client(u"127.0.0.1", 7, kPersistent);
+  client.setNumRetries(0);
+  client.setTimeOut(100);
+  EXPECT_EQ(runExchange(client, kStreamSearch).errorId, "");
+  auto request = requestFor(kStreamSearch);
+  tq::comm::ClientResponse response;
+  const auto exchange = [&] { client.sendAndRecvMesg(request, response); };
+  EXPECT_EQ(errorOf(exchange).errorId, "ERR_SERVER_COMM_TIMEOUT");
+  network.release();
+  EXPECT_EQ(errorOf([&] { client.recv(response); }).errorId, "ERR_SERVER_COMM_TIMEOUT")
+      << "the rest of the reply before is skipped, and nothing else has come";
+  EXPECT_EQ(response.getSearchResponse().count(), 0U);
+  EXPECT_FALSE(client.isEndOfStream());
+}
+
 }  // namespace

@@ -172,7 +172,8 @@ TEST_P(ConnectionLedgerOverHttp, AReceiveAfterATimeOutDoesNotTakeTheOldTailForTh
   for (const Pulling how : {Pulling::Recv, Pulling::RecvMultResponse, Pulling::Looping}) {
     exchange(kStreamSearch, Peer::LastChunkIsLate);
     EXPECT_EQ(exchange(kCreateCollection, Peer::IsLate).errorId, kTimeOutId);
-    pull(how);
+    EXPECT_EQ(pull(how).errorId, kTimeOutId) << "what has come belongs to the reply before";
+    EXPECT_FALSE(world_.client(kA).isEndOfStream());
     expectTheNextExchangeToGetItsOwnReply();
     world_.setTimeOut(kA, kLimitMillis);
   }
