@@ -184,6 +184,30 @@ TEST_P(Exchange, TheSinglePullReplacesThePortionThatTheExchangeBrought) {
       << "whether the hits of the portion before were taken or not";
 }
 
+TEST_P(Exchange, BytesThatACallerTakesEndTheStreamAndCostItsConnection) {
+  using Take = unsigned long (CorvaneRESTClient::*)(char*, unsigned long, unsigned long, bool);
+  for (const Take take : {Take(&CorvaneRESTClient::readOnce), Take(&CorvaneRESTClient::read),
+                          Take(&CorvaneRESTClient::genericRead)}) {
+    Script stream;
+    replies.sendHits(replies.expect(stream), {"k1", "k2"});
+    ScriptedNetwork network({stream.awaitClose(), answers({replies.ready()})}, kOnDemand);
+    const auto client = clientOf();
+    ClientResponse response;
+    EXPECT_EQ(exchange(*client, kStreamSearch, response), Raised());
+    EXPECT_EQ(idsHeld(response), std::vector<std::string>{idOfKey("k1")});
+    char byte = 0;
+    EXPECT_EQ(((*client).*take)(&byte, 0, 1, true), 1U);
+    const Raised raised = raisedBy([&] { client->recv(response); });
+    EXPECT_EQ(raised.empty(), !binary()) << "over the binary protocol an empty body is an error";
+    EXPECT_EQ(idsHeld(response), std::vector<std::string>());
+    EXPECT_TRUE(client->isEndOfStream());
+    EXPECT_TRUE(client->isTruncated());
+    EXPECT_EQ(exchange(*client, kGetStatus), Raised());
+    EXPECT_EQ(network.connections(), 2U);
+    EXPECT_FALSE(network.waitedForever());
+  }
+}
+
 // Attempts.
 
 TEST_P(Exchange, IsAttemptedOnceMoreUnlessToldOtherwise) {
