@@ -1,17 +1,21 @@
 // Any number of clients side by side, from the first call of the process on.
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
 #include <barrier>
 #include <functional>
+#include <future>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "tests/comm/bothProtocols.h"
+#include "tests/support/fakeSystemCalls.h"
 #include "tests/support/scriptedServer.h"
 
 namespace {
@@ -138,6 +142,57 @@ TEST_P(ExchangeThreads, FailingClientsDoNotDisturbTheOthers) {
     }
   });
   EXPECT_EQ(right, kClients * kRounds);
+}
+
+/// Runs the operation on a thread that may be cancelled.
+pthread_t start(std::function<void()>& operation) {
+  const auto run = [](void* argument) -> void* {
+    (*static_cast<std::function<void()>*>(argument))();
+    return nullptr;
+  };
+  pthread_t thread{};
+  if (::pthread_create(&thread, nullptr, run, &operation) != 0) throw std::runtime_error("thread");
+  return thread;
+}
+
+bool endsByCancellation(pthread_t thread) {
+  void* result = nullptr;
+  ::pthread_join(thread, &result);
+  return result == PTHREAD_CANCELED;
+}
+
+TEST_P(ExchangeThreads, ACancelledThreadUnwindsThroughAConnect) {
+  const auto question = questionNamed("StreamSearchWithThreeHits", "StreamSearchWithThreeHits");
+  ScriptedServer server(answers(question, 1));
+  support::FakeSystemCalls fake;
+  const auto client = clientOf(server);
+  fake.cancelIn(support::Call::Connect, 1);
+  std::function<void()> opening = [&] { client->open(); };
+  EXPECT_TRUE(endsByCancellation(start(opening)));
+  EXPECT_FALSE(client->isConnected());
+  EXPECT_TRUE(isRight(*client, question)) << "the client goes on";
+}
+
+TEST_P(ExchangeThreads, ACancelledThreadUnwindsThroughAReceive) {
+  const auto question = questionNamed("StreamSearchWithThreeHits", "StreamSearchWithThreeHits");
+  Script half;
+  Replies(binary()).sendHits(Replies(binary()).expect(half), {"k1"}, false).stall();
+  ScriptedServer server({half, answers(question, 1)});
+  const auto client = clientOf(server);
+  std::promise<void> exchanged;
+  std::function<void()> receiving = [&] {
+    auto request = requestFor(kStreamSearch);
+    tq::comm::ClientResponse response;
+    client->sendAndRecvMesg(request, response);
+    exchanged.set_value();
+    client->recv(response);
+  };
+  const pthread_t thread = start(receiving);
+  exchanged.get_future().wait();
+  ::pthread_cancel(thread);
+  EXPECT_TRUE(endsByCancellation(thread));
+  server.awaitClientClose(0);
+  EXPECT_TRUE(isRight(*client, question)) << "the client goes on";
 }
 
 INSTANTIATE_TEST_SUITE_P(Over, ExchangeThreads, testing::Bool(), [](const auto& over) {
