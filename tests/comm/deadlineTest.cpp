@@ -19,6 +19,8 @@
 #include "infra/oss/kruMessageList.h"
 #include "tests/comm/faultExchange.h"
 #include "tests/comm/faultNetwork.h"
+#include "tests/support/chunks.h"
+#include "tests/support/replyCorpus.h"
 #include "tests/support/scriptedNetwork.h"
 #include "tests/support/scriptedServer.h"
 
@@ -450,6 +452,47 @@ TEST(DeadlineOverHttp, BoundsAllPortionsThatOneCallPullsTogether) {
   EXPECT_GT(timeouts, 0U);
   EXPECT_EQ(response.getSearchResponse().count(), resultsOf(Protocol::Http, marked).size());
   EXPECT_FALSE(client->isTruncated());
+}
+
+// An estimate brings no results that would end a loop over its portions, so that the peer could
+// stretch the loop at will: no wait is as long as the time-out.
+
+TEST(TimeOutOfAnEstimate, HoldsForAllOfAnExchangesPortionsTogether) {
+  auto network = optionsOf(Protocol::BinaryReassembled);
+  network.dripMillis = 200;
+  FaultNetwork faulty(network, answererOf(Protocol::BinaryReassembled));
+  const auto client = clientOf(Protocol::BinaryReassembled);
+  client->setNumRetries(0);
+  client->setTimeOut(300);
+  const Ran ran = runMarked(*client, {kSelectivity});
+  EXPECT_EQ(ran.errorId, "ERR_SERVER_COMM_TIMEOUT") << ran;
+  EXPECT_LE(ran.longestMillis, 2 * 200 + 300 + kTolerance) << "the header, and one time-out";
+  EXPECT_FALSE(faulty.waitedForever());
+}
+
+TEST(TimeOutOfAnEstimate, HoldsForAllPortionsThatOnePullTakes) {
+  auto network = optionsOf(Protocol::Http);
+  network.dripMillis = 200;
+  std::string reply =
+      kChunkedHead + chunk(std::string(4, '\0') + enveloped(record({{"any", "1"}})));
+  // A record that no portion completes.
+  for (const char byte : enveloped(std::string(100, 'r'))) reply += chunk(std::string(1, byte));
+  FaultNetwork faulty(network, [&](const std::string&) { return Answer{{reply}}; });
+  const auto client = clientOf(Protocol::Http);
+  client->setNumRetries(0);
+  client->setTimeOut(300);
+  BuiltRequest built({kSelectivity});
+  tq::comm::ClientResponse response;
+  client->sendAndRecvMesg(built.request, response);
+  ASSERT_FALSE(client->isEndOfStream());
+  const auto begin = faulty.nowNanos();
+  try {
+    response.getSearchResponse(*client, true);
+    FAIL() << "the peer has ended nothing";
+  } catch (const tq::comm::RESTException& error) {
+    EXPECT_EQ(error.getMessageList().front().getMessageId(), u"ERR_SERVER_COMM_TIMEOUT");
+  }
+  EXPECT_LE((faulty.nowNanos() - begin) / kMilli, 300 + kTolerance);
 }
 
 TEST(DeadlineOverHttp, EndsAReplyWhoseBytesAreAlwaysThere) {
