@@ -169,7 +169,8 @@ TEST(CommandLine, EveryCommandExplainsItselfAndSpeaksJson) {
   const std::vector<std::vector<const char*>> commands = {
       {"create", "c"}, {"drop", "c"},        {"add", "c", "k", "text"}, {"load", "c", "-"},
       {"update", "c"}, {"search", "c", "q"}, {"estimate", "c", "q"},    {"delete", "c", "k"},
-      {"status"},      {"version"}};
+      {"backup", "b"}, {"backups"},          {"restore", "b"},          {"status"},
+      {"version"}};
   for (const auto& command : commands) {
     const std::string name = command.front();
     const Parse help({command.front(), "--help"});

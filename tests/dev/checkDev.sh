@@ -43,4 +43,15 @@ sed -i 's/^add_test(NAME Steady.*/&\nset_tests_properties(Steady PROPERTIES DISA
 rm "$work/build/count"
 run 1 repeat 1 release
 expect "release: Steady failed 1 times, in runs 1"
-echo "./dev repeat lists what failed, and in which run"
+
+# Somebody without root or sudo gets one line to hand to whoever has it.
+tools=$work/tools
+mkdir "$tools"
+for tool in bash dirname mkdir rm; do ln -s "$(command -v "$tool")" "$tools/$tool"; done
+printf '#!/bin/bash\necho 1000\n' >"$tools/id"
+printf '#!/bin/bash\nexit 1\n' >"$tools/dpkg-query"
+chmod +x "$tools/id" "$tools/dpkg-query"
+PATH=$tools run 1 demo
+expect "neither root nor sudo is at hand"
+expect "apt-get update && apt-get install -y --no-install-recommends g++ cmake"
+echo "./dev says what failed in which run, and what root has to install"
