@@ -10,32 +10,13 @@
 #include "comm/kruOpenResult.h"
 #include "comm/kruRESTException.h"
 #include "comm/kruRESTMessage.h"
-#include "infra/oss/kruTrace.h"
 #include "tests/comm/kruCommText.h"
+#include "tests/support/recordingFacility.h"
 
 namespace tq::comm {
 namespace {
 
-class RecordingFacility : public tq::oss::TraceFacility {
- public:
-  RecordingFacility() { tq::oss::setTraceFacility(this); }
-  ~RecordingFacility() override { tq::oss::setTraceFacility(nullptr); }
-
-  unsigned long getComponentTraceFlags(unsigned int component) override {
-    components.insert(component);
-    return 0x20083;
-  }
-  void traceEntry(unsigned int functionId) override {
-    entries.insert(functionId);
-    sequence.push_back(functionId);
-  }
-  void traceExit(unsigned int functionId, long) override { exits.insert(functionId); }
-
-  std::set<unsigned int> components;
-  std::multiset<unsigned int> entries;
-  std::multiset<unsigned int> exits;
-  std::vector<unsigned int> sequence;
-};
+using tq::test::RecordingFacility;
 
 struct Operation {
   unsigned int id;

@@ -2,15 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
 #include <string>
 #include <vector>
 
 #include "comm/kruDrestoPerfClient.h"
 #include "comm/kruFunctionIds.h"
-#include "infra/oss/kruTrace.h"
 #include "tests/support/binaryReplies.h"
 #include "tests/support/exchange.h"
+#include "tests/support/recordingFacility.h"
 #include "tests/support/replyCorpus.h"
 #include "tests/support/script.h"
 #include "tests/support/scriptedNetwork.h"
@@ -22,22 +21,6 @@ using tq::comm::ClientResponse;
 using tq::comm::CorvaneRESTClient;
 using tq::comm::DrestoPerfClient;
 namespace trace = tq::comm::trace;
-
-class RecordingFacility : public tq::oss::TraceFacility {
- public:
-  RecordingFacility() { tq::oss::setTraceFacility(this); }
-  ~RecordingFacility() override { tq::oss::setTraceFacility(nullptr); }
-  unsigned long getComponentTraceFlags(unsigned int) override { return 0x20083; }
-  void traceEntry(unsigned int functionId) override {
-    entries.insert(functionId);
-    order.push_back(functionId);
-  }
-  void traceExit(unsigned int functionId, long) override { exits.insert(functionId); }
-
-  std::vector<unsigned int> order;
-  std::multiset<unsigned int> entries;
-  std::multiset<unsigned int> exits;
-};
 
 void expectEachTraced(const RecordingFacility& facility, unsigned int first, unsigned int last) {
   for (unsigned int id = first; id <= last; ++id) {
@@ -91,14 +74,14 @@ TEST(TracedExchange, AReadWaitsAndReadsTwiceASingleReadNeitherWaitsNorReadsAgain
   RecordingFacility facility;
   char byte = 0;
   client.read(&byte, 0, 1, true);
-  EXPECT_EQ(facility.order, (std::vector<unsigned int>{
-                                trace::CorvaneClientRead, trace::CorvaneClientDataToRead,
-                                trace::CorvaneClientGenericRead, trace::CorvaneClientDataToRead,
-                                trace::CorvaneClientGenericRead}));
-  facility.order.clear();
+  EXPECT_EQ(facility.sequence, (std::vector<unsigned int>{
+                                   trace::CorvaneClientRead, trace::CorvaneClientDataToRead,
+                                   trace::CorvaneClientGenericRead, trace::CorvaneClientDataToRead,
+                                   trace::CorvaneClientGenericRead}));
+  facility.sequence.clear();
   client.readOnce(&byte, 0, 1, true);
-  EXPECT_EQ(facility.order, (std::vector<unsigned int>{trace::CorvaneClientReadOnce,
-                                                       trace::CorvaneClientGenericRead}));
+  EXPECT_EQ(facility.sequence, (std::vector<unsigned int>{trace::CorvaneClientReadOnce,
+                                                          trace::CorvaneClientGenericRead}));
 }
 
 TEST(TracedExchange, TheEndOfAConnectionIsNoCloseAndThatOfAClientIs) {
