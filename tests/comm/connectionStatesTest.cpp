@@ -10,6 +10,7 @@
 
 #include "tests/comm/adversaryWorld.h"
 #include "tests/support/binaryReplies.h"
+#include "tests/support/waitingHost.h"
 
 namespace {
 
@@ -338,6 +339,7 @@ class Walker {
   bool binary_;
   std::size_t ordinal_;
   unsigned int tag_ = 1000;
+  WaitingHost host_{};
   World world_;
   std::vector<const Event*> plans_{};
   std::array<Model, World::kClients> models_{};
@@ -598,6 +600,8 @@ void Walker::set(Setting setting, std::size_t client) {
       caller.setRetryUnsafe(true);
       caller.setRetryPause(0, 0);
       caller.setMaxReplyBytes(std::size_t{1} << 20);
+      // A host that only waits, as the library does by itself.
+      caller.setWaitHook(&WaitingHost::wait, &host_);
       return;
   }
 }
