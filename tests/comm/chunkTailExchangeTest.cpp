@@ -34,7 +34,7 @@ std::string repeated(const std::string& text) {
 void expectNextReply(Script script, ScriptedNetwork::Arrival arrival) {
   ScriptedNetwork network(script.awaitClose(), arrival);
   CorvaneRESTClient client(u"127.0.0.1", 7, kPersistent);
-  EXPECT_EQ(runExchange(client, 8).errorId, "");
+  EXPECT_EQ(runExchange(client, kStreamSearch).errorId, "");
   EXPECT_EQ(runExchange(client, nextReply().kind), nextReply().expected);
   EXPECT_EQ(network.connections(), 1U);
   EXPECT_FALSE(network.waitedForever());
@@ -85,7 +85,7 @@ TEST(ChunkTailExchange, ALineThatMayBecomeAReplyNobodyAskedForCostsTheConnection
     // A second attempt would hide that the first one used the old connection.
     client.setNumRetries(0);
     client.setTimeOut(100);
-    EXPECT_EQ(runExchange(client, 8).errorId, "");
+    EXPECT_EQ(runExchange(client, kStreamSearch).errorId, "");
     EXPECT_EQ(runExchange(client, nextReply().kind), nextReply().expected) << begun;
     EXPECT_EQ(network.connections(), 2U) << begun;
   }

@@ -194,7 +194,7 @@ TEST(HostileExchange, MemoryGrowsWithTheBytesThatArrive) {
   CorvaneRESTClient client(u"127.0.0.1", 7, true);
   client.setNumRetries(0);
   largestAllocation() = 0;
-  EXPECT_EQ(runExchange(client, 8).errorId, "ERR_SERVER_COMM_RECV");
+  EXPECT_EQ(runExchange(client, kStreamSearch).errorId, "ERR_SERVER_COMM_RECV");
   EXPECT_LT(largestAllocation().load(), 4 * text.size());
 }
 

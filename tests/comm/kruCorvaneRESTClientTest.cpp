@@ -154,12 +154,12 @@ TEST(CorvaneRESTClient, TheLastDocumentNeedsNoMetadataBesideItsKey) {
 TEST(CorvaneRESTClient, ARefusedRequestLeavesTheConnectionAsItWas) {
   ScriptedNetwork network(Script()
                               .expectRequest()
-                              .send(plain(ok(1)))
+                              .send(plain(ok(kCreateCollection)))
                               .expectRequest()
                               .send(plain(nextReply()))
                               .awaitClose());
   auto client = clientFor(kPersistent);
-  EXPECT_EQ(runExchange(client, 1), ok(1).expected);
+  EXPECT_EQ(runExchange(client, kCreateCollection), ok(kCreateCollection).expected);
   auto request = requestFor(kDeleteDocument);
   request.getMetadata().clear();
   ClientResponse response;
@@ -201,7 +201,7 @@ TEST(CorvaneRESTClient, ABufferedConnectionMakesNoDifference) {
 TEST(CorvaneRESTClient, SendDoesNotOpenTheConnection) {
   ScriptedNetwork network(Script().awaitClose());
   auto client = clientFor(kPersistent);
-  auto request = requestFor(1);
+  auto request = requestFor(kCreateCollection);
   EXPECT_THROW(client.send(request), tq::oss::SocketException);
   EXPECT_EQ(network.connectAttempts(), 0U);
 }
@@ -211,7 +211,7 @@ TEST(CorvaneRESTClient, SendMesgPassesTheSocketsExceptionOn) {
   auto client = clientFor(kPersistent);
   client.open();
   network.failNextWrite(EPIPE);
-  auto request = requestFor(1);
+  auto request = requestFor(kCreateCollection);
   RESTMessage message(u"127.0.0.1", request);
   try {
     client.sendMesg(message);
@@ -248,11 +248,11 @@ TEST(CorvaneRESTClient, KindsWithoutAReplyShareTheirConnection) {
 TEST(CorvaneRESTClient, BeforeAKindWithoutAReplyOneLookTellsThatTheConnectionIsStale) {
   for (const bool reset : {false, true}) {
     Script stale;
-    stale.expectRequest().send(plain(ok(1)));
+    stale.expectRequest().send(plain(ok(kCreateCollection)));
     if (reset) stale.reset();
     ScriptedNetwork network({stale, Script().expectRequest().awaitClose()});
     auto client = clientFor(kPersistent);
-    EXPECT_EQ(runExchange(client, 1).errorId, "");
+    EXPECT_EQ(runExchange(client, kCreateCollection).errorId, "");
     EXPECT_EQ(runExchange(client, kAsynchAddDocument).errorId, "");
     EXPECT_EQ(network.connections(), 2U);
     EXPECT_EQ(network.connection(1).requests.size(), 1U) << "the document must not be lost";
@@ -286,10 +286,10 @@ TEST(CorvaneRESTClient, PersistenceCanBeChangedBetweenExchanges) {
 }
 
 TEST(CorvaneRESTClient, ItsEndClosesThePersistentConnection) {
-  ScriptedNetwork network(answer(plain(ok(1))));
+  ScriptedNetwork network(answer(plain(ok(kCreateCollection))));
   {
     auto client = clientFor(kPersistent);
-    runExchange(client, 1);
+    runExchange(client, kCreateCollection);
     EXPECT_FALSE(network.connection(0).clientClosed);
   }
   EXPECT_TRUE(network.connection(0).clientClosed);
@@ -342,7 +342,7 @@ TEST(CorvaneRESTClient, AnErrorReadToItsEndKeepsItsConnection) {
                               .send(plain(nextReply()))
                               .awaitClose());
   auto client = clientFor(kPersistent);
-  EXPECT_EQ(runExchange(client, 8), error.expected);
+  EXPECT_EQ(runExchange(client, kStreamSearch), error.expected);
   EXPECT_TRUE(client.isConnected());
   EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
   EXPECT_EQ(network.connections(), 1U);
@@ -350,10 +350,11 @@ TEST(CorvaneRESTClient, AnErrorReadToItsEndKeepsItsConnection) {
 
 TEST(CorvaneRESTClient, AReplyThatNobodyAskedForIsNotTakenForTheNextOne) {
   const auto stray = replyNamed("GetStatus");
-  ScriptedNetwork network({Script().expectRequest().send(plain(ok(1)) + plain(stray)).awaitClose(),
-                           answer(plain(nextReply()))});
+  ScriptedNetwork network(
+      {Script().expectRequest().send(plain(ok(kCreateCollection)) + plain(stray)).awaitClose(),
+       answer(plain(nextReply()))});
   auto client = clientFor(kPersistent);
-  EXPECT_EQ(runExchange(client, 1), ok(1).expected);
+  EXPECT_EQ(runExchange(client, kCreateCollection), ok(kCreateCollection).expected);
   // The stray bytes came with the reply, into the same receive.
   EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
   EXPECT_EQ(network.connections(), 2U);
@@ -371,7 +372,7 @@ TEST(CorvaneRESTClient, AnAbandonedStreamIsNotTakenForTheNextReply) {
                              answer(plain(nextReply()))},
                             arrival);
     auto client = clientFor(kPersistent);
-    auto request = requestFor(8);
+    auto request = requestFor(kStreamSearch);
     ClientResponse response;
     client.sendAndRecvMesg(request, response);
     EXPECT_FALSE(client.isEndOfStream());
@@ -385,7 +386,7 @@ TEST(CorvaneRESTClient, AfterAnAbandonedStreamOpenItselfStillLeavesTheConnection
   const auto& reply = replyNamed("StreamSearchWithFortyHits");
   ScriptedNetwork network(answer(chunked(reply, 100, true).text), kOnDemand);
   auto client = clientFor(kPersistent);
-  auto request = requestFor(8);
+  auto request = requestFor(kStreamSearch);
   ClientResponse response;
   client.sendAndRecvMesg(request, response);
   client.open();
@@ -418,7 +419,7 @@ TEST(CorvaneRESTClient, AFailedExchangeRunsTwiceOnTwoConnectionsByDefault) {
   for (const bool persistent : {false, true}) {
     ScriptedNetwork network(closeEarly());
     auto client = clientFor(persistent);
-    const auto error = exchangeError(client, 1);
+    const auto error = exchangeError(client, kCreateCollection);
     EXPECT_EQ(error.errorId, "ERR_SERVER_COMM_RECV");
     EXPECT_EQ(error.errorArguments, kHostAndPort);
     EXPECT_EQ(error.errorFile, "kruCorvaneRESTClient");
@@ -433,7 +434,7 @@ TEST(CorvaneRESTClient, InitSetsOneRetry) {
   auto client = clientFor(kFresh);
   client.setNumRetries(5);
   client.init();
-  exchangeError(client, 1);
+  exchangeError(client, kCreateCollection);
   EXPECT_EQ(network.connections(), 2U);
 }
 
@@ -453,7 +454,7 @@ TEST(CorvaneRESTClient, ADefaultConstructedClientHasNoRetryUntilItIsTold) {
   CountingClient client;
   const auto attempts = [&] {
     client.attempts = 0;
-    EXPECT_EQ(exchangeError(client, 1).errorId, "ERR_SERVER_COMM_RECV");
+    EXPECT_EQ(exchangeError(client, kCreateCollection).errorId, "ERR_SERVER_COMM_RECV");
     return client.attempts;
   };
   EXPECT_EQ(attempts(), 1U);
@@ -466,8 +467,8 @@ TEST(CorvaneRESTClient, ADefaultConstructedClientHasNoRetryUntilItIsTold) {
 TEST(CorvaneRESTClient, ADefaultConstructedClientHasNoServer) {
   ScriptedNetwork network(closeEarly());
   CorvaneRESTClient client;
-  EXPECT_EQ(exchangeError(client, 1).errorId, "ERR_CONNECT_SERVER");
-  EXPECT_EQ(exchangeError(client, 1).errorArguments,
+  EXPECT_EQ(exchangeError(client, kCreateCollection).errorId, "ERR_CONNECT_SERVER");
+  EXPECT_EQ(exchangeError(client, kCreateCollection).errorArguments,
             (std::vector<std::string>{"<unspecified>", "0"}));
   EXPECT_EQ(network.connectAttempts(), 0U);
 }
@@ -491,10 +492,10 @@ TEST(CorvaneRESTClient, AHitOfAFailedAttemptIsNotCountedTwice) {
 }
 
 TEST(CorvaneRESTClient, TheMessagesOfTheLastAttemptReachTheCallerUnchanged) {
-  ScriptedNetwork network(answer(plain(ok(1))));
+  ScriptedNetwork network(answer(plain(ok(kCreateCollection))));
   network.failConnects(ECONNREFUSED);
   auto client = clientFor(kFresh);
-  auto request = requestFor(1);
+  auto request = requestFor(kCreateCollection);
   ClientResponse response;
   try {
     client.sendAndRecvMesg(request, response);
@@ -509,7 +510,7 @@ TEST(CorvaneRESTClient, ATimeOutIsRepeatedToo) {
   ScriptedNetwork network(silence());
   auto client = clientFor(kPersistent);
   client.setTimeOut(200);
-  const auto error = exchangeError(client, 1);
+  const auto error = exchangeError(client, kCreateCollection);
   EXPECT_EQ(error.errorId, "ERR_SERVER_COMM_TIMEOUT");
   EXPECT_EQ(error.errorArguments, kHostAndPort);
   EXPECT_EQ(network.requests(), 2U);
@@ -536,16 +537,16 @@ TEST(CorvaneRESTClient, AServersOwnIdThatSpellsACommunicationErrorIsRepeated) {
   ScriptedNetwork network(
       Script().expectRequest().send(plain(reply)).expectRequest().send(plain(reply)).awaitClose());
   auto client = clientFor(kPersistent);
-  EXPECT_EQ(runExchange(client, 1).errorText, "t");
+  EXPECT_EQ(runExchange(client, kCreateCollection).errorText, "t");
   EXPECT_EQ(network.requests(), 2U);
   EXPECT_EQ(network.connections(), 2U) << "a retry starts afresh, however sound the connection is";
 }
 
 TEST(CorvaneRESTClient, AFailedWriteIsAnInternalErrorWithoutArgumentsAndNotRepeated) {
-  ScriptedNetwork network(answer(plain(ok(1))));
+  ScriptedNetwork network(answer(plain(ok(kCreateCollection))));
   network.failNextWrite(EPIPE);
   auto client = clientFor(kPersistent);
-  const auto error = exchangeError(client, 1);
+  const auto error = exchangeError(client, kCreateCollection);
   EXPECT_EQ(error.errorId, "ERR_CLIENT_INTERNAL");
   EXPECT_TRUE(error.errorArguments.empty());
   EXPECT_EQ(network.connections(), 1U);
@@ -629,7 +630,7 @@ TEST(CorvaneRESTClient, AfterAFailedWriteTheNextExchangeStartsOnAFreshConnection
   ScriptedNetwork network({silence(), answer(plain(nextReply()))});
   network.failNextWrite(ENOBUFS);
   auto client = clientFor(kPersistent);
-  EXPECT_EQ(exchangeError(client, 1).errorId, "ERR_CLIENT_INTERNAL");
+  EXPECT_EQ(exchangeError(client, kCreateCollection).errorId, "ERR_CLIENT_INTERNAL");
   EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
   EXPECT_EQ(network.connections(), 2U);
   EXPECT_EQ(network.connection(0).received, "");
@@ -658,7 +659,7 @@ TEST(CorvaneRESTClient, ASilentServerRaisesTheTimeOutWithinOneHundredMillisecond
   auto client = clientFor(kFresh);
   client.setNumRetries(0);
   client.setTimeOut(500);
-  EXPECT_EQ(exchangeError(client, 1).errorId, "ERR_SERVER_COMM_TIMEOUT");
+  EXPECT_EQ(exchangeError(client, kCreateCollection).errorId, "ERR_SERVER_COMM_TIMEOUT");
   EXPECT_GE(network.elapsedMillis(), 500U);
   EXPECT_LE(network.elapsedMillis(), 600U);
 }
@@ -703,7 +704,7 @@ TEST(CorvaneRESTClient, TheTimeOutHoldsInRecvAndLosesNothing) {
                             kOnDemand);
     auto client = clientFor(kPersistent);
     client.setTimeOut(100);
-    auto request = requestFor(8);
+    auto request = requestFor(kStreamSearch);
     ClientResponse response;
     client.sendAndRecvMesg(request, response);
     std::vector<std::string> ids;
@@ -764,7 +765,7 @@ TEST(CorvaneRESTClient, ADeadlineBoundsAllAttemptsTogether) {
   client.setNumRetries(50);
   client.setTimeOut(100);
   client.setDeadline(450);
-  EXPECT_EQ(exchangeError(client, 1).errorId, "ERR_SERVER_COMM_TIMEOUT");
+  EXPECT_EQ(exchangeError(client, kCreateCollection).errorId, "ERR_SERVER_COMM_TIMEOUT");
   EXPECT_LE(network.elapsedMillis(), 550U);
   EXPECT_GE(network.elapsedMillis(), 400U);
 }
@@ -775,7 +776,7 @@ TEST(CorvaneRESTClient, ADeadlineThatPassesBetweenAttemptsNamesWhatTheLastOneMet
   auto client = clientFor(kFresh);
   client.setDeadline(300);
   client.setRetryPause(1000, 1000);
-  auto request = requestFor(1);
+  auto request = requestFor(kCreateCollection);
   ClientResponse response;
   const auto raised = raisedBy([&] { client.sendAndRecvMesg(request, response); });
   ASSERT_EQ(raised.size(), 2U);
@@ -880,7 +881,7 @@ TEST(CorvaneRESTClient, TheExchangeSetsTheResultCountTo0First) {
   script.expectRequest().send(plain(reply)).expectRequest().send(plain(reply)).awaitClose();
   ScriptedNetwork network(script);
   auto client = clientFor(kPersistent);
-  auto request = requestFor(8);
+  auto request = requestFor(kStreamSearch);
   ClientResponse response;
   for (int i = 0; i < 2; ++i) {
     client.sendAndRecvMesg(request, response);
@@ -899,7 +900,7 @@ TEST(CorvaneRESTClient, ABrokenStreamEndsWithoutAnErrorAndSaysThatItIsTruncated)
     if (reset) script.reset();
     ScriptedNetwork network(script);
     auto client = clientFor(kPersistent);
-    auto request = requestFor(8);
+    auto request = requestFor(kStreamSearch);
     ClientResponse response;
     client.sendAndRecvMesg(request, response);
     EXPECT_FALSE(client.isTruncated());
@@ -918,8 +919,8 @@ TEST(CorvaneRESTClient, ATruncatedStreamIsForgottenByTheNextExchange) {
       {Script().expectRequest().send(form.text.substr(0, form.chunks[1].dataEnd)),
        answer(plain(replyNamed("StreamSearchWithThreeHits")))});
   auto client = clientFor(kPersistent);
-  EXPECT_TRUE(runExchange(client, 8).truncated);
-  EXPECT_EQ(runExchange(client, 8), replyNamed("StreamSearchWithThreeHits").expected);
+  EXPECT_TRUE(runExchange(client, kStreamSearch).truncated);
+  EXPECT_EQ(runExchange(client, kStreamSearch), replyNamed("StreamSearchWithThreeHits").expected);
 }
 
 TEST(CorvaneRESTClient, AReplyWithALengthAndNoEndMarkEndsWithItsBody) {
@@ -1027,7 +1028,7 @@ TEST(CorvaneRESTClient, AStreamWithALyingPortionIsRefusedAndOver) {
   form.text.replace(form.chunks[1].dataBegin + 4, 4, bigEndian(0x3FFFFFFF));
   ScriptedNetwork network({answer(form.text), answer(plain(nextReply()))});
   auto client = clientFor(kPersistent);
-  auto request = requestFor(8);
+  auto request = requestFor(kStreamSearch);
   ClientResponse response;
   client.sendAndRecvMesg(request, response);
   EXPECT_EQ(response.getSearchResponse().count(), 2U);
@@ -1129,7 +1130,7 @@ TEST(CorvaneRESTClient, ARequestThatIsRefusedInTheMiddleOfAStreamDoesNotDisturbI
   const auto& reply = replyNamed("StreamSearchWithTenHits");
   ScriptedNetwork network(answer(chunked(reply, 100, true).text));
   auto client = clientFor(kPersistent);
-  auto search = requestFor(8);
+  auto search = requestFor(kStreamSearch);
   ClientResponse response;
   client.sendAndRecvMesg(search, response);
   std::vector<std::string> ids;
@@ -1198,7 +1199,7 @@ TEST(CorvaneRESTClient, RecvAfterAFailedExchangeGoesOn) {
   ScriptedNetwork network(closeEarly());
   auto client = clientFor(kPersistent);
   client.setNumRetries(0);
-  EXPECT_EQ(exchangeError(client, 8).errorId, "ERR_SERVER_COMM_RECV");
+  EXPECT_EQ(exchangeError(client, kStreamSearch).errorId, "ERR_SERVER_COMM_RECV");
   ASSERT_TRUE(client.isConnected());
   ClientResponse response;
   EXPECT_EQ(errorOf([&] { client.recv(response); }).errorId, "");
@@ -1256,7 +1257,7 @@ TEST(CorvaneRESTClient, AnotherProtocolIsRefused) {
       ScriptedNetwork network(Script().expectRequest().send(greeting), arrival);
       auto client = clientFor(kPersistent);
       client.setTimeOut(100);
-      const auto outcome = runExchange(client, 8);
+      const auto outcome = runExchange(client, kStreamSearch);
       EXPECT_TRUE(outcome.errorId == "ERR_CLIENT_RESP_PARSING" ||
                   outcome.errorId == "ERR_SERVER_COMM_RECV" ||
                   outcome.errorId == "ERR_SERVER_PROTOCOL")
@@ -1278,7 +1279,7 @@ TEST(CorvaneRESTClient, AnAnnouncedLengthOf2GibibytesIsRefusedAtOnce) {
         "Transfer-Encoding: chunked\r\n\r\nFFFFFFFFFFFFFFFFFFFFF\r\n"}) {
     ScriptedNetwork network(answer(std::string("HTTP/1.1 200 OK\r\n") + line));
     auto client = clientFor(kPersistent);
-    const auto error = exchangeError(client, 8);
+    const auto error = exchangeError(client, kStreamSearch);
     EXPECT_EQ(error.errorId, "ERR_CLIENT_RESP_PARSING") << line;
     EXPECT_FALSE(network.waitedForever()) << line;
     EXPECT_EQ(network.requests(), 1U) << line;
@@ -1291,7 +1292,7 @@ TEST(CorvaneRESTClient, ASizeLineThatIsNoNumberIsRefused) {
     const std::string start = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
     ScriptedNetwork network(answer(start + line + reply.body));
     auto client = clientFor(kPersistent);
-    EXPECT_EQ(exchangeError(client, 8).errorId, "ERR_CLIENT_RESP_PARSING") << line;
+    EXPECT_EQ(exchangeError(client, kStreamSearch).errorId, "ERR_CLIENT_RESP_PARSING") << line;
   }
 }
 
@@ -1304,7 +1305,7 @@ TEST(CorvaneRESTClient, ASizeLineThatIsNoNumberIsRefusedInAStreamToo) {
                                   "garbage without an end of line" + std::string(200, 'g')}) {
     ScriptedNetwork network(answer(form.text.substr(0, form.chunks[0].dataEnd) + line + rest));
     auto client = clientFor(kPersistent);
-    auto request = requestFor(8);
+    auto request = requestFor(kStreamSearch);
     ClientResponse response;
     client.sendAndRecvMesg(request, response);
     EXPECT_EQ(errorOf([&] { client.recv(response); }).errorId, "ERR_CLIENT_RESP_PARSING") << line;
@@ -1327,7 +1328,7 @@ TEST(CorvaneRESTClient, ASizeLineIsAsLongAs125CharactersAndNoLonger) {
           Script().expectRequest().send(start + line + "\r\n" + reply.body, 50).awaitClose(),
           arrival);
       auto client = clientFor(kPersistent);
-      const auto outcome = runExchange(client, 8);
+      const auto outcome = runExchange(client, kStreamSearch);
       if (length <= 125) {
         EXPECT_EQ(outcome, reply.expected) << length;
       } else {
@@ -1346,7 +1347,7 @@ TEST(CorvaneRESTClient, AHeaderBlockMayBeLongButNotEndless) {
     padded.headerLines = "X-Pad: " + std::string(length, 'p') + "\r\n";
     ScriptedNetwork network(answer(plain(padded)));
     auto client = clientFor(kPersistent);
-    const auto outcome = runExchange(client, 8);
+    const auto outcome = runExchange(client, kStreamSearch);
     if (fits) {
       EXPECT_EQ(outcome, reply.expected) << length;
     } else {
@@ -1358,7 +1359,7 @@ TEST(CorvaneRESTClient, AHeaderBlockMayBeLongButNotEndless) {
 TEST(CorvaneRESTClient, AServerThatNeverEndsItsHeadersIsRefused) {
   ScriptedNetwork network(Script().expectRequest().send(bigBody(3000000)).awaitClose());
   auto client = clientFor(kPersistent);
-  EXPECT_EQ(exchangeError(client, 8).errorId, "ERR_CLIENT_RESP_PARSING");
+  EXPECT_EQ(exchangeError(client, kStreamSearch).errorId, "ERR_CLIENT_RESP_PARSING");
   EXPECT_FALSE(network.waitedForever());
 }
 
@@ -1371,7 +1372,7 @@ TEST(CorvaneRESTClient, TheLimitOfAReplyCanBeMovedAndHoldsToTheByte) {
       ScriptedNetwork network(answer(text));
       auto client = clientFor(kPersistent);
       client.setMaxReplyBytes(limit);
-      const auto outcome = runExchange(client, 8);
+      const auto outcome = runExchange(client, kStreamSearch);
       if (limit == size) {
         EXPECT_EQ(outcome, reply.expected);
       } else {
@@ -1389,7 +1390,7 @@ TEST(CorvaneRESTClient, TheLimitHoldsForARecordThatManyChunksWouldBring) {
   ScriptedNetwork network(Script().expectRequest().send(form.text));
   auto client = clientFor(kPersistent);
   client.setMaxReplyBytes(5000);
-  EXPECT_EQ(runExchange(client, 8).errorId, "ERR_CLIENT_RESP_PARSING");
+  EXPECT_EQ(runExchange(client, kStreamSearch).errorId, "ERR_CLIENT_RESP_PARSING");
 }
 
 TEST(CorvaneRESTClient, AChunkThatWithWhatIsCarriedPassesTheLargestLengthIsRefusedUnread) {
@@ -1427,7 +1428,7 @@ TEST(CorvaneRESTClient, AServerThatClosesAtOnceIsAnErrorOfTheCommunication) {
   for (const auto& script : {Script(), Script().reset()}) {
     ScriptedNetwork network(script);
     auto client = clientFor(kPersistent);
-    const auto id = exchangeError(client, 1).errorId;
+    const auto id = exchangeError(client, kCreateCollection).errorId;
     // A reset that comes before the request is written shows at the write.
     EXPECT_TRUE(id == "ERR_SERVER_COMM_RECV" || id == "ERR_CLIENT_INTERNAL") << id;
   }
@@ -1436,14 +1437,14 @@ TEST(CorvaneRESTClient, AServerThatClosesAtOnceIsAnErrorOfTheCommunication) {
 TEST(CorvaneRESTClient, OverLoopbackAServerThatClosesEarlyIsAnErrorOfTheCommunication) {
   ScriptedServer server(closeEarly());
   CorvaneRESTClient client(u"127.0.0.1", server.port(), kPersistent);
-  EXPECT_EQ(exchangeError(client, 1).errorId, "ERR_SERVER_COMM_RECV");
+  EXPECT_EQ(exchangeError(client, kCreateCollection).errorId, "ERR_SERVER_COMM_RECV");
   EXPECT_EQ(server.connections(), 2U);
 }
 
 TEST(CorvaneRESTClient, OverLoopbackAResetIsAnErrorOfTheCommunication) {
   ScriptedServer server(Script().expectRequest().reset());
   CorvaneRESTClient client(u"127.0.0.1", server.port(), kPersistent);
-  EXPECT_EQ(exchangeError(client, 1).errorId, "ERR_SERVER_COMM_RECV");
+  EXPECT_EQ(exchangeError(client, kCreateCollection).errorId, "ERR_SERVER_COMM_RECV");
 }
 
 // Misuse.
@@ -1451,9 +1452,9 @@ TEST(CorvaneRESTClient, OverLoopbackAResetIsAnErrorOfTheCommunication) {
 constexpr auto kMisused = "ERR_INVALID_STATE";
 
 TEST(CorvaneRESTClient, AReceiveByHandThatNothingWasSentForIsRefused) {
-  ScriptedNetwork network(answer(plain(ok(1))));
+  ScriptedNetwork network(answer(plain(ok(kCreateCollection))));
   auto client = clientFor(kPersistent);
-  EXPECT_EQ(runExchange(client, 1), ok(1).expected);
+  EXPECT_EQ(runExchange(client, kCreateCollection), ok(kCreateCollection).expected);
   ClientResponse response;
   expectRefusal(kMisused,
                 "it is not known whose reply would arrive next; only the one to a single request "
@@ -1465,7 +1466,7 @@ TEST(CorvaneRESTClient, AReplyThatIsOwedIsNotSkippedAsThatOfAKindWithoutOne) {
   ScriptedNetwork network(Script().expectRequest().expectRequest().awaitClose());
   auto client = clientFor(kPersistent);
   EXPECT_EQ(runExchange(client, kAsynchAddDocument).errorId, "");
-  auto request = requestFor(1);
+  auto request = requestFor(kCreateCollection);
   client.send(request);
   ClientResponse response;
   expectRefusal(kMisused,
@@ -1493,8 +1494,8 @@ TEST(CorvaneRESTClient, NothingIsSentByHandBehindARequestThatWasWrittenInPart) {
   ScriptedNetwork network(silence());
   auto client = clientFor(kPersistent);
   network.failNextWrite(ENOBUFS);
-  EXPECT_EQ(exchangeError(client, 1).errorId, "ERR_CLIENT_INTERNAL");
-  auto request = requestFor(1);
+  EXPECT_EQ(exchangeError(client, kCreateCollection).errorId, "ERR_CLIENT_INTERNAL");
+  auto request = requestFor(kCreateCollection);
   expectRefusal(kMisused, "an earlier request was written in part; close the connection first",
                 [&] { client.send(request); });
 }

@@ -131,7 +131,7 @@ TEST(DrestoPerfClientSend, AHeaderOf65535BytesIsSentAndALongerOneIsRefused) {
     EXPECT_EQ(raised.front().text, "the header text of a request is longer than 65535 bytes");
     EXPECT_EQ(raised.front().arguments, (std::vector<std::string>{"127.0.0.1", "7"}));
     EXPECT_EQ(network.writes(), 0U);
-    auto next = requestFor(1);
+    auto next = requestFor(kCreateCollection);
     client.sendAndRecvMesg(next, response);
     EXPECT_EQ(network.connection(0).received, Framed(next).whole()) << "nothing of it stays";
   }
