@@ -127,7 +127,7 @@ ClientRequest requestTo(std::string_view collection, int kind, const Parameters&
   return request;
 }
 
-void attachDocument(ClientRequest& request, const std::string& key, const std::string& text,
+void attachDocument(ClientRequest& request, const std::string& key, std::string_view text,
                     const std::list<tq::comm::KVPair>& metadata) {
   request.setDocKey(key.data(), static_cast<unsigned int>(key.size()));
   request.setContent(metadata, text.empty() ? nullptr : text.data(),

@@ -35,8 +35,7 @@ tq::comm::ClientRequest requestTo(std::string_view collection, int kind,
                                   const Parameters& parameters = {});
 
 /// Gives the request a document. Key and text are pointed at and must outlive its sending.
-void attachDocument(tq::comm::ClientRequest& request, const std::string& key,
-                    const std::string& text,
+void attachDocument(tq::comm::ClientRequest& request, const std::string& key, std::string_view text,
                     const std::list<tq::comm::KVPair>& metadata = {{u"title", u"untitled"}});
 
 /// How a search's hits are taken.
