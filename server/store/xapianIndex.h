@@ -6,9 +6,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <shared_mutex>
 #include <span>
 #include <string>
 #include <vector>
@@ -23,6 +21,7 @@
 
 namespace corvaned {
 
+class IndexReaders;
 class IndexRebuild;
 
 /// The searchable part of a collection: a Xapian database in a directory. Xapian's types stay
@@ -102,27 +101,19 @@ class XapianIndex {
   std::size_t bytesOfSums() const { return sums_->bytes(); }
 
  private:
-  class Reader;
-  class Lease;
-
   void beginRebuild();
   void endRebuild();
 
   const std::filesystem::path collection_;
   const std::filesystem::path path_;
   const IndexLimits limits_;
+  const std::unique_ptr<IndexReaders> readers_;
   // Used by the thread that applies changes.
   std::optional<IndexSums> sums_;
   std::unique_ptr<IndexRebuild> rebuild_;
   std::atomic<bool> earlierForm_ = false;
   // Whether the new index is being put in the place of the earlier one.
   bool ending_ = false;
-  // Held shared while a handle is opened or refreshed, so that the index does not change places
-  // with another one meanwhile. Guards generation_.
-  std::shared_mutex exchangeMutex_;
-  std::uint64_t generation_ = 0;
-  std::mutex mutex_;
-  std::vector<std::unique_ptr<Reader>> idleReaders_;  // Guarded by mutex_.
 };
 
 }  // namespace corvaned

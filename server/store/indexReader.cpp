@@ -1,0 +1,266 @@
+#include "server/store/indexReader.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "server/base/documentForm.h"
+#include "server/base/errors.h"
+#include "server/base/requestContext.h"
+#include "server/store/hitLists.h"
+#include "server/store/hitTexts.h"
+#include "server/store/interruption.h"
+#include "server/store/keyFilters.h"
+#include "server/store/passingDocuments.h"
+#include "server/store/queryReader.h"
+#include "server/store/searchMemory.h"
+#include "server/store/sortOrder.h"
+#include "server/store/textNormalizer.h"
+
+namespace corvaned {
+namespace {
+
+// A document's text as it is stored, and what is read from it.
+constexpr std::size_t kTextForms = 2;
+
+std::string_view wholeSortKey(std::string_view sortKey) { return sortKey; }
+
+std::size_t bytesOf(const HitDetails& details) {
+  std::size_t bytes = details.hit.key.size() + details.snippet.size();
+  for (const auto& [name, value] : details.values) bytes += name.size() + value.size();
+  return bytes;
+}
+
+std::uint64_t saturatedSum(std::uint64_t a, std::uint64_t b) {
+  return a > std::numeric_limits<std::uint64_t>::max() - b
+             ? std::numeric_limits<std::uint64_t>::max()
+             : a + b;
+}
+
+// The clock is read each time: a text may take longer than many hits.
+void spendOnText() {
+  RequestContext* request = RequestContext::current();
+  if (!request) return;
+  request->spend(1);
+  request->check();
+}
+
+/// The part of a result that was asked for: from, and to before, so many hits.
+struct Page {
+  std::uint64_t start = 0;
+  std::uint64_t end = 0;
+};
+
+std::unique_ptr<HitSource> sorted(Xapian::Enquire& enquire, Page page, HitBuffer::KeyIn keyIn,
+                                  ScoreScale scale, const IndexLimits& limits) {
+  std::uint64_t most = page.end;
+  if (most > kFewHits) {
+    most = std::min<std::uint64_t>(most, enquire.get_mset(0, 0).get_matches_upper_bound());
+  }
+  MemoryBudget::Share memory = memoryFor(most, limits);
+  const Xapian::MSet matches =
+      enquire.get_mset(static_cast<Xapian::doccount>(page.start),
+                       static_cast<Xapian::doccount>(page.end - page.start));
+  return std::make_unique<HitBuffer>(matches, keyIn, scale, std::move(memory));
+}
+
+// In an empty collection there is nothing that could be marked yet.
+std::unique_ptr<HitSource> byValue(Xapian::Enquire& enquire, Page page, const SearchQuery& query,
+                                   const IndexNames& names, const IndexLimits& limits) {
+  const auto slot = names.slotOf(query.sortBy);
+  if (!slot && page.end > 0) {
+    throw ServerError(ErrorKind::BadParameter,
+                      "documents cannot be sorted by " + shown(query.sortBy) +
+                          ": none of them has metadata of that name that is marked "
+                          "\"[sortable]\"");
+  }
+  ValueOrder order(slot.value_or(kKeySlot), query.descending);
+  enquire.set_sort_by_key(&order, false);
+  enquire.set_weighting_scheme(Xapian::BoolWeight());
+  return sorted(enquire, page, ValueOrder::keyIn, query.scale, limits);
+}
+
+// The engine only tells which documents match; to let it sort them would take ten times the
+// memory and more than twice the time.
+std::unique_ptr<HitSource> keys(Xapian::Enquire& enquire, Page page, HitOrder order,
+                                std::uint64_t documents, const IndexLimits& limits) {
+  auto buffer = std::make_unique<KeyBuffer>(limits);
+  KeyGatherer gatherer(*buffer, page.end, order == HitOrder::Key);
+  enquire.set_weighting_scheme(Xapian::BoolWeight());
+  enquire.add_matchspy(&gatherer);
+  const std::uint64_t seen = order == HitOrder::Key ? documents : page.end;
+  enquire.get_mset(0, 0, static_cast<Xapian::doccount>(seen));
+  if (order == HitOrder::Key) buffer->keepFirst(page.end);
+  buffer->start(page.start);
+  return buffer;
+}
+
+// `documents`: how many of them may be hits.
+std::unique_ptr<HitSource> hits(const Xapian::Database& database, const Xapian::Query& words,
+                                const SearchQuery& query, const IndexNames& names,
+                                const IndexLimits& limits, std::uint64_t documents) {
+  const std::uint64_t end =
+      std::min({saturatedSum(query.start, query.size), query.limit, documents});
+  const Page page{std::min(query.start, end), end};
+  const Interruptible interruptible(withinKeys(words, query));
+  Xapian::Enquire enquire(database);
+  enquire.set_query(interruptible.query());
+  switch (query.order) {
+    case HitOrder::Score:
+      enquire.set_sort_by_relevance_then_value(kKeySlot, false);
+      return sorted(enquire, page, wholeSortKey, query.scale, limits);
+    case HitOrder::Value:
+      return byValue(enquire, page, query, names, limits);
+    case HitOrder::Key:
+    case HitOrder::Any:
+      break;
+  }
+  return keys(enquire, page, query.order, documents, limits);
+}
+
+}  // namespace
+
+IndexReader::IndexReader(const std::filesystem::path& path, DescriptorBudget::Share descriptors,
+                         std::uint64_t generation)
+    : generation_(generation),
+      descriptors_(std::move(descriptors)),
+      database_(path.string()),
+      analysis_(database_) {}
+
+std::unique_ptr<HitSource> IndexReader::search(const SearchQuery& query,
+                                               const std::vector<std::string>& hidden,
+                                               const IndexLimits& limits) const {
+  const IndexNames names(database_);
+  return hits(database_, withoutHidden(wordsOf(query, names, limits), hidden), query, names, limits,
+              database_.get_doccount());
+}
+
+// Both databases together have the statistics that the collection would have.
+std::unique_ptr<HitSource> IndexReader::match(const SearchQuery& query,
+                                              const std::vector<Document>& documents,
+                                              const IndexLimits& limits) const {
+  MemoryBudget::Share memory = memoryToMatch(documents, limits);
+  // Their metadata may have names that the query is the first to ask for.
+  IndexNames names(database_);
+  std::vector<Xapian::Document> made = indexed(documents, names);
+  const Xapian::Query words = wordsOf(query, names, limits);
+  Xapian::Database both(database_);
+  both.add_database(
+      passingDocuments(std::move(made), words, normalizeText(query.text), names.slotCount()));
+  const Xapian::Query theirs =
+      words.empty() ? words
+                    : Xapian::Query(Xapian::Query::OP_FILTER, words, Xapian::Query(kPassingTerm));
+  return hits(both, theirs, query, names, limits, documents.size());
+}
+
+std::uint64_t IndexReader::count(const SearchQuery& query, const std::vector<std::string>& hidden,
+                                 const IndexLimits& limits) const {
+  const Interruptible words(
+      withinKeys(withoutHidden(wordsOf(query, IndexNames(database_), limits), hidden), query));
+  Xapian::Enquire enquire(database_);
+  enquire.set_query(words.query());
+  enquire.set_weighting_scheme(Xapian::BoolWeight());
+  return enquire.get_mset(0, 0, database_.get_doccount()).get_matches_estimated();
+}
+
+void IndexReader::visit(const SearchQuery& query, const std::vector<std::string>& hidden,
+                        const IndexLimits& limits, const Store::DocumentVisitor& take) const {
+  requireTexts();
+  const auto found = search(query, hidden, limits);
+  MemoryBudget::Share memory = shareOf(limits);
+  for (Hit hit; found->next(hit);) {
+    auto document = stored(hit.key, memory);
+    if (!document) continue;
+    dropNotes(document->metadata);
+    take(*document);
+  }
+}
+
+bool IndexReader::contains(const std::string& key) const {
+  return database_.term_exists(identityTerm(key));
+}
+
+std::vector<HitDetails> IndexReader::details(const SearchQuery& query, const DetailsWanted& wanted,
+                                             const std::vector<std::string>& hidden,
+                                             const IndexLimits& limits) const {
+  if (wanted.snippetBytes > 0) requireTexts();
+  const auto found = search(query, hidden, limits);
+  Snippets snippets(database_, analysis_, wordsOf(query, IndexNames(database_), limits));
+  MemoryBudget::Share memory = shareOf(limits);
+  MemoryBudget::Share result = shareOf(limits);
+  std::vector<HitDetails> details;
+  for (Hit hit; found->next(hit);) {
+    const auto document = stored(hit.key, memory);
+    if (!document) continue;
+    HitDetails& each = details.emplace_back(HitDetails{hit});
+    each.values = valuesIn(*document, wanted.names);
+    if (wanted.snippetBytes > 0) each.snippet = snippets.of(*document, wanted.snippetBytes);
+    result.force(result.bytes() + bytesOf(each));
+  }
+  return details;
+}
+
+CollectionSummary IndexReader::summary() const {
+  CollectionSummary summary;
+  summary.documents = database_.get_doccount();
+  summary.language = analysis_.form().language;
+  summary.options = analysis_.options();
+  return summary;
+}
+
+// Without weights, since an estimate needs none: with them the engine scores every hit that it
+// counts.
+Estimate IndexReader::estimate(const std::string& query, std::uint64_t exactHits,
+                               const std::vector<std::string>& hidden,
+                               const IndexLimits& limits) const {
+  const Interruptible words(withoutHidden(
+      QueryReader(database_, analysis_, IndexNames(database_), limits).read(query), hidden));
+  const std::uint64_t documents = database_.get_doccount();
+  Xapian::Enquire enquire(database_);
+  enquire.set_query(words.query());
+  enquire.set_weighting_scheme(Xapian::BoolWeight());
+  const auto exact = static_cast<Xapian::doccount>(std::min(exactHits, documents));
+  const Xapian::MSet matches = enquire.get_mset(0, 0, exact);
+  return {matches.get_matches_estimated(), matches.get_matches_upper_bound(), documents};
+}
+
+void IndexReader::requireTexts() const {
+  if (analysis_.options().keepsText) return;
+  throw ServerError(ErrorKind::UnsupportedAction,
+                    "the collection was created without the texts of its documents, so they "
+                    "cannot be read");
+}
+
+// Nothing if the document has gone since it was found. `memory` has room for the one that was
+// read last.
+std::optional<Document> IndexReader::stored(const std::string& key,
+                                            MemoryBudget::Share& memory) const {
+  spendOnText();
+  const std::string term = identityTerm(key);
+  const Xapian::PostingIterator place = database_.postlist_begin(term);
+  if (place == database_.postlist_end(term)) return std::nullopt;
+  const std::string data = database_.get_document(*place).get_data();
+  memory.force(kTextForms * data.size());
+  auto document = readDocument(key, data);
+  if (document) return document;
+  throw ServerError(ErrorKind::StorageFailed,
+                    "the text of the document " + shown(key) + " cannot be read");
+}
+
+Xapian::Query IndexReader::wordsOf(const SearchQuery& query, const IndexNames& names,
+                                   const IndexLimits& limits) const {
+  if (query.everything) return Xapian::Query(std::string());
+  return QueryReader(database_, analysis_, names, limits).read(query.text);
+}
+
+std::vector<Xapian::Document> IndexReader::indexed(const std::vector<Document>& documents,
+                                                   IndexNames& names) const {
+  std::vector<Xapian::Document> made;
+  made.reserve(documents.size());
+  for (const Document& document : documents) {
+    if (RequestContext* request = RequestContext::current()) request->check();
+    made.push_back(makeDocument(document, analysis_, names));
+  }
+  return made;
+}
+
+}  // namespace corvaned

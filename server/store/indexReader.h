@@ -1,0 +1,70 @@
+#pragma once
+
+#include <xapian.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "server/base/descriptorBudget.h"
+#include "server/base/memoryBudget.h"
+#include "server/store/indexLimits.h"
+#include "server/store/store.h"
+#include "server/store/textAnalysis.h"
+#include "server/store/xapianSchema.h"
+
+namespace corvaned {
+
+/// One handle for searching an index, of which it sees what was there when it was opened or
+/// refreshed last. XapianIndex says what each operation promises; the engine's errors come out as
+/// they are. Used by one thread at a time.
+class IndexReader {
+ public:
+  /// The tables that it has open.
+  static constexpr std::size_t kDescriptors = 4;
+
+  IndexReader(const std::filesystem::path& path, DescriptorBudget::Share descriptors,
+              std::uint64_t generation);
+
+  /// Which index it is open on, of those that follow each other in one directory.
+  std::uint64_t generation() const { return generation_; }
+  void refresh() { database_.reopen(); }
+  DescriptorBudget::Share takeDescriptors() { return std::move(descriptors_); }
+
+  std::unique_ptr<HitSource> search(const SearchQuery& query,
+                                    const std::vector<std::string>& hidden,
+                                    const IndexLimits& limits) const;
+  std::unique_ptr<HitSource> match(const SearchQuery& query, const std::vector<Document>& documents,
+                                   const IndexLimits& limits) const;
+  std::uint64_t count(const SearchQuery& query, const std::vector<std::string>& hidden,
+                      const IndexLimits& limits) const;
+  void visit(const SearchQuery& query, const std::vector<std::string>& hidden,
+             const IndexLimits& limits, const Store::DocumentVisitor& take) const;
+  bool contains(const std::string& key) const;
+  std::vector<HitDetails> details(const SearchQuery& query, const DetailsWanted& wanted,
+                                  const std::vector<std::string>& hidden,
+                                  const IndexLimits& limits) const;
+  CollectionSummary summary() const;
+  Estimate estimate(const std::string& query, std::uint64_t exactHits,
+                    const std::vector<std::string>& hidden, const IndexLimits& limits) const;
+
+ private:
+  void requireTexts() const;
+  std::optional<Document> stored(const std::string& key, MemoryBudget::Share& memory) const;
+  Xapian::Query wordsOf(const SearchQuery& query, const IndexNames& names,
+                        const IndexLimits& limits) const;
+  std::vector<Xapian::Document> indexed(const std::vector<Document>& documents,
+                                        IndexNames& names) const;
+
+  const std::uint64_t generation_;
+  // Declared before the database, so that they are given back when that is closed.
+  DescriptorBudget::Share descriptors_;
+  Xapian::Database database_;
+  TextAnalysis analysis_;
+};
+
+}  // namespace corvaned

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <xapian.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <utility>
+#include <vector>
+
+#include "server/store/indexLimits.h"
+#include "server/store/indexReader.h"
+
+namespace corvaned {
+
+/// The handles for searching one index; idle ones are kept for the next searches. May be used from
+/// any thread.
+class IndexReaders {
+ public:
+  IndexReaders(std::filesystem::path path, const IndexLimits& limits)
+      : path_(std::move(path)), limits_(limits) {}
+
+  /// Runs `work` with a handle that sees what is there now. If a writer commits twice meanwhile,
+  /// the handle's snapshot no longer exists and the database says so; then another attempt is
+  /// enough.
+  template <typename Work>
+  auto run(const Work& work) {
+    std::unique_ptr<IndexReader> reader = takeIdle();
+    for (int attempt = 1;; ++attempt) {
+      try {
+        refresh(reader);
+        auto result = work(*reader);
+        giveBack(std::move(reader));
+        return result;
+      } catch (const Xapian::DatabaseModifiedError&) {
+        if (attempt == kAttempts) throw;
+      }
+    }
+  }
+
+  /// Calls `exchange`, which puts another index in the place of this one. No handle is opened or
+  /// refreshed meanwhile, and none of the earlier index is used again.
+  template <typename Exchange>
+  void exchange(const Exchange& exchange) {
+    {
+      const std::unique_lock exchanging(exchangeMutex_);
+      // Also if a later step fails: the files may be others by then.
+      ++generation_;
+      exchange();
+    }
+    release();
+  }
+
+  /// Closes the idle ones.
+  void release();
+
+ private:
+  static constexpr int kAttempts = 8;
+
+  std::unique_ptr<IndexReader> takeIdle();
+  void refresh(std::unique_ptr<IndexReader>& reader);
+  void giveBack(std::unique_ptr<IndexReader> reader);
+
+  const std::filesystem::path path_;
+  const IndexLimits& limits_;
+  // Held shared while a handle is opened or refreshed, so that the index does not change places
+  // with another one meanwhile. Guards generation_.
+  std::shared_mutex exchangeMutex_;
+  std::uint64_t generation_ = 0;
+  std::mutex mutex_;
+  std::vector<std::unique_ptr<IndexReader>> idle_;  // Guarded by mutex_.
+};
+
+}  // namespace corvaned

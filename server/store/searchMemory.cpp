@@ -1,0 +1,57 @@
+#include "server/store/searchMemory.h"
+
+#include <fmt/format.h>
+
+namespace corvaned {
+namespace {
+
+// What one hit takes while the engine sorts: twice, as its vector grows.
+constexpr std::size_t kMatchCost = 256;
+// What a byte of a document takes in a database in memory, which keeps a list of places for each
+// word of each document: 50 was measured with texts of 400 bytes.
+constexpr std::size_t kPassingCost = 64;
+// What a document without words takes there, in bytes of text.
+constexpr std::size_t kEmptyPassing = 32;
+
+MemoryBudget::Use useOf(std::size_t bytes) {
+  return bytes <= kFewHits * kMatchCost ? MemoryBudget::Use::Small : MemoryBudget::Use::Large;
+}
+
+}  // namespace
+
+void setAside(MemoryBudget::Share& share, std::size_t bytes, const MemoryBudget* budget,
+              ErrorKind never, const MemoryRefusal& refusal) {
+  const MemoryBudget::Use use = useOf(bytes);
+  if (share.resize(bytes, use)) return;
+  throw ServerError(budget->canEverFit(bytes, use) ? ErrorKind::TryAgain : never,
+                    refusal((bytes >> 20U) + 1));
+}
+
+MemoryBudget::Share memoryFor(std::size_t hits, const IndexLimits& limits) {
+  MemoryBudget::Share share = shareOf(limits);
+  setAside(share, hits * kMatchCost, limits.memory.get(), ErrorKind::QueryTooBroad,
+           [&](std::size_t mebibytes) {
+             return fmt::format(
+                 "the result may have {} hits, for which {} MiB of memory are not free; ask for "
+                 "fewer with \"size\" or \"resultLimit\", or raise --max-memory",
+                 hits, mebibytes);
+           });
+  return share;
+}
+
+MemoryBudget::Share memoryToMatch(const std::vector<Document>& documents,
+                                  const IndexLimits& limits) {
+  std::size_t bytes = 0;
+  for (const Document& document : documents) bytes += kEmptyPassing + bytesOf(document);
+  MemoryBudget::Share share = shareOf(limits);
+  setAside(share, bytes * kPassingCost, limits.memory.get(), ErrorKind::RequestTooLarge,
+           [](std::size_t mebibytes) {
+             return fmt::format(
+                 "the documents to match need {} MiB of memory that are not free; send fewer at a "
+                 "time, or raise --max-memory",
+                 mebibytes);
+           });
+  return share;
+}
+
+}  // namespace corvaned

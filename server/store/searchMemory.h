@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "server/base/errors.h"
+#include "server/base/memoryBudget.h"
+#include "server/store/indexLimits.h"
+#include "server/store/store.h"
+
+namespace corvaned {
+
+/// Results up to this size are not worth asking how large they may get.
+constexpr std::size_t kFewHits = 1000;
+
+/// Makes the text of a refusal, of how many MiB are missing.
+using MemoryRefusal = std::function<std::string(std::size_t mebibytes)>;
+
+/// Makes the share so large. Trying again is no advice where it can never fit: that is refused with
+/// `never`.
+void setAside(MemoryBudget::Share& share, std::size_t bytes, const MemoryBudget* budget,
+              ErrorKind never, const MemoryRefusal& refusal);
+
+/// Sets aside what up to `hits` hits may take while they are sorted.
+MemoryBudget::Share memoryFor(std::size_t hits, const IndexLimits& limits);
+
+/// Sets aside what documents take that are held in memory to be matched.
+MemoryBudget::Share memoryToMatch(const std::vector<Document>& documents,
+                                  const IndexLimits& limits);
+
+}  // namespace corvaned
