@@ -221,8 +221,10 @@ BatchOutcome Collection::accept(const std::shared_ptr<BatchEntry>& entry, bool k
   if (deletions.empty()) {
     place = append({ChangeKind::Batch, {}, entry});
   } else {
+    // While the gate is open: the keys of a large batch take long.
+    IndexAnswer answer = askIndex(deletions);
     const auto gate = closeGateToLookUp();
-    Refusals unknown = missing(deletions);
+    Refusals unknown = missing(deletions, std::move(answer));
     if (keysMustExist && unknown.count > 0) return {0, 0, unknown.count, std::move(unknown)};
     entry->unknown = static_cast<std::uint32_t>(unknown.count);
     place = appendBehindGate({ChangeKind::Batch, {}, entry});
@@ -231,11 +233,28 @@ BatchOutcome Collection::accept(const std::shared_ptr<BatchEntry>& entry, bool k
   return outcomeOf(*entry);
 }
 
-Refusals Collection::missing(const std::vector<std::string>& keys) {
+Collection::IndexAnswer Collection::askIndex(const std::vector<std::string>& keys) {
+  IndexAnswer answer{indexed(), {}};
+  answer.found = index_.contain(keys, [this] { requireGoingOn(); });
+  return answer;
+}
+
+JournalPosition Collection::indexed() const {
+  const std::lock_guard lock(hiddenMutex_);
+  return indexed_;
+}
+
+// The gate is closed. What is pending is looked up first: what is forgotten meanwhile has reached
+// the index, which is then asked once more.
+Refusals Collection::missing(const std::vector<std::string>& keys, IndexAnswer answer) {
+  std::vector<std::optional<bool>> pending;
+  pending.reserve(keys.size());
+  for (const std::string& key : keys) pending.push_back(pendingKeys_.find(key));
+  if (indexed() != answer.indexed) answer = askIndex(keys);
   Refusals unknown;
-  for (const std::string& key : keys) {
-    if (hasDocument(key)) continue;
-    unknown.add({key, std::string(messageId(ErrorKind::UnknownDocument)),
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    if (pending[i].value_or(answer.found[i])) continue;
+    unknown.add({keys[i], std::string(messageId(ErrorKind::UnknownDocument)),
                  "there is no document with this key"});
   }
   return unknown;
@@ -656,8 +675,10 @@ Journal::Place Collection::append(const Change& change) {
 }
 
 Journal::Place Collection::appendIfThere(const Change& change) {
+  const std::vector<std::string> key{change.document.key};
+  IndexAnswer answer = askIndex(key);
   const auto gate = closeGateToLookUp();
-  if (hasDocument(change.document.key)) return appendBehindGate(change);
+  if (missing(key, std::move(answer)).count == 0) return appendBehindGate(change);
   throw ServerError(ErrorKind::UnknownDocument,
                     "there is no document with the key " + shown(change.document.key));
 }
@@ -666,29 +687,30 @@ Journal::Place Collection::appendIfThere(const Change& change) {
 // depends on it is appended.
 std::unique_lock<std::shared_mutex> Collection::closeGateToLookUp() {
   std::unique_lock gate(gate_);
-  pendingKeys_.need();
-  if (!pendingKeys_.isKept()) {
-    gate.unlock();
-    // What is read must not be removed meanwhile.
-    const std::lock_guard step(stepMutex_);
-    gate.lock();
+  for (;;) {
     requireActive();
-    if (!pendingKeys_.isKept()) keepPendingKeys();
+    pendingKeys_.need();
+    if (pendingKeys_.isKept()) return gate;
+    gate.unlock();
+    keepPendingKeys();
+    gate.lock();
   }
-  requireActive();
-  return gate;
 }
 
+// Changes go on while the journal is read, and note themselves.
 void Collection::keepPendingKeys() {
-  const JournalPosition end = journal_.end();
-  JournalPosition from;
+  // What is read must not be removed meanwhile.
+  const std::lock_guard step(stepMutex_);
+  if (pendingKeys_.isKept()) return;
+  JournalPosition end;
   {
-    const std::lock_guard lock(hiddenMutex_);
-    from = indexed_;
+    const std::unique_lock gate(gate_);
+    requireActive();
+    pendingKeys_.begin();
+    end = journal_.end();
   }
-  JournalPart part = journal_.read(from, end);
-  pendingKeys_.keep();
   try {
+    JournalPart part = journal_.read(indexed(), end);
     while (const auto change = part.next()) {
       requireGoingOn();
       pendingKeys_.note(end, *change);
@@ -697,11 +719,7 @@ void Collection::keepPendingKeys() {
     pendingKeys_.drop();
     throw;
   }
-}
-
-bool Collection::hasDocument(const std::string& key) {
-  const auto pending = pendingKeys_.find(key);
-  return pending ? *pending : index_.contains(key);
+  pendingKeys_.keep();
 }
 
 Journal::Place Collection::appendBehindGate(const Change& change) {

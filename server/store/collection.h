@@ -165,14 +165,21 @@ class Collection {
   Journal::Place appendBehindGate(const Change& change);
   std::unique_lock<std::shared_mutex> closeGateToLookUp();
   void keepPendingKeys();
-  bool hasDocument(const std::string& key);
+  /// What the index says of keys, as long as no more of the journal is in it.
+  struct IndexAnswer {
+    JournalPosition indexed;
+    std::vector<bool> found;
+  };
+
+  IndexAnswer askIndex(const std::vector<std::string>& keys);
+  JournalPosition indexed() const;
   void noteReplayed(std::uint64_t segment, const Change& change);
   BatchOutcome decide(Batch& batch, const std::shared_ptr<BatchEntry>& entry,
                       Journal::Place& place);
   void requireMark(const std::string& expected) const;
   BatchOutcome accept(const std::shared_ptr<BatchEntry>& entry, bool keysMustExist,
                       Journal::Place& place);
-  Refusals missing(const std::vector<std::string>& keys);
+  Refusals missing(const std::vector<std::string>& keys, IndexAnswer answer);
   void saveBatches();
   void checkSize(const Document& document) const;
   void requireActive() const;

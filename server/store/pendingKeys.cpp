@@ -1,5 +1,6 @@
 #include "server/store/pendingKeys.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace corvaned {
@@ -13,6 +14,11 @@ constexpr std::size_t kKeyCost = 96;
 bool PendingKeys::isKept() const {
   const std::lock_guard lock(mutex_);
   return kept_;
+}
+
+void PendingKeys::begin() {
+  const std::lock_guard lock(mutex_);
+  noting_ = true;
 }
 
 void PendingKeys::keep() {
@@ -32,6 +38,7 @@ bool PendingKeys::isIdle() {
 
 void PendingKeys::drop() {
   const std::lock_guard lock(mutex_);
+  noting_ = false;
   kept_ = false;
   std::exchange(last_, {});
   keyBytes_ = 0;
@@ -40,7 +47,7 @@ void PendingKeys::drop() {
 
 void PendingKeys::note(const JournalPosition& end, const Change& change) {
   const std::lock_guard lock(mutex_);
-  if (!kept_) return;
+  if (!noting_ || end <= forgotten_) return;
   if (change.kind == ChangeKind::Batch) {
     const BatchChanges& changes = change.batch->changes;
     for (const Document& document : changes.documents) noteKey(end, document.key, true);
@@ -59,6 +66,7 @@ void PendingKeys::noteKey(const JournalPosition& end, const std::string& key, bo
 
 void PendingKeys::forgetUpTo(const JournalPosition& position) {
   const std::lock_guard lock(mutex_);
+  forgotten_ = std::max(forgotten_, position);
   std::erase_if(last_, [&](const auto& entry) {
     const bool old = entry.second.end <= position;
     if (old) keyBytes_ -= entry.first.size();

@@ -21,8 +21,11 @@ class PendingKeys {
  public:
   explicit PendingKeys(MemoryBudget::Share memory) : memory_(std::move(memory)) {}
 
+  /// Whether it has all that the index may lack.
   bool isKept() const;
-  /// Begins, empty, if it is not kept.
+  /// Notes changes from now on. Those before are to be noted as well, in any order, and then keep()
+  /// to be called.
+  void begin();
   void keep();
   /// The next update drops it if this has not been called by then.
   void need();
@@ -30,7 +33,8 @@ class PendingKeys {
   bool isIdle();
   void drop();
 
-  /// A change that ends there in the journal, in any order. Nothing if it is not kept.
+  /// A change that ends there in the journal, in any order. Nothing before begin(), or if the index
+  /// has it already.
   void note(const JournalPosition& end, const Change& change);
   /// The index has all that ends up to there.
   void forgetUpTo(const JournalPosition& position);
@@ -50,10 +54,12 @@ class PendingKeys {
   mutable std::mutex mutex_;
   // Guarded by mutex_.
   MemoryBudget::Share memory_;
+  bool noting_ = false;
   bool kept_ = false;
   bool needed_ = false;
   std::unordered_map<std::string, Last> last_;
   std::size_t keyBytes_ = 0;
+  JournalPosition forgotten_;
 };
 
 }  // namespace corvaned

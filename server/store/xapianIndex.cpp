@@ -189,9 +189,17 @@ void XapianIndex::visit(SearchQuery query, const std::vector<std::string>& hidde
   }
 }
 
-bool XapianIndex::contains(const std::string& key) {
+std::vector<bool> XapianIndex::contain(std::span<const std::string> keys, const StopCheck& stop) {
   return translated([&] {
-    return readers_->run([&](const IndexReader& reader) { return reader.contains(key); });
+    return readers_->run([&](const IndexReader& reader) {
+      std::vector<bool> found;
+      found.reserve(keys.size());
+      for (const std::string& key : keys) {
+        stop();
+        found.push_back(reader.contains(key));
+      }
+      return found;
+    });
   });
 }
 

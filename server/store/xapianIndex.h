@@ -84,8 +84,8 @@ class XapianIndex {
   /// Passes the documents that the query finds to `take`, in the order of their keys.
   void visit(SearchQuery query, const std::vector<std::string>& hidden,
              const Store::DocumentVisitor& take);
-  /// Whether it has a document of that key.
-  bool contains(const std::string& key);
+  /// Of each key whether it has a document of that key. `stop` is called between two keys.
+  std::vector<bool> contain(std::span<const std::string> keys, const StopCheck& stop);
   /// The hits with what is to be told of them.
   std::vector<HitDetails> details(const SearchQuery& query, const DetailsWanted& wanted,
                                   const std::vector<std::string>& hidden);

@@ -1,8 +1,12 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <fstream>
+#include <future>
 #include <map>
 #include <memory>
 #include <optional>
@@ -13,8 +17,10 @@
 
 #include "server/base/errors.h"
 #include "server/store/batchMemory.h"
+#include "server/store/collection.h"
 #include "server/store/localStore.h"
 #include "tests/server/store/fileSizeLimit.h"
+#include "tests/server/store/slowCollection.h"
 #include "tests/support/temporaryDirectory.h"
 
 // Changes that are accepted together or not at all, and once.
@@ -485,6 +491,74 @@ TEST_F(BatchTest, CollectionWithoutBatchesHasNoFileOfThem) {
   store_->deleteDocument("c", "k1", true);
   store_->updateIndex("c");
   EXPECT_FALSE(std::filesystem::exists(BatchMemory::pathIn(collection())));
+}
+
+/// A collection without a store, whose work is done when the test says so.
+class BatchStepsTest : public ::testing::Test {
+ protected:
+  void open(const Refresh& refresh = {}) {
+    Collection::create(directory_.path(), {"en", {}}, refresh);
+    reopen();
+  }
+
+  void reopen() {
+    collection_.reset();
+    collection_.emplace("c", directory_.path(), limits_, std::make_shared<ParseOutcomes>(10),
+                        stopping_);
+  }
+
+  void index() {
+    while (collection_->indexStep()) {
+    }
+  }
+
+  void update() {
+    collection_->requestUpdate();
+    index();
+  }
+
+  BatchOutcome apply(Batch wanted) { return collection_->apply(std::move(wanted)).outcome; }
+
+  std::filesystem::path segment(int number) const {
+    return directory_.path() / ("journal-000000000" + std::to_string(number));
+  }
+
+  tq::test::TemporaryDirectory directory_;
+  StoreLimits limits_;
+  std::atomic<bool> stopping_ = false;
+  std::optional<Collection> collection_;
+};
+
+TEST_F(BatchStepsTest, ChangesGoOnWhileTheJournalIsReadForItsDeletions) {
+  open();
+  collection_->add(fox("k1"));
+  {
+    // The update that fails leaves the journal in two parts.
+    const test::FileSizeLimit full(8192);
+    update();
+  }
+  collection_->add(fox("k2"));
+  std::filesystem::rename(segment(2), directory_.path() / "kept");
+  ASSERT_EQ(::mkfifo(segment(2).c_str(), 0600), 0);
+  const test::OpeningWatch first(segment(1));
+  const Batch deletions = batch("b1", {}, {"k1", "k2", "k3", "never"});
+  auto refused = std::async(std::launch::async, [&]() -> std::string {
+    try {
+      apply(deletions);
+      return "applied";
+    } catch (const std::exception& error) {
+      return error.what();
+    }
+  });
+  first.await();
+  collection_->add(fox("k3"));
+  collection_->remove("k2");
+  // With both ends open here the pipe can be opened, and not be read as a file.
+  const int ends = ::open(segment(2).c_str(), O_RDWR | O_CLOEXEC);
+  EXPECT_THAT(refused.get(), HasSubstr(segment(2).string()));
+  ::close(ends);
+  std::filesystem::rename(directory_.path() / "kept", segment(2));
+  EXPECT_EQ(apply(deletions).unknown, 2U) << "that of k2 and that of a key which never was";
 }
 
 TEST_F(BatchTest, DeletedCollectionTakesNoBatch) {

@@ -15,6 +15,7 @@
 #include "server/base/errors.h"
 #include "server/store/collection.h"
 #include "server/store/localStore.h"
+#include "server/store/xapianIndex.h"
 #include "tests/support/temporaryDirectory.h"
 
 // Index updates, which go on in the background.
@@ -293,6 +294,24 @@ TEST_F(IndexingTest, ChangeThatComesDuringAnUpdateIsInTheNextOne) {
   EXPECT_EQ(store_->estimate("c", "hound").hits, 1U);
   EXPECT_EQ(first.get(), "done");
   EXPECT_EQ(store_->state("c"), CollectionState::Current);
+}
+
+TEST(IndexLookUp, TellsOfEachKeyAndEndsBetweenTwo) {
+  const tq::test::TemporaryDirectory directory;
+  XapianIndex::create(directory.path(), {"en", {}});
+  XapianIndex index(directory.path(), {});
+  const std::vector<Change> changes{{ChangeKind::Put, {"k1", {}, "fox"}},
+                                    {ChangeKind::Put, {"k3", {}, "fox"}}};
+  index.beginUpdate();
+  index.applyBatch(changes, [] {});
+  const std::vector<std::string> keys{"k1", "k2", "k3", "k1"};
+  EXPECT_THAT(index.contain(keys, [] {}), ::testing::ElementsAre(true, false, true, true));
+  int calls = 0;
+  const auto stopAtThird = [&] {
+    if (++calls == 3) throw ServerError(ErrorKind::TryAgain, "stop");
+  };
+  EXPECT_THROW(index.contain(keys, stopAtThird), ServerError);
+  EXPECT_EQ(calls, 3);
 }
 
 TEST_F(IndexingTest, CollectionBeingUpdatedStaysOpen) {

@@ -12,7 +12,10 @@ Change removal(const std::string& key) { return {ChangeKind::Remove, {key, {}, {
 
 class PendingKeysTest : public ::testing::Test {
  protected:
-  PendingKeysTest() { keys_.keep(); }
+  PendingKeysTest() {
+    keys_.begin();
+    keys_.keep();
+  }
 
   MemoryBudget budget_{1000000};
   PendingKeys keys_{MemoryBudget::Share(budget_)};
@@ -55,9 +58,27 @@ TEST_F(PendingKeysTest, NothingIsNotedUnlessItIsKept) {
   EXPECT_FALSE(keys_.find("k"));
   keys_.note({1, 20}, put("k"));
   EXPECT_FALSE(keys_.find("k"));
+  keys_.begin();
+  EXPECT_FALSE(keys_.isKept()) << "what came before is not noted yet";
+  keys_.note({1, 40}, put("k"));
+  keys_.note({1, 30}, removal("k"));
+  EXPECT_EQ(keys_.find("k"), true);
   keys_.keep();
   EXPECT_TRUE(keys_.isKept());
+}
+
+// Who appends a change notes it a moment later, and the index may have it by then.
+TEST_F(PendingKeysTest, ChangeThatTheIndexHasAlreadyIsNotNoted) {
+  keys_.note({1, 20}, removal("k"));
+  keys_.forgetUpTo({1, 20});
+  keys_.note({1, 10}, put("k"));
   EXPECT_FALSE(keys_.find("k"));
+  keys_.drop();
+  keys_.begin();
+  keys_.note({1, 20}, put("k"));
+  EXPECT_FALSE(keys_.find("k"));
+  keys_.note({1, 21}, put("k"));
+  EXPECT_EQ(keys_.find("k"), true);
 }
 
 TEST_F(PendingKeysTest, IsIdleWhenNobodyHasNeededItSince) {

@@ -8,9 +8,32 @@
 #include <array>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <stdexcept>
 
 namespace corvaned::test {
+
+/// Tells when a file is opened.
+class OpeningWatch {
+ public:
+  explicit OpeningWatch(const std::filesystem::path& file) : watch_(::inotify_init1(IN_CLOEXEC)) {
+    if (::inotify_add_watch(watch_, file.c_str(), IN_OPEN) >= 0) return;
+    ::close(watch_);
+    throw std::runtime_error("the file cannot be watched");
+  }
+  ~OpeningWatch() { ::close(watch_); }
+  OpeningWatch(const OpeningWatch&) = delete;
+  OpeningWatch& operator=(const OpeningWatch&) = delete;
+
+  /// Returns when it has been opened once.
+  void await() const {
+    std::array<char, 4096> event{};
+    if (::read(watch_, event.data(), event.size()) <= 0) throw std::runtime_error("no opening");
+  }
+
+ private:
+  const int watch_;
+};
 
 /// Makes the next opening of a closed collection, in this process or another one, take until it is
 /// told to fail: the last part of its journal is a pipe that nobody writes into. The part before it
@@ -20,25 +43,20 @@ class SlowCollection {
   explicit SlowCollection(const std::filesystem::path& collection)
       : part_(collection / "journal-0000000098"), pipe_(collection / "journal-0000000099") {
     std::ofstream(part_).flush();
-    watch_ = ::inotify_init1(IN_CLOEXEC);
-    if (::mkfifo(pipe_.c_str(), 0600) != 0 ||
-        ::inotify_add_watch(watch_, part_.c_str(), IN_OPEN) < 0) {
+    if (::mkfifo(pipe_.c_str(), 0600) != 0) {
       throw std::runtime_error("the collection cannot be made slow");
     }
+    watch_.emplace(part_);
   }
   ~SlowCollection() {
     fail();
-    ::close(watch_);
     if (end_ >= 0) ::close(end_);
   }
   SlowCollection(const SlowCollection&) = delete;
   SlowCollection& operator=(const SlowCollection&) = delete;
 
   /// Returns when the opening has begun.
-  void awaitOpening() const {
-    std::array<char, 4096> event{};
-    if (::read(watch_, event.data(), event.size()) <= 0) throw std::runtime_error("no opening");
-  }
+  void awaitOpening() const { watch_->await(); }
 
   /// Lets it fail; the next one succeeds.
   void fail() {
@@ -52,7 +70,7 @@ class SlowCollection {
  private:
   const std::filesystem::path part_;
   const std::filesystem::path pipe_;
-  int watch_ = -1;
+  std::optional<OpeningWatch> watch_;
   int end_ = -1;
 };
 
