@@ -183,8 +183,11 @@ std::vector<HitDetails> IndexReader::details(const SearchQuery& query, const Det
                                              const std::vector<std::string>& hidden,
                                              const IndexLimits& limits) const {
   if (wanted.snippetBytes > 0) requireTexts();
-  const auto found = search(query, hidden, limits);
-  Snippets snippets(database_, analysis_, wordsOf(query, IndexNames(database_), limits));
+  const IndexNames names(database_);
+  const Xapian::Query words = wordsOf(query, names, limits);
+  const auto found = hits(database_, withoutHidden(words, hidden), query, names, limits,
+                          database_.get_doccount());
+  const Snippets snippets(database_, analysis_, words);
   MemoryBudget::Share memory = shareOf(limits);
   MemoryBudget::Share result = shareOf(limits);
   std::vector<HitDetails> details;
