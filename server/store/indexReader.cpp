@@ -185,8 +185,8 @@ std::vector<HitDetails> IndexReader::details(const SearchQuery& query, const Det
   if (wanted.snippetBytes > 0) requireTexts();
   const IndexNames names(database_);
   const Xapian::Query words = wordsOf(query, names, limits);
-  const auto found = hits(database_, withoutHidden(words, hidden), query, names, limits,
-                          database_.get_doccount());
+  const auto found =
+      hits(database_, withoutHidden(words, hidden), query, names, limits, database_.get_doccount());
   const Snippets snippets(database_, analysis_, words);
   MemoryBudget::Share memory = shareOf(limits);
   MemoryBudget::Share result = shareOf(limits);

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "server/store/commitGate.h"
 #include "server/store/indexLimits.h"
 #include "server/store/indexReader.h"
 
@@ -19,23 +20,28 @@ namespace corvaned {
 /// any thread.
 class IndexReaders {
  public:
+  /// How often commits may overtake a search. If that happens once more, they wait for it.
+  static constexpr int kFreeAttempts = 4;
+
   IndexReaders(std::filesystem::path path, const IndexLimits& limits)
       : path_(std::move(path)), limits_(limits) {}
 
   /// Runs `work` with a handle that sees what is there now. If a writer commits twice meanwhile,
-  /// the handle's snapshot no longer exists and the database says so; then another attempt is
-  /// enough.
+  /// the handle's snapshot no longer exists and the database says so; then another attempt is made,
+  /// the last one without commits.
   template <typename Work>
   auto run(const Work& work) {
     std::unique_ptr<IndexReader> reader = takeIdle();
     for (int attempt = 1;; ++attempt) {
+      CommitGate::Hold hold;
+      if (attempt > kFreeAttempts) hold = commits_.hold();
       try {
         refresh(reader);
         auto result = work(*reader);
         giveBack(std::move(reader));
         return result;
       } catch (const Xapian::DatabaseModifiedError&) {
-        if (attempt == kAttempts) throw;
+        if (hold) throw;
       }
     }
   }
@@ -53,18 +59,20 @@ class IndexReaders {
     release();
   }
 
+  /// What writers have to pass.
+  CommitGate& commits() { return commits_; }
+
   /// Closes the idle ones.
   void release();
 
  private:
-  static constexpr int kAttempts = 8;
-
   std::unique_ptr<IndexReader> takeIdle();
   void refresh(std::unique_ptr<IndexReader>& reader);
   void giveBack(std::unique_ptr<IndexReader> reader);
 
   const std::filesystem::path path_;
   const IndexLimits& limits_;
+  CommitGate commits_;
   // Held shared while a handle is opened or refreshed, so that the index does not change places
   // with another one meanwhile. Guards generation_.
   std::shared_mutex exchangeMutex_;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "server/store/change.h"
+#include "server/store/commitGate.h"
 #include "server/store/indexLimits.h"
 #include "server/store/textAnalysis.h"
 #include "server/store/xapianSchema.h"
@@ -22,9 +23,11 @@ class IndexWriter {
   /// Makes an empty database there, durably, and returns its revision.
   static std::uint64_t create(const std::filesystem::path& path, const IndexForm& form);
 
-  /// `stop` throws to end a batch between two changes.
-  IndexWriter(std::filesystem::path path, const IndexLimits& limits, const StopCheck& stop)
-      : path_(std::move(path)), limits_(limits), stop_(stop) {}
+  /// `stop` throws to end a batch between two changes. Commits pass the gate; null: nobody searches
+  /// the database.
+  IndexWriter(std::filesystem::path path, const IndexLimits& limits, const StopCheck& stop,
+              CommitGate* gate = nullptr)
+      : path_(std::move(path)), limits_(limits), stop_(stop), gate_(gate) {}
 
   /// Applies the changes in one transaction, durably, but for documents that the database refuses.
   /// Throws if the storage fails.
@@ -40,6 +43,7 @@ class IndexWriter {
   const std::filesystem::path path_;
   const IndexLimits& limits_;
   const StopCheck& stop_;
+  CommitGate* const gate_;
   // After an exception the handle is discarded: it has lost its uncommitted changes, yet a later
   // commit on it would report success.
   std::optional<Xapian::WritableDatabase> database_;

@@ -72,11 +72,13 @@ std::vector<ParseOutcome> XapianIndex::apply(const ChangeSource& changes, const 
 std::vector<ParseOutcome> XapianIndex::applyBatch(std::span<const Change> changes,
                                                   const StopCheck& stop) {
   return translated([&] {
-    IndexWriter writer(path_, limits_, stop);
+    IndexWriter writer(path_, limits_, stop, &readers_->commits());
     writer.apply(changes);
     return writer.takeRefused();
   });
 }
+
+bool XapianIndex::commitWaits() const { return readers_->commits().isAwaited(); }
 
 void XapianIndex::endUpdate() { sums_->endChange(revision()); }
 
@@ -173,19 +175,17 @@ void XapianIndex::visit(SearchQuery query, const std::vector<std::string>& hidde
     --query.size;
     take(document);
   };
-  const auto visitRest = [&] {
+  const auto visitRest = [&](const IndexReader& reader) {
     const std::uint64_t before = query.size;
     try {
-      return readers_->run([&](const IndexReader& reader) {
-        reader.visit(query, hidden, limits_, passOn);
-        return true;
-      });
+      reader.visit(query, hidden, limits_, passOn);
+      return true;
     } catch (const Xapian::DatabaseModifiedError&) {
       if (query.size == before) throw;
       return false;
     }
   };
-  while (!translated(visitRest)) {
+  while (!translated([&] { return readers_->run(visitRest); })) {
   }
 }
 
