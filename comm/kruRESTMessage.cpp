@@ -151,11 +151,9 @@ void forEachLine(const tq::util::ExtendedProperties& properties, const Added& ad
       return next->first != first ? next->first - first : next->name->compare(text);
     };
     while (next != std::end(lines) && order() < 0) emitAdded();
-    if (next != std::end(lines) && next->value != nullptr && order() == 0) {
-      emitAdded();
-    } else {
-      emit(first == u'a' ? outputNameOf(name) : name, value);
-    }
+    // The added one of that name comes with what follows.
+    const bool replaced = next != std::end(lines) && next->value != nullptr && order() == 0;
+    if (!replaced) emit(first == u'a' ? outputNameOf(name) : name, value);
   }
   while (next != std::end(lines)) emitAdded();
 }

@@ -353,6 +353,19 @@ TEST(GenRespRecord, APairIsWrittenTheSameFromTheCache) {
   EXPECT_EQ(14 + 12 + 16, GenRespRecord::getSerializeKVPairLength(pair));
 }
 
+TEST(ConversionCache, FindsEachOfManyTextsAndNoOther) {
+  const auto numbered = [](int i) { return "frequent text " + std::to_string(i); };
+  for (int i = 0; i < 2000; ++i) {
+    GenRespRecord::AddStringToConversionCache(test::utf16(numbered(i)));
+  }
+  for (int i = 0; i < 2000; ++i) {
+    const auto* const found = ConversionCache::find(test::utf16(numbered(i)));
+    ASSERT_NE(nullptr, found) << i;
+    EXPECT_EQ(numbered(i), found->view());
+    EXPECT_EQ(nullptr, ConversionCache::find(test::utf16(numbered(i) + "x"))) << i;
+  }
+}
+
 TEST(GenRespRecord, WritingAPairAddsNothingToTheCache) {
   std::string out(100, '\0');
   unsigned int written = 0;

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <limits>
 #include <random>
@@ -12,6 +13,7 @@
 #include "tests/comm/kruCommText.h"
 #include "tests/comm/kruScarceMemory.h"
 #include "tests/support/raised.h"
+#include "tests/support/scarceTexts.h"
 #include "tests/support/slowHeader.h"
 
 namespace tq::comm {
@@ -214,6 +216,7 @@ TEST_F(RESTMessageTest, CanBecomeTheMessageOfAnotherRequest) {
   ClientRequest other;
   other.buildRequest(kindOf(0), properties({{"x", "y"}}));
   message.initMessage(other);
+  EXPECT_EQ("?Content-Length  =&ver=1.1&x=y", utf8(message.getParamString(false)));
   EXPECT_EQ(0U, message.getMsgPrefixLen());
   EXPECT_EQ(0U, message.getMsgBodyLength());
   EXPECT_STREQ("Content-Length  : \nactionType: unknown\nver: 1.1\nx: y\n\r\n",
@@ -263,6 +266,44 @@ TEST_F(RESTMessageTest, ALongHeaderOfWideCharactersIsReturnedWhole) {
   for (int i = 0; i < 10000; ++i) value += "\xE2\x82\xAC";
   build(0, {{"q", value}});
   EXPECT_NE(std::string::npos, header().find("q: " + value + "\nver: 1.1\n\r\n"));
+}
+
+// The message's kind stands right behind the room inside the message.
+TEST_F(RESTMessageTest, AHeaderOfWideCharactersNeverLeavesTheRoomInsideTheMessage) {
+  std::string wide;
+  for (int i = 0; i < 5000; ++i) wide += "\xE2\x82\xAC";
+  build(15, {{"b", ""}, {"z", wide}});
+  const std::size_t fixed = header().size();
+  for (std::size_t length = 16365; length <= 16390; ++length) {
+    build(15, {{"b", std::string(length - fixed, 'b')}, {"z", wide}});
+    RESTMessage message(u"server", request);
+    const std::string text = message.getSerializedHeader();
+    EXPECT_EQ(length, text.size());
+    EXPECT_EQ("\nz: " + wide + "\n\r\n", text.substr(text.size() - wide.size() - 7));
+    EXPECT_EQ(15, message.getRequest()) << length;
+  }
+}
+
+TEST_F(RESTMessageTest, ALongNameWithALongValueIsReturnedWhole) {
+  std::string wide;
+  for (int i = 0; i < 3000; ++i) wide += "\xE2\x82\xAC";
+  build(15, {{wide, wide}});
+  EXPECT_NE(std::string::npos, header().find("\n" + wide + ": " + wide + "\n\r\n"));
+}
+
+TEST_F(RESTMessageTest, AFirstLineLongerThanTheRoomInsideTheMessageIsReturnedWhole) {
+  const std::string value(40000, 'v');
+  build(15, {{"A", value}});
+  EXPECT_EQ("A: " + value +
+                "\nContent-Length  : \naction: getStatus\nactionType: monitor\nver: 1.1\n\r\n",
+            header());
+}
+
+TEST_F(RESTMessageTest, WithoutMemoryForTheTextOfItsLinesThereIsNone) {
+  build(15, {{"a", std::string(1000, 'v')}});
+  const RESTMessage message(u"server", request);
+  const tq::test::ScarceTexts none;
+  EXPECT_THROW(message.getParamString(true), tq::oss::NLSException);
 }
 
 // A header text that did not change is kept with its request. Whatever a caller does to a request
@@ -343,6 +384,14 @@ TEST_F(KeptHeaderTest, IsWhatWouldBeWrittenAnewWhateverWasChangedSince) {
       if (HasFatalFailure()) FAIL() << "run " << run << " step " << step;
     }
   }
+}
+
+TEST_F(KeptHeaderTest, MayHaveItsLengthBehindALongLine) {
+  ClientRequest request;
+  std::string wide;
+  for (int i = 0; i < 5000; ++i) wide += "\xE2\x82\xAC";
+  request.buildRequest(u"c1", ClientRequest::STREAM_SEARCH, properties({{"A", wide}}));
+  for (int i = 0; i < 4; ++i) expectHeader(request);
 }
 
 TEST_F(KeptHeaderTest, IsTheMessagesOwnOnceTheMessageIsMade) {
@@ -454,6 +503,23 @@ TEST_F(RESTMessageTest, AKeyThatNoRequestCanCarryIsRefusedBeforeItIsRead) {
                 [&] { RESTMessage(u"server", request); });
 }
 
+TEST_F(RESTMessageTest, TheLongestPrefixHasALengthOfThirtyTwoBits) {
+  build(3);
+  request.setContent({{u"a", u"b"}}, nullptr, 0);
+  request.setDocKey("x", 1);
+  const auto fixed =
+      RESTMessage(u"server", request).getSerializeMetadataLength({{u"a", u"b"}}, "x", 0);
+  const auto longest = std::numeric_limits<std::uint32_t>::max() - 2000 - fixed;
+  request.setDocKey("x", static_cast<unsigned int>(longest));
+  {
+    const test::FailingAllocations failing;
+    EXPECT_THROW(RESTMessage(u"server", request), tq::oss::NLSException);
+  }
+  request.setDocKey("x", static_cast<unsigned int>(longest + 1));
+  expectRefusal("the document's key and metadata are longer than a request can carry",
+                [&] { RESTMessage(u"server", request); });
+}
+
 TEST_F(RESTMessageTest, ContentWithoutAKeyIsNotSent) {
   build(3);
   request.setContent({{u"a", u"b"}}, "content", 7);
@@ -470,11 +536,14 @@ TEST_F(RESTMessageTest, NullWithALengthIsRefusedWhereItWouldBeSent) {
   request.setContent(nullptr, 7);
   expectRefusal("the document's content is null although it has a length", initMessage);
   request.setContent("content", 7);
-  request.setDocKey(nullptr, 3);
-  const char* reason = "the document's key is null although it has a length";
-  expectRefusal(reason, initMessage);
-  char out[64];
-  expectRefusal(reason, [&] { message.serializeMetadata(out, request.getMetadata(), nullptr, 3); });
+  for (const unsigned int length : {1U, 3U}) {
+    request.setDocKey(nullptr, length);
+    const char* reason = "the document's key is null although it has a length";
+    expectRefusal(reason, initMessage);
+    char out[64];
+    expectRefusal(reason,
+                  [&] { message.serializeMetadata(out, request.getMetadata(), nullptr, length); });
+  }
   request.setDocKey(nullptr, 0);
   request.setContent(nullptr, 7);
   message.initMessage(request);
@@ -492,6 +561,17 @@ TEST_F(RESTMessageTest, AKeyWithoutMetadataSerializesToNothing) {
   EXPECT_EQ(0U, message.serializeMetadata(out, {}, "key", 3));
   EXPECT_EQ(0U, message.getSerializeMetadataLength({}, "key", 3));
   EXPECT_STREQ("unused", out);
+}
+
+TEST_F(RESTMessageTest, AKeyWithoutMetadataSerializesToNothingWhateverTheContentIs) {
+  for (const char* content : {static_cast<const char*>(nullptr), "never looked at"}) {
+    build(3);
+    document("key", {}, "");
+    request.setContent(content, 1000000);
+    RESTMessage message(u"server", request);
+    EXPECT_EQ(0U, message.getMsgPrefixLen());
+    EXPECT_EQ("?Content-Length  =0&ver=1.1", utf8(message.getParamString(false)));
+  }
 }
 
 TEST_F(RESTMessageTest, ADocumentWithoutContentHasNoDataTag) {
@@ -531,19 +611,21 @@ TEST_F(RESTMessageTest, APairsFirstAttributeIsNeverSent) {
 }
 
 TEST_F(RESTMessageTest, TheSizeOfABlockHasASurplusOfEightBytesAPair) {
-  build(3);
-  document("key", {}, "content");
-  const RESTMessage message(u"server", request);
   const std::list<KVPair> pairs[] = {
       {{u"a", u"bc"}},
       {{u"a", u"bc"}, {u"d", u"e", 0, 1}},
       {{u"", u""}, {u"\u00e9", u"\u20ac"}, {u"index", u"UTF-8"}},
   };
-  for (const std::list<KVPair>& metadata : pairs) {
-    std::string out(1000, '\0');
-    EXPECT_EQ(message.serializeMetadata(out.data(), metadata, "key", 3) + 8 * metadata.size(),
-              message.getSerializeMetadataLength(metadata, "key", 3))
-        << metadata.size();
+  for (const char* content : {"", "c", "content"}) {
+    build(3);
+    document("key", {}, content);
+    const RESTMessage message(u"server", request);
+    for (const std::list<KVPair>& metadata : pairs) {
+      std::string out(1000, '\0');
+      EXPECT_EQ(message.serializeMetadata(out.data(), metadata, "key", 3) + 8 * metadata.size(),
+                message.getSerializeMetadataLength(metadata, "key", 3))
+          << metadata.size() << content;
+    }
   }
 }
 
@@ -607,6 +689,26 @@ TEST_F(RESTMessageTest, ALargeKeyAndMuchMetadataAreWrittenWhole) {
   EXPECT_EQ(keyBytes, prefix.substr(prefix.size() - 70000));
 }
 
+TEST_F(RESTMessageTest, ABlockThatIsNoShortOneHasJustTheRoomThatItNeeds) {
+  build(3);
+  const struct {
+    std::size_t pairs;
+    std::int32_t name;
+    std::int32_t value;
+  } cases[] = {{200, 100, 100}, {400, 100, 100}, {800, 100, 100}, {3000, 4, 3}};
+  for (const auto& [pairs, name, value] : cases) {
+    const KVPair pair(icu::UnicodeString(name, u'n', name), icu::UnicodeString(value, u'v', value));
+    const std::list<KVPair> metadata(pairs, pair);
+    document("key", metadata, "");
+    RESTMessage message(u"server", request);
+    const auto pairLength = static_cast<std::size_t>(name + value + 8);
+    EXPECT_EQ(8 + pairs * pairLength + 9 + 4 + 3, message.getMsgPrefixLen());
+    const std::uint64_t needed = message.getSerializeMetadataLength(metadata, "key", 3) + 2000;
+    EXPECT_GE(test::lastBufferSize(), needed);
+    EXPECT_LT(test::lastBufferSize(), 2 * needed);
+  }
+}
+
 TEST_F(RESTMessageTest, TheTerminateRecordIsEightZeroBytes) {
   build(10);
   document("key", {{u"a", u"b"}}, "content");
@@ -616,6 +718,16 @@ TEST_F(RESTMessageTest, TheTerminateRecordIsEightZeroBytes) {
   EXPECT_EQ("00 00 00 00 00 00 00 00", hex({record, length}));
   EXPECT_EQ(0U, message.getMsgPrefixLen());
   EXPECT_EQ("?Content-Length  =8&ver=1.1", utf8(message.getParamString(false)));
+}
+
+TEST_F(RESTMessageTest, TheTerminateRecordIsWrittenOverWhateverWasThere) {
+  build(10);
+  RESTMessage message(u"server", request);
+  unsigned int length = 0;
+  const char* record = message.getTerminateRecord(length);
+  std::fill_n(const_cast<char*>(record), length, '#');
+  message.serializeTermRecord();
+  EXPECT_EQ("00 00 00 00 00 00 00 00", hex({record, length}));
 }
 
 TEST_F(RESTMessageTest, AMessageOfAnotherKindHasNoTerminateRecord) {

@@ -1,14 +1,20 @@
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <new>
+#include <string>
 
 #include "comm/kruClientResponse.h"
 #include "comm/kruConversionCache.h"
+#include "comm/kruDrestoPerfResponse.h"
 #include "comm/kruRESTException.h"
 #include "comm/kruRESTMessage.h"
+#include "comm/kruRESTResponse.h"
+#include "infra/oss/kruNLSException.h"
 #include "tests/comm/kruCommText.h"
 #include "tests/comm/kruScarceMemory.h"
+#include "tests/support/scarceTexts.h"
 
 namespace tq::comm {
 namespace {
@@ -80,6 +86,25 @@ TEST(ScarceMemory, ARecordThatCouldNotBeParsedCanBeParsedAgain) {
               result.parseRecord(bytes.data(), static_cast<unsigned int>(bytes.size()));
             }));
   EXPECT_EQ("ZVK1", test::utf8(result.getMessage().getMessageId()));
+}
+
+// A record without an id leaves the general message; one that could not be decoded is none such.
+TEST(ScarceMemory, AnErrorRecordThatCouldNotBeDecodedIsNotTakenForOneWithoutAnId) {
+  const test::Fields fields{{"MsgId", "ZVK0001E"}, {"MsgText", std::string(1000, 't')}};
+  const std::string wide = test::record32(fields);
+  const std::string overHttp = test::word32(static_cast<std::uint32_t>(wide.size())) + wide;
+  const std::string narrow = test::record16(fields);
+  const std::string binary = test::word16(static_cast<std::uint16_t>(narrow.size())) + narrow;
+  RESTResponse httpParser(ClientRequest::STREAM_SEARCH, false);
+  DrestoPerfResponse binaryParser(ClientRequest::STREAM_SEARCH, true);
+  RESTException error(true);
+  const tq::test::ScarceTexts none;
+  EXPECT_THROW(
+      httpParser.parseErrorMessage(overHttp.data(), static_cast<int>(overHttp.size()), error),
+      tq::oss::NLSException);
+  EXPECT_THROW(
+      binaryParser.parseErrorMessage(binary.data(), static_cast<int>(binary.size()), error),
+      tq::oss::NLSException);
 }
 
 TEST(ScarceMemory, AnExceptionIsCopiedWholeOrNotAtAll) {

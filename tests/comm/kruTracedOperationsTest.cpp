@@ -52,6 +52,7 @@ const Operation kOperations[] = {
     {trace::ClientRequestPrint, [] { std::as_const(sampleRequest()).print(); }},
     {trace::RESTMessageConstruct, [] { RESTMessage(u"h", sampleRequest()); }},
     {trace::RESTMessageInitUrls, [] { RESTMessage::initUrls(); }},
+    {trace::RESTMessageInitUrls, [] { RESTMessage(u"h", sampleRequest()); }},
     {trace::RESTMessageInitMessage, [] { RESTMessage(u"h", sampleRequest()); }},
     {trace::RESTMessageGetAction, [] { RESTMessage::getAction(ClientRequest::BACKUP); }},
     {trace::RESTMessageGetActionType, [] { RESTMessage::getActionType(ClientRequest::BACKUP); }},
