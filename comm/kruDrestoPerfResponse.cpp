@@ -376,7 +376,6 @@ int DrestoPerfResponse::walkHits(const char* buffer, int length, ClientResponse&
     // An error among the hits is decoded as a hit too, because it must not end the stream.
     parseInto(hit, payload, status);
     response.addSearchResult(hit);
-    hit.freeKey();
   };
   return walkEnvelopes<takeEnvelopeHeaderTraced>(buffer, length, done, take);
 }

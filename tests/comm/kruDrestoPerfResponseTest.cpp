@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iostream>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <string>
@@ -17,6 +18,7 @@
 #include "infra/oss/kruTrace.h"
 #include "tests/support/binaryReplies.h"
 #include "tests/support/raised.h"
+#include "tests/support/recordByRecord.h"
 
 namespace {
 
@@ -571,11 +573,15 @@ TEST(DrestoPerfResponse, AnErrorAmongTheHitsIsAHitAndEndsNothing) {
 }
 
 TEST(DrestoPerfResponse, AHitTooShortForItsScoreIsNoReply) {
-  for (const auto* payload : {"", "x"}) {
-    auto fed = inBody(kStreamSearch, kSuccess);
-    expectRefused(fed.raisedByOffer(plainHit("kept") + envelope(5, payload)), kShortHit);
-    EXPECT_EQ(fed.hits(), (std::vector<Hit>{{idOfKey("kept"), 0}})) << "survives the failure";
-    EXPECT_FALSE(fed.done);
+  for (const bool traced : {false, true}) {
+    for (const auto* payload : {"", "x"}) {
+      std::optional<RecordByRecord> slowly;
+      if (traced) slowly.emplace();
+      auto fed = inBody(kStreamSearch, kSuccess);
+      expectRefused(fed.raisedByOffer(plainHit("kept") + envelope(5, payload)), kShortHit);
+      EXPECT_EQ(fed.hits(), (std::vector<Hit>{{idOfKey("kept"), 0}})) << "survives the failure";
+      EXPECT_FALSE(fed.done);
+    }
   }
 }
 
@@ -975,6 +981,26 @@ TEST(DrestoPerfResponse, ItsOperationsAreTraced) {
   // The constructor begins a reply by it too.
   EXPECT_EQ(traced.entries.count(trace::DrestoPerfResponseInitState), 2U);
   EXPECT_EQ(traced.entries, traced.exits);
+}
+
+TEST(DrestoPerfResponse, AHostThatTracesSeesEachRecordOfABlockDecodedByItself) {
+  namespace trace = tq::comm::trace;
+  const struct {
+    int kind;
+    std::string block;
+    unsigned int step;
+    std::size_t steps;
+  } cases[] = {
+      {kStreamSearch, scoredHit(1500, "a") + plainHit("b"), trace::SearchResultParseRecordNew, 2},
+      {kParseResult, envelope(1, row("a")) + envelope(1, row("b")) + envelope(1, row("c")),
+       trace::GenRespRecordParseRecordIntoPropsNew, 3}};
+  for (const auto& c : cases) {
+    TracedIds traced;
+    auto fed = inBody(c.kind, kSuccess);
+    fed.offer(c.block + endOfResults());
+    EXPECT_EQ(traced.entries.count(c.step), c.steps) << c.kind;
+    EXPECT_EQ(fed.hits().size() + fed.documents().size(), c.steps) << c.kind;
+  }
 }
 
 // The diagnostic.

@@ -13,6 +13,7 @@
 
 #include "comm/kruClientResponse.h"
 #include "comm/kruDrestoPerfResponse.h"
+#include "comm/kruHitFiller.h"
 #include "comm/kruRESTException.h"
 #include "comm/kruRESTResponse.h"
 #include "infra/oss/kruMessage.h"
@@ -348,6 +349,42 @@ TEST(HitFiller, AHitThatIsFilledBesideOthersLeavesThemWhereTheyAre) {
   for (int i = 0; i < 1000; ++i) EXPECT_EQ("more", keyOf(response.getSearchResponse().getNext()));
   EXPECT_EQ("added", keyOf(response.getSearchResponse().getNext()));
   EXPECT_FALSE(response.getSearchResponse().hasMore());
+}
+
+// Which records are read without the general way, which would hide that they are not.
+
+/// What was read of a record, or that nothing was.
+std::string readOf(const std::string& record) {
+  NamedHit hit;
+  if (!readNamedHit(record, hit)) return "refused";
+  return std::string(hit.uri) + " scores " + std::string(hit.score);
+}
+
+TEST(NamedHit, IsReadFromItsTwoFieldsInAnyOrder) {
+  const std::pair<test::Fields, std::string> cases[] = {
+      {{{"URI", "a"}}, "a scores "},
+      {{{"URI", "a"}, {"SCORE", "0.5"}}, "a scores 0.5"},
+      {{{"SCORE", "0.5"}, {"URI", "a"}}, "a scores 0.5"},
+      {{{"URI", ""}}, " scores "},
+      {{{"URI", "a"}, {"URI", "b"}}, "b scores "},
+      {{{"SCORE", "1"}, {"URI", "a"}, {"SCORE", "2"}}, "a scores 2"},
+      {{{"URI", std::string("a\0b", 3)}}, "a scores "},
+      {{}, "refused"},
+      {{{"SCORE", "0.5"}}, "refused"},
+      {{{"URI", "a"}, {"LANG", "de"}}, "refused"},
+      {{{"uri", "a"}}, "refused"},
+  };
+  for (const auto& [fields, read] : cases) {
+    EXPECT_EQ(readOf(test::record32(fields)), read) << test::hex(test::record32(fields));
+  }
+}
+
+TEST(NamedHit, IsNotReadFromAPartOfItsRecord) {
+  const std::size_t uri = test::record32({{"URI", "a"}}).size();
+  const std::string whole = test::record32({{"URI", "a"}, {"SCORE", "0.5"}});
+  for (std::size_t length = 0; length < whole.size(); ++length) {
+    EXPECT_EQ(readOf(whole.substr(0, length)), length == uri ? "a scores " : "refused") << length;
+  }
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 
 #include "comm/kruClientResponse.h"
 #include "comm/kruDrestoPerfResponse.h"
+#include "comm/kruParseFiller.h"
 #include "comm/kruRESTException.h"
 #include "comm/kruRESTResponse.h"
 #include "infra/oss/kruMessage.h"
@@ -209,8 +210,58 @@ TEST_P(ParseFillers, WhatACallerMadeOfAResultDoesNotReachTheNextPortion) {
   EXPECT_EQ("second without //2/0", seen(response.getParseResponse().getNext()));
 }
 
+TEST_P(ParseFillers, OfARecordWithATextButNoIdHaveNoMessage) {
+  const Form& form = GetParam();
+  ClientResponse response;
+  bool done = false;
+  form.feed(form.framed(form.record({{"Doc", "first"}, {"MsgText", "text"}})), response, done);
+  EXPECT_EQ("first without //2/0", seen(response.getParseResponse().getNext()));
+}
+
 INSTANTIATE_TEST_SUITE_P(Protocols, ParseFillers, testing::ValuesIn(kForms),
                          [](const auto& form) { return form.param.name; });
+
+// Which records are read without the general way, which would hide that they are not.
+
+std::string readOf(const std::string& record, fields::Form form) {
+  ParseRow row;
+  if (!row.read(record, form)) return "refused";
+  return std::string(row.document) + '/' + std::string(row.messageId) + '/' +
+         std::string(row.messageText);
+}
+
+TEST(ParseRow, IsReadFromADocumentAndAMessageThatHasAText) {
+  const std::pair<test::Fields, std::string> cases[] = {
+      {{{"Doc", "d"}}, "d//"},
+      {{{"Doc", ""}}, "//"},
+      {{{"Doc", "d"}, {"MsgId", "i"}, {"MsgText", "t"}}, "d/i/t"},
+      {{{"MsgText", "t"}, {"MsgId", "i"}, {"Doc", "d"}}, "d/i/t"},
+      {{{"Doc", "d"}, {"MsgId", "i"}, {"MsgText", ""}}, "d/i/"},
+      {{{"Doc", "d"}, {"MsgText", "t"}}, "d//t"},
+      {{{"Doc", "d"}, {"MsgId", ""}}, "d//"},
+      {{{"Doc", "d"}, {"Doc", "e"}}, "e//"},
+      {{{"Doc", std::string("d\0e", 3)}, {"MsgId", std::string("\0i", 2)}}, "d//"},
+      {{{"Doc", "d"}, {"MsgId", "i"}}, "refused"},
+      {{{"MsgId", "i"}, {"MsgText", "t"}}, "refused"},
+      {{{"Doc", "d"}, {"LANG", "de"}}, "refused"},
+      {{{"doc", "d"}}, "refused"},
+      {{}, "refused"},
+  };
+  for (const auto& [record, read] : cases) {
+    EXPECT_EQ(readOf(test::record32(record), fields::Form::Wide), read);
+    EXPECT_EQ(readOf(test::record16(record), fields::Form::Narrow), read);
+  }
+}
+
+TEST(ParseRow, IsNotReadFromAPartOfItsRecord) {
+  const std::size_t document = test::record32({{"Doc", "d"}}).size();
+  const std::string whole = test::record32({{"Doc", "d"}, {"MsgText", "t"}});
+  for (std::size_t length = 0; length < whole.size(); ++length) {
+    EXPECT_EQ(readOf(whole.substr(0, length), fields::Form::Wide),
+              length == document ? "d//" : "refused")
+        << length;
+  }
+}
 
 }  // namespace
 }  // namespace tq::comm
