@@ -67,7 +67,7 @@ struct Options {
   unsigned searchSeconds = 60;
 };
 
-void declareOptions(CLI::App& app, Options& options) {
+void declarePlaces(CLI::App& app, Options& options) {
   app.set_version_flag("--version", "corvaned " KRUCOMM_VERSION);
   auto* ports = app.add_option_group("ports", "at least one of");
   ports->add_option("--http-port", options.server.httpPort,
@@ -93,6 +93,11 @@ void declareOptions(CLI::App& app, Options& options) {
   app.add_option("--log-level", options.logLevel, "what to say on standard error")
       ->check(CLI::IsMember({"trace", "debug", "info", "warn", "error", "critical", "off"}))
       ->capture_default_str();
+  app.add_option("--fault", options.faultScript,
+                 "file, or text, that says which replies go wrong and how");
+}
+
+void declareLimits(CLI::App& app, Options& options) {
   app.add_option("--max-content", options.contentBytes,
                  "most bytes behind the header block of a request; 1 MiB more than a document has "
                  "if not given")
@@ -116,6 +121,15 @@ void declareOptions(CLI::App& app, Options& options) {
                  "most words that a word with * may stand for")
       ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
+  app.add_option("--max-search-cost", options.server.searchCost,
+                 "most documents that a search may look at, 0: no limit")
+      ->capture_default_str();
+  app.add_option("--search-threads", options.server.readThreads, "most searches at a time")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
+}
+
+void declareTimes(CLI::App& app, Options& options) {
   app.add_option("--stall-timeout", options.stallSeconds,
                  "seconds without a byte in the middle of a request or reply, 0: no limit")
       ->capture_default_str();
@@ -125,14 +139,6 @@ void declareOptions(CLI::App& app, Options& options) {
   app.add_option("--search-timeout", options.searchSeconds,
                  "seconds that a search may take from its arrival on, 0: no limit")
       ->capture_default_str();
-  app.add_option("--max-search-cost", options.server.searchCost,
-                 "most documents that a search may look at, 0: no limit")
-      ->capture_default_str();
-  app.add_option("--search-threads", options.server.readThreads, "most searches at a time")
-      ->check(CLI::PositiveNumber)
-      ->capture_default_str();
-  app.add_option("--fault", options.faultScript,
-                 "file, or text, that says which replies go wrong and how");
   app.add_option("--idle-timeout", options.idleSeconds, "seconds without a request, 0: no limit")
       ->capture_default_str();
 }
@@ -140,7 +146,9 @@ void declareOptions(CLI::App& app, Options& options) {
 Options optionsOf(int argc, char** argv) {
   CLI::App app("corvaned, a full-text search server");
   Options options;
-  declareOptions(app, options);
+  declarePlaces(app, options);
+  declareLimits(app, options);
+  declareTimes(app, options);
   app.parse(argc, argv);
   return options;
 }
@@ -329,7 +337,9 @@ int main(int argc, char** argv) {
   if (argc > 1 && isMaintenanceCommand(argv[1])) return runMaintenanceCommand(argc, argv);
   CLI::App app("corvaned, a full-text search server");
   Options options;
-  declareOptions(app, options);
+  declarePlaces(app, options);
+  declareLimits(app, options);
+  declareTimes(app, options);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& answer) {
