@@ -1,12 +1,14 @@
 #include "comm/kruRESTResponse.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdlib>
 #include <iostream>
 #include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "comm/kruBytes.h"
@@ -20,6 +22,7 @@
 #include "comm/kruRESTException.h"
 #include "comm/kruRaise.h"
 #include "comm/kruRecordBounds.h"
+#include "comm/kruRecordFields.h"
 #include "comm/kruStaticDefs.h"
 #include "infra/oss/kruConverter.h"
 #include "infra/oss/kruMessage.h"
@@ -69,22 +72,15 @@ constexpr int kOk = 200;
 constexpr int kUnauthorized = 401;
 constexpr int kServerError = 500;
 
-constexpr bool isBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-constexpr bool isDigit(char c) { return c >= '0' && c <= '9'; }
-
 /// The number at the start of `text`, as `atoi` reads it, except that a number beyond the range of
 /// `long` becomes the nearest bound.
 long leadingNumber(std::string_view text) {
-  constexpr std::size_t kDigitsOfAnyLong = 18;
-  while (!text.empty() && isBlank(text.front())) text.remove_prefix(1);
+  text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
+  if (text.starts_with('+') && !text.starts_with("+-")) text.remove_prefix(1);
   long number = 0;
-  std::size_t digits = 0;
-  for (; digits < text.size() && isDigit(text[digits]); ++digits) {
-    if (digits == kDigitsOfAnyLong) break;
-    number = number * 10 + (text[digits] - '0');
-  }
-  const bool simple = digits != 0 && digits < kDigitsOfAnyLong;
-  return simple ? number : std::strtol(std::string(text).c_str(), nullptr, 10);
+  const auto read = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (read.ec != std::errc::result_out_of_range) return number;
+  return text.front() == '-' ? std::numeric_limits<long>::min() : std::numeric_limits<long>::max();
 }
 
 long leadingNumber(const icu::UnicodeString& text) {
@@ -107,20 +103,16 @@ bool isAscii(std::string_view text) {
 
 /// The status of a record that consists of nothing else, written in digits.
 std::optional<std::uint32_t> onlyStatus(std::string_view record) {
-  constexpr std::string_view kName = "STATUS_CODE";
-  constexpr std::size_t kMaxDigits = 9;
-  bytes::Reader fields(record.data(), record.size());
-  std::uint32_t word = 0;
+  constexpr auto kWide = fields::Form::Wide;
+  bytes::Reader left(record.data(), record.size());
   std::string_view name;
   std::string_view value;
-  if (!fields.readInt(word) || !fields.readBytes(word, name) || name != kName) return {};
-  if (!fields.readInt(word) || word > kMaxDigits || !fields.readBytes(word, value)) return {};
-  if (value.empty() || fields.remaining() != 0) return {};
+  if (!fields::takeText(left, kWide, name) || name != "STATUS_CODE") return {};
+  if (!fields::takeText(left, kWide, value) || left.remaining() != 0) return {};
   std::uint32_t status = 0;
-  for (const char c : value) {
-    if (!isDigit(c)) return {};
-    status = status * 10 + static_cast<std::uint32_t>(c - '0');
-  }
+  const char* const end = value.data() + value.size();
+  const auto read = std::from_chars(value.data(), end, status);
+  if (read.ec != std::errc() || read.ptr != end) return {};
   return status;
 }
 
@@ -296,8 +288,8 @@ void RESTResponse::takeHeaderBlock(std::string_view block) {
 void RESTResponse::readHeaders(std::string_view block) {
   constexpr std::string_view kLength = "Content-Length";
   constexpr std::string_view kEncoding = "Transfer-Encoding";
+  // There is one, since the block begins as a reply does.
   std::string_view statusLine = takeToken(block, '\n');
-  if (statusLine.empty()) return;
   flag_ = true;
   takeToken(statusLine, ' ');
   takeStatus(leadingNumber(takeToken(statusLine, ' ')));

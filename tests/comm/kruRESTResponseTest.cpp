@@ -204,6 +204,19 @@ TEST(RESTResponse, ReadsOnWhenABlockAnnouncesNeitherALengthNorChunks) {
   EXPECT_EQ(need, 8);
 }
 
+TEST(RESTResponse, AHeaderBlockEndsWithABlankLineAfterALineThatEndsInCrLf) {
+  for (const char* block : {"HTTP/1.1 200 OK\nContent-Length: 8\n\n", "HTTP/1.1 200 OK\r\n\n",
+                            "HTTP/1.1 200 OK\nContent-Length: 8\n\r\n"}) {
+    auto parser = parserFor(8);
+    ClientResponse response;
+    bool done = false;
+    EXPECT_EQ(feed(parser, block, response, done), 0);
+    int need = 0;
+    EXPECT_FALSE(parser.parseDone(need));
+    EXPECT_EQ(need, 256) << block;
+  }
+}
+
 TEST(RESTResponse, AZeroByteEndsAHeaderBlockAndIsNotTaken) {
   using namespace std::string_literals;
   auto parser = parserFor(8);
@@ -262,6 +275,75 @@ TEST(RESTResponse, FindsHeaderNamesOnlyInTheirOwnCase) {
   EXPECT_EQ(parser.getContentLength(), 5);
 }
 
+TEST(RESTResponse, FindsNoHeaderNameThatLacksItsFirstLetter) {
+  for (const bool inPlace : {true, false}) {
+    auto parser = parserFor(8);
+    ClientResponse response;
+    bool done = false;
+    const std::string block =
+        headers(200, "Content-Length: 5\r\ncontent-Length: 9\r\ntransfer-Encoding: chunked\r\n");
+    if (inPlace) {
+      feed(parser, block, response, done);
+    } else {
+      const RecordByRecord slowly;
+      feed(parser, block, response, done);
+    }
+    EXPECT_FALSE(parser.isChunked());
+    EXPECT_EQ(parser.getContentLength(), 5);
+  }
+}
+
+// As atoi does: blanks of any kind, a sign, digits.
+TEST(RESTResponse, ReadsTheNumberAtTheStartOfALength) {
+  const std::vector<std::pair<std::string, int>> cases{{"7", 7},
+                                                       {" 7", 7},
+                                                       {"\t7", 7},
+                                                       {"\v7", 7},
+                                                       {"\f7", 7},
+                                                       {"\r7", 7},
+                                                       {" \t 7", 7},
+                                                       {"+7", 7},
+                                                       {"+-7", 0},
+                                                       {"++7", 0},
+                                                       {"--7", 0},
+                                                       {"-0", 0},
+                                                       {"0x10", 0},
+                                                       {"12a", 12},
+                                                       {"a12", 0},
+                                                       {"12 34", 12},
+                                                       {"", 0},
+                                                       {" ", 0},
+                                                       {"00000000000000000000012", 12},
+                                                       {"1073741824", 1 << 30}};
+  for (const auto& [text, length] : cases) {
+    auto parser = parserFor(8);
+    ClientResponse response;
+    bool done = false;
+    feed(parser, headers(200, "Content-Length:" + text + "\r\n"), response, done);
+    EXPECT_EQ(parser.getContentLength(), length) << text;
+  }
+}
+
+TEST(RESTResponse, AStatusThatNoIntHoldsIsTheNearestOne) {
+  constexpr int kLeast = std::numeric_limits<int>::min();
+  constexpr int kMost = std::numeric_limits<int>::max();
+  const std::vector<std::pair<std::string, int>> cases{{"-5", -5},
+                                                       {"+404", 404},
+                                                       {"\t404", 404},
+                                                       {"2147483647", kMost},
+                                                       {"4294967496", kMost},
+                                                       {"-4294967496", kLeast},
+                                                       {"9223372036854775808", kMost},
+                                                       {"+99999999999999999999", kMost},
+                                                       {"-99999999999999999999", kLeast}};
+  for (const auto& [text, code] : cases) {
+    auto parser = parserFor(8);
+    auto block = icu::UnicodeString::fromUTF8("HTTP/1.1 " + text + " Because\r\n\r\n");
+    parser.extractHeaders(block);
+    EXPECT_EQ(parser.getStatusCode(), code) << text;
+  }
+}
+
 TEST(RESTResponse, TakesTheStatusCodeFromTheStatusLinesSecondWord) {
   for (const auto& [line, code] : std::vector<std::pair<std::string, int>>{
            {"HTTP/1.1 200 OK", 200}, {"HTTP/1.0 404 Not Found", 404}, {"X 401", 401}}) {
@@ -281,6 +363,18 @@ TEST(RESTResponse, ExtractsHeadersFromTextAsWell) {
   int need = 0;
   EXPECT_FALSE(parser.parseDone(need));
   EXPECT_EQ(need, 12);
+}
+
+TEST(RESTResponse, ATextWithoutALineChangesNothing) {
+  for (const char16_t* nothing : {u"", u"\n", u"\n\n"}) {
+    auto parser = parserFor(8);
+    icu::UnicodeString text(u"HTTP/1.1 503 Busy\r\nContent-Length: 12\r\n\r\n");
+    parser.extractHeaders(text);
+    text = nothing;
+    parser.extractHeaders(text);
+    EXPECT_EQ(parser.getStatusCode(), 503);
+    EXPECT_EQ(parser.getContentLength(), 12);
+  }
 }
 
 // Chunk-size lines.
@@ -429,6 +523,26 @@ TEST(RESTResponse, AContinuationLeavesWhatFollowsItsChunkSizeLine) {
   EXPECT_EQ(need, 26);
 }
 
+TEST(RESTResponse, GathersAChunkSizeLineFromAnyPieces) {
+  const std::string line = "\r\n1a\r\n";
+  for (std::size_t first = 0; first <= line.size(); ++first) {
+    for (std::size_t second = first; second <= line.size(); ++second) {
+      auto parser = parserFor(8, kContinuation);
+      ClientResponse response;
+      bool done = false;
+      for (const auto& piece :
+           {line.substr(0, first), line.substr(first, second - first), line.substr(second)}) {
+        // Behind the piece stands nothing that could be read.
+        const std::vector<char> exact(piece.begin(), piece.end());
+        if (!parser.wantsWholeBody()) {
+          EXPECT_EQ(parser.parseMesg(exact.data(), size(piece), response, done), 0);
+        }
+      }
+      EXPECT_EQ(parser.getContentLength(), 26) << first << ' ' << second;
+    }
+  }
+}
+
 TEST(RESTResponse, InitStateMakesAParserReadyForEitherStart) {
   auto parser = parserFor(8);
   parser.initState(true);
@@ -466,6 +580,19 @@ TEST(RESTResponse, InitStateForgetsTheReplyThatItWasIn) {
     EXPECT_TRUE(parser.endMarkSeen());
     parser.initState(false);
     EXPECT_FALSE(parser.endMarkSeen());
+  }
+}
+
+TEST(RESTResponse, TheLimitOfAHeaderBlockHoldsForEachReplyByItself) {
+  const std::string block = headersWithLength(200, 5);
+  auto parser = parserFor(8);
+  parser.setMaxReplyBytes(block.size());
+  ClientResponse response;
+  bool done = false;
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(feed(parser, block, response, done), 0);
+    EXPECT_EQ(parser.getContentLength(), 5);
+    parser.initState(false);
   }
 }
 
@@ -976,6 +1103,22 @@ TEST(RESTResponse, TheLimitOfABodyHoldsToTheByteAndCanBeMoved) {
   }
 }
 
+TEST(RESTResponse, TheLimitOfAChunkHoldsToTheByteAndCanBeMoved) {
+  for (const bool streaming : {kFirst, kContinuation}) {
+    for (const char* line : {"64\r\n", "65\r\n"}) {
+      const auto error = errorOf([&] {
+        auto parser = parserFor(8, streaming);
+        parser.setMaxReplyBytes(100);
+        ClientResponse response;
+        bool done = false;
+        const auto start = streaming ? "" : headers(200, "Transfer-Encoding: chunked\r\n");
+        feed(parser, start + line, response, done);
+      });
+      EXPECT_EQ(error.errorId, line[1] == '5' ? "ERR_CLIENT_RESP_PARSING" : "") << line;
+    }
+  }
+}
+
 TEST(RESTResponse, TheDefaultLimitOfABodyIsOneGibibyte) {
   for (const auto& [length, refused] :
        std::vector<std::pair<std::size_t, bool>>{{1U << 30, false}, {(1U << 30) + 1, true}}) {
@@ -1045,6 +1188,57 @@ TEST(RESTResponse, AFirstBodyTooShortForARecordIsDoneWithTheLastChunk) {
       EXPECT_TRUE(done);
       EXPECT_TRUE(parser.lastChunkSeen());
     }
+  }
+}
+
+TEST(RESTResponse, AReplyOfOneRecordIsReadOnUntilTheChunkThatEndsIt) {
+  struct Case {
+    int kind;
+    int status;
+    std::string fields;
+    std::string raised;
+  };
+  const std::vector<Case> cases{
+      {14, 200, record({{"a", "b"}}), ""},
+      {15, 200, record({{"STATUS_CODE", "3"}}), ""},
+      {8, 500, record({{"MsgId", "ZVK1234E"}, {"MsgText", "t"}}), "ZVK1234E"}};
+  for (const Case& c : cases) {
+    const std::string body = kSkipped + enveloped(c.fields);
+    for (std::size_t cut = 1; cut <= body.size(); ++cut) {
+      auto parser = parserFor(c.kind);
+      ClientResponse response;
+      bool done = false;
+      char line[32];
+      std::snprintf(line, sizeof line, "%zx\r\n", cut);
+      const std::string start = headers(c.status, "Transfer-Encoding: chunked\r\n") + line;
+      const auto error = errorOf([&] {
+        feed(parser, start, response, done);
+        feed(parser, body.substr(0, cut), response, done);
+      });
+      int need = 0;
+      EXPECT_EQ(parser.parseDone(need), cut == body.size()) << c.kind << ' ' << cut;
+      EXPECT_EQ(error.errorId, cut == body.size() ? c.raised : "") << cut;
+    }
+  }
+}
+
+TEST(RESTResponse, AFirstBodyTooShortForARecordIsReadOnOnlyWhereThereAreRecords) {
+  const std::string rows = kSkipped + oneRow("d") + kEndMark;
+  for (const int kind : {11, 1, 22}) {
+    auto parser = parserFor(kind);
+    ClientResponse response;
+    bool done = false;
+    feed(parser, headers(200, "Transfer-Encoding: chunked\r\n") + "6\r\n", response, done);
+    const bool hasRecords = kind == 11;
+    EXPECT_EQ(feed(parser, rows.substr(0, 6), response, done), hasRecords ? 6 : 0) << kind;
+    int need = 0;
+    EXPECT_EQ(parser.parseDone(need), !hasRecords) << kind;
+    if (!hasRecords) continue;
+    char line[32];
+    std::snprintf(line, sizeof line, "\r\n%zx\r\n", rows.size() - 6);
+    feed(parser, line, response, done);
+    EXPECT_EQ(feed(parser, rows, response, done), 4);
+    EXPECT_EQ(documentsOf(response), std::vector<std::string>{"d"});
   }
 }
 
@@ -1203,6 +1397,24 @@ TEST(RESTResponse, ItsOperationsAreTraced) {
     EXPECT_EQ(traced.entries.count(id), 1U) << std::hex << id;
   }
   EXPECT_EQ(traced.entries, traced.exits);
+}
+
+TEST(RESTResponse, AHostThatTracesSeesEachRecordOfABodyDecodedByItself) {
+  const struct {
+    int kind;
+    std::string records;
+    std::size_t steps;
+  } cases[] = {{8, oneHit("a") + oneHit("b"), 2},
+               {11, oneRow("a") + oneRow("b") + oneRow("c"), 3},
+               {14, enveloped(record({{"a", "b"}})), 1},
+               {15, enveloped(record({{"STATUS_CODE", "3"}})), 1}};
+  for (const auto& c : cases) {
+    TracedIds traced;
+    auto parser = parserFor(c.kind);
+    feedAll(parser, withLength(200, kSkipped + c.records + kEndMark));
+    EXPECT_EQ(traced.entries.count(tq::comm::trace::GenRespRecordParseRecordIntoProps), c.steps)
+        << c.kind;
+  }
 }
 
 TEST(RESTResponse, PrintDoesNothing) {
