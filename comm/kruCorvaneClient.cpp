@@ -223,7 +223,7 @@ CorvaneClient::SharedTimeOutScope::SharedTimeOutScope(CorvaneClient& client)
 }
 
 CorvaneClient::SharedTimeOutScope::~SharedTimeOutScope() {
-  if (client_.timeOut_ != 0) client_.limitBy(before_);
+  client_.limitBy(before_);
 }
 
 }  // namespace tq::comm

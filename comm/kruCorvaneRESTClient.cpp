@@ -138,7 +138,6 @@ void CorvaneRESTClient::exchangeWithRetries(ClientRequest& request, ClientRespon
   // What an earlier attempt may have done stays possible, whatever a later one finds.
   bool mayBeApplied = false;
   for (unsigned int attempt = 0;; ++attempt) {
-    outcome_ = RequestOutcome::NotSent;
     try {
       sendAndRecvMesgOnce(request, response);
       return;

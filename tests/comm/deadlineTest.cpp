@@ -336,6 +336,19 @@ TEST_P(Deadline, BeginsAnewWithEachOperation) {
   }
 }
 
+TEST_P(Deadline, EndsWithItsOperation) {
+  auto network = options();
+  network.resolveMillis = 400;
+  FaultNetwork faulty(network, answerer());
+  auto client = clientOf(GetParam());
+  client->usePeristentConnection(false);
+  for (unsigned int mark = 1; mark <= 3; ++mark) {
+    client->setDeadline(mark == 1 ? 500 : 0);
+    const MarkedRequest marked{kGetStatus, mark};
+    EXPECT_EQ(runMarked(*client, marked).results, resultsOf(GetParam(), marked)) << mark;
+  }
+}
+
 TEST_P(Deadline, BoundsEachPullOfAStreamAndLosesNoHit) {
   for (const int kind : {kStreamSearch, kScalarSearch}) {
     SCOPED_TRACE(kind);

@@ -11,6 +11,7 @@
 #include "infra/oss/kruNLSException.h"
 #include "infra/oss/kruSocketException.h"
 #include "infra/oss/kruSystemCalls.h"
+#include "tests/support/endedThread.h"
 #include "tests/support/exchange.h"
 #include "tests/support/fakeSystemCalls.h"
 #include "tests/support/raised.h"
@@ -100,9 +101,12 @@ TEST(CorvaneClient, ByDefaultIsUnspecifiedAndFailsAtOnce) {
   TestClient client;
   EXPECT_EQ(utf8(client.getHost()), "<unspecified>");
   EXPECT_EQ(client.getPort(), 0U);
-  const auto error = errorOf([&] { client.open(); });
-  EXPECT_EQ(error.errorId, "ERR_CONNECT_SERVER");
-  EXPECT_EQ(error.errorArguments, (std::vector<std::string>{"<unspecified>", "0"}));
+  EXPECT_FALSE(client.persistent());
+  EXPECT_FALSE(client.buffered());
+  const Raised raised = raisedBy([&] { client.open(); });
+  ASSERT_EQ(raised.size(), 1U) << "no system was asked, so that there is no cause";
+  EXPECT_EQ(raised[0].id, "ERR_CONNECT_SERVER");
+  EXPECT_EQ(raised[0].arguments, (std::vector<std::string>{"<unspecified>", "0"}));
   EXPECT_EQ(network.connectAttempts(), 0U);
   EXPECT_FALSE(client.isConnected());
 }
@@ -275,6 +279,14 @@ TEST(CorvaneClient, APortInItsArgumentsHasPlainDigits) {
   TestClient client(54321, kFresh);
   EXPECT_EQ(errorOf([&] { client.open(); }).errorArguments,
             (std::vector<std::string>{"127.0.0.1", "54321"}));
+}
+
+TEST(CorvaneClient, AThreadThatIsCancelledWhileConnectingEnds) {
+  support::FakeSystemCalls fake;
+  fake.cancelIn(support::Call::Connect, 1);
+  TestClient client(7, kFresh);
+  EXPECT_TRUE(endsItsThread([&] { client.open(); }));
+  EXPECT_FALSE(client.isConnected());
 }
 
 TEST(CorvaneClient, AFailedReopenLeavesItUnconnected) {

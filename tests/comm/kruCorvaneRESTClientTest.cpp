@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -17,9 +18,12 @@
 #include "comm/kruRESTException.h"
 #include "comm/kruRESTMessage.h"
 #include "comm/kruStaticDefs.h"
+#include "infra/oss/kruMessageList.h"
 #include "infra/oss/kruNLSException.h"
 #include "infra/oss/kruSocketException.h"
+#include "infra/oss/kruSystemCalls.h"
 #include "tests/support/chunks.h"
+#include "tests/support/endedThread.h"
 #include "tests/support/exchange.h"
 #include "tests/support/raised.h"
 #include "tests/support/replyCorpus.h"
@@ -33,12 +37,14 @@ using namespace tq::test;
 using tq::comm::ClientRequest;
 using tq::comm::ClientResponse;
 using tq::comm::CorvaneRESTClient;
+using tq::comm::RequestOutcome;
 using tq::comm::RESTException;
 using tq::comm::RESTMessage;
 using tq::comm::StaticDefs;
 
 constexpr bool kFresh = false;
 constexpr bool kPersistent = true;
+constexpr int kUpdateIndex = ClientRequest::UPDATE_INDEX;
 constexpr auto kOnDemand = ScriptedNetwork::Arrival::OnDemand;
 constexpr auto kAllThere = ScriptedNetwork::Arrival::AllThere;
 
@@ -126,6 +132,21 @@ TEST(CorvaneRESTClient, ARequestWithADocumentIsHeaderAndBlockAndContentInOneWrit
   EXPECT_EQ(network.connection(0).received, headerText(request) + block);
   EXPECT_EQ(network.connection(0).requests.size(), 1U) << "the length line covers the block";
   EXPECT_EQ(network.writes(), 1U);
+}
+
+TEST(CorvaneRESTClient, ContentOfOneByteIsSentAndContentOfNoneIsNot) {
+  for (const std::string content : {"c", ""}) {
+    ScriptedNetwork network(answer(plain(ok(kAddDocument))));
+    auto client = clientFor(kFresh);
+    auto request = requestFor(kAddDocument);
+    request.setContent(content.data(), static_cast<unsigned int>(content.size()));
+    ClientResponse response;
+    client.sendAndRecvMesg(request, response);
+    const std::string key = enveloped("rowId") + enveloped(std::string("\x01\x02key"));
+    const std::string end = content.empty() ? key : key + enveloped("data") + enveloped(content);
+    EXPECT_TRUE(network.connection(0).received.ends_with(end)) << content;
+    EXPECT_EQ(network.connection(0).requests.size(), 1U);
+  }
 }
 
 TEST(CorvaneRESTClient, TheLastDocumentIsAnnouncedByHeaderAndTerminateRecordAlone) {
@@ -333,6 +354,34 @@ TEST(CorvaneRESTClient, AChunkedReplyReadToItsEndKeepsItsConnection) {
   }
 }
 
+TEST(CorvaneRESTClient, AnErrorInChunksThatIsReadToItsEndKeepsItsConnection) {
+  Reply refusal{"Refusal", kStreamSearch, 500};
+  refusal.body = kUninterpreted + enveloped(record({{"MsgId", "ZVK1"}, {"MsgText", "t"}}));
+  ScriptedNetwork network(Script()
+                              .expectRequest()
+                              .send(chunked(refusal, 0, true).text)
+                              .expectRequest()
+                              .send(plain(nextReply()))
+                              .awaitClose());
+  auto client = clientFor(kPersistent);
+  EXPECT_EQ(exchangeError(client, kStreamSearch).errorId, "ZVK1");
+  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+  EXPECT_EQ(network.connections(), 1U);
+}
+
+TEST(CorvaneRESTClient, AReplyWhoseLastByteComesByItselfIsComplete) {
+  const std::string text = plain(ok(kCreateCollection));
+  ScriptedNetwork network(Script()
+                              .expectRequest()
+                              .send(text.substr(0, text.size() - 1))
+                              .send(text.substr(text.size() - 1))
+                              .awaitClose(),
+                          kOnDemand);
+  auto client = clientFor(kPersistent);
+  client.setTimeOut(100);
+  EXPECT_EQ(runExchange(client, kCreateCollection), ok(kCreateCollection).expected);
+}
+
 TEST(CorvaneRESTClient, AnErrorReadToItsEndKeepsItsConnection) {
   const auto& error = replyNamed("ServerErrorOnStreamSearch");
   ScriptedNetwork network(Script()
@@ -356,6 +405,20 @@ TEST(CorvaneRESTClient, AReplyThatNobodyAskedForIsNotTakenForTheNextOne) {
   auto client = clientFor(kPersistent);
   EXPECT_EQ(runExchange(client, kCreateCollection), ok(kCreateCollection).expected);
   // The stray bytes came with the reply, into the same receive.
+  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+  EXPECT_EQ(network.connections(), 2U);
+}
+
+TEST(CorvaneRESTClient, WhatWasTakenByHandCostsTheConnection) {
+  ScriptedNetwork network(
+      {Script().expectRequest().send(plain(ok(kCreateCollection)) + "x").awaitClose(),
+       answer(plain(nextReply()))});
+  auto client = clientFor(kPersistent);
+  EXPECT_EQ(runExchange(client, kCreateCollection), ok(kCreateCollection).expected);
+  char taken = '\0';
+  EXPECT_EQ(client.readOnce(&taken, 0, 1, false), 1U);
+  EXPECT_EQ(taken, 'x');
+  client.setNumRetries(0);
   EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
   EXPECT_EQ(network.connections(), 2U);
 }
@@ -411,6 +474,152 @@ TEST(CorvaneRESTClient, ARefusedReplyIsNotReadOnByTheNextExchange) {
   EXPECT_EQ(network.requests(), 1U) << "not repeated";
   EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
   EXPECT_EQ(network.connections(), 2U);
+}
+
+TEST(CorvaneRESTClient, AConnectionThatWasResetIsSeenBeforeTheNextRequest) {
+  ScriptedNetwork network({Script().expectRequest().send(plain(ok(kCreateCollection))).reset(),
+                           answer(plain(nextReply()))});
+  auto client = clientFor(kPersistent);
+  client.setNumRetries(0);
+  EXPECT_EQ(runExchange(client, kCreateCollection), ok(kCreateCollection).expected);
+  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+  EXPECT_EQ(network.connections(), 2U);
+}
+
+TEST(CorvaneRESTClient, AnExchangeThatFindsNoServerHasNoTruncatedStream) {
+  ScriptedNetwork network(answer(plain(ok(kCreateCollection))));
+  auto client = clientFor(kPersistent);
+  network.failConnects(ECONNREFUSED);
+  EXPECT_EQ(exchangeError(client, kCreateCollection).errorId, "ERR_CONNECT_SERVER");
+  EXPECT_FALSE(client.isTruncated());
+  EXPECT_FALSE(client.isEndOfStream());
+  network.failConnects(0);
+  EXPECT_EQ(runExchange(client, kCreateCollection), ok(kCreateCollection).expected);
+  client.close();
+  network.failConnects(ECONNREFUSED);
+  EXPECT_EQ(exchangeError(client, kCreateCollection).errorId, "ERR_CONNECT_SERVER");
+  EXPECT_FALSE(client.isTruncated());
+}
+
+/// Expects that the response's stream has no connection to be read from, and that the one which
+/// there is now is none the worse for it.
+void expectBrokenOff(CorvaneRESTClient& client, ClientResponse& response,
+                     const ScriptedNetwork& network) {
+  client.recv(response);
+  EXPECT_TRUE(client.isEndOfStream());
+  EXPECT_TRUE(client.isTruncated());
+  EXPECT_FALSE(network.waitedForever());
+  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+  EXPECT_EQ(network.connections(), 2U);
+}
+
+TEST(CorvaneRESTClient, AReplyToWhatCouldNotBeSentIsNotReadFromAnotherConnection) {
+  ScriptedNetwork network({silence(), answer(plain(nextReply()))});
+  auto client = clientFor(kPersistent);
+  client.setNumRetries(0);
+  network.failNextWrite(ENOBUFS);
+  auto request = requestFor(kStreamSearch);
+  ClientResponse response;
+  EXPECT_NE(errorOf([&] { client.sendAndRecvMesg(request, response); }).errorId, "");
+  client.close();
+  client.open();
+  expectBrokenOff(client, response, network);
+}
+
+TEST(CorvaneRESTClient, AStreamThatWasAskedForByHandIsReadOnFromItsOwnConnectionAlone) {
+  const auto& search = replyNamed("StreamSearchWithThreeHits");
+  const auto form = chunked(search, 20, true);
+  for (const bool stays : {true, false}) {
+    ScriptedNetwork network(
+        {Script().expectRequest().send(plain(search)).expectRequest().send(form.text).awaitClose(),
+         answer(plain(nextReply()))},
+        kOnDemand);
+    auto client = clientFor(kPersistent);
+    auto request = requestFor(kStreamSearch);
+    ClientResponse earlier;
+    client.sendAndRecvMesg(request, earlier);
+    client.send(request);
+    ClientResponse response;
+    client.recvMesg(response);
+    EXPECT_FALSE(client.isEndOfStream());
+    EXPECT_EQ(errorOf([&] { client.recv(earlier); }).errorId, "ERR_INVALID_STATE");
+    if (stays) {
+      std::vector<std::string> ids = idsOf(response);
+      while (!client.isEndOfStream()) {
+        client.recv(response);
+        for (const auto& id : idsOf(response)) ids.push_back(id);
+      }
+      EXPECT_EQ(ids.size(), 3U);
+      EXPECT_FALSE(client.isTruncated());
+    } else {
+      client.close();
+      client.open();
+      expectBrokenOff(client, response, network);
+    }
+  }
+}
+
+TEST(CorvaneRESTClient, WhatIsReadOnAfterAFailedExchangeIsNotTheWholeAndCostsTheConnection) {
+  ScriptedNetwork network({Script()
+                               .expectRequest()
+                               .send(plain(ok(kCreateCollection)))
+                               .expectRequest()
+                               .send(kChunkedHead)
+                               .stall()
+                               .send(chunk(kUninterpreted + searchHit("lost")) + kLastChunk)
+                               .expectRequest()
+                               .send(plain(nextReply()))
+                               .awaitClose(),
+                           answer(plain(nextReply()))});
+  auto client = clientFor(kPersistent);
+  client.setNumRetries(0);
+  client.setTimeOut(100);
+  EXPECT_EQ(runExchange(client, kCreateCollection), ok(kCreateCollection).expected);
+  auto request = requestFor(kStreamSearch);
+  ClientResponse response;
+  EXPECT_EQ(errorOf([&] { client.sendAndRecvMesg(request, response); }).errorId,
+            "ERR_SERVER_COMM_TIMEOUT");
+  network.release();
+  while (!client.isEndOfStream()) client.recv(response);
+  EXPECT_TRUE(client.isTruncated()) << "its first portion was never read as one";
+  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+  EXPECT_EQ(network.connections(), 2U);
+}
+
+TEST(CorvaneRESTClient, AResponseThatTookWhatWasPulledIsThatExchangesFromThenOn) {
+  const std::string text = chunked(replyNamed("StreamSearchWithFortyHits"), 400, true).text;
+  ScriptedNetwork network({answer(text), answer(text)});
+  auto client = clientFor(kPersistent);
+  auto request = requestFor(kStreamSearch);
+  ClientResponse first;
+  client.sendAndRecvMesg(request, first);
+  ClientResponse free;
+  client.recv(free);
+  EXPECT_NE(free.getSearchResponse().count(), 0U);
+  client.sendAndRecvMesg(request, first);
+  EXPECT_EQ(errorOf([&] { client.recv(free); }).errorId, "ERR_INVALID_STATE");
+}
+
+TEST(CorvaneRESTClient, ASkippedReplyMakesTheResponseAnEmptySuccess) {
+  ScriptedNetwork network({answer(plain(replyNamed("StreamSearchWithThreeHits"))), silence()});
+  auto client = clientFor(kFresh);
+  auto request = requestFor(kStreamSearch);
+  ClientResponse earlier;
+  client.sendAndRecvMesg(request, earlier);
+  EXPECT_EQ(earlier.getResultCount(), 3);
+  ClientResponse filled;
+  filled.addSearchResult(earlier.getSearchResponse().getNext());
+  ASSERT_EQ(filled.getResultCount(), 1);
+  auto queued = requestFor(kAsynchAddDocument);
+  client.sendAndRecvMesg(queued, filled);
+  EXPECT_EQ(filled.getResultCount(), 0);
+  EXPECT_TRUE(filled.success());
+
+  // By hand as well, where nothing was asked; it ends what was before it.
+  ClientResponse byHand;
+  client.recvMesg(byHand);
+  EXPECT_TRUE(byHand.success());
+  EXPECT_EQ(errorOf([&] { client.recv(filled); }).errorId, "ERR_INVALID_STATE");
 }
 
 // Retries.
@@ -489,6 +698,101 @@ TEST(CorvaneRESTClient, AHitOfAFailedAttemptIsNotCountedTwice) {
       {Script().expectRequest().send(text.substr(0, text.size() - 3)), answer(text)});
   auto client = clientFor(kFresh);
   EXPECT_EQ(runExchange(client, reply.kind), reply.expected);
+}
+
+TEST(CorvaneRESTClient, WhatAnEarlierAttemptMayHaveDoneStaysPossibleHoweverALaterOneFails) {
+  {
+    ScriptedNetwork network({closeEarly(), silence()});
+    network.failNextWrite(ENOBUFS, 1);
+    auto client = clientFor(kPersistent);
+    EXPECT_EQ(exchangeError(client, kGetStatus).errorId, "ERR_CLIENT_INTERNAL");
+    EXPECT_EQ(client.getRequestOutcome(), RequestOutcome::MayBeApplied);
+  }
+  struct FindsNoMemoryTheSecondTime : CorvaneRESTClient {
+    using CorvaneRESTClient::CorvaneRESTClient;
+    void sendMesg(RESTMessage& message) override {
+      if (++attempts == 2) throw std::bad_alloc();
+      CorvaneRESTClient::sendMesg(message);
+    }
+    int attempts = 0;
+  };
+  ScriptedNetwork network({closeEarly(), silence()});
+  FindsNoMemoryTheSecondTime client(u"127.0.0.1", 7, kPersistent);
+  auto request = requestFor(kGetStatus);
+  ClientResponse response;
+  EXPECT_THROW(client.sendAndRecvMesg(request, response), std::bad_alloc);
+  EXPECT_EQ(client.getRequestOutcome(), RequestOutcome::MayBeApplied);
+}
+
+TEST(CorvaneRESTClient, AFailureThatSaysNothingIsNotRepeated) {
+  struct Speechless : CorvaneRESTClient {
+    using CorvaneRESTClient::CorvaneRESTClient;
+    void sendAndRecvMesgOnce(ClientRequest&, ClientResponse&) override {
+      ++attempts;
+      throw RESTException(tq::oss::MessageList());
+    }
+    int attempts = 0;
+  };
+  Speechless client(u"127.0.0.1", 7, kPersistent);
+  auto request = requestFor(kGetStatus);
+  ClientResponse response;
+  EXPECT_THROW(client.sendAndRecvMesg(request, response), RESTException);
+  EXPECT_EQ(client.attempts, 1);
+}
+
+TEST(CorvaneRESTClient, AKindThatNeedsAQueueIsRepeatedWhileThereIsNone) {
+  ScriptedNetwork network({closeEarly(), answer(plain(ok(kUpdateIndex)))});
+  auto client = clientFor(kPersistent);
+  client.setQueueOnOneConnection(true);
+  EXPECT_EQ(runExchange(client, kUpdateIndex), ok(kUpdateIndex).expected);
+  EXPECT_EQ(network.requests(), 2U);
+}
+
+TEST(CorvaneRESTClient, AQueueStaysOnItsConnection) {
+  ScriptedNetwork network(Script().expectRequest().expectRequest().expectRequest().awaitClose());
+  auto client = clientFor(kPersistent);
+  client.setQueueOnOneConnection(true);
+  for (const int kind : {kAsynchAddDocument, kAsynchAddDocument, kLastDocSent}) {
+    EXPECT_EQ(runExchange(client, kind).errorId, "") << kind;
+  }
+  EXPECT_EQ(network.connections(), 1U);
+}
+
+TEST(CorvaneRESTClient, ADocumentThatIsSentByHandElsewhereDoesNotMoveTheQueue) {
+  ScriptedNetwork network({silence(), silence()});
+  auto client = clientFor(kPersistent);
+  client.setQueueOnOneConnection(true);
+  EXPECT_EQ(runExchange(client, kAsynchAddDocument).errorId, "");
+  client.close();
+  client.open();
+  auto request = requestFor(kAsynchAddDocument);
+  client.send(request);
+  EXPECT_EQ(exchangeError(client, kUpdateIndex).errorId, "ERR_SERVER_COMM_SEND");
+}
+
+TEST(CorvaneRESTClient, ASingleAttemptIsOneOfItsOwnRequest) {
+  Reply status = ok(kGetStatus);
+  status.body = kUninterpreted + enveloped(record({{"STATUS_CODE", "31"}}));
+  ScriptedNetwork network(Script()
+                              .expectRequest()
+                              .send(plain(replyNamed("StreamSearchWithThreeHits")))
+                              .expectRequest()
+                              .send(plain(status))
+                              .awaitClose());
+  auto client = clientFor(kPersistent);
+  EXPECT_EQ(runExchange(client, kStreamSearch).errorId, "");
+  auto request = requestFor(kGetStatus);
+  ClientResponse response;
+  client.sendAndRecvMesgOnce(request, response);
+  EXPECT_EQ(response.getStatusCode(), 31U);
+  EXPECT_EQ(client.getRequestOutcome(), RequestOutcome::Answered);
+
+  request.buildRequest(u"c1", ClientRequest::ADD_DOCUMENT, {});
+  request.setDocKey("key", 3);
+  EXPECT_EQ(errorOf([&] { client.sendAndRecvMesgOnce(request, response); }).errorId,
+            "ERR_CLIENT_INTERNAL");
+  EXPECT_EQ(client.getRequestOutcome(), RequestOutcome::NotSent);
+  EXPECT_EQ(network.writes(), 2U);
 }
 
 TEST(CorvaneRESTClient, TheMessagesOfTheLastAttemptReachTheCallerUnchanged) {
@@ -1001,6 +1305,7 @@ TEST(CorvaneRESTClient, ParseResultsInSeveralPortionsAreReadWithinTheirExchange)
     EXPECT_TRUE(client.isEndOfStream());
     EXPECT_FALSE(client.isTruncated());
     EXPECT_EQ(response.getParseResponse().count(), 3U);
+    EXPECT_EQ(client.getRequestOutcome(), RequestOutcome::Answered);
     EXPECT_EQ(response.getSearchResponse().count(), 0U) << "rows are not taken for hits";
     EXPECT_FALSE(network.waitedForever());
   }
@@ -1039,6 +1344,57 @@ TEST(CorvaneRESTClient, AStreamWithALyingPortionIsRefusedAndOver) {
   EXPECT_EQ(response.getSearchResponse().count(), 0U);
   EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
   EXPECT_EQ(network.connections(), 2U);
+}
+
+TEST(CorvaneRESTClient, WhatAPortionCarriedIsForgottenWhenTheOneBehindItIsRefused) {
+  // The first chunk is too short for a record's start and is joined to the second, whose record has
+  // a field that runs past its end.
+  std::string bad = hitRecord("a", "");
+  bad.replace(bad.size() - 5, 4, bigEndian(2));
+  ScriptedNetwork network(answer(kChunkedHead + chunk(kUninterpreted + std::string(2, '\0')) +
+                                 chunk(enveloped(bad).substr(2)) + chunk(searchHit("b")) +
+                                 chunk(bigEndian(0)) + kLastChunk));
+  auto client = clientFor(kPersistent);
+  auto request = requestFor(kStreamSearch);
+  ClientResponse response;
+  EXPECT_EQ(errorOf([&] { client.sendAndRecvMesg(request, response); }).errorId,
+            "ERR_CLIENT_RESP_PARSING");
+  client.recv(response);
+  EXPECT_EQ(idsOf(response), std::vector<std::string>{"b"});
+}
+
+TEST(CorvaneRESTClient, AnErrorThatWasReadToItsEndLeavesAnEmptyStreamThatIsComplete) {
+  Reply refusal{"Refusal", kStreamSearch, 500};
+  refusal.body = kUninterpreted + enveloped(record({{"MsgId", "ZVK1"}, {"MsgText", "t"}}));
+  Reply broken{"Broken", kStreamSearch};
+  broken.body = kUninterpreted + bigEndian(5) + "12345";
+  for (const auto& reply : {refusal, broken}) {
+    ScriptedNetwork network(answer(plain(reply)));
+    auto client = clientFor(kPersistent);
+    client.setNumRetries(0);
+    auto request = requestFor(kStreamSearch);
+    ClientResponse response;
+    EXPECT_NE(errorOf([&] { client.sendAndRecvMesg(request, response); }).errorId, "");
+    EXPECT_TRUE(client.isEndOfStream()) << reply.name;
+    EXPECT_EQ(client.isTruncated(), reply.name == "Broken");
+    client.recv(response);
+    EXPECT_FALSE(network.waitedForever());
+  }
+}
+
+TEST(CorvaneRESTClient, TheLimitHoldsForEachLaterPortion) {
+  const std::string hit = searchHit(std::string(500, 'i'));
+  for (const std::size_t limit : {hit.size(), hit.size() - 1}) {
+    ScriptedNetwork network(answer(kChunkedHead + chunk(kUninterpreted + searchHit("a")) +
+                                   chunk(hit) + chunk(bigEndian(0)) + kLastChunk));
+    auto client = clientFor(kPersistent);
+    client.setMaxReplyBytes(limit);
+    auto request = requestFor(kStreamSearch);
+    ClientResponse response;
+    client.sendAndRecvMesg(request, response);
+    EXPECT_EQ(errorOf([&] { client.recv(response); }).errorId,
+              limit == hit.size() ? "" : "ERR_CLIENT_RESP_PARSING");
+  }
 }
 
 TEST(CorvaneRESTClient, AnEstimateInChunksCanBePulledToItsLastChunk) {
@@ -1204,6 +1560,43 @@ TEST(CorvaneRESTClient, RecvAfterAFailedExchangeGoesOn) {
   ClientResponse response;
   EXPECT_EQ(errorOf([&] { client.recv(response); }).errorId, "");
   EXPECT_TRUE(client.isEndOfStream());
+}
+
+/// The calls in force, but for receives, which find no memory.
+class ReceivesWithoutMemory {
+ public:
+  ReceivesWithoutMemory() : calls_(tq::oss::systemCalls()) {
+    calls_.recv = [](int, void*, std::size_t, int) -> ssize_t { throw std::bad_alloc(); };
+    before_ = tq::oss::replaceSystemCalls(&calls_);
+  }
+  ~ReceivesWithoutMemory() { tq::oss::replaceSystemCalls(before_); }
+  ReceivesWithoutMemory(const ReceivesWithoutMemory&) = delete;
+  ReceivesWithoutMemory& operator=(const ReceivesWithoutMemory&) = delete;
+
+ private:
+  tq::oss::SystemCalls calls_;
+  const tq::oss::SystemCalls* before_;
+};
+
+TEST(CorvaneRESTClient, AReceiveThatFindsNoMemoryBreaksTheStreamOff) {
+  const auto form = chunked(replyNamed("StreamSearchWithThreeHits"), 20, true);
+  ScriptedNetwork network(Script()
+                              .expectRequest()
+                              .send(form.text.substr(0, form.chunks[0].dataEnd))
+                              .send(form.text.substr(form.chunks[0].dataEnd))
+                              .awaitClose(),
+                          kOnDemand);
+  auto client = clientFor(kPersistent);
+  auto request = requestFor(kStreamSearch);
+  ClientResponse response;
+  client.sendAndRecvMesg(request, response);
+  ASSERT_FALSE(client.isEndOfStream());
+  {
+    const ReceivesWithoutMemory scarce;
+    EXPECT_THROW(client.recv(response), std::bad_alloc);
+  }
+  EXPECT_TRUE(client.isEndOfStream());
+  EXPECT_TRUE(client.isTruncated());
 }
 
 TEST(CorvaneRESTClient, RecvMultResponseReadsToTheEnd) {
@@ -1413,6 +1806,21 @@ TEST(CorvaneRESTClient, AChunkThatWithWhatIsCarriedPassesTheLargestLengthIsRefus
   EXPECT_FALSE(network.waitedForever());
 }
 
+TEST(CorvaneRESTClient, AChunkThatWithWhatIsCarriedHasJustTheLargestLengthIsWaitedFor) {
+  ScriptedNetwork network(
+      Script()
+          .expectRequest()
+          .send(kChunkedHead + chunk(kUninterpreted + searchHit("first") + bigEndian(100) + "part"))
+          .send("7ffffff7\r\n"));
+  auto client = clientFor(kPersistent);
+  client.setMaxReplyBytes(std::numeric_limits<int>::max());
+  auto request = requestFor(kStreamSearch);
+  ClientResponse response;
+  client.sendAndRecvMesg(request, response);
+  client.recv(response);
+  EXPECT_TRUE(client.isTruncated()) << "the peer has closed instead";
+}
+
 TEST(CorvaneRESTClient, BlocksThatAreNoReplyAreNotReadForEver) {
   std::string blocks;
   while (blocks.size() < std::size_t{3} << 20) blocks += "HTTP/1.1 100 Continue\r\n\r\n";
@@ -1450,6 +1858,15 @@ TEST(CorvaneRESTClient, OverLoopbackAResetIsAnErrorOfTheCommunication) {
 // Misuse.
 
 constexpr auto kMisused = "ERR_INVALID_STATE";
+
+TEST(CorvaneRESTClient, AReceiveByHandWithoutAConnectionIsAnErrorOfTheConnection) {
+  auto client = clientFor(kPersistent);
+  ClientResponse response;
+  const Raised raised = raisedBy([&] { client.recvMesg(response); });
+  ASSERT_EQ(raised.size(), 1U);
+  EXPECT_EQ(raised[0].id, "ERR_CONNECT_SERVER");
+  EXPECT_EQ(raised[0].arguments, kHostAndPort);
+}
 
 TEST(CorvaneRESTClient, AReceiveByHandThatNothingWasSentForIsRefused) {
   ScriptedNetwork network(answer(plain(ok(kCreateCollection))));
@@ -1521,15 +1938,19 @@ TEST(CorvaneRESTClient, TheLimitOfAReplyHoldsForAllPortionsThatOneReceiveTakes) 
   const std::string first = chunk(kUninterpreted + enveloped(record({{"Doc", "d"}})));
   const std::string further = row + row + row + chunk(bigEndian(0));
   for (const std::size_t limit : {further.size(), further.size() - 1}) {
-    ScriptedNetwork network(answer(kChunkedHead + first + further + kLastChunk));
+    const std::string text = kChunkedHead + first + further + kLastChunk;
+    ScriptedNetwork network(
+        Script().expectRequest().send(text).expectRequest().send(text).awaitClose());
     auto client = clientFor(kPersistent);
     client.setMaxReplyBytes(limit);
     auto request = requestFor(kParseResult);
     ClientResponse response;
     const auto exchange = [&] { client.sendAndRecvMesg(request, response); };
     if (limit == further.size()) {
-      exchange();
-      EXPECT_EQ(response.getParseResponse().count(), 4U);
+      for (int i = 0; i < 2; ++i) {
+        exchange();
+        EXPECT_EQ(response.getParseResponse().count(), 4U);
+      }
     } else {
       expectRefusal("ERR_CLIENT_RESP_PARSING",
                     "the portions of the reply exceed the limit on its size", exchange);
@@ -1537,6 +1958,22 @@ TEST(CorvaneRESTClient, TheLimitOfAReplyHoldsForAllPortionsThatOneReceiveTakes) 
       EXPECT_TRUE(client.isTruncated());
     }
   }
+}
+
+// Threads that end.
+
+TEST(CorvaneRESTClient, AThreadThatEndsInAnExchangeClosesTheConnection) {
+  struct EndsItsThread : CorvaneRESTClient {
+    using CorvaneRESTClient::CorvaneRESTClient;
+    void recvMesg(ClientResponse&) override { ::pthread_exit(PTHREAD_CANCELED); }
+  };
+  ScriptedNetwork network(answer(plain(ok(kCreateCollection))));
+  EndsItsThread client(u"127.0.0.1", 7, kPersistent);
+  auto request = requestFor(kCreateCollection);
+  ClientResponse response;
+  EXPECT_TRUE(endsItsThread([&] { client.sendAndRecvMesg(request, response); }));
+  EXPECT_FALSE(client.isConnected());
+  EXPECT_EQ(network.requests(), 1U);
 }
 
 // Cost.
