@@ -329,7 +329,8 @@ std::shared_ptr<Ticket> Collection::awaitRound(const std::string& key) {
 std::optional<std::chrono::milliseconds> Collection::takeRefreshTime() {
   if (refresh_.mode != Refresh::Mode::Interval || !changed_.exchange(false)) return std::nullopt;
   if (refreshComes_.exchange(true)) return std::nullopt;
-  return failed_ ? std::max(refresh_.interval, kRetryAfter) : refresh_.interval;
+  if (!failed_) return refresh_.interval;
+  return std::max(refresh_.interval, index_.isOfEarlierForm() ? kRebuildAgainAfter : kRetryAfter);
 }
 
 void Collection::refresh() {

@@ -59,6 +59,8 @@ class Collection {
 
   /// The shortest time after which an update that failed is tried again by itself.
   static constexpr std::chrono::milliseconds kRetryAfter{1000};
+  /// The same where each attempt makes the whole index anew.
+  static constexpr std::chrono::milliseconds kRebuildAgainAfter{60000};
 
   /// `outcomes` outlive the collection's being open; `stopping` ends the opening when it becomes
   /// true. Throws ServerError(TryAgain) if there is no memory or no descriptor for one more.

@@ -3,7 +3,9 @@
 #include <fcntl.h>
 #include <xapian.h>
 
+#include <array>
 #include <optional>
+#include <string_view>
 #include <utility>
 
 #include "server/base/errors.h"
@@ -17,6 +19,10 @@ namespace {
 
 constexpr std::string_view kRefusedRevision = "\xFF\xFF\xFF\xFF";
 constexpr const char* kVersionFile = "iamglass";
+// The engine opens an index without them, and finds texts and keys all the same. That with a key
+// once more comes last.
+constexpr std::array<const char*, 4> kDispensable{"position.glass", "synonym.glass",
+                                                  "spelling.glass", "termlist.glass"};
 
 /// What can be read by `work`; nothing if the engine refuses a block on the way. The handle is the
 /// work's own, since one that has refused something is not to be trusted.
@@ -29,6 +35,11 @@ auto readable(const std::filesystem::path& path, const Work& work)
   } catch (const Xapian::Error&) {
     return std::nullopt;
   }
+}
+
+bool canBeOpened(const std::filesystem::path& path) {
+  return readable(path, [](Xapian::Database& database) { return database.get_lastdocid(); })
+      .has_value();
 }
 
 bool mayExist(const std::filesystem::path& path, Xapian::docid number) {
@@ -63,25 +74,40 @@ std::string keyOf(const std::filesystem::path& path, Xapian::docid number) {
 IndexSalvage::IndexSalvage(const std::filesystem::path& collection,
                            const std::vector<Damage>& damage, std::filesystem::path work)
     : work_(std::move(work)) {
-  const IndexSums sums(collection);
   std::filesystem::copy(collection / IndexSums::kIndexDirectory, work_);
-  for (const Damage& each : damage) {
-    const std::filesystem::path path = work_ / each.file.filename();
-    if (each.file.filename() == kVersionFile) {
-      const auto content = sums.contentOf(kVersionFile);
-      if (content) writeAll(openFile(path, O_WRONLY | O_CREAT | O_TRUNC), *content, path);
-    } else if (path.extension() == ".glass") {
-      writeAt(openFile(path, O_WRONLY | O_CREAT), kRefusedRevision, each.place, path);
+  try {
+    refuseBlocks(collection, damage);
+    if (canBeOpened(work_)) return;
+    // The engine opens no index in which it cannot read the root of a table.
+    for (const char* table : kDispensable) {
+      std::filesystem::remove(work_ / table);
+      if (canBeOpened(work_)) return;
     }
+  } catch (...) {
+    std::filesystem::remove_all(work_);
+    throw;
   }
-  const auto documents =
-      readable(work_, [](Xapian::Database& database) { return database.get_lastdocid(); });
-  if (documents) return;
   std::filesystem::remove_all(work_);
   throw ServerError(ErrorKind::StorageFailed,
                     "nothing of the index of " + collection.string() +
                         " can be read; restore the collection, or delete it and add its documents "
                         "again");
+}
+
+void IndexSalvage::refuseBlocks(const std::filesystem::path& collection,
+                                const std::vector<Damage>& damage) const {
+  // An index that this version has never opened has none.
+  std::optional<IndexSums> sums;
+  if (IndexSums::existIn(collection)) sums.emplace(collection);
+  for (const Damage& each : damage) {
+    const std::filesystem::path path = work_ / each.file.filename();
+    if (each.file.filename() == kVersionFile) {
+      const auto content = sums ? sums->contentOf(kVersionFile) : std::nullopt;
+      if (content) writeAll(openFile(path, O_WRONLY | O_CREAT | O_TRUNC), *content, path);
+    } else if (path.extension() == kTableSuffix) {
+      writeAt(openFile(path, O_WRONLY | O_CREAT), kRefusedRevision, each.place, path);
+    }
+  }
 }
 
 IndexSalvage::~IndexSalvage() {

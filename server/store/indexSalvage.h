@@ -38,6 +38,9 @@ class IndexSalvage {
   void read(const DocumentVisitor& onDocument, const LossVisitor& onLoss) const;
 
  private:
+  void refuseBlocks(const std::filesystem::path& collection,
+                    const std::vector<Damage>& damage) const;
+
   const std::filesystem::path work_;
 };
 

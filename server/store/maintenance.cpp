@@ -17,7 +17,9 @@
 #include "server/store/indexSalvage.h"
 #include "server/store/indexSums.h"
 #include "server/store/journal.h"
+#include "server/store/textAnalysis.h"
 #include "server/store/xapianIndex.h"
+#include "server/store/xapianSchema.h"
 
 namespace corvaned {
 namespace {
@@ -87,6 +89,34 @@ void askEngine(const std::filesystem::path& indexOrTable, std::vector<Damage>& d
     damage.push_back({indexOrTable, 0, fmt::format("the engine finds {} errors", errors)});
   } catch (const Xapian::Error& error) {
     damage.push_back({indexOrTable, 0, error.get_description()});
+  }
+}
+
+// Nothing is known of the texts in an index that a later version has made.
+bool hasTextsOfKnownForm(const Xapian::Database& database) {
+  const std::string schema = database.get_metadata(kSchemaEntry);
+  if (schema != kSchemaVersion && schema != kEarlierSchema) return false;
+  try {
+    return TextAnalysis(database).options().keepsText;
+  } catch (const ServerError&) {
+    return false;
+  }
+}
+
+// To the checksums and the engine a text is any bytes. An index whose texts cannot all be read can
+// never be brought into another form.
+void readTexts(const std::filesystem::path& index, std::vector<Damage>& damage) {
+  try {
+    const Xapian::Database database(index.string());
+    if (!hasTextsOfKnownForm(database)) return;
+    for (auto next = database.postlist_begin(""); next != database.postlist_end(""); ++next) {
+      const Xapian::Document stored = database.get_document(*next);
+      const std::string key = stored.get_value(kKeySlot);
+      if (readDocument(key, stored.get_data())) continue;
+      damage.push_back({index, 0, "the text of the document " + shown(key) + " cannot be read"});
+    }
+  } catch (const Xapian::Error& error) {
+    damage.push_back({index, 0, error.get_description()});
   }
 }
 
@@ -248,6 +278,7 @@ CollectionCheck Maintenance::check(const std::string& name) const {
   if (!BackupManifest::existsIn(root_)) IndexRebuild::finish(path);
   CollectionCheck result = checkCollection(name, path, [] {});
   if (result.index.empty()) askEngine(path / IndexSums::kIndexDirectory, result.index);
+  if (result.index.empty()) readTexts(path / IndexSums::kIndexDirectory, result.index);
   if (BackupManifest::existsIn(root_)) addDamageOfBackup(root_, result);
   return result;
 }

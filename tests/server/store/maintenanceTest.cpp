@@ -220,6 +220,32 @@ TEST_F(MaintenanceTest, DamageOutsideTheTextsLosesNoDocument) {
   EXPECT_THAT(found("\"jumping foxes\""), SizeIs(99));
 }
 
+// The engine begins with the root of each table.
+TEST_F(MaintenanceTest, TablesThatCannotEvenBeOpenedLoseNoDocumentIfTheyHoldNone) {
+  write();
+  for (const char* table : {"position.glass", "termlist.glass"}) {
+    const std::size_t size = read(collection() / "index" / table).size();
+    std::ofstream(collection() / "index" / table, std::ios::binary | std::ios::trunc)
+        << std::string(size, '\xAA');
+    const Repair result = repair();
+    EXPECT_TRUE(result.indexMadeAnew) << table;
+    EXPECT_EQ(result.documentsKept, 100U) << table;
+    EXPECT_TRUE(result.losesNothing()) << table;
+    EXPECT_TRUE(check().isSound());
+  }
+  EXPECT_THAT(found("\"jumping foxes\""), SizeIs(99));
+}
+
+TEST_F(MaintenanceTest, CollectionWhoseTextsCannotBeFoundIsLeftAsItIs) {
+  write();
+  const std::filesystem::path table = collection() / "index" / "docdata.glass";
+  const std::string damaged(read(table).size(), '\xAA');
+  std::ofstream(table, std::ios::binary | std::ios::trunc) << damaged;
+  EXPECT_THROW(repair(), ServerError);
+  EXPECT_EQ(read(table), damaged);
+  EXPECT_TRUE(std::filesystem::is_empty(data() / "before-repair")) << "nothing half made";
+}
+
 TEST_F(MaintenanceTest, HeadOfTheIndexIsTakenFromTheChecksums) {
   write();
   std::ofstream(collection() / "index/iamglass", std::ios::binary | std::ios::trunc) << "x";

@@ -4,13 +4,17 @@
 #include <xapian.h>
 
 #include <atomic>
+#include <chrono>
 #include <fstream>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "server/base/errors.h"
+#include "server/store/collection.h"
+#include "server/store/collectionOptions.h"
 #include "server/store/indexRebuild.h"
 #include "server/store/localStore.h"
 #include "server/store/maintenance.h"
@@ -60,6 +64,14 @@ class RebuildTest : public ::testing::Test {
     database.commit();
     std::filesystem::remove(collection() / "index-sums");
     std::filesystem::remove(collection() / "journal-0000000000");
+  }
+
+  void makeUnreadable(Xapian::docid number) const {
+    Xapian::WritableDatabase database(index());
+    Xapian::Document document = database.get_document(number);
+    document.set_data("nonsense");
+    database.replace_document(number, document);
+    database.commit();
   }
 
   std::string schema() const { return Xapian::Database(index()).get_metadata("schema"); }
@@ -217,13 +229,7 @@ TEST_F(RebuildTest, OneThatWasStoppedBeginsAnew) {
 
 TEST_F(RebuildTest, TextThatCannotBeReadIsNamedAndNothingIsLost) {
   write(5);
-  {
-    Xapian::WritableDatabase database(index());
-    Xapian::Document document = database.get_document(3);
-    document.set_data("nonsense");
-    database.replace_document(3, document);
-    database.commit();
-  }
+  makeUnreadable(3);
   LocalStore store(data(), {});
   try {
     store.updateIndex("c");
@@ -234,6 +240,65 @@ TEST_F(RebuildTest, TextThatCannotBeReadIsNamedAndNothingIsLost) {
   }
   EXPECT_THAT(found(store), SizeIs(5));
   EXPECT_EQ(schema(), "1");
+}
+
+// To the checksums, which the first opening made, the text is as good as any other.
+TEST_F(RebuildTest, RepairLeavesOutATextThatCannotBeReadAndTheRestIsMadeAnew) {
+  for (const bool wasOpened : {false, true}) {
+    SCOPED_TRACE(wasOpened ? "with checksums" : "without");
+    write(5);
+    makeUnreadable(3);
+    if (wasOpened) {
+      LocalStore store(data(), {});
+      store.addDocument("c", {"new", {}, "fox"});
+      EXPECT_THROW(store.updateIndex("c"), ServerError);
+    }
+    const CollectionCheck check = Maintenance(data()).check("c");
+    ASSERT_THAT(check.index, SizeIs(1));
+    EXPECT_THAT(describe(check.index[0]), HasSubstr("\"k102\" cannot be read"));
+    const Repair repair = Maintenance(data()).repair("c");
+    ASSERT_THAT(repair.documentsLost, SizeIs(1));
+    EXPECT_EQ(repair.documentsLost[0].number, 3U);
+    EXPECT_EQ(repair.documentsLost[0].key, "k102");
+    EXPECT_EQ(repair.documentsKept, 4U);
+    EXPECT_TRUE(Maintenance(data()).check("c").isSound());
+    {
+      LocalStore store(data(), {});
+      store.updateIndex("c");
+      EXPECT_THAT(found(store), SizeIs(wasOpened ? 5 : 4));
+      EXPECT_EQ(store.state("c"), CollectionState::Current);
+    }
+    EXPECT_EQ(schema(), "2");
+    std::filesystem::remove_all(data());
+  }
+}
+
+TEST_F(RebuildTest, DamagedIndexThatHasNoChecksumsYetIsRepaired) {
+  write(300);
+  std::ofstream(collection() / "index" / "position.glass", std::ios::trunc).flush();
+  EXPECT_FALSE(Maintenance(data()).check("c").isSound());
+  const Repair repair = Maintenance(data()).repair("c");
+  EXPECT_TRUE(repair.losesNothing());
+  EXPECT_EQ(repair.documentsKept, 300U);
+  LocalStore store(data(), {});
+  EXPECT_THAT(found(store), SizeIs(300));
+}
+
+// Each attempt indexes everything in front of what makes it fail.
+TEST_F(RebuildTest, OneThatFailedIsNotRepeatedAtOnce) {
+  write(5);
+  makeUnreadable(3);
+  const std::chrono::milliseconds interval(70);
+  writeOptions(collection(), {Refresh::Mode::Interval, interval});
+  const std::atomic<bool> stopping = false;
+  Collection opened("c", collection(), {}, std::make_shared<ParseOutcomes>(10), stopping);
+  opened.add({"new", {}, "fox"});
+  EXPECT_EQ(opened.takeRefreshTime(), interval);
+  opened.refresh();
+  ASSERT_TRUE(opened.takeOnIndexing());
+  while (opened.indexStep()) {
+  }
+  EXPECT_EQ(opened.takeRefreshTime(), Collection::kRebuildAgainAfter);
 }
 
 TEST_F(RebuildTest, DamageIsFoundBeforeAnythingIsTakenOver) {
