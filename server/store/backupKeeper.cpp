@@ -123,6 +123,16 @@ class Temporary {
   const std::filesystem::path path_;
 };
 
+// The index's revision is asked for first: what changes after that has a higher one.
+void copyAhead(CollectionCopy& copy, const Collection& collection) {
+  for (int passes = 0; passes < kMaxPasses;) {
+    const std::uint64_t revision = collection.indexRevision();
+    const auto copied = copy.copyAhead(revision, collection.journalExtent());
+    passes = copied ? passes + 1 : 0;
+    if (passes > 1 && *copied <= kLittle) return;
+  }
+}
+
 double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
@@ -227,7 +237,6 @@ void BackupKeeper::copyAll(Backups::Draft& draft, const StopCheck& stop) {
   }
 }
 
-// The index's revision is asked for first: what changes after that has a higher one.
 void BackupKeeper::copy(Backups::Draft& draft, const std::string& collection,
                         const StopCheck& stop) {
   const std::filesystem::path source = pathOf(collection);
@@ -236,10 +245,7 @@ void BackupKeeper::copy(Backups::Draft& draft, const std::string& collection,
   const Resources taken = resources(bytesIn(source));
   try {
     CollectionCopy copy(source, target, stop);
-    for (int pass = 0; pass < kMaxPasses; ++pass) {
-      const std::uint64_t revision = used->indexRevision();
-      if (copy.copyAhead(revision, used->journalExtent()) <= kLittle && pass > 0) break;
-    }
+    copyAhead(copy, *used);
     const Clock::time_point start = Clock::now();
     used->holdStill([&] { copy.copyIndex(); },
                     [&](const JournalExtent& journal) { copy.copyRest(journal); });

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "server/base/errors.h"
+#include "server/store/indexRebuild.h"
 #include "server/store/indexSums.h"
 #include "server/store/journalMark.h"
 
@@ -36,17 +37,21 @@ CollectionCopy::CollectionCopy(std::filesystem::path source, std::filesystem::pa
                                StopCheck stop)
     : source_(std::move(source)), target_(std::move(target)), stop_(std::move(stop)) {
   makeDirectory(target_);
+  index_ = indexNow();
 }
 
-std::uint64_t CollectionCopy::copyAhead(std::uint64_t revision, const JournalExtent& journal) {
+std::optional<std::uint64_t> CollectionCopy::copyAhead(std::uint64_t revision,
+                                                       const JournalExtent& journal) {
   const std::uint64_t before = copied_;
-  copyAll(Kind::Table);
+  copyTables();
   copyJournal(journal);
   revision_ = revision;
+  if (dropEarlierIndex()) return std::nullopt;
   return copied_ - before;
 }
 
 void CollectionCopy::copyIndex() {
+  dropEarlierIndex();
   copyAll(Kind::Table);
   copyAll(Kind::BesideTables);
 }
@@ -69,12 +74,46 @@ CollectionCopy::Kind CollectionCopy::kindOf(const std::filesystem::path& name) {
   return isSegment(name.string()) ? Kind::Journal : Kind::Other;
 }
 
-void CollectionCopy::copyAll(Kind kind) {
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(source_)) {
+// What is beside the index comes and goes while it is made anew.
+bool CollectionCopy::isWalked(const std::filesystem::path& directory, Kind kind) const {
+  if (kind == Kind::Table) return directory == IndexSums::kIndexDirectory;
+  return !IndexRebuild::isDispensable(source_, directory);
+}
+
+// 0 if it is not there. Two that follow each other exist at the same time, so they differ.
+ino_t CollectionCopy::indexNow() const {
+  struct stat now {};
+  const std::filesystem::path path = source_ / IndexSums::kIndexDirectory;
+  return ::stat(path.c_str(), &now) == 0 ? now.st_ino : 0;
+}
+
+// Returns whether another index has come.
+bool CollectionCopy::dropEarlierIndex() {
+  const ino_t now = indexNow();
+  if (now == index_) return false;
+  std::filesystem::remove_all(target_ / IndexSums::kIndexDirectory);
+  index_ = now;
+  revision_ = 0;
+  return true;
+}
+
+// Files of an index that makes room for another one go in the middle of the copying.
+void CollectionCopy::copyTables() {
+  try {
+    copyAll(Kind::Table);
+  } catch (const std::exception&) {
     stop_();
-    const std::filesystem::path name = entry.path().lexically_relative(source_);
-    if (entry.is_directory()) {
-      if (!std::filesystem::exists(target_ / name)) makeDirectory(target_ / name);
+    if (indexNow() == index_) throw;
+  }
+}
+
+void CollectionCopy::copyAll(Kind kind) {
+  using Entries = std::filesystem::recursive_directory_iterator;
+  for (Entries entry(source_); entry != Entries(); ++entry) {
+    stop_();
+    const std::filesystem::path name = entry->path().lexically_relative(source_);
+    if (entry->is_directory()) {
+      if (!isWalked(name, kind)) entry.disable_recursion_pending();
     } else if (kindOf(name) == kind) {
       kind == Kind::Table ? copyTable(name) : copyWhole(name);
     }
@@ -84,7 +123,6 @@ void CollectionCopy::copyAll(Kind kind) {
 void CollectionCopy::copyTable(const std::filesystem::path& name) {
   const FileHandle from = openFile(source_ / name, O_RDONLY);
   const FileHandle to = openTarget(name);
-  if (isAnother(name, from)) shorten(to, 0, target_ / name);
   const std::uint64_t size = std::filesystem::file_size(source_ / name);
   const std::uint64_t known = std::filesystem::file_size(target_ / name);
   std::uint64_t place = 0;
@@ -94,14 +132,6 @@ void CollectionCopy::copyTable(const std::filesystem::path& name) {
   }
   copyRange(from, to, name, place, size);
   shorten(to, size, target_ / name);
-}
-
-// An index that was put in the place of another one has revisions of its own.
-bool CollectionCopy::isAnother(const std::filesystem::path& name, const FileHandle& file) {
-  struct stat now {};
-  if (::fstat(file.get(), &now) != 0) throwSystemError("cannot read", source_ / name);
-  const auto [known, isNew] = tables_.try_emplace(name.string(), now.st_ino);
-  return !isNew && std::exchange(known->second, now.st_ino) != now.st_ino;
 }
 
 void CollectionCopy::copyWhole(const std::filesystem::path& name) {
@@ -163,7 +193,14 @@ void CollectionCopy::copyRange(const FileHandle& from, const FileHandle& to,
   }
 }
 
+// Directories come with their files: an empty one could pass for an index that is to be put in
+// place.
 FileHandle CollectionCopy::openTarget(const std::filesystem::path& name) const {
+  std::filesystem::path directory = target_;
+  for (const std::filesystem::path& part : name.parent_path()) {
+    directory /= part;
+    if (!std::filesystem::exists(directory)) makeDirectory(directory);
+  }
   return openFile(target_ / name, O_WRONLY | O_CREAT);
 }
 

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <map>
+#include <optional>
 #include <string>
 
 #include "server/store/files.h"
@@ -22,6 +22,8 @@ namespace corvaned {
 /// began, or that was copied while it was being written, is known by a higher revision. Journals
 /// only grow. Any other file is small, and copied whole while the collection holds still.
 ///
+/// An index that makes room for another one, which counts its own revisions, is copied anew.
+///
 /// Used by one thread. Errors are ServerError(StorageFailed).
 class CollectionCopy {
  public:
@@ -29,8 +31,9 @@ class CollectionCopy {
   CollectionCopy(std::filesystem::path source, std::filesystem::path target, StopCheck stop);
 
   /// Copies what has changed since the last call. The collection had this revision and this journal
-  /// before the call. Returns how many bytes that was.
-  std::uint64_t copyAhead(std::uint64_t revision, const JournalExtent& journal);
+  /// before the call, and is asked for them after the object was made. Returns how many bytes that
+  /// was; nothing if another index has come meanwhile, of which all is still to be copied.
+  std::optional<std::uint64_t> copyAhead(std::uint64_t revision, const JournalExtent& journal);
   /// The rest of the index, which must not change meanwhile.
   void copyIndex();
   /// The rest of everything. Nothing may change meanwhile.
@@ -49,9 +52,12 @@ class CollectionCopy {
   };
 
   static Kind kindOf(const std::filesystem::path& name);
+  bool isWalked(const std::filesystem::path& directory, Kind kind) const;
+  ino_t indexNow() const;
+  bool dropEarlierIndex();
   void copyAll(Kind kind);
+  void copyTables();
   void copyTable(const std::filesystem::path& name);
-  bool isAnother(const std::filesystem::path& name, const FileHandle& file);
   void copyWhole(const std::filesystem::path& name);
   void copyJournal(const JournalExtent& journal);
   void copySegment(const ScannedSegment& segment);
@@ -63,8 +69,8 @@ class CollectionCopy {
   const std::filesystem::path source_;
   const std::filesystem::path target_;
   const StopCheck stop_;
-  // Which files the tables were copied from.
-  std::map<std::string, ino_t> tables_;
+  // Which directory the index was when the copying of it began.
+  ino_t index_ = 0;
   // Blocks up to this revision have been copied.
   std::uint64_t revision_ = 0;
   std::uint64_t copied_ = 0;

@@ -7,6 +7,11 @@ void IndexReaders::release() {
   idle_.clear();
 }
 
+std::uint64_t IndexReaders::revision() {
+  const std::shared_lock staying(exchangeMutex_);
+  return Xapian::Database(path_.string()).get_revision();
+}
+
 std::unique_ptr<IndexReader> IndexReaders::takeIdle() {
   const std::lock_guard lock(mutex_);
   if (idle_.empty()) return nullptr;

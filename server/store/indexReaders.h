@@ -61,6 +61,8 @@ class IndexReaders {
 
   /// What writers have to pass.
   CommitGate& commits() { return commits_; }
+  /// That of the last transaction.
+  std::uint64_t revision();
 
   /// Closes the idle ones.
   void release();

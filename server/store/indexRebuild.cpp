@@ -101,6 +101,14 @@ bool IndexRebuild::isDecided(const fs::path& collection) {
   return fs::exists(completeIn(collection));
 }
 
+// Until the new index has begun to take its place, all of the earlier one is there.
+bool IndexRebuild::isDispensable(const fs::path& collection, const fs::path& name) {
+  if (name == completeIn({})) {
+    return fs::exists(indexIn(collection)) && fs::exists(indexIn(completeIn(collection)));
+  }
+  return name == incompleteIn({}) || name == replacedIn({});
+}
+
 void IndexRebuild::giveUp() noexcept {
   try {
     fs::remove_all(incompleteIn(collection_));

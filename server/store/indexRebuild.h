@@ -28,6 +28,9 @@ class IndexRebuild {
   /// Decides, durably, for the new index. finish() does what is left to do.
   void decide();
   static bool isDecided(const std::filesystem::path& collection);
+  /// Whether a copy of the collection is whole without the directory of that name in it.
+  static bool isDispensable(const std::filesystem::path& collection,
+                            const std::filesystem::path& name);
   /// Removes what has been made so far, as far as that is possible; the object is of no use then.
   void giveUp() noexcept;
 

@@ -83,7 +83,7 @@ bool XapianIndex::commitWaits() const { return readers_->commits().isAwaited(); 
 void XapianIndex::endUpdate() { sums_->endChange(revision()); }
 
 std::uint64_t XapianIndex::revision() const {
-  return translated([&] { return Xapian::Database(path_.string()).get_revision(); });
+  return translated([&] { return readers_->revision(); });
 }
 
 MemoryBudget::Share XapianIndex::emptyShare() const { return shareOf(limits_); }

@@ -5,6 +5,7 @@
 #include <spdlog/spdlog.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <xapian.h>
 
 #include <algorithm>
 #include <atomic>
@@ -28,6 +29,7 @@
 #include "server/store/collectionCopy.h"
 #include "server/store/collectionOptions.h"
 #include "server/store/files.h"
+#include "server/store/indexRebuild.h"
 #include "server/store/localStore.h"
 #include "server/store/maintenance.h"
 #include "tests/server/store/fileSizeLimit.h"
@@ -497,20 +499,155 @@ TEST_F(BackupTest, FilesThatNobodyKnowsOfAreCopied) {
   EXPECT_FALSE(std::filesystem::exists(collection("d") / "half.new"));
 }
 
-TEST_F(BackupTest, IndexThatIsExchangedWhileItIsCopiedIsCopiedAnew) {
-  fill("c");
-  for (int i = 0; i < 5; ++i) texts("c");
-  fill("d");
-  store_.reset();
-  CollectionCopy copy(collection("c"), directory_.path() / "copy", [] {});
-  copy.copyAhead(1000, {});
-  std::filesystem::rename(collection("c") / "index", collection("c") / "index-before");
-  std::filesystem::copy(collection("d") / "index", collection("c") / "index");
+// While an index is made anew, directories come, go, and change places.
+
+class CopyOfExchangedIndexTest : public BackupTest {
+ protected:
+  CopyOfExchangedIndexTest() {
+    fill("c");
+    fill("d");
+    store_.reset();
+    // A table that the other index does not have.
+    rewrite(index() / "more.glass", std::string(8192, 'x'));
+    std::filesystem::copy(collection("d") / "index", directory_.path() / "next");
+  }
+
+  std::filesystem::path index() const { return collection("c") / "index"; }
+  std::filesystem::path target() const { return directory_.path() / "copy"; }
+
+  void exchange() const {
+    std::filesystem::rename(index(), collection("c") / "index-replaced");
+    std::filesystem::rename(directory_.path() / "next", index());
+  }
+  void exchangeBack() const {
+    std::filesystem::rename(index(), directory_.path() / "next");
+    std::filesystem::rename(collection("c") / "index-replaced", index());
+  }
+
+  // Returns the revision that the index had before.
+  std::uint64_t change(const std::string& text) const {
+    Xapian::WritableDatabase database(index().string());
+    const std::uint64_t before = database.get_revision();
+    Xapian::Document document;
+    document.set_data(text);
+    document.add_posting(text, 1);
+    database.add_document(document);
+    database.commit();
+    return before;
+  }
+
+  void expectEqual(const std::filesystem::path& copy, const std::filesystem::path& original) const {
+    EXPECT_EQ(namesIn(copy), namesIn(original));
+    for (const std::string& name : namesIn(original)) {
+      EXPECT_EQ(read(copy / name), read(original / name)) << name;
+    }
+  }
+
+  // More than either index has.
+  static constexpr std::uint64_t kHighRevision = 1000;
+};
+
+TEST_F(CopyOfExchangedIndexTest, HasNothingOfTheEarlierOneWhereverTheExchangeComes) {
+  int place = 1;
+  for (;; ++place) {
+    SCOPED_TRACE(place);
+    int calls = 0;
+    CollectionCopy copy(collection("c"), target(), [&] {
+      if (++calls == place) exchange();
+    });
+    const auto copied = copy.copyAhead(kHighRevision, {});
+    if (calls < place) {
+      EXPECT_TRUE(copied);
+      break;
+    }
+    EXPECT_FALSE(copied) << "all is still to be copied";
+    EXPECT_TRUE(copy.copyAhead(change("first"), {}));
+    change("second");
+    copy.copyIndex();
+    expectEqual(target() / "index", index());
+    exchangeBack();
+    std::filesystem::remove_all(target());
+  }
+  EXPECT_GT(place, 10);
+}
+
+TEST_F(CopyOfExchangedIndexTest, MayHoldStillRightAfterTheExchange) {
+  CollectionCopy copy(collection("c"), target(), [] {});
+  EXPECT_TRUE(copy.copyAhead(kHighRevision, {}));
+  exchange();
   copy.copyIndex();
-  for (const std::string& name : namesIn(collection("d") / "index")) {
-    EXPECT_EQ(read(directory_.path() / "copy" / "index" / name),
-              read(collection("d") / "index" / name))
-        << name;
+  expectEqual(target() / "index", index());
+}
+
+TEST_F(CopyOfExchangedIndexTest, IsTheEarlierOneUntilTheNewOneBeginsToTakeItsPlace) {
+  const std::filesystem::path complete = collection("c") / "index-rebuilt";
+  std::filesystem::create_directories(complete);
+  std::filesystem::rename(directory_.path() / "next", complete / "index");
+  rewrite(complete / "index-sums", "new");
+  rewrite(collection("c") / "index-sums", "old");
+  const auto copied = [&](const std::function<void()>& meanwhile) {
+    CollectionCopy copy(collection("c"), target(), [] {});
+    copy.copyAhead(kHighRevision, {});
+    meanwhile();
+    copy.copyIndex();
+    copy.copyRest({});
+    IndexRebuild::finish(target());
+  };
+  copied([] {});
+  expectEqual(target() / "index", index());
+  EXPECT_EQ(read(target() / "index-sums"), "old");
+  std::filesystem::remove_all(target());
+  // A crash of the disk may leave it so, until somebody opens the collection.
+  std::filesystem::rename(index(), collection("c") / "index-replaced");
+  copied([] {});
+  expectEqual(target() / "index", complete / "index");
+  EXPECT_EQ(read(target() / "index-sums"), "new");
+  std::filesystem::remove_all(target());
+  std::filesystem::rename(collection("c") / "index-replaced", index());
+  copied([&] { IndexRebuild::finish(collection("c")); });
+  expectEqual(target() / "index", index());
+  EXPECT_EQ(read(target() / "index-sums"), "new");
+}
+
+TEST_F(CopyOfExchangedIndexTest, HasNothingThatIsHalfMadeOrPutAside) {
+  for (const char* passing : {"index-rebuilding", "index-replaced"}) {
+    std::filesystem::create_directories(collection("c") / passing / "index");
+    rewrite(collection("c") / passing / "index" / "iamglass", "x");
+  }
+  CollectionCopy copy(collection("c"), target(), [] {});
+  copy.copyAhead(0, {});
+  copy.copyIndex();
+  copy.copyRest({});
+  EXPECT_THAT(namesIn(target()), ::testing::Contains("index"));
+  EXPECT_THAT(namesIn(target()),
+              ::testing::Each(::testing::Not(::testing::StartsWith("index-re"))));
+}
+
+// Each of these fails if it takes what goes on in the directory for damage.
+TEST_F(BackupTest, IndexMayBeMadeAnewDuringABackup) {
+  limits_.index.batchChanges = 2;
+  restart();
+  store_->createCollection("c", "en");
+  for (int i = 0; i < 30; ++i) store_->queueDocument("c", {std::to_string(i), {}, "red foxes"});
+  const Texts wanted = texts("c");
+  for (int round = 0; round < 6; ++round) {
+    store_.reset();
+    {
+      Xapian::WritableDatabase database((collection("c") / "index").string());
+      database.set_metadata("schema", "1");
+      database.commit();
+    }
+    std::filesystem::remove(collection("c") / "index-sums");
+    std::filesystem::remove(collection("c") / "journal-0000000000");
+    restart();
+    std::jthread update([&] { store_->updateIndex("c"); });
+    for (int i = 0; i < 3; ++i) {
+      const std::string name = std::to_string(round) + "-" + std::to_string(i);
+      ASSERT_NO_THROW(store_->backup(name, "c")) << name;
+      ASSERT_NO_THROW(store_->restore({name, "c", "r", false})) << name;
+      EXPECT_EQ(texts("r"), wanted);
+      store_->deleteCollection("r");
+    }
   }
 }
 
