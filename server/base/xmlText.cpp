@@ -44,6 +44,13 @@ void* reallocate(void* memory, std::size_t size) {
 
 void* allocate(std::size_t size) { return reallocate(nullptr, size); }
 
+// As UTF-16 begins. The parser would read it so, whatever encoding it is told, and return more text
+// than there are bytes.
+bool isWide(std::string_view xml) {
+  return xml.starts_with("\xFE\xFF") || xml.starts_with("\xFF\xFE") ||
+         xml.substr(0, 2).find('\0') != std::string_view::npos;
+}
+
 struct FreeParser {
   void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
 };
@@ -69,6 +76,10 @@ class XmlReader {
   }
 
   std::string text() {
+    if (isWide(xml_)) {
+      reason_ = "it begins as text in UTF-16 does, and must be in UTF-8";
+      refuse();
+    }
     for (bool last = false; !last;) {
       const std::string_view slice = xml_.substr(0, kSlice);
       xml_.remove_prefix(slice.size());

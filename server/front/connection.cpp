@@ -45,21 +45,26 @@ std::array<char, kReadBytes>& readBuffer() {
   return buffer;
 }
 
-// A document that may declare a charset of its own can have any.
+bool isXml(std::string_view type) {
+  return type == words().xml || type == words().xmlText || type == words().xmlApplication;
+}
+
+// A document that may declare a charset of its own can have any. Reading XML takes memory for its
+// names, too.
 std::size_t growthOf(const Request& request) {
   std::size_t growth = 0;
   for (const std::string& name : {words().charset, words().knownCharset}) {
     const std::string charset(request.header(name));
     if (!charset.empty()) growth = std::max(growth, growthInUtf8(charset));
   }
-  if (growth > 0) return growth;
   for (const std::string& name :
        {words().documentType, words().knownDocumentType, words().mimeType}) {
     const std::string_view type = request.header(name);
     if (type.empty() || type == words().text || type == words().plainText) continue;
-    if (type != words().undefinedType) return growthInUtf8({});
+    if (type == words().undefinedType || (growth > 0 && !isXml(type))) continue;
+    growth = std::max(growth, growthInUtf8({}));
   }
-  return 1;
+  return std::max<std::size_t>(growth, 1);
 }
 
 std::size_t copiesOf(const Request& request) {

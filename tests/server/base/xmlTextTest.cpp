@@ -72,6 +72,10 @@ TEST(XmlText, ThatIsNotWellFormedIsRefusedWithItsPlace) {
       {"<!DOCTYPE a SYSTEM 'x'><a>&nosuch;</a>", "unknown entity"},
       {"<a>\xFF</a>", "line 1, column 4"},
       {std::string("<a>\0</a>", 8), "line 1, column 4"},
+      {"\xFE\xFF<a/>", "UTF-16"},
+      {"\xFF\xFE<a/>", "UTF-16"},
+      {std::string("<\0a\0/\0>\0", 8), "UTF-16"},
+      {std::string("\0<\0a\0/\0>", 8), "UTF-16"},
   };
   for (const auto& [xml, part] : cases) {
     EXPECT_THAT(refusal(xml), AllOf(HasSubstr("no XML"), HasSubstr(part))) << xml;

@@ -205,6 +205,9 @@ TEST(PreparedDocument, KnowsItsForm) {
 TEST(PreparedDocument, IsRefusedIfItCannotBeRead) {
   EXPECT_THROW(prepared("<p>", TextType::Xml), ServerError);
   EXPECT_THROW(prepared("\xFF", TextType::Plain, "ascii"), ServerError);
+  const std::string wide("\xFF\xFE<\0a\0/\0>\0", 10);
+  EXPECT_THROW(prepared(wide, TextType::Xml, "UTF-8"), ServerError);
+  EXPECT_EQ(prepared(wide, TextType::Xml, "UTF-16").content, "<a/>");
   Document document{"k", {{std::string("\0docType", 8), "xml"}}, "<a/>"};
   EXPECT_THROW(prepare(document, {}), ServerError);
 }

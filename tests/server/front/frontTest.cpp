@@ -796,6 +796,28 @@ TEST_F(FrugalFrontTest, RequestThatCanNeverFitIsRefusedAndItsConnectionGoesOn) {
   EXPECT_EQ(binaryAsk(binary, 2, {{"action", "getStatus"}}), kSuccess);
 }
 
+// The reader of XML takes memory for names, in whatever charset they come.
+TEST_F(FrugalFrontTest, DocumentNeedsTheMemoryThatItsFormMayTake) {
+  const std::string content = documentBlock("k", {}, std::string(kMiB / 2, 'x'));
+  RawClient client(http_);
+  const auto ask = [&](Headers form) {
+    form.insert({{"action", "addDocument"}, {"index", "nope"}});
+    return httpAsk(client, form, content);
+  };
+  const std::vector<Headers> modest{{},
+                                    {{"charset", "UTF-8"}},
+                                    {{"docType", "html"}, {"charset", "UTF-8"}},
+                                    {{"docType", "text"}}};
+  for (const Headers& form : modest) EXPECT_THAT(ask(form), HasSubstr("ZVK0007E"));
+  const std::vector<Headers> greedy{{{"charset", "latin1"}},
+                                    {{"docType", "html"}},
+                                    {{"docType", "xml"}},
+                                    {{"docType", "xml"}, {"charset", "UTF-8"}},
+                                    {{"mimeType", "text/xml"}, {"charset", "UTF-8"}},
+                                    {{"mimeType", "application/xml"}, {"charset", "UTF-8"}}};
+  for (const Headers& form : greedy) EXPECT_THAT(ask(form), HasSubstr("ZVK0002E"));
+}
+
 TEST_F(FrugalFrontTest, RequestWaitsForMemoryThatAnotherOneHolds) {
   options_.memoryTimeout = std::chrono::minutes(5);
   start();
