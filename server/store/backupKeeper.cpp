@@ -36,9 +36,6 @@ constexpr std::uint64_t kBytesPerByteOfSums = 512;
 // A collection holds still for what is left, if it is this little or does not get less.
 constexpr std::uint64_t kLittle = std::uint64_t{8} << 20U;
 constexpr int kMaxPasses = 6;
-// How long requests to a collection wait because it is about to be replaced. What is to be done a
-// second after a change has it until then.
-constexpr std::chrono::milliseconds kUnusedWithin{10000};
 
 template <typename Work>
 std::optional<ServerError> failureOf(const Work& work) {
@@ -97,12 +94,17 @@ bool isWithin(const std::filesystem::path& path, const std::filesystem::path& ot
   return !relative.empty() && *relative.begin() != "..";
 }
 
+// A backup must not pass for a collection, nor for one that is kept aside.
 std::filesystem::path outside(const std::filesystem::path& directory,
-                              const std::filesystem::path& collections) {
-  if (!isWithin(directory, collections)) return directory;
+                              const std::filesystem::path& root) {
+  const bool same = isWithin(directory, root) && isWithin(root, directory);
+  const bool among = isWithin(directory, collectionsIn(root)) ||
+                     isWithin(directory, beforeRestoreIn(root)) ||
+                     isWithin(directory, beforeRepairIn(root));
+  if (!same && !among) return directory;
   throw ServerError(ErrorKind::StorageFailed,
                     "the directory of backups " + directory.string() +
-                        " lies among the collections; choose another one");
+                        " is where the server keeps collections; choose another one");
 }
 
 /// Removes a directory when it goes.
@@ -141,7 +143,7 @@ double secondsSince(Clock::time_point start) {
 
 BackupKeeper::BackupKeeper(const std::filesystem::path& directory, House house)
     : house_(std::move(house)),
-      backups_(outside(directory, house_.collections)),
+      backups_(outside(directory, house_.root)),
       thread_(std::make_unique<asio::thread_pool>(1)) {}
 
 BackupKeeper::~BackupKeeper() { thread_->join(); }
@@ -159,6 +161,8 @@ void BackupKeeper::restore(const Restoration& restoration) {
 std::vector<BackupSummary> BackupKeeper::list(const std::string& after, std::uint64_t most) const {
   std::vector<BackupSummary> summaries;
   for (const std::string& name : backups_.names(after, most)) {
+    // A list of files may be large.
+    if (RequestContext* const request = RequestContext::current()) request->check();
     BackupSummary summary;
     summary.name = name;
     try {
@@ -217,7 +221,7 @@ void BackupKeeper::makeBackup(const std::string& backup, const std::string& coll
   }
   const BackupManifest manifest = BackupManifest::make(draft.path(), stop);
   manifest.write();
-  syncTree(draft.path());
+  syncTree(draft.path(), stop);
   stop();
   draft.complete();
   spdlog::info("backup {}: {} collections, {} bytes, {:.3f} s", shown(backup),
@@ -231,7 +235,9 @@ void BackupKeeper::copyAll(Backups::Draft& draft, const StopCheck& stop) {
     try {
       copy(draft, name, stop);
     } catch (const ServerError& error) {
-      if (error.kind() != ErrorKind::UnknownCollection) throw;
+      if (error.kind() != ErrorKind::UnknownCollection) {
+        throw ServerError(error.kind(), "the collection " + shown(name) + ": " + error.what());
+      }
       std::filesystem::remove_all(draft.pathOf(name));
     }
   }
@@ -276,9 +282,9 @@ void BackupKeeper::restoreFrom(const Restoration& restoration, const StopCheck& 
         damageOf(move.from, fresh(move), collectionsIn(backup) / directoryNameFor(move.from), stop);
     if (damage) throwBadBackup(*damage);
   }
-  syncTree(temporary.path());
+  syncTree(temporary.path(), stop);
   stop();
-  for (const Move& move : moves) place(move.to, fresh(move), restoration.replace);
+  placeAll(moves, temporary.path(), restoration.replace);
   spdlog::info("backup {}: {} collections restored, {:.3f} s", shown(restoration.backup),
                moves.size(), secondsSince(start));
 }
@@ -303,6 +309,24 @@ std::vector<BackupKeeper::Move> BackupKeeper::movesOf(const Restoration& restora
   return moves;
 }
 
+// To try again would replace what is restored already, and the changes that have come to it since.
+void BackupKeeper::placeAll(const std::vector<Move>& moves, const std::filesystem::path& fresh,
+                            bool replacing) {
+  std::size_t placed = 0;
+  try {
+    for (; placed < moves.size(); ++placed) {
+      const std::string& name = moves[placed].to;
+      place(name, fresh / directoryNameFor(name), replacing);
+    }
+  } catch (const std::exception& error) {
+    if (placed == 0) throw;
+    throw ServerError(ErrorKind::StorageFailed,
+                      fmt::format("{} of {} collections have been restored, in the order of their "
+                                  "names, before {}: {}",
+                                  placed, moves.size(), shown(moves[placed].to), error.what()));
+  }
+}
+
 void BackupKeeper::place(const std::string& name, const std::filesystem::path& fresh,
                          bool replacing) {
   Registry::Reservation reserved = house_.registry.reserve(name);
@@ -312,10 +336,10 @@ void BackupKeeper::place(const std::string& name, const std::filesystem::path& f
   }
   if (!replacing) throwExists(name);
   // If a later step fails, the next request opens the collection anew.
-  if (reserved.collection()) reserved.collection()->retire();
+  if (reserved.collection()) reserved.collection()->retire(Collection::Fate::Replaced);
   reserved.forget();
   // They would read files of the one by what others of the other say of them.
-  if (!reserved.awaitUnused(kUnusedWithin)) {
+  if (!reserved.awaitUnused(house_.unusedWithin)) {
     throw ServerError(ErrorKind::TryAgain, "searches in the collection " + shown(name) +
                                                " take too long for it to be replaced; try again");
   }
@@ -340,7 +364,7 @@ void BackupKeeper::replace(const std::string& name, const std::filesystem::path&
 }
 
 std::filesystem::path BackupKeeper::freshAside(const std::string& name) const {
-  const std::filesystem::path parent = house_.root / "before-restore";
+  const std::filesystem::path parent = beforeRestoreIn(house_.root);
   if (!std::filesystem::exists(parent)) {
     makeDirectory(parent);
     syncDirectory(house_.root);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -41,6 +42,8 @@ class BackupKeeper {
     std::function<std::filesystem::path()> freshTemporary;
     /// Called when another collection has taken the place of this one.
     std::function<void(const std::string& name)> replaced;
+    /// How long requests to a collection wait because it is about to be replaced.
+    std::chrono::milliseconds unusedWithin;
   };
 
   /// Throws ServerError(StorageFailed) if the directory cannot be that of the backups.
@@ -72,6 +75,7 @@ class BackupKeeper {
   void copy(Backups::Draft& draft, const std::string& collection, const StopCheck& stop);
   void restoreFrom(const Restoration& restoration, const StopCheck& stop);
   std::vector<Move> movesOf(const Restoration& restoration, const BackupManifest& manifest) const;
+  void placeAll(const std::vector<Move>& moves, const std::filesystem::path& fresh, bool replace);
   void place(const std::string& name, const std::filesystem::path& fresh, bool replace);
   void replace(const std::string& name, const std::filesystem::path& fresh);
   std::filesystem::path freshAside(const std::string& name) const;

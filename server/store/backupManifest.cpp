@@ -98,6 +98,12 @@ BackupManifest BackupManifest::make(const std::filesystem::path& backup, const S
   for (const auto& entry : std::filesystem::recursive_directory_iterator(backup)) {
     if (entry.is_directory()) continue;
     const std::string name = entry.path().lexically_relative(backup).string();
+    if (name.find('\n') != std::string::npos) {
+      throw ServerError(ErrorKind::StorageFailed,
+                        "the file " + shown(name) +
+                            " cannot be in a backup because of the line break in its name; if it "
+                            "is none of the server's, remove it");
+    }
     manifest.files_[name] = manifest.scanned(entry.path(), stop);
   }
   return manifest;

@@ -657,15 +657,16 @@ void Collection::holdStill(const std::function<void()>& copyIndex,
   copyRest(journal_.extent());
 }
 
-void Collection::retire() {
+void Collection::retire(Fate fate) {
   {
     const std::unique_lock gate(gate_);
+    replaced_ = fate == Fate::Replaced;
     retired_ = true;
   }
   // If it cannot be deleted in the end, another object goes on with its files.
   close();
   const std::lock_guard step(stepMutex_);
-  failAll(ServerError(ErrorKind::UnknownCollection, "there is no collection " + shown(name_)));
+  failAll(whyRetired());
   index_.releaseHandles();
 }
 
@@ -742,8 +743,15 @@ void Collection::checkSize(const Document& document) const {
 }
 
 void Collection::requireActive() const {
-  if (!retired_) return;
-  throw ServerError(ErrorKind::UnknownCollection, "there is no collection " + shown(name_));
+  if (retired_) throw whyRetired();
+}
+
+ServerError Collection::whyRetired() const {
+  if (!replaced_) {
+    return {ErrorKind::UnknownCollection, "there is no collection " + shown(name_)};
+  }
+  return {ErrorKind::TryAgain,
+          "the collection " + shown(name_) + " is being replaced by one of a backup; try again"};
 }
 
 void Collection::requireGoingOn() const {

@@ -42,6 +42,9 @@ struct StoreLimits {
   /// Size of the journal from which an index that is not updated on request only is updated at
   /// once.
   std::uint64_t earlyBytes = std::uint64_t{4} << 20U;
+  /// How long what has begun with a collection may go on before it is replaced. What is to be done
+  /// a second after a change has it until then.
+  std::chrono::milliseconds unusedWithin{10000};
 };
 
 /// One collection in one directory: a journal of accepted changes, and the index into which
@@ -131,9 +134,11 @@ class Collection {
                  const std::function<void(const JournalExtent& journal)>& copyRest);
 
   bool isRetired() const { return retired_; }
+  /// Why the collection is to be used no more.
+  enum class Fate { Deleted, Replaced };
   /// Makes all further operations fail, and returns when no operation changes the directory any
   /// more. An update that is under way ends between two documents.
-  void retire();
+  void retire(Fate fate);
 
  private:
   /// Who waits for a change to become searchable.
@@ -185,6 +190,7 @@ class Collection {
   void saveBatches();
   void checkSize(const Document& document) const;
   void requireActive() const;
+  ServerError whyRetired() const;
   void requireGoingOn() const;
   void hide(JournalPosition position, const std::string& key);
   std::vector<std::string> hidden() const;
@@ -219,6 +225,8 @@ class Collection {
   // and a change that depends on what there is comes alone.
   mutable std::shared_mutex gate_;
   std::atomic<bool> retired_ = false;
+  // Whether another one comes in its place. Set before retired_.
+  std::atomic<bool> replaced_ = false;
 
   // What is still to be done about changes: whether some waited at the opening, whether somebody is
   // going to call refresh(), whether some have come since, and whether the last attempt failed; and

@@ -73,4 +73,12 @@ std::filesystem::path collectionsIn(const std::filesystem::path& root) {
   return root / "collections";
 }
 
+std::filesystem::path beforeRestoreIn(const std::filesystem::path& root) {
+  return root / "before-restore";
+}
+
+std::filesystem::path beforeRepairIn(const std::filesystem::path& root) {
+  return root / "before-repair";
+}
+
 }  // namespace corvaned

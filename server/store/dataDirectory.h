@@ -23,4 +23,8 @@ FileHandle lockDataDirectory(const std::filesystem::path& root);
 /// The directory that holds the collections' directories.
 std::filesystem::path collectionsIn(const std::filesystem::path& root);
 
+/// Where collections are kept as they were before others took their places.
+std::filesystem::path beforeRestoreIn(const std::filesystem::path& root);
+std::filesystem::path beforeRepairIn(const std::filesystem::path& root);
+
 }  // namespace corvaned

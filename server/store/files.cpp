@@ -62,8 +62,9 @@ void syncDirectory(const std::filesystem::path& path) {
   if (::fsync(directory.get()) != 0) throwSystemError("cannot bring to disk", path);
 }
 
-void syncTree(const std::filesystem::path& directory) {
+void syncTree(const std::filesystem::path& directory, const StopCheck& stop) {
   for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
+    stop();
     if (entry.is_directory()) {
       syncDirectory(entry.path());
     } else {

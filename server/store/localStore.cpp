@@ -126,7 +126,7 @@ void LocalStore::deleteCollection(const std::string& name) {
     Registry::Reservation reserved = registry_.reserve(name);
     if (!std::filesystem::exists(path)) throwUnknown(name);
     // If a later step fails, the next request opens the collection anew.
-    if (reserved.collection()) reserved.collection()->retire();
+    if (reserved.collection()) reserved.collection()->retire(Collection::Fate::Deleted);
     reserved.forget();
     temporary = freshTemporary();
     std::filesystem::rename(path, temporary / "deleted");
@@ -279,7 +279,8 @@ BackupKeeper::House LocalStore::house() {
           stopping_,
           [this] { return collections({}, kAll); },
           [this] { return freshTemporary(); },
-          [this](const std::string& name) { forgetOutcomes(name); }};
+          [this](const std::string& name) { forgetOutcomes(name); },
+          limits_.unusedWithin};
 }
 
 BackupKeeper& LocalStore::keeper() {

@@ -317,7 +317,7 @@ std::filesystem::path Maintenance::pathOf(const std::string& name) const {
 
 // On the same file system as the collections, and where no start of the server clears it away.
 std::filesystem::path Maintenance::freshDirectory(const std::string& name) const {
-  const std::filesystem::path parent = root_ / "before-repair";
+  const std::filesystem::path parent = beforeRepairIn(root_);
   std::filesystem::create_directories(parent);
   syncDirectory(root_);
   for (int number = 1;; ++number) {

@@ -309,11 +309,15 @@ TEST_F(BackupTest, WithoutADirectoryForThemBackupsAreRefused) {
   }
 }
 
-TEST_F(BackupTest, DirectoryOfBackupsAmongTheCollectionsIsRefused) {
+// A backup called "before-restore" would get collections that were replaced.
+TEST_F(BackupTest, DirectoryOfBackupsWhereCollectionsAreKeptIsRefused) {
   store_.reset();
-  EXPECT_THAT(refusal(ErrorKind::StorageFailed,
-                      [&] { LocalStore(data(), {}, data() / "collections" / "x"); }),
-              HasSubstr("among the collections"));
+  for (const char* place :
+       {"", ".", "x/..", "collections", "collections/x", "before-restore", "before-repair/x"}) {
+    EXPECT_THAT(refusal(ErrorKind::StorageFailed, [&] { LocalStore(data(), {}, data() / place); }),
+                HasSubstr("where the server keeps collections"))
+        << place;
+  }
   EXPECT_NO_THROW(LocalStore(data(), {}, data() / "backups"));
 }
 
@@ -703,6 +707,68 @@ TEST_F(BackupTest, MemoryThatIsNotThereIsAReasonToTryAgain) {
   EXPECT_THAT(namesIn(backups()), IsEmpty());
 }
 
+TEST_F(BackupTest, RestoreThatEndsInTheMiddleSaysHowFarItCame) {
+  store_.reset();
+  limits_.unusedWithin = std::chrono::milliseconds(1);
+  restart();
+  for (const char* name : {"a", "b", "c"}) fill(name);
+  store_->backup("all", "");
+  for (const char* name : {"a", "b", "c"}) store_->addDocument(name, {"new", {}, "since"});
+  SearchQuery everything;
+  everything.everything = true;
+  everything.order = HitOrder::Key;
+  std::string told;
+  store_->visit("b", everything, [&](const Document&) {
+    if (told.empty()) {
+      told = refusal(ErrorKind::StorageFailed, [&] { store_->restore({"all", {}, {}, true}); });
+    }
+  });
+  EXPECT_THAT(told,
+              AllOf(HasSubstr("1 of 3 collections have been restored"), HasSubstr("before \"b\"")));
+  EXPECT_FALSE(texts("a").contains("new"));
+  EXPECT_TRUE(texts("b").contains("new"));
+  EXPECT_TRUE(texts("c").contains("new"));
+  EXPECT_THAT(namesIn(data() / "before-restore"), ElementsAre("a.1"));
+}
+
+TEST_F(BackupTest, RestoreThatCannotBeginMayBeTriedAgain) {
+  store_.reset();
+  limits_.unusedWithin = std::chrono::milliseconds(1);
+  restart();
+  fill("c");
+  store_->backup("all", "");
+  SearchQuery everything;
+  everything.everything = true;
+  everything.order = HitOrder::Key;
+  std::string told;
+  store_->visit("c", everything, [&](const Document&) {
+    if (told.empty()) {
+      told = refusal(ErrorKind::TryAgain, [&] { store_->restore({"all", {}, {}, true}); });
+    }
+  });
+  EXPECT_THAT(told, HasSubstr("take too long"));
+  store_->restore({"all", {}, {}, true});
+}
+
+TEST_F(BackupTest, DamagedCollectionAmongAllIsNamed) {
+  fill("a");
+  fill("\u00f6");
+  store_.reset();
+  rewrite(collection("%C3%B6") / "index" / "iamglass", "x");
+  restart();
+  EXPECT_THAT(refusal(ErrorKind::StorageFailed, [&] { store_->backup("all", ""); }),
+              AllOf(HasSubstr("the collection \"\u00f6\""), HasSubstr("iamglass")));
+}
+
+// The list of the files has a line for each.
+TEST_F(BackupTest, FileWithALineBreakInItsNameIsRefused) {
+  fill("c");
+  rewrite(collection("c") / "a\nfile = 0 - b", "x");
+  EXPECT_THAT(refusal(ErrorKind::StorageFailed, [&] { store_->backup("first", "c"); }),
+              HasSubstr("line break"));
+  EXPECT_THAT(namesIn(backups()), IsEmpty());
+}
+
 TEST_F(BackupTest, CollectionsThatComeAndGoMeanwhileDoNotMatter) {
   fill("c");
   const Texts wanted = texts("c");
@@ -739,7 +805,7 @@ TEST_F(BackupTest, RestoreExchangesACollectionInUse) {
           }
           ++served;
         } catch (const ServerError& error) {
-          EXPECT_EQ(error.kind(), ErrorKind::UnknownCollection) << error.what();
+          EXPECT_EQ(messageId(error.kind()), messageId(ErrorKind::TryAgain)) << error.what();
         }
       }
     });

@@ -279,7 +279,7 @@ TEST_F(IndexStepsTest, RefusedDocumentIsReportedAlsoIfTheJournalCannotBeCutOff) 
 TEST_F(IndexStepsTest, WhoeverWaitsIsToldWhenTheCollectionIsDeleted) {
   collection_->add({"k", {}, "fox"});
   const std::shared_ptr<Ticket> ticket = collection_->requestUpdate();
-  collection_->retire();
+  collection_->retire(Collection::Fate::Deleted);
   ASSERT_TRUE(ticket->isDone());
   EXPECT_THROW(ticket->requireSuccess(), ServerError);
   EXPECT_FALSE(collection_->indexStep());
