@@ -3,8 +3,10 @@
 #include <xapian.h>
 
 #include <charconv>
-#include <cmath>
+#include <cstdlib>
 #include <optional>
+#include <string>
+#include <system_error>
 
 #include "server/base/errors.h"
 #include "server/store/textNormalizer.h"
@@ -16,6 +18,8 @@ constexpr char kNumber = '1';
 constexpr char kText = '2';
 // Longer texts are sorted by their beginning: a value is read for each hit.
 constexpr std::size_t kMaxText = 200;
+// To fold more would take time and memory for nothing.
+constexpr std::size_t kMaxFolded = 4096;
 
 std::string_view trimmed(std::string_view text) {
   constexpr std::string_view kBlanks = " \t\r\n";
@@ -30,7 +34,12 @@ std::optional<double> numberIn(std::string_view text) {
   double number = 0;
   const char* const end = text.data() + text.size();
   const auto [place, error] = std::from_chars(text.data(), end, number);
-  if (error != std::errc{} || place != end || !std::isfinite(number)) return std::nullopt;
+  if (place != end) return std::nullopt;
+  // It does not tell what is too large from what is too small.
+  if (error == std::errc::result_out_of_range) {
+    return std::strtod(std::string(text).c_str(), nullptr);
+  }
+  if (error != std::errc{}) return std::nullopt;
   return number;
 }
 
@@ -40,7 +49,8 @@ std::string sortValueOf(std::string_view value) {
   const std::string_view text = trimmed(value);
   if (text.empty()) return {};
   if (const auto number = numberIn(text)) return kNumber + Xapian::sortable_serialise(*number);
-  return kText + std::string(cutBetweenCharacters(foldedText(text), kMaxText));
+  const std::string folded = foldedText(cutBetweenCharacters(text, kMaxFolded));
+  return kText + std::string(cutBetweenCharacters(folded, kMaxText));
 }
 
 }  // namespace corvaned

@@ -23,9 +23,10 @@ using ::testing::IsEmpty;
 using Keys = std::vector<std::string>;
 
 TEST(SortValue, NumbersComeInTheirOrderAndBeforeTexts) {
-  const Keys ascending{"-1e300", "-20",   "-3.5",  "-3",     "-.5",   "0",   "1e-9",
-                       "0.25",   "2",     "10",    "1851",   "1e300", "+7",  "12 monkeys",
-                       "1851x",  "1e999", "Apple", "banana", "inf",   "nan", "\u00e9clair"};
+  const Keys ascending{"-1e999", "-1e300", "-20",    "-3.5", "-3",    "-.5",
+                       "0",      "1e-9",   "0.25",   "2",    "10",    "1851",
+                       "1e300",  "1e999",  "+7",     "1-1",  "1.2.3", "12 monkeys",
+                       "1851x",  "Apple",  "banana", "inf",  "nan",   "\u00e9clair"};
   for (std::size_t i = 1; i < ascending.size(); ++i) {
     EXPECT_LT(sortValueOf(ascending[i - 1]), sortValueOf(ascending[i])) << ascending[i];
   }
@@ -34,6 +35,8 @@ TEST(SortValue, NumbersComeInTheirOrderAndBeforeTexts) {
 TEST(SortValue, SpellingsOfTheSameAreEqual) {
   EXPECT_EQ(sortValueOf("10"), sortValueOf(" 10.0\n"));
   EXPECT_EQ(sortValueOf("0"), sortValueOf("-0"));
+  EXPECT_EQ(sortValueOf("0"), sortValueOf("1e-999"));
+  EXPECT_EQ(sortValueOf("1e999"), sortValueOf("1e9999"));
   EXPECT_EQ(sortValueOf("GR\u00d6SSE"), sortValueOf("gro\u0308\u00dfe"));
   EXPECT_EQ(sortValueOf(" \t "), "");
   EXPECT_EQ(sortValueOf(""), "");
