@@ -3,6 +3,8 @@
 #include <sstream>
 #include <string_view>
 
+#include "server/base/errors.h"
+
 namespace corvaned {
 namespace {
 
@@ -11,6 +13,8 @@ constexpr std::string_view kNoPositions = "positions = no";
 constexpr std::string_view kNoStemming = "stemming = no";
 constexpr std::string_view kMarkedMetadata = "metadata = marked";
 constexpr std::string_view kStopWords = "stop words =";
+// These separate the words, and the options.
+constexpr std::string_view kBlanks = " \t\n\v\f\r";
 
 bool readLine(const std::string& line, TextOptions& options) {
   if (line == kNoText) {
@@ -41,7 +45,13 @@ std::string linesOf(const TextOptions& options) {
   if (options.onlyMarkedMetadata) add(kMarkedMetadata);
   if (options.stopWords.empty()) return lines;
   lines += kStopWords;
-  for (const std::string& word : options.stopWords) lines += " " + word;
+  for (const std::string& word : options.stopWords) {
+    if (word.empty() || word.find_first_of(kBlanks) != std::string::npos) {
+      throw ServerError(ErrorKind::BadParameter,
+                        "the stop word " + shown(word) + " is empty, or has a blank in it");
+    }
+    lines += " " + word;
+  }
   return lines + "\n";
 }
 

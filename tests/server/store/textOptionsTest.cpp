@@ -43,6 +43,14 @@ TEST(IndexForm, OptionsAreWrittenInTheseWords) {
             "text = no\npositions = no\nstemming = no\nmetadata = marked\nstop words = the a\n");
 }
 
+TEST(IndexForm, StopWordThatWouldBeReadAsSomethingElseIsRefused) {
+  for (const char* word : {"x\ntext = no", "x y", "x\ty", "x\r", " ", ""}) {
+    TextOptions options;
+    options.stopWords = {word};
+    EXPECT_THROW(linesOf(options), ServerError) << word;
+  }
+}
+
 TEST(IndexForm, UnknownOptionsAreNotPassedOver) {
   for (const char* lines : {"text = maybe\n", "colour = red\n", "\n", "text = no\nx\n"}) {
     EXPECT_EQ(optionsFrom(lines), std::nullopt) << lines;
