@@ -21,6 +21,12 @@ namespace {
 
 // A document's text as it is stored, and what is read from it.
 constexpr std::size_t kTextForms = 2;
+// The same, and what its normal form takes, in UTF-16 and in UTF-8, or before that the reader of
+// XML.
+constexpr std::size_t kTextFormsOfSnippet = 12;
+// What a hit is sorted by where that is a value: the value, of which a zero byte takes two, and the
+// key.
+constexpr std::size_t kValueKeyBytes = 512;
 
 std::string_view wholeSortKey(std::string_view sortKey) { return sortKey; }
 
@@ -50,17 +56,23 @@ struct Page {
   std::uint64_t end = 0;
 };
 
-std::unique_ptr<HitSource> sorted(Xapian::Enquire& enquire, Page page, HitBuffer::KeyIn keyIn,
+/// What hits are sorted by.
+struct SortKeys {
+  HitBuffer::KeyIn keyIn;
+  std::size_t bytes;
+};
+
+std::unique_ptr<HitSource> sorted(Xapian::Enquire& enquire, Page page, SortKeys sortKeys,
                                   ScoreScale scale, const IndexLimits& limits) {
   std::uint64_t most = page.end;
   if (most > kFewHits) {
     most = std::min<std::uint64_t>(most, enquire.get_mset(0, 0).get_matches_upper_bound());
   }
-  MemoryBudget::Share memory = memoryFor(most, limits);
+  MemoryBudget::Share memory = memoryFor(most, sortKeys.bytes, limits);
   const Xapian::MSet matches =
       enquire.get_mset(static_cast<Xapian::doccount>(page.start),
                        static_cast<Xapian::doccount>(page.end - page.start));
-  return std::make_unique<HitBuffer>(matches, keyIn, scale, std::move(memory));
+  return std::make_unique<HitBuffer>(matches, sortKeys.keyIn, scale, std::move(memory));
 }
 
 // In an empty collection there is nothing that could be marked yet.
@@ -76,7 +88,7 @@ std::unique_ptr<HitSource> byValue(Xapian::Enquire& enquire, Page page, const Se
   ValueOrder order(slot.value_or(kKeySlot), query.descending);
   enquire.set_sort_by_key(&order, false);
   enquire.set_weighting_scheme(Xapian::BoolWeight());
-  return sorted(enquire, page, ValueOrder::keyIn, query.scale, limits);
+  return sorted(enquire, page, {ValueOrder::keyIn, kValueKeyBytes}, query.scale, limits);
 }
 
 // The engine only tells which documents match; to let it sort them would take ten times the
@@ -107,7 +119,7 @@ std::unique_ptr<HitSource> hits(const Xapian::Database& database, const Xapian::
   switch (query.order) {
     case HitOrder::Score:
       enquire.set_sort_by_relevance_then_value(kKeySlot, false);
-      return sorted(enquire, page, wholeSortKey, query.scale, limits);
+      return sorted(enquire, page, {wholeSortKey, 0}, query.scale, limits);
     case HitOrder::Value:
       return byValue(enquire, page, query, names, limits);
     case HitOrder::Key:
@@ -168,7 +180,7 @@ void IndexReader::visit(const SearchQuery& query, const std::vector<std::string>
   const auto found = search(query, hidden, limits);
   MemoryBudget::Share memory = shareOf(limits);
   for (Hit hit; found->next(hit);) {
-    auto document = stored(hit.key, memory);
+    auto document = stored(hit.key, memory, kTextForms);
     if (!document) continue;
     dropNotes(document->metadata);
     take(*document);
@@ -190,9 +202,10 @@ std::vector<HitDetails> IndexReader::details(const SearchQuery& query, const Det
   const Snippets snippets(database_, analysis_, words);
   MemoryBudget::Share memory = shareOf(limits);
   MemoryBudget::Share result = shareOf(limits);
+  const std::size_t forms = wanted.snippetBytes > 0 ? kTextFormsOfSnippet : kTextForms;
   std::vector<HitDetails> details;
   for (Hit hit; found->next(hit);) {
-    const auto document = stored(hit.key, memory);
+    const auto document = stored(hit.key, memory, forms);
     if (!document) continue;
     HitDetails& each = details.emplace_back(HitDetails{hit});
     each.values = valuesIn(*document, wanted.names);
@@ -233,16 +246,16 @@ void IndexReader::requireTexts() const {
                     "cannot be read");
 }
 
-// Nothing if the document has gone since it was found. `memory` has room for the one that was
-// read last.
-std::optional<Document> IndexReader::stored(const std::string& key,
-                                            MemoryBudget::Share& memory) const {
+// Nothing if the document has gone since it was found. `memory` has room for so many forms of the
+// one that was read last.
+std::optional<Document> IndexReader::stored(const std::string& key, MemoryBudget::Share& memory,
+                                            std::size_t forms) const {
   spendOnText();
   const std::string term = identityTerm(key);
   const Xapian::PostingIterator place = database_.postlist_begin(term);
   if (place == database_.postlist_end(term)) return std::nullopt;
   const std::string data = database_.get_document(*place).get_data();
-  memory.force(kTextForms * data.size());
+  memory.force(forms * data.size());
   auto document = readDocument(key, data);
   if (document) return document;
   throw ServerError(ErrorKind::StorageFailed,

@@ -54,7 +54,8 @@ class IndexReader {
 
  private:
   void requireTexts() const;
-  std::optional<Document> stored(const std::string& key, MemoryBudget::Share& memory) const;
+  std::optional<Document> stored(const std::string& key, MemoryBudget::Share& memory,
+                                 std::size_t forms) const;
   Xapian::Query wordsOf(const SearchQuery& query, const IndexNames& names,
                         const IndexLimits& limits) const;
   std::vector<Xapian::Document> indexed(const std::vector<Document>& documents,

@@ -27,9 +27,10 @@ void setAside(MemoryBudget::Share& share, std::size_t bytes, const MemoryBudget*
                     refusal((bytes >> 20U) + 1));
 }
 
-MemoryBudget::Share memoryFor(std::size_t hits, const IndexLimits& limits) {
+MemoryBudget::Share memoryFor(std::size_t hits, std::size_t sortKeyBytes,
+                              const IndexLimits& limits) {
   MemoryBudget::Share share = shareOf(limits);
-  setAside(share, hits * kMatchCost, limits.memory.get(), ErrorKind::QueryTooBroad,
+  setAside(share, hits * (kMatchCost + sortKeyBytes), limits.memory.get(), ErrorKind::QueryTooBroad,
            [&](std::size_t mebibytes) {
              return fmt::format(
                  "the result may have {} hits, for which {} MiB of memory are not free; ask for "

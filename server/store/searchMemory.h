@@ -23,8 +23,10 @@ using MemoryRefusal = std::function<std::string(std::size_t mebibytes)>;
 void setAside(MemoryBudget::Share& share, std::size_t bytes, const MemoryBudget* budget,
               ErrorKind never, const MemoryRefusal& refusal);
 
-/// Sets aside what up to `hits` hits may take while they are sorted.
-MemoryBudget::Share memoryFor(std::size_t hits, const IndexLimits& limits);
+/// Sets aside what up to `hits` hits may take while they are sorted; for each of them also
+/// `sortKeyBytes` if they are sorted by more than a key.
+MemoryBudget::Share memoryFor(std::size_t hits, std::size_t sortKeyBytes,
+                              const IndexLimits& limits);
 
 /// Sets aside what documents take that are held in memory to be matched.
 MemoryBudget::Share memoryToMatch(const std::vector<Document>& documents,

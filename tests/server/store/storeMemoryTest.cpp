@@ -17,7 +17,8 @@ namespace {
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 
-/// 2000 documents with the word "fox", which need 500 KiB to be sorted and 76 KB to be kept.
+/// 2000 documents with the word "fox", which need 500 KiB to be sorted, three times as much by
+/// metadata, and 76 KB to be kept.
 class StoreMemoryTest : public ::testing::Test {
  protected:
   void open(std::size_t budget) {
@@ -27,7 +28,9 @@ class StoreMemoryTest : public ::testing::Test {
     store_.emplace(directory_.path() / "data", limits);
     store_->createCollection("c", "en");
     for (int i = 0; i < 2000; ++i) {
-      store_->queueDocument("c", {"a key of many letters " + std::to_string(i), {}, "fox"});
+      store_->queueDocument("c", {"a key of many letters " + std::to_string(i),
+                                  {{"[sortable]year", std::to_string(i)}},
+                                  "fox"});
     }
     store_->updateIndex("c");
     search(10);
@@ -75,6 +78,26 @@ TEST_F(StoreMemoryTest, ResultsThatNobodyReadsAreRefusedWhenTheyFillTheBudget) {
   EXPECT_NO_THROW(search(10)) << "a small result still has its place";
   unread.clear();
   EXPECT_NO_THROW(search());
+}
+
+// What they are sorted by may be four times as long as their keys.
+TEST_F(StoreMemoryTest, HitsThatAreSortedByMetadataNeedMore) {
+  open(1U << 20U);
+  SearchQuery query;
+  query.text = "fox";
+  query.size = 5000;
+  EXPECT_NO_THROW(store_->search("c", query));
+  query.order = HitOrder::Value;
+  query.sortBy = "year";
+  try {
+    store_->search("c", query);
+    ADD_FAILURE() << "not refused";
+  } catch (const ServerError& error) {
+    EXPECT_EQ(error.kind(), ErrorKind::QueryTooBroad);
+    EXPECT_THAT(error.what(), AllOf(HasSubstr("2000 hits"), HasSubstr("--max-memory")));
+  }
+  query.size = 1000;
+  EXPECT_NO_THROW(store_->search("c", query));
 }
 
 TEST_F(StoreMemoryTest, ResultThatCanNeverFitIsRefusedAsTooBroad) {
