@@ -184,6 +184,34 @@ void addBlockAtTheLimit(Seeds& seeds) {
   seeds.add("request_decoder", "block_at_the_limit", bytesOf({2, 1}) + block + "\r\n");
 }
 
+void addDocuments(Seeds& seeds) {
+  const std::vector<std::pair<std::string, std::string>> html{
+      {"page",
+       "<!DOCTYPE html><html><head><meta charset=latin1><title>T&amp;</title><style>p{}</style>"
+       "<body class='a > b'><p>red <b>f</b>ox<br/>&eacute;&#233;&#xE9;&nosuch;</body></html>"},
+      {"hidden", "<!-- a --><script>if (a<b) '</b>'</script>seen<![CDATA[no]]><?php no ?>"},
+      {"broken", "a < b & c </ d <x a=\"'\">e</title><textarea>f</b></textareax>g<!--"}};
+  const std::vector<std::pair<std::string, std::string>> xml{
+      {"document",
+       "<?xml version='1.0' encoding='latin1'?>\n<!DOCTYPE a SYSTEM 'x' [<!ELEMENT a (#PCDATA)>"
+       "<!ATTLIST a b CDATA 'no'>]><a>caf&eacute;<b c='1'/><![CDATA[a < b]]>&#233;<!-- --></a>"},
+      {"entity", "<!DOCTYPE a [<!ENTITY b 'c'>]><a>&b;</a>"},
+      {"nested", "<a><b><c>1</c> 2</b>3<?no no?></a>"},
+      {"wide", std::string("\xFF\xFE<\0a\0/\0>\0", 10)}};
+  constexpr unsigned int kHtml = 0;
+  constexpr unsigned int kXml = 1;
+  constexpr unsigned int kRepeated = 62;
+  for (const auto& [name, text] : html) {
+    seeds.add("document_text", "html_" + name, bytesOf({kHtml, 2, 9}) + text);
+    seeds.add("document_text", "html_" + name + "_repeated",
+              bytesOf({kHtml | kRepeated, 0, 3}) + text);
+  }
+  for (const auto& [name, text] : xml) {
+    seeds.add("document_text", "xml_" + name, bytesOf({kXml, 0, 0}) + text);
+    seeds.add("document_text", "xml_" + name + "_in_utf8", bytesOf({kXml, 1, 0}) + text);
+  }
+}
+
 void makeSeeds(const char* directory) {
   Seeds seeds(directory);
   for (const Reply& reply : tq::test::allReplies()) addHttpReply(seeds, reply);
@@ -191,6 +219,7 @@ void makeSeeds(const char* directory) {
   addRecords(seeds);
   addRequests(seeds);
   addBlockAtTheLimit(seeds);
+  addDocuments(seeds);
 }
 
 }  // namespace
