@@ -133,6 +133,10 @@ class Builder {
             "binary (the default) or http")
         ->check(protocolName())
         ->option_text("NAME");
+    app_.add_option("--credentials", settings.credentials,
+                    "File with a token, or NAME:PASSWORD, in its first line\n(default: what "
+                    "CORVANE_CREDENTIALS holds)")
+        ->option_text("FILE");
     app_.add_flag("--json", result_.json, "Print JSON Lines");
     app_.set_version_flag("--version", std::string("corvane ") + CORVANE_VERSION,
                           "Print the version of corvane");

@@ -82,7 +82,10 @@ std::string describeRefusal(const icu::UnicodeString& id, const icu::UnicodeStri
                        remedy(settings, answered));
   }
   if (id == StaticDefs::ERR_SERVER_INVALID_AUTH) {
-    return fmt::format("{} refused the credentials", address(settings));
+    return fmt::format("{} {}", address(settings),
+                       settings.authorization.isEmpty()
+                           ? "wants to know who asks; give --credentials, or CORVANE_CREDENTIALS"
+                           : "refused the credentials");
   }
   const std::string said = text.isEmpty() ? "the request failed" : printable(text);
   return fmt::format("the server at {} says: {} ({})", address(settings), said, printable(id));

@@ -14,7 +14,7 @@ constexpr const char* kExitCodes =
 bool isCommon(const CLI::Option* option) {
   return option->check_lname("host") || option->check_lname("port") ||
          option->check_lname("timeout") || option->check_lname("protocol") ||
-         option->check_lname("json");
+         option->check_lname("credentials") || option->check_lname("json");
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <string_view>
 #include <utility>
 
+#include "cli/credentials.h"
 #include "cli/facts.h"
 #include "cli/request.h"
 #include "cli/text.h"
@@ -55,6 +56,7 @@ void IndexProgress::askServer() {
   tq::util::ExtendedProperties properties;
   properties.putProperty(u"report", u"collection");
   ClientRequest request = collectionRequest(ClientRequest::PARSE_RESULT, collection_, properties);
+  identify(request, settings_);
   tq::comm::ClientResponse response;
   client_->sendAndRecvMesg(request, response);
   auto& facts = response.getParseResponse();

@@ -7,6 +7,7 @@
 #include <variant>
 
 #include "cli/commands.h"
+#include "cli/credentials.h"
 #include "cli/errors.h"
 #include "cli/outcomes.h"
 #include "cli/request.h"
@@ -83,6 +84,7 @@ void BatchLoader::deliver() {
 void BatchLoader::deliverOnce() {
   for (const Entry& entry : window_) queue(entry.document);
   ClientRequest last = collectionRequest(ClientRequest::LAST_DOC_SENT, collection_);
+  identify(last, session_.settings);
   ClientResponse none;
   session_.client.sendAndRecvMesg(last, none);
   collect();
@@ -91,6 +93,7 @@ void BatchLoader::deliverOnce() {
 void BatchLoader::queue(const Document& document) {
   ClientRequest request = collectionRequest(ClientRequest::ASYNCH_ADD_DOCUMENT, collection_);
   attachDocument(request, document.key, document.text, document.metadata);
+  identify(request, session_.settings);
   ClientResponse none;
   session_.client.sendAndRecvMesg(request, none);
 }

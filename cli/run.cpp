@@ -1,6 +1,7 @@
 #include "cli/run.h"
 
 #include "cli/commandLine.h"
+#include "cli/credentials.h"
 #include "cli/errors.h"
 #include "cli/otherProtocol.h"
 #include "infra/oss/kruBaseException.h"
@@ -29,8 +30,10 @@ ExitCode runCommand(const CommandLine& commandLine, Session& session) {
 
 ExitCode perform(const CommandLine& commandLine, Printer& printer, LastWords& lastWords) {
   try {
-    auto client = makeClient(commandLine.settings);
-    Session session{*client, commandLine.settings, printer, lastWords};
+    Settings settings = commandLine.settings;
+    settings.authorization = authorizationFrom(settings.credentials);
+    auto client = makeClient(settings);
+    Session session{*client, settings, printer, lastWords};
     lastWords.set({{}, printer.errorLine("interrupted", "INTERRUPTED")});
     return runCommand(commandLine, session);
   } catch (const UsageError& wrong) {

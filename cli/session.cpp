@@ -5,6 +5,7 @@
 #include <cstring>
 #include <utility>
 
+#include "cli/credentials.h"
 #include "cli/errors.h"
 #include "cli/otherProtocol.h"
 #include "cli/text.h"
@@ -33,6 +34,7 @@ void checkHeader(const Session& session, tq::comm::ClientRequest& request) {
 
 void exchange(Session& session, tq::comm::ClientRequest& request,
               tq::comm::ClientResponse& response) {
+  identify(request, session.settings);
   checkHeader(session, request);
   {
     const SilenceWatch watch(session);

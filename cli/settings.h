@@ -1,5 +1,7 @@
 #pragma once
 
+#include <unicode/unistr.h>
+
 #include <memory>
 #include <string>
 
@@ -19,6 +21,10 @@ struct Settings {
   /// long result; 0 waits for ever.
   unsigned int timeOut = 300'000;
   Protocol protocol = Protocol::Binary;
+  /// The file with the credentials; empty if none was named.
+  std::string credentials;
+  /// What requests say about who asks; empty for nobody.
+  icu::UnicodeString authorization;
 };
 
 const char* protocolName(Protocol protocol);

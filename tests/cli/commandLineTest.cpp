@@ -178,7 +178,7 @@ TEST(CommandLine, EveryCommandExplainsItselfAndSpeaksJson) {
     EXPECT_NE(help.out.find(name), std::string::npos) << name;
     EXPECT_EQ(help.err, "") << name;
     for (const char* common : {"--host HOST", "--port PORT", "--timeout MS", "--protocol NAME",
-                               "--json", "Exit codes"}) {
+                               "--credentials FILE", "--json", "Exit codes"}) {
       EXPECT_NE(help.out.find(common), std::string::npos) << name << " " << common;
     }
     // Whether a request is repeated is part of what a command does.

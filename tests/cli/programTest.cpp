@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -277,6 +278,91 @@ TEST_P(Program, BacksUpAndRestores) {
   EXPECT_EQ(runThere({"restore", "all", "", "--replace"}).code, 2);
   EXPECT_EQ(runThere({"backup", "more", ""}).code, 2);
 }
+
+/// A server that wants to know who asks, a user who may do everything, and a token that may read.
+class ProgramWithAccount : public Program {
+ protected:
+  static constexpr const char* kPassword = "correct: horse";
+
+  ProgramWithAccount() {
+    EXPECT_EQ(runToEnd({CORVANED_PROGRAM, "user", "ada", "--users", users_, "--allow", "admin:*"},
+                       std::string(kPassword) + "\n")
+                  .code,
+              0);
+    const Finished token =
+        runToEnd({CORVANED_PROGRAM, "token", "reader", "--users", users_, "--allow", "read:books"});
+    EXPECT_EQ(token.code, 0) << token.err;
+    write("token", token.out);
+    write("user", std::string("ada:") + kPassword + "\r\nmore");
+    server_.emplace(std::vector<std::string>{"--users", users_});
+  }
+
+  std::string path(const std::string& name) const { return directory_.path() / name; }
+  void write(const std::string& name, const std::string& text) const {
+    std::ofstream(path(name), std::ios::binary) << text;
+  }
+
+  Finished ask(std::vector<std::string> words, const std::string& input = {},
+               const std::vector<std::string>& front = {}) const {
+    const auto port =
+        std::string(GetParam()) == "http" ? server_->httpPort() : server_->binaryPort();
+    words.insert(words.begin(),
+                 {CORVANE_PROGRAM, "--protocol", GetParam(), "--port", std::to_string(port)});
+    words.insert(words.begin(), front.begin(), front.end());
+    return runToEnd(words, input);
+  }
+
+  tq::test::TemporaryDirectory directory_;
+  const std::string users_ = path("users");
+  std::optional<tq::test::CorvanedProcess> server_;
+};
+
+TEST_P(ProgramWithAccount, IsWhoeverTheFileSays) {
+  const std::string user = path("user");
+  const Finished nobody = ask({"create", "books"});
+  EXPECT_EQ(nobody.code, 1);
+  EXPECT_THAT(nobody.err, HasSubstr("--credentials"));
+  EXPECT_EQ(ask({"--credentials", user, "create", "books"}).err, "");
+  const Finished loaded =
+      ask({"--credentials", user, "load", "books", "-", "--update"}, manyDocuments(30));
+  EXPECT_EQ(loaded.out, "loaded 30 documents into books, 0 refused\nupdated books\n") << loaded.err;
+  const Finished found = ask({"search", "books", "common", "--credentials", path("token")});
+  EXPECT_EQ(lineCount(found.out), 30U) << found.err;
+  EXPECT_THAT(ask({"drop", "books", "--credentials", path("token")}).err, HasSubstr("ZVK0023E"));
+}
+
+TEST_P(ProgramWithAccount, IsWhoeverTheEnvironmentSaysUnlessThereIsAFile) {
+  const std::vector<std::string> wrong{"/usr/bin/env", "CORVANE_CREDENTIALS=ada:wrong"};
+  const Finished refused = ask({"create", "books"}, {}, wrong);
+  EXPECT_EQ(refused.code, 1);
+  EXPECT_THAT(refused.err, HasSubstr("refused the credentials"));
+  EXPECT_EQ(refused.err.find("wrong"), std::string::npos);
+  EXPECT_EQ(ask({"create", "books", "--credentials", path("user")}, {}, wrong).err, "");
+  const std::vector<std::string> right{"/usr/bin/env",
+                                       std::string("CORVANE_CREDENTIALS=ada:") + kPassword};
+  EXPECT_EQ(ask({"drop", "books"}, {}, right).err, "");
+}
+
+TEST_P(ProgramWithAccount, SendsNothingWithoutCredentialsThatCanBeRead) {
+  write("empty", "\n");
+  write("bad", std::string("to\0ken", 6));
+  write("long", std::string(5000, 'x'));
+  for (const char* name : {"empty", "bad", "long"}) {
+    const Finished finished = ask({"status", "--credentials", path(name)});
+    EXPECT_EQ(finished.code, 2) << name;
+    EXPECT_THAT(finished.err, HasSubstr(path(name)));
+    EXPECT_EQ(lineCount(finished.err), 1U);
+  }
+  for (const std::string& name : {path("none"), directory_.path().string()}) {
+    const Finished finished = ask({"status", "--credentials", name});
+    EXPECT_EQ(finished.code, 1) << name;
+    EXPECT_THAT(finished.err, HasSubstr("cannot read " + name));
+  }
+  EXPECT_EQ(ask({"status"}, {}, {"/usr/bin/env", "CORVANE_CREDENTIALS="}).code, 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(Protocols, ProgramWithAccount, ::testing::Values("http", "binary"),
+                         [](const auto& test) { return std::string(test.param); });
 
 TEST_P(Program, SaysHowTheServerCanMakeBackups) {
   for (const char* command : {"backup", "restore"}) {

@@ -1,0 +1,62 @@
+#include "cli/credentials.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+
+#include "cli/errors.h"
+#include "cli/settings.h"
+#include "cli/text.h"
+#include "infra/util/kruBase64.h"
+
+namespace corvane {
+
+namespace {
+
+constexpr const char* kEnvironment = "CORVANE_CREDENTIALS";
+constexpr std::size_t kLongest = 4096;
+
+std::string firstLineOf(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::string line(kLongest + 1, '\0');
+  file.read(line.data(), static_cast<std::streamsize>(line.size()));
+  if (!file.is_open() || file.bad() || (file.fail() && !file.eof())) {
+    throw OperationError("cannot read " + path + "; check that it is a file that you may read");
+  }
+  line.resize(static_cast<std::size_t>(file.gcount()));
+  line.resize(std::min(line.find('\n'), line.size()));
+  if (line.ends_with('\r')) line.pop_back();
+  return line;
+}
+
+std::string base64(const std::string& bytes) {
+  std::string text(tq::util::Base64::encodeSize(bytes.size()), '\0');
+  tq::util::Base64::encode(bytes.data(), bytes.size(), text.data());
+  return text;
+}
+
+// The name of an account has no colon, and a token begins with one.
+icu::UnicodeString authorizationOf(const std::string& credentials, const std::string& from) {
+  if (credentials.empty() || credentials.size() > kLongest) {
+    throw UsageError(from + " holds no credentials: a token, or NAME:PASSWORD, in its first line");
+  }
+  const bool hasPassword = credentials.find(':') != std::string::npos;
+  return headerValue("what " + from + " holds",
+                     hasPassword ? "Basic " + base64(credentials) : "Bearer " + credentials);
+}
+
+}  // namespace
+
+icu::UnicodeString authorizationFrom(const std::string& file) {
+  if (!file.empty()) return authorizationOf(firstLineOf(file), file);
+  const char* const present = std::getenv(kEnvironment);
+  if (present == nullptr) return {};
+  return authorizationOf(present, kEnvironment);
+}
+
+void identify(tq::comm::ClientRequest& request, const Settings& settings) {
+  if (settings.authorization.isEmpty()) return;
+  request.getReqProperties().putProperty(u"authToken", settings.authorization);
+}
+
+}  // namespace corvane
