@@ -1,13 +1,17 @@
 #include "server/accountCommand.h"
 
+#include <poll.h>
+#include <signal.h>
 #include <sys/types.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <array>
 #include <cerrno>
 #include <exception>
 #include <iostream>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -26,31 +30,62 @@ struct Account {
   int passwordDescriptor = STDIN_FILENO;
 };
 
-/// What is typed is not shown while this object exists.
+volatile sig_atomic_t interrupted = 0;
+
+void noteInterruption(int) { interrupted = 1; }
+
+/// What is typed at the terminal is not shown while this object exists. A signal that would end the
+/// program, and leave a terminal that shows nothing any more, ends the waiting instead.
 class HiddenInput {
  public:
   explicit HiddenInput(int terminal) : terminal_(terminal) {
-    if (::tcgetattr(terminal_, &before_) != 0) return;
-    hidden_ = true;
+    sigset_t ending;
+    sigemptyset(&ending);
+    for (const int signal : kEnding) sigaddset(&ending, signal);
+    ::sigprocmask(SIG_BLOCK, &ending, &mask_);
+    struct sigaction noted {};
+    noted.sa_handler = noteInterruption;
+    for (std::size_t i = 0; i < kEnding.size(); ++i) {
+      ::sigaction(kEnding[i], &noted, &actions_[i]);
+    }
+    ::tcgetattr(terminal_, &before_);
     termios silent = before_;
     silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     ::tcsetattr(terminal_, TCSAFLUSH, &silent);
   }
   ~HiddenInput() {
-    if (hidden_) ::tcsetattr(terminal_, TCSAFLUSH, &before_);
+    ::tcsetattr(terminal_, TCSAFLUSH, &before_);
+    for (std::size_t i = 0; i < kEnding.size(); ++i) {
+      ::sigaction(kEnding[i], &actions_[i], nullptr);
+    }
+    ::sigprocmask(SIG_SETMASK, &mask_, nullptr);
   }
   HiddenInput(const HiddenInput&) = delete;
   HiddenInput& operator=(const HiddenInput&) = delete;
 
+  /// Returns when something can be read.
+  void await() const {
+    pollfd wanted{terminal_, POLLIN, 0};
+    while (::ppoll(&wanted, 1, nullptr, &mask_) < 0) {
+      if (interrupted != 0) throw std::runtime_error("interrupted, no password was set");
+      if (errno != EINTR) throw std::runtime_error("the password cannot be read");
+    }
+  }
+
  private:
-  int terminal_;
-  bool hidden_ = false;
+  static constexpr std::array<int, 4> kEnding{SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+
+  const int terminal_;
   termios before_{};
+  sigset_t mask_{};
+  std::array<struct sigaction, kEnding.size()> actions_{};
 };
 
-std::string readLine(int descriptor) {
+// `hidden`: null if the descriptor is no terminal.
+std::string readLine(int descriptor, const HiddenInput* hidden) {
   std::string line;
   for (char c = 0; line.size() <= kMaxPassword;) {
+    if (hidden) hidden->await();
     const ssize_t count = ::read(descriptor, &c, 1);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) throw std::runtime_error("the password cannot be read");
@@ -61,11 +96,13 @@ std::string readLine(int descriptor) {
 }
 
 std::string readPassword(int descriptor) {
-  const bool asked = ::isatty(descriptor) == 1;
-  if (asked) std::cerr << "Password: " << std::flush;
-  const HiddenInput hidden(descriptor);
-  std::string password = readLine(descriptor);
-  if (asked) std::cerr << "\n";
+  std::optional<HiddenInput> hidden;
+  if (::isatty(descriptor) == 1) {
+    hidden.emplace(descriptor);
+    std::cerr << "Password: " << std::flush;
+  }
+  std::string password = readLine(descriptor, hidden ? &*hidden : nullptr);
+  if (hidden) std::cerr << "\n";
   if (password.empty()) throw std::runtime_error("the password is empty");
   return password;
 }

@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <array>
@@ -98,6 +99,18 @@ void Terminal::await(const std::string& text) {
     if (count <= 0) throw std::runtime_error("the terminal shows only: " + written_);
     written_.append(buffer.data(), static_cast<std::size_t>(count));
   }
+}
+
+void Terminal::type(const std::string& text) const {
+  if (::write(outer_, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+    throw std::runtime_error("nothing can be typed");
+  }
+}
+
+bool Terminal::echoes() const {
+  termios now{};
+  if (::tcgetattr(inner_, &now) != 0) throw std::runtime_error("no terminal");
+  return (now.c_lflag & ECHO) != 0;
 }
 
 struct Child::Files {

@@ -26,6 +26,12 @@ class Terminal {
   int descriptor() const { return inner_; }
   /// Returns when this text has been written; throws when the last writer has gone without it.
   void await(const std::string& text);
+  /// As a person does at the keyboard.
+  void type(const std::string& text) const;
+  /// Whether what is typed is shown.
+  bool echoes() const;
+  /// What await() has read, of programs and, if it was shown, of what was typed.
+  const std::string& shown() const { return written_; }
 
  private:
   int outer_;

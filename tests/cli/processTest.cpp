@@ -13,6 +13,7 @@
 #include "tests/support/corvanedProcess.h"
 #include "tests/support/replyCorpus.h"
 #include "tests/support/scriptedServer.h"
+#include "tests/support/temporaryDirectory.h"
 
 using namespace corvane::test;
 using namespace tq::test;
@@ -120,6 +121,46 @@ TEST(Update, ShowsAtATerminalHowFarTheServerIs) {
   const Finished finished = child.finish();
   EXPECT_EQ(finished.code, 0);
   EXPECT_EQ(finished.out, "updated books\n");
+}
+
+/// The password of an account is asked for at a terminal.
+class Password : public ::testing::Test {
+ protected:
+  std::vector<std::string> command() const {
+    return {CORVANED_PROGRAM, "user",    "ada",           "--users", users_.string(),
+            "--allow",        "admin:*", "--password-fd", "2"};
+  }
+
+  TemporaryDirectory directory_;
+  const std::filesystem::path users_ = directory_.path() / "users";
+  Terminal terminal_;
+};
+
+TEST_F(Password, IsNotShownAtTheTerminalAndWhatFollowsIs) {
+  Child child(command(), terminal_);
+  terminal_.await("Password: ");
+  EXPECT_FALSE(terminal_.echoes());
+  terminal_.type("correct horse\n");
+  const Finished finished = child.finish();
+  EXPECT_EQ(finished.code, 0);
+  EXPECT_TRUE(std::filesystem::exists(users_));
+  EXPECT_TRUE(terminal_.echoes());
+  terminal_.type("end\n");
+  terminal_.await("end");
+  EXPECT_EQ(terminal_.shown().find("horse"), std::string::npos);
+}
+
+TEST_F(Password, IsNotSetWhenItsTypingIsInterruptedAndTheTerminalIsAsBefore) {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    Terminal terminal;
+    Child child(command(), terminal);
+    terminal.await("Password: ");
+    terminal.type("correct");
+    child.signal(signal);
+    EXPECT_EQ(child.finish().code, 1);
+    EXPECT_TRUE(terminal.echoes());
+    EXPECT_FALSE(std::filesystem::exists(users_));
+  }
 }
 
 class Interrupted : public ::testing::TestWithParam<int> {};
