@@ -82,6 +82,7 @@ Collection::Collection(std::string name, const std::filesystem::path& directory,
       stopping_(stopping),
       memory_(memoryFor(limits)),
       descriptors_(descriptorsFor(limits)),
+      hidden_(std::make_shared<HiddenKeys>(emptyShare(limits))),
       outcomes_(std::move(outcomes)),
       batches_(directory, emptyShare(limits)),
       pendingKeys_(emptyShare(limits)),
@@ -92,7 +93,8 @@ Collection::Collection(std::string name, const std::filesystem::path& directory,
                }),
       index_(directory, limits.index) {
   memory_.force(kOpenBytes + index_.bytesOfSums());
-  overdue_ = refresh_.mode != Refresh::Mode::Manual && !journal_.empty();
+  const bool isManual = refresh_.mode == Refresh::Mode::Manual;
+  overdue_ = !journal_.empty() && (!isManual || hidden_->size() > limits_.hiddenKeys);
 }
 
 void Collection::noteReplayed(std::uint64_t segment, const Change& change) {
@@ -304,7 +306,7 @@ std::shared_ptr<Ticket> Collection::requestRemoval() {
   const std::lock_guard lock(jobsMutex_);
   {
     const std::lock_guard hiddenLock(hiddenMutex_);
-    if (hidden_.size() <= limits_.hiddenKeys) return nullptr;
+    if (hidden_->size() <= limits_.hiddenKeys) return nullptr;
   }
   // An index update applies the deletions anyway.
   if (updating_ || updateWanted_ || retired_) return nullptr;
@@ -340,6 +342,7 @@ void Collection::refresh() {
 
 bool Collection::takeOverdue() {
   if (!overdue_ || !overdue_.exchange(false)) return false;
+  if (refresh_.mode == Refresh::Mode::Manual) return requestRemoval() != nullptr;
   requestUpdate();
   return true;
 }
@@ -411,10 +414,7 @@ bool Collection::takeJob() {
 }
 
 bool Collection::advance(Job& job) {
-  if (job.kind == Job::Kind::Removal) {
-    removeHidden();
-    return false;
-  }
+  if (job.kind == Job::Kind::Removal) return removeSome(job);
   if (index_.isOfEarlierForm()) {
     requireGoingOn();
     index_.rebuildStep([this] { requireGoingOn(); });
@@ -468,7 +468,10 @@ void Collection::end(Job& job) {
   {
     const std::lock_guard lock(hiddenMutex_);
     indexed_ = job.end;
-    std::erase_if(hidden_, [&](const auto& entry) { return entry.second <= indexed_; });
+    const auto isIn = [&](const std::string&, const JournalPosition& position) {
+      return position <= indexed_;
+    };
+    hidden_ = hidden_->without(isIn, emptyShare(limits_));
   }
   pendingKeys_.forgetUpTo(job.end);
   // Before anything else can fail: no later update comes across them.
@@ -499,22 +502,43 @@ std::size_t Collection::reportRefused(Job& job) {
   return refused.size();
 }
 
-void Collection::removeHidden() {
-  const std::vector<std::string> keys = hidden();
-  std::vector<Change> removals;
-  removals.reserve(keys.size());
-  for (const std::string& key : keys) removals.push_back({ChangeKind::Remove, {key, {}, {}}});
+// If it fails, the deletions are in the journal, and searches keep filtering them: those who wait
+// have lost nothing.
+bool Collection::removeSome(Job& job) {
   try {
-    index_.beginUpdate();
-    index_.applyBatch(removals, [this] { requireGoingOn(); });
+    if (!std::exchange(job.begun, true)) beginRemoval(job);
+    if (removeNext(job)) return true;
     index_.endUpdate();
-  } catch (const ServerError& error) {
-    // The deletions are in the journal, and searches keep filtering them.
+    const std::lock_guard lock(hiddenMutex_);
+    const auto isRemoved = [&](const std::string& key, const JournalPosition&) {
+      return std::binary_search(job.keys.begin(), job.keys.end(), key);
+    };
+    hidden_ = hidden_->without(isRemoved, emptyShare(limits_));
+  } catch (const std::exception& error) {
     if (!stopping_ && !retired_) spdlog::warn("collection {}: {}", shown(name_), error.what());
-    return;
   }
-  const std::lock_guard lock(hiddenMutex_);
-  for (const std::string& key : keys) hidden_.erase(key);
+  return false;
+}
+
+void Collection::beginRemoval(Job& job) {
+  job.keys = hidden()->keys();
+  std::sort(job.keys.begin(), job.keys.end());
+  std::size_t bytes = job.keys.size() * sizeof(std::string);
+  for (const std::string& key : job.keys) bytes += key.size();
+  job.memory = emptyShare(limits_);
+  job.memory.force(bytes);
+  index_.beginUpdate();
+}
+
+bool Collection::removeNext(Job& job) {
+  const std::size_t end = std::min(job.keys.size(), job.removed + limits_.index.batchChanges);
+  std::vector<Change> removals;
+  removals.reserve(end - job.removed);
+  for (; job.removed < end; ++job.removed) {
+    removals.push_back({ChangeKind::Remove, {job.keys[job.removed], {}, {}}});
+  }
+  index_.applyBatch(removals, [this] { requireGoingOn(); });
+  return job.removed < job.keys.size();
 }
 
 void Collection::endJob(const std::optional<ServerError>& failure) {
@@ -767,16 +791,12 @@ void Collection::hide(JournalPosition position, const std::string& key) {
   // An index update has already applied this deletion; a document with this key in the index is
   // newer.
   if (position <= indexed_) return;
-  JournalPosition& known = hidden_[key];
-  known = std::max(known, position);
+  hidden_->add(key, position);
 }
 
-std::vector<std::string> Collection::hidden() const {
+Hidden Collection::hidden() const {
   const std::lock_guard lock(hiddenMutex_);
-  std::vector<std::string> keys;
-  keys.reserve(hidden_.size());
-  for (const auto& [key, segment] : hidden_) keys.push_back(key);
-  return keys;
+  return hidden_;
 }
 
 void Collection::pushOutcome(ParseOutcome outcome, std::uint64_t ticket,

@@ -10,7 +10,6 @@
 #include <optional>
 #include <shared_mutex>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "server/base/descriptorBudget.h"
@@ -18,6 +17,7 @@
 #include "server/base/memoryBudget.h"
 #include "server/base/ticket.h"
 #include "server/store/batchMemory.h"
+#include "server/store/hiddenKeys.h"
 #include "server/store/indexUpdate.h"
 #include "server/store/journal.h"
 #include "server/store/parseOutcomes.h"
@@ -34,8 +34,8 @@ struct StoreLimits {
   /// Maximum number of outcomes that are kept until a client asks for them. The oldest are dropped
   /// first.
   std::size_t outcomes = 1000000;
-  /// Maximum number of deleted keys that searches filter out. If there are more, they are removed
-  /// from the index at once.
+  /// Maximum number of deleted keys that searches filter out for long. If there are more, they are
+  /// removed from the index at once.
   std::size_t hiddenKeys = 500;
   /// How many indexes are changed at a time.
   unsigned indexThreads = 2;
@@ -112,8 +112,8 @@ class Collection {
   std::optional<std::chrono::milliseconds> takeRefreshTime();
   /// Has what waits made searchable.
   void refresh();
-  /// True once if changes waited when the collection was opened and nobody has to ask for them to
-  /// become searchable.
+  /// True once if there is work for indexStep() since changes waited when the collection was
+  /// opened: they become searchable although nobody asks for that, or are many deletions.
   bool takeOverdue();
   /// Whether rest() has to be called some time after the present changes.
   bool takeRest();
@@ -165,6 +165,10 @@ class Collection {
     /// What part of the journal is in the index when it is done.
     JournalPosition end;
     std::optional<IndexUpdate> update;
+    /// Of a removal, in order, and how many are done.
+    std::vector<std::string> keys;
+    std::size_t removed = 0;
+    MemoryBudget::Share memory;
   };
 
   Journal::Place append(const Change& change);
@@ -193,7 +197,7 @@ class Collection {
   ServerError whyRetired() const;
   void requireGoingOn() const;
   void hide(JournalPosition position, const std::string& key);
-  std::vector<std::string> hidden() const;
+  Hidden hidden() const;
   std::shared_ptr<Ticket> requestRemoval();
   void requestRound();
   std::shared_ptr<Ticket> awaitRound(const std::string& key);
@@ -206,7 +210,9 @@ class Collection {
   JournalPosition closeSegment();
   void end(Job& job);
   std::size_t reportRefused(Job& job);
-  void removeHidden();
+  bool removeSome(Job& job);
+  void beginRemoval(Job& job);
+  bool removeNext(Job& job);
   void endJob(const std::optional<ServerError>& failure);
   void logFailure(const ServerError& failure);
   void failAll(const ServerError& failure);
@@ -238,10 +244,9 @@ class Collection {
   std::atomic<bool> restless_ = false;
   std::atomic<bool> restComes_ = false;
 
-  // Keys deleted since the last updateIndex, each with its deletion's place in the journal, and
-  // what part of the journal is in the index.
+  // Keys deleted since the last updateIndex, and what part of the journal is in the index.
   mutable std::mutex hiddenMutex_;
-  std::unordered_map<std::string, JournalPosition> hidden_;
+  std::shared_ptr<HiddenKeys> hidden_;
   JournalPosition indexed_;
 
   const std::shared_ptr<ParseOutcomes> outcomes_;

@@ -138,8 +138,7 @@ IndexReader::IndexReader(const std::filesystem::path& path, DescriptorBudget::Sh
       database_(path.string()),
       analysis_(database_) {}
 
-std::unique_ptr<HitSource> IndexReader::search(const SearchQuery& query,
-                                               const std::vector<std::string>& hidden,
+std::unique_ptr<HitSource> IndexReader::search(const SearchQuery& query, const Hidden& hidden,
                                                const IndexLimits& limits) const {
   const IndexNames names(database_);
   return hits(database_, withoutHidden(wordsOf(query, names, limits), hidden), query, names, limits,
@@ -164,7 +163,7 @@ std::unique_ptr<HitSource> IndexReader::match(const SearchQuery& query,
   return hits(both, theirs, query, names, limits, documents.size());
 }
 
-std::uint64_t IndexReader::count(const SearchQuery& query, const std::vector<std::string>& hidden,
+std::uint64_t IndexReader::count(const SearchQuery& query, const Hidden& hidden,
                                  const IndexLimits& limits) const {
   const Interruptible words(
       withinKeys(withoutHidden(wordsOf(query, IndexNames(database_), limits), hidden), query));
@@ -174,8 +173,8 @@ std::uint64_t IndexReader::count(const SearchQuery& query, const std::vector<std
   return enquire.get_mset(0, 0, database_.get_doccount()).get_matches_estimated();
 }
 
-void IndexReader::visit(const SearchQuery& query, const std::vector<std::string>& hidden,
-                        const IndexLimits& limits, const Store::DocumentVisitor& take) const {
+void IndexReader::visit(const SearchQuery& query, const Hidden& hidden, const IndexLimits& limits,
+                        const Store::DocumentVisitor& take) const {
   requireTexts();
   const auto found = search(query, hidden, limits);
   MemoryBudget::Share memory = shareOf(limits);
@@ -192,7 +191,7 @@ bool IndexReader::contains(const std::string& key) const {
 }
 
 std::vector<HitDetails> IndexReader::details(const SearchQuery& query, const DetailsWanted& wanted,
-                                             const std::vector<std::string>& hidden,
+                                             const Hidden& hidden,
                                              const IndexLimits& limits) const {
   if (wanted.snippetBytes > 0) requireTexts();
   const IndexNames names(database_);
@@ -226,8 +225,7 @@ CollectionSummary IndexReader::summary() const {
 // Without weights, since an estimate needs none: with them the engine scores every hit that it
 // counts.
 Estimate IndexReader::estimate(const std::string& query, std::uint64_t exactHits,
-                               const std::vector<std::string>& hidden,
-                               const IndexLimits& limits) const {
+                               const Hidden& hidden, const IndexLimits& limits) const {
   const Interruptible words(withoutHidden(
       QueryReader(database_, analysis_, IndexNames(database_), limits).read(query), hidden));
   const std::uint64_t documents = database_.get_doccount();

@@ -12,6 +12,7 @@
 
 #include "server/base/descriptorBudget.h"
 #include "server/base/memoryBudget.h"
+#include "server/store/hiddenKeys.h"
 #include "server/store/indexLimits.h"
 #include "server/store/store.h"
 #include "server/store/textAnalysis.h"
@@ -35,22 +36,20 @@ class IndexReader {
   void refresh() { database_.reopen(); }
   DescriptorBudget::Share takeDescriptors() { return std::move(descriptors_); }
 
-  std::unique_ptr<HitSource> search(const SearchQuery& query,
-                                    const std::vector<std::string>& hidden,
+  std::unique_ptr<HitSource> search(const SearchQuery& query, const Hidden& hidden,
                                     const IndexLimits& limits) const;
   std::unique_ptr<HitSource> match(const SearchQuery& query, const std::vector<Document>& documents,
                                    const IndexLimits& limits) const;
-  std::uint64_t count(const SearchQuery& query, const std::vector<std::string>& hidden,
+  std::uint64_t count(const SearchQuery& query, const Hidden& hidden,
                       const IndexLimits& limits) const;
-  void visit(const SearchQuery& query, const std::vector<std::string>& hidden,
-             const IndexLimits& limits, const Store::DocumentVisitor& take) const;
+  void visit(const SearchQuery& query, const Hidden& hidden, const IndexLimits& limits,
+             const Store::DocumentVisitor& take) const;
   bool contains(const std::string& key) const;
   std::vector<HitDetails> details(const SearchQuery& query, const DetailsWanted& wanted,
-                                  const std::vector<std::string>& hidden,
-                                  const IndexLimits& limits) const;
+                                  const Hidden& hidden, const IndexLimits& limits) const;
   CollectionSummary summary() const;
-  Estimate estimate(const std::string& query, std::uint64_t exactHits,
-                    const std::vector<std::string>& hidden, const IndexLimits& limits) const;
+  Estimate estimate(const std::string& query, std::uint64_t exactHits, const Hidden& hidden,
+                    const IndexLimits& limits) const;
 
  private:
   void requireTexts() const;

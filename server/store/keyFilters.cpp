@@ -1,5 +1,10 @@
 #include "server/store/keyFilters.h"
 
+#include <algorithm>
+#include <string>
+#include <utility>
+#include <vector>
+
 #include "server/store/xapianSchema.h"
 
 namespace corvaned {
@@ -26,13 +31,67 @@ Xapian::Query amongKeys(const Xapian::Query& query, const std::vector<std::strin
           Xapian::Query(Xapian::Query::OP_OR, terms.begin(), terms.end())};
 }
 
+// The list of documents that the engine opens for each term takes a block of memory.
+constexpr std::size_t kMostTerms = 500;
+
+/// Matches every document that is not hidden. It looks at the key of each candidate, which takes
+/// the same memory for any number of keys.
+class Unhidden : public Xapian::PostingSource {
+ public:
+  explicit Unhidden(Hidden hidden) : hidden_(std::move(hidden)) {}
+
+  Xapian::doccount get_termfreq_min() const override { return least_; }
+  Xapian::doccount get_termfreq_est() const override { return least_; }
+  Xapian::doccount get_termfreq_max() const override { return most_; }
+
+  void init(const Xapian::Database& database) override {
+    most_ = database.get_doccount();
+    least_ = most_ - static_cast<Xapian::doccount>(std::min<std::size_t>(most_, hidden_->size()));
+    // Each document has a value there.
+    place_ = database.valuestream_begin(kKeySlot);
+    end_ = database.valuestream_end(kKeySlot);
+    begun_ = false;
+  }
+
+  void next(double) override {
+    if (std::exchange(begun_, true)) ++place_;
+    passHidden();
+  }
+  void skip_to(Xapian::docid document, double) override {
+    begun_ = true;
+    if (place_ != end_) place_.skip_to(document);
+    passHidden();
+  }
+  bool at_end() const override { return place_ == end_; }
+  Xapian::docid get_docid() const override { return place_.get_docid(); }
+  // Each of several databases gets one of its own.
+  Unhidden* clone() const override { return new Unhidden(hidden_); }
+  std::string get_description() const override { return "Unhidden"; }
+
+ private:
+  void passHidden() {
+    while (place_ != end_ && hidden_->contains(*place_)) ++place_;
+  }
+
+  const Hidden hidden_;
+  Xapian::doccount least_ = 0;
+  Xapian::doccount most_ = 0;
+  Xapian::ValueIterator place_;
+  Xapian::ValueIterator end_;
+  bool begun_ = false;
+};
+
 }  // namespace
 
-Xapian::Query withoutHidden(const Xapian::Query& query, const std::vector<std::string>& hidden) {
-  if (hidden.empty() || query.empty()) return query;
+Xapian::Query withoutHidden(const Xapian::Query& query, const Hidden& hidden) {
+  if (query.empty() || !hidden) return query;
+  const std::size_t count = hidden->size();
+  if (count == 0) return query;
+  if (count > kMostTerms) {
+    return {Xapian::Query::OP_FILTER, query, Xapian::Query((new Unhidden(hidden))->release())};
+  }
   std::vector<Xapian::Query> terms;
-  terms.reserve(hidden.size());
-  for (const std::string& key : hidden) terms.emplace_back(identityTerm(key));
+  for (const std::string& key : hidden->keys()) terms.emplace_back(identityTerm(key));
   return {Xapian::Query::OP_AND_NOT, query,
           Xapian::Query(Xapian::Query::OP_OR, terms.begin(), terms.end())};
 }

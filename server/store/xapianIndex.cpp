@@ -135,8 +135,7 @@ void XapianIndex::beginUpdate() {
   sums_->beginChange();
 }
 
-std::unique_ptr<HitSource> XapianIndex::search(const SearchQuery& query,
-                                               const std::vector<std::string>& hidden) {
+std::unique_ptr<HitSource> XapianIndex::search(const SearchQuery& query, const Hidden& hidden) {
   return translated([&] {
     return readers_->run(
         [&](const IndexReader& reader) { return reader.search(query, hidden, limits_); });
@@ -152,7 +151,7 @@ std::unique_ptr<HitSource> XapianIndex::match(const SearchQuery& query,
 }
 
 Estimate XapianIndex::estimate(const std::string& query, std::uint64_t exactHits,
-                               const std::vector<std::string>& hidden) {
+                               const Hidden& hidden) {
   return translated([&] {
     return readers_->run([&](const IndexReader& reader) {
       return reader.estimate(query, exactHits, hidden, limits_);
@@ -160,7 +159,7 @@ Estimate XapianIndex::estimate(const std::string& query, std::uint64_t exactHits
   });
 }
 
-std::uint64_t XapianIndex::count(const SearchQuery& query, const std::vector<std::string>& hidden) {
+std::uint64_t XapianIndex::count(const SearchQuery& query, const Hidden& hidden) {
   return translated([&] {
     return readers_->run(
         [&](const IndexReader& reader) { return reader.count(query, hidden, limits_); });
@@ -168,7 +167,7 @@ std::uint64_t XapianIndex::count(const SearchQuery& query, const std::vector<std
 }
 
 // If the snapshot goes in the middle, another attempt goes on behind the last document.
-void XapianIndex::visit(SearchQuery query, const std::vector<std::string>& hidden,
+void XapianIndex::visit(SearchQuery query, const Hidden& hidden,
                         const Store::DocumentVisitor& take) {
   const auto passOn = [&](const Document& document) {
     query.after = document.key;
@@ -204,7 +203,7 @@ std::vector<bool> XapianIndex::contain(std::span<const std::string> keys, const 
 }
 
 std::vector<HitDetails> XapianIndex::details(const SearchQuery& query, const DetailsWanted& wanted,
-                                             const std::vector<std::string>& hidden) {
+                                             const Hidden& hidden) {
   return translated([&] {
     return readers_->run(
         [&](const IndexReader& reader) { return reader.details(query, wanted, hidden, limits_); });

@@ -13,6 +13,7 @@
 
 #include "server/base/memoryBudget.h"
 #include "server/store/change.h"
+#include "server/store/hiddenKeys.h"
 #include "server/store/indexForm.h"
 #include "server/store/indexLimits.h"
 #include "server/store/indexSums.h"
@@ -72,25 +73,22 @@ class XapianIndex {
   MemoryBudget::Share emptyShare() const;
 
   /// `hidden`: keys that the search must not find.
-  std::unique_ptr<HitSource> search(const SearchQuery& query,
-                                    const std::vector<std::string>& hidden);
+  std::unique_ptr<HitSource> search(const SearchQuery& query, const Hidden& hidden);
   /// What search() would find of these documents, and with what scores, if all of them were in the
   /// database besides what is there. Stores nothing. Their keys differ.
   std::unique_ptr<HitSource> match(const SearchQuery& query,
                                    const std::vector<Document>& documents);
-  Estimate estimate(const std::string& query, std::uint64_t exactHits,
-                    const std::vector<std::string>& hidden);
+  Estimate estimate(const std::string& query, std::uint64_t exactHits, const Hidden& hidden);
 
   /// The number of hits.
-  std::uint64_t count(const SearchQuery& query, const std::vector<std::string>& hidden);
+  std::uint64_t count(const SearchQuery& query, const Hidden& hidden);
   /// Passes the documents that the query finds to `take`, in the order of their keys.
-  void visit(SearchQuery query, const std::vector<std::string>& hidden,
-             const Store::DocumentVisitor& take);
+  void visit(SearchQuery query, const Hidden& hidden, const Store::DocumentVisitor& take);
   /// Of each key whether it has a document of that key. `stop` is called between two keys.
   std::vector<bool> contain(std::span<const std::string> keys, const StopCheck& stop);
   /// The hits with what is to be told of them.
   std::vector<HitDetails> details(const SearchQuery& query, const DetailsWanted& wanted,
-                                  const std::vector<std::string>& hidden);
+                                  const Hidden& hidden);
   /// That of the last transaction.
   std::uint64_t revision() const;
   /// What the database knows of it.

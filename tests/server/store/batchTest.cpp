@@ -493,6 +493,12 @@ TEST_F(BatchTest, CollectionWithoutBatchesHasNoFileOfThem) {
   EXPECT_FALSE(std::filesystem::exists(BatchMemory::pathIn(collection())));
 }
 
+TEST_F(BatchTest, DeletedCollectionTakesNoBatch) {
+  store_->deleteCollection("c");
+  refusal(ErrorKind::UnknownCollection, batch("b1", {fox("k1")}, {"k2"}));
+  refusal(ErrorKind::UnknownCollection, [&] { store_->batchOutcome("c", "b1"); });
+}
+
 /// A collection without a store, whose work is done when the test says so.
 class BatchStepsTest : public ::testing::Test {
  protected:
@@ -529,6 +535,42 @@ class BatchStepsTest : public ::testing::Test {
   std::optional<Collection> collection_;
 };
 
+TEST_F(BatchStepsTest, ManyDeletionsLeaveTheIndexInSmallTransactions) {
+  limits_.hiddenKeys = 2;
+  limits_.index.batchChanges = 2;
+  open();
+  const Keys keys{"k1", "k2", "k3", "k4", "k5"};
+  Documents documents;
+  for (const std::string& key : keys) documents.push_back(fox(key));
+  apply(batch("b1", documents));
+  update();
+  const std::shared_ptr<Ticket> removed = collection_->apply(batch("b2", {}, keys)).ticket;
+  ASSERT_TRUE(removed);
+  for (const std::uint64_t left : {3U, 1U, 0U}) {
+    EXPECT_FALSE(removed->isDone());
+    EXPECT_TRUE(collection_->indexStep());
+    EXPECT_EQ(collection_->estimate("fox", kExactHits).documents, left);
+    EXPECT_EQ(collection_->estimate("fox", kExactHits).hits, 0U);
+  }
+  EXPECT_TRUE(removed->isDone());
+  EXPECT_EQ(collection_->state(), CollectionState::ChangesPending);
+}
+
+TEST_F(BatchStepsTest, ManyDeletionsAreFilteredNoLongerAfterARestartEither) {
+  limits_.hiddenKeys = 2;
+  limits_.index.memory = std::make_shared<MemoryBudget>(std::size_t{64} << 20U);
+  open();
+  apply(batch("b1", {}, {"k1", "k2", "k3"}));
+  index();
+  reopen();
+  const std::size_t filtered = limits_.index.memory->used();
+  EXPECT_TRUE(collection_->takeOverdue());
+  EXPECT_TRUE(collection_->takeOnIndexing());
+  index();
+  EXPECT_LT(limits_.index.memory->used(), filtered);
+  EXPECT_EQ(collection_->state(), CollectionState::ChangesPending);
+}
+
 TEST_F(BatchStepsTest, ChangesGoOnWhileTheJournalIsReadForItsDeletions) {
   open();
   collection_->add(fox("k1"));
@@ -559,12 +601,6 @@ TEST_F(BatchStepsTest, ChangesGoOnWhileTheJournalIsReadForItsDeletions) {
   ::close(ends);
   std::filesystem::rename(directory_.path() / "kept", segment(2));
   EXPECT_EQ(apply(deletions).unknown, 2U) << "that of k2 and that of a key which never was";
-}
-
-TEST_F(BatchTest, DeletedCollectionTakesNoBatch) {
-  store_->deleteCollection("c");
-  refusal(ErrorKind::UnknownCollection, batch("b1", {fox("k1")}, {"k2"}));
-  refusal(ErrorKind::UnknownCollection, [&] { store_->batchOutcome("c", "b1"); });
 }
 
 }  // namespace

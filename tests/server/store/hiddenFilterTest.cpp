@@ -1,0 +1,148 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "server/base/memoryBudget.h"
+#include "server/store/hiddenKeys.h"
+#include "server/store/localStore.h"
+#include "tests/support/temporaryDirectory.h"
+
+// Deleted documents that the index still has.
+namespace corvaned {
+namespace {
+
+using ::testing::UnorderedElementsAre;
+
+constexpr JournalPosition kEarly{1, 10};
+constexpr JournalPosition kLate{1, 20};
+
+TEST(HiddenKeys, HaveTheLastPlaceOfEachKey) {
+  HiddenKeys hidden;
+  hidden.add("k", kLate);
+  hidden.add("k", kEarly);
+  hidden.add("l", kEarly);
+  EXPECT_EQ(hidden.size(), 2U);
+  EXPECT_TRUE(hidden.contains("k"));
+  EXPECT_FALSE(hidden.contains("m"));
+  const auto isEarly = [](const std::string&, const JournalPosition& position) {
+    return position <= kEarly;
+  };
+  const auto rest = hidden.without(isEarly, {});
+  EXPECT_THAT(rest->keys(), UnorderedElementsAre("k"));
+  EXPECT_THAT(hidden.keys(), UnorderedElementsAre("k", "l")) << "a search may still need them";
+}
+
+TEST(HiddenKeys, TakeMemoryFromTheBudget) {
+  MemoryBudget budget(1000000);
+  {
+    HiddenKeys hidden{MemoryBudget::Share(budget)};
+    hidden.add(std::string(100, 'k'), kEarly);
+    const std::size_t one = budget.used();
+    EXPECT_GT(one, 100U);
+    hidden.add(std::string(100, 'k'), kLate);
+    EXPECT_EQ(budget.used(), one);
+    hidden.add(std::string(100, 'l'), kLate);
+    EXPECT_EQ(budget.used(), 2 * one);
+  }
+  EXPECT_EQ(budget.used(), 0U);
+}
+
+/// 300 documents of which some are deleted in the journal only.
+class HiddenFilterTest : public ::testing::Test {
+ protected:
+  static constexpr int kDocuments = 300;
+  using Hits = std::vector<std::pair<std::string, std::uint16_t>>;
+
+  HiddenFilterTest() {
+    store_.createCollection("c", "en");
+    for (int i = 0; i < kDocuments; ++i) {
+      const std::string n = std::to_string(i);
+      store_.queueDocument("c", {keyOf(i),
+                                 {{"[sortable]year", std::to_string(1990 + i % 9)}},
+                                 "red fox number " + n + (i % 3 == 0 ? " and a hound" : "")});
+    }
+    store_.updateIndex("c");
+    // Single ones, and those at both ends.
+    for (int i = 0; i < kDocuments; ++i) {
+      if (i < 5 || i % 7 == 1 || i > kDocuments - 5) store_.deleteDocument("c", keyOf(i));
+    }
+  }
+
+  static std::string keyOf(int i) { return "k" + std::to_string(i * 7919 % 1009); }
+
+  static StoreLimits limits() {
+    StoreLimits limits;
+    limits.hiddenKeys = 10000;
+    return limits;
+  }
+
+  static SearchQuery of(const std::string& text, HitOrder order) {
+    SearchQuery query;
+    query.text = text;
+    query.everything = text.empty();
+    query.order = order;
+    if (order == HitOrder::Value) query.sortBy = "year";
+    return query;
+  }
+
+  /// What all kinds of searches tell of the query.
+  std::vector<Hits> told(const std::string& text) {
+    std::vector<Hits> all;
+    for (const HitOrder order : {HitOrder::Score, HitOrder::Key, HitOrder::Value, HitOrder::Any}) {
+      Hits& hits = all.emplace_back();
+      const auto source = store_.search("c", of(text, order));
+      for (Hit hit; source->next(hit);) hits.emplace_back(hit.key, hit.milliScore);
+    }
+    Hits& numbers = all.emplace_back();
+    numbers.emplace_back("count", store_.count("c", of(text, HitOrder::Any)));
+    if (!text.empty()) numbers.emplace_back("hits", store_.estimate("c", text).hits);
+    Hits& visited = all.emplace_back();
+    store_.visit("c", of(text, HitOrder::Key),
+                 [&](const Document& document) { visited.emplace_back(document.key, 0); });
+    return all;
+  }
+
+  tq::test::TemporaryDirectory directory_;
+  LocalStore store_{directory_.path() / "data", limits()};
+};
+
+// Beyond a number of keys the filter is made in another way.
+TEST_F(HiddenFilterTest, FindsTheSameForFewKeysAndForMany) {
+  const std::vector<std::string> queries{"",
+                                         "fox",
+                                         "fox hound",
+                                         "fox OR hound",
+                                         "NOT hound",
+                                         "num*",
+                                         "year:1991",
+                                         "\"red fox\"",
+                                         "fox NOT hound",
+                                         "hound NEAR/5 number",
+                                         "nothing",
+                                         "number 17 OR 18",
+                                         "number 0 OR 299"};
+  std::vector<std::vector<Hits>> before;
+  for (const std::string& text : queries) before.push_back(told(text));
+  EXPECT_EQ(before.front().front().size(), before.front().back().size());
+  EXPECT_LT(before.front().front().size(), 260U);
+  for (int i = 0; i < 1000; ++i) store_.deleteDocument("c", "unknown" + std::to_string(i));
+  for (std::size_t i = 0; i < queries.size(); ++i)
+    EXPECT_EQ(told(queries[i]), before[i]) << queries[i];
+}
+
+TEST_F(HiddenFilterTest, NothingIsFoundWhenAllIsHidden) {
+  for (int i = 0; i < 1000; ++i) store_.deleteDocument("c", "unknown" + std::to_string(i));
+  for (int i = 0; i < kDocuments; ++i) store_.deleteDocument("c", keyOf(i));
+  for (const char* text : {"", "fox", "fox OR hound"}) {
+    for (const Hits& hits : told(text)) {
+      for (const auto& [what, number] : hits) EXPECT_EQ(number, 0U) << what;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace corvaned
