@@ -113,6 +113,7 @@ BatchMemory::BatchMemory(const std::filesystem::path& collection, MemoryBudget::
   const std::string bytes{std::istreambuf_iterator<char>(file), {}};
   if (!decode(bytes)) throwDamaged({path_, 0, "what is known of batches cannot be read"});
   hasFile_ = true;
+  if (!now_.names.empty()) inFile_ = now_;
 }
 
 std::filesystem::path BatchMemory::pathIn(const std::filesystem::path& collection) {
@@ -121,56 +122,75 @@ std::filesystem::path BatchMemory::pathIn(const std::filesystem::path& collectio
 
 std::optional<BatchMemory::Known> BatchMemory::find(const std::string& name) const {
   const std::lock_guard lock(mutex_);
-  const auto found = known_.find(name);
-  return found == known_.end() ? std::nullopt : std::optional(found->second);
+  const auto found = now_.known.find(name);
+  return found == now_.known.end() ? std::nullopt : std::optional(found->second);
 }
 
 bool BatchMemory::isOld(const std::string& name) const {
   const auto numbered = numberedName(name);
   if (!numbered) return false;
   const std::lock_guard lock(mutex_);
-  const auto found = series_.find(numbered->series);
-  return found != series_.end() && numbered->number <= found->second.number;
+  const auto found = now_.series.find(numbered->series);
+  return found != now_.series.end() && numbered->number <= found->second.number;
 }
 
 std::string BatchMemory::mark() const {
   const std::lock_guard lock(mutex_);
-  return mark_;
+  return now_.mark;
 }
 
 void BatchMemory::note(const BatchEntry& batch, std::uint64_t ticket) {
   const std::lock_guard lock(mutex_);
   remember(batch.name, {batch.digest, outcomeOf(batch), ticket});
-  if (!batch.changes.newMark.empty()) mark_ = batch.changes.newMark;
+  if (!batch.changes.newMark.empty()) now_.mark = batch.changes.newMark;
   ++notes_;
 }
 
-// The journal may bring batches that the file has, too; since it brings all that came later as
-// well, they are in their order in the end.
+// The journal may begin with batches from before the file was made. They push out others that the
+// file has, which would then count as old; so with its last one begins what it holds.
+void BatchMemory::replay(const BatchEntry& batch) {
+  note(batch, 0);
+  const std::lock_guard lock(mutex_);
+  if (inFile_ && batch.name == inFile_->names.back()) now_ = *inFile_;
+}
+
+void BatchMemory::endReplay() {
+  const std::lock_guard lock(mutex_);
+  inFile_.reset();
+}
+
 void BatchMemory::remember(const std::string& name, Known known) {
-  if (!known_.insert_or_assign(name, std::move(known)).second) std::erase(names_, name);
-  names_.push_back(name);
-  if (names_.size() > kBatches) forgetOldest();
-  memory_.force((known_.size() + series_.size()) * (kMaxBatchName + kCost));
+  if (!now_.known.insert_or_assign(name, std::move(known)).second) std::erase(now_.names, name);
+  now_.names.push_back(name);
+  use(name);
+  if (now_.names.size() > kBatches) forgetOldest();
+  memory_.force((now_.known.size() + now_.series.size()) * (kMaxBatchName + kCost));
+}
+
+void BatchMemory::use(const std::string& name) {
+  const auto numbered = numberedName(name);
+  if (!numbered) return;
+  const auto found = now_.series.find(numbered->series);
+  if (found != now_.series.end()) found->second.lastUse = ++uses_;
 }
 
 void BatchMemory::forgetOldest() {
-  known_.erase(names_.front());
-  if (const auto numbered = numberedName(names_.front())) {
+  now_.known.erase(now_.names.front());
+  if (const auto numbered = numberedName(now_.names.front())) {
     forget(numbered->series, numbered->number);
   }
-  names_.pop_front();
+  now_.names.pop_front();
 }
 
 void BatchMemory::forget(const std::string& series, std::uint64_t number) {
-  Series& known = series_[series];
+  Series& known = now_.series[series];
   known.number = std::max(known.number, number);
   known.lastUse = ++uses_;
-  if (series_.size() <= kSeries) return;
-  series_.erase(
-      std::min_element(series_.begin(), series_.end(), [](const auto& one, const auto& other) {
-        return one.second.lastUse < other.second.lastUse;
-      }));
+  if (now_.series.size() <= kSeries) return;
+  now_.series.erase(std::min_element(now_.series.begin(), now_.series.end(),
+                                     [](const auto& one, const auto& other) {
+                                       return one.second.lastUse < other.second.lastUse;
+                                     }));
 }
 
 std::optional<BatchMemory::Contents> BatchMemory::unsaved() const {
@@ -204,17 +224,17 @@ void BatchMemory::makeFile() {
 
 std::string BatchMemory::encoded() const {
   std::string bytes(kMagic);
-  appendText(bytes, mark_);
-  appendU32(bytes, static_cast<std::uint32_t>(names_.size()));
-  for (const std::string& name : names_) {
-    const Known& known = known_.at(name);
+  appendText(bytes, now_.mark);
+  appendU32(bytes, static_cast<std::uint32_t>(now_.names.size()));
+  for (const std::string& name : now_.names) {
+    const Known& known = now_.known.at(name);
     appendText(bytes, name);
     appendText(bytes, known.digest);
     appendU64(bytes, known.outcome.documents);
     appendU64(bytes, known.outcome.deletions);
     appendU64(bytes, known.outcome.unknown);
   }
-  std::vector<std::pair<std::string, Series>> series(series_.begin(), series_.end());
+  std::vector<std::pair<std::string, Series>> series(now_.series.begin(), now_.series.end());
   std::sort(series.begin(), series.end(), [](const auto& one, const auto& other) {
     return one.second.lastUse < other.second.lastUse;
   });
@@ -233,7 +253,7 @@ bool BatchMemory::decode(std::string_view bytes) {
   bytes.remove_suffix(kChecksumBytes);
   if (loadU32(checksum) != checksumOf(bytes)) return false;
   ByteReader reader(bytes.substr(kMagic.size()));
-  if (!takeText(reader, mark_)) return false;
+  if (!takeText(reader, now_.mark)) return false;
   for (auto left = reader.u32().value_or(0); left > 0; --left) {
     std::string name;
     Known known;

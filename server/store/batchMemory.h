@@ -61,6 +61,10 @@ class BatchMemory {
 
   /// In the order in which the batches were accepted. One that is known already is then the latest.
   void note(const BatchEntry& batch, std::uint64_t ticket);
+  /// What the journal brings when it is opened, from before and after the file was made.
+  void replay(const BatchEntry& batch);
+  /// The journal has brought all.
+  void endReplay();
 
   /// What the file has to hold, and what note() has brought by then.
   struct Contents {
@@ -82,9 +86,18 @@ class BatchMemory {
     std::uint64_t lastUse = 0;
   };
 
+  /// What is remembered.
+  struct State {
+    std::string mark;
+    std::deque<std::string> names;
+    std::unordered_map<std::string, Known> known;
+    std::unordered_map<std::string, Series> series;
+  };
+
   bool decode(std::string_view bytes);
   std::string encoded() const;
   void remember(const std::string& name, Known known);
+  void use(const std::string& name);
   void forgetOldest();
   void forget(const std::string& series, std::uint64_t number);
 
@@ -93,10 +106,9 @@ class BatchMemory {
   mutable std::mutex mutex_;
   // Guarded by mutex_.
   MemoryBudget::Share memory_;
-  std::string mark_;
-  std::deque<std::string> names_;
-  std::unordered_map<std::string, Known> known_;
-  std::unordered_map<std::string, Series> series_;
+  State now_;
+  // While the journal is read: what the file has, if it has any batch.
+  std::optional<State> inFile_;
   std::uint64_t uses_ = 0;
   std::uint64_t notes_ = 0;
   std::uint64_t savedNotes_ = 0;

@@ -92,13 +92,14 @@ Collection::Collection(std::string name, const std::filesystem::path& directory,
                  noteReplayed(segment, change);
                }),
       index_(directory, limits.index) {
+  batches_.endReplay();
   memory_.force(kOpenBytes + index_.bytesOfSums());
   const bool isManual = refresh_.mode == Refresh::Mode::Manual;
   overdue_ = !journal_.empty() && (!isManual || hidden_->size() > limits_.hiddenKeys);
 }
 
 void Collection::noteReplayed(std::uint64_t segment, const Change& change) {
-  if (change.kind == ChangeKind::Batch) batches_.note(*change.batch, 0);
+  if (change.kind == ChangeKind::Batch) batches_.replay(*change.batch);
   // Where changes are searchable when they are acknowledged, the index has lost the document
   // already, and may have a newer one of the same key.
   if (refresh_.mode == Refresh::Mode::Immediate) return;

@@ -146,11 +146,59 @@ TEST_F(BatchMemoryTest, WhatTheJournalBringsOnceMoreChangesNothing) {
   }
   BatchMemory memory = open();
   for (std::size_t i = count / 4; i <= count; ++i) {
-    memory.note(batch(numbered(i), "m" + numbered(i)), 0);
+    memory.replay(batch(numbered(i), "m" + numbered(i)));
   }
+  memory.endReplay();
   EXPECT_EQ(memory.mark(), "m" + numbered(count));
   EXPECT_FALSE(memory.find(numbered(count / 2)));
   for (std::size_t i = count / 2 + 1; i <= count; ++i) EXPECT_TRUE(memory.find(numbered(i))) << i;
+}
+
+// One of several clients may be slower than the others.
+TEST_F(BatchMemoryTest, BatchThatNeverCameIsNotOldBecauseTheJournalBringsThoseBeforeIt) {
+  const std::size_t count = BatchMemory::kBatches * 2;
+  const std::size_t missing = count - 1;
+  const std::size_t later = 10;
+  {
+    BatchMemory memory = open();
+    for (std::size_t i = 1; i <= count; ++i) {
+      if (i != missing) memory.note(batch(numbered(i), "m" + numbered(i)), 0);
+    }
+    save(memory);
+  }
+  BatchMemory memory = open();
+  for (std::size_t i = 1; i <= count + later; ++i) {
+    if (i != missing) memory.replay(batch(numbered(i), "m" + numbered(i)));
+  }
+  memory.endReplay();
+  EXPECT_FALSE(memory.isOld(numbered(missing)));
+  EXPECT_EQ(memory.mark(), "m" + numbered(count + later));
+  EXPECT_TRUE(memory.find(numbered(count + later)));
+  EXPECT_TRUE(memory.unsaved());
+  const std::size_t forgotten = count + later - BatchMemory::kBatches - 1;
+  EXPECT_TRUE(memory.isOld(numbered(forgotten)));
+  EXPECT_FALSE(memory.find(numbered(forgotten)));
+  EXPECT_TRUE(memory.find(numbered(forgotten + 1)));
+}
+
+TEST_F(BatchMemoryTest, SeriesThatIsUsedAgainIsNotTheOneUsedLongestAgo) {
+  BatchMemory memory = open();
+  const auto noteMany = [&](const std::string& name, std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+      memory.note(batch(name + std::to_string(i) + "x"), 0);
+    }
+  };
+  for (std::size_t i = 0; i < BatchMemory::kSeries; ++i) {
+    memory.note(batch("s" + std::to_string(i) + "-1"), 0);
+  }
+  noteMany("other", BatchMemory::kBatches);
+  memory.note(batch("new-1"), 0);
+  memory.note(batch("s0-2"), 0);
+  noteMany("another", BatchMemory::kBatches - 1);
+  EXPECT_TRUE(memory.isOld("new-1"));
+  EXPECT_TRUE(memory.find("s0-2"));
+  EXPECT_TRUE(memory.isOld("s0-1"));
+  EXPECT_FALSE(memory.isOld("s1-1")) << "it has made room";
 }
 
 TEST_F(BatchMemoryTest, EveryFlippedBitOfTheFileAndEachShorterOneIsDamage) {
