@@ -27,7 +27,7 @@ void IndexUpdate::count() {
   const std::uint64_t end = part_.bytesRead() + kBytesPerCount;
   while (part_.bytesRead() < end) {
     stop_();
-    const auto change = part_.next();
+    const auto change = next();
     if (!change) {
       counted_ = true;
       all_ = position_;
@@ -38,8 +38,17 @@ void IndexUpdate::count() {
     const auto [entry, isNew] = lastOfKey_.insert_or_assign(change->document.key, position_++);
     if (isNew) keyBytes_ += entry->first.size() + kKeyCost;
   }
-  memory_.force(keyBytes_);
+  memory_.force(keyBytes_ + bytesHeld_);
   if (!counted_) all_ = position_;
+}
+
+std::optional<Change> IndexUpdate::next() {
+  std::optional<Change> change = part_.next();
+  if (part_.bytesHeld() != bytesHeld_) {
+    bytesHeld_ = part_.bytesHeld();
+    memory_.force(keyBytes_ + bytesHeld_);
+  }
+  return change;
 }
 
 // Only the last change of each key counts. The earlier ones would cost time and could make a
@@ -55,7 +64,7 @@ bool IndexUpdate::apply() {
     return batch.size() < times * limits.batchChanges && bytes < times * limits.batchBytes;
   };
   while ((hasRoom(1) && part_.bytesRead() < end) || (hasRoom(2) && part_.isInsideBatch())) {
-    auto change = part_.next();
+    auto change = next();
     more = change.has_value();
     if (!more) break;
     if (lastOfKey_[change->document.key] != position_++) continue;

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -37,6 +38,7 @@ class IndexUpdate {
  private:
   void count();
   bool apply();
+  std::optional<Change> next();
 
   JournalPart part_;
   XapianIndex& index_;
@@ -45,6 +47,8 @@ class IndexUpdate {
   std::unordered_map<std::string, std::uint64_t> lastOfKey_;
   MemoryBudget::Share memory_;
   std::size_t keyBytes_ = 0;
+  // What the journal's part is known to hold.
+  std::size_t bytesHeld_ = 0;
   std::uint64_t position_ = 0;
   std::uint64_t all_ = 0;
   bool counted_ = false;

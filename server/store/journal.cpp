@@ -15,6 +15,16 @@
 namespace corvaned {
 namespace {
 
+// The texts, and the objects that they are in.
+std::size_t memoryOf(const SegmentPiece& entry) {
+  const BatchChanges& changes = entry.change.batch->changes;
+  std::size_t pairs = 0;
+  for (const Document& document : changes.documents) pairs += document.metadata.size();
+  return static_cast<std::size_t>(entry.bytes) + changes.documents.size() * sizeof(Document) +
+         pairs * sizeof(std::pair<std::string, std::string>) +
+         changes.deletions.size() * sizeof(std::string);
+}
+
 [[noreturn]] void throwFault(const JournalFault& fault) { throwDamaged(fault.damage); }
 
 }  // namespace
@@ -153,8 +163,7 @@ std::optional<Change> JournalPart::next() {
     if (taken_ >= changes) {
       bytesRead_ += entry_->bytes;
       place_ = entry_->place + entry_->bytes;
-      taken_ = 0;
-      entry_.reset();
+      dropEntry();
     }
     if (change) return change;
   }
@@ -169,7 +178,10 @@ bool JournalPart::readEntry() {
     if (!reader_) reader_.emplace(segment.path, place_);
     entry_ = reader_->next();
     if (!entry_) throwDamaged({segment.path, place_, "changes are missing"});
-    if (entry_->kind == SegmentPiece::Kind::Change) return true;
+    if (entry_->kind == SegmentPiece::Kind::Change) {
+      if (entry_->change.kind == ChangeKind::Batch) bytesHeld_ = memoryOf(*entry_);
+      return true;
+    }
     throwDamaged({segment.path, entry_->place, "this is not a change"});
   }
   return false;
@@ -187,14 +199,20 @@ Change JournalPart::takeChange() {
 
 void JournalPart::closeFile() {
   reader_.reset();
+  if (!isInsideBatch()) dropEntry();
+}
+
+void JournalPart::dropEntry() {
   entry_.reset();
+  taken_ = 0;
+  bytesHeld_ = 0;
 }
 
 void JournalPart::rewind() {
   current_ = 0;
   place_ = 0;
   bytesRead_ = 0;
-  taken_ = 0;
+  dropEntry();
   closeFile();
 }
 

@@ -45,8 +45,10 @@ class JournalPart {
   std::optional<Change> next();
   /// Begins again.
   void rewind();
-  /// Until next() is called again. A batch that has begun is then read once more.
+  /// Until next() is called again. A batch that has begun stays in memory.
   void closeFile();
+  /// About what that batch takes.
+  std::size_t bytesHeld() const { return bytesHeld_; }
   /// How much was read since the beginning. A batch counts at its end.
   std::uint64_t bytesRead() const { return bytesRead_; }
   /// Whether the next change belongs to the same batch as the last one.
@@ -55,6 +57,7 @@ class JournalPart {
  private:
   bool readEntry();
   Change takeChange();
+  void dropEntry();
 
   std::vector<Segment> segments_;
   std::size_t current_ = 0;
@@ -64,6 +67,7 @@ class JournalPart {
   // What stands at place_, and how many of its changes have been taken.
   std::optional<SegmentPiece> entry_;
   std::size_t taken_ = 0;
+  std::size_t bytesHeld_ = 0;
 };
 
 /// What a copy of a journal has to hold: so many bytes of each of these segments, with changes up

@@ -25,6 +25,10 @@ constexpr std::size_t kHeaderChecksumPlace = 28;
 constexpr std::size_t kHeader = 32;
 constexpr std::size_t kEarlierHeader = 12;
 
+// The lengths of its key and its content, and the number of its pairs.
+constexpr std::size_t kLeastDocument = 12;
+constexpr std::size_t kLeastText = 4;
+
 // Each of those that are counted takes some bytes.
 std::optional<std::uint32_t> takeCount(ByteReader& reader) {
   const auto count = reader.u32();
@@ -49,11 +53,16 @@ bool takeBatch(ByteReader& reader, BatchEntry& batch) {
   batch.unknown = *unknown;
   const auto documents = takeCount(reader);
   if (!documents) return false;
+  // Not more than there is room for, whatever a damaged entry says.
+  batch.changes.documents.reserve(
+      std::min<std::size_t>(*documents, reader.remaining() / kLeastDocument));
   for (std::uint32_t i = 0; i < *documents; ++i) {
     if (!takeDocument(reader, batch.changes.documents.emplace_back())) return false;
   }
   const auto deletions = takeCount(reader);
   if (!deletions) return false;
+  batch.changes.deletions.reserve(
+      std::min<std::size_t>(*deletions, reader.remaining() / kLeastText));
   for (std::uint32_t i = 0; i < *deletions; ++i) {
     if (!takeText(reader, batch.changes.deletions.emplace_back())) return false;
   }

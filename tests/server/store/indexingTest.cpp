@@ -276,6 +276,23 @@ TEST_F(IndexStepsTest, RefusedDocumentIsReportedAlsoIfTheJournalCannotBeCutOff) 
   EXPECT_EQ(collection_->takeOutcomes().size(), 1U);
 }
 
+TEST_F(IndexStepsTest, BatchThatIsDividedTakesMemoryBetweenItsSteps) {
+  limits_.index.memory = std::make_shared<MemoryBudget>(std::size_t{64} << 20U);
+  open();
+  Batch batch{"b1", {}, {}, false, {}};
+  for (int i = 0; i < 10; ++i) {
+    batch.changes.documents.push_back({"k" + std::to_string(i), {}, std::string(10000, 'x')});
+  }
+  collection_->apply(std::move(batch));
+  const std::size_t before = limits_.index.memory->used();
+  collection_->requestUpdate();
+  EXPECT_TRUE(collection_->indexStep());
+  EXPECT_EQ(collection_->estimate("xxx*", kExactHits).documents, 4U);
+  EXPECT_GT(limits_.index.memory->used(), before + 100000);
+  index();
+  EXPECT_EQ(limits_.index.memory->used(), before);
+}
+
 TEST_F(IndexStepsTest, WhoeverWaitsIsToldWhenTheCollectionIsDeleted) {
   collection_->add({"k", {}, "fox"});
   const std::shared_ptr<Ticket> ticket = collection_->requestUpdate();

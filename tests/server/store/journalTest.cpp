@@ -253,6 +253,28 @@ TEST_F(JournalTest, ChangesOfABatchAreReadOneByOneAndCountAtItsEnd) {
   }
 }
 
+TEST_F(JournalTest, BatchThatHasBegunIsNotReadOnceMore) {
+  Journal journal = open();
+  std::vector<Document> documents;
+  for (int i = 0; i < 7; ++i) {
+    documents.push_back({"k" + std::to_string(i), {}, std::string(1000, 'x')});
+  }
+  journal.append(batchOf("b", std::move(documents), {"k7", "k8", "k9"}));
+  JournalPart part = journal.read({}, journal.end());
+  EXPECT_EQ(part.bytesHeld(), 0U);
+  for (int i = 0; i < 10; ++i) {
+    const auto change = part.next();
+    ASSERT_TRUE(change);
+    EXPECT_EQ(change->document.key, "k" + std::to_string(i));
+    if (i == 9) break;
+    part.closeFile();
+    EXPECT_GT(part.bytesHeld(), 7000U);
+    std::filesystem::remove(segment(1));
+  }
+  EXPECT_EQ(part.bytesHeld(), 0U);
+  EXPECT_FALSE(part.next());
+}
+
 TEST_F(JournalTest, LastChangeIsDroppedWhereverItIsCutAndNothingElse) {
   {
     Journal journal = open();
