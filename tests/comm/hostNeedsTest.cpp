@@ -98,6 +98,16 @@ TEST_P(HostNeeds, AWaitThatIsGivenUpEndsTheExchangeWhereverItIs) {
   EXPECT_GT(cancelled, 0U);
 }
 
+TEST_P(HostNeeds, AConnectCanBeGivenUp) {
+  ScriptedNetwork network(silent());
+  network.ignoreConnects();
+  auto client = makeClient();
+  WaitingHost host{0, 1};
+  client->setWaitHook(&WaitingHost::wait, &host);
+  EXPECT_EQ(errorOfExchange(*client, kGetStatus), kCancelledId);
+  EXPECT_FALSE(client->isConnected());
+}
+
 TEST_P(HostNeeds, APauseBetweenAttemptsCanBeGivenUp) {
   ScriptedNetwork network(takes(1));
   auto client = makeClient();

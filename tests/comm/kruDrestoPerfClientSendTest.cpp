@@ -60,18 +60,22 @@ TEST(DrestoPerfClientSend, ASmallRequestLeavesInOneWrite) {
 }
 
 TEST(DrestoPerfClientSend, TheBytesOfADocumentStandInTheirOrder) {
-  ScriptedNetwork network(answer(kOk));
-  auto client = binaryClient();
-  Document document(kAddDocument, 5);
-  ClientResponse response;
-  client.sendAndRecvMesg(document.request, response);
-  RESTMessage message(u"127.0.0.1", document.request);
-  const std::string text = message.getSerializedHeader();
-  const std::string tail = enveloped("title") + enveloped("one") + enveloped("rowId") +
-                           enveloped("key") + enveloped("data") + enveloped("abcde");
-  EXPECT_EQ(network.connection(0).received,
-            word16(static_cast<unsigned int>(text.size())) + text + bigEndian(0) +
-                bigEndian(static_cast<std::uint32_t>(tail.size())) + tail);
+  const std::string content = "abcde";
+  for (const std::size_t length : {0U, 1U, 5U}) {
+    ScriptedNetwork network(answer(kOk));
+    auto client = binaryClient();
+    Document document(kAddDocument, length);
+    ClientResponse response;
+    client.sendAndRecvMesg(document.request, response);
+    RESTMessage message(u"127.0.0.1", document.request);
+    const std::string text = message.getSerializedHeader();
+    std::string tail =
+        enveloped("title") + enveloped("one") + enveloped("rowId") + enveloped("key");
+    if (length != 0) tail += enveloped("data") + enveloped(content.substr(0, length));
+    EXPECT_EQ(network.connection(0).received,
+              word16(static_cast<unsigned int>(text.size())) + text + bigEndian(0) +
+                  bigEndian(static_cast<std::uint32_t>(tail.size())) + tail);
+  }
 }
 
 TEST(DrestoPerfClientSend, TheLastDocumentIsHeaderAndTerminateRecordAndNothingIsRead) {
@@ -223,6 +227,13 @@ TEST(DrestoPerfClientSend, BodyChunksAreWritesOfTheirOwn) {
   EXPECT_EQ(network.writes(), 6U);
   client.sendBodyChunks("0123456789", 3, 0);
   EXPECT_EQ(network.writes(), 6U) << "nothing is written of nothing";
+  client.sendBodyChunks("x", 10, 1);
+  EXPECT_EQ(network.writes(), 7U);
+  for (const unsigned long size : {0UL, 1UL}) {
+    const std::size_t before = network.writes();
+    client.sendBodyChunks("abc", size, 3);
+    EXPECT_EQ(network.writes(), before + 3) << "a byte at a time is the least";
+  }
 }
 
 TEST(DrestoPerfClientSend, TheChunksBeforeOneThatFailsAreNotHeldBack) {
@@ -325,6 +336,7 @@ TEST(DrestoPerfClientSend, AMessageThatFoundNoMemoryIsNotSentWithTheNextOne) {
     ClientResponse response;
     EXPECT_EQ(errorOf([&] { client.sendAndRecvMesg(search, response); }).errorId,
               "ERR_CLIENT_INTERNAL");
+    EXPECT_EQ(client.getRequestOutcome(), tq::comm::RequestOutcome::NotSent);
   }
   EXPECT_EQ(runExchange(client, kGetStatus).statusCode, 1u);
   ASSERT_EQ(network.connections(), 2u);
@@ -420,6 +432,9 @@ TEST_F(DrestoPerfClientBatching, HoldsFortyNineMessagesAndWritesFifty) {
     for (int i = 0; i < 49; ++i) {
       all += queue(client, 1);
       ASSERT_EQ(network.writes(), static_cast<std::size_t>(round - 1)) << i;
+    }
+    if (round == 1) {
+      EXPECT_EQ(network.receives(), 0U) << "nobody looks at the connection";
     }
     all += queue(client, 1);
     ASSERT_LT(all.size(), static_cast<std::size_t>(round) * 10000) << "the bytes do not decide";
@@ -737,6 +752,85 @@ TEST_F(HeldQuestion, DoesNotLeaveItsReplyToAnExchange) {
   EXPECT_EQ(runExchange(client, kGetStatus).statusCode, 1u);
   EXPECT_EQ(network.connection(0).requests.size(), 1u);
   EXPECT_EQ(network.connections(), 2u);
+}
+
+TEST_F(HeldQuestion, CanBeReceivedByHandWhereItIsTheOnlyOneOnASoundConnection) {
+  ScriptedNetwork network(
+      Script().expectFramedRequest().send(kOk).expectFramedRequest().send(kOk).awaitClose());
+  auto client = binaryClient();
+  client.setNumRetries(0);
+  EXPECT_EQ(runExchange(client, kGetStatus).errorId, "");
+  client.useBufferedConnection(true);
+  client.send(question_);
+  EXPECT_EQ(network.writes(), 1U);
+  ClientResponse response;
+  // The reply before is finished, so that a receive has to be told of another.
+  EXPECT_EQ(raisedBy([&] { client.recvMesg(response); }).front().id, "ERR_CLIENT_INTERNAL");
+  EXPECT_EQ(network.writes(), 1U);
+}
+
+TEST_F(HeldQuestion, OfTwoIsNotWrittenByAReceiveThatIsRefused) {
+  ScriptedNetwork network(Script().expectFramedRequest().awaitClose());
+  auto client = binaryClient();
+  client.setNumRetries(0);
+  client.setTimeOut(100);
+  ClientResponse response;
+  auto search = requestFor(kStreamSearch);
+  // Nothing has come of its reply, whose parser waits for a header still.
+  EXPECT_EQ(raisedBy([&] { client.sendAndRecvMesg(search, response); }).front().id,
+            "ERR_SERVER_COMM_TIMEOUT");
+  client.close();
+  client.open();
+  client.useBufferedConnection(true);
+  client.send(question_);
+  client.send(question_);
+  const std::size_t before = network.writes();
+  EXPECT_EQ(raisedBy([&] { client.recvMesg(response); }).front().id, "ERR_INVALID_STATE");
+  EXPECT_EQ(network.writes(), before);
+}
+
+TEST_F(HeldQuestion, IsWrittenAndAnsweredByAReceiveByHand) {
+  for (const bool sound : {true, false}) {
+    ScriptedNetwork network(
+        {Script().expectFramedRequest().awaitClose(),
+         Script().send(sound ? "" : "?").expectFramedRequest().send(kOk).awaitClose()});
+    auto client = binaryClient();
+    client.setNumRetries(0);
+    client.setTimeOut(100);
+    ClientResponse response;
+    auto create = requestFor(kCreateCollection);
+    EXPECT_EQ(raisedBy([&] { client.sendAndRecvMesg(create, response); }).front().id,
+              "ERR_SERVER_COMM_TIMEOUT");
+    client.close();
+    client.open();
+    char taken = '\0';
+    if (!sound) client.readOnce(&taken, 0, 1, false);
+    client.useBufferedConnection(true);
+    client.send(question_);
+    const std::size_t before = network.writes();
+    const Raised raised = raisedBy([&] { client.recvMesg(response); });
+    EXPECT_EQ(raised.empty(), sound);
+    EXPECT_EQ(network.writes(), before + (sound ? 1 : 0));
+  }
+}
+
+/// The queue of documents is with a connection that the peer has closed.
+TEST_F(DrestoPerfClientBatching, AQueueWhoseConnectionIsGoneWhenItIsDueIsNotWrittenElsewhere) {
+  ScriptedNetwork network({Script().expectFramedRequest().expectFramedRequest(),
+                           Script().expectFramedRequest().expectFramedRequest().awaitClose()});
+  auto client = binaryClient();
+  batching(client);
+  client.setQueueOnOneConnection(true);
+  EXPECT_EQ(runExchange(client, kAsynchAddDocument).errorId, "");
+  EXPECT_EQ(runExchange(client, kLastDocSent).errorId, "");
+  EXPECT_EQ(network.writes(), 1U);
+  EXPECT_EQ(runExchange(client, kAsynchAddDocument).errorId, "") << "held back, unseen";
+  EXPECT_EQ(runExchange(client, kLastDocSent).errorId, "ERR_SERVER_COMM_SEND");
+  EXPECT_EQ(network.writes(), 1U);
+  client.setQueueOnOneConnection(true);
+  EXPECT_EQ(runExchange(client, kLastDocSent).errorId, "");
+  ASSERT_EQ(network.connections(), 2U);
+  EXPECT_EQ(network.connection(1).requests.size(), 2U) << "the refused one is not among them";
 }
 
 TEST_F(HeldQuestion, IsNotSentToAPeerThatHasClosed) {

@@ -1,16 +1,20 @@
 // What a binary client reads, and what it reports when it cannot.
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
+#include <functional>
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "comm/kruDrestoPerfClient.h"
 #include "comm/kruRESTException.h"
 #include "infra/oss/kruNLSException.h"
 #include "tests/comm/binaryFixture.h"
+#include "tests/support/endedThread.h"
 #include "tests/support/raised.h"
 #include "tests/support/scriptedServer.h"
 
@@ -21,6 +25,7 @@ using tq::comm::ClientRequest;
 using tq::comm::ClientResponse;
 using tq::comm::CorvaneRESTClient;
 using tq::comm::DrestoPerfClient;
+using tq::comm::RequestOutcome;
 
 constexpr auto kFile = "kruDrestoPerfClient";
 constexpr auto kUnknownError = "unknown error from sendandrecvMesgOnce";
@@ -47,6 +52,17 @@ Raised exchange(CorvaneRESTClient& client, int kind) {
 
 Raised receive(CorvaneRESTClient& client, ClientResponse& response) {
   return raisedBy([&] { client.recv(response); });
+}
+
+/// The reason is for people; arguments say which server it was.
+void expectRefusal(const std::string& id, const std::string& reason,
+                   const std::function<void()>& call) {
+  const Raised raised = raisedBy(call);
+  ASSERT_EQ(raised.size(), 1U);
+  EXPECT_EQ(raised[0].id, id);
+  EXPECT_EQ(raised[0].text, reason);
+  EXPECT_EQ(raised[0].arguments, kHostAndPort);
+  EXPECT_EQ(raised[0].file, kFile);
 }
 
 Script segments(const std::vector<std::string>& pieces) {
@@ -345,6 +361,42 @@ TEST(DrestoPerfClient, AFirstPortionWithoutAWholeRecordFailsAndNothingMoreIsRead
       EXPECT_EQ(response.getResultCount(), 0);
       EXPECT_EQ(receive(client, response), kInProgress);
     }
+  }
+}
+
+TEST(DrestoPerfClient, AFirstPortionIsMadeWholeByWhatHasArrivedSince) {
+  const std::string hit = plainHit("a key");
+  for (std::size_t cut = 1; cut < hit.size(); ++cut) {
+    ScriptedNetwork network(segments({kOk + hit.substr(0, cut), hit.substr(cut) + endOfResults()}));
+    auto client = binaryClient();
+    ClientResponse response;
+    EXPECT_EQ(exchange(client, kStreamSearch, response), Raised()) << cut;
+    EXPECT_EQ(idsHeld(response), ids({"a key"}));
+  }
+}
+
+TEST(DrestoPerfClient, AReplyThatGoesOnWithoutAWholeEnvelopeIsRefused) {
+  // The parser takes this status for its own mark of an envelope that is not whole, and leaves its
+  // payload with all that follows.
+  constexpr unsigned int kMark = 9;
+  for (const std::size_t following : {3U, 4U}) {
+    const std::string marked = envelope(kMark, std::string(65535, 'x'));
+    Script script;
+    script.expectFramedRequest().send(kOk + plainHit("a"));
+    script.send(marked + std::string(following, 'x'));
+    ScriptedNetwork network(script);
+    auto client = binaryClient();
+    ClientResponse response;
+    EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
+    Raised raised;
+    while (raised.empty() && !client.isEndOfStream()) raised = receive(client, response);
+    EXPECT_TRUE(client.isEndOfStream());
+    EXPECT_TRUE(client.isTruncated());
+    ASSERT_EQ(raised.size(), following == 4 ? 1U : 0U);
+    if (raised.empty()) continue;
+    EXPECT_EQ(raised[0].id, "ERR_CLIENT_RESP_PARSING");
+    EXPECT_EQ(raised[0].text, "the reply goes on without a whole envelope");
+    EXPECT_EQ(raised[0].arguments, kHostAndPort);
   }
 }
 
@@ -660,9 +712,8 @@ TEST(DrestoPerfClient, ReceivingBeforeAnyExchangeIsRefused) {
   auto client = binaryClient();
   client.open();
   ClientResponse response;
-  const auto raised = receive(client, response);
-  ASSERT_EQ(raised.size(), 1U);
-  EXPECT_EQ(raised.front().id, "ERR_INVALID_STATE");
+  EXPECT_EQ(receive(client, response), kInProgress);
+  expectRefusal("ERR_INVALID_STATE", "there was no exchange", [&] { client.recvMesg(response); });
 }
 
 TEST(DrestoPerfClient, ReceivingAfterAFailedExchangeIsRefusedUntilOneSucceeds) {
@@ -701,6 +752,17 @@ TEST(DrestoPerfClient, AHeaderIsNotReadForAParserThatIsFinished) {
             (Raised{{"ERR_CLIENT_INTERNAL", kFile, 357}}));
 }
 
+TEST(DrestoPerfClient, AHeaderIsNotReadInTheMiddleOfAReply) {
+  ScriptedNetwork network(answer(kOk));
+  auto client = binaryClient();
+  client.setNumRetries(0);
+  client.setTimeOut(100);
+  ClientResponse response;
+  EXPECT_EQ(exchange(client, kStreamSearch, response).front().id, "ERR_SERVER_COMM_TIMEOUT");
+  expectRefusal("ERR_INVALID_STATE", "the reply header of the last exchange was read already",
+                [&] { client.recvMesg(response); });
+}
+
 TEST(DrestoPerfClient, AStreamThatWasAbandonedIsNotTakenForTheNextReply) {
   ScriptedNetwork network({segments({kOk + plainHit("a"), plainHit("b") + endOfResults()}),
                            answer(nextBinaryReply().text)},
@@ -708,6 +770,116 @@ TEST(DrestoPerfClient, AStreamThatWasAbandonedIsNotTakenForTheNextReply) {
   auto client = binaryClient();
   EXPECT_EQ(exchange(client, kStreamSearch), Raised());
   EXPECT_FALSE(client.isEndOfStream());
+  EXPECT_EQ(runBinary(client, nextBinaryReply().kind), nextBinaryReply().expected);
+  EXPECT_EQ(network.connections(), 2U);
+}
+
+TEST(DrestoPerfClient, BytesBehindAReplyCostItsConnection) {
+  const std::string error = word16(6) + errorRecord({{"MsgId", "ZVK1"}, {"MsgText", "t"}});
+  for (const auto& [kind, reply] : std::vector<std::pair<int, std::string>>{
+           {kStreamSearch, kOk + plainHit("a") + endOfResults()}, {kGetStatus, error}}) {
+    ScriptedNetwork network({answer(reply + "stray"), answer(nextBinaryReply().text)});
+    auto client = binaryClient();
+    client.setNumRetries(0);
+    EXPECT_EQ(exchange(client, kind), Raised());
+    EXPECT_EQ(runBinary(client, nextBinaryReply().kind), nextBinaryReply().expected);
+    EXPECT_EQ(network.connections(), 2U) << kind;
+  }
+}
+
+TEST(DrestoPerfClient, ACodeWithoutABodyKeepsItsConnection) {
+  ScriptedNetwork network(Script()
+                              .expectFramedRequest()
+                              .send(word16(401))
+                              .expectFramedRequest()
+                              .send(nextBinaryReply().text)
+                              .awaitClose());
+  auto client = binaryClient();
+  client.setNumRetries(0);
+  EXPECT_EQ(exchange(client, kStreamSearch).front().id, "ERR_SERVER_INVALID_AUTH");
+  EXPECT_EQ(runBinary(client, nextBinaryReply().kind), nextBinaryReply().expected);
+  EXPECT_EQ(network.connections(), 1U);
+}
+
+TEST(DrestoPerfClient, ASingleAttemptIsOneOfItsOwnRequest) {
+  ScriptedNetwork network(Script()
+                              .expectFramedRequest()
+                              .send(kOk + plainHit("a") + endOfResults())
+                              .expectFramedRequest()
+                              .send(word16(5))
+                              .awaitClose());
+  auto client = binaryClient();
+  EXPECT_EQ(exchange(client, kStreamSearch), Raised());
+  auto request = requestFor(kGetStatus);
+  ClientResponse response;
+  client.sendAndRecvMesgOnce(request, response);
+  EXPECT_EQ(response.getStatusCode(), 1U);
+  EXPECT_EQ(client.getRequestOutcome(), RequestOutcome::Answered);
+  request.buildRequest(u"c1", ClientRequest::ADD_DOCUMENT, {});
+  request.setDocKey("key", 3);
+  EXPECT_EQ(raisedBy([&] { client.sendAndRecvMesgOnce(request, response); }).front().id,
+            "ERR_CLIENT_INTERNAL");
+  EXPECT_EQ(client.getRequestOutcome(), RequestOutcome::NotSent);
+  EXPECT_EQ(network.writes(), 2U);
+}
+
+TEST(DrestoPerfClient, ARefusedExchangeLeavesTheParserOfTheLastOne) {
+  for (int before = 1; before <= 3; ++before) {
+    Script script;
+    for (int i = 0; i < before; ++i) script.expectFramedRequest().send(kOk);
+    ScriptedNetwork network(script.expectFramedRequest().awaitClose());
+    auto client = binaryClient();
+    client.setNumRetries(0);
+    for (int i = 0; i < before; ++i) EXPECT_EQ(exchange(client, kGetStatus), Raised());
+    auto request = requestFor(kGetStatus);
+    request.getReqProperties().putProperty(u"long", icu::UnicodeString(70000, u'x', 70000));
+    ClientResponse response;
+    EXPECT_EQ(raisedBy([&] { client.sendAndRecvMesg(request, response); }).front().id,
+              "ERR_CLIENT_INTERNAL");
+    auto byHand = requestFor(kGetStatus);
+    client.send(byHand);
+    EXPECT_EQ(raisedBy([&] { client.recvMesg(response); }),
+              (Raised{{"ERR_CLIENT_INTERNAL", kFile, 357}}));
+  }
+}
+
+TEST(DrestoPerfClient, ANewExchangeDoesNotCountWhatTheLastOneCarried) {
+  // As many bytes as the reply to come has: none of them is waited for.
+  const std::string carried = plainHit("xyz").substr(0, endOfResults().size());
+  ScriptedNetwork network(
+      {segments({kOk + plainHit("a") + carried}), answer(kOk + endOfResults())});
+  auto client = binaryClient();
+  client.setTimeOut(100);
+  ClientResponse response;
+  EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
+  EXPECT_FALSE(client.isEndOfStream());
+  EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
+  EXPECT_TRUE(client.isEndOfStream());
+}
+
+TEST(DrestoPerfClient, AVersionInAnEnvelopeThatIsNoneEndsTheStream) {
+  ScriptedNetwork network({answer(kOk + envelope(7, "text")), answer(kOk)});
+  auto client = binaryClient();
+  client.setNumRetries(0);
+  EXPECT_EQ(exchange(client, kGetServerVersion), kFinished);
+  EXPECT_TRUE(client.isEndOfStream());
+  client.setTimeOut(100);
+  EXPECT_EQ(exchange(client, kGetServerVersion).front().id, "ERR_SERVER_COMM_TIMEOUT");
+  EXPECT_FALSE(client.isEndOfStream()) << "its body is still to come";
+}
+
+TEST(DrestoPerfClient, AStreamWithoutItsConnectionDoesNoHarmToTheNext) {
+  const std::string carried = plainHit("xyz").substr(0, 4);
+  ScriptedNetwork network(
+      {segments({kOk + plainHit("a") + carried}), answer(nextBinaryReply().text)});
+  auto client = binaryClient();
+  ClientResponse response;
+  EXPECT_EQ(exchange(client, kStreamSearch, response), Raised());
+  client.close();
+  client.open();
+  EXPECT_EQ(receive(client, response).front().id, "ERR_SERVER_PROTOCOL") << "an empty portion";
+  EXPECT_TRUE(client.isEndOfStream());
+  EXPECT_TRUE(client.isTruncated());
   EXPECT_EQ(runBinary(client, nextBinaryReply().kind), nextBinaryReply().expected);
   EXPECT_EQ(network.connections(), 2U);
 }
@@ -808,6 +980,27 @@ TEST(DrestoPerfClient, ATimeOutBetweenPortionsLosesNothing) {
 }
 
 // Over real sockets.
+
+TEST(DrestoPerfClient, AThreadThatEndsInAnExchangeOrAReceiveDoesSo) {
+  struct EndsItsThread : DrestoPerfClient {
+    using DrestoPerfClient::DrestoPerfClient;
+    void recvStream(ClientResponse& response) override {
+      if (ends) ::pthread_exit(PTHREAD_CANCELED);
+      DrestoPerfClient::recvStream(response);
+    }
+    bool ends = true;
+  };
+  ScriptedNetwork network(answer(kOk + plainHit("a")));
+  EndsItsThread client(u"127.0.0.1", 7);
+  auto request = requestFor(kStreamSearch);
+  ClientResponse response;
+  EXPECT_TRUE(endsItsThread([&] { client.sendAndRecvMesgOnce(request, response); }));
+  client.close();
+  client.ends = false;
+  client.sendAndRecvMesg(request, response);
+  client.ends = true;
+  EXPECT_TRUE(endsItsThread([&] { client.recv(response); }));
+}
 
 TEST(DrestoPerfClient, SpeaksOverLoopbackAsInMemory) {
   const auto reply = longSearch(kStreamSearch, 500);

@@ -187,6 +187,21 @@ TEST_P(RequestOutcomes, AreAnAnswerWhenALaterAttemptIsAnswered) {
   EXPECT_EQ(timesSeen(network.journal(), 1), 2U);
 }
 
+TEST_P(RequestOutcomes, OfAKindThatNeedsNoQueueDoNotDependOnTheQueueUnderWay) {
+  client->setQueueOnOneConnection(true);
+  EXPECT_EQ(runMarked(*client, {kAsynchAddDocument}).errorId, "");
+  client->close();
+  network.plan(Entry::Connect, 1, error(ECONNREFUSED));
+  EXPECT_EQ(runMarked(*client, {kStreamSearch}).outcome, RequestOutcome::Answered);
+}
+
+TEST_P(RequestOutcomes, DoNotSufferFromALookAtTheConnectionThatFails) {
+  EXPECT_EQ(runMarked(*client, {kGetStatus}).outcome, RequestOutcome::Answered);
+  network.plan(Entry::Recv, 1, error(ENOBUFS));
+  EXPECT_EQ(runMarked(*client, {kGetStatus}).outcome, RequestOutcome::Answered);
+  EXPECT_EQ(network.connectTimes().size(), 2U) << "what it was about is not used again";
+}
+
 TEST_P(RequestOutcomes, AreThatNothingWasSentWhenNoAttemptGotThrough) {
   network.options().connectError = ECONNREFUSED;
   client->setNumRetries(5);
