@@ -23,6 +23,7 @@
 #include "tests/support/replyCorpus.h"
 #include "tests/support/scriptedNetwork.h"
 #include "tests/support/scriptedServer.h"
+#include "tests/support/waitingHost.h"
 
 namespace {
 
@@ -465,6 +466,31 @@ TEST(DeadlineOverHttp, BoundsAllPortionsThatOneCallPullsTogether) {
   EXPECT_GT(timeouts, 0U);
   EXPECT_EQ(response.getSearchResponse().count(), resultsOf(Protocol::Http, marked).size());
   EXPECT_FALSE(client->isTruncated());
+}
+
+/// Switches the client's time-out off while it waits for it.
+struct SwitchesTimeOutOff : WaitingHost {
+  tq::comm::CorvaneRESTClient* client = nullptr;
+
+  static tq::oss::WaitResult wait(void* host, int fd, short events, int timeoutMillis) noexcept {
+    auto& self = *static_cast<SwitchesTimeOutOff*>(host);
+    self.client->setTimeOut(0);
+    return WaitingHost::wait(&self, fd, events, timeoutMillis);
+  }
+};
+
+TEST(TimeOutOverHttp, ThatIsSwitchedOffInAWaitHoldsForThatWaitAlone) {
+  auto network = optionsOf(Protocol::Http);
+  network.dripMillis = 1000;
+  FaultNetwork faulty(network, answererOf(Protocol::Http));
+  const auto client = clientOf(Protocol::Http);
+  client->setNumRetries(0);
+  client->setTimeOut(2500);
+  SwitchesTimeOutOff host;
+  host.client = client.get();
+  client->setWaitHook(&SwitchesTimeOutOff::wait, &host);
+  const MarkedRequest marked{kGetStatus, 42};
+  EXPECT_EQ(runMarked(*client, marked).results, resultsOf(Protocol::Http, marked));
 }
 
 // An estimate brings no results that would end a loop over its portions, so that the peer could
