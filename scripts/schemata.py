@@ -69,7 +69,8 @@ class Schema:
 
     def find_bodies(self):
         for begin in mutations.bodies(self.found):
-            if begin in self.partner:
+            # Nobody comes by what stands in front of the first label of a switch.
+            if begin in self.partner and self.found[self.head_of(begin)].text != "switch":
                 yield begin, self.partner[begin]
 
     def body_of(self, mutation):

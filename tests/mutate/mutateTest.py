@@ -60,6 +60,15 @@ class FindsPlaces(unittest.TestCase):
         self.assertIn("bool b() { return 1 == 2; }", changed)
 
 
+class Bodies(unittest.TestCase):
+    def test_whoever_runs_a_function_may_come_by_a_label_of_its_switch(self):
+        source = "int f(int a) { switch (a) { case 1: return 2; default: return 3; } }"
+        schema = schemata.Schema(source, 1)
+        label = next(mutation for mutation in schema.mutations if mutation.old == "1")
+        begin, _ = schema.body_of(label)
+        self.assertEqual(source.index("{"), schema.found[begin].start)
+
+
 class Guards(unittest.TestCase):
     """Behind its number a mutation does what it does when it is made by itself."""
 
