@@ -866,6 +866,12 @@ TEST(DrestoPerfResponse, TellsWhereAnErrorRecordEnds) {
   }
 }
 
+TEST(DrestoPerfResponse, WhereNoResultsAreExpectedAnyBytesAreWhole) {
+  auto fed = inBody(kCreateCollection, kSuccess);
+  EXPECT_TRUE(fed.parser.holdsWholeUnit("", 0));
+  EXPECT_FALSE(inBody(kStreamSearch, kSuccess).parser.holdsWholeUnit("", 0));
+}
+
 TEST(DrestoPerfResponse, TakesNothingElseForAnErrorOfTheServer) {
   const auto text = inBody(kGetServerVersion, kSuccess);
   EXPECT_FALSE(unitOf(text.parser, envelope(1, "12.1")).error);
