@@ -6,6 +6,7 @@
 #include "server/base/documentForm.h"
 #include "server/base/errors.h"
 #include "server/base/requestContext.h"
+#include "server/store/exclusiveOr.h"
 #include "server/store/hitLists.h"
 #include "server/store/hitTexts.h"
 #include "server/store/interruption.h"
@@ -153,7 +154,7 @@ std::unique_ptr<HitSource> IndexReader::match(const SearchQuery& query,
   // Their metadata may have names that the query is the first to ask for.
   IndexNames names(database_);
   std::vector<Xapian::Document> made = indexed(documents, names);
-  const Xapian::Query words = wordsOf(query, names, limits);
+  const Xapian::Query words = forSeveralDatabases(wordsOf(query, names, limits));
   Xapian::Database both(database_);
   both.add_database(
       passingDocuments(std::move(made), words, normalizeText(query.text), names.slotCount()));

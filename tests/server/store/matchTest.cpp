@@ -190,6 +190,42 @@ TEST_F(MatchTest, EndsWithItsRequest) {
   EXPECT_THAT(matched("fox", texts).refusal, HasSubstr("client has gone"));
 }
 
+// The engine crashes on an XOR over what is stored and what is matched.
+TEST_F(MatchTest, XorIsAnsweredWithoutRanking) {
+  store_->createCollection("c", "en");
+  add({"stored", {}, "rat"});
+  store_->updateIndex("c");
+  const Documents texts{
+      {"all", {}, "fox hound owl"}, {"one", {}, "fox"}, {"two", {}, "fox hound"}, {"z", {}, "rat"}};
+  for (const HitOrder order : {HitOrder::Score, HitOrder::Key}) {
+    const auto keys = [&](const std::string& text) {
+      SearchQuery query = raw(text);
+      query.order = order;
+      std::vector<std::string> found;
+      for (const auto& [key, score] : listOf(store_->match("c", query, texts)))
+        found.push_back(key);
+      return found;
+    };
+    using ::testing::UnorderedElementsAre;
+    EXPECT_THAT(keys("fox XOR hound"), UnorderedElementsAre("one"));
+    EXPECT_THAT(keys("fo* XOR ho*"), UnorderedElementsAre("one"));
+    EXPECT_THAT(keys("fox XOR hound XOR owl"), UnorderedElementsAre("all", "one"));
+    EXPECT_THAT(keys("rat OR (ho* XOR ow*)"), UnorderedElementsAre("two", "z"));
+    EXPECT_THAT(keys("cow XOR cat"), IsEmpty());
+  }
+}
+
+TEST_F(MatchTest, XorInXorIsRefusedBeforeItTakesAllMemory) {
+  store_->createCollection("c", "en");
+  const Documents texts{{"one", {}, "w7"}};
+  std::string nested = "w0";
+  for (int i = 1; i <= 40; ++i) nested = "w" + std::to_string(i) + " XOR (" + nested + ")";
+  EXPECT_THAT(matched(nested, texts).refusal, HasSubstr("XOR joins too many words"));
+  std::string flat = "w0";
+  for (int i = 1; i <= 40; ++i) flat += " XOR w" + std::to_string(i);
+  EXPECT_THAT(matched(flat, texts).refusal, IsEmpty());
+}
+
 // The random part: whatever the texts and the query, a match says what a search says once the texts
 // are in the collection.
 
