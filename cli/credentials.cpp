@@ -1,5 +1,7 @@
 #include "cli/credentials.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
@@ -16,7 +18,16 @@ namespace {
 constexpr const char* kEnvironment = "CORVANE_CREDENTIALS";
 constexpr std::size_t kLongest = 4096;
 
+// What is not a file, as the pipe that a shell makes for "<(...)", is only seen by whom it is for.
+void requirePrivate(const std::string& path) {
+  struct stat facts {};
+  if (::stat(path.c_str(), &facts) != 0 || !S_ISREG(facts.st_mode)) return;
+  if ((facts.st_mode & (S_IRWXG | S_IRWXO)) == 0) return;
+  throw OperationError("others than its owner can read or change " + path + "; \"chmod 600\" it");
+}
+
 std::string firstLineOf(const std::string& path) {
+  requirePrivate(path);
   std::ifstream file(path, std::ios::binary);
   std::string line(kLongest + 1, '\0');
   file.read(line.data(), static_cast<std::streamsize>(line.size()));

@@ -283,6 +283,8 @@ TEST_P(Program, BacksUpAndRestores) {
 class ProgramWithAccount : public Program {
  protected:
   static constexpr const char* kPassword = "correct: horse";
+  static constexpr auto kPrivate =
+      std::filesystem::perms::owner_read | std::filesystem::perms::owner_write;
 
   ProgramWithAccount() {
     EXPECT_EQ(runToEnd({CORVANED_PROGRAM, "user", "ada", "--users", users_, "--allow", "admin:*"},
@@ -300,6 +302,7 @@ class ProgramWithAccount : public Program {
   std::string path(const std::string& name) const { return directory_.path() / name; }
   void write(const std::string& name, const std::string& text) const {
     std::ofstream(path(name), std::ios::binary) << text;
+    std::filesystem::permissions(path(name), kPrivate);
   }
 
   Finished ask(std::vector<std::string> words, const std::string& input = {},
@@ -359,6 +362,21 @@ TEST_P(ProgramWithAccount, SendsNothingWithoutCredentialsThatCanBeRead) {
     EXPECT_THAT(finished.err, HasSubstr("cannot read " + name));
   }
   EXPECT_EQ(ask({"status"}, {}, {"/usr/bin/env", "CORVANE_CREDENTIALS="}).code, 2);
+}
+
+TEST_P(ProgramWithAccount, SendsNothingOfAFileThatOthersCanUse) {
+  using std::filesystem::perms;
+  for (const perms others : {perms::group_read, perms::group_write, perms::others_read}) {
+    std::filesystem::permissions(path("user"), kPrivate | others);
+    const Finished finished = ask({"create", "books", "--credentials", path("user")});
+    EXPECT_EQ(finished.code, 1) << finished.out;
+    EXPECT_THAT(finished.err, HasSubstr("change " + path("user") + "; \"chmod 600\" it\n"));
+  }
+  // A pipe has the mode of whoever made it, and no other reader.
+  const std::vector<std::string> shell{"/bin/sh", "-c", "file=$1; shift; cat \"$file\" | \"$@\"",
+                                       "sh", path("user")};
+  const Finished piped = ask({"create", "books", "--credentials", "/dev/stdin"}, {}, shell);
+  EXPECT_EQ(piped.code, 0) << piped.err;
 }
 
 INSTANTIATE_TEST_SUITE_P(Protocols, ProgramWithAccount, ::testing::Values("http", "binary"),
