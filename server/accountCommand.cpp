@@ -47,10 +47,15 @@ class HiddenInput {
     noted.sa_handler = noteInterruption;
     for (std::size_t i = 0; i < kEnding.size(); ++i) {
       ::sigaction(kEnding[i], &noted, &actions_[i]);
+      // Whoever started the program wants it to go on.
+      if (actions_[i].sa_handler == SIG_IGN) ::sigaction(kEnding[i], &actions_[i], nullptr);
     }
     ::tcgetattr(terminal_, &before_);
     termios silent = before_;
     silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    // A program that is stopped leaves the terminal as it is, and some shells make it show again
+    // what is typed once the program goes on.
+    silent.c_cc[VSUSP] = _POSIX_VDISABLE;
     ::tcsetattr(terminal_, TCSAFLUSH, &silent);
   }
   ~HiddenInput() {
@@ -67,7 +72,10 @@ class HiddenInput {
   void await() const {
     pollfd wanted{terminal_, POLLIN, 0};
     while (::ppoll(&wanted, 1, nullptr, &mask_) < 0) {
-      if (interrupted != 0) throw std::runtime_error("interrupted, no password was set");
+      if (interrupted != 0) {
+        std::cerr << "\n";
+        throw std::runtime_error("interrupted, no password was set");
+      }
       if (errno != EINTR) throw std::runtime_error("the password cannot be read");
     }
   }

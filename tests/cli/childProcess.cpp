@@ -6,7 +6,6 @@
 #include <stdlib.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <array>
@@ -107,10 +106,14 @@ void Terminal::type(const std::string& text) const {
   }
 }
 
-bool Terminal::echoes() const {
+bool Terminal::echoes() const { return (settings().c_lflag & ECHO) != 0; }
+
+bool Terminal::stopsPrograms() const { return settings().c_cc[VSUSP] != _POSIX_VDISABLE; }
+
+termios Terminal::settings() const {
   termios now{};
   if (::tcgetattr(inner_, &now) != 0) throw std::runtime_error("no terminal");
-  return (now.c_lflag & ECHO) != 0;
+  return now;
 }
 
 struct Child::Files {

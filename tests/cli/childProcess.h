@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <termios.h>
 
 #include <memory>
 #include <string>
@@ -30,10 +31,14 @@ class Terminal {
   void type(const std::string& text) const;
   /// Whether what is typed is shown.
   bool echoes() const;
+  /// Whether a key stops the program in the foreground.
+  bool stopsPrograms() const;
   /// What await() has read, of programs and, if it was shown, of what was typed.
   const std::string& shown() const { return written_; }
 
  private:
+  termios settings() const;
+
   int outer_;
   int inner_;
   std::string written_;

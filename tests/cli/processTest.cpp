@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -151,16 +153,49 @@ TEST_F(Password, IsNotShownAtTheTerminalAndWhatFollowsIs) {
 }
 
 TEST_F(Password, IsNotSetWhenItsTypingIsInterruptedAndTheTerminalIsAsBefore) {
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
     Terminal terminal;
     Child child(command(), terminal);
     terminal.await("Password: ");
     terminal.type("correct");
     child.signal(signal);
     EXPECT_EQ(child.finish().code, 1);
+    terminal.await("\ncorvaned: interrupted");
     EXPECT_TRUE(terminal.echoes());
     EXPECT_FALSE(std::filesystem::exists(users_));
   }
+}
+
+// A shell may make the terminal of a program that is stopped show again what is typed.
+TEST_F(Password, IsNotExposedByAKeyThatStopsThePrograms) {
+  Child child(command(), terminal_);
+  terminal_.await("Password: ");
+  EXPECT_FALSE(terminal_.stopsPrograms());
+  terminal_.type("correct\x1ahorse\n");
+  EXPECT_EQ(child.finish().code, 0);
+  EXPECT_TRUE(terminal_.stopsPrograms());
+}
+
+bool hasPendingSignals(pid_t process) {
+  std::ifstream status("/proc/" + std::to_string(process) + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("ShdPnd:")) return line.find_first_not_of("ShdPn:\t0") != line.npos;
+  }
+  throw std::runtime_error("no status of the program");
+}
+
+TEST_F(Password, IsAwaitedWhenSignalsThatAreIgnoredCome) {
+  std::vector<std::string> ignoring{"/bin/sh", "-c", "trap '' HUP QUIT; exec \"$@\"", "sh"};
+  for (const std::string& word : command()) ignoring.push_back(word);
+  Child child(ignoring, terminal_);
+  terminal_.await("Password: ");
+  child.signal(SIGHUP);
+  child.signal(SIGQUIT);
+  // What is typed while one is pending would be read before it is noticed.
+  while (hasPendingSignals(child.process())) std::this_thread::yield();
+  terminal_.type("correct horse\n");
+  EXPECT_EQ(child.finish().code, 0);
+  EXPECT_TRUE(std::filesystem::exists(users_));
 }
 
 class Interrupted : public ::testing::TestWithParam<int> {};
