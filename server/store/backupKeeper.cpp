@@ -313,25 +313,27 @@ std::vector<BackupKeeper::Move> BackupKeeper::movesOf(const Restoration& restora
 void BackupKeeper::placeAll(const std::vector<Move>& moves, const std::filesystem::path& fresh,
                             bool replacing) {
   std::size_t placed = 0;
-  try {
-    for (; placed < moves.size(); ++placed) {
-      const std::string& name = moves[placed].to;
-      place(name, fresh / directoryNameFor(name), replacing);
+  for (const Move& move : moves) {
+    const std::size_t before = placed;
+    try {
+      place(move.to, fresh / directoryNameFor(move.to), replacing, placed);
+    } catch (const std::exception& error) {
+      if (placed == 0) throw;
+      throw ServerError(ErrorKind::StorageFailed,
+                        fmt::format("{} of {} collections have been restored, in the order of "
+                                    "their names, {} {}: {}",
+                                    placed, moves.size(), placed == before ? "before" : "up to",
+                                    shown(move.to), error.what()));
     }
-  } catch (const std::exception& error) {
-    if (placed == 0) throw;
-    throw ServerError(ErrorKind::StorageFailed,
-                      fmt::format("{} of {} collections have been restored, in the order of their "
-                                  "names, before {}: {}",
-                                  placed, moves.size(), shown(moves[placed].to), error.what()));
   }
 }
 
 void BackupKeeper::place(const std::string& name, const std::filesystem::path& fresh,
-                         bool replacing) {
+                         bool replacing, std::size_t& placed) {
   Registry::Reservation reserved = house_.registry.reserve(name);
   if (!std::filesystem::exists(pathOf(name))) {
     std::filesystem::rename(fresh, pathOf(name));
+    ++placed;
     return syncDirectory(house_.collections);
   }
   if (!replacing) throwExists(name);
@@ -343,13 +345,18 @@ void BackupKeeper::place(const std::string& name, const std::filesystem::path& f
     throw ServerError(ErrorKind::TryAgain, "searches in the collection " + shown(name) +
                                                " take too long for it to be replaced; try again");
   }
-  replace(name, fresh);
+  const std::filesystem::path aside = replace(name, fresh);
+  ++placed;
+  syncDirectory(aside.parent_path());
+  syncDirectory(house_.collections);
+  house_.replaced(name);
 }
 
 // Whenever a crash comes, a whole collection has the name, and the old one is not removed by the
 // next start. A crash in the middle leaves the restored one aside.
-void BackupKeeper::replace(const std::string& name, const std::filesystem::path& fresh) {
-  const std::filesystem::path aside = freshAside(name);
+std::filesystem::path BackupKeeper::replace(const std::string& name,
+                                            const std::filesystem::path& fresh) {
+  std::filesystem::path aside = freshAside(name);
   std::filesystem::rename(fresh, aside);
   try {
     exchange(aside, pathOf(name));
@@ -358,9 +365,7 @@ void BackupKeeper::replace(const std::string& name, const std::filesystem::path&
     std::filesystem::rename(aside, fresh, ignored);
     throw;
   }
-  syncDirectory(aside.parent_path());
-  syncDirectory(house_.collections);
-  house_.replaced(name);
+  return aside;
 }
 
 std::filesystem::path BackupKeeper::freshAside(const std::string& name) const {

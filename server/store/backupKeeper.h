@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -76,8 +77,11 @@ class BackupKeeper {
   void restoreFrom(const Restoration& restoration, const StopCheck& stop);
   std::vector<Move> movesOf(const Restoration& restoration, const BackupManifest& manifest) const;
   void placeAll(const std::vector<Move>& moves, const std::filesystem::path& fresh, bool replace);
-  void place(const std::string& name, const std::filesystem::path& fresh, bool replace);
-  void replace(const std::string& name, const std::filesystem::path& fresh);
+  /// Adds one to `placed` as soon as the collection has its place; what is left may still fail.
+  void place(const std::string& name, const std::filesystem::path& fresh, bool replace,
+             std::size_t& placed);
+  /// Returns where the old one is.
+  std::filesystem::path replace(const std::string& name, const std::filesystem::path& fresh);
   std::filesystem::path freshAside(const std::string& name) const;
   std::filesystem::path pathOf(const std::string& name) const;
 

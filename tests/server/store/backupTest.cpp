@@ -24,14 +24,17 @@
 
 #include "server/base/errors.h"
 #include "server/base/requestContext.h"
+#include "server/store/backupKeeper.h"
 #include "server/store/backupManifest.h"
 #include "server/store/checksum.h"
+#include "server/store/collection.h"
 #include "server/store/collectionCopy.h"
 #include "server/store/collectionOptions.h"
 #include "server/store/files.h"
 #include "server/store/indexRebuild.h"
 #include "server/store/localStore.h"
 #include "server/store/maintenance.h"
+#include "server/store/registry.h"
 #include "tests/server/store/fileSizeLimit.h"
 #include "tests/support/temporaryDirectory.h"
 
@@ -729,6 +732,39 @@ TEST_F(BackupTest, RestoreThatEndsInTheMiddleSaysHowFarItCame) {
   EXPECT_TRUE(texts("b").contains("new"));
   EXPECT_TRUE(texts("c").contains("new"));
   EXPECT_THAT(namesIn(data() / "before-restore"), ElementsAre("a.1"));
+}
+
+TEST_F(BackupTest, RestoreThatFailsBehindAReplacementCountsIt) {
+  for (const char* name : {"a", "b", "c"}) fill(name);
+  store_->backup("all", "");
+  for (const char* name : {"a", "b", "c"}) store_->addDocument(name, {"new", {}, "since"});
+  store_.reset();
+  Registry registry([](const std::string&) { return nullptr; });
+  const std::atomic<bool> stopping = false;
+  for (const std::string last : {"b", "a"}) {
+    BackupKeeper keeper(backups(), {data(), data() / "collections", registry, nullptr, nullptr,
+                                    stopping, [] { return std::vector<std::string>(); },
+                                    [&] {
+                                      std::filesystem::create_directory(data() / "fresh");
+                                      return data() / "fresh";
+                                    },
+                                    [&](const std::string& name) {
+                                      if (name == last)
+                                        throw ServerError(ErrorKind::StorageFailed, "full");
+                                    },
+                                    limits_.unusedWithin});
+    EXPECT_THAT(refusal(ErrorKind::StorageFailed,
+                        [&] {
+                          keeper.restore({"all", {}, {}, true});
+                        }),
+                AllOf(HasSubstr(last == "b" ? "2 of 3 collections" : "1 of 3 collections"),
+                      HasSubstr("up to \"" + last + "\": full")));
+  }
+  restart();
+  EXPECT_FALSE(texts("a").contains("new"));
+  EXPECT_FALSE(texts("b").contains("new"));
+  EXPECT_TRUE(texts("c").contains("new"));
+  EXPECT_THAT(namesIn(data() / "before-restore"), ElementsAre("a.1", "a.2", "b.1"));
 }
 
 TEST_F(BackupTest, RestoreThatCannotBeginMayBeTriedAgain) {
