@@ -48,6 +48,15 @@ CLI::Validator protocolName() {
       "");
 }
 
+// An empty one is most likely a variable that is not set: whom the environment names is not meant.
+CLI::Validator fileName() {
+  return CLI::Validator(
+      [](const std::string& text) -> std::string {
+        return text.empty() ? "an empty text is no file's name" : "";
+      },
+      "");
+}
+
 constexpr std::uint64_t kMaxDocuments = 999'999'999'999'999'999;
 
 constexpr const char* kRepeatable =
@@ -136,6 +145,7 @@ class Builder {
     app_.add_option("--credentials", settings.credentials,
                     "File with a token, or NAME:PASSWORD, in its first line\n(default: what "
                     "CORVANE_CREDENTIALS holds)")
+        ->check(fileName())
         ->option_text("FILE");
     app_.add_flag("--json", result_.json, "Print JSON Lines");
     app_.set_version_flag("--version", std::string("corvane ") + CORVANE_VERSION,

@@ -1,5 +1,6 @@
 #include "cli/credentials.h"
 
+#include <fmt/format.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -46,13 +47,16 @@ std::string base64(const std::string& bytes) {
   return text;
 }
 
-// The name of an account has no colon, and a token begins with one.
+// A token is NAME.SECRET, and neither of these has a colon.
 icu::UnicodeString authorizationOf(const std::string& credentials, const std::string& from) {
-  if (credentials.empty() || credentials.size() > kLongest) {
+  if (credentials.empty()) {
     throw UsageError(from + " holds no credentials: a token, or NAME:PASSWORD, in its first line");
   }
+  if (credentials.size() > kLongest) {
+    throw UsageError(fmt::format("{} holds more than {} bytes in its first line", from, kLongest));
+  }
   const bool hasPassword = credentials.find(':') != std::string::npos;
-  return headerValue("what " + from + " holds",
+  return headerValue("the token in " + from,
                      hasPassword ? "Basic " + base64(credentials) : "Bearer " + credentials);
 }
 

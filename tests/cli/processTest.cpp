@@ -115,10 +115,22 @@ TEST(Update, ShowsAtATerminalHowFarTheServerIs) {
       kEndMark;
   ScriptedServer server(std::vector{Script().expectRequest().stall().send(answer("")),
                                     Script().expectRequest().send(answer(report)).awaitClose()});
+  std::vector<std::string> command{"/usr/bin/env", "CORVANE_CREDENTIALS=reader.secret"};
+  for (const std::string& word : overHttp(server, {"update", "books"})) command.push_back(word);
   Terminal terminal;
-  Child child(overHttp(server, {"update", "books"}), terminal);
+  Child child(command, terminal);
   terminal.await("second");
   terminal.await("seconds, 1200 of 50000 changes are indexed");
+  // The question whether the other protocol is spoken has a connection, too, and no credentials.
+  std::size_t questions = 0;
+  for (std::size_t i = 0; i < server.connections(); ++i) {
+    for (const std::string& request : server.connection(i).requests) {
+      if (request.find("report: collection\n") == std::string::npos) continue;
+      ++questions;
+      EXPECT_THAT(request, HasSubstr("Authorization: Bearer reader.secret\n"));
+    }
+  }
+  EXPECT_GT(questions, 0U);
   server.release();
   const Finished finished = child.finish();
   EXPECT_EQ(finished.code, 0);

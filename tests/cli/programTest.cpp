@@ -6,6 +6,7 @@
 #include <fstream>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/cli/childProcess.h"
@@ -306,7 +307,8 @@ class ProgramWithAccount : public Program {
   }
 
   Finished ask(std::vector<std::string> words, const std::string& input = {},
-               const std::vector<std::string>& front = {}) const {
+               const std::vector<std::string>& front = {"/usr/bin/env", "-u",
+                                                        "CORVANE_CREDENTIALS"}) const {
     const auto port =
         std::string(GetParam()) == "http" ? server_->httpPort() : server_->binaryPort();
     words.insert(words.begin(),
@@ -349,11 +351,15 @@ TEST_P(ProgramWithAccount, IsWhoeverTheEnvironmentSaysUnlessThereIsAFile) {
 TEST_P(ProgramWithAccount, SendsNothingWithoutCredentialsThatCanBeRead) {
   write("empty", "\n");
   write("bad", std::string("to\0ken", 6));
-  write("long", std::string(5000, 'x'));
-  for (const char* name : {"empty", "bad", "long"}) {
+  write("long", std::string(4097, 'x'));
+  const std::vector<std::pair<std::string, std::string>> cases{
+      {"empty", " holds no credentials: "},
+      {"bad", " holds a line break or a NUL"},
+      {"long", " holds more than 4096 bytes in its first line\n"}};
+  for (const auto& [name, reason] : cases) {
     const Finished finished = ask({"status", "--credentials", path(name)});
     EXPECT_EQ(finished.code, 2) << name;
-    EXPECT_THAT(finished.err, HasSubstr(path(name)));
+    EXPECT_THAT(finished.err, HasSubstr(path(name) + reason));
     EXPECT_EQ(lineCount(finished.err), 1U);
   }
   for (const std::string& name : {path("none"), directory_.path().string()}) {
@@ -362,6 +368,9 @@ TEST_P(ProgramWithAccount, SendsNothingWithoutCredentialsThatCanBeRead) {
     EXPECT_THAT(finished.err, HasSubstr("cannot read " + name));
   }
   EXPECT_EQ(ask({"status"}, {}, {"/usr/bin/env", "CORVANE_CREDENTIALS="}).code, 2);
+  const std::string tooLong = "CORVANE_CREDENTIALS=" + std::string(4097, 'x');
+  EXPECT_THAT(ask({"status"}, {}, {"/usr/bin/env", tooLong}).err,
+              HasSubstr("CORVANE_CREDENTIALS holds more than 4096 bytes"));
 }
 
 TEST_P(ProgramWithAccount, SendsNothingOfAFileThatOthersCanUse) {
