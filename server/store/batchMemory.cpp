@@ -151,7 +151,19 @@ void BatchMemory::note(const BatchEntry& batch, std::uint64_t ticket) {
 void BatchMemory::replay(const BatchEntry& batch) {
   note(batch, 0);
   const std::lock_guard lock(mutex_);
-  if (inFile_ && batch.name == inFile_->names.back()) now_ = *inFile_;
+  if (inFile_ && endsAsFile()) now_ = *inFile_;
+}
+
+// A name alone does not tell: it may be used for another batch once it is forgotten, and what came
+// in between must stay.
+bool BatchMemory::endsAsFile() const {
+  const std::deque<std::string>& inFile = inFile_->names;
+  const auto count = static_cast<std::ptrdiff_t>(std::min<std::uint64_t>(notes_, inFile.size()));
+  return std::equal(inFile.rbegin(), inFile.rbegin() + count, now_.names.rbegin(),
+                    [this](const std::string& its, const std::string& replayed) {
+                      return its == replayed &&
+                             inFile_->known.at(its).digest == now_.known.at(replayed).digest;
+                    });
 }
 
 void BatchMemory::endReplay() {

@@ -96,6 +96,8 @@ class BatchMemory {
 
   bool decode(std::string_view bytes);
   std::string encoded() const;
+  /// Whether the latest batches that were replayed are the latest of the file.
+  bool endsAsFile() const;
   void remember(const std::string& name, Known known);
   void use(const std::string& name);
   void forgetOldest();

@@ -1,8 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "server/base/errors.h"
 #include "server/store/batchMemory.h"
@@ -179,6 +181,35 @@ TEST_F(BatchMemoryTest, BatchThatNeverCameIsNotOldBecauseTheJournalBringsThoseBe
   EXPECT_TRUE(memory.isOld(numbered(forgotten)));
   EXPECT_FALSE(memory.find(numbered(forgotten)));
   EXPECT_TRUE(memory.find(numbered(forgotten + 1)));
+}
+
+// The journal begins at the file's last batches, or behind them.
+TEST_F(BatchMemoryTest, NamesThatAreUsedAgainDoNotBringBackWhatTheFileHolds) {
+  for (std::size_t earlierOnes = 0; earlierOnes <= 2; ++earlierOnes) {
+    SCOPED_TRACE(earlierOnes);
+    const std::vector<BatchEntry> inFile{batch("before"), batch("again", "m1")};
+    {
+      BatchMemory memory = open();
+      for (const BatchEntry& entry : inFile) memory.note(entry, 0);
+      save(memory);
+    }
+    std::vector<BatchEntry> journal(inFile.end() - static_cast<std::ptrdiff_t>(earlierOnes),
+                                    inFile.end());
+    for (std::size_t i = 0; i < BatchMemory::kBatches; ++i) {
+      journal.push_back(batch("other" + std::to_string(i) + "x"));
+    }
+    journal.push_back(inFile.front());
+    journal.push_back(batch("again", "m2"));
+    journal.back().digest = "other content";
+    BatchMemory memory = open();
+    for (const BatchEntry& entry : journal) memory.replay(entry);
+    memory.endReplay();
+    EXPECT_TRUE(memory.find("other" + std::to_string(BatchMemory::kBatches - 1) + "x"));
+    EXPECT_EQ(memory.mark(), "m2");
+    const auto known = memory.find("again");
+    ASSERT_TRUE(known);
+    EXPECT_EQ(known->digest, "other content");
+  }
 }
 
 TEST_F(BatchMemoryTest, SeriesThatIsUsedAgainIsNotTheOneUsedLongestAgo) {
