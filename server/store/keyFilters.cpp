@@ -40,8 +40,10 @@ class Unhidden : public Xapian::PostingSource {
  public:
   explicit Unhidden(Hidden hidden) : hidden_(std::move(hidden)) {}
 
-  Xapian::doccount get_termfreq_min() const override { return least_; }
-  Xapian::doccount get_termfreq_est() const override { return least_; }
+  // More keys may come, and the index need not have those that there are: only a look-up of each
+  // would tell.
+  Xapian::doccount get_termfreq_min() const override { return 0; }
+  Xapian::doccount get_termfreq_est() const override { return least_ + (most_ - least_) / 2; }
   Xapian::doccount get_termfreq_max() const override { return most_; }
 
   void init(const Xapian::Database& database) override {

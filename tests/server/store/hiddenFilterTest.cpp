@@ -134,6 +134,16 @@ TEST_F(HiddenFilterTest, FindsTheSameForFewKeysAndForMany) {
     EXPECT_EQ(told(queries[i]), before[i]) << queries[i];
 }
 
+// Where few hits are counted, the rest is estimated.
+TEST_F(HiddenFilterTest, EstimatesStayNearWhenKeysAreHiddenThatTheIndexLacks) {
+  const std::uint64_t before = store_.estimate("c", "fox", 1).hits;
+  for (int i = 0; i < 1000; ++i) store_.deleteDocument("c", "unknown" + std::to_string(i));
+  const std::uint64_t after = store_.estimate("c", "fox", 1).hits;
+  EXPECT_GT(before, 200U);
+  EXPECT_GE(2 * after, before);
+  EXPECT_LE(after, 2 * before);
+}
+
 TEST_F(HiddenFilterTest, NothingIsFoundWhenAllIsHidden) {
   for (int i = 0; i < 1000; ++i) store_.deleteDocument("c", "unknown" + std::to_string(i));
   for (int i = 0; i < kDocuments; ++i) store_.deleteDocument("c", keyOf(i));
