@@ -461,6 +461,12 @@ JournalPosition Collection::closeSegment() {
   return end.bytes == 0 ? end : JournalPosition{journal_.rotate() + 1, 0};
 }
 
+// hiddenMutex_ is locked.
+template <typename IsGone>
+void Collection::showAgain(const IsGone& isGone) {
+  if (auto rest = hidden_->without(isGone, emptyShare(limits_))) hidden_ = std::move(rest);
+}
+
 void Collection::end(Job& job) {
   failed_ = false;
   const bool isRound = job.kind == Job::Kind::Round;
@@ -468,11 +474,13 @@ void Collection::end(Job& job) {
   restless_ = isRound;
   {
     const std::lock_guard lock(hiddenMutex_);
-    indexed_ = job.end;
     const auto isIn = [&](const std::string&, const JournalPosition& position) {
-      return position <= indexed_;
+      return position <= job.end;
     };
-    hidden_ = hidden_->without(isIn, emptyShare(limits_));
+    // First, since it may fail for want of memory: what has been deleted and added again would stay
+    // hidden if the update counted as done.
+    showAgain(isIn);
+    indexed_ = job.end;
   }
   pendingKeys_.forgetUpTo(job.end);
   // Before anything else can fail: no later update comes across them.
@@ -514,7 +522,7 @@ bool Collection::removeSome(Job& job) {
     const auto isRemoved = [&](const std::string& key, const JournalPosition&) {
       return std::binary_search(job.keys.begin(), job.keys.end(), key);
     };
-    hidden_ = hidden_->without(isRemoved, emptyShare(limits_));
+    showAgain(isRemoved);
   } catch (const std::exception& error) {
     if (!stopping_ && !retired_) spdlog::warn("collection {}: {}", shown(name_), error.what());
   }

@@ -197,6 +197,8 @@ class Collection {
   ServerError whyRetired() const;
   void requireGoingOn() const;
   void hide(JournalPosition position, const std::string& key);
+  template <typename IsGone>
+  void showAgain(const IsGone& isGone);
   Hidden hidden() const;
   std::shared_ptr<Ticket> requestRemoval();
   void requestRound();

@@ -13,11 +13,14 @@ constexpr std::size_t kKeyCost = 96;
 
 void HiddenKeys::add(const std::string& key, const JournalPosition& position) {
   const std::unique_lock lock(mutex_);
+  put(key, position);
+  memory_.force(keyBytes_);
+}
+
+void HiddenKeys::put(const std::string& key, const JournalPosition& position) {
   const auto [place, isNew] = positions_.try_emplace(key, position);
   place->second = std::max(place->second, position);
-  if (!isNew) return;
-  keyBytes_ += key.size() + kKeyCost;
-  memory_.force(keyBytes_);
+  if (isNew) keyBytes_ += key.size() + kKeyCost;
 }
 
 bool HiddenKeys::contains(const std::string& key) const {

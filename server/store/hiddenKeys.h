@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <memory>
 #include <shared_mutex>
@@ -29,18 +30,24 @@ class HiddenKeys {
   std::size_t size() const;
   std::vector<std::string> keys() const;
 
-  /// The same without those for which `isGone(key, position)` holds. `memory`: an empty share.
+  /// The same without those for which `isGone(key, position)` holds; null if it holds for none.
+  /// `memory`: an empty share.
   template <typename IsGone>
   std::shared_ptr<HiddenKeys> without(const IsGone& isGone, MemoryBudget::Share memory) const {
-    auto rest = std::make_shared<HiddenKeys>(std::move(memory));
     const std::shared_lock lock(mutex_);
-    for (const auto& [key, position] : positions_) {
-      if (!isGone(key, position)) rest->add(key, position);
+    const auto goes = [&](const auto& entry) { return isGone(entry.first, entry.second); };
+    if (std::none_of(positions_.begin(), positions_.end(), goes)) return nullptr;
+    auto rest = std::make_shared<HiddenKeys>(std::move(memory));
+    for (const auto& entry : positions_) {
+      if (!goes(entry)) rest->put(entry.first, entry.second);
     }
+    rest->memory_.force(rest->keyBytes_);
     return rest;
   }
 
  private:
+  void put(const std::string& key, const JournalPosition& position);
+
   mutable std::shared_mutex mutex_;
   // Guarded by mutex_.
   MemoryBudget::Share memory_;

@@ -34,6 +34,7 @@ TEST(HiddenKeys, HaveTheLastPlaceOfEachKey) {
   const auto rest = hidden.without(isEarly, {});
   EXPECT_THAT(rest->keys(), UnorderedElementsAre("k"));
   EXPECT_THAT(hidden.keys(), UnorderedElementsAre("k", "l")) << "a search may still need them";
+  EXPECT_FALSE(rest->without(isEarly, {})) << "there is nothing to copy";
 }
 
 TEST(HiddenKeys, TakeMemoryFromTheBudget) {
@@ -47,6 +48,11 @@ TEST(HiddenKeys, TakeMemoryFromTheBudget) {
     EXPECT_EQ(budget.used(), one);
     hidden.add(std::string(100, 'l'), kLate);
     EXPECT_EQ(budget.used(), 2 * one);
+    const auto isFirst = [](const std::string& key, const JournalPosition&) {
+      return key.starts_with('k');
+    };
+    const auto rest = hidden.without(isFirst, MemoryBudget::Share(budget));
+    EXPECT_EQ(budget.used(), 3 * one);
   }
   EXPECT_EQ(budget.used(), 0U);
 }
