@@ -1,8 +1,12 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <shared_mutex>
+#include <thread>
+
+#include "server/store/stopCheck.h"
 
 namespace corvaned {
 
@@ -17,20 +21,23 @@ class CommitGate {
   using Hold = std::shared_lock<std::shared_mutex>;
   using Passage = std::unique_lock<std::shared_mutex>;
 
-  /// No commit is made while it lives. Whoever has it must not wait for one.
+  /// No commit waits longer: the thread that makes it has other collections to update, too.
+  static constexpr std::chrono::milliseconds kPatience{1000};
+
+  explicit CommitGate(std::chrono::milliseconds patience = kPatience) : patience_(patience) {}
+
+  /// No commit is made while it lives, but for those that have waited long enough.
   Hold hold() {
     const std::lock_guard turn(turn_);
     return Hold(commits_);
   }
 
-  /// A commit may be made while it lives.
-  Passage pass() {
+  /// A commit may be made while it lives; it owns nothing if others still hold commits up. `stop`
+  /// throws to end the waiting.
+  Passage pass(const StopCheck& stop) {
     const std::lock_guard turn(turn_);
     Passage passage(commits_, std::try_to_lock);
-    if (passage) return passage;
-    waits_ = true;
-    passage.lock();
-    waits_ = false;
+    if (!passage) await(passage, stop);
     return passage;
   }
 
@@ -38,6 +45,29 @@ class CommitGate {
   bool isAwaited() const { return waits_; }
 
  private:
+  using Clock = std::chrono::steady_clock;
+
+  struct Waiting {
+    explicit Waiting(std::atomic<bool>& flag) : waits(flag) { waits = true; }
+    ~Waiting() { waits = false; }
+    Waiting(const Waiting&) = delete;
+    Waiting& operator=(const Waiting&) = delete;
+
+    std::atomic<bool>& waits;
+  };
+
+  void await(Passage& passage, const StopCheck& stop) {
+    const Waiting waiting(waits_);
+    const Clock::time_point end = Clock::now() + patience_;
+    while (!passage.try_lock() && Clock::now() < end) {
+      stop();
+      std::this_thread::sleep_for(kLookAgain);
+    }
+  }
+
+  static constexpr std::chrono::milliseconds kLookAgain{5};
+
+  const std::chrono::milliseconds patience_;
   std::mutex turn_;
   std::shared_mutex commits_;
   std::atomic<bool> waits_ = false;

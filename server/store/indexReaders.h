@@ -2,6 +2,7 @@
 
 #include <xapian.h>
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -23,25 +24,35 @@ class IndexReaders {
   /// How often commits may overtake a search. If that happens once more, they wait for it.
   static constexpr int kFreeAttempts = 4;
 
-  IndexReaders(std::filesystem::path path, const IndexLimits& limits)
-      : path_(std::move(path)), limits_(limits) {}
+  /// `patience`: how long a commit waits.
+  IndexReaders(std::filesystem::path path, const IndexLimits& limits,
+               std::chrono::milliseconds patience = CommitGate::kPatience)
+      : path_(std::move(path)), limits_(limits), commits_(patience) {}
 
   /// Runs `work` with a handle that sees what is there now. If a writer commits twice meanwhile,
   /// the handle's snapshot no longer exists and the database says so; then another attempt is made,
-  /// the last one without commits.
+  /// and commits wait for the last one.
   template <typename Work>
   auto run(const Work& work) {
+    return run(work, [] { return 0; });
+  }
+
+  /// The same for work that each attempt goes on with. `progress` tells how far it is: it may be
+  /// overtaken once more as long as that changes.
+  template <typename Work, typename Progress>
+  auto run(const Work& work, const Progress& progress) {
     std::unique_ptr<IndexReader> reader = takeIdle();
     for (int attempt = 1;; ++attempt) {
       CommitGate::Hold hold;
       if (attempt > kFreeAttempts) hold = commits_.hold();
+      const auto before = progress();
       try {
         refresh(reader);
         auto result = work(*reader);
         giveBack(std::move(reader));
         return result;
       } catch (const Xapian::DatabaseModifiedError&) {
-        if (hold) throw;
+        if (hold && progress() == before) throw;
       }
     }
   }

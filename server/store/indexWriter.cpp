@@ -59,7 +59,7 @@ void IndexWriter::commit(std::span<const Change> changes) {
     applyOne(change);
   }
   names_.storeIn(*database_);
-  const CommitGate::Passage passage = gate_ ? gate_->pass() : CommitGate::Passage();
+  const CommitGate::Passage passage = gate_ ? gate_->pass(stop_) : CommitGate::Passage();
   database_->commit_transaction();
   syncDirectory(path_);
 }

@@ -23,8 +23,8 @@ class IndexWriter {
   /// Makes an empty database there, durably, and returns its revision.
   static std::uint64_t create(const std::filesystem::path& path, const IndexForm& form);
 
-  /// `stop` throws to end a batch between two changes. Commits pass the gate; null: nobody searches
-  /// the database.
+  /// `stop` throws to end a batch between two changes, or while its commit waits to pass the gate.
+  /// Null: nobody searches the database.
   IndexWriter(std::filesystem::path path, const IndexLimits& limits, const StopCheck& stop,
               CommitGate* gate = nullptr)
       : path_(std::move(path)), limits_(limits), stop_(stop), gate_(gate) {}

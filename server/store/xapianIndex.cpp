@@ -78,8 +78,6 @@ std::vector<ParseOutcome> XapianIndex::applyBatch(std::span<const Change> change
   });
 }
 
-bool XapianIndex::commitWaits() const { return readers_->commits().isAwaited(); }
-
 void XapianIndex::endUpdate() { sums_->endChange(revision()); }
 
 std::uint64_t XapianIndex::revision() const {
@@ -175,17 +173,10 @@ void XapianIndex::visit(SearchQuery query, const Hidden& hidden,
     take(document);
   };
   const auto visitRest = [&](const IndexReader& reader) {
-    const std::uint64_t before = query.size;
-    try {
-      reader.visit(query, hidden, limits_, passOn);
-      return true;
-    } catch (const Xapian::DatabaseModifiedError&) {
-      if (query.size == before) throw;
-      return false;
-    }
+    reader.visit(query, hidden, limits_, passOn);
+    return true;
   };
-  while (!translated([&] { return readers_->run(visitRest); })) {
-  }
+  translated([&] { return readers_->run(visitRest, [&] { return query.size; }); });
 }
 
 std::vector<bool> XapianIndex::contain(std::span<const std::string> keys, const StopCheck& stop) {

@@ -61,8 +61,6 @@ class XapianIndex {
   /// documents that the database refuses. Throws if the storage fails, or what `stop` throws; part
   /// of the changes may then be applied, and applying all of them again is safe.
   std::vector<ParseOutcome> applyBatch(std::span<const Change> changes, const StopCheck& stop);
-  /// Whether a commit waits for a search that has been overtaken too often.
-  bool commitWaits() const;
   /// Brings new checksums to disk.
   void endUpdate();
   /// Applies any number of changes, in batches, and ends the update.

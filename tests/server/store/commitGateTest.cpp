@@ -1,26 +1,32 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <xapian.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <future>
 #include <mutex>
-#include <optional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "server/store/commitGate.h"
 #include "server/store/indexReaders.h"
-#include "server/store/xapianIndex.h"
+#include "server/store/indexWriter.h"
 #include "tests/support/temporaryDirectory.h"
 
 namespace corvaned {
 namespace {
 
-using ::testing::Each;
 using ::testing::ElementsAre;
 
+constexpr std::chrono::hours kForEver{1};
+const StopCheck kGoOn = [] {};
+
 TEST(CommitGate, CommitWaitsForThoseWhoHoldItUpAndGoesBeforeLaterOnes) {
-  CommitGate gate;
+  CommitGate gate(kForEver);
   std::mutex mutex;
   std::vector<std::string> order;
   const auto note = [&](const char* what) {
@@ -30,14 +36,17 @@ TEST(CommitGate, CommitWaitsForThoseWhoHoldItUpAndGoesBeforeLaterOnes) {
   CommitGate::Hold first = gate.hold();
   CommitGate::Hold second = gate.hold();
   std::jthread commit([&] {
-    const CommitGate::Passage passage = gate.pass();
+    const CommitGate::Passage passage = gate.pass(kGoOn);
     note("commit");
   });
   while (!gate.isAwaited()) std::this_thread::yield();
+  std::atomic<bool> laterComes = false;
   std::jthread later([&] {
+    laterComes = true;
     const CommitGate::Hold hold = gate.hold();
     note("later");
   });
+  while (!laterComes) std::this_thread::yield();
   note("first ends");
   first.unlock();
   EXPECT_TRUE(gate.isAwaited()) << "there is another one";
@@ -49,15 +58,35 @@ TEST(CommitGate, CommitWaitsForThoseWhoHoldItUpAndGoesBeforeLaterOnes) {
   EXPECT_FALSE(gate.isAwaited());
 }
 
+TEST(CommitGate, CommitThatWaitsCanBeStopped) {
+  CommitGate gate(kForEver);
+  const CommitGate::Hold hold = gate.hold();
+  auto commit = std::async(std::launch::async, [&] {
+    return gate.pass([] { throw std::runtime_error("stop"); }).owns_lock();
+  });
+  EXPECT_THROW(commit.get(), std::runtime_error);
+  EXPECT_FALSE(gate.isAwaited());
+  EXPECT_TRUE(gate.hold()) << "nothing stands in the way of later ones";
+}
+
+TEST(CommitGate, CommitGoesOnWhenItHasWaitedLongEnough) {
+  CommitGate gate(std::chrono::milliseconds(1));
+  CommitGate::Hold hold = gate.hold();
+  const auto commits = [&] { return gate.pass(kGoOn).owns_lock(); };
+  EXPECT_FALSE(std::async(std::launch::async, commits).get());
+  EXPECT_FALSE(gate.isAwaited());
+  hold.unlock();
+  EXPECT_TRUE(commits());
+}
+
 /// An index of several levels, of which a handle does not keep all.
 class OvertakenTest : public ::testing::Test {
  protected:
   static constexpr int kDocuments = 2000;
 
-  OvertakenTest() {
-    XapianIndex::create(directory_.path(), {"en", {}});
-    index_.emplace(directory_.path(), IndexLimits{});
-    index_->beginUpdate();
+  explicit OvertakenTest(std::chrono::milliseconds patience = kForEver)
+      : readers_(directory_.path(), limits_, patience) {
+    IndexWriter::create(directory_.path(), {"en", {}});
     commit(1);
     for (int i = 0; i < kDocuments; ++i) keys_.push_back(keyOf(i));
   }
@@ -67,26 +96,52 @@ class OvertakenTest : public ::testing::Test {
   }
 
   // Makes every so many documents anew, so that no part of the index stays as it is.
-  void commit(int step) {
+  void commit(int step, const StopCheck& stop = kGoOn) {
     std::vector<Change> changes;
     for (int i = 0; i < kDocuments; i += step) {
       changes.push_back({ChangeKind::Remove, {keyOf(i), {}, {}}});
       changes.push_back({ChangeKind::Put, {keyOf(i), {}, "fox"}});
     }
-    index_->applyBatch(changes, [] {});
+    IndexWriter(directory_.path(), limits_, stop, &readers_.commits()).apply(changes);
     ++commits_;
   }
 
+  bool commitWaits() { return readers_.commits().isAwaited(); }
+
   // As many commits as make an earlier snapshot unreadable, unless they have to wait.
-  void awaitCommits() const {
+  void awaitCommits() {
     const int enough = commits_ + 3;
-    while (commits_ < enough && !index_->commitWaits()) std::this_thread::yield();
+    while (commits_ < enough && !commitWaits()) std::this_thread::yield();
+  }
+
+  // Whether the index has all keys. `atEachKey` is called before each.
+  template <typename AtEachKey>
+  bool findAll(const AtEachKey& atEachKey) {
+    return readers_.run([&](const IndexReader& reader) {
+      return std::all_of(keys_.begin(), keys_.end(), [&](const std::string& key) {
+        atEachKey();
+        return reader.contains(key);
+      });
+    });
   }
 
   tq::test::TemporaryDirectory directory_;
-  std::optional<XapianIndex> index_;
+  const IndexLimits limits_;
+  IndexReaders readers_;
   std::vector<std::string> keys_;
   std::atomic<int> commits_ = 0;
+};
+
+class ImpatientTest : public OvertakenTest {
+ protected:
+  ImpatientTest() : OvertakenTest(std::chrono::milliseconds(1)) {}
+
+  // On a thread of its own, as whoever reads may hold commits up.
+  void commitOften() {
+    std::async(std::launch::async, [this] {
+      for (int i = 0; i < 3; ++i) commit(40);
+    }).get();
+  }
 };
 
 TEST_F(OvertakenTest, EndsSinceCommitsWaitForItAtLast) {
@@ -95,12 +150,85 @@ TEST_F(OvertakenTest, EndsSinceCommitsWaitForItAtLast) {
   });
   const int before = commits_;
   std::size_t calls = 0;
-  const auto atEachKey = [&] {
+  EXPECT_TRUE(findAll([&] {
     if (calls++ % 500 == 0) awaitCommits();
-  };
-  EXPECT_THAT(index_->contain(keys_, atEachKey), Each(true));
+  }));
   EXPECT_GE(commits_, before + 3 * IndexReaders::kFreeAttempts);
   EXPECT_GT(calls, keys_.size()) << "it has begun again";
+}
+
+// Each attempt costs something before it gets on, so that commits wait for these, too.
+TEST_F(OvertakenTest, WorkThatGetsOnIsOvertakenAFewTimesOnly) {
+  std::jthread writer([&](const std::stop_token& stop) {
+    while (!stop.stop_requested()) commit(40);
+  });
+  int attempts = 0;
+  std::size_t found = 0;
+  const auto findRest = [&](const IndexReader& reader) {
+    ++attempts;
+    for (; found < keys_.size(); ++found) {
+      if (found % 100 == 0) awaitCommits();
+      if (!reader.contains(keys_[found])) return false;
+    }
+    return true;
+  };
+  EXPECT_TRUE(readers_.run(findRest, [&] { return found; }));
+  EXPECT_EQ(attempts, IndexReaders::kFreeAttempts + 1);
+}
+
+// No commit waits for long, and yet the work ends.
+TEST_F(ImpatientTest, WorkThatGetsOnMayBeOvertakenAsOftenAsItIs) {
+  int attempts = 0;
+  std::size_t found = 0;
+  const auto findRest = [&](const IndexReader& reader) {
+    ++attempts;
+    const std::size_t before = found;
+    for (; found < keys_.size(); ++found) {
+      if (found == before + 100) commitOften();
+      if (!reader.contains(keys_[found])) return false;
+    }
+    return true;
+  };
+  EXPECT_TRUE(readers_.run(findRest, [&] { return found; }));
+  EXPECT_GT(attempts, IndexReaders::kFreeAttempts + 1);
+}
+
+TEST_F(ImpatientTest, WorkThatGetsNowhereIsRefused) {
+  int attempts = 0;
+  const auto findAll = [&](const IndexReader& reader) {
+    ++attempts;
+    commitOften();
+    return std::all_of(keys_.begin(), keys_.end(),
+                       [&](const std::string& key) { return reader.contains(key); });
+  };
+  EXPECT_THROW(readers_.run(findAll), Xapian::DatabaseModifiedError);
+  EXPECT_EQ(attempts, IndexReaders::kFreeAttempts + 1);
+}
+
+TEST_F(OvertakenTest, CommitThatWaitsForItCanBeStopped) {
+  std::atomic<bool> stopping = false;
+  std::atomic<bool> stopped = false;
+  const StopCheck stop = [&] {
+    if (stopping) throw std::runtime_error("stop");
+  };
+  std::jthread writer([&] {
+    try {
+      for (;;) commit(40, stop);
+    } catch (const std::runtime_error&) {
+      stopped = true;
+    }
+  });
+  std::size_t calls = 0;
+  EXPECT_TRUE(findAll([&] {
+    if (!stopping && calls++ % 500 == 0) awaitCommits();
+    if (!commitWaits()) return;
+    stopping = true;
+    while (!stopped) std::this_thread::yield();
+  }));
+  EXPECT_TRUE(stopped);
+  writer.join();
+  commit(1);
+  EXPECT_TRUE(findAll([] {})) << "what was stopped has changed nothing";
 }
 
 }  // namespace
