@@ -143,12 +143,16 @@ void declareTimes(CLI::App& app, Options& options) {
       ->capture_default_str();
 }
 
-Options optionsOf(int argc, char** argv) {
-  CLI::App app("corvaned, a full-text search server");
-  Options options;
+void declareOptions(CLI::App& app, Options& options) {
   declarePlaces(app, options);
   declareLimits(app, options);
   declareTimes(app, options);
+}
+
+Options optionsOf(int argc, char** argv) {
+  CLI::App app("corvaned, a full-text search server");
+  Options options;
+  declareOptions(app, options);
   app.parse(argc, argv);
   return options;
 }
@@ -337,9 +341,7 @@ int main(int argc, char** argv) {
   if (argc > 1 && isMaintenanceCommand(argv[1])) return runMaintenanceCommand(argc, argv);
   CLI::App app("corvaned, a full-text search server");
   Options options;
-  declarePlaces(app, options);
-  declareLimits(app, options);
-  declareTimes(app, options);
+  declareOptions(app, options);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& answer) {
