@@ -131,6 +131,8 @@ void Collection::queue(const Document& document, const std::string& client) {
 // must not show anything before.
 void Collection::requestEarly(const Journal::Place& place) {
   if (refresh_.mode != Refresh::Mode::Interval || place.end.bytes < limits_.earlyBytes) return;
+  // The journal stays as long as it is until an attempt succeeds, which the timer repeats.
+  if (failed_) return;
   requestUpdate();
 }
 

@@ -291,13 +291,17 @@ TEST_F(RebuildTest, OneThatFailedIsNotRepeatedAtOnce) {
   const std::chrono::milliseconds interval(70);
   writeOptions(collection(), {Refresh::Mode::Interval, interval});
   const std::atomic<bool> stopping = false;
-  Collection opened("c", collection(), {}, std::make_shared<ParseOutcomes>(10), stopping);
+  StoreLimits limits;
+  limits.earlyBytes = 1;
+  Collection opened("c", collection(), limits, std::make_shared<ParseOutcomes>(10), stopping);
   opened.add({"new", {}, "fox"});
   EXPECT_EQ(opened.takeRefreshTime(), interval);
   opened.refresh();
   ASSERT_TRUE(opened.takeOnIndexing());
   while (opened.indexStep()) {
   }
+  opened.add({"newer", {}, "fox"});
+  EXPECT_FALSE(opened.takeOnIndexing()) << "the journal is long already, and stays so";
   EXPECT_EQ(opened.takeRefreshTime(), Collection::kRebuildAgainAfter);
 }
 
