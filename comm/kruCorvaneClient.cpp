@@ -222,8 +222,6 @@ CorvaneClient::SharedTimeOutScope::SharedTimeOutScope(CorvaneClient& client)
   client_.limitBy(tq::oss::Deadline::earlier(before_, tq::oss::Deadline::in(client_.timeOut_)));
 }
 
-CorvaneClient::SharedTimeOutScope::~SharedTimeOutScope() {
-  client_.limitBy(before_);
-}
+CorvaneClient::SharedTimeOutScope::~SharedTimeOutScope() { client_.limitBy(before_); }
 
 }  // namespace tq::comm
