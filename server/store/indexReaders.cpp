@@ -8,6 +8,7 @@ void IndexReaders::release() {
 }
 
 std::uint64_t IndexReaders::revision() {
+  const CommitGate::Hold hold = commits_.hold();
   const std::shared_lock staying(exchangeMutex_);
   return Xapian::Database(path_.string()).get_revision();
 }

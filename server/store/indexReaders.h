@@ -72,7 +72,7 @@ class IndexReaders {
 
   /// What writers have to pass.
   CommitGate& commits() { return commits_; }
-  /// That of the last transaction.
+  /// That of the last transaction. Commits wait meanwhile.
   std::uint64_t revision();
 
   /// Closes the idle ones.

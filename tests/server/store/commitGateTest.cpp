@@ -157,6 +157,20 @@ TEST_F(OvertakenTest, EndsSinceCommitsWaitForItAtLast) {
   EXPECT_GT(calls, keys_.size()) << "it has begun again";
 }
 
+// Opening the index to ask is overtaken, too.
+TEST_F(OvertakenTest, RevisionIsToldWhileOneCommitFollowsTheOther) {
+  std::jthread writer([&](const std::stop_token& stop) {
+    while (!stop.stop_requested()) commit(kDocuments);
+  });
+  std::uint64_t last = 0;
+  for (int i = 0; i < 500; ++i) {
+    const std::uint64_t revision = readers_.revision();
+    EXPECT_GE(revision, last);
+    last = revision;
+  }
+  EXPECT_GT(commits_, 2);
+}
+
 // Each attempt costs something before it gets on, so that commits wait for these, too.
 TEST_F(OvertakenTest, WorkThatGetsOnIsOvertakenAFewTimesOnly) {
   std::jthread writer([&](const std::stop_token& stop) {
