@@ -14,8 +14,8 @@ namespace corvaned {
 /// the second commit after it, so a reader that takes longer than that has to begin again, and with
 /// commits one after the other it would never end.
 ///
-/// May be used from any thread. Commits come in turn with those who hold them up: a commit that
-/// waits goes before whoever comes later.
+/// May be used from any thread, though a thread that holds commits up must not do so again. Commits
+/// come in turn with those who hold them up: a commit that waits goes before whoever comes later.
 class CommitGate {
  public:
   using Hold = std::shared_lock<std::shared_mutex>;
