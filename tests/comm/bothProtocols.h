@@ -2,8 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
+#include <optional>
+#include <ostream>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -18,29 +23,76 @@
 /// What the tests of promises that both protocols make are written with.
 namespace tq::test {
 
-/// A reply of the HTTP protocol, before any framing, or one of the binary protocol.
-using EitherReply = std::variant<Reply, BinaryReply>;
+/// A reply of the HTTP protocol, before any framing, or one of the binary protocol, by its name. It
+/// is made when a test looks at it: CTest starts a process for each test, and one that made the
+/// replies of all the others first would do little else.
+class EitherReply {
+ public:
+  /// One of a corpus, which outlives it.
+  template <typename OneProtocolsReply>
+  explicit EitherReply(const OneProtocolsReply& reply)
+      : EitherReply(
+            reply.name, [&reply]() -> const auto& { return reply; }) {}
+
+  /// `find` gives a reply that outlives all copies of this.
+  template <typename Find>
+  EitherReply(std::string name, const Find& find)
+      : name_(std::move(name)), find_([find]() -> One { return &find(); }) {}
+
+  const std::string& name() const { return name_; }
+
+  template <typename Visitor>
+  auto visit(const Visitor& visitor) const {
+    return std::visit([&](const auto* one) { return visitor(*one); }, find_());
+  }
+
+ private:
+  using One = std::variant<const Reply*, const BinaryReply*>;
+
+  std::string name_;
+  std::function<One()> find_;
+};
+
+inline std::ostream& operator<<(std::ostream& out, const EitherReply& reply) {
+  return out << reply.name();
+}
+
+/// One that `make` makes at the first look.
+template <typename Make>
+EitherReply madeOnce(const std::string& name, const Make& make) {
+  using Made = std::invoke_result_t<Make>;
+  const auto made = std::make_shared<std::optional<Made>>();
+  return {name, [make, made]() -> const Made& {
+            if (!*made) *made = make();
+            return **made;
+          }};
+}
 
 template <typename OneProtocolsReply>
 std::vector<EitherReply> either(const std::vector<OneProtocolsReply>& replies) {
-  return {replies.begin(), replies.end()};
+  std::vector<EitherReply> all;
+  for (const auto& reply : replies) all.emplace_back(reply);
+  return all;
 }
 
-inline std::string nameOf(const EitherReply& reply) {
-  return std::visit([](const auto& one) { return one.name; }, reply);
-}
 inline std::string testNameOf(const testing::TestParamInfo<EitherReply>& info) {
-  return nameOf(info.param);
+  return info.param.name();
 }
 
 inline std::vector<EitherReply> httpNamed(const std::vector<std::string>& names) {
   std::vector<EitherReply> replies;
-  for (const auto& name : names) replies.emplace_back(replyNamed(name));
+  for (const auto& name : names) {
+    replies.emplace_back(
+        name, [name]() -> const auto& { return replyNamed(name); });
+  }
   return replies;
 }
 inline std::vector<EitherReply> binaryNamed(const std::vector<std::string>& names) {
   std::vector<EitherReply> replies;
-  for (const auto& name : names) replies.emplace_back(binaryReplyNamed(name));
+  for (const auto& name : names) {
+    replies.emplace_back(
+        name, [name]() -> const auto& { return binaryReplyNamed(name); });
+  }
   return replies;
 }
 

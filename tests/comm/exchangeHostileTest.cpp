@@ -171,7 +171,7 @@ std::vector<Form> formsOf(const BinaryReply& reply) {
 }
 
 std::vector<Form> formsOf(const EitherReply& reply) {
-  return std::visit([](const auto& one) { return formsOf(one); }, reply);
+  return reply.visit([](const auto& one) { return formsOf(one); });
 }
 
 std::string flipped(std::string text, std::size_t bit) {

@@ -308,7 +308,7 @@ std::vector<Form> formsOf(const BinaryReply& reply) {
 // Over both.
 
 std::vector<Form> formsOf(const EitherReply& reply) {
-  return std::visit([](const auto& one) { return formsOf(one); }, reply);
+  return reply.visit([](const auto& one) { return formsOf(one); });
 }
 
 std::string describe(const Form& form, std::size_t length, Ending ending) {
@@ -412,7 +412,7 @@ class PrefixOverLoopback : public testing::TestWithParam<EitherReply> {
 };
 
 TEST_P(PrefixOverLoopback, EndsAsInMemory) {
-  const auto form = std::visit([](const auto& reply) { return formOf(reply); }, GetParam());
+  const auto form = GetParam().visit([](const auto& reply) { return formOf(reply); });
   for (std::size_t length = 0; length < form.text.size(); length += 3) {
     SCOPED_TRACE(describe(form, length, Ending::Close));
     ScriptedServer server(prefixScript(form, length, Ending::Close));

@@ -118,7 +118,7 @@ std::vector<Form> formsOf(const BinaryReply& reply, const std::vector<std::size_
 }
 
 std::vector<Form> formsOf(const EitherReply& reply, const std::vector<std::size_t>& chunkSizes) {
-  return std::visit([&](const auto& one) { return formsOf(one, chunkSizes); }, reply);
+  return reply.visit([&](const auto& one) { return formsOf(one, chunkSizes); });
 }
 
 /// What arrives before it is asked for joins others in ways that only reassembly undoes.
@@ -236,12 +236,20 @@ INSTANTIATE_TEST_SUITE_P(Binary, EveryReply, testing::ValuesIn(either(binaryRepl
 
 // Long replies.
 
+std::string nameOfSearch(const std::vector<std::size_t>& lengths) {
+  std::string name = "EnvelopesOf";
+  for (const auto length : lengths) {
+    if (name.back() != 'f') name += "And";
+    name += std::to_string(length);
+  }
+  return name;
+}
+
 BinaryReply searchOf(const std::vector<std::size_t>& lengths) {
-  BinaryReply reply{"EnvelopesOf", kStreamSearch, kOk};
+  BinaryReply reply{nameOfSearch(lengths), kStreamSearch, kOk};
   reply.expected.seen.returnCode = 0;
   reply.expected.seen.endOfStream = true;
   for (const auto length : lengths) {
-    reply.name += (reply.envelopes.empty() ? "" : "And") + std::to_string(length);
     const std::string key(length, static_cast<char>('a' + reply.envelopes.size()));
     reply.envelopes.push_back(reply.text.size());
     // An empty payload is a hit as long as its status is not that of the end.
@@ -275,17 +283,20 @@ BinaryReply longestErrorRecord() {
   return reply;
 }
 
-const std::vector<BinaryReply>& longBinaryReplies() {
-  static const std::vector<BinaryReply> replies{searchOf({0}),
-                                                searchOf({1}),
-                                                searchOf({65535}),
-                                                searchOf({0, 65535, 0}),
-                                                searchOf({1, 65535, 0}),
-                                                searchOf({1, 65535, 1}),
-                                                searchOf({65535, 65535, 65535}),
-                                                searchOf({4092, 4093, 16380, 16384, 32764, 32768}),
-                                                longestContent(),
-                                                longestErrorRecord()};
+std::vector<EitherReply> longBinaryReplies() {
+  std::vector<EitherReply> replies{madeOnce("LongestContent", longestContent),
+                                   madeOnce("LongestErrorRecord", longestErrorRecord)};
+  const std::vector<std::vector<std::size_t>> searches{{0},
+                                                       {1},
+                                                       {65535},
+                                                       {0, 65535, 0},
+                                                       {1, 65535, 0},
+                                                       {1, 65535, 1},
+                                                       {65535, 65535, 65535},
+                                                       {4092, 4093, 16380, 16384, 32764, 32768}};
+  for (const auto& lengths : searches) {
+    replies.push_back(madeOnce(nameOfSearch(lengths), [lengths] { return searchOf(lengths); }));
+  }
   return replies;
 }
 
@@ -314,9 +325,9 @@ TEST_P(LongReply, ArrivesWholeInTinySegments) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Http, LongReply, testing::ValuesIn(either(longReplies())), testNameOf);
-INSTANTIATE_TEST_SUITE_P(Binary, LongReply, testing::ValuesIn(either(longBinaryReplies())),
+INSTANTIATE_TEST_SUITE_P(Http, LongReply, testing::ValuesIn(httpNamed(longReplyNames())),
                          testNameOf);
+INSTANTIATE_TEST_SUITE_P(Binary, LongReply, testing::ValuesIn(longBinaryReplies()), testNameOf);
 
 // The same over real sockets, for a subset: the network in memory must not be kinder than this one.
 
@@ -383,9 +394,10 @@ INSTANTIATE_TEST_SUITE_P(Http, LongReplyOverLoopback,
                          testing::ValuesIn(httpNamed({"FourThousandStreamedHits",
                                                       "FourThousandScalarHits", "OneVeryLongHit"})),
                          testNameOf);
-INSTANTIATE_TEST_SUITE_P(Binary, LongReplyOverLoopback,
-                         testing::Values(EitherReply(longSearch(kStreamSearch, 100000))),
-                         testNameOf);
+INSTANTIATE_TEST_SUITE_P(
+    Binary, LongReplyOverLoopback,
+    testing::Values(madeOnce("LongSearch", [] { return longSearch(kStreamSearch, 100000); })),
+    testNameOf);
 
 // One protocol's own.
 
@@ -400,10 +412,10 @@ TEST(ExchangeReplay, OverLoopbackChunksMeanTheSameInSegmentsOfOneByte) {
   }
 }
 
-class EveryBinaryReply : public testing::TestWithParam<BinaryReply> {};
+class EveryBinaryReply : public testing::TestWithParam<EitherReply> {};
 
 TEST_P(EveryBinaryReply, PutTogetherMeansTheSameWhereverItIsCutTwice) {
-  const auto& reply = GetParam();
+  const auto& reply = binaryReplyNamed(GetParam().name());
   const auto& text = reply.text;
   const auto end = std::min<std::size_t>(text.size(), 80);
   for (std::size_t first = 1; first < end; ++first) {
@@ -420,8 +432,8 @@ TEST_P(EveryBinaryReply, PutTogetherMeansTheSameWhereverItIsCutTwice) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Corpus, EveryBinaryReply, testing::ValuesIn(binaryReplies()),
-                         [](const auto& test) { return test.param.name; });
+INSTANTIATE_TEST_SUITE_P(Corpus, EveryBinaryReply, testing::ValuesIn(either(binaryReplies())),
+                         testNameOf);
 
 TEST(ExchangeReplay, AHundredThousandBinaryHitsComePortionByPortionEachOnce) {
   for (const int kind : {kStreamSearch, kScalarSearch}) {

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <map>
+#include <mutex>
 #include <ostream>
 #include <stdexcept>
 
@@ -126,30 +128,63 @@ const Reply* named(const std::string& name, const std::vector<Reply>& replies) {
   return nullptr;
 }
 
-std::vector<Reply> makeLong() {
-  std::vector<Reply> all;
-  all.push_back(search("StreamSearchWithFortyHits", kStreamSearch, manyHits(40)));
-  all.push_back(search("ScalarSearchWithFortyHits", kScalarSearch, manyHits(40)));
+Reply fortyHits(const std::string& name) {
+  return search(name, name.rfind("Stream", 0) == 0 ? kStreamSearch : kScalarSearch, manyHits(40));
+}
+
+Reply fourThousandHits(const std::string& name) {
+  const bool streamed = name == "FourThousandStreamedHits";
   std::vector<HitText> hits;
   for (int i = 0; i < 4000; ++i) {
     hits.push_back({"base64:" + std::to_string(100000 + i) + "==", "0.75", 0.75});
   }
-  all.push_back(search("FourThousandStreamedHits", kStreamSearch, hits));
-  all.push_back(search("FourThousandScalarHits", kScalarSearch, hits));
-  // One hit that is longer than any buffer on its way.
-  all.push_back(
-      search("OneVeryLongHit", kStreamSearch,
-             {{"base64:" + std::string(100000, 'Q'), "2", 2.0}, {"base64:eg==", "", 0.0}}));
+  return search(name, streamed ? kStreamSearch : kScalarSearch, hits);
+}
+
+Reply oneVeryLongHit(const std::string& name) {
+  return search(name, kStreamSearch,
+                {{"base64:" + std::string(100000, 'Q'), "2", 2.0}, {"base64:eg==", "", 0.0}});
+}
+
+Reply manyParseResults(const std::string& name) {
   std::vector<Parsed> rows;
   for (int i = 0; i < 1500; ++i) {
     rows.push_back({"document " + std::to_string(10000 + i), "ZVK0001E", "why not", 2});
   }
-  all.push_back(parseResults("FifteenHundredParseResults", rows));
-  auto reply = *named("StreamSearchWithThreeHits", allReplies());
-  reply.name = "ShortBodyBehindALongHeader";
+  return parseResults(name, rows);
+}
+
+Reply behindALongHeader(const std::string& name) {
+  Reply reply = *named("StreamSearchWithThreeHits", allReplies());
+  reply.name = name;
   for (int i = 0; i < 2000; ++i) reply.headerLines += "X-Line: " + std::to_string(i) + "\r\n";
-  all.push_back(reply);
-  return all;
+  return reply;
+}
+
+struct Recipe {
+  const char* name;
+  Reply (*make)(const std::string& name);
+};
+
+constexpr Recipe kLong[] = {{"StreamSearchWithFortyHits", fortyHits},
+                            {"ScalarSearchWithFortyHits", fortyHits},
+                            {"FourThousandStreamedHits", fourThousandHits},
+                            {"FourThousandScalarHits", fourThousandHits},
+                            {"OneVeryLongHit", oneVeryLongHit},
+                            {"FifteenHundredParseResults", manyParseResults},
+                            {"ShortBodyBehindALongHeader", behindALongHeader}};
+
+// A test uses one or two of them, and each test is a process of its own.
+const Reply* longNamed(const std::string& name) {
+  static std::mutex mutex;
+  static std::map<std::string, Reply> made;
+  const std::lock_guard lock(mutex);
+  const auto found = made.find(name);
+  if (found != made.end()) return &found->second;
+  for (const Recipe& recipe : kLong) {
+    if (recipe.name == name) return &made.emplace(name, recipe.make(name)).first->second;
+  }
+  return nullptr;
 }
 
 }  // namespace
@@ -237,14 +272,15 @@ Outcome expectedInChunks(const Reply& reply, std::size_t size) {
 
 const std::vector<Reply>& allReplies() { return file().replies; }
 
-const std::vector<Reply>& longReplies() {
-  static const std::vector<Reply> replies = makeLong();
-  return replies;
+std::vector<std::string> longReplyNames() {
+  std::vector<std::string> names;
+  for (const Recipe& recipe : kLong) names.emplace_back(recipe.name);
+  return names;
 }
 
 const Reply& replyNamed(const std::string& name) {
   if (const auto* reply = named(name, allReplies())) return *reply;
-  if (const auto* reply = named(name, longReplies())) return *reply;
+  if (const auto* reply = longNamed(name)) return *reply;
   throw std::out_of_range("no reply named " + name);
 }
 

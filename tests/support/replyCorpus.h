@@ -115,11 +115,11 @@ Outcome expectedInChunks(const Reply& reply, std::size_t size);
 
 /// Every kind and every status that the server answers with.
 const std::vector<Reply>& allReplies();
-/// A reply of allReplies() by its name.
-const Reply& replyNamed(const std::string& name);
-
 /// Replies that are too long for every cut, or longer than the buffers on their way.
-const std::vector<Reply>& longReplies();
+std::vector<std::string> longReplyNames();
+
+/// A reply of allReplies() or a long one, which is made when it is first asked for.
+const Reply& replyNamed(const std::string& name);
 
 /// A status reply that no other reply of the corpus resembles: what the exchange after gets.
 const Reply& nextReply();
