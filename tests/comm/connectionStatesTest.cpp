@@ -10,6 +10,7 @@
 
 #include "tests/comm/adversaryWorld.h"
 #include "tests/support/binaryReplies.h"
+#include "tests/support/sanitized.h"
 #include "tests/support/waitingHost.h"
 
 namespace {
@@ -701,17 +702,7 @@ Path shortened(bool binary, Path path) {
 }
 
 // A sanitizer makes a path about ten times as expensive.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::size_t kLength = 3;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr std::size_t kLength = 3;
-#else
-constexpr std::size_t kLength = 4;
-#endif
-#else
-constexpr std::size_t kLength = 4;
-#endif
+constexpr std::size_t kLength = kSanitized ? 3 : 4;
 
 /// All paths of one protocol.
 class Walk {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tests/e2e/differential.h"
+#include "tests/support/sanitized.h"
 
 // Random operations over both protocols against one server: results, errors and the state that the
 // server is left in must be the same.
@@ -22,17 +23,9 @@ namespace {
 using ::testing::Contains;
 using ::testing::Key;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-constexpr bool kSanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
-#else
-constexpr bool kSanitized = false;
-#endif
-
 // Tests of their own, so that they can run side by side.
 constexpr std::uint64_t kShards = 10;
-constexpr std::uint64_t kSequences = kSanitized ? 1000 : 10000;
+constexpr std::uint64_t kSequences = tq::test::kSanitized ? 1000 : 10000;
 
 std::vector<std::uint64_t> seedsOf(std::uint64_t shard) {
   if (const char* seed = std::getenv("KRUCOMM_SEED")) return {std::stoull(seed)};

@@ -10,6 +10,7 @@
 #include "tests/server/rawClient.h"
 #include "tests/server/requestBytes.h"
 #include "tests/support/corvanedProcess.h"
+#include "tests/support/sanitized.h"
 
 // How much memory the program takes, whatever it is asked.
 namespace corvaned {
@@ -27,17 +28,7 @@ constexpr std::size_t kMiB = std::size_t{1} << 20U;
 constexpr std::size_t kBudget = 96 * kMiB;
 // The program itself, its threads' stacks and caches. A sanitizer keeps shadows of all memory, and
 // what was freed for a while.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::size_t kProgram = 1500 * kMiB;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr std::size_t kProgram = 1500 * kMiB;
-#else
-constexpr std::size_t kProgram = 96 * kMiB;
-#endif
-#else
-constexpr std::size_t kProgram = 96 * kMiB;
-#endif
+constexpr std::size_t kProgram = (tq::test::kSanitized ? 1500 : 96) * kMiB;
 
 class MemoryTest : public ::testing::Test {
  protected:
