@@ -1,5 +1,7 @@
 #include "capi/kruCall.h"
 
+#include "capi/kruFailure.h"
+#include "comm/kruClientResponse.h"
 #include "comm/kruCorvaneRESTClient.h"
 
 namespace tq::capi {
@@ -107,6 +109,10 @@ void exchange(Core& core, ClientRequest& request, tq::comm::ClientResponse& resp
   } else {
     core.client->sendAndRecvMesg(request, response,
                                  tq::comm::OperationLimits{given.deadline, given.retries});
+  }
+  // Over HTTP a refusal without a body is no exception.
+  if (!response.success()) {
+    throw Failure{KRU_REFUSED, "the server refused the request", "without saying why"};
   }
 }
 

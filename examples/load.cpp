@@ -28,12 +28,18 @@ std::string utf8(const icu::UnicodeString& text) {
   return text.toUTF8String(bytes);
 }
 
+// Over HTTP a refusal that says nothing is no exception.
+void requireSuccess(const ClientResponse& response) {
+  if (!response.success()) throw std::runtime_error("the server refused without saying why");
+}
+
 // What an administrative or a queueing request is made of.
 void ask(CorvaneRESTClient& client, const icu::UnicodeString& collection,
          ClientRequest::REQUEST kind, ClientResponse& response) {
   ClientRequest request;
   request.buildRequest(collection, kind, {});
   client.sendAndRecvMesg(request, response);
+  requireSuccess(response);
 }
 
 // A document needs one pair of metadata at least. Key and text are read while they are sent, so
@@ -47,6 +53,7 @@ void send(CorvaneRESTClient& client, const icu::UnicodeString& collection,
                      static_cast<unsigned int>(text.size()));
   ClientResponse response;
   client.sendAndRecvMesg(request, response);
+  requireSuccess(response);
 }
 
 // Replies name a document by the Base64 form of its key.

@@ -50,6 +50,8 @@ bool search(CorvaneRESTClient& client, const char* collection, const char* query
   ClientRequest request = searchRequest(collection, query);
   ClientResponse response;
   client.sendAndRecvMesg(request, response);
+  // Over HTTP a refusal that says nothing is no exception.
+  if (!response.success()) throw std::runtime_error("the server refused without saying why");
   print(response.getSearchResponse());
   while (!client.isEndOfStream()) print(response.getSearchResponse(client, true));
   return !client.isTruncated();
@@ -78,6 +80,8 @@ int main(int argc, char** argv) {
     std::cerr << "the result was cut off\n";
   } catch (const tq::oss::BaseException& failure) {
     printMessages(failure);
+  } catch (const std::exception& failure) {
+    std::cerr << failure.what() << '\n';
   }
   return 1;
 }

@@ -723,6 +723,27 @@ TEST_P(CFace, AHostCatchesItsJumpsInsideOfTheHook) {
   }
 }
 
+// Over the binary protocol each refusal has a code that says so.
+struct CFaceOverHttp : CFace {};
+
+TEST_P(CFaceOverHttp, ARefusalWithoutAWordIsARefusal) {
+  const std::string busy = "HTTP/1.1 503 Busy\r\nContent-Length: 0\r\n\r\n";
+  ScriptedNetwork network(answers({busy, busy, busy}));
+  create();
+  EXPECT_EQ(update(), KRU_REFUSED);
+  EXPECT_EQ(error.outcome, KRU_REJECTED);
+  EXPECT_EQ(error.retry, KRU_RETRY_USELESS);
+  EXPECT_EQ(error.connection, KRU_CONNECTION_KEPT);
+  EXPECT_STREQ(error.id, "KRU_REFUSED");
+  EXPECT_STREQ(error.message, "the server refused the request without saying why");
+  EXPECT_EQ(status(), KRU_REFUSED);
+  kru_cursor* cursor = nullptr;
+  EXPECT_EQ(search(&cursor), KRU_REFUSED);
+  EXPECT_EQ(cursor, nullptr);
+}
+
+INSTANTIATE_TEST_SUITE_P(With, CFaceOverHttp, testing::Values(false));
+
 INSTANTIATE_TEST_SUITE_P(Over, CFace, testing::Bool(), [](const auto& over) {
   return std::string(over.param ? "Binary" : "Http");
 });
