@@ -37,9 +37,13 @@ sigset_t blockEndingSignals() {
 }
 
 Interruption::Interruption(const sigset_t& signals, const LastWords& words, QueuedOutput& out)
-    : signals_(signals), words_(words), out_(out), thread_([this] { run(); }) {}
+    : signals_(signals), words_(words), out_(out) {
+  // Nothing ends a wait for no signal at all.
+  if (sigisemptyset(&signals_) == 0) thread_ = std::thread([this] { run(); });
+}
 
 Interruption::~Interruption() {
+  if (!thread_.joinable()) return;
   over_ = true;
   for (const int signal : kEndingSignals) {
     if (sigismember(&signals_, signal) == 1) ::pthread_kill(thread_.native_handle(), signal);

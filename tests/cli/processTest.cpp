@@ -272,6 +272,15 @@ TEST(Interruption, ThatIsIgnoredStaysSo) {
   EXPECT_EQ(finished.out, "created books\n");
 }
 
+TEST(Interruption, ThatCannotComeDoesNotKeepTheProgram) {
+  ScriptedServer server(Script().expectRequest().send(answer("")));
+  std::vector<std::string> command{"/bin/sh", "-c", "trap '' INT TERM; exec \"$@\"", "sh"};
+  for (const std::string& word : overHttp(server, {"create", "books"})) command.push_back(word);
+  const Finished finished = runToEnd(command);
+  EXPECT_EQ(finished.code, 0) << finished.err;
+  EXPECT_EQ(finished.out, "created books\n");
+}
+
 TEST(ClosedDescriptors, AreNotTakenByTheConnection) {
   CorvanedProcess server;
   const std::vector<std::string> command{CORVANE_PROGRAM, "--port",
