@@ -201,7 +201,8 @@ void DrestoPerfClient::sendMesg(RESTMessage& message) {
   const tq::oss::TraceScope trace(trace::DrestoPerfClientSendMesg);
   const OperationScope operation(*this);
   refuseOnBrokenLine();
-  const bool lookFirst = std::exchange(mayBeHeld_, false);
+  // Left over from an exchange that was refused, it says nothing of a message by hand.
+  const bool lookFirst = std::exchange(mayBeHeld_, false) && exchange_ == Exchange::Running;
   try {
     Batch::Message parts = messageOf(message, host_, port_);
     parts.mayWait = buffered_;
