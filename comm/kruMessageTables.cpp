@@ -11,7 +11,7 @@ namespace {
 
 // Texts that are frequent without being words of the protocol. The locale is registered in its
 // proper case although the default language is spelled otherwise.
-constexpr const char16_t* kFrequentValues[] = {u"text/plain", u"en_US", u"en", u"en-us"};
+constexpr const char16_t* kFrequentValues[] = {u"text/plain", u"UTF-8", u"en_US", u"en", u"en-us"};
 
 void registerFrequentTexts() {
   for (const char16_t* value : kFrequentValues) GenRespRecord::AddStringToConversionCache(value);
