@@ -187,12 +187,11 @@ TEST_F(OvertakenTest, RevisionIsToldWhileOneCommitFollowsTheOther) {
     while (!stop.stop_requested()) commit(kDocuments);
   });
   std::uint64_t last = 0;
-  for (int i = 0; i < 500; ++i) {
+  for (int i = 0; i < 500 || commits_ <= 2; ++i) {
     const std::uint64_t revision = readers_.revision();
     EXPECT_GE(revision, last);
     last = revision;
   }
-  EXPECT_GT(commits_, 2);
 }
 
 // Each attempt costs something before it gets on, so that commits wait for these, too.
