@@ -271,8 +271,12 @@ void World::judgeId(const Seen& seen) {
   require(known || spun, "fails with an error that no document names: ", seen.errorId);
 }
 
-Seen World::exchange(std::size_t c, std::size_t r, int kind) {
+Seen World::exchange(std::size_t c, std::size_t r, int kind, Asking how) {
   Caller& caller = clients_[c];
+  const unsigned int deadline = caller.deadline;
+  const unsigned int retries = caller.retries;
+  if (how == Asking::Limited) caller.deadline = kOwnDeadlineMillis;
+  if (how != Asking::AsSet) caller.retries = how == Asking::Once ? 0 : kOwnRetries;
   Held& held = responses_[r];
   take(held);
   clearScalars(held);
@@ -280,8 +284,13 @@ Seen World::exchange(std::size_t c, std::size_t r, int kind) {
   ClientRequest request = requestNamed(question.number, kind);
   const std::size_t connections = network_.connections();
   const std::size_t askedByHand = askedByHand_;
-  const Seen seen = run(c, [&] { caller.client->sendAndRecvMesg(request, held.response); });
-  require(seen.errorId != "socket", "an exchange fails with what is no RESTException");
+  const Seen seen = run(c, [&] {
+    if (how == Asking::Once) return caller.client->sendAndRecvMesgOnce(request, held.response);
+    if (how == Asking::AsSet) return caller.client->sendAndRecvMesg(request, held.response);
+    caller.client->sendAndRecvMesg(request, held.response, {caller.deadline, caller.retries});
+  });
+  require(seen.errorId != "socket" || how == Asking::Once,
+          "an exchange fails with what is no RESTException");
   caller.made += network_.connections() - connections;
   // A repeated exchange that runs out of time has closed the connection that it was bound to.
   caller.streamMade = seen.errorId != kNoConnection ? caller.made : 0;
@@ -299,6 +308,8 @@ Seen World::exchange(std::size_t c, std::size_t r, int kind) {
                     askedByHand_ != askedByHand);
   if (!seen.failed || isStreaming(kind)) take(held);
   judgeExchange(caller, held, seen);
+  caller.deadline = deadline;
+  caller.retries = retries;
   return seen;
 }
 
@@ -440,6 +451,11 @@ void World::setDeadline(std::size_t c, unsigned int millis) {
 
 void World::setNumRetries(std::size_t c, unsigned int count) {
   clients_[c].client->setNumRetries(clients_[c].retries = count);
+}
+
+void World::init(std::size_t c) {
+  clients_[c].client->init();
+  clients_[c].retries = 1;
 }
 
 void World::renew(std::size_t r) {
@@ -746,7 +762,8 @@ void World::lineAfterExchange(Caller& caller, const Seen& seen, bool reconnected
     }
     return;
   }
-  if (seen.errorId == "ERR_SERVER_COMM_SEND") {
+  // A failed write, and one of an attempt by hand over HTTP.
+  if (seen.errorId == "ERR_SERVER_COMM_SEND" || seen.errorId == "socket") {
     caller.line = Line::Broken;
   } else if (seen.errorId == kInternal) {
     // A write over HTTP, a read over the binary protocol.

@@ -70,6 +70,10 @@ struct Seen {
   std::uint64_t waited = 0;  // MICROSECONDS
 };
 
+/// How an exchange is asked for: as the client's settings say, one attempt by hand, or with limits
+/// of its own.
+enum class Asking { AsSet, Once, Limited };
+
 enum class Pulling { Recv, RecvStream, RecvMultResponse, Looping, Single, Parsed, Buffered };
 
 /// Tells the state of a client's line, which callers do not see.
@@ -85,6 +89,10 @@ class World {
  public:
   static constexpr std::size_t kClients = 2;
   static constexpr std::size_t kResponses = 4;
+
+  /// Of an exchange that has limits of its own.
+  static constexpr unsigned int kOwnDeadlineMillis = 10;
+  static constexpr unsigned int kOwnRetries = 1;
 
   /// How the peer answers: calls `say`, and sends.
   using Peer = std::function<void(std::size_t connection, Question&)>;
@@ -103,7 +111,7 @@ class World {
 
   // What a caller may do. Responses are numbers; `kFresh` is one that nothing has filled.
   static constexpr std::size_t kFresh = kResponses - 1;
-  Seen exchange(std::size_t c, std::size_t r, int kind);
+  Seen exchange(std::size_t c, std::size_t r, int kind, Asking how = Asking::AsSet);
   Seen exchangeUnsendable(std::size_t c, std::size_t r);
   Seen send(std::size_t c, int kind, bool asMessage);
   Seen recvMesg(std::size_t c, std::size_t r);
@@ -113,6 +121,7 @@ class World {
   void setTimeOut(std::size_t c, unsigned int millis);
   void setDeadline(std::size_t c, unsigned int millis);
   void setNumRetries(std::size_t c, unsigned int count);
+  void init(std::size_t c);
   void renew(std::size_t r);
   void copy(std::size_t from, std::size_t to);
   void rebuild(std::size_t c);

@@ -66,6 +66,7 @@ enum class Setting {
   Reassembly,
   Deadline,
   OneRetry,
+  Init,
   WhatDoesNotMatter,
 };
 
@@ -93,6 +94,7 @@ struct Event {
   Pulling pull = Pulling::Recv;
   Setting setting = Setting::None;
   Only only = Only::Both;
+  Asking asking = Asking::AsSet;
 };
 
 constexpr auto kTimeOutId = "ERR_SERVER_COMM_TIMEOUT";
@@ -137,6 +139,11 @@ Event into(std::size_t response, Event event) {
 }
 Event byOther(Event event) {
   event.client = kB;
+  return event;
+}
+
+Event asked(Asking asking, Event event) {
+  event.asking = asking;
   return event;
 }
 
@@ -207,6 +214,18 @@ std::vector<Event> exchanges() {
            Fault::Write),
       with(exchange("half a write failed", kGetStatus, P::Answers, L::Broken, kInternalId, kSendId),
            Fault::HalfWrite),
+      asked(Asking::Once, exchange("one attempt", kGetStatus, P::Answers)),
+      asked(Asking::Once, exchange("one attempt, reset", kAddDocument, P::ResetsAtOnce,
+                                   L::Uncertain, kRecvId, kInternalId)),
+      asked(Asking::Once, with(exchange("one attempt, write failed", kGetStatus, P::Answers,
+                                        L::Broken, "socket", kSendId),
+                               Fault::Write)),
+      asked(Asking::Limited, exchange("reset, with limits of its own", kAddDocument,
+                                      P::ResetsAtOnce, L::Uncertain, kRecvId, kInternalId)),
+      asked(Asking::Limited, exchange("time-out, with limits of its own", kCreateCollection,
+                                      P::IsLate, L::Uncertain, kTimeOutId, kTimeOutId)),
+      asked(Asking::Limited,
+            exchange("stream, with limits of its own", kStreamSearch, P::StreamsLate, L::Owed)),
       Event{"unsendable request", Call::Unsendable},
       into(kSecond,
            exchange("stream into the second response", kStreamSearch, P::Streams, L::Owed)),
@@ -255,6 +274,7 @@ std::vector<Event> steps() {
       binary(setting("reassembly", Setting::Reassembly)),
       setting("a deadline and no time-out", Setting::Deadline),
       setting("one retry", Setting::OneRetry),
+      setting("init()", Setting::Init),
       setting("settings that do not matter", Setting::WhatDoesNotMatter),
       Event{"a pause", Call::Idle},
   };
@@ -473,7 +493,7 @@ void Walker::exchange(const Event& event) {
   if (event.fault == Fault::Connect) network.failNextConnect();
   if (event.fault == Fault::Write) network.failNextWrite(0);
   if (event.fault == Fault::HalfWrite) network.failNextWrite(20);
-  expectExchange(event, world_.exchange(event.client, event.response, kindOf(event)));
+  expectExchange(event, world_.exchange(event.client, event.response, kindOf(event), event.asking));
 }
 
 /// One attempt, as the table says it goes. False when it fails.
@@ -535,10 +555,12 @@ void Walker::expectExchange(const Event& event, const Seen& seen) {
   bool ok = attempt(event, true, error);
   const std::string_view id(error);
   const bool repeated = id == kTimeOutId || id == kRecvId || id == kSendId || id == kConnectId;
-  if (!ok && model.retries && repeated) {
+  const bool limited = event.asking == Asking::Limited;
+  const bool repeats = limited || (model.retries && event.asking == Asking::AsSet);
+  if (!ok && repeats && repeated) {
     model.state = Line::NotConnected;
     // A deadline that has passed leaves no time for another attempt.
-    if (!(model.deadline && id == kTimeOutId)) ok = attempt(event, false, error);
+    if (!((model.deadline || limited) && id == kTimeOutId)) ok = attempt(event, false, error);
   }
   world_.require(seen.errorId == error, "an exchange fails otherwise than the table says: ",
                  seen.errorId + " and not " + error);
@@ -597,6 +619,9 @@ void Walker::set(Setting setting, std::size_t client) {
     case Setting::OneRetry:
       model.retries = true;
       return world_.setNumRetries(client, 1);
+    case Setting::Init:
+      model.retries = true;
+      return world_.init(client);
     default:
       caller.setRetryUnsafe(true);
       caller.setRetryPause(0, 0);
