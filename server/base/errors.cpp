@@ -60,6 +60,8 @@ std::string_view messageId(ErrorKind kind) {
       return "ZVK0033E";
     case ErrorKind::UnknownDocument:
       return "ZVK0034E";
+    case ErrorKind::SnapshotGone:
+      return "ZVK0035E";
     case ErrorKind::Internal:
       break;
   }

@@ -37,6 +37,7 @@ enum class ErrorKind {
   OtherMark,
   UnknownBatch,
   UnknownDocument,
+  SnapshotGone,
   Internal,
 };
 

@@ -54,6 +54,7 @@ SearchQuery searchQueryOf(const Request& request) {
   readNumber(request, words().resultLimit, query.limit);
   const bool raw = chooses(request, words().scoreType, "raw", "normalized");
   query.scale = raw ? ScoreScale::Raw : ScoreScale::Normalized;
+  readPlace(request, query);
   return query;
 }
 
@@ -145,8 +146,8 @@ Reply search(const Service& service, Request& request) {
   reply.streaming = chooses(request, words().mode, words().modeStreaming, words().modeScalar);
   reply.withScore = chooses(request, words().scoreWanted, words().yes, words().no);
   const bool matches = !request.header(words().match).empty();
-  if (matches && !request.header(words().keys).empty()) {
-    refuseBeside(request, words().keys, words().match);
+  for (const std::string& name : {words().keys, words().searchAfter}) {
+    if (matches && !request.header(name).empty()) refuseBeside(request, name, words().match);
   }
   const SearchQuery query = searchQueryOf(request);
   if (!matches) {
@@ -410,7 +411,7 @@ constexpr std::array<Parameter, 5> kAdd{{{&Words::useQueue, kNo},
 constexpr std::array<Parameter, 2> kQueue{{{&Words::useQueue, kYes}, {&Words::client}}};
 constexpr std::array<Parameter, 1> kDelete{{{&Words::mustExist}}};
 constexpr std::array<Parameter, 1> kUpdate{{{&Words::incremental, kYes}}};
-constexpr std::array<Parameter, 12> kSearch{{{&Words::query},
+constexpr std::array<Parameter, 13> kSearch{{{&Words::query},
                                              {&Words::keys},
                                              {&Words::mode},
                                              {&Words::start},
@@ -421,10 +422,11 @@ constexpr std::array<Parameter, 12> kSearch{{{&Words::query},
                                              {&Words::sortField},
                                              {&Words::match},
                                              {&Words::after},
-                                             {&Words::upTo}}};
+                                             {&Words::upTo},
+                                             {&Words::searchAfter}}};
 constexpr std::array<Parameter, 3> kSelectivity{
     {{&Words::query}, {&Words::mode, kSelectivityMode}, {&Words::exactHits}}};
-constexpr std::array<Parameter, 13> kReport{{{&Words::report},
+constexpr std::array<Parameter, 15> kReport{{{&Words::report},
                                              {&Words::keys},
                                              {&Words::client},
                                              {&Words::batch},
@@ -435,6 +437,8 @@ constexpr std::array<Parameter, 13> kReport{{{&Words::report},
                                              {&Words::every},
                                              {&Words::sortField},
                                              {&Words::start},
+                                             {&Words::resultLimit},
+                                             {&Words::searchAfter},
                                              {&Words::values},
                                              {&Words::snippet}}};
 constexpr std::array<Parameter, 1> kBackup{{{&Words::backup}}};

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -30,8 +31,8 @@ constexpr const char* kDigestLine = "ZVK0103I";
 constexpr const char* kHitLine = "ZVK0104I";
 constexpr const char* kValueLine = "ZVK0105I";
 constexpr const char* kSnippetLine = "ZVK0106I";
-
 constexpr const char* kBackupLine = "ZVK0107I";
+constexpr const char* kPlaceLine = "ZVK0108I";
 
 constexpr std::uint64_t kMaxLines = 1000;
 // Each collection that is reported may have to be opened.
@@ -43,9 +44,10 @@ constexpr std::uint64_t kUsualHits = 10;
 constexpr std::uint64_t kMaxSnippet = 4096;
 
 // What only reports take.
-constexpr std::array<Word, 10> kOfReports{
-    &Words::query, &Words::after,     &Words::upTo,  &Words::keys,   &Words::size,
-    &Words::every, &Words::sortField, &Words::start, &Words::values, &Words::snippet};
+constexpr std::array<Word, 12> kOfReports{
+    &Words::query,  &Words::after,   &Words::upTo,        &Words::keys,
+    &Words::size,   &Words::every,   &Words::sortField,   &Words::start,
+    &Words::values, &Words::snippet, &Words::resultLimit, &Words::searchAfter};
 
 // What getParseResult takes where it makes no report.
 constexpr std::array<Word, 2> kOfOutcomes{&Words::batch, &Words::client};
@@ -212,7 +214,8 @@ Reply digest(const Service& service, const Request& request) {
   return reply;
 }
 
-SearchQuery hitsOf(const Request& request) {
+// What is searched for, and in which order.
+SearchQuery searchedBy(const Request& request) {
   SearchQuery query;
   readOrder(request, query);
   query.text = request.header(words().query);
@@ -220,7 +223,15 @@ SearchQuery hitsOf(const Request& request) {
   if (!query.everything) query.text = require(request, words().query);
   query.after = keyIn(request, words().after);
   query.upTo = keyIn(request, words().upTo);
+  query.keys = keysIn(request, words().keys);
   readNumber(request, words().start, query.start);
+  readNumber(request, words().resultLimit, query.limit);
+  readPlace(request, query);
+  return query;
+}
+
+SearchQuery hitsOf(const Request& request) {
+  SearchQuery query = searchedBy(request);
   query.size = kUsualHits;
   readNumber(request, words().size, query.size);
   if (query.size > kMaxHits) {
@@ -241,10 +252,15 @@ DetailsWanted detailsOf(const Request& request) {
   return wanted;
 }
 
+ReportReply::Line placeLine(const std::string& collection, const ResultPlace& place) {
+  return {collection, kPlaceLine, fmt::format("rank={} place={}", place.rank, textOf(place))};
+}
+
 Reply hits(const Service& service, const Request& request) {
   const std::string collection = collectionOf(request);
   const SearchQuery query = hitsOf(request);
   ReportReply reply;
+  std::optional<ResultPlace> next;
   for (const HitDetails& each : service.store.details(collection, query, detailsOf(request))) {
     const std::string id = documentId(each.hit.key);
     reply.lines.push_back({id, kHitLine, "score=" + scoreText(each.hit.milliScore)});
@@ -252,18 +268,33 @@ Reply hits(const Service& service, const Request& request) {
       reply.lines.push_back({id, kValueLine, fmt::format("{}={}", name, value)});
     }
     if (!each.snippet.empty()) reply.lines.push_back({id, kSnippetLine, each.snippet});
+    next = each.nextPage;
   }
+  if (next) reply.lines.push_back(placeLine(collection, *next));
+  return reply;
+}
+
+// To know a place behind hits it takes the last of them.
+Reply place(const Service& service, const Request& request) {
+  const std::string collection = collectionOf(request);
+  SearchQuery query = searchedBy(request);
+  query.inPages = true;
+  query.size = query.start > 0 ? 1 : 0;
+  query.start -= query.size;
+  const auto next = service.store.search(collection, query)->nextPage();
+  ReportReply reply;
+  if (next) reply.lines.push_back(placeLine(collection, *next));
   return reply;
 }
 
 struct Report {
   Word name;
   bool ofCollection;
-  std::array<Word, 8> takes;
+  std::array<Word, 11> takes;
   Reply (*make)(const Service& service, const Request& request);
 };
 
-constexpr std::array<Report, 6> kReports{{
+constexpr std::array<Report, 7> kReports{{
     {&Words::collectionsReport, false, {&Words::after, &Words::size}, collections},
     {&Words::backupsReport, false, {&Words::after, &Words::size}, backups},
     {&Words::collectionReport, true, {}, collection},
@@ -274,9 +305,14 @@ constexpr std::array<Report, 6> kReports{{
      digest},
     {&Words::hitsReport,
      true,
-     {&Words::query, &Words::after, &Words::upTo, &Words::sortField, &Words::start, &Words::size,
-      &Words::values, &Words::snippet},
+     {&Words::query, &Words::after, &Words::upTo, &Words::keys, &Words::sortField, &Words::start,
+      &Words::size, &Words::resultLimit, &Words::searchAfter, &Words::values, &Words::snippet},
      hits},
+    {&Words::placeReport,
+     true,
+     {&Words::query, &Words::after, &Words::upTo, &Words::keys, &Words::sortField, &Words::start,
+      &Words::resultLimit, &Words::searchAfter},
+     place},
 }};
 
 const Report& reportNamed(const Request& request) {

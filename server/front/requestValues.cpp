@@ -103,6 +103,16 @@ void readOrder(const Request& request, SearchQuery& query) {
   }
 }
 
+void readPlace(const Request& request, SearchQuery& query) {
+  const std::string_view text = request.header(words().searchAfter);
+  query.inPages = !text.empty();
+  if (!query.inPages || text == words().begin) return;
+  query.from = placeFrom(text);
+  if (query.from) return;
+  refuseValue(request, words().searchAfter,
+              "not " + shown(words().begin) + " or a place as the server has told it");
+}
+
 std::vector<std::string> listIn(std::string_view text) {
   constexpr std::string_view kBetween = ", \t";
   std::vector<std::string> list;

@@ -41,6 +41,9 @@ bool chooses(const Request& request, const std::string& name, std::string_view f
 /// The order of hits that a search asks for.
 void readOrder(const Request& request, SearchQuery& query);
 
+/// Whether the result is to be taken in pages, and where the page begins.
+void readPlace(const Request& request, SearchQuery& query);
+
 /// What stands apart by commas or blanks.
 std::vector<std::string> listIn(std::string_view text);
 

@@ -42,6 +42,7 @@ void addNames(Words& words) {
   words.every = "every";
   words.values = "values";
   words.snippet = "snippet";
+  words.searchAfter = "searchAfter";
   words.language = utf8(Defs::PARAM_LANGUAGE);
   words.refresh = "refresh";
   words.batch = "batch";
@@ -106,6 +107,8 @@ void addValues(Words& words) {
   words.all = "all";
   words.marked = "marked";
   words.backupsReport = "backups";
+  words.placeReport = "place";
+  words.begin = "begin";
   words.actionUnknown = utf8(Defs::ACT_UNKNOWN);
   words.actionUpdate = utf8(Defs::ACT_UPDATE);
   words.actionMonitor = utf8(Defs::ACT_MONITOR);

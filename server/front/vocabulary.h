@@ -12,7 +12,7 @@ struct Words {
   std::string action, actionType, authorization, collection, collectionName, contentLength,
       connectionPersists, protocolVersion, replyFormat, locale, scope;
   std::string query, mode, start, size, resultLimit, scoreWanted, scoreType, sortField, match,
-      after, upTo, exactHits, report, every, values, snippet;
+      after, upTo, exactHits, report, every, values, snippet, searchAfter;
   std::string language, documentType, knownDocumentType, charset, knownCharset, mimeType, useQueue,
       incremental;
   std::string implementationVersion, supportedServerVersions, versionsSeparator, buildSeparator;
@@ -24,7 +24,7 @@ struct Words {
       americanEnglish, protocol11, formatRdx, collectionScope, systemScope, text, html, xml,
       undefinedType, plainText, htmlText, xmlText, xmlApplication, utf8, byScore, byKey, unsorted,
       oneDocument, severalDocuments, collectionsReport, collectionReport, countReport, digestReport,
-      hitsReport, all, marked, backupsReport;
+      hitsReport, all, marked, backupsReport, placeReport, begin;
   std::string actionUnknown, actionUpdate, actionMonitor, actionSelect, actionAdmin;
   // Tags of a document block and names of record fields.
   std::string rowId, data, doc;

@@ -618,7 +618,7 @@ std::vector<ParseOutcome> Collection::takeOutcomes(const std::string& client) {
 
 std::unique_ptr<HitSource> Collection::search(const SearchQuery& query) {
   requireActive();
-  return index_.search(query, hidden());
+  return index_.search(query, hiddenFrom(query));
 }
 
 std::unique_ptr<HitSource> Collection::match(const SearchQuery& query,
@@ -645,7 +645,7 @@ void Collection::visit(const SearchQuery& query, const Store::DocumentVisitor& t
 
 std::vector<HitDetails> Collection::details(const SearchQuery& query, const DetailsWanted& wanted) {
   requireActive();
-  return index_.details(query, wanted, hidden());
+  return index_.details(query, wanted, hiddenFrom(query));
 }
 
 CollectionSummary Collection::summary() {
@@ -808,6 +808,16 @@ void Collection::hide(JournalPosition position, const std::string& key) {
 Hidden Collection::hidden() const {
   const std::lock_guard lock(hiddenMutex_);
   return hidden_;
+}
+
+// What is deleted while a result is taken in pages stays in it.
+Hidden Collection::hiddenFrom(const SearchQuery& query) const {
+  Hidden present = hidden();
+  if (!query.inPages) return present;
+  const std::uint64_t version = query.from ? query.from->snapshot.hidden : present->version();
+  Hidden then = present->asOf(version, emptyShare(limits_));
+  if (!then) throwSnapshotGone();
+  return then;
 }
 
 void Collection::pushOutcome(ParseOutcome outcome, std::uint64_t ticket,

@@ -200,6 +200,7 @@ class Collection {
   template <typename IsGone>
   void showAgain(const IsGone& isGone);
   Hidden hidden() const;
+  Hidden hiddenFrom(const SearchQuery& query) const;
   std::shared_ptr<Ticket> requestRemoval();
   void requestRound();
   std::shared_ptr<Ticket> awaitRound(const std::string& key);

@@ -7,7 +7,7 @@ namespace corvaned {
 namespace {
 
 // What a key takes beside its bytes.
-constexpr std::size_t kKeyCost = 96;
+constexpr std::size_t kKeyCost = 104;
 
 }  // namespace
 
@@ -18,27 +18,47 @@ void HiddenKeys::add(const std::string& key, const JournalPosition& position) {
 }
 
 void HiddenKeys::put(const std::string& key, const JournalPosition& position) {
-  const auto [place, isNew] = positions_.try_emplace(key, position);
-  place->second = std::max(place->second, position);
-  if (isNew) keyBytes_ += key.size() + kKeyCost;
+  const auto [place, isNew] = deletions_.try_emplace(key, Deletion{position, version_ + 1});
+  place->second.position = std::max(place->second.position, position);
+  if (!isNew) return;
+  ++version_;
+  keyBytes_ += key.size() + kKeyCost;
 }
 
 bool HiddenKeys::contains(const std::string& key) const {
   const std::shared_lock lock(mutex_);
-  return positions_.contains(key);
+  return deletions_.contains(key);
 }
 
 std::size_t HiddenKeys::size() const {
   const std::shared_lock lock(mutex_);
-  return positions_.size();
+  return deletions_.size();
 }
 
 std::vector<std::string> HiddenKeys::keys() const {
   std::vector<std::string> keys;
   const std::shared_lock lock(mutex_);
-  keys.reserve(positions_.size());
-  for (const auto& [key, position] : positions_) keys.push_back(key);
+  keys.reserve(deletions_.size());
+  for (const auto& [key, deletion] : deletions_) keys.push_back(key);
   return keys;
+}
+
+std::uint64_t HiddenKeys::version() const {
+  const std::shared_lock lock(mutex_);
+  return version_;
+}
+
+std::shared_ptr<const HiddenKeys> HiddenKeys::asOf(std::uint64_t version,
+                                                   MemoryBudget::Share memory) const {
+  const std::shared_lock lock(mutex_);
+  if (version < firstVersion_ || version > version_) return nullptr;
+  auto then = std::make_shared<HiddenKeys>(std::move(memory));
+  for (const auto& [key, deletion] : deletions_) {
+    if (deletion.version <= version) then->put(key, deletion.position);
+  }
+  then->firstVersion_ = then->version_ = version;
+  then->memory_.force(then->keyBytes_);
+  return then;
 }
 
 }  // namespace corvaned

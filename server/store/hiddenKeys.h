@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <shared_mutex>
 #include <string>
@@ -30,29 +31,45 @@ class HiddenKeys {
   std::size_t size() const;
   std::vector<std::string> keys() const;
 
+  /// Changes whenever other keys are hidden, by this object or by the one that takes its place.
+  std::uint64_t version() const;
+  /// Those of an earlier version, to which no key is added any more; null if they are not known.
+  /// `memory`: an empty share.
+  std::shared_ptr<const HiddenKeys> asOf(std::uint64_t version, MemoryBudget::Share memory) const;
+
   /// The same without those for which `isGone(key, position)` holds; null if it holds for none.
   /// `memory`: an empty share.
   template <typename IsGone>
   std::shared_ptr<HiddenKeys> without(const IsGone& isGone, MemoryBudget::Share memory) const {
     const std::shared_lock lock(mutex_);
-    const auto goes = [&](const auto& entry) { return isGone(entry.first, entry.second); };
-    if (std::none_of(positions_.begin(), positions_.end(), goes)) return nullptr;
+    const auto goes = [&](const auto& entry) { return isGone(entry.first, entry.second.position); };
+    if (std::none_of(deletions_.begin(), deletions_.end(), goes)) return nullptr;
     auto rest = std::make_shared<HiddenKeys>(std::move(memory));
-    for (const auto& entry : positions_) {
-      if (!goes(entry)) rest->put(entry.first, entry.second);
+    for (const auto& entry : deletions_) {
+      if (!goes(entry)) rest->put(entry.first, entry.second.position);
     }
+    rest->firstVersion_ = rest->version_ = version_ + 1;
     rest->memory_.force(rest->keyBytes_);
     return rest;
   }
 
  private:
+  struct Deletion {
+    JournalPosition position;
+    /// The first version that has it.
+    std::uint64_t version = 0;
+  };
+
   void put(const std::string& key, const JournalPosition& position);
 
   mutable std::shared_mutex mutex_;
   // Guarded by mutex_.
   MemoryBudget::Share memory_;
-  std::unordered_map<std::string, JournalPosition> positions_;
+  std::unordered_map<std::string, Deletion> deletions_;
   std::size_t keyBytes_ = 0;
+  // Keys that this object has had from the beginning count as those of its first version.
+  std::uint64_t firstVersion_ = 0;
+  std::uint64_t version_ = 0;
 };
 
 /// What a search leaves out. Null: nothing.

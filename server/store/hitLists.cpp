@@ -16,6 +16,10 @@ namespace {
 // By how much the memory of keys grows at a time.
 constexpr std::size_t kKeysStep = std::size_t{64} << 10U;
 
+bool isBefore(const RankedHit& a, const RankedHit& b) {
+  return a.weight > b.weight || (a.weight == b.weight && a.key < b.key);
+}
+
 std::uint16_t milliScore(double weight, double maxAttained, ScoreScale scale) {
   constexpr double kMax = std::numeric_limits<std::uint16_t>::max();
   double score = weight;
@@ -31,9 +35,32 @@ HitBuffer::HitBuffer(const Xapian::MSet& matches, KeyIn keyIn, ScoreScale scale,
   entries_.reserve(matches.size());
   const double best = matches.get_max_attained();
   for (auto match = matches.begin(); match != matches.end(); ++match) {
-    keys_ += keyIn(match.get_sort_key());
-    entries_.push_back({keys_.size(), milliScore(match.get_weight(), best, scale)});
+    lastSortKey_ = match.get_sort_key();
+    lastWeight_ = match.get_weight();
+    add(keyIn(lastSortKey_), milliScore(lastWeight_, best, scale));
   }
+  countMemory();
+}
+
+HitBuffer::HitBuffer(const std::vector<RankedHit>& hits, std::uint64_t start, double best,
+                     ScoreScale scale, MemoryBudget::Share memory)
+    : memory_(std::move(memory)) {
+  const std::size_t first = std::min<std::size_t>(start, hits.size());
+  entries_.reserve(hits.size() - first);
+  for (std::size_t i = first; i < hits.size(); ++i) {
+    lastSortKey_ = hits[i].key;
+    lastWeight_ = hits[i].weight;
+    add(lastSortKey_, milliScore(lastWeight_, best, scale));
+  }
+  countMemory();
+}
+
+void HitBuffer::add(std::string_view key, std::uint16_t score) {
+  keys_ += key;
+  entries_.push_back({keys_.size(), score});
+}
+
+void HitBuffer::countMemory() {
   memory_.force(keys_.capacity() + entries_.capacity() * sizeof(Entry));
 }
 
@@ -100,6 +127,39 @@ void KeyGatherer::operator()(const Xapian::Document& document, double) {
   buffer_.add(document.get_value(kKeySlot));
   // Rarely, so that a page of many costs little.
   if (byKey_ && buffer_.size() / 2 > wanted_ + kFewHits) buffer_.keepFirst(wanted_);
+}
+
+// The key of a document is only read if it counts.
+void HitsBehind::operator()(const Xapian::Document& document, double weight) {
+  best_ = std::max(best_, weight);
+  const bool isAtPlace = weight == place_.weight;
+  if (weight > place_.weight) {
+    ++before_;
+    return;
+  }
+  const bool isFull = kept_.size() >= wanted_;
+  if (!isAtPlace && isFull && (kept_.empty() || weight < kept_.front().weight)) return;
+  RankedHit hit{weight, document.get_value(kKeySlot)};
+  if (isAtPlace && hit.key <= place_.sortedBy) {
+    ++before_;
+  } else {
+    keep(std::move(hit));
+  }
+}
+
+void HitsBehind::keep(RankedHit&& hit) {
+  if (kept_.size() >= wanted_) {
+    if (kept_.empty() || !isBefore(hit, kept_.front())) return;
+    std::pop_heap(kept_.begin(), kept_.end(), isBefore);
+    kept_.pop_back();
+  }
+  kept_.push_back(std::move(hit));
+  std::push_heap(kept_.begin(), kept_.end(), isBefore);
+}
+
+std::vector<RankedHit> HitsBehind::take() {
+  std::sort_heap(kept_.begin(), kept_.end(), isBefore);
+  return std::move(kept_);
 }
 
 }  // namespace corvaned

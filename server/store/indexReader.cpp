@@ -12,6 +12,7 @@
 #include "server/store/interruption.h"
 #include "server/store/keyFilters.h"
 #include "server/store/passingDocuments.h"
+#include "server/store/queryDigest.h"
 #include "server/store/queryReader.h"
 #include "server/store/searchMemory.h"
 #include "server/store/sortOrder.h"
@@ -55,6 +56,10 @@ void spendOnText() {
 struct Page {
   std::uint64_t start = 0;
   std::uint64_t end = 0;
+
+  Page behind(std::uint64_t hits) const {
+    return {saturatedSum(start, hits), saturatedSum(end, hits)};
+  }
 };
 
 /// What hits are sorted by.
@@ -63,22 +68,56 @@ struct SortKeys {
   std::size_t bytes;
 };
 
-std::unique_ptr<HitSource> sorted(Xapian::Enquire& enquire, Page page, SortKeys sortKeys,
-                                  ScoreScale scale, const IndexLimits& limits) {
+MemoryBudget::Share memoryToSort(const Xapian::Enquire& enquire, Page page,
+                                 std::size_t sortKeyBytes, const IndexLimits& limits) {
   std::uint64_t most = page.end;
   if (most > kFewHits) {
     most = std::min<std::uint64_t>(most, enquire.get_mset(0, 0).get_matches_upper_bound());
   }
-  MemoryBudget::Share memory = memoryFor(most, sortKeys.bytes, limits);
+  return memoryFor(most, sortKeyBytes, limits);
+}
+
+// `decider`: says which documents count, unless all do.
+std::unique_ptr<HitList> sorted(Xapian::Enquire& enquire, Page page, SortKeys sortKeys,
+                                ScoreScale scale, const IndexLimits& limits,
+                                const Xapian::MatchDecider* decider = nullptr) {
+  MemoryBudget::Share memory = memoryToSort(enquire, page, sortKeys.bytes, limits);
   const Xapian::MSet matches =
       enquire.get_mset(static_cast<Xapian::doccount>(page.start),
-                       static_cast<Xapian::doccount>(page.end - page.start));
+                       static_cast<Xapian::doccount>(page.end - page.start), 0, nullptr, decider);
   return std::make_unique<HitBuffer>(matches, sortKeys.keyIn, scale, std::move(memory));
 }
 
+// The engine would keep all hits that come before the place, too. It gives up looking for hits that
+// are not good enough for a page, so the place has to be far away for that to cost more.
+std::unique_ptr<HitList> farBehind(Xapian::Enquire& enquire, Page page, const SearchQuery& query,
+                                   std::uint64_t documents, const IndexLimits& limits) {
+  MemoryBudget::Share memory = memoryToSort(enquire, page, 0, limits);
+  HitsBehind behind(*query.from, page.end);
+  enquire.set_sort_by_relevance();
+  enquire.add_matchspy(&behind);
+  enquire.get_mset(0, 1, static_cast<Xapian::doccount>(documents));
+  if (behind.before() != query.from->rank) {
+    throw ServerError(ErrorKind::BadParameter,
+                      "the place to go on from is none of the result of this query");
+  }
+  return std::make_unique<HitBuffer>(behind.take(), page.start, behind.best(), query.scale,
+                                     std::move(memory));
+}
+
+std::unique_ptr<HitList> byScore(Xapian::Enquire& enquire, Page page, const SearchQuery& query,
+                                 std::uint64_t documents, const IndexLimits& limits) {
+  const std::uint64_t before = query.from ? query.from->rank : 0;
+  if (before > 0 && saturatedSum(before, page.end) > kFewHits) {
+    return farBehind(enquire, page, query, documents, limits);
+  }
+  enquire.set_sort_by_relevance_then_value(kKeySlot, false);
+  return sorted(enquire, page.behind(before), {wholeSortKey, 0}, query.scale, limits);
+}
+
 // In an empty collection there is nothing that could be marked yet.
-std::unique_ptr<HitSource> byValue(Xapian::Enquire& enquire, Page page, const SearchQuery& query,
-                                   const IndexNames& names, const IndexLimits& limits) {
+std::unique_ptr<HitList> byValue(Xapian::Enquire& enquire, Page page, const SearchQuery& query,
+                                 const IndexNames& names, const IndexLimits& limits) {
   const auto slot = names.slotOf(query.sortBy);
   if (!slot && page.end > 0) {
     throw ServerError(ErrorKind::BadParameter,
@@ -89,13 +128,16 @@ std::unique_ptr<HitSource> byValue(Xapian::Enquire& enquire, Page page, const Se
   ValueOrder order(slot.value_or(kKeySlot), query.descending);
   enquire.set_sort_by_key(&order, false);
   enquire.set_weighting_scheme(Xapian::BoolWeight());
-  return sorted(enquire, page, {ValueOrder::keyIn, kValueKeyBytes}, query.scale, limits);
+  const std::string place = query.from ? query.from->sortedBy : std::string();
+  const OrderedBehind behind(order, place);
+  return sorted(enquire, page, {ValueOrder::keyIn, kValueKeyBytes}, query.scale, limits,
+                place.empty() ? nullptr : &behind);
 }
 
 // The engine only tells which documents match; to let it sort them would take ten times the
 // memory and more than twice the time.
-std::unique_ptr<HitSource> keys(Xapian::Enquire& enquire, Page page, HitOrder order,
-                                std::uint64_t documents, const IndexLimits& limits) {
+std::unique_ptr<HitList> keys(Xapian::Enquire& enquire, Page page, HitOrder order,
+                              std::uint64_t documents, const IndexLimits& limits) {
   auto buffer = std::make_unique<KeyBuffer>(limits);
   KeyGatherer gatherer(*buffer, page.end, order == HitOrder::Key);
   enquire.set_weighting_scheme(Xapian::BoolWeight());
@@ -107,27 +149,71 @@ std::unique_ptr<HitSource> keys(Xapian::Enquire& enquire, Page page, HitOrder or
   return buffer;
 }
 
+// What is asked for, counted from where the result is gone on with.
+Page pageOf(const SearchQuery& query, std::uint64_t documents) {
+  const std::uint64_t before = query.from ? query.from->rank : 0;
+  const std::uint64_t limit = query.limit - std::min(query.limit, before);
+  const std::uint64_t end = std::min({saturatedSum(query.start, query.size), limit, documents});
+  return {std::min(query.start, end), end};
+}
+
+Xapian::Query limited(const Xapian::Query& words, const SearchQuery& query) {
+  if (!query.from || query.order != HitOrder::Key || query.from->sortedBy <= query.after) {
+    return withinKeys(words, query);
+  }
+  SearchQuery rest = query;
+  rest.after = query.from->sortedBy;
+  return withinKeys(words, rest);
+}
+
 // `documents`: how many of them may be hits.
-std::unique_ptr<HitSource> hits(const Xapian::Database& database, const Xapian::Query& words,
-                                const SearchQuery& query, const IndexNames& names,
-                                const IndexLimits& limits, std::uint64_t documents) {
-  const std::uint64_t end =
-      std::min({saturatedSum(query.start, query.size), query.limit, documents});
-  const Page page{std::min(query.start, end), end};
-  const Interruptible interruptible(withinKeys(words, query));
+std::unique_ptr<HitList> hits(const Xapian::Database& database, const Xapian::Query& words,
+                              const SearchQuery& query, const IndexNames& names,
+                              const IndexLimits& limits, std::uint64_t documents) {
+  const Page page = pageOf(query, documents);
+  const Interruptible interruptible(limited(words, query));
   Xapian::Enquire enquire(database);
   enquire.set_query(interruptible.query());
   switch (query.order) {
     case HitOrder::Score:
-      enquire.set_sort_by_relevance_then_value(kKeySlot, false);
-      return sorted(enquire, page, {wholeSortKey, 0}, query.scale, limits);
+      return byScore(enquire, page, query, documents, limits);
     case HitOrder::Value:
       return byValue(enquire, page, query, names, limits);
     case HitOrder::Key:
+      return keys(enquire, page, query.order, documents, limits);
     case HitOrder::Any:
       break;
   }
-  return keys(enquire, page, query.order, documents, limits);
+  const std::uint64_t before = query.from ? std::min(query.from->rank, documents) : 0;
+  return keys(enquire, page.behind(before), query.order, documents, limits);
+}
+
+// Where the page begins.
+ResultPlace beginOf(const SearchQuery& query, const Snapshot& snapshot) {
+  ResultPlace begin;
+  begin.snapshot = snapshot;
+  begin.query = queryDigest(query);
+  if (!query.from) return begin;
+  if (query.from->query != begin.query) {
+    throw ServerError(
+        ErrorKind::BadParameter,
+        "the place to go on from belongs to another query, or to another order of its "
+        "hits");
+  }
+  if (query.from->snapshot != snapshot) throwSnapshotGone();
+  return *query.from;
+}
+
+// A page that is not full is the last one. One without hits only tells where it is.
+std::optional<ResultPlace> endOf(ResultPlace begin, const SearchQuery& query,
+                                 const HitList& found) {
+  if (query.size == 0 && query.start == 0) return begin;
+  const std::size_t count = found.left();
+  if (count == 0 || count < query.size) return std::nullopt;
+  begin.rank += query.start + count;
+  begin.weight = found.lastWeight();
+  begin.sortedBy = found.lastSortKey();
+  return begin;
 }
 
 }  // namespace
@@ -142,8 +228,22 @@ IndexReader::IndexReader(const std::filesystem::path& path, DescriptorBudget::Sh
 std::unique_ptr<HitSource> IndexReader::search(const SearchQuery& query, const Hidden& hidden,
                                                const IndexLimits& limits) const {
   const IndexNames names(database_);
-  return hits(database_, withoutHidden(wordsOf(query, names, limits), hidden), query, names, limits,
-              database_.get_doccount());
+  return found(wordsOf(query, names, limits), query, names, hidden, limits);
+}
+
+std::unique_ptr<HitList> IndexReader::found(const Xapian::Query& words, const SearchQuery& query,
+                                            const IndexNames& names, const Hidden& hidden,
+                                            const IndexLimits& limits) const {
+  std::optional<ResultPlace> begin;
+  if (query.inPages) begin = beginOf(query, snapshot(hidden));
+  auto found =
+      hits(database_, withoutHidden(words, hidden), query, names, limits, database_.get_doccount());
+  if (begin) found->setNextPage(endOf(std::move(*begin), query, *found));
+  return found;
+}
+
+Snapshot IndexReader::snapshot(const Hidden& hidden) const {
+  return {generation_, database_.get_revision(), hidden ? hidden->version() : 0};
 }
 
 // Both databases together have the statistics that the collection would have.
@@ -197,8 +297,7 @@ std::vector<HitDetails> IndexReader::details(const SearchQuery& query, const Det
   if (wanted.snippetBytes > 0) requireTexts();
   const IndexNames names(database_);
   const Xapian::Query words = wordsOf(query, names, limits);
-  const auto found =
-      hits(database_, withoutHidden(words, hidden), query, names, limits, database_.get_doccount());
+  const auto found = this->found(words, query, names, hidden, limits);
   const Snippets snippets(database_, analysis_, words);
   MemoryBudget::Share memory = shareOf(limits);
   MemoryBudget::Share result = shareOf(limits);
@@ -212,6 +311,7 @@ std::vector<HitDetails> IndexReader::details(const SearchQuery& query, const Det
     if (wanted.snippetBytes > 0) each.snippet = snippets.of(*document, wanted.snippetBytes);
     result.force(result.bytes() + bytesOf(each));
   }
+  if (!details.empty()) details.back().nextPage = found->nextPage();
   return details;
 }
 

@@ -13,6 +13,7 @@
 #include "server/base/descriptorBudget.h"
 #include "server/base/memoryBudget.h"
 #include "server/store/hiddenKeys.h"
+#include "server/store/hitLists.h"
 #include "server/store/indexLimits.h"
 #include "server/store/store.h"
 #include "server/store/textAnalysis.h"
@@ -52,6 +53,10 @@ class IndexReader {
                     const IndexLimits& limits) const;
 
  private:
+  Snapshot snapshot(const Hidden& hidden) const;
+  std::unique_ptr<HitList> found(const Xapian::Query& words, const SearchQuery& query,
+                                 const IndexNames& names, const Hidden& hidden,
+                                 const IndexLimits& limits) const;
   void requireTexts() const;
   std::optional<Document> stored(const std::string& key, MemoryBudget::Share& memory,
                                  std::size_t forms) const;

@@ -1,5 +1,7 @@
 #include "server/store/indexReaders.h"
 
+#include <random>
+
 namespace corvaned {
 
 void IndexReaders::release() {
@@ -31,6 +33,13 @@ void IndexReaders::refresh(std::unique_ptr<IndexReader>& reader) {
   if (reader && reader->generation() == generation_) return reader->refresh();
   if (reader) descriptors = reader->takeDescriptors();
   reader = std::make_unique<IndexReader>(path_, std::move(descriptors), generation_);
+}
+
+// Places in results name the generation, and must not be taken for those of an index that another
+// process has opened.
+std::uint64_t IndexReaders::anyNumber() {
+  std::random_device device;
+  return static_cast<std::uint64_t>(device()) << 32U | device();
 }
 
 void IndexReaders::giveBack(std::unique_ptr<IndexReader> reader) {

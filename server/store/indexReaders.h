@@ -83,13 +83,15 @@ class IndexReaders {
   void refresh(std::unique_ptr<IndexReader>& reader);
   void giveBack(std::unique_ptr<IndexReader> reader);
 
+  static std::uint64_t anyNumber();
+
   const std::filesystem::path path_;
   const IndexLimits& limits_;
   CommitGate commits_;
   // Held shared while a handle is opened or refreshed, so that the index does not change places
   // with another one meanwhile. Guards generation_.
   std::shared_mutex exchangeMutex_;
-  std::uint64_t generation_ = 0;
+  std::uint64_t generation_ = anyNumber();
   std::mutex mutex_;
   std::vector<std::unique_ptr<IndexReader>> idle_;  // Guarded by mutex_.
 };

@@ -23,4 +23,19 @@ class ValueOrder : public Xapian::KeyMaker {
   const bool descending_;
 };
 
+/// Tells the documents that come after a place in such an order.
+class OrderedBehind : public Xapian::MatchDecider {
+ public:
+  /// Both must outlive it.
+  OrderedBehind(const ValueOrder& order, const std::string& place) : order_(order), place_(place) {}
+
+  bool operator()(const Xapian::Document& document) const override {
+    return order_(document) > place_;
+  }
+
+ private:
+  const ValueOrder& order_;
+  const std::string& place_;
+};
+
 }  // namespace corvaned

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "server/base/errors.h"
+#include "server/store/resultPlace.h"
 
 namespace corvaned {
 
@@ -36,6 +37,9 @@ class HitSource {
   /// Stores the next hit in `hit`. After the last hit returns false and leaves `hit` unchanged. May
   /// throw; the hits returned before stay valid.
   virtual bool next(Hit& hit) = 0;
+  /// Where the result goes on behind the hits of this page; nothing if they are its last, or if the
+  /// search is none in pages.
+  virtual std::optional<ResultPlace> nextPage() const { return std::nullopt; }
 };
 
 enum class ScoreScale {
@@ -76,6 +80,11 @@ struct SearchQuery {
   std::uint64_t size = std::numeric_limits<std::uint64_t>::max();
   std::uint64_t limit = std::numeric_limits<std::uint64_t>::max();
   ScoreScale scale = ScoreScale::Normalized;
+  /// Whether the result is to be gone on with, see HitSource::nextPage().
+  bool inPages = false;
+  /// Where it is gone on with: `start` counts from there. The search is refused if the collection
+  /// has got into another state, or if the place is one of another query.
+  std::optional<ResultPlace> from{};
 };
 
 /// How many hits an estimate counts if nobody says how many.
@@ -138,6 +147,8 @@ struct HitDetails {
   std::vector<std::pair<std::string, std::string>> values{};
   /// HTML text in which the words of the query stand between <b> and </b>.
   std::string snippet{};
+  /// Of the last hit of a search in pages: where the result goes on behind it.
+  std::optional<ResultPlace> nextPage{};
 };
 
 /// The outcome of one queued document. If messageId is empty the document is stored.

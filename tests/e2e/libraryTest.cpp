@@ -489,6 +489,72 @@ TEST_P(Library, FindsKeysWithoutScoresInTheirOrder) {
   EXPECT_THAT(send(everything).keys(), ElementsAre("d00000", "d00001"));
 }
 
+TEST_P(Library, TakesPagesOfOneState) {
+  add("other", "nothing of it");
+  addMany(2500);
+  for (const std::string order : {"SCORE", "KEY"}) {
+    const Keys all = found("common OR word7 OR word8", {{"sortField", order}});
+    ASSERT_THAT(all, SizeIs(2500));
+    std::string from = "begin";
+    Keys taken;
+    const auto place = [&](const std::string& start) {
+      const Answer answer =
+          send(ClientRequest::PARSE_RESULT, {{"report", "place"},
+                                             {"query", "common OR word7 OR word8"},
+                                             {"sortField", order},
+                                             {"searchAfter", from},
+                                             {"start", start}});
+      expectSuccess(answer);
+      if (answer.parsed.empty()) return std::string();
+      EXPECT_EQ(answer.parsed[0].messageId, "ZVK0108I");
+      const std::string& facts = answer.parsed[0].messageText;
+      EXPECT_THAT(facts, ::testing::StartsWith("rank=" + std::to_string(taken.size())));
+      return facts.substr(facts.find(" place=") + 7);
+    };
+    for (from = place("0"); !from.empty(); from = place("900")) {
+      for (const int kind : {8, 20}) {
+        const Keys page =
+            search("common OR word7 OR word8",
+                   {{"sortField", order}, {"searchAfter", from}, {"size", "900"}}, kind)
+                .keys();
+        if (kind == 8) taken.insert(taken.end(), page.begin(), page.end());
+        EXPECT_THAT(page, SizeIs(taken.size() == 2500 ? 700 : 900));
+      }
+      add("new", "common");
+      expectSuccess(sendDocument(ClientRequest::DELETE_DOCUMENT, all[100], {}));
+    }
+    EXPECT_EQ(taken, all);
+    update();
+  }
+}
+
+TEST_P(Library, RefusesPagesOfAStateThatHasGone) {
+  for (const char* key : {"k1", "k2", "k3"}) add(key, "red fox");
+  update();
+  const auto ask = [&](Parameters parameters) {
+    parameters.insert(parameters.begin(), {{"report", "hits"}, {"query", "fox"}, {"size", "2"}});
+    return send(ClientRequest::PARSE_RESULT, parameters);
+  };
+  const Answer first = ask({{"searchAfter", "begin"}});
+  ASSERT_THAT(first.parsed, SizeIs(3));
+  EXPECT_THAT(first.parsed[2].messageText, ::testing::StartsWith("rank=2 place="));
+  const std::string place = first.parsed[2].messageText.substr(13);
+  const Answer second = ask({{"searchAfter", place}});
+  ASSERT_THAT(second.parsed, SizeIs(1));
+  EXPECT_EQ(second.parsed[0].document, docIdOf("k3"));
+  const auto searched = [&](const std::string& query) {
+    ClientRequest request = requestTo(collection_, 8, {{"query", query}, {"searchAfter", place}});
+    return send(request);
+  };
+  EXPECT_THAT(searched("fox").keys(), ElementsAre("k3"));
+  expectRefused(searched("red"), "ZVK0006E", "another query");
+  expectRefused(ask({{"searchAfter", place.substr(1)}}), "ZVK0006E", "\"searchAfter\"");
+  add("k4", "fox");
+  update();
+  expectRefused(searched("fox"), "ZVK0035E", "begin it again");
+  expectRefused(ask({{"searchAfter", place}}), "ZVK0035E", "begin it again");
+}
+
 // Reports.
 
 TEST_P(Library, ListsCollections) {

@@ -284,13 +284,39 @@ TEST_F(DispatcherTest, KeysOfASearchAreBase64WithCommas) {
   }
 }
 
-TEST_F(DispatcherTest, MatchedDocumentsHaveNoOtherKeys) {
-  EXPECT_THAT(error({{"action", "search"},
-                     {"index", "c"},
-                     {"query", "fox"},
-                     {"keys", "azE="},
-                     {"match", "document"}}),
-              AllOf(HasSubstr("ZVK0024E"), HasSubstr("\"keys\""), HasSubstr("\"match\"")));
+TEST_F(DispatcherTest, MatchedDocumentsHaveNoOtherKeysAndNoPages) {
+  for (const auto& [name, value] : test::Headers{{"keys", "azE="}, {"searchAfter", "begin"}}) {
+    EXPECT_THAT(
+        error({{"action", "search"},
+               {"index", "c"},
+               {"query", "fox"},
+               {name, value},
+               {"match", "document"}}),
+        AllOf(HasSubstr("ZVK0024E"), HasSubstr("\"" + name + "\""), HasSubstr("\"match\"")));
+  }
+}
+
+TEST_F(DispatcherTest, SearchGoesOnFromAPlace) {
+  const ResultPlace place{{1, 2, 3}, "query", 4, 0.5, "k"};
+  SearchQuery seen;
+  EXPECT_CALL(store_, search("c", _))
+      .Times(3)
+      .WillRepeatedly([&](const std::string&, const SearchQuery& query) {
+        seen = query;
+        return std::make_unique<test::NoHits>();
+      });
+  test::Headers request{{"action", "search"}, {"index", "c"}, {"query", "fox"}};
+  handle(request);
+  EXPECT_FALSE(seen.inPages);
+  request["searchAfter"] = "begin";
+  handle(request);
+  EXPECT_TRUE(seen.inPages);
+  EXPECT_FALSE(seen.from);
+  request["searchAfter"] = textOf(place);
+  handle(request);
+  EXPECT_TRUE(seen.inPages);
+  ASSERT_TRUE(seen.from);
+  EXPECT_EQ(textOf(*seen.from), textOf(place));
 }
 
 TEST_F(DispatcherTest, SearchPassesItsParametersOn) {

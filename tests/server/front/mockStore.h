@@ -3,12 +3,25 @@
 #include <gmock/gmock.h>
 
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "server/store/store.h"
 
 namespace corvaned::test {
+
+/// The result of a search that finds nothing, or a page without hits of one.
+class NoHits : public HitSource {
+ public:
+  explicit NoHits(std::optional<ResultPlace> next = std::nullopt) : next_(std::move(next)) {}
+  bool next(Hit&) override { return false; }
+  std::optional<ResultPlace> nextPage() const override { return next_; }
+
+ private:
+  std::optional<ResultPlace> next_;
+};
 
 class MockStore : public Store {
  public:

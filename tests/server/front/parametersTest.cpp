@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <memory>
 #include <ostream>
 #include <set>
 #include <string>
@@ -52,6 +53,7 @@ std::ostream& operator<<(std::ostream& out, const Row& row) { return out << row.
 const Taken kAnyText{{"c"}, ""};
 const Taken kNumber{{"0", "7"}, "x"};
 const Taken kKey{{"base64:azE="}, "k1"};
+const Taken kPlace{{"begin", textOf(ResultPlace{})}, "end"};
 const Taken kKeys{{"azE=", "azE=,AA==,azE="}, "azE=,k1"};
 const Taken kOnlyTrue{{"true"}, "false"};
 const Taken kOnlyFalse{{"false"}, "true"};
@@ -132,6 +134,7 @@ std::vector<Row> rows() {
                  {"after", kKey},
                  {"upTo", kKey},
                  {"keys", kKeys},
+                 {"searchAfter", kPlace},
                  {"match", {{"document"}, "text"}}}},
       {"search",
        {{"index", "c"}, {"query", "c"}, {"match", "document"}},
@@ -191,12 +194,27 @@ std::vector<Row> rows() {
            Group{{"report", {{"hits"}, "all"}},
                  {"after", kKey},
                  {"upTo", kKey},
+                 {"keys", kKeys},
+                 {"resultLimit", kNumber},
+                 {"searchAfter", kPlace},
                  {"sortField", {{"SCORE", "KEY", "-year"}, "1st"}},
                  {"start", kNumber},
                  {"size", {{"0", "100"}, "101"}},
                  {"values", {{"title", "title, year"}, ""}},
                  {"snippet", {{"0", "4096"}, "4097"}}},
        "hits"},
+      {"getParseResult",
+       {{"index", "c"}, {"report", "place"}, {"query", "c"}},
+       inCollection + query +
+           Group{{"report", {{"place"}, "all"}},
+                 {"after", kKey},
+                 {"upTo", kKey},
+                 {"keys", kKeys},
+                 {"sortField", {{"SCORE", "KEY", "-year"}, "1st"}},
+                 {"start", kNumber},
+                 {"resultLimit", kNumber},
+                 {"searchAfter", kPlace}},
+       "place"},
       {"getStatus", named, inCollection},
       {"backup", {{"index", "c"}, {"backup", "b"}}, inCollection + Group{{"backup", kAnyText}}},
       {"restore",
@@ -226,7 +244,8 @@ std::set<std::string> allNames() {
                               "client",         "keys",      "storeText",
                               "storePositions", "stemming",  "searchableMetadata",
                               "values",         "snippet",   "stopWords",
-                              "backup",         "from",      "replace"};
+                              "backup",         "from",      "replace",
+                              "searchAfter"};
   for (const icu::UnicodeString* name : {&StaticDefs::PARAM_COLLECTION_ID,
                                          &StaticDefs::PARAM_DOCUMENT_ID,
                                          &StaticDefs::PARAM_ROWID,
@@ -289,6 +308,9 @@ class ParametersTest : public ::testing::TestWithParam<Row> {
  protected:
   ParametersTest() {
     ON_CALL(store_, state).WillByDefault(Return(CollectionState::Current));
+    ON_CALL(store_, search).WillByDefault([](const std::string&, const SearchQuery&) {
+      return std::make_unique<test::NoHits>();
+    });
     ON_CALL(store_, reportOutcome)
         .WillByDefault(Invoke([&](const std::string&, ParseOutcome told, const std::string&) {
           told_ = told.messageId + " " + told.messageText;

@@ -14,10 +14,12 @@ namespace {
 
 using ::testing::_;
 using ::testing::AllOf;
+using ::testing::DoAll;
 using ::testing::ElementsAre;
 using ::testing::Field;
 using ::testing::HasSubstr;
 using ::testing::Return;
+using ::testing::SaveArg;
 using ::testing::StrictMock;
 using ::testing::Throw;
 
@@ -140,6 +142,71 @@ TEST_F(ReportsTest, HitsNeedAQueryOnlyWhereTheyHaveScores) {
   EXPECT_TRUE(seen.everything);
   EXPECT_EQ(seen.sortBy, "year");
   EXPECT_EQ(seen.size, 10U);
+}
+
+TEST_F(ReportsTest, HitsInPagesAreFollowedByThePlaceOfTheNext) {
+  const ResultPlace place{{1, 2, 3}, "query", 12, 0.5, "k2"};
+  HitDetails last{{"k2", 7}};
+  last.nextPage = place;
+  SearchQuery first;
+  SearchQuery second;
+  EXPECT_CALL(store_, details("a", _, _))
+      .WillOnce(DoAll(SaveArg<1>(&first), Return(std::vector<HitDetails>{{{"k1", 532}}, last})))
+      .WillOnce(DoAll(SaveArg<1>(&second), Return(std::vector<HitDetails>{{{"k3", 1}}})));
+  test::Headers request{{"report", "hits"},       {"index", "a"}, {"query", "fox"},
+                        {"searchAfter", "begin"}, {"size", "2"},  {"keys", "azE=,azI=,azM="},
+                        {"resultLimit", "50"}};
+  const std::vector<Line> told = lines(request);
+  ASSERT_EQ(told.size(), 3U);
+  EXPECT_EQ(told[2].subject, "a");
+  EXPECT_EQ(told[2].messageId, "ZVK0108I");
+  EXPECT_EQ(told[2].messageText, "rank=12 place=" + textOf(place));
+  EXPECT_TRUE(first.inPages);
+  EXPECT_FALSE(first.from);
+  EXPECT_THAT(first.keys, ElementsAre("k1", "k2", "k3"));
+  EXPECT_EQ(first.limit, 50U);
+  request["searchAfter"] = textOf(place);
+  EXPECT_EQ(lines(request).size(), 1U) << "there is no further page";
+  EXPECT_TRUE(second.inPages);
+  ASSERT_TRUE(second.from);
+  EXPECT_EQ(textOf(*second.from), textOf(place));
+}
+
+// It takes the last of the hits before the place to know it, and none for the place that is given.
+TEST_F(ReportsTest, PlaceIsTheOneAfterSoManyHits) {
+  const ResultPlace place{{1, 2, 3}, "query", 12, 0.5, "k2"};
+  const auto expectSearch = [&](std::uint64_t start, std::uint64_t size, bool found) {
+    EXPECT_CALL(
+        store_,
+        search("a", AllOf(Field(&SearchQuery::inPages, true), Field(&SearchQuery::start, start),
+                          Field(&SearchQuery::size, size), Field(&SearchQuery::text, "fox"))))
+        .WillOnce([=](const std::string&, const SearchQuery&) {
+          return std::make_unique<test::NoHits>(found ? std::optional(place) : std::nullopt);
+        })
+        .RetiresOnSaturation();
+  };
+  test::Headers request{{"report", "place"}, {"index", "a"}, {"query", "fox"}};
+  expectSearch(0, 0, true);
+  const std::vector<Line> told = lines(request);
+  ASSERT_EQ(told.size(), 1U);
+  EXPECT_EQ(told[0].subject, "a");
+  EXPECT_EQ(told[0].messageId, "ZVK0108I");
+  EXPECT_EQ(told[0].messageText, "rank=12 place=" + textOf(place));
+  expectSearch(9, 1, true);
+  request["start"] = "10";
+  EXPECT_EQ(lines(request).size(), 1U);
+  expectSearch(9, 1, false);
+  EXPECT_TRUE(lines(request).empty()) << "there are not so many hits";
+}
+
+TEST_F(ReportsTest, PlacesThatTheServerHasNotToldAreRefused) {
+  for (const char* report : {"hits", "place"}) {
+    for (const std::string place : {"Begin", "azE=", "12"}) {
+      EXPECT_THAT(
+          error({{"report", report}, {"index", "a"}, {"query", "fox"}, {"searchAfter", place}}),
+          AllOf(HasSubstr("ZVK0006E"), HasSubstr("\"searchAfter\""), HasSubstr(place)));
+    }
+  }
 }
 
 TEST_F(ReportsTest, ProgressOfAnUpdateIsToldWhileThereIsOne) {

@@ -37,6 +37,36 @@ TEST(HiddenKeys, HaveTheLastPlaceOfEachKey) {
   EXPECT_FALSE(rest->without(isEarly, {})) << "there is nothing to copy";
 }
 
+TEST(HiddenKeys, AreKnownAsTheyWere) {
+  HiddenKeys hidden;
+  const std::uint64_t none = hidden.version();
+  hidden.add("k", kEarly);
+  const std::uint64_t one = hidden.version();
+  hidden.add("l", kLate);
+  EXPECT_NE(one, none);
+  hidden.add("k", kLate);
+  EXPECT_THAT(hidden.asOf(none, {})->keys(), UnorderedElementsAre());
+  EXPECT_THAT(hidden.asOf(one, {})->keys(), UnorderedElementsAre("k"));
+  EXPECT_EQ(hidden.asOf(one, {})->version(), one);
+  EXPECT_THAT(hidden.asOf(hidden.version(), {})->keys(), UnorderedElementsAre("k", "l"));
+  EXPECT_FALSE(hidden.asOf(hidden.version() + 1, {}));
+}
+
+TEST(HiddenKeys, AreNotKnownAsTheyWereBeforeSomeWereShownAgain) {
+  HiddenKeys hidden;
+  hidden.add("k", kEarly);
+  hidden.add("l", kLate);
+  const std::uint64_t before = hidden.version();
+  const auto isK = [](const std::string& key, const JournalPosition&) { return key == "k"; };
+  const auto rest = hidden.without(isK, {});
+  const std::uint64_t after = rest->version();
+  for (std::uint64_t version = 0; version <= before; ++version) {
+    EXPECT_FALSE(rest->asOf(version, {})) << version;
+  }
+  rest->add("m", kLate);
+  EXPECT_THAT(rest->asOf(after, {})->keys(), UnorderedElementsAre("l"));
+}
+
 TEST(HiddenKeys, TakeMemoryFromTheBudget) {
   MemoryBudget budget(1000000);
   {
