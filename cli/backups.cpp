@@ -1,6 +1,5 @@
 #include <fmt/format.h>
 
-#include <charconv>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -18,13 +17,6 @@ namespace {
 using tq::comm::ClientRequest;
 using tq::comm::ParseResult;
 
-std::uint64_t number(std::string_view report, std::string_view name) {
-  const std::string_view text = factIn(report, name).value_or("0");
-  std::uint64_t value = 0;
-  std::from_chars(text.data(), text.data() + text.size(), value);
-  return value;
-}
-
 // A backup that cannot be read has an error in place of the facts.
 void print(Session& session, const ParseResult& result) {
   const std::string name = toUtf8(result.getDocument());
@@ -35,8 +27,8 @@ void print(Session& session, const ParseResult& result) {
   }
   const std::string report = toUtf8(result.getMessage().getMessageText());
   const std::string made(factIn(report, "made").value_or(""));
-  const std::uint64_t collections = number(report, "collections");
-  const std::uint64_t bytes = number(report, "bytes");
+  const std::uint64_t collections = numberIn(report, "collections");
+  const std::uint64_t bytes = numberIn(report, "bytes");
   session.printer.result(
       fmt::format("{}: made {}, {}, {}", printable(name), printable(made),
                   counted(collections, "collection"), counted(bytes, "byte")),

@@ -246,12 +246,17 @@ class Builder {
         "If the connection breaks before the first hit, the request is repeated once.");
     addCollection(sub, arguments->collection);
     sub->add_option("QUERY", arguments->query, "What to look for, as one argument")->required();
-    sub->add_option("--limit", arguments->limit, "Print at most N hits (default: all)")
-        ->check(wholeNumber(0, kMaxDocuments))
-        ->option_text("N");
+    auto* limit =
+        sub->add_option("--limit", arguments->limit, "Print at most N hits (default: all)")
+            ->check(wholeNumber(0, kMaxDocuments))
+            ->option_text("N");
     sub->add_option("--start", arguments->start, "Leave out the best N hits")
         ->check(wholeNumber(0, kMaxDocuments))
         ->option_text("N");
+    sub->add_flag("--pages", arguments->pages, "Print where the next page begins")->needs(limit);
+    sub->add_option("--after", arguments->after,
+                    "Go on there, in the collection as it was when the\nfirst page was printed")
+        ->option_text("PLACE");
   }
 
   void addEstimate() {

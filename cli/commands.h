@@ -35,6 +35,8 @@ struct SearchArguments {
   std::string query;
   std::uint64_t start = 0;
   std::optional<std::uint64_t> limit;
+  bool pages = false;                ///< whether to tell where the next page begins
+  std::optional<std::string> after;  ///< where this one begins, as it was told
 };
 ExitCode search(Session& session, const SearchArguments& arguments);
 ExitCode estimate(Session& session, const std::string& collection, const std::string& query);

@@ -1,6 +1,7 @@
 #include "cli/facts.h"
 
 #include <algorithm>
+#include <charconv>
 
 namespace corvane {
 
@@ -14,6 +15,13 @@ std::optional<std::string_view> factIn(std::string_view report, std::string_view
     }
   }
   return std::nullopt;
+}
+
+std::uint64_t numberIn(std::string_view report, std::string_view name) {
+  const std::string_view text = factIn(report, name).value_or("0");
+  std::uint64_t value = 0;
+  std::from_chars(text.data(), text.data() + text.size(), value);
+  return value;
 }
 
 }  // namespace corvane

@@ -87,6 +87,7 @@ TEST(CommandLine, RefusesWrongUseWithOneLineAndTheUsageCode) {
       {"--port", "1", "search", "c", "q", "--limit", "-1"},
       {"--port", "1", "search", "c", "q", "--limit", "x"},
       {"--port", "1", "search", "c", "q", "--start", "-1"},
+      {"--port", "1", "search", "c", "q", "--pages"},
       {"--port", "1", "search", "c", "q", "--limit", "18446744073709551616"},
       {"--port", "1", "create"},
       {"--port", "1", "backup"},

@@ -153,6 +153,27 @@ TEST_P(Program, PrintsPagesOfOneResult) {
             all);
 }
 
+TEST_P(Program, PrintsPagesOfOneState) {
+  loadAll(manyDocuments(30));
+  const std::string all = output({"search", "c", "common"});
+  std::string printed;
+  std::vector<std::string> arguments{"search", "c", "common", "--limit", "12", "--pages"};
+  for (int page = 0; page < 3; ++page) {
+    std::string out = output(arguments);
+    output({"delete", "c", "k1"});
+    const std::string mark = "the next page: --after ";
+    const std::size_t told = out.find(mark);
+    ASSERT_EQ(told == std::string::npos, page == 2) << out;
+    if (page == 0) arguments.insert(arguments.end(), {"--after", ""});
+    if (page < 2)
+      arguments.back() = out.substr(told + mark.size(), out.size() - told - mark.size() - 1);
+    printed += out.substr(0, told);
+  }
+  EXPECT_EQ(printed, all);
+  output({"update", "c"});
+  EXPECT_THAT(run(arguments).err, HasSubstr("ZVK0035E"));
+}
+
 TEST_P(Program, PrintsTheSameResultOverBothProtocols) {
   loadAll(manyDocuments(3000));
   const Finished http = runOver("http", {"search", "c", "common", "--json"});

@@ -44,6 +44,63 @@ TEST(Search, SendsQueryStartAndLimitAndCountsRanksFromThere) {
   }
 }
 
+TEST(Search, InPagesTellsWhereTheNextOneBegins) {
+  ScriptedServer server(answers({outcomes({{"books", "ZVK0108I", "rank=0 place=cDA="}}),
+                                 found({{"base64:Zm9v", "1"}, {"base64:Yg==", "0.5"}}),
+                                 outcomes({{"books", "ZVK0108I", "rank=2 place=cDI="}})}));
+  const Result result = runAgainst(server, {"search", "books", "q", "--limit", "2", "--pages"});
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+  EXPECT_EQ(result.out, "    1    1.000  foo\n    2    0.500  b\nthe next page: --after cDI=\n");
+  const auto sent = server.connection(0).requests;
+  ASSERT_EQ(sent.size(), 3U);
+  for (const char* line : {"\nreport: place\n", "\nsearchAfter: begin\n", "\nstart: 0\n"}) {
+    EXPECT_TRUE(contains(sent[0], line)) << sent[0];
+  }
+  EXPECT_TRUE(contains(sent[1], "\nsearchAfter: cDA=\n")) << sent[1];
+  for (const char* line : {"\nreport: place\n", "\nsearchAfter: cDA=\n", "\nstart: 2\n"}) {
+    EXPECT_TRUE(contains(sent[2], line)) << sent[2];
+  }
+}
+
+TEST(Search, GoesOnFromAPlaceAndCountsRanksFromThere) {
+  ScriptedServer server(answers({outcomes({{"books", "ZVK0108I", "rank=20 place=cDA="}}),
+                                 found({{"base64:Zm9v", "1"}, {"base64:Yg==", "0.5"}}),
+                                 outcomes({{"books", "ZVK0108I", "rank=25 place=cDI="}})}));
+  const Result result = runAgainst(server, {"search", "books", "q", "--limit", "2", "--start", "3",
+                                            "--after", "cDA=", "--json"});
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+  EXPECT_EQ(result.out,
+            "{\"rank\":24,\"score\":1.0,\"key\":\"foo\",\"docId\":\"base64:Zm9v\"}\n"
+            "{\"rank\":25,\"score\":0.5,\"key\":\"b\",\"docId\":\"base64:Yg==\"}\n"
+            "{\"next\":\"cDI=\"}\n");
+  EXPECT_TRUE(contains(server.connection(0).requests.at(2), "\nstart: 5\n"));
+}
+
+TEST(Search, OnItsLastPageTellsNoNextOne) {
+  ScriptedServer server(answers(
+      {outcomes({{"books", "ZVK0108I", "rank=20 place=cDA="}}), found({{"base64:Zm9v", "1"}})}));
+  const Result result =
+      runAgainst(server, {"search", "books", "q", "--limit", "2", "--after", "cDA="});
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+  EXPECT_EQ(result.out, "   21    1.000  foo\n");
+}
+
+TEST(Search, AfterThePlaceWhereTheResultEndsFindsNothing) {
+  ScriptedServer server(
+      answers({outcomes({{"books", "ZVK0108I", "rank=20 place=cDA="}}), found({})}));
+  const Result result = runAgainst(server, {"search", "books", "q", "--after", "cDA="});
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+  EXPECT_EQ(result.err, "no hits are left after this place\n");
+}
+
+TEST(Search, FromAStateThatHasGoneIsRefusedInTheWordsOfTheServer) {
+  ScriptedServer server(answers({refusal("ZVK0035E", "it has gone")}));
+  const Result result = runAgainst(server, {"search", "books", "q", "--after", "cDA="});
+  EXPECT_NE(result.code, ExitCode::Ok);
+  EXPECT_EQ(result.out, "");
+  EXPECT_TRUE(contains(result.err, "ZVK0035E")) << result.err;
+}
+
 TEST(Search, TakesEveryPortionOfAStreamedReply) {
   Reply reply{"x", kStreamSearch, 200, hits({{"base64:YQ==", "3"}})};
   std::vector<std::size_t> ends{reply.body.size()};
