@@ -17,6 +17,7 @@
 #include "server/store/searchMemory.h"
 #include "server/store/sortOrder.h"
 #include "server/store/textNormalizer.h"
+#include "server/store/unranked.h"
 
 namespace corvaned {
 namespace {
@@ -127,7 +128,7 @@ std::unique_ptr<HitList> byValue(Xapian::Enquire& enquire, Page page, const Sear
   }
   ValueOrder order(slot.value_or(kKeySlot), query.descending);
   enquire.set_sort_by_key(&order, false);
-  enquire.set_weighting_scheme(Xapian::BoolWeight());
+  enquire.set_weighting_scheme(Unranked());
   const std::string place = query.from ? query.from->sortedBy : std::string();
   const OrderedBehind behind(order, place);
   return sorted(enquire, page, {ValueOrder::keyIn, kValueKeyBytes}, query.scale, limits,
@@ -140,7 +141,7 @@ std::unique_ptr<HitList> keys(Xapian::Enquire& enquire, Page page, HitOrder orde
                               std::uint64_t documents, const IndexLimits& limits) {
   auto buffer = std::make_unique<KeyBuffer>(limits);
   KeyGatherer gatherer(*buffer, page.end, order == HitOrder::Key);
-  enquire.set_weighting_scheme(Xapian::BoolWeight());
+  enquire.set_weighting_scheme(Unranked());
   enquire.add_matchspy(&gatherer);
   const std::uint64_t seen = order == HitOrder::Key ? documents : page.end;
   enquire.get_mset(0, 0, static_cast<Xapian::doccount>(seen));
@@ -270,7 +271,7 @@ std::uint64_t IndexReader::count(const SearchQuery& query, const Hidden& hidden,
       withinKeys(withoutHidden(wordsOf(query, IndexNames(database_), limits), hidden), query));
   Xapian::Enquire enquire(database_);
   enquire.set_query(words.query());
-  enquire.set_weighting_scheme(Xapian::BoolWeight());
+  enquire.set_weighting_scheme(Unranked());
   return enquire.get_mset(0, 0, database_.get_doccount()).get_matches_estimated();
 }
 
@@ -332,7 +333,7 @@ Estimate IndexReader::estimate(const std::string& query, std::uint64_t exactHits
   const std::uint64_t documents = database_.get_doccount();
   Xapian::Enquire enquire(database_);
   enquire.set_query(words.query());
-  enquire.set_weighting_scheme(Xapian::BoolWeight());
+  enquire.set_weighting_scheme(Unranked());
   const auto exact = static_cast<Xapian::doccount>(std::min(exactHits, documents));
   const Xapian::MSet matches = enquire.get_mset(0, 0, exact);
   return {matches.get_matches_estimated(), matches.get_matches_upper_bound(), documents};
