@@ -221,7 +221,7 @@ void Collection::requireMark(const std::string& expected) const {
 
 BatchOutcome Collection::accept(const std::shared_ptr<BatchEntry>& entry, bool keysMustExist,
                                 Journal::Place& place) {
-  batches_.makeFile();
+  makeFileOfBatches();
   const std::vector<std::string>& deletions = entry->changes.deletions;
   if (deletions.empty()) {
     place = append({ChangeKind::Batch, {}, entry});
@@ -236,6 +236,14 @@ BatchOutcome Collection::accept(const std::shared_ptr<BatchEntry>& entry, bool k
   }
   for (const std::string& key : deletions) hide(place.end, key);
   return outcomeOf(*entry);
+}
+
+// What is not behind the gate could come into the place of another collection's file, once this one
+// is deleted.
+void Collection::makeFileOfBatches() {
+  const std::shared_lock gate(gate_);
+  requireActive();
+  batches_.makeFile();
 }
 
 Collection::IndexAnswer Collection::askIndex(const std::vector<std::string>& keys) {

@@ -190,6 +190,7 @@ class Collection {
   void requireMark(const std::string& expected) const;
   BatchOutcome accept(const std::shared_ptr<BatchEntry>& entry, bool keysMustExist,
                       Journal::Place& place);
+  void makeFileOfBatches();
   Refusals missing(const std::vector<std::string>& keys, IndexAnswer answer);
   void saveBatches();
   void checkSize(const Document& document) const;

@@ -499,6 +499,15 @@ TEST_F(BatchTest, DeletedCollectionTakesNoBatch) {
   refusal(ErrorKind::UnknownCollection, [&] { store_->batchOutcome("c", "b1"); });
 }
 
+/// Whether the thread waits for something.
+bool sleeps(pid_t thread) {
+  std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+  std::string facts;
+  std::getline(file, facts);
+  const std::size_t name = facts.rfind(')');
+  return name != std::string::npos && facts.substr(name + 1).starts_with(" S");
+}
+
 /// A collection without a store, whose work is done when the test says so.
 class BatchStepsTest : public ::testing::Test {
  protected:
@@ -534,6 +543,26 @@ class BatchStepsTest : public ::testing::Test {
   std::atomic<bool> stopping_ = false;
   std::optional<Collection> collection_;
 };
+
+TEST_F(BatchStepsTest, FileOfBatchesComesIntoBeingOnlyWhenTheCollectionMayChange) {
+  open();
+  const std::filesystem::path file = BatchMemory::pathIn(directory_.path());
+  std::atomic<pid_t> client = 0;
+  std::jthread thread;
+  const auto applyMeanwhile = [&](const JournalExtent&) {
+    thread = std::jthread([&] {
+      client = ::gettid();
+      apply(batch("b1", {fox("k1")}));
+    });
+    while (!std::filesystem::exists(file) && (client == 0 || !sleeps(client))) {
+      std::this_thread::yield();
+    }
+    EXPECT_FALSE(std::filesystem::exists(file));
+  };
+  collection_->holdStill([] {}, applyMeanwhile);
+  thread.join();
+  EXPECT_TRUE(std::filesystem::exists(file));
+}
 
 TEST_F(BatchStepsTest, ManyDeletionsLeaveTheIndexInSmallTransactions) {
   limits_.hiddenKeys = 2;
