@@ -234,6 +234,8 @@ BatchOutcome Collection::accept(const std::shared_ptr<BatchEntry>& entry, bool k
     entry->unknown = static_cast<std::uint32_t>(unknown.count);
     place = appendBehindGate({ChangeKind::Batch, {}, entry});
   }
+  // Where a batch is searchable when it is acknowledged, its deletions come with its documents.
+  if (refresh_.mode == Refresh::Mode::Immediate) return outcomeOf(*entry);
   for (const std::string& key : deletions) hide(place.end, key);
   return outcomeOf(*entry);
 }

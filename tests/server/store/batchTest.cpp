@@ -33,6 +33,8 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
+constexpr Refresh kImmediate{Refresh::Mode::Immediate, {}};
+
 using Documents = std::vector<Document>;
 using Keys = std::vector<std::string>;
 
@@ -398,7 +400,7 @@ TEST_F(BatchTest, SameBatchOfSeveralClientsIsAppliedOnce) {
 }
 
 TEST_F(BatchTest, IsSearchableAtOnceWhereChangesAre) {
-  store_->createCollection("once", "en", {Refresh::Mode::Immediate, {}});
+  store_->createCollection("once", "en", kImmediate);
   const auto hits = [&](const std::string& text) { return store_->estimate("once", text).hits; };
   const Batch first = batch("b1", {fox("k1"), fox("k2")});
   store_->apply("once", first);
@@ -534,6 +536,15 @@ class BatchStepsTest : public ::testing::Test {
 
   BatchOutcome apply(Batch wanted) { return collection_->apply(std::move(wanted)).outcome; }
 
+  Keys found(const std::string& text) {
+    SearchQuery query;
+    query.text = text;
+    const auto hits = collection_->search(query);
+    Keys keys;
+    for (Hit hit; hits->next(hit);) keys.push_back(hit.key);
+    return keys;
+  }
+
   std::filesystem::path segment(int number) const {
     return directory_.path() / ("journal-000000000" + std::to_string(number));
   }
@@ -562,6 +573,19 @@ TEST_F(BatchStepsTest, FileOfBatchesComesIntoBeingOnlyWhenTheCollectionMayChange
   collection_->holdStill([] {}, applyMeanwhile);
   thread.join();
   EXPECT_TRUE(std::filesystem::exists(file));
+}
+
+TEST_F(BatchStepsTest, DocumentThatMovesToAnotherKeyIsNeverMissingWhereChangesAreSearchable) {
+  open(kImmediate);
+  apply(batch("b1", {fox("old")}));
+  index();
+  const std::shared_ptr<Ticket> searchable =
+      collection_->apply(batch("b2", {fox("new")}, {"old"})).ticket;
+  EXPECT_THAT(found("fox"), ElementsAre("old"));
+  EXPECT_FALSE(searchable->isDone());
+  index();
+  EXPECT_TRUE(searchable->isDone());
+  EXPECT_THAT(found("fox"), ElementsAre("new"));
 }
 
 TEST_F(BatchStepsTest, ManyDeletionsLeaveTheIndexInSmallTransactions) {
