@@ -54,7 +54,7 @@ Journal::Place Journal::append(const Change& change) {
   numberEntry(entry, lastSequence_ + 1, durableSequence_);
   try {
     writeAll(current_->handle, entry, current_->path);
-  } catch (const ServerError& error) {
+  } catch (const std::exception& error) {
     takeBack(segments_.back().bytes, error.what());
     throw;
   }
@@ -79,18 +79,15 @@ void Journal::sync(std::uint64_t ticket) {
     const std::uint64_t sequence = lastSequence_;
     const std::shared_ptr<CurrentFile> file = current_;
     lock.unlock();
-    std::string failure;
-    std::exception_ptr unmarked;
-    if (::fdatasync(file->handle.get()) != 0) {
-      failure = file->path.string() + ": " + std::generic_category().message(errno);
-    } else {
-      unmarked = mark(sequence);
-    }
+    const int error = ::fdatasync(file->handle.get()) == 0 ? 0 : errno;
+    const std::exception_ptr unmarked = error == 0 ? mark(sequence) : nullptr;
     lock.lock();
     syncing_ = false;
     synced_.notify_all();
-    if (!failure.empty() && failure_.empty()) failure_ = failure;
-    if (!failure.empty()) continue;
+    if (error != 0) {
+      refuseChanges(file->path, error);
+      continue;
+    }
     if (unmarked) std::rethrow_exception(unmarked);
     durableSequence_ = std::max(durableSequence_, sequence);
     durableTicket_ = std::max(durableTicket_, reached);
@@ -113,7 +110,7 @@ std::uint64_t Journal::rotate() {
   requireHealthy();
   const std::uint64_t closed = segments_.back().number;
   if (::fdatasync(current_->handle.get()) != 0) {
-    failure_ = current_->path.string() + ": " + std::generic_category().message(errno);
+    refuseChanges(current_->path, errno);
     requireHealthy();
   }
   mark_->setDurable(lastSequence_);
@@ -124,14 +121,22 @@ std::uint64_t Journal::rotate() {
 }
 
 // A change that is on disk but cannot be shown to be there must not be acknowledged. Without free
-// descriptors, for instance, the next attempt may succeed.
+// descriptors or memory, for instance, the next attempt may succeed. No exception comes out, since
+// others wait for the end of the sync.
 std::exception_ptr Journal::mark(std::uint64_t sequence) {
   try {
     mark_->setDurable(sequence);
     return nullptr;
-  } catch (const ServerError&) {
+  } catch (...) {
     return std::current_exception();
   }
+}
+
+void Journal::refuseChanges(const std::filesystem::path& path, int error) {
+  if (!failure_.empty()) return;
+  // Changes must be refused also if there is no memory for more than that.
+  failure_ = "a sync failed";
+  failure_ = path.string() + ": " + std::generic_category().message(error);
 }
 
 JournalPosition Journal::end() const {

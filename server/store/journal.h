@@ -152,6 +152,7 @@ class Journal {
   void bringToDisk();
   std::exception_ptr mark(std::uint64_t sequence);
   void requireHealthy() const;
+  void refuseChanges(const std::filesystem::path& path, int error);
   void takeBack(std::uint64_t bytes, const std::string& reason);
 
   const std::filesystem::path directory_;
