@@ -175,6 +175,7 @@ Collection::Applied Collection::apply(Batch batch) {
 BatchOutcome Collection::decide(Batch& batch, const std::shared_ptr<BatchEntry>& entry,
                                 Journal::Place& place) {
   requireActive();
+  requireAllKnown();
   if (const auto known = batches_.find(entry->name)) {
     // What is impossible is not among the changes, and no batch with any was applied.
     if (known->digest != entry->digest || batch.refused.count > 0) {
@@ -234,9 +235,6 @@ BatchOutcome Collection::accept(const std::shared_ptr<BatchEntry>& entry, bool k
     entry->unknown = static_cast<std::uint32_t>(unknown.count);
     place = appendBehindGate({ChangeKind::Batch, {}, entry});
   }
-  // Where a batch is searchable when it is acknowledged, its deletions come with its documents.
-  if (refresh_.mode == Refresh::Mode::Immediate) return outcomeOf(*entry);
-  for (const std::string& key : deletions) hide(place.end, key);
   return outcomeOf(*entry);
 }
 
@@ -277,6 +275,7 @@ Refusals Collection::missing(const std::vector<std::string>& keys, IndexAnswer a
 
 BatchOutcome Collection::batchOutcome(const std::string& name) {
   requireActive();
+  requireAllKnown();
   if (const auto known = batches_.find(name)) {
     journal_.sync(known->ticket);
     return known->outcome;
@@ -286,11 +285,13 @@ BatchOutcome Collection::batchOutcome(const std::string& name) {
                     "no batch " + shown(name) + " has been applied, or refused lately");
 }
 
-// The gate keeps out a batch that is in the journal and not remembered yet.
+// The gate keeps out a batch that is in the journal and not remembered yet. One that cannot be
+// remembered must stay in the journal.
 void Collection::saveBatches() {
   std::optional<BatchMemory::Contents> contents;
   {
     const std::unique_lock gate(gate_);
+    requireAllKnown();
     contents = batches_.unsaved();
     if (pendingKeys_.isIdle()) pendingKeys_.drop();
   }
@@ -736,6 +737,7 @@ std::unique_lock<std::shared_mutex> Collection::closeGateToLookUp() {
   std::unique_lock gate(gate_);
   for (;;) {
     requireActive();
+    requireAllKnown();
     pendingKeys_.need();
     if (pendingKeys_.isKept()) return gate;
     gate.unlock();
@@ -770,12 +772,27 @@ void Collection::keepPendingKeys() {
 }
 
 Journal::Place Collection::appendBehindGate(const Change& change) {
+  requireAllKnown();
   const Journal::Place place = journal_.append(change);
-  if (change.kind == ChangeKind::Batch) batches_.note(*change.batch, place.ticket);
-  pendingKeys_.note(place.end, change);
   // Not before: a refresh in between would take the note for its own, and not see the change.
   changed_ = true;
+  try {
+    noteAppended(change, place);
+  } catch (...) {
+    // Whoever sends it once more would be answered wrongly.
+    lacksChange_ = true;
+    throw;
+  }
   return place;
+}
+
+void Collection::noteAppended(const Change& change, const Journal::Place& place) {
+  pendingKeys_.note(place.end, change);
+  if (change.kind != ChangeKind::Batch) return;
+  batches_.note(*change.batch, place.ticket);
+  // Where a batch is searchable when it is acknowledged, its deletions come with its documents.
+  if (refresh_.mode == Refresh::Mode::Immediate) return;
+  for (const std::string& key : change.batch->changes.deletions) hide(place.end, key);
 }
 
 void Collection::checkSize(const Document& document) const {
@@ -789,6 +806,13 @@ void Collection::checkSize(const Document& document) const {
 
 void Collection::requireActive() const {
   if (retired_) throw whyRetired();
+}
+
+void Collection::requireAllKnown() const {
+  if (!lacksChange_) return;
+  throw ServerError(ErrorKind::TryAgain, "memory was out during a change, and the collection " +
+                                             shown(name_) +
+                                             " is opened anew when nobody uses it; try again");
 }
 
 ServerError Collection::whyRetired() const {

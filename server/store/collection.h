@@ -133,6 +133,10 @@ class Collection {
   void holdStill(const std::function<void()>& copyIndex,
                  const std::function<void(const JournalExtent& journal)>& copyRest);
 
+  /// Whether it is to be closed and opened once more: memory was out when a change in the journal
+  /// was to be noted here. It refuses changes until then.
+  bool mustBeReopened() const { return lacksChange_; }
+
   bool isRetired() const { return retired_; }
   /// Why the collection is to be used no more.
   enum class Fate { Deleted, Replaced };
@@ -174,6 +178,7 @@ class Collection {
   Journal::Place append(const Change& change);
   Journal::Place appendIfThere(const Change& change);
   Journal::Place appendBehindGate(const Change& change);
+  void noteAppended(const Change& change, const Journal::Place& place);
   std::unique_lock<std::shared_mutex> closeGateToLookUp();
   void keepPendingKeys();
   /// What the index says of keys, as long as no more of the journal is in it.
@@ -195,6 +200,7 @@ class Collection {
   void saveBatches();
   void checkSize(const Document& document) const;
   void requireActive() const;
+  void requireAllKnown() const;
   ServerError whyRetired() const;
   void requireGoingOn() const;
   void hide(JournalPosition position, const std::string& key);
@@ -237,6 +243,8 @@ class Collection {
   std::atomic<bool> retired_ = false;
   // Whether another one comes in its place. Set before retired_.
   std::atomic<bool> replaced_ = false;
+  // Whether the journal has a change that is not known here. Set while the gate is held.
+  std::atomic<bool> lacksChange_ = false;
 
   // What is still to be done about changes: whether some waited at the opening, whether somebody is
   // going to call refresh(), whether some have come since, and whether the last attempt failed; and

@@ -89,8 +89,14 @@ bool LocalStore::isOpen(const std::string& name) { return registry_.isOpen(name)
 void LocalStore::open(const std::string& name, Opened opened) {
   const auto opening = registry_.awaitOpen(name, std::move(opened));
   if (!opening) return;
-  if (isQuicklyRead(name)) return opening->carryOut();
-  asio::post(*openers_, [opening = *opening] { opening.carryOut(); });
+  try {
+    if (!isQuicklyRead(name)) {
+      return asio::post(*openers_, [opening = *opening] { opening.carryOut(); });
+    }
+  } catch (const std::bad_alloc&) {
+    // Others wait for it, too, so that it is carried out here and tells what is missing.
+  }
+  opening->carryOut();
 }
 
 void LocalStore::stop() { stopping_ = true; }
@@ -313,6 +319,8 @@ std::vector<std::string> LocalStore::collections(const std::string& after, std::
 // Changes that waited when the collection was closed, or the server stopped, wait no longer.
 Registry::Use LocalStore::find(const std::string& name) {
   Registry::Use collection = registry_.use(name);
+  // As soon as nobody uses it. Whoever comes then has it opened.
+  if (collection->mustBeReopened()) registry_.close(name);
   if (!collection->takeOverdue()) return collection;
   startIndexing(std::move(collection));
   return registry_.use(name);

@@ -17,7 +17,10 @@ struct Registry::Entry {
     Gone,
   };
 
-  explicit Entry(std::string called) : name(std::move(called)) {}
+  // Whoever is to open it must not fail to be noted as waiting for that.
+  explicit Entry(std::string called) : name(std::move(called)) { waiting.reserve(1); }
+
+  bool isSettled() const { return state == State::Open || state == State::Gone; }
 
   const std::string name;
   State state = State::Opening;
@@ -26,8 +29,9 @@ struct Registry::Entry {
   bool closesWhenUnused = false;
   std::optional<ServerError> failure;
   std::vector<Ready> waiting;
-  // Its place in unused_, if it is there.
-  std::optional<std::list<std::shared_ptr<Entry>>::iterator> place;
+  // Stands in unused_, or is kept here, so that nobody needs memory to stop using the collection.
+  std::list<std::shared_ptr<Entry>> kept{nullptr};
+  const std::list<std::shared_ptr<Entry>>::iterator place = kept.begin();
 };
 
 Registry::Use::Use(Registry& registry, std::shared_ptr<Entry> entry)
@@ -63,25 +67,29 @@ Registry::Reservation::~Reservation() {
   callAll(waiting, std::nullopt);
 }
 
+std::pair<std::shared_ptr<Registry::Entry>, bool> Registry::entryOf(const std::string& name) {
+  const auto found = entries_.find(name);
+  if (found != entries_.end()) return {found->second, false};
+  auto entry = std::make_shared<Entry>(name);
+  entries_.emplace(name, entry);
+  return {std::move(entry), true};
+}
+
 Registry::Use Registry::use(const std::string& name) {
   Lock lock(mutex_);
   for (;;) {
-    const auto [found, isNew] = entries_.try_emplace(name);
-    if (isNew) found->second = std::make_shared<Entry>(name);
-    const std::shared_ptr<Entry> entry = found->second;
+    const auto [entry, isNew] = entryOf(name);
     if (isNew) {
       lock.unlock();
       open(entry);
       lock.lock();
     }
-    changed_.wait(lock, [&] {
-      return entry->state == Entry::State::Open || entry->state == Entry::State::Gone;
-    });
+    changed_.wait(lock, [&one = *entry] { return one.isSettled(); });
     // Those who wait each get an error of their own: exceptions are not made to be shared.
     if (entry->failure) throw ServerError(entry->failure->kind(), entry->failure->what());
     if (entry->state != Entry::State::Open) continue;
     ++entry->users;
-    if (entry->place) unused_.erase(*std::exchange(entry->place, std::nullopt));
+    takeFromUnused(*entry);
     return {*this, entry};
   }
 }
@@ -95,9 +103,7 @@ bool Registry::isOpen(const std::string& name) const {
 std::optional<Registry::Opening> Registry::awaitOpen(const std::string& name, Ready ready) {
   {
     const std::lock_guard lock(mutex_);
-    const auto [found, isNew] = entries_.try_emplace(name);
-    if (isNew) found->second = std::make_shared<Entry>(name);
-    const std::shared_ptr<Entry>& entry = found->second;
+    const auto [entry, isNew] = entryOf(name);
     if (entry->state != Entry::State::Open) {
       entry->waiting.push_back(std::move(ready));
       if (isNew) return Opening(*this, entry);
@@ -132,12 +138,20 @@ void Registry::callAll(const std::vector<Ready>& waiting,
 // Nobody else looks at the entry's collection while it is being opened.
 std::optional<ServerError> Registry::tryToOpen(Entry& entry) const {
   try {
+    return reasonNotToOpen(entry);
+  } catch (const std::bad_alloc&) {
+    return noMemory_;
+  }
+}
+
+std::optional<ServerError> Registry::reasonNotToOpen(Entry& entry) const {
+  try {
     entry.collection = opener_(entry.name);
     return std::nullopt;
   } catch (const ServerError& error) {
     return ServerError(error.kind(), error.what());
   } catch (const std::bad_alloc&) {
-    return ServerError(ErrorKind::OutOfMemory, "there is not enough memory to open the collection");
+    throw;
   } catch (const std::system_error& error) {
     return ServerError(ErrorKind::StorageFailed, error.what());
   } catch (const std::exception& error) {
@@ -148,17 +162,11 @@ std::optional<ServerError> Registry::tryToOpen(Entry& entry) const {
 Registry::Reservation Registry::reserve(const std::string& name) {
   Lock lock(mutex_);
   for (;;) {
-    const auto [found, isNew] = entries_.try_emplace(name);
-    if (isNew) found->second = std::make_shared<Entry>(name);
-    const std::shared_ptr<Entry> entry = found->second;
-    if (!isNew) {
-      changed_.wait(lock, [&] {
-        return entry->state == Entry::State::Open || entry->state == Entry::State::Gone;
-      });
-    }
+    const auto [entry, isNew] = entryOf(name);
+    if (!isNew) changed_.wait(lock, [&one = *entry] { return one.isSettled(); });
     if (entry->state == Entry::State::Gone) continue;
     entry->state = Entry::State::Reserved;
-    if (entry->place) unused_.erase(*std::exchange(entry->place, std::nullopt));
+    takeFromUnused(*entry);
     return {*this, entry};
   }
 }
@@ -190,7 +198,7 @@ std::size_t Registry::size() const {
 bool Registry::shut(Lock& lock, const std::shared_ptr<Entry>& entry) {
   entry->state = Entry::State::Reserved;
   entry->closesWhenUnused = false;
-  if (entry->place) unused_.erase(*std::exchange(entry->place, std::nullopt));
+  takeFromUnused(*entry);
   lock.unlock();
   const bool closed = entry->collection->close();
   if (closed) entry->collection.reset();
@@ -214,14 +222,25 @@ void Registry::release(const std::shared_ptr<Entry>& entry) {
   if (entry->closesWhenUnused) {
     shut(lock, entry);
   } else {
-    entry->place = unused_.insert(unused_.end(), entry);
+    putIntoUnused(entry);
   }
 }
 
 void Registry::makeOpen(const std::shared_ptr<Entry>& entry) {
   entry->state = Entry::State::Open;
-  if (entry->users == 0) entry->place = unused_.insert(unused_.end(), entry);
+  if (entry->users == 0) putIntoUnused(entry);
   changed_.notify_all();
+}
+
+void Registry::putIntoUnused(const std::shared_ptr<Entry>& entry) {
+  *entry->place = entry;
+  unused_.splice(unused_.end(), entry->kept);
+}
+
+void Registry::takeFromUnused(Entry& entry) {
+  if (!entry.kept.empty()) return;
+  entry.kept.splice(entry.kept.end(), unused_, entry.place);
+  entry.place->reset();
 }
 
 void Registry::makeGone(Entry& entry) {

@@ -119,16 +119,24 @@ class Registry {
  private:
   using Lock = std::unique_lock<std::mutex>;
 
+  /// And whether it is new: whoever gets that has to open it, or to say that there is none.
+  std::pair<std::shared_ptr<Entry>, bool> entryOf(const std::string& name);
   void open(const std::shared_ptr<Entry>& entry);
   std::optional<ServerError> tryToOpen(Entry& entry) const;
+  std::optional<ServerError> reasonNotToOpen(Entry& entry) const;
   static void callAll(const std::vector<Ready>& waiting,
                       const std::optional<ServerError>& failure) noexcept;
   bool shut(Lock& lock, const std::shared_ptr<Entry>& entry);
   void release(const std::shared_ptr<Entry>& entry);
+  void putIntoUnused(const std::shared_ptr<Entry>& entry);
+  void takeFromUnused(Entry& entry);
   void makeOpen(const std::shared_ptr<Entry>& entry);
   void makeGone(Entry& entry);
 
   const Opener opener_;
+  // Made in time: those who wait for an opening have to be told also if there is no memory.
+  const ServerError noMemory_{ErrorKind::OutOfMemory,
+                              "there is not enough memory to open the collection"};
 
   mutable std::mutex mutex_;
   std::condition_variable changed_;
