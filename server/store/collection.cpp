@@ -227,12 +227,10 @@ BatchOutcome Collection::accept(const std::shared_ptr<BatchEntry>& entry, bool k
   if (deletions.empty()) {
     place = append({ChangeKind::Batch, {}, entry});
   } else {
-    // While the gate is open: the keys of a large batch take long.
-    IndexAnswer answer = askIndex(deletions);
-    const auto gate = closeGateToLookUp();
-    Refusals unknown = missing(deletions, std::move(answer));
-    if (keysMustExist && unknown.count > 0) return {0, 0, unknown.count, std::move(unknown)};
-    entry->unknown = static_cast<std::uint32_t>(unknown.count);
+    LookUp found = lookUp(deletions);
+    const std::uint64_t unknown = found.unknown.count;
+    if (keysMustExist && unknown > 0) return {0, 0, unknown, std::move(found.unknown)};
+    entry->unknown = static_cast<std::uint32_t>(unknown);
     place = appendBehindGate({ChangeKind::Batch, {}, entry});
   }
   return outcomeOf(*entry);
@@ -246,31 +244,28 @@ void Collection::makeFileOfBatches() {
   batches_.makeFile();
 }
 
-Collection::IndexAnswer Collection::askIndex(const std::vector<std::string>& keys) {
-  IndexAnswer answer{indexed(), {}};
-  answer.found = index_.contain(keys, [this] { requireGoingOn(); });
-  return answer;
-}
-
 JournalPosition Collection::indexed() const {
   const std::lock_guard lock(hiddenMutex_);
   return indexed_;
 }
 
-// The gate is closed. What is pending is looked up first: what is forgotten meanwhile has reached
-// the index, which is then asked once more.
-Refusals Collection::missing(const std::vector<std::string>& keys, IndexAnswer answer) {
-  std::vector<std::optional<bool>> pending;
-  pending.reserve(keys.size());
-  for (const std::string& key : keys) pending.push_back(pendingKeys_.find(key));
-  if (indexed() != answer.indexed) answer = askIndex(keys);
-  Refusals unknown;
+// Changes go on while the index is asked: the keys of a large batch take long. What they make of a
+// key stays pending although the index gets it meanwhile, and counts more than what the index said.
+Collection::LookUp Collection::lookUp(const std::vector<std::string>& keys) {
+  LookUp result{holdPendingKeys(), {}, {}};
+  const std::vector<bool> indexed = index_.contain(keys, [this] { requireGoingOn(); });
+  result.gate = closeGateToLookUp();
   for (std::size_t i = 0; i < keys.size(); ++i) {
-    if (pending[i].value_or(answer.found[i])) continue;
-    unknown.add({keys[i], std::string(messageId(ErrorKind::UnknownDocument)),
-                 "there is no document with this key"});
+    if (pendingKeys_.find(keys[i]).value_or(indexed[i])) continue;
+    result.unknown.add({keys[i], std::string(messageId(ErrorKind::UnknownDocument)),
+                        "there is no document with this key"});
   }
-  return unknown;
+  return result;
+}
+
+PendingKeys::Hold Collection::holdPendingKeys() {
+  const auto gate = closeGateToLookUp();
+  return pendingKeys_.hold();
 }
 
 BatchOutcome Collection::batchOutcome(const std::string& name) {
@@ -723,10 +718,8 @@ Journal::Place Collection::append(const Change& change) {
 }
 
 Journal::Place Collection::appendIfThere(const Change& change) {
-  const std::vector<std::string> key{change.document.key};
-  IndexAnswer answer = askIndex(key);
-  const auto gate = closeGateToLookUp();
-  if (missing(key, std::move(answer)).count == 0) return appendBehindGate(change);
+  const LookUp found = lookUp({change.document.key});
+  if (found.unknown.count == 0) return appendBehindGate(change);
   throw ServerError(ErrorKind::UnknownDocument,
                     "there is no document with the key " + shown(change.document.key));
 }

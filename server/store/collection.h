@@ -181,13 +181,15 @@ class Collection {
   void noteAppended(const Change& change, const Journal::Place& place);
   std::unique_lock<std::shared_mutex> closeGateToLookUp();
   void keepPendingKeys();
-  /// What the index says of keys, as long as no more of the journal is in it.
-  struct IndexAnswer {
-    JournalPosition indexed;
-    std::vector<bool> found;
+  /// Which of some keys no document has, and what keeps that so.
+  struct LookUp {
+    PendingKeys::Hold held;
+    std::unique_lock<std::shared_mutex> gate;
+    Refusals unknown;
   };
 
-  IndexAnswer askIndex(const std::vector<std::string>& keys);
+  LookUp lookUp(const std::vector<std::string>& keys);
+  PendingKeys::Hold holdPendingKeys();
   JournalPosition indexed() const;
   void noteReplayed(std::uint64_t segment, const Change& change);
   BatchOutcome decide(Batch& batch, const std::shared_ptr<BatchEntry>& entry,
@@ -196,7 +198,6 @@ class Collection {
   BatchOutcome accept(const std::shared_ptr<BatchEntry>& entry, bool keysMustExist,
                       Journal::Place& place);
   void makeFileOfBatches();
-  Refusals missing(const std::vector<std::string>& keys, IndexAnswer answer);
   void saveBatches();
   void checkSize(const Document& document) const;
   void requireActive() const;

@@ -33,7 +33,7 @@ void PendingKeys::need() {
 
 bool PendingKeys::isIdle() {
   const std::lock_guard lock(mutex_);
-  return !std::exchange(needed_, false);
+  return holds_ == 0 && !std::exchange(needed_, false);
 }
 
 void PendingKeys::drop() {
@@ -66,13 +66,29 @@ void PendingKeys::noteKey(const JournalPosition& end, const std::string& key, bo
 
 void PendingKeys::forgetUpTo(const JournalPosition& position) {
   const std::lock_guard lock(mutex_);
-  forgotten_ = std::max(forgotten_, position);
+  indexed_ = std::max(indexed_, position);
+  if (holds_ == 0) forget();
+}
+
+void PendingKeys::forget() {
+  forgotten_ = indexed_;
   std::erase_if(last_, [&](const auto& entry) {
-    const bool old = entry.second.end <= position;
+    const bool old = entry.second.end <= forgotten_;
     if (old) keyBytes_ -= entry.first.size();
     return old;
   });
   countMemory();
+}
+
+PendingKeys::Hold PendingKeys::hold() {
+  const std::lock_guard lock(mutex_);
+  ++holds_;
+  return Hold(this);
+}
+
+void PendingKeys::letGo() {
+  const std::lock_guard lock(mutex_);
+  if (--holds_ == 0 && forgotten_ < indexed_) forget();
 }
 
 std::optional<bool> PendingKeys::find(const std::string& key) const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -29,7 +30,7 @@ class PendingKeys {
   void keep();
   /// The next update drops it if this has not been called by then.
   void need();
-  /// False if need() was called since the last time.
+  /// False if need() was called since the last time, or hold() is in use.
   bool isIdle();
   void drop();
 
@@ -38,6 +39,13 @@ class PendingKeys {
   void note(const JournalPosition& end, const Change& change);
   /// The index has all that ends up to there.
   void forgetUpTo(const JournalPosition& position);
+
+  struct LetGo {
+    void operator()(PendingKeys* keys) const { keys->letGo(); }
+  };
+  /// Nothing is forgotten or dropped while it lives.
+  using Hold = std::unique_ptr<PendingKeys, LetGo>;
+  Hold hold();
 
   /// Whether there is a document; nothing if no change of the key is known.
   std::optional<bool> find(const std::string& key) const;
@@ -48,6 +56,8 @@ class PendingKeys {
     bool isThere = false;
   };
 
+  void letGo();
+  void forget();
   void noteKey(const JournalPosition& end, const std::string& key, bool isThere);
   void countMemory();
 
@@ -59,7 +69,10 @@ class PendingKeys {
   bool needed_ = false;
   std::unordered_map<std::string, Last> last_;
   std::size_t keyBytes_ = 0;
+  // What the index has, and what of that has been forgotten here.
+  JournalPosition indexed_;
   JournalPosition forgotten_;
+  std::size_t holds_ = 0;
 };
 
 }  // namespace corvaned

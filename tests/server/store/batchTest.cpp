@@ -384,6 +384,25 @@ TEST_F(BatchTest, OfManyDeletionsOfAKeyOneFindsTheDocument) {
   EXPECT_THAT(foundAfterUpdate("fox"), IsEmpty());
 }
 
+TEST_F(BatchTest, KeysAreLookedUpRightlyWhereUpdatesNeverCease) {
+  store_->createCollection("once", "en", kImmediate);
+  std::atomic<bool> ended = false;
+  std::jthread others([&] {
+    for (int i = 0; !ended; ++i) {
+      const std::string key = "other" + std::to_string(i % 7);
+      store_->addDocument("once", fox(key));
+      store_->deleteDocument("once", key, true);
+    }
+  });
+  for (int round = 0; round < 20; ++round) {
+    const std::string key = "k" + std::to_string(round);
+    store_->addDocument("once", fox(key));
+    const Batch deletions = batch("b" + std::to_string(round), {}, {key, key + " never was"});
+    EXPECT_EQ(store_->apply("once", deletions).unknown, 1U);
+  }
+  ended = true;
+}
+
 TEST_F(BatchTest, SameBatchOfSeveralClientsIsAppliedOnce) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {

@@ -81,6 +81,42 @@ TEST_F(PendingKeysTest, ChangeThatTheIndexHasAlreadyIsNotNoted) {
   EXPECT_EQ(keys_.find("k"), true);
 }
 
+// A look-up that has begun compares what it finds in the index with all that comes meanwhile.
+TEST_F(PendingKeysTest, NothingIsForgottenWhileItIsHeld) {
+  keys_.note({1, 10}, put("k"));
+  PendingKeys::Hold first = keys_.hold();
+  PendingKeys::Hold second = keys_.hold();
+  keys_.forgetUpTo({1, 20});
+  EXPECT_EQ(keys_.find("k"), true);
+  keys_.note({1, 15}, removal("l"));
+  EXPECT_EQ(keys_.find("l"), false) << "it was not known when the index got it";
+  first.reset();
+  EXPECT_EQ(keys_.find("k"), true) << "another one goes on";
+  second.reset();
+  EXPECT_FALSE(keys_.find("k"));
+  EXPECT_FALSE(keys_.find("l"));
+  EXPECT_EQ(budget_.used(), 0U);
+}
+
+TEST_F(PendingKeysTest, WhatWasForgottenBeforeItWasHeldIsNotNoted) {
+  keys_.note({1, 20}, removal("k"));
+  keys_.forgetUpTo({1, 20});
+  const PendingKeys::Hold hold = keys_.hold();
+  keys_.note({1, 10}, put("k"));
+  EXPECT_FALSE(keys_.find("k"));
+}
+
+TEST_F(PendingKeysTest, IsNotIdleWhileItIsHeld) {
+  keys_.need();
+  EXPECT_FALSE(keys_.isIdle());
+  {
+    const PendingKeys::Hold hold = keys_.hold();
+    EXPECT_FALSE(keys_.isIdle());
+    EXPECT_FALSE(keys_.isIdle());
+  }
+  EXPECT_TRUE(keys_.isIdle());
+}
+
 TEST_F(PendingKeysTest, IsIdleWhenNobodyHasNeededItSince) {
   EXPECT_TRUE(keys_.isIdle());
   keys_.need();
