@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "server/base/requestContext.h"
 #include "server/store/xapianSchema.h"
 
 namespace corvaned {
@@ -71,8 +72,11 @@ class Unhidden : public Xapian::PostingSource {
   std::string get_description() const override { return "Unhidden"; }
 
  private:
+  // Others are only asked about documents that pass here, and many in a row may not.
   void passHidden() {
-    while (place_ != end_ && hidden_->contains(*place_)) ++place_;
+    for (; place_ != end_ && hidden_->contains(*place_); ++place_) {
+      if (RequestContext* request = RequestContext::current()) request->spend(1);
+    }
   }
 
   const Hidden hidden_;

@@ -1,8 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -191,6 +193,30 @@ TEST_F(HiddenFilterTest, NothingIsFoundWhenAllIsHidden) {
       }
     }
   }
+}
+
+// Both ways to make the filter, and the change from one to the other.
+TEST_F(HiddenFilterTest, KeysAreHiddenWhileOthersSearch) {
+  constexpr int kKeys = 900;
+  store_.createCollection("many", "en");
+  for (int i = 0; i < kKeys; ++i) store_.queueDocument("many", {std::to_string(i), {}, "fox"});
+  store_.updateIndex("many");
+  std::atomic<int> deleted = 0;
+  std::jthread deletes([&] {
+    for (int i = 0; i < kKeys; ++i) {
+      store_.deleteDocument("many", std::to_string(i));
+      ++deleted;
+    }
+  });
+  for (int before = 0; before < kKeys;) {
+    before = deleted;
+    const auto source = store_.search("many", of("fox", HitOrder::Any));
+    int left = 0;
+    for (Hit hit; source->next(hit); ++left) EXPECT_GE(std::stoi(hit.key), before);
+    // One more may be hidden that is not counted yet.
+    EXPECT_GE(left, kKeys - deleted - 1);
+  }
+  EXPECT_EQ(store_.count("many", of("fox", HitOrder::Any)), 0U);
 }
 
 }  // namespace

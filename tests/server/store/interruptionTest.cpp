@@ -91,6 +91,31 @@ TEST_F(InterruptionTest, SearchEndsWhenItHasLookedAtTooManyDocuments) {
   EXPECT_EQ(hits("number 20", 1000).size(), 1U);
 }
 
+// The engine passes over them without asking anybody else about them.
+TEST_F(InterruptionTest, HiddenDocumentsAreLookedAtAsOthersAre) {
+  StoreLimits limits;
+  limits.hiddenKeys = 10000;
+  LocalStore store(directory_.path() / "hidden", limits);
+  store.createCollection("c", "en");
+  for (int i = 0; i < 600; ++i) store.queueDocument("c", {"k" + std::to_string(i), {}, "fox"});
+  store.updateIndex("c");
+  for (int i = 0; i < 600; ++i) store.deleteDocument("c", "k" + std::to_string(i));
+  const auto count = [&](std::uint64_t cost) {
+    RequestContext context({std::chrono::milliseconds(0), cost});
+    const RequestContext::Scope scope(context);
+    SearchQuery query;
+    query.text = "fox";
+    return store.count("c", query);
+  };
+  EXPECT_EQ(count(0), 0U);
+  try {
+    count(100);
+    FAIL() << "it was counted";
+  } catch (const ServerError& error) {
+    EXPECT_EQ(error.kind(), ErrorKind::QueryTooBroad) << error.what();
+  }
+}
+
 TEST_F(InterruptionTest, SearchOfAClientThatHasGoneIsNotBegun) {
   RequestContext context({});
   context.cancelAt(RequestContext::Clock::now());
