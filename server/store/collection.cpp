@@ -121,7 +121,7 @@ std::shared_ptr<Ticket> Collection::add(const Document& document) {
 void Collection::queue(const Document& document, const std::string& client) {
   checkSize(document);
   const Journal::Place place = append({ChangeKind::Put, document});
-  if (!client.empty()) outcomes_->setOwner(document.key, client, place.end);
+  outcomes_->setOwner(document.key, client, place.end);
   pushOutcome({document.key, {}, {}}, place.ticket, client);
   requestEarly(place);
   if (refresh_.mode == Refresh::Mode::Immediate) requestRound();

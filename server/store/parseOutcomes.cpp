@@ -22,15 +22,24 @@ bool ParseOutcomes::pushFor(const std::string& client, ParseOutcome outcome) {
   known.outcomes.push_back(std::move(outcome));
   ++ofClients_;
   if (clients_.size() <= kClients && ofClients_ <= limit_) return true;
-  const auto oldest = oldestClient();
   if (clients_.size() > kClients) {
-    forgetClient(oldest);
+    forgetClient(oldestClient());
     return false;
   }
-  oldest->second.outcomes.pop_front();
+  const auto most = clientWithMost();
+  most->second.outcomes.pop_front();
   --ofClients_;
-  if (oldest->second.outcomes.empty()) clients_.erase(oldest);
+  if (most->second.outcomes.empty()) clients_.erase(most);
   return false;
+}
+
+// Whoever never asks loses its own, and nobody else's.
+ParseOutcomes::Clients::iterator ParseOutcomes::clientWithMost() {
+  return std::max_element(clients_.begin(), clients_.end(), [](const auto& one, const auto& other) {
+    const std::size_t ofOne = one.second.outcomes.size();
+    const std::size_t ofOther = other.second.outcomes.size();
+    return ofOne < ofOther || (ofOne == ofOther && one.second.lastUse > other.second.lastUse);
+  });
 }
 
 ParseOutcomes::Clients::iterator ParseOutcomes::oldestClient() {
@@ -70,6 +79,10 @@ void ParseOutcomes::putBack(Taken taken, const std::string& client) {
 void ParseOutcomes::setOwner(const std::string& key, const std::string& client,
                              const JournalPosition& end) {
   const std::lock_guard lock(mutex_);
+  if (client.empty()) {
+    owners_.erase(key);
+    return;
+  }
   if (owners_.size() >= limit_ && !owners_.contains(key)) return;
   owners_.insert_or_assign(key, Owner{client, end});
 }

@@ -29,7 +29,7 @@ class ParseOutcomes {
   static constexpr std::size_t kRefusedBatches = 100;
 
   /// `limit`: how many are kept without a client, and how many of all clients together. The oldest
-  /// are dropped first, of the clients those of the one that was heard of longest ago.
+  /// are dropped first, of the clients those of the one that has most.
   explicit ParseOutcomes(std::size_t limit) : limit_(limit) {}
 
   /// What is taken at a time, and the journal's ticket that must be on disk before it is told.
@@ -44,7 +44,8 @@ class ParseOutcomes {
   /// After what was taken could not be told.
   void putBack(Taken taken, const std::string& client = {});
 
-  /// The client queued the document, which ends there in the journal.
+  /// The client queued the document, which ends there in the journal. Without a name nobody is its
+  /// owner from now on.
   void setOwner(const std::string& key, const std::string& client, const JournalPosition& end);
   /// Whoever queued the document last; empty if nobody did under a name.
   std::string ownerOf(const std::string& key) const;
@@ -72,6 +73,7 @@ class ParseOutcomes {
   using Clients = std::unordered_map<std::string, Client>;
 
   bool pushFor(const std::string& client, ParseOutcome outcome);
+  Clients::iterator clientWithMost();
   Clients::iterator oldestClient();
   void forgetClient(Clients::iterator client);
 

@@ -75,18 +75,25 @@ TEST_F(ParseOutcomesTest, WhatCouldNotBeToldIsToldFirstTheNextTime) {
   }
 }
 
-TEST_F(ParseOutcomesTest, LimitOfAllClientsDropsThoseOfTheOneHeardOfLongestAgo) {
-  push("a1", "ada");
-  push("a2", "ada");
+TEST_F(ParseOutcomesTest, LimitOfAllClientsDropsTheOldestOfTheOneThatHasMost) {
   push("b1", "ben");
-  push("a3", "ada");
-  push("c1", "cid");
+  for (const char* key : {"a1", "a2", "a3", "a4"}) EXPECT_TRUE(push(key, "ada"));
   for (int i = 0; i < 5; ++i) EXPECT_TRUE(push(std::to_string(i))) << "they do not count";
-  EXPECT_FALSE(push("c2", "cid"));
-  EXPECT_THAT(take("ben"), IsEmpty());
-  EXPECT_FALSE(push("c3", "cid"));
-  EXPECT_THAT(take("ada"), ElementsAre("a2", "a3"));
-  EXPECT_THAT(take("cid"), ElementsAre("c1", "c2", "c3"));
+  for (const char* key : {"a5", "a6", "a7"}) EXPECT_FALSE(push(key, "ada"));
+  EXPECT_FALSE(push("c1", "cid"));
+  EXPECT_THAT(take("ben"), ElementsAre("b1"));
+  EXPECT_THAT(take("cid"), ElementsAre("c1"));
+  EXPECT_THAT(take("ada"), ElementsAre("a5", "a6", "a7"));
+}
+
+TEST_F(ParseOutcomesTest, OfClientsThatHaveAsManyTheOneHeardOfLongestAgoLosesItsOwn) {
+  const std::vector<std::string> clients{"ada", "ben", "cid", "dan", "eve", "fay"};
+  for (const std::string& client : clients) push("of " + client, client);
+  EXPECT_THAT(take("ada"), IsEmpty());
+  for (std::size_t i = 1; i < clients.size(); ++i) {
+    EXPECT_THAT(take(clients[i]), ElementsAre("of " + clients[i]));
+  }
+  EXPECT_TRUE(outcomes_.empty());
 }
 
 TEST_F(ParseOutcomesTest, OfTooManyClientsTheOneHeardOfLongestAgoIsForgotten) {
@@ -113,6 +120,13 @@ TEST_F(ParseOutcomesTest, OwnersAreKnownUntilTheIndexHasTheirDocuments) {
   EXPECT_EQ(outcomes_.ownerOf("k2"), "");
   EXPECT_FALSE(outcomes_.empty());
   outcomes_.forgetOwnersUpTo({2, 0});
+  EXPECT_TRUE(outcomes_.empty());
+}
+
+TEST_F(ParseOutcomesTest, DocumentThatIsQueuedWithoutANameHasNoOwner) {
+  outcomes_.setOwner("k", "ada", {1, 10});
+  outcomes_.setOwner("k", "", {1, 20});
+  EXPECT_EQ(outcomes_.ownerOf("k"), "");
   EXPECT_TRUE(outcomes_.empty());
 }
 

@@ -273,6 +273,19 @@ TEST_F(RefreshStepsTest, OnlyWhoeverAddedADocumentThatTheIndexRefusesIsTold) {
   EXPECT_EQ(collection_->estimate("fox", kExactHits).hits, 1U);
 }
 
+TEST_F(RefreshStepsTest, RefusalOfADocumentGoesToNobodyWhoQueuedItBeforeUnderAName) {
+  create({});
+  const Document bad{std::string(300, 'a'), {}, "fox"};
+  collection_->queue(bad, "ada");
+  EXPECT_EQ(collection_->takeOutcomes("ada").size(), 1U);
+  collection_->queue(bad);
+  EXPECT_EQ(collection_->takeOutcomes().size(), 1U);
+  collection_->requestUpdate();
+  index();
+  EXPECT_EQ(collection_->takeOutcomes("ada").size(), 0U);
+  EXPECT_EQ(collection_->takeOutcomes().size(), 1U);
+}
+
 TEST_F(RefreshStepsTest, IndexIsBroughtToRestOnceAfterManyChanges) {
   create(kImmediate);
   const auto segment = [&](int number) {
