@@ -528,7 +528,7 @@ TEST_F(FrontTest, OpeningOneCollectionTakesNoWorkerFromTheOthers) {
       binary.back().send(binaryRequest(headers, body));
     }
   }
-  slow.awaitOpening();
+  ASSERT_TRUE(slow.awaitOpening([&] { return store_.isOpen("slow"); }));
   expectServing();
   EXPECT_EQ(httpAsk(setup, {{"action", "addDocument"}, {"index", "c"}}, kDocument), kDone);
   EXPECT_EQ(httpAsk(setup, {{"action", "updateIndex"}, {"index", "c"}}), kDone);

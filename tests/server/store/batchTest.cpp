@@ -664,7 +664,7 @@ TEST_F(BatchStepsTest, ChangesGoOnWhileTheJournalIsReadForItsDeletions) {
       return error.what();
     }
   });
-  first.await();
+  ASSERT_TRUE(first.await([&] { return test::isReady(refused); }));
   collection_->add(fox("k3"));
   collection_->remove("k2");
   // With both ends open here the pipe can be opened, and not be read as a file.

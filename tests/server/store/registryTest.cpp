@@ -73,7 +73,7 @@ TEST_F(RegistryTest, OpeningOneCollectionHoldsUpNoOtherOne) {
   restart();
   test::SlowCollection slow(directory_.path() / "data/collections/slow");
   auto first = std::async(std::launch::async, [&] { return outcomeOf("slow"); });
-  slow.awaitOpening();
+  ASSERT_TRUE(slow.awaitOpening([&] { return test::isReady(first); }));
   auto second = std::async(std::launch::async, [&] { return outcomeOf("slow"); });
   EXPECT_THAT(keys("c"), ElementsAre("k-c"));
   createWithFox("d");

@@ -1,17 +1,24 @@
 #pragma once
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <optional>
 #include <stdexcept>
 
 namespace corvaned::test {
+
+template <typename Result>
+bool isReady(const std::future<Result>& future) {
+  return future.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+}
 
 /// Tells when a file is opened.
 class OpeningWatch {
@@ -25,10 +32,17 @@ class OpeningWatch {
   OpeningWatch(const OpeningWatch&) = delete;
   OpeningWatch& operator=(const OpeningWatch&) = delete;
 
-  /// Returns when it has been opened once.
-  void await() const {
-    std::array<char, 4096> event{};
-    if (::read(watch_, event.data(), event.size()) <= 0) throw std::runtime_error("no opening");
+  /// True when it has been opened once; false if `isOver()` becomes true before.
+  template <typename IsOver>
+  [[nodiscard]] bool await(const IsOver& isOver) const {
+    constexpr int kLookAgain = 10;  // ms
+    pollfd event{watch_, POLLIN, 0};
+    for (bool over = false; !over;) {
+      // Asked first: it may be opened, and all over, in between.
+      over = isOver();
+      if (::poll(&event, 1, over ? 0 : kLookAgain) > 0) return true;
+    }
+    return false;
   }
 
  private:
@@ -55,8 +69,11 @@ class SlowCollection {
   SlowCollection(const SlowCollection&) = delete;
   SlowCollection& operator=(const SlowCollection&) = delete;
 
-  /// Returns when the opening has begun.
-  void awaitOpening() const { watch_->await(); }
+  /// True when the opening has begun; false if `isOver()` becomes true before.
+  template <typename IsOver>
+  [[nodiscard]] bool awaitOpening(const IsOver& isOver) const {
+    return watch_->await(isOver);
+  }
 
   /// Lets it fail; the next one succeeds.
   void fail() {
