@@ -197,15 +197,23 @@ void LocalStore::armRefresh(Collection& collection) {
   if (time) indexers_->later(*time, [this, name = collection.name()] { refresh(name); });
 }
 
+// It may have been closed since. Others have to be indexed while a large one is opened.
 void LocalStore::refresh(const std::string& name) {
-  try {
-    Registry::Use collection = registry_.use(name);
-    collection->refresh();
-    startIndexing(std::move(collection));
-  } catch (const ServerError& error) {
-    // It may have been deleted; and whoever needs it is told if it cannot be opened.
-    spdlog::debug("collection {} is not refreshed: {}", shown(name), error.what());
-  }
+  open(name, [this, name](const std::optional<ServerError>& failure) {
+    try {
+      if (failure) throw ServerError(failure->kind(), failure->what());
+      refreshOpen(name);
+    } catch (const std::exception& error) {
+      // It may have been deleted; and whoever needs it is told if it cannot be opened.
+      spdlog::debug("collection {} is not refreshed: {}", shown(name), error.what());
+    }
+  });
+}
+
+void LocalStore::refreshOpen(const std::string& name) {
+  Registry::Use collection = find(name);
+  collection->refresh();
+  startIndexing(std::move(collection));
 }
 
 // The collection stays open until the work is done.

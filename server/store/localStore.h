@@ -98,6 +98,7 @@ class LocalStore : public Store {
   void follow(Registry::Use collection, std::shared_ptr<Ticket> ticket);
   void armRefresh(Collection& collection);
   void refresh(const std::string& name);
+  void refreshOpen(const std::string& name);
   bool isQuicklyRead(const std::string& name) const;
   void makeRoom();
   std::shared_ptr<ParseOutcomes> outcomesOf(const std::string& name);

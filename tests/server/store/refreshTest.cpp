@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -19,6 +20,7 @@
 #include "server/store/localStore.h"
 #include "tests/server/store/descriptorLimit.h"
 #include "tests/server/store/fileSizeLimit.h"
+#include "tests/server/store/slowCollection.h"
 #include "tests/support/temporaryDirectory.h"
 
 // Changes that become searchable without updateIndex.
@@ -97,6 +99,16 @@ class RefreshTest : public ::testing::Test {
   }
 
   std::uint64_t hits(const std::string& query) { return store_->estimate("c", query).hits; }
+
+  static bool hasChanges(const std::filesystem::path& collection) {
+    for (const auto& entry : std::filesystem::directory_iterator(collection)) {
+      const std::string name = entry.path().filename();
+      std::error_code gone;
+      if (!name.starts_with("journal-") || name == "journal-0000000000") continue;
+      if (entry.is_regular_file(gone) && entry.file_size(gone) > 0 && !gone) return true;
+    }
+    return false;
+  }
 
   void awaitHits(std::uint64_t count) {
     while (hits("fox") != count || store_->state("c") != CollectionState::Current) {
@@ -181,6 +193,26 @@ TEST_F(RefreshTest, ChangesThatWaitedAtARestartWaitNoLonger) {
   EXPECT_EQ(hits("fox"), 0U);
   restart();
   awaitHits(1);
+}
+
+// The change may have been indexed before the collection is closed; then there is another one.
+TEST_F(RefreshTest, OpeningACollectionForItHoldsUpNoUpdateOfOthers) {
+  limits_.indexThreads = 1;
+  restart();
+  store_->createCollection("c", "en");
+  store_->createCollection("slow", "en", every(std::chrono::milliseconds(100)));
+  const std::filesystem::path directory = directory_.path() / "data/collections/slow";
+  std::optional<test::SlowCollection> slow;
+  for (bool opens = false; !opens;) {
+    slow.reset();
+    store_->addDocument("slow", {"k", {}, "fox"});
+    slow.emplace(directory);
+    store_->closeCollection("slow");
+    opens = slow->awaitOpening([&] { return !hasChanges(directory); });
+  }
+  store_->addDocument("c", {"k", {}, "fox"});
+  store_->updateIndex("c");
+  EXPECT_EQ(hits("fox"), 1U);
 }
 
 TEST_F(RefreshTest, OptionOutlivesARestartAndItsDamageIsNamed) {
