@@ -842,7 +842,7 @@ Hidden Collection::hiddenFrom(const SearchQuery& query) const {
   Hidden present = hidden();
   if (!query.inPages) return present;
   const std::uint64_t version = query.from ? query.from->snapshot.hidden : present->version();
-  Hidden then = present->asOf(version, emptyShare(limits_));
+  Hidden then = HiddenKeys::asOf(present, version);
   if (!then) throwSnapshotGone();
   return then;
 }

@@ -1,6 +1,7 @@
 #include "server/store/hiddenKeys.h"
 
 #include <algorithm>
+#include <limits>
 #include <mutex>
 
 namespace corvaned {
@@ -8,6 +9,8 @@ namespace {
 
 // What a key takes beside its bytes.
 constexpr std::size_t kKeyCost = 104;
+
+constexpr std::uint64_t kNewest = std::numeric_limits<std::uint64_t>::max();
 
 }  // namespace
 
@@ -26,20 +29,33 @@ void HiddenKeys::put(const std::string& key, const JournalPosition& position) {
 }
 
 bool HiddenKeys::contains(const std::string& key) const {
+  if (present_) return present_->contains(key, version_);
+  return contains(key, kNewest);
+}
+
+bool HiddenKeys::contains(const std::string& key, std::uint64_t version) const {
   const std::shared_lock lock(mutex_);
-  return deletions_.contains(key);
+  const auto found = deletions_.find(key);
+  return found != deletions_.end() && found->second.version <= version;
 }
 
 std::size_t HiddenKeys::size() const {
+  if (present_) return present_->firstSize_ + (version_ - present_->firstVersion_);
   const std::shared_lock lock(mutex_);
   return deletions_.size();
 }
 
 std::vector<std::string> HiddenKeys::keys() const {
+  if (present_) return present_->keys(version_);
+  return keys(kNewest);
+}
+
+std::vector<std::string> HiddenKeys::keys(std::uint64_t version) const {
   std::vector<std::string> keys;
   const std::shared_lock lock(mutex_);
-  keys.reserve(deletions_.size());
-  for (const auto& [key, deletion] : deletions_) keys.push_back(key);
+  for (const auto& [key, deletion] : deletions_) {
+    if (deletion.version <= version) keys.push_back(key);
+  }
   return keys;
 }
 
@@ -48,16 +64,12 @@ std::uint64_t HiddenKeys::version() const {
   return version_;
 }
 
-std::shared_ptr<const HiddenKeys> HiddenKeys::asOf(std::uint64_t version,
-                                                   MemoryBudget::Share memory) const {
-  const std::shared_lock lock(mutex_);
-  if (version < firstVersion_ || version > version_) return nullptr;
-  auto then = std::make_shared<HiddenKeys>(std::move(memory));
-  for (const auto& [key, deletion] : deletions_) {
-    if (deletion.version <= version) then->put(key, deletion.position);
-  }
-  then->firstVersion_ = then->version_ = version;
-  then->memory_.force(then->keyBytes_);
+std::shared_ptr<const HiddenKeys> HiddenKeys::asOf(const std::shared_ptr<const HiddenKeys>& present,
+                                                   std::uint64_t version) {
+  if (version < present->firstVersion_ || version > present->version()) return nullptr;
+  auto then = std::make_shared<HiddenKeys>();
+  then->present_ = present;
+  then->version_ = version;
   return then;
 }
 

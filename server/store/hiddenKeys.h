@@ -33,9 +33,10 @@ class HiddenKeys {
 
   /// Changes whenever other keys are hidden, by this object or by the one that takes its place.
   std::uint64_t version() const;
-  /// Those of an earlier version, to which no key is added any more; null if they are not known.
-  /// `memory`: an empty share.
-  std::shared_ptr<const HiddenKeys> asOf(std::uint64_t version, MemoryBudget::Share memory) const;
+  /// Those of an earlier version, to which no key is added any more; null if they are not known. It
+  /// looks at `present`, which may hold a million of them, and copies none.
+  static std::shared_ptr<const HiddenKeys> asOf(const std::shared_ptr<const HiddenKeys>& present,
+                                                std::uint64_t version);
 
   /// The same without those for which `isGone(key, position)` holds; null if it holds for none.
   /// `memory`: an empty share.
@@ -49,6 +50,7 @@ class HiddenKeys {
       if (!goes(entry)) rest->put(entry.first, entry.second.position);
     }
     rest->firstVersion_ = rest->version_ = version_ + 1;
+    rest->firstSize_ = rest->deletions_.size();
     rest->memory_.force(rest->keyBytes_);
     return rest;
   }
@@ -61,14 +63,20 @@ class HiddenKeys {
   };
 
   void put(const std::string& key, const JournalPosition& position);
+  bool contains(const std::string& key, std::uint64_t version) const;
+  std::vector<std::string> keys(std::uint64_t version) const;
 
+  // Of an earlier version: where its keys are.
+  std::shared_ptr<const HiddenKeys> present_;
   mutable std::shared_mutex mutex_;
   // Guarded by mutex_.
   MemoryBudget::Share memory_;
   std::unordered_map<std::string, Deletion> deletions_;
   std::size_t keyBytes_ = 0;
-  // Keys that this object has had from the beginning count as those of its first version.
+  // Keys that this object has had from the beginning count as those of its first version; each that
+  // comes makes another one.
   std::uint64_t firstVersion_ = 0;
+  std::size_t firstSize_ = 0;
   std::uint64_t version_ = 0;
 };
 

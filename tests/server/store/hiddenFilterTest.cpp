@@ -40,18 +40,22 @@ TEST(HiddenKeys, HaveTheLastPlaceOfEachKey) {
 }
 
 TEST(HiddenKeys, AreKnownAsTheyWere) {
-  HiddenKeys hidden;
-  const std::uint64_t none = hidden.version();
-  hidden.add("k", kEarly);
-  const std::uint64_t one = hidden.version();
-  hidden.add("l", kLate);
+  const auto hidden = std::make_shared<HiddenKeys>();
+  const std::uint64_t none = hidden->version();
+  hidden->add("k", kEarly);
+  const std::uint64_t one = hidden->version();
+  const Hidden then = HiddenKeys::asOf(hidden, one);
+  hidden->add("l", kLate);
   EXPECT_NE(one, none);
-  hidden.add("k", kLate);
-  EXPECT_THAT(hidden.asOf(none, {})->keys(), UnorderedElementsAre());
-  EXPECT_THAT(hidden.asOf(one, {})->keys(), UnorderedElementsAre("k"));
-  EXPECT_EQ(hidden.asOf(one, {})->version(), one);
-  EXPECT_THAT(hidden.asOf(hidden.version(), {})->keys(), UnorderedElementsAre("k", "l"));
-  EXPECT_FALSE(hidden.asOf(hidden.version() + 1, {}));
+  hidden->add("k", kLate);
+  EXPECT_THAT(HiddenKeys::asOf(hidden, none)->keys(), UnorderedElementsAre());
+  EXPECT_THAT(then->keys(), UnorderedElementsAre("k"));
+  EXPECT_EQ(then->size(), 1U);
+  EXPECT_TRUE(then->contains("k"));
+  EXPECT_FALSE(then->contains("l"));
+  EXPECT_EQ(then->version(), one);
+  EXPECT_THAT(HiddenKeys::asOf(hidden, hidden->version())->keys(), UnorderedElementsAre("k", "l"));
+  EXPECT_FALSE(HiddenKeys::asOf(hidden, hidden->version() + 1));
 }
 
 TEST(HiddenKeys, AreNotKnownAsTheyWereBeforeSomeWereShownAgain) {
@@ -60,13 +64,28 @@ TEST(HiddenKeys, AreNotKnownAsTheyWereBeforeSomeWereShownAgain) {
   hidden.add("l", kLate);
   const std::uint64_t before = hidden.version();
   const auto isK = [](const std::string& key, const JournalPosition&) { return key == "k"; };
-  const auto rest = hidden.without(isK, {});
+  const std::shared_ptr<HiddenKeys> rest = hidden.without(isK, {});
   const std::uint64_t after = rest->version();
   for (std::uint64_t version = 0; version <= before; ++version) {
-    EXPECT_FALSE(rest->asOf(version, {})) << version;
+    EXPECT_FALSE(HiddenKeys::asOf(rest, version)) << version;
   }
   rest->add("m", kLate);
-  EXPECT_THAT(rest->asOf(after, {})->keys(), UnorderedElementsAre("l"));
+  EXPECT_THAT(HiddenKeys::asOf(rest, after)->keys(), UnorderedElementsAre("l"));
+  EXPECT_EQ(HiddenKeys::asOf(rest, after)->size(), 1U);
+  EXPECT_EQ(HiddenKeys::asOf(rest, rest->version())->size(), 2U);
+}
+
+// A million of them may wait, and a hundred searches ask for pages.
+TEST(HiddenKeys, AreNotCopiedToBeKnownAsTheyWere) {
+  MemoryBudget budget(1000000);
+  const auto hidden = std::make_shared<HiddenKeys>(MemoryBudget::Share(budget));
+  for (int i = 0; i < 1000; ++i) hidden->add(std::to_string(i), kEarly);
+  const std::size_t used = budget.used();
+  const std::weak_ptr<HiddenKeys> watched = hidden;
+  const Hidden then = HiddenKeys::asOf(hidden, 500);
+  EXPECT_EQ(budget.used(), used);
+  EXPECT_EQ(watched.use_count(), 2) << "it looks at those";
+  EXPECT_EQ(then->size(), 500U);
 }
 
 TEST(HiddenKeys, TakeMemoryFromTheBudget) {
