@@ -159,8 +159,12 @@ ExitCode search(Session& session, const SearchArguments& arguments) {
   } catch (const tq::oss::BaseException& failure) {
     return cutOff(session, hits.hits(), describeFailure(failure, session.settings, true));
   }
-  if (hits.hits() == 0) session.printer.note(whyNoHits(arguments));
-  if (begin && hits.hits() == arguments.limit) tellNextPage(session, arguments, *begin);
+  // A page without hits has brought nobody further.
+  if (hits.hits() == 0) {
+    session.printer.note(whyNoHits(arguments));
+  } else if (begin && hits.hits() == arguments.limit) {
+    tellNextPage(session, arguments, *begin);
+  }
   return ExitCode::Ok;
 }
 

@@ -101,7 +101,7 @@ bool add(CorvaneRESTClient& client, const icu::UnicodeString& collection, const 
   try {
     send(client, collection, ClientRequest::ADD_DOCUMENT, key, text);
     return true;
-  } catch (const tq::oss::BaseException&) {
+  } catch (const std::exception&) {
     if (client.getRequestOutcome() != tq::comm::RequestOutcome::Rejected) throw;
     std::cerr << "refused: " << key << '\n';
     return false;

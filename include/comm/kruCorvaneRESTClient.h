@@ -59,13 +59,14 @@ struct OperationLimits {
 /// | ERR_SERVER_APP, ..._INVALID_AUTH, the server's own | it refused | none | no | kept |
 /// | ERR_SERVER_PROTOCOL | another refusal (HTTP) | none | no | kept |
 /// | ERR_SERVER_PROTOCOL | not a reply (binary protocol) | none or a text | no | replaced |
+/// | none; success() of the response is false | no body (HTTP) | none | no | kept |
 /// | ERR_CLIENT_RESP_PARSING | not a reply, or too large | none or host, port | no | replaced |
 /// | ERR_CLIENT_INTERNAL | the request cannot be sent | host, port | no | as it was |
 /// | ERR_CLIENT_INTERNAL | a failed write (HTTP), others | none or a text | no | replaced |
 /// | ERR_INVALID_STATE | misuse: `send`, `recv`, `recvMesg` | host, port or none | no | as it was |
 ///
 /// Two things are not a RESTException: std::bad_alloc over HTTP, and tq::oss::SocketException
-/// from `send`, `sendMesg` and the read operations of CorvaneClient.
+/// from `send`, `sendMesg`, `sendAndRecvMesgOnce` and the read operations of CorvaneClient.
 ///
 /// Whatever an exchange leaves unread is never taken for a later reply: the next exchange then
 /// starts on a fresh connection. What is done by hand (`send`, `recvMesg`) can leave the connection

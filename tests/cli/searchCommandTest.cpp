@@ -44,6 +44,15 @@ TEST(Search, SendsQueryStartAndLimitAndCountsRanksFromThere) {
   }
 }
 
+TEST(Search, OfAPageWithoutHitsHasNoNextOne) {
+  ScriptedServer server(
+      answers({outcomes({{"books", "ZVK0108I", "rank=0 place=cDA="}}), found({})}));
+  const Result result = runAgainst(server, {"search", "books", "q", "--limit", "0", "--pages"});
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(server.connection(0).requests.size(), 2U);
+}
+
 TEST(Search, InPagesTellsWhereTheNextOneBegins) {
   ScriptedServer server(answers({outcomes({{"books", "ZVK0108I", "rank=0 place=cDA="}}),
                                  found({{"base64:Zm9v", "1"}, {"base64:Yg==", "0.5"}}),
