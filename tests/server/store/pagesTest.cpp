@@ -1,11 +1,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <limits>
 #include <memory>
 #include <optional>
 #include <random>
+#include <set>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -413,6 +416,53 @@ TEST_F(PagesTest, TakeNoMemoryForTheHitsBefore) {
   query.from.reset();
   query.start = 2400;
   EXPECT_THAT(refusal(query), HasSubstr("ZVK0016E"));
+}
+
+// Each update gives all documents another year, so two years in one result are two states.
+TEST_F(PagesTest, AreOfOneStateWhileOthersUpdateAndDelete) {
+  constexpr int kDocuments = 60;
+  constexpr int kYears = 25;
+  store_->createCollection("c", "en");
+  const auto write = [&](int year) {
+    for (int i = 0; i < kDocuments; ++i) {
+      store_->queueDocument("c", {std::to_string(i), {{"year", std::to_string(year)}}, "common"});
+    }
+    store_->queueDocument("c", {"x" + std::to_string(year), {}, "other"});
+    store_->updateIndex("c");
+    store_->deleteDocument("c", "x" + std::to_string(year));
+  };
+  write(0);
+  std::atomic<bool> written = false;
+  const auto read = [&] {
+    int finished = 0;
+    while (finished == 0 || !written) {
+      SearchQuery query = queryOf({"common"});
+      query.inPages = true;
+      query.size = 7;
+      std::set<std::string> keys;
+      std::set<std::string> years;
+      try {
+        do {
+          const auto details = store_->details("c", query, {{"year"}, 0});
+          for (const HitDetails& each : details) {
+            EXPECT_TRUE(keys.insert(each.hit.key).second);
+            years.insert(each.values.at(0).second);
+          }
+          query.from = details.empty() ? std::nullopt : details.back().nextPage;
+        } while (query.from);
+        EXPECT_EQ(keys.size(), kDocuments);
+        ++finished;
+      } catch (const ServerError& error) {
+        EXPECT_EQ(error.kind(), ErrorKind::SnapshotGone) << error.what();
+      }
+      EXPECT_LE(years.size(), 1U);
+    }
+  };
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 3; ++i) readers.emplace_back(read);
+  for (int year = 1; year < kYears; ++year) write(year);
+  written = true;
+  for (std::thread& reader : readers) reader.join();
 }
 
 TEST_F(PagesTest, OfDetailsGoOnLikeThoseOfHits) {

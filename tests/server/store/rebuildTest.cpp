@@ -130,6 +130,24 @@ TEST_F(RebuildTest, UpdateThatHasNothingElseToDoMakesItAnew) {
   EXPECT_THAT(found(store, query), ElementsAre("k109", "k108"));
 }
 
+// The new index may have come to the revision that the earlier one had.
+TEST_F(RebuildTest, PagesThatBeganInTheEarlierIndexAreRefused) {
+  write(10);
+  LocalStore store(data(), {});
+  SearchQuery query = foxes();
+  query.inPages = true;
+  query.size = 4;
+  query.from = store.search("c", query)->nextPage();
+  ASSERT_TRUE(query.from);
+  EXPECT_THAT(found(store, query), ElementsAre("k104", "k105", "k106", "k107"));
+  store.updateIndex("c");
+  EXPECT_EQ(schema(), "2");
+  for (query.from->snapshot.revision = 0; query.from->snapshot.revision < 10;
+       ++query.from->snapshot.revision) {
+    EXPECT_THROW(store.search("c", query), ServerError) << query.from->snapshot.revision;
+  }
+}
+
 TEST_F(RebuildTest, IsSoundBeforeAndAfter) {
   write(10);
   EXPECT_TRUE(Maintenance(data()).check("c").isSound());
