@@ -98,10 +98,8 @@ std::unique_ptr<HitList> farBehind(Xapian::Enquire& enquire, Page page, const Se
   enquire.set_sort_by_relevance();
   enquire.add_matchspy(&behind);
   enquire.get_mset(0, 1, static_cast<Xapian::doccount>(documents));
-  if (behind.before() != query.from->rank) {
-    throw ServerError(ErrorKind::BadParameter,
-                      "the place to go on from is none of the result of this query");
-  }
+  // Then the weights are no longer what they were.
+  if (behind.before() != query.from->rank) throwSnapshotGone();
   return std::make_unique<HitBuffer>(behind.take(), page.start, behind.best(), query.scale,
                                      std::move(memory));
 }

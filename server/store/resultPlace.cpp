@@ -1,6 +1,11 @@
 #include "server/store/resultPlace.h"
 
+#include <sodium.h>
+
+#include <algorithm>
+#include <array>
 #include <bit>
+#include <tuple>
 
 #include "infra/util/kruBase64.h"
 #include "server/base/base64.h"
@@ -32,6 +37,30 @@ bool takePlace(ByteReader& reader, ResultPlace& place) {
   return whole;
 }
 
+using Seal = std::array<unsigned char, 16>;
+
+// No place is worth anything to another process, so the secret need not outlive this one.
+const std::array<unsigned char, crypto_generichash_KEYBYTES>& secret() {
+  static const auto kSecret = [] {
+    std::array<unsigned char, crypto_generichash_KEYBYTES> bytes{};
+    randombytes_buf(bytes.data(), bytes.size());
+    return bytes;
+  }();
+  return kSecret;
+}
+
+// Whoever could make up places could have documents shown again that were deleted meanwhile.
+Seal sealOf(std::string_view bytes) {
+  Seal seal{};
+  crypto_generichash(seal.data(), seal.size(), reinterpret_cast<const unsigned char*>(bytes.data()),
+                     bytes.size(), secret().data(), secret().size());
+  return seal;
+}
+
+bool isSealed(std::string_view bytes, std::string_view seal) {
+  return sodium_memcmp(sealOf(bytes).data(), seal.data(), seal.size()) == 0;
+}
+
 // The bytes without the checksum at their end. Nothing if it is another one.
 std::optional<std::string_view> verified(std::string_view bytes) {
   if (bytes.size() < kChecksumBytes) return std::nullopt;
@@ -57,6 +86,8 @@ std::string textOf(const ResultPlace& place) {
   appendU64(bytes, place.rank);
   appendU64(bytes, std::bit_cast<std::uint64_t>(place.weight));
   appendText(bytes, place.sortedBy);
+  const Seal seal = sealOf(bytes);
+  bytes.append(reinterpret_cast<const char*>(seal.data()), seal.size());
   appendU32(bytes, checksumOf(bytes));
   return base64(bytes);
 }
@@ -64,11 +95,15 @@ std::string textOf(const ResultPlace& place) {
 std::optional<ResultPlace> placeFrom(std::string_view text) {
   std::string bytes;
   if (!tq::util::Base64::decode(text.data(), text.size(), bytes)) return std::nullopt;
-  const auto content = verified(bytes);
-  if (!content || !content->starts_with(kMagic)) return std::nullopt;
-  ByteReader reader(content->substr(kMagic.size()));
+  const auto whole = verified(bytes);
+  if (!whole || !whole->starts_with(kMagic) || whole->size() < std::tuple_size_v<Seal>) {
+    return std::nullopt;
+  }
+  const std::string_view content = whole->substr(0, whole->size() - std::tuple_size_v<Seal>);
+  ByteReader reader(content.substr(std::min(content.size(), kMagic.size())));
   ResultPlace place;
   if (!takePlace(reader, place)) return std::nullopt;
+  if (!isSealed(content, whole->substr(content.size()))) place.snapshot = {};
   return place;
 }
 

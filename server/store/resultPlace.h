@@ -37,7 +37,8 @@ struct ResultPlace {
 /// Throws: a result cannot be gone on with, and has to be begun again.
 [[noreturn]] void throwSnapshotGone();
 
-/// The place as a text for clients, and back. Nothing if the text is none of these.
+/// The place as a text for clients, and back. Nothing if the text is none of these. That of another
+/// process is one in no state that there is.
 std::string textOf(const ResultPlace& place);
 std::optional<ResultPlace> placeFrom(std::string_view text);
 

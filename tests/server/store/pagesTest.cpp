@@ -386,15 +386,15 @@ TEST_F(PagesTest, FindNothingWhereThePlaceIsMadeUp) {
   const ResultPlace told = *query.from;
   EXPECT_EQ(refusal(query), "none");
   query.from->weight = 1e9;
-  EXPECT_THAT(refusal(query), HasSubstr("ZVK0006E"));
+  EXPECT_THAT(refusal(query), HasSubstr("ZVK0035E"));
   query.from->weight = std::numeric_limits<double>::quiet_NaN();
-  EXPECT_THAT(refusal(query), HasSubstr("ZVK0006E"));
+  EXPECT_THAT(refusal(query), HasSubstr("ZVK0035E"));
   query.from = told;
   query.from->rank = ~std::uint64_t{0};
-  EXPECT_THAT(refusal(query), HasSubstr("ZVK0006E"));
+  EXPECT_THAT(refusal(query), HasSubstr("ZVK0035E"));
   query.from = told;
   query.from->sortedBy = "";
-  EXPECT_THAT(refusal(query), HasSubstr("ZVK0006E"));
+  EXPECT_THAT(refusal(query), HasSubstr("ZVK0035E"));
   for (const HitOrder order : {HitOrder::Key, HitOrder::Any, HitOrder::Value}) {
     SearchQuery unranked = secondPage({"common", order, "year"});
     unranked.from->rank = ~std::uint64_t{0};

@@ -8,6 +8,8 @@
 
 #include "infra/util/kruBase64.h"
 #include "server/base/base64.h"
+#include "server/base/bytes.h"
+#include "server/store/checksum.h"
 #include "server/store/queryDigest.h"
 #include "server/store/resultPlace.h"
 #include "server/store/store.h"
@@ -51,6 +53,19 @@ TEST(ResultPlace, IsNotReadFromAnythingElse) {
   }
   EXPECT_FALSE(placeFrom(base64(bytes + bytes)));
   EXPECT_FALSE(placeFrom("begin again"));
+}
+
+TEST(ResultPlace, OfAnotherMakerIsInNoState) {
+  const std::string text = textOf(somewhere());
+  std::string bytes;
+  ASSERT_TRUE(tq::util::Base64::decode(text.data(), text.size(), bytes));
+  constexpr std::size_t kHidden = 4 + 2 * 8 + 7;
+  bytes.resize(bytes.size() - 4);
+  bytes[kHidden] = 1;
+  appendU32(bytes, checksumOf(bytes));
+  const auto place = placeFrom(base64(bytes));
+  ASSERT_TRUE(place);
+  EXPECT_EQ(place->snapshot, Snapshot{});
 }
 
 TEST(ResultPlace, BelongsToOneQuery) {
