@@ -520,15 +520,6 @@ TEST_F(BatchTest, DeletedCollectionTakesNoBatch) {
   refusal(ErrorKind::UnknownCollection, [&] { store_->batchOutcome("c", "b1"); });
 }
 
-/// Whether the thread waits for something.
-bool sleeps(pid_t thread) {
-  std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
-  std::string facts;
-  std::getline(file, facts);
-  const std::size_t name = facts.rfind(')');
-  return name != std::string::npos && facts.substr(name + 1).starts_with(" S");
-}
-
 /// A collection without a store, whose work is done when the test says so.
 class BatchStepsTest : public ::testing::Test {
  protected:
@@ -584,7 +575,7 @@ TEST_F(BatchStepsTest, FileOfBatchesComesIntoBeingOnlyWhenTheCollectionMayChange
       client = ::gettid();
       apply(batch("b1", {fox("k1")}));
     });
-    while (!std::filesystem::exists(file) && (client == 0 || !sleeps(client))) {
+    while (!std::filesystem::exists(file) && (client == 0 || !test::sleeps(client))) {
       std::this_thread::yield();
     }
     EXPECT_FALSE(std::filesystem::exists(file));

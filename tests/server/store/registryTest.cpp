@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <future>
 #include <iterator>
@@ -74,7 +76,12 @@ TEST_F(RegistryTest, OpeningOneCollectionHoldsUpNoOtherOne) {
   test::SlowCollection slow(directory_.path() / "data/collections/slow");
   auto first = std::async(std::launch::async, [&] { return outcomeOf("slow"); });
   ASSERT_TRUE(slow.awaitOpening([&] { return test::isReady(first); }));
-  auto second = std::async(std::launch::async, [&] { return outcomeOf("slow"); });
+  std::atomic<pid_t> client = 0;
+  auto second = std::async(std::launch::async, [&] {
+    client = ::gettid();
+    return outcomeOf("slow");
+  });
+  while (client == 0 || !test::sleeps(client)) std::this_thread::yield();
   EXPECT_THAT(keys("c"), ElementsAre("k-c"));
   createWithFox("d");
   EXPECT_THAT(keys("d"), ElementsAre("k-d"));

@@ -12,12 +12,22 @@
 #include <future>
 #include <optional>
 #include <stdexcept>
+#include <string>
 
 namespace corvaned::test {
 
 template <typename Result>
 bool isReady(const std::future<Result>& future) {
   return future.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+}
+
+/// Whether the thread of this process waits for something.
+inline bool sleeps(pid_t thread) {
+  std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+  std::string facts;
+  std::getline(file, facts);
+  const std::size_t name = facts.rfind(')');
+  return name != std::string::npos && facts.substr(name + 1).starts_with(" S");
 }
 
 /// Tells when a file is opened.
