@@ -7,6 +7,7 @@
 #include <asio/post.hpp>
 #include <asio/thread_pool.hpp>
 #include <limits>
+#include <new>
 #include <optional>
 #include <system_error>
 #include <utility>

@@ -106,19 +106,6 @@ TEST_P(ScarceMemoryTest, FailedOpeningIsOverWhicheverAllocationFails) {
   }
 }
 
-TEST_P(ScarceMemoryTest, CollectionCanBeOpenedAfterAnOpeningThatFailedAnywhere) {
-  long failing = 1;
-  for (bool failed = true; failed; ++failing) {
-    ASSERT_LT(failing, kMost);
-    store_.reset();
-    store_ = std::make_unique<LocalStore>(directory_.path() / "data", StoreLimits{});
-    failed = without(failing, GetParam(),
-                     [&] { store_->open("c", [](const std::optional<ServerError>&) {}); });
-    EXPECT_NO_THROW(store_->openCollection("c")) << failing;
-  }
-  EXPECT_GT(failing, 3);
-}
-
 INSTANTIATE_TEST_SUITE_P(One, ScarceMemoryTest, ::testing::Values(false));
 INSTANTIATE_TEST_SUITE_P(OneAndAllThatFollow, ScarceMemoryTest, ::testing::Values(true));
 
