@@ -47,8 +47,8 @@ int fillTablesWithACuriousHost() {
   const CuriousHost host;
   RESTMessage::initUrls();
   const bool filled = RESTMessage::getAction(ClientRequest::STREAM_SEARCH) == u"search";
-  // One for each text, "UTF-8" twice: as a frequent value and as a word of the protocol. A call that
-  // had filled the tables once more would have added the texts again.
+  // One for each text, "UTF-8" twice: as a frequent value and as a word of the protocol. A call
+  // that had filled the tables once more would have added the texts again.
   return host.answers == host.additions && host.additions == 61 && filled ? 0 : 1;
 }
 
