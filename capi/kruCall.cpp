@@ -1,5 +1,7 @@
 #include "capi/kruCall.h"
 
+#include <cstring>
+
 #include "capi/kruFailure.h"
 #include "comm/kruClientResponse.h"
 #include "comm/kruCorvaneRESTClient.h"
@@ -31,6 +33,13 @@ std::int32_t outcomeOf(const Core& core, const Call& call) {
 bool needsQueue(ClientRequest::REQUEST kind) {
   return kind == ClientRequest::ASYNCH_ADD_DOCUMENT || kind == ClientRequest::LAST_DOC_SENT ||
          kind == ClientRequest::UPDATE_INDEX || kind == ClientRequest::PARSE_RESULT;
+}
+
+/// Over HTTP this id stands for a status by which the server, or whatever stands before it,
+/// refuses. Over the binary protocol it stands for what is no reply.
+bool isRefusalWithoutAWord(const Core& core, const kru_error& report) {
+  return core.binary == nullptr && report.code == KRU_PROTOCOL &&
+         std::strcmp(report.id, "ERR_SERVER_PROTOCOL") == 0;
 }
 
 std::int32_t retryOf(const Core& core, const Call& call, const kru_error& report) {
@@ -66,7 +75,6 @@ std::int32_t connectionAfter(const Core& core, const Call& call, const kru_error
       return KRU_CONNECTION_KEPT;
     case KRU_TIMEOUT:
       return call.fetches ? KRU_CONNECTION_KEPT : KRU_CONNECTION_REPLACED;
-    case KRU_INTERNAL:
     case KRU_OUT_OF_MEMORY:
       return report.outcome == KRU_NOT_SENT ? KRU_CONNECTION_KEPT : KRU_CONNECTION_REPLACED;
     default:
@@ -87,10 +95,15 @@ std::int32_t refuse(kru_error* error, const char* what, const char* why) noexcep
   return report.code;
 }
 
+std::int32_t refuseUse(kru_error* error) noexcept {
+  return refuse(error, "a call on this client is under way, or its wait hook jumped out of one");
+}
+
 std::int32_t settle(Core& core, const Call& call, kru_error& report, kru_error* error) noexcept {
   if (core.destroyed) core.client->close();
   // A reply that is read on belongs to a request that was there before.
   if (call.fetches && report.code == KRU_MISUSE && core.asked) report.code = KRU_CURSOR_LOST;
+  if (isRefusalWithoutAWord(core, report)) report.code = KRU_REFUSED;
   report.outcome = outcomeOf(core, call);
   report.retry = retryOf(core, call, report);
   report.connection = connectionAfter(core, call, report);

@@ -70,26 +70,32 @@ class Use {
 /// Hands the caller a misuse that was found before anything was begun.
 std::int32_t refuse(kru_error* error, const char* what, const char* why = "") noexcept;
 
+/// The same for a call that was not granted the client.
+std::int32_t refuseUse(kru_error* error) noexcept;
+
 /// Says what the call means for retry and connection, remembers it, and hands it out.
 std::int32_t settle(Core& core, const Call& call, kru_error& report, kru_error* error) noexcept;
 
-/// Runs `work(core, report)` so that nothing but a cancelled thread's unwinding gets out of it.
+/// Runs `work(core, report)`, for a caller that was granted the client, so that nothing but a
+/// cancelled thread's unwinding gets out of it.
 template <typename Work>
-std::int32_t perform(std::shared_ptr<Core> core, const Call& call, kru_error* error, Work work) {
-  const Use use(*core);
-  if (!use.granted()) {
-    return refuse(error, "a call on this client is under way, or its wait hook jumped out of one");
-  }
-  core->asked = false;
+std::int32_t performGranted(Core& core, const Call& call, kru_error* error, Work work) {
+  core.asked = false;
   kru_error report = noError();
   try {
-    work(*core, report);
+    work(core, report);
   } catch (abi::__forced_unwind&) {
     throw;
   } catch (...) {
     describeCurrentException(report);
   }
-  return settle(*core, call, report, error);
+  return settle(core, call, report, error);
+}
+
+template <typename Work>
+std::int32_t perform(std::shared_ptr<Core> core, const Call& call, kru_error* error, Work work) {
+  const Use use(*core);
+  return use.granted() ? performGranted(*core, call, error, std::move(work)) : refuseUse(error);
 }
 
 template <typename Work>

@@ -156,13 +156,16 @@ std::int32_t nextRecord(kru_cursor* cursor, bool outcomes, Record* out, kru_erro
   if (!hasSize(error)) return KRU_MISUSE;
   if (cursor == nullptr) return refuse(error, "the cursor is null");
   const std::shared_ptr<Reading> reading = cursor->reading;
+  // From here to the end: what the cursor remembers is its client's, like the client itself.
+  const Use use(*reading->core);
+  if (!use.granted()) return refuseUse(error);
   if (reading->broken) {
     handOut(error, *reading->broken);
     return reading->broken->code;
   }
   kru_error seen = noError();
   const std::int32_t code =
-      perform(reading->core, {reading->kind, true}, &seen, [&](Core&, kru_error& report) {
+      performGranted(*reading->core, {reading->kind, true}, &seen, [&](Core&, kru_error& report) {
         if (out == nullptr || !hasSize(out)) misuse("the place for the result", "has no size");
         if ((reading->kind == ClientRequest::PARSE_RESULT) != outcomes) {
           misuse("the cursor", "hands out something else");

@@ -54,7 +54,7 @@ std::list<KVPair> pairsOf(const Document& document) {
     pairs.emplace_back(takeText(pair.name, pair.name_length, "a pair's name"),
                        takeText(pair.value, pair.value_length, "a pair's value"));
   }
-  // A key is sent in front of the pairs only, so that there has to be one.
+  // Without a pair the protocols send no document at all, and so no key.
   if (pairs.empty()) {
     pairs.emplace_back(u"key", tq::oss::Converter::fromUTF8(static_cast<const char*>(document.key),
                                                             document.keyLength));

@@ -1,7 +1,7 @@
 include(CMakePackageConfigHelpers)
 
-# krucomm_install_pkg_config(<library>) writes <library>.pc from packaging/<library>.pc.in. Its paths
-# are relative to itself, since `cmake --install --prefix` decides only later where it will be.
+# krucomm_install_pkg_config(<library>) writes <library>.pc from packaging/<library>.pc.in. Its
+# paths are relative to itself, since `cmake --install --prefix` decides only later where it will be.
 function(krucomm_install_pkg_config library)
   file(RELATIVE_PATH prefix "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
   string(REGEX REPLACE "/$" "" prefix "${prefix}")

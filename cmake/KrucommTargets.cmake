@@ -16,8 +16,9 @@ if(KRUCOMM_DEVELOPER)
               -Werror)
 endif()
 if(KRUCOMM_SANITIZE STREQUAL "address")
-  target_compile_options(krucomm_options INTERFACE -fsanitize=address,undefined
-                                                   -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_compile_options(
+    krucomm_options INTERFACE -fsanitize=address,undefined -fno-sanitize-recover=all
+                              -fno-omit-frame-pointer)
   target_link_options(krucomm_options INTERFACE -fsanitize=address,undefined)
 elseif(KRUCOMM_SANITIZE STREQUAL "thread")
   target_compile_options(krucomm_options INTERFACE -fsanitize=thread -fno-omit-frame-pointer)
@@ -49,9 +50,9 @@ function(krucomm_add_mutable_library name)
 endfunction()
 
 # krucomm_add_library(<name> [C_FACE] SOURCES <file>... LINK <target>...) builds one set of objects
-# into the shared library <name> and the static library <name>_static. The tests link the static one:
-# they also exercise internals, which the shared object hides. A C_FACE shows plain functions, and
-# its users need neither the language nor the libraries that are behind it.
+# into the shared library <name> and the static library <name>_static. The tests link the static
+# one: they also exercise internals, which the shared object hides. A C_FACE shows plain functions,
+# and its users need neither the language nor the libraries that are behind it.
 function(krucomm_add_library name)
   cmake_parse_arguments(ARG "C_FACE" "" "SOURCES;LINK" ${ARGN})
   set(behind PUBLIC)

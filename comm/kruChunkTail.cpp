@@ -1,15 +1,15 @@
 #include "comm/kruChunkTail.h"
 
 #include <algorithm>
-#include <cstdlib>
+#include <charconv>
+#include <limits>
+#include <system_error>
 #include <utility>
 
 namespace tq::comm {
 
 namespace {
 
-// The same number of characters as the reply parser accepts, and the CR.
-constexpr std::size_t kMaxSizeLine = 125 + 1;
 // No trailer line begins with this: the name of a field has no slash.
 constexpr std::string_view kProtocol = "HTTP/";
 // Bounds how long an endless old reply can delay the next request.
@@ -26,12 +26,15 @@ std::optional<std::size_t> chunkSizeOf(std::string_view line) {
   const auto digits = static_cast<std::size_t>(end - line.begin());
   if (digits == 0 || line.size() < digits + 2 || !line.ends_with("\r\n")) return std::nullopt;
   if (std::string_view("\r; \t").find(line[digits]) == std::string_view::npos) return std::nullopt;
-  return std::strtoul(std::string(line.substr(0, digits)).c_str(), nullptr, 16);
+  constexpr int kHexadecimal = 16;
+  std::size_t size = 0;
+  const auto parsed = std::from_chars(line.data(), line.data() + digits, size, kHexadecimal);
+  return parsed.ec == std::errc() ? size : std::numeric_limits<std::size_t>::max();
 }
 
 void ChunkTail::clear() {
   state_ = State::Nothing;
-  sizeLine_.clear();
+  sizeLineLength_ = 0;
   matched_ = 0;
   reclaimable_ = 0;
 }
@@ -86,10 +89,10 @@ bool ChunkTail::step(char c) {
       state_ = isHexDigit(c) ? State::SizeLine : State::Broken;
       return step(c);
     case State::SizeLine:
-      sizeLine_.push_back(c);
+      sizeLine_[sizeLineLength_++] = c;
       if (c == '\n') {
         endSizeLine();
-      } else if (sizeLine_.size() > kMaxSizeLine) {
+      } else if (sizeLineLength_ == sizeLine_.size()) {
         state_ = State::Broken;
       }
       return true;
@@ -122,8 +125,8 @@ bool ChunkTail::stepAtTrailerStart(char c) {
 }
 
 void ChunkTail::endSizeLine() {
-  const std::optional<std::size_t> size = chunkSizeOf(sizeLine_);
-  sizeLine_.clear();
+  const std::optional<std::size_t> size =
+      chunkSizeOf({sizeLine_.data(), std::exchange(sizeLineLength_, std::size_t{0})});
   if (!size || *size > maxChunk_) {
     state_ = State::Broken;
     return;

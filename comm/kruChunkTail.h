@@ -1,8 +1,8 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <optional>
-#include <string>
 #include <string_view>
 
 namespace tq::comm {
@@ -50,8 +50,13 @@ class ChunkTail {
   void endSizeLine();
   void start(State state);
 
+  // The same number of characters as the reply parser accepts, and the CR.
+  static constexpr std::size_t kMaxSizeLine = 125 + 1;
+
   State state_ = State::Nothing;
-  std::string sizeLine_;
+  // In place: bytes that were taken cannot be offered again when there is no memory to keep them.
+  std::array<char, kMaxSizeLine + 1> sizeLine_{};
+  std::size_t sizeLineLength_ = 0;
   std::size_t dataLeft_ = 0;
   std::size_t maxChunk_ = 0;
   std::size_t mayStillSkip_ = 0;

@@ -3,6 +3,7 @@
 #include <cxxabi.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <limits>
 #include <list>
 
@@ -21,6 +22,13 @@ namespace {
 
 constexpr Raiser fail("kruCorvaneClient");
 constexpr char16_t kNoHost[] = u"<unspecified>";
+
+/// MILLISECONDS rounded up, as `poll` wants them, and not cut to the longest wait that it knows.
+unsigned long millisUntil(tq::oss::Deadline deadline) {
+  constexpr std::uint64_t kNanosPerMilli = 1000000;
+  const std::uint64_t nanos = deadline.left();
+  return nanos / kNanosPerMilli + (nanos % kNanosPerMilli != 0 ? 1 : 0);
+}
 
 }  // namespace
 
@@ -105,8 +113,11 @@ void CorvaneClient::dropConnection() {
   line_->closed();
   try {
     socket_.close();
-  } catch (const tq::oss::BaseException&) {
-    // The descriptor is released even when the system reports an error, so nothing is left to do.
+  } catch (abi::__forced_unwind&) {
+    throw;
+  } catch (...) {
+    // The descriptor is released even when the system reports an error, and when there is no memory
+    // to make an exception of that, so nothing is left to do.
   }
 }
 
@@ -134,9 +145,7 @@ bool CorvaneClient::dataToRead(bool wait) {
   std::list<tq::oss::Socket> writers;
   std::list<tq::oss::Socket> excepts;
   unsigned long allowed = timeOut_;
-  if (!deadline_.isNone()) {
-    allowed = std::min(allowed, static_cast<unsigned long>(deadline_.pollMillis()));
-  }
+  if (!deadline_.isNone()) allowed = std::min(allowed, millisUntil(deadline_));
   if (tq::oss::Socket::select(readers, writers, excepts, &allowed) == 0) {
     fail(StaticDefs::ERR_SERVER_COMM_TIMEOUT, atServer());
   }

@@ -33,6 +33,11 @@ constexpr Raiser fail("kruCorvaneRESTClient");
 // The parser copies what it is offered of a header block, so it is not offered a whole body too.
 constexpr std::size_t kFramingPiece = 256;
 
+// Of a response that no reply has filled.
+constexpr int kUnfilled = -1;
+
+constexpr int kOk = 200;
+
 bool hasId(const RESTException& error, const icu::UnicodeString& id) {
   const tq::oss::MessageList& messages = error.getMessageList();
   return !messages.empty() && messages.front().getMessageId() == id;
@@ -43,6 +48,17 @@ std::uint64_t nextClientNumber() {
   static std::atomic<std::uint64_t> last{0};
   return ++last;
 }
+
+class Exchanging {
+ public:
+  explicit Exchanging(bool& running) noexcept : running_(running) { running_ = true; }
+  ~Exchanging() { running_ = false; }
+  Exchanging(const Exchanging&) = delete;
+  Exchanging& operator=(const Exchanging&) = delete;
+
+ private:
+  bool& running_;
+};
 
 /// The kinds that add to the queue of documents or rely on what was queued.
 bool needsQueue(ClientRequest::REQUEST kind) {
@@ -135,6 +151,7 @@ void CorvaneRESTClient::exchangeWithRetries(ClientRequest& request, ClientRespon
   // Before anything is changed: a stream that is still open goes on as the kind that it has.
   refuseUnsendable(request);
   requestKind_ = request.getRequest();
+  const Exchanging exchanging(exchanging_);
   // What an earlier attempt may have done stays possible, whatever a later one finds.
   bool mayBeApplied = false;
   for (unsigned int attempt = 0;; ++attempt) {
@@ -239,6 +256,8 @@ void CorvaneRESTClient::ExchangeScope::done() { client_.exchange_ = Exchange::Do
 void CorvaneRESTClient::beginExchange(ClientResponse& response) {
   ++exchangeNumber_;
   response.fillFrom(clientNumber_, exchangeNumber_);
+  // What an earlier reply said of its request says nothing of this one.
+  response.setReturnCode(kUnfilled);
   if (replyConnection_ != 0 && !endOfStream_) {
     endOfStream_ = true;
     truncated_ = true;
@@ -288,6 +307,10 @@ void CorvaneRESTClient::refuseOnBrokenLine() const {
        atServer(u"an earlier request was written in part; close the connection first"));
 }
 
+void CorvaneRESTClient::noteWritten() {
+  if (exchanging_ || exchange_ == Exchange::Running) outcome_ = RequestOutcome::MayBeApplied;
+}
+
 void CorvaneRESTClient::sendMesg(RESTMessage& message) {
   const tq::oss::TraceScope trace(trace::CorvaneRESTClientSendMesg);
   const OperationScope operation(*this);
@@ -314,7 +337,7 @@ void CorvaneRESTClient::sendMesg(RESTMessage& message) {
     failIfWaitEnded(fail, e);
     throw;
   }
-  outcome_ = RequestOutcome::MayBeApplied;
+  noteWritten();
   sending.done(ClientResponse::isRespReqd(kind) ? 1 : 0);
   if (kind == ClientRequest::ASYNCH_ADD_DOCUMENT) noteQueueWritten();
 }
@@ -483,7 +506,8 @@ void CorvaneRESTClient::parseFirstBody(RESTResponse& parser, ClientResponse& res
 /// What the connection holds after a body that was no success.
 void CorvaneRESTClient::settleError(RESTResponse& parser) {
   int need = 0;
-  const bool serverError = parser.parseDone(need);
+  // A success of which the rest could not be kept for want of memory was parsed to its end as well.
+  const bool serverError = parser.parseDone(need) && parser.getStatusCode() != kOk;
   if (serverError) outcome_ = RequestOutcome::Rejected;
   if (parser.isChunked() && !serverError) return;
   // All of the reply was read, so that a receive finds its end and does not wait for more.
@@ -498,7 +522,6 @@ void CorvaneRESTClient::settleError(RESTResponse& parser) {
 
 /// The parser is done with the first body: is the reply over, and what does the connection hold?
 void CorvaneRESTClient::settleFirstReply(const RESTResponse& parser) {
-  constexpr int kOk = 200;
   firstReplyRead_ = true;
   outcome_ = parser.getStatusCode() == kOk ? RequestOutcome::Answered : RequestOutcome::Rejected;
   const bool streaming = ClientResponse::isStreaming(requestKind_);

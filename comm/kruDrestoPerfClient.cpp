@@ -121,6 +121,16 @@ class PushingOut {
   tq::oss::Socket* socket_;
 };
 
+void writeChunks(tq::oss::Socket& socket, std::string_view bytes, std::size_t size) {
+  PushingOut pushing(&socket);
+  std::size_t offset = 0;
+  for (; bytes.size() - offset > size; offset += size) {
+    socket.writeBeginning(bytes.data(), offset, size);
+  }
+  socket.write(bytes.data(), offset, bytes.size() - offset);
+  pushing.done();
+}
+
 }  // namespace
 
 DrestoPerfClient::DrestoPerfClient(const icu::UnicodeString& host, unsigned int port)
@@ -256,12 +266,13 @@ void DrestoPerfClient::writeBatch(std::string_view rest) {
     throw;
   }
   sending.done(questions);
-  outcome_ = RequestOutcome::MayBeApplied;
+  noteWritten();
   if (queued) noteQueueWritten();
 }
 
 /// Whole messages that were held back may stand in the batch, so that nothing of it may stay with
-/// the kernel when the rest of the last one cannot be written.
+/// the kernel when the rest of the last one cannot be written. They stay in the batch until then,
+/// too: a connection that breaks may take them along, and it is not known what the server has read.
 void DrestoPerfClient::writeBatchAnd(std::string_view rest) {
   PushingOut pushing(rest.empty() ? nullptr : &socket_);
   const std::vector<char>& bytes = batch_->bytes();
@@ -270,8 +281,8 @@ void DrestoPerfClient::writeBatchAnd(std::string_view rest) {
   } else {
     socket_.writeBeginning(bytes.data(), 0, bytes.size());
   }
-  batch_->written();
   sendBodyChunks(rest.data(), kBodyPiece, rest.size());
+  batch_->written();
   pushing.done();
 }
 
@@ -279,12 +290,16 @@ void DrestoPerfClient::sendBodyChunks(const char* data, unsigned long chunkSize,
                                       unsigned long total) {
   const tq::oss::TraceScope trace(trace::DrestoPerfClientSendBodyChunks);
   if (total == 0) return;
-  const unsigned long size = std::max(chunkSize, 1UL);
-  PushingOut pushing(&socket_);
-  unsigned long offset = 0;
-  for (; total - offset > size; offset += size) socket_.writeBeginning(data, offset, size);
-  socket_.write(data, offset, total - offset);
-  pushing.done();
+  const OperationScope operation(*this);
+  // By hand these bytes belong to no message that the line knows of, so that it stays broken. A
+  // message that is being written has covered them itself.
+  const Line::Sending unaccounted(*line_);
+  try {
+    writeChunks(socket_, {data, total}, std::max(chunkSize, 1UL));
+  } catch (const tq::oss::SocketException& e) {
+    failIfWaitEnded(fail, e);
+    throw;
+  }
 }
 
 // Receiving.

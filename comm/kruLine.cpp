@@ -2,15 +2,22 @@
 
 #include <string_view>
 
+#include "comm/kruForks.h"
 #include "infra/oss/kruSocket.h"
 
 namespace tq::comm {
 
 Line::State Line::state() const noexcept {
+  if (state_ == State::NotConnected || state_ == State::Broken) return state_;
+  if (isInherited()) return State::Uncertain;
   return state_ == State::Clean && tail_.active() ? State::Tail : state_;
 }
 
+bool Line::isInherited() const noexcept { return forkNumber_ != forkNumber(); }
+
 void Line::connected() noexcept {
+  watchForks();
+  forkNumber_ = forkNumber();
   ++number_;
   state_ = State::Clean;
   owner_ = 0;
@@ -24,7 +31,7 @@ void Line::closed() noexcept {
 }
 
 bool Line::isReusable(tq::oss::Socket& socket) {
-  if (state_ != State::Clean) return false;
+  if (state_ != State::Clean || isInherited()) return false;
   // Each pass consumes something, and a tail that goes on for a megabyte counts as broken.
   for (;;) {
     const tq::oss::Socket::Look look = socket.look();

@@ -29,7 +29,8 @@ class Line {
     Owed,
     /// One question was written, and nothing of its reply has been read.
     Asked,
-    /// Some reply may be on its way, and no longer is it known whose.
+    /// Some reply may be on its way, and no longer is it known whose. So is every connection of a
+    /// forked child's copy: its parent asks and reads there as well.
     Uncertain,
     /// Part of a request was written: whatever follows would be read as the rest of it.
     Broken,
@@ -80,7 +81,7 @@ class Line {
   void doubt() noexcept;
   /// Bytes were taken from the connection past all bookkeeping: a reply can be read no further.
   void disturb() noexcept;
-  bool isDisturbed() const noexcept { return disturbed_; }
+  bool isDisturbed() const noexcept { return disturbed_ || isInherited(); }
 
   /// Discards what has arrived of the tail of an older reply. False: nothing had.
   bool skipArrivedTail(tq::oss::Socket& socket);
@@ -88,7 +89,11 @@ class Line {
   bool tailIsBroken() const noexcept { return tail_.broken(); }
 
  private:
+  bool isInherited() const noexcept;
+
   State state_ = State::NotConnected;
+  // That of the process that has connected.
+  unsigned int forkNumber_ = 0;
   std::uint64_t number_ = 0;
   // The exchange whose reply was begun last.
   std::uint64_t owner_ = 0;

@@ -72,6 +72,11 @@ constexpr int kOk = 200;
 constexpr int kUnauthorized = 401;
 constexpr int kServerError = 500;
 
+/// A length below 0 means none.
+std::string_view runOf(const char* bytes, int length) {
+  return {bytes, static_cast<std::size_t>(std::max(length, 0))};
+}
+
 /// The number at the start of `text`, as `atoi` reads it, except that a number beyond the range of
 /// `long` becomes the nearest bound.
 long leadingNumber(std::string_view text) {
@@ -215,7 +220,7 @@ int RESTResponse::parseMesg(const char* buffer, int length, ClientResponse& resp
       case kHeaders:
         return parseHeaders(buffer, length);
       case kChunkLength:
-        return gatherChunkLength({buffer, static_cast<std::size_t>(length)});
+        return gatherChunkLength(runOf(buffer, length));
       case kBody:
         return streaming_ ? parseBody(buffer, length, response, done)
                           : parseFirstBody(buffer, length, response, done);
@@ -229,7 +234,7 @@ int RESTResponse::parseMesg(const char* buffer, int length, ClientResponse& resp
 
 int RESTResponse::parseHeaders(const char* buffer, int length) {
   const tq::oss::TraceScope trace(trace::RESTResponseParseHeaders);
-  const std::string_view offered(buffer, static_cast<std::size_t>(length));
+  const std::string_view offered = runOf(buffer, length);
   // Line ends before a status line belong to no reply; some servers end a body with one.
   std::size_t start = 0;
   if (pending_.empty()) start = std::min(offered.find_first_not_of(kLineEnd), offered.size());

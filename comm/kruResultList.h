@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "comm/kruByteRuns.h"
+#include "comm/kruResultMemory.h"
 
 namespace tq::comm {
 
@@ -193,7 +194,7 @@ class ResultList {
       slabs_.erase(slabs_.begin() + static_cast<std::ptrdiff_t>(first), slabs_.end());
   }
 
-  std::pmr::memory_resource* memory_ = std::pmr::get_default_resource();
+  std::pmr::memory_resource* memory_ = memoryOfResults();
   std::vector<Slab> slabs_;
   // The slab that is being filled; every slab before it is full.
   std::size_t tail_ = 0;

@@ -64,6 +64,14 @@ class EmptyStore : public corvaned::Store {
     named(name);
     opened(std::nullopt);
   }
+  bool isSettled(const std::string& name) override {
+    named(name);
+    return true;
+  }
+  void awaitSettled(const std::string& name, Opened settled) override {
+    named(name);
+    settled(std::nullopt);
+  }
   void stop() override {}
   void createCollection(const std::string& name, const std::string&, const corvaned::Refresh&,
                         const corvaned::TextOptions&) override {
@@ -168,6 +176,15 @@ class EmptyStore : public corvaned::Store {
     hasQuery(query);
     require(wanted.snippetBytes <= 4096, "no snippet is longer than an answer may be");
     return {{{"key", 532}, {{"title", "a"}}, "a <b>b</b>"}, {{"other", 7}}};
+  }
+  std::vector<corvaned::HitDetails> details(const std::vector<std::string>& names,
+                                            const corvaned::SearchQuery& query,
+                                            const corvaned::DetailsWanted& wanted) override {
+    require(names.size() > 1, "only several collections are searched together");
+    require(!query.inPages, "there are no pages of several collections");
+    std::vector<corvaned::HitDetails> details = this->details(names.front(), query, wanted);
+    for (corvaned::HitDetails& each : details) each.collection = names.back();
+    return details;
   }
   corvaned::CollectionState state(const std::string& name) override {
     named(name);

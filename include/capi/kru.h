@@ -17,7 +17,8 @@
 
    Threads. A client and its cursors serve one thread at a time; different clients need no locking.
    A call that meets another one under way on its client, in another thread or because a wait hook
-   makes it, is KRU_MISUSE and does nothing.
+   makes it, is KRU_MISUSE and does nothing. A forked child that uses its copy of a client gets a
+   connection of its own, and its copies of cursors end as if their connection had broken.
 
    Structures that may grow begin with their `size`, which the caller sets to sizeof of what it was
    compiled with. A size below that of version 1.0 is KRU_MISUSE. Fields that the library does not
@@ -41,8 +42,9 @@ enum {
   KRU_RECEIVE = 14,       /* the connection ended before the reply did */
   KRU_TIMEOUT = 15,       /* the time-out or the deadline passed */
   KRU_CANCELLED = 16,     /* the wait hook gave up */
-  KRU_REFUSED = 17,       /* the server refused the request; `id` and `message` are the server's,
-                             `id` is "KRU_REFUSED" when it did not say why */
+  KRU_REFUSED = 17,       /* the server refused the request; `id` and `message` are the server's.
+                             Over HTTP `id` is "KRU_REFUSED" when it did not say why, and
+                             "ERR_SERVER_PROTOCOL" when its reason cannot be read */
   KRU_UNAUTHORIZED = 18,  /* the server does not know the caller */
   KRU_PROTOCOL = 19,      /* what arrived is no reply, or exceeds a limit */
   KRU_INTERNAL = 20,      /* other failures of the library */
@@ -110,7 +112,8 @@ KRU_API int32_t kru_client_create(int32_t protocol, const char* host, uint32_t h
 
 /* Closes the connection and ends the client; null does nothing. Its cursors stay valid handles:
    they say KRU_CURSOR_LOST and have to be closed as always. Called from the client's wait hook it
-   makes the operation give up. */
+   makes the operation give up. Documents that KRU_BATCHING still holds back are dropped: call
+   kru_end_queue first. */
 KRU_API void kru_client_destroy(kru_client* client);
 
 /* Settings, each with the value it has at first. */
@@ -125,7 +128,9 @@ enum {
   KRU_REASSEMBLY = 7, /* binary only: a first portion may be cut anywhere. First 1, unlike in
                          C++; over HTTP the value makes no difference */
   KRU_BATCHING = 8,   /* binary only, else no difference: queued documents are collected into
-                         larger writes. First 0 */
+                         larger writes. One that is held back is KRU_OK and KRU_NOT_SENT; it goes
+                         out with kru_end_queue or a request of another kind at the latest. First
+                         0 */
   KRU_QUEUE_ON_ONE_CONNECTION = 9, /* 1: queued documents fail once the connection of the first of
                                       them is gone; set it again to begin a new queue. First 0 */
   KRU_MAX_REPLY_BYTES = 10         /* what a reply may announce at most. First 2^30 */
@@ -143,9 +148,10 @@ enum { KRU_WAIT_READY = 0, KRU_WAIT_TIMED_OUT = 1, KRU_WAIT_GIVE_UP = 2 };
 
    A HOOK RETURNS. It must not leave by longjmp, by a language's exception or by the end of its
    thread: the library's frames would be skipped, and what they hold would stay held. A client that
-   was left so refuses every further call (KRU_MISUSE) and does not give its memory back. A host
-   whose errors are jumps catches them inside of the hook, keeps what it caught, and answers
-   KRU_WAIT_GIVE_UP; when the call has returned KRU_CANCELLED, it raises its error again:
+   was left so refuses every further call (KRU_MISUSE) and gives back neither its memory nor its
+   connection, not even when it is destroyed. A host whose errors are jumps catches them inside of
+   the hook, keeps what it caught, and answers KRU_WAIT_GIVE_UP; when the call has returned
+   KRU_CANCELLED, it raises its error again:
 
      static int32_t wait_for(void* host, int32_t fd, int32_t events, int32_t time_out) {
        struct my_state* state = host;
@@ -166,7 +172,8 @@ typedef int32_t (*kru_wait_hook)(void* host, int32_t fd, int32_t events, int32_t
 KRU_API int32_t kru_client_set_wait_hook(kru_client* client, kru_wait_hook hook, void* host,
                                          kru_error* error);
 
-/* Closes the connection. The next request makes another one. */
+/* Closes the connection. The next request makes another one. What KRU_BATCHING holds back stays,
+   and goes out over that. */
 KRU_API int32_t kru_client_disconnect(kru_client* client, kru_error* error);
 
 /* Sets `*number` to a number that changes with every connection; 0 before the first one. */
@@ -252,7 +259,8 @@ KRU_API int32_t kru_status(kru_client* client, const char* collection, uint32_t 
    cursor hands out the hits that have arrived and then says KRU_CURSOR_LOST, unless all had
    arrived. Give each cursor of nested ones a client of its own.
 
-   A cursor whose fetch failed says the same again, except for KRU_TIMEOUT: then it can go on. */
+   A cursor whose fetch failed says the same again, except for KRU_TIMEOUT: then it can go on. After
+   kru_client_disconnect a cursor that has to fetch says KRU_CONNECT. */
 typedef struct kru_cursor kru_cursor;
 
 typedef struct kru_search_options {

@@ -26,7 +26,7 @@ class KRU_EXPORT ClientResponse {
   ClientResponse();
   ClientResponse(const icu::UnicodeString& text, int code);
 
-  /// Whether the return code is 0.
+  /// Whether the return code is 0. Each exchange that is begun sets it back to -1 first.
   bool success() const { return returnCode_ == 0; }
   int getReturnCode() const { return returnCode_; }
   void setReturnCode(int code) { returnCode_ = code; }

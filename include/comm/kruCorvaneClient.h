@@ -24,7 +24,9 @@ class Raiser;
 
 /// The one TCP connection between a caller and a search server: its address, its time-out and
 /// whether it is kept from one exchange to the next. Base of the protocol clients.
-/// One object serves one thread at a time; different objects need no locking.
+/// One object serves one thread at a time; different objects need no locking. A forked child that
+/// goes on with its copy gets a connection of its own from its first exchange, and the stream that
+/// its parent has open ends there; writing and reading by hand would disturb the parent.
 ///
 /// Every failure is a RESTException whose first message has the server's host (text) and port
 /// (digits) as its two arguments, unless said otherwise. All times are in MILLISECONDS.
@@ -65,7 +67,8 @@ class KRU_EXPORT CorvaneClient {
   /// ERR_CLIENT_CANCELLED; nothing is retried, the connection is closed, and the request's outcome
   /// is that of a time-out. `host` is handed to the hook as it is and must live as long as the hook
   /// is set. Null, the default: the library waits by itself. See infra/oss/kruWaitHook.h for what a
-  /// hook may do. A look-up of the host name does not go through it.
+  /// hook may do. A look-up of the host name does not go through it. From `dataToRead` and the
+  /// reads by hand tq::oss::SocketCancelledException passes instead, and the connection stays.
   void setWaitHook(tq::oss::WaitHook hook, void* host);
 
   /// Keep the connection from one exchange to the next. Default: what the constructor was told.
@@ -90,10 +93,12 @@ class KRU_EXPORT CorvaneClient {
 
   /// Makes sure that a connection is up: keeps an open persistent one as it is, otherwise closes
   /// and connects. Throws ERR_CONNECT_SERVER; when the system refused the connection, its own
-  /// message follows as the second one.
+  /// message follows as the second one. A deadline that passes is ERR_SERVER_COMM_TIMEOUT, a hook
+  /// that gives up ERR_CLIENT_CANCELLED.
   void open();
 
-  /// Drops the connection, persistent or not. Never throws.
+  /// Drops the connection, persistent or not. Never throws, whatever the system says and without
+  /// memory, too.
   void close();
 
   /// Waits for `length` bytes or the peer's close and returns how many stand at `buffer + offset`;
@@ -108,7 +113,8 @@ class KRU_EXPORT CorvaneClient {
   unsigned long readOnce(char* buffer, unsigned long offset, unsigned long length, bool wait);
 
   /// Waits until there is something to read. True at once when `wait` is false or no time-out is
-  /// set; never false. Throws ERR_SERVER_COMM_TIMEOUT.
+  /// set; never false. Throws ERR_SERVER_COMM_TIMEOUT, and tq::oss::SocketException without a
+  /// connection.
   bool dataToRead(bool wait);
 
   /// All reading by hand comes here. `once` takes what has come; else all is awaited, and left.

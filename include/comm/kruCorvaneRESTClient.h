@@ -65,8 +65,12 @@ struct OperationLimits {
 /// | ERR_CLIENT_INTERNAL | a failed write (HTTP), others | none or a text | no | replaced |
 /// | ERR_INVALID_STATE | misuse: `send`, `recv`, `recvMesg` | host, port or none | no | as it was |
 ///
-/// Two things are not a RESTException: std::bad_alloc over HTTP, and tq::oss::SocketException
-/// from `send`, `sendMesg`, `sendAndRecvMesgOnce` and the read operations of CorvaneClient.
+/// An error of the server that cannot be decoded, and a status over the binary protocol where none
+/// was asked for, keep their connection when the reply was read to its end.
+///
+/// Three things are not a RESTException: over HTTP std::bad_alloc and tq::oss::NLSException
+/// "TQ_ERR_OUT_OF_MEMORY", and tq::oss::SocketException from `send`, `sendMesg`,
+/// `sendAndRecvMesgOnce` and the read operations of CorvaneClient.
 ///
 /// Whatever an exchange leaves unread is never taken for a later reply: the next exchange then
 /// starts on a fresh connection. What is done by hand (`send`, `recvMesg`) can leave the connection
@@ -103,10 +107,12 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   void setRetryPause(unsigned int first, unsigned int most);
 
   /// What became of the last request that was exchanged, whether or not the exchange succeeded.
+  /// What is sent by hand does not change it.
   RequestOutcome getRequestOutcome() const;
 
   /// The whole exchange. The request's key and content are read, not copied, and must live until
-  /// the call returns. On a failure `response` holds what had been decoded before it.
+  /// the call returns. On a failure `response` holds what had been decoded before it. A response
+  /// that is used again has return code -1 until a reply to this request is a success.
   void sendAndRecvMesg(ClientRequest& request, ClientResponse& response);
 
   /// The same with limits that hold for this call only.
@@ -197,6 +203,8 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   void refuseOnBrokenLine() const;
   /// Refuses a request that needs the queue's connection when that is gone.
   void refuseWithoutQueue(ClientRequest::REQUEST kind) const;
+  /// A request was written. By hand it is none of the last exchange.
+  void noteWritten();
   /// A queued document was written to the present connection.
   void noteQueueWritten();
 
@@ -265,6 +273,9 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
 
   std::unique_ptr<RetryPolicy> retryPolicy_;
   std::unique_ptr<Carry> carry_;
+
+  // The retry loop runs, also for a protocol whose attempts have no ExchangeScope.
+  bool exchanging_ = false;
 
   // The connection that the current exchange's reply comes over; 0: none yet.
   std::uint64_t clientNumber_;

@@ -25,7 +25,8 @@ class DrestoPerfResponse;
 /// What is still held back when the client is destroyed is not sent: send LAST_DOC_SENT first.
 ///
 /// A failed write is ERR_SERVER_COMM_SEND and is repeated. Its message does not stay in the buffer;
-/// messages held back before it do, and go out with the next write.
+/// messages held back before it do, and go out with the next write: the server may get one of them
+/// a second time, which replaces a document by itself.
 class KRU_EXPORT DrestoPerfClient : public CorvaneRESTClient {
  public:
   DrestoPerfClient(const icu::UnicodeString& host, unsigned int port);
@@ -44,12 +45,16 @@ class KRU_EXPORT DrestoPerfClient : public CorvaneRESTClient {
   void sendMesg(RESTMessage& message) override;
 
   /// Writes `total` bytes in pieces of at most `chunkSize`, each a write of its own. The kernel
-  /// need not send them before it has the last one.
+  /// need not send them before it has the last one. By hand they are part of no message: the next
+  /// exchange takes a fresh connection, and `send` refuses this one. Throws
+  /// tq::oss::SocketException when the connection broke, ERR_SERVER_COMM_TIMEOUT when a deadline
+  /// passed.
   void sendBodyChunks(const char* data, unsigned long chunkSize, unsigned long total);
 
   /// Reads the reply header. By hand after an exchange that read its own: ERR_CLIENT_INTERNAL.
   void recvMesg(ClientResponse& response) override;
-  /// Reads the next portion of the body. Throws what `recv` throws when it is called by hand.
+  /// Reads the next portion of the body. Called by hand it throws what `recv` throws, except that a
+  /// stream that lost its connection is ERR_SERVER_PROTOCOL, with reassembly ERR_SERVER_COMM_RECV.
   void recvStream(ClientResponse& response) override;
 
   /// The next portion of a streaming reply. Throws ERR_INVALID_STATE before the first exchange, and

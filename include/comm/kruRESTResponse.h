@@ -52,11 +52,11 @@ class KRU_EXPORT RESTResponse {
   /// number of bytes may be passed.
   bool wantsWholeBody() const { return state_ == kBody; }
 
-  /// Advances over `buffer` and returns how many of its last bytes were not consumed. `done` is set
-  /// when the server has signalled the end of the results, never cleared. Throws
-  /// ERR_CLIENT_RESP_PARSING for bytes that cannot be a reply, or when the reply was complete
-  /// already; the text of the message says what was wrong. A failure of the status line, the
-  /// headers, a size line or a parse result names no file and no line.
+  /// Advances over `buffer` and returns how many of its last bytes were not consumed. A length
+  /// below 0 counts as 0. `done` is set when the server has signalled the end of the results, never
+  /// cleared. Throws ERR_CLIENT_RESP_PARSING for bytes that cannot be a reply, or when the reply
+  /// was complete already; the text of the message says what was wrong. A failure of the status
+  /// line, the headers, a size line or a parse result names no file and no line.
   int parseMesg(const char* buffer, int length, ClientResponse& response, bool& done);
 
   /// Takes the status code, the length and the coding from the text of a header block, whose first

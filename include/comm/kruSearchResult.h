@@ -38,7 +38,8 @@ class KRU_EXPORT SearchResult : public GenRespRecord {
   /// Relevance; 0.0 when none was sent.
   double getScore() const { return score_; }
   /// The document as text; "base64:" and the key's Base64 for a hit that came as a raw key. Valid
-  /// until the result is changed or ends.
+  /// until the result is changed or ends. The text of a raw key is made when it is asked for first,
+  /// and throws tq::oss::NLSException "TQ_ERR_OUT_OF_MEMORY" when there is no memory.
   const icu::UnicodeString& getDocId() const;
 
   /// Copies `len` bytes, which may be part of this result's own key, and makes them the key. Copies

@@ -44,7 +44,8 @@ int Deadline::pollMillis() const noexcept {
 Deadline Deadline::share(std::uint64_t parts) const noexcept {
   if (isNone()) return none();
   const std::uint64_t now = monotonicNanos();
-  return now < nanos_ ? Deadline(now + (nanos_ - now) / parts) : *this;
+  const std::uint64_t divisor = std::max<std::uint64_t>(parts, 1);
+  return now < nanos_ ? Deadline(now + (nanos_ - now) / divisor) : *this;
 }
 
 }  // namespace tq::oss

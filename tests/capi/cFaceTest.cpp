@@ -602,6 +602,7 @@ struct Host {
   std::int32_t events = 0;
   kru_client* destroyed = nullptr;
   kru_client* called = nullptr;
+  kru_cursor* read = nullptr;
   std::int32_t codeOfCall = -1;
   std::jmp_buf* jump = nullptr;
 };
@@ -613,6 +614,12 @@ std::int32_t waitFor(void* host, std::int32_t fd, std::int32_t events, std::int3
   if (self.called != nullptr) {
     kru_error error = emptyError();
     self.codeOfCall = kru_update_index(self.called, "c1", 2, nullptr, &error);
+  }
+  if (self.read != nullptr) {
+    kru_error error = emptyError();
+    kru_hit hit{};
+    hit.size = sizeof hit;
+    self.codeOfCall = kru_cursor_next(self.read, &hit, &error);
   }
   if (self.destroyed != nullptr) kru_client_destroy(self.destroyed);
   self.destroyed = nullptr;
@@ -663,6 +670,27 @@ TEST_P(CFace, AHookCannotUseItsOwnClient) {
   EXPECT_EQ(status(), KRU_OK);
   EXPECT_EQ(host.codeOfCall, KRU_MISUSE);
   EXPECT_EQ(network.connection(0).requests.size(), 1U);
+}
+
+TEST_P(CFace, AHookCannotReadACursorOfItsOwnClientThoughThatHasFailedForGood) {
+  Script script;
+  replies.sendHits(replies.expect(script), {"k1"}, false);
+  ScriptedNetwork network({script, answers({replies.ready()})}, ScriptedNetwork::Arrival::OnDemand);
+  create();
+  kru_client_set(client, KRU_RETRIES, 0, nullptr);
+  kru_cursor* cursor = nullptr;
+  ASSERT_EQ(search(&cursor), KRU_OK) << error.message;
+  std::string key;
+  EXPECT_EQ(next(cursor, key), KRU_OK);
+  const std::int32_t failure = next(cursor, key);
+  EXPECT_GT(failure, KRU_MISUSE);
+  Host host;
+  host.read = cursor;
+  kru_client_set_wait_hook(client, waitFor, &host, nullptr);
+  EXPECT_EQ(status(), KRU_OK);
+  EXPECT_EQ(host.codeOfCall, KRU_MISUSE);
+  EXPECT_EQ(next(cursor, key), failure) << "it stays so";
+  kru_cursor_close(cursor);
 }
 
 TEST_P(CFace, AHookThatDestroysItsClientEndsTheCall) {
@@ -740,6 +768,35 @@ TEST_P(CFaceOverHttp, ARefusalWithoutAWordIsARefusal) {
   kru_cursor* cursor = nullptr;
   EXPECT_EQ(search(&cursor), KRU_REFUSED);
   EXPECT_EQ(cursor, nullptr);
+}
+
+TEST_P(CFaceOverHttp, ARefusalWithAProxysTextIsARefusal) {
+  const auto says = [](const std::string& status) {
+    return "HTTP/1.1 " + status + "\r\nContent-Length: 4\r\n\r\nbusy";
+  };
+  ScriptedNetwork network(
+      answers({says("503 Busy"), says("400 Bad"), says("404 None"), replies.ready()}));
+  create();
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(update(), KRU_REFUSED);
+    EXPECT_EQ(error.outcome, KRU_REJECTED);
+    EXPECT_EQ(error.retry, KRU_RETRY_USELESS);
+    EXPECT_EQ(error.connection, KRU_CONNECTION_KEPT);
+    EXPECT_STREQ(error.id, "ERR_SERVER_PROTOCOL") << "the library's id for it";
+  }
+  EXPECT_EQ(status(), KRU_OK);
+  EXPECT_EQ(network.connections(), 1U);
+}
+
+TEST_P(CFaceOverHttp, AFailedWriteCostsTheConnection) {
+  ScriptedNetwork network(answers({replies.ready()}));
+  create();
+  network.failNextWrite(EPIPE);
+  EXPECT_EQ(update(), KRU_INTERNAL);
+  EXPECT_EQ(error.outcome, KRU_NOT_SENT);
+  EXPECT_EQ(error.connection, KRU_CONNECTION_REPLACED);
+  EXPECT_EQ(status(), KRU_OK);
+  EXPECT_EQ(network.connections(), 2U);
 }
 
 INSTANTIATE_TEST_SUITE_P(With, CFaceOverHttp, testing::Values(false));

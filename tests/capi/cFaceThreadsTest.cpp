@@ -2,10 +2,12 @@
 // from another thread.
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <pthread.h>
 
 #include <atomic>
 #include <cstdint>
+#include <semaphore>
 #include <string>
 #include <thread>
 
@@ -70,6 +72,58 @@ TEST_P(CFaceThreads, ACallOfAnotherThreadIsRefused) {
   server.release();
   other.join();
   EXPECT_EQ(first, KRU_OK);
+  kru_client_destroy(client);
+}
+
+/// Lets a test know that a call of the face waits.
+struct SignallingHost {
+  std::binary_semaphore waits{0};
+  std::atomic<bool> signalled{false};
+
+  static std::int32_t wait(void* host, std::int32_t fd, std::int32_t, std::int32_t timeOut) {
+    auto& self = *static_cast<SignallingHost*>(host);
+    if (!self.signalled.exchange(true)) self.waits.release();
+    pollfd entry{fd, POLLIN, 0};
+    return ::poll(&entry, 1, timeOut) > 0 ? KRU_WAIT_READY : KRU_WAIT_TIMED_OUT;
+  }
+};
+
+TEST_P(CFaceThreads, ACursorIsUsedByOneThreadAtATime) {
+  Script unfinished;
+  replies.sendHits(replies.expect(unfinished), {"a1"}, false).stall();
+  ScriptedServer server(unfinished);
+  kru_client* client = create(server.port());
+  kru_cursor* cursor = nullptr;
+  ASSERT_EQ(kru_search(client, "c1", 2, "q", 1, nullptr, nullptr, &cursor, nullptr), KRU_OK);
+  const auto next = [&](kru_error* error) {
+    kru_hit hit{};
+    hit.size = sizeof hit;
+    return kru_cursor_next(cursor, &hit, error);
+  };
+  const auto emptyError = [] {
+    kru_error error{};
+    error.size = sizeof error;
+    return error;
+  };
+  ASSERT_EQ(next(nullptr), KRU_OK);
+  SignallingHost host;
+  kru_client_set_wait_hook(client, SignallingHost::wait, &host, nullptr);
+  kru_error failure = emptyError();
+  std::thread fetching([&] { next(&failure); });
+  host.waits.acquire();
+  EXPECT_EQ(next(nullptr), KRU_MISUSE);
+  server.release();
+  // One of these calls meets the end of the fetch.
+  kru_error seen = emptyError();
+  do {
+    seen = emptyError();
+    next(&seen);
+  } while (seen.code == KRU_MISUSE);
+  fetching.join();
+  EXPECT_GT(failure.code, KRU_MISUSE);
+  EXPECT_EQ(seen.code, failure.code);
+  EXPECT_STREQ(seen.message, failure.message);
+  kru_cursor_close(cursor);
   kru_client_destroy(client);
 }
 

@@ -13,9 +13,6 @@ constexpr unsigned int kFirstTag = 1000;
 constexpr unsigned int kAlienTag = 900;
 constexpr auto kTimeOutId = "ERR_SERVER_COMM_TIMEOUT";
 
-bool hasReply(int kind) { return kind != kAsynchAddDocument && kind != kLastDocSent; }
-bool isSearch(int kind) { return kind == kStreamSearch || kind == kScalarSearch; }
-
 class Run {
  public:
   explicit Run(const Schedule& schedule)

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/kinds.h"
+
 namespace tq::test {
 
 /// What the peer does with one request.
@@ -94,8 +96,29 @@ struct Schedule {
   std::vector<StepPlan> steps;
 };
 
-constexpr std::array<int, 22> kKinds{15, 8, 20, 11, 3,  22, 14, 1,  9,  10, 4,
-                                     2,  5, 12, 13, 16, 17, 18, 19, 21, 23, 24};
+// Half of what schedules ask is one of the first seven.
+constexpr std::array<int, kNamedKinds.size()> kKinds{kGetStatus,
+                                                     kStreamSearch,
+                                                     kScalarSearch,
+                                                     kParseResult,
+                                                     kAddDocument,
+                                                     kGetServerVersion,
+                                                     kSelectivity,
+                                                     kCreateCollection,
+                                                     kAsynchAddDocument,
+                                                     kLastDocSent,
+                                                     kUpdateIndex,
+                                                     kDropCollection,
+                                                     kDeleteDocument,
+                                                     kOpenCollection,
+                                                     kCloseCollection,
+                                                     kBackup,
+                                                     kRestore,
+                                                     kTakeover,
+                                                     kShutdown,
+                                                     kOpenCollectionAlt,
+                                                     kSetConstructorConfiguration,
+                                                     kVersionsValidation};
 // Microseconds; time-outs and deadlines lie between them.
 constexpr std::array<std::uint64_t, 5> kDelays{0, 100, 4000, 30000, 200000};
 constexpr unsigned int kTimeOutMillis = 10;

@@ -61,11 +61,6 @@ class Counted final : public Client, public Inspected {
   }
 };
 
-bool hasReply(int kind) { return kind != kAsynchAddDocument && kind != kLastDocSent; }
-bool isStreaming(int kind) {
-  return kind == kStreamSearch || kind == kScalarSearch || kind == kParseResult;
-}
-
 /// Kinds whose replies are read alike.
 int shapeOfReply(int kind) {
   if (kind == kScalarSearch) return kStreamSearch;

@@ -371,7 +371,20 @@ class Walker {
 };
 
 int Walker::kindOf(const Event& event) const {
-  static constexpr std::array kPlain{1, 2, 3, 4, 5, 12, 13, 16, 17, 18, 19, 21, 23, 24};
+  static constexpr std::array kPlain{kCreateCollection,
+                                     kDropCollection,
+                                     kAddDocument,
+                                     kUpdateIndex,
+                                     kDeleteDocument,
+                                     kOpenCollection,
+                                     kCloseCollection,
+                                     kBackup,
+                                     kRestore,
+                                     kTakeover,
+                                     kShutdown,
+                                     kOpenCollectionAlt,
+                                     kSetConstructorConfiguration,
+                                     kVersionsValidation};
   return event.kind == kAnyPlain ? kPlain[ordinal_ % kPlain.size()] : event.kind;
 }
 

@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "comm/kruDrestoPerfClient.h"
-#include "tests/comm/countedMemory.h"
 #include "tests/support/binaryReplies.h"
+#include "tests/support/countedMemory.h"
 #include "tests/support/replyCorpus.h"
 
 namespace tq::test {

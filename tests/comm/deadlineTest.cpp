@@ -20,6 +20,7 @@
 #include "tests/comm/faultExchange.h"
 #include "tests/comm/faultNetwork.h"
 #include "tests/support/chunks.h"
+#include "tests/support/exchange.h"
 #include "tests/support/replyCorpus.h"
 #include "tests/support/scriptedNetwork.h"
 #include "tests/support/scriptedServer.h"
@@ -83,7 +84,8 @@ class Deadline : public testing::TestWithParam<Protocol> {
 };
 
 TEST_P(Deadline, HoldsAgainstAPeerThatSendsAByteASecond) {
-  for (const int kind : {1, 4, 8, 11, 14, 15, 20, 22}) {
+  for (const int kind : {kCreateCollection, kUpdateIndex, kStreamSearch, kParseResult, kSelectivity,
+                         kGetStatus, kScalarSearch, kGetServerVersion}) {
     SCOPED_TRACE(kind);
     // A reply of two bytes is whole after two of them.
     if (GetParam() != Protocol::Http && (kind == 1 || kind == 4)) continue;
@@ -491,6 +493,56 @@ TEST(TimeOutOverHttp, ThatIsSwitchedOffInAWaitHoldsForThatWaitAlone) {
   client->setWaitHook(&SwitchesTimeOutOff::wait, &host);
   const MarkedRequest marked{kGetStatus, 42};
   EXPECT_EQ(runMarked(*client, marked).results, resultsOf(Protocol::Http, marked));
+}
+
+TEST(TimeOutOverHttp, OfFortyDaysLastsThatLong) {
+  constexpr unsigned int kDay = 24 * 60 * 60 * 1000;
+  auto network = optionsOf(Protocol::Http);
+  network.dripMillis = 30 * kDay;  // more than one poll can wait
+  FaultNetwork faulty(network, answererOf(Protocol::Http));
+  const auto client = clientOf(Protocol::Http);
+  client->setNumRetries(0);
+  client->setTimeOut(40 * kDay);
+  const MarkedRequest marked{kGetStatus, 42};
+  EXPECT_EQ(runMarked(*client, marked).results, resultsOf(Protocol::Http, marked));
+}
+
+// Chunks of a body by hand, to a peer that takes no more bytes.
+
+class BodyChunksByHand : public testing::Test {
+ protected:
+  static FaultNetwork::Options fullPeer() {
+    auto options = optionsOf(Protocol::Binary);
+    options.window = 100;
+    return options;
+  }
+
+  std::string errorOfChunks() {
+    const std::string body(1000, 'b');
+    return errorOf([&] { client.sendBodyChunks(body.data(), 10, body.size()); }).errorId;
+  }
+
+  FaultNetwork network{fullPeer(), answererOf(Protocol::Binary)};
+  tq::comm::DrestoPerfClient client{u"127.0.0.1", 7};
+};
+
+TEST_F(BodyChunksByHand, EndWithTheDeadline) {
+  client.setDeadline(50);
+  client.open();
+  const auto begin = network.nowNanos();
+  EXPECT_EQ(errorOfChunks(), "ERR_SERVER_COMM_TIMEOUT");
+  const auto elapsed = (network.nowNanos() - begin) / kMilli;
+  EXPECT_GE(elapsed + 1, 50U);
+  EXPECT_LE(elapsed, 50 + kTolerance);
+  EXPECT_FALSE(network.waitedForever());
+}
+
+TEST_F(BodyChunksByHand, ThatTheHostGivesUpCloseTheConnection) {
+  client.open();
+  WaitingHost host{0, 1};
+  client.setWaitHook(&WaitingHost::wait, &host);
+  EXPECT_EQ(errorOfChunks(), "ERR_CLIENT_CANCELLED");
+  EXPECT_FALSE(client.isConnected());
 }
 
 // An estimate brings no results that would end a loop over its portions, so that the peer could

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "comm/kruClientResponse.h"
+#include "comm/kruResultMemory.h"
 #include "tests/comm/faultExchange.h"
 #include "tests/support/binaryReplies.h"
 #include "tests/support/chunks.h"
@@ -24,12 +25,12 @@ using namespace tq::test;
 using tq::comm::ClientResponse;
 
 /// The memory of the lists that are made during its life, until it runs out.
-class ScarceMemory : public std::pmr::memory_resource {
+class ScarceLists : public std::pmr::memory_resource {
  public:
   static constexpr int kPlenty = 1000000;
 
-  ScarceMemory() : before_(std::pmr::set_default_resource(this)) {}
-  ~ScarceMemory() override { std::pmr::set_default_resource(before_); }
+  ScarceLists() : before_(tq::comm::replaceMemoryOfResults(this)) {}
+  ~ScarceLists() override { tq::comm::replaceMemoryOfResults(before_); }
   /// There are so many blocks left.
   void leave(int blocks) { left_ = blocks; }
 
@@ -92,7 +93,7 @@ class ScarcePortion : public testing::TestWithParam<Protocol> {
     return ids;
   }
 
-  ScarceMemory memory_;
+  ScarceLists memory_;
 };
 
 TEST_P(ScarcePortion, IsNotHandedOutTwice) {
@@ -106,7 +107,7 @@ TEST_P(ScarcePortion, IsNotHandedOutTwice) {
 
   memory_.leave(0);
   expectNoMemory([&] { client->recv(response); });
-  memory_.leave(ScarceMemory::kPlenty);
+  memory_.leave(ScarceLists::kPlenty);
   EXPECT_TRUE(client->isEndOfStream());
   EXPECT_TRUE(client->isTruncated());
   EXPECT_GE(idsOf(response).size(), 1U);
@@ -121,7 +122,7 @@ TEST_P(ScarcePortion, ThatIsTheFirstIsNotReadAgain) {
   ClientResponse response;
   memory_.leave(1);
   expectNoMemory([&] { client->sendAndRecvMesg(request, response); });
-  memory_.leave(ScarceMemory::kPlenty);
+  memory_.leave(ScarceLists::kPlenty);
   if (binary()) {
     EXPECT_EQ(errorOf([&] { client->recv(response); }).errorId, "ERR_INVALID_STATE");
     idsOf(response);

@@ -110,6 +110,36 @@ TEST_P(Exchange, ContentWithoutAKeyIsNotSent) {
   EXPECT_TRUE(response.success());
 }
 
+TEST_P(Exchange, AFailureIsNoSuccessOfAResponseThatHeldOne) {
+  ScriptedNetwork network(
+      answers({replies.done(), replies.refusal("ZVK0404E", "no collection"), replies.done()}));
+  const auto client = clientOf();
+  client->setNumRetries(0);
+  ClientResponse response;
+  EXPECT_EQ(exchange(*client, kCreateCollection, response), Raised());
+  EXPECT_TRUE(response.success());
+  EXPECT_FALSE(exchange(*client, kCreateCollection, response).empty());
+  EXPECT_FALSE(response.success());
+  EXPECT_EQ(exchange(*client, kCreateCollection, response), Raised());
+  EXPECT_TRUE(response.success());
+  client->close();
+  network.failConnects(ECONNREFUSED);
+  EXPECT_FALSE(exchange(*client, kCreateCollection, response).empty());
+  EXPECT_FALSE(response.success());
+}
+
+TEST_P(Exchange, ARequestThatIsNotBegunLeavesTheResponseAsItWas) {
+  ScriptedNetwork network(answers({replies.done()}));
+  const auto client = clientOf();
+  ClientResponse response;
+  EXPECT_EQ(exchange(*client, kCreateCollection, response), Raised());
+  ClientRequest request;
+  request.buildRequest(u"c1", ClientRequest::ADD_DOCUMENT, {});
+  request.setDocKey("key", 3);
+  EXPECT_FALSE(exchange(*client, request, response).empty());
+  EXPECT_TRUE(response.success());
+}
+
 TEST_P(Exchange, AKeyWithoutMetadataIsRefusedBeforeAnythingIsSent) {
   for (const int kind : {kAddDocument, kDeleteDocument, kAsynchAddDocument}) {
     ClientRequest request;

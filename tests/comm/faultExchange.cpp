@@ -26,10 +26,7 @@ namespace {
 constexpr int kHits = 3;
 constexpr std::uint64_t kNanosPerMilli = 1000000;
 
-bool isSearchKind(int kind) { return kind == kStreamSearch || kind == kScalarSearch; }
-bool isStreamKind(int kind) { return isSearchKind(kind) || kind == kParseResult; }
 bool isDocumentKind(int kind) { return kind == kAddDocument || kind == kAsynchAddDocument; }
-bool hasReply(int kind) { return kind != kAsynchAddDocument && kind != kLastDocSent; }
 
 template <typename Number>
 std::string text(const char* word, Number number) {
@@ -123,7 +120,7 @@ Answer httpAnswer(const std::string& request) {
   const auto marked = readMarked(request);
   if (!hasReply(marked.kind)) return {};
   Answer answer =
-      isStreamKind(marked.kind) && !marked.refused ? httpInChunks(marked) : httpWithLength(marked);
+      isStreaming(marked.kind) && !marked.refused ? httpInChunks(marked) : httpWithLength(marked);
   if (marked.longTexts) {
     std::string& header = answer.segments.front();
     header.insert(header.find("\r\n"), kLongReason);
@@ -142,7 +139,7 @@ Answer binaryAnswer(const std::string& request) {
     return {{word16(6), errorRecord(errorFields(marked))}};
   }
   Answer answer{{word16(1)}};
-  if (isStreamKind(marked.kind)) {
+  if (isStreaming(marked.kind)) {
     for (int hit = 0; hit < kHits; ++hit) {
       const auto key = keyOf(marked, hit);
       answer.segments.push_back(marked.kind == kParseResult ? envelope(1, record16({{"Doc", key}}))
@@ -229,7 +226,7 @@ void runWith(CorvaneRESTClient& client, ClientRequest& request, ClientResponse& 
   timed(ran, [&] { client.sendAndRecvMesg(request, response); });
   ran.pulling = true;
   takeSingle(response, marked, protocol, ran);
-  if (!isStreamKind(marked.kind)) return;
+  if (!isStreaming(marked.kind)) return;
   takePortion(response, marked.kind, false, ran);
   // Far more portions than any reply here has: a stream that never ends fails, and does not hang.
   for (int portion = 0; portion < 100 && !client.isEndOfStream(); ++portion) {
@@ -328,7 +325,7 @@ std::vector<std::string> resultsOf(Protocol protocol, const MarkedRequest& marke
   if (marked.kind == kSelectivity) return {text("estimate ", binary ? marked.mark : 1)};
   if (marked.kind == kGetServerVersion && binary) return {text("version ", marked.mark)};
   std::vector<std::string> results;
-  for (int hit = 0; isStreamKind(marked.kind) && hit < kHits; ++hit) {
+  for (int hit = 0; isStreaming(marked.kind) && hit < kHits; ++hit) {
     const auto key = keyOf(marked, hit);
     results.push_back(marked.kind == kParseResult ? key : idOfKey(key));
   }

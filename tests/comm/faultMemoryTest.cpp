@@ -6,12 +6,15 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <exception>
 #include <memory>
 #include <new>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "comm/kruChunkTail.h"
 #include "comm/kruClientResponse.h"
 #include "comm/kruRESTException.h"
 #include "infra/oss/kruMessage.h"
@@ -20,8 +23,11 @@
 #include "infra/util/kruExtendedProperties.h"
 #include "tests/comm/faultExchange.h"
 #include "tests/comm/faultNetwork.h"
+#include "tests/support/binaryReplies.h"
+#include "tests/support/chunks.h"
 #include "tests/support/countedMemory.h"
 #include "tests/support/exchange.h"
+#include "tests/support/replyCorpus.h"
 
 namespace {
 
@@ -42,9 +48,6 @@ struct Seen {
   std::vector<std::string> hits{};
   long allocations = 0;
 };
-
-bool isSearchKind(int kind) { return kind == kStreamSearch || kind == kScalarSearch; }
-bool isStreamKind(int kind) { return isSearchKind(kind) || kind == kParseResult; }
 
 void takeHits(ClientResponse& response, Seen& seen) {
   auto& list = response.getSearchResponse();
@@ -99,7 +102,7 @@ Seen run(CorvaneRESTClient& client, const MarkedRequest& marked, long failing, b
   bool goesOn = guarded(source, seen, stillFailing(seen, failing, lasting), lasting,
                         [&] { client.sendAndRecvMesg(built->request, response); });
   const bool grows = marked.kind == kScalarSearch;
-  while (goesOn && isStreamKind(marked.kind)) {
+  while (goesOn && isStreaming(marked.kind)) {
     if (!grows) takeHits(response, seen);
     if (client.isEndOfStream()) break;
     goesOn = guarded(source, seen, stillFailing(seen, failing, lasting), lasting,
@@ -130,7 +133,7 @@ void checkEnd(Protocol protocol, const MarkedRequest& marked, bool lasting, cons
 }
 
 void checkHits(Protocol protocol, const MarkedRequest& marked, const Seen& seen, bool truncated) {
-  if (!isStreamKind(marked.kind) || marked.refused) return;
+  if (!isStreaming(marked.kind) || marked.refused) return;
   const auto whole = resultsOf(protocol, marked);
   if (seen.end == Seen::End::Success && !truncated) {
     EXPECT_EQ(seen.hits, whole);
@@ -201,7 +204,8 @@ std::vector<MarkedRequest> requestsOf(bool longTexts) {
   for (int kind = 1; kind <= 24; ++kind) {
     if (kind != 6) all.push_back({kind, kMark});
   }
-  for (const int kind : {4, 8, 11, 14, 20}) all.push_back({kind, kMark, true});
+  for (const int kind : {kUpdateIndex, kStreamSearch, kParseResult, kSelectivity, kScalarSearch})
+    all.push_back({kind, kMark, true});
   all.push_back({kAddDocument, kMark, false, 25000});
   for (MarkedRequest& marked : all) marked.longTexts = longTexts;
   return all;
@@ -242,6 +246,77 @@ TEST_P(FaultMemory, EveryTextOfEveryExchangeMayFail) {
   RecordProperty("failed", tally.failed);
   EXPECT_GT(tally.runs, 50);
   EXPECT_GT(tally.failed, tally.runs / 2) << "a text that could not be made and that nobody missed";
+}
+
+// A hit that its chunk cuts is kept for the next one, in memory of its own when it is long.
+TEST(ScarceCarry, MakesOfASearchThatWasAnsweredNeitherARefusalNorAWholeResult) {
+  const std::string body = std::string(4, '\0') +
+                           enveloped(hitRecord(idOfKey(std::string(40000, 'k')), "1")) +
+                           bigEndian(0);
+  for (const bool inChunks : {true, false}) {
+    SCOPED_TRACE(inChunks);
+    const std::string half = body.substr(0, body.size() / 2);
+    const std::string reply =
+        inChunks ? kChunkedHead + chunk(half) + chunk(body.substr(half.size())) + "0\r\n\r\n"
+                 : "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(half.size()) +
+                       "\r\n\r\n" + half;
+    bool failing = true;
+    int failed = 0;
+    for (long nth = 1; failing; ++nth) {
+      FaultNetwork network({}, [&](const std::string&) { return Answer{{reply}}; });
+      const auto client = clientOf(Protocol::Http);
+      client->setNumRetries(0);
+      BuiltRequest built({kScalarSearch});
+      ClientResponse response;
+      try {
+        const ScarceMemory scarcity(nth, false, Source::Objects);
+        client->sendAndRecvMesg(built.request, response);
+        failing = scarcity.count() >= nth;
+      } catch (const std::exception&) {
+        ++failed;
+        EXPECT_NE(client->getRequestOutcome(), RequestOutcome::Rejected) << nth;
+        EXPECT_TRUE(client->isTruncated() || !client->isEndOfStream()) << nth;
+      }
+    }
+    EXPECT_GT(failed, 0);
+  }
+}
+
+TEST(FailedClose, IsSwallowedWithoutMemoryToo) {
+  for (const auto protocol : {Protocol::Http, Protocol::Binary}) {
+    SCOPED_TRACE(nameOf(protocol));
+    FaultNetwork::Options options;
+    options.framed = protocol != Protocol::Http;
+    FaultNetwork network(options, answererOf(protocol));
+    auto client = clientOf(protocol);
+    for (const bool destroyed : {false, true}) {
+      client->open();
+      network.plan(Entry::Close, 1, {Fault::Kind::Error, EIO});
+      const ScarceMemory none(1, true);
+      if (destroyed) {
+        client.reset();
+      } else {
+        EXPECT_NO_THROW(client->close());
+      }
+    }
+    EXPECT_EQ(network.openDescriptors(), 0U);
+  }
+}
+
+// What has been taken of a line cannot be taken a second time.
+TEST(ChunkTail, ReadsASizeLineWithoutMemory) {
+  tq::comm::ChunkTail tail;
+  tail.startBehindData(100);
+  const std::string line = "\r\n" + std::string(30, '0') + "a;" + std::string(80, 'x') + "\r\n";
+  const std::string all = line + "0123456789\r\n0\r\n\r\n";
+  std::size_t skipped = 0;
+  {
+    const ScarceMemory none(1, true);
+    skipped = tail.skip(all.data(), all.size());
+  }
+  EXPECT_EQ(skipped, all.size());
+  EXPECT_FALSE(tail.active());
+  EXPECT_FALSE(tail.broken());
 }
 
 // Texts that are copied into memory of their own when the set takes them: the name, the value of a

@@ -58,12 +58,8 @@ struct Target {
   bool inPull;          // the exchange itself has returned
 };
 
-bool hasReply(int kind) { return kind != kAsynchAddDocument && kind != kLastDocSent; }
-bool isStreamKind(int kind) {
-  return kind == kStreamSearch || kind == kScalarSearch || kind == kParseResult;
-}
 bool hasBinaryBody(int kind) {
-  return isStreamKind(kind) || kind == kSelectivity || kind == kGetServerVersion;
+  return isStreaming(kind) || kind == kSelectivity || kind == kGetServerVersion;
 }
 
 std::vector<Fault> errors(const std::vector<int>& numbers) {
@@ -245,7 +241,7 @@ std::vector<Target> targetsOf(const Setting& setting, const MarkedRequest& marke
   }
   EXPECT_EQ(failed, marked.refused);
   const std::size_t ofExchange = bench.network.calls().size();
-  if (isStreamKind(marked.kind) && !failed) {
+  if (isStreaming(marked.kind) && !failed) {
     while (!bench.client->isEndOfStream()) bench.client->recv(response);
   }
   bench.client.reset();
@@ -301,7 +297,7 @@ void checkSuccess(const Setting& setting, const MarkedRequest& marked, bool unce
 
 void checkPrefix(const Setting& setting, const MarkedRequest& marked, const Ran& ran) {
   const auto whole = resultsOf(setting.protocol, marked);
-  if (!isStreamKind(marked.kind) || marked.refused) return;
+  if (!isStreaming(marked.kind) || marked.refused) return;
   ASSERT_LE(ran.results.size(), whole.size()) << "a hit too many";
   EXPECT_TRUE(std::equal(ran.results.begin(), ran.results.end(), whole.begin())) << "a wrong hit";
 }

@@ -26,6 +26,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <memory_resource>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -36,6 +37,8 @@
 #include "comm/kruRESTException.h"
 #include "infra/oss/kruSocketException.h"
 #include "tests/comm/faultExchange.h"
+#include "tests/support/binaryReplies.h"
+#include "tests/support/chunks.h"
 #include "tests/support/exchange.h"
 #include "tests/support/replyCorpus.h"
 #include "tests/support/script.h"
@@ -286,6 +289,17 @@ TEST(GuestManners, TheDefaultsOfTheHostPlayNoPart) {
   ucnv_setDefaultName(converter.c_str());
 }
 
+TEST(GuestManners, TheHostsResourceForItsOwnContainersPlaysNoPart) {
+  const Peers peers;
+  struct Restored {
+    std::pmr::memory_resource* before =
+        std::pmr::set_default_resource(std::pmr::null_memory_resource());
+    ~Restored() { std::pmr::set_default_resource(before); }
+  } const restored;
+  behave(peers);
+  EXPECT_EQ(std::pmr::get_default_resource(), std::pmr::null_memory_resource());
+}
+
 TEST(GuestManners, NoThreadIsStarted) {
   const Peers peers;
   ASSERT_EQ(threads().size(), 1U);
@@ -484,6 +498,68 @@ TEST(GuestManners, AForkedChildThatExitsLeavesTheConnectionToItsParent) {
               0);
     EXPECT_EQ(connectionUsed(*client, protocol), 1);
     client.reset();
+  }
+}
+
+TEST(GuestManners, AForkedChildThatUsesItsCopyTakesAConnectionOfItsOwn) {
+  for (const auto protocol : kProtocols) {
+    SCOPED_TRACE(nameOf(protocol));
+    const PeerProcess peer(protocol != Protocol::Http, namingConnections(protocol));
+    auto client = clientOf(protocol, true, peer.port());
+    client->setNumRetries(0);
+    ASSERT_EQ(connectionUsed(*client, protocol), 1);
+    EXPECT_EQ(inChild([&] {
+                const int first = connectionUsed(*client, protocol);
+                // What it has made itself it keeps, and its own child takes another one.
+                const int second = connectionUsed(*client, protocol);
+                const int third = inChild([&] { return connectionUsed(*client, protocol); });
+                return first == 2 && second == 2 && third == 3 ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(connectionUsed(*client, protocol), 1) << "the parent keeps its own";
+  }
+}
+
+/// The hits of a search in more than one portion.
+constexpr unsigned int kHits = 1000;
+
+Conversation inPortions(Protocol protocol) {
+  return [protocol](const std::string&, unsigned int) {
+    std::string reply = protocol == Protocol::Http ? kChunkedHead + chunk(std::string(4, '\0'))
+                                                   : std::string("\0\x01", 2);
+    for (unsigned int i = 0; i < kHits; ++i) {
+      const std::string key = std::to_string(i);
+      reply += protocol == Protocol::Http ? chunk(enveloped(hitRecord(idOfKey(key), "1")))
+                                          : plainHit(key);
+    }
+    return reply +
+           (protocol == Protocol::Http ? chunk(bigEndian(0)) + "0\r\n\r\n" : endOfResults());
+  };
+}
+
+TEST(GuestManners, AForkedChildTakesNothingOfItsParentsReplies) {
+  for (const auto protocol : kProtocols) {
+    SCOPED_TRACE(nameOf(protocol));
+    const PeerProcess peer(protocol != Protocol::Http, inPortions(protocol));
+    auto client = clientOf(protocol, true, peer.port());
+    client->setNumRetries(0);
+    client->setTimeOut(10000);
+    BuiltRequest built({kStreamSearch});
+    tq::comm::ClientResponse response;
+    client->sendAndRecvMesg(built.request, response);
+    unsigned int hits = response.getSearchResponse().count();
+    ASSERT_LT(hits, kHits);
+    EXPECT_EQ(inChild([&] {
+                errorOf([&] { client->recv(response); });
+                return client->isEndOfStream() && client->isTruncated() ? 0 : 1;
+              }),
+              0);
+    while (!client->isEndOfStream()) {
+      client->recv(response);
+      hits += response.getSearchResponse().count();
+    }
+    EXPECT_FALSE(client->isTruncated());
+    EXPECT_EQ(hits, kHits);
   }
 }
 

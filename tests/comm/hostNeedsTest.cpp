@@ -3,12 +3,14 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "comm/kruClientRequest.h"
 #include "comm/kruDrestoPerfClient.h"
+#include "tests/comm/binaryFixture.h"
 #include "tests/support/binaryReplies.h"
 #include "tests/support/exchange.h"
 #include "tests/support/replyCorpus.h"
@@ -25,7 +27,6 @@ using tq::comm::DrestoPerfClient;
 using tq::comm::OperationLimits;
 using tq::comm::RequestOutcome;
 
-constexpr int kUpdateIndex = tq::comm::ClientRequest::UPDATE_INDEX;
 constexpr auto kCancelledId = "ERR_CLIENT_CANCELLED";
 constexpr auto kSendId = "ERR_SERVER_COMM_SEND";
 constexpr auto kTimeOutId = "ERR_SERVER_COMM_TIMEOUT";
@@ -205,6 +206,27 @@ TEST(BatchedQueue, OfWhichNothingWasWrittenMayTakeAnyConnection) {
   EXPECT_EQ(add(kLastDocSent), "") << "what is held back is not lost with a connection";
   EXPECT_EQ(network.connections(), 2U);
   EXPECT_EQ(network.writes(), 1U);
+}
+
+TEST(BatchedQueue, LosesNothingOfWhatIsHeldInFrontOfALargeBody) {
+  ScriptedNetwork network(Script().awaitClose());
+  DrestoPerfClient client(u"127.0.0.1", 7);
+  client.useBufferedConnection(true);
+  client.setQueueOnOneConnection(true);
+  std::string all;
+  const auto queue = [&](std::size_t size) {
+    Document document(kAsynchAddDocument, size);
+    ClientResponse response;
+    client.sendAndRecvMesg(document.request, response);
+    all += Framed(document.request).whole();
+  };
+  queue(10);
+  queue(20);
+  EXPECT_EQ(network.writes(), 0U);
+  network.failNextWrite(ECONNRESET, 2);
+  queue(30000);
+  ASSERT_EQ(network.connections(), 2U);
+  EXPECT_EQ(network.connection(1).received, all) << "or the caller is told";
 }
 
 TEST_P(HostNeeds, LimitsOfOneCallHoldForItAlone) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
@@ -18,6 +19,7 @@
 #include "tests/support/script.h"
 #include "tests/support/scriptedNetwork.h"
 #include "tests/support/scriptedServer.h"
+#include "tests/support/waitingHost.h"
 
 namespace {
 
@@ -472,6 +474,26 @@ TEST(CorvaneClient, GenericReadChoosesBetweenTakingOnceAndWaitingForAll) {
   std::string again(4, '?');
   EXPECT_EQ(client.genericRead(again.data(), 0, 4, true), 4U);
   EXPECT_EQ(again, "abcd");
+}
+
+TEST(CorvaneClient, AReadByHandThatTheHostGivesUpIsTheSocketsOwnExceptionAndClosesNothing) {
+  const std::function<void(CorvaneClient&)> reads[] = {
+      [](CorvaneClient& client) { readOnce(client, 4); },
+      [](CorvaneClient& client) { read(client, 4); },
+      [](CorvaneClient& client) { client.dataToRead(true); },
+  };
+  for (const auto& readByHand : reads) {
+    ScriptedNetwork network(Script().send("abcd").awaitClose(), ScriptedNetwork::Arrival::OnDemand);
+    TestClient client(7, kFresh);
+    client.setTimeOut(200);
+    client.open();
+    WaitingHost host{0, 1};
+    client.setWaitHook(&WaitingHost::wait, &host);
+    EXPECT_THROW(readByHand(client), tq::oss::SocketCancelledException);
+    EXPECT_EQ(host.waits, 1U);
+    EXPECT_TRUE(client.isConnected());
+    EXPECT_EQ(readOnce(client, 4), "abcd") << "what comes later is not lost";
+  }
 }
 
 TEST(CorvaneClient, IsPolymorphicAndCannotBeCopied) {

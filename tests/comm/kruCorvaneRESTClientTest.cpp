@@ -44,7 +44,6 @@ using tq::comm::StaticDefs;
 
 constexpr bool kFresh = false;
 constexpr bool kPersistent = true;
-constexpr int kUpdateIndex = ClientRequest::UPDATE_INDEX;
 constexpr auto kOnDemand = ScriptedNetwork::Arrival::OnDemand;
 constexpr auto kAllThere = ScriptedNetwork::Arrival::AllThere;
 
@@ -105,7 +104,9 @@ std::string headerText(ClientRequest& request) {
 }
 
 TEST(CorvaneRESTClient, ARequestWithoutADocumentIsItsHeaderAlone) {
-  for (const int kind : {1, 2, 4, 8, 11, 14, 15, 20, 22}) {
+  for (const int kind :
+       {kCreateCollection, kDropCollection, kUpdateIndex, kStreamSearch, kParseResult, kSelectivity,
+        kGetStatus, kScalarSearch, kGetServerVersion}) {
     ScriptedNetwork network(answer(plain(ok(kind))));
     auto client = clientFor(kFresh);
     auto request = requestFor(kind);
@@ -395,6 +396,23 @@ TEST(CorvaneRESTClient, AnErrorReadToItsEndKeepsItsConnection) {
   EXPECT_TRUE(client.isConnected());
   EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
   EXPECT_EQ(network.connections(), 1U);
+}
+
+TEST(CorvaneRESTClient, ARefusalWithoutABodyIsNoSuccessOfAResponseThatHeldOne) {
+  ScriptedNetwork network(Script()
+                              .expectRequest()
+                              .send(plain(ok(kCreateCollection)))
+                              .expectRequest()
+                              .send("HTTP/1.1 503 Busy\r\nContent-Length: 0\r\n\r\n")
+                              .awaitClose());
+  auto client = clientFor(kPersistent);
+  auto request = requestFor(kCreateCollection);
+  ClientResponse response;
+  client.sendAndRecvMesg(request, response);
+  EXPECT_TRUE(response.success());
+  client.sendAndRecvMesg(request, response);
+  EXPECT_FALSE(response.success());
+  EXPECT_EQ(client.getRequestOutcome(), RequestOutcome::Rejected);
 }
 
 TEST(CorvaneRESTClient, AReplyThatNobodyAskedForIsNotTakenForTheNextOne) {

@@ -245,6 +245,33 @@ TEST(DrestoPerfClientSend, TheChunksBeforeOneThatFailsAreNotHeldBack) {
   EXPECT_EQ(network.connection(0).received, "012345");
 }
 
+// The server takes them for the start of a request, and the next one for the rest of it.
+TEST(DrestoPerfClientSend, BodyChunksByHandCostTheNextExchangeItsConnection) {
+  ScriptedNetwork network({Script().awaitClose(), answer(kOk)});
+  auto client = binaryClient();
+  client.setNumRetries(0);
+  client.open();
+  client.sendBodyChunks("0123456789", 3, 10);
+  EXPECT_EQ(runExchange(client, kCreateCollection).errorId, "");
+  EXPECT_EQ(network.connections(), 2U);
+  EXPECT_EQ(network.connection(0).received, "0123456789");
+}
+
+TEST(DrestoPerfClientSend, BehindBodyChunksByHandNoRequestIsSentByHand) {
+  ScriptedNetwork network(Script().awaitClose());
+  auto client = binaryClient();
+  client.open();
+  client.sendBodyChunks("0123456789", 10, 10);
+  auto request = requestFor(kCreateCollection);
+  EXPECT_EQ(errorOf([&] { client.send(request); }).errorId, "ERR_INVALID_STATE");
+  EXPECT_EQ(network.connection(0).received, "0123456789");
+  client.sendBodyChunks("0123456789", 10, 0);
+  client.close();
+  client.open();
+  client.sendBodyChunks("0123456789", 10, 0);
+  EXPECT_EQ(errorOf([&] { client.send(request); }).errorId, "") << "nothing was written by hand";
+}
+
 TEST(DrestoPerfClientSend, AWriteThatTakesFewBytesAtATimeIsContinued) {
   ScriptedNetwork network(answer(kOk));
   network.limitWrites(7);
@@ -657,6 +684,34 @@ TEST_F(DrestoPerfClientBatching,
             "ERR_SERVER_COMM_SEND");
   all += framed.whole().substr(0, framed.fixed() + 15000);
   EXPECT_EQ(network.connection(0).received, all);
+}
+
+// What the first connection has taken of it comes a second time, which replaces each document by
+// itself; dropping it would lose documents of which nobody was told.
+TEST_F(DrestoPerfClientBatching, WhatIsHeldGoesOutAgainWhenALargeBodyBehindItCannotBeWritten) {
+  for (const unsigned int retries : {1U, 0U}) {
+    for (const std::size_t written : {0U, 1U, 2U}) {
+      ScriptedNetwork network(Script().awaitClose());
+      auto client = binaryClient();
+      batching(client);
+      client.setNumRetries(retries);
+      std::string all;
+      for (const std::size_t size : {10U, 20U}) all += queue(client, size);
+      Document large(kAsynchAddDocument, 30000);
+      network.failNextWrite(EPIPE, written);
+      ClientResponse response;
+      const Raised raised = raisedBy([&] { client.sendAndRecvMesg(large.request, response); });
+      if (retries == 0) {
+        EXPECT_EQ(raised, (Raised{{"ERR_SERVER_COMM_SEND", kFile, 281, kHostAndPort}}));
+        all += sendLast(client);
+      } else {
+        EXPECT_EQ(raised, Raised());
+        all += Framed(large.request).whole();
+      }
+      ASSERT_EQ(network.connections(), 2U);
+      EXPECT_EQ(network.connection(1).received, all) << written;
+    }
+  }
 }
 
 TEST_F(DrestoPerfClientBatching, WhatIsHeldSurvivesAConnectionThatTheServerHasClosed) {

@@ -296,7 +296,8 @@ TEST(DrestoPerfResponse, AStatusOnlyAnswerIsForTheStatusQueryAlone) {
 }
 
 TEST(DrestoPerfResponse, RefusedAuthenticationHasAnIdOfItsOwn) {
-  for (const int kind : {1, 8, 11, 14, 15, 20, 22}) {
+  for (const int kind : {kCreateCollection, kStreamSearch, kParseResult, kSelectivity, kGetStatus,
+                         kScalarSearch, kGetServerVersion}) {
     auto fed = inBody(kind, 401);
     EXPECT_EQ(fed.raisedByOffer(""), (Raised{{"ERR_SERVER_INVALID_AUTH", kFile, 266}}));
     EXPECT_FALSE(fed.response.success());
@@ -306,7 +307,7 @@ TEST(DrestoPerfResponse, RefusedAuthenticationHasAnIdOfItsOwn) {
 
 TEST(DrestoPerfResponse, AnyOtherCodeIsRefusedWithTheBody) {
   for (const unsigned int code : {0U, 2U, 3U, 4U, 7U, 8U, 9U, 200U, 400U, 500U, 65535U}) {
-    for (const int kind : {1, 8, 15, 22}) {
+    for (const int kind : {kCreateCollection, kStreamSearch, kGetStatus, kGetServerVersion}) {
       auto fed = inBody(kind, code);
       EXPECT_EQ(fed.raisedByOffer("body"), protocol(272)) << code;
       EXPECT_FALSE(fed.response.success());
@@ -316,7 +317,8 @@ TEST(DrestoPerfResponse, AnyOtherCodeIsRefusedWithTheBody) {
 }
 
 TEST(DrestoPerfResponse, TheServersErrorRecordIsTheMessage) {
-  for (const int kind : {1, 8, 11, 14, 20, 22}) {
+  for (const int kind : {kCreateCollection, kStreamSearch, kParseResult, kSelectivity,
+                         kScalarSearch, kGetServerVersion}) {
     auto fed = inBody(kind, 6);
     EXPECT_EQ(fed.raisedByOffer(errorRecord({{"MsgId", "ZVK0404W"}, {"MsgText", "no \xC3\xBC"}})),
               (Raised{{"ZVK0404W", "(null)", 0, {}, "no \xC3\xBC", 4}}));

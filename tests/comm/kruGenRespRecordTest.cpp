@@ -366,6 +366,21 @@ TEST(ConversionCache, FindsEachOfManyTextsAndNoOther) {
   }
 }
 
+// The texts of one letter have hashes of every remainder.
+TEST(ConversionCache, FindsTextsOfEveryHash) {
+  constexpr char16_t kFirst = 0x100;
+  constexpr char16_t kLast = 0x300;
+  for (char16_t unit = kFirst; unit < kLast; ++unit) {
+    GenRespRecord::AddStringToConversionCache(icu::UnicodeString(unit));
+  }
+  for (char16_t unit = kFirst; unit < kLast; ++unit) {
+    const icu::UnicodeString text(unit);
+    const auto* const found = ConversionCache::find(text);
+    ASSERT_NE(nullptr, found) << unsigned{unit};
+    EXPECT_EQ(utf8(text), found->view());
+  }
+}
+
 TEST(GenRespRecord, WritingAPairAddsNothingToTheCache) {
   std::string out(100, '\0');
   unsigned int written = 0;

@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <functional>
@@ -264,6 +266,30 @@ TEST_F(LineOnASocket, OneWhosePeerHasClosedIsNotReused) {
   peer.close();
   EXPECT_EQ(socket.fill(), 0U);
   EXPECT_FALSE(line.isReusable(socket));
+}
+
+/// True when a forked child says so.
+bool holdsInChild(const std::function<bool()>& says) {
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(says() ? 0 : 1);
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  return status == 0;
+}
+
+TEST(Line, OfAForkedChildIsUncertainUntilTheChildHasConnected) {
+  for (const State state : kStates) {
+    Line line = lineIn(state);
+    const bool itself = state == State::NotConnected || state == State::Broken;
+    EXPECT_TRUE(holdsInChild([&] {
+      if (line.state() != (itself ? state : State::Uncertain)) return false;
+      if (state != State::NotConnected && !line.isDisturbed()) return false;
+      line.connected();
+      return line.state() == State::Clean && !line.isDisturbed();
+    })) << letterOf(state);
+    EXPECT_EQ(line.state(), state);
+    EXPECT_FALSE(line.isDisturbed());
+  }
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include "comm/kruRESTResponse.h"
 #include "comm/kruStaticDefs.h"
 #include "infra/oss/kruTrace.h"
+#include "tests/support/chunks.h"
 #include "tests/support/exchange.h"
 #include "tests/support/raised.h"
 #include "tests/support/recordByRecord.h"
@@ -626,6 +627,20 @@ TEST(RESTResponse, ABodyThatIsNotAllThereIsLeftAlone) {
   }
   EXPECT_EQ(feed(parser, body, response, done), 4);
   EXPECT_EQ(hitsOf(response).size(), 1U);
+}
+
+TEST(RESTResponse, ALengthBelowNothingIsNothing) {
+  for (const std::string& before : {std::string(), kChunkedHead, kChunkedHead + "1"}) {
+    auto parser = parserFor(8);
+    ClientResponse response;
+    bool done = false;
+    if (!before.empty()) feed(parser, before, response, done);
+    for (const int length : {-1, std::numeric_limits<int>::min()}) {
+      EXPECT_EQ(parser.parseMesg("HTTP/1.1 200 OK\r\n\r\n", length, response, done), 0);
+      int need = 0;
+      EXPECT_FALSE(parser.parseDone(need));
+    }
+  }
 }
 
 TEST(RESTResponse, ABodyShorterThanTheBytesInFrontOfItsRecordsIsRefused) {

@@ -8,8 +8,6 @@ namespace {
 
 constexpr auto kErrorId = "ZVK0001E";
 
-bool isSearch(int kind) { return kind == kStreamSearch || kind == kScalarSearch; }
-
 std::string nameOf(unsigned int tag, unsigned int result) {
   return tagText(tag) + "/" + std::to_string(result);
 }
@@ -22,7 +20,7 @@ Reply httpBody(const TaggedReply& reply, bool endMark) {
     out.body += enveloped(record({{"MsgId", kErrorId}, {"MsgText", tagText(reply.tag)}}));
     return out;
   }
-  const bool records = isSearch(reply.kind) || reply.kind == kParseResult;
+  const bool records = isStreaming(reply.kind);
   if (records) {
     for (unsigned int i = 0; i < reply.results; ++i) {
       const std::string name = nameOf(reply.tag, i);
@@ -49,7 +47,7 @@ std::string binaryError(unsigned int tag) {
 
 std::vector<std::string> TaggedReply::names(bool binary) const {
   std::vector<std::string> all;
-  if (verdict != Verdict::Ok || (!isSearch(kind) && kind != kParseResult)) return all;
+  if (verdict != Verdict::Ok || !isStreaming(kind)) return all;
   for (unsigned int i = 0; i < results; ++i) {
     const std::string name = nameOf(tag, i);
     all.push_back(binary && isSearch(kind) ? idOfKey(name) : name);

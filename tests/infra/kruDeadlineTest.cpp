@@ -91,6 +91,7 @@ TEST(Deadline, IsSharedInEqualParts) {
   fake.setClock(1000);
   EXPECT_EQ(Deadline::at(1900).share(3), Deadline::at(1300));
   EXPECT_EQ(Deadline::at(1900).share(1), Deadline::at(1900));
+  EXPECT_EQ(Deadline::at(1900).share(0), Deadline::at(1900)) << "no parts is one";
   EXPECT_EQ(Deadline::at(900).share(3), Deadline::at(900)) << "one that has passed stays passed";
 }
 

@@ -248,6 +248,17 @@ TEST(ExtendedProperties, WithoutMemoryForATextStayAsTheyWere) {
   EXPECT_TRUE(properties.sharesAllWith(copy));
 }
 
+// Such a value is changed in its place.
+TEST(ExtendedProperties, WithoutMemoryForATextKeepTheValueThatTheyAloneHold) {
+  ExtendedProperties properties = two();
+  const std::u16string literal(60, u'l');
+  {
+    const ScarceTexts none;
+    EXPECT_THROW(properties.putProperty(u"name", literal.c_str()), NLSException);
+  }
+  EXPECT_EQ(properties.requireProperty(u"name"), u"value");
+}
+
 TEST(ExtendedProperties, MovesWhole) {
   ExtendedProperties properties = two();
   ExtendedProperties moved = std::move(properties);

@@ -151,9 +151,11 @@ TEST_F(SocketSelect, BesideOneThatIsKnownToBeReadyTheOthersAreNotWaitedFor) {
   bufferedPeer.send("ab");
   EXPECT_EQ(readOnce(buffered, 1), "a");
   fake.stall(Call::Poll);
+  const std::uint64_t start = fake.now();
   const unsigned long timeout = 70;
   Sockets readers{quiet, buffered};
   EXPECT_EQ(selectReaders(readers, &timeout), 1);
+  EXPECT_EQ(fake.now(), start) << "no time passes";
   EXPECT_EQ(fake.pollTimeouts().back(), 0);
 }
 

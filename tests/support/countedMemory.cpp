@@ -17,7 +17,8 @@ struct Memory {
   ScarceMemory::Of of = ScarceMemory::Of::All;
   bool lasting = false;
   long failing = 0;
-  long count = 0;
+  long count = 0;  // while counting
+  long taken = 0;
   long live = 0;
 };
 thread_local Memory memory;
@@ -30,7 +31,9 @@ bool mustFail(ScarceMemory::Of source) noexcept {
 }
 
 void* noted(void* block) noexcept {
-  if (block != nullptr) ++memory.live;
+  if (block == nullptr) return block;
+  ++memory.taken;
+  ++memory.live;
   return block;
 }
 
@@ -60,8 +63,9 @@ void* allocateText(const void*, std::size_t size) noexcept {
 
 void* reallocateText(const void*, void* block, std::size_t size) noexcept {
   if (mustFail(ScarceMemory::Of::Texts)) return nullptr;
-  void* moved = std::realloc(block, size);
-  return block == nullptr ? noted(moved) : moved;
+  void* moved = noted(std::realloc(block, size));
+  if (moved != nullptr && block != nullptr) --memory.live;
+  return moved;
 }
 
 void releaseText(const void*, void* block) noexcept { release(block); }
@@ -101,6 +105,7 @@ void operator delete[](void* block, const std::nothrow_t&) noexcept { release(bl
 namespace tq::test {
 
 long liveBlocks() { return memory.live; }
+long allocationsSoFar() { return memory.taken; }
 
 ScarceMemory::ScarceMemory(long failing, bool lasting, Of of) {
   memory.of = of;

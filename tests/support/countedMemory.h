@@ -2,9 +2,13 @@
 
 namespace tq::test {
 
-/// Blocks of this thread that were taken and not given back, ICU's included. For executables that
-/// have countedMemory.cpp among their sources, which replaces the allocation functions.
+/// Blocks of this thread that were taken and not given back, ICU's included. All of this file is
+/// for executables that have countedMemory.cpp among their sources, which replaces the allocation
+/// functions.
 long liveBlocks();
+
+/// Allocations of this thread so far; one that makes a block larger counts, too.
+long allocationsSoFar();
 
 /// While one lives, one allocation of this thread fails, counted from 1, or it and all that follow;
 /// 0: none. What the simulated kernel allocates is not counted.

@@ -7,22 +7,9 @@
 #include <utility>
 #include <vector>
 
-namespace tq::test {
+#include "tests/support/kinds.h"
 
-// Request kinds by number, so that the corpus stands beside the library and not on it.
-enum Kind : int {
-  kCreateCollection = 1,
-  kAddDocument = 3,
-  kDeleteDocument = 5,
-  kStreamSearch = 8,
-  kAsynchAddDocument = 9,
-  kLastDocSent = 10,
-  kParseResult = 11,
-  kSelectivity = 14,
-  kGetStatus = 15,
-  kScalarSearch = 20,
-  kGetServerVersion = 22,
-};
+namespace tq::test {
 
 struct Hit {
   std::string id;

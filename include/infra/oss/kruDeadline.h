@@ -18,7 +18,8 @@ class KRU_EXPORT Deadline {
   /// None.
   constexpr Deadline() noexcept = default;
   static constexpr Deadline none() noexcept { return {}; }
-  /// So many MILLISECONDS from now; 0 is over at once. None when that lies beyond the clock's end.
+  /// That many MILLISECONDS from now; 0 is over at once. None when that lies beyond the clock's
+  /// end.
   static Deadline in(unsigned long milliseconds) noexcept;
   /// The same in NANOSECONDS.
   static Deadline inNanos(std::uint64_t nanoseconds) noexcept;
@@ -34,7 +35,8 @@ class KRU_EXPORT Deadline {
   /// What is left as `poll` wants it: MILLISECONDS rounded up, so that a wait does not end just
   /// before the deadline; at most INT_MAX; -1 for none.
   int pollMillis() const noexcept;
-  /// The end of the first of so many equal parts of the time that is left. None has no parts.
+  /// The end of the first of `parts` equal parts of the time that is left; 0 counts as 1. None has
+  /// no parts.
   Deadline share(std::uint64_t parts) const noexcept;
 
   static constexpr Deadline earlier(Deadline a, Deadline b) noexcept { return b < a ? b : a; }

@@ -1,0 +1,13 @@
+#pragma once
+
+namespace tq::comm {
+
+/// From now on forks are noticed. Called with every connection that is made: there is nothing to
+/// notice before the first one. Without memory for it the next connection tries again.
+void watchForks() noexcept;
+
+/// A number that is another one in a forked child than in its parent, so that a child can tell what
+/// it has from its parent. Costs one load. A child of vfork or of a bare clone is not noticed.
+unsigned int forkNumber() noexcept;
+
+}  // namespace tq::comm
