@@ -32,6 +32,7 @@
 #include "server/front/server.h"
 #include "server/maintenanceCommand.h"
 #include "server/store/files.h"
+#include "server/store/indexForm.h"
 #include "server/store/localStore.h"
 
 namespace {
@@ -126,6 +127,10 @@ void declareLimits(CLI::App& app, Options& options) {
       ->capture_default_str();
   app.add_option("--search-threads", options.server.readThreads, "most searches at a time")
       ->check(CLI::PositiveNumber)
+      ->capture_default_str();
+  app.add_option("--shards-per-collection", options.store.parts,
+                 "databases that share the documents of a collection that is created")
+      ->check(CLI::Range(std::size_t{1}, kMostParts))
       ->capture_default_str();
 }
 

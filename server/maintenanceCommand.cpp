@@ -75,9 +75,10 @@ std::string jsonOf(const CollectionCheck& check) {
 std::string jsonOf(const Repair& repair) {
   std::vector<std::string> lost;
   for (const LostDocument& document : repair.documentsLost) {
-    lost.push_back(fmt::format(
-        "{{\"number\":{}{}}}", document.number,
-        document.key.empty() ? "" : ",\"key\":" + jsonText("base64:" + base64(document.key))));
+    std::string object = fmt::format("{{\"number\":{}", document.number);
+    if (!document.database.empty()) object += ",\"database\":" + jsonText(document.database);
+    if (!document.key.empty()) object += ",\"key\":" + jsonText("base64:" + base64(document.key));
+    lost.push_back(object + "}");
   }
   return fmt::format(
       "{{{},\"original\":{},\"documentsKept\":{},\"documentsLost\":{},\"languageLost\":{},"
@@ -111,7 +112,8 @@ void printLosses(const Repair& repair) {
     std::cout << "\n";
   }
   for (const LostDocument& document : repair.documentsLost) {
-    std::cout << fmt::format("  lost: document {}, key {}\n", document.number,
+    std::cout << fmt::format("  lost: document {}{}, key {}\n", document.number,
+                             document.database.empty() ? "" : " of " + document.database,
                              document.key.empty() ? "unknown" : shown(document.key));
   }
   if (repair.languageLost)

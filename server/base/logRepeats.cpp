@@ -1,5 +1,7 @@
 #include "server/base/logRepeats.h"
 
+#include <spdlog/spdlog.h>
+
 #include <utility>
 
 namespace corvaned {
@@ -23,6 +25,13 @@ std::optional<std::uint64_t> LogRepeats::pass(const std::string& line, Clock::ti
   }
   seen.passed = now;
   return std::exchange(seen.heldBack, 0);
+}
+
+void LogRepeats::log(spdlog::level::level_enum level, const std::string& line) {
+  const auto unsaid = pass(line);
+  if (!unsaid) return;
+  if (*unsaid == 0) return spdlog::log(level, "{}", line);
+  spdlog::log(level, "{} repeated={}", line, *unsaid);
 }
 
 }  // namespace corvaned

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <spdlog/common.h>
+
 #include <chrono>
 #include <cstdint>
 #include <map>
@@ -17,6 +19,9 @@ class LogRepeats {
 
   /// How often the line was held back since it last passed, or nothing if it is held back now.
   std::optional<std::uint64_t> pass(const std::string& line, Clock::time_point now = Clock::now());
+
+  /// Writes the line to the log if it passes, with the number of times that it was held back.
+  void log(spdlog::level::level_enum level, const std::string& line);
 
  private:
   struct Seen {

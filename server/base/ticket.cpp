@@ -36,7 +36,8 @@ void Ticket::finish(const std::optional<ServerError>& failure) {
   {
     const std::lock_guard lock(mutex_);
     done_ = true;
-    if (failure) failure_.emplace(failure->kind(), failure->what());
+    // A copy takes no memory, of which there may be none: that may be the failure.
+    failure_ = failure;
     calls.swap(calls_);
     ended_.notify_all();
   }

@@ -31,8 +31,6 @@ void tamper(Pieces& pieces, std::size_t index, Tamper how) {
   if (how == Tamper::Extra) pieces.insert(place, std::string(*place));
 }
 
-// ---- HTTP
-
 /// A reply with a Content-Length has one part, a chunked reply has one part per chunk. A part is a
 /// sequence of records.
 struct HttpReply {
@@ -138,8 +136,6 @@ std::string falseHttp(std::string_view bytes, const Faults& faults) {
   return out + "0\r\n\r\n";
 }
 
-// ---- Binary
-
 // The header, followed by the envelopes, or by the error record with its length.
 Pieces splitBinary(std::string_view bytes) {
   constexpr std::uint16_t kError = 6;
@@ -172,7 +168,7 @@ std::string falseBinary(std::string_view bytes, const Faults& faults) {
     const std::uint64_t length = loadU16(std::string_view(first).substr(place));
     std::string field;
     appendU16(field, static_cast<std::uint16_t>(shifted(length, faults.lengthError, 65535)));
-    first.replace(place, 2, field);
+    std::copy(field.begin(), field.end(), first.begin() + static_cast<std::ptrdiff_t>(place));
   }
   return joined(pieces);
 }

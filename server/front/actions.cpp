@@ -102,8 +102,15 @@ TextType typeOf(const Request& request) {
   return type.value_or(TextType::Plain);
 }
 
+// Empty if the request names none.
+std::string languageOf(const Request& request) {
+  std::string language(request.header(words().language));
+  if (language.empty() || isLanguage(language)) return language;
+  refuseValue(request, words().language, "and there is no such language");
+}
+
 DocumentReading readingOf(const Request& request) {
-  return {{typeOf(request), std::string(request.header(words().language))}, charsetOf(request)};
+  return {{typeOf(request), languageOf(request)}, charsetOf(request)};
 }
 
 Document requireDocument(Request& request) {
@@ -192,10 +199,9 @@ TextOptions textOptionsOf(const Request& request) {
 
 Reply createCollection(const Service& service, Request& request) {
   const std::string collection = collectionOf(request);
-  std::string_view language = request.header(words().language);
+  std::string language = languageOf(request);
   if (language.empty()) language = words().defaultLanguage;
-  service.store.createCollection(collection, std::string(language), refreshOf(request),
-                                 textOptionsOf(request));
+  service.store.createCollection(collection, language, refreshOf(request), textOptionsOf(request));
   return DoneReply{};
 }
 
@@ -236,13 +242,13 @@ std::string clientOf(const Request& request) {
 // The client expects no reply, so a refusal is reported among the outcomes of queued documents.
 Reply queueDocument(const Service& service, Request& request) {
   const std::string collection = collectionOf(request);
-  std::string key;
-  // A name that is too long is refused below, where the key is known.
+  const std::string key = keyInBlock(request.content);
+  // A name that is too long is refused below, where that can be told.
   const std::string_view named = request.header(words().client);
   const std::string client(named.size() > kMaxClientName ? std::string_view() : named);
   try {
+    if (request.unopened) throw *request.unopened;
     DocumentBlock block = requireBlock(request);
-    key = block.document.key;
     clientOf(request);
     requireParameters(*findAction(request.header(words().action)), request);
     const DocumentReading reading = readingOf(request);
@@ -253,6 +259,8 @@ Reply queueDocument(const Service& service, Request& request) {
     if (error.kind() == ErrorKind::UnknownCollection) throw;
     service.store.reportOutcome(
         collection, ParseOutcome{key, std::string(messageId(error.kind())), error.what()}, client);
+    // The operator has to be told, too.
+    if (request.unopened) throw;
   }
   return NoReply{};
 }
@@ -426,7 +434,8 @@ constexpr std::array<Parameter, 13> kSearch{{{&Words::query},
                                              {&Words::searchAfter}}};
 constexpr std::array<Parameter, 3> kSelectivity{
     {{&Words::query}, {&Words::mode, kSelectivityMode}, {&Words::exactHits}}};
-constexpr std::array<Parameter, 15> kReport{{{&Words::report},
+constexpr std::array<Parameter, 16> kReport{{{&Words::report},
+                                             {&Words::alsoIn},
                                              {&Words::keys},
                                              {&Words::client},
                                              {&Words::batch},

@@ -13,9 +13,9 @@
 namespace corvaned {
 
 /// Which group of workers serves a request. With separate groups a search never waits for a sync to
-/// disk, neither a search nor a new document waits for an index update, and a status waits for none
-/// of them.
-enum class Workload { Read, Write, Index, Status };
+/// disk, neither a search nor a new document waits for an index update, a status waits for none of
+/// them, and nobody for a survey of all collections, which opens one after the other.
+enum class Workload { Read, Write, Index, Status, Survey };
 
 /// What a request can ask for.
 struct Action {

@@ -102,7 +102,8 @@ class BinaryHits : public EnvelopesReply {
 template <typename Record>
 class BinaryMessages : public EnvelopesReply {
  public:
-  explicit BinaryMessages(std::vector<Record> records) : records_(std::move(records)) {}
+  explicit BinaryMessages(std::vector<Record> records, std::shared_ptr<const void> memory = {})
+      : memory_(std::move(memory)), records_(std::move(records)) {}
 
  protected:
   bool appendNext(std::string& portion) override {
@@ -112,6 +113,8 @@ class BinaryMessages : public EnvelopesReply {
   }
 
  private:
+  // Given back when the records are gone.
+  std::shared_ptr<const void> memory_;
   std::vector<Record> records_;
   std::size_t position_ = 0;
 };
@@ -133,7 +136,8 @@ struct BinaryForm {
     return std::make_unique<BinaryMessages<ParseOutcome>>(std::move(reply.outcomes));
   }
   std::unique_ptr<ReplyEncoder> operator()(ReportReply&& reply) const {
-    return std::make_unique<BinaryMessages<ReportReply::Line>>(std::move(reply.lines));
+    return std::make_unique<BinaryMessages<ReportReply::Line>>(std::move(reply.lines),
+                                                               std::move(reply.memory));
   }
   // The protocol puts the number of documents before the upper bound.
   std::unique_ptr<ReplyEncoder> operator()(const EstimateReply& reply) const {

@@ -111,6 +111,8 @@ asio::thread_pool& ConnectionContext::workers(Workload workload) {
       return indexers_;
     case Workload::Status:
       return informers_;
+    case Workload::Survey:
+      return surveyor_;
     case Workload::Read:
       break;
   }
@@ -182,6 +184,7 @@ void ConnectionContext::joinWorkers() {
   writers_.join();
   indexers_.join();
   informers_.join();
+  surveyor_.join();
   gatekeeper_.join();
 }
 
@@ -383,7 +386,7 @@ Workload Connection::nextWorkload() const {
   const auto value = [&](const std::string& name) {
     return queued_ ? queued_->header(name) : decoder_.waitingValue(name);
   };
-  return Dispatcher::workload(value(words().action), !value(words().report).empty());
+  return Dispatcher::workload(value(words().action), value(words().report));
 }
 
 void Connection::serve(Workload workload) {
@@ -391,7 +394,9 @@ void Connection::serve(Workload workload) {
   stopTimer();
   const ServerOptions& options = context_.options();
   RequestContext::Limits limits;
-  if (workload == Workload::Read) limits = {options.searchTimeout, options.searchCost};
+  if (workload == Workload::Read || workload == Workload::Survey) {
+    limits = {options.searchTimeout, options.searchCost};
+  }
   request_ = std::make_shared<RequestContext>(limits);
   request_->allowLaterReply();
   if (inputEnded_) clientGoneAt(RequestContext::Clock::now() + options.hangupGrace);
@@ -456,11 +461,11 @@ std::optional<Connection::State> Connection::answerRow(Workload workload) {
   }
 }
 
-// An opening can take long, and a worker that waited for it would be missing for the others. The
+// That can take long, and a worker that waited for it would be missing for the others. The
 // worker that goes on may do so before this function returns.
 void Connection::awaitCollection(Workload workload) {
   context_.requestWaits();
-  context_.dispatcher().open(*queued_, [self = shared_from_this(), workload] {
+  context_.dispatcher().makeReady(*queued_, [self = shared_from_this(), workload] {
     asio::post(self->context_.workers(workload), [self, workload] { self->work(workload); });
     self->context_.requestGoesOn();
   });
@@ -534,7 +539,7 @@ void Connection::checkIdentity() {
                try {
                  self->context_.options().access->check(unchecked);
                } catch (const std::exception& error) {
-                 spdlog::error("a password cannot be checked: {}", error.what());
+                 self->context_.dispatcher().logFailure("authorization", error.what());
                  checked = false;
                }
                asio::post(self->socket_.get_executor(), [self, checked] {
@@ -588,7 +593,7 @@ bool Connection::fillOutput() {
     outputMemory_.force(output_.capacity());
     return true;
   } catch (const std::exception& error) {
-    spdlog::error("a reply was broken off: {}", error.what());
+    context_.dispatcher().logFailure("reply", error.what());
     encoder_.reset();
     return false;
   }

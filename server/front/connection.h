@@ -69,6 +69,7 @@ class ConnectionContext {
   asio::thread_pool writers_;
   asio::thread_pool indexers_;
   asio::thread_pool informers_;
+  asio::thread_pool surveyor_{1};
   asio::thread_pool gatekeeper_{1};
   std::atomic<bool> stopping_ = false;
 

@@ -3,10 +3,13 @@
 #include <fmt/format.h>
 #include <spdlog/spdlog.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <new>
 #include <optional>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "server/base/errors.h"
 #include "server/base/requestContext.h"
@@ -15,6 +18,9 @@
 
 namespace corvaned {
 namespace {
+
+// Of what is logged.
+constexpr std::size_t kMostOfReason = 600;
 
 const Action* actionOf(const Request& request) {
   return findAction(request.header(words().action));
@@ -49,6 +55,19 @@ bool isFailure(std::string_view id) {
                         (collection ? "the collection " + shown(*collection) : "the whole server"));
 }
 
+// All that have to be open for it. If there are more than the action takes, it refuses them.
+std::vector<std::string> collectionsFor(const Request& request, const Action& action) {
+  std::vector<std::string> names;
+  const std::string_view collection = collectionNamedBy(request);
+  if (collection.empty()) return names;
+  names.emplace_back(collection);
+  if (!makesReports(action) || request.header(words().alsoIn).empty()) return names;
+  for (std::string& beside : collectionsBeside(request)) {
+    if (names.size() < kMostTogether) names.push_back(std::move(beside));
+  }
+  return names;
+}
+
 // Requests without a reply come in rows, and of a row only the whole can be timed by its arrival.
 RequestContext::Clock::time_point arrivalOf(const Action* action) {
   const RequestContext* context = RequestContext::current();
@@ -58,10 +77,11 @@ RequestContext::Clock::time_point arrivalOf(const Action* action) {
 
 }  // namespace
 
-Workload Dispatcher::workload(std::string_view name, bool report) {
+Workload Dispatcher::workload(std::string_view name, std::string_view report) {
   const Action* action = findAction(name);
   if (!action) return Workload::Status;
-  return report && makesReports(*action) ? Workload::Read : action->workload;
+  if (report.empty() || !makesReports(*action)) return action->workload;
+  return report == words().collectionsReport ? Workload::Survey : Workload::Read;
 }
 
 // What concerns no collection says nothing that is worth keeping secret, or it takes the right to
@@ -78,24 +98,47 @@ void Dispatcher::permit(const Request& request, const Identity& identity) {
   if (collection.empty() && needs == Right::Read && !report) return;
   const auto scope = collection.empty() ? std::nullopt : std::optional(collection);
   if (!identity.may(needs, scope)) forbid(identity, *action, scope);
+  for (const std::string& beside : collectionsBeside(request)) {
+    if (!identity.may(needs, beside)) forbid(identity, *action, beside);
+  }
 }
 
 bool Dispatcher::isReady(const Request& request) const {
   const Action* action = actionOf(request);
-  if (!action || !action->opens || request.refusal || request.opened) return true;
-  const std::string collection(collectionNamedBy(request));
-  return collection.empty() || !request.defect.empty() || store_.isOpen(collection);
+  if (!action || request.refusal || !request.defect.empty()) return true;
+  if (!action->opens) {
+    const std::string collection(collectionNamedBy(request));
+    return collection.empty() || store_.isSettled(collection);
+  }
+  const std::vector<std::string> names = collectionsFor(request, *action);
+  return request.unopened || firstClosed(names, request.opened) == names.size();
+}
+
+void Dispatcher::makeReady(Request& request, std::function<void()> ready) {
+  if (actionOf(request)->opens) return open(request, std::move(ready));
+  store_.awaitSettled(std::string(collectionNamedBy(request)),
+                      [ready = std::move(ready)](const std::optional<ServerError>&) { ready(); });
+}
+
+// From this one on.
+std::size_t Dispatcher::firstClosed(const std::vector<std::string>& names, std::size_t from) const {
+  std::size_t place = from;
+  while (place < names.size() && store_.isOpen(names[place])) ++place;
+  return place;
 }
 
 // A collection that does not exist is left to the action to find: of several errors that a request
 // has, it decides which one counts.
 void Dispatcher::open(Request& request, std::function<void()> opened) {
-  request.opened = true;
-  store_.open(std::string(collectionNamedBy(request)),
+  const std::vector<std::string> names = collectionsFor(request, *actionOf(request));
+  const std::size_t last = names.size() - 1;
+  const std::size_t next = std::min(firstClosed(names, request.opened), last);
+  request.opened = next + 1;
+  store_.open(names[next],
               [&request, opened = std::move(opened)](const std::optional<ServerError>& failure) {
                 if (failure && failure->kind() != ErrorKind::UnknownCollection &&
                     failure->kind() != ErrorKind::BadCollectionName) {
-                  request.unopened.emplace(failure->kind(), failure->what());
+                  request.unopened = failure;
                 }
                 opened();
               });
@@ -128,6 +171,11 @@ Reply Dispatcher::finish(Exchange exchange) {
 
 Reply Dispatcher::handle(Request request) { return finish(begin(std::move(request))); }
 
+void Dispatcher::logFailure(std::string_view during, std::string_view reason) {
+  repeats_.log(spdlog::level::err, fmt::format("failure: action={} reason={}", shown(during),
+                                               shown(reason, kMostOfReason)));
+}
+
 Reply Dispatcher::serve(Request& request, std::string& errorId) {
   try {
     // Strangers learn nothing, not even which actions there are.
@@ -138,8 +186,8 @@ Reply Dispatcher::serve(Request& request, std::string& errorId) {
     if (action.answer == Action::Answer::Always) {
       if (request.refusal) throw *request.refusal;
       requireParameters(action, request);
+      if (request.unopened && action.workload != Workload::Status) throw *request.unopened;
     }
-    if (request.unopened && action.workload != Workload::Status) throw *request.unopened;
     return action.serve({store_, version_, shutDown_}, request);
   } catch (const ServerError& error) {
     return refuse(request, errorReply(error.kind(), error.what()), errorId);
@@ -176,12 +224,9 @@ void Dispatcher::log(const Request& request, const ErrorReply& error, bool silen
   const std::string line =
       fmt::format("{}: action={} collection={} error={} reason={}", failure ? "failure" : "refused",
                   shown(request.header(words().action)), shown(collectionNamedBy(request)),
-                  error.id, shown(error.text, 600));
+                  error.id, shown(error.text, kMostOfReason));
   // The same failure may meet thousands of requests a second.
-  const auto unsaid = repeats_.pass(line);
-  if (!unsaid) return;
-  if (*unsaid == 0) return spdlog::log(level, "{}", line);
-  spdlog::log(level, "{} repeated={}", line, *unsaid);
+  repeats_.log(level, line);
 }
 
 }  // namespace corvaned

@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "server/base/logRepeats.h"
 #include "server/base/requestContext.h"
@@ -25,16 +26,17 @@ class Dispatcher {
   /// What was counted so far. The connections count here, too.
   Metrics& metrics() { return metrics_; }
 
-  /// `report`: whether the request asks for one.
-  static Workload workload(std::string_view action, bool report = false);
+  /// `report`: which one the request asks for, if any.
+  static Workload workload(std::string_view action, std::string_view report = {});
 
   /// Throws ServerError(Forbidden) if this identity may not ask for this.
   static void permit(const Request& request, const Identity& identity);
 
-  /// Whether the request can be handled now. If not, its collection has to be opened first.
+  /// Whether the request can be handled now. If not, it would wait for one of its collections.
   bool isReady(const Request& request) const;
-  /// Calls `opened` once `request` can be handled, from any thread.
-  void open(Request& request, std::function<void()> opened);
+  /// Calls `ready` when it is time to ask isReady() again, from any thread. One more of the
+  /// collections that the request needs has then been opened, or cannot be.
+  void makeReady(Request& request, std::function<void()> ready);
 
   /// A request that has been carried out, except for what others do for it.
   struct Exchange {
@@ -54,7 +56,12 @@ class Dispatcher {
   /// Both. For a thread that need not serve others meanwhile.
   Reply handle(Request request);
 
+  /// Tells the operator of a failure that no reply can tell.
+  void logFailure(std::string_view during, std::string_view reason);
+
  private:
+  std::size_t firstClosed(const std::vector<std::string>& names, std::size_t from) const;
+  void open(Request& request, std::function<void()> opened);
   Reply serve(Request& request, std::string& errorId);
   Reply refuse(const Request& request, const ErrorReply& error, std::string& errorId);
   void log(const Request& request, const ErrorReply& error, bool silent);

@@ -149,6 +149,20 @@ DocumentBlock parseDocumentBlock(std::string bytes) {
   return block;
 }
 
+std::string keyInBlock(std::string_view block) {
+  ByteReader reader(block);
+  const auto take = [&] {
+    const auto length = reader.u32();
+    return length ? reader.take(*length & kLengthMask) : std::nullopt;
+  };
+  reader.take(kLengthWords);
+  std::string_view key;
+  for (auto name = take(), value = take(); name && value; name = take(), value = take()) {
+    if (*name == words().rowId) key = value->substr(0, kMaxKeyBytes);
+  }
+  return std::string(key);
+}
+
 std::string documentPrefix(const Document& document) {
   std::string prefix(kLengthWords, '\0');
   const auto appendLength = [&](std::string_view text) {

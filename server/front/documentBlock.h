@@ -27,6 +27,10 @@ struct DocumentBlock {
 /// is moved, not copied: it stays in the memory of `bytes`.
 DocumentBlock parseDocumentBlock(std::string bytes);
 
+/// The key of the document, as far as it can be found in a block with whatever is wrong: cut to
+/// what a key can have, and empty if there is none.
+std::string keyInBlock(std::string_view block);
+
 /// The document's block, as clients send it, up to the content with which it ends.
 std::string documentPrefix(const Document& document);
 

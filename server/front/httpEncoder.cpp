@@ -116,8 +116,8 @@ class HttpHits : public RecordsReply {
 template <typename Record>
 class HttpMessages : public RecordsReply {
  public:
-  explicit HttpMessages(std::vector<Record> records)
-      : RecordsReply(false), records_(std::move(records)) {}
+  explicit HttpMessages(std::vector<Record> records, std::shared_ptr<const void> memory = {})
+      : RecordsReply(false), memory_(std::move(memory)), records_(std::move(records)) {}
 
  protected:
   bool appendNext(std::string& portion) override {
@@ -127,6 +127,8 @@ class HttpMessages : public RecordsReply {
   }
 
  private:
+  // Given back when the records are gone.
+  std::shared_ptr<const void> memory_;
   std::vector<Record> records_;
   std::size_t position_ = 0;
 };
@@ -151,7 +153,8 @@ struct HttpForm {
     return std::make_unique<HttpMessages<ParseOutcome>>(std::move(reply.outcomes));
   }
   std::unique_ptr<ReplyEncoder> operator()(ReportReply&& reply) const {
-    return std::make_unique<HttpMessages<ReportReply::Line>>(std::move(reply.lines));
+    return std::make_unique<HttpMessages<ReportReply::Line>>(std::move(reply.lines),
+                                                             std::move(reply.memory));
   }
   std::unique_ptr<ReplyEncoder> operator()(const EstimateReply& reply) const {
     std::string fields;

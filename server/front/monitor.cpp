@@ -6,11 +6,11 @@
 #include <spdlog/spdlog.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <exception>
 #include <stdexcept>
@@ -20,8 +20,8 @@
 namespace corvaned {
 namespace {
 
-// A tool that sends nothing, or takes nothing, must not keep the others waiting for long.
-constexpr timeval kPatience{2, 0};
+using Clock = std::chrono::steady_clock;
+
 constexpr std::size_t kMaxRequest = 8192;
 constexpr int kBacklog = 64;
 
@@ -39,20 +39,28 @@ std::string httpReply(const char* status, const std::string& body) {
       status, body.size(), body);
 }
 
-std::string receiveRequest(int client) {
+// False if the client is not ready for that by then.
+bool await(int client, short event, Clock::time_point end) {
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+  pollfd waiting{client, event, 0};
+  return left.count() > 0 && ::poll(&waiting, 1, static_cast<int>(left.count())) > 0;
+}
+
+std::string receiveRequest(int client, Clock::time_point end) {
   std::string request;
   std::array<char, 1024> buffer{};
   while (request.size() < kMaxRequest && request.find("\r\n\r\n") == std::string::npos) {
-    const ssize_t count = ::recv(client, buffer.data(), buffer.size(), 0);
+    if (!await(client, POLLIN, end)) break;
+    const ssize_t count = ::recv(client, buffer.data(), buffer.size(), MSG_DONTWAIT);
     if (count <= 0) break;
     request.append(buffer.data(), static_cast<std::size_t>(count));
   }
   return request;
 }
 
-void sendAll(int client, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t count = ::send(client, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+void sendAll(int client, std::string_view bytes, Clock::time_point end) {
+  while (!bytes.empty() && await(client, POLLOUT, end)) {
+    const ssize_t count = ::send(client, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (count <= 0) return;
     bytes.remove_prefix(static_cast<std::size_t>(count));
   }
@@ -60,8 +68,9 @@ void sendAll(int client, std::string_view bytes) {
 
 }  // namespace
 
-Monitor::Monitor(std::uint16_t port, Sources sources)
+Monitor::Monitor(std::uint16_t port, Sources sources, std::chrono::milliseconds patience)
     : sources_(std::move(sources)),
+      patience_(patience),
       listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)),
       stop_(::eventfd(0, EFD_CLOEXEC)) {
   const int yes = 1;
@@ -112,11 +121,12 @@ void Monitor::run() {
   }
 }
 
+// One that is slow, or silent, must not keep the others waiting for long, at whatever pace it moves
+// its bytes.
 void Monitor::serve(int client) const {
-  ::setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, &kPatience, sizeof kPatience);
-  ::setsockopt(client, SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof kPatience);
+  const Clock::time_point end = Clock::now() + patience_;
   try {
-    sendAll(client, reply(receiveRequest(client)));
+    sendAll(client, reply(receiveRequest(client, end)), end);
   } catch (const std::exception& error) {
     spdlog::warn("monitoring: {}", error.what());
   }

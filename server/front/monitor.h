@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -19,8 +20,10 @@ class Monitor {
   };
 
   /// Port 0: any free one. Throws std::runtime_error if it cannot listen there. The sources are
-  /// called from the monitor's thread until it is destroyed.
-  Monitor(std::uint16_t port, Sources sources);
+  /// called from the monitor's thread until it is destroyed. Each client is given up after
+  /// `patience`: they are served one after the other.
+  Monitor(std::uint16_t port, Sources sources,
+          std::chrono::milliseconds patience = std::chrono::milliseconds(2000));
   ~Monitor();
   Monitor(const Monitor&) = delete;
   Monitor& operator=(const Monitor&) = delete;
@@ -33,6 +36,7 @@ class Monitor {
   std::string reply(const std::string& request) const;
 
   const Sources sources_;
+  const std::chrono::milliseconds patience_;
   int listener_ = -1;
   int stop_ = -1;
   std::uint16_t port_ = 0;

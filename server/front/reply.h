@@ -38,6 +38,8 @@ struct ReportReply {
     std::string messageText;
   };
   std::vector<Line> lines;
+  /// What keeps their memory set aside.
+  std::shared_ptr<const void> memory{};
 };
 struct EstimateReply {
   Estimate estimate;

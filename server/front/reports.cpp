@@ -44,10 +44,10 @@ constexpr std::uint64_t kUsualHits = 10;
 constexpr std::uint64_t kMaxSnippet = 4096;
 
 // What only reports take.
-constexpr std::array<Word, 12> kOfReports{
-    &Words::query,  &Words::after,   &Words::upTo,        &Words::keys,
-    &Words::size,   &Words::every,   &Words::sortField,   &Words::start,
-    &Words::values, &Words::snippet, &Words::resultLimit, &Words::searchAfter};
+constexpr std::array<Word, 13> kOfReports{
+    &Words::query,  &Words::after,   &Words::upTo,       &Words::keys,        &Words::size,
+    &Words::every,  &Words::start,   &Words::sortField,  &Words::searchAfter, &Words::values,
+    &Words::alsoIn, &Words::snippet, &Words::resultLimit};
 
 // What getParseResult takes where it makes no report.
 constexpr std::array<Word, 2> kOfOutcomes{&Words::batch, &Words::client};
@@ -256,21 +256,35 @@ ReportReply::Line placeLine(const std::string& collection, const ResultPlace& pl
   return {collection, kPlaceLine, fmt::format("rank={} place={}", place.rank, textOf(place))};
 }
 
-Reply hits(const Service& service, const Request& request) {
-  const std::string collection = collectionOf(request);
+std::vector<HitDetails> found(const Service& service, const Request& request) {
+  const std::vector<std::string> collections = collectionsOf(request);
   const SearchQuery query = hitsOf(request);
+  const DetailsWanted wanted = detailsOf(request);
+  if (collections.size() == 1) return service.store.details(collections.front(), query, wanted);
+  if (query.inPages) refuseBeside(request, words().searchAfter, words().alsoIn);
+  return service.store.details(collections, query, wanted);
+}
+
+// A collection's name may have blanks, so it stands last.
+std::string hitText(const HitDetails& details) {
+  const std::string score = "score=" + scoreText(details.hit.milliScore);
+  return details.collection.empty() ? score : score + " collection=" + details.collection;
+}
+
+Reply hits(const Service& service, const Request& request) {
   ReportReply reply;
   std::optional<ResultPlace> next;
-  for (const HitDetails& each : service.store.details(collection, query, detailsOf(request))) {
+  for (const HitDetails& each : found(service, request)) {
     const std::string id = documentId(each.hit.key);
-    reply.lines.push_back({id, kHitLine, "score=" + scoreText(each.hit.milliScore)});
+    reply.lines.push_back({id, kHitLine, hitText(each)});
     for (const auto& [name, value] : each.values) {
       reply.lines.push_back({id, kValueLine, fmt::format("{}={}", name, value)});
     }
     if (!each.snippet.empty()) reply.lines.push_back({id, kSnippetLine, each.snippet});
+    reply.memory = each.memory;
     next = each.nextPage;
   }
-  if (next) reply.lines.push_back(placeLine(collection, *next));
+  if (next) reply.lines.push_back(placeLine(collectionOf(request), *next));
   return reply;
 }
 
@@ -290,7 +304,7 @@ Reply place(const Service& service, const Request& request) {
 struct Report {
   Word name;
   bool ofCollection;
-  std::array<Word, 11> takes;
+  std::array<Word, 12> takes;
   Reply (*make)(const Service& service, const Request& request);
 };
 
@@ -306,7 +320,8 @@ constexpr std::array<Report, 7> kReports{{
     {&Words::hitsReport,
      true,
      {&Words::query, &Words::after, &Words::upTo, &Words::keys, &Words::sortField, &Words::start,
-      &Words::size, &Words::resultLimit, &Words::searchAfter, &Words::values, &Words::snippet},
+      &Words::size, &Words::resultLimit, &Words::searchAfter, &Words::values, &Words::snippet,
+      &Words::alsoIn},
      hits},
     {&Words::placeReport,
      true,

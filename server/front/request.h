@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <optional>
 #include <string>
@@ -25,8 +26,8 @@ struct Request {
   bool identified = false;
   /// Whether the connection comes from the server's own machine.
   bool fromThisMachine = false;
-  /// Its collection has been opened for it, or that has failed for this reason.
-  bool opened = false;
+  /// How many of its collections have been opened for it; or that has failed for this reason.
+  std::size_t opened = 0;
   std::optional<ServerError> unopened;
 
   /// The value of a header; empty if it was not sent.

@@ -63,6 +63,37 @@ std::string collectionOf(const Request& request) {
   return name.empty() ? require(request, words().collection) : std::string(name);
 }
 
+// Names may have blanks.
+std::vector<std::string> collectionsBeside(const Request& request) {
+  std::vector<std::string> names;
+  for (std::string_view rest = request.header(words().alsoIn); !rest.empty();) {
+    const std::string_view name = rest.substr(0, rest.find(','));
+    if (!name.empty()) names.emplace_back(name);
+    rest.remove_prefix(std::min(name.size() + 1, rest.size()));
+  }
+  return names;
+}
+
+std::vector<std::string> collectionsOf(const Request& request) {
+  const std::string first = collectionOf(request);
+  std::vector<std::string> names = collectionsBeside(request);
+  const std::string& parameter = words().alsoIn;
+  if (names.empty() && !request.header(parameter).empty()) {
+    refuseValue(request, parameter, "which names no collection");
+  }
+  names.insert(names.begin(), first);
+  if (names.size() > kMostTogether) {
+    refuseValue(
+        request, parameter,
+        "but at most " + std::to_string(kMostTogether) + " collections are searched together");
+  }
+  for (auto name = names.begin(); name != names.end(); ++name) {
+    if (std::find(names.begin(), name, *name) == name) continue;
+    refuseValue(request, parameter, "and the request names " + shown(*name) + " twice");
+  }
+  return names;
+}
+
 void readNumber(const Request& request, const std::string& name, std::uint64_t& value) {
   const std::string_view text = request.header(name);
   if (text.empty()) return;

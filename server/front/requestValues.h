@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -30,6 +31,16 @@ std::string_view collectionNamedBy(const Request& request);
 
 /// The collection, which the request must name.
 std::string collectionOf(const Request& request);
+
+/// How many collections a request may name to be searched together.
+constexpr std::size_t kMostTogether = 32;
+
+/// The collections that are to be searched together with the one that the request names, as they
+/// stand there: perhaps too many, or one of them twice.
+std::vector<std::string> collectionsBeside(const Request& request);
+
+/// All collections that are to be searched together, of which the request must name one.
+std::vector<std::string> collectionsOf(const Request& request);
 
 /// Leaves `value` unchanged if the parameter is missing.
 void readNumber(const Request& request, const std::string& name, std::uint64_t& value);

@@ -68,7 +68,7 @@ class Acceptor : public std::enable_shared_from_this<Acceptor> {
   void accepted(std::error_code error, Connection::Socket socket) {
     if (!acceptor_.is_open()) return;
     if (error) {
-      spdlog::warn("cannot take a connection: {}", error.message());
+      context_.dispatcher().logFailure("accept", error.message());
       pause_.expires_after(kAcceptPause);
       pause_.async_wait([self = shared_from_this()](std::error_code) {
         if (self->acceptor_.is_open()) self->accept();
@@ -84,7 +84,7 @@ class Acceptor : public std::enable_shared_from_this<Acceptor> {
       else
         spdlog::debug("a connection was refused, there are too many");
     } catch (const std::exception& failure) {
-      spdlog::warn("cannot take a connection: {}", failure.what());
+      context_.dispatcher().logFailure("accept", failure.what());
     }
     accept();
   }

@@ -43,6 +43,7 @@ void addNames(Words& words) {
   words.values = "values";
   words.snippet = "snippet";
   words.searchAfter = "searchAfter";
+  words.alsoIn = "alsoIn";
   words.language = utf8(Defs::PARAM_LANGUAGE);
   words.refresh = "refresh";
   words.batch = "batch";

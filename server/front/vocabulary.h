@@ -12,7 +12,7 @@ struct Words {
   std::string action, actionType, authorization, collection, collectionName, contentLength,
       connectionPersists, protocolVersion, replyFormat, locale, scope;
   std::string query, mode, start, size, resultLimit, scoreWanted, scoreType, sortField, match,
-      after, upTo, exactHits, report, every, values, snippet, searchAfter;
+      after, upTo, exactHits, report, every, values, snippet, searchAfter, alsoIn;
   std::string language, documentType, knownDocumentType, charset, knownCharset, mimeType, useQueue,
       incremental;
   std::string implementationVersion, supportedServerVersions, versionsSeparator, buildSeparator;

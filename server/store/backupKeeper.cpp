@@ -18,6 +18,7 @@
 #include "server/store/collection.h"
 #include "server/store/collectionCopy.h"
 #include "server/store/dataDirectory.h"
+#include "server/store/directory.h"
 #include "server/store/files.h"
 #include "server/store/indexRebuild.h"
 #include "server/store/maintenance.h"
@@ -75,19 +76,6 @@ std::optional<Damage> damageOf(const std::string& name, const std::filesystem::p
   throw ServerError(ErrorKind::UnknownCollection, "there is no collection " + shown(name));
 }
 
-std::uint64_t bytesIn(const std::filesystem::path& directory) {
-  std::uint64_t bytes = 0;
-  std::error_code error;
-  std::filesystem::recursive_directory_iterator entry(directory, error);
-  for (; !error && entry != std::filesystem::recursive_directory_iterator();
-       entry.increment(error)) {
-    std::error_code gone;
-    const std::uint64_t size = entry->is_regular_file(gone) ? entry->file_size(gone) : 0;
-    if (!gone) bytes += size;
-  }
-  return bytes;
-}
-
 bool isWithin(const std::filesystem::path& path, const std::filesystem::path& other) {
   const std::filesystem::path relative = std::filesystem::weakly_canonical(path).lexically_relative(
       std::filesystem::weakly_canonical(other));
@@ -113,11 +101,7 @@ class Temporary {
   explicit Temporary(std::filesystem::path path) : path_(std::move(path)) {}
   Temporary(const Temporary&) = delete;
   Temporary& operator=(const Temporary&) = delete;
-  ~Temporary() {
-    std::error_code error;
-    std::filesystem::remove_all(path_, error);
-    if (error) spdlog::warn("cannot remove {}: {}", path_.string(), error.message());
-  }
+  ~Temporary() { tryToRemoveTree(path_); }
 
   const std::filesystem::path& path() const { return path_; }
 
@@ -125,11 +109,11 @@ class Temporary {
   const std::filesystem::path path_;
 };
 
-// The index's revision is asked for first: what changes after that has a higher one.
+// The index's revisions are asked for first: what changes after that has a higher one.
 void copyAhead(CollectionCopy& copy, const Collection& collection) {
   for (int passes = 0; passes < kMaxPasses;) {
-    const std::uint64_t revision = collection.indexRevision();
-    const auto copied = copy.copyAhead(revision, collection.journalExtent());
+    const IndexRevisions revisions = collection.indexRevisions();
+    const auto copied = copy.copyAhead(revisions, collection.journalExtent());
     passes = copied ? passes + 1 : 0;
     if (passes > 1 && *copied <= kLittle) return;
   }
@@ -238,7 +222,7 @@ void BackupKeeper::copyAll(Backups::Draft& draft, const StopCheck& stop) {
       if (error.kind() != ErrorKind::UnknownCollection) {
         throw ServerError(error.kind(), "the collection " + shown(name) + ": " + error.what());
       }
-      std::filesystem::remove_all(draft.pathOf(name));
+      removeTree(draft.pathOf(name));
     }
   }
 }
@@ -248,14 +232,16 @@ void BackupKeeper::copy(Backups::Draft& draft, const std::string& collection,
   const std::filesystem::path source = pathOf(collection);
   const std::filesystem::path target = draft.pathOf(collection);
   const Registry::Use used = house_.registry.use(collection);
-  const Resources taken = resources(bytesIn(source));
+  const Resources taken = resources(bytesInTree(source));
   try {
     CollectionCopy copy(source, target, stop);
     copyAhead(copy, *used);
     const Clock::time_point start = Clock::now();
+    const std::uint64_t before = copy.copied();
     used->holdStill([&] { copy.copyIndex(); },
                     [&](const JournalExtent& journal) { copy.copyRest(journal); });
-    spdlog::debug("collection {}: held still for {:.6f} s", shown(collection), secondsSince(start));
+    spdlog::debug("collection {}: held still for {:.6f} s to copy {} bytes", shown(collection),
+                  secondsSince(start), copy.copied() - before);
   } catch (const std::exception&) {
     // Its files are going, one after the other.
     if (used->isRetired()) throwUnknown(collection);

@@ -15,6 +15,7 @@
 #include "server/base/errors.h"
 #include "server/store/checksum.h"
 #include "server/store/dataDirectory.h"
+#include "server/store/directory.h"
 #include "server/store/files.h"
 
 namespace corvaned {
@@ -95,16 +96,17 @@ bool BackupManifest::existsIn(const std::filesystem::path& directory) {
 BackupManifest BackupManifest::make(const std::filesystem::path& backup, const StopCheck& stop) {
   BackupManifest manifest(backup);
   manifest.made_ = now();
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(backup)) {
-    if (entry.is_directory()) continue;
-    const std::string name = entry.path().lexically_relative(backup).string();
+  TreeReader reader(backup);
+  while (const auto entry = reader.next()) {
+    if (entry->isDirectory) continue;
+    const std::string name = entry->path.lexically_relative(backup).string();
     if (name.find('\n') != std::string::npos) {
       throw ServerError(ErrorKind::StorageFailed,
                         "the file " + shown(name) +
                             " cannot be in a backup because of the line break in its name; if it "
                             "is none of the server's, remove it");
     }
-    manifest.files_[name] = manifest.scanned(entry.path(), stop);
+    manifest.files_[name] = manifest.scanned(entry->path, stop);
   }
   return manifest;
 }

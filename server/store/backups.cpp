@@ -13,6 +13,7 @@
 #include "server/base/errors.h"
 #include "server/store/backupManifest.h"
 #include "server/store/dataDirectory.h"
+#include "server/store/directory.h"
 
 namespace corvaned {
 namespace {
@@ -80,8 +81,9 @@ std::filesystem::path Backups::find(const std::string& name) const {
 
 std::vector<std::string> Backups::names(const std::string& after, std::uint64_t most) const {
   std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(directory_)) {
-    auto name = nameIfBackup(entry.path());
+  DirectoryReader reader(directory_);
+  while (const auto entry = reader.next()) {
+    auto name = nameIfBackup(entry->path);
     if (name && *name > after) names.push_back(std::move(*name));
   }
   std::sort(names.begin(), names.end());
@@ -92,15 +94,15 @@ std::vector<std::string> Backups::names(const std::string& after, std::uint64_t 
 // Those that nobody has locked.
 void Backups::removeLeftovers() const {
   std::vector<std::filesystem::path> leftovers;
-  for (const auto& entry : std::filesystem::directory_iterator(directory_)) {
-    if (entry.path().filename().string().starts_with(kPassing)) leftovers.push_back(entry.path());
+  DirectoryReader reader(directory_);
+  while (auto entry = reader.next()) {
+    const bool isLeftover = entry->path.filename().string().starts_with(kPassing);
+    if (isLeftover) leftovers.push_back(std::move(entry->path));
   }
   for (const std::filesystem::path& path : leftovers) {
     const FileHandle directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (directory.get() < 0 || !lock(directory)) continue;
-    std::error_code error;
-    std::filesystem::remove_all(path, error);
-    if (error) spdlog::warn("cannot remove {}: {}", path.string(), error.message());
+    tryToRemoveTree(path);
   }
 }
 
@@ -112,8 +114,7 @@ Backups::Draft::Draft(std::filesystem::path path, std::filesystem::path finally)
     if (!lock(lock_)) throwSystemError("cannot lock", path_);
     makeDirectory(collectionsIn(path_));
   } catch (...) {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
+    tryToRemoveTree(path_);
     throw;
   }
 }
@@ -125,9 +126,7 @@ Backups::Draft::Draft(Draft&& other) noexcept
 
 Backups::Draft::~Draft() {
   if (path_.empty()) return;
-  std::error_code error;
-  std::filesystem::remove_all(path_, error);
-  if (error) spdlog::warn("cannot remove {}: {}", path_.string(), error.message());
+  tryToRemoveTree(path_);
 }
 
 std::filesystem::path Backups::Draft::pathOf(const std::string& collection) const {

@@ -11,6 +11,7 @@
 
 #include "server/base/errors.h"
 #include "server/store/collectionOptions.h"
+#include "server/store/directory.h"
 
 namespace corvaned {
 namespace {
@@ -29,20 +30,6 @@ const std::filesystem::path& complete(const std::filesystem::path& directory) {
     throwDamaged({batches, 0, "the file is missing"});
   }
   return directory;
-}
-
-// Files come and go meanwhile, and so may all of them.
-std::uint64_t bytesIn(const std::filesystem::path& directory) {
-  std::uint64_t bytes = 0;
-  std::error_code ended;
-  std::filesystem::recursive_directory_iterator place(directory, ended);
-  const std::filesystem::recursive_directory_iterator end;
-  for (; !ended && place != end; place.increment(ended)) {
-    std::error_code gone;
-    const std::uint64_t size = place->is_regular_file(gone) ? place->file_size(gone) : 0;
-    if (!gone) bytes += size;
-  }
-  return bytes;
 }
 
 MemoryBudget::Share emptyShare(const StoreLimits& limits) {
@@ -64,12 +51,21 @@ DescriptorBudget::Share descriptorsFor(const StoreLimits& limits) {
   return share;
 }
 
+void requireNotStopping(const std::atomic<bool>& stopping) {
+  if (stopping) throw ServerError(ErrorKind::TryAgain, "the server is stopping");
+}
+
 }  // namespace
 
 void Collection::create(const std::filesystem::path& directory, const IndexForm& form,
                         const Refresh& refresh) {
-  if (refresh != Refresh{}) writeOptions(directory, refresh);
-  XapianIndex::create(directory, form);
+  IndexForm noted = form;
+  if (refresh != Refresh{}) {
+    writeOptions(directory, refresh);
+    // Without that nobody would miss the file.
+    noted.refresh = textOf(refresh);
+  }
+  XapianIndex::create(directory, noted);
   const Journal journal(directory, [](std::uint64_t, Change&&) {});
 }
 
@@ -88,10 +84,13 @@ Collection::Collection(std::string name, const std::filesystem::path& directory,
       pendingKeys_(emptyShare(limits)),
       journal_(directory,
                [&](std::uint64_t segment, Change&& change) {
-                 if (stopping_) throw ServerError(ErrorKind::TryAgain, "the server is stopping");
+                 requireNotStopping(stopping_);
                  noteReplayed(segment, change);
                }),
-      index_(directory, limits.index) {
+      index_(directory, limits.index, [&] { requireNotStopping(stopping_); }) {
+  if (refresh_ == Refresh{} && !index_.refresh().empty()) {
+    throwDamaged({optionsPath(directory), 0, "the file is missing"});
+  }
   batches_.endReplay();
   memory_.force(kOpenBytes + index_.bytesOfSums());
   const bool isManual = refresh_.mode == Refresh::Mode::Manual;
@@ -175,7 +174,7 @@ Collection::Applied Collection::apply(Batch batch) {
 BatchOutcome Collection::decide(Batch& batch, const std::shared_ptr<BatchEntry>& entry,
                                 Journal::Place& place) {
   requireActive();
-  requireAllKnown();
+  noteLackedBatch();
   if (const auto known = batches_.find(entry->name)) {
     // What is impossible is not among the changes, and no batch with any was applied.
     if (known->digest != entry->digest || batch.refused.count > 0) {
@@ -249,12 +248,29 @@ JournalPosition Collection::indexed() const {
   return indexed_;
 }
 
+// The files of a collection that is deleted go while it is being searched.
+template <typename Work>
+auto Collection::whileActive(const Work& work) const {
+  requireActive();
+  try {
+    return work();
+  } catch (const ServerError& error) {
+    if (error.kind() == ErrorKind::StorageFailed) requireActive();
+    throw;
+  }
+}
+
 // Changes go on while the index is asked: the keys of a large batch take long. What they make of a
 // key stays pending although the index gets it meanwhile, and counts more than what the index said.
 Collection::LookUp Collection::lookUp(const std::vector<std::string>& keys) {
-  LookUp result{holdPendingKeys(), {}, {}};
-  const std::vector<bool> indexed = index_.contain(keys, [this] { requireGoingOn(); });
+  LookUp result = beginLookUp();
+  const std::vector<bool> indexed =
+      whileActive([&] { return index_.contain(keys, [this] { requireGoingOn(); }); });
   result.gate = closeGateToLookUp();
+  if (pendingKeys_.misses() != result.misses) {
+    result.gate.unlock();
+    return lookUp(keys);
+  }
   for (std::size_t i = 0; i < keys.size(); ++i) {
     if (pendingKeys_.find(keys[i]).value_or(indexed[i])) continue;
     result.unknown.add({keys[i], std::string(messageId(ErrorKind::UnknownDocument)),
@@ -263,14 +279,14 @@ Collection::LookUp Collection::lookUp(const std::vector<std::string>& keys) {
   return result;
 }
 
-PendingKeys::Hold Collection::holdPendingKeys() {
+Collection::LookUp Collection::beginLookUp() {
   const auto gate = closeGateToLookUp();
-  return pendingKeys_.hold();
+  return {pendingKeys_.hold(), pendingKeys_.misses(), {}, {}};
 }
 
 BatchOutcome Collection::batchOutcome(const std::string& name) {
   requireActive();
-  requireAllKnown();
+  noteLackedBatch();
   if (const auto known = batches_.find(name)) {
     journal_.sync(known->ticket);
     return known->outcome;
@@ -286,7 +302,7 @@ void Collection::saveBatches() {
   std::optional<BatchMemory::Contents> contents;
   {
     const std::unique_lock gate(gate_);
-    requireAllKnown();
+    noteLackedBatch();
     contents = batches_.unsaved();
     if (pendingKeys_.isIdle()) pendingKeys_.drop();
   }
@@ -338,7 +354,9 @@ std::shared_ptr<Ticket> Collection::awaitRound(const std::string& key) {
 }
 
 std::optional<std::chrono::milliseconds> Collection::takeRefreshTime() {
-  if (refresh_.mode != Refresh::Mode::Interval || !changed_.exchange(false)) return std::nullopt;
+  // Every search asks, so it is read first.
+  if (refresh_.mode != Refresh::Mode::Interval || !changed_) return std::nullopt;
+  if (!changed_.exchange(false)) return std::nullopt;
   if (refreshComes_.exchange(true)) return std::nullopt;
   if (!failed_) return refresh_.interval;
   return std::max(refresh_.interval, index_.isOfEarlierForm() ? kRebuildAgainAfter : kRetryAfter);
@@ -346,14 +364,27 @@ std::optional<std::chrono::milliseconds> Collection::takeRefreshTime() {
 
 void Collection::refresh() {
   refreshComes_ = false;
+  // The timer may be that of a collection that had this name before.
+  if (refresh_.mode == Refresh::Mode::Manual) return;
   requestUpdate();
+}
+
+// In this order: whoever comes in between need not do it, and whoever comes later must.
+void Collection::forgetRefresh() noexcept {
+  refreshComes_ = false;
+  changed_ = true;
 }
 
 bool Collection::takeOverdue() {
   if (!overdue_ || !overdue_.exchange(false)) return false;
-  if (refresh_.mode == Refresh::Mode::Manual) return requestRemoval() != nullptr;
-  requestUpdate();
-  return true;
+  try {
+    if (refresh_.mode == Refresh::Mode::Manual) return requestRemoval() != nullptr;
+    requestUpdate();
+    return true;
+  } catch (...) {
+    overdue_ = true;
+    throw;
+  }
 }
 
 bool Collection::takeRest() { return restless_ && !restComes_.exchange(true); }
@@ -427,6 +458,7 @@ bool Collection::advance(Job& job) {
   if (index_.isOfEarlierForm()) {
     requireGoingOn();
     index_.rebuildStep([this] { requireGoingOn(); });
+    noteProgress(index_.rebuildProgress());
     return true;
   }
   if (!std::exchange(job.begun, true) && !begin(job)) return false;
@@ -437,7 +469,7 @@ bool Collection::advance(Job& job) {
   return false;
 }
 
-void Collection::noteProgress(IndexUpdate::Progress progress) {
+void Collection::noteProgress(IndexProgress progress) {
   const std::lock_guard lock(jobsMutex_);
   progress_ = progress;
 }
@@ -446,13 +478,13 @@ bool Collection::begin(Job& job) {
   requireGoingOn();
   if (journal_.empty()) return false;
   if (job.kind == Job::Kind::Round) {
-    if (!index_.isUpdating()) index_.beginUpdate();
+    if (!index_.isUpdating()) index_.beginUpdate([this] { requireGoingOn(); });
     // In this order: what is in the index alone would be replaced by what came before it, if the
     // journal's end is lost and the rest is brought in once more.
     job.end = journal_.end();
     journal_.syncAll();
   } else {
-    index_.beginUpdate();
+    index_.beginUpdate([this] { requireGoingOn(); });
     job.end = closeSegment();
     // Whoever asks from now on has no later changes, or waits for the next update.
     const std::lock_guard lock(jobsMutex_);
@@ -531,8 +563,10 @@ bool Collection::removeSome(Job& job) {
       return std::binary_search(job.keys.begin(), job.keys.end(), key);
     };
     showAgain(isRemoved);
+  } catch (const ServerError& error) {
+    if (!stopping_ && !retired_) logFailure("removal", error);
   } catch (const std::exception& error) {
-    if (!stopping_ && !retired_) spdlog::warn("collection {}: {}", shown(name_), error.what());
+    logFailure("removal", ServerError(ErrorKind::StorageFailed, error.what()));
   }
   return false;
 }
@@ -544,7 +578,7 @@ void Collection::beginRemoval(Job& job) {
   for (const std::string& key : job.keys) bytes += key.size();
   job.memory = emptyShare(limits_);
   job.memory.force(bytes);
-  index_.beginUpdate();
+  index_.beginUpdate([this] { requireGoingOn(); });
 }
 
 bool Collection::removeNext(Job& job) {
@@ -576,18 +610,14 @@ void Collection::endJob(const std::optional<ServerError>& failure) {
   if (!concernsAll || stopping_ || retired_ || refresh_.mode == Refresh::Mode::Manual) return;
   failed_ = true;
   changed_ = true;
-  logFailure(*failure);
+  logFailure("refresh", *failure);
 }
 
 // Perhaps nobody waits for it.
-void Collection::logFailure(const ServerError& failure) {
-  const std::string line =
-      fmt::format("failure: action=\"refresh\" collection={} error={} reason={}", shown(name_),
-                  messageId(failure.kind()), shown(failure.what(), 600));
-  const auto unsaid = repeats_.pass(line);
-  if (!unsaid) return;
-  if (*unsaid == 0) return spdlog::error("{}", line);
-  spdlog::error("{} repeated={}", line, *unsaid);
+void Collection::logFailure(std::string_view during, const ServerError& failure) {
+  repeats_.log(spdlog::level::err,
+               fmt::format("failure: action={} collection={} error={} reason={}", shown(during),
+                           shown(name_), messageId(failure.kind()), shown(failure.what(), 600)));
 }
 
 void Collection::failAll(const ServerError& failure) {
@@ -623,42 +653,53 @@ std::vector<ParseOutcome> Collection::takeOutcomes(const std::string& client) {
 }
 
 std::unique_ptr<HitSource> Collection::search(const SearchQuery& query) {
-  requireActive();
-  return index_.search(query, hiddenFrom(query));
+  return whileActive([&] { return index_.search(query, hiddenFrom(query)); });
 }
 
 std::unique_ptr<HitSource> Collection::match(const SearchQuery& query,
                                              const std::vector<Document>& documents) {
-  requireActive();
-  for (const Document& document : documents) checkSize(document);
-  return index_.match(query, documents);
+  return whileActive([&] {
+    for (const Document& document : documents) checkSize(document);
+    return index_.match(query, documents);
+  });
 }
 
 Estimate Collection::estimate(const std::string& query, std::uint64_t exactHits) {
-  requireActive();
-  return index_.estimate(query, exactHits, hidden());
+  return whileActive([&] { return index_.estimate(query, exactHits, hidden()); });
 }
 
 std::uint64_t Collection::count(const SearchQuery& query) {
-  requireActive();
-  return index_.count(query, hidden());
+  return whileActive([&] { return index_.count(query, hidden()); });
 }
 
 void Collection::visit(const SearchQuery& query, const Store::DocumentVisitor& take) {
-  requireActive();
-  index_.visit(query, hidden(), take);
+  whileActive([&] { index_.visit(query, hidden(), take); });
 }
 
 std::vector<HitDetails> Collection::details(const SearchQuery& query, const DetailsWanted& wanted) {
-  requireActive();
-  return index_.details(query, wanted, hiddenFrom(query));
+  return whileActive([&] { return index_.details(query, wanted, hiddenFrom(query)); });
+}
+
+std::vector<HitDetails> Collection::details(std::span<Collection* const> collections,
+                                            const SearchQuery& query, const DetailsWanted& wanted) {
+  std::vector<XapianIndex::Member> members;
+  for (Collection* const each : collections) {
+    each->requireActive();
+    members.push_back({each->index_, each->name_, each->hidden()});
+  }
+  try {
+    return XapianIndex::details(members, query, wanted);
+  } catch (const ServerError& error) {
+    if (error.kind() != ErrorKind::StorageFailed) throw;
+    for (Collection* const each : collections) each->requireActive();
+    throw;
+  }
 }
 
 CollectionSummary Collection::summary() {
-  requireActive();
-  CollectionSummary summary = index_.summary();
+  CollectionSummary summary = whileActive([&] { return index_.summary(); });
   summary.pending = isIndexed() ? 0 : journal_.pending();
-  summary.bytes = bytesIn(directory_);
+  summary.bytes = bytesInTree(directory_);
   summary.refresh = textOf(refresh_);
   summary.mark = batches_.mark();
   const std::lock_guard lock(jobsMutex_);
@@ -678,14 +719,14 @@ bool Collection::close() {
   try {
     journal_.syncAll();
   } catch (const ServerError& error) {
-    spdlog::warn("collection {} stays open: {}", shown(name_), error.what());
+    logFailure("close", error);
     return false;
   }
   outcomes_->forgetTickets();
   return true;
 }
 
-std::uint64_t Collection::indexRevision() const { return index_.revision(); }
+IndexRevisions Collection::indexRevisions() const { return index_.revisions(); }
 
 JournalExtent Collection::journalExtent() const { return journal_.extent(); }
 
@@ -730,7 +771,7 @@ std::unique_lock<std::shared_mutex> Collection::closeGateToLookUp() {
   std::unique_lock gate(gate_);
   for (;;) {
     requireActive();
-    requireAllKnown();
+    noteLackedBatch();
     pendingKeys_.need();
     if (pendingKeys_.isKept()) return gate;
     gate.unlock();
@@ -765,27 +806,48 @@ void Collection::keepPendingKeys() {
 }
 
 Journal::Place Collection::appendBehindGate(const Change& change) {
-  requireAllKnown();
+  noteLackedBatch();
   const Journal::Place place = journal_.append(change);
   // Not before: a refresh in between would take the note for its own, and not see the change.
   changed_ = true;
-  try {
-    noteAppended(change, place);
-  } catch (...) {
-    // Whoever sends it once more would be answered wrongly.
-    lacksChange_ = true;
-    throw;
-  }
+  noteAppended(change, place);
   return place;
 }
 
+// Takes no memory to fail: the change is in the journal, and whoever sends it once more has to be
+// answered rightly.
 void Collection::noteAppended(const Change& change, const Journal::Place& place) {
-  pendingKeys_.note(place.end, change);
+  try {
+    pendingKeys_.note(place.end, change);
+  } catch (const std::bad_alloc&) {
+    pendingKeys_.miss();
+  }
   if (change.kind != ChangeKind::Batch) return;
-  batches_.note(*change.batch, place.ticket);
+  try {
+    noteBatch(*change.batch, place);
+  } catch (...) {
+    const std::lock_guard lock(lackedMutex_);
+    lacked_ = LackedBatch{change.batch, place};
+    lacksBatch_ = true;
+    throw;
+  }
+}
+
+// May be repeated after it has failed anywhere.
+void Collection::noteBatch(const BatchEntry& batch, const Journal::Place& place) {
+  batches_.note(batch, place.ticket);
   // Where a batch is searchable when it is acknowledged, its deletions come with its documents.
   if (refresh_.mode == Refresh::Mode::Immediate) return;
-  for (const std::string& key : change.batch->changes.deletions) hide(place.end, key);
+  for (const std::string& key : batch.changes.deletions) hide(place.end, key);
+}
+
+void Collection::noteLackedBatch() {
+  if (!lacksBatch_) return;
+  const std::lock_guard lock(lackedMutex_);
+  if (!lacked_) return;
+  noteBatch(*lacked_->batch, lacked_->place);
+  lacked_.reset();
+  lacksBatch_ = false;
 }
 
 void Collection::checkSize(const Document& document) const {
@@ -799,13 +861,6 @@ void Collection::checkSize(const Document& document) const {
 
 void Collection::requireActive() const {
   if (retired_) throw whyRetired();
-}
-
-void Collection::requireAllKnown() const {
-  if (!lacksChange_) return;
-  throw ServerError(ErrorKind::TryAgain, "memory was out during a change, and the collection " +
-                                             shown(name_) +
-                                             " is opened anew when nobody uses it; try again");
 }
 
 ServerError Collection::whyRetired() const {
@@ -850,8 +905,9 @@ Hidden Collection::hiddenFrom(const SearchQuery& query) const {
 void Collection::pushOutcome(ParseOutcome outcome, std::uint64_t ticket,
                              const std::string& client) {
   if (outcomes_->push(std::move(outcome), ticket, client)) return;
-  spdlog::warn("collection {}: nobody asks for parse results, the oldest is forgotten",
-               shown(name_));
+  repeats_.log(spdlog::level::warn,
+               fmt::format("collection {}: nobody asks for parse results, the oldest are forgotten",
+                           shown(name_)));
 }
 
 }  // namespace corvaned

@@ -9,7 +9,9 @@
 #include <mutex>
 #include <optional>
 #include <shared_mutex>
+#include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "server/base/descriptorBudget.h"
@@ -39,6 +41,9 @@ struct StoreLimits {
   std::size_t hiddenKeys = 500;
   /// How many indexes are changed at a time.
   unsigned indexThreads = 2;
+  /// How many databases share the documents of a collection that is created, at most
+  /// kMostParts.
+  std::size_t parts = 1;
   /// Size of the journal from which an index that is not updated on request only is updated at
   /// once.
   std::uint64_t earlyBytes = std::uint64_t{4} << 20U;
@@ -50,8 +55,8 @@ struct StoreLimits {
 /// One collection in one directory: a journal of accepted changes, and the index into which
 /// updateIndex brings them. May be used from any thread. Store says what each operation promises.
 ///
-/// Its locks are taken in the order batchMutex_, stepMutex_, gate_, jobsMutex_, hiddenMutex_, and
-/// those of its members after them.
+/// Its locks are taken in the order batchMutex_, stepMutex_, gate_, lackedMutex_, jobsMutex_,
+/// hiddenMutex_, and those of its members after them.
 class Collection {
  public:
   static void create(const std::filesystem::path& directory, const IndexForm& form,
@@ -96,6 +101,9 @@ class Collection {
   std::uint64_t count(const SearchQuery& query);
   void visit(const SearchQuery& query, const Store::DocumentVisitor& take);
   std::vector<HitDetails> details(const SearchQuery& query, const DetailsWanted& wanted);
+  /// The same of several collections. Everybody gives them in the same order.
+  static std::vector<HitDetails> details(std::span<Collection* const> collections,
+                                         const SearchQuery& query, const DetailsWanted& wanted);
   CollectionState state() const;
   CollectionSummary summary();
 
@@ -112,11 +120,15 @@ class Collection {
   std::optional<std::chrono::milliseconds> takeRefreshTime();
   /// Has what waits made searchable.
   void refresh();
+  /// Nobody is going to call refresh() after all, so that takeRefreshTime() says so once more.
+  void forgetRefresh() noexcept;
   /// True once if there is work for indexStep() since changes waited when the collection was
   /// opened: they become searchable although nobody asks for that, or are many deletions.
   bool takeOverdue();
   /// Whether rest() has to be called some time after the present changes.
   bool takeRest();
+  /// Nobody is going to call it after all.
+  void forgetRest() noexcept { restComes_ = false; }
   /// Has the index brought to rest: checksums of it made, and the journal's segments removed.
   void rest();
 
@@ -126,16 +138,16 @@ class Collection {
   bool close();
 
   /// What whoever copies the collection's files has to know of them. They change meanwhile.
-  std::uint64_t indexRevision() const;
+  IndexRevisions indexRevisions() const;
   JournalExtent journalExtent() const;
   /// Calls `copyIndex` between two steps of indexing, so that the index does not change, and then
   /// `copyRest` while nothing of the collection changes, not even by a change that comes.
   void holdStill(const std::function<void()>& copyIndex,
                  const std::function<void(const JournalExtent& journal)>& copyRest);
 
-  /// Whether it is to be closed and opened once more: memory was out when a change in the journal
-  /// was to be noted here. It refuses changes until then.
-  bool mustBeReopened() const { return lacksChange_; }
+  /// If memory was out when a batch in the journal was to be noted here, does that now. What needs
+  /// to know all batches does it by itself.
+  void noteLackedBatch();
 
   bool isRetired() const { return retired_; }
   /// Why the collection is to be used no more.
@@ -179,17 +191,19 @@ class Collection {
   Journal::Place appendIfThere(const Change& change);
   Journal::Place appendBehindGate(const Change& change);
   void noteAppended(const Change& change, const Journal::Place& place);
+  void noteBatch(const BatchEntry& batch, const Journal::Place& place);
   std::unique_lock<std::shared_mutex> closeGateToLookUp();
   void keepPendingKeys();
   /// Which of some keys no document has, and what keeps that so.
   struct LookUp {
     PendingKeys::Hold held;
+    std::uint64_t misses = 0;
     std::unique_lock<std::shared_mutex> gate;
     Refusals unknown;
   };
 
   LookUp lookUp(const std::vector<std::string>& keys);
-  PendingKeys::Hold holdPendingKeys();
+  LookUp beginLookUp();
   JournalPosition indexed() const;
   void noteReplayed(std::uint64_t segment, const Change& change);
   BatchOutcome decide(Batch& batch, const std::shared_ptr<BatchEntry>& entry,
@@ -201,7 +215,8 @@ class Collection {
   void saveBatches();
   void checkSize(const Document& document) const;
   void requireActive() const;
-  void requireAllKnown() const;
+  template <typename Work>
+  auto whileActive(const Work& work) const;
   ServerError whyRetired() const;
   void requireGoingOn() const;
   void hide(JournalPosition position, const std::string& key);
@@ -216,7 +231,7 @@ class Collection {
   bool isIndexed() const;
   bool takeJob();
   bool advance(Job& job);
-  void noteProgress(IndexUpdate::Progress progress);
+  void noteProgress(IndexProgress progress);
   bool begin(Job& job);
   JournalPosition closeSegment();
   void end(Job& job);
@@ -225,7 +240,7 @@ class Collection {
   void beginRemoval(Job& job);
   bool removeNext(Job& job);
   void endJob(const std::optional<ServerError>& failure);
-  void logFailure(const ServerError& failure);
+  void logFailure(std::string_view during, const ServerError& failure);
   void failAll(const ServerError& failure);
   void pushOutcome(ParseOutcome outcome, std::uint64_t ticket, const std::string& client);
 
@@ -244,8 +259,14 @@ class Collection {
   std::atomic<bool> retired_ = false;
   // Whether another one comes in its place. Set before retired_.
   std::atomic<bool> replaced_ = false;
-  // Whether the journal has a change that is not known here. Set while the gate is held.
-  std::atomic<bool> lacksChange_ = false;
+  // The batch that is in the journal and could not be noted. No other one is accepted before it is.
+  struct LackedBatch {
+    std::shared_ptr<BatchEntry> batch;
+    Journal::Place place;
+  };
+  std::atomic<bool> lacksBatch_ = false;
+  std::mutex lackedMutex_;
+  std::optional<LackedBatch> lacked_;  // Guarded by lackedMutex_.
 
   // What is still to be done about changes: whether some waited at the opening, whether somebody is
   // going to call refresh(), whether some have come since, and whether the last attempt failed; and
@@ -283,7 +304,7 @@ class Collection {
   std::vector<Waiting> roundWanted_;
   std::shared_ptr<Ticket> updating_;
   JournalPosition updatingTo_;
-  IndexUpdate::Progress progress_;
+  IndexProgress progress_;
   bool indexing_ = false;
 
   // Opening the journal fills the members above, so it must be declared after them.

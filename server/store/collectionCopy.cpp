@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "server/base/errors.h"
+#include "server/store/directory.h"
 #include "server/store/indexRebuild.h"
 #include "server/store/indexSums.h"
 #include "server/store/journalMark.h"
@@ -40,12 +41,12 @@ CollectionCopy::CollectionCopy(std::filesystem::path source, std::filesystem::pa
   index_ = indexNow();
 }
 
-std::optional<std::uint64_t> CollectionCopy::copyAhead(std::uint64_t revision,
+std::optional<std::uint64_t> CollectionCopy::copyAhead(const IndexRevisions& revisions,
                                                        const JournalExtent& journal) {
   const std::uint64_t before = copied_;
   copyTables();
   copyJournal(journal);
-  revision_ = revision;
+  revisions_ = revisions;
   if (dropEarlierIndex()) return std::nullopt;
   return copied_ - before;
 }
@@ -66,7 +67,7 @@ void CollectionCopy::copyRest(const JournalExtent& journal) {
 }
 
 CollectionCopy::Kind CollectionCopy::kindOf(const std::filesystem::path& name) {
-  if (name.extension() == kTableSuffix && name.parent_path() == IndexSums::kIndexDirectory) {
+  if (name.extension() == kTableSuffix && *name.begin() == IndexSums::kIndexDirectory) {
     return Kind::Table;
   }
   if (name.extension() == ".new") return Kind::Passing;
@@ -76,7 +77,7 @@ CollectionCopy::Kind CollectionCopy::kindOf(const std::filesystem::path& name) {
 
 // What is beside the index comes and goes while it is made anew.
 bool CollectionCopy::isWalked(const std::filesystem::path& directory, Kind kind) const {
-  if (kind == Kind::Table) return directory == IndexSums::kIndexDirectory;
+  if (kind == Kind::Table) return *directory.begin() == IndexSums::kIndexDirectory;
   return !IndexRebuild::isDispensable(source_, directory);
 }
 
@@ -91,9 +92,9 @@ ino_t CollectionCopy::indexNow() const {
 bool CollectionCopy::dropEarlierIndex() {
   const ino_t now = indexNow();
   if (now == index_) return false;
-  std::filesystem::remove_all(target_ / IndexSums::kIndexDirectory);
+  removeTree(target_ / IndexSums::kIndexDirectory);
   index_ = now;
-  revision_ = 0;
+  revisions_.clear();
   return true;
 }
 
@@ -108,12 +109,12 @@ void CollectionCopy::copyTables() {
 }
 
 void CollectionCopy::copyAll(Kind kind) {
-  using Entries = std::filesystem::recursive_directory_iterator;
-  for (Entries entry(source_); entry != Entries(); ++entry) {
+  TreeReader reader(source_);
+  while (const auto entry = reader.next()) {
     stop_();
-    const std::filesystem::path name = entry->path().lexically_relative(source_);
-    if (entry->is_directory()) {
-      if (!isWalked(name, kind)) entry.disable_recursion_pending();
+    const std::filesystem::path name = entry->path.lexically_relative(source_);
+    if (entry->isDirectory) {
+      if (!isWalked(name, kind)) reader.skip();
     } else if (kindOf(name) == kind) {
       kind == Kind::Table ? copyTable(name) : copyWhole(name);
     }
@@ -125,9 +126,11 @@ void CollectionCopy::copyTable(const std::filesystem::path& name) {
   const FileHandle to = openTarget(name);
   const std::uint64_t size = std::filesystem::file_size(source_ / name);
   const std::uint64_t known = std::filesystem::file_size(target_ / name);
+  const std::uint64_t revision =
+      revisionOf(revisions_, name.lexically_relative(IndexSums::kIndexDirectory));
   std::uint64_t place = 0;
   for (; place + kTableBlock <= std::min(known, size); place += kTableBlock) {
-    if (blockRevisionAt(from, place, source_ / name) <= revision_) continue;
+    if (blockRevisionAt(from, place, source_ / name) <= revision) continue;
     copyRange(from, to, name, place, place + kTableBlock);
   }
   copyRange(from, to, name, place, size);
@@ -171,8 +174,9 @@ void CollectionCopy::removeSegmentsBut(const JournalExtent& journal) {
     wanted.insert(segmentPath(target_, segment.number));
   }
   std::set<std::filesystem::path> found;
-  for (const auto& entry : std::filesystem::directory_iterator(target_)) {
-    if (isSegment(entry.path().filename().string())) found.insert(entry.path());
+  DirectoryReader reader(target_);
+  while (auto entry = reader.next()) {
+    if (isSegment(entry->path.filename().string())) found.insert(std::move(entry->path));
   }
   for (const std::filesystem::path& path : found) {
     if (!wanted.contains(path)) std::filesystem::remove(path);

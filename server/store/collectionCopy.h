@@ -8,6 +8,7 @@
 #include <string>
 
 #include "server/store/files.h"
+#include "server/store/indexSums.h"
 #include "server/store/journal.h"
 #include "server/store/stopCheck.h"
 
@@ -30,14 +31,19 @@ class CollectionCopy {
   /// Makes the directory `target`.
   CollectionCopy(std::filesystem::path source, std::filesystem::path target, StopCheck stop);
 
-  /// Copies what has changed since the last call. The collection had this revision and this journal
-  /// before the call, and is asked for them after the object was made. Returns how many bytes that
-  /// was; nothing if another index has come meanwhile, of which all is still to be copied.
-  std::optional<std::uint64_t> copyAhead(std::uint64_t revision, const JournalExtent& journal);
+  /// Copies what has changed since the last call. The index had these revisions and the collection
+  /// this journal before the call; they are asked for after the object was made. Returns how many
+  /// bytes that was; nothing if another index has come meanwhile, of which all is still to be
+  /// copied.
+  std::optional<std::uint64_t> copyAhead(const IndexRevisions& revisions,
+                                         const JournalExtent& journal);
   /// The rest of the index, which must not change meanwhile.
   void copyIndex();
   /// The rest of everything. Nothing may change meanwhile.
   void copyRest(const JournalExtent& journal);
+
+  /// How many bytes have been copied so far, those that were copied again included.
+  std::uint64_t copied() const { return copied_; }
 
  private:
   enum class Kind {
@@ -71,8 +77,8 @@ class CollectionCopy {
   const StopCheck stop_;
   // Which directory the index was when the copying of it began.
   ino_t index_ = 0;
-  // Blocks up to this revision have been copied.
-  std::uint64_t revision_ = 0;
+  // Blocks up to these revisions have been copied.
+  IndexRevisions revisions_;
   std::uint64_t copied_ = 0;
 };
 

@@ -20,6 +20,8 @@ bool standsForItself(char c) {
          c == '-';
 }
 
+bool tryToLock(const FileHandle& file) { return ::flock(file.get(), LOCK_EX | LOCK_NB) == 0; }
+
 }  // namespace
 
 std::string directoryNameFor(std::string_view collection) {
@@ -59,10 +61,13 @@ std::string collectionNameFor(std::string_view directory) {
   return name;
 }
 
-FileHandle lockDataDirectory(const std::filesystem::path& root) {
+// The file is what earlier builds lock, and it can be removed by mistake while a server runs. The
+// directory cannot without what is in it, but not every file system locks directories.
+DataDirectoryLock lockDataDirectory(const std::filesystem::path& root) {
   const std::filesystem::path path = root / "LOCK";
-  FileHandle file = openFile(path, O_RDWR | O_CREAT);
-  if (::flock(file.get(), LOCK_EX | LOCK_NB) == 0) return file;
+  DataDirectoryLock lock{openFile(root, O_RDONLY | O_DIRECTORY), openFile(path, O_RDWR | O_CREAT)};
+  const bool hasDirectory = tryToLock(lock.directory) || errno != EWOULDBLOCK;
+  if (hasDirectory && tryToLock(lock.file)) return lock;
   if (errno != EWOULDBLOCK) throwSystemError("cannot lock", path);
   throw ServerError(ErrorKind::StorageFailed,
                     "the data directory " + root.string() +

@@ -16,9 +16,15 @@ std::string directoryNameFor(std::string_view collection);
 /// The name of the collection whose directory is called so.
 std::string collectionNameFor(std::string_view directory);
 
-/// Locks the data directory until the handle is gone. Throws ServerError(StorageFailed) if another
-/// process has locked it.
-FileHandle lockDataDirectory(const std::filesystem::path& root);
+/// What keeps a data directory locked.
+struct DataDirectoryLock {
+  FileHandle directory;
+  FileHandle file;
+};
+
+/// Locks the data directory until the lock is gone. Throws ServerError(StorageFailed) if somebody
+/// else has locked it.
+DataDirectoryLock lockDataDirectory(const std::filesystem::path& root);
 
 /// The directory that holds the collections' directories.
 std::filesystem::path collectionsIn(const std::filesystem::path& root);

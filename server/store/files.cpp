@@ -62,18 +62,6 @@ void syncDirectory(const std::filesystem::path& path) {
   if (::fsync(directory.get()) != 0) throwSystemError("cannot bring to disk", path);
 }
 
-void syncTree(const std::filesystem::path& directory, const StopCheck& stop) {
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
-    stop();
-    if (entry.is_directory()) {
-      syncDirectory(entry.path());
-    } else {
-      syncFile(openFile(entry.path(), O_RDONLY), entry.path());
-    }
-  }
-  syncDirectory(directory);
-}
-
 void makeDirectory(const std::filesystem::path& path) {
   if (::mkdir(path.c_str(), S_IRWXU) != 0) throwSystemError("cannot create", path);
 }

@@ -7,8 +7,6 @@
 #include <string_view>
 #include <utility>
 
-#include "server/store/stopCheck.h"
-
 namespace corvaned {
 
 /// Owns one open file.
@@ -50,10 +48,6 @@ void syncFile(const FileHandle& file, const std::filesystem::path& path);
 
 /// Makes creations, renames and removals in a directory durable.
 void syncDirectory(const std::filesystem::path& path);
-
-/// Brings the directory and everything in it to disk. `stop` throws to end that between two files.
-void syncTree(
-    const std::filesystem::path& directory, const StopCheck& stop = [] {});
 
 /// Makes a directory that only its owner can enter. Throws as above, also if it exists.
 void makeDirectory(const std::filesystem::path& path);

@@ -20,14 +20,14 @@ bool isBefore(const RankedHit& a, const RankedHit& b) {
   return a.weight > b.weight || (a.weight == b.weight && a.key < b.key);
 }
 
-std::uint16_t milliScore(double weight, double maxAttained, ScoreScale scale) {
+}  // namespace
+
+std::uint16_t milliScore(double weight, double best, ScoreScale scale) {
   constexpr double kMax = std::numeric_limits<std::uint16_t>::max();
   double score = weight;
-  if (scale == ScoreScale::Normalized) score = maxAttained > 0 ? weight / maxAttained : 0;
+  if (scale == ScoreScale::Normalized) score = best > 0 ? weight / best : 0;
   return static_cast<std::uint16_t>(std::lround(std::clamp(score * 1000, 0.0, kMax)));
 }
-
-}  // namespace
 
 HitBuffer::HitBuffer(const Xapian::MSet& matches, KeyIn keyIn, ScoreScale scale,
                      MemoryBudget::Share memory)

@@ -17,6 +17,9 @@
 
 namespace corvaned {
 
+/// A hit's score; `best` is the highest weight of the whole result.
+std::uint16_t milliScore(double weight, double best, ScoreScale scale);
+
 /// A hit as it is ranked.
 struct RankedHit {
   double weight;

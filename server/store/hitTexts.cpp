@@ -13,6 +13,16 @@ namespace {
 constexpr std::size_t kMaxValue = 2048;
 constexpr std::size_t kMaxValues = 16;
 
+// What a record of a reply takes beside its text, with the name of its document.
+constexpr std::size_t kRecordCost = 320;
+
+// As the reply holds it: a record for the hit, for its snippet, and for each value.
+std::size_t bytesOf(const HitDetails& details) {
+  std::size_t bytes = (2 + details.values.size()) * kRecordCost + details.snippet.size();
+  for (const auto& [name, value] : details.values) bytes += name.size() + value.size();
+  return bytes;
+}
+
 }  // namespace
 
 std::vector<std::pair<std::string, std::string>> valuesIn(const Document& document,
@@ -26,6 +36,13 @@ std::vector<std::pair<std::string, std::string>> valuesIn(const Document& docume
     values.emplace_back(std::move(name), cutBetweenCharacters(value, kMaxValue));
   }
   return values;
+}
+
+void keep(std::vector<HitDetails>& details, HitDetails&& one,
+          const std::shared_ptr<MemoryBudget::Share>& share) {
+  share->force(share->bytes() + bytesOf(one));
+  one.memory = share;
+  details.push_back(std::move(one));
 }
 
 Snippets::Snippets(const Xapian::Database& database, const TextAnalysis& analysis,

@@ -2,10 +2,12 @@
 
 #include <xapian.h>
 
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "server/base/memoryBudget.h"
 #include "server/store/store.h"
 #include "server/store/textAnalysis.h"
 
@@ -14,6 +16,10 @@ namespace corvaned {
 /// The values of metadata with these names, in the document's order; long ones are cut.
 std::vector<std::pair<std::string, std::string>> valuesIn(const Document& document,
                                                           const std::vector<std::string>& names);
+
+/// Adds one, and what it takes to the memory that is set aside for as long as one of them lives.
+void keep(std::vector<HitDetails>& details, HitDetails&& one,
+          const std::shared_ptr<MemoryBudget::Share>& share);
 
 /// Parts of texts that show why a query finds them.
 class Snippets {

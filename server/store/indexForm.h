@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 
@@ -7,10 +8,18 @@
 
 namespace corvaned {
 
+/// The highest number of databases that share the documents of an index.
+constexpr std::size_t kMostParts = 16;
+
 /// What an index knows of how its collection was created.
 struct IndexForm {
   std::string language;
   TextOptions options;
+  /// How many databases share the documents, at most kMostParts.
+  std::size_t parts = 1;
+  /// How changes become searchable, as textOf() says it, unless on request only. Empty also if the
+  /// collection was made before this was noted.
+  std::string refresh{};
 
   bool operator==(const IndexForm&) const = default;
 };

@@ -6,6 +6,7 @@
 #include "server/base/descriptorBudget.h"
 #include "server/base/memoryBudget.h"
 #include "server/store/change.h"
+#include "server/store/parallel.h"
 #include "server/store/stopCheck.h"
 
 namespace corvaned {
@@ -25,6 +26,8 @@ struct IndexLimits {
   std::shared_ptr<MemoryBudget> memory;
   /// What handles for searching take their descriptors from. None: without a limit.
   std::shared_ptr<DescriptorBudget> descriptors;
+  /// Who helps to change the databases of an index that has several. None: nobody.
+  Helpers helpers;
 };
 
 /// A share of the memory, empty yet.

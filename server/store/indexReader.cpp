@@ -1,7 +1,6 @@
 #include "server/store/indexReader.h"
 
 #include <algorithm>
-#include <limits>
 
 #include "server/base/documentForm.h"
 #include "server/base/errors.h"
@@ -14,6 +13,7 @@
 #include "server/store/passingDocuments.h"
 #include "server/store/queryDigest.h"
 #include "server/store/queryReader.h"
+#include "server/store/resultPage.h"
 #include "server/store/searchMemory.h"
 #include "server/store/sortOrder.h"
 #include "server/store/textNormalizer.h"
@@ -27,23 +27,8 @@ constexpr std::size_t kTextForms = 2;
 // The same, and what its normal form takes, in UTF-16 and in UTF-8, or before that the reader of
 // XML.
 constexpr std::size_t kTextFormsOfSnippet = 12;
-// What a hit is sorted by where that is a value: the value, of which a zero byte takes two, and the
-// key.
-constexpr std::size_t kValueKeyBytes = 512;
 
 std::string_view wholeSortKey(std::string_view sortKey) { return sortKey; }
-
-std::size_t bytesOf(const HitDetails& details) {
-  std::size_t bytes = details.hit.key.size() + details.snippet.size();
-  for (const auto& [name, value] : details.values) bytes += name.size() + value.size();
-  return bytes;
-}
-
-std::uint64_t saturatedSum(std::uint64_t a, std::uint64_t b) {
-  return a > std::numeric_limits<std::uint64_t>::max() - b
-             ? std::numeric_limits<std::uint64_t>::max()
-             : a + b;
-}
 
 // The clock is read each time: a text may take longer than many hits.
 void spendOnText() {
@@ -53,36 +38,17 @@ void spendOnText() {
   request->check();
 }
 
-/// The part of a result that was asked for: from, and to before, so many hits.
-struct Page {
-  std::uint64_t start = 0;
-  std::uint64_t end = 0;
-
-  Page behind(std::uint64_t hits) const {
-    return {saturatedSum(start, hits), saturatedSum(end, hits)};
-  }
-};
-
 /// What hits are sorted by.
 struct SortKeys {
   HitBuffer::KeyIn keyIn;
   std::size_t bytes;
 };
 
-MemoryBudget::Share memoryToSort(const Xapian::Enquire& enquire, Page page,
-                                 std::size_t sortKeyBytes, const IndexLimits& limits) {
-  std::uint64_t most = page.end;
-  if (most > kFewHits) {
-    most = std::min<std::uint64_t>(most, enquire.get_mset(0, 0).get_matches_upper_bound());
-  }
-  return memoryFor(most, sortKeyBytes, limits);
-}
-
 // `decider`: says which documents count, unless all do.
 std::unique_ptr<HitList> sorted(Xapian::Enquire& enquire, Page page, SortKeys sortKeys,
                                 ScoreScale scale, const IndexLimits& limits,
                                 const Xapian::MatchDecider* decider = nullptr) {
-  MemoryBudget::Share memory = memoryToSort(enquire, page, sortKeys.bytes, limits);
+  MemoryBudget::Share memory = memoryToSort(enquire, page.end, sortKeys.bytes, limits);
   const Xapian::MSet matches =
       enquire.get_mset(static_cast<Xapian::doccount>(page.start),
                        static_cast<Xapian::doccount>(page.end - page.start), 0, nullptr, decider);
@@ -93,7 +59,7 @@ std::unique_ptr<HitList> sorted(Xapian::Enquire& enquire, Page page, SortKeys so
 // are not good enough for a page, so the place has to be far away for that to cost more.
 std::unique_ptr<HitList> farBehind(Xapian::Enquire& enquire, Page page, const SearchQuery& query,
                                    std::uint64_t documents, const IndexLimits& limits) {
-  MemoryBudget::Share memory = memoryToSort(enquire, page, 0, limits);
+  MemoryBudget::Share memory = memoryToSort(enquire, page.end, 0, limits);
   HitsBehind behind(*query.from, page.end);
   enquire.set_sort_by_relevance();
   enquire.add_matchspy(&behind);
@@ -118,12 +84,7 @@ std::unique_ptr<HitList> byScore(Xapian::Enquire& enquire, Page page, const Sear
 std::unique_ptr<HitList> byValue(Xapian::Enquire& enquire, Page page, const SearchQuery& query,
                                  const IndexNames& names, const IndexLimits& limits) {
   const auto slot = names.slotOf(query.sortBy);
-  if (!slot && page.end > 0) {
-    throw ServerError(ErrorKind::BadParameter,
-                      "documents cannot be sorted by " + shown(query.sortBy) +
-                          ": none of them has metadata of that name that is marked "
-                          "\"[sortable]\"");
-  }
+  if (!slot && page.end > 0) throwUnsortable(query.sortBy);
   ValueOrder order(slot.value_or(kKeySlot), query.descending);
   enquire.set_sort_by_key(&order, false);
   enquire.set_weighting_scheme(Unranked());
@@ -146,14 +107,6 @@ std::unique_ptr<HitList> keys(Xapian::Enquire& enquire, Page page, HitOrder orde
   if (order == HitOrder::Key) buffer->keepFirst(page.end);
   buffer->start(page.start);
   return buffer;
-}
-
-// What is asked for, counted from where the result is gone on with.
-Page pageOf(const SearchQuery& query, std::uint64_t documents) {
-  const std::uint64_t before = query.from ? query.from->rank : 0;
-  const std::uint64_t limit = query.limit - std::min(query.limit, before);
-  const std::uint64_t end = std::min({saturatedSum(query.start, query.size), limit, documents});
-  return {std::min(query.start, end), end};
 }
 
 Xapian::Query limited(const Xapian::Query& words, const SearchQuery& query) {
@@ -217,11 +170,11 @@ std::optional<ResultPlace> endOf(ResultPlace begin, const SearchQuery& query,
 
 }  // namespace
 
-IndexReader::IndexReader(const std::filesystem::path& path, DescriptorBudget::Share descriptors,
+IndexReader::IndexReader(const IndexParts& parts, DescriptorBudget::Share descriptors,
                          std::uint64_t generation)
     : generation_(generation),
       descriptors_(std::move(descriptors)),
-      database_(path.string()),
+      database_(parts.open()),
       analysis_(database_) {}
 
 std::unique_ptr<HitSource> IndexReader::search(const SearchQuery& query, const Hidden& hidden,
@@ -235,14 +188,17 @@ std::unique_ptr<HitList> IndexReader::found(const Xapian::Query& words, const Se
                                             const IndexLimits& limits) const {
   std::optional<ResultPlace> begin;
   if (query.inPages) begin = beginOf(query, snapshot(hidden));
-  auto found =
-      hits(database_, withoutHidden(words, hidden), query, names, limits, database_.get_doccount());
+  const MemoryBudget::Share lists = memoryForKeys(query, limits);
+  auto found = hits(database_, withoutHidden(words, hidden, database_.size()), query, names, limits,
+                    database_.get_doccount());
   if (begin) found->setNextPage(endOf(std::move(*begin), query, *found));
   return found;
 }
 
 Snapshot IndexReader::snapshot(const Hidden& hidden) const {
-  return {generation_, database_.get_revision(), hidden ? hidden->version() : 0};
+  // Several databases have several revisions, and states that are counted.
+  const std::uint64_t state = isInParts() ? state_ : database_.get_revision();
+  return {generation_, state, hidden ? hidden->version() : 0};
 }
 
 // Both databases together have the statistics that the collection would have.
@@ -253,7 +209,10 @@ std::unique_ptr<HitSource> IndexReader::match(const SearchQuery& query,
   // Their metadata may have names that the query is the first to ask for.
   IndexNames names(database_);
   std::vector<Xapian::Document> made = indexed(documents, names);
-  const Xapian::Query words = forSeveralDatabases(wordsOf(query, names, limits));
+  const Xapian::Query asked = wordsOf(query, names, limits);
+  // That of several databases is for several already, and would count as longer than it is allowed.
+  const Xapian::Query words = isInParts() ? asked : forSeveralDatabases(asked);
+  const MemoryBudget::Share lists = memoryForKeys(query, limits);
   Xapian::Database both(database_);
   both.add_database(
       passingDocuments(std::move(made), words, normalizeText(query.text), names.slotCount()));
@@ -265,8 +224,9 @@ std::unique_ptr<HitSource> IndexReader::match(const SearchQuery& query,
 
 std::uint64_t IndexReader::count(const SearchQuery& query, const Hidden& hidden,
                                  const IndexLimits& limits) const {
-  const Interruptible words(
-      withinKeys(withoutHidden(wordsOf(query, IndexNames(database_), limits), hidden), query));
+  const MemoryBudget::Share lists = memoryForKeys(query, limits);
+  const Xapian::Query asked = wordsOf(query, IndexNames(database_), limits);
+  const Interruptible words(withinKeys(withoutHidden(asked, hidden, database_.size()), query));
   Xapian::Enquire enquire(database_);
   enquire.set_query(words.query());
   enquire.set_weighting_scheme(Unranked());
@@ -299,18 +259,25 @@ std::vector<HitDetails> IndexReader::details(const SearchQuery& query, const Det
   const auto found = this->found(words, query, names, hidden, limits);
   const Snippets snippets(database_, analysis_, words);
   MemoryBudget::Share memory = shareOf(limits);
-  MemoryBudget::Share result = shareOf(limits);
-  const std::size_t forms = wanted.snippetBytes > 0 ? kTextFormsOfSnippet : kTextForms;
+  const auto share = std::make_shared<MemoryBudget::Share>(shareOf(limits));
   std::vector<HitDetails> details;
   for (Hit hit; found->next(hit);) {
-    const auto document = stored(hit.key, memory, forms);
-    if (!document) continue;
-    HitDetails& each = details.emplace_back(HitDetails{hit});
-    each.values = valuesIn(*document, wanted.names);
-    if (wanted.snippetBytes > 0) each.snippet = snippets.of(*document, wanted.snippetBytes);
-    result.force(result.bytes() + bytesOf(each));
+    if (auto each = detailsOf(hit, wanted, snippets, memory))
+      keep(details, std::move(*each), share);
   }
   if (!details.empty()) details.back().nextPage = found->nextPage();
+  return details;
+}
+
+std::optional<HitDetails> IndexReader::detailsOf(const Hit& hit, const DetailsWanted& wanted,
+                                                 const Snippets& snippets,
+                                                 MemoryBudget::Share& memory) const {
+  const bool withSnippet = wanted.snippetBytes > 0;
+  const auto document = stored(hit.key, memory, withSnippet ? kTextFormsOfSnippet : kTextForms);
+  if (!document) return std::nullopt;
+  HitDetails details{hit};
+  details.values = valuesIn(*document, wanted.names);
+  if (withSnippet) details.snippet = snippets.of(*document, wanted.snippetBytes);
   return details;
 }
 
@@ -326,8 +293,8 @@ CollectionSummary IndexReader::summary() const {
 // counts.
 Estimate IndexReader::estimate(const std::string& query, std::uint64_t exactHits,
                                const Hidden& hidden, const IndexLimits& limits) const {
-  const Interruptible words(withoutHidden(
-      QueryReader(database_, analysis_, IndexNames(database_), limits).read(query), hidden));
+  const Interruptible words(
+      withoutHidden(read(query, IndexNames(database_), limits), hidden, database_.size()));
   const std::uint64_t documents = database_.get_doccount();
   Xapian::Enquire enquire(database_);
   enquire.set_query(words.query());
@@ -335,6 +302,13 @@ Estimate IndexReader::estimate(const std::string& query, std::uint64_t exactHits
   const auto exact = static_cast<Xapian::doccount>(std::min(exactHits, documents));
   const Xapian::MSet matches = enquire.get_mset(0, 0, exact);
   return {matches.get_matches_estimated(), matches.get_matches_upper_bound(), documents};
+}
+
+// Every database opens a list for each key, although at most one of them has it.
+MemoryBudget::Share IndexReader::memoryForKeys(const SearchQuery& query,
+                                               const IndexLimits& limits) const {
+  return isInParts() ? memoryForLists(query.keys.size() * database_.size(), limits)
+                     : shareOf(limits);
 }
 
 void IndexReader::requireTexts() const {
@@ -363,7 +337,13 @@ std::optional<Document> IndexReader::stored(const std::string& key, MemoryBudget
 Xapian::Query IndexReader::wordsOf(const SearchQuery& query, const IndexNames& names,
                                    const IndexLimits& limits) const {
   if (query.everything) return Xapian::Query(std::string());
-  return QueryReader(database_, analysis_, names, limits).read(query.text);
+  return read(query.text, names, limits);
+}
+
+Xapian::Query IndexReader::read(const std::string& text, const IndexNames& names,
+                                const IndexLimits& limits) const {
+  const Xapian::Query words = QueryReader(database_, analysis_, names, limits).read(text);
+  return isInParts() ? forSeveralDatabases(words) : words;
 }
 
 std::vector<Xapian::Document> IndexReader::indexed(const std::vector<Document>& documents,

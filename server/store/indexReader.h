@@ -3,7 +3,6 @@
 #include <xapian.h>
 
 #include <cstdint>
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -15,27 +14,37 @@
 #include "server/store/hiddenKeys.h"
 #include "server/store/hitLists.h"
 #include "server/store/indexLimits.h"
+#include "server/store/indexParts.h"
 #include "server/store/store.h"
 #include "server/store/textAnalysis.h"
 #include "server/store/xapianSchema.h"
 
 namespace corvaned {
 
+class Snippets;
+
 /// One handle for searching an index, of which it sees what was there when it was opened or
 /// refreshed last. XapianIndex says what each operation promises; the engine's errors come out as
 /// they are. Used by one thread at a time.
 class IndexReader {
  public:
-  /// The tables that it has open.
+  /// The tables that it has open of each database.
   static constexpr std::size_t kDescriptors = 4;
 
-  IndexReader(const std::filesystem::path& path, DescriptorBudget::Share descriptors,
+  IndexReader(const IndexParts& parts, DescriptorBudget::Share descriptors,
               std::uint64_t generation);
 
   /// Which index it is open on, of those that follow each other in one directory.
   std::uint64_t generation() const { return generation_; }
+  /// The number of the state that it sees, which whoever opens it counts; 0 if it needs another.
+  std::uint64_t state() const { return state_; }
+  void setState(std::uint64_t state) { state_ = state; }
+  /// Whether the index has several databases.
+  bool isInParts() const { return database_.size() > 1; }
   void refresh() { database_.reopen(); }
   DescriptorBudget::Share takeDescriptors() { return std::move(descriptors_); }
+  const Xapian::Database& database() const { return database_; }
+  const TextAnalysis& analysis() const { return analysis_; }
 
   std::unique_ptr<HitSource> search(const SearchQuery& query, const Hidden& hidden,
                                     const IndexLimits& limits) const;
@@ -48,6 +57,10 @@ class IndexReader {
   bool contains(const std::string& key) const;
   std::vector<HitDetails> details(const SearchQuery& query, const DetailsWanted& wanted,
                                   const Hidden& hidden, const IndexLimits& limits) const;
+  /// What is to be told of one hit; nothing if its document has gone. `memory` keeps room for what
+  /// is read.
+  std::optional<HitDetails> detailsOf(const Hit& hit, const DetailsWanted& wanted,
+                                      const Snippets& snippets, MemoryBudget::Share& memory) const;
   CollectionSummary summary() const;
   Estimate estimate(const std::string& query, std::uint64_t exactHits, const Hidden& hidden,
                     const IndexLimits& limits) const;
@@ -57,15 +70,19 @@ class IndexReader {
   std::unique_ptr<HitList> found(const Xapian::Query& words, const SearchQuery& query,
                                  const IndexNames& names, const Hidden& hidden,
                                  const IndexLimits& limits) const;
+  MemoryBudget::Share memoryForKeys(const SearchQuery& query, const IndexLimits& limits) const;
   void requireTexts() const;
   std::optional<Document> stored(const std::string& key, MemoryBudget::Share& memory,
                                  std::size_t forms) const;
   Xapian::Query wordsOf(const SearchQuery& query, const IndexNames& names,
                         const IndexLimits& limits) const;
+  Xapian::Query read(const std::string& text, const IndexNames& names,
+                     const IndexLimits& limits) const;
   std::vector<Xapian::Document> indexed(const std::vector<Document>& documents,
                                         IndexNames& names) const;
 
   const std::uint64_t generation_;
+  std::uint64_t state_ = 0;
   // Declared before the database, so that they are given back when that is closed.
   DescriptorBudget::Share descriptors_;
   Xapian::Database database_;

@@ -1,6 +1,10 @@
 #include "server/store/indexReaders.h"
 
+#include <optional>
 #include <random>
+
+#include "server/base/errors.h"
+#include "server/store/indexUndo.h"
 
 namespace corvaned {
 
@@ -9,10 +13,14 @@ void IndexReaders::release() {
   idle_.clear();
 }
 
-std::uint64_t IndexReaders::revision() {
+IndexRevisions IndexReaders::revisions() {
   const CommitGate::Hold hold = commits_.hold();
+  const ChangeGate::Opening opening(changes_);
   const std::shared_lock staying(exchangeMutex_);
-  return Xapian::Database(path_.string()).get_revision();
+  const IndexParts parts = IndexParts::in(path_);
+  // What is still to be undone counts for nobody: other blocks will have its revision.
+  if (parts.size() > 1) requireWhole();
+  return parts.revisions();
 }
 
 std::unique_ptr<IndexReader> IndexReaders::takeIdle() {
@@ -26,13 +34,33 @@ std::unique_ptr<IndexReader> IndexReaders::takeIdle() {
 // A handle for an index that has been replaced must not be refreshed: it would take the new files
 // for its own.
 void IndexReaders::refresh(std::unique_ptr<IndexReader>& reader) {
+  // While several databases are being changed, whoever sees what was there before need not wait.
+  if (reader && reader->isInParts() && reader->state() == state_) return;
   DescriptorBudget::Share descriptors(limits_.descriptors.get());
   // Others may have to close something for that, so no lock is held.
-  if (!reader) descriptors.add(IndexReader::kDescriptors);
+  if (!reader) descriptors.add(IndexReader::kDescriptors * IndexParts::in(path_).size());
+  // How many databases there are is known for sure when one of them has been opened.
+  std::optional<ChangeGate::Opening> opening;
+  if (!reader || reader->isInParts()) opening.emplace(changes_);
   const std::shared_lock staying(exchangeMutex_);
-  if (reader && reader->generation() == generation_) return reader->refresh();
-  if (reader) descriptors = reader->takeDescriptors();
-  reader = std::make_unique<IndexReader>(path_, std::move(descriptors), generation_);
+  if (opening) requireWhole();
+  if (reader && reader->generation() == generation_) {
+    reader->refresh();
+  } else {
+    if (reader) descriptors = reader->takeDescriptors();
+    reader =
+        std::make_unique<IndexReader>(IndexParts::in(path_), std::move(descriptors), generation_);
+  }
+  reader->setState(state_);
+}
+
+bool IndexReaders::isWhole() const { return !IndexUndo::isPending(path_.parent_path()); }
+
+void IndexReaders::requireWhole() const {
+  if (isWhole()) return;
+  throw ServerError(ErrorKind::StorageFailed,
+                    "an update of " + path_.string() +
+                        " has failed and could not be undone; the next updateIndex tries again");
 }
 
 // Places in results name the generation, and must not be taken for those of an index that another

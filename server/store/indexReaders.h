@@ -2,15 +2,18 @@
 
 #include <xapian.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
+#include <span>
 #include <utility>
 #include <vector>
 
+#include "server/store/changeGate.h"
 #include "server/store/commitGate.h"
 #include "server/store/indexLimits.h"
 #include "server/store/indexReader.h"
@@ -41,21 +44,44 @@ class IndexReaders {
   /// overtaken once more as long as that changes.
   template <typename Work, typename Progress>
   auto run(const Work& work, const Progress& progress) {
-    std::unique_ptr<IndexReader> reader = takeIdle();
-    for (int attempt = 1;; ++attempt) {
-      CommitGate::Hold hold;
-      if (attempt > kFreeAttempts) hold = commits_.hold();
-      const auto before = progress();
-      try {
-        refresh(reader);
-        auto result = work(*reader);
-        giveBack(std::move(reader));
-        return result;
-      } catch (const Xapian::DatabaseModifiedError&) {
-        if (hold && progress() == before) throw;
-      }
-    }
+    IndexReaders* const only = this;
+    return attempts(
+        std::span(&only, 1), [&](const Handles& handles) { return work(*handles.front()); },
+        progress);
   }
+
+  using Handles = std::vector<std::unique_ptr<IndexReader>>;
+
+  /// Runs `work` with a handle of each index, in their order. Everybody gives indexes in the same
+  /// order: whoever holds up the commits of one may wait for a commit of the next.
+  template <typename Work>
+  static auto runTogether(std::span<IndexReaders* const> indexes, const Work& work) {
+    return attempts(indexes, work, [] { return 0; });
+  }
+
+  /// Calls `commit`, which changes several databases of the index. No handle is opened or refreshed
+  /// meanwhile, so that none sees one of them newer than another; those that see what was there
+  /// before go on.
+  template <typename Commit>
+  void publish(const Commit& commit) {
+    const ChangeGate::Change change(changes_);
+    settled_ = false;
+    try {
+      commit();
+      settled_ = true;
+    } catch (...) {
+      // Until that has been undone, handles that see what was there before are all that there is.
+      if (isWhole()) ++state_;
+      throw;
+    }
+    ++state_;
+  }
+
+  /// Whether the last change of several databases is complete or undone, also after a crash: not if
+  /// publish() has failed, nor before it is called, since another process may have failed. Both
+  /// belong to whoever calls publish().
+  bool isSettled() const { return settled_; }
+  void settle() { settled_ = true; }
 
   /// Calls `exchange`, which puts another index in the place of this one. No handle is opened or
   /// refreshed meanwhile, and none of the earlier index is used again.
@@ -65,6 +91,7 @@ class IndexReaders {
       const std::unique_lock exchanging(exchangeMutex_);
       // Also if a later step fails: the files may be others by then.
       ++generation_;
+      ++state_;
       exchange();
     }
     release();
@@ -72,15 +99,44 @@ class IndexReaders {
 
   /// What writers have to pass.
   CommitGate& commits() { return commits_; }
-  /// That of the last transaction. Commits wait meanwhile.
-  std::uint64_t revision();
+  /// Those of the last transaction. Commits wait meanwhile.
+  IndexRevisions revisions();
 
   /// Closes the idle ones.
   void release();
 
  private:
+  template <typename Work, typename Progress>
+  static auto attempts(std::span<IndexReaders* const> indexes, const Work& work,
+                       const Progress& progress) {
+    Handles handles;
+    for (IndexReaders* const index : indexes) handles.push_back(index->takeIdle());
+    for (int attempt = 1;; ++attempt) {
+      std::vector<CommitGate::Hold> holds;
+      if (attempt > kFreeAttempts) {
+        for (IndexReaders* const index : indexes) holds.push_back(index->commits_.hold());
+      }
+      const auto before = progress();
+      try {
+        for (std::size_t i = 0; i < indexes.size(); ++i) indexes[i]->refresh(handles[i]);
+        auto result = work(std::as_const(handles));
+        for (std::size_t i = 0; i < indexes.size(); ++i) {
+          indexes[i]->giveBack(std::move(handles[i]));
+        }
+        return result;
+      } catch (const Xapian::DatabaseModifiedError&) {
+        if (!holds.empty() && progress() == before) throw;
+        for (const auto& handle : handles) {
+          if (handle) handle->setState(0);
+        }
+      }
+    }
+  }
+
   std::unique_ptr<IndexReader> takeIdle();
   void refresh(std::unique_ptr<IndexReader>& reader);
+  bool isWhole() const;
+  void requireWhole() const;
   void giveBack(std::unique_ptr<IndexReader> reader);
 
   static std::uint64_t anyNumber();
@@ -88,10 +144,15 @@ class IndexReaders {
   const std::filesystem::path path_;
   const IndexLimits& limits_;
   CommitGate commits_;
+  // What changes several databases passes it, and whoever opens or refreshes a handle for them.
+  ChangeGate changes_;
   // Held shared while a handle is opened or refreshed, so that the index does not change places
   // with another one meanwhile. Guards generation_.
   std::shared_mutex exchangeMutex_;
   std::uint64_t generation_ = anyNumber();
+  // How many states of the index there have been, as far as they are counted.
+  std::atomic<std::uint64_t> state_ = 1;
+  bool settled_ = false;
   std::mutex mutex_;
   std::vector<std::unique_ptr<IndexReader>> idle_;  // Guarded by mutex_.
 };

@@ -4,8 +4,11 @@
 #include <vector>
 
 #include "server/base/errors.h"
+#include "server/store/directory.h"
 #include "server/store/engineErrors.h"
 #include "server/store/files.h"
+#include "server/store/indexParts.h"
+#include "server/store/indexReader.h"
 #include "server/store/indexSums.h"
 #include "server/store/indexWriter.h"
 #include "server/store/textAnalysis.h"
@@ -36,7 +39,7 @@ void placeIndex(const fs::path& collection) {
   if (!fs::exists(fresh)) return;
   const fs::path index = indexIn(collection);
   if (fs::exists(index)) {
-    fs::remove_all(replacedIn(collection));
+    removeTree(replacedIn(collection));
     fs::rename(index, replacedIn(collection));
     syncDirectory(collection);
   }
@@ -56,16 +59,23 @@ void placeSums(const fs::path& collection) {
 IndexRebuild::IndexRebuild(fs::path collection, const IndexLimits& limits)
     : collection_(std::move(collection)), limits_(limits) {
   const fs::path directory = incompleteIn(collection_);
-  fs::remove_all(directory);
+  removeTree(directory);
   fs::create_directory(directory);
-  const Xapian::Database earlier(indexIn(collection_).string());
-  IndexWriter::create(indexIn(directory), TextAnalysis(earlier).form());
+  const IndexParts parts = IndexParts::in(indexIn(collection_));
+  IndexForm form = TextAnalysis(Xapian::Database(parts.paths().front().string())).form();
+  form.parts = parts.size();
+  IndexWriter::create(directory, form);
+  for (const fs::path& part : parts.paths()) all_ += Xapian::Database(part.string()).get_doccount();
 }
 
 // The database is opened for one step only: of all indexes that take turns only as many are open as
 // there are threads.
 bool IndexRebuild::step(const StopCheck& stop) {
-  const Xapian::Database earlier(indexIn(collection_).string());
+  const IndexParts parts = IndexParts::in(indexIn(collection_));
+  DescriptorBudget::Share descriptors(limits_.descriptors.get());
+  // The process keeps what one database takes.
+  descriptors.add(IndexReader::kDescriptors * (parts.size() - 1));
+  const Xapian::Database earlier = parts.open();
   auto next = earlier.postlist_begin("");
   const auto end = earlier.postlist_end("");
   if (next != end) next.skip_to(last_ + 1);
@@ -77,7 +87,8 @@ bool IndexRebuild::step(const StopCheck& stop) {
     bytes += bytesOf(changes.back());
     last_ = *next;
   }
-  IndexWriter writer(indexIn(incompleteIn(collection_)), limits_, stop);
+  // Nobody searches it yet.
+  IndexWriter writer(incompleteIn(collection_), limits_, stop);
   writer.apply(changes);
   const std::vector<ParseOutcome> refused = writer.takeRefused();
   if (!refused.empty()) {
@@ -86,13 +97,14 @@ bool IndexRebuild::step(const StopCheck& stop) {
                           " cannot be brought into the present form of the index: " +
                           refused.front().messageText);
   }
+  done_ += changes.size();
   return next != end;
 }
 
 void IndexRebuild::decide() {
   const fs::path directory = incompleteIn(collection_);
-  IndexSums::create(directory, Xapian::Database(indexIn(directory).string()).get_revision());
-  fs::remove_all(completeIn(collection_));
+  IndexSums::create(directory, IndexParts::in(indexIn(directory)).revisions());
+  removeTree(completeIn(collection_));
   fs::rename(directory, completeIn(collection_));
   syncDirectory(collection_);
 }
@@ -111,7 +123,7 @@ bool IndexRebuild::isDispensable(const fs::path& collection, const fs::path& nam
 
 void IndexRebuild::giveUp() noexcept {
   try {
-    fs::remove_all(incompleteIn(collection_));
+    removeTree(incompleteIn(collection_));
   } catch (const std::exception&) {
     // The next attempt removes it, or the next opening.
   }
@@ -121,13 +133,13 @@ void IndexRebuild::finish(const fs::path& collection) {
   if (!isDecided(collection)) return;
   placeIndex(collection);
   placeSums(collection);
-  fs::remove_all(completeIn(collection));
+  removeTree(completeIn(collection));
   syncDirectory(collection);
 }
 
 void IndexRebuild::clear(const fs::path& collection) {
-  fs::remove_all(incompleteIn(collection));
-  fs::remove_all(replacedIn(collection));
+  removeTree(incompleteIn(collection));
+  removeTree(replacedIn(collection));
 }
 
 }  // namespace corvaned

@@ -2,6 +2,7 @@
 
 #include <xapian.h>
 
+#include <cstdint>
 #include <filesystem>
 
 #include "server/store/indexLimits.h"
@@ -25,6 +26,9 @@ class IndexRebuild {
   /// Takes over some more documents. Returns whether there are others. Throws if one cannot be
   /// read; the earlier index is then as it was.
   bool step(const StopCheck& stop);
+  /// How many documents have been taken over, and how many there are.
+  std::uint64_t done() const { return done_; }
+  std::uint64_t all() const { return all_; }
   /// Decides, durably, for the new index. finish() does what is left to do.
   void decide();
   static bool isDecided(const std::filesystem::path& collection);
@@ -44,6 +48,8 @@ class IndexRebuild {
   const std::filesystem::path collection_;
   const IndexLimits limits_;
   Xapian::docid last_ = 0;
+  std::uint64_t done_ = 0;
+  std::uint64_t all_ = 0;
 };
 
 }  // namespace corvaned

@@ -30,18 +30,26 @@ class IndexSalvage {
 
   /// Nothing if it cannot be read.
   std::optional<IndexForm> form() const;
+  /// How many databases share the documents.
+  std::size_t parts() const { return databases_.size(); }
 
   using DocumentVisitor = std::function<void(Document&& document)>;
-  /// The number of a document that is lost, and its key, which is empty if it is lost as well. All
-  /// are lost of a collection that does not keep texts.
-  using LossVisitor = std::function<void(std::uint64_t number, const std::string& key)>;
+  /// A document that is lost: in which database, and there the number and the key, which is empty
+  /// if it is lost as well. All are lost of a collection that does not keep texts.
+  using LossVisitor =
+      std::function<void(std::size_t part, std::uint64_t number, const std::string& key)>;
   void read(const DocumentVisitor& onDocument, const LossVisitor& onLoss) const;
 
  private:
+  void undoLastChange(const std::filesystem::path& collection) const;
   void refuseBlocks(const std::filesystem::path& collection,
                     const std::vector<Damage>& damage) const;
+  void readFrom(std::size_t part, bool keepsText, const DocumentVisitor& onDocument,
+                const LossVisitor& onLoss) const;
 
   const std::filesystem::path work_;
+  // Those of the copy.
+  std::vector<std::filesystem::path> databases_;
 };
 
 }  // namespace corvaned

@@ -46,35 +46,30 @@ class IndexScheduler::Threads {
         const std::lock_guard removing(mutex_);
         timers_.erase(timer);
       }
-      if (!error) tryToBegin(begin);
+      if (!error) carryOut(begin);
     });
   }
 
  private:
   // At the end of the queue, behind everybody else's next step.
   void append(const std::shared_ptr<Step>& step) {
-    asio::post(pool_, [this, step] { carryOut(step); });
+    asio::post(pool_, [this, step] {
+      carryOut([&] {
+        if ((*step)()) append(step);
+      });
+    });
   }
 
   // An exception that left this thread would end the process; and work that was given up would
   // leave those who wait for its end without an answer.
-  void carryOut(const std::shared_ptr<Step>& step) {
+  static void carryOut(const std::function<void()>& work) {
     for (;;) {
       try {
-        if ((*step)()) append(step);
-        return;
+        return work();
       } catch (const std::exception& error) {
         spdlog::error("failure: action=\"index\" reason={}; another attempt follows", error.what());
       }
       std::this_thread::sleep_for(kPause);
-    }
-  }
-
-  static void tryToBegin(const std::function<void()>& begin) {
-    try {
-      begin();
-    } catch (const std::exception& error) {
-      spdlog::error("failure: action=\"index\" reason={}", error.what());
     }
   }
 

@@ -22,7 +22,7 @@ class IndexScheduler {
   IndexScheduler& operator=(const IndexScheduler&) = delete;
 
   void run(Step step);
-  /// Calls `begin` after that time. What it throws only appears in the log.
+  /// Calls `begin` after that time. If it throws it is called again after a pause.
   void later(std::chrono::milliseconds time, std::function<void()> begin);
 
   /// Returns when all work has ended, which may still use this object until then. What was to begin

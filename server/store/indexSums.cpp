@@ -11,6 +11,7 @@
 
 #include "server/base/bytes.h"
 #include "server/store/checksum.h"
+#include "server/store/directory.h"
 
 namespace corvaned {
 namespace {
@@ -18,6 +19,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::string_view kMagic = "KRS1";
+constexpr std::string_view kMagicOfParts = "KRS2";
 constexpr const char* kVersionFile = "iamglass";
 constexpr std::size_t kRevisionBytes = 4;
 constexpr std::size_t kSlice = 128 * kTableBlock;
@@ -26,22 +28,40 @@ std::string readWhole(const std::filesystem::path& path) {
   return readAt(openFile(path, O_RDONLY), 0, std::filesystem::file_size(path), path);
 }
 
+bool isVersionFile(const std::filesystem::path& name) { return name.filename() == kVersionFile; }
+
 std::uint64_t blocksOf(std::uint64_t size) {
   return size / kTableBlock + (size % kTableBlock == 0 ? 0 : 1);
 }
 
-std::uint32_t revisionOf(std::string_view block) {
+std::uint32_t revisionIn(std::string_view block) {
   return block.size() < kRevisionBytes ? 0 : loadU32(block);
 }
 
+// Whole, as their checksum says, so nothing can be missing.
+IndexRevisions takeRevisions(ByteReader& reader, bool inParts) {
+  if (!inParts) return {{std::string(), loadU64(*reader.take(8))}};
+  IndexRevisions revisions;
+  for (std::uint32_t left = *reader.u32(); left > 0; --left) {
+    const std::string directory(*reader.take(*reader.u32()));
+    revisions[directory] = loadU64(*reader.take(8));
+  }
+  return revisions;
+}
+
 }  // namespace
+
+std::uint64_t revisionOf(const IndexRevisions& revisions, const std::filesystem::path& table) {
+  const auto found = revisions.find(table.parent_path().string());
+  return found == revisions.end() ? 0 : found->second;
+}
 
 std::uint32_t blockRevisionAt(const FileHandle& file, std::uint64_t place,
                               const std::filesystem::path& path) {
   std::array<char, kRevisionBytes> bytes{};
   const ssize_t got = ::pread(file.get(), bytes.data(), bytes.size(), static_cast<off_t>(place));
   if (got < 0) throwSystemError("cannot read", path);
-  return revisionOf({bytes.data(), static_cast<std::size_t>(got)});
+  return revisionIn({bytes.data(), static_cast<std::size_t>(got)});
 }
 
 std::filesystem::path IndexSums::pathIn(const std::filesystem::path& collection) {
@@ -63,28 +83,30 @@ IndexSums::IndexSums(std::filesystem::path collection) : collection_(std::move(c
   decode(readWhole(path), path);
 }
 
-IndexSums IndexSums::create(const std::filesystem::path& collection, std::uint64_t revision) {
+IndexSums IndexSums::create(const std::filesystem::path& collection,
+                            const IndexRevisions& revisions) {
   IndexSums sums(collection, Fresh{});
   sums.changing_ = true;
-  sums.endChange(revision);
+  sums.endChange(revisions);
   return sums;
 }
 
 void IndexSums::decode(std::string_view bytes, const std::filesystem::path& path) {
   const std::size_t end = bytes.size() < kMagic.size() + 4 ? 0 : bytes.size() - 4;
-  if (end == 0 || !bytes.starts_with(kMagic) ||
+  const bool inParts = bytes.starts_with(kMagicOfParts);
+  if (end == 0 || !(inParts || bytes.starts_with(kMagic)) ||
       checksumOf(bytes.substr(0, end)) != loadU32(bytes.substr(end))) {
     throwDamaged({path, 0, "the checksums of the index cannot be read"});
   }
   // Whole, as the checksum says, so nothing in it can be missing.
   ByteReader reader(bytes.substr(kMagic.size(), end - kMagic.size()));
-  revision_ = loadU64(*reader.take(8));
+  revisions_ = takeRevisions(reader, inParts);
   reader.u32();
   for (std::uint32_t left = *reader.u32(); left > 0; --left) {
     const std::string name(*reader.take(*reader.u32()));
     FileSums& sums = files_[name];
     sums.size = loadU64(*reader.take(8));
-    if (name == kVersionFile) {
+    if (isVersionFile(name)) {
       sums.content = *reader.take(*reader.u32());
     } else {
       sums.blocks.resize(blocksOf(sums.size));
@@ -94,14 +116,19 @@ void IndexSums::decode(std::string_view bytes, const std::filesystem::path& path
 }
 
 std::string IndexSums::encoded() const {
-  std::string bytes(kMagic);
-  appendU64(bytes, revision_);
+  const bool inParts = !revisions_.contains({});
+  std::string bytes(inParts ? kMagicOfParts : kMagic);
+  if (inParts) appendU32(bytes, static_cast<std::uint32_t>(revisions_.size()));
+  for (const auto& [directory, revision] : revisions_) {
+    if (inParts) appendText(bytes, directory);
+    appendU64(bytes, revision);
+  }
   appendU32(bytes, kTableBlock);
   appendU32(bytes, static_cast<std::uint32_t>(files_.size()));
   for (const auto& [name, sums] : files_) {
     appendText(bytes, name);
     appendU64(bytes, sums.size);
-    if (name == kVersionFile) {
+    if (isVersionFile(name)) {
       appendText(bytes, sums.content);
     } else {
       for (const std::uint32_t block : sums.blocks) appendU32(bytes, block);
@@ -118,24 +145,22 @@ void IndexSums::verify(const Visitor& onDamage, const StopCheck& stop) {
   cost_ = verified_ - start;
 }
 
-void IndexSums::verify() {
-  verify(throwDamaged, [] {});
-}
+void IndexSums::verify(const StopCheck& stop) { verify(throwDamaged, stop); }
 
-void IndexSums::verifyIfDue() {
+void IndexSums::verifyIfDue(const StopCheck& stop) {
   constexpr std::uint64_t kSmall = std::uint64_t{4} << 20U;
   constexpr int kShareOfTime = 20;
   std::uint64_t bytes = 0;
   for (const auto& [name, sums] : files_) bytes += sums.size;
-  if (bytes <= kSmall || Clock::now() - verified_ >= kShareOfTime * cost_) verify();
+  if (bytes <= kSmall || Clock::now() - verified_ >= kShareOfTime * cost_) verify(stop);
 }
 
 void IndexSums::verifyFile(const std::string& name, const FileSums& sums, const Visitor& onDamage,
                            const StopCheck& stop) const {
   const std::filesystem::path path = indexPath() / name;
   if (!std::filesystem::exists(path)) return onDamage({path, 0, "the file is missing"});
-  if (name == kVersionFile) return verifyContent(path, sums, onDamage);
-  verifyBlocks(path, sums, onDamage, stop);
+  if (isVersionFile(name)) return verifyContent(path, sums, onDamage);
+  verifyBlocks(name, sums, onDamage, stop);
 }
 
 void IndexSums::verifyContent(const std::filesystem::path& path, const FileSums& sums,
@@ -149,8 +174,10 @@ void IndexSums::verifyContent(const std::filesystem::path& path, const FileSums&
             "it differs from its copy in the checksums"});
 }
 
-void IndexSums::verifyBlocks(const std::filesystem::path& path, const FileSums& sums,
-                             const Visitor& onDamage, const StopCheck& stop) const {
+void IndexSums::verifyBlocks(const std::string& name, const FileSums& sums, const Visitor& onDamage,
+                             const StopCheck& stop) const {
+  const std::filesystem::path path = indexPath() / name;
+  const std::uint64_t revision = revisionOf(revisions_, name);
   const FileHandle file = openFile(path, O_RDONLY);
   std::string slice;
   for (std::size_t i = 0; i < sums.blocks.size(); ++i) {
@@ -163,7 +190,7 @@ void IndexSums::verifyBlocks(const std::filesystem::path& path, const FileSums& 
     const std::uint64_t known = std::min<std::uint64_t>(kTableBlock, sums.size - place);
     const std::string_view block = std::string_view(slice).substr(start, known);
     if (checksumOf(block) == sums.blocks[i] && block.size() == known) continue;
-    if (changing_ && isNewer(block)) continue;
+    if (changing_ && revisionIn(block) > revision) continue;
     onDamage(
         {path, place,
          block.size() < known ? "the file is cut off" : "the block differs from its checksum"});
@@ -173,8 +200,6 @@ void IndexSums::verifyBlocks(const std::filesystem::path& path, const FileSums& 
     onDamage({path, sums.size, fmt::format("the file has {} bytes too many", size - sums.size)});
   }
 }
-
-bool IndexSums::isNewer(std::string_view block) const { return revisionOf(block) > revision_; }
 
 void IndexSums::beginChange() {
   if (isChanging()) return;
@@ -186,38 +211,41 @@ void IndexSums::beginChange() {
 
 // If the index cannot be read to its end, everything stays as it was: another attempt has to find
 // the same blocks new.
-void IndexSums::endChange(std::uint64_t revision) {
+void IndexSums::endChange(const IndexRevisions& revisions) {
   std::map<std::string, FileSums> files = files_;
   readIndex(files);
   files_.swap(files);
-  revision_ = revision;
+  revisions_ = revisions;
   write();
 }
 
 void IndexSums::readIndex(std::map<std::string, FileSums>& files) const {
-  for (const auto& entry : std::filesystem::directory_iterator(indexPath())) {
-    const std::string name = entry.path().filename().string();
-    if (name != kVersionFile && !name.ends_with(kTableSuffix)) continue;
+  TreeReader reader(indexPath());
+  while (const auto entry = reader.next()) {
+    const std::string name = entry->path.lexically_relative(indexPath()).string();
+    if (!isVersionFile(name) && !name.ends_with(kTableSuffix)) continue;
     FileSums& sums = files[name];
-    if (name == kVersionFile) {
-      sums.content = readWhole(entry.path());
+    if (isVersionFile(name)) {
+      sums.content = readWhole(entry->path);
       sums.size = sums.content.size();
     } else {
-      readBlocks(entry.path(), sums);
+      readBlocks(name, sums);
     }
   }
 }
 
 // Only blocks that the engine has written since. The others keep their checksums, so that damage in
 // them stays visible.
-void IndexSums::readBlocks(const std::filesystem::path& path, FileSums& sums) const {
+void IndexSums::readBlocks(const std::string& name, FileSums& sums) const {
+  const std::filesystem::path path = indexPath() / name;
+  const std::uint64_t revision = revisionOf(revisions_, name);
   const FileHandle file = openFile(path, O_RDONLY);
   const std::size_t known = sums.blocks.size();
   sums.size = std::filesystem::file_size(path);
   sums.blocks.resize(blocksOf(sums.size));
   for (std::size_t i = 0; i < sums.blocks.size(); ++i) {
     const std::uint64_t place = std::uint64_t{i} * kTableBlock;
-    if (i < known && blockRevisionAt(file, place, path) <= revision_) continue;
+    if (i < known && blockRevisionAt(file, place, path) <= revision) continue;
     sums.blocks[i] = checksumOf(readAt(file, place, kTableBlock, path));
   }
 }

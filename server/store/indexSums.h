@@ -21,6 +21,13 @@ namespace corvaned {
 constexpr std::string_view kTableSuffix = ".glass";
 constexpr std::size_t kTableBlock = 8192;
 
+/// The revision of each database of an index, by its directory in there: none if it is the only
+/// one.
+using IndexRevisions = std::map<std::string, std::uint64_t>;
+
+/// That of the database which has the table, a path within the index; 0 if it is not known.
+std::uint64_t revisionOf(const IndexRevisions& revisions, const std::filesystem::path& table);
+
 /// The revision of the block that begins at `place`; 0 if there is none.
 std::uint32_t blockRevisionAt(const FileHandle& file, std::uint64_t place,
                               const std::filesystem::path& path);
@@ -38,8 +45,12 @@ std::uint32_t blockRevisionAt(const FileHandle& file, std::uint64_t place,
 ///     12  4  size of a block
 ///     16  4  number of files; then for each file: its name with a 4-byte length in front, its size
 ///            (8 bytes), the CRC-32 of each of its blocks (4 bytes each); and instead of the latter
-///            the whole content, with a 4-byte length in front, for the file "iamglass"
+///            the whole content, with a 4-byte length in front, for a file "iamglass"
 ///     end 4  CRC-32 of everything before
+///
+/// If the index has several databases, the file begins with "KRS2". In place of the revision comes
+/// the number of databases (4 bytes), and for each its directory, with a 4-byte length in front,
+/// and its revision (8 bytes).
 ///
 /// Used by one thread at a time. Errors are ServerError(StorageFailed).
 class IndexSums {
@@ -51,24 +62,24 @@ class IndexSums {
   /// Reads the checksums. Throws if they are damaged.
   explicit IndexSums(std::filesystem::path collection);
   /// Makes checksums of the index as it is, durably.
-  static IndexSums create(const std::filesystem::path& collection, std::uint64_t revision);
+  static IndexSums create(const std::filesystem::path& collection, const IndexRevisions& revisions);
 
   /// Reads the whole index and passes on every block that is not as it was written.
   void verify(const Visitor& onDamage, const StopCheck& stop);
   /// Throws for the first damage.
-  void verify();
+  void verify(const StopCheck& stop = [] {});
   /// The same, but reads a large index only if that costs little of the time since it was last
   /// read.
-  void verifyIfDue();
+  void verifyIfDue(const StopCheck& stop);
 
   /// Whether beginChange() has been called and endChange() has not.
   bool isChanging() const { return changingOnDisk_; }
   /// Comes before a change of the index. Durable when it returns.
   void beginChange();
   /// The change is on disk; makes the new checksums durable. May be repeated if it throws.
-  void endChange(std::uint64_t revision);
+  void endChange(const IndexRevisions& revisions);
 
-  /// The content that the file must have, if it is one that is kept whole.
+  /// The content that the file, a path within the index, must have if it is one that is kept whole.
   std::optional<std::string> contentOf(const std::string& file) const;
 
   /// The memory that they take.
@@ -92,18 +103,17 @@ class IndexSums {
   void decode(std::string_view bytes, const std::filesystem::path& path);
   std::string encoded() const;
   void readIndex(std::map<std::string, FileSums>& files) const;
-  void readBlocks(const std::filesystem::path& path, FileSums& sums) const;
+  void readBlocks(const std::string& name, FileSums& sums) const;
   void write();
   void verifyFile(const std::string& name, const FileSums& sums, const Visitor& onDamage,
                   const StopCheck& stop) const;
   void verifyContent(const std::filesystem::path& path, const FileSums& sums,
                      const Visitor& onDamage) const;
-  void verifyBlocks(const std::filesystem::path& path, const FileSums& sums,
-                    const Visitor& onDamage, const StopCheck& stop) const;
-  bool isNewer(std::string_view block) const;
+  void verifyBlocks(const std::string& name, const FileSums& sums, const Visitor& onDamage,
+                    const StopCheck& stop) const;
 
   std::filesystem::path collection_;
-  std::uint64_t revision_ = 0;
+  IndexRevisions revisions_;
   std::map<std::string, FileSums> files_;
   // What the name of the file says, and whether that is known to be on disk.
   bool changing_ = false;

@@ -24,13 +24,9 @@ class IndexUpdate {
   /// it throws, part of the changes may be in the index, and bringing all of them in again is safe.
   bool step();
 
-  struct Progress {
-    /// How many changes have been brought in, and how many there are. While they are being counted:
-    /// none, and how many have been found.
-    std::uint64_t done = 0;
-    std::uint64_t all = 0;
-  };
-  Progress progress() const { return {counted_ ? position_ : 0, all_}; }
+  /// How many changes have been brought in, and how many there are. While they are being counted:
+  /// none, and how many have been found.
+  IndexProgress progress() const { return {counted_ ? position_ : 0, all_}; }
 
   /// The documents that the index refused.
   std::vector<ParseOutcome>& refused() { return refused_; }

@@ -1,54 +1,68 @@
 #pragma once
 
-#include <xapian.h>
-
-#include <cstdint>
+#include <cstddef>
+#include <exception>
 #include <filesystem>
-#include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "server/store/change.h"
-#include "server/store/commitGate.h"
 #include "server/store/indexLimits.h"
-#include "server/store/textAnalysis.h"
-#include "server/store/xapianSchema.h"
+#include "server/store/indexParts.h"
+#include "server/store/partWriter.h"
 
 namespace corvaned {
 
-/// Applies changes to a database in batches. Used by one thread at a time.
+class IndexReaders;
+
+/// Applies changes to an index in batches. Several databases are written at the same time, as far
+/// as there are threads for that. Used by one thread at a time.
 class IndexWriter {
  public:
-  /// Makes an empty database there, durably, and returns its revision.
-  static std::uint64_t create(const std::filesystem::path& path, const IndexForm& form);
+  /// Makes an empty index in the directory of a collection, durably, and returns its revisions.
+  static IndexRevisions create(const std::filesystem::path& collection, const IndexForm& form);
 
-  /// `stop` throws to end a batch between two changes, or while its commit waits to pass the gate.
-  /// Null: nobody searches the database.
-  IndexWriter(std::filesystem::path path, const IndexLimits& limits, const StopCheck& stop,
-              CommitGate* gate = nullptr)
-      : path_(std::move(path)), limits_(limits), stop_(stop), gate_(gate) {}
+  /// `stop` throws to end a batch between two changes, on any thread, or while its commit waits for
+  /// those who hold commits up. `readers`: who searches the index; null: nobody. All of them must
+  /// outlive the object.
+  IndexWriter(std::filesystem::path collection, const IndexLimits& limits, const StopCheck& stop,
+              IndexReaders* readers = nullptr);
 
-  /// Applies the changes in one transaction, durably, but for documents that the database refuses.
+  /// Applies the changes in one transaction, durably, but for documents that the index refuses.
   /// Throws if the storage fails.
   void apply(std::span<const Change> changes);
 
   std::vector<ParseOutcome> takeRefused() { return std::move(refused_); }
 
  private:
-  void commit(std::span<const Change> changes);
-  void applyOne(const Change& change);
-  void open();
+  /// The changes of one database.
+  struct Share {
+    PartWriter* writer;
+    std::vector<const Change*> changes;
+  };
 
-  const std::filesystem::path path_;
+  void commit(std::span<const Change> changes);
+  void open();
+  void finishLast();
+  std::vector<Share> sharesOf(std::span<const Change> changes);
+  void publish(const std::vector<Share>& shares);
+  void commitTogether(const std::vector<Share>& shares);
+  void takeBack(const std::exception_ptr& failure);
+  void close();
+
+  const std::filesystem::path collection_;
+  const IndexParts parts_;
   const IndexLimits& limits_;
   const StopCheck& stop_;
-  CommitGate* const gate_;
-  // After an exception the handle is discarded: it has lost its uncommitted changes, yet a later
-  // commit on it would report success.
-  std::optional<Xapian::WritableDatabase> database_;
-  TextAnalysis analysis_;
+  IndexReaders* const readers_;
+  // Declared before the writers, so that they are given back when these are closed.
+  DescriptorBudget::Share descriptors_;
+  std::vector<PartWriter> writers_;
+  // What every database has.
   IndexNames names_;
+  bool open_ = false;
   std::vector<ParseOutcome> refused_;
 };
 

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "server/base/errors.h"
+#include "server/store/directory.h"
 
 namespace corvaned {
 namespace {
@@ -59,8 +60,9 @@ void JournalScan::openMark() {
 
 std::vector<std::uint64_t> JournalScan::segmentsOnDisk() const {
   std::vector<std::uint64_t> found;
-  for (const auto& entry : std::filesystem::directory_iterator(directory_)) {
-    const std::string name = entry.path().filename().string();
+  DirectoryReader reader(directory_);
+  while (const auto entry = reader.next()) {
+    const std::string name = entry->path.filename().string();
     if (!name.starts_with(kFilePrefix)) continue;
     std::uint64_t number = 0;
     const char* end = name.data() + name.size();

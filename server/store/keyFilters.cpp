@@ -32,14 +32,15 @@ Xapian::Query amongKeys(const Xapian::Query& query, const std::vector<std::strin
           Xapian::Query(Xapian::Query::OP_OR, terms.begin(), terms.end())};
 }
 
-// The list of documents that the engine opens for each term takes a block of memory.
+// The list of documents that each database opens for each term takes a block of memory.
 constexpr std::size_t kMostTerms = 500;
 
 /// Matches every document that is not hidden. It looks at the key of each candidate, which takes
 /// the same memory for any number of keys.
 class Unhidden : public Xapian::PostingSource {
  public:
-  explicit Unhidden(Hidden hidden) : hidden_(std::move(hidden)) {}
+  Unhidden(Hidden hidden, std::size_t databases)
+      : hidden_(std::move(hidden)), databases_(databases) {}
 
   // More keys may come, and the index need not have those that there are: only a look-up of each
   // would tell.
@@ -49,7 +50,9 @@ class Unhidden : public Xapian::PostingSource {
 
   void init(const Xapian::Database& database) override {
     most_ = database.get_doccount();
-    least_ = most_ - static_cast<Xapian::doccount>(std::min<std::size_t>(most_, hidden_->size()));
+    // Each of several databases has as many of them as the others, more or less.
+    const std::size_t hidden = hidden_->size() / databases_;
+    least_ = most_ - static_cast<Xapian::doccount>(std::min<std::size_t>(most_, hidden));
     // Each document has a value there.
     place_ = database.valuestream_begin(kKeySlot);
     end_ = database.valuestream_end(kKeySlot);
@@ -68,7 +71,7 @@ class Unhidden : public Xapian::PostingSource {
   bool at_end() const override { return place_ == end_; }
   Xapian::docid get_docid() const override { return place_.get_docid(); }
   // Each of several databases gets one of its own.
-  Unhidden* clone() const override { return new Unhidden(hidden_); }
+  Unhidden* clone() const override { return new Unhidden(hidden_, databases_); }
   std::string get_description() const override { return "Unhidden"; }
 
  private:
@@ -80,6 +83,7 @@ class Unhidden : public Xapian::PostingSource {
   }
 
   const Hidden hidden_;
+  const std::size_t databases_;
   Xapian::doccount least_ = 0;
   Xapian::doccount most_ = 0;
   Xapian::ValueIterator place_;
@@ -89,12 +93,14 @@ class Unhidden : public Xapian::PostingSource {
 
 }  // namespace
 
-Xapian::Query withoutHidden(const Xapian::Query& query, const Hidden& hidden) {
+Xapian::Query withoutHidden(const Xapian::Query& query, const Hidden& hidden,
+                            std::size_t databases) {
   if (query.empty() || !hidden) return query;
   const std::size_t count = hidden->size();
   if (count == 0) return query;
-  if (count > kMostTerms) {
-    return {Xapian::Query::OP_FILTER, query, Xapian::Query((new Unhidden(hidden))->release())};
+  if (count > kMostTerms / databases) {
+    return {Xapian::Query::OP_FILTER, query,
+            Xapian::Query((new Unhidden(hidden, databases))->release())};
   }
   std::vector<Xapian::Query> terms;
   for (const std::string& key : hidden->keys()) terms.emplace_back(identityTerm(key));

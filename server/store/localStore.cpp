@@ -9,12 +9,15 @@
 #include <limits>
 #include <new>
 #include <optional>
+#include <set>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "server/base/errors.h"
 #include "server/base/requestContext.h"
 #include "server/store/dataDirectory.h"
+#include "server/store/directory.h"
 
 namespace corvaned {
 namespace {
@@ -24,6 +27,8 @@ constexpr std::chrono::milliseconds kRestAfter{1000};
 constexpr std::size_t kOpeners = 2;
 // Up to this size a collection is opened by whoever needs it.
 constexpr std::uintmax_t kQuicklyRead = std::uintmax_t{4} << 20U;
+// How much of a reason the log tells.
+constexpr std::size_t kMaxReason = 600;
 
 std::filesystem::path prepared(std::filesystem::path directory) {
   std::error_code error;
@@ -59,13 +64,25 @@ std::filesystem::path noBackup(std::filesystem::path directory) {
   throw ServerError(ErrorKind::UnknownCollection, "there is no collection " + shown(name));
 }
 
+// What cannot be moved for good stays where it is: the client is told that it is still there.
+void moveForGood(const std::filesystem::path& path, const std::filesystem::path& destination) {
+  std::filesystem::rename(path, destination);
+  try {
+    syncDirectory(path.parent_path());
+  } catch (...) {
+    std::error_code lost;
+    std::filesystem::rename(destination, path, lost);
+    throw;
+  }
+}
+
 }  // namespace
 
 LocalStore::LocalStore(std::filesystem::path directory, StoreLimits limits,
                        const std::optional<std::filesystem::path>& backups)
     : root_(prepared(noBackup(std::move(directory)))),
       collectionsRoot_(prepared(collectionsIn(root_))),
-      limits_(std::move(limits)),
+      limits_(withHelpers(std::move(limits))),
       lock_(lockDataDirectory(root_)),
       registry_([this](const std::string& name) { return read(name); }) {
   syncDirectory(root_);
@@ -74,8 +91,26 @@ LocalStore::LocalStore(std::filesystem::path directory, StoreLimits limits,
     limits_.index.descriptors->setReclaim([this] { return registry_.closeOldest(); });
   }
   indexers_ = std::make_unique<IndexScheduler>(limits_.indexThreads);
+  const std::size_t useful =
+      std::min<std::size_t>(limits_.parts, std::thread::hardware_concurrency());
+  if (useful > limits_.indexThreads) {
+    moreIndexers_ = std::make_unique<asio::thread_pool>(useful - limits_.indexThreads);
+  }
   openers_ = std::make_unique<asio::thread_pool>(kOpeners);
   if (backups) keeper_ = std::make_unique<BackupKeeper>(*backups, house());
+}
+
+// Whoever brings an index up to date can have the threads that have nothing else to do. Work that
+// is offered to both kinds of them is done once.
+StoreLimits LocalStore::withHelpers(StoreLimits limits) {
+  limits.index.helpers = [this](const std::function<void()>& work) {
+    if (moreIndexers_) asio::post(*moreIndexers_, work);
+    indexers_->run([work] {
+      work();
+      return false;
+    });
+  };
+  return limits;
 }
 
 LocalStore::~LocalStore() {
@@ -100,6 +135,12 @@ void LocalStore::open(const std::string& name, Opened opened) {
   opening->carryOut();
 }
 
+bool LocalStore::isSettled(const std::string& name) { return registry_.isSettled(name); }
+
+void LocalStore::awaitSettled(const std::string& name, Opened settled) {
+  registry_.awaitSettled(name, std::move(settled));
+}
+
 void LocalStore::stop() { stopping_ = true; }
 
 void LocalStore::createCollection(const std::string& name, const std::string& language,
@@ -113,7 +154,7 @@ void LocalStore::createCollection(const std::string& name, const std::string& la
   // Created under a temporary name and renamed, so that a crash leaves a complete collection or
   // none.
   const std::filesystem::path temporary = freshTemporary();
-  Collection::create(temporary, {language, options}, refresh);
+  Collection::create(temporary, {language, options, limits_.parts}, refresh);
   std::filesystem::rename(temporary, path);
   syncDirectory(collectionsRoot_);
 }
@@ -136,13 +177,10 @@ void LocalStore::deleteCollection(const std::string& name) {
     if (reserved.collection()) reserved.collection()->retire(Collection::Fate::Deleted);
     reserved.forget();
     temporary = freshTemporary();
-    std::filesystem::rename(path, temporary / "deleted");
-    syncDirectory(collectionsRoot_);
+    moveForGood(path, temporary / "deleted");
     forgetOutcomes(name);
   }
-  std::error_code error;
-  std::filesystem::remove_all(temporary, error);
-  if (error) spdlog::warn("cannot remove {}: {}", temporary.string(), error.message());
+  tryToRemoveTree(temporary);
 }
 
 void LocalStore::addDocument(const std::string& name, const Document& document) {
@@ -160,7 +198,10 @@ void LocalStore::queueDocument(const std::string& name, const Document& document
 
 void LocalStore::reportOutcome(const std::string& name, ParseOutcome outcome,
                                const std::string& client) {
-  find(name)->reportOutcome(std::move(outcome), client);
+  if (registry_.isOpen(name)) return find(name)->reportOutcome(std::move(outcome), client);
+  // What is told may be that it cannot be opened.
+  if (!std::filesystem::exists(pathOf(name))) throwUnknown(name);
+  outcomesOf(name)->push(std::move(outcome), 0, client);
 }
 
 void LocalStore::deleteDocument(const std::string& name, const std::string& key, bool mustExist) {
@@ -195,26 +236,59 @@ void LocalStore::follow(Registry::Use collection, std::shared_ptr<Ticket> ticket
 
 void LocalStore::armRefresh(Collection& collection) {
   const auto time = collection.takeRefreshTime();
-  if (time) indexers_->later(*time, [this, name = collection.name()] { refresh(name); });
+  if (!time) return;
+  try {
+    indexers_->later(*time, [this, name = collection.name()] { refresh(name); });
+  } catch (...) {
+    collection.forgetRefresh();
+    throw;
+  }
 }
 
 // It may have been closed since. Others have to be indexed while a large one is opened.
 void LocalStore::refresh(const std::string& name) {
-  open(name, [this, name](const std::optional<ServerError>& failure) {
+  if (stopping_) return;
+  open(name,
+       [this, name](const std::optional<ServerError>& failure) { refreshOpened(name, failure); });
+}
+
+void LocalStore::refreshOpened(const std::string& name,
+                               const std::optional<ServerError>& failure) noexcept {
+  try {
     try {
       if (failure) throw ServerError(failure->kind(), failure->what());
       refreshOpen(name);
-    } catch (const std::exception& error) {
-      // It may have been deleted; and whoever needs it is told if it cannot be opened.
-      spdlog::debug("collection {} is not refreshed: {}", shown(name), error.what());
+    } catch (const ServerError& error) {
+      refreshAgain(name, error);
+    } catch (const std::bad_alloc&) {
+      refreshAgain(name, {ErrorKind::OutOfMemory, "there is not enough memory"});
     }
-  });
+  } catch (const std::exception&) {
+    // Whoever uses it next has it refreshed.
+    if (const auto collection = registry_.useIfOpen(name)) (*collection)->forgetRefresh();
+  }
 }
 
+// Whoever calls this may have come to close it, and is not to be the one who opens it.
 void LocalStore::refreshOpen(const std::string& name) {
-  Registry::Use collection = find(name);
-  collection->refresh();
-  startIndexing(std::move(collection));
+  auto collection = registry_.useIfOpen(name);
+  if (!collection) return refresh(name);
+  (*collection)->refresh();
+  startIndexing(std::move(*collection));
+}
+
+// What is missing for the time being is soon there again. What is wrong with it, such as damage,
+// may be put right by somebody, and to look for that takes as long as opening it.
+void LocalStore::refreshAgain(const std::string& name, const ServerError& failure) {
+  if (stopping_ || failure.kind() == ErrorKind::UnknownCollection) return;
+  const bool passes =
+      failure.kind() == ErrorKind::TryAgain || failure.kind() == ErrorKind::OutOfMemory;
+  indexers_->later(passes ? Collection::kRetryAfter : Collection::kRebuildAgainAfter,
+                   [this, name] { refresh(name); });
+  const std::string line =
+      fmt::format("failure: action=\"refresh\" collection={} error={} reason={}", shown(name),
+                  messageId(failure.kind()), shown(failure.what(), kMaxReason));
+  if (repeats_.pass(line)) spdlog::error("{}", line);
 }
 
 // The collection stays open until the work is done.
@@ -238,13 +312,21 @@ void LocalStore::startIndexing(const std::shared_ptr<Registry::Use>& collection)
 bool LocalStore::indexStep(const std::shared_ptr<Registry::Use>& collection) {
   if ((*collection)->indexStep()) return true;
   armRefresh(**collection);
-  if ((*collection)->takeRest()) {
+  armRest(collection);
+  return false;
+}
+
+void LocalStore::armRest(const std::shared_ptr<Registry::Use>& collection) {
+  if (!(*collection)->takeRest()) return;
+  try {
     indexers_->later(kRestAfter, [this, collection] {
       (*collection)->rest();
       startIndexing(collection);
     });
+  } catch (...) {
+    (*collection)->forgetRest();
+    throw;
   }
-  return false;
 }
 
 std::vector<ParseOutcome> LocalStore::takeParseOutcomes(const std::string& name,
@@ -278,6 +360,18 @@ void LocalStore::visit(const std::string& name, const SearchQuery& query,
 std::vector<HitDetails> LocalStore::details(const std::string& name, const SearchQuery& query,
                                             const DetailsWanted& wanted) {
   return find(name)->details(query, wanted);
+}
+
+// In the order of their names, so that no two searches wait for each other.
+std::vector<HitDetails> LocalStore::details(const std::vector<std::string>& names,
+                                            const SearchQuery& query, const DetailsWanted& wanted) {
+  std::vector<Registry::Use> uses;
+  std::vector<Collection*> collections;
+  for (const std::string& name : std::set<std::string>(names.begin(), names.end())) {
+    uses.push_back(find(name));
+    collections.push_back(&*uses.back());
+  }
+  return Collection::details(collections, query, wanted);
 }
 
 CollectionState LocalStore::state(const std::string& name) { return find(name)->state(); }
@@ -316,8 +410,9 @@ std::vector<BackupSummary> LocalStore::backups(const std::string& after, std::ui
 
 std::vector<std::string> LocalStore::collections(const std::string& after, std::uint64_t most) {
   std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(collectionsRoot_)) {
-    auto name = nameIfCollection(entry.path().filename());
+  DirectoryReader reader(collectionsRoot_);
+  while (const auto entry = reader.next()) {
+    auto name = nameIfCollection(entry->path.filename());
     if (name && *name > after) names.push_back(std::move(*name));
   }
   std::sort(names.begin(), names.end());
@@ -325,14 +420,24 @@ std::vector<std::string> LocalStore::collections(const std::string& after, std::
   return names;
 }
 
-// Changes that waited when the collection was closed, or the server stopped, wait no longer.
+// Changes that waited when the collection was closed, or the server stopped, wait no longer; nor do
+// those of a request that failed after it had been accepted.
 Registry::Use LocalStore::find(const std::string& name) {
   Registry::Use collection = registry_.use(name);
-  // As soon as nobody uses it. Whoever comes then has it opened.
-  if (collection->mustBeReopened()) registry_.close(name);
+  catchUp(*collection);
+  armRefresh(*collection);
   if (!collection->takeOverdue()) return collection;
   startIndexing(std::move(collection));
   return registry_.use(name);
+}
+
+// Whoever only reads is not refused for want of memory that others need.
+void LocalStore::catchUp(Collection& collection) {
+  try {
+    collection.noteLackedBatch();
+  } catch (const std::bad_alloc&) {
+    // The next one tries it, too.
+  }
 }
 
 // The first request that names a collection opens it, so that a damaged one does not affect the
@@ -381,18 +486,17 @@ void LocalStore::forgetOutcomes(const std::string& name) {
 // What is no plain file may take any time to read. A collection that does not exist takes none.
 bool LocalStore::isQuicklyRead(const std::string& name) const {
   std::uintmax_t bytes = 0;
-  std::error_code error;
-  std::filesystem::recursive_directory_iterator entry;
   try {
-    entry = std::filesystem::recursive_directory_iterator(pathOf(name), error);
+    TreeReader reader(pathOf(name));
+    while (const auto entry = reader.next()) {
+      if (entry->isDirectory) continue;
+      std::error_code gone;
+      if (!std::filesystem::is_regular_file(entry->path, gone)) return false;
+      const std::uintmax_t size = std::filesystem::file_size(entry->path, gone);
+      if (!gone) bytes += size;
+    }
   } catch (const ServerError&) {
-    return true;
-  }
-  for (; !error && entry != std::filesystem::recursive_directory_iterator();
-       entry.increment(error)) {
-    if (entry->is_directory(error)) continue;
-    if (!entry->is_regular_file(error)) return false;
-    bytes += entry->file_size(error);
+    // Whoever opens it is told what is wrong.
   }
   return bytes <= kQuicklyRead;
 }
@@ -404,16 +508,15 @@ std::filesystem::path LocalStore::pathOf(const std::string& name) const {
 // directoryNameFor never returns a name with a dot.
 std::filesystem::path LocalStore::freshTemporary() {
   std::filesystem::path path = collectionsRoot_ / fmt::format(".passing-{}", ++temporaries_);
-  std::filesystem::remove_all(path);
+  removeTree(path);
   std::filesystem::create_directory(path);
   return path;
 }
 
 void LocalStore::removeLeftovers() const {
-  for (const auto& entry : std::filesystem::directory_iterator(collectionsRoot_)) {
-    if (entry.path().filename().string().starts_with('.')) {
-      std::filesystem::remove_all(entry.path());
-    }
+  DirectoryReader reader(collectionsRoot_);
+  while (const auto entry = reader.next()) {
+    if (entry->path.filename().string().starts_with('.')) removeTree(entry->path);
   }
 }
 

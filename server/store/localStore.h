@@ -8,10 +8,10 @@
 #include <optional>
 #include <string>
 
+#include "server/base/logRepeats.h"
 #include "server/store/backupKeeper.h"
 #include "server/store/collection.h"
 #include "server/store/dataDirectory.h"
-#include "server/store/files.h"
 #include "server/store/indexScheduler.h"
 #include "server/store/parseOutcomes.h"
 #include "server/store/registry.h"
@@ -25,10 +25,11 @@ namespace corvaned {
 
 /// All collections in one directory, which only one process at a time may use.
 ///
-///     LOCK                       held while a server runs
+///     LOCK                       held while a server runs, and so is the directory itself
 ///     collections/<name>/        one collection, see directoryNameFor
-///         index/                 the Xapian database
+///         index/                 the Xapian database, or part-0 and so on, each of which is one
 ///         index-sums             its checksums; index-sums-changing during an update
+///         index-undo             only while several databases commit: how to undo that
 ///         options                how it differs from a collection without this file
 ///         batches                which batches it knows, and its mark
 ///         journal-0000000000     which changes the journal must hold
@@ -48,6 +49,8 @@ class LocalStore : public Store {
 
   bool isOpen(const std::string& name) override;
   void open(const std::string& name, Opened opened) override;
+  bool isSettled(const std::string& name) override;
+  void awaitSettled(const std::string& name, Opened settled) override;
   void stop() override;
   void createCollection(const std::string& name, const std::string& language,
                         const Refresh& refresh = {}, const TextOptions& options = {}) override;
@@ -80,6 +83,8 @@ class LocalStore : public Store {
              const DocumentVisitor& take) override;
   std::vector<HitDetails> details(const std::string& name, const SearchQuery& query,
                                   const DetailsWanted& wanted) override;
+  std::vector<HitDetails> details(const std::vector<std::string>& names, const SearchQuery& query,
+                                  const DetailsWanted& wanted) override;
   CollectionState state(const std::string& name) override;
   CollectionSummary summary(const std::string& name) override;
   void backup(const std::string& backup, const std::string& name) override;
@@ -88,17 +93,22 @@ class LocalStore : public Store {
   std::vector<std::string> collections(const std::string& after, std::uint64_t most) override;
 
  private:
+  StoreLimits withHelpers(StoreLimits limits);
   BackupKeeper::House house();
   BackupKeeper& keeper();
   Registry::Use find(const std::string& name);
+  static void catchUp(Collection& collection);
   std::unique_ptr<Collection> read(const std::string& name);
   void startIndexing(Registry::Use collection);
   void startIndexing(const std::shared_ptr<Registry::Use>& collection);
   bool indexStep(const std::shared_ptr<Registry::Use>& collection);
   void follow(Registry::Use collection, std::shared_ptr<Ticket> ticket);
   void armRefresh(Collection& collection);
+  void armRest(const std::shared_ptr<Registry::Use>& collection);
   void refresh(const std::string& name);
+  void refreshOpened(const std::string& name, const std::optional<ServerError>& failure) noexcept;
   void refreshOpen(const std::string& name);
+  void refreshAgain(const std::string& name, const ServerError& failure);
   bool isQuicklyRead(const std::string& name) const;
   void makeRoom();
   std::shared_ptr<ParseOutcomes> outcomesOf(const std::string& name);
@@ -110,7 +120,7 @@ class LocalStore : public Store {
   const std::filesystem::path root_;
   const std::filesystem::path collectionsRoot_;
   const StoreLimits limits_;
-  FileHandle lock_;
+  DataDirectoryLock lock_;
 
   std::atomic<bool> stopping_ = false;
   // How many temporary directories were named so far.
@@ -122,9 +132,12 @@ class LocalStore : public Store {
   std::map<std::string, std::shared_ptr<ParseOutcomes>> outcomes_;
   std::size_t outcomesToPrune_ = 64;
 
+  LogRepeats repeats_;
+
   Registry registry_;
   // Destroyed first: their threads use everything above.
   std::unique_ptr<IndexScheduler> indexers_;
+  std::unique_ptr<asio::thread_pool> moreIndexers_;
   std::unique_ptr<asio::thread_pool> openers_;
   std::unique_ptr<BackupKeeper> keeper_;
 };

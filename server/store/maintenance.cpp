@@ -12,10 +12,12 @@
 #include "server/store/backupManifest.h"
 #include "server/store/batchMemory.h"
 #include "server/store/collectionOptions.h"
-#include "server/store/dataDirectory.h"
+#include "server/store/directory.h"
+#include "server/store/indexParts.h"
 #include "server/store/indexRebuild.h"
 #include "server/store/indexSalvage.h"
 #include "server/store/indexSums.h"
+#include "server/store/indexUndo.h"
 #include "server/store/journal.h"
 #include "server/store/textAnalysis.h"
 #include "server/store/xapianIndex.h"
@@ -25,12 +27,12 @@ namespace corvaned {
 namespace {
 
 // Nobody changes a backup, and it may be where nothing can be written.
-FileHandle lockExisting(const std::filesystem::path& root) {
+DataDirectoryLock lockExisting(const std::filesystem::path& root) {
   if (!std::filesystem::is_directory(collectionsIn(root))) {
     throw ServerError(ErrorKind::StorageFailed,
                       root.string() + " is neither a data directory nor a backup");
   }
-  return BackupManifest::existsIn(root) ? FileHandle() : lockDataDirectory(root);
+  return BackupManifest::existsIn(root) ? DataDirectoryLock() : lockDataDirectory(root);
 }
 
 // What the checksums of a backup show, unless it is known of the file already.
@@ -66,7 +68,25 @@ std::vector<Damage> checkIndex(const std::filesystem::path& collection, bool isN
     if (error.kind() != ErrorKind::StorageFailed) throw;
     damage.push_back({IndexSums::pathIn(collection), 0, "the checksums cannot be read"});
   }
+  if (const auto fault = IndexUndo::faultIn(collection)) {
+    damage.push_back({IndexUndo::pathIn(collection), 0, *fault});
+  }
   return damage;
+}
+
+// Of an index whose blocks are as they were written.
+std::string refreshKnownTo(const std::filesystem::path& index) {
+  try {
+    return refreshNotedIn(Xapian::Database(IndexParts::in(index).paths().front().string()));
+  } catch (const Xapian::Error&) {
+    return {};
+  }
+}
+
+// A collection without the file has the defaults, unless its index knows better.
+bool missesOptions(const std::filesystem::path& collection) {
+  return !std::filesystem::exists(optionsPath(collection)) &&
+         !refreshKnownTo(collection / IndexSums::kIndexDirectory).empty();
 }
 
 void checkBatches(const std::filesystem::path& collection, const JournalMark* mark,
@@ -120,6 +140,15 @@ void readTexts(const std::filesystem::path& index, std::vector<Damage>& damage) 
   }
 }
 
+// What the checksums do not show of the databases of a whole index.
+void askEngineOfAll(const std::filesystem::path& index, std::vector<Damage>& damage) {
+  const IndexParts parts = IndexParts::in(index);
+  for (const std::filesystem::path& database : parts.paths()) askEngine(database, damage);
+  for (std::size_t part = 0; part < parts.size() && damage.empty(); ++part) {
+    readTexts(parts.paths()[part], damage);
+  }
+}
+
 bool onlyTheSums(const std::vector<Damage>& damage, const std::filesystem::path& collection) {
   return damage.size() == 1 && damage.front().file == IndexSums::pathIn(collection);
 }
@@ -137,7 +166,7 @@ class Rebuilding {
       makeIndexAnew();
     }
     repair_.documentsKept =
-        Xapian::Database((fresh_ / IndexSums::kIndexDirectory).string()).get_doccount();
+        IndexParts::in(fresh_ / IndexSums::kIndexDirectory).open().get_doccount();
     copyJournal();
     copyBatches();
     copyOptions();
@@ -147,11 +176,23 @@ class Rebuilding {
  private:
   void copyIndex() {
     const std::filesystem::path index = fresh_ / IndexSums::kIndexDirectory;
-    std::filesystem::copy(damaged_ / IndexSums::kIndexDirectory, index);
+    std::filesystem::copy(damaged_ / IndexSums::kIndexDirectory, index,
+                          std::filesystem::copy_options::recursive);
+    undoLastChange();
+    const IndexParts parts = IndexParts::in(index);
     std::vector<Damage> damage;
-    if (!repair_.found.index.empty()) askEngine(index, damage);
+    for (const std::filesystem::path& database : parts.paths()) {
+      if (!repair_.found.index.empty()) askEngine(database, damage);
+    }
     if (!damage.empty()) throwDamaged(damage.front());
-    IndexSums::create(fresh_, Xapian::Database(index.string()).get_revision());
+    IndexSums::create(fresh_, parts.revisions());
+  }
+
+  // What some databases have and others do not is still in the journal.
+  void undoLastChange() const {
+    if (!IndexUndo::isPending(damaged_)) return;
+    std::filesystem::copy_file(IndexUndo::pathIn(damaged_), IndexUndo::pathIn(fresh_));
+    IndexUndo::carryOut(fresh_);
   }
 
   void makeIndexAnew() {
@@ -159,7 +200,7 @@ class Rebuilding {
     const IndexSalvage salvage(damaged_, repair_.found.index, fresh_.string() + ".reading");
     const auto form = salvage.form();
     repair_.languageLost = !form;
-    XapianIndex::create(fresh_, form.value_or(IndexForm{"none", {}}));
+    XapianIndex::create(fresh_, form.value_or(IndexForm{"none", {}, salvage.parts()}));
     XapianIndex index(fresh_, {});
     index.beginUpdate();
     const auto documents = [&](const std::function<void(Change &&)>& take) {
@@ -167,22 +208,30 @@ class Rebuilding {
           [&](Document&& document) {
             take({ChangeKind::Put, std::move(document)});
           },
-          [&](std::uint64_t number, const std::string& key) {
-            repair_.documentsLost.push_back({number, key});
+          [&](std::size_t part, std::uint64_t number, const std::string& key) {
+            const std::string directory = salvage.parts() == 1 ? "" : fmt::format("part-{}", part);
+            repair_.documentsLost.push_back({number, key, directory});
           });
     };
     for (const ParseOutcome& refused : index.apply(documents, [] {})) {
-      repair_.documentsLost.push_back({0, refused.key});
+      repair_.documentsLost.push_back({0, refused.key, {}});
     }
   }
 
-  // Damaged ones are lost; the repaired collection then has the defaults.
-  void copyOptions() const {
+  // The index may know what the file said. Otherwise damaged ones are lost, and the repaired
+  // collection has the defaults.
+  void copyOptions() {
+    const auto noted = refreshFrom(refreshKnownTo(fresh_ / IndexSums::kIndexDirectory));
+    repair_.optionsKept = noted.has_value();
+    const Refresh refresh = noted.value_or(readableOptions());
+    if (refresh != Refresh{}) writeOptions(fresh_, refresh);
+  }
+
+  Refresh readableOptions() const {
     try {
-      const Refresh refresh = readOptions(damaged_);
-      if (refresh != Refresh{}) writeOptions(fresh_, refresh);
+      return readOptions(damaged_);
     } catch (const ServerError&) {
-      return;
+      return {};
     }
   }
 
@@ -219,8 +268,10 @@ class Rebuilding {
 
 bool Repair::losesNothing() const {
   return documentsLost.empty() && !languageLost &&
-         std::all_of(found.journal.begin(), found.journal.end(), [](const JournalFault& fault) {
-           return fault.firstLost == 0 && fault.damage.file.filename() == "journal-0000000000";
+         std::all_of(found.journal.begin(), found.journal.end(), [&](const JournalFault& fault) {
+           const std::filesystem::path file = fault.damage.file.filename();
+           return fault.firstLost == 0 &&
+                  (file == "journal-0000000000" || (optionsKept && file == optionsPath({})));
          });
 }
 
@@ -247,15 +298,18 @@ CollectionCheck checkCollection(const std::string& name, const std::filesystem::
   }
   checkBatches(path, contents.mark.get(), result.journal);
   result.index = checkIndex(path, isNumbered, stop);
+  if (result.index.empty() && missesOptions(path)) {
+    result.journal.push_back({{optionsPath(path), 0, "the file is missing"}, 0, 0, {}});
+  }
   return result;
 }
 
 std::vector<Damage> checkByEngine(const std::filesystem::path& collection, const StopCheck& stop) {
   std::vector<Damage> damage;
-  for (const auto& entry :
-       std::filesystem::directory_iterator(collection / IndexSums::kIndexDirectory)) {
+  TreeReader reader(collection / IndexSums::kIndexDirectory);
+  while (const auto entry = reader.next()) {
     stop();
-    if (entry.path().extension() == kTableSuffix) askEngine(entry.path(), damage);
+    if (entry->path.extension() == kTableSuffix) askEngine(entry->path, damage);
   }
   return damage;
 }
@@ -265,8 +319,9 @@ Maintenance::Maintenance(std::filesystem::path directory)
 
 std::vector<std::string> Maintenance::collections() const {
   std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(collectionsIn(root_))) {
-    const std::string name = entry.path().filename().string();
+  DirectoryReader reader(collectionsIn(root_));
+  while (const auto entry = reader.next()) {
+    const std::string name = entry->path.filename().string();
     if (!name.starts_with('.')) names.push_back(collectionNameFor(name));
   }
   std::sort(names.begin(), names.end());
@@ -277,8 +332,7 @@ CollectionCheck Maintenance::check(const std::string& name) const {
   const std::filesystem::path path = pathOf(name);
   if (!BackupManifest::existsIn(root_)) IndexRebuild::finish(path);
   CollectionCheck result = checkCollection(name, path, [] {});
-  if (result.index.empty()) askEngine(path / IndexSums::kIndexDirectory, result.index);
-  if (result.index.empty()) readTexts(path / IndexSums::kIndexDirectory, result.index);
+  if (result.index.empty()) askEngineOfAll(path / IndexSums::kIndexDirectory, result.index);
   if (BackupManifest::existsIn(root_)) addDamageOfBackup(root_, result);
   return result;
 }
@@ -298,8 +352,7 @@ Repair Maintenance::repair(const std::string& name) const {
     Rebuilding(pathOf(name), fresh, result).run();
     exchange(fresh, pathOf(name));
   } catch (...) {
-    std::error_code ignored;
-    std::filesystem::remove_all(fresh, ignored);
+    tryToRemoveTree(fresh);
     throw;
   }
   // From here on the fresh directory holds the original.

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "server/store/damage.h"
-#include "server/store/files.h"
+#include "server/store/dataDirectory.h"
 #include "server/store/journalScan.h"
 #include "server/store/stopCheck.h"
 
@@ -37,6 +37,8 @@ struct LostDocument {
   std::uint64_t number = 0;
   /// Empty if it cannot be read either.
   std::string key;
+  /// The directory in the index of the database that numbers it; empty if there is only one.
+  std::string database;
 };
 
 struct Repair {
@@ -50,6 +52,8 @@ struct Repair {
   /// The language and the options of the collection cannot be read; words are indexed unchanged
   /// from now on, and everything that can be kept is kept.
   bool languageLost = false;
+  /// The index knows what the file of the options says.
+  bool optionsKept = false;
 
   bool losesNothing() const;
 };
@@ -75,7 +79,7 @@ class Maintenance {
   std::filesystem::path freshDirectory(const std::string& name) const;
 
   const std::filesystem::path root_;
-  FileHandle lock_;
+  DataDirectoryLock lock_;
 };
 
 }  // namespace corvaned

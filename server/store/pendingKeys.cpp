@@ -45,6 +45,17 @@ void PendingKeys::drop() {
   countMemory();
 }
 
+void PendingKeys::miss() {
+  const std::lock_guard lock(mutex_);
+  kept_ = false;
+  ++misses_;
+}
+
+std::uint64_t PendingKeys::misses() const {
+  const std::lock_guard lock(mutex_);
+  return misses_;
+}
+
 void PendingKeys::note(const JournalPosition& end, const Change& change) {
   const std::lock_guard lock(mutex_);
   if (!noting_ || end <= forgotten_) return;

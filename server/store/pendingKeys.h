@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -33,6 +34,12 @@ class PendingKeys {
   /// False if need() was called since the last time, or hold() is in use.
   bool isIdle();
   void drop();
+
+  /// There was no memory to note a change: what was to be kept has to be read once more. What
+  /// hold() keeps is no longer all either, as the index may get the change before that.
+  void miss();
+  /// How often that was.
+  std::uint64_t misses() const;
 
   /// A change that ends there in the journal, in any order. Nothing before begin(), or if the index
   /// has it already.
@@ -67,6 +74,7 @@ class PendingKeys {
   bool noting_ = false;
   bool kept_ = false;
   bool needed_ = false;
+  std::uint64_t misses_ = 0;
   std::unordered_map<std::string, Last> last_;
   std::size_t keyBytes_ = 0;
   // What the index has, and what of that has been forgotten here.

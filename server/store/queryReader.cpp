@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "server/base/errors.h"
+#include "server/store/searchableText.h"
 #include "server/store/textNormalizer.h"
 
 namespace corvaned {
@@ -18,6 +19,19 @@ void requireNoPositions(const std::string& normal) {
   const std::string place = positionsNeededIn(normal);
   if (place.empty()) return;
   refuse(place + " needs the positions of words, which the collection was created without");
+}
+
+// A longer word is in no document's index, whatever the documents contain.
+void requireIndexedWords(const Xapian::QueryParser& parser, const Xapian::Query& query) {
+  constexpr std::size_t kShown = 20;
+  for (auto term = query.get_terms_begin(); term != query.get_terms_end(); ++term) {
+    for (auto form = parser.unstem_begin(*term); form != parser.unstem_end(*term); ++form) {
+      const std::string word = *form;
+      if (word.size() <= kMaxWordBytes) continue;
+      refuse(fmt::format("the word {} has {} bytes, and words of more than {} are not indexed",
+                         shown(word, kShown), word.size(), kMaxWordBytes));
+    }
+  }
 }
 
 }  // namespace
@@ -78,7 +92,9 @@ Xapian::Query QueryReader::parsed(Xapian::QueryParser& parser, const std::string
       Parser::FLAG_DEFAULT | Parser::FLAG_WILDCARD | Parser::FLAG_PURE_NOT | Parser::FLAG_CJK_NGRAM;
   if (!analysis_.options().keepsPositions) flags |= Parser::FLAG_NO_POSITIONS;
   try {
-    return parser.parse_query(lowerQueryWords(normal), flags);
+    Xapian::Query query = parser.parse_query(searchableQuery(lowerQueryWords(normal)), flags);
+    requireIndexedWords(parser, query);
+    return query;
   } catch (const Xapian::QueryParserError& error) {
     const std::string place = lonelyOperatorIn(normal);
     refuse(place.empty() ? error.get_msg() : place);

@@ -94,6 +94,16 @@ Registry::Use Registry::use(const std::string& name) {
   }
 }
 
+std::optional<Registry::Use> Registry::useIfOpen(const std::string& name) {
+  const std::lock_guard lock(mutex_);
+  const auto found = entries_.find(name);
+  if (found == entries_.end() || found->second->state != Entry::State::Open) return std::nullopt;
+  const std::shared_ptr<Entry>& entry = found->second;
+  ++entry->users;
+  takeFromUnused(*entry);
+  return Use(*this, entry);
+}
+
 bool Registry::isOpen(const std::string& name) const {
   const std::lock_guard lock(mutex_);
   const auto found = entries_.find(name);
@@ -112,6 +122,14 @@ std::optional<Registry::Opening> Registry::awaitOpen(const std::string& name, Re
   }
   ready(std::nullopt);
   return std::nullopt;
+}
+
+// Those who have waited come first.
+void Registry::Opening::carryOut() const {
+  registry_->open(entry_);
+  Lock lock(registry_->mutex_);
+  const bool isUnused = entry_->state == Entry::State::Open && entry_->users == 0;
+  if (isUnused && entry_->closesWhenUnused) registry_->shut(lock, entry_);
 }
 
 void Registry::open(const std::shared_ptr<Entry>& entry) {
@@ -171,13 +189,30 @@ Registry::Reservation Registry::reserve(const std::string& name) {
   }
 }
 
+bool Registry::isSettled(const std::string& name) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = entries_.find(name);
+  return found == entries_.end() || found->second->isSettled();
+}
+
+void Registry::awaitSettled(const std::string& name, Ready ready) {
+  {
+    const std::lock_guard lock(mutex_);
+    const auto found = entries_.find(name);
+    if (found != entries_.end() && !found->second->isSettled()) {
+      return found->second->waiting.push_back(std::move(ready));
+    }
+  }
+  ready(std::nullopt);
+}
+
 void Registry::close(const std::string& name) {
   Lock lock(mutex_);
   const auto found = entries_.find(name);
-  if (found == entries_.end() || found->second->state != Entry::State::Open) return;
+  if (found == entries_.end() || found->second->state == Entry::State::Reserved) return;
   const std::shared_ptr<Entry> entry = found->second;
   entry->closesWhenUnused = true;
-  if (entry->users == 0) shut(lock, entry);
+  if (entry->state == Entry::State::Open && entry->users == 0) shut(lock, entry);
 }
 
 bool Registry::closeOldest() {

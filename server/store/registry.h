@@ -85,11 +85,13 @@ class Registry {
 
   /// Opens the collection if it is closed, on this thread. Throws what the opener throws.
   Use use(const std::string& name);
+  /// Nothing if it is not open. Takes no memory.
+  std::optional<Use> useIfOpen(const std::string& name);
 
   /// An opening that has begun: whoever has it must carry it out.
   class Opening {
    public:
-    void carryOut() const { registry_->open(entry_); }
+    void carryOut() const;
 
    private:
     friend class Registry;
@@ -106,8 +108,13 @@ class Registry {
   std::optional<Opening> awaitOpen(const std::string& name, Ready ready);
 
   Reservation reserve(const std::string& name);
+  /// Whether nobody is opening, closing or reserving it, so that reserve() need not wait.
+  bool isSettled(const std::string& name) const;
+  /// Calls `ready` when that is so: in here, or later.
+  void awaitSettled(const std::string& name, Ready ready);
 
-  /// Closes the collection, as soon as nobody uses it any more. Nothing if it is not open.
+  /// Closes the collection, as soon as it has been opened and nobody uses it any more. Nothing if
+  /// it is neither open nor being opened.
   void close(const std::string& name);
   /// Closes the collection that has not been used for the longest time. False if all are being used
   /// or cannot be closed.

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include "server/store/indexSums.h"
+
 namespace corvaned {
 namespace {
 
@@ -36,6 +38,18 @@ MemoryBudget::Share memoryFor(std::size_t hits, std::size_t sortKeyBytes,
                  "the result may have {} hits, for which {} MiB of memory are not free; ask for "
                  "fewer with \"size\" or \"resultLimit\", or raise --max-memory",
                  hits, mebibytes);
+           });
+  return share;
+}
+
+MemoryBudget::Share memoryForLists(std::size_t lists, const IndexLimits& limits) {
+  MemoryBudget::Share share = shareOf(limits);
+  setAside(share, lists * kTableBlock, limits.memory.get(), ErrorKind::QueryTooBroad,
+           [&](std::size_t mebibytes) {
+             return fmt::format(
+                 "to look for the keys in all databases of the collection takes {} MiB of memory "
+                 "that are not free; give fewer keys at a time, or raise --max-memory",
+                 mebibytes);
            });
   return share;
 }

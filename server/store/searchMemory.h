@@ -28,6 +28,9 @@ void setAside(MemoryBudget::Share& share, std::size_t bytes, const MemoryBudget*
 MemoryBudget::Share memoryFor(std::size_t hits, std::size_t sortKeyBytes,
                               const IndexLimits& limits);
 
+/// Sets aside what the engine takes to read so many lists of documents at the same time.
+MemoryBudget::Share memoryForLists(std::size_t lists, const IndexLimits& limits);
+
 /// Sets aside what documents take that are held in memory to be matched.
 MemoryBudget::Share memoryToMatch(const std::vector<Document>& documents,
                                   const IndexLimits& limits);

@@ -1,5 +1,6 @@
 #include "server/store/sortOrder.h"
 
+#include "server/base/errors.h"
 #include "server/store/xapianSchema.h"
 
 namespace corvaned {
@@ -19,6 +20,13 @@ void appendEscaped(std::string& out, std::string_view value) {
 }
 
 }  // namespace
+
+void throwUnsortable(const std::string& name) {
+  throw ServerError(ErrorKind::BadParameter,
+                    "documents cannot be sorted by " + shown(name) +
+                        ": none of them has metadata of that name that is marked "
+                        "\"[sortable]\"");
+}
 
 std::string ValueOrder::operator()(const Xapian::Document& document) const {
   const std::string value = document.get_value(slot_);

@@ -7,6 +7,9 @@
 
 namespace corvaned {
 
+/// Refuses to sort documents by metadata that none of them has.
+[[noreturn]] void throwUnsortable(const std::string& name);
+
 /// Puts documents in the order of a value slot, ascending or descending. Documents without a value
 /// come last in both, and those of equal value are in the order of their keys.
 class ValueOrder : public Xapian::KeyMaker {

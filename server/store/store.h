@@ -149,6 +149,10 @@ struct HitDetails {
   std::string snippet{};
   /// Of the last hit of a search in pages: where the result goes on behind it.
   std::optional<ResultPlace> nextPage{};
+  /// The one that has it, where several were searched.
+  std::string collection{};
+  /// Keeps the memory set aside that what is told of all hits takes.
+  std::shared_ptr<const void> memory{};
 };
 
 /// The outcome of one queued document. If messageId is empty the document is stored.
@@ -236,6 +240,9 @@ std::string textOf(const Refresh& refresh);
 /// Nothing if the text is none of these.
 std::optional<Refresh> refreshFrom(std::string_view text);
 
+/// Whether the text names a language, with or without a country: "de", "en_US", "german".
+bool isLanguage(std::string_view text);
+
 /// What there is to know of a backup at a glance.
 struct BackupSummary {
   std::string name;
@@ -273,6 +280,11 @@ class Store {
   /// Has the collection opened, which may take long, so that nobody need wait for that in an
   /// operation.
   virtual void open(const std::string& name, Opened opened) = 0;
+  /// Whether an operation for which the collection need not be open can begin at once: nobody is
+  /// opening, closing, making or removing it.
+  virtual bool isSettled(const std::string& name) = 0;
+  /// Called once, when that is so, on any thread. Must not throw.
+  virtual void awaitSettled(const std::string& name, Opened settled) = 0;
   /// Makes the work that takes long end soon: index updates between two documents, openings between
   /// two changes. Those who wait for it get an error. Nothing accepted is lost.
   virtual void stop() = 0;
@@ -342,6 +354,13 @@ class Store {
                      const DocumentVisitor& take) = 0;
   /// The hits with what is to be told of them.
   virtual std::vector<HitDetails> details(const std::string& name, const SearchQuery& query,
+                                          const DetailsWanted& wanted) = 0;
+  /// The same of several collections in one ranking, as if the documents of all of them stood in
+  /// one. They may have the same keys: hits of equal weight and key are in the order of the
+  /// collections' names. Not in pages. Throws ServerError(BadParameter) if the words of a query are
+  /// not the same in all of them.
+  virtual std::vector<HitDetails> details(const std::vector<std::string>& names,
+                                          const SearchQuery& query,
                                           const DetailsWanted& wanted) = 0;
   virtual CollectionState state(const std::string& name) = 0;
   virtual CollectionSummary summary(const std::string& name) = 0;

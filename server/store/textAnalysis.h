@@ -17,8 +17,8 @@ Xapian::Stem stemmerFor(const std::string& language);
 class TextAnalysis {
  public:
   TextAnalysis() = default;
-  /// That of a collection's database. Throws ServerError(StorageFailed) if a later version of the
-  /// server has made it in a way that this one does not know.
+  /// That of a collection's databases, each of which knows it. Throws ServerError(StorageFailed) if
+  /// a later version of the server has made it in a way that this one does not know.
   explicit TextAnalysis(const Xapian::Database& database);
 
   const IndexForm& form() const { return form_; }
@@ -31,10 +31,16 @@ class TextAnalysis {
   /// of a language.
   std::string foreignStemmer(const std::string& language) const;
 
+  /// Whether queries ask for the same words in both collections.
+  bool readsLike(const TextAnalysis& other) const;
+
  private:
   IndexForm form_;
   Xapian::Stem stemmer_;
 };
+
+/// How changes of the collection become searchable, as IndexForm has it.
+std::string refreshNotedIn(const Xapian::Database& database);
 
 /// Writes into a new database what the constructor reads.
 void storeForm(Xapian::WritableDatabase& database, const IndexForm& form);

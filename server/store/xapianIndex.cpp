@@ -9,38 +9,65 @@
 
 #include "server/base/errors.h"
 #include "server/store/engineErrors.h"
+#include "server/store/indexParts.h"
 #include "server/store/indexReaders.h"
 #include "server/store/indexRebuild.h"
+#include "server/store/indexUndo.h"
 #include "server/store/indexWriter.h"
+#include "server/store/jointReader.h"
+#include "server/store/textAnalysis.h"
 #include "server/store/xapianSchema.h"
 
 namespace corvaned {
+namespace {
 
-void XapianIndex::create(const std::filesystem::path& collection, const IndexForm& form) {
-  const std::uint64_t revision = translated(
-      [&] { return IndexWriter::create(collection / IndexSums::kIndexDirectory, form); });
-  IndexSums::create(collection, revision);
+bool isEarlier(const Xapian::Database& database, const std::filesystem::path& path) {
+  const std::string schema = database.get_metadata(kSchemaEntry);
+  if (schema == kEarlierSchema) return true;
+  if (schema == kSchemaVersion) return false;
+  throw ServerError(ErrorKind::StorageFailed,
+                    fmt::format("{} was written by another version of this server (schema {}); "
+                                "add its documents to a new collection",
+                                path.string(), shown(schema)));
 }
 
-XapianIndex::XapianIndex(const std::filesystem::path& collection, IndexLimits limits)
+// One after the other: nobody counts the descriptors of those who open a collection.
+bool isEarlier(const IndexParts& parts) {
+  std::size_t earlier = 0;
+  for (std::size_t part = 0; part < parts.size(); ++part) {
+    const Xapian::Database database(parts.paths()[part].string());
+    parts.check(database, part, 0);
+    if (isEarlier(database, parts.paths()[part])) ++earlier;
+  }
+  if (earlier == 0 || earlier == parts.size()) return earlier > 0;
+  throw ServerError(ErrorKind::StorageFailed,
+                    fmt::format("the databases in {} are not of the same form; restore the "
+                                "collection",
+                                parts.paths().front().parent_path().string()));
+}
+
+}  // namespace
+
+void XapianIndex::create(const std::filesystem::path& collection, const IndexForm& form) {
+  IndexSums::create(collection, translated([&] { return IndexWriter::create(collection, form); }));
+}
+
+XapianIndex::XapianIndex(const std::filesystem::path& collection, IndexLimits limits,
+                         const StopCheck& stop)
     : collection_(collection),
       path_(collection / IndexSums::kIndexDirectory),
       limits_(std::move(limits)),
       readers_(std::make_unique<IndexReaders>(path_, limits_)) {
   IndexRebuild::finish(collection);
   IndexRebuild::clear(collection);
-  if (IndexSums::existIn(collection)) sums_.emplace(collection).verify();
+  if (IndexSums::existIn(collection)) sums_.emplace(collection).verify(stop);
+  // The server was killed while databases committed, or could not undo that.
+  if (IndexUndo::isPending(collection)) IndexUndo::carryOut(collection);
   translated([&] {
-    const Xapian::Database database(path_.string());
-    const std::string schema = database.get_metadata(kSchemaEntry);
-    earlierForm_ = schema == kEarlierSchema;
-    if (!earlierForm_ && schema != kSchemaVersion) {
-      throw ServerError(ErrorKind::StorageFailed,
-                        fmt::format("{} was written by another version of this server (schema {}); "
-                                    "add its documents to a new collection",
-                                    path_.string(), shown(schema)));
-    }
-    if (!sums_) sums_ = IndexSums::create(collection, database.get_revision());
+    const IndexParts parts = IndexParts::in(path_);
+    earlierForm_ = isEarlier(parts);
+    refresh_ = refreshNotedIn(Xapian::Database(parts.paths().front().string()));
+    if (!sums_) sums_ = IndexSums::create(collection, parts.revisions());
     return true;
   });
 }
@@ -72,16 +99,16 @@ std::vector<ParseOutcome> XapianIndex::apply(const ChangeSource& changes, const 
 std::vector<ParseOutcome> XapianIndex::applyBatch(std::span<const Change> changes,
                                                   const StopCheck& stop) {
   return translated([&] {
-    IndexWriter writer(path_, limits_, stop, &readers_->commits());
+    IndexWriter writer(collection_, limits_, stop, readers_.get());
     writer.apply(changes);
     return writer.takeRefused();
   });
 }
 
-void XapianIndex::endUpdate() { sums_->endChange(revision()); }
+void XapianIndex::endUpdate() { sums_->endChange(revisions()); }
 
-std::uint64_t XapianIndex::revision() const {
-  return translated([&] { return readers_->revision(); });
+IndexRevisions XapianIndex::revisions() const {
+  return translated([&] { return readers_->revisions(); });
 }
 
 MemoryBudget::Share XapianIndex::emptyShare() const { return shareOf(limits_); }
@@ -94,7 +121,7 @@ bool XapianIndex::rebuildStep(const StopCheck& stop) {
     return false;
   }
   try {
-    if (!rebuild_) beginRebuild();
+    if (!rebuild_) beginRebuild(stop);
     return translated([&] {
       if (!rebuild_->step(stop)) rebuild_->decide();
       return true;
@@ -107,9 +134,13 @@ bool XapianIndex::rebuildStep(const StopCheck& stop) {
   }
 }
 
+IndexProgress XapianIndex::rebuildProgress() const {
+  return rebuild_ ? IndexProgress{rebuild_->done(), rebuild_->all()} : IndexProgress{};
+}
+
 // What is damaged must not be taken over.
-void XapianIndex::beginRebuild() {
-  sums_->verifyIfDue();
+void XapianIndex::beginRebuild(const StopCheck& stop) {
+  sums_->verifyIfDue(stop);
   spdlog::info("{} is being brought into its present form", path_.string());
   rebuild_ = translated([&] { return std::make_unique<IndexRebuild>(collection_, limits_); });
 }
@@ -128,8 +159,8 @@ void XapianIndex::endRebuild() {
   IndexRebuild::clear(collection_);
 }
 
-void XapianIndex::beginUpdate() {
-  sums_->verifyIfDue();
+void XapianIndex::beginUpdate(const StopCheck& stop) {
+  sums_->verifyIfDue(stop);
   sums_->beginChange();
 }
 
@@ -199,6 +230,21 @@ std::vector<HitDetails> XapianIndex::details(const SearchQuery& query, const Det
     return readers_->run(
         [&](const IndexReader& reader) { return reader.details(query, wanted, hidden, limits_); });
   });
+}
+
+std::vector<HitDetails> XapianIndex::details(std::span<const Member> members,
+                                             const SearchQuery& query,
+                                             const DetailsWanted& wanted) {
+  std::vector<IndexReaders*> indexes;
+  for (const Member& member : members) indexes.push_back(member.index.readers_.get());
+  const auto together = [&](const IndexReaders::Handles& handles) {
+    std::vector<JointReader::Member> joint;
+    for (std::size_t i = 0; i < members.size(); ++i) {
+      joint.push_back({members[i].collection, *handles[i], members[i].hidden});
+    }
+    return JointReader(std::move(joint)).details(query, wanted, members.front().index.limits_);
+  };
+  return translated([&] { return IndexReaders::runTogether(indexes, together); });
 }
 
 CollectionSummary XapianIndex::summary() {

@@ -25,9 +25,15 @@ namespace corvaned {
 class IndexReaders;
 class IndexRebuild;
 
-/// The searchable part of a collection: a Xapian database in a directory. Xapian's types stay
-/// inside this class. Any number of threads may search, also while one thread applies changes; only
-/// one thread at a time may apply changes. Errors are ServerError.
+/// How far long work has come.
+struct IndexProgress {
+  std::uint64_t done = 0;
+  std::uint64_t all = 0;
+};
+
+/// The searchable part of a collection: one or more Xapian databases in a directory. Xapian's types
+/// stay inside this class. Any number of threads may search, also while one thread applies changes;
+/// only one thread at a time may apply changes. Errors are ServerError.
 class XapianIndex {
  public:
   /// Creates, in the directory of a collection, an empty database whose words are stemmed for
@@ -36,8 +42,9 @@ class XapianIndex {
   static void create(const std::filesystem::path& collection, const IndexForm& form);
 
   /// Compares the database with its checksums first, and throws if it is damaged: the engine must
-  /// not see that. A database of an earlier version gets checksums.
-  XapianIndex(const std::filesystem::path& collection, IndexLimits limits);
+  /// not see that. Calls `stop` meanwhile. A database of an earlier version gets checksums.
+  XapianIndex(
+      const std::filesystem::path& collection, IndexLimits limits, const StopCheck& stop = [] {});
   ~XapianIndex();
   XapianIndex(const XapianIndex&) = delete;
   XapianIndex& operator=(const XapianIndex&) = delete;
@@ -46,15 +53,20 @@ class XapianIndex {
   /// Called between changes.
   using StopCheck = corvaned::StopCheck;
 
+  /// What it knows of how changes become searchable: see IndexForm.
+  const std::string& refresh() const { return refresh_; }
+
   /// Whether the database is of an earlier form. It can be searched, and must be rebuilt before
   /// documents are added to it.
   bool isOfEarlierForm() const { return earlierForm_; }
   /// Brings it some way towards the present form. Returns whether there is more to do; searches go
   /// on meanwhile. If it throws, the database is as it was.
   bool rebuildStep(const StopCheck& stop);
+  /// How many documents of the earlier form have been taken over. Nothing while none are.
+  IndexProgress rebuildProgress() const;
 
-  /// Comes before changes are applied. Throws if the database is damaged.
-  void beginUpdate();
+  /// Comes before changes are applied. Throws if the database is damaged, or what `stop` throws.
+  void beginUpdate(const StopCheck& stop = [] {});
   /// Whether an update has begun that has not ended; another one may go on with it.
   bool isUpdating() const { return sums_->isChanging(); }
   /// Applies changes to the database in one transaction, durably. Leaves out and returns the
@@ -87,8 +99,17 @@ class XapianIndex {
   /// The hits with what is to be told of them.
   std::vector<HitDetails> details(const SearchQuery& query, const DetailsWanted& wanted,
                                   const Hidden& hidden);
+  /// One of several indexes that are searched together, and what of it must not be found.
+  struct Member {
+    XapianIndex& index;
+    std::string collection;
+    Hidden hidden;
+  };
+  /// As details(), of all these in one ranking. Everybody gives indexes in the same order.
+  static std::vector<HitDetails> details(std::span<const Member> members, const SearchQuery& query,
+                                         const DetailsWanted& wanted);
   /// That of the last transaction.
-  std::uint64_t revision() const;
+  IndexRevisions revisions() const;
   /// What the database knows of it.
   CollectionSummary summary();
 
@@ -99,7 +120,7 @@ class XapianIndex {
   std::size_t bytesOfSums() const { return sums_->bytes(); }
 
  private:
-  void beginRebuild();
+  void beginRebuild(const StopCheck& stop);
   void endRebuild();
 
   const std::filesystem::path collection_;
@@ -109,6 +130,7 @@ class XapianIndex {
   // Used by the thread that applies changes.
   std::optional<IndexSums> sums_;
   std::unique_ptr<IndexRebuild> rebuild_;
+  std::string refresh_;
   std::atomic<bool> earlierForm_ = false;
   // Whether the new index is being put in the place of the earlier one.
   bool ending_ = false;

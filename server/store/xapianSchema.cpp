@@ -8,6 +8,7 @@
 #include "server/base/bytes.h"
 #include "server/base/documentForm.h"
 #include "server/base/errors.h"
+#include "server/store/searchableText.h"
 #include "server/store/sortValue.h"
 #include "server/store/textNormalizer.h"
 
@@ -87,6 +88,14 @@ std::optional<std::size_t> placeFor(std::vector<std::string>& names, const std::
   return names.size() - 1;
 }
 
+// A name that has another place already ends it: the names after it would get other places, too.
+void takeOverNames(std::vector<std::string>& names, const std::vector<std::string>& others) {
+  for (std::size_t place = names.size(); place < others.size(); ++place) {
+    if (placeOf(names, others[place])) return;
+    names.push_back(others[place]);
+  }
+}
+
 Xapian::valueno slotAt(std::size_t place) {
   return kKeySlot + 1 + static_cast<Xapian::valueno>(place);
 }
@@ -154,6 +163,18 @@ void IndexNames::addLanguage(const std::string& stemmer) {
   if (!placeOf(languages_, stemmer)) languages_.push_back(stemmer);
 }
 
+void IndexNames::takeOver(const IndexNames& other) {
+  takeOverNames(fields_, other.fields_);
+  takeOverNames(sortable_, other.sortable_);
+  for (const std::string& language : other.languages_) addLanguage(language);
+  std::sort(languages_.begin(), languages_.end());
+}
+
+bool IndexNames::hasNew() const {
+  return fields_.size() != storedFields_ || sortable_.size() != storedSortable_ ||
+         languages_.size() != storedLanguages_;
+}
+
 void IndexNames::storeIn(Xapian::WritableDatabase& database) {
   const auto store = [&](const char* entry, const std::vector<std::string>& names,
                          std::size_t& stored) {
@@ -167,14 +188,24 @@ void IndexNames::storeIn(Xapian::WritableDatabase& database) {
 
 namespace {
 
+// How the words of a document are to be stemmed that is not in the collection's language.
+std::string foreignStemmerOf(const Document& document, const TextAnalysis& analysis) {
+  return analysis.foreignStemmer(formNotedIn(document.metadata).language);
+}
+
+bool isSearchable(const MarkedName& name, const TextOptions& options) {
+  return name.searchable || !options.onlyMarkedMetadata;
+}
+
 /// Makes the words of a document.
 class Indexing {
  public:
   Indexing(const Document& document, const TextAnalysis& analysis, IndexNames& names)
       : options_(analysis.options()), names_(names) {
     generator_.set_flags(Xapian::TermGenerator::FLAG_CJK_NGRAM);
+    generator_.set_max_word_length(kMaxWordBytes);
     generator_.set_document(result_);
-    const std::string foreign = analysis.foreignStemmer(formNotedIn(document.metadata).language);
+    const std::string foreign = foreignStemmerOf(document, analysis);
     generator_.set_stemmer(foreign.empty() ? analysis.stemmer() : stemmerFor(foreign));
     if (foreign.empty()) return;
     names_.addLanguage(foreign);
@@ -186,7 +217,7 @@ class Indexing {
   void addMetadata(const std::string& markedName, const std::string& value) {
     if (isNote(markedName)) return;
     const MarkedName name = unmarked(markedName);
-    if (name.searchable || !options_.onlyMarkedMetadata) addField(name.name, value);
+    if (isSearchable(name, options_)) addField(name.name, value);
     if (!name.sortable) return;
     const auto slot = names_.slotFor(name.name);
     // Of several values the first one counts.
@@ -207,11 +238,10 @@ class Indexing {
   }
 
   void addWords(std::string_view text, const std::string& prefix) {
-    if (!options_.keepsPositions) {
-      return generator_.index_text_without_positions(normalizeText(text), 1, prefix);
-    }
+    const std::string words = searchableText(normalizeText(text));
+    if (!options_.keepsPositions) return generator_.index_text_without_positions(words, 1, prefix);
     const Xapian::termcount before = generator_.get_termpos();
-    generator_.index_text(normalizeText(text), 1, prefix);
+    generator_.index_text(words, 1, prefix);
     placed_ = placed_ || generator_.get_termpos() != before;
   }
 
@@ -228,6 +258,17 @@ std::string dataOf(const Document& document, const TextOptions& options) {
 }
 
 }  // namespace
+
+void registerNames(const Document& document, const TextAnalysis& analysis, IndexNames& names) {
+  const std::string foreign = foreignStemmerOf(document, analysis);
+  if (!foreign.empty()) names.addLanguage(foreign);
+  for (const auto& [markedName, value] : document.metadata) {
+    if (isNote(markedName)) continue;
+    const MarkedName name = unmarked(markedName);
+    if (isSearchable(name, analysis.options())) names.prefixFor(name.name);
+    if (name.sortable) names.slotFor(name.name);
+  }
+}
 
 Xapian::Document makeDocument(const Document& document, const TextAnalysis& analysis,
                               IndexNames& names) {

@@ -70,7 +70,17 @@ class IndexNames {
   const std::vector<std::string>& languages() const { return languages_; }
   void addLanguage(const std::string& stemmer);
 
-  /// Writes what is new since the names were read or written.
+  /// Takes over what `other` has beyond these names, at the same places; and its languages, which
+  /// then stand in an order that does not depend on where they come from.
+  void takeOver(const IndexNames& other);
+  /// Whether queries with both ask for the same words.
+  bool readsLike(const IndexNames& other) const {
+    return fields_ == other.fields_ && languages_ == other.languages_;
+  }
+
+  /// Whether there is something new since the names were read or written.
+  bool hasNew() const;
+  /// Writes what is new since then.
   void storeIn(Xapian::WritableDatabase& database);
 
  private:
@@ -90,6 +100,9 @@ std::string unmarkedName(const std::string& name);
 
 /// The document that makeDocument() stored with this key. Nothing if the data is not of that form.
 std::optional<Document> readDocument(const std::string& key, const std::string& data);
+
+/// Adds the names that makeDocument() would need, which then adds none.
+void registerNames(const Document& document, const TextAnalysis& analysis, IndexNames& names);
 
 Xapian::Document makeDocument(const Document& document, const TextAnalysis& analysis,
                               IndexNames& names);

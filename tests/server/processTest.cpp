@@ -209,6 +209,37 @@ TEST_F(ProcessTest, CollectionsAreCheckedAndRepaired) {
   EXPECT_EQ(again.wait(), 0);
 }
 
+TEST_F(ProcessTest, CollectionHasAsManyDatabasesAsWereAskedFor) {
+  std::vector<std::string> several = arguments();
+  several.insert(several.end(), {"--shards-per-collection", "3"});
+  {
+    CorvanedProgram server(several);
+    RawClient client(portOf(server.line()));
+    client.send(binaryRequest({{"action", "createCollection"}, {"index", "c"}}));
+    EXPECT_EQ(client.receive(2), std::string("\0\1", 2));
+    for (const char* key : {"first", "second", "third", "fourth", "fifth"}) {
+      client.send(binaryRequest({{"action", "addDocument"}, {"index", "c"}},
+                                test::documentBlock(key, {}, "fox")));
+      EXPECT_EQ(client.receive(2), std::string("\0\1", 2));
+    }
+    client.send(binaryRequest({{"action", "updateIndex"}, {"index", "c"}}));
+    EXPECT_EQ(client.receive(2), std::string("\0\1", 2));
+    server.signal(SIGTERM);
+    EXPECT_EQ(server.wait(), 0);
+  }
+  const std::string index = data_ + "/collections/c/index/";
+  EXPECT_TRUE(std::filesystem::exists(index + "part-2/iamglass"));
+  EXPECT_FALSE(std::filesystem::exists(index + "part-3"));
+  EXPECT_FALSE(std::filesystem::exists(index + "iamglass"));
+  CorvanedProgram check({"check", data_});
+  EXPECT_EQ(check.rest(), "\"c\": sound, 0 changes wait for updateIndex\n");
+  EXPECT_EQ(check.wait(), 0);
+  several.back() = "17";
+  CorvanedProgram tooMany(several);
+  EXPECT_THAT(tooMany.rest(), HasSubstr("--shards-per-collection"));
+  EXPECT_EQ(tooMany.wait(), 2);
+}
+
 TEST_F(ProcessTest, RestoredCollectionHasTheDigestOfTheOneThatWasBackedUp) {
   const std::string backups = (directory_.path() / "backups").string();
   const std::string success("\0\1", 2);

@@ -2,12 +2,16 @@
 #include <gtest/gtest.h>
 
 #include <new>
+#include <set>
 #include <stdexcept>
+#include <string>
 #include <system_error>
+#include <vector>
 
 #include "server/base/documentForm.h"
 #include "server/base/errors.h"
 #include "server/front/dispatcher.h"
+#include "server/front/documentBlock.h"
 #include "tests/server/front/mockStore.h"
 #include "tests/server/requestBytes.h"
 
@@ -21,7 +25,10 @@ using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::Field;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 using ::testing::Return;
+using ::testing::SizeIs;
+using ::testing::StartsWith;
 using ::testing::StrictMock;
 using ::testing::Throw;
 
@@ -100,6 +107,19 @@ TEST_F(DispatcherTest, TextOptionsArePassedOn) {
                               {"stemming", "false"},
                               {"searchableMetadata", "marked"},
                               {"stopWords", " the,a , of,"}}));
+}
+
+TEST_F(DispatcherTest, LanguageThatIsNoneIsRefused) {
+  for (const std::string& language :
+       {std::string("englsh"), std::string("en refresh=immediate"), std::string("../../etc"),
+        std::string("_US"), std::string("xx"), std::string("d\xC3\xA9"), std::string(60000, 'e')}) {
+    for (const char* action : {"createCollection", "addDocument"}) {
+      EXPECT_THAT(error({{"action", action}, {"index", "c"}, {"docLang", language}},
+                        documentBlock("k", {}, "text")),
+                  AllOf(StartsWith("ZVK0006E"), HasSubstr("\"docLang\"")))
+          << language.substr(0, 50);
+    }
+  }
 }
 
 TEST_F(DispatcherTest, FormOfADocumentGoesWithIt) {
@@ -225,6 +245,26 @@ TEST_F(DispatcherTest, QueuedDocumentThatIsRefusedIsToldAmongTheParseResults) {
   expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, kBlock));
   EXPECT_CALL(store_, reportOutcome("c", Field(&ParseOutcome::messageId, "ZVK0012E"), ""));
   expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, "garbage"));
+}
+
+// A client with several documents under way has to know which one to send again.
+TEST_F(DispatcherTest, QueuedDocumentIsToldByItsKeyWhateverIsWrongWithIt) {
+  const std::string whole = documentBlock("k1", {{"a", "b"}}, "text");
+  const std::vector<std::pair<std::string, std::string>> cases{
+      {documentBlock(std::string(129, 'k'), {}, "text"), std::string(128, 'k')},
+      {documentBlock("k2", Metadata(kMaxMetadata + 1), "text"), "k2"},
+      {whole.substr(0, whole.size() - 1), "k1"},
+      {whole + "x", "k1"},
+      {whole.substr(0, whole.find("k1")), ""},
+      {"garbage", ""},
+  };
+  for (const auto& [block, key] : cases) {
+    EXPECT_CALL(store_, reportOutcome("c",
+                                      AllOf(Field(&ParseOutcome::key, key),
+                                            Field(&ParseOutcome::messageId, "ZVK0012E")),
+                                      ""));
+    expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, block));
+  }
 }
 
 TEST_F(DispatcherTest, OutcomesAreThoseOfTheClientThatIsNamed) {
@@ -596,6 +636,70 @@ TEST_F(DispatcherTest, VersionsValidationNeedsAVersion) {
               AllOf(HasSubstr("ZVK0005E"), HasSubstr("Implementation-Version")));
 }
 
+/// A store whose collections are opened when somebody asks for that.
+class OpeningStore : public StrictMock<MockStore> {
+ public:
+  bool isOpen(const std::string& name) override { return opened.contains(name); }
+  void open(const std::string& name, Opened ready) override {
+    asked.push_back(name);
+    if (name == "damaged") return ready(ServerError(ErrorKind::StorageFailed, "it is damaged"));
+    opened.insert(name);
+    ready(std::nullopt);
+  }
+
+  std::set<std::string> opened;
+  std::vector<std::string> asked;
+};
+
+class OpeningTest : public ::testing::Test {
+ protected:
+  // As a connection does.
+  std::vector<std::string> opened(const test::Headers& headers) {
+    request_ = {};
+    request_.headers.insert(headers.begin(), headers.end());
+    store_.asked.clear();
+    while (!dispatcher_.isReady(request_)) {
+      const std::size_t before = store_.asked.size();
+      dispatcher_.makeReady(request_, [] {});
+      if (store_.asked.size() == before) return {"endless"};
+    }
+    return store_.asked;
+  }
+
+  OpeningStore store_;
+  Dispatcher dispatcher_{store_, "1"};
+  Request request_;
+};
+
+TEST_F(OpeningTest, EachCollectionOfARequestIsOpenedOnce) {
+  const test::Headers request{
+      {"action", "getParseResult"}, {"report", "hits"}, {"index", "a"}, {"alsoIn", "b,c,d"}};
+  store_.opened = {"b"};
+  EXPECT_THAT(opened(request), ElementsAre("a", "c", "d"));
+  EXPECT_THAT(opened(request), IsEmpty());
+  EXPECT_THAT(opened({{"action", "search"}, {"index", "e"}, {"alsoIn", "f"}}), ElementsAre("e"))
+      << "it does not take the parameter";
+}
+
+TEST_F(OpeningTest, NoneIsOpenedAfterOneThatCannotBe) {
+  EXPECT_THAT(opened({{"action", "getParseResult"},
+                      {"report", "hits"},
+                      {"index", "a"},
+                      {"alsoIn", "damaged,c"},
+                      {"query", "fox"}}),
+              ElementsAre("a", "damaged"));
+  const Reply reply = dispatcher_.handle(request_);
+  EXPECT_EQ(std::get<ErrorReply>(reply).text, "it is damaged");
+}
+
+TEST_F(OpeningTest, NoMoreAreOpenedThanASearchTakes) {
+  std::string many = "b0";
+  for (int i = 1; i < 100; ++i) many += ",b" + std::to_string(i);
+  EXPECT_THAT(
+      opened({{"action", "getParseResult"}, {"report", "hits"}, {"index", "a"}, {"alsoIn", many}}),
+      SizeIs(32));
+}
+
 TEST(Shutdown, IsForThoseOnTheMachineOrWithTheRight) {
   StrictMock<MockStore> store;
   int ended = 0;
@@ -631,12 +735,12 @@ TEST(Reports, TakeTheRightToReadAndOtherActionsWhatTheyNeed) {
     Request request;
     request.headers = {{"action", action}, {"index", "books"}, {"report", "count"}};
     EXPECT_THROW(Dispatcher::permit(request, reader), ServerError) << action;
-    EXPECT_EQ(Dispatcher::workload(action, true), Dispatcher::workload(action)) << action;
+    EXPECT_EQ(Dispatcher::workload(action, "count"), Dispatcher::workload(action)) << action;
   }
   Request request;
   request.headers = {{"action", "getParseResult"}, {"index", "books"}, {"report", "count"}};
   EXPECT_NO_THROW(Dispatcher::permit(request, reader));
-  EXPECT_EQ(Dispatcher::workload("getParseResult", true), Workload::Read);
+  EXPECT_EQ(Dispatcher::workload("getParseResult", "count"), Workload::Read);
   request.headers.erase("report");
   EXPECT_THROW(Dispatcher::permit(request, reader), ServerError);
 }

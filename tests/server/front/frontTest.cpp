@@ -544,6 +544,72 @@ TEST_F(FrontTest, OpeningOneCollectionTakesNoWorkerFromTheOthers) {
   EXPECT_EQ(httpAsk(setup, {{"action", "updateIndex"}, {"index", "slow"}}), kDone);
 }
 
+TEST_F(FrontTest, WhoeverMakesDropsOrClosesACollectionThatIsBeingOpenedTakesNoWorker) {
+  RawClient setup(http_);
+  const std::filesystem::path collections = directory_.path() / "data/collections";
+  const std::vector<std::string> actions{"createCollection", "deleteCollection", "closeCollection"};
+  for (const std::string& name : actions) {
+    EXPECT_EQ(httpAsk(setup, {{"action", "createCollection"}, {"index", name}}), kDone);
+  }
+  EXPECT_EQ(httpAsk(setup, {{"action", "createCollection"}, {"index", "c"}}), kDone);
+  for (const std::string& action : actions) {
+    test::SlowCollection slow(collections / action);
+    RawClient opening(http_);
+    opening.send(httpRequest({{"action", "openCollection"}, {"index", action}}));
+    ASSERT_TRUE(slow.awaitOpening([&] { return store_.isOpen(action); }));
+    std::vector<RawClient> clients;
+    for (int i = 0; i < 12; ++i) {
+      clients.emplace_back(http_);
+      clients.back().send(httpRequest({{"action", action}, {"index", action}}));
+    }
+    expectServing();
+    EXPECT_EQ(httpAsk(setup, {{"action", "addDocument"}, {"index", "c"}}, kDocument), kDone);
+    EXPECT_EQ(httpAsk(setup, {{"action", "updateIndex"}, {"index", "c"}}), kDone);
+    slow.fail();
+    EXPECT_THAT(opening.receiveHttp(), HasSubstr("ZVK0014E"));
+    std::multiset<std::string> replies;
+    for (RawClient& client : clients) {
+      const std::string reply = client.receiveHttp();
+      const std::size_t id = reply.find("ZVK");
+      replies.insert(id == std::string::npos ? "done" : reply.substr(id, 8));
+    }
+    const bool drops = action == "deleteCollection";
+    EXPECT_EQ(replies.count("done"), drops ? 1U : action == "closeCollection" ? 12U : 0U);
+    EXPECT_EQ(replies.count("ZVK0007E"), drops ? 11U : 0U);
+    EXPECT_EQ(replies.count("ZVK0008E"), action == "createCollection" ? 12U : 0U);
+  }
+}
+
+TEST_F(FrontTest, QueuedDocumentOfACollectionThatCannotBeOpenedIsAmongTheOutcomes) {
+  RawClient client(http_);
+  EXPECT_EQ(httpAsk(client, {{"action", "createCollection"}, {"index", "slow"}}), kDone);
+  test::SlowCollection slow(directory_.path() / "data/collections/slow");
+  client.send(httpRequest({{"action", "asyncAddDocument"}, {"index", "slow"}}, kDocument));
+  ASSERT_TRUE(slow.awaitOpening([&] { return store_.isOpen("slow"); }));
+  slow.fail();
+  const std::string outcomes = httpAsk(client, {{"action", "getParseResult"}, {"index", "slow"}});
+  EXPECT_THAT(outcomes, AllOf(StartsWith(kDone), HasSubstr("ZVK0014E")));
+}
+
+TEST_F(FrontTest, ReportsThatOpenCollectionsTakeNoWorkerFromSearches) {
+  RawClient setup(http_);
+  for (const char* name : {"c", "slow"}) {
+    EXPECT_EQ(httpAsk(setup, {{"action", "createCollection"}, {"index", name}}), kDone);
+  }
+  test::SlowCollection slow(directory_.path() / "data/collections/slow");
+  std::vector<RawClient> clients;
+  for (unsigned i = 0; i < options_.readThreads * 2; ++i) {
+    clients.emplace_back(http_);
+    clients.back().send(httpRequest({{"action", "getParseResult"}, {"report", "collections"}}));
+  }
+  ASSERT_TRUE(slow.awaitOpening([&] { return store_.isOpen("slow"); }));
+  expectServing();
+  EXPECT_THAT(httpAsk(setup, {{"action", "search"}, {"index", "c"}, {"query", "x"}}),
+              StartsWith(kDone));
+  slow.fail();
+  for (RawClient& client : clients) EXPECT_THAT(client.receiveHttp(), HasSubstr("ZVK0101I"));
+}
+
 TEST_F(FrontTest, StatusIsAnsweredWhileEverySearchThreadIsBusy) {
   std::vector<RawClient> searching;
   for (unsigned i = 0; i < options_.readThreads * 3; ++i) {
@@ -938,6 +1004,44 @@ TEST_F(GuardedFrontTest, RightsHoldForTheCollectionsOfTheirPattern) {
       httpAsk(client,
               as(reader_, {{"action", "search"}, {"collectionName", "films"}, {"query", "x"}})),
       HasSubstr("ZVK0023E"));
+}
+
+TEST_F(GuardedFrontTest, NothingIsToldOfCollectionsBesideThatOneMayNotRead) {
+  store_.createCollection("books-b", "en");
+  for (const char* name : {"books-a", "books-b", "films"}) {
+    store_.addDocument(name, {"k", {}, "fox"});
+    store_.updateIndex(name);
+    // As the front has to find it.
+    store_.closeCollection(name);
+  }
+  const auto together = [&](const std::string& index, const std::string& alsoIn) {
+    return as(reader_, {{"action", "getParseResult"},
+                        {"report", "hits"},
+                        {"index", index},
+                        {"alsoIn", alsoIn},
+                        {"query", "fox"}});
+  };
+  const auto overHttp = [&](const std::string& index, const std::string& alsoIn) {
+    RawClient client(http_);
+    return httpAsk(client, together(index, alsoIn));
+  };
+  const auto overBinary = [&](const std::string& index, const std::string& alsoIn) {
+    RawClient client(binary_);
+    client.send(binaryRequest(together(index, alsoIn)));
+    client.endSending();
+    return client.receiveAll();
+  };
+  const auto expectGuarded = [](const auto& ask) {
+    EXPECT_THAT(ask("books-a", "books-b"),
+                AllOf(HasSubstr("collection=books-a"), HasSubstr("collection=books-b")));
+    for (const char* forbidden : {"films", "nowhere"}) {
+      const std::string refusal = ask("books-a", forbidden);
+      EXPECT_THAT(refusal, AllOf(HasSubstr("ZVK0023E"), HasSubstr(forbidden)));
+      EXPECT_EQ(ask(forbidden, ""), refusal) << "as if it were the only one";
+    }
+  };
+  expectGuarded(overHttp);
+  expectGuarded(overBinary);
 }
 
 TEST_F(GuardedFrontTest, QueuedDocumentOfAStrangerIsDroppedWithoutAReply) {

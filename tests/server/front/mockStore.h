@@ -26,6 +26,8 @@ class NoHits : public HitSource {
 class MockStore : public Store {
  public:
   bool isOpen(const std::string&) override { return true; }
+  bool isSettled(const std::string&) override { return true; }
+  void awaitSettled(const std::string&, Opened settled) override { settled(std::nullopt); }
   void stop() override {}
   MOCK_METHOD(void, open, (const std::string&, Opened), (override));
 
@@ -60,6 +62,9 @@ class MockStore : public Store {
               (override));
   MOCK_METHOD(std::vector<HitDetails>, details,
               (const std::string&, const SearchQuery&, const DetailsWanted&), (override));
+  MOCK_METHOD(std::vector<HitDetails>, details,
+              (const std::vector<std::string>&, const SearchQuery&, const DetailsWanted&),
+              (override));
   MOCK_METHOD(void, backup, (const std::string&, const std::string&), (override));
   MOCK_METHOD(std::vector<BackupSummary>, backups, (const std::string&, std::uint64_t), (override));
   MOCK_METHOD(void, restore, (const Restoration&), (override));

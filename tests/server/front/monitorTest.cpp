@@ -1,8 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 #include "server/front/monitor.h"
 #include "tests/server/rawClient.h"
@@ -52,6 +55,24 @@ TEST_F(MonitorTest, RubbishAndSilenceHoldUpNobodyForLong) {
   const RawClient silent(monitor_.port());
   EXPECT_THAT(ask("GET /health\r\n\r\n"), StartsWith("HTTP/1.1 404 "));
   EXPECT_THAT(get("/health"), StartsWith("HTTP/1.1 200 "));
+}
+
+TEST_F(MonitorTest, ClientThatDripsHoldsUpNobodyForLong) {
+  Monitor monitor(0, {[] { return std::string(); }, [] { return std::string(); }},
+                  std::chrono::milliseconds(1000));
+  RawClient slow(monitor.port());
+  std::promise<void> answered;
+  // Each byte comes well before the patience would be at its end if it began anew with each.
+  std::thread dripping([&slow, over = answered.get_future()] {
+    constexpr std::chrono::milliseconds kPause{50};
+    while (slow.send("x") && over.wait_for(kPause) == std::future_status::timeout) {
+    }
+  });
+  RawClient client(monitor.port());
+  client.send("GET /health HTTP/1.1\r\n\r\n");
+  EXPECT_THAT(client.receiveAll(), StartsWith("HTTP/1.1 200 "));
+  answered.set_value();
+  dripping.join();
 }
 
 TEST_F(MonitorTest, PortThatIsTakenIsNamed) {

@@ -60,6 +60,7 @@ const Taken kOnlyFalse{{"false"}, "true"};
 const Taken kEither{{"true", "false"}, "perhaps"};
 const Taken kType{{"text", "html", "xml", "ContentTypeNotDefined"}, "bin"};
 const Taken kCharset{{"UTF-8", "utf8", "ISO-8859-1", "windows-1252", "Shift_JIS"}, "klingon"};
+const Taken kLanguage{{"de", "en_US", "zh-Hant-TW", "pl", "TLH", "german"}, "englsh"};
 const Taken kOfCollection{{"collection"}, "system"};
 const Taken kOfServer{{"system"}, "collection"};
 
@@ -82,7 +83,7 @@ const Group kEnvelope{
 const Group kCollection{
     {"index", kAnyText}, {"collectionName", kAnyText}, {"scope", kOfCollection}};
 const Group kDocument{
-    {"docLang", kAnyText},
+    {"docLang", kLanguage},
     {"docType", kType},
     {"KnownContentType", kType},
     {"charset", kCharset},
@@ -96,7 +97,7 @@ std::vector<Row> rows() {
   const Group query{{"query", kAnyText}};
   return {
       {"createCollection", named,
-       inCollection + Group{{"docLang", kAnyText},
+       inCollection + Group{{"docLang", kLanguage},
                             {"refresh", {{"manual", "immediate", "250"}, "soon"}},
                             {"storeText", kEither},
                             {"storePositions", kEither},
@@ -197,6 +198,7 @@ std::vector<Row> rows() {
                  {"keys", kKeys},
                  {"resultLimit", kNumber},
                  {"searchAfter", kPlace},
+                 {"alsoIn", {{"d", "d,my books,e"}, "d,c"}},
                  {"sortField", {{"SCORE", "KEY", "-year"}, "1st"}},
                  {"start", kNumber},
                  {"size", {{"0", "100"}, "101"}},
@@ -245,7 +247,7 @@ std::set<std::string> allNames() {
                               "storePositions", "stemming",  "searchableMetadata",
                               "values",         "snippet",   "stopWords",
                               "backup",         "from",      "replace",
-                              "searchAfter"};
+                              "searchAfter",    "alsoIn"};
   for (const icu::UnicodeString* name : {&StaticDefs::PARAM_COLLECTION_ID,
                                          &StaticDefs::PARAM_DOCUMENT_ID,
                                          &StaticDefs::PARAM_ROWID,

@@ -2,10 +2,13 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "server/front/dispatcher.h"
+#include "server/front/replyEncoder.h"
 #include "tests/server/front/mockStore.h"
 #include "tests/server/requestBytes.h"
 
@@ -100,6 +103,25 @@ TEST_F(ReportsTest, OptionsOfACollectionAreToldUnlessTheyAreAsUsual) {
             "stemming=false searchableMetadata=marked stopWords=2 refresh= mark=none");
 }
 
+TEST_F(ReportsTest, MemoryOfHitsIsSetAsideUntilTheReplyIsOver) {
+  const auto memory = std::make_shared<int>(0);
+  HitDetails one{{"k1", 532}};
+  one.memory = memory;
+  EXPECT_CALL(store_, details("a", _, _)).WillOnce([&](const auto&, const auto&, const auto&) {
+    return std::vector<HitDetails>{std::move(one)};
+  });
+  Reply reply = ask({{"report", "hits"}, {"index", "a"}, {"query", "fox"}});
+  EXPECT_EQ(memory.use_count(), 2);
+  auto encoder = encode(Framing::Http, std::move(reply));
+  EXPECT_EQ(memory.use_count(), 2);
+  encoder.reset();
+  EXPECT_EQ(memory.use_count(), 1);
+  auto binary = encode(Framing::Binary, ReportReply{{}, memory});
+  EXPECT_EQ(memory.use_count(), 2);
+  binary.reset();
+  EXPECT_EQ(memory.use_count(), 1);
+}
+
 TEST_F(ReportsTest, HitsAreToldWithWhatIsStoredOfThem) {
   SearchQuery seen;
   DetailsWanted wanted;
@@ -170,6 +192,61 @@ TEST_F(ReportsTest, HitsInPagesAreFollowedByThePlaceOfTheNext) {
   EXPECT_TRUE(second.inPages);
   ASSERT_TRUE(second.from);
   EXPECT_EQ(textOf(*second.from), textOf(place));
+}
+
+TEST_F(ReportsTest, HitsOfSeveralCollectionsAreToldWithTheirs) {
+  HitDetails first{{"k1", 1000}, {{"year", "1851"}}};
+  first.collection = "my books";
+  HitDetails second{{"k1", 999}};
+  second.collection = "a";
+  EXPECT_CALL(store_, details(std::vector<std::string>{"a", "my books", "b"},
+                              Field(&SearchQuery::text, "fox"), _))
+      .WillOnce(Return(std::vector<HitDetails>{first, second}));
+  const std::vector<Line> told =
+      lines({{"report", "hits"}, {"index", "a"}, {"alsoIn", ",my books,,b"}, {"query", "fox"}});
+  ASSERT_EQ(told.size(), 3U);
+  EXPECT_EQ(told[0].subject, "base64:azE=");
+  EXPECT_EQ(told[0].messageId, "ZVK0104I");
+  EXPECT_EQ(told[0].messageText, "score=1.000 collection=my books");
+  EXPECT_EQ(told[1].messageText, "year=1851");
+  EXPECT_EQ(told[2].subject, "base64:azE=");
+  EXPECT_EQ(told[2].messageText, "score=0.999 collection=a");
+}
+
+TEST_F(ReportsTest, SeveralCollectionsAreOnlyForHitsAndNotForPages) {
+  for (const char* report : {"count", "digest", "place", "collection", "collections"}) {
+    test::Headers request{{"report", report}, {"alsoIn", "b"}};
+    if (std::string(report) != "collections") request["index"] = "a";
+    EXPECT_THAT(error(request),
+                AllOf(HasSubstr("ZVK0024E"), HasSubstr("\"alsoIn\""), HasSubstr(report)));
+  }
+  EXPECT_THAT(error({{"alsoIn", "b"}, {"index", "a"}}),
+              AllOf(HasSubstr("ZVK0024E"), HasSubstr("\"alsoIn\" without \"report\"")));
+  EXPECT_THAT(error({{"report", "hits"},
+                     {"index", "a"},
+                     {"alsoIn", "b"},
+                     {"query", "fox"},
+                     {"searchAfter", "begin"}}),
+              AllOf(HasSubstr("ZVK0024E"), HasSubstr("\"searchAfter\" beside \"alsoIn\"")));
+}
+
+TEST_F(ReportsTest, CollectionsThatAreSearchedTogetherMustBeFewAndDiffer) {
+  const auto refused = [&](const std::string& alsoIn) {
+    return error({{"report", "hits"}, {"index", "a"}, {"alsoIn", alsoIn}, {"query", "fox"}});
+  };
+  EXPECT_THAT(refused("b,a"),
+              AllOf(HasSubstr("ZVK0006E"), HasSubstr("\"alsoIn\""), HasSubstr("\"a\" twice")));
+  EXPECT_THAT(refused("b,c,b"), HasSubstr("\"b\" twice"));
+  EXPECT_THAT(refused(",,"), AllOf(HasSubstr("ZVK0006E"), HasSubstr("\"alsoIn\"")));
+  std::string most = "c1";
+  for (int i = 2; i < 32; ++i) most += ",c" + std::to_string(i);
+  EXPECT_CALL(
+      store_,
+      details(::testing::Matcher<const std::vector<std::string>&>(::testing::SizeIs(32)), _, _));
+  EXPECT_EQ(refused(most), "none");
+  EXPECT_THAT(refused(most + ",c32"), AllOf(HasSubstr("\"alsoIn\""), HasSubstr("at most 32")));
+  EXPECT_THAT(error({{"report", "hits"}, {"alsoIn", "b"}, {"query", "fox"}}),
+              AllOf(HasSubstr("ZVK0005E"), HasSubstr("\"index\"")));
 }
 
 // It takes the last of the hits before the place to know it, and none for the place that is given.
@@ -305,6 +382,31 @@ TEST(ReportRights, ReadingIsEnough) {
   EXPECT_THROW(Dispatcher::permit(request, reader), ServerError);
 }
 
+// Whether one exists must not show either.
+TEST(ReportRights, EachOfSeveralCollectionsTakesItsOwn) {
+  Request request;
+  request.headers = {{"action", "getParseResult"},
+                     {"report", "hits"},
+                     {"index", "books-1"},
+                     {"alsoIn", "books-2,secret,books-3"}};
+  const Identity reader("ada", {{Right::Read, "books-*"}});
+  const auto refusal = [&] {
+    try {
+      Dispatcher::permit(request, reader);
+      return std::string("none");
+    } catch (const ServerError& error) {
+      return std::string(messageId(error.kind())) + " " + error.what();
+    }
+  };
+  const std::string beside = refusal();
+  EXPECT_THAT(beside, AllOf(HasSubstr("ZVK0023E"), HasSubstr("\"secret\"")));
+  request.headers["alsoIn"] = "books-1";
+  request.headers["index"] = "secret";
+  EXPECT_EQ(refusal(), beside) << "as if it were the only one";
+  request.headers["index"] = "books-3";
+  EXPECT_EQ(refusal(), "none");
+}
+
 // The names of collections are for those who may read all of them.
 TEST(ReportRights, ListOfCollectionsTakesTheRightToAll) {
   Request request;
@@ -315,8 +417,13 @@ TEST(ReportRights, ListOfCollectionsTakesTheRightToAll) {
 }
 
 TEST(Workload, ReportsRunWithTheSearches) {
-  EXPECT_EQ(Dispatcher::workload("getParseResult", true), Workload::Read);
-  EXPECT_EQ(Dispatcher::workload("getParseResult", false), Workload::Write);
+  EXPECT_EQ(Dispatcher::workload("getParseResult", "hits"), Workload::Read);
+  EXPECT_EQ(Dispatcher::workload("getParseResult", "no report"), Workload::Read);
+  EXPECT_EQ(Dispatcher::workload("getParseResult"), Workload::Write);
+}
+
+TEST(Workload, ReportOfAllCollectionsRunsByItself) {
+  EXPECT_EQ(Dispatcher::workload("getParseResult", "collections"), Workload::Survey);
 }
 
 }  // namespace

@@ -20,12 +20,6 @@
 
 // A backup and its restoring, killed in front of every single call that changes a file, and in the
 // middle of every write.
-// The engine's own check of an index deletes a table by its base class, which has no virtual
-// destructor. The address sanitizer would end the test for that.
-extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
-  return "new_delete_type_mismatch=0";
-}
-
 namespace corvaned {
 namespace {
 

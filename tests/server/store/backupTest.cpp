@@ -5,6 +5,7 @@
 #include <spdlog/spdlog.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <xapian.h>
 
 #include <algorithm>
@@ -30,12 +31,16 @@
 #include "server/store/collection.h"
 #include "server/store/collectionCopy.h"
 #include "server/store/collectionOptions.h"
+#include "server/store/directory.h"
 #include "server/store/files.h"
+#include "server/store/indexParts.h"
 #include "server/store/indexRebuild.h"
 #include "server/store/localStore.h"
 #include "server/store/maintenance.h"
 #include "server/store/registry.h"
+#include "tests/server/logLines.h"
 #include "tests/server/store/fileSizeLimit.h"
+#include "tests/server/store/slowCollection.h"
 #include "tests/support/temporaryDirectory.h"
 
 // Backups of collections in use, and what becomes of them. KRUCOMM_LONG=1 damages every byte of
@@ -551,7 +556,7 @@ class CopyOfExchangedIndexTest : public BackupTest {
   }
 
   // More than either index has.
-  static constexpr std::uint64_t kHighRevision = 1000;
+  static IndexRevisions highRevision() { return {{"", 1000}}; }
 };
 
 TEST_F(CopyOfExchangedIndexTest, HasNothingOfTheEarlierOneWhereverTheExchangeComes) {
@@ -562,13 +567,13 @@ TEST_F(CopyOfExchangedIndexTest, HasNothingOfTheEarlierOneWhereverTheExchangeCom
     CollectionCopy copy(collection("c"), target(), [&] {
       if (++calls == place) exchange();
     });
-    const auto copied = copy.copyAhead(kHighRevision, {});
+    const auto copied = copy.copyAhead(highRevision(), {});
     if (calls < place) {
       EXPECT_TRUE(copied);
       break;
     }
     EXPECT_FALSE(copied) << "all is still to be copied";
-    EXPECT_TRUE(copy.copyAhead(change("first"), {}));
+    EXPECT_TRUE(copy.copyAhead({{"", change("first")}}, {}));
     change("second");
     copy.copyIndex();
     expectEqual(target() / "index", index());
@@ -578,9 +583,42 @@ TEST_F(CopyOfExchangedIndexTest, HasNothingOfTheEarlierOneWhereverTheExchangeCom
   EXPECT_GT(place, 10);
 }
 
+// One of them has been changed often, the other one hardly ever.
+TEST_F(BackupTest, CopyComparesTheBlocksOfEachDatabaseWithItsOwnRevision) {
+  limits_.parts = 2;
+  restart();
+  store_->createCollection("c", "en");
+  for (int i = 0; i < 20; ++i) store_->queueDocument("c", {std::to_string(i), {}, "red foxes"});
+  store_->updateIndex("c");
+  store_.reset();
+  const std::filesystem::path index = collection("c") / "index";
+  const auto change = [&](const char* database) {
+    Xapian::WritableDatabase opened((index / database).string());
+    Xapian::Document document;
+    document.add_posting("hound", 1);
+    opened.add_document(document);
+  };
+  for (int times = 0; times < 5; ++times) change("part-0");
+  const std::filesystem::path target = directory_.path() / "copy";
+  CollectionCopy copy(collection("c"), target, [] {});
+  const IndexRevisions revisions = IndexParts::in(index).revisions();
+  ASSERT_GT(revisions.at("part-0"), revisions.at("part-1") + 2);
+  EXPECT_TRUE(copy.copyAhead(revisions, {}));
+  change("part-1");
+  copy.copyIndex();
+  for (const char* database : {"part-0", "part-1"}) {
+    ASSERT_GT(namesIn(index / database).size(), 3U);
+    EXPECT_EQ(namesIn(target / "index" / database), namesIn(index / database));
+    for (const std::string& name : namesIn(index / database)) {
+      EXPECT_EQ(read(target / "index" / database / name), read(index / database / name))
+          << database << "/" << name;
+    }
+  }
+}
+
 TEST_F(CopyOfExchangedIndexTest, MayHoldStillRightAfterTheExchange) {
   CollectionCopy copy(collection("c"), target(), [] {});
-  EXPECT_TRUE(copy.copyAhead(kHighRevision, {}));
+  EXPECT_TRUE(copy.copyAhead(highRevision(), {}));
   exchange();
   copy.copyIndex();
   expectEqual(target() / "index", index());
@@ -594,7 +632,7 @@ TEST_F(CopyOfExchangedIndexTest, IsTheEarlierOneUntilTheNewOneBeginsToTakeItsPla
   rewrite(collection("c") / "index-sums", "old");
   const auto copied = [&](const std::function<void()>& meanwhile) {
     CollectionCopy copy(collection("c"), target(), [] {});
-    copy.copyAhead(kHighRevision, {});
+    copy.copyAhead(highRevision(), {});
     meanwhile();
     copy.copyIndex();
     copy.copyRest({});
@@ -622,12 +660,115 @@ TEST_F(CopyOfExchangedIndexTest, HasNothingThatIsHalfMadeOrPutAside) {
     rewrite(collection("c") / passing / "index" / "iamglass", "x");
   }
   CollectionCopy copy(collection("c"), target(), [] {});
-  copy.copyAhead(0, {});
+  copy.copyAhead({}, {});
   copy.copyIndex();
   copy.copyRest({});
   EXPECT_THAT(namesIn(target()), ::testing::Contains("index"));
   EXPECT_THAT(namesIn(target()),
               ::testing::Each(::testing::Not(::testing::StartsWith("index-re"))));
+}
+
+/// A collection whose index is much larger than what a small update changes of it.
+class BackupOfManyTest : public BackupTest {
+ protected:
+  BackupOfManyTest() {
+    store_->createCollection("c", "en");
+    for (int i = 0; i < 2000; ++i) {
+      std::string text = "fox";
+      for (int j = 0; j < 100; ++j) text += " w" + std::to_string((i * 37 + j * j) % 9000);
+      store_->queueDocument("c", {std::to_string(i), {}, text});
+    }
+    store_->updateIndex("c");
+  }
+
+  void change(int i) {
+    store_->queueDocument("c", {"new " + std::to_string(i), {}, "fox"});
+    store_->updateIndex("c");
+  }
+
+  std::filesystem::path index() const { return collection("c") / "index"; }
+  std::uint64_t indexBytes() const { return bytesInTree(index()); }
+  IndexRevisions revisions() const {
+    return {{"", Xapian::Database(index().string()).get_revision()}};
+  }
+};
+
+TEST_F(BackupOfManyTest, HoldsStillForWhatHasChangedSinceTheLastLookOnly) {
+  CollectionCopy copy(collection("c"), directory_.path() / "copy", [] {});
+  EXPECT_GT(copy.copyAhead(revisions(), {}), indexBytes() / 2);
+  change(1);
+  EXPECT_LT(copy.copyAhead(revisions(), {}), indexBytes() / 4);
+  change(2);
+  const std::uint64_t before = copy.copied();
+  copy.copyIndex();
+  EXPECT_GT(copy.copied(), before);
+  EXPECT_LT(copy.copied() - before, indexBytes() / 4);
+  for (const std::string& name : namesIn(index())) {
+    EXPECT_EQ(read(directory_.path() / "copy" / "index" / name), read(index() / name)) << name;
+  }
+}
+
+// The log tells how much was copied while the collection held still.
+TEST_F(BackupOfManyTest, HoldsStillForLittleWhileOthersWrite) {
+  store_.reset();
+  const test::LogLines log;
+  spdlog::set_level(spdlog::level::debug);
+  restart();
+  std::atomic<bool> made = false;
+  std::jthread writer([&] {
+    for (int i = 0; !made; ++i) change(i);
+  });
+  for (int i = 0; i < 3; ++i) EXPECT_NO_THROW(store_->backup(std::to_string(i), "c"));
+  made = true;
+  writer.join();
+  const std::vector<std::string> lines = log.with("held still for");
+  EXPECT_EQ(lines.size(), 3U);
+  const std::string mark = " s to copy ";
+  for (const std::string& line : lines) {
+    const std::size_t place = line.find(mark);
+    ASSERT_NE(place, std::string::npos) << line;
+    EXPECT_LT(std::stoull(line.substr(place + mark.size())), indexBytes() / 2) << line;
+  }
+  store_.reset();
+}
+
+// A change that comes while the last part is copied waits; what is copied does not have it.
+TEST(HeldCollectionTest, SearchesGoOnAndChangesUntilTheLastPart) {
+  const tq::test::TemporaryDirectory directory;
+  const std::atomic<bool> stopping = false;
+  Collection::create(directory.path(), {"en", {}}, {});
+  Collection collection("c", directory.path(), {}, std::make_shared<ParseOutcomes>(10), stopping);
+  collection.add({"k1", {}, "fox"});
+  collection.requestUpdate();
+  ASSERT_TRUE(collection.takeOnIndexing());
+  while (collection.indexStep()) {
+  }
+  const auto expectFound = [&] {
+    EXPECT_EQ(collection.estimate("fox", kExactHits).hits, 1U);
+    SearchQuery query;
+    query.text = "fox";
+    Hit hit;
+    EXPECT_TRUE(collection.search(query)->next(hit));
+    EXPECT_EQ(collection.details(query, {}).size(), 1U);
+  };
+  std::atomic<pid_t> client = 0;
+  std::jthread writer;
+  collection.holdStill(
+      [&] {
+        expectFound();
+        collection.add({"k2", {}, "fox"});
+      },
+      [&](const JournalExtent& journal) {
+        expectFound();
+        writer = std::jthread([&] {
+          client = ::gettid();
+          collection.add({"k3", {}, "fox"});
+        });
+        while (client == 0 || !test::sleeps(client)) std::this_thread::yield();
+        EXPECT_EQ(collection.journalExtent().lastSequence, journal.lastSequence);
+      });
+  writer.join();
+  EXPECT_EQ(collection.summary().pending, 2U);
 }
 
 // Each of these fails if it takes what goes on in the directory for damage.

@@ -1,20 +1,26 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 #include <xapian.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <latch>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "server/base/errors.h"
+#include "server/base/requestContext.h"
 #include "server/store/commitGate.h"
 #include "server/store/indexReaders.h"
 #include "server/store/indexWriter.h"
+#include "tests/server/store/slowCollection.h"
 #include "tests/support/temporaryDirectory.h"
 
 namespace corvaned {
@@ -108,9 +114,9 @@ class OvertakenTest : public ::testing::Test {
  protected:
   static constexpr int kDocuments = 2000;
 
-  explicit OvertakenTest(std::chrono::milliseconds patience = kForEver)
-      : readers_(directory_.path(), limits_, patience) {
-    IndexWriter::create(directory_.path(), {"en", {}});
+  explicit OvertakenTest(std::chrono::milliseconds patience = kForEver, std::size_t parts = 1)
+      : readers_(directory_.path() / IndexSums::kIndexDirectory, limits_, patience) {
+    IndexWriter::create(directory_.path(), {"en", {}, parts});
     commit(1);
     for (int i = 0; i < kDocuments; ++i) keys_.push_back(keyOf(i));
   }
@@ -126,7 +132,7 @@ class OvertakenTest : public ::testing::Test {
       changes.push_back({ChangeKind::Remove, {keyOf(i), {}, {}}});
       changes.push_back({ChangeKind::Put, {keyOf(i), {}, "fox"}});
     }
-    IndexWriter(directory_.path(), limits_, stop, &readers_.commits()).apply(changes);
+    IndexWriter(directory_.path(), limits_, stop, &readers_).apply(changes);
     ++commits_;
   }
 
@@ -149,6 +155,20 @@ class OvertakenTest : public ::testing::Test {
     });
   }
 
+  // Looks for all keys while one commit follows the other.
+  void expectToEnd() {
+    std::jthread writer([&](const std::stop_token& stop) {
+      while (!stop.stop_requested()) commit(40);
+    });
+    const int before = commits_;
+    std::size_t calls = 0;
+    EXPECT_TRUE(findAll([&] {
+      if (calls++ % 500 == 0) awaitCommits();
+    }));
+    EXPECT_GE(commits_, before + 3 * IndexReaders::kFreeAttempts);
+    EXPECT_GT(calls, keys_.size()) << "it has begun again";
+  }
+
   tq::test::TemporaryDirectory directory_;
   const IndexLimits limits_;
   IndexReaders readers_;
@@ -168,17 +188,51 @@ class ImpatientTest : public OvertakenTest {
   }
 };
 
-TEST_F(OvertakenTest, EndsSinceCommitsWaitForItAtLast) {
-  std::jthread writer([&](const std::stop_token& stop) {
-    while (!stop.stop_requested()) commit(40);
+class OvertakenInPartsTest : public OvertakenTest {
+ protected:
+  OvertakenInPartsTest() : OvertakenTest(kForEver, 2) {}
+};
+
+TEST_F(OvertakenTest, EndsSinceCommitsWaitForItAtLast) { expectToEnd(); }
+
+TEST_F(OvertakenInPartsTest, EndsSinceCommitsWaitForItAtLast) { expectToEnd(); }
+
+// No more than its own request or the end of the commit has to come: the disk may stall.
+TEST_F(OvertakenInPartsTest, SearchThatWaitsForTheEndOfACommitCanBeEnded) {
+  std::latch begun(1);
+  std::latch goesOn(1);
+  std::jthread writer([&] {
+    readers_.publish([&] {
+      begun.count_down();
+      goesOn.wait();
+    });
   });
-  const int before = commits_;
-  std::size_t calls = 0;
-  EXPECT_TRUE(findAll([&] {
-    if (calls++ % 500 == 0) awaitCommits();
-  }));
-  EXPECT_GE(commits_, before + 3 * IndexReaders::kFreeAttempts);
-  EXPECT_GT(calls, keys_.size()) << "it has begun again";
+  begun.wait();
+  const auto request = std::make_shared<RequestContext>(RequestContext::Limits{});
+  std::atomic<pid_t> client = 0;
+  auto search = std::async(std::launch::async, [&] {
+    const RequestContext::Scope scope(*request);
+    client = ::gettid();
+    try {
+      return readers_.run([](const IndexReader&) { return std::string("searched"); });
+    } catch (const ServerError&) {
+      return std::string("ended");
+    }
+  });
+  while (client == 0 || !test::sleeps(client)) std::this_thread::yield();
+  request->cancelAt(RequestContext::Clock::now());
+  EXPECT_EQ(search.get(), "ended");
+  goesOn.count_down();
+  writer.join();
+  EXPECT_TRUE(readers_.run([](const IndexReader&) { return true; }));
+}
+
+TEST_F(OvertakenInPartsTest, HandleThatSeesTheLastTransactionDoesNotWaitForTheNext) {
+  const auto search = [&] {
+    return readers_.run([](const IndexReader& reader) { return reader.summary().documents; });
+  };
+  EXPECT_EQ(search(), kDocuments);
+  readers_.publish([&] { EXPECT_EQ(search(), kDocuments); });
 }
 
 // Opening the index to ask is overtaken, too.
@@ -188,7 +242,7 @@ TEST_F(OvertakenTest, RevisionIsToldWhileOneCommitFollowsTheOther) {
   });
   std::uint64_t last = 0;
   for (int i = 0; i < 500 || commits_ <= 2; ++i) {
-    const std::uint64_t revision = readers_.revision();
+    const std::uint64_t revision = readers_.revisions().at({});
     EXPECT_GE(revision, last);
     last = revision;
   }

@@ -13,8 +13,10 @@
 #include <vector>
 
 #include "server/base/errors.h"
+#include "server/store/collectionOptions.h"
 #include "server/store/indexSums.h"
 #include "server/store/localStore.h"
+#include "server/store/maintenance.h"
 #include "tests/server/store/descriptorLimit.h"
 #include "tests/support/temporaryDirectory.h"
 
@@ -43,7 +45,9 @@ class DamageTest : public ::testing::Test {
 
   /// Three documents in the index; a fourth one and the removal of the third in the journal.
   void write() const {
-    LocalStore store(data(), {});
+    StoreLimits limits;
+    limits.parts = parts_;
+    LocalStore store(data(), limits);
     store.createCollection("c", "en");
     for (const char* key : {"k1", "k2", "k3"}) add(store, key);
     store.updateIndex("c");
@@ -114,10 +118,15 @@ class DamageTest : public ::testing::Test {
     return {};
   }
 
+  void expectEachChangedBitToBeHarmlessOrNamed() const;
+  void expectCutOrMissingFilesToBeNamed() const;
+
   tq::test::TemporaryDirectory directory_;
+  // How many databases the index has.
+  std::size_t parts_ = 1;
 };
 
-TEST_F(DamageTest, EveryChangedBitIsHarmlessOrNamed) {
+void DamageTest::expectEachChangedBitToBeHarmlessOrNamed() const {
   write();
   const Files whole = files();
   std::vector<std::pair<std::filesystem::path, std::size_t>> places;
@@ -151,11 +160,14 @@ TEST_F(DamageTest, EveryChangedBitIsHarmlessOrNamed) {
   }
 }
 
-TEST_F(DamageTest, FilesOfTheIndexThatAreCutOrMissingAreNamed) {
+void DamageTest::expectCutOrMissingFilesToBeNamed() const {
   write();
   const Files whole = files();
+  std::size_t tables = 0;
   for (const auto& [path, bytes] : whole) {
-    if (path.parent_path() != collection() / "index" || path.filename() == "flintlock") continue;
+    const bool isInIndex = *path.lexically_relative(collection()).begin() == "index";
+    if (!isInIndex || path.filename() == "flintlock") continue;
+    if (path.extension() == kTableSuffix) ++tables;
     SCOPED_TRACE(path.string());
     for (const std::size_t length : {std::size_t{0}, bytes.size() / 2, bytes.size() - 1}) {
       rewrite(path, bytes.substr(0, length));
@@ -167,6 +179,39 @@ TEST_F(DamageTest, FilesOfTheIndexThatAreCutOrMissingAreNamed) {
     EXPECT_THAT(refusal(), HasSubstr(path.string() + " is damaged at byte 0: the file is missing"));
     restore(whole);
   }
+  EXPECT_EQ(tables, 4 * parts_);
+}
+
+TEST_F(DamageTest, EveryChangedBitIsHarmlessOrNamed) { expectEachChangedBitToBeHarmlessOrNamed(); }
+
+TEST_F(DamageTest, FilesOfTheIndexThatAreCutOrMissingAreNamed) {
+  expectCutOrMissingFilesToBeNamed();
+}
+
+TEST_F(DamageTest, EveryChangedBitOfTwoDatabasesIsHarmlessOrNamed) {
+  parts_ = 2;
+  expectEachChangedBitToBeHarmlessOrNamed();
+}
+
+TEST_F(DamageTest, FilesOfTwoDatabasesThatAreCutOrMissingAreNamed) {
+  parts_ = 2;
+  expectCutOrMissingFilesToBeNamed();
+}
+
+// A collection would silently become one that is updated on request only.
+TEST_F(DamageTest, OptionsThatAreGoneAreMissed) {
+  {
+    LocalStore store(data(), {});
+    store.createCollection("c", "en", {Refresh::Mode::Immediate, {}});
+    add(store, "k1");
+  }
+  std::filesystem::remove(optionsPath(collection()));
+  {
+    LocalStore store(data(), {});
+    EXPECT_THAT(refusalOf([&] { store.openCollection("c"); }),
+                HasSubstr(optionsPath(collection()).string() + " is damaged at byte 0"));
+  }
+  EXPECT_FALSE(Maintenance(data()).check("c").isSound());
 }
 
 TEST_F(DamageTest, ChecksumsThatAreGoneAreMissed) {
@@ -223,6 +268,18 @@ TEST_F(DamageTest, DamagedCollectionIsDroppedAndMadeAnew) {
     EXPECT_THAT(found(store), ElementsAre("k1"));
     add(store, "k2");
   }
+}
+
+TEST_F(DamageTest, VerifyingEndsWhenItIsTold) {
+  write();
+  IndexSums checked(collection());
+  int calls = 0;
+  const auto stopAtSecond = [&] {
+    if (++calls == 2) throw ServerError(ErrorKind::TryAgain, "stop");
+  };
+  EXPECT_THROW(checked.verify(stopAtSecond), ServerError);
+  EXPECT_EQ(calls, 2);
+  EXPECT_NO_THROW(checked.verify([] {}));
 }
 
 TEST_F(DamageTest, InterruptedUpdateIsGoneOnWithAndItsOldBlocksAreStillWatched) {
@@ -289,7 +346,7 @@ class IndexSumsTest : public DamageTest {
     document.add_term("hound");
     database.add_document(document);
     database.commit();
-    revision_ = database.get_revision();
+    revisions_ = {{"", database.get_revision()}};
   }
 
   bool isChanging() const {
@@ -297,7 +354,7 @@ class IndexSumsTest : public DamageTest {
   }
 
   std::optional<IndexSums> sums_;
-  std::uint64_t revision_ = 0;
+  IndexRevisions revisions_;
 };
 
 TEST_F(IndexSumsTest, WhatCouldNotBeReadIsReadByTheNextAttempt) {
@@ -306,9 +363,9 @@ TEST_F(IndexSumsTest, WhatCouldNotBeReadIsReadByTheNextAttempt) {
     {
       // Enough to list the directory, and for none of its files.
       const test::DescriptorLimit few(1);
-      EXPECT_THROW(sums_->endChange(revision_), ServerError);
+      EXPECT_THROW(sums_->endChange(revisions_), ServerError);
     }
-    sums_->endChange(revision_);
+    sums_->endChange(revisions_);
     EXPECT_EQ(refusalOf([&] { IndexSums(collection()).verify(); }), "") << round;
   }
 }
@@ -319,7 +376,7 @@ TEST_F(IndexSumsTest, NextChangeIsAnnouncedAfterAnEndThatFailedLate) {
   std::filesystem::remove(changing);
   // What is no file and not empty cannot be removed as one.
   std::filesystem::create_directories(changing / "x");
-  EXPECT_ANY_THROW(sums_->endChange(revision_));
+  EXPECT_ANY_THROW(sums_->endChange(revisions_));
   std::filesystem::remove_all(changing);
   change();
   EXPECT_TRUE(isChanging());

@@ -23,7 +23,7 @@ class DescriptorLimit {
     try {
       throw ServerError(ErrorKind::StorageFailed, "descriptors run out for a test");
     } catch (const ServerError& error) {
-      spdlog::warn("{} {}", std::string("now"), error.what());
+      spdlog::warn("{} {} {}", std::string("now"), static_cast<int>(error.kind()), error.what());
     }
     const int lowestFree = ::dup(STDERR_FILENO);
     if (lowestFree < 0) throw std::runtime_error("dup");

@@ -201,6 +201,24 @@ TEST_F(HiddenFilterTest, EstimatesStayNearWhenKeysAreHiddenThatTheIndexLacks) {
   EXPECT_LE(after, 2 * before);
 }
 
+TEST_F(HiddenFilterTest, EstimatesOfSeveralDatabasesAreNearThoseOfOne) {
+  constexpr int kMore = 2000;
+  std::vector<std::uint64_t> told;
+  for (const std::size_t parts : {std::size_t{1}, std::size_t{4}}) {
+    StoreLimits wanted = limits();
+    wanted.parts = parts;
+    LocalStore store(directory_.path() / std::to_string(parts), wanted);
+    store.createCollection("c", "en");
+    for (int i = 0; i < kMore; ++i) store.queueDocument("c", {std::to_string(i), {}, "fox"});
+    store.updateIndex("c");
+    for (int i = 0; i < 600; ++i) store.deleteDocument("c", std::to_string(3 * i));
+    told.push_back(store.estimate("c", "fox", 1).hits);
+  }
+  EXPECT_GT(told[0], 1000U);
+  EXPECT_GE(10 * told[1], 7 * told[0]);
+  EXPECT_LE(10 * told[1], 13 * told[0]);
+}
+
 TEST_F(HiddenFilterTest, NothingIsFoundWhenAllIsHidden) {
   for (int i = 0; i < 1000; ++i) store_.deleteDocument("c", "unknown" + std::to_string(i));
   for (int i = 0; i < kDocuments; ++i) store_.deleteDocument("c", keyOf(i));

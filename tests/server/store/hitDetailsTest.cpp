@@ -1,13 +1,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "server/base/documentForm.h"
 #include "server/base/errors.h"
 #include "server/base/memoryBudget.h"
+#include "server/base/requestContext.h"
 #include "server/store/localStore.h"
 #include "tests/support/temporaryDirectory.h"
 
@@ -135,14 +139,74 @@ TEST_F(HitDetailsTest, NeedTextsOnlyForSnippets) {
   }
 }
 
-TEST_F(HitDetailsTest, GiveTheirMemoryBack) {
+TEST_F(HitDetailsTest, TakeMemoryUntilTheyAreTold) {
   create();
-  add("a", "fox", {{"title", "A"}});
+  add("a", "fox", {{"title", std::string(5000, 'x')}});
+  add("b", "fox", {{"title", "B"}});
   store_.updateIndex("c");
   details("fox", {{"title"}, 100});
   const std::size_t idle = memory_->used();
-  details("fox", {{"title"}, 100});
+  std::vector<HitDetails> found = details("fox", {{"title"}, 100});
+  EXPECT_GT(memory_->used(), idle + 2048);
+  found.erase(found.begin());
+  EXPECT_GT(memory_->used(), idle + 2048) << "it is set aside for all of them together";
+  found.clear();
   EXPECT_EQ(memory_->used(), idle);
+}
+
+/// Two documents, each of which takes so much while a part of it is chosen that another thread sees
+/// it.
+class DetailsOfLongTextsTest : public HitDetailsTest {
+ protected:
+  static constexpr std::size_t kText = std::size_t{1} << 20U;
+
+  DetailsOfLongTextsTest() {
+    create();
+    std::string text = "fox";
+    for (int i = 0; text.size() < kText; ++i) text += " filler" + std::to_string(i % 1000);
+    add("a", text);
+    add("b", text);
+    store_.updateIndex("c");
+    snippets();
+    idle_ = memory_->used();
+  }
+
+  std::vector<HitDetails> snippets() { return details("fox", {{}, 100}); }
+
+  void awaitMuchMemory() const {
+    while (memory_->used() < idle_ + 12 * kText) std::this_thread::yield();
+  }
+
+  std::size_t idle_ = 0;
+};
+
+TEST_F(DetailsOfLongTextsTest, TakeTwelveTimesATextAndGiveItBack) {
+  std::atomic<bool> seen = false;
+  std::jthread watch([&] {
+    awaitMuchMemory();
+    seen = true;
+  });
+  while (!seen) snippets();
+  EXPECT_EQ(memory_->used(), idle_);
+}
+
+TEST_F(DetailsOfLongTextsTest, TakeNothingAnyMoreWhenTheClientHasGone) {
+  const auto request = std::make_shared<RequestContext>(RequestContext::Limits{});
+  const RequestContext::Scope scope(*request);
+  std::jthread client([&] {
+    awaitMuchMemory();
+    request->cancelAt(RequestContext::Clock::now());
+  });
+  std::optional<ErrorKind> end;
+  while (!end) {
+    try {
+      snippets();
+    } catch (const ServerError& error) {
+      end = error.kind();
+    }
+  }
+  EXPECT_EQ(end, ErrorKind::Cancelled);
+  EXPECT_EQ(memory_->used(), idle_);
 }
 
 }  // namespace

@@ -65,13 +65,14 @@ TEST(IndexScheduler, WorkBeginsAfterItsTime) {
 }
 
 TEST(IndexScheduler, FailuresEndNeitherTheWorkNorTheProcess) {
+  std::atomic<int> beginnings = 0;
   std::atomic<int> steps = 0;
   std::promise<void> begun;
   {
     IndexScheduler scheduler(1);
     scheduler.later(std::chrono::milliseconds(1), [&] {
+      if (++beginnings < 3) throw std::bad_alloc();
       begun.set_value();
-      throw std::bad_alloc();
     });
     begun.get_future().wait();
     scheduler.run([&] {
@@ -79,6 +80,7 @@ TEST(IndexScheduler, FailuresEndNeitherTheWorkNorTheProcess) {
       return steps < 5;
     });
   }
+  EXPECT_EQ(beginnings, 3);
   EXPECT_EQ(steps, 5);
 }
 

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <future>
 #include <memory>
 #include <optional>
@@ -14,6 +15,7 @@
 
 #include "server/base/errors.h"
 #include "server/store/collection.h"
+#include "server/store/indexSums.h"
 #include "server/store/localStore.h"
 #include "server/store/xapianIndex.h"
 #include "tests/support/temporaryDirectory.h"
@@ -258,6 +260,27 @@ TEST_F(IndexStepsTest, StopTakesEffectBetweenTwoDocuments) {
   EXPECT_EQ(collection_->estimate("fox", kExactHits).documents, 5U);
 }
 
+TEST_F(IndexStepsTest, StopTakesEffectWhileTheIndexIsChecked) {
+  limits_.hiddenKeys = 1;
+  open();
+  collection_->remove("k0");
+  const std::shared_ptr<Ticket> removal = collection_->remove("k1");
+  ASSERT_NE(removal, nullptr);
+  stopping_ = true;
+  index();
+  EXPECT_TRUE(removal->isDone());
+  EXPECT_TRUE(std::filesystem::exists(IndexSums::pathIn(directory_.path())))
+      << "no change has begun";
+  try {
+    open();
+    ADD_FAILURE() << "it was opened while the server stops";
+  } catch (const ServerError& error) {
+    EXPECT_EQ(error.kind(), ErrorKind::TryAgain);
+  }
+  stopping_ = false;
+  open();
+}
+
 TEST_F(IndexStepsTest, RefusedDocumentIsReportedAlsoIfTheJournalCannotBeCutOff) {
   // Longer than a term can be. (The fronts let no such key through.)
   for (const std::string& key : {std::string(300, 'a'), std::string("k")}) {
@@ -300,6 +323,30 @@ TEST_F(IndexStepsTest, WhoeverWaitsIsToldWhenTheCollectionIsDeleted) {
   ASSERT_TRUE(ticket->isDone());
   EXPECT_THROW(ticket->requireSuccess(), ServerError);
   EXPECT_FALSE(collection_->indexStep());
+}
+
+TEST_F(IndexStepsTest, ReadingThatFailsSinceTheCollectionGoesSaysThatItGoes) {
+  collection_->add({"k", {}, "fox"});
+  collection_->requestUpdate();
+  index();
+  SearchQuery query;
+  query.everything = true;
+  const auto visit = [&](const std::function<void()>& meanwhile) {
+    try {
+      collection_->visit(query, [&](const Document&) {
+        meanwhile();
+        throw ServerError(ErrorKind::StorageFailed, "the file is gone");
+      });
+    } catch (const ServerError& error) {
+      return error.kind();
+    }
+    return ErrorKind::Internal;
+  };
+  EXPECT_EQ(visit([] {}), ErrorKind::StorageFailed);
+  EXPECT_EQ(visit([&] { collection_->retire(Collection::Fate::Deleted); }),
+            ErrorKind::UnknownCollection);
+  open();
+  EXPECT_EQ(visit([&] { collection_->retire(Collection::Fate::Replaced); }), ErrorKind::TryAgain);
 }
 
 TEST_F(IndexingTest, ChangeThatComesDuringAnUpdateIsInTheNextOne) {

@@ -8,6 +8,7 @@
 
 #include "server/base/errors.h"
 #include "server/store/localStore.h"
+#include "tests/server/logLines.h"
 #include "tests/server/store/descriptorLimit.h"
 #include "tests/server/store/fileSizeLimit.h"
 #include "tests/support/temporaryDirectory.h"
@@ -19,6 +20,7 @@ using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::StartsWith;
 using ::testing::UnorderedElementsAre;
 
 class LocalStoreTest : public ::testing::Test {
@@ -405,6 +407,16 @@ TEST_F(LocalStoreTest, QueuedDocumentsAreReportedOnceInOrder) {
   EXPECT_THAT(keys("fox"), ElementsAre("k1", "k3"));
 }
 
+TEST_F(LocalStoreTest, ForgottenOutcomesAreOneLineOfTheLog) {
+  const test::LogLines log;
+  limits_.outcomes = 3;
+  restart();
+  store_->createCollection("c", "en");
+  for (int i = 0; i < 50; ++i) store_->queueDocument("c", {"k" + std::to_string(i), {}, "fox"});
+  EXPECT_THAT(log.with("nobody asks"), ElementsAre(StartsWith("warning collection \"c\"")));
+  EXPECT_EQ(store_->takeParseOutcomes("c").size(), 3U);
+}
+
 TEST_F(LocalStoreTest, OutcomesOfAClientAreToldToItAlone) {
   store_->createCollection("c", "en");
   store_->queueDocument("c", {"k1", {}, "fox"}, "ada");
@@ -598,6 +610,24 @@ TEST_F(LocalStoreTest, DeletionHoldsAlsoWhenTheIndexCannotTakeIt) {
   EXPECT_EQ(store_->estimate("c", "fox").documents, 297U);
 }
 
+TEST_F(LocalStoreTest, RemovalsThatFailAreOneLineOfTheLog) {
+  const test::LogLines log;
+  limits_.hiddenKeys = 1;
+  restart();
+  store_->createCollection("c", "en");
+  for (int i = 0; i < 300; ++i) {
+    add("k" + std::to_string(i), "fox word" + std::to_string(i));
+  }
+  store_->updateIndex("c");
+  {
+    const test::FileSizeLimit full(8192);
+    for (int i = 0; i < 10; ++i) store_->deleteDocument("c", "k" + std::to_string(i));
+  }
+  EXPECT_THAT(
+      log.with("collection"),
+      ElementsAre(StartsWith("error failure: action=\"removal\" collection=\"c\" error=ZVK0014E")));
+}
+
 TEST_F(LocalStoreTest, CollectionThatCannotBeDeletedGoesOn) {
   // Once without a failure: see DescriptorLimit.
   store_->createCollection("other", "en");
@@ -667,6 +697,21 @@ TEST_F(LocalStoreTest, SecondOwnerOfADirectoryIsRefused) {
             HasSubstr((directory_.path() / "data").string())));
 }
 
+TEST_F(LocalStoreTest, SecondOwnerIsRefusedAlsoWhenTheLockFileIsGone) {
+  std::filesystem::remove(directory_.path() / "data/LOCK");
+  EXPECT_THAT(
+      refusal(ErrorKind::StorageFailed, [&] { LocalStore second(directory_.path() / "data", {}); }),
+      HasSubstr("in use by another server"));
+  restart();
+}
+
+TEST_F(LocalStoreTest, NothingIsAcknowledgedInADirectoryThatWasRemoved) {
+  store_->createCollection("c", "en");
+  add("k1", "fox");
+  std::filesystem::remove_all(directory_.path() / "data/collections/c");
+  refusal(ErrorKind::StorageFailed, [&] { add("k2", "fox"); });
+}
+
 TEST_F(LocalStoreTest, DamagedCollectionHarmsNoOther) {
   store_->createCollection("c", "en");
   store_->createCollection("bad", "en");
@@ -713,30 +758,24 @@ TEST_F(LocalStoreTest, SearchesGoOnWhileTheIndexChanges) {
 }
 
 TEST_F(LocalStoreTest, CollectionMayBeDeletedWhileItIsUsed) {
-  store_->createCollection("c", "en");
-  std::vector<std::thread> users;
-  std::atomic<bool> unknownSeen = false;
-  for (int t = 0; t < 3; ++t) {
-    users.emplace_back([&, t] {
-      try {
-        for (int i = 0;; ++i) {
-          add(std::to_string(t) + "-" + std::to_string(i), "fox");
-          if (i % 5 == 0) store_->updateIndex("c");
-          keys("fox");
-        }
-      } catch (const ServerError& error) {
-        // A search that runs right then finds the files gone.
-        EXPECT_TRUE(error.kind() == ErrorKind::UnknownCollection ||
-                    error.kind() == ErrorKind::StorageFailed)
-            << error.what();
-        unknownSeen = true;
-      }
-    });
+  for (int round = 0; round < 20; ++round) {
+    store_->createCollection("c", "en");
+    std::vector<std::thread> users;
+    for (int t = 0; t < 3; ++t) {
+      users.emplace_back([&, t] {
+        refusal(ErrorKind::UnknownCollection, [&] {
+          for (int i = 0;; ++i) {
+            add(std::to_string(t) + "-" + std::to_string(i), "fox");
+            if (i % 5 == 0) store_->updateIndex("c");
+            keys("fox");
+          }
+        });
+      });
+    }
+    while (store_->state("c") == CollectionState::Current) std::this_thread::yield();
+    store_->deleteCollection("c");
+    for (std::thread& user : users) user.join();
   }
-  while (store_->state("c") == CollectionState::Current) std::this_thread::yield();
-  store_->deleteCollection("c");
-  for (std::thread& user : users) user.join();
-  EXPECT_TRUE(unknownSeen);
   store_->createCollection("c", "en");
   EXPECT_EQ(store_->estimate("c", "fox").documents, 0U);
 }

@@ -465,6 +465,34 @@ TEST_F(PagesTest, AreOfOneStateWhileOthersUpdateAndDelete) {
   for (std::thread& reader : readers) reader.join();
 }
 
+// Of the orders that look at the index in different ways.
+TEST_F(PagesTest, FirstOneIsAnsweredHoweverOftenTheIndexChanges) {
+  fill(200);
+  std::atomic<bool> asked = false;
+  std::jthread writer([&] {
+    for (int i = 0; !asked; i = (i + 1) % 200) {
+      put(i);
+      store_->deleteDocument("c", keyOf((i + 100) % 200));
+      store_->updateIndex("c");
+    }
+  });
+  const std::uint64_t before = store_->summary("c").documents;
+  bool changed = false;
+  for (int round = 0; round < 100 || !changed; ++round) {
+    for (const Wanted& wanted : {kWanted[0], kWanted[7], kWanted[9], kWanted[10]}) {
+      SearchQuery query = queryOf(wanted);
+      query.inPages = true;
+      query.size = 7;
+      EXPECT_EQ(refusal(query), "none") << wanted.text;
+      EXPECT_NO_THROW(store_->details("c", query, {{"title"}, 50})) << wanted.text;
+      query.size = 0;
+      EXPECT_EQ(refusal(query), "none") << wanted.text;
+    }
+    changed = changed || store_->summary("c").documents != before;
+  }
+  asked = true;
+}
+
 TEST_F(PagesTest, OfDetailsGoOnLikeThoseOfHits) {
   fill(30);
   SearchQuery query = queryOf({"common"});

@@ -43,6 +43,22 @@ TEST_F(PendingKeysTest, BatchCountsForEachOfItsKeys) {
   EXPECT_EQ(keys_.find("l"), false);
 }
 
+TEST_F(PendingKeysTest, AreNotKeptAnyMoreIfAChangeIsMissed) {
+  const PendingKeys::Hold hold = keys_.hold();
+  keys_.note({1, 10}, put("k"));
+  EXPECT_EQ(keys_.misses(), 0U);
+  keys_.miss();
+  EXPECT_EQ(keys_.misses(), 1U);
+  EXPECT_FALSE(keys_.isKept());
+  keys_.note({1, 20}, put("l"));
+  EXPECT_EQ(keys_.find("k"), true);
+  EXPECT_EQ(keys_.find("l"), true) << "what comes while all is read once more is noted";
+  keys_.begin();
+  keys_.keep();
+  EXPECT_TRUE(keys_.isKept());
+  EXPECT_EQ(keys_.misses(), 1U);
+}
+
 TEST_F(PendingKeysTest, WhatTheIndexHasIsForgotten) {
   keys_.note({1, 10}, put("k"));
   keys_.note({1, 20}, put("l"));

@@ -130,6 +130,24 @@ TEST_F(RebuildTest, UpdateThatHasNothingElseToDoMakesItAnew) {
   EXPECT_THAT(found(store, query), ElementsAre("k109", "k108"));
 }
 
+TEST_F(RebuildTest, ProgressIsTold) {
+  write(8);
+  StoreLimits limits;
+  limits.index = smallBatches();
+  const std::atomic<bool> stopping = false;
+  Collection open("c", collection(), limits, std::make_shared<ParseOutcomes>(10), stopping);
+  const auto ticket = open.requestUpdate();
+  std::vector<std::string> told;
+  do {
+    const CollectionSummary summary = open.summary();
+    std::string line = std::to_string(summary.indexed) + "/" + std::to_string(summary.indexing);
+    if (told.empty() || told.back() != line) told.push_back(std::move(line));
+  } while (open.indexStep());
+  EXPECT_THAT(told, ElementsAre("0/0", "3/8", "6/8", "8/8", "0/0"));
+  EXPECT_NO_THROW(ticket->requireSuccess());
+  EXPECT_EQ(schema(), "2");
+}
+
 // The new index may have come to the revision that the earlier one had.
 TEST_F(RebuildTest, PagesThatBeganInTheEarlierIndexAreRefused) {
   write(10);

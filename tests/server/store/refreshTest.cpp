@@ -14,10 +14,12 @@
 #include <vector>
 
 #include "server/base/errors.h"
+#include "server/base/memoryBudget.h"
 #include "server/store/collection.h"
 #include "server/store/collectionOptions.h"
 #include "server/store/indexSums.h"
 #include "server/store/localStore.h"
+#include "tests/server/logLines.h"
 #include "tests/server/store/descriptorLimit.h"
 #include "tests/server/store/fileSizeLimit.h"
 #include "tests/server/store/slowCollection.h"
@@ -213,6 +215,29 @@ TEST_F(RefreshTest, OpeningACollectionForItHoldsUpNoUpdateOfOthers) {
   store_->addDocument("c", {"k", {}, "fox"});
   store_->updateIndex("c");
   EXPECT_EQ(hits("fox"), 1U);
+}
+
+// Nobody asks for the collection meanwhile. If the change is indexed before it is closed, there is
+// another one.
+TEST_F(RefreshTest, IsTriedAgainWhenThereIsNoMemoryToOpenTheCollection) {
+  store_.reset();
+  const test::LogLines log;
+  limits_.index.memory = std::make_shared<MemoryBudget>(std::size_t{16} << 20U);
+  restart();
+  store_->createCollection("c", "en", every(std::chrono::milliseconds(100)));
+  const std::filesystem::path directory = directory_.path() / "data/collections/c";
+  const std::string line = "failure: action=\"refresh\" collection=\"c\" error=ZVK0016E";
+  while (log.with(line).empty()) {
+    store_->addDocument("c", {"k", {}, "fox"});
+    MemoryBudget::Share rest(*limits_.index.memory);
+    rest.force(limits_.index.memory->limit());
+    store_->closeCollection("c");
+    while (hasChanges(directory) && log.with(line).empty()) std::this_thread::yield();
+  }
+  while (hasChanges(directory)) std::this_thread::yield();
+  EXPECT_EQ(hits("fox"), 1U);
+  EXPECT_EQ(log.with(line).size(), 1U);
+  store_.reset();
 }
 
 TEST_F(RefreshTest, OptionOutlivesARestartAndItsDamageIsNamed) {
@@ -440,6 +465,15 @@ TEST_F(RefreshStepsTest, AttemptsThatFailComeSlowlyAndLeaveNoFilesBehind) {
   EXPECT_EQ(collection_->state(), CollectionState::Current);
   collection_->add({"k3", {}, "fox"});
   EXPECT_EQ(collection_->takeRefreshTime(), std::chrono::milliseconds(70));
+}
+
+TEST_F(RefreshStepsTest,
+       TimerOfACollectionThatHadItsNameBringsNothingIntoOneThatIsUpdatedOnRequest) {
+  create({});
+  collection_->add({"k1", {}, "fox"});
+  collection_->refresh();
+  EXPECT_FALSE(collection_->takeOnIndexing());
+  EXPECT_EQ(collection_->estimate("fox", kExactHits).hits, 0U);
 }
 
 TEST_F(RefreshStepsTest, OnlyWhatIsInTheJournalIsToBeRefreshed) {

@@ -7,6 +7,7 @@
 #include <future>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,7 +15,9 @@
 #include "server/base/descriptorBudget.h"
 #include "server/base/errors.h"
 #include "server/base/memoryBudget.h"
+#include "server/store/collection.h"
 #include "server/store/localStore.h"
+#include "server/store/registry.h"
 #include "tests/server/store/descriptorLimit.h"
 #include "tests/server/store/slowCollection.h"
 #include "tests/support/temporaryDirectory.h"
@@ -93,6 +96,37 @@ TEST_F(RegistryTest, OpeningOneCollectionHoldsUpNoOtherOne) {
   EXPECT_THAT(second.get(), HasSubstr("ZVK0014E"));
   EXPECT_EQ(outcomeOf("slow"), "open") << "it can be tried again";
   EXPECT_THAT(keys("slow"), ElementsAre("k-slow"));
+}
+
+TEST_F(RegistryTest, CollectionThatIsClosedWhileItIsOpenedIsClosedAfterwards) {
+  std::filesystem::create_directory(directory_.path() / "alone");
+  Collection::create(directory_.path() / "alone", {"en", {}}, {});
+  const std::atomic<bool> stopping = false;
+  Registry registry([&](const std::string& name) {
+    return std::make_unique<Collection>(name, directory_.path() / "alone", limits_,
+                                        std::make_shared<ParseOutcomes>(10), stopping);
+  });
+  for (const bool closed : {false, true}) {
+    std::vector<std::string> told;
+    const auto tell = [&](const char* what) {
+      return [&told, what](const std::optional<ServerError>& failure) {
+        told.push_back(failure ? failure->what() : what);
+      };
+    };
+    const auto opening = registry.awaitOpen("c", tell("open"));
+    ASSERT_TRUE(opening);
+    EXPECT_FALSE(registry.isSettled("c"));
+    registry.awaitSettled("c", tell("settled"));
+    if (closed) registry.close("c");
+    EXPECT_TRUE(told.empty());
+    opening->carryOut();
+    EXPECT_THAT(told, ElementsAre("open", "settled"));
+    EXPECT_TRUE(registry.isSettled("c"));
+    EXPECT_EQ(registry.isOpen("c"), !closed);
+    registry.close("c");
+    registry.awaitSettled("c", tell("at once"));
+    EXPECT_EQ(told.size(), 3U);
+  }
 }
 
 TEST_F(RegistryTest, CollectionsAreClosedWhenOthersNeedTheirDescriptors) {

@@ -17,6 +17,7 @@
 #include "server/base/errors.h"
 #include "server/store/batchMemory.h"
 #include "server/store/indexSums.h"
+#include "server/store/indexUndo.h"
 #include "server/store/journalScan.h"
 #include "server/store/localStore.h"
 #include "tests/server/changeHistory.h"
@@ -40,8 +41,9 @@ using test::Steps;
 using test::StepSource;
 using Kind = Step::Kind;
 
-StoreLimits smallLimits() {
+StoreLimits smallLimits(std::size_t parts) {
   StoreLimits limits;
+  limits.parts = parts;
   // So that deletions reach the index on their own as well, and updates need several transactions.
   limits.hiddenKeys = 1;
   limits.index.batchChanges = 2;
@@ -55,8 +57,8 @@ Refresh refreshOf(const std::string& collection) {
 
 class StoreSubject : public test::Subject {
  public:
-  explicit StoreSubject(const std::filesystem::path& directory)
-      : store_(directory, smallLimits()) {}
+  StoreSubject(const std::filesystem::path& directory, std::size_t parts)
+      : store_(directory, smallLimits(parts)) {}
 
   bool apply(const Step& step) override {
     switch (step.kind) {
@@ -144,11 +146,11 @@ class StoreKillTest : public ::testing::Test {
   StoreKillTest() { spdlog::set_level(spdlog::level::off); }
 
   // Tells of each step through a call that no kill point counts.
-  [[noreturn]] static void runChild(const std::filesystem::path& directory, const Steps& steps,
-                                    KillPoint point, int report) {
+  [[noreturn]] void runChild(const std::filesystem::path& directory, const Steps& steps,
+                             KillPoint point, int report) const {
     try {
       test::dieAt(point);
-      StoreSubject subject(directory);
+      StoreSubject subject(directory, parts_);
       // Opens the collections.
       for (const char* name : {"a", "b", "once"}) subject.state(name);
       for (const Step& step : steps) {
@@ -162,7 +164,7 @@ class StoreKillTest : public ::testing::Test {
     }
   }
 
-  static Outcome run(const std::filesystem::path& directory, const Steps& steps, KillPoint point) {
+  Outcome run(const std::filesystem::path& directory, const Steps& steps, KillPoint point) const {
     std::array<int, 2> pipe{};
     if (::pipe(pipe.data()) != 0) throw std::runtime_error("pipe");
     const pid_t child = ::fork();
@@ -183,20 +185,25 @@ class StoreKillTest : public ::testing::Test {
     return result;
   }
 
+  std::filesystem::path freshCopy() const {
+    std::filesystem::path copy = directory_.path() / "copy";
+    std::filesystem::remove_all(copy);
+    std::filesystem::copy(directory_.path() / "data", copy,
+                          std::filesystem::copy_options::recursive);
+    return copy;
+  }
+
   // Carries out the steps on a copy of the store and kills it there; then opens the copy, at times
   // killing that as well, and looks whether it holds what it should and can be worked with. False
   // when the steps were at their end first.
   bool survives(const Model& before, const Steps& steps, KillPoint point, StepSource& source) {
-    const std::filesystem::path copy = directory_.path() / "copy";
-    std::filesystem::remove_all(copy);
-    std::filesystem::copy(directory_.path() / "data", copy,
-                          std::filesystem::copy_options::recursive);
+    const std::filesystem::path copy = freshCopy();
     const Outcome first = run(copy, steps, point);
     run(copy, {}, {source.number(8), point.halfWritten});
-    std::optional<StoreSubject> subject(std::in_place, copy);
+    std::optional<StoreSubject> subject(std::in_place, copy, parts_);
     auto after = expectExplained(*subject, before, steps, first.progress);
     if (!after) return false;
-    subject.emplace(copy);
+    subject.emplace(copy, parts_);
     EXPECT_TRUE(repeatsHarmlessly(*subject, *after, steps, first.progress))
         << describe(*after, steps, first.progress, {});
     const Steps more = source.make(*after, 5);
@@ -211,6 +218,23 @@ class StoreKillTest : public ::testing::Test {
     auto after = explain(before, steps, progress, found, false);
     EXPECT_TRUE(after) << describe(before, steps, progress, found);
     return after;
+  }
+
+  // Opens copies of a store that was killed while both databases of "a" committed, and kills that
+  // in front of each call, too. All keys must have the old word whatever comes of it.
+  void expectUndone(const std::filesystem::path& killed, const std::set<std::string>& all) const {
+    const std::filesystem::path again = directory_.path() / "again";
+    for (std::uint64_t call = 1;; ++call) {
+      SCOPED_TRACE("call " + std::to_string(call) + " of the opening");
+      std::filesystem::remove_all(again);
+      std::filesystem::copy(killed, again, std::filesystem::copy_options::recursive);
+      const Outcome outcome = run(again, {}, {call, call % 2 == 0});
+      StoreSubject subject(again, parts_);
+      EXPECT_EQ(subject.search("a", "old"), all);
+      EXPECT_TRUE(subject.search("a", "new").empty());
+      EXPECT_FALSE(IndexUndo::isPending(again / "collections" / "a"));
+      if (HasFailure() || !outcome.killed) break;
+    }
   }
 
   // The seeds' histories, killed at each call in turn; under a sanitizer at one of some in turn, as
@@ -281,7 +305,7 @@ class StoreKillTest : public ::testing::Test {
 
   // Makes the store from which the histories go on.
   Model prepare(const Steps& steps) {
-    StoreSubject subject(directory_.path() / "data");
+    StoreSubject subject(directory_.path() / "data", parts_);
     carryOut(subject, steps);
     Model model;
     for (const Step& step : steps) model.apply(step);
@@ -291,12 +315,52 @@ class StoreKillTest : public ::testing::Test {
   static constexpr std::uint64_t kStep = tq::test::kSanitized ? 7 : 1;
 
   tq::test::TemporaryDirectory directory_;
+  // How many databases share the documents of a collection.
+  std::size_t parts_ = 1;
 };
 
 TEST_F(StoreKillTest, EveryCallOfRandomHistoriesMayBeTheLast) { killEverywhere(4, false); }
 
 TEST_F(StoreKillTest, EveryCallMayBeTheLastWhileAnEarlierFormIsTakenOver) {
   killEverywhere(1, true);
+}
+
+TEST_F(StoreKillTest, EveryCallMayBeTheLastWhenIndexesHaveTwoDatabases) {
+  parts_ = 2;
+  killEverywhere(1, false);
+}
+
+// Nothing has to be brought in once more for that.
+TEST_F(StoreKillTest, BatchIsInBothDatabasesOfAnIndexOrInNone) {
+  parts_ = 2;
+  const std::set<std::string> all{"k1", "k2", "k3", "k4"};
+  const auto batch = [&](const std::string& word) {
+    return Step{Kind::Batch, "a", {}, word, {all.begin(), all.end()}};
+  };
+  const Step update{Kind::Update, "a", {}, {}};
+  prepare({{Kind::Create, "a", {}, {}}, batch("old"), update});
+  const Steps steps{batch("new"), update};
+  std::size_t before = 0;
+  std::size_t halfCommitted = 0;
+  std::size_t after = 0;
+  for (std::uint64_t call = 1;; ++call) {
+    SCOPED_TRACE("call " + std::to_string(call));
+    const std::filesystem::path copy = freshCopy();
+    const Outcome outcome = run(copy, steps, {call, call % 2 == 0});
+    if (IndexUndo::isPending(copy / "collections" / "a")) {
+      ++halfCommitted;
+      expectUndone(copy, all);
+    }
+    StoreSubject subject(copy, parts_);
+    const bool isAfter = subject.search("a", "old").empty();
+    EXPECT_EQ(subject.search("a", isAfter ? "new" : "old"), all);
+    EXPECT_TRUE(subject.search("a", isAfter ? "old" : "new").empty());
+    ++(isAfter ? after : before);
+    if (HasFailure() || !outcome.killed) break;
+  }
+  EXPECT_GT(before, 10U);
+  EXPECT_GT(halfCommitted, 5U);
+  EXPECT_GT(after, 1U);
 }
 
 }  // namespace

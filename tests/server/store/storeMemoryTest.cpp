@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,8 +22,9 @@ using ::testing::HasSubstr;
 /// metadata, and 76 KB to be kept.
 class StoreMemoryTest : public ::testing::Test {
  protected:
-  void open(std::size_t budget) {
+  void open(std::size_t budget, std::size_t parts = 1) {
     StoreLimits limits;
+    limits.parts = parts;
     memory_ = std::make_shared<MemoryBudget>(budget);
     limits.index.memory = memory_;
     store_.emplace(directory_.path() / "data", limits);
@@ -67,6 +69,34 @@ TEST_F(StoreMemoryTest, ResultTakesMemoryUntilItIsRead) {
   EXPECT_GT(memory_->used(), idle_ + 2000U * 24);
   EXPECT_LT(memory_->used(), idle_ + 2000U * 100);
   hits.reset();
+  EXPECT_EQ(memory_->used(), idle_);
+}
+
+// Each database looks for each key.
+TEST_F(StoreMemoryTest, KeysTakeMemoryInSeveralDatabases) {
+  open(1U << 20U, 2);
+  const auto among = [&](std::size_t keys) {
+    SearchQuery query;
+    query.text = "fox";
+    query.size = 10;
+    for (std::size_t i = 0; i < keys; ++i) query.keys.push_back(std::to_string(i));
+    return query;
+  };
+  EXPECT_EQ(store_->count("c", among(10)), 0U);
+  const std::vector<std::function<void()>> questions{
+      [&] { store_->search("c", among(300)); }, [&] { store_->count("c", among(300)); },
+      [&] {
+        store_->match("c", among(300), {{"0", {}, "fox"}});
+      }};
+  for (const auto& ask : questions) {
+    try {
+      ask();
+      ADD_FAILURE() << "it was not refused";
+    } catch (const ServerError& error) {
+      EXPECT_EQ(error.kind(), ErrorKind::QueryTooBroad);
+      EXPECT_THAT(error.what(), AllOf(HasSubstr("keys"), HasSubstr("--max-memory")));
+    }
+  }
   EXPECT_EQ(memory_->used(), idle_);
 }
 
