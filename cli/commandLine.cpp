@@ -243,7 +243,8 @@ class Builder {
     auto* sub = addCommand(
         "search", "Print rank, score and key of the documents that match best",
         [=](Session& session) { return search(session, *arguments); },
-        "If the connection breaks before the first hit, the request is repeated once.");
+        "If the connection breaks before the first hit, the request is repeated once, but\n"
+        "not with --also.");
     addCollection(sub, arguments->collection);
     sub->add_option("QUERY", arguments->query, "What to look for, as one argument")->required();
     auto* limit =
@@ -253,10 +254,20 @@ class Builder {
     sub->add_option("--start", arguments->start, "Leave out the best N hits")
         ->check(wholeNumber(0, kMaxDocuments))
         ->option_text("N");
-    sub->add_flag("--pages", arguments->pages, "Print where the next page begins")->needs(limit);
-    sub->add_option("--after", arguments->after,
-                    "Go on there, in the collection as it was when the\nfirst page was printed")
-        ->option_text("PLACE");
+    auto* pages = sub->add_flag("--pages", arguments->pages, "Print where the next page begins")
+                      ->needs(limit);
+    auto* after =
+        sub->add_option("--after", arguments->after,
+                        "Go on there, in the collection as it was when the\nfirst page was printed")
+            ->option_text("PLACE");
+    sub->add_option("--also", arguments->also,
+                    "Search in that collection, too, in one ranking; may be\nrepeated, and needs "
+                    "--limit, which is at most 100 then")
+        ->allow_extra_args(false)
+        ->needs(limit)
+        ->excludes(pages)
+        ->excludes(after)
+        ->option_text("COLLECTION");
   }
 
   void addEstimate() {

@@ -37,6 +37,7 @@ struct SearchArguments {
   std::optional<std::uint64_t> limit;
   bool pages = false;                ///< whether to tell where the next page begins
   std::optional<std::string> after;  ///< where this one begins, as it was told
+  std::vector<std::string> also;     ///< further collections, whose hits stand in the same ranking
 };
 ExitCode search(Session& session, const SearchArguments& arguments);
 ExitCode estimate(Session& session, const std::string& collection, const std::string& query);

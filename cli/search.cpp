@@ -1,6 +1,8 @@
 #include <fmt/format.h>
 
+#include <charconv>
 #include <nlohmann/json.hpp>
+#include <string_view>
 
 #include "cli/commands.h"
 #include "cli/errors.h"
@@ -20,6 +22,8 @@ namespace {
 using tq::comm::ClientRequest;
 using tq::comm::ClientResponse;
 using tq::comm::StaticDefs;
+
+constexpr std::string_view kStateHasGone = "ZVK0035E";
 
 icu::UnicodeString digits(std::uint64_t number) {
   return icu::UnicodeString::fromUTF8(std::to_string(number));
@@ -70,34 +74,67 @@ ClientRequest searchRequest(const SearchArguments& arguments,
                            headerValue("the collection's name", arguments.collection), properties);
 }
 
+// How often the beginning of a result is looked for anew.
+constexpr int kMaxBeginnings = 20;
+
+// Whoever names no place has no state to keep to: if the state goes before its first page is there,
+// the next one will do.
+std::optional<Place> ask(Session& session, const SearchArguments& arguments,
+                         ClientResponse& response) {
+  for (int left = arguments.pages && !arguments.after ? kMaxBeginnings : 1;; --left) {
+    std::optional<Place> begin;
+    if (arguments.pages || arguments.after) {
+      begin = placeBehind(session, arguments, arguments.after.value_or("begin"), 0);
+    }
+    ClientRequest request =
+        searchRequest(arguments, begin ? std::optional(begin->text) : std::nullopt);
+    try {
+      exchange(session, request, response);
+      return begin;
+    } catch (const tq::oss::BaseException& failure) {
+      if (left == 1 || failureId(failure) != kStateHasGone) throw;
+    }
+  }
+}
+
+/// A hit as it is printed, with its collection where there are several.
+struct ShownHit {
+  double score = 0;
+  icu::UnicodeString docId;
+  std::optional<std::string> collection;
+};
+
 class HitPrinter {
  public:
   HitPrinter(Printer& printer, std::uint64_t start) : printer_(printer), rank_(start) {}
 
   void print(tq::comm::SearchResponse& portion) {
-    while (portion.hasMore()) print(portion.getNext());
+    while (portion.hasMore()) {
+      const tq::comm::SearchResult& hit = portion.getNext();
+      print({hit.getScore(), hit.getDocId(), {}});
+    }
+  }
+
+  void print(const ShownHit& hit) {
+    ++rank_;
+    ++hits_;
+    const auto bytes = keyOfDocId(hit.docId);
+    const auto key = bytes ? fromUtf8(*bytes) : std::nullopt;
+    if (printer_.json()) return printJson(hit, key);
+    const std::string shown = key && isPrintable(*key) ? *bytes : printable(hit.docId);
+    std::string line = fmt::format("{:>5}  {:>7.3f}  {}", rank_, hit.score, shown);
+    if (hit.collection) line += "  (" + printable(*hit.collection) + ")";
+    printer_.line(line);
   }
 
   std::uint64_t hits() const { return hits_; }
 
  private:
-  void print(const tq::comm::SearchResult& hit) {
-    ++rank_;
-    ++hits_;
-    const auto bytes = keyOfDocId(hit.getDocId());
-    const auto key = bytes ? fromUtf8(*bytes) : std::nullopt;
-    if (printer_.json()) {
-      printJson(hit, key);
-      return;
-    }
-    const std::string shown = key && isPrintable(*key) ? *bytes : printable(hit.getDocId());
-    printer_.line(fmt::format("{:>5}  {:>7.3f}  {}", rank_, hit.getScore(), shown));
-  }
-
-  void printJson(const tq::comm::SearchResult& hit, const std::optional<icu::UnicodeString>& key) {
-    nlohmann::ordered_json object = {{"rank", rank_}, {"score", hit.getScore()}};
+  void printJson(const ShownHit& hit, const std::optional<icu::UnicodeString>& key) {
+    nlohmann::ordered_json object = {{"rank", rank_}, {"score", hit.score}};
+    if (hit.collection) object["collection"] = *hit.collection;
     if (key) object["key"] = toUtf8(*key);
-    object["docId"] = toUtf8(hit.getDocId());
+    object["docId"] = toUtf8(hit.docId);
     printer_.object(object);
   }
 
@@ -137,17 +174,70 @@ bool printRest(Session& session, ClientResponse& response, HitPrinter& hits) {
   return !session.client.isTruncated();
 }
 
+// The name stands last, since it may have blanks.
+std::string collectionIn(std::string_view report) {
+  constexpr std::string_view kName = " collection=";
+  const std::size_t place = report.find(kName);
+  return std::string(place == report.npos ? "" : report.substr(place + kName.size()));
+}
+
+double scoreIn(std::string_view report) {
+  const std::string_view text = factIn(report, "score").value_or("0");
+  double score = 0;
+  std::from_chars(text.data(), text.data() + text.size(), score);
+  return score;
+}
+
+// A comma stands between two of them.
+icu::UnicodeString namesOf(const std::vector<std::string>& collections) {
+  icu::UnicodeString names;
+  for (const std::string& collection : collections) {
+    if (collection.find(',') != std::string::npos) {
+      throw UsageError("the name after --also, '" + printable(collection) +
+                       "', has a comma; search in that collection first, and --also in the others");
+    }
+    if (!names.isEmpty()) names += u',';
+    names += headerValue("the name after --also", collection);
+  }
+  return names;
+}
+
+ClientRequest togetherRequest(const SearchArguments& arguments) {
+  constexpr std::uint64_t kMostHits = 100;
+  if (arguments.limit.value_or(0) > kMostHits) {
+    throw UsageError(fmt::format("with --also, --limit is at most {}", kMostHits));
+  }
+  tq::util::ExtendedProperties properties = queryOf(arguments, std::nullopt);
+  properties.putProperty(u"report", u"hits");
+  properties.putProperty(u"alsoIn", namesOf(arguments.also));
+  properties.putProperty(StaticDefs::PARAM_START_OFFSET, digits(arguments.start));
+  properties.putProperty(StaticDefs::PARAM_SEARCH_SIZE,
+                         digits(arguments.limit.value_or(kMostHits)));
+  return collectionRequest(ClientRequest::PARSE_RESULT,
+                           headerValue("the collection's name", arguments.collection), properties);
+}
+
+// The records of a search have no room for the names of collections, those of a report have.
+ExitCode searchTogether(Session& session, const SearchArguments& arguments) {
+  ClientRequest request = togetherRequest(arguments);
+  HitPrinter hits(session.printer, arguments.start);
+  takeResults(session, request, [&](const tq::comm::ParseResult& result) {
+    const std::string facts = toUtf8(result.getMessage().getMessageText());
+    hits.print({scoreIn(facts), result.getDocument(), collectionIn(facts)});
+  });
+  if (session.client.isTruncated()) {
+    return cutOff(session, hits.hits(), "the server ended it early");
+  }
+  if (hits.hits() == 0) session.printer.note(whyNoHits(arguments));
+  return ExitCode::Ok;
+}
+
 }  // namespace
 
 ExitCode search(Session& session, const SearchArguments& arguments) {
-  std::optional<Place> begin;
-  if (arguments.pages || arguments.after) {
-    begin = placeBehind(session, arguments, arguments.after.value_or("begin"), 0);
-  }
-  ClientRequest request =
-      searchRequest(arguments, begin ? std::optional(begin->text) : std::nullopt);
+  if (!arguments.also.empty()) return searchTogether(session, arguments);
   ClientResponse response;
-  exchange(session, request, response);
+  const std::optional<Place> begin = ask(session, arguments, response);
   session.lastWords.set(
       {{}, session.printer.errorLine("interrupted; the result is not complete", "INTERRUPTED")});
   HitPrinter hits(session.printer, arguments.start + (begin ? begin->rank : 0));

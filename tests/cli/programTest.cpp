@@ -174,6 +174,17 @@ TEST_P(Program, PrintsPagesOfOneState) {
   EXPECT_THAT(run(arguments).err, HasSubstr("ZVK0035E"));
 }
 
+TEST_P(Program, PrintsTheHitsOfSeveralCollectionsInOneRanking) {
+  output({"create", "my notes"});
+  output({"add", "my notes", "k", "apple"});
+  output({"update", "my notes"});
+  loadAll("{\"key\":\"k\",\"text\":\"an apple among many pears\"}\n");
+  const std::string found = output({"search", "c", "apple", "--limit", "10", "--also", "my notes"});
+  EXPECT_THAT(found, ::testing::StartsWith("    1    1.000  k  (my notes)\n    2    0."));
+  EXPECT_THAT(found, ::testing::EndsWith("  k  (c)\n"));
+  output({"drop", "my notes"});
+}
+
 TEST_P(Program, PrintsTheSameResultOverBothProtocols) {
   loadAll(manyDocuments(3000));
   const Finished http = runOver("http", {"search", "c", "common", "--json"});

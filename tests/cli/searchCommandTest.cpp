@@ -71,6 +71,39 @@ TEST(Search, InPagesTellsWhereTheNextOneBegins) {
   }
 }
 
+TEST(Search, InPagesBeginsAnewWhenTheStateHasGoneBeforeTheFirstPage) {
+  ScriptedServer server(answers(
+      {outcomes({{"books", "ZVK0108I", "rank=0 place=cDA="}}), refusal("ZVK0035E", "it has gone"),
+       outcomes({{"books", "ZVK0108I", "rank=0 place=cDE="}}), found({{"base64:Zm9v", "1"}})}));
+  const Result result = runAgainst(server, {"search", "books", "q", "--limit", "2", "--pages"});
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+  EXPECT_EQ(result.out, "    1    1.000  foo\n");
+  EXPECT_TRUE(contains(server.connection(0).requests.at(3), "\nsearchAfter: cDE=\n"));
+}
+
+TEST(Search, InPagesGivesUpWhenNoStateLastsLongEnough) {
+  constexpr int kBeginnings = 20;
+  Script script;
+  for (int i = 0; i < kBeginnings; ++i) {
+    script.expectRequest().send(outcomes({{"books", "ZVK0108I", "rank=0 place=cDA="}}));
+    script.expectRequest().send(refusal("ZVK0035E", "it has gone"));
+  }
+  ScriptedServer server(script);
+  const Result result = runAgainst(server, {"search", "books", "q", "--limit", "2", "--pages"});
+  EXPECT_NE(result.code, ExitCode::Ok);
+  EXPECT_TRUE(contains(result.err, "ZVK0035E")) << result.err;
+  EXPECT_EQ(server.connection(0).requests.size(), std::size_t{2} * kBeginnings);
+}
+
+TEST(Search, AfterAPlaceIsNotBegunAnew) {
+  ScriptedServer server(answers({outcomes({{"books", "ZVK0108I", "rank=20 place=cDA="}}),
+                                 refusal("ZVK0035E", "it has gone")}));
+  const Result result =
+      runAgainst(server, {"search", "books", "q", "--limit", "2", "--after", "cDA=", "--pages"});
+  EXPECT_TRUE(contains(result.err, "ZVK0035E")) << result.err;
+  EXPECT_EQ(server.connection(0).requests.size(), 2U);
+}
+
 TEST(Search, GoesOnFromAPlaceAndCountsRanksFromThere) {
   ScriptedServer server(answers({outcomes({{"books", "ZVK0108I", "rank=20 place=cDA="}}),
                                  found({{"base64:Zm9v", "1"}, {"base64:Yg==", "0.5"}}),
@@ -108,6 +141,57 @@ TEST(Search, FromAStateThatHasGoneIsRefusedInTheWordsOfTheServer) {
   EXPECT_NE(result.code, ExitCode::Ok);
   EXPECT_EQ(result.out, "");
   EXPECT_TRUE(contains(result.err, "ZVK0035E")) << result.err;
+}
+
+TEST(Search, InSeveralCollectionsSaysWhichOneHasAHit) {
+  const std::string reply =
+      outcomes({{"base64:Zm9v", "ZVK0104I", "score=1.000 collection=papers"},
+                {"base64:AP8=", "ZVK0104I", "score=0.532 collection=my notes"}});
+  ScriptedServer server(answers({reply}));
+  std::vector<std::string> arguments{"search", "books",  "whale",  "--limit", "2",       "--start",
+                                     "20",     "--also", "papers", "--also",  "my notes"};
+  const Result result = runAgainst(server, arguments);
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+  EXPECT_EQ(result.out,
+            "   21    1.000  foo  (papers)\n"
+            "   22    0.532  base64:AP8=  (my notes)\n");
+  const std::string sent = server.connection(0).requests.at(0);
+  for (const char* line : {"\nindex: books\n", "\nalsoIn: papers,my notes\n", "\nreport: hits\n",
+                           "\nquery: whale\n", "\nsize: 2\n", "\nstart: 20\n"}) {
+    EXPECT_TRUE(contains("\n" + sent, line)) << sent;
+  }
+}
+
+TEST(Search, InSeveralCollectionsPrintsJsonLines) {
+  ScriptedServer server(
+      answers({outcomes({{"base64:Zm9v", "ZVK0104I", "score=0.532 collection=my notes"}})}));
+  const Result result =
+      runAgainst(server, {"search", "books", "q", "--limit", "2", "--also", "my notes", "--json"});
+  EXPECT_EQ(result.out,
+            "{\"rank\":1,\"score\":0.532,\"collection\":\"my notes\",\"key\":\"foo\","
+            "\"docId\":\"base64:Zm9v\"}\n");
+}
+
+TEST(Search, InSeveralCollectionsThatFindNothingSaysSo) {
+  ScriptedServer server(answers({outcomes({})}));
+  const Result result =
+      runAgainst(server, {"search", "books", "q", "--limit", "2", "--also", "papers"});
+  EXPECT_EQ(result.code, ExitCode::Ok);
+  EXPECT_EQ(result.err, "no document matches\n");
+}
+
+TEST(Search, InSeveralCollectionsRefusesWhatCannotBeAskedBeforeAnythingIsSent) {
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{"--limit", "101", "--also", "b"}, "with --also, --limit is at most 100"},
+      {{"--limit", "1", "--also", "b,c"}, "the name after --also, 'b,c', has a comma"},
+      {{"--limit", "1", "--also", ""}, "the name after --also"}};
+  for (const auto& [options, expected] : cases) {
+    std::vector<std::string> arguments{"--port", "1", "search", "books", "q"};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    const Result result = runProgram(arguments);
+    EXPECT_EQ(result.code, ExitCode::Usage) << expected;
+    EXPECT_TRUE(contains(result.err, expected)) << result.err;
+  }
 }
 
 TEST(Search, TakesEveryPortionOfAStreamedReply) {

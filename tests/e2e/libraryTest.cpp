@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "comm/kruClientResponse.h"
@@ -127,7 +128,7 @@ TEST_P(Library, CreatesOpensClosesAndDropsACollection) {
   done(ClientRequest::CLOSE_COLLECTION);
   done(ClientRequest::OPEN_COLLECTION);
   done(ClientRequest::DROP_COLLECTION);
-  for (const int kind : {12, 13, 21, 2}) {
+  for (const int kind : {kOpenCollection, kCloseCollection, kOpenCollectionAlt, kDropCollection}) {
     expectRefused(send(kind), "ZVK0007E", "there is no collection \"books\"");
   }
 }
@@ -363,6 +364,7 @@ TEST_P(Library, ReportsRefusedDocumentsAmongTheOthers) {
   EXPECT_EQ(answer.parsed[0], (Parsed{docIdOf("k1"), "", "", 0}));
   EXPECT_EQ(answer.parsed[1].messageId, "ZVK0012E");
   EXPECT_THAT(answer.parsed[1].messageText, HasSubstr("129 bytes"));
+  EXPECT_EQ(answer.parsed[1].document, docIdOf(std::string(128, 'k')));
   EXPECT_EQ(answer.parsed[1].level, 2);
   EXPECT_EQ(answer.parsed[2].messageId, "ZVK0012E");
   EXPECT_THAT(answer.parsed[2].messageText, HasSubstr("document block cannot be read"));
@@ -427,7 +429,7 @@ TEST_P(Library, GivesNoScoresUnlessTheyAreWanted) {
 TEST_P(Library, CutsTheResultAndTakesAPageOfIt) {
   for (const char* key : {"a", "b", "c", "d", "e"}) add(key, "owl");
   update();
-  for (const int kind : {8, 20}) {
+  for (const int kind : {kStreamSearch, kScalarSearch}) {
     const auto page = [&](const Parameters& parameters) {
       return search("owl", parameters, kind).keys();
     };
@@ -442,7 +444,8 @@ TEST_P(Library, CutsTheResultAndTakesAPageOfIt) {
 }
 
 TEST_P(Library, FindsNothingWithoutAnError) {
-  for (const int kind : {8, 20}) EXPECT_THAT(search("nowhere", {}, kind).hits, IsEmpty());
+  for (const int kind : {kStreamSearch, kScalarSearch})
+    EXPECT_THAT(search("nowhere", {}, kind).hits, IsEmpty());
 }
 
 TEST_P(Library, PullsLargeResultsPortionByPortion) {
@@ -450,7 +453,7 @@ TEST_P(Library, PullsLargeResultsPortionByPortion) {
   addMany(kCount);
   Keys expected;
   for (int i = 0; i < kCount; ++i) expected.push_back(numbered(i));
-  for (const int kind : {8, 20}) {
+  for (const int kind : {kStreamSearch, kScalarSearch}) {
     for (const Taking taking : {Taking::Looping, Taking::Singly}) {
       const Answer answer = search("common", {{"scoreWanted", "true"}}, kind, taking);
       EXPECT_EQ(answer.keys(), expected) << "kind " << kind;
@@ -475,7 +478,7 @@ TEST_P(Library, FindsKeysWithoutScoresInTheirOrder) {
   addMany(3000);
   Keys expected;
   for (int i = 0; i < 3000; ++i) expected.push_back(numbered(i));
-  for (const int kind : {8, 20}) {
+  for (const int kind : {kStreamSearch, kScalarSearch}) {
     EXPECT_EQ(search("common", {{"sortField", "KEY"}}, kind).keys(), expected);
     EXPECT_THAT(search("common", {{"sortField", "UNSORTED"}}, kind).keys(),
                 ::testing::UnorderedElementsAreArray(expected));
@@ -512,7 +515,7 @@ TEST_P(Library, TakesPagesOfOneState) {
       return facts.substr(facts.find(" place=") + 7);
     };
     for (from = place("0"); !from.empty(); from = place("900")) {
-      for (const int kind : {8, 20}) {
+      for (const int kind : {kStreamSearch, kScalarSearch}) {
         const Keys page =
             search("common OR word7 OR word8",
                    {{"sortField", order}, {"searchAfter", from}, {"size", "900"}}, kind)
@@ -679,6 +682,39 @@ TEST_P(Library, TellsWhatIsStoredOfHits) {
                                 "ZVK0105I year=1481", "ZVK0106I a red <b>fox</b>"));
 }
 
+TEST_P(Library, RanksTheHitsOfSeveralCollections) {
+  const auto into = [&](const std::string& collection, const auto& work) {
+    const std::string before = std::exchange(collection_, collection);
+    work();
+    collection_ = before;
+  };
+  into("magazines", [&] {
+    done(ClientRequest::CREATE_COLLECTION);
+    add("k1", "a fox");
+    add("k2", "a fox among the hens of the whole village");
+    update();
+  });
+  add("k1", "a fox and its den");
+  update();
+  const auto ask = [&](Parameters parameters) {
+    parameters.insert(parameters.end(), {{"report", "hits"}, {"query", "fox"}});
+    return send(ClientRequest::PARSE_RESULT, parameters);
+  };
+  const Answer answer = ask({{"alsoIn", "magazines"}});
+  expectSuccess(answer);
+  std::vector<std::string> told;
+  for (const Parsed& line : answer.parsed) {
+    told.push_back(line.document + line.messageText.substr(line.messageText.find(' ')));
+  }
+  EXPECT_THAT(told, ElementsAre(docIdOf("k1") + " collection=magazines",
+                                docIdOf("k1") + " collection=books",
+                                docIdOf("k2") + " collection=magazines"));
+  into("magazines", [&] { done(ClientRequest::DROP_COLLECTION); });
+  expectRefused(ask({{"alsoIn", "magazines"}}), "ZVK0007E", "\"magazines\"");
+  expectRefused(send(ClientRequest::SCALAR_SEARCH, {{"query", "fox"}, {"alsoIn", "magazines"}}),
+                "ZVK0024E", "\"alsoIn\"");
+}
+
 TEST_P(Library, CountsHits) {
   addMany(300);
   const auto count = [&](Parameters parameters) {
@@ -724,7 +760,7 @@ TEST_P(Library, MatchesATextThatIsNotStored) {
   add("k1", "red fox");
   update();
   const std::string key = "row";
-  for (const int kind : {8, 20}) {
+  for (const int kind : {kStreamSearch, kScalarSearch}) {
     const auto match = [&](const std::string& query, const std::string& text) {
       ClientRequest request = requestTo(
           collection_, kind, {{"query", query}, {"match", "document"}, {"scoreWanted", "true"}});
@@ -852,23 +888,26 @@ TEST_P(Library, TellsTheVersionWhereTheProtocolCarriesIt) {
 
 TEST_P(Library, NamesACollectionThatIsNotThere) {
   collection_ = "elsewhere";
-  for (const int kind : {2, 4, 11, 12, 13, 21}) {
+  for (const int kind : {kDropCollection, kUpdateIndex, kParseResult, kOpenCollection,
+                         kCloseCollection, kOpenCollectionAlt}) {
     expectRefused(send(kind), "ZVK0007E", "there is no collection \"elsewhere\"");
   }
-  for (const int kind : {8, 14, 20}) {
+  for (const int kind : {kStreamSearch, kSelectivity, kScalarSearch}) {
     expectRefused(send(kind, {{"query", "fox"}}), "ZVK0007E", "\"elsewhere\"");
   }
-  for (const int kind : {3, 5}) {
+  for (const int kind : {kAddDocument, kDeleteDocument}) {
     expectRefused(sendDocument(kind, "k1", "fox"), "ZVK0007E", "\"elsewhere\"");
   }
   collection_ = "books";
 }
 
 TEST_P(Library, SaysWhichParameterIsMissing) {
-  for (const int kind : {8, 14, 20}) {
+  for (const int kind : {kStreamSearch, kSelectivity, kScalarSearch}) {
     expectRefused(send(kind), "ZVK0005E", "the parameter \"query\" is missing");
   }
-  for (const int kind : {1, 2, 3, 4, 5, 8, 11, 12, 13, 14, 20, 21}) {
+  for (const int kind : {kCreateCollection, kDropCollection, kAddDocument, kUpdateIndex,
+                         kDeleteDocument, kStreamSearch, kParseResult, kOpenCollection,
+                         kCloseCollection, kSelectivity, kScalarSearch, kOpenCollectionAlt}) {
     ClientRequest request;
     request.buildRequest(static_cast<ClientRequest::REQUEST>(kind), {});
     expectRefused(send(request), "ZVK0005E", "the parameter \"index\" is missing");
@@ -876,7 +915,7 @@ TEST_P(Library, SaysWhichParameterIsMissing) {
 }
 
 TEST_P(Library, ExplainsABadQuery) {
-  for (const int kind : {8, 14, 20}) {
+  for (const int kind : {kStreamSearch, kSelectivity, kScalarSearch}) {
     expectRefused(send(kind, {{"query", "red AND"}}), "ZVK0010E", "query cannot be understood");
   }
   expectRefused(send(8, {{"query", std::string(20000, 'x')}}), "ZVK0011E", "20000 bytes");
@@ -940,10 +979,10 @@ TEST_P(Library, ShutsTheServerDown) {
 }
 
 TEST_P(Library, RefusesActionsThatTheServerHasNot) {
-  for (const int kind : {18, 23}) {
+  for (const int kind : {kTakeover, kSetConstructorConfiguration}) {
     expectRefused(send(kind), "ZVK0004E", "not supported by this server");
   }
-  for (const int kind : {16, 17}) {
+  for (const int kind : {kBackup, kRestore}) {
     expectRefused(send(kind, {{"backup", "b"}}), "ZVK0004E", "--backup-directory");
   }
   expectRefused(send(25), "ZVK0003E", "names no action");

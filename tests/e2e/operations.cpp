@@ -48,8 +48,8 @@ const VerbTraits& traitsOf(Verb verb) { return kTraits[static_cast<std::size_t>(
 // The letters have forms of one and of several characters and bytes, the words common stems.
 constexpr std::array<std::string_view, 9> kWords{"red", "fox",   "foxes",  "hen",     "running",
                                                  "run", "größe", "straße", "全文検索"};
-// Characters that no search finds.
-constexpr std::string_view kNoWord = "\xF0\x9F\x98\x80";
+// Where it stands next to another word, the server has to tell them apart.
+constexpr std::string_view kEmoji = "\xF0\x9F\x98\x80";
 
 constexpr std::array<std::string_view, 3> kFields{"title", "colour", "n"};
 
@@ -67,7 +67,7 @@ class Random {
   }
   // One of two words half the time, so that what is searched for is often there.
   std::string word() {
-    if (oneIn(20)) return std::string(kNoWord);
+    if (oneIn(20)) return std::string(kEmoji);
     return std::string(kWords[below(oneIn(2) ? 2 : kWords.size())]);
   }
 
@@ -285,7 +285,8 @@ Operation randomOperation(Random& random) {
       break;
     case Verb::CreateCollection:
       if (random.oneIn(3)) {
-        operation.parameters.emplace_back("docLang", random.pick(Texts{"de", "en_US", "xx", "ja"}));
+        operation.parameters.emplace_back("docLang",
+                                          random.pick(Texts{"de", "en_US", "xx", "pl", "ja"}));
       }
       break;
     case Verb::Unsupported:

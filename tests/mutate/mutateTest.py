@@ -1,9 +1,12 @@
 #!/usr/bin/env python3
-"""Holds ./dev mutate to what it promises, on a library of four functions.
+"""Holds ./dev mutate to what it promises, on a library of a few functions.
 
 usage: mutateTest.py SOURCE_DIRECTORY
 """
 
+import functools
+import importlib.machinery
+import importlib.util
 import os
 import pathlib
 import re
@@ -11,6 +14,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import types
 import unittest
 
 ROOT = pathlib.Path(sys.argv.pop(1)).resolve()
@@ -18,8 +22,21 @@ SAMPLE = ROOT / "tests/mutate/sample"
 sys.path.insert(0, str(ROOT / "scripts"))
 sys.dont_write_bytecode = True
 
+import accepted  # noqa: E402
 import mutations  # noqa: E402
 import schemata  # noqa: E402
+
+
+def loaded(name):
+    """A script without an ending as a module."""
+    loader = importlib.machinery.SourceFileLoader(name, str(ROOT / "scripts" / name))
+    module = importlib.util.module_from_spec(importlib.util.spec_from_loader(name, loader))
+    sys.modules[name] = module
+    loader.exec_module(module)
+    return module
+
+
+mutate = loaded("mutate")
 
 
 def found_in(source):
@@ -69,6 +86,103 @@ class Bodies(unittest.TestCase):
         self.assertEqual(source.index("{"), schema.found[begin].start)
 
 
+def places_of(source):
+    found = mutations.mutations(source)
+    return found, accepted.Places(source, found, mutations.tokens(source))
+
+
+def shown_in(source):
+    """How the list names each place of the source."""
+    found, places = places_of(source)
+    return [places.shown(mutation) for mutation in found]
+
+
+class NamesPlaces(unittest.TestCase):
+    """What the list of reasons calls a place."""
+
+    def functions_in(self, source):
+        return [shown.split(" | ")[0] for shown in shown_in(source)]
+
+    def test_by_the_function_that_it_stands_in(self):
+        source = "namespace n {\nint f() { g(1); }\nbool C::f(int a = 2) const { h(3); }\n}"
+        self.assertEqual(["f", "f", "C::f", "C::f", "C::f"], self.functions_in(source))
+
+    def test_by_operators_and_destructors(self):
+        source = "bool C::operator==(int a) { h(3); }\nC::~C() { f(); }\n"
+        self.assertEqual(["C::operator==", "C::operator==", "C::~C"], self.functions_in(source))
+        self.assertEqual(["C::operator()"], self.functions_in("int C::operator()(int a) { f(); }"))
+
+    def test_by_the_constructor_whose_member_it_initialises(self):
+        source = "C::C() : D(1), a_{2}, b_(3) { f(); }\nvoid g() { h(); }"
+        self.assertEqual(["C::C"] * 4 + ["g"], self.functions_in(source))
+
+    def test_by_constants_and_members(self):
+        source = "const int k = int{1} + 2;\nint a[] = {3, 4};\nstruct S {\n  int m = 5;\n};\n"
+        self.assertEqual(["k"] * 3 + ["a"] * 2 + ["S::m"], self.functions_in(source))
+
+    def test_by_a_function_of_a_class(self):
+        source = "class C final : public D {\n  int m_ = 0;\n  void f() { g(); }\n};\nint k = 1;"
+        self.assertEqual(["C::m_", "C::f", "k"], self.functions_in(source))
+
+    def test_with_a_number_where_several_would_answer(self):
+        self.assertEqual(
+            [f"f | void f() {{ g(1, 1); }} | {broken}"
+             for broken in ("without g(1, 1);", "1 -> 2 #1", "1 -> 2 #2")],
+            shown_in("void f() { g(1, 1); }"))
+
+
+class Reasons(unittest.TestCase):
+    """What an entry of the list excuses."""
+
+    SOURCE = "void f() {\n  g(0);\n  g(0);\n}\nvoid h() {\n  g(0);\n  g(2, 2);\n}\n"
+
+    def excused(self, line):
+        """The line and column of what the entry excuses."""
+        with tempfile.TemporaryDirectory() as directory:
+            path = pathlib.Path(directory) / "accepted.txt"
+            path.write_text(f"# A remark.\n\n{line}\n")
+            (entry,) = accepted.entries_of(path)
+        _, places = places_of(self.SOURCE)
+        self.several = entry.several(places)
+        return [(mutation.line, mutation.column) for mutation in entry.mutations_of(places)]
+
+    def test_it_excuses_nothing_of_another_function_that_reads_the_same(self):
+        self.assertEqual([(6, 5)], self.excused("a.cpp | h | g(0); | 0 -> 1 | why"))
+
+    def test_it_excuses_nothing_when_several_places_answer_to_it(self):
+        self.assertEqual([], self.excused("a.cpp | f | g(0); | 0 -> 1 | why"))
+        self.assertEqual(2, self.several)
+        self.assertEqual([], self.excused("a.cpp | f | g(0); | * | why"))
+        self.assertEqual(2, self.several)
+
+    def test_a_number_says_which(self):
+        self.assertEqual([(3, 5)], self.excused("a.cpp | f | g(0); | 0 -> 1 #2 | why"))
+        self.assertEqual([(7, 8)], self.excused("a.cpp | h | g(2, 2); | 2 -> 3 #2 | why"))
+        self.assertEqual(0, self.several)
+        self.assertEqual([], self.excused("a.cpp | f | g(0); | 0 -> 1 #3 | why"))
+
+    def test_a_star_excuses_whatever_is_broken_in_one_line(self):
+        self.assertEqual([(6, 3), (6, 5)], self.excused("a.cpp | h | g(0); | * | why"))
+        self.assertEqual([(2, 3), (2, 5)], self.excused("a.cpp | f | g(0); | * #1 | why"))
+
+    def test_an_entry_without_a_reason_or_a_function_is_refused(self):
+        for line in ("a.cpp | f | g(0); | 0 -> 1 | ", "a.cpp | g(0); | 0 -> 1 | why"):
+            with self.assertRaises(accepted.WrongList):
+                self.excused(line)
+
+
+class Orders(unittest.TestCase):
+    """In which groups the tests are run."""
+
+    def test_each_test_is_run_once(self):
+        tests = [mutate.Test("program", name, 0.01, 0.01) for name in ("a", "b", "c")]
+        order = mutate.Order(types.SimpleNamespace(start_work=lambda program: 0.01), 30)
+        order.learn(tests[1])
+        groups = list(order.groups(tests, first=tests[1]))
+        self.assertEqual("b", groups[0][0].name)
+        self.assertEqual(["a", "b", "c"], sorted(test.name for group in groups for test in group))
+
+
 class Guards(unittest.TestCase):
     """Behind its number a mutation does what it does when it is made by itself."""
 
@@ -78,7 +192,7 @@ class Guards(unittest.TestCase):
         cls.source = (SAMPLE / "kinds.cpp").read_text()
         cls.schema = schemata.Schema(cls.source, 1)
         while True:
-            done = cls.compile(cls.schema.text(), "-c")
+            done = cls.compile(cls.schema.text(), "-fsyntax-only")
             if done.returncode == 0:
                 break
             refused = schemata.refused(done.stderr, str(cls.path("kinds.cpp")))
@@ -115,8 +229,15 @@ class Guards(unittest.TestCase):
 
     @classmethod
     def build(cls, text, body):
-        """A program that holds the text and does this."""
-        begin = "#include <cstdio>\n#include <cstdlib>\nint main(int, char** arguments) {\n"
+        """A program that holds the text and does this; a tenth of a second of work ends it."""
+        begin = """
+#include <sys/time.h>
+#include <cstdio>
+#include <cstdlib>
+int main(int, char** arguments) {
+  const itimerval limit{{0, 0}, {0, 100000}};
+  if (setitimer(ITIMER_PROF, &limit, nullptr) != 0) return 1;
+"""
         done = cls.compile(f"{text}\n{begin}{body}\n}}\n", cls.path("mutants.so"))
         if done.returncode != 0:
             raise AssertionError(done.stderr)
@@ -124,9 +245,8 @@ class Guards(unittest.TestCase):
     @classmethod
     def said_by(cls, *arguments, **environment):
         """What the program prints; nothing when a mutation keeps it from coming to its end."""
-        command = ["sh", "-c", 'ulimit -t 1; exec "$@"', "sh", cls.path("kinds"), *arguments]
-        done = subprocess.run(
-            command, capture_output=True, text=True, env=os.environ | environment)
+        done = subprocess.run([cls.path("kinds"), *arguments], capture_output=True, text=True,
+                              env=os.environ | environment)
         return done.stdout if done.returncode == 0 else ""
 
     def test_each_guarded_mutation_answers_as_the_changed_source(self):
@@ -151,47 +271,62 @@ class Guards(unittest.TestCase):
             ['"\\0abcX" -> "abcX"', "1 -> 2", "1 -> 2", "2 -> 3", "+= -> -=", "++ -> --"], others)
 
 
-class Sample(unittest.TestCase):
+def run_quietly(*command):
+    subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
+
+
+class Sample:
     """A copy of the sample library, built, and what the tool says of it."""
 
-    @classmethod
-    def setUpClass(cls):
-        cls.directory = tempfile.TemporaryDirectory(prefix="krucomm-mutate.")
-        cls.root = pathlib.Path(cls.directory.name) / "sample"
-        cls.build = pathlib.Path(cls.directory.name) / "build"
-        shutil.copytree(SAMPLE, cls.root)
-        cls.run_quietly("cmake", "-G", "Ninja", "-S", cls.root, "-B", cls.build)
-        cls.run_quietly("ninja", "-C", cls.build)
-        cls.accepted = cls.build / "accepted.txt"
-        cls.accepted.write_text(
-            "sample.cpp | if (value > 9) return 9; | > -> >= | 9 is limited to 9\n"
-            "sample.cpp | int anyBit(int value) { return (value & 1) ¦ 4; } | * | any will do\n"
-            "sample.cpp | return value; | 1 -> 2 | it was there once\n"
+    # Of the tests one never ends; more than this would only be spent on waiting for it.
+    SLOWEST = "0.5"
+
+    def __init__(self):
+        directory = tempfile.TemporaryDirectory(prefix="krucomm-mutate.")
+        unittest.addModuleCleanup(directory.cleanup)
+        self.root = pathlib.Path(directory.name) / "sample"
+        self.build = pathlib.Path(directory.name) / "build"
+        shutil.copytree(SAMPLE, self.root)
+        run_quietly("cmake", "-G", "Ninja", "-S", self.root, "-B", self.build)
+        run_quietly("ninja", "-C", self.build)
+        self.accepted = self.build / "accepted.txt"
+        self.accepted.write_text(
+            "sample.cpp | limited | if (value > 9) return 9; | > -> >= | 9 is limited to 9\n"
+            "sample.cpp | anyBit | int anyBit(int value) { return (value & 1) ¦ 4; } | * | any\n"
+            "sample.cpp | limited | return value; | 1 -> 2 | it was there once\n"
+            "sample.cpp | kept | int result = 0; | 0 -> 1 | it is written before it is read\n"
+            "sample.cpp | summed | return value + result + result; | + -> - | says not which\n"
         )
-        cls.done = cls.mutate()
-        cls.output = cls.done.stdout + cls.done.stderr
+        self.done = self.mutate()
+        self.output = self.done.stdout + self.done.stderr
+        self.results = self.build / "results/sample.cpp.jsonl"
+        self.found_out = self.results.read_text().splitlines(keepends=True)
 
-    @classmethod
-    def tearDownClass(cls):
-        cls.directory.cleanup()
-
-    @staticmethod
-    def run_quietly(*command):
-        subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
-
-    @classmethod
-    def mutate(cls):
+    def mutate(self):
         return subprocess.run(
-            [ROOT / "scripts/mutate", "-j", "2", "--slowest", "2", "--patience", "1",
-             "--accepted", cls.accepted, "--root", cls.root, cls.build, cls.root / "sample.cpp"],
+            [ROOT / "scripts/mutate", "-j", "2", "--slowest", self.SLOWEST, "--patience", "1",
+             "--accepted", self.accepted, "--root", self.root, self.build,
+             self.root / "sample.cpp"],
             capture_output=True, text=True,
         )  # fmt: skip
 
 
-class Runs(Sample):
+@functools.cache
+def sample():
+    return Sample()
+
+
+class Runs(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.output = sample().output
+
     def test_what_no_test_notices_is_listed_and_fails_the_run(self):
         self.assertIn("sample.cpp:6:37: no test notices: + -> -", self.output)
-        self.assertEqual(1, self.done.returncode, self.output)
+        self.assertEqual(1, sample().done.returncode, self.output)
+
+    def test_what_is_listed_is_named_as_the_list_of_reasons_names_it(self):
+        self.assertIn("\n    sample.cpp | summed | int result = 0; | 0 -> 1\n", self.output)
 
     def test_what_no_test_runs_is_listed(self):
         self.assertIn("sample.cpp:14:28: no test runs: 5 -> 6", self.output)
@@ -205,47 +340,52 @@ class Runs(Sample):
 
     def test_what_has_a_reason_is_not_listed(self):
         self.assertNotIn("> -> >=", self.output)
+        self.assertNotIn("sample.cpp | kept |", self.output)
 
     def test_one_reason_can_do_for_a_line(self):
         self.assertNotIn("return (value & 1)", self.output)
 
     def test_a_reason_for_nothing_is_listed(self):
-        self.assertIn("no such survivor: sample.cpp | return value; | 1 -> 2", self.output)
+        self.assertIn(
+            "no such survivor: sample.cpp | limited | return value; | 1 -> 2\n", self.output)
+
+    def test_a_reason_that_does_not_say_for_which_place_is_listed_and_excuses_none(self):
+        self.assertIn("names 2 places, #1 to #2: sample.cpp | summed |", self.output)
+        for number in (1, 2):
+            self.assertIn(f"| return value + result + result; | + -> - #{number}\n", self.output)
 
     def test_a_slow_program_is_left_out_aloud(self):
-        self.assertIn("left out, slower than 2.0 s: sample_slow_test", self.output)
+        self.assertIn("left out, slower than 0.5 s: sample_slow_test", self.output)
 
     def test_the_sums_add_up(self):
         self.assertRegex(
             self.output,
-            r"sample.cpp: 6 noticed, 7 not, 1 where no test runs \(5 with a reason\), 0 do")
-        self.assertIn("4 to be looked at", self.output)
+            r"sample.cpp: 7 noticed, 11 not, 1 where no test runs \(6 with a reason\), 0 do")
+        self.assertIn("8 to be looked at", self.output)
 
 
-class GoesOn(Sample):
+class GoesOn(unittest.TestCase):
     def setUp(self):
-        self.results = self.build / "results/sample.cpp.jsonl"
-        self.results.unlink()
-        self.mutate()
-        self.found_out = self.results.read_text().splitlines(keepends=True)
+        sample().results.write_text("".join(sample().found_out))
 
     def test_an_interrupted_run_goes_on_where_it_was(self):
-        self.results.write_text("".join(self.found_out[:4]) + self.found_out[4][:20])
-        again = self.mutate()
-        self.assertEqual(self.without_times(self.output), self.without_times(again.stdout))
-        found_out = self.results.read_text().splitlines(keepends=True)
-        self.assertEqual(sorted(self.found_out[:4]), found_out[:4])
-        self.assertEqual(14, len(found_out))
+        kept = sample().found_out[:4]
+        sample().results.write_text("".join(kept) + sample().found_out[4][:20])
+        again = sample().mutate()
+        self.assertEqual(self.without_times(sample().output), self.without_times(again.stdout))
+        found_out = sample().results.read_text().splitlines(keepends=True)
+        self.assertEqual(sorted(kept), found_out[:4])
+        self.assertEqual(19, len(found_out))
 
     def test_a_new_test_is_tried_on_what_nobody_noticed(self):
-        test = self.root / "sampleTest.cpp"
+        test = sample().root / "sampleTest.cpp"
         old = test.read_text()
         test.write_text(old.replace("twice(0) == 0", "twice(1) == 2"))
-        self.run_quietly("ninja", "-C", self.build)
-        self.assertNotIn("sample.cpp:6:37", self.mutate().stdout)
+        run_quietly("ninja", "-C", sample().build)
+        self.assertNotIn("sample.cpp:6:37", sample().mutate().stdout)
         test.write_text(old)
-        self.run_quietly("ninja", "-C", self.build)
-        self.assertIn("sample.cpp:6:37", self.mutate().stdout)
+        run_quietly("ninja", "-C", sample().build)
+        self.assertIn("sample.cpp:6:37", sample().mutate().stdout)
 
     @staticmethod
     def without_times(output):

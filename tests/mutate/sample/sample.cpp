@@ -14,3 +14,14 @@ bool finishes() {
 int neverCalled() { return 5; }
 
 int anyBit(int value) { return (value & 1) | 4; }
+
+int kept(int value) {
+  int result = 0;
+  result = value;
+  return result;
+}
+
+int summed(int value) {
+  int result = 0;
+  return value + result + result;
+}
