@@ -473,9 +473,9 @@ TEST(Together, OneThatIsDeletedMeanwhileSaysSo) {
   Collection b("b", directory.path() / "b", limits, outcomes, stopping);
   const std::array<Collection*, 2> both{&a, &b};
   const auto failure = [&] {
-    others.add(1);
     a.close();
     b.close();
+    others.add(1);
     try {
       Collection::details(both, queryFor("fox"), {});
     } catch (const ServerError& error) {
