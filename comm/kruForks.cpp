@@ -2,13 +2,11 @@
 
 #include <pthread.h>
 
-#include <atomic>
-
 namespace tq::comm {
 
-namespace {
-
 std::atomic<unsigned int> forks{0};
+
+namespace {
 
 void noteFork() { forks.fetch_add(1, std::memory_order_relaxed); }
 
@@ -22,7 +20,5 @@ void watchForks() noexcept {
   if (watching.load(std::memory_order_relaxed)) return;
   if (::pthread_atfork(nullptr, nullptr, noteFork) == 0) watching = true;
 }
-
-unsigned int forkNumber() noexcept { return forks.load(std::memory_order_relaxed); }
 
 }  // namespace tq::comm

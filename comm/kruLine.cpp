@@ -2,18 +2,9 @@
 
 #include <string_view>
 
-#include "comm/kruForks.h"
 #include "infra/oss/kruSocket.h"
 
 namespace tq::comm {
-
-Line::State Line::state() const noexcept {
-  if (state_ == State::NotConnected || state_ == State::Broken) return state_;
-  if (isInherited()) return State::Uncertain;
-  return state_ == State::Clean && tail_.active() ? State::Tail : state_;
-}
-
-bool Line::isInherited() const noexcept { return forkNumber_ != forkNumber(); }
 
 void Line::connected() noexcept {
   watchForks();

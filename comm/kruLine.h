@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "comm/kruChunkTail.h"
+#include "comm/kruForks.h"
 
 namespace tq::oss {
 class Socket;
@@ -36,7 +37,11 @@ class Line {
     Broken,
   };
 
-  State state() const noexcept;
+  State state() const noexcept {
+    if (state_ == State::NotConnected || state_ == State::Broken) return state_;
+    if (isInherited()) return State::Uncertain;
+    return state_ == State::Clean && tail_.active() ? State::Tail : state_;
+  }
 
   /// Changes with every connection that is made; 0 before the first one.
   std::uint64_t connectionNumber() const noexcept { return number_; }
@@ -89,7 +94,7 @@ class Line {
   bool tailIsBroken() const noexcept { return tail_.broken(); }
 
  private:
-  bool isInherited() const noexcept;
+  bool isInherited() const noexcept { return forkNumber_ != forkNumber(); }
 
   State state_ = State::NotConnected;
   // That of the process that has connected.

@@ -146,32 +146,25 @@ void ExtendedProperties::clear() noexcept {
   many_.reset();
 }
 
-// For the form for few. `at` becomes where the name is or would have to be.
-bool ExtendedProperties::isAt(std::u16string_view name, std::uint32_t& at) const noexcept {
-  at = 0;
-  for (std::uint32_t last = count_; at < last;) {
-    const std::uint32_t middle = (at + last) / 2;
-    const int order = compare(name, viewOf(few_[middle]->texts.first));
-    if (order == 0) {
-      at = middle;
-      return true;
-    }
-    if (order < 0) {
-      last = middle;
-    } else {
-      at = middle + 1;
-    }
-  }
-  return false;
-}
-
+// In the form for few `at` becomes where the name is or would have to be.
 ExtendedProperties::Property** ExtendedProperties::find(std::u16string_view name,
                                                         std::uint32_t& at) const noexcept {
   if (many_ != nullptr) {
     const auto found = many_->find(name);
     return found == many_->end() ? nullptr : &found->property;
   }
-  return isAt(name, at) ? const_cast<Property**>(few_ + at) : nullptr;
+  at = 0;
+  for (std::uint32_t last = count_; at < last;) {
+    const std::uint32_t middle = (at + last) / 2;
+    const int order = compare(name, viewOf(few_[middle]->texts.first));
+    if (order == 0) return const_cast<Property**>(few_ + middle);
+    if (order < 0) {
+      last = middle;
+    } else {
+      at = middle + 1;
+    }
+  }
+  return nullptr;
 }
 
 void ExtendedProperties::replace(Property*& present, icu::UnicodeString&& value) {
@@ -185,7 +178,7 @@ void ExtendedProperties::replace(Property*& present, icu::UnicodeString&& value)
 }
 
 /// `at` is where `find` has looked for the name in vain.
-void ExtendedProperties::add(Held property, std::uint32_t at) {
+void ExtendedProperties::add(Held&& property, std::uint32_t at) {
   if (many_ == nullptr && count_ == kFew) takeMany();
   if (many_ != nullptr) {
     many_->insert(Place{property.get()});

@@ -110,10 +110,9 @@ class KRU_EXPORT ExtendedProperties {
   template <typename Name, typename Value>
   static Held make(Name&& name, Value&& value);
 
-  bool isAt(std::u16string_view name, std::uint32_t& at) const noexcept;
   Property** find(std::u16string_view name, std::uint32_t& at) const noexcept;
   static void replace(Property*& present, icu::UnicodeString&& value);
-  void add(Held property, std::uint32_t at);
+  void add(Held&& property, std::uint32_t at);
   void takeMany();
   void copyFrom(const ExtendedProperties& other);
   void moveFrom(ExtendedProperties& other) noexcept;
