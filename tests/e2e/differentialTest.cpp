@@ -25,7 +25,7 @@ using ::testing::Key;
 
 // Tests of their own, so that they can run side by side.
 constexpr std::uint64_t kShards = 10;
-constexpr std::uint64_t kSequences = tq::test::kSanitized ? 1000 : 10000;
+constexpr std::uint64_t kSequences = tq::test::kSanitized ? 500 : 10000;
 
 std::vector<std::uint64_t> seedsOf(std::uint64_t shard) {
   if (const char* seed = std::getenv("KRUCOMM_SEED")) return {std::stoull(seed)};

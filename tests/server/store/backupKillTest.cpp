@@ -153,7 +153,7 @@ class BackupKillTest : public ::testing::Test {
     }
   }
 
-  static constexpr std::uint64_t kStep = tq::test::kSanitized ? 7 : 1;
+  static constexpr std::uint64_t kStep = tq::test::kSanitized ? 19 : 1;
 
   tq::test::TemporaryDirectory directory_;
 };

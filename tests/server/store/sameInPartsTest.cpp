@@ -14,6 +14,7 @@
 #include "server/store/indexParts.h"
 #include "server/store/localStore.h"
 #include "tests/server/store/randomTexts.h"
+#include "tests/support/sanitized.h"
 #include "tests/support/temporaryDirectory.h"
 
 // Whatever is asked of a collection, the answer does not depend on how many databases share its
@@ -216,7 +217,7 @@ class SameInPartsTest : public ::testing::TestWithParam<std::size_t> {
 };
 
 TEST_P(SameInPartsTest, WhateverIsAskedIsAnsweredAlike) {
-  constexpr std::size_t kRounds = 6;
+  constexpr std::size_t kRounds = tq::test::kSanitized ? 2 : 6;
   constexpr std::size_t kQueries = 120;
   constexpr std::array kOrders{HitOrder::Key, HitOrder::Value, HitOrder::Score, HitOrder::Any};
   std::size_t bytes = 0;

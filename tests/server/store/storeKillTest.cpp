@@ -312,7 +312,7 @@ class StoreKillTest : public ::testing::Test {
     return model;
   }
 
-  static constexpr std::uint64_t kStep = tq::test::kSanitized ? 7 : 1;
+  static constexpr std::uint64_t kStep = tq::test::kSanitized ? 19 : 1;
 
   tq::test::TemporaryDirectory directory_;
   // How many databases share the documents of a collection.
