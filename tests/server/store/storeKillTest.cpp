@@ -343,7 +343,8 @@ TEST_F(StoreKillTest, BatchIsInBothDatabasesOfAnIndexOrInNone) {
   std::size_t before = 0;
   std::size_t halfCommitted = 0;
   std::size_t after = 0;
-  for (std::uint64_t call = 1;; ++call) {
+  constexpr std::uint64_t kEach = tq::test::kSanitized ? 3 : 1;
+  for (std::uint64_t call = 1;; call += kEach) {
     SCOPED_TRACE("call " + std::to_string(call));
     const std::filesystem::path copy = freshCopy();
     const Outcome outcome = run(copy, steps, {call, call % 2 == 0});
@@ -358,9 +359,9 @@ TEST_F(StoreKillTest, BatchIsInBothDatabasesOfAnIndexOrInNone) {
     ++(isAfter ? after : before);
     if (HasFailure() || !outcome.killed) break;
   }
-  EXPECT_GT(before, 10U);
-  EXPECT_GT(halfCommitted, 5U);
-  EXPECT_GT(after, 1U);
+  EXPECT_GT(before, 10 / kEach);
+  EXPECT_GT(halfCommitted, 5 / kEach);
+  EXPECT_GT(after, 1 / kEach);
 }
 
 }  // namespace
