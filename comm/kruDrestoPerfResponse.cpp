@@ -1,12 +1,12 @@
 #include "comm/kruDrestoPerfResponse.h"
 
 #include <algorithm>
-#include <iostream>
 #include <string>
 #include <string_view>
 
 #include "comm/kruBytes.h"
 #include "comm/kruClientResponse.h"
+#include "comm/kruDiagnostic.h"
 #include "comm/kruErrorRecord.h"
 #include "comm/kruFunctionIds.h"
 #include "comm/kruHitFiller.h"
@@ -482,12 +482,12 @@ void DrestoPerfResponse::printState(icu::UnicodeString context) {
   const tq::oss::TraceScope trace(trace::DrestoPerfResponsePrintState);
   std::string text;
   context.toUTF8String(text);
-  std::cerr << " <Printing State for context  " << text << " Req : " << static_cast<int>(kind_)
-            << " response StatCode : " << statusCode_
-            << " << ResultsExpected : " << static_cast<int>(resultsExpected_)
-            << " Resp State=: " << state_
-            << " ResultsExpected:" << static_cast<int>(resultsExpected_) << "  Content Len "
-            << contentLength_ << "***>>" << std::endl;
+  const std::string expected = std::to_string(static_cast<int>(resultsExpected_));
+  writeDiagnostic(" <Printing State for context  " + text +
+                  " Req : " + std::to_string(static_cast<int>(kind_)) + " response StatCode : " +
+                  std::to_string(statusCode_) + " << ResultsExpected : " + expected +
+                  " Resp State=: " + std::to_string(state_) + " ResultsExpected:" + expected +
+                  "  Content Len " + std::to_string(contentLength_) + "***>>\n");
 }
 
 }  // namespace tq::comm

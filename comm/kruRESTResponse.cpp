@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
-#include <iostream>
 #include <limits>
 #include <optional>
 #include <string>
@@ -14,6 +13,7 @@
 #include "comm/kruBytes.h"
 #include "comm/kruChunkTail.h"
 #include "comm/kruClientResponse.h"
+#include "comm/kruDiagnostic.h"
 #include "comm/kruErrorRecord.h"
 #include "comm/kruFunctionIds.h"
 #include "comm/kruHitFiller.h"
@@ -527,7 +527,7 @@ int RESTResponse::parseStreamSearchResponse(const char* buffer, int length,
                                             ClientResponse& response, bool& done) {
   const tq::oss::TraceScope trace(trace::RESTResponseParseStreamSearchResponse);
   if (length == 0) {
-    std::cerr << " [WARN]: parseStreamSearch !!: 0 len for resp" << std::endl;
+    writeDiagnostic(" [WARN]: parseStreamSearch !!: 0 len for resp\n");
     done = true;
     return 0;
   }

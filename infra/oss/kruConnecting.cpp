@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <utility>
@@ -24,6 +25,14 @@ class Descriptor {
   Descriptor& operator=(const Descriptor&) = delete;
 
   int get() const noexcept { return fd_; }
+  bool isStandardStream() const noexcept { return fd_ <= STDERR_FILENO; }
+  /// Gives the socket a number that is none of a standard stream's. False: it keeps the one it has.
+  bool leaveStandardStreams() noexcept {
+    const int moved = systemCalls().fcntl(fd_, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    if (moved < 0) return false;
+    systemCalls().close(std::exchange(fd_, moved));
+    return true;
+  }
   int release() noexcept { return std::exchange(fd_, -1); }
 
  private:
@@ -58,6 +67,9 @@ Connected connectTo(const Address& address, Deadline deadline, const Waiter& wai
   const int type = SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK;
   Descriptor descriptor(calls.socket(address.storage.ss_family, type, 0));
   if (descriptor.get() < 0) return failed(errno);
+  // In a host that has closed a standard stream the system hands out its number, and whatever the
+  // host writes there would go to the server in the middle of a request.
+  if (descriptor.isStandardStream() && !descriptor.leaveStandardStreams()) return failed(errno);
   if (!sendAtOnce(descriptor.get())) return failed(errno);
   const auto* target = reinterpret_cast<const sockaddr*>(&address.storage);
   if (calls.connect(descriptor.get(), target, address.length) != 0) {

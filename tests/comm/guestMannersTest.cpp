@@ -440,6 +440,25 @@ TEST(GuestManners, ASearchWithoutABodyIsTheOneThingThatIsWarnedOf) {
   EXPECT_EQ(written.err, " [WARN]: parseStreamSearch !!: 0 len for resp\n");
 }
 
+TEST(GuestManners, NoWarningGoesIntoTheConnectionOfAHostThatHasClosedStandardError) {
+  const PeerProcess peer(false, [](const std::string& request, unsigned int) {
+    if (request.find("WARN") != std::string::npos) return std::string();
+    Reply reply{"", kStreamSearch};
+    reply.body = std::string(4, '\0');
+    return plain(reply);
+  });
+  EXPECT_EQ(inChild([&] {
+              ::close(STDERR_FILENO);
+              auto client = clientOf(Protocol::Http, true, peer.port());
+              client->setNumRetries(0);
+              for (int search = 0; search < 2; ++search) {
+                if (!runMarked(*client, {kStreamSearch}).errorId.empty()) return 1;
+              }
+              return client->getConnectionNumber() == 1 ? 0 : 2;
+            }),
+            0);
+}
+
 /// A peer whose answers name the connection on which it came.
 Conversation namingConnections(Protocol protocol) {
   return [protocol](const std::string& request, unsigned int nth) {

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <limits>
 #include <string>
 #include <type_traits>
@@ -19,21 +20,29 @@ namespace {
 
 using tq::oss::Converter;
 
-/// The process has no standard input while this lives, so that the next descriptor is number 0.
-class NoStandardInput {
+/// The process lacks one of its standard streams while this lives, so that the next descriptor gets
+/// its number. Nothing may be printed meanwhile.
+class WithoutStream {
  public:
-  NoStandardInput() : kept_(::fcntl(0, F_DUPFD_CLOEXEC, 3)) { ::close(0); }
-  ~NoStandardInput() {
+  explicit WithoutStream(int number)
+      : number_(number), kept_(::fcntl(number, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)) {
+    std::fflush(nullptr);
+    ::close(number);
+  }
+  ~WithoutStream() {
     if (kept_ < 0) return;
-    ::dup2(kept_, 0);
+    ::dup2(kept_, number_);
     ::close(kept_);
   }
-  NoStandardInput(const NoStandardInput&) = delete;
-  NoStandardInput& operator=(const NoStandardInput&) = delete;
+  WithoutStream(const WithoutStream&) = delete;
+  WithoutStream& operator=(const WithoutStream&) = delete;
 
  private:
+  int number_;
   int kept_;
 };
+
+constexpr int kStandardStreams[] = {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO};
 
 class SocketConnect : public SocketFixture {
  protected:
@@ -96,17 +105,53 @@ TEST_F(SocketConnect, DescriptorsAreClosedOnExecAndDoNotDelaySmallWrites) {
   EXPECT_EQ(::fcntl(fake.lastDescriptor(), F_GETFL) & O_NONBLOCK, 0);
 }
 
-TEST_F(SocketConnect, Descriptor0IsOneLikeAnyOther) {
-  const NoStandardInput none;
+TEST_F(SocketConnect, NoConnectionGetsTheNumberOfAStandardStreamThatTheHostHasClosed) {
+  for (const int stream : kStandardStreams) {
+    fake.resetCounts();
+    bool streamIsClosed = false;
+    std::string received;
+    Socket socket;
+    {
+      const WithoutStream none(stream);
+      connect(socket, 1, addresses({dead.port(), listener.port(), dead.port()}));
+      streamIsClosed = ::fcntl(stream, F_GETFD) < 0;
+      support::Peer peer = listener.accept();
+      peer.send("hi");
+      received = read(socket, 2);
+    }
+    EXPECT_TRUE(streamIsClosed) << stream;
+    EXPECT_GT(fake.lastDescriptor(), STDERR_FILENO);
+    EXPECT_EQ(::fcntl(fake.lastDescriptor(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    EXPECT_EQ(received, "hi");
+    EXPECT_EQ(fake.count(Call::Close), 3U) << "the failed attempt's, and the number of each stream";
+  }
+}
+
+TEST_F(SocketConnect, ANumberThatCannotBeReplacedIsReportedAndGivenBack) {
+  for (const int stream : kStandardStreams) {
+    fake.resetCounts();
+    fake.fail(Call::Fcntl, 1, EMFILE);
+    int errorNumber = 0;
+    bool streamIsClosed = false;
+    Socket socket;
+    {
+      const WithoutStream none(stream);
+      errorNumber = thrown([&] { connect(socket, listener.port()); }).getErrorNumber();
+      streamIsClosed = ::fcntl(stream, F_GETFD) < 0;
+    }
+    EXPECT_EQ(errorNumber, EMFILE);
+    EXPECT_TRUE(streamIsClosed) << stream;
+    EXPECT_EQ(fake.count(Call::Close), 1U);
+    EXPECT_EQ(fake.count(Call::Connect), 0U);
+    EXPECT_FALSE(socket.isOpen());
+  }
+}
+
+TEST_F(SocketConnect, AnyOtherNumberIsKeptWithoutACall) {
   Socket socket;
-  connect(socket, 1, addresses({dead.port(), listener.port(), dead.port()}));
-  EXPECT_EQ(fake.lastDescriptor(), 0);
-  EXPECT_TRUE(socket.isOpen());
-  support::Peer peer = listener.accept();
-  peer.send("hi");
-  EXPECT_EQ(read(socket, 2), "hi");
-  socket.close();
-  EXPECT_TRUE(peer.seesClose());
+  connect(socket, listener.port());
+  EXPECT_EQ(fake.count(Call::Fcntl), 1U) << "the one that makes it blocking";
+  EXPECT_EQ(fake.count(Call::Close), 0U);
 }
 
 TEST_F(SocketConnect, DescriptorsFarAbove1024Work) {

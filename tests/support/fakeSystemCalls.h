@@ -314,7 +314,14 @@ class FakeSystemCalls {
     return fails(Call::Getsockopt) ? -1 : real().getsockopt(fd, level, name, value, length);
   }
   static int fcntl(int fd, int command, int argument) {
-    return fails(Call::Fcntl) ? -1 : real().fcntl(fd, command, argument);
+    if (fails(Call::Fcntl)) return -1;
+    const int result = real().fcntl(fd, command, argument);
+    if (command == F_DUPFD_CLOEXEC && result >= 0) {
+      FakeSystemCalls& fake = *current();
+      const Lock lock(fake.mutex_);
+      fake.lastDescriptor_ = result;
+    }
+    return result;
   }
 
   static int getaddrinfo(const char* host, const char* service, const addrinfo* hints,

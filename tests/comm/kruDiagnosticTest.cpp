@@ -1,0 +1,72 @@
+#include <gtest/gtest.h>
+
+#include <iomanip>
+#include <ios>
+#include <iostream>
+#include <sstream>
+#include <stdexcept>
+#include <streambuf>
+#include <string>
+
+#include "comm/kruDiagnostic.h"
+
+namespace tq::comm {
+namespace {
+
+/// Gives standard error another buffer for as long as it lives, and its state back in the end.
+class ErrorsGoTo {
+ public:
+  explicit ErrorsGoTo(std::streambuf* buffer) : before_(std::cerr.rdbuf(buffer)) {
+    format_.copyfmt(std::cerr);
+  }
+  ~ErrorsGoTo() {
+    std::cerr.exceptions(std::ios_base::goodbit);
+    std::cerr.rdbuf(before_);
+    std::cerr.copyfmt(format_);
+  }
+  ErrorsGoTo(const ErrorsGoTo&) = delete;
+  ErrorsGoTo& operator=(const ErrorsGoTo&) = delete;
+
+ private:
+  std::streambuf* before_;
+  std::ios format_{nullptr};
+};
+
+class FullBuffer : public std::streambuf {};
+
+class ThrowingBuffer : public std::streambuf {
+  std::streamsize xsputn(const char*, std::streamsize) override {
+    throw std::runtime_error("the host's own");
+  }
+};
+
+TEST(Diagnostic, IsWrittenAsItIsWhateverTheFormatOfTheHost) {
+  std::stringbuf text;
+  const ErrorsGoTo here(&text);
+  std::cerr << std::setw(10) << std::setfill('*');
+  writeDiagnostic("state 12\n");
+  EXPECT_EQ(text.str(), "state 12\n");
+  EXPECT_EQ(std::cerr.width(), 10) << "for what the host writes next";
+}
+
+TEST(Diagnostic, ThatCannotBeWrittenLeavesTheStreamOfTheHostInOrder) {
+  FullBuffer full;
+  const ErrorsGoTo here(&full);
+  std::cerr.exceptions(std::ios_base::badbit | std::ios_base::failbit);
+  writeDiagnostic("lost\n");
+  EXPECT_TRUE(std::cerr.good());
+}
+
+TEST(Diagnostic, IsLostWhereTheHostHasNoBufferOrOneThatThrows) {
+  ThrowingBuffer throwing;
+  {
+    const ErrorsGoTo here(&throwing);
+    writeDiagnostic("lost\n");
+    EXPECT_TRUE(std::cerr.good());
+  }
+  const ErrorsGoTo nowhere(nullptr);
+  writeDiagnostic("lost\n");
+}
+
+}  // namespace
+}  // namespace tq::comm
