@@ -307,8 +307,8 @@ void CorvaneRESTClient::refuseOnBrokenLine() const {
        atServer(u"an earlier request was written in part; close the connection first"));
 }
 
-void CorvaneRESTClient::noteWritten() {
-  if (exchanging_ || exchange_ == Exchange::Running) outcome_ = RequestOutcome::MayBeApplied;
+void CorvaneRESTClient::noteOutcome(RequestOutcome outcome) {
+  if (exchanging_ || exchange_ == Exchange::Running) outcome_ = outcome;
 }
 
 void CorvaneRESTClient::sendMesg(RESTMessage& message) {
@@ -337,7 +337,7 @@ void CorvaneRESTClient::sendMesg(RESTMessage& message) {
     failIfWaitEnded(fail, e);
     throw;
   }
-  noteWritten();
+  noteOutcome(RequestOutcome::MayBeApplied);
   sending.done(ClientResponse::isRespReqd(kind) ? 1 : 0);
   if (kind == ClientRequest::ASYNCH_ADD_DOCUMENT) noteQueueWritten();
 }
@@ -508,7 +508,7 @@ void CorvaneRESTClient::settleError(RESTResponse& parser) {
   int need = 0;
   // A success of which the rest could not be kept for want of memory was parsed to its end as well.
   const bool serverError = parser.parseDone(need) && parser.getStatusCode() != kOk;
-  if (serverError) outcome_ = RequestOutcome::Rejected;
+  if (serverError) noteOutcome(RequestOutcome::Rejected);
   if (parser.isChunked() && !serverError) return;
   // All of the reply was read, so that a receive finds its end and does not wait for more.
   endOfStream_ = true;
@@ -523,7 +523,7 @@ void CorvaneRESTClient::settleError(RESTResponse& parser) {
 /// The parser is done with the first body: is the reply over, and what does the connection hold?
 void CorvaneRESTClient::settleFirstReply(const RESTResponse& parser) {
   firstReplyRead_ = true;
-  outcome_ = parser.getStatusCode() == kOk ? RequestOutcome::Answered : RequestOutcome::Rejected;
+  noteOutcome(parser.getStatusCode() == kOk ? RequestOutcome::Answered : RequestOutcome::Rejected);
   const bool streaming = ClientResponse::isStreaming(requestKind_);
   const bool bodyEnded = !parser.isChunked() || parser.lastChunkSeen();
   if (isSearch(requestKind_) && bodyEnded) {

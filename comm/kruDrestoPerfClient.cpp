@@ -266,7 +266,7 @@ void DrestoPerfClient::writeBatch(std::string_view rest) {
     throw;
   }
   sending.done(questions);
-  noteWritten();
+  noteOutcome(RequestOutcome::MayBeApplied);
   if (queued) noteQueueWritten();
 }
 

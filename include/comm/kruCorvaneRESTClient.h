@@ -107,7 +107,7 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   void setRetryPause(unsigned int first, unsigned int most);
 
   /// What became of the last request that was exchanged, whether or not the exchange succeeded.
-  /// What is sent by hand does not change it.
+  /// What is sent and received by hand does not change it.
   RequestOutcome getRequestOutcome() const;
 
   /// The whole exchange. The request's key and content are read, not copied, and must live until
@@ -203,8 +203,9 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   void refuseOnBrokenLine() const;
   /// Refuses a request that needs the queue's connection when that is gone.
   void refuseWithoutQueue(ClientRequest::REQUEST kind) const;
-  /// A request was written. By hand it is none of the last exchange.
-  void noteWritten();
+  /// What became of the last exchange's request. A request by hand is another one: while no
+  /// exchange runs, this changes nothing.
+  void noteOutcome(RequestOutcome outcome);
   /// A queued document was written to the present connection.
   void noteQueueWritten();
 

@@ -179,6 +179,34 @@ TEST_P(RequestOutcomes, AreNotChangedByWhatIsSentByHand) {
   EXPECT_EQ(client->getRequestOutcome(), RequestOutcome::Answered);
 }
 
+/// A request that is sent by hand on a connection of its own, and its reply.
+Outcome askByHand(CorvaneRESTClient& client, const MarkedRequest& marked) {
+  client.close();
+  client.open();
+  BuiltRequest built(marked);
+  client.send(built.request);
+  tq::comm::ClientResponse response;
+  return errorOf([&] { client.recvMesg(response); });
+}
+
+TEST_P(RequestOutcomes, OfAFailedExchangeAreNotChangedByWhatIsReceivedByHand) {
+  for (const MarkedRequest& byHand : {MarkedRequest{4, 2}, MarkedRequest{4, 3, true}}) {
+    client->setNumRetries(0);
+    network.plan(Entry::Recv, 1, kEof);
+    EXPECT_EQ(runMarked(*client, {4}).outcome, RequestOutcome::MayBeApplied);
+    const std::string error = askByHand(*client, byHand).errorId;
+    EXPECT_EQ(error, byHand.refused && isHttp(GetParam()) ? "ZVK0404E" : "");
+    EXPECT_EQ(client->getRequestOutcome(), RequestOutcome::MayBeApplied);
+  }
+}
+
+TEST_P(RequestOutcomes, OfAnAnsweredExchangeAreNotChangedByARefusalByHand) {
+  if (!isHttp(GetParam())) return;  // There nothing is received by hand after a finished reply.
+  EXPECT_EQ(runMarked(*client, {4}).outcome, RequestOutcome::Answered);
+  EXPECT_EQ(askByHand(*client, {4, 2, true}).errorId, "ZVK0404E");
+  EXPECT_EQ(client->getRequestOutcome(), RequestOutcome::Answered);
+}
+
 /// Speaks a protocol of its own, of which nothing but the sending is known here.
 template <typename Base>
 class OwnProtocol : public Base {
