@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "comm/kruBytes.h"
+#include "comm/kruForks.h"
 
 namespace tq::comm {
 
@@ -29,6 +30,11 @@ bool Batch::Message::hasLargeBody() const noexcept { return body.size() > kLarge
 
 std::string_view Batch::append(const Message& message) {
   const std::size_t start = bytes_.size();
+  if (start == 0) {
+    // A message can wait before any connection is made.
+    watchForks();
+    forkNumber_ = forkNumber();
+  }
   const std::size_t fixed = kHeaderLengthField + message.header.size() + message.terminator.size() +
                             message.prefix.size();
   std::string_view copied = message.body;
@@ -79,6 +85,10 @@ void Batch::written() noexcept {
   last_.reset();
   // Clients that let nothing wait must not pass a cache line to and fro among their threads.
   if (messagesInBuffer.load() != 0) messagesInBuffer.store(0);
+}
+
+void Batch::dropInherited() noexcept {
+  if (!bytes_.empty() && forkNumber_ != forkNumber()) written();
 }
 
 bool Batch::isDue(const Message& last) const noexcept {

@@ -48,6 +48,9 @@ class Batch {
   /// All of it is with the kernel.
   void written() noexcept;
 
+  /// Removes the messages that a forked child has from its parent. The parent sends them.
+  void dropInherited() noexcept;
+
   const std::vector<char>& bytes() const noexcept { return bytes_; }
   bool empty() const noexcept { return bytes_.empty(); }
   /// How many of the messages will be answered.
@@ -73,6 +76,8 @@ class Batch {
   unsigned int questions_ = 0;
   unsigned int queued_ = 0;
   std::optional<Last> last_;
+  // That of the process that has appended the first message.
+  unsigned int forkNumber_ = 0;
 };
 
 }  // namespace tq::comm

@@ -166,6 +166,7 @@ void DrestoPerfClient::exchange(ClientRequest& request, ClientResponse& response
   outcome_ = RequestOutcome::NotSent;
   refuseUnsendable(request);
   beginExchange(response);
+  batch_->dropInherited();
   sendHeldQuestions();
   openForSending(request.getRequest());
   if (!isConnected()) fail(StaticDefs::ERR_CONNECT_SERVER, atServer(), kLineNotConnected);
@@ -211,6 +212,7 @@ void DrestoPerfClient::sendMesg(RESTMessage& message) {
   const tq::oss::TraceScope trace(trace::DrestoPerfClientSendMesg);
   const OperationScope operation(*this);
   refuseOnBrokenLine();
+  batch_->dropInherited();
   // Left over from an exchange that was refused, it says nothing of a message by hand.
   const bool lookFirst = std::exchange(mayBeHeld_, false) && exchange_ == Exchange::Running;
   try {
@@ -327,6 +329,7 @@ void DrestoPerfClient::recvMesg(ClientResponse& response) {
     fail(StaticDefs::ERR_INVALID_STATE,
          atServer(u"the reply header of the last exchange was read already"));
   }
+  batch_->dropInherited();
   refuseReplyByHand(batch_->questions());
   if (!batch_->empty()) writeBatch({});
   beginReply(response);

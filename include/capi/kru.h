@@ -18,7 +18,8 @@
    Threads. A client and its cursors serve one thread at a time; different clients need no locking.
    A call that meets another one under way on its client, in another thread or because a wait hook
    makes it, is KRU_MISUSE and does nothing. A forked child that uses its copy of a client gets a
-   connection of its own, and its copies of cursors end as if their connection had broken.
+   connection of its own, its copies of cursors end as if their connection had broken, and what
+   KRU_BATCHING held back before the fork is sent by the parent alone.
 
    Structures that may grow begin with their `size`, which the caller sets to sizeof of what it was
    compiled with. A size below that of version 1.0 is KRU_MISUSE. Fields that the library does not

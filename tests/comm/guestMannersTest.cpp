@@ -37,6 +37,7 @@
 #include "comm/kruRESTException.h"
 #include "infra/oss/kruSocketException.h"
 #include "tests/comm/faultExchange.h"
+#include "tests/comm/faultNetwork.h"
 #include "tests/support/binaryReplies.h"
 #include "tests/support/chunks.h"
 #include "tests/support/exchange.h"
@@ -537,6 +538,56 @@ TEST(GuestManners, AForkedChildThatUsesItsCopyTakesAConnectionOfItsOwn) {
               0);
     EXPECT_EQ(connectionUsed(*client, protocol), 1) << "the parent keeps its own";
   }
+}
+
+/// A client that lets messages wait, its server in memory, and what that has seen.
+struct Waiting {
+  static FaultNetwork::Options framed() {
+    FaultNetwork::Options options;
+    options.framed = true;
+    return options;
+  }
+  Waiting() { client->useBufferedConnection(true); }
+
+  bool isExchanged(const MarkedRequest& marked) {
+    return runMarked(*client, marked).errorId.empty();
+  }
+  std::size_t seen(unsigned int mark) { return timesSeen(network.journal(), mark); }
+
+  FaultNetwork network{framed(), answererOf(Protocol::Binary)};
+  std::unique_ptr<tq::comm::CorvaneRESTClient> client = clientOf(Protocol::Binary);
+};
+
+TEST(GuestManners, AForkedChildSendsNoDocumentThatItsParentHoldsBack) {
+  for (const bool connected : {false, true}) {
+    Waiting held;
+    ASSERT_TRUE(!connected || held.isExchanged({kGetStatus, 1}));
+    BuiltRequest document({kAsynchAddDocument, 2});
+    held.client->send(document.request);
+    ASSERT_EQ(held.seen(2), 0U) << "it is held back";
+    EXPECT_EQ(inChild([&] {
+                if (!held.isExchanged({kAsynchAddDocument, 3})) return 1;
+                if (!held.isExchanged({kLastDocSent, 4})) return 2;
+                return held.seen(2) == 0 && held.seen(3) == 1 && held.seen(4) == 1 ? 0 : 3;
+              }),
+              0);
+    EXPECT_TRUE(held.isExchanged({kLastDocSent, 4}));
+    EXPECT_EQ(held.seen(2), 1U);
+  }
+}
+
+TEST(GuestManners, AForkedChildAsksNoQuestionThatItsParentHoldsBack) {
+  Waiting held;
+  BuiltRequest question({kCreateCollection, 2});
+  held.client->send(question.request);
+  ASSERT_EQ(held.seen(2), 0U) << "it is held back";
+  EXPECT_EQ(inChild([&] {
+              if (!held.isExchanged({kGetStatus, 3})) return 1;
+              return held.seen(2) == 0 && held.network.connectTimes().size() == 1 ? 0 : 2;
+            }),
+            0);
+  EXPECT_TRUE(held.isExchanged({kGetStatus, 3}));
+  EXPECT_EQ(held.seen(2), 1U);
 }
 
 /// The hits of a search in more than one portion.

@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <functional>
 #include <string>
@@ -249,6 +251,33 @@ TEST(Batch, AMessageThatWasWrittenIsNotTakenBack) {
   batch.written();
   batch.takeBack();
   EXPECT_EQ(batch.questions(), 0U);
+}
+
+/// True when a forked child says so.
+bool holdsInChild(const std::function<bool()>& says) {
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(says() ? 0 : 1);
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  return status == 0;
+}
+
+TEST_F(BatchesTogether, OfAForkedChildForgetWhatItsParentHolds) {
+  Batch::Message message = waiting();
+  message.answered = true;
+  message.queued = true;
+  one.append(message);
+  EXPECT_TRUE(holdsInChild([&] {
+    one.dropInherited();
+    if (!one.empty() || one.questions() != 0 || one.holdsQueued()) return false;
+    one.append(waiting());
+    one.dropInherited();
+    return !one.empty() && messagesThatWaited() == 1;
+  })) << "and keep what the child has added";
+  one.dropInherited();
+  EXPECT_FALSE(one.empty());
+  EXPECT_EQ(one.questions(), 1U);
+  EXPECT_TRUE(one.holdsQueued());
 }
 
 }  // namespace
