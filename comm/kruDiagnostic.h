@@ -4,8 +4,9 @@
 
 namespace tq::comm {
 
-/// Writes the text to standard error in one piece. The host's stream object keeps its format and
-/// its state: the format does not apply to the text, and text that cannot be written is lost.
-void writeDiagnostic(std::string_view text);
+/// Writes the text to standard error in one piece, or loses it where it cannot be written at once.
+/// The host's stream object keeps its state, and its format does not apply to the text. A reader
+/// that has gone raises no signal.
+void writeDiagnostic(std::string_view text) noexcept;
 
 }  // namespace tq::comm

@@ -460,6 +460,44 @@ TEST(GuestManners, NoWarningGoesIntoTheConnectionOfAHostThatHasClosedStandardErr
             0);
 }
 
+/// A process whose standard error is a pipe that nobody reads: one without a reader, or a full one.
+/// How it ends when it is warned of a search without a body.
+int endOfWarned(unsigned int port, bool full) {
+  int ends[2] = {-1, -1};
+  if (::pipe(ends) != 0) throw std::runtime_error("no pipe");
+  const int end = inChild([&] {
+    ::signal(SIGPIPE, SIG_DFL);
+    // What waits for ever is ended.
+    ::alarm(60);
+    ::fcntl(ends[1], F_SETFL, O_NONBLOCK);
+    const std::string page(4096, 'x');
+    while (full && ::write(ends[1], page.data(), page.size()) > 0) {
+    }
+    ::fcntl(ends[1], F_SETFL, 0);
+    if (!full) ::close(ends[0]);
+    ::dup2(ends[1], STDERR_FILENO);
+    const auto before = signalDispositions();
+    auto client = clientOf(Protocol::Http, true, port);
+    if (!runMarked(*client, {kStreamSearch}).errorId.empty()) return 1;
+    sigset_t pending;
+    ::sigpending(&pending);
+    return signalDispositions() == before && ::sigismember(&pending, SIGPIPE) == 0 ? 0 : 2;
+  });
+  ::close(ends[0]);
+  ::close(ends[1]);
+  return end;
+}
+
+TEST(GuestManners, AWarningThatNobodyReadsNeitherEndsTheProcessNorWaits) {
+  const PeerProcess peer(false, [](const std::string&, unsigned int) {
+    Reply reply{"", kStreamSearch};
+    reply.body = std::string(4, '\0');
+    return plain(reply);
+  });
+  EXPECT_EQ(endOfWarned(peer.port(), false), 0);
+  EXPECT_EQ(endOfWarned(peer.port(), true), 0);
+}
+
 /// A peer whose answers name the connection on which it came.
 Conversation namingConnections(Protocol protocol) {
   return [protocol](const std::string& request, unsigned int nth) {
