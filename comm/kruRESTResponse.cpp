@@ -432,6 +432,9 @@ bool RESTResponse::firstBodyIsTooShort(const char* buffer, int length) const {
   if (!oneRecord) return false;
   // Refused before the chunks that would make it whole are waited for.
   if (recordLength > maxReplyBytes_) {
+    // A proxy refuses in words of its own, whose letters make no length. The refusal stands without
+    // them, as it does in one piece.
+    if (statusCode_ == kServerError) return false;
     fail(StaticDefs::ERR_CLIENT_RESP_PARSING, u"a record is longer than the limit");
   }
   return recordLength > body.remaining();

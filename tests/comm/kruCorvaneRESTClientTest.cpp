@@ -370,6 +370,27 @@ TEST(CorvaneRESTClient, AnErrorInChunksThatIsReadToItsEndKeepsItsConnection) {
   EXPECT_EQ(network.connections(), 1U);
 }
 
+TEST(CorvaneRESTClient, ARefusalInTheWordsOfAProxyIsTheServersAndKeepsItsConnection) {
+  for (const char* words :
+       {"<html><body>Bad gateway</body></html>", "upstream connect error", "{\"error\":1}", "x"}) {
+    Reply refusal{"Refusal", kStreamSearch, 500, words};
+    for (const std::string& text :
+         {plain(refusal), chunked(refusal, 0, true).text, chunked(refusal, 7, true).text}) {
+      ScriptedNetwork network(Script()
+                                  .expectRequest()
+                                  .send(text)
+                                  .expectRequest()
+                                  .send(plain(nextReply()))
+                                  .awaitClose());
+      auto client = clientFor(kPersistent);
+      EXPECT_EQ(exchangeError(client, kStreamSearch).errorId, "ERR_SERVER_APP") << text;
+      EXPECT_EQ(client.getRequestOutcome(), tq::comm::RequestOutcome::Rejected) << text;
+      EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+      EXPECT_EQ(network.connections(), 1U) << text;
+    }
+  }
+}
+
 TEST(CorvaneRESTClient, AReplyWhoseLastByteComesByItselfIsComplete) {
   const std::string text = plain(ok(kCreateCollection));
   ScriptedNetwork network(Script()
