@@ -623,7 +623,7 @@ void CorvaneRESTClient::recv(ClientResponse& response) {
 
 void CorvaneRESTClient::recvMultResponse(ClientResponse& response) {
   const tq::oss::TraceScope trace(trace::CorvaneRESTClientRecvMultResponse);
-  const OperationScope operation(*this);
+  const PullScope pull(*this);
   refuseForeign(response);
   collected_ = 0;
   while (!endOfStream_) {

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -568,22 +569,24 @@ TEST(TimeOutOfAnEstimate, HoldsForAllPortionsThatOnePullTakes) {
       kChunkedHead + chunk(std::string(4, '\0') + enveloped(record({{"any", "1"}})));
   // A record that no portion completes.
   for (const char byte : enveloped(std::string(100, 'r'))) reply += chunk(std::string(1, byte));
-  FaultNetwork faulty(network, [&](const std::string&) { return Answer{{reply}}; });
-  const auto client = clientOf(Protocol::Http);
-  client->setNumRetries(0);
-  client->setTimeOut(300);
-  BuiltRequest built({kSelectivity});
-  tq::comm::ClientResponse response;
-  client->sendAndRecvMesg(built.request, response);
-  ASSERT_FALSE(client->isEndOfStream());
-  const auto begin = faulty.nowNanos();
-  try {
-    response.getSearchResponse(*client, true);
-    FAIL() << "the peer has ended nothing";
-  } catch (const tq::comm::RESTException& error) {
-    EXPECT_EQ(error.getMessageList().front().getMessageId(), u"ERR_SERVER_COMM_TIMEOUT");
+  const std::function<void(tq::comm::ClientResponse&, tq::comm::CorvaneRESTClient&)> pulls[] = {
+      [](auto& response, auto& client) { response.getSearchResponse(client, true); },
+      [](auto& response, auto& client) { response.getParseResponse(client); },
+      [](auto& response, auto& client) { client.recvMultResponse(response); }};
+  for (const auto& pull : pulls) {
+    FaultNetwork faulty(network, [&](const std::string&) { return Answer{{reply}}; });
+    const auto client = clientOf(Protocol::Http);
+    client->setNumRetries(0);
+    client->setTimeOut(300);
+    BuiltRequest built({kSelectivity});
+    tq::comm::ClientResponse response;
+    client->sendAndRecvMesg(built.request, response);
+    ASSERT_FALSE(client->isEndOfStream());
+    const auto begin = faulty.nowNanos();
+    EXPECT_EQ(errorOf([&] { pull(response, *client); }).errorId, "ERR_SERVER_COMM_TIMEOUT")
+        << "the peer has ended nothing";
+    EXPECT_LE((faulty.nowNanos() - begin) / kMilli, 300 + kTolerance);
   }
-  EXPECT_LE((faulty.nowNanos() - begin) / kMilli, 300 + kTolerance);
 }
 
 TEST(DeadlineOverHttp, EndsAReplyWhoseBytesAreAlwaysThere) {
