@@ -229,6 +229,15 @@ void Run::act(const StepPlan& plan) {
       return world_.copy(r, (r + 1) % World::kFresh);
     case kRebuild:
       return world_.rebuild(c);
+    case kSendBytesByHand:
+      if (!schedule_.binary) return;
+      stepOf_.push_back(current_);
+      world_.sendBodyChunks(c, kindOf(current_), World::Bytes::All);
+      return;
+    case kInit:
+      return world_.init(c);
+    case kEndOfResponse:
+      return world_.destroy(r);
     default:
       return set(what, c);
   }
@@ -267,7 +276,9 @@ void Run::set(Act what, std::size_t client) {
 
 void Run::exchange(const StepPlan& plan) {
   stepOf_.push_back(current_);
-  const Seen seen = world_.exchange(plan.caller[kClient], plan.caller[kResponse], kindOf(current_));
+  const Seen seen = world_.exchange(plan.caller[kClient], plan.caller[kResponse], kindOf(current_),
+                                    static_cast<Asking>(plan.caller[kAsking]),
+                                    static_cast<Reading>(plan.caller[kReading]));
   if (!seen.failed) takeStream(plan);
   for (unsigned int i = 0; i < plan.caller[kRecvAfter]; ++i) {
     world_.pull(Pulling::Recv, plan.caller[kClient], plan.caller[kResponse]);

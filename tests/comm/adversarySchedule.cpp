@@ -12,8 +12,8 @@ constexpr std::array<const char*, kPeerFields> kPeerNames{
     "prefix",  "segment", "delay",      "pauseAt",   "pause",       "cutAt",
     "cutHow",  "stray",   "strayDelay", "end"};
 constexpr std::array<const char*, kCallerFields> kCallerNames{
-    "act",      "client",  "response", "kind",      "idle", "timeOut",
-    "deadline", "retries", "pull",     "recvAfter", "fault"};
+    "act",     "client", "response",  "kind",  "idle",   "timeOut", "deadline",
+    "retries", "pull",   "recvAfter", "fault", "asking", "reading"};
 constexpr std::array<const char*, kActs> kActNames{"exchange",       "unsendable request",
                                                    "send",           "sendMesg",
                                                    "recvMesg",       "recv",
@@ -27,7 +27,8 @@ constexpr std::array<const char*, kActs> kActNames{"exchange",       "unsendable
                                                    "no reassembly",  "setRetryUnsafe",
                                                    "setRetryPause",  "setMaxReplyBytes",
                                                    "renew response", "copy response",
-                                                   "rebuild client"};
+                                                   "rebuild client", "bytes by hand",
+                                                   "init",           "end of response"};
 
 class Dice {
  public:
@@ -90,6 +91,8 @@ void rollStep(Dice& dice, StepPlan& plan) {
   caller[kPull] = dice.roll(4);
   caller[kRecvAfter] = dice.seldom(4, 3);
   caller[kFault] = dice.seldom(8, 5);
+  caller[kAsking] = dice.seldom(5, 2);
+  caller[kReading] = dice.seldom(4, 1);
   for (auto& peer : plan.peer) rollPeer(dice, peer);
 }
 

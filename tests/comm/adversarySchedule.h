@@ -59,6 +59,9 @@ enum Act : std::uint8_t {
   kRenew,
   kCopy,
   kRebuild,
+  kSendBytesByHand,
+  kInit,
+  kEndOfResponse,
   kActs
 };
 
@@ -74,6 +77,8 @@ enum CallerField : std::size_t {
   kPull,       // after an exchange: 0 portion by portion, 1 looping, 2 not at all, 3 one portion
   kRecvAfter,  // further receives after an exchange, whatever came before
   kFault,      // 1 the next connect fails, 2 and more: the next write does, behind some bytes
+  kAsking,     // an exchange: 0 as set, 1 one attempt by hand, 2 with limits of its own
+  kReading,    // of an exchange's response: 0 all, 1 nothing is read
   kCallerFields
 };
 

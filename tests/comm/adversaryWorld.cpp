@@ -10,6 +10,7 @@
 #include "comm/kruRESTException.h"
 #include "comm/kruRESTMessage.h"
 #include "infra/util/kruExtendedProperties.h"
+#include "tests/support/binaryReplies.h"
 #include "tests/support/exchange.h"
 
 namespace tq::test {
@@ -97,6 +98,20 @@ void noteError(const tq::oss::BaseException& error, Seen& seen) {
   seen.errorText = utf8(messages.front().getMessageText());
 }
 
+std::vector<std::string> hitsIn(ClientResponse& response) {
+  std::vector<std::string> names;
+  tq::comm::SearchResponse hits(response.getSearchResponse());
+  while (hits.hasMore()) names.push_back(utf8(hits.getNext().getDocId()));
+  return names;
+}
+
+std::vector<std::string> rowsIn(ClientResponse& response) {
+  std::vector<std::string> names;
+  tq::comm::ParseResponse rows(response.getParseResponse());
+  while (rows.hasMore()) names.push_back(utf8(rows.getNext().getDocument()));
+  return names;
+}
+
 bool isBeginningOf(const std::vector<std::string>& some, const std::vector<std::string>& all) {
   return some.size() <= all.size() && std::equal(some.begin(), some.end(), all.begin());
 }
@@ -119,6 +134,10 @@ bool dropsPortions(Pulling how, int kind) {
 }
 
 }  // namespace
+
+bool Seen::refusedWithoutQueue() const {
+  return errorText.starts_with("the connection of the documents queued before is gone");
+}
 
 World::World(bool binary, bool joined, bool persistent, Peer peer)
     : binary_(binary),
@@ -161,11 +180,15 @@ std::size_t World::fingerprint() {
     mix((caller.streamMade == caller.made) + 2U * (caller.made != 0) +
         4U * (caller.firstExchange == caller.exchange));
     mix(caller.received * 2U + caller.receivedReply);
+    mix(caller.queueBound * 4U + caller.queue.has_value() * 2U +
+        (caller.queue == caller.connection));
     for (Held& held : responses_) {
       mix(static_cast<std::size_t>(staleness(caller, held)) * 2 + (held.mark == Mark{}));
       mix(held.owner != nullptr && held.owner == caller.stream);
       mix(held.response.getSearchResponse().count());
       mix(held.response.getParseResponse().count());
+      const std::size_t left = held.leftHits.size() * 8 + held.leftRows.size();
+      mix(left == 0 ? 0 : left * 2 + held.usedSince);
     }
   }
   return all;
@@ -180,8 +203,10 @@ void World::answer(std::size_t connection, const std::string& request) {
   std::from_chars(request.data() + at + kMarker.size(), request.data() + request.size(), number);
   Question& question = questions_[number];
   question.written = true;
+  question.connection = connection;
   Caller& caller = clients_[question.client];
-  if (question.byHand) {
+  if (question.kind == kAsynchAddDocument && caller.queueBound) caller.queueWritten = connection;
+  if (question.byHand && !question.inChunks) {
     question.untold = network_.holdsUnasked(connection);
     if (hasReply(question.kind)) {
       ++askedByHand_;
@@ -266,14 +291,14 @@ void World::judgeId(const Seen& seen) {
   require(known || spun, "fails with an error that no document names: ", seen.errorId);
 }
 
-Seen World::exchange(std::size_t c, std::size_t r, int kind, Asking how) {
+Seen World::exchange(std::size_t c, std::size_t r, int kind, Asking how, Reading reading) {
   Caller& caller = clients_[c];
   const unsigned int deadline = caller.deadline;
   const unsigned int retries = caller.retries;
   if (how == Asking::Limited) caller.deadline = kOwnDeadlineMillis;
   if (how != Asking::AsSet) caller.retries = how == Asking::Once ? 0 : kOwnRetries;
   Held& held = responses_[r];
-  take(held);
+  beginUse(held, reading);
   clearScalars(held);
   Question& question = ask(c, kind, false);
   ClientRequest request = requestNamed(question.number, kind);
@@ -286,9 +311,10 @@ Seen World::exchange(std::size_t c, std::size_t r, int kind, Asking how) {
   });
   require(seen.errorId != "socket" || how == Asking::Once,
           "an exchange fails with what is no RESTException");
-  caller.made += network_.connections() - connections;
+  noteConnections(caller, connections);
   // A repeated exchange that runs out of time has closed the connection that it was bound to.
-  caller.streamMade = seen.errorId != kNoConnection ? caller.made : 0;
+  const bool begun = seen.errorId != kNoConnection && !seen.refusedWithoutQueue();
+  caller.streamMade = begun ? caller.made : 0;
   caller.exchange += 2;
   caller.firstExchange = caller.exchange;
   caller.lastKind = kind;
@@ -301,8 +327,15 @@ Seen World::exchange(std::size_t c, std::size_t r, int kind, Asking how) {
   question.failed = seen.failed && seen.errorId != kTimeOutId;
   lineAfterExchange(caller, seen, network_.connections() != connections,
                     askedByHand_ != askedByHand);
-  if (!seen.failed || isStreaming(kind)) take(held);
+  // The first portion of these takes the place of what the response held.
+  const bool replaced = !seen.failed && kind == kStreamSearch && !held.leftHits.empty();
+  if (replaced) {
+    require(!isBeginningOf(held.leftHits, hitsIn(held.response)),
+            "adds the hits of a search to those of another exchange");
+  }
+  if (!seen.failed || isStreaming(kind)) read(held, reading);
   judgeExchange(caller, held, seen);
+  judgeQueue(caller, question, seen);
   caller.deadline = deadline;
   caller.retries = retries;
   return seen;
@@ -346,6 +379,7 @@ Seen World::send(std::size_t c, int kind, bool asMessage) {
     tq::comm::RESTMessage message(caller.client->getHost(), request);
     caller.client->sendMesg(message);
   });
+  noteQueue(caller);
   if (broken) {
     require(!question.written, "writes behind half a request");
     require(seen.errorId == kInvalidState, "sends by hand behind half a request");
@@ -363,14 +397,38 @@ Seen World::send(std::size_t c, int kind, bool asMessage) {
   return seen;
 }
 
+Seen World::sendBodyChunks(std::size_t c, int kind, Bytes bytes) {
+  // Shorter than a request, so that it takes several.
+  constexpr unsigned long kPiece = 16;
+  Caller& caller = clients_[c];
+  Question& question = ask(c, kind, true);
+  question.inChunks = true;
+  ClientRequest request = requestNamed(question.number, kind);
+  tq::comm::RESTMessage message(caller.client->getHost(), request);
+  const std::string header = message.getSerializedHeader();
+  const std::string text = word16(static_cast<unsigned int>(header.size())) + header;
+  const std::size_t length = bytes == Bytes::All ? text.size() : text.size() / 2;
+  const Seen seen = run(c, [&] { binaryClient(c)->sendBodyChunks(text.data(), kPiece, length); });
+  if (caller.client->isConnected()) {
+    caller.line = Line::Broken;
+  } else {
+    require(seen.errorId == "socket", "writes bytes without a connection");
+  }
+  return seen;
+}
+
 Seen World::recvMesg(std::size_t c, std::size_t r) {
   Caller& caller = clients_[c];
   Held& held = responses_[r];
-  take(held);
+  beginUse(held, Reading::All);
   clearScalars(held);
   const std::uint64_t bytes = network_.bytesTaken();
   caller.receivedReply = true;
+  const auto outcome = caller.client->getRequestOutcome();
   const Seen seen = run(c, [&] { caller.client->recvMesg(held.response); });
+  require(caller.client->getRequestOutcome() == outcome,
+          "a reply by hand changes what became of the last exchange");
+  noteQueue(caller);
   // What batching held back was written first.
   const Lines line = caller.line;
   const bool tookBytes = network_.bytesTaken() != bytes;
@@ -421,7 +479,7 @@ Seen World::open(std::size_t c) {
   const std::size_t connections = network_.connections();
   const Seen seen = run(c, [&] { caller.client->open(); });
   if (network_.connections() != connections) {
-    ++caller.made;
+    noteConnections(caller, connections);
     caller.line = Line::Clean;
     caller.asked = nullptr;
   }
@@ -451,6 +509,43 @@ void World::setNumRetries(std::size_t c, unsigned int count) {
 void World::init(std::size_t c) {
   clients_[c].client->init();
   clients_[c].retries = 1;
+}
+
+void World::setQueueOnOneConnection(std::size_t c, bool on) {
+  clients_[c].client->setQueueOnOneConnection(on);
+  clients_[c].queueBound = on;
+  clients_[c].queue.reset();
+}
+
+void World::destroy(std::size_t r) { responses_[r] = Held(); }
+
+void World::noteConnections(Caller& caller, std::size_t before) const {
+  const std::size_t made = network_.connections() - before;
+  caller.made += made;
+  if (made != 0) caller.connection = network_.connections() - 1;
+}
+
+// The queue of documents.
+
+/// It begins with the first document that is written.
+void World::noteQueue(Caller& caller) {
+  if (!caller.queue) caller.queue = caller.queueWritten;
+  caller.queueWritten.reset();
+}
+
+void World::judgeQueue(Caller& caller, const Question& question, const Seen& seen) {
+  using tq::comm::RequestOutcome;
+  noteQueue(caller);
+  if (seen.refusedWithoutQueue()) {
+    require(caller.queue && *caller.queue != caller.connection,
+            "refuses although the connection of its queue is there");
+  }
+  if (!caller.queue || !question.written) return;
+  const bool there = question.connection == *caller.queue;
+  require(there || !needsQueue(question.kind), "goes on with its queue over another connection");
+  const RequestOutcome outcome = caller.client->getRequestOutcome();
+  const bool verdict = outcome == RequestOutcome::Answered || outcome == RequestOutcome::Rejected;
+  if (there && verdict) caller.queue.reset();
 }
 
 void World::renew(std::size_t r) {
@@ -501,19 +596,27 @@ World::Stale World::staleness(const Caller& caller, const Held& held) const {
                                                                                   : Stale::No;
 }
 
-Seen World::pull(Pulling how, std::size_t c, std::size_t r) {
+/// A pull that returns at once, because results or the end of the stream are there.
+bool World::findsResults(Pulling how, const Shape& before) {
+  return (how == Pulling::Looping && (before.ended || before.hits != 0)) ||
+         (how == Pulling::Parsed && (before.ended || before.rows != 0)) ||
+         (how == Pulling::RecvMultResponse && before.ended);
+}
+
+Seen World::pull(Pulling how, std::size_t c, std::size_t r, Reading reading) {
   Caller& caller = clients_[c];
   Held& held = responses_[r];
   const Stale stale = staleness(caller, held);
   // What a receive would replace is taken first; what a refusal must not touch is left.
   const bool replaces = how == Pulling::Recv || how == Pulling::RecvStream ||
                         how == Pulling::RecvMultResponse || how == Pulling::Single;
-  if (replaces && stale != Stale::Yes) take(held);
+  if (replaces && stale != Stale::Yes) beginUse(held, reading);
+  held.usedSince = true;
   const Shape before = shapeOf(caller, held);
   caller.received = true;
   if (how == Pulling::Buffered) held.response.setResultsBuffered(true);
   const Seen seen = run(c, [&] { pullRaw(how, caller, held); });
-  judgePull(how, caller, held, stale, before, seen);
+  judgePull(how, caller, held, stale, before, seen, reading);
   return seen;
 }
 
@@ -538,7 +641,7 @@ void World::pullRaw(Pulling how, Caller& caller, Held& held) {
 }
 
 void World::judgePull(Pulling how, Caller& caller, Held& held, Stale stale, const Shape& before,
-                      const Seen& seen) {
+                      const Seen& seen, Reading reading) {
   const bool unchanged = shapeOf(caller, held) == before;
   if (how == Pulling::Buffered) {
     require(!seen.failed && unchanged, "receives although the results are marked as buffered");
@@ -566,13 +669,14 @@ void World::judgePull(Pulling how, Caller& caller, Held& held, Stale stale, cons
   settleMark(how, caller, held, before);
   held.parsedAs = caller.lastKind;
   const bool tookBytes = network_.bytesTaken() != before.bytesTaken;
-  if (!before.ended && caller.streamMade != 0 && caller.streamMade != caller.made) {
+  const bool receives = !before.ended && !findsResults(how, before);
+  if (receives && caller.streamMade != 0 && caller.streamMade != caller.made) {
     require(!tookBytes && seen.waited == 0, "reads a stream on from another connection");
     require(seen.failed || caller.client->isTruncated(), "ends as whole without its connection");
   }
   lineAfterPull(caller, seen, before.ended);
   if (held.owner != nullptr && dropsPortions(how, caller.lastKind)) held.owner->gaps = true;
-  take(held);
+  read(held, reading);
   if (seen.failed) {
     if (held.owner != nullptr) {
       if (seen.errorId != kTimeOutId) held.owner->failed = true;
@@ -593,10 +697,7 @@ void World::settleMark(Pulling how, const Caller& caller, Held& held, const Shap
     held.mark = mark;
     held.owner = owner;
   }
-  const bool nothingToDo = (how == Pulling::Looping && (before.ended || before.hits != 0)) ||
-                           (how == Pulling::Parsed && (before.ended || before.rows != 0)) ||
-                           (how == Pulling::RecvMultResponse && before.ended);
-  if (nothingToDo) return;
+  if (findsResults(how, before)) return;
   held.others.clear();
   if (!unmarked) return;
   held.owner = caller.stream != nullptr ? caller.stream : caller.asked;
@@ -627,9 +728,18 @@ void World::clearScalars(Held& held) const {
   }
 }
 
+/// Reads all results, which are gone from the response then.
 void World::take(Held& held) {
   auto& hits = held.response.getSearchResponse();
   auto& rows = held.response.getParseResponse();
+  if (!held.leftHits.empty() || !held.leftRows.empty()) {
+    look(held);
+    held.leftHits.clear();
+    held.leftRows.clear();
+    hits.init();
+    rows.init();
+    return;
+  }
   if (hits.count() == 0 && rows.count() == 0) return;
   std::vector<std::string> names;
   while (rows.hasMore()) names.push_back(utf8(rows.getNext().getDocument()));
@@ -637,6 +747,42 @@ void World::take(Held& held) {
   hits.init();
   rows.init();
   judgeNames(held, std::move(names));
+}
+
+/// Judges what the response holds and leaves it there.
+void World::look(Held& held) {
+  std::vector<std::string> hits = hitsIn(held.response);
+  std::vector<std::string> names = rowsIn(held.response);
+  std::vector<std::string> allHits = hits;
+  std::vector<std::string> allRows = names;
+  dropLeft(held, held.leftHits, hits);
+  dropLeft(held, held.leftRows, names);
+  held.leftHits = std::move(allHits);
+  held.leftRows = std::move(allRows);
+  held.usedSince = false;
+  names.insert(names.end(), hits.begin(), hits.end());
+  if (!names.empty()) judgeNames(held, std::move(names));
+}
+
+void World::read(Held& held, Reading reading) {
+  if (reading == Reading::All) {
+    take(held);
+  } else {
+    look(held);
+  }
+}
+
+/// What lies in a response stays as it is there, or goes as a whole when a call uses the response.
+void World::dropLeft(const Held& held, const std::vector<std::string>& left,
+                     std::vector<std::string>& names) {
+  const bool kept = isBeginningOf(left, names);
+  require(kept || held.usedSince, "changes results that were left in a response");
+  if (kept) names.erase(names.begin(), names.begin() + static_cast<std::ptrdiff_t>(left.size()));
+}
+
+void World::beginUse(Held& held, Reading reading) {
+  if (reading == Reading::All) take(held);
+  held.usedSince = true;
 }
 
 void World::judgeNames(const Held& held, std::vector<std::string> names) {
@@ -739,7 +885,7 @@ void World::lineAfterExchange(Caller& caller, const Seen& seen, bool reconnected
     caller.line = Line::NotConnected;
     return;
   }
-  if (!seen.failed && !hasReply(caller.lastKind)) {
+  if ((!seen.failed && !hasReply(caller.lastKind)) || seen.refusedWithoutQueue()) {
     if (reconnected) caller.line = Line::Clean;
     // A question that batching held back went out, and this message may still be held.
     if (askedMeanwhile) caller.line = {Line::Clean, Line::Asked};

@@ -54,10 +54,12 @@ struct Question {
   int kind = 0;
   std::size_t client = 0;
   bool byHand = false;
-  bool written = false;  // all of it has arrived at the peer
-  bool untold = false;   // unasked bytes stand where its reply begins
-  bool failed = false;   // its caller was told of a failure other than a time-out
-  bool gaps = false;     // received in a way that drops portions before the caller sees them
+  bool written = false;        // all of it has arrived at the peer
+  bool untold = false;         // unasked bytes stand where its reply begins
+  bool failed = false;         // its caller was told of a failure other than a time-out
+  bool gaps = false;           // received in a way that drops portions before the caller sees them
+  bool inChunks = false;       // its bytes were written by hand, as part of no message
+  std::size_t connection = 0;  // that it was written to last
   std::vector<Answer> answers{};         // one for each attempt that the server saw
   std::vector<std::string> delivered{};  // ids of hits, or documents
 };
@@ -68,6 +70,9 @@ struct Seen {
   std::string errorId{};
   std::string errorText{};
   std::uint64_t waited = 0;  // MICROSECONDS
+
+  /// The connection of the documents that were queued before is gone.
+  bool refusedWithoutQueue() const;
 };
 
 /// How an exchange is asked for: as the client's settings say, one attempt by hand, or with limits
@@ -75,6 +80,9 @@ struct Seen {
 enum class Asking { AsSet, Once, Limited };
 
 enum class Pulling { Recv, RecvStream, RecvMultResponse, Looping, Single, Parsed, Buffered };
+
+/// What a caller reads of the results that a response holds before a call and after it.
+enum class Reading { All, Nothing };
 
 /// Tells the state of a client's line, which callers do not see.
 class Inspected {
@@ -111,18 +119,26 @@ class World {
 
   // What a caller may do. Responses are numbers; `kFresh` is one that nothing has filled.
   static constexpr std::size_t kFresh = kResponses - 1;
-  Seen exchange(std::size_t c, std::size_t r, int kind, Asking how = Asking::AsSet);
+  Seen exchange(std::size_t c, std::size_t r, int kind, Asking how = Asking::AsSet,
+                Reading reading = Reading::All);
   Seen exchangeUnsendable(std::size_t c, std::size_t r);
   Seen send(std::size_t c, int kind, bool asMessage);
+  /// Writes bytes of a request, of the binary protocol alone, in pieces that are part of no
+  /// message.
+  enum class Bytes { Half, All };
+  Seen sendBodyChunks(std::size_t c, int kind, Bytes bytes);
   Seen recvMesg(std::size_t c, std::size_t r);
-  Seen pull(Pulling how, std::size_t c, std::size_t r);
+  Seen pull(Pulling how, std::size_t c, std::size_t r, Reading reading = Reading::All);
   Seen open(std::size_t c);
   void close(std::size_t c);
   void setTimeOut(std::size_t c, unsigned int millis);
   void setDeadline(std::size_t c, unsigned int millis);
   void setNumRetries(std::size_t c, unsigned int count);
   void init(std::size_t c);
+  void setQueueOnOneConnection(std::size_t c, bool on);
   void renew(std::size_t r);
+  /// Ends a response with all that it holds.
+  void destroy(std::size_t r);
   void copy(std::size_t from, std::size_t to);
   void rebuild(std::size_t c);
 
@@ -135,6 +151,8 @@ class World {
   void require(bool holds, const char* what, const std::string& more = {});
 
   Lines line(std::size_t c) const { return clients_[c].line; }
+  /// Documents were queued, nothing has confirmed them, and they bind the queue to a connection.
+  bool hasQueue(std::size_t c) const { return clients_[c].queue.has_value(); }
   int lastKind(std::size_t c) const { return clients_[c].lastKind; }
   /// The line's own word for its state.
   Line inspected(std::size_t c) const { return clients_[c].inspect->lineState(); }
@@ -169,6 +187,12 @@ class World {
     // Since the exchange: each leaves a parser in a state of its own.
     bool received = false;
     bool receivedReply = false;
+    std::size_t connection = 0;  // the one that was made last
+    // Whether the queue of documents must stay on one connection, which one that is, and where a
+    // document of the present call went.
+    bool queueBound = false;
+    std::optional<std::size_t> queue{};
+    std::optional<std::size_t> queueWritten{};
   };
   struct Held {
     tq::comm::ClientResponse response{};
@@ -177,6 +201,10 @@ class World {
     // What else it may be, after exchanges of which it is not known whether they received.
     std::vector<std::pair<Mark, Question*>> others{};
     int parsedAs = 0;
+    // What it holds that was judged and not read, and whether a call has used it since.
+    std::vector<std::string> leftHits{};
+    std::vector<std::string> leftRows{};
+    bool usedSince = false;
   };
   enum class Stale { No, Perhaps, Yes };
   // What a refused call leaves as it is.
@@ -202,12 +230,21 @@ class World {
   Shape shapeOf(const Caller& caller, Held& held) const;
   bool isCurrent(const Caller& caller, const Mark& mark) const;
   Stale staleness(const Caller& caller, const Held& held) const;
+  static bool findsResults(Pulling how, const Shape& before);
   void pullRaw(Pulling how, Caller& caller, Held& held);
   void judgePull(Pulling how, Caller& caller, Held& held, Stale stale, const Shape& before,
-                 const Seen& seen);
+                 const Seen& seen, Reading reading);
   void judgeEnd(const Caller& caller, const Held& held);
 
   void take(Held& held);
+  void look(Held& held);
+  void read(Held& held, Reading reading);
+  void dropLeft(const Held& held, const std::vector<std::string>& left,
+                std::vector<std::string>& names);
+  void beginUse(Held& held, Reading reading);
+  void noteConnections(Caller& caller, std::size_t before) const;
+  void noteQueue(Caller& caller);
+  void judgeQueue(Caller& caller, const Question& question, const Seen& seen);
   void judgeNames(const Held& held, std::vector<std::string> names);
   void markAfterExchange(const Caller& caller, Held& held, Question& question, const Seen& seen);
   void clearScalars(Held& held) const;

@@ -24,8 +24,10 @@ enum class Call {
   Unsendable,
   Send,
   SendMesg,
+  SendBodyChunks,
   RecvMesg,
   Pull,
+  Destroy,
   Close,
   Open,
   Reopen,
@@ -67,6 +69,7 @@ enum class Setting {
   Deadline,
   OneRetry,
   Init,
+  QueueOnOneConnection,
   WhatDoesNotMatter,
 };
 
@@ -95,6 +98,10 @@ struct Event {
   Setting setting = Setting::None;
   Only only = Only::Both;
   Asking asking = Asking::AsSet;
+  Reading reading = Reading::All;
+  World::Bytes bytes = World::Bytes::All;
+  // A path with two of these is one event shorter than others.
+  bool rare = false;
 };
 
 constexpr auto kTimeOutId = "ERR_SERVER_COMM_TIMEOUT";
@@ -145,6 +152,23 @@ Event byOther(Event event) {
 Event asked(Asking asking, Event event) {
   event.asking = asking;
   return event;
+}
+
+Event rare(Event event) {
+  event.rare = true;
+  return event;
+}
+/// What the response holds before it, and what it brings, is not read.
+Event unread(Event event) {
+  event.reading = Reading::Nothing;
+  return rare(event);
+}
+
+Event bodyChunks(const char* name, World::Bytes bytes) {
+  Event event{name, Call::SendBodyChunks};
+  event.kind = kStreamSearch;
+  event.bytes = bytes;
+  return rare(binary(event));
 }
 
 Event byHand(const char* name, Call call, int kind, Peer peer, Fault fault = Fault::None) {
@@ -232,6 +256,8 @@ std::vector<Event> exchanges() {
       byOther(exchange("other client's stream", kStreamSearch, P::Streams, L::Owed)),
       byOther(into(kSecond, exchange("other client's reply into the second response", kGetStatus,
                                      P::Answers))),
+      unread(exchange("stream, left unread", kStreamSearch, P::Streams, L::Owed)),
+      unread(exchange("scalar stream, left unread", kScalarSearch, P::Streams, L::Owed)),
   };
 }
 
@@ -264,6 +290,10 @@ std::vector<Event> steps() {
       pulling("pull of parse results", Pulling::Parsed),
       pulling("pull of what is buffered", Pulling::Buffered),
       otherPulls,
+      unread(pulling("recv, left unread", Pulling::Recv)),
+      rare(Event{"end of the response", Call::Destroy}),
+      bodyChunks("half a request by hand", World::Bytes::Half),
+      bodyChunks("bytes of a request by hand", World::Bytes::All),
       Event{"close()", Call::Close},
       Event{"open()", Call::Open},
       Event{"close() and open()", Call::Reopen},
@@ -275,6 +305,7 @@ std::vector<Event> steps() {
       setting("a deadline and no time-out", Setting::Deadline),
       setting("one retry", Setting::OneRetry),
       setting("init()", Setting::Init),
+      rare(setting("queue on one connection", Setting::QueueOnOneConnection)),
       setting("settings that do not matter", Setting::WhatDoesNotMatter),
       Event{"a pause", Call::Idle},
   };
@@ -310,6 +341,7 @@ struct Model {
   bool deadline = false;
   bool reassembly = false;
   bool batching = false;
+  bool queueBound = false;
   std::size_t connections = 0;
   std::uint64_t tailAt = 0;  // when the end of the last reply comes
 
@@ -355,6 +387,7 @@ class Walker {
   void set(Setting setting, std::size_t client);
   void expectModel(std::size_t client);
   void settle(std::size_t client);
+  std::size_t connectionsMissing();
   std::size_t adoptConnections(Model& model);
 
   bool binary_;
@@ -366,6 +399,8 @@ class Walker {
   std::array<Model, World::kClients> models_{};
   std::uint64_t begun_ = 0;  // the exchange
   bool connectRefused_ = false;
+  bool hadQueue_ = false;
+  bool queueRefused_ = false;
   // Sent by hand, and held back by batching.
   const Question* held_ = nullptr;
 };
@@ -454,8 +489,8 @@ void Walker::stream(std::size_t connection, Question& question, bool late) {
 void Walker::step(const Event& event) {
   const bool usesFresh = event.response == kFresh;
   if (usesFresh) world_.renew(kFresh);
-  const bool asks =
-      event.call == Call::Exchange || event.call == Call::Send || event.call == Call::SendMesg;
+  const bool asks = event.call == Call::Exchange || event.call == Call::Send ||
+                    event.call == Call::SendMesg || event.call == Call::SendBodyChunks;
   if (asks) plans_.push_back(&event);
   act(event);
   if (held_ != nullptr && held_->written) held_ = nullptr;
@@ -474,12 +509,18 @@ void Walker::act(const Event& event) {
     case Call::Send:
     case Call::SendMesg:
       return send(event);
+    case Call::SendBodyChunks:
+      world_.sendBodyChunks(event.client, event.kind, event.bytes);
+      if (model.state != Line::NotConnected) model.state = Line::Broken;
+      return;
     case Call::RecvMesg:
       world_.recvMesg(event.client, event.response);
       return settle(event.client);
     case Call::Pull:
-      world_.pull(event.pull, event.client, event.response);
+      world_.pull(event.pull, event.client, event.response, event.reading);
       return settle(event.client);
+    case Call::Destroy:
+      return world_.destroy(event.response);
     case Call::Close:
       world_.close(event.client);
       model.state = Line::NotConnected;
@@ -506,7 +547,9 @@ void Walker::exchange(const Event& event) {
   if (event.fault == Fault::Connect) network.failNextConnect();
   if (event.fault == Fault::Write) network.failNextWrite(0);
   if (event.fault == Fault::HalfWrite) network.failNextWrite(20);
-  expectExchange(event, world_.exchange(event.client, event.response, kindOf(event), event.asking));
+  hadQueue_ = world_.hasQueue(event.client);
+  expectExchange(event, world_.exchange(event.client, event.response, kindOf(event), event.asking,
+                                        event.reading));
 }
 
 /// One attempt, as the table says it goes. False when it fails.
@@ -524,8 +567,9 @@ bool Walker::attempt(const Event& event, bool first, const char*& error) {
     model.connected();
     return true;
   };
-  if (!connects()) return false;
-  if (held_ != nullptr && event.client == kA) {
+  const bool sendsHeld = held_ != nullptr && event.client == kA;
+  if (sendsHeld && !connects()) return false;
+  if (sendsHeld) {
     if (writes) {
       model.state = Line::Broken;
       error = kSendId;
@@ -534,7 +578,15 @@ bool Walker::attempt(const Event& event, bool first, const char*& error) {
     // The question that was held back goes out by itself, and takes the connection with it.
     held_ = nullptr;
     model.state = Line::Asked;
-    if (!connects()) return false;
+  }
+  // What batching may hold back can be refused before its connection is looked at.
+  const bool mayBeHeld = model.batching && model.persistent && !hasReply(event.kind) &&
+                         model.state != Line::NotConnected && model.state != Line::Broken;
+  const bool unlooked = queueRefused_ && mayBeHeld && connectionsMissing() == 0;
+  if (!unlooked && !connects()) return false;
+  if (queueRefused_) {
+    error = kSendId;
+    return false;
   }
   if (event.kind == kAsynchAddDocument || event.kind == kLastDocSent) return true;
   if (!writes && model.tailAt > begun_ + kLimit) {
@@ -565,11 +617,14 @@ void Walker::expectExchange(const Event& event, const Seen& seen) {
     return;
   }
   const char* error = "";
+  queueRefused_ = seen.refusedWithoutQueue();
   bool ok = attempt(event, true, error);
   const std::string_view id(error);
   const bool repeated = id == kTimeOutId || id == kRecvId || id == kSendId || id == kConnectId;
   const bool limited = event.asking == Asking::Limited;
-  const bool repeats = limited || (model.retries && event.asking == Asking::AsSet);
+  // A queue under way does not leave its connection.
+  const bool bound = (hadQueue_ || world_.hasQueue(event.client)) && needsQueue(kindOf(event));
+  const bool repeats = !bound && (limited || (model.retries && event.asking == Asking::AsSet));
   if (!ok && repeats && repeated) {
     model.state = Line::NotConnected;
     // A deadline that has passed leaves no time for another attempt.
@@ -587,10 +642,15 @@ void Walker::send(const Event& event) {
   settle(event.client);
 }
 
+/// Those that were made and that no model has counted.
+std::size_t Walker::connectionsMissing() {
+  const std::size_t counted = models_[kA].connections + models_[kB].connections;
+  return world_.network().connections() - counted;
+}
+
 /// Whether connections are made for what is only held back is up to the client. How many were.
 std::size_t Walker::adoptConnections(Model& model) {
-  const std::size_t counted = models_[kA].connections + models_[kB].connections;
-  const std::size_t made = world_.network().connections() - counted;
+  const std::size_t made = connectionsMissing();
   for (std::size_t i = 0; i < made; ++i) model.connected();
   return made;
 }
@@ -635,6 +695,9 @@ void Walker::set(Setting setting, std::size_t client) {
     case Setting::Init:
       model.retries = true;
       return world_.init(client);
+    case Setting::QueueOnOneConnection:
+      model.queueBound = true;
+      return world_.setQueueOnOneConnection(client, true);
     default:
       caller.setRetryUnsafe(true);
       caller.setRetryPause(0, 0);
@@ -681,10 +744,11 @@ std::size_t Walker::fingerprint() {
   return all;
 }
 
-/// An exchange of each client, which must get its own reply.
+/// An exchange of each client, which must get its own reply, and an end of the queue.
 void Walker::finish() {
   static const Event last = ::exchange("last exchange", kGetStatus, Peer::Answers);
   static const Event otherLast = byOther(last);
+  static const Event update = ::exchange("last update", kUpdateIndex, Peer::Answers);
   world_.takeAll();
   for (const std::size_t client : {kA, kB}) {
     world_.setTimeOut(client, kPatienceMillis);
@@ -693,6 +757,8 @@ void Walker::finish() {
   }
   step(last);
   if (models_[kB].connections != 0) step(otherLast);
+  // A queue that has lost its connection refuses this one, whatever was answered on another.
+  if (models_[kA].queueBound) step(update);
 }
 
 using Path = std::vector<std::size_t>;
@@ -754,7 +820,7 @@ class Walk {
   }
 
  private:
-  void from() {
+  void from(std::size_t rares = 0) {
     const Walked walked = walk(binary_, path_);
     ++paths_;
     if (!walked.violation.empty()) {
@@ -762,19 +828,36 @@ class Walk {
       const Path shortest = shortened(binary_, path_);
       FAIL() << textOf(binary_, shortest) << "\n  " << walk(binary_, shortest).violation;
     }
-    if (path_.size() == kLength || !goesOn(walked.fingerprint)) return;
+    const std::size_t length = longest(rares);
+    if (endsRarely() || path_.size() == length ||
+        !goesOn(walked.fingerprint, length - path_.size(), rares))
+      return;
     path_.push_back(0);
     for (std::size_t i = 0; i < eventsOf(binary_).size() && !failed_; ++i) {
+      const std::size_t all = rares + (eventsOf(binary_)[i].rare ? 1 : 0);
+      if (path_.size() > longest(all)) continue;
       path_.back() = i;
-      from();
+      from(all);
     }
     path_.pop_back();
   }
 
-  /// The last step is taken once from each state.
-  bool goesOn(std::size_t fingerprint) {
-    if (everything_ || path_.size() + 1 < kLength) return true;
-    return seen_.insert(fingerprint).second;
+  /// After a rare event that is the last but one a path ends.
+  bool endsRarely() const {
+    const bool last = path_.size() + 1 == kLength && eventsOf(binary_)[path_.back()].rare;
+    return last && !everything_;
+  }
+
+  /// How many events a path with so many rare ones has at most.
+  std::size_t longest(std::size_t rares) const {
+    return rares < 2 || everything_ ? kLength : kLength - 1;
+  }
+
+  /// The last step is taken once from each state, and so is each step after a rare event.
+  bool goesOn(std::size_t fingerprint, std::size_t steps, std::size_t rares) {
+    if (everything_) return true;
+    const bool isNew = seen_[steps].insert(fingerprint).second;
+    return isNew || (steps != 1 && rares == 0);
   }
 
   bool binary_;
@@ -782,7 +865,8 @@ class Walk {
   Path path_{};
   bool failed_ = false;
   std::size_t paths_ = 0;
-  std::unordered_set<std::size_t> seen_{};
+  // With so many steps to go.
+  std::array<std::unordered_set<std::size_t>, kLength + 1> seen_{};
 };
 
 TEST(ConnectionStates, EveryPathOverHttpEndsWithAReplyOfItsOwn) { Walk(false).all(); }

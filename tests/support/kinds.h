@@ -63,6 +63,11 @@ constexpr std::array<NamedKind, 22> kNamedKinds{{
 }};
 
 constexpr bool hasReply(int kind) { return kind != kAsynchAddDocument && kind != kLastDocSent; }
+/// It adds to the queue of documents or relies on it.
+constexpr bool needsQueue(int kind) {
+  return kind == kAsynchAddDocument || kind == kLastDocSent || kind == kUpdateIndex ||
+         kind == kParseResult;
+}
 constexpr bool isSearch(int kind) { return kind == kStreamSearch || kind == kScalarSearch; }
 /// Its results may come in several portions.
 constexpr bool isStreaming(int kind) { return isSearch(kind) || kind == kParseResult; }
