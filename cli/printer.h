@@ -28,7 +28,8 @@ class Printer {
   /// One line of results: `line` for a person, `object` as JSON.
   void result(std::string_view line, const nlohmann::ordered_json& object);
 
-  /// For long results: prints only the form in use. The line is printed as it is.
+  /// `result` in two halves: a caller with many results makes only the form that `json()` asks for.
+  /// The line is printed as it is.
   void line(const std::string& line);
   void object(const nlohmann::ordered_json& object);
 

@@ -12,7 +12,7 @@ namespace {
 
 // No trailer line begins with this: the name of a field has no slash.
 constexpr std::string_view kProtocol = "HTTP/";
-// Bounds how long an endless old reply can delay the next request.
+// A peer may never end the old reply; after this many bytes the connection is given up.
 constexpr std::size_t kMaxSkipped = std::size_t{1} << 20;
 
 bool isHexDigit(char c) {

@@ -8,9 +8,9 @@
 
 namespace tq::comm {
 
-/// The UTF-8 forms of the texts that requests and records use all the time. It only grows, for the
-/// life of the process. Looking up takes no lock and may run while another thread adds; adding is
-/// guarded and meant for start-up.
+/// The UTF-8 forms of the texts that requests and records use all the time. Nothing is removed from
+/// it. Looking up takes no lock and may run while another thread adds; adding is guarded and meant
+/// for start-up.
 class ConversionCache {
  public:
   ConversionCache() = delete;

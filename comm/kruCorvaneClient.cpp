@@ -163,7 +163,8 @@ unsigned long CorvaneClient::genericRead(char* buffer, unsigned long offset, uns
 
 bool CorvaneClient::awaitReplyBytes(std::size_t count) {
   while (socket_.buffered() < count) {
-    // While data keeps arriving nothing ever blocks, so the deadline has to be checked here.
+    // A peer that always has a byte ready makes no wait necessary, and only waits look at the
+    // clock.
     if (deadline_.passed()) fail(StaticDefs::ERR_SERVER_COMM_TIMEOUT, atServer());
     try {
       if (!awaitMoreReplyBytes()) return false;

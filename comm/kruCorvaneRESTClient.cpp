@@ -33,7 +33,7 @@ constexpr Raiser fail("kruCorvaneRESTClient");
 // The parser copies what it is offered of a header block, so it is not offered a whole body too.
 constexpr std::size_t kFramingPiece = 256;
 
-// Of a response that no reply has filled.
+// The return code of a response before its reply.
 constexpr int kUnfilled = -1;
 
 constexpr int kOk = 200;
@@ -219,7 +219,7 @@ void CorvaneRESTClient::sendAndRecvMesgOnce(ClientRequest& request, ClientRespon
   exchange.done();
 }
 
-/// A multi-portion reply counts as answered only once it is complete.
+/// Until the last portion is there, a failure leaves the outcome at "may be applied".
 void CorvaneRESTClient::recvRest(ClientResponse& response) {
   const RequestOutcome verdict = outcome_;
   outcome_ = RequestOutcome::MayBeApplied;
@@ -600,8 +600,8 @@ void CorvaneRESTClient::parsePortion(RESTResponse& parser, ClientResponse& respo
     carry_->keepLast(portion, static_cast<std::size_t>(leftover));
     return;
   }
-  // For SELECTIVITY the carried bytes are only the end mark, so nothing was lost. After an exchange
-  // that failed before it had read the first portion something is missing in any case.
+  // What an estimate carries is its end mark: no result is lost with it. After an exchange that
+  // failed before it had read the first portion something is missing in any case.
   truncated_ =
       !firstReplyRead_ || (isSearch(requestKind_) && parser.lastChunkSeen() && !portion.empty());
   carry_->clear();

@@ -45,7 +45,8 @@ constexpr unsigned long kBodyPiece = 10000;
 
 constexpr std::size_t kMaxHeader = 65535;
 
-// The largest possible envelope. If this much is left over, the stream is out of sync.
+// Status, length and the longest payload. Whole envelopes are consumed, so a rest of this size has
+// none at its start.
 constexpr std::size_t kMaxEnvelope = 4 + 65535;
 
 constexpr int kReplyHeader = 2;
@@ -174,8 +175,8 @@ void DrestoPerfClient::exchange(ClientRequest& request, ClientResponse& response
   ExchangeScope exchange(*this);
   requestKind_ = request.getRequest();
   RESTMessage message(host_, request);
-  // Everything that can throw comes before sendMesg: a batched message cannot be withdrawn later,
-  // and its reply would be taken for the next request's.
+  // The parser is made first. Were it to throw after sendMesg had put the message into the batch,
+  // a later write would send the message and its reply would be read as that of another.
   DrestoPerfResponse& parser = parsers_->make(parser_, requestKind_);
   parser.setMaxReplyBytes(maxReplyBytes_);
   sendMesg(message);

@@ -43,17 +43,17 @@ class Line {
     return state_ == State::Clean && tail_.active() ? State::Tail : state_;
   }
 
-  /// Changes with every connection that is made; 0 before the first one.
+  /// No two connections have the same one; 0 before the first.
   std::uint64_t connectionNumber() const noexcept { return number_; }
 
   // What happens to the connection.
   void connected() noexcept;
   void closed() noexcept;
 
-  /// True when the reply to a request that goes out now would be the next thing to arrive. Polls
-  /// without blocking: a closed peer would waste an attempt (or silently lose a request that has no
-  /// reply), and unsolicited bytes would be parsed as the next reply. They can be queued after the
-  /// old reply's tail, so what has arrived of that is discarded first.
+  /// True when the reply to a request that goes out now would be the next thing to arrive. Never
+  /// waits. A peer that has closed would cost an attempt, and a request without a reply would be
+  /// lost with no sign; bytes that answer nothing would be read as this reply. Both can hide after
+  /// the tail of the old reply, which is discarded as far as it has come.
   bool isReusable(tq::oss::Socket& socket);
 
   /// Covers a write. Until `done()` the line counts as broken, however the write ends.

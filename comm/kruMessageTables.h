@@ -16,8 +16,8 @@ namespace tq::comm {
 /// without a lock afterwards, for the life of the process.
 class MessageTables {
  public:
-  /// The filled tables. Reentrant: a call made while they are filled on this thread (from the
-  /// host's trace facility, say) returns the partly filled tables instead of deadlocking.
+  /// The filled tables. Filling calls the host's trace facility, which may come back here on the
+  /// same thread: it then gets the tables as far as they are filled.
   static const MessageTables& ensure();
 
   /// Empty for a kind that has no action.

@@ -263,7 +263,7 @@ int RESTResponse::parseHeaders(const char* buffer, int length) {
   return chunked_ ? gatherChunkLength(rest) : static_cast<int>(rest.size());
 }
 
-/// A NUL byte also ends the block, because the text conversion stops there.
+/// The block is converted up to its first NUL, so it ends there as well.
 std::size_t RESTResponse::headerBlockEnd(std::string_view block, std::size_t searched) {
   constexpr std::string_view kBlankLine = "\r\n\r\n";
   // The blank line may have begun in the bytes that were searched before.

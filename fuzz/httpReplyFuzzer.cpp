@@ -31,8 +31,7 @@ constexpr std::array kKinds{8, 20, 11, 14, 15, 22, 6, 4, 9, 0, 64, -1};
 constexpr std::array<std::size_t, 4> kLimits{std::size_t{1} << 30, 4096, 64, 0};
 constexpr MemoryBounds kMemory{8192, 8, 65536, 64};
 
-/// A reply on its way to a parser, read as a client reads it: what is there of a header block or of
-/// a size line, and bodies whole.
+/// Hands a reply to a parser as a client does: bodies whole, headers and size lines as they come.
 class Feed {
  public:
   Feed(std::string_view reply, Cutter cutter, ClientResponse& response)

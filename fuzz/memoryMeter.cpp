@@ -64,7 +64,7 @@ void requireWithin(const MemoryMeter& meter, const MemoryBounds& bounds, std::si
   std::fprintf(stderr,
                "%zu bytes were sent; largest allocation %zu of %zu granted, peak %zu of %zu\n",
                bytes, meter.largest(), largest, meter.peak(), peak);
-  fail("memory grows with the bytes that arrive and with nothing else");
+  fail("memory beyond what the received bytes account for");
 }
 
 }  // namespace tq::fuzz

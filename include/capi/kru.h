@@ -15,7 +15,7 @@
    sent. Keys and contents of documents are any bytes. What is handed in is read during the call and
    not kept.
 
-   Threads. A client and its cursors serve one thread at a time; different clients need no locking.
+   Threads. Calls on a client and its cursors must not overlap; different clients are independent.
    A call that meets another one under way on its client, in another thread or because a wait hook
    makes it, is KRU_MISUSE and does nothing. A forked child that uses its copy of a client gets a
    connection of its own, its copies of cursors end as if their connection had broken, and what
@@ -132,8 +132,8 @@ enum {
                          larger writes. One that is held back is KRU_OK and KRU_NOT_SENT; it goes
                          out with kru_end_queue or a request of another kind at the latest. First
                          0 */
-  KRU_QUEUE_ON_ONE_CONNECTION = 9, /* 1: queued documents fail once the connection of the first of
-                                      them is gone; set it again to begin a new queue. First 0 */
+  KRU_QUEUE_ON_ONE_CONNECTION = 9, /* 1: a queue that loses its connection fails; set it again to
+                                      begin a new queue. First 0 */
   KRU_MAX_REPLY_BYTES = 10         /* what a reply may announce at most. First 2^30 */
 };
 KRU_API int32_t kru_client_set(kru_client* client, int32_t setting, uint32_t value,
@@ -167,7 +167,7 @@ enum { KRU_WAIT_READY = 0, KRU_WAIT_TIMED_OUT = 1, KRU_WAIT_GIVE_UP = 2 };
    it must not read from the descriptor nor close it. */
 typedef int32_t (*kru_wait_hook)(void* host, int32_t fd, int32_t events, int32_t time_out);
 
-/* With a hook every wait of the client goes through it: connecting, writing, reading, pauses.
+/* With a hook the client waits in no other way: to connect, write or read, and in pauses.
    `host` is handed to it and must live as long as the hook is set. Null, as at first: the library
    waits. */
 KRU_API int32_t kru_client_set_wait_hook(kru_client* client, kru_wait_hook hook, void* host,

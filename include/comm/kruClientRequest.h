@@ -15,7 +15,7 @@ struct KeptHeader;
 
 /// What a caller wants of the search server: a kind, named parameters and, for some kinds, a
 /// document. Build it once with `buildRequest`, optionally add `setDocKey` and `setContent`, then
-/// hand it to a client. One object serves one thread at a time; different objects need no locking.
+/// hand it to a client. Calls on one object must not overlap; different objects are independent.
 ///
 /// Texts and metadata are copied. The document's key and content are not: keep these bytes until
 /// the request has been sent.
@@ -60,8 +60,8 @@ class KRU_EXPORT ClientRequest {
   void buildRequest(REQUEST kind, const tq::util::ExtendedProperties& props);
 
   /// A request to one collection: as above, and puts "index" = the collection id and, for the three
-  /// kinds of search, their "mode". Texts are not checked: one with CR, LF or NUL would write a
-  /// header line of its own, so refuse such a text when it comes from a person.
+  /// kinds of search, their "mode". Texts are not checked: a CR, LF or NUL begins another header
+  /// line, so refuse a person's text that has one.
   void buildRequest(const icu::UnicodeString& collectionId, REQUEST kind,
                     const tq::util::ExtendedProperties& props);
 

@@ -18,11 +18,11 @@ class ParseFiller;
 
 /// What one request brought: the outcome, the server's status, and the typed results. A client's
 /// exchange fills it; for kinds whose results stream, the two pulling operations fetch the further
-/// portions over the same client. One object serves one request and one thread at a time; different
-/// objects need no locking.
+/// portions over the same client. One object holds the reply to one request, and calls on it must
+/// not overlap; different objects are independent.
 class KRU_EXPORT ClientResponse {
  public:
-  /// Empty, with return code -1: a response that no reply has filled is not a success.
+  /// Empty. The return code is -1, so that it does not read as a success before a reply has come.
   ClientResponse();
   ClientResponse(const icu::UnicodeString& text, int code);
 
@@ -59,8 +59,8 @@ class KRU_EXPORT ClientResponse {
   /// For a client that starts receiving.
   void resetResultCount() { resultCount_ = 0; }
 
-  /// When set, the next pulling operation returns what is held without receiving. Every getter of
-  /// the search or parse results clears it, these two included.
+  /// When set, the next pulling operation receives nothing and returns what is held. It is cleared
+  /// by whatever returns search or parse results, the next two included.
   void setResultsBuffered(bool buffered) { resultsBuffered_ = buffered; }
   SearchResponse& getSearchResponse();
   ParseResponse& getParseResponse();
@@ -79,9 +79,9 @@ class KRU_EXPORT ClientResponse {
   /// The search results after receiving over `client`, unless they are marked as buffered.
   /// Not `streaming`: exactly one receive, which replaces the portion held. `streaming`: receives
   /// while no hit is left to take and the stream has not ended, which is tested before the first
-  /// receive; a list whose hits have all been taken is emptied before the next portion. Throws
-  /// RESTException: what the client's `recv` throws, or ERR_INVALID_STATE when the client speaks no
-  /// protocol or another exchange has filled this response.
+  /// receive; hits that were taken are dropped before the next portion comes. Throws RESTException:
+  /// what the client's `recv` throws, or ERR_INVALID_STATE when the client speaks no protocol or
+  /// another exchange has filled this response.
   SearchResponse& getSearchResponse(CorvaneClient& client, bool streaming);
   /// The same for parse results, always in the streaming form.
   ParseResponse& getParseResponse(CorvaneClient& client);

@@ -24,7 +24,7 @@ class Raiser;
 
 /// The one TCP connection between a caller and a search server: its address, its time-out and
 /// whether it is kept from one exchange to the next. Base of the protocol clients.
-/// One object serves one thread at a time; different objects need no locking. A forked child that
+/// Calls on one object must not overlap; different objects are independent. A forked child that
 /// goes on with its copy gets a connection of its own from its first exchange, and the stream that
 /// its parent has open ends there; writing and reading by hand would disturb the parent.
 ///
@@ -62,13 +62,14 @@ class KRU_EXPORT CorvaneClient {
   /// matters.
   void setDeadline(unsigned int milliseconds);
 
-  /// With a hook every wait of this client goes through it, with or without a limit: connecting,
-  /// writing, reading and the pauses between attempts. A hook that gives up ends the operation with
-  /// ERR_CLIENT_CANCELLED; nothing is retried, the connection is closed, and the request's outcome
-  /// is that of a time-out. `host` is handed to the hook as it is and must live as long as the hook
-  /// is set. Null, the default: the library waits by itself. See infra/oss/kruWaitHook.h for what a
-  /// hook may do. A look-up of the host name does not go through it. From `dataToRead` and the
-  /// reads by hand tq::oss::SocketCancelledException passes instead, and the connection stays.
+  /// With a hook this client waits in no other way, with or without a limit: not to connect, write
+  /// or read, nor between attempts. A hook that gives up ends the operation with
+  /// ERR_CLIENT_CANCELLED, without another attempt; the connection is closed, and the outcome is
+  /// the same as if the time had run out. `host` is handed to the hook as it is and must live as
+  /// long as the hook is set. Null, the default: the library waits by itself. See
+  /// infra/oss/kruWaitHook.h for what a hook may do. A look-up of the host name does not go through
+  /// it. From `dataToRead` and the reads by hand tq::oss::SocketCancelledException passes instead,
+  /// and the connection stays.
   void setWaitHook(tq::oss::WaitHook hook, void* host);
 
   /// Keep the connection from one exchange to the next. Default: what the constructor was told.
@@ -79,7 +80,7 @@ class KRU_EXPORT CorvaneClient {
 
   /// The most bytes that a reply may announce for a chunk, a record, an error text or a whole body
   /// before it is refused with ERR_CLIENT_RESP_PARSING. Default 1 GiB; values above 2^31 - 1 count
-  /// as that. Memory grows with the bytes that arrive, never with the bytes that are announced.
+  /// as that. What is only announced takes no memory.
   void setMaxReplyBytes(std::size_t bytes);
 
   bool isConnected() const;
@@ -106,10 +107,11 @@ class KRU_EXPORT CorvaneClient {
   /// A broken connection is a tq::oss::SocketException.
   unsigned long read(char* buffer, unsigned long offset, unsigned long length, bool wait);
 
-  /// Waits for at least one byte and takes up to `length`; 0 means that the peer has closed.
-  /// `wait` is ignored: the time-out never applies here. Throws tq::oss::SocketException. Bytes
-  /// that a caller takes are missing from the reply that they belong to: an open stream ends, and
-  /// the next exchange takes a fresh connection. The same holds for `read` and `genericRead`.
+  /// Takes what has arrived, at most `length` bytes, and waits if that is nothing; 0 means that the
+  /// peer has closed. `wait` is ignored: the time-out never applies here. Throws
+  /// tq::oss::SocketException. Bytes that a caller takes are missing from the reply that they
+  /// belong to: an open stream ends, and the next exchange takes a fresh connection. The same holds
+  /// for `read` and `genericRead`.
   unsigned long readOnce(char* buffer, unsigned long offset, unsigned long length, bool wait);
 
   /// Waits until there is something to read. True at once when `wait` is false or no time-out is

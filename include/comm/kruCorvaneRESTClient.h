@@ -42,7 +42,7 @@ struct OperationLimits {
 
 /// The client of the HTTP-style protocol: sends one request, reads its reply, repeats the exchange
 /// when the communication failed, and hands out long replies portion by portion.
-/// One object serves one thread at a time; different objects need no locking.
+/// Calls on one object must not overlap; different objects are independent.
 ///
 /// A failure is a RESTException whose first message has one of these ids and, where an id has
 /// several causes, a text that tells them apart. The retry loop repeats on a fresh connection, up
@@ -138,8 +138,7 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   ///
   /// A response belongs to the exchange that filled it. Given one that an earlier exchange of this
   /// client or any exchange of another client has filled, this and all other operations that read a
-  /// stream on throw ERR_INVALID_STATE and change nothing. A response that no exchange has filled
-  /// takes what is received.
+  /// stream on throw ERR_INVALID_STATE and change nothing. A new response can be given at any time.
   virtual void recv(ClientResponse& response);
 
   // The steps of an exchange, for clients of other protocols to replace.
@@ -155,7 +154,7 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   /// ERR_INVALID_STATE when no such reply is the next to arrive: nothing or more than one thing was
   /// asked, or a stream is still open.
   virtual void recvMesg(ClientResponse& response);
-  /// Reads the next portion of a streaming reply.
+  /// Reads one further portion of a reply that streams.
   virtual void recvStream(ClientResponse& response);
 
   /// Pulls portions until the end of the stream. All of them together may hold no more bytes than
@@ -165,12 +164,12 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   /// True for the four ids of a failed communication, which the retry loop repeats.
   static bool isCommnError(icu::UnicodeString& messageId);
 
-  /// True when the current reply has been delivered completely.
+  /// True when nothing of the present reply is left to receive.
   bool isEndOfStream();
   bool isEndOfStream() const;
 
-  /// True when the last reply ended by a partial record, a short portion or a close before the
-  /// server's end mark: what was delivered is right, but not everything.
+  /// True when the last reply stopped before the server had ended it, or in the middle of a record:
+  /// what was delivered is right, but not everything.
   bool isTruncated() const;
 
  protected:

@@ -12,8 +12,8 @@ class Batch;
 class DrestoPerfResponse;
 
 /// The client of the binary protocol, used like the HTTP client: same requests, same responses,
-/// same retries, same errors. Its connection is persistent. One object serves one thread at a time;
-/// different objects need no locking.
+/// same retries, same errors. Its connection is persistent. Calls on one object must not overlap;
+/// different objects are independent.
 ///
 /// On the wire a request is a 2-byte big-endian length, that many bytes of header text, and then
 /// what RESTMessage lists. A small one leaves in one write. Of a body above 10000 bytes only the
@@ -37,9 +37,10 @@ class KRU_EXPORT DrestoPerfClient : public CorvaneRESTClient {
   /// Closes the connection; does not send what is held back.
   ~DrestoPerfClient() override;
 
-  /// Off (the default): a first portion that holds neither a whole record nor the end mark fails
-  /// with ERR_CLIENT_RESP_PARSING, and one that breaks off with ERR_SERVER_PROTOCOL. On: it is read
-  /// on, however it is cut, and a reply that the server breaks off raises ERR_SERVER_COMM_RECV.
+  /// Off (the default): the first portion must bring a whole record or the end mark. If it is cut
+  /// before that, the exchange fails with ERR_CLIENT_RESP_PARSING; if the connection ends before
+  /// that, with ERR_SERVER_PROTOCOL. On: it may be cut anywhere, and a reply whose connection ends
+  /// too early is ERR_SERVER_COMM_RECV.
   void setReassembly(bool on);
 
   void sendAndRecvMesgOnce(ClientRequest& request, ClientResponse& response) override;
@@ -58,8 +59,8 @@ class KRU_EXPORT DrestoPerfClient : public CorvaneRESTClient {
   /// stream that lost its connection is ERR_SERVER_PROTOCOL, with reassembly ERR_SERVER_COMM_RECV.
   void recvStream(ClientResponse& response) override;
 
-  /// The next portion of a streaming reply. Throws ERR_INVALID_STATE before the first exchange, and
-  /// after a failed one until another succeeds.
+  /// One further portion of a reply that streams. Throws ERR_INVALID_STATE before the first
+  /// exchange, and after a failed one until another succeeds.
   void recv(ClientResponse& response) override;
 
  private:

@@ -19,7 +19,7 @@ class HitFiller;
 struct KVPair;
 
 /// The base of every result: the codec of the server's records, with the set of properties that a
-/// parsed record fills. One object serves one thread at a time; different objects need no locking.
+/// parsed record fills. Calls on one object must not overlap; different objects are independent.
 ///
 /// Integers are big-endian. Texts are UTF-8 and end where their length says, or at a NUL before
 /// that. A field is
@@ -46,8 +46,8 @@ class KRU_EXPORT GenRespRecord {
   virtual void reset() = 0;
   virtual ~GenRespRecord();
 
-  /// Parses one 32-bit-form record into the property set and calls `reset()`; returns the bytes
-  /// consumed. A record without a property set gets one.
+  /// Parses one record with 4-byte lengths into the property set, which is made if there is none,
+  /// and calls `reset()`. Returns the bytes consumed.
   int parseRecord(const char* buf, unsigned int len);
   /// The same into `props`, without `reset()`.
   int parseRecordIntoProps(const char* buf, unsigned int len, tq::util::ExtendedProperties* props);

@@ -7,7 +7,7 @@
 
 namespace tq::comm {
 
-/// One metadata pair of a document. A plain value; different objects need no locking. A key or
+/// One metadata pair of a document. A plain value; different objects are independent. A key or
 /// value for which ICU got no memory (a bogus text, which reads as empty) throws
 /// tq::oss::NLSException "TQ_ERR_OUT_OF_MEMORY": here, when a request takes the pair, and when it
 /// is encoded.

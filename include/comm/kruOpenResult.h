@@ -6,8 +6,8 @@
 
 namespace tq::comm {
 
-/// Where an opened collection is served: a port. One object serves one thread at a time;
-/// different objects need no locking.
+/// Where an opened collection is served: a port. Calls on one object must not overlap; different
+/// objects are independent.
 class KRU_EXPORT OpenResult : public GenRespRecord {
  public:
   explicit OpenResult(bool withProperties);

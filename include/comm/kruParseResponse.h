@@ -12,8 +12,8 @@ class ParseFiller;
 template <typename Result>
 class ResultList;
 
-/// Parse results in arrival order, with the cursor and count of SearchResponse. One object serves
-/// one thread at a time; different objects need no locking.
+/// Parse results in arrival order, with the cursor and count of SearchResponse. Calls on one object
+/// must not overlap; different objects are independent.
 class KRU_EXPORT ParseResponse {
  public:
   ParseResponse();
@@ -25,8 +25,8 @@ class KRU_EXPORT ParseResponse {
 
   /// Empties the list; nothing is left to take.
   void init();
-  /// Appends a copy. Adding to a fully consumed list moves the cursor back to the first result:
-  /// call `init()` first.
+  /// Appends a copy. When everything has been taken, the list begins anew: call `init()` before
+  /// adding to it.
   void addResult(const ParseResult& result);
 
   /// True while a result is left to take.

@@ -12,9 +12,9 @@ namespace tq::comm {
 class ParseFiller;
 struct ParseRow;
 
-/// What became of one queued document: which one, and the server's message if there is one. One
-/// object serves one thread at a time; different objects need no locking. One object may parse
-/// record after record: nothing of a record reaches the next.
+/// What became of one queued document: which one, and the server's message if there is one. Calls
+/// on one object must not overlap; different objects are independent. One object may parse record
+/// after record: nothing of a record reaches the next.
 class KRU_EXPORT ParseResult : public GenRespRecord {
  public:
   explicit ParseResult(bool withProperties);

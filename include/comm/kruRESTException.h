@@ -9,8 +9,8 @@ namespace tq::comm {
 /// an ERR_ constant of StaticDefs, or the server's own id when the server sent an error record.
 ///
 /// `name()` and `what()` both give "oss::BaseException". Copies share nothing, so an exception may
-/// outlive and be changed apart from the one it was copied from. One object serves one thread at a
-/// time; different objects need no locking.
+/// outlive and be changed apart from the one it was copied from. Calls on one object must not
+/// overlap; different objects are independent.
 class KRU_EXPORT RESTException : public tq::oss::BaseException, public GenRespRecord {
  public:
   /// An empty message list, no property set.

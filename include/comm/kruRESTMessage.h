@@ -13,15 +13,16 @@
 namespace tq::comm {
 
 /// The bytes of one request. A client sends the header text first. LAST_DOC_SENT is followed by the
-/// terminate record; any other kind by prefix and content, unless there is no prefix. One object
-/// serves one thread at a time; different objects need no locking, from the first one on.
+/// terminate record; any other kind by prefix and content, unless there is no prefix. Calls on one
+/// object must not overlap; different objects are independent, and the first of the process may be
+/// made on several threads at once.
 ///
 /// A message has its own copy of the properties, and refers to the caller's content, which must
 /// live until it is sent.
 ///
-/// Header text: a line "name: value" per property, ended by LF, in the code-unit order of the
-/// names; the block ends with CR LF. Texts are written unescaped. The line of "authToken" is named
-/// "Authorization" and stays where "authToken" stands in the order.
+/// Header text: a line "name: value" per property, ended by LF, sorted by the UTF-16 code units of
+/// the names; the block ends with CR LF. Texts are written unescaped. The line of "authToken" is
+/// named "Authorization" and stays where "authToken" stands in the order.
 ///
 /// Document block (integers are 32-bit, big-endian; "masked" clears the two highest bits):
 ///   0, T = bytes that follow T (content included, not masked), the metadata pairs in list order,

@@ -24,9 +24,8 @@ class Reader;
 /// RESTException. It keeps no pointer into what it was fed. One object serves one thread.
 ///
 /// A reply is a status line, header lines ended by CR LF, a blank line, and a body of as many bytes
-/// as "Content-Length" announces or in chunks. A first body begins with 4 bytes that are not
-/// interpreted; then come records, each a 4-byte big-endian length and that many bytes; length 0
-/// ends them.
+/// as "Content-Length" announces or in chunks. The first 4 bytes of a first body mean nothing;
+/// records follow, each with its length in front (4 bytes, big-endian), up to a length of 0.
 class KRU_EXPORT RESTResponse {
  public:
   /// `streaming`: the parser continues a chunked reply. It begins at a chunk-size line and takes
@@ -47,9 +46,9 @@ class KRU_EXPORT RESTResponse {
   /// to 256 of a header block, up to 16 of a chunk-size line, exactly the length of a body.
   bool parseDone(int& need);
 
-  /// True while a body is awaited. `parseMesg` must then be given the whole body: the bytes left
-  /// over by the previous call followed by the number `parseDone` asked for. In other states any
-  /// number of bytes may be passed.
+  /// True while a body is awaited. `parseMesg` then needs all of it at once: first what the
+  /// previous call left unconsumed, then as many bytes as `parseDone` wants. At other times it
+  /// takes whatever is there.
   bool wantsWholeBody() const { return state_ == kBody; }
 
   /// Advances over `buffer` and returns how many of its last bytes were not consumed. A length
@@ -137,10 +136,10 @@ class KRU_EXPORT RESTResponse {
   void walkRecords(bytes::Reader& body, bool& done, const Raiser& raiser, Take take);
   [[noreturn]] void raiseServerError(const char* buffer, int length);
 
-  // The beginning of a header block or a chunk-size line whose end has not arrived yet.
+  // Headers or a chunk-size line, as far as they have arrived, until they are complete.
   std::string pending_;
-  // All bytes taken before the body. Interim and empty blocks count as well; otherwise a server
-  // could send them for ever.
+  // All bytes taken before the body. Those of interim and empty blocks too: a server may send such
+  // blocks without end.
   std::size_t headerBytes_ = 0;
   // The length of the chunks of a first body that were too short to decode. The caller still holds
   // them and passes them again, followed by the next chunk.

@@ -13,8 +13,8 @@ template <typename Result>
 class ResultList;
 
 /// The hits of one portion of a reply, in arrival order, with a cursor for walking them and the
-/// count of those not yet taken. One object serves one thread at a time; different objects need no
-/// locking.
+/// count of those not yet taken. Calls on one object must not overlap; different objects are
+/// independent.
 ///
 ///   while (response.hasMore()) use(response.getNext());
 class KRU_EXPORT SearchResponse {
@@ -28,8 +28,8 @@ class KRU_EXPORT SearchResponse {
 
   /// Empties the list; nothing is left to take.
   void init();
-  /// Appends a copy. Adding to a fully consumed list moves the cursor back to the first hit, so old
-  /// hits are returned again: call `init()` first.
+  /// Appends a copy. When everything has been taken, the list begins anew, with the hits that were
+  /// taken: call `init()` before adding to it.
   void addResult(const SearchResult& result);
 
   /// True while a hit is left to take.

@@ -10,8 +10,8 @@ namespace tq::comm {
 
 class HitFiller;
 
-/// One hit of a search: a document and its score. One object serves one thread at a time; different
-/// objects need no locking, copies of each other included.
+/// One hit of a search: a document and its score. Calls on one object must not overlap; different
+/// objects, copies included, are independent.
 ///
 /// Key bytes that a result made itself are shared by its copies, so a copy's key stays readable
 /// whatever becomes of the original. What `getKey()` returned stays readable until this result is
@@ -26,9 +26,9 @@ class KRU_EXPORT SearchResult : public GenRespRecord {
   ~SearchResult() override;
 
   /// Parses a compact hit: for record type 5 a 2-byte score (thousandths, so 0.000 to 65.535), then
-  /// the raw key up to `len`. Any other type has no score and leaves the score as it was. A hit too
-  /// short for its score has an empty key. `buf` may be this result's own key. Returns 0, not the
-  /// bytes consumed; `reset()` is not called.
+  /// the raw key up to `len`. Any other type has no score and leaves the score as it was. If it
+  /// ends within the score, the key is empty. `buf` may be this result's own key. Returns 0, not
+  /// the bytes consumed; `reset()` is not called.
   int parseRecordNew(const char* buf, unsigned short len, unsigned short recordType) override;
 
   /// Takes the hit from the properties: document id = "URI" (required, tq::oss::NLSException when

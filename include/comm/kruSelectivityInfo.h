@@ -7,8 +7,8 @@
 namespace tq::comm {
 
 /// A selectivity estimate: three numbers whose meaning server and caller agree on. 1, 1 and 100
-/// until a compact record sets them; over the HTTP protocol they always stay so. One object serves
-/// one thread at a time; different objects need no locking.
+/// until a compact record sets them; over the HTTP protocol they always stay so. Calls on one
+/// object must not overlap; different objects are independent.
 class KRU_EXPORT SelectivityInfo : public GenRespRecord {
  public:
   explicit SelectivityInfo(bool withProperties);

@@ -152,8 +152,8 @@ unsigned long Connection::receiveMore(bool wait) {
   return fresh;
 }
 
-// Only called with an empty buffer. Large reads go straight to the caller; so do all reads when no
-// buffer can be allocated.
+// The buffer must be empty. A read of a slice or more would only be copied twice; without memory
+// for the buffer smaller ones go past it as well.
 unsigned long Connection::fetch(char* out, unsigned long length, bool wait) {
   if (length >= ReceiveBuffer::kSlice || !received_.makeRoom(length)) {
     return receive(out, length, wait);

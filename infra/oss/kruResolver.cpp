@@ -44,7 +44,7 @@ int query(const icu::UnicodeString& host, unsigned int port, int flags, Result& 
   throw SocketException(what, code, Converter::fromUTF8(text, std::strlen(text)));
 }
 
-// getaddrinfo would cut the name at the NUL, or take an empty name for localhost.
+// To getaddrinfo a NUL ends the name, and an empty name is this machine.
 bool isName(const icu::UnicodeString& host) {
   return !host.isEmpty() && !host.isBogus() && host.indexOf(u'\0') < 0;
 }

@@ -8,8 +8,8 @@
 
 namespace corvaned {
 
-/// Turns one reply into bytes, one portion at a time, so that a slow client does not make the
-/// server buffer a long result.
+/// Turns one reply into bytes. The next portion is made when the client has taken the last, so a
+/// long result does not pile up in memory.
 class ReplyEncoder {
  public:
   virtual ~ReplyEncoder() = default;

@@ -85,9 +85,9 @@ struct JournalExtent {
 ///
 /// Changes are numbered without gaps, and a mark (journalMark.h) says which numbers must be there.
 /// Opening the journal drops what cannot be read at its end and was, as far as anything on disk
-/// tells, never acknowledged: it was being written when the server stopped. Everything else that is
-/// not as it should be means that the disk has damaged or lost something. Opening then throws,
-/// naming the file and the byte, and leaves the files as they are.
+/// tells, never acknowledged: the server stopped in the middle of it. Everything else that is not
+/// as it should be means that the disk has damaged or lost something. Opening then throws, naming
+/// the file and the byte, and leaves the files as they are.
 ///
 /// All operations may be called from any thread. Errors are ServerError(StorageFailed).
 class Journal {

@@ -27,8 +27,8 @@ struct JournalFault {
 
 struct ScannedSegment {
   std::uint64_t number = 0;
-  /// Where its last change ends. After it there is nothing, or a change that was being written when
-  /// the server stopped and was never acknowledged.
+  /// Where its last change ends. What follows it, if anything, is an unfinished change that no
+  /// client was told of.
   std::uint64_t bytes = 0;
   /// Of its last change; 0 if it has none with a number.
   std::uint64_t lastSequence = 0;

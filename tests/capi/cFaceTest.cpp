@@ -432,7 +432,7 @@ TEST_P(CFace, HandsOutHitAfterHit) {
   EXPECT_EQ(kru_cursor_next(cursor, nullptr, &error), KRU_MISUSE);
   kru_cursor_close(cursor);
   EXPECT_EQ(status(), KRU_OK);
-  EXPECT_EQ(network.connections(), 1U) << "a reply that was read to its end keeps its connection";
+  EXPECT_EQ(network.connections(), 1U) << "after a whole reply the connection is kept";
   const std::string& sent = network.connection(0).requests.front();
   EXPECT_NE(sent.find(": 2"), std::string::npos);
   EXPECT_NE(sent.find(": 10"), std::string::npos);

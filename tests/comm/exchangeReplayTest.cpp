@@ -181,7 +181,7 @@ void replay(const Form& form, const Way& way, ScriptedNetwork::Arrival arrival, 
   if (way.connection == Connection::Fresh) {
     EXPECT_EQ(network.connections(), 2U);
   } else if (way.behind == Behind::Nothing && form.keepsConnection && expected == form.expected) {
-    EXPECT_EQ(network.connections(), 1U) << "a reply read to its end keeps its connection";
+    EXPECT_EQ(network.connections(), 1U) << "after a whole reply the connection is kept";
   }
 }
 

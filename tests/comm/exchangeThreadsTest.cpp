@@ -1,4 +1,4 @@
-// Any number of clients side by side, from the first call of the process on.
+// Clients on several threads, from the first call of the process on.
 
 #include <gtest/gtest.h>
 #include <pthread.h>

@@ -293,7 +293,7 @@ TEST_P(Library, RefusesAKeyWithoutMetadataBeforeAnythingIsSent) {
 }
 
 TEST_P(Library, RefusesADamagedDocumentBlock) {
-  // The second attribute is announced by no bit, so this server takes it for a length.
+  // Nothing tells the server that a second attribute follows, so it takes it for a length.
   const Answer answer = sendDocument(ClientRequest::ADD_DOCUMENT, "k1", "x",
                                      {tq::comm::KVPair(u"a", u"b", 0, 0x01000000)});
   expectRefused(answer, "ZVK0012E", "document block cannot be read");

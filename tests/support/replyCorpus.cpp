@@ -257,8 +257,7 @@ bool chunksKeepRecordsWhole(const Reply& reply, std::size_t size) {
 }
 
 Outcome expectedInChunks(const Reply& reply, std::size_t size) {
-  // What is too short to hold a record's start is joined first: a reply of eight bytes, the end
-  // mark alone, survives any cut.
+  // A reply of eight bytes is the end mark alone, which is joined however it is cut.
   const bool nothingToCut = reply.body.size() <= 8;
   if (!reply.recordsMustBeWhole || reply.status != 200 || nothingToCut ||
       chunksKeepRecordsWhole(reply, size)) {

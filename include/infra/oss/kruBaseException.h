@@ -8,8 +8,8 @@
 namespace tq::oss {
 
 /// The root of every exception that the libraries throw: a list of messages, the most important one
-/// first. Thrown by value, caught by reference; a copy shares nothing with its original. One object
-/// serves one thread at a time; different objects, copies included, need no locking.
+/// first. Thrown by value, caught by reference; a copy shares nothing with its original. Calls on
+/// one object must not overlap; different objects, copies included, are independent.
 class KRU_EXPORT BaseException : public std::exception {
  public:
   BaseException();

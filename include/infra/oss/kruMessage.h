@@ -12,7 +12,7 @@ namespace tq::oss {
 
 /// One diagnostic: an id that programs compare, a text that people read, arguments that name what
 /// it is about, a level, and the place in the source that raised it. A value: copies share nothing,
-/// and everything handed in is copied. One object serves one thread at a time.
+/// and everything handed in is copied. Calls on one object must not overlap.
 ///
 /// A text or argument that ICU got no memory for is kept and reads as empty, because the message
 /// still tells by its id and level what happened.

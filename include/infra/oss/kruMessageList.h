@@ -9,7 +9,7 @@
 namespace tq::oss {
 
 /// Messages in the order in which they were added, the most important one first. A value: copies
-/// share nothing. One object serves one thread at a time.
+/// share nothing. Calls on one object must not overlap.
 class KRU_EXPORT MessageList {
  public:
   using const_iterator = std::vector<Message>::const_iterator;

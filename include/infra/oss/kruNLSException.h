@@ -5,8 +5,8 @@
 
 namespace tq::oss {
 
-/// A text could not be converted, or a property that must be there is missing or malformed. One
-/// object serves one thread at a time; different objects need no locking.
+/// A text could not be converted, or a property that must be there is missing or malformed. Calls
+/// on one object must not overlap; different objects are independent.
 class KRU_EXPORT NLSException : public BaseException {
  public:
   NLSException();

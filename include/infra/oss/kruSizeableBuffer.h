@@ -10,7 +10,7 @@ namespace tq::oss {
 
 /// Room for bytes (or other trivial elements): N of them inside the object, more on the heap when
 /// asked for. The elements are not initialised. Nothing here throws: a buffer that cannot be had
-/// says so in its result. Cannot be copied. One object serves one thread at a time.
+/// says so in its result. Cannot be copied. Calls on one object must not overlap.
 template <typename T, std::size_t N>
 class SizeableBuffer {
   static_assert(std::is_trivial_v<T>, "elements are moved as bytes and never constructed");

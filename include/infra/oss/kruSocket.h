@@ -15,20 +15,20 @@ namespace tq::oss {
 
 class Connection;
 
-/// A TCP connection to a server, with a receive buffer in user space, so that reading in small
-/// portions does not cost a system call each.
+/// A TCP connection to a server, with a receive buffer in user space, so that most small reads need
+/// no system call.
 ///
-/// Copies share one connection and its buffer; the last one closes it. One connection serves one
-/// thread at a time; different connections need no locking.
+/// A copy stands for the same connection and buffer; the connection closes with the last of them.
+/// Calls on one connection must not overlap; different connections are independent.
 ///
 /// ALL TIME-OUTS ARE IN MILLISECONDS.
 ///
-/// Failures are thrown as `SocketException`, with the system's error text and number; the end of a
-/// permitted wait as `SocketTimeoutException`, one that the wait hook gave up as
-/// `SocketCancelledException`. No call raises SIGPIPE or fails because a signal
-/// arrived; descriptors are not inherited by programs that the process starts. A thread may be
-/// cancelled (`pthread_cancel`, deferred) while it waits in a socket: the stack unwinds and the
-/// connection is closed, because bytes of it may be lost.
+/// Failures are thrown as `SocketException`, which says what the system said and its errno; the end
+/// of a permitted wait as `SocketTimeoutException`, one that the wait hook gave up as
+/// `SocketCancelledException`. No call raises SIGPIPE or fails because a signal arrived;
+/// descriptors are not inherited by programs that the process starts. A thread may be cancelled
+/// (`pthread_cancel`, deferred) while it waits in a socket: the stack unwinds and the connection is
+/// closed, because bytes of it may be lost.
 class KRU_EXPORT Socket {
  public:
   /// Addresses that were resolved beforehand: a plain value of fixed size.
@@ -80,14 +80,14 @@ class KRU_EXPORT Socket {
   void connect(const icu::UnicodeString& host, unsigned int port,
                const _AddrInfoExternal& addresses, const unsigned long* timeoutMillis);
 
-  /// Waits until `length` bytes have arrived or the peer has closed or reset, copies them to
-  /// `buffer + offset` and LEAVES them in the socket: the next read sees them again. Returns how
-  /// many; fewer than `length` only at the connection's end, 0 only when the peer has closed and
-  /// nothing is left. A reset is thrown once nothing is left. A length of 0 returns 0 at once.
+  /// Copies the next `length` bytes to `buffer + offset`, waiting for them, and LEAVES them in the
+  /// socket: the next read sees them again. Returns how many; fewer than `length` mean that the
+  /// connection has ended, 0 that it was closed with nothing left. A reset is thrown once nothing
+  /// is left. With a length of 0 it does not wait.
   unsigned long read(char* buffer, unsigned long offset, unsigned long length);
 
-  /// Waits for at least one byte and TAKES up to `length`; otherwise like `read`. If the buffer
-  /// holds less than `length`, it is topped up with one non-blocking receive.
+  /// TAKES what has arrived, at most `length` bytes, and waits if that is nothing; otherwise like
+  /// `read`. A shorter buffer is first filled up with what can be received without waiting.
   unsigned long readOnce(char* buffer, unsigned long offset, unsigned long length);
 
   /// What is buffered, without a system call; empty when nothing is. Valid until the next operation
@@ -102,7 +102,7 @@ class KRU_EXPORT Socket {
   /// The same without waiting: 0 as well when nothing more has arrived or the peer has reset.
   unsigned long fillAtOnce();
 
-  /// Returns when every byte is with the kernel.
+  /// Returns when the kernel has taken all of it, or throws.
   void write(const char* data, unsigned long offset, unsigned long length);
 
   /// The same for bytes whose rest is written next: the kernel need not send them, and wake the
@@ -125,8 +125,8 @@ class KRU_EXPORT Socket {
   unsigned long buffered() const noexcept;
 
   enum class Look { Quiet, Data, Closed };
-  /// Looks, without waiting, whether bytes have arrived or the peer has closed. What arrives is
-  /// kept for the next read; a reset, or a socket that is not connected, counts as closed.
+  /// Looks for bytes or a close of the peer, without waiting. What arrives is kept for the next
+  /// read; a reset, or a socket that is not connected, counts as closed.
   Look look();
 
   /// Between a successful `connect` and the next `close`, whatever the peer has done since.

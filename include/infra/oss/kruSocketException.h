@@ -9,8 +9,8 @@ namespace tq::oss {
 
 /// A connection could not be made, or broke. The first message has the id "TQ_ERR_SOCKET", the
 /// operating system's own words as its text, and two arguments: what was being done ("connect to
-/// db1 port 8080") and the system's error number. One object serves one thread at a time; different
-/// objects need no locking.
+/// db1 port 8080") and the system's error number. Calls on one object must not overlap; different
+/// objects are independent.
 class KRU_EXPORT SocketException : public BaseException {
  public:
   SocketException();

@@ -9,7 +9,7 @@ namespace tq::oss {
 /// Splits a text at delimiters. Each UTF-16 unit of `delimiters` is one; several in a row separate
 /// once, and those at either end separate nothing, so that no token is empty. Holds its own copy of
 /// both texts. A token for which there is no memory, like a bogus text to split, throws
-/// `NLSException` "TQ_ERR_OUT_OF_MEMORY". One object serves one thread at a time.
+/// `NLSException` "TQ_ERR_OUT_OF_MEMORY". Calls on one object must not overlap.
 class KRU_EXPORT StringTokenizer {
  public:
   StringTokenizer(const icu::UnicodeString& text, const icu::UnicodeString& delimiters);

@@ -12,8 +12,8 @@ namespace tq::oss {
 
 /// A text as UTF-8 bytes, owned. Any bytes can be appended; what is not UTF-8 becomes U+FFFD when
 /// the text is converted. A bogus text throws `NLSException` "TQ_ERR_OUT_OF_MEMORY" instead of
-/// being appended, null bytes with a length "TQ_ERR_NULL_BYTES". One object serves one thread at a
-/// time.
+/// being appended, null bytes with a length "TQ_ERR_NULL_BYTES". Calls on one object must not
+/// overlap.
 class KRU_EXPORT UTF8String {
  public:
   UTF8String();

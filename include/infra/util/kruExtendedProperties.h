@@ -17,7 +17,7 @@
 namespace tq::util {
 
 /// Named texts, in the code-unit order of their names (capitals before lower case). Names are
-/// compared exactly. One object serves one thread at a time.
+/// compared exactly. Calls on one object must not overlap.
 ///
 /// A copy is a set of its own that takes no memory for the texts: it shares each property with the
 /// original until either puts another value there. Copies may be used on different threads.
