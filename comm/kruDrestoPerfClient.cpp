@@ -374,7 +374,7 @@ void DrestoPerfClient::recvStream(ClientResponse& response) {
     breakStreamOff();
     if (reassembly_) fail(StaticDefs::ERR_SERVER_COMM_RECV, atServer(), kLineNoReply);
   }
-  parsePortion(response);
+  parseHeldPortion(response);
 }
 
 /// Takes up to `size` further bytes into the portion, as many as there are. False: the peer closed
@@ -410,7 +410,7 @@ bool DrestoPerfClient::holdsWholeUnit(std::size_t size) const {
   return parser_->holdsWholeUnit(arrived.data(), static_cast<int>(arrived.size()));
 }
 
-void DrestoPerfClient::parsePortion(ClientResponse& response) {
+void DrestoPerfClient::parseHeldPortion(ClientResponse& response) {
   const char* bytes = socket_.peek().data();
   std::size_t leftover = 0;
   try {

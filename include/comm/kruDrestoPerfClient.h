@@ -82,7 +82,7 @@ class KRU_EXPORT DrestoPerfClient : public CorvaneRESTClient {
   bool awaitPortion(std::size_t size);
   bool mustReadOn() const;
   bool holdsWholeUnit(std::size_t size) const;
-  void parsePortion(ClientResponse& response);
+  void parseHeldPortion(ClientResponse& response);
   bool beginsWithError() const;
   std::size_t errorSize() const;
   void settleFailure();

@@ -181,7 +181,49 @@ TEST_P(Exchange, SendWritesTheRequestAndReadsAndRecordsNothing) {
   EXPECT_EQ(network.receives(), 0U);
 }
 
+TEST_P(Exchange, ASingleAttemptIsOneOfItsOwnRequest) {
+  ScriptedNetwork network(answers({replies.hitsAtOnce({"k1"}), replies.changesWait()}));
+  const auto client = clientOf();
+  EXPECT_EQ(exchange(*client, kStreamSearch), Raised());
+  auto request = requestFor(kGetStatus);
+  ClientResponse response;
+  client->sendAndRecvMesgOnce(request, response);
+  EXPECT_EQ(response.getStatusCode(), 1U);
+  EXPECT_EQ(client->getRequestOutcome(), RequestOutcome::Answered);
+
+  request.buildRequest(u"c1", ClientRequest::ADD_DOCUMENT, {});
+  request.setDocKey("key", 3);
+  const Raised raised = raisedBy([&] { client->sendAndRecvMesgOnce(request, response); });
+  ASSERT_EQ(raised.size(), 1U);
+  EXPECT_EQ(raised[0].id, "ERR_CLIENT_INTERNAL");
+  EXPECT_EQ(client->getRequestOutcome(), RequestOutcome::NotSent);
+  EXPECT_EQ(network.writes(), 2U);
+}
+
 // What the response holds.
+
+TEST_P(Exchange, AnEstimatesPortionsClearNoHitsThatTheResponseHolds) {
+  const std::vector<std::string> portions =
+      binary() ? std::vector<std::string>{word16(1), envelope(1, estimate(1, 2, 3)),
+                                          envelope(1, estimate(4, 5, 6)) + endOfResults()}
+               : std::vector<std::string>{chunked(replyNamed("Selectivity"), 0, true).text};
+  Script script;
+  replies.expect(script);
+  for (const std::string& portion : portions) script.send(portion);
+  ScriptedNetwork network(script.awaitClose(), kOnDemand);
+  const auto client = clientOf();
+  ClientResponse response;
+  response.addSearchResult(tq::comm::SearchResult(false));
+  EXPECT_EQ(exchange(*client, kSelectivity, response), Raised());
+  EXPECT_EQ(response.getSearchResponse().count(), 1U);
+  // The binary client takes an estimate whole, the other one leaves the end to be pulled.
+  EXPECT_EQ(client->isEndOfStream(), binary());
+  if (!client->isEndOfStream()) client->recv(response);
+  EXPECT_TRUE(client->isEndOfStream());
+  EXPECT_EQ(response.getSearchResponse().count(), 1U) << "a portion replaces nothing";
+  client->recv(response);
+  EXPECT_EQ(response.getSearchResponse().count(), 0U) << "after the end the list is empty";
+}
 
 TEST_P(Exchange, EmptiesTheListsOfStreamedHitsAndParseResultsAlone) {
   // Kind 6 is read as a search over HTTP.

@@ -809,31 +809,6 @@ TEST(CorvaneRESTClient, ADocumentThatIsSentByHandElsewhereDoesNotMoveTheQueue) {
   EXPECT_EQ(exchangeError(client, kUpdateIndex).errorId, "ERR_SERVER_COMM_SEND");
 }
 
-TEST(CorvaneRESTClient, ASingleAttemptIsOneOfItsOwnRequest) {
-  Reply status = ok(kGetStatus);
-  status.body = kUninterpreted + enveloped(record({{"STATUS_CODE", "31"}}));
-  ScriptedNetwork network(Script()
-                              .expectRequest()
-                              .send(plain(replyNamed("StreamSearchWithThreeHits")))
-                              .expectRequest()
-                              .send(plain(status))
-                              .awaitClose());
-  auto client = clientFor(kPersistent);
-  EXPECT_EQ(runExchange(client, kStreamSearch).errorId, "");
-  auto request = requestFor(kGetStatus);
-  ClientResponse response;
-  client.sendAndRecvMesgOnce(request, response);
-  EXPECT_EQ(response.getStatusCode(), 31U);
-  EXPECT_EQ(client.getRequestOutcome(), RequestOutcome::Answered);
-
-  request.buildRequest(u"c1", ClientRequest::ADD_DOCUMENT, {});
-  request.setDocKey("key", 3);
-  EXPECT_EQ(errorOf([&] { client.sendAndRecvMesgOnce(request, response); }).errorId,
-            "ERR_CLIENT_INTERNAL");
-  EXPECT_EQ(client.getRequestOutcome(), RequestOutcome::NotSent);
-  EXPECT_EQ(network.writes(), 2U);
-}
-
 TEST(CorvaneRESTClient, TheMessagesOfTheLastAttemptReachTheCallerUnchanged) {
   ScriptedNetwork network(answer(plain(ok(kCreateCollection))));
   network.failConnects(ECONNREFUSED);
@@ -1181,23 +1156,6 @@ TEST(CorvaneRESTClient, AStreamingSearchsPortionsReplaceEachOtherAndAScalarSearc
       EXPECT_GT(second, first);
     }
   }
-}
-
-TEST(CorvaneRESTClient, AnEstimatesPortionsClearNoHitsThatTheResponseHolds) {
-  const auto& reply = replyNamed("Selectivity");
-  ScriptedNetwork network(answer(chunked(reply, 0, true).text));
-  auto client = clientFor(kPersistent);
-  auto request = requestFor(kSelectivity);
-  ClientResponse response;
-  response.addSearchResult(tq::comm::SearchResult(false));
-  client.sendAndRecvMesg(request, response);
-  EXPECT_EQ(response.getSearchResponse().count(), 1U);
-  ASSERT_FALSE(client.isEndOfStream());
-  client.recv(response);
-  EXPECT_TRUE(client.isEndOfStream());
-  EXPECT_EQ(response.getSearchResponse().count(), 1U) << "a portion replaces nothing";
-  client.recv(response);
-  EXPECT_EQ(response.getSearchResponse().count(), 0U) << "behind the end there is an empty list";
 }
 
 TEST(CorvaneRESTClient, WhatIsCarriedStaysInFrontWhileAStepLeavesNothingOver) {

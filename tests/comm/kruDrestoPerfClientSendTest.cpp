@@ -272,7 +272,7 @@ TEST(DrestoPerfClientSend, BehindBodyChunksByHandNoRequestIsSentByHand) {
   EXPECT_EQ(errorOf([&] { client.send(request); }).errorId, "") << "nothing was written by hand";
 }
 
-TEST(DrestoPerfClientSend, AWriteThatTakesFewBytesAtATimeIsContinued) {
+TEST(DrestoPerfClientSend, ABodyInPiecesGoesOutWholeWhenAWriteTakesFewBytes) {
   ScriptedNetwork network(answer(kOk));
   network.limitWrites(7);
   auto client = binaryClient();

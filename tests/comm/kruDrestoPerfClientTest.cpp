@@ -245,18 +245,6 @@ TEST(DrestoPerfClient, TheHitsOfAScalarSearchGatherFromPortionToPortion) {
   EXPECT_EQ(idsHeld(response), ids({"a", "b"}));
 }
 
-TEST(DrestoPerfClient, AnEstimatesPortionsClearNoHitsThatTheResponseHolds) {
-  ScriptedNetwork network(segments({kOk, envelope(1, estimate(1, 2, 3)),
-                                    envelope(1, estimate(4, 5, 6)) + endOfResults()}),
-                          kOnDemand);
-  auto client = binaryClient();
-  ClientResponse response;
-  response.addSearchResult(tq::comm::SearchResult(false));
-  EXPECT_EQ(exchange(client, kSelectivity, response), Raised());
-  EXPECT_TRUE(client.isEndOfStream());
-  EXPECT_EQ(response.getSearchResponse().count(), 1U);
-}
-
 TEST(DrestoPerfClient, TheListsAreEmptiedBeforeTheHeaderIsAwaited) {
   for (const int kind : {6, static_cast<int>(kStreamSearch), static_cast<int>(kParseResult),
                          static_cast<int>(kScalarSearch), static_cast<int>(kSelectivity)}) {
@@ -803,28 +791,6 @@ TEST(DrestoPerfClient, ACodeWithoutABodyKeepsItsConnection) {
   EXPECT_EQ(exchange(client, kStreamSearch).front().id, "ERR_SERVER_INVALID_AUTH");
   EXPECT_EQ(runBinary(client, nextBinaryReply().kind), nextBinaryReply().expected);
   EXPECT_EQ(network.connections(), 1U);
-}
-
-TEST(DrestoPerfClient, ASingleAttemptIsOneOfItsOwnRequest) {
-  ScriptedNetwork network(Script()
-                              .expectFramedRequest()
-                              .send(kOk + plainHit("a") + endOfResults())
-                              .expectFramedRequest()
-                              .send(word16(5))
-                              .awaitClose());
-  auto client = binaryClient();
-  EXPECT_EQ(exchange(client, kStreamSearch), Raised());
-  auto request = requestFor(kGetStatus);
-  ClientResponse response;
-  client.sendAndRecvMesgOnce(request, response);
-  EXPECT_EQ(response.getStatusCode(), 1U);
-  EXPECT_EQ(client.getRequestOutcome(), RequestOutcome::Answered);
-  request.buildRequest(u"c1", ClientRequest::ADD_DOCUMENT, {});
-  request.setDocKey("key", 3);
-  EXPECT_EQ(raisedBy([&] { client.sendAndRecvMesgOnce(request, response); }).front().id,
-            "ERR_CLIENT_INTERNAL");
-  EXPECT_EQ(client.getRequestOutcome(), RequestOutcome::NotSent);
-  EXPECT_EQ(network.writes(), 2U);
 }
 
 TEST(DrestoPerfClient, ARefusedExchangeLeavesTheParserOfTheLastOne) {

@@ -31,6 +31,11 @@ class Replies {
     return binary_ ? word16(1) : http(200, kFront + enveloped(record({{"STATUS_CODE", "0"}})));
   }
 
+  /// Status 1, whichever the protocol.
+  std::string changesWait() const {
+    return binary_ ? word16(5) : http(200, kFront + enveloped(record({{"STATUS_CODE", "1"}})));
+  }
+
   /// Hits with the score 0.5, each in a piece of its own; not `whole`: without what ends them.
   Script& sendHits(Script& script, const std::vector<std::string>& keys, bool whole = true) const {
     if (binary_) {
