@@ -285,7 +285,8 @@ class Noise : public testing::TestWithParam<bool> {
 
 TEST_P(Noise, Ends) {
   for (unsigned int seed = 1; seed <= 1500; ++seed) {
-    for (const int kind : {1, 8, 11, 14, 15, 20, 22}) {
+    for (const int kind : {kCreateCollection, kStreamSearch, kParseResult, kSelectivity, kGetStatus,
+                           kScalarSearch, kGetServerVersion}) {
       SCOPED_TRACE("seed " + std::to_string(seed) + ", kind " + std::to_string(kind));
       endureEveryWay(GetParam(), kind, noise(seed));
       ASSERT_FALSE(HasFailure());
@@ -328,7 +329,7 @@ TEST(HostileExchange, OverHttpAllocatesNothingForWhatIsOnlyAnnounced) {
       start + "Transfer-Encoding: chunked\r\n\r\n8\r\n" + first + "\r\n40000000\r\nabc",
   };
   for (const auto& text : announcements) {
-    for (const int kind : {8, 11, 15, 20, 4}) {
+    for (const int kind : {kStreamSearch, kParseResult, kGetStatus, kScalarSearch, kUpdateIndex}) {
       ScriptedNetwork network(answerTo(false, text));
       const auto client = clientFor(false);
       largestAllocation() = 0;
@@ -373,7 +374,8 @@ TEST(HostileExchange, AnEndlessBinaryStreamOfNothingIsRefusedAndNotHoarded) {
 }
 
 TEST(HostileExchange, AnAnswerOfTheHttpProtocolIsRefusedOverBinary) {
-  for (const int kind : {1, 8, 11, 14, 15, 20, 22}) {
+  for (const int kind : {kCreateCollection, kStreamSearch, kParseResult, kSelectivity, kGetStatus,
+                         kScalarSearch, kGetServerVersion}) {
     ScriptedNetwork network(answerTo(true, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"));
     const auto client = clientFor(true);
     const auto outcome = runOver(*client, kind);

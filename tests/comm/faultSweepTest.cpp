@@ -382,7 +382,8 @@ std::vector<MarkedRequest> allRequests(Protocol protocol) {
     if (kind == kUnassignedSearchKind && protocol != Protocol::Http) continue;
     all.push_back({kind, kMark});
   }
-  for (const int kind : {4, 8, 11, 14, 20}) all.push_back({kind, kMark, true});
+  for (const int kind : {kUpdateIndex, kStreamSearch, kParseResult, kSelectivity, kScalarSearch})
+    all.push_back({kind, kMark, true});
   // Longer than what leaves in one write.
   all.push_back({kAddDocument, kMark, false, 25000});
   return all;

@@ -256,12 +256,12 @@ void behave(
     ::close(listenOnLoopback(nobody));
     auto lonely = clientOf(protocol, true, nobody);
     lonely->setRetryPause(1, 2);
-    ASSERT_EQ(runMarked(*lonely, {4}).errorId, "ERR_CONNECT_SERVER");
+    ASSERT_EQ(runMarked(*lonely, {kUpdateIndex}).errorId, "ERR_CONNECT_SERVER");
     unsigned int deaf = 0;
     const int listener = listenOnLoopback(deaf);
     auto waiting = clientOf(protocol, true, deaf);
     waiting->setDeadline(10);
-    ASSERT_EQ(runMarked(*waiting, {4}).errorId, "ERR_SERVER_COMM_TIMEOUT");
+    ASSERT_EQ(runMarked(*waiting, {kUpdateIndex}).errorId, "ERR_SERVER_COMM_TIMEOUT");
     meanwhile();
     ::close(listener);
   }
@@ -338,7 +338,7 @@ int writeUntilRefused(Protocol protocol, unsigned int port) {
   ::signal(SIGPIPE, SIG_DFL);
   auto client = clientOf(protocol, true, port);
   client->open();
-  BuiltRequest built({4});
+  BuiltRequest built({kUpdateIndex});
   for (int i = 0; i < 100000; ++i) {
     try {
       client->send(built.request);

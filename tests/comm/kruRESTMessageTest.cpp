@@ -12,6 +12,7 @@
 #include "infra/oss/kruNLSException.h"
 #include "tests/comm/kruCommText.h"
 #include "tests/comm/kruScarceMemory.h"
+#include "tests/support/kinds.h"
 #include "tests/support/raised.h"
 #include "tests/support/scarceTexts.h"
 #include "tests/support/slowHeader.h"
@@ -23,6 +24,12 @@ using test::Fields;
 using test::hex;
 using test::properties;
 using test::utf8;
+using tq::test::kAddDocument;
+using tq::test::kAsynchAddDocument;
+using tq::test::kCreateCollection;
+using tq::test::kDeleteDocument;
+using tq::test::kGetStatus;
+using tq::test::kLastDocSent;
 
 constexpr const char* kHost = "server";
 
@@ -91,7 +98,7 @@ TEST_F(RESTMessageTest, AnAsynchronousAddAnnouncesThePrefixAndItsHundredBytesOfC
 }
 
 TEST_F(RESTMessageTest, WritesNoRequestLineAndNoHostLine) {
-  build(15);
+  build(kGetStatus);
   const std::string text = header();
   EXPECT_EQ(0U, text.find("Content-Length  : \n"));
   EXPECT_EQ(std::string::npos, text.find("HTTP"));
@@ -100,19 +107,19 @@ TEST_F(RESTMessageTest, WritesNoRequestLineAndNoHostLine) {
 }
 
 TEST_F(RESTMessageTest, LinesEndInALineFeedAndTheBlockInCrLf) {
-  build(15);
+  build(kGetStatus);
   const std::string text = header();
   EXPECT_EQ(text.size() - 2, text.find('\r'));
   EXPECT_EQ("\n\r\n", text.substr(text.size() - 3));
 }
 
 TEST_F(RESTMessageTest, EscapesNothing) {
-  build(15, {{"a: b&=?%", "c: d\r\ne"}});
+  build(kGetStatus, {{"a: b&=?%", "c: d\r\ne"}});
   EXPECT_NE(std::string::npos, header().find("a: b&=?%: c: d\r\ne\n"));
 }
 
 TEST_F(RESTMessageTest, TheAuthorizationLineKeepsThePlaceOfTheTokenAndItsBareValue) {
-  build(15, {{"a", "1"}, {"authToken", "c2VjcmV0"}, {"b", "2"}});
+  build(kGetStatus, {{"a", "1"}, {"authToken", "c2VjcmV0"}, {"b", "2"}});
   EXPECT_EQ(
       "Content-Length  : \na: 1\naction: getStatus\nactionType: monitor\n"
       "Authorization: c2VjcmV0\nb: 2\nver: 1.1\n\r\n",
@@ -120,7 +127,7 @@ TEST_F(RESTMessageTest, TheAuthorizationLineKeepsThePlaceOfTheTokenAndItsBareVal
 }
 
 TEST_F(RESTMessageTest, ATokenAndACallersAuthorizationAreTwoLines) {
-  build(15, {{"authToken", "t"}, {"Authorization", "own"}});
+  build(kGetStatus, {{"authToken", "t"}, {"Authorization", "own"}});
   EXPECT_EQ(
       "Authorization: own\nContent-Length  : \naction: getStatus\nactionType: monitor\n"
       "Authorization: t\nver: 1.1\n\r\n",
@@ -128,7 +135,8 @@ TEST_F(RESTMessageTest, ATokenAndACallersAuthorizationAreTwoLines) {
 }
 
 TEST_F(RESTMessageTest, OrdersNamesByTheirCodeUnits) {
-  build(15, {{"b", "1"}, {"B", "2"}, {"\xEF\xBD\x81", "3"}, {"\xF0\x9F\x98\x80", "4"}, {"", "5"}});
+  build(kGetStatus,
+        {{"b", "1"}, {"B", "2"}, {"\xEF\xBD\x81", "3"}, {"\xF0\x9F\x98\x80", "4"}, {"", "5"}});
   // U+1F600 begins with the unit D83D, below FF41, although its code point is above.
   EXPECT_EQ(
       ": 5\nB: 2\nContent-Length  : \naction: getStatus\nactionType: monitor\nb: 1\nver: 1.1\n"
@@ -137,12 +145,12 @@ TEST_F(RESTMessageTest, OrdersNamesByTheirCodeUnits) {
 }
 
 TEST_F(RESTMessageTest, WritesTextAsUtf8) {
-  build(15, {{"grüße", "\xE2\x82\xAC"}});
+  build(kGetStatus, {{"grüße", "\xE2\x82\xAC"}});
   EXPECT_NE(std::string::npos, header().find("grüße: \xE2\x82\xAC\n"));
 }
 
 TEST_F(RESTMessageTest, TheKindsActionReplacesTheCallersWhereThereIsOne) {
-  build(15, {{"action", "mine"}, {"actionType", "mine"}, {"Content-Length  ", "mine"}});
+  build(kGetStatus, {{"action", "mine"}, {"actionType", "mine"}, {"Content-Length  ", "mine"}});
   EXPECT_EQ("Content-Length  : \naction: getStatus\nactionType: monitor\nver: 1.1\n\r\n", header());
 }
 
@@ -160,20 +168,20 @@ TEST_F(RESTMessageTest, SendsNoActionLineForAKindWithoutOne) {
 }
 
 TEST_F(RESTMessageTest, TheLengthHeaderIsSentEvenWhenItIsEmpty) {
-  build(1);
+  build(kCreateCollection);
   RESTMessage message(u"server", request);
   EXPECT_EQ("Content-Length  : \nver: 1.1\n", utf8(message.getParamString(true)));
 }
 
 TEST_F(RESTMessageTest, ParametersCanBeWrittenAsAQueryString) {
-  build(15, {{"authToken", "t"}, {"q", "a&b"}});
+  build(kGetStatus, {{"authToken", "t"}, {"q", "a&b"}});
   RESTMessage message(u"server", request);
   EXPECT_EQ("?Content-Length  =&Authorization=t&q=a&b&ver=1.1",
             utf8(message.getParamString(false)));
 }
 
 TEST_F(RESTMessageTest, ActionLinesAreThereOnceTheProtocolTextWasBuilt) {
-  build(15);
+  build(kGetStatus);
   RESTMessage message(u"server", request);
   icu::UnicodeString out(u"before ");
   message.buildProtocolMsg(out, ClientRequest::TAKEOVER);
@@ -184,7 +192,7 @@ TEST_F(RESTMessageTest, ActionLinesAreThereOnceTheProtocolTextWasBuilt) {
 }
 
 TEST_F(RESTMessageTest, AnActionOnceBuiltSurvivesAKindWithoutOne) {
-  build(15);
+  build(kGetStatus);
   RESTMessage message(u"server", request);
   icu::UnicodeString out;
   message.buildProtocolMsg(out, ClientRequest::TAKEOVER);
@@ -194,7 +202,7 @@ TEST_F(RESTMessageTest, AnActionOnceBuiltSurvivesAKindWithoutOne) {
 }
 
 TEST_F(RESTMessageTest, CopiesTheRequestsProperties) {
-  build(15, {{"a", "1"}});
+  build(kGetStatus, {{"a", "1"}});
   RESTMessage message(u"server", request);
   request.getReqProperties().putProperty(u"a", u"2");
   request.getReqProperties().putProperty(u"b", u"3");
@@ -202,13 +210,13 @@ TEST_F(RESTMessageTest, CopiesTheRequestsProperties) {
 }
 
 TEST_F(RESTMessageTest, LeavesTheRequestsPropertiesAlone) {
-  build(15, {{"a", "1"}});
+  build(kGetStatus, {{"a", "1"}});
   header();
   EXPECT_EQ((std::vector<std::string>{"a=1", "ver=1.1"}), test::listed(request.getReqProperties()));
 }
 
 TEST_F(RESTMessageTest, CanBecomeTheMessageOfAnotherRequest) {
-  build(3);
+  build(kAddDocument);
   document("key", {{u"a", u"b"}}, "content");
   RESTMessage message(u"server", request);
   ASSERT_NE(0U, message.getMsgPrefixLen());
@@ -224,7 +232,7 @@ TEST_F(RESTMessageTest, CanBecomeTheMessageOfAnotherRequest) {
 }
 
 TEST_F(RESTMessageTest, TheHeaderIsTheSameWhenItIsAskedForAgain) {
-  build(15, {{"a", "1"}});
+  build(kGetStatus, {{"a", "1"}});
   RESTMessage message(u"server", request);
   const std::string first = message.getSerializedHeader();
   EXPECT_EQ(first, message.getSerializedHeader());
@@ -272,10 +280,10 @@ TEST_F(RESTMessageTest, ALongHeaderOfWideCharactersIsReturnedWhole) {
 TEST_F(RESTMessageTest, AHeaderOfWideCharactersNeverLeavesTheRoomInsideTheMessage) {
   std::string wide;
   for (int i = 0; i < 5000; ++i) wide += "\xE2\x82\xAC";
-  build(15, {{"b", ""}, {"z", wide}});
+  build(kGetStatus, {{"b", ""}, {"z", wide}});
   const std::size_t fixed = header().size();
   for (std::size_t length = 16365; length <= 16390; ++length) {
-    build(15, {{"b", std::string(length - fixed, 'b')}, {"z", wide}});
+    build(kGetStatus, {{"b", std::string(length - fixed, 'b')}, {"z", wide}});
     RESTMessage message(u"server", request);
     const std::string text = message.getSerializedHeader();
     EXPECT_EQ(length, text.size());
@@ -287,20 +295,20 @@ TEST_F(RESTMessageTest, AHeaderOfWideCharactersNeverLeavesTheRoomInsideTheMessag
 TEST_F(RESTMessageTest, ALongNameWithALongValueIsReturnedWhole) {
   std::string wide;
   for (int i = 0; i < 3000; ++i) wide += "\xE2\x82\xAC";
-  build(15, {{wide, wide}});
+  build(kGetStatus, {{wide, wide}});
   EXPECT_NE(std::string::npos, header().find("\n" + wide + ": " + wide + "\n\r\n"));
 }
 
 TEST_F(RESTMessageTest, AFirstLineLongerThanTheRoomInsideTheMessageIsReturnedWhole) {
   const std::string value(40000, 'v');
-  build(15, {{"A", value}});
+  build(kGetStatus, {{"A", value}});
   EXPECT_EQ("A: " + value +
                 "\nContent-Length  : \naction: getStatus\nactionType: monitor\nver: 1.1\n\r\n",
             header());
 }
 
 TEST_F(RESTMessageTest, WithoutMemoryForTheTextOfItsLinesThereIsNone) {
-  build(15, {{"a", std::string(1000, 'v')}});
+  build(kGetStatus, {{"a", std::string(1000, 'v')}});
   const RESTMessage message(u"server", request);
   const tq::test::ScarceTexts none;
   EXPECT_THROW(message.getParamString(true), tq::oss::NLSException);
@@ -489,14 +497,14 @@ TEST_F(RESTMessageTest, TheHeaderCanBeBuiltOnceThereIsMemoryAgain) {
 }
 
 TEST_F(RESTMessageTest, RunningOutOfMemoryForThePrefixIsTheInfrastructuresException) {
-  build(3);
+  build(kAddDocument);
   document(std::string(20000, 'k'), {{u"a", u"b"}}, "");
   const test::FailingAllocations failing;
   EXPECT_THROW(RESTMessage(u"server", request), tq::oss::NLSException);
 }
 
 TEST_F(RESTMessageTest, AKeyThatNoRequestCanCarryIsRefusedBeforeItIsRead) {
-  build(3);
+  build(kAddDocument);
   request.setContent({{u"a", u"b"}}, nullptr, 0);
   request.setDocKey("x", std::numeric_limits<unsigned int>::max());
   expectRefusal("the document's key and metadata are longer than a request can carry",
@@ -504,7 +512,7 @@ TEST_F(RESTMessageTest, AKeyThatNoRequestCanCarryIsRefusedBeforeItIsRead) {
 }
 
 TEST_F(RESTMessageTest, TheLongestPrefixHasALengthOfThirtyTwoBits) {
-  build(3);
+  build(kAddDocument);
   request.setContent({{u"a", u"b"}}, nullptr, 0);
   request.setDocKey("x", 1);
   const auto fixed =
@@ -521,7 +529,7 @@ TEST_F(RESTMessageTest, TheLongestPrefixHasALengthOfThirtyTwoBits) {
 }
 
 TEST_F(RESTMessageTest, ContentWithoutAKeyIsNotSent) {
-  build(3);
+  build(kAddDocument);
   request.setContent({{u"a", u"b"}}, "content", 7);
   RESTMessage message(u"server", request);
   EXPECT_EQ(0U, message.getMsgPrefixLen());
@@ -529,7 +537,7 @@ TEST_F(RESTMessageTest, ContentWithoutAKeyIsNotSent) {
 }
 
 TEST_F(RESTMessageTest, NullWithALengthIsRefusedWhereItWouldBeSent) {
-  build(3);
+  build(kAddDocument);
   document("key", {{u"a", u"b"}}, "content");
   RESTMessage message(u"server", request);
   const auto initMessage = [&] { message.initMessage(request); };
@@ -552,7 +560,7 @@ TEST_F(RESTMessageTest, NullWithALengthIsRefusedWhereItWouldBeSent) {
 }
 
 TEST_F(RESTMessageTest, AKeyWithoutMetadataSerializesToNothing) {
-  build(3);
+  build(kAddDocument);
   document("key", {}, "content");
   RESTMessage message(u"server", request);
   EXPECT_EQ(0U, message.getMsgPrefixLen());
@@ -565,7 +573,7 @@ TEST_F(RESTMessageTest, AKeyWithoutMetadataSerializesToNothing) {
 
 TEST_F(RESTMessageTest, AKeyWithoutMetadataSerializesToNothingWhateverTheContentIs) {
   for (const char* content : {static_cast<const char*>(nullptr), "never looked at"}) {
-    build(3);
+    build(kAddDocument);
     document("key", {}, "");
     request.setContent(content, 1000000);
     RESTMessage message(u"server", request);
@@ -575,7 +583,7 @@ TEST_F(RESTMessageTest, AKeyWithoutMetadataSerializesToNothingWhateverTheContent
 }
 
 TEST_F(RESTMessageTest, ADocumentWithoutContentHasNoDataTag) {
-  build(5);
+  build(kDeleteDocument);
   document("key", {{u"a", u"bc"}}, "");
   RESTMessage message(u"server", request);
   EXPECT_EQ(
@@ -588,7 +596,7 @@ TEST_F(RESTMessageTest, ADocumentWithoutContentHasNoDataTag) {
 }
 
 TEST_F(RESTMessageTest, APrefixWithContentEndsWithTheContentsLength) {
-  build(3);
+  build(kAddDocument);
   document("key", {{u"a", u"bc"}, {u"d", u"", 9, 7}}, "content");
   RESTMessage message(u"server", request);
   EXPECT_EQ(
@@ -603,7 +611,7 @@ TEST_F(RESTMessageTest, APrefixWithContentEndsWithTheContentsLength) {
 }
 
 TEST_F(RESTMessageTest, APairsFirstAttributeIsNeverSent) {
-  build(3);
+  build(kAddDocument);
   document("key", {{u"a", u"bc", 0}}, "");
   const std::string without = prefixOf(RESTMessage(u"server", request));
   document("key", {{u"a", u"bc", 0xFFFFFFFF}}, "");
@@ -617,7 +625,7 @@ TEST_F(RESTMessageTest, TheSizeOfABlockHasASurplusOfEightBytesAPair) {
       {{u"", u""}, {u"\u00e9", u"\u20ac"}, {u"index", u"UTF-8"}},
   };
   for (const char* content : {"", "c", "content"}) {
-    build(3);
+    build(kAddDocument);
     document("key", {}, content);
     const RESTMessage message(u"server", request);
     for (const std::list<KVPair>& metadata : pairs) {
@@ -630,7 +638,7 @@ TEST_F(RESTMessageTest, TheSizeOfABlockHasASurplusOfEightBytesAPair) {
 }
 
 TEST_F(RESTMessageTest, TheSurplusNeverReachesTheLengthHeader) {
-  build(3);
+  build(kAddDocument);
   document("key", {{u"a", u"bc"}, {u"d", u"e"}}, "content");
   RESTMessage message(u"server", request);
   const std::string total = std::to_string(message.getMsgPrefixLen() + message.getMsgBodyLength());
@@ -638,7 +646,7 @@ TEST_F(RESTMessageTest, TheSurplusNeverReachesTheLengthHeader) {
 }
 
 TEST_F(RESTMessageTest, AContentOfMoreThanThirtyBitsLosesTheTopBitsOfItsLengthButNotOfT) {
-  build(3);
+  build(kAddDocument);
   document("key", {{u"a", u"bc"}}, "");
   const unsigned int huge = 0xC0000005;
   request.setContent(contentBytes.data(), huge);
@@ -652,7 +660,7 @@ TEST_F(RESTMessageTest, AContentOfMoreThanThirtyBitsLosesTheTopBitsOfItsLengthBu
 }
 
 TEST_F(RESTMessageTest, SizesThePrefixWithoutTheContent) {
-  build(3);
+  build(kAddDocument);
   document("key", {{u"a", u"bc"}}, "");
   request.setContent(contentBytes.data(), 0xFFFFFFFF);
   const test::FailingAllocations failing;
@@ -661,7 +669,7 @@ TEST_F(RESTMessageTest, SizesThePrefixWithoutTheContent) {
 }
 
 TEST_F(RESTMessageTest, ThePrefixHasRoomFor2000BytesMoreThanItsBlock) {
-  build(3);
+  build(kAddDocument);
   const std::list<KVPair> metadata{{u"a", u"bc"}};
   document("k", metadata, "");
   const auto size = RESTMessage(u"server", request).getSerializeMetadataLength(metadata, "k", 1);
@@ -679,7 +687,7 @@ TEST_F(RESTMessageTest, ThePrefixHasRoomFor2000BytesMoreThanItsBlock) {
 }
 
 TEST_F(RESTMessageTest, ALargeKeyAndMuchMetadataAreWrittenWhole) {
-  build(3);
+  build(kAddDocument);
   std::list<KVPair> metadata;
   for (int i = 0; i < 3000; ++i) metadata.emplace_back(u"name", u"value");
   document(std::string(70000, 'k'), metadata, "");
@@ -690,7 +698,7 @@ TEST_F(RESTMessageTest, ALargeKeyAndMuchMetadataAreWrittenWhole) {
 }
 
 TEST_F(RESTMessageTest, ABlockThatIsNoShortOneHasJustTheRoomThatItNeeds) {
-  build(3);
+  build(kAddDocument);
   const struct {
     std::size_t pairs;
     std::int32_t name;
@@ -710,7 +718,7 @@ TEST_F(RESTMessageTest, ABlockThatIsNoShortOneHasJustTheRoomThatItNeeds) {
 }
 
 TEST_F(RESTMessageTest, TheTerminateRecordIsEightZeroBytes) {
-  build(10);
+  build(kLastDocSent);
   document("key", {{u"a", u"b"}}, "content");
   RESTMessage message(u"server", request);
   unsigned int length = 0;
@@ -721,7 +729,7 @@ TEST_F(RESTMessageTest, TheTerminateRecordIsEightZeroBytes) {
 }
 
 TEST_F(RESTMessageTest, TheTerminateRecordIsWrittenOverWhateverWasThere) {
-  build(10);
+  build(kLastDocSent);
   RESTMessage message(u"server", request);
   unsigned int length = 0;
   const char* record = message.getTerminateRecord(length);
@@ -731,7 +739,7 @@ TEST_F(RESTMessageTest, TheTerminateRecordIsWrittenOverWhateverWasThere) {
 }
 
 TEST_F(RESTMessageTest, AMessageOfAnotherKindHasNoTerminateRecord) {
-  build(9);
+  build(kAsynchAddDocument);
   const RESTMessage message(u"server", request);
   unsigned int length = 5;
   EXPECT_NE(nullptr, message.getTerminateRecord(length));
@@ -739,7 +747,7 @@ TEST_F(RESTMessageTest, AMessageOfAnotherKindHasNoTerminateRecord) {
 }
 
 TEST_F(RESTMessageTest, KnowsItsKindAndHost) {
-  build(9);
+  build(kAsynchAddDocument);
   const RESTMessage message(u"server", request);
   EXPECT_EQ(ClientRequest::ASYNCH_ADD_DOCUMENT, message.getRequest());
   EXPECT_EQ("server", utf8(message.getHost()));

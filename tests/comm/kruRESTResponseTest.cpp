@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <initializer_list>
 #include <iterator>
 #include <limits>
 #include <random>
@@ -17,6 +18,7 @@
 #include "infra/oss/kruTrace.h"
 #include "tests/support/chunks.h"
 #include "tests/support/exchange.h"
+#include "tests/support/kinds.h"
 #include "tests/support/raised.h"
 #include "tests/support/recordByRecord.h"
 #include "tests/support/replyCorpus.h"
@@ -109,7 +111,7 @@ std::string oneRow(const std::string& doc) { return enveloped(record({{"Doc", do
 TEST(RESTResponse, WhatDoesNotBeginAsAReplyIsRefusedAtItsFirstWrongByte) {
   const auto refused = [](const std::string& bytes) {
     return errorOf([&] {
-      auto parser = parserFor(8);
+      auto parser = parserFor(kStreamSearch);
       ClientResponse response;
       bool done = false;
       EXPECT_EQ(feed(parser, bytes, response, done), 0);
@@ -124,21 +126,21 @@ TEST(RESTResponse, WhatDoesNotBeginAsAReplyIsRefusedAtItsFirstWrongByte) {
 }
 
 TEST(RESTResponse, AsksFor256BytesBeforeTheHeaders) {
-  auto parser = parserFor(8);
+  auto parser = parserFor(kStreamSearch);
   int need = 0;
   EXPECT_FALSE(parser.parseDone(need));
   EXPECT_EQ(need, 256);
 }
 
 TEST(RESTResponse, AsksFor16BytesForAChunkSizeLine) {
-  auto parser = parserFor(8, kContinuation);
+  auto parser = parserFor(kStreamSearch, kContinuation);
   int need = 0;
   EXPECT_FALSE(parser.parseDone(need));
   EXPECT_EQ(need, 16);
 }
 
 TEST(RESTResponse, AsksForTheContentLengthOfABody) {
-  auto parser = parserFor(8);
+  auto parser = parserFor(kStreamSearch);
   ClientResponse response;
   bool done = false;
   feed(parser, headersWithLength(200, 1234), response, done);
@@ -148,7 +150,7 @@ TEST(RESTResponse, AsksForTheContentLengthOfABody) {
 }
 
 TEST(RESTResponse, IsDoneWithItsBodyAndSaysSo) {
-  auto parser = parserFor(1);
+  auto parser = parserFor(kCreateCollection);
   ClientResponse response;
   bool done = false;
   parseWhole(parser, 200, "any", response, done);
@@ -157,14 +159,14 @@ TEST(RESTResponse, IsDoneWithItsBodyAndSaysSo) {
 }
 
 TEST(RESTResponse, ReturnsHowManyBytesFollowTheHeaders) {
-  auto parser = parserFor(8);
+  auto parser = parserFor(kStreamSearch);
   ClientResponse response;
   bool done = false;
   EXPECT_EQ(feed(parser, headersWithLength(200, 8) + "12345", response, done), 5);
 }
 
 TEST(RESTResponse, ReturnsHowManyBytesFollowTheFirstChunkSizeLine) {
-  auto parser = parserFor(8);
+  auto parser = parserFor(kStreamSearch);
   ClientResponse response;
   bool done = false;
   const auto block = headers(200, "Transfer-Encoding: chunked\r\n") + "1a\r\n" + "abc";
@@ -177,7 +179,7 @@ TEST(RESTResponse, ReturnsHowManyBytesFollowTheFirstChunkSizeLine) {
 TEST(RESTResponse, GathersAHeaderBlockFromAnyPieces) {
   const auto block = headersWithLength(200, 8);
   for (std::size_t cut = 1; cut < block.size(); ++cut) {
-    auto parser = parserFor(8);
+    auto parser = parserFor(kStreamSearch);
     ClientResponse response;
     bool done = false;
     std::string held = block.substr(0, cut);
@@ -191,7 +193,7 @@ TEST(RESTResponse, GathersAHeaderBlockFromAnyPieces) {
 }
 
 TEST(RESTResponse, ReadsOnWhenABlockAnnouncesNeitherALengthNorChunks) {
-  auto parser = parserFor(8);
+  auto parser = parserFor(kStreamSearch);
   ClientResponse response;
   bool done = false;
   const auto blocks = headers(100, "") + headersWithLength(200, 8);
@@ -208,7 +210,7 @@ TEST(RESTResponse, ReadsOnWhenABlockAnnouncesNeitherALengthNorChunks) {
 TEST(RESTResponse, AHeaderBlockEndsWithABlankLineAfterALineThatEndsInCrLf) {
   for (const char* block : {"HTTP/1.1 200 OK\nContent-Length: 8\n\n", "HTTP/1.1 200 OK\r\n\n",
                             "HTTP/1.1 200 OK\nContent-Length: 8\n\r\n"}) {
-    auto parser = parserFor(8);
+    auto parser = parserFor(kStreamSearch);
     ClientResponse response;
     bool done = false;
     EXPECT_EQ(feed(parser, block, response, done), 0);
@@ -220,7 +222,7 @@ TEST(RESTResponse, AHeaderBlockEndsWithABlankLineAfterALineThatEndsInCrLf) {
 
 TEST(RESTResponse, AZeroByteEndsAHeaderBlockAndIsNotTaken) {
   using namespace std::string_literals;
-  auto parser = parserFor(8);
+  auto parser = parserFor(kStreamSearch);
   ClientResponse response;
   bool done = false;
   EXPECT_EQ(feed(parser, "HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\0\x01\r\n\r\n"s, response, done),
@@ -233,7 +235,7 @@ TEST(RESTResponse, AZeroByteEndsAHeaderBlockAndIsNotTaken) {
 TEST(RESTResponse, TakesALengthBesideChunksForNothing) {
   for (const char* lines : {"Content-Length: 5\r\nTransfer-Encoding: chunked\r\n",
                             "Transfer-Encoding: chunked\r\nContent-Length: 5\r\n"}) {
-    auto parser = parserFor(8);
+    auto parser = parserFor(kStreamSearch);
     ClientResponse response;
     bool done = false;
     EXPECT_EQ(feed(parser, headers(200, lines), response, done), 0);
@@ -248,7 +250,7 @@ TEST(RESTResponse, TakesALengthBesideChunksForNothing) {
 
 TEST(RESTResponse, TakesAnyTransferEncodingForChunks) {
   for (const char* value : {"chunked", "gzip", "identity", ""}) {
-    auto parser = parserFor(8);
+    auto parser = parserFor(kStreamSearch);
     ClientResponse response;
     bool done = false;
     const auto line = std::string("Transfer-Encoding: ") + value + "\r\n";
@@ -261,7 +263,7 @@ TEST(RESTResponse, TakesAnyTransferEncodingForChunks) {
 }
 
 TEST(RESTResponse, FindsHeaderNamesAnywhereInALine) {
-  auto parser = parserFor(8);
+  auto parser = parserFor(kStreamSearch);
   ClientResponse response;
   bool done = false;
   feed(parser, headers(200, "X-Content-Length-Of-It: 9\r\n"), response, done);
@@ -269,7 +271,7 @@ TEST(RESTResponse, FindsHeaderNamesAnywhereInALine) {
 }
 
 TEST(RESTResponse, FindsHeaderNamesOnlyInTheirOwnCase) {
-  auto parser = parserFor(8);
+  auto parser = parserFor(kStreamSearch);
   ClientResponse response;
   bool done = false;
   feed(parser, headers(200, "content-length: 9\r\nContent-Length: 5\r\n"), response, done);
@@ -278,7 +280,7 @@ TEST(RESTResponse, FindsHeaderNamesOnlyInTheirOwnCase) {
 
 TEST(RESTResponse, FindsNoHeaderNameThatLacksItsFirstLetter) {
   for (const bool inPlace : {true, false}) {
-    auto parser = parserFor(8);
+    auto parser = parserFor(kStreamSearch);
     ClientResponse response;
     bool done = false;
     const std::string block =
@@ -317,7 +319,7 @@ TEST(RESTResponse, ReadsTheNumberAtTheStartOfALength) {
                                                        {"00000000000000000000012", 12},
                                                        {"1073741824", 1 << 30}};
   for (const auto& [text, length] : cases) {
-    auto parser = parserFor(8);
+    auto parser = parserFor(kStreamSearch);
     ClientResponse response;
     bool done = false;
     feed(parser, headers(200, "Content-Length:" + text + "\r\n"), response, done);
@@ -338,7 +340,7 @@ TEST(RESTResponse, AStatusThatNoIntHoldsIsTheNearestOne) {
                                                        {"+99999999999999999999", kMost},
                                                        {"-99999999999999999999", kLeast}};
   for (const auto& [text, code] : cases) {
-    auto parser = parserFor(8);
+    auto parser = parserFor(kStreamSearch);
     auto block = icu::UnicodeString::fromUTF8("HTTP/1.1 " + text + " Because\r\n\r\n");
     parser.extractHeaders(block);
     EXPECT_EQ(parser.getStatusCode(), code) << text;
@@ -348,7 +350,7 @@ TEST(RESTResponse, AStatusThatNoIntHoldsIsTheNearestOne) {
 TEST(RESTResponse, TakesTheStatusCodeFromTheStatusLinesSecondWord) {
   for (const auto& [line, code] : std::vector<std::pair<std::string, int>>{
            {"HTTP/1.1 200 OK", 200}, {"HTTP/1.0 404 Not Found", 404}, {"X 401", 401}}) {
-    auto parser = parserFor(8);
+    auto parser = parserFor(kStreamSearch);
     auto text = icu::UnicodeString::fromUTF8(line + "\r\nContent-Length: 5\r\n\r\n");
     parser.extractHeaders(text);
     EXPECT_EQ(parser.getStatusCode(), code) << line;
@@ -356,7 +358,7 @@ TEST(RESTResponse, TakesTheStatusCodeFromTheStatusLinesSecondWord) {
 }
 
 TEST(RESTResponse, ExtractsHeadersFromTextAsWell) {
-  auto parser = parserFor(8);
+  auto parser = parserFor(kStreamSearch);
   icu::UnicodeString text(u"HTTP/1.1 503 Busy\r\nContent-Length: 12\r\n\r\n");
   parser.extractHeaders(text);
   EXPECT_EQ(parser.getStatusCode(), 503);
@@ -368,7 +370,7 @@ TEST(RESTResponse, ExtractsHeadersFromTextAsWell) {
 
 TEST(RESTResponse, ATextWithoutALineChangesNothing) {
   for (const char16_t* nothing : {u"", u"\n", u"\n\n"}) {
-    auto parser = parserFor(8);
+    auto parser = parserFor(kStreamSearch);
     icu::UnicodeString text(u"HTTP/1.1 503 Busy\r\nContent-Length: 12\r\n\r\n");
     parser.extractHeaders(text);
     text = nothing;
@@ -419,7 +421,7 @@ TEST(ChunkedMesgLen, ReadsASignABlankAndASecondPrefixAsZero) {
     int used = 0;
     EXPECT_EQ(getChunkedMesgLen(line.c_str(), used), 0) << size;
     EXPECT_EQ(used, static_cast<int>(size.size()) + 2) << size;
-    auto parser = parserFor(8, kContinuation);
+    auto parser = parserFor(kStreamSearch, kContinuation);
     used = 0;
     parser.updateContentLength(line.c_str(), used);
     EXPECT_EQ(parser.getContentLength(), 0) << size;
@@ -430,7 +432,7 @@ TEST(RESTResponse, ASizeLineWithASignABlankOrASecondPrefixIsRefused) {
   for (const auto& size : kAlmostSizes) {
     for (const bool streaming : {kFirst, kContinuation}) {
       const auto raised = raisedBy([&] {
-        auto parser = parserFor(8, streaming);
+        auto parser = parserFor(kStreamSearch, streaming);
         ClientResponse response;
         bool done = false;
         const auto start = streaming ? "" : headers(200, "Transfer-Encoding: chunked\r\n");
@@ -468,7 +470,7 @@ TEST(RESTResponse, ASizeLineOf125CharactersIsTakenWithTheLineEndInFrontOfItAndAL
   for (const char* front : {"", "\r\n"}) {
     for (const std::size_t zeros : {123U, 124U}) {
       const auto error = errorOf([&] {
-        auto parser = parserFor(8, kContinuation);
+        auto parser = parserFor(kStreamSearch, kContinuation);
         ClientResponse response;
         bool done = false;
         const auto line = front + std::string(zeros, '0') + "2b\r\n";
@@ -483,7 +485,7 @@ TEST(RESTResponse, ASizeLineOf125CharactersIsTakenWithTheLineEndInFrontOfItAndAL
 TEST(RESTResponse, AnEmptySizeLineIsRefusedAtOnce) {
   for (const char* line : {"\n", "\r\n\n", "\r\n\r\n"}) {
     EXPECT_EQ(errorOf([&] {
-                auto parser = parserFor(8, kContinuation);
+                auto parser = parserFor(kStreamSearch, kContinuation);
                 ClientResponse response;
                 bool done = false;
                 feed(parser, line, response, done);
@@ -495,7 +497,7 @@ TEST(RESTResponse, AnEmptySizeLineIsRefusedAtOnce) {
 TEST(RESTResponse, SkipsTheEndOfThePreviousChunkInFrontOfAChunkSizeLine) {
   for (const auto& [text, consumed] :
        std::vector<std::pair<std::string, int>>{{"\r\n1a\r\n", 6}, {"1a\r\n", 4}}) {
-    auto parser = parserFor(8, kContinuation);
+    auto parser = parserFor(kStreamSearch, kContinuation);
     int used = 0;
     parser.updateContentLength(text.c_str(), used);
     EXPECT_EQ(used, consumed);
@@ -507,7 +509,7 @@ TEST(RESTResponse, SkipsTheEndOfThePreviousChunkInFrontOfAChunkSizeLine) {
 }
 
 TEST(RESTResponse, UpdatesNoContentLengthOfAReplyThatIsNotChunked) {
-  auto parser = parserFor(8);
+  auto parser = parserFor(kStreamSearch);
   int used = 0;
   parser.updateContentLength("1a\r\n", used);
   EXPECT_EQ(used, 0);
@@ -515,7 +517,7 @@ TEST(RESTResponse, UpdatesNoContentLengthOfAReplyThatIsNotChunked) {
 }
 
 TEST(RESTResponse, AContinuationLeavesWhatFollowsItsChunkSizeLine) {
-  auto parser = parserFor(8, kContinuation);
+  auto parser = parserFor(kStreamSearch, kContinuation);
   ClientResponse response;
   bool done = false;
   EXPECT_EQ(feed(parser, "\r\n1a\r\nab", response, done), 2);
@@ -528,7 +530,7 @@ TEST(RESTResponse, GathersAChunkSizeLineFromAnyPieces) {
   const std::string line = "\r\n1a\r\n";
   for (std::size_t first = 0; first <= line.size(); ++first) {
     for (std::size_t second = first; second <= line.size(); ++second) {
-      auto parser = parserFor(8, kContinuation);
+      auto parser = parserFor(kStreamSearch, kContinuation);
       ClientResponse response;
       bool done = false;
       for (const auto& piece :
@@ -545,7 +547,7 @@ TEST(RESTResponse, GathersAChunkSizeLineFromAnyPieces) {
 }
 
 TEST(RESTResponse, InitStateMakesAParserReadyForEitherStart) {
-  auto parser = parserFor(8);
+  auto parser = parserFor(kStreamSearch);
   parser.initState(true);
   int need = 0;
   EXPECT_FALSE(parser.parseDone(need));
@@ -563,7 +565,7 @@ TEST(RESTResponse, InitStateForgetsTheReplyThatItWasIn) {
   // In a header block; in a size line; after a chunk too short for a record's start; at the end.
   for (const std::string& begun :
        {start.substr(0, 20), start + "1", start + "3\r\n", start + "0\r\n"}) {
-    auto parser = parserFor(8);
+    auto parser = parserFor(kStreamSearch);
     ClientResponse response;
     bool done = false;
     const auto left = feed(parser, begun, response, done);
@@ -586,7 +588,7 @@ TEST(RESTResponse, InitStateForgetsTheReplyThatItWasIn) {
 
 TEST(RESTResponse, TheLimitOfAHeaderBlockHoldsForEachReplyByItself) {
   const std::string block = headersWithLength(200, 5);
-  auto parser = parserFor(8);
+  auto parser = parserFor(kStreamSearch);
   parser.setMaxReplyBytes(block.size());
   ClientResponse response;
   bool done = false;
@@ -601,7 +603,7 @@ TEST(RESTResponse, TheLimitOfAHeaderBlockHoldsForEachReplyByItself) {
 
 TEST(RESTResponse, ABodyIsParsedByItsAnnouncedLengthAndNotByWhatIsOffered) {
   const auto body = kSkipped + oneHit("a");
-  auto parser = parserFor(8);
+  auto parser = parserFor(kStreamSearch);
   ClientResponse response;
   bool done = false;
   feed(parser, headersWithLength(200, body.size()), response, done);
@@ -612,7 +614,7 @@ TEST(RESTResponse, ABodyIsParsedByItsAnnouncedLengthAndNotByWhatIsOffered) {
 
 TEST(RESTResponse, ABodyThatIsNotAllThereIsLeftAlone) {
   const auto body = kSkipped + oneHit("a") + kEndMark;
-  auto parser = parserFor(8);
+  auto parser = parserFor(kStreamSearch);
   ClientResponse response;
   bool done = false;
   feed(parser, headersWithLength(200, body.size()), response, done);
@@ -631,7 +633,7 @@ TEST(RESTResponse, ABodyThatIsNotAllThereIsLeftAlone) {
 
 TEST(RESTResponse, ALengthBelowNothingIsNothing) {
   for (const std::string& before : {std::string(), kChunkedHead, kChunkedHead + "1"}) {
-    auto parser = parserFor(8);
+    auto parser = parserFor(kStreamSearch);
     ClientResponse response;
     bool done = false;
     if (!before.empty()) feed(parser, before, response, done);
@@ -644,7 +646,7 @@ TEST(RESTResponse, ALengthBelowNothingIsNothing) {
 }
 
 TEST(RESTResponse, ABodyShorterThanTheBytesInFrontOfItsRecordsIsRefused) {
-  for (const int kind : {8, 20, 11, 14, 15}) {
+  for (const int kind : {kStreamSearch, kScalarSearch, kParseResult, kSelectivity, kGetStatus}) {
     for (std::size_t length = 1; length < 4; ++length) {
       EXPECT_EQ(refusal(kind, 200, kSkipped.substr(0, length)).errorId, "ERR_CLIENT_RESP_PARSING")
           << kind;
@@ -660,7 +662,7 @@ TEST(RESTResponse, Status200SetsTheReturnCodeTo0) {
 
 TEST(RESTResponse, ALengthOf0EndsTheReplyWithoutAnErrorWhateverItsStatus) {
   for (const int status : {200, 400, 401, 404, 500, 503}) {
-    auto parser = parserFor(8);
+    auto parser = parserFor(kStreamSearch);
     ClientResponse response;
     bool done = false;
     feed(parser, headersWithLength(status, 0), response, done);
@@ -676,7 +678,9 @@ TEST(RESTResponse, ALengthOf0EndsTheReplyWithoutAnErrorWhateverItsStatus) {
 }
 
 TEST(RESTResponse, AnyOtherKindHasNoBodyParser) {
-  for (const int kind : {0, 1, 7, 9, 22, 24, 63, 64, 1000, -1}) {
+  for (const int kind :
+       std::initializer_list<int>{0, kCreateCollection, 7, kAsynchAddDocument, kGetServerVersion,
+                                  kVersionsValidation, 63, 64, 1000, -1}) {
     Parsed200 result;
     parse200(kind, kSkipped + oneHit("base64:QQ==") + kEndMark, result);
     EXPECT_EQ(result.left, 0) << kind;
@@ -694,7 +698,7 @@ TEST(RESTResponse, LosesTheTextOfTheServersVersion) {
 // Searches.
 
 TEST(RESTResponse, ParsesTheHitsOfEachKindOfSearch) {
-  for (const int kind : {6, 8, 20}) {
+  for (const int kind : std::initializer_list<int>{6, kStreamSearch, kScalarSearch}) {
     Parsed200 result;
     parse200(kind, kSkipped + oneHit("base64:QQ==") + oneHit("base64:Qg==") + kEndMark, result);
     EXPECT_EQ(hitsOf(result.response),
@@ -722,7 +726,7 @@ TEST(RESTResponse, DoesNotConsumeTheEndMark) {
 
 TEST(RESTResponse, ParsesAContinuationFromItsFirstByte) {
   const auto body = oneHit("base64:QQ==");
-  for (const int kind : {6, 8, 20}) {
+  for (const int kind : std::initializer_list<int>{6, kStreamSearch, kScalarSearch}) {
     auto parser = parserFor(kind, kContinuation);
     ClientResponse response;
     bool done = false;
@@ -777,7 +781,7 @@ TEST(RESTResponse, AnEmptyParseResultBodyIsDoneWithoutAWarning) {
 }
 
 TEST(RESTResponse, IsCompleteEvenAfterAPartialSearchBody) {
-  auto parser = parserFor(8);
+  auto parser = parserFor(kStreamSearch);
   ClientResponse response;
   bool done = false;
   parseWhole(parser, 200, kSkipped + oneHit("a").substr(0, 6), response, done);
@@ -791,7 +795,7 @@ TEST(RESTResponse, AFieldThatRunsPastItsRecordIsRefused) {
   auto bytes = record({{"URI", "base64:QQ=="}});
   const auto valueLength = bytes.size() - 11 - 4;
   bytes.replace(valueLength, 4, bigEndian(12));
-  for (const int kind : {8, 20, 11, 15, 14}) {
+  for (const int kind : {kStreamSearch, kScalarSearch, kParseResult, kGetStatus, kSelectivity}) {
     EXPECT_EQ(refusal(kind, 200, kSkipped + enveloped(bytes) + kEndMark).errorId,
               "ERR_CLIENT_RESP_PARSING")
         << kind;
@@ -811,11 +815,11 @@ TEST(RESTResponse, AHitWithoutItsDocumentIsRefusedByName) {
 }
 
 TEST(RESTResponse, AnInfrastructureErrorInARecordLeavesAsTheLibrarysOwnWithItsMessages) {
-  for (const auto& [kind, fields] :
-       std::vector<std::pair<int, std::string>>{{8, record({{"SCORE", "1"}})},
-                                                {11, record({{"MsgId", "ZVK1"}, {"MsgText", "t"}})},
-                                                {11, record({{"Doc", "d"}, {"MsgId", "ZVK1"}})},
-                                                {15, record({{"OTHER", "3"}})}}) {
+  for (const auto& [kind, fields] : std::vector<std::pair<int, std::string>>{
+           {kStreamSearch, record({{"SCORE", "1"}})},
+           {kParseResult, record({{"MsgId", "ZVK1"}, {"MsgText", "t"}})},
+           {kParseResult, record({{"Doc", "d"}, {"MsgId", "ZVK1"}})},
+           {kGetStatus, record({{"OTHER", "3"}})}}) {
     auto parser = parserFor(kind);
     ClientResponse response;
     bool done = false;
@@ -839,7 +843,7 @@ TEST(RESTResponse, ParsesParseResults) {
 
 TEST(RESTResponse, ParsesAContinuationOfParseResultsFromItsFirstByte) {
   const auto body = oneRow("one") + kEndMark;
-  auto parser = parserFor(11, kContinuation);
+  auto parser = parserFor(kParseResult, kContinuation);
   ClientResponse response;
   bool done = false;
   char line[32];
@@ -861,7 +865,7 @@ TEST(RESTResponse, AParseResultLongerThanTheDataIsRefused) {
 
 TEST(RESTResponse, AParseResultLongerThanTheDataIsRefusedBehindAnEndThatIsNotItsOwn) {
   EXPECT_EQ(errorOf([&] {
-              auto parser = parserFor(11);
+              auto parser = parserFor(kParseResult);
               ClientResponse response;
               bool done = true;
               parseWhole(parser, 200, kSkipped + oneRow("one").substr(0, 9), response, done);
@@ -870,7 +874,7 @@ TEST(RESTResponse, AParseResultLongerThanTheDataIsRefusedBehindAnEndThatIsNotIts
 }
 
 TEST(RESTResponse, ARefusedParseResultLeavesTheRowsBeforeIt) {
-  auto parser = parserFor(11);
+  auto parser = parserFor(kParseResult);
   ClientResponse response;
   bool done = false;
   const auto body = kSkipped + oneRow("zero") + oneRow("one").substr(0, 9);
@@ -897,7 +901,7 @@ TEST(RESTResponse, AnEstimateIsSetEvenWhenNothingWasParsed) {
   const std::string compact = bigEndian(5) + bigEndian(7) + bigEndian(9);
   tq::comm::SelectivityInfo other(false);
   other.parseRecordNew(compact.data(), 12, 0);
-  auto parser = parserFor(14);
+  auto parser = parserFor(kSelectivity);
   ClientResponse response;
   response.setSelectivityInfo(other);
   ASSERT_EQ(response.getSelectivityInfo().getFirst(), 5);
@@ -922,7 +926,7 @@ TEST(RESTResponse, TakesTheStatusCodeOfTheRecord) {
 }
 
 TEST(RESTResponse, TheStatusIs0WhenNothingWasParsed) {
-  auto parser = parserFor(15);
+  auto parser = parserFor(kGetStatus);
   ClientResponse response;
   response.setGetStatusCode(5);
   bool done = false;
@@ -933,7 +937,7 @@ TEST(RESTResponse, TheStatusIs0WhenNothingWasParsed) {
 TEST(RESTResponse, AStatusRecordWithoutItsCodeIsAnErrorThatNamesTheProperty) {
   for (const auto& fields : {record({{"OTHER", "3"}}), record({{"STATUS_CODE", "three"}})}) {
     const auto error = errorOf([&] {
-      auto parser = parserFor(15);
+      auto parser = parserFor(kGetStatus);
       ClientResponse response;
       bool done = false;
       try {
@@ -954,7 +958,7 @@ TEST(RESTResponse, AStatusRecordWithoutItsCodeIsAnErrorThatNamesTheProperty) {
 
 TEST(RESTResponse, EstimateAndStatusSkipFourBytesInAContinuationToo) {
   const auto body = kSkipped + enveloped(record({{"STATUS_CODE", "8"}}));
-  auto parser = parserFor(15, kContinuation);
+  auto parser = parserFor(kGetStatus, kContinuation);
   ClientResponse response;
   bool done = false;
   char line[32];
@@ -966,7 +970,7 @@ TEST(RESTResponse, EstimateAndStatusSkipFourBytesInAContinuationToo) {
 
 TEST(RESTResponse, AContinuationSkipsFourBytesInFrontOfAnEstimate) {
   const auto body = kSkipped + enveloped(record({{"a", "b"}})) + "xyz";
-  auto parser = parserFor(14, kContinuation);
+  auto parser = parserFor(kSelectivity, kContinuation);
   ClientResponse response;
   bool done = false;
   char line[32];
@@ -982,7 +986,8 @@ TEST(RESTResponse, ARefusalWithABodyRaisesByItsStatus) {
       {400, "ERR_SERVER_PROTOCOL"}, {401, "ERR_SERVER_INVALID_AUTH"}, {404, "ERR_SERVER_PROTOCOL"},
       {302, "ERR_SERVER_PROTOCOL"}, {503, "ERR_SERVER_PROTOCOL"},     {201, "ERR_SERVER_PROTOCOL"},
   };
-  for (const int kind : {1, 8, 11, 14, 15, 22}) {
+  for (const int kind : {kCreateCollection, kStreamSearch, kParseResult, kSelectivity, kGetStatus,
+                         kGetServerVersion}) {
     for (const auto& [status, id] : cases) {
       const auto error = refusal(kind, status, "b");
       EXPECT_EQ(error.errorId, id) << status;
@@ -996,7 +1001,7 @@ TEST(RESTResponse, ARefusalWithABodyRaisesByItsStatus) {
 
 TEST(RESTResponse, ARefusalWaitsForNoMoreThanItsFirstChunk) {
   for (const int status : {400, 401, 404}) {
-    auto parser = parserFor(8);
+    auto parser = parserFor(kStreamSearch);
     ClientResponse response;
     bool done = false;
     feed(parser, headers(status, "Transfer-Encoding: chunked\r\n") + "1\r\n", response, done);
@@ -1009,7 +1014,7 @@ TEST(RESTResponse, ARefusalWaitsForNoMoreThanItsFirstChunk) {
 TEST(RESTResponse, ARefusalNamesNoLine) {
   for (const int status : {400, 401, 404}) {
     try {
-      auto parser = parserFor(1);
+      auto parser = parserFor(kCreateCollection);
       ClientResponse response;
       bool done = false;
       parseWhole(parser, status, "b", response, done);
@@ -1028,7 +1033,7 @@ TEST(RESTResponse, Status500WithoutAnErrorRecordIsTheServersFailureAndNamesItsLi
                            kSkipped + enveloped(record({{"MsgId", ""}, {"MsgText", "t"}})),
                            kSkipped + enveloped(record({{"MsgText", "t"}}))}) {
     try {
-      auto parser = parserFor(8);
+      auto parser = parserFor(kStreamSearch);
       ClientResponse response;
       bool done = false;
       parseWhole(parser, 500, body, response, done);
@@ -1050,7 +1055,7 @@ TEST(RESTResponse, Status500CarriesTheServersOwnMessage) {
   for (const auto& [id, level] : levels) {
     const auto body = kSkipped + enveloped(record({{"MsgId", id}, {"MsgText", "it broke"}}));
     const auto raised = raisedBy([&] {
-      auto parser = parserFor(8);
+      auto parser = parserFor(kStreamSearch);
       ClientResponse response;
       bool done = false;
       parseWhole(parser, 500, body, response, done);
@@ -1065,7 +1070,7 @@ TEST(RESTResponse, Status500CarriesTheServersOwnMessage) {
 
 TEST(RESTResponse, AnErrorRecordIsParsedOnlyWhenAllOfItIsThere) {
   const auto bytes = enveloped(record({{"MsgId", "ZVK1234E"}, {"MsgText", "t"}}));
-  auto parser = parserFor(8);
+  auto parser = parserFor(kStreamSearch);
   for (std::size_t length = 0; length <= bytes.size(); ++length) {
     RESTException error(true);
     // Behind the shortened record stands nothing that could be read.
@@ -1076,7 +1081,7 @@ TEST(RESTResponse, AnErrorRecordIsParsedOnlyWhenAllOfItIsThere) {
 }
 
 TEST(RESTResponse, AReplyThatIsCompleteMustNotBeFedAgain) {
-  auto parser = parserFor(1);
+  auto parser = parserFor(kCreateCollection);
   ClientResponse response;
   bool done = false;
   parseWhole(parser, 200, "x", response, done);
@@ -1094,7 +1099,7 @@ TEST(RESTResponse, AReplyThatIsCompleteMustNotBeFedAgain) {
 TEST(RESTResponse, ALengthThatNoReplyCanHaveIsRefused) {
   for (const char* value : {"-1", "2147483648", "4294967296", "99999999999999999999"}) {
     const auto error = errorOf([&] {
-      auto parser = parserFor(8);
+      auto parser = parserFor(kStreamSearch);
       ClientResponse response;
       bool done = false;
       feed(parser, headers(200, std::string("Content-Length: ") + value + "\r\n"), response, done);
@@ -1107,7 +1112,7 @@ TEST(RESTResponse, TheLimitOfABodyHoldsToTheByteAndCanBeMoved) {
   for (const std::size_t limit : {std::size_t{100}, std::size_t{5000}}) {
     for (const std::size_t length : {limit, limit + 1}) {
       const auto error = errorOf([&] {
-        auto parser = parserFor(8);
+        auto parser = parserFor(kStreamSearch);
         parser.setMaxReplyBytes(limit);
         ClientResponse response;
         bool done = false;
@@ -1122,7 +1127,7 @@ TEST(RESTResponse, TheLimitOfAChunkHoldsToTheByteAndCanBeMoved) {
   for (const bool streaming : {kFirst, kContinuation}) {
     for (const char* line : {"64\r\n", "65\r\n"}) {
       const auto error = errorOf([&] {
-        auto parser = parserFor(8, streaming);
+        auto parser = parserFor(kStreamSearch, streaming);
         parser.setMaxReplyBytes(100);
         ClientResponse response;
         bool done = false;
@@ -1138,7 +1143,7 @@ TEST(RESTResponse, TheDefaultLimitOfABodyIsOneGibibyte) {
   for (const auto& [length, refused] :
        std::vector<std::pair<std::size_t, bool>>{{1U << 30, false}, {(1U << 30) + 1, true}}) {
     const auto error = errorOf([&, size = length] {
-      auto parser = parserFor(8);
+      auto parser = parserFor(kStreamSearch);
       ClientResponse response;
       bool done = false;
       feed(parser, headersWithLength(200, size), response, done);
@@ -1157,7 +1162,7 @@ TEST(RESTResponse, TheLimitOfAHeaderBlockHoldsToTheByteAndCanBeMoved) {
            {0, kDefault}, {200, 200}, {5000, 5000}, {2 * kDefault, kDefault}}) {
     for (const std::size_t length : {limit, limit + 1}) {
       const auto error = errorOf([&, most = moved] {
-        auto parser = parserFor(8);
+        auto parser = parserFor(kStreamSearch);
         if (most != 0) parser.setMaxReplyBytes(most);
         ClientResponse response;
         bool done = false;
@@ -1170,7 +1175,7 @@ TEST(RESTResponse, TheLimitOfAHeaderBlockHoldsToTheByteAndCanBeMoved) {
 
 TEST(RESTResponse, ARecordAboveTheLimitIsRefusedAtItsFirstChunk) {
   const auto lines = headers(200, "Transfer-Encoding: chunked\r\n") + "8\r\n";
-  for (const int kind : {8, 11, 14, 15}) {
+  for (const int kind : {kStreamSearch, kParseResult, kSelectivity, kGetStatus}) {
     for (const std::uint32_t length : {500U, 501U}) {
       const auto error = errorOf([&] {
         auto parser = parserFor(kind);
@@ -1181,14 +1186,14 @@ TEST(RESTResponse, ARecordAboveTheLimitIsRefusedAtItsFirstChunk) {
         feed(parser, kSkipped + bigEndian(length), response, done);
       });
       // A parse result must not be cut by a chunk, whatever its length is.
-      const bool refused = length > 500 || kind == 11;
+      const bool refused = length > 500 || kind == kParseResult;
       EXPECT_EQ(error.errorId, refused ? "ERR_CLIENT_RESP_PARSING" : "") << kind;
     }
   }
 }
 
 TEST(RESTResponse, AFirstBodyTooShortForARecordIsDoneWithTheLastChunk) {
-  for (const int kind : {8, 20}) {
+  for (const int kind : {kStreamSearch, kScalarSearch}) {
     for (const std::size_t behind : {std::size_t{1}, std::size_t{3}}) {
       auto parser = parserFor(kind);
       ClientResponse response;
@@ -1239,12 +1244,12 @@ TEST(RESTResponse, AReplyOfOneRecordIsReadOnUntilTheChunkThatEndsIt) {
 
 TEST(RESTResponse, AFirstBodyTooShortForARecordIsReadOnOnlyWhereThereAreRecords) {
   const std::string rows = kSkipped + oneRow("d") + kEndMark;
-  for (const int kind : {11, 1, 22}) {
+  for (const int kind : {kParseResult, kCreateCollection, kGetServerVersion}) {
     auto parser = parserFor(kind);
     ClientResponse response;
     bool done = false;
     feed(parser, headers(200, "Transfer-Encoding: chunked\r\n") + "6\r\n", response, done);
-    const bool hasRecords = kind == 11;
+    const bool hasRecords = kind == kParseResult;
     EXPECT_EQ(feed(parser, rows.substr(0, 6), response, done), hasRecords ? 6 : 0) << kind;
     int need = 0;
     EXPECT_EQ(parser.parseDone(need), !hasRecords) << kind;
@@ -1259,7 +1264,7 @@ TEST(RESTResponse, AFirstBodyTooShortForARecordIsReadOnOnlyWhereThereAreRecords)
 
 TEST(RESTResponse, ChunksThatAFirstRecordIsSpreadOverAreTogetherNoLongerThanAnyReply) {
   for (const bool fits : {true, false}) {
-    auto parser = parserFor(8);
+    auto parser = parserFor(kStreamSearch);
     parser.setMaxReplyBytes(std::numeric_limits<int>::max());
     ClientResponse response;
     bool done = false;
@@ -1380,7 +1385,7 @@ TEST(RESTResponse, RefusalsForDifferentReasonsHaveDifferentTexts) {
 TEST(RESTResponse, ItsOperationsCanBeBoundAsOnesOfAnObjectThatMayChange) {
   bool (RESTResponse::*parseDone)(int&) = &RESTResponse::parseDone;
   void (RESTResponse::*print)() = &RESTResponse::print;
-  auto parser = parserFor(8);
+  auto parser = parserFor(kStreamSearch);
   int need = 0;
   EXPECT_FALSE((parser.*parseDone)(need));
   EXPECT_EQ(need, 256);
@@ -1402,7 +1407,7 @@ class TracedIds : public tq::oss::TraceFacility {
 
 TEST(RESTResponse, ItsOperationsAreTraced) {
   TracedIds traced;
-  auto parser = parserFor(8);
+  auto parser = parserFor(kStreamSearch);
   feedAll(parser, inChunks("8\r\n" + kSkipped + kEndMark));
   parser.print();
   for (const unsigned int id :
@@ -1435,7 +1440,7 @@ TEST(RESTResponse, AHostThatTracesSeesEachRecordOfABodyDecodedByItself) {
 TEST(RESTResponse, PrintDoesNothing) {
   testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
-  parserFor(8).print();
+  parserFor(kStreamSearch).print();
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 }

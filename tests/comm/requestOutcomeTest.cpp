@@ -88,46 +88,55 @@ std::vector<Case> singleAttempts() {
       {"the last document", nothing, {kLastDocSent}, RequestOutcome::MayBeApplied},
       {"no such host",
        failing(Entry::Getaddrinfo, error(EAI_NONAME)),
-       {4},
+       {kUpdateIndex},
        RequestOutcome::NotSent},
-      {"no descriptor", failing(Entry::Socket, error(EMFILE)), {4}, RequestOutcome::NotSent},
+      {"no descriptor",
+       failing(Entry::Socket, error(EMFILE)),
+       {kUpdateIndex},
+       RequestOutcome::NotSent},
       {"refused connection",
        failing(Entry::Connect, error(ECONNREFUSED)),
-       {4},
+       {kUpdateIndex},
        RequestOutcome::NotSent},
-      {"nothing was written", failing(Entry::Sendmsg, error(EPIPE)), {4}, RequestOutcome::NotSent},
+      {"nothing was written",
+       failing(Entry::Sendmsg, error(EPIPE)),
+       {kUpdateIndex},
+       RequestOutcome::NotSent},
       {"half was written",
        [](FaultNetwork& network, CorvaneRESTClient&) {
          network.plan(Entry::Sendmsg, 1, kOneByte);
          network.plan(Entry::Sendmsg, 2, error(ECONNRESET));
        },
-       {4},
+       {kUpdateIndex},
        RequestOutcome::NotSent},
       {"the peer stopped reading",
        [](FaultNetwork& network, CorvaneRESTClient& client) {
          network.options().window = 40;
          client.setDeadline(100);
        },
-       {4},
+       {kUpdateIndex},
        RequestOutcome::NotSent},
-      {"closed before a reply", failing(Entry::Recv, kEof), {4}, RequestOutcome::MayBeApplied},
+      {"closed before a reply",
+       failing(Entry::Recv, kEof),
+       {kUpdateIndex},
+       RequestOutcome::MayBeApplied},
       {"reset before a reply",
        failing(Entry::Recv, error(ECONNRESET)),
-       {4},
+       {kUpdateIndex},
        RequestOutcome::MayBeApplied},
       {"silence",
        [](FaultNetwork& network, CorvaneRESTClient& client) {
          network.options().silent = true;
          client.setTimeOut(100);
        },
-       {4},
+       {kUpdateIndex},
        RequestOutcome::MayBeApplied},
       {"the deadline passed while waiting",
        [](FaultNetwork& network, CorvaneRESTClient& client) {
          network.options().silent = true;
          client.setDeadline(100);
        },
-       {4},
+       {kUpdateIndex},
        RequestOutcome::MayBeApplied},
   };
 }
@@ -250,7 +259,7 @@ TEST_P(RequestOutcomes, OfAProtocolOfTheCallersAreUncertainOnceSomethingWasSent)
 TEST_P(RequestOutcomes, StayUncertainWhenALaterAttemptIsNotSent) {
   network.plan(Entry::Recv, 1, kEof);
   network.plan(Entry::Connect, 2, error(ECONNREFUSED));
-  const auto ran = runMarked(*client, {4});
+  const auto ran = runMarked(*client, {kUpdateIndex});
   EXPECT_EQ(ran.errorId, "ERR_CONNECT_SERVER");
   EXPECT_EQ(ran.outcome, RequestOutcome::MayBeApplied);
   EXPECT_EQ(timesSeen(network.journal(), 1), 1U);
@@ -266,7 +275,7 @@ TEST_P(RequestOutcomes, StayUncertainWhenALaterAttemptIsRefused) {
 
 TEST_P(RequestOutcomes, AreAnAnswerWhenALaterAttemptIsAnswered) {
   network.plan(Entry::Recv, 1, kEof);
-  EXPECT_EQ(runMarked(*client, {4}).outcome, RequestOutcome::Answered);
+  EXPECT_EQ(runMarked(*client, {kUpdateIndex}).outcome, RequestOutcome::Answered);
   EXPECT_EQ(timesSeen(network.journal(), 1), 2U);
 }
 
@@ -288,7 +297,7 @@ TEST_P(RequestOutcomes, DoNotSufferFromALookAtTheConnectionThatFails) {
 TEST_P(RequestOutcomes, AreThatNothingWasSentWhenNoAttemptGotThrough) {
   network.options().connectError = ECONNREFUSED;
   client->setNumRetries(5);
-  EXPECT_EQ(runMarked(*client, {4}).outcome, RequestOutcome::NotSent);
+  EXPECT_EQ(runMarked(*client, {kUpdateIndex}).outcome, RequestOutcome::NotSent);
   EXPECT_EQ(network.connectTimes().size(), 6U);
 }
 
@@ -313,7 +322,7 @@ TEST(GarbledOutcomes, AreUncertainBecauseWhatCameIsNoReply) {
     auto client = clientOf(protocol);
     client->setTimeOut(100);
     client->setNumRetries(0);
-    EXPECT_NE(runMarked(*client, {4}).errorId, "");
+    EXPECT_NE(runMarked(*client, {kUpdateIndex}).errorId, "");
     EXPECT_EQ(client->getRequestOutcome(), RequestOutcome::MayBeApplied);
   }
 }
@@ -339,7 +348,7 @@ TEST(BinaryCodeOutcomes, AreARefusalOnlyWhereTheServerSaysSo) {
     FaultNetwork network(optionsOf(Protocol::Binary),
                          [&](const std::string&) { return Answer{{code.reply}}; });
     auto client = clientOf(Protocol::Binary);
-    EXPECT_NE(runMarked(*client, {4}).errorId, "");
+    EXPECT_NE(runMarked(*client, {kUpdateIndex}).errorId, "");
     EXPECT_EQ(client->getRequestOutcome(), code.expected);
     EXPECT_EQ(timesSeen(network.journal(), 1), 1U);
   }
@@ -435,7 +444,7 @@ TEST_P(RetryUnsafe, OffATimeOutIsNotRepeatedEither) {
   client->setRetryUnsafe(false);
   client->setNumRetries(3);
   client->setTimeOut(100);
-  EXPECT_EQ(runMarked(*client, {1, 16}).errorId, "ERR_SERVER_COMM_TIMEOUT");
+  EXPECT_EQ(runMarked(*client, {kCreateCollection, 16}).errorId, "ERR_SERVER_COMM_TIMEOUT");
   EXPECT_EQ(timesSeen(network.journal(), 16), 1U);
 }
 
@@ -457,7 +466,7 @@ TEST_P(RetryUnsafe, OffAHalfWrittenRequestIsSentAgain) {
   client->setRetryUnsafe(false);
   network.plan(Entry::Sendmsg, 1, kOneByte);
   network.plan(Entry::Sendmsg, 2, error(ECONNRESET));
-  EXPECT_EQ(runMarked(*client, {16, 7}).errorId, "");
+  EXPECT_EQ(runMarked(*client, {kBackup, 7}).errorId, "");
   EXPECT_EQ(timesSeen(network.journal(), 7), 1U);
 }
 
