@@ -1,4 +1,5 @@
-// A portion for which there was no memory: its results are handed out once or not at all.
+// A portion for which there was no memory: its results are handed out once or not at all. A look at
+// the connection for which there was none: it costs the connection and no request.
 
 #include <gtest/gtest.h>
 
@@ -15,6 +16,7 @@
 #include "tests/support/binaryReplies.h"
 #include "tests/support/chunks.h"
 #include "tests/support/exchange.h"
+#include "tests/support/failingMemory.h"
 #include "tests/support/replyCorpus.h"
 #include "tests/support/script.h"
 #include "tests/support/scriptedNetwork.h"
@@ -138,5 +140,26 @@ INSTANTIATE_TEST_SUITE_P(Over, ScarcePortion,
                          testing::Values(Protocol::Http, Protocol::Binary,
                                          Protocol::BinaryReassembled),
                          [](const auto& test) { return nameOf(test.param); });
+
+TEST(ScarceBuffer, OfAConnectionThatCannotBeLookedAtCostsTheConnectionAlone) {
+  // A receive buffer of more than a megabyte is given back. The status line that follows the old
+  // reply then arrives byte by byte, and cannot be put back when it is recognised.
+  const std::string body(std::size_t{1280} * 1024, 'v');
+  const std::string large = chunk(body);
+  ScriptedNetwork network({Script()
+                               .expectRequest()
+                               .send(kChunkedHead + large.substr(0, large.size() - 2))
+                               .send("\r\n0\r\nHTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n")
+                               .awaitClose(),
+                           Script().expectRequest().awaitClose()});
+  const auto client = clientOf(Protocol::Http);
+  EXPECT_EQ(runExchange(*client, kGetServerVersion).errorId, "");
+  {
+    const support::OutOfMemory none;
+    EXPECT_EQ(runExchange(*client, kAsynchAddDocument).errorId, "");
+  }
+  EXPECT_EQ(network.connections(), 2U);
+  EXPECT_EQ(network.connection(1).requests.size(), 1U);
+}
 
 }  // namespace

@@ -346,9 +346,10 @@ TEST(Converter, RefusesNullWithALength) {
 }
 
 TEST(Converter, RefusesMoreBytesThanATextCanHold) {
-  const char byte = 'x';
+  // Read as a length of 32 bits the second one is 1: then all of these bytes would be taken.
+  const std::string bytes(std::size_t{1} << 24, 'x');
   for (const std::size_t length : {std::size_t{1} << 31, (std::size_t{1} << 32) + 1}) {
-    expectOutOfMemory([&] { Converter::fromUTF8(&byte, length); });
+    expectOutOfMemory([&] { Converter::fromUTF8(bytes.data(), length); });
   }
 }
 
