@@ -32,7 +32,9 @@ enum class RequestOutcome {
   Answered,
 };
 
-/// What one operation may take, instead of what the client's setters say.
+/// What one operation may take, instead of what the client's setters say. The time-out of
+/// `setTimeOut` counts beside them: a client that also makes calls without limit, such as an
+/// UPDATE_INDEX, is given deadlines and no time-out.
 struct OperationLimits {
   /// MILLISECONDS for all of it, as `setDeadline`; 0 for none.
   unsigned int deadlineMillis = 0;
