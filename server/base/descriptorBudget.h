@@ -39,7 +39,7 @@ class DescriptorBudget {
     Share& operator=(const Share&) = delete;
     ~Share();
 
-    /// Adds so many descriptors, and has others closed if that takes it. Throws
+    /// Adds this many descriptors, and has others closed if that takes it. Throws
     /// ServerError(TryAgain) if there are not enough.
     void add(std::size_t count);
 

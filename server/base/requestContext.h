@@ -32,7 +32,7 @@ class RequestContext : public std::enable_shared_from_this<RequestContext> {
 
   /// From any thread: throws ServerError if the work has to end.
   void check() const;
-  /// The same, for so many steps of work.
+  /// The same, for this many steps of work.
   void spend(std::uint64_t steps) {
     spent_ += steps;
     if (limits_.cost != 0 && spent_ > limits_.cost) refuseCost();

@@ -1,6 +1,7 @@
 #include "server/base/xmlText.h"
 
 #include <expat.h>
+#include <fmt/format.h>
 #include <malloc.h>
 #include <unicode/utf8.h>
 
@@ -141,10 +142,11 @@ class XmlReader {
     const XML_Error error = XML_GetErrorCode(parser_.get());
     std::string reason = reason_ ? reason_ : XML_ErrorString(error);
     if (error == XML_ERROR_NO_MEMORY) reason = "it takes too much memory for its size";
-    throw ServerError(ErrorKind::BadDocument,
-                      "the document is no XML that can be read: " + reason + ", at line " +
-                          std::to_string(XML_GetCurrentLineNumber(parser_.get())) + ", column " +
-                          std::to_string(XML_GetCurrentColumnNumber(parser_.get()) + 1));
+    throw ServerError(
+        ErrorKind::BadDocument,
+        fmt::format("the document is no XML that can be read: {}, at line {}, column {}", reason,
+                    XML_GetCurrentLineNumber(parser_.get()),
+                    XML_GetCurrentColumnNumber(parser_.get()) + 1));
   }
 
   std::string_view xml_;

@@ -1,5 +1,7 @@
 #include "server/front/actions.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <optional>
@@ -236,7 +238,7 @@ Reply deleteDocument(const Service& service, Request& request) {
 std::string clientOf(const Request& request) {
   std::string client(request.header(words().client));
   if (client.size() <= kMaxClientName) return client;
-  refuseValue(request, words().client, "longer than " + std::to_string(kMaxClientName) + " bytes");
+  refuseValue(request, words().client, fmt::format("longer than {} bytes", kMaxClientName));
 }
 
 // The client expects no reply, so a refusal is reported among the outcomes of queued documents.

@@ -1,5 +1,7 @@
 #include "server/front/requestValues.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <charconv>
 #include <system_error>
@@ -83,9 +85,8 @@ std::vector<std::string> collectionsOf(const Request& request) {
   }
   names.insert(names.begin(), first);
   if (names.size() > kMostTogether) {
-    refuseValue(
-        request, parameter,
-        "but at most " + std::to_string(kMostTogether) + " collections are searched together");
+    refuseValue(request, parameter,
+                fmt::format("but at most {} collections are searched together", kMostTogether));
   }
   for (auto name = names.begin(); name != names.end(); ++name) {
     if (std::find(names.begin(), name, *name) == name) continue;

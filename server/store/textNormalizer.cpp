@@ -1,5 +1,6 @@
 #include "server/store/textNormalizer.h"
 
+#include <fmt/format.h>
 #include <unicode/locid.h>
 #include <unicode/normalizer2.h>
 #include <unicode/uchar.h>
@@ -37,9 +38,9 @@ void appendLower(std::string& out, std::string_view word) {
 bool isQuotationMark(UChar32 c) { return c == u'"' || c == u'\u201c' || c == u'\u201d'; }
 
 [[noreturn]] void unbalanced(std::string_view what, std::int32_t position, const char* lack) {
-  throw ServerError(ErrorKind::BadQuery, "the query cannot be understood: the " +
-                                             std::string(what) + " at character " +
-                                             std::to_string(position) + " " + lack);
+  throw ServerError(ErrorKind::BadQuery,
+                    fmt::format("the query cannot be understood: the {} at character {} {}", what,
+                                position, lack));
 }
 
 /// A bracket, an operator, or something that is searched for.
@@ -52,6 +53,11 @@ struct QueryPiece {
 
   bool isNot() const { return kind == Kind::Operator && text == u"NOT"; }
 };
+
+std::string placeOf(const QueryPiece& piece) {
+  std::string text;
+  return fmt::format("the \"{}\" at character {}", piece.text.toUTF8String(text), piece.position);
+}
 
 bool joinsTwoSides(const icu::UnicodeString& word) {
   return word == u"AND" || word == u"OR" || word == u"XOR" || word == u"NOT";
@@ -197,10 +203,7 @@ std::string lonelyOperatorIn(const std::string& query) {
     const bool ends = !behind || behind->kind == Kind::Close ||
                       (behind->kind == Kind::Operator && !behind->isNot());
     if (!ends && (piece.isNot() || !begins)) continue;
-    std::string place = "the \"";
-    piece.text.toUTF8String(place);
-    return place + "\" at character " + std::to_string(piece.position) + " has nothing " +
-           (ends ? "behind" : "before") + " it";
+    return fmt::format("{} has nothing {} it", placeOf(piece), ends ? "behind" : "before");
   }
   return {};
 }
@@ -208,12 +211,9 @@ std::string lonelyOperatorIn(const std::string& query) {
 std::string positionsNeededIn(const std::string& query) {
   const auto text = icu::UnicodeString::fromUTF8(query);
   const std::int32_t phrase = firstPhrase(text);
-  if (phrase != 0) return "the phrase at character " + std::to_string(phrase);
+  if (phrase != 0) return fmt::format("the phrase at character {}", phrase);
   for (const QueryPiece& piece : piecesOf(text)) {
-    if (!isAboutPlaces(piece.text)) continue;
-    std::string name = "the \"";
-    piece.text.toUTF8String(name);
-    return name + "\" at character " + std::to_string(piece.position);
+    if (isAboutPlaces(piece.text)) return placeOf(piece);
   }
   return {};
 }
