@@ -253,7 +253,7 @@ std::string headOfHttp(const std::string& body) {
   return "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + body;
 }
 
-// Records of a hit: {"URI": "k"} behind four bytes that nobody interprets, and a first envelope.
+// Records of a hit: {"URI": "k"} after four bytes that nobody interprets, and a first envelope.
 std::string firstChunk() {
   const std::string record("\0\0\0\x03URI\x40\0\0\x01k", 12);
   const std::string body = std::string(4, '\0') + std::string("\0\0\0\x0c", 4) + record;

@@ -43,7 +43,7 @@ tq::util::ExtendedProperties queryOf(const SearchArguments& arguments,
   return properties;
 }
 
-// Nothing if there are not so many hits.
+// Nothing if there are not that many hits.
 std::optional<Place> placeBehind(Session& session, const SearchArguments& arguments,
                                  const std::string& from, std::uint64_t hits) {
   tq::util::ExtendedProperties properties = queryOf(arguments, from);

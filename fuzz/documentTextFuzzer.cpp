@@ -68,7 +68,7 @@ std::string htmlTextOf(std::string_view html) {
   return text;
 }
 
-// Nothing is kept of elements that are open: behind any part that ends outside of tags the document
+// Nothing is kept of elements that are open: after any part that ends outside of tags the document
 // goes on as if it began there.
 void requireDivisible(std::string_view html, std::size_t place) {
   const std::string first(html.substr(0, place));

@@ -12,7 +12,7 @@ class Envelopes {
   static bool isSuccess(std::string_view reply) { return reply.size() >= 2 && shortAt(reply) == 1; }
 
   /// True when the first envelope is an error. A server's content never is; the parser looks for
-  /// the error record behind the envelope too, and what is there depends on the cut.
+  /// the error record after the envelope too, and what is there depends on the cut.
   static bool beginsWithError(std::string_view body) {
     return body.size() >= 2 && shortAt(body) == 6;
   }
@@ -36,7 +36,7 @@ class Envelopes {
   /// Those in front of the end mark and of the first that is cut or too short for its score.
   std::size_t hits() const { return hits_; }
   /// True when an envelope has the status that the parser keeps for cut ones. No server sends it;
-  /// the parser stops behind its header, so that what follows depends on the cut.
+  /// the parser stops after its header, so that what follows depends on the cut.
   bool callsItselfCut() const { return callsItselfCut_; }
   /// True when hits with and without a score are mixed. A hit without one keeps the score of the
   /// hit before it in the same block; servers do not mix the two, because what a hit says would

@@ -19,8 +19,8 @@ class MemoryMeter {
   std::size_t peak() const;
 };
 
-/// What a reader of hostile bytes may take: an amount that does not depend on them, and so many
-/// bytes for each byte that was really sent.
+/// What a reader of hostile bytes may take: a fixed amount, and a multiple of the bytes that were
+/// really sent.
 struct MemoryBounds {
   std::size_t largestBase;
   std::size_t largestPerByte;

@@ -33,7 +33,7 @@ struct Text {
   std::string content;
 };
 
-/// The documents and queries of a load: texts from a file, and behind them as many generated ones
+/// The documents and queries of a load: texts from a file, and after them as many generated ones
 /// as asked for, in which the word of rank r occurs in proportion to 1/r, as in natural text. Any
 /// thread can make any of them at any time; the same one is always the same.
 class Corpus {

@@ -67,7 +67,7 @@ class RawConnection {
   int fd_;
 };
 
-/// A header block, for the binary protocol behind its length.
+/// A header block, for the binary protocol after its length.
 inline std::string headerOf(bool binary, const std::string& lines, std::size_t bodyBytes) {
   const std::string length = bodyBytes == 0 ? "" : std::to_string(bodyBytes);
   const std::string block = "Content-Length  : " + length + "\n" + lines + "\r\n";

@@ -9,7 +9,7 @@
 
 namespace tq::oss {
 
-// Each step writes so many units as bytes, if all of them are ASCII; otherwise it says so and has
+// Each step writes this many units as bytes, if all of them are ASCII; otherwise it says so and has
 // written nothing.
 
 struct PlainSteps {

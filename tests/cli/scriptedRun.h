@@ -54,7 +54,7 @@ std::string outcomes(const Outcomes& rows);
 
 /// Gives these answers to as many requests, then closes unless more is added.
 tq::test::Script answers(std::initializer_list<std::string> texts);
-/// Takes so many documents, the announcement of their end, and the question for their outcomes.
+/// Takes this many documents, the announcement of their end, and the question for their outcomes.
 tq::test::Script& takeWindow(tq::test::Script& script, std::size_t documents);
 /// Opens the collection, takes a window and tells its outcomes.
 tq::test::Script loadOf(std::size_t documents, const Outcomes& rows);

@@ -23,7 +23,7 @@ class TimedNetwork {
   /// the pieces that were sent.
   TimedNetwork(bool framed, bool joined, Answer answer);
 
-  // What the peer does, so many MICROSECONDS from now and after what it did before.
+  // What the peer does, this many MICROSECONDS from now and after what it did before.
   void send(std::size_t connection, const std::string& bytes, std::uint64_t delay);
   void sendUnasked(std::size_t connection, const std::string& bytes, std::uint64_t delay);
   void close(std::size_t connection, std::uint64_t delay);
@@ -32,11 +32,11 @@ class TimedNetwork {
   /// Says nothing more on the connection, whatever it is asked.
   void fallSilent(std::size_t connection) { kernel_.connection(connection).fallSilent(); }
 
-  /// Lets so many MICROSECONDS pass.
+  /// Lets this many MICROSECONDS pass.
   void idle(std::uint64_t micros);
 
   void failNextConnect();
-  /// The next write takes so many bytes, and the one after it fails.
+  /// The next write takes this many bytes, and the one after it fails.
   void failNextWrite(std::size_t bytes);
   /// Nothing fails any more.
   void heal() { kernel_.faults().clear(); }

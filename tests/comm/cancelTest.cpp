@@ -1,6 +1,6 @@
 // Twelve thousand waits are given up: at every wait of every kind of request, in the middle of
 // connecting, writing, reading, pulling and pausing, on a fresh and on a kept connection. Nothing
-// is left of any of them, and the request behind it gets its own answer.
+// is left of any of them, and the request after it gets its own answer.
 
 #include <gtest/gtest.h>
 
@@ -171,7 +171,7 @@ class RealCancels : public testing::TestWithParam<bool> {
     return plain(reply);
   }
 
-  /// One that answers nothing, one that breaks off behind a hit, one that answers.
+  /// One that answers nothing, one that breaks off after a hit, one that answers.
   static void addPeers(std::vector<Script>& scripts, std::size_t round) {
     Script silent;
     scripts.push_back(expect(silent).stall());

@@ -1,6 +1,6 @@
 // Replies with wrong lengths, and bytes that are not a reply. Whatever they say, an exchange ends
 // with results or with an error of the library, allocates little more than has arrived, and leaves
-// nothing for the exchange behind it.
+// nothing for the exchange after it.
 
 #include <gtest/gtest.h>
 
@@ -32,7 +32,7 @@ const Bounds& boundsOf(bool binary) { return binary ? kBinaryBounds : kHttpBound
 
 enum class Then { Close, Silence };
 
-/// How a lying reply is taken, and what its peer does behind it.
+/// How a lying reply is taken, and what its peer does after it.
 struct Manner {
   bool reassembly;
   Then then;

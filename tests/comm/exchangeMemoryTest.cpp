@@ -33,7 +33,7 @@ class ScarceLists : public std::pmr::memory_resource {
 
   ScarceLists() : before_(tq::comm::replaceMemoryOfResults(this)) {}
   ~ScarceLists() override { tq::comm::replaceMemoryOfResults(before_); }
-  /// There are so many blocks left.
+  /// This many blocks are left.
   void leave(int blocks) { left_ = blocks; }
 
  private:

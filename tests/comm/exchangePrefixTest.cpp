@@ -1,6 +1,6 @@
 // Every proper prefix of every reply, followed by a close or a reset: the failure that belongs to
 // it, or a stream that says that it was cut off; never a wrong, lost or doubled hit, and never
-// anything for the exchange behind it.
+// anything for the exchange after it.
 
 #include <gtest/gtest.h>
 
@@ -102,7 +102,7 @@ void checkChunked(const Reply& reply, std::size_t size, const Chunked& form,
                   const Observed& observed, std::size_t length) {
   const auto body = bodyInWholeChunks(form, length);
   if (reply.body.empty()) {
-    // The last chunk's line ends such a reply; the empty line behind it is not waited for.
+    // The last chunk's line ends such a reply; the empty line after it is not waited for.
     if (length + 2 >= form.text.size()) return expectWhole(reply, observed);
     return expectBrokenOff(observed);
   }

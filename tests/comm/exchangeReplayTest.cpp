@@ -1,5 +1,5 @@
 // Every reply, cut in every way that TCP and a chunking server can cut it: the result must be the
-// same, and so must that of the exchange behind it. There is one exception: without reassembly, a
+// same, and so must that of the exchange after it. There is one exception: without reassembly, a
 // first portion of the binary protocol that holds nothing whole fails.
 
 #include <gtest/gtest.h>

@@ -64,7 +64,7 @@ struct Ran {
 std::unique_ptr<tq::comm::CorvaneRESTClient> clientOf(Protocol protocol, bool persistent = true,
                                                       unsigned int port = 7);
 
-/// Runs the exchange and pulls everything behind it. The clock is the network's.
+/// Runs the exchange and pulls everything after it. The clock is the network's.
 Ran runMarked(tq::comm::CorvaneRESTClient& client, const MarkedRequest& marked);
 
 /// The results of the request when nothing goes wrong.

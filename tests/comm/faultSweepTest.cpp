@@ -426,7 +426,7 @@ bool saysThatTimeIsOver(const std::string& id) {
   return id == "ERR_SERVER_COMM_TIMEOUT" || id == "ERR_CONNECT_SERVER";
 }
 
-/// False: there are not so many looks at the clock.
+/// False: there are not that many looks at the clock.
 bool checkBlindRun(const Blind& blind, const MarkedRequest& marked, std::size_t nth) {
   const auto& setting = blind.setting;
   FaultNetwork network(optionsOf(blind), answererOf(setting.protocol));

@@ -39,13 +39,13 @@ class HostNeeds : public testing::TestWithParam<bool> {
     return binary() ? script.expectFramedRequest() : script.expectRequest();
   }
   static std::string statusReply() { return binary() ? word16(5) : plain(replyNamed("GetStatus")); }
-  /// A peer that answers so many status queries, then closes.
+  /// A peer that answers this many status queries, then closes.
   static Script answers(std::size_t count) {
     Script script;
     for (std::size_t i = 0; i < count; ++i) expect(script).send(statusReply());
     return script;
   }
-  /// A peer that takes so many requests without an answer, then closes.
+  /// A peer that takes this many requests without an answer, then closes.
   static Script takes(std::size_t count) {
     Script script;
     for (std::size_t i = 0; i < count; ++i) expect(script);

@@ -287,7 +287,7 @@ TEST(DrestoPerfClientSend, ABodyInPiecesGoesOutWholeWhenAWriteTakesFewBytes) {
 
 TEST(DrestoPerfClientSend, AFailedWriteIsASendErrorWithHostAndPort) {
   for (const std::size_t size : {10U, 20001U}) {
-    // The first write, or a piece of the body behind it.
+    // The first write, or a piece of the body after it.
     for (std::size_t behind = 0; behind < (size > 10000 ? 3U : 1U); ++behind) {
       ScriptedNetwork network(Script().awaitClose());
       auto client = binaryClient();
@@ -745,7 +745,7 @@ TEST_F(DrestoPerfClientBatching, ASearchThatIsHeldIsSentAgainOnlyOnceWhenItsWrit
   EXPECT_EQ(network.connection(1).received, all);
 }
 
-/// Holds a document, a request that will be answered, and a document behind it.
+/// Holds a document, a request that will be answered, and a document after it.
 class HeldQuestion : public DrestoPerfClientBatching {
  protected:
   std::string hold(DrestoPerfClient& client) {

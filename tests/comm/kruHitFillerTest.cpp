@@ -253,7 +253,7 @@ TEST(HitFiller, AnIdThatACallerKeepsIsNotWrittenOver) {
   EXPECT_EQ(std::string(60, 'b'), utf8(response.getSearchResponse().getNext().getDocId()));
 }
 
-/// A response with so many hits of one portion, keyed "key 0", "key 1" and so on.
+/// A response with this many hits of one portion, keyed "key 0", "key 1" and so on.
 void fillBinary(ClientResponse& response, int hits, const std::string& prefix = "key ") {
   std::string portion;
   for (int i = 0; i < hits; ++i) {

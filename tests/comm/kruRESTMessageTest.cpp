@@ -276,7 +276,7 @@ TEST_F(RESTMessageTest, ALongHeaderOfWideCharactersIsReturnedWhole) {
   EXPECT_NE(std::string::npos, header().find("q: " + value + "\nver: 1.1\n\r\n"));
 }
 
-// The message's kind stands right behind the room inside the message.
+// The message's kind stands right after the room inside the message.
 TEST_F(RESTMessageTest, AHeaderOfWideCharactersNeverLeavesTheRoomInsideTheMessage) {
   std::string wide;
   for (int i = 0; i < 5000; ++i) wide += "\xE2\x82\xAC";

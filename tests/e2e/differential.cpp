@@ -254,7 +254,7 @@ Sequence shortest(Sequence sequence, const std::function<bool(const Sequence&)>&
         begin += piece;
       }
     }
-    // What was needed may be needed no more when something behind it is gone.
+    // What was needed may be needed no more when something after it is gone.
     if (!shorter || piece > 1) piece = piece > 1 ? piece / 2 : 0;
   }
   return sequence;

@@ -174,7 +174,7 @@ TEST(Converter, WritesWhatTheSlowWayWritesOfVeryLongTexts) {
 }
 
 // Every place of the one unit that is not ASCII, in every length around the steps; and the room
-// behind the text stays as it was.
+// after the text stays as it was.
 template <typename Steps>
 void expectNarrowedUpToTheFirstOther() {
   for (std::int32_t length = 0; length <= 40; ++length) {

@@ -25,13 +25,13 @@ std::string plainHit(const std::string& key);
 std::string endOfResults();
 /// A record in the form with 2-byte lengths.
 std::string record16(const std::vector<std::pair<std::string, std::string>>& fields);
-/// The same behind its own length, as the body of an error reply.
+/// The same after its own length, as the body of an error reply.
 std::string errorRecord(const std::vector<std::pair<std::string, std::string>>& fields);
 std::string estimate(std::uint32_t first, std::uint32_t third, std::uint32_t second);
 /// The text by which a hit names its key.
 std::string idOfKey(const std::string& key);
 
-/// What a caller sees of one exchange and of everything that can be pulled behind it.
+/// What a caller sees of one exchange and of everything that can be pulled after it.
 struct BinaryOutcome {
   Outcome seen;
   unsigned long errorLine = 0;
@@ -70,7 +70,7 @@ const BinaryReply& binaryReplyNamed(const std::string& name);
 /// cut.
 const BinaryReply& nextBinaryReply();
 
-/// A stream of so many hits, each with a key of its own.
+/// A stream of this many hits, each with a key of its own.
 BinaryReply longSearch(int kind, std::size_t hits);
 
 /// Runs an exchange and pulls everything that it brings.

@@ -18,7 +18,7 @@ std::string utf8(const icu::UnicodeString& text);
 /// document. Its bytes live as long as the process.
 tq::comm::ClientRequest requestFor(int kind);
 
-/// How the portions behind a search's first one are taken.
+/// How the portions after a search's first one are taken.
 enum class Pull {
   Looping,  // getSearchResponse(client, true) until it brings nothing
   Single,   // recv() until the end of the stream

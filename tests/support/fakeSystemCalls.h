@@ -69,7 +69,7 @@ class FakeSystemCalls {
   void interrupt(Call call, unsigned int times) {
     for (unsigned int i = 1; i <= times; ++i) fail(call, i, EINTR);
   }
-  /// `Recv` or `Sendmsg` move at most so many bytes a call; 0 lifts the limit.
+  /// `Recv` or `Sendmsg` move at most this many bytes a call; 0 lifts the limit.
   void limitTransfer(Call call, std::size_t bytes) {
     const std::lock_guard lock(mutex_);
     limits_[index(call)] = bytes;
@@ -82,7 +82,7 @@ class FakeSystemCalls {
     const std::lock_guard lock(mutex_);
     stalled_[index(call)] = on;
   }
-  /// Only the next so many connects are stalled.
+  /// Only this many of the next connects are stalled.
   void stallConnects(unsigned int times) {
     ownClock();
     const std::lock_guard lock(mutex_);

@@ -26,7 +26,7 @@ class GuardedBytes {
   GuardedBytes(const GuardedBytes&) = delete;
   GuardedBytes& operator=(const GuardedBytes&) = delete;
 
-  /// Where so many bytes end at the guard; at most the largest number.
+  /// Where this many bytes end at the guard; at most the largest number.
   char* last(std::size_t count) { return begin_ + size_ - count; }
   /// A copy of the bytes that ends at the guard, until the next one.
   const char* hold(std::string_view bytes) {

@@ -32,7 +32,7 @@ class Peer {
     }
   }
 
-  /// Waits for exactly so many bytes; fewer when the other side closes.
+  /// Waits for exactly this many bytes; fewer when the other side closes.
   std::string receive(std::size_t count) {
     std::string bytes(count, '\0');
     std::size_t got = 0;

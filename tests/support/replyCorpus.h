@@ -25,7 +25,7 @@ struct Parsed {
   bool operator==(const Parsed&) const = default;
 };
 
-/// What a caller sees of one exchange and, for a search, of the stream behind it.
+/// What a caller sees of one exchange and, for a search, of the stream after it.
 struct Outcome {
   // Of the error's first message; all empty when the exchange succeeded.
   std::string errorId;
@@ -71,7 +71,7 @@ std::ostream& operator<<(std::ostream& out, const Reply& reply);
 // Records, in the form with 4-byte lengths.
 std::string bigEndian(std::uint32_t value);
 std::string record(const std::vector<std::pair<std::string, std::string>>& fields);
-/// The record behind its own length.
+/// The record after its own length.
 std::string enveloped(const std::string& record);
 std::string hitRecord(const std::string& id, const std::string& score);
 

@@ -34,11 +34,11 @@ class ScriptedNetwork {
   void ignoreConnects() { options_.neverAccepts = true; }
   /// No host name is known from now on.
   void failLookups() { options_.knowsNoName = true; }
-  /// The next write fails with this errno, or the one after so many that succeed.
+  /// The next write fails with this errno, or the one after this many that succeed.
   void failNextWrite(int error, std::size_t successes = 0) {
     kernel_.faults().add(Entry::Sendmsg, successes + 1, {Fault::Kind::Error, error});
   }
-  /// A write takes at most so many bytes.
+  /// A write takes at most this many bytes.
   void limitWrites(std::size_t bytes) { options_.maxWrite = bytes; }
   /// Ends the stalls of all scripts.
   void release();

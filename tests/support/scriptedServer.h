@@ -44,7 +44,7 @@ class ScriptedServer {
 
   /// Waits until the connection has seen the client's close.
   void awaitClientClose(std::size_t index) const;
-  /// Waits until the connection has received so many complete requests.
+  /// Waits until the connection has received this many complete requests.
   void awaitRequests(std::size_t index, std::size_t count) const;
   /// Waits until all connections together have.
   void awaitRequests(std::size_t count) const;

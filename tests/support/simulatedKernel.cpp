@@ -82,7 +82,7 @@ void Wire::add(Arrival arrival) {
   arrivals_.push_back(std::move(arrival));
 }
 
-/// The client has received so many bytes of the first arrival.
+/// The client has received this many bytes of the first arrival.
 void Wire::take(std::size_t count) {
   Arrival& front = arrivals_.front();
   extraReceived_ = extraReceived_ || front.extra;

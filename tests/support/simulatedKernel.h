@@ -32,7 +32,7 @@ class Wire {
   void reset(std::uint64_t delay = 0);
   /// Does nothing more, whatever the client does.
   void fallSilent() { ended_ = true; }
-  /// Extra bytes that would arrive later than so many nanoseconds from now never do.
+  /// Extra bytes that would arrive later than this many nanoseconds from now never do.
   void withdrawExtra(std::uint64_t delay);
 
   /// The number of the connection, in the order in which they were made.

@@ -1008,7 +1008,7 @@ class Writer {
         prefix_("w" + std::to_string(number) + "-"),
         random_(static_cast<unsigned>(number)) {}
 
-  /// Allows so many more changes.
+  /// Allows this many more changes.
   void allow(std::ptrdiff_t changes) { allowed_.release(changes); }
 
   void run(const std::stop_token& stop) {

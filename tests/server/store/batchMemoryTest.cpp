@@ -183,7 +183,7 @@ TEST_F(BatchMemoryTest, BatchThatNeverCameIsNotOldBecauseTheJournalBringsThoseBe
   EXPECT_TRUE(memory.find(numbered(forgotten + 1)));
 }
 
-// The journal begins at the file's last batches, or behind them.
+// The journal begins at the file's last batches, or after them.
 TEST_F(BatchMemoryTest, NamesThatAreUsedAgainDoNotBringBackWhatTheFileHolds) {
   for (std::size_t earlierOnes = 0; earlierOnes <= 2; ++earlierOnes) {
     SCOPED_TRACE(earlierOnes);

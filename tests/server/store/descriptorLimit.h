@@ -12,7 +12,7 @@
 
 namespace corvaned::test {
 
-/// The process can open only so many more files while the object lives; one at most. A sanitizer
+/// The process can open this many more files while the object lives; one at most. A sanitizer
 /// opens a pipe for its first look at an object of each class, and takes it for damaged when it
 /// cannot: what is to fail must have been done once before.
 class DescriptorLimit {

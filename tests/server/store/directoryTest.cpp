@@ -28,7 +28,7 @@ class DirectoryTest : public ::testing::Test {
     std::ofstream(root() / name) << bytes;
   }
 
-  // With a slash behind those that are directories.
+  // With a slash after those that are directories.
   template <typename Reader>
   std::vector<std::string> namesFrom(Reader& reader) const {
     std::vector<std::string> names;

@@ -173,7 +173,7 @@ const std::vector<Wanted> kWanted{
     {"", HitOrder::Value, "year"},
 };
 
-// Among them pages so far behind that the hits in front of them are not kept in memory.
+// Among them pages so far on that the hits before them are not kept in memory.
 TEST_F(PagesTest, TogetherAreTheWholeResult) {
   fill(2500);
   for (int i = 0; i < 15; ++i) store_->deleteDocument("c", keyOf(100 * i));

@@ -70,7 +70,7 @@ class PartsTest : public ::testing::Test {
 
   static std::string keyOf(int i) { return "key" + std::to_string(i); }
 
-  /// A collection of so many documents in two databases.
+  /// A collection of this many documents in two databases.
   void write(int documents, std::size_t parts = 2) const {
     LocalStore store(data(), limitsFor(parts));
     store.createCollection("c", "en");

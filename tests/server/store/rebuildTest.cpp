@@ -44,7 +44,7 @@ class RebuildTest : public ::testing::Test {
 
   static std::string keyOf(int i) { return "k" + std::to_string(100 + i); }
 
-  /// A collection of so many documents whose index has the schema 1.
+  /// A collection of this many documents whose index has the schema 1.
   void write(int documents) const {
     {
       LocalStore store(data(), {});
