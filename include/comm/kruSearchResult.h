@@ -35,7 +35,7 @@ class KRU_EXPORT SearchResult : public GenRespRecord {
   /// missing), no key, score = "SCORE" or 0.0.
   void reset() override;
 
-  /// Relevance; 0.0 when none was sent.
+  /// Relevance; 0.0 if the server sent no score.
   double getScore() const { return score_; }
   /// The document as text; "base64:" and the key's Base64 for a hit that came as a raw key. Valid
   /// until the result is changed or ends. The text of a raw key is made when it is asked for first,

@@ -96,7 +96,7 @@ class KRU_EXPORT StaticDefs {
   static const icu::UnicodeString STRING_empty;
   static const icu::UnicodeString DOC;
 
-  // Protocol version and version negotiation.
+  // The versions of protocol, client and server.
   static const icu::UnicodeString PROTO_VERSION;
   static const icu::UnicodeString VERSION_BUILD_SEPARATOR;
   static const icu::UnicodeString IMPLEMENTATION_VERSION;
