@@ -642,14 +642,23 @@ void Collection::failAll(const ServerError& failure) {
 std::vector<ParseOutcome> Collection::takeOutcomes(const std::string& client) {
   requireActive();
   ParseOutcomes::Taken taken = outcomes_->take(client);
+  std::vector<ParseOutcome> told;
   try {
     journal_.sync(taken.ticket);
+    told.reserve(taken.outcomes.size());
+    if (!taken.outcomes.empty()) {
+      taken.outcomes.front().memory =
+          std::make_shared<MemoryBudget::Share>(std::move(taken.memory));
+    }
   } catch (...) {
     outcomes_->putBack(std::move(taken), client);
     throw;
   }
-  return {std::make_move_iterator(taken.outcomes.begin()),
-          std::make_move_iterator(taken.outcomes.end())};
+  // One by one, so that they do not stand in memory twice.
+  for (; !taken.outcomes.empty(); taken.outcomes.pop_front()) {
+    told.push_back(std::move(taken.outcomes.front()));
+  }
+  return told;
 }
 
 std::unique_ptr<HitSource> Collection::search(const SearchQuery& query) {

@@ -84,6 +84,7 @@ LocalStore::LocalStore(std::filesystem::path directory, StoreLimits limits,
       collectionsRoot_(prepared(collectionsIn(root_))),
       limits_(withHelpers(std::move(limits))),
       lock_(lockDataDirectory(root_)),
+      outcomeMemory_(std::make_shared<OutcomeMemory>(limits_.index.memory)),
       registry_([this](const std::string& name) { return read(name); }) {
   syncDirectory(root_);
   removeLeftovers();
@@ -474,7 +475,7 @@ std::shared_ptr<ParseOutcomes> LocalStore::outcomesOf(const std::string& name) {
     outcomesToPrune_ = 64 + 2 * outcomes_.size();
   }
   std::shared_ptr<ParseOutcomes>& outcomes = outcomes_[name];
-  if (!outcomes) outcomes = std::make_shared<ParseOutcomes>(limits_.outcomes);
+  if (!outcomes) outcomes = std::make_shared<ParseOutcomes>(limits_.outcomes, outcomeMemory_);
   return outcomes;
 }
 

@@ -126,6 +126,7 @@ class LocalStore : public Store {
   // How many temporary directories were named so far.
   std::atomic<std::uint64_t> temporaries_ = 0;
 
+  const std::shared_ptr<OutcomeMemory> outcomeMemory_;
   std::mutex outcomesMutex_;
   // Guarded by outcomesMutex_: those of the open collections, and of closed ones what nobody has
   // asked for. Unneeded ones are removed when there are twice as many as at the last time.

@@ -3,16 +3,54 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <unordered_map>
 #include <utility>
 
+#include "server/base/memoryBudget.h"
 #include "server/store/journal.h"
 #include "server/store/store.h"
 
 namespace corvaned {
+
+/// The memory of the outcomes of all collections, which together take at most a quarter of the
+/// budget. May be used from any thread; it must outlive its parts.
+class OutcomeMemory {
+ public:
+  static constexpr std::size_t kShareOfMemory = 4;
+  /// What every collection can have.
+  static constexpr std::size_t kStep = std::size_t{4} << 10U;
+
+  /// Null: without a limit.
+  explicit OutcomeMemory(std::shared_ptr<MemoryBudget> budget);
+
+  /// What one collection takes, in steps. Used by one thread at a time.
+  class Part {
+   public:
+    explicit Part(OutcomeMemory& all);
+
+    /// Whether the collection may take so much: no more than it leaves for others, so that those
+    /// who take all that they can get still leave something for the next one.
+    bool fits(std::size_t bytes) const;
+    /// What it takes, whether that fits or not.
+    void set(std::size_t bytes);
+
+   private:
+    OutcomeMemory& all_;
+    MemoryBudget::Share ofBudget_;
+    MemoryBudget::Share ofAll_;
+  };
+
+  /// A share of the whole budget, for what is being told.
+  MemoryBudget::Share emptyShare() const;
+
+ private:
+  const std::shared_ptr<MemoryBudget> budget_;
+  MemoryBudget all_;
+};
 
 /// The outcomes of a collection's queued documents that nobody has asked for yet, and of the
 /// batches that were refused lately. They outlive the collection's being open. May be used from any
@@ -29,13 +67,16 @@ class ParseOutcomes {
   static constexpr std::size_t kRefusedBatches = 100;
 
   /// `limit`: how many are kept without a client, and how many of all clients together. The oldest
-  /// are dropped first, of the clients those of the one that has most.
-  explicit ParseOutcomes(std::size_t limit) : limit_(limit) {}
+  /// are dropped first, of the clients those of the one that has most. If the memory does not allow
+  /// that many, whoever's take most of it lose their oldest.
+  explicit ParseOutcomes(std::size_t limit, std::shared_ptr<OutcomeMemory> memory =
+                                                std::make_shared<OutcomeMemory>(nullptr));
 
   /// What is taken at a time, and the journal's ticket that must be on disk before it is told.
   struct Taken {
     std::deque<ParseOutcome> outcomes;
     std::uint64_t ticket = 0;
+    MemoryBudget::Share memory{};
   };
 
   /// Returns false if an older outcome was dropped for it.
@@ -62,8 +103,13 @@ class ParseOutcomes {
   void forgetTickets();
 
  private:
-  struct Client {
+  /// Outcomes in their order, and the bytes that they take.
+  struct Queue {
     std::deque<ParseOutcome> outcomes;
+    std::size_t bytes = 0;
+  };
+  struct Client {
+    Queue queue;
     std::uint64_t lastUse = 0;
   };
   struct Owner {
@@ -73,15 +119,28 @@ class ParseOutcomes {
   using Clients = std::unordered_map<std::string, Client>;
 
   bool pushFor(const std::string& client, ParseOutcome outcome);
+  void append(Queue& queue, ParseOutcome outcome);
+  void dropOldest(Queue& queue);
+  void dropOldest(Clients::iterator client);
+  bool dropUntilItFits();
+  Taken takeFrom(Queue& queue);
+  Client& clientNamed(const std::string& name);
   Clients::iterator clientWithMost();
+  Clients::iterator clientThatTakesMost();
   Clients::iterator oldestClient();
   void forgetClient(Clients::iterator client);
+  void forgetOwner(std::unordered_map<std::string, Owner>::iterator owner);
+  void forgetRefused(std::deque<std::pair<std::string, BatchOutcome>>::iterator refused);
 
   const std::size_t limit_;
+  const std::shared_ptr<OutcomeMemory> allMemory_;
 
   mutable std::mutex mutex_;
   // Guarded by mutex_.
-  std::deque<ParseOutcome> outcomes_;
+  OutcomeMemory::Part memory_;
+  // Of all that follows.
+  std::size_t bytes_ = 0;
+  Queue outcomes_;
   std::uint64_t ticket_ = 0;
   std::deque<std::pair<std::string, BatchOutcome>> refused_;
   // Only clients that have outcomes are in there, and how many they have together.

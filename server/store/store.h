@@ -160,6 +160,8 @@ struct ParseOutcome {
   std::string key;
   std::string messageId;
   std::string messageText;
+  /// Of the first of several that are told: keeps the memory set aside that all of them take.
+  std::shared_ptr<const void> memory{};
 };
 
 /// What a batch changes: documents to add, keys to delete, and the mark that the collection then

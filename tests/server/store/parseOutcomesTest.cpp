@@ -1,9 +1,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "server/base/memoryBudget.h"
 #include "server/store/parseOutcomes.h"
 
 namespace corvaned {
@@ -136,6 +139,107 @@ TEST_F(ParseOutcomesTest, NoMoreOwnersAreKeptThanOutcomes) {
   EXPECT_EQ(outcomes_.ownerOf("5"), "");
   outcomes_.setOwner("4", "ben", {1, 20});
   EXPECT_EQ(outcomes_.ownerOf("4"), "ben");
+}
+
+/// Outcomes of collections that share 64 KiB of a budget of 256 KiB.
+class OutcomesInABudgetTest : public ::testing::Test {
+ protected:
+  static constexpr std::size_t kOfOutcomes = std::size_t{64} << 10U;
+
+  static std::string key(int i) { return "a key of many letters " + std::to_string(i); }
+
+  /// How many of them were kept without any being dropped.
+  static int fill(ParseOutcomes& outcomes, const std::string& client = {}) {
+    int kept = 0;
+    for (int i = 0; i < 1000; ++i) kept += outcomes.push({key(i), {}, {}}, 0, client) ? 1 : 0;
+    return kept;
+  }
+
+  std::shared_ptr<MemoryBudget> budget_ = std::make_shared<MemoryBudget>(4 * kOfOutcomes);
+  std::shared_ptr<OutcomeMemory> memory_ = std::make_shared<OutcomeMemory>(budget_);
+  ParseOutcomes outcomes_{1000000, memory_};
+};
+
+TEST_F(OutcomesInABudgetTest, OldestAreDroppedWhenTheyTakeHalfOfWhatThereIs) {
+  const int kept = fill(outcomes_);
+  EXPECT_LT(kept, 1000);
+  EXPECT_GT(kept, 100);
+  EXPECT_EQ(budget_->used(), kOfOutcomes / 2);
+  const ParseOutcomes::Taken taken = outcomes_.take();
+  EXPECT_EQ(taken.outcomes.size(), static_cast<std::size_t>(kept));
+  EXPECT_EQ(taken.outcomes.front().key, key(1000 - kept));
+  EXPECT_EQ(taken.outcomes.back().key, key(999));
+}
+
+TEST_F(OutcomesInABudgetTest, MemoryCountsUntilTheyAreTold) {
+  outcomes_.push({key(1), {}, std::string(10000, 'x')}, 0);
+  EXPECT_GT(budget_->used(), 10000U);
+  {
+    const ParseOutcomes::Taken taken = outcomes_.take();
+    EXPECT_GT(budget_->used(), 10000U);
+  }
+  EXPECT_EQ(budget_->used(), 0U);
+  outcomes_.push({key(1), {}, {}}, 0, "ada");
+  const std::size_t ofOne = budget_->used();
+  outcomes_.putBack(outcomes_.take("ada"), "ada");
+  EXPECT_EQ(budget_->used(), ofOne);
+  outcomes_.take("ada");
+  EXPECT_EQ(budget_->used(), 0U);
+}
+
+TEST_F(OutcomesInABudgetTest, CollectionThatTakesAllItCanLeavesSomethingForAnother) {
+  fill(outcomes_);
+  ParseOutcomes other{1000000, memory_};
+  EXPECT_GT(fill(other), 30);
+  ParseOutcomes third{1000000, memory_};
+  EXPECT_TRUE(third.push({key(1), {}, {}}, 0));
+  EXPECT_LT(budget_->used(), kOfOutcomes);
+}
+
+TEST_F(OutcomesInABudgetTest, ClientsWithoutManyOfThemKeepTheirs) {
+  EXPECT_TRUE(outcomes_.push({"b", {}, {}}, 0, "ben"));
+  EXPECT_TRUE(outcomes_.push({"n", {}, {}}, 0));
+  EXPECT_LT(fill(outcomes_, "ada"), 1000);
+  EXPECT_EQ(outcomes_.take("ben").outcomes.size(), 1U);
+  EXPECT_EQ(outcomes_.take().outcomes.size(), 1U);
+}
+
+TEST_F(OutcomesInABudgetTest, OwnersAreNotNotedBeyondIt) {
+  for (int i = 0; i < 1000; ++i) outcomes_.setOwner(key(i), "ada", {1, 10});
+  EXPECT_EQ(outcomes_.ownerOf(key(0)), "ada");
+  EXPECT_EQ(outcomes_.ownerOf(key(999)), "");
+  EXPECT_LE(budget_->used(), kOfOutcomes / 2);
+  outcomes_.forgetOwnersUpTo({1, 10});
+  EXPECT_EQ(budget_->used(), 0U);
+}
+
+TEST_F(OutcomesInABudgetTest, RefusedBatchesCountAndTheLatestStays) {
+  BatchOutcome outcome;
+  for (int i = 0; i < 100; ++i) outcome.refused.add({key(i), "ZVK0034E", std::string(500, 'x')});
+  for (int i = 0; i < 10; ++i) outcomes_.pushRefused("b" + std::to_string(i), outcome);
+  EXPECT_FALSE(outcomes_.refused("b0"));
+  ASSERT_TRUE(outcomes_.refused("b9"));
+  EXPECT_EQ(outcomes_.refused("b9")->refused.first.size(), 100U);
+  EXPECT_GT(budget_->used(), 50000U);
+}
+
+// The sanitizers' allocators say nothing, which is less.
+TEST(MemoryOfOutcomes, CoversWhatTheAllocatorGives) {
+  const auto budget = std::make_shared<MemoryBudget>(std::size_t{1} << 30U);
+  const auto memory = std::make_shared<OutcomeMemory>(budget);
+  const auto taken = [] { return static_cast<std::size_t>(::mallinfo2().uordblks); };
+  const auto expectCovered = [&](const auto& put) {
+    ParseOutcomes outcomes(1000000, memory);
+    const std::size_t before = taken();
+    for (int i = 0; i < 20000; ++i) put(outcomes, 10000000 + i);
+    EXPECT_LE(taken() - before, budget->used());
+  };
+  const auto name = [](int i) { return "longer than a short text" + std::to_string(i); };
+  expectCovered([&](auto& outcomes, int i) { outcomes.push({std::to_string(i), {}, {}}, 0); });
+  expectCovered([&](auto& outcomes, int i) { outcomes.push({name(i), "ZVK0012E", name(i)}, 0); });
+  expectCovered([&](auto& outcomes, int i) { outcomes.push({name(i), {}, {}}, 0, name(i % 900)); });
+  expectCovered([&](auto& outcomes, int i) { outcomes.setOwner(name(i), "ada", {1, 10}); });
+  expectCovered([&](auto& outcomes, int i) { outcomes.setOwner(name(i), name(i), {1, 10}); });
 }
 
 }  // namespace

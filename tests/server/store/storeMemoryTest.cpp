@@ -72,6 +72,25 @@ TEST_F(StoreMemoryTest, ResultTakesMemoryUntilItIsRead) {
   EXPECT_EQ(memory_->used(), idle_);
 }
 
+TEST_F(StoreMemoryTest, OutcomesCountUntilTheyAreToldAndTheOldestAreForgotten) {
+  open(1U << 20U);
+  store_->takeParseOutcomes("c");
+  const std::size_t idle = memory_->used();
+  for (int i = 0; i < 4000; ++i) store_->queueDocument("c", {std::to_string(i), {}, "fox"});
+  EXPECT_GT(memory_->used(), idle + (100U << 10U));
+  EXPECT_LE(memory_->used(), idle + (128U << 10U)) << "half of a quarter";
+  const std::size_t kept = memory_->used();
+  {
+    const std::vector<ParseOutcome> outcomes = store_->takeParseOutcomes("c");
+    ASSERT_GT(outcomes.size(), 400U);
+    ASSERT_LT(outcomes.size(), 4000U);
+    EXPECT_EQ(outcomes.front().key, std::to_string(4000 - outcomes.size()));
+    EXPECT_EQ(outcomes.back().key, "3999");
+    EXPECT_GT(memory_->used(), kept - (8U << 10U)) << "it is being told";
+  }
+  EXPECT_EQ(memory_->used(), idle);
+}
+
 // Each database looks for each key.
 TEST_F(StoreMemoryTest, KeysTakeMemoryInSeveralDatabases) {
   open(1U << 20U, 2);
