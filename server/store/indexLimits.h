@@ -18,10 +18,11 @@ struct IndexLimits {
   std::size_t queryTerms = 256;
   /// Maximum number of words that a word with a trailing * may stand for.
   std::size_t expansion = 1000;
-  /// Maximum number of changes per transaction, and the size in bytes at which a transaction is
-  /// full.
+  /// Maximum number of changes per transaction, and the size in bytes at which a transaction of
+  /// ordinary texts is full. One with more words is full when it takes as much memory.
   std::size_t batchChanges = 1000;
   std::size_t batchBytes = std::size_t{4} << 20U;
+  std::size_t batchMemory() const;
   /// What results and transactions take their memory from. None: without a limit.
   std::shared_ptr<MemoryBudget> memory;
   /// What handles for searching take their descriptors from. None: without a limit.

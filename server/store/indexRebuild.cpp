@@ -11,6 +11,7 @@
 #include "server/store/indexReader.h"
 #include "server/store/indexSums.h"
 #include "server/store/indexWriter.h"
+#include "server/store/indexingMemory.h"
 #include "server/store/textAnalysis.h"
 #include "server/store/xapianSchema.h"
 
@@ -80,11 +81,13 @@ bool IndexRebuild::step(const StopCheck& stop) {
   const auto end = earlier.postlist_end("");
   if (next != end) next.skip_to(last_ + 1);
   std::vector<Change> changes;
-  std::size_t bytes = 0;
-  for (; next != end && changes.size() < limits_.batchChanges && bytes < limits_.batchBytes;
-       ++next) {
+  IndexingMemory memory;
+  const auto hasRoom = [&] {
+    return changes.size() < limits_.batchChanges && memory.bytes() < limits_.batchMemory();
+  };
+  for (; next != end && hasRoom(); ++next) {
     changes.push_back(takenOver(earlier.get_document(*next), indexIn(collection_)));
-    bytes += bytesOf(changes.back());
+    memory.add(changes.back());
     last_ = *next;
   }
   // Nobody searches it yet.

@@ -3,6 +3,8 @@
 #include <iterator>
 #include <utility>
 
+#include "server/store/indexingMemory.h"
+
 namespace corvaned {
 namespace {
 
@@ -57,18 +59,19 @@ std::optional<Change> IndexUpdate::next() {
 bool IndexUpdate::apply() {
   const IndexLimits& limits = index_.limits();
   std::vector<Change> batch;
-  std::size_t bytes = 0;
+  IndexingMemory memory;
   bool more = true;
   const std::uint64_t end = part_.bytesRead() + kBytesPerCount;
   const auto hasRoom = [&](std::size_t times) {
-    return batch.size() < times * limits.batchChanges && bytes < times * limits.batchBytes;
+    return batch.size() < times * limits.batchChanges &&
+           memory.bytes() < times * limits.batchMemory();
   };
   while ((hasRoom(1) && part_.bytesRead() < end) || (hasRoom(2) && part_.isInsideBatch())) {
     auto change = next();
     more = change.has_value();
     if (!more) break;
     if (lastOfKey_[change->document.key] != position_++) continue;
-    bytes += bytesOf(*change);
+    memory.add(*change);
     batch.push_back(std::move(*change));
   }
   std::vector<ParseOutcome> refused = index_.applyBatch(batch, stop_);

@@ -7,13 +7,11 @@
 #include "server/store/files.h"
 #include "server/store/indexReaders.h"
 #include "server/store/indexUndo.h"
+#include "server/store/indexingMemory.h"
 #include "server/store/parallel.h"
 
 namespace corvaned {
 namespace {
-
-// What a byte of a document takes while its words are gathered, for ordinary text.
-constexpr std::size_t kIndexingCost = 16;
 
 // The tables that a database has open while it is written, and its lock.
 constexpr std::size_t kWriterDescriptors = 8;
@@ -93,9 +91,9 @@ void IndexWriter::apply(std::span<const Change> changes) {
 void IndexWriter::commit(std::span<const Change> changes) {
   // An index update is not refused for want of memory: it is what others have to leave room for.
   MemoryBudget::Share memory = shareOf(limits_);
-  std::size_t bytes = 0;
-  for (const Change& change : changes) bytes += bytesOf(change);
-  memory.force(kIndexingCost * bytes);
+  IndexingMemory needed;
+  for (const Change& change : changes) needed.add(change);
+  memory.force(needed.bytes());
   open();
   const std::vector<Share> shares = sharesOf(changes);
   inParallel(shares.size(), limits_.helpers, [&](std::size_t number) {

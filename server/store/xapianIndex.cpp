@@ -14,6 +14,7 @@
 #include "server/store/indexRebuild.h"
 #include "server/store/indexUndo.h"
 #include "server/store/indexWriter.h"
+#include "server/store/indexingMemory.h"
 #include "server/store/jointReader.h"
 #include "server/store/textAnalysis.h"
 #include "server/store/xapianSchema.h"
@@ -77,17 +78,17 @@ XapianIndex::~XapianIndex() = default;
 std::vector<ParseOutcome> XapianIndex::apply(const ChangeSource& changes, const StopCheck& stop) {
   std::vector<ParseOutcome> refused;
   std::vector<Change> batch;
-  std::size_t bytes = 0;
+  IndexingMemory memory;
   const auto flush = [&] {
     std::vector<ParseOutcome> more = applyBatch(batch, stop);
     std::move(more.begin(), more.end(), std::back_inserter(refused));
     batch.clear();
-    bytes = 0;
+    memory.clear();
   };
   changes([&](Change&& change) {
-    bytes += bytesOf(change);
+    memory.add(change);
     batch.push_back(std::move(change));
-    if (batch.size() >= limits_.batchChanges || bytes >= limits_.batchBytes) flush();
+    if (batch.size() >= limits_.batchChanges || memory.bytes() >= limits_.batchMemory()) flush();
   });
   flush();
   endUpdate();

@@ -316,6 +316,32 @@ TEST_F(IndexStepsTest, BatchThatIsDividedTakesMemoryBetweenItsSteps) {
   EXPECT_EQ(limits_.index.memory->used(), before);
 }
 
+// What a transaction takes grows with them, not with the bytes.
+TEST_F(IndexStepsTest, TextsOfWordsThatDifferGoIntoSmallerTransactions) {
+  limits_.index.batchChanges = 1000;
+  limits_.index.batchBytes = 20000;
+  open();
+  const auto afterOneStep = [&](const auto& word) {
+    for (int i = 0; i < 20; ++i) {
+      std::string text = "fox";
+      for (int j = 0; j < 100; ++j) text += " " + word(i * 100 + j);
+      collection_->add({"k" + std::to_string(i), {}, text});
+    }
+    collection_->requestUpdate();
+    std::vector<std::uint64_t> found;
+    while (collection_->indexStep()) {
+      found.push_back(collection_->estimate("fox", kExactHits).hits);
+    }
+    EXPECT_EQ(found.back(), 20U);
+    return found.front();
+  };
+  EXPECT_LT(afterOneStep([](int i) { return "word" + std::to_string(i); }), 10U);
+  for (int i = 0; i < 20; ++i) collection_->remove("k" + std::to_string(i));
+  collection_->requestUpdate();
+  index();
+  EXPECT_EQ(afterOneStep([](int i) { return "word" + std::to_string(i % 10); }), 20U);
+}
+
 TEST_F(IndexStepsTest, WhoeverWaitsIsToldWhenTheCollectionIsDeleted) {
   collection_->add({"k", {}, "fox"});
   const std::shared_ptr<Ticket> ticket = collection_->requestUpdate();

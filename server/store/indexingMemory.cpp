@@ -1,0 +1,194 @@
+#include "server/store/indexingMemory.h"
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+#include "server/store/indexLimits.h"
+
+namespace corvaned {
+namespace {
+
+// Measured with words that are stemmed and have positions, which take the most: what the engine
+// keeps for a word and its stem, for both in one document, and for both while a document is made;
+// and for each byte of a word, which several of these hold.
+constexpr std::size_t kWordCost = 400;
+constexpr std::size_t kEntryCost = 200;
+constexpr std::size_t kMakingCost = 330;
+constexpr std::size_t kLetterCost = 8;
+
+constexpr std::uint64_t kFirst = 0xCBF29CE484222325U;
+
+std::uint64_t hashed(std::uint64_t before, std::string_view text) {
+  for (const char c : text) before = (before ^ static_cast<unsigned char>(c)) * 0x100000001B3U;
+  return before;
+}
+
+enum class Sign { Letter, Joint, Wide, Other };
+
+// The signs that the engine takes for part of a word between two letters or digits.
+bool isJoint(unsigned char c) {
+  return std::string_view("&'.,;_").find(static_cast<char>(c)) != std::string_view::npos;
+}
+
+// Chinese, Japanese and Korean, of which each two characters make a word; and Thai, Lao, Burmese
+// and Khmer, whose words have no blanks between them.
+bool isWide(unsigned char first, unsigned char second) {
+  if (first == 0xE0) return second >= 0xB8 && second <= 0xBB;
+  if (first == 0xE1) return second <= 0x82 || second == 0x9E || second == 0x9F;
+  return (first >= 0xE3 && first <= 0xED) || first == 0xEF || first >= 0xF0;
+}
+
+// Dashes, quotation marks and the like.
+bool isPunctuation(unsigned char first) { return first == 0xE2; }
+
+std::string_view characterAt(std::string_view text, std::size_t place) {
+  const auto first = static_cast<unsigned char>(text[place]);
+  if (first < 0xC0) return text.substr(place, 1);
+  if (first < 0xE0) return text.substr(place, 2);
+  return text.substr(place, first < 0xF0 ? 3 : 4);
+}
+
+Sign signOf(std::string_view character) {
+  const auto first = static_cast<unsigned char>(character.front());
+  if (first >= 0x80) {
+    if (isPunctuation(first)) return Sign::Other;
+    const bool wide =
+        character.size() > 1 && isWide(first, static_cast<unsigned char>(character[1]));
+    return wide ? Sign::Wide : Sign::Letter;
+  }
+  const unsigned char lower = first | 0x20U;
+  if ((lower >= 'a' && lower <= 'z') || (first >= '0' && first <= '9')) return Sign::Letter;
+  return isJoint(first) ? Sign::Joint : Sign::Other;
+}
+
+/// Calls `take(word, bytes)` for the words of texts. Numbers and names with signs in them are
+/// words, but a text may also have such signs and no blanks between all of its words: what comes
+/// before a sign is taken, and so is all of it.
+template <typename Take>
+class WordScan {
+ public:
+  /// `seed` tells the words of one name of metadata from those of another.
+  WordScan(std::uint64_t seed, const Take& take) : seed_(seed), take_(take) { begin(); }
+
+  void read(std::string_view text) {
+    for (std::size_t i = 0; i < text.size();) {
+      const std::string_view character = characterAt(text, i);
+      pass(character, signOf(character));
+      i += character.size();
+    }
+    end();
+  }
+
+ private:
+  void pass(std::string_view character, Sign sign) {
+    if (sign == Sign::Letter) {
+      extend(character);
+      open_ = true;
+    } else {
+      end();
+      if (sign == Sign::Joint) {
+        extend(character);
+      } else {
+        begin();
+      }
+    }
+    passWide(sign == Sign::Wide ? character : std::string_view());
+  }
+
+  void passWide(std::string_view character) {
+    if (!character.empty()) {
+      take_(hashed(hashed(seed_, before_), character), before_.size() + character.size());
+    }
+    before_ = character;
+  }
+
+  void begin() {
+    word_ = seed_;
+    length_ = 0;
+  }
+
+  // Capitals make no other words.
+  void extend(std::string_view character) {
+    if (character.size() > 1) {
+      word_ = hashed(word_, character);
+    } else {
+      const char small = static_cast<char>(character.front() | 0x20);
+      word_ = hashed(word_, {&small, 1});
+    }
+    length_ += character.size();
+  }
+
+  void end() {
+    if (std::exchange(open_, false)) take_(word_, length_);
+  }
+
+  const std::uint64_t seed_;
+  const Take& take_;
+  std::uint64_t word_ = 0;
+  std::size_t length_ = 0;
+  bool open_ = false;
+  std::string_view before_;
+};
+
+}  // namespace
+
+bool DistinctCount::add(std::uint64_t number) {
+  const std::uint64_t place = (number * 0x9E3779B97F4A7C15U) >> (64U - kBits);
+  std::uint64_t& bits = bits_[place / 64];
+  const std::uint64_t bit = std::uint64_t{1} << (place % 64);
+  if ((bits & bit) != 0) return false;
+  if (bits == 0) used_.push_back(static_cast<std::uint32_t>(place / 64));
+  bits |= bit;
+  ++set_;
+  return true;
+}
+
+// The part of the bits that so many different numbers leave clear tells how many they were.
+std::size_t DistinctCount::count() const {
+  const double all = std::size_t{1} << kBits;
+  const double clear = std::max(all - static_cast<double>(set_), 1.0);
+  return static_cast<std::size_t>(std::lround(all * std::log(all / clear)));
+}
+
+void DistinctCount::clear() {
+  for (const std::uint32_t place : used_) bits_[place] = 0;
+  used_.clear();
+  set_ = 0;
+}
+
+void IndexingMemory::add(const Change& change) {
+  textBytes_ += bytesOf(change);
+  addText(change.document.content, {});
+  for (const auto& [name, value] : change.document.metadata) addText(value, name);
+  const std::size_t words = ofDocument_.count();
+  entries_ += words;
+  largestDocument_ =
+      std::max(largestDocument_, words * kMakingCost + documentWordBytes_ * kLetterCost);
+  documentWordBytes_ = 0;
+  ofDocument_.clear();
+}
+
+void IndexingMemory::addText(std::string_view text, std::string_view name) {
+  const auto take = [this](std::uint64_t word, std::size_t length) { addWord(word, length); };
+  WordScan(hashed(kFirst, name), take).read(text);
+}
+
+void IndexingMemory::addWord(std::uint64_t word, std::size_t length) {
+  if (words_.add(word)) wordBytes_ += length;
+  if (ofDocument_.add(word)) documentWordBytes_ += length;
+}
+
+std::size_t IndexingMemory::bytes() const {
+  const std::size_t ofWords = words_.count() * kWordCost + wordBytes_ * kLetterCost +
+                              entries_ * kEntryCost + largestDocument_;
+  return std::max(textBytes_ * kCostOfByte, ofWords);
+}
+
+void IndexingMemory::clear() {
+  words_.clear();
+  ofDocument_.clear();
+  textBytes_ = wordBytes_ = entries_ = documentWordBytes_ = largestDocument_ = 0;
+}
+
+}  // namespace corvaned
