@@ -359,7 +359,8 @@ std::optional<std::chrono::milliseconds> Collection::takeRefreshTime() {
   if (!changed_.exchange(false)) return std::nullopt;
   if (refreshComes_.exchange(true)) return std::nullopt;
   if (!failed_) return refresh_.interval;
-  return std::max(refresh_.interval, index_.isOfEarlierForm() ? kRebuildAgainAfter : kRetryAfter);
+  const bool isCostly = index_.isOfEarlierForm() || damaged_;
+  return std::max(refresh_.interval, isCostly ? kRebuildAgainAfter : kRetryAfter);
 }
 
 void Collection::refresh() {
@@ -419,6 +420,8 @@ bool Collection::indexStep() {
   try {
     if (advance(*job_)) return true;
     endJob(std::nullopt);
+  } catch (const DamageError& error) {
+    endJob(error, true);
   } catch (const ServerError& error) {
     endJob(error);
   } catch (const std::bad_alloc&) {
@@ -592,7 +595,8 @@ bool Collection::removeNext(Job& job) {
   return job.removed < job.keys.size();
 }
 
-void Collection::endJob(const std::optional<ServerError>& failure) {
+void Collection::endJob(const std::optional<ServerError>& failure, bool damaged) {
+  damaged_ = damaged;
   const std::unique_ptr<Job> job = std::move(job_);
   // Those who wait may need the memory that it takes.
   job->update.reset();

@@ -67,7 +67,7 @@ class Collection {
 
   /// The shortest time after which an update that failed is tried again by itself.
   static constexpr std::chrono::milliseconds kRetryAfter{1000};
-  /// The same where each attempt makes the whole index anew.
+  /// The same where each attempt makes the whole index anew, or finds the same damage.
   static constexpr std::chrono::milliseconds kRebuildAgainAfter{60000};
 
   /// `outcomes` outlive the collection's being open; `stopping` ends the opening when it becomes
@@ -239,7 +239,7 @@ class Collection {
   bool removeSome(Job& job);
   void beginRemoval(Job& job);
   bool removeNext(Job& job);
-  void endJob(const std::optional<ServerError>& failure);
+  void endJob(const std::optional<ServerError>& failure, bool damaged = false);
   void logFailure(std::string_view during, const ServerError& failure);
   void failAll(const ServerError& failure);
   void pushOutcome(ParseOutcome outcome, std::uint64_t ticket, const std::string& client);
@@ -269,12 +269,13 @@ class Collection {
   std::optional<LackedBatch> lacked_;  // Guarded by lackedMutex_.
 
   // What is still to be done about changes: whether some waited at the opening, whether somebody is
-  // going to call refresh(), whether some have come since, and whether the last attempt failed; and
-  // whether the index is not at rest, and somebody is going to call rest().
+  // going to call refresh(), whether some have come since, and whether the last attempt failed, or
+  // has met damage; and whether the index is not at rest, and somebody is going to call rest().
   std::atomic<bool> overdue_ = false;
   std::atomic<bool> refreshComes_ = false;
   std::atomic<bool> changed_ = false;
   std::atomic<bool> failed_ = false;
+  std::atomic<bool> damaged_ = false;
   std::atomic<bool> restless_ = false;
   std::atomic<bool> restComes_ = false;
 

@@ -2,8 +2,6 @@
 
 #include <fmt/format.h>
 
-#include "server/base/errors.h"
-
 namespace corvaned {
 
 std::string describe(const Damage& damage) {
@@ -12,9 +10,8 @@ std::string describe(const Damage& damage) {
 }
 
 void throwDamaged(const Damage& damage) {
-  throw ServerError(
-      ErrorKind::StorageFailed,
-      describe(damage) + "; restore the collection, or stop the server and run corvaned repair");
+  throw DamageError(describe(damage) +
+                    "; restore the collection, or stop the server and run corvaned repair");
 }
 
 }  // namespace corvaned

@@ -3,6 +3,7 @@
 #include <xapian.h>
 
 #include "server/base/errors.h"
+#include "server/store/damage.h"
 
 namespace corvaned {
 
@@ -18,6 +19,11 @@ auto translated(const Work& work) {
   } catch (const Xapian::DatabaseModifiedError&) {
     throw ServerError(ErrorKind::TryAgain,
                       "the index changed too often while it was being searched; try again");
+  } catch (const Xapian::DatabaseCorruptError& error) {
+    throw DamageError("the index is damaged where its checksums do not show it (" +
+                      error.get_description() +
+                      "); stop the server and run corvaned check, which names the places, then "
+                      "corvaned repair, or restore the collection");
   } catch (const Xapian::Error& error) {
     throw ServerError(ErrorKind::StorageFailed, "the index failed: " + error.get_description());
   }

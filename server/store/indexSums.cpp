@@ -147,6 +147,23 @@ void IndexSums::verify(const Visitor& onDamage, const StopCheck& stop) {
 
 void IndexSums::verify(const StopCheck& stop) { verify(throwDamaged, stop); }
 
+std::optional<Damage> IndexSums::damageIn(const std::filesystem::path& collection,
+                                          const StopCheck& stop) {
+  const auto look = [&] {
+    std::optional<Damage> first;
+    const auto note = [&](const Damage& damage) {
+      if (!first) first = damage;
+    };
+    IndexSums(collection).verify(note, stop);
+    return first;
+  };
+  const auto once = look();
+  if (!once) return std::nullopt;
+  auto twice = look();
+  const bool same = twice && twice->file == once->file && twice->place == once->place;
+  return same ? std::move(twice) : std::nullopt;
+}
+
 void IndexSums::verifyIfDue(const StopCheck& stop) {
   constexpr std::uint64_t kSmall = std::uint64_t{4} << 20U;
   constexpr int kShareOfTime = 20;

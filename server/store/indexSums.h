@@ -72,6 +72,11 @@ class IndexSums {
   /// read.
   void verifyIfDue(const StopCheck& stop);
 
+  /// Looks for damage while searches and updates go on. A block that an update writes may look like
+  /// damage for a moment, so only what is found twice counts.
+  static std::optional<Damage> damageIn(const std::filesystem::path& collection,
+                                        const StopCheck& stop);
+
   /// Whether beginChange() has been called and endChange() has not.
   bool isChanging() const { return changingOnDisk_; }
   /// Comes before a change of the index. Durable when it returns.

@@ -70,10 +70,10 @@ void IndexWriter::apply(std::span<const Change> changes) {
   try {
     commit(changes);
     return;
-  } catch (const Xapian::DatabaseError& error) {
+  } catch (const Xapian::RuntimeError&) {
     // The storage failed, not this document; every other document would fail, too.
     close();
-    throw ServerError(ErrorKind::StorageFailed, "the index failed: " + error.get_description());
+    throw;
   } catch (const Xapian::Error& error) {
     close();
     reason = error.get_msg();

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "server/base/errors.h"
+#include "server/base/requestContext.h"
 #include "server/store/engineErrors.h"
 #include "server/store/indexParts.h"
 #include "server/store/indexReaders.h"
@@ -47,6 +48,11 @@ bool isEarlier(const IndexParts& parts) {
                                 parts.paths().front().parent_path().string()));
 }
 
+// A search that meets damage may have met a great many blocks before.
+void checkRequest() {
+  if (const RequestContext* request = RequestContext::current()) request->check();
+}
+
 }  // namespace
 
 void XapianIndex::create(const std::filesystem::path& collection, const IndexForm& form) {
@@ -75,6 +81,58 @@ XapianIndex::XapianIndex(const std::filesystem::path& collection, IndexLimits li
 
 XapianIndex::~XapianIndex() = default;
 
+// What the engine says of a damaged block depends on where the damage is: to a block that seems to
+// be newer than the index it says that the index has changed, whoever tries again.
+template <typename Work>
+auto XapianIndex::diagnosed(std::span<const XapianIndex* const> indexes, const Work& work) {
+  return translated([&] {
+    try {
+      return work();
+    } catch (const Xapian::QueryParserError&) {
+      throw;
+    } catch (const Xapian::WildcardError&) {
+      throw;
+    } catch (const Xapian::RuntimeError&) {
+      for (const XapianIndex* const index : indexes) index->throwIfDamaged();
+      throw;
+    }
+  });
+}
+
+template <typename Work>
+auto XapianIndex::diagnosed(const Work& work) const {
+  const XapianIndex* const only = this;
+  return diagnosed(std::span(&only, 1), work);
+}
+
+void XapianIndex::throwIfDamaged() const {
+  const std::lock_guard lock(damageMutex_);
+  if (!damage_) damage_ = lookForDamage();
+  if (damage_) throwDamaged(*damage_);
+}
+
+// It reads the whole index, so it is done for little of the time, however many searches fail.
+std::optional<Damage> XapianIndex::lookForDamage() const {
+  using Clock = std::chrono::steady_clock;
+  constexpr int kShareOfTime = 20;
+  const Clock::time_point start = Clock::now();
+  if (start - lookedAt_ < kShareOfTime * lookCost_) return std::nullopt;
+  std::optional<Damage> damage;
+  try {
+    damage = IndexSums::damageIn(collection_, checkRequest);
+  } catch (const DamageError&) {
+    throw;
+  } catch (const ServerError& error) {
+    // A file may have got another name meanwhile.
+    if (error.kind() != ErrorKind::StorageFailed) throw;
+  } catch (const std::filesystem::filesystem_error&) {
+    // The same.
+  }
+  lookedAt_ = Clock::now();
+  lookCost_ = lookedAt_ - start;
+  return damage;
+}
+
 std::vector<ParseOutcome> XapianIndex::apply(const ChangeSource& changes, const StopCheck& stop) {
   std::vector<ParseOutcome> refused;
   std::vector<Change> batch;
@@ -99,7 +157,7 @@ std::vector<ParseOutcome> XapianIndex::apply(const ChangeSource& changes, const 
 // indexes that take turns in being updated only as many are open as there are threads.
 std::vector<ParseOutcome> XapianIndex::applyBatch(std::span<const Change> changes,
                                                   const StopCheck& stop) {
-  return translated([&] {
+  return diagnosed([&] {
     IndexWriter writer(collection_, limits_, stop, readers_.get());
     writer.apply(changes);
     return writer.takeRefused();
@@ -109,7 +167,7 @@ std::vector<ParseOutcome> XapianIndex::applyBatch(std::span<const Change> change
 void XapianIndex::endUpdate() { sums_->endChange(revisions()); }
 
 IndexRevisions XapianIndex::revisions() const {
-  return translated([&] { return readers_->revisions(); });
+  return diagnosed([&] { return readers_->revisions(); });
 }
 
 MemoryBudget::Share XapianIndex::emptyShare() const { return shareOf(limits_); }
@@ -123,7 +181,7 @@ bool XapianIndex::rebuildStep(const StopCheck& stop) {
   }
   try {
     if (!rebuild_) beginRebuild(stop);
-    return translated([&] {
+    return diagnosed([&] {
       if (!rebuild_->step(stop)) rebuild_->decide();
       return true;
     });
@@ -143,7 +201,7 @@ IndexProgress XapianIndex::rebuildProgress() const {
 void XapianIndex::beginRebuild(const StopCheck& stop) {
   sums_->verifyIfDue(stop);
   spdlog::info("{} is being brought into its present form", path_.string());
-  rebuild_ = translated([&] { return std::make_unique<IndexRebuild>(collection_, limits_); });
+  rebuild_ = diagnosed([&] { return std::make_unique<IndexRebuild>(collection_, limits_); });
 }
 
 // Searches that are under way go on with the files of the earlier index.
@@ -166,7 +224,7 @@ void XapianIndex::beginUpdate(const StopCheck& stop) {
 }
 
 std::unique_ptr<HitSource> XapianIndex::search(const SearchQuery& query, const Hidden& hidden) {
-  return translated([&] {
+  return diagnosed([&] {
     return readers_->run(
         [&](const IndexReader& reader) { return reader.search(query, hidden, limits_); });
   });
@@ -174,7 +232,7 @@ std::unique_ptr<HitSource> XapianIndex::search(const SearchQuery& query, const H
 
 std::unique_ptr<HitSource> XapianIndex::match(const SearchQuery& query,
                                               const std::vector<Document>& documents) {
-  return translated([&] {
+  return diagnosed([&] {
     return readers_->run(
         [&](const IndexReader& reader) { return reader.match(query, documents, limits_); });
   });
@@ -182,7 +240,7 @@ std::unique_ptr<HitSource> XapianIndex::match(const SearchQuery& query,
 
 Estimate XapianIndex::estimate(const std::string& query, std::uint64_t exactHits,
                                const Hidden& hidden) {
-  return translated([&] {
+  return diagnosed([&] {
     return readers_->run([&](const IndexReader& reader) {
       return reader.estimate(query, exactHits, hidden, limits_);
     });
@@ -190,7 +248,7 @@ Estimate XapianIndex::estimate(const std::string& query, std::uint64_t exactHits
 }
 
 std::uint64_t XapianIndex::count(const SearchQuery& query, const Hidden& hidden) {
-  return translated([&] {
+  return diagnosed([&] {
     return readers_->run(
         [&](const IndexReader& reader) { return reader.count(query, hidden, limits_); });
   });
@@ -208,11 +266,11 @@ void XapianIndex::visit(SearchQuery query, const Hidden& hidden,
     reader.visit(query, hidden, limits_, passOn);
     return true;
   };
-  translated([&] { return readers_->run(visitRest, [&] { return query.size; }); });
+  diagnosed([&] { return readers_->run(visitRest, [&] { return query.size; }); });
 }
 
 std::vector<bool> XapianIndex::contain(std::span<const std::string> keys, const StopCheck& stop) {
-  return translated([&] {
+  return diagnosed([&] {
     return readers_->run([&](const IndexReader& reader) {
       std::vector<bool> found;
       found.reserve(keys.size());
@@ -227,7 +285,7 @@ std::vector<bool> XapianIndex::contain(std::span<const std::string> keys, const 
 
 std::vector<HitDetails> XapianIndex::details(const SearchQuery& query, const DetailsWanted& wanted,
                                              const Hidden& hidden) {
-  return translated([&] {
+  return diagnosed([&] {
     return readers_->run(
         [&](const IndexReader& reader) { return reader.details(query, wanted, hidden, limits_); });
   });
@@ -237,7 +295,11 @@ std::vector<HitDetails> XapianIndex::details(std::span<const Member> members,
                                              const SearchQuery& query,
                                              const DetailsWanted& wanted) {
   std::vector<IndexReaders*> indexes;
-  for (const Member& member : members) indexes.push_back(member.index.readers_.get());
+  std::vector<const XapianIndex*> looked;
+  for (const Member& member : members) {
+    indexes.push_back(member.index.readers_.get());
+    looked.push_back(&member.index);
+  }
   const auto together = [&](const IndexReaders::Handles& handles) {
     std::vector<JointReader::Member> joint;
     for (std::size_t i = 0; i < members.size(); ++i) {
@@ -245,11 +307,11 @@ std::vector<HitDetails> XapianIndex::details(std::span<const Member> members,
     }
     return JointReader(std::move(joint)).details(query, wanted, members.front().index.limits_);
   };
-  return translated([&] { return IndexReaders::runTogether(indexes, together); });
+  return diagnosed(looked, [&] { return IndexReaders::runTogether(indexes, together); });
 }
 
 CollectionSummary XapianIndex::summary() {
-  return translated(
+  return diagnosed(
       [&] { return readers_->run([](const IndexReader& reader) { return reader.summary(); }); });
 }
 

@@ -1,11 +1,13 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -120,6 +122,14 @@ class XapianIndex {
   std::size_t bytesOfSums() const { return sums_->bytes(); }
 
  private:
+  /// What the work returns; the engine's errors as those of the server, and where the files are
+  /// damaged, that instead.
+  template <typename Work>
+  static auto diagnosed(std::span<const XapianIndex* const> indexes, const Work& work);
+  template <typename Work>
+  auto diagnosed(const Work& work) const;
+  void throwIfDamaged() const;
+  std::optional<Damage> lookForDamage() const;
   void beginRebuild(const StopCheck& stop);
   void endRebuild();
 
@@ -134,6 +144,12 @@ class XapianIndex {
   std::atomic<bool> earlierForm_ = false;
   // Whether the new index is being put in the place of the earlier one.
   bool ending_ = false;
+
+  mutable std::mutex damageMutex_;
+  // Guarded by damageMutex_: what was found to be damaged, and when and how long it was looked for.
+  mutable std::optional<Damage> damage_;
+  mutable std::chrono::steady_clock::time_point lookedAt_;
+  mutable std::chrono::steady_clock::duration lookCost_{};
 };
 
 }  // namespace corvaned

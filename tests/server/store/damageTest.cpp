@@ -26,6 +26,7 @@
 namespace corvaned {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -238,6 +239,57 @@ TEST_F(DamageTest, DamageSinceTheOpeningIsNoticedBeforeAnUpdateAndWrittenNowhere
   rewrite(table, bytes);
   EXPECT_THAT(refusalOf([&] { store.updateIndex("c"); }), HasSubstr(table.string()));
   EXPECT_TRUE(read(table) == bytes) << "it was changed";
+}
+
+// The engine takes such a block for one of a later state of the index, and says that this has
+// changed.
+TEST_F(DamageTest, BlockThatSeemsToBeLaterIsNamedByTheSearchThatMeetsIt) {
+  write();
+  LocalStore store(data(), {});
+  store.openCollection("c");
+  const std::filesystem::path table = collection() / "index" / "postlist.glass";
+  {
+    std::fstream file(table, std::ios::binary | std::ios::in | std::ios::out);
+    const auto blocks = std::filesystem::file_size(table) / kTableBlock;
+    for (std::size_t i = 0; i < blocks; ++i) {
+      file.seekp(static_cast<std::streamoff>(i * kTableBlock));
+      file << std::string(4, '\x7F');
+    }
+  }
+  for (int times = 0; times < 2; ++times) {
+    EXPECT_THAT(refusalOf([&] { found(store); }),
+                AllOf(HasSubstr(table.string() + " is damaged at byte 0"),
+                      HasSubstr("corvaned repair"), HasSubstr("restore")));
+  }
+  EXPECT_THAT(refusalOf([&] { store.estimate("c", "fox"); }), HasSubstr(table.string()));
+}
+
+TEST_F(DamageTest, FileThatIsCutOffIsNamedByTheSearchThatMeetsIt) {
+  write();
+  LocalStore store(data(), {});
+  store.createCollection("d", "en");
+  store.openCollection("c");
+  const std::filesystem::path table = collection() / "index" / "postlist.glass";
+  std::filesystem::resize_file(table, 0);
+  EXPECT_THAT(refusalOf([&] { found(store); }),
+              HasSubstr(table.string() + " is damaged at byte 0"));
+  SearchQuery query;
+  query.text = "fox";
+  EXPECT_THAT(refusalOf([&] {
+                store.details(std::vector<std::string>{"c", "d"}, query, {});
+              }),
+              HasSubstr(table.string()));
+}
+
+TEST_F(DamageTest, DamageThatAnUpdateMeetsIsNamed) {
+  LocalStore store(data(), {});
+  store.createCollection("c", "en", {Refresh::Mode::Immediate, {}});
+  // From here on the index is not compared before the next change.
+  add(store, "k1");
+  ASSERT_TRUE(std::filesystem::exists(collection() / "index-sums-changing"));
+  const std::filesystem::path table = collection() / "index" / "docdata.glass";
+  std::filesystem::resize_file(table, 0);
+  EXPECT_THAT(refusalOf([&] { add(store, "k2"); }), HasSubstr(table.string() + " is damaged"));
 }
 
 TEST_F(DamageTest, DamageOfOneCollectionLeavesTheOthersAlone) {

@@ -436,6 +436,24 @@ TEST_F(RefreshStepsTest, IntervalBeginsWithTheFirstChange) {
   EXPECT_EQ(collection_->takeRefreshTime(), std::chrono::milliseconds(70));
 }
 
+// Somebody has to put it right, and each attempt reads the index.
+TEST_F(RefreshStepsTest, AttemptThatMeetsDamageIsNotRepeatedForAMinute) {
+  create(every(std::chrono::milliseconds(70)));
+  collection_->add({"k1", {}, "fox"});
+  collection_->takeRefreshTime();
+  const std::filesystem::path table = directory_.path() / "index" / "docdata.glass";
+  const std::uintmax_t size = std::filesystem::file_size(table);
+  std::filesystem::resize_file(table, size + 1);
+  collection_->refresh();
+  index();
+  EXPECT_EQ(collection_->takeRefreshTime(), Collection::kRebuildAgainAfter);
+  std::filesystem::resize_file(table, size);
+  collection_->refresh();
+  index();
+  collection_->add({"k2", {}, "fox"});
+  EXPECT_EQ(collection_->takeRefreshTime(), std::chrono::milliseconds(70));
+}
+
 TEST_F(RefreshStepsTest, AttemptsThatFailComeSlowlyAndLeaveNoFilesBehind) {
   create(every(std::chrono::milliseconds(70)));
   collection_->add({"k1", {}, "fox"});
