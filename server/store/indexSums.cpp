@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <limits>
 #include <utility>
 
 #include "server/base/bytes.h"
@@ -38,6 +39,10 @@ std::uint32_t revisionIn(std::string_view block) {
   return block.size() < kRevisionBytes ? 0 : loadU32(block);
 }
 
+std::string readVersion(const std::filesystem::path& path) {
+  return std::filesystem::exists(path) ? readWhole(path) : std::string();
+}
+
 // Whole, as their checksum says, so nothing can be missing.
 IndexRevisions takeRevisions(ByteReader& reader, bool inParts) {
   if (!inParts) return {{std::string(), loadU64(*reader.take(8))}};
@@ -54,6 +59,21 @@ IndexRevisions takeRevisions(ByteReader& reader, bool inParts) {
 std::uint64_t revisionOf(const IndexRevisions& revisions, const std::filesystem::path& table) {
   const auto found = revisions.find(table.parent_path().string());
   return found == revisions.end() ? 0 : found->second;
+}
+
+// After the identity, seven bits per byte, the lowest ones first.
+std::optional<std::uint64_t> revisionInVersion(std::string_view content) {
+  constexpr unsigned kBits = 7;
+  std::uint64_t revision = 0;
+  unsigned shift = 0;
+  for (const char c : content.substr(std::min(content.size(), kVersionIdentityBytes))) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (shift > 56) return std::nullopt;
+    revision |= std::uint64_t{byte & 0x7FU} << shift;
+    if (byte < 0x80U) return revision;
+    shift += kBits;
+  }
+  return std::nullopt;
 }
 
 std::uint32_t blockRevisionAt(const FileHandle& file, std::uint64_t place,
@@ -195,6 +215,7 @@ void IndexSums::verifyBlocks(const std::string& name, const FileSums& sums, cons
                              const StopCheck& stop) const {
   const std::filesystem::path path = indexPath() / name;
   const std::uint64_t revision = revisionOf(revisions_, name);
+  const std::uint64_t newest = changing_ ? newestRevisionOf(name) : revision;
   const FileHandle file = openFile(path, O_RDONLY);
   std::string slice;
   for (std::size_t i = 0; i < sums.blocks.size(); ++i) {
@@ -207,7 +228,7 @@ void IndexSums::verifyBlocks(const std::string& name, const FileSums& sums, cons
     const std::uint64_t known = std::min<std::uint64_t>(kTableBlock, sums.size - place);
     const std::string_view block = std::string_view(slice).substr(start, known);
     if (checksumOf(block) == sums.blocks[i] && block.size() == known) continue;
-    if (changing_ && revisionIn(block) > revision) continue;
+    if (revisionIn(block) > revision && revisionIn(block) <= newest) continue;
     onDamage(
         {path, place,
          block.size() < known ? "the file is cut off" : "the block differs from its checksum"});
@@ -216,6 +237,18 @@ void IndexSums::verifyBlocks(const std::string& name, const FileSums& sums, cons
   if (size > sums.size && !changing_) {
     onDamage({path, sums.size, fmt::format("the file has {} bytes too many", size - sums.size)});
   }
+}
+
+// That of blocks which the engine may have written by now. From the second transaction of a change
+// on it writes over blocks that the index had before, so neither their places nor their number tell
+// which are old: only what they begin with does. Damage that turns just that into one of the few
+// revisions of the change remains unseen.
+std::uint64_t IndexSums::newestRevisionOf(const std::string& table) const {
+  const std::filesystem::path version = (indexPath() / table).parent_path() / kVersionFile;
+  const auto committed = revisionInVersion(readVersion(version));
+  // Without it nothing is known, and the engine opens nothing.
+  if (!committed) return std::numeric_limits<std::uint64_t>::max();
+  return *committed + kRevisionsOfATransaction;
 }
 
 void IndexSums::beginChange() {
@@ -257,12 +290,15 @@ void IndexSums::readBlocks(const std::string& name, FileSums& sums) const {
   const std::filesystem::path path = indexPath() / name;
   const std::uint64_t revision = revisionOf(revisions_, name);
   const FileHandle file = openFile(path, O_RDONLY);
+  const std::uint64_t newest = newestRevisionOf(name);
   const std::size_t known = sums.blocks.size();
   sums.size = std::filesystem::file_size(path);
   sums.blocks.resize(blocksOf(sums.size));
   for (std::size_t i = 0; i < sums.blocks.size(); ++i) {
     const std::uint64_t place = std::uint64_t{i} * kTableBlock;
-    if (i < known && blockRevisionAt(file, place, path) <= revision) continue;
+    const std::uint32_t written = blockRevisionAt(file, place, path);
+    if (i < known && written <= revision) continue;
+    if (i < known && written > newest) throwDamaged({path, place, "the block is of no revision"});
     sums.blocks[i] = checksumOf(readAt(file, place, kTableBlock, path));
   }
 }

@@ -21,6 +21,16 @@ namespace corvaned {
 constexpr std::string_view kTableSuffix = ".glass";
 constexpr std::size_t kTableBlock = 8192;
 
+/// A version file of the engine begins with what says which database it is of.
+constexpr std::size_t kVersionIdentityBytes = 32;
+
+/// How far a transaction takes the revision at most: one that fails may count as two.
+constexpr std::uint64_t kRevisionsOfATransaction = 2;
+
+/// The revision that the content of a version file names. The engine cannot be asked: the tables
+/// may be damaged.
+std::optional<std::uint64_t> revisionInVersion(std::string_view content);
+
 /// The revision of each database of an index, by its directory in there: none if it is the only
 /// one.
 using IndexRevisions = std::map<std::string, std::uint64_t>;
@@ -37,8 +47,8 @@ std::uint32_t blockRevisionAt(const FileHandle& file, std::uint64_t place,
 ///
 /// The file "index-sums" beside the index holds them while the index rests. Every byte must then be
 /// as it says. While the index is changed the file is called "index-sums-changing": it still holds
-/// for all blocks but those that the engine has written since, which begin with a higher revision.
-/// An update that was interrupted leaves that name.
+/// for all blocks but those that the engine has written since, which begin with a higher revision,
+/// though not one that the engine has not come to. An update that was interrupted leaves that name.
 ///
 ///     0   4  "KRS1"
 ///     4   8  revision of the index
@@ -109,6 +119,7 @@ class IndexSums {
   std::string encoded() const;
   void readIndex(std::map<std::string, FileSums>& files) const;
   void readBlocks(const std::string& name, FileSums& sums) const;
+  std::uint64_t newestRevisionOf(const std::string& table) const;
   void write();
   void verifyFile(const std::string& name, const FileSums& sums, const Visitor& onDamage,
                   const StopCheck& stop) const;

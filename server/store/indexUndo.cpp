@@ -63,33 +63,12 @@ std::optional<std::vector<Version>> decoded(std::string_view bytes) {
 
 fs::path indexIn(const fs::path& collection) { return collection / IndexSums::kIndexDirectory; }
 
-// A version file begins with what says which database it is of.
-constexpr std::size_t kIdentityBytes = 32;
-
-// Its revision comes next, seven bits per byte, the lowest ones first. The engine cannot be asked:
-// the tables may be damaged.
-std::optional<std::uint64_t> revisionIn(std::string_view version) {
-  constexpr unsigned kBits = 7;
-  std::uint64_t revision = 0;
-  unsigned shift = 0;
-  for (const char c : version.substr(std::min(version.size(), kIdentityBytes))) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (shift > 56) return std::nullopt;
-    revision |= std::uint64_t{byte & 0x7FU} << shift;
-    if (byte < 0x80U) return revision;
-    shift += kBits;
-  }
-  return std::nullopt;
-}
-
-// The next transaction but one may have written over what the earlier version has. A transaction
-// that fails may count as two.
+// The next transaction but one may have written over what the earlier version has.
 bool leavesWhole(std::string_view present, std::string_view earlier) {
-  constexpr std::uint64_t kRevisionsOfATransaction = 2;
-  const auto from = revisionIn(earlier);
-  const auto to = revisionIn(present);
+  const auto from = revisionInVersion(earlier);
+  const auto to = revisionInVersion(present);
   return from && to && *from <= *to && *to - *from <= kRevisionsOfATransaction &&
-         present.substr(0, kIdentityBytes) == earlier.substr(0, kIdentityBytes);
+         present.substr(0, kVersionIdentityBytes) == earlier.substr(0, kVersionIdentityBytes);
 }
 
 std::optional<std::string> faultOf(const fs::path& index,

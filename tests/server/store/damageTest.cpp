@@ -355,6 +355,33 @@ TEST_F(DamageTest, InterruptedUpdateIsGoneOnWithAndItsOldBlocksAreStillWatched) 
   EXPECT_THAT(refusal(), HasSubstr(table.string() + " is damaged at byte 8192"));
 }
 
+// Such a block looks as if the update had written it, were it not for what the index has come to.
+TEST_F(DamageTest, OldBlockOfAnInterruptedUpdateIsWatchedInWhatSaysWhenItWasWritten) {
+  for (const std::size_t parts : {1U, 2U}) {
+    SCOPED_TRACE(parts);
+    parts_ = parts;
+    std::filesystem::remove_all(data());
+    write();
+    {
+      LocalStore store(data(), {});
+      store.openCollection("c");
+    }
+    std::filesystem::rename(sums(), collection() / "index-sums-changing");
+    const Files whole = files();
+    for (const auto& [path, content] : whole) {
+      if (path.extension() != ".glass" || content.empty()) continue;
+      for (const std::size_t bit : {3U, 9U, 31U}) {
+        std::string bytes = content;
+        char& changed = bytes[3 - bit / 8];
+        changed = static_cast<char>(changed ^ static_cast<char>(1U << bit % 8));
+        rewrite(path, bytes);
+        EXPECT_THAT(refusal(), HasSubstr(path.string() + " is damaged at byte 0")) << bit;
+        restore(whole);
+      }
+    }
+  }
+}
+
 TEST_F(DamageTest, IndexOfAnEarlierVersionGetsChecksums) {
   {
     LocalStore store(data(), {});
@@ -420,6 +447,20 @@ TEST_F(IndexSumsTest, WhatCouldNotBeReadIsReadByTheNextAttempt) {
     sums_->endChange(revisions_);
     EXPECT_EQ(refusalOf([&] { IndexSums(collection()).verify(); }), "") << round;
   }
+}
+
+TEST_F(IndexSumsTest, BlockOfNoRevisionIsNotTakenForANewOne) {
+  change();
+  const std::filesystem::path table = collection() / "index" / "docdata.glass";
+  std::string bytes = read(table);
+  bytes[0] = '\x40';
+  rewrite(table, bytes);
+  EXPECT_THAT(refusalOf([&] { sums_->endChange(revisions_); }),
+              HasSubstr(table.string() + " is damaged at byte 0"));
+  bytes[0] = '\0';
+  rewrite(table, bytes);
+  sums_->endChange(revisions_);
+  EXPECT_EQ(refusalOf([&] { IndexSums(collection()).verify(); }), "");
 }
 
 TEST_F(IndexSumsTest, NextChangeIsAnnouncedAfterAnEndThatFailedLate) {
