@@ -296,6 +296,29 @@ TEST_F(ImpatientTest, WorkThatGetsNowhereIsRefused) {
   EXPECT_EQ(attempts, IndexReaders::kFreeAttempts + 1);
 }
 
+// Otherwise a search that is overtaken again and again could cost several times as much as it may.
+TEST_F(ImpatientTest, CostsOfAllAttemptsCountTogether) {
+  RequestContext context({std::chrono::milliseconds(0), 5 * kDocuments / 2});
+  const RequestContext::Scope scope(context);
+  SearchQuery query;
+  query.text = "fox";
+  int attempts = 0;
+  const auto search = [&](const IndexReader& reader) {
+    ++attempts;
+    EXPECT_EQ(reader.count(query, nullptr, limits_), kDocuments);
+    commitOften();
+    return std::all_of(keys_.begin(), keys_.end(),
+                       [&](const std::string& key) { return reader.contains(key); });
+  };
+  try {
+    readers_.run(search);
+    FAIL() << "it has ended";
+  } catch (const ServerError& error) {
+    EXPECT_EQ(error.kind(), ErrorKind::QueryTooBroad) << error.what();
+  }
+  EXPECT_EQ(attempts, 3);
+}
+
 TEST_F(OvertakenTest, CommitThatWaitsForItCanBeStopped) {
   std::atomic<bool> stopping = false;
   std::atomic<bool> stopped = false;

@@ -316,6 +316,37 @@ TEST_F(IndexStepsTest, BatchThatIsDividedTakesMemoryBetweenItsSteps) {
   EXPECT_EQ(limits_.index.memory->used(), before);
 }
 
+// As a small budget makes them.
+TEST_F(IndexStepsTest, ResultIsTheSameHoweverSmallTheTransactionsAre) {
+  const auto hitsWith = [&](std::size_t batchBytes, std::size_t& steps) {
+    tq::test::TemporaryDirectory directory;
+    Collection::create(directory.path(), {"en", {}}, {});
+    limits_.index.batchChanges = 1000;
+    limits_.index.batchBytes = batchBytes;
+    Collection collection("c", directory.path(), limits_, std::make_shared<ParseOutcomes>(10),
+                          stopping_);
+    for (int i = 0; i < 100; ++i) {
+      const std::string text(static_cast<std::size_t>(i % 7), 'f');
+      collection.add({"k" + std::to_string(i * 37 % 80), {}, "fox hound " + text + " fox"});
+      if (i % 10 == 9) collection.remove("k" + std::to_string(i));
+    }
+    collection.requestUpdate();
+    while (collection.indexStep()) ++steps;
+    SearchQuery query;
+    query.text = "fox OR fff";
+    const auto found = collection.search(query);
+    std::vector<std::pair<std::string, std::uint16_t>> hits;
+    for (Hit hit; found->next(hit);) hits.emplace_back(hit.key, hit.milliScore);
+    return hits;
+  };
+  std::size_t few = 0;
+  std::size_t many = 0;
+  const auto whole = hitsWith(std::size_t{4} << 20U, few);
+  EXPECT_GT(whole.size(), 70U);
+  EXPECT_EQ(hitsWith(100, many), whole);
+  EXPECT_GT(many, few + 10);
+}
+
 // What a transaction takes grows with them, not with the bytes.
 TEST_F(IndexStepsTest, TextsOfWordsThatDifferGoIntoSmallerTransactions) {
   limits_.index.batchChanges = 1000;

@@ -10,6 +10,7 @@
 #include "server/store/localStore.h"
 #include "tests/server/logLines.h"
 #include "tests/server/store/descriptorLimit.h"
+#include "tests/server/store/failingSync.h"
 #include "tests/server/store/fileSizeLimit.h"
 #include "tests/support/temporaryDirectory.h"
 
@@ -405,6 +406,58 @@ TEST_F(LocalStoreTest, QueuedDocumentsAreReportedOnceInOrder) {
   EXPECT_THAT(store_->takeParseOutcomes("c"), IsEmpty());
   store_->updateIndex("c");
   EXPECT_THAT(keys("fox"), ElementsAre("k1", "k3"));
+}
+
+TEST_F(LocalStoreTest, OutcomesAreToldWhenTheirDocumentsAreOnDisk) {
+  store_->createCollection("c", "en");
+  add("k0", "fox");
+  const int before = test::syncsSoFar();
+  store_->queueDocument("c", {"k1", {}, "fox"});
+  store_->queueDocument("c", {"k2", {}, "fox"});
+  EXPECT_EQ(test::syncsSoFar(), before) << "queueing must be cheap";
+  EXPECT_EQ(store_->takeParseOutcomes("c").size(), 2U);
+  EXPECT_EQ(test::syncsSoFar(), before + 1);
+  EXPECT_THAT(store_->takeParseOutcomes("c"), IsEmpty());
+  EXPECT_EQ(test::syncsSoFar(), before + 1) << "all of them were";
+}
+
+// The system does not tell which changes are on disk, so none that are not known to be are told.
+TEST_F(LocalStoreTest, OutcomesAreNotToldWhenTheirDocumentsCannotBeBroughtToDisk) {
+  store_->createCollection("c", "en");
+  store_->queueDocument("c", {"k1", {}, "fox"});
+  {
+    const test::FailingSync failing;
+    refusal(ErrorKind::StorageFailed, [&] { store_->takeParseOutcomes("c"); });
+  }
+  refusal(ErrorKind::StorageFailed, [&] { store_->takeParseOutcomes("c"); });
+}
+
+TEST_F(LocalStoreTest, SyncThatFailsEndsChangesAndLosesNothingThatWasAcknowledged) {
+  store_->createCollection("c", "en");
+  store_->createCollection("d", "en");
+  addSearchable("k1", "fox");
+  add("k2", "fox");
+  {
+    const test::FailingSync failing;
+    refusal(ErrorKind::StorageFailed, [&] { add("k3", "fox"); });
+  }
+  // The disk has recovered, and what it has lost is still unknown.
+  const auto expectRefused = [&](const auto& work) {
+    EXPECT_THAT(refusal(ErrorKind::StorageFailed, work), HasSubstr("restart the server"));
+  };
+  expectRefused([&] { add("k4", "fox"); });
+  expectRefused([&] { store_->queueDocument("c", {"k5", {}, "fox"}); });
+  expectRefused([&] { store_->deleteDocument("c", "k1"); });
+  expectRefused([&] { store_->apply("c", {"b1", {{{"k6", {}, "fox"}}, {}, {}}, {}, false, {}}); });
+  expectRefused([&] { store_->state("c"); });
+  EXPECT_THAT(keys("fox"), ElementsAre("k1"));
+  store_->addDocument("d", {"k", {}, "fox"});
+  restart();
+  store_->updateIndex("c");
+  // The change that was refused may be there, as with any other failure.
+  EXPECT_THAT(keys("fox NOT title:k3"), UnorderedElementsAre("k1", "k2"));
+  addSearchable("k7", "fox");
+  EXPECT_THAT(keys("title:k7"), ElementsAre("k7"));
 }
 
 TEST_F(LocalStoreTest, ForgottenOutcomesAreOneLineOfTheLog) {
