@@ -269,18 +269,20 @@ void XapianIndex::visit(SearchQuery query, const Hidden& hidden,
   diagnosed([&] { return readers_->run(visitRest, [&] { return query.size; }); });
 }
 
+// What another attempt need not ask again was so when it was asked, which is all that is promised
+// of any key.
 std::vector<bool> XapianIndex::contain(std::span<const std::string> keys, const StopCheck& stop) {
-  return diagnosed([&] {
-    return readers_->run([&](const IndexReader& reader) {
-      std::vector<bool> found;
-      found.reserve(keys.size());
-      for (const std::string& key : keys) {
-        stop();
-        found.push_back(reader.contains(key));
-      }
-      return found;
-    });
-  });
+  std::vector<bool> found;
+  found.reserve(keys.size());
+  const auto askRest = [&](const IndexReader& reader) {
+    while (found.size() < keys.size()) {
+      stop();
+      found.push_back(reader.contains(keys[found.size()]));
+    }
+    return true;
+  };
+  diagnosed([&] { return readers_->run(askRest, [&] { return found.size(); }); });
+  return found;
 }
 
 std::vector<HitDetails> XapianIndex::details(const SearchQuery& query, const DetailsWanted& wanted,

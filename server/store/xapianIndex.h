@@ -96,7 +96,8 @@ class XapianIndex {
   std::uint64_t count(const SearchQuery& query, const Hidden& hidden);
   /// Passes the documents that the query finds to `take`, in the order of their keys.
   void visit(SearchQuery query, const Hidden& hidden, const Store::DocumentVisitor& take);
-  /// Of each key whether it has a document of that key. `stop` is called between two keys.
+  /// Of each key whether it has a document of that key, at some time during the call. `stop` is
+  /// called between two keys.
   std::vector<bool> contain(std::span<const std::string> keys, const StopCheck& stop);
   /// The hits with what is to be told of them.
   std::vector<HitDetails> details(const SearchQuery& query, const DetailsWanted& wanted,

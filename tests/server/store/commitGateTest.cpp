@@ -19,7 +19,9 @@
 #include "server/base/requestContext.h"
 #include "server/store/commitGate.h"
 #include "server/store/indexReaders.h"
+#include "server/store/indexSums.h"
 #include "server/store/indexWriter.h"
+#include "server/store/xapianIndex.h"
 #include "tests/server/store/slowCollection.h"
 #include "tests/support/temporaryDirectory.h"
 
@@ -317,6 +319,31 @@ TEST_F(ImpatientTest, CostsOfAllAttemptsCountTogether) {
     EXPECT_EQ(error.kind(), ErrorKind::QueryTooBroad) << error.what();
   }
   EXPECT_EQ(attempts, 3);
+}
+
+// So many keys would otherwise be looked for in vain for as long as changes come.
+TEST_F(OvertakenTest, KeysThatWereFoundAreNotLookedForAgain) {
+  IndexSums::create(directory_.path(), readers_.revisions());
+  XapianIndex index(directory_.path(), limits_);
+  const auto commitOften = [&] {
+    for (int times = 0; times < 3; ++times) {
+      std::vector<Change> changes;
+      for (int i = 0; i < kDocuments; i += 40) {
+        changes.push_back({ChangeKind::Remove, {keyOf(i), {}, {}}});
+        changes.push_back({ChangeKind::Put, {keyOf(i), {}, "fox"}});
+      }
+      index.applyBatch(changes, kGoOn);
+    }
+  };
+  int calls = 0;
+  const auto overtake = [&] {
+    if (++calls % 400 == 0) std::async(std::launch::async, commitOften).get();
+  };
+  keys_.emplace_back("none");
+  const std::vector<bool> found = index.contain(keys_, overtake);
+  EXPECT_EQ(std::count(found.begin(), found.end(), true), kDocuments);
+  EXPECT_FALSE(found.back());
+  EXPECT_LT(calls, 2 * kDocuments);
 }
 
 TEST_F(OvertakenTest, CommitThatWaitsForItCanBeStopped) {
