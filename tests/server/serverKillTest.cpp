@@ -206,22 +206,25 @@ void makeBackups(ServerSubject& subject, const std::string& prefix) {
 // Every backup that has its name is whole: its collections are restored and opened. Returns how
 // many there are.
 std::size_t restoreAll(ServerSubject& subject, const std::filesystem::path& backups) {
+  const auto mustAsk = [&](const test::Headers& headers) {
+    if (!subject.ask(headers)) throw std::runtime_error("the server is gone");
+  };
   std::size_t count = 0;
   for (const auto& entry : std::filesystem::directory_iterator(backups)) {
     const std::string name = entry.path().filename().string();
     if (name.starts_with('.')) throw std::runtime_error("the start has left " + name);
     for (const auto& each : std::filesystem::directory_iterator(entry.path() / "collections")) {
-      subject.ask({{"action", "restore"},
-                   {"backup", name},
-                   {"from", each.path().filename().string()},
-                   {"index", "restored"},
-                   {"replace", "true"}});
-      subject.ask({{"action", "updateIndex"}, {"index", "restored"}});
+      mustAsk({{"action", "restore"},
+               {"backup", name},
+               {"from", each.path().filename().string()},
+               {"index", "restored"},
+               {"replace", "true"}});
+      mustAsk({{"action", "updateIndex"}, {"index", "restored"}});
       ++count;
     }
     std::filesystem::remove_all(entry.path());
   }
-  if (count > 0) subject.ask({{"action", "deleteCollection"}, {"index", "restored"}});
+  if (count > 0) mustAsk({{"action", "deleteCollection"}, {"index", "restored"}});
   return count;
 }
 
@@ -284,7 +287,7 @@ TEST(ServerKill, LosesNothingThatWasAcknowledgedAndDoesNothingByHalves) {
         ServerSubject again(server.binaryPort());
         ASSERT_TRUE(repeatsHarmlessly(again, model, steps, progress))
             << describe(model, steps, progress, found);
-        restored += restoreAll(subject, backups.path());
+        restored += restoreAll(again, backups.path());
       });
     }
   }
