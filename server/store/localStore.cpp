@@ -155,9 +155,13 @@ void LocalStore::createCollection(const std::string& name, const std::string& la
   // Created under a temporary name and renamed, so that a crash leaves a complete collection or
   // none.
   const std::filesystem::path temporary = freshTemporary();
-  Collection::create(temporary, {language, options, limits_.parts}, refresh);
-  std::filesystem::rename(temporary, path);
-  syncDirectory(collectionsRoot_);
+  try {
+    Collection::create(temporary, {language, options, limits_.parts}, refresh);
+    moveForGood(temporary, path);
+  } catch (...) {
+    tryToRemoveTree(temporary);
+    throw;
+  }
 }
 
 void LocalStore::openCollection(const std::string& name) { find(name); }

@@ -432,6 +432,17 @@ TEST_F(LocalStoreTest, OutcomesAreNotToldWhenTheirDocumentsCannotBeBroughtToDisk
   refusal(ErrorKind::StorageFailed, [&] { store_->takeParseOutcomes("c"); });
 }
 
+TEST_F(LocalStoreTest, CollectionThatCannotBeMadeLeavesNothingBehind) {
+  {
+    const test::FailingSync failing;
+    refusal(ErrorKind::StorageFailed, [&] { store_->createCollection("c", "en"); });
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(directory_.path() / "data/collections"));
+  store_->createCollection("c", "en");
+  addSearchable("k", "fox");
+  EXPECT_THAT(keys("fox"), ElementsAre("k"));
+}
+
 TEST_F(LocalStoreTest, SyncThatFailsEndsChangesAndLosesNothingThatWasAcknowledged) {
   store_->createCollection("c", "en");
   store_->createCollection("d", "en");
