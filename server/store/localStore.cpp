@@ -304,11 +304,21 @@ void LocalStore::startIndexing(Registry::Use collection) {
 void LocalStore::startIndexing(const std::shared_ptr<Registry::Use>& collection) {
   if (!(*collection)->takeOnIndexing()) return;
   try {
-    indexers_->run([this, collection] { return indexStep(collection); });
+    handOver(collection);
   } catch (...) {
-    // Without memory for the first step somebody else has to be able to begin.
     (*collection)->giveUpIndexing();
     throw;
+  }
+}
+
+// Others may rely on it by now. If it cannot be handed over for want of memory, they would have to
+// wait for the next request, so that it is done here.
+void LocalStore::handOver(const std::shared_ptr<Registry::Use>& collection) {
+  try {
+    indexers_->run([this, collection] { return indexStep(collection); });
+  } catch (const std::bad_alloc&) {
+    while (indexStep(collection)) {
+    }
   }
 }
 

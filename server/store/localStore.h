@@ -101,6 +101,7 @@ class LocalStore : public Store {
   std::unique_ptr<Collection> read(const std::string& name);
   void startIndexing(Registry::Use collection);
   void startIndexing(const std::shared_ptr<Registry::Use>& collection);
+  void handOver(const std::shared_ptr<Registry::Use>& collection);
   bool indexStep(const std::shared_ptr<Registry::Use>& collection);
   void follow(Registry::Use collection, std::shared_ptr<Ticket> ticket);
   void armRefresh(Collection& collection);

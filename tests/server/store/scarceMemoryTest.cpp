@@ -202,6 +202,28 @@ TEST_P(ScarceMemoryTest, AcceptedChangeIsSearchableWhicheverAllocationFails) {
   EXPECT_GT(failing, 10);
 }
 
+// Nobody asks for it afterwards who would begin it.
+TEST_P(ScarceMemoryTest, WhoeverWaitsBesideARequestWithoutMemoryIsAnswered) {
+  store_->createCollection("i", "en", {Refresh::Mode::Immediate, {}});
+  store_->addDocument("i", {"warm", {}, "fox"});
+  std::jthread other([&](const std::stop_token& stop) {
+    for (int i = 0; !stop.stop_requested(); ++i) {
+      try {
+        store_->addDocument("i", {"other " + std::to_string(i % 10), {}, "fox"});
+      } catch (const ServerError& error) {
+        EXPECT_EQ(error.kind(), ErrorKind::OutOfMemory) << error.what();
+      }
+    }
+  });
+  long failing = 1;
+  for (bool failed = true; failed; ++failing) {
+    ASSERT_LT(failing, kMost);
+    const Document document{"the key of a document " + std::to_string(failing), {}, "fox"};
+    failed = without(failing, false, [&] { store_->addDocument("i", document); });
+  }
+  EXPECT_GT(failing, 10);
+}
+
 // What is known of keys that wait is complete, whatever could not be noted of them.
 TEST_P(ScarceMemoryTest, DeletionFindsADocumentThatWasAcceptedWhicheverAllocationFailed) {
   long failing = 1;
