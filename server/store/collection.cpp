@@ -318,7 +318,7 @@ std::shared_ptr<Ticket> Collection::requestUpdate() {
   if (updateWanted_) return updateWanted_;
   if (updating_ && journal_.end() <= updatingTo_) return updating_;
   auto ticket = std::make_shared<Ticket>();
-  if (!updating_ && isIndexed() && !index_.isOfEarlierForm()) {
+  if (!updating_ && isIndexed() && !uncut_ && !index_.isOfEarlierForm()) {
     ticket->finish();
   } else {
     updateWanted_ = ticket;
@@ -479,7 +479,10 @@ void Collection::noteProgress(IndexProgress progress) {
 
 bool Collection::begin(Job& job) {
   requireGoingOn();
-  if (journal_.empty()) return false;
+  if (journal_.empty()) {
+    uncut_ = false;
+    return false;
+  }
   if (job.kind == Job::Kind::Round) {
     if (!index_.isUpdating()) index_.beginUpdate([this] { requireGoingOn(); });
     // In this order: what is in the index alone would be replaced by what came before it, if the
@@ -514,7 +517,8 @@ void Collection::end(Job& job) {
   failed_ = false;
   const bool isRound = job.kind == Job::Kind::Round;
   if (!isRound) index_.endUpdate();
-  restless_ = isRound;
+  // Until the journal is cut off: nobody else would try that again.
+  restless_ = isRound || refresh_.mode == Refresh::Mode::Immediate;
   {
     const std::lock_guard lock(hiddenMutex_);
     const auto isIn = [&](const std::string&, const JournalPosition& position) {
@@ -524,6 +528,8 @@ void Collection::end(Job& job) {
     // hidden if the update counted as done.
     showAgain(isIn);
     indexed_ = job.end;
+    // At the next opening deletions in the journal would hide what has been added since.
+    if (!isRound) uncut_ = true;
   }
   pendingKeys_.forgetUpTo(job.end);
   // Before anything else can fail: no later update comes across them.
@@ -531,6 +537,7 @@ void Collection::end(Job& job) {
   if (isRound) return;
   saveBatches();
   journal_.remove(job.end.segment - 1);
+  uncut_ = restless_ = false;
   if (refused == 0) return;
   throw ServerError(ErrorKind::DocumentsNotIndexed,
                     fmt::format("{} documents cannot be indexed, all others are searchable; "

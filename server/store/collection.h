@@ -277,6 +277,8 @@ class Collection {
   std::atomic<bool> failed_ = false;
   std::atomic<bool> damaged_ = false;
   std::atomic<bool> restless_ = false;
+  // Whether the journal holds changes of an update that is in the index and could not be ended.
+  std::atomic<bool> uncut_ = false;
   std::atomic<bool> restComes_ = false;
 
   // Keys deleted since the last updateIndex, and what part of the journal is in the index.

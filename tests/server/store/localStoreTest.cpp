@@ -443,6 +443,29 @@ TEST_F(LocalStoreTest, CollectionThatCannotBeMadeLeavesNothingBehind) {
   EXPECT_THAT(keys("fox"), ElementsAre("k"));
 }
 
+// Deletions that stay in the journal would hide documents that were added later, once the
+// collection is opened again.
+TEST_F(LocalStoreTest, UpdateThatCouldNotCutTheJournalOffIsDoneWhenItIsCutOff) {
+  store_->createCollection("c", "en");
+  store_->apply("c", {"b1", {{{"k1", {}, "fox"}}, {}, {}}, {}, false, {}});
+  store_->updateIndex("c");
+  store_->deleteDocument("c", "k1");
+  add("k1", "fox");
+  store_->apply("c", {"b2", {{{"k2", {}, "fox"}}, {}, {}}, {}, false, {}});
+  // What is no file and not empty cannot be written as one.
+  const std::filesystem::path collection = directory_.path() / "data/collections/c";
+  std::filesystem::create_directories(collection / "batches.new" / "x");
+  for (int times = 0; times < 2; ++times) {
+    refusal(ErrorKind::StorageFailed, [&] { store_->updateIndex("c"); });
+    EXPECT_THAT(keys("fox"), UnorderedElementsAre("k1", "k2"));
+  }
+  std::filesystem::remove_all(collection / "batches.new");
+  store_->updateIndex("c");
+  restart();
+  EXPECT_THAT(keys("fox"), UnorderedElementsAre("k1", "k2"));
+  EXPECT_EQ(store_->state("c"), CollectionState::Current);
+}
+
 TEST_F(LocalStoreTest, SyncThatFailsEndsChangesAndLosesNothingThatWasAcknowledged) {
   store_->createCollection("c", "en");
   store_->createCollection("d", "en");
