@@ -1,10 +1,6 @@
 #include "server/store/indexLimits.h"
 
-#include "server/store/indexingMemory.h"
-
 namespace corvaned {
-
-std::size_t IndexLimits::batchMemory() const { return batchBytes * IndexingMemory::kCostOfByte; }
 
 MemoryBudget::Share shareOf(const IndexLimits& limits) {
   return limits.memory ? MemoryBudget::Share(*limits.memory) : MemoryBudget::Share();

@@ -11,6 +11,9 @@
 
 namespace corvaned {
 
+/// What a byte of an ordinary text takes in memory while its words are gathered.
+constexpr std::size_t kIndexingCost = 16;
+
 struct IndexLimits {
   /// Maximum length of a query in bytes.
   std::size_t queryBytes = 16384;
@@ -22,7 +25,7 @@ struct IndexLimits {
   /// ordinary texts is full. One with more words is full when it takes as much memory.
   std::size_t batchChanges = 1000;
   std::size_t batchBytes = std::size_t{4} << 20U;
-  std::size_t batchMemory() const;
+  std::size_t batchMemory() const { return batchBytes * kIndexingCost; }
   /// What results and transactions take their memory from. None: without a limit.
   std::shared_ptr<MemoryBudget> memory;
   /// What handles for searching take their descriptors from. None: without a limit.

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
-#include <utility>
 
 #include "server/store/indexLimits.h"
+#include "server/store/searchableText.h"
 
 namespace corvaned {
 namespace {
@@ -24,15 +24,10 @@ std::uint64_t hashed(std::uint64_t before, std::string_view text) {
   return before;
 }
 
-enum class Sign { Letter, Joint, Wide, Other };
+enum class Sign { Letter, Digit, Wide, Other };
 
-// The signs that the engine takes for part of a word between two letters or digits.
-bool isJoint(unsigned char c) {
-  return std::string_view("&'.,;_").find(static_cast<char>(c)) != std::string_view::npos;
-}
-
-// Chinese, Japanese and Korean, of which each two characters make a word; and Thai, Lao, Burmese
-// and Khmer, whose words have no blanks between them.
+// Chinese, Japanese and Korean, of which each character makes a word, and each two; and Thai, Lao,
+// Burmese and Khmer, whose words have no blanks between them.
 bool isWide(unsigned char first, unsigned char second) {
   if (first == 0xE0) return second >= 0xB8 && second <= 0xBB;
   if (first == 0xE1) return second <= 0x82 || second == 0x9E || second == 0x9F;
@@ -58,54 +53,55 @@ Sign signOf(std::string_view character) {
     return wide ? Sign::Wide : Sign::Letter;
   }
   const unsigned char lower = first | 0x20U;
-  if ((lower >= 'a' && lower <= 'z') || (first >= '0' && first <= '9')) return Sign::Letter;
-  return isJoint(first) ? Sign::Joint : Sign::Other;
+  if (first >= '0' && first <= '9') return Sign::Digit;
+  return (lower >= 'a' && lower <= 'z') || first == '_' ? Sign::Letter : Sign::Other;
 }
 
-/// Calls `take(word, bytes)` for the words of texts. Numbers and names with signs in them are
-/// words, but a text may also have such signs and no blanks between all of its words: what comes
-/// before a sign is taken, and so is all of it.
+bool isOneOf(std::string_view signs, std::string_view character) {
+  return character.size() == 1 && signs.find(character.front()) != std::string_view::npos;
+}
+
+/// Calls `take(word, bytes)` for the words of texts.
 template <typename Take>
 class WordScan {
  public:
   /// `seed` tells the words of one name of metadata from those of another.
-  WordScan(std::uint64_t seed, const Take& take) : seed_(seed), take_(take) { begin(); }
+  WordScan(std::uint64_t seed, const Take& take) : seed_(seed), take_(take), word_(seed) {}
 
   void read(std::string_view text) {
     for (std::size_t i = 0; i < text.size();) {
       const std::string_view character = characterAt(text, i);
-      pass(character, signOf(character));
       i += character.size();
+      pass(character, i < text.size() ? signOf(characterAt(text, i)) : Sign::Other);
     }
     end();
   }
 
  private:
-  void pass(std::string_view character, Sign sign) {
-    if (sign == Sign::Letter) {
+  void pass(std::string_view character, Sign next) {
+    const Sign sign = signOf(character);
+    if (sign == Sign::Letter || sign == Sign::Digit || joins(character, next)) {
       extend(character);
-      open_ = true;
     } else {
       end();
-      if (sign == Sign::Joint) {
-        extend(character);
-      } else {
-        begin();
-      }
     }
-    passWide(sign == Sign::Wide ? character : std::string_view());
+    if (sign == Sign::Wide) passWide(character);
+    wide_ = sign == Sign::Wide ? character : std::string_view();
+    before_ = sign;
+  }
+
+  // As the engine reads names and numbers.
+  bool joins(std::string_view character, Sign next) const {
+    if (length_ == 0) return false;
+    if (isOneOf("&'", character)) return next == Sign::Letter || next == Sign::Digit;
+    return isOneOf(",.;", character) && before_ == Sign::Digit && next == Sign::Digit;
   }
 
   void passWide(std::string_view character) {
-    if (!character.empty()) {
-      take_(hashed(hashed(seed_, before_), character), before_.size() + character.size());
+    take_(hashed(seed_, character), character.size());
+    if (!wide_.empty()) {
+      take_(hashed(hashed(seed_, wide_), character), wide_.size() + character.size());
     }
-    before_ = character;
-  }
-
-  void begin() {
-    word_ = seed_;
-    length_ = 0;
   }
 
   // Capitals make no other words.
@@ -120,15 +116,18 @@ class WordScan {
   }
 
   void end() {
-    if (std::exchange(open_, false)) take_(word_, length_);
+    if (length_ > 0) take_(word_, std::min<std::size_t>(length_, kMaxWordBytes));
+    word_ = seed_;
+    length_ = 0;
   }
 
   const std::uint64_t seed_;
   const Take& take_;
-  std::uint64_t word_ = 0;
+  std::uint64_t word_;
   std::size_t length_ = 0;
-  bool open_ = false;
-  std::string_view before_;
+  Sign before_ = Sign::Other;
+  // The character before, if it is a wide one.
+  std::string_view wide_;
 };
 
 }  // namespace
@@ -182,7 +181,7 @@ void IndexingMemory::addWord(std::uint64_t word, std::size_t length) {
 std::size_t IndexingMemory::bytes() const {
   const std::size_t ofWords = words_.count() * kWordCost + wordBytes_ * kLetterCost +
                               entries_ * kEntryCost + largestDocument_;
-  return std::max(textBytes_ * kCostOfByte, ofWords);
+  return std::max(textBytes_ * kIndexingCost, ofWords);
 }
 
 void IndexingMemory::clear() {

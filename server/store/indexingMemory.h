@@ -34,9 +34,6 @@ class DistinctCount {
 /// the index does.
 class IndexingMemory {
  public:
-  /// What a byte of an ordinary text takes.
-  static constexpr std::size_t kCostOfByte = 16;
-
   void add(const Change& change);
   std::size_t bytes() const;
   void clear();

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "server/store/indexLimits.h"
 #include "server/store/indexingMemory.h"
 #include "server/store/textAnalysis.h"
 #include "server/store/xapianSchema.h"
@@ -87,6 +88,7 @@ std::vector<Kind> kindsOfManyWords() {
       {"the same in all", 500, 100, [](int i) { return letters(i % 100) + " "; }},
       {"numbers", 50, 1000, [](int i) { return "1," + std::to_string(100000 + i) + ",5 "; }},
       {"without blanks", 50, 1000, [](int i) { return letters(i) + ","; }},
+      {"with signs", 50, 1000, [](int i) { return letters(i) + "&" + letters(i + 1) + "'s "; }},
       {"Cyrillic", 50, 1000, [](int i) { return "\xD0\xB4" + letters(i) + " "; }},
       {"Chinese", 50, 1000, ideograph},
   };
@@ -107,7 +109,7 @@ TEST(MemoryToIndex, CoversWhatTheEngineHoldsAndNotMuchMore) {
 
 TEST(MemoryToIndex, OfWordsThatComeAgainIsThatOfTheBytes) {
   const auto changes = changesOf(100, 1000, [](int i) { return letters(i % 50) + " "; });
-  EXPECT_EQ(estimated(changes), IndexingMemory::kCostOfByte * (100 * 8000 + 190));
+  EXPECT_EQ(estimated(changes), kIndexingCost * (100 * 8000 + 290));
 }
 
 TEST(MemoryToIndex, CapitalsAndEndsOfSentencesMakeNoOtherWords) {
