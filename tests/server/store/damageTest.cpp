@@ -287,7 +287,7 @@ TEST_F(DamageTest, DamageThatAnUpdateMeetsIsNamed) {
   // From here on the index is not compared before the next change.
   add(store, "k1");
   ASSERT_TRUE(std::filesystem::exists(collection() / "index-sums-changing"));
-  const std::filesystem::path table = collection() / "index" / "docdata.glass";
+  const std::filesystem::path table = collection() / "index" / "postlist.glass";
   std::filesystem::resize_file(table, 0);
   EXPECT_THAT(refusalOf([&] { add(store, "k2"); }), HasSubstr(table.string() + " is damaged"));
 }

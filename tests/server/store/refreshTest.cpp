@@ -441,7 +441,7 @@ TEST_F(RefreshStepsTest, AttemptThatMeetsDamageIsNotRepeatedForAMinute) {
   create(every(std::chrono::milliseconds(70)));
   collection_->add({"k1", {}, "fox"});
   collection_->takeRefreshTime();
-  const std::filesystem::path table = directory_.path() / "index" / "docdata.glass";
+  const std::filesystem::path table = directory_.path() / "index" / "postlist.glass";
   const std::uintmax_t size = std::filesystem::file_size(table);
   std::filesystem::resize_file(table, size + 1);
   collection_->refresh();
