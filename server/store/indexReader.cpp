@@ -12,6 +12,7 @@
 #include "server/store/keyFilters.h"
 #include "server/store/passingDocuments.h"
 #include "server/store/queryDigest.h"
+#include "server/store/queryLists.h"
 #include "server/store/queryReader.h"
 #include "server/store/resultPage.h"
 #include "server/store/searchMemory.h"
@@ -189,6 +190,7 @@ std::unique_ptr<HitList> IndexReader::found(const Xapian::Query& words, const Se
   std::optional<ResultPlace> begin;
   if (query.inPages) begin = beginOf(query, snapshot(hidden));
   const MemoryBudget::Share lists = memoryForKeys(query, limits);
+  const MemoryBudget::Share ofWords = memoryForWords(words, database_, limits);
   auto found = hits(database_, withoutHidden(words, hidden, database_.size()), query, names, limits,
                     database_.get_doccount());
   if (begin) found->setNextPage(endOf(std::move(*begin), query, *found));
@@ -213,6 +215,7 @@ std::unique_ptr<HitSource> IndexReader::match(const SearchQuery& query,
   // That of several databases is for several already, and would count as longer than it is allowed.
   const Xapian::Query words = isInParts() ? asked : forSeveralDatabases(asked);
   const MemoryBudget::Share lists = memoryForKeys(query, limits);
+  const MemoryBudget::Share ofWords = memoryForWords(words, database_, limits);
   Xapian::Database both(database_);
   both.add_database(
       passingDocuments(std::move(made), words, normalizeText(query.text), names.slotCount()));
@@ -226,6 +229,7 @@ std::uint64_t IndexReader::count(const SearchQuery& query, const Hidden& hidden,
                                  const IndexLimits& limits) const {
   const MemoryBudget::Share lists = memoryForKeys(query, limits);
   const Xapian::Query asked = wordsOf(query, IndexNames(database_), limits);
+  const MemoryBudget::Share ofWords = memoryForWords(asked, database_, limits);
   const Interruptible words(withinKeys(withoutHidden(asked, hidden, database_.size()), query));
   Xapian::Enquire enquire(database_);
   enquire.set_query(words.query());
@@ -293,8 +297,9 @@ CollectionSummary IndexReader::summary() const {
 // counts.
 Estimate IndexReader::estimate(const std::string& query, std::uint64_t exactHits,
                                const Hidden& hidden, const IndexLimits& limits) const {
-  const Interruptible words(
-      withoutHidden(read(query, IndexNames(database_), limits), hidden, database_.size()));
+  const Xapian::Query asked = read(query, IndexNames(database_), limits);
+  const MemoryBudget::Share ofWords = memoryForWords(asked, database_, limits);
+  const Interruptible words(withoutHidden(asked, hidden, database_.size()));
   const std::uint64_t documents = database_.get_doccount();
   Xapian::Enquire enquire(database_);
   enquire.set_query(words.query());

@@ -12,6 +12,7 @@
 #include "server/store/hitTexts.h"
 #include "server/store/interruption.h"
 #include "server/store/keyFilters.h"
+#include "server/store/queryLists.h"
 #include "server/store/queryReader.h"
 #include "server/store/resultPage.h"
 #include "server/store/searchMemory.h"
@@ -151,6 +152,7 @@ JointReader::Ranking JointReader::ranked(const Xapian::Query& words, const Searc
                                          const IndexLimits& limits) const {
   const Page page = pageOf(query, database_.get_doccount());
   const MemoryBudget::Share keys = memoryForKeys(query, database_.size(), limits);
+  const MemoryBudget::Share ofWords = memoryForWords(words, database_, limits);
   const Interruptible interruptible(withinKeys(words, query));
   Xapian::Enquire enquire(database_);
   enquire.set_query(interruptible.query());

@@ -35,6 +35,7 @@ class StoreMemoryTest : public ::testing::Test {
                                   "fox"});
     }
     store_->updateIndex("c");
+    store_->takeParseOutcomes("c");
     search(10);
     idle_ = memory_->used();
   }
@@ -74,7 +75,6 @@ TEST_F(StoreMemoryTest, ResultTakesMemoryUntilItIsRead) {
 
 TEST_F(StoreMemoryTest, OutcomesCountUntilTheyAreToldAndTheOldestAreForgotten) {
   open(1U << 20U);
-  store_->takeParseOutcomes("c");
   const std::size_t idle = memory_->used();
   for (int i = 0; i < 4000; ++i) store_->queueDocument("c", {std::to_string(i), {}, "fox"});
   EXPECT_GT(memory_->used(), idle + (100U << 10U));
@@ -117,6 +117,64 @@ TEST_F(StoreMemoryTest, KeysTakeMemoryInSeveralDatabases) {
     }
   }
   EXPECT_EQ(memory_->used(), idle_);
+}
+
+// The engine opens a list for each word that one with * stands for, in each database.
+TEST_F(StoreMemoryTest, WordsThatStandForManyTakeMemory) {
+  open(1U << 20U, 2);
+  for (int i = 100; i < 300; ++i) {
+    const std::string number = std::to_string(i);
+    store_->queueDocument("c", {number, {}, "word" + number});
+  }
+  store_->updateIndex("c");
+  store_->takeParseOutcomes("c");
+  SearchQuery few;
+  few.text = "word11*";
+  SearchQuery many = few;
+  many.text = "word*";
+  EXPECT_EQ(store_->count("c", few), 10U);
+  idle_ = memory_->used();
+  const std::vector<std::function<void()>> questions{
+      [&] { store_->search("c", many); },
+      [&] { store_->count("c", many); },
+      [&] { store_->estimate("c", many.text); },
+      [&] { store_->details("c", many, {}); },
+      [&] { store_->details(std::vector<std::string>{"c"}, many, {}); },
+      [&] {
+        store_->match("c", many, {{"0", {}, "word1"}});
+      }};
+  for (const auto& ask : questions) {
+    try {
+      ask();
+      ADD_FAILURE() << "it was not refused";
+    } catch (const ServerError& error) {
+      EXPECT_EQ(error.kind(), ErrorKind::QueryTooBroad);
+      EXPECT_THAT(error.what(), AllOf(HasSubstr("200 words"), HasSubstr("--max-memory")));
+    }
+    EXPECT_EQ(memory_->used(), idle_);
+  }
+}
+
+TEST_F(StoreMemoryTest, QueryStandsForSoManyWordsAtMost) {
+  open(std::size_t{1} << 30U);
+  for (int i = 1000; i < 1200; ++i) {
+    const std::string number = std::to_string(i);
+    store_->queueDocument("c", {number, {}, "word" + number});
+  }
+  store_->updateIndex("c");
+  const auto hits = [&](int times) {
+    SearchQuery query;
+    for (int i = 0; i < times; ++i) query.text += i == 0 ? "word*" : " OR word*";
+    return store_->count("c", query);
+  };
+  EXPECT_EQ(hits(50), 200U);
+  try {
+    hits(51);
+    ADD_FAILURE() << "it was not refused";
+  } catch (const ServerError& error) {
+    EXPECT_EQ(error.kind(), ErrorKind::QueryTooBroad);
+    EXPECT_THAT(error.what(), HasSubstr("10000 words"));
+  }
 }
 
 TEST_F(StoreMemoryTest, ResultsThatNobodyReadsAreRefusedWhenTheyFillTheBudget) {
