@@ -480,7 +480,8 @@ void Collection::noteProgress(IndexProgress progress) {
 bool Collection::begin(Job& job) {
   requireGoingOn();
   if (journal_.empty()) {
-    uncut_ = false;
+    // Perhaps all that was missing was to know that a segment's removal is on disk.
+    uncut_ = restless_ = false;
     return false;
   }
   if (job.kind == Job::Kind::Round) {
