@@ -1,6 +1,7 @@
 #include "server/store/indexUpdate.h"
 
 #include <iterator>
+#include <limits>
 #include <utility>
 
 #include "server/store/indexingMemory.h"
@@ -12,11 +13,22 @@ namespace {
 constexpr std::uint64_t kBytesPerCount = std::uint64_t{32} << 20U;
 // What a key takes in the map beside its bytes.
 constexpr std::size_t kKeyCost = 80;
+// The part of the memory that the keys of an update may take.
+constexpr std::size_t kUpdatesPerBudget = 16;
+
+std::size_t mostKeyBytes(const IndexLimits& limits) {
+  return limits.memory ? limits.memory->limit() / kUpdatesPerBudget
+                       : std::numeric_limits<std::size_t>::max();
+}
 
 }  // namespace
 
 IndexUpdate::IndexUpdate(JournalPart part, XapianIndex& index, XapianIndex::StopCheck stop)
-    : part_(std::move(part)), index_(index), stop_(std::move(stop)), memory_(index.emptyShare()) {}
+    : part_(std::move(part)),
+      index_(index),
+      stop_(std::move(stop)),
+      mostKeyBytes_(mostKeyBytes(index.limits())),
+      memory_(index.emptyShare()) {}
 
 bool IndexUpdate::step() {
   if (!counted_) count();
@@ -29,19 +41,35 @@ void IndexUpdate::count() {
   const std::uint64_t end = part_.bytesRead() + kBytesPerCount;
   while (part_.bytesRead() < end) {
     stop_();
+    if (keyBytes_ >= mostKeyBytes_ && !part_.isInsideBatch()) return endCount(false);
     const auto change = next();
-    if (!change) {
-      counted_ = true;
-      all_ = position_;
-      part_.rewind();
-      position_ = 0;
-      break;
-    }
+    if (!change) return endCount(true);
     const auto [entry, isNew] = lastOfKey_.insert_or_assign(change->document.key, position_++);
     if (isNew) keyBytes_ += entry->first.size() + kKeyCost;
   }
   memory_.force(keyBytes_ + bytesHeld_);
-  if (!counted_) all_ = position_;
+  all_ = position_;
+}
+
+void IndexUpdate::endCount(bool isLast) {
+  counted_ = true;
+  isLastSlice_ = isLast;
+  all_ = sliceEnd_ = position_;
+  part_.rewind(sliceMark_);
+  bytesHeld_ = 0;
+  position_ = sliceBegin_;
+  memory_.force(keyBytes_);
+}
+
+// What a slice leaves visible that a later one deletes is hidden from searches until the update
+// ends.
+void IndexUpdate::beginSlice() {
+  counted_ = false;
+  sliceMark_ = part_.mark();
+  sliceBegin_ = position_;
+  lastOfKey_.clear();
+  keyBytes_ = 0;
+  memory_.force(bytesHeld_);
 }
 
 std::optional<Change> IndexUpdate::next() {
@@ -67,16 +95,18 @@ bool IndexUpdate::apply() {
            memory.bytes() < times * limits.batchMemory();
   };
   while ((hasRoom(1) && part_.bytesRead() < end) || (hasRoom(2) && part_.isInsideBatch())) {
-    auto change = next();
-    more = change.has_value();
+    more = position_ < sliceEnd_;
     if (!more) break;
+    auto change = next();
     if (lastOfKey_[change->document.key] != position_++) continue;
     memory.add(*change);
     batch.push_back(std::move(*change));
   }
   std::vector<ParseOutcome> refused = index_.applyBatch(batch, stop_);
   std::move(refused.begin(), refused.end(), std::back_inserter(refused_));
-  return more;
+  if (more || isLastSlice_) return more;
+  beginSlice();
+  return true;
 }
 
 }  // namespace corvaned

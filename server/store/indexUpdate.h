@@ -24,22 +24,31 @@ class IndexUpdate {
   /// it throws, part of the changes may be in the index, and bringing all of them in again is safe.
   bool step();
 
-  /// How many changes have been brought in, and how many there are. While they are being counted:
-  /// none, and how many have been found.
-  IndexProgress progress() const { return {counted_ ? position_ : 0, all_}; }
+  /// How many changes have been brought in, and how many have been found.
+  IndexProgress progress() const { return {counted_ ? position_ : sliceBegin_, all_}; }
 
   /// The documents that the index refused.
   std::vector<ParseOutcome>& refused() { return refused_; }
 
  private:
   void count();
+  void endCount(bool isLast);
   bool apply();
+  void beginSlice();
   std::optional<Change> next();
 
   JournalPart part_;
   XapianIndex& index_;
   const XapianIndex::StopCheck stop_;
-  // Which change of each key is the last one.
+  const std::size_t mostKeyBytes_;
+  // The changes are brought in slice by slice, so that what is known of their keys stays within
+  // bounds: where the present one begins, the numbers of its first change and of the one after its
+  // last, and whether it is the last one.
+  JournalPart::Mark sliceMark_;
+  std::uint64_t sliceBegin_ = 0;
+  std::uint64_t sliceEnd_ = 0;
+  bool isLastSlice_ = false;
+  // Which change of each key is the last one of the slice.
   std::unordered_map<std::string, std::uint64_t> lastOfKey_;
   MemoryBudget::Share memory_;
   std::size_t keyBytes_ = 0;

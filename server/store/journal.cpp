@@ -213,10 +213,10 @@ void JournalPart::dropEntry() {
   bytesHeld_ = 0;
 }
 
-void JournalPart::rewind() {
-  current_ = 0;
-  place_ = 0;
-  bytesRead_ = 0;
+void JournalPart::rewind(const Mark& mark) {
+  current_ = mark.segment;
+  place_ = mark.place;
+  bytesRead_ = mark.bytesRead;
   dropEntry();
   closeFile();
 }

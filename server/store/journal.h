@@ -43,8 +43,17 @@ class JournalPart {
 
   /// Nothing at the end.
   std::optional<Change> next();
-  /// Begins again.
-  void rewind();
+  /// A place between two entries: not inside a batch.
+  struct Mark {
+    std::size_t segment = 0;
+    std::uint64_t place = 0;
+    std::uint64_t bytesRead = 0;
+  };
+  /// Where next() goes on.
+  Mark mark() const { return {current_, place_, bytesRead_}; }
+  /// Goes on from there, or begins again.
+  void rewind(const Mark& mark);
+  void rewind() { rewind(Mark()); }
   /// Until next() is called again. A batch that has begun stays in memory.
   void closeFile();
   /// About what that batch takes.

@@ -299,6 +299,39 @@ TEST_F(IndexStepsTest, RefusedDocumentIsReportedAlsoIfTheJournalCannotBeCutOff) 
   EXPECT_EQ(collection_->takeOutcomes().size(), 1U);
 }
 
+TEST_F(IndexStepsTest, KeysOfALongJournalTakeAPartOfTheMemory) {
+  constexpr std::size_t kBudget = std::size_t{1} << 20U;
+  limits_.index.memory = std::make_shared<MemoryBudget>(kBudget);
+  limits_.index.batchChanges = 100;
+  open();
+  for (int i = 0; i < 3000; ++i) {
+    collection_->queue({"k" + std::to_string(i % 2000), {}, i < 2000 ? "hound" : "fox"});
+  }
+  collection_->remove("k5");
+  Batch batch{"b1", {}, {}, false, {}};
+  for (int i = 0; i < 90; ++i) {
+    batch.changes.documents.push_back({"b" + std::to_string(i), {}, "bear"});
+  }
+  batch.changes.deletions.emplace_back("k1999");
+  collection_->apply(std::move(batch));
+  const std::size_t before = limits_.index.memory->used();
+  const auto ticket = collection_->requestUpdate();
+  std::size_t most = 0;
+  std::uint64_t last = 0;
+  while (collection_->indexStep()) {
+    const std::size_t used = limits_.index.memory->used();
+    if (used > before) most = std::max(most, used - before);
+    last = std::max(last, collection_->summary().indexing);
+    EXPECT_EQ(collection_->estimate("bear", kExactHits).hits % 90, 0U) << "the batch is divided";
+    EXPECT_LE(collection_->estimate("hound OR fox", kExactHits).hits, 1998U) << "what was deleted";
+  }
+  EXPECT_NO_THROW(ticket->requireSuccess());
+  EXPECT_LE(most, kBudget / 16 + 16384);
+  EXPECT_EQ(last, 3092U);
+  EXPECT_EQ(collection_->estimate("hound", kExactHits).hits, 999U);
+  EXPECT_EQ(collection_->estimate("fox", kExactHits).hits, 999U);
+}
+
 TEST_F(IndexStepsTest, BatchThatIsDividedTakesMemoryBetweenItsSteps) {
   limits_.index.memory = std::make_shared<MemoryBudget>(std::size_t{64} << 20U);
   open();
