@@ -212,6 +212,10 @@ void XapianIndex::endRebuild() {
     sums_ = std::move(sums);
   });
   rebuild_.reset();
+  {
+    const std::lock_guard lock(damageMutex_);
+    damage_.reset();
+  }
   earlierForm_ = false;
   ending_ = false;
   spdlog::info("{} has its present form", path_.string());
