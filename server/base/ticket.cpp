@@ -1,5 +1,8 @@
 #include "server/base/ticket.h"
 
+#include <spdlog/spdlog.h>
+
+#include <exception>
 #include <utility>
 
 namespace corvaned {
@@ -31,7 +34,7 @@ bool Ticket::isDone() const {
   return done_;
 }
 
-void Ticket::finish(const std::optional<ServerError>& failure) {
+void Ticket::finish(const std::optional<ServerError>& failure) noexcept {
   std::vector<std::function<void()>> calls;
   {
     const std::lock_guard lock(mutex_);
@@ -41,7 +44,14 @@ void Ticket::finish(const std::optional<ServerError>& failure) {
     calls.swap(calls_);
     ended_.notify_all();
   }
-  for (const auto& call : calls) call();
+  for (const auto& call : calls) {
+    // Those after it wait, too.
+    try {
+      call();
+    } catch (const std::exception& error) {
+      spdlog::error("failure: action=\"await\" reason={}", error.what());
+    }
+  }
 }
 
 }  // namespace corvaned

@@ -23,7 +23,7 @@ class Ticket {
   bool isDone() const;
 
   /// The work has ended; it has failed if there is a reason. Called once.
-  void finish(const std::optional<ServerError>& failure = std::nullopt);
+  void finish(const std::optional<ServerError>& failure = std::nullopt) noexcept;
 
  private:
   mutable std::mutex mutex_;

@@ -8,7 +8,7 @@
 
 #include <algorithm>
 #include <array>
-#include <asio/post.hpp>
+#include <functional>
 #include <limits>
 #include <utility>
 #include <vector>
@@ -216,7 +216,7 @@ void Connection::setSocketOptions() {
 
 void Connection::turnAway() {
   setSocketOptions();
-  asio::post(socket_.get_executor(), [self = shared_from_this()] {
+  handOver_.post(socket_.get_executor(), [self = shared_from_this()] {
     self->guarded([&] {
       self->refuse(FramingError(
           ErrorKind::TryAgain,
@@ -236,12 +236,12 @@ void Connection::notePeer() {
 void Connection::start() {
   setSocketOptions();
   notePeer();
-  asio::post(socket_.get_executor(),
-             [self = shared_from_this()] { self->guarded([&] { self->proceed(); }); });
+  handOver_.post(socket_.get_executor(),
+                 [self = shared_from_this()] { self->guarded([&] { self->proceed(); }); });
 }
 
 void Connection::finish() {
-  asio::post(socket_.get_executor(), [self = shared_from_this()] {
+  handOver_.post(socket_.get_executor(), [self = shared_from_this()] {
     const State state = self->state_;
     if (state == State::Listening || state == State::Waiting || state == State::Draining) {
       self->close();
@@ -250,7 +250,7 @@ void Connection::finish() {
 }
 
 void Connection::abort() {
-  asio::post(socket_.get_executor(), [self = shared_from_this()] { self->close(); });
+  handOver_.post(socket_.get_executor(), [self = shared_from_this()] { self->close(); });
 }
 
 // A failure, such as lack of memory, ends the connection that caused it and no other.
@@ -401,8 +401,8 @@ void Connection::serve(Workload workload) {
   request_->allowLaterReply();
   if (inputEnded_) clientGoneAt(RequestContext::Clock::now() + options.hangupGrace);
   watch();
-  asio::post(context_.workers(workload),
-             [self = shared_from_this(), workload] { self->work(workload); });
+  handOver_.post(context_.workers(workload),
+                 [self = shared_from_this(), workload] { self->work(workload); });
 }
 
 void Connection::work(Workload workload) {
@@ -411,7 +411,7 @@ void Connection::work(Workload workload) {
   const std::optional<State> next = answer(workload);
   // Otherwise another worker may have gone on with the request already.
   if (!next) return;
-  asio::post(socket_.get_executor(), [self = shared_from_this(), next = *next] {
+  handOver_.post(socket_.get_executor(), [self = shared_from_this(), next = *next] {
     if (self->state_ == State::Closed) return;
     self->state_ = next;
     self->request_.reset();
@@ -461,14 +461,33 @@ std::optional<Connection::State> Connection::answerRow(Workload workload) {
   }
 }
 
-// That can take long, and a worker that waited for it would be missing for the others. The
-// worker that goes on may do so before this function returns.
+// That can take long, and a worker that waited for it would be missing for the others.
 void Connection::awaitCollection(Workload workload) {
-  context_.requestWaits();
-  context_.dispatcher().makeReady(*queued_, [self = shared_from_this(), workload] {
-    asio::post(self->context_.workers(workload), [self, workload] { self->work(workload); });
-    self->context_.requestGoesOn();
+  waitWithoutWorker(workload, [this](std::function<void()> goOn) {
+    context_.dispatcher().makeReady(*queued_, std::move(goOn));
   });
+}
+
+// The worker that goes on may do so before this function returns.
+template <typename Wait>
+void Connection::waitWithoutWorker(Workload workload, const Wait& wait) {
+  context_.requestWaits();
+  waits_ = true;
+  try {
+    wait([self = shared_from_this(), workload] { self->goOn(workload); });
+  } catch (...) {
+    // Whoever was to call it may have done so all the same.
+    if (!waits_.exchange(false)) return;
+    context_.requestGoesOn();
+    throw;
+  }
+}
+
+void Connection::goOn(Workload workload) {
+  if (!waits_.exchange(false)) return;
+  handOver_.post(context_.workers(workload),
+                 [self = shared_from_this(), workload] { self->work(workload); });
+  context_.requestGoesOn();
 }
 
 // False if the reply has to wait for something that others do.
@@ -482,11 +501,8 @@ bool Connection::carryOut() {
 }
 
 void Connection::awaitEnd(Workload workload) {
-  context_.requestWaits();
-  const std::shared_ptr<Ticket> awaited = exchange_->awaited;
-  awaited->whenDone([self = shared_from_this(), workload] {
-    asio::post(self->context_.workers(workload), [self, workload] { self->work(workload); });
-    self->context_.requestGoesOn();
+  waitWithoutWorker(workload, [awaited = exchange_->awaited](std::function<void()> goOn) {
+    awaited->whenDone(std::move(goOn));
   });
 }
 
@@ -533,19 +549,19 @@ void Connection::awaitAdmission() {
 
 void Connection::checkIdentity() {
   stopTimer();
-  asio::post(context_.gatekeeper(),
-             [self = shared_from_this(), unchecked = std::exchange(unchecked_, {})] {
-               bool checked = true;
-               try {
-                 self->context_.options().access->check(unchecked);
-               } catch (const std::exception& error) {
-                 self->context_.dispatcher().logFailure("authorization", error.what());
-                 checked = false;
-               }
-               asio::post(self->socket_.get_executor(), [self, checked] {
-                 self->guarded([&] { self->identityChecked(checked); });
-               });
-             });
+  handOver_.post(context_.gatekeeper(),
+                 [self = shared_from_this(), unchecked = std::exchange(unchecked_, {})] {
+                   bool checked = true;
+                   try {
+                     self->context_.options().access->check(unchecked);
+                   } catch (const std::exception& error) {
+                     self->context_.dispatcher().logFailure("authorization", error.what());
+                     checked = false;
+                   }
+                   self->handOver_.post(self->socket_.get_executor(), [self, checked] {
+                     self->guarded([&] { self->identityChecked(checked); });
+                   });
+                 });
 }
 
 void Connection::identityChecked(bool checked) {
@@ -558,10 +574,11 @@ void Connection::identityChecked(bool checked) {
 
 void Connection::awaitMemory() {
   startTimer(context_.options().memoryTimeout, &Connection::memoryRefused);
-  memoryTicket_ = context_.memory().await(
-      neededBytes_, [weak = weak_from_this(), wait = ++memoryWait_,
-                     executor = socket_.get_executor()](MemoryBudget::Share share) {
-        asio::post(executor, [weak, wait, share = std::move(share)]() mutable {
+  memoryTicket_ =
+      context_.memory().await(neededBytes_, [weak = weak_from_this(), wait = ++memoryWait_,
+                                             executor = socket_.get_executor(),
+                                             handOver = handOver_](MemoryBudget::Share share) {
+        handOver.post(executor, [weak, wait, share = std::move(share)]() mutable {
           const auto self = weak.lock();
           if (self) self->guarded([&] { self->memoryGranted(wait, std::move(share)); });
         });

@@ -19,6 +19,7 @@
 #include "server/base/memoryBudget.h"
 #include "server/base/requestContext.h"
 #include "server/front/dispatcher.h"
+#include "server/front/handOver.h"
 #include "server/front/outlet.h"
 #include "server/front/replyEncoder.h"
 #include "server/front/requestDecoder.h"
@@ -142,6 +143,9 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
   std::optional<State> answer(Workload workload);
   std::optional<State> answerRow(Workload workload);
   void awaitCollection(Workload workload);
+  template <typename Wait>
+  void waitWithoutWorker(Workload workload, const Wait& wait);
+  void goOn(Workload workload);
   bool carryOut();
   void awaitEnd(Workload workload);
   bool fillOutput();
@@ -174,6 +178,7 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
       timer_;
   const Framing framing_;
   ConnectionContext& context_;
+  const HandOver handOver_;
   bool fromThisMachine_ = false;
 
   RequestDecoder decoder_;
@@ -187,6 +192,8 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
   std::shared_ptr<RequestContext> request_;
   // Whether the worker has served a request, or only decoded a part of it.
   bool served_ = false;
+  // Whether the request waits for something without a worker.
+  std::atomic<bool> waits_ = false;
 
   // What was read while a request was being served, and whether a read is being waited for.
   std::string ahead_;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <asio/any_io_executor.hpp>
+#include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
 #include <asio/strand.hpp>
 #include <functional>
@@ -13,8 +13,10 @@
 
 namespace corvaned {
 
-/// A client's socket, whose handlers run one at a time.
-using ClientSocket = asio::basic_stream_socket<asio::ip::tcp, asio::strand<asio::any_io_executor>>;
+/// A client's socket, whose handlers run one at a time. Its executor is of that one type, since
+/// what hides the type would allocate memory for each handler.
+using ClientSocket =
+    asio::basic_stream_socket<asio::ip::tcp, asio::strand<asio::io_context::executor_type>>;
 
 /// The write side of one connection: sends the bytes of its replies. Belongs to the connection and,
 /// like it, is used by one thread at a time.

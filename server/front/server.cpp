@@ -50,7 +50,7 @@ class Acceptor : public std::enable_shared_from_this<Acceptor> {
 
   void accept() {
     acceptor_.async_accept(
-        asio::strand<asio::any_io_executor>(asio::make_strand(io_)),
+        asio::make_strand(io_),
         [self = shared_from_this()](std::error_code error, Connection::Socket socket) {
           self->accepted(error, std::move(socket));
         });

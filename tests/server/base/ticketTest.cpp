@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <memory>
+#include <new>
 #include <thread>
 #include <vector>
 
@@ -50,6 +51,15 @@ TEST(Ticket, FailureIsToldToEachOfThem) {
   waiting.clear();
   EXPECT_EQ(failed, 4);
   EXPECT_THROW(ticket.requireSuccess(), ServerError);
+}
+
+TEST(Ticket, CallThatFailsKeepsNobodyElseFromBeingTold) {
+  Ticket ticket;
+  int told = 0;
+  ticket.whenDone([] { throw std::bad_alloc(); });
+  ticket.whenDone([&] { ++told; });
+  ticket.finish();
+  EXPECT_EQ(told, 1);
 }
 
 TEST(Ticket, ReplyWaitsInPlaceOfTheThreadWhereThatIsAllowed) {
