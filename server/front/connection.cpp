@@ -100,6 +100,7 @@ ConnectionContext::ConnectionContext(Dispatcher& dispatcher, const ServerOptions
       memory_(options.memory ? options.memory : withoutLimit()),
       readers_(options.readThreads),
       writers_(options.writeThreads),
+      checkers_(options.lookUpThreads),
       indexers_(options.indexThreads),
       informers_(options.statusThreads) {}
 
@@ -107,6 +108,8 @@ asio::thread_pool& ConnectionContext::workers(Workload workload) {
   switch (workload) {
     case Workload::Write:
       return writers_;
+    case Workload::LookUp:
+      return checkers_;
     case Workload::Index:
       return indexers_;
     case Workload::Status:
@@ -182,6 +185,7 @@ void ConnectionContext::joinWorkers() {
   }
   readers_.join();
   writers_.join();
+  checkers_.join();
   indexers_.join();
   informers_.join();
   surveyor_.join();
@@ -386,7 +390,10 @@ Workload Connection::nextWorkload() const {
   const auto value = [&](const std::string& name) {
     return queued_ ? queued_->header(name) : decoder_.waitingValue(name);
   };
-  return Dispatcher::workload(value(words().action), value(words().report));
+  const Workload workload = Dispatcher::workload(value(words().action), value(words().report));
+  if (workload != Workload::Write) return workload;
+  const bool looksUp = !value(words().batch).empty() || value(words().mustExist) == words().yes;
+  return looksUp ? Workload::LookUp : workload;
 }
 
 void Connection::serve(Workload workload) {

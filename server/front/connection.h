@@ -68,6 +68,7 @@ class ConnectionContext {
   const std::shared_ptr<MemoryBudget> memory_;
   asio::thread_pool readers_;
   asio::thread_pool writers_;
+  asio::thread_pool checkers_;
   asio::thread_pool indexers_;
   asio::thread_pool informers_;
   asio::thread_pool surveyor_{1};

@@ -54,6 +54,7 @@ struct ServerOptions {
   unsigned networkThreads = 2;
   unsigned readThreads = 4;
   unsigned writeThreads = 8;
+  unsigned lookUpThreads = 8;
   unsigned indexThreads = 2;
   unsigned statusThreads = 2;
 };

@@ -239,7 +239,7 @@ void BackupKeeper::copy(Backups::Draft& draft, const std::string& collection,
     const Clock::time_point start = Clock::now();
     const std::uint64_t before = copy.copied();
     used->holdStill([&] { copy.copyIndex(); },
-                    [&](const JournalExtent& journal) { copy.copyRest(journal); });
+                    [&](const JournalExtent& journal) { copy.copyRest(journal); }, stop);
     spdlog::debug("collection {}: held still for {:.6f} s to copy {} bytes", shown(collection),
                   secondsSince(start), copy.copied() - before);
   } catch (const std::exception&) {

@@ -7,6 +7,7 @@
 #include <iterator>
 #include <new>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "server/base/errors.h"
@@ -415,7 +416,9 @@ void Collection::giveUpIndexing() {
 }
 
 bool Collection::indexStep() {
+  std::unique_lock turn(turn_);
   const std::lock_guard step(stepMutex_);
+  turn.unlock();
   if (!job_ && !takeJob()) return false;
   try {
     if (advance(*job_)) return true;
@@ -752,8 +755,9 @@ IndexRevisions Collection::indexRevisions() const { return index_.revisions(); }
 JournalExtent Collection::journalExtent() const { return journal_.extent(); }
 
 void Collection::holdStill(const std::function<void()>& copyIndex,
-                           const std::function<void(const JournalExtent& journal)>& copyRest) {
-  const std::lock_guard step(stepMutex_);
+                           const std::function<void(const JournalExtent& journal)>& copyRest,
+                           const StopCheck& stop) {
+  const auto step = betweenSteps(stop);
   requireActive();
   copyIndex();
   const std::unique_lock gate(gate_);
@@ -768,7 +772,7 @@ void Collection::retire(Fate fate) {
   }
   // If it cannot be deleted in the end, another object goes on with its files.
   close();
-  const std::lock_guard step(stepMutex_);
+  const auto step = betweenSteps([] {});
   failAll(whyRetired());
   index_.releaseHandles();
 }
@@ -801,10 +805,27 @@ std::unique_lock<std::shared_mutex> Collection::closeGateToLookUp() {
   }
 }
 
+// Steps follow each other at once, and a mutex goes to whoever is there first: the next step has to
+// wait for the turn of whoever waits for the end of this one.
+std::unique_lock<std::mutex> Collection::betweenSteps(const StopCheck& stop) {
+  constexpr std::chrono::milliseconds kLookAgain{2};
+  const auto awaited = [&](std::mutex& mutex) {
+    std::unique_lock lock(mutex, std::try_to_lock);
+    while (!lock.owns_lock()) {
+      stop();
+      std::this_thread::sleep_for(kLookAgain);
+      lock.try_lock();
+    }
+    return lock;
+  };
+  const auto turn = awaited(turn_);
+  return awaited(stepMutex_);
+}
+
 // Changes go on while the journal is read, and note themselves.
 void Collection::keepPendingKeys() {
   // What is read must not be removed meanwhile.
-  const std::lock_guard step(stepMutex_);
+  const auto step = betweenSteps([this] { requireGoingOn(); });
   if (pendingKeys_.isKept()) return;
   JournalPosition end;
   {

@@ -24,6 +24,7 @@
 #include "server/store/journal.h"
 #include "server/store/parseOutcomes.h"
 #include "server/store/pendingKeys.h"
+#include "server/store/stopCheck.h"
 #include "server/store/store.h"
 #include "server/store/xapianIndex.h"
 
@@ -55,8 +56,8 @@ struct StoreLimits {
 /// One collection in one directory: a journal of accepted changes, and the index into which
 /// updateIndex brings them. May be used from any thread. Store says what each operation promises.
 ///
-/// Its locks are taken in the order batchMutex_, stepMutex_, gate_, lackedMutex_, jobsMutex_,
-/// hiddenMutex_, and those of its members after them.
+/// Its locks are taken in the order batchMutex_, turn_, stepMutex_, gate_, lackedMutex_,
+/// jobsMutex_, hiddenMutex_, and those of its members after them.
 class Collection {
  public:
   static void create(const std::filesystem::path& directory, const IndexForm& form,
@@ -141,9 +142,11 @@ class Collection {
   IndexRevisions indexRevisions() const;
   JournalExtent journalExtent() const;
   /// Calls `copyIndex` between two steps of indexing, so that the index does not change, and then
-  /// `copyRest` while nothing of the collection changes, not even by a change that comes.
+  /// `copyRest` while nothing of the collection changes, not even by a change that comes. `stop` is
+  /// called while it waits for the end of a step.
   void holdStill(const std::function<void()>& copyIndex,
-                 const std::function<void(const JournalExtent& journal)>& copyRest);
+                 const std::function<void(const JournalExtent& journal)>& copyRest,
+                 const StopCheck& stop);
 
   /// If memory was out when a batch in the journal was to be noted here, does that now. What needs
   /// to know all batches does it by itself.
@@ -193,6 +196,7 @@ class Collection {
   void noteAppended(const Change& change, const Journal::Place& place);
   void noteBatch(const BatchEntry& batch, const Journal::Place& place);
   std::unique_lock<std::shared_mutex> closeGateToLookUp();
+  std::unique_lock<std::mutex> betweenSteps(const StopCheck& stop);
   void keepPendingKeys();
   /// Which of some keys no document has, and what keeps that so.
   struct LookUp {
@@ -295,7 +299,8 @@ class Collection {
   // Complete while the gate is closed.
   PendingKeys pendingKeys_;
 
-  // Held during each step, so that retire() can wait for it.
+  // Held during each step, so that others can wait for its end; and by whoever comes next.
+  std::mutex turn_;
   std::mutex stepMutex_;
   std::unique_ptr<Job> job_;  // Guarded by stepMutex_.
 

@@ -96,6 +96,16 @@ class TestStore : public LocalStore {
     LocalStore::updateIndex(name);
   }
 
+  void deleteDocument(const std::string& name, const std::string& key, bool mustExist) override {
+    if (name == "held") return gate.pass();
+    LocalStore::deleteDocument(name, key, mustExist);
+  }
+
+  BatchOutcome apply(const std::string& name, Batch batch) override {
+    if (name == "held") gate.pass();
+    return LocalStore::apply(name, std::move(batch));
+  }
+
   std::unique_ptr<HitSource> search(const std::string& name, const SearchQuery& query) override {
     if (name == "many") return std::make_unique<EndlessHits>(std::stoull(query.text));
     if (name == "held") {
@@ -444,6 +454,32 @@ TEST_F(FrontTest, UpdatesThatTakeTimeHoldUpNeitherSearchesNorDocuments) {
               StartsWith(kDone));
   store_.gate.open();
   for (RawClient& client : updating) EXPECT_EQ(client.receiveHttp(), kDone);
+}
+
+// What they look up takes long where there are many keys.
+TEST_F(FrontTest, ChangesThatLookKeysUpHoldUpNoOthers) {
+  RawClient setup(http_);
+  for (const char* name : {"c", "held"}) {
+    EXPECT_EQ(httpAsk(setup, {{"action", "createCollection"}, {"index", name}}), kDone);
+  }
+  const std::string none = documentBlock("any", {}, test::terminateRecord());
+  const std::string key = documentBlock("k1", {}, {});
+  std::vector<RawClient> http;
+  std::vector<RawClient> binary;
+  for (unsigned i = 0; i < options_.writeThreads; ++i) {
+    http.emplace_back(http_);
+    http.back().send(httpRequest(
+        {{"action", "addDocument"}, {"index", "held"}, {"batch", "b" + std::to_string(i)}}, none));
+    binary.emplace_back(binary_);
+    binary.back().send(binaryRequest(
+        {{"action", "deleteDocument"}, {"index", "held"}, {"mustExist", "true"}}, key));
+  }
+  store_.gate.awaitWaiting(static_cast<int>(options_.lookUpThreads));
+  EXPECT_EQ(httpAsk(setup, {{"action", "addDocument"}, {"index", "c"}}, kDocument), kDone);
+  EXPECT_EQ(httpAsk(setup, {{"action", "deleteDocument"}, {"index", "c"}}, key), kDone);
+  store_.gate.open();
+  for (RawClient& client : http) EXPECT_THAT(client.receiveHttp(), StartsWith(kDone));
+  for (RawClient& client : binary) EXPECT_EQ(client.receive(2), kSuccess);
 }
 
 TEST_F(FrontTest, ChangesAreSearchableWhenAcknowledgedWhereThatIsWanted) {

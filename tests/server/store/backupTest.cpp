@@ -766,7 +766,8 @@ TEST(HeldCollectionTest, SearchesGoOnAndChangesUntilTheLastPart) {
         });
         while (client == 0 || !test::sleeps(client)) std::this_thread::yield();
         EXPECT_EQ(collection.journalExtent().lastSequence, journal.lastSequence);
-      });
+      },
+      [] {});
   writer.join();
   EXPECT_EQ(collection.summary().pending, 2U);
 }

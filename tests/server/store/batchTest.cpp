@@ -580,7 +580,7 @@ TEST_F(BatchStepsTest, FileOfBatchesComesIntoBeingOnlyWhenTheCollectionMayChange
     }
     EXPECT_FALSE(std::filesystem::exists(file));
   };
-  collection_->holdStill([] {}, applyMeanwhile);
+  collection_->holdStill([] {}, applyMeanwhile, [] {});
   thread.join();
   EXPECT_TRUE(std::filesystem::exists(file));
 }

@@ -11,6 +11,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "server/base/errors.h"
@@ -18,6 +19,7 @@
 #include "server/store/indexSums.h"
 #include "server/store/localStore.h"
 #include "server/store/xapianIndex.h"
+#include "tests/server/store/slowCollection.h"
 #include "tests/support/temporaryDirectory.h"
 
 // Index updates, which go on in the background.
@@ -192,6 +194,62 @@ TEST_F(IndexStepsTest, WorkThatIsGivenUpIsTakenOnBySomebodyElse) {
   EXPECT_TRUE(collection_->takeOnIndexing());
   index();
   EXPECT_NO_THROW(ticket->requireSuccess());
+}
+
+// Steps follow each other at once, so that whoever waits for the end of one could otherwise wait
+// for all of them.
+TEST_F(IndexStepsTest, NextStepComesAfterThoseWhoWaitForTheEndOfThisOne) {
+  collection_->add({"k", {}, "fox"});
+  collection_->requestUpdate();
+  std::promise<void> held;
+  std::promise<void> released;
+  std::promise<void> waits;
+  std::atomic<pid_t> indexer = 0;
+  std::atomic<bool> stepped = false;
+  const auto nothing = [](const JournalExtent&) {};
+  std::jthread first([&] {
+    const auto hold = [&] {
+      held.set_value();
+      released.get_future().get();
+    };
+    collection_->holdStill(hold, nothing, [] {});
+  });
+  held.get_future().get();
+  std::jthread second([&] {
+    bool told = false;
+    const auto tell = [&] {
+      if (!std::exchange(told, true)) waits.set_value();
+    };
+    collection_->holdStill([&] { EXPECT_FALSE(stepped); }, nothing, tell);
+  });
+  waits.get_future().get();
+  std::jthread step([&] {
+    indexer = ::gettid();
+    collection_->indexStep();
+    stepped = true;
+  });
+  while (indexer == 0 || !test::sleeps(indexer)) std::this_thread::yield();
+  released.set_value();
+  second.join();
+  step.join();
+  EXPECT_TRUE(stepped);
+}
+
+TEST_F(IndexStepsTest, WaitForTheEndOfAStepCanBeStopped) {
+  std::promise<void> held;
+  std::promise<void> released;
+  std::jthread first([&] {
+    const auto hold = [&] {
+      held.set_value();
+      released.get_future().get();
+    };
+    collection_->holdStill(
+        hold, [](const JournalExtent&) {}, [] {});
+  });
+  held.get_future().get();
+  const auto stop = [] { throw ServerError(ErrorKind::TryAgain, "stopping"); };
+  EXPECT_THROW(collection_->holdStill([] {}, [](const JournalExtent&) {}, stop), ServerError);
+  released.set_value();
 }
 
 TEST_F(IndexStepsTest, DeletionDoesNotWaitForTheEndOfAnUpdate) {
