@@ -410,9 +410,27 @@ bool Collection::takeOnIndexing() {
   return indexing_ = true;
 }
 
-void Collection::giveUpIndexing() {
-  const std::lock_guard lock(jobsMutex_);
-  indexing_ = false;
+// Takes no memory, for want of which that happens.
+void Collection::giveUpIndexing() noexcept {
+  std::vector<Waiting> waiting;
+  std::shared_ptr<Ticket> update;
+  std::shared_ptr<Ticket> removal;
+  {
+    const std::lock_guard lock(jobsMutex_);
+    indexing_ = false;
+    waiting.swap(roundWanted_);
+    update.swap(updateWanted_);
+    removal.swap(removalWanted_);
+  }
+  for (const Waiting& each : waiting) {
+    if (each.ticket) each.ticket->finish(noMemory_);
+  }
+  if (update) update->finish(noMemory_);
+  // Searches keep filtering what was deleted.
+  if (removal) removal->finish();
+  if (refresh_.mode == Refresh::Mode::Manual) return;
+  failed_ = true;
+  changed_ = true;
 }
 
 bool Collection::indexStep() {
@@ -428,7 +446,7 @@ bool Collection::indexStep() {
   } catch (const ServerError& error) {
     endJob(error);
   } catch (const std::bad_alloc&) {
-    endJob(ServerError(ErrorKind::OutOfMemory, "there is not enough memory to update the index"));
+    endJob(noMemory_);
   } catch (const std::exception& error) {
     endJob(ServerError(ErrorKind::StorageFailed, error.what()));
   }

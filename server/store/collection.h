@@ -111,8 +111,9 @@ class Collection {
   /// Whether there is work for indexStep() that nobody has taken on. Whoever is told so has to call
   /// indexStep() until that returns false.
   bool takeOnIndexing();
-  /// Whoever took it on cannot call indexStep(); the work waits for somebody else to take it on.
-  void giveUpIndexing();
+  /// Whoever took it on has no memory to call indexStep(). Those who wait for the work are told so:
+  /// nobody else may come and take it on.
+  void giveUpIndexing() noexcept;
   /// A step of bounded size towards what was asked for. Returns whether to call it again.
   bool indexStep();
 
@@ -303,6 +304,10 @@ class Collection {
   std::mutex turn_;
   std::mutex stepMutex_;
   std::unique_ptr<Job> job_;  // Guarded by stepMutex_.
+
+  // Made in time.
+  const ServerError noMemory_{ErrorKind::OutOfMemory,
+                              "there is not enough memory to update the index"};
 
   mutable std::mutex jobsMutex_;
   // Guarded by jobsMutex_: what is wanted next; the update under way, what part of the journal it

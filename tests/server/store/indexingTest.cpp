@@ -185,15 +185,25 @@ TEST_F(IndexStepsTest, ThoseWhoWaitAtTheSameTimeShareOneUpdate) {
   EXPECT_TRUE(collection_->requestUpdate()->isDone()) << "there is nothing to do";
 }
 
-TEST_F(IndexStepsTest, WorkThatIsGivenUpIsTakenOnBySomebodyElse) {
+// Perhaps nobody comes who would take it on.
+TEST_F(IndexStepsTest, ThoseWhoWaitForWorkThatIsGivenUpAreToldAndMayAskAgain) {
   collection_->add({"k", {}, "fox"});
   const std::shared_ptr<Ticket> ticket = collection_->requestUpdate();
   ASSERT_TRUE(collection_->takeOnIndexing());
   collection_->giveUpIndexing();
-  EXPECT_FALSE(ticket->isDone());
+  ASSERT_TRUE(ticket->isDone());
+  try {
+    ticket->requireSuccess();
+    ADD_FAILURE() << "it counts as done";
+  } catch (const ServerError& error) {
+    EXPECT_EQ(error.kind(), ErrorKind::OutOfMemory);
+  }
+  EXPECT_EQ(collection_->state(), CollectionState::ChangesPending);
+  EXPECT_FALSE(collection_->takeOnIndexing());
+  const std::shared_ptr<Ticket> next = collection_->requestUpdate();
   EXPECT_TRUE(collection_->takeOnIndexing());
   index();
-  EXPECT_NO_THROW(ticket->requireSuccess());
+  EXPECT_NO_THROW(next->requireSuccess());
 }
 
 // Steps follow each other at once, so that whoever waits for the end of one could otherwise wait
