@@ -537,6 +537,10 @@ void Collection::showAgain(const IsGone& isGone) {
 
 void Collection::end(Job& job) {
   failed_ = false;
+  {
+    const std::lock_guard lock(jobsMutex_);
+    failure_.reset();
+  }
   const bool isRound = job.kind == Job::Kind::Round;
   if (!isRound) index_.endUpdate();
   // Until the journal is cut off: nobody else would try that again.
@@ -643,7 +647,15 @@ void Collection::endJob(const std::optional<ServerError>& failure, bool damaged)
   if (!concernsAll || stopping_ || retired_ || refresh_.mode == Refresh::Mode::Manual) return;
   failed_ = true;
   changed_ = true;
+  noteFailure(*failure);
   logFailure("refresh", *failure);
+}
+
+// What passes by itself is no reason to tell that changes will not become searchable.
+void Collection::noteFailure(const ServerError& failure) {
+  if (failure.kind() == ErrorKind::TryAgain || failure.kind() == ErrorKind::OutOfMemory) return;
+  const std::lock_guard lock(jobsMutex_);
+  failure_ = failure;
 }
 
 // Perhaps nobody waits for it.
@@ -753,7 +765,15 @@ CollectionSummary Collection::summary() {
 CollectionState Collection::state() const {
   requireActive();
   journal_.requireWritable();
-  return isIndexed() ? CollectionState::Current : CollectionState::ChangesPending;
+  if (isIndexed()) return CollectionState::Current;
+  const std::lock_guard lock(jobsMutex_);
+  if (failure_) {
+    throw ServerError(failure_->kind(),
+                      fmt::format("changes wait, and the last attempt to make them "
+                                  "searchable failed: {}",
+                                  failure_->what()));
+  }
+  return CollectionState::ChangesPending;
 }
 
 bool Collection::close() {

@@ -245,6 +245,7 @@ class Collection {
   void beginRemoval(Job& job);
   bool removeNext(Job& job);
   void endJob(const std::optional<ServerError>& failure, bool damaged = false);
+  void noteFailure(const ServerError& failure);
   void logFailure(std::string_view during, const ServerError& failure);
   void failAll(const ServerError& failure);
   void pushOutcome(ParseOutcome outcome, std::uint64_t ticket, const std::string& client);
@@ -311,7 +312,8 @@ class Collection {
 
   mutable std::mutex jobsMutex_;
   // Guarded by jobsMutex_: what is wanted next; the update under way, what part of the journal it
-  // covers, and how far it is; and whether somebody calls indexStep().
+  // covers, and how far it is; whether somebody calls indexStep(); and why the last attempt failed
+  // that nobody asked for.
   std::shared_ptr<Ticket> updateWanted_;
   std::shared_ptr<Ticket> removalWanted_;
   std::vector<Waiting> roundWanted_;
@@ -319,6 +321,7 @@ class Collection {
   JournalPosition updatingTo_;
   IndexProgress progress_;
   bool indexing_ = false;
+  std::optional<ServerError> failure_;
 
   // Opening the journal fills the members above, so it must be declared after them.
   Journal journal_;

@@ -474,6 +474,13 @@ TEST_F(RefreshStepsTest, AttemptsThatFailComeSlowlyAndLeaveNoFilesBehind) {
     next = collection_->takeRefreshTime();
     EXPECT_EQ(next, Collection::kRetryAfter);
     EXPECT_EQ(segments(), 3) << "the mark, a closed segment and an empty one";
+    try {
+      collection_->state();
+      ADD_FAILURE() << "nobody is told";
+    } catch (const ServerError& error) {
+      EXPECT_EQ(error.kind(), ErrorKind::StorageFailed);
+      EXPECT_THAT(error.what(), HasSubstr("the last attempt to make them searchable failed"));
+    }
   }
   collection_->add({"k2", {}, "fox"});
   collection_->refresh();
