@@ -29,7 +29,7 @@
 #include "tests/server/store/randomTexts.h"
 #include "tests/support/temporaryDirectory.h"
 
-// Several collections in one ranking.
+// Hits of several collections, ranked together.
 namespace corvaned {
 namespace {
 
