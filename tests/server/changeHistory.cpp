@@ -83,7 +83,7 @@ Words documentsIn(Subject& subject, const std::string& collection,
 // After a restart, changes that nobody waited for may become searchable between two searches.
 Words searchableIn(Subject& subject, const std::string& collection,
                    const std::set<std::string>& words) {
-  for (int again = isSearchableAtOnce(collection) ? 100 : 0;; --again) {
+  for (int again = subject.refreshesByItself(collection) ? 100 : 0;; --again) {
     try {
       return documentsIn(subject, collection, words);
     } catch (const std::runtime_error&) {
@@ -170,20 +170,19 @@ void Model::settle() {
   }
 }
 
-bool Model::allowsWithUpdates(const Collections& found) const {
-  Collections same = found;
-  for (auto& [name, contents] : same) {
+void Model::forgiveUpdates(Collections& found, const std::set<std::string>& updated) const {
+  for (auto& [name, contents] : found) {
     const auto mine = collections_.find(name);
-    if (mine == collections_.end()) return false;
-    for (const auto& [key, word] : contents.searchable) {
-      const auto& candidates = candidates_.at(name);
-      const auto place = candidates.find(key);
-      if (place == candidates.end() || !place->second.contains(word)) return false;
-    }
+    if (mine == collections_.end() || !updated.contains(name)) continue;
+    const auto& candidates = candidates_.at(name);
+    const auto isCandidate = [&](const auto& document) {
+      const auto place = candidates.find(document.first);
+      return place != candidates.end() && place->second.contains(document.second);
+    };
+    if (!std::all_of(contents.searchable.begin(), contents.searchable.end(), isCandidate)) continue;
     contents.searchable = mine->second.searchable;
     contents.pending = mine->second.pending;
   }
-  return same == collections_;
 }
 
 bool Model::allowsDuringUpdate(const std::string& collection, const Collections& found) const {
@@ -278,7 +277,7 @@ Collections lookAt(Subject& subject, const Model& model, const Steps& steps) {
 }
 
 std::optional<Model> explain(const Model& before, const Steps& steps, Progress progress,
-                             const Collections& found, bool othersUpdate) {
+                             const Collections& found, const std::set<std::string>& updated) {
   Model model = before;
   for (std::size_t done = 0; done <= progress.sent; ++done) {
     const Model previous = model;
@@ -287,13 +286,32 @@ std::optional<Model> explain(const Model& before, const Steps& steps, Progress p
     const bool updating = done < progress.sent && steps[done].kind == Kind::Update;
     Collections seen = found;
     allowBeforeLastChange(seen, done > progress.acknowledged ? previous : model, model);
-    if (model.collections() == seen || (othersUpdate && model.allowsWithUpdates(seen)) ||
+    model.forgiveUpdates(seen, updated);
+    if (model.collections() == seen ||
         (updating && model.allowsDuringUpdate(steps[done].collection, seen))) {
       model.settle();
       return model;
     }
   }
   return std::nullopt;
+}
+
+Words documentsOfCopy(Subject& subject, const std::string& copy, const Model& before,
+                      const Steps& steps) {
+  subject.apply({Kind::Update, copy, {}, {}});
+  return documentsIn(subject, copy, wordsOf(before, steps));
+}
+
+bool explainsCopy(const Model& before, const Steps& steps, Progress progress,
+                  const std::string& collection, const Words& documents) {
+  Model model = before;
+  for (std::size_t done = 0; done <= progress.sent; ++done) {
+    if (done > 0) model.apply(steps[done - 1]);
+    const auto place = model.collections().find(collection);
+    if (done < progress.acknowledged || place == model.collections().end()) continue;
+    if (place->second.documents == documents) return true;
+  }
+  return false;
 }
 
 bool repeatsHarmlessly(Subject& subject, Model& model, const Steps& steps, Progress progress) {
@@ -308,7 +326,7 @@ bool repeatsHarmlessly(Subject& subject, Model& model, const Steps& steps, Progr
     if (i + 1 == progress.sent) model.apply(step);
     subject.apply({Kind::Update, step.collection, {}, {}});
     model.settle();
-    return explain(model, {}, {}, lookAt(subject, model, steps), false).has_value();
+    return explain(model, {}, {}, lookAt(subject, model, steps), {}).has_value();
   }
   return true;
 }
@@ -324,9 +342,11 @@ std::string describe(const Model& before, const Steps& steps, Progress progress,
   return out.str();
 }
 
+bool isLongForm() { return std::getenv("KRUCOMM_LONG") != nullptr; }
+
 std::vector<std::uint64_t> seeds(std::uint64_t count) {
   if (const char* seed = std::getenv("KRUCOMM_SEED")) return {std::stoull(seed)};
-  if (std::getenv("KRUCOMM_LONG") != nullptr) count *= 10;
+  if (isLongForm()) count *= 10;
   std::vector<std::uint64_t> list;
   for (std::uint64_t seed = 1; seed <= count; ++seed) list.push_back(seed);
   return list;

@@ -59,9 +59,9 @@ class Model {
 
   const Collections& collections() const { return collections_; }
 
-  /// True when searches may find what they do while another client updates the indexes all the
-  /// time, and everything else is as it must be.
-  bool allowsWithUpdates(const Collections& found) const;
+  /// Takes for found as it is here what searches may find of these collections while somebody else
+  /// updates their indexes all the time.
+  void forgiveUpdates(Collections& found, const std::set<std::string>& updated) const;
   /// True when `found` is this, but for an updateIndex of the collection that got part of the way.
   bool allowsDuringUpdate(const std::string& collection, const Collections& found) const;
 
@@ -103,6 +103,10 @@ class Subject {
   virtual std::set<std::string> search(const std::string& collection, const std::string& query) = 0;
   /// Whether the outcome of the batch is known.
   virtual bool knows(const Step& batch) = 0;
+  /// Whether changes of the collection become searchable although nobody asks for it.
+  virtual bool refreshesByItself(const std::string& collection) const {
+    return isSearchableAtOnce(collection);
+  }
 };
 
 /// How far a history got when the crash came: at least `acknowledged` steps were done, and no more
@@ -121,8 +125,18 @@ Collections lookAt(Subject& subject, const Model& model, const Steps& steps);
 
 /// The model with as many of the steps as `found` shows to have been done, all indexes up to date.
 /// Nothing when no number of steps from what was acknowledged to what was sent explains it.
+/// `updated` are the collections whose indexes somebody else updated all the time.
 std::optional<Model> explain(const Model& before, const Steps& steps, Progress progress,
-                             const Collections& found, bool othersUpdate);
+                             const Collections& found, const std::set<std::string>& updated);
+
+/// The documents of a copy of one of the model's collections, whose index is updated first.
+Words documentsOfCopy(Subject& subject, const std::string& copy, const Model& before,
+                      const Steps& steps);
+
+/// True when a collection had these documents after some number of steps, from what was
+/// acknowledged to what was sent.
+bool explainsCopy(const Model& before, const Steps& steps, Progress progress,
+                  const std::string& collection, const Words& documents);
 
 /// Sends the last batch of the steps once more, if the collection is still the same, as a client
 /// does whose reply was lost; and brings all indexes up to date. False if that does more than a
@@ -134,7 +148,10 @@ bool repeatsHarmlessly(Subject& subject, Model& model, const Steps& steps, Progr
 std::string describe(const Model& before, const Steps& steps, Progress progress,
                      const Collections& found);
 
-/// The seeds of a test: `count` from 1 on, ten times as many with KRUCOMM_LONG=1, or KRUCOMM_SEED.
+/// Whether a test is to take its time: KRUCOMM_LONG=1.
+bool isLongForm();
+
+/// The seeds of a test: `count` from 1 on, ten times as many in the long form, or KRUCOMM_SEED.
 std::vector<std::uint64_t> seeds(std::uint64_t count);
 
 }  // namespace corvaned::test

@@ -1,12 +1,17 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <limits>
+#include <map>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/server/changeHistory.h"
@@ -17,8 +22,9 @@
 
 // The program as its users have it, killed at random moments, over and over on the same directory.
 //
-// KRUCOMM_SEED=N runs the histories of that seed and nothing else, KRUCOMM_LONG=1 ten times as
-// many. A seed gives the same requests again; the moment of the kill is as near as the machine is.
+// KRUCOMM_SEED=N runs the histories of that seed and nothing else, KRUCOMM_LONG=1 more than a
+// thousand rounds. A seed gives the same requests again; the moment of the kill is as near as the
+// machine is.
 namespace corvaned {
 namespace {
 
@@ -46,7 +52,23 @@ std::string blocksOf(const Batch& batch) {
   return blocks;
 }
 
-std::string requestFor(const Step& step) {
+/// How the server is used with the histories of a seed.
+struct Usage {
+  explicit Usage(std::uint64_t seed) : parts(seed % 2 == 0 ? 1 : 2 + seed / 2 % 2) {
+    if (seed / 2 % 2 == 1) refreshed.insert("b");
+  }
+
+  std::size_t parts;
+  /// Collections that are updated all the time although nobody asks for it.
+  std::set<std::string> refreshed;
+};
+
+std::string refreshOf(const std::string& collection, const Usage& usage) {
+  if (test::isSearchableAtOnce(collection)) return "immediate";
+  return usage.refreshed.contains(collection) ? "5" : "manual";
+}
+
+std::string requestFor(const Step& step, const Usage& usage) {
   const auto request = [&](const std::string& action, const std::string& body = {}) {
     return binaryRequest({{"action", action}, {"index", step.collection}}, body);
   };
@@ -56,10 +78,9 @@ std::string requestFor(const Step& step) {
   };
   switch (step.kind) {
     case Kind::Create:
-      return binaryRequest(
-          {{"action", "createCollection"},
-           {"index", step.collection},
-           {"refresh", test::isSearchableAtOnce(step.collection) ? "immediate" : "manual"}});
+      return binaryRequest({{"action", "createCollection"},
+                            {"index", step.collection},
+                            {"refresh", refreshOf(step.collection, usage)}});
     case Kind::Drop:
       return request("deleteCollection");
     case Kind::Add:
@@ -83,14 +104,18 @@ std::string requestFor(const Step& step) {
 /// The server behind one connection.
 class ServerSubject : public test::Subject {
  public:
-  explicit ServerSubject(unsigned port) : client_(static_cast<std::uint16_t>(port)) {}
+  ServerSubject(const tq::test::CorvanedProcess& server, Usage usage)
+      : client_(static_cast<std::uint16_t>(server.binaryPort())), usage_(std::move(usage)) {}
 
   /// From any thread: how many steps have been sent and, where that is to be, answered.
   std::size_t applied() const { return applied_; }
+  /// From any thread: how many have certainly been done.
+  std::size_t acknowledged() const { return acknowledged_; }
 
   bool apply(const Step& step) override {
-    const bool acknowledged = client_.send(requestFor(step)) && isAnswered(step);
+    const bool acknowledged = client_.send(requestFor(step, usage_)) && isAnswered(step);
     ++applied_;
+    if (acknowledged) acknowledged_ = applied_.load();
     return acknowledged;
   }
 
@@ -114,6 +139,10 @@ class ServerSubject : public test::Subject {
     if (!receiveSuccess()) throw std::runtime_error("a search is not answered");
     const auto keys = receiveRecords().value();
     return {keys.begin(), keys.end()};
+  }
+
+  bool refreshesByItself(const std::string& collection) const override {
+    return Subject::refreshesByItself(collection) || usage_.refreshed.contains(collection);
   }
 
   bool knows(const Step& batch) override {
@@ -151,8 +180,13 @@ class ServerSubject : public test::Subject {
   bool receiveSuccess() {
     const std::string code = client_.receive(2);
     if (code.size() < 2) return false;
-    if (code != kSuccess) throw std::runtime_error("refused: " + receiveWithLength());
-    return true;
+    if (code == kSuccess) return true;
+    std::string error = receiveWithLength();
+    // The reply was cut.
+    if (error.empty()) return false;
+    // The text of an exception ends with the first of them.
+    std::replace(error.begin(), error.end(), '\0', ' ');
+    throw std::runtime_error("refused: " + error);
   }
 
   std::string receiveWithLength() {
@@ -175,7 +209,9 @@ class ServerSubject : public test::Subject {
   }
 
   RawClient client_;
+  const Usage usage_;
   std::atomic<std::size_t> applied_ = 0;
+  std::atomic<std::size_t> acknowledged_ = 0;
   std::map<std::string, std::size_t> queued_;
 };
 
@@ -185,46 +221,107 @@ void updateIndexes(ServerSubject& subject) {
     for (const char* collection : {"a", "b"}) {
       try {
         there = there && subject.apply({Kind::Update, collection, {}, {}});
-      } catch (const std::runtime_error&) {
+      } catch (const std::runtime_error& error) {
+        const std::string text = error.what();
         // There is no such collection now.
+        if (text.find("ZVK0007E") == std::string::npos) ADD_FAILURE() << text;
       }
     }
   }
 }
 
-// Until the server is gone.
-void makeBackups(ServerSubject& subject, const std::string& prefix) {
+/// Of backups, by their names: which steps their collections have in any case, and which at most.
+using BackupTimes = std::map<std::string, Progress>;
+
+constexpr Progress kAnyTime{0, std::numeric_limits<std::size_t>::max()};
+
+// A collection that the histories know nothing of.
+const std::string kCopy = "copy";
+
+/// Makes backups until the server is gone, and a copy of "a" from each that has it.
+BackupTimes makeBackups(ServerSubject& keeper, const ServerSubject& changer,
+                        const std::filesystem::path& backups, const std::string& prefix) {
+  BackupTimes times;
   try {
     for (int number = 0;; ++number) {
-      if (!subject.ask({{"action", "backup"}, {"backup", prefix + std::to_string(number)}})) return;
+      const std::string name = prefix + std::to_string(number);
+      Progress& steps = times[name];
+      steps = {changer.acknowledged(), kAnyTime.sent};
+      if (!keeper.ask({{"action", "backup"}, {"backup", name}})) break;
+      steps.sent = changer.applied() + 1;
+      if (!std::filesystem::exists(backups / name / "collections" / "a")) continue;
+      if (!keeper.ask({{"action", "restore"},
+                       {"backup", name},
+                       {"from", "a"},
+                       {"index", kCopy},
+                       {"replace", "true"}})) {
+        break;
+      }
     }
   } catch (const std::runtime_error& error) {
     ADD_FAILURE() << error.what();
   }
+  return times;
 }
 
-// Every backup that has its name is whole: its collections are restored and opened. Returns how
-// many there are.
-std::size_t restoreAll(ServerSubject& subject, const std::filesystem::path& backups) {
-  const auto mustAsk = [&](const test::Headers& headers) {
-    if (!subject.ask(headers)) throw std::runtime_error("the server is gone");
-  };
+/// What was done before a kill, and beside it.
+struct Round {
+  Model before;
+  Steps steps;
+  Progress progress;
+  BackupTimes backups;
+};
+
+void mustAsk(ServerSubject& subject, const test::Headers& headers) {
+  if (!subject.ask(headers)) throw std::runtime_error("the server is gone");
+}
+
+// Whether `copy` has the documents that `collection` had at some time between those steps.
+void requireExplained(ServerSubject& subject, const std::string& copy, const Round& round,
+                      Progress between, const std::string& collection) {
+  between.sent = std::min(between.sent, round.progress.sent);
+  const test::Words documents = documentsOfCopy(subject, copy, round.before, round.steps);
+  if (explainsCopy(round.before, round.steps, between, collection, documents)) return;
+  test::Collections found;
+  found[collection].documents = documents;
+  throw std::runtime_error("the copy is none of " + collection + "\n" +
+                           describe(round.before, round.steps, between, found));
+}
+
+// What a restore that was cut has left is nothing or whole. Returns whether there is something.
+bool lookAtCopy(ServerSubject& subject, const Round& round) {
+  if (!subject.state(kCopy)) return false;
+  requireExplained(subject, kCopy, round, kAnyTime, "a");
+  mustAsk(subject, {{"action", "deleteCollection"}, {"index", kCopy}});
+  return true;
+}
+
+// Every backup that has its name is whole, and has what its collections had when it was made.
+// Returns how many of them there are.
+std::size_t restoreAll(ServerSubject& subject, const Round& round,
+                       const std::filesystem::path& backups) {
+  const std::string restored = "restored";
   std::size_t count = 0;
   for (const auto& entry : std::filesystem::directory_iterator(backups)) {
     const std::string name = entry.path().filename().string();
     if (name.starts_with('.')) throw std::runtime_error("the start has left " + name);
     for (const auto& each : std::filesystem::directory_iterator(entry.path() / "collections")) {
-      mustAsk({{"action", "restore"},
-               {"backup", name},
-               {"from", each.path().filename().string()},
-               {"index", "restored"},
-               {"replace", "true"}});
-      mustAsk({{"action", "updateIndex"}, {"index", "restored"}});
+      const std::string from = each.path().filename().string();
+      mustAsk(subject, {{"action", "restore"},
+                        {"backup", name},
+                        {"from", from},
+                        {"index", restored},
+                        {"replace", "true"}});
+      if (from == kCopy) {
+        requireExplained(subject, restored, round, kAnyTime, "a");
+      } else {
+        requireExplained(subject, restored, round, round.backups.at(name), from);
+      }
       ++count;
     }
     std::filesystem::remove_all(entry.path());
   }
-  if (count > 0) mustAsk({{"action", "deleteCollection"}, {"index", "restored"}});
+  if (count > 0) mustAsk(subject, {{"action", "deleteCollection"}, {"index", restored}});
   return count;
 }
 
@@ -232,67 +329,84 @@ std::size_t restoreAll(ServerSubject& subject, const std::filesystem::path& back
 struct Others {
   bool update = false;
   /// Names of backups begin with it; none are made if it is empty.
-  std::string backups;
+  std::string prefix;
+  std::filesystem::path backups;
 };
 
-Progress carryOutUntilKilled(tq::test::CorvanedProcess& server, const Steps& steps,
-                             StepSource& source, const Others& others) {
-  ServerSubject subject(server.binaryPort());
-  ServerSubject other(server.binaryPort());
-  ServerSubject keeper(server.binaryPort());
-  const std::uint64_t before = source.number(steps.size() * 2 / 3);
+Round carryOutUntilKilled(tq::test::CorvanedProcess& server, const Usage& usage, Round round,
+                          StepSource& source, const Others& others) {
+  ServerSubject subject(server, usage);
+  ServerSubject other(server, usage);
+  ServerSubject keeper(server, usage);
+  const std::uint64_t before = source.number(round.steps.size() * 2 / 3);
   const std::chrono::microseconds wait{source.number(3000)};
   std::jthread updater;
   if (others.update) updater = std::jthread([&] { updateIndexes(other); });
   std::jthread backups;
-  if (!others.backups.empty()) {
-    backups = std::jthread([&] { makeBackups(keeper, others.backups); });
+  if (!others.prefix.empty()) {
+    backups = std::jthread(
+        [&] { round.backups = makeBackups(keeper, subject, others.backups, others.prefix); });
   }
-  const std::jthread killer([&](const std::stop_token& stop) {
+  std::jthread killer([&](const std::stop_token& stop) {
     while (subject.applied() < before && !stop.stop_requested()) {
       std::this_thread::sleep_for(std::chrono::microseconds(20));
     }
     std::this_thread::sleep_for(wait);
     server.kill();
   });
-  return carryOut(subject, steps);
+  round.progress = carryOut(subject, round.steps);
+  killer.request_stop();
+  killer.join();
+  if (backups.joinable()) backups.join();
+  return round;
+}
+
+std::vector<std::string> optionsFor(const Usage& usage, const std::filesystem::path& backups) {
+  return {"--backup-directory", backups, "--shards-per-collection", std::to_string(usage.parts)};
 }
 
 TEST(ServerKill, LosesNothingThatWasAcknowledgedAndDoesNothingByHalves) {
-  constexpr std::size_t kRounds = 8;
+  const std::size_t rounds = test::isLongForm() ? 17 : 8;
   std::size_t cut = 0;
   std::size_t restored = 0;
+  std::size_t copies = 0;
   const std::vector<std::uint64_t> seeds = test::seeds(6);
   for (const std::uint64_t seed : seeds) {
     StepSource source(seed);
+    const Usage usage(seed);
     const tq::test::TemporaryDirectory backups;
-    tq::test::CorvanedProcess server({"--backup-directory", backups.path()});
+    tq::test::CorvanedProcess server(optionsFor(usage, backups.path()));
     Model model;
-    for (std::size_t round = 0; round < kRounds; ++round) {
-      SCOPED_TRACE("KRUCOMM_SEED=" + std::to_string(seed) + ", round " + std::to_string(round));
-      const bool othersUpdate = round % 2 == 1;
-      const Others others{othersUpdate, round % 4 < 2 ? "" : "b" + std::to_string(round) + "-"};
+    for (std::size_t number = 0; number < rounds; ++number) {
+      SCOPED_TRACE("KRUCOMM_SEED=" + std::to_string(seed) + ", round " + std::to_string(number));
+      const bool othersUpdate = number % 2 == 1;
+      const std::string prefix = number % 4 < 2 ? "" : "b" + std::to_string(number) + "-";
+      const std::set<std::string> updated =
+          othersUpdate ? std::set<std::string>{"a", "b", "once"} : usage.refreshed;
       const Steps steps = source.make(model, 60);
       ASSERT_NO_THROW({
-        const Progress progress = carryOutUntilKilled(server, steps, source, others);
-        cut += progress.sent < steps.size() ? 1U : 0U;
+        const Round round = carryOutUntilKilled(server, usage, {model, steps, {}, {}}, source,
+                                                {othersUpdate, prefix, backups.path()});
+        cut += round.progress.sent < steps.size() ? 1U : 0U;
         server.start();
-        ServerSubject subject(server.binaryPort());
+        ServerSubject subject(server, usage);
         const test::Collections found = lookAt(subject, model, steps);
-        const auto after = explain(model, steps, progress, found, othersUpdate);
-        ASSERT_TRUE(after) << describe(model, steps, progress, found);
+        const auto after = explain(model, steps, round.progress, found, updated);
+        ASSERT_TRUE(after) << describe(model, steps, round.progress, found);
         model = *after;
+        copies += lookAtCopy(subject, round) ? 1U : 0U;
         server.kill();
         server.start();
-        ServerSubject again(server.binaryPort());
-        ASSERT_TRUE(repeatsHarmlessly(again, model, steps, progress))
-            << describe(model, steps, progress, found);
-        restored += restoreAll(again, backups.path());
+        ServerSubject again(server, usage);
+        ASSERT_TRUE(repeatsHarmlessly(again, model, steps, round.progress))
+            << describe(model, steps, round.progress, found);
+        restored += restoreAll(again, round, backups.path());
       });
     }
   }
   EXPECT_GT(restored, 0U) << "the kills come too early for backups";
-  EXPECT_GT(cut, seeds.size() * kRounds / 4) << "the kills come too late to show anything";
+  EXPECT_GT(copies, 0U) << "the kills come too early for restores";
+  EXPECT_GT(cut, seeds.size() * rounds / 4) << "the kills come too late to show anything";
 }
 
 }  // namespace

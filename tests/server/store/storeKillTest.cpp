@@ -215,7 +215,7 @@ class StoreKillTest : public ::testing::Test {
   static std::optional<Model> expectExplained(test::Subject& subject, const Model& before,
                                               const Steps& steps, Progress progress) {
     const test::Collections found = lookAt(subject, before, steps);
-    auto after = explain(before, steps, progress, found, false);
+    auto after = explain(before, steps, progress, found, {});
     EXPECT_TRUE(after) << describe(before, steps, progress, found);
     return after;
   }
