@@ -651,8 +651,10 @@ void Collection::endJob(const std::optional<ServerError>& failure, bool damaged)
   logFailure("refresh", *failure);
 }
 
-// What passes by itself is no reason to tell that changes will not become searchable.
+// Where an update is asked for, or waited for with each change, somebody has been told. What passes
+// by itself is no reason to tell that changes will not become searchable.
 void Collection::noteFailure(const ServerError& failure) {
+  if (refresh_.mode != Refresh::Mode::Interval) return;
   if (failure.kind() == ErrorKind::TryAgain || failure.kind() == ErrorKind::OutOfMemory) return;
   const std::lock_guard lock(jobsMutex_);
   failure_ = failure;
