@@ -23,7 +23,8 @@ class DrestoPerfResponse;
 /// or 50 messages (counted over all clients of the process) are there, a terminate record or a
 /// large body goes out, or a reply is awaited. It pays for ASYNCH_ADD_DOCUMENT, which has no reply.
 /// What is still held back when the client is destroyed is not sent: send LAST_DOC_SENT first. The
-/// copy of a forked child forgets what its parent holds back, which the parent alone sends.
+/// copy of a forked child forgets what its parent holds back, which the parent alone sends; a host
+/// whose child goes on in its place sends LAST_DOC_SENT before it forks.
 ///
 /// A failed write is ERR_SERVER_COMM_SEND and is repeated. Its message does not stay in the buffer;
 /// messages held back before it do, and go out with the next write: the server may get one of them
