@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <spdlog/spdlog.h>
 
 #include <chrono>
 #include <filesystem>
@@ -50,7 +51,9 @@ class ScarceMemoryTest : public ::testing::TestWithParam<bool> {
     store_->createCollection("c", "en");
     for (const char* key : {"d1", "d2"}) store_->addDocument("c", {key, {}, "fox"});
     store_->updateIndex("c");
-    // What is done once and for all needs no memory later.
+    // What is done once and for all needs no memory later. The log, too, comes into being when
+    // somebody asks for it, which a server does before anything else.
+    spdlog::default_logger();
     apply("warm 1");
     apply("warm 2");
   }
