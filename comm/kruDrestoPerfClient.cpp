@@ -332,6 +332,11 @@ void DrestoPerfClient::recvMesg(ClientResponse& response) {
   }
   batch_->dropInherited();
   refuseReplyByHand(batch_->questions());
+  if (exchange_ != Exchange::Running) {
+    // An exchange that found no server has left the parser of the one before, of whatever kind.
+    parser_ = &parsers_->make(parser_, requestKind_);
+    parser_->setMaxReplyBytes(maxReplyBytes_);
+  }
   if (!batch_->empty()) writeBatch({});
   beginReply(response);
   portionSize_ = 0;
@@ -459,7 +464,7 @@ void DrestoPerfClient::settleFailure() {
   const bool wholeError = beginsWithError() && holdsWholeUnit(portionSize_);
   if (wholeError || code == kStatusOnly || code == kInvalidAuth) {
     // A status that was not asked for says nothing of the request.
-    if (code != kStatusOnly) outcome_ = RequestOutcome::Rejected;
+    if (code != kStatusOnly) noteOutcome(RequestOutcome::Rejected);
     endReplyWith(portionSize_ - (wholeError ? errorSize() : 0));
     return;
   }

@@ -87,6 +87,24 @@ std::vector<std::string> ids(const std::vector<std::string>& keys) {
 
 std::string row(const std::string& document) { return envelope(1, record16({{"Doc", document}})); }
 
+/// After a document that has no reply, a search finds no server. Then one is sent by hand, and the
+/// header of its reply received.
+void searchByHandAfterNoServer(ScriptedNetwork& network, DrestoPerfClient& client,
+                               ClientResponse& response) {
+  client.setNumRetries(0);
+  EXPECT_EQ(exchange(client, kAsynchAddDocument), Raised());
+  client.close();
+  network.failConnects(ECONNREFUSED);
+  EXPECT_EQ(exchange(client, kStreamSearch).front().id, "ERR_CONNECT_SERVER");
+  network.failConnects(0);
+  client.open();
+  auto search = requestFor(kStreamSearch);
+  client.send(search);
+  client.recvMesg(response);
+}
+
+Script queuedDocument() { return Script().expectFramedRequest().awaitClose(); }
+
 // Construction.
 
 TEST(DrestoPerfClient, BeginsUnconnectedAndKeepsItsConnection) {
@@ -996,6 +1014,26 @@ TEST(DrestoPerfClient, SendsALargeBodyOverLoopback) {
   EXPECT_TRUE(response.success());
   ASSERT_EQ(server.connection(0).requests.size(), 1U);
   EXPECT_EQ(server.connection(0).requests.front(), Framed(document.request).whole());
+}
+
+TEST(DrestoPerfClient, ASearchByHandIsReadAsOneAlsoAfterAnExchangeThatFoundNoServer) {
+  ScriptedNetwork network({queuedDocument(), answer(kOk + plainHit("a") + endOfResults())});
+  auto client = binaryClient();
+  ClientResponse response;
+  searchByHandAfterNoServer(network, client, response);
+  client.recv(response);
+  EXPECT_TRUE(client.isEndOfStream());
+  EXPECT_EQ(idsHeld(response), ids({"a"}));
+}
+
+TEST(DrestoPerfClient, ARefusalByHandLeavesTheOutcomeOfAnExchangeThatFoundNoServer) {
+  const std::string refusal = errorRecord({{"MsgId", "ZVK1"}, {"MsgText", "t"}});
+  ScriptedNetwork network({queuedDocument(), answer(word16(6) + refusal)});
+  auto client = binaryClient();
+  ClientResponse response;
+  searchByHandAfterNoServer(network, client, response);
+  EXPECT_EQ(receive(client, response).front().id, "ZVK1");
+  EXPECT_EQ(client.getRequestOutcome(), RequestOutcome::NotSent);
 }
 
 }  // namespace
