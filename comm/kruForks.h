@@ -4,8 +4,8 @@
 
 namespace tq::comm {
 
-/// From now on forks are noticed. Called with every connection that is made: there is nothing to
-/// notice before the first one. Without memory for it the next connection tries again.
+/// From now on forks are noticed. Called before anything comes into being that a child must not
+/// use: a connection, or a message that waits. Without memory for it the next call tries again.
 void watchForks() noexcept;
 
 /// Counted in the child. Read through forkNumber().

@@ -465,6 +465,8 @@ TEST(GuestManners, NoWarningGoesIntoTheConnectionOfAHostThatHasClosedStandardErr
 int endOfWarned(unsigned int port, bool full) {
   int ends[2] = {-1, -1};
   if (::pipe(ends) != 0) throw std::runtime_error("no pipe");
+  // In this process, whose copy would be a reader.
+  if (!full) ::close(ends[0]);
   const int end = inChild([&] {
     ::signal(SIGPIPE, SIG_DFL);
     // What waits for ever is ended.
@@ -474,7 +476,6 @@ int endOfWarned(unsigned int port, bool full) {
     while (full && ::write(ends[1], page.data(), page.size()) > 0) {
     }
     ::fcntl(ends[1], F_SETFL, 0);
-    if (!full) ::close(ends[0]);
     ::dup2(ends[1], STDERR_FILENO);
     const auto before = signalDispositions();
     auto client = clientOf(Protocol::Http, true, port);
@@ -483,7 +484,7 @@ int endOfWarned(unsigned int port, bool full) {
     ::sigpending(&pending);
     return signalDispositions() == before && ::sigismember(&pending, SIGPIPE) == 0 ? 0 : 2;
   });
-  ::close(ends[0]);
+  if (full) ::close(ends[0]);
   ::close(ends[1]);
   return end;
 }
@@ -626,6 +627,42 @@ TEST(GuestManners, AForkedChildAsksNoQuestionThatItsParentHoldsBack) {
             0);
   EXPECT_TRUE(held.isExchanged({kGetStatus, 3}));
   EXPECT_EQ(held.seen(2), 1U);
+}
+
+// What it does by hand comes by no exchange that would have dropped its parent's.
+TEST(GuestManners, AForkedChildSendsByHandNothingThatItsParentHoldsBack) {
+  for (const bool receives : {false, true}) {
+    Waiting held;
+    held.client->setNumRetries(0);
+    // Its parser still waits for a header then, so that a reply can be received by hand.
+    held.network.plan(Entry::Recv, 1, Fault{Fault::Kind::Eof});
+    ASSERT_FALSE(held.isExchanged({kCreateCollection, 1}));
+    held.client->close();
+    BuiltRequest question({kCreateCollection, 2});
+    held.client->send(question.request);
+    ASSERT_EQ(held.seen(2), 0U) << "it is held back";
+    const auto asReceiver = [&] {
+      tq::comm::ClientResponse response;
+      try {
+        held.client->recvMesg(response);
+      } catch (const tq::comm::RESTException& e) {
+        const bool isRefused = e.getMessageList().front().getMessageId() == u"ERR_INVALID_STATE";
+        return isRefused && held.seen(2) == 0 ? 0 : 1;
+      }
+      return 2;
+    };
+    const auto asSender = [&] {
+      held.client->useBufferedConnection(false);
+      BuiltRequest own({kCreateCollection, 3});
+      held.client->send(own.request);
+      return held.seen(2) == 0 && held.seen(3) == 1 ? 0 : 3;
+    };
+    EXPECT_EQ(inChild([&] {
+                held.client->open();
+                return receives ? asReceiver() : asSender();
+              }),
+              0);
+  }
 }
 
 /// The hits of a search in more than one portion.

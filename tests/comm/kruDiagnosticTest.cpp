@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <iomanip>
 #include <ios>
 #include <iostream>
@@ -39,6 +42,49 @@ class ThrowingBuffer : public std::streambuf {
     throw std::runtime_error("the host's own");
   }
 };
+
+/// Leads into a pipe whose reader goes once standard error has been looked at.
+class BrokenPipe : public std::streambuf {
+ public:
+  BrokenPipe() {
+    int ends[2] = {-1, -1};
+    if (::pipe(ends) != 0) throw std::runtime_error("no pipe");
+    ::close(ends[0]);
+    end_ = ends[1];
+  }
+  ~BrokenPipe() override { ::close(end_); }
+
+  int error = 0;
+
+ private:
+  std::streamsize xsputn(const char* text, std::streamsize length) override {
+    const ssize_t written = ::write(end_, text, static_cast<std::size_t>(length));
+    if (written < 0) error = errno;
+    return written;
+  }
+
+  int end_;
+};
+
+bool isIn(const sigset_t& set) { return ::sigismember(&set, SIGPIPE) == 1; }
+
+// Otherwise the signal ends this process.
+TEST(Diagnostic, ToAReaderThatHasJustGoneRaisesNoSignalAndLeavesNonePending) {
+  BrokenPipe broken;
+  sigset_t before;
+  ::pthread_sigmask(SIG_BLOCK, nullptr, &before);
+  {
+    const ErrorsGoTo here(&broken);
+    writeDiagnostic("lost\n");
+  }
+  sigset_t after;
+  ::pthread_sigmask(SIG_BLOCK, nullptr, &after);
+  sigset_t pending;
+  ::sigpending(&pending);
+  EXPECT_EQ(broken.error, EPIPE);
+  EXPECT_EQ(isIn(after), isIn(before));
+  EXPECT_FALSE(isIn(pending));
+}
 
 TEST(Diagnostic, IsWrittenAsItIsWhateverTheFormatOfTheHost) {
   std::stringbuf text;
