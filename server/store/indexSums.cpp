@@ -174,7 +174,10 @@ std::optional<Damage> IndexSums::damageIn(const std::filesystem::path& collectio
     const auto note = [&](const Damage& damage) {
       if (!first) first = damage;
     };
-    IndexSums(collection).verify(note, stop);
+    IndexSums sums(collection);
+    // A change may begin at any moment.
+    sums.changing_ = true;
+    sums.verify(note, stop);
     return first;
   };
   const auto once = look();
@@ -215,7 +218,7 @@ void IndexSums::verifyBlocks(const std::string& name, const FileSums& sums, cons
                              const StopCheck& stop) const {
   const std::filesystem::path path = indexPath() / name;
   const std::uint64_t revision = revisionOf(revisions_, name);
-  const std::uint64_t newest = changing_ ? newestRevisionOf(name) : revision;
+  std::uint64_t newest = changing_ ? newestRevisionOf(name) : revision;
   const FileHandle file = openFile(path, O_RDONLY);
   std::string slice;
   for (std::size_t i = 0; i < sums.blocks.size(); ++i) {
@@ -228,6 +231,8 @@ void IndexSums::verifyBlocks(const std::string& name, const FileSums& sums, cons
     const std::uint64_t known = std::min<std::uint64_t>(kTableBlock, sums.size - place);
     const std::string_view block = std::string_view(slice).substr(start, known);
     if (checksumOf(block) == sums.blocks[i] && block.size() == known) continue;
+    // Transactions may have been committed since it was asked.
+    if (changing_ && revisionIn(block) > newest) newest = newestRevisionOf(name);
     if (revisionIn(block) > revision && revisionIn(block) <= newest) continue;
     onDamage(
         {path, place,

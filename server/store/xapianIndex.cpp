@@ -84,7 +84,8 @@ XapianIndex::~XapianIndex() = default;
 // What the engine says of a damaged block depends on where the damage is: to a block that seems to
 // be newer than the index it says that the index has changed, whoever tries again.
 template <typename Work>
-auto XapianIndex::diagnosed(std::span<const XapianIndex* const> indexes, const Work& work) {
+auto XapianIndex::diagnosed(std::span<const XapianIndex* const> indexes, const StopCheck& stop,
+                            const Work& work) {
   return translated([&] {
     try {
       return work();
@@ -93,44 +94,63 @@ auto XapianIndex::diagnosed(std::span<const XapianIndex* const> indexes, const W
     } catch (const Xapian::WildcardError&) {
       throw;
     } catch (const Xapian::RuntimeError&) {
-      for (const XapianIndex* const index : indexes) index->throwIfDamaged();
+      for (const XapianIndex* const index : indexes) index->throwIfDamaged(stop);
       throw;
     }
   });
 }
 
 template <typename Work>
-auto XapianIndex::diagnosed(const Work& work) const {
+auto XapianIndex::diagnosed(const StopCheck& stop, const Work& work) const {
   const XapianIndex* const only = this;
-  return diagnosed(std::span(&only, 1), work);
+  return diagnosed(std::span(&only, 1), stop, work);
 }
 
-void XapianIndex::throwIfDamaged() const {
+template <typename Work>
+auto XapianIndex::diagnosed(const Work& work) const {
+  return diagnosed(checkRequest, work);
+}
+
+void XapianIndex::throwIfDamaged(const StopCheck& stop) const {
+  {
+    // Whoever comes while somebody looks does not wait for the end of that.
+    const std::unique_lock look(lookMutex_, std::try_to_lock);
+    if (look && !knownDamage()) lookForDamage(stop);
+  }
+  if (const std::optional<Damage> damage = knownDamage()) throwDamaged(*damage);
+}
+
+std::optional<Damage> XapianIndex::knownDamage() const {
   const std::lock_guard lock(damageMutex_);
-  if (!damage_) damage_ = lookForDamage();
-  if (damage_) throwDamaged(*damage_);
+  return damage_;
 }
 
-// It reads the whole index, so it is done for little of the time, however many searches fail.
-std::optional<Damage> XapianIndex::lookForDamage() const {
+// It reads the whole index, so it is done for little of the time, however many searches fail and
+// end it early.
+void XapianIndex::lookForDamage(const StopCheck& stop) const {
   using Clock = std::chrono::steady_clock;
   constexpr int kShareOfTime = 20;
   const Clock::time_point start = Clock::now();
-  if (start - lookedAt_ < kShareOfTime * lookCost_) return std::nullopt;
-  std::optional<Damage> damage;
+  if (start - lookedAt_ < kShareOfTime * lookCost_) return;
+  const auto note = [&] {
+    lookedAt_ = Clock::now();
+    lookCost_ = lookedAt_ - start;
+  };
   try {
-    damage = IndexSums::damageIn(collection_, checkRequest);
+    std::optional<Damage> damage = IndexSums::damageIn(collection_, stop);
+    const std::lock_guard lock(damageMutex_);
+    damage_ = std::move(damage);
   } catch (const DamageError&) {
+    note();
     throw;
   } catch (const ServerError& error) {
+    note();
     // A file may have got another name meanwhile.
     if (error.kind() != ErrorKind::StorageFailed) throw;
   } catch (const std::filesystem::filesystem_error&) {
     // The same.
   }
-  lookedAt_ = Clock::now();
-  lookCost_ = lookedAt_ - start;
-  return damage;
+  note();
 }
 
 std::vector<ParseOutcome> XapianIndex::apply(const ChangeSource& changes, const StopCheck& stop) {
@@ -157,7 +177,7 @@ std::vector<ParseOutcome> XapianIndex::apply(const ChangeSource& changes, const 
 // indexes that take turns in being updated only as many are open as there are threads.
 std::vector<ParseOutcome> XapianIndex::applyBatch(std::span<const Change> changes,
                                                   const StopCheck& stop) {
-  return diagnosed([&] {
+  return diagnosed(stop, [&] {
     IndexWriter writer(collection_, limits_, stop, readers_.get());
     writer.apply(changes);
     return writer.takeRefused();
@@ -167,7 +187,7 @@ std::vector<ParseOutcome> XapianIndex::applyBatch(std::span<const Change> change
 void XapianIndex::endUpdate() { sums_->endChange(revisions()); }
 
 IndexRevisions XapianIndex::revisions() const {
-  return diagnosed([&] { return readers_->revisions(); });
+  return translated([&] { return readers_->revisions(); });
 }
 
 MemoryBudget::Share XapianIndex::emptyShare() const { return shareOf(limits_); }
@@ -181,7 +201,7 @@ bool XapianIndex::rebuildStep(const StopCheck& stop) {
   }
   try {
     if (!rebuild_) beginRebuild(stop);
-    return diagnosed([&] {
+    return diagnosed(stop, [&] {
       if (!rebuild_->step(stop)) rebuild_->decide();
       return true;
     });
@@ -201,7 +221,7 @@ IndexProgress XapianIndex::rebuildProgress() const {
 void XapianIndex::beginRebuild(const StopCheck& stop) {
   sums_->verifyIfDue(stop);
   spdlog::info("{} is being brought into its present form", path_.string());
-  rebuild_ = diagnosed([&] { return std::make_unique<IndexRebuild>(collection_, limits_); });
+  rebuild_ = diagnosed(stop, [&] { return std::make_unique<IndexRebuild>(collection_, limits_); });
 }
 
 // Searches that are under way go on with the files of the earlier index.
@@ -313,7 +333,8 @@ std::vector<HitDetails> XapianIndex::details(std::span<const Member> members,
     }
     return JointReader(std::move(joint)).details(query, wanted, members.front().index.limits_);
   };
-  return diagnosed(looked, [&] { return IndexReaders::runTogether(indexes, together); });
+  return diagnosed(looked, checkRequest,
+                   [&] { return IndexReaders::runTogether(indexes, together); });
 }
 
 CollectionSummary XapianIndex::summary() {

@@ -126,11 +126,15 @@ class XapianIndex {
   /// What the work returns; the engine's errors as those of the server, and where the files are
   /// damaged, that instead.
   template <typename Work>
-  static auto diagnosed(std::span<const XapianIndex* const> indexes, const Work& work);
+  static auto diagnosed(std::span<const XapianIndex* const> indexes, const StopCheck& stop,
+                        const Work& work);
+  template <typename Work>
+  auto diagnosed(const StopCheck& stop, const Work& work) const;
   template <typename Work>
   auto diagnosed(const Work& work) const;
-  void throwIfDamaged() const;
-  std::optional<Damage> lookForDamage() const;
+  void throwIfDamaged(const StopCheck& stop) const;
+  std::optional<Damage> knownDamage() const;
+  void lookForDamage(const StopCheck& stop) const;
   void beginRebuild(const StopCheck& stop);
   void endRebuild();
 
@@ -147,8 +151,9 @@ class XapianIndex {
   bool ending_ = false;
 
   mutable std::mutex damageMutex_;
-  // Guarded by damageMutex_: what was found to be damaged, and when and how long it was looked for.
-  mutable std::optional<Damage> damage_;
+  mutable std::optional<Damage> damage_;  // What was found. Guarded by damageMutex_.
+  // Held by whoever looks for it. Guards when and how long that was done last.
+  mutable std::mutex lookMutex_;
   mutable std::chrono::steady_clock::time_point lookedAt_;
   mutable std::chrono::steady_clock::duration lookCost_{};
 };

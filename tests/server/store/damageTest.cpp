@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <optional>
@@ -14,9 +15,11 @@
 
 #include "server/base/errors.h"
 #include "server/store/collectionOptions.h"
+#include "server/store/damage.h"
 #include "server/store/indexSums.h"
 #include "server/store/localStore.h"
 #include "server/store/maintenance.h"
+#include "server/store/xapianIndex.h"
 #include "tests/server/store/descriptorLimit.h"
 #include "tests/support/temporaryDirectory.h"
 
@@ -290,6 +293,42 @@ TEST_F(DamageTest, DamageThatAnUpdateMeetsIsNamed) {
   const std::filesystem::path table = collection() / "index" / "postlist.glass";
   std::filesystem::resize_file(table, 0);
   EXPECT_THAT(refusalOf([&] { add(store, "k2"); }), HasSubstr(table.string() + " is damaged"));
+}
+
+TEST_F(DamageTest, LookForDamageThatAnUpdateHasMetCanBeStopped) {
+  write();
+  XapianIndex index(collection(), {});
+  index.beginUpdate();
+  const auto looksWhileApplying = [&](const std::string& key) {
+    int looks = 0;
+    const std::vector<Change> changes{{ChangeKind::Put, {key, {}, "fox"}}};
+    try {
+      index.applyBatch(changes, [&] { ++looks; });
+    } catch (const ServerError&) {
+    }
+    return looks;
+  };
+  const int sound = looksWhileApplying("k8");
+  std::filesystem::resize_file(collection() / "index" / "postlist.glass", 0);
+  EXPECT_GT(looksWhileApplying("k9"), sound);
+}
+
+// They write blocks that are newer than anything was when the look began.
+TEST_F(DamageTest, TransactionsDuringALookForDamageAreNone) {
+  write();
+  XapianIndex index(collection(), {});
+  int documents = 0;
+  const auto commit = [&] {
+    index.beginUpdate();
+    for (int i = 0; i < 4; ++i) {
+      const std::string key = "more" + std::to_string(++documents);
+      const std::vector<Change> changes{{ChangeKind::Put, {key, {}, "fox"}}};
+      index.applyBatch(changes, [] {});
+    }
+  };
+  const std::optional<Damage> damage = IndexSums::damageIn(collection(), commit);
+  EXPECT_FALSE(damage) << describe(*damage);
+  EXPECT_GT(documents, 8);
 }
 
 TEST_F(DamageTest, DamageOfOneCollectionLeavesTheOthersAlone) {
