@@ -503,6 +503,7 @@ bool Collection::begin(Job& job) {
   if (journal_.empty()) {
     // Perhaps all that was missing was to know that a segment's removal is on disk.
     uncut_ = restless_ = false;
+    forgetFailure();
     return false;
   }
   if (job.kind == Job::Kind::Round) {
@@ -519,7 +520,12 @@ bool Collection::begin(Job& job) {
     updatingTo_ = job.end;
   }
   const std::lock_guard lock(hiddenMutex_);
-  job.update.emplace(journal_.read(indexed_, job.end), index_, [this] { requireGoingOn(); });
+  // Where changes are searchable at once nothing is hidden meanwhile, and the journal is short.
+  const auto slices = refresh_.mode == Refresh::Mode::Immediate
+                          ? IndexUpdate::Slices::One
+                          : IndexUpdate::Slices::AsMemoryAllows;
+  job.update.emplace(journal_.read(indexed_, job.end), index_, slices,
+                     [this] { requireGoingOn(); });
   return true;
 }
 
@@ -535,12 +541,14 @@ void Collection::showAgain(const IsGone& isGone) {
   if (auto rest = hidden_->without(isGone, emptyShare(limits_))) hidden_ = std::move(rest);
 }
 
-void Collection::end(Job& job) {
+void Collection::forgetFailure() {
   failed_ = false;
-  {
-    const std::lock_guard lock(jobsMutex_);
-    failure_.reset();
-  }
+  const std::lock_guard lock(jobsMutex_);
+  failure_.reset();
+}
+
+void Collection::end(Job& job) {
+  forgetFailure();
   const bool isRound = job.kind == Job::Kind::Round;
   if (!isRound) index_.endUpdate();
   // Until the journal is cut off: nobody else would try that again.
@@ -767,7 +775,7 @@ CollectionSummary Collection::summary() {
 CollectionState Collection::state() const {
   requireActive();
   journal_.requireWritable();
-  if (isIndexed()) return CollectionState::Current;
+  if (isIndexed() && !uncut_) return CollectionState::Current;
   const std::lock_guard lock(jobsMutex_);
   if (failure_) {
     throw ServerError(failure_->kind(),

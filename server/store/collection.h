@@ -246,6 +246,7 @@ class Collection {
   bool removeNext(Job& job);
   void endJob(const std::optional<ServerError>& failure, bool damaged = false);
   void noteFailure(const ServerError& failure);
+  void forgetFailure();
   void logFailure(std::string_view during, const ServerError& failure);
   void failAll(const ServerError& failure);
   void pushOutcome(ParseOutcome outcome, std::uint64_t ticket, const std::string& client);

@@ -16,18 +16,20 @@ constexpr std::size_t kKeyCost = 80;
 // The part of the memory that the keys of an update may take.
 constexpr std::size_t kUpdatesPerBudget = 16;
 
-std::size_t mostKeyBytes(const IndexLimits& limits) {
-  return limits.memory ? limits.memory->limit() / kUpdatesPerBudget
-                       : std::numeric_limits<std::size_t>::max();
+std::size_t mostKeyBytes(const IndexLimits& limits, IndexUpdate::Slices slices) {
+  return limits.memory && slices == IndexUpdate::Slices::AsMemoryAllows
+             ? limits.memory->limit() / kUpdatesPerBudget
+             : std::numeric_limits<std::size_t>::max();
 }
 
 }  // namespace
 
-IndexUpdate::IndexUpdate(JournalPart part, XapianIndex& index, XapianIndex::StopCheck stop)
+IndexUpdate::IndexUpdate(JournalPart part, XapianIndex& index, Slices slices,
+                         XapianIndex::StopCheck stop)
     : part_(std::move(part)),
       index_(index),
       stop_(std::move(stop)),
-      mostKeyBytes_(mostKeyBytes(index.limits())),
+      mostKeyBytes_(mostKeyBytes(index.limits(), slices)),
       memory_(index.emptyShare()) {}
 
 bool IndexUpdate::step() {
@@ -62,7 +64,7 @@ void IndexUpdate::endCount(bool isLast) {
 }
 
 // What a slice leaves visible that a later one deletes is hidden from searches until the update
-// ends.
+// ends; where nothing is hidden there is one slice only.
 void IndexUpdate::beginSlice() {
   counted_ = false;
   sliceMark_ = part_.mark();

@@ -17,8 +17,12 @@ namespace corvaned {
 /// time.
 class IndexUpdate {
  public:
+  /// In several slices changes are searchable before later ones of the same key, so that those must
+  /// be hidden meanwhile.
+  enum class Slices { One, AsMemoryAllows };
+
   /// `stop` throws to end a step between two documents.
-  IndexUpdate(JournalPart part, XapianIndex& index, XapianIndex::StopCheck stop);
+  IndexUpdate(JournalPart part, XapianIndex& index, Slices slices, XapianIndex::StopCheck stop);
 
   /// Returns whether there is more to do. Each step that changes the index makes that durable. If
   /// it throws, part of the changes may be in the index, and bringing all of them in again is safe.

@@ -182,7 +182,12 @@ void LocalStore::deleteCollection(const std::string& name) {
     if (reserved.collection()) reserved.collection()->retire(Collection::Fate::Deleted);
     reserved.forget();
     temporary = freshTemporary();
-    moveForGood(path, temporary / "deleted");
+    try {
+      moveForGood(path, temporary / "deleted");
+    } catch (...) {
+      tryToRemoveTree(temporary);
+      throw;
+    }
     forgetOutcomes(name);
   }
   tryToRemoveTree(temporary);

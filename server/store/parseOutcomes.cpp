@@ -120,7 +120,9 @@ bool ParseOutcomes::dropUntilItFits() {
   bool keptAll = true;
   while (!memory_.fits(bytes_)) {
     const auto most = clientThatTakesMost();
-    if (most != clients_.end() && most->second.queue.bytes >= outcomes_.bytes) {
+    // A client's queue is empty where memory was out for its first outcome.
+    if (most != clients_.end() && !most->second.queue.outcomes.empty() &&
+        most->second.queue.bytes >= outcomes_.bytes) {
       dropOldest(most);
     } else if (!outcomes_.outcomes.empty()) {
       dropOldest(outcomes_);

@@ -458,6 +458,7 @@ TEST_F(LocalStoreTest, UpdateThatCouldNotCutTheJournalOffIsDoneWhenItIsCutOff) {
   for (int times = 0; times < 2; ++times) {
     refusal(ErrorKind::StorageFailed, [&] { store_->updateIndex("c"); });
     EXPECT_THAT(keys("fox"), UnorderedElementsAre("k1", "k2"));
+    EXPECT_EQ(store_->state("c"), CollectionState::ChangesPending);
   }
   std::filesystem::remove_all(collection / "batches.new");
   store_->updateIndex("c");
