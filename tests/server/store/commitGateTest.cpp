@@ -146,12 +146,14 @@ class OvertakenTest : public ::testing::Test {
     while (commits_ < enough && !commitWaits()) std::this_thread::yield();
   }
 
-  // Whether the index has all keys. `atEachKey` is called before each.
+  // Whether the index has all keys. `atEachKey` is called before each, with the number of keys that
+  // the present attempt has asked for.
   template <typename AtEachKey>
   bool findAll(const AtEachKey& atEachKey) {
     return readers_.run([&](const IndexReader& reader) {
+      std::size_t asked = 0;
       return std::all_of(keys_.begin(), keys_.end(), [&](const std::string& key) {
-        atEachKey();
+        atEachKey(asked++);
         return reader.contains(key);
       });
     });
@@ -164,8 +166,9 @@ class OvertakenTest : public ::testing::Test {
     });
     const int before = commits_;
     std::size_t calls = 0;
-    EXPECT_TRUE(findAll([&] {
-      if (calls++ % 500 == 0) awaitCommits();
+    EXPECT_TRUE(findAll([&](std::size_t asked) {
+      ++calls;
+      if (asked % 500 == 0) awaitCommits();
     }));
     EXPECT_GE(commits_, before + 3 * IndexReaders::kFreeAttempts);
     EXPECT_GT(calls, keys_.size()) << "it has begun again";
@@ -359,9 +362,8 @@ TEST_F(OvertakenTest, CommitThatWaitsForItCanBeStopped) {
       stopped = true;
     }
   });
-  std::size_t calls = 0;
-  EXPECT_TRUE(findAll([&] {
-    if (!stopping && calls++ % 500 == 0) awaitCommits();
+  EXPECT_TRUE(findAll([&](std::size_t asked) {
+    if (!stopping && asked % 500 == 0) awaitCommits();
     if (!commitWaits()) return;
     stopping = true;
     while (!stopped) std::this_thread::yield();
@@ -369,7 +371,7 @@ TEST_F(OvertakenTest, CommitThatWaitsForItCanBeStopped) {
   EXPECT_TRUE(stopped);
   writer.join();
   commit(1);
-  EXPECT_TRUE(findAll([] {})) << "what was stopped has changed nothing";
+  EXPECT_TRUE(findAll([](std::size_t) {})) << "what was stopped has changed nothing";
 }
 
 }  // namespace
