@@ -19,7 +19,8 @@
    A call that meets another one under way on its client, in another thread or because a wait hook
    makes it, is KRU_MISUSE and does nothing. A forked child that uses its copy of a client gets a
    connection of its own, its copies of cursors end as if their connection had broken, and what
-   KRU_BATCHING held back before the fork is sent by the parent alone.
+   KRU_BATCHING held back before the fork is sent by the parent alone: a host whose child goes on in
+   its place calls kru_end_queue before it forks.
 
    Structures that may grow begin with their `size`, which the caller sets to sizeof of what it was
    compiled with. A size below that of version 1.0 is KRU_MISUSE. Fields that the library does not
@@ -45,7 +46,8 @@ enum {
   KRU_CANCELLED = 16,     /* the wait hook gave up */
   KRU_REFUSED = 17,       /* the server refused the request; `id` and `message` are the server's.
                              Over HTTP `id` is "KRU_REFUSED" when it did not say why, and
-                             "ERR_SERVER_PROTOCOL" when its reason cannot be read */
+                             "ERR_SERVER_APP" (status 500) or "ERR_SERVER_PROTOCOL" when its
+                             reason cannot be read */
   KRU_UNAUTHORIZED = 18,  /* the server does not know the caller */
   KRU_PROTOCOL = 19,      /* what arrived is no reply, or exceeds a limit */
   KRU_INTERNAL = 20,      /* other failures of the library */
