@@ -363,7 +363,8 @@ TEST_F(IndexStepsTest, RefusedDocumentIsReportedAlsoIfTheJournalCannotBeCutOff) 
   index();
   EXPECT_THROW(ticket->requireSuccess(), ServerError);
   EXPECT_EQ(collection_->estimate("fox", kExactHits).hits, 1U);
-  EXPECT_EQ(collection_->state(), CollectionState::Current);
+  // Somebody has to ask for the update again.
+  EXPECT_EQ(collection_->state(), CollectionState::ChangesPending);
   EXPECT_EQ(collection_->takeOutcomes().size(), 1U);
 }
 
