@@ -185,7 +185,9 @@ void LocalStore::deleteCollection(const std::string& name) {
     try {
       moveForGood(path, temporary / "deleted");
     } catch (...) {
-      tryToRemoveTree(temporary);
+      // It is empty, unless the collection could not even be moved back.
+      std::error_code kept;
+      std::filesystem::remove(temporary, kept);
       throw;
     }
     forgetOutcomes(name);

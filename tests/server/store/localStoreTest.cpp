@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <iterator>
 #include <optional>
 #include <set>
 #include <thread>
@@ -727,6 +728,8 @@ TEST_F(LocalStoreTest, CollectionThatCannotBeDeletedGoesOn) {
     const test::DescriptorLimit none(0);
     EXPECT_ANY_THROW(store_->deleteCollection("c"));
   }
+  const std::filesystem::directory_iterator collections(directory_.path() / "data/collections");
+  EXPECT_EQ(std::distance(collections, std::filesystem::directory_iterator()), 1);
   EXPECT_THAT(keys("fox"), ElementsAre("k1"));
   addSearchable("k2", "fox");
   EXPECT_THAT(keys("fox"), ElementsAre("k1", "k2"));
