@@ -1,11 +1,10 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <functional>
 #include <string>
 
 #include "comm/kruBatch.h"
+#include "tests/support/forkedChild.h"
 
 namespace tq::comm {
 namespace {
@@ -253,21 +252,12 @@ TEST(Batch, AMessageThatWasWrittenIsNotTakenBack) {
   EXPECT_EQ(batch.questions(), 0U);
 }
 
-/// True when a forked child says so.
-bool holdsInChild(const std::function<bool()>& says) {
-  const pid_t child = ::fork();
-  if (child == 0) ::_exit(says() ? 0 : 1);
-  int status = -1;
-  ::waitpid(child, &status, 0);
-  return status == 0;
-}
-
 TEST_F(BatchesTogether, OfAForkedChildForgetWhatItsParentHolds) {
   Batch::Message message = waiting();
   message.answered = true;
   message.queued = true;
   one.append(message);
-  EXPECT_TRUE(holdsInChild([&] {
+  EXPECT_TRUE(test::holdsInChild([&] {
     one.dropInherited();
     if (!one.empty() || one.questions() != 0 || one.holdsQueued()) return false;
     one.append(waiting());

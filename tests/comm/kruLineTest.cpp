@@ -1,6 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <functional>
@@ -11,6 +9,7 @@
 
 #include "comm/kruLine.h"
 #include "infra/oss/kruSocket.h"
+#include "tests/support/forkedChild.h"
 #include "tests/support/loopback.h"
 
 namespace tq::comm {
@@ -268,20 +267,11 @@ TEST_F(LineOnASocket, OneWhosePeerHasClosedIsNotReused) {
   EXPECT_FALSE(line.isReusable(socket));
 }
 
-/// True when a forked child says so.
-bool holdsInChild(const std::function<bool()>& says) {
-  const pid_t child = ::fork();
-  if (child == 0) ::_exit(says() ? 0 : 1);
-  int status = -1;
-  ::waitpid(child, &status, 0);
-  return status == 0;
-}
-
 TEST(Line, OfAForkedChildIsUncertainUntilTheChildHasConnected) {
   for (const State state : kStates) {
     Line line = lineIn(state);
     const bool itself = state == State::NotConnected || state == State::Broken;
-    EXPECT_TRUE(holdsInChild([&] {
+    EXPECT_TRUE(test::holdsInChild([&] {
       if (line.state() != (itself ? state : State::Uncertain)) return false;
       if (state != State::NotConnected && !line.isDisturbed()) return false;
       line.connected();
