@@ -302,10 +302,10 @@ class Sample:
         self.results = self.build / "results/sample.cpp.jsonl"
         self.found_out = self.results.read_text().splitlines(keepends=True)
 
-    def mutate(self):
+    def mutate(self, *options):
         return subprocess.run(
             [ROOT / "scripts/mutate", "-j", "2", "--slowest", self.SLOWEST, "--patience", "1",
-             "--accepted", self.accepted, "--root", self.root, self.build,
+             "--accepted", self.accepted, "--root", self.root, *options, self.build,
              self.root / "sample.cpp"],
             capture_output=True, text=True,
         )  # fmt: skip
@@ -386,6 +386,25 @@ class GoesOn(unittest.TestCase):
         test.write_text(old)
         run_quietly("ninja", "-C", sample().build)
         self.assertIn("sample.cpp:6:37", sample().mutate().stdout)
+
+    @unittest.skipUnless(shutil.which("git"), "git compares with the revision")
+    def test_since_a_revision_only_changed_lines_are_broken(self):
+        git = ["git", "-C", sample().root, "-c", "user.name=n", "-c", "user.email=e"]
+        run_quietly(*git, "init", "--quiet", "--initial-branch=main")
+        run_quietly(*git, "commit", "--allow-empty", "-m", "nothing")
+        self.assertIn(": 7 noticed, 11 not,", sample().mutate("--since", "HEAD").stdout)
+        run_quietly(*git, "add", ".")
+        run_quietly(*git, "commit", "-m", "all")
+        self.assertIn(": 0 noticed, 0 not,", sample().mutate("--since", "HEAD").stdout)
+        source = sample().root / "sample.cpp"
+        old = source.read_text()
+        self.addCleanup(source.write_text, old)
+        source.write_text(old.replace("value > 9", "value > (9)"))
+        run_quietly("ninja", "-C", sample().build)
+        output = sample().mutate("--since", "HEAD").stdout
+        self.assertRegex(output, r"sample.cpp: [1-9]\d* noticed, \d+ not, 0 where no test runs")
+        self.assertNotIn("sample.cpp:6:", output)
+        self.assertIn("git knows no revision", sample().mutate("--since", "none").stderr)
 
     @staticmethod
     def without_times(output):
