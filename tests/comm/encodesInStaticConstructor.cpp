@@ -3,16 +3,17 @@
 #include "comm/kruRESTMessage.h"
 #include "comm/kruStaticDefs.h"
 
-namespace tq::comm::test {
+namespace tq::test {
 
 std::string encodedDocument() {
   tq::util::ExtendedProperties properties;
-  properties.putProperty(StaticDefs::PARAM_LANGUAGE, StaticDefs::PARAM_DEFAULT_LANGUAGE);
-  ClientRequest request;
-  request.buildRequest(u"c1", ClientRequest::ADD_DOCUMENT, properties);
+  properties.putProperty(comm::StaticDefs::PARAM_LANGUAGE,
+                         comm::StaticDefs::PARAM_DEFAULT_LANGUAGE);
+  comm::ClientRequest request;
+  request.buildRequest(u"c1", comm::ClientRequest::ADD_DOCUMENT, properties);
   request.setContent({{u"title", u"one"}}, "content", 7);
   request.setDocKey("key", 3);
-  RESTMessage message(u"host", request);
+  comm::RESTMessage message(u"host", request);
   return std::string(message.getSerializedHeader())
       .append(message.getMsgPrefix(), message.getMsgPrefixLen())
       .append(message.getMsgBody(), message.getMsgBodyLength());
@@ -22,7 +23,7 @@ namespace {
 
 struct EarlyHost {
   EarlyHost() {
-    RESTMessage::initUrls();
+    comm::RESTMessage::initUrls();
     document = encodedDocument();
   }
   std::string document;
@@ -32,4 +33,4 @@ struct EarlyHost {
 
 const std::string& documentEncodedBeforeMain() { return earlyHost.document; }
 
-}  // namespace tq::comm::test
+}  // namespace tq::test

@@ -2,7 +2,7 @@
 
 #include <string>
 
-namespace tq::comm::test {
+namespace tq::test {
 
 /// The header text, prefix and content of an added document, as they are sent.
 std::string encodedDocument();
@@ -10,4 +10,4 @@ std::string encodedDocument();
 /// The same, encoded by a static constructor, which ran before `main`.
 const std::string& documentEncodedBeforeMain();
 
-}  // namespace tq::comm::test
+}  // namespace tq::test

@@ -155,7 +155,7 @@ TEST(ScarceBuffer, OfAConnectionThatCannotBeLookedAtCostsTheConnectionAlone) {
   const auto client = clientOf(Protocol::Http);
   EXPECT_EQ(runExchange(*client, kGetServerVersion).errorId, "");
   {
-    const support::OutOfMemory none;
+    const tq::test::OutOfMemory none;
     EXPECT_EQ(runExchange(*client, kAsynchAddDocument).errorId, "");
   }
   EXPECT_EQ(network.connections(), 2U);

@@ -164,9 +164,9 @@ bool endsByCancellation(pthread_t thread) {
 TEST_P(ExchangeThreads, ACancelledThreadUnwindsThroughAConnect) {
   const auto question = questionNamed("StreamSearchWithThreeHits", "StreamSearchWithThreeHits");
   ScriptedServer server(answers(question, 1));
-  support::FakeSystemCalls fake;
+  tq::test::FakeSystemCalls fake;
   const auto client = clientOf(server);
-  fake.cancelIn(support::Call::Connect, 1);
+  fake.cancelIn(tq::test::Call::Connect, 1);
   std::function<void()> opening = [&] { client->open(); };
   EXPECT_TRUE(endsByCancellation(start(opening)));
   EXPECT_FALSE(client->isConnected());

@@ -56,7 +56,7 @@ TEST(Carry, WithoutMemoryItKeepsWhatItHas) {
   carry.keepLast("ab", 2);
   const std::string much(100000, 'x');
   {
-    const support::OutOfMemory out;
+    const tq::test::OutOfMemory out;
     EXPECT_THROW(carry.join(much), std::bad_alloc);
     EXPECT_THROW(carry.keepLast(much, much.size()), std::bad_alloc);
   }
@@ -69,7 +69,7 @@ TEST(Carry, AMegabyteOfMemoryIsKeptAndMoreIsGivenBack) {
     Carry carry;
     carry.keepLast(bytes, length);
     carry.clear();
-    const support::OutOfMemory out;
+    const tq::test::OutOfMemory out;
     if (length == kMegabyte) {
       carry.keepLast(bytes, length);
       EXPECT_EQ(carry.size(), length);

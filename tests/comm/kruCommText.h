@@ -13,7 +13,7 @@
 #include "infra/util/kruExtendedProperties.h"
 
 /// Small verbs that the tests of this area share.
-namespace tq::comm::test {
+namespace tq::test {
 
 /// UTF-8, so that a failing comparison prints what people can read.
 inline std::string utf8(const icu::UnicodeString& text) { return tq::oss::Converter::toUTF8(text); }
@@ -88,4 +88,4 @@ inline tq::util::ExtendedProperties properties(const Fields& fields) {
   return props;
 }
 
-}  // namespace tq::comm::test
+}  // namespace tq::test

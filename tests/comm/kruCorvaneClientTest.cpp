@@ -260,10 +260,10 @@ TEST(CorvaneClient, AConnectThatFailsForAnotherReasonCarriesItsOwnMessageAlone) 
 TEST(CorvaneClient, ACloseThatFailsIsSwallowedAndCountsAsClosed) {
   for (const bool byOpen : {false, true}) {
     ScriptedServer server(Script().awaitClose());
-    support::FakeSystemCalls system;
+    tq::test::FakeSystemCalls system;
     TestClient client(server.port(), kFresh);
     client.open();
-    system.fail(support::Call::Close, 1, EIO);
+    system.fail(tq::test::Call::Close, 1, EIO);
     if (byOpen) {
       EXPECT_NO_THROW(client.open()) << "the old connection is given up";
     } else {
@@ -284,8 +284,8 @@ TEST(CorvaneClient, APortInItsArgumentsHasPlainDigits) {
 }
 
 TEST(CorvaneClient, AThreadThatIsCancelledWhileConnectingEnds) {
-  support::FakeSystemCalls fake;
-  fake.cancelIn(support::Call::Connect, 1);
+  tq::test::FakeSystemCalls fake;
+  fake.cancelIn(tq::test::Call::Connect, 1);
   TestClient client(7, kFresh);
   EXPECT_TRUE(endsItsThread([&] { client.open(); }));
   EXPECT_FALSE(client.isConnected());

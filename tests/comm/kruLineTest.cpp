@@ -147,10 +147,10 @@ class LineOnASocket : public testing::Test {
     while (socket.buffered() < before + std::string_view(bytes).size()) socket.fill();
   }
 
-  support::Listener listener;
+  tq::test::Listener listener;
   tq::oss::Socket socket;
   Line line;
-  support::Peer peer{[this] {
+  tq::test::Peer peer{[this] {
     socket.connect(u"127.0.0.1", listener.port(), tq::oss::Socket::NullAddrInfoExternal, nullptr);
     return listener.accept();
   }()};

@@ -10,9 +10,9 @@
 namespace tq::comm {
 namespace {
 
-using support::Call;
-using support::FakeSystemCalls;
 using tq::oss::Deadline;
+using tq::test::Call;
+using tq::test::FakeSystemCalls;
 
 constexpr std::uint64_t kMilli = FakeSystemCalls::kMilli;
 

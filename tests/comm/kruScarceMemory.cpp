@@ -48,7 +48,7 @@ void operator delete(void* block, std::align_val_t) noexcept { std::free(block);
 void operator delete(void* block, std::size_t, std::align_val_t) noexcept { std::free(block); }
 void operator delete(void* block, const std::nothrow_t&) noexcept { std::free(block); }
 
-namespace tq::comm::test {
+namespace tq::test {
 
 FailingAllocations::FailingAllocations() { failing = true; }
 FailingAllocations::~FailingAllocations() { failing = false; }
@@ -59,4 +59,4 @@ RationedAllocations::RationedAllocations(long granted) { ration = granted; }
 RationedAllocations::~RationedAllocations() { ration = kUnlimited; }
 long RationedAllocations::left() const { return ration; }
 
-}  // namespace tq::comm::test
+}  // namespace tq::test

@@ -3,7 +3,7 @@
 #include <cstddef>
 
 /// Lets the buffers of the library run out of memory.
-namespace tq::comm::test {
+namespace tq::test {
 
 /// While one lives, the non-throwing operator new of this process gives null on this thread.
 class FailingAllocations {
@@ -31,4 +31,4 @@ class RationedAllocations {
   long left() const;
 };
 
-}  // namespace tq::comm::test
+}  // namespace tq::test

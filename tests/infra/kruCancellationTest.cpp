@@ -59,7 +59,7 @@ TEST_F(SocketCancellation, WhileReadingClosesTheConnection) {
         Operation([&](Socket& socket) { socket.read(bytes, 0, 4); }),
         Operation([&](Socket& socket) { socket.look(); })}) {
     Socket socket;
-    support::Peer peer = connected(socket);
+    tq::test::Peer peer = connected(socket);
     fake.resetCounts();
     fake.cancelIn(Call::Recv, 1);
     EXPECT_TRUE(isCancelledIn([&] { operation(socket); }));
@@ -70,7 +70,7 @@ TEST_F(SocketCancellation, WhileReadingClosesTheConnection) {
 
 TEST_F(SocketCancellation, WhileWaitingForBytesClosesTheConnection) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   socket.setDeadline(Deadline::in(60000));
   fake.resetCounts();
   fake.cancelIn(Call::Poll, 1);
@@ -83,7 +83,7 @@ TEST_F(SocketCancellation, WhileWaitingForBytesClosesTheConnection) {
 TEST_F(SocketCancellation, WhileWritingClosesTheConnection) {
   for (const Call call : {Call::Sendmsg, Call::Poll}) {
     Socket socket;
-    support::Peer peer = connected(socket);
+    tq::test::Peer peer = connected(socket);
     fake.stall(Call::Sendmsg);
     socket.setDeadline(Deadline::in(60000));
     fake.resetCounts();
@@ -97,7 +97,7 @@ TEST_F(SocketCancellation, WhileWritingClosesTheConnection) {
 
 TEST_F(SocketCancellation, WhileSelectingLeavesTheConnection) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   fake.resetCounts();
   fake.cancelIn(Call::Poll, 1);
   EXPECT_TRUE(isCancelledIn([&] {
@@ -116,7 +116,7 @@ TEST_F(SocketCancellation, EndsAPause) {
 
 TEST_F(SocketCancellation, WaitsForASocketToBeClosed) {
   auto socket = std::make_unique<Socket>();
-  support::Peer peer = connected(*socket);
+  tq::test::Peer peer = connected(*socket);
   bool closed = false;
   EXPECT_TRUE(isCancelledIn([&] {
     ::pthread_cancel(::pthread_self());
@@ -140,8 +140,8 @@ TEST_F(SocketCancellation, WaitsForANameToBeLookedUp) {
 
 TEST_F(SocketCancellation, ReachesAThreadThatWaitsForARealPeer) {
   Socket outer;
-  support::Peer peer = connected(outer);
-  support::Peer mine{-1};
+  tq::test::Peer peer = connected(outer);
+  tq::test::Peer mine{-1};
   std::promise<void> begins;
   std::function<void()> operation = [&] {
     Socket inner;
@@ -151,7 +151,7 @@ TEST_F(SocketCancellation, ReachesAThreadThatWaitsForARealPeer) {
     inner.readOnce(&byte, 0, 1);
   };
   const pthread_t thread = start(operation);
-  support::Peer theirs = listener.accept();
+  tq::test::Peer theirs = listener.accept();
   begins.get_future().wait();
   ::pthread_cancel(thread);
   EXPECT_TRUE(endsByCancellation(thread));

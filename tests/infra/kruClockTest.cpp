@@ -6,10 +6,10 @@
 
 namespace {
 
-using support::Call;
-using support::FakeSystemCalls;
 using tq::oss::Deadline;
 using tq::oss::pollUntil;
+using tq::test::Call;
+using tq::test::FakeSystemCalls;
 
 TEST(Clock, NeverGoesBack) {
   const std::uint64_t first = tq::oss::monotonicNanos();

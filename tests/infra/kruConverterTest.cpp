@@ -316,7 +316,7 @@ void expectOutOfMemory(Operation operation) {
 
 TEST(Converter, SaysSoWhenABufferCannotGrow) {
   SizeableBuffer<char, 4> buffer;
-  const support::OutOfMemory out;
+  const tq::test::OutOfMemory out;
   expectOutOfMemory([&] { Converter::toUTF8(icu::UnicodeString(u"abcd"), buffer); });
   EXPECT_EQ(buffer.capacity(), 0U);
 }
@@ -324,7 +324,7 @@ TEST(Converter, SaysSoWhenABufferCannotGrow) {
 TEST(Converter, AnAppendWithoutMemoryLeavesTheBufferAsItWas) {
   SizeableBuffer<char, 4> buffer;
   const std::size_t used = Converter::appendUTF8(icu::UnicodeString(u"ab"), buffer, 0);
-  const support::OutOfMemory out;
+  const tq::test::OutOfMemory out;
   expectOutOfMemory([&] { Converter::appendUTF8(icu::UnicodeString(u"cde"), buffer, used); });
   EXPECT_EQ(std::string_view(buffer.data(), used), "ab");
 }

@@ -7,9 +7,9 @@
 
 namespace {
 
-using support::Call;
-using support::FakeSystemCalls;
 using tq::oss::Deadline;
+using tq::test::Call;
+using tq::test::FakeSystemCalls;
 
 constexpr std::uint64_t kMilli = FakeSystemCalls::kMilli;
 constexpr std::uint64_t kLargest = UINT64_MAX;

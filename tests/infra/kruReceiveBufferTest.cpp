@@ -66,7 +66,7 @@ TEST(ReceiveBuffer, GrowsOnlyWhenItIsFull) {
   ASSERT_TRUE(buffer.makeRoomForMore());
   EXPECT_EQ(buffer.room(), ReceiveBuffer::kSlice);
   EXPECT_EQ(buffer.size(), ReceiveBuffer::kSlice);
-  const support::OutOfMemory out;
+  const tq::test::OutOfMemory out;
   buffer.commit(buffer.room());
   EXPECT_FALSE(buffer.makeRoomForMore());
   EXPECT_EQ(buffer.size(), 2 * ReceiveBuffer::kSlice);
@@ -168,14 +168,14 @@ TEST(ReceiveBuffer, ABlockOfTheSizeThatIsKeptIsKept) {
 TEST(ReceiveBuffer, GivingALargeBlockBackTakesNoMemory) {
   ReceiveBuffer buffer;
   arrive(buffer, std::string(2 * ReceiveBuffer::kKept, 'a'));
-  const support::OutOfMemory out;
+  const tq::test::OutOfMemory out;
   buffer.drop(2 * ReceiveBuffer::kKept);
   EXPECT_EQ(buffer.room(), 1U);
 }
 
 TEST(ReceiveBuffer, WithoutMemoryOneByteCanBePutBack) {
   ReceiveBuffer buffer;
-  const support::OutOfMemory out;
+  const tq::test::OutOfMemory out;
   EXPECT_TRUE(buffer.putBack("a", 1));
   EXPECT_EQ(take(buffer, 1), "a");
 }
@@ -184,7 +184,7 @@ TEST(ReceiveBuffer, WithoutMemoryNothingChanges) {
   ReceiveBuffer buffer;
   arrive(buffer, std::string(ReceiveBuffer::kSlice, 'a'));
   {
-    const support::OutOfMemory out;
+    const tq::test::OutOfMemory out;
     EXPECT_FALSE(buffer.makeRoom(ReceiveBuffer::kSlice + 1));
     EXPECT_FALSE(buffer.putBack("x", 1));
   }
@@ -194,7 +194,7 @@ TEST(ReceiveBuffer, WithoutMemoryNothingChanges) {
 
 TEST(ReceiveBuffer, WithoutMemoryAnEmptyOneStillTakesOneByte) {
   ReceiveBuffer buffer;
-  const support::OutOfMemory out;
+  const tq::test::OutOfMemory out;
   for (int i = 0; i < 2; ++i) {
     EXPECT_FALSE(buffer.makeRoom(1));
     ASSERT_EQ(buffer.room(), 1U);

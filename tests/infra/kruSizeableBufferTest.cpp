@@ -82,7 +82,7 @@ TEST(SizeableBuffer, EveryByteOfItsCapacityCanBeWritten) {
 TEST(SizeableBuffer, WithoutMemoryTheCapacityIsZeroUntilAResizeSucceeds) {
   Small buffer;
   {
-    const support::OutOfMemory out;
+    const tq::test::OutOfMemory out;
     EXPECT_FALSE(buffer.resize(9));
     EXPECT_EQ(buffer.capacity(), 0U);
     EXPECT_NE(buffer.data(), nullptr);
@@ -138,7 +138,7 @@ TEST(SizeableBuffer, GrowKeepsNoMoreThanThereIs) {
 TEST(SizeableBuffer, AGrowWithoutMemoryChangesNothing) {
   Small buffer;
   std::memcpy(buffer.data(), "abcdefgh", 8);
-  const support::OutOfMemory out;
+  const tq::test::OutOfMemory out;
   EXPECT_FALSE(buffer.grow(9, 8));
   EXPECT_EQ(buffer.capacity(), 8U);
   EXPECT_EQ(std::string_view(buffer.data(), 8), "abcdefgh");
@@ -147,7 +147,7 @@ TEST(SizeableBuffer, AGrowWithoutMemoryChangesNothing) {
 TEST(SizeableBuffer, GrowWorksAfterAResizeThatGotNoMemory) {
   Small buffer;
   {
-    const support::OutOfMemory out;
+    const tq::test::OutOfMemory out;
     ASSERT_FALSE(buffer.resize(100));
     EXPECT_TRUE(buffer.grow(5, 0));
     EXPECT_EQ(buffer.capacity(), 8U);

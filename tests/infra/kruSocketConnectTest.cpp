@@ -46,7 +46,7 @@ constexpr int kStandardStreams[] = {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO};
 
 class SocketConnect : public SocketFixture {
  protected:
-  static constexpr std::uint64_t kMilli = support::FakeSystemCalls::kMilli;
+  static constexpr std::uint64_t kMilli = tq::test::FakeSystemCalls::kMilli;
 
   void connect(Socket& socket, unsigned int port,
                const Socket::_AddrInfoExternal& addresses = Socket::NullAddrInfoExternal,
@@ -67,7 +67,7 @@ class SocketConnect : public SocketFixture {
     return value;
   }
 
-  support::DeadPort dead;
+  tq::test::DeadPort dead;
 };
 
 TEST_F(SocketConnect, ReachesAServerByItsAddress) {
@@ -75,7 +75,7 @@ TEST_F(SocketConnect, ReachesAServerByItsAddress) {
   EXPECT_FALSE(socket.isOpen());
   connect(socket, listener.port());
   EXPECT_TRUE(socket.isOpen());
-  support::Peer peer = listener.accept();
+  tq::test::Peer peer = listener.accept();
   peer.send("hi");
   EXPECT_EQ(read(socket, 2), "hi");
 }
@@ -115,7 +115,7 @@ TEST_F(SocketConnect, NoConnectionGetsTheNumberOfAStandardStreamThatTheHostHasCl
       const WithoutStream none(stream);
       connect(socket, 1, addresses({dead.port(), listener.port(), dead.port()}));
       streamIsClosed = ::fcntl(stream, F_GETFD) < 0;
-      support::Peer peer = listener.accept();
+      tq::test::Peer peer = listener.accept();
       peer.send("hi");
       received = read(socket, 2);
     }
@@ -165,7 +165,7 @@ TEST_F(SocketConnect, DescriptorsFarAbove1024Work) {
   const unsigned long timeout = 10000;
   connect(socket, listener.port(), Socket::NullAddrInfoExternal, &timeout);
   ASSERT_GE(fake.lastDescriptor(), 1200);
-  support::Peer peer = listener.accept();
+  tq::test::Peer peer = listener.accept();
   peer.send("hi");
   std::list<Socket> readers{socket};
   std::list<Socket> none;
@@ -296,7 +296,7 @@ TEST_F(SocketConnect, ASignalOnlyDelaysTheWaitForTheServer) {
 TEST_F(SocketConnect, AnInterruptedConnectGoesOnByItself) {
   fake.fail(Call::Connect, 1, EINTR);
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   EXPECT_EQ(fake.count(Call::Connect), 1U);
   peer.send("hi");
   EXPECT_EQ(read(socket, 2), "hi");
@@ -360,10 +360,10 @@ TEST_F(SocketConnect, HostsAndPortsThatCannotBeAreRefusedBeforeAnythingIsAsked) 
 
 TEST_F(SocketConnect, AConnectClosesWhatWasOpenAndEmptiesTheBuffer) {
   Socket socket;
-  support::Peer first = connected(socket);
+  tq::test::Peer first = connected(socket);
   first.send("old bytes");
   EXPECT_EQ(readOnce(socket, 1), "o");
-  support::Peer second = connected(socket);
+  tq::test::Peer second = connected(socket);
   EXPECT_EQ(socket.buffered(), 0U);
   EXPECT_TRUE(first.seesClose());
   second.send("new");
@@ -372,36 +372,36 @@ TEST_F(SocketConnect, AConnectClosesWhatWasOpenAndEmptiesTheBuffer) {
 
 TEST_F(SocketConnect, AFailedConnectLeavesTheSocketUnconnectedAndUsableAgain) {
   Socket socket;
-  support::Peer first = connected(socket);
+  tq::test::Peer first = connected(socket);
   thrown([&] { connect(socket, dead.port()); });
   EXPECT_FALSE(socket.isOpen());
   EXPECT_TRUE(first.seesClose());
-  support::Peer second = connected(socket);
+  tq::test::Peer second = connected(socket);
   EXPECT_TRUE(socket.isOpen());
 }
 
 TEST_F(SocketConnect, AfterAReconnectTheOldEndIsForgotten) {
   Socket socket;
   {
-    support::Peer first = connected(socket);
+    tq::test::Peer first = connected(socket);
     first.close();
     EXPECT_EQ(readOnce(socket, 1), "");
   }
   {
-    support::Peer second = connected(socket);
+    tq::test::Peer second = connected(socket);
     second.send("a");
     EXPECT_EQ(readOnce(socket, 1), "a");
     second.reset();
     thrown([&] { readOnce(socket, 1); });
   }
-  support::Peer third = connected(socket);
+  tq::test::Peer third = connected(socket);
   third.send("b");
   EXPECT_EQ(readOnce(socket, 1), "b");
 }
 
 TEST_F(SocketConnect, AFailureToCloseNamesThePeer) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   fake.fail(Call::Close, 1, EIO);
   const SocketException failure = thrown([&] { socket.close(); });
   EXPECT_EQ(failure.getErrorNumber(), EIO);
@@ -410,7 +410,7 @@ TEST_F(SocketConnect, AFailureToCloseNamesThePeer) {
 
 TEST_F(SocketConnect, AnOlderErrorOfTheSystemIsNotTakenForOneOfClosing) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   errno = EIO;
   socket.close();
   EXPECT_FALSE(socket.isOpen());
@@ -418,7 +418,7 @@ TEST_F(SocketConnect, AnOlderErrorOfTheSystemIsNotTakenForOneOfClosing) {
 
 TEST_F(SocketConnect, CloseEmptiesTheBuffer) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abc");
   EXPECT_EQ(readOnce(socket, 1), "a");
   socket.close();
@@ -431,7 +431,7 @@ TEST_F(SocketConnect, ClosingTwiceClosesOnce) {
   Socket socket;
   socket.close();
   EXPECT_EQ(fake.count(Call::Close), 0U);
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   socket.close();
   socket.close();
   EXPECT_EQ(fake.count(Call::Close), 1U);
@@ -439,7 +439,7 @@ TEST_F(SocketConnect, ClosingTwiceClosesOnce) {
 
 TEST_F(SocketConnect, AFailingCloseIsReportedAndTheSocketIsClosed) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   fake.fail(Call::Close, 1, EIO);
   const SocketException failure = thrown([&] { socket.close(); });
   EXPECT_EQ(failure.getErrorNumber(), EIO);
@@ -448,7 +448,7 @@ TEST_F(SocketConnect, AFailingCloseIsReportedAndTheSocketIsClosed) {
 
 TEST_F(SocketConnect, AnInterruptedCloseIsNotRepeated) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   fake.fail(Call::Close, 1, EINTR);
   socket.close();
   EXPECT_FALSE(socket.isOpen());
@@ -458,7 +458,7 @@ TEST_F(SocketConnect, AnInterruptedCloseIsNotRepeated) {
 TEST_F(SocketConnect, CopiesShareOneConnectionAndItsBuffer) {
   Socket socket;
   Socket before(socket);
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   Socket after;
   after = socket;
   peer.send("abc");
@@ -472,9 +472,9 @@ TEST_F(SocketConnect, CopiesShareOneConnectionAndItsBuffer) {
 
 TEST_F(SocketConnect, TheLastCopyCloses) {
   Socket last;
-  support::Peer peer = [&] {
+  tq::test::Peer peer = [&] {
     Socket socket;
-    support::Peer accepted = connected(socket);
+    tq::test::Peer accepted = connected(socket);
     last = socket;
     return accepted;
   }();
@@ -487,7 +487,7 @@ TEST_F(SocketConnect, TheLastCopyCloses) {
 
 TEST_F(SocketConnect, AMovedFromSocketIsStillASocket) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   const Socket moved = std::move(socket);
   EXPECT_TRUE(moved.isOpen());
   EXPECT_TRUE(socket.isOpen());  // NOLINT(bugprone-use-after-move): moving copies, as promised

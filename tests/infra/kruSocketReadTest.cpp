@@ -22,7 +22,7 @@ std::string pattern(std::size_t length) {
 
 TEST_F(SocketRead, ReadLeavesAndReadOnceTakes) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("hello world");
   EXPECT_EQ(read(socket, 5), "hello");
   EXPECT_EQ(read(socket, 11), "hello world");
@@ -33,7 +33,7 @@ TEST_F(SocketRead, ReadLeavesAndReadOnceTakes) {
 
 TEST_F(SocketRead, OneCallOfEachIntoTheSamePlaceGivesTheBytesOnce) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abcdef");
   char buffer[4] = {};
   EXPECT_EQ(socket.read(buffer, 0, 3), 3U);
@@ -44,7 +44,7 @@ TEST_F(SocketRead, OneCallOfEachIntoTheSamePlaceGivesTheBytesOnce) {
 
 TEST_F(SocketRead, ReadWaitsForAllOfIt) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   fake.limitTransfer(Call::Recv, 1);
   peer.send("abcdefgh");
   EXPECT_EQ(read(socket, 8), "abcdefgh");
@@ -53,7 +53,7 @@ TEST_F(SocketRead, ReadWaitsForAllOfIt) {
 
 TEST_F(SocketRead, ReadOnceWaitsForOneByteOnly) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   fake.limitTransfer(Call::Recv, 1);
   peer.send("abc");
   EXPECT_EQ(readOnce(socket, 3), "a");
@@ -61,7 +61,7 @@ TEST_F(SocketRead, ReadOnceWaitsForOneByteOnly) {
 
 TEST_F(SocketRead, TheOffsetCountsFromTheBuffersStart) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("xyz");
   char buffer[] = "......";
   EXPECT_EQ(socket.read(buffer, 2, 3), 3U);
@@ -74,7 +74,7 @@ TEST_F(SocketRead, ALengthOfZeroReturnsZeroAtOnce) {
   Socket socket;
   EXPECT_EQ(socket.read(nullptr, 0, 0), 0U);
   EXPECT_EQ(socket.readOnce(nullptr, 0, 0), 0U);
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   EXPECT_EQ(socket.read(nullptr, 0, 0), 0U);
   EXPECT_EQ(socket.readOnce(nullptr, 0, 0), 0U);
   EXPECT_EQ(fake.count(Call::Recv), 0U);
@@ -91,7 +91,7 @@ TEST_F(SocketRead, ASocketThatIsNotConnectedSaysSo) {
 
 TEST_F(SocketRead, AClosedPeerGivesZeroForEver) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.close();
   EXPECT_EQ(read(socket, 4), "");
   EXPECT_EQ(readOnce(socket, 4), "");
@@ -102,7 +102,7 @@ TEST_F(SocketRead, AClosedPeerGivesZeroForEver) {
 
 TEST_F(SocketRead, WhatCameBeforeTheCloseIsGivenFirst) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abc");
   peer.close();
   EXPECT_EQ(read(socket, 10), "abc");
@@ -114,7 +114,7 @@ TEST_F(SocketRead, WhatCameBeforeTheCloseIsGivenFirst) {
 
 TEST_F(SocketRead, AResetIsAnExceptionForEver) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.reset();
   for (int i = 0; i < 2; ++i) {
     const SocketException once = thrown([&] { readOnce(socket, 4); });
@@ -126,7 +126,7 @@ TEST_F(SocketRead, AResetIsAnExceptionForEver) {
 
 TEST_F(SocketRead, WhatCameBeforeAResetIsGivenFirst) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abcdef");
   EXPECT_EQ(readOnce(socket, 2), "ab");
   peer.reset();
@@ -140,7 +140,7 @@ TEST_F(SocketRead, WhatCameBeforeAResetIsGivenFirst) {
 
 TEST_F(SocketRead, AResetMetWhileToppingUpIsKeptForTheNextRead) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abcd");
   EXPECT_EQ(readOnce(socket, 2), "ab");
   fake.fail(Call::Recv, 1, ECONNRESET);
@@ -150,7 +150,7 @@ TEST_F(SocketRead, AResetMetWhileToppingUpIsKeptForTheNextRead) {
 
 TEST_F(SocketRead, ACloseMetWhileToppingUpIsKeptForTheNextRead) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abcd");
   peer.close();
   EXPECT_EQ(readOnce(socket, 2), "ab");
@@ -163,7 +163,7 @@ TEST_F(SocketRead, ACloseMetWhileToppingUpIsKeptForTheNextRead) {
 
 TEST_F(SocketRead, SmallPortionsShareOneReceive) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   const std::string bytes = pattern(1000);
   peer.send(bytes);
   EXPECT_EQ(read(socket, 1000), bytes);
@@ -176,7 +176,7 @@ TEST_F(SocketRead, SmallPortionsShareOneReceive) {
 
 TEST_F(SocketRead, AWaitWithoutADeadlineIsOneBlockingReceive) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   std::thread sender([&] { peer.send("abc"); });
   fake.resetCounts();
   EXPECT_EQ(readOnce(socket, 100).substr(0, 1), "a");
@@ -189,7 +189,7 @@ TEST_F(SocketRead, AWaitWithoutADeadlineIsOneBlockingReceive) {
 
 TEST_F(SocketRead, ReceivesAreLargeWhateverIsAskedFor) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abc");
   EXPECT_EQ(readOnce(socket, 1), "a");
   EXPECT_EQ(fake.recvLengths(), std::vector<std::size_t>{kBuffer});
@@ -198,7 +198,7 @@ TEST_F(SocketRead, ReceivesAreLargeWhateverIsAskedFor) {
 
 TEST_F(SocketRead, ReadOnceTopsUpWithOneReceiveThatDoesNotWait) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abcd");
   EXPECT_EQ(read(socket, 4), "abcd");
   peer.send("efgh");
@@ -213,7 +213,7 @@ TEST_F(SocketRead, ReadOnceTopsUpWithOneReceiveThatDoesNotWait) {
 
 TEST_F(SocketRead, ReadOnceAsksForNothingMoreWhenItHasEnough) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abcd");
   EXPECT_EQ(read(socket, 4), "abcd");
   fake.resetCounts();
@@ -223,7 +223,7 @@ TEST_F(SocketRead, ReadOnceAsksForNothingMoreWhenItHasEnough) {
 
 TEST_F(SocketRead, LargePortionsGoStraightToTheCaller) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abc");
   EXPECT_EQ(readOnce(socket, 3 * kBuffer), "abc");
   EXPECT_EQ(fake.recvLengths(), std::vector<std::size_t>{3 * kBuffer});
@@ -239,7 +239,7 @@ TEST_F(SocketRead, LargePortionsGoStraightToTheCaller) {
 
 TEST_F(SocketRead, ASignalOnlyDelaysAReceive) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abcd");
   arrived();
   fake.interrupt(Call::Recv, 3);
@@ -252,7 +252,7 @@ TEST_F(SocketRead, ASignalOnlyDelaysAReceive) {
 
 TEST_F(SocketRead, MoreThanTheBufferIsReadWhole) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   const std::string bytes = pattern(40 * kBuffer + 17);
   std::thread sender([&] { peer.send(bytes); });
   EXPECT_EQ(readOnce(socket, 3), bytes.substr(0, 3));
@@ -267,7 +267,7 @@ TEST_F(SocketRead, MoreThanTheBufferIsReadWhole) {
 
 TEST_F(SocketRead, MemoryGrowsWithWhatArrivesAndNotWithWhatIsWanted) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   const std::string bytes = pattern(3 * kBuffer);
   std::thread sender([&] {
     peer.send(bytes);
@@ -282,19 +282,19 @@ TEST_F(SocketRead, MemoryGrowsWithWhatArrivesAndNotWithWhatIsWanted) {
 
 TEST_F(SocketRead, WithoutMemoryForABufferReadOnceStillReads) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abc");
-  const support::OutOfMemory out;
+  const tq::test::OutOfMemory out;
   EXPECT_EQ(readOnce(socket, 2), "ab");
   EXPECT_EQ(readOnce(socket, 2), "c");
 }
 
 TEST_F(SocketRead, WithoutMemoryReadSaysSoAndLosesNothing) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abc");
   {
-    const support::OutOfMemory out;
+    const tq::test::OutOfMemory out;
     EXPECT_THROW(read(socket, 2), tq::oss::NLSException);
   }
   EXPECT_EQ(read(socket, 3), "abc");
@@ -304,7 +304,7 @@ TEST_F(SocketRead, WithoutMemoryReadSaysSoAndLosesNothing) {
 
 TEST_F(SocketRead, PushedBackBytesComeFirst) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abcdef");
   EXPECT_EQ(readOnce(socket, 4), "abcd");
   socket.pushBack("cd", 2);
@@ -317,7 +317,7 @@ TEST_F(SocketRead, PushedBackBytesComeFirst) {
 
 TEST_F(SocketRead, BytesCanBePushedBackBeforeAnyHaveArrived) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   socket.pushBack("a", 1);
   EXPECT_EQ(readOnce(socket, 1), "a");
   socket.pushBack("bc", 2);
@@ -329,7 +329,7 @@ TEST_F(SocketRead, BytesCanBePushedBackBeforeAnyHaveArrived) {
 
 TEST_F(SocketRead, MoreThanTheBufferCanBePushedBack) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("tail");
   EXPECT_EQ(read(socket, 4), "tail");
   const std::string bytes = pattern(5 * kBuffer + 1);
@@ -340,7 +340,7 @@ TEST_F(SocketRead, MoreThanTheBufferCanBePushedBack) {
 
 TEST_F(SocketRead, PushedBackBytesSurviveAClosedPeer) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.close();
   EXPECT_EQ(readOnce(socket, 1), "");
   socket.pushBack("ab", 2);
@@ -356,11 +356,11 @@ TEST_F(SocketRead, NothingCanBePushedBackIntoASocketThatIsNotConnected) {
 
 TEST_F(SocketRead, APushBackWithoutMemoryChangesNothing) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("ab");
   EXPECT_EQ(read(socket, 2), "ab");
   const std::string bytes(2 * kBuffer, 'x');
-  const support::OutOfMemory out;
+  const tq::test::OutOfMemory out;
   EXPECT_THROW(socket.pushBack(bytes.data(), bytes.size()), tq::oss::NLSException);
   EXPECT_EQ(readOnce(socket, 2), "ab");
 }
@@ -370,7 +370,7 @@ TEST_F(SocketRead, APushBackWithoutMemoryChangesNothing) {
 TEST_F(SocketRead, FillShowsWithoutTaking) {
   Socket socket;
   EXPECT_EQ(socket.peek(), "");
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("hello");
   arrived();
   EXPECT_EQ(socket.peek(), "") << "peeking receives nothing";
@@ -386,7 +386,7 @@ TEST_F(SocketRead, FillShowsWithoutTaking) {
 
 TEST_F(SocketRead, FillReceivesOnceAndKeepsWhatIsThere) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   fake.limitTransfer(Call::Recv, 2);
   peer.send("abcde");
   EXPECT_EQ(socket.fill(), 2U);
@@ -399,7 +399,7 @@ TEST_F(SocketRead, FillReceivesOnceAndKeepsWhatIsThere) {
 
 TEST_F(SocketRead, ConsumeTakesNoMoreThanIsBuffered) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abc");
   arrived();
   socket.fill();
@@ -411,7 +411,7 @@ TEST_F(SocketRead, ConsumeTakesNoMoreThanIsBuffered) {
 
 TEST_F(SocketRead, FillTellsTheEndAndKeepsWhatIsThere) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abc");
   peer.close();
   EXPECT_EQ(socket.fill(), 3U);
@@ -423,7 +423,7 @@ TEST_F(SocketRead, FillTellsTheEndAndKeepsWhatIsThere) {
 
 TEST_F(SocketRead, FillThrowsAResetAndKeepsWhatIsThere) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abc");
   EXPECT_EQ(socket.fill(), 3U);
   peer.reset();
@@ -435,7 +435,7 @@ TEST_F(SocketRead, FillThrowsAResetAndKeepsWhatIsThere) {
 
 TEST_F(SocketRead, FillWaitsUntilTheDeadline) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abc");
   arrived();
   socket.setDeadline(Deadline::in(5));
@@ -452,11 +452,11 @@ TEST_F(SocketRead, FillSaysWhenThereIsNoConnection) {
 
 TEST_F(SocketRead, FillWithoutMemoryBringsOneByteAtATime) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abc");
   arrived();
   {
-    const support::OutOfMemory out;
+    const tq::test::OutOfMemory out;
     EXPECT_EQ(socket.fill(), 1U);
     EXPECT_EQ(socket.peek(), "a");
     EXPECT_THROW(socket.fill(), tq::oss::NLSException);
@@ -470,7 +470,7 @@ TEST_F(SocketRead, FillWithoutMemoryBringsOneByteAtATime) {
 
 TEST_F(SocketRead, FillTakesALongStreamThroughABufferThatStaysSmall) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   const std::string bytes = pattern(3000001);
   std::thread writer([&] {
     peer.send(bytes);
@@ -499,7 +499,7 @@ TEST_F(SocketRead, FillTakesALongStreamThroughABufferThatStaysSmall) {
 TEST_F(SocketRead, ALookTellsQuietDataAndClosedApart) {
   Socket socket;
   EXPECT_EQ(socket.look(), Socket::Look::Closed);
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   EXPECT_EQ(socket.look(), Socket::Look::Quiet);
   EXPECT_EQ(fake.lastFlags(Call::Recv), MSG_DONTWAIT);
   peer.send("abc");
@@ -516,7 +516,7 @@ TEST_F(SocketRead, ALookTellsQuietDataAndClosedApart) {
 
 TEST_F(SocketRead, ALookAtBufferedBytesAsksNobody) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abc");
   EXPECT_EQ(readOnce(socket, 1), "a");
   fake.resetCounts();
@@ -526,7 +526,7 @@ TEST_F(SocketRead, ALookAtBufferedBytesAsksNobody) {
 
 TEST_F(SocketRead, AResetLooksClosedAndIsStillThrown) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.reset();
   arrived();
   EXPECT_EQ(socket.look(), Socket::Look::Closed);
@@ -535,7 +535,7 @@ TEST_F(SocketRead, AResetLooksClosedAndIsStillThrown) {
 
 TEST_F(SocketRead, ALookAtAConnectionThatHasEndedAsksNobody) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.close();
   EXPECT_EQ(socket.fill(), 0U);
   const unsigned int before = fake.count(Call::Recv);
@@ -547,8 +547,8 @@ TEST_F(SocketRead, ALookAtAConnectionThatHasEndedAsksNobody) {
 
 TEST_F(SocketRead, ALookNeedsNoMemory) {
   Socket socket;
-  support::Peer peer = connected(socket);
-  const support::OutOfMemory out;
+  tq::test::Peer peer = connected(socket);
+  const tq::test::OutOfMemory out;
   EXPECT_EQ(socket.look(), Socket::Look::Quiet);
   peer.send("abc");
   arrived();
@@ -564,9 +564,9 @@ TEST_F(SocketRead, ALookNeedsNoMemory) {
 
 TEST_F(SocketRead, EveryWaitForBytesEndsAtTheDeadline) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   fake.stall(Call::Recv);
-  const std::uint64_t deadline = fake.now() + 30 * support::FakeSystemCalls::kMilli;
+  const std::uint64_t deadline = fake.now() + 30 * tq::test::FakeSystemCalls::kMilli;
   socket.setDeadline(Deadline::at(deadline));
   const auto late = thrown<SocketTimeoutException>([&] { readOnce(socket, 4); });
   EXPECT_EQ(late.getErrorNumber(), ETIMEDOUT);
@@ -578,7 +578,7 @@ TEST_F(SocketRead, EveryWaitForBytesEndsAtTheDeadline) {
 
 TEST_F(SocketRead, ATimeOutAgainstARealPeerLosesNothing) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abc");
   arrived();
   const Deadline deadline = Deadline::in(20);
@@ -593,7 +593,7 @@ TEST_F(SocketRead, ATimeOutAgainstARealPeerLosesNothing) {
 
 TEST_F(SocketRead, BytesThatAreThereAreGivenAfterTheDeadlineToo) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abc");
   arrived();
   socket.setDeadline(Deadline::at(1));
@@ -604,7 +604,7 @@ TEST_F(SocketRead, BytesThatAreThereAreGivenAfterTheDeadlineToo) {
 
 TEST_F(SocketRead, APeerThatTricklesCannotStretchTheDeadline) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("ab");
   arrived();
   fake.limitTransfer(Call::Recv, 1);
@@ -615,7 +615,7 @@ TEST_F(SocketRead, APeerThatTricklesCannotStretchTheDeadline) {
 
 TEST_F(SocketRead, WithADeadlineTheWaitingIsDoneByPoll) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("abc");
   arrived();
   socket.setDeadline(Deadline::in(60000));
@@ -629,9 +629,9 @@ TEST_F(SocketRead, WithADeadlineTheWaitingIsDoneByPoll) {
 
 TEST_F(SocketRead, ASignalDuringTheWaitLeavesTheDeadlineWhereItWas) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   fake.stall(Call::Recv);
-  const std::uint64_t deadline = fake.now() + 10 * support::FakeSystemCalls::kMilli;
+  const std::uint64_t deadline = fake.now() + 10 * tq::test::FakeSystemCalls::kMilli;
   socket.setDeadline(Deadline::at(deadline));
   fake.interrupt(Call::Poll, 5);
   thrown<SocketTimeoutException>([&] { readOnce(socket, 1); });
@@ -640,7 +640,7 @@ TEST_F(SocketRead, ASignalDuringTheWaitLeavesTheDeadlineWhereItWas) {
 
 TEST_F(SocketRead, AFailingPollIsReported) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   fake.failAll(Call::Poll, ENOMEM);
   socket.setDeadline(Deadline::in(0));
   const SocketException failure = thrown([&] { readOnce(socket, 1); });
@@ -652,7 +652,7 @@ TEST_F(SocketRead, AFailingPollIsReported) {
 
 TEST_F(SocketRead, AClosedSocketNamesWhatItCannotDo) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   socket.close();
   char byte = 0;
   std::list<Socket> sockets{socket};
@@ -677,7 +677,7 @@ TEST_F(SocketRead, AClosedSocketNamesWhatItCannotDo) {
 
 TEST_F(SocketRead, FillingAtOnceTellsHowMuchIsThereWhenSomethingCame) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   EXPECT_EQ(socket.fillAtOnce(), 0U);
   peer.send("a");
   arrived();

@@ -21,7 +21,7 @@ class SocketSelect : public SocketFixture {
 
 TEST_F(SocketSelect, ASocketWithDataIsReady) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("a");
   Sockets readers{socket};
   EXPECT_EQ(selectReaders(readers, nullptr), 1);
@@ -31,29 +31,29 @@ TEST_F(SocketSelect, ASocketWithDataIsReady) {
 
 TEST_F(SocketSelect, TheTimeOutGivesZeroAndEmptyLists) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   fake.stall(Call::Poll);
   const std::uint64_t start = fake.now();
   const unsigned long timeout = 70;
   Sockets readers{socket};
   EXPECT_EQ(selectReaders(readers, &timeout), 0);
   EXPECT_TRUE(readers.empty());
-  EXPECT_EQ(fake.now() - start, 70 * support::FakeSystemCalls::kMilli) << "milliseconds";
+  EXPECT_EQ(fake.now() - start, 70 * tq::test::FakeSystemCalls::kMilli) << "milliseconds";
 }
 
 TEST_F(SocketSelect, ARealTimeOutPasses) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   const unsigned long timeout = 5;
   const std::uint64_t start = tq::oss::monotonicNanos();
   Sockets readers{socket};
   EXPECT_EQ(selectReaders(readers, &timeout), 0);
-  EXPECT_GE(tq::oss::monotonicNanos() - start, 5 * support::FakeSystemCalls::kMilli);
+  EXPECT_GE(tq::oss::monotonicNanos() - start, 5 * tq::test::FakeSystemCalls::kMilli);
 }
 
 TEST_F(SocketSelect, ATimeOutOfZeroOnlyLooks) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   const unsigned long timeout = 0;
   Sockets readers{socket};
   EXPECT_EQ(selectReaders(readers, &timeout), 0);
@@ -65,19 +65,19 @@ TEST_F(SocketSelect, ATimeOutOfZeroOnlyLooks) {
 
 TEST_F(SocketSelect, ASignalLeavesOnlyTheRestOfTheTime) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   fake.stall(Call::Poll);
   fake.interrupt(Call::Poll, 4);
   const std::uint64_t start = fake.now();
   const unsigned long timeout = 30;
   Sockets readers{socket};
   EXPECT_EQ(selectReaders(readers, &timeout), 0);
-  EXPECT_EQ(fake.now() - start, 30 * support::FakeSystemCalls::kMilli);
+  EXPECT_EQ(fake.now() - start, 30 * tq::test::FakeSystemCalls::kMilli);
 }
 
 TEST_F(SocketSelect, AnyTimeOutIsAllowed) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("a");
   const unsigned long timeout = std::numeric_limits<unsigned long>::max();
   Sockets readers{socket};
@@ -86,7 +86,7 @@ TEST_F(SocketSelect, AnyTimeOutIsAllowed) {
 
 TEST_F(SocketSelect, BufferedBytesAreReadyWithoutAskingTheSystem) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("ab");
   EXPECT_EQ(read(socket, 2), "ab");
   EXPECT_EQ(readOnce(socket, 1), "a");
@@ -98,7 +98,7 @@ TEST_F(SocketSelect, BufferedBytesAreReadyWithoutAskingTheSystem) {
 
 TEST_F(SocketSelect, ACloseThatWasSeenIsReady) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.close();
   EXPECT_EQ(readOnce(socket, 1), "");
   fake.resetCounts();
@@ -109,7 +109,7 @@ TEST_F(SocketSelect, ACloseThatWasSeenIsReady) {
 
 TEST_F(SocketSelect, ACloseThatWasNotSeenYetIsReadyToo) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.close();
   Sockets readers{socket};
   EXPECT_EQ(selectReaders(readers, nullptr), 1);
@@ -117,7 +117,7 @@ TEST_F(SocketSelect, ACloseThatWasNotSeenYetIsReadyToo) {
 
 TEST_F(SocketSelect, AResetThatWasSeenIsReady) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.reset();
   arrived();
   EXPECT_EQ(socket.look(), Socket::Look::Closed);
@@ -127,13 +127,13 @@ TEST_F(SocketSelect, AResetThatWasSeenIsReady) {
 
 TEST_F(SocketSelect, OnlyTheReadyOnesStayInTheLists) {
   Socket quiet;
-  support::Peer quietPeer = connected(quiet);
+  tq::test::Peer quietPeer = connected(quiet);
   Socket buffered;
-  support::Peer bufferedPeer = connected(buffered);
+  tq::test::Peer bufferedPeer = connected(buffered);
   bufferedPeer.send("ab");
   EXPECT_EQ(readOnce(buffered, 1), "a");
   Socket waiting;
-  support::Peer waitingPeer = connected(waiting);
+  tq::test::Peer waitingPeer = connected(waiting);
   waitingPeer.send("c");
   arrived();
   Sockets readers{quiet, buffered, waiting};
@@ -145,9 +145,9 @@ TEST_F(SocketSelect, OnlyTheReadyOnesStayInTheLists) {
 
 TEST_F(SocketSelect, BesideOneThatIsKnownToBeReadyTheOthersAreNotWaitedFor) {
   Socket quiet;
-  support::Peer quietPeer = connected(quiet);
+  tq::test::Peer quietPeer = connected(quiet);
   Socket buffered;
-  support::Peer bufferedPeer = connected(buffered);
+  tq::test::Peer bufferedPeer = connected(buffered);
   bufferedPeer.send("ab");
   EXPECT_EQ(readOnce(buffered, 1), "a");
   fake.stall(Call::Poll);
@@ -161,7 +161,7 @@ TEST_F(SocketSelect, BesideOneThatIsKnownToBeReadyTheOthersAreNotWaitedFor) {
 
 TEST_F(SocketSelect, AWriterWithRoomIsReady) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   Sockets readers{socket};
   Sockets writers{socket};
   Sockets excepts{socket};
@@ -173,7 +173,7 @@ TEST_F(SocketSelect, AWriterWithRoomIsReady) {
 
 TEST_F(SocketSelect, UrgentDataIsAnException) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("!", MSG_OOB);
   Sockets readers;
   Sockets writers;
@@ -184,7 +184,7 @@ TEST_F(SocketSelect, UrgentDataIsAnException) {
 
 TEST_F(SocketSelect, BufferedBytesDoNotMakeAWriter) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("ab");
   EXPECT_EQ(readOnce(socket, 1), "a");
   fake.stall(Call::Poll);
@@ -209,7 +209,7 @@ TEST_F(SocketSelect, ASocketThatIsNotConnectedSaysSo) {
 
 TEST_F(SocketSelect, AFailingPollIsReported) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   fake.fail(Call::Poll, 1, ENOMEM);
   Sockets readers{socket};
   const SocketException failure = thrown([&] { selectReaders(readers, nullptr); });

@@ -14,7 +14,7 @@ using tq::oss::Socket;
 TEST(SocketThreads, DifferentConnectionsNeedNoLocking) {
   constexpr int kClients = 4;
   constexpr int kRounds = 50;
-  support::Listener listener;
+  tq::test::Listener listener;
   std::vector<std::thread> threads;
   for (int i = 0; i < kClients; ++i) {
     threads.emplace_back([&listener] {
@@ -30,7 +30,7 @@ TEST(SocketThreads, DifferentConnectionsNeedNoLocking) {
       }
     });
     threads.emplace_back([&listener] {
-      support::Peer peer = listener.accept();
+      tq::test::Peer peer = listener.accept();
       for (std::string byte = peer.receive(1); !byte.empty(); byte = peer.receive(1)) {
         peer.send(byte);
       }

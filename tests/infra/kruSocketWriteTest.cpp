@@ -16,7 +16,7 @@ using SocketWrite = SocketFixture;
 
 TEST_F(SocketWrite, SendsFromTheOffsetOn) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   socket.write("abcdef", 2, 3);
   EXPECT_EQ(peer.receive(3), "cde");
   EXPECT_TRUE(peer.isQuiet());
@@ -24,7 +24,7 @@ TEST_F(SocketWrite, SendsFromTheOffsetOn) {
 
 TEST_F(SocketWrite, PiecesLeaveTogetherInOneCall) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   const Socket::Piece pieces[] = {{"head\n", 5}, {"", 0}, {"prefix", 6}, {"content", 7}};
   socket.write(pieces, 4);
   EXPECT_EQ(peer.receive(18), "head\nprefixcontent");
@@ -33,7 +33,7 @@ TEST_F(SocketWrite, PiecesLeaveTogetherInOneCall) {
 
 TEST_F(SocketWrite, NothingToSendAsksNobody) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   const Socket::Piece empty[] = {{nullptr, 0}, {"", 0}};
   socket.write(empty, 2);
   socket.write(nullptr, 0);
@@ -43,7 +43,7 @@ TEST_F(SocketWrite, NothingToSendAsksNobody) {
 
 TEST_F(SocketWrite, AnyNumberOfPiecesArrivesInOrder) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   std::vector<std::string> texts;
   std::vector<Socket::Piece> pieces;
   std::string expected;
@@ -61,7 +61,7 @@ TEST_F(SocketWrite, AnyNumberOfPiecesArrivesInOrder) {
 TEST_F(SocketWrite, WithADeadlineNoCallSendsMoreThan128KiBOfAllPieces) {
   constexpr std::size_t kMax = 128 * 1024;
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   socket.setDeadline(Deadline::in(60000));
   const std::string text(100000, 'a');
   const Socket::Piece pieces[] = {{text.data(), 100000}, {text.data(), 40000}};
@@ -79,7 +79,7 @@ TEST_F(SocketWrite, AShortTransferIsContinuedWhereItStopped) {
   const Socket::Piece pieces[] = {{"abc", 3}, {"", 0}, {"defgh", 5}, {"ijklm", 5}};
   for (std::size_t limit = 1; limit <= 6; ++limit) {
     Socket socket;
-    support::Peer peer = connected(socket);
+    tq::test::Peer peer = connected(socket);
     fake.limitTransfer(Call::Sendmsg, limit);
     socket.write(pieces, 4);
     EXPECT_EQ(peer.receive(expected.size()), expected) << limit;
@@ -88,7 +88,7 @@ TEST_F(SocketWrite, AShortTransferIsContinuedWhereItStopped) {
 
 TEST_F(SocketWrite, MoreThanTheKernelHoldsIsSentWhole) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   const std::string bytes(32 * 1024 * 1024, 'w');
   std::string got;
   std::thread reader([&] { got = peer.receive(bytes.size()); });
@@ -100,7 +100,7 @@ TEST_F(SocketWrite, MoreThanTheKernelHoldsIsSentWhole) {
 
 TEST_F(SocketWrite, ASignalOnlyDelaysASend) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   fake.interrupt(Call::Sendmsg, 3);
   socket.write("abc", 0, 3);
   EXPECT_EQ(peer.receive(3), "abc");
@@ -108,7 +108,7 @@ TEST_F(SocketWrite, ASignalOnlyDelaysASend) {
 
 TEST_F(SocketWrite, AFailureCarriesTheSystemsWordsAndNumber) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   fake.fail(Call::Sendmsg, 1, ENETUNREACH);
   const SocketException failure = thrown([&] { socket.write("abc", 0, 3); });
   EXPECT_EQ(failure.getErrorNumber(), ENETUNREACH);
@@ -125,7 +125,7 @@ TEST_F(SocketWrite, ASocketThatIsNotConnectedSaysSo) {
 TEST_F(SocketWrite, APeerThatIsGoneRaisesAnExceptionAndNoSignal) {
   ASSERT_NE(std::signal(SIGPIPE, SIG_DFL), SIG_ERR);
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.reset();
   arrived();
   EXPECT_EQ(socket.look(), Socket::Look::Closed);
@@ -136,7 +136,7 @@ TEST_F(SocketWrite, APeerThatIsGoneRaisesAnExceptionAndNoSignal) {
 
 TEST_F(SocketWrite, AReplyThatWasSentBeforeTheCloseCanStillBeRead) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("sorry");
   arrived();
   EXPECT_EQ(socket.look(), Socket::Look::Data);
@@ -147,9 +147,9 @@ TEST_F(SocketWrite, AReplyThatWasSentBeforeTheCloseCanStillBeRead) {
 
 TEST_F(SocketWrite, TheWaitForRoomEndsAtTheDeadline) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   fake.stall(Call::Sendmsg);
-  const std::uint64_t deadline = fake.now() + 25 * support::FakeSystemCalls::kMilli;
+  const std::uint64_t deadline = fake.now() + 25 * tq::test::FakeSystemCalls::kMilli;
   socket.setDeadline(Deadline::at(deadline));
   const auto late = thrown<SocketTimeoutException>([&] { socket.write("abc", 0, 3); });
   EXPECT_EQ(firstArgument(late), describe(u"send to", listener.port()));
@@ -158,7 +158,7 @@ TEST_F(SocketWrite, TheWaitForRoomEndsAtTheDeadline) {
 
 TEST_F(SocketWrite, BehindItsDeadlineNothingIsSent) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   socket.setDeadline(Deadline::at(1));
   const auto late = thrown<SocketTimeoutException>([&] { socket.write("abc", 0, 3); });
   EXPECT_EQ(firstArgument(late), describe(u"send to", listener.port()));
@@ -167,7 +167,7 @@ TEST_F(SocketWrite, BehindItsDeadlineNothingIsSent) {
 
 TEST_F(SocketWrite, APeerThatDoesNotReadCannotHoldAWriterForEver) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   const std::string bytes(64 * 1024 * 1024, 'w');
   socket.setDeadline(Deadline::in(20));
   thrown<SocketTimeoutException>([&] { socket.write(bytes.data(), 0, bytes.size()); });
@@ -175,7 +175,7 @@ TEST_F(SocketWrite, APeerThatDoesNotReadCannotHoldAWriterForEver) {
 
 TEST_F(SocketWrite, AFailingPollIsReported) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   fake.fail(Call::Sendmsg, 1, EAGAIN);
   fake.fail(Call::Poll, 1, ENOMEM);
   EXPECT_EQ(thrown([&] { socket.write("abc", 0, 3); }).getErrorNumber(), ENOMEM);
@@ -183,7 +183,7 @@ TEST_F(SocketWrite, AFailingPollIsReported) {
 
 TEST_F(SocketWrite, WithoutADeadlineASendIsOneBlockingCall) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   fake.resetCounts();
   socket.write("abc", 0, 3);
   EXPECT_EQ(fake.count(Call::Sendmsg), 1U);
@@ -194,7 +194,7 @@ TEST_F(SocketWrite, WithoutADeadlineASendIsOneBlockingCall) {
 
 TEST_F(SocketWrite, ABeginningTellsTheSystemThatMoreFollowsAndTheRestThatNothingDoes) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   socket.writeBeginning("xabc", 1, 3);
   EXPECT_EQ(fake.lastFlags(Call::Sendmsg), MSG_NOSIGNAL | MSG_MORE);
   socket.write("def", 0, 3);
@@ -204,7 +204,7 @@ TEST_F(SocketWrite, ABeginningTellsTheSystemThatMoreFollowsAndTheRestThatNothing
 
 TEST_F(SocketWrite, ABeginningWithoutARestIsPushedOut) {
   Socket socket;
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   socket.writeBeginning("abc", 0, 3);
   fake.resetCounts();
   socket.pushOut();

@@ -13,9 +13,9 @@
 
 namespace {
 
-using support::FakeSystemCalls;
 using tq::oss::SocketCancelledException;
 using tq::oss::WaitResult;
+using tq::test::FakeSystemCalls;
 
 constexpr std::uint64_t kMilli = FakeSystemCalls::kMilli;
 
@@ -45,9 +45,9 @@ class SocketHook : public SocketFixture {
   void hook(Socket& socket) { socket.setWaitHook(wait, this); }
 
   /// A socket with a hook, connected; the waits of connecting are forgotten.
-  support::Peer hooked(Socket& socket) {
+  tq::test::Peer hooked(Socket& socket) {
     hook(socket);
-    support::Peer peer = connected(socket);
+    tq::test::Peer peer = connected(socket);
     seen.clear();
     fake.resetCounts();
     return peer;
@@ -120,7 +120,7 @@ TEST_F(SocketHook, ThatSaysReadyBeforeAConnectionIsMadeIsAskedAgain) {
 TEST_F(SocketHook, ThatWaitsLikePollConnects) {
   Socket socket;
   hook(socket);
-  support::Peer peer = connected(socket);
+  tq::test::Peer peer = connected(socket);
   peer.send("a");
   EXPECT_EQ(readOnce(socket, 1), "a");
 }
@@ -169,7 +169,7 @@ TEST_F(SocketHook, ThatTimesOutLeavesItsShareToTheNextAddress) {
 }
 
 TEST_F(SocketHook, DoesNotHideWhyAConnectFailed) {
-  const support::DeadPort dead;
+  const tq::test::DeadPort dead;
   Socket socket;
   hook(socket);
   const SocketException refused = thrown(
@@ -181,7 +181,7 @@ TEST_F(SocketHook, DoesNotHideWhyAConnectFailed) {
 
 TEST_F(SocketHook, WaitsForBytesWithoutALimit) {
   Socket socket;
-  support::Peer peer = hooked(socket);
+  tq::test::Peer peer = hooked(socket);
   answer([&](const SeenWait&) {
     peer.send("abc");
     arrived();
@@ -195,7 +195,7 @@ TEST_F(SocketHook, WaitsForBytesWithoutALimit) {
 
 TEST_F(SocketHook, IsNotCalledForBytesThatAreThere) {
   Socket socket;
-  support::Peer peer = hooked(socket);
+  tq::test::Peer peer = hooked(socket);
   peer.send("abc");
   arrived();
   EXPECT_EQ(read(socket, 3), "abc");
@@ -206,7 +206,7 @@ TEST_F(SocketHook, IsNotCalledForBytesThatAreThere) {
 
 TEST_F(SocketHook, WaitsForEachPartOfALongRead) {
   Socket socket;
-  support::Peer peer = hooked(socket);
+  tq::test::Peer peer = hooked(socket);
   for (const char* part : {"ab", "cd"}) {
     answer([&, part](const SeenWait&) {
       peer.send(part);
@@ -220,7 +220,7 @@ TEST_F(SocketHook, WaitsForEachPartOfALongRead) {
 
 TEST_F(SocketHook, MaySayReadyThoughNothingHasCome) {
   Socket socket;
-  support::Peer peer = hooked(socket);
+  tq::test::Peer peer = hooked(socket);
   answer(WaitResult::Ready, 3);
   answer([&](const SeenWait&) {
     peer.send("x");
@@ -234,7 +234,7 @@ TEST_F(SocketHook, MaySayReadyThoughNothingHasCome) {
 TEST_F(SocketHook, ThatAlwaysSaysReadyCannotStretchTheDeadline) {
   Socket socket;
   fake.ownClock();
-  support::Peer peer = hooked(socket);
+  tq::test::Peer peer = hooked(socket);
   socket.setDeadline(Deadline::in(25));
   for (int i = 0; i < 3; ++i) answer(after(10, WaitResult::Ready));
   thrown<SocketTimeoutException>([&] { readOnce(socket, 1); });
@@ -245,7 +245,7 @@ TEST_F(SocketHook, ThatAlwaysSaysReadyCannotStretchTheDeadline) {
 TEST_F(SocketHook, ThatTimesOutTooEarlyIsAskedAgain) {
   Socket socket;
   fake.ownClock();
-  support::Peer peer = hooked(socket);
+  tq::test::Peer peer = hooked(socket);
   socket.setDeadline(Deadline::in(25));
   for (int i = 0; i < 3; ++i) answer(after(10, WaitResult::TimedOut));
   thrown<SocketTimeoutException>([&] { readOnce(socket, 1); });
@@ -255,7 +255,7 @@ TEST_F(SocketHook, ThatTimesOutTooEarlyIsAskedAgain) {
 
 TEST_F(SocketHook, CannotTimeOutAWaitWithoutALimit) {
   Socket socket;
-  support::Peer peer = hooked(socket);
+  tq::test::Peer peer = hooked(socket);
   answer(WaitResult::TimedOut, 2);
   answer(WaitResult::GiveUp);
   EXPECT_THROW(readOnce(socket, 1), SocketCancelledException);
@@ -264,7 +264,7 @@ TEST_F(SocketHook, CannotTimeOutAWaitWithoutALimit) {
 
 TEST_F(SocketHook, ThatGivesUpARead) {
   Socket socket;
-  support::Peer peer = hooked(socket);
+  tq::test::Peer peer = hooked(socket);
   peer.send("ab");
   arrived();
   answer(WaitResult::GiveUp);
@@ -280,7 +280,7 @@ TEST_F(SocketHook, ThatGivesUpARead) {
 
 TEST_F(SocketHook, GivingUpIsNoTimeOut) {
   Socket socket;
-  support::Peer peer = hooked(socket);
+  tq::test::Peer peer = hooked(socket);
   socket.setDeadline(Deadline::in(60000));
   answer(WaitResult::GiveUp);
   try {
@@ -295,7 +295,7 @@ TEST_F(SocketHook, GivingUpIsNoTimeOut) {
 
 TEST_F(SocketHook, AnAnswerThatIsNoneGivesUp) {
   Socket socket;
-  support::Peer peer = hooked(socket);
+  tq::test::Peer peer = hooked(socket);
   answer(static_cast<WaitResult>(77));
   EXPECT_THROW(readOnce(socket, 1), SocketCancelledException);
 }
@@ -304,7 +304,7 @@ TEST_F(SocketHook, AnAnswerThatIsNoneGivesUp) {
 
 TEST_F(SocketHook, WaitsForRoom) {
   Socket socket;
-  support::Peer peer = hooked(socket);
+  tq::test::Peer peer = hooked(socket);
   fake.stall(Call::Sendmsg);
   answer(WaitResult::Ready, 2);
   answer([&](const SeenWait&) {
@@ -321,7 +321,7 @@ TEST_F(SocketHook, WaitsForRoom) {
 
 TEST_F(SocketHook, WaitsForRoomUntilTheDeadline) {
   Socket socket;
-  support::Peer peer = hooked(socket);
+  tq::test::Peer peer = hooked(socket);
   fake.stall(Call::Sendmsg);
   socket.setDeadline(Deadline::in(15));
   answer(after(10, WaitResult::Ready));
@@ -333,7 +333,7 @@ TEST_F(SocketHook, WaitsForRoomUntilTheDeadline) {
 
 TEST_F(SocketHook, ThatGivesUpAWriteToAPeerThatDoesNotRead) {
   Socket socket;
-  support::Peer peer = hooked(socket);
+  tq::test::Peer peer = hooked(socket);
   answer([](const SeenWait&) { return WaitResult::GiveUp; });
   const std::string bytes(64 * 1024 * 1024, 'w');
   const auto cancelled =
@@ -344,7 +344,7 @@ TEST_F(SocketHook, ThatGivesUpAWriteToAPeerThatDoesNotRead) {
 
 TEST_F(SocketHook, LosesNothingOfALongWrite) {
   Socket socket;
-  support::Peer peer = hooked(socket);
+  tq::test::Peer peer = hooked(socket);
   const std::string bytes(16 * 1024 * 1024, 'w');
   std::string got;
   const Answer drain = [&](const SeenWait&) {
@@ -369,7 +369,7 @@ TEST_F(SocketHook, WaitsForASocketThatIsSelectedAlone) {
   };
   for (const Case& c : {Case{0, POLLIN}, Case{1, POLLOUT}, Case{2, POLLPRI}}) {
     Socket socket;
-    support::Peer peer = hooked(socket);
+    tq::test::Peer peer = hooked(socket);
     std::array<std::list<Socket>, 3> lists;
     lists[c.list].push_back(socket);
     fake.stall(Call::Poll);
@@ -383,7 +383,7 @@ TEST_F(SocketHook, WaitsForASocketThatIsSelectedAlone) {
 
 TEST_F(SocketHook, SelectsWhatPollFindsReady) {
   Socket socket;
-  support::Peer peer = hooked(socket);
+  tq::test::Peer peer = hooked(socket);
   std::list<Socket> readers{socket};
   std::list<Socket> none;
   answer(WaitResult::Ready);
@@ -400,7 +400,7 @@ TEST_F(SocketHook, SelectsWhatPollFindsReady) {
 
 TEST_F(SocketHook, ASelectWhosePollFailsIsReported) {
   Socket socket;
-  support::Peer peer = hooked(socket);
+  tq::test::Peer peer = hooked(socket);
   std::list<Socket> readers{socket};
   std::list<Socket> none;
   fake.fail(Call::Poll, 1, ENOMEM);
@@ -412,7 +412,7 @@ TEST_F(SocketHook, ASelectWhosePollFailsIsReported) {
 TEST_F(SocketHook, EndsASelectWithItsTime) {
   Socket socket;
   fake.ownClock();
-  support::Peer peer = hooked(socket);
+  tq::test::Peer peer = hooked(socket);
   std::list<Socket> readers{socket};
   std::list<Socket> none;
   answer(after(20, WaitResult::TimedOut));
@@ -426,8 +426,8 @@ TEST_F(SocketHook, EndsASelectWithItsTime) {
 TEST_F(SocketHook, SeveralSocketsAreSelectedByPoll) {
   Socket first;
   Socket second;
-  support::Peer firstPeer = hooked(first);
-  support::Peer secondPeer = hooked(second);
+  tq::test::Peer firstPeer = hooked(first);
+  tq::test::Peer secondPeer = hooked(second);
   secondPeer.send("a");
   std::list<Socket> readers{first, second};
   std::list<Socket> none;
@@ -470,10 +470,10 @@ TEST_F(SocketHook, WithoutOneAPauseIsPolls) {
 
 TEST_F(SocketHook, HoldsForCopiesAndLaterConnections) {
   Socket socket;
-  { support::Peer peer = hooked(socket); }
+  { tq::test::Peer peer = hooked(socket); }
   Socket copy = socket;
   copy.close();
-  support::Peer peer = connected(copy);
+  tq::test::Peer peer = connected(copy);
   seen.clear();
   answer(WaitResult::GiveUp);
   EXPECT_THROW(readOnce(socket, 1), SocketCancelledException);
@@ -482,7 +482,7 @@ TEST_F(SocketHook, HoldsForCopiesAndLaterConnections) {
 
 TEST_F(SocketHook, ThatIsTakenAwayLeavesTheWaitingToTheKernel) {
   Socket socket;
-  support::Peer peer = hooked(socket);
+  tq::test::Peer peer = hooked(socket);
   socket.setWaitHook(nullptr, this);
   peer.send("a");
   EXPECT_EQ(readOnce(socket, 1), "a");
@@ -499,7 +499,7 @@ TEST_F(SocketHook, ThatGivesUpAgainAndAgainCostsNoDescriptor) {
   const std::size_t before = openDescriptors();
   for (int i = 0; i < 100; ++i) {
     Socket socket;
-    support::Peer peer = hooked(socket);
+    tq::test::Peer peer = hooked(socket);
     answer(WaitResult::GiveUp);
     EXPECT_THROW(readOnce(socket, 1), SocketCancelledException);
     fake.stall(Call::Sendmsg);

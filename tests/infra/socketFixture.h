@@ -19,15 +19,15 @@ class SocketFixture : public testing::Test {
   using Deadline = tq::oss::Deadline;
   using SocketException = tq::oss::SocketException;
   using SocketTimeoutException = tq::oss::SocketTimeoutException;
-  using Call = support::Call;
+  using Call = tq::test::Call;
 
-  support::Peer connected(Socket& socket) {
+  tq::test::Peer connected(Socket& socket) {
     socket.connect(u"127.0.0.1", listener.port(), Socket::NullAddrInfoExternal, nullptr);
     return listener.accept();
   }
 
   /// Returns when what the peer did has reached the socket.
-  void arrived() { support::awaitReadable(fake.lastDescriptor()); }
+  void arrived() { tq::test::awaitReadable(fake.lastDescriptor()); }
 
   static std::string readOnce(Socket& socket, unsigned long length) {
     std::string bytes(length, '?');
@@ -63,6 +63,6 @@ class SocketFixture : public testing::Test {
         .append(icu::UnicodeString::fromUTF8(digits));
   }
 
-  support::Listener listener;
-  support::FakeSystemCalls fake;
+  tq::test::Listener listener;
+  tq::test::FakeSystemCalls fake;
 };

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <new>
 
-namespace support {
+namespace tq::test {
 
 inline std::atomic<bool>& memoryIsOut() {
   static std::atomic<bool> out{false};
@@ -21,11 +21,11 @@ class OutOfMemory {
   OutOfMemory& operator=(const OutOfMemory&) = delete;
 };
 
-}  // namespace support
+}  // namespace tq::test
 
 #define KRU_FAILING_MEMORY                                               \
   void* operator new(std::size_t size, const std::nothrow_t&) noexcept { \
-    if (support::memoryIsOut()) return nullptr;                          \
+    if (tq::test::memoryIsOut()) return nullptr;                         \
     try {                                                                \
       return ::operator new(size);                                       \
     } catch (const std::bad_alloc&) {                                    \

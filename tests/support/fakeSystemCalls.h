@@ -17,7 +17,7 @@
 
 #include "infra/oss/kruSystemCalls.h"
 
-namespace support {
+namespace tq::test {
 
 enum class Call {
   Socket,
@@ -397,4 +397,4 @@ class FakeSystemCalls {
   std::vector<int> pollTimeouts_;
 };
 
-}  // namespace support
+}  // namespace tq::test

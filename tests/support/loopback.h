@@ -12,7 +12,7 @@
 #include <string_view>
 #include <utility>
 
-namespace support {
+namespace tq::test {
 
 /// The server's end of a connection, driven by hand.
 class Peer {
@@ -132,4 +132,4 @@ inline void awaitReadable(int fd) {
   }
 }
 
-}  // namespace support
+}  // namespace tq::test

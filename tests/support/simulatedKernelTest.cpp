@@ -71,8 +71,8 @@ class RealWorld : public World {
     }
   }
 
-  support::Listener listener_;
-  std::optional<support::Peer> peer_;
+  tq::test::Listener listener_;
+  std::optional<tq::test::Peer> peer_;
 };
 
 class SimulatedWorld : public World {
