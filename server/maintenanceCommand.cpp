@@ -158,6 +158,23 @@ int repair(const Arguments& arguments) {
   return result.losesNothing() ? 0 : kDamaged;
 }
 
+std::string shownMegabytes(std::uint64_t bytes) {
+  return fmt::format("{:.1f} MB", static_cast<double>(bytes) / 1e6);
+}
+
+int compact(const Arguments& arguments) {
+  const Compaction result = Maintenance(arguments.directory).compact(arguments.collection);
+  if (arguments.json) {
+    std::cout << fmt::format("{{\"collection\":{},\"bytesBefore\":{},\"bytesAfter\":{}}}\n",
+                             jsonText(arguments.collection), result.before, result.after);
+  } else {
+    std::cout << fmt::format("{}: the index took {}, and now takes {}\n",
+                             shown(arguments.collection), shownMegabytes(result.before),
+                             shownMegabytes(result.after));
+  }
+  return 0;
+}
+
 CLI::App* declare(CLI::App& app, const std::string& name, const std::string& help,
                   const std::string& place, Arguments& arguments, bool needsCollection) {
   CLI::App* command = app.add_subcommand(name, help);
@@ -170,20 +187,25 @@ CLI::App* declare(CLI::App& app, const std::string& name, const std::string& hel
 
 }  // namespace
 
-bool isMaintenanceCommand(std::string_view word) { return word == "check" || word == "repair"; }
+bool isMaintenanceCommand(std::string_view word) {
+  return word == "check" || word == "repair" || word == "compact";
+}
 
 int runMaintenanceCommand(int argc, char** argv) {
   // What is dropped or left out is part of the report.
   spdlog::set_level(spdlog::level::off);
   CLI::App app("corvaned, a full-text search server");
   app.footer(
-      "Exit codes: 0 sound, or repaired without a loss; 1 failed; 2 wrong arguments; "
+      "Exit codes: 0 sound, compacted, or repaired without a loss; 1 failed; 2 wrong arguments; "
       "3 damaged, or repaired with losses");
   Arguments arguments;
   const std::string data = "the data directory of a server that is stopped";
   const CLI::App* checking =
       declare(app, "check", "say whether collections are damaged; change nothing",
               data + ", or a backup", arguments, false);
+  const CLI::App* compacting =
+      declare(app, "compact", "give back the room that the index of a collection does not need",
+              data, arguments, true);
   declare(app, "repair", "replace a damaged collection by what can be read of it", data, arguments,
           true)
       ->footer("The damaged collection is kept in DIR/before-repair.");
@@ -194,7 +216,8 @@ int runMaintenanceCommand(int argc, char** argv) {
     return app.exit(answer) == 0 ? 0 : kMisused;
   }
   try {
-    return checking->parsed() ? check(arguments) : repair(arguments);
+    if (checking->parsed()) return check(arguments);
+    return compacting->parsed() ? compact(arguments) : repair(arguments);
   } catch (const std::exception& error) {
     std::cerr << "corvaned: " << error.what() << "\n";
     return kFailed;

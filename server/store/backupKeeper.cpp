@@ -20,7 +20,7 @@
 #include "server/store/dataDirectory.h"
 #include "server/store/directory.h"
 #include "server/store/files.h"
-#include "server/store/indexRebuild.h"
+#include "server/store/indexReplacement.h"
 #include "server/store/maintenance.h"
 
 namespace corvaned {
@@ -247,8 +247,8 @@ void BackupKeeper::copy(Backups::Draft& draft, const std::string& collection,
     if (used->isRetired()) throwUnknown(collection);
     throw;
   }
-  IndexRebuild::finish(target);
-  IndexRebuild::clear(target);
+  IndexReplacement::finish(target);
+  IndexReplacement::clear(target);
   if (const auto damage = damageOf(collection, target, source, stop)) throwDamaged(*damage);
   const std::vector<Damage> damage = checkByEngine(target, stop);
   if (!damage.empty()) throwDamaged(damage.front());

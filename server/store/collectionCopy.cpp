@@ -10,7 +10,7 @@
 
 #include "server/base/errors.h"
 #include "server/store/directory.h"
-#include "server/store/indexRebuild.h"
+#include "server/store/indexReplacement.h"
 #include "server/store/indexSums.h"
 #include "server/store/journalMark.h"
 
@@ -78,7 +78,7 @@ CollectionCopy::Kind CollectionCopy::kindOf(const std::filesystem::path& name) {
 // What is beside the index comes and goes while it is made anew.
 bool CollectionCopy::isWalked(const std::filesystem::path& directory, Kind kind) const {
   if (kind == Kind::Table) return *directory.begin() == IndexSums::kIndexDirectory;
-  return !IndexRebuild::isDispensable(source_, directory);
+  return !IndexReplacement::isDispensable(source_, directory);
 }
 
 // 0 if it is not there. Two that follow each other exist at the same time, so they differ.

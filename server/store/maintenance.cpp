@@ -13,8 +13,9 @@
 #include "server/store/batchMemory.h"
 #include "server/store/collectionOptions.h"
 #include "server/store/directory.h"
+#include "server/store/indexCompaction.h"
 #include "server/store/indexParts.h"
-#include "server/store/indexRebuild.h"
+#include "server/store/indexReplacement.h"
 #include "server/store/indexSalvage.h"
 #include "server/store/indexSums.h"
 #include "server/store/indexUndo.h"
@@ -330,7 +331,7 @@ std::vector<std::string> Maintenance::collections() const {
 
 CollectionCheck Maintenance::check(const std::string& name) const {
   const std::filesystem::path path = pathOf(name);
-  if (!BackupManifest::existsIn(root_)) IndexRebuild::finish(path);
+  if (!BackupManifest::existsIn(root_)) IndexReplacement::finish(path);
   CollectionCheck result = checkCollection(name, path, [] {});
   if (result.index.empty()) askEngineOfAll(path / IndexSums::kIndexDirectory, result.index);
   if (BackupManifest::existsIn(root_)) addDamageOfBackup(root_, result);
@@ -338,12 +339,7 @@ CollectionCheck Maintenance::check(const std::string& name) const {
 }
 
 Repair Maintenance::repair(const std::string& name) const {
-  if (BackupManifest::existsIn(root_)) {
-    throw ServerError(ErrorKind::StorageFailed,
-                      root_.string() +
-                          " is a backup, of which nothing is changed; copy it without the file "
-                          "BACKUP, and repair the copy");
-  }
+  requireNoBackup("repair the copy");
   Repair result;
   result.found = check(name);
   if (result.found.isSound()) return result;
@@ -360,6 +356,34 @@ Repair Maintenance::repair(const std::string& name) const {
   syncDirectory(collectionsIn(root_));
   result.original = fresh;
   return result;
+}
+
+Compaction Maintenance::compact(const std::string& name) const {
+  requireNoBackup("compact the copy");
+  if (!check(name).isSound()) {
+    throw ServerError(ErrorKind::StorageFailed,
+                      "the collection " + shown(name) +
+                          " is damaged and was left as it is; run corvaned check, which names the "
+                          "places, and corvaned repair first");
+  }
+  const std::filesystem::path collection = pathOf(name);
+  const std::filesystem::path index = collection / IndexSums::kIndexDirectory;
+  // Undoes or completes what a crash has cut off.
+  static_cast<void>(XapianIndex(collection, {}));
+  Compaction result;
+  result.before = bytesInTree(index);
+  compactIndex(collection);
+  result.after = bytesInTree(index);
+  return result;
+}
+
+void Maintenance::requireNoBackup(const std::string& advice) const {
+  if (!BackupManifest::existsIn(root_)) return;
+  throw ServerError(ErrorKind::StorageFailed,
+                    root_.string() +
+                        " is a backup, of which nothing is changed; copy it without the file "
+                        "BACKUP, and " +
+                        advice);
 }
 
 std::filesystem::path Maintenance::pathOf(const std::string& name) const {

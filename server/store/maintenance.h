@@ -58,8 +58,14 @@ struct Repair {
   bool losesNothing() const;
 };
 
-/// Checks and repairs collections of a data directory, which no server can use at the same time;
-/// or checks those of a backup. All operations throw ServerError.
+/// How many bytes an index takes.
+struct Compaction {
+  std::uint64_t before = 0;
+  std::uint64_t after = 0;
+};
+
+/// Checks, repairs and compacts collections of a data directory, which no server can use at the
+/// same time; or checks those of a backup. All operations throw ServerError.
 class Maintenance {
  public:
   /// Throws if there is no such directory, or if a server uses it.
@@ -73,8 +79,12 @@ class Maintenance {
   /// Makes, beside a damaged collection, one with everything that can be read, and lets them change
   /// places in one step.
   Repair repair(const std::string& name) const;
+  /// Gives back the room that the index of a sound collection does not need. Takes as much as the
+  /// index will have, meanwhile. A collection that is damaged is left as it is.
+  Compaction compact(const std::string& name) const;
 
  private:
+  void requireNoBackup(const std::string& advice) const;
   std::filesystem::path pathOf(const std::string& name) const;
   std::filesystem::path freshDirectory(const std::string& name) const;
 

@@ -13,6 +13,7 @@
 #include "server/store/indexParts.h"
 #include "server/store/indexReaders.h"
 #include "server/store/indexRebuild.h"
+#include "server/store/indexReplacement.h"
 #include "server/store/indexUndo.h"
 #include "server/store/indexWriter.h"
 #include "server/store/indexingMemory.h"
@@ -65,8 +66,8 @@ XapianIndex::XapianIndex(const std::filesystem::path& collection, IndexLimits li
       path_(collection / IndexSums::kIndexDirectory),
       limits_(std::move(limits)),
       readers_(std::make_unique<IndexReaders>(path_, limits_)) {
-  IndexRebuild::finish(collection);
-  IndexRebuild::clear(collection);
+  IndexReplacement::finish(collection);
+  IndexReplacement::clear(collection);
   if (IndexSums::existIn(collection)) sums_.emplace(collection).verify(stop);
   // The server was killed while databases committed, or could not undo that.
   if (IndexUndo::isPending(collection)) IndexUndo::carryOut(collection);
@@ -193,7 +194,7 @@ IndexRevisions XapianIndex::revisions() const {
 MemoryBudget::Share XapianIndex::emptyShare() const { return shareOf(limits_); }
 
 bool XapianIndex::rebuildStep(const StopCheck& stop) {
-  if (ending_ || IndexRebuild::isDecided(collection_)) {
+  if (ending_ || IndexReplacement::isDecided(collection_)) {
     // If a step of it fails, the next call goes on.
     ending_ = true;
     endRebuild();
@@ -227,7 +228,7 @@ void XapianIndex::beginRebuild(const StopCheck& stop) {
 // Searches that are under way go on with the files of the earlier index.
 void XapianIndex::endRebuild() {
   readers_->exchange([this] {
-    IndexRebuild::finish(collection_);
+    IndexReplacement::finish(collection_);
     IndexSums sums(collection_);
     sums_ = std::move(sums);
   });
@@ -239,7 +240,7 @@ void XapianIndex::endRebuild() {
   earlierForm_ = false;
   ending_ = false;
   spdlog::info("{} has its present form", path_.string());
-  IndexRebuild::clear(collection_);
+  IndexReplacement::clear(collection_);
 }
 
 void XapianIndex::beginUpdate(const StopCheck& stop) {

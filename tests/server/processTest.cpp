@@ -275,9 +275,22 @@ TEST_F(ProcessTest, RestoredCollectionHasTheDigestOfTheOneThatWasBackedUp) {
   CorvanedProgram check({"check", backups + "/b"});
   EXPECT_EQ(check.rest(), "\"c\": sound, 39 changes wait for updateIndex\n");
   EXPECT_EQ(check.wait(), 0);
-  CorvanedProgram repair({"repair", backups + "/b", "c"});
-  EXPECT_THAT(repair.rest(), HasSubstr("is a backup"));
-  EXPECT_EQ(repair.wait(), 1);
+  for (const char* changing : {"repair", "compact"}) {
+    CorvanedProgram program({changing, backups + "/b", "c"});
+    EXPECT_THAT(program.rest(), HasSubstr("is a backup"));
+    EXPECT_EQ(program.wait(), 1);
+  }
+  CorvanedProgram inUse({"compact", data_, "c"});
+  EXPECT_THAT(inUse.rest(), HasSubstr(data_));
+  EXPECT_EQ(inUse.wait(), 1);
+  server.signal(SIGTERM);
+  EXPECT_EQ(server.wait(), 0);
+  CorvanedProgram compact({"compact", "--json", data_, "c"});
+  EXPECT_THAT(compact.rest(), StartsWith("{\"collection\":\"c\",\"bytesBefore\":"));
+  EXPECT_EQ(compact.wait(), 0);
+  CorvanedProgram said({"compact", data_, "c"});
+  EXPECT_THAT(said.rest(), StartsWith("\"c\": the index took 0."));
+  EXPECT_EQ(said.wait(), 0);
   words[3] = backups + "/b";
   CorvanedProgram onBackup(words);
   EXPECT_THAT(onBackup.rest(), HasSubstr("is a backup"));
@@ -285,8 +298,10 @@ TEST_F(ProcessTest, RestoredCollectionHasTheDigestOfTheOneThatWasBackedUp) {
 }
 
 TEST_F(ProcessTest, WrongUseOfCheckAndRepairIsExplained) {
-  for (const std::vector<std::string>& wrong :
-       {std::vector<std::string>{"check"}, {"repair", data_}, {"check", data_, "--what"}}) {
+  for (const std::vector<std::string>& wrong : {std::vector<std::string>{"check"},
+                                                {"repair", data_},
+                                                {"compact", data_},
+                                                {"check", data_, "--what"}}) {
     CorvanedProgram program(wrong);
     EXPECT_THAT(program.rest(), HasSubstr("--help"));
     EXPECT_EQ(program.wait(), 2);

@@ -34,7 +34,7 @@
 #include "server/store/directory.h"
 #include "server/store/files.h"
 #include "server/store/indexParts.h"
-#include "server/store/indexRebuild.h"
+#include "server/store/indexReplacement.h"
 #include "server/store/localStore.h"
 #include "server/store/maintenance.h"
 #include "server/store/registry.h"
@@ -636,7 +636,7 @@ TEST_F(CopyOfExchangedIndexTest, IsTheEarlierOneUntilTheNewOneBeginsToTakeItsPla
     meanwhile();
     copy.copyIndex();
     copy.copyRest({});
-    IndexRebuild::finish(target());
+    IndexReplacement::finish(target());
   };
   copied([] {});
   expectEqual(target() / "index", index());
@@ -649,7 +649,7 @@ TEST_F(CopyOfExchangedIndexTest, IsTheEarlierOneUntilTheNewOneBeginsToTakeItsPla
   EXPECT_EQ(read(target() / "index-sums"), "new");
   std::filesystem::remove_all(target());
   std::filesystem::rename(collection("c") / "index-replaced", index());
-  copied([&] { IndexRebuild::finish(collection("c")); });
+  copied([&] { IndexReplacement::finish(collection("c")); });
   expectEqual(target() / "index", index());
   EXPECT_EQ(read(target() / "index-sums"), "new");
 }

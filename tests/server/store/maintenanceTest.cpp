@@ -1,8 +1,11 @@
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <spdlog/spdlog.h>
+#include <sys/resource.h>
 #include <xapian.h>
 
+#include <csignal>
 #include <fstream>
 #include <optional>
 #include <string>
@@ -10,6 +13,8 @@
 
 #include "server/base/errors.h"
 #include "server/store/collectionOptions.h"
+#include "server/store/directory.h"
+#include "server/store/indexParts.h"
 #include "server/store/indexSums.h"
 #include "server/store/localStore.h"
 #include "server/store/maintenance.h"
@@ -31,7 +36,9 @@ class MaintenanceTest : public ::testing::Test {
 
   std::filesystem::path data() const { return directory_.path() / "data"; }
   std::filesystem::path collection() const { return data() / "collections" / "c"; }
-  std::filesystem::path segment() const { return collection() / "journal-0000000002"; }
+  std::filesystem::path segment(const char* name = "journal-0000000002") const {
+    return collection() / name;
+  }
 
   /// Documents k100 to k199 in the index, and four changes in the journal.
   void write() const {
@@ -326,6 +333,173 @@ TEST_F(MaintenanceTest, ChecksumsThatCannotBeReadAreMadeAnew) {
   EXPECT_FALSE(result.indexMadeAnew);
   EXPECT_TRUE(check().isSound());
 }
+
+/// Files cannot grow beyond so many bytes, as on a disk that is full.
+class LimitedFiles {
+ public:
+  explicit LimitedFiles(rlim_t bytes) {
+    ::getrlimit(RLIMIT_FSIZE, &earlier_);
+    const rlimit limited{bytes, earlier_.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &limited);
+    handler_ = std::signal(SIGXFSZ, SIG_IGN);
+  }
+  ~LimitedFiles() {
+    ::setrlimit(RLIMIT_FSIZE, &earlier_);
+    std::signal(SIGXFSZ, handler_);
+  }
+  LimitedFiles(const LimitedFiles&) = delete;
+  LimitedFiles& operator=(const LimitedFiles&) = delete;
+
+ private:
+  rlimit earlier_{};
+  void (*handler_)(int) = SIG_DFL;
+};
+
+/// A collection that has lost most of what it had.
+class CompactionTest : public MaintenanceTest, public ::testing::WithParamInterface<std::size_t> {
+ protected:
+  std::filesystem::path index() const { return collection() / "index"; }
+
+  /// Of 600 documents, indexed in three steps, every third stays; two changes are in the journal.
+  void writeAndDelete() const {
+    StoreLimits limits;
+    limits.parts = GetParam();
+    LocalStore store(data(), limits);
+    store.createCollection("c", "en");
+    for (int i = 0; i < 600; ++i) {
+      store.addDocument("c", {key(i), {{"n", std::to_string(i)}}, text(i) + " jumping foxes"});
+      if (i % 200 == 199) store.updateIndex("c");
+    }
+    for (int i = 0; i < 600; ++i) {
+      if (i % 3 != 0) store.deleteDocument("c", key(i));
+    }
+    store.updateIndex("c");
+    store.addDocument("c", {"new", {}, "hound"});
+    store.deleteDocument("c", key(0));
+  }
+
+  static std::string key(int i) { return "k" + std::to_string(i); }
+
+  struct Found {
+    std::string key;
+    std::uint16_t milliScore = 0;
+    bool operator==(const Found&) const = default;
+  };
+
+  std::vector<Found> ranked(const std::string& text) const {
+    LocalStore store(data(), {});
+    SearchQuery query;
+    query.text = text;
+    const auto hits = store.search("c", query);
+    std::vector<Found> all;
+    for (Hit hit; hits->next(hit);) all.push_back({hit.key, hit.milliScore});
+    return all;
+  }
+
+  /// All that the databases have, in the order of their numbers.
+  std::vector<std::string> documents() const {
+    std::vector<std::string> all;
+    const IndexParts parts = IndexParts::in(index());
+    for (const std::filesystem::path& part : parts.paths()) {
+      const Xapian::Database database(part.string());
+      for (auto next = database.postlist_begin(""); next != database.postlist_end(""); ++next) {
+        all.push_back(fmt::format("{} {}:{}", part.filename().string(), *next,
+                                  shown(database.get_document(*next))));
+      }
+    }
+    return all;
+  }
+
+  static std::string shown(const Xapian::Document& document) {
+    std::string all = document.get_data();
+    for (auto value = document.values_begin(); value != document.values_end(); ++value) {
+      all += fmt::format(" {}={}", value.get_valueno(), *value);
+    }
+    for (auto term = document.termlist_begin(); term != document.termlist_end(); ++term) {
+      all += fmt::format(" {} {}", *term, term.get_wdf());
+      for (auto at = term.positionlist_begin(); at != term.positionlist_end(); ++at) {
+        all += fmt::format(",{}", *at);
+      }
+    }
+    return all;
+  }
+
+  Compaction compact() const { return Maintenance(data()).compact("c"); }
+};
+
+TEST_P(CompactionTest, GivesRoomBackAndChangesNothingElse) {
+  writeAndDelete();
+  const std::vector<std::string> before = documents();
+  const std::vector<Found> foxes = ranked("fox OR w23757");
+  ASSERT_THAT(before, SizeIs(200));
+  ASSERT_THAT(foxes, SizeIs(199)) << "a deletion waits";
+  const Compaction result = compact();
+  EXPECT_LT(result.after * 2, result.before);
+  EXPECT_EQ(result.after, bytesInTree(index()));
+  EXPECT_EQ(documents(), before);
+  EXPECT_EQ(ranked("fox OR w23757"), foxes);
+  EXPECT_TRUE(check().isSound());
+  EXPECT_EQ(check().changes, 2U) << "the journal stays";
+  EXPECT_FALSE(std::filesystem::exists(collection() / "index-rebuilding"));
+  EXPECT_FALSE(std::filesystem::exists(collection() / "index-rebuilt"));
+  EXPECT_FALSE(std::filesystem::exists(collection() / "index-replaced"));
+}
+
+TEST_P(CompactionTest, IndexGoesOnAfterwards) {
+  writeAndDelete();
+  compact();
+  EXPECT_THAT(found("hound"), ElementsAre("new"));
+  {
+    LocalStore store(data(), {});
+    for (int i = 0; i < 600; ++i) store.addDocument("c", {key(i), {}, text(i) + " terrier"});
+    store.updateIndex("c");
+  }
+  EXPECT_THAT(found("terrier"), SizeIs(600));
+  EXPECT_THAT(found("fox"), IsEmpty());
+  EXPECT_TRUE(check().isSound());
+  compact();
+  EXPECT_THAT(found("terrier"), SizeIs(600));
+  EXPECT_TRUE(check().isSound());
+}
+
+TEST_P(CompactionTest, DamagedCollectionIsLeftAsItIs) {
+  writeAndDelete();
+  const std::filesystem::path table = IndexParts::in(index()).paths().back() / "postlist.glass";
+  damage(table, kBlock + 100);
+  const std::string bytes = read(table);
+  EXPECT_THROW(compact(), ServerError);
+  EXPECT_EQ(read(table), bytes);
+  damage(table, kBlock + 100);
+  damage(segment("journal-0000000005"), 40);
+  EXPECT_THROW(compact(), ServerError);
+}
+
+TEST_P(CompactionTest, DiskWithoutRoomLeavesTheIndexAsItIs) {
+  writeAndDelete();
+  const std::vector<std::string> before = documents();
+  {
+    const LimitedFiles limited(3 * kBlock);
+    EXPECT_THROW(compact(), ServerError);
+  }
+  EXPECT_EQ(documents(), before);
+  EXPECT_FALSE(std::filesystem::exists(collection() / "index-rebuilding"));
+  EXPECT_TRUE(check().isSound());
+}
+
+TEST_P(CompactionTest, WhatACrashHasLeftIsNoPartOfTheIndex) {
+  writeAndDelete();
+  const std::vector<std::string> before = documents();
+  std::filesystem::create_directories(collection() / "index-rebuilding" / "index" / "part-0");
+  compact();
+  EXPECT_EQ(documents(), before);
+}
+
+TEST_F(MaintenanceTest, CompactionOfACollectionThatIsNotThereIsRefused) {
+  write();
+  EXPECT_THROW(Maintenance(data()).compact("d"), ServerError);
+}
+
+INSTANTIATE_TEST_SUITE_P(Databases, CompactionTest, ::testing::Values(1, 3));
 
 }  // namespace
 }  // namespace corvaned
