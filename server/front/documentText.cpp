@@ -148,12 +148,12 @@ std::string toUtf8(std::string bytes, const std::string& charset) {
   const char* source = bytes.data();
   std::string result;
   UErrorCode error = U_BUFFER_OVERFLOW_ERROR;
-  for (bool first = true; error == U_BUFFER_OVERFLOW_ERROR; first = false) {
+  for (UBool first = 1; error == U_BUFFER_OVERFLOW_ERROR; first = 0) {
     error = U_ZERO_ERROR;
     char* target = piece.data();
     ucnv_convertEx(to.get(), from.get(), &target, piece.data() + piece.size(), &source,
                    bytes.data() + bytes.size(), between.data(), &read, &written,
-                   between.data() + between.size(), first, true, &error);
+                   between.data() + between.size(), first, 1, &error);
     result.append(piece.data(), target);
   }
   if (U_FAILURE(error)) refuse(charset, error);
