@@ -159,6 +159,7 @@ void IndexWriter::commitTogether(const std::vector<Share>& shares) {
   // One database commits as a whole by itself.
   if (shares.size() == 1) return shares.front().writer->commit();
   std::vector<std::filesystem::path> paths;
+  paths.reserve(shares.size());
   for (const Share& share : shares) paths.push_back(share.writer->path());
   try {
     IndexUndo::begin(collection_, paths);

@@ -36,8 +36,9 @@ Xapian::Document onlyWith(const std::set<std::string>& terms, const Xapian::Docu
 
 }  // namespace
 
-Xapian::Database passingDocuments(std::vector<Xapian::Document> made, const Xapian::Query& words,
-                                  const std::string& text, std::size_t slots) {
+Xapian::WritableDatabase passingDocuments(std::vector<Xapian::Document> made,
+                                          const Xapian::Query& words, const std::string& text,
+                                          std::size_t slots) {
   const std::set<std::string> terms(words.get_terms_begin(), words.get_terms_end());
   const bool all = text.find('*') != std::string::npos;
   Xapian::WritableDatabase database(std::string(), Xapian::DB_BACKEND_INMEMORY);

@@ -47,7 +47,7 @@ Xapian::Query QueryReader::read(const std::string& text) const {
   const std::string normal = normalizeText(text);
   requireBalanced(normal);
   if (!analysis_.options().keepsPositions) requireNoPositions(normal);
-  const Xapian::Query own = inLanguage(normal, analysis_.stemmer());
+  Xapian::Query own = inLanguage(normal, analysis_.stemmer());
   if (own.empty() || names_.languages().empty()) return own;
   std::vector<Xapian::Query> alternatives;
   std::vector<Xapian::Query> foreign;
