@@ -61,6 +61,13 @@ void IndexUpdate::endCount(bool isLast) {
   bytesHeld_ = 0;
   position_ = sliceBegin_;
   memory_.force(keyBytes_);
+  forgetReplacedRefusals();
+}
+
+// Within a slice the index is not given a version that another one follows. What becomes of a key
+// must not depend on where one slice ends and the next begins.
+void IndexUpdate::forgetReplacedRefusals() {
+  std::erase_if(refused_, [this](const ParseOutcome& one) { return lastOfKey_.contains(one.key); });
 }
 
 // What a slice leaves visible that a later one deletes is hidden from searches until the update

@@ -31,12 +31,13 @@ class IndexUpdate {
   /// How many changes have been brought in, and how many have been found.
   IndexProgress progress() const { return {counted_ ? position_ : sliceBegin_, all_}; }
 
-  /// The documents that the index refused.
+  /// The documents that the index refused: of each key the last change, if it is one of these.
   std::vector<ParseOutcome>& refused() { return refused_; }
 
  private:
   void count();
   void endCount(bool isLast);
+  void forgetReplacedRefusals();
   bool apply();
   void beginSlice();
   std::optional<Change> next();

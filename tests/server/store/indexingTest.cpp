@@ -368,6 +368,76 @@ TEST_F(IndexStepsTest, RefusedDocumentIsReportedAlsoIfTheJournalCannotBeCutOff) 
   EXPECT_EQ(collection_->takeOutcomes().size(), 1U);
 }
 
+// Longer than a term can be. (The fronts let no such key through.)
+const std::string kRefusedKey(300, 'a');
+
+/// An update in one slice or in several, as the memory allows.
+class SlicesTest : public IndexStepsTest, public ::testing::WithParamInterface<bool> {
+ protected:
+  SlicesTest() {
+    if (GetParam()) limits_.index.memory = std::make_shared<MemoryBudget>(std::size_t{1} << 20U);
+    limits_.index.batchChanges = 100;
+    open();
+  }
+
+  /// More keys than stand in a slice.
+  void queueMany(const std::string& name) {
+    for (int i = 0; i < 1000; ++i) {
+      collection_->queue({name + std::to_string(i), {}, "hound"});
+    }
+  }
+
+  /// How many slices there were.
+  int update() {
+    const auto ticket = collection_->requestUpdate();
+    EXPECT_TRUE(collection_->takeOnIndexing());
+    std::set<std::uint64_t> found;
+    while (collection_->indexStep()) found.insert(collection_->summary().indexing);
+    failed_ = false;
+    try {
+      ticket->requireSuccess();
+    } catch (const ServerError& error) {
+      EXPECT_EQ(error.kind(), ErrorKind::DocumentsNotIndexed);
+      failed_ = true;
+    }
+    found.erase(0);
+    return static_cast<int>(found.size());
+  }
+
+  bool failed_ = false;
+};
+
+TEST_P(SlicesTest, RefusedVersionIsNotReportedIfALaterChangeOfItsKeyIsIndexed) {
+  collection_->queue({kRefusedKey, {}, "fox"}, "ada");
+  queueMany("k");
+  collection_->remove(kRefusedKey);
+  EXPECT_EQ(collection_->takeOutcomes("ada").size(), 1U) << "it is stored";
+  EXPECT_EQ(update() > 1, GetParam());
+  EXPECT_FALSE(failed_);
+  EXPECT_TRUE(collection_->takeOutcomes("ada").empty());
+  EXPECT_EQ(collection_->estimate("hound", kExactHits).hits, 1000U);
+}
+
+TEST_P(SlicesTest, KeyWhoseLastVersionIsRefusedIsReportedOnce) {
+  collection_->queue({kRefusedKey, {}, "fox"}, "ada");
+  queueMany("k");
+  collection_->remove(kRefusedKey);
+  collection_->queue({kRefusedKey, {}, "red fox"}, "ada");
+  queueMany("m");
+  collection_->queue({kRefusedKey, {}, "grey fox"}, "ada");
+  EXPECT_EQ(collection_->takeOutcomes("ada").size(), 3U) << "they are stored";
+  EXPECT_EQ(update() > 1, GetParam());
+  EXPECT_TRUE(failed_);
+  const std::vector<ParseOutcome> outcomes = collection_->takeOutcomes("ada");
+  ASSERT_EQ(outcomes.size(), 1U);
+  EXPECT_EQ(outcomes[0].key, kRefusedKey);
+  EXPECT_EQ(outcomes[0].messageId, "ZVK0015E");
+  EXPECT_EQ(collection_->estimate("hound", kExactHits).hits, 2000U);
+}
+
+INSTANTIATE_TEST_SUITE_P(One, SlicesTest, ::testing::Values(false));
+INSTANTIATE_TEST_SUITE_P(Several, SlicesTest, ::testing::Values(true));
+
 TEST_F(IndexStepsTest, KeysOfALongJournalTakeAPartOfTheMemory) {
   constexpr std::size_t kBudget = std::size_t{1} << 20U;
   limits_.index.memory = std::make_shared<MemoryBudget>(kBudget);
