@@ -55,6 +55,8 @@ void RequestContext::await(std::shared_ptr<Ticket> ticket) {
 
 RequestContext* RequestContext::current() { return currentContext; }
 
+RequestContext::Scope::Scope() : outer_(std::exchange(currentContext, nullptr)) {}
+
 RequestContext::Scope::Scope(RequestContext& context)
     : outer_(std::exchange(currentContext, &context)) {}
 

@@ -56,9 +56,11 @@ class RequestContext : public std::enable_shared_from_this<RequestContext> {
   /// The request that this thread serves; null if it serves none.
   static RequestContext* current();
 
-  /// Makes a request the current one of this thread.
+  /// Makes a request the current one of this thread, or none: what others rely on as well must not
+  /// end with the request that happens to carry it out.
   class Scope {
    public:
+    Scope();
     explicit Scope(RequestContext& context);
     ~Scope();
     Scope(const Scope&) = delete;

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "server/base/errors.h"
+#include "server/base/requestContext.h"
 #include "server/store/collectionOptions.h"
 #include "server/store/directory.h"
 
@@ -434,6 +435,8 @@ void Collection::giveUpIndexing() noexcept {
 }
 
 bool Collection::indexStep() {
+  // Where another thread is missing, it is called in a request.
+  const RequestContext::Scope ofNobody;
   std::unique_lock turn(turn_);
   const std::lock_guard step(stepMutex_);
   turn.unlock();

@@ -3,6 +3,7 @@
 #include <new>
 #include <system_error>
 
+#include "server/base/requestContext.h"
 #include "server/store/collection.h"
 
 namespace corvaned {
@@ -155,6 +156,8 @@ void Registry::callAll(const std::vector<Ready>& waiting,
 
 // Nobody else looks at the entry's collection while it is being opened.
 std::optional<ServerError> Registry::tryToOpen(Entry& entry) const {
+  // All who wait for it share what comes of it.
+  const RequestContext::Scope ofNobody;
   try {
     return reasonNotToOpen(entry);
   } catch (const std::bad_alloc&) {

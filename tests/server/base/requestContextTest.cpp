@@ -65,6 +65,8 @@ TEST(RequestContext, ScopeMakesItTheCurrentOneOfItsThread) {
     RequestContext inner({});
     const RequestContext::Scope innerScope(inner);
     EXPECT_EQ(RequestContext::current(), &inner);
+    const RequestContext::Scope ofNobody;
+    EXPECT_EQ(RequestContext::current(), nullptr);
   }
   EXPECT_EQ(RequestContext::current(), &outer);
 }

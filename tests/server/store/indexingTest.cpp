@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "server/base/errors.h"
+#include "server/base/requestContext.h"
 #include "server/store/collection.h"
 #include "server/store/indexSums.h"
 #include "server/store/localStore.h"
@@ -158,6 +159,34 @@ class IndexStepsTest : public ::testing::Test {
   std::atomic<bool> stopping_ = false;
   std::optional<Collection> collection_;
 };
+
+// Several databases ask for the help of other threads, and so show as whose work the step counts.
+TEST(IndexStep, BelongsToNoRequestAlthoughOneCarriesItOut) {
+  const tq::test::TemporaryDirectory directory;
+  Collection::create(directory.path(), {"en", {}, 2}, {});
+  RequestContext gone({});
+  gone.cancelAt(RequestContext::Clock::now());
+  int asked = 0;
+  StoreLimits limits;
+  limits.index.helpers = [&](const std::function<void()>&) {
+    ++asked;
+    EXPECT_EQ(RequestContext::current(), nullptr);
+  };
+  const std::atomic<bool> stopping = false;
+  Collection collection("c", directory.path(), limits, std::make_shared<ParseOutcomes>(10),
+                        stopping);
+  for (int i = 0; i < 20; ++i) collection.add({"k" + std::to_string(i), {}, "fox"});
+  const auto ticket = collection.requestUpdate();
+  {
+    const RequestContext::Scope scope(gone);
+    while (collection.indexStep()) {
+    }
+    EXPECT_EQ(RequestContext::current(), &gone);
+  }
+  EXPECT_GT(asked, 0);
+  EXPECT_NO_THROW(ticket->requireSuccess());
+  EXPECT_EQ(collection.estimate("fox", kExactHits).hits, 20U);
+}
 
 TEST_F(IndexStepsTest, ThoseWhoWaitAtTheSameTimeShareOneUpdate) {
   for (int i = 0; i < 5; ++i) collection_->add({"k" + std::to_string(i), {}, "fox"});

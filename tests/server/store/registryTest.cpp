@@ -15,6 +15,7 @@
 #include "server/base/descriptorBudget.h"
 #include "server/base/errors.h"
 #include "server/base/memoryBudget.h"
+#include "server/base/requestContext.h"
 #include "server/store/collection.h"
 #include "server/store/localStore.h"
 #include "server/store/registry.h"
@@ -96,6 +97,24 @@ TEST_F(RegistryTest, OpeningOneCollectionHoldsUpNoOtherOne) {
   EXPECT_THAT(second.get(), HasSubstr("ZVK0014E"));
   EXPECT_EQ(outcomeOf("slow"), "open") << "it can be tried again";
   EXPECT_THAT(keys("slow"), ElementsAre("k-slow"));
+}
+
+// Others wait for it as well, and would be told that somebody else's client has gone.
+TEST_F(RegistryTest, OpeningBelongsToNoRequestAlthoughOneCarriesItOut) {
+  int openings = 0;
+  Registry registry([&](const std::string&) -> std::unique_ptr<Collection> {
+    ++openings;
+    EXPECT_EQ(RequestContext::current(), nullptr);
+    throw ServerError(ErrorKind::StorageFailed, "there is none");
+  });
+  RequestContext request({});
+  const RequestContext::Scope scope(request);
+  EXPECT_THROW(registry.use("c"), ServerError);
+  const auto opening = registry.awaitOpen("c", [](const std::optional<ServerError>&) {});
+  ASSERT_TRUE(opening);
+  opening->carryOut();
+  EXPECT_EQ(openings, 2);
+  EXPECT_EQ(RequestContext::current(), &request);
 }
 
 TEST_F(RegistryTest, CollectionThatIsClosedWhileItIsOpenedIsClosedAfterwards) {
