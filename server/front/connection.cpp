@@ -15,6 +15,7 @@
 
 #include "server/base/errors.h"
 #include "server/front/documentText.h"
+#include "server/front/requestValues.h"
 #include "server/front/vocabulary.h"
 
 namespace corvaned {
@@ -101,6 +102,7 @@ ConnectionContext::ConnectionContext(Dispatcher& dispatcher, const ServerOptions
       readers_(options.readThreads),
       writers_(options.writeThreads),
       checkers_(options.lookUpThreads),
+      placesToLookUp_(options.lookUpThreads),
       indexers_(options.indexThreads),
       informers_(options.statusThreads) {}
 
@@ -418,6 +420,7 @@ void Connection::work(Workload workload) {
   const std::optional<State> next = answer(workload);
   // Otherwise another worker may have gone on with the request already.
   if (!next) return;
+  place_.reset();
   handOver_.post(socket_.get_executor(), [self = shared_from_this(), next = *next] {
     if (self->state_ == State::Closed) return;
     self->state_ = next;
@@ -446,9 +449,11 @@ std::optional<Connection::State> Connection::answerRow(Workload workload) {
         if (!queued_) queued_ = decoder_.next();
         if (!queued_ || nextWorkload() != workload) return State::Serving;
         if (!context_.dispatcher().isReady(*queued_)) {
+          place_.reset();
           awaitCollection(workload);
           return std::nullopt;
         }
+        if (!takePlace(workload)) return std::nullopt;
         if (!carryOut()) {
           awaitEnd(workload);
           return std::nullopt;
@@ -473,6 +478,25 @@ void Connection::awaitCollection(Workload workload) {
   waitWithoutWorker(workload, [this](std::function<void()> goOn) {
     context_.dispatcher().makeReady(*queued_, std::move(goOn));
   });
+}
+
+// Those that look keys up come one after the other in a collection, or wait for its disk. Others
+// would find no worker if all were of one collection. False if another call goes on, with a place.
+bool Connection::takePlace(Workload workload) {
+  if (workload != Workload::LookUp || place_) return true;
+  const std::string collection(collectionNamedBy(*queued_));
+  if (auto place = context_.placesToLookUp().tryToTake(collection)) {
+    place_.emplace(std::move(*place));
+    return true;
+  }
+  waitWithoutWorker(workload, [&](std::function<void()> goOn) {
+    context_.placesToLookUp().await(
+        collection, [self = shared_from_this(), goOn = std::move(goOn)](FairPlaces::Place place) {
+          self->place_.emplace(std::move(place));
+          goOn();
+        });
+  });
+  return false;
 }
 
 // The worker that goes on may do so before this function returns.
@@ -500,6 +524,8 @@ void Connection::goOn(Workload workload) {
 // False if the reply has to wait for something that others do.
 bool Connection::carryOut() {
   Request request = std::move(*std::exchange(queued_, std::nullopt));
+  // Whatever the reply waits for then, it needs no worker.
+  const auto place = std::exchange(place_, std::nullopt);
   request.identified = context_.options().access != nullptr;
   request.fromThisMachine = fromThisMachine_;
   outlet_->asked(request);

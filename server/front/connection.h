@@ -19,6 +19,7 @@
 #include "server/base/memoryBudget.h"
 #include "server/base/requestContext.h"
 #include "server/front/dispatcher.h"
+#include "server/front/fairPlaces.h"
 #include "server/front/handOver.h"
 #include "server/front/outlet.h"
 #include "server/front/replyEncoder.h"
@@ -37,6 +38,8 @@ class ConnectionContext {
   Dispatcher& dispatcher() { return dispatcher_; }
   const ServerOptions& options() const { return options_; }
   asio::thread_pool& workers(Workload workload);
+  /// What work that looks keys up has to have on one of its threads.
+  FairPlaces& placesToLookUp() { return placesToLookUp_; }
   /// Where passwords are checked, one at a time: wrong ones must not keep others from being served.
   asio::thread_pool& gatekeeper() { return gatekeeper_; }
   std::unique_ptr<Outlet> outlet(ClientSocket& socket, Framing framing);
@@ -69,6 +72,7 @@ class ConnectionContext {
   asio::thread_pool readers_;
   asio::thread_pool writers_;
   asio::thread_pool checkers_;
+  FairPlaces placesToLookUp_;
   asio::thread_pool indexers_;
   asio::thread_pool informers_;
   asio::thread_pool surveyor_{1};
@@ -144,6 +148,7 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
   std::optional<State> answer(Workload workload);
   std::optional<State> answerRow(Workload workload);
   void awaitCollection(Workload workload);
+  bool takePlace(Workload workload);
   template <typename Wait>
   void waitWithoutWorker(Workload workload, const Wait& wait);
   void goOn(Workload workload);
@@ -184,6 +189,8 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
 
   RequestDecoder decoder_;
   std::optional<Request> queued_;
+  // What the request has to have to be carried out, where there are places for that.
+  std::optional<FairPlaces::Place> place_;
   std::optional<Dispatcher::Exchange> exchange_;
   std::unique_ptr<ReplyEncoder> encoder_;
   std::string output_;

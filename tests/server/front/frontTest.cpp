@@ -474,12 +474,36 @@ TEST_F(FrontTest, ChangesThatLookKeysUpHoldUpNoOthers) {
     binary.back().send(binaryRequest(
         {{"action", "deleteDocument"}, {"index", "held"}, {"mustExist", "true"}}, key));
   }
-  store_.gate.awaitWaiting(static_cast<int>(options_.lookUpThreads));
+  store_.gate.awaitWaiting(static_cast<int>(options_.lookUpThreads / 2));
   EXPECT_EQ(httpAsk(setup, {{"action", "addDocument"}, {"index", "c"}}, kDocument), kDone);
   EXPECT_EQ(httpAsk(setup, {{"action", "deleteDocument"}, {"index", "c"}}, key), kDone);
   store_.gate.open();
   for (RawClient& client : http) EXPECT_THAT(client.receiveHttp(), StartsWith(kDone));
   for (RawClient& client : binary) EXPECT_EQ(client.receive(2), kSuccess);
+}
+
+TEST_F(FrontTest, BatchesThatAreStuckInOneCollectionHoldUpNoneOfAnother) {
+  RawClient setup(http_);
+  for (const char* name : {"c", "held"}) {
+    EXPECT_EQ(httpAsk(setup, {{"action", "createCollection"}, {"index", name}}), kDone);
+  }
+  const std::string none = documentBlock("any", {}, test::terminateRecord());
+  const auto batch = [](const std::string& collection, unsigned number) {
+    return Headers{
+        {"action", "addDocument"}, {"index", collection}, {"batch", "b" + std::to_string(number)}};
+  };
+  std::vector<RawClient> stuck;
+  for (unsigned i = 0; i < 2 * options_.lookUpThreads; ++i) {
+    stuck.emplace_back(http_);
+    stuck.back().send(httpRequest(batch("held", i), none));
+  }
+  store_.gate.awaitWaiting(static_cast<int>(options_.lookUpThreads / 2));
+  for (unsigned i = 0; i < 3; ++i)
+    EXPECT_THAT(httpAsk(setup, batch("c", i), none), StartsWith(kDone));
+  const Headers deletion{{"action", "deleteDocument"}, {"index", "c"}, {"mustExist", "true"}};
+  EXPECT_THAT(httpAsk(setup, deletion, documentBlock("k1", {}, {})), HasSubstr("ZVK0034E"));
+  store_.gate.open();
+  for (RawClient& client : stuck) EXPECT_THAT(client.receiveHttp(), StartsWith(kDone));
 }
 
 TEST_F(FrontTest, ChangesAreSearchableWhenAcknowledgedWhereThatIsWanted) {
