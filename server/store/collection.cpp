@@ -122,10 +122,16 @@ std::shared_ptr<Ticket> Collection::add(const Document& document) {
 void Collection::queue(const Document& document, const std::string& client) {
   checkSize(document);
   const Journal::Place place = append({ChangeKind::Put, document});
-  outcomes_->setOwner(document.key, client, place.end);
+  const bool isImmediate = refresh_.mode == Refresh::Mode::Immediate;
+  // Without a name the refusal of a document goes to whoever asks first, whoever queued it.
+  if (client.empty() && !isImmediate) {
+    outcomes_->forgetOwner(document.key);
+  } else {
+    outcomes_->setOwner(document.key, client, place.end);
+  }
   pushOutcome({document.key, {}, {}}, place.ticket, client);
   requestEarly(place);
-  if (refresh_.mode == Refresh::Mode::Immediate) requestRound();
+  if (isImmediate) requestRound();
 }
 
 // So many changes are not left to the end of the interval. An index that is updated on request only
@@ -345,6 +351,7 @@ void Collection::requestRound() {
   const std::lock_guard lock(jobsMutex_);
   requireActive();
   if (roundWanted_.empty()) roundWanted_.push_back({});
+  unawaited_ = true;
 }
 
 // Whoever waits for a single document is told if the index refuses that one.
@@ -382,6 +389,10 @@ bool Collection::takeOverdue() {
   if (!overdue_ || !overdue_.exchange(false)) return false;
   try {
     if (refresh_.mode == Refresh::Mode::Manual) return requestRemoval() != nullptr;
+    {
+      const std::lock_guard lock(jobsMutex_);
+      unawaited_ = true;
+    }
     requestUpdate();
     return true;
   } catch (...) {
@@ -422,6 +433,8 @@ void Collection::giveUpIndexing() noexcept {
     waiting.swap(roundWanted_);
     update.swap(updateWanted_);
     removal.swap(removalWanted_);
+    const bool isUnawaited = std::exchange(unawaited_, false);
+    if (isUnawaited && refresh_.mode == Refresh::Mode::Immediate) failure_ = noMemory_;
   }
   for (const Waiting& each : waiting) {
     if (each.ticket) each.ticket->finish(noMemory_);
@@ -476,6 +489,11 @@ bool Collection::takeJob() {
     job_ = std::make_unique<Job>();
     job_->kind = Job::Kind::Round;
     job_->waiting.swap(roundWanted_);
+  }
+  if (job_ && job_->kind != Job::Kind::Removal) {
+    job_->isUnawaited = std::exchange(unawaited_, false);
+    // What waits has been appended before; what the index is to have may be more when it begins.
+    job_->end = journal_.end();
   }
   return indexing_ = job_ != nullptr;
 }
@@ -658,17 +676,38 @@ void Collection::endJob(const std::optional<ServerError>& failure, bool damaged)
   if (!concernsAll || stopping_ || retired_ || refresh_.mode == Refresh::Mode::Manual) return;
   failed_ = true;
   changed_ = true;
-  noteFailure(*failure);
+  noteFailure(*job, *failure);
   logFailure("refresh", *failure);
+  tellOwners(*job, *failure);
 }
 
-// Where an update is asked for, or waited for with each change, somebody has been told. What passes
-// by itself is no reason to tell that changes will not become searchable.
-void Collection::noteFailure(const ServerError& failure) {
-  if (refresh_.mode != Refresh::Mode::Interval) return;
-  if (failure.kind() == ErrorKind::TryAgain || failure.kind() == ErrorKind::OutOfMemory) return;
+// With an interval nobody waits, but a timer has what passes by itself tried again. Where changes
+// are searchable at once, whoever waits for them has been told, and nothing but the next one has
+// them tried again.
+void Collection::noteFailure(const Job& job, const ServerError& failure) {
+  const bool passes =
+      failure.kind() == ErrorKind::TryAgain || failure.kind() == ErrorKind::OutOfMemory;
   const std::lock_guard lock(jobsMutex_);
+  const bool concernsOthers = job.isUnawaited || failure_;
+  if (refresh_.mode == Refresh::Mode::Interval ? passes : !concernsOthers) return;
   failure_ = failure;
+}
+
+// Whoever waits for a change to become searchable has been told; whoever queued a document does not
+// wait.
+void Collection::tellOwners(const Job& job, const ServerError& failure) {
+  if (refresh_.mode != Refresh::Mode::Immediate) return;
+  try {
+    for (const auto& [key, client] : outcomes_->takeUntold(indexed(), job.end)) {
+      pushOutcome({key, std::string(messageId(failure.kind())),
+                   fmt::format("the document is kept, and becomes searchable with the next change "
+                               "that succeeds: {}",
+                               failure.what())},
+                  0, client);
+    }
+  } catch (const std::bad_alloc&) {
+    // The state of the collection tells it.
+  }
 }
 
 // Perhaps nobody waits for it.

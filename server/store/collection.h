@@ -181,8 +181,11 @@ class Collection {
     std::shared_ptr<Ticket> ticket;
     /// Those who wait for a single change.
     std::vector<Waiting> waiting;
+    /// Whether some of it is waited for by nobody.
+    bool isUnawaited = false;
     bool begun = false;
-    /// What part of the journal is in the index when it is done.
+    /// What part of the journal is in the index when it is done; until it has begun, what it is
+    /// wanted for.
     JournalPosition end;
     std::optional<IndexUpdate> update;
     /// Of a removal, in order, and how many are done.
@@ -245,7 +248,8 @@ class Collection {
   void beginRemoval(Job& job);
   bool removeNext(Job& job);
   void endJob(const std::optional<ServerError>& failure, bool damaged = false);
-  void noteFailure(const ServerError& failure);
+  void noteFailure(const Job& job, const ServerError& failure);
+  void tellOwners(const Job& job, const ServerError& failure);
   void forgetFailure();
   void logFailure(std::string_view during, const ServerError& failure);
   void failAll(const ServerError& failure);
@@ -318,6 +322,8 @@ class Collection {
   std::shared_ptr<Ticket> updateWanted_;
   std::shared_ptr<Ticket> removalWanted_;
   std::vector<Waiting> roundWanted_;
+  // Whether a round or an update is wanted that nobody waits for.
+  bool unawaited_ = false;
   std::shared_ptr<Ticket> updating_;
   JournalPosition updatingTo_;
   IndexProgress progress_;

@@ -202,16 +202,24 @@ void ParseOutcomes::putBack(Taken taken, const std::string& client) {
 void ParseOutcomes::setOwner(const std::string& key, const std::string& client,
                              const JournalPosition& end) {
   const std::lock_guard lock(mutex_);
-  if (const auto known = owners_.find(key); known != owners_.end()) forgetOwner(known);
+  if (const auto known = owners_.find(key); known != owners_.end()) eraseOwner(known);
   const std::size_t bytes = kOwnerCost + key.size() + client.size();
-  if (!client.empty() && owners_.size() < limit_ && memory_.fits(bytes_ + bytes)) {
+  if (owners_.size() < limit_ && memory_.fits(bytes_ + bytes)) {
     owners_.try_emplace(key, Owner{client, end});
     bytes_ += bytes;
   }
   memory_.set(bytes_);
 }
 
-void ParseOutcomes::forgetOwner(std::unordered_map<std::string, Owner>::iterator owner) {
+void ParseOutcomes::forgetOwner(const std::string& key) {
+  const std::lock_guard lock(mutex_);
+  const auto known = owners_.find(key);
+  if (known == owners_.end()) return;
+  eraseOwner(known);
+  memory_.set(bytes_);
+}
+
+void ParseOutcomes::eraseOwner(std::unordered_map<std::string, Owner>::iterator owner) {
   bytes_ -= kOwnerCost + owner->first.size() + owner->second.client.size();
   owners_.erase(owner);
 }
@@ -222,11 +230,30 @@ std::string ParseOutcomes::ownerOf(const std::string& key) const {
   return found == owners_.end() ? std::string() : found->second.client;
 }
 
+std::vector<ParseOutcomes::Owned> ParseOutcomes::takeUntold(const JournalPosition& after,
+                                                            const JournalPosition& upTo) {
+  const std::lock_guard lock(mutex_);
+  std::vector<decltype(owners_)::value_type*> untold;
+  for (auto& entry : owners_) {
+    const Owner& owner = entry.second;
+    if (!owner.isTold && after < owner.end && owner.end <= upTo) untold.push_back(&entry);
+  }
+  std::sort(untold.begin(), untold.end(),
+            [](const auto* one, const auto* other) { return one->second.end < other->second.end; });
+  std::vector<Owned> taken;
+  taken.reserve(untold.size());
+  for (auto* const entry : untold) {
+    taken.push_back({entry->first, entry->second.client});
+    entry->second.isTold = true;
+  }
+  return taken;
+}
+
 void ParseOutcomes::forgetOwnersUpTo(const JournalPosition& position) {
   const std::lock_guard lock(mutex_);
   for (auto owner = owners_.begin(); owner != owners_.end();) {
     const auto next = std::next(owner);
-    if (owner->second.end <= position) forgetOwner(owner);
+    if (owner->second.end <= position) eraseOwner(owner);
     owner = next;
   }
   // A table that has been large stays so.

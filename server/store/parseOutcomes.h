@@ -9,6 +9,7 @@
 #include <string>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "server/base/memoryBudget.h"
 #include "server/store/journal.h"
@@ -85,11 +86,20 @@ class ParseOutcomes {
   /// After what was taken could not be told.
   void putBack(Taken taken, const std::string& client = {});
 
-  /// The client queued the document, which ends there in the journal. Without a name nobody is its
-  /// owner from now on.
+  /// The client, which may have no name, queued the document, which ends there in the journal.
   void setOwner(const std::string& key, const std::string& client, const JournalPosition& end);
+  /// Nobody has queued the document whom anything more is to be told of it.
+  void forgetOwner(const std::string& key);
   /// Whoever queued the document last; empty if nobody did under a name.
   std::string ownerOf(const std::string& key) const;
+  /// A document and the client that has queued it.
+  struct Owned {
+    std::string key;
+    std::string client;
+  };
+  /// Those that end after the one place and up to the other, in their order, and that were not
+  /// taken before.
+  std::vector<Owned> takeUntold(const JournalPosition& after, const JournalPosition& upTo);
   /// The index has all that ends up to there, so that nothing more can become of it.
   void forgetOwnersUpTo(const JournalPosition& position);
 
@@ -115,6 +125,7 @@ class ParseOutcomes {
   struct Owner {
     std::string client;
     JournalPosition end;
+    bool isTold = false;
   };
   using Clients = std::unordered_map<std::string, Client>;
 
@@ -129,7 +140,7 @@ class ParseOutcomes {
   Clients::iterator clientThatTakesMost();
   Clients::iterator oldestClient();
   void forgetClient(Clients::iterator client);
-  void forgetOwner(std::unordered_map<std::string, Owner>::iterator owner);
+  void eraseOwner(std::unordered_map<std::string, Owner>::iterator owner);
   void forgetRefused(std::deque<std::pair<std::string, BatchOutcome>>::iterator refused);
 
   const std::size_t limit_;

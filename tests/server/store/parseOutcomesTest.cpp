@@ -128,9 +128,29 @@ TEST_F(ParseOutcomesTest, OwnersAreKnownUntilTheIndexHasTheirDocuments) {
 
 TEST_F(ParseOutcomesTest, DocumentThatIsQueuedWithoutANameHasNoOwner) {
   outcomes_.setOwner("k", "ada", {1, 10});
-  outcomes_.setOwner("k", "", {1, 20});
+  outcomes_.forgetOwner("k");
+  outcomes_.forgetOwner("k");
   EXPECT_EQ(outcomes_.ownerOf("k"), "");
   EXPECT_TRUE(outcomes_.empty());
+}
+
+TEST_F(ParseOutcomesTest, DocumentsOfAPartOfTheJournalAreTakenOnceInTheirOrder) {
+  const auto untold = [&](const JournalPosition& after, const JournalPosition& upTo) {
+    std::vector<std::string> list;
+    for (const auto& [key, client] : outcomes_.takeUntold(after, upTo)) {
+      list.push_back(client + ":" + key);
+    }
+    return list;
+  };
+  outcomes_.setOwner("k4", "ada", {2, 10});
+  outcomes_.setOwner("k3", "", {1, 30});
+  outcomes_.setOwner("k2", "ben", {1, 20});
+  outcomes_.setOwner("k1", "ada", {1, 10});
+  EXPECT_THAT(untold({1, 10}, {1, 30}), ElementsAre("ben:k2", ":k3"));
+  EXPECT_THAT(untold({}, {3, 0}), ElementsAre("ada:k1", "ada:k4"));
+  EXPECT_EQ(outcomes_.ownerOf("k2"), "ben");
+  outcomes_.setOwner("k2", "ben", {2, 20});
+  EXPECT_THAT(untold({}, {3, 0}), ElementsAre("ben:k2")) << "it was queued again";
 }
 
 TEST_F(ParseOutcomesTest, NoMoreOwnersAreKeptThanOutcomes) {

@@ -30,6 +30,7 @@ namespace corvaned {
 namespace {
 
 using ::testing::AllOf;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
@@ -341,6 +342,97 @@ TEST_F(RefreshStepsTest, RefusalOfADocumentGoesToNobodyWhoQueuedItBeforeUnderANa
   index();
   EXPECT_EQ(collection_->takeOutcomes("ada").size(), 0U);
   EXPECT_EQ(collection_->takeOutcomes().size(), 1U);
+}
+
+// Nobody waits for a queued document, and perhaps nobody reads the log.
+TEST_F(RefreshStepsTest, WhoeverQueuedADocumentIsToldOnceThatItIsNotSearchableYet) {
+  create(kImmediate);
+  const auto fail = [&] {
+    const test::FileSizeLimit full(8192);
+    index();
+  };
+  const auto told = [&](const std::string& client) {
+    std::vector<std::string> list;
+    for (const ParseOutcome& outcome : collection_->takeOutcomes(client)) {
+      list.push_back(outcome.key + " " + outcome.messageId);
+    }
+    return list;
+  };
+  collection_->queue({"k1", {}, "fox"}, "ada");
+  collection_->queue({"k2", {}, "fox"});
+  collection_->queue({"k3", {}, "fox"}, "ada");
+  const auto waits = collection_->add({"k4", {}, "fox"});
+  fail();
+  EXPECT_THROW(waits->requireSuccess(), ServerError);
+  EXPECT_THAT(told("ada"), ElementsAre("k1 ", "k3 ", "k1 ZVK0014E", "k3 ZVK0014E"));
+  EXPECT_THAT(told(""), ElementsAre("k2 ", "k2 ZVK0014E"));
+  collection_->queue({"k5", {}, "fox"}, "ada");
+  fail();
+  EXPECT_THAT(told("ada"), ElementsAre("k5 ", "k5 ZVK0014E"));
+  EXPECT_THAT(told(""), ElementsAre());
+  collection_->queue({"k6", {}, "fox"}, "ada");
+  index();
+  EXPECT_EQ(collection_->estimate("fox", kExactHits).hits, 6U);
+  EXPECT_THAT(told("ada"), ElementsAre("k6 "));
+  EXPECT_THAT(told(""), ElementsAre());
+}
+
+TEST_F(RefreshStepsTest, RoundThatCannotBeginIsToldToWhoeverQueuedADocument) {
+  create(kImmediate);
+  const std::filesystem::path table = directory_.path() / "index" / "postlist.glass";
+  const std::uintmax_t size = std::filesystem::file_size(table);
+  std::filesystem::resize_file(table, size + 1);
+  collection_->queue({"k1", {}, "fox"});
+  index();
+  const std::vector<ParseOutcome> outcomes = collection_->takeOutcomes();
+  ASSERT_EQ(outcomes.size(), 2U);
+  EXPECT_EQ(outcomes[1].key, "k1");
+  EXPECT_THAT(outcomes[1].messageText,
+              AllOf(HasSubstr("the document is kept"), HasSubstr("postlist.glass")));
+}
+
+TEST_F(RefreshStepsTest, StateTellsThatQueuedDocumentsAreNotSearchable) {
+  create(kImmediate);
+  const auto failureOfState = [&]() -> std::optional<ErrorKind> {
+    try {
+      collection_->state();
+    } catch (const ServerError& error) {
+      EXPECT_THAT(error.what(), HasSubstr("the last attempt to make them searchable failed"));
+      return error.kind();
+    }
+    return std::nullopt;
+  };
+  const auto fail = [&] {
+    const test::FileSizeLimit full(8192);
+    index();
+  };
+  collection_->add({"k0", {}, "fox"});
+  fail();
+  EXPECT_EQ(failureOfState(), std::nullopt) << "whoever added it waits, and has been told";
+  collection_->add({"k0", {}, "fox"});
+  collection_->queue({"k1", {}, "fox"});
+  EXPECT_EQ(failureOfState(), std::nullopt);
+  fail();
+  EXPECT_EQ(failureOfState(), ErrorKind::StorageFailed);
+  collection_->add({"k0", {}, "fox"});
+  fail();
+  EXPECT_EQ(failureOfState(), ErrorKind::StorageFailed) << "it waits still";
+  open();
+  EXPECT_TRUE(collection_->takeOverdue());
+  fail();
+  EXPECT_EQ(failureOfState(), ErrorKind::StorageFailed) << "it has waited since before";
+  collection_->queue({"k2", {}, "fox"});
+  index();
+  EXPECT_EQ(collection_->state(), CollectionState::Current);
+  // Nothing has that tried again before the next change.
+  collection_->queue({"k3", {}, "fox"});
+  ASSERT_TRUE(collection_->takeOnIndexing());
+  collection_->giveUpIndexing();
+  EXPECT_EQ(failureOfState(), ErrorKind::OutOfMemory);
+  collection_->queue({"k4", {}, "fox"});
+  index();
+  EXPECT_EQ(collection_->state(), CollectionState::Current);
+  EXPECT_EQ(collection_->estimate("fox", kExactHits).hits, 5U);
 }
 
 TEST_F(RefreshStepsTest, IndexIsBroughtToRestOnceAfterManyChanges) {
