@@ -271,12 +271,14 @@ std::string readyLines(const Server& server, const std::optional<Monitor>& monit
   return lines;
 }
 
-std::string metricsText(Dispatcher& dispatcher, const MemoryBudget& memory) {
+std::string metricsText(Dispatcher& dispatcher, const MemoryBudget& memory,
+                        const CollectionCounts& collections) {
   std::string text = dispatcher.metrics().text();
   appendMetric(text, "corvaned_memory_budget_bytes", "gauge", "What --max-memory allows.",
                memory.limit());
   appendMetric(text, "corvaned_memory_used_bytes", "gauge",
                "What requests, replies and index updates have set aside of it.", memory.used());
+  appendCollections(text, collections);
   return text;
 }
 
@@ -320,8 +322,10 @@ void serve(const Options& options, const std::function<Options()>& again) {
   if (options.monitorPort) {
     monitor.emplace(
         *options.monitorPort,
-        Monitor::Sources{[&] { return metricsText(dispatcher, *options.server.memory); },
-                         [&] { return std::string(stopping ? "the server is stopping" : ""); }});
+        Monitor::Sources{
+            [&] { return metricsText(dispatcher, *options.server.memory, store.counts()); },
+            [&] { return std::string(stopping ? "the server is stopping" : ""); },
+            [&] { return noticeOf(store.counts()); }});
   }
   const std::string lines = readyLines(server, monitor);
   writePortFile(options.portFile, lines);

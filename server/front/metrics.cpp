@@ -13,7 +13,35 @@ void appendHead(std::string& out, std::string_view name, std::string_view type,
   fmt::format_to(std::back_inserter(out), "# HELP {0} {1}\n# TYPE {0} {2}\n", name, help, type);
 }
 
+using Condition = std::pair<std::string_view, std::uint64_t>;
+
+std::array<Condition, 3> defectsIn(const CollectionCounts& counts) {
+  return {{{"refuses_changes", counts.refusing},
+           {"not_updated", counts.notUpdated},
+           {"not_opened", counts.notOpened}}};
+}
+
 }  // namespace
+
+void appendCollections(std::string& out, const CollectionCounts& counts) {
+  const std::string_view name = "corvaned_collections";
+  appendHead(out, name, "gauge", "Collections that are in use, or cannot be opened, by condition.");
+  const auto append = [&](const Condition& condition) {
+    fmt::format_to(std::back_inserter(out), "{}{{condition=\"{}\"}} {}\n", name, condition.first,
+                   condition.second);
+  };
+  append({"sound", counts.sound});
+  for (const Condition& defect : defectsIn(counts)) append(defect);
+}
+
+std::string noticeOf(const CollectionCounts& counts) {
+  std::string list;
+  for (const auto& [condition, count] : defectsIn(counts)) {
+    if (count > 0) list += fmt::format("{}{}={}", list.empty() ? "" : " ", condition, count);
+  }
+  if (list.empty()) return {};
+  return "collections with the status 2: " + list + "; the log says which and why\n";
+}
 
 void appendMetric(std::string& out, std::string_view name, std::string_view type,
                   std::string_view help, std::uint64_t value) {

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <utility>
 
+#include "server/store/store.h"
+
 namespace corvaned {
 
 /// Counts what the server does and how long that takes. May be used from any thread.
@@ -43,6 +45,13 @@ class Metrics {
   std::atomic<std::uint64_t> ended_ = 0;
   std::atomic<std::uint64_t> turnedAway_ = 0;
 };
+
+/// Appends how many collections there are in the text format of Prometheus. They have no names
+/// there: there may be any number, and whoever asks need not be allowed to know them.
+void appendCollections(std::string& out, const CollectionCounts& counts);
+
+/// What is wrong with how many collections, in one line; empty if nothing is.
+std::string noticeOf(const CollectionCounts& counts);
 
 /// Appends one value in the text format of Prometheus.
 void appendMetric(std::string& out, std::string_view name, std::string_view type,

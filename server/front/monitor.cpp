@@ -141,8 +141,8 @@ std::string Monitor::reply(const std::string& request) const {
   if (asks("/metrics")) return httpReply("200 OK", sources_.metrics());
   if (asks("/ready")) {
     const std::string obstacle = sources_.obstacle();
-    return obstacle.empty() ? httpReply("200 OK", "ready\n")
-                            : httpReply("503 Service Unavailable", obstacle + "\n");
+    if (!obstacle.empty()) return httpReply("503 Service Unavailable", obstacle + "\n");
+    return httpReply("200 OK", "ready\n" + (sources_.notice ? sources_.notice() : std::string()));
   }
   if (!line.starts_with("GET ")) return httpReply("405 Method Not Allowed", "only GET is known\n");
   return httpReply("404 Not Found", "there are /metrics, /health and /ready\n");

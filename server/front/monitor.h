@@ -17,6 +17,8 @@ class Monitor {
     std::function<std::string()> metrics;
     /// Why the server is not ready; empty if it is.
     std::function<std::string()> obstacle;
+    /// Lines about what an operator has to see to although the server is ready; none: nothing.
+    std::function<std::string()> notice{};
   };
 
   /// Port 0: any free one. Throws std::runtime_error if it cannot listen there. The sources are

@@ -434,7 +434,7 @@ void Collection::giveUpIndexing() noexcept {
     update.swap(updateWanted_);
     removal.swap(removalWanted_);
     const bool isUnawaited = std::exchange(unawaited_, false);
-    if (isUnawaited && refresh_.mode == Refresh::Mode::Immediate) failure_ = noMemory_;
+    if (isUnawaited && refresh_.mode == Refresh::Mode::Immediate) setFailure(noMemory_);
   }
   for (const Waiting& each : waiting) {
     if (each.ticket) each.ticket->finish(noMemory_);
@@ -566,6 +566,7 @@ void Collection::forgetFailure() {
   failed_ = false;
   const std::lock_guard lock(jobsMutex_);
   failure_.reset();
+  isNotUpdated_ = false;
 }
 
 void Collection::end(Job& job) {
@@ -690,7 +691,13 @@ void Collection::noteFailure(const Job& job, const ServerError& failure) {
   const std::lock_guard lock(jobsMutex_);
   const bool concernsOthers = job.isUnawaited || failure_;
   if (refresh_.mode == Refresh::Mode::Interval ? passes : !concernsOthers) return;
+  setFailure(failure);
+}
+
+// jobsMutex_ is locked. Takes no memory.
+void Collection::setFailure(const ServerError& failure) {
   failure_ = failure;
+  isNotUpdated_ = true;
 }
 
 // Whoever waits for a change to become searchable has been told; whoever queued a document does not
@@ -826,6 +833,11 @@ CollectionState Collection::state() const {
                                   failure_->what()));
   }
   return CollectionState::ChangesPending;
+}
+
+Collection::Condition Collection::condition() const noexcept {
+  if (journal_.refusesChanges()) return Condition::RefusesChanges;
+  return isNotUpdated_ ? Condition::NotUpdated : Condition::Sound;
 }
 
 bool Collection::close() {

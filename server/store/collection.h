@@ -106,6 +106,9 @@ class Collection {
   static std::vector<HitDetails> details(std::span<Collection* const> collections,
                                          const SearchQuery& query, const DetailsWanted& wanted);
   CollectionState state() const;
+  /// What an operator has to see to. Waits for nothing.
+  enum class Condition { Sound, RefusesChanges, NotUpdated };
+  Condition condition() const noexcept;
   CollectionSummary summary();
 
   /// Whether there is work for indexStep() that nobody has taken on. Whoever is told so has to call
@@ -249,6 +252,7 @@ class Collection {
   bool removeNext(Job& job);
   void endJob(const std::optional<ServerError>& failure, bool damaged = false);
   void noteFailure(const Job& job, const ServerError& failure);
+  void setFailure(const ServerError& failure);
   void tellOwners(const Job& job, const ServerError& failure);
   void forgetFailure();
   void logFailure(std::string_view during, const ServerError& failure);
@@ -329,6 +333,8 @@ class Collection {
   IndexProgress progress_;
   bool indexing_ = false;
   std::optional<ServerError> failure_;
+  // Whether there is such a reason, for those who must not wait.
+  std::atomic<bool> isNotUpdated_ = false;
 
   // Opening the journal fills the members above, so it must be declared after them.
   Journal journal_;

@@ -134,6 +134,7 @@ std::exception_ptr Journal::mark(std::uint64_t sequence) {
 
 void Journal::refuseChanges(const std::filesystem::path& path, int error) {
   if (!failure_.empty()) return;
+  refuses_ = true;
   // Changes must be refused also if there is no memory for more than that.
   failure_ = "a sync failed";
   failure_ = path.string() + ": " + std::generic_category().message(error);
@@ -313,7 +314,9 @@ void Journal::requireHealthy() const {
 
 // The entries that follow would be unreadable after the remains of a failed write.
 void Journal::takeBack(std::uint64_t bytes, const std::string& reason) {
-  if (::ftruncate(current_->handle.get(), static_cast<off_t>(bytes)) != 0) failure_ = reason;
+  if (::ftruncate(current_->handle.get(), static_cast<off_t>(bytes)) == 0) return;
+  refuses_ = true;
+  failure_ = reason;
 }
 
 }  // namespace corvaned

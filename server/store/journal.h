@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <compare>
 #include <condition_variable>
 #include <cstdint>
@@ -140,6 +141,9 @@ class Journal {
   /// Throws if changes are refused, and says why.
   void requireWritable() const;
 
+  /// Whether changes are refused. Waits for nothing.
+  bool refusesChanges() const { return refuses_; }
+
   /// True if no segment holds a change.
   bool empty() const;
 
@@ -180,6 +184,8 @@ class Journal {
   // Why the journal refuses changes; empty as long as it accepts them. After a failed sync the
   // kernel may have dropped the data, and a second sync would report success.
   std::string failure_;
+  // The same for those who must not wait for the disk.
+  std::atomic<bool> refuses_ = false;
 };
 
 }  // namespace corvaned

@@ -190,7 +190,7 @@ void LocalStore::deleteCollection(const std::string& name) {
       std::filesystem::remove(temporary, kept);
       throw;
     }
-    forgetOutcomes(name);
+    forget(name);
   }
   tryToRemoveTree(temporary);
 }
@@ -410,7 +410,7 @@ BackupKeeper::House LocalStore::house() {
           stopping_,
           [this] { return collections({}, kAll); },
           [this] { return freshTemporary(); },
-          [this](const std::string& name) { forgetOutcomes(name); },
+          [this](const std::string& name) { forget(name); },
           limits_.unusedWithin};
 }
 
@@ -462,9 +462,45 @@ void LocalStore::catchUp(Collection& collection) {
   }
 }
 
+std::unique_ptr<Collection> LocalStore::read(const std::string& name) {
+  try {
+    std::unique_ptr<Collection> collection = readFiles(name);
+    noteOpening(name, false);
+    return collection;
+  } catch (const ServerError& error) {
+    const bool isGone = error.kind() == ErrorKind::UnknownCollection;
+    // What else fails passes, and says nothing of the files.
+    if (isGone || error.kind() == ErrorKind::StorageFailed) noteOpening(name, !isGone);
+    throw;
+  } catch (const std::system_error&) {
+    noteOpening(name, true);
+    throw;
+  }
+}
+
+void LocalStore::noteOpening(const std::string& name, bool failed) noexcept {
+  try {
+    const std::lock_guard lock(unopenedMutex_);
+    if (failed) {
+      unopened_.insert(name);
+    } else {
+      unopened_.erase(name);
+    }
+  } catch (const std::bad_alloc&) {
+    // Whoever wants it opened is told, and the next attempt notes it.
+  }
+}
+
+CollectionCounts LocalStore::counts() const {
+  CollectionCounts counts = registry_.counts();
+  const std::lock_guard lock(unopenedMutex_);
+  counts.notOpened = unopened_.size();
+  return counts;
+}
+
 // The first request that names a collection opens it, so that a damaged one does not affect the
 // others.
-std::unique_ptr<Collection> LocalStore::read(const std::string& name) {
+std::unique_ptr<Collection> LocalStore::readFiles(const std::string& name) {
   const std::filesystem::path path = pathOf(name);
   if (!std::filesystem::exists(path)) throwUnknown(name);
   makeRoom();
@@ -500,7 +536,9 @@ std::shared_ptr<ParseOutcomes> LocalStore::outcomesOf(const std::string& name) {
   return outcomes;
 }
 
-void LocalStore::forgetOutcomes(const std::string& name) {
+// The collection has gone, or others have come in its place.
+void LocalStore::forget(const std::string& name) {
+  noteOpening(name, false);
   const std::lock_guard lock(outcomesMutex_);
   outcomes_.erase(name);
 }

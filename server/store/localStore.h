@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "server/base/logRepeats.h"
@@ -91,6 +92,8 @@ class LocalStore : public Store {
   void restore(const Restoration& restoration) override;
   std::vector<BackupSummary> backups(const std::string& after, std::uint64_t most) override;
   std::vector<std::string> collections(const std::string& after, std::uint64_t most) override;
+  /// Of those that were asked for since the start. Waits neither for the disk nor for a collection.
+  CollectionCounts counts() const;
 
  private:
   StoreLimits withHelpers(StoreLimits limits);
@@ -99,6 +102,8 @@ class LocalStore : public Store {
   Registry::Use find(const std::string& name);
   static void catchUp(Collection& collection);
   std::unique_ptr<Collection> read(const std::string& name);
+  std::unique_ptr<Collection> readFiles(const std::string& name);
+  void noteOpening(const std::string& name, bool failed) noexcept;
   void startIndexing(Registry::Use collection);
   void startIndexing(const std::shared_ptr<Registry::Use>& collection);
   void handOver(const std::shared_ptr<Registry::Use>& collection);
@@ -113,7 +118,7 @@ class LocalStore : public Store {
   bool isQuicklyRead(const std::string& name) const;
   void makeRoom();
   std::shared_ptr<ParseOutcomes> outcomesOf(const std::string& name);
-  void forgetOutcomes(const std::string& name);
+  void forget(const std::string& name);
   std::filesystem::path pathOf(const std::string& name) const;
   std::filesystem::path freshTemporary();
   void removeLeftovers() const;
@@ -133,6 +138,10 @@ class LocalStore : public Store {
   // asked for. Unneeded ones are removed when there are twice as many as at the last time.
   std::map<std::string, std::shared_ptr<ParseOutcomes>> outcomes_;
   std::size_t outcomesToPrune_ = 64;
+
+  mutable std::mutex unopenedMutex_;
+  // Those that could not be opened because of their files. Guarded by unopenedMutex_.
+  std::set<std::string> unopened_;
 
   LogRepeats repeats_;
 

@@ -232,6 +232,26 @@ std::size_t Registry::size() const {
   return entries_.size();
 }
 
+CollectionCounts Registry::counts() const {
+  CollectionCounts counts;
+  const std::lock_guard lock(mutex_);
+  for (const auto& [name, entry] : entries_) {
+    if (entry->state != Entry::State::Open) continue;
+    switch (entry->collection->condition()) {
+      case Collection::Condition::Sound:
+        ++counts.sound;
+        break;
+      case Collection::Condition::RefusesChanges:
+        ++counts.refusing;
+        break;
+      case Collection::Condition::NotUpdated:
+        ++counts.notUpdated;
+        break;
+    }
+  }
+  return counts;
+}
+
 // One that cannot be closed now stays open, as if it had just been used.
 bool Registry::shut(Lock& lock, const std::shared_ptr<Entry>& entry) {
   entry->state = Entry::State::Reserved;

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "server/base/errors.h"
+#include "server/store/store.h"
 
 namespace corvaned {
 
@@ -24,8 +25,8 @@ class Collection;
 /// mutex is held for look-ups only. Those who need a collection that is being opened wait for that
 /// one opening, and all of them are told if it fails; whoever asks later has it tried again.
 ///
-/// May be used from any thread. Its mutex comes after every other lock: nothing is called, opened
-/// or closed while it is held.
+/// May be used from any thread. Its mutex comes after every other lock: nothing that waits is
+/// called, and nothing opened or closed, while it is held.
 class Registry {
   struct Entry;
 
@@ -122,6 +123,8 @@ class Registry {
 
   /// How many are open.
   std::size_t size() const;
+  /// The same by what is wrong with them.
+  CollectionCounts counts() const;
 
  private:
   using Lock = std::unique_lock<std::mutex>;

@@ -214,6 +214,18 @@ struct BatchOutcome {
   Refusals refused{};
 };
 
+/// How many collections an operator has to do something about, and how many not.
+struct CollectionCounts {
+  /// Open, and nothing is wrong.
+  std::uint64_t sound = 0;
+  /// Open, and changes are refused since the disk failed.
+  std::uint64_t refusing = 0;
+  /// Open, and changes wait since the last attempt to make them searchable failed.
+  std::uint64_t notUpdated = 0;
+  /// Not open, since the storage failed at the last attempt.
+  std::uint64_t notOpened = 0;
+};
+
 enum class CollectionState {
   /// Every accepted change is searchable.
   Current,

@@ -470,7 +470,7 @@ TEST_F(ProcessTest, ConfigurationFileIsReadAndItsLogLevelAgainOnSignal) {
   EXPECT_EQ(outcomeOf({"--config", config + ".none", "--data", data_}).second, 2);
 }
 
-TEST_F(ProcessTest, StorageFailureIsOneLineOfTheLog) {
+TEST_F(ProcessTest, StorageFailureIsOneLineOfTheLogAndToldByTheMonitor) {
   {
     CorvanedProgram program(arguments());
     RawClient client(portOf(program.line()));
@@ -478,8 +478,11 @@ TEST_F(ProcessTest, StorageFailureIsOneLineOfTheLog) {
     EXPECT_EQ(client.receive(2), std::string("\0\1", 2));
   }
   std::ofstream(data_ + "/collections/c/index/iamglass") << "damaged";
-  CorvanedProgram program(arguments());
+  std::vector<std::string> words = arguments();
+  words.insert(words.end(), {"--monitor-port", "0"});
+  CorvanedProgram program(words);
   RawClient client(portOf(program.line()));
+  const std::string monitor = program.line();
   for (int i = 0; i < 3; ++i) {
     client.send(binaryRequest({{"action", "search"}, {"index", "c"}, {"query", "x"}}));
     EXPECT_EQ(client.receive(2), std::string("\0\6", 2));
@@ -487,6 +490,13 @@ TEST_F(ProcessTest, StorageFailureIsOneLineOfTheLog) {
     client.receive(static_cast<unsigned char>(length[0]) * 256U +
                    static_cast<unsigned char>(length[1]));
   }
+  const auto told = [&](const std::string& path) {
+    RawClient tool(portOf(monitor));
+    tool.send("GET " + path + " HTTP/1.1\r\n\r\n");
+    return tool.receiveAll();
+  };
+  EXPECT_THAT(told("/metrics"), HasSubstr("corvaned_collections{condition=\"not_opened\"} 1\n"));
+  EXPECT_THAT(told("/ready"), AllOf(StartsWith("HTTP/1.1 200 OK"), HasSubstr("not_opened=1")));
   program.signal(SIGTERM);
   const std::string log = program.rest();
   const std::string line = "failure: action=\"search\" collection=\"c\" error=ZVK0014E reason=";

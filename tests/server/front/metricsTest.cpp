@@ -53,5 +53,24 @@ TEST(Metrics, ConnectionsAreThoseTakenAndNotEnded) {
   EXPECT_THAT(metrics.text(), HasSubstr("\ncorvaned_connections_turned_away_total 1\n"));
 }
 
+TEST(Metrics, CollectionsAreCountedByConditionWithoutTheirNames) {
+  std::string text;
+  appendCollections(text, {5, 1, 2, 3});
+  EXPECT_THAT(text, HasSubstr("# TYPE corvaned_collections gauge\n"));
+  EXPECT_THAT(text, HasSubstr("\ncorvaned_collections{condition=\"sound\"} 5\n"
+                              "corvaned_collections{condition=\"refuses_changes\"} 1\n"
+                              "corvaned_collections{condition=\"not_updated\"} 2\n"
+                              "corvaned_collections{condition=\"not_opened\"} 3\n"));
+}
+
+TEST(Metrics, NoticeTellsWhatIsWrongAndNothingElse) {
+  EXPECT_EQ(noticeOf({}), "");
+  EXPECT_EQ(noticeOf({7, 0, 0, 0}), "");
+  EXPECT_EQ(noticeOf({7, 0, 2, 1}),
+            "collections with the status 2: not_updated=2 not_opened=1; the log says which and "
+            "why\n");
+  EXPECT_THAT(noticeOf({0, 1, 0, 0}), HasSubstr(": refuses_changes=1;"));
+}
+
 }  // namespace
 }  // namespace corvaned

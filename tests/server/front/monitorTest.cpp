@@ -31,7 +31,9 @@ class MonitorTest : public ::testing::Test {
   }
 
   std::string obstacle_;
-  Monitor monitor_{0, {[] { return "metric 1\n"; }, [this] { return obstacle_; }}};
+  std::string notice_;
+  Monitor monitor_{
+      0, {[] { return "metric 1\n"; }, [this] { return obstacle_; }, [this] { return notice_; }}};
 };
 
 TEST_F(MonitorTest, ToolsGetWhatTheyAskFor) {
@@ -49,6 +51,16 @@ TEST_F(MonitorTest, ServerThatIsNotReadySaysWhy) {
   obstacle_ = "no disk";
   EXPECT_THAT(get("/ready"), AllOf(StartsWith("HTTP/1.1 503 "), EndsWith("no disk\n")));
   EXPECT_THAT(get("/health"), StartsWith("HTTP/1.1 200 "));
+}
+
+// One collection that fails is no reason to send all other requests elsewhere.
+TEST_F(MonitorTest, ServerThatIsReadySaysWhatAnOperatorHasToSeeTo) {
+  EXPECT_THAT(get("/ready"), EndsWith("\r\n\r\nready\n"));
+  notice_ = "a collection fails\n";
+  EXPECT_THAT(get("/ready"),
+              AllOf(StartsWith("HTTP/1.1 200 "), EndsWith("\r\n\r\nready\na collection fails\n")));
+  obstacle_ = "the server is stopping";
+  EXPECT_THAT(get("/ready"), StartsWith("HTTP/1.1 503 "));
 }
 
 TEST_F(MonitorTest, RubbishAndSilenceHoldUpNobodyForLong) {

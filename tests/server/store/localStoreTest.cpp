@@ -496,6 +496,43 @@ TEST_F(LocalStoreTest, SyncThatFailsEndsChangesAndLosesNothingThatWasAcknowledge
   EXPECT_THAT(keys("title:k7"), ElementsAre("k7"));
 }
 
+TEST_F(LocalStoreTest, CountsTellWhichCollectionsNeedAnOperator) {
+  const auto counts = [&] {
+    const CollectionCounts now = store_->counts();
+    return std::vector<std::uint64_t>{now.sound, now.refusing, now.notUpdated, now.notOpened};
+  };
+  EXPECT_THAT(counts(), ElementsAre(0, 0, 0, 0));
+  for (const char* name : {"c", "d", "e"}) {
+    store_->createCollection(name, "en");
+    store_->openCollection(name);
+  }
+  EXPECT_THAT(counts(), ElementsAre(3, 0, 0, 0));
+  {
+    const test::FailingSync failing;
+    refusal(ErrorKind::StorageFailed, [&] { add("k", "fox"); });
+  }
+  EXPECT_THAT(counts(), ElementsAre(2, 1, 0, 0));
+  store_->closeCollection("d");
+  EXPECT_THAT(counts(), ElementsAre(1, 1, 0, 0));
+  const std::filesystem::path file = directory_.path() / "data/collections/d/index/iamglass";
+  const std::filesystem::path aside = directory_.path() / "aside";
+  std::filesystem::rename(file, aside);
+  for (int i = 0; i < 2; ++i) {
+    refusal(ErrorKind::StorageFailed, [&] { store_->openCollection("d"); });
+    EXPECT_THAT(counts(), ElementsAre(1, 1, 0, 1));
+  }
+  std::filesystem::rename(aside, file);
+  store_->openCollection("d");
+  EXPECT_THAT(counts(), ElementsAre(2, 1, 0, 0));
+  store_->closeCollection("d");
+  std::filesystem::remove(file);
+  refusal(ErrorKind::StorageFailed, [&] { store_->openCollection("d"); });
+  EXPECT_THAT(counts(), ElementsAre(1, 1, 0, 1));
+  store_->deleteCollection("d");
+  refusal(ErrorKind::UnknownCollection, [&] { store_->openCollection("none"); });
+  EXPECT_THAT(counts(), ElementsAre(1, 1, 0, 0));
+}
+
 TEST_F(LocalStoreTest, ForgottenOutcomesAreOneLineOfTheLog) {
   const test::LogLines log;
   limits_.outcomes = 3;

@@ -429,6 +429,7 @@ TEST_F(RefreshStepsTest, StateTellsThatQueuedDocumentsAreNotSearchable) {
   ASSERT_TRUE(collection_->takeOnIndexing());
   collection_->giveUpIndexing();
   EXPECT_EQ(failureOfState(), ErrorKind::OutOfMemory);
+  EXPECT_EQ(collection_->condition(), Collection::Condition::NotUpdated);
   collection_->queue({"k4", {}, "fox"});
   index();
   EXPECT_EQ(collection_->state(), CollectionState::Current);
@@ -566,6 +567,7 @@ TEST_F(RefreshStepsTest, AttemptsThatFailComeSlowlyAndLeaveNoFilesBehind) {
     next = collection_->takeRefreshTime();
     EXPECT_EQ(next, Collection::kRetryAfter);
     EXPECT_EQ(segments(), 3) << "the mark, a closed segment and an empty one";
+    EXPECT_EQ(collection_->condition(), Collection::Condition::NotUpdated);
     try {
       collection_->state();
       ADD_FAILURE() << "nobody is told";
@@ -580,6 +582,7 @@ TEST_F(RefreshStepsTest, AttemptsThatFailComeSlowlyAndLeaveNoFilesBehind) {
   EXPECT_EQ(collection_->estimate("fox", kExactHits).hits, 2U);
   EXPECT_EQ(segments(), 2);
   EXPECT_EQ(collection_->state(), CollectionState::Current);
+  EXPECT_EQ(collection_->condition(), Collection::Condition::Sound);
   collection_->add({"k3", {}, "fox"});
   EXPECT_EQ(collection_->takeRefreshTime(), std::chrono::milliseconds(70));
 }
