@@ -205,8 +205,12 @@ Reply digest(const Service& service, const Request& request) {
   std::uint64_t every = 0;
   readNumber(request, words().every, every);
   const bool inOneLine = every == 0;
-  if (lines == 0) return ReportReply{};
-  if (!inOneLine && every < query.size / lines) query.size = every * lines;
+  // Without a line to make, the store still has to say whether it could.
+  if (lines == 0) {
+    query.size = 0;
+  } else if (!inOneLine && every < query.size / lines) {
+    query.size = every * lines;
+  }
   ReportReply reply;
   Digests digests(every, reply);
   service.store.visit(collection, query, [&](const Document& document) { digests.add(document); });

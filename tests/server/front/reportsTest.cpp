@@ -364,6 +364,8 @@ TEST_F(ReportsTest, DigestTakesNoMoreDocumentsThanItsLinesHold) {
   lines({{"report", "digest"}, {"index", "c"}});
   expectSize(all);
   lines({{"report", "digest"}, {"index", "c"}, {"every", "18446744073709551615"}});
+  // Of a collection that is unknown, or keeps no texts, nothing is refused as well.
+  expectSize(0);
   EXPECT_TRUE(lines({{"report", "digest"}, {"index", "c"}, {"size", "0"}}).empty());
 }
 
