@@ -10,8 +10,10 @@
 #include <vector>
 
 #include "tests/e2e/operations.h"
+#include "tests/e2e/serverModel.h"
 
-// The same operations over both protocols must have the same results.
+// The same operations over both protocols must have the same results, and those that a model of the
+// server expects.
 namespace tq::test {
 
 /// An application that carries out operations over one protocol and sees what comes of them.
@@ -34,16 +36,45 @@ class ProtocolSide : public Side {
 
  private:
   Answer reconnect();
+  tq::comm::ClientRequest requestFor(const Operation& operation) const;
+  void notePlace(const Operation& operation, const Answer& answer);
+  void makeNeutral(const Operation& operation, Answer& answer) const;
 
   std::string prefix_;
   std::unique_ptr<tq::comm::CorvaneRESTClient> client_;
+  std::string place_;
+};
+
+/// The servers that the sides talk to.
+class Arena {
+ public:
+  enum class Layout {
+    /// Both sides talk to one server.
+    Shared,
+    /// The binary side has a server of its own, which divides a collection among several databases.
+    Divided,
+  };
+
+  explicit Arena(Layout layout = Layout::Shared);
+
+  const CorvanedProcess& serverOf(Protocol protocol) const;
+  bool isDivided() const { return divided_ != nullptr; }
+  /// The sides' backups, and what they have replaced, go away.
+  void removeBackups();
+  /// The exit code of the first that does not end with 0.
+  int stop();
+
+ private:
+  TemporaryDirectory backups_;
+  std::unique_ptr<CorvanedProcess> single_, divided_;
 };
 
 /// Where the two sides parted.
 struct Difference {
   Operation operation;
-  bool probe = false;  // an operation that looks at the server's state behind the sequence
+  bool probe = false;  // an operation that looks at the server's state
   Answer http, binary;
+  std::string expected{};  // what the sides agree on and the model does not
 };
 std::ostream& operator<<(std::ostream& out, const Difference& difference);
 
@@ -56,17 +87,19 @@ struct Tally {
   std::size_t parsed = 0;
   std::size_t refusedDocuments = 0;
   std::size_t severalPortions = 0;
+  std::size_t furtherPages = 0;
+  std::size_t jointHits = 0;
 
   void add(const Operation& operation, const Answer& answer);
 };
 
-/// Lets both sides carry out sequences against one server.
+/// Lets both sides carry out sequences.
 class Duel {
  public:
-  /// Makes another side of one; for tests that must find the sides different.
+  /// Makes another side of one; for tests that must find it wrong.
   using Disguise = std::function<std::unique_ptr<Side>(std::unique_ptr<Side>)>;
 
-  explicit Duel(const CorvanedProcess& server, Disguise binaryDisguise = {});
+  explicit Duel(Arena& arena, Disguise binaryDisguise = {}, Disguise httpDisguise = {});
   ~Duel();
 
   /// The first difference in what the sides see of the sequence's operations and of the state that
@@ -74,17 +107,19 @@ class Duel {
   std::optional<Difference> fight(const Sequence& sequence, bool batching);
 
   const Tally& tally() const { return tally_; }
+  bool isDivided() const { return arena_.isDivided(); }
 
  private:
   class Fight;
 
-  void makeSharedCollection();
+  tq::comm::CorvaneRESTClient& arbiterOf(Protocol protocol);
+  void makeSharedCollection(Protocol protocol);
   bool sameEstimates(const std::string& collection, const std::string& query, Difference& found);
   void dropAll();
 
-  const CorvanedProcess& server_;
-  Disguise disguise_;
-  std::unique_ptr<tq::comm::CorvaneRESTClient> arbiter_;
+  Arena& arena_;
+  Disguise binaryDisguise_, httpDisguise_;
+  std::map<Protocol, std::unique_ptr<tq::comm::CorvaneRESTClient>> arbiters_;
   Tally tally_;
 };
 

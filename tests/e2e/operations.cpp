@@ -1,9 +1,12 @@
 #include "tests/e2e/operations.h"
 
+#include <algorithm>
 #include <array>
 #include <ostream>
 #include <random>
 #include <string_view>
+
+#include "comm/kruRESTMessage.h"
 
 namespace tq::test {
 
@@ -34,7 +37,18 @@ constexpr std::array<VerbTraits, kVerbs> kTraits{{
     {Verb::ScalarSearch, "scalar search", ClientRequest::SCALAR_SEARCH, 14},
     {Verb::AbandonedSearch, "abandoned search", ClientRequest::STREAM_SEARCH, 4},
     {Verb::Match, "match", ClientRequest::STREAM_SEARCH, 6},
-    {Verb::Digest, "digest", ClientRequest::PARSE_RESULT, 3},
+    {Verb::Digest, "digest", ClientRequest::PARSE_RESULT, 4},
+    {Verb::Batch, "batch", ClientRequest::ADD_DOCUMENT, 14},
+    {Verb::BatchOutcome, "batch outcome", ClientRequest::PARSE_RESULT, 4},
+    {Verb::Page, "page", ClientRequest::PARSE_RESULT, 16},
+    {Verb::Place, "place", ClientRequest::PARSE_RESULT, 4},
+    {Verb::Hits, "hits", ClientRequest::PARSE_RESULT, 12},
+    {Verb::Count, "count", ClientRequest::PARSE_RESULT, 5},
+    {Verb::CollectionFacts, "collection facts", ClientRequest::PARSE_RESULT, 2},
+    {Verb::CollectionList, "collection list", ClientRequest::PARSE_RESULT, 2},
+    {Verb::Backup, "backup", ClientRequest::BACKUP, 2},
+    {Verb::Restore, "restore", ClientRequest::RESTORE, 5},
+    {Verb::BackupList, "backup list", ClientRequest::PARSE_RESULT, 1},
     {Verb::Selectivity, "selectivity", ClientRequest::SELECTIVITY, 3},
     {Verb::Status, "status", ClientRequest::GET_STATUS, 4},
     {Verb::ServerStatus, "server status", ClientRequest::GET_STATUS, 1},
@@ -90,7 +104,7 @@ Verb randomVerb(Random& random) {
 
 std::string randomCollection(Random& random) {
   const std::size_t point = random.below(100);
-  if (point < 88) return creatableCollections()[0];
+  if (point < 80) return creatableCollections()[0];
   if (point < 93) return creatableCollections()[1];
   if (point < 96) return creatableCollections()[2];
   if (point < 98) return "nowhere";
@@ -165,11 +179,55 @@ std::string randomQuery(Random& random) {
   }
 }
 
+// What a model can tell the hits of, see collectionModel.h.
+std::string plainQuery(Random& random) {
+  const std::string first = random.word();
+  switch (random.below(6)) {
+    case 0:
+      return first + " " + random.word();
+    case 1:
+      return first + " OR " + random.word();
+    case 2:
+      return first + " NOT " + random.word();
+    case 3:
+      return "NOT " + first;
+    default:
+      return first;
+  }
+}
+
 void maybeNumber(Random& random, const char* name, Parameters& parameters) {
   if (!random.oneIn(6)) return;
   static const Texts kNumbers{"0", "1", "2", "3", "100", "18446744073709551615"};
   static const Texts kNoNumbers{"-1", "x", "18446744073709551616", "1.5", " 1"};
   parameters.emplace_back(name, random.pick(random.oneIn(8) ? kNoNumbers : kNumbers));
+}
+
+std::string smallKey(Random& random) { return "k" + std::to_string(random.below(5)); }
+
+std::string someKeys(Random& random) {
+  std::string list;
+  for (std::size_t count = 1 + random.below(3); count > 0; --count) {
+    constexpr std::size_t kPrefix = std::string_view("base64:").size();
+    if (!list.empty()) list += ',';
+    list += docIdOf(smallKey(random)).substr(kPrefix);
+  }
+  return random.oneIn(20) ? "k1" : list;
+}
+
+// Which keys the hits may have.
+void maybeRange(Random& random, Parameters& parameters) {
+  if (random.oneIn(8)) {
+    parameters.emplace_back(random.oneIn(2) ? "after" : "upTo",
+                            random.pick(Texts{"base64:azE=", "base64:azM=", "base64:", "k1"}));
+  }
+  if (random.oneIn(10)) parameters.emplace_back("keys", someKeys(random));
+}
+
+void maybeOrder(Random& random, Parameters& parameters) {
+  if (!random.oneIn(3)) return;
+  parameters.emplace_back(
+      "sortField", random.pick(Texts{"KEY", "KEY", "UNSORTED", "SCORE", "title", "n", "-n"}));
 }
 
 bool isOfScores(const std::pair<std::string, std::string>& parameter) {
@@ -188,15 +246,32 @@ Parameters searchParameters(Random& random) {
   if (random.oneIn(4)) parameters.emplace_back("scoreType", random.oneIn(3) ? "raw" : "normalized");
   if (random.oneIn(50)) parameters.emplace_back("scoreType", "best");
   if (random.oneIn(50)) parameters.emplace_back("pageNumber", "2");
-  if (random.oneIn(8)) {
-    parameters.emplace_back("sortField", random.pick(Texts{"KEY", "UNSORTED", "SCORE", "title"}));
-    if (random.oneIn(2)) std::erase_if(parameters, isOfScores);
+  if (random.oneIn(2)) maybeOrder(random, parameters);
+  if (!parameters.empty() && parameters.back().first == "sortField" && !random.oneIn(4)) {
+    std::erase_if(parameters, isOfScores);
   }
-  if (random.oneIn(12)) {
-    parameters.emplace_back(random.oneIn(2) ? "after" : "upTo",
-                            random.pick(Texts{"base64:azE=", "base64:azM=", "base64:", "k1"}));
-  }
+  maybeRange(random, parameters);
   return parameters;
+}
+
+// Of the reports that tell hits and places.
+Parameters resultParameters(Random& random) {
+  Parameters parameters;
+  if (!random.oneIn(8)) {
+    parameters.emplace_back("query", random.oneIn(3) ? randomQuery(random) : plainQuery(random));
+  }
+  maybeOrder(random, parameters);
+  maybeRange(random, parameters);
+  if (random.oneIn(8)) parameters.emplace_back("resultLimit", std::to_string(random.below(4)));
+  return parameters;
+}
+
+// One of several in a request, whose keys must differ.
+Written smallDocument(Random& random, std::size_t number) {
+  Parameters metadata = randomMetadata(random);
+  // Without any a document could not be sent.
+  if (metadata.empty()) metadata.emplace_back("title", "");
+  return {"k" + std::to_string(number), metadata, randomWords(random, 6)};
 }
 
 void giveDocument(Random& random, Operation& operation) {
@@ -204,7 +279,11 @@ void giveDocument(Random& random, Operation& operation) {
   operation.metadata = randomMetadata(random);
   // No bit of the encoding announces the attribute, so this makes a block that cannot be read.
   if (random.oneIn(60)) operation.metadataAttribute = 0x01000000;
-  if (operation.verb != Verb::DeleteDocument) operation.text = randomText(random);
+  if (operation.verb == Verb::DeleteDocument) {
+    if (random.oneIn(5)) operation.parameters.emplace_back("mustExist", "true");
+    return;
+  }
+  operation.text = randomText(random);
 }
 
 void giveQuery(Random& random, Operation& operation) {
@@ -226,14 +305,162 @@ void giveMatch(Random& random, Operation& operation) {
   giveDocument(random, operation);
   operation.kind = random.oneIn(3) ? ClientRequest::SCALAR_SEARCH : ClientRequest::STREAM_SEARCH;
   operation.parameters = searchParameters(random);
-  const Texts several{"document", "document", "document", "documents", "x"};
+  const Texts several{"document", "document", "documents", "documents", "x"};
   operation.parameters.emplace_back("match", random.pick(several));
+  if (random.oneIn(2)) {
+    std::erase_if(operation.parameters, [](const auto& pair) { return pair.first == "query"; });
+    operation.parameters.emplace_back("query", plainQuery(random));
+  }
+  // Else the text stands for documents that cannot be read.
+  if (operation.given("match") != "documents" || random.oneIn(10)) return;
+  for (std::size_t i = 0; i < 5; ++i) {
+    if (random.oneIn(2)) operation.documents.push_back(smallDocument(random, i));
+  }
 }
 
 void giveDigest(Random& random, Operation& operation) {
   operation.parameters.emplace_back("report", random.oneIn(20) ? "nonsense" : "digest");
   maybeNumber(random, "every", operation.parameters);
   maybeNumber(random, "size", operation.parameters);
+  if (random.oneIn(3)) maybeRange(random, operation.parameters);
+  std::erase_if(operation.parameters, [](const auto& pair) { return pair.first == "keys"; });
+}
+
+template <typename Wanted>
+const Operation* latestIn(const Sequence& sequence, const Wanted& wanted) {
+  const auto found = std::find_if(sequence.rbegin(), sequence.rend(), wanted);
+  return found == sequence.rend() ? nullptr : &*found;
+}
+
+// Several batches with one name, and several names; the mark that one expects is often there.
+void giveBatch(Random& random, Operation& operation) {
+  Parameters& parameters = operation.parameters;
+  parameters.emplace_back("batch", random.pick(Texts{"first", "load-1", "load-2", "load-3"}));
+  if (random.oneIn(3)) {
+    parameters.emplace_back("expectedMark", random.pick(Texts{"none", "none", "m1", "m2"}));
+  }
+  if (random.oneIn(2)) {
+    parameters.emplace_back("newMark", random.pick(Texts{"m1", "m2", "a mark of words"}));
+  }
+  if (random.oneIn(40)) parameters.emplace_back("newMark", "none");
+  if (random.oneIn(40)) parameters.emplace_back("expectedMark", std::string(129, 'm'));
+  if (random.oneIn(4)) parameters.emplace_back("mustExist", "true");
+  for (std::size_t i = 0; i < 5; ++i) {
+    const std::size_t point = random.below(4);
+    if (point < 2) operation.documents.push_back(smallDocument(random, i));
+    if (point == 2) operation.removed.push_back("k" + std::to_string(i));
+  }
+  if (random.oneIn(25)) {
+    operation.documents.push_back(smallDocument(random, 0));
+    operation.documents.back().key = random.pick(Texts{std::string(129, 'K'), "k1"});
+  }
+}
+
+// A client whose reply was lost sends its batch once more, as it was.
+void sendAgain(Random& random, const Sequence& before, Operation& operation) {
+  const Operation* earlier = latestIn(
+      before, [&](const Operation& one) { return one.verb == Verb::Batch && !random.oneIn(3); });
+  if (earlier == nullptr) return;
+  operation = *earlier;
+  if (random.oneIn(6)) operation.removed.clear();
+  if (random.oneIn(6)) operation.parameters.emplace_back("newMark", "m3");
+}
+
+void givePage(Random& random, const Sequence& before, Operation& operation) {
+  const auto isOfPages = [](const Operation& one) {
+    return one.verb == Verb::Page || one.verb == Verb::Place;
+  };
+  operation.pageFrom = PageFrom::Begin;
+  const Operation* earlier = latestIn(before, isOfPages);
+  if (earlier != nullptr && !random.oneIn(3)) {
+    operation.collection = earlier->collection;
+    operation.byOtherName = earlier->byOtherName;
+    operation.pageFrom = PageFrom::Latest;
+    for (const char* name : {"query", "sortField", "after", "upTo", "keys", "resultLimit"}) {
+      const std::string value = earlier->given(name);
+      if (!value.empty()) operation.parameters.emplace_back(name, value);
+    }
+    if (random.oneIn(12)) operation.parameters.emplace_back("query", plainQuery(random));
+  } else {
+    operation.parameters = resultParameters(random);
+  }
+  if (random.oneIn(5)) operation.parameters.emplace_back("start", std::to_string(random.below(3)));
+  if (operation.verb == Verb::Place) {
+    operation.parameters.emplace_back("report", "place");
+    return;
+  }
+  operation.parameters.emplace_back("size", std::to_string(1 + random.below(3)));
+  if (random.oneIn(4)) {
+    operation.kind = random.oneIn(2) ? ClientRequest::SCALAR_SEARCH : ClientRequest::STREAM_SEARCH;
+    return;
+  }
+  operation.parameters.emplace_back("report", "hits");
+}
+
+void giveHits(Random& random, Operation& operation) {
+  operation.parameters = resultParameters(random);
+  Parameters& parameters = operation.parameters;
+  parameters.emplace_back("report", "hits");
+  maybeNumber(random, "start", parameters);
+  if (random.oneIn(3)) {
+    parameters.emplace_back("size", random.pick(Texts{"0", "1", "3", "100", "101"}));
+  }
+  if (random.oneIn(2)) {
+    parameters.emplace_back("values", random.pick(Texts{"title", "n,colour", "n title", "größe"}));
+  }
+  if (random.oneIn(3)) {
+    parameters.emplace_back("snippet", random.pick(Texts{"1", "20", "200", "4096", "4097"}));
+  }
+  if (random.oneIn(2)) return;
+  operation.others.push_back(creatableCollections()[1]);
+  if (random.oneIn(4)) operation.others.push_back(random.pick(creatableCollections()));
+}
+
+void giveCount(Random& random, Operation& operation) {
+  operation.parameters.emplace_back("report", "count");
+  if (!random.oneIn(3)) {
+    operation.parameters.emplace_back("query",
+                                      random.oneIn(3) ? randomQuery(random) : plainQuery(random));
+  }
+  maybeRange(random, operation.parameters);
+}
+
+void giveBackup(Random& random, const Sequence& before, Operation& operation) {
+  const bool isRestored = operation.verb == Verb::Restore;
+  const auto isBackup = [](const Operation& one) { return one.verb == Verb::Backup; };
+  const Operation* earlier = latestIn(before, isBackup);
+  if (isRestored && earlier == nullptr && !random.oneIn(6)) {
+    operation.verb = Verb::Backup;
+    operation.kind = ClientRequest::BACKUP;
+    giveBackup(random, before, operation);
+    return;
+  }
+  // Without a collection it would be all of them, those of the other side as well.
+  if (operation.collection.empty()) operation.collection = creatableCollections()[0];
+  operation.byOtherName = false;
+  operation.backup = random.pick(Texts{"one", "two", "größe/1", random.oneIn(20) ? "" : "one"});
+  if (!isRestored) return;
+  if (operation.collection == "nowhere") operation.collection = creatableCollections()[1];
+  if (earlier != nullptr && !random.oneIn(6)) {
+    operation.backup = earlier->backup;
+    operation.from = earlier->collection;
+  } else if (random.oneIn(2)) {
+    operation.from = randomCollection(random);
+  }
+  if (!random.oneIn(3)) operation.parameters.emplace_back("replace", "true");
+}
+
+void giveOptions(Random& random, Operation& operation) {
+  // Nobody would drop it.
+  if (operation.collection == "nowhere") operation.collection = creatableCollections()[1];
+  if (random.oneIn(4)) {
+    operation.parameters.emplace_back("docLang",
+                                      random.pick(Texts{"de", "en_US", "xx", "pl", "ja"}));
+  }
+  if (random.oneIn(4)) {
+    operation.parameters.emplace_back(
+        "refresh", random.pick(Texts{"immediate", "immediate", "manual", "never"}));
+  }
 }
 
 Operation operationOf(Verb verb, const std::string& collection = {}) {
@@ -245,23 +472,32 @@ Operation operationOf(Verb verb, const std::string& collection = {}) {
 }
 
 // Without a collection and something to be found there most operations come to nothing.
-Sequence beginning(Random& random) {
-  const std::string collection = creatableCollections()[0];
-  Sequence sequence;
-  if (random.oneIn(12)) return sequence;
+void begin(Random& random, const std::string& collection, Sequence& sequence) {
   sequence.push_back(operationOf(Verb::CreateCollection, collection));
-  if (random.oneIn(3)) return sequence;
+  if (random.oneIn(3)) giveOptions(random, sequence.back());
+  if (random.oneIn(3)) return;
   for (std::size_t count = 1 + random.below(3); count > 0; --count) {
     sequence.push_back(operationOf(Verb::AddDocument, collection));
     giveDocument(random, sequence.back());
   }
   sequence.push_back(operationOf(Verb::UpdateIndex, collection));
+}
+
+Sequence beginning(Random& random) {
+  Sequence sequence;
+  if (!random.oneIn(12)) begin(random, creatableCollections()[0], sequence);
+  if (random.oneIn(2)) begin(random, creatableCollections()[1], sequence);
   return sequence;
 }
 
-Operation randomOperation(Random& random) {
+bool namesCollection(Verb verb) {
+  return verb != Verb::ServerStatus && verb != Verb::Reconnect && verb != Verb::CollectionList &&
+         verb != Verb::BackupList;
+}
+
+Operation randomOperation(Random& random, const Sequence& before) {
   Operation operation = operationOf(randomVerb(random));
-  if (operation.verb != Verb::ServerStatus && operation.verb != Verb::Reconnect) {
+  if (namesCollection(operation.verb)) {
     operation.collection = randomCollection(random);
     operation.byOtherName = random.oneIn(30);
   }
@@ -284,13 +520,42 @@ Operation randomOperation(Random& random) {
       giveDigest(random, operation);
       break;
     case Verb::CreateCollection:
-      if (random.oneIn(3)) {
-        operation.parameters.emplace_back("docLang",
-                                          random.pick(Texts{"de", "en_US", "xx", "pl", "ja"}));
-      }
+      giveOptions(random, operation);
+      break;
+    case Verb::Batch:
+      giveBatch(random, operation);
+      if (random.oneIn(3)) sendAgain(random, before, operation);
+      break;
+    case Verb::BatchOutcome:
+      operation.parameters.emplace_back("batch",
+                                        random.pick(Texts{"first", "load-1", "load-2", "other"}));
+      break;
+    case Verb::Page:
+    case Verb::Place:
+      givePage(random, before, operation);
+      break;
+    case Verb::Hits:
+      giveHits(random, operation);
+      break;
+    case Verb::Count:
+      giveCount(random, operation);
+      break;
+    case Verb::Backup:
+    case Verb::Restore:
+      giveBackup(random, before, operation);
+      break;
+    case Verb::CollectionFacts:
+      operation.parameters.emplace_back("report", "collection");
+      break;
+    case Verb::CollectionList:
+      operation.parameters = {{"report", "collections"},
+                              {"size", std::to_string(1 + random.below(3))}};
+      break;
+    case Verb::BackupList:
+      operation.parameters = {{"report", "backups"}};
       break;
     case Verb::Unsupported:
-      operation.kind = random.pick(std::vector<int>{6, 16, 17, 18, 23, 25});
+      operation.kind = random.pick(std::vector<int>{6, 18, 23, 25});
       break;
     default:
       break;
@@ -314,6 +579,33 @@ void printText(std::ostream& out, const char* name, const std::string& text) {
 
 }  // namespace
 
+std::string Operation::given(std::string_view name) const {
+  for (auto each = parameters.rbegin(); each != parameters.rend(); ++each) {
+    if (each->first == name) return each->second;
+  }
+  return {};
+}
+
+std::string blockOf(const Written& document) {
+  std::list<tq::comm::KVPair> metadata;
+  for (const auto& [name, value] : document.metadata) {
+    metadata.emplace_back(fromUtf8(name), fromUtf8(value), 0, 0);
+  }
+  ClientRequest request = requestTo("", ClientRequest::ADD_DOCUMENT);
+  attachDocument(request, document.key, document.text, metadata);
+  tq::comm::RESTMessage message(u"", request);
+  return std::string(message.getMsgPrefix(), message.getMsgPrefixLen()) + document.text;
+}
+
+std::string contentOf(const std::vector<Written>& documents,
+                      const std::vector<std::string>& removed) {
+  std::string content;
+  for (const Written& document : documents) content += blockOf(document);
+  if (!removed.empty()) content += std::string(8, '\0');
+  for (const std::string& key : removed) content += blockOf({key, {{"title", ""}}, ""});
+  return content;
+}
+
 std::ostream& operator<<(std::ostream& out, Verb verb) { return out << traitsOf(verb).name; }
 
 std::ostream& operator<<(std::ostream& out, const Operation& operation) {
@@ -326,6 +618,19 @@ std::ostream& operator<<(std::ostream& out, const Operation& operation) {
   if (operation.metadataAttribute != 0) out << " (with a second attribute)";
   if (!operation.text.empty()) printText(out, "text", operation.text);
   for (const auto& [name, value] : operation.parameters) printText(out, name.c_str(), value);
+  for (const Written& document : operation.documents) {
+    out << " {";
+    printText(out, "key", document.key);
+    for (const auto& [name, value] : document.metadata) printText(out, name.c_str(), value);
+    printText(out, "text", document.text);
+    out << " }";
+  }
+  for (const std::string& key : operation.removed) printText(out, "removed", key);
+  for (const std::string& other : operation.others) printText(out, "also in", other);
+  if (!operation.backup.empty()) printText(out, "backup", operation.backup);
+  if (!operation.from.empty()) printText(out, "from", operation.from);
+  if (operation.pageFrom == PageFrom::Begin) out << " from the beginning";
+  if (operation.pageFrom == PageFrom::Latest) out << " from the latest place";
   if (operation.taking == Taking::Singly) out << " taken singly";
   if (operation.most != kAllHits) out << " at most " << operation.most << " hits";
   return out;
@@ -352,10 +657,10 @@ const std::vector<std::string>& creatableCollections() {
 
 Sequence randomSequence(std::uint64_t seed) {
   Random random(seed);
-  const std::size_t length = 5 + random.below(11);
+  const std::size_t length = 8 + random.below(17);
   Sequence sequence = beginning(random);
   while (sequence.size() < length) {
-    sequence.push_back(randomOperation(random));
+    sequence.push_back(randomOperation(random, sequence));
     // Queued documents are asked after more often than chance would have it.
     if (sequence.back().verb == Verb::QueueDocument && random.oneIn(3) &&
         sequence.size() < length) {
@@ -364,6 +669,30 @@ Sequence randomSequence(std::uint64_t seed) {
     }
   }
   return sequence;
+}
+
+Operation updateProbe(const std::string& collection) {
+  return operationOf(Verb::UpdateIndex, collection);
+}
+
+Operation resultProbe(const Operation& page) {
+  Operation probe = operationOf(Verb::Hits, page.collection);
+  probe.byOtherName = page.byOtherName;
+  probe.parameters = {{"report", "hits"}, {"size", "100"}};
+  for (const auto& [name, value] : page.parameters) {
+    if (name != "report" && name != "start" && name != "size") {
+      probe.parameters.emplace_back(name, value);
+    }
+  }
+  return probe;
+}
+
+Sequence contentProbesOf(const std::string& collection) {
+  Operation digest = operationOf(Verb::Digest, collection);
+  digest.parameters = {{"report", "digest"}, {"every", "1"}};
+  Operation facts = operationOf(Verb::CollectionFacts, collection);
+  facts.parameters = {{"report", "collection"}};
+  return {digest, facts};
 }
 
 Operation statusProbe(const std::string& collection) {
