@@ -124,9 +124,23 @@ void CorvaneClient::dropConnection() {
 unsigned long CorvaneClient::read(char* buffer, unsigned long offset, unsigned long length,
                                   bool wait) {
   const tq::oss::TraceScope trace(trace::CorvaneClientRead);
+  const OperationScope operation(*this);
   // The full read waits for all of the bytes and leaves them in the socket, the single one takes
   // them, so that they are delivered exactly once.
   dataToRead(wait);
+  // The wait above ends with the first byte. Each wait for another has the time-out as well.
+  try {
+    while (wait && socket_.buffered() < length) {
+      const SharedTimeOutScope timeOut(*this);
+      if (socket_.fill() == 0) break;
+    }
+  } catch (const tq::oss::SocketTimeoutException&) {
+    fail(StaticDefs::ERR_SERVER_COMM_TIMEOUT, atServer());
+  } catch (const tq::oss::SocketCancelledException&) {
+    throw;
+  } catch (const tq::oss::SocketException&) {
+    // The full read gives what has come before the connection broke.
+  }
   genericRead(buffer, offset, length, false);
   dataToRead(wait);
   return genericRead(buffer, offset, length, true);
@@ -155,10 +169,15 @@ bool CorvaneClient::dataToRead(bool wait) {
 unsigned long CorvaneClient::genericRead(char* buffer, unsigned long offset, unsigned long length,
                                          bool once) {
   const tq::oss::TraceScope trace(trace::CorvaneClientGenericRead);
-  if (!once) return socket_.read(buffer, offset, length);
-  const unsigned long taken = socket_.readOnce(buffer, offset, length);
-  if (taken != 0) line_->disturb();
-  return taken;
+  const OperationScope operation(*this);
+  try {
+    if (!once) return socket_.read(buffer, offset, length);
+    const unsigned long taken = socket_.readOnce(buffer, offset, length);
+    if (taken != 0) line_->disturb();
+    return taken;
+  } catch (const tq::oss::SocketTimeoutException&) {
+    fail(StaticDefs::ERR_SERVER_COMM_TIMEOUT, atServer());
+  }
 }
 
 bool CorvaneClient::awaitReplyBytes(std::size_t count) {

@@ -452,6 +452,63 @@ TEST(CorvaneClient, ReadOnceNeverAppliesTheTimeOut) {
   EXPECT_EQ(network.elapsedMillis(), 0U);
 }
 
+TEST(CorvaneClient, AReadWithWaitEndsWithTheTimeOutAlsoWhenSomeOfItsBytesHaveCome) {
+  ScriptedNetwork network(Script().send("ab").stall());
+  TestClient client(7, kFresh);
+  client.setTimeOut(200);
+  client.open();
+  const auto error = errorOf([&] { read(client, 4, true); });
+  EXPECT_EQ(error.errorId, "ERR_SERVER_COMM_TIMEOUT");
+  EXPECT_EQ(error.errorArguments, (std::vector<std::string>{"127.0.0.1", "7"}));
+  EXPECT_FALSE(network.waitedForever());
+  EXPECT_GE(network.elapsedMillis(), 200U);
+  EXPECT_LE(network.elapsedMillis(), 300U);
+  EXPECT_EQ(readOnce(client, 4), "ab") << "it has taken nothing";
+}
+
+TEST(CorvaneClient, AReadWithWaitGivesWhatThereIsBeforeTheEnd) {
+  for (const auto& script : {Script().send("ab"), Script().send("ab").reset()}) {
+    ScriptedNetwork network(script);
+    TestClient client(7, kFresh);
+    client.setTimeOut(200);
+    client.open();
+    EXPECT_EQ(read(client, 4, true), "ab");
+  }
+}
+
+TEST(CorvaneClient, AReadWithWaitThatTheHostGivesUpInItsMiddleTakesNothing) {
+  ScriptedNetwork network(Script().send("ab").stall());
+  TestClient client(7, kFresh);
+  client.setTimeOut(200);
+  client.open();
+  WaitingHost host{0, 1};
+  client.setWaitHook(&WaitingHost::wait, &host);
+  EXPECT_THROW(read(client, 4, true), tq::oss::SocketCancelledException);
+  EXPECT_EQ(host.waits, 1U);
+  EXPECT_TRUE(client.isConnected());
+  EXPECT_EQ(readOnce(client, 4), "ab");
+}
+
+TEST(CorvaneClient, EveryReadByHandEndsWithTheDeadline) {
+  std::string buffer(4, '?');
+  const std::function<void(CorvaneClient&)> reads[] = {
+      [](CorvaneClient& client) { readOnce(client, 4); },
+      [](CorvaneClient& client) { read(client, 4); },
+      [](CorvaneClient& client) { read(client, 4, true); },
+      [&](CorvaneClient& client) { client.genericRead(buffer.data(), 0, 4, false); },
+  };
+  for (const auto& readByHand : reads) {
+    ScriptedNetwork network(Script().stall());
+    TestClient client(7, kFresh);
+    client.open();
+    client.setDeadline(200);
+    EXPECT_EQ(errorOf([&] { readByHand(client); }).errorId, "ERR_SERVER_COMM_TIMEOUT");
+    EXPECT_FALSE(network.waitedForever());
+    EXPECT_GE(network.elapsedMillis(), 200U);
+    EXPECT_LE(network.elapsedMillis(), 300U);
+  }
+}
+
 TEST(CorvaneClient, ABrokenConnectionIsTheSocketsOwnException) {
   ScriptedNetwork network(Script().send("ab").reset());
   TestClient client(7, kFresh);
