@@ -6,6 +6,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <iostream>
 #include <streambuf>
@@ -56,10 +57,42 @@ class Undisturbed {
   bool wasPending_ = false;
 };
 
+/// The host's buffer need bear no two writers at a time: that of standard error does so only until
+/// the host calls `sync_with_stdio(false)`. Nobody waits for the other one, who may be writing to a
+/// pipe that is full.
+class OnlyWriter {
+ public:
+  OnlyWriter() noexcept {
+    const pid_t self = ::getpid();
+    pid_t other = 0;
+    held_ = writer.compare_exchange_strong(other, self, std::memory_order_acquire);
+    // A child that was forked meanwhile has a copy of the mark, but not the thread that made it.
+    if (!held_ && other != self) {
+      held_ = writer.compare_exchange_strong(other, self, std::memory_order_acquire);
+    }
+  }
+  ~OnlyWriter() {
+    if (held_) writer.store(0, std::memory_order_release);
+  }
+  OnlyWriter(const OnlyWriter&) = delete;
+  OnlyWriter& operator=(const OnlyWriter&) = delete;
+
+  bool held() const noexcept { return held_; }
+
+ private:
+  // The process in which a diagnostic is being written; 0: none.
+  static std::atomic<pid_t> writer;
+  bool held_ = false;
+};
+
+std::atomic<pid_t> OnlyWriter::writer{0};
+
 }  // namespace
 
 void writeDiagnostic(std::string_view text) noexcept {
   const Undisturbed undisturbed;
+  const OnlyWriter only;
+  if (!only.held()) return;
   std::streambuf* out = std::cerr.rdbuf();
   if (out == nullptr || !mayBeWritten()) return;
   try {

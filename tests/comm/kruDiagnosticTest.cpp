@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <functional>
 #include <iomanip>
 #include <ios>
 #include <iostream>
@@ -10,8 +11,11 @@
 #include <stdexcept>
 #include <streambuf>
 #include <string>
+#include <thread>
+#include <utility>
 
 #include "comm/kruDiagnostic.h"
+#include "tests/support/forkedChild.h"
 
 namespace tq::comm {
 namespace {
@@ -112,6 +116,49 @@ TEST(Diagnostic, IsLostWhereTheHostHasNoBufferOrOneThatThrows) {
   }
   const ErrorsGoTo nowhere(nullptr);
   writeDiagnostic("lost\n");
+}
+
+/// While it is written to, another diagnostic is begun: by a thread that is waited for, or in a
+/// forked child.
+class InterruptedBuffer : public std::streambuf {
+ public:
+  explicit InterruptedBuffer(std::function<void()> meanwhile) : meanwhile_(std::move(meanwhile)) {}
+
+  std::string text;
+
+ private:
+  std::streamsize xsputn(const char* bytes, std::streamsize length) override {
+    if (const auto meanwhile = std::exchange(meanwhile_, nullptr)) meanwhile();
+    text.append(bytes, static_cast<std::size_t>(length));
+    return length;
+  }
+
+  std::function<void()> meanwhile_;
+};
+
+TEST(Diagnostic, IsLostWhileAnotherThreadWritesOneAndWaitsForNothing) {
+  InterruptedBuffer buffer([] { std::thread([] { writeDiagnostic("lost\n"); }).join(); });
+  const ErrorsGoTo here(&buffer);
+  writeDiagnostic("first\n");
+  EXPECT_EQ(buffer.text, "first\n");
+  writeDiagnostic("next\n");
+  EXPECT_EQ(buffer.text, "first\nnext\n");
+}
+
+TEST(Diagnostic, OfAChildIsWrittenAlthoughItsParentWasWritingOne) {
+  bool written = false;
+  InterruptedBuffer* inUse = nullptr;
+  InterruptedBuffer buffer([&] {
+    written = tq::test::holdsInChild([&] {
+      writeDiagnostic("the child's\n");
+      return inUse->text == "the child's\n";
+    });
+  });
+  inUse = &buffer;
+  const ErrorsGoTo here(&buffer);
+  writeDiagnostic("the parent's\n");
+  EXPECT_TRUE(written);
+  EXPECT_EQ(buffer.text, "the parent's\n");
 }
 
 }  // namespace
