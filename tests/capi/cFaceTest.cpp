@@ -788,6 +788,40 @@ TEST_P(CFaceOverHttp, ARefusalWithAProxysTextIsARefusal) {
   EXPECT_EQ(network.connections(), 1U);
 }
 
+TEST_P(CFaceOverHttp, AServerErrorIsARefusalWhateverIsLegibleOfIt) {
+  const auto says = [](const std::string& status, const std::string& body) {
+    return "HTTP/1.1 " + status + "\r\nContent-Length: " + std::to_string(body.size()) +
+           "\r\n\r\n" + body;
+  };
+  struct Case {
+    std::string reply;
+    std::int32_t code;
+    const char* id;
+    const char* message;
+  };
+  const Case cases[] = {
+      {replies.refusal("ZVK0500E", "disk full"), KRU_REFUSED, "ZVK0500E", "disk full"},
+      {says("500 Error", "disk full"), KRU_REFUSED, "ERR_SERVER_APP", ""},
+      {says("500 Error", ""), KRU_REFUSED, "KRU_REFUSED",
+       "the server refused the request without saying why"},
+      {says("401 Who", "nobody"), KRU_UNAUTHORIZED, "ERR_SERVER_INVALID_AUTH", ""},
+  };
+  for (const Case& c : cases) {
+    ScriptedNetwork network(answers({c.reply, replies.ready()}));
+    create();
+    EXPECT_EQ(update(), c.code) << c.reply;
+    EXPECT_STREQ(error.id, c.id) << c.reply;
+    EXPECT_STREQ(error.message, c.message) << c.reply;
+    EXPECT_EQ(error.outcome, KRU_REJECTED) << c.reply;
+    EXPECT_EQ(error.retry, KRU_RETRY_USELESS) << c.reply;
+    EXPECT_EQ(error.connection, KRU_CONNECTION_KEPT) << c.reply;
+    EXPECT_EQ(status(), KRU_OK);
+    EXPECT_EQ(network.connections(), 1U) << c.reply;
+    kru_client_destroy(client);
+    client = nullptr;
+  }
+}
+
 TEST_P(CFaceOverHttp, AFailedWriteCostsTheConnection) {
   ScriptedNetwork network(answers({replies.ready()}));
   create();
@@ -800,6 +834,43 @@ TEST_P(CFaceOverHttp, AFailedWriteCostsTheConnection) {
 }
 
 INSTANTIATE_TEST_SUITE_P(With, CFaceOverHttp, testing::Values(false));
+
+struct CFaceOverBinary : CFace {};
+
+TEST_P(CFaceOverBinary, EachStatusOfAReplyHasACodeAndAnIdOfItsOwn) {
+  struct Case {
+    std::string reply;
+    std::int32_t code;
+    const char* id;
+    const char* message;
+    std::int32_t outcome;
+    std::size_t connections;  // that two requests take
+  };
+  const Case cases[] = {
+      {replies.refusal("ZVK0500E", "disk full"), KRU_REFUSED, "ZVK0500E", "disk full", KRU_REJECTED,
+       1},
+      {word16(6) + errorRecord({{"Other", "x"}}), KRU_REFUSED, "ERR_SERVER_APP", "", KRU_REJECTED,
+       1},
+      {word16(401), KRU_UNAUTHORIZED, "ERR_SERVER_INVALID_AUTH", "", KRU_REJECTED, 1},
+      {word16(7), KRU_PROTOCOL, "ERR_SERVER_PROTOCOL", "", KRU_MAY_BE_APPLIED, 2},
+  };
+  for (const Case& c : cases) {
+    ScriptedNetwork network({answers({c.reply, replies.ready()}), answers({replies.ready()})});
+    create();
+    EXPECT_EQ(update(), c.code) << c.id;
+    EXPECT_STREQ(error.id, c.id);
+    EXPECT_STREQ(error.message, c.message);
+    EXPECT_EQ(error.outcome, c.outcome) << c.id;
+    EXPECT_EQ(error.connection, c.connections == 1 ? KRU_CONNECTION_KEPT : KRU_CONNECTION_REPLACED)
+        << c.id;
+    EXPECT_EQ(status(), KRU_OK);
+    EXPECT_EQ(network.connections(), c.connections) << c.id;
+    kru_client_destroy(client);
+    client = nullptr;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(With, CFaceOverBinary, testing::Values(true));
 
 INSTANTIATE_TEST_SUITE_P(Over, CFace, testing::Bool(), [](const auto& over) {
   return std::string(over.param ? "Binary" : "Http");
