@@ -80,7 +80,9 @@ class KRU_EXPORT CorvaneClient {
 
   /// The most bytes that a reply may announce for a chunk, a record, an error text or a whole body
   /// before it is refused with ERR_CLIENT_RESP_PARSING. Default 1 GiB; values above 2^31 - 1 count
-  /// as that. What is only announced takes no memory.
+  /// as that. What is only announced takes no memory. An error of the server that comes in chunks,
+  /// each within the limit, and is longer as a whole stays the server's refusal: it is raised as
+  /// ERR_SERVER_APP, without its reason.
   void setMaxReplyBytes(std::size_t bytes);
 
   bool isConnected() const;

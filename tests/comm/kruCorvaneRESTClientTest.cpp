@@ -391,6 +391,23 @@ TEST(CorvaneRESTClient, ARefusalInTheWordsOfAProxyIsTheServersAndKeepsItsConnect
   }
 }
 
+TEST(CorvaneRESTClient, ARefusalInChunksThatIsLongerThanTheLimitLosesItsReasonOnly) {
+  Reply refusal{"Refusal", kStreamSearch, 500};
+  refusal.body =
+      kUninterpreted + enveloped(record({{"MsgId", "ZVK1"}, {"MsgText", std::string(900, 't')}}));
+  const auto text = chunked(refusal, 100, true).text;
+  for (const bool fits : {true, false}) {
+    ScriptedNetwork network(
+        Script().expectRequest().send(text).expectRequest().send(plain(nextReply())).awaitClose());
+    auto client = clientFor(kPersistent);
+    client.setMaxReplyBytes(refusal.body.size() - kUninterpreted.size() - 4 - (fits ? 0 : 1));
+    EXPECT_EQ(exchangeError(client, kStreamSearch).errorId, fits ? "ZVK1" : "ERR_SERVER_APP");
+    EXPECT_EQ(client.getRequestOutcome(), tq::comm::RequestOutcome::Rejected);
+    EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+    EXPECT_EQ(network.connections(), 1U);
+  }
+}
+
 TEST(CorvaneRESTClient, AReplyWhoseLastByteComesByItselfIsComplete) {
   const std::string text = plain(ok(kCreateCollection));
   ScriptedNetwork network(Script()
