@@ -206,12 +206,12 @@ void CorvaneRESTClient::sendAndRecvMesgOnce(ClientRequest& request, ClientRespon
   outcome_ = RequestOutcome::NotSent;
   refuseUnsendable(request);
   beginExchange(response);
+  requestKind_ = request.getRequest();
   openClean();
   if (!isConnected()) fail(StaticDefs::ERR_CONNECT_SERVER, atServer());
   refuseWithoutQueue(request.getRequest());
   ExchangeScope exchange(*this);
   RESTMessage message(host_, request);
-  requestKind_ = request.getRequest();
   sendMesg(message);
   awaitReply();
   recvMesg(response);

@@ -167,13 +167,13 @@ void DrestoPerfClient::exchange(ClientRequest& request, ClientResponse& response
   outcome_ = RequestOutcome::NotSent;
   refuseUnsendable(request);
   beginExchange(response);
+  requestKind_ = request.getRequest();
   batch_->dropInherited();
   sendHeldQuestions();
   openForSending(request.getRequest());
   if (!isConnected()) fail(StaticDefs::ERR_CONNECT_SERVER, atServer(), kLineNotConnected);
   refuseWithoutQueue(request.getRequest());
   ExchangeScope exchange(*this);
-  requestKind_ = request.getRequest();
   RESTMessage message(host_, request);
   // The parser is made first. Were it to throw after sendMesg had put the message into the batch,
   // a later write would send the message and its reply would be read as that of another.

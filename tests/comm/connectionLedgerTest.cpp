@@ -313,6 +313,16 @@ TEST_P(ConnectionLedgerOverHttp, AFailedExchangeIsNotReadOnFromAnotherConnection
 
 // Limits.
 
+TEST_P(ConnectionLedger, AnAttemptByHandThatFindsNoServerIsTheLastExchangeAllTheSame) {
+  exchange(kGetStatus, Peer::Answers);
+  world_.close(kA);
+  world_.network().failNextConnect();
+  const Seen seen = world_.exchange(kA, kFirst, kLastDocSent, Asking::Once);
+  EXPECT_EQ(seen.errorId, "ERR_CONNECT_SERVER");
+  EXPECT_EQ(recvMesg().errorId, "") << "its kind has no reply";
+  EXPECT_EQ(world_.violation(), "");
+}
+
 TEST_P(ConnectionLedger, EveryStepByHandIsBoundedByADeadline) {
   exchange(kGetStatus, Peer::Answers);
   world_.setTimeOut(kA, 0);
