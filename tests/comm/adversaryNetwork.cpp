@@ -13,6 +13,10 @@ namespace {
 
 constexpr std::uint64_t kNanosPerMicro = 1000;
 
+std::size_t mixed(std::size_t one, std::size_t other) {
+  return (one * 0x9E3779B97F4A7C15U ^ other) * 0x9E3779B97F4A7C15U;
+}
+
 SimulatedKernel::Options optionsOf(bool joined) {
   SimulatedKernel::Options options;
   options.clockStep = 0;
@@ -89,6 +93,17 @@ void TimedNetwork::failNextWrite(std::size_t bytes) {
   faults.add(Entry::Sendmsg, bytes != 0 ? 2 : 1, {Fault::Kind::Error, ENOBUFS});
 }
 
+void TimedNetwork::blockNextWrite(std::size_t bytes) {
+  auto& faults = kernel_.faults();
+  if (bytes != 0) faults.add(Entry::Sendmsg, 1, {Fault::Kind::Short, static_cast<int>(bytes)});
+  faults.add(Entry::Sendmsg, bytes != 0 ? 2 : 1, {Fault::Kind::WouldBlock});
+}
+
+void TimedNetwork::heal() {
+  kernel_.faults().clear();
+  options_.connectInBackground = false;
+}
+
 std::uint64_t TimedNetwork::nowMicros() const { return kernel_.now() / kNanosPerMicro; }
 
 bool TimedNetwork::takeWaitedForever() {
@@ -108,14 +123,17 @@ bool TimedNetwork::holdsUnasked(std::size_t connection) const {
 
 std::size_t TimedNetwork::fingerprint() const {
   std::size_t all = 0;
-  const auto mix = [&](std::size_t value) { all = (all ^ value) * 0x9E3779B97F4A7C15U; };
   for (std::size_t i = 0; i < connections(); ++i) {
-    const Wire& wire = kernel_.connection(i);
-    if (!wire.isOpen()) continue;
-    mix(static_cast<const AnsweringPeer&>(kernel_.peer(i)).pending());
-    mix(wire.fingerprint());
+    if (kernel_.connection(i).isOpen()) all = mixed(all, fingerprintOf(i));
   }
   return all;
+}
+
+std::size_t TimedNetwork::fingerprintOf(std::size_t connection) const {
+  const Wire& wire = kernel_.connection(connection);
+  if (!wire.isOpen()) return 0;
+  return mixed(static_cast<const AnsweringPeer&>(kernel_.peer(connection)).pending(),
+               wire.fingerprint());
 }
 
 }  // namespace tq::test

@@ -38,8 +38,12 @@ class TimedNetwork {
   void failNextConnect();
   /// The next write takes this many bytes, and the one after it fails.
   void failNextWrite(std::size_t bytes);
-  /// Nothing fails any more.
-  void heal() { kernel_.faults().clear(); }
+  /// The same, but the one after it has to wait for room.
+  void blockNextWrite(std::size_t bytes);
+  /// Connections are made in the background, so that whoever wants one waits for it.
+  void connectInBackground() { options_.connectInBackground = true; }
+  /// Nothing fails any more, and connecting takes no time.
+  void heal();
 
   std::size_t connections() const { return kernel_.connections(); }
   std::uint64_t nowMicros() const;
@@ -55,6 +59,8 @@ class TimedNetwork {
   bool holdsUnasked(std::size_t connection) const;
   /// A number for what is on its way on every open connection: how many bytes, and when they come.
   std::size_t fingerprint() const;
+  /// The same for one connection.
+  std::size_t fingerprintOf(std::size_t connection) const;
 
  private:
   class AnsweringPeer;

@@ -172,6 +172,7 @@ std::string Run::violation() {
       client->setReassembly(schedule_.reassembly);
       client->useBufferedConnection(schedule_.batching);
     }
+    world_.setQueueOnOneConnection(c, schedule_.queueBound);
   }
   for (; current_ < schedule_.steps.size() && world_.violation().empty(); ++current_) {
     prepare(schedule_.steps[current_]);
@@ -179,6 +180,7 @@ std::string Run::violation() {
   }
   world_.takeAll();
   world_.network().heal();
+  world_.giveUpNext(0);
   for (std::size_t c = 0; c < World::kClients; ++c) finish(c);
   if (world_.violation().empty()) return {};
   return "step " + std::to_string(current_) + ": " + world_.violation();
@@ -191,6 +193,7 @@ void Run::prepare(const StepPlan& plan) {
   world_.setDeadline(c, plan.caller[kDeadline] != 0 ? kDeadlineMillis : 0);
   world_.setNumRetries(c, plan.caller[kRetries]);
   world_.network().heal();
+  world_.giveUpNext(plan.caller[kGiveUp]);
   const unsigned int fault = plan.caller[kFault];
   if (fault == 1) world_.network().failNextConnect();
   if (fault > 1) world_.network().failNextWrite((fault - 2) * std::size_t{40});
@@ -200,6 +203,7 @@ void Run::act(const StepPlan& plan) {
   const std::size_t c = plan.caller[kClient];
   const std::size_t r = plan.caller[kResponse];
   const auto what = static_cast<Act>(plan.caller[kAct]);
+  const auto reading = static_cast<Reading>(plan.caller[kReading]);
   switch (what) {
     case kExchange:
       return exchange(plan);
@@ -212,7 +216,7 @@ void Run::act(const StepPlan& plan) {
       world_.send(c, kindOf(current_), what == kSendMesgByHand);
       return;
     case kRecvMesgByHand:
-      world_.recvMesg(c, r);
+      world_.recvMesg(c, r, reading);
       return;
     case kRecv:
     case kRecvStream:
@@ -221,7 +225,7 @@ void Run::act(const StepPlan& plan) {
     case kPullSingle:
     case kPullParsed:
     case kPullBuffered:
-      world_.pull(static_cast<Pulling>(what - kRecv), c, r);
+      world_.pull(static_cast<Pulling>(what - kRecv), c, r, reading);
       return;
     case kRenew:
       return world_.renew(r);
@@ -230,10 +234,18 @@ void Run::act(const StepPlan& plan) {
     case kRebuild:
       return world_.rebuild(c);
     case kSendBytesByHand:
+    case kSendHalfByHand:
       if (!schedule_.binary) return;
       stepOf_.push_back(current_);
-      world_.sendBodyChunks(c, kindOf(current_), World::Bytes::All);
+      world_.sendBodyChunks(c, kindOf(current_),
+                            what == kSendHalfByHand ? World::Bytes::Half : World::Bytes::All);
       return;
+    case kReadByHand:
+      world_.readByHand(c, static_cast<UpTo>(std::min<std::uint8_t>(plan.caller[kPull], 2)));
+      return;
+    case kQueueOnOneConnection:
+    case kQueueOnAny:
+      return world_.setQueueOnOneConnection(c, what == kQueueOnOneConnection);
     case kInit:
       return world_.init(c);
     case kEndOfResponse:
@@ -290,12 +302,14 @@ void Run::takeStream(const StepPlan& plan) {
   const std::size_t c = plan.caller[kClient];
   if (plan.caller[kPull] == 2) return;
   const bool looping = plan.caller[kPull] == 1 && isSearch(kindOf(current_));
+  const auto reading = static_cast<Reading>(plan.caller[kReading]);
   unsigned int timeOuts = 0;
   while (!world_.client(c).isEndOfStream() && world_.violation().empty()) {
     const Seen seen =
-        world_.pull(looping ? Pulling::Looping : Pulling::Recv, c, plan.caller[kResponse]);
+        world_.pull(looping ? Pulling::Looping : Pulling::Recv, c, plan.caller[kResponse], reading);
     if (seen.failed && (seen.errorId != kTimeOutId || ++timeOuts == 2)) return;
-    if (plan.caller[kPull] == 3) return;
+    // A pull that finds results brings no more of them until they are read.
+    if (plan.caller[kPull] == 3 || reading == Reading::Nothing) return;
   }
 }
 
@@ -311,6 +325,11 @@ void Run::finish(std::size_t client) {
   stepOf_.push_back(schedule_.steps.size());
   const Seen seen = world_.exchange(client, World::kFresh, kGetStatus);
   world_.require(!seen.failed, "the last exchange fails with ", seen.errorId);
+  // A queue that has lost its connection refuses this one, whatever was answered on another.
+  stepOf_.push_back(schedule_.steps.size());
+  const Seen update = world_.exchange(client, World::kFresh, kUpdateIndex);
+  world_.require(!update.failed || update.refusedWithoutQueue(), "the last update fails with ",
+                 update.errorId);
 }
 
 }  // namespace

@@ -13,7 +13,7 @@ constexpr std::array<const char*, kPeerFields> kPeerNames{
     "cutHow",  "stray",   "strayDelay", "end"};
 constexpr std::array<const char*, kCallerFields> kCallerNames{
     "act",     "client", "response",  "kind",  "idle",   "timeOut", "deadline",
-    "retries", "pull",   "recvAfter", "fault", "asking", "reading"};
+    "retries", "pull",   "recvAfter", "fault", "asking", "reading", "giveUp"};
 constexpr std::array<const char*, kActs> kActNames{"exchange",       "unsendable request",
                                                    "send",           "sendMesg",
                                                    "recvMesg",       "recv",
@@ -28,7 +28,9 @@ constexpr std::array<const char*, kActs> kActNames{"exchange",       "unsendable
                                                    "setRetryPause",  "setMaxReplyBytes",
                                                    "renew response", "copy response",
                                                    "rebuild client", "bytes by hand",
-                                                   "init",           "end of response"};
+                                                   "init",           "end of response",
+                                                   "half by hand",   "read by hand",
+                                                   "bind queue",     "unbind queue"};
 
 class Dice {
  public:
@@ -68,22 +70,30 @@ void rollPeer(Dice& dice, PeerPlan& peer) {
 /// Two steps of five are exchanges, as many are sends and receives, and most are of one client.
 std::uint8_t rollAct(Dice& dice) {
   static constexpr std::array kSteps{
-      kSendByHand,     kSendByHand, kSendByHand, kSendMesgByHand,   kRecvMesgByHand,
-      kRecvMesgByHand, kRecv,       kRecvStream, kRecvMultResponse, kPullLooping,
-      kPullLooping,    kPullSingle, kPullParsed};
+      kSendHalfByHand,   kReadByHand,     kSendByHand,     kSendByHand, kSendByHand,
+      kSendMesgByHand,   kRecvMesgByHand, kRecvMesgByHand, kRecv,       kRecvStream,
+      kRecvMultResponse, kPullLooping,    kPullLooping,    kPullSingle, kPullParsed};
   const unsigned int chance = dice.roll(5);
   if (chance < 2) return kExchange;
   return chance < 4 ? static_cast<std::uint8_t>(kSteps[dice.roll(kSteps.size())])
                     : dice.roll(kActs);
 }
 
-void rollStep(Dice& dice, StepPlan& plan) {
+std::uint8_t rollKind(Dice& dice, bool queueBound) {
+  static constexpr std::array<std::uint8_t, 4> kOfAQueue{3, 8, 9, 10};
+  static_assert(kKinds[3] == kParseResult && kKinds[8] == kAsynchAddDocument &&
+                kKinds[9] == kLastDocSent && kKinds[10] == kUpdateIndex);
+  if (queueBound && dice.roll(2) != 0) return kOfAQueue[dice.roll(kOfAQueue.size())];
+  // Half of the others are of a kind that brings something.
+  return dice.roll(2) != 0 ? dice.roll(7) : dice.roll(kKinds.size());
+}
+
+void rollStep(Dice& dice, StepPlan& plan, bool queueBound) {
   auto& caller = plan.caller;
   caller[kAct] = rollAct(dice);
   caller[kClient] = dice.seldom(5, 1);
   caller[kResponse] = dice.seldom(3, 2);
-  // Half of the requests are of a kind that brings something.
-  caller[kKind] = dice.roll(2) != 0 ? dice.roll(7) : dice.roll(kKinds.size());
+  caller[kKind] = rollKind(dice, queueBound);
   caller[kIdle] = dice.seldom(2, 4);
   caller[kTimeOut] = dice.roll(4) != 0;
   caller[kDeadline] = dice.seldom(4, 1);
@@ -93,6 +103,7 @@ void rollStep(Dice& dice, StepPlan& plan) {
   caller[kFault] = dice.seldom(8, 5);
   caller[kAsking] = dice.seldom(5, 2);
   caller[kReading] = dice.seldom(4, 1);
+  caller[kGiveUp] = dice.seldom(8, 3);
   for (auto& peer : plan.peer) rollPeer(dice, peer);
 }
 
@@ -106,9 +117,10 @@ Schedule scheduleOf(std::uint64_t seed) {
                     dice.roll(2) != 0,
                     dice.roll(3) == 0,
                     dice.roll(4) == 0,
+                    dice.roll(4) == 0,
                     {}};
   schedule.steps.resize(1 + dice.roll(7));
-  for (StepPlan& plan : schedule.steps) rollStep(dice, plan);
+  for (StepPlan& plan : schedule.steps) rollStep(dice, plan, schedule.queueBound);
   return schedule;
 }
 
@@ -119,6 +131,7 @@ std::string describe(const Schedule& schedule) {
   if (schedule.joined) text += ", joined";
   if (schedule.reassembly) text += ", reassembly";
   if (schedule.batching) text += ", batching";
+  if (schedule.queueBound) text += ", queue on one connection";
   for (const StepPlan& plan : schedule.steps) {
     text += std::string("\n  ") + kActNames[plan.caller[kAct]];
     const auto add = [&](const char* name, unsigned int value) {
@@ -166,6 +179,7 @@ bool simplifyAll(Schedule& schedule) {
   bool smaller = simplify(schedule, schedule.joined);
   smaller |= simplify(schedule, schedule.reassembly);
   smaller |= simplify(schedule, schedule.batching);
+  smaller |= simplify(schedule, schedule.queueBound);
   for (StepPlan& plan : schedule.steps) {
     for (auto& value : plan.caller) smaller |= simplify(schedule, value);
     for (auto& peer : plan.peer) {

@@ -62,6 +62,10 @@ enum Act : std::uint8_t {
   kSendBytesByHand,
   kInit,
   kEndOfResponse,
+  kSendHalfByHand,
+  kReadByHand,
+  kQueueOnOneConnection,
+  kQueueOnAny,
   kActs
 };
 
@@ -74,11 +78,13 @@ enum CallerField : std::size_t {
   kTimeOut,    // 0 none, 1 set
   kDeadline,   // 0 none, 1 set
   kRetries,    // attempts behind the first
-  kPull,       // after an exchange: 0 portion by portion, 1 looping, 2 not at all, 3 one portion
+  kPull,       // after an exchange: 0 portion by portion, 1 looping, 2 not at all, 3 one portion;
+               // of bytes that are read by hand: 0 one, 1 a header, 2 and more: part of a body, too
   kRecvAfter,  // further receives after an exchange, whatever came before
   kFault,      // 1 the next connect fails, 2 and more: the next write does, behind some bytes
   kAsking,     // an exchange: 0 as set, 1 one attempt by hand, 2 with limits of its own
-  kReading,    // of an exchange's response: 0 all, 1 nothing is read
+  kReading,    // of the response: 0 all, 1 nothing is read
+  kGiveUp,     // the wait of this number, in the first call of the step; 0 none
   kCallerFields
 };
 
@@ -98,6 +104,7 @@ struct Schedule {
   bool joined = false;      // whether one receive brings several pieces
   bool reassembly = false;  // of the binary protocol
   bool batching = false;    // of the binary protocol
+  bool queueBound = false;  // to one connection
   std::vector<StepPlan> steps;
 };
 

@@ -27,6 +27,9 @@ constexpr auto kInvalidState = "ERR_INVALID_STATE";
 constexpr auto kInternal = "ERR_CLIENT_INTERNAL";
 constexpr auto kNoConnection = "ERR_CONNECT_SERVER";
 constexpr auto kTimeOutId = "ERR_SERVER_COMM_TIMEOUT";
+constexpr auto kCancelledId = "ERR_CLIENT_CANCELLED";
+// What is no RESTException.
+constexpr auto kSocketId = "socket";
 constexpr auto kServerId = "ZVK0001E";
 constexpr auto kRefusedId = "ERR_SERVER_INVALID_AUTH";
 constexpr std::string_view kMarker = "query: m";
@@ -52,6 +55,7 @@ class Counted final : public Client, public Inspected {
  public:
   using Client::Client;
   Line lineState() const override { return Client::line_->state(); }
+  bool holdsBytes() const override { return Client::socket_.buffered() != 0; }
   void recv(ClientResponse& response) override {
     countRound();
     Client::recv(response);
@@ -60,6 +64,17 @@ class Counted final : public Client, public Inspected {
     countRound();
     Client::recvStream(response);
   }
+};
+
+/// One number for many.
+class Mixture {
+ public:
+  explicit Mixture(std::size_t first) : value_(first) {}
+  void add(std::size_t other) { value_ = (value_ ^ other) * 0x9E3779B97F4A7C15U; }
+  std::size_t value() const { return value_; }
+
+ private:
+  std::size_t value_;
 };
 
 /// Kinds whose replies are read alike.
@@ -170,28 +185,45 @@ void World::require(bool holds, const char* what, const std::string& more) {
 }
 
 std::size_t World::fingerprint() {
-  std::size_t all = network_.fingerprint();
-  const auto mix = [&](std::size_t value) { all = (all ^ value) * 0x9E3779B97F4A7C15U; };
+  Mixture all(network_.fingerprint());
   for (const Caller& caller : clients_) {
-    mix(caller.line.bits());
-    mix(static_cast<std::size_t>(shapeOfReply(caller.lastKind)));
-    mix(caller.exchangeFailed * 8U + caller.client->isEndOfStream() * 4U +
-        caller.client->isTruncated() * 2U + (caller.asked != nullptr));
-    mix((caller.streamMade == caller.made) + 2U * (caller.made != 0) +
-        4U * (caller.firstExchange == caller.exchange));
-    mix(caller.received * 2U + caller.receivedReply);
-    mix(caller.queueBound * 4U + caller.queue.has_value() * 2U +
-        (caller.queue == caller.connection));
-    for (Held& held : responses_) {
-      mix(static_cast<std::size_t>(staleness(caller, held)) * 2 + (held.mark == Mark{}));
-      mix(held.owner != nullptr && held.owner == caller.stream);
-      mix(held.response.getSearchResponse().count());
-      mix(held.response.getParseResponse().count());
-      const std::size_t left = held.leftHits.size() * 8 + held.leftRows.size();
-      mix(left == 0 ? 0 : left * 2 + held.usedSince);
-    }
+    all.add(knownOf(caller));
+    for (Held& held : responses_) all.add(knownOf(caller, held));
   }
-  return all;
+  return all.value();
+}
+
+std::size_t World::fingerprintOf(std::size_t c, std::size_t r) {
+  const Caller& caller = clients_[c];
+  Mixture all(caller.client->isConnected() ? network_.fingerprintOf(caller.connection) : 0);
+  all.add(knownOf(caller));
+  all.add(knownOf(caller, responses_[r]));
+  return all.value();
+}
+
+std::size_t World::knownOf(const Caller& caller) const {
+  Mixture all(caller.line.bits());
+  all.add(static_cast<std::size_t>(shapeOfReply(caller.lastKind)));
+  all.add(caller.exchangeFailed * 8U + caller.client->isEndOfStream() * 4U +
+          caller.client->isTruncated() * 2U + (caller.asked != nullptr));
+  all.add((caller.streamMade == caller.made) + 2U * (caller.made != 0) +
+          4U * (caller.firstExchange == caller.exchange));
+  all.add(caller.received * 2U + caller.receivedReply);
+  all.add((caller.disturbed && !caller.client->isEndOfStream()) * 2U +
+          caller.inspect->holdsBytes());
+  all.add(caller.queueBound * 4U + caller.queue.has_value() * 2U +
+          (caller.queue == caller.connection));
+  return all.value();
+}
+
+std::size_t World::knownOf(const Caller& caller, Held& held) const {
+  Mixture all(static_cast<std::size_t>(staleness(caller, held)) * 2 + (held.mark == Mark{}));
+  all.add(held.owner != nullptr && held.owner == caller.stream);
+  all.add(held.response.getSearchResponse().count());
+  all.add(held.response.getParseResponse().count());
+  const std::size_t left = held.leftHits.size() * 8 + held.leftRows.size();
+  all.add(left == 0 ? 0 : left * 2 + held.usedSince);
+  return all.value();
 }
 
 // The peer.
@@ -205,7 +237,13 @@ void World::answer(std::size_t connection, const std::string& request) {
   question.written = true;
   question.connection = connection;
   Caller& caller = clients_[question.client];
-  if (question.kind == kAsynchAddDocument && caller.queueBound) caller.queueWritten = connection;
+  // What completes half a request, or is part of none, is no document that the client queued.
+  const bool queued = question.kind == kAsynchAddDocument && !question.unsent && !question.inChunks;
+  if (queued && caller.queueBound) {
+    // A batch whose connection broke is written once more, and with it the queue begins anew.
+    if (caller.queueBegun == &question) caller.queue.reset();
+    caller.queueWritten = &question;
+  }
   if (question.byHand && !question.inChunks) {
     question.untold = network_.holdsUnasked(connection);
     if (hasReply(question.kind)) {
@@ -242,19 +280,49 @@ Seen World::run(std::size_t c, Call&& call) {
   const std::uint64_t start = network_.nowMicros();
   network_.takeLongestWait();
   try {
-    call();
+    runInHost(clients_[c], call, seen);
   } catch (const Spinning&) {
     seen.failed = true;
   } catch (const tq::oss::BaseException& error) {
     seen.failed = true;
     noteError(error, seen);
-    if (dynamic_cast<const RESTException*>(&error) == nullptr) seen.errorId = "socket";
+    if (dynamic_cast<const RESTException*>(&error) == nullptr) seen.errorId = kSocketId;
   }
   seen.waited = network_.nowMicros() - start;
   require(!spun, "goes round without end");
   judgeWaits(clients_[c], seen);
+  judgeGivingUp(clients_[c], seen);
   if (seen.failed) judgeId(seen);
   return seen;
+}
+
+/// The host waits for a client that it was set for, or in whose call it shall give up.
+template <typename Call>
+void World::runInHost(Caller& caller, Call&& call, Seen& seen) {
+  struct Host {
+    World& world;
+    Caller& caller;
+    Seen& seen;
+    ~Host() {
+      WaitingHost& host = world.host_;
+      if (host.giveUpAt == 0) return;
+      seen.gaveUp = host.waits >= host.giveUpAt;
+      world.require(host.waits <= host.giveUpAt, "waits on although its host has given up");
+      host.giveUpAt = 0;
+      if (!caller.hooked) caller.client->setWaitHook(nullptr, nullptr);
+    }
+  };
+  const Host host{*this, caller, seen};
+  if (host_.giveUpAt != 0) caller.client->setWaitHook(&WaitingHost::wait, &host_);
+  call();
+}
+
+void World::judgeGivingUp(const Caller& caller, const Seen& seen) {
+  const bool cancelled = seen.errorId == kCancelledId;
+  require(!cancelled || seen.gaveUp, "is cancelled although its host has not given up");
+  const bool ended = readsByHand_ ? seen.errorId == kSocketId : cancelled;
+  require(!seen.gaveUp || ended, "goes on although its host has given up: ", seen.errorId);
+  require(!cancelled || !caller.client->isConnected(), "keeps the connection of a cancelled call");
 }
 
 void World::judgeWaits(const Caller& caller, const Seen& seen) {
@@ -272,7 +340,8 @@ void World::judgeWaits(const Caller& caller, const Seen& seen) {
 }
 
 void World::judgeId(const Seen& seen) {
-  static constexpr std::array<std::string_view, 13> kDocumented{kNoConnection,
+  static constexpr std::array<std::string_view, 14> kDocumented{kNoConnection,
+                                                                kCancelledId,
                                                                 "ERR_SERVER_COMM_SEND",
                                                                 "ERR_SERVER_COMM_RECV",
                                                                 kTimeOutId,
@@ -287,7 +356,7 @@ void World::judgeId(const Seen& seen) {
                                                                 "TQ_ERR_PROPERTY_NUMBER"};
   const bool known =
       std::find(kDocumented.begin(), kDocumented.end(), seen.errorId) != kDocumented.end() ||
-      seen.errorId == "socket";
+      seen.errorId == kSocketId;
   require(known || spun, "fails with an error that no document names: ", seen.errorId);
 }
 
@@ -309,11 +378,12 @@ Seen World::exchange(std::size_t c, std::size_t r, int kind, Asking how, Reading
     if (how == Asking::AsSet) return caller.client->sendAndRecvMesg(request, held.response);
     caller.client->sendAndRecvMesg(request, held.response, {caller.deadline, caller.retries});
   });
-  require(seen.errorId != "socket" || how == Asking::Once,
+  require(seen.errorId != kSocketId || how == Asking::Once,
           "an exchange fails with what is no RESTException");
   noteConnections(caller, connections);
   // A repeated exchange that runs out of time has closed the connection that it was bound to.
-  const bool begun = seen.errorId != kNoConnection && !seen.refusedWithoutQueue();
+  const bool unconnected = seen.gaveUp && givenUp_ == Wait::OfAConnect;
+  const bool begun = seen.errorId != kNoConnection && !unconnected && !seen.refusedWithoutQueue();
   caller.streamMade = begun ? caller.made : 0;
   caller.exchange += 2;
   caller.firstExchange = caller.exchange;
@@ -325,6 +395,7 @@ Seen World::exchange(std::size_t c, std::size_t r, int kind, Asking how, Reading
   markAfterExchange(caller, held, question, seen);
   held.parsedAs = kind;
   question.failed = seen.failed && seen.errorId != kTimeOutId;
+  question.unsent = seen.failed && !question.written;
   lineAfterExchange(caller, seen, network_.connections() != connections,
                     askedByHand_ != askedByHand);
   // The first portion of these takes the place of what the response held.
@@ -379,6 +450,7 @@ Seen World::send(std::size_t c, int kind, bool asMessage) {
     tq::comm::RESTMessage message(caller.client->getHost(), request);
     caller.client->sendMesg(message);
   });
+  question.unsent = seen.failed && !question.written;
   noteQueue(caller);
   if (broken) {
     require(!question.written, "writes behind half a request");
@@ -412,15 +484,16 @@ Seen World::sendBodyChunks(std::size_t c, int kind, Bytes bytes) {
   if (caller.client->isConnected()) {
     caller.line = Line::Broken;
   } else {
-    require(seen.errorId == "socket", "writes bytes without a connection");
+    caller.line = Line::NotConnected;
+    require(seen.errorId == kSocketId || seen.gaveUp, "writes bytes without a connection");
   }
   return seen;
 }
 
-Seen World::recvMesg(std::size_t c, std::size_t r) {
+Seen World::recvMesg(std::size_t c, std::size_t r, Reading reading) {
   Caller& caller = clients_[c];
   Held& held = responses_[r];
-  beginUse(held, Reading::All);
+  beginUse(held, reading);
   clearScalars(held);
   const std::uint64_t bytes = network_.bytesTaken();
   caller.receivedReply = true;
@@ -461,7 +534,7 @@ Seen World::recvMesg(std::size_t c, std::size_t r) {
     return seen;
   }
   require(line.mayBe(Line::Asked), "reads a reply that nobody can name");
-  caller.line = Line::Uncertain;
+  caller.line = caller.client->isConnected() ? Line::Uncertain : Line::NotConnected;
   caller.firstExchange = ++caller.exchange;
   held.others.clear();
   held.mark = {caller.number, caller.exchange};
@@ -469,8 +542,54 @@ Seen World::recvMesg(std::size_t c, std::size_t r) {
   held.owner = caller.stream = caller.asked;
   caller.streamMade = caller.made;
   if (held.owner == nullptr || held.owner->untold) return seen;
-  take(held);
+  read(held, reading);
   judgeExchange(caller, held, seen);
+  return seen;
+}
+
+bool World::readOneByHand(std::size_t c, bool first, char& byte, Seen& seen) {
+  auto& client = *clients_[c].client;
+  unsigned long taken = 0;
+  readsByHand_ = true;
+  seen = run(c, [&] {
+    if (first) {
+      taken = client.read(&byte, 0, 1, true);
+      return;
+    }
+    client.dataToRead(true);
+    taken = client.readOnce(&byte, 0, 1, false);
+  });
+  readsByHand_ = false;
+  return taken != 0;
+}
+
+Seen World::readByHand(std::size_t c, UpTo point) {
+  constexpr std::size_t kBinaryHeader = 2;
+  constexpr std::size_t kPartOfBody = 3;
+  constexpr std::size_t kLongestHeader = 200;
+  Caller& caller = clients_[c];
+  const bool connected = caller.client->isConnected();
+  std::string header;
+  std::size_t body = 0;
+  Seen seen;
+  for (char byte = '\0'; readOneByHand(c, header.empty(), byte, seen);) {
+    const bool ended = binary_ ? header.size() == kBinaryHeader : header.ends_with("\r\n\r\n");
+    if (ended) {
+      ++body;
+    } else {
+      header += byte;
+    }
+    const bool endsNow = binary_ ? header.size() == kBinaryHeader : header.ends_with("\r\n\r\n");
+    if (point == UpTo::FirstByte || body == kPartOfBody || header.size() == kLongestHeader) break;
+    if (point == UpTo::EndOfHeader && endsNow) break;
+  }
+  require(caller.client->isConnected() == connected, "a read by hand ends the connection");
+  if (!connected) {
+    require(header.empty() && seen.errorId == kSocketId, "reads without a connection");
+  } else if (!header.empty()) {
+    caller.disturbed = true;
+    caller.line.move({Line::Clean, Line::Tail, Line::Owed, Line::Asked}, Line::Uncertain);
+  }
   return seen;
 }
 
@@ -483,7 +602,10 @@ Seen World::open(std::size_t c) {
     caller.line = Line::Clean;
     caller.asked = nullptr;
   }
-  if (!caller.client->isConnected()) caller.line = Line::NotConnected;
+  if (!caller.client->isConnected()) {
+    caller.line = Line::NotConnected;
+    caller.asked = nullptr;
+  }
   return seen;
 }
 
@@ -517,20 +639,35 @@ void World::setQueueOnOneConnection(std::size_t c, bool on) {
   clients_[c].queue.reset();
 }
 
+void World::setWaitHook(std::size_t c) {
+  clients_[c].client->setWaitHook(&WaitingHost::wait, &host_);
+  clients_[c].hooked = true;
+}
+
+void World::giveUpNext(std::size_t number, Wait wait) {
+  host_.giveUpAt = number == 0 ? 0 : host_.waits + number;
+  givenUp_ = wait;
+}
+
 void World::destroy(std::size_t r) { responses_[r] = Held(); }
 
 void World::noteConnections(Caller& caller, std::size_t before) const {
   const std::size_t made = network_.connections() - before;
   caller.made += made;
-  if (made != 0) caller.connection = network_.connections() - 1;
+  if (made == 0) return;
+  caller.connection = network_.connections() - 1;
+  caller.disturbed = false;
 }
 
 // The queue of documents.
 
 /// It begins with the first document that is written.
 void World::noteQueue(Caller& caller) {
-  if (!caller.queue) caller.queue = caller.queueWritten;
-  caller.queueWritten.reset();
+  if (!caller.queue && caller.queueWritten != nullptr) {
+    caller.queueBegun = caller.queueWritten;
+    caller.queue = caller.queueBegun->connection;
+  }
+  caller.queueWritten = nullptr;
 }
 
 void World::judgeQueue(Caller& caller, const Question& question, const Seen& seen) {
@@ -647,7 +784,7 @@ void World::judgePull(Pulling how, Caller& caller, Held& held, Stale stale, cons
     require(!seen.failed && unchanged, "receives although the results are marked as buffered");
     return;
   }
-  const bool away = !caller.client->isConnected();
+  const bool away = !caller.client->isConnected() && !seen.gaveUp;
   if (stale == Stale::Yes) {
     require(seen.errorId == kInvalidState || (away && seen.errorId == kNoConnection),
             "pulls into a response of another exchange", " " + seen.errorId);
@@ -670,8 +807,9 @@ void World::judgePull(Pulling how, Caller& caller, Held& held, Stale stale, cons
   held.parsedAs = caller.lastKind;
   const bool tookBytes = network_.bytesTaken() != before.bytesTaken;
   const bool receives = !before.ended && !findsResults(how, before);
-  if (receives && caller.streamMade != 0 && caller.streamMade != caller.made) {
-    require(!tookBytes && seen.waited == 0, "reads a stream on from another connection");
+  const bool lost = caller.streamMade != caller.made || caller.disturbed;
+  if (receives && caller.streamMade != 0 && lost) {
+    require(!tookBytes && seen.waited == 0, "reads a stream on without its connection");
     require(seen.failed || caller.client->isTruncated(), "ends as whole without its connection");
   }
   lineAfterPull(caller, seen, before.ended);
@@ -904,7 +1042,7 @@ void World::lineAfterExchange(Caller& caller, const Seen& seen, bool reconnected
     return;
   }
   // A failed write, and one of an attempt by hand over HTTP.
-  if (seen.errorId == "ERR_SERVER_COMM_SEND" || seen.errorId == "socket") {
+  if (seen.errorId == "ERR_SERVER_COMM_SEND" || seen.errorId == kSocketId) {
     caller.line = Line::Broken;
   } else if (seen.errorId == kInternal) {
     // A write over HTTP, a read over the binary protocol.
@@ -917,9 +1055,12 @@ void World::lineAfterExchange(Caller& caller, const Seen& seen, bool reconnected
 }
 
 void World::lineAfterPull(Caller& caller, const Seen& seen, bool endedBefore) {
-  // Only another connection mends these.
-  if (caller.line.mustBe(Line::NotConnected) || caller.line.mustBe(Line::Broken)) return;
-  if (endedBefore) return;
+  if (!caller.client->isConnected()) {
+    caller.line = Line::NotConnected;
+    return;
+  }
+  // Only another connection mends this.
+  if (caller.line.mustBe(Line::Broken) || endedBefore) return;
   // The end of an estimate and the reply to a later question may have been read in one.
   if (caller.line.mayBe(Line::Asked)) caller.line.add(Line::Uncertain);
   const bool ended = caller.client->isEndOfStream();

@@ -16,6 +16,7 @@
 #include "comm/kruLine.h"
 #include "tests/comm/adversaryNetwork.h"
 #include "tests/comm/taggedReplies.h"
+#include "tests/support/waitingHost.h"
 
 namespace tq::test {
 
@@ -59,6 +60,7 @@ struct Question {
   bool failed = false;         // its caller was told of a failure other than a time-out
   bool gaps = false;           // received in a way that drops portions before the caller sees them
   bool inChunks = false;       // its bytes were written by hand, as part of no message
+  bool unsent = false;         // its caller was told so, and the peer did not have all of it
   std::size_t connection = 0;  // that it was written to last
   std::vector<Answer> answers{};         // one for each attempt that the server saw
   std::vector<std::string> delivered{};  // ids of hits, or documents
@@ -70,6 +72,7 @@ struct Seen {
   std::string errorId{};
   std::string errorText{};
   std::uint64_t waited = 0;  // MICROSECONDS
+  bool gaveUp = false;       // the host, in one of the call's waits
 
   /// The connection of the documents that were queued before is gone.
   bool refusedWithoutQueue() const;
@@ -84,11 +87,15 @@ enum class Pulling { Recv, RecvStream, RecvMultResponse, Looping, Single, Parsed
 /// What a caller reads of the results that a response holds before a call and after it.
 enum class Reading { All, Nothing };
 
-/// Tells the state of a client's line, which callers do not see.
+/// How far the bytes of a reply are taken off its connection by hand.
+enum class UpTo { FirstByte, EndOfHeader, MiddleOfBody };
+
+/// Tells the state of a client's line and buffer, which callers do not see.
 class Inspected {
  public:
   virtual ~Inspected() = default;
   virtual Line lineState() const = 0;
+  virtual bool holdsBytes() const = 0;
 };
 
 /// Two clients, their responses, the network in memory between them and their peer, and a judge who
@@ -127,7 +134,9 @@ class World {
   /// message.
   enum class Bytes { Half, All };
   Seen sendBodyChunks(std::size_t c, int kind, Bytes bytes);
-  Seen recvMesg(std::size_t c, std::size_t r);
+  Seen recvMesg(std::size_t c, std::size_t r, Reading reading = Reading::All);
+  /// Past all replies, and without a response.
+  Seen readByHand(std::size_t c, UpTo point);
   Seen pull(Pulling how, std::size_t c, std::size_t r, Reading reading = Reading::All);
   Seen open(std::size_t c);
   void close(std::size_t c);
@@ -136,6 +145,11 @@ class World {
   void setNumRetries(std::size_t c, unsigned int count);
   void init(std::size_t c);
   void setQueueOnOneConnection(std::size_t c, bool on);
+  /// Has a host wait for the client from now on.
+  void setWaitHook(std::size_t c);
+  /// In the next call the host gives up the wait of this number, if there is one; 0: none.
+  enum class Wait { OfAConnect, Other };
+  void giveUpNext(std::size_t number, Wait wait = Wait::Other);
   void renew(std::size_t r);
   /// Ends a response with all that it holds.
   void destroy(std::size_t r);
@@ -158,6 +172,8 @@ class World {
   Line inspected(std::size_t c) const { return clients_[c].inspect->lineState(); }
   /// A number for all that a caller could know of the clients, their responses and their network.
   std::size_t fingerprint();
+  /// The same for one client, one response and that client's connection.
+  std::size_t fingerprintOf(std::size_t c, std::size_t r);
   const Question* lastQuestion() const { return questions_.empty() ? nullptr : &questions_.back(); }
 
  private:
@@ -180,7 +196,9 @@ class World {
     Question* stream = nullptr;  // whose reply a receive brings
     std::size_t made = 0;        // connections
     std::size_t streamMade = 0;  // of which the stream began on this one; 0: on none
-    Question* asked = nullptr;   // by hand, on a line that owed nothing
+    bool disturbed = false;      // bytes were taken off the present one by hand
+    bool hooked = false;
+    Question* asked = nullptr;  // by hand, on a line that owed nothing
     unsigned int timeOut = 0;
     unsigned int deadline = 0;
     unsigned int retries = 0;
@@ -192,7 +210,8 @@ class World {
     // document of the present call went.
     bool queueBound = false;
     std::optional<std::size_t> queue{};
-    std::optional<std::size_t> queueWritten{};
+    const Question* queueBegun = nullptr;
+    const Question* queueWritten = nullptr;
   };
   struct Held {
     tq::comm::ClientResponse response{};
@@ -224,9 +243,15 @@ class World {
   Question& ask(std::size_t c, int kind, bool byHand);
   template <typename Call>
   Seen run(std::size_t c, Call&& call);
+  template <typename Call>
+  void runInHost(Caller& caller, Call&& call, Seen& seen);
   void judgeWaits(const Caller& caller, const Seen& seen);
+  void judgeGivingUp(const Caller& caller, const Seen& seen);
+  bool readOneByHand(std::size_t c, bool first, char& byte, Seen& seen);
   void judgeId(const Seen& seen);
 
+  std::size_t knownOf(const Caller& caller) const;
+  std::size_t knownOf(const Caller& caller, Held& held) const;
   Shape shapeOf(const Caller& caller, Held& held) const;
   bool isCurrent(const Caller& caller, const Mark& mark) const;
   Stale staleness(const Caller& caller, const Held& held) const;
@@ -263,6 +288,9 @@ class World {
   std::uint64_t clientsMade_ = 0;
   std::size_t askedByHand_ = 0;  // questions that have arrived
   std::string violation_{};
+  WaitingHost host_{};
+  Wait givenUp_ = Wait::Other;
+  bool readsByHand_ = false;
   TimedNetwork network_;
   std::array<Caller, kClients> clients_{};
   std::array<Held, kResponses> responses_{};

@@ -11,7 +11,6 @@
 #include "tests/comm/adversaryWorld.h"
 #include "tests/support/binaryReplies.h"
 #include "tests/support/sanitized.h"
-#include "tests/support/waitingHost.h"
 
 namespace {
 
@@ -26,6 +25,7 @@ enum class Call {
   SendMesg,
   SendBodyChunks,
   RecvMesg,
+  ReadByHand,
   Pull,
   Destroy,
   Close,
@@ -45,6 +45,7 @@ enum class Peer {
   Babbles,
   IsLate,
   BodyIsLate,
+  HalfIsLate,
   ClosesHalfWay,
   ResetsHalfWay,
   ResetsAtOnce,
@@ -58,6 +59,9 @@ enum class Peer {
 };
 
 enum class Fault { None, Connect, Write, HalfWrite };
+
+/// Which wait the host gives up, where the call comes to it.
+enum class GivesUp { Never, Connecting, HalfWritten, Receiving };
 
 enum class Setting {
   None,
@@ -100,6 +104,8 @@ struct Event {
   Asking asking = Asking::AsSet;
   Reading reading = Reading::All;
   World::Bytes bytes = World::Bytes::All;
+  UpTo upTo = UpTo::FirstByte;
+  GivesUp givesUp = GivesUp::Never;
   // A path with two of these is one event shorter than others.
   bool rare = false;
 };
@@ -112,9 +118,11 @@ constexpr auto kSendId = "ERR_SERVER_COMM_SEND";
 constexpr auto kConnectId = "ERR_CONNECT_SERVER";
 constexpr auto kProtocolId = "ERR_SERVER_PROTOCOL";
 constexpr auto kServerId = "ZVK0001E";
+constexpr auto kCancelledId = "ERR_CLIENT_CANCELLED";
 
-// A kind without results of its own; each path takes another one.
+// A kind without results of its own, and any with a reply; each path takes another one.
 constexpr int kAnyPlain = -1;
+constexpr int kAnyAnswered = -2;
 
 /// An exchange, which leaves its connection clean unless said otherwise.
 Event exchange(const char* name, int kind, Peer peer, Line next = Line::Clean,
@@ -161,6 +169,23 @@ Event rare(Event event) {
 /// What the response holds before it, and what it brings, is not read.
 Event unread(Event event) {
   event.reading = Reading::Nothing;
+  return rare(event);
+}
+
+/// The call ends there, if it waits there.
+Event givenUp(GivesUp when, Event event) {
+  event.givesUp = when;
+  return rare(event);
+}
+/// An exchange whose reply comes, or goes on, only after its host has lost patience.
+Event givenUpExchange(const char* name, int kind, Peer peer) {
+  return givenUp(GivesUp::Receiving,
+                 exchange(name, kind, peer, Line::NotConnected, kCancelledId, kCancelledId));
+}
+
+Event readByHand(const char* name, UpTo upTo) {
+  Event event{name, Call::ReadByHand};
+  event.upTo = upTo;
   return rare(event);
 }
 
@@ -256,6 +281,10 @@ std::vector<Event> exchanges() {
       byOther(exchange("other client's stream", kStreamSearch, P::Streams, L::Owed)),
       byOther(into(kSecond, exchange("other client's reply into the second response", kGetStatus,
                                      P::Answers))),
+      givenUpExchange("given up", kAnyAnswered, P::IsLate),
+      givenUpExchange("given up in the middle of the reply", kGetStatus, P::HalfIsLate),
+      givenUp(GivesUp::Connecting, exchange("given up while connecting", kGetStatus, P::Answers)),
+      givenUp(GivesUp::HalfWritten, exchange("given up half-way", kAddDocument, P::Answers)),
       unread(exchange("stream, left unread", kStreamSearch, P::Streams, L::Owed)),
       unread(exchange("scalar stream, left unread", kScalarSearch, P::Streams, L::Owed)),
   };
@@ -292,6 +321,16 @@ std::vector<Event> steps() {
       otherPulls,
       unread(pulling("recv, left unread", Pulling::Recv)),
       rare(Event{"end of the response", Call::Destroy}),
+      givenUp(GivesUp::Receiving, pulling("recv, given up", Pulling::Recv)),
+      givenUp(GivesUp::Receiving, pulling("pull, given up", Pulling::Looping)),
+      givenUp(GivesUp::Receiving, Event{"recvMesg, given up", Call::RecvMesg}),
+      givenUp(GivesUp::HalfWritten,
+              byHand("send, given up half-way", Call::Send, kCreateCollection, P::Answers)),
+      givenUp(GivesUp::Connecting, Event{"open(), given up", Call::Open}),
+      readByHand("first byte by hand", UpTo::FirstByte),
+      readByHand("header by hand", UpTo::EndOfHeader),
+      readByHand("header and part of the body by hand", UpTo::MiddleOfBody),
+      givenUp(GivesUp::Receiving, readByHand("first byte by hand, given up", UpTo::FirstByte)),
       bodyChunks("half a request by hand", World::Bytes::Half),
       bodyChunks("bytes of a request by hand", World::Bytes::All),
       Event{"close()", Call::Close},
@@ -374,6 +413,8 @@ class Walker {
   const std::string& violation() const { return world_.violation(); }
   /// All that the table and the caller know of the two clients.
   std::size_t fingerprint();
+  /// The same of the first client and its first response alone, which are those of the rare events.
+  std::size_t ownFingerprint();
 
  private:
   void answer(std::size_t connection, Question& question);
@@ -384,8 +425,10 @@ class Walker {
   void expectExchange(const Event& event, const Seen& seen);
   bool attempt(const Event& event, bool first, const char*& error);
   void send(const Event& event);
+  void arrange(const Event& event);
   void set(Setting setting, std::size_t client);
   void expectModel(std::size_t client);
+  void mixModel(std::size_t client, std::size_t& all);
   void settle(std::size_t client);
   std::size_t connectionsMissing();
   std::size_t adoptConnections(Model& model);
@@ -393,7 +436,6 @@ class Walker {
   bool binary_;
   std::size_t ordinal_;
   unsigned int tag_ = 1000;
-  WaitingHost host_{};
   World world_;
   std::vector<const Event*> plans_{};
   std::array<Model, World::kClients> models_{};
@@ -420,7 +462,12 @@ int Walker::kindOf(const Event& event) const {
                                      kOpenCollectionAlt,
                                      kSetConstructorConfiguration,
                                      kVersionsValidation};
-  return event.kind == kAnyPlain ? kPlain[ordinal_ % kPlain.size()] : event.kind;
+  if (event.kind == kAnyPlain) return kPlain[ordinal_ % kPlain.size()];
+  if (event.kind != kAnyAnswered) return event.kind;
+  static constexpr std::array kResults{kStreamSearch, kScalarSearch,     kParseResult,
+                                       kGetStatus,    kGetServerVersion, kSelectivity};
+  const std::size_t any = ordinal_ % (kPlain.size() + kResults.size());
+  return any < kResults.size() ? kResults[any] : kPlain[any - kResults.size()];
 }
 
 void Walker::answer(std::size_t connection, Question& question) {
@@ -455,6 +502,9 @@ void Walker::answer(std::size_t connection, Question& question) {
       network.send(connection, text.substr(0, header), 0);
       return network.send(connection, text.substr(header), kLate);
     }
+    case Peer::HalfIsLate:
+      network.send(connection, text.substr(0, text.size() / 2), 0);
+      return network.send(connection, text.substr(text.size() / 2), kLate);
     case Peer::ResetsAtOnce:
       return network.reset(connection, 0);
     case Peer::ClosesHalfWay:
@@ -492,10 +542,24 @@ void Walker::step(const Event& event) {
   const bool asks = event.call == Call::Exchange || event.call == Call::Send ||
                     event.call == Call::SendMesg || event.call == Call::SendBodyChunks;
   if (asks) plans_.push_back(&event);
+  arrange(event);
   act(event);
   if (held_ != nullptr && held_->written) held_ = nullptr;
   world_.network().heal();
   expectModel(event.client);
+}
+
+/// What goes wrong in the event's call, and what its host does.
+void Walker::arrange(const Event& event) {
+  TimedNetwork& network = world_.network();
+  if (event.fault == Fault::Connect) network.failNextConnect();
+  if (event.fault == Fault::Write) network.failNextWrite(0);
+  if (event.fault == Fault::HalfWrite) network.failNextWrite(20);
+  if (event.givesUp == GivesUp::Never) return;
+  if (event.givesUp == GivesUp::Connecting) network.connectInBackground();
+  if (event.givesUp == GivesUp::HalfWritten) network.blockNextWrite(20);
+  world_.giveUpNext(
+      1, event.givesUp == GivesUp::Connecting ? World::Wait::OfAConnect : World::Wait::Other);
 }
 
 void Walker::act(const Event& event) {
@@ -516,6 +580,9 @@ void Walker::act(const Event& event) {
     case Call::RecvMesg:
       world_.recvMesg(event.client, event.response);
       return settle(event.client);
+    case Call::ReadByHand:
+      world_.readByHand(event.client, event.upTo);
+      return settle(event.client);
     case Call::Pull:
       world_.pull(event.pull, event.client, event.response, event.reading);
       return settle(event.client);
@@ -530,7 +597,10 @@ void Walker::act(const Event& event) {
       model.state = Line::NotConnected;
       [[fallthrough]];
     case Call::Open:
-      world_.open(event.client);
+      if (world_.open(event.client).gaveUp) {
+        model.state = Line::NotConnected;
+        return;
+      }
       if (model.state == Line::NotConnected || !model.persistent) model.connected();
       return;
     case Call::Set:
@@ -541,12 +611,8 @@ void Walker::act(const Event& event) {
 }
 
 void Walker::exchange(const Event& event) {
-  TimedNetwork& network = world_.network();
-  begun_ = network.nowMicros();
+  begun_ = world_.network().nowMicros();
   connectRefused_ = false;
-  if (event.fault == Fault::Connect) network.failNextConnect();
-  if (event.fault == Fault::Write) network.failNextWrite(0);
-  if (event.fault == Fault::HalfWrite) network.failNextWrite(20);
   hadQueue_ = world_.hasQueue(event.client);
   expectExchange(event, world_.exchange(event.client, event.response, kindOf(event), event.asking,
                                         event.reading));
@@ -555,11 +621,19 @@ void Walker::exchange(const Event& event) {
 /// One attempt, as the table says it goes. False when it fails.
 bool Walker::attempt(const Event& event, bool first, const char*& error) {
   Model& model = models_[event.client];
-  const bool writes = first && (event.fault == Fault::Write || event.fault == Fault::HalfWrite);
+  const bool blocked = event.givesUp == GivesUp::HalfWritten;
+  const bool writes =
+      first && (blocked || event.fault == Fault::Write || event.fault == Fault::HalfWrite);
+  const auto cancelled = [&] {
+    model.state = Line::NotConnected;
+    error = kCancelledId;
+    return false;
+  };
   error = "";
   const auto connects = [&] {
     if (model.reusable()) return true;
     model.state = Line::NotConnected;
+    if (event.givesUp == GivesUp::Connecting) return cancelled();
     if (event.fault == Fault::Connect && !std::exchange(connectRefused_, true)) {
       error = kConnectId;
       return false;
@@ -570,6 +644,7 @@ bool Walker::attempt(const Event& event, bool first, const char*& error) {
   const bool sendsHeld = held_ != nullptr && event.client == kA;
   if (sendsHeld && !connects()) return false;
   if (sendsHeld) {
+    if (blocked) return cancelled();
     if (writes) {
       model.state = Line::Broken;
       error = kSendId;
@@ -589,7 +664,9 @@ bool Walker::attempt(const Event& event, bool first, const char*& error) {
     return false;
   }
   if (event.kind == kAsynchAddDocument || event.kind == kLastDocSent) return true;
-  if (!writes && model.tailAt > begun_ + kLimit) {
+  if (blocked) return cancelled();
+  if (event.givesUp == GivesUp::Connecting && model.tailAt > begun_) return cancelled();
+  if (!writes && event.givesUp == GivesUp::Never && model.tailAt > begun_ + kLimit) {
     error = kTimeOutId;
     model.state = Line::Uncertain;
     return false;
@@ -635,7 +712,6 @@ void Walker::expectExchange(const Event& event, const Seen& seen) {
 }
 
 void Walker::send(const Event& event) {
-  if (event.fault == Fault::HalfWrite) world_.network().failNextWrite(20);
   const Seen seen = world_.send(event.client, event.kind, event.call == Call::SendMesg);
   const Question* question = world_.lastQuestion();
   if (!seen.failed && !question->written && event.kind != kAsynchAddDocument) held_ = question;
@@ -703,8 +779,7 @@ void Walker::set(Setting setting, std::size_t client) {
       caller.setRetryPause(0, 0);
       caller.setMaxReplyBytes(std::size_t{1} << 20);
       // A host that only waits, as the library does by itself.
-      caller.setWaitHook(&WaitingHost::wait, &host_);
-      return;
+      return world_.setWaitHook(client);
   }
 }
 
@@ -733,15 +808,24 @@ void Walker::expectModel(std::size_t client) {
 
 std::size_t Walker::fingerprint() {
   std::size_t all = world_.fingerprint();
-  const auto mix = [&](std::size_t value) { all = (all ^ value) * 0x9E3779B97F4A7C15U; };
-  for (const Model& model : models_) {
-    mix(static_cast<std::size_t>(model.state));
-    mix(model.spoilt * 32U + model.persistent * 16U + model.retries * 8U + model.deadline * 4U +
-        model.reassembly * 2U + model.batching);
-    mix(model.tailAt > world_.network().nowMicros());
-  }
-  mix(held_ != nullptr);
+  for (const std::size_t client : {kA, kB}) mixModel(client, all);
   return all;
+}
+
+std::size_t Walker::ownFingerprint() {
+  std::size_t all = world_.fingerprintOf(kA, kFirst);
+  mixModel(kA, all);
+  return all;
+}
+
+void Walker::mixModel(std::size_t client, std::size_t& all) {
+  const Model& model = models_[client];
+  const auto mix = [&](std::size_t value) { all = (all ^ value) * 0x9E3779B97F4A7C15U; };
+  mix(static_cast<std::size_t>(model.state));
+  mix(model.spoilt * 32U + model.persistent * 16U + model.retries * 8U + model.deadline * 4U +
+      model.reassembly * 2U + model.batching);
+  mix(model.tailAt > world_.network().nowMicros());
+  mix(client == kA && held_ != nullptr);
 }
 
 /// An exchange of each client, which must get its own reply, and an end of the queue.
@@ -770,8 +854,10 @@ std::string textOf(bool binary, const Path& path) {
 }
 
 struct Walked {
-  std::string violation;
-  std::size_t fingerprint;  // before the last exchanges
+  std::string violation{};
+  // Before the last exchanges.
+  std::size_t fingerprint = 0;
+  std::size_t ownFingerprint = 0;
 };
 
 /// Walks one path and, after it, exchanges that must get their own replies.
@@ -781,11 +867,12 @@ Walked walk(bool binary, const Path& path) {
   Walker walker(binary, ordinal);
   for (const std::size_t index : path) {
     walker.step(eventsOf(binary)[index]);
-    if (walker.failed()) return {walker.violation(), 0};
+    if (walker.failed()) return {walker.violation()};
   }
-  const std::size_t fingerprint = walker.fingerprint();
+  Walked walked{{}, walker.fingerprint(), walker.ownFingerprint()};
   walker.finish();
-  return {walker.violation(), fingerprint};
+  walked.violation = walker.violation();
+  return walked;
 }
 
 /// The shortest path that dropping events leads to and that still fails.
@@ -832,10 +919,12 @@ class Walk {
     if (endsRarely() || path_.size() == length ||
         !goesOn(walked.fingerprint, length - path_.size(), rares))
       return;
+    const bool takesRare = isNewToRare(walked, rares);
     path_.push_back(0);
     for (std::size_t i = 0; i < eventsOf(binary_).size() && !failed_; ++i) {
-      const std::size_t all = rares + (eventsOf(binary_)[i].rare ? 1 : 0);
-      if (path_.size() > longest(all)) continue;
+      const bool rare = eventsOf(binary_)[i].rare;
+      const std::size_t all = rares + (rare ? 1 : 0);
+      if (path_.size() > longest(all) || (rare && !takesRare)) continue;
       path_.back() = i;
       from(all);
     }
@@ -853,6 +942,13 @@ class Walk {
     return rares < 2 || everything_ ? kLength : kLength - 1;
   }
 
+  /// From the third step on a rare event is taken once from each state of what it is about.
+  bool isNewToRare(const Walked& walked, std::size_t rares) {
+    if (everything_ || path_.size() < 2) return true;
+    const bool fits = path_.size() < longest(rares + 1);
+    return fits && rareSeen_[kLength - path_.size()].insert(walked.ownFingerprint).second;
+  }
+
   /// The last step is taken once from each state, and so is each step after a rare event.
   bool goesOn(std::size_t fingerprint, std::size_t steps, std::size_t rares) {
     if (everything_) return true;
@@ -867,6 +963,7 @@ class Walk {
   std::size_t paths_ = 0;
   // With so many steps to go.
   std::array<std::unordered_set<std::size_t>, kLength + 1> seen_{};
+  std::array<std::unordered_set<std::size_t>, kLength + 1> rareSeen_{};
 };
 
 TEST(ConnectionStates, EveryPathOverHttpEndsWithAReplyOfItsOwn) { Walk(false).all(); }
