@@ -37,16 +37,21 @@ bool isAccountName(std::string_view name) {
   });
 }
 
-// Each "*" of the pattern stands for any text, the empty one included.
+// Each "*" of the pattern stands for any text, the empty one included. What stands between two of
+// them can be taken where it comes first, since that leaves most for the rest. So nothing is tried
+// twice, whatever a client calls its collection.
 bool matches(std::string_view pattern, std::string_view name) {
-  const std::size_t star = pattern.find('*');
+  std::size_t star = pattern.find('*');
   if (star == std::string_view::npos) return pattern == name;
   if (!name.starts_with(pattern.substr(0, star))) return false;
   name.remove_prefix(star);
-  pattern.remove_prefix(star + 1);
-  for (;; name.remove_prefix(1)) {
-    if (matches(pattern, name)) return true;
-    if (name.empty()) return false;
+  for (;;) {
+    pattern.remove_prefix(star + 1);
+    star = pattern.find('*');
+    if (star == std::string_view::npos) return name.ends_with(pattern);
+    const std::size_t found = name.find(pattern.substr(0, star));
+    if (found == std::string_view::npos) return false;
+    name.remove_prefix(found + star);
   }
 }
 

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "server/base/collectionName.h"
 #include "server/base/errors.h"
 #include "server/base/requestContext.h"
 #include "server/front/requestValues.h"
@@ -91,14 +92,17 @@ void Dispatcher::permit(const Request& request, const Identity& identity) {
   if (!action) return;
   // Who restores a collection from another one's backup can then read that.
   const std::string_view from = request.header(words().from);
+  requireShortName(from);
   if (!from.empty() && !identity.may(action->needs, from)) forbid(identity, *action, from);
   const std::string_view collection = collectionNamedBy(request);
+  requireShortName(collection);
   const bool report = makesReports(*action) && !request.header(words().report).empty();
   const Right needs = report ? Right::Read : action->needs;
   if (collection.empty() && needs == Right::Read && !report) return;
   const auto scope = collection.empty() ? std::nullopt : std::optional(collection);
   if (!identity.may(needs, scope)) forbid(identity, *action, scope);
   for (const std::string& beside : collectionsBeside(request)) {
+    requireShortName(beside);
     if (!identity.may(needs, beside)) forbid(identity, *action, beside);
   }
 }

@@ -29,7 +29,8 @@ class Dispatcher {
   /// `report`: which one the request asks for, if any.
   static Workload workload(std::string_view action, std::string_view report = {});
 
-  /// Throws ServerError(Forbidden) if this identity may not ask for this.
+  /// Throws ServerError(Forbidden) if this identity may not ask for this, and
+  /// ServerError(BadCollectionName) for a name that is too long to be looked for among its rights.
   static void permit(const Request& request, const Identity& identity);
 
   /// Whether the request can be handled now. If not, it would wait for one of its collections.

@@ -6,19 +6,12 @@
 #include <cerrno>
 #include <charconv>
 
+#include "server/base/collectionName.h"
 #include "server/base/errors.h"
 #include "server/store/textNormalizer.h"
 
 namespace corvaned {
 namespace {
-
-// File systems limit a name to 255 bytes.
-constexpr std::size_t kMaxDirectoryName = 240;
-
-bool standsForItself(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
-         c == '-';
-}
 
 bool tryToLock(const FileHandle& file) { return ::flock(file.get(), LOCK_EX | LOCK_NB) == 0; }
 
@@ -29,6 +22,7 @@ std::string directoryNameFor(std::string_view collection) {
   if (collection.empty() || !isUtf8(collection)) {
     throw ServerError(ErrorKind::BadCollectionName, "a collection's name must be UTF-8 text");
   }
+  requireShortName(collection);
   std::string name;
   for (const char c : collection) {
     const auto byte = static_cast<unsigned char>(c);
@@ -36,12 +30,6 @@ std::string directoryNameFor(std::string_view collection) {
       name += c;
     else
       name.append({'%', kDigits[byte >> 4U], kDigits[byte & 0xFU]});
-  }
-  if (name.size() > kMaxDirectoryName) {
-    throw ServerError(ErrorKind::BadCollectionName,
-                      "the collection name " + shown(collection) +
-                          " is too long; at most 240 letters and digits are possible, and 80 bytes "
-                          "in any writing");
   }
   return name;
 }

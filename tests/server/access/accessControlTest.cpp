@@ -132,6 +132,35 @@ TEST_F(AccessControlTest, RightsIncludeEachOtherAndHoldForAPattern) {
   EXPECT_FALSE(Identity("z", {}).may(Right::Read, "a"));
 }
 
+TEST_F(AccessControlTest, StarsOfAPatternStandForAnyTexts) {
+  const auto matches = [](const std::string& pattern, const std::string& name) {
+    return Identity("x", {{Right::Read, pattern}}).may(Right::Read, name);
+  };
+  const std::vector<std::pair<std::string, std::string>> matching{
+      {"a", "a"},         {"*", ""},          {"**", "a"},        {"a*", "a"},
+      {"*a", "aa"},       {"a*a", "aa"},      {"a*b*c", "abc"},   {"a*b*c", "a-b-c-b-c"},
+      {"*ab*ab", "abab"}, {"*ab", "abaab"},   {"*-*-x", "a-b-x"}, {"*aab*", "aaab"},
+      {"a**b", "ab"},     {"*ab*c", "aabac"}, {"a*bc", "abcbc"}};
+  for (const auto& [pattern, name] : matching) {
+    EXPECT_TRUE(matches(pattern, name)) << pattern << " " << name;
+  }
+  const std::vector<std::pair<std::string, std::string>> others{
+      {"a", "aa"},     {"a*a", "a"},     {"*ab*ab", "ab"},  {"*ab*ab", "abb"},
+      {"a*b*c", "ac"}, {"a*b*c", "acb"}, {"*-*-x", "a-x"},  {"a*", "ba"},
+      {"*a", "ab"},    {"a*bc", "abcb"}, {"*aab*", "abab"}, {"a*b", "cab"}};
+  for (const auto& [pattern, name] : others) {
+    EXPECT_FALSE(matches(pattern, name)) << pattern << " " << name;
+  }
+}
+
+// Whoever tries each place for each star is busy with this for ever.
+TEST_F(AccessControlTest, NameIsReadOnceHoweverManyStarsThereAre) {
+  const Identity identity("x", {{Right::Write, "*a*a*a*a*b"}, {Right::Write, "*-*-*-*-x"}});
+  EXPECT_FALSE(identity.may(Right::Write, std::string(60000, 'a')));
+  EXPECT_FALSE(identity.may(Right::Write, std::string(60000, '-')));
+  EXPECT_TRUE(identity.may(Right::Write, std::string(60000, 'a') + "b"));
+}
+
 TEST_F(AccessControlTest, WrongLinesAreNamed) {
   const std::vector<std::pair<std::string, std::string>> cases{
       {"user ada\n", "line 1"},

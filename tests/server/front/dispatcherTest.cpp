@@ -595,6 +595,28 @@ TEST_F(DispatcherTest, BackupsTakeTheRightToAllThatIsInThem) {
   EXPECT_THAT(refusal(one, renamed), AllOf(HasSubstr("ZVK0023E"), HasSubstr("\"d\"")));
 }
 
+TEST_F(DispatcherTest, NameThatIsTooLongIsRefusedBeforeItIsLookedForAmongRights) {
+  const Identity all("ada", {{Right::Admin, "*"}});
+  const std::string longest(240, 'a');
+  for (const std::string& name : {longest + "a", std::string(60000, 'a'), std::string(81, '.')}) {
+    for (const char* parameter : {"index", "collectionName", "from", "alsoIn"}) {
+      Request request;
+      request.headers = {{"action", "getParseResult"}, {"report", "hits"}, {"index", "c"}};
+      request.headers[parameter] = name;
+      if (parameter == std::string_view("collectionName")) request.headers.erase("index");
+      try {
+        Dispatcher::permit(request, all);
+        FAIL() << parameter;
+      } catch (const ServerError& error) {
+        EXPECT_EQ(error.kind(), ErrorKind::BadCollectionName) << error.what();
+      }
+    }
+  }
+  Request request;
+  request.headers = {{"action", "search"}, {"index", longest}};
+  EXPECT_NO_THROW(Dispatcher::permit(request, all));
+}
+
 TEST_F(DispatcherTest, ScopeMustBeWhatTheStatusIsOf) {
   expectIs<StatusReply>(handle({{"action", "getStatus"}, {"scope", "system"}}));
   EXPECT_CALL(store_, state("c")).WillOnce(Return(CollectionState::Current));
