@@ -21,6 +21,15 @@ void requireNoPositions(const std::string& normal) {
   refuse(place + " needs the positions of words, which the collection was created without");
 }
 
+// Before each of the words is looked at: of a word that comes again and again the parser keeps as
+// many forms for each time that it comes.
+void requireFewWords(const Xapian::Query& query, std::size_t most) {
+  if (query.get_length() <= most) return;
+  throw ServerError(
+      ErrorKind::QueryTooBroad,
+      fmt::format("the query has {} words, more than the {} allowed", query.get_length(), most));
+}
+
 // A longer word is in no document's index, whatever the documents contain.
 void requireIndexedWords(const Xapian::QueryParser& parser, const Xapian::Query& query) {
   constexpr std::size_t kShown = 20;
@@ -80,10 +89,7 @@ Xapian::Query QueryReader::inLanguage(const std::string& normal,
     parser.set_stopper(nullptr);
     query = parsed(parser, normal);
   }
-  if (query.get_length() <= limits_.queryTerms) return query;
-  throw ServerError(ErrorKind::QueryTooBroad,
-                    fmt::format("the query has {} words, more than the {} allowed",
-                                query.get_length(), limits_.queryTerms));
+  return query;
 }
 
 Xapian::Query QueryReader::parsed(Xapian::QueryParser& parser, const std::string& normal) const {
@@ -93,6 +99,7 @@ Xapian::Query QueryReader::parsed(Xapian::QueryParser& parser, const std::string
   if (!analysis_.options().keepsPositions) flags |= Parser::FLAG_NO_POSITIONS;
   try {
     Xapian::Query query = parser.parse_query(searchableQuery(lowerQueryWords(normal)), flags);
+    requireFewWords(query, limits_.queryTerms);
     requireIndexedWords(parser, query);
     return query;
   } catch (const Xapian::QueryParserError& error) {

@@ -666,6 +666,10 @@ TEST_F(LocalStoreTest, QueryHasAtMostAsManyWordsAsAllowed) {
   EXPECT_THAT(refusal(ErrorKind::QueryTooBroad, [&] { keys(words(257)); }), HasSubstr("257 words"));
   EXPECT_THAT(refusal(ErrorKind::QueryTooBroad, [&] { keys(std::string(16385, 'x')); }),
               HasSubstr("16385 bytes"));
+  // To look at each word takes too long if there are too many.
+  EXPECT_THAT(
+      refusal(ErrorKind::QueryTooBroad, [&] { keys(words(257) + " OR " + std::string(300, 'x')); }),
+      HasSubstr("258 words"));
   for (const char* part : {"(", "NOT ", "\"", "a AND (", "-", "+", "x:"}) {
     std::string text;
     while (text.size() + 10 < 16384) text += part;
