@@ -246,7 +246,9 @@ SearchQuery hitsOf(const Request& request) {
 
 DetailsWanted detailsOf(const Request& request) {
   DetailsWanted wanted;
-  wanted.names = listIn(request.header(words().values));
+  // As many as a header holds, each of which is looked for among all metadata of each hit.
+  const std::vector<std::string> names = listIn(request.header(words().values));
+  wanted.names.insert(names.begin(), names.end());
   std::uint64_t bytes = 0;
   readNumber(request, words().snippet, bytes);
   if (bytes > kMaxSnippet) {

@@ -1,7 +1,5 @@
 #include "server/store/hitTexts.h"
 
-#include <algorithm>
-
 #include "server/base/documentForm.h"
 #include "server/base/errors.h"
 #include "server/store/textNormalizer.h"
@@ -26,13 +24,13 @@ std::size_t bytesOf(const HitDetails& details) {
 }  // namespace
 
 std::vector<std::pair<std::string, std::string>> valuesIn(const Document& document,
-                                                          const std::vector<std::string>& names) {
+                                                          const std::set<std::string>& names) {
   std::vector<std::pair<std::string, std::string>> values;
   for (const auto& [markedName, value] : document.metadata) {
     if (values.size() == kMaxValues) break;
     if (isNote(markedName)) continue;
     std::string name = unmarkedName(markedName);
-    if (std::find(names.begin(), names.end(), name) == names.end()) continue;
+    if (!names.contains(name)) continue;
     values.emplace_back(std::move(name), cutBetweenCharacters(value, kMaxValue));
   }
   return values;

@@ -3,6 +3,7 @@
 #include <xapian.h>
 
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,7 +16,7 @@ namespace corvaned {
 
 /// The values of metadata with these names, in the document's order; long ones are cut.
 std::vector<std::pair<std::string, std::string>> valuesIn(const Document& document,
-                                                          const std::vector<std::string>& names);
+                                                          const std::set<std::string>& names);
 
 /// Adds one, and what it takes to the memory that is set aside for as long as one of them lives.
 void keep(std::vector<HitDetails>& details, HitDetails&& one,

@@ -6,6 +6,7 @@
 #include <limits>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -136,7 +137,7 @@ struct CollectionSummary {
 /// What is to be told of hits.
 struct DetailsWanted {
   /// Of metadata, without the marks that clients put in front of its names.
-  std::vector<std::string> names;
+  std::set<std::string> names;
   /// About how many bytes of a hit's text, where it has the words of the query; 0: nothing.
   std::size_t snippetBytes = 0;
 };

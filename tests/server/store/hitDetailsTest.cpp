@@ -4,6 +4,7 @@
 #include <atomic>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -84,7 +85,7 @@ TEST_F(HitDetailsTest, HaveTheValuesOfTheNamesThatAreWanted) {
       {{"[sortable]year", "1851"}, {"title", "A"}, {"Indexable:title", "B"}, {"a b", "c"}},
       {TextType::Html, "de"});
   store_.updateIndex("c");
-  const auto values = [&](const std::vector<std::string>& names) {
+  const auto values = [&](const std::set<std::string>& names) {
     return details("fox", {names, 0}).front().values;
   };
   EXPECT_THAT(values({"title", "year", "nothing"}),
