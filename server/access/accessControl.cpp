@@ -22,7 +22,7 @@ namespace {
 constexpr unsigned long long kHashPasses = 3;
 constexpr std::size_t kHashMemory = std::size_t{16} << 20U;
 constexpr std::size_t kSecretBytes = 32;
-// How many answers are remembered. Wrong guesses must not take all memory.
+// How many right answers and how many wrong ones are remembered. Guesses must not take all memory.
 constexpr std::size_t kMaxRemembered = 10000;
 constexpr std::size_t kMaxAuthorization = 4096;
 
@@ -237,7 +237,8 @@ void AccessControl::reload() {
   auto accounts = std::make_shared<const Accounts>(read(file_));
   const std::lock_guard lock(mutex_);
   accounts_ = std::move(accounts);
-  remembered_.clear();
+  proved_.clear();
+  refused_.clear();
 }
 
 AccessControl::Accounts AccessControl::read(const std::filesystem::path& file) {
@@ -266,10 +267,15 @@ std::optional<std::shared_ptr<const Identity>> AccessControl::remembered(
     std::string_view authorization) const {
   if (authorization.empty()) return std::shared_ptr<const Identity>();
   const Digest digest = digestOf(authorization);
-  const std::lock_guard lock(mutex_);
-  const auto found = remembered_.find(digest);
-  if (found == remembered_.end()) return std::nullopt;
-  return found->second;
+  {
+    const std::lock_guard lock(mutex_);
+    for (const Answers* answers : {&proved_, &refused_}) {
+      const auto found = answers->find(digest);
+      if (found != answers->end()) return found->second;
+    }
+  }
+  if (claimOf(authorization)) return std::nullopt;
+  return std::shared_ptr<const Identity>();
 }
 
 void AccessControl::check(std::string_view authorization) {
@@ -282,8 +288,10 @@ void AccessControl::check(std::string_view authorization) {
   const Digest digest = digestOf(authorization);
   const std::lock_guard lock(mutex_);
   if (accounts != accounts_) return;
-  if (remembered_.size() >= kMaxRemembered) remembered_.clear();
-  remembered_[digest] = std::move(identity);
+  Answers& answers = identity ? proved_ : refused_;
+  // Digests are as good as random, so nobody can choose which one has to go.
+  if (answers.size() >= kMaxRemembered) answers.erase(answers.begin());
+  answers[digest] = std::move(identity);
 }
 
 std::shared_ptr<const Identity> AccessControl::prove(const Accounts& accounts,

@@ -59,7 +59,8 @@ class AccessControl {
   /// Reads the file again. If it throws, everything stays as it is.
   void reload();
 
-  /// Who says this, null if nobody may: at once, or not at all if it has to be checked first.
+  /// Who says this, null if nobody may: at once, or not at all if it has to be checked first. What
+  /// no account could say needs no check.
   std::optional<std::shared_ptr<const Identity>> remembered(std::string_view authorization) const;
   /// Checks it, which takes a tenth of a second and 16 MiB of memory, and remembers the answer.
   void check(std::string_view authorization);
@@ -72,6 +73,7 @@ class AccessControl {
   };
   using Accounts = std::map<std::string, Account, std::less<>>;
   using Digest = std::array<unsigned char, 32>;
+  using Answers = std::map<Digest, std::shared_ptr<const Identity>>;
 
   static Accounts read(const std::filesystem::path& file);
   static std::shared_ptr<const Identity> prove(const Accounts& accounts,
@@ -84,7 +86,10 @@ class AccessControl {
   mutable std::mutex mutex_;
   // Guarded by mutex_. A check that was begun before the file was read again is not remembered.
   std::shared_ptr<const Accounts> accounts_;
-  std::map<Digest, std::shared_ptr<const Identity>> remembered_;
+  // Right answers and wrong ones are remembered apart: however often somebody guesses, those who
+  // have proved who they are need not wait behind the guesses.
+  Answers proved_;
+  Answers refused_;
 };
 
 /// The hash of a password or of a token's secret, with a salt of its own.

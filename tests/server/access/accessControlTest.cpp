@@ -86,6 +86,35 @@ TEST_F(AccessControlTest, AnswerIsRememberedUntilTheFileIsReadAgain) {
   EXPECT_EQ(who(access, "Bearer t.two"), "t");
 }
 
+// Of the account "slip" every secret is wrong, and is found to be so at once.
+TEST_F(AccessControlTest, WrongAnswersAreForgottenBeforeARightOneIs) {
+  putAccount(file_, true, "t", "one", {});
+  write(read() + "token slip x\n");
+  AccessControl access(file_);
+  EXPECT_EQ(who(access, "Bearer t.one"), "t");
+  const auto wrong = [](int i) { return "Bearer slip." + std::to_string(i); };
+  for (int i = 0; i < 20000; ++i) access.check(wrong(i));
+  EXPECT_TRUE(access.remembered("Bearer t.one").has_value());
+  EXPECT_TRUE(access.remembered(wrong(19999)).has_value());
+  int remembered = 0;
+  for (int i = 0; i < 20000; ++i) remembered += access.remembered(wrong(i)) ? 1 : 0;
+  EXPECT_EQ(remembered, 10000);
+}
+
+TEST_F(AccessControlTest, WhatNoAccountCouldSayIsRefusedWithoutACheck) {
+  putAccount(file_, true, "t", "one", {});
+  const AccessControl access(file_);
+  for (const std::string& said :
+       {std::string("rubbish"), std::string("Basic x"), std::string("Basic YQ=="),
+        std::string("Bearer t"), "Bearer t." + std::string(5000, 'x'), std::string()}) {
+    const auto answer = access.remembered(said);
+    ASSERT_TRUE(answer.has_value()) << said;
+    EXPECT_EQ(*answer, nullptr) << said;
+  }
+  EXPECT_FALSE(access.remembered("Bearer t.two").has_value());
+  EXPECT_FALSE(access.remembered("Bearer u.one").has_value());
+}
+
 TEST_F(AccessControlTest, FileThatCannotBeReadAgainChangesNothing) {
   putAccount(file_, true, "t", "one", {});
   AccessControl access(file_);
