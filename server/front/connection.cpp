@@ -325,11 +325,15 @@ void Connection::waitForBytes() {
     return watch();
   }
   const auto now = RequestContext::Clock::now();
-  if (!receivedBy_) receivedBy_ = now + options.requestTimeout;
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(*receivedBy_ - now);
-  if (options.requestTimeout.count() != 0 &&
-      (options.stallTimeout.count() == 0 || left < options.stallTimeout)) {
-    startTimer(std::max(left, std::chrono::milliseconds(1)), &Connection::requestTookTooLong);
+  // Whoever is refused has had the reply.
+  const bool discards = decoder_.discards();
+  const auto limit = discards ? discardTime_ : options.requestTimeout;
+  auto& until = discards ? discardedBy_ : receivedBy_;
+  if (!until) until = now + limit;
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(*until - now);
+  if (limit.count() != 0 && (options.stallTimeout.count() == 0 || left < options.stallTimeout)) {
+    startTimer(std::max(left, std::chrono::milliseconds(1)),
+               discards ? &Connection::close : &Connection::requestTookTooLong);
   } else {
     startTimer(options.stallTimeout, &Connection::close);
   }
@@ -425,7 +429,10 @@ void Connection::work(Workload workload) {
     if (self->state_ == State::Closed) return;
     self->state_ = next;
     self->request_.reset();
-    if (std::exchange(self->served_, false)) self->receivedBy_.reset();
+    if (std::exchange(self->served_, false)) {
+      self->receivedBy_.reset();
+      self->discardedBy_.reset();
+    }
     self->guarded([&] { self->writeOutput(); });
   });
 }
@@ -541,7 +548,10 @@ void Connection::awaitEnd(Workload workload) {
 
 // Runs on the worker that decodes the header block.
 Admission::Verdict Connection::admit(const Request& request, std::uint64_t contentBytes) {
+  // A stranger must not hold a connection for long.
+  discardTime_ = context_.options().discardTimeout;
   if (!admitIdentity(request)) return Verdict::Wait;
+  discardTime_ = context_.options().requestTimeout;
   neededBytes_ = bytesFor(request, contentBytes);
   const MemoryBudget::Use use = useOf(neededBytes_);
   if (!context_.memory().canEverFit(neededBytes_, use)) {

@@ -206,8 +206,12 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
   // What was read while a request was being served, and whether a read is being waited for.
   std::string ahead_;
   bool watching_ = false;
-  // When the request that is being received must be complete.
+  // When the request that is being received must be complete, and the content of a refused one
+  // discarded.
   std::optional<RequestContext::Clock::time_point> receivedBy_;
+  std::optional<RequestContext::Clock::time_point> discardedBy_;
+  // How long that of the latest request may take if it is refused.
+  std::chrono::milliseconds discardTime_{0};
 
   // The memory of header blocks and of what follows them unasked, of the request that is being
   // received or served, and of the reply's current portion.

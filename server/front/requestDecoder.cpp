@@ -83,7 +83,7 @@ bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20; }
 }  // namespace
 
 void RequestDecoder::feed(std::string_view bytes) {
-  if (stage_ == Stage::Content && position_ == pending_.size()) {
+  if (missingBytes() > 0 && position_ == pending_.size()) {
     const auto part = static_cast<std::size_t>(std::min<std::uint64_t>(missing_, bytes.size()));
     keepContent(bytes.substr(0, part));
     bytes.remove_prefix(part);
@@ -99,9 +99,11 @@ bool RequestDecoder::ready() {
     case Stage::Admission:
       return true;
     case Stage::Content:
+      return missing_ == 0 || request_.refusal;
+    case Stage::Discard:
       break;
   }
-  return missing_ == 0;
+  return false;
 }
 
 // If a name was sent twice the last value counts, hence the search from the end.
@@ -126,10 +128,11 @@ std::optional<Request> RequestDecoder::next() {
     if (!blockEnds()) return std::nullopt;
     startRequest();
   }
+  if (stage_ == Stage::Discard) return std::nullopt;
   if (stage_ == Stage::Admission && !admitted()) return std::nullopt;
   moveContent();
-  if (missing_ > 0) return std::nullopt;
-  stage_ = Stage::Header;
+  if (missing_ > 0 && !request_.refusal) return std::nullopt;
+  stage_ = missing_ > 0 ? Stage::Discard : Stage::Header;
   return std::exchange(request_, Request{});
 }
 
@@ -231,8 +234,9 @@ void RequestDecoder::refuse(const ServerError& error) {
 }
 
 void RequestDecoder::keepContent(std::string_view bytes) {
-  if (!request_.refusal) request_.content.append(bytes);
   missing_ -= bytes.size();
+  if (stage_ == Stage::Content && !request_.refusal) request_.content.append(bytes);
+  if (stage_ == Stage::Discard && missing_ == 0) stage_ = Stage::Header;
 }
 
 void RequestDecoder::moveContent() {

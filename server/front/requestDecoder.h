@@ -45,8 +45,8 @@ class Admission {
   };
 
   virtual ~Admission() = default;
-  /// Throws ServerError to refuse the request. Its content is then discarded as it arrives, and the
-  /// request comes out of the decoder with the refusal.
+  /// Throws ServerError to refuse the request. It then comes out of the decoder at once, with the
+  /// refusal, and its content is discarded as it arrives.
   virtual Verdict admit(const Request& request, std::uint64_t contentBytes) = 0;
 };
 
@@ -69,11 +69,11 @@ class RequestDecoder {
   /// The value that the waiting request has for a header; empty if it has none. Only while ready().
   std::string_view waitingValue(std::string_view name) const;
 
-  /// The next complete request, or nothing if more bytes are needed. After a FramingError the
-  /// decoder must not be used again.
+  /// The next complete request, or one that is refused, or nothing if more bytes are needed. After
+  /// a FramingError the decoder must not be used again.
   std::optional<Request> next();
 
-  /// Refuses the request that the admission keeps back, or whose content is being received.
+  /// Refuses the request that the admission keeps back.
   void refuse(const ServerError& error);
   /// True if the admission keeps a request back.
   bool keptBack() const { return stage_ == Stage::Admission; }
@@ -81,13 +81,17 @@ class RequestDecoder {
   /// Bytes buffered for requests whose content is not being received yet.
   std::size_t pendingBytes() const { return pending_.size(); }
   /// How many bytes of content are missing; 0 if the end of a header block is.
-  std::uint64_t missingBytes() const { return stage_ == Stage::Content ? missing_ : 0; }
+  std::uint64_t missingBytes() const {
+    return stage_ == Stage::Content || discards() ? missing_ : 0;
+  }
+  /// True if the missing bytes are those of a request that was refused.
+  bool discards() const { return stage_ == Stage::Discard; }
 
   /// True if no part of a request is buffered.
   bool idle() const { return stage_ == Stage::Header && position_ == pending_.size(); }
 
  private:
-  enum class Stage { Header, Admission, Content };
+  enum class Stage { Header, Admission, Content, Discard };
 
   std::string_view held() const { return std::string_view(pending_).substr(position_); }
   bool findBlockEnd(std::string_view bytes);

@@ -16,7 +16,7 @@ namespace corvaned {
 class OutletFactory;
 
 struct ServerOptions {
-  /// A numeric address. Loopback by default, because there is no authentication.
+  /// A numeric address. Loopback by default, since without `access` everybody is served.
   std::string listen = "127.0.0.1";
   /// 0: any free port. No value: no listener.
   std::optional<std::uint16_t> httpPort;
@@ -38,6 +38,9 @@ struct ServerOptions {
   /// A request that is not complete after this long is refused, even if its bytes keep coming.
   /// 0: never.
   std::chrono::milliseconds requestTimeout{600000};
+  /// How long the content of a request is discarded that was refused because of who sent it. 0: for
+  /// as long as its bytes keep coming.
+  std::chrono::milliseconds discardTimeout{10000};
   /// A search that is not done this long after its arrival is refused. 0: never.
   std::chrono::milliseconds searchTimeout{60000};
   /// How many documents a search may look at. 0: any number.

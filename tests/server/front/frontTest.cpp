@@ -1041,6 +1041,43 @@ TEST_F(GuardedFrontTest, ContentOfARefusedRequestIsDiscardedAndTheConnectionGoes
   EXPECT_EQ(binaryAsk(binary, 2, as(ada_, headers), large), kSuccess);
 }
 
+TEST_F(GuardedFrontTest, RefusalComesBeforeTheContentOfItsRequest) {
+  const std::string block = documentBlock("k", {}, std::string(1000000, 'x'));
+  for (const std::string& who : {std::string("Bearer reader.wrong"), reader_, std::string()}) {
+    const Headers headers = as(who, {{"action", "addDocument"}, {"index", "books-a"}});
+    const std::string request = httpRequest(headers, block);
+    RawClient http(http_);
+    EXPECT_TRUE(http.send(request.substr(0, request.size() - block.size())));
+    EXPECT_THAT(http.receiveHttp(), HasSubstr(who == reader_ ? "ZVK0023E" : "ZVK0022E"));
+    EXPECT_TRUE(http.send(block));
+    EXPECT_THAT(httpAsk(http, as(ada_, {{"action", "getStatus"}})), EndsWith("0"));
+    const std::string sameRequest = binaryRequest(headers, block);
+    RawClient binary(binary_);
+    EXPECT_TRUE(binary.send(sameRequest.substr(0, sameRequest.size() - block.size())));
+    if (who != reader_) {
+      EXPECT_EQ(binary.receive(2), unauthorized_);
+      EXPECT_TRUE(binary.send(block));
+      EXPECT_EQ(binaryAsk(binary, 2, as(ada_, {{"action", "getStatus"}})), kSuccess);
+    } else {
+      EXPECT_EQ(binary.receive(2), std::string("\0\6", 2));
+    }
+  }
+}
+
+TEST_F(GuardedFrontTest, StrangerWhoGoesOnSendingIsCutOff) {
+  options_.discardTimeout = std::chrono::milliseconds(50);
+  start();
+  const std::string header = "action: addDocument\nContent-Length  : 60000000\n\r\n";
+  RawClient http(http_);
+  http.send(header);
+  EXPECT_THAT(http.receiveHttp(), StartsWith("HTTP/1.1 401 "));
+  EXPECT_TRUE(http.ended());
+  RawClient binary(binary_);
+  binary.send(test::bigEndian(header.size(), 2) + header);
+  EXPECT_EQ(binary.receive(2), unauthorized_);
+  EXPECT_TRUE(binary.ended());
+}
+
 TEST_F(GuardedFrontTest, RightsHoldForTheCollectionsOfTheirPattern) {
   RawClient client(http_);
   const auto ask = [&](const char* action, const char* collection, const std::string& body = {}) {

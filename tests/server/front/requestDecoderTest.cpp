@@ -224,6 +224,29 @@ TEST_P(BothFramings, RefusedRequestComesWithoutItsContentAndTheNextOneIsRead) {
   }
 }
 
+TEST_P(BothFramings, RefusedRequestComesBeforeItsContent) {
+  ScriptedAdmission admission;
+  admission.refusal = ServerError(ErrorKind::Unauthorized, "who are you?");
+  RequestDecoder decoder(GetParam(), {}, &admission);
+  const std::string bytes = encoded(GetParam(), {{"action", "addDocument"}}, "content");
+  decoder.feed(bytes.substr(0, bytes.size() - 6));
+  const auto refused = decoder.next();
+  ASSERT_TRUE(refused.has_value());
+  EXPECT_STREQ(refused->refusal->what(), "who are you?");
+  EXPECT_TRUE(decoder.discards());
+  EXPECT_FALSE(decoder.idle());
+  EXPECT_FALSE(decoder.ready());
+  EXPECT_FALSE(decoder.next());
+  EXPECT_EQ(decoder.missingBytes(), 6U);
+  decoder.feed("onten");
+  EXPECT_EQ(decoder.missingBytes(), 1U);
+  admission.refusal.reset();
+  decoder.feed("t" + bytes);
+  EXPECT_FALSE(decoder.discards());
+  EXPECT_EQ(decoder.next()->content, "content");
+  EXPECT_TRUE(decoder.idle());
+}
+
 TEST_P(BothFramings, RequestThatIsKeptBackIsAskedAboutAgain) {
   ScriptedAdmission admission;
   admission.verdict = Admission::Verdict::Wait;
