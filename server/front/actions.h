@@ -15,8 +15,10 @@ namespace corvaned {
 /// Which group of workers serves a request. With separate groups a search never waits for a sync to
 /// disk, neither a search nor a new document waits for an index update, a status waits for none of
 /// them, a new document for no change that looks up keys first, which takes as long as there are
-/// keys, and nobody for a survey of all collections, which opens one after the other.
-enum class Workload { Read, Write, LookUp, Index, Status, Survey };
+/// keys, and nobody for a survey of all collections, which opens one after the other. Whoever
+/// deletes a collection or copies it for a backup waits for the step that its index update is at,
+/// and keeps no other update from being asked for.
+enum class Workload { Read, Write, LookUp, Index, Delete, Copy, Status, Survey };
 
 /// What a request can ask for.
 struct Action {

@@ -104,6 +104,8 @@ ConnectionContext::ConnectionContext(Dispatcher& dispatcher, const ServerOptions
       checkers_(options.lookUpThreads),
       placesToLookUp_(options.lookUpThreads),
       indexers_(options.indexThreads),
+      deleters_(options.deleteThreads),
+      copiers_(options.copyThreads),
       informers_(options.statusThreads) {}
 
 asio::thread_pool& ConnectionContext::workers(Workload workload) {
@@ -114,6 +116,10 @@ asio::thread_pool& ConnectionContext::workers(Workload workload) {
       return checkers_;
     case Workload::Index:
       return indexers_;
+    case Workload::Delete:
+      return deleters_;
+    case Workload::Copy:
+      return copiers_;
     case Workload::Status:
       return informers_;
     case Workload::Survey:
@@ -189,6 +195,8 @@ void ConnectionContext::joinWorkers() {
   writers_.join();
   checkers_.join();
   indexers_.join();
+  deleters_.join();
+  copiers_.join();
   informers_.join();
   surveyor_.join();
   gatekeeper_.join();

@@ -59,6 +59,8 @@ struct ServerOptions {
   unsigned writeThreads = 8;
   unsigned lookUpThreads = 8;
   unsigned indexThreads = 2;
+  unsigned deleteThreads = 8;
+  unsigned copyThreads = 2;
   unsigned statusThreads = 2;
 };
 

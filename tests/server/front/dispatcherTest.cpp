@@ -803,6 +803,9 @@ TEST(Workload, SearchesWritersAndIndexUpdatesAreKeptApart) {
   EXPECT_EQ(of("search"), Workload::Read);
   EXPECT_EQ(of("addDocument"), Workload::Write);
   EXPECT_EQ(of("updateIndex"), Workload::Index);
+  EXPECT_EQ(of("deleteCollection"), Workload::Delete);
+  EXPECT_EQ(of("backup"), Workload::Copy);
+  EXPECT_EQ(of("restore"), Workload::Copy);
   EXPECT_EQ(of("getStatus"), Workload::Status);
   EXPECT_EQ(of("nonsense"), Workload::Status);
 }

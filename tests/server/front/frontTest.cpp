@@ -96,6 +96,16 @@ class TestStore : public LocalStore {
     LocalStore::updateIndex(name);
   }
 
+  void deleteCollection(const std::string& name) override {
+    if (name == "held") return gate.pass();
+    LocalStore::deleteCollection(name);
+  }
+
+  void backup(const std::string& backup, const std::string& name) override {
+    if (name == "held") return gate.pass();
+    LocalStore::backup(backup, name);
+  }
+
   void deleteDocument(const std::string& name, const std::string& key, bool mustExist) override {
     if (name == "held") return gate.pass();
     LocalStore::deleteDocument(name, key, mustExist);
@@ -532,6 +542,28 @@ TEST_F(FrontTest, ChangesAreSearchableWhenAcknowledgedWhereThatIsWanted) {
   for (RawClient& client : clients) EXPECT_EQ(client.receive(2), kSuccess);
   EXPECT_THAT(httpAsk(http, {{"action", "selectivity"}, {"index", "b"}, {"query", "hound"}}),
               HasSubstr("40"));
+}
+
+TEST_F(FrontTest, DeletionsAndBackupsThatWaitTakeNoWorkerFromUpdates) {
+  RawClient setup(http_);
+  for (const char* name : {"c", "d"}) {
+    EXPECT_EQ(httpAsk(setup, {{"action", "createCollection"}, {"index", name}}), kDone);
+  }
+  std::vector<RawClient> deleting;
+  std::vector<RawClient> copying;
+  for (unsigned i = 0; i < options_.indexThreads; ++i) {
+    deleting.emplace_back(http_);
+    deleting.back().send(httpRequest({{"action", "deleteCollection"}, {"index", "held"}}));
+    copying.emplace_back(http_);
+    copying.back().send(httpRequest({{"action", "backup"}, {"backup", "b"}, {"index", "held"}}));
+  }
+  store_.gate.awaitWaiting(static_cast<int>(options_.indexThreads));
+  EXPECT_EQ(httpAsk(setup, {{"action", "addDocument"}, {"index", "c"}}, kDocument), kDone);
+  EXPECT_EQ(httpAsk(setup, {{"action", "updateIndex"}, {"index", "c"}}), kDone);
+  EXPECT_EQ(httpAsk(setup, {{"action", "deleteCollection"}, {"index", "d"}}), kDone);
+  store_.gate.open();
+  for (RawClient& client : deleting) EXPECT_EQ(client.receiveHttp(), kDone);
+  for (RawClient& client : copying) EXPECT_EQ(client.receiveHttp(), kDone);
 }
 
 TEST_F(FrontTest, UpdatesThatAreAwaitedTakeNoWorkerFromTheOthers) {
