@@ -56,6 +56,8 @@ Xapian::Query QueryReader::read(const std::string& text) const {
   const std::string normal = normalizeText(text);
   requireBalanced(normal);
   if (!analysis_.options().keepsPositions) requireNoPositions(normal);
+  const std::string wrongNearness = wrongNearnessIn(normal);
+  if (!wrongNearness.empty()) refuse(wrongNearness);
   Xapian::Query own = inLanguage(normal, analysis_.stemmer());
   if (own.empty() || names_.languages().empty()) return own;
   std::vector<Xapian::Query> alternatives;

@@ -118,6 +118,32 @@ bool isAboutPlaces(const icu::UnicodeString& piece) {
   return name == u"NEAR" || name == u"ADJ";
 }
 
+// "NEAR/FAR" is a text in capitals.
+bool joinsTwoWords(const icu::UnicodeString& piece) {
+  if (!isAboutPlaces(piece)) return false;
+  const std::int32_t slash = piece.indexOf(u'/');
+  if (slash < 0) return true;
+  for (std::int32_t i = slash + 1; i < piece.length(); ++i) {
+    if (piece[i] < u'0' || piece[i] > u'9') return false;
+  }
+  return slash + 1 < piece.length();
+}
+
+// Of an operator that joins two words. It may leave the distance to the parser.
+bool hasDistance(const icu::UnicodeString& piece) {
+  constexpr std::int32_t kMostDigits = 4;
+  const std::int32_t slash = piece.indexOf(u'/');
+  if (slash < 0) return true;
+  const icu::UnicodeString digits(piece, slash + 1);
+  return digits.length() <= kMostDigits && digits.charAt(0) != u'0';
+}
+
+bool isOneWord(const QueryPiece& piece) {
+  const icu::UnicodeString& text = piece.text;
+  return piece.kind == QueryPiece::Kind::Operand && !joinsTwoWords(text) &&
+         !isQuotationMark(text.char32At(0)) && !text.endsWith(u"*", 1);
+}
+
 [[noreturn]] void failed(UErrorCode code) {
   throw ServerError(ErrorKind::Internal,
                     std::string("text cannot be normalised: ") + u_errorName(code));
@@ -204,6 +230,20 @@ std::string lonelyOperatorIn(const std::string& query) {
                       (behind->kind == Kind::Operator && !behind->isNot());
     if (!ends && (piece.isNot() || !begins)) continue;
     return fmt::format("{} has nothing {} it", placeOf(piece), ends ? "behind" : "before");
+  }
+  return {};
+}
+
+std::string wrongNearnessIn(const std::string& query) {
+  const std::vector<QueryPiece> pieces = piecesOf(icu::UnicodeString::fromUTF8(query));
+  for (std::size_t i = 0; i < pieces.size(); ++i) {
+    if (!joinsTwoWords(pieces[i].text)) continue;
+    if (!hasDistance(pieces[i].text)) {
+      return placeOf(pieces[i]) + " needs a number from 1 to 9999 behind the \"/\"";
+    }
+    const bool begins = i == 0 || !isOneWord(pieces[i - 1]);
+    if (!begins && i + 1 < pieces.size() && isOneWord(pieces[i + 1])) continue;
+    return fmt::format("{} has no word {} it", placeOf(pieces[i]), begins ? "before" : "behind");
   }
   return {};
 }

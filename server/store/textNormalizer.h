@@ -29,6 +29,11 @@ void requireBalanced(const std::string& query);
 /// For queries that the query parser refuses: it does not say where itself.
 std::string lonelyOperatorIn(const std::string& query);
 
+/// Says where, when NEAR or ADJ of the normalised query has no word on one of its sides, or says no
+/// distance from 1 to 9999; empty if all are right. The query parser would take a wrong one, and
+/// all other operators of the query with it, for words.
+std::string wrongNearnessIn(const std::string& query);
+
 /// The first thing in the normalised query that needs the positions of words, a phrase or an
 /// operator, and where it stands; empty if nothing does.
 std::string positionsNeededIn(const std::string& query);

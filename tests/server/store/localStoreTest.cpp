@@ -654,6 +654,58 @@ TEST_F(LocalStoreTest, OperatorWithoutASideIsRefusedAndTheErrorSaysWhere) {
   }
 }
 
+TEST_F(LocalStoreTest, NearnessWithoutAWordOnEachSideIsRefusedAndTheErrorSaysWhere) {
+  store_->createCollection("c", "en");
+  addSearchable("k1", "the red sea near and adj");
+  const std::vector<std::pair<std::string, std::string>> queries = {
+      {"sea NEAR", "the \"NEAR\" at character 5 has no word behind it"},
+      {"NEAR sea", "the \"NEAR\" at character 1 has no word before it"},
+      {"ADJ", "the \"ADJ\" at character 1 has no word before it"},
+      {"red ADJ", "the \"ADJ\" at character 5 has no word behind it"},
+      {"red NEAR/3", "the \"NEAR/3\" at character 5 has no word behind it"},
+      {"größe NEAR NEAR sea", "the \"NEAR\" at character 7 has no word behind it"},
+      {"red (NEAR sea)", "the \"NEAR\" at character 6 has no word before it"},
+      {"(red OR sea) NEAR near", "the \"NEAR\" at character 14 has no word before it"},
+      {"red NEAR (near OR sea)", "the \"NEAR\" at character 5 has no word behind it"},
+      {"red AND ADJ/2 sea", "the \"ADJ/2\" at character 9 has no word before it"},
+      {"red NEAR \"sea near\"", "the \"NEAR\" at character 5 has no word behind it"},
+      {"red NEAR sea*", "the \"NEAR\" at character 5 has no word behind it"},
+      {"red NEAR/0 sea", "the \"NEAR/0\" at character 5 needs a number from 1 to 9999"},
+      {"red ADJ/4294967297 sea", "\"ADJ/4294967297\" at character 5 needs a number"}};
+  for (const auto& [text, reason] : queries) {
+    const auto& query = text;
+    EXPECT_THAT(refusal(ErrorKind::BadQuery, [&] { keys(query); }), HasSubstr(reason)) << query;
+  }
+  for (const char* query :
+       {"red NEAR sea", "sea NEAR/3 red", "red NEAR/9999 sea", "red ADJ sea NOT fox", "sea near",
+        "(red NEAR sea) adj", "\"sea near\"", "NEAR/ADJ", "\"NEAR\""}) {
+    EXPECT_EQ(query == std::string_view("NEAR/ADJ"), keys(query).empty()) << query;
+  }
+}
+
+// A person's text has signs of all kinds, and is not refused for them.
+TEST_F(LocalStoreTest, SignsThatMeanNothingPartWords) {
+  store_->createCollection("c", "en");
+  addSearchable("apart", "apple, then nosuch; x and f; 1900, 1800; 3 red, e, app, 2");
+  addSearchable("next", "nosuch apple, f x, 1800 1900, red 3, app e, apple 2");
+  addSearchable("other", "apple red fox 1850 f 1900");
+  // Between these the words may stand anywhere.
+  for (const char* query : {"f?x", "red^3", "app*e", "apple~2", "f;x", "f|x", "f || x", "red && 3",
+                            "{f} [x]", "f=x", "f<x>", "#f x!", "f, x?", "f - x"}) {
+    EXPECT_THAT(keys(query), UnorderedElementsAre("apart", "next")) << query;
+  }
+  // Between these they stand next to each other, in this order.
+  for (const char* query : {"1800..1900", "nosuch:apple", "nosuch/apple", "nosuch@apple", "f-x",
+                            "f.x", "nosuch::apple", "app\\e"}) {
+    EXPECT_THAT(keys(query), ElementsAre("next")) << query;
+  }
+  for (const char* query : {"*fox", "fox?", "fox:", ":fox", "!fox", "[fox]", "fox^", "~fox"}) {
+    EXPECT_THAT(keys(query), ElementsAre("other")) << query;
+  }
+  for (const char* query : {"*", "?", "..", ":", "!?", "^", " "})
+    EXPECT_THAT(keys(query), IsEmpty());
+}
+
 TEST_F(LocalStoreTest, QueryHasAtMostAsManyWordsAsAllowed) {
   store_->createCollection("c", "en");
   addSearchable("k1", "fox");
