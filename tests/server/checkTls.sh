@@ -29,56 +29,106 @@ await() {
   fail "never succeeded: $*"
 }
 
-# configuration NAME: the document's block for that file, its paths and ports those of this run.
-configuration() {
-  awk -v name="; $1" '/^```/ { open = !open; use = 0; next }
-                      open && $0 == name { use = 1 } use { print }' "$source/docs/server.md" |
-    sed -e "s|/etc/corvaned|$work|" -e "s|4480|$server_port|" -e "s|5480|$tls_port|" \
-      -e "s|6480|$client_port|" -e "s|checkHost = search\.example|checkIP = 127.0.0.1|" -e "s|search\.example|127.0.0.1|" >"$work/$1"
-  [ -s "$work/$1" ] || fail "docs/server.md shows no $1"
-  printf 'foreground = yes\npid =\n%s\n' "$(cat "$work/$1")" >"$work/$1"
+# make_certificate NAME HOST
+make_certificate() {
+  openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj "/CN=$2" -addext "subjectAltName=DNS:$2" \
+    -keyout "$work/$1-key.pem" -out "$work/$1.pem" 2>"$work/openssl.log"
 }
 
-start_stunnel() {
-  stunnel4 "$work/$1" >"$work/$1.log" 2>&1 &
-  started+=($!)
+# configuration TUNNEL NAME: the document's block for that file, its paths and ports those of the
+# tunnel.
+configuration() {
+  awk -v name="; $2" '/^```/ { open = !open; use = 0; next }
+                      open && $0 == name { use = 1 } use { print }' "$source/docs/server.md" |
+    sed -e "s|4480|$server_port|" -e "s|5480|$tls_port|" -e "s|6480|$client_port|" \
+      -e "s|connect = search\.example|connect = 127.0.0.1|" >"$work/$1-$2"
+  [ -s "$work/$1-$2" ] || fail "docs/server.md shows no $2"
+  printf 'foreground = yes\npid =\n%s\n' "$(cat "$work/$1-$2")" >"$work/$1-$2"
 }
 
 free_port() {
   python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
 }
 
-openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=127.0.0.1 \
-  -addext subjectAltName=IP:127.0.0.1 -keyout "$work/key.pem" -out "$work/certificate.pem" \
-  2>"$work/openssl.log"
-"$corvaned" --http-port 0 --data "$work/data" --port-file "$work/ports" \
-  >"$work/corvaned.log" 2>&1 &
-started+=($!)
-await test -e "$work/ports"
-server_port=$(sed -n 's/^listening http .*://p' "$work/ports")
-tls_port=$(free_port)
-client_port=$(free_port)
-configuration stunnel-server.conf
-configuration stunnel-client.conf
-start_stunnel stunnel-server.conf
-start_stunnel stunnel-client.conf
-# reply PORT: what a plain client at this port receives first.
+# tunnel NAME PORT CERTIFICATE TRUSTED: from a new client_port to this port of the server, which
+# shows the one certificate to a client that trusts the other.
+tunnel() {
+  local end
+  server_port=$2
+  tls_port=$(free_port)
+  client_port=$(free_port)
+  configuration "$1" stunnel-server.conf
+  configuration "$1" stunnel-client.conf
+  sed -i -e "s|/etc/corvaned/certificate|$work/$3|" -e "s|/etc/corvaned/key|$work/$3-key|" \
+    "$work/$1-stunnel-server.conf"
+  sed -i "s|/etc/corvaned/certificate|$work/$4|" "$work/$1-stunnel-client.conf"
+  for end in server client; do
+    stunnel4 "$work/$1-stunnel-$end.conf" >"$work/$1-stunnel-$end.conf.log" 2>&1 &
+    started+=($!)
+  done
+}
+
+# reply PORT AUTHORIZATION: what a plain client at this port receives first.
 reply() {
   exec 3<>"/dev/tcp/127.0.0.1/$1" || return 1
-  printf 'action: getServerVersion\n\r\n' >&3
+  printf 'action: getServerVersion\nAuthorization: %s\n\r\n' "$2" >&3
   local line=
   read -r -t 10 line <&3 2>/dev/null || true
   exec 3>&-
   printf '%s' "${line%$'\r'}"
 }
 
-served() { [ "$(reply "$1")" = 'HTTP/1.1 200 OK' ]; }
+# binary_reply PORT AUTHORIZATION: the code of the reply in the binary protocol.
+binary_reply() {
+  local block
+  block=$(printf 'action: getStatus\nAuthorization: %s\n\r\nx' "$2")
+  block=${block%x}
+  exec 3<>"/dev/tcp/127.0.0.1/$1" || return 1
+  printf "\\0\\$(printf %o ${#block})%s" "$block" >&3
+  timeout 10 head -c 2 <&3 | od -An -tu1
+  exec 3>&-
+}
 
+served() { [ "$(reply "$1" "$who")" = 'HTTP/1.1 200 OK' ]; }
+
+# turned_away NAME PORT REASON: the client's end of the tunnel ends it for that reason.
+turned_away() {
+  reply "$2" "$who" >"$work/passed"
+  grep -q "$3" "$work/$1-stunnel-client.conf.log"
+}
+
+make_certificate right search.example
+make_certificate strange search.example
+make_certificate misnamed other.example
+who="Bearer $("$corvaned" token client --users "$work/users" --allow 'read:*')"
+"$corvaned" --http-port 0 --binary-port 0 --data "$work/data" --users "$work/users" \
+  --port-file "$work/ports" >"$work/corvaned.log" 2>&1 &
+started+=($!)
+await test -e "$work/ports"
+http_port=$(sed -n 's/^listening http .*://p' "$work/ports")
+binary_port=$(sed -n 's/^listening binary .*://p' "$work/ports")
+
+tunnel strange "$http_port" strange right
+await turned_away strange "$client_port" 'Rejected by CERT'
+[ ! -s "$work/passed" ] || fail "a server with another certificate was believed"
+tunnel misnamed "$http_port" misnamed misnamed
+await turned_away misnamed "$client_port" 'Subject checks failed'
+[ ! -s "$work/passed" ] || fail "a server with another name was believed"
+
+tunnel binary "$binary_port" right right
+await binary_reply "$client_port" "$who" >"$work/code"
+[ "$(tr -s ' ' <"$work/code")" = ' 0 1' ] || fail "the binary protocol does not pass"
+[ "$(binary_reply "$client_port" "$who." | tr -s ' ')" = ' 1 145' ] ||
+  fail "a wrong token passes over the binary protocol"
+
+tunnel http "$http_port" right right
 await served "$client_port"
+[ "$(reply "$client_port" "$who.")" = 'HTTP/1.1 401 Unauthorized' ] || fail "a wrong token passes"
 served "$server_port" || fail "the server does not serve its own machine"
 ! served "$tls_port" || fail "the encrypted port speaks plain text"
 printf 'action: getServerVersion\n\r\n' |
-  timeout 20 openssl s_client -quiet -no_ign_eof -CAfile "$work/certificate.pem" \
-    -verify_return_error -connect "127.0.0.1:$tls_port" >"$work/session.log" 2>&1 || true
-grep -q 'depth=0 CN = 127.0.0.1' "$work/session.log" || fail "no certificate"
-echo "a client reaches the server over TLS, and only so"
+  timeout 20 openssl s_client -quiet -no_ign_eof -CAfile "$work/right.pem" \
+    -verify_hostname search.example -verify_return_error -connect "127.0.0.1:$tls_port" \
+    >"$work/session.log" 2>&1 || true
+grep -q 'depth=0 CN = search.example' "$work/session.log" || fail "no certificate"
+echo "a client reaches the server over TLS, and only so, and no other server"
