@@ -2,6 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -10,6 +13,7 @@
 #include "comm/kruRESTException.h"
 #include "comm/kruRESTMessage.h"
 #include "tests/e2e/conversation.h"
+#include "tests/support/temporaryDirectory.h"
 
 // Every action through each client against the real server: both protocols pass the same tests.
 namespace tq::test {
@@ -994,6 +998,27 @@ TEST_P(Library, KeepsItsConnectionThroughErrors) {
   for (int round = 0; round < 20; ++round) {
     expectRefused(send(8, {{"query", "red AND"}}), "ZVK0010E", "query");
     EXPECT_THAT(found("fox"), ElementsAre("k1"));
+  }
+}
+
+// The server has said no before the client has sent all, and the client reads it when it has.
+// Nobody has the secret of a token without a hash.
+TEST_P(Library, IsToldThatATokenIsWrongHoweverLargeTheDocument) {
+  const TemporaryDirectory directory;
+  const std::filesystem::path users = directory.path() / "users";
+  std::ofstream(users) << "token t x\nallow t admin *\n";
+  std::filesystem::permissions(
+      users, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  CorvanedProcess server({"--users", users.string()});
+  const std::unique_ptr<CorvaneRESTClient> client = newClient(GetParam(), server);
+  const std::string key = "k1";
+  const std::string text(30000000, 'x');
+  for (const char* token : {"Bearer t.wrong", "nonsense", "Bearer t.wrong"}) {
+    ClientRequest addition = requestTo("c", ClientRequest::ADD_DOCUMENT, {{"authToken", token}});
+    attachDocument(addition, key, text);
+    const Answer answer = ask(*client, addition);
+    ASSERT_THAT(answer.failure, ::testing::Not(IsEmpty())) << token;
+    EXPECT_EQ(answer.failure[0].id, "ERR_SERVER_INVALID_AUTH") << token;
   }
 }
 
