@@ -2,6 +2,7 @@
 
 #include "comm/kruFunctionIds.h"
 #include "comm/kruKinds.h"
+#include "comm/kruResultList.h"
 #include "infra/oss/kruTrace.h"
 
 namespace tq::comm {
@@ -38,6 +39,15 @@ void ClientResponse::setParseResponse(const ParseResponse& response) {
 void ClientResponse::setSelectivityInfo(const SelectivityInfo& info) {
   const tq::oss::TraceScope scope(trace::ClientResponseSetSelectivityInfo);
   selectivity_ = info;
+}
+
+void ClientResponse::keepTakenApart() noexcept {
+  if (searchResponse_.results_ != nullptr) searchResponse_.results_->goOn();
+  if (parseResponse_.results_ != nullptr) parseResponse_.results_->goOn();
+}
+
+void ClientResponse::dropTakenHits() noexcept {
+  if (searchResponse_.results_ != nullptr) searchResponse_.results_->dropTaken();
 }
 
 SearchResponse& ClientResponse::getSearchResponse() {

@@ -387,6 +387,8 @@ void CorvaneRESTClient::skipReply(ClientResponse& response) {
   endOfStream_ = true;
 }
 
+  // The lists of the other kinds that bring results are emptied whatever was taken.
+  if (requestKind_ == ClientRequest::SCALAR_SEARCH) response.dropTakenHits();
 void CorvaneRESTClient::refuseForeign(const ClientResponse& response) const {
   if (response.isFree() || response.isFilledFrom(clientNumber_, exchangeNumber_)) return;
   fail(
@@ -412,6 +414,7 @@ void CorvaneRESTClient::breakStreamOff() {
   truncated_ = true;
   carry_->clear();
   // A connection that was made since knows nothing of the stream.
+  response.keepTakenApart();
   if (!streamLostItsConnection()) line_->doubt();
 }
 

@@ -6,6 +6,7 @@
 #include <memory_resource>
 #include <optional>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "comm/kruByteRuns.h"
@@ -33,6 +34,7 @@ class ResultList {
     reusable_ = true;
     tail_ = 0;
     size_ = 0;
+    begin_ = {};
     // The element that the cursor stood at is gone; at the end it cannot dangle.
     cursor_ = nullptr;
     count_ = 0;
@@ -59,6 +61,16 @@ class ResultList {
   void add(const Result& result) {
     append(result);
     noteAdded();
+  }
+
+  /// When everything has been taken, the element that is added next is the next to take, in place
+  /// of the first one. None goes away.
+  void goOn() noexcept {
+    if (count_ == 0 && size_ != 0) begin_ = {tail_, slabs_[tail_].used};
+  }
+  /// When everything has been taken, the elements go away.
+  void dropTaken() noexcept {
+    if (count_ == 0 && size_ != 0) init();
   }
 
   /// Elements for the list to go on with, in whatever state their use in an earlier portion has
@@ -136,6 +148,12 @@ class ResultList {
     std::size_t used = 0;
   };
 
+  /// An element by its slab. It may be the one behind the last of that.
+  struct Place {
+    std::size_t slab = 0;
+    std::size_t element = 0;
+  };
+
   /// The slab that the next element goes to.
   Slab& slabWithRoom() {
     if (tail_ < slabs_.size() && slabs_[tail_].used == slabs_[tail_].capacity) {
@@ -167,8 +185,11 @@ class ResultList {
   }
 
   void moveToFirst() noexcept {
-    cursorSlab_ = 0;
-    moveTo(size_ != 0 ? slabs_.front().elements() : nullptr);
+    const Place first = std::exchange(begin_, {});
+    cursorSlab_ = first.slab;
+    if (size_ == 0) return moveTo(nullptr);
+    cursor_ = slabs_[first.slab].elements() + first.element;
+    moveOn();
   }
 
   /// The cursor has come to the end of what it knew of its slab.
@@ -205,6 +226,8 @@ class ResultList {
   // No further than the end of the slab's elements, of which there may be more since.
   const Result* cursorEnd_ = nullptr;
   unsigned int count_ = 0;
+  // Where the cursor goes when an element is added and none was left to take.
+  Place begin_;
   bool reusable_ = true;
   ByteRuns runs_;
   // What is handed out behind the last element.

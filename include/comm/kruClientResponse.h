@@ -13,6 +13,7 @@
 namespace tq::comm {
 
 class CorvaneClient;
+class CorvaneRESTClient;
 class HitFiller;
 class ParseFiller;
 
@@ -77,9 +78,10 @@ class KRU_EXPORT ClientResponse {
   }
 
   /// The search results after receiving over `client`, unless they are marked as buffered.
-  /// Not `streaming`: exactly one receive, which replaces the portion held. `streaming`: receives
-  /// while no hit is left to take and the stream has not ended, which is tested before the first
-  /// receive; hits that were taken are dropped before the next portion comes. Throws RESTException:
+  /// Not `streaming`: exactly one receive, which as the client's `recv` replaces the hits of
+  /// STREAM_SEARCH and adds to those of SCALAR_SEARCH. `streaming`: receives while no hit is left
+  /// to take and the stream has not ended, which is tested before the first receive; hits that were
+  /// taken are dropped before the next portion comes. Throws RESTException:
   /// what the client's `recv` throws, or ERR_INVALID_STATE when the client speaks no protocol or
   /// another exchange has filled this response.
   SearchResponse& getSearchResponse(CorvaneClient& client, bool streaming);
@@ -93,8 +95,14 @@ class KRU_EXPORT ClientResponse {
   static bool resultsExpected(ClientRequest::REQUEST kind);
 
  private:
+  friend class CorvaneRESTClient;
   friend class HitFiller;
   friend class ParseFiller;
+
+  // What has been taken is not handed out again with what a client adds next. The second also gives
+  // the memory of hits back.
+  void keepTakenApart() noexcept;
+  void dropTakenHits() noexcept;
 
   int resultCount_ = 0;
   icu::UnicodeString text_;

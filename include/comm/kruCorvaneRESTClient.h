@@ -114,7 +114,9 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
 
   /// The whole exchange. The request's key and content are read, not copied, and must live until
   /// the call returns. On a failure `response` holds what had been decoded before it. A response
-  /// that is used again has return code -1 until a reply to this request is a success.
+  /// that is used again has return code -1 until a reply to this request is a success; a request
+  /// that cannot be sent leaves it as it was. The hits of a SCALAR_SEARCH come behind those that it
+  /// holds and that are left to take; when all have been taken, these go away.
   void sendAndRecvMesg(ClientRequest& request, ClientResponse& response);
 
   /// The same with limits that hold for this call only.
@@ -135,8 +137,8 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
 
   /// The next portion of the streaming reply of the last exchange. It replaces the hits of
   /// STREAM_SEARCH, adds to those of SCALAR_SEARCH, and is an empty search response when the stream
-  /// has ended. A stream that breaks off ends without an error: ask `isTruncated()`. A time-out
-  /// loses nothing: call again.
+  /// has ended. Hits that were taken are not handed out again, whatever is added. A stream that
+  /// breaks off ends without an error: ask `isTruncated()`. A time-out loses nothing: call again.
   ///
   /// A response belongs to the exchange that filled it. Given one that an earlier exchange of this
   /// client or any exchange of another client has filled, this and all other operations that read a
@@ -221,7 +223,8 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   /// Fills the response for a kind without a reply. Throws ERR_INVALID_STATE when it is called by
   /// hand although a reply was asked for.
   void skipReply(ClientResponse& response);
-  /// Refuses a response that another exchange has filled, and makes it this exchange's.
+  /// Refuses a response that another exchange has filled, and makes it this exchange's, which goes
+  /// on behind the results that have been taken.
   void claim(ClientResponse& response);
   /// The reply was read to its end.
   void endReply();

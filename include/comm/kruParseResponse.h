@@ -8,6 +8,7 @@
 
 namespace tq::comm {
 
+class ClientResponse;
 class ParseFiller;
 template <typename Result>
 class ResultList;
@@ -42,6 +43,7 @@ class KRU_EXPORT ParseResponse {
   void incrCount();
 
  private:
+  friend class ClientResponse;
   friend class ParseFiller;
 
   ResultList<ParseResult>& list();

@@ -8,6 +8,7 @@
 
 namespace tq::comm {
 
+class ClientResponse;
 class HitFiller;
 template <typename Result>
 class ResultList;
@@ -44,6 +45,7 @@ class KRU_EXPORT SearchResponse {
   void incrCount();
 
  private:
+  friend class ClientResponse;
   friend class HitFiller;
 
   ResultList<SearchResult>& list();

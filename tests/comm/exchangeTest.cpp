@@ -21,6 +21,7 @@
 #include "tests/support/scriptedServer.h"
 
 namespace {
+#include "tests/support/recordingFacility.h"
 
 using namespace tq::test;
 using tq::comm::ClientRequest;
@@ -309,6 +310,91 @@ TEST_P(Exchange, AConnectThatFailsIsRepeatedAndNamesHostAndPort) {
   EXPECT_EQ(raised[0].arguments, kHostAndPort);
   EXPECT_EQ(raised[0].file, "kruCorvaneClient") << "the messages are carried unchanged";
   EXPECT_EQ(network.connectAttempts(), 4U);
+}
+
+TEST_P(Exchange, HitsThatWereTakenAreNotHandedOutAgainWithTheNextPortion) {
+  // More than stand in one piece of the list's memory.
+  std::vector<std::string> keys;
+  std::vector<std::string> ids;
+  for (int i = 0; i < 20; ++i) {
+    keys.push_back("k" + std::to_string(i));
+    ids.push_back(idOfKey(keys.back()));
+  }
+  for (const int kind : {kScalarSearch, kStreamSearch}) {
+    for (const bool pulls : {false, true}) {
+      Script script;
+      replies.sendHits(replies.expect(script), keys);
+      ScriptedNetwork network(script.awaitClose(), kOnDemand);
+      const auto client = clientOf();
+      ClientResponse response;
+      EXPECT_EQ(exchange(*client, kind, response), Raised());
+      std::vector<std::string> taken = idsHeld(response);
+      while (!client->isEndOfStream()) {
+        if (pulls) {
+          response.getSearchResponse(*client, false);
+        } else {
+          client->recv(response);
+        }
+        for (const std::string& id : idsHeld(response)) taken.push_back(id);
+      }
+      EXPECT_EQ(taken, ids) << kind << pulls;
+    }
+  }
+}
+
+TEST_P(Exchange, HitsThatWereTakenAreNotHandedOutAgainUnderTrace) {
+  const RecordingFacility facility;
+  Script script;
+  replies.sendHits(replies.expect(script), {"k1", "k2"});
+  ScriptedNetwork network(script.awaitClose(), kOnDemand);
+  const auto client = clientOf();
+  ClientResponse response;
+  EXPECT_EQ(exchange(*client, kScalarSearch, response), Raised());
+  EXPECT_EQ(idsHeld(response), std::vector<std::string>{idOfKey("k1")});
+  client->recv(response);
+  EXPECT_EQ(idsHeld(response), std::vector<std::string>{idOfKey("k2")});
+}
+
+TEST_P(Exchange, AHitThatWasTakenStaysWhereItIsWhileAScalarSearchGoesOn) {
+  Script script;
+  replies.sendHits(replies.expect(script), {"k1", "k2", "k3"});
+  ScriptedNetwork network(script.awaitClose(), kOnDemand);
+  const auto client = clientOf();
+  ClientResponse response;
+  EXPECT_EQ(exchange(*client, kScalarSearch, response), Raised());
+  const tq::comm::SearchResult& first = response.getSearchResponse().getNext();
+  client->recv(response);
+  client->recv(response);
+  EXPECT_EQ(idsHeld(response), (std::vector<std::string>{idOfKey("k2"), idOfKey("k3")}));
+  EXPECT_EQ(utf8(first.getDocId()), idOfKey("k1"));
+}
+
+TEST_P(Exchange, HitsThatAreLeftToTakeComeBeforeThoseOfTheNextPortion) {
+  Script script;
+  replies.sendHits(replies.expect(script), {"k1", "k2", "k3"});
+  ScriptedNetwork network(script.awaitClose(), kOnDemand);
+  const auto client = clientOf();
+  ClientResponse response;
+  EXPECT_EQ(exchange(*client, kScalarSearch, response), Raised());
+  client->recv(response);
+  EXPECT_EQ(utf8(response.getSearchResponse().getNext().getDocId()), idOfKey("k1"));
+  client->recv(response);
+  EXPECT_EQ(response.getSearchResponse().count(), 2U);
+  EXPECT_EQ(idsHeld(response), (std::vector<std::string>{idOfKey("k2"), idOfKey("k3")}));
+}
+
+TEST_P(Exchange, AnotherScalarSearchHandsOutNoHitThatWasTaken) {
+  ScriptedNetwork network(answers({replies.hitsAtOnce({"k1", "k2"}),
+                                   replies.hitsAtOnce({"k3", "k4"}), replies.hitsAtOnce({"k5"})}));
+  const auto client = clientOf();
+  ClientResponse response;
+  EXPECT_EQ(exchange(*client, kScalarSearch, response), Raised());
+  EXPECT_EQ(idsHeld(response), (std::vector<std::string>{idOfKey("k1"), idOfKey("k2")}));
+  EXPECT_EQ(exchange(*client, kScalarSearch, response), Raised());
+  EXPECT_EQ(utf8(response.getSearchResponse().getNext().getDocId()), idOfKey("k3"));
+  EXPECT_EQ(exchange(*client, kScalarSearch, response), Raised());
+  EXPECT_EQ(idsHeld(response), (std::vector<std::string>{idOfKey("k4"), idOfKey("k5")}))
+      << "what nobody has taken is not lost";
 }
 
 /// A host whose trace facility closes the client as soon as it has opened its connection.

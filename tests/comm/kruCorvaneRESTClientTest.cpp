@@ -1338,6 +1338,48 @@ TEST(CorvaneRESTClient, ATimeOutInALaterPortionOfParseResultsRepeatsTheExchangeA
   EXPECT_EQ(network.requests(), 2U);
 }
 
+TEST(CorvaneRESTClient, RowsThatWereTakenAreNotHandedOutAgainWhenAFailedExchangeIsReadOn) {
+  const auto& reply = replyNamed("ParseResultWithThreeRows");
+  const std::vector<std::size_t> ends(reply.recordStarts.begin() + 1, reply.recordStarts.end());
+  const auto form = chunkedAt(reply, ends, true);
+  const std::size_t early = form.chunks[0].dataEnd + 2;
+  ScriptedNetwork network(Script()
+                              .expectRequest()
+                              .send(form.text.substr(0, early))
+                              .stall()
+                              .send(form.text.substr(early))
+                              .awaitClose(),
+                          kOnDemand);
+  auto client = clientFor(kPersistent);
+  client.setNumRetries(0);
+  client.setTimeOut(100);
+  auto request = requestFor(kParseResult);
+  ClientResponse response;
+  EXPECT_EQ(errorOf([&] { client.sendAndRecvMesg(request, response); }).errorId,
+            "ERR_SERVER_COMM_TIMEOUT");
+  Outcome taken;
+  takeParsed(response.getParseResponse(), taken);
+  EXPECT_EQ(taken.parsed.size(), 1U);
+  network.release();
+  while (!client.isEndOfStream()) client.recv(response);
+  takeParsed(response.getParseResponse(), taken);
+  EXPECT_EQ(taken.parsed, reply.expected.parsed);
+}
+
+TEST(CorvaneRESTClient, RecvMultResponseHandsOutNoHitThatWasTaken) {
+  const std::string stream =
+      kChunkedHead + chunk(kUninterpreted + searchHit("a") + searchHit("b")) +
+      chunk(searchHit("c")) + chunk(searchHit("d") + bigEndian(0)) + kLastChunk;
+  ScriptedNetwork network(answer(stream), kOnDemand);
+  auto client = clientFor(kPersistent);
+  auto request = requestFor(kScalarSearch);
+  ClientResponse response;
+  client.sendAndRecvMesg(request, response);
+  EXPECT_EQ(idsOf(response), (std::vector<std::string>{"a", "b"}));
+  client.recvMultResponse(response);
+  EXPECT_EQ(idsOf(response), (std::vector<std::string>{"c", "d"}));
+}
+
 TEST(CorvaneRESTClient, AStreamWithALyingPortionIsRefusedAndOver) {
   const auto& reply = replyNamed("StreamSearchWithTenHits");
   const std::vector<std::size_t> ends{reply.recordStarts[2], reply.recordStarts[5],
