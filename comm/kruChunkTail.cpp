@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <charconv>
+#include <iterator>
 #include <limits>
+#include <string>
 #include <system_error>
 #include <utility>
 
@@ -22,10 +24,18 @@ bool isHexDigit(char c) {
 }  // namespace
 
 std::optional<std::size_t> chunkSizeOf(std::string_view line) {
+  if (!line.ends_with("\r\n")) return std::nullopt;
+  line.remove_suffix(2);
+  std::string withoutReturns;
+  if (line.find('\r') != std::string_view::npos) {
+    std::remove_copy(line.begin(), line.end(), std::back_inserter(withoutReturns), '\r');
+    line = withoutReturns;
+  }
   const auto end = std::find_if_not(line.begin(), line.end(), isHexDigit);
   const auto digits = static_cast<std::size_t>(end - line.begin());
-  if (digits == 0 || line.size() < digits + 2 || !line.ends_with("\r\n")) return std::nullopt;
-  if (std::string_view("\r; \t").find(line[digits]) == std::string_view::npos) return std::nullopt;
+  if (digits == 0) return std::nullopt;
+  const bool atEnd = digits == line.size();
+  if (!atEnd && std::string_view("; \t").find(*end) == std::string_view::npos) return std::nullopt;
   constexpr int kHexadecimal = 16;
   std::size_t size = 0;
   const auto parsed = std::from_chars(line.data(), line.data() + digits, size, kHexadecimal);

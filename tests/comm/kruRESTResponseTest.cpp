@@ -1139,6 +1139,24 @@ TEST(RESTResponse, TheLimitOfAChunkHoldsToTheByteAndCanBeMoved) {
   }
 }
 
+TEST(RESTResponse, TheLimitOfAChunkHoldsForASizeThatACarriageReturnDivides) {
+  for (const bool streaming : {kFirst, kContinuation}) {
+    for (const char* line : {"1\rFFFFFFF\r\n", "0\r7FFFFFFF\r\n", "6\r5\r\n", "6\r4\r\n"}) {
+      auto parser = parserFor(kStreamSearch, streaming);
+      const auto error = errorOf([&] {
+        parser.setMaxReplyBytes(100);
+        ClientResponse response;
+        bool done = false;
+        const auto start = streaming ? "" : headers(200, "Transfer-Encoding: chunked\r\n");
+        feed(parser, start + line, response, done);
+      });
+      const bool fits = line[2] == '4';
+      EXPECT_EQ(error.errorId, fits ? "" : "ERR_CLIENT_RESP_PARSING") << line;
+      EXPECT_EQ(parser.getContentLength() == 100, fits) << line;
+    }
+  }
+}
+
 TEST(RESTResponse, TheDefaultLimitOfABodyIsOneGibibyte) {
   for (const auto& [length, refused] :
        std::vector<std::pair<std::size_t, bool>>{{1U << 30, false}, {(1U << 30) + 1, true}}) {
