@@ -149,8 +149,7 @@ void CorvaneRESTClient::exchangeWithRetries(ClientRequest& request, ClientRespon
                                             unsigned int retries) {
   outcome_ = RequestOutcome::NotSent;
   // Before anything is changed: a stream that is still open goes on as the kind that it has.
-  refuseUnsendable(request);
-  requestKind_ = request.getRequest();
+  if (isSendable(request)) requestKind_ = request.getRequest();
   const Exchanging exchanging(exchanging_);
   // What an earlier attempt may have done stays possible, whatever a later one finds.
   bool mayBeApplied = false;
@@ -230,6 +229,21 @@ void CorvaneRESTClient::recvRest(ClientResponse& response) {
 void CorvaneRESTClient::refuseUnsendable(ClientRequest& request) const {
   const char16_t* reason = whyUnsendable(request);
   if (reason != nullptr) fail(StaticDefs::ERR_CLIENT_INTERNAL, atServer(reason));
+}
+
+/// Throws for a request that cannot be sent. False: a derived request has thrown. The attempt,
+/// which asks it again before anything else, says so in the way of its protocol.
+bool CorvaneRESTClient::isSendable(ClientRequest& request) const {
+  try {
+    refuseUnsendable(request);
+    return true;
+  } catch (const RESTException&) {
+    throw;
+  } catch (abi::__forced_unwind&) {
+    throw;
+  } catch (...) {
+    return false;
+  }
 }
 
 CorvaneRESTClient::ExchangeScope::ExchangeScope(CorvaneRESTClient& client) : client_(client) {
@@ -373,6 +387,8 @@ void CorvaneRESTClient::beginReply(ClientResponse& response) {
   }
   carry_->clear();
   response.resetResultCount();
+  // The lists of the other kinds that bring results are emptied whatever was taken.
+  if (requestKind_ == ClientRequest::SCALAR_SEARCH) response.dropTakenHits();
 }
 
 void CorvaneRESTClient::skipReply(ClientResponse& response) {
@@ -387,8 +403,6 @@ void CorvaneRESTClient::skipReply(ClientResponse& response) {
   endOfStream_ = true;
 }
 
-  // The lists of the other kinds that bring results are emptied whatever was taken.
-  if (requestKind_ == ClientRequest::SCALAR_SEARCH) response.dropTakenHits();
 void CorvaneRESTClient::refuseForeign(const ClientResponse& response) const {
   if (response.isFree() || response.isFilledFrom(clientNumber_, exchangeNumber_)) return;
   fail(
@@ -400,6 +414,7 @@ void CorvaneRESTClient::refuseForeign(const ClientResponse& response) const {
 void CorvaneRESTClient::claim(ClientResponse& response) {
   refuseForeign(response);
   response.fillFrom(clientNumber_, exchangeNumber_);
+  response.keepTakenApart();
 }
 
 bool CorvaneRESTClient::streamLostItsConnection() const {
@@ -414,7 +429,6 @@ void CorvaneRESTClient::breakStreamOff() {
   truncated_ = true;
   carry_->clear();
   // A connection that was made since knows nothing of the stream.
-  response.keepTakenApart();
   if (!streamLostItsConnection()) line_->doubt();
 }
 

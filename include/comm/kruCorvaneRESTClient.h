@@ -258,6 +258,7 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
 
   bool lineIsReusable();
   void refuseForeign(const ClientResponse& response) const;
+  bool isSendable(ClientRequest& request) const;
   void exchangeWithRetries(ClientRequest& request, ClientResponse& response, unsigned int retries);
   bool mayRepeat(const RESTException& failure) const;
   void pauseBefore(unsigned int attempt);

@@ -3,25 +3,30 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "comm/kruClientResponse.h"
 #include "comm/kruDrestoPerfClient.h"
 #include "comm/kruFunctionIds.h"
 #include "comm/kruRESTMessage.h"
+#include "infra/oss/kruMessage.h"
+#include "infra/oss/kruNLSException.h"
 #include "infra/oss/kruTrace.h"
 #include "tests/support/binaryReplies.h"
 #include "tests/support/exchange.h"
 #include "tests/support/protocolReplies.h"
 #include "tests/support/raised.h"
+#include "tests/support/recordingFacility.h"
 #include "tests/support/script.h"
 #include "tests/support/scriptedNetwork.h"
 #include "tests/support/scriptedServer.h"
 
 namespace {
-#include "tests/support/recordingFacility.h"
 
 using namespace tq::test;
 using tq::comm::ClientRequest;
@@ -141,6 +146,56 @@ TEST_P(Exchange, ARequestThatIsNotBegunLeavesTheResponseAsItWas) {
   EXPECT_TRUE(response.success());
 }
 
+/// A request of a host that makes its key when it is asked for it, and cannot.
+class KeylessRequest : public ClientRequest {
+ public:
+  explicit KeylessRequest(std::function<void()> fail) : fail_(std::move(fail)) {
+    buildRequest(u"c1", ClientRequest::ADD_DOCUMENT, {});
+    setDocKey("key", 3);
+    setContent({{u"title", u"one"}}, "content", 7);
+  }
+  using ClientRequest::getDocKey;
+  const char* getDocKey(unsigned int&) override {
+    fail_();
+    return nullptr;
+  }
+
+ private:
+  std::function<void()> fail_;
+};
+
+TEST_P(Exchange, WhatADerivedRequestThrowsIsReportedAsWhatAnAttemptMeets) {
+  Script script;
+  replies.sendHits(replies.expect(script), {"k1", "k2"});
+  ScriptedNetwork network(script.awaitClose(), kOnDemand);
+  const auto client = clientOf();
+  ClientResponse stream;
+  EXPECT_EQ(exchange(*client, kStreamSearch, stream), Raised());
+
+  ClientResponse response;
+  response.setReturnCode(0);
+  KeylessRequest libraryLike(
+      [] { throw tq::oss::NLSException(tq::oss::Message(u"HOSTS_OWN", u"")); });
+  const Raised raised = exchange(*client, libraryLike, response);
+  ASSERT_EQ(raised.size(), 1U);
+  EXPECT_EQ(raised[0].id, "ERR_CLIENT_INTERNAL");
+  EXPECT_EQ(raised[0].arguments,
+            binary() ? std::vector<std::string>{"unknown error from sendandrecvMesgOnce"}
+                     : std::vector<std::string>{});
+  EXPECT_EQ(client->getRequestOutcome(), RequestOutcome::NotSent);
+
+  KeylessRequest foreign([] { throw std::runtime_error("the host's own"); });
+  if (binary()) {
+    EXPECT_EQ(exchange(*client, foreign, response), raised);
+  } else {
+    EXPECT_THROW(client->sendAndRecvMesg(foreign, response), std::runtime_error);
+  }
+  EXPECT_TRUE(response.success()) << "it is as it was";
+  EXPECT_EQ(network.writes(), 1U);
+  client->recv(stream);
+  EXPECT_EQ(idsHeld(stream), std::vector<std::string>{idOfKey("k2")}) << "the stream goes on";
+}
+
 TEST_P(Exchange, AKeyWithoutMetadataIsRefusedBeforeAnythingIsSent) {
   for (const int kind : {kAddDocument, kDeleteDocument, kAsynchAddDocument}) {
     ClientRequest request;
@@ -257,61 +312,6 @@ TEST_P(Exchange, TheSinglePullReplacesThePortionThatTheExchangeBrought) {
       << "whether the hits of the portion before were taken or not";
 }
 
-TEST_P(Exchange, BytesThatACallerTakesEndTheStreamAndCostItsConnection) {
-  using Take = unsigned long (CorvaneRESTClient::*)(char*, unsigned long, unsigned long, bool);
-  for (const Take take : {Take(&CorvaneRESTClient::readOnce), Take(&CorvaneRESTClient::read),
-                          Take(&CorvaneRESTClient::genericRead)}) {
-    Script stream;
-    replies.sendHits(replies.expect(stream), {"k1", "k2"});
-    ScriptedNetwork network({stream.awaitClose(), answers({replies.ready()})}, kOnDemand);
-    const auto client = clientOf();
-    ClientResponse response;
-    EXPECT_EQ(exchange(*client, kStreamSearch, response), Raised());
-    EXPECT_EQ(idsHeld(response), std::vector<std::string>{idOfKey("k1")});
-    char byte = 0;
-    EXPECT_EQ(((*client).*take)(&byte, 0, 1, true), 1U);
-    const Raised raised = raisedBy([&] { client->recv(response); });
-    EXPECT_EQ(raised.empty(), !binary()) << "over the binary protocol an empty body is an error";
-    EXPECT_EQ(idsHeld(response), std::vector<std::string>());
-    EXPECT_TRUE(client->isEndOfStream());
-    EXPECT_TRUE(client->isTruncated());
-    EXPECT_EQ(exchange(*client, kGetStatus), Raised());
-    EXPECT_EQ(network.connections(), 2U);
-    EXPECT_FALSE(network.waitedForever());
-  }
-}
-
-// Attempts.
-
-TEST_P(Exchange, IsAttemptedOnceMoreUnlessToldOtherwise) {
-  for (const unsigned int retries : {0U, 1U, 2U, 7U}) {
-    Script closes;
-    ScriptedNetwork network(replies.expect(closes));
-    const auto client = clientOf();
-    if (retries != 1) client->setNumRetries(retries);
-    const Raised raised = exchange(*client, kGetStatus);
-    ASSERT_EQ(raised.size(), 1U);
-    EXPECT_EQ(raised[0].id, "ERR_SERVER_COMM_RECV");
-    EXPECT_EQ(raised[0].arguments, kHostAndPort);
-    EXPECT_EQ(network.requests(), retries + 1);
-    EXPECT_EQ(network.connections(), retries + 1);
-    EXPECT_EQ(network.elapsedMillis(), 0U) << "without a pause";
-  }
-}
-
-TEST_P(Exchange, AConnectThatFailsIsRepeatedAndNamesHostAndPort) {
-  ScriptedNetwork network(answers({replies.done()}));
-  network.failConnects(ECONNREFUSED);
-  const auto client = clientOf();
-  client->setNumRetries(3);
-  const Raised raised = exchange(*client, kGetStatus);
-  ASSERT_EQ(raised.size(), 2U) << "and what the system said";
-  EXPECT_EQ(raised[0].id, "ERR_CONNECT_SERVER");
-  EXPECT_EQ(raised[0].arguments, kHostAndPort);
-  EXPECT_EQ(raised[0].file, "kruCorvaneClient") << "the messages are carried unchanged";
-  EXPECT_EQ(network.connectAttempts(), 4U);
-}
-
 TEST_P(Exchange, HitsThatWereTakenAreNotHandedOutAgainWithTheNextPortion) {
   // More than stand in one piece of the list's memory.
   std::vector<std::string> keys;
@@ -395,6 +395,61 @@ TEST_P(Exchange, AnotherScalarSearchHandsOutNoHitThatWasTaken) {
   EXPECT_EQ(exchange(*client, kScalarSearch, response), Raised());
   EXPECT_EQ(idsHeld(response), (std::vector<std::string>{idOfKey("k4"), idOfKey("k5")}))
       << "what nobody has taken is not lost";
+}
+
+TEST_P(Exchange, BytesThatACallerTakesEndTheStreamAndCostItsConnection) {
+  using Take = unsigned long (CorvaneRESTClient::*)(char*, unsigned long, unsigned long, bool);
+  for (const Take take : {Take(&CorvaneRESTClient::readOnce), Take(&CorvaneRESTClient::read),
+                          Take(&CorvaneRESTClient::genericRead)}) {
+    Script stream;
+    replies.sendHits(replies.expect(stream), {"k1", "k2"});
+    ScriptedNetwork network({stream.awaitClose(), answers({replies.ready()})}, kOnDemand);
+    const auto client = clientOf();
+    ClientResponse response;
+    EXPECT_EQ(exchange(*client, kStreamSearch, response), Raised());
+    EXPECT_EQ(idsHeld(response), std::vector<std::string>{idOfKey("k1")});
+    char byte = 0;
+    EXPECT_EQ(((*client).*take)(&byte, 0, 1, true), 1U);
+    const Raised raised = raisedBy([&] { client->recv(response); });
+    EXPECT_EQ(raised.empty(), !binary()) << "over the binary protocol an empty body is an error";
+    EXPECT_EQ(idsHeld(response), std::vector<std::string>());
+    EXPECT_TRUE(client->isEndOfStream());
+    EXPECT_TRUE(client->isTruncated());
+    EXPECT_EQ(exchange(*client, kGetStatus), Raised());
+    EXPECT_EQ(network.connections(), 2U);
+    EXPECT_FALSE(network.waitedForever());
+  }
+}
+
+// Attempts.
+
+TEST_P(Exchange, IsAttemptedOnceMoreUnlessToldOtherwise) {
+  for (const unsigned int retries : {0U, 1U, 2U, 7U}) {
+    Script closes;
+    ScriptedNetwork network(replies.expect(closes));
+    const auto client = clientOf();
+    if (retries != 1) client->setNumRetries(retries);
+    const Raised raised = exchange(*client, kGetStatus);
+    ASSERT_EQ(raised.size(), 1U);
+    EXPECT_EQ(raised[0].id, "ERR_SERVER_COMM_RECV");
+    EXPECT_EQ(raised[0].arguments, kHostAndPort);
+    EXPECT_EQ(network.requests(), retries + 1);
+    EXPECT_EQ(network.connections(), retries + 1);
+    EXPECT_EQ(network.elapsedMillis(), 0U) << "without a pause";
+  }
+}
+
+TEST_P(Exchange, AConnectThatFailsIsRepeatedAndNamesHostAndPort) {
+  ScriptedNetwork network(answers({replies.done()}));
+  network.failConnects(ECONNREFUSED);
+  const auto client = clientOf();
+  client->setNumRetries(3);
+  const Raised raised = exchange(*client, kGetStatus);
+  ASSERT_EQ(raised.size(), 2U) << "and what the system said";
+  EXPECT_EQ(raised[0].id, "ERR_CONNECT_SERVER");
+  EXPECT_EQ(raised[0].arguments, kHostAndPort);
+  EXPECT_EQ(raised[0].file, "kruCorvaneClient") << "the messages are carried unchanged";
+  EXPECT_EQ(network.connectAttempts(), 4U);
 }
 
 /// A host whose trace facility closes the client as soon as it has opened its connection.
