@@ -1,3 +1,4 @@
+#include <cxxabi.h>
 #include <poll.h>
 
 #include <algorithm>
@@ -116,6 +117,8 @@ int32_t kru_client_create(int32_t protocol, const char* host, uint32_t host_leng
     if (protocol != KRU_HTTP && protocol != KRU_BINARY) misuse("the protocol", "is none");
     if (port == 0 || port > kLastPort) misuse("the port", "is not from 1 to 65535");
     *client = makeClient(protocol, takeLine(host, host_length, "the host"), port).release();
+  } catch (abi::__forced_unwind&) {
+    throw;
   } catch (...) {
     describeCurrentException(report);
   }

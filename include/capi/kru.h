@@ -8,7 +8,8 @@
    Results. A function that can fail returns one of the KRU_ codes below and, when it is given a
    `kru_error`, says there what happened. No exception and no jump ever comes out of a function, out
    of memory included. One thing passes: a thread that is cancelled (pthread_cancel) in a wait
-   unwinds through the function, and the client can be destroyed afterwards.
+   unwinds through the function, and the client can be destroyed afterwards. In a wait hook the
+   cancellation waits until the hook has returned.
 
    Texts are UTF-8 with a length in bytes and need no zero at their end. A text that is not UTF-8, a
    collection name or a query with CR, LF or NUL, and null with a length are KRU_MISUSE; nothing is
@@ -149,12 +150,12 @@ enum { KRU_WAIT_READY = 0, KRU_WAIT_TIMED_OUT = 1, KRU_WAIT_GIVE_UP = 2 };
 /* Waits until the descriptor is ready or `time_out` milliseconds are over (-1: no limit), with the
    descriptor -1 until the time is over, and lets its process attend to its own events meanwhile.
 
-   A HOOK RETURNS. It must not leave by longjmp, by a language's exception or by the end of its
-   thread: the library's frames would be skipped, and what they hold would stay held. A client that
-   was left so refuses every further call (KRU_MISUSE) and gives back neither its memory nor its
-   connection, not even when it is destroyed. A host whose errors are jumps catches them inside of
-   the hook, keeps what it caught, and answers KRU_WAIT_GIVE_UP; when the call has returned
-   KRU_CANCELLED, it raises its error again:
+   A HOOK RETURNS. It must not leave by longjmp, by a language's exception or by pthread_exit: the
+   library's frames would be skipped, and what they hold would stay held. A client that was left so
+   refuses every further call (KRU_MISUSE) and gives back neither its memory nor its connection, not
+   even when it is destroyed. A host whose errors are jumps catches them inside of the hook, keeps
+   what it caught, and answers KRU_WAIT_GIVE_UP; when the call has returned KRU_CANCELLED, it raises
+   its error again:
 
      static int32_t wait_for(void* host, int32_t fd, int32_t events, int32_t time_out) {
        struct my_state* state = host;

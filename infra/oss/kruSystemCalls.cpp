@@ -1,8 +1,9 @@
 #include "infra/oss/kruSystemCalls.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <unistd.h>
+
+#include "infra/oss/kruUncancellable.h"
 
 namespace tq::oss {
 
@@ -10,17 +11,6 @@ namespace {
 
 // The system's own declaration takes a variable number of arguments and has no such address.
 int fcntlWithNumber(int fd, int command, int argument) { return ::fcntl(fd, command, argument); }
-
-class Uncancellable {
- public:
-  Uncancellable() noexcept { ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-  ~Uncancellable() { ::pthread_setcancelstate(before_, nullptr); }
-  Uncancellable(const Uncancellable&) = delete;
-  Uncancellable& operator=(const Uncancellable&) = delete;
-
- private:
-  int before_ = PTHREAD_CANCEL_ENABLE;
-};
 
 int closeUncancelled(int fd) {
   const Uncancellable whole;

@@ -2,6 +2,8 @@
 
 #include <exception>
 
+#include "infra/oss/kruUncancellable.h"
+
 namespace tq::oss {
 
 namespace {
@@ -25,6 +27,8 @@ void TraceScope::enter(unsigned int functionId) noexcept {
   functionId_ = functionId;
   returnCode_ = 0;
   exceptionsAtEntry_ = std::uncaught_exceptions();
+  // A facility writes its records, which may cancel a thread, and nothing unwinds from here.
+  const Uncancellable whole;
   flags_ = facility_->getComponentTraceFlags(kComponent);
   if ((flags_ & kEntryMask) != 0) facility_->traceEntry(functionId_);
 }
@@ -32,6 +36,7 @@ void TraceScope::enter(unsigned int functionId) noexcept {
 void TraceScope::leave() noexcept {
   if ((flags_ & kExitMask) == 0 || (flags_ & kExitRecordMask) == 0) return;
   const bool failed = std::uncaught_exceptions() > exceptionsAtEntry_;
+  const Uncancellable whole;
   facility_->traceExit(functionId_, failed ? -1 : returnCode_);
 }
 

@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "infra/oss/kruSystemCalls.h"
+#include "infra/oss/kruUncancellable.h"
 
 namespace tq::oss {
 
@@ -12,6 +13,18 @@ Waited pollFor(pollfd& entry, Deadline deadline) {
   const int ready = pollUntil(&entry, 1, deadline);
   if (ready == 0) return Waited::Late;
   return ready > 0 ? Waited::Ready : Waited::Failed;
+}
+
+// Hooks wait, which may cancel a thread, but they are noexcept and may be written in C: the thread
+// is not cancelled before its hook has returned.
+WaitResult askHook(WaitHook hook, void* host, int fd, short events, int millis) {
+  WaitResult result;
+  {
+    const Uncancellable whole;
+    result = hook(host, fd, events, millis);
+  }
+  ::pthread_testcancel();
+  return result;
 }
 
 }  // namespace
@@ -59,7 +72,7 @@ Waited Waiter::pause(Deadline deadline) const {
 // says, ends with the deadline too.
 Waited Waiter::callHook(int fd, short events, Deadline deadline) const {
   for (int millis = deadline.pollMillis(); millis != 0; millis = deadline.pollMillis()) {
-    const WaitResult result = hook_(host_, fd, events, millis);
+    const WaitResult result = askHook(hook_, host_, fd, events, millis);
     if (result == WaitResult::Ready) return Waited::Ready;
     if (result != WaitResult::TimedOut) return Waited::GivenUp;
   }

@@ -60,6 +60,40 @@ TEST_P(CFaceThreads, ACancelledThreadUnwindsThroughACall) {
   kru_client_destroy(client);
 }
 
+/// A hook as a host writes it, in whose wait for the reply its thread is cancelled.
+std::int32_t waitInPoll(void* host, std::int32_t fd, std::int32_t events, std::int32_t timeOut) {
+  const bool reads = events == KRU_WAIT_READ;
+  if (reads) static_cast<std::counting_semaphore<>*>(host)->release();
+  pollfd entry{fd, static_cast<short>(reads ? POLLIN : POLLOUT), 0};
+  return poll(&entry, 1, timeOut) > 0 ? KRU_WAIT_READY : KRU_WAIT_TIMED_OUT;
+}
+
+TEST_P(CFaceThreads, AThreadThatIsCancelledInItsHookUnwindsBehindIt) {
+  Script late;
+  replies.expect(late).stall().send(replies.done()).awaitClose();
+  Script next;
+  replies.expect(next).send(replies.done()).awaitClose();
+  ScriptedServer server({late, next});
+  kru_client* client = create(server.port());
+  std::counting_semaphore<> waiting{0};
+  kru_client_set_wait_hook(client, &waitInPoll, &waiting, nullptr);
+  pthread_t thread{};
+  const auto run = [](void* argument) -> void* {
+    update(static_cast<kru_client*>(argument));
+    return nullptr;
+  };
+  ASSERT_EQ(pthread_create(&thread, nullptr, run, client), 0);
+  waiting.acquire();
+  pthread_cancel(thread);
+  server.release();
+  void* result = nullptr;
+  pthread_join(thread, &result);
+  EXPECT_EQ(result, PTHREAD_CANCELED);
+  server.awaitClientClose(0);
+  EXPECT_EQ(update(client), KRU_OK) << "the client was given back";
+  kru_client_destroy(client);
+}
+
 TEST_P(CFaceThreads, ACallOfAnotherThreadIsRefused) {
   Script silent;
   replies.expect(silent).stall().send(replies.done()).awaitClose();

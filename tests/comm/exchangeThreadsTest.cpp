@@ -1,11 +1,14 @@
 // Clients on several threads, from the first call of the process on.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <barrier>
+#include <cstdlib>
 #include <functional>
 #include <future>
 #include <memory>
@@ -14,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "infra/oss/kruTrace.h"
 #include "tests/comm/bothProtocols.h"
 #include "tests/support/fakeSystemCalls.h"
 #include "tests/support/scriptedServer.h"
@@ -191,6 +195,47 @@ TEST_P(ExchangeThreads, ACancelledThreadUnwindsThroughAReceive) {
   exchanged.get_future().wait();
   ::pthread_cancel(thread);
   EXPECT_TRUE(endsByCancellation(thread));
+/// A host that writes its records.
+class WritingFacility : public tq::oss::TraceFacility {
+ public:
+  WritingFacility() : null_(::open("/dev/null", O_WRONLY | O_CLOEXEC)) {
+    tq::oss::setTraceFacility(this);
+  }
+  ~WritingFacility() override {
+    tq::oss::setTraceFacility(nullptr);
+    ::close(null_);
+  }
+  WritingFacility(const WritingFacility&) = delete;
+  WritingFacility& operator=(const WritingFacility&) = delete;
+
+  unsigned long getComponentTraceFlags(unsigned int) override { return 0x20083; }
+  void traceEntry(unsigned int id) override { note(id); }
+  void traceExit(unsigned int id, long) override { note(id); }
+
+ private:
+  void note(unsigned int id) const {
+    if (::write(null_, &id, sizeof id) < 0) std::abort();
+  }
+
+  int null_;
+};
+
+TEST_P(ExchangeThreads, ACancelledThreadUnwindsThroughAnExchangeThatTheHostTraces) {
+  const auto question = questionNamed("StreamSearchWithThreeHits", "StreamSearchWithThreeHits");
+  ScriptedServer server(answers(question, 1));
+  const auto client = clientOf(server);
+  {
+    const WritingFacility facility;
+    std::function<void()> exchanging = [&] {
+      ::pthread_cancel(::pthread_self());
+      isRight(*client, question);
+    };
+    EXPECT_TRUE(endsByCancellation(start(exchanging)));
+  }
+  EXPECT_FALSE(client->isConnected());
+  EXPECT_TRUE(isRight(*client, question)) << "the client goes on";
+}
+
   server.awaitClientClose(0);
   EXPECT_TRUE(isRight(*client, question)) << "the client goes on";
 }

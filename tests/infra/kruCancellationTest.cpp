@@ -5,6 +5,8 @@
 #include <future>
 #include <stdexcept>
 
+#include "infra/oss/kruTrace.h"
+#include "infra/oss/kruWaitHook.h"
 #include "tests/infra/socketFixture.h"
 
 namespace {
@@ -136,6 +138,61 @@ TEST_F(SocketCancellation, WaitsForANameToBeLookedUp) {
     ::pthread_testcancel();
   }));
   EXPECT_TRUE(found);
+}
+
+TEST_F(SocketCancellation, WaitsForAHookToReturn) {
+  Socket socket;
+  tq::test::Peer peer = connected(socket);
+  bool whole = false;
+  const auto hook = [](void* host, int, short, int) noexcept {
+    ::pthread_cancel(::pthread_self());
+    ::pthread_testcancel();
+    *static_cast<bool*>(host) = true;
+    return tq::oss::WaitResult::Ready;
+  };
+  socket.setWaitHook(hook, &whole);
+  char byte = 0;
+  EXPECT_TRUE(isCancelledIn([&] { socket.readOnce(&byte, 0, 1); }));
+  EXPECT_TRUE(whole) << "a hook cannot be unwound";
+  EXPECT_FALSE(socket.isOpen());
+  EXPECT_TRUE(peer.seesClose());
+}
+
+/// A host that writes its records, as one does who keeps them in a file.
+class WritingFacility : public tq::oss::TraceFacility {
+ public:
+  WritingFacility() { tq::oss::setTraceFacility(this); }
+  ~WritingFacility() override { tq::oss::setTraceFacility(nullptr); }
+
+  unsigned long getComponentTraceFlags(unsigned int) override {
+    ::pthread_testcancel();
+    return 0x20083;
+  }
+  void traceEntry(unsigned int) override {
+    ::pthread_testcancel();
+    ++entries;
+  }
+  void traceExit(unsigned int, long) override {
+    ::pthread_testcancel();
+    ++exits;
+  }
+
+  int entries = 0;
+  int exits = 0;
+};
+
+TEST_F(SocketCancellation, WaitsForTheHostsTraceFacility) {
+  WritingFacility facility;
+  bool reached = false;
+  EXPECT_TRUE(isCancelledIn([&] {
+    ::pthread_cancel(::pthread_self());
+    { const tq::oss::TraceScope scope(0x1CD804A0); }
+    reached = true;
+    ::pthread_testcancel();
+  }));
+  EXPECT_TRUE(reached) << "a record cannot be unwound";
+  EXPECT_EQ(facility.entries, 1);
+  EXPECT_EQ(facility.exits, 1);
 }
 
 TEST_F(SocketCancellation, ReachesAThreadThatWaitsForARealPeer) {

@@ -8,7 +8,13 @@ namespace tq::oss {
 
 /// The host's trace facility, as the library sees it. Implemented and owned by the host; its
 /// operations are called on the caller's thread, from several threads at once where the host uses
-/// several, and must not throw.
+/// several, and must not throw. The thread is not cancelled meanwhile: a cancellation waits until
+/// they have returned.
+///
+/// They are called in the middle of an operation, so they must not use or change what that is
+/// about: its client, socket, parser, request or response. Other objects are free to use, but a
+/// message that is built while the library fills its tables of words, at its first message, may
+/// lack its action.
 class KRU_EXPORT TraceFacility {
  public:
   virtual ~TraceFacility() = default;

@@ -18,8 +18,9 @@ enum class WaitResult {
 ///
 /// A hook is called on the thread of the operation that waits, in the middle of it. So it must not
 /// call the library on the same client or socket; other ones are free to use. It must not read from
-/// or close the descriptor, throw, jump out (`longjmp`) or let its thread be cancelled: it answers
-/// `GiveUp`, and the caller does what it wants to do once the operation has returned.
+/// or close the descriptor, throw or jump out (`longjmp`): it answers `GiveUp`, and the caller does
+/// what it wants to do once the operation has returned. Its thread is not cancelled meanwhile: a
+/// cancellation waits until the hook has returned, and then ends the operation.
 using WaitHook = WaitResult (*)(void* host, int fd, short events, int timeoutMillis) noexcept;
 
 }  // namespace tq::oss
