@@ -3,7 +3,6 @@
 #include <array>
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <type_traits>
 
 #include "infra/oss/kruConverter.h"
@@ -22,7 +21,6 @@ struct Entry {
 // more than an acquiring load to walk a bucket.
 struct Table {
   std::array<std::atomic<const Entry*>, 256> buckets{};
-  std::mutex adding;
 };
 
 // Neither built nor destroyed at run time: looking up needs no memory and works in any static
@@ -39,9 +37,7 @@ std::atomic<const Entry*>& bucketOf(const icu::UnicodeString& text) noexcept {
   return table.buckets[hash % 256];
 }
 
-const Entry* findIn(const std::atomic<const Entry*>& bucket,
-                    const icu::UnicodeString& text) noexcept {
-  const Entry* entry = bucket.load(std::memory_order_acquire);
+const Entry* findFrom(const Entry* entry, const icu::UnicodeString& text) noexcept {
   while (entry != nullptr && entry->text != text) entry = entry->next;
   return entry;
 }
@@ -49,18 +45,21 @@ const Entry* findIn(const std::atomic<const Entry*>& bucket,
 }  // namespace
 
 const tq::oss::UTF8String* ConversionCache::find(const icu::UnicodeString& text) noexcept {
-  const Entry* entry = findIn(bucketOf(text), text);
+  const Entry* entry = findFrom(bucketOf(text).load(std::memory_order_acquire), text);
   return entry != nullptr ? &entry->utf8 : nullptr;
 }
 
 void ConversionCache::add(const icu::UnicodeString& text) {
-  const std::lock_guard<std::mutex> guard(table.adding);
   std::atomic<const Entry*>& bucket = bucketOf(text);
-  if (findIn(bucket, text) != nullptr) return;
-  const Entry* first = bucket.load(std::memory_order_relaxed);
+  const Entry* first = bucket.load(std::memory_order_acquire);
+  if (findFrom(first, text) != nullptr) return;
   auto entry = std::make_unique<Entry>(Entry{text, tq::oss::UTF8String(text), first});
   tq::oss::Converter::checked(entry->text);
-  bucket.store(entry.release(), std::memory_order_release);
+  // No lock: a child that is forked while another thread has it would wait for it for ever.
+  while (!bucket.compare_exchange_weak(entry->next, entry.get(), std::memory_order_acq_rel)) {
+    if (findFrom(entry->next, text) != nullptr) return;
+  }
+  static_cast<void>(entry.release());
 }
 
 std::uint64_t ConversionCache::lengthOf(const icu::UnicodeString& text) noexcept {

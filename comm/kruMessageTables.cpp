@@ -1,5 +1,7 @@
 #include "comm/kruMessageTables.h"
 
+#include <memory>
+
 #include "comm/kruGenRespRecord.h"
 #include "comm/kruKinds.h"
 #include "comm/kruStaticDefs.h"
@@ -78,26 +80,26 @@ void registerFrequentTexts() {
 
 }  // namespace
 
-const MessageTables& MessageTables::ensure() {
-  // Never destroyed: a thread of the host may still be encoding while the process ends.
-  static MessageTables& instance = *new MessageTables;
-  if (!instance.filled_.load(std::memory_order_acquire)) instance.fillOnce();
-  return instance;
-}
+constinit std::atomic<const MessageTables*> MessageTables::filled{nullptr};
 
-void MessageTables::fillOnce() {
-  const std::lock_guard<std::recursive_mutex> guard(filling_);
-  if (mapsInitialized_) return;
-  // Set before the filling, which may lead back here on this thread; other threads wait for the
-  // lock and never see the tables half filled.
-  mapsInitialized_ = true;
+/// No thread waits for another one to fill: a child that is forked meanwhile has no such thread. Of
+/// tables that several threads have filled one becomes the process's.
+const MessageTables& MessageTables::fillOnce() {
+  static constinit thread_local const MessageTables* filling = nullptr;
+  if (filling != nullptr) return *filling;
+  std::unique_ptr<MessageTables> own(new MessageTables);
+  filling = own.get();
   try {
-    fill();
+    own->fill();
   } catch (...) {
-    mapsInitialized_ = false;
+    filling = nullptr;
     throw;
   }
-  filled_.store(true, std::memory_order_release);
+  filling = nullptr;
+  const MessageTables* first = nullptr;
+  if (!filled.compare_exchange_strong(first, own.get(), std::memory_order_acq_rel)) return *first;
+  // Never destroyed: a thread of the host may still be encoding while the process ends.
+  return *own.release();
 }
 
 void MessageTables::fill() {

@@ -4,7 +4,6 @@
 
 #include <array>
 #include <atomic>
-#include <mutex>
 #include <string>
 
 #include "comm/kruClientRequest.h"
@@ -18,7 +17,10 @@ class MessageTables {
  public:
   /// The filled tables. Filling calls the host's trace facility, which may come back here on the
   /// same thread: it then gets the tables as far as they are filled.
-  static const MessageTables& ensure();
+  static const MessageTables& ensure() {
+    const MessageTables* const tables = filled.load(std::memory_order_acquire);
+    return tables != nullptr ? *tables : fillOnce();
+  }
 
   /// Empty for a kind that has no action.
   const icu::UnicodeString& actionOf(ClientRequest::REQUEST kind) const noexcept;
@@ -31,14 +33,11 @@ class MessageTables {
  private:
   MessageTables() = default;
 
-  void fillOnce();
+  static const MessageTables& fillOnce();
   void fill();
   void fillActions();
 
-  std::atomic<bool> filled_{false};
-  std::recursive_mutex filling_;
-  // Guarded by filling_.
-  bool mapsInitialized_ = false;
+  static std::atomic<const MessageTables*> filled;
 
   std::array<icu::UnicodeString, ClientRequest::VERSIONS_VALIDATION + 1> actionMap_;
   std::string utf8RowId_;

@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <new>
+#include <semaphore>
+#include <thread>
 
 #include "comm/kruConversionCache.h"
 #include "comm/kruFunctionIds.h"
@@ -12,6 +16,7 @@
 #include "infra/oss/kruTrace.h"
 #include "tests/comm/kruCommText.h"
 #include "tests/comm/kruScarceMemory.h"
+#include "tests/support/forkedChild.h"
 
 namespace tq::comm {
 namespace {
@@ -56,6 +61,51 @@ int fillTablesWithACuriousHost() {
 TEST(MessageTablesDeathTest, ACallFromWithinTheFillingReturnsAtOnce) {
   testing::FLAGS_gtest_death_test_style = "threadsafe";
   EXPECT_EXIT(std::exit(fillTablesWithACuriousHost()), testing::ExitedWithCode(0), "");
+}
+
+// A host that forks while one of its threads makes its first message.
+class StoppingHost : public tq::oss::TraceFacility {
+ public:
+  StoppingHost() { tq::oss::setTraceFacility(this); }
+  ~StoppingHost() override { tq::oss::setTraceFacility(nullptr); }
+  StoppingHost(const StoppingHost&) = delete;
+  StoppingHost& operator=(const StoppingHost&) = delete;
+
+  unsigned long getComponentTraceFlags(unsigned int) override { return 1; }
+  void traceEntry(unsigned int functionId) override {
+    if (functionId != trace::GenRespRecordAddStringToConversionCache || stopped_) return;
+    stopped_ = true;
+    inTheMiddle.release();
+    goOn.acquire();
+  }
+  void traceExit(unsigned int, long) override {}
+
+  std::binary_semaphore inTheMiddle{0};
+  std::binary_semaphore goOn{0};
+
+ private:
+  std::atomic<bool> stopped_{false};
+};
+
+int forkInTheMiddleOfTheFilling() {
+  StoppingHost host;
+  std::thread filling([] { RESTMessage::initUrls(); });
+  host.inTheMiddle.acquire();
+  const bool filled = tq::test::holdsInChild([] {
+    // A child that waits for a thread it does not have is ended.
+    ::alarm(20);
+    RESTMessage::initUrls();
+    return RESTMessage::getAction(ClientRequest::STREAM_SEARCH) == u"search" &&
+           ConversionCache::find(u"system") != nullptr;
+  });
+  host.goOn.release();
+  filling.join();
+  return filled && RESTMessage::getAction(ClientRequest::STREAM_SEARCH) == u"search" ? 0 : 1;
+}
+
+TEST(MessageTablesDeathTest, AChildThatIsForkedInTheMiddleOfTheFillingFillsItsOwn) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_EXIT(std::exit(forkInTheMiddleOfTheFilling()), testing::ExitedWithCode(0), "");
 }
 
 int fillTablesWithTooLittleMemory() {
