@@ -3,12 +3,22 @@
 #include <utility>
 
 #include "comm/kruFunctionIds.h"
+#include "comm/kruKeptHeader.h"
 #include "comm/kruKinds.h"
 #include "comm/kruStaticDefs.h"
 #include "infra/oss/kruConverter.h"
 #include "infra/oss/kruTrace.h"
 
 namespace tq::comm {
+
+ClientRequest::Kept& ClientRequest::Kept::operator=(const Kept& other) noexcept {
+  if (this == &other) return *this;
+  const UseOfKept use(other);
+  header = use.granted() ? other.header : nullptr;
+  madeWithout = use.granted() ? other.madeWithout : 0;
+  patience = use.granted() ? other.patience : 1;
+  return *this;
+}
 
 ClientRequest::ClientRequest() { const tq::oss::TraceScope scope(trace::ClientRequestConstruct); }
 
@@ -38,8 +48,8 @@ void ClientRequest::replaceProperties(const tq::util::ExtendedProperties& props)
   properties_ = props;
   properties_.putProperty(StaticDefs::PARAM_PROTO_VER, StaticDefs::PROTO_VERSION);
   // Most requests are sent once.
-  keptHeader_.reset();
-  madeWithoutKept_ = 0;
+  kept_.header.reset();
+  kept_.madeWithout = 0;
 }
 
 void ClientRequest::setRequestString() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <string>
 
 #include "comm/kruClientRequest.h"
@@ -21,6 +22,24 @@ struct KeptHeader {
             const tq::util::ExtendedProperties& requestProperties) const noexcept {
     return kind == requestKind && properties.sharesAllWith(requestProperties);
   }
+};
+
+/// Whoever has it may use what a request keeps for its messages. Nobody waits for it: what is kept
+/// only saves work.
+class ClientRequest::UseOfKept {
+ public:
+  explicit UseOfKept(const Kept& kept) noexcept
+      : kept_(kept), granted_(!kept.inUse.exchange(true, std::memory_order_acquire)) {}
+  ~UseOfKept() {
+    if (granted_) kept_.inUse.store(false, std::memory_order_release);
+  }
+  UseOfKept(const UseOfKept&) = delete;
+  UseOfKept& operator=(const UseOfKept&) = delete;
+  bool granted() const noexcept { return granted_; }
+
+ private:
+  const Kept& kept_;
+  bool granted_;
 };
 
 }  // namespace tq::comm

@@ -219,19 +219,28 @@ const tq::util::ExtendedProperties& RESTMessage::properties() const noexcept {
 
 void RESTMessage::takeProperties(ClientRequest& request) {
   const tq::util::ExtendedProperties& properties = std::as_const(request).getReqProperties();
-  kept_ = request.keptHeader_;
-  if (kept_ != nullptr && !kept_->isOf(request.getRequest(), properties)) {
-    kept_.reset();
-    request.keptHeader_.reset();
-    request.madeWithoutKept_ = 0;
-    request.patience_ = std::min(2 * request.patience_, kMaxPatience);
-  }
-  if (kept_ == nullptr && request.madeWithoutKept_++ >= request.patience_) keepHeader(request);
+  takeKept(request);
   if (kept_ == nullptr) {
     properties_ = properties;
   } else {
     properties_.clear();
   }
+}
+
+void RESTMessage::takeKept(ClientRequest& request) {
+  ClientRequest::Kept& held = request.kept_;
+  // Another client may send the request at this moment.
+  const ClientRequest::UseOfKept use(held);
+  if (!use.granted()) return kept_.reset();
+  kept_ = held.header;
+  if (kept_ != nullptr &&
+      !kept_->isOf(request.getRequest(), std::as_const(request).getReqProperties())) {
+    kept_.reset();
+    held.header.reset();
+    held.madeWithout = 0;
+    held.patience = std::min(2 * held.patience, kMaxPatience);
+  }
+  if (kept_ == nullptr && held.madeWithout++ >= held.patience) keepHeader(request);
 }
 
 /// Keeps the header text with the request where that can be done; nothing fails where it cannot.
@@ -256,7 +265,7 @@ void RESTMessage::keepHeader(ClientRequest& request) {
     lines.end();
     kept->beforeLength.assign(headerBuffer_.data(), lengthAt);
     kept->afterLength.assign(headerBuffer_.data() + lengthAt, lines.written() - lengthAt);
-    request.keptHeader_ = kept_ = std::move(kept);
+    request.kept_.header = kept_ = std::move(kept);
   } catch (const std::bad_alloc&) {
     // It is written each time then.
   }

@@ -2,6 +2,7 @@
 
 #include <unicode/unistr.h>
 
+#include <atomic>
 #include <list>
 #include <memory>
 
@@ -16,6 +17,8 @@ struct KeptHeader;
 /// What a caller wants of the search server: a kind, named parameters and, for some kinds, a
 /// document. Build it once with `buildRequest`, optionally add `setDocKey` and `setContent`, then
 /// hand it to a client. Calls on one object must not overlap; different objects are independent.
+/// A client only reads a request, so that several clients may send one at the same time on threads
+/// of their own, as long as nobody changes it meanwhile.
 ///
 /// Texts and metadata are copied. The document's key and content are not: keep these bytes until
 /// the request has been sent.
@@ -109,6 +112,21 @@ class KRU_EXPORT ClientRequest {
   friend class RESTMessage;
 
   void replaceProperties(const tq::util::ExtendedProperties& props);
+  /// For the messages that are made of this request: the header text that did not change lately,
+  /// how many messages were made without one, and how many it takes until the next text is kept.
+  /// One of the messages that are made at the same time has it, the others do without it.
+  struct KRU_EXPORT Kept {
+    Kept() = default;
+    Kept(const Kept& other) noexcept { *this = other; }
+    Kept& operator=(const Kept& other) noexcept;
+
+    std::shared_ptr<const KeptHeader> header;
+    unsigned int madeWithout = 0;
+    unsigned int patience = 1;
+    mutable std::atomic<bool> inUse{false};
+  };
+  class UseOfKept;
+
 
   REQUEST request_{};
   icu::UnicodeString requestString_;
@@ -123,11 +141,7 @@ class KRU_EXPORT ClientRequest {
   icu::UnicodeString collectionId_;
   std::list<KVPair> metadata_;
 
-  // For the messages that are made of this request: the header text that did not change lately, how
-  // many messages were made without one, and how many it takes until the next text is kept.
-  std::shared_ptr<const KeptHeader> keptHeader_;
-  unsigned int madeWithoutKept_ = 0;
-  unsigned int patience_ = 1;
+  Kept kept_;
 };
 
 }  // namespace tq::comm

@@ -102,6 +102,7 @@ class KRU_EXPORT RESTMessage {
 
   const tq::util::ExtendedProperties& properties() const noexcept;
   void takeProperties(ClientRequest& request);
+  void takeKept(ClientRequest& request);
   void keepHeader(ClientRequest& request);
   void initPrefix(ClientRequest& request);
   std::uint64_t roomForBlock(const std::list<KVPair>& metadata, const char* key,

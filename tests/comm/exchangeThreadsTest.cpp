@@ -195,6 +195,10 @@ TEST_P(ExchangeThreads, ACancelledThreadUnwindsThroughAReceive) {
   exchanged.get_future().wait();
   ::pthread_cancel(thread);
   EXPECT_TRUE(endsByCancellation(thread));
+  server.awaitClientClose(0);
+  EXPECT_TRUE(isRight(*client, question)) << "the client goes on";
+}
+
 /// A host that writes its records.
 class WritingFacility : public tq::oss::TraceFacility {
  public:
@@ -236,8 +240,21 @@ TEST_P(ExchangeThreads, ACancelledThreadUnwindsThroughAnExchangeThatTheHostTrace
   EXPECT_TRUE(isRight(*client, question)) << "the client goes on";
 }
 
-  server.awaitClientClose(0);
-  EXPECT_TRUE(isRight(*client, question)) << "the client goes on";
+TEST_P(ExchangeThreads, ClientsMaySendOneRequestTogether) {
+  const Question question{kGetStatus, Replies(binary()).ready(), {}};
+  ScriptedServer server(answers(question, kRounds));
+  auto request = requestFor(kGetStatus);
+  std::atomic<int> right{0};
+  runTogether([&](std::size_t) {
+    const auto client = clientOf(server);
+    for (int round = 0; round < kRounds; ++round) {
+      tq::comm::ClientResponse response;
+      client->sendAndRecvMesg(request, response);
+      if (response.success()) ++right;
+    }
+  });
+  EXPECT_EQ(right, kClients * kRounds);
+  EXPECT_EQ(server.requests(), static_cast<std::size_t>(kClients * kRounds));
 }
 
 INSTANTIATE_TEST_SUITE_P(Over, ExchangeThreads, testing::Bool(), [](const auto& over) {

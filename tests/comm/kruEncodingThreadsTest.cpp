@@ -8,6 +8,7 @@
 #include "comm/kruGenRespRecord.h"
 #include "comm/kruRESTMessage.h"
 #include "tests/comm/kruCommText.h"
+#include "tests/support/slowHeader.h"
 
 namespace tq::comm {
 namespace {
@@ -42,6 +43,22 @@ TEST(EncodingThreads, TheFirstMessagesOfAProcessMayBeBuiltAtTheSameTime) {
         "ver: 1.1\n\r\n",
         header);
   }
+}
+
+TEST(EncodingThreads, OneRequestMayBeMadeIntoMessagesAndCopiedAtTheSameTime) {
+  constexpr int kMessages = 50;
+  ClientRequest request;
+  request.buildRequest(u"c1", ClientRequest::STREAM_SEARCH, {});
+  std::vector<int> wrong(kThreads, 0);
+  onThreads([&](int i) {
+    for (int n = 0; n < kMessages; ++n) {
+      ClientRequest copy(request);
+      RESTMessage message(u"server", i % 2 == 0 ? request : copy);
+      const std::string header = message.getSerializedHeader();
+      if (header != test::slowHeader(request, "")) ++wrong[static_cast<std::size_t>(i)];
+    }
+  });
+  EXPECT_EQ(std::vector<int>(kThreads, 0), wrong);
 }
 
 TEST(EncodingThreads, PairsMayBeWrittenWhileTheCacheGrows) {
