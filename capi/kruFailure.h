@@ -42,10 +42,14 @@ void describeCurrentException(kru_error& report) noexcept;
 /// Names the server.
 void nameServer(kru_error& report, const tq::comm::CorvaneRESTClient& client) noexcept;
 
+/// No version's record will be larger: a larger size was never set, and as many bytes of the caller
+/// are not there.
+constexpr std::uint32_t kLargestRecord = 65536;
+
 /// Whether the caller has told the size of what it handed in, if it handed in anything.
 template <typename Record>
 bool hasSize(const Record* record) noexcept {
-  return record == nullptr || record->size >= sizeof(Record);
+  return record == nullptr || (record->size >= sizeof(Record) && record->size <= kLargestRecord);
 }
 
 /// Fills the caller's record, which may be a later version's.
@@ -62,7 +66,7 @@ void handOut(Record* out, const Record& value) noexcept {
 template <typename Record>
 Record takeIn(const Record* in, Record value, const char* what) {
   if (in == nullptr) return value;
-  if (!hasSize(in)) misuse(what, "has a size below that of version 1.0");
+  if (!hasSize(in)) misuse(what, "has a size that is no version's");
   const char* bytes = reinterpret_cast<const char*>(in);
   for (std::size_t i = sizeof(Record); i < in->size; ++i) {
     if (bytes[i] != 0) misuse(what, "have a field that this version does not know");

@@ -24,7 +24,8 @@
    its place calls kru_end_queue before it forks.
 
    Structures that may grow begin with their `size`, which the caller sets to sizeof of what it was
-   compiled with. A size below that of version 1.0 is KRU_MISUSE. Fields that the library does not
+   compiled with. A size below that of version 1.0 or above 65536, such as one that was never set,
+   is KRU_MISUSE, and nothing is written to the structure. Fields that the library does not
    know yet become 0 in what it fills, and have to be 0 in what it reads. Integers have a fixed
    width; times are in MILLISECONDS. */
 
