@@ -105,6 +105,9 @@ std::int32_t settle(Core& core, const Call& call, kru_error& report, kru_error* 
   if (call.fetches && report.code == KRU_MISUSE && core.asked) report.code = KRU_CURSOR_LOST;
   if (isRefusalWithoutAWord(core, report)) report.code = KRU_REFUSED;
   report.outcome = outcomeOf(core, call);
+  // The server's error was read to its end, and what it says may spell the library's id for what is
+  // no reply, or cannot be decoded.
+  if (report.outcome == KRU_REJECTED && report.code == KRU_PROTOCOL) report.code = KRU_REFUSED;
   report.retry = retryOf(core, call, report);
   report.connection = connectionAfter(core, call, report);
   nameServer(report, *core.client);

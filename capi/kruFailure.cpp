@@ -37,6 +37,15 @@ struct Meaning {
   std::int32_t code;
 };
 
+/// The library says where it raised a failure, but for three ids. Whatever else has no place is in
+/// the server's own words, which may spell an id of the library's.
+bool isTheServers(const tq::oss::Message& message) noexcept {
+  const icu::UnicodeString& id = message.getMessageId();
+  return message.getFileName() == nullptr && !id.isEmpty() &&
+         id != StaticDefs::ERR_SERVER_INVALID_AUTH && id != StaticDefs::ERR_SERVER_PROTOCOL &&
+         id != StaticDefs::ERR_CLIENT_RESP_PARSING;
+}
+
 /// What no message of the library's begins with is the server's own.
 std::int32_t codeOf(const icu::UnicodeString& id) noexcept {
   const std::array meanings = {
@@ -62,7 +71,7 @@ std::int32_t codeOf(const icu::UnicodeString& id) noexcept {
 
 void describe(kru_error& report, const tq::oss::MessageList& messages) noexcept {
   const icu::UnicodeString& id = messages.front().getMessageId();
-  report.code = codeOf(id);
+  report.code = isTheServers(messages.front()) ? KRU_REFUSED : codeOf(id);
   addText(report.id, sizeof report.id, report.id_length, id);
   for (const auto& message : messages) addMessage(report, message.getMessageText());
   if (report.message_length != 0 || messages.front().getArguments().size() != 1) return;

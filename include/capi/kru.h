@@ -46,9 +46,9 @@ enum {
   KRU_RECEIVE = 14,       /* the connection ended before the reply did */
   KRU_TIMEOUT = 15,       /* the time-out or the deadline passed */
   KRU_CANCELLED = 16,     /* the wait hook gave up */
-  KRU_REFUSED = 17,       /* the server refused the request; `id` and `message` are the server's.
-                             Over HTTP `id` is "KRU_REFUSED" when it did not say why, and
-                             "ERR_SERVER_APP" (status 500) or "ERR_SERVER_PROTOCOL" when its
+  KRU_REFUSED = 17,       /* the server refused the request; `id` and `message` are the server's,
+                             whatever words it chose. Over HTTP `id` is "KRU_REFUSED" when it did not say
+                             why, and       "ERR_SERVER_APP" (status 500) or "ERR_SERVER_PROTOCOL" when its
                              reason cannot be read */
   KRU_UNAUTHORIZED = 18,  /* the server does not know the caller */
   KRU_PROTOCOL = 19,      /* what arrived is no reply, or exceeds a limit */

@@ -1,4 +1,4 @@
-// The C face believes no size that nobody set.
+// The C face believes neither a size that nobody set nor a server that borrows the library's words.
 
 #include <gtest/gtest.h>
 
@@ -63,6 +63,26 @@ TEST_P(CFaceDistrust, OfSizesTakesThoseUpTo64KiB) {
   EXPECT_EQ(update(large), KRU_OK);
   EXPECT_EQ(room[65535], '\0');
   EXPECT_EQ(room[65536], 'x');
+}
+
+TEST_P(CFaceDistrust, OfAServerThatBorrowsTheLibrarysWordsSaysThatItRefused) {
+  for (const char* id : {"ERR_INVALID_STATE", "ERR_CLIENT_CANCELLED", "ERR_CLIENT_INTERNAL",
+                         "ERR_CONNECT_SERVER", "ERR_CLIENT_RESP_PARSING", "ERR_SERVER_PROTOCOL",
+                         "ERR_SERVER_COMM_SEND", "ERR_SERVER_COMM_RECV", "ERR_SERVER_COMM_TIMEOUT",
+                         "TQ_ERR_OUT_OF_MEMORY", "TQ_ERR_PROPERTY_MISSING", "TQ_ERR_SOCKET"}) {
+    SCOPED_TRACE(id);
+    ScriptedNetwork network(answers({replies.refusal(id, "so it says"), replies.done()}));
+    kru_client_set(client, KRU_RETRIES, 0, nullptr);
+    EXPECT_EQ(update(error), KRU_REFUSED);
+    EXPECT_STREQ(error.id, id);
+    EXPECT_STREQ(error.message, "so it says");
+    EXPECT_EQ(error.outcome, KRU_REJECTED);
+    EXPECT_EQ(error.retry, KRU_RETRY_USELESS);
+    EXPECT_EQ(error.connection, KRU_CONNECTION_KEPT);
+    EXPECT_EQ(update(error), KRU_OK);
+    EXPECT_EQ(network.connections(), 1U);
+    kru_client_disconnect(client, nullptr);
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Over, CFaceDistrust, testing::Bool(), [](const auto& over) {
