@@ -6,6 +6,7 @@
 #include "comm/kruParseFiller.h"
 #include "comm/kruStaticDefs.h"
 #include "infra/oss/kruConverter.h"
+#include "infra/oss/kruMessageList.h"
 #include "infra/oss/kruTrace.h"
 #include "infra/util/kruExtendedProperties.h"
 
@@ -62,9 +63,9 @@ const icu::UnicodeString& ParseResult::getDocument() const {
 }
 
 const tq::oss::Message& ParseResult::getMessage() const {
-  static const tq::oss::Message kNone;
   if (message_ != nullptr) return *message_;
-  if (record_ == nullptr || !hasMessage_) return kNone;
+  // As an empty list of messages gives, which outlives every object of the host.
+  if (record_ == nullptr || !hasMessage_) return tq::oss::MessageList().front();
   const ParseRow texts = row();
   auto message = std::make_unique<tq::oss::Message>();
   fillMessage(*message,

@@ -1,5 +1,7 @@
 #include "infra/oss/kruMessageList.h"
 
+#include <new>
+
 namespace tq::oss {
 
 MessageList::MessageList() = default;
@@ -22,7 +24,9 @@ void MessageList::join(const MessageList& other) {
 void MessageList::clear() noexcept { messages_.clear(); }
 
 const Message& MessageList::front() const {
-  static const Message none;
+  // Never destroyed: objects of the host that were built before may ask while the process ends.
+  alignas(Message) static unsigned char place[sizeof(Message)];
+  static const Message& none = *new (place) Message;
   return messages_.empty() ? none : messages_.front();
 }
 

@@ -1,7 +1,13 @@
 #include "tests/comm/encodesInStaticConstructor.h"
 
+#include <unicode/rep.h>
+#include <unistd.h>
+
+#include <typeinfo>
+
 #include "comm/kruRESTMessage.h"
 #include "comm/kruStaticDefs.h"
+#include "infra/oss/kruMessageList.h"
 
 namespace tq::test {
 
@@ -26,6 +32,13 @@ struct EarlyHost {
     comm::RESTMessage::initUrls();
     document = encodedDocument();
   }
+  // It was built before the objects that the library makes at their first use, and ends after them.
+  ~EarlyHost() {
+    const icu::Replaceable& id = oss::MessageList().front().getMessageId();
+    if (typeid(id) != typeid(icu::UnicodeString)) ::_exit(1);
+  }
+  EarlyHost(const EarlyHost&) = delete;
+  EarlyHost& operator=(const EarlyHost&) = delete;
   std::string document;
 } const earlyHost;
 

@@ -5,7 +5,9 @@
 
 #include <string>
 
+#include "comm/kruParseResult.h"
 #include "comm/kruRESTMessage.h"
+#include "infra/oss/kruMessageList.h"
 #include "tests/comm/encodesInStaticConstructor.h"
 
 namespace tq::comm {
@@ -34,6 +36,12 @@ TEST(StaticConstructor, ThatEncodesLeavesLaterRequestsWhole) {
 // Names the library itself, so that the linker takes its objects before those of the late host.
 TEST(StaticConstructor, ThatEncodesLeavesTheActionsWhole) {
   EXPECT_TRUE(RESTMessage::getAction(ClientRequest::ADD_DOCUMENT) == u"addDocument");
+}
+
+// The early host asks again when it ends.
+TEST(StaticConstructor, OfTheHostMayEndAfterAMessageThatIsNone) {
+  EXPECT_TRUE(tq::oss::MessageList().front().getMessageId().isEmpty());
+  EXPECT_TRUE(ParseResult(false).getMessage().getMessageId().isEmpty());
 }
 
 }  // namespace
