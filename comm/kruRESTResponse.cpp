@@ -401,6 +401,8 @@ void RESTResponse::updateContentLength(const char* buffer, int& consumed) {
 /// and the body is decoded once the next chunks have made it long enough.
 int RESTResponse::parseFirstBody(const char* buffer, int length, ClientResponse& response,
                                  bool& done) {
+  // A length that was set by hand may be below 0, which counts as 0.
+  contentLength_ = std::max(contentLength_, 0);
   if (joined_ > std::numeric_limits<int>::max() - contentLength_) {
     fail(StaticDefs::ERR_CLIENT_RESP_PARSING,
          u"the chunks that the first record is spread over are longer than the limit");

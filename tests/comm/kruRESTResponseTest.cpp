@@ -1157,6 +1157,19 @@ TEST(RESTResponse, TheLimitOfAChunkHoldsForASizeThatACarriageReturnDivides) {
   }
 }
 
+TEST(RESTResponse, ALengthBelow0ThatIsSetByHandCountsAs0) {
+  for (const int length : {-1, std::numeric_limits<int>::min()}) {
+    auto parser = parserFor(kStreamSearch);
+    ClientResponse response;
+    bool done = false;
+    parser.setContentLen(length);
+    EXPECT_EQ(parser.parseMesg("body", 4, response, done), 0);
+    EXPECT_TRUE(done);
+    int need = 0;
+    EXPECT_TRUE(parser.parseDone(need));
+  }
+}
+
 TEST(RESTResponse, TheDefaultLimitOfABodyIsOneGibibyte) {
   for (const auto& [length, refused] :
        std::vector<std::pair<std::size_t, bool>>{{1U << 30, false}, {(1U << 30) + 1, true}}) {
