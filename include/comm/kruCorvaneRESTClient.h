@@ -162,7 +162,7 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   virtual void recvStream(ClientResponse& response);
 
   /// Pulls portions until the end of the stream. All of them together may hold no more bytes than
-  /// `setMaxReplyBytes` says.
+  /// `setMaxReplyBytes` says. Over HTTP only: see DrestoPerfClient.
   void recvMultResponse(ClientResponse& response);
 
   /// True for the four ids of a failed communication, which the retry loop repeats.

@@ -263,6 +263,19 @@ TEST(DrestoPerfClient, TheHitsOfAScalarSearchGatherFromPortionToPortion) {
   EXPECT_EQ(idsHeld(response), ids({"a", "b"}));
 }
 
+TEST(DrestoPerfClient, SeveralPortionsCannotBeReadInOneCallBehindTheFirst) {
+  ScriptedNetwork network(segments({kOk, plainHit("a"), plainHit("b"), endOfResults()}), kOnDemand);
+  auto client = binaryClient();
+  ClientResponse response;
+  EXPECT_EQ(exchange(client, kScalarSearch, response), Raised());
+  const Raised raised = raisedBy([&] { client.recvMultResponse(response); });
+  ASSERT_EQ(raised.size(), 1U);
+  EXPECT_EQ(raised[0].id, "ERR_CLIENT_RESP_PARSING");
+  EXPECT_TRUE(client.isEndOfStream());
+  EXPECT_TRUE(client.isTruncated());
+  EXPECT_EQ(idsHeld(response), ids({"a"})) << "what was held stays";
+}
+
 TEST(DrestoPerfClient, TheListsAreEmptiedBeforeTheHeaderIsAwaited) {
   for (const int kind : {6, static_cast<int>(kStreamSearch), static_cast<int>(kParseResult),
                          static_cast<int>(kScalarSearch), static_cast<int>(kSelectivity)}) {
