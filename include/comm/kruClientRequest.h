@@ -63,8 +63,9 @@ class KRU_EXPORT ClientRequest {
   void buildRequest(REQUEST kind, const tq::util::ExtendedProperties& props);
 
   /// A request to one collection: as above, and puts "index" = the collection id and, for the three
-  /// kinds of search, their "mode". Texts are not checked: a CR, LF or NUL begins another header
-  /// line, so refuse a person's text that has one.
+  /// kinds of search, their "mode". Texts are not checked: a CR or LF begins another header
+  /// line, and what follows a NUL is not sent, the end of the header included. So refuse a person's
+  /// text that has one of them.
   void buildRequest(const icu::UnicodeString& collectionId, REQUEST kind,
                     const tq::util::ExtendedProperties& props);
 
@@ -111,7 +112,6 @@ class KRU_EXPORT ClientRequest {
  private:
   friend class RESTMessage;
 
-  void replaceProperties(const tq::util::ExtendedProperties& props);
   /// For the messages that are made of this request: the header text that did not change lately,
   /// how many messages were made without one, and how many it takes until the next text is kept.
   /// One of the messages that are made at the same time has it, the others do without it.
@@ -127,6 +127,7 @@ class KRU_EXPORT ClientRequest {
   };
   class UseOfKept;
 
+  void replaceProperties(const tq::util::ExtendedProperties& props);
 
   REQUEST request_{};
   icu::UnicodeString requestString_;
