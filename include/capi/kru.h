@@ -25,9 +25,9 @@
 
    Structures that may grow begin with their `size`, which the caller sets to sizeof of what it was
    compiled with. A size below that of version 1.0 or above 65536, such as one that was never set,
-   is KRU_MISUSE, and nothing is written to the structure. Fields that the library does not
-   know yet become 0 in what it fills, and have to be 0 in what it reads. Integers have a fixed
-   width; times are in MILLISECONDS. */
+   is KRU_MISUSE, and nothing is written to the structure. Fields that the library does not know yet
+   become 0 in what it fills, and have to be 0 in what it reads. Integers have a fixed width; times
+   are in MILLISECONDS. */
 
 #ifdef __cplusplus
 extern "C" {
@@ -47,9 +47,9 @@ enum {
   KRU_TIMEOUT = 15,       /* the time-out or the deadline passed */
   KRU_CANCELLED = 16,     /* the wait hook gave up */
   KRU_REFUSED = 17,       /* the server refused the request; `id` and `message` are the server's,
-                             whatever words it chose. Over HTTP `id` is "KRU_REFUSED" when it did not say
-                             why, and       "ERR_SERVER_APP" (status 500) or "ERR_SERVER_PROTOCOL" when its
-                             reason cannot be read */
+                             whichever id that is. Over HTTP `id` is "KRU_REFUSED" when it did not
+                             say why, and "ERR_SERVER_APP" (status 500) or "ERR_SERVER_PROTOCOL"
+                             when its reason cannot be read */
   KRU_UNAUTHORIZED = 18,  /* the server does not know the caller */
   KRU_PROTOCOL = 19,      /* what arrived is no reply, or exceeds a limit */
   KRU_INTERNAL = 20,      /* other failures of the library */
@@ -206,7 +206,7 @@ KRU_API int32_t kru_create_collection(kru_client* client, const char* collection
 KRU_API int32_t kru_drop_collection(kru_client* client, const char* collection,
                                     uint32_t collection_length, const kru_limits* limits,
                                     kru_error* error);
-/* Makes what was added searchable. It is one wait as long as the indexing. */
+/* Makes what was added searchable. The server answers when all of it is indexed. */
 KRU_API int32_t kru_update_index(kru_client* client, const char* collection,
                                  uint32_t collection_length, const kru_limits* limits,
                                  kru_error* error);

@@ -79,7 +79,7 @@ class KRU_EXPORT GenRespRecord {
   tq::util::ExtendedProperties* getProperties() const { return properties_.get(); }
 
   /// Writes a metadata pair to `out` and sets `written` to its length in bytes:
-  ///   4-byte key length, key, 4-byte value length, value, 4-byte second attribute if it is not 0.
+  ///   4-byte key length, key, 4-byte value length, value, 4-byte second attribute unless 0.
   /// Lengths are masked with 0x3FFFFFFF, the key's with 0x7FFFFFFF when there is an attribute; no
   /// flag bit is set.
   static void serializeKVPair(char* out, const KVPair& pair, unsigned int& written);

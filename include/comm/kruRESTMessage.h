@@ -29,7 +29,7 @@ namespace tq::comm {
 ///   masked 5, "rowId", masked key length, key; then, when there is content, masked 4, "data",
 ///   masked content length, content.
 /// The prefix is that block without the content; the header "Content-Length  " carries T + 8.
-/// Metadata and content without a key are not sent. The terminate record is eight zero bytes.
+/// Metadata and content without a key are not sent. A terminate record is 8 bytes, all 0.
 ///
 /// Operations that build text or bytes throw tq::oss::NLSException "TQ_ERR_OUT_OF_MEMORY" when a
 /// buffer cannot grow, or when a text that they are given or make is bogus (ICU got no memory for
