@@ -17,7 +17,7 @@ constexpr std::size_t kIndexingCost = 16;
 struct IndexLimits {
   /// Maximum length of a query in bytes.
   std::size_t queryBytes = 16384;
-  /// Maximum number of words in a query; a wildcard counts as one.
+  /// Maximum number of words that a query may have; a wildcard counts as one.
   std::size_t queryTerms = 256;
   /// Maximum number of words that a word with a trailing * may stand for.
   std::size_t expansion = 1000;

@@ -279,7 +279,7 @@ void Journal::openLast() {
   file->handle = openFile(file->path, O_WRONLY | O_APPEND);
   const std::uint64_t size = std::filesystem::file_size(file->path);
   if (size > goodBytes) {
-    spdlog::warn("{}: dropped {} bytes of a change that was being written when the server stopped",
+    spdlog::warn("{}: dropped {} bytes of a change that was cut off as the server stopped",
                  file->path.string(), size - goodBytes);
     if (::ftruncate(file->handle.get(), static_cast<off_t>(goodBytes)) != 0) {
       throwSystemError("cannot shorten", file->path);
