@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 #include <exception>
+#include <filesystem>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -67,9 +68,15 @@ std::string jsonOf(const CollectionCheck& check) {
   for (const JournalFault& fault : check.journal) journal.push_back(jsonOf(fault));
   std::vector<std::string> index;
   for (const Damage& damage : check.index) index.push_back("{" + jsonOf(damage) + "}");
-  return fmt::format("\"collection\":{},\"sound\":{},\"changes\":{},\"journal\":{},\"index\":{}",
-                     jsonText(check.name), check.isSound(), check.changes, joined(journal),
-                     joined(index));
+  std::vector<std::string> setAside;
+  for (const std::filesystem::path& file : check.setAside) {
+    setAside.push_back(jsonText(file.string()));
+  }
+  return fmt::format(
+      "\"collection\":{},\"sound\":{},\"changes\":{},\"journal\":{},\"index\":{},"
+      "\"unfinishedBytes\":{},\"setAside\":{}",
+      jsonText(check.name), check.isSound(), check.changes, joined(journal), joined(index),
+      check.unfinishedBytes, joined(setAside));
 }
 
 std::string jsonOf(const Repair& repair) {
@@ -96,6 +103,16 @@ void print(const CollectionCheck& check) {
     std::cout << "\n";
   }
   for (const Damage& damage : check.index) std::cout << "  " << describe(damage) << "\n";
+  if (check.unfinishedBytes > 0) {
+    std::cout << fmt::format(
+        "  note: the last {} bytes of the journal were being written when the server stopped; its "
+        "next start sets them aside\n",
+        check.unfinishedBytes);
+  }
+  for (const std::filesystem::path& file : check.setAside) {
+    std::cout << "  note: " << file.string()
+              << " holds what was being written when the server stopped\n";
+  }
 }
 
 void printLosses(const Repair& repair) {

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "server/base/errors.h"
+#include "server/store/journalTail.h"
 
 namespace corvaned {
 namespace {
@@ -279,8 +280,11 @@ void Journal::openLast() {
   file->handle = openFile(file->path, O_WRONLY | O_APPEND);
   const std::uint64_t size = std::filesystem::file_size(file->path);
   if (size > goodBytes) {
-    spdlog::warn("{}: dropped {} bytes of a change that was cut off as the server stopped",
-                 file->path.string(), size - goodBytes);
+    const JournalTail tail = setTailAside(file->path, goodBytes);
+    spdlog::warn(
+        "{}: dropped {} bytes from byte {} on, which were being written when the server stopped; "
+        "{} whole changes are among them, and all of them are kept in {}",
+        file->path.string(), tail.bytes, goodBytes, tail.changes, tail.file.string());
     if (::ftruncate(file->handle.get(), static_cast<off_t>(goodBytes)) != 0) {
       throwSystemError("cannot shorten", file->path);
     }

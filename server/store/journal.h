@@ -94,10 +94,11 @@ struct JournalExtent {
 /// changes arrive. journalSegment.h describes the entries of a segment.
 ///
 /// Changes are numbered without gaps, and a mark (journalMark.h) says which numbers must be there.
-/// Opening the journal drops what cannot be read at its end and was, as far as anything on disk
-/// tells, never acknowledged: the server stopped in the middle of it. Everything else that is not
-/// as it should be means that the disk has damaged or lost something. Opening then throws, naming
-/// the file and the byte, and leaves the files as they are.
+/// Opening the journal sets aside, in a file beside the segments, what cannot be read at its end,
+/// was, as far as anything on disk tells, never acknowledged, and looks as if the server or the
+/// machine had stopped in the middle of it. Everything else that is not as it should be means that
+/// the disk has damaged or lost something. Opening then throws, naming the file and the byte, and
+/// leaves the files as they are.
 ///
 /// All operations may be called from any thread. Errors are ServerError(StorageFailed).
 class Journal {

@@ -8,6 +8,7 @@
 
 #include "server/base/errors.h"
 #include "server/store/directory.h"
+#include "server/store/journalTail.h"
 
 namespace corvaned {
 namespace {
@@ -86,7 +87,9 @@ void JournalScan::readSegment(std::uint64_t number, bool isLast) {
   contents_.segments.push_back(segment);
 }
 
-// What cannot be read in the last segment is only missed if it is known to have been on disk.
+// What cannot be read in the last segment is missed if it is known to have been on disk. The mark
+// is not brought to disk by itself, and all changes of the last sync know the same: that they were
+// on disk may be known nowhere when the machine has stopped. Then what is there must look like it.
 bool JournalScan::isUnfinished(const SegmentPiece& piece) const {
   const std::uint64_t sequence = piece.sequence.value_or(reached() + 1);
   if (sequence <= durable()) return false;
@@ -96,7 +99,7 @@ bool JournalScan::isUnfinished(const SegmentPiece& piece) const {
     if (!contents_.mark && later->kind == Kind::Change) return false;
   }
   // In the earlier form nothing else tells.
-  return contents_.mark || piece.cut;
+  return contents_.mark ? looksUnfinished(piece, path_) : piece.cut;
 }
 
 void JournalScan::take(SegmentPiece&& piece, ScannedSegment& segment) {

@@ -27,8 +27,8 @@ struct JournalFault {
 
 struct ScannedSegment {
   std::uint64_t number = 0;
-  /// Where its last change ends. What follows it, if anything, is an unfinished change that no
-  /// client was told of.
+  /// Where its last change ends. What follows it, if anything, are changes that were being written;
+  /// nothing on disk says that a client was told of them.
   std::uint64_t bytes = 0;
   /// Of its last change; 0 if it has none with a number.
   std::uint64_t lastSequence = 0;

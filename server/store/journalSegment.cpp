@@ -22,7 +22,7 @@ constexpr std::size_t kChecksumPlace = 8;
 constexpr std::size_t kSequencePlace = 12;
 constexpr std::size_t kDurablePlace = 20;
 constexpr std::size_t kHeaderChecksumPlace = 28;
-constexpr std::size_t kHeader = 32;
+constexpr std::size_t kHeader = kEntryHeaderBytes;
 constexpr std::size_t kEarlierHeader = 12;
 
 // The lengths of its key and its content, and the number of its pairs.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
@@ -30,6 +31,9 @@ namespace corvaned {
 // damaged, and the second number which earlier entries were acknowledged for certain.
 //
 // Earlier versions wrote "KRJ1", without numbers: the payload begins at byte 12.
+
+/// How many bytes come before the payload.
+inline constexpr std::size_t kEntryHeaderBytes = 32;
 
 /// An entry that still lacks its numbers. Everything that takes long for a large document is done
 /// here, so that the journal's lock need not be held for it.

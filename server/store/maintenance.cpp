@@ -20,6 +20,7 @@
 #include "server/store/indexSums.h"
 #include "server/store/indexUndo.h"
 #include "server/store/journal.h"
+#include "server/store/journalTail.h"
 #include "server/store/textAnalysis.h"
 #include "server/store/xapianIndex.h"
 #include "server/store/xapianSchema.h"
@@ -101,6 +102,13 @@ void checkBatches(const std::filesystem::path& collection, const JournalMark* ma
   } catch (const ServerError&) {
     faults.push_back({{path, 0, "what is known of batches cannot be read"}, 0, 0, {}});
   }
+}
+
+std::uint64_t unfinishedBytes(const std::filesystem::path& collection,
+                              const std::vector<ScannedSegment>& segments) {
+  if (segments.empty()) return 0;
+  const ScannedSegment& last = segments.back();
+  return std::filesystem::file_size(segmentPath(collection, last.number)) - last.bytes;
 }
 
 void askEngine(const std::filesystem::path& indexOrTable, std::vector<Damage>& damage) {
@@ -278,7 +286,7 @@ bool Repair::losesNothing() const {
 
 CollectionCheck checkCollection(const std::string& name, const std::filesystem::path& path,
                                 const StopCheck& stop) {
-  CollectionCheck result{name, {}, {}, 0};
+  CollectionCheck result{name, {}, {}, 0, 0, {}};
   JournalContents contents =
       JournalScan(
           path,
@@ -288,6 +296,8 @@ CollectionCheck checkCollection(const std::string& name, const std::filesystem::
           },
           [&](const JournalFault& fault) { result.journal.push_back(fault); })
           .run();
+  result.unfinishedBytes = unfinishedBytes(path, contents.segments);
+  result.setAside = tailsSetAsideIn(path);
   const bool isNumbered = contents.mark && contents.mark->range() != MarkedRange{};
   if (!contents.mark && result.journal.empty() && IndexSums::existIn(path)) {
     result.journal.push_back({{JournalMark::pathIn(path), 0, "the file is missing"}, 0, 0, {}});

@@ -19,6 +19,11 @@ struct CollectionCheck {
   std::vector<Damage> index;
   /// Changes of the journal that can be read.
   std::uint64_t changes = 0;
+  /// How many bytes at the journal's end were being written when the server stopped, so that the
+  /// next opening sets them aside.
+  std::uint64_t unfinishedBytes = 0;
+  /// The files in which openings have set such bytes aside.
+  std::vector<std::filesystem::path> setAside;
 
   bool isSound() const { return journal.empty() && index.empty(); }
 };

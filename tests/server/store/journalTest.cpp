@@ -13,6 +13,7 @@
 #include "server/base/errors.h"
 #include "server/store/checksum.h"
 #include "server/store/journal.h"
+#include "server/store/journalTail.h"
 #include "tests/server/store/descriptorLimit.h"
 #include "tests/server/store/fileSizeLimit.h"
 #include "tests/support/temporaryDirectory.h"
@@ -135,7 +136,7 @@ TEST_F(JournalTest, BatchIsFoundAgainWhole) {
   EXPECT_THAT(batch.changes.deletions, ElementsAre("nc"));
 }
 
-TEST_F(JournalTest, BatchThatIsCutOrDamagedIsDroppedWhole) {
+TEST_F(JournalTest, BatchThatIsCutIsDroppedWholeAndADamagedOneIsReported) {
   {
     Journal journal = open();
     journal.append(put("k1"));
@@ -155,7 +156,7 @@ TEST_F(JournalTest, BatchThatIsCutOrDamagedIsDroppedWhole) {
     std::string bytes = whole;
     bytes[bit / 8] = static_cast<char>(bytes[bit / 8] ^ (1 << bit % 8));
     rewrite(1, bytes);
-    open();
+    EXPECT_THROW(open(), ServerError) << bit;
     EXPECT_THAT(found_, ElementsAre("k1")) << bit;
   }
 }
@@ -194,9 +195,10 @@ TEST_F(JournalTest, BatchWhoseCountsCannotBeIsNoChange) {
       open();
       rewrite(0, fresh);
       rewrite(1, withCount(place, value));
-      open();
+      EXPECT_THROW(open(), ServerError) << place;
       EXPECT_THAT(found_, IsEmpty()) << place;
     }
+    std::filesystem::remove(segment(1));
     rewrite(0, fresh);
     rewrite(1, withCount(place, 0));
     std::size_t batches = 0;
@@ -310,7 +312,7 @@ TEST_F(JournalTest, EveryFlippedBitOfTheLastChangeIsNoticed) {
     std::string bytes = whole;
     bytes[bit / 8] = static_cast<char>(bytes[bit / 8] ^ (1 << bit % 8));
     rewrite(1, bytes);
-    open();
+    EXPECT_THROW(open(), ServerError) << bit;
     EXPECT_THAT(found_, IsEmpty()) << bit;
   }
 }
@@ -503,6 +505,21 @@ class DamagedJournalTest : public JournalTest {
     return {std::istreambuf_iterator<char>(file), {}};
   }
 
+  /// Acknowledges one change, and then does `more`. Returns the mark as it was in between.
+  template <typename More>
+  std::string markBefore(const More& more) {
+    Journal journal = open();
+    journal.sync(journal.append(put("k1")).ticket);
+    std::string before = read(mark());
+    more(journal);
+    return before;
+  }
+
+  /// What is on disk if these sectors of 512 bytes were not written.
+  static std::string withoutSectors(std::string bytes, std::size_t first, std::size_t count) {
+    return bytes.replace(first * 512, count * 512, count * 512, '\0');
+  }
+
   void restore(const Files& files) const {
     std::filesystem::remove_all(directory_.path());
     std::filesystem::create_directory(directory_.path());
@@ -686,24 +703,42 @@ TEST_F(DamagedJournalTest, EarlierVersionsRefuseTheNewFormAndShortenNothing) {
 }
 
 // The machine stopped after the mark's last state was on disk and before its later ones were.
-TEST_F(DamagedJournalTest, LaterChangesTellWhatWasAcknowledgedWhenTheMarkIsOld) {
-  Files early;
-  {
-    Journal journal = open();
-    journal.sync(journal.append(put("k1")).ticket);
-    early = files();
-    for (const char* key : {"k2", "k3", "k4"}) journal.sync(journal.append(put(key)).ticket);
-  }
+
+TEST_F(DamagedJournalTest, DamagedByteOfTheLastSyncIsNamedWhenTheMarkIsOld) {
+  const std::string mark = markBefore([](Journal& journal) {
+    std::uint64_t ticket = 0;
+    for (const char* key : {"k2", "k3", "k4"}) ticket = journal.append(put(key)).ticket;
+    journal.sync(ticket);
+  });
   Files whole = files();
-  whole[mark()] = early.at(mark());
-  const std::size_t one = early.at(segment(1)).size();
+  whole[this->mark()] = mark;
+  const std::size_t one = whole.at(segment(1)).size() / 4;
   for (std::size_t place = one; place < 4 * one; ++place) {
-    SCOPED_TRACE(place);
+    for (const char change : {'\x01', '\x80'}) {
+      restore(whole);
+      std::string bytes = whole.at(segment(1));
+      bytes[place] = static_cast<char>(bytes[place] ^ change);
+      rewrite(1, bytes);
+      EXPECT_THAT(refusal(), HasSubstr(segment(1).string())) << place;
+    }
+  }
+}
+
+TEST_F(DamagedJournalTest, LaterChangesTellWhatWasAcknowledgedWhenTheMarkIsOld) {
+  const std::string text(2000, 'x');
+  const std::string mark = markBefore([&](Journal& journal) {
+    for (const char* key : {"k2", "k3", "k4"}) {
+      journal.sync(journal.append(put(key, text)).ticket);
+    }
+  });
+  Files whole = files();
+  whole[this->mark()] = mark;
+  const std::size_t last = whole.at(segment(1)).rfind("KRJ2");
+  for (std::size_t sector = 1; (sector + 1) * 512 < whole.at(segment(1)).size(); ++sector) {
+    SCOPED_TRACE(sector);
     restore(whole);
-    std::string bytes = whole.at(segment(1));
-    bytes[place] = static_cast<char>(bytes[place] ^ 1);
-    rewrite(1, bytes);
-    if (place < 3 * one) {
+    rewrite(1, withoutSectors(whole.at(segment(1)), sector, 1));
+    if (sector * 512 < last) {
       EXPECT_THAT(refusal(), HasSubstr(segment(1).string()));
     } else {
       EXPECT_EQ(refusal(), "") << "nothing on disk says that the last one was acknowledged";
@@ -714,18 +749,19 @@ TEST_F(DamagedJournalTest, LaterChangesTellWhatWasAcknowledgedWhenTheMarkIsOld) 
 
 // What the machine brought to disk of changes that nobody waited for, out of their order.
 TEST_F(DamagedJournalTest, HoleAmongChangesThatWereNotAcknowledgedIsDroppedWithWhatFollows) {
+  const std::string text(1500, 'x');
   {
     Journal journal = open();
-    journal.sync(journal.append(put("k1")).ticket);
-    for (const char* key : {"k2", "k3", "k4"}) journal.append(put(key));
+    journal.sync(journal.append(put("k1", text)).ticket);
+    for (const char* key : {"k2", "k3", "k4"}) journal.append(put(key, text));
   }
   const Files whole = files();
-  const std::size_t one = whole.at(segment(1)).size() / 4;
-  for (std::size_t length = 1; length < one; ++length) {
+  const std::string bytes = whole.at(segment(1));
+  const std::size_t one = bytes.size() / 4;
+  const std::size_t first = one / 512 + 1;
+  for (std::size_t count = 1; (first + count) * 512 < bytes.size(); ++count) {
     restore(whole);
-    std::string bytes = whole.at(segment(1));
-    bytes.replace(one + 3, length, length, '\0');
-    rewrite(1, bytes);
+    rewrite(1, withoutSectors(bytes, first, count));
     {
       Journal journal = open();
       EXPECT_THAT(found_, ElementsAre("k1"));
@@ -734,6 +770,54 @@ TEST_F(DamagedJournalTest, HoleAmongChangesThatWereNotAcknowledgedIsDroppedWithW
     open();
     EXPECT_THAT(found_, ElementsAre("k1", "k5"));
   }
+  // What stood in the sector when it was last written is still there.
+  for (std::size_t left = 0; left + 32 <= 512; left += 7) {
+    restore(whole);
+    std::string hole = bytes;
+    hole.replace(first * 512 + left, 512 - left, 512 - left, '\0');
+    rewrite(1, hole);
+    EXPECT_EQ(refusal(), "") << left;
+    EXPECT_THAT(found_, ElementsAre("k1")) << left;
+  }
+}
+
+TEST_F(DamagedJournalTest, WhatIsDroppedIsKeptBesideTheJournal) {
+  const std::string text(1500, 'x');
+  {
+    Journal journal = open();
+    journal.sync(journal.append(put("k1", text)).ticket);
+    for (const char* key : {"k2", "k3", "k4"}) journal.append(put(key, text));
+  }
+  const std::size_t one = bytesOf(1).size() / 4;
+  const std::string hole = withoutSectors(bytesOf(1), one / 512 + 1, 1);
+  rewrite(1, hole);
+  EXPECT_THAT(tailsSetAsideIn(directory_.path()), IsEmpty());
+  open();
+  const std::filesystem::path first = directory_.path() / "journal-dropped-1";
+  EXPECT_THAT(tailsSetAsideIn(directory_.path()), ElementsAre(first));
+  EXPECT_EQ(read(first), hole.substr(one));
+  {
+    Journal journal = open();
+    journal.append(put("k5"));
+  }
+  rewrite(1, bytesOf(1).substr(0, one + 10));
+  const std::string cut = bytesOf(1).substr(one);
+  open();
+  EXPECT_EQ(read(directory_.path() / "journal-dropped-2"), cut);
+  EXPECT_EQ(read(first), hole.substr(one));
+}
+
+TEST_F(DamagedJournalTest, WholeChangesAmongWhatIsSetAsideAreCounted) {
+  const std::string text(1500, 'x');
+  {
+    Journal journal = open();
+    for (const char* key : {"k1", "k2", "k3"}) journal.append(put(key, text));
+  }
+  const std::string bytes = bytesOf(1);
+  rewrite(1, withoutSectors(bytes, 1, 1));
+  const JournalTail tail = setTailAside(segment(1), 0);
+  EXPECT_EQ(tail.bytes, bytes.size());
+  EXPECT_EQ(tail.changes, 2U);
 }
 
 TEST_F(DamagedJournalTest, ChangeWhoseTextLooksLikeChangesIsOne) {

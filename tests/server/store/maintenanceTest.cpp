@@ -187,6 +187,19 @@ TEST_F(MaintenanceTest, RepairKeepsAllChangesButTheDamagedOne) {
   EXPECT_THAT(found("jump fox"), SizeIs(99));
 }
 
+TEST_F(MaintenanceTest, CheckTellsWhatWasBeingWritten) {
+  write();
+  const std::string whole = read(segment());
+  std::ofstream(segment(), std::ios::binary | std::ios::app) << "KRJ2cut off";
+  EXPECT_TRUE(check().isSound());
+  EXPECT_EQ(check().unfinishedBytes, 11U);
+  EXPECT_THAT(check().setAside, IsEmpty());
+  EXPECT_THAT(found("hound"), SizeIs(3));
+  EXPECT_EQ(check().unfinishedBytes, 0U);
+  EXPECT_THAT(check().setAside, ElementsAre(segment("journal-dropped-1")));
+  EXPECT_EQ(read(segment("journal-dropped-1")), "KRJ2cut off");
+}
+
 TEST_F(MaintenanceTest, ChangesThatAreGoneAreNumbered) {
   write();
   const std::string bytes = read(segment());
