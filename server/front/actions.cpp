@@ -261,8 +261,8 @@ Reply queueDocument(const Service& service, Request& request) {
     if (error.kind() == ErrorKind::UnknownCollection) throw;
     service.store.reportOutcome(
         collection, ParseOutcome{key, std::string(messageId(error.kind())), error.what()}, client);
-    // The operator has to be told, too.
-    if (request.unopened) throw;
+    // The operator has to be told, too, and the reply is none in any case.
+    throw;
   }
   return NoReply{};
 }

@@ -13,6 +13,7 @@
 #include "server/front/dispatcher.h"
 #include "server/front/documentBlock.h"
 #include "tests/server/front/mockStore.h"
+#include "tests/server/logLines.h"
 #include "tests/server/requestBytes.h"
 
 namespace corvaned {
@@ -245,6 +246,27 @@ TEST_F(DispatcherTest, QueuedDocumentThatIsRefusedIsToldAmongTheParseResults) {
   expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, kBlock));
   EXPECT_CALL(store_, reportOutcome("c", Field(&ParseOutcome::messageId, "ZVK0012E"), ""));
   expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, "garbage"));
+}
+
+TEST_F(DispatcherTest, QueuedDocumentThatIsRefusedIsToldToTheOperator) {
+  const test::LogLines log;
+  EXPECT_CALL(store_, queueDocument("c", _, ""))
+      .WillOnce(Return())
+      .WillOnce(Throw(ServerError(ErrorKind::StorageFailed, "the disk is full")))
+      .WillOnce(Throw(ServerError(ErrorKind::DocumentTooLarge, "too large")));
+  EXPECT_CALL(store_, reportOutcome("c", _, "")).Times(2);
+  for (int i = 0; i < 3; ++i) {
+    expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", "c"}}, kBlock));
+  }
+  EXPECT_THAT(log.with("asyncAddDocument"),
+              ElementsAre(AllOf(StartsWith("error failure: "), HasSubstr("error=ZVK0014E"),
+                                HasSubstr("collection=\"c\""), HasSubstr("the disk is full")),
+                          AllOf(StartsWith("warning refused: "), HasSubstr("error=ZVK0013E"))));
+  const std::string metrics = dispatcher_.metrics().text();
+  for (const char* error : {"", "ZVK0013E", "ZVK0014E"}) {
+    EXPECT_THAT(metrics, HasSubstr("corvaned_requests_total{action=\"asyncAddDocument\",error=\"" +
+                                   std::string(error) + "\"} 1\n"));
+  }
 }
 
 // A client with several documents under way has to know which one to send again.
