@@ -10,16 +10,20 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <atomic>
+#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <functional>
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <system_error>
+#include <vector>
 
 #include "server/access/accessControl.h"
 #include "server/accountCommand.h"
@@ -41,6 +45,12 @@ using namespace corvaned;
 
 // A transaction of words that are all different takes many times the memory that its text has.
 constexpr std::size_t kBatchesPerBudget = 64;
+
+// With a few KiB, every request for a collection would be refused and asked to come again, for ever.
+constexpr std::size_t kLeastMemory = std::size_t{16} << 20U;
+constexpr unsigned kMostSearchThreads = 1024;
+// No request is that large, and what is added to it, or taken times a few, still fits.
+constexpr std::uint64_t kMostBytes = std::uint64_t{1} << 40U;
 
 /// The options contradict each other or the server's safety.
 class UsageError : public std::runtime_error {
@@ -68,13 +78,54 @@ struct Options {
   unsigned searchSeconds = 60;
 };
 
+// The parser would take a negative number, and one that does not fit, for another one.
+template <typename Number>
+CLI::Validator from(Number least, Number most = std::numeric_limits<Number>::max()) {
+  return CLI::Validator(
+      [=](const std::string& text) -> std::string {
+        Number number = 0;
+        const char* end = text.data() + text.size();
+        const auto [stop, error] = std::from_chars(text.data(), end, number);
+        const bool good = error == std::errc{} && stop == end && number >= least && number <= most;
+        return good ? "" : fmt::format("'{}' is not a number from {} to {}", text, least, most);
+      },
+      "");
+}
+
+/// Reads the configuration file. What a file says and the server does not know is a mistake, and
+/// not left out: the parser by itself would serve without accounts if "users" were misspelt.
+class ConfigurationFile : public CLI::ConfigTOML {
+ public:
+  explicit ConfigurationFile(const CLI::App& app) : app_(app) {}
+
+  std::vector<CLI::ConfigItem> from_config(std::istream& input) const override {
+    std::vector<CLI::ConfigItem> said = CLI::ConfigTOML::from_config(input);
+    for (const CLI::ConfigItem& item : said) {
+      if (!item.parents.empty()) refuse("the section [" + item.parents.front() + "]");
+      if (!app_.get_option_no_throw("--" + item.name)) refuse("the option \"" + item.name + "\"");
+    }
+    return said;
+  }
+
+ private:
+  [[noreturn]] void refuse(const std::string& what) const {
+    throw CLI::ConfigError(app_.get_config_ptr()->as<std::string>() + ": corvaned does not know " +
+                           what);
+  }
+
+  const CLI::App& app_;
+};
+
 void declarePlaces(CLI::App& app, Options& options) {
   app.set_version_flag("--version", "corvaned " KRUCOMM_VERSION);
   auto* ports = app.add_option_group("ports", "at least one of");
-  ports->add_option("--http-port", options.server.httpPort,
-                    "port of the HTTP protocol, 0: any free");
-  ports->add_option("--binary-port", options.server.binaryPort,
-                    "port of the binary protocol, 0: any free");
+  ports
+      ->add_option("--http-port", options.server.httpPort, "port of the HTTP protocol, 0: any free")
+      ->check(from<std::uint16_t>(0));
+  ports
+      ->add_option("--binary-port", options.server.binaryPort,
+                   "port of the binary protocol, 0: any free")
+      ->check(from<std::uint16_t>(0));
   ports->require_option(1, 2);
   app.add_option("--data", options.data, "directory that holds the collections")->required();
   app.add_option("--backup-directory", options.backups,
@@ -88,8 +139,10 @@ void declarePlaces(CLI::App& app, Options& options) {
   app.add_flag("--open-to-everybody", options.openToEverybody,
                "listen beyond this machine without --users");
   app.set_config("--config", "", "file with one \"option = value\" a line, without the dashes");
+  app.config_formatter(std::make_shared<ConfigurationFile>(app));
   app.add_option("--monitor-port", options.monitorPort,
-                 "loopback port for /metrics, /health and /ready, 0: any free");
+                 "loopback port for /metrics, /health and /ready, 0: any free")
+      ->check(from<std::uint16_t>(0));
   app.add_option("--port-file", options.portFile, "file to write the ready lines to as well");
   app.add_option("--log-level", options.logLevel, "what to say on standard error")
       ->check(CLI::IsMember({"trace", "debug", "info", "warn", "error", "critical", "off"}))
@@ -102,49 +155,54 @@ void declareLimits(CLI::App& app, Options& options) {
   app.add_option("--max-content", options.contentBytes,
                  "most bytes behind the header block of a request; 1 MiB more than a document has "
                  "if not given")
-      ->check(CLI::NonNegativeNumber);
+      ->check(from<std::uint64_t>(0, kMostBytes));
   app.add_option("--max-document", options.store.documentBytes, "largest document in bytes")
-      ->check(CLI::NonNegativeNumber)
+      ->check(from<std::uint64_t>(0, kMostBytes))
       ->capture_default_str();
   app.add_option("--max-memory", options.memory,
                  "most bytes of memory for requests, replies, index updates and open collections; "
                  "a quarter of the machine's if not given")
-      ->check(CLI::PositiveNumber);
+      ->check(from<std::size_t>(kLeastMemory));
   app.add_option("--max-connections", options.server.connections, "most clients at a time")
-      ->check(CLI::NonNegativeNumber)
+      ->check(from<std::size_t>(0))
       ->capture_default_str();
   app.add_option(
          "--max-open-files", options.openFiles,
          "most files and connections that the process may have open; what the system allows "
          "if not given")
-      ->check(CLI::PositiveNumber);
+      ->check(from<std::size_t>(1));
   app.add_option("--max-expansion", options.store.index.expansion,
                  "most words that a word with * may stand for")
-      ->check(CLI::NonNegativeNumber)
+      ->check(from<std::size_t>(0))
       ->capture_default_str();
   app.add_option("--max-search-cost", options.server.searchCost,
                  "most documents that a search may look at, 0: no limit")
+      ->check(from<std::uint64_t>(0))
       ->capture_default_str();
   app.add_option("--search-threads", options.server.readThreads, "most searches at a time")
-      ->check(CLI::PositiveNumber)
+      ->check(from<unsigned>(1, kMostSearchThreads))
       ->capture_default_str();
   app.add_option("--shards-per-collection", options.store.parts,
                  "databases that share the documents of a collection that is created")
-      ->check(CLI::Range(std::size_t{1}, kMostParts))
+      ->check(from<std::size_t>(1, kMostParts))
       ->capture_default_str();
 }
 
 void declareTimes(CLI::App& app, Options& options) {
   app.add_option("--stall-timeout", options.stallSeconds,
                  "seconds without a byte in the middle of a request or reply, 0: no limit")
+      ->check(from<unsigned>(0))
       ->capture_default_str();
   app.add_option("--request-timeout", options.requestSeconds,
                  "seconds after which a request must be complete, 0: no limit")
+      ->check(from<unsigned>(0))
       ->capture_default_str();
   app.add_option("--search-timeout", options.searchSeconds,
                  "seconds that a search may take from its arrival on, 0: no limit")
+      ->check(from<unsigned>(0))
       ->capture_default_str();
   app.add_option("--idle-timeout", options.idleSeconds, "seconds without a request, 0: no limit")
+      ->check(from<unsigned>(0))
       ->capture_default_str();
 }
 
@@ -354,7 +412,13 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& answer) {
-    return app.exit(answer) == 0 ? 0 : 2;
+    const int code = app.exit(answer);
+    if (code == 0) return 0;
+    const CLI::Option* file = app.get_config_ptr();
+    if (file->count() > 0) {
+      std::cerr << "The options are also read from " << file->as<std::string>() << ".\n";
+    }
+    return 2;
   }
   try {
     startLog(options.logLevel);

@@ -470,6 +470,41 @@ TEST_F(ProcessTest, ConfigurationFileIsReadAndItsLogLevelAgainOnSignal) {
   EXPECT_EQ(outcomeOf({"--config", config + ".none", "--data", data_}).second, 2);
 }
 
+TEST_F(ProcessTest, WhatAConfigurationFileSaysAndNobodyKnowsIsAnErrorThatNamesIt) {
+  const std::string config = (directory_.path() / "corvaned.conf").string();
+  const std::string good = "binary-port = 0\ndata = \"" + data_ + "\"\n";
+  const std::vector<std::pair<std::string, std::string>> cases{
+      {good + "user = \"" + data_ + "/users\"\n", "the option \"user\""},
+      {good + "max-connectoins = 5\n", "the option \"max-connectoins\""},
+      {good + "[limits]\nmax-memory = 100000000\n", "the section [limits]"},
+      {good + "[limits]\n", "the section [limits]"},
+      {good + "max-memory = 4GiB\n", "--max-memory: '4GiB' is not a number from 16777216 to "},
+  };
+  for (const auto& [text, reason] : cases) {
+    std::ofstream(config) << text;
+    const auto [output, code] = outcomeOf({"--config", config});
+    EXPECT_EQ(code, 2);
+    EXPECT_THAT(output, AllOf(HasSubstr(reason), HasSubstr(config)));
+  }
+  EXPECT_FALSE(std::filesystem::exists(data_));
+}
+
+TEST_F(ProcessTest, NumbersThatNoServerCanWorkWithAreRefused) {
+  const std::vector<std::pair<std::string, std::string>> cases{
+      {"--max-memory", "1000"},     {"--max-document", "18446744073709551615"},
+      {"--search-threads", "0"},    {"--search-threads", "100000"},
+      {"--stall-timeout", "-1"},    {"--monitor-port", "65536"},
+      {"--max-open-files", "many"},
+  };
+  for (const auto& [option, value] : cases) {
+    std::vector<std::string> words = arguments();
+    words.insert(words.end(), {option, value});
+    const auto [output, code] = outcomeOf(words);
+    EXPECT_EQ(code, 2) << option;
+    EXPECT_THAT(output, HasSubstr(option + ": '" + value + "' is not a number from "));
+  }
+}
+
 TEST_F(ProcessTest, StorageFailureIsOneLineOfTheLogAndToldByTheMonitor) {
   {
     CorvanedProgram program(arguments());
