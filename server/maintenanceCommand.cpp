@@ -14,6 +14,7 @@
 #include "server/base/base64.h"
 #include "server/base/errors.h"
 #include "server/store/maintenance.h"
+#include "server/store/textNormalizer.h"
 
 namespace corvaned {
 namespace {
@@ -28,14 +29,16 @@ struct Arguments {
   bool json = false;
 };
 
+// The names of files are arbitrary bytes, too; in those that are no text each byte is a character.
 std::string jsonText(std::string_view text) {
+  const bool plain = isUtf8(text);
   std::string result = "\"";
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
     if (c == '"' || c == '\\') {
       result += '\\';
       result += c;
-    } else if (byte < 0x20 || byte == 0x7F) {
+    } else if (byte < 0x20 || byte == 0x7F || (byte > 0x7F && !plain)) {
       result += fmt::format("\\u{:04x}", static_cast<unsigned>(byte));
     } else {
       result += c;
@@ -147,23 +150,58 @@ void print(const Repair& repair) {
   if (!repair.losesNothing()) printLosses(repair);
 }
 
-int check(const Arguments& arguments) {
-  const Maintenance maintenance(arguments.directory);
-  const std::vector<std::string> names = arguments.collection.empty()
-                                             ? maintenance.collections()
-                                             : std::vector<std::string>{arguments.collection};
-  int code = 0;
-  std::vector<std::string> objects;
-  for (const std::string& name : names) {
-    const CollectionCheck result = maintenance.check(name);
-    if (!result.isSound()) code = kDamaged;
-    if (arguments.json)
-      objects.push_back("{" + jsonOf(result) + "}");
+/// What is said of each collection, and how the program ends.
+class CheckReport {
+ public:
+  explicit CheckReport(bool json) : json_(json) {}
+
+  void add(const CollectionCheck& result) {
+    damaged_ = damaged_ || !result.isSound();
+    if (json_)
+      objects_.push_back("{" + jsonOf(result) + "}");
     else
       print(result);
   }
-  if (arguments.json) std::cout << joined(objects) << "\n";
-  return code;
+
+  void addUnchecked(const std::string& name, const std::string& reason) {
+    unchecked_ = true;
+    if (json_) {
+      objects_.push_back(fmt::format("{{\"collection\":{},\"sound\":false,\"unchecked\":{}}}",
+                                     jsonText(name), jsonText(reason)));
+    } else {
+      std::cout << shown(name) << ": cannot be checked: " << reason << "\n";
+    }
+  }
+
+  int finish() const {
+    if (json_) std::cout << joined(objects_) << "\n";
+    if (damaged_) return kDamaged;
+    return unchecked_ ? kFailed : 0;
+  }
+
+ private:
+  const bool json_;
+  std::vector<std::string> objects_;
+  bool damaged_ = false;
+  bool unchecked_ = false;
+};
+
+// One that cannot be checked must not keep the damage of the others from being named.
+int check(const Arguments& arguments) {
+  const Maintenance maintenance(arguments.directory);
+  CheckReport report(arguments.json);
+  if (!arguments.collection.empty()) {
+    report.add(maintenance.check(arguments.collection));
+    return report.finish();
+  }
+  for (const std::string& name : maintenance.collections()) {
+    try {
+      report.add(maintenance.check(name));
+    } catch (const std::exception& error) {
+      report.addUnchecked(name, error.what());
+    }
+  }
+  return report.finish();
 }
 
 int repair(const Arguments& arguments) {
@@ -218,7 +256,7 @@ int runMaintenanceCommand(int argc, char** argv) {
   Arguments arguments;
   const std::string data = "the data directory of a server that is stopped";
   const CLI::App* checking =
-      declare(app, "check", "say whether collections are damaged; change nothing",
+      declare(app, "check", "say whether collections are damaged, and change none",
               data + ", or a backup", arguments, false);
   const CLI::App* compacting =
       declare(app, "compact", "give back the room that the index of a collection does not need",

@@ -49,6 +49,16 @@ std::string collectionNameFor(std::string_view directory) {
   return name;
 }
 
+std::optional<std::string> nameIfCollection(std::string_view directory) {
+  std::string name = collectionNameFor(directory);
+  try {
+    if (directoryNameFor(name) == directory) return name;
+  } catch (const ServerError&) {
+    // No collection can have that name.
+  }
+  return std::nullopt;
+}
+
 // The file is what earlier builds lock, and it can be removed by mistake while a server runs. The
 // directory cannot without what is in it, but not every file system locks directories.
 DataDirectoryLock lockDataDirectory(const std::filesystem::path& root) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -15,6 +16,9 @@ std::string directoryNameFor(std::string_view collection);
 
 /// The name of the collection whose directory is called so.
 std::string collectionNameFor(std::string_view directory);
+/// Nothing if no collection has such a directory: others may have put something of their own beside
+/// the collections.
+std::optional<std::string> nameIfCollection(std::string_view directory);
 
 /// What keeps a data directory locked.
 struct DataDirectoryLock {

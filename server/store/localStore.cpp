@@ -40,17 +40,6 @@ std::filesystem::path prepared(std::filesystem::path directory) {
   return directory;
 }
 
-// Others may have put something of their own beside the collections.
-std::optional<std::string> nameIfCollection(const std::string& directory) {
-  std::string name = collectionNameFor(directory);
-  try {
-    if (directoryNameFor(name) == directory) return name;
-  } catch (const ServerError&) {
-    // No collection can have that name.
-  }
-  return std::nullopt;
-}
-
 // It would be changed, and could not be restored any more.
 std::filesystem::path noBackup(std::filesystem::path directory) {
   if (!BackupManifest::existsIn(directory)) return directory;
@@ -434,7 +423,7 @@ std::vector<std::string> LocalStore::collections(const std::string& after, std::
   std::vector<std::string> names;
   DirectoryReader reader(collectionsRoot_);
   while (const auto entry = reader.next()) {
-    auto name = nameIfCollection(entry->path.filename());
+    auto name = nameIfCollection(entry->path.filename().string());
     if (name && *name > after) names.push_back(std::move(*name));
   }
   std::sort(names.begin(), names.end());

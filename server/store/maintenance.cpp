@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <optional>
 #include <set>
+#include <system_error>
 #include <utility>
 
 #include "server/base/errors.h"
@@ -332,8 +333,11 @@ std::vector<std::string> Maintenance::collections() const {
   std::vector<std::string> names;
   DirectoryReader reader(collectionsIn(root_));
   while (const auto entry = reader.next()) {
-    const std::string name = entry->path.filename().string();
-    if (!name.starts_with('.')) names.push_back(collectionNameFor(name));
+    auto name = nameIfCollection(entry->path.filename().string());
+    std::error_code ignored;
+    if (name && std::filesystem::is_directory(entry->path, ignored)) {
+      names.push_back(std::move(*name));
+    }
   }
   std::sort(names.begin(), names.end());
   return names;

@@ -78,8 +78,8 @@ class Maintenance {
 
   /// The names of the collections.
   std::vector<std::string> collections() const;
-  /// Reads the whole collection and changes nothing, but for completing a change of the index's
-  /// form that a crash has cut off at its very end.
+  /// Reads the whole collection and changes nothing, but for completing the change to a new index
+  /// that a crash has cut off at its very end.
   CollectionCheck check(const std::string& name) const;
   /// Makes, beside a damaged collection, one with everything that can be read, and lets them change
   /// places in one step.

@@ -505,6 +505,41 @@ TEST_F(ProcessTest, NumbersThatNoServerCanWorkWithAreRefused) {
   }
 }
 
+TEST_F(ProcessTest, CheckGoesOnPastWhatItCannotCheck) {
+  const std::string collections = data_ + "/collections/";
+  {
+    CorvanedProgram server(arguments());
+    RawClient client(portOf(server.line()));
+    for (const char* name : {"a", "m", "z"}) {
+      client.send(binaryRequest({{"action", "createCollection"}, {"index", name}}));
+      EXPECT_EQ(client.receive(2), std::string("\0\1", 2));
+    }
+    server.signal(SIGTERM);
+    EXPECT_EQ(server.wait(), 0);
+  }
+  std::filesystem::create_directory(collections + "foo.bar");
+  std::ofstream(collections + "notes.txt") << "mine";
+  std::filesystem::remove(collections + "a/journal-0000000001");
+  std::filesystem::create_directory(collections + "a/journal-0000000001");
+  {
+    CorvanedProgram check({"check", data_});
+    const std::string said = check.rest();
+    EXPECT_THAT(said, AllOf(StartsWith("\"a\": cannot be checked: "), HasSubstr("\"m\": sound"),
+                            HasSubstr("\"z\": sound")));
+    EXPECT_EQ(check.wait(), 1) << said;
+  }
+  std::ofstream(collections + "z/index/iamglass") << "damaged";
+  CorvanedProgram check({"check", data_});
+  EXPECT_THAT(check.rest(), AllOf(HasSubstr("\"m\": sound"), HasSubstr("\"z\": damaged")));
+  EXPECT_EQ(check.wait(), 3);
+  CorvanedProgram json({"check", "--json", data_});
+  EXPECT_THAT(json.rest(),
+              MatchesRegex("\\[\\{\"collection\":\"a\",\"sound\":false,\"unchecked\":\"[^\"]*\"\\},"
+                           "\\{\"collection\":\"m\",\"sound\":true,.*\\},"
+                           "\\{\"collection\":\"z\",\"sound\":false,.*\\}\\]\n"));
+  EXPECT_EQ(json.wait(), 3);
+}
+
 TEST_F(ProcessTest, StorageFailureIsOneLineOfTheLogAndToldByTheMonitor) {
   {
     CorvanedProgram program(arguments());

@@ -187,6 +187,14 @@ TEST_F(MaintenanceTest, RepairKeepsAllChangesButTheDamagedOne) {
   EXPECT_THAT(found("jump fox"), SizeIs(99));
 }
 
+TEST_F(MaintenanceTest, WhatIsBesideTheCollectionsIsPassedOver) {
+  write();
+  std::filesystem::create_directory(data() / "collections" / "foo.bar");
+  std::filesystem::create_directory(data() / "collections" / ".c.new");
+  std::ofstream(data() / "collections" / "notes") << "a file with a collection's name";
+  EXPECT_THAT(Maintenance(data()).collections(), ElementsAre("c"));
+}
+
 TEST_F(MaintenanceTest, CheckTellsWhatWasBeingWritten) {
   write();
   const std::string whole = read(segment());
