@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <utility>
 
 #include "server/base/ticket.h"
 
@@ -50,8 +51,10 @@ class RequestContext : public std::enable_shared_from_this<RequestContext> {
   /// it fails; or lets the current request's reply wait for it, and returns at once.
   static void await(std::shared_ptr<Ticket> ticket);
 
-  /// When it arrived.
+  /// When it arrived; if it stands for a row of requests, when their first one did.
   Clock::time_point began() const { return began_; }
+  /// True for the first of the requests that asks.
+  bool takeFirst() { return std::exchange(first_, false); }
 
   /// The request that this thread serves; null if it serves none.
   static RequestContext* current();
@@ -79,6 +82,7 @@ class RequestContext : public std::enable_shared_from_this<RequestContext> {
   std::atomic<Clock::time_point> cancelled_{Clock::time_point::max()};
   std::uint64_t spent_ = 0;
   std::uint64_t calls_ = 0;
+  bool first_ = true;
   bool mayReplyLater_ = false;
   std::shared_ptr<Ticket> awaited_;
 };

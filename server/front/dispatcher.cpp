@@ -69,11 +69,14 @@ std::vector<std::string> collectionsFor(const Request& request, const Action& ac
   return names;
 }
 
-// Requests without a reply come in rows, and of a row only the whole can be timed by its arrival.
-RequestContext::Clock::time_point arrivalOf(const Action* action) {
-  const RequestContext* context = RequestContext::current();
-  const bool single = action && action->workload != Workload::Write;
-  return context && single ? context->began() : RequestContext::Clock::now();
+// Writing requests come in rows, of which only the first can be timed by the row's arrival.
+RequestContext::Clock::time_point arrivalOf(const Request& request) {
+  RequestContext* const context = RequestContext::current();
+  if (!context) return RequestContext::Clock::now();
+  const bool first = context->takeFirst();
+  const Workload workload =
+      Dispatcher::workload(request.header(words().action), request.header(words().report));
+  return first || workload != Workload::Write ? context->began() : RequestContext::Clock::now();
 }
 
 }  // namespace
@@ -150,7 +153,7 @@ void Dispatcher::open(Request& request, std::function<void()> opened) {
 
 Dispatcher::Exchange Dispatcher::begin(Request request) {
   Exchange exchange;
-  exchange.began = arrivalOf(actionOf(request));
+  exchange.began = arrivalOf(request);
   exchange.request = std::move(request);
   exchange.reply = serve(exchange.request, exchange.errorId);
   if (RequestContext* const context = RequestContext::current()) {

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <new>
 #include <set>
 #include <stdexcept>
@@ -10,6 +11,7 @@
 
 #include "server/base/documentForm.h"
 #include "server/base/errors.h"
+#include "server/base/requestContext.h"
 #include "server/front/dispatcher.h"
 #include "server/front/documentBlock.h"
 #include "tests/server/front/mockStore.h"
@@ -267,6 +269,28 @@ TEST_F(DispatcherTest, QueuedDocumentThatIsRefusedIsToldToTheOperator) {
     EXPECT_THAT(metrics, HasSubstr("corvaned_requests_total{action=\"asyncAddDocument\",error=\"" +
                                    std::string(error) + "\"} 1\n"));
   }
+}
+
+// A worker serves several that write and are not awaited, one after the other.
+TEST_F(DispatcherTest, RequestIsTimedFromItsArrivalUnlessItFollowsOthersOfItsRow) {
+  const auto beganOf = [&](const test::Headers& headers) {
+    Request request;
+    request.headers.insert(headers.begin(), headers.end());
+    request.content = kBlock;
+    return dispatcher_.begin(std::move(request)).began;
+  };
+  EXPECT_CALL(store_, addDocument("c", _)).Times(2);
+  EXPECT_CALL(store_, summary("c"));
+  const test::Headers add{{"action", "addDocument"}, {"index", "c"}};
+  const test::Headers report{
+      {"action", "getParseResult"}, {"index", "c"}, {"report", "collection"}};
+  const auto context = std::make_shared<RequestContext>(RequestContext::Limits{});
+  const RequestContext::Scope scope(*context);
+  while (RequestContext::Clock::now() == context->began()) {
+  }
+  EXPECT_EQ(beganOf(add), context->began());
+  EXPECT_GT(beganOf(add), context->began());
+  EXPECT_EQ(beganOf(report), context->began());
 }
 
 // A client with several documents under way has to know which one to send again.
