@@ -359,8 +359,9 @@ void closeToOthers(const std::string& directory) {
 // What can change while the server runs: who may do what, and how much is logged.
 void reload(const Options& options, const std::function<Options()>& again) {
   try {
-    spdlog::set_level(spdlog::level::from_str(again().logLevel));
+    const std::string level = again().logLevel;
     if (options.server.access) options.server.access->reload();
+    spdlog::set_level(spdlog::level::from_str(level));
     spdlog::info("the settings were read again");
   } catch (const std::exception& error) {
     spdlog::error("the old settings stay: {}", error.what());

@@ -177,7 +177,9 @@ struct Draft {
   }
 };
 
-const char* nameOf(Right right) {
+}  // namespace
+
+std::string_view nameOf(Right right) {
   switch (right) {
     case Right::Read:
       return "read";
@@ -188,8 +190,6 @@ const char* nameOf(Right right) {
   }
   return "admin";
 }
-
-}  // namespace
 
 std::optional<Right> rightNamed(std::string_view name) {
   for (const Right right : {Right::Read, Right::Write, Right::Admin}) {

@@ -17,6 +17,7 @@ enum class Right { Read, Write, Admin };
 
 /// The right's name in a users file. Nothing for a word that names none.
 std::optional<Right> rightNamed(std::string_view name);
+std::string_view nameOf(Right right);
 
 /// Somebody who has proved who they are.
 class Identity {

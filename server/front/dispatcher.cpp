@@ -49,11 +49,14 @@ bool isFailure(std::string_view id) {
          id == messageId(ErrorKind::DocumentsNotIndexed) || id == messageId(ErrorKind::Internal);
 }
 
-[[noreturn]] void forbid(const Identity& identity, const Action& action,
+[[noreturn]] void forbid(const Identity& identity, const Action& action, Right needed,
                          std::optional<std::string_view> collection) {
   throw ServerError(ErrorKind::Forbidden,
-                    identity.name() + " may not use the action " + shown(action.name) + " on " +
-                        (collection ? "the collection " + shown(*collection) : "the whole server"));
+                    fmt::format("{} may not use the action {} on {}, which takes the right {}{}",
+                                identity.name(), shown(action.name),
+                                collection ? "the collection " + shown(*collection)
+                                           : std::string("the whole server"),
+                                nameOf(needed), collection ? "" : " to every collection"));
 }
 
 // All that have to be open for it. If there are more than the action takes, it refuses them.
@@ -96,17 +99,19 @@ void Dispatcher::permit(const Request& request, const Identity& identity) {
   // Who restores a collection from another one's backup can then read that.
   const std::string_view from = request.header(words().from);
   requireShortName(from);
-  if (!from.empty() && !identity.may(action->needs, from)) forbid(identity, *action, from);
+  if (!from.empty() && !identity.may(action->needs, from)) {
+    forbid(identity, *action, action->needs, from);
+  }
   const std::string_view collection = collectionNamedBy(request);
   requireShortName(collection);
   const bool report = makesReports(*action) && !request.header(words().report).empty();
   const Right needs = report ? Right::Read : action->needs;
   if (collection.empty() && needs == Right::Read && !report) return;
   const auto scope = collection.empty() ? std::nullopt : std::optional(collection);
-  if (!identity.may(needs, scope)) forbid(identity, *action, scope);
+  if (!identity.may(needs, scope)) forbid(identity, *action, needs, scope);
   for (const std::string& beside : collectionsBeside(request)) {
     requireShortName(beside);
-    if (!identity.may(needs, beside)) forbid(identity, *action, beside);
+    if (!identity.may(needs, beside)) forbid(identity, *action, needs, beside);
   }
 }
 

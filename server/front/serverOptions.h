@@ -16,7 +16,7 @@ namespace corvaned {
 class OutletFactory;
 
 struct ServerOptions {
-  /// A numeric address. Loopback by default, since without `access` everybody is served.
+  /// A numeric address. Loopback by default, because without `access` everybody may do everything.
   std::string listen = "127.0.0.1";
   /// 0: any free port. No value: no listener.
   std::optional<std::uint16_t> httpPort;

@@ -24,6 +24,7 @@ using test::RawClient;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
+using ::testing::Not;
 using ::testing::StartsWith;
 using tq::test::CorvanedProgram;
 
@@ -503,6 +504,26 @@ TEST_F(ProcessTest, NumbersThatNoServerCanWorkWithAreRefused) {
     EXPECT_EQ(code, 2) << option;
     EXPECT_THAT(output, HasSubstr(option + ": '" + value + "' is not a number from "));
   }
+}
+
+TEST_F(ProcessTest, SettingsThatCannotAllBeReadAgainAllStay) {
+  const std::string users = (directory_.path() / "users").string();
+  const std::string config = (directory_.path() / "corvaned.conf").string();
+  ASSERT_EQ(outcomeOf({"token", "t", "--users", users, "--allow", "read:*"}).second, 0);
+  const auto write = [&](const std::string& level) {
+    std::ofstream(config) << "binary-port = 0\ndata = \"" << data_ << "\"\nusers = \"" << users
+                          << "\"\nlog-level = \"" << level << "\"\n";
+  };
+  write("warn");
+  CorvanedProgram program({"--config", config});
+  program.line();
+  write("info");
+  std::ofstream(users) << "nonsense\n";
+  program.signal(SIGHUP);
+  EXPECT_THAT(program.line(), HasSubstr("old settings stay"));
+  program.signal(SIGTERM);
+  EXPECT_THAT(program.rest(), Not(HasSubstr(" info "))) << "the level has changed";
+  EXPECT_EQ(program.wait(), 0);
 }
 
 TEST_F(ProcessTest, CheckGoesOnPastWhatItCannotCheck) {

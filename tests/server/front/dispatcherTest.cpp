@@ -293,6 +293,26 @@ TEST_F(DispatcherTest, RequestIsTimedFromItsArrivalUnlessItFollowsOthersOfItsRow
   EXPECT_EQ(beganOf(report), context->began());
 }
 
+TEST_F(DispatcherTest, RefusalForWantOfARightNamesTheRight) {
+  const Identity reader("ada", {{Right::Read, "*"}});
+  const auto refusal = [&](const test::Headers& headers) {
+    Request request;
+    request.headers.insert(headers.begin(), headers.end());
+    try {
+      Dispatcher::permit(request, reader);
+    } catch (const ServerError& error) {
+      return std::string(error.what());
+    }
+    return std::string("permitted");
+  };
+  EXPECT_THAT(refusal({{"action", "getParseResult"}, {"index", "c"}}),
+              HasSubstr("on the collection \"c\", which takes the right write"));
+  EXPECT_THAT(refusal({{"action", "deleteCollection"}, {"index", "c"}}),
+              HasSubstr("takes the right admin"));
+  EXPECT_THAT(refusal({{"action", "shutdown"}}), HasSubstr("the right admin to every collection"));
+  EXPECT_EQ(refusal({{"action", "search"}, {"index", "c"}}), "permitted");
+}
+
 // A client with several documents under way has to know which one to send again.
 TEST_F(DispatcherTest, QueuedDocumentIsToldByItsKeyWhateverIsWrongWithIt) {
   const std::string whole = documentBlock("k1", {{"a", "b"}}, "text");
