@@ -1,5 +1,6 @@
 #include "server/store/maintenance.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <xapian.h>
 
@@ -14,6 +15,7 @@
 #include "server/store/batchMemory.h"
 #include "server/store/collectionOptions.h"
 #include "server/store/directory.h"
+#include "server/store/files.h"
 #include "server/store/indexCompaction.h"
 #include "server/store/indexParts.h"
 #include "server/store/indexReplacement.h"
@@ -28,6 +30,13 @@
 
 namespace corvaned {
 namespace {
+
+constexpr const char* kReadingSuffix = ".reading";
+
+// Stands in what a repair makes until that has taken the place of the original.
+std::filesystem::path incompleteMarkIn(const std::filesystem::path& collection) {
+  return collection / "repair-incomplete";
+}
 
 // Nobody changes a backup, and it may be where nothing can be written.
 DataDirectoryLock lockExisting(const std::filesystem::path& root) {
@@ -207,7 +216,7 @@ class Rebuilding {
 
   void makeIndexAnew() {
     repair_.indexMadeAnew = true;
-    const IndexSalvage salvage(damaged_, repair_.found.index, fresh_.string() + ".reading");
+    const IndexSalvage salvage(damaged_, repair_.found.index, fresh_.string() + kReadingSuffix);
     const auto form = salvage.form();
     repair_.languageLost = !form;
     XapianIndex::create(fresh_, form.value_or(IndexForm{"none", {}, salvage.parts()}));
@@ -354,6 +363,7 @@ CollectionCheck Maintenance::check(const std::string& name) const {
 
 Repair Maintenance::repair(const std::string& name) const {
   requireNoBackup("repair the copy");
+  clearIncomplete(name);
   Repair result;
   result.found = check(name);
   if (result.found.isSound()) return result;
@@ -368,6 +378,7 @@ Repair Maintenance::repair(const std::string& name) const {
   // From here on the fresh directory holds the original.
   syncDirectory(fresh.parent_path());
   syncDirectory(collectionsIn(root_));
+  std::filesystem::remove(incompleteMarkIn(pathOf(name)));
   result.original = fresh;
   return result;
 }
@@ -406,6 +417,22 @@ std::filesystem::path Maintenance::pathOf(const std::string& name) const {
   throw ServerError(ErrorKind::UnknownCollection, "there is no collection " + shown(name));
 }
 
+// What a repair that was killed has made so far. After the exchange the mark stands in the
+// collection itself, so it is removed there first: the collection may become an original.
+void Maintenance::clearIncomplete(const std::string& name) const {
+  if (std::filesystem::remove(incompleteMarkIn(pathOf(name)))) syncDirectory(pathOf(name));
+  if (!std::filesystem::exists(beforeRepairIn(root_))) return;
+  std::vector<std::filesystem::path> leftovers;
+  DirectoryReader reader(beforeRepairIn(root_));
+  while (const auto entry = reader.next()) {
+    const bool passing = entry->path.extension() == kReadingSuffix;
+    if (passing || std::filesystem::exists(incompleteMarkIn(entry->path))) {
+      leftovers.push_back(entry->path);
+    }
+  }
+  for (const std::filesystem::path& leftover : leftovers) removeTree(leftover);
+}
+
 // On the same file system as the collections, and where no start of the server clears it away.
 std::filesystem::path Maintenance::freshDirectory(const std::string& name) const {
   const std::filesystem::path parent = beforeRepairIn(root_);
@@ -413,7 +440,10 @@ std::filesystem::path Maintenance::freshDirectory(const std::string& name) const
   syncDirectory(root_);
   for (int number = 1;; ++number) {
     std::filesystem::path path = parent / fmt::format("{}.{}", directoryNameFor(name), number);
-    if (std::filesystem::create_directory(path)) return path;
+    if (!std::filesystem::create_directory(path)) continue;
+    openFile(incompleteMarkIn(path), O_WRONLY | O_CREAT);
+    syncDirectory(path);
+    return path;
   }
 }
 

@@ -91,6 +91,7 @@ class Maintenance {
  private:
   void requireNoBackup(const std::string& advice) const;
   std::filesystem::path pathOf(const std::string& name) const;
+  void clearIncomplete(const std::string& name) const;
   std::filesystem::path freshDirectory(const std::string& name) const;
 
   const std::filesystem::path root_;

@@ -208,6 +208,35 @@ TEST_F(MaintenanceTest, CheckTellsWhatWasBeingWritten) {
   EXPECT_EQ(read(segment("journal-dropped-1")), "KRJ2cut off");
 }
 
+TEST_F(MaintenanceTest, WhatAKilledRepairHasMadeIsRemovedByTheNext) {
+  write();
+  damage(segment(), 40);
+  const std::filesystem::path half = data() / "before-repair" / "c.1";
+  const std::filesystem::path original = data() / "before-repair" / "d.1";
+  std::filesystem::create_directories(half / "index");
+  std::ofstream(half / "repair-incomplete") << "";
+  std::filesystem::create_directories(data() / "before-repair" / "c.1.reading");
+  std::filesystem::create_directories(original);
+  EXPECT_EQ(repair().original, half);
+  EXPECT_EQ(read(half / "journal-0000000002").substr(0, 4), "KRJ2");
+  EXPECT_FALSE(std::filesystem::exists(half / "repair-incomplete"));
+  EXPECT_FALSE(std::filesystem::exists(collection() / "repair-incomplete"));
+  EXPECT_FALSE(std::filesystem::exists(data() / "before-repair" / "c.1.reading"));
+  EXPECT_TRUE(std::filesystem::exists(original));
+}
+
+// Killed after the exchange, the mark is in the repaired collection. What is an original later must
+// not be taken for a half copy.
+TEST_F(MaintenanceTest, OriginalIsNotTakenForAHalfCopy) {
+  write();
+  std::ofstream(collection() / "repair-incomplete") << "";
+  damage(segment(), 40);
+  const std::filesystem::path original = repair().original;
+  damage(segment("journal-0000000001"), 40);
+  EXPECT_EQ(repair().original, data() / "before-repair" / "c.2");
+  EXPECT_TRUE(std::filesystem::exists(original / "journal-0000000002"));
+}
+
 TEST_F(MaintenanceTest, ChangesThatAreGoneAreNumbered) {
   write();
   const std::string bytes = read(segment());
