@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sodium.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -117,20 +118,74 @@ std::ifstream openPrivate(const std::filesystem::path& file) {
   return stream;
 }
 
-// Renamed into place, so that the file is never half written and never readable by others.
-void replaceFile(const std::filesystem::path& file, const std::string& text) {
-  const std::filesystem::path passing = file.string() + ".new";
-  const int descriptor =
-      ::open(passing.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR);
-  const bool written =
-      descriptor >= 0 &&
-      ::write(descriptor, text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
-      ::fsync(descriptor) == 0;
-  const int reason = errno;
-  if (descriptor >= 0) ::close(descriptor);
-  if (!written) failOn(passing, std::generic_category().message(reason));
-  std::filesystem::rename(passing, file);
-}
+/// What a users file is to become. Only one program at a time has it: whoever comes meanwhile waits
+/// until it has been put in place, and reads the file after that.
+class Replacement {
+ public:
+  explicit Replacement(const std::filesystem::path& file)
+      : file_(file), passing_(file.string() + ".new") {
+    do {
+      close();
+      descriptor_ =
+          ::open(passing_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
+      if (descriptor_ < 0) fail(passing_);
+      while (::flock(descriptor_, LOCK_EX) != 0) {
+        if (errno != EINTR) fail(passing_);
+      }
+    } while (!isInPlace());
+  }
+  ~Replacement() {
+    if (!finished_) ::unlink(passing_.c_str());
+    close();
+  }
+  Replacement(const Replacement&) = delete;
+  Replacement& operator=(const Replacement&) = delete;
+
+  // Renamed into place, so that the file is never half written and never readable by others.
+  void finish(std::string_view text) {
+    const bool written =
+        ::ftruncate(descriptor_, 0) == 0 &&
+        ::write(descriptor_, text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+        ::fsync(descriptor_) == 0;
+    if (!written) fail(passing_);
+    std::filesystem::rename(passing_, file_);
+    finished_ = true;
+    // What is printed now has to be known after a power failure, too.
+    syncDirectory();
+  }
+
+ private:
+  [[noreturn]] void fail(const std::filesystem::path& path) const {
+    failOn(path, std::generic_category().message(errno));
+  }
+
+  // Whoever had the lock before has renamed the file that was opened here.
+  bool isInPlace() const {
+    struct stat mine {};
+    struct stat now {};
+    if (::fstat(descriptor_, &mine) != 0) fail(passing_);
+    return ::stat(passing_.c_str(), &now) == 0 && mine.st_ino == now.st_ino &&
+           mine.st_dev == now.st_dev;
+  }
+
+  void syncDirectory() const {
+    const std::filesystem::path directory = std::filesystem::absolute(file_).parent_path();
+    const int opened = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const bool synced = opened >= 0 && ::fsync(opened) == 0;
+    const int reason = errno;
+    if (opened >= 0) ::close(opened);
+    if (!synced) failOn(directory, std::generic_category().message(reason));
+  }
+
+  void close() {
+    if (descriptor_ >= 0) ::close(std::exchange(descriptor_, -1));
+  }
+
+  const std::filesystem::path file_;
+  const std::filesystem::path passing_;
+  int descriptor_ = -1;
+  bool finished_ = false;
+};
 
 /// One line of the file, taken apart.
 struct Line {
@@ -319,6 +374,7 @@ void putAccount(const std::filesystem::path& file, bool token, const std::string
   if (!isAccountName(name)) {
     throw std::runtime_error("a name has 1 to 64 letters, digits, \"_\", \"-\" and \"@\"");
   }
+  Replacement replacement(file);
   std::string text;
   if (std::filesystem::exists(file)) {
     std::ifstream stream = openPrivate(file);
@@ -334,7 +390,7 @@ void putAccount(const std::filesystem::path& file, bool token, const std::string
   for (const Identity::Grant& grant : grants) {
     text += fmt::format("allow {} {} {}\n", name, nameOf(grant.right), grant.pattern);
   }
-  replaceFile(file, text);
+  replacement.finish(text);
 }
 
 }  // namespace corvaned

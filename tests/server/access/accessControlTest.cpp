@@ -1,11 +1,14 @@
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "server/access/accessControl.h"
@@ -145,6 +148,33 @@ TEST_F(AccessControlTest, AccountThatIsPutAgainKeepsEverybodyElse) {
                             HasSubstr("allow t write a-*\n")));
   EXPECT_THROW(putAccount(file_, false, "a b", "x", {}), std::runtime_error);
   EXPECT_THROW(putAccount(file_, false, "", "x", {}), std::runtime_error);
+}
+
+TEST_F(AccessControlTest, AccountsThatArePutAtTheSameTimeAreAllThere) {
+  std::vector<std::thread> programs;
+  for (int program = 0; program < 4; ++program) {
+    programs.emplace_back([&, program] {
+      for (int i = 0; i < 3; ++i) {
+        putAccount(file_, true, fmt::format("t{}-{}", program, i), "secret", {});
+      }
+    });
+  }
+  for (std::thread& program : programs) program.join();
+  const std::string text = read();
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 12);
+  for (int program = 0; program < 4; ++program) {
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_THAT(text, HasSubstr(fmt::format("token t{}-{} ", program, i)));
+    }
+  }
+  EXPECT_FALSE(std::filesystem::exists(file_.string() + ".new"));
+}
+
+TEST_F(AccessControlTest, AccountThatCannotBePutLeavesNothingBehind) {
+  write("nonsense\n");
+  std::filesystem::permissions(file_, std::filesystem::perms::all);
+  EXPECT_THROW(putAccount(file_, true, "t", "secret", {}), std::runtime_error);
+  EXPECT_FALSE(std::filesystem::exists(file_.string() + ".new"));
 }
 
 TEST_F(AccessControlTest, RightsIncludeEachOtherAndHoldForAPattern) {
