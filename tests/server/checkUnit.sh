@@ -17,6 +17,10 @@ sed "s#/usr/bin/corvaned#$corvaned#" "$packaging/corvaned.service" >"$work/corva
 said=$(systemd-analyze verify --man=no "$work/corvaned.service" 2>&1) || fail "$said"
 [[ -z $said ]] || fail "$said"
 
+# Wrong options, with which corvaned ends with 2, are not tried again and again.
+grep -qx "RestartPreventExitStatus=2" "$packaging/corvaned.service" ||
+  fail "the unit would restart a server that refuses its options"
+
 # A user that comes and goes could not keep a file that nobody else can read.
 user=$(sed -n 's/^User=//p' "$packaging/corvaned.service")
 [[ -n $user ]] || fail "the unit names no user"
