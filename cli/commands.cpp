@@ -88,7 +88,7 @@ void tellWhatWasLeftOut(Session& session, const std::string& collection,
   session.answered = true;
   session.printer.error(describeFailure(failure, session.settings, session.answered),
                         failureId(failure));
-  takeOutcomes(session, collectionName(collection), [&](const tq::comm::ParseResult& result) {
+  takeOutcomes(session, collectionName(collection), {}, [&](const tq::comm::ParseResult& result) {
     if (isRefusal(result)) report(session, {0, nameOf(result), reasonOf(result.getMessage())});
   });
   if (session.client.isTruncated()) {

@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 
 #include <nlohmann/json.hpp>
+#include <random>
+#include <string>
 #include <utility>
 #include <variant>
 
@@ -32,8 +34,18 @@ bool mayPass(const tq::oss::BaseException& failure) {
          id == tq::comm::StaticDefs::ERR_CLIENT_INTERNAL;
 }
 
+// Other loads into the collection must not take the answers that are meant for this one.
+icu::UnicodeString freshClientName() {
+  std::random_device random;
+  std::string name = "load-";
+  for (int i = 0; i < 4; ++i) name += fmt::format("{:08x}", random());
+  return fromUtf8(name).value_or(icu::UnicodeString());
+}
+
 // Up to this many documents are not worth another round of queueing.
 constexpr std::size_t kFewDocuments = 10;
+
+constexpr const char16_t* kClient = u"client";
 
 }  // namespace
 
@@ -41,6 +53,7 @@ BatchLoader::BatchLoader(Session& session, icu::UnicodeString collection, Window
                          std::function<void()> changed)
     : session_(session),
       collection_(std::move(collection)),
+      client_(freshClientName()),
       limits_(limits),
       changed_(std::move(changed)) {}
 
@@ -84,6 +97,7 @@ void BatchLoader::deliver() {
 void BatchLoader::deliverOnce() {
   for (const Entry& entry : window_) queue(entry.document);
   ClientRequest last = collectionRequest(ClientRequest::LAST_DOC_SENT, collection_);
+  last.getReqProperties().putProperty(kClient, client_);
   identify(last, session_.settings);
   ClientResponse none;
   session_.client.sendAndRecvMesg(last, none);
@@ -92,6 +106,7 @@ void BatchLoader::deliverOnce() {
 
 void BatchLoader::queue(const Document& document) {
   ClientRequest request = collectionRequest(ClientRequest::ASYNCH_ADD_DOCUMENT, collection_);
+  request.getReqProperties().putProperty(kClient, client_);
   attachDocument(request, document.key, document.text, document.metadata);
   identify(request, session_.settings);
   ClientResponse none;
@@ -100,7 +115,7 @@ void BatchLoader::queue(const Document& document) {
 
 // What was received before a failure counts as well.
 void BatchLoader::collect() try {
-  takeOutcomes(session_, collection_, [this](const auto& result) { note(result); });
+  takeOutcomes(session_, collection_, client_, [this](const auto& result) { note(result); });
   settle();
 } catch (...) {
   settle();

@@ -27,9 +27,10 @@ struct WindowLimits {
 };
 
 /// Sends documents to a collection, a window at a time: the whole window is queued without waiting,
-/// then the server's results for it are collected. The server keeps those results for the
-/// collection and not for the client, so another client that loads into it may take them, and some
-/// that arrive here may be about another client's document of the same key. Therefore
+/// then the server's results for it are collected. Each loader asks for its own by a name that no
+/// other has. A server that does not look at the name keeps the results for the collection, so
+/// another client that loads into it may take them, and some that arrive here may be about another
+/// client's document of the same key. Therefore
 /// documents that no result names are queued again while that settles some of them, and the last
 /// ones, like those that a result refuses, are added by requests with answers of their own. Sending
 /// a document again does no harm: it replaces the one that has its key. So that it never replaces a
@@ -75,6 +76,8 @@ class BatchLoader {
 
   Session& session_;
   icu::UnicodeString collection_;
+  // What this load is called where several share a collection.
+  const icu::UnicodeString client_;
   WindowLimits limits_;
   std::function<void()> changed_;
 

@@ -28,8 +28,10 @@ std::size_t takeResults(Session& session, ClientRequest& request,
 }
 
 void takeOutcomes(Session& session, const icu::UnicodeString& collection,
+                  const icu::UnicodeString& client,
                   const std::function<void(const tq::comm::ParseResult&)>& take) {
   ClientRequest request = collectionRequest(ClientRequest::PARSE_RESULT, collection);
+  if (!client.isEmpty()) request.getReqProperties().putProperty(u"client", client);
   takeResults(session, request, take);
 }
 

@@ -22,9 +22,11 @@ namespace corvane {
 std::size_t takeResults(Session& session, tq::comm::ClientRequest& request,
                         const std::function<void(const tq::comm::ParseResult&)>& take);
 
-/// Asks the server what became of the collection's documents and hands over one result after the
+/// Asks the server what became of the documents that `client` has queued in the collection, or, if
+/// that is empty, of those that nobody in particular has, and hands over one result after the
 /// other. The server tells each only once.
 void takeOutcomes(Session& session, const icu::UnicodeString& collection,
+                  const icu::UnicodeString& client,
                   const std::function<void(const tq::comm::ParseResult&)>& take);
 
 /// False also of a document with a warning or an information: it is in the collection.

@@ -46,7 +46,7 @@ using namespace corvaned;
 // A transaction of words that are all different takes many times the memory that its text has.
 constexpr std::size_t kBatchesPerBudget = 64;
 
-// With a few KiB, every request for a collection would be refused and asked to come again, for ever.
+// With a few KiB every request for a collection would be refused, however often it comes again.
 constexpr std::size_t kLeastMemory = std::size_t{16} << 20U;
 constexpr unsigned kMostSearchThreads = 1024;
 // No request is that large, and what is added to it, or taken times a few, still fits.

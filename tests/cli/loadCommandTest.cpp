@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,30 @@ TEST(Load, QueuesDocumentsAndReportsWhatTheServerTook) {
   EXPECT_TRUE(contains(requests[1], enveloped("rowId") + enveloped("a")));
   EXPECT_EQ(requests[3].substr(requests[3].size() - 8), std::string(8, '\0'));
   EXPECT_TRUE(contains(requests[4], "\naction: getParseResult\n"));
+}
+
+std::string clientNamedIn(const std::string& request) {
+  const std::string name = "\nclient: ";
+  const std::size_t place = request.find(name);
+  if (place == std::string::npos) return "none";
+  const std::size_t begin = place + name.size();
+  return request.substr(begin, request.find('\n', begin) - begin);
+}
+
+TEST(Load, AsksForItsOwnAnswersByANameThatNoOtherLoadHas) {
+  std::set<std::string> names;
+  for (int i = 0; i < 2; ++i) {
+    ScriptedServer server(loadOf(1, {{"a"}}));
+    EXPECT_EQ(load(server, documentLine("a", "x")).code, ExitCode::Ok);
+    const auto requests = server.connection(0).requests;
+    ASSERT_EQ(requests.size(), 4U);
+    const std::string name = clientNamedIn(requests[1]);
+    EXPECT_EQ(name.substr(0, 5), "load-");
+    EXPECT_EQ(clientNamedIn(requests[2]), name);
+    EXPECT_EQ(clientNamedIn(requests[3]), name);
+    names.insert(name);
+  }
+  EXPECT_EQ(names.size(), 2U);
 }
 
 TEST(Load, GoesOnBehindLinesThatAreNoDocuments) {

@@ -516,7 +516,8 @@ TEST_F(ProcessTest, SettingsThatCannotAllBeReadAgainAllStay) {
   };
   write("warn");
   CorvanedProgram program({"--config", config});
-  program.line();
+  while (!program.line().starts_with("listening")) {
+  }
   write("info");
   std::ofstream(users) << "nonsense\n";
   program.signal(SIGHUP);

@@ -192,8 +192,9 @@ TEST_F(JournalTest, BatchWhoseCountsCannotBeIsNoChange) {
   const std::string fresh = bytesOf(0);
   for (const std::size_t place : {documents, deletions}) {
     for (const char value : {'\x7F', '\xFF'}) {
-      open();
+      std::filesystem::remove(segment(1));
       rewrite(0, fresh);
+      open();
       rewrite(1, withCount(place, value));
       EXPECT_THROW(open(), ServerError) << place;
       EXPECT_THAT(found_, IsEmpty()) << place;
@@ -738,12 +739,13 @@ TEST_F(DamagedJournalTest, LaterChangesTellWhatWasAcknowledgedWhenTheMarkIsOld) 
     SCOPED_TRACE(sector);
     restore(whole);
     rewrite(1, withoutSectors(whole.at(segment(1)), sector, 1));
-    if (sector * 512 < last) {
+    if ((sector + 1) * 512 <= last) {
       EXPECT_THAT(refusal(), HasSubstr(segment(1).string()));
-    } else {
-      EXPECT_EQ(refusal(), "") << "nothing on disk says that the last one was acknowledged";
-      EXPECT_THAT(found_, ElementsAre("k1", "k2", "k3"));
+      continue;
     }
+    EXPECT_EQ(refusal(), "") << "nothing on disk says that it was acknowledged";
+    const bool head = sector * 512 < last;
+    EXPECT_EQ(found_, head ? Keys({"k1", "k2"}) : Keys({"k1", "k2", "k3"}));
   }
 }
 
