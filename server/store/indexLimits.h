@@ -11,6 +11,8 @@
 
 namespace corvaned {
 
+class IdleReaders;
+
 /// What a byte of an ordinary text takes in memory while its words are gathered.
 constexpr std::size_t kIndexingCost = 16;
 
@@ -30,6 +32,8 @@ struct IndexLimits {
   std::shared_ptr<MemoryBudget> memory;
   /// What handles for searching take their descriptors from. None: without a limit.
   std::shared_ptr<DescriptorBudget> descriptors;
+  /// Where handles for searching are kept that nobody uses. None: in a place of each index's own.
+  std::shared_ptr<IdleReaders> idleReaders;
   /// Who helps to change the databases of an index that has several. None: nobody.
   Helpers helpers;
 };

@@ -171,10 +171,9 @@ std::optional<ResultPlace> endOf(ResultPlace begin, const SearchQuery& query,
 
 }  // namespace
 
-IndexReader::IndexReader(const IndexParts& parts, DescriptorBudget::Share descriptors,
-                         std::uint64_t generation)
+IndexReader::IndexReader(const IndexParts& parts, Resources resources, std::uint64_t generation)
     : generation_(generation),
-      descriptors_(std::move(descriptors)),
+      resources_(std::move(resources)),
       database_(parts.open()),
       analysis_(database_) {}
 

@@ -2,6 +2,7 @@
 
 #include <xapian.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -31,8 +32,13 @@ class IndexReader {
   /// The tables that it has open of each database.
   static constexpr std::size_t kDescriptors = 4;
 
-  IndexReader(const IndexParts& parts, DescriptorBudget::Share descriptors,
-              std::uint64_t generation);
+  /// What it takes of the budgets.
+  struct Resources {
+    MemoryBudget::Share memory;
+    DescriptorBudget::Share descriptors;
+  };
+
+  IndexReader(const IndexParts& parts, Resources resources, std::uint64_t generation);
 
   /// Which index it is open on, of those that follow each other in one directory.
   std::uint64_t generation() const { return generation_; }
@@ -42,7 +48,8 @@ class IndexReader {
   /// Whether the index has several databases.
   bool isInParts() const { return database_.size() > 1; }
   void refresh() { database_.reopen(); }
-  DescriptorBudget::Share takeDescriptors() { return std::move(descriptors_); }
+  std::size_t memory() const { return resources_.memory.bytes(); }
+  Resources takeResources() { return std::move(resources_); }
   const Xapian::Database& database() const { return database_; }
   const TextAnalysis& analysis() const { return analysis_; }
 
@@ -84,7 +91,7 @@ class IndexReader {
   const std::uint64_t generation_;
   std::uint64_t state_ = 0;
   // Declared before the database, so that they are given back when that is closed.
-  DescriptorBudget::Share descriptors_;
+  Resources resources_;
   Xapian::Database database_;
   TextAnalysis analysis_;
 };

@@ -8,11 +8,6 @@
 
 namespace corvaned {
 
-void IndexReaders::release() {
-  const std::lock_guard lock(mutex_);
-  idle_.clear();
-}
-
 IndexRevisions IndexReaders::revisions() {
   const CommitGate::Hold hold = commits_.hold();
   const ChangeGate::Opening opening(changes_);
@@ -23,12 +18,8 @@ IndexRevisions IndexReaders::revisions() {
   return parts.revisions();
 }
 
-std::unique_ptr<IndexReader> IndexReaders::takeIdle() {
-  const std::lock_guard lock(mutex_);
-  if (idle_.empty()) return nullptr;
-  std::unique_ptr<IndexReader> reader = std::move(idle_.back());
-  idle_.pop_back();
-  return reader;
+std::shared_ptr<IdleReaders> IndexReaders::idleReadersOf(const IndexLimits& limits) {
+  return limits.idleReaders ? limits.idleReaders : std::make_shared<IdleReaders>(limits.memory);
 }
 
 // A handle for an index that has been replaced must not be refreshed: it would take the new files
@@ -36,9 +27,13 @@ std::unique_ptr<IndexReader> IndexReaders::takeIdle() {
 void IndexReaders::refresh(std::unique_ptr<IndexReader>& reader) {
   // While several databases are being changed, whoever sees what was there before need not wait.
   if (reader && reader->isInParts() && reader->state() == state_) return;
-  DescriptorBudget::Share descriptors(limits_.descriptors.get());
+  IndexReader::Resources resources{{}, DescriptorBudget::Share(limits_.descriptors.get())};
   // Others may have to close something for that, so no lock is held.
-  if (!reader) descriptors.add(IndexReader::kDescriptors * IndexParts::in(path_).size());
+  if (!reader) {
+    const std::size_t databases = IndexParts::in(path_).size();
+    resources.memory = idle_.memoryFor(databases);
+    resources.descriptors.add(IndexReader::kDescriptors * databases);
+  }
   // How many databases there are is known for sure when one of them has been opened.
   std::optional<ChangeGate::Opening> opening;
   if (!reader || reader->isInParts()) opening.emplace(changes_);
@@ -47,9 +42,9 @@ void IndexReaders::refresh(std::unique_ptr<IndexReader>& reader) {
   if (reader && reader->generation() == generation_) {
     reader->refresh();
   } else {
-    if (reader) descriptors = reader->takeDescriptors();
+    if (reader) resources = reader->takeResources();
     reader =
-        std::make_unique<IndexReader>(IndexParts::in(path_), std::move(descriptors), generation_);
+        std::make_unique<IndexReader>(IndexParts::in(path_), std::move(resources), generation_);
   }
   reader->setState(state_);
 }
@@ -68,11 +63,6 @@ void IndexReaders::requireWhole() const {
 std::uint64_t IndexReaders::anyNumber() {
   std::random_device device;
   return static_cast<std::uint64_t>(device()) << 32U | device();
-}
-
-void IndexReaders::giveBack(std::unique_ptr<IndexReader> reader) {
-  const std::lock_guard lock(mutex_);
-  idle_.push_back(std::move(reader));
 }
 
 }  // namespace corvaned

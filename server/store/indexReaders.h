@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <shared_mutex>
 #include <span>
 #include <utility>
@@ -15,6 +14,7 @@
 
 #include "server/store/changeGate.h"
 #include "server/store/commitGate.h"
+#include "server/store/idleReaders.h"
 #include "server/store/indexLimits.h"
 #include "server/store/indexReader.h"
 
@@ -30,7 +30,7 @@ class IndexReaders {
   /// `patience`: how long a commit waits.
   IndexReaders(std::filesystem::path path, const IndexLimits& limits,
                std::chrono::milliseconds patience = CommitGate::kPatience)
-      : path_(std::move(path)), limits_(limits), commits_(patience) {}
+      : path_(std::move(path)), limits_(limits), commits_(patience), idle_(idleReadersOf(limits)) {}
 
   /// Runs `work` with a handle that sees what is there now. If a writer commits twice meanwhile,
   /// the handle's snapshot no longer exists and the database says so; then another attempt is made,
@@ -103,14 +103,14 @@ class IndexReaders {
   IndexRevisions revisions();
 
   /// Closes the idle ones.
-  void release();
+  void release() { idle_.release(); }
 
  private:
   template <typename Work, typename Progress>
   static auto attempts(std::span<IndexReaders* const> indexes, const Work& work,
                        const Progress& progress) {
     Handles handles;
-    for (IndexReaders* const index : indexes) handles.push_back(index->takeIdle());
+    for (IndexReaders* const index : indexes) handles.push_back(index->idle_.take());
     for (int attempt = 1;; ++attempt) {
       std::vector<CommitGate::Hold> holds;
       if (attempt > kFreeAttempts) {
@@ -121,7 +121,7 @@ class IndexReaders {
         for (std::size_t i = 0; i < indexes.size(); ++i) indexes[i]->refresh(handles[i]);
         auto result = work(std::as_const(handles));
         for (std::size_t i = 0; i < indexes.size(); ++i) {
-          indexes[i]->giveBack(std::move(handles[i]));
+          indexes[i]->idle_.keep(std::move(handles[i]));
         }
         return result;
       } catch (const Xapian::DatabaseModifiedError&) {
@@ -133,12 +133,11 @@ class IndexReaders {
     }
   }
 
-  std::unique_ptr<IndexReader> takeIdle();
   void refresh(std::unique_ptr<IndexReader>& reader);
   bool isWhole() const;
   void requireWhole() const;
-  void giveBack(std::unique_ptr<IndexReader> reader);
 
+  static std::shared_ptr<IdleReaders> idleReadersOf(const IndexLimits& limits);
   static std::uint64_t anyNumber();
 
   const std::filesystem::path path_;
@@ -153,8 +152,7 @@ class IndexReaders {
   // How many states of the index there have been, as far as they are counted.
   std::atomic<std::uint64_t> state_ = 1;
   bool settled_ = false;
-  std::mutex mutex_;
-  std::vector<std::unique_ptr<IndexReader>> idle_;  // Guarded by mutex_.
+  IdleReaders::OfIndex idle_;
 };
 
 }  // namespace corvaned

@@ -18,6 +18,7 @@
 #include "server/base/requestContext.h"
 #include "server/store/dataDirectory.h"
 #include "server/store/directory.h"
+#include "server/store/idleReaders.h"
 
 namespace corvaned {
 namespace {
@@ -71,7 +72,7 @@ LocalStore::LocalStore(std::filesystem::path directory, StoreLimits limits,
                        const std::optional<std::filesystem::path>& backups)
     : root_(prepared(noBackup(std::move(directory)))),
       collectionsRoot_(prepared(collectionsIn(root_))),
-      limits_(withHelpers(std::move(limits))),
+      limits_(completed(std::move(limits))),
       lock_(lockDataDirectory(root_)),
       outcomeMemory_(std::make_shared<OutcomeMemory>(limits_.index.memory)),
       registry_([this](const std::string& name) { return read(name); }) {
@@ -92,7 +93,8 @@ LocalStore::LocalStore(std::filesystem::path directory, StoreLimits limits,
 
 // Whoever brings an index up to date can have the threads that have nothing else to do. Work that
 // is offered to both kinds of them is done once.
-StoreLimits LocalStore::withHelpers(StoreLimits limits) {
+StoreLimits LocalStore::completed(StoreLimits limits) {
+  limits.index.idleReaders = std::make_shared<IdleReaders>(limits.index.memory);
   limits.index.helpers = [this](const std::function<void()>& work) {
     if (moreIndexers_) asio::post(*moreIndexers_, work);
     indexers_->run([work] {

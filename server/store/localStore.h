@@ -96,7 +96,7 @@ class LocalStore : public Store {
   CollectionCounts counts() const;
 
  private:
-  StoreLimits withHelpers(StoreLimits limits);
+  StoreLimits completed(StoreLimits limits);
   BackupKeeper::House house();
   BackupKeeper& keeper();
   Registry::Use find(const std::string& name);

@@ -207,7 +207,8 @@ TEST_F(DetailsOfLongTextsTest, TakeNothingAnyMoreWhenTheClientHasGone) {
     }
   }
   EXPECT_EQ(end, ErrorKind::Cancelled);
-  EXPECT_EQ(memory_->used(), idle_);
+  store_.closeCollection("c");
+  EXPECT_EQ(memory_->used(), 0U);
 }
 
 }  // namespace

@@ -508,6 +508,8 @@ TEST_F(IndexStepsTest, BatchThatIsDividedTakesMemoryBetweenItsSteps) {
     batch.changes.documents.push_back({"k" + std::to_string(i), {}, std::string(10000, 'x')});
   }
   collection_->apply(std::move(batch));
+  // From the first search on there is a handle for searching.
+  EXPECT_EQ(collection_->estimate("xxx*", kExactHits).documents, 0U);
   const std::size_t before = limits_.index.memory->used();
   collection_->requestUpdate();
   EXPECT_TRUE(collection_->indexStep());

@@ -420,6 +420,9 @@ TEST_F(TogetherTest, MemoryIsGivenBackAndWithoutItTheSearchIsRefused) {
   SearchQuery query = queryFor("fox");
   query.keys = Names(6000, "1");
   EXPECT_THAT(refusal({"a", "b"}, query), StartsWith("ZVK0011E"));
+  // That has closed its handles.
+  EXPECT_EQ(memory_->used(), idle - 2 * IdleReaders::kDatabaseCost);
+  details({"a", "b"}, queryFor("fox"), wanted);
   EXPECT_EQ(memory_->used(), idle);
 }
 

@@ -14,6 +14,7 @@
 #include "server/base/errors.h"
 #include "server/base/memoryBudget.h"
 #include "server/base/requestContext.h"
+#include "server/store/idleReaders.h"
 #include "server/store/localStore.h"
 #include "tests/server/store/randomTexts.h"
 #include "tests/support/temporaryDirectory.h"
@@ -149,7 +150,8 @@ TEST_F(MatchTest, RefusesATextThatIsTooLarge) {
 }
 
 TEST_F(MatchTest, RefusesTextsForWhichThereIsNoMemory) {
-  limits_.index.memory = std::make_shared<MemoryBudget>(std::size_t{1} << 20U);
+  limits_.index.memory =
+      std::make_shared<MemoryBudget>((std::size_t{1} << 20U) + IdleReaders::kDatabaseCost);
   store_.reset();
   store_ = std::make_unique<LocalStore>(directory_.path() / "data", limits_);
   store_->createCollection("c", "en");
