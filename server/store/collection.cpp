@@ -104,9 +104,34 @@ void Collection::noteReplayed(std::uint64_t segment, const Change& change) {
   // Where changes are searchable when they are acknowledged, the index has lost the document
   // already, and may have a newer one of the same key.
   if (refresh_.mode == Refresh::Mode::Immediate) return;
-  if (change.kind == ChangeKind::Remove) hide({segment, 0}, change.document.key);
+  if (change.kind == ChangeKind::Remove) hideReplayed(segment, change.document.key);
   if (change.kind != ChangeKind::Batch) return;
-  for (const std::string& key : change.batch->changes.deletions) hide({segment, 0}, key);
+  for (const std::string& key : change.batch->changes.deletions) hideReplayed(segment, key);
+}
+
+// While the server runs, many deletions are removed from the index soon; but they stay in the
+// journal until an update, so that there may be millions of them. Others are closed from here: to
+// begin anew after each would take as long as reading the journal.
+void Collection::hideReplayed(std::uint64_t segment, const std::string& key) {
+  const MemoryBudget* const memory = limits_.index.memory.get();
+  if (memory && hidden_->bytes() >= memory->limit() / kHiddenPerBudget) {
+    throw ServerError(
+        ErrorKind::OutOfMemory,
+        fmt::format("the collection {} cannot be opened: the keys of the deletions in its journal "
+                    "take more than {} KiB of memory, which is half of what the server may take; "
+                    "nothing is lost: start the server with a higher --max-memory, and call "
+                    "updateIndex",
+                    shown(name_), memory->limit() / kHiddenPerBudget >> 10U));
+  }
+  while (!hidden_->addIfItFits(key, {segment, 0})) {
+    requireNotStopping(stopping_);
+    if (limits_.closeOther && limits_.closeOther()) continue;
+    throw ServerError(ErrorKind::TryAgain,
+                      fmt::format("the collection {} cannot be opened while there is no memory for "
+                                  "the keys of the deletions in its journal; try again, or raise "
+                                  "--max-memory",
+                                  shown(name_)));
+  }
 }
 
 std::shared_ptr<Ticket> Collection::add(const Document& document) {

@@ -42,6 +42,9 @@ struct StoreLimits {
   std::size_t hiddenKeys = 500;
   /// How many indexes are changed at a time.
   unsigned indexThreads = 2;
+  /// Closes a collection that nobody uses, whose memory another one needs while it is opened; false
+  /// if there is none. None: there are no others.
+  std::function<bool()> closeOther;
   /// How many databases share the documents of a collection that is created, at most
   /// kMostParts.
   std::size_t parts = 1;
@@ -65,6 +68,9 @@ class Collection {
 
   /// What an open collection takes of the memory, beside the checksums of its index.
   static constexpr std::size_t kOpenBytes = std::size_t{40} << 10U;
+  /// The part of the memory that the deleted keys of a journal may take when it is opened. Their
+  /// removal from the index needs half as much again.
+  static constexpr std::size_t kHiddenPerBudget = 2;
 
   /// The shortest time after which an update that failed is tried again by itself.
   static constexpr std::chrono::milliseconds kRetryAfter{1000};
@@ -72,7 +78,8 @@ class Collection {
   static constexpr std::chrono::milliseconds kRebuildAgainAfter{60000};
 
   /// `outcomes` outlive the collection's being open; `stopping` ends the opening when it becomes
-  /// true. Throws ServerError(TryAgain) if there is no memory or no descriptor for one more.
+  /// true. Throws ServerError(TryAgain) if there is no memory or no descriptor for one more, and
+  /// ServerError(OutOfMemory) if there can be none for the deletions in its journal.
   Collection(std::string name, const std::filesystem::path& directory, StoreLimits limits,
              std::shared_ptr<ParseOutcomes> outcomes, const std::atomic<bool>& stopping);
 
@@ -217,6 +224,7 @@ class Collection {
   LookUp beginLookUp();
   JournalPosition indexed() const;
   void noteReplayed(std::uint64_t segment, const Change& change);
+  void hideReplayed(std::uint64_t segment, const std::string& key);
   BatchOutcome decide(Batch& batch, const std::shared_ptr<BatchEntry>& entry,
                       Journal::Place& place);
   void requireMark(const std::string& expected) const;

@@ -20,6 +20,19 @@ void HiddenKeys::add(const std::string& key, const JournalPosition& position) {
   memory_.force(keyBytes_);
 }
 
+bool HiddenKeys::addIfItFits(const std::string& key, const JournalPosition& position) {
+  const std::unique_lock lock(mutex_);
+  const std::size_t more = deletions_.contains(key) ? 0 : key.size() + kKeyCost;
+  if (!memory_.resize(keyBytes_ + more, MemoryBudget::Use::Large)) return false;
+  put(key, position);
+  return true;
+}
+
+std::size_t HiddenKeys::bytes() const {
+  const std::shared_lock lock(mutex_);
+  return keyBytes_;
+}
+
 void HiddenKeys::put(const std::string& key, const JournalPosition& position) {
   const auto [place, isNew] = deletions_.try_emplace(key, Deletion{position, version_ + 1});
   place->second.position = std::max(place->second.position, position);

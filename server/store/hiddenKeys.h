@@ -27,7 +27,11 @@ class HiddenKeys {
   explicit HiddenKeys(MemoryBudget::Share memory) : memory_(std::move(memory)) {}
 
   void add(const std::string& key, const JournalPosition& position);
+  /// The same if there is memory for that; false, and nothing, if not.
+  bool addIfItFits(const std::string& key, const JournalPosition& position);
   bool contains(const std::string& key) const;
+  /// The memory that they take.
+  std::size_t bytes() const;
   std::size_t size() const;
   std::vector<std::string> keys() const;
 

@@ -94,6 +94,7 @@ LocalStore::LocalStore(std::filesystem::path directory, StoreLimits limits,
 // Whoever brings an index up to date can have the threads that have nothing else to do. Work that
 // is offered to both kinds of them is done once.
 StoreLimits LocalStore::completed(StoreLimits limits) {
+  limits.closeOther = [this] { return registry_.closeOldest(); };
   limits.index.idleReaders = std::make_shared<IdleReaders>(limits.index.memory);
   limits.index.helpers = [this](const std::function<void()>& work) {
     if (moreIndexers_) asio::post(*moreIndexers_, work);
