@@ -1,5 +1,7 @@
 #include "server/store/indexWriter.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 
 #include "server/base/errors.h"
@@ -66,34 +68,49 @@ IndexWriter::IndexWriter(std::filesystem::path collection, const IndexLimits& li
 // A batch that fails is halved until the change that makes it fail is alone.
 void IndexWriter::apply(std::span<const Change> changes) {
   if (changes.empty()) return;
-  std::string reason;
-  try {
-    commit(changes);
-    return;
-  } catch (const Xapian::RuntimeError&) {
-    // The storage failed, not this document; every other document would fail, too.
-    close();
-    throw;
-  } catch (const Xapian::Error& error) {
-    close();
-    reason = error.get_msg();
-  }
+  const std::optional<std::string> reason = reasonAgainst(changes);
+  if (!reason) return;
   if (changes.size() == 1) {
     refused_.push_back({changes.front().document.key,
                         std::string(messageId(ErrorKind::DocumentsNotIndexed)),
-                        "the document cannot be indexed: " + reason});
+                        "the document cannot be indexed: " + *reason});
     return;
   }
   apply(changes.first(changes.size() / 2));
   apply(changes.subspan(changes.size() / 2));
 }
 
-void IndexWriter::commit(std::span<const Change> changes) {
-  // An index update is not refused for want of memory: it is what others have to leave room for.
-  MemoryBudget::Share memory = shareOf(limits_);
+// Nothing if they have been applied. An index update is not refused for want of memory that others
+// have: it is what they have to leave room for. What the whole budget cannot give, nobody can.
+std::optional<std::string> IndexWriter::reasonAgainst(std::span<const Change> changes) {
+  const auto fits = [&](std::size_t bytes) {
+    return !limits_.memory || limits_.memory->canEverFit(bytes, MemoryBudget::Use::Large);
+  };
   IndexingMemory needed;
   for (const Change& change : changes) needed.add(change);
-  memory.force(needed.bytes());
+  const std::size_t least = needed.leastBytes();
+  if (!fits(least)) {
+    return fmt::format(
+        "its words take {} MiB of memory, more than --max-memory allows; divide it, or raise "
+        "--max-memory and add it again",
+        (least >> 20U) + 1);
+  }
+  MemoryBudget::Share memory = shareOf(limits_);
+  memory.force(fits(needed.bytes()) ? needed.bytes() : least);
+  try {
+    commit(changes);
+    return std::nullopt;
+  } catch (const Xapian::RuntimeError&) {
+    // The storage failed, not this document; every other document would fail, too.
+    close();
+    throw;
+  } catch (const Xapian::Error& error) {
+    close();
+    return error.get_msg();
+  }
+}
+
+void IndexWriter::commit(std::span<const Change> changes) {
   open();
   const std::vector<Share> shares = sharesOf(changes);
   inParallel(shares.size(), limits_.helpers, [&](std::size_t number) {

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <exception>
 #include <filesystem>
+#include <optional>
 #include <span>
 #include <string>
 #include <utility>
@@ -43,6 +44,7 @@ class IndexWriter {
     std::vector<const Change*> changes;
   };
 
+  std::optional<std::string> reasonAgainst(std::span<const Change> changes);
   void commit(std::span<const Change> changes);
   void open();
   void finishLast();

@@ -36,13 +36,18 @@ class IndexingMemory {
  public:
   void add(const Change& change);
   std::size_t bytes() const;
+  /// The same without the allowance by bytes, which is several times too much for a long text whose
+  /// words come again.
+  std::size_t leastBytes() const;
   void clear();
 
  private:
   void addText(std::string_view text, std::string_view name);
   void addWord(std::uint64_t word, std::size_t length);
+  std::size_t ofWords() const;
 
   std::size_t textBytes_ = 0;
+  std::size_t places_ = 0;
   // Words of all documents together, each once; of each document once; and of the one that has
   // most. Each with the bytes of these words.
   DistinctCount words_;

@@ -107,6 +107,30 @@ TEST(MemoryToIndex, CoversWhatTheEngineHoldsAndNotMuchMore) {
   }
 }
 
+std::size_t leastFor(const std::vector<Change>& changes) {
+  IndexingMemory memory;
+  for (const Change& change : changes) memory.add(change);
+  return memory.leastBytes();
+}
+
+// What is refused for it would not have been indexed in less.
+TEST(MemoryToIndex, LeastOfOneDocumentCoversWhatTheEngineHoldsToo) {
+  std::vector<Kind> kinds = kindsOfManyWords();
+  kinds.push_back({"fifty words", 1, 50000, [](int i) { return letters(i % 50) + " "; }});
+  kinds.push_back({"short words", 1, 100000,
+                   [](int i) { return std::string(1, static_cast<char>('a' + i % 20)) + " "; }});
+  kinds.push_back({"no words", 1, 100000, [](int) { return std::string(". "); }});
+  for (const Kind& kind : kinds) {
+    const auto changes = changesOf(1, kind.documents * kind.words, kind.word);
+    EXPECT_GE(leastFor(changes), held(changes)) << kind.name;
+  }
+}
+
+TEST(MemoryToIndex, LeastOfWordsThatComeAgainIsFarBelowThatOfTheBytes) {
+  const auto changes = changesOf(1, 50000, [](int i) { return letters(i % 50) + " "; });
+  EXPECT_LT(leastFor(changes), estimated(changes) / 2);
+}
+
 TEST(MemoryToIndex, OfWordsThatComeAgainIsThatOfTheBytes) {
   const auto changes = changesOf(100, 1000, [](int i) { return letters(i % 50) + " "; });
   EXPECT_EQ(estimated(changes), kIndexingCost * (100 * 8000 + 290));
