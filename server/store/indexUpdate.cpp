@@ -46,7 +46,9 @@ void IndexUpdate::count() {
     if (keyBytes_ >= mostKeyBytes_ && !part_.isInsideBatch()) return endCount(false);
     const auto change = next();
     if (!change) return endCount(true);
-    const auto [entry, isNew] = lastOfKey_.insert_or_assign(change->document.key, position_++);
+    const auto [entry, isNew] = lastOfKey_.try_emplace(change->document.key);
+    entry->second.number = position_++;
+    if (change->kind == ChangeKind::Remove) entry->second.removes = true;
     if (isNew) keyBytes_ += entry->first.size() + kKeyCost;
   }
   memory_.force(keyBytes_ + bytesHeld_);
@@ -107,15 +109,26 @@ bool IndexUpdate::apply() {
     more = position_ < sliceEnd_;
     if (!more) break;
     auto change = next();
-    if (lastOfKey_[change->document.key] != position_++) continue;
+    if (lastOfKey_[change->document.key].number != position_++) continue;
     memory.add(*change);
     batch.push_back(std::move(*change));
   }
   std::vector<ParseOutcome> refused = index_.applyBatch(batch, stop_);
+  removeWhatReplacesNothing(refused);
   std::move(refused.begin(), refused.end(), std::back_inserter(refused_));
   if (more || isLastSlice_) return more;
   beginSlice();
   return true;
+}
+
+// A document that the index refuses leaves the earlier one of its key. If that was deleted before,
+// it must not come back.
+void IndexUpdate::removeWhatReplacesNothing(const std::vector<ParseOutcome>& refused) {
+  std::vector<Change> removals;
+  for (const ParseOutcome& one : refused) {
+    if (lastOfKey_[one.key].removes) removals.push_back({ChangeKind::Remove, {one.key, {}, {}}});
+  }
+  if (!removals.empty()) index_.applyBatch(removals, stop_);
 }
 
 }  // namespace corvaned

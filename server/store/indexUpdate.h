@@ -35,10 +35,17 @@ class IndexUpdate {
   std::vector<ParseOutcome>& refused() { return refused_; }
 
  private:
+  struct LastChange {
+    std::uint64_t number = 0;
+    /// It, or one before it in the slice, removes the document.
+    bool removes = false;
+  };
+
   void count();
   void endCount(bool isLast);
   void forgetReplacedRefusals();
   bool apply();
+  void removeWhatReplacesNothing(const std::vector<ParseOutcome>& refused);
   void beginSlice();
   std::optional<Change> next();
 
@@ -53,8 +60,8 @@ class IndexUpdate {
   std::uint64_t sliceBegin_ = 0;
   std::uint64_t sliceEnd_ = 0;
   bool isLastSlice_ = false;
-  // Which change of each key is the last one of the slice.
-  std::unordered_map<std::string, std::uint64_t> lastOfKey_;
+  // Of each key in the slice.
+  std::unordered_map<std::string, LastChange> lastOfKey_;
   MemoryBudget::Share memory_;
   std::size_t keyBytes_ = 0;
   // What the journal's part is known to hold.

@@ -113,6 +113,19 @@ TEST_F(LargeDocumentTest, ThatNeedsMoreThanTheBudgetIsRefusedAlone) {
   EXPECT_THAT(keys("hound"), ::testing::IsEmpty());
 }
 
+TEST_F(LargeDocumentTest, ThatIsRefusedDoesNotBringBackWhatWasDeletedBeforeIt) {
+  open(kBudget);
+  store_->createCollection("c", "en");
+  for (const char* key : {"deleted", "replaced"}) store_->addDocument("c", {key, {}, "hound"});
+  store_->updateIndex("c");
+  store_->deleteDocument("c", "deleted");
+  for (const char* key : {"deleted", "replaced"}) {
+    store_->addDocument("c", {key, {}, many(20000)});
+  }
+  EXPECT_THROW(store_->updateIndex("c"), ServerError);
+  EXPECT_THAT(keys("hound"), ::testing::ElementsAre("replaced"));
+}
+
 TEST_F(LargeDocumentTest, WhatIsSetAsideForOneIsNeverMoreThanTheBudget) {
   std::vector<ParseOutcome> refused;
   const auto put = [](const std::string& key, std::string text) {
