@@ -5,6 +5,7 @@
 
 #include "server/store/indexLimits.h"
 #include "server/store/searchableText.h"
+#include "server/store/textNormalizer.h"
 
 namespace corvaned {
 namespace {
@@ -174,6 +175,8 @@ void IndexingMemory::add(const Change& change) {
 }
 
 void IndexingMemory::addText(std::string_view text, std::string_view name) {
+  const std::size_t normal = normalizedBytes(text);
+  if (normal > text.size()) textBytes_ += normal - text.size();
   const auto take = [this](std::uint64_t word, std::size_t length) { addWord(word, length); };
   WordScan(hashed(kFirst, name), take).read(text);
 }

@@ -151,13 +151,30 @@ bool isOneWord(const QueryPiece& piece) {
 
 using Instance = const icu::Normalizer2* (*)(UErrorCode& code);
 
-std::string normalized(std::string_view text, Instance instance) {
+const icu::Normalizer2& formOf(Instance instance) {
   UErrorCode code = U_ZERO_ERROR;
   const icu::Normalizer2* form = instance(code);
   if (U_FAILURE(code)) failed(code);
+  return *form;
+}
+
+class CountingSink final : public icu::ByteSink {
+ public:
+  void Append(const char* /*bytes*/, std::int32_t length) override {
+    count_ += static_cast<std::size_t>(length);
+  }
+  std::size_t count() const { return count_; }
+
+ private:
+  std::size_t count_ = 0;
+};
+
+std::string normalized(std::string_view text, Instance instance) {
+  UErrorCode code = U_ZERO_ERROR;
+  const icu::Normalizer2& form = formOf(instance);
   const auto source = icu::UnicodeString::fromUTF8(
       icu::StringPiece(text.data(), static_cast<std::int32_t>(text.size())));
-  const icu::UnicodeString normal = form->normalize(source, code);
+  const icu::UnicodeString normal = form.normalize(source, code);
   if (U_FAILURE(code)) failed(code);
   std::string result;
   return normal.toUTF8String(result);
@@ -168,6 +185,20 @@ std::string normalized(std::string_view text, Instance instance) {
 std::string normalizeText(std::string_view text) {
   if (isAscii(text)) return std::string(text);
   return normalized(text, icu::Normalizer2::getNFKCInstance);
+}
+
+std::size_t normalizedBytes(std::string_view text) {
+  if (isAscii(text)) return text.size();
+  UErrorCode code = U_ZERO_ERROR;
+  const icu::Normalizer2& form = formOf(icu::Normalizer2::getNFKCInstance);
+  const icu::StringPiece source(text.data(), static_cast<std::int32_t>(text.size()));
+  // Most texts are normal, and looking writes nothing.
+  if (form.isNormalizedUTF8(source, code) && U_SUCCESS(code)) return text.size();
+  CountingSink sink;
+  code = U_ZERO_ERROR;
+  form.normalizeUTF8(0, source, sink, nullptr, code);
+  if (U_FAILURE(code)) failed(code);
+  return sink.count();
 }
 
 std::string foldedText(std::string_view text) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -8,6 +9,10 @@ namespace corvaned {
 /// The text in Unicode normalization form NFKC, so that all spellings of a word in Unicode become
 /// the same. Bytes that are not UTF-8 become U+FFFD. Used for documents and for queries.
 std::string normalizeText(std::string_view text);
+
+/// How many bytes normalizeText() makes of the text, found without making them. One character can
+/// stand for a whole phrase.
+std::size_t normalizedBytes(std::string_view text);
 
 /// The text in a form in which letters that differ only in case, width and the like are the same.
 std::string foldedText(std::string_view text);

@@ -136,6 +136,13 @@ TEST(MemoryToIndex, OfWordsThatComeAgainIsThatOfTheBytes) {
   EXPECT_EQ(estimated(changes), kIndexingCost * (100 * 8000 + 290));
 }
 
+// U+FDFA is one letter for a phrase of eighteen.
+TEST(MemoryToIndex, CoversLettersThatStandForPhrases) {
+  const std::vector<Change> changes = changesOf(8, 50000, [](int) { return "\uFDFA "; });
+  EXPECT_GE(estimated(changes), held(changes));
+  EXPECT_GT(estimated(changes), 8 * 50000 * 33 * kIndexingCost);
+}
+
 TEST(MemoryToIndex, CapitalsAndEndsOfSentencesMakeNoOtherWords) {
   const auto of = [](const std::string& text) {
     return estimated({{ChangeKind::Put, {"k", {}, text}}});
