@@ -85,7 +85,10 @@ constinit std::atomic<const MessageTables*> MessageTables::filled{nullptr};
 /// No thread waits for another one to fill: a child that is forked meanwhile has no such thread. Of
 /// tables that several threads have filled one becomes the process's.
 const MessageTables& MessageTables::fillOnce() {
-  static constinit thread_local const MessageTables* filling = nullptr;
+  // Any other model takes memory at the first use where the library was loaded with dlopen, and the
+  // system ends the process when there is none.
+  [[gnu::tls_model("initial-exec")]] static constinit thread_local const MessageTables* filling =
+      nullptr;
   if (filling != nullptr) return *filling;
   std::unique_ptr<MessageTables> own(new MessageTables);
   filling = own.get();

@@ -87,7 +87,18 @@ HOST
     fail "run() of symbolsHost.cpp gave $?; 134 means that a function of the host was called"
 }
 
-for library in "${libraries[@]}"; do check_exports "$library"; done
+# The system takes memory for other data of a thread when it is first used, and ends the process
+# where there is none.
+check_thread_data() {
+  local late
+  late=$(readelf -rW "$1" | grep -E 'DTPMOD|TLSDESC' || true)
+  [ -z "$late" ] || fail "${1##*/} has data of threads that is not there when it is loaded: $late"
+}
+
+for library in "${libraries[@]}"; do
+  check_exports "$library"
+  check_thread_data "$library"
+done
 check_exceptions "${libraries[0]}" tq::comm::RESTException
 check_exceptions "${libraries[1]}" tq::oss::BaseException tq::oss::NLSException \
   tq::oss::SocketException tq::oss::SocketTimeoutException
