@@ -41,9 +41,16 @@ void ClientResponse::setSelectivityInfo(const SelectivityInfo& info) {
   selectivity_ = info;
 }
 
-void ClientResponse::keepTakenApart() noexcept {
-  if (searchResponse_.results_ != nullptr) searchResponse_.results_->goOn();
-  if (parseResponse_.results_ != nullptr) parseResponse_.results_->goOn();
+ClientResponse::TakenApart::TakenApart(ClientResponse& response) noexcept : response_(response) {
+  if (response.searchResponse_.results_ != nullptr) response.searchResponse_.results_->goOn();
+  if (response.parseResponse_.results_ != nullptr) response.parseResponse_.results_->goOn();
+}
+
+// What the host adds by hand to a list that has been taken starts it anew.
+ClientResponse::TakenApart::~TakenApart() {
+  if (response_.searchResponse_.results_ != nullptr)
+    response_.searchResponse_.results_->startAnew();
+  if (response_.parseResponse_.results_ != nullptr) response_.parseResponse_.results_->startAnew();
 }
 
 void ClientResponse::dropTakenHits() noexcept {

@@ -411,10 +411,10 @@ void CorvaneRESTClient::refuseForeign(const ClientResponse& response) const {
                u"read only into its own"));
 }
 
-void CorvaneRESTClient::claim(ClientResponse& response) {
+ClientResponse::TakenApart CorvaneRESTClient::claim(ClientResponse& response) {
   refuseForeign(response);
   response.fillFrom(clientNumber_, exchangeNumber_);
-  response.keepTakenApart();
+  return ClientResponse::TakenApart(response);
 }
 
 bool CorvaneRESTClient::streamLostItsConnection() const {
@@ -563,7 +563,7 @@ void CorvaneRESTClient::settleChunked(const RESTResponse& parser) {
 void CorvaneRESTClient::recvStream(ClientResponse& response) {
   const tq::oss::TraceScope trace(trace::CorvaneRESTClientRecvStream);
   const OperationScope operation(*this);
-  claim(response);
+  const auto apart = claim(response);
   if (endOfStream_) {
     response.setSearchResponse(SearchResponse());
     return;

@@ -360,7 +360,7 @@ void DrestoPerfClient::recvStream(ClientResponse& response) {
   const tq::oss::TraceScope trace(trace::DrestoPerfClientRecvStream);
   const OperationScope operation(*this);
   refuseWithoutExchange();
-  claim(response);
+  const auto apart = claim(response);
   const bool parseResults = requestKind_ == ClientRequest::PARSE_RESULT;
   if (endOfStream_) {
     if (parseResults) {
@@ -479,7 +479,7 @@ void DrestoPerfClient::recv(ClientResponse& response) {
     fail(StaticDefs::ERR_CONNECT_SERVER, atServer(), kLineRecvNotConnected);
   }
   refuseWithoutExchange();
-  claim(response);
+  const auto apart = claim(response);
   try {
     // Past the end there is nothing to parse, and the parser has to know that it is finished.
     if (!endOfStream_) parser_->initState(true);

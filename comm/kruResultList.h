@@ -68,6 +68,8 @@ class ResultList {
   void goOn() noexcept {
     if (count_ == 0 && size_ != 0) begin_ = {tail_, slabs_[tail_].used};
   }
+  /// From here on the first one is, as ever.
+  void startAnew() noexcept { begin_ = {}; }
   /// When everything has been taken, the elements go away.
   void dropTaken() noexcept {
     if (count_ == 0 && size_ != 0) init();

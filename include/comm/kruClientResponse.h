@@ -99,9 +99,18 @@ class KRU_EXPORT ClientResponse {
   friend class HitFiller;
   friend class ParseFiller;
 
-  // What has been taken is not handed out again with what a client adds next. The second also gives
-  // the memory of hits back.
-  void keepTakenApart() noexcept;
+  // What has been taken is not handed out again with what a client adds in its lifetime.
+  class TakenApart {
+   public:
+    explicit TakenApart(ClientResponse& response) noexcept;
+    ~TakenApart();
+    TakenApart(const TakenApart&) = delete;
+    TakenApart& operator=(const TakenApart&) = delete;
+
+   private:
+    ClientResponse& response_;
+  };
+  // Gives the memory of hits back that have all been taken.
   void dropTakenHits() noexcept;
 
   int resultCount_ = 0;

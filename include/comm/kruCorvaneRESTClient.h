@@ -223,9 +223,9 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   /// Fills the response for a kind without a reply. Throws ERR_INVALID_STATE when it is called by
   /// hand although a reply was asked for.
   void skipReply(ClientResponse& response);
-  /// Refuses a response that another exchange has filled, and makes it this exchange's, which goes
-  /// on behind the results that have been taken.
-  void claim(ClientResponse& response);
+  /// Refuses a response that another exchange has filled, and makes it this exchange's. As long as
+  /// what it returns lives, results go on behind those that have been taken.
+  ClientResponse::TakenApart claim(ClientResponse& response);
   /// The reply was read to its end.
   void endReply();
   /// Nothing more can come of this stream.

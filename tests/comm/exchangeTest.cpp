@@ -383,6 +383,26 @@ TEST_P(Exchange, HitsThatAreLeftToTakeComeBeforeThoseOfTheNextPortion) {
   EXPECT_EQ(idsHeld(response), (std::vector<std::string>{idOfKey("k2"), idOfKey("k3")}));
 }
 
+TEST_P(Exchange, WhatIsAddedByHandAfterAReceiveThatBroughtNothingStartsTheListAnew) {
+  Script script;
+  replies.sendHits(replies.expect(script), {"k1"}, false);
+  ScriptedNetwork network(script, kOnDemand);
+  const auto client = clientOf();
+  ClientResponse response;
+  EXPECT_EQ(exchange(*client, kScalarSearch, response), Raised());
+  EXPECT_EQ(idsHeld(response), std::vector<std::string>{idOfKey("k1")});
+  try {
+    client->recv(response);
+  } catch (const tq::comm::RESTException&) {
+    // Over the binary protocol the cut is a failure.
+  }
+  tq::comm::SearchResult own(true);
+  own.getProperties()->putProperty(u"URI", u"own");
+  own.reset();
+  response.getSearchResponse().addResult(own);
+  EXPECT_EQ(utf8(response.getSearchResponse().getNext().getDocId()), idOfKey("k1"));
+}
+
 TEST_P(Exchange, AnotherScalarSearchHandsOutNoHitThatWasTaken) {
   ScriptedNetwork network(answers({replies.hitsAtOnce({"k1", "k2"}),
                                    replies.hitsAtOnce({"k3", "k4"}), replies.hitsAtOnce({"k5"})}));
