@@ -58,17 +58,20 @@ class Undisturbed {
 };
 
 /// The host's buffer need bear no two writers at a time: that of standard error does so only until
-/// the host calls `sync_with_stdio(false)`. Nobody waits for the other one, who may be writing to a
-/// pipe that is full.
+/// the host calls `sync_with_stdio(false)`. The second one tries a few times, since a line is soon
+/// written, but does not wait: the first one may be writing to a pipe that is full.
 class OnlyWriter {
  public:
   OnlyWriter() noexcept {
     const pid_t self = ::getpid();
-    pid_t other = 0;
-    held_ = writer.compare_exchange_strong(other, self, std::memory_order_acquire);
-    // A child that was forked meanwhile has a copy of the mark, but not the thread that made it.
-    if (!held_ && other != self) {
+    for (int attempt = 0; attempt < kAttempts && !held_; ++attempt) {
+      if (attempt > 0) ::sched_yield();
+      pid_t other = 0;
       held_ = writer.compare_exchange_strong(other, self, std::memory_order_acquire);
+      // A child that was forked meanwhile has a copy of the mark, but not the thread that made it.
+      if (!held_ && other != self) {
+        held_ = writer.compare_exchange_strong(other, self, std::memory_order_acquire);
+      }
     }
   }
   ~OnlyWriter() {
@@ -80,6 +83,7 @@ class OnlyWriter {
   bool held() const noexcept { return held_; }
 
  private:
+  static constexpr int kAttempts = 100;
   // The process in which a diagnostic is being written; 0: none.
   static std::atomic<pid_t> writer;
   bool held_ = false;
