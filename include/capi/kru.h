@@ -47,10 +47,11 @@ enum {
   KRU_TIMEOUT = 15,       /* the time-out or the deadline passed */
   KRU_CANCELLED = 16,     /* the wait hook gave up */
   KRU_REFUSED = 17,       /* the server refused the request; `id` and `message` are the server's,
-                             whichever id that is. Over HTTP `id` is "KRU_REFUSED" when it did not
-                             say why, and "ERR_SERVER_APP" (status 500) or "ERR_SERVER_PROTOCOL"
-                             when its reason cannot be read */
-  KRU_UNAUTHORIZED = 18,  /* the server does not know the caller */
+                             whichever id that is. Where its reason cannot be read they are the
+                             library's: "ERR_CLIENT_RESP_PARSING" for a record, and over HTTP
+                             "ERR_SERVER_APP" (status 500) or "ERR_SERVER_PROTOCOL"; "KRU_REFUSED"
+                             when it did not say why */
+  KRU_UNAUTHORIZED = 18,  /* the server does not know the caller: its id says so, or its status */
   KRU_PROTOCOL = 19,      /* what arrived is no reply, or exceeds a limit */
   KRU_INTERNAL = 20,      /* other failures of the library */
   KRU_TRUNCATED = 21,     /* the reply broke off: what was handed out is right, but not all */
@@ -154,9 +155,9 @@ enum { KRU_WAIT_READY = 0, KRU_WAIT_TIMED_OUT = 1, KRU_WAIT_GIVE_UP = 2 };
    A HOOK RETURNS. It must not leave by longjmp, by a language's exception or by pthread_exit: the
    library's frames would be skipped, and what they hold would stay held. A client that was left so
    refuses every further call (KRU_MISUSE) and gives back neither its memory nor its connection, not
-   even when it is destroyed. A host whose errors are jumps catches them inside of the hook, keeps
-   what it caught, and answers KRU_WAIT_GIVE_UP; when the call has returned KRU_CANCELLED, it raises
-   its error again:
+   even when it is destroyed; and pthread_cancel has no effect on the thread any more. A host whose
+   errors are jumps catches them inside of the hook, keeps what it caught, and answers
+   KRU_WAIT_GIVE_UP; when the call has returned KRU_CANCELLED, it raises its error again:
 
      static int32_t wait_for(void* host, int32_t fd, int32_t events, int32_t time_out) {
        struct my_state* state = host;

@@ -105,20 +105,20 @@ class KRU_EXPORT CorvaneClient {
   void close();
 
   /// Waits for `length` bytes or the peer's close and returns how many stand at `buffer + offset`;
-  /// 0 means that the peer has closed. With `wait` the time-out applies (ERR_SERVER_COMM_TIMEOUT).
-  /// A broken connection is a tq::oss::SocketException.
+  /// 0 means that the peer has closed. With `wait` the time-out applies, and always the deadline
+  /// (ERR_SERVER_COMM_TIMEOUT). A broken connection is a tq::oss::SocketException.
   unsigned long read(char* buffer, unsigned long offset, unsigned long length, bool wait);
 
   /// Takes what has arrived, at most `length` bytes, and waits if that is nothing; 0 means that the
-  /// peer has closed. `wait` is ignored: the time-out never applies here. Throws
-  /// tq::oss::SocketException. Bytes that a caller takes are missing from the reply that they
-  /// belong to: an open stream ends, and the next exchange takes a fresh connection. The same holds
-  /// for `read` and `genericRead`.
+  /// peer has closed. `wait` is ignored: the time-out never applies here, and a
+  /// deadline that passes is ERR_SERVER_COMM_TIMEOUT. Throws tq::oss::SocketException. Bytes that a
+  /// caller takes are missing from the reply that they belong to: an open stream ends, and the next
+  /// exchange takes a fresh connection. The same holds for `read` and `genericRead`.
   unsigned long readOnce(char* buffer, unsigned long offset, unsigned long length, bool wait);
 
   /// Waits until there is something to read. True at once when `wait` is false or no time-out is
-  /// set; never false. Throws ERR_SERVER_COMM_TIMEOUT, and tq::oss::SocketException without a
-  /// connection.
+  /// set; never false. No deadline applies. Throws ERR_SERVER_COMM_TIMEOUT, and
+  /// tq::oss::SocketException without a connection.
   bool dataToRead(bool wait);
 
   /// All reading by hand comes here. `once` takes what has come; else all is awaited, and left.

@@ -13,8 +13,8 @@ namespace tq::oss {
 ///
 /// They are called in the middle of an operation, so they must not use or change what that is
 /// about: its client, socket, parser, request or response. Other objects are free to use, but a
-/// message that is built while the library fills its tables of words, at its first message, may
-/// lack its action.
+/// document that is sent while the library fills its tables of words, at its first message, lacks
+/// the tags in front of its key and its content.
 class KRU_EXPORT TraceFacility {
  public:
   virtual ~TraceFacility() = default;

@@ -20,7 +20,8 @@ enum class WaitResult {
 /// call the library on the same client or socket; other ones are free to use. It must not read from
 /// or close the descriptor, throw or jump out (`longjmp`): it answers `GiveUp`, and the caller does
 /// what it wants to do once the operation has returned. Its thread is not cancelled meanwhile: a
-/// cancellation waits until the hook has returned, and then ends the operation.
+/// cancellation waits until the hook has returned, and then ends the operation. After a jump the
+/// thread cannot be cancelled any more.
 using WaitHook = WaitResult (*)(void* host, int fd, short events, int timeoutMillis) noexcept;
 
 }  // namespace tq::oss
