@@ -110,10 +110,11 @@ void Collection::noteReplayed(std::uint64_t segment, const Change& change) {
 }
 
 // While the server runs, many deletions are removed from the index soon; but they stay in the
-// journal until an update, so that there may be millions of them. Others are closed from here: to
-// begin anew after each would take as long as reading the journal.
+// journal until an update, so that there may be millions of them. Others are closed from here:
+// otherwise the journal would be read again after each.
 void Collection::hideReplayed(std::uint64_t segment, const std::string& key) {
   const MemoryBudget* const memory = limits_.index.memory.get();
+  deletionBytes_[segment] += HiddenKeys::bytesOf(key);
   if (memory && hidden_->bytes() >= memory->limit() / kHiddenPerBudget) {
     throw ServerError(
         ErrorKind::OutOfMemory,
@@ -619,6 +620,10 @@ void Collection::end(Job& job) {
   saveBatches();
   journal_.remove(job.end.segment - 1);
   uncut_ = restless_ = false;
+  {
+    const std::lock_guard lock(hiddenMutex_);
+    deletionBytes_.erase(deletionBytes_.begin(), deletionBytes_.lower_bound(job.end.segment));
+  }
   if (refused == 0) return;
   throw ServerError(ErrorKind::DocumentsNotIndexed,
                     fmt::format("{} documents cannot be indexed, all others are searchable; "
@@ -867,6 +872,7 @@ Collection::Condition Collection::condition() const noexcept {
 
 bool Collection::close() {
   index_.releaseHandles();
+  if (!couldBeOpenedAgain()) return false;
   try {
     journal_.syncAll();
   } catch (const ServerError& error) {
@@ -875,6 +881,15 @@ bool Collection::close() {
   }
   outcomes_->forgetTickets();
   return true;
+}
+
+bool Collection::couldBeOpenedAgain() const {
+  const MemoryBudget* const memory = limits_.index.memory.get();
+  if (!memory) return true;
+  const std::lock_guard lock(hiddenMutex_);
+  std::size_t bytes = 0;
+  for (const auto& [segment, ofSegment] : deletionBytes_) bytes += ofSegment;
+  return bytes < memory->limit() / kHiddenPerBudget;
 }
 
 IndexRevisions Collection::indexRevisions() const { return index_.revisions(); }
@@ -1050,6 +1065,7 @@ void Collection::requireGoingOn() const {
 
 void Collection::hide(JournalPosition position, const std::string& key) {
   const std::lock_guard lock(hiddenMutex_);
+  deletionBytes_[position.segment] += HiddenKeys::bytesOf(key);
   // An index update has already applied this deletion; a document with this key in the index is
   // newer.
   if (position <= indexed_) return;

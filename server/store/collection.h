@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -145,8 +146,9 @@ class Collection {
   void rest();
 
   /// Brings everything to disk, so that the object can go and another be made of the same files.
-  /// False if that would lose something: the journal refuses changes since the disk failed. Nothing
-  /// else may be called at the same time.
+  /// False if that would lose something, because the journal refuses changes since the disk failed,
+  /// or if there would be no memory for the deletions in the journal when it is opened again.
+  /// Nothing else may be called at the same time.
   bool close();
 
   /// What whoever copies the collection's files has to know of them. They change meanwhile.
@@ -224,6 +226,7 @@ class Collection {
   LookUp beginLookUp();
   JournalPosition indexed() const;
   void noteReplayed(std::uint64_t segment, const Change& change);
+  bool couldBeOpenedAgain() const;
   void hideReplayed(std::uint64_t segment, const std::string& key);
   BatchOutcome decide(Batch& batch, const std::shared_ptr<BatchEntry>& entry,
                       Journal::Place& place);
@@ -307,6 +310,9 @@ class Collection {
   // Keys deleted since the last updateIndex, and what part of the journal is in the index.
   mutable std::mutex hiddenMutex_;
   std::shared_ptr<HiddenKeys> hidden_;
+  // For each segment of the journal the memory that the keys of its deletions take when the
+  // collection is opened. The index may have lost most of them before.
+  std::map<std::uint64_t, std::size_t> deletionBytes_;
   JournalPosition indexed_;
 
   const std::shared_ptr<ParseOutcomes> outcomes_;

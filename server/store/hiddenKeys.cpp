@@ -14,6 +14,8 @@ constexpr std::uint64_t kNewest = std::numeric_limits<std::uint64_t>::max();
 
 }  // namespace
 
+std::size_t HiddenKeys::bytesOf(const std::string& key) { return key.size() + kKeyCost; }
+
 void HiddenKeys::add(const std::string& key, const JournalPosition& position) {
   const std::unique_lock lock(mutex_);
   put(key, position);
@@ -22,8 +24,9 @@ void HiddenKeys::add(const std::string& key, const JournalPosition& position) {
 
 bool HiddenKeys::addIfItFits(const std::string& key, const JournalPosition& position) {
   const std::unique_lock lock(mutex_);
-  const std::size_t more = deletions_.contains(key) ? 0 : key.size() + kKeyCost;
-  if (!memory_.resize(keyBytes_ + more, MemoryBudget::Use::Large)) return false;
+  const std::size_t more = deletions_.contains(key) ? 0 : bytesOf(key);
+  // As a large use it would wait for every request that waits for memory.
+  if (!memory_.resize(keyBytes_ + more, MemoryBudget::Use::Small)) return false;
   put(key, position);
   return true;
 }
@@ -38,7 +41,7 @@ void HiddenKeys::put(const std::string& key, const JournalPosition& position) {
   place->second.position = std::max(place->second.position, position);
   if (!isNew) return;
   ++version_;
-  keyBytes_ += key.size() + kKeyCost;
+  keyBytes_ += bytesOf(key);
 }
 
 bool HiddenKeys::contains(const std::string& key) const {

@@ -26,6 +26,9 @@ class HiddenKeys {
   HiddenKeys() = default;
   explicit HiddenKeys(MemoryBudget::Share memory) : memory_(std::move(memory)) {}
 
+  /// The memory that a key takes.
+  static std::size_t bytesOf(const std::string& key);
+
   void add(const std::string& key, const JournalPosition& position);
   /// The same if there is memory for that; false, and nothing, if not.
   bool addIfItFits(const std::string& key, const JournalPosition& position);

@@ -99,15 +99,14 @@ TEST_F(OpeningMemoryTest, OthersAreClosedForDeletedKeys) {
     store_->openCollection(name);
   }
   MemoryBudget::Share rest(*memory);
-  const std::size_t large = memory->limit() - memory->limit() / 8;
-  rest.force(large - memory->used() - kDeletions * 100);
+  rest.force(memory->limit() - memory->used() - kDeletions * 100);
   EXPECT_NO_THROW(store_->openCollection("c"));
   EXPECT_FALSE(store_->isOpen("other0"));
   EXPECT_TRUE(store_->isOpen("other9"));
   // What it has begun comes first: the keys are removed from the index.
   store_->closeCollection("c");
   while (store_->isOpen("c") || !store_->isSettled("c")) std::this_thread::yield();
-  rest.force(rest.bytes() + large - memory->used());
+  rest.force(rest.bytes() + memory->limit() - memory->used());
   try {
     store_->openCollection("c");
     ADD_FAILURE() << "not refused";
@@ -117,6 +116,39 @@ TEST_F(OpeningMemoryTest, OthersAreClosedForDeletedKeys) {
   }
   rest.force(0);
   EXPECT_EQ(hits(), 9U);
+}
+
+TEST_F(OpeningMemoryTest, FewDeletedKeysWaitForNobody) {
+  const auto memory = std::make_shared<MemoryBudget>(std::size_t{8} << 20U);
+  open(memory);
+  store_->createCollection("other", "en");
+  store_->openCollection("other");
+  MemoryBudget::Share rest(*memory);
+  rest.force(memory->limit() / 2);
+  const auto waits = memory->await(memory->limit() / 4 * 3, [](MemoryBudget::Share) {});
+  EXPECT_EQ(hits(), 9U);
+  EXPECT_TRUE(store_->isOpen("other"));
+  memory->withdraw(waits);
+}
+
+TEST_F(OpeningMemoryTest, CollectionThatCouldNotBeOpenedAgainStaysOpenUntilItsUpdate) {
+  open(std::make_shared<MemoryBudget>(std::size_t{4} << 20U));
+  store_->createCollection("d", "en");
+  store_->addDocument("d", {"0", {}, "fox"});
+  store_->updateIndex("d");
+  Batch batch{"b1", {}, {}, false, {}};
+  for (int i = 1; i < 25000; ++i) batch.changes.deletions.push_back(std::to_string(i));
+  store_->apply("d", std::move(batch));
+  SearchQuery query;
+  query.text = "fox";
+  store_->closeCollection("d");
+  while (!store_->isSettled("d")) std::this_thread::yield();
+  EXPECT_TRUE(store_->isOpen("d"));
+  EXPECT_EQ(store_->count("d", query), 1U);
+  store_->updateIndex("d");
+  store_->closeCollection("d");
+  while (store_->isOpen("d")) std::this_thread::yield();
+  EXPECT_EQ(store_->count("d", query), 1U);
 }
 
 }  // namespace
