@@ -498,7 +498,7 @@ void Connection::awaitCollection(Workload workload) {
 // Those that look keys up come one after the other in a collection, or wait for its disk. Others
 // would find no worker if all were of one collection. False if another call goes on, with a place.
 bool Connection::takePlace(Workload workload) {
-  if (workload != Workload::LookUp || place_) return true;
+  if (workload != Workload::LookUp || place_ || queued_->refusal) return true;
   const std::string collection(collectionNamedBy(*queued_));
   if (auto place = context_.placesToLookUp().tryToTake(collection)) {
     place_.emplace(std::move(*place));

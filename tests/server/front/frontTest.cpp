@@ -1062,6 +1062,26 @@ TEST_F(GuardedFrontTest, NobodyIsServedWithoutSayingWhoItIs) {
   EXPECT_EQ(binaryAsk(binary, 2, as(reader_, {{"action", "getStatus"}})), kSuccess);
 }
 
+TEST_F(GuardedFrontTest, RefusalDoesNotWaitForTheBatchesOfItsCollection) {
+  store_.createCollection("held", "en");
+  const Headers batch{{"action", "addDocument"}, {"index", "held"}};
+  const std::string none = documentBlock("any", {}, test::terminateRecord());
+  std::vector<RawClient> stuck;
+  for (unsigned i = 0; i < options_.lookUpThreads; ++i) {
+    Headers headers = as(ada_, batch);
+    headers["batch"] = "b" + std::to_string(i);
+    stuck.emplace_back(http_);
+    stuck.back().send(httpRequest(headers, none));
+  }
+  store_.gate.awaitWaiting(static_cast<int>(options_.lookUpThreads / 2));
+  Headers stranger = batch;
+  stranger["batch"] = "b";
+  RawClient client(http_);
+  EXPECT_THAT(httpAsk(client, stranger, none), StartsWith("HTTP/1.1 401 "));
+  store_.gate.open();
+  for (RawClient& each : stuck) EXPECT_THAT(each.receiveHttp(), StartsWith(kDone));
+}
+
 TEST_F(GuardedFrontTest, ContentOfARefusedRequestIsDiscardedAndTheConnectionGoesOn) {
   const Headers headers{{"action", "addDocument"}, {"index", "films"}};
   const std::string large = documentBlock("k", {}, std::string(1000000, 'x'));
