@@ -13,6 +13,7 @@
 #include "server/store/indexReplacement.h"
 #include "server/store/indexSums.h"
 #include "server/store/journalMark.h"
+#include "server/store/journalTail.h"
 
 namespace corvaned {
 namespace {
@@ -70,7 +71,7 @@ CollectionCopy::Kind CollectionCopy::kindOf(const std::filesystem::path& name) {
   if (name.extension() == kTableSuffix && *name.begin() == IndexSums::kIndexDirectory) {
     return Kind::Table;
   }
-  if (name.extension() == ".new") return Kind::Passing;
+  if (name.extension() == ".new" || isTailSetAside(name.string())) return Kind::Passing;
   if (name.has_parent_path()) return Kind::BesideTables;
   return isSegment(name.string()) ? Kind::Journal : Kind::Other;
 }

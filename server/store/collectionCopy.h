@@ -52,7 +52,8 @@ class CollectionCopy {
     /// In a directory, too, and no table of the index.
     BesideTables,
     Journal,
-    /// Something that is being written, and gets its name when it is complete.
+    /// Something that is being written, and gets its name when it is complete; or that no program
+    /// reads.
     Passing,
     Other,
   };

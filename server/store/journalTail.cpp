@@ -32,6 +32,21 @@ std::filesystem::path unusedName(const std::filesystem::path& directory) {
   }
 }
 
+std::uint64_t copyTail(const std::filesystem::path& segment, std::uint64_t from,
+                       const std::filesystem::path& to) {
+  const FileHandle source = openFile(segment, O_RDONLY);
+  const FileHandle target = openFile(to, O_WRONLY | O_CREAT | O_TRUNC);
+  std::uint64_t copied = 0;
+  for (;;) {
+    const std::string bytes = readAt(source, from + copied, kSlice, segment);
+    if (bytes.empty()) break;
+    writeAll(target, bytes, to);
+    copied += bytes.size();
+  }
+  syncFile(target, to);
+  return copied;
+}
+
 }  // namespace
 
 bool looksUnfinished(const SegmentPiece& piece, const std::filesystem::path& segment) {
@@ -48,7 +63,8 @@ bool looksUnfinished(const SegmentPiece& piece, const std::filesystem::path& seg
       const std::uint64_t to = std::min((from / kSector + 1) * kSector, next);
       const std::uint64_t zeros =
           zerosAtTheEnd(std::string_view(bytes).substr(from - slice, to - from));
-      if (zeros >= kLeastZeros && to - zeros < end) return true;
+      const bool isNothingElse = zeros == to - from;
+      if ((zeros >= kLeastZeros || isNothingElse) && to - zeros < end) return true;
       from = to;
     }
     slice = next;
@@ -60,16 +76,14 @@ JournalTail setTailAside(const std::filesystem::path& segment, std::uint64_t fro
   const std::filesystem::path directory = segment.parent_path();
   const std::filesystem::path passing = directory / "journal-dropped.new";
   JournalTail tail{unusedName(directory), 0, 0};
-  const FileHandle source = openFile(segment, O_RDONLY);
-  const FileHandle target = openFile(passing, O_WRONLY | O_CREAT | O_TRUNC);
-  for (;;) {
-    const std::string bytes = readAt(source, from + tail.bytes, kSlice, segment);
-    if (bytes.empty()) break;
-    writeAll(target, bytes, passing);
-    tail.bytes += bytes.size();
+  try {
+    tail.bytes = copyTail(segment, from, passing);
+    std::filesystem::rename(passing, tail.file);
+  } catch (...) {
+    // On a full disk it would take the room that the next attempt needs.
+    tryToRemoveTree(passing);
+    throw;
   }
-  syncFile(target, passing);
-  std::filesystem::rename(passing, tail.file);
   syncDirectory(directory);
   SegmentReader reader(tail.file);
   while (const auto piece = reader.next()) {
@@ -78,11 +92,13 @@ JournalTail setTailAside(const std::filesystem::path& segment, std::uint64_t fro
   return tail;
 }
 
+bool isTailSetAside(std::string_view name) { return name.starts_with(kPrefix); }
+
 std::vector<std::filesystem::path> tailsSetAsideIn(const std::filesystem::path& directory) {
   std::vector<std::filesystem::path> tails;
   DirectoryReader reader(directory);
   while (const auto entry = reader.next()) {
-    if (entry->path.filename().string().starts_with(kPrefix)) tails.push_back(entry->path);
+    if (isTailSetAside(entry->path.filename().string())) tails.push_back(entry->path);
   }
   std::sort(tails.begin(), tails.end());
   return tails;

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <string_view>
 #include <vector>
 
 #include "server/store/journalSegment.h"
@@ -26,6 +27,9 @@ struct JournalTail {
 
 /// Copies what the segment has from byte `from` on to a new file beside it, durably.
 JournalTail setTailAside(const std::filesystem::path& segment, std::uint64_t from);
+
+/// Whether a file of this name was made so.
+bool isTailSetAside(std::string_view name);
 
 /// The files that were made so, in order of their names. No program reads them.
 std::vector<std::filesystem::path> tailsSetAsideIn(const std::filesystem::path& directory);

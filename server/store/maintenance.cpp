@@ -306,7 +306,8 @@ CollectionCheck checkCollection(const std::string& name, const std::filesystem::
           },
           [&](const JournalFault& fault) { result.journal.push_back(fault); })
           .run();
-  result.unfinishedBytes = unfinishedBytes(path, contents.segments);
+  // What is damaged is not set aside.
+  if (result.journal.empty()) result.unfinishedBytes = unfinishedBytes(path, contents.segments);
   result.setAside = tailsSetAsideIn(path);
   const bool isNumbered = contents.mark && contents.mark->range() != MarkedRange{};
   if (!contents.mark && result.journal.empty() && IndexSums::existIn(path)) {

@@ -783,6 +783,32 @@ TEST_F(DamagedJournalTest, HoleAmongChangesThatWereNotAcknowledgedIsDroppedWithW
   }
 }
 
+// However few of its bytes stood there.
+TEST_F(DamagedJournalTest, SectorThatWasNotWrittenIsKnownByZerosAlone) {
+  const std::string text(1500, 'x');
+  for (std::size_t length = 0; length < 512; length += 5) {
+    SCOPED_TRACE(length);
+    restore({});
+    {
+      Journal journal = open();
+      journal.sync(journal.append(put("k1", std::string(length, 'x'))).ticket);
+      journal.append(put("k2", text));
+    }
+    const Files whole = files();
+    const std::string bytes = whole.at(segment(1));
+    const std::size_t second = bytes.rfind("KRJ2");
+    const std::size_t next = (second / 512 + 1) * 512;
+    rewrite(1, std::string(bytes).replace(second, next - second, next - second, '\0'));
+    EXPECT_EQ(refusal(), "") << "its first bytes";
+    EXPECT_THAT(found_, ElementsAre("k1"));
+    restore(whole);
+    const std::size_t last = (bytes.size() - 1) / 512 * 512;
+    rewrite(1, withoutSectors(bytes, last / 512, 1).substr(0, bytes.size()));
+    EXPECT_EQ(refusal(), "") << "its last bytes";
+    EXPECT_THAT(found_, ElementsAre("k1"));
+  }
+}
+
 TEST_F(DamagedJournalTest, WhatIsDroppedIsKeptBesideTheJournal) {
   const std::string text(1500, 'x');
   {
