@@ -344,8 +344,11 @@ void AccessControl::check(std::string_view authorization) {
   const std::lock_guard lock(mutex_);
   if (accounts != accounts_) return;
   Answers& answers = identity ? proved_ : refused_;
-  // Digests are as good as random, so nobody can choose which one has to go.
-  if (answers.size() >= kMaxRemembered) answers.erase(answers.begin());
+  // Digests are as good as random, so nobody can choose which one has to go, and each is as likely.
+  if (answers.size() >= kMaxRemembered) {
+    const auto next = answers.lower_bound(digest);
+    answers.erase(next != answers.end() ? next : answers.begin());
+  }
   answers[digest] = std::move(identity);
 }
 

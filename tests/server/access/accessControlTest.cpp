@@ -104,6 +104,16 @@ TEST_F(AccessControlTest, WrongAnswersAreForgottenBeforeARightOneIs) {
   EXPECT_EQ(remembered, 10000);
 }
 
+TEST_F(AccessControlTest, LateWrongAnswersAreRememberedAsWellAsEarlyOnes) {
+  write("token slip x\n");
+  AccessControl access(file_);
+  const auto wrong = [](int i) { return "Bearer slip." + std::to_string(i); };
+  for (int i = 0; i < 100000; ++i) access.check(wrong(i));
+  int late = 0;
+  for (int i = 90000; i < 100000; ++i) late += access.remembered(wrong(i)) ? 1 : 0;
+  EXPECT_GT(late, 5000);
+}
+
 TEST_F(AccessControlTest, WhatNoAccountCouldSayIsRefusedWithoutACheck) {
   putAccount(file_, true, "t", "one", {});
   const AccessControl access(file_);
