@@ -1012,7 +1012,7 @@ TEST_P(Library, IsToldThatATokenIsWrongHoweverLargeTheDocument) {
   CorvanedProcess server({"--users", users.string()});
   const std::unique_ptr<CorvaneRESTClient> client = newClient(GetParam(), server);
   const std::string key = "k1";
-  const std::string text(30000000, 'x');
+  const std::string text(12000000, 'x');
   for (const char* token : {"Bearer t.wrong", "nonsense", "Bearer t.wrong"}) {
     ClientRequest addition = requestTo("c", ClientRequest::ADD_DOCUMENT, {{"authToken", token}});
     attachDocument(addition, key, text);

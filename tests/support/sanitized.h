@@ -1,5 +1,16 @@
 #pragma once
 
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define KRUCOMM_LEAKS_ARE_FOUND
+#endif
+#elif defined(__SANITIZE_ADDRESS__)
+#define KRUCOMM_LEAKS_ARE_FOUND
+#endif
+#ifdef KRUCOMM_LEAKS_ARE_FOUND
+#include <sanitizer/lsan_interface.h>
+#endif
+
 namespace tq::test {
 
 /// Whether the test runs under a sanitizer, which makes it ten times as expensive and finds what it
@@ -11,5 +22,20 @@ constexpr bool kSanitized = __has_feature(address_sanitizer) || __has_feature(th
 #else
 constexpr bool kSanitized = false;
 #endif
+
+/// What is allocated in its lifetime is not looked for in the end: for another's library that gives
+/// nothing back where it fails.
+class LeaksOfOthers {
+ public:
+#ifdef KRUCOMM_LEAKS_ARE_FOUND
+  LeaksOfOthers() { __lsan_disable(); }
+  ~LeaksOfOthers() { __lsan_enable(); }
+#else
+  LeaksOfOthers() {}
+  ~LeaksOfOthers() {}
+#endif
+  LeaksOfOthers(const LeaksOfOthers&) = delete;
+  LeaksOfOthers& operator=(const LeaksOfOthers&) = delete;
+};
 
 }  // namespace tq::test

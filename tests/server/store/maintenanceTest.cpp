@@ -18,6 +18,7 @@
 #include "server/store/indexSums.h"
 #include "server/store/localStore.h"
 #include "server/store/maintenance.h"
+#include "tests/support/sanitized.h"
 #include "tests/support/temporaryDirectory.h"
 
 namespace corvaned {
@@ -197,7 +198,6 @@ TEST_F(MaintenanceTest, WhatIsBesideTheCollectionsIsPassedOver) {
 
 TEST_F(MaintenanceTest, CheckTellsWhatWasBeingWritten) {
   write();
-  const std::string whole = read(segment());
   std::ofstream(segment(), std::ios::binary | std::ios::app) << "KRJ2cut off";
   EXPECT_TRUE(check().isSound());
   EXPECT_EQ(check().unfinishedBytes, 11U);
@@ -206,6 +206,13 @@ TEST_F(MaintenanceTest, CheckTellsWhatWasBeingWritten) {
   EXPECT_EQ(check().unfinishedBytes, 0U);
   EXPECT_THAT(check().setAside, ElementsAre(segment("journal-dropped-1")));
   EXPECT_EQ(read(segment("journal-dropped-1")), "KRJ2cut off");
+}
+
+TEST_F(MaintenanceTest, DamageAtTheEndIsNotCalledUnfinished) {
+  write();
+  damage(segment(), read(segment()).size() - 5);
+  EXPECT_THAT(check().journal, SizeIs(1));
+  EXPECT_EQ(check().unfinishedBytes, 0U);
 }
 
 TEST_F(MaintenanceTest, WhatAKilledRepairHasMadeIsRemovedByTheNext) {
@@ -529,6 +536,7 @@ TEST_P(CompactionTest, DiskWithoutRoomLeavesTheIndexAsItIs) {
   const std::vector<std::string> before = documents();
   {
     const LimitedFiles limited(3 * kBlock);
+    const tq::test::LeaksOfOthers engine;
     EXPECT_THROW(compact(), ServerError);
   }
   EXPECT_EQ(documents(), before);
