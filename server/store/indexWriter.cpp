@@ -96,7 +96,8 @@ std::optional<std::string> IndexWriter::reasonAgainst(std::span<const Change> ch
         (least >> 20U) + 1);
   }
   MemoryBudget::Share memory = shareOf(limits_);
-  memory.force(fits(needed.bytes()) ? needed.bytes() : least);
+  const std::size_t ample = std::max(needed.bytes(), least);
+  memory.force(fits(ample) ? ample : least);
   try {
     commit(changes);
     return std::nullopt;
