@@ -16,9 +16,9 @@ Xapian::Query inRange(const Xapian::Query& query, const std::string& after,
   if (query.empty() || (after.empty() && upTo.empty())) return query;
   // The first key behind another one is that key and a zero byte.
   const std::string first = after.empty() ? after : after + '\0';
-  Xapian::Query range =
-      upTo.empty() ? Xapian::Query(Xapian::Query::OP_VALUE_GE, kKeySlot, first)
-                   : Xapian::Query(Xapian::Query::OP_VALUE_RANGE, kKeySlot, first, upTo);
+  Xapian::Query range = upTo.empty()
+                            ? Xapian::Query(Xapian::Query::OP_VALUE_GE, kKeySlot, first)
+                            : Xapian::Query(Xapian::Query::OP_VALUE_RANGE, kKeySlot, first, upTo);
   if (range.empty()) return range;
   return {Xapian::Query::OP_FILTER, query, range};
 }
