@@ -885,7 +885,8 @@ bool Collection::close() {
 
 bool Collection::couldBeOpenedAgain() const {
   const MemoryBudget* const memory = limits_.index.memory.get();
-  if (!memory) return true;
+  // Where changes are searchable when they are acknowledged, deletions need no memory then.
+  if (!memory || refresh_.mode == Refresh::Mode::Immediate) return true;
   const std::lock_guard lock(hiddenMutex_);
   std::size_t bytes = 0;
   for (const auto& [segment, ofSegment] : deletionBytes_) bytes += ofSegment;

@@ -43,6 +43,8 @@ void IndexReaders::refresh(std::unique_ptr<IndexReader>& reader) {
     reader->refresh();
   } else {
     if (reader) resources = reader->takeResources();
+    // Without its resources it must not be used again, should the next one fail to open.
+    reader.reset();
     reader =
         std::make_unique<IndexReader>(IndexParts::in(path_), std::move(resources), generation_);
   }
