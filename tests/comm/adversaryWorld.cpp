@@ -373,7 +373,7 @@ Seen World::exchange(std::size_t c, std::size_t r, int kind, Asking how, Reading
   ClientRequest request = requestNamed(question.number, kind);
   const std::size_t connections = network_.connections();
   const std::size_t askedByHand = askedByHand_;
-  const Seen seen = run(c, [&] {
+  Seen seen = run(c, [&] {
     if (how == Asking::Once) return caller.client->sendAndRecvMesgOnce(request, held.response);
     if (how == Asking::AsSet) return caller.client->sendAndRecvMesg(request, held.response);
     caller.client->sendAndRecvMesg(request, held.response, {caller.deadline, caller.retries});
@@ -434,7 +434,7 @@ Seen World::exchangeUnsendable(std::size_t c, std::size_t r) {
   ClientRequest request = requestNamed(0, kCreateCollection);
   request.setDocKey(kKey, sizeof kKey - 1);
   const Shape before = shapeOf(caller, held);
-  const Seen seen = run(c, [&] { caller.client->sendAndRecvMesg(request, held.response); });
+  Seen seen = run(c, [&] { caller.client->sendAndRecvMesg(request, held.response); });
   require(seen.errorId == kInternal, "sends a key without metadata");
   require(shapeOf(caller, held) == before, "a request that cannot be sent changes something");
   return seen;
@@ -445,7 +445,7 @@ Seen World::send(std::size_t c, int kind, bool asMessage) {
   Question& question = ask(c, kind, true);
   ClientRequest request = requestNamed(question.number, kind);
   const bool broken = caller.line.mustBe(Line::Broken);
-  const Seen seen = run(c, [&] {
+  Seen seen = run(c, [&] {
     if (!asMessage) return caller.client->send(request);
     tq::comm::RESTMessage message(caller.client->getHost(), request);
     caller.client->sendMesg(message);
@@ -480,7 +480,7 @@ Seen World::sendBodyChunks(std::size_t c, int kind, Bytes bytes) {
   const std::string header = message.getSerializedHeader();
   const std::string text = word16(static_cast<unsigned int>(header.size())) + header;
   const std::size_t length = bytes == Bytes::All ? text.size() : text.size() / 2;
-  const Seen seen = run(c, [&] { binaryClient(c)->sendBodyChunks(text.data(), kPiece, length); });
+  Seen seen = run(c, [&] { binaryClient(c)->sendBodyChunks(text.data(), kPiece, length); });
   if (caller.client->isConnected()) {
     caller.line = Line::Broken;
   } else {
@@ -498,7 +498,7 @@ Seen World::recvMesg(std::size_t c, std::size_t r, Reading reading) {
   const std::uint64_t bytes = network_.bytesTaken();
   caller.receivedReply = true;
   const auto outcome = caller.client->getRequestOutcome();
-  const Seen seen = run(c, [&] { caller.client->recvMesg(held.response); });
+  Seen seen = run(c, [&] { caller.client->recvMesg(held.response); });
   require(caller.client->getRequestOutcome() == outcome,
           "a reply by hand changes what became of the last exchange");
   noteQueue(caller);
@@ -596,7 +596,7 @@ Seen World::readByHand(std::size_t c, UpTo point) {
 Seen World::open(std::size_t c) {
   Caller& caller = clients_[c];
   const std::size_t connections = network_.connections();
-  const Seen seen = run(c, [&] { caller.client->open(); });
+  Seen seen = run(c, [&] { caller.client->open(); });
   if (network_.connections() != connections) {
     noteConnections(caller, connections);
     caller.line = Line::Clean;
@@ -752,7 +752,7 @@ Seen World::pull(Pulling how, std::size_t c, std::size_t r, Reading reading) {
   const Shape before = shapeOf(caller, held);
   caller.received = true;
   if (how == Pulling::Buffered) held.response.setResultsBuffered(true);
-  const Seen seen = run(c, [&] { pullRaw(how, caller, held); });
+  Seen seen = run(c, [&] { pullRaw(how, caller, held); });
   judgePull(how, caller, held, stale, before, seen, reading);
   return seen;
 }

@@ -22,7 +22,6 @@ namespace {
 
 using namespace tq::test;
 using tq::comm::CorvaneRESTClient;
-using tq::comm::RequestOutcome;
 
 constexpr auto kCancelledId = "ERR_CLIENT_CANCELLED";
 constexpr std::size_t kCancelsOfEachProtocol = 4000;

@@ -655,13 +655,14 @@ class FullListener {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
     auto* generic = reinterpret_cast<sockaddr*>(&address);
-    ::bind(fd_, generic, length);
-    ::listen(fd_, 0);
-    ::getsockname(fd_, generic, &length);
+    EXPECT_EQ(::bind(fd_, generic, length), 0);
+    EXPECT_EQ(::listen(fd_, 0), 0);
+    EXPECT_EQ(::getsockname(fd_, generic, &length), 0);
     port_ = ntohs(address.sin_port);
     for (int& filler : fillers_) {
       filler = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-      ::connect(filler, generic, length);
+      // None is accepted: each takes a place, or waits for one.
+      static_cast<void>(::connect(filler, generic, length));
     }
   }
   ~FullListener() {

@@ -40,10 +40,10 @@ struct EarlyHost {
   EarlyHost(const EarlyHost&) = delete;
   EarlyHost& operator=(const EarlyHost&) = delete;
   std::string document;
-} const earlyHost;
+} const kEarlyHost;
 
 }  // namespace
 
-const std::string& documentEncodedBeforeMain() { return earlyHost.document; }
+const std::string& documentEncodedBeforeMain() { return kEarlyHost.document; }
 
 }  // namespace tq::test

@@ -370,7 +370,7 @@ TEST(GuestManners, WritingWithoutCareWouldRaiseIt) {
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<in_port_t>(peer.port()));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) return 3;
     const std::string request = "action: x\n\r\n";
     for (int i = 0; i < 100000; ++i) {
       if (::write(fd, request.data(), request.size()) < 0 && errno == EPIPE) return 1;

@@ -229,11 +229,13 @@ TEST(ClientRequest, AKindIsHeldInAnInt) {
 // which nobody calls.
 class StoredDocument : public ClientRequest {
  public:
+  // NOLINTBEGIN(modernize-use-override)
   const char* getContent() { return "stored"; }
   const char* getDocKey(unsigned int& length) {
     length = 3;
     return "key";
   }
+  // NOLINTEND(modernize-use-override)
 };
 
 TEST(ClientRequest, ADerivedRequestCanSupplyContentAndKeyItself) {

@@ -239,7 +239,7 @@ TEST(CorvaneClient, AConnectThatFailsForAnotherReasonCarriesItsOwnMessageAlone) 
   const auto raisedFor = [](void (*fail)()) {
     const StrangeSystem system(fail);
     TestClient client(7, kFresh);
-    const auto raised = raisedBy([&] { client.open(); });
+    auto raised = raisedBy([&] { client.open(); });
     EXPECT_FALSE(client.isConnected());
     return raised;
   };

@@ -1017,8 +1017,7 @@ TEST(CorvaneRESTClient, TheTimeOutHoldsAtEveryWaitOfAnExchange) {
         if (network.elapsedMillis() != 0) {
           ASSERT_EQ(outcome.errorId, "ERR_SERVER_COMM_TIMEOUT") << name << " cut at " << length;
         } else {
-          auto complete = outcome;
-          ASSERT_EQ(complete, reply.expected) << name << " cut at " << length;
+          ASSERT_EQ(outcome, reply.expected) << name << " cut at " << length;
         }
       }
     }

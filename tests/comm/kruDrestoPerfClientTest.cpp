@@ -21,7 +21,6 @@
 namespace {
 
 using namespace tq::test;
-using tq::comm::ClientRequest;
 using tq::comm::ClientResponse;
 using tq::comm::CorvaneRESTClient;
 using tq::comm::DrestoPerfClient;

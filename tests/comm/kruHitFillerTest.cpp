@@ -41,7 +41,7 @@ std::string seen(const SearchResult& hit) {
 }
 
 std::string seenTwice(const SearchResult& hit) {
-  const SearchResult copy(hit);
+  const SearchResult copy(hit);  // NOLINT(performance-unnecessary-copy-initialization): is tested
   SearchResult assigned(false);
   assigned = copy;
   return seen(hit) + " | " + seen(copy) + " | " + seen(assigned);
@@ -159,8 +159,7 @@ std::string textOf(Dice& dice) {
                                        "a text of thirty-two characters!",
                                        std::string("cut\0here", 8),
                                        std::string("\0", 1),
-                                       "gr\xC3\xBC\xC3\x9F"
-                                       "e, behind sixteen ASCII bytes",
+                                       "gr\xC3\xBC\xC3\xA9, behind sixteen ASCII bytes",
                                        "no UTF-8 \xFF\xC3 at all, neither here: \x80",
                                        std::string(300, 'x'),
                                        std::string(2500, 'y')};

@@ -709,7 +709,7 @@ TEST_F(RESTMessageTest, ABlockThatIsNoShortOneHasJustTheRoomThatItNeeds) {
     const std::list<KVPair> metadata(pairs, pair);
     document("key", metadata, "");
     RESTMessage message(u"server", request);
-    const auto pairLength = static_cast<std::size_t>(name + value + 8);
+    const auto pairLength = static_cast<std::size_t>(name) + static_cast<std::size_t>(value) + 8;
     EXPECT_EQ(8 + pairs * pairLength + 9 + 4 + 3, message.getMsgPrefixLen());
     const std::uint64_t needed = message.getSerializeMetadataLength(metadata, "key", 3) + 2000;
     EXPECT_GE(test::lastBufferSize(), needed);

@@ -112,6 +112,7 @@ TEST(ScarceMemory, AnExceptionIsCopiedWholeOrNotAtAll) {
   error.getProperties()->putProperty(u"a", u"b");
   error.getMessageList().add(tq::oss::Message(u"id", u"text"));
   EXPECT_LT(1, triesUntilItSucceeds([&] {
+              // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): copying is tested
               const RESTException copy(error);
               EXPECT_EQ(1U, copy.getMessageList().size());
             }));

@@ -10,7 +10,6 @@
 namespace tq::test {
 
 using tq::comm::ClientRequest;
-using tq::comm::RequestOutcome;
 
 namespace {
 

@@ -16,10 +16,7 @@ namespace tq::test {
 namespace {
 
 using ::testing::AllOf;
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
 
 using Fault = std::function<Answer(Side&, const Operation&)>;
 

@@ -27,7 +27,6 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
-using ::testing::UnorderedElementsAre;
 using tq::comm::ClientRequest;
 using tq::comm::CorvaneRESTClient;
 using tq::comm::RequestOutcome;
@@ -86,7 +85,7 @@ class Library : public ::testing::TestWithParam<Protocol> {
                 int kind = ClientRequest::STREAM_SEARCH, Taking taking = Taking::Looping) {
     parameters.emplace_back("query", query);
     ClientRequest request = requestTo(collection_, kind, parameters);
-    const Answer answer = send(request, taking);
+    Answer answer = send(request, taking);
     expectSuccess(answer);
     EXPECT_TRUE(answer.complete) << answer;
     return answer;
@@ -1012,7 +1011,8 @@ TEST_P(Library, IsToldThatATokenIsWrongHoweverLargeTheDocument) {
   CorvanedProcess server({"--users", users.string()});
   const std::unique_ptr<CorvaneRESTClient> client = newClient(GetParam(), server);
   const std::string key = "k1";
-  const std::string text(12000000, 'x');
+  std::string text;
+  text.resize(12000000, 'x');
   for (const char* token : {"Bearer t.wrong", "nonsense", "Bearer t.wrong"}) {
     ClientRequest addition = requestTo("c", ClientRequest::ADD_DOCUMENT, {{"authToken", token}});
     attachDocument(addition, key, text);

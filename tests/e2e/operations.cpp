@@ -151,7 +151,7 @@ std::string badQuery(Random& random) {
 }
 
 std::string randomQuery(Random& random) {
-  const std::string first = random.word();
+  std::string first = random.word();
   const std::string second = random.word();
   switch (random.below(14)) {
     case 0:
@@ -181,7 +181,7 @@ std::string randomQuery(Random& random) {
 
 // What a model can tell the hits of, see collectionModel.h.
 std::string plainQuery(Random& random) {
-  const std::string first = random.word();
+  std::string first = random.word();
   switch (random.below(6)) {
     case 0:
       return first + " " + random.word();

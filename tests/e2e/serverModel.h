@@ -84,6 +84,7 @@ class ServerModel {
   struct Match {
     std::string key;
     std::string collection;
+    // NOLINTNEXTLINE(modernize-use-nullptr)
     auto operator<=>(const Match&) const = default;
   };
 
