@@ -488,9 +488,10 @@ TEST_F(SocketConnect, TheLastCopyCloses) {
 TEST_F(SocketConnect, AMovedFromSocketIsStillASocket) {
   Socket socket;
   tq::test::Peer peer = connected(socket);
+  // NOLINTNEXTLINE(performance-move-const-arg): moving copies, as promised
   const Socket moved = std::move(socket);
   EXPECT_TRUE(moved.isOpen());
-  EXPECT_TRUE(socket.isOpen());  // NOLINT(bugprone-use-after-move): moving copies, as promised
+  EXPECT_TRUE(socket.isOpen());  // NOLINT(bugprone-use-after-move)
 }
 
 // Addresses that were resolved beforehand.

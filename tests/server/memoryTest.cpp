@@ -78,8 +78,10 @@ TEST_F(MemoryTest, LargeRequestsOfManyClientsStayWithinTheBudget) {
   for (int i = 0; i < 12; ++i) {
     clients.emplace_back([this, i] {
       // Bytes that are a great many empty pairs, and an ordinary document.
+      std::string pairs("\0\0\0\0\0\xF0\0\0", 8);
+      pairs.resize(pairs.size() + 0xF00000);
       const std::string body =
-          i % 2 == 0 ? std::string("\0\0\0\0\0\xF0\0\0", 8) + std::string(0xF00000, '\0')
+          i % 2 == 0 ? pairs
                      : documentBlock("k" + std::to_string(i), {}, std::string(15 * kMiB, 'x'));
       EXPECT_THAT(ask({{"action", "addDocument"}, {"index", "c"}}, body),
                   AnyOf(StartsWith("HTTP/1.1 200"), HasSubstr("ZVK0012E"), HasSubstr("ZVK0016E")));

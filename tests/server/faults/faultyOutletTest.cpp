@@ -42,7 +42,7 @@ class FaultyServer : public ::testing::Test {
       Document document;
       document.key = "a key of a length that fills portions " + std::to_string(i);
       document.content = "fox";
-      shared_->store.addDocument("c1", std::move(document));
+      shared_->store.addDocument("c1", document);
     }
     shared_->store.updateIndex("c1");
   }

@@ -18,7 +18,6 @@ using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::Not;
 using ::testing::Return;
 using ::testing::SizeIs;
 using ::testing::StrictMock;

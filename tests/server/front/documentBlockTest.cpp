@@ -30,10 +30,11 @@ std::string refusal(const std::string& bytes) {
 }
 
 TEST(DocumentBlock, KeyMetadataAndContentAreTold) {
-  const DocumentBlock parsed = parseDocumentBlock(
-      documentBlock("key\0\xFF" + std::string("x"), {{"a", "b"}, {"", ""}}, "text"));
+  const std::string key("key\0\xFFx", 6);
+  const DocumentBlock parsed =
+      parseDocumentBlock(documentBlock(key, {{"a", "b"}, {"", ""}}, "text"));
   EXPECT_FALSE(parsed.terminate);
-  EXPECT_EQ(parsed.document.key, "key\0\xFF" + std::string("x"));
+  EXPECT_EQ(parsed.document.key, key);
   EXPECT_THAT(parsed.document.metadata, ElementsAre(Pair("a", "b"), Pair("", "")));
   EXPECT_EQ(parsed.document.content, "text");
 }

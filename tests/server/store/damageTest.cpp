@@ -33,7 +33,6 @@ using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::UnorderedElementsAre;
 
 class DamageTest : public ::testing::Test {
  protected:

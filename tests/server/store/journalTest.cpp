@@ -203,7 +203,7 @@ TEST_F(JournalTest, BatchWhoseCountsCannotBeIsNoChange) {
     rewrite(0, fresh);
     rewrite(1, withCount(place, 0));
     std::size_t batches = 0;
-    Journal(directory_.path(), [&](std::uint64_t, Change&&) { ++batches; });
+    const Journal journal(directory_.path(), [&](std::uint64_t, Change&&) { ++batches; });
     EXPECT_EQ(batches, 1U) << "it is the right place";
   }
 }
