@@ -1,15 +1,16 @@
 #include "comm/kruDiagnostic.h"
 
 #include <poll.h>
-#include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <iostream>
 #include <streambuf>
+
+#include "infra/oss/kruUncancellable.h"
 
 namespace tq::comm {
 
@@ -23,38 +24,41 @@ bool mayBeWritten() noexcept {
   return standardError.revents == POLLOUT || standardError.revents == POLLNVAL;
 }
 
-/// The reader may go between the look and the write: this thread then gets no SIGPIPE. Nor can the
-/// thread be cancelled meanwhile, so that nothing needs to unwind.
-class Undisturbed {
+sigset_t onlyPipeSignal() noexcept {
+  sigset_t set;
+  ::sigemptyset(&set);
+  ::sigaddset(&set, SIGPIPE);
+  return set;
+}
+
+bool pipeSignalIsPending() noexcept {
+  sigset_t pending;
+  ::sigpending(&pending);
+  return ::sigismember(&pending, SIGPIPE) == 1;
+}
+
+/// The reader may go between the look and the write: this thread then gets no SIGPIPE. One that was
+/// pending before stays the host's.
+class WithoutPipeSignal {
  public:
-  Undisturbed() noexcept {
-    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelStateBefore_);
-    ::sigemptyset(&pipe_);
-    ::sigaddset(&pipe_, SIGPIPE);
-    sigset_t pending;
-    ::sigpending(&pending);
-    wasPending_ = ::sigismember(&pending, SIGPIPE) == 1;
-    ::pthread_sigmask(SIG_BLOCK, &pipe_, &maskBefore_);
-  }
-  ~Undisturbed() {
+  WithoutPipeSignal() noexcept { ::pthread_sigmask(SIG_BLOCK, &pipe_, &maskBefore_); }
+  ~WithoutPipeSignal() {
     if (!wasPending_) takePipeSignal();
     ::pthread_sigmask(SIG_SETMASK, &maskBefore_, nullptr);
-    ::pthread_setcancelstate(cancelStateBefore_, nullptr);
   }
-  Undisturbed(const Undisturbed&) = delete;
-  Undisturbed& operator=(const Undisturbed&) = delete;
+  WithoutPipeSignal(const WithoutPipeSignal&) = delete;
+  WithoutPipeSignal& operator=(const WithoutPipeSignal&) = delete;
 
  private:
+  /// It does not wait, so that no other signal interrupts it.
   void takePipeSignal() const noexcept {
     const timespec atOnce{};
-    while (::sigtimedwait(&pipe_, nullptr, &atOnce) < 0 && errno == EINTR) {
-    }
+    ::sigtimedwait(&pipe_, nullptr, &atOnce);
   }
 
-  int cancelStateBefore_ = PTHREAD_CANCEL_ENABLE;
-  sigset_t pipe_;
+  const sigset_t pipe_ = onlyPipeSignal();
+  const bool wasPending_ = pipeSignalIsPending();
   sigset_t maskBefore_;
-  bool wasPending_ = false;
 };
 
 /// The host's buffer need bear no two writers at a time: that of standard error does so only until
@@ -63,19 +67,13 @@ class Undisturbed {
 class OnlyWriter {
  public:
   OnlyWriter() noexcept {
-    const pid_t self = ::getpid();
     for (int attempt = 0; attempt < kAttempts && !held_; ++attempt) {
-      if (attempt > 0) ::sched_yield();
-      pid_t other = 0;
-      held_ = writer.compare_exchange_strong(other, self, std::memory_order_acquire);
-      // A child that was forked meanwhile has a copy of the mark, but not the thread that made it.
-      if (!held_ && other != self) {
-        held_ = writer.compare_exchange_strong(other, self, std::memory_order_acquire);
-      }
+      held_ = take();
+      if (!held_) ::sched_yield();
     }
   }
   ~OnlyWriter() {
-    if (held_) writer.store(0, std::memory_order_release);
+    if (held_) writer.store(kNobody, std::memory_order_release);
   }
   OnlyWriter(const OnlyWriter&) = delete;
   OnlyWriter& operator=(const OnlyWriter&) = delete;
@@ -84,17 +82,30 @@ class OnlyWriter {
 
  private:
   static constexpr int kAttempts = 100;
-  // The process in which a diagnostic is being written; 0: none.
+  // The number of no process that writes.
+  static constexpr pid_t kNobody = 0;
+
+  /// A child that was forked meanwhile has a copy of its parent's mark, but not the thread that
+  /// made it.
+  static bool take() noexcept {
+    const pid_t self = ::getpid();
+    pid_t other = writer.load(std::memory_order_relaxed);
+    return other != self && writer.compare_exchange_strong(other, self, std::memory_order_acquire);
+  }
+
+  // The process in which a diagnostic is being written.
   static std::atomic<pid_t> writer;
   bool held_ = false;
 };
 
-std::atomic<pid_t> OnlyWriter::writer{0};
+std::atomic<pid_t> OnlyWriter::writer{kNobody};
 
 }  // namespace
 
 void writeDiagnostic(std::string_view text) noexcept {
-  const Undisturbed undisturbed;
+  // Nothing needs to unwind: the write and the look in front of it may cancel a thread.
+  const tq::oss::Uncancellable whole;
+  const WithoutPipeSignal noSignal;
   const OnlyWriter only;
   if (!only.held()) return;
   std::streambuf* out = std::cerr.rdbuf();

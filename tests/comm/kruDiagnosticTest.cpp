@@ -1,21 +1,44 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <functional>
 #include <iomanip>
 #include <ios>
 #include <iostream>
+#include <semaphore>
 #include <sstream>
 #include <stdexcept>
 #include <streambuf>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "comm/kruDiagnostic.h"
+#include "tests/support/endedThread.h"
 #include "tests/support/forkedChild.h"
+
+namespace {
+
+// What the calling thread does when it gives up the processor for the first time.
+thread_local const std::function<void()>* whenYielding = nullptr;
+
+}  // namespace
+
+// In the place of the C library's.
+extern "C" int sched_yield() noexcept {
+  if (const auto* act = std::exchange(whenYielding, nullptr)) (*act)();
+  return static_cast<int>(::syscall(SYS_sched_yield));
+}
 
 namespace tq::comm {
 namespace {
@@ -47,6 +70,26 @@ class ThrowingBuffer : public std::streambuf {
   }
 };
 
+sigset_t blockedSignals() {
+  sigset_t blocked;
+  ::pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+  return blocked;
+}
+
+std::vector<int> numbersIn(const sigset_t& set) {
+  std::vector<int> numbers;
+  for (int number = 1; number < NSIG; ++number) {
+    if (::sigismember(&set, number) == 1) numbers.push_back(number);
+  }
+  return numbers;
+}
+
+bool pipeSignalIsPending() {
+  sigset_t pending;
+  ::sigpending(&pending);
+  return ::sigismember(&pending, SIGPIPE) == 1;
+}
+
 /// Leads into a pipe whose reader goes once standard error has been looked at.
 class BrokenPipe : public std::streambuf {
  public:
@@ -59,9 +102,11 @@ class BrokenPipe : public std::streambuf {
   ~BrokenPipe() override { ::close(end_); }
 
   int error = 0;
+  sigset_t blocked = blockedSignals();
 
  private:
   std::streamsize xsputn(const char* text, std::streamsize length) override {
+    blocked = blockedSignals();
     const ssize_t written = ::write(end_, text, static_cast<std::size_t>(length));
     if (written < 0) error = errno;
     return written;
@@ -70,24 +115,154 @@ class BrokenPipe : public std::streambuf {
   int end_;
 };
 
-bool isIn(const sigset_t& set) { return ::sigismember(&set, SIGPIPE) == 1; }
+/// Leaves bytes of this value where what is called next has its variables.
+[[gnu::noinline]] void fillStack(unsigned char value) {
+  volatile unsigned char bytes[4096];
+  for (volatile unsigned char& byte : bytes) byte = value;
+}
+
+constexpr unsigned char kRemains[] = {0x00, 0xFF};
 
 // Otherwise the signal ends this process.
 TEST(Diagnostic, ToAReaderThatHasJustGoneRaisesNoSignalAndLeavesNonePending) {
-  BrokenPipe broken;
-  sigset_t before;
-  ::pthread_sigmask(SIG_BLOCK, nullptr, &before);
-  {
-    const ErrorsGoTo here(&broken);
-    writeDiagnostic("lost\n");
+  for (const unsigned char remains : kRemains) {
+    BrokenPipe broken;
+    const std::vector<int> before = numbersIn(blockedSignals());
+    {
+      const ErrorsGoTo here(&broken);
+      fillStack(remains);
+      writeDiagnostic("lost\n");
+    }
+    EXPECT_EQ(broken.error, EPIPE);
+    EXPECT_EQ(numbersIn(blockedSignals()), before);
+    EXPECT_FALSE(pipeSignalIsPending());
   }
-  sigset_t after;
-  ::pthread_sigmask(SIG_BLOCK, nullptr, &after);
-  sigset_t pending;
-  ::sigpending(&pending);
-  EXPECT_EQ(broken.error, EPIPE);
-  EXPECT_EQ(isIn(after), isIn(before));
-  EXPECT_FALSE(isIn(pending));
+}
+
+TEST(Diagnostic, LeavesTheHostTheSignalOfAnotherPipeThatIsPending) {
+  sigset_t pipe;
+  ::sigemptyset(&pipe);
+  ::sigaddset(&pipe, SIGPIPE);
+  sigset_t before;
+  ::pthread_sigmask(SIG_BLOCK, &pipe, &before);
+  for (const unsigned char remains : kRemains) {
+    BrokenPipe broken;
+    ::pthread_kill(::pthread_self(), SIGPIPE);
+    {
+      const ErrorsGoTo here(&broken);
+      fillStack(remains);
+      writeDiagnostic("lost\n");
+    }
+    EXPECT_EQ(broken.error, EPIPE);
+    EXPECT_TRUE(pipeSignalIsPending());
+  }
+  const timespec atOnce{};
+  ::sigtimedwait(&pipe, nullptr, &atOnce);
+  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+TEST(Diagnostic, HoldsBackNoSignalButThatOfAPipe) {
+  for (const unsigned char remains : kRemains) {
+    BrokenPipe broken;
+    std::vector<int> expected = numbersIn(blockedSignals());
+    if (!std::binary_search(expected.begin(), expected.end(), SIGPIPE)) {
+      expected.insert(std::lower_bound(expected.begin(), expected.end(), SIGPIPE), SIGPIPE);
+    }
+    {
+      const ErrorsGoTo here(&broken);
+      fillStack(remains);
+      writeDiagnostic("lost\n");
+    }
+    EXPECT_EQ(numbersIn(broken.blocked), expected);
+  }
+}
+
+/// Writing to it may cancel a thread, as writing to a file may.
+class CancellableBuffer : public std::streambuf {
+ public:
+  std::string text;
+
+ private:
+  std::streamsize xsputn(const char* bytes, std::streamsize length) override {
+    ::pthread_testcancel();
+    text.append(bytes, static_cast<std::size_t>(length));
+    return length;
+  }
+};
+
+TEST(Diagnostic, IsWrittenWholeBeforeItsThreadIsCancelled) {
+  CancellableBuffer buffer;
+  const ErrorsGoTo here(&buffer);
+  bool isDone = false;
+  EXPECT_TRUE(tq::test::endsItsThread([&] {
+    ::pthread_cancel(::pthread_self());
+    writeDiagnostic("whole\n");
+    isDone = true;
+    ::pthread_testcancel();
+  }));
+  EXPECT_TRUE(isDone);
+  EXPECT_EQ(buffer.text, "whole\n");
+}
+
+/// Keeps what it is given until it is flushed.
+class HoldingBuffer : public std::stringbuf {
+ public:
+  std::string flushed;
+
+ private:
+  int sync() override {
+    flushed += str();
+    str({});
+    return 0;
+  }
+};
+
+TEST(Diagnostic, IsFlushed) {
+  HoldingBuffer buffer;
+  const ErrorsGoTo here(&buffer);
+  writeDiagnostic("line\n");
+  EXPECT_EQ(buffer.flushed, "line\n");
+}
+
+TEST(Diagnostic, IsWrittenInAProcessThatMayOpenNothing) {
+  EXPECT_TRUE(tq::test::holdsInChild([] {
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = 1;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    std::stringbuf text;
+    const ErrorsGoTo here(&text);
+    writeDiagnostic("line\n");
+    return text.str() == "line\n";
+  }));
+}
+
+/// How often this thread has gone to sleep.
+long timesAsleep() {
+  rusage usage{};
+  ::getrusage(RUSAGE_THREAD, &usage);
+  return usage.ru_nvcsw;
+}
+
+TEST(Diagnostic, IsLostWithoutASleepWhereStandardErrorIsFull) {
+  EXPECT_TRUE(tq::test::holdsInChild([] {
+    // What waits for ever is ended.
+    ::alarm(60);
+    int ends[2] = {-1, -1};
+    if (::pipe(ends) != 0) return false;
+    ::fcntl(ends[1], F_SETFL, O_NONBLOCK);
+    const std::string page(4096, 'x');
+    while (::write(ends[1], page.data(), page.size()) > 0) {
+    }
+    ::fcntl(ends[1], F_SETFL, 0);
+    ::dup2(ends[1], STDERR_FILENO);
+    // Whatever the first call has to fetch does not count.
+    writeDiagnostic("lost\n");
+    constexpr int kLines = 100;
+    const long before = timesAsleep();
+    for (int line = 0; line < kLines; ++line) writeDiagnostic("lost\n");
+    return timesAsleep() - before < kLines;
+  }));
 }
 
 TEST(Diagnostic, IsWrittenAsItIsWhateverTheFormatOfTheHost) {
@@ -143,6 +318,29 @@ TEST(Diagnostic, IsLostWhileAnotherThreadWritesOneAndWaitsForNothing) {
   EXPECT_EQ(buffer.text, "first\n");
   writeDiagnostic("next\n");
   EXPECT_EQ(buffer.text, "first\nnext\n");
+}
+
+TEST(Diagnostic, IsWrittenOnceTheThreadThatWasWritingOneIsDone) {
+  std::binary_semaphore secondWaits{0};
+  std::binary_semaphore firstIsDone{0};
+  const std::function<void()> letTheFirstGoOn = [&] {
+    secondWaits.release();
+    firstIsDone.acquire();
+  };
+  std::thread second;
+  InterruptedBuffer buffer([&] {
+    second = std::thread([&] {
+      whenYielding = &letTheFirstGoOn;
+      writeDiagnostic("second\n");
+      if (std::exchange(whenYielding, nullptr) != nullptr) secondWaits.release();
+    });
+    secondWaits.acquire();
+  });
+  const ErrorsGoTo here(&buffer);
+  writeDiagnostic("first\n");
+  firstIsDone.release();
+  second.join();
+  EXPECT_EQ(buffer.text, "first\nsecond\n");
 }
 
 TEST(Diagnostic, OfSeveralThreadsAreAllWrittenWhereNoneIsStuck) {
