@@ -3,22 +3,12 @@
 #include <utility>
 
 #include "comm/kruFunctionIds.h"
-#include "comm/kruKeptHeader.h"
 #include "comm/kruKinds.h"
 #include "comm/kruStaticDefs.h"
 #include "infra/oss/kruConverter.h"
 #include "infra/oss/kruTrace.h"
 
 namespace tq::comm {
-
-ClientRequest::Kept& ClientRequest::Kept::operator=(const Kept& other) noexcept {
-  if (this == &other) return *this;
-  const UseOfKept use(other);
-  header = use.granted() ? other.header : nullptr;
-  madeWithout = use.granted() ? other.madeWithout : 0;
-  patience = use.granted() ? other.patience : 1;
-  return *this;
-}
 
 ClientRequest::ClientRequest() { const tq::oss::TraceScope scope(trace::ClientRequestConstruct); }
 

@@ -28,7 +28,7 @@ struct KeptHeader {
 /// only saves work.
 class ClientRequest::UseOfKept {
  public:
-  explicit UseOfKept(const Kept& kept) noexcept
+  explicit UseOfKept(Kept& kept) noexcept
       : kept_(kept), granted_(!kept.inUse.exchange(true, std::memory_order_acquire)) {}
   ~UseOfKept() {
     if (granted_) kept_.inUse.store(false, std::memory_order_release);
@@ -38,7 +38,7 @@ class ClientRequest::UseOfKept {
   bool granted() const noexcept { return granted_; }
 
  private:
-  const Kept& kept_;
+  Kept& kept_;
   bool granted_;
 };
 

@@ -114,16 +114,17 @@ class KRU_EXPORT ClientRequest {
 
   /// For the messages that are made of this request: the header text that did not change lately,
   /// how many messages were made without one, and how many it takes until the next text is kept.
-  /// One of the messages that are made at the same time has it, the others do without it.
-  struct KRU_EXPORT Kept {
+  /// One of the messages that are made at the same time has it, the others do without it. A copy of
+  /// the request keeps a text of its own: this one's may be changing.
+  struct Kept {
     Kept() = default;
-    Kept(const Kept& other) noexcept { *this = other; }
-    Kept& operator=(const Kept& other) noexcept;
+    Kept(const Kept&) noexcept {}
+    Kept& operator=(const Kept&) noexcept { return *this; }
 
     std::shared_ptr<const KeptHeader> header;
     unsigned int madeWithout = 0;
     unsigned int patience = 1;
-    mutable std::atomic<bool> inUse{false};
+    std::atomic<bool> inUse{false};
   };
   class UseOfKept;
 

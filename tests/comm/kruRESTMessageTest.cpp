@@ -452,6 +452,18 @@ TEST_F(KeptHeaderTest, OfARequestThatIsBuiltAnewIsForgotten) {
   }
 }
 
+TEST_F(KeptHeaderTest, IsNoCopysAndGoesOutOfDateWhenAnotherRequestIsAssigned) {
+  RESTMessage::initUrls();
+  ClientRequest request;
+  request.buildRequest(u"c1", ClientRequest::STREAM_SEARCH, properties({{"query", "x"}}));
+  for (int i = 0; i < 3; ++i) expectHeader(request);
+  ClientRequest copy(request);
+  EXPECT_EQ(messagesBeforeOneKeepsItsHeader(copy), 1) << "it has one of its own";
+  copy.buildRequest(u"c2", ClientRequest::DELETE_DOCUMENT, properties({{"query", "y"}}));
+  request = copy;
+  for (int i = 0; i < 4; ++i) expectHeader(request);
+}
+
 TEST_F(KeptHeaderTest, ThatThereIsNoMemoryForIsWrittenEachTime) {
   RESTMessage::initUrls();
   ClientRequest request;
