@@ -29,7 +29,7 @@ class Descriptor {
   /// Gives the socket a number that is none of a standard stream's. False: it keeps the one it has.
   bool leaveStandardStreams() noexcept {
     const int moved = systemCalls().fcntl(fd_, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    if (moved < 0) return false;
+    if (moved == -1) return false;
     systemCalls().close(std::exchange(fd_, moved));
     return true;
   }

@@ -127,6 +127,22 @@ TEST_F(SocketConnect, NoConnectionGetsTheNumberOfAStandardStreamThatTheHostHasCl
   }
 }
 
+TEST_F(SocketConnect, NoConnectionGetsTheNumberOfOneOfSeveralStreamsThatTheHostHasClosed) {
+  std::string received;
+  Socket socket;
+  {
+    const WithoutStream noInput(STDIN_FILENO);
+    const WithoutStream noOutput(STDOUT_FILENO);
+    const WithoutStream noErrors(STDERR_FILENO);
+    connect(socket, listener.port());
+    tq::test::Peer peer = listener.accept();
+    peer.send("hi");
+    received = read(socket, 2);
+  }
+  EXPECT_GT(fake.lastDescriptor(), STDERR_FILENO);
+  EXPECT_EQ(received, "hi");
+}
+
 TEST_F(SocketConnect, ANumberThatCannotBeReplacedIsReportedAndGivenBack) {
   for (const int stream : kStandardStreams) {
     fake.resetCounts();
