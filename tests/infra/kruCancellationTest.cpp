@@ -158,6 +158,26 @@ TEST_F(SocketCancellation, WaitsForAHookToReturn) {
   EXPECT_TRUE(peer.seesClose());
 }
 
+TEST_F(SocketCancellation, TakesEffectWhenAHookHasReturnedAlsoWhereItGaveUp) {
+  Socket socket;
+  tq::test::Peer peer = connected(socket);
+  const auto hook = [](void*, int, short, int) noexcept {
+    ::pthread_cancel(::pthread_self());
+    return tq::oss::WaitResult::GiveUp;
+  };
+  socket.setWaitHook(hook, nullptr);
+  ASSERT_TRUE(isCancelledIn([&] {
+    char byte = 0;
+    try {
+      socket.readOnce(&byte, 0, 1);
+    } catch (const SocketException&) {
+      // A thread that is not cancelled gets here.
+    }
+  }));
+  EXPECT_FALSE(socket.isOpen());
+  EXPECT_TRUE(peer.seesClose());
+}
+
 /// A host that writes its records, as one does who keeps them in a file.
 class WritingFacility : public tq::oss::TraceFacility {
  public:
