@@ -23,13 +23,6 @@ namespace {
 constexpr Raiser fail("kruCorvaneClient");
 constexpr char16_t kNoHost[] = u"<unspecified>";
 
-/// MILLISECONDS rounded up, as `poll` wants them, and not cut to the longest wait that it knows.
-unsigned long millisUntil(tq::oss::Deadline deadline) {
-  constexpr std::uint64_t kNanosPerMilli = 1000000;
-  const std::uint64_t nanos = deadline.left();
-  return nanos / kNanosPerMilli + (nanos % kNanosPerMilli != 0 ? 1 : 0);
-}
-
 }  // namespace
 
 CorvaneClient::CorvaneClient()
@@ -113,11 +106,9 @@ void CorvaneClient::dropConnection() {
   line_->closed();
   try {
     socket_.close();
-  } catch (abi::__forced_unwind&) {
-    throw;
   } catch (...) {
     // The descriptor is released even when the system reports an error, and when there is no memory
-    // to make an exception of that, so nothing is left to do.
+    // to make an exception of that, so nothing is left to do. No thread is cancelled in a close.
   }
 }
 
@@ -158,8 +149,7 @@ bool CorvaneClient::dataToRead(bool wait) {
   std::list<tq::oss::Socket> readers{socket_};
   std::list<tq::oss::Socket> writers;
   std::list<tq::oss::Socket> excepts;
-  unsigned long allowed = timeOut_;
-  if (!deadline_.isNone()) allowed = std::min(allowed, millisUntil(deadline_));
+  const unsigned long allowed = std::min<std::uint64_t>(timeOut_, deadline_.leftMillis());
   if (tq::oss::Socket::select(readers, writers, excepts, &allowed) == 0) {
     fail(StaticDefs::ERR_SERVER_COMM_TIMEOUT, atServer());
   }

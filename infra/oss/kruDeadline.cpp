@@ -33,12 +33,15 @@ std::uint64_t Deadline::left() const noexcept {
   return now < nanos_ ? nanos_ - now : 0;
 }
 
+std::uint64_t Deadline::leftMillis() const noexcept {
+  const std::uint64_t nanos = left();
+  return nanos / kNanosPerMilli + (nanos % kNanosPerMilli != 0 ? 1 : 0);
+}
+
 int Deadline::pollMillis() const noexcept {
   if (isNone()) return -1;
-  const std::uint64_t nanos = left();
-  const std::uint64_t millis = nanos / kNanosPerMilli + (nanos % kNanosPerMilli != 0 ? 1 : 0);
   constexpr auto kLongest = static_cast<std::uint64_t>(std::numeric_limits<int>::max());
-  return static_cast<int>(std::min(millis, kLongest));
+  return static_cast<int>(std::min(leftMillis(), kLongest));
 }
 
 Deadline Deadline::share(std::uint64_t parts) const noexcept {

@@ -466,6 +466,16 @@ TEST(CorvaneClient, AReadWithWaitEndsWithTheTimeOutAlsoWhenSomeOfItsBytesHaveCom
   EXPECT_EQ(readOnce(client, 4), "ab") << "it has taken nothing";
 }
 
+TEST(CorvaneClient, AReadWithWaitEndsWithTheLastByteThatItAskedFor) {
+  ScriptedNetwork network(Script().send("ab").send("cd").stall(),
+                          ScriptedNetwork::Arrival::OnDemand);
+  TestClient client(7, kFresh);
+  client.setTimeOut(200);
+  client.open();
+  EXPECT_EQ(read(client, 4, true), "abcd");
+  EXPECT_EQ(network.elapsedMillis(), 0U);
+}
+
 TEST(CorvaneClient, AReadWithWaitGivesWhatThereIsBeforeTheEnd) {
   for (const auto& script : {Script().send("ab"), Script().send("ab").reset()}) {
     ScriptedNetwork network(script);

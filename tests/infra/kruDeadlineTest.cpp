@@ -21,6 +21,7 @@ TEST(Deadline, NoneIsLaterThanEveryOtherAndNeverReadsTheClock) {
   EXPECT_TRUE(none.isNone());
   EXPECT_FALSE(none.passed());
   EXPECT_EQ(none.left(), kLargest);
+  EXPECT_EQ(none.leftMillis(), kLargest / kMilli + 1);
   EXPECT_EQ(none.pollMillis(), -1);
   EXPECT_EQ(none.share(3), none);
   EXPECT_GT(none, Deadline::at(kLargest - 1));
@@ -84,6 +85,16 @@ TEST(Deadline, GivesPollWholeMillisecondsRoundedUp) {
     EXPECT_EQ(Deadline::at(kNow + c.left).pollMillis(), c.millis) << c.left;
   }
   EXPECT_EQ(Deadline::at(kNow - 1).pollMillis(), 0);
+}
+
+TEST(Deadline, IsMillisecondsAwayThatAreNotCutToWhatPollTakes) {
+  FakeSystemCalls fake;
+  constexpr std::uint64_t kNow = 10 * kMilli;
+  fake.setClock(kNow);
+  constexpr std::uint64_t kFar = 3 * std::uint64_t{INT_MAX};
+  EXPECT_EQ(Deadline::at(kNow + kFar * kMilli).leftMillis(), kFar);
+  EXPECT_EQ(Deadline::at(kNow + kFar * kMilli + 1).leftMillis(), kFar + 1);
+  EXPECT_EQ(Deadline::at(kNow - 1).leftMillis(), 0U);
 }
 
 TEST(Deadline, IsSharedInEqualParts) {

@@ -32,8 +32,10 @@ class KRU_EXPORT Deadline {
   bool passed() const noexcept;
   /// NANOSECONDS until then: 0 when it has passed, the largest value for none.
   std::uint64_t left() const noexcept;
-  /// What is left as `poll` wants it: MILLISECONDS rounded up, so that a wait does not end just
-  /// before the deadline; at most INT_MAX; -1 for none.
+  /// What is left in MILLISECONDS, rounded up, so that a wait does not end just before the
+  /// deadline.
+  std::uint64_t leftMillis() const noexcept;
+  /// The same as `poll` wants it: at most INT_MAX; -1 for none.
   int pollMillis() const noexcept;
   /// The end of the first of `parts` equal parts of the time that is left; 0 counts as 1. None has
   /// no parts.
