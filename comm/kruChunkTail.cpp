@@ -5,7 +5,6 @@
 #include <iterator>
 #include <limits>
 #include <string>
-#include <system_error>
 #include <utility>
 
 namespace tq::comm {
@@ -37,9 +36,10 @@ std::optional<std::size_t> chunkSizeOf(std::string_view line) {
   const bool atEnd = digits == line.size();
   if (!atEnd && std::string_view("; \t").find(*end) == std::string_view::npos) return std::nullopt;
   constexpr int kHexadecimal = 16;
-  std::size_t size = 0;
-  const auto parsed = std::from_chars(line.data(), line.data() + digits, size, kHexadecimal);
-  return parsed.ec == std::errc() ? size : std::numeric_limits<std::size_t>::max();
+  // A number that does not fit leaves it as it is.
+  std::size_t size = std::numeric_limits<std::size_t>::max();
+  std::from_chars(line.data(), line.data() + digits, size, kHexadecimal);
+  return size;
 }
 
 void ChunkTail::clear() {
