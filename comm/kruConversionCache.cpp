@@ -55,9 +55,9 @@ void ConversionCache::add(const icu::UnicodeString& text) {
   if (findFrom(first, text) != nullptr) return;
   auto entry = std::make_unique<Entry>(Entry{text, tq::oss::UTF8String(text), first});
   tq::oss::Converter::checked(entry->text);
-  // No lock: a child that is forked while another thread has it would wait for it for ever.
+  // No lock: a child that is forked while another thread has it would wait for it for ever. Two
+  // threads may both add a text, of whose forms the one in front is then found.
   while (!bucket.compare_exchange_weak(entry->next, entry.get(), std::memory_order_acq_rel)) {
-    if (findFrom(entry->next, text) != nullptr) return;
   }
   static_cast<void>(entry.release());
 }
