@@ -78,6 +78,19 @@ void registerFrequentTexts() {
   for (const icu::UnicodeString* word : words) GenRespRecord::AddStringToConversionCache(*word);
 }
 
+// Any other model takes memory at the first use where the library was loaded with dlopen, and the
+// system ends the process when there is none.
+[[gnu::tls_model("initial-exec")]] constinit thread_local const MessageTables* inFilling = nullptr;
+
+/// While it lives its thread fills these tables.
+class Filling {
+ public:
+  explicit Filling(const MessageTables& tables) noexcept { inFilling = &tables; }
+  ~Filling() { inFilling = nullptr; }
+  Filling(const Filling&) = delete;
+  Filling& operator=(const Filling&) = delete;
+};
+
 }  // namespace
 
 constinit std::atomic<const MessageTables*> MessageTables::filled{nullptr};
@@ -85,20 +98,12 @@ constinit std::atomic<const MessageTables*> MessageTables::filled{nullptr};
 /// No thread waits for another one to fill: a child that is forked meanwhile has no such thread. Of
 /// tables that several threads have filled one becomes the process's.
 const MessageTables& MessageTables::fillOnce() {
-  // Any other model takes memory at the first use where the library was loaded with dlopen, and the
-  // system ends the process when there is none.
-  [[gnu::tls_model("initial-exec")]] static constinit thread_local const MessageTables* filling =
-      nullptr;
-  if (filling != nullptr) return *filling;
+  if (inFilling != nullptr) return *inFilling;
   std::unique_ptr<MessageTables> own(new MessageTables);
-  filling = own.get();
-  try {
+  {
+    const Filling filling(*own);
     own->fill();
-  } catch (...) {
-    filling = nullptr;
-    throw;
   }
-  filling = nullptr;
   const MessageTables* first = nullptr;
   if (!filled.compare_exchange_strong(first, own.get(), std::memory_order_acq_rel)) return *first;
   // Never destroyed: a thread of the host may still be encoding while the process ends.
