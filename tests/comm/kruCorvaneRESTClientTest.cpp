@@ -729,6 +729,26 @@ TEST(CorvaneRESTClient, ADefaultConstructedClientHasNoRetryUntilItIsTold) {
   EXPECT_EQ(attempts(), 2U);
 }
 
+// The kind is there before its first attempt, which a client of another protocol makes.
+TEST(CorvaneRESTClient, TheAttemptsOfADerivedClientAreRepeatedWhereTheirKindBearsIt) {
+  struct Derived : CountingClient {
+    void sendAndRecvMesgOnce(ClientRequest& request, ClientResponse& response) override {
+      EXPECT_EQ(requestKind_, request.getRequest());
+      outcome_ = RequestOutcome::MayBeApplied;
+      CountingClient::sendAndRecvMesgOnce(request, response);
+    }
+  };
+  for (const int kind : {kGetStatus, kCreateCollection, kStreamSearch}) {
+    Derived client;
+    client.setNumRetries(1);
+    client.setRetryUnsafe(false);
+    exchangeError(client, kind);
+    const bool repeats = CorvaneRESTClient::isRepeatable(static_cast<ClientRequest::REQUEST>(kind));
+    EXPECT_EQ(repeats, kind != kCreateCollection);
+    EXPECT_EQ(client.attempts, repeats ? 2U : 1U) << kind;
+  }
+}
+
 TEST(CorvaneRESTClient, ADefaultConstructedClientHasNoServer) {
   ScriptedNetwork network(closeEarly());
   CorvaneRESTClient client;
@@ -1363,6 +1383,24 @@ TEST(CorvaneRESTClient, RowsThatWereTakenAreNotHandedOutAgainWhenAFailedExchange
   while (!client.isEndOfStream()) client.recv(response);
   takeParsed(response.getParseResponse(), taken);
   EXPECT_EQ(taken.parsed, reply.expected.parsed);
+}
+
+TEST(CorvaneRESTClient, ARowThatIsAddedByHandBehindRowsThatWereTakenStartsTheirListAnew) {
+  const auto& reply = replyNamed("ParseResultWithThreeRows");
+  ScriptedNetwork network(answer(plain(reply)));
+  auto client = clientFor(kPersistent);
+  auto request = requestFor(kParseResult);
+  ClientResponse response;
+  client.sendAndRecvMesg(request, response);
+  Outcome taken;
+  takeParsed(response.getParseResponse(), taken);
+  ASSERT_EQ(taken.parsed, reply.expected.parsed);
+  client.recv(response);
+  response.addParseResult(tq::comm::ParseResult(false));
+  Outcome next;
+  takeParsed(response.getParseResponse(), next);
+  ASSERT_EQ(next.parsed.size(), 1U);
+  EXPECT_EQ(next.parsed.front(), reply.expected.parsed.front());
 }
 
 TEST(CorvaneRESTClient, RecvMultResponseHandsOutNoHitThatWasTaken) {
@@ -2029,6 +2067,22 @@ TEST(CorvaneRESTClient, AThreadThatEndsInAnExchangeClosesTheConnection) {
   EXPECT_TRUE(endsItsThread([&] { client.sendAndRecvMesg(request, response); }));
   EXPECT_FALSE(client.isConnected());
   EXPECT_EQ(network.requests(), 1U);
+}
+
+TEST(CorvaneRESTClient, ARequestThatEndsItsThreadDoesSoBeforeAnythingIsSent) {
+  struct EndsItsThread : ClientRequest {
+    using ClientRequest::getDocKey;
+    const char* getDocKey(unsigned int&) override { ::pthread_exit(PTHREAD_CANCELED); }
+  };
+  ScriptedNetwork network(silence());
+  auto client = clientFor(kPersistent);
+  EndsItsThread request;
+  request.buildRequest(u"c1", ClientRequest::ADD_DOCUMENT, {});
+  request.setDocKey("key", 3);
+  request.setContent({{u"title", u"one"}}, "content", 7);
+  ClientResponse response;
+  EXPECT_TRUE(endsItsThread([&] { client.sendAndRecvMesg(request, response); }));
+  EXPECT_EQ(network.connectAttempts(), 0U);
 }
 
 // Cost.
