@@ -1038,6 +1038,22 @@ TEST(DrestoPerfClient, ASearchByHandIsReadAsOneAlsoAfterAnExchangeThatFoundNoSer
   EXPECT_EQ(idsHeld(response), ids({"a"}));
 }
 
+TEST(DrestoPerfClient, TheLimitOfAReplyHoldsByHandAlsoAfterAnExchangeThatFoundNoServer) {
+  for (const std::size_t limit : {5U, 4U}) {
+    ScriptedNetwork network({queuedDocument(), answer(kOk + plainHit("a key") + endOfResults())});
+    auto client = binaryClient();
+    client.setMaxReplyBytes(limit);
+    ClientResponse response;
+    searchByHandAfterNoServer(network, client, response);
+    const Raised raised = receive(client, response);
+    ASSERT_EQ(raised.size(), limit == 5 ? 0U : 1U);
+    if (!raised.empty()) {
+      EXPECT_EQ(raised.front().text, "a record is longer than the limit");
+    }
+    EXPECT_EQ(idsHeld(response), limit == 5 ? ids({"a key"}) : ids({}));
+  }
+}
+
 TEST(DrestoPerfClient, ARefusalByHandLeavesTheOutcomeOfAnExchangeThatFoundNoServer) {
   const std::string refusal = errorRecord({{"MsgId", "ZVK1"}, {"MsgText", "t"}});
   ScriptedNetwork network({queuedDocument(), answer(word16(6) + refusal)});
