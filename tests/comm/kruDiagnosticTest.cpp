@@ -343,21 +343,6 @@ TEST(Diagnostic, IsWrittenOnceTheThreadThatWasWritingOneIsDone) {
   EXPECT_EQ(buffer.text, "first\nsecond\n");
 }
 
-TEST(Diagnostic, OfSeveralThreadsAreAllWrittenWhereNoneIsStuck) {
-  InterruptedBuffer buffer({});
-  const ErrorsGoTo here(&buffer);
-  constexpr int kThreads = 4;
-  constexpr int kEach = 50;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([] {
-      for (int j = 0; j < kEach; ++j) writeDiagnostic("line\n");
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(std::count(buffer.text.begin(), buffer.text.end(), '\n'), kThreads * kEach);
-}
-
 TEST(Diagnostic, OfAChildIsWrittenAlthoughItsParentWasWritingOne) {
   bool written = false;
   InterruptedBuffer* inUse = nullptr;
