@@ -93,10 +93,7 @@ class Builder {
 
   void build() {
     addSettings();
-    addCollectionCommand(
-        "create", "Create a collection", createCollection,
-        "If the connection breaks once the request is on its way, it is not repeated: the\n"
-        "collection may have been created, which 'corvane status COLLECTION' tells.");
+    addCreate();
     addCollectionCommand(
         "drop", "Delete a collection with everything in it", dropCollection,
         "If the connection breaks once the request is on its way, it is not repeated: the\n"
@@ -175,6 +172,35 @@ class Builder {
     auto* sub = addCommand(
         name, help, [=](Session& session) { return action(session, *collection); }, details);
     addCollection(sub, *collection);
+  }
+
+  void addCreate() {
+    auto arguments = makeArguments<CreateArguments>();
+    auto* sub = addCommand(
+        "create", "Create a collection",
+        [=](Session& session) { return createCollection(session, *arguments); },
+        "A collection keeps what it was created with. If the connection breaks once the\n"
+        "request is on its way, it is not repeated: the collection may have been created,\n"
+        "which 'corvane status COLLECTION' tells.");
+    addCollection(sub, arguments->collection);
+    sub->add_option("--refresh", arguments->refresh,
+                    "When changes become searchable: manual (the\ndefault: by the command update), "
+                    "immediate, or after\nthat many milliseconds")
+        ->option_text("WHEN");
+    sub->add_option("--language", arguments->language,
+                    "Language of the texts, whose words are stemmed\n(default: en_us)")
+        ->option_text("CODE");
+    sub->add_option("--stop-words", arguments->stopWords,
+                    "Words that queries leave out, apart by commas or\nblanks")
+        ->option_text("WORDS");
+    sub->add_flag("--without-text", arguments->withoutText,
+                  "Store no texts; there are no digests then");
+    sub->add_flag("--without-positions", arguments->withoutPositions,
+                  "Store no positions of words; there are no phrases then");
+    sub->add_flag("--without-stemming", arguments->withoutStemming, "Find words only as they are");
+    sub->add_flag(
+        "--marked-metadata", arguments->markedMetadata,
+        "Make only that metadata searchable whose name comes\nwith 'Indexable:' in front");
   }
 
   void addAdd() {

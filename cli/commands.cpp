@@ -45,9 +45,10 @@ void exchangeVisibly(Session& session, ClientRequest& request, ClientResponse& r
 
 // A command that names a collection and has no results.
 ExitCode runOn(Session& session, ClientRequest::REQUEST kind, const std::string& collection,
-               const char* done, const char* doubt) {
+               const char* done, const char* doubt,
+               const tq::util::ExtendedProperties& properties = {}) {
   setDoubt(session, fmt::format("{}, which 'corvane status {}' tells", doubt, collection));
-  ClientRequest request = collectionRequest(kind, collectionName(collection));
+  ClientRequest request = collectionRequest(kind, collectionName(collection), properties);
   ClientResponse response;
   IndexProgress progress(session.settings, collectionName(collection));
   exchangeVisibly(session, request, response,
@@ -55,6 +56,23 @@ ExitCode runOn(Session& session, ClientRequest::REQUEST kind, const std::string&
   session.printer.result(fmt::format("{} {}", done, collection),
                          {{"collection", collection}, {"done", done}});
   return ExitCode::Ok;
+}
+
+// The server knows which values there are.
+tq::util::ExtendedProperties optionsOf(const CreateArguments& arguments) {
+  tq::util::ExtendedProperties properties;
+  const auto put = [&](const icu::UnicodeString& name, const char* what,
+                       const std::optional<std::string>& value) {
+    if (value) properties.putProperty(name, headerValue(what, *value));
+  };
+  put(u"refresh", "the value after --refresh", arguments.refresh);
+  put(u"docLang", "the language", arguments.language);
+  put(u"stopWords", "the list of stop words", arguments.stopWords);
+  if (arguments.withoutText) properties.putProperty(u"storeText", u"false");
+  if (arguments.withoutPositions) properties.putProperty(u"storePositions", u"false");
+  if (arguments.withoutStemming) properties.putProperty(u"stemming", u"false");
+  if (arguments.markedMetadata) properties.putProperty(u"searchableMetadata", u"marked");
+  return properties;
 }
 
 // What the server shall do with the backup of that name.
@@ -156,9 +174,10 @@ std::string statusReason(const ClientResponse& response) {
 
 }  // namespace
 
-ExitCode createCollection(Session& session, const std::string& collection) {
-  return runOn(session, ClientRequest::CREATE_COLLECTION, collection, "created",
-               "the collection may have been created all the same (the request was not repeated)");
+ExitCode createCollection(Session& session, const CreateArguments& arguments) {
+  return runOn(session, ClientRequest::CREATE_COLLECTION, arguments.collection, "created",
+               "the collection may have been created all the same (the request was not repeated)",
+               optionsOf(arguments));
 }
 
 ExitCode dropCollection(Session& session, const std::string& collection) {

@@ -14,7 +14,18 @@ namespace corvane {
 /// and returns the program's exit code; a failure of the exchange passes through as the library's
 /// exception.
 
-ExitCode createCollection(Session& session, const std::string& collection);
+/// What a collection is created with. The server has a default for what is missing here.
+struct CreateArguments {
+  std::string collection;
+  std::optional<std::string> refresh;
+  std::optional<std::string> language;
+  std::optional<std::string> stopWords;
+  bool withoutText = false;
+  bool withoutPositions = false;
+  bool withoutStemming = false;
+  bool markedMetadata = false;
+};
+ExitCode createCollection(Session& session, const CreateArguments& arguments);
 ExitCode dropCollection(Session& session, const std::string& collection);
 ExitCode updateIndex(Session& session, const std::string& collection);
 

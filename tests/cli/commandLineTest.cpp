@@ -49,6 +49,8 @@ TEST(CommandLine, HasDefaults) {
 
 TEST(CommandLine, KnowsEveryCommand) {
   const std::vector<std::vector<const char*>> commands = {{"create", "c"},
+                                                          {"create", "c", "--without-text"},
+                                                          {"create", "c", "--refresh", "1000"},
                                                           {"drop", "c"},
                                                           {"add", "c", "k", "text"},
                                                           {"load", "c", "-"},
@@ -93,6 +95,8 @@ TEST(CommandLine, RefusesWrongUseWithOneLineAndTheUsageCode) {
       {"--port", "1", "search", "c", "q", "--limit", "1", "--after", "x", "--also", "d"},
       {"--port", "1", "search", "c", "q", "--limit", "18446744073709551616"},
       {"--port", "1", "create"},
+      {"--port", "1", "create", "c", "--refresh"},
+      {"--port", "1", "drop", "c", "--without-text"},
       {"--port", "1", "backup"},
       {"--port", "1", "restore"},
       {"--port", "1", "restore", "b", "--from", "c"},

@@ -81,6 +81,23 @@ TEST_P(Program, TakesACollectionThroughItsWholeLife) {
   EXPECT_EQ(run({"search", "books", "lighthouse"}).code, 1);
 }
 
+TEST_P(Program, CreatesACollectionWithOptionsOfItsOwn) {
+  EXPECT_EQ(output({"create", "notes", "--refresh", "immediate", "--language", "de", "--stop-words",
+                    "der, die", "--without-positions"}),
+            "created notes\n");
+  output({"add", "notes", "k1", "die Leuchtt\xc3\xbcrme"});
+  EXPECT_THAT(output({"search", "notes", "der leuchtturm"}), HasSubstr("  k1\n"));
+  EXPECT_THAT(run({"search", "notes", "\"die Leuchtt\xc3\xbcrme\""}).err, HasSubstr("(ZVK0010E)"));
+  output({"create", "plain", "--without-stemming", "--marked-metadata"});
+  output({"add", "plain", "k1", "lighthouses", "--meta", "author=Woolf", "--meta",
+          "Indexable:year=1927"});
+  output({"update", "plain"});
+  EXPECT_EQ(run({"search", "plain", "lighthouse"}).out, "");
+  EXPECT_EQ(run({"search", "plain", "author:Woolf"}).out, "");
+  EXPECT_THAT(output({"search", "plain", "year:1927"}), HasSubstr("  k1\n"));
+  EXPECT_THAT(run({"create", "other", "--refresh", "soon"}).err, HasSubstr("(ZVK0006E)"));
+}
+
 TEST_P(Program, LoadsMoreThanOneWindowOfDocuments) {
   output({"create", "c"});
   EXPECT_EQ(output({"load", "c", "-", "--update"}, manyDocuments(4500)),

@@ -172,14 +172,23 @@ TEST(Refused, NamesOfFilesCannotSteerTheTerminal) {
 
 TEST(Refused, ValuesThatWouldWriteHeaderLinesAreNeverSent) {
   ScriptedServer server(Script().awaitClose());
-  const std::vector<std::vector<std::string>> commands = {
-      {"create", "a\nb"},         {"drop", "a\rb"},
-      {"update", "a\r\nb"},       {"add", "a\nb", "k", "t"},
-      {"load", "a\nb", "-"},      {"search", "a\nb", "q"},
-      {"search", "c", "q\nx: y"}, {"estimate", "c", "q\r"},
-      {"estimate", "c\n", "q"},   {"delete", "c\n", "k"},
-      {"status", "c\n"},          {"search", "c", ""},
-      {"search", "c", "\xff"},    {"create", ""}};
+  const std::vector<std::vector<std::string>> commands = {{"create", "a\nb"},
+                                                          {"drop", "a\rb"},
+                                                          {"update", "a\r\nb"},
+                                                          {"add", "a\nb", "k", "t"},
+                                                          {"load", "a\nb", "-"},
+                                                          {"search", "a\nb", "q"},
+                                                          {"search", "c", "q\nx: y"},
+                                                          {"estimate", "c", "q\r"},
+                                                          {"estimate", "c\n", "q"},
+                                                          {"delete", "c\n", "k"},
+                                                          {"status", "c\n"},
+                                                          {"search", "c", ""},
+                                                          {"search", "c", "\xff"},
+                                                          {"create", ""},
+                                                          {"create", "c", "--refresh", ""},
+                                                          {"create", "c", "--stop-words", "a\nb"},
+                                                          {"create", "c", "--language", ""}};
   for (const auto& command : commands) {
     const Result result = runAgainst(server, command);
     EXPECT_EQ(result.code, ExitCode::Usage) << command[0];
@@ -211,6 +220,27 @@ TEST(Refused, FilesThatCannotBeReadAreNamedAndNothingIsSent) {
     }
   }
   EXPECT_EQ(server.connections(), 0U);
+}
+
+TEST(Create, SendsEachOptionThatIsGivenAndNoOther) {
+  const std::vector<std::pair<std::vector<std::string>, std::string>> options = {
+      {{"--refresh", "1000"}, "\nrefresh: 1000\n"},
+      {{"--language", "de"}, "\ndocLang: de\n"},
+      {{"--stop-words", "der,die"}, "\nstopWords: der,die\n"},
+      {{"--without-text"}, "\nstoreText: false\n"},
+      {{"--without-positions"}, "\nstorePositions: false\n"},
+      {{"--without-stemming"}, "\nstemming: false\n"},
+      {{"--marked-metadata"}, "\nsearchableMetadata: marked\n"}};
+  for (const auto& [given, line] : options) {
+    ScriptedServer server(answers({done()}));
+    std::vector<std::string> arguments{"create", "books"};
+    arguments.insert(arguments.end(), given.begin(), given.end());
+    EXPECT_EQ(runAgainst(server, arguments).out, "created books\n");
+    const std::string sent = server.connection(0).requests.at(0);
+    for (const auto& [others, each] : options) {
+      EXPECT_EQ(contains(sent, each), each == line) << given[0] << '\n' << sent;
+    }
+  }
 }
 
 TEST(Command, SendsItsCollectionAndSaysWhatItDid) {
