@@ -6,15 +6,14 @@
 #include "cli/commands.h"
 #include "cli/facts.h"
 #include "cli/outcomes.h"
+#include "cli/pages.h"
 #include "cli/text.h"
-#include "comm/kruClientResponse.h"
 #include "comm/kruParseResult.h"
 
 namespace corvane {
 
 namespace {
 
-using tq::comm::ClientRequest;
 using tq::comm::ParseResult;
 
 // A backup that cannot be read has an error in place of the facts.
@@ -35,29 +34,11 @@ void print(Session& session, const ParseResult& result) {
       {{"backup", name}, {"made", made}, {"collections", collections}, {"bytes", bytes}});
 }
 
-// Prints what follows `after`, and makes it the last of them. False if nothing does.
-bool printPage(Session& session, icu::UnicodeString& after) {
-  tq::util::ExtendedProperties properties;
-  properties.putProperty(u"report", u"backups");
-  if (!after.isEmpty()) properties.putProperty(u"after", after);
-  ClientRequest request;
-  request.buildRequest(ClientRequest::PARSE_RESULT, properties);
-  return takeResults(session, request, [&](const ParseResult& result) {
-           after = result.getDocument();
-           print(session, result);
-         }) > 0;
-}
-
 }  // namespace
 
 ExitCode listBackups(Session& session) {
-  icu::UnicodeString after;
-  while (printPage(session, after)) {
-    if (session.client.isTruncated()) break;
-  }
-  if (!session.client.isTruncated()) return ExitCode::Ok;
-  session.printer.error("the server broke off the list of the backups", "TRUNCATED");
-  return ExitCode::Truncated;
+  return printReport(session, u"backups", {"backup", "there are no backups"},
+                     [&](const ParseResult& result) { print(session, result); });
 }
 
 }  // namespace corvane

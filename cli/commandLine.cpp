@@ -107,6 +107,7 @@ class Builder {
     addBackup();
     addRestore();
     addBackups();
+    addList();
     addStatus();
     addVersion();
   }
@@ -354,6 +355,17 @@ class Builder {
   void addBackups() {
     addCommand("backups", "List the backups on the server's machine", listBackups,
                "If the connection breaks, the request is not repeated: ask again.");
+  }
+
+  void addList() {
+    auto collection = makeArguments<std::optional<std::string>>();
+    addCommand(
+        "list", "List the collections, and what the server tells of each",
+        [=](Session& session) { return listCollections(session, *collection); },
+        "Documents are those that searches find, and pending are the changes that wait\n"
+        "for the command update. The server opens each collection that it tells of. If\n"
+        "the connection breaks, the request is not repeated: ask again.")
+        ->add_option("COLLECTION", *collection, "Name of the only one to list (default: all)");
   }
 
   void addStatus() {

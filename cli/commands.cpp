@@ -7,6 +7,7 @@
 
 #include "cli/errors.h"
 #include "cli/indexProgress.h"
+#include "cli/keyForms.h"
 #include "cli/outcomes.h"
 #include "cli/request.h"
 #include "cli/text.h"
@@ -126,20 +127,6 @@ KVPair metadataPair(const std::string& argument) {
   return {*name, *value};
 }
 
-void checkKey(const std::string& key) {
-  if (auto reason = whyNoKey(key)) throw UsageError(*reason);
-}
-
-std::string decodedKey(const std::string& text) {
-  constexpr std::string_view kPrefix = "base64:";
-  const std::string_view digits = text.compare(0, kPrefix.size(), kPrefix) == 0
-                                      ? std::string_view(text).substr(kPrefix.size())
-                                      : std::string_view(text);
-  auto key = decodeBase64(digits);
-  if (!key) throw UsageError(fmt::format("\"{}\" is not Base64", printable(text)));
-  return *std::move(key);
-}
-
 void deleteOne(Session& session, const std::string& collection, const std::string& key,
                const std::string& shown) {
   ClientRequest request =
@@ -195,12 +182,12 @@ ExitCode updateIndex(Session& session, const std::string& collection) try {
 }
 
 ExitCode addDocument(Session& session, const AddArguments& arguments) {
-  checkKey(arguments.key);
+  const std::string key = keyFrom(arguments.key, false);
   std::list<KVPair> metadata;
   for (const auto& pair : arguments.metadata) metadata.push_back(metadataPair(pair));
   ClientRequest request =
       collectionRequest(ClientRequest::ADD_DOCUMENT, collectionName(arguments.collection));
-  attachDocument(request, arguments.key, arguments.text, std::move(metadata));
+  attachDocument(request, key, arguments.text, std::move(metadata));
   setDoubt(session, "the document may have been added; adding it again does no harm");
   ClientResponse response;
   exchange(session, request, response);
@@ -213,10 +200,7 @@ ExitCode addDocument(Session& session, const AddArguments& arguments) {
 ExitCode deleteDocuments(Session& session, const std::string& collection,
                          const std::vector<std::string>& keys, bool base64) {
   std::vector<std::string> decoded;
-  for (const auto& key : keys) {
-    decoded.push_back(base64 ? decodedKey(key) : key);
-    checkKey(decoded.back());
-  }
+  for (const auto& key : keys) decoded.push_back(keyFrom(key, base64));
   setDoubt(session, "more documents may have been deleted; deleting them again does no harm");
   for (std::size_t i = 0; i < keys.size(); ++i) deleteOne(session, collection, decoded[i], keys[i]);
   return ExitCode::Ok;

@@ -70,6 +70,9 @@ struct RestoreArguments {
 };
 ExitCode restore(Session& session, const RestoreArguments& arguments);
 
+/// What the server tells of the collection, or of all.
+ExitCode listCollections(Session& session, const std::optional<std::string>& collection);
+
 /// The server's state, or a collection's when one is named.
 ExitCode status(Session& session, const std::string& collection);
 ExitCode serverVersion(Session& session);

@@ -5,14 +5,22 @@
 
 namespace corvane {
 
-std::optional<std::string_view> factIn(std::string_view report, std::string_view name) {
+std::vector<std::pair<std::string_view, std::string_view>> factsIn(std::string_view report,
+                                                                   std::string_view last) {
+  std::vector<std::pair<std::string_view, std::string_view>> facts;
   while (!report.empty()) {
-    const std::string_view fact = report.substr(0, report.find(' '));
+    const std::size_t equals = std::min(report.find('='), report.size());
+    const std::size_t end = report.substr(0, equals) == last ? report.npos : report.find(' ');
+    const std::string_view fact = report.substr(0, end);
+    if (equals < fact.size()) facts.emplace_back(fact.substr(0, equals), fact.substr(equals + 1));
     report.remove_prefix(std::min(report.size(), fact.size() + 1));
-    if (fact.size() > name.size() && fact.substr(0, name.size()) == name &&
-        fact[name.size()] == '=') {
-      return fact.substr(name.size() + 1);
-    }
+  }
+  return facts;
+}
+
+std::optional<std::string_view> factIn(std::string_view report, std::string_view name) {
+  for (const auto& [known, value] : factsIn(report, {})) {
+    if (known == name) return value;
   }
   return std::nullopt;
 }

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <optional>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace corvane {
 
@@ -12,5 +14,10 @@ std::optional<std::string_view> factIn(std::string_view report, std::string_view
 
 /// The same of a fact that is a number; 0 if the report does not tell one.
 std::uint64_t numberIn(std::string_view report, std::string_view name);
+
+/// All facts of a report, by name and value. `last` is the name of the one behind which there is no
+/// other one, so that its value may have blanks.
+std::vector<std::pair<std::string_view, std::string_view>> factsIn(std::string_view report,
+                                                                   std::string_view last);
 
 }  // namespace corvane

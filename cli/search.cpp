@@ -7,7 +7,9 @@
 #include "cli/commands.h"
 #include "cli/errors.h"
 #include "cli/facts.h"
+#include "cli/keyForms.h"
 #include "cli/outcomes.h"
+#include "cli/pages.h"
 #include "cli/request.h"
 #include "cli/text.h"
 #include "comm/kruClientResponse.h"
@@ -118,11 +120,8 @@ class HitPrinter {
   void print(const ShownHit& hit) {
     ++rank_;
     ++hits_;
-    const auto bytes = keyOfDocId(hit.docId);
-    const auto key = bytes ? fromUtf8(*bytes) : std::nullopt;
-    if (printer_.json()) return printJson(hit, key);
-    const std::string shown = key && isPrintable(*key) ? *bytes : printable(hit.docId);
-    std::string line = fmt::format("{:>5}  {:>7.3f}  {}", rank_, hit.score, shown);
+    if (printer_.json()) return printJson(hit);
+    std::string line = fmt::format("{:>5}  {:>7.3f}  {}", rank_, hit.score, shownKey(hit.docId));
     if (hit.collection) line += "  (" + printable(*hit.collection) + ")";
     printer_.line(line);
   }
@@ -130,11 +129,10 @@ class HitPrinter {
   std::uint64_t hits() const { return hits_; }
 
  private:
-  void printJson(const ShownHit& hit, const std::optional<icu::UnicodeString>& key) {
+  void printJson(const ShownHit& hit) {
     nlohmann::ordered_json object = {{"rank", rank_}, {"score", hit.score}};
     if (hit.collection) object["collection"] = *hit.collection;
-    if (key) object["key"] = toUtf8(*key);
-    object["docId"] = toUtf8(hit.docId);
+    addKey(object, hit.docId);
     printer_.object(object);
   }
 
@@ -142,15 +140,6 @@ class HitPrinter {
   std::uint64_t rank_;
   std::uint64_t hits_ = 0;
 };
-
-ExitCode cutOff(Session& session, std::uint64_t hits, const std::string& cause) {
-  session.printer.error(
-      fmt::format("the result from {} was cut off after {} ({}); what is shown is right but not "
-                  "everything, search again",
-                  address(session.settings), counted(hits, "hit"), cause),
-      "TRUNCATED");
-  return ExitCode::Truncated;
-}
 
 std::string whyNoHits(const SearchArguments& arguments) {
   if (arguments.limit == std::uint64_t{0}) return "no hits are shown, as --limit 0 asks";
@@ -226,7 +215,7 @@ ExitCode searchTogether(Session& session, const SearchArguments& arguments) {
     hits.print({scoreIn(facts), result.getDocument(), collectionIn(facts)});
   });
   if (session.client.isTruncated()) {
-    return cutOff(session, hits.hits(), "the server ended it early");
+    return cutOff(session, counted(hits.hits(), "hit"), "the server ended it early");
   }
   if (hits.hits() == 0) session.printer.note(whyNoHits(arguments));
   return ExitCode::Ok;
@@ -244,10 +233,11 @@ ExitCode search(Session& session, const SearchArguments& arguments) {
   hits.print(response.getSearchResponse());
   try {
     if (!printRest(session, response, hits)) {
-      return cutOff(session, hits.hits(), "the server ended it early");
+      return cutOff(session, counted(hits.hits(), "hit"), "the server ended it early");
     }
   } catch (const tq::oss::BaseException& failure) {
-    return cutOff(session, hits.hits(), describeFailure(failure, session.settings, true));
+    return cutOff(session, counted(hits.hits(), "hit"),
+                  describeFailure(failure, session.settings, true));
   }
   // A page without hits has brought nobody further.
   if (hits.hits() == 0) {

@@ -64,6 +64,8 @@ TEST(CommandLine, KnowsEveryCommand) {
                                                           {"restore", "b"},
                                                           {"restore", "b", "c", "--replace"},
                                                           {"restore", "b", "c", "--from", "d"},
+                                                          {"list"},
+                                                          {"list", "c"},
                                                           {"status"},
                                                           {"status", "c"},
                                                           {"version"}};
@@ -179,8 +181,8 @@ TEST(CommandLine, EveryCommandExplainsItselfAndSpeaksJson) {
   const std::vector<std::vector<const char*>> commands = {
       {"create", "c"}, {"drop", "c"},        {"add", "c", "k", "text"}, {"load", "c", "-"},
       {"update", "c"}, {"search", "c", "q"}, {"estimate", "c", "q"},    {"delete", "c", "k"},
-      {"backup", "b"}, {"backups"},          {"restore", "b"},          {"status"},
-      {"version"}};
+      {"backup", "b"}, {"backups"},          {"restore", "b"},          {"list"},
+      {"status"},      {"version"}};
   for (const auto& command : commands) {
     const std::string name = command.front();
     const Parse help({command.front(), "--help"});

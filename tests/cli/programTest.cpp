@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -238,6 +239,38 @@ TEST_P(Program, SaysThatACollectionIsNotAvailable) {
   if (std::string(GetParam()) == "binary") {
     EXPECT_THAT(finished.out, HasSubstr("(ZVK0007E)"));
   }
+}
+
+TEST_P(Program, ListsCollectionsWithWhatTheyAre) {
+  EXPECT_EQ(run({"list"}).err, "there are no collections\n");
+  output({"create", "my notes", "--refresh", "1000", "--language", "de", "--without-text",
+          "--stop-words", "der die"});
+  loadAll(manyDocuments(30));
+  output({"delete", "c", "k1"});
+  const std::string bytes = " [0-9]* bytes, ";
+  const std::string c = "c: 30 documents, 1 pending," + bytes + "language en_us, refresh manual\n";
+  const std::string notes = "my notes: 0 documents, 0 pending," + bytes +
+                            "language de, storeText false, stopWords 2, refresh 1000\n";
+  EXPECT_THAT(output({"list"}), ::testing::MatchesRegex(c + notes));
+  EXPECT_THAT(output({"list", "my notes"}), ::testing::MatchesRegex(notes));
+  const std::string json = output({"list", "c", "--json"});
+  EXPECT_THAT(json, HasSubstr(R"({"collection":"c","documents":30,"pending":1,"bytes":)"));
+  EXPECT_THAT(json, HasSubstr(R"(,"language":"en_us","refresh":"manual"})"));
+  EXPECT_THAT(run({"list", "nowhere"}).err, HasSubstr("(ZVK0007E)"));
+}
+
+TEST_P(Program, ListsMoreCollectionsThanAPageHas) {
+  std::string names;
+  for (int i = 100; i < 250; ++i) {
+    const std::string name = "c" + std::to_string(i);
+    output({"create", name});
+    names += name + '\n';
+  }
+  std::string listed;
+  std::istringstream lines(output({"list"}));
+  for (std::string line; std::getline(lines, line);)
+    listed += line.substr(0, line.find(':')) + '\n';
+  EXPECT_EQ(listed, names);
 }
 
 TEST_P(Program, AnswersStatusAndVersion) {

@@ -188,7 +188,9 @@ TEST(Refused, ValuesThatWouldWriteHeaderLinesAreNeverSent) {
                                                           {"create", ""},
                                                           {"create", "c", "--refresh", ""},
                                                           {"create", "c", "--stop-words", "a\nb"},
-                                                          {"create", "c", "--language", ""}};
+                                                          {"create", "c", "--language", ""},
+                                                          {"list", "c\n"},
+                                                          {"list", ""}};
   for (const auto& command : commands) {
     const Result result = runAgainst(server, command);
     EXPECT_EQ(result.code, ExitCode::Usage) << command[0];
