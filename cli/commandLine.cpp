@@ -108,6 +108,8 @@ class Builder {
     addRestore();
     addBackups();
     addList();
+    addKeys();
+    addDigest();
     addStatus();
     addVersion();
   }
@@ -366,6 +368,45 @@ class Builder {
         "for the command update. The server opens each collection that it tells of. If\n"
         "the connection breaks, the request is not repeated: ask again.")
         ->add_option("COLLECTION", *collection, "Name of the only one to list (default: all)");
+  }
+
+  static void addRange(CLI::App* command, KeyRange& range) {
+    command->add_option("--after", range.after, "Begin behind this key")->option_text("KEY");
+    command->add_option("--upto", range.upTo, "End with this key")->option_text("KEY");
+    command->add_flag("--base64", range.base64,
+                      "These keys are Base64, as those are shown that cannot\nbe printed");
+  }
+
+  void addKeys() {
+    auto arguments = makeArguments<KeysArguments>();
+    auto* sub = addCommand(
+        "keys", "Print the keys of the documents that searches find",
+        [=](Session& session) { return listKeys(session, *arguments); },
+        "Keys are in the order of their bytes. If the connection breaks, the request for\n"
+        "the next 10000 of them is repeated once.");
+    addCollection(sub, arguments->collection);
+    addRange(sub, arguments->range);
+    sub->add_option("--limit", arguments->limit, "Print at most N keys (default: all)")
+        ->check(wholeNumber(0, kMaxDocuments))
+        ->option_text("N");
+  }
+
+  void addDigest() {
+    auto arguments = makeArguments<DigestArguments>();
+    auto* sub = addCommand(
+        "digest", "Print SHA-256, number and last key of documents in a range",
+        [=](Session& session) { return digest(session, *arguments); },
+        "Where the digests of two collections differ, a smaller range and a smaller N\n"
+        "tell which documents do. The server has to be done within its time limit for\n"
+        "searches, so large collections need --every. If the connection breaks, the\n"
+        "request is not repeated: ask again.");
+    addCollection(sub, arguments->collection);
+    addRange(sub, arguments->range);
+    sub->add_option("--every", arguments->every,
+                    "A digest of every N documents in the order of their\nkeys (default: one of "
+                    "all)")
+        ->check(wholeNumber(1, kMaxDocuments))
+        ->option_text("N");
   }
 
   void addStatus() {

@@ -73,6 +73,27 @@ ExitCode restore(Session& session, const RestoreArguments& arguments);
 /// What the server tells of the collection, or of all.
 ExitCode listCollections(Session& session, const std::optional<std::string>& collection);
 
+/// Keys behind `after` and up to `upTo`, which are text or, when `base64` says so, Base64.
+struct KeyRange {
+  std::optional<std::string> after;
+  std::optional<std::string> upTo;
+  bool base64 = false;
+};
+
+struct KeysArguments {
+  std::string collection;
+  KeyRange range;
+  std::optional<std::uint64_t> limit;
+};
+ExitCode listKeys(Session& session, const KeysArguments& arguments);
+
+struct DigestArguments {
+  std::string collection;
+  KeyRange range;
+  std::uint64_t every = 0;  ///< how many documents have a digest together; 0: all
+};
+ExitCode digest(Session& session, const DigestArguments& arguments);
+
 /// The server's state, or a collection's when one is named.
 ExitCode status(Session& session, const std::string& collection);
 ExitCode serverVersion(Session& session);

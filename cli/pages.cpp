@@ -19,25 +19,30 @@ ExitCode cutOff(Session& session, const std::string& shown, const std::string& c
   return ExitCode::Truncated;
 }
 
-ExitCode printPages(Session& session, const ListWords& words,
-                    const std::function<bool(std::uint64_t& printed)>& printPage) {
+ExitCode printPages(Session& session, const ListWords& words, const PagePrinter& printPage) {
   session.lastWords.set(
       {{}, session.printer.errorLine("interrupted; the list is not complete", "INTERRUPTED")});
   std::uint64_t printed = 0;
-  std::string cause = "the server ended it early";
+  std::string place;
   try {
-    while (printPage(printed)) {
+    while (const auto next = printPage(printed)) {
       if (session.client.isTruncated()) break;
-    }
-    if (!session.client.isTruncated()) {
-      if (printed == 0) session.printer.note(words.none);
-      return ExitCode::Ok;
+      if (*next <= place) {
+        throw OperationError(fmt::format("{} tells the same part of the list again behind \"{}\"",
+                                         address(session.settings), printable(place)));
+      }
+      place = *next;
     }
   } catch (const tq::oss::BaseException& failure) {
     if (printed == 0) throw;
-    cause = describeFailure(failure, session.settings, true);
+    return cutOff(session, counted(printed, words.noun),
+                  describeFailure(failure, session.settings, true));
   }
-  return cutOff(session, counted(printed, words.noun), cause);
+  if (session.client.isTruncated()) {
+    return cutOff(session, counted(printed, words.noun), "the server ended it early");
+  }
+  if (printed == 0) session.printer.note(words.none);
+  return ExitCode::Ok;
 }
 
 ExitCode printReport(Session& session, const icu::UnicodeString& report, const ListWords& words,
@@ -50,17 +55,12 @@ ExitCode printReport(Session& session, const icu::UnicodeString& report, const L
     tq::comm::ClientRequest request;
     request.buildRequest(tq::comm::ClientRequest::PARSE_RESULT, properties);
     const auto take = [&](const tq::comm::ParseResult& result) {
-      // A server that does not go on would be asked for ever.
-      if (result.getDocument().compareCodePointOrder(after) <= 0) {
-        throw OperationError(fmt::format("{} lists \"{}\" out of its order",
-                                         address(session.settings),
-                                         printable(result.getDocument())));
-      }
       after = result.getDocument();
       print(result);
       ++printed;
     };
-    return takeResults(session, request, take) > 0;
+    const bool isEmpty = takeResults(session, request, take) == 0;
+    return isEmpty ? std::nullopt : std::optional(toUtf8(after));
   });
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "cli/exitCode.h"
@@ -24,11 +25,14 @@ struct ListWords {
   const char* none;
 };
 
-/// Prints a list that the server tells page by page. `printPage` asks for the next page, counts
-/// what it prints, and returns whether there may be another one. A list that breaks off before its
-/// first line fails as any other request does; later it is cut off.
-ExitCode printPages(Session& session, const ListWords& words,
-                    const std::function<bool(std::uint64_t& printed)>& printPage);
+/// Asks for a page, counts what it prints of it, and returns behind what the next one begins;
+/// nothing when there is no further one.
+using PagePrinter = std::function<std::optional<std::string>(std::uint64_t& printed)>;
+
+/// Prints a list that the server tells page by page, in the byte order of names or keys. A list
+/// that breaks off before its first line fails as any other request does; later it is cut off.
+/// Throws OperationError when a page does not lead further, as the list would have no end.
+ExitCode printPages(Session& session, const ListWords& words, const PagePrinter& printPage);
 
 /// The same for a report of the server that lists things in the order of their names.
 ExitCode printReport(Session& session, const icu::UnicodeString& report, const ListWords& words,

@@ -27,10 +27,6 @@ using tq::comm::StaticDefs;
 
 constexpr std::string_view kStateHasGone = "ZVK0035E";
 
-icu::UnicodeString digits(std::uint64_t number) {
-  return icu::UnicodeString::fromUTF8(std::to_string(number));
-}
-
 /// Where a result goes on, and how many hits come before.
 struct Place {
   std::uint64_t rank = 0;

@@ -46,6 +46,10 @@ icu::UnicodeString headerValue(std::string_view what, std::string_view bytes) {
   return *text;
 }
 
+icu::UnicodeString digits(std::uint64_t number) {
+  return icu::UnicodeString::fromUTF8(std::to_string(number));
+}
+
 std::optional<std::string> whyNoKey(std::string_view key) {
   if (key.empty()) return "the key is empty";
   if (key.size() > kMaxKeyBytes) {

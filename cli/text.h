@@ -21,6 +21,9 @@ std::optional<icu::UnicodeString> fromUtf8(std::string_view bytes);
 /// UTF-8, or holds CR, LF or NUL: each of these would write header lines of its own.
 icu::UnicodeString headerValue(std::string_view what, std::string_view bytes);
 
+/// The number as a header line has it.
+icu::UnicodeString digits(std::uint64_t number);
+
 /// Why the bytes cannot be a document's key; nothing when they can.
 std::optional<std::string> whyNoKey(std::string_view key);
 

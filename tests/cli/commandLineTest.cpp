@@ -66,6 +66,10 @@ TEST(CommandLine, KnowsEveryCommand) {
                                                           {"restore", "b", "c", "--from", "d"},
                                                           {"list"},
                                                           {"list", "c"},
+                                                          {"keys", "c"},
+                                                          {"keys", "c", "--upto", "k"},
+                                                          {"digest", "c"},
+                                                          {"digest", "c", "--after", "k"},
                                                           {"status"},
                                                           {"status", "c"},
                                                           {"version"}};
@@ -103,6 +107,12 @@ TEST(CommandLine, RefusesWrongUseWithOneLineAndTheUsageCode) {
       {"--port", "1", "restore"},
       {"--port", "1", "restore", "b", "--from", "c"},
       {"--port", "1", "backup", "b", "c", "--replace"},
+      {"--port", "1", "keys"},
+      {"--port", "1", "keys", "c", "k"},
+      {"--port", "1", "keys", "c", "--limit", "-1"},
+      {"--port", "1", "digest"},
+      {"--port", "1", "digest", "c", "--every", "0"},
+      {"--port", "1", "digest", "c", "--limit", "1"},
       {"--port", "1", "add", "c"},
       {"--port", "1", "add", "c", "k", "text", "--file", "f"},
       {"--port", "1", "--protocol", "smoke", "status"},
@@ -178,11 +188,22 @@ TEST(CommandLine, ExplainsItself) {
 }
 
 TEST(CommandLine, EveryCommandExplainsItselfAndSpeaksJson) {
-  const std::vector<std::vector<const char*>> commands = {
-      {"create", "c"}, {"drop", "c"},        {"add", "c", "k", "text"}, {"load", "c", "-"},
-      {"update", "c"}, {"search", "c", "q"}, {"estimate", "c", "q"},    {"delete", "c", "k"},
-      {"backup", "b"}, {"backups"},          {"restore", "b"},          {"list"},
-      {"status"},      {"version"}};
+  const std::vector<std::vector<const char*>> commands = {{"create", "c"},
+                                                          {"drop", "c"},
+                                                          {"add", "c", "k", "text"},
+                                                          {"load", "c", "-"},
+                                                          {"update", "c"},
+                                                          {"search", "c", "q"},
+                                                          {"estimate", "c", "q"},
+                                                          {"delete", "c", "k"},
+                                                          {"backup", "b"},
+                                                          {"backups"},
+                                                          {"restore", "b"},
+                                                          {"list"},
+                                                          {"keys", "c"},
+                                                          {"digest", "c"},
+                                                          {"status"},
+                                                          {"version"}};
   for (const auto& command : commands) {
     const std::string name = command.front();
     const Parse help({command.front(), "--help"});

@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "tests/cli/scriptedRun.h"
+#include "tests/support/replyCorpus.h"
 
 using namespace corvane;
 using namespace corvane::test;
@@ -85,7 +87,8 @@ TEST(List, EndsWhenTheServerTellsTheSamePageAgain) {
   ScriptedServer server(answers({page, page}));
   const Result result = runAgainst(server, {"list"});
   EXPECT_EQ(result.code, ExitCode::Failed);
-  EXPECT_TRUE(contains(result.err, "lists \"books\" out of its order")) << result.err;
+  EXPECT_TRUE(contains(result.err, "tells the same part of the list again behind \"books\""))
+      << result.err;
   EXPECT_TRUE(isOneLine(result.err)) << result.err;
 }
 
@@ -100,6 +103,107 @@ TEST(List, CannotSteerTheTerminal) {
   ScriptedServer server(
       answers({outcomes({{"a\x1b[2J", "ZVK0101I", "documents=1 mark=\x1b[2J"}}), outcomes({})}));
   EXPECT_EQ(runAgainst(server, {"list"}).out, "a\\u{1b}[2J: 1 document, mark \\u{1b}[2J\n");
+}
+
+TEST(Keys, AreThoseOfTheRangeInItsOrder) {
+  ScriptedServer server(answers({found({{"base64:Zm9v", ""}, {"base64:AP8=", ""}})}));
+  const Result result =
+      runAgainst(server, {"keys", "books", "--after", "bar", "--upto", "zoo", "--limit", "7"});
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+  EXPECT_EQ(result.out, "foo\nbase64:AP8=\n");
+  const std::string sent = server.connection(0).requests.at(0);
+  for (const char* line :
+       {"\nsortField: KEY\n", "\nafter: base64:YmFy\n", "\nupTo: base64:em9v\n", "\nsize: 7\n"}) {
+    EXPECT_TRUE(contains(sent, line)) << sent;
+  }
+  EXPECT_FALSE(contains(sent, "\nquery: ")) << sent;
+}
+
+TEST(Keys, AreTakenInBase64WhenTheCommandLineSaysSo) {
+  ScriptedServer server(answers({found({{"base64:Zm9v", ""}, {"base64:AP8=", ""}})}));
+  const Result result = runAgainst(
+      server, {"keys", "books", "--json", "--base64", "--after", "base64:AA==", "--upto", "AP8="});
+  EXPECT_EQ(result.out,
+            "{\"key\":\"foo\",\"docId\":\"base64:Zm9v\"}\n{\"docId\":\"base64:AP8=\"}\n");
+  const std::string sent = server.connection(0).requests.at(0);
+  EXPECT_TRUE(contains(sent, "\nafter: base64:AA==\n")) << sent;
+  EXPECT_TRUE(contains(sent, "\nupTo: base64:AP8=\n")) << sent;
+}
+
+TEST(Keys, OfAnEmptyRangeSaySo) {
+  ScriptedServer server({answers({found({})}), answers({found({})})});
+  EXPECT_EQ(runAgainst(server, {"keys", "books"}).err, "searches find no document in this range\n");
+  EXPECT_EQ(runAgainst(server, {"keys", "books", "--limit", "0"}).err,
+            "no keys are shown, as --limit 0 asks\n");
+}
+
+TEST(Keys, ThatStopInTheMiddleOfAStreamAreCutOff) {
+  Reply reply{"x", kStreamSearch, 200, hits({{"base64:YQ==", ""}})};
+  const auto text = chunkedAt(reply, {reply.body.size()}, false).text;
+  ScriptedServer server(answers({text}).stall());
+  const Result result = runAgainst(server, {"keys", "books", "--timeout", "50"});
+  EXPECT_EQ(result.code, ExitCode::Truncated);
+  EXPECT_EQ(result.out, "a\n");
+  EXPECT_TRUE(contains(result.err, "was cut off after 1 key (")) << result.err;
+  EXPECT_TRUE(isOneLine(result.err)) << result.err;
+}
+
+TEST(Digest, IsToldWithTheNumberOfDocumentsAndTheLastKey) {
+  const std::string reply = outcomes({{"base64:Zm9v", "ZVK0103I", "documents=12 sha256=00ff"}});
+  ScriptedServer server({answers({reply}), answers({reply})});
+  const Result result = runAgainst(server, {"digest", "books", "--after", "a"});
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+  EXPECT_EQ(result.out, "00ff      12  foo\n");
+  const std::string sent = server.connection(0).requests.at(0);
+  for (const char* line : {"\nreport: digest\n", "\nafter: base64:YQ==\n"}) {
+    EXPECT_TRUE(contains(sent, line)) << sent;
+  }
+  EXPECT_FALSE(contains(sent, "\nevery: ")) << sent;
+  EXPECT_FALSE(contains(sent, "\nsize: ")) << sent;
+  EXPECT_EQ(runAgainst(server, {"digest", "books", "--json"}).out,
+            "{\"sha256\":\"00ff\",\"documents\":12,\"key\":\"foo\",\"docId\":\"base64:Zm9v\"}\n");
+}
+
+TEST(Digest, OfEverySoManyDocumentsGoesOnBehindTheLastOne) {
+  ScriptedServer server(
+      answers({outcomes({{"base64:YQ==", "ZVK0103I", "documents=6000 sha256=0a"}}),
+               outcomes({{"base64:Yg==", "ZVK0103I", "documents=6000 sha256=0b"}}), outcomes({})}));
+  const Result result = runAgainst(server, {"digest", "books", "--every", "6000", "--upto", "zoo"});
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+  EXPECT_EQ(result.out, "0a    6000  a\n0b    6000  b\n");
+  const auto sent = server.connection(0).requests;
+  ASSERT_EQ(sent.size(), 3U);
+  for (const std::string& each : sent) {
+    EXPECT_TRUE(contains(each, "\nevery: 6000\n")) << each;
+    EXPECT_TRUE(contains(each, "\nsize: 1\n")) << each;
+    EXPECT_TRUE(contains(each, "\nupTo: base64:em9v\n")) << each;
+  }
+  EXPECT_TRUE(contains(sent[1], "\nafter: base64:YQ==\n")) << sent[1];
+  EXPECT_TRUE(contains(sent[2], "\nafter: base64:Yg==\n")) << sent[2];
+}
+
+TEST(Digest, EndsWhenTheServerTellsTheSamePageAgain) {
+  const std::string page = outcomes({{"base64:YQ==", "ZVK0103I", "documents=6000 sha256=0a"}});
+  ScriptedServer server(answers({page, page}));
+  const Result result = runAgainst(server, {"digest", "books", "--every", "6000"});
+  EXPECT_EQ(result.code, ExitCode::Failed);
+  EXPECT_TRUE(contains(result.err, "again behind \"a\"")) << result.err;
+}
+
+TEST(Range, WithAKeyThatNoDocumentCanHaveIsNeverSent) {
+  ScriptedServer server(Script().awaitClose());
+  const std::vector<std::vector<std::string>> ranges = {
+      {"--after", ""}, {"--upto", std::string(129, 'k')}, {"--base64", "--after", "?"}};
+  for (const auto& range : ranges) {
+    for (const char* command : {"keys", "digest"}) {
+      std::vector<std::string> arguments{command, "books"};
+      arguments.insert(arguments.end(), range.begin(), range.end());
+      const Result result = runAgainst(server, arguments);
+      EXPECT_EQ(result.code, ExitCode::Usage) << command;
+      EXPECT_TRUE(isOneLine(result.err)) << result.err;
+    }
+  }
+  EXPECT_EQ(server.connections(), 0U);
 }
 
 }  // namespace

@@ -273,6 +273,62 @@ TEST_P(Program, ListsMoreCollectionsThanAPageHas) {
   EXPECT_EQ(listed, names);
 }
 
+TEST_P(Program, PrintsTheKeysOfARangeInTheirOrder) {
+  loadAll(
+      "{\"key\":\"b\",\"text\":\"x\"}\n{\"key\":\"tab\\tkey\",\"text\":\"x\"}\n"
+      "{\"key\":\"a\",\"text\":\"x\"}\n{\"key\":\"c\",\"text\":\"x\"}\n");
+  EXPECT_EQ(output({"keys", "c"}), "a\nb\nc\nbase64:dGFiCWtleQ==\n");
+  EXPECT_EQ(output({"keys", "c", "--after", "a", "--upto", "c"}), "b\nc\n");
+  EXPECT_EQ(output({"keys", "c", "--limit", "2"}), "a\nb\n");
+  EXPECT_EQ(output({"keys", "c", "--base64", "--after", "Yw==", "--upto", "base64:dGFiCWtleQ=="}),
+            "base64:dGFiCWtleQ==\n");
+  EXPECT_EQ(output({"keys", "c", "--upto", "a", "--json"}),
+            "{\"key\":\"a\",\"docId\":\"base64:YQ==\"}\n");
+  EXPECT_EQ(run({"keys", "c", "--after", "z"}).err, "searches find no document in this range\n");
+  EXPECT_THAT(run({"keys", "nowhere"}).err, HasSubstr("(ZVK0007E)"));
+}
+
+TEST_P(Program, PrintsMoreKeysThanAPageHas) {
+  constexpr int kDocuments = 10500;
+  loadAll(manyDocuments(kDocuments));
+  std::vector<std::string> keys;
+  for (int i = 0; i < kDocuments; ++i) keys.push_back("k" + std::to_string(i) + '\n');
+  std::sort(keys.begin(), keys.end());
+  std::string all;
+  for (const std::string& key : keys) all += key;
+  EXPECT_EQ(output({"keys", "c"}), all);
+  EXPECT_EQ(lineCount(output({"keys", "c", "--limit", "10001"})), 10001U);
+}
+
+TEST_P(Program, PrintsDigestsThatTellWhichDocumentsDiffer) {
+  loadAll(manyDocuments(2500));
+  const std::string whole = output({"digest", "c"});
+  EXPECT_THAT(whole, ::testing::MatchesRegex("[0-9a-f]+    2500  k999\n"));
+  const std::string ones = output({"digest", "c", "--every", "1"});
+  EXPECT_EQ(lineCount(ones), 2500U);
+  EXPECT_EQ(lineCount(output({"digest", "c", "--every", "1000"})), 3U);
+  output({"add", "c", "k7", "other", "--meta", "n=7"});
+  output({"update", "c"});
+  EXPECT_NE(output({"digest", "c"}), whole);
+  std::istringstream before(ones), after(output({"digest", "c", "--every", "1"}));
+  std::vector<std::string> changed;
+  for (std::string one, other; std::getline(before, one) && std::getline(after, other);) {
+    if (one != other) changed.push_back(one.substr(one.rfind(' ') + 1));
+  }
+  EXPECT_THAT(changed, ::testing::ElementsAre("k7"));
+  EXPECT_EQ(output({"digest", "c", "--after", "k6999", "--upto", "k7", "--json"})
+                .rfind("{\"sha256\":\"", 0),
+            0U);
+  EXPECT_EQ(run({"digest", "c", "--after", "z"}).err, "searches find no document in this range\n");
+}
+
+TEST_P(Program, PrintsNoDigestOfACollectionWithoutTexts) {
+  output({"create", "c", "--without-text"});
+  output({"add", "c", "k", "t"});
+  output({"update", "c"});
+  EXPECT_THAT(run({"digest", "c"}).err, HasSubstr("(ZVK0004E)"));
+}
+
 TEST_P(Program, AnswersStatusAndVersion) {
   EXPECT_EQ(output({"status"}), "ready, every change is searchable (0)\n");
   output({"create", "c"});
