@@ -78,7 +78,7 @@ std::string placeBehind(const icu::UnicodeString& docId) {
   return keyOfDocId(docId).value_or(toUtf8(docId));
 }
 
-// The documents of a page, for which the server has to be done within its own time limit.
+// Of a page the server has to make all within its time limit for searches.
 constexpr std::uint64_t kPage = 10000;
 constexpr std::uint64_t kMostDigests = 1000;
 
@@ -93,6 +93,7 @@ class KeyPages {
     properties_.putProperty(StaticDefs::PARAM_SORT_FIELD, u"KEY");
   }
 
+  /// As a PagePrinter.
   std::optional<std::string> print(std::uint64_t& printed) {
     const std::uint64_t wanted = std::min(kPage, left_), before = printed;
     properties_.putProperty(StaticDefs::PARAM_SEARCH_SIZE, digits(wanted));
@@ -148,16 +149,17 @@ void printDigest(Session& session, const ParseResult& result) {
 }  // namespace
 
 ExitCode listCollections(Session& session, const std::optional<std::string>& collection) {
+  const ListWords words{"collection", "there are no collections"};
   const auto take = [&](const ParseResult& result) { print(session, result); };
-  if (!collection) {
-    return printReport(session, u"collections", {"collection", "there are no collections"}, take);
-  }
+  if (!collection) return printReport(session, u"collections", words, take);
   tq::util::ExtendedProperties properties;
   properties.putProperty(u"report", u"collection");
   ClientRequest request = collectionRequest(
       ClientRequest::PARSE_RESULT, headerValue("the collection's name", *collection), properties);
-  takeResults(session, request, take);
-  return ExitCode::Ok;
+  return printPages(session, words, [&](std::uint64_t& printed) {
+    printed = takeResults(session, request, take);
+    return std::nullopt;
+  });
 }
 
 ExitCode listKeys(Session& session, const KeysArguments& arguments) {

@@ -65,6 +65,21 @@ TEST(List, OfOneCollectionAsksForNoOther) {
   EXPECT_TRUE(contains("\n" + sent, "\nindex: books\n")) << sent;
 }
 
+TEST(List, OfOneCollectionThatIsNotCompleteIsCutOff) {
+  Reply reply{
+      "x", kParseResult, 200,
+      kUninterpreted +
+          enveloped(record({{"Doc", "books"}, {"MsgId", "ZVK0101I"}, {"MsgText", "documents=1"}}))};
+  const auto first = reply.body.size();
+  reply.body += kEndMark;
+  const auto whole = chunkedAt(reply, {first, reply.body.size()}, false);
+  ScriptedServer server(answers({whole.text.substr(0, whole.chunks.at(1).dataBegin)}));
+  const Result result = runAgainst(server, {"list", "books"});
+  EXPECT_EQ(result.code, ExitCode::Truncated);
+  EXPECT_EQ(result.out, "books: 1 document\n");
+  EXPECT_TRUE(isOneLine(result.err)) << result.err;
+}
+
 TEST(List, ThatIsEmptySaysSoToAPerson) {
   ScriptedServer server({answers({outcomes({})}), answers({outcomes({})})});
   EXPECT_EQ(runAgainst(server, {"list"}).err, "there are no collections\n");
