@@ -19,12 +19,18 @@ class Latencies {
   /// Runs the operation and notes how long it took, also if it fails.
   template <typename Operation>
   void take(const std::string& name, Clock::time_point begin, Operation&& operation) {
+    takeAs([&] { return name; }, begin, operation);
+  }
+
+  /// The same where only the end of the operation tells its name.
+  template <typename Name, typename Operation>
+  void takeAs(Name&& name, Clock::time_point begin, Operation&& operation) {
     const auto start = Clock::now();
     const auto note = [&] {
       const auto end = Clock::now();
       const auto second = std::chrono::duration_cast<std::chrono::seconds>(end - begin).count();
       const std::chrono::duration<float, std::milli> taken = end - start;
-      taken_[name].push_back({static_cast<std::uint32_t>(second), taken.count()});
+      taken_[name()].push_back({static_cast<std::uint32_t>(second), taken.count()});
     };
     try {
       operation();

@@ -3,10 +3,12 @@
 //
 //   loadClients WORK --http=PORT --binary=PORT [--index=NAME] [--texts=FILE] [--documents=N]
 //               [--clients=N] [--seconds=N] [--collections=N] [--used=N] [--refresh=MODE]
+//               [--matched=N]
 //
 // WORK is one of those in `kWorks` below.
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <functional>
 #include <memory>
@@ -21,6 +23,7 @@
 #include "bench/load/latencies.h"
 #include "bench/measure.h"
 #include "comm/kruDrestoPerfClient.h"
+#include "comm/kruRESTMessage.h"
 #include "infra/oss/kruBaseException.h"
 
 namespace {
@@ -42,7 +45,10 @@ constexpr std::uint32_t kWindowSeconds = 10;
 // How many of its documents a client looks for when the others have ended.
 constexpr std::size_t kLookedFor = 50;
 constexpr std::uint64_t kCommitsForALook = 10;
+constexpr std::chrono::milliseconds kBetweenOpenings{500};
 constexpr const char16_t* kPage = u"10";
+// A row of a database whose text is no document yet.
+constexpr std::size_t kMatchedBytes = 400;
 
 icu::UnicodeString wide(const std::string& text) { return icu::UnicodeString::fromUTF8(text); }
 
@@ -57,6 +63,22 @@ std::string textOf(const tq::oss::BaseException& failure) {
     argument.toUTF8String(text);
   }
   return text;
+}
+
+/// The text has to last as long as the request.
+void attach(ClientRequest& request, const load::Text& text) {
+  request.setDocKey(text.key.data(), static_cast<unsigned int>(text.key.size()));
+  request.setContent({KVPair(u"title", wide(text.title), 0, 0)}, text.content.data(),
+                     static_cast<unsigned int>(text.content.size()));
+}
+
+/// The document as it stands within the content of a request that has several.
+std::string blockOf(const load::Text& text) {
+  ClientRequest request;
+  request.buildRequest(ClientRequest::ADD_DOCUMENT, {});
+  attach(request, text);
+  tq::comm::RESTMessage message(u"", request);
+  return std::string(message.getMsgPrefix(), message.getMsgPrefixLen()) + text.content;
 }
 
 /// A connection to the server and what is asked over it. Throws what the library throws, and
@@ -87,8 +109,14 @@ class Client {
     ask(ClientRequest::CREATE_COLLECTION, properties, response);
   }
 
-  void add(const load::Text& text) { send(ClientRequest::ADD_DOCUMENT, text); }
-  void queue(const load::Text& text) { send(ClientRequest::ASYNCH_ADD_DOCUMENT, text); }
+  void add(const load::Text& text) {
+    ClientResponse response;
+    send(ClientRequest::ADD_DOCUMENT, text, {}, response);
+  }
+  void queue(const load::Text& text) {
+    ClientResponse response;
+    send(ClientRequest::ASYNCH_ADD_DOCUMENT, text, {}, response);
+  }
   void batchQueued() { client_->useBufferedConnection(true); }
 
   /// How many documents have been stored since the last call.
@@ -121,14 +149,29 @@ class Client {
     ask(ClientRequest::UPDATE_INDEX, {}, response);
   }
 
+  void open() {
+    ClientResponse response;
+    ask(ClientRequest::OPEN_COLLECTION, {}, response);
+  }
+  void close() {
+    ClientResponse response;
+    ask(ClientRequest::CLOSE_COLLECTION, {}, response);
+  }
+  void drop() {
+    ClientResponse response;
+    ask(ClientRequest::DROP_COLLECTION, {}, response);
+  }
+
   void status() {
     ClientResponse response;
     ask(ClientRequest::GET_STATUS, {}, response);
   }
 
-  void estimate(const std::string& query) {
+  /// Exact up to so many hits, if the server shall not decide that.
+  void estimate(const std::string& query, const char16_t* exactHits = nullptr) {
     ExtendedProperties properties;
     properties.putProperty(u"query", wide(query));
+    if (exactHits != nullptr) properties.putProperty(u"exactHits", exactHits);
     ClientResponse response;
     ask(ClientRequest::SELECTIVITY, properties, response);
   }
@@ -142,13 +185,27 @@ class Client {
     properties.putProperty(u"scoreWanted", u"true");
     ClientResponse response;
     ask(ClientRequest::SCALAR_SEARCH, properties, response);
+    return hitsIn(response);
+  }
+
+  /// How many of the documents the query finds; `blocks` are theirs, back to back.
+  std::uint64_t match(const std::string& query, const std::string& blocks) {
+    ExtendedProperties properties;
+    properties.putProperty(u"query", wide(query));
+    properties.putProperty(u"match", u"documents");
+    ClientResponse response;
+    send(ClientRequest::SCALAR_SEARCH, {"rows", "rows", blocks}, properties, response);
+    return hitsIn(response);
+  }
+
+ private:
+  static std::uint64_t hitsIn(ClientResponse& response) {
     std::uint64_t hits = 0;
     auto& page = response.getSearchResponse();
     for (; page.hasMore(); ++hits) page.getNext();
     return hits;
   }
 
- private:
   void ask(ClientRequest::REQUEST kind, const ExtendedProperties& properties,
            ClientResponse& response) {
     ClientRequest request;
@@ -156,13 +213,11 @@ class Client {
     exchange(request, response);
   }
 
-  void send(ClientRequest::REQUEST kind, const load::Text& text) {
+  void send(ClientRequest::REQUEST kind, const load::Text& text,
+            const ExtendedProperties& properties, ClientResponse& response) {
     ClientRequest request;
-    request.buildRequest(index_, kind, {});
-    request.setDocKey(text.key.data(), static_cast<unsigned int>(text.key.size()));
-    request.setContent({KVPair(u"title", wide(text.title), 0, 0)}, text.content.data(),
-                       static_cast<unsigned int>(text.content.size()));
-    ClientResponse response;
+    request.buildRequest(index_, kind, properties);
+    attach(request, text);
     exchange(request, response);
   }
 
@@ -404,6 +459,159 @@ void visible(Work& work) {
   });
 }
 
+void drop(Work& work) { Client(work.options, 0).drop(); }
+
+/// Opens a collection as the first request for it does.
+void open(Work& work) {
+  Client client(work.options, 0);
+  Latencies latencies;
+  latencies.take("open", work.begin, [&] { client.open(); });
+  work.report.add(latencies);
+}
+
+/// A text of exactly so many bytes, which begins with the mark of its document.
+load::Text matchedText(const Corpus& corpus, std::uint64_t number) {
+  load::Text text = corpus.document(number);
+  std::string content = Corpus::mark(number, 0);
+  for (std::uint64_t i = number; content.size() < kMatchedBytes; ++i) {
+    content.append(" ").append(corpus.document(i % corpus.size()).content);
+  }
+  text.content = content.substr(0, kMatchedBytes);
+  return text;
+}
+
+/// Matches queries with texts that are not stored, `matched` in a request.
+void match(Work& work) {
+  const std::uint64_t texts = work.options.number("matched", 1);
+  std::string blocks;
+  for (std::uint64_t i = 0; i < texts; ++i) blocks += blockOf(matchedText(work.corpus, i));
+  inClients(work, [&](Client& client, std::uint64_t number, Latencies& latencies) {
+    if (client.match(Corpus::mark(0, 0), blocks) != 1) {
+      throw std::runtime_error("a text does not match its own word");
+    }
+    load::Random random(number);
+    repeat(work, [&] {
+      const std::string query = work.corpus.query(random);
+      latencies.take("match", work.begin, [&] { client.match(query, blocks); });
+      work.report.count(texts);
+    });
+  });
+}
+
+/// Estimates beside searches for the same query, which has been asked before, so that none of them
+/// is the first to read what the query needs.
+void estimate(Work& work) {
+  inClients(work, [&](Client& client, std::uint64_t number, Latencies& latencies) {
+    load::Random random(number);
+    repeat(work, [&] {
+      const std::string query = work.corpus.query(random);
+      client.search(query);
+      latencies.take("search", work.begin, [&] { client.search(query); });
+      latencies.take("estimate", work.begin, [&] { client.estimate(query); });
+      latencies.take("statistics", work.begin, [&] { client.estimate(query, u"0"); });
+    });
+  });
+}
+
+/// Searches, beside which the collection "journal" is closed and opened in turn.
+void opening(Work& work) {
+  // Odd while it is being opened.
+  std::atomic<std::uint64_t> turn = 0;
+  std::atomic<bool> isOver = false;
+  inClients(work, [&](Client& client, std::uint64_t number, Latencies& latencies) {
+    if (number == 0) {
+      client.use("journal");
+      repeat(work, [&] {
+        client.close();
+        std::this_thread::sleep_for(kBetweenOpenings);
+        ++turn;
+        latencies.take("open", work.begin, [&] { client.open(); });
+        ++turn;
+      });
+      isOver = true;
+      return;
+    }
+    load::Random random(number);
+    while (!isOver) {
+      guarded(work.report, [&] {
+        const std::string query = work.corpus.query(random);
+        const std::uint64_t before = turn;
+        const auto name = [&] {
+          return before % 2 == 1 || before != turn ? "during" : "otherwise";
+        };
+        latencies.takeAs(name, work.begin, [&] { client.search(query); });
+      });
+    }
+  });
+}
+
+/// Updates of two large collections, whose end is that they are deleted.
+class LargeUpdates {
+ public:
+  static constexpr std::uint64_t kCount = 2;
+
+  static std::string name(std::uint64_t number) { return "large-" + std::to_string(number); }
+
+  /// For a thread of each of them.
+  void run(Client& client, std::uint64_t number) {
+    client.use(name(number));
+    begun_.wait(false);
+    try {
+      client.updateIndex();
+      oneEnded_ = true;
+    } catch (const tq::oss::BaseException&) {
+      if (deleted_) return;
+      oneEnded_ = true;
+      throw;
+    }
+  }
+  void begin() {
+    begun_ = true;
+    begun_.notify_all();
+    // So that both are at work.
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+  }
+  bool goOn() const { return !oneEnded_; }
+  void end(Client& client) {
+    deleted_ = true;
+    for (std::uint64_t number = 0; number < kCount; ++number) {
+      client.use(name(number));
+      client.drop();
+    }
+  }
+
+ private:
+  std::atomic<bool> begun_ = false;
+  std::atomic<bool> oneEnded_ = false;
+  std::atomic<bool> deleted_ = false;
+};
+
+/// Documents are added and made searchable one by one: first alone, then beside large updates, for
+/// which the first clients are.
+void small(Work& work) {
+  LargeUpdates large;
+  inClients(work, [&](Client& client, std::uint64_t number, Latencies& latencies) {
+    if (number < LargeUpdates::kCount) return large.run(client, number);
+    std::uint64_t next = 0;
+    const auto change = [&](const char* name) {
+      guarded(work.report, [&] {
+        const load::Text text = work.corpus.document(next++ % work.corpus.size());
+        latencies.take(name, work.begin, [&] {
+          client.add(text);
+          client.updateIndex();
+        });
+      });
+    };
+    const auto half = work.begin + (work.end - work.begin) / 2;
+    while (Clock::now() < half) change("alone");
+    large.begin();
+    const std::uint64_t alone = next;
+    while (work.goesOn() && large.goOn()) change("beside");
+    large.end(client);
+    if (next == alone) throw std::runtime_error("the large updates were over at once");
+  });
+}
+
 std::string collectionName(std::uint64_t number) { return "many-" + std::to_string(number); }
 
 /// Makes many collections.
@@ -442,9 +650,11 @@ void (*workOf(const std::string& name))(Work&) {
   static const struct {
     const char* name;
     void (*work)(Work&);
-  } kWorks[] = {{"create", create},     {"fill", fill},      {"update", update},
-                {"search", search},     {"mixed", mixed},    {"visible", visible},
-                {"makeMany", makeMany}, {"useMany", useMany}};
+  } kWorks[] = {{"create", create},     {"fill", fill},       {"update", update},
+                {"search", search},     {"mixed", mixed},     {"visible", visible},
+                {"makeMany", makeMany}, {"useMany", useMany}, {"open", open},
+                {"drop", drop},         {"match", match},     {"estimate", estimate},
+                {"opening", opening},   {"small", small}};
   for (const auto& one : kWorks) {
     if (name == one.name) return one.work;
   }
