@@ -18,6 +18,15 @@ struct DocumentForm {
   bool operator==(const DocumentForm&) const = default;
 };
 
+/// How the content of a document is to be read as it came.
+struct DocumentReading {
+  DocumentForm form;
+  /// Empty if nobody says; then the document's own word counts, and else it is UTF-8.
+  std::string charset;
+
+  bool operator==(const DocumentReading&) const = default;
+};
+
 // The form goes with the document wherever that goes, as notes among its metadata. Their names
 // begin with a NUL byte, which those of clients must not do.
 

@@ -92,7 +92,8 @@ std::optional<TextType> typeNamed(std::string_view name) {
   return std::nullopt;
 }
 
-TextType typeOf(const Request& request) {
+// Nothing if the request names none.
+std::optional<TextType> typeOf(const Request& request) {
   std::optional<TextType> type;
   for (const std::string& name :
        {words().documentType, words().knownDocumentType, words().mimeType}) {
@@ -101,7 +102,7 @@ TextType typeOf(const Request& request) {
     if (type && *type != *said) refuseValue(request, name, "which contradicts another parameter");
     type = said;
   }
-  return type.value_or(TextType::Plain);
+  return type;
 }
 
 // Empty if the request names none.
@@ -111,8 +112,36 @@ std::string languageOf(const Request& request) {
   refuseValue(request, words().language, "and there is no such language");
 }
 
-DocumentReading readingOf(const Request& request) {
-  return {{typeOf(request), languageOf(request)}, charsetOf(request)};
+// What a request says of the documents that it carries.
+struct SaidOfDocuments {
+  std::optional<TextType> type;
+  std::string language;
+  std::string charset;
+
+  bool isAll() const { return type && !language.empty() && !charset.empty(); }
+  bool isNothing() const { return !type && language.empty() && charset.empty(); }
+};
+
+SaidOfDocuments saidIn(const Request& request) {
+  return {typeOf(request), languageOf(request), charsetOf(request)};
+}
+
+// What the request does not say is as in the whole collection.
+DocumentReading completed(const SaidOfDocuments& said, const Service& service,
+                          const Request& request) {
+  DocumentReading reading;
+  if (!said.isAll()) reading = service.store.documentDefaults(collectionOf(request));
+  if (said.type) reading.form.type = *said.type;
+  if (!said.language.empty()) reading.form.language = said.language;
+  if (!said.charset.empty()) reading.charset = said.charset;
+  return reading;
+}
+
+// Tells two requests apart that carry the same bytes and mean something else.
+std::string textOf(const SaidOfDocuments& said) {
+  if (said.isNothing()) return {};
+  const int type = said.type ? static_cast<int>(*said.type) : -1;
+  return fmt::format("{} {} {}", type, said.charset, said.language);
 }
 
 Document requireDocument(Request& request) {
@@ -125,7 +154,7 @@ Document requireDocument(Request& request) {
 }
 
 // The documents that a request wants to be matched.
-std::vector<Document> documentsToMatch(Request& request) {
+std::vector<Document> documentsToMatch(const Service& service, Request& request) {
   const bool several =
       chooses(request, words().match, words().severalDocuments, words().oneDocument);
   Document document = requireDocument(request);
@@ -135,7 +164,7 @@ std::vector<Document> documentsToMatch(Request& request) {
   } else {
     documents.push_back(std::move(document));
   }
-  const DocumentReading reading = readingOf(request);
+  const DocumentReading reading = completed(saidIn(request), service, request);
   for (Document& each : documents) prepare(each, reading);
   return documents;
 }
@@ -163,7 +192,7 @@ Reply search(const Service& service, Request& request) {
     reply.hits = service.store.search(collection, query);
     return reply;
   }
-  reply.hits = service.store.match(collection, query, documentsToMatch(request));
+  reply.hits = service.store.match(collection, query, documentsToMatch(service, request));
   return reply;
 }
 
@@ -207,6 +236,21 @@ Reply createCollection(const Service& service, Request& request) {
   return DoneReply{};
 }
 
+// ICU reads over what is neither a letter nor a digit, and a report has blanks between its facts.
+std::string withoutBlanks(std::string charset) {
+  std::erase_if(charset, [](char c) { return c <= ' ' || c > '~'; });
+  return charset;
+}
+
+Reply setConfiguration(const Service& service, Request& request) {
+  const std::string collection = collectionOf(request);
+  const SaidOfDocuments said = saidIn(request);
+  service.store.setDocumentDefaults(
+      collection,
+      {{said.type.value_or(TextType::Plain), said.language}, withoutBlanks(said.charset)});
+  return DoneReply{};
+}
+
 /// The actions that need nothing but a collection.
 template <void (Store::*operation)(const std::string&)>
 Reply onCollection(const Service& service, Request& request) {
@@ -218,11 +262,14 @@ Reply onCollection(const Service& service, Request& request) {
 // refused for the same one.
 Reply addDocument(const Service& service, Request& request) {
   const std::string collection = collectionOf(request);
-  const DocumentReading reading = readingOf(request);
-  const auto prepared = [&](Document& document) { prepare(document, reading); };
-  if (bringsBatch(request)) return applyBatch(service, request, prepared);
+  const SaidOfDocuments said = saidIn(request);
+  if (bringsBatch(request)) {
+    const DocumentReading reading = completed(said, service, request);
+    return applyBatch(service, request,
+                      {textOf(said), [&](Document& document) { prepare(document, reading); }});
+  }
   Document document = requireDocument(request);
-  prepare(document, reading);
+  prepare(document, completed(said, service, request));
   service.store.addDocument(collection, document);
   return DoneReply{};
 }
@@ -253,9 +300,9 @@ Reply queueDocument(const Service& service, Request& request) {
     DocumentBlock block = requireBlock(request);
     clientOf(request);
     requireParameters(*findAction(request.header(words().action)), request);
-    const DocumentReading reading = readingOf(request);
+    const SaidOfDocuments said = saidIn(request);
     if (block.terminate) return NoReply{};
-    prepare(block.document, reading);
+    prepare(block.document, completed(said, service, request));
     service.store.queueDocument(collection, block.document, client);
   } catch (const ServerError& error) {
     if (error.kind() == ErrorKind::UnknownCollection) throw;
@@ -310,17 +357,10 @@ Reply status(const Service& service, Request& request) {
 
 Reply version(const Service& service, Request&) { return TextReply{service.version}; }
 
-constexpr std::string_view kConfiguration = "setConstructorConfiguration";
-
 Reply notSupported(const Service&, Request& request) {
-  const std::string_view action = request.header(words().action);
-  std::string text = "the action " + shown(action) + " is not supported by this server";
-  if (action == kConfiguration) {
-    text +=
-        "; how documents are read is chosen for a collection with createCollection, and for a "
-        "document with addDocument";
-  }
-  throw ServerError(ErrorKind::UnsupportedAction, text);
+  throw ServerError(
+      ErrorKind::UnsupportedAction,
+      "the action " + shown(request.header(words().action)) + " is not supported by this server");
 }
 
 // Without accounts everybody on this machine may do everything, and nobody elsewhere should end the
@@ -527,7 +567,12 @@ constexpr std::array<Action, 19> kActions{{
     {"restore", Workload::Copy, kAlways, Right::Admin, {kEitherWay, kRestore}, restore, false},
     {"takeover", Workload::Status, kAlways, Right::Admin, {}, notSupported},
     {"shutdown", Workload::Status, kAlways, Right::Admin, {kServer}, shutDown},
-    {kConfiguration, Workload::Status, kAlways, Right::Admin, {}, notSupported},
+    {"setConstructorConfiguration",
+     Workload::Write,
+     kAlways,
+     Right::Admin,
+     {kCollection, kDocument},
+     setConfiguration},
     {"versionsValidation",
      Workload::Status,
      kAlways,
@@ -587,6 +632,11 @@ void requireScope(const Request& request) {
 }  // namespace
 
 bool makesReports(const Action& action) { return action.serve == parseResult; }
+
+bool bringsDocuments(const Action& action, const Request& request) {
+  if (action.serve == search) return !request.header(words().match).empty();
+  return action.serve == addDocument || action.serve == queueDocument;
+}
 
 void requireParameters(const Action& action, const Request& request) {
   if (action.serve == notSupported) return;

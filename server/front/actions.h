@@ -44,6 +44,9 @@ const Action* findAction(std::string_view name);
 /// Whether `report` makes the action another one, which only reads.
 bool makesReports(const Action& action);
 
+/// Whether the request carries documents that have to be read.
+bool bringsDocuments(const Action& action, const Request& request);
+
 /// Throws ServerError that names the first parameter that the action does not take, or that has a
 /// value which it cannot have. An empty value counts as none. Actions that the server does not
 /// support have nothing to check.

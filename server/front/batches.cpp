@@ -80,13 +80,15 @@ bool bringsBatch(const Request& request) {
   return false;
 }
 
-Reply applyBatch(const Service& service, Request& request,
-                 const std::function<void(Document&)>& prepare) {
+// Whoever repeats a batch sends the same bytes, which may be read in another way by then. What is
+// impossible already is missing among the changes, so that these do not tell the batch.
+Reply applyBatch(const Service& service, Request& request, const BatchReading& reading) {
   const std::string collection = collectionOf(request);
   Batch batch = batchOf(request);
+  if (batch.refused.count == 0) batch.digest = digestOf(batch.changes, reading.said);
   for (Document& document : batch.changes.documents) {
     try {
-      prepare(document);
+      reading.prepare(document);
     } catch (const ServerError& error) {
       batch.refused.add({document.key, std::string(messageId(error.kind())), error.what()});
     }

@@ -13,10 +13,16 @@ namespace corvaned {
 /// parameters that only batches take and brings none.
 bool bringsBatch(const Request& request);
 
-/// Applies the batch. `prepare` makes a document what is stored of it, or throws ServerError. The
-/// request's content is consumed.
-Reply applyBatch(const Service& service, Request& request,
-                 const std::function<void(Document&)>& prepare);
+/// How the documents of a batch are read.
+struct BatchReading {
+  /// What the request says of that; empty if nothing.
+  std::string said;
+  /// Makes a document what is stored of it, or throws ServerError.
+  std::function<void(Document&)> prepare;
+};
+
+/// Applies the batch. The request's content is consumed.
+Reply applyBatch(const Service& service, Request& request, const BatchReading& reading);
 
 /// Tells what became of the batch that the request names.
 Reply batchOutcome(const Service& service, const Request& request);

@@ -52,32 +52,38 @@ bool isXml(std::string_view type) {
 
 // A document that may declare a charset of its own can have any. Reading XML takes memory for its
 // names, too.
-std::size_t growthOf(const Request& request) {
+std::size_t growthOf(const Request& request, const DocumentReading& defaults) {
   std::size_t growth = 0;
   for (const std::string& name : {words().charset, words().knownCharset}) {
     const std::string charset(request.header(name));
     if (!charset.empty()) growth = std::max(growth, growthInUtf8(charset));
   }
+  if (growth == 0 && !defaults.charset.empty()) growth = growthInUtf8(defaults.charset);
+  bool saysType = false;
   for (const std::string& name :
        {words().documentType, words().knownDocumentType, words().mimeType}) {
     const std::string_view type = request.header(name);
-    if (type.empty() || type == words().text || type == words().plainText) continue;
-    if (type == words().undefinedType || (growth > 0 && !isXml(type))) continue;
+    if (type.empty() || type == words().undefinedType) continue;
+    saysType = true;
+    if (type == words().text || type == words().plainText || (growth > 0 && !isXml(type))) continue;
     growth = std::max(growth, growthInUtf8({}));
   }
+  const bool declares = growth == 0 && defaults.form.type == TextType::Html;
+  if (!saysType && (declares || defaults.form.type == TextType::Xml)) growth = growthInUtf8({});
   return std::max<std::size_t>(growth, 1);
 }
 
-std::size_t copiesOf(const Request& request) {
-  const std::size_t copies = kContentCopies * growthOf(request);
+std::size_t copiesOf(const Request& request, const DocumentReading& defaults) {
+  const std::size_t copies = kContentCopies * growthOf(request, defaults);
   const bool several = request.header(words().match) == words().severalDocuments ||
                        !request.header(words().batch).empty();
   if (!several) return copies;
   return kManyDocumentsCopies + copies - kContentCopies;
 }
 
-std::size_t bytesFor(const Request& request, std::uint64_t contentBytes) {
-  std::size_t bytes = static_cast<std::size_t>(contentBytes) * copiesOf(request);
+std::size_t bytesFor(const Request& request, std::uint64_t contentBytes,
+                     const DocumentReading& defaults = {}) {
+  std::size_t bytes = static_cast<std::size_t>(contentBytes) * copiesOf(request, defaults);
   for (const auto& [name, value] : request.headers)
     bytes += kHeaderCost + name.size() + value.size();
   return bytes;
@@ -88,6 +94,20 @@ MemoryBudget::Use useOf(std::size_t bytes) {
 }
 
 std::size_t mebibytes(std::size_t bytes) { return (bytes >> 20U) + 1; }
+
+ServerError neverFits(std::uint64_t contentBytes, std::size_t bytes, const MemoryBudget& memory) {
+  return {ErrorKind::RequestTooLarge,
+          fmt::format("a request of {} bytes needs {} MiB of memory, and the server has "
+                      "{} in all; send a smaller one, or raise --max-memory",
+                      contentBytes, mebibytes(bytes), mebibytes(memory.limit()))};
+}
+
+ServerError doesNotFitNow(std::size_t bytes) {
+  return {ErrorKind::TryAgain,
+          fmt::format("the request needs {} MiB of memory, which other requests have in use; try "
+                      "again, or raise --max-memory",
+                      mebibytes(bytes))};
+}
 
 std::shared_ptr<MemoryBudget> withoutLimit() {
   return std::make_shared<MemoryBudget>(std::numeric_limits<std::size_t>::max());
@@ -469,6 +489,7 @@ std::optional<Connection::State> Connection::answerRow(Workload workload) {
           return std::nullopt;
         }
         if (!takePlace(workload)) return std::nullopt;
+        reserveForDefaults();
         if (!carryOut()) {
           awaitEnd(workload);
           return std::nullopt;
@@ -512,6 +533,21 @@ bool Connection::takePlace(Workload workload) {
         });
   });
   return false;
+}
+
+// How a collection has its documents read is known when it is open, and may take more memory than
+// what the request says.
+void Connection::reserveForDefaults() {
+  if (queued_->refusal || queued_->content.empty()) return;
+  const DocumentReading defaults = context_.dispatcher().documentDefaults(*queued_);
+  if (defaults == DocumentReading{}) return;
+  const std::uint64_t contentBytes = queued_->content.size();
+  const std::size_t bytes = bytesFor(*queued_, contentBytes, defaults);
+  const MemoryBudget::Use use = useOf(bytes);
+  if (bytes <= requestMemory_.bytes() || requestMemory_.resize(bytes, use)) return;
+  const bool passes = context_.memory().canEverFit(bytes, use);
+  queued_->refusal =
+      passes ? doesNotFitNow(bytes) : neverFits(contentBytes, bytes, context_.memory());
 }
 
 // The worker that goes on may do so before this function returns.
@@ -563,11 +599,7 @@ Admission::Verdict Connection::admit(const Request& request, std::uint64_t conte
   neededBytes_ = bytesFor(request, contentBytes);
   const MemoryBudget::Use use = useOf(neededBytes_);
   if (!context_.memory().canEverFit(neededBytes_, use)) {
-    throw ServerError(
-        ErrorKind::RequestTooLarge,
-        fmt::format("a request of {} bytes needs {} MiB of memory, and the server has "
-                    "{} in all; send a smaller one, or raise --max-memory",
-                    contentBytes, mebibytes(neededBytes_), mebibytes(context_.memory().limit())));
+    throw neverFits(contentBytes, neededBytes_, context_.memory());
   }
   return requestMemory_.resize(neededBytes_, use) ? Verdict::Take : Verdict::Wait;
 }
@@ -645,10 +677,7 @@ void Connection::memoryGranted(std::uint64_t wait, MemoryBudget::Share share) {
 void Connection::memoryRefused() {
   ++memoryWait_;
   context_.memory().withdraw(memoryTicket_);
-  decoder_.refuse(ServerError(
-      ErrorKind::TryAgain, fmt::format("the request needs {} MiB of memory, which other requests "
-                                       "have in use; try again, or raise --max-memory",
-                                       mebibytes(neededBytes_))));
+  decoder_.refuse(doesNotFitNow(neededBytes_));
   proceed();
 }
 

@@ -151,6 +151,7 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
   std::optional<State> answerRow(Workload workload);
   void awaitCollection(Workload workload);
   bool takePlace(Workload workload);
+  void reserveForDefaults();
   template <typename Wait>
   void waitWithoutWorker(Workload workload, const Wait& wait);
   void goOn(Workload workload);

@@ -156,6 +156,17 @@ void Dispatcher::open(Request& request, std::function<void()> opened) {
               });
 }
 
+// Whatever is wrong with the request or its collection, the action finds.
+DocumentReading Dispatcher::documentDefaults(const Request& request) const {
+  const Action* action = actionOf(request);
+  if (!action || !bringsDocuments(*action, request) || request.unopened) return {};
+  try {
+    return store_.documentDefaults(std::string(collectionNamedBy(request)));
+  } catch (const std::exception&) {
+    return {};
+  }
+}
+
 Dispatcher::Exchange Dispatcher::begin(Request request) {
   Exchange exchange;
   exchange.began = arrivalOf(request);

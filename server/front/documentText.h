@@ -24,13 +24,6 @@ std::string toUtf8(std::string bytes, const std::string& charset);
 /// ServerError(BadDocument) if there is no such charset.
 std::string declaredCharset(std::string_view bytes, TextType type);
 
-/// What a request says of the documents that it carries.
-struct DocumentReading {
-  DocumentForm form;
-  /// Empty if it does not say; then the document's own word counts, and else it is UTF-8.
-  std::string charset;
-};
-
 /// Makes of a document as it was sent the one to be stored: its content is in UTF-8, and its form
 /// stands among its metadata. Throws ServerError(BadDocument) if that cannot be.
 void prepare(Document& document, const DocumentReading& reading);

@@ -61,9 +61,12 @@ std::uint64_t linesWanted(const Request& request, std::uint64_t usually) {
   return lines;
 }
 
-// Those that are not as usual, under the names that createCollection has for them.
-std::string shownOptions(const TextOptions& options) {
+// Those that are not as usual, under the names of the parameters that choose them.
+std::string shownOptions(const CollectionSummary& summary) {
   const Words& w = words();
+  const TextOptions& options = summary.options;
+  const DocumentReading& defaults = summary.documentDefaults;
+  const TextType type = defaults.form.type;
   std::string shown;
   const auto add = [&](const std::string& name, const std::string& value) {
     shown += fmt::format(" {}={}", name, value);
@@ -73,6 +76,9 @@ std::string shownOptions(const TextOptions& options) {
   if (!options.stems) add(w.stemming, w.no);
   if (options.onlyMarkedMetadata) add(w.searchableMetadata, w.marked);
   if (!options.stopWords.empty()) add(w.stopWords, fmt::format("{}", options.stopWords.size()));
+  if (type != TextType::Plain) add(w.documentType, type == TextType::Html ? w.html : w.xml);
+  if (!defaults.charset.empty()) add(w.charset, defaults.charset);
+  if (!defaults.form.language.empty()) add(w.language, defaults.form.language);
   return shown;
 }
 
@@ -84,7 +90,7 @@ ReportReply::Line collectionLine(Store& store, const std::string& name) {
   return {name, kCollectionLine,
           fmt::format("documents={} pending={} bytes={} language={}{} refresh={}{} mark={}",
                       summary.documents, summary.pending, summary.bytes, summary.language,
-                      shownOptions(summary.options), summary.refresh, indexing,
+                      shownOptions(summary), summary.refresh, indexing,
                       summary.mark.empty() ? kNoMark : summary.mark)};
 }
 

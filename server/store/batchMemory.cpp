@@ -83,7 +83,7 @@ bool takeNumber(ByteReader& reader, std::uint64_t& number) {
 
 }  // namespace
 
-std::string digestOf(const BatchChanges& changes) {
+std::string digestOf(const BatchChanges& changes, std::string_view reading) {
   Hash hash;
   hash.add(changes.newMark);
   hash.addNumber(changes.documents.size());
@@ -98,6 +98,7 @@ std::string digestOf(const BatchChanges& changes) {
   }
   hash.addNumber(changes.deletions.size());
   for (const std::string& key : changes.deletions) hash.add(key);
+  if (!reading.empty()) hash.add(reading);
   return hash.end();
 }
 
@@ -212,13 +213,7 @@ std::optional<BatchMemory::Contents> BatchMemory::unsaved() const {
 }
 
 void BatchMemory::save(const Contents& contents) {
-  std::filesystem::path passing = path_;
-  passing += ".new";
-  const FileHandle file = openFile(passing, O_WRONLY | O_CREAT | O_TRUNC);
-  writeAll(file, contents.bytes, passing);
-  syncFile(file, passing);
-  std::filesystem::rename(passing, path_);
-  syncDirectory(path_.parent_path());
+  replaceFile(path_, contents.bytes);
   const std::lock_guard lock(mutex_);
   savedNotes_ = contents.notes;
   hasFile_ = true;

@@ -14,9 +14,6 @@
 
 namespace corvaned {
 
-/// Tells whether two batches change the same.
-std::string digestOf(const BatchChanges& changes);
-
 /// That of a batch that is accepted.
 BatchOutcome outcomeOf(const BatchEntry& batch);
 

@@ -14,7 +14,7 @@ enum class ChangeKind : std::uint8_t { Put = 1, Remove = 2, Batch = 3 };
 /// A batch as it was accepted.
 struct BatchEntry {
   std::string name;
-  /// Of what it changes, see digestOf().
+  /// See Batch::digest.
   std::string digest;
   /// How many of its deletions found no document.
   std::uint32_t unknown = 0;

@@ -80,6 +80,7 @@ Collection::Collection(std::string name, const std::filesystem::path& directory,
       stopping_(stopping),
       memory_(memoryFor(limits)),
       descriptors_(descriptorsFor(limits)),
+      documentDefaults_(readDocumentDefaults(directory)),
       hidden_(std::make_shared<HiddenKeys>(emptyShare(limits))),
       outcomes_(std::move(outcomes)),
       batches_(directory, emptyShare(limits)),
@@ -135,6 +136,31 @@ void Collection::hideReplayed(std::uint64_t segment, const std::string& key) {
   }
 }
 
+DocumentReading Collection::documentDefaults() const {
+  requireActive();
+  const std::lock_guard lock(defaultsMutex_);
+  return documentDefaults_;
+}
+
+// Behind the gate no copy of the files is made, and the collection stays in its directory.
+void Collection::setDocumentDefaults(const DocumentReading& defaults) {
+  const std::unique_lock gate(gate_);
+  requireActive();
+  try {
+    writeDocumentDefaults(directory_, defaults);
+  } catch (...) {
+    // What is refused must not come back with the next start.
+    try {
+      writeDocumentDefaults(directory_, documentDefaults_);
+    } catch (const std::exception&) {
+      // The client is told that the disk failed.
+    }
+    throw;
+  }
+  const std::lock_guard lock(defaultsMutex_);
+  documentDefaults_ = defaults;
+}
+
 std::shared_ptr<Ticket> Collection::add(const Document& document) {
   checkSize(document);
   const Journal::Place place = append({ChangeKind::Put, document});
@@ -186,7 +212,7 @@ std::shared_ptr<Ticket> Collection::remove(const std::string& key, bool mustExis
 Collection::Applied Collection::apply(Batch batch) {
   const auto entry = std::make_shared<BatchEntry>();
   entry->name = batch.name;
-  entry->digest = digestOf(batch.changes);
+  entry->digest = batch.digest.empty() ? digestOf(batch.changes) : batch.digest;
   entry->changes = std::move(batch.changes);
   Journal::Place place;
   BatchOutcome outcome;
@@ -203,6 +229,13 @@ Collection::Applied Collection::apply(Batch batch) {
   return {std::move(outcome), requestRemoval()};
 }
 
+// Earlier versions took the digest of the changes as they are stored. What is impossible is not
+// among these, and no batch with any was applied.
+bool Collection::isBatch(const std::string& digest, const Batch& sent, const BatchEntry& entry) {
+  if (digest == sent.digest) return true;
+  return sent.refused.count == 0 && digest == digestOf(entry.changes);
+}
+
 // A batch that has been applied is known before anything else is looked at: what it found then has
 // changed, not least by itself.
 BatchOutcome Collection::decide(Batch& batch, const std::shared_ptr<BatchEntry>& entry,
@@ -210,8 +243,7 @@ BatchOutcome Collection::decide(Batch& batch, const std::shared_ptr<BatchEntry>&
   requireActive();
   noteLackedBatch();
   if (const auto known = batches_.find(entry->name)) {
-    // What is impossible is not among the changes, and no batch with any was applied.
-    if (known->digest != entry->digest || batch.refused.count > 0) {
+    if (!isBatch(known->digest, batch, *entry)) {
       throw ServerError(ErrorKind::OtherBatch,
                         "a batch with other content has been applied under the name " +
                             shown(entry->name) + "; give this one another name");
@@ -845,6 +877,7 @@ CollectionSummary Collection::summary() {
   summary.bytes = bytesInTree(directory_);
   summary.refresh = textOf(refresh_);
   summary.mark = batches_.mark();
+  summary.documentDefaults = documentDefaults();
   const std::lock_guard lock(jobsMutex_);
   summary.indexed = progress_.done;
   summary.indexing = progress_.all;

@@ -61,7 +61,7 @@ struct StoreLimits {
 /// updateIndex brings them. May be used from any thread. Store says what each operation promises.
 ///
 /// Its locks are taken in the order batchMutex_, turn_, stepMutex_, gate_, lackedMutex_,
-/// jobsMutex_, hiddenMutex_, and those of its members after them.
+/// jobsMutex_, hiddenMutex_, defaultsMutex_, and those of its members after them.
 class Collection {
  public:
   static void create(const std::filesystem::path& directory, const IndexForm& form,
@@ -85,6 +85,9 @@ class Collection {
              std::shared_ptr<ParseOutcomes> outcomes, const std::atomic<bool>& stopping);
 
   const std::string& name() const { return name_; }
+
+  DocumentReading documentDefaults() const;
+  void setDocumentDefaults(const DocumentReading& defaults);
 
   /// Returns what the caller waits for; null if for nothing. indexStep() brings that about.
   std::shared_ptr<Ticket> add(const Document& document);
@@ -230,6 +233,7 @@ class Collection {
   void hideReplayed(std::uint64_t segment, const std::string& key);
   BatchOutcome decide(Batch& batch, const std::shared_ptr<BatchEntry>& entry,
                       Journal::Place& place);
+  static bool isBatch(const std::string& digest, const Batch& sent, const BatchEntry& entry);
   void requireMark(const std::string& expected) const;
   BatchOutcome accept(const std::shared_ptr<BatchEntry>& entry, bool keysMustExist,
                       Journal::Place& place);
@@ -285,6 +289,9 @@ class Collection {
   std::atomic<bool> retired_ = false;
   // Whether another one comes in its place. Set before retired_.
   std::atomic<bool> replaced_ = false;
+  // Written while the gate is closed.
+  mutable std::mutex defaultsMutex_;
+  DocumentReading documentDefaults_;  // Guarded by defaultsMutex_.
   // The batch that is in the journal and could not be noted. No other one is accepted before it is.
   struct LackedBatch {
     std::shared_ptr<BatchEntry> batch;

@@ -57,6 +57,16 @@ void syncFile(const FileHandle& file, const std::filesystem::path& path) {
   if (::fdatasync(file.get()) != 0) throwSystemError("cannot bring to disk", path);
 }
 
+void replaceFile(const std::filesystem::path& path, std::string_view bytes) {
+  std::filesystem::path passing = path;
+  passing += ".new";
+  const FileHandle file = openFile(passing, O_WRONLY | O_CREAT | O_TRUNC);
+  writeAll(file, bytes, passing);
+  syncFile(file, passing);
+  if (::rename(passing.c_str(), path.c_str()) != 0) throwSystemError("cannot replace", path);
+  syncDirectory(path.parent_path());
+}
+
 void syncDirectory(const std::filesystem::path& path) {
   const FileHandle directory = openFile(path, O_RDONLY | O_DIRECTORY);
   if (::fsync(directory.get()) != 0) throwSystemError("cannot bring to disk", path);

@@ -46,6 +46,11 @@ void writeAt(const FileHandle& file, std::string_view bytes, std::uint64_t place
 /// fdatasync(2). Throws as above.
 void syncFile(const FileHandle& file, const std::filesystem::path& path);
 
+/// Gives a file this content in one step, durably: whatever happens it has the old or the new one.
+/// What has been written of the new one by then has the name with ".new" behind it. Throws as
+/// above.
+void replaceFile(const std::filesystem::path& path, std::string_view bytes);
+
 /// Makes creations, renames and removals in a directory durable.
 void syncDirectory(const std::filesystem::path& path);
 

@@ -187,6 +187,14 @@ void LocalStore::deleteCollection(const std::string& name) {
   tryToRemoveTree(temporary);
 }
 
+DocumentReading LocalStore::documentDefaults(const std::string& name) {
+  return registry_.use(name)->documentDefaults();
+}
+
+void LocalStore::setDocumentDefaults(const std::string& name, const DocumentReading& defaults) {
+  find(name)->setDocumentDefaults(defaults);
+}
+
 void LocalStore::addDocument(const std::string& name, const Document& document) {
   Registry::Use collection = find(name);
   std::shared_ptr<Ticket> searchable = collection->add(document);

@@ -58,6 +58,8 @@ class LocalStore : public Store {
   void openCollection(const std::string& name) override;
   void closeCollection(const std::string& name) override;
   void deleteCollection(const std::string& name) override;
+  DocumentReading documentDefaults(const std::string& name) override;
+  void setDocumentDefaults(const std::string& name, const DocumentReading& defaults) override;
   void addDocument(const std::string& name, const Document& document) override;
   using Store::queueDocument;
   void queueDocument(const std::string& name, const Document& document,

@@ -189,6 +189,7 @@ class Rebuilding {
     copyJournal();
     copyBatches();
     copyOptions();
+    copyDocumentDefaults();
     syncTree(fresh_);
   }
 
@@ -251,6 +252,14 @@ class Rebuilding {
       return readOptions(damaged_);
     } catch (const ServerError&) {
       return {};
+    }
+  }
+
+  void copyDocumentDefaults() const {
+    try {
+      writeDocumentDefaults(fresh_, readDocumentDefaults(damaged_));
+    } catch (const ServerError&) {
+      // They are lost, and check has named the file.
     }
   }
 
@@ -317,6 +326,12 @@ CollectionCheck checkCollection(const std::string& name, const std::filesystem::
     readOptions(path);
   } catch (const ServerError&) {
     result.journal.push_back({{optionsPath(path), 0, "the options cannot be read"}, 0, 0, {}});
+  }
+  try {
+    readDocumentDefaults(path);
+  } catch (const ServerError&) {
+    result.journal.push_back(
+        {{documentDefaultsPath(path), 0, "how documents are read cannot be read"}, 0, 0, {}});
   }
   checkBatches(path, contents.mark.get(), result.journal);
   result.index = checkIndex(path, isNumbered, stop);

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "server/base/documentForm.h"
 #include "server/base/errors.h"
 #include "server/store/resultPlace.h"
 
@@ -128,6 +129,7 @@ struct CollectionSummary {
   /// Empty if it has none.
   std::string mark{};
   TextOptions options{};
+  DocumentReading documentDefaults{};
   /// Of an index update that is under way: how many of its changes are in the index, and how many
   /// it has. Both 0 if none is.
   std::uint64_t indexed = 0;
@@ -186,6 +188,9 @@ struct Refusals {
   }
 };
 
+/// Tells whether two batches change the same. `reading` belongs to it, too, if it is not empty.
+std::string digestOf(const BatchChanges& changes, std::string_view reading = {});
+
 /// Changes that are accepted together or not at all, and once.
 struct Batch {
   /// 1 to kMaxBatchName bytes.
@@ -197,6 +202,9 @@ struct Batch {
   bool keysMustExist = false;
   /// What is known already to be impossible. If there is anything, the batch is refused.
   Refusals refused;
+  /// Of the batch as it was sent, by which it is known when it comes again, however documents are
+  /// read by then. Empty: the digest of its changes is.
+  std::string digest{};
 };
 
 constexpr std::size_t kMaxBatchName = 128;
@@ -309,6 +317,12 @@ class Store {
   virtual void openCollection(const std::string& name) = 0;
   virtual void closeCollection(const std::string& name) = 0;
   virtual void deleteCollection(const std::string& name) = 0;
+
+  /// How the documents of the collection are to be read where their request does not say it. As
+  /// long as nobody has set that: as plain text in UTF-8 and the collection's language.
+  virtual DocumentReading documentDefaults(const std::string& name) = 0;
+  /// Replaces all of it. What has been accepted stays as it was read.
+  virtual void setDocumentDefaults(const std::string& name, const DocumentReading& defaults) = 0;
 
   /// Adds the document or replaces the one that has its key. Searchable after updateIndex, or as
   /// the collection's refresh says. If the document is to be searchable at once and the index

@@ -227,6 +227,54 @@ TEST_P(Library, TakesDocumentsInOtherLanguages) {
   EXPECT_THAT(found("house"), ElementsAre("k2"));
 }
 
+// In one database or in several.
+TEST_P(Library, ReadsDocumentsAsTheirCollectionIsConfigured) {
+  const std::string html = "<p id=no>caf\xE9";
+  for (const std::vector<std::string>& options :
+       {std::vector<std::string>{}, {"--shards-per-collection", "3"}}) {
+    CorvanedProcess server(options);
+    client_ = newClient(GetParam(), server);
+    done(ClientRequest::CREATE_COLLECTION);
+    const auto configure = [&](const Parameters& parameters) {
+      return send(kSetConstructorConfiguration, parameters);
+    };
+    expectSuccess(configure({{"docType", "html"}, {"charset", "ISO-8859-1"}, {"docLang", "fr"}}));
+    expectRefused(configure({{"docType", "bin"}}), "ZVK0006E", "\"docType\" is \"bin\"");
+    expectRefused(configure({{"refresh", "250"}}), "ZVK0024E", "\"refresh\"");
+    add("k1", html);
+    queue("k2", html);
+    EXPECT_THAT(send(ClientRequest::PARSE_RESULT).parsed, SizeIs(1));
+    ClientRequest plain =
+        requestTo(collection_, ClientRequest::ADD_DOCUMENT, {{"docType", "text"}});
+    attachDocument(plain, "k3", html);
+    expectSuccess(send(plain));
+    update();
+    EXPECT_THAT(found("café"), UnorderedElementsAre("k1", "k2", "k3"));
+    EXPECT_THAT(found("no"), ElementsAre("k3"));
+    ClientRequest matching = requestTo(collection_, ClientRequest::SCALAR_SEARCH,
+                                       {{"query", "café NOT no"}, {"match", "document"}});
+    attachDocument(matching, "k4", html);
+    EXPECT_THAT(send(matching).keys(), ElementsAre("k4"));
+    server.kill();
+    server.start();
+    client_ = newClient(GetParam(), server);
+    EXPECT_THAT(
+        send(ClientRequest::PARSE_RESULT, {{"report", "collection"}}).parsed.at(0).messageText,
+        HasSubstr(" docType=html charset=ISO-8859-1 docLang=fr refresh=manual"));
+    add("k5", html);
+    expectSuccess(configure({}));
+    add("k6", "<p id=no>café");
+    update();
+    EXPECT_THAT(found("café NOT no"), UnorderedElementsAre("k1", "k2", "k5"));
+    EXPECT_THAT(found("no"), UnorderedElementsAre("k3", "k6"));
+    done(ClientRequest::DROP_COLLECTION);
+    expectRefused(configure({}), "ZVK0007E", "there is no collection \"books\"");
+    client_.reset();
+    EXPECT_EQ(server.stop(), 0);
+  }
+  client_ = newClient(GetParam(), *server_);
+}
+
 TEST_P(Library, SortsByMarkedMetadata) {
   add("k1", "red fox", {{u"[sortable]year", u"1997"}});
   add("k2", "red hen", {{u"[sortable]year", u"803"}});
@@ -982,9 +1030,7 @@ TEST_P(Library, ShutsTheServerDown) {
 }
 
 TEST_P(Library, RefusesActionsThatTheServerHasNot) {
-  for (const int kind : {kTakeover, kSetConstructorConfiguration}) {
-    expectRefused(send(kind), "ZVK0004E", "not supported by this server");
-  }
+  expectRefused(send(kTakeover), "ZVK0004E", "not supported by this server");
   for (const int kind : {kBackup, kRestore}) {
     expectRefused(send(kind, {{"backup", "b"}}), "ZVK0004E", "--backup-directory");
   }

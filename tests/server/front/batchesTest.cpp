@@ -105,6 +105,22 @@ TEST_F(BatchesTest, TextsAreConvertedFromTheirCharset) {
   EXPECT_EQ(batch.changes.documents[0].content, "caf\xC3\xA9");
 }
 
+TEST_F(BatchesTest, DigestIsOfWhatWasSentHoweverItIsRead) {
+  const std::string block = documentBlock("k", {}, "<p>caf\xE9</p>");
+  store_.defaults.charset = "ISO-8859-1";
+  const Batch first = sent({}, block);
+  store_.defaults = {{TextType::Html, "de"}, "windows-1251"};
+  const Batch again = sent({}, block);
+  EXPECT_NE(first.changes.documents[0].content, again.changes.documents[0].content);
+  EXPECT_EQ(first.digest, again.digest);
+  EXPECT_EQ(first.digest, digestOf({{{"k", {}, "<p>caf\xE9</p>"}}, {}, {}}));
+  for (const auto& [name, value] :
+       test::Headers{{"docType", "html"}, {"charset", "ISO-8859-1"}, {"docLang", "de"}}) {
+    EXPECT_NE(sent({{name, value}}, block).digest, first.digest) << name;
+  }
+  EXPECT_EQ(sent({}, block + "rest").digest, "") << "what cannot be read is not among the changes";
+}
+
 TEST_F(BatchesTest, EachChangeThatIsImpossibleIsFound) {
   const std::string longKey(129, 'k');
   const Batch batch =

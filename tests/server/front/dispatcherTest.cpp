@@ -14,6 +14,7 @@
 #include "server/base/requestContext.h"
 #include "server/front/dispatcher.h"
 #include "server/front/documentBlock.h"
+#include "server/front/documentText.h"
 #include "tests/server/front/mockStore.h"
 #include "tests/server/logLines.h"
 #include "tests/server/requestBytes.h"
@@ -163,9 +164,80 @@ TEST_F(DispatcherTest, XmlThatCannotBeReadIsRefusedWithItsPlace) {
   expectIs<NoReply>(handle(add, block));
 }
 
-TEST_F(DispatcherTest, WhatTakesThePlaceOfAConfigurationIsTold) {
-  EXPECT_THAT(error({{"action", "setConstructorConfiguration"}, {"index", "c"}}),
-              AllOf(HasSubstr("ZVK0004E"), HasSubstr("createCollection")));
+TEST_F(DispatcherTest, ConfigurationReplacesAllDefaultsOfDocuments) {
+  const auto configure = [&](test::Headers headers) {
+    headers.insert({{"action", "setConstructorConfiguration"}, {"index", "c"}});
+    return error(headers);
+  };
+  const auto expect = [&](const DocumentReading& defaults) {
+    EXPECT_CALL(store_, setDocumentDefaults("c", defaults)).RetiresOnSaturation();
+  };
+  expect({{TextType::Html, "de"}, "windows-1252"});
+  EXPECT_EQ(configure({{"docType", "html"}, {"docLang", "de"}, {"charset", "windows-1252"}}),
+            "none");
+  expect({{TextType::Xml, ""}, ""});
+  EXPECT_EQ(configure({{"mimeType", "application/xml"}}), "none");
+  expect({{TextType::Xml, ""}, "UTF-16"});
+  EXPECT_EQ(configure({{"KnownContentType", "xml"}, {"KnownCharset", "UTF-16"}}), "none");
+  // As the same charset is called where no blanks may be.
+  expect({{TextType::Plain, ""}, "ISO8859-1"});
+  EXPECT_EQ(configure({{"charset", "ISO 8859-1"}}), "none");
+  expect({});
+  EXPECT_EQ(configure({}), "none");
+  expect({});
+  EXPECT_EQ(configure({{"docType", "ContentTypeNotDefined"}}), "none");
+  EXPECT_THAT(configure({{"docType", "text"}, {"mimeType", "text/html"}}), StartsWith("ZVK0006E"));
+  EXPECT_THAT(configure({{"charset", "klingon"}}), StartsWith("ZVK0006E"));
+  EXPECT_THAT(error({{"action", "setConstructorConfiguration"}}), StartsWith("ZVK0005E"));
+}
+
+struct DefaultsCase {
+  test::Headers said;
+  DocumentReading effective;
+};
+
+TEST_F(DispatcherTest, EachDefaultCountsWhereTheRequestDoesNotSayIt) {
+  store_.defaults = {{TextType::Html, "de"}, "ISO-8859-1"};
+  // What a document declares counts behind both.
+  const std::string content = "<meta charset=windows-1251>\xE9";
+  const std::vector<DefaultsCase> cases{
+      {{}, {{TextType::Html, "de"}, "ISO-8859-1"}},
+      {{{"docType", "ContentTypeNotDefined"}}, {{TextType::Html, "de"}, "ISO-8859-1"}},
+      {{{"docType", "text"}}, {{TextType::Plain, "de"}, "ISO-8859-1"}},
+      {{{"mimeType", "text/plain"}}, {{TextType::Plain, "de"}, "ISO-8859-1"}},
+      {{{"charset", "windows-1253"}}, {{TextType::Html, "de"}, "windows-1253"}},
+      {{{"docLang", "fr"}}, {{TextType::Html, "fr"}, "ISO-8859-1"}},
+      {{{"docType", "text"}, {"KnownCharset", "KOI8-R"}, {"docLang", "fr"}},
+       {{TextType::Plain, "fr"}, "KOI8-R"}}};
+  for (const DefaultsCase& each : cases) {
+    Document expected{"k", {}, content};
+    prepare(expected, each.effective);
+    const auto isExpected = AllOf(Field(&Document::content, expected.content),
+                                  Field(&Document::metadata, expected.metadata));
+    test::Headers headers = each.said;
+    headers["index"] = "c";
+    const std::string block = documentBlock("k", {}, content);
+    headers["action"] = "addDocument";
+    EXPECT_CALL(store_, addDocument("c", isExpected)).RetiresOnSaturation();
+    EXPECT_EQ(error(headers, block), "none");
+    headers["action"] = "asyncAddDocument";
+    EXPECT_CALL(store_, queueDocument("c", isExpected, "")).RetiresOnSaturation();
+    expectIs<NoReply>(handle(headers, block));
+    headers["action"] = "addDocument";
+    headers["batch"] = "b";
+    EXPECT_CALL(store_, apply("c", _)).WillOnce([&](const std::string&, const Batch& batch) {
+      EXPECT_THAT(batch.changes.documents, ElementsAre(isExpected));
+      return BatchOutcome{};
+    });
+    EXPECT_EQ(error(headers, documentBlock("any", {}, block)), "none");
+    headers.erase("batch");
+    headers.insert({{"action", "search"}, {"query", "fox"}, {"match", "document"}});
+    headers["action"] = "search";
+    EXPECT_CALL(store_, match("c", _, ElementsAre(isExpected)))
+        .WillOnce(
+            [](const auto&, const auto&, const auto&) { return std::make_unique<test::NoHits>(); });
+    EXPECT_EQ(error(headers, block), "none");
+  }
 }
 
 TEST_F(DispatcherTest, CollectionMayBeNamedByItsDisplayName) {
@@ -597,7 +669,7 @@ TEST_F(DispatcherTest, VersionIsTheOneItWasGiven) {
 }
 
 TEST_F(DispatcherTest, ActionsThatDoNotExistYetAreRefusedByName) {
-  for (const char* action : {"takeover", "shutdown", "setConstructorConfiguration"}) {
+  for (const char* action : {"takeover", "shutdown"}) {
     EXPECT_THAT(error({{"action", action}}), AllOf(HasSubstr("ZVK0004E"), HasSubstr(action)));
   }
 }

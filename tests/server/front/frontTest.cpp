@@ -976,6 +976,61 @@ TEST_F(FrugalFrontTest, DocumentNeedsTheMemoryThatItsFormMayTake) {
   for (const Headers& form : greedy) EXPECT_THAT(ask(form), HasSubstr("ZVK0002E"));
 }
 
+// What a collection says of its documents is known only when it is open.
+TEST_F(FrugalFrontTest, DocumentNeedsTheMemoryThatItsCollectionHasItTake) {
+  const std::string content = documentBlock("k", {}, std::string(kMiB / 2, 'x'));
+  RawClient client(http_);
+  EXPECT_EQ(httpAsk(client, {{"action", "createCollection"}, {"index", "c"}}), kDone);
+  const auto configure = [&](Headers defaults) {
+    defaults.insert({{"action", "setConstructorConfiguration"}, {"index", "c"}});
+    EXPECT_EQ(httpAsk(client, defaults), kDone);
+  };
+  const auto ask = [&](Headers said) {
+    said.insert({{"action", "addDocument"}, {"index", "c"}});
+    return httpAsk(client, said, content);
+  };
+  const Headers modest{{"charset", "UTF-8"}};
+  for (const Headers& greedy : std::vector<Headers>{{{"charset", "latin1"}},
+                                                    {{"docType", "html"}},
+                                                    {{"docType", "html"}, {"charset", "latin1"}}}) {
+    configure(greedy);
+    EXPECT_THAT(ask({}), AllOf(HasSubstr("ZVK0002E"), HasSubstr("--max-memory")));
+    EXPECT_EQ(ask(modest), kDone);
+  }
+  configure({{"docType", "xml"}});
+  EXPECT_THAT(ask(modest), HasSubstr("ZVK0002E"));
+  EXPECT_EQ(ask({{"docType", "text"}}), kDone);
+  configure({{"docType", "html"}, {"charset", "UTF-8"}});
+  EXPECT_EQ(ask({}), kDone);
+  EXPECT_THAT(ask({{"docType", "xml"}}), HasSubstr("ZVK0002E"));
+  configure({});
+  EXPECT_EQ(ask({}), kDone);
+}
+
+TEST_F(FrugalFrontTest, DocumentThatItsCollectionMakesLargeIsRefusedWhileOthersHoldTheMemory) {
+  const std::string content = documentBlock("k", {}, std::string(kMiB / 4, 'x'));
+  const Headers add{{"action", "addDocument"}, {"index", "c"}};
+  RawClient client(http_);
+  EXPECT_EQ(httpAsk(client, {{"action", "createCollection"}, {"index", "c"}}), kDone);
+  EXPECT_EQ(
+      httpAsk(client,
+              {{"action", "setConstructorConfiguration"}, {"index", "c"}, {"charset", "latin1"}}),
+      kDone);
+  RawClient other(http_);
+  other.send(announced(kMiB));
+  awaitUse(4 * kMiB);
+  EXPECT_THAT(httpAsk(client, add, content),
+              AllOf(HasSubstr("ZVK0016E"), HasSubstr("--max-memory")));
+  Headers queue = add;
+  queue["action"] = "asyncAddDocument";
+  client.send(httpRequest(queue, content));
+  EXPECT_THAT(httpAsk(client, {{"action", "getParseResult"}, {"index", "c"}}),
+              HasSubstr("ZVK0016E"));
+  other.send(std::string(kMiB, 'x'));
+  EXPECT_THAT(other.receiveHttp(), HasSubstr("ZVK0012E"));
+  EXPECT_EQ(httpAsk(client, add, content), kDone);
+}
+
 TEST_F(FrugalFrontTest, RequestWaitsForMemoryThatAnotherOneHolds) {
   options_.memoryTimeout = std::chrono::minutes(5);
   start();
@@ -1140,8 +1195,9 @@ TEST_F(GuardedFrontTest, RightsHoldForTheCollectionsOfTheirPattern) {
     EXPECT_THAT(httpAsk(client, as(reader_, query)), StartsWith(kDone));
   }
   EXPECT_THAT(ask("getStatus", "books-a"), EndsWith("0"));
-  for (const char* action : {"addDocument", "deleteDocument", "updateIndex", "getParseResult",
-                             "createCollection", "deleteCollection"}) {
+  for (const char* action :
+       {"addDocument", "deleteDocument", "updateIndex", "getParseResult", "createCollection",
+        "deleteCollection", "setConstructorConfiguration"}) {
     EXPECT_THAT(ask(action, "books-a", kDocument),
                 AllOf(HasSubstr("ZVK0023E"), HasSubstr("reader"), HasSubstr(action)));
   }

@@ -29,11 +29,15 @@ class MockStore : public Store {
   bool isSettled(const std::string&) override { return true; }
   void awaitSettled(const std::string&, Opened settled) override { settled(std::nullopt); }
   void stop() override {}
+  /// Of every collection.
+  DocumentReading defaults{};
   MOCK_METHOD(void, open, (const std::string&, Opened), (override));
 
   MOCK_METHOD(void, createCollection,
               (const std::string&, const std::string&, const Refresh&, const TextOptions&),
               (override));
+  DocumentReading documentDefaults(const std::string&) override { return defaults; }
+  MOCK_METHOD(void, setDocumentDefaults, (const std::string&, const DocumentReading&), (override));
   MOCK_METHOD(void, openCollection, (const std::string&), (override));
   MOCK_METHOD(void, closeCollection, (const std::string&), (override));
   MOCK_METHOD(void, deleteCollection, (const std::string&), (override));

@@ -218,6 +218,7 @@ std::vector<Row> rows() {
                  {"searchAfter", kPlace}},
        "place"},
       {"getStatus", named, inCollection},
+      {"setConstructorConfiguration", named, inCollection + kDocument},
       {"backup", {{"index", "c"}, {"backup", "b"}}, inCollection + Group{{"backup", kAnyText}}},
       {"restore",
        {{"index", "c"}, {"backup", "b"}},

@@ -103,6 +103,18 @@ TEST_F(ReportsTest, OptionsOfACollectionAreToldUnlessTheyAreAsUsual) {
             "stemming=false searchableMetadata=marked stopWords=2 refresh= mark=none");
 }
 
+TEST_F(ReportsTest, DefaultsOfDocumentsAreToldWhereSomebodyHasSetThem) {
+  const auto told = [&](const DocumentReading& defaults) {
+    CollectionSummary summary{1, 2, 3, "en", "manual"};
+    summary.documentDefaults = defaults;
+    EXPECT_CALL(store_, summary("a")).WillOnce(Return(summary));
+    return lines({{"report", "collection"}, {"index", "a"}}).at(0).messageText;
+  };
+  EXPECT_THAT(told({{TextType::Html, "de"}, "windows-1252"}),
+              HasSubstr(" language=en docType=html charset=windows-1252 docLang=de refresh="));
+  EXPECT_THAT(told({{TextType::Xml, ""}, ""}), HasSubstr(" language=en docType=xml refresh="));
+}
+
 TEST_F(ReportsTest, MemoryOfHitsIsSetAsideUntilTheReplyIsOver) {
   const auto memory = std::make_shared<int>(0);
   HitDetails one{{"k1", 532}};

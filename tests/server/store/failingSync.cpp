@@ -9,6 +9,7 @@
 namespace {
 
 std::atomic<bool> failing = false;
+std::atomic<bool> failingDirectories = false;
 std::atomic<int> successes = 0;
 
 }  // namespace
@@ -23,10 +24,21 @@ extern "C" int fdatasync(int file) {
   return result;
 }
 
+extern "C" int fsync(int file) {
+  if (failingDirectories) {
+    errno = EIO;
+    return -1;
+  }
+  return static_cast<int>(::syscall(SYS_fsync, file));
+}
+
 namespace corvaned::test {
 
 FailingSync::FailingSync() { failing = true; }
 FailingSync::~FailingSync() { failing = false; }
+
+FailingDirectorySync::FailingDirectorySync() { failingDirectories = true; }
+FailingDirectorySync::~FailingDirectorySync() { failingDirectories = false; }
 
 int syncsSoFar() { return successes; }
 

@@ -12,6 +12,15 @@ class FailingSync {
   FailingSync& operator=(const FailingSync&) = delete;
 };
 
+/// The same with fsync(2), which brings directories to disk.
+class FailingDirectorySync {
+ public:
+  FailingDirectorySync();
+  ~FailingDirectorySync();
+  FailingDirectorySync(const FailingDirectorySync&) = delete;
+  FailingDirectorySync& operator=(const FailingDirectorySync&) = delete;
+};
+
 /// How often fdatasync(2) has succeeded so far.
 int syncsSoFar();
 

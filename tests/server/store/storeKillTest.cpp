@@ -9,6 +9,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -145,18 +146,14 @@ class StoreKillTest : public ::testing::Test {
   // What a kill leaves is logged when it is cleared away.
   StoreKillTest() { spdlog::set_level(spdlog::level::off); }
 
+  /// What a process does that is killed. It tells of each step: 'y' when that is acknowledged.
+  using Work = std::function<void(const std::function<void(char)>& tell)>;
+
   // Tells of each step through a call that no kill point counts.
-  [[noreturn]] void runChild(const std::filesystem::path& directory, const Steps& steps,
-                             KillPoint point, int report) const {
+  [[noreturn]] static void runChild(KillPoint point, int report, const Work& work) {
     try {
       test::dieAt(point);
-      StoreSubject subject(directory, parts_);
-      // Opens the collections.
-      for (const char* name : {"a", "b", "once"}) subject.state(name);
-      for (const Step& step : steps) {
-        const char acknowledged = subject.apply(step) ? 'y' : 'n';
-        ::syscall(SYS_write, report, &acknowledged, 1);
-      }
+      work([&](char acknowledged) { ::syscall(SYS_write, report, &acknowledged, 1); });
       ::_exit(0);
     } catch (const std::exception& error) {
       std::cerr << error.what() << std::endl;
@@ -165,11 +162,22 @@ class StoreKillTest : public ::testing::Test {
   }
 
   Outcome run(const std::filesystem::path& directory, const Steps& steps, KillPoint point) const {
+    Outcome result = runProcess(point, [&](const std::function<void(char)>& tell) {
+      StoreSubject subject(directory, parts_);
+      // Opens the collections.
+      for (const char* name : {"a", "b", "once"}) subject.state(name);
+      for (const Step& step : steps) tell(subject.apply(step) ? 'y' : 'n');
+    });
+    if (result.killed) result.progress.sent = std::min(result.progress.sent + 1, steps.size());
+    return result;
+  }
+
+  static Outcome runProcess(KillPoint point, const Work& work) {
     std::array<int, 2> pipe{};
     if (::pipe(pipe.data()) != 0) throw std::runtime_error("pipe");
     const pid_t child = ::fork();
     if (child < 0) throw std::runtime_error("fork");
-    if (child == 0) runChild(directory, steps, point, pipe[1]);
+    if (child == 0) runChild(point, pipe[1], work);
     ::close(pipe[1]);
     Outcome result;
     for (char acknowledged = 0; ::read(pipe[0], &acknowledged, 1) == 1;) {
@@ -180,7 +188,6 @@ class StoreKillTest : public ::testing::Test {
     int status = 0;
     ::waitpid(child, &status, 0);
     result.killed = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
-    if (result.killed) result.progress.sent = std::min(result.progress.sent + 1, steps.size());
     if (!result.killed && status != 0) throw std::runtime_error("a step was refused");
     return result;
   }
@@ -362,6 +369,44 @@ TEST_F(StoreKillTest, BatchIsInBothDatabasesOfAnIndexOrInNone) {
   EXPECT_GT(before, 10 / kEach);
   EXPECT_GT(halfCommitted, 5 / kEach);
   EXPECT_GT(after, 1 / kEach);
+}
+
+// Whatever is set has the old value or the new one, and the new one once that was acknowledged.
+TEST_F(StoreKillTest, DefaultsOfDocumentsAreReplacedInOneStep) {
+  const DocumentReading none{};
+  const DocumentReading german{{TextType::Html, "de"}, "windows-1252"};
+  const DocumentReading french{{TextType::Xml, "fr"}, ""};
+  const std::vector<std::pair<DocumentReading, DocumentReading>> changes{
+      {none, german}, {german, french}, {french, none}};
+  for (const auto& change : changes) {
+    const DocumentReading& before = change.first;
+    const DocumentReading& after = change.second;
+    std::filesystem::remove_all(directory_.path() / "data");
+    {
+      LocalStore store(directory_.path() / "data", {});
+      store.createCollection("a", "en");
+      store.setDocumentDefaults("a", before);
+    }
+    std::set<bool> seen;
+    for (std::uint64_t call = 1;; ++call) {
+      SCOPED_TRACE("call " + std::to_string(call));
+      const std::filesystem::path copy = freshCopy();
+      const Outcome outcome =
+          runProcess({call, call % 2 == 0}, [&](const std::function<void(char)>& tell) {
+            LocalStore store(copy, {});
+            store.setDocumentDefaults("a", after);
+            tell('y');
+            // Nothing that is still to come may undo it.
+            store.closeCollection("a");
+          });
+      LocalStore store(copy, {});
+      const DocumentReading found = store.documentDefaults("a");
+      EXPECT_TRUE(found == after || (found == before && outcome.progress.acknowledged == 0));
+      seen.insert(found == after);
+      if (HasFailure() || !outcome.killed) break;
+    }
+    EXPECT_EQ(seen.size(), 2U);
+  }
 }
 
 }  // namespace
