@@ -16,9 +16,10 @@ namespace corvaned {
 /// disk, neither a search nor a new document waits for an index update, a status waits for none of
 /// them, a new document for no change that looks up keys first, which takes as long as there are
 /// keys, and nobody for a survey of all collections, which opens one after the other. Whoever
-/// deletes a collection or copies it for a backup waits for the step that its index update is at,
-/// and keeps no other update from being asked for.
-enum class Workload { Read, Write, LookUp, Index, Delete, Copy, Status, Survey };
+/// deletes a collection waits for the step that its index update is at, and keeps no other update
+/// from being asked for. A backup is only asked for here: the store makes it on a thread of its
+/// own.
+enum class Workload { Read, Write, LookUp, Index, Delete, Status, Survey };
 
 /// What a request can ask for.
 struct Action {

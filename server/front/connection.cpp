@@ -125,7 +125,6 @@ ConnectionContext::ConnectionContext(Dispatcher& dispatcher, const ServerOptions
       placesToLookUp_(options.lookUpThreads),
       indexers_(options.indexThreads),
       deleters_(options.deleteThreads),
-      copiers_(options.copyThreads),
       informers_(options.statusThreads) {}
 
 asio::thread_pool& ConnectionContext::workers(Workload workload) {
@@ -138,8 +137,6 @@ asio::thread_pool& ConnectionContext::workers(Workload workload) {
       return indexers_;
     case Workload::Delete:
       return deleters_;
-    case Workload::Copy:
-      return copiers_;
     case Workload::Status:
       return informers_;
     case Workload::Survey:
@@ -216,7 +213,6 @@ void ConnectionContext::joinWorkers() {
   checkers_.join();
   indexers_.join();
   deleters_.join();
-  copiers_.join();
   informers_.join();
   surveyor_.join();
   gatekeeper_.join();

@@ -75,7 +75,6 @@ class ConnectionContext {
   FairPlaces placesToLookUp_;
   asio::thread_pool indexers_;
   asio::thread_pool deleters_;
-  asio::thread_pool copiers_;
   asio::thread_pool informers_;
   asio::thread_pool surveyor_{1};
   asio::thread_pool gatekeeper_{1};

@@ -60,7 +60,6 @@ struct ServerOptions {
   unsigned lookUpThreads = 8;
   unsigned indexThreads = 2;
   unsigned deleteThreads = 8;
-  unsigned copyThreads = 2;
   unsigned statusThreads = 2;
 };
 

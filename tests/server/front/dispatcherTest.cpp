@@ -942,8 +942,8 @@ TEST(Workload, SearchesWritersAndIndexUpdatesAreKeptApart) {
   EXPECT_EQ(of("addDocument"), Workload::Write);
   EXPECT_EQ(of("updateIndex"), Workload::Index);
   EXPECT_EQ(of("deleteCollection"), Workload::Delete);
-  EXPECT_EQ(of("backup"), Workload::Copy);
-  EXPECT_EQ(of("restore"), Workload::Copy);
+  EXPECT_EQ(of("backup"), Workload::Status);
+  EXPECT_EQ(of("restore"), Workload::Status);
   EXPECT_EQ(of("getStatus"), Workload::Status);
   EXPECT_EQ(of("nonsense"), Workload::Status);
 }

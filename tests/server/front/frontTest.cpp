@@ -101,11 +101,6 @@ class TestStore : public LocalStore {
     LocalStore::deleteCollection(name);
   }
 
-  void backup(const std::string& backup, const std::string& name) override {
-    if (name == "held") return gate.pass();
-    LocalStore::backup(backup, name);
-  }
-
   void deleteDocument(const std::string& name, const std::string& key, bool mustExist) override {
     if (name == "held") return gate.pass();
     LocalStore::deleteDocument(name, key, mustExist);
@@ -143,7 +138,10 @@ class TestStore : public LocalStore {
 
 class FrontTest : public ::testing::Test {
  protected:
-  FrontTest() {
+  FrontTest() : FrontTest(false) {}
+  explicit FrontTest(bool keepsBackups)
+      : store_(directory_.path() / "data", limits(),
+               keepsBackups ? std::optional(directory_.path() / "backups") : std::nullopt) {
     options_.httpPort = 0;
     options_.binaryPort = 0;
   }
@@ -185,7 +183,7 @@ class FrontTest : public ::testing::Test {
     limits.index.batchChanges = 5;
     return limits;
   }
-  TestStore store_{directory_.path() / "data", limits()};
+  TestStore store_;
   Dispatcher dispatcher_{store_, "1.2.3"};
   ServerOptions options_;
   std::optional<Server> server_;
@@ -544,18 +542,15 @@ TEST_F(FrontTest, ChangesAreSearchableWhenAcknowledgedWhereThatIsWanted) {
               HasSubstr("40"));
 }
 
-TEST_F(FrontTest, DeletionsAndBackupsThatWaitTakeNoWorkerFromUpdates) {
+TEST_F(FrontTest, DeletionsThatWaitTakeNoWorkerFromUpdates) {
   RawClient setup(http_);
   for (const char* name : {"c", "d"}) {
     EXPECT_EQ(httpAsk(setup, {{"action", "createCollection"}, {"index", name}}), kDone);
   }
   std::vector<RawClient> deleting;
-  std::vector<RawClient> copying;
   for (unsigned i = 0; i < options_.indexThreads; ++i) {
     deleting.emplace_back(http_);
     deleting.back().send(httpRequest({{"action", "deleteCollection"}, {"index", "held"}}));
-    copying.emplace_back(http_);
-    copying.back().send(httpRequest({{"action", "backup"}, {"backup", "b"}, {"index", "held"}}));
   }
   store_.gate.awaitWaiting(static_cast<int>(options_.indexThreads));
   EXPECT_EQ(httpAsk(setup, {{"action", "addDocument"}, {"index", "c"}}, kDocument), kDone);
@@ -563,7 +558,34 @@ TEST_F(FrontTest, DeletionsAndBackupsThatWaitTakeNoWorkerFromUpdates) {
   EXPECT_EQ(httpAsk(setup, {{"action", "deleteCollection"}, {"index", "d"}}), kDone);
   store_.gate.open();
   for (RawClient& client : deleting) EXPECT_EQ(client.receiveHttp(), kDone);
-  for (RawClient& client : copying) EXPECT_EQ(client.receiveHttp(), kDone);
+}
+
+class BackupFrontTest : public FrontTest {
+ protected:
+  BackupFrontTest() : FrontTest(true) {}
+};
+
+TEST_F(BackupFrontTest, BackupsThatWaitForEachOtherTakeNoWorker) {
+  RawClient setup(http_);
+  for (const char* name : {"c", "slow"}) {
+    EXPECT_EQ(httpAsk(setup, {{"action", "createCollection"}, {"index", name}}), kDone);
+  }
+  test::SlowCollection slow(directory_.path() / "data/collections/slow");
+  RawClient first(http_);
+  first.send(httpRequest({{"action", "backup"}, {"backup", "b"}, {"index", "slow"}}));
+  ASSERT_TRUE(slow.awaitOpening([&] { return store_.isOpen("slow"); }));
+  std::vector<RawClient> others;
+  for (int i = 0; i < 12; ++i) {
+    others.emplace_back(http_);
+    const std::string name = "b" + std::to_string(i);
+    others.back().send(httpRequest({{"action", "backup"}, {"backup", name}, {"index", "c"}}));
+  }
+  expectServing();
+  EXPECT_EQ(httpAsk(setup, {{"action", "addDocument"}, {"index", "c"}}, kDocument), kDone);
+  EXPECT_EQ(httpAsk(setup, {{"action", "updateIndex"}, {"index", "c"}}), kDone);
+  slow.fail();
+  EXPECT_THAT(first.receiveHttp(), HasSubstr("ZVK0014E"));
+  for (RawClient& client : others) EXPECT_EQ(client.receiveHttp(), kDone);
 }
 
 TEST_F(FrontTest, UpdatesThatAreAwaitedTakeNoWorkerFromTheOthers) {
