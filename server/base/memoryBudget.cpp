@@ -3,6 +3,7 @@
 #include <malloc.h>
 #include <spdlog/spdlog.h>
 
+#include <algorithm>
 #include <exception>
 
 namespace corvaned {
@@ -25,6 +26,12 @@ void MemoryBudget::Share::force(std::size_t bytes) {
   if (budget_ && bytes > bytes_) budget_->takeAnyway(bytes - bytes_);
   if (budget_ && bytes < bytes_) budget_->giveBack(bytes_ - bytes);
   bytes_ = bytes;
+}
+
+MemoryBudget::Share MemoryBudget::Share::split(std::size_t bytes) {
+  const std::size_t taken = std::min(bytes, bytes_);
+  bytes_ -= taken;
+  return {budget_, taken};
 }
 
 std::size_t MemoryBudget::used() const {
@@ -77,7 +84,7 @@ std::list<MemoryBudget::Waiter> MemoryBudget::grantable() {
 void MemoryBudget::callGranted(std::list<Waiter> waiters) noexcept {
   for (Waiter& waiter : waiters) {
     try {
-      waiter.granted(Share(*this, waiter.bytes));
+      waiter.granted(Share(this, waiter.bytes));
     } catch (const std::exception& error) {
       spdlog::warn("memory could not be passed on: {}", error.what());
     }

@@ -40,11 +40,13 @@ class MemoryBudget {
     [[nodiscard]] bool resize(std::size_t bytes, Use use);
     /// The same for memory that is taken already: it counts even where it does not fit.
     void force(std::size_t bytes);
+    /// Makes so many of its bytes, at most all, a share of their own.
+    [[nodiscard]] Share split(std::size_t bytes);
     std::size_t bytes() const { return bytes_; }
 
    private:
     friend class MemoryBudget;
-    Share(MemoryBudget& budget, std::size_t bytes) : budget_(&budget), bytes_(bytes) {}
+    Share(MemoryBudget* budget, std::size_t bytes) : budget_(budget), bytes_(bytes) {}
 
     MemoryBudget* budget_ = nullptr;
     std::size_t bytes_ = 0;

@@ -860,7 +860,7 @@ std::vector<HitDetails> Collection::details(std::span<Collection* const> collect
   std::vector<XapianIndex::Member> members;
   for (Collection* const each : collections) {
     each->requireActive();
-    members.push_back({each->index_, each->name_, each->hidden()});
+    members.push_back({each->index_, each->name_, each->hidden(), each->memory_.bytes()});
   }
   try {
     return XapianIndex::details(members, query, wanted);

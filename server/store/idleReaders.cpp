@@ -48,17 +48,18 @@ void IdleReaders::OfIndex::release() {
 
 // A handle is no small use for its size, but for what it serves: a search that others with large
 // documents must not keep from being served.
-MemoryBudget::Share IdleReaders::memoryFor(std::size_t databases) {
+MemoryBudget::Share IdleReaders::memoryFor(const Need& need, std::size_t held) {
   constexpr auto kUse = MemoryBudget::Use::Small;
   MemoryBudget::Share share = memory_ ? MemoryBudget::Share(*memory_) : MemoryBudget::Share();
-  const std::size_t bytes = databases * kDatabaseCost;
+  const std::size_t bytes = (need.databases - need.had) * kDatabaseCost;
+  const std::size_t whole = need.databases * kDatabaseCost;
   while (!share.resize(bytes, kUse)) {
-    if (!takeOldest().empty()) continue;
-    const bool passes = memory_->canEverFit(bytes, kUse);
+    const bool passes = memory_->canEverFit(whole + held, kUse);
+    if (passes && !takeOldest().empty()) continue;
     throw ServerError(passes ? ErrorKind::TryAgain : ErrorKind::OutOfMemory,
-                      fmt::format("to search a collection with {} databases takes {} KiB of "
-                                  "memory that are not free; {}raise --max-memory",
-                                  databases, bytes >> 10U, passes ? "try again, or " : ""));
+                      fmt::format("to search {} databases takes {} KiB of memory that are not "
+                                  "free; {}raise --max-memory",
+                                  need.databases, whole >> 10U, passes ? "try again, or " : ""));
   }
   return share;
 }

@@ -35,6 +35,17 @@ class IdleReaders {
   /// Null: without a limit.
   explicit IdleReaders(std::shared_ptr<MemoryBudget> memory);
 
+  /// Of how many databases a search needs handles, and of how many it has some.
+  struct Need {
+    std::size_t databases = 0;
+    std::size_t had = 0;
+  };
+  /// What the handles take that a search still needs, in one step: two searches that have a part of
+  /// theirs each would keep each other from the rest. Throws ServerError if that is not there when
+  /// all idle handles have been closed: TryAgain if it can be there some time, beside `held`, which
+  /// the search keeps from being freed.
+  MemoryBudget::Share memoryFor(const Need& need, std::size_t held);
+
   /// Those of one index. They are closed when it goes.
   class OfIndex {
    public:
@@ -49,9 +60,7 @@ class IdleReaders {
     /// Closes all of them.
     void release();
 
-    /// What one more handle takes, of so many databases. Throws ServerError if that is not there
-    /// when all idle handles have been closed: TryAgain if it can be there some time.
-    MemoryBudget::Share memoryFor(std::size_t databases) { return all_->memoryFor(databases); }
+    IdleReaders& all() const { return *all_; }
 
    private:
     friend class IdleReaders;
@@ -67,7 +76,6 @@ class IdleReaders {
     std::unique_ptr<IndexReader> reader;
   };
 
-  MemoryBudget::Share memoryFor(std::size_t databases);
   KeptList takeOldest();
   void moveOldest(KeptList& destination);
 

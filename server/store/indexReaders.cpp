@@ -22,17 +22,37 @@ std::shared_ptr<IdleReaders> IndexReaders::idleReadersOf(const IndexLimits& limi
   return limits.idleReaders ? limits.idleReaders : std::make_shared<IdleReaders>(limits.memory);
 }
 
+void IndexReaders::refreshAll(std::span<IndexReaders* const> indexes, Handles& handles,
+                              std::size_t held) {
+  std::vector<std::size_t> missing(indexes.size());
+  IdleReaders::Need need;
+  for (std::size_t i = 0; i < indexes.size(); ++i) {
+    if (handles[i]) {
+      need.had += handles[i]->database().size();
+    } else {
+      missing[i] = IndexParts::in(indexes[i]->path_).size();
+    }
+    need.databases += missing[i];
+  }
+  const bool lacksSome = need.databases > 0;
+  need.databases += need.had;
+  MemoryBudget::Share memory;
+  if (lacksSome) memory = indexes.front()->idle_.all().memoryFor(need, held);
+  for (std::size_t i = 0; i < indexes.size(); ++i) {
+    indexes[i]->refresh(handles[i], memory.split(missing[i] * IdleReaders::kDatabaseCost));
+  }
+}
+
 // A handle for an index that has been replaced must not be refreshed: it would take the new files
 // for its own.
-void IndexReaders::refresh(std::unique_ptr<IndexReader>& reader) {
+void IndexReaders::refresh(std::unique_ptr<IndexReader>& reader, MemoryBudget::Share memory) {
   // While several databases are being changed, whoever sees what was there before need not wait.
   if (reader && reader->isInParts() && reader->state() == state_) return;
-  IndexReader::Resources resources{{}, DescriptorBudget::Share(limits_.descriptors.get())};
+  IndexReader::Resources resources{std::move(memory),
+                                   DescriptorBudget::Share(limits_.descriptors.get())};
   // Others may have to close something for that, so no lock is held.
   if (!reader) {
-    const std::size_t databases = IndexParts::in(path_).size();
-    resources.memory = idle_.memoryFor(databases);
-    resources.descriptors.add(IndexReader::kDescriptors * databases);
+    resources.descriptors.add(IndexReader::kDescriptors * IndexParts::in(path_).size());
   }
   // How many databases there are is known for sure when one of them has been opened.
   std::optional<ChangeGate::Opening> opening;

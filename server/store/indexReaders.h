@@ -53,10 +53,13 @@ class IndexReaders {
   using Handles = std::vector<std::unique_ptr<IndexReader>>;
 
   /// Runs `work` with a handle of each index, in their order. Everybody gives indexes in the same
-  /// order: whoever holds up the commits of one may wait for a commit of the next.
+  /// order: whoever holds up the commits of one may wait for a commit of the next. `held` is what
+  /// of the memory cannot be free meanwhile.
   template <typename Work>
-  static auto runTogether(std::span<IndexReaders* const> indexes, const Work& work) {
-    return attempts(indexes, work, [] { return 0; });
+  static auto runTogether(std::span<IndexReaders* const> indexes, const Work& work,
+                          std::size_t held = 0) {
+    return attempts(
+        indexes, work, [] { return 0; }, held);
   }
 
   /// Calls `commit`, which changes several databases of the index. No handle is opened or refreshed
@@ -108,7 +111,7 @@ class IndexReaders {
  private:
   template <typename Work, typename Progress>
   static auto attempts(std::span<IndexReaders* const> indexes, const Work& work,
-                       const Progress& progress) {
+                       const Progress& progress, std::size_t held = 0) {
     Handles handles;
     for (IndexReaders* const index : indexes) handles.push_back(index->idle_.take());
     for (int attempt = 1;; ++attempt) {
@@ -118,7 +121,7 @@ class IndexReaders {
       }
       const auto before = progress();
       try {
-        for (std::size_t i = 0; i < indexes.size(); ++i) indexes[i]->refresh(handles[i]);
+        refreshAll(indexes, handles, held);
         auto result = work(std::as_const(handles));
         for (std::size_t i = 0; i < indexes.size(); ++i) {
           indexes[i]->idle_.keep(std::move(handles[i]));
@@ -133,7 +136,9 @@ class IndexReaders {
     }
   }
 
-  void refresh(std::unique_ptr<IndexReader>& reader);
+  static void refreshAll(std::span<IndexReaders* const> indexes, Handles& handles,
+                         std::size_t held);
+  void refresh(std::unique_ptr<IndexReader>& reader, MemoryBudget::Share memory);
   bool isWhole() const;
   void requireWhole() const;
 

@@ -42,16 +42,17 @@ void sortBy(Xapian::Enquire& enquire, HitOrder order, ValueOrder* byValue) {
   enquire.set_sort_by_value(kKeySlot, false);
 }
 
-MemoryBudget::Share memoryForKeys(const SearchQuery& query, std::size_t databases,
+MemoryBudget::Share memoryForKeys(const SearchQuery& query, std::size_t databases, std::size_t held,
                                   const IndexLimits& limits) {
   MemoryBudget::Share share = shareOf(limits);
+  const auto refusal = [](std::size_t mebibytes) {
+    return fmt::format(
+        "to look for the keys in these collections takes {} MiB of memory that are not free; ask "
+        "for fewer at a time, or raise --max-memory",
+        mebibytes);
+  };
   setAside(share, query.keys.size() * databases * kBytesOfKey, limits.memory.get(),
-           ErrorKind::QueryTooBroad, [](std::size_t mebibytes) {
-             return fmt::format(
-                 "to look for the keys in these collections takes {} MiB of memory that are not "
-                 "free; ask for fewer at a time, or raise --max-memory",
-                 mebibytes);
-           });
+           ErrorKind::QueryTooBroad, refusal, held);
   return share;
 }
 
@@ -151,7 +152,9 @@ std::optional<Xapian::valueno> JointReader::slotOf(const std::string& name) cons
 JointReader::Ranking JointReader::ranked(const Xapian::Query& words, const SearchQuery& query,
                                          const IndexLimits& limits) const {
   const Page page = pageOf(query, database_.get_doccount());
-  const MemoryBudget::Share keys = memoryForKeys(query, database_.size(), limits);
+  std::size_t held = 0;
+  for (const Member& member : members_) held += member.reader.memory();
+  const MemoryBudget::Share keys = memoryForKeys(query, database_.size(), held, limits);
   const MemoryBudget::Share ofWords = memoryForWords(words, database_, limits);
   const Interruptible interruptible(withinKeys(words, query));
   Xapian::Enquire enquire(database_);

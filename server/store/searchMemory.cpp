@@ -22,10 +22,10 @@ MemoryBudget::Use useOf(std::size_t bytes) {
 }  // namespace
 
 void setAside(MemoryBudget::Share& share, std::size_t bytes, const MemoryBudget* budget,
-              ErrorKind never, const MemoryRefusal& refusal) {
+              ErrorKind never, const MemoryRefusal& refusal, std::size_t held) {
   const MemoryBudget::Use use = useOf(bytes);
   if (share.resize(bytes, use)) return;
-  throw ServerError(budget->canEverFit(bytes, use) ? ErrorKind::TryAgain : never,
+  throw ServerError(budget->canEverFit(bytes + held, use) ? ErrorKind::TryAgain : never,
                     refusal((bytes >> 20U) + 1));
 }
 

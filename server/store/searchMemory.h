@@ -18,10 +18,10 @@ constexpr std::size_t kFewHits = 1000;
 /// Makes the text of a refusal, of how many MiB are missing.
 using MemoryRefusal = std::function<std::string(std::size_t mebibytes)>;
 
-/// Makes the share so large. Trying again is no advice where it can never fit: that is refused with
-/// `never`.
+/// Makes the share so large. Trying again is no advice where it can never fit beside `held`, which
+/// whoever asks has already: that is refused with `never`.
 void setAside(MemoryBudget::Share& share, std::size_t bytes, const MemoryBudget* budget,
-              ErrorKind never, const MemoryRefusal& refusal);
+              ErrorKind never, const MemoryRefusal& refusal, std::size_t held = 0);
 
 /// Sets aside what up to `hits` hits may take while they are sorted; for each of them also
 /// `sortKeyBytes` if they are sorted by more than a key.

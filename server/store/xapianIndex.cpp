@@ -323,7 +323,9 @@ std::vector<HitDetails> XapianIndex::details(std::span<const Member> members,
                                              const DetailsWanted& wanted) {
   std::vector<IndexReaders*> indexes;
   std::vector<const XapianIndex*> looked;
+  std::size_t held = 0;
   for (const Member& member : members) {
+    held += member.held;
     indexes.push_back(member.index.readers_.get());
     looked.push_back(&member.index);
   }
@@ -335,7 +337,7 @@ std::vector<HitDetails> XapianIndex::details(std::span<const Member> members,
     return JointReader(std::move(joint)).details(query, wanted, members.front().index.limits_);
   };
   return diagnosed(looked, checkRequest,
-                   [&] { return IndexReaders::runTogether(indexes, together); });
+                   [&] { return IndexReaders::runTogether(indexes, together, held); });
 }
 
 CollectionSummary XapianIndex::summary() {

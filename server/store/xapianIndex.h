@@ -107,6 +107,8 @@ class XapianIndex {
     XapianIndex& index;
     std::string collection;
     Hidden hidden;
+    /// What the open collection takes of the memory.
+    std::size_t held = 0;
   };
   /// As details(), of all these in one ranking. Everybody gives indexes in the same order.
   static std::vector<HitDetails> details(std::span<const Member> members, const SearchQuery& query,

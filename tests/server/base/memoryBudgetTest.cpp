@@ -121,5 +121,22 @@ TEST_F(MemoryBudgetTest, ShareOfAWaiterThatFailsComesBack) {
   EXPECT_EQ(budget_.used(), 0U);
 }
 
+TEST(MemoryBudget, PartOfAShareIsGivenBackByItself) {
+  MemoryBudget budget(100);
+  MemoryBudget::Share whole(budget);
+  ASSERT_TRUE(whole.resize(80, MemoryBudget::Use::Small));
+  {
+    const MemoryBudget::Share part = whole.split(30);
+    EXPECT_EQ(part.bytes(), 30U);
+    EXPECT_EQ(whole.bytes(), 50U);
+    EXPECT_EQ(budget.used(), 80U);
+  }
+  EXPECT_EQ(budget.used(), 50U);
+  EXPECT_EQ(whole.split(60).bytes(), 50U);
+  EXPECT_EQ(budget.used(), 0U);
+  MemoryBudget::Share none;
+  EXPECT_EQ(none.split(10).bytes(), 0U);
+}
+
 }  // namespace
 }  // namespace corvaned

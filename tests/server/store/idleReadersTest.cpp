@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -63,9 +64,22 @@ class IdleReadersTest : public ::testing::Test {
     return store_->search(nameOf(number), query);
   }
 
+  /// In the first so many at once.
+  void searchAll(int count) {
+    SearchQuery query;
+    query.text = "fox";
+    query.size = 1;
+    std::vector<std::string> names;
+    for (int i = 0; i < count; ++i) names.push_back(nameOf(i));
+    EXPECT_EQ(store_->details(names, query, {}).size(), 1U);
+  }
+
   std::string refusal(ErrorKind kind) {
+    return refusal(kind, [&] { search(0); });
+  }
+  static std::string refusal(ErrorKind kind, const std::function<void()>& work) {
     try {
-      search(0);
+      work();
     } catch (const ServerError& error) {
       EXPECT_EQ(error.kind(), kind) << error.what();
       return error.what();
@@ -160,6 +174,31 @@ TEST_F(IdleReadersTest, HandleThatCanNeverFitIsNoReasonToTryAgain) {
   open(kHandle - 1, 1);
   EXPECT_THAT(refusal(ErrorKind::OutOfMemory),
               AllOf(HasSubstr("--max-memory"), ::testing::Not(HasSubstr("try again"))));
+}
+
+// Each of them could have its own, and all together their handles, but not beside what the open
+// collections take.
+TEST_F(IdleReadersTest, HandlesThatCanNeverFitTogetherAreNoReasonToTryAgain) {
+  open(4 * kHandle + 2 * Collection::kOpenBytes, 4);
+  searchAll(3);
+  const std::size_t before = memory_->used();
+  EXPECT_THAT(refusal(ErrorKind::OutOfMemory, [&] { searchAll(4); }),
+              AllOf(HasSubstr("16 databases"), HasSubstr("--max-memory"),
+                    ::testing::Not(HasSubstr("try again"))));
+  EXPECT_EQ(memory_->used(), before) << "nothing has been closed for it";
+}
+
+TEST_F(IdleReadersTest, SearchOfSeveralTriesAgainWhereOthersHaveTheMemory) {
+  open(6 * kHandle, 4);
+  {
+    MemoryBudget::Share rest(*memory_);
+    rest.force(memory_->limit() - memory_->used() - 4 * kHandle + 1);
+    const std::size_t full = memory_->used();
+    EXPECT_THAT(refusal(ErrorKind::TryAgain, [&] { searchAll(4); }), HasSubstr("try again"));
+    EXPECT_EQ(memory_->used(), full);
+    rest.force(rest.bytes() - kRoom);
+    searchAll(4);
+  }
 }
 
 TEST_F(IdleReadersTest, HandleThatCannotBeOpenedCountsNoLonger) {

@@ -424,6 +424,10 @@ TEST_F(TogetherTest, MemoryIsGivenBackAndWithoutItTheSearchIsRefused) {
   EXPECT_EQ(memory_->used(), idle - 2 * IdleReaders::kDatabaseCost);
   details({"a", "b"}, queryFor("fox"), wanted);
   EXPECT_EQ(memory_->used(), idle);
+  // These alone take less than the seven eighths that large uses may have, and with the handles
+  // more.
+  query.keys = Names(3570, "1");
+  EXPECT_THAT(refusal({"a", "b"}, query), StartsWith("ZVK0011E"));
 }
 
 TEST_F(TogetherTest, EachCollectionTakesItsDescriptors) {
@@ -553,6 +557,32 @@ TEST_F(TwoIndexesTest, HoldUpTheCommitsOfBothIfTheyOvertakeASearchTooOften) {
   EXPECT_EQ(attempts, IndexReaders::kFreeAttempts + 1);
   EXPECT_TRUE(canCommit(a));
   EXPECT_TRUE(canCommit(b));
+}
+
+// A search that had the memory for one of them could keep another one from the rest. The budget is
+// asked for descriptors right before an index is opened.
+TEST_F(TwoIndexesTest, TakeTheMemoryOfBothBeforeTheFirstIsOpened) {
+  IndexLimits limits;
+  limits.memory = std::make_shared<MemoryBudget>(2 * IdleReaders::kDatabaseCost);
+  limits.idleReaders = std::make_shared<IdleReaders>(limits.memory);
+  limits.descriptors = std::make_shared<DescriptorBudget>(2 * IndexReader::kDescriptors);
+  DescriptorBudget::Share others(limits.descriptors.get());
+  std::vector<std::size_t> used;
+  limits.descriptors->setReclaim([&] {
+    used.push_back(limits.memory->used());
+    others = DescriptorBudget::Share(limits.descriptors.get());
+    return true;
+  });
+  others.add(IndexReader::kDescriptors + 1);
+  IndexReaders a(indexOf("a"), limits);
+  IndexReaders b(indexOf("b"), limits);
+  const std::array<IndexReaders*, 2> both{&a, &b};
+  const auto memories = [](const IndexReaders::Handles& handles) {
+    return std::pair(handles[0]->memory(), handles[1]->memory());
+  };
+  EXPECT_EQ(IndexReaders::runTogether(both, memories),
+            std::pair(IdleReaders::kDatabaseCost, IdleReaders::kDatabaseCost));
+  EXPECT_THAT(used, ElementsAre(limits.memory->limit()));
 }
 
 TEST_F(TwoIndexesTest, AreSeenAsTheyAreNowWithHandlesThatAreKept) {
