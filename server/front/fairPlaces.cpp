@@ -1,7 +1,5 @@
 #include "server/front/fairPlaces.h"
 
-#include <algorithm>
-
 namespace corvaned {
 
 std::optional<FairPlaces::Place> FairPlaces::tryToTake(const std::string& collection) {
@@ -46,8 +44,7 @@ void FairPlaces::take(Collection& collection) {
 }
 
 bool FairPlaces::mayTake(const Collection& collection) const {
-  const std::size_t left = count_ - (taken_ - collection.taken);
-  return taken_ < count_ && collection.taken < std::max<std::size_t>(1, left / 2);
+  return taken_ < (collection.taken == 0 ? count_ : count_ / 2);
 }
 
 // Takes no memory.

@@ -11,9 +11,10 @@
 
 namespace corvaned {
 
-/// Places for work that may take long, of which no collection can have so many that nothing is left
-/// for others: it gets at most half of what others leave, and always one that is free. Whoever has
-/// to wait for a place waits without a thread.
+/// Places for work that may take long, however long. Only half of them go to collections that have
+/// one already; the others are kept for those that have none. So a few collections whose work is
+/// stuck, one of them with many requests, leave places for the next. Whoever has to wait for a
+/// place waits without a thread.
 ///
 /// May be used from any thread.
 class FairPlaces {
