@@ -285,18 +285,17 @@ void LocalStore::refreshOpened(const std::string& name,
 void LocalStore::refreshOpen(const std::string& name) {
   auto collection = registry_.useIfOpen(name);
   if (!collection) return refresh(name);
+  openingRetries_.forget(name);
   (*collection)->refresh();
   startIndexing(std::move(*collection));
 }
 
-// What is missing for the time being is soon there again. What is wrong with it, such as damage,
-// may be put right by somebody, and to look for that takes as long as opening it.
 void LocalStore::refreshAgain(const std::string& name, const ServerError& failure) {
-  if (stopping_ || failure.kind() == ErrorKind::UnknownCollection) return;
-  const bool passes =
-      failure.kind() == ErrorKind::TryAgain || failure.kind() == ErrorKind::OutOfMemory;
-  indexers_->later(passes ? Collection::kRetryAfter : Collection::kRebuildAgainAfter,
-                   [this, name] { refresh(name); });
+  if (failure.kind() == ErrorKind::UnknownCollection) return openingRetries_.forget(name);
+  if (stopping_) return;
+  const OpeningRetries::Retry retry = openingRetries_.failed(name, failure);
+  indexers_->later(retry.after, [this, name] { refresh(name); });
+  if (!retry.isNews) return;
   const std::string line =
       fmt::format("failure: action=\"refresh\" collection={} error={} reason={}", shown(name),
                   messageId(failure.kind()), shown(failure.what(), kMaxReason));

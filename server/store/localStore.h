@@ -14,6 +14,7 @@
 #include "server/store/collection.h"
 #include "server/store/dataDirectory.h"
 #include "server/store/indexScheduler.h"
+#include "server/store/openingRetries.h"
 #include "server/store/parseOutcomes.h"
 #include "server/store/registry.h"
 #include "server/store/store.h"
@@ -146,6 +147,7 @@ class LocalStore : public Store {
   std::set<std::string> unopened_;
 
   LogRepeats repeats_;
+  OpeningRetries openingRetries_;
 
   Registry registry_;
   // Destroyed first: their threads use everything above.
