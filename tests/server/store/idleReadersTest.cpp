@@ -4,19 +4,16 @@
 
 #include <cstddef>
 #include <filesystem>
-#include <functional>
 #include <memory>
-#include <thread>
-#include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "server/base/errors.h"
 #include "server/base/memoryBudget.h"
 #include "server/store/idleReaders.h"
-#include "server/store/localStore.h"
+#include "tests/server/store/budgetedStore.h"
 #include "tests/support/sanitized.h"
-#include "tests/support/temporaryDirectory.h"
 
 // What handles for searching take of the memory.
 namespace corvaned {
@@ -36,14 +33,10 @@ std::size_t taken() {
 }
 
 /// Collections "c0" and so on, each with a hundred documents.
-class IdleReadersTest : public ::testing::Test {
+class IdleReadersTest : public test::BudgetedStore {
  protected:
   void open(std::size_t budget, int collections, std::size_t parts = kParts) {
-    memory_ = std::make_shared<MemoryBudget>(budget);
-    StoreLimits limits;
-    limits.parts = parts;
-    limits.index.memory = memory_;
-    store_.emplace(directory_.path() / "data", limits);
+    openStore(budget, parts);
     for (int i = 0; i < collections; ++i) {
       store_->createCollection(nameOf(i), "en");
       for (int j = 0; j < 100; ++j) {
@@ -58,16 +51,16 @@ class IdleReadersTest : public ::testing::Test {
 
   static std::string nameOf(int number) { return "c" + std::to_string(number); }
 
-  /// The thread that has brought an index up to date may let go of the collection a little later.
-  void awaitAtMost(std::size_t bytes) const {
-    while (memory_->used() > bytes) std::this_thread::yield();
-  }
-
   std::unique_ptr<HitSource> search(int number) {
     SearchQuery query;
     query.text = "fox";
     query.size = 1;
     return store_->search(nameOf(number), query);
+  }
+
+  /// The thread that has brought an index up to date may let go of the collection a little later.
+  void awaitAtMost(std::size_t bytes) const {
+    while (memory_->used() > bytes) std::this_thread::yield();
   }
 
   /// In the first so many at once.
@@ -80,22 +73,6 @@ class IdleReadersTest : public ::testing::Test {
     EXPECT_EQ(store_->details(names, query, {}).size(), 1U);
   }
 
-  std::string refusal(ErrorKind kind) {
-    return refusal(kind, [&] { search(0); });
-  }
-  static std::string refusal(ErrorKind kind, const std::function<void()>& work) {
-    try {
-      work();
-    } catch (const ServerError& error) {
-      EXPECT_EQ(error.kind(), kind) << error.what();
-      return error.what();
-    }
-    return "not refused";
-  }
-
-  tq::test::TemporaryDirectory directory_;
-  std::shared_ptr<MemoryBudget> memory_;
-  std::optional<LocalStore> store_;
   // What the open collections take before the first search.
   std::size_t idle_ = 0;
 };
@@ -158,7 +135,7 @@ TEST_F(IdleReadersTest, SearchIsRefusedWhileTheMemoryIsTaken) {
     MemoryBudget::Share rest(*memory_);
     rest.force(memory_->limit() - memory_->used() - kHandle + 1);
     const std::size_t full = memory_->used();
-    EXPECT_THAT(refusal(ErrorKind::TryAgain),
+    EXPECT_THAT(refusal(ErrorKind::TryAgain, [&] { search(0); }),
                 AllOf(HasSubstr("4 databases"), HasSubstr("try again"), HasSubstr("--max-memory")));
     EXPECT_EQ(memory_->used(), full);
     EXPECT_NO_THROW(store_->addDocument("c0", {"k", {}, "fox"})) << "that takes no handle";
@@ -178,7 +155,7 @@ TEST_F(IdleReadersTest, IdleHandlesOfOthersMakeRoomForASearch) {
 
 TEST_F(IdleReadersTest, HandleThatCanNeverFitIsNoReasonToTryAgain) {
   open(kHandle - 1, 1);
-  EXPECT_THAT(refusal(ErrorKind::OutOfMemory),
+  EXPECT_THAT(refusal(ErrorKind::OutOfMemory, [&] { search(0); }),
               AllOf(HasSubstr("--max-memory"), ::testing::Not(HasSubstr("try again"))));
 }
 

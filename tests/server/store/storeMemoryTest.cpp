@@ -3,15 +3,13 @@
 
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "server/base/errors.h"
 #include "server/base/memoryBudget.h"
 #include "server/store/idleReaders.h"
-#include "server/store/localStore.h"
-#include "tests/support/temporaryDirectory.h"
+#include "tests/server/store/budgetedStore.h"
 
 namespace corvaned {
 namespace {
@@ -22,14 +20,10 @@ using ::testing::HasSubstr;
 /// A budget with room for a handle for searching beside what the test is about, and 2000 documents
 /// with the word "fox", which need 500 KiB to be sorted, three times as much by
 /// metadata, and 76 KB to be kept.
-class StoreMemoryTest : public ::testing::Test {
+class StoreMemoryTest : public test::BudgetedStore {
  protected:
   void open(std::size_t budget, std::size_t parts = 1) {
-    StoreLimits limits;
-    limits.parts = parts;
-    memory_ = std::make_shared<MemoryBudget>(budget + parts * IdleReaders::kDatabaseCost);
-    limits.index.memory = memory_;
-    store_.emplace(directory_.path() / "data", limits);
+    openStore(budget + parts * IdleReaders::kDatabaseCost, parts);
     store_->createCollection("c", "en");
     for (int i = 0; i < 2000; ++i) {
       store_->queueDocument("c", {"a key of many letters " + std::to_string(i),
@@ -49,19 +43,6 @@ class StoreMemoryTest : public ::testing::Test {
     return store_->search("c", query);
   }
 
-  std::string refusal(ErrorKind kind) {
-    try {
-      search();
-    } catch (const ServerError& error) {
-      EXPECT_EQ(error.kind(), kind) << error.what();
-      return error.what();
-    }
-    return "not refused";
-  }
-
-  tq::test::TemporaryDirectory directory_;
-  std::shared_ptr<MemoryBudget> memory_;
-  std::optional<LocalStore> store_;
   // What the open collection takes when it has been searched.
   std::size_t idle_ = 0;
 };
@@ -183,7 +164,8 @@ TEST_F(StoreMemoryTest, ResultsThatNobodyReadsAreRefusedWhenTheyFillTheBudget) {
   open(1U << 20U);
   std::vector<std::unique_ptr<HitSource>> unread;
   for (int i = 0; i < 4; ++i) unread.push_back(search());
-  EXPECT_THAT(refusal(ErrorKind::TryAgain), AllOf(HasSubstr("2000 hits"), HasSubstr("size")));
+  EXPECT_THAT(refusal(ErrorKind::TryAgain, [&] { search(); }),
+              AllOf(HasSubstr("2000 hits"), HasSubstr("size")));
   EXPECT_NO_THROW(search(10)) << "a small result still has its place";
   unread.clear();
   EXPECT_NO_THROW(search());
@@ -211,7 +193,7 @@ TEST_F(StoreMemoryTest, HitsThatAreSortedByMetadataNeedMore) {
 
 TEST_F(StoreMemoryTest, ResultThatCanNeverFitIsRefusedAsTooBroad) {
   open(256U << 10U);
-  EXPECT_THAT(refusal(ErrorKind::QueryTooBroad), HasSubstr("--max-memory"));
+  EXPECT_THAT(refusal(ErrorKind::QueryTooBroad, [&] { search(); }), HasSubstr("--max-memory"));
   EXPECT_NO_THROW(search(500));
 }
 
