@@ -17,8 +17,11 @@ FileHandle::~FileHandle() {
 }
 
 void throwSystemError(const std::string& what, const std::filesystem::path& path) {
-  const std::string reason = std::generic_category().message(errno);
-  throw ServerError(ErrorKind::StorageFailed, what + " " + path.string() + ": " + reason);
+  const int error = errno;
+  const std::string text =
+      what + " " + path.string() + ": " + std::generic_category().message(error);
+  if (error == EMFILE || error == ENFILE || error == ENOMEM) throw ShortageError(text);
+  throw ServerError(ErrorKind::StorageFailed, text);
 }
 
 FileHandle openFile(const std::filesystem::path& path, int flags) {

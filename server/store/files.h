@@ -7,6 +7,8 @@
 #include <string_view>
 #include <utility>
 
+#include "server/base/errors.h"
+
 namespace corvaned {
 
 /// Owns one open file.
@@ -29,8 +31,14 @@ class FileHandle {
   int descriptor_ = -1;
 };
 
+/// The system has no descriptor or no memory left for a file, which itself may be sound.
+class ShortageError : public ServerError {
+ public:
+  explicit ShortageError(const std::string& text) : ServerError(ErrorKind::StorageFailed, text) {}
+};
+
 /// Throws ServerError(StorageFailed) that says what failed, on which file, and why according to
-/// errno.
+/// errno; ShortageError if that is what it means.
 [[noreturn]] void throwSystemError(const std::string& what, const std::filesystem::path& path);
 
 /// open(2), close-on-exec. Throws as above.

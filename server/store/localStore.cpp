@@ -18,6 +18,7 @@
 #include "server/base/requestContext.h"
 #include "server/store/dataDirectory.h"
 #include "server/store/directory.h"
+#include "server/store/files.h"
 #include "server/store/idleReaders.h"
 
 namespace corvaned {
@@ -466,6 +467,9 @@ std::unique_ptr<Collection> LocalStore::read(const std::string& name) {
     std::unique_ptr<Collection> collection = readFiles(name);
     noteOpening(name, false);
     return collection;
+  } catch (const ShortageError&) {
+    // It says nothing of the collection's files.
+    throw;
   } catch (const ServerError& error) {
     const bool isGone = error.kind() == ErrorKind::UnknownCollection;
     // What else fails passes, and says nothing of the files.

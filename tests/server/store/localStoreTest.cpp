@@ -533,6 +533,22 @@ TEST_F(LocalStoreTest, CountsTellWhichCollectionsNeedAnOperator) {
   EXPECT_THAT(counts(), ElementsAre(1, 1, 0, 0));
 }
 
+TEST_F(LocalStoreTest, WantOfFileHandlesIsNothingThatIsWrongWithACollection) {
+  store_->createCollection("c", "en");
+  // Once without a failure: see DescriptorLimit.
+  store_->openCollection("c");
+  store_->closeCollection("c");
+  std::string reason;
+  {
+    const test::DescriptorLimit none(0);
+    reason = refusal(ErrorKind::StorageFailed, [&] { store_->openCollection("c"); });
+  }
+  EXPECT_THAT(reason, HasSubstr("Too many open files"));
+  EXPECT_EQ(store_->counts().notOpened, 0U);
+  store_->openCollection("c");
+  EXPECT_EQ(store_->counts().sound, 1U);
+}
+
 TEST_F(LocalStoreTest, ForgottenOutcomesAreOneLineOfTheLog) {
   const test::LogLines log;
   limits_.outcomes = 3;
