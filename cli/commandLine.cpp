@@ -94,6 +94,7 @@ class Builder {
   void build() {
     addSettings();
     addCreate();
+    addConfigure();
     addCollectionCommand(
         "drop", "Delete a collection with everything in it", dropCollection,
         "If the connection breaks once the request is on its way, it is not repeated: the\n"
@@ -204,6 +205,25 @@ class Builder {
     sub->add_flag(
         "--marked-metadata", arguments->markedMetadata,
         "Make only that metadata searchable whose name comes\nwith 'Indexable:' in front");
+  }
+
+  void addConfigure() {
+    auto arguments = makeArguments<ConfigureArguments>();
+    auto* sub = addCommand(
+        "configure", "Say how documents are read that do not say it themselves",
+        [=](Session& session) { return configureCollection(session, *arguments); },
+        "It holds for documents that are added from then on, and replaces what was said\n"
+        "before: what is not given is as in a new collection. If the connection breaks\n"
+        "once the request is on its way, it is not repeated; configuring again does no\n"
+        "harm.");
+    addCollection(sub, arguments->collection);
+    sub->add_option("--type", arguments->type, "text (the default), html or xml")
+        ->option_text("TYPE");
+    sub->add_option("--charset", arguments->charset,
+                    "Their charset (default: what a document declares,\nelse UTF-8)")
+        ->option_text("NAME");
+    sub->add_option("--language", arguments->language, "Their language (default: the collection's)")
+        ->option_text("CODE");
   }
 
   void addAdd() {

@@ -60,15 +60,16 @@ ExitCode runOn(Session& session, ClientRequest::REQUEST kind, const std::string&
 }
 
 // The server knows which values there are.
+void putIfGiven(tq::util::ExtendedProperties& properties, const icu::UnicodeString& name,
+                const char* what, const std::optional<std::string>& value) {
+  if (value) properties.putProperty(name, headerValue(what, *value));
+}
+
 tq::util::ExtendedProperties optionsOf(const CreateArguments& arguments) {
   tq::util::ExtendedProperties properties;
-  const auto put = [&](const icu::UnicodeString& name, const char* what,
-                       const std::optional<std::string>& value) {
-    if (value) properties.putProperty(name, headerValue(what, *value));
-  };
-  put(u"refresh", "the value after --refresh", arguments.refresh);
-  put(u"docLang", "the language", arguments.language);
-  put(u"stopWords", "the list of stop words", arguments.stopWords);
+  putIfGiven(properties, u"refresh", "the value after --refresh", arguments.refresh);
+  putIfGiven(properties, u"docLang", "the language", arguments.language);
+  putIfGiven(properties, u"stopWords", "the list of stop words", arguments.stopWords);
   if (arguments.withoutText) properties.putProperty(u"storeText", u"false");
   if (arguments.withoutPositions) properties.putProperty(u"storePositions", u"false");
   if (arguments.withoutStemming) properties.putProperty(u"stemming", u"false");
@@ -165,6 +166,21 @@ ExitCode createCollection(Session& session, const CreateArguments& arguments) {
   return runOn(session, ClientRequest::CREATE_COLLECTION, arguments.collection, "created",
                "the collection may have been created all the same (the request was not repeated)",
                optionsOf(arguments));
+}
+
+ExitCode configureCollection(Session& session, const ConfigureArguments& arguments) {
+  tq::util::ExtendedProperties properties;
+  putIfGiven(properties, u"docType", "the type", arguments.type);
+  putIfGiven(properties, u"charset", "the charset", arguments.charset);
+  putIfGiven(properties, u"docLang", "the language", arguments.language);
+  setDoubt(session, "the collection may have been configured; doing it again does no harm");
+  ClientRequest request = collectionRequest(ClientRequest::SET_CONSTRUCTOR_CONFIGURATION,
+                                            collectionName(arguments.collection), properties);
+  ClientResponse response;
+  exchange(session, request, response);
+  session.printer.result(fmt::format("configured {}", arguments.collection),
+                         {{"collection", arguments.collection}, {"done", "configured"}});
+  return ExitCode::Ok;
 }
 
 ExitCode dropCollection(Session& session, const std::string& collection) {

@@ -26,6 +26,16 @@ struct CreateArguments {
   bool markedMetadata = false;
 };
 ExitCode createCollection(Session& session, const CreateArguments& arguments);
+
+/// How documents are read that do not say it; what is missing is as in a new collection.
+struct ConfigureArguments {
+  std::string collection;
+  std::optional<std::string> type;
+  std::optional<std::string> charset;
+  std::optional<std::string> language;
+};
+ExitCode configureCollection(Session& session, const ConfigureArguments& arguments);
+
 ExitCode dropCollection(Session& session, const std::string& collection);
 ExitCode updateIndex(Session& session, const std::string& collection);
 

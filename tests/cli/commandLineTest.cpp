@@ -51,6 +51,8 @@ TEST(CommandLine, KnowsEveryCommand) {
   const std::vector<std::vector<const char*>> commands = {{"create", "c"},
                                                           {"create", "c", "--without-text"},
                                                           {"create", "c", "--refresh", "1000"},
+                                                          {"configure", "c"},
+                                                          {"configure", "c", "--type", "html"},
                                                           {"drop", "c"},
                                                           {"add", "c", "k", "text"},
                                                           {"load", "c", "-"},
@@ -189,6 +191,7 @@ TEST(CommandLine, ExplainsItself) {
 
 TEST(CommandLine, EveryCommandExplainsItselfAndSpeaksJson) {
   const std::vector<std::vector<const char*>> commands = {{"create", "c"},
+                                                          {"configure", "c"},
                                                           {"drop", "c"},
                                                           {"add", "c", "k", "text"},
                                                           {"load", "c", "-"},

@@ -82,6 +82,22 @@ TEST_P(Program, TakesACollectionThroughItsWholeLife) {
   EXPECT_EQ(run({"search", "books", "lighthouse"}).code, 1);
 }
 
+TEST_P(Program, ConfiguresHowDocumentsAreRead) {
+  output({"create", "pages"});
+  EXPECT_EQ(output({"configure", "pages", "--type", "html", "--charset", "ISO-8859-1", "--language",
+                    "de"}),
+            "configured pages\n");
+  output({"add", "pages", "k1", "<p>die Leuchtt\xfcrme</p><script>hidden</script>"});
+  EXPECT_EQ(output({"configure", "pages"}), "configured pages\n");
+  output({"add", "pages", "k2", "<script>shown</script>"});
+  output({"update", "pages"});
+  EXPECT_THAT(output({"search", "pages", "leuchtt\xc3\xbcrme"}), HasSubstr("  k1\n"));
+  EXPECT_EQ(run({"search", "pages", "hidden"}).out, "");
+  EXPECT_THAT(output({"search", "pages", "shown"}), HasSubstr("  k2\n"));
+  EXPECT_THAT(run({"configure", "pages", "--type", "pdf"}).err, HasSubstr("(ZVK0006E)"));
+  EXPECT_THAT(run({"configure", "none"}).err, HasSubstr("(ZVK0007E)"));
+}
+
 TEST_P(Program, CreatesACollectionWithOptionsOfItsOwn) {
   EXPECT_EQ(output({"create", "notes", "--refresh", "immediate", "--language", "de", "--stop-words",
                     "der, die", "--without-positions"}),
