@@ -119,6 +119,7 @@ class KRU_EXPORT ClientRequest {
   struct Kept {
     Kept() = default;
     Kept(const Kept&) noexcept {}
+    // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): nothing is taken over
     Kept& operator=(const Kept&) noexcept { return *this; }
 
     std::shared_ptr<const KeptHeader> header;

@@ -53,7 +53,7 @@ class Words {
   std::string word() {
     if (done()) throw Refused("a word is missing");
     const auto end = std::min(line_.find(' ', at_), line_.size());
-    const auto out = line_.substr(at_, end - at_);
+    auto out = line_.substr(at_, end - at_);
     at_ = end;
     skipBlanks();
     return out;
