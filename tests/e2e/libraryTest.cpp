@@ -27,6 +27,7 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
+using ::testing::UnorderedElementsAre;
 using tq::comm::ClientRequest;
 using tq::comm::CorvaneRESTClient;
 using tq::comm::RequestOutcome;

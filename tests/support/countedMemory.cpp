@@ -77,7 +77,7 @@ void releaseText(const void*, void* block) noexcept { release(block); }
     u_setMemoryFunctions(nullptr, allocateText, reallocateText, releaseText, &status);
     if (U_FAILURE(status)) std::abort();
   }
-} textMemory;
+} kTextMemory;
 
 }  // namespace
 

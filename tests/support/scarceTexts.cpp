@@ -44,7 +44,7 @@ void release(const void*, void* block) noexcept {
     u_setMemoryFunctions(nullptr, allocate, reallocate, release, &status);
     if (U_FAILURE(status)) std::abort();
   }
-} textMemory;
+} kTextMemory;
 
 }  // namespace
 

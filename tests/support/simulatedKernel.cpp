@@ -555,7 +555,7 @@ ssize_t SimulatedKernel::deliver(Wire& wire, char* out, std::size_t length, bool
   while (wire.arrived_ != 0 && count < length) {
     const auto& front = wire.arrivals_.front();
     const auto piece = std::min(length - count, front.bytes.size() - front.taken);
-    std::memcpy(out + count, front.bytes.data() + front.taken, piece);
+    std::copy_n(front.bytes.data() + front.taken, piece, out + count);
     count += piece;
     if (keep) break;
     wire.take(piece);

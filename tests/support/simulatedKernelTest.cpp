@@ -12,8 +12,6 @@
 namespace {
 
 using tq::oss::SystemCalls;
-using tq::test::Entry;
-using tq::test::Fault;
 using tq::test::SimulatedKernel;
 using tq::test::SimulatedPeer;
 using tq::test::Wire;
@@ -178,7 +176,7 @@ class Traveller {
     msghdr message{};
     message.msg_iov = &piece;
     message.msg_iovlen = 1;
-    const std::string result = outcome(calls_.sendmsg(fd_, &message, MSG_DONTWAIT | MSG_NOSIGNAL));
+    std::string result = outcome(calls_.sendmsg(fd_, &message, MSG_DONTWAIT | MSG_NOSIGNAL));
     if (peerClosed_) world_.awaitReset(fd_);
     return result;
   }
