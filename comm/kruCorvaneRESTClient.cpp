@@ -286,7 +286,10 @@ void CorvaneRESTClient::openClean() {
 
 bool CorvaneRESTClient::lineIsReusable() {
   try {
-    return line_->isReusable(socket_);
+    if (!line_->isReusable(socket_)) return false;
+    // Nobody reads what comes after such a message. Bytes that the system still has when the
+    // connection is closed would reset it, and what the server has not taken by then would be lost.
+    return !line_->hasTail() || ClientResponse::isRespReqd(requestKind_);
   } catch (const tq::oss::BaseException&) {
     return false;
   }

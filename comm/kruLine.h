@@ -88,6 +88,8 @@ class Line {
   void disturb() noexcept;
   bool isDisturbed() const noexcept { return disturbed_ || isInherited(); }
 
+  /// True while the tail of an older reply has not been seen to its end.
+  bool hasTail() const noexcept { return tail_.active(); }
   /// Discards what has arrived of the tail of an older reply. False: nothing had.
   bool skipArrivedTail(tq::oss::Socket& socket);
   /// True when something else came than the rest of a chunked reply, or too much of it.

@@ -75,8 +75,9 @@ struct OperationLimits {
 /// `sendAndRecvMesgOnce` and the read operations of CorvaneClient.
 ///
 /// Whatever an exchange leaves unread is never taken for a later reply: the next exchange then
-/// starts on a fresh connection. What is done by hand (`send`, `recvMesg`) can leave the connection
-/// in doubt and never makes it sound again.
+/// starts on a fresh connection. So does one without a reply while the end of a chunked reply is
+/// late. What is done by hand (`send`, `recvMesg`) can leave the connection in doubt and never
+/// makes it sound again.
 class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
  public:
   CorvaneRESTClient(const icu::UnicodeString& host, unsigned int port, bool persistent);
@@ -133,6 +134,9 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
 
   /// Writes a request to the connection, which the caller has opened, and reads nothing. After a
   /// write that failed it throws ERR_INVALID_STATE, until the caller has closed and opened again.
+  /// A kind without a reply is safe only on a connection that owes nothing: what of an earlier
+  /// reply, or unasked, is unread when the client is closed can cost what the server has not yet
+  /// taken.
   void send(ClientRequest& request);
 
   /// The next portion of the streaming reply of the last exchange. It replaces the hits of

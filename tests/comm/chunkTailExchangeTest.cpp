@@ -149,6 +149,28 @@ TEST(ChunkTailExchange, ACloseIsSeenBehindTheLastChunk) {
   EXPECT_EQ(network.connection(1).requests.size(), 1u);
 }
 
+TEST(ChunkTailExchange, AMessageWithoutAReplyGoesOutOnAConnectionThatOwesNothing) {
+  // Whatever of the end comes later is left unread, and the close behind the document resets the
+  // connection.
+  for (std::size_t cut = 0; cut <= kLastChunk.size(); ++cut) {
+    for (const int kind : {kAsynchAddDocument, kLastDocSent}) {
+      ScriptedNetwork network({Script()
+                                   .expectRequest()
+                                   .send(kEmptySearch + kLastChunk.substr(0, cut))
+                                   .expectRequest()
+                                   .awaitClose(),
+                               Script().expectRequest().awaitClose()});
+      CorvaneRESTClient client(u"127.0.0.1", 7, kPersistent);
+      EXPECT_EQ(runExchange(client, kStreamSearch).errorId, "");
+      EXPECT_EQ(runExchange(client, kind).errorId, "");
+      const bool ended = cut == kLastChunk.size();
+      EXPECT_EQ(network.connections(), ended ? 1U : 2U) << cut;
+      EXPECT_EQ(runExchange(client, kind).errorId, "") << "the queue stays where it is";
+      EXPECT_EQ(network.connections(), ended ? 1U : 2U) << cut;
+    }
+  }
+}
+
 TEST(ChunkTailExchange, ATrailerBehindAReplyOfTheLastChunkAloneDoesNotCostItsConnection) {
   ScriptedNetwork network(Script()
                               .expectRequest()

@@ -383,15 +383,19 @@ struct Model {
   bool queueBound = false;
   std::size_t connections = 0;
   std::uint64_t tailAt = 0;  // when the end of the last reply comes
+  bool endless = false;      // it never does
 
-  bool reusable() const {
-    return persistent && !spoilt && (state == Line::Clean || state == Line::Tail);
+  /// `tailIsLate`: not all of it has come.
+  bool reusable(int kind, bool tailIsLate) const {
+    if (!persistent || spoilt) return false;
+    return state == Line::Clean || (state == Line::Tail && (hasReply(kind) || !tailIsLate));
   }
   void connected() {
     ++connections;
     state = Line::Clean;
     spoilt = false;
     tailAt = 0;
+    endless = false;
   }
 };
 
@@ -631,7 +635,7 @@ bool Walker::attempt(const Event& event, bool first, const char*& error) {
   };
   error = "";
   const auto connects = [&] {
-    if (model.reusable()) return true;
+    if (model.reusable(event.kind, model.endless || model.tailAt > begun_)) return true;
     model.state = Line::NotConnected;
     if (event.givesUp == GivesUp::Connecting) return cancelled();
     if (event.fault == Fault::Connect && !std::exchange(connectRefused_, true)) {
@@ -681,6 +685,7 @@ bool Walker::attempt(const Event& event, bool first, const char*& error) {
                  event.peer == Peer::AnswersInChunksAndCloses || event.peer == Peer::AnswersTwice ||
                  event.peer == Peer::AnswersInChunksTwice;
   model.tailAt = event.peer == Peer::LastChunkIsLate ? begun_ + kLate : 0;
+  model.endless = event.peer == Peer::AnswersWithoutLastChunk;
   return *error == '\0';
 }
 
@@ -824,7 +829,7 @@ void Walker::mixModel(std::size_t client, std::size_t& all) {
   mix(static_cast<std::size_t>(model.state));
   mix(model.spoilt * 32U + model.persistent * 16U + model.retries * 8U + model.deadline * 4U +
       model.reassembly * 2U + model.batching);
-  mix(model.tailAt > world_.network().nowMicros());
+  mix(model.tailAt > world_.network().nowMicros() || model.endless);
   mix(client == kA && held_ != nullptr);
 }
 
