@@ -110,9 +110,9 @@ int GenRespRecord::parseRecordIntoProps(const char* buf, unsigned int len,
   const tq::oss::TraceScope scope(trace::GenRespRecordParseRecordIntoProps);
   std::size_t consumed = 0;
   while (consumed < len) {
-    icu::UnicodeString key = takeText(buf, consumed);
-    icu::UnicodeString value = takeText(buf, consumed);
-    props->putProperty(std::move(key), std::move(value));
+    const icu::UnicodeString key = takeText(buf, consumed);
+    const icu::UnicodeString value = takeText(buf, consumed);
+    props->putProperty(key, value);
   }
   return static_cast<int>(consumed);
 }
@@ -122,9 +122,9 @@ int GenRespRecord::parseRecordIntoPropsNew(const char* buf, unsigned short len,
   const tq::oss::TraceScope scope(trace::GenRespRecordParseRecordIntoPropsNew);
   std::size_t consumed = 0;
   while (consumed < len) {
-    icu::UnicodeString key = takeTextNew(buf, consumed);
-    icu::UnicodeString value = takeTextNew(buf, consumed);
-    props->putProperty(std::move(key), std::move(value));
+    const icu::UnicodeString key = takeTextNew(buf, consumed);
+    const icu::UnicodeString value = takeTextNew(buf, consumed);
+    props->putProperty(key, value);
   }
   return static_cast<int>(consumed);
 }

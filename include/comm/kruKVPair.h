@@ -7,7 +7,8 @@
 
 namespace tq::comm {
 
-/// One metadata pair of a document. A plain value; different objects are independent. A key or
+/// One metadata pair of a document. A plain value, whose copies have texts of their own even where
+/// its own only refer to units of the caller's; different objects are independent. A key or
 /// value for which ICU got no memory (a bogus text, which reads as empty) throws
 /// tq::oss::NLSException "TQ_ERR_OUT_OF_MEMORY": here, when a request takes the pair, and when it
 /// is encoded.
@@ -18,6 +19,9 @@ struct KRU_EXPORT KVPair {
     tq::oss::Converter::checked(key);
     tq::oss::Converter::checked(value);
   }
+  // There is no move: a text that only refers to units of its caller's would still do so.
+  KVPair(const KVPair&) = default;
+  KVPair& operator=(const KVPair&) = default;
 
   icu::UnicodeString key;
   icu::UnicodeString value;

@@ -210,12 +210,8 @@ void ExtendedProperties::putProperty(const icu::UnicodeString& name,
 }
 
 void ExtendedProperties::putProperty(icu::UnicodeString&& name, icu::UnicodeString&& value) {
-  oss::Converter::checked(name);
-  oss::Converter::checked(value);
-  std::uint32_t at = 0;
-  Property** const present = find(viewOf(name), at);
-  if (present == nullptr) return add(make(std::move(name), std::move(value)), at);
-  replace(*present, std::move(value));
+  // A text may only refer to units of its caller's, and would do so still when it has been moved.
+  putProperty(std::as_const(name), std::as_const(value));
 }
 
 void ExtendedProperties::putProperty(const char16_t* name, const char16_t* value) {

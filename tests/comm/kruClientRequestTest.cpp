@@ -3,6 +3,7 @@
 #include <cstring>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "comm/kruClientRequest.h"
@@ -281,6 +282,24 @@ TEST(ClientRequest, ItsVirtualOperationsStandInTheOrderThatCallersWereBuiltWith)
   EXPECT_EQ(0U, slotOf<const char* (ClientRequest::*)()>(&ClientRequest::getContent));
   EXPECT_EQ(1U, slotOf<const char* (ClientRequest::*)(unsigned int&)>(&ClientRequest::getDocKey));
   EXPECT_EQ(0U, slotOf<const char* (RESTMessage::*)()>(&RESTMessage::getMsgBody));
+}
+
+TEST(ClientRequest, OutlivesTheTextsThatItWasBuiltFrom) {
+  ClientRequest request;
+  std::u16string units(40, u'u');
+  const auto alias = [&] { return icu::UnicodeString(false, units.data(), 40); };
+  const icu::UnicodeString expected(units.data(), 40);
+  tq::util::ExtendedProperties props;
+  props.putProperty(u"query", alias());
+  request.buildRequest(alias(), ClientRequest::STREAM_SEARCH, props);
+  KVPair pair(u"key", u"");
+  pair.value = alias();
+  request.getMetadata().push_back(std::move(pair));
+  units.assign(40, u'?');
+  EXPECT_EQ(request.getReqProperties().getProperty(u"query", u""), expected);
+  EXPECT_EQ(request.getReqProperties().getProperty(u"index", u""), expected);
+  EXPECT_EQ(request.getCollectionId(), expected);
+  EXPECT_EQ(request.getMetadata().front().value, expected);
 }
 
 }  // namespace

@@ -80,6 +80,42 @@ TEST(ExtendedProperties, TakesTextsByMoveToo) {
   EXPECT_EQ(properties.requireProperty(u"name"), u"new");
 }
 
+/// Units of a caller's, and a text that only refers to them.
+struct Borrowed {
+  explicit Borrowed(const char16_t* text) : units(text), length(static_cast<int>(units.size())) {}
+  icu::UnicodeString text(bool writable) {
+    return writable ? icu::UnicodeString(units.data(), length, length)
+                    : icu::UnicodeString(false, units.data(), length);
+  }
+  void overwrite() { units.assign(units.size(), u'?'); }
+
+  std::u16string units;
+  int length;
+};
+
+TEST(ExtendedProperties, KeepNoUnitsOfTheirCallers) {
+  // In the form for few and in the one for many.
+  for (const int others : {2, 17}) {
+    for (const bool writable : {false, true}) {
+      for (const bool present : {false, true}) {
+        ExtendedProperties properties;
+        for (int i = 0; i < others; ++i) {
+          properties.putProperty(icu::UnicodeString(static_cast<char16_t>(u'a' + i)), u"other");
+        }
+        if (present) properties.putProperty(u"name", u"old");
+        Borrowed name(u"name");
+        Borrowed value(u"a value that is too long for the room inside of a text");
+        properties.putProperty(name.text(writable), value.text(writable));
+        const icu::UnicodeString expected(value.units.data(), value.length);
+        name.overwrite();
+        value.overwrite();
+        EXPECT_TRUE(properties.contains(u"name")) << others << writable << present;
+        EXPECT_EQ(properties.getProperty(u"name", u""), expected) << others << writable << present;
+      }
+    }
+  }
+}
+
 TEST(ExtendedProperties, TakesLiteralsAsItTakesTexts) {
   ExtendedProperties literals;
   ExtendedProperties texts;

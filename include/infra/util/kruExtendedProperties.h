@@ -39,7 +39,7 @@ class KRU_EXPORT ExtendedProperties {
   virtual ~ExtendedProperties();
 
   /// Adds the property; replaces the value of a name that is there already. Changes nothing when it
-  /// throws.
+  /// throws. Both texts are copied, also those that only refer to units of the caller's.
   void putProperty(const icu::UnicodeString& name, const icu::UnicodeString& value);
   void putProperty(icu::UnicodeString&& name, icu::UnicodeString&& value);
   /// The same for literals, whose units are copied once. They end with a zero; null reads as an
