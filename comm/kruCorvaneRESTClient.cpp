@@ -530,6 +530,7 @@ void CorvaneRESTClient::settleError(RESTResponse& parser) {
   const bool serverError = parser.parseDone(need) && parser.getStatusCode() != kOk;
   if (serverError) noteOutcome(RequestOutcome::Rejected);
   if (parser.isChunked() && !serverError) return;
+  if (parser.endsConnection()) line_->noteLastReply();
   // All of the reply was read, so that a receive finds its end and does not wait for more.
   endOfStream_ = true;
   truncated_ = !serverError;
@@ -543,6 +544,7 @@ void CorvaneRESTClient::settleError(RESTResponse& parser) {
 /// The parser is done with the first body: is the reply over, and what does the connection hold?
 void CorvaneRESTClient::settleFirstReply(const RESTResponse& parser) {
   firstReplyRead_ = true;
+  if (parser.endsConnection()) line_->noteLastReply();
   noteOutcome(parser.getStatusCode() == kOk ? RequestOutcome::Answered : RequestOutcome::Rejected);
   const bool streaming = ClientResponse::isStreaming(requestKind_);
   const bool bodyEnded = !parser.isChunked() || parser.lastChunkSeen();

@@ -1,7 +1,6 @@
 #include "comm/kruGenRespRecord.h"
 
 #include <cstring>
-#include <utility>
 
 #include "comm/kruBuiltFirst.h"
 #include "comm/kruBytes.h"

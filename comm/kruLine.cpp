@@ -13,6 +13,7 @@ void Line::connected() noexcept {
   state_ = State::Clean;
   owner_ = 0;
   disturbed_ = false;
+  lastReply_ = false;
   tail_.clear();
 }
 
@@ -76,13 +77,15 @@ void Line::readOn(std::uint64_t exchange) noexcept {
 }
 
 void Line::endReply(std::uint64_t exchange) noexcept {
-  if (state_ == State::Owed && owner_ == exchange) state_ = State::Clean;
+  if (state_ != State::Owed || owner_ != exchange) return;
+  state_ = lastReply_ ? State::Uncertain : State::Clean;
 }
 
 void Line::endChunkedReply(std::uint64_t exchange, bool lastChunkSeen,
                            std::size_t maxChunk) noexcept {
   if (state_ != State::Owed || owner_ != exchange) return;
-  state_ = State::Clean;
+  endReply(exchange);
+  if (lastReply_) return;
   tailOwner_ = exchange;
   if (lastChunkSeen) {
     tail_.startBehindLastChunk();

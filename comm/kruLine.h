@@ -80,6 +80,9 @@ class Line {
   /// The same for a chunked reply of which the rest may still be to come. No further chunk may
   /// announce more than `maxChunk` bytes.
   void endChunkedReply(std::uint64_t exchange, bool lastChunkSeen, std::size_t maxChunk) noexcept;
+  /// The reply that is being read is the last one to be had here: with its end, the connection
+  /// becomes uncertain.
+  void noteLastReply() noexcept { lastReply_ = true; }
   /// An exchange has ended without reading its reply to the end.
   void abandonReply() noexcept;
   /// It is no longer known what arrives next.
@@ -107,6 +110,7 @@ class Line {
   ChunkTail tail_;
   std::uint64_t tailOwner_ = 0;
   bool disturbed_ = false;
+  bool lastReply_ = false;
 };
 
 }  // namespace tq::comm

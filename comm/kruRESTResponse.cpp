@@ -121,6 +121,26 @@ std::optional<std::uint32_t> onlyStatus(std::string_view record) {
   return status;
 }
 
+bool equalInAnyCase(std::string_view text, std::string_view lowerCase) {
+  return std::equal(text.begin(), text.end(), lowerCase.begin(), lowerCase.end(),
+                    [](char a, char b) { return a == b || (a >= 'A' && a <= 'Z' && a + 32 == b); });
+}
+
+/// True for the header line by which a server says that it closes the connection behind its reply.
+bool announcesClose(std::string_view line) {
+  constexpr std::string_view kName = "connection";
+  constexpr std::string_view kBlank = " \t\r";
+  if (!equalInAnyCase(line.substr(0, kName.size()), kName)) return false;
+  line.remove_prefix(std::min(line.find_first_not_of(kBlank, kName.size()), line.size()));
+  if (!line.starts_with(':')) return false;
+  line.remove_prefix(1);
+  for (std::string_view option; !(option = takeToken(line, ',')).empty();) {
+    option.remove_prefix(std::min(option.find_first_not_of(kBlank), option.size()));
+    if (equalInAnyCase(option.substr(0, option.find_first_of(kBlank)), "close")) return true;
+  }
+  return false;
+}
+
 /// The text after the name and the colon of a header line.
 icu::UnicodeString headerValue(const icu::UnicodeString& line, int nameStart) {
   const int colon = line.indexOf(u':', nameStart);
@@ -185,6 +205,7 @@ void RESTResponse::initState(bool streaming) {
   pending_.clear();
   headerBytes_ = 0;
   joined_ = 0;
+  endsConnection_ = false;
   lastChunk_ = false;
   endMark_ = false;
 }
@@ -275,6 +296,7 @@ std::size_t RESTResponse::headerBlockEnd(std::string_view block, std::size_t sea
 }
 
 void RESTResponse::takeHeaderBlock(std::string_view block) {
+  endsConnection_ = false;
   // The bytes of ASCII are its characters. A host that traces wants to see the general operation.
   if (isAscii(block) && tq::oss::getTraceFacility() == nullptr) {
     readHeaders(block);
@@ -306,6 +328,7 @@ void RESTResponse::readHeaders(std::string_view block) {
       acceptLength(named ? leadingNumber(line.substr(colon + 1)) : 0);
     }
     if (line.find(kEncoding) != std::string_view::npos) chunked_ = true;
+    if (announcesClose(line)) endsConnection_ = true;
   }
 }
 
@@ -328,6 +351,8 @@ void RESTResponse::extractHeaders(icu::UnicodeString& headers) {
     if (lengthName >= 0) acceptLength(leadingNumber(headerValue(line, lengthName)));
     // The value is not looked at: chunks are the only coding that the server knows.
     if (line.indexOf(StaticDefs::RESP_TRANSFER_ENCODING) >= 0) chunked_ = true;
+    std::string bytes;
+    if (announcesClose(line.toUTF8String(bytes))) endsConnection_ = true;
   }
 }
 

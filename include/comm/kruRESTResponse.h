@@ -100,6 +100,9 @@ class KRU_EXPORT RESTResponse {
   bool lastChunkSeen() const { return lastChunk_; }
   /// True when the record of length 0 that ends the results was among the parsed bytes.
   bool endMarkSeen() const { return endMark_; }
+  /// True when the headers say that no reply follows this one on its connection ("Connection:
+  /// close").
+  bool endsConnection() const { return endsConnection_; }
   int getStatusCode() const { return statusCode_; }
   int getContentLength() const { return contentLength_; }
 
@@ -144,6 +147,7 @@ class KRU_EXPORT RESTResponse {
   // The length of the chunks of a first body that were too short to decode. The caller still holds
   // them and passes them again, followed by the next chunk.
   int joined_ = 0;
+  bool endsConnection_ = false;
   bool lastChunk_ = false;
   bool endMark_ = false;
 };

@@ -2129,4 +2129,38 @@ TEST(CorvaneRESTClient, DerivesFromTheConnectionAndCannotBeCopied) {
   EXPECT_TRUE(std::has_virtual_destructor_v<CorvaneRESTClient>);
 }
 
+// What the server says of the connection.
+
+/// Replies of every shape that leave their connection to be used again.
+std::vector<std::pair<int, std::string>> lastReplies() {
+  Reply created = ok(kCreateCollection);
+  Reply found = replyNamed("StreamSearchWithFortyHits");
+  Reply refused{"", kCreateCollection, 500,
+                kUninterpreted + enveloped(record({{"MsgId", "ZVK1E"}}))};
+  for (Reply* reply : {&created, &found, &refused}) reply->headerLines = "Connection: close\r\n";
+  return {{kCreateCollection, plain(created)},
+          {kStreamSearch, plain(found)},
+          {kStreamSearch, chunked(found, 400, true).text},
+          {kCreateCollection, plain(refused)},
+          {kCreateCollection, chunked(refused, 0, true).text}};
+}
+
+TEST(CorvaneRESTClient, AConnectionThatTheServerEndsIsNotUsedAgain) {
+  for (const auto& [kind, text] : lastReplies()) {
+    for (const int next : {kCreateCollection, kAsynchAddDocument}) {
+      SCOPED_TRACE(text.substr(0, 100));
+      // It does not close at once.
+      ScriptedNetwork network(
+          {Script().expectRequest().send(text).awaitClose(),
+           Script().expectRequest().send(plain(ok(kCreateCollection))).awaitClose()});
+      auto client = clientFor(kPersistent);
+      client.setNumRetries(0);
+      runExchange(client, kind);
+      EXPECT_EQ(runExchange(client, next).errorId, "");
+      EXPECT_EQ(network.connections(), 2U);
+      EXPECT_EQ(network.connection(1).requests.size(), 1U);
+    }
+  }
+}
+
 }  // namespace

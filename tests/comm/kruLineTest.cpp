@@ -97,6 +97,23 @@ TEST(Line, EachEventMakesOfEachStateWhatTheLedgerSays) {
   }
 }
 
+TEST(Line, IsUncertainBehindTheLastReplyOfItsConnection) {
+  for (const bool chunked : {false, true}) {
+    Line line = lineIn(State::Owed);
+    line.noteLastReply();
+    EXPECT_EQ(line.state(), State::Owed) << "until it has been read";
+    if (chunked) {
+      line.endChunkedReply(kMine, false, kMaxChunk);
+    } else {
+      line.endReply(kMine);
+    }
+    EXPECT_EQ(line.state(), State::Uncertain);
+    owe(line);
+    line.endReply(kMine);
+    EXPECT_EQ(line.state(), State::Clean) << "on another connection";
+  }
+}
+
 TEST(Line, TheNumberOfEachConnectionIsItsOwn) {
   Line line;
   EXPECT_EQ(line.connectionNumber(), 0U);

@@ -368,6 +368,46 @@ TEST(RESTResponse, ExtractsHeadersFromTextAsWell) {
   EXPECT_EQ(need, 12);
 }
 
+TEST(RESTResponse, KnowsTheHeaderByWhichAServerEndsTheConnection) {
+  const std::pair<const char*, bool> cases[] = {{"Connection: close", true},
+                                                {"connection:CLOSE", true},
+                                                {"CONNECTION \t:  Close  ", true},
+                                                {"Connection: keep-alive, close", true},
+                                                {"Connection: , close ,upgrade", true},
+                                                {"Connection: keep-alive", false},
+                                                {"Connection: closed", false},
+                                                {"Connection: \"close\"", false},
+                                                {"Connection:", false},
+                                                {"Connection close", false},
+                                                {"Connections: close", false},
+                                                {"X-Connection: close", false},
+                                                {"Proxy: close", false},
+                                                {"close", false},
+                                                {"C", false}};
+  for (const auto& [line, ends] : cases) {
+    const std::string block = std::string("HTTP/1.1 200 OK\r\n") + line + "\r\n";
+    for (const std::string& length : {"Content-Length: 0\r\n\r\n", "X: \xC3\xA9\r\n\r\n"}) {
+      auto parser = parserFor(kCreateCollection);
+      ClientResponse response;
+      bool done = false;
+      feed(parser, block + length, response, done);
+      EXPECT_EQ(parser.endsConnection(), ends) << line;
+      parser.initState(false);
+      EXPECT_FALSE(parser.endsConnection());
+    }
+  }
+}
+
+TEST(RESTResponse, WhatAnInterimReplySaysOfTheConnectionIsForgotten) {
+  auto parser = parserFor(kCreateCollection);
+  ClientResponse response;
+  bool done = false;
+  feed(parser, "HTTP/1.1 100 Continue\r\nConnection: close\r\n\r\n", response, done);
+  EXPECT_TRUE(parser.endsConnection());
+  feed(parser, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n", response, done);
+  EXPECT_FALSE(parser.endsConnection());
+}
+
 TEST(RESTResponse, ATextWithoutALineChangesNothing) {
   for (const char16_t* nothing : {u"", u"\n", u"\n\n"}) {
     auto parser = parserFor(kStreamSearch);
@@ -1502,6 +1542,7 @@ std::string seenOf(int kind, const std::vector<std::string>& pieces) {
     seen += std::string(" done ") + (parser.parseDone(need) ? "yes" : "no") + (done ? " all" : "");
     seen += " need " + std::to_string(need) + " status " + std::to_string(parser.getStatusCode());
     seen += " length " + std::to_string(parser.getContentLength());
+    seen += parser.endsConnection() ? " last" : "";
     seen += std::string(parser.isChunked() ? " chunked" : "") + " answer ";
     seen += std::to_string(response.getStatusCode()) + '\n';
   }
@@ -1544,6 +1585,9 @@ TEST(RESTResponse, ReadsAnyHeaderBlockInPlaceAsTheGeneralOperationDoes) {
                                        "5 Content-Length",
                                        "1073741825",
                                        "\v7",
+                                       "\r\nConnection",
+                                       "close",
+                                       "keep-alive,",
                                        "a"};
   std::mt19937 random(7);
   for (int i = 0; i < 20000; ++i) {
