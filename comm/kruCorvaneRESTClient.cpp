@@ -60,6 +60,12 @@ class Exchanging {
   bool& running_;
 };
 
+/// What a whole reply says of its request. An interim one says only that the request has come.
+RequestOutcome verdictOf(const RESTResponse& parser) {
+  if (parser.getStatusCode() == kOk) return RequestOutcome::Answered;
+  return parser.isInterim() ? RequestOutcome::MayBeApplied : RequestOutcome::Rejected;
+}
+
 /// The kinds that add to the queue of documents or rely on what was queued.
 bool needsQueue(ClientRequest::REQUEST kind) {
   return kind == ClientRequest::ASYNCH_ADD_DOCUMENT || kind == ClientRequest::LAST_DOC_SENT ||
@@ -528,7 +534,7 @@ void CorvaneRESTClient::settleError(RESTResponse& parser) {
   int need = 0;
   // A success of which the rest could not be kept for want of memory was parsed to its end as well.
   const bool serverError = parser.parseDone(need) && parser.getStatusCode() != kOk;
-  if (serverError) noteOutcome(RequestOutcome::Rejected);
+  if (serverError) noteOutcome(verdictOf(parser));
   if (parser.isChunked() && !serverError) return;
   if (parser.endsConnection()) line_->noteLastReply();
   // All of the reply was read, so that a receive finds its end and does not wait for more.
@@ -545,7 +551,7 @@ void CorvaneRESTClient::settleError(RESTResponse& parser) {
 void CorvaneRESTClient::settleFirstReply(const RESTResponse& parser) {
   firstReplyRead_ = true;
   if (parser.endsConnection()) line_->noteLastReply();
-  noteOutcome(parser.getStatusCode() == kOk ? RequestOutcome::Answered : RequestOutcome::Rejected);
+  noteOutcome(verdictOf(parser));
   const bool streaming = ClientResponse::isStreaming(requestKind_);
   const bool bodyEnded = !parser.isChunked() || parser.lastChunkSeen();
   if (isSearch(requestKind_) && bodyEnded) {

@@ -68,6 +68,7 @@ constexpr std::size_t kMaxChunkLengthLine = 125;
 constexpr std::string_view kProtocol = "HTTP/";
 constexpr std::string_view kLineEnd = "\r\n";
 
+constexpr int kFirstFinal = 200;
 constexpr int kOk = 200;
 constexpr int kUnauthorized = 401;
 constexpr int kServerError = 500;
@@ -309,7 +310,12 @@ void RESTResponse::takeHeaderBlock(std::string_view block) {
     contentLength_ = 0;
     state_ = kChunkLength;
   }
+  // Taken for the reply because it announces a body, which no interim one should. The final reply
+  // is still to come, and would be that of the next request.
+  if (state_ != kHeaders && isInterim()) endsConnection_ = true;
 }
+
+bool RESTResponse::isInterim() const { return statusCode_ >= 100 && statusCode_ < kFirstFinal; }
 
 /// What `extractHeaders` does, for bytes.
 void RESTResponse::readHeaders(std::string_view block) {

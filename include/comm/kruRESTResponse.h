@@ -101,8 +101,10 @@ class KRU_EXPORT RESTResponse {
   /// True when the record of length 0 that ends the results was among the parsed bytes.
   bool endMarkSeen() const { return endMark_; }
   /// True when the headers say that no reply follows this one on its connection ("Connection:
-  /// close").
+  /// close"), and when its own final reply does: it is an interim one with a length or chunks.
   bool endsConnection() const { return endsConnection_; }
+  /// True for the statuses 100 to 199.
+  bool isInterim() const;
   int getStatusCode() const { return statusCode_; }
   int getContentLength() const { return contentLength_; }
 

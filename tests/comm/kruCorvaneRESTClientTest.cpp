@@ -2163,4 +2163,32 @@ TEST(CorvaneRESTClient, AConnectionThatTheServerEndsIsNotUsedAgain) {
   }
 }
 
+TEST(CorvaneRESTClient, AnInterimReplyThatHasALengthLeavesNoReplyToTheNextRequest) {
+  Reply foreign = ok(kGetStatus);
+  foreign.body = kUninterpreted + enveloped(record({{"STATUS_CODE", "7"}}));
+  const std::pair<const char*, const char*> cases[] = {
+      {"Content-Length: 0\r\n\r\n", ""},
+      {"Content-Length: 5\r\n\r\nhello", "ERR_SERVER_PROTOCOL"},
+      {"Transfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n", "ERR_SERVER_PROTOCOL"}};
+  for (const char* status : {"100 Continue", "102 Processing", "103 Early Hints", "199 Any"}) {
+    for (const auto& [rest, error] : cases) {
+      SCOPED_TRACE(status + std::string(" ") + rest);
+      // The final reply comes while the next request is under way.
+      ScriptedNetwork network({Script()
+                                   .expectRequest()
+                                   .send(std::string("HTTP/1.1 ") + status + "\r\n" + rest)
+                                   .expectRequest()
+                                   .send(plain(foreign))
+                                   .awaitClose(),
+                               Script().expectRequest().send(plain(nextReply())).awaitClose()});
+      auto client = clientFor(kPersistent);
+      client.setNumRetries(0);
+      EXPECT_EQ(exchangeError(client, kGetStatus).errorId, error);
+      EXPECT_EQ(client.getRequestOutcome(), RequestOutcome::MayBeApplied);
+      EXPECT_EQ(runExchange(client, nextReply().kind), nextReply().expected);
+      EXPECT_EQ(network.connections(), 2U);
+    }
+  }
+}
+
 }  // namespace

@@ -386,7 +386,7 @@ TEST(RESTResponse, KnowsTheHeaderByWhichAServerEndsTheConnection) {
                                                 {"C", false}};
   for (const auto& [line, ends] : cases) {
     const std::string block = std::string("HTTP/1.1 200 OK\r\n") + line + "\r\n";
-    for (const std::string& length : {"Content-Length: 0\r\n\r\n", "X: \xC3\xA9\r\n\r\n"}) {
+    for (const char* length : {"Content-Length: 0\r\n\r\n", "X: \xC3\xA9\r\n\r\n"}) {
       auto parser = parserFor(kCreateCollection);
       ClientResponse response;
       bool done = false;
