@@ -66,6 +66,27 @@ RequestOutcome verdictOf(const RESTResponse& parser) {
   return parser.isInterim() ? RequestOutcome::MayBeApplied : RequestOutcome::Rejected;
 }
 
+bool isDefault(const SelectivityInfo& estimate) {
+  return estimate.getFirst() == 1 && estimate.getSecond() == 1 && estimate.getThird() == 100;
+}
+
+/// Empties what a reply to this kind fills and no list holds. What an earlier reply put there would
+/// stand as part of a success when this one does not bring it. Most responses hold nothing of it.
+void forgetAnswer(ClientResponse& response, ClientRequest::REQUEST kind) {
+  if (kind == ClientRequest::SELECTIVITY) {
+    if (!isDefault(response.getSelectivityInfo())) {
+      response.setSelectivityInfo(SelectivityInfo(false));
+    }
+  } else if (kind == ClientRequest::GET_STATUS) {
+    // A text comes with a status other than 0.
+    if (response.getStatusCode() == 0) return;
+    response.setGetStatusCode(0);
+    response.setStatusMessage({});
+  } else if (kind == ClientRequest::GET_SERVER_VERSION) {
+    if (!response.getContent().isEmpty()) response.setContent({});
+  }
+}
+
 /// The kinds that add to the queue of documents or rely on what was queued.
 bool needsQueue(ClientRequest::REQUEST kind) {
   return kind == ClientRequest::ASYNCH_ADD_DOCUMENT || kind == ClientRequest::LAST_DOC_SENT ||
@@ -396,6 +417,7 @@ void CorvaneRESTClient::beginReply(ClientResponse& response) {
   }
   carry_->clear();
   response.resetResultCount();
+  forgetAnswer(response, requestKind_);
   // The lists of the other kinds that bring results are emptied whatever was taken.
   if (requestKind_ == ClientRequest::SCALAR_SEARCH) response.dropTakenHits();
 }

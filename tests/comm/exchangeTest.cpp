@@ -134,6 +134,52 @@ TEST_P(Exchange, AFailureIsNoSuccessOfAResponseThatHeldOne) {
   EXPECT_FALSE(response.success());
 }
 
+TEST_P(Exchange, AResponseUsedAgainHoldsNothingOfTheEstimateBefore) {
+  const std::string values = bigEndian(5) + bigEndian(7) + bigEndian(9);
+  ScriptedNetwork network(
+      answers({binary() ? word16(1) + envelope(1, values) + endOfResults() : replies.done(),
+               binary() ? word16(1) + endOfResults() : replies.done()}));
+  const auto client = clientOf();
+  ClientResponse response;
+  EXPECT_EQ(exchange(*client, kSelectivity, response), Raised());
+  // No estimate over HTTP has values of its own.
+  tq::comm::SelectivityInfo info(true);
+  info.parseRecordNew(values.data(), 12, 1);
+  if (!binary()) response.setSelectivityInfo(info);
+  EXPECT_EQ(response.getSelectivityInfo().getFirst(), 5);
+  EXPECT_EQ(exchange(*client, kSelectivity, response), Raised());
+  EXPECT_EQ(response.getSelectivityInfo().getFirst(), 1);
+  EXPECT_EQ(response.getSelectivityInfo().getSecond(), 1);
+  EXPECT_EQ(response.getSelectivityInfo().getThird(), 100);
+}
+
+TEST_P(Exchange, AResponseUsedAgainHoldsNothingOfTheStatusBefore) {
+  ScriptedNetwork network(
+      answers({binary() ? replies.refusal("ZVK1E", "down") : replies.changesWait(),
+               binary() ? replies.ready() : replies.done()}));
+  const auto client = clientOf();
+  ClientResponse response;
+  EXPECT_EQ(exchange(*client, kGetStatus, response), Raised());
+  EXPECT_EQ(response.getStatusCode(), binary() ? 2U : 1U);
+  if (!binary()) response.setStatusMessage(tq::oss::Message(u"ZVK1E", u"down"));
+  EXPECT_EQ(exchange(*client, kGetStatus, response), Raised());
+  EXPECT_TRUE(response.success());
+  EXPECT_EQ(response.getStatusCode(), 0U);
+  EXPECT_EQ(utf8(response.getStatusMessage().getMessageText()), "");
+}
+
+TEST_P(Exchange, AResponseUsedAgainHoldsNothingOfTheVersionBefore) {
+  ScriptedNetwork network(answers({binary() ? word16(1) + envelope(1, "1.0") : replies.done(),
+                                   replies.refusal("ZVK1E", "down")}));
+  const auto client = clientOf();
+  ClientResponse response;
+  EXPECT_EQ(exchange(*client, kGetServerVersion, response), Raised());
+  if (!binary()) response.setContent(u"1.0");
+  EXPECT_EQ(utf8(response.getContent()), "1.0");
+  EXPECT_FALSE(exchange(*client, kGetServerVersion, response).empty());
+  EXPECT_EQ(utf8(response.getContent()), "");
+}
+
 TEST_P(Exchange, ARequestThatIsNotBegunLeavesTheResponseAsItWas) {
   ScriptedNetwork network(answers({replies.done()}));
   const auto client = clientOf();
