@@ -70,6 +70,8 @@ constexpr std::string_view kLineEnd = "\r\n";
 
 constexpr int kFirstFinal = 200;
 constexpr int kOk = 200;
+constexpr int kNoContent = 204;
+constexpr int kNotModified = 304;
 constexpr int kUnauthorized = 401;
 constexpr int kServerError = 500;
 
@@ -207,6 +209,7 @@ void RESTResponse::initState(bool streaming) {
   headerBytes_ = 0;
   joined_ = 0;
   endsConnection_ = false;
+  unmeasured_ = false;
   lastChunk_ = false;
   endMark_ = false;
 }
@@ -309,6 +312,13 @@ void RESTResponse::takeHeaderBlock(std::string_view block) {
   if (chunked_) {
     contentLength_ = 0;
     state_ = kChunkLength;
+  }
+  if (state_ == kHeaders && statusCode_ >= kFirstFinal && statusCode_ != kOk) {
+    // What no header measures ends with the connection, and nobody waits for that: the status has
+    // said all that a text of unknown form can.
+    setContentLen(0);
+    unmeasured_ = statusCode_ != kNoContent && statusCode_ != kNotModified;
+    endsConnection_ = endsConnection_ || unmeasured_;
   }
   // Taken for the reply because it announces a body, which no interim one should. The final reply
   // is still to come, and would be that of the next request.
@@ -476,6 +486,7 @@ bool RESTResponse::firstBodyIsTooShort(const char* buffer, int length) const {
 int RESTResponse::parseBody(const char* buffer, int length, ClientResponse& response, bool& done) {
   const tq::oss::TraceScope trace(trace::RESTResponseParseBody);
   if (statusCode_ == kOk) response.setReturnCode(0);
+  if (unmeasured_) raiseServerError(buffer, 0);
   if (contentLength_ == 0) {
     state_ = kDone;
     done = true;

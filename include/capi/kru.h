@@ -70,7 +70,7 @@ enum {
 /* What the connection is afterwards (`connection`). */
 enum {
   KRU_CONNECTION_NONE = 0,    /* there is none; the next request makes one */
-  KRU_CONNECTION_KEPT = 1,    /* it goes on */
+  KRU_CONNECTION_KEPT = 1,    /* it goes on, unless the server has said that it ends it */
   KRU_CONNECTION_REPLACED = 2 /* the next request makes another one unless it finds this in order */
 };
 

@@ -67,6 +67,8 @@ struct OperationLimits {
 /// | ERR_CLIENT_INTERNAL | a failed write (HTTP), others | none or a text | no | replaced |
 /// | ERR_INVALID_STATE | misuse: `send`, `recv`, `recvMesg` | host, port or none | no | as it was |
 ///
+/// "Kept" is: unless the reply says "Connection: close", or nothing says where it ends.
+///
 /// An error of the server that cannot be decoded, and a status over the binary protocol where none
 /// was asked for, keep their connection when the reply was read to its end.
 ///

@@ -24,7 +24,8 @@ class Reader;
 /// RESTException. It keeps no pointer into what it was fed. One object serves one thread.
 ///
 /// A reply is a status line, header lines ended by CR LF, a blank line, and a body of as many bytes
-/// as "Content-Length" announces or in chunks. The first 4 bytes of a first body mean nothing;
+/// as "Content-Length" announces or in chunks. A refusal without either is taken by its status
+/// alone; 204 and 304 have no body. The first 4 bytes of a first body mean nothing;
 /// records follow, each with its length in front (4 bytes, big-endian), up to a length of 0.
 class KRU_EXPORT RESTResponse {
  public:
@@ -101,7 +102,8 @@ class KRU_EXPORT RESTResponse {
   /// True when the record of length 0 that ends the results was among the parsed bytes.
   bool endMarkSeen() const { return endMark_; }
   /// True when the headers say that no reply follows this one on its connection ("Connection:
-  /// close"), and when its own final reply does: it is an interim one with a length or chunks.
+  /// close"), when its own final reply does (it is an interim one with a length or chunks), and
+  /// when nothing says where it ends.
   bool endsConnection() const { return endsConnection_; }
   /// True for the statuses 100 to 199.
   bool isInterim() const;
@@ -150,6 +152,8 @@ class KRU_EXPORT RESTResponse {
   // them and passes them again, followed by the next chunk.
   int joined_ = 0;
   bool endsConnection_ = false;
+  // A refusal with neither a length nor chunks.
+  bool unmeasured_ = false;
   bool lastChunk_ = false;
   bool endMark_ = false;
 };

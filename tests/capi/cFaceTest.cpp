@@ -788,6 +788,18 @@ TEST_P(CFaceOverHttp, ARefusalWithAProxysTextIsARefusal) {
   EXPECT_EQ(network.connections(), 1U);
 }
 
+TEST_P(CFaceOverHttp, ARefusalWhoseTextNothingMeasuresIsARefusal) {
+  ScriptedNetwork network(answers({"HTTP/1.0 503 Busy\r\nConnection: close\r\n\r\nbusy"}));
+  create();
+  for (unsigned int i = 1; i < 3; ++i) {
+    EXPECT_EQ(update(), KRU_REFUSED);
+    EXPECT_EQ(error.outcome, KRU_REJECTED);
+    EXPECT_EQ(error.retry, KRU_RETRY_USELESS);
+    EXPECT_STREQ(error.id, "ERR_SERVER_PROTOCOL");
+    EXPECT_EQ(network.connections(), i) << "each time another one";
+  }
+}
+
 TEST_P(CFaceOverHttp, AServerErrorIsARefusalWhateverIsLegibleOfIt) {
   const auto says = [](const std::string& status, const std::string& body) {
     return "HTTP/1.1 " + status + "\r\nContent-Length: " + std::to_string(body.size()) +

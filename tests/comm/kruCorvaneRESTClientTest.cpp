@@ -2191,4 +2191,44 @@ TEST(CorvaneRESTClient, AnInterimReplyThatHasALengthLeavesNoReplyToTheNextReques
   }
 }
 
+TEST(CorvaneRESTClient, ARefusalWithoutALengthIsARefusal) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"400 Bad Request", "ERR_SERVER_PROTOCOL"},
+      {"401 Unauthorized", "ERR_SERVER_INVALID_AUTH"},
+      {"500 Internal Server Error", "ERR_SERVER_APP"},
+      {"503 Service Unavailable", "ERR_SERVER_PROTOCOL"},
+      {"204 No Content", ""},
+      {"304 Not Modified", ""}};
+  for (const auto& [status, error] : cases) {
+    for (const char* text :
+         {"", "try again later", "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"}) {
+      for (const int kind : {kCreateCollection, kStreamSearch, kParseResult}) {
+        const bool hasBody = *error != '\0';
+        if (!hasBody && *text != '\0') continue;
+        SCOPED_TRACE(status + std::string(", ") + text);
+        // The connection stays open: nobody waits for its end.
+        ScriptedNetwork network(
+            {Script()
+                 .expectRequest()
+                 .send(std::string("HTTP/1.1 ") + status + "\r\ncontent-length: 15\r\n\r\n" + text)
+                 .expectRequest()
+                 .send(plain(nextReply()))
+                 .awaitClose(),
+             Script().expectRequest().send(plain(nextReply())).awaitClose()});
+        auto client = clientFor(kPersistent);
+        auto request = requestFor(kind);
+        ClientResponse response;
+        EXPECT_EQ(errorOf([&] { client.sendAndRecvMesg(request, response); }).errorId, error);
+        EXPECT_FALSE(response.success());
+        EXPECT_TRUE(client.isEndOfStream());
+        EXPECT_EQ(client.getRequestOutcome(), RequestOutcome::Rejected);
+        EXPECT_EQ(network.requests(), 1U);
+        EXPECT_EQ(runExchange(client, nextReply().kind), nextReply().expected);
+        EXPECT_EQ(network.connections(), hasBody ? 2U : 1U);
+        EXPECT_FALSE(network.waitedForever());
+      }
+    }
+  }
+}
+
 }  // namespace
