@@ -18,6 +18,9 @@ using tq::comm::ClientResponse;
 using tq::comm::KVPair;
 using tq::comm::StaticDefs;
 
+// The word that announces it has 30 bits for its length.
+constexpr std::uint32_t kLongestContent = 0x3FFFFFFF;
+
 /// A caller's collection.
 struct Collection {
   const char* name;
@@ -66,6 +69,9 @@ void attach(ClientRequest& request, const Document& document) {
   requireKey(document);
   if (document.contentLength != 0 && document.content == nullptr) {
     misuse("the document's content", "is null although it has a length");
+  }
+  if (document.contentLength > kLongestContent) {
+    misuse("the document's content", "has more than 1073741823 bytes");
   }
   request.setDocKey(static_cast<const char*>(document.key), document.keyLength);
   request.setContent(pairsOf(document), static_cast<const char*>(document.content),

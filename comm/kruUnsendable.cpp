@@ -1,5 +1,7 @@
 #include "comm/kruUnsendable.h"
 
+#include "comm/kruRecordLengths.h"
+
 namespace tq::comm {
 
 const char16_t* whyUnsendable(ClientRequest& request) {
@@ -11,6 +13,8 @@ const char16_t* whyUnsendable(ClientRequest& request) {
   }
   unsigned int length = 0;
   if (request.getDocKey(length) == nullptr && length != 0) return kNullKey;
+  if (length > kLengthMask) return kLongKey;
+  if (request.getContentLength() > kLengthMask) return kLongContent;
   const bool hasContent = request.getContentLength() != 0;
   return hasContent && request.getContent() == nullptr ? kNullContent : nullptr;
 }

@@ -220,7 +220,8 @@ typedef struct kru_pair {
   uint32_t value_length;
 } kru_pair;
 
-/* Adds a document or replaces the one of its key, which has 1 to 128 bytes. `pairs` may be null
+/* Adds a document or replaces the one of its key, which has 1 to 128 bytes. A content has at most
+   2^30 - 1 bytes; a longer one is KRU_MISUSE. `pairs` may be null
    when `pair_count` is 0; the protocols need one pair, which is then made from the key. */
 KRU_API int32_t kru_add_document(kru_client* client, const char* collection,
                                  uint32_t collection_length, const void* key, uint32_t key_length,

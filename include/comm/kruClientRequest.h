@@ -86,7 +86,7 @@ class KRU_EXPORT ClientRequest {
 
   /// Replaces the metadata by a copy (which may be the request's own list) and stores where the
   /// content is and its length in bytes. Null with a length is stored as it is; clients refuse to
-  /// send it.
+  /// send it, and a content or key of 2^30 bytes and more, whose length no request can announce.
   void setContent(const std::list<KVPair>& metadata, const char* content, unsigned int length);
   /// Stores the content only; the metadata stays.
   void setContent(const char* content, unsigned int length);

@@ -155,6 +155,9 @@ TEST_P(CFace, RefusesNullEverywhereAndSendsNothing) {
                             &error);
   };
   EXPECT_EQ(add(nullptr, 3, nullptr, 0), KRU_MISUSE);
+  for (const std::uint32_t tooLong : {0x40000000U, 0x40000005U, UINT32_MAX}) {
+    EXPECT_EQ(add("t", tooLong, nullptr, 0), KRU_MISUSE) << "of the content no byte is read";
+  }
   EXPECT_EQ(add("t", 1, nullptr, 2), KRU_MISUSE);
   const kru_pair pair{nullptr, "v", 4, 1};
   EXPECT_EQ(add("t", 1, &pair, 1), KRU_MISUSE);

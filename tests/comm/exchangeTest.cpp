@@ -260,6 +260,18 @@ TEST_P(Exchange, NullWithALengthIsRefusedBeforeAnythingIsSent) {
   expectRefusedUnsent(request, "the document's content is null although it has a length");
 }
 
+TEST_P(Exchange, AContentLongerThanItsLengthFieldIsRefusedBeforeAnythingIsSent) {
+  for (const unsigned int length : {0x40000000U, 0x40000005U, 0xFFFFFFFFU}) {
+    auto request = requestFor(kAddDocument);
+    // No byte of it is read.
+    request.setContent({{u"title", u"one"}}, "content", length);
+    expectRefusedUnsent(request, "the document's content is longer than a request can announce");
+  }
+  auto request = requestFor(kAddDocument);
+  request.setDocKey("key", 0x40000000);
+  expectRefusedUnsent(request, "the document's key is longer than a request can announce");
+}
+
 TEST_P(Exchange, AWriteThatTakesFewBytesAtATimeIsContinued) {
   std::string whole;
   for (const std::size_t limit : {SimulatedKernel::kUnlimited, std::size_t{1}, std::size_t{7}}) {

@@ -12,6 +12,7 @@ constexpr bool kMetadata = true;
 constexpr bool kNoMetadata = false;
 constexpr auto kAdd = ClientRequest::ADD_DOCUMENT;
 constexpr auto kLast = ClientRequest::LAST_DOC_SENT;
+constexpr unsigned int kLongest = 0x3FFFFFFF;
 const std::string kLonely = "a document key needs at least one metadata pair to be sent with";
 
 const struct {
@@ -33,6 +34,13 @@ const struct {
     {"null content of one byte", kAdd, "k", 1, kMetadata, nullptr, 1, test::utf8(kNullContent)},
     {"longer null content", kAdd, "k", 1, kMetadata, nullptr, 2, test::utf8(kNullContent)},
     {"null content without a key", kAdd, nullptr, 0, kMetadata, nullptr, 1, ""},
+    {"the longest key", kAdd, "k", kLongest, kMetadata, "c", 1, ""},
+    {"a key that is too long", kAdd, "k", kLongest + 1, kMetadata, "c", 1, test::utf8(kLongKey)},
+    {"the longest content", kAdd, "k", 1, kMetadata, "c", kLongest, ""},
+    {"content that is too long", kAdd, "k", 1, kMetadata, "c", kLongest + 1,
+     test::utf8(kLongContent)},
+    {"content of any length", kAdd, "k", 1, kMetadata, "c", 0xFFFFFFFF, test::utf8(kLongContent)},
+    {"long content without a key", kAdd, nullptr, 0, kMetadata, "c", 0xFFFFFFFF, ""},
     {"a kind that sends no document", kLast, nullptr, 1, kNoMetadata, nullptr, 1, ""},
 };
 
