@@ -1,24 +1,46 @@
 #include "comm/kruForks.h"
 
 #include <pthread.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace tq::comm {
 
-std::atomic<unsigned int> forks{0};
+namespace forks {
+
+Mark mark;
 
 namespace {
 
-void noteFork() { forks.fetch_add(1, std::memory_order_relaxed); }
+void forget() { mark.number.store(0, std::memory_order_relaxed); }
 
 }  // namespace
 
+unsigned int number() noexcept {
+  static std::atomic<unsigned int> given{0};
+  // Given before the process is marked with it: a child that is forked in between takes the next.
+  const unsigned int next = given.fetch_add(1, std::memory_order_relaxed) + 1;
+  unsigned int present = 0;
+  return mark.number.compare_exchange_strong(present, next) ? next : present;
+}
+
+bool watchByPage() noexcept {
+  // Where pages are larger, the one of the mark holds other things too.
+  return ::sysconf(_SC_PAGESIZE) == static_cast<long>(kPage) &&
+         ::madvise(&mark, sizeof mark, MADV_WIPEONFORK) == 0;
+}
+
+bool watchByHandler() noexcept { return ::pthread_atfork(nullptr, nullptr, forget) == 0; }
+
+}  // namespace forks
+
 void watchForks() noexcept {
   // No guard: a child that is forked while another thread holds one would wait for it for ever. Two
-  // threads may both register, and then a fork counts twice. The registration belongs to the
-  // library's own handle, so that unloading the library ends it.
+  // threads may both do it, which does no harm. A handler belongs to the library's own handle, so
+  // that unloading the library ends it.
   static std::atomic<bool> watching{false};
   if (watching.load(std::memory_order_relaxed)) return;
-  if (::pthread_atfork(nullptr, nullptr, noteFork) == 0) watching = true;
+  if (forks::watchByPage() || forks::watchByHandler()) watching = true;
 }
 
 }  // namespace tq::comm

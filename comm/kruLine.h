@@ -102,8 +102,8 @@ class Line {
   bool isInherited() const noexcept { return forkNumber_ != forkNumber(); }
 
   State state_ = State::NotConnected;
-  // That of the process that has connected.
-  unsigned int forkNumber_ = 0;
+  // That of the process that has connected, or has made the line.
+  unsigned int forkNumber_ = forkNumber();
   std::uint64_t number_ = 0;
   // The exchange whose reply was begun last.
   std::uint64_t owner_ = 0;

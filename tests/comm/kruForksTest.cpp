@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include "comm/kruForks.h"
 #include "tests/support/forkedChild.h"
@@ -6,14 +8,43 @@
 namespace tq::comm {
 namespace {
 
+using test::holdsInChild;
+
+bool isCountedInAChild(pid_t (*make)()) {
+  const unsigned int number = forkNumber();
+  return holdsInChild(
+      [&] {
+        const bool isCounted = forkNumber() == number + 1;
+        return isCounted && holdsInChild([&] { return forkNumber() == number + 2; }, make);
+      },
+      make);
+}
+
 TEST(Forks, AreCountedInTheChildOnceHoweverOftenTheyWereWatchedFor) {
   for (int i = 0; i < 3; ++i) watchForks();
   const unsigned int number = forkNumber();
-  EXPECT_TRUE(test::holdsInChild([&] {
-    const bool isCounted = forkNumber() == number + 1;
-    return isCounted && test::holdsInChild([&] { return forkNumber() == number + 2; });
-  }));
+  EXPECT_TRUE(isCountedInAChild(::fork));
   EXPECT_EQ(forkNumber(), number) << "the parent stays what it is";
+}
+
+TEST(Forks, AreCountedWhicheverWayTheChildWasMade) {
+  watchForks();
+  EXPECT_TRUE(isCountedInAChild(::fork));
+  EXPECT_TRUE(isCountedInAChild(test::cloneQuietly));
+#ifdef __GLIBC_PREREQ
+#if __GLIBC_PREREQ(2, 34)
+  EXPECT_TRUE(isCountedInAChild(::_Fork));
+#endif
+#endif
+}
+
+TEST(Forks, AreCountedByAHandlerWhereTheKernelDoesNotHelp) {
+  // In a child, so that this process goes on without the handler.
+  EXPECT_TRUE(holdsInChild([] {
+    if (::madvise(&forks::mark, sizeof forks::mark, MADV_KEEPONFORK) != 0) return false;
+    if (isCountedInAChild(::fork)) return false;
+    return forks::watchByHandler() && isCountedInAChild(::fork);
+  }));
 }
 
 }  // namespace

@@ -285,17 +285,21 @@ TEST_F(LineOnASocket, OneWhosePeerHasClosedIsNotReused) {
 }
 
 TEST(Line, OfAForkedChildIsUncertainUntilTheChildHasConnected) {
-  for (const State state : kStates) {
-    Line line = lineIn(state);
-    const bool itself = state == State::NotConnected || state == State::Broken;
-    EXPECT_TRUE(test::holdsInChild([&] {
-      if (line.state() != (itself ? state : State::Uncertain)) return false;
-      if (state != State::NotConnected && !line.isDisturbed()) return false;
-      line.connected();
-      return line.state() == State::Clean && !line.isDisturbed();
-    })) << letterOf(state);
-    EXPECT_EQ(line.state(), state);
-    EXPECT_FALSE(line.isDisturbed());
+  pid_t (*const ways[])() = {::fork, test::cloneQuietly};
+  for (const auto make : ways) {
+    for (const State state : kStates) {
+      Line line = lineIn(state);
+      const bool itself = state == State::NotConnected || state == State::Broken;
+      const auto says = [&] {
+        if (line.state() != (itself ? state : State::Uncertain)) return false;
+        if (state != State::NotConnected && !line.isDisturbed()) return false;
+        line.connected();
+        return line.state() == State::Clean && !line.isDisturbed();
+      };
+      EXPECT_TRUE(test::holdsInChild(says, make)) << letterOf(state);
+      EXPECT_EQ(line.state(), state);
+      EXPECT_FALSE(line.isDisturbed());
+    }
   }
 }
 
