@@ -51,9 +51,9 @@ class KRU_EXPORT SearchResult : public GenRespRecord {
   /// Lets go of the key: `getKey()` is null afterwards. Copies keep theirs, as does the document
   /// id.
   void freeKey();
-  /// The raw key or null, and its length in bytes.
+  /// The raw key or null, and its length in bytes, which is 0 when it is null.
   const char* getKey() const { return key_; }
-  unsigned int getKeyLen() const { return keyLength_; }
+  unsigned int getKeyLen() const { return key_ != nullptr ? keyLength_ : 0; }
 
   /// Sets `out` to "base64:" and the Base64 form of the key. Null with a length is refused as by
   /// `setKey`.

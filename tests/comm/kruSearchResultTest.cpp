@@ -225,6 +225,22 @@ TEST(SearchResult, ACopyOutlivesTheHitItWasMadeFrom) {
   EXPECT_EQ("base64:a2V5", utf8(copy.getDocId()));
 }
 
+TEST(SearchResult, ANullKeyHasNoLength) {
+  SearchResult hit(true);
+  parseCompact(hit, "key", 1);
+  hit.freeKey();
+  EXPECT_EQ(nullptr, hit.getKey());
+  EXPECT_EQ(0U, hit.getKeyLen());
+  EXPECT_EQ(0U, SearchResult(hit).getKeyLen());
+  EXPECT_EQ("base64:a2V5", utf8(hit.getDocId())) << "the id has the length that the key had";
+  parseCompact(hit, "other", 1);
+  EXPECT_EQ(5U, hit.getKeyLen());
+  hit.getProperties()->putProperty(u"URI", u"named");
+  hit.reset();
+  EXPECT_EQ(nullptr, hit.getKey());
+  EXPECT_EQ(0U, hit.getKeyLen());
+}
+
 TEST(SearchResult, ACopyThatGetsAKeyOfItsOwnLeavesTheOriginalsAlone) {
   SearchResult hit(true);
   parseCompact(hit, "key", 1);
