@@ -27,7 +27,9 @@ class KRU_EXPORT ClientResponse {
   ClientResponse();
   ClientResponse(const icu::UnicodeString& text, int code);
 
-  /// Whether the return code is 0. Each exchange that is begun sets it back to -1 first.
+  /// Whether the return code is 0. Each exchange that is begun sets it back to -1 first. It becomes
+  /// 0 with the header of the reply, before the body is read: after an exchange that has thrown it
+  /// says nothing.
   bool success() const { return returnCode_ == 0; }
   int getReturnCode() const { return returnCode_; }
   void setReturnCode(int code) { returnCode_ = code; }

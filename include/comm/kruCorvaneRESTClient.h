@@ -117,7 +117,7 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
 
   /// The whole exchange. The request's key and content are read, not copied, and must live until
   /// the call returns. On a failure `response` holds what had been decoded before it. A response
-  /// that is used again has return code -1 until a reply to this request is a success, and nothing
+  /// that is used again has return code -1 until the header of a success has come, and nothing
   /// of an earlier estimate, status or version once a reply to a request of that kind has begun; a
   /// request that cannot be sent leaves it as it was. The hits of a SCALAR_SEARCH come behind those
   /// that it holds and that are left to take; when all have been taken, these go away.
