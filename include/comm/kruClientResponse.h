@@ -20,7 +20,8 @@ class ParseFiller;
 /// What one request brought: the outcome, the server's status, and the typed results. A client's
 /// exchange fills it; for kinds whose results stream, the two pulling operations fetch the further
 /// portions over the same client. One object holds the reply to one request, and calls on it must
-/// not overlap; different objects are independent.
+/// not overlap; different objects are independent. A copy hands out again what was taken from the
+/// original, and counts as its exchange's: pull into one of them only, or each gets some portions.
 class KRU_EXPORT ClientResponse {
  public:
   /// Empty. The return code is -1, so that it does not read as a success before a reply has come.

@@ -20,6 +20,7 @@ class KRU_EXPORT ParseResponse {
   ParseResponse();
   /// A copy of each result; the cursor stands at the first, the count is their number.
   explicit ParseResponse(const std::list<ParseResult>& results);
+  /// A copy begins at the first result as well, also where the other's cursor has passed it.
   ParseResponse(const ParseResponse& other);
   ParseResponse& operator=(const ParseResponse& other);
   ~ParseResponse();

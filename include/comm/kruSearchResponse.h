@@ -23,6 +23,7 @@ class KRU_EXPORT SearchResponse {
   SearchResponse();
   /// A copy of each hit; the cursor stands at the first, the count is their number.
   explicit SearchResponse(const std::list<SearchResult>& results);
+  /// A copy begins at the first hit as well, also where the other's cursor has passed it.
   SearchResponse(const SearchResponse& other);
   SearchResponse& operator=(const SearchResponse& other);
   ~SearchResponse();

@@ -182,7 +182,7 @@ TYPED_TEST(ResultLists, CopiesStandAtTheFirstElementAndShareNothing) {
   original.init();
   EXPECT_EQ(2U, copy.count());
   EXPECT_EQ(2U, assigned.count());
-  EXPECT_EQ("ab", this->takeAll(copy));
+  EXPECT_EQ("ab", this->takeAll(copy)) << "also what was taken from the original";
   EXPECT_EQ("ab", this->takeAll(assigned));
 }
 
