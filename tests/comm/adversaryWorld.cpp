@@ -1036,6 +1036,8 @@ void World::lineAfterExchange(Caller& caller, const Seen& seen, bool reconnected
       caller.line = Line::Owed;
     } else if (truncated) {
       caller.line = {Line::Clean, Line::Tail, Line::Uncertain};
+    } else if (lastQuestion()->last) {
+      caller.line = Line::Uncertain;
     } else {
       caller.line = {Line::Clean, Line::Tail};
     }

@@ -61,6 +61,7 @@ struct Question {
   bool gaps = false;           // received in a way that drops portions before the caller sees them
   bool inChunks = false;       // its bytes were written by hand, as part of no message
   bool unsent = false;         // its caller was told so, and the peer did not have all of it
+  bool last = false;           // its reply says that it is the last one of the connection
   std::size_t connection = 0;  // that it was written to last
   std::vector<Answer> answers{};         // one for each attempt that the server saw
   std::vector<std::string> delivered{};  // ids of hits, or documents

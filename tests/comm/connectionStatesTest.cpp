@@ -52,6 +52,7 @@ enum class Peer {
   AnswersAndCloses,
   AnswersAndResets,
   AnswersInChunksAndCloses,
+  AnswersForTheLastTime,
   AnswersTwice,
   AnswersInChunksTwice,
   Streams,
@@ -247,6 +248,8 @@ std::vector<Event> exchanges() {
       exchange("reply and close", kGetStatus, P::AnswersAndCloses),
       exchange("reply and reset", kGetStatus, P::AnswersAndResets),
       http(exchange("chunked reply and close", kGetStatus, P::AnswersInChunksAndCloses, L::Tail)),
+      rare(http(exchange("reply that ends its connection", kGetStatus, P::AnswersForTheLastTime,
+                         L::Uncertain))),
       exchange("reply and unasked bytes", kGetStatus, P::AnswersTwice),
       http(exchange("chunked reply and unasked bytes", kGetStatus, P::AnswersInChunksTwice,
                     L::Tail)),
@@ -493,6 +496,10 @@ void Walker::answer(std::size_t connection, Question& question) {
                  peer == Peer::BodyIsLate || peer == Peer::AnswersInChunksTwice ||
                  peer == Peer::AnswersInChunksAndCloses;
   form.lastChunk = peer != Peer::AnswersWithoutLastChunk && peer != Peer::LastChunkIsLate;
+  if (peer == Peer::AnswersForTheLastTime) {
+    form.headerLines = "Connection: close\r\n";
+    question.last = true;
+  }
   const std::string text = binary_ ? binaryReply(reply) : httpReply(reply, form);
   TimedNetwork& network = world_.network();
   world_.say(question, reply, text, peer != Peer::ResetsAtOnce);

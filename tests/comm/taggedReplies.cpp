@@ -58,7 +58,8 @@ std::vector<std::string> TaggedReply::names(bool binary) const {
 std::string tagText(unsigned int tag) { return std::string("t").append(std::to_string(tag)); }
 
 std::string httpReply(const TaggedReply& reply, const HttpForm& form) {
-  const Reply body = httpBody(reply, form.endMark);
+  Reply body = httpBody(reply, form.endMark);
+  body.headerLines = form.headerLines;
   if (!form.chunked) return plain(body);
   const bool tail = !form.behindResults.empty() && !body.body.empty();
   std::string text = chunked(body, form.chunkSize, form.lastChunk && !tail).text;

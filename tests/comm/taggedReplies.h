@@ -28,6 +28,7 @@ struct HttpForm {
   bool endMark = true;        // of search and parse results
   bool lastChunk = true;
   std::string behindResults{};  // data of one more chunk, which nobody wants
+  std::string headerLines{};    // further ones, each with its CR LF
 };
 
 std::string tagText(unsigned int tag);
