@@ -28,7 +28,12 @@ std::optional<std::uint64_t> LogRepeats::pass(const std::string& line, Clock::ti
 }
 
 void LogRepeats::log(spdlog::level::level_enum level, const std::string& line) {
-  const auto unsaid = pass(line);
+  log(level, line, line);
+}
+
+void LogRepeats::log(spdlog::level::level_enum level, const std::string& line,
+                     const std::string& kind) {
+  const auto unsaid = pass(kind);
   if (!unsaid) return;
   if (*unsaid == 0) return spdlog::log(level, "{}", line);
   spdlog::log(level, "{} repeated={}", line, *unsaid);

@@ -22,6 +22,8 @@ class LogRepeats {
 
   /// Writes the line to the log if it passes, with the number of times that it was held back.
   void log(spdlog::level::level_enum level, const std::string& line);
+  /// The same, where lines are equal that have the same `kind`.
+  void log(spdlog::level::level_enum level, const std::string& line, const std::string& kind);
 
  private:
   struct Seen {

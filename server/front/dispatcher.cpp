@@ -240,14 +240,21 @@ Reply Dispatcher::refuse(const Request& request, const ErrorReply& error, std::s
 
 void Dispatcher::log(const Request& request, const ErrorReply& error, bool silent) {
   const bool failure = isFailure(error.id);
-  const auto level = failure  ? spdlog::level::err
-                     : silent ? spdlog::level::warn
-                              : spdlog::level::debug;
+  // Whoever has no account must not be able to fill the log.
+  const bool byStranger = error.id == messageId(ErrorKind::Unauthorized);
+  const auto level = failure                 ? spdlog::level::err
+                     : silent && !byStranger ? spdlog::level::warn
+                                             : spdlog::level::debug;
   if (!spdlog::should_log(level)) return;
   const std::string line =
       fmt::format("{}: action={} collection={} error={} reason={}", failure ? "failure" : "refused",
                   shown(request.header(words().action)), shown(collectionNamedBy(request)),
                   error.id, shown(error.text, kMostOfReason));
+  // A client that awaits no reply can name another collection with each of thousands of requests.
+  if (level == spdlog::level::warn) {
+    return repeats_.log(level, line,
+                        fmt::format("{} {}", request.header(words().action), error.id));
+  }
   // The same failure may meet thousands of requests a second.
   repeats_.log(level, line);
 }

@@ -3,8 +3,10 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "server/base/logRepeats.h"
+#include "tests/server/logLines.h"
 
 namespace corvaned {
 namespace {
@@ -21,6 +23,15 @@ TEST(LogRepeats, EqualLinesPassOnceInTenSecondsAndAreCounted) {
   EXPECT_EQ(repeats.pass("y", start + std::chrono::seconds(9)), 0U);
   EXPECT_EQ(at(10), 2U);
   EXPECT_EQ(at(20), 0U);
+}
+
+TEST(LogRepeats, LinesOfOneKindPassOnce) {
+  const test::LogLines log;
+  LogRepeats repeats;
+  repeats.log(spdlog::level::warn, "first", "kind");
+  repeats.log(spdlog::level::warn, "second", "kind");
+  repeats.log(spdlog::level::warn, "third", "other kind");
+  EXPECT_EQ(log.with(""), (std::vector<std::string>{"warning first\n", "warning third\n"}));
 }
 
 TEST(LogRepeats, LinesThatAllDifferAreNotKeptForEver) {

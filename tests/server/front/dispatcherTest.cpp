@@ -343,6 +343,33 @@ TEST_F(DispatcherTest, QueuedDocumentThatIsRefusedIsToldToTheOperator) {
   }
 }
 
+// Each of them names another collection, so that no line is as one before.
+TEST_F(DispatcherTest, RefusalsWithoutAReplyDoNotFillTheLogWhateverTheyName) {
+  const test::LogLines log;
+  for (int i = 0; i < 100; ++i) {
+    const std::string name = "c" + std::to_string(i);
+    const ServerError unknown(ErrorKind::UnknownCollection, "no collection " + name);
+    EXPECT_CALL(store_, queueDocument(name, _, "")).WillOnce(Throw(unknown));
+    expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", name}}, kBlock));
+  }
+  EXPECT_THAT(log.with("refused: "), ElementsAre(AllOf(StartsWith("warning "), HasSubstr("c0"))));
+}
+
+TEST_F(DispatcherTest, StrangersWriteNothingIntoTheLog) {
+  const test::LogLines log;
+  const auto queueRefused = [&](ErrorKind kind) {
+    Request request;
+    request.headers = {{"action", "asyncAddDocument"}, {"index", "c"}};
+    request.refusal = ServerError(kind, "refused");
+    expectIs<NoReply>(dispatcher_.handle(std::move(request)));
+  };
+  queueRefused(ErrorKind::Unauthorized);
+  EXPECT_THAT(log.with("refused: "), IsEmpty());
+  EXPECT_THAT(dispatcher_.metrics().text(), HasSubstr("error=\"ZVK0022E\"} 1\n"));
+  queueRefused(ErrorKind::Forbidden);
+  EXPECT_THAT(log.with("refused: "), SizeIs(1));
+}
+
 // A worker serves several that write and are not awaited, one after the other.
 TEST_F(DispatcherTest, RequestIsTimedFromItsArrivalUnlessItFollowsOthersOfItsRow) {
   const auto beganOf = [&](const test::Headers& headers) {
