@@ -75,11 +75,27 @@ std::string_view cutBetweenCharacters(std::string_view text, std::size_t limit) 
   return text.substr(0, end);
 }
 
+namespace {
+
+char printable(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  return byte < 0x20 || byte == 0x7F ? '?' : c;
+}
+
+}  // namespace
+
 std::string shown(std::string_view text, std::size_t limit) {
   std::string result = "\"";
+  for (const char c : cutBetweenCharacters(text, limit)) result += printable(c);
+  result += text.size() > limit ? "...\"" : "\"";
+  return result;
+}
+
+std::string logged(std::string_view text, std::size_t limit) {
+  std::string result = "\"";
   for (const char c : cutBetweenCharacters(text, limit)) {
-    const auto byte = static_cast<unsigned char>(c);
-    result += byte < 0x20 || byte == 0x7F ? '?' : c;
+    if (c == '"' || c == '\\') result += '\\';
+    result += printable(c);
   }
   result += text.size() > limit ? "...\"" : "\"";
   return result;

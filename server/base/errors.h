@@ -59,6 +59,10 @@ class ServerError : public std::runtime_error {
 /// between characters.
 std::string shown(std::string_view text, std::size_t limit = 120);
 
+/// The same as a value in the log, where a backslash comes before each quotation mark and each
+/// backslash of the text: what a client sends must not look like further values.
+std::string logged(std::string_view text, std::size_t limit = 120);
+
 /// The longest prefix of `text` that has at most `limit` bytes and does not end inside a UTF-8
 /// sequence.
 std::string_view cutBetweenCharacters(std::string_view text, std::size_t limit);

@@ -5,6 +5,8 @@
 #include <exception>
 #include <utility>
 
+#include "server/base/errors.h"
+
 namespace corvaned {
 
 void Ticket::whenDone(std::function<void()> call) {
@@ -49,7 +51,7 @@ void Ticket::finish(const std::optional<ServerError>& failure) noexcept {
     try {
       call();
     } catch (const std::exception& error) {
-      spdlog::error("failure: action=\"await\" reason={}", error.what());
+      spdlog::error("failure: action=\"await\" reason={}", logged(error.what(), 600));
     }
   }
 }

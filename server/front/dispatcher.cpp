@@ -195,8 +195,8 @@ Reply Dispatcher::finish(Exchange exchange) {
 Reply Dispatcher::handle(Request request) { return finish(begin(std::move(request))); }
 
 void Dispatcher::logFailure(std::string_view during, std::string_view reason) {
-  repeats_.log(spdlog::level::err, fmt::format("failure: action={} reason={}", shown(during),
-                                               shown(reason, kMostOfReason)));
+  repeats_.log(spdlog::level::err, fmt::format("failure: action={} reason={}", logged(during),
+                                               logged(reason, kMostOfReason)));
 }
 
 Reply Dispatcher::serve(Request& request, std::string& errorId) {
@@ -248,8 +248,8 @@ void Dispatcher::log(const Request& request, const ErrorReply& error, bool silen
   if (!spdlog::should_log(level)) return;
   const std::string line =
       fmt::format("{}: action={} collection={} error={} reason={}", failure ? "failure" : "refused",
-                  shown(request.header(words().action)), shown(collectionNamedBy(request)),
-                  error.id, shown(error.text, kMostOfReason));
+                  logged(request.header(words().action)), logged(collectionNamedBy(request)),
+                  error.id, logged(error.text, kMostOfReason));
   // A client that awaits no reply can name another collection with each of thousands of requests.
   if (level == spdlog::level::warn) {
     return repeats_.log(level, line,

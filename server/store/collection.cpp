@@ -782,8 +782,8 @@ void Collection::tellOwners(const Job& job, const ServerError& failure) {
 // Perhaps nobody waits for it.
 void Collection::logFailure(std::string_view during, const ServerError& failure) {
   repeats_.log(spdlog::level::err,
-               fmt::format("failure: action={} collection={} error={} reason={}", shown(during),
-                           shown(name_), messageId(failure.kind()), shown(failure.what(), 600)));
+               fmt::format("failure: action={} collection={} error={} reason={}", logged(during),
+                           logged(name_), messageId(failure.kind()), logged(failure.what(), 600)));
 }
 
 void Collection::failAll(const ServerError& failure) {

@@ -11,6 +11,8 @@
 #include <unordered_set>
 #include <utility>
 
+#include "server/base/errors.h"
+
 namespace corvaned {
 namespace {
 
@@ -67,7 +69,8 @@ class IndexScheduler::Threads {
       try {
         return work();
       } catch (const std::exception& error) {
-        spdlog::error("failure: action=\"index\" reason={}; another attempt follows", error.what());
+        spdlog::error("failure: action=\"index\" reason={} next=\"another attempt\"",
+                      logged(error.what(), 600));
       }
       std::this_thread::sleep_for(kPause);
     }

@@ -298,8 +298,8 @@ void LocalStore::refreshAgain(const std::string& name, const ServerError& failur
   indexers_->later(retry.after, [this, name] { refresh(name); });
   if (!retry.isNews) return;
   const std::string line =
-      fmt::format("failure: action=\"refresh\" collection={} error={} reason={}", shown(name),
-                  messageId(failure.kind()), shown(failure.what(), kMaxReason));
+      fmt::format("failure: action=\"refresh\" collection={} error={} reason={}", logged(name),
+                  messageId(failure.kind()), logged(failure.what(), kMaxReason));
   if (repeats_.pass(line)) spdlog::error("{}", line);
 }
 

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <map>
 #include <memory>
 #include <new>
 #include <set>
@@ -353,6 +354,24 @@ TEST_F(DispatcherTest, RefusalsWithoutAReplyDoNotFillTheLogWhateverTheyName) {
     expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", name}}, kBlock));
   }
   EXPECT_THAT(log.with("refused: "), ElementsAre(AllOf(StartsWith("warning "), HasSubstr("c0"))));
+}
+
+TEST_F(DispatcherTest, WhatAClientSendsAddsNoFieldsToALineOfTheLog) {
+  const test::LogLines log;
+  const std::string name = R"(a" error=ZVK0014E reason="\)";
+  const ServerError unknown(ErrorKind::UnknownCollection, "there is no collection " + shown(name));
+  EXPECT_CALL(store_, queueDocument(name, _, "")).WillOnce(Throw(unknown));
+  expectIs<NoReply>(handle({{"action", "asyncAddDocument"}, {"index", name}}, kBlock));
+  dispatcher_.logFailure(name, name);
+  ASSERT_THAT(log.with("refused: "), SizeIs(1));
+  const std::map<std::string, std::string> refused{{"action", "asyncAddDocument"},
+                                                   {"collection", name},
+                                                   {"error", "ZVK0007E"},
+                                                   {"reason", unknown.what()}};
+  EXPECT_EQ(test::fieldsOf(log.with("refused: ").front()), refused);
+  ASSERT_THAT(log.with("failure: "), SizeIs(1));
+  const std::map<std::string, std::string> failure{{"action", name}, {"reason", name}};
+  EXPECT_EQ(test::fieldsOf(log.with("failure: ").front()), failure);
 }
 
 TEST_F(DispatcherTest, StrangersWriteNothingIntoTheLog) {
