@@ -91,6 +91,7 @@ Collection::Collection(std::string name, const std::filesystem::path& directory,
                  noteReplayed(segment, change);
                }),
       index_(directory, limits.index, [&] { requireNotStopping(stopping_); }) {
+  if (const auto indexed = index_.lastChange()) journal_.requireToFit(*indexed);
   if (refresh_ == Refresh{} && !index_.refresh().empty()) {
     throwDamaged({optionsPath(directory), 0, "the file is missing"});
   }
@@ -630,7 +631,8 @@ void Collection::forgetFailure() {
 void Collection::end(Job& job) {
   forgetFailure();
   const bool isRound = job.kind == Job::Kind::Round;
-  if (!isRound) index_.endUpdate();
+  // On disk before the journal is cut off there.
+  if (!isRound) index_.endUpdate(journal_.lastChangeBefore(job.end.segment));
   // Until the journal is cut off: nobody else would try that again.
   restless_ = isRound || refresh_.mode == Refresh::Mode::Immediate;
   {

@@ -1,6 +1,8 @@
 #include "server/store/indexReplacement.h"
 
+#include <cstdint>
 #include <exception>
+#include <optional>
 #include <utility>
 
 #include "server/store/directory.h"
@@ -48,7 +50,10 @@ IndexReplacement::IndexReplacement(fs::path collection) : collection_(std::move(
 fs::path IndexReplacement::directory() const { return incompleteIn(collection_); }
 
 void IndexReplacement::decide() const {
-  IndexSums::create(directory(), IndexParts::in(indexIn(directory())).revisions());
+  // The new index has the same changes.
+  std::optional<std::uint64_t> lastChange;
+  if (IndexSums::existIn(collection_)) lastChange = IndexSums(collection_).lastChange();
+  IndexSums::create(directory(), IndexParts::in(indexIn(directory())).revisions(), lastChange);
   removeTree(completeIn(collection_));
   fs::rename(directory(), completeIn(collection_));
   syncDirectory(collection_);

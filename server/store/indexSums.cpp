@@ -104,10 +104,11 @@ IndexSums::IndexSums(std::filesystem::path collection) : collection_(std::move(c
 }
 
 IndexSums IndexSums::create(const std::filesystem::path& collection,
-                            const IndexRevisions& revisions) {
+                            const IndexRevisions& revisions,
+                            std::optional<std::uint64_t> lastChange) {
   IndexSums sums(collection, Fresh{});
   sums.changing_ = true;
-  sums.endChange(revisions);
+  sums.endChange(revisions, lastChange);
   return sums;
 }
 
@@ -133,6 +134,7 @@ void IndexSums::decode(std::string_view bytes, const std::filesystem::path& path
       for (std::uint32_t& block : sums.blocks) block = *reader.u32();
     }
   }
+  if (const auto number = reader.take(8)) lastChange_ = loadU64(*number);
 }
 
 std::string IndexSums::encoded() const {
@@ -154,6 +156,7 @@ std::string IndexSums::encoded() const {
       for (const std::uint32_t block : sums.blocks) appendU32(bytes, block);
     }
   }
+  if (lastChange_) appendU64(bytes, *lastChange_);
   appendU32(bytes, checksumOf(bytes));
   return bytes;
 }
@@ -266,11 +269,13 @@ void IndexSums::beginChange() {
 
 // If the index cannot be read to its end, everything stays as it was: another attempt has to find
 // the same blocks new.
-void IndexSums::endChange(const IndexRevisions& revisions) {
+void IndexSums::endChange(const IndexRevisions& revisions,
+                          std::optional<std::uint64_t> lastChange) {
   std::map<std::string, FileSums> files = files_;
   readIndex(files);
   files_.swap(files);
   revisions_ = revisions;
+  if (lastChange) lastChange_ = lastChange;
   write();
 }
 

@@ -56,6 +56,8 @@ std::uint32_t blockRevisionAt(const FileHandle& file, std::uint64_t place,
 ///     16  4  number of files; then for each file: its name with a 4-byte length in front, its size
 ///            (8 bytes), the CRC-32 of each of its blocks (4 bytes each); and instead of the latter
 ///            the whole content, with a 4-byte length in front, for a file "iamglass"
+///            8  number of the last change of the journal that the index has for certain; missing
+///            in files of earlier versions, which pass over it, and where it is not known
 ///     end 4  CRC-32 of everything before
 ///
 /// If the index has several databases, the file begins with "KRS2". In place of the revision comes
@@ -72,7 +74,12 @@ class IndexSums {
   /// Reads the checksums. Throws if they are damaged.
   explicit IndexSums(std::filesystem::path collection);
   /// Makes checksums of the index as it is, durably.
-  static IndexSums create(const std::filesystem::path& collection, const IndexRevisions& revisions);
+  static IndexSums create(const std::filesystem::path& collection, const IndexRevisions& revisions,
+                          std::optional<std::uint64_t> lastChange = std::nullopt);
+
+  /// The number of the last change of the journal that the index has, if it is known. It may have
+  /// later ones, too.
+  std::optional<std::uint64_t> lastChange() const { return lastChange_; }
 
   /// Reads the whole index and passes on every block that is not as it was written.
   void verify(const Visitor& onDamage, const StopCheck& stop);
@@ -92,7 +99,9 @@ class IndexSums {
   /// Comes before a change of the index. Durable when it returns.
   void beginChange();
   /// The change is on disk; makes the new checksums durable. May be repeated if it throws.
-  void endChange(const IndexRevisions& revisions);
+  /// `lastChange`: see there; without it nothing more is known than before.
+  void endChange(const IndexRevisions& revisions,
+                 std::optional<std::uint64_t> lastChange = std::nullopt);
 
   /// The content that the file, a path within the index, must have if it is one that is kept whole.
   std::optional<std::string> contentOf(const std::string& file) const;
@@ -131,6 +140,7 @@ class IndexSums {
   std::filesystem::path collection_;
   IndexRevisions revisions_;
   std::map<std::string, FileSums> files_;
+  std::optional<std::uint64_t> lastChange_;
   // What the name of the file says, and whether that is known to be on disk.
   bool changing_ = false;
   bool changingOnDisk_ = false;

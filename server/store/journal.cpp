@@ -239,6 +239,21 @@ void Journal::remove(std::uint64_t last) {
   }
 }
 
+std::uint64_t Journal::lastChangeBefore(std::uint64_t segment) const {
+  const std::lock_guard lock(mutex_);
+  std::uint64_t last = mark_->range().first - 1;
+  for (const ScannedSegment& each : segments_) {
+    if (each.number < segment) last = std::max(last, each.lastSequence);
+  }
+  return last;
+}
+
+void Journal::requireToFit(std::uint64_t indexed) const {
+  const std::lock_guard lock(mutex_);
+  const JournalRange range{mark_->range().first, lastSequence_, segments_.back().number};
+  if (const auto fault = misfitOf(directory_, range, indexed)) throwFault(*fault);
+}
+
 bool Journal::empty() const {
   const std::lock_guard lock(mutex_);
   return std::all_of(segments_.begin(), segments_.end(),

@@ -139,6 +139,13 @@ class Journal {
   /// Removes the segments up to `last`, which must be closed.
   void remove(std::uint64_t last);
 
+  /// The number of the last change in segments before this one, those that have been removed
+  /// included.
+  std::uint64_t lastChangeBefore(std::uint64_t segment) const;
+
+  /// Throws if the journal does not belong to an index that has the changes up to `indexed`.
+  void requireToFit(std::uint64_t indexed) const;
+
   /// Throws if changes are refused, and says why.
   void requireWritable() const;
 

@@ -8,6 +8,7 @@
 
 #include "server/base/errors.h"
 #include "server/store/directory.h"
+#include "server/store/indexSums.h"
 #include "server/store/journalTail.h"
 
 namespace corvaned {
@@ -26,6 +27,32 @@ std::string numbers(std::uint64_t first, std::uint64_t last) {
 
 std::filesystem::path segmentPath(const std::filesystem::path& directory, std::uint64_t number) {
   return directory / fmt::format("{}{:010}", kFilePrefix, number);
+}
+
+JournalRange JournalContents::range() const {
+  return {mark ? mark->range().first : 1, lastSequence,
+          segments.empty() ? 1 : segments.back().number};
+}
+
+std::optional<JournalFault> misfitOf(const std::filesystem::path& directory,
+                                     const JournalRange& journal, std::uint64_t indexed) {
+  if (indexed + 1 < journal.first) {
+    return JournalFault{{IndexSums::pathIn(directory), 0,
+                         fmt::format("the index has the changes up to number {}, and the journal "
+                                     "begins with number {}: the index is older than the journal",
+                                     indexed, journal.first)},
+                        indexed + 1,
+                        journal.first - 1,
+                        {}};
+  }
+  if (journal.last >= indexed) return std::nullopt;
+  return JournalFault{{segmentPath(directory, journal.segment), 0,
+                       fmt::format("the journal ends with change number {}, and the index has the "
+                                   "changes up to number {}: the journal is older than the index",
+                                   journal.last, indexed)},
+                      0,
+                      0,
+                      {}};
 }
 
 JournalScan::JournalScan(std::filesystem::path directory, ChangeVisitor onChange,

@@ -36,12 +36,29 @@ struct ScannedSegment {
   std::uint64_t changes = 0;
 };
 
+/// Which changes a journal has.
+struct JournalRange {
+  /// The earliest one that an index need not have.
+  std::uint64_t first = 1;
+  /// The last one that there ever was.
+  std::uint64_t last = 0;
+  /// The last segment.
+  std::uint64_t segment = 1;
+};
+
+/// What is wrong beside an index that has the changes up to `indexed`: one of the two has then been
+/// put in the place of another one. Changes that are in neither of them would not be missed.
+std::optional<JournalFault> misfitOf(const std::filesystem::path& directory,
+                                     const JournalRange& journal, std::uint64_t indexed);
+
 struct JournalContents {
   std::vector<ScannedSegment> segments;
   /// Nothing for a journal of the earlier form.
   std::unique_ptr<JournalMark> mark;
   /// The number of the last change that there ever was.
   std::uint64_t lastSequence = 0;
+
+  JournalRange range() const;
 };
 
 std::filesystem::path segmentPath(const std::filesystem::path& directory, std::uint64_t number);

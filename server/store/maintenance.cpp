@@ -86,6 +86,26 @@ std::vector<Damage> checkIndex(const std::filesystem::path& collection, bool isN
   return damage;
 }
 
+// Nothing if it is not known. What cannot be read is reported with the rest of the index.
+std::optional<std::uint64_t> lastChangeIn(const std::filesystem::path& collection) {
+  if (!IndexSums::existIn(collection)) return std::nullopt;
+  try {
+    return IndexSums(collection).lastChange();
+  } catch (const ServerError& error) {
+    if (error.kind() != ErrorKind::StorageFailed) throw;
+    return std::nullopt;
+  }
+}
+
+void checkAge(const std::filesystem::path& collection, const JournalContents& journal,
+              std::vector<JournalFault>& faults) {
+  const auto indexed = journal.mark ? lastChangeIn(collection) : std::nullopt;
+  if (!indexed) return;
+  if (auto fault = misfitOf(collection, journal.range(), *indexed)) {
+    faults.push_back(std::move(*fault));
+  }
+}
+
 // Of an index whose blocks are as they were written.
 std::string refreshKnownTo(const std::filesystem::path& index) {
   try {
@@ -205,7 +225,8 @@ class Rebuilding {
       if (!repair_.found.index.empty()) askEngine(database, damage);
     }
     if (!damage.empty()) throwDamaged(damage.front());
-    IndexSums::create(fresh_, parts.revisions());
+    // Its journal begins with number 1.
+    IndexSums::create(fresh_, parts.revisions(), 0);
   }
 
   // What some databases have and others do not is still in the journal.
@@ -279,12 +300,23 @@ class Rebuilding {
 
   void copyJournal() {
     Journal journal(fresh_, [](std::uint64_t, Change&&) {});
+    if (isBehindIndex()) return;
     std::uint64_t ticket = 0;
     JournalScan(
         damaged_, [&](std::uint64_t, Change&& change) { ticket = journal.append(change).ticket; },
         [](const JournalFault&) {})
         .run();
     journal.sync(ticket);
+  }
+
+  // The index has had all of these changes, and may have had later ones of the same keys.
+  bool isBehindIndex() const {
+    const auto indexed = lastChangeIn(damaged_);
+    if (!indexed) return false;
+    const auto journal = JournalScan(
+                             damaged_, [](std::uint64_t, Change&&) {}, [](const JournalFault&) {})
+                             .run();
+    return journal.mark && journal.lastSequence < *indexed;
   }
 
   const std::filesystem::path damaged_;
@@ -334,6 +366,7 @@ CollectionCheck checkCollection(const std::string& name, const std::filesystem::
         {{documentDefaultsPath(path), 0, "how documents are read cannot be read"}, 0, 0, {}});
   }
   checkBatches(path, contents.mark.get(), result.journal);
+  checkAge(path, contents, result.journal);
   result.index = checkIndex(path, isNumbered, stop);
   if (result.index.empty() && missesOptions(path)) {
     result.journal.push_back({{optionsPath(path), 0, "the file is missing"}, 0, 0, {}});

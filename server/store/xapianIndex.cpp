@@ -57,7 +57,8 @@ void checkRequest() {
 }  // namespace
 
 void XapianIndex::create(const std::filesystem::path& collection, const IndexForm& form) {
-  IndexSums::create(collection, translated([&] { return IndexWriter::create(collection, form); }));
+  IndexSums::create(collection, translated([&] { return IndexWriter::create(collection, form); }),
+                    0);
 }
 
 XapianIndex::XapianIndex(const std::filesystem::path& collection, IndexLimits limits,
@@ -185,7 +186,9 @@ std::vector<ParseOutcome> XapianIndex::applyBatch(std::span<const Change> change
   });
 }
 
-void XapianIndex::endUpdate() { sums_->endChange(revisions()); }
+void XapianIndex::endUpdate(std::optional<std::uint64_t> lastChange) {
+  sums_->endChange(revisions(), lastChange);
+}
 
 IndexRevisions XapianIndex::revisions() const {
   return translated([&] { return readers_->revisions(); });

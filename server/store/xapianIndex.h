@@ -75,8 +75,11 @@ class XapianIndex {
   /// documents that the database refuses. Throws if the storage fails, or what `stop` throws; part
   /// of the changes may then be applied, and applying all of them again is safe.
   std::vector<ParseOutcome> applyBatch(std::span<const Change> changes, const StopCheck& stop);
-  /// Brings new checksums to disk.
-  void endUpdate();
+  /// Brings new checksums to disk. `lastChange`: the number of the last change of the journal that
+  /// the database has now, unless it is no later one than before.
+  void endUpdate(std::optional<std::uint64_t> lastChange = std::nullopt);
+  /// That number, if it is known. To be asked before the first update.
+  std::optional<std::uint64_t> lastChange() const { return sums_->lastChange(); }
   /// Applies any number of changes, in batches, and ends the update.
   std::vector<ParseOutcome> apply(const ChangeSource& changes, const StopCheck& stop);
 

@@ -13,7 +13,9 @@
 #include <string>
 #include <vector>
 
+#include "server/base/bytes.h"
 #include "server/base/errors.h"
+#include "server/store/checksum.h"
 #include "server/store/collectionOptions.h"
 #include "server/store/damage.h"
 #include "server/store/indexSums.h"
@@ -449,6 +451,103 @@ TEST_F(DamageTest, EveryBlockThatAnUpdateWritesHasItsChecksum) {
 }
 
 /// The checksums of a collection that no store has open, and changes of its index.
+class AgeTest : public DamageTest {
+ protected:
+  /// The files of the index, or all others, as they were before three more updates.
+  void putBack(bool ofIndex) const {
+    write();
+    const Files before = files();
+    {
+      LocalStore store(data(), {});
+      store.addDocument("c", {"k4", {}, "the slow hound"});
+      for (const char* key : {"k5", "k6", "k7"}) {
+        add(store, key);
+        store.updateIndex("c");
+      }
+      add(store, "k8");
+    }
+    for (const auto& [path, bytes] : files()) {
+      if (isOfIndex(path) == ofIndex) std::filesystem::remove(path);
+    }
+    for (const auto& [path, bytes] : before) {
+      if (isOfIndex(path) == ofIndex) rewrite(path, bytes);
+    }
+  }
+
+  bool isOfIndex(const std::filesystem::path& path) const {
+    return path.lexically_relative(collection()).string().starts_with("index");
+  }
+
+  std::string opening() const {
+    return refusalOf([&] { LocalStore(data(), {}).openCollection("c"); });
+  }
+
+  /// As an earlier version wrote them.
+  void forgetNumber() const {
+    std::string bytes = read(sums());
+    bytes.resize(bytes.size() - 12);
+    appendU32(bytes, checksumOf(bytes));
+    rewrite(sums(), bytes);
+  }
+};
+
+TEST_F(AgeTest, IndexThatIsOlderThanTheJournalIsRefusedAndRepaired) {
+  putBack(true);
+  EXPECT_THAT(opening(), AllOf(HasSubstr(sums().string()), HasSubstr("older than the journal")));
+  const CollectionCheck check = Maintenance(data()).check("c");
+  ASSERT_EQ(check.journal.size(), 1U);
+  // The first three are in the index; of the later ones only the last is still in the journal.
+  EXPECT_EQ(check.journal.front().firstLost, 4U);
+  EXPECT_EQ(check.journal.front().lastLost, 9U);
+  EXPECT_FALSE(Maintenance(data()).repair("c").losesNothing());
+  EXPECT_EQ(opening(), "");
+  LocalStore store(data(), {});
+  store.updateIndex("c");
+  EXPECT_THAT(found(store), ElementsAre("k1", "k2", "k3", "k8"));
+}
+
+TEST_F(AgeTest, JournalThatIsOlderThanTheIndexIsRefusedAndRepaired) {
+  putBack(false);
+  EXPECT_THAT(opening(), HasSubstr("older than the index"));
+  EXPECT_FALSE(Maintenance(data()).check("c").isSound());
+  EXPECT_FALSE(Maintenance(data()).repair("c").losesNothing());
+  EXPECT_EQ(opening(), "");
+  LocalStore store(data(), {});
+  store.updateIndex("c");
+  EXPECT_THAT(found(store), ElementsAre("k1", "k2", "k5", "k6", "k7"))
+      << "the fourth has been changed since by what the index has";
+}
+
+TEST_F(AgeTest, ChecksumsOfAnEarlierVersionAreTakenAndGetTheNumber) {
+  write();
+  forgetNumber();
+  EXPECT_EQ(IndexSums(collection()).lastChange(), std::nullopt);
+  EXPECT_TRUE(Maintenance(data()).check("c").isSound());
+  EXPECT_EQ(refusal(), "");
+  EXPECT_EQ(IndexSums(collection()).lastChange(), 5U);
+}
+
+TEST_F(AgeTest, NumberSurvivesWhatMakesTheIndexAnew) {
+  write();
+  EXPECT_EQ(IndexSums(collection()).lastChange(), 3U);
+  static_cast<void>(Maintenance(data()).compact("c"));
+  EXPECT_EQ(IndexSums(collection()).lastChange(), 3U);
+  EXPECT_EQ(refusal(), "");
+  EXPECT_EQ(IndexSums(collection()).lastChange(), 5U);
+}
+
+// Killed after the checksums were written and before the journal was cut off.
+TEST_F(AgeTest, IndexThatIsAheadOfTheMarkIsSound) {
+  write();
+  const Files before = files();
+  EXPECT_EQ(refusal(), "");
+  for (const auto& [path, bytes] : before) {
+    if (!isOfIndex(path)) rewrite(path, bytes);
+  }
+  EXPECT_TRUE(Maintenance(data()).check("c").isSound());
+  EXPECT_EQ(opening(), "");
+}
+
 class IndexSumsTest : public DamageTest {
  protected:
   IndexSumsTest() {
