@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "server/access/accessControl.h"
+#include "server/printedOutput.h"
 
 namespace corvaned {
 namespace {
@@ -130,8 +131,13 @@ void put(const Account& account, bool token) {
   std::vector<Identity::Grant> grants;
   for (const std::string& text : account.allowed) grants.push_back(grantOf(text));
   const std::string secret = token ? freshSecret() : readPassword(account.passwordDescriptor);
-  putAccount(account.users, token, account.name, secret, grants);
-  if (token) std::cout << account.name << "." << secret << "\n";
+  // A token that nobody could read must not take the place of one that somebody has.
+  const auto print = [&] {
+    if (!token) return;
+    std::cout << account.name << "." << secret << "\n";
+    requirePrinted();
+  };
+  putAccount(account.users, token, account.name, secret, grants, print);
 }
 
 CLI::App* declare(CLI::App& app, const char* command, const char* text, Account& account) {

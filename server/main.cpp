@@ -258,7 +258,9 @@ void divideDescriptors(Options& options) {
 // standard descriptor that is closed, and the log be written into it.
 void openStandardDescriptors() {
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    if (::fcntl(descriptor, F_GETFD) == -1) ::open("/dev/null", O_RDWR);
+    // Whoever prints something has to notice that nobody can read it.
+    const int mode = descriptor == STDOUT_FILENO ? O_RDONLY : O_RDWR;
+    if (::fcntl(descriptor, F_GETFD) == -1) ::open("/dev/null", mode);
   }
 }
 

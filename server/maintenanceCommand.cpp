@@ -13,6 +13,7 @@
 
 #include "server/base/base64.h"
 #include "server/base/errors.h"
+#include "server/printedOutput.h"
 #include "server/store/maintenance.h"
 #include "server/store/textNormalizer.h"
 
@@ -271,8 +272,11 @@ int runMaintenanceCommand(int argc, char** argv) {
     return app.exit(answer) == 0 ? 0 : kMisused;
   }
   try {
-    if (checking->parsed()) return check(arguments);
-    return compacting->parsed() ? compact(arguments) : repair(arguments);
+    const int code = checking->parsed()     ? check(arguments)
+                     : compacting->parsed() ? compact(arguments)
+                                            : repair(arguments);
+    requirePrinted();
+    return code;
   } catch (const std::exception& error) {
     std::cerr << "corvaned: " << error.what() << "\n";
     return kFailed;

@@ -373,7 +373,8 @@ AccessControl::Digest AccessControl::digestOf(std::string_view authorization) co
 }
 
 void putAccount(const std::filesystem::path& file, bool token, const std::string& name,
-                std::string_view secret, const std::vector<Identity::Grant>& grants) {
+                std::string_view secret, const std::vector<Identity::Grant>& grants,
+                const std::function<void()>& beforeItCounts) {
   if (!isAccountName(name)) {
     throw std::runtime_error("a name has 1 to 64 letters, digits, \"_\", \"-\" and \"@\"");
   }
@@ -393,6 +394,7 @@ void putAccount(const std::filesystem::path& file, bool token, const std::string
   for (const Identity::Grant& grant : grants) {
     text += fmt::format("allow {} {} {}\n", name, nameOf(grant.right), grant.pattern);
   }
+  if (beforeItCounts) beforeItCounts();
   replacement.finish(text);
 }
 

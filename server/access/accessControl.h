@@ -2,6 +2,7 @@
 
 #include <array>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -101,8 +102,10 @@ std::string freshSecret();
 
 /// Adds an account to a users file or gives an existing one another secret, keeping all other
 /// lines; creates the file if there is none. Throws std::runtime_error if the name cannot be an
-/// account's, or the file cannot be written.
+/// account's, or the file cannot be written. `beforeItCounts` is called when nothing but the file's
+/// last step is left to do, and may throw: then the file stays as it was.
 void putAccount(const std::filesystem::path& file, bool token, const std::string& name,
-                std::string_view secret, const std::vector<Identity::Grant>& grants);
+                std::string_view secret, const std::vector<Identity::Grant>& grants,
+                const std::function<void()>& beforeItCounts = {});
 
 }  // namespace corvaned

@@ -420,6 +420,37 @@ TEST_F(ProcessTest, TokenIsMadeReadAgainOnSignalAndTakenAway) {
   EXPECT_EQ(program.wait(), 0);
 }
 
+TEST_F(ProcessTest, ResultThatCannotBePrintedIsAFailure) {
+  const std::string users = (directory_.path() / "users").string();
+  {
+    CorvanedProgram server(arguments());
+    RawClient client(portOf(server.line()));
+    client.send(binaryRequest({{"action", "createCollection"}, {"index", "c"}}));
+    EXPECT_EQ(client.receive(2), std::string("\0\1", 2));
+  }
+  const auto content = [&] {
+    std::ifstream file(users);
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
+  };
+  const std::vector<std::string> token{"token", "t", "--users", users};
+  ASSERT_EQ(outcomeOf(token).second, 0);
+  const std::string before = content();
+  for (const auto output : {CorvanedProgram::Output::Full, CorvanedProgram::Output::Closed}) {
+    for (const std::vector<std::string>& words : {token,
+                                                  {"check", data_},
+                                                  {"check", "--json", data_},
+                                                  {"repair", data_, "c"},
+                                                  {"compact", data_, "c"}}) {
+      CorvanedProgram program(words, CorvanedProgram::Diagnostics::Read, output);
+      EXPECT_THAT(program.rest(), HasSubstr("cannot write the result to standard output"));
+      EXPECT_EQ(program.wait(), 1) << words.front();
+    }
+  }
+  EXPECT_EQ(content(), before) << "the token that somebody has";
+}
+
 TEST_F(ProcessTest, AccountsThatCannotBePutAreExplained) {
   const std::string users = (directory_.path() / "users").string();
   EXPECT_EQ(outcomeOf({"token", "a b", "--users", users}).second, 1);

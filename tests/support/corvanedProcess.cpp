@@ -47,7 +47,8 @@ bool letTheEngineCheck() {
 
 }  // namespace
 
-CorvanedProgram::CorvanedProgram(std::vector<std::string> arguments, Diagnostics diagnostics) {
+CorvanedProgram::CorvanedProgram(std::vector<std::string> arguments, Diagnostics diagnostics,
+                                 Output output) {
   // Once, since other threads may look at the environment later.
   [[maybe_unused]] static const bool mayCheck = letTheEngineCheck();
   std::array<int, 2> pipe{};
@@ -63,6 +64,9 @@ CorvanedProgram::CorvanedProgram(std::vector<std::string> arguments, Diagnostics
     const bool withErrors = diagnostics == Diagnostics::Read;
     if (::getppid() == parent && ::dup2(pipe[1], STDOUT_FILENO) >= 0 &&
         (!withErrors || ::dup2(pipe[1], STDERR_FILENO) >= 0)) {
+      if (output != Output::Read) ::close(STDOUT_FILENO);
+      // It gets the number that has become free.
+      if (output == Output::Full) ::open("/dev/full", O_WRONLY);
       ::execv(argv[0], argv.data());
     }
     ::_exit(127);

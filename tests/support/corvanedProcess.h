@@ -22,8 +22,17 @@ class CorvanedProgram {
     PassedOn,
   };
 
+  enum class Output {
+    Read,
+    /// Standard output is a device that has no room for anything.
+    Full,
+    /// It has none.
+    Closed,
+  };
+
   explicit CorvanedProgram(std::vector<std::string> arguments,
-                           Diagnostics diagnostics = Diagnostics::Read);
+                           Diagnostics diagnostics = Diagnostics::Read,
+                           Output output = Output::Read);
   ~CorvanedProgram();
   CorvanedProgram(const CorvanedProgram&) = delete;
   CorvanedProgram& operator=(const CorvanedProgram&) = delete;
