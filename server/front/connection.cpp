@@ -248,7 +248,7 @@ void Connection::turnAway() {
   setSocketOptions();
   handOver_.post(socket_.get_executor(), [self = shared_from_this()] {
     self->guarded([&] {
-      self->refuse(FramingError(
+      self->endWith(FramingError(
           ErrorKind::TryAgain,
           fmt::format("the server has {} connections, the most that it takes; close one, try again "
                       "later, or raise --max-connections",
@@ -501,6 +501,7 @@ std::optional<Connection::State> Connection::answerRow(Workload workload) {
       }
     }
   } catch (const FramingError& error) {
+    context_.dispatcher().noteUndecoded(error);
     return encodeRefusal(error);
   }
 }
@@ -726,7 +727,11 @@ Connection::State Connection::encodeRefusal(const FramingError& error) {
 }
 
 void Connection::refuse(const FramingError& error) {
-  spdlog::debug("a connection's requests cannot be told apart any more: {}", error.what());
+  context_.dispatcher().noteUndecoded(error);
+  endWith(error);
+}
+
+void Connection::endWith(const FramingError& error) {
   decoder_ = RequestDecoder(framing_, context_.options().limits, this);
   inputMemory_.force(0);
   state_ = encodeRefusal(error);

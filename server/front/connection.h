@@ -161,7 +161,9 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
   void outputWritten();
   void writeEnded(Outlet::Result result);
   State encodeRefusal(const FramingError& error);
+  /// The request that is being received; after it none can be told apart any more.
   void refuse(const FramingError& error);
+  void endWith(const FramingError& error);
   void startDraining();
   void drain();
   void close();

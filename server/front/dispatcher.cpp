@@ -194,6 +194,12 @@ Reply Dispatcher::finish(Exchange exchange) {
 
 Reply Dispatcher::handle(Request request) { return finish(begin(std::move(request))); }
 
+void Dispatcher::noteUndecoded(const ServerError& refusal) {
+  const ErrorReply error = errorReply(refusal.kind(), refusal.what());
+  metrics_.refused(error.id);
+  log({}, error, false);
+}
+
 void Dispatcher::logFailure(std::string_view during, std::string_view reason) {
   repeats_.log(spdlog::level::err, fmt::format("failure: action={} reason={}", logged(during),
                                                logged(reason, kMostOfReason)));

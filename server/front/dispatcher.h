@@ -61,6 +61,9 @@ class Dispatcher {
   /// Both. For a thread that need not serve others meanwhile.
   Reply handle(Request request);
 
+  /// Counts and logs a request that was refused because it could not be decoded.
+  void noteUndecoded(const ServerError& refusal);
+
   /// Tells the operator of a failure that no reply can tell.
   void logFailure(std::string_view during, std::string_view reason);
 

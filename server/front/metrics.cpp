@@ -61,6 +61,11 @@ void Metrics::served(std::string_view action, std::string_view error,
   latency.nanoseconds += static_cast<std::uint64_t>(time.count());
 }
 
+void Metrics::refused(std::string_view error) {
+  const std::lock_guard lock(mutex_);
+  ++served_[{"unknown", std::string(error)}];
+}
+
 std::string Metrics::text() const {
   std::string out;
   const auto put = std::back_inserter(out);

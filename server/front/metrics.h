@@ -19,6 +19,8 @@ class Metrics {
  public:
   /// A request was served. `error` is the id of the error it was refused with, empty if it was not.
   void served(std::string_view action, std::string_view error, std::chrono::nanoseconds time);
+  /// A request was refused before it could be told which one it is, or when it arrived.
+  void refused(std::string_view error);
   void connectionTaken() { ++taken_; }
   void connectionEnded() { ++ended_; }
   void connectionTurnedAway() { ++turnedAway_; }

@@ -23,6 +23,7 @@
 #include "server/front/outlet.h"
 #include "server/front/server.h"
 #include "server/store/localStore.h"
+#include "tests/server/logLines.h"
 #include "tests/server/rawClient.h"
 #include "tests/server/requestBytes.h"
 #include "tests/server/store/slowCollection.h"
@@ -943,6 +944,45 @@ TEST_F(ImpatientFrontTest, ContentBeyondTheLimitIsRefusedBeforeItArrives) {
   RawClient client(http_);
   client.send("Content-Length  : 1001\n\r\n");
   EXPECT_THAT(client.receiveAll(), HasSubstr("ZVK0002E"));
+}
+
+// Some are refused by the network's thread, and some by a worker.
+TEST_F(ImpatientFrontTest, RequestsThatCannotBeDecodedAreCountedAndLogged) {
+  server_.reset();
+  const test::LogLines log;
+  spdlog::default_logger()->set_level(spdlog::level::debug);
+  options_.stallTimeout = std::chrono::seconds(60);
+  options_.requestTimeout = std::chrono::milliseconds(50);
+  start();
+  std::string lines;
+  for (int i = 0; i < 1001; ++i) lines += "a: b\n";
+  const auto ask = [&](const std::string& bytes) {
+    RawClient client(http_);
+    client.send(bytes);
+    return client.receiveAll();
+  };
+  EXPECT_THAT(ask("Content-Length  : 100000000\naction: asyncAddDocument\n\r\n"),
+              HasSubstr("ZVK0002E"));
+  EXPECT_THAT(ask(lines + "\r\n"), HasSubstr("ZVK0002E"));
+  EXPECT_THAT(ask("a: " + std::string(70000, 'y')), HasSubstr("ZVK0002E"));
+  EXPECT_THAT(ask("Content-Length  : many\n\r\n"), HasSubstr("ZVK0001E"));
+  EXPECT_THAT(ask("action: get"), HasSubstr("ZVK0021E"));
+  server_.reset();
+  const std::string metrics = dispatcher_.metrics().text();
+  const std::string name = "corvaned_requests_total{action=\"unknown\",error=\"";
+  EXPECT_THAT(metrics,
+              AllOf(HasSubstr(name + "ZVK0001E\"} 1\n"), HasSubstr(name + "ZVK0002E\"} 3\n"),
+                    HasSubstr(name + "ZVK0021E\"} 1\n")));
+  EXPECT_EQ(log.with("debug refused: ").size(), 5U);
+}
+
+TEST_F(ImpatientFrontTest, ClientsThatAreTurnedAwayAreNoRequests) {
+  options_.connections = 1;
+  start();
+  RawClient client(http_);
+  EXPECT_THAT(httpAsk(client, {{"action", "getServerVersion"}}), EndsWith("1.2.3"));
+  EXPECT_THAT(RawClient(http_).receiveAll(), HasSubstr("ZVK0016E"));
+  EXPECT_THAT(dispatcher_.metrics().text(), Not(HasSubstr("ZVK0016E")));
 }
 
 /// A request needs four times the memory that its content has, and large ones share 7 MiB.
