@@ -78,9 +78,9 @@ std::string jsonOf(const CollectionCheck& check) {
   }
   return fmt::format(
       "\"collection\":{},\"sound\":{},\"changes\":{},\"journal\":{},\"index\":{},"
-      "\"unfinishedBytes\":{},\"setAside\":{}",
+      "\"unfinishedBytes\":{},\"setAside\":{},\"engineLeftOut\":{}",
       jsonText(check.name), check.isSound(), check.changes, joined(journal), joined(index),
-      check.unfinishedBytes, joined(setAside));
+      check.unfinishedBytes, joined(setAside), check.engineLeftOut);
 }
 
 std::string jsonOf(const Repair& repair) {
@@ -112,6 +112,10 @@ void print(const CollectionCheck& check) {
         "  note: the last {} bytes of the journal were being written when the server stopped; its "
         "next start sets them aside\n",
         check.unfinishedBytes);
+  }
+  if (check.engineLeftOut) {
+    std::cout
+        << "  note: Xapian's own check was left out: it needs the right to write to the files\n";
   }
   for (const std::filesystem::path& file : check.setAside) {
     std::cout << "  note: " << file.string()

@@ -2,9 +2,11 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
+#include <utility>
 
 #include "server/base/collectionName.h"
 #include "server/base/errors.h"
@@ -14,6 +16,19 @@ namespace corvaned {
 namespace {
 
 bool tryToLock(const FileHandle& file) { return ::flock(file.get(), LOCK_EX | LOCK_NB) == 0; }
+
+std::filesystem::path lockIn(const std::filesystem::path& root) { return root / "LOCK"; }
+
+// The file is what earlier builds lock, and it can be removed by mistake while a server runs. The
+// directory cannot without what is in it, but not every file system locks directories.
+DataDirectoryLock locked(const std::filesystem::path& root, DataDirectoryLock lock) {
+  const bool hasDirectory = tryToLock(lock.directory) || errno != EWOULDBLOCK;
+  if (hasDirectory && (lock.file.get() < 0 || tryToLock(lock.file))) return lock;
+  if (errno != EWOULDBLOCK) throwSystemError("cannot lock", lockIn(root));
+  throw ServerError(ErrorKind::StorageFailed,
+                    "the data directory " + root.string() +
+                        " is in use by another server; stop it, or choose another directory");
+}
 
 }  // namespace
 
@@ -59,17 +74,21 @@ std::optional<std::string> nameIfCollection(std::string_view directory) {
   return std::nullopt;
 }
 
-// The file is what earlier builds lock, and it can be removed by mistake while a server runs. The
-// directory cannot without what is in it, but not every file system locks directories.
 DataDirectoryLock lockDataDirectory(const std::filesystem::path& root) {
-  const std::filesystem::path path = root / "LOCK";
-  DataDirectoryLock lock{openFile(root, O_RDONLY | O_DIRECTORY), openFile(path, O_RDWR | O_CREAT)};
-  const bool hasDirectory = tryToLock(lock.directory) || errno != EWOULDBLOCK;
-  if (hasDirectory && tryToLock(lock.file)) return lock;
-  if (errno != EWOULDBLOCK) throwSystemError("cannot lock", path);
-  throw ServerError(ErrorKind::StorageFailed,
-                    "the data directory " + root.string() +
-                        " is in use by another server; stop it, or choose another directory");
+  return locked(root,
+                {openFile(root, O_RDONLY | O_DIRECTORY), openFile(lockIn(root), O_RDWR | O_CREAT)});
+}
+
+DataDirectoryLock lockToRead(const std::filesystem::path& root) {
+  if (!isOnReadOnlyFileSystem(root)) return lockDataDirectory(root);
+  DataDirectoryLock lock{openFile(root, O_RDONLY | O_DIRECTORY), {}};
+  // A server may have been running since before it became read-only.
+  if (std::filesystem::exists(lockIn(root))) lock.file = openFile(lockIn(root), O_RDONLY);
+  return locked(root, std::move(lock));
+}
+
+bool isOnReadOnlyFileSystem(const std::filesystem::path& directory) {
+  return ::access(directory.c_str(), W_OK) != 0 && errno == EROFS;
 }
 
 std::filesystem::path collectionsIn(const std::filesystem::path& root) {

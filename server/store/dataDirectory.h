@@ -29,6 +29,11 @@ struct DataDirectoryLock {
 /// Locks the data directory until the lock is gone. Throws ServerError(StorageFailed) if somebody
 /// else has locked it.
 DataDirectoryLock lockDataDirectory(const std::filesystem::path& root);
+/// The same where nothing need be written: what a read-only file system lacks for that is left out.
+DataDirectoryLock lockToRead(const std::filesystem::path& root);
+
+/// Whether nothing in the directory can be changed, whoever tries.
+bool isOnReadOnlyFileSystem(const std::filesystem::path& directory);
 
 /// The directory that holds the collections' directories.
 std::filesystem::path collectionsIn(const std::filesystem::path& root);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 #include <xapian.h>
 
 #include <algorithm>
@@ -44,7 +45,7 @@ DataDirectoryLock lockExisting(const std::filesystem::path& root) {
     throw ServerError(ErrorKind::StorageFailed,
                       root.string() + " is neither a data directory nor a backup");
   }
-  return BackupManifest::existsIn(root) ? DataDirectoryLock() : lockDataDirectory(root);
+  return BackupManifest::existsIn(root) ? DataDirectoryLock() : lockToRead(root);
 }
 
 // What the checksums of a backup show, unless it is known of the file already.
@@ -63,6 +64,17 @@ void addDamageOfBackup(const std::filesystem::path& root, CollectionCheck& resul
     const std::filesystem::path path = BackupManifest::pathIn(root);
     result.index.push_back({path, 0, "the list of the files cannot be read"});
   }
+}
+
+// What the collection consists of until then cannot be told from its files.
+void finishReplacement(const std::filesystem::path& collection) {
+  if (IndexReplacement::isDecided(collection) && isOnReadOnlyFileSystem(collection)) {
+    throw ServerError(ErrorKind::StorageFailed,
+                      collection.string() +
+                          ": a crash has cut off the change to a new index, which cannot be "
+                          "completed on a read-only file system; check a copy");
+  }
+  IndexReplacement::finish(collection);
 }
 
 std::vector<Damage> checkIndex(const std::filesystem::path& collection, bool isNumbered,
@@ -179,10 +191,24 @@ void readTexts(const std::filesystem::path& index, std::vector<Damage>& damage) 
   }
 }
 
+// The engine checks tables that it has opened for writing.
+bool canAskEngine(const std::filesystem::path& index) {
+  TreeReader reader(index);
+  while (const auto entry = reader.next()) {
+    if (entry->path.extension() != kTableSuffix) continue;
+    if (::access(entry->path.c_str(), W_OK) != 0) return false;
+  }
+  return true;
+}
+
 // What the checksums do not show of the databases of a whole index.
-void askEngineOfAll(const std::filesystem::path& index, std::vector<Damage>& damage) {
+void askEngineOfAll(const std::filesystem::path& index, CollectionCheck& result) {
   const IndexParts parts = IndexParts::in(index);
-  for (const std::filesystem::path& database : parts.paths()) askEngine(database, damage);
+  std::vector<Damage>& damage = result.index;
+  result.engineLeftOut = !canAskEngine(index);
+  for (const std::filesystem::path& database : parts.paths()) {
+    if (!result.engineLeftOut) askEngine(database, damage);
+  }
   for (std::size_t part = 0; part < parts.size() && damage.empty(); ++part) {
     readTexts(parts.paths()[part], damage);
   }
@@ -337,7 +363,7 @@ bool Repair::losesNothing() const {
 
 CollectionCheck checkCollection(const std::string& name, const std::filesystem::path& path,
                                 const StopCheck& stop) {
-  CollectionCheck result{name, {}, {}, 0, 0, {}};
+  CollectionCheck result{name, {}, {}, 0, 0, {}, false};
   JournalContents contents =
       JournalScan(
           path,
@@ -403,9 +429,9 @@ std::vector<std::string> Maintenance::collections() const {
 
 CollectionCheck Maintenance::check(const std::string& name) const {
   const std::filesystem::path path = pathOf(name);
-  if (!BackupManifest::existsIn(root_)) IndexReplacement::finish(path);
+  if (!BackupManifest::existsIn(root_)) finishReplacement(path);
   CollectionCheck result = checkCollection(name, path, [] {});
-  if (result.index.empty()) askEngineOfAll(path / IndexSums::kIndexDirectory, result.index);
+  if (result.index.empty()) askEngineOfAll(path / IndexSums::kIndexDirectory, result);
   if (BackupManifest::existsIn(root_)) addDamageOfBackup(root_, result);
   return result;
 }

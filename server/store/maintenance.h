@@ -24,6 +24,8 @@ struct CollectionCheck {
   std::uint64_t unfinishedBytes = 0;
   /// The files in which openings have set such bytes aside.
   std::vector<std::filesystem::path> setAside;
+  /// The engine could not be asked, since it has to write to the tables for that.
+  bool engineLeftOut = false;
 
   bool isSound() const { return journal.empty() && index.empty(); }
 };

@@ -1,12 +1,18 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <spdlog/spdlog.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <xapian.h>
 
 #include <csignal>
+#include <exception>
 #include <fstream>
+#include <iostream>
 #include <optional>
 #include <string>
 #include <vector>
@@ -98,6 +104,88 @@ class MaintenanceTest : public ::testing::Test {
 
   tq::test::TemporaryDirectory directory_;
 };
+
+// Where a disk has failed the system often lets nobody write to it any more.
+class ReadOnlyTest : public MaintenanceTest {
+ protected:
+  static constexpr int kSkipped = 77;
+
+  /// The exit code of a process that does the work while it can write nothing to the data.
+  template <typename Work>
+  int doReadOnly(const Work& work) const {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      if (!makeReadOnly()) ::_exit(kSkipped);
+      int code = 1;
+      try {
+        code = work();
+      } catch (const std::exception& error) {
+        std::cerr << error.what() << "\n";
+      }
+      ::_exit(code);
+    }
+    int status = 0;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+  void expectSuccess(int code) const {
+    if (code == kSkipped) GTEST_SKIP() << "this process may not mount anything";
+    EXPECT_EQ(code, 0);
+  }
+
+ private:
+  // For a process of its own, which may also belong to somebody who can do so nowhere else.
+  bool makeReadOnly() const {
+    const uid_t user = ::geteuid();
+    if (::unshare(user == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) != 0) return false;
+    if (user != 0) std::ofstream("/proc/self/uid_map") << fmt::format("{0} {0} 1\n", user);
+    const std::string place = data().string();
+    const char* const path = place.c_str();
+    return ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           ::mount(path, path, nullptr, MS_BIND, nullptr) == 0 &&
+           ::mount(nullptr, path, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0;
+  }
+};
+
+TEST_F(ReadOnlyTest, CollectionsAreCheckedWithOrWithoutTheLockFile) {
+  write();
+  for (const bool hasFile : {true, false}) {
+    if (!hasFile) std::filesystem::remove(data() / "LOCK");
+    expectSuccess(doReadOnly([&] {
+      const CollectionCheck check = Maintenance(data()).check("c");
+      return check.isSound() && check.engineLeftOut ? 0 : 2;
+    }));
+    EXPECT_FALSE(Maintenance(data()).check("c").engineLeftOut);
+  }
+}
+
+TEST_F(ReadOnlyTest, DirectoryOfARunningServerIsRefused) {
+  write();
+  const LocalStore store(data(), {});
+  expectSuccess(doReadOnly([&] {
+    try {
+      const Maintenance maintenance(data());
+      return 2;
+    } catch (const ServerError& error) {
+      return std::string(error.what()).find("in use by another server") == std::string::npos ? 3
+                                                                                             : 0;
+    }
+  }));
+}
+
+TEST_F(ReadOnlyTest, UnfinishedReplacementIsNamedAndLeftAlone) {
+  write();
+  std::filesystem::create_directory(collection() / "index-rebuilt");
+  expectSuccess(doReadOnly([&] {
+    try {
+      static_cast<void>(Maintenance(data()).check("c"));
+      return 2;
+    } catch (const ServerError& error) {
+      return std::string(error.what()).find("read-only") == std::string::npos ? 3 : 0;
+    }
+  }));
+}
 
 TEST_F(MaintenanceTest, SoundCollectionIsCalledSoundAndLeftAlone) {
   write();
