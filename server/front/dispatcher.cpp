@@ -14,6 +14,7 @@
 #include "server/base/collectionName.h"
 #include "server/base/errors.h"
 #include "server/base/requestContext.h"
+#include "server/front/reports.h"
 #include "server/front/requestValues.h"
 #include "server/front/vocabulary.h"
 
@@ -104,9 +105,11 @@ void Dispatcher::permit(const Request& request, const Identity& identity) {
   }
   const std::string_view collection = collectionNamedBy(request);
   requireShortName(collection);
-  const bool report = makesReports(*action) && !request.header(words().report).empty();
-  const Right needs = report ? Right::Read : action->needs;
-  if (collection.empty() && needs == Right::Read && !report) return;
+  const std::string_view report =
+      makesReports(*action) ? request.header(words().report) : std::string_view();
+  const Right needs = report.empty() ? action->needs : Right::Read;
+  // A report that lacks its collection is refused for that.
+  if (collection.empty() && needs == Right::Read && !isReportOfServer(report)) return;
   const auto scope = collection.empty() ? std::nullopt : std::optional(collection);
   if (!identity.may(needs, scope)) forbid(identity, *action, needs, scope);
   for (const std::string& beside : collectionsBeside(request)) {

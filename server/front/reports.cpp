@@ -371,6 +371,12 @@ bool asksForReport(const Request& request) {
   return false;
 }
 
+bool isReportOfServer(std::string_view name) {
+  return std::any_of(kReports.begin(), kReports.end(), [&](const Report& known) {
+    return !known.ofCollection && words().*known.name == name;
+  });
+}
+
 Reply report(const Service& service, const Request& request) {
   const Report& wanted = reportNamed(request);
   for (const Word name : kOfReports) requireTaken(wanted, request, name);

@@ -951,6 +951,22 @@ TEST(Reports, TakeTheRightToReadAndOtherActionsWhatTheyNeed) {
   EXPECT_THROW(Dispatcher::permit(request, reader), ServerError);
 }
 
+TEST_F(DispatcherTest, ReportWithoutItsCollectionIsRefusedForThatWhateverOneMay) {
+  const Identity reader("ada", {{Right::Read, "books"}});
+  Request request;
+  for (const char* report : {"collection", "count", "digest", "hits", "place", "nonsense"}) {
+    request.headers = {{"action", "getParseResult"}, {"report", report}, {"query", "x"}};
+    EXPECT_NO_THROW(Dispatcher::permit(request, reader)) << report;
+    const Reply reply = dispatcher_.handle(request);
+    ASSERT_TRUE(std::holds_alternative<ErrorReply>(reply)) << report;
+  }
+  EXPECT_THAT(error({{"action", "getParseResult"}, {"report", "count"}}), HasSubstr("ZVK0005E"));
+  for (const char* report : {"collections", "backups"}) {
+    request.headers = {{"action", "getParseResult"}, {"report", report}};
+    EXPECT_THROW(Dispatcher::permit(request, reader), ServerError) << report;
+  }
+}
+
 TEST_F(DispatcherTest, UnknownAndMissingActionsAreRefused) {
   EXPECT_THAT(error({{"action", "dance"}}), AllOf(HasSubstr("ZVK0003E"), HasSubstr("dance")));
   EXPECT_THAT(error({}), HasSubstr("ZVK0003E"));
