@@ -133,9 +133,21 @@ void Monitor::serve(int client) const {
 }
 
 std::string Monitor::reply(const std::string& request) const {
+  constexpr std::string_view kHead = "HEAD ";
+  if (!request.starts_with(kHead)) return replyToGet(request);
+  const std::string reply = replyToGet("GET " + request.substr(kHead.size()));
+  return reply.substr(0, reply.find("\r\n\r\n") + 4);
+}
+
+std::string Monitor::replyToGet(const std::string& request) const {
   const std::string line = request.substr(0, request.find("\r\n"));
+  // Probes may put a query behind the path, to which nothing here answers.
+  const std::size_t query = line.find('?');
+  const std::size_t version = line.rfind(' ');
+  const bool hasQuery = query != std::string::npos && version != std::string::npos;
+  const std::string asked = hasQuery ? line.substr(0, query) + line.substr(version) : line;
   const auto asks = [&](const char* path) {
-    return line.starts_with(fmt::format("GET {} HTTP/", path));
+    return asked.starts_with(fmt::format("GET {} HTTP/", path));
   };
   if (asks("/health")) return httpReply("200 OK", "alive\n");
   if (asks("/metrics")) return httpReply("200 OK", sources_.metrics());
@@ -144,7 +156,8 @@ std::string Monitor::reply(const std::string& request) const {
     if (!obstacle.empty()) return httpReply("503 Service Unavailable", obstacle + "\n");
     return httpReply("200 OK", "ready\n" + (sources_.notice ? sources_.notice() : std::string()));
   }
-  if (!line.starts_with("GET ")) return httpReply("405 Method Not Allowed", "only GET is known\n");
+  if (!line.starts_with("GET "))
+    return httpReply("405 Method Not Allowed", "only GET and HEAD are known\n");
   return httpReply("404 Not Found", "there are /metrics, /health and /ready\n");
 }
 

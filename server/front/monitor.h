@@ -36,6 +36,7 @@ class Monitor {
   void run();
   void serve(int client) const;
   std::string reply(const std::string& request) const;
+  std::string replyToGet(const std::string& request) const;
 
   const Sources sources_;
   const std::chrono::milliseconds patience_;

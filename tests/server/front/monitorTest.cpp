@@ -47,6 +47,18 @@ TEST_F(MonitorTest, ToolsGetWhatTheyAskFor) {
   EXPECT_THAT(ask("POST /metrics HTTP/1.1\r\n\r\n"), StartsWith("HTTP/1.1 405 "));
 }
 
+TEST_F(MonitorTest, ProbesMayAskForTheHeadAloneAndAddAQuery) {
+  EXPECT_EQ(ask("HEAD /health HTTP/1.1\r\n\r\n") + "alive\n", get("/health"));
+  EXPECT_THAT(ask("HEAD /other HTTP/1.1\r\n\r\n"),
+              AllOf(StartsWith("HTTP/1.1 404 "), EndsWith("\r\n\r\n")));
+  obstacle_ = "no disk";
+  EXPECT_THAT(ask("HEAD /ready HTTP/1.1\r\n\r\n"), StartsWith("HTTP/1.1 503 "));
+  EXPECT_EQ(get("/metrics?name[]=corvaned"), get("/metrics"));
+  EXPECT_THAT(get("/other?/metrics"), StartsWith("HTTP/1.1 404 "));
+  EXPECT_THAT(ask("GET /health?x\r\n\r\n"), StartsWith("HTTP/1.1 404 "));
+  EXPECT_THAT(ask("?\r\n\r\n"), StartsWith("HTTP/1.1 405 "));
+}
+
 TEST_F(MonitorTest, ServerThatIsNotReadySaysWhy) {
   obstacle_ = "no disk";
   EXPECT_THAT(get("/ready"), AllOf(StartsWith("HTTP/1.1 503 "), EndsWith("no disk\n")));
