@@ -23,6 +23,14 @@ namespace corvaned {
 namespace {
 
 constexpr std::size_t kMaxPassword = 1024;
+constexpr int kFailed = 1;
+constexpr int kMisused = 2;
+
+/// Arguments that can never be right.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
 
 struct Account {
   std::string name;
@@ -121,13 +129,15 @@ Identity::Grant grantOf(const std::string& text) {
   const auto right = rightNamed(text.substr(0, colon));
   if (!right || colon == std::string::npos || colon + 1 == text.size() ||
       text.find_first_of(" \t\n#") != std::string::npos) {
-    throw std::runtime_error("--allow " + text +
-                             " is not read:PATTERN, write:PATTERN or admin:PATTERN");
+    throw UsageError("--allow " + text + " is not read:PATTERN, write:PATTERN or admin:PATTERN");
   }
   return {*right, text.substr(colon + 1)};
 }
 
 void put(const Account& account, bool token) {
+  if (!isAccountName(account.name)) {
+    throw UsageError("a name has 1 to 64 letters, digits, \"_\", \"-\" and \"@\"");
+  }
   std::vector<Identity::Grant> grants;
   for (const std::string& text : account.allowed) grants.push_back(grantOf(text));
   const std::string secret = token ? freshSecret() : readPassword(account.passwordDescriptor);
@@ -166,14 +176,17 @@ int runAccountCommand(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& answer) {
-    return app.exit(answer) == 0 ? 0 : 2;
+    return app.exit(answer) == 0 ? 0 : kMisused;
   }
   try {
     put(account, token->parsed());
     return 0;
+  } catch (const UsageError& error) {
+    std::cerr << "corvaned: " << error.what() << "\n";
+    return kMisused;
   } catch (const std::exception& error) {
     std::cerr << "corvaned: " << error.what() << "\n";
-    return 1;
+    return kFailed;
   }
 }
 

@@ -239,7 +239,11 @@ CLI::App* declare(CLI::App& app, const std::string& name, const std::string& hel
                   const std::string& place, Arguments& arguments, bool needsCollection) {
   CLI::App* command = app.add_subcommand(name, help);
   command->add_option("DIR", arguments.directory, place)->required();
-  auto* collection = command->add_option("COLLECTION", arguments.collection, "the collection");
+  // Left out it stands for all of them; a variable that is empty by mistake must not.
+  auto* collection = command->add_option("COLLECTION", arguments.collection, "the collection")
+                         ->check([](const std::string& word) {
+                           return std::string(word.empty() ? "it has no name" : "");
+                         });
   if (needsCollection) collection->required();
   command->add_flag("--json", arguments.json, "print JSON");
   return command;

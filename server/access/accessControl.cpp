@@ -31,13 +31,6 @@ void startSodium() {
   if (sodium_init() < 0) throw std::runtime_error("the cryptographic library does not start");
 }
 
-bool isAccountName(std::string_view name) {
-  return !name.empty() && name.size() <= 64 && std::all_of(name.begin(), name.end(), [](char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
-           c == '-' || c == '@';
-  });
-}
-
 // Each "*" of the pattern stands for any text, the empty one included. What stands between two of
 // them can be taken where it comes first, since that leaves most for the rest. So nothing is tried
 // twice, whatever a client calls its collection.
@@ -267,6 +260,13 @@ std::string hashOf(std::string_view secret) {
     throw std::runtime_error("there is not enough memory to hash a password");
   }
   return hash.data();
+}
+
+bool isAccountName(std::string_view name) {
+  return !name.empty() && name.size() <= 64 && std::all_of(name.begin(), name.end(), [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+           c == '-' || c == '@';
+  });
 }
 
 std::string freshSecret() {

@@ -97,6 +97,9 @@ class AccessControl {
 /// The hash of a password or of a token's secret, with a salt of its own.
 std::string hashOf(std::string_view secret);
 
+/// Whether an account may be called so.
+bool isAccountName(std::string_view name);
+
 /// 32 random bytes as text.
 std::string freshSecret();
 

@@ -302,6 +302,8 @@ TEST_F(ProcessTest, WrongUseOfCheckAndRepairIsExplained) {
   for (const std::vector<std::string>& wrong : {std::vector<std::string>{"check"},
                                                 {"repair", data_},
                                                 {"compact", data_},
+                                                {"check", data_, ""},
+                                                {"repair", data_, ""},
                                                 {"check", data_, "--what"}}) {
     CorvanedProgram program(wrong);
     EXPECT_THAT(program.rest(), HasSubstr("--help"));
@@ -453,9 +455,10 @@ TEST_F(ProcessTest, ResultThatCannotBePrintedIsAFailure) {
 
 TEST_F(ProcessTest, AccountsThatCannotBePutAreExplained) {
   const std::string users = (directory_.path() / "users").string();
-  EXPECT_EQ(outcomeOf({"token", "a b", "--users", users}).second, 1);
-  EXPECT_EQ(outcomeOf({"token", "t", "--users", users, "--allow", "own:*"}).second, 1);
+  EXPECT_EQ(outcomeOf({"token", "a b", "--users", users}).second, 2);
+  EXPECT_EQ(outcomeOf({"token", "t", "--users", users, "--allow", "own:*"}).second, 2);
   EXPECT_EQ(outcomeOf({"token", "t"}).second, 2);
+  EXPECT_EQ(outcomeOf({"token", "t", "--users", users + "/in/none"}).second, 1);
   EXPECT_EQ(outcomeOf({"user", "t", "--users", users, "--password-fd", "99"}).second, 1);
   EXPECT_FALSE(std::filesystem::exists(users));
 }
