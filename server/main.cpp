@@ -76,6 +76,9 @@ struct Options {
   unsigned idleSeconds = 0;
   unsigned requestSeconds = 600;
   unsigned searchSeconds = 60;
+  /// Why there are fewer clients than the options say; empty if there are not.
+  std::string fewerClients;
+  spdlog::level::level_enum fewerClientsLevel = spdlog::level::info;
 };
 
 // The parser would take a negative number, and one that does not fit, for another one.
@@ -246,9 +249,13 @@ void divideDescriptors(Options& options) {
   const std::size_t limit = descriptorLimit(options.openFiles);
   const DescriptorPlan plan = corvaned::divideDescriptors(limit, options.server.connections);
   if (plan.connections < options.server.connections) {
-    spdlog::warn(
+    options.fewerClients = fmt::format(
         "at most {} clients at a time: {} open files allow no more, --max-connections is {}",
         plan.connections, limit, options.server.connections);
+    // Nobody has asked for the default.
+    options.fewerClientsLevel = options.server.connections == ServerOptions().connections
+                                    ? spdlog::level::info
+                                    : spdlog::level::warn;
   }
   options.server.connections = plan.connections;
   options.store.index.descriptors = std::make_shared<DescriptorBudget>(plan.collections);
@@ -392,6 +399,10 @@ void serve(const Options& options, const std::function<Options()>& again) {
   writePortFile(options.portFile, lines);
   std::cout << lines << std::flush;
   spdlog::info("serving {}", options.data);
+  // Not before: a server that cannot start says one thing.
+  if (!options.fewerClients.empty()) {
+    spdlog::log(options.fewerClientsLevel, "{}", options.fewerClients);
+  }
   if (options.server.outlets) spdlog::warn("replies go wrong as --fault says");
   int signal = 0;
   while (sigwait(&signals, &signal) != 0 || signal == SIGHUP) reload(options, again);

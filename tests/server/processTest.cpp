@@ -145,6 +145,7 @@ TEST_F(ProcessTest, ClientsThatOpenFilesDoNotAllowAreSaidInTheLog) {
   words.back() = "warn";
   words.insert(words.end(), {"--max-open-files", "260", "--max-connections", "51"});
   CorvanedProgram program(words);
+  EXPECT_THAT(program.line(), StartsWith("listening binary"));
   EXPECT_THAT(program.line(), AllOf(HasSubstr("at most 50 clients"), HasSubstr("is 51")));
 }
 
@@ -163,6 +164,18 @@ TEST_F(ProcessTest, DirectoryIsFreeAtOnceAfterAKill) {
   EXPECT_EQ(first.wait(), 256 + SIGKILL);
   CorvanedProgram second(arguments());
   EXPECT_THAT(second.line(), StartsWith("listening binary"));
+}
+
+TEST_F(ProcessTest, ServerThatCannotStartSaysOneThing) {
+  CorvanedProgram first(arguments());
+  EXPECT_THAT(first.line(), StartsWith("listening binary"));
+  // Too few files for that many clients.
+  CorvanedProgram second({"--binary-port", "0", "--data", data_, "--max-open-files", "300",
+                          "--max-connections", "9999"});
+  const std::string said = second.rest();
+  EXPECT_THAT(said, StartsWith("corvaned: "));
+  EXPECT_EQ(said.find('\n'), said.size() - 1) << said;
+  EXPECT_EQ(second.wait(), 1);
 }
 
 TEST_F(ProcessTest, CollectionsAreCheckedAndRepaired) {
