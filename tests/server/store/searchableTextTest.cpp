@@ -159,6 +159,15 @@ TEST_F(SearchableTextTest, LongWordsAreFoundOrRefused) {
   EXPECT_THAT(refusal("\"red " + longest + "ing\""), HasSubstr("203 bytes"));
 }
 
+TEST_F(SearchableTextTest, BytesThatAreNoTextPartWords) {
+  add("parted", "re\377d");
+  add("whole", "red fox");
+  store_.updateIndex("c");
+  EXPECT_THAT(keys("re\377d"), ElementsAre("parted"));
+  EXPECT_THAT(keys("\377red\377fox\376"), ElementsAre("whole"));
+  EXPECT_THAT(keys("\377\376"), IsEmpty());
+}
+
 TEST_F(SearchableTextTest, SnippetsShowTheTextAsItIs) {
   add("k", std::string("a red ") + kFox + " " + kThaiLanguage);
   store_.updateIndex("c");
