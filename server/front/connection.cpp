@@ -82,7 +82,7 @@ std::size_t copiesOf(const Request& request, const DocumentReading& defaults) {
 }
 
 std::size_t bytesFor(const Request& request, std::uint64_t contentBytes,
-                     const DocumentReading& defaults = {}) {
+                     const DocumentReading& defaults) {
   std::size_t bytes = static_cast<std::size_t>(contentBytes) * copiesOf(request, defaults);
   for (const auto& [name, value] : request.headers)
     bytes += kHeaderCost + name.size() + value.size();
@@ -478,10 +478,14 @@ std::optional<Connection::State> Connection::answerRow(Workload workload) {
     for (;;) {
       if (!exchange_) {
         if (!queued_) queued_ = decoder_.next();
+        if (Request* const unready = std::exchange(unready_, nullptr)) {
+          awaitCollection(workload, *unready);
+          return std::nullopt;
+        }
         if (!queued_ || nextWorkload() != workload) return State::Serving;
         if (!context_.dispatcher().isReady(*queued_)) {
           place_.reset();
-          awaitCollection(workload);
+          awaitCollection(workload, *queued_);
           return std::nullopt;
         }
         if (!takePlace(workload)) return std::nullopt;
@@ -507,9 +511,9 @@ std::optional<Connection::State> Connection::answerRow(Workload workload) {
 }
 
 // That can take long, and a worker that waited for it would be missing for the others.
-void Connection::awaitCollection(Workload workload) {
-  waitWithoutWorker(workload, [this](std::function<void()> goOn) {
-    context_.dispatcher().makeReady(*queued_, std::move(goOn));
+void Connection::awaitCollection(Workload workload, Request& request) {
+  waitWithoutWorker(workload, [&](std::function<void()> goOn) {
+    context_.dispatcher().makeReady(request, std::move(goOn));
   });
 }
 
@@ -532,12 +536,10 @@ bool Connection::takePlace(Workload workload) {
   return false;
 }
 
-// How a collection has its documents read is known when it is open, and may take more memory than
-// what the request says.
+// Somebody may have set other defaults since the request was admitted.
 void Connection::reserveForDefaults() {
   if (queued_->refusal || queued_->content.empty()) return;
   const DocumentReading defaults = context_.dispatcher().documentDefaults(*queued_);
-  if (defaults == DocumentReading{}) return;
   const std::uint64_t contentBytes = queued_->content.size();
   const std::size_t bytes = bytesFor(*queued_, contentBytes, defaults);
   const MemoryBudget::Use use = useOf(bytes);
@@ -588,12 +590,19 @@ void Connection::awaitEnd(Workload workload) {
 }
 
 // Runs on the worker that decodes the header block.
-Admission::Verdict Connection::admit(const Request& request, std::uint64_t contentBytes) {
+Admission::Verdict Connection::admit(Request& request, std::uint64_t contentBytes) {
   // A stranger must not hold a connection for long.
   discardTime_ = context_.options().discardTimeout;
   if (!admitIdentity(request)) return Verdict::Wait;
   discardTime_ = context_.options().requestTimeout;
-  neededBytes_ = bytesFor(request, contentBytes);
+  const Dispatcher& dispatcher = context_.dispatcher();
+  // How a collection has its documents read is known when it is open, and may take more memory than
+  // what the request says.
+  if (contentBytes > 0 && Dispatcher::bringsDocuments(request) && !dispatcher.isReady(request)) {
+    unready_ = &request;
+    return Verdict::Wait;
+  }
+  neededBytes_ = bytesFor(request, contentBytes, dispatcher.documentDefaults(request));
   const MemoryBudget::Use use = useOf(neededBytes_);
   if (!context_.memory().canEverFit(neededBytes_, use)) {
     throw neverFits(contentBytes, neededBytes_, context_.memory());

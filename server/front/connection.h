@@ -148,7 +148,7 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
   void work(Workload workload);
   std::optional<State> answer(Workload workload);
   std::optional<State> answerRow(Workload workload);
-  void awaitCollection(Workload workload);
+  void awaitCollection(Workload workload, Request& request);
   bool takePlace(Workload workload);
   void reserveForDefaults();
   template <typename Wait>
@@ -170,7 +170,7 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
 
   void setSocketOptions();
   void notePeer();
-  Verdict admit(const Request& request, std::uint64_t contentBytes) override;
+  Verdict admit(Request& request, std::uint64_t contentBytes) override;
   bool admitIdentity(const Request& request);
   void awaitAdmission();
   void checkIdentity();
@@ -193,6 +193,8 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
 
   RequestDecoder decoder_;
   std::optional<Request> queued_;
+  // What the decoder keeps back until its collection is open.
+  Request* unready_ = nullptr;
   // What the request has to have to be carried out, where there are places for that.
   std::optional<FairPlaces::Place> place_;
   std::optional<Dispatcher::Exchange> exchange_;

@@ -159,12 +159,17 @@ void Dispatcher::open(Request& request, std::function<void()> opened) {
               });
 }
 
+bool Dispatcher::bringsDocuments(const Request& request) {
+  const Action* action = actionOf(request);
+  return action && corvaned::bringsDocuments(*action, request);
+}
+
 // Whatever is wrong with the request or its collection, the action finds.
 DocumentReading Dispatcher::documentDefaults(const Request& request) const {
-  const Action* action = actionOf(request);
-  if (!action || !bringsDocuments(*action, request) || request.unopened) return {};
+  if (!bringsDocuments(request) || request.unopened) return {};
   try {
-    return store_.documentDefaults(std::string(collectionNamedBy(request)));
+    const std::string collection(collectionNamedBy(request));
+    return store_.documentDefaultsIfOpen(collection).value_or(DocumentReading{});
   } catch (const std::exception&) {
     return {};
   }

@@ -39,8 +39,10 @@ class Dispatcher {
   /// collections that the request needs has then been opened, or cannot be.
   void makeReady(Request& request, std::function<void()> ready);
 
-  /// How the documents that a request carries are read where it does not say it. Its collection
-  /// should be open.
+  /// Whether the collection has a say in how much memory the request takes.
+  static bool bringsDocuments(const Request& request);
+  /// How the documents that a request carries are read where it does not say it, as far as that is
+  /// known: its collection should be open.
   DocumentReading documentDefaults(const Request& request) const;
 
   /// A request that has been carried out, except for what others do for it.

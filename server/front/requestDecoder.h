@@ -47,7 +47,8 @@ class Admission {
   virtual ~Admission() = default;
   /// Throws ServerError to refuse the request. It then comes out of the decoder at once, with the
   /// refusal, and its content is discarded as it arrives.
-  virtual Verdict admit(const Request& request, std::uint64_t contentBytes) = 0;
+  /// What `request` refers to stays where it is until the request comes out of the decoder.
+  virtual Verdict admit(Request& request, std::uint64_t contentBytes) = 0;
 };
 
 /// Splits the byte stream of one connection into requests. Feed it bytes in portions of any size,

@@ -192,6 +192,12 @@ DocumentReading LocalStore::documentDefaults(const std::string& name) {
   return registry_.use(name)->documentDefaults();
 }
 
+std::optional<DocumentReading> LocalStore::documentDefaultsIfOpen(const std::string& name) {
+  const auto collection = registry_.useIfOpen(name);
+  if (!collection) return std::nullopt;
+  return (*collection)->documentDefaults();
+}
+
 void LocalStore::setDocumentDefaults(const std::string& name, const DocumentReading& defaults) {
   find(name)->setDocumentDefaults(defaults);
 }

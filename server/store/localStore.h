@@ -60,6 +60,7 @@ class LocalStore : public Store {
   void closeCollection(const std::string& name) override;
   void deleteCollection(const std::string& name) override;
   DocumentReading documentDefaults(const std::string& name) override;
+  std::optional<DocumentReading> documentDefaultsIfOpen(const std::string& name) override;
   void setDocumentDefaults(const std::string& name, const DocumentReading& defaults) override;
   void addDocument(const std::string& name, const Document& document) override;
   using Store::queueDocument;

@@ -321,6 +321,8 @@ class Store {
   /// How the documents of the collection are to be read where their request does not say it. As
   /// long as nobody has set that: as plain text in UTF-8 and the collection's language.
   virtual DocumentReading documentDefaults(const std::string& name) = 0;
+  /// The same, or nothing if the collection is not open. Never waits for a disk.
+  virtual std::optional<DocumentReading> documentDefaultsIfOpen(const std::string& name) = 0;
   /// Replaces all of it. What has been accepted stays as it was read.
   virtual void setDocumentDefaults(const std::string& name, const DocumentReading& defaults) = 0;
 

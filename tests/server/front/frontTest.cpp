@@ -1003,6 +1003,14 @@ class FrugalFrontTest : public FrontTest {
     while (memory_->used() < bytes) std::this_thread::yield();
   }
 
+  /// Of the documents in the collection "c".
+  static void setCharset(RawClient& client, const std::string& charset) {
+    EXPECT_EQ(
+        httpAsk(client,
+                {{"action", "setConstructorConfiguration"}, {"index", "c"}, {"charset", charset}}),
+        kDone);
+  }
+
   static constexpr std::size_t kMiB = std::size_t{1} << 20U;
   std::shared_ptr<MemoryBudget> memory_ = std::make_shared<MemoryBudget>(8 * kMiB);
 };
@@ -1075,28 +1083,51 @@ TEST_F(FrugalFrontTest, DocumentNeedsTheMemoryThatItsCollectionHasItTake) {
   EXPECT_EQ(ask({}), kDone);
 }
 
-TEST_F(FrugalFrontTest, DocumentThatItsCollectionMakesLargeIsRefusedWhileOthersHoldTheMemory) {
+// Its collection is opened before it waits: nobody is told that a queued document is lost.
+TEST_F(FrugalFrontTest, DocumentThatItsCollectionMakesLargeWaitsForMemoryThatOthersHold) {
+  options_.memoryTimeout = std::chrono::minutes(5);
+  start();
   const std::string content = documentBlock("k", {}, std::string(kMiB / 4, 'x'));
-  const Headers add{{"action", "addDocument"}, {"index", "c"}};
   RawClient client(http_);
   EXPECT_EQ(httpAsk(client, {{"action", "createCollection"}, {"index", "c"}}), kDone);
-  EXPECT_EQ(
-      httpAsk(client,
-              {{"action", "setConstructorConfiguration"}, {"index", "c"}, {"charset", "latin1"}}),
-      kDone);
+  setCharset(client, "latin1");
+  for (const bool isOpen : {true, false}) {
+    if (!isOpen) {
+      EXPECT_EQ(httpAsk(client, {{"action", "closeCollection"}, {"index", "c"}}), kDone);
+    }
+    RawClient other(http_);
+    other.send(announced(kMiB));
+    awaitUse(4 * kMiB);
+    client.send(httpRequest({{"action", "asyncAddDocument"}, {"index", "c"}}, content));
+    RawClient another(http_);
+    another.send(httpRequest({{"action", "addDocument"}, {"index", "c"}}, content));
+    for (int i = 0; i < 10; ++i) expectServing();
+    other.send(std::string(kMiB, 'x'));
+    EXPECT_THAT(other.receiveHttp(), HasSubstr("ZVK0012E"));
+    EXPECT_EQ(another.receiveHttp(), kDone) << isOpen;
+    EXPECT_THAT(httpAsk(client, {{"action", "getParseResult"}, {"index", "c"}}),
+                AllOf(HasSubstr("Doc"), Not(HasSubstr("ZVK0016E"))))
+        << isOpen;
+  }
+}
+
+TEST_F(FrugalFrontTest, DocumentThatGetsLargeWhileItArrivesIsRefusedIfOthersHoldTheMemory) {
+  const std::string content = documentBlock("k", {}, std::string(kMiB / 4, 'x'));
+  const std::string add = httpRequest({{"action", "addDocument"}, {"index", "c"}}, content);
+  RawClient client(http_);
+  EXPECT_EQ(httpAsk(client, {{"action", "createCollection"}, {"index", "c"}}), kDone);
+  client.send(add.substr(0, add.size() - 1));
+  awaitUse(kMiB);
   RawClient other(http_);
+  setCharset(other, "latin1");
   other.send(announced(kMiB));
-  awaitUse(4 * kMiB);
-  EXPECT_THAT(httpAsk(client, add, content),
-              AllOf(HasSubstr("ZVK0016E"), HasSubstr("--max-memory")));
-  Headers queue = add;
-  queue["action"] = "asyncAddDocument";
-  client.send(httpRequest(queue, content));
-  EXPECT_THAT(httpAsk(client, {{"action", "getParseResult"}, {"index", "c"}}),
-              HasSubstr("ZVK0016E"));
+  awaitUse(5 * kMiB);
+  client.send(add.substr(add.size() - 1));
+  EXPECT_THAT(client.receiveHttp(), AllOf(HasSubstr("ZVK0016E"), HasSubstr("--max-memory")));
   other.send(std::string(kMiB, 'x'));
   EXPECT_THAT(other.receiveHttp(), HasSubstr("ZVK0012E"));
-  EXPECT_EQ(httpAsk(client, add, content), kDone);
+  client.send(add);
+  EXPECT_EQ(client.receiveHttp(), kDone);
 }
 
 TEST_F(FrugalFrontTest, RequestWaitsForMemoryThatAnotherOneHolds) {

@@ -37,6 +37,9 @@ class MockStore : public Store {
               (const std::string&, const std::string&, const Refresh&, const TextOptions&),
               (override));
   DocumentReading documentDefaults(const std::string&) override { return defaults; }
+  std::optional<DocumentReading> documentDefaultsIfOpen(const std::string&) override {
+    return defaults;
+  }
   MOCK_METHOD(void, setDocumentDefaults, (const std::string&, const DocumentReading&), (override));
   MOCK_METHOD(void, openCollection, (const std::string&), (override));
   MOCK_METHOD(void, closeCollection, (const std::string&), (override));

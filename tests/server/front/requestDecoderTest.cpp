@@ -179,7 +179,7 @@ TEST_P(BothFramings, AnnouncedSizesNearTheEndOfIntegersAreRefused) {
 /// Takes what it is told to take, and notes what it was asked.
 class ScriptedAdmission : public Admission {
  public:
-  Verdict admit(const Request& request, std::uint64_t contentBytes) override {
+  Verdict admit(Request& request, std::uint64_t contentBytes) override {
     asked.push_back(std::string(request.header("action")) + " " + std::to_string(contentBytes));
     if (refusal) throw *refusal;
     return verdict;
