@@ -153,9 +153,11 @@ JointReader::Ranking JointReader::ranked(const Xapian::Query& words, const Searc
                                          const IndexLimits& limits) const {
   const Page page = pageOf(query, database_.get_doccount());
   std::size_t held = 0;
-  for (const Member& member : members_) held += member.reader.memory();
+  for (const Member& member : members_) held += member.held + member.reader.memory();
   const MemoryBudget::Share keys = memoryForKeys(query, database_.size(), held, limits);
-  const MemoryBudget::Share ofWords = memoryForWords(words, database_, limits);
+  held += keys.bytes();
+  const MemoryBudget::Share ofWords = memoryForWords(words, database_, limits, held);
+  held += ofWords.bytes();
   const Interruptible interruptible(withinKeys(words, query));
   Xapian::Enquire enquire(database_);
   enquire.set_query(interruptible.query());
@@ -168,7 +170,7 @@ JointReader::Ranking JointReader::ranked(const Xapian::Query& words, const Searc
   const Order order = byValue ? Order{ValueOrder::keyIn, kValueKeyBytes} : Order{wholeSortKey, 0};
   sortBy(enquire, query.order, byValue ? &*byValue : nullptr);
   // Each of the others may have a document that ties with the last one of the page.
-  Ranking ranking = firstOf(enquire, order, page.end + members_.size() - 1, limits);
+  Ranking ranking = firstOf(enquire, order, page.end + members_.size() - 1, held, limits);
   cut(ranking.hits, page);
   return ranking;
 }
@@ -187,12 +189,13 @@ void JointReader::cut(std::vector<Found>& hits, const Page& page) {
 // A deleted key only counts in its own collection, which the engine cannot be told. So the hits
 // that are left out are fetched, too, and if they are many, fetched again together with more.
 JointReader::Ranking JointReader::firstOf(const Xapian::Enquire& enquire, const Order& order,
-                                          std::uint64_t enough, const IndexLimits& limits) const {
+                                          std::uint64_t enough, std::size_t held,
+                                          const IndexLimits& limits) const {
   const std::uint64_t documents = database_.get_doccount();
   for (std::uint64_t wanted = enough;;) {
     const std::uint64_t asked = std::min(wanted, documents);
     Ranking ranking;
-    ranking.memory = memoryToSort(enquire, asked, order.sortKeyBytes, limits);
+    ranking.memory = memoryToSort(enquire, asked, order.sortKeyBytes, limits, held);
     const Xapian::MSet matches = enquire.get_mset(0, static_cast<Xapian::doccount>(asked));
     keepVisible(matches, order, ranking);
     if (ranking.hits.size() >= enough || matches.size() < wanted) return ranking;

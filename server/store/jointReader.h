@@ -29,6 +29,8 @@ class JointReader {
     const std::string& collection;
     const IndexReader& reader;
     const Hidden& hidden;
+    /// What its open collection takes of the memory.
+    std::size_t held = 0;
   };
 
   /// Throws ServerError(BadParameter) that names two collections if their documents are not read
@@ -69,7 +71,7 @@ class JointReader {
                  const IndexLimits& limits) const;
   static void cut(std::vector<Found>& hits, const Page& page);
   Ranking firstOf(const Xapian::Enquire& enquire, const Order& order, std::uint64_t enough,
-                  const IndexLimits& limits) const;
+                  std::size_t held, const IndexLimits& limits) const;
   void keepVisible(const Xapian::MSet& matches, const Order& order, Ranking& ranking) const;
 
   const std::vector<Member> members_;

@@ -71,19 +71,20 @@ class WordCount {
 }  // namespace
 
 MemoryBudget::Share memoryForWords(const Xapian::Query& words, const Xapian::Database& database,
-                                   const IndexLimits& limits) {
+                                   const IndexLimits& limits, std::size_t held) {
   WordCount count(database, limits);
   if (!words.empty()) count.add(words);
   const std::size_t lists = count.words() * database.size();
   MemoryBudget::Share share = shareOf(limits);
   if (lists <= kFewLists) return share;
-  setAside(share, lists * kTableBlock, limits.memory.get(), ErrorKind::QueryTooBroad,
-           [&](std::size_t mebibytes) {
-             return fmt::format(
-                 "the query stands for {} words, for which {} MiB of memory are not free; write "
-                 "more letters in front of *, or raise --max-memory",
-                 count.words(), mebibytes);
-           });
+  const auto refusal = [&](std::size_t mebibytes) {
+    return fmt::format(
+        "the query stands for {} words, for which {} MiB of memory are not free; write more "
+        "letters in front of *, or raise --max-memory",
+        count.words(), mebibytes);
+  };
+  setAside(share, lists * kTableBlock, limits.memory.get(), ErrorKind::QueryTooBroad, refusal,
+           held);
   return share;
 }
 

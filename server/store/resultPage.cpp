@@ -20,12 +20,13 @@ Page pageOf(const SearchQuery& query, std::uint64_t documents) {
 }
 
 MemoryBudget::Share memoryToSort(const Xapian::Enquire& enquire, std::uint64_t hits,
-                                 std::size_t sortKeyBytes, const IndexLimits& limits) {
+                                 std::size_t sortKeyBytes, const IndexLimits& limits,
+                                 std::size_t held) {
   std::uint64_t most = hits;
   if (most > kFewHits) {
     most = std::min<std::uint64_t>(most, enquire.get_mset(0, 0).get_matches_upper_bound());
   }
-  return memoryFor(most, sortKeyBytes, limits);
+  return memoryFor(most, sortKeyBytes, limits, held);
 }
 
 }  // namespace corvaned

@@ -32,8 +32,9 @@ struct Page {
 Page pageOf(const SearchQuery& query, std::uint64_t documents);
 
 /// Sets aside what the engine takes to find the first `hits` hits; for each of them also
-/// `sortKeyBytes` if they are sorted by more than a key.
+/// `sortKeyBytes` if they are sorted by more than a key. `held` as in setAside().
 MemoryBudget::Share memoryToSort(const Xapian::Enquire& enquire, std::uint64_t hits,
-                                 std::size_t sortKeyBytes, const IndexLimits& limits);
+                                 std::size_t sortKeyBytes, const IndexLimits& limits,
+                                 std::size_t held = 0);
 
 }  // namespace corvaned

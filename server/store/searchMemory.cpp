@@ -29,16 +29,17 @@ void setAside(MemoryBudget::Share& share, std::size_t bytes, const MemoryBudget*
                     refusal((bytes >> 20U) + 1));
 }
 
-MemoryBudget::Share memoryFor(std::size_t hits, std::size_t sortKeyBytes,
-                              const IndexLimits& limits) {
+MemoryBudget::Share memoryFor(std::size_t hits, std::size_t sortKeyBytes, const IndexLimits& limits,
+                              std::size_t held) {
   MemoryBudget::Share share = shareOf(limits);
+  const auto refusal = [&](std::size_t mebibytes) {
+    return fmt::format(
+        "the result may have {} hits, for which {} MiB of memory are not free; ask for fewer with "
+        "\"size\" or \"resultLimit\", or raise --max-memory",
+        hits, mebibytes);
+  };
   setAside(share, hits * (kMatchCost + sortKeyBytes), limits.memory.get(), ErrorKind::QueryTooBroad,
-           [&](std::size_t mebibytes) {
-             return fmt::format(
-                 "the result may have {} hits, for which {} MiB of memory are not free; ask for "
-                 "fewer with \"size\" or \"resultLimit\", or raise --max-memory",
-                 hits, mebibytes);
-           });
+           refusal, held);
   return share;
 }
 

@@ -24,9 +24,9 @@ void setAside(MemoryBudget::Share& share, std::size_t bytes, const MemoryBudget*
               ErrorKind never, const MemoryRefusal& refusal, std::size_t held = 0);
 
 /// Sets aside what up to `hits` hits may take while they are sorted; for each of them also
-/// `sortKeyBytes` if they are sorted by more than a key.
-MemoryBudget::Share memoryFor(std::size_t hits, std::size_t sortKeyBytes,
-                              const IndexLimits& limits);
+/// `sortKeyBytes` if they are sorted by more than a key. `held` as in setAside().
+MemoryBudget::Share memoryFor(std::size_t hits, std::size_t sortKeyBytes, const IndexLimits& limits,
+                              std::size_t held = 0);
 
 /// Sets aside what the engine takes to read so many lists of documents at the same time.
 MemoryBudget::Share memoryForLists(std::size_t lists, const IndexLimits& limits);

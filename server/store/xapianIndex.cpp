@@ -335,7 +335,7 @@ std::vector<HitDetails> XapianIndex::details(std::span<const Member> members,
   const auto together = [&](const IndexReaders::Handles& handles) {
     std::vector<JointReader::Member> joint;
     for (std::size_t i = 0; i < members.size(); ++i) {
-      joint.push_back({members[i].collection, *handles[i], members[i].hidden});
+      joint.push_back({members[i].collection, *handles[i], members[i].hidden, members[i].held});
     }
     return JointReader(std::move(joint)).details(query, wanted, members.front().index.limits_);
   };

@@ -327,6 +327,50 @@ TEST_F(TogetherTest, OptionsThatDoNotConcernWordsMayDiffer) {
               AllOf(StartsWith("ZVK0004E"), HasSubstr("\"b\"")));
 }
 
+/// Two collections whose handles take much of the memory.
+class TogetherInPartsTest : public TogetherTest {
+ protected:
+  TogetherInPartsTest() : TogetherTest(16) {}
+
+  /// Indexes so many documents in each of the two.
+  void fill(int documents, const std::string& text, const Metadata& metadata = {}) {
+    for (const char* name : {"a", "b"}) {
+      create(name);
+      for (int i = 0; i < documents; ++i) put(name, std::to_string(i), text, metadata);
+    }
+    update({"a", "b"});
+  }
+
+  void reopen(std::size_t memory) {
+    store_.reset();
+    memory_ = std::make_shared<MemoryBudget>(memory);
+    limits_.index.memory = memory_;
+    open();
+  }
+};
+
+// The lists of all of them would fit without the handles.
+TEST_F(TogetherInPartsTest, WordsThatNeverFitBesideTheHandlesAreNoReasonToTryAgain) {
+  constexpr int kWords = 215;
+  std::string text;
+  for (int i = 0; i < kWords; ++i) text += "w" + std::to_string(i) + " ";
+  fill(1, text);
+  EXPECT_THAT(refusal({"a", "b"}, "w*"),
+              AllOf(StartsWith("ZVK0011E"), HasSubstr(" " + std::to_string(kWords) + " words")));
+  EXPECT_THAT(found({"a"}, "w*"), SizeIs(1));
+}
+
+TEST_F(TogetherInPartsTest, HitsThatNeverFitBesideTheHandlesAreNoReasonToTryAgain) {
+  constexpr int kDocuments = 550;
+  fill(kDocuments, "fox", {{"[sortable]year", "1851"}});
+  reopen(std::size_t{8} << 20U);
+  SearchQuery query = queryFor("fox");
+  query.order = HitOrder::Value;
+  query.sortBy = "year";
+  EXPECT_THAT(refusal({"a", "b"}, query), AllOf(StartsWith("ZVK0011E"), HasSubstr("hits")));
+  EXPECT_THAT(found({"a"}, query), SizeIs(kDocuments));
+}
+
 TEST_F(TogetherTest, NamesOfMetadataMayBeMissingButNotInAnotherOrder) {
   for (const char* name : {"a", "b", "c", "d"}) create(name);
   put("a", "k", "fox", {{"title", "hen"}, {"author", "cock"}});
