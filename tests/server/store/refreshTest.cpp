@@ -6,8 +6,10 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -238,6 +240,55 @@ TEST_F(RefreshTest, IsTriedAgainWhenThereIsNoMemoryToOpenTheCollection) {
   while (hasChanges(directory)) std::this_thread::yield();
   EXPECT_EQ(hits("fox"), 1U);
   EXPECT_EQ(log.with(line).size(), 1U);
+  store_.reset();
+}
+
+// Each waits for one second after its first failure. Another one that has begun later can only be
+// tried twice between two attempts of the first if these have become rare.
+TEST_F(RefreshTest, CollectionThatHasFailedOftenIsTriedLessOftenThanOthers) {
+  store_.reset();
+  const test::LogLines log;
+  limits_.indexThreads = 1;
+  limits_.index.memory = std::make_shared<MemoryBudget>(std::size_t{16} << 20U);
+  restart();
+  const std::filesystem::path collections = directory_.path() / "data/collections";
+  // Attempts at the first come after 1000, 2000, 4000 ms and so on.
+  const std::map<std::string, int> milliseconds{
+      {"c", 1000}, {"d", 2500}, {"e", 5500}, {"f", 10500}};
+  for (const auto& [name, time] : milliseconds) {
+    store_->createCollection(name, "en", every(std::chrono::milliseconds(time)));
+  }
+  MemoryBudget::Share rest(*limits_.index.memory);
+  do {
+    rest.force(0);
+    for (const auto& each : milliseconds) {
+      store_->addDocument(each.first, {"k", {}, "fox"});
+      store_->closeCollection(each.first);
+      while (!store_->isSettled(each.first) || store_->isOpen(each.first)) {
+        std::this_thread::yield();
+      }
+    }
+    rest.force(limits_.index.memory->limit());
+    while (!store_->isSettled("c")) std::this_thread::yield();
+  } while (store_->isOpen("c") || !hasChanges(collections / "c"));
+  test::OpeningOrder openings;
+  for (const auto& each : milliseconds) {
+    openings.add(each.first, optionsPath(collections / each.first));
+  }
+  constexpr int kMost = 9;
+  std::set<std::string> since;
+  bool isRarer = false;
+  for (int attempts = 0; attempts < kMost && !isRarer;) {
+    const std::string name = openings.next();
+    if (name == "c") {
+      ++attempts;
+      since.clear();
+    } else {
+      isRarer = !since.insert(name).second && attempts > 0;
+    }
+  }
+  EXPECT_TRUE(isRarer);
+  EXPECT_EQ(log.with("failure: action=\"refresh\" collection=\"c\" error=ZVK0016E").size(), 1U);
   store_.reset();
 }
 

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -57,6 +58,34 @@ class OpeningWatch {
 
  private:
   const int watch_;
+};
+
+/// Tells which of some files are opened, and in which order.
+class OpeningOrder {
+ public:
+  OpeningOrder() : watch_(::inotify_init1(IN_CLOEXEC)) {}
+  ~OpeningOrder() { ::close(watch_); }
+  OpeningOrder(const OpeningOrder&) = delete;
+  OpeningOrder& operator=(const OpeningOrder&) = delete;
+
+  void add(const std::string& name, const std::filesystem::path& file) {
+    const int number = ::inotify_add_watch(watch_, file.c_str(), IN_OPEN);
+    if (number < 0) throw std::runtime_error("the file cannot be watched");
+    names_[number] = name;
+  }
+
+  /// Waits until one is opened.
+  std::string next() const {
+    inotify_event event{};
+    if (::read(watch_, &event, sizeof event) != sizeof event) {
+      throw std::runtime_error("the files cannot be watched any more");
+    }
+    return names_.at(event.wd);
+  }
+
+ private:
+  const int watch_;
+  std::map<int, std::string> names_;
 };
 
 /// Makes the next opening of a closed collection, in this process or another one, take until it is
