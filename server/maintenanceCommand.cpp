@@ -92,10 +92,11 @@ std::string jsonOf(const Repair& repair) {
     lost.push_back(object + "}");
   }
   return fmt::format(
-      "{{{},\"original\":{},\"documentsKept\":{},\"documentsLost\":{},\"languageLost\":{},"
+      "{{{},\"original\":{},\"documentsKept\":{},\"changesKept\":{},\"documentsLost\":{},"
+      "\"languageLost\":{},"
       "\"complete\":{}}}",
-      jsonOf(repair.found), jsonText(repair.original.string()), repair.documentsKept, joined(lost),
-      repair.languageLost, repair.losesNothing());
+      jsonOf(repair.found), jsonText(repair.original.string()), repair.documentsKept,
+      repair.changesKept, joined(lost), repair.languageLost, repair.losesNothing());
 }
 
 void print(const CollectionCheck& check) {
@@ -151,7 +152,7 @@ void print(const Repair& repair) {
   std::cout << fmt::format("repaired; as it was, the collection is in {}\n",
                            repair.original.string());
   std::cout << fmt::format("  kept: {} documents of the index, {} changes\n", repair.documentsKept,
-                           repair.found.changes);
+                           repair.changesKept);
   if (!repair.losesNothing()) printLosses(repair);
 }
 

@@ -329,7 +329,11 @@ class Rebuilding {
     if (isBehindIndex()) return;
     std::uint64_t ticket = 0;
     JournalScan(
-        damaged_, [&](std::uint64_t, Change&& change) { ticket = journal.append(change).ticket; },
+        damaged_,
+        [&](std::uint64_t, Change&& change) {
+          ticket = journal.append(change).ticket;
+          repair_.changesKept += changesIn(change);
+        },
         [](const JournalFault&) {})
         .run();
     journal.sync(ticket);

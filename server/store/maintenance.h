@@ -53,6 +53,8 @@ struct Repair {
   /// The collection as it was; empty if it was sound, and nothing was changed.
   std::filesystem::path original;
   std::uint64_t documentsKept = 0;
+  /// Those that wait for updateIndex now.
+  std::uint64_t changesKept = 0;
   /// The index was made anew from the texts of the documents that can be read.
   bool indexMadeAnew = false;
   std::vector<LostDocument> documentsLost;

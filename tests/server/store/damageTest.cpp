@@ -499,7 +499,9 @@ TEST_F(AgeTest, IndexThatIsOlderThanTheJournalIsRefusedAndRepaired) {
   // The first three are in the index; of the later ones only the last is still in the journal.
   EXPECT_EQ(check.journal.front().firstLost, 4U);
   EXPECT_EQ(check.journal.front().lastLost, 9U);
-  EXPECT_FALSE(Maintenance(data()).repair("c").losesNothing());
+  const Repair repair = Maintenance(data()).repair("c");
+  EXPECT_FALSE(repair.losesNothing());
+  EXPECT_EQ(repair.changesKept, 1U);
   EXPECT_EQ(opening(), "");
   LocalStore store(data(), {});
   store.updateIndex("c");
@@ -510,7 +512,9 @@ TEST_F(AgeTest, JournalThatIsOlderThanTheIndexIsRefusedAndRepaired) {
   putBack(false);
   EXPECT_THAT(opening(), HasSubstr("older than the index"));
   EXPECT_FALSE(Maintenance(data()).check("c").isSound());
-  EXPECT_FALSE(Maintenance(data()).repair("c").losesNothing());
+  const Repair repair = Maintenance(data()).repair("c");
+  EXPECT_FALSE(repair.losesNothing());
+  EXPECT_EQ(repair.changesKept, 0U) << "what the index has had is not brought back";
   EXPECT_EQ(opening(), "");
   LocalStore store(data(), {});
   store.updateIndex("c");
