@@ -14,6 +14,16 @@ namespace {
 
 void forget() { mark.number.store(0, std::memory_order_relaxed); }
 
+/// The kernel empties the page in every child that has memory of its own, however it was made.
+void watchByPage() {
+  // Where pages are larger, the one of the mark holds other things too.
+  if (::sysconf(_SC_PAGESIZE) != static_cast<long>(kPage)) return;
+  ::madvise(&mark, sizeof mark, MADV_WIPEONFORK);
+}
+
+/// The library empties it in a child of fork().
+bool watchByHandler() { return ::pthread_atfork(nullptr, nullptr, forget) == 0; }
+
 }  // namespace
 
 unsigned int number() noexcept {
@@ -24,14 +34,6 @@ unsigned int number() noexcept {
   return mark.number.compare_exchange_strong(present, next) ? next : present;
 }
 
-bool watchByPage() noexcept {
-  // Where pages are larger, the one of the mark holds other things too.
-  return ::sysconf(_SC_PAGESIZE) == static_cast<long>(kPage) &&
-         ::madvise(&mark, sizeof mark, MADV_WIPEONFORK) == 0;
-}
-
-bool watchByHandler() noexcept { return ::pthread_atfork(nullptr, nullptr, forget) == 0; }
-
 }  // namespace forks
 
 void watchForks() noexcept {
@@ -40,7 +42,9 @@ void watchForks() noexcept {
   // that unloading the library ends it.
   static std::atomic<bool> watching{false};
   if (watching.load(std::memory_order_relaxed)) return;
-  if (forks::watchByPage() || forks::watchByHandler()) watching = true;
+  forks::watchByPage();
+  // In any case: an emulator may call an advice taken that it does not know.
+  if (forks::watchByHandler()) watching = true;
 }
 
 }  // namespace tq::comm

@@ -23,12 +23,6 @@ extern Mark mark;
 /// Gives this process a number that none of its ancestors has.
 unsigned int number() noexcept;
 
-/// The kernel empties the page in every child that has memory of its own, however it was made.
-/// False where it cannot.
-bool watchByPage() noexcept;
-/// The library empties it in a child of fork().
-bool watchByHandler() noexcept;
-
 }  // namespace forks
 
 /// A number that is another one in a forked child than in its parent, so that a child can tell what
