@@ -37,6 +37,9 @@ constexpr std::size_t kFramingPiece = 256;
 constexpr int kUnfilled = -1;
 
 constexpr int kOk = 200;
+constexpr int kFirstRedirection = 300;
+constexpr int kBadGateway = 502;
+constexpr int kGatewayTimeOut = 504;
 
 bool hasId(const RESTException& error, const icu::UnicodeString& id) {
   const tq::oss::MessageList& messages = error.getMessageList();
@@ -60,10 +63,20 @@ class Exchanging {
   bool& running_;
 };
 
-/// What a whole reply says of its request. An interim one says only that the request has come.
+/// True for a reply that leaves open what became of its request. An interim one says only that the
+/// request has come. Without a length a 2xx other than 200 is no reply of this protocol, but
+/// refuses nothing, and 502 or 504 comes from a gateway that has lost sight of the request.
+bool leavesOpen(const RESTResponse& parser) {
+  const int status = parser.getStatusCode();
+  if (parser.isInterim()) return true;
+  return parser.isUnmeasured() &&
+         (status < kFirstRedirection || status == kBadGateway || status == kGatewayTimeOut);
+}
+
+/// What a whole reply says of its request.
 RequestOutcome verdictOf(const RESTResponse& parser) {
   if (parser.getStatusCode() == kOk) return RequestOutcome::Answered;
-  return parser.isInterim() ? RequestOutcome::MayBeApplied : RequestOutcome::Rejected;
+  return leavesOpen(parser) ? RequestOutcome::MayBeApplied : RequestOutcome::Rejected;
 }
 
 bool isDefault(const SelectivityInfo& estimate) {

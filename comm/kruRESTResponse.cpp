@@ -144,6 +144,9 @@ bool announcesClose(std::string_view line) {
   return false;
 }
 
+/// Of a reply that no header measures.
+bool hasNoBody(int status) { return status == kNoContent || status == kNotModified; }
+
 /// The text after the name and the colon of a header line.
 icu::UnicodeString headerValue(const icu::UnicodeString& line, int nameStart) {
   const int colon = line.indexOf(u':', nameStart);
@@ -317,8 +320,8 @@ void RESTResponse::takeHeaderBlock(std::string_view block) {
     // What no header measures ends with the connection, and nobody waits for that: the status has
     // said all that a text of unknown form can.
     setContentLen(0);
-    unmeasured_ = statusCode_ != kNoContent && statusCode_ != kNotModified;
-    endsConnection_ = endsConnection_ || unmeasured_;
+    unmeasured_ = true;
+    if (!hasNoBody(statusCode_)) endsConnection_ = true;
   }
   // Taken for the reply because it announces a body, which no interim one should. The final reply
   // is still to come, and would be that of the next request.
@@ -486,7 +489,7 @@ bool RESTResponse::firstBodyIsTooShort(const char* buffer, int length) const {
 int RESTResponse::parseBody(const char* buffer, int length, ClientResponse& response, bool& done) {
   const tq::oss::TraceScope trace(trace::RESTResponseParseBody);
   if (statusCode_ == kOk) response.setReturnCode(0);
-  if (unmeasured_) raiseServerError(buffer, 0);
+  if (unmeasured_ && !hasNoBody(statusCode_)) raiseServerError(buffer, 0);
   if (contentLength_ == 0) {
     state_ = kDone;
     done = true;

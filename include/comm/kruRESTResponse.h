@@ -24,9 +24,9 @@ class Reader;
 /// RESTException. It keeps no pointer into what it was fed. One object serves one thread.
 ///
 /// A reply is a status line, header lines ended by CR LF, a blank line, and a body of as many bytes
-/// as "Content-Length" announces or in chunks. A refusal without either is taken by its status
-/// alone; 204 and 304 have no body. The first 4 bytes of a first body mean nothing;
-/// records follow, each with its length in front (4 bytes, big-endian), up to a length of 0.
+/// as "Content-Length" announces or in chunks. A status above 200 without either speaks for
+/// itself; 204 and 304 then have no body. The first 4 bytes of a first body mean nothing; records
+/// follow, each with its length in front (4 bytes, big-endian), up to a length of 0.
 class KRU_EXPORT RESTResponse {
  public:
   /// `streaming`: the parser continues a chunked reply. It begins at a chunk-size line and takes
@@ -107,6 +107,8 @@ class KRU_EXPORT RESTResponse {
   bool endsConnection() const { return endsConnection_; }
   /// True for the statuses 100 to 199.
   bool isInterim() const;
+  /// True for a status above 200 with neither a length nor chunks.
+  bool isUnmeasured() const { return unmeasured_; }
   int getStatusCode() const { return statusCode_; }
   int getContentLength() const { return contentLength_; }
 
@@ -152,7 +154,6 @@ class KRU_EXPORT RESTResponse {
   // them and passes them again, followed by the next chunk.
   int joined_ = 0;
   bool endsConnection_ = false;
-  // A refusal with neither a length nor chunks.
   bool unmeasured_ = false;
   bool lastChunk_ = false;
   bool endMark_ = false;

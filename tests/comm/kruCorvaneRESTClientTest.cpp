@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -2191,15 +2192,24 @@ TEST(CorvaneRESTClient, AnInterimReplyThatHasALengthLeavesNoReplyToTheNextReques
   }
 }
 
-TEST(CorvaneRESTClient, ARefusalWithoutALengthIsARefusal) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"400 Bad Request", "ERR_SERVER_PROTOCOL"},
-      {"401 Unauthorized", "ERR_SERVER_INVALID_AUTH"},
-      {"500 Internal Server Error", "ERR_SERVER_APP"},
-      {"503 Service Unavailable", "ERR_SERVER_PROTOCOL"},
-      {"204 No Content", ""},
-      {"304 Not Modified", ""}};
-  for (const auto& [status, error] : cases) {
+TEST(CorvaneRESTClient, AReplyWithoutALengthIsTakenByItsStatus) {
+  constexpr auto kRejected = RequestOutcome::Rejected;
+  // A gateway that has lost sight of the request, and what refuses nothing.
+  constexpr auto kOpen = RequestOutcome::MayBeApplied;
+  const std::tuple<const char*, const char*, RequestOutcome> cases[] = {
+      {"400 Bad Request", "ERR_SERVER_PROTOCOL", kRejected},
+      {"401 Unauthorized", "ERR_SERVER_INVALID_AUTH", kRejected},
+      {"500 Internal Server Error", "ERR_SERVER_APP", kRejected},
+      {"501 Not Implemented", "ERR_SERVER_PROTOCOL", kRejected},
+      {"502 Bad Gateway", "ERR_SERVER_PROTOCOL", kOpen},
+      {"503 Service Unavailable", "ERR_SERVER_PROTOCOL", kRejected},
+      {"504 Gateway Timeout", "ERR_SERVER_PROTOCOL", kOpen},
+      {"201 Created", "ERR_SERVER_PROTOCOL", kOpen},
+      {"299 Any", "ERR_SERVER_PROTOCOL", kOpen},
+      {"300 Multiple Choices", "ERR_SERVER_PROTOCOL", kRejected},
+      {"204 No Content", "", kOpen},
+      {"304 Not Modified", "", kRejected}};
+  for (const auto& [status, error, outcome] : cases) {
     for (const char* text :
          {"", "try again later", "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"}) {
       for (const int kind : {kCreateCollection, kStreamSearch, kParseResult}) {
@@ -2221,12 +2231,24 @@ TEST(CorvaneRESTClient, ARefusalWithoutALengthIsARefusal) {
         EXPECT_EQ(errorOf([&] { client.sendAndRecvMesg(request, response); }).errorId, error);
         EXPECT_FALSE(response.success());
         EXPECT_TRUE(client.isEndOfStream());
-        EXPECT_EQ(client.getRequestOutcome(), RequestOutcome::Rejected);
+        EXPECT_EQ(client.getRequestOutcome(), outcome);
         EXPECT_EQ(network.requests(), 1U);
         EXPECT_EQ(runExchange(client, nextReply().kind), nextReply().expected);
         EXPECT_EQ(network.connections(), hasBody ? 2U : 1U);
         EXPECT_FALSE(network.waitedForever());
       }
+    }
+  }
+}
+
+TEST(CorvaneRESTClient, AGatewaysRefusalWithALengthIsARefusal) {
+  for (const char* status : {"502 Bad Gateway", "504 Gateway Timeout", "201 Created"}) {
+    for (const char* rest : {"Content-Length: 0\r\n\r\n", "Content-Length: 4\r\n\r\nbusy"}) {
+      ScriptedNetwork network(
+          {Script().expectRequest().send(std::string("HTTP/1.1 ") + status + "\r\n" + rest)});
+      auto client = clientFor(kPersistent);
+      exchangeError(client, kCreateCollection);
+      EXPECT_EQ(client.getRequestOutcome(), RequestOutcome::Rejected) << status << rest;
     }
   }
 }
