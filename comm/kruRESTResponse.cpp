@@ -347,7 +347,8 @@ void RESTResponse::readHeaders(std::string_view block) {
       acceptLength(named ? leadingNumber(line.substr(colon + 1)) : 0);
     }
     if (line.find(kEncoding) != std::string_view::npos) chunked_ = true;
-    if (announcesClose(line)) endsConnection_ = true;
+    // The letter first: most lines are others.
+    if ((line.front() | 0x20) == 'c' && announcesClose(line)) endsConnection_ = true;
   }
 }
 
