@@ -36,9 +36,10 @@ bool needsQueue(ClientRequest::REQUEST kind) {
 }
 
 /// Over HTTP this id stands for a status by which the server, or whatever stands before it,
-/// refuses. Over the binary protocol it stands for what is no reply.
+/// refuses, or leaves open what became of the request. Over the binary protocol it stands for what
+/// is no reply.
 bool isRefusalWithoutAWord(const Core& core, const kru_error& report) {
-  return core.binary == nullptr && report.code == KRU_PROTOCOL &&
+  return core.binary == nullptr && core.client->isRefused() && report.code == KRU_PROTOCOL &&
          std::strcmp(report.id, "ERR_SERVER_PROTOCOL") == 0;
 }
 
@@ -128,6 +129,9 @@ void exchange(Core& core, ClientRequest& request, tq::comm::ClientResponse& resp
   }
   // Over HTTP a refusal without a body is no exception.
   if (!response.success()) {
+    if (core.binary == nullptr && !core.client->isRefused()) {
+      throw Failure{KRU_PROTOCOL, "the reply", "says nothing of what became of the request"};
+    }
     throw Failure{KRU_REFUSED, "the server refused the request", "without saying why"};
   }
 }

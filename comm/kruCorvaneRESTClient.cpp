@@ -243,6 +243,7 @@ void CorvaneRESTClient::sendAndRecvMesgOnce(ClientRequest& request, ClientRespon
   const tq::oss::TraceScope trace(trace::CorvaneRESTClientSendAndRecvMesgOnce);
   const OperationScope operation(*this);
   outcome_ = RequestOutcome::NotSent;
+  refused_ = false;
   refuseUnsendable(request);
   beginExchange(response);
   requestKind_ = request.getRequest();
@@ -365,7 +366,9 @@ void CorvaneRESTClient::refuseOnBrokenLine() const {
 }
 
 void CorvaneRESTClient::noteOutcome(RequestOutcome outcome) {
-  if (exchanging_ || exchange_ == Exchange::Running) outcome_ = outcome;
+  if (!exchanging_ && exchange_ != Exchange::Running) return;
+  outcome_ = outcome;
+  refused_ = outcome == RequestOutcome::Rejected;
 }
 
 void CorvaneRESTClient::sendMesg(RESTMessage& message) {

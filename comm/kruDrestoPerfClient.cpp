@@ -165,6 +165,7 @@ void DrestoPerfClient::sendAndRecvMesgOnce(ClientRequest& request, ClientRespons
 
 void DrestoPerfClient::exchange(ClientRequest& request, ClientResponse& response) {
   outcome_ = RequestOutcome::NotSent;
+  refused_ = false;
   refuseUnsendable(request);
   beginExchange(response);
   requestKind_ = request.getRequest();

@@ -52,7 +52,8 @@ enum {
                              "ERR_SERVER_APP" (status 500) or "ERR_SERVER_PROTOCOL"; "KRU_REFUSED"
                              when it did not say why */
   KRU_UNAUTHORIZED = 18,  /* the server does not know the caller: its id says so, or its status */
-  KRU_PROTOCOL = 19,      /* what arrived is no reply, or exceeds a limit */
+  KRU_PROTOCOL = 19,      /* what arrived is no reply, exceeds a limit, or leaves open what became
+                             of the request */
   KRU_INTERNAL = 20,      /* other failures of the library */
   KRU_TRUNCATED = 21,     /* the reply broke off: what was handed out is right, but not all */
   KRU_CURSOR_LOST = 22,   /* another request took the place of what the cursor reads */

@@ -114,6 +114,9 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   /// What became of the last request that was exchanged, whether or not the exchange succeeded.
   /// What is sent and received by hand does not change it.
   RequestOutcome getRequestOutcome() const;
+  /// True when the last reply to it was a refusal. The outcome may then still be "may be applied",
+  /// by an attempt before.
+  bool isRefused() const { return refused_; }
 
   /// The whole exchange. The request's key and content are read, not copied, and must live until
   /// the call returns. On a failure `response` holds what had been decoded before it. A response
@@ -245,6 +248,7 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   bool truncated_ = false;
   Exchange exchange_ = Exchange::None;
   RequestOutcome outcome_ = RequestOutcome::NotSent;
+  bool refused_ = false;
   ClientRequest::REQUEST requestKind_{};
   /// The current exchange; 0 before the first one.
   std::uint64_t exchangeNumber_ = 0;

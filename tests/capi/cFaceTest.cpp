@@ -803,6 +803,26 @@ TEST_P(CFaceOverHttp, ARefusalWhoseTextNothingMeasuresIsARefusal) {
   }
 }
 
+TEST_P(CFaceOverHttp, AReplyThatLeavesTheRequestOpenIsNoRefusal) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"103 Early Hints\r\nContent-Length: 0\r\n\r\n", "KRU_PROTOCOL"},
+      {"103 Early Hints\r\nContent-Length: 5\r\n\r\nhello", "ERR_SERVER_PROTOCOL"},
+      {"204 No Content\r\n\r\n", "KRU_PROTOCOL"},
+      {"504 Gateway Timeout\r\n\r\n", "ERR_SERVER_PROTOCOL"}};
+  for (const auto& [reply, id] : cases) {
+    SCOPED_TRACE(reply);
+    ScriptedNetwork network(answers({std::string("HTTP/1.1 ") + reply}));
+    create();
+    EXPECT_EQ(update(), KRU_PROTOCOL);
+    EXPECT_EQ(error.outcome, KRU_MAY_BE_APPLIED);
+    EXPECT_EQ(error.retry, KRU_RETRY_USELESS);
+    EXPECT_EQ(error.connection, KRU_CONNECTION_REPLACED);
+    EXPECT_STREQ(error.id, id);
+    kru_client_destroy(client);
+    client = nullptr;
+  }
+}
+
 TEST_P(CFaceOverHttp, AServerErrorIsARefusalWhateverIsLegibleOfIt) {
   const auto says = [](const std::string& status, const std::string& body) {
     return "HTTP/1.1 " + status + "\r\nContent-Length: " + std::to_string(body.size()) +
