@@ -77,6 +77,18 @@ class EmptyStore : public corvaned::Store {
                         const corvaned::TextOptions&) override {
     named(name);
   }
+  corvaned::DocumentReading documentDefaults(const std::string& name) override {
+    named(name);
+    return {};
+  }
+  std::optional<corvaned::DocumentReading> documentDefaultsIfOpen(
+      const std::string& name) override {
+    named(name);
+    return corvaned::DocumentReading{};
+  }
+  void setDocumentDefaults(const std::string& name, const corvaned::DocumentReading&) override {
+    named(name);
+  }
   void openCollection(const std::string& name) override { named(name); }
   void closeCollection(const std::string& name) override { named(name); }
   void deleteCollection(const std::string& name) override { named(name); }
