@@ -1,7 +1,5 @@
 #include "capi/kruCall.h"
 
-#include <cstring>
-
 #include "capi/kruFailure.h"
 #include "comm/kruClientResponse.h"
 #include "comm/kruCorvaneRESTClient.h"
@@ -33,14 +31,6 @@ std::int32_t outcomeOf(const Core& core, const Call& call) {
 bool needsQueue(ClientRequest::REQUEST kind) {
   return kind == ClientRequest::ASYNCH_ADD_DOCUMENT || kind == ClientRequest::LAST_DOC_SENT ||
          kind == ClientRequest::UPDATE_INDEX || kind == ClientRequest::PARSE_RESULT;
-}
-
-/// Over HTTP this id stands for a status by which the server, or whatever stands before it,
-/// refuses, or leaves open what became of the request. Over the binary protocol it stands for what
-/// is no reply.
-bool isRefusalWithoutAWord(const Core& core, const kru_error& report) {
-  return core.binary == nullptr && core.client->isRefused() && report.code == KRU_PROTOCOL &&
-         std::strcmp(report.id, "ERR_SERVER_PROTOCOL") == 0;
 }
 
 std::int32_t retryOf(const Core& core, const Call& call, const kru_error& report) {
@@ -104,11 +94,11 @@ std::int32_t settle(Core& core, const Call& call, kru_error& report, kru_error* 
   if (core.destroyed) core.client->close();
   // A reply that is read on belongs to a request that was there before.
   if (call.fetches && report.code == KRU_MISUSE && core.asked) report.code = KRU_CURSOR_LOST;
-  if (isRefusalWithoutAWord(core, report)) report.code = KRU_REFUSED;
   report.outcome = outcomeOf(core, call);
-  // The server's error was read to its end, and what it says may spell the library's id for what is
-  // no reply, or cannot be decoded.
-  if (report.outcome == KRU_REJECTED && report.code == KRU_PROTOCOL) report.code = KRU_REFUSED;
+  // The server's error was read to its end. It may be without a word or not to be decoded, or spell
+  // the library's id for what is no reply. The outcome also speaks of attempts before.
+  const bool isRefused = core.asked && !call.fetches && core.client->isRefused();
+  if (isRefused && report.code == KRU_PROTOCOL) report.code = KRU_REFUSED;
   report.retry = retryOf(core, call, report);
   report.connection = connectionAfter(core, call, report);
   nameServer(report, *core.client);

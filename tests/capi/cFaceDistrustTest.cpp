@@ -85,6 +85,22 @@ TEST_P(CFaceDistrust, OfAServerThatBorrowsTheLibrarysWordsSaysThatItRefused) {
   }
 }
 
+// What an earlier attempt may have done stays open; that this one was refused does not.
+TEST_P(CFaceDistrust, OfBorrowedWordsInTheReplyToARepetitionSaysThatItRefused) {
+  for (const char* id : {"ERR_CLIENT_RESP_PARSING", "ERR_SERVER_PROTOCOL"}) {
+    SCOPED_TRACE(id);
+    Script lost;
+    replies.expect(lost).reset();
+    ScriptedNetwork network({lost, answers({replies.refusal(id, "so it says")})});
+    kru_client_set(client, KRU_RETRIES, 1, nullptr);
+    EXPECT_EQ(update(error), KRU_REFUSED);
+    EXPECT_STREQ(error.message, "so it says");
+    EXPECT_EQ(error.outcome, KRU_MAY_BE_APPLIED);
+    EXPECT_EQ(network.connections(), 2U);
+    kru_client_disconnect(client, nullptr);
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(Over, CFaceDistrust, testing::Bool(), [](const auto& over) {
   return std::string(over.param ? "Binary" : "Http");
 });
