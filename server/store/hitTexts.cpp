@@ -1,7 +1,10 @@
 #include "server/store/hitTexts.h"
 
+#include <fmt/format.h>
+
 #include "server/base/documentForm.h"
 #include "server/base/errors.h"
+#include "server/store/searchMemory.h"
 #include "server/store/textNormalizer.h"
 #include "server/store/xapianSchema.h"
 
@@ -37,8 +40,14 @@ std::vector<std::pair<std::string, std::string>> valuesIn(const Document& docume
 }
 
 void keep(std::vector<HitDetails>& details, HitDetails&& one,
-          const std::shared_ptr<MemoryBudget::Share>& share) {
-  share->force(share->bytes() + bytesOf(one));
+          const std::shared_ptr<MemoryBudget::Share>& share, const IndexLimits& limits) {
+  setAside(*share, share->bytes() + bytesOf(one), limits.memory.get(), ErrorKind::QueryTooBroad,
+           [](std::size_t mebibytes) {
+             return fmt::format(
+                 "to tell of these hits takes {} MiB of memory that are not free; ask for fewer "
+                 "with \"size\", or raise --max-memory",
+                 mebibytes);
+           });
   one.memory = share;
   details.push_back(std::move(one));
 }

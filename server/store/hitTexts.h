@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "server/base/memoryBudget.h"
+#include "server/store/indexLimits.h"
 #include "server/store/store.h"
 #include "server/store/textAnalysis.h"
 
@@ -19,8 +20,9 @@ std::vector<std::pair<std::string, std::string>> valuesIn(const Document& docume
                                                           const std::set<std::string>& names);
 
 /// Adds one, and what it takes to the memory that is set aside for as long as one of them lives.
+/// Throws a ServerError if there is none.
 void keep(std::vector<HitDetails>& details, HitDetails&& one,
-          const std::shared_ptr<MemoryBudget::Share>& share);
+          const std::shared_ptr<MemoryBudget::Share>& share, const IndexLimits& limits);
 
 /// Parts of texts that show why a query finds them.
 class Snippets {

@@ -1,5 +1,7 @@
 #include "server/store/indexReader.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 
 #include "server/base/documentForm.h"
@@ -25,11 +27,35 @@ namespace {
 
 // A document's text as it is stored, and what is read from it.
 constexpr std::size_t kTextForms = 2;
-// The same, and what its normal form takes, in UTF-16 and in UTF-8, or before that the reader of
+// What its normal form takes beside these, in UTF-16 and in UTF-8, or before that the reader of
 // XML.
-constexpr std::size_t kTextFormsOfSnippet = 12;
+constexpr std::size_t kFormsForSnippet = 10;
+
+// A text that is too long for a part of it to be shown must not keep its hit from being told.
+bool hasRoomForSnippet(MemoryBudget::Share& memory, std::size_t textBytes, const std::string& key,
+                       const IndexLimits& limits) {
+  const auto refusal = [&](std::size_t mebibytes) {
+    return fmt::format(
+        "to show a part of the document {} takes {} MiB of memory that are not free; ask for no "
+        "\"snippet\", or raise --max-memory",
+        shown(key), mebibytes);
+  };
+  try {
+    setAside(memory, memory.bytes() + kFormsForSnippet * textBytes, limits.memory.get(),
+             ErrorKind::OutOfMemory, refusal);
+    return true;
+  } catch (const ServerError& error) {
+    if (error.kind() != ErrorKind::OutOfMemory) throw;
+    return false;
+  }
+}
 
 std::string_view wholeSortKey(std::string_view sortKey) { return sortKey; }
+
+// Ends work that the present request is the reason for.
+void checkRequest() {
+  if (const RequestContext* request = RequestContext::current()) request->check();
+}
 
 // The clock is read each time: a text may take longer than many hits.
 void spendOnText() {
@@ -209,15 +235,17 @@ std::unique_ptr<HitSource> IndexReader::match(const SearchQuery& query,
   MemoryBudget::Share memory = memoryToMatch(documents, limits);
   // Their metadata may have names that the query is the first to ask for.
   IndexNames names(database_);
-  std::vector<Xapian::Document> made = indexed(documents, names);
+  const std::vector<Xapian::Document> made = indexed(documents, names);
   const Xapian::Query asked = wordsOf(query, names, limits);
   // That of several databases is for several already, and would count as longer than it is allowed.
   const Xapian::Query words = isInParts() ? asked : forSeveralDatabases(asked);
   const MemoryBudget::Share lists = memoryForKeys(query, limits);
   const MemoryBudget::Share ofWords = memoryForWords(words, database_, limits);
+  const Xapian::Database passing =
+      passingDocuments(made, words, normalizeText(query.text), names.slotCount(), checkRequest);
+  const MemoryBudget::Share ofTheirs = memoryForWords(words, passing, limits);
   Xapian::Database both(database_);
-  both.add_database(
-      passingDocuments(std::move(made), words, normalizeText(query.text), names.slotCount()));
+  both.add_database(passing);
   const Xapian::Query theirs =
       words.empty() ? words
                     : Xapian::Query(Xapian::Query::OP_FILTER, words, Xapian::Query(kPassingTerm));
@@ -242,7 +270,7 @@ void IndexReader::visit(const SearchQuery& query, const Hidden& hidden, const In
   const auto found = search(query, hidden, limits);
   MemoryBudget::Share memory = shareOf(limits);
   for (Hit hit; found->next(hit);) {
-    auto document = stored(hit.key, memory, kTextForms);
+    auto document = stored(hit.key, memory);
     if (!document) continue;
     dropNotes(document->metadata);
     take(*document);
@@ -265,8 +293,8 @@ std::vector<HitDetails> IndexReader::details(const SearchQuery& query, const Det
   const auto share = std::make_shared<MemoryBudget::Share>(shareOf(limits));
   std::vector<HitDetails> details;
   for (Hit hit; found->next(hit);) {
-    if (auto each = detailsOf(hit, wanted, snippets, memory))
-      keep(details, std::move(*each), share);
+    if (auto each = detailsOf(hit, wanted, snippets, memory, limits))
+      keep(details, std::move(*each), share, limits);
   }
   if (!details.empty()) details.back().nextPage = found->nextPage();
   return details;
@@ -274,12 +302,14 @@ std::vector<HitDetails> IndexReader::details(const SearchQuery& query, const Det
 
 std::optional<HitDetails> IndexReader::detailsOf(const Hit& hit, const DetailsWanted& wanted,
                                                  const Snippets& snippets,
-                                                 MemoryBudget::Share& memory) const {
-  const bool withSnippet = wanted.snippetBytes > 0;
-  const auto document = stored(hit.key, memory, withSnippet ? kTextFormsOfSnippet : kTextForms);
+                                                 MemoryBudget::Share& memory,
+                                                 const IndexLimits& limits) const {
+  const auto document = stored(hit.key, memory);
   if (!document) return std::nullopt;
   HitDetails details{hit};
   details.values = valuesIn(*document, wanted.names);
+  const bool withSnippet = wanted.snippetBytes > 0 &&
+                           hasRoomForSnippet(memory, document->content.size(), hit.key, limits);
   if (withSnippet) details.snippet = snippets.of(*document, wanted.snippetBytes);
   return details;
 }
@@ -322,16 +352,17 @@ void IndexReader::requireTexts() const {
                     "cannot be read");
 }
 
-// Nothing if the document has gone since it was found. `memory` has room for so many forms of the
-// one that was read last.
-std::optional<Document> IndexReader::stored(const std::string& key, MemoryBudget::Share& memory,
-                                            std::size_t forms) const {
+// Nothing if the document has gone since it was found. `memory` has room for the one that was read
+// last. It counts even where it does not fit: one text for each thread is little, and large shares
+// are refused whenever others wait for theirs, which would end a long digest.
+std::optional<Document> IndexReader::stored(const std::string& key,
+                                            MemoryBudget::Share& memory) const {
   spendOnText();
   const std::string term = identityTerm(key);
   const Xapian::PostingIterator place = database_.postlist_begin(term);
   if (place == database_.postlist_end(term)) return std::nullopt;
   const std::string data = database_.get_document(*place).get_data();
-  memory.force(forms * data.size());
+  memory.force(kTextForms * data.size());
   auto document = readDocument(key, data);
   if (document) return document;
   throw ServerError(ErrorKind::StorageFailed,
@@ -354,9 +385,10 @@ std::vector<Xapian::Document> IndexReader::indexed(const std::vector<Document>& 
                                                    IndexNames& names) const {
   std::vector<Xapian::Document> made;
   made.reserve(documents.size());
+  const StopCheck stop = checkRequest;
   for (const Document& document : documents) {
-    if (RequestContext* request = RequestContext::current()) request->check();
-    made.push_back(makeDocument(document, analysis_, names));
+    stop();
+    made.push_back(makeDocument(document, analysis_, names, stop));
   }
   return made;
 }

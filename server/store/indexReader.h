@@ -65,9 +65,10 @@ class IndexReader {
   std::vector<HitDetails> details(const SearchQuery& query, const DetailsWanted& wanted,
                                   const Hidden& hidden, const IndexLimits& limits) const;
   /// What is to be told of one hit; nothing if its document has gone. `memory` keeps room for what
-  /// is read.
+  /// is read. Without a snippet if its text is too long for the whole budget.
   std::optional<HitDetails> detailsOf(const Hit& hit, const DetailsWanted& wanted,
-                                      const Snippets& snippets, MemoryBudget::Share& memory) const;
+                                      const Snippets& snippets, MemoryBudget::Share& memory,
+                                      const IndexLimits& limits) const;
   CollectionSummary summary() const;
   Estimate estimate(const std::string& query, std::uint64_t exactHits, const Hidden& hidden,
                     const IndexLimits& limits) const;
@@ -79,8 +80,7 @@ class IndexReader {
                                  const IndexLimits& limits) const;
   MemoryBudget::Share memoryForKeys(const SearchQuery& query, const IndexLimits& limits) const;
   void requireTexts() const;
-  std::optional<Document> stored(const std::string& key, MemoryBudget::Share& memory,
-                                 std::size_t forms) const;
+  std::optional<Document> stored(const std::string& key, MemoryBudget::Share& memory) const;
   Xapian::Query wordsOf(const SearchQuery& query, const IndexNames& names,
                         const IndexLimits& limits) const;
   Xapian::Query read(const std::string& text, const IndexNames& names,

@@ -112,10 +112,10 @@ std::vector<HitDetails> JointReader::details(const SearchQuery& query, const Det
   for (const Found& found : ranking.hits) {
     const Member& member = members_[found.member];
     const Hit hit{found.key, milliScore(found.weight, ranking.best, query.scale)};
-    auto each = member.reader.detailsOf(hit, wanted, snippets, memory);
+    auto each = member.reader.detailsOf(hit, wanted, snippets, memory, limits);
     if (!each) continue;
     each->collection = member.collection;
-    keep(details, std::move(*each), share);
+    keep(details, std::move(*each), share, limits);
   }
   return details;
 }

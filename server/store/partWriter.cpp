@@ -48,7 +48,7 @@ void PartWriter::apply(const Change& change) {
   if (change.kind == ChangeKind::Remove) {
     database_->delete_document(identity);
   } else {
-    database_->replace_document(identity, makeDocument(change.document, analysis_, names_));
+    database_->replace_document(identity, makeDocument(change.document, analysis_, names_, stop_));
   }
 }
 

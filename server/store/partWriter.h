@@ -31,7 +31,7 @@ class PartWriter {
   const IndexNames& names() const { return names_; }
 
   /// Applies the changes, with these names beside its own, so that commit() only has to make that
-  /// durable. `stop` throws to end it between two changes.
+  /// durable. `stop` throws to end it between two words.
   void prepare(const std::vector<const Change*>& changes, const IndexNames& names);
   /// Durable when it returns.
   void commit();

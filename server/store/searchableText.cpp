@@ -61,10 +61,13 @@ class Parting {
 };
 
 // A blank that a query did not have must not part a sign from the word that it is about.
-icu::UnicodeString withWordsForEmoji(const icu::UnicodeString& text, Parting parting) {
+icu::UnicodeString withWordsForEmoji(const icu::UnicodeString& text, Parting parting,
+                                     const StopCheck& stop) {
+  StoppableSteps steps(stop);
   icu::UnicodeString out;
   bool behindEmoji = false;
   for (std::int32_t i = 0; i < text.length(); i = text.moveIndex32(i, 1)) {
+    steps.next();
     const UChar32 c = text.char32At(i);
     if (behindEmoji && isPartOfAnEmoji(c)) continue;
     const bool emoji = isEmoji(c);
@@ -93,12 +96,15 @@ std::unique_ptr<icu::BreakIterator> wordBreaks() {
                     std::string("words cannot be told apart: ") + u_errorName(code));
 }
 
-icu::UnicodeString withWordsApart(const icu::UnicodeString& text, Parting parting) {
+icu::UnicodeString withWordsApart(const icu::UnicodeString& text, Parting parting,
+                                  const StopCheck& stop) {
+  StoppableSteps steps(stop);
   const std::unique_ptr<icu::BreakIterator> breaks = wordBreaks();
   breaks->setText(text);
   icu::UnicodeString out;
   std::int32_t begin = breaks->first();
   for (std::int32_t end = breaks->next(); end != icu::BreakIterator::DONE; end = breaks->next()) {
+    steps.next();
     const bool between = begin > 0 && isWrittenWithoutBlanks(text.char32At(begin)) &&
                          isWrittenWithoutBlanks(text.char32At(text.moveIndex32(begin, -1)));
     if (between) out.append(parting.sign());
@@ -116,7 +122,7 @@ icu::UnicodeString whole(icu::UnicodeString text) {
   return text;
 }
 
-std::string searchable(const std::string& normal, Parting parting) {
+std::string searchable(const std::string& normal, Parting parting, const StopCheck& stop) {
   const bool ascii = std::all_of(normal.begin(), normal.end(),
                                  [](char c) { return static_cast<unsigned char>(c) < 0x80; });
   if (ascii) return normal;
@@ -124,16 +130,20 @@ std::string searchable(const std::string& normal, Parting parting) {
   const bool emoji = hasAny(text, isEmoji);
   const bool together = hasAny(text, isWrittenWithoutBlanks);
   if (!emoji && !together) return normal;
-  if (together) text = whole(withWordsApart(text, parting));
-  if (emoji) text = whole(withWordsForEmoji(text, parting));
+  if (together) text = whole(withWordsApart(text, parting, stop));
+  if (emoji) text = whole(withWordsForEmoji(text, parting, stop));
   std::string result;
   return text.toUTF8String(result);
 }
 
 }  // namespace
 
-std::string searchableText(const std::string& normal) { return searchable(normal, Parting(false)); }
+std::string searchableText(const std::string& normal, const StopCheck& stop) {
+  return searchable(normal, Parting(false), stop);
+}
 
-std::string searchableQuery(const std::string& normal) { return searchable(normal, Parting(true)); }
+std::string searchableQuery(const std::string& normal) {
+  return searchable(normal, Parting(true), {});
+}
 
 }  // namespace corvaned

@@ -197,11 +197,31 @@ bool isSearchable(const MarkedName& name, const TextOptions& options) {
   return name.searchable || !options.onlyMarkedMetadata;
 }
 
+/// Stops no word: the engine asks it about each one, and nothing else lets the reading of a text be
+/// ended.
+class WordByWord : public Xapian::Stopper {
+ public:
+  explicit WordByWord(const StopCheck& stop) : steps_(stop) {}
+
+  bool operator()(const std::string&) const override {
+    steps_.next();
+    return false;
+  }
+
+ private:
+  // The engine only takes stoppers that do not change.
+  mutable StoppableSteps steps_;
+};
+
 /// Makes the words of a document.
 class Indexing {
  public:
-  Indexing(const Document& document, const TextAnalysis& analysis, IndexNames& names)
-      : options_(analysis.options()), names_(names) {
+  Indexing(const Document& document, const TextAnalysis& analysis, IndexNames& names,
+           const StopCheck& stop)
+      : options_(analysis.options()), names_(names), stop_(stop), eachWord_(stop) {
+    generator_.set_stopper(&eachWord_);
+    // Of the other strategies one does not ask about words without stems.
+    generator_.set_stopper_strategy(Xapian::TermGenerator::STOP_ALL);
     generator_.set_flags(Xapian::TermGenerator::FLAG_CJK_NGRAM);
     generator_.set_max_word_length(kMaxWordBytes);
     generator_.set_document(result_);
@@ -238,7 +258,7 @@ class Indexing {
   }
 
   void addWords(std::string_view text, const std::string& prefix) {
-    const std::string words = searchableText(normalizeText(text));
+    const std::string words = searchableText(normalizeText(text), stop_);
     if (!options_.keepsPositions) return generator_.index_text_without_positions(words, 1, prefix);
     const Xapian::termcount before = generator_.get_termpos();
     generator_.index_text(words, 1, prefix);
@@ -247,6 +267,9 @@ class Indexing {
 
   const TextOptions& options_;
   IndexNames& names_;
+  const StopCheck& stop_;
+  // The generator keeps the address.
+  const WordByWord eachWord_;
   Xapian::Document result_;
   Xapian::TermGenerator generator_;
   bool placed_ = false;
@@ -271,8 +294,8 @@ void registerNames(const Document& document, const TextAnalysis& analysis, Index
 }
 
 Xapian::Document makeDocument(const Document& document, const TextAnalysis& analysis,
-                              IndexNames& names) {
-  Indexing indexing(document, analysis, names);
+                              IndexNames& names, const StopCheck& stop) {
+  Indexing indexing(document, analysis, names, stop);
   indexing.addContent(readableText(document));
   for (const auto& [name, value] : document.metadata) indexing.addMetadata(name, value);
   Xapian::Document result = indexing.finished();

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "server/store/stopCheck.h"
 #include "server/store/store.h"
 #include "server/store/textAnalysis.h"
 
@@ -104,7 +105,8 @@ std::optional<Document> readDocument(const std::string& key, const std::string& 
 /// Adds the names that makeDocument() would need, which then adds none.
 void registerNames(const Document& document, const TextAnalysis& analysis, IndexNames& names);
 
+/// `stop` throws to end it between two words.
 Xapian::Document makeDocument(const Document& document, const TextAnalysis& analysis,
-                              IndexNames& names);
+                              IndexNames& names, const StopCheck& stop);
 
 }  // namespace corvaned

@@ -125,6 +125,80 @@ TEST_F(HitDetailsTest, SnippetsAreOfWhatAReaderSees) {
   EXPECT_THAT(snippet("Haus", 100), AllOf(HasSubstr("<b>H\u00e4user</b>"), Not(HasSubstr("fox"))));
 }
 
+TEST_F(HitDetailsTest, OnlySnippetsNeedMemoryThatIsFree) {
+  create();
+  std::string text;
+  while (text.size() < 2U << 20U) text += "fox ";
+  add("a", text);
+  store_.updateIndex("c");
+  ASSERT_NE(snippet("fox", 100), "");
+  MemoryBudget::Share others(*memory_);
+  const auto leave = [&](std::size_t bytes) {
+    others.force(0);
+    others.force(memory_->limit() - memory_->used() - bytes);
+  };
+  const auto expectOnlySnippetsRefused = [&](const char* why) {
+    try {
+      snippet("fox", 100);
+      ADD_FAILURE() << why;
+    } catch (const ServerError& error) {
+      EXPECT_EQ(error.kind(), ErrorKind::TryAgain) << why;
+    }
+    EXPECT_THAT(details("fox", {}), SizeIs(1)) << why;
+    SearchQuery all;
+    all.everything = true;
+    all.order = HitOrder::Key;
+    std::size_t visited = 0;
+    store_.visit("c", all, [&](const Document&) { ++visited; });
+    EXPECT_EQ(visited, 1U) << why;
+    EXPECT_LE(memory_->used(), memory_->limit()) << why;
+  };
+  // The last eighth is not for large texts.
+  leave(20U << 20U);
+  expectOnlySnippetsRefused("there is no room for twelve forms of the text");
+  leave(10U << 20U);
+  expectOnlySnippetsRefused("there is only what is kept for small uses");
+  leave(40U << 20U);
+  bool granted = false;
+  const auto ticket =
+      memory_->await(50U << 20U, [&](const MemoryBudget::Share&) { granted = true; });
+  expectOnlySnippetsRefused("another request waits for more than there is");
+  memory_->withdraw(ticket);
+  EXPECT_FALSE(granted);
+}
+
+TEST_F(HitDetailsTest, HaveNoSnippetOfATextThatIsTooLongForTheBudget) {
+  create();
+  std::string text;
+  while (text.size() < 6U << 20U) text += "fox ";
+  add("a", text);
+  add("b", "fox");
+  store_.updateIndex("c");
+  const auto found = details("fox", {{}, 100});
+  ASSERT_THAT(found, SizeIs(2));
+  for (const HitDetails& each : found) {
+    EXPECT_EQ(each.snippet, each.hit.key == "a" ? "" : "<b>fox</b>");
+  }
+}
+
+TEST_F(HitDetailsTest, AreRefusedWhereTheReplyHasNoMemory) {
+  create();
+  Metadata metadata;
+  for (int i = 0; i < 16; ++i) metadata.emplace_back("long", std::string(2000, 'x'));
+  for (const char* key : {"a", "b", "c", "d", "e", "f", "g", "h"}) add(key, "fox", metadata);
+  store_.updateIndex("c");
+  const DetailsWanted wanted{{"long"}, 0};
+  ASSERT_THAT(details("fox", wanted), SizeIs(8));
+  MemoryBudget::Share others(*memory_);
+  others.force(memory_->limit() - memory_->used() - 200000);
+  try {
+    details("fox", wanted);
+    FAIL() << "there was no room";
+  } catch (const ServerError& error) {
+    EXPECT_EQ(error.kind(), ErrorKind::TryAgain) << error.what();
+  }
+}
+
 TEST_F(HitDetailsTest, NeedTextsOnlyForSnippets) {
   TextOptions options;
   options.keepsText = false;

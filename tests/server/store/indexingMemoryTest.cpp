@@ -50,7 +50,7 @@ std::size_t held(const std::vector<Change>& changes) {
   const std::size_t before = taken();
   for (const Change& change : changes) {
     database.replace_document(identityTerm(change.document.key),
-                              makeDocument(change.document, analysis, names));
+                              makeDocument(change.document, analysis, names, [] {}));
   }
   const std::size_t after = taken();
   return after > before ? after - before : 0;
