@@ -155,7 +155,8 @@ MemoryBudget::Share memoryForWords(const Xapian::Query& words, const Xapian::Dat
   if (lists + places == 0) return share;
   const auto refusal = [&](std::size_t mebibytes) {
     return fmt::format(
-        "the query stands for {} words, for which {} MiB of memory are not free; write {}, or raise "
+        "the query stands for {} words, for which {} MiB of memory are not free; write {}, or "
+        "raise "
         "--max-memory",
         count.words(), mebibytes,
         places > lists ? "fewer words in phrases, NEAR and ADJ" : "more letters in front of *");
