@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include "server/store/indexSums.h"
 
 namespace corvaned {
@@ -15,15 +17,20 @@ constexpr std::size_t kPassingCost = 64;
 // What a document without words takes there, in bytes of text.
 constexpr std::size_t kEmptyPassing = 32;
 
-MemoryBudget::Use useOf(std::size_t bytes) {
-  return bytes <= kFewHits * kMatchCost ? MemoryBudget::Use::Small : MemoryBudget::Use::Large;
+// Of the budget, so that what is kept for small uses has room for several of them.
+constexpr std::size_t kSmallPart = 64;
+
+MemoryBudget::Use useOf(std::size_t bytes, const MemoryBudget* budget) {
+  const std::size_t part = budget == nullptr ? 0 : budget->limit() / kSmallPart;
+  const bool isSmall = bytes <= std::max(kFewHits * kMatchCost, part);
+  return isSmall ? MemoryBudget::Use::Small : MemoryBudget::Use::Large;
 }
 
 }  // namespace
 
 void setAside(MemoryBudget::Share& share, std::size_t bytes, const MemoryBudget* budget,
               ErrorKind never, const MemoryRefusal& refusal, std::size_t held) {
-  const MemoryBudget::Use use = useOf(bytes);
+  const MemoryBudget::Use use = useOf(bytes, budget);
   if (share.resize(bytes, use)) return;
   throw ServerError(budget->canEverFit(bytes + held, use) ? ErrorKind::TryAgain : never,
                     refusal((bytes >> 20U) + 1));

@@ -167,6 +167,19 @@ TEST_F(HitDetailsTest, OnlySnippetsNeedMemoryThatIsFree) {
   EXPECT_FALSE(granted);
 }
 
+TEST_F(HitDetailsTest, WaitForNobodyWhereTheyTakeLittleOfTheBudget) {
+  create();
+  std::string text;
+  while (text.size() < 40U << 10U) text += "fox ";
+  add("a", text);
+  store_.updateIndex("c");
+  MemoryBudget::Share others(*memory_);
+  others.force(memory_->limit() - memory_->used() - (20U << 20U));
+  const auto ticket = memory_->await(50U << 20U, [](const MemoryBudget::Share&) {});
+  EXPECT_NE(snippet("fox", 100), "");
+  memory_->withdraw(ticket);
+}
+
 TEST_F(HitDetailsTest, HaveNoSnippetOfATextThatIsTooLongForTheBudget) {
   create();
   std::string text;
