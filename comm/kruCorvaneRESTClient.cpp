@@ -188,6 +188,7 @@ void CorvaneRESTClient::sendAndRecvMesg(ClientRequest& request, ClientResponse& 
 void CorvaneRESTClient::exchangeWithRetries(ClientRequest& request, ClientResponse& response,
                                             unsigned int retries) {
   outcome_ = RequestOutcome::NotSent;
+  refused_ = false;
   // Before anything is changed: a stream that is still open goes on as the kind that it has.
   if (isSendable(request)) requestKind_ = request.getRequest();
   const Exchanging exchanging(exchanging_);

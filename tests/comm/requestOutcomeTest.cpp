@@ -306,6 +306,20 @@ TEST_P(RequestOutcomes, AreARefusalWhenOnlyTheLastAttemptGotThrough) {
   EXPECT_EQ(runMarked(*client, {4, 1, true}).outcome, RequestOutcome::Rejected);
 }
 
+TEST_P(RequestOutcomes, AreOfAllAttemptsWhereARefusalIsOfTheLast) {
+  client->setNumRetries(1);
+  network.plan(Entry::Recv, 1, error(ECONNRESET));
+  EXPECT_EQ(runMarked(*client, {4, 1, true}).outcome, RequestOutcome::MayBeApplied);
+  EXPECT_TRUE(client->isRefused());
+  ClientRequest unsendable;
+  unsendable.buildRequest(ClientRequest::DELETE_DOCUMENT, {});
+  unsendable.setDocKey(nullptr, 3);
+  tq::comm::ClientResponse response;
+  EXPECT_THROW(client->sendAndRecvMesg(unsendable, response), tq::comm::RESTException);
+  EXPECT_EQ(client->getRequestOutcome(), RequestOutcome::NotSent);
+  EXPECT_FALSE(client->isRefused());
+}
+
 INSTANTIATE_TEST_SUITE_P(Of, RequestOutcomes,
                          testing::Values(Protocol::Http, Protocol::Binary,
                                          Protocol::BinaryReassembled),
