@@ -230,7 +230,8 @@ TEST_P(Library, TakesDocumentsInOtherLanguages) {
 
 // In one database or in several.
 TEST_P(Library, ReadsDocumentsAsTheirCollectionIsConfigured) {
-  const std::string html = "<p id=no>caf\xE9";
+  // What a request is given has to live until it has been sent.
+  const std::string html = "<p id=no>caf\xE9", plainKey = "k3", matchedKey = "k4";
   for (const std::vector<std::string>& options :
        {std::vector<std::string>{}, {"--shards-per-collection", "3"}}) {
     CorvanedProcess server(options);
@@ -247,14 +248,14 @@ TEST_P(Library, ReadsDocumentsAsTheirCollectionIsConfigured) {
     EXPECT_THAT(send(ClientRequest::PARSE_RESULT).parsed, SizeIs(1));
     ClientRequest plain =
         requestTo(collection_, ClientRequest::ADD_DOCUMENT, {{"docType", "text"}});
-    attachDocument(plain, "k3", html);
+    attachDocument(plain, plainKey, html);
     expectSuccess(send(plain));
     update();
     EXPECT_THAT(found("café"), UnorderedElementsAre("k1", "k2", "k3"));
     EXPECT_THAT(found("no"), ElementsAre("k3"));
     ClientRequest matching = requestTo(collection_, ClientRequest::SCALAR_SEARCH,
                                        {{"query", "café NOT no"}, {"match", "document"}});
-    attachDocument(matching, "k4", html);
+    attachDocument(matching, matchedKey, html);
     EXPECT_THAT(send(matching).keys(), ElementsAre("k4"));
     server.kill();
     server.start();

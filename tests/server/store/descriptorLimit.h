@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "server/base/errors.h"
+#include "server/store/files.h"
 
 namespace corvaned::test {
 
@@ -20,11 +21,8 @@ class DescriptorLimit {
   explicit DescriptorLimit(rlim_t more) {
     // What every failure meets: the errors, what gives them their text, and the log.
     std::generic_category().message(0);
-    try {
-      throw ServerError(ErrorKind::StorageFailed, "descriptors run out for a test");
-    } catch (const ServerError& error) {
-      spdlog::warn("{} {} {}", std::string("now"), static_cast<int>(error.kind()), error.what());
-    }
+    meet(ServerError(ErrorKind::StorageFailed, "an error for a test"));
+    meet(ShortageError("descriptors run out for a test"));
     const int lowestFree = ::dup(STDERR_FILENO);
     if (lowestFree < 0) throw std::runtime_error("dup");
     ::close(lowestFree);
@@ -37,6 +35,15 @@ class DescriptorLimit {
   DescriptorLimit& operator=(const DescriptorLimit&) = delete;
 
  private:
+  template <typename Error>
+  static void meet(const Error& met) {
+    try {
+      throw met;
+    } catch (const ServerError& error) {
+      spdlog::warn("{} {} {}", std::string("now"), static_cast<int>(error.kind()), error.what());
+    }
+  }
+
   rlimit before_{};
 };
 
