@@ -216,6 +216,7 @@ ExitCode addDocument(Session& session, const AddArguments& arguments) {
 ExitCode deleteDocuments(Session& session, const std::string& collection,
                          const std::vector<std::string>& keys, bool base64) {
   std::vector<std::string> decoded;
+  decoded.reserve(keys.size());
   for (const auto& key : keys) decoded.push_back(keyFrom(key, base64));
   setDoubt(session, "more documents may have been deleted; deleting them again does no harm");
   for (std::size_t i = 0; i < keys.size(); ++i) deleteOne(session, collection, decoded[i], keys[i]);

@@ -241,7 +241,7 @@ std::unique_ptr<HitSource> IndexReader::match(const SearchQuery& query,
   const Xapian::Query words = isInParts() ? asked : forSeveralDatabases(asked);
   const MemoryBudget::Share lists = memoryForKeys(query, limits);
   const MemoryBudget::Share ofWords = memoryForWords(words, database_, limits);
-  const Xapian::Database passing =
+  const Xapian::WritableDatabase passing =
       passingDocuments(made, words, normalizeText(query.text), names.slotCount(), checkRequest);
   const MemoryBudget::Share ofTheirs = memoryForWords(words, passing, limits);
   Xapian::Database both(database_);
