@@ -77,28 +77,27 @@ std::string_view cutBetweenCharacters(std::string_view text, std::size_t limit) 
 
 namespace {
 
-char printable(char c) {
-  const auto byte = static_cast<unsigned char>(c);
-  return byte < 0x20 || byte == 0x7F ? '?' : c;
+enum class Backslashes { None, InFront };
+
+std::string quoted(std::string_view text, std::size_t limit, Backslashes backslashes) {
+  std::string result = "\"";
+  for (const char c : cutBetweenCharacters(text, limit)) {
+    if (backslashes == Backslashes::InFront && (c == '"' || c == '\\')) result += '\\';
+    const auto byte = static_cast<unsigned char>(c);
+    result += byte < 0x20 || byte == 0x7F ? '?' : c;
+  }
+  result += text.size() > limit ? "...\"" : "\"";
+  return result;
 }
 
 }  // namespace
 
 std::string shown(std::string_view text, std::size_t limit) {
-  std::string result = "\"";
-  for (const char c : cutBetweenCharacters(text, limit)) result += printable(c);
-  result += text.size() > limit ? "...\"" : "\"";
-  return result;
+  return quoted(text, limit, Backslashes::None);
 }
 
 std::string logged(std::string_view text, std::size_t limit) {
-  std::string result = "\"";
-  for (const char c : cutBetweenCharacters(text, limit)) {
-    if (c == '"' || c == '\\') result += '\\';
-    result += printable(c);
-  }
-  result += text.size() > limit ? "...\"" : "\"";
-  return result;
+  return quoted(text, limit, Backslashes::InFront);
 }
 
 }  // namespace corvaned
