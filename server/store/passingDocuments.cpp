@@ -26,8 +26,7 @@ class Reduction {
   Reduction(const Xapian::Query& words, const std::string& text, const StopCheck& stop)
       : all_(text.find('*') != std::string::npos),
         terms_(words.get_terms_begin(), words.get_terms_end()),
-        // The engine sorts the places of a word anew whenever it adds one.
-        withPlaces_(!words.empty() && comparesPlaces(words)),
+        placed_(words.empty() ? std::set<std::string>() : placedWords(words)),
         steps_(stop) {}
 
   // The document without its other terms, but as long as it is: that counts in the weight of each.
@@ -54,8 +53,8 @@ class Reduction {
  private:
   void add(const Xapian::TermIterator& term, Xapian::Document& result) {
     result.add_term(*term, term.get_wdf());
-    // A word with a trailing * stands in no phrase, NEAR or ADJ.
-    if (!withPlaces_ || !terms_.contains(*term)) return;
+    // The engine sorts the places of a word anew whenever it adds one.
+    if (!placed_.contains(*term)) return;
     count(term.positionlist_count());
     for (auto position = term.positionlist_begin(); position != term.positionlist_end();
          ++position) {
@@ -77,7 +76,7 @@ class Reduction {
 
   const bool all_;
   const std::set<std::string> terms_;
-  const bool withPlaces_;
+  const std::set<std::string> placed_;
   StoppableSteps steps_;
   // Of the numbers of places of each word in the present document, summed up.
   std::uint64_t squares_ = 0;

@@ -134,12 +134,13 @@ class WordCount {
 
 }  // namespace
 
-bool comparesPlaces(const Xapian::Query& query) {
-  if (looksAtPlaces(query)) return true;
+std::set<std::string> placedWords(const Xapian::Query& query) {
+  if (looksAtPlaces(query)) return {query.get_terms_begin(), query.get_terms_end()};
+  std::set<std::string> words;
   for (std::size_t i = 0; i < query.get_num_subqueries(); ++i) {
-    if (comparesPlaces(query.get_subquery(i))) return true;
+    words.merge(placedWords(query.get_subquery(i)));
   }
-  return false;
+  return words;
 }
 
 MemoryBudget::Share memoryForWords(const Xapian::Query& words, const Xapian::Database& database,

@@ -3,6 +3,8 @@
 #include <xapian.h>
 
 #include <cstddef>
+#include <set>
+#include <string>
 
 #include "server/base/memoryBudget.h"
 #include "server/store/indexLimits.h"
@@ -12,8 +14,8 @@ namespace corvaned {
 /// How many words a query may stand for, with those that words with a trailing * stand for.
 constexpr std::size_t kMostWords = 10000;
 
-/// Whether it has a phrase, NEAR or ADJ.
-bool comparesPlaces(const Xapian::Query& query);
+/// The words of its phrases, NEAR and ADJ: only of these it matters where they stand.
+std::set<std::string> placedWords(const Xapian::Query& query);
 
 /// Sets aside what the engine takes to read the lists of documents of all words of a query, in each
 /// database, at the same time, and those of the places where words of phrases, NEAR and ADJ stand

@@ -158,7 +158,8 @@ TEST_F(WordPlacesTest, OfADocumentToMatchAreRefusedWhereTheyWouldTakeTooLong) {
   const std::string id(messageId(ErrorKind::QueryTooBroad));
   const std::string ofOneWord = "f " + repeated("r ", 11586);
   const std::string ofEach = repeated("r f s ", 6690);
-  for (const char* text : {"\"r f s\"", "r NEAR f NEAR s", "r ADJ f ADJ s", "q* OR \"r f s\""}) {
+  for (const char* text : {"\"r f s\"", "r NEAR f NEAR s", "r ADJ f ADJ s", "q* OR \"r f s\"",
+                           "r AND (q OR \"r f s\")"}) {
     for (const std::string& document : {ofOneWord, ofEach}) {
       EXPECT_THAT(matching(text, document), ::testing::AllOf(HasSubstr(id), HasSubstr("places")))
           << text;
@@ -166,6 +167,10 @@ TEST_F(WordPlacesTest, OfADocumentToMatchAreRefusedWhereTheyWouldTakeTooLong) {
   }
   EXPECT_EQ(matching("\"r f\" f*", "r f " + repeated("foxes ", 12000)), "")
       << "the places of no other word are compared";
+  const std::string manyAlone = "r f " + repeated("s ", 12000) + "r f";
+  for (const char* text : {"\"r f\" s", "s OR (r NEAR f)", "(r ADJ f) NOT (q OR (s t))"}) {
+    EXPECT_EQ(matching(text, manyAlone), "") << text;
+  }
 }
 
 // With them it would take longer than a test may.
