@@ -11,8 +11,19 @@ namespace {
 
 // Keeps an error record within the smallest read that a client makes for one.
 constexpr std::size_t kMaxErrorText = 600;
+// What a report tells is bounded where it is found, but for the names that a client may give to
+// metadata. A record has to fit into an envelope of the binary protocol.
+constexpr std::size_t kMaxReportText = 60000;
 
 constexpr std::string_view kIdPrefix = "base64:";
+
+std::string messageFields(FieldAppender append, std::string_view id, const std::string& text,
+                          std::size_t most) {
+  std::string fields;
+  append(fields, "MsgId", id);
+  append(fields, "MsgText", cutBetweenCharacters(text, most));
+  return fields;
+}
 
 }  // namespace
 
@@ -31,10 +42,7 @@ std::string scoreText(std::uint16_t milliScore) {
 }
 
 std::string messageFields(FieldAppender append, std::string_view id, const std::string& text) {
-  std::string fields;
-  append(fields, "MsgId", id);
-  append(fields, "MsgText", cutBetweenCharacters(text, kMaxErrorText));
-  return fields;
+  return messageFields(append, id, text, kMaxErrorText);
 }
 
 std::string recordFields(FieldAppender append, const ParseOutcome& outcome) {
@@ -49,7 +57,7 @@ std::string recordFields(FieldAppender append, const ParseOutcome& outcome) {
 std::string recordFields(FieldAppender append, const ReportReply::Line& line) {
   std::string fields;
   append(fields, words().doc, line.subject);
-  return fields + messageFields(append, line.messageId, line.messageText);
+  return fields + messageFields(append, line.messageId, line.messageText, kMaxReportText);
 }
 
 }  // namespace corvaned

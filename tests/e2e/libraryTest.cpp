@@ -735,6 +735,25 @@ TEST_P(Library, TellsWhatIsStoredOfHits) {
                                 "ZVK0105I year=1481", "ZVK0106I a red <b>fox</b>"));
 }
 
+TEST_P(Library, TellsLongValuesAndSnippetsOfHitsWhole) {
+  std::string text;
+  for (int i = 0; i < 500; ++i) text += "fox < " + std::to_string(i) + " ";
+  const std::string title(2000, 'x');
+  add("k1", text, {{u"title", icu::UnicodeString::fromUTF8(title)}});
+  update();
+  const Answer answer =
+      send(ClientRequest::PARSE_RESULT,
+           {{"report", "hits"}, {"query", "fox"}, {"values", "title"}, {"snippet", "4000"}});
+  expectSuccess(answer);
+  ASSERT_EQ(answer.parsed.size(), 3U);
+  EXPECT_EQ(answer.parsed[1].messageText, "title=" + title);
+  const std::string& snippet = answer.parsed[2].messageText;
+  EXPECT_GT(snippet.size(), 4000U);
+  const std::size_t last = snippet.rfind('<');
+  ASSERT_NE(last, std::string::npos);
+  EXPECT_EQ(snippet.substr(last, 4), "</b>");
+}
+
 TEST_P(Library, RanksTheHitsOfSeveralCollections) {
   const auto into = [&](const std::string& collection, const auto& work) {
     const std::string before = std::exchange(collection_, collection);

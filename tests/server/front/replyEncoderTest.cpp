@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <stdexcept>
@@ -13,6 +14,7 @@ namespace {
 
 using test::bigEndian;
 using test::lengthAnd;
+using ::testing::HasSubstr;
 
 class ListedHits : public HitSource {
  public:
@@ -101,6 +103,22 @@ TEST(ReplyEncoder, LongErrorTextIsCutBetweenCharacters) {
   const std::string record = shortFields({{"MsgId", "Z"}, {"MsgText", std::string(599, 'x')}});
   EXPECT_EQ(binary(ErrorReply{"Z", text}),
             std::string("\0\6", 2) + bigEndian(record.size(), 2) + record);
+}
+
+TEST(ReplyEncoder, TextsOfAReportAreWhole) {
+  const std::string text(5000, 'x');
+  const ReportReply report{{{"k", "ZVK0106I", text}}};
+  const std::string record = shortFields({{"Doc", "k"}, {"MsgId", "ZVK0106I"}, {"MsgText", text}});
+  EXPECT_THAT(binary(report), HasSubstr(record));
+  EXPECT_THAT(http(report),
+              HasSubstr(fields({{"Doc", "k"}, {"MsgId", "ZVK0106I"}, {"MsgText", text}})));
+}
+
+// The name of metadata may be as long as a header block.
+TEST(ReplyEncoder, RecordOfAReportFitsIntoAnEnvelope) {
+  const std::string text = std::string(59999, 'x') + "\xC3\xA4" + std::string(70000, 'y');
+  const std::string reply = binary(ReportReply{{{"k", "ZVK0105I", text}}});
+  EXPECT_THAT(reply, HasSubstr(shortFields({{"MsgText", std::string(59999, 'x')}})));
 }
 
 TEST(ReplyEncoder, ScalarHitsThatAreFewHaveALength) {
