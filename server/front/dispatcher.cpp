@@ -225,7 +225,9 @@ Reply Dispatcher::serve(Request& request, std::string& errorId) {
       requireParameters(action, request);
       if (request.unopened && action.workload != Workload::Status) throw *request.unopened;
     }
-    return action.serve({store_, version_, shutDown_}, request);
+    Reply reply = action.serve({store_, version_, shutDown_}, request);
+    logTold(request, reply);
+    return reply;
   } catch (const ServerError& error) {
     return refuse(request, errorReply(error.kind(), error.what()), errorId);
   } catch (const std::bad_alloc&) {
@@ -250,6 +252,19 @@ Reply Dispatcher::refuse(const Request& request, const ErrorReply& error, std::s
   if (silent) return NoReply{};
   if (error.id == messageId(ErrorKind::Unauthorized)) return UnauthorizedReply{error};
   return error;
+}
+
+// A status or a report tells of a failure without being refused for it.
+void Dispatcher::logTold(const Request& request, const Reply& reply) {
+  if (const auto* status = std::get_if<StatusReply>(&reply)) {
+    if (isFailure(status->reason.id)) log(request, status->reason, false);
+  } else if (const auto* report = std::get_if<ReportReply>(&reply)) {
+    for (const ReportReply::Line& line : report->lines) {
+      if (!isFailure(line.messageId)) continue;
+      logFailure(request.header(words().report),
+                 fmt::format("{}: {} {}", shown(line.subject), line.messageId, line.messageText));
+    }
+  }
 }
 
 void Dispatcher::log(const Request& request, const ErrorReply& error, bool silent) {

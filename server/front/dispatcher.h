@@ -74,6 +74,7 @@ class Dispatcher {
   void open(Request& request, std::function<void()> opened);
   Reply serve(Request& request, std::string& errorId);
   Reply refuse(const Request& request, const ErrorReply& error, std::string& errorId);
+  void logTold(const Request& request, const Reply& reply);
   void log(const Request& request, const ErrorReply& error, bool silent);
 
   Store& store_;

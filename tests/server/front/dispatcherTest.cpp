@@ -710,6 +710,30 @@ TEST_F(DispatcherTest, StatusTellsWhetherChangesWaitAndWhyThereIsNone) {
   EXPECT_EQ(std::get<StatusReply>(missing).reason.id, "ZVK0007E");
 }
 
+TEST_F(DispatcherTest, FailuresThatAStatusOrAReportTellsOfAreToldToTheOperator) {
+  const test::LogLines log;
+  const ServerError damaged(ErrorKind::StorageFailed, "iamglass is damaged");
+  EXPECT_CALL(store_, state("c")).WillRepeatedly(Throw(damaged));
+  for (int i = 0; i < 3; ++i) {
+    expectIs<StatusReply>(handle({{"action", "getStatus"}, {"index", "c"}}));
+  }
+  EXPECT_THAT(log.with("getStatus"),
+              ElementsAre(AllOf(StartsWith("error failure: "), HasSubstr("error=ZVK0014E"),
+                                HasSubstr("collection=\"c\""), HasSubstr("iamglass"))));
+  EXPECT_CALL(store_, state("none"))
+      .WillOnce(Throw(ServerError(ErrorKind::UnknownCollection, "there is no such collection")));
+  expectIs<StatusReply>(handle({{"action", "getStatus"}, {"index", "none"}}));
+  EXPECT_THAT(log.with("failure: "), SizeIs(1));
+  EXPECT_CALL(store_, collections(_, _)).WillOnce(Return(std::vector<std::string>{"c", "d"}));
+  EXPECT_CALL(store_, summary("c")).WillOnce(Throw(damaged));
+  EXPECT_CALL(store_, summary("d")).WillOnce(Return(CollectionSummary{}));
+  expectIs<ReportReply>(handle({{"action", "getParseResult"}, {"report", "collections"}}));
+  ASSERT_THAT(log.with("failure: "), SizeIs(2));
+  const std::map<std::string, std::string> told{{"action", "collections"},
+                                                {"reason", "\"c\": ZVK0014E iamglass is damaged"}};
+  EXPECT_EQ(test::fieldsOf(log.with("failure: ").back()), told);
+}
+
 TEST_F(DispatcherTest, VersionIsTheOneItWasGiven) {
   EXPECT_EQ(std::get<TextReply>(handle({{"action", "getServerVersion"}})).text, "9.8.7");
 }
