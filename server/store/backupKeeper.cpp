@@ -185,10 +185,11 @@ BackupKeeper::Resources BackupKeeper::resources(std::uint64_t bytes) const {
                   DescriptorBudget::Share(house_.descriptors.get())};
   const std::size_t wanted = kBufferBytes + static_cast<std::size_t>(bytes / kBytesPerByteOfSums);
   if (!taken.memory.resize(wanted, MemoryBudget::Use::Large)) {
-    throw ServerError(ErrorKind::TryAgain,
-                      fmt::format("this needs {} MiB of memory that are not free; try again, or "
-                                  "raise --max-memory",
-                                  (wanted >> 20U) + 1));
+    const bool mayPass = house_.memory->canEverFit(wanted, MemoryBudget::Use::Large);
+    throw ServerError(mayPass ? ErrorKind::TryAgain : ErrorKind::OutOfMemory,
+                      fmt::format("this needs {} MiB of memory that are not free; {}raise "
+                                  "--max-memory",
+                                  (wanted >> 20U) + 1, mayPass ? "try again, or " : ""));
   }
   taken.descriptors.add(kDescriptors);
   return taken;

@@ -40,6 +40,7 @@
 #include "server/store/registry.h"
 #include "tests/server/logLines.h"
 #include "tests/server/store/fileSizeLimit.h"
+#include "tests/server/store/refusal.h"
 #include "tests/server/store/slowCollection.h"
 #include "tests/support/temporaryDirectory.h"
 
@@ -48,6 +49,7 @@
 namespace corvaned {
 namespace {
 
+using test::refusal;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -106,16 +108,6 @@ class BackupTest : public ::testing::Test {
 
   std::uint64_t hits(const std::string& name, const std::string& query) {
     return store_->estimate(name, query).hits;
-  }
-
-  static std::string refusal(ErrorKind kind, const std::function<void()>& work) {
-    try {
-      work();
-    } catch (const ServerError& error) {
-      EXPECT_EQ(messageId(error.kind()), messageId(kind)) << error.what();
-      return error.what();
-    }
-    return {};
   }
 
   static std::vector<std::string> namesIn(const std::filesystem::path& directory) {
@@ -843,13 +835,28 @@ TEST_F(BackupTest, StopEndsABackup) {
   EXPECT_THAT(namesIn(backups()), IsEmpty());
 }
 
-TEST_F(BackupTest, MemoryThatIsNotThereIsAReasonToTryAgain) {
+TEST_F(BackupTest, MemoryThatOthersHaveIsAReasonToTryAgain) {
+  store_.reset();
+  limits_.index.memory = std::make_shared<MemoryBudget>(std::size_t{16} << 20U);
+  restart();
+  fill("c");
+  {
+    MemoryBudget::Share others(*limits_.index.memory);
+    others.force(std::size_t{12} << 20U);
+    EXPECT_THAT(refusal(ErrorKind::TryAgain, [&] { store_->backup("first", "c"); }),
+                AllOf(HasSubstr("try again"), HasSubstr("--max-memory")));
+    EXPECT_THAT(namesIn(backups()), IsEmpty());
+  }
+  store_->backup("first", "c");
+}
+
+TEST_F(BackupTest, MemoryThatThereNeverIsCanOnlyBeRaised) {
   store_.reset();
   limits_.index.memory = std::make_shared<MemoryBudget>(std::size_t{3} << 20U);
   restart();
   fill("c");
-  EXPECT_THAT(refusal(ErrorKind::TryAgain, [&] { store_->backup("first", "c"); }),
-              HasSubstr("--max-memory"));
+  EXPECT_THAT(refusal(ErrorKind::OutOfMemory, [&] { store_->backup("first", "c"); }),
+              AllOf(HasSubstr("--max-memory"), Not(HasSubstr("try again"))));
   EXPECT_THAT(namesIn(backups()), IsEmpty());
 }
 

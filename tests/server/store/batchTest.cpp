@@ -20,6 +20,7 @@
 #include "server/store/collection.h"
 #include "server/store/localStore.h"
 #include "tests/server/store/fileSizeLimit.h"
+#include "tests/server/store/refusal.h"
 #include "tests/server/store/slowCollection.h"
 #include "tests/support/temporaryDirectory.h"
 
@@ -93,20 +94,8 @@ class BatchTest : public ::testing::Test {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
   }
 
-  template <typename Work>
-  static std::string refusal(ErrorKind kind, const Work& work) {
-    try {
-      work();
-    } catch (const ServerError& error) {
-      EXPECT_EQ(error.kind(), kind) << error.what();
-      return error.what();
-    }
-    ADD_FAILURE() << "not refused";
-    return {};
-  }
-
   std::string refusal(ErrorKind kind, Batch wanted) {
-    return refusal(kind, [&] { apply(std::move(wanted)); });
+    return test::refusal(kind, [&] { apply(std::move(wanted)); });
   }
 
   std::string mark() { return store_->summary("c").mark; }
@@ -249,14 +238,14 @@ TEST_F(BatchTest, RefusedBatchIsKnownUntilARestart) {
   store_->closeCollection("c");
   EXPECT_EQ(store_->batchOutcome("c", "b1").refused.count, 1U);
   restart();
-  EXPECT_THAT(refusal(ErrorKind::UnknownBatch, [&] { store_->batchOutcome("c", "b1"); }),
+  EXPECT_THAT(test::refusal(ErrorKind::UnknownBatch, [&] { store_->batchOutcome("c", "b1"); }),
               HasSubstr("\"b1\""));
   apply(wanted);
   for (std::size_t i = 0; i < ParseOutcomes::kRefusedBatches; ++i) {
     wanted.name = "other" + std::to_string(i);
     apply(wanted);
   }
-  refusal(ErrorKind::UnknownBatch, [&] { store_->batchOutcome("c", "b1"); });
+  test::refusal(ErrorKind::UnknownBatch, [&] { store_->batchOutcome("c", "b1"); });
 }
 
 TEST_F(BatchTest, OnlySoManyRefusedChangesAreNamed) {
@@ -281,7 +270,7 @@ TEST_F(BatchTest, MarkIsSetWithTheBatchAndComparedFirst) {
   EXPECT_THAT(refusal(ErrorKind::OtherMark, stranger),
               AllOf(HasSubstr("\"db 1, 17\""), HasSubstr("\"db 1\"")));
   EXPECT_THAT(refusal(ErrorKind::OtherMark, marked("b2", "none", "x")), HasSubstr("\"none\""));
-  refusal(ErrorKind::UnknownBatch, [&] { store_->batchOutcome("c", "b2"); });
+  test::refusal(ErrorKind::UnknownBatch, [&] { store_->batchOutcome("c", "b2"); });
   EXPECT_THAT(foundAfterUpdate("fox"), ElementsAre("k1"));
   // It has been applied, so what it expected then is no matter.
   EXPECT_EQ(apply(next).documents, 1U);
@@ -344,18 +333,18 @@ TEST_F(BatchTest, KeysThatMustExistRefuseItIfTheyDoNot) {
 
 TEST_F(BatchTest, SingleDeletionMayAskThatTheKeyExists) {
   const auto deleteExisting = [&](const char* key) { store_->deleteDocument("c", key, true); };
-  EXPECT_THAT(refusal(ErrorKind::UnknownDocument, [&] { deleteExisting("k1"); }),
+  EXPECT_THAT(test::refusal(ErrorKind::UnknownDocument, [&] { deleteExisting("k1"); }),
               HasSubstr("\"k1\""));
   add("k1", "fox");
   EXPECT_NO_THROW(deleteExisting("k1"));
-  refusal(ErrorKind::UnknownDocument, [&] { deleteExisting("k1"); });
+  test::refusal(ErrorKind::UnknownDocument, [&] { deleteExisting("k1"); });
   add("k1", "fox");
   for (int updates = 0; updates < 3; ++updates) store_->updateIndex("c");
   restart();
   EXPECT_NO_THROW(deleteExisting("k1"));
-  refusal(ErrorKind::UnknownDocument, [&] { deleteExisting("k1"); });
+  test::refusal(ErrorKind::UnknownDocument, [&] { deleteExisting("k1"); });
   store_->updateIndex("c");
-  refusal(ErrorKind::UnknownDocument, [&] { deleteExisting("k1"); });
+  test::refusal(ErrorKind::UnknownDocument, [&] { deleteExisting("k1"); });
   EXPECT_EQ(store_->summary("c").pending, 0U) << "a refused deletion is no change";
 }
 
@@ -467,7 +456,7 @@ TEST_F(BatchTest, CollectionThatHasLostItsMemoryOfBatchesIsRefused) {
   store_.reset();
   std::filesystem::remove(BatchMemory::pathIn(collection()));
   restart();
-  EXPECT_THAT(refusal(ErrorKind::StorageFailed, [&] { store_->openCollection("c"); }),
+  EXPECT_THAT(test::refusal(ErrorKind::StorageFailed, [&] { store_->openCollection("c"); }),
               HasSubstr("batches"));
 }
 
@@ -517,7 +506,7 @@ TEST_F(BatchTest, CollectionWithoutBatchesHasNoFileOfThem) {
 TEST_F(BatchTest, DeletedCollectionTakesNoBatch) {
   store_->deleteCollection("c");
   refusal(ErrorKind::UnknownCollection, batch("b1", {fox("k1")}, {"k2"}));
-  refusal(ErrorKind::UnknownCollection, [&] { store_->batchOutcome("c", "b1"); });
+  test::refusal(ErrorKind::UnknownCollection, [&] { store_->batchOutcome("c", "b1"); });
 }
 
 /// A collection without a store, whose work is done when the test says so.

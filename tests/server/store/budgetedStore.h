@@ -3,12 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
-#include <functional>
 #include <memory>
 #include <optional>
-#include <string>
 
-#include "server/base/errors.h"
 #include "server/base/memoryBudget.h"
 #include "server/store/localStore.h"
 #include "tests/support/temporaryDirectory.h"
@@ -25,17 +22,6 @@ class BudgetedStore : public ::testing::Test {
     limits.parts = parts;
     limits.index.memory = memory_;
     store_.emplace(directory_.path() / "data", limits);
-  }
-
-  /// Why the work is refused, which has to be an error of this kind.
-  static std::string refusal(ErrorKind kind, const std::function<void()>& work) {
-    try {
-      work();
-    } catch (const ServerError& error) {
-      EXPECT_EQ(error.kind(), kind) << error.what();
-      return error.what();
-    }
-    return "not refused";
   }
 
   tq::test::TemporaryDirectory directory_;

@@ -13,12 +13,14 @@
 #include "server/base/memoryBudget.h"
 #include "server/store/idleReaders.h"
 #include "tests/server/store/budgetedStore.h"
+#include "tests/server/store/refusal.h"
 #include "tests/support/sanitized.h"
 
 // What handles for searching take of the memory.
 namespace corvaned {
 namespace {
 
+using test::refusal;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 

@@ -13,11 +13,13 @@
 #include "tests/server/store/descriptorLimit.h"
 #include "tests/server/store/failingSync.h"
 #include "tests/server/store/fileSizeLimit.h"
+#include "tests/server/store/refusal.h"
 #include "tests/support/temporaryDirectory.h"
 
 namespace corvaned {
 namespace {
 
+using test::refusal;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -56,18 +58,6 @@ class LocalStoreTest : public ::testing::Test {
     std::vector<std::string> list;
     for (const Hit& hit : hits(query)) list.push_back(hit.key);
     return list;
-  }
-
-  template <typename Work>
-  static std::string refusal(ErrorKind kind, const Work& work) {
-    try {
-      work();
-    } catch (const ServerError& error) {
-      EXPECT_EQ(error.kind(), kind) << error.what();
-      return error.what();
-    }
-    ADD_FAILURE() << "not refused";
-    return {};
   }
 
   tq::test::TemporaryDirectory directory_;

@@ -10,10 +10,12 @@
 #include "server/base/memoryBudget.h"
 #include "server/store/idleReaders.h"
 #include "tests/server/store/budgetedStore.h"
+#include "tests/server/store/refusal.h"
 
 namespace corvaned {
 namespace {
 
+using test::refusal;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 

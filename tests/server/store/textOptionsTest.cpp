@@ -10,12 +10,14 @@
 #include "server/base/errors.h"
 #include "server/store/indexForm.h"
 #include "server/store/localStore.h"
+#include "tests/server/store/refusal.h"
 #include "tests/support/temporaryDirectory.h"
 
 // What is chosen when a collection is created, and what its documents say of themselves.
 namespace corvaned {
 namespace {
 
+using test::refusal;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -84,17 +86,6 @@ class TextOptionsTest : public ::testing::Test {
     EXPECT_EQ(store_->count("c", query), list.size());
     EXPECT_EQ(store_->estimate("c", text).hits, list.size());
     return list;
-  }
-
-  template <typename Work>
-  static std::string refusal(ErrorKind kind, const Work& work) {
-    try {
-      work();
-    } catch (const ServerError& error) {
-      EXPECT_EQ(error.kind(), kind) << error.what();
-      return error.what();
-    }
-    return "not refused";
   }
 
   std::string index() const { return (directory_.path() / "data/collections/c/index").string(); }
