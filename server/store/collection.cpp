@@ -594,6 +594,9 @@ bool Collection::begin(Job& job) {
     journal_.syncAll();
   } else {
     index_.beginUpdate([this] { requireGoingOn(); });
+    // What has been queued may take long. The segment is closed under the journal's lock, where
+    // little is left to bring to disk then.
+    journal_.syncAll();
     job.end = closeSegment();
     // Whoever asks from now on has no later changes, or waits for the next update.
     const std::lock_guard lock(jobsMutex_);

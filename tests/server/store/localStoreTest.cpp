@@ -423,6 +423,22 @@ TEST_F(LocalStoreTest, OutcomesAreNotToldWhenTheirDocumentsCannotBeBroughtToDisk
   refusal(ErrorKind::StorageFailed, [&] { store_->takeParseOutcomes("c"); });
 }
 
+TEST_F(LocalStoreTest, NobodyWaitsWhileAnUpdateBringsWhatWasQueuedToDisk) {
+  store_->createCollection("c", "en");
+  store_->queueDocument("c", {"k1", {}, "fox"});
+  std::thread update;
+  {
+    const test::SlowSync slow("journal-0000000001");
+    update = std::thread([&] { store_->updateIndex("c"); });
+    slow.await();
+    EXPECT_EQ(store_->state("c"), CollectionState::ChangesPending);
+    store_->queueDocument("c", {"k2", {}, "fox"});
+  }
+  update.join();
+  store_->updateIndex("c");
+  EXPECT_THAT(keys("fox"), UnorderedElementsAre("k1", "k2"));
+}
+
 TEST_F(LocalStoreTest, CollectionThatCannotBeMadeLeavesNothingBehind) {
   {
     const test::FailingSync failing;
