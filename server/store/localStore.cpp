@@ -25,10 +25,12 @@ namespace corvaned {
 namespace {
 
 constexpr std::chrono::milliseconds kRestAfter{1000};
-// Large collections are opened two at a time.
-constexpr std::size_t kOpeners = 2;
 // Up to this size a collection is opened by whoever needs it.
 constexpr std::uintmax_t kQuicklyRead = std::uintmax_t{4} << 20U;
+// Larger ones must not wait until others have been opened that take many seconds.
+constexpr std::uintmax_t kReadInSeconds = std::uintmax_t{256} << 20U;
+// Of each of these two kinds so many are opened at a time.
+constexpr std::size_t kOpeners = 2;
 // How much of a reason the log tells.
 constexpr std::size_t kMaxReason = 600;
 
@@ -89,6 +91,7 @@ LocalStore::LocalStore(std::filesystem::path directory, StoreLimits limits,
     moreIndexers_ = std::make_unique<asio::thread_pool>(useful - limits_.indexThreads);
   }
   openers_ = std::make_unique<asio::thread_pool>(kOpeners);
+  slowOpeners_ = std::make_unique<asio::thread_pool>(kOpeners);
   if (backups) keeper_ = std::make_unique<BackupKeeper>(*backups, house());
 }
 
@@ -111,6 +114,7 @@ LocalStore::~LocalStore() {
   stopping_ = true;
   keeper_.reset();
   openers_->join();
+  slowOpeners_->join();
   indexers_->stop();
 }
 
@@ -120,8 +124,10 @@ void LocalStore::open(const std::string& name, Opened opened) {
   const auto opening = registry_.awaitOpen(name, std::move(opened));
   if (!opening) return;
   try {
-    if (!isQuicklyRead(name)) {
-      return asio::post(*openers_, [opening = *opening] { opening.carryOut(); });
+    const std::uintmax_t bytes = bytesToRead(name);
+    if (bytes > kQuicklyRead) {
+      asio::thread_pool& openers = bytes > kReadInSeconds ? *slowOpeners_ : *openers_;
+      return asio::post(openers, [opening = *opening] { opening.carryOut(); });
     }
   } catch (const std::bad_alloc&) {
     // Others wait for it, too, so that it is carried out here and tells what is missing.
@@ -553,21 +559,23 @@ void LocalStore::forget(const std::string& name) {
 }
 
 // What is no plain file may take any time to read. A collection that does not exist takes none.
-bool LocalStore::isQuicklyRead(const std::string& name) const {
+std::uintmax_t LocalStore::bytesToRead(const std::string& name) const {
   std::uintmax_t bytes = 0;
   try {
     TreeReader reader(pathOf(name));
     while (const auto entry = reader.next()) {
       if (entry->isDirectory) continue;
       std::error_code gone;
-      if (!std::filesystem::is_regular_file(entry->path, gone)) return false;
+      if (!std::filesystem::is_regular_file(entry->path, gone)) {
+        return std::numeric_limits<std::uintmax_t>::max();
+      }
       const std::uintmax_t size = std::filesystem::file_size(entry->path, gone);
       if (!gone) bytes += size;
     }
   } catch (const ServerError&) {
     // Whoever opens it is told what is wrong.
   }
-  return bytes <= kQuicklyRead;
+  return bytes;
 }
 
 std::filesystem::path LocalStore::pathOf(const std::string& name) const {

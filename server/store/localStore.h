@@ -33,6 +33,7 @@ namespace corvaned {
 ///         index-sums             its checksums; index-sums-changing during an update
 ///         index-undo             only while several databases commit: how to undo that
 ///         options                how it differs from a collection without this file
+///         document-defaults      how its documents are read where nobody says it
 ///         batches                which batches it knows, and its mark
 ///         journal-0000000000     which changes the journal must hold
 ///         journal-0000000001...  accepted changes that are not in the index yet
@@ -119,7 +120,7 @@ class LocalStore : public Store {
   void refreshOpened(const std::string& name, const std::optional<ServerError>& failure) noexcept;
   void refreshOpen(const std::string& name);
   void refreshAgain(const std::string& name, const ServerError& failure);
-  bool isQuicklyRead(const std::string& name) const;
+  std::uintmax_t bytesToRead(const std::string& name) const;
   void makeRoom();
   std::shared_ptr<ParseOutcomes> outcomesOf(const std::string& name);
   void forget(const std::string& name);
@@ -155,6 +156,7 @@ class LocalStore : public Store {
   std::unique_ptr<IndexScheduler> indexers_;
   std::unique_ptr<asio::thread_pool> moreIndexers_;
   std::unique_ptr<asio::thread_pool> openers_;
+  std::unique_ptr<asio::thread_pool> slowOpeners_;
   std::unique_ptr<BackupKeeper> keeper_;
 };
 

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -38,6 +39,7 @@ using test::Headers;
 using test::httpRequest;
 using test::RawClient;
 using ::testing::AllOf;
+using ::testing::AnyOf;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -663,6 +665,32 @@ TEST_F(FrontTest, OpeningOneCollectionTakesNoWorkerFromTheOthers) {
     EXPECT_EQ(binary[i].receive(2), std::string("\0\6", 2));
   }
   EXPECT_EQ(httpAsk(setup, {{"action", "updateIndex"}, {"index", "slow"}}), kDone);
+}
+
+// Smaller ones must not wait for them.
+TEST_F(FrontTest, CollectionsThatTakeLongToOpenHoldUpNoneThatTakesLittle) {
+  const std::filesystem::path collections = directory_.path() / "data/collections";
+  RawClient setup(http_);
+  std::vector<std::unique_ptr<test::SlowCollection>> slow;
+  std::vector<RawClient> clients;
+  for (const char* name : {"s1", "s2", "s3"}) {
+    EXPECT_EQ(httpAsk(setup, {{"action", "createCollection"}, {"index", name}}), kDone);
+    slow.push_back(std::make_unique<test::SlowCollection>(collections / name));
+    clients.emplace_back(http_);
+    clients.back().send(httpRequest({{"action", "openCollection"}, {"index", name}}));
+  }
+  for (std::size_t i = 0; i < 2; ++i) {
+    ASSERT_TRUE(slow[i]->awaitOpening([&] { return store_.isOpen(i == 0 ? "s1" : "s2"); }));
+  }
+  EXPECT_EQ(httpAsk(setup, {{"action", "createCollection"}, {"index", "c"}}), kDone);
+  EXPECT_EQ(httpAsk(setup, {{"action", "closeCollection"}, {"index", "c"}}), kDone);
+  std::ofstream(collections / "c" / "note").flush();
+  std::filesystem::resize_file(collections / "c" / "note", std::size_t{5} << 20U);
+  EXPECT_EQ(httpAsk(setup, {{"action", "addDocument"}, {"index", "c"}}, kDocument), kDone);
+  for (const auto& each : slow) each->fail();
+  for (RawClient& client : clients) {
+    EXPECT_THAT(client.receiveHttp(), AnyOf(kDone, HasSubstr("ZVK0014E")));
+  }
 }
 
 TEST_F(FrontTest, WhoeverMakesDropsOrClosesACollectionThatIsBeingOpenedTakesNoWorker) {
