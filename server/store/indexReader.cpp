@@ -31,23 +31,21 @@ constexpr std::size_t kTextForms = 2;
 // XML.
 constexpr std::size_t kFormsForSnippet = 10;
 
-// A text that is too long for a part of it to be shown must not keep its hit from being told.
+// A text that is too long for a part of it to be shown must not keep its hit from being told. It is
+// too long where it would take more than half of the budget: the whole is hardly ever free, so to
+// try again could be of no use however often.
 bool hasRoomForSnippet(MemoryBudget::Share& memory, std::size_t textBytes, const std::string& key,
                        const IndexLimits& limits) {
+  const std::size_t bytes = memory.bytes() + kFormsForSnippet * textBytes;
+  if (limits.memory && bytes > limits.memory->limit() / 2) return false;
   const auto refusal = [&](std::size_t mebibytes) {
     return fmt::format(
         "to show a part of the document {} takes {} MiB of memory that are not free; ask for no "
         "\"snippet\", or raise --max-memory",
         shown(key), mebibytes);
   };
-  try {
-    setAside(memory, memory.bytes() + kFormsForSnippet * textBytes, limits.memory.get(),
-             ErrorKind::OutOfMemory, refusal);
-    return true;
-  } catch (const ServerError& error) {
-    if (error.kind() != ErrorKind::OutOfMemory) throw;
-    return false;
-  }
+  setAside(memory, bytes, limits.memory.get(), ErrorKind::TryAgain, refusal);
+  return true;
 }
 
 std::string_view wholeSortKey(std::string_view sortKey) { return sortKey; }
