@@ -24,8 +24,8 @@ void appendEscaped(std::string& out, std::string_view value) {
 void throwUnsortable(const std::string& name) {
   throw ServerError(ErrorKind::BadParameter,
                     "documents cannot be sorted by " + shown(name) +
-                        ": none of them has metadata of that name that is marked "
-                        "\"[sortable]\"");
+                        ": none of them has metadata of that name, of at most 64 letters, digits "
+                        "and \"_\", that is marked \"[sortable]\"");
 }
 
 std::string ValueOrder::operator()(const Xapian::Document& document) const {
