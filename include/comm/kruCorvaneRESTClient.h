@@ -34,7 +34,8 @@ enum class RequestOutcome {
 
 /// What one operation may take, instead of what the client's setters say. The time-out of
 /// `setTimeOut` counts beside them: a client that also makes calls without limit, such as an
-/// UPDATE_INDEX, is given deadlines and no time-out.
+/// UPDATE_INDEX, is given deadlines and no time-out. A pull of the reply's further portions is an
+/// operation of its own: it has the client's deadline, and is never repeated.
 struct OperationLimits {
   /// MILLISECONDS for all of it, as `setDeadline`; 0 for none.
   unsigned int deadlineMillis = 0;

@@ -13,6 +13,7 @@
 #include "tests/comm/binaryFixture.h"
 #include "tests/support/binaryReplies.h"
 #include "tests/support/exchange.h"
+#include "tests/support/protocolReplies.h"
 #include "tests/support/replyCorpus.h"
 #include "tests/support/script.h"
 #include "tests/support/scriptedNetwork.h"
@@ -244,6 +245,21 @@ TEST_P(HostNeeds, LimitsOfOneCallHoldForItAlone) {
   const auto before = network.elapsedMillis();
   EXPECT_EQ(errorOfExchange(*client, kGetStatus), kTimeOutId);
   EXPECT_GE(network.elapsedMillis() - before, 90000U);
+}
+
+TEST_P(HostNeeds, LimitsOfOneCallDoNotHoldForWhatIsPulledLater) {
+  const Replies replies(binary());
+  Script script;
+  replies.sendHits(replies.expect(script), {"k1"}, false).stall();
+  ScriptedNetwork network(script, ScriptedNetwork::Arrival::OnDemand);
+  auto client = makeClient();
+  client->setDeadline(20);
+  auto request = requestFor(kStreamSearch);
+  ClientResponse response;
+  client->sendAndRecvMesg(request, response, OperationLimits{90000, 5});
+  EXPECT_EQ(errorOf([&] { client->recv(response); }).errorId, kTimeOutId);
+  EXPECT_EQ(network.elapsedMillis(), 20U);
+  EXPECT_EQ(network.connections(), 1U);
 }
 
 TEST_P(HostNeeds, RetriesOfOneCallHoldForItAlone) {
