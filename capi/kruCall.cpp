@@ -3,6 +3,8 @@
 #include "capi/kruFailure.h"
 #include "comm/kruClientResponse.h"
 #include "comm/kruCorvaneRESTClient.h"
+#include "comm/kruStaticDefs.h"
+#include "infra/util/kruExtendedProperties.h"
 
 namespace tq::capi {
 
@@ -73,6 +75,22 @@ std::int32_t connectionAfter(const Core& core, const Call& call, const kru_error
   }
 }
 
+/// The kinds whose documents and outcomes are a named client's own.
+bool isNamed(ClientRequest::REQUEST kind) {
+  return kind == ClientRequest::ASYNCH_ADD_DOCUMENT || kind == ClientRequest::LAST_DOC_SENT ||
+         kind == ClientRequest::PARSE_RESULT;
+}
+
+void identify(const Core& core, ClientRequest& request) {
+  tq::util::ExtendedProperties& properties = request.getReqProperties();
+  if (!core.credentials.isEmpty()) {
+    properties.putProperty(tq::comm::StaticDefs::PARAM_AUTHENTICATION_TOKEN, core.credentials);
+  }
+  if (!core.name.isEmpty() && isNamed(request.getRequest())) {
+    properties.putProperty(u"client", core.name);
+  }
+}
+
 }  // namespace
 
 Core::Core() = default;
@@ -110,6 +128,7 @@ std::int32_t settle(Core& core, const Call& call, kru_error& report, kru_error* 
 void exchange(Core& core, ClientRequest& request, tq::comm::ClientResponse& response,
               const kru_limits* limits) {
   const kru_limits given = takeIn(limits, kru_limits{sizeof(kru_limits), 0, 0}, "the limits");
+  identify(core, request);
   core.asked = true;
   if (limits == nullptr) {
     core.client->sendAndRecvMesg(request, response);

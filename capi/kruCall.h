@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cxxabi.h>
+#include <unicode/unistr.h>
 
 #include <atomic>
 #include <cstdint>
@@ -37,6 +38,8 @@ struct Core {
   void* host = nullptr;
   std::uint32_t deadline = 0;  // KRU_DEADLINE
   bool queueMode = false;
+  icu::UnicodeString credentials{};  // empty: none
+  icu::UnicodeString name{};         // empty: none
   unsigned int pauseFirst = 0;
   unsigned int pauseMost = 0;
 
@@ -101,7 +104,7 @@ std::int32_t perform(std::shared_ptr<Core> core, const Call& call, kru_error* er
 template <typename Work>
 std::int32_t perform(kru_client* client, const Call& call, kru_error* error, Work work);
 
-/// Sends the request and reads its reply or the start of it.
+/// Sends the request, with the client's texts, and reads its reply or the start of it.
 void exchange(Core& core, tq::comm::ClientRequest& request, tq::comm::ClientResponse& response,
               const kru_limits* limits);
 

@@ -18,6 +18,9 @@ using tq::comm::DrestoPerfClient;
 
 constexpr std::uint32_t kLastPort = 65535;
 
+// A server takes no longer one.
+constexpr std::uint32_t kLongestName = 128;
+
 std::unique_ptr<kru_client> makeClient(std::int32_t protocol, const icu::UnicodeString& host,
                                        std::uint32_t port) {
   auto handle = std::make_unique<kru_client>();
@@ -99,6 +102,25 @@ void apply(Core& core, std::int32_t setting, std::uint32_t value) {
   }
 }
 
+/// Empty for a text that is taken away.
+icu::UnicodeString takeHeaderText(const char* text, std::uint32_t length, const char* what) {
+  return length == 0 ? icu::UnicodeString() : takeLine(text, length, what);
+}
+
+void applyText(Core& core, std::int32_t setting, const char* text, std::uint32_t length) {
+  switch (setting) {
+    case KRU_CREDENTIALS:
+      core.credentials = takeHeaderText(text, length, "the text of KRU_CREDENTIALS");
+      return;
+    case KRU_CLIENT_NAME:
+      if (length > kLongestName) misuse("the text of KRU_CLIENT_NAME", "is longer than 128 bytes");
+      core.name = takeHeaderText(text, length, "the text of KRU_CLIENT_NAME");
+      return;
+    default:
+      misuse("the setting", "is none that this version knows");
+  }
+}
+
 }  // namespace
 
 }  // namespace tq::capi
@@ -138,6 +160,12 @@ void kru_client_destroy(kru_client* client) {
 
 int32_t kru_client_set(kru_client* client, int32_t setting, uint32_t value, kru_error* error) {
   return perform(client, {}, error, [&](Core& core, kru_error&) { apply(core, setting, value); });
+}
+
+int32_t kru_client_set_text(kru_client* client, int32_t setting, const char* text, uint32_t length,
+                            kru_error* error) {
+  return perform(client, {}, error,
+                 [&](Core& core, kru_error&) { applyText(core, setting, text, length); });
 }
 
 int32_t kru_client_set_wait_hook(kru_client* client, kru_wait_hook hook, void* host,

@@ -11,10 +11,10 @@
    unwinds through the function, and the client can be destroyed afterwards. In a wait hook the
    cancellation waits until the hook has returned.
 
-   Texts are UTF-8 with a length in bytes and need no zero at their end. A text that is not UTF-8, a
-   collection name or a query with CR, LF or NUL, and null with a length are KRU_MISUSE; nothing is
-   sent. Keys and contents of documents are any bytes. What is handed in is read during the call and
-   not kept.
+   Texts are UTF-8 with a length in bytes and need no zero at their end. A text that is not UTF-8,
+   CR, LF or NUL in a collection name, a query or a text of kru_client_set_text, and null with a
+   length are KRU_MISUSE; nothing is sent. Keys and contents of documents are any bytes. What is
+   handed in is read or copied during the call and not kept.
 
    Threads. Calls on a client and its cursors must not overlap; different clients are independent.
    A call that meets another one under way on its client, in another thread or because a wait hook
@@ -144,6 +144,23 @@ enum {
 };
 KRU_API int32_t kru_client_set(kru_client* client, int32_t setting, uint32_t value,
                                kru_error* error);
+
+/* Texts that the client's requests carry. At first there is none. */
+enum {
+  KRU_CREDENTIALS = 101, /* in every request, for a server with accounts: "Bearer " and a token, or
+                            "Basic " and the Base64 of NAME:PASSWORD. Where the server does not
+                            accept them, it drops queued documents without a word, and other
+                            requests are KRU_UNAUTHORIZED */
+  KRU_CLIENT_NAME = 102  /* in queued documents, kru_end_queue and kru_ask_outcomes: the outcomes of
+                            documents that were queued under a name are told under it alone. At most
+                            128 bytes; of several programs that queue into one collection each needs
+                            a name of its own */
+};
+/* Copies the text for the requests from now on; what KRU_BATCHING holds back stays as it is. Length
+   0, with null or without, takes the text away. On KRU_MISUSE the text stays the one before. No
+   error of the library shows it. */
+KRU_API int32_t kru_client_set_text(kru_client* client, int32_t setting, const char* text,
+                                    uint32_t length, kru_error* error);
 
 /* What a wait hook is asked for (`events`, added up) and what it answers. Any other answer counts
    as KRU_WAIT_GIVE_UP. */
@@ -315,8 +332,9 @@ typedef struct kru_outcome {
   int32_t level; /* 1 severe, 2 error, 4 warning, 8 information */
 } kru_outcome;
 
-/* Asks what became of the documents that were queued into the collection, by whomever: each outcome
-   is told once. Match them by key. */
+/* Asks what became of the documents that were queued into the collection under the client's
+   KRU_CLIENT_NAME or, without one, by whomever without one: each outcome is told once. Match them
+   by key. */
 KRU_API int32_t kru_ask_outcomes(kru_client* client, const char* collection,
                                  uint32_t collection_length, const kru_limits* limits,
                                  kru_cursor** cursor, kru_error* error);

@@ -147,6 +147,21 @@ TEST_P(CFaceMemory, OfADocumentMayFail) {
             10);
 }
 
+// Of taking the text and of sending it.
+TEST_P(CFaceMemory, OfCredentialsMayFail) {
+  Script script;
+  replies.expect(script).send(replies.done()).awaitClose();
+  EXPECT_GT(sweep(script, KRU_OK,
+                  [](kru_client* client, kru_error& error) {
+                    const std::int32_t code = kru_client_set_text(
+                        client, KRU_CREDENTIALS, kQuery.data(), lengthOf(kQuery), &error);
+                    if (code != KRU_OK) return code;
+                    return kru_update_index(client, kCollection.data(), lengthOf(kCollection),
+                                            nullptr, &error);
+                  }),
+            5);
+}
+
 std::int32_t searchAll(kru_client* client, kru_error& error, std::size_t& hits) {
   kru_cursor* cursor = nullptr;
   std::int32_t code = kru_search(client, kCollection.data(), lengthOf(kCollection), kQuery.data(),

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include <cstdint>
 #include <initializer_list>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "capi/kru.h"
+#include "infra/oss/kruSystemCalls.h"
 #include "tests/support/protocolReplies.h"
 #include "tests/support/scriptedNetwork.h"
 
@@ -96,6 +98,9 @@ struct CFaceSettings : testing::TestWithParam<bool> {
     const std::int32_t code = kru_ask_outcomes(client.get(), "c1", 2, nullptr, &cursor, &error);
     kru_cursor_close(cursor);
     return code;
+  }
+  std::int32_t setText(const Client& client, std::int32_t setting, const std::string& text) {
+    return kru_client_set_text(client.get(), setting, text.data(), lengthOf(text), &error);
   }
 
   Replies replies{GetParam()};
@@ -299,6 +304,173 @@ TEST_P(CFaceSettings, ASearchAsksForScoresUnlessItsCallerDoesWithout) {
   EXPECT_THAT(requests[1], HasSubstr("start: 2\n"));
   EXPECT_THAT(requests[1], HasSubstr("size: 10\n"));
   EXPECT_THAT(requests[2], Not(HasSubstr("scoreWanted")));
+}
+
+// Texts.
+
+constexpr char kSecret[] = "Bearer host.c2VjcmV0";
+constexpr char kAuthorization[] = "Authorization: Bearer host.c2VjcmV0\n";
+
+TEST_P(CFaceSettings, SendsTheCredentialsWithEachRequest) {
+  const std::string hits = replies.hitsAtOnce({"k1"});
+  const std::string number = word16(1) + envelope(1, tq::test::estimate(5, 9, 7)) + endOfResults();
+  const std::string done = replies.done();
+  ScriptedNetwork network(
+      answers({done, done, "", "", replies.outcomes(), done, replies.ready(), replies.ready(), hits,
+               done, done, binary() ? number : replies.ready()}));
+  const Client client = create();
+  ASSERT_EQ(setText(client, KRU_CREDENTIALS, kSecret), KRU_OK) << error.message;
+  EXPECT_EQ(createCollection(client), KRU_OK);
+  EXPECT_EQ(kru_add_document(client.get(), "c1", 2, "k", 1, "t", 1, nullptr, 0, nullptr, &error),
+            KRU_OK);
+  EXPECT_EQ(queue(client, "k1"), KRU_OK);
+  EXPECT_EQ(endQueue(client), KRU_OK);
+  EXPECT_EQ(askOutcomes(client), KRU_OK);
+  EXPECT_EQ(update(client), KRU_OK);
+  EXPECT_EQ(status(client), KRU_OK);
+  std::uint32_t ready = 9;
+  EXPECT_EQ(kru_status(client.get(), nullptr, 0, nullptr, &ready, &error), KRU_OK);
+  EXPECT_EQ(search(client), KRU_OK);
+  EXPECT_EQ(kru_delete_document(client.get(), "c1", 2, "k", 1, nullptr, &error), KRU_OK);
+  EXPECT_EQ(kru_drop_collection(client.get(), "c1", 2, nullptr, &error), KRU_OK);
+  EXPECT_EQ(kru_estimate(client.get(), "c1", 2, "q", 1, nullptr, nullptr, nullptr, nullptr, &error),
+            binary() ? KRU_OK : KRU_UNSUPPORTED);
+  const auto& requests = network.connection(0).requests;
+  ASSERT_EQ(requests.size(), binary() ? 12U : 11U);
+  for (const std::string& request : requests) EXPECT_THAT(request, HasSubstr(kAuthorization));
+}
+
+TEST_P(CFaceSettings, QueuesAndAsksUnderItsName) {
+  ScriptedNetwork network(answers({"", "", replies.outcomes(), replies.done(), replies.ready()}));
+  const Client client = create();
+  ASSERT_EQ(setText(client, KRU_CLIENT_NAME, "host-1"), KRU_OK) << error.message;
+  EXPECT_EQ(queue(client, "k1"), KRU_OK);
+  EXPECT_EQ(endQueue(client), KRU_OK);
+  EXPECT_EQ(askOutcomes(client), KRU_OK);
+  EXPECT_EQ(update(client), KRU_OK);
+  EXPECT_EQ(status(client), KRU_OK);
+  const auto& requests = network.connection(0).requests;
+  ASSERT_EQ(requests.size(), 5U);
+  for (std::size_t i = 0; i < requests.size(); ++i) {
+    EXPECT_EQ(requests[i].find("client: host-1\n") != std::string::npos, i < 3) << requests[i];
+  }
+}
+
+TEST_P(CFaceSettings, ATextIsCopiedAndStaysUntilItIsTakenAway) {
+  ScriptedNetwork network(answers(std::vector<std::string>(4, replies.outcomes())));
+  const Client client = create();
+  std::string credentials = kSecret;
+  std::string name = "host-1";
+  ASSERT_EQ(setText(client, KRU_CREDENTIALS, credentials), KRU_OK);
+  ASSERT_EQ(setText(client, KRU_CLIENT_NAME, name), KRU_OK);
+  credentials.assign(credentials.size(), 'x');
+  name.assign(name.size(), 'x');
+  EXPECT_EQ(askOutcomes(client), KRU_OK);
+  EXPECT_EQ(kru_client_disconnect(client.get(), nullptr), KRU_OK);
+  EXPECT_EQ(askOutcomes(client), KRU_OK);
+  EXPECT_EQ(kru_client_set_text(client.get(), KRU_CREDENTIALS, nullptr, 0, &error), KRU_OK);
+  EXPECT_EQ(askOutcomes(client), KRU_OK);
+  EXPECT_EQ(kru_client_set_text(client.get(), KRU_CLIENT_NAME, "unread", 0, &error), KRU_OK);
+  EXPECT_EQ(askOutcomes(client), KRU_OK);
+  ASSERT_EQ(network.connections(), 2U);
+  for (const std::string& request :
+       {network.connection(0).requests.at(0), network.connection(1).requests.at(0)}) {
+    EXPECT_THAT(request, HasSubstr(kAuthorization));
+    EXPECT_THAT(request, HasSubstr("client: host-1\n"));
+  }
+  EXPECT_THAT(network.connection(1).requests.at(1), Not(HasSubstr("Authorization")));
+  EXPECT_THAT(network.connection(1).requests.at(1), HasSubstr("client: host-1\n"));
+  EXPECT_THAT(network.connection(1).requests.at(2), Not(HasSubstr("client: ")));
+}
+
+TEST_P(CFaceSettings, ATextThatCannotBeOneChangesNothing) {
+  ScriptedNetwork network(answers({replies.outcomes()}));
+  const Client client = create();
+  const std::string longest(128, 'n');
+  ASSERT_EQ(setText(client, KRU_CREDENTIALS, kSecret), KRU_OK);
+  ASSERT_EQ(setText(client, KRU_CLIENT_NAME, longest), KRU_OK);
+  for (const std::int32_t setting : {KRU_CREDENTIALS, KRU_CLIENT_NAME}) {
+    for (const std::string& bad :
+         {std::string("hidden\nx"), std::string("hidden\r"), std::string("hidden\0", 7),
+          std::string("hidden\xC3"), std::string("hidden\xED\xA0\x80")}) {
+      EXPECT_EQ(setText(client, setting, bad), KRU_MISUSE) << bad;
+      EXPECT_EQ(error.outcome, KRU_NOT_SENT);
+      EXPECT_THAT(std::string(error.message), HasSubstr("the text of KRU_C"));
+      EXPECT_THAT(std::string(error.message), Not(HasSubstr("hidden")));
+    }
+    EXPECT_EQ(kru_client_set_text(client.get(), setting, nullptr, 3, &error), KRU_MISUSE);
+    EXPECT_EQ(kru_client_set(client.get(), setting, 1, &error), KRU_MISUSE);
+  }
+  EXPECT_EQ(setText(client, KRU_CLIENT_NAME, longest + 'n'), KRU_MISUSE);
+  EXPECT_STREQ(error.message, "the text of KRU_CLIENT_NAME is longer than 128 bytes");
+  EXPECT_EQ(setText(client, KRU_TIME_OUT, "x"), KRU_MISUSE);
+  EXPECT_EQ(setText(client, KRU_CLIENT_NAME + 1, "x"), KRU_MISUSE);
+  EXPECT_EQ(kru_client_set_text(nullptr, KRU_CREDENTIALS, "x", 1, &error), KRU_MISUSE);
+  EXPECT_EQ(network.connections(), 0U);
+  EXPECT_EQ(askOutcomes(client), KRU_OK);
+  EXPECT_THAT(network.connection(0).requests.at(0), HasSubstr(kAuthorization));
+  EXPECT_THAT(network.connection(0).requests.at(0), HasSubstr("client: " + longest + "\n"));
+}
+
+TEST_P(CFaceSettings, WhatIsHeldBackKeepsTheTextsThatItWasQueuedWith) {
+  ScriptedNetwork network(answers({"", "", ""}));
+  const Client client = create({{KRU_BATCHING, 1}});
+  ASSERT_EQ(setText(client, KRU_CLIENT_NAME, "ada"), KRU_OK);
+  EXPECT_EQ(queue(client, "k1"), KRU_OK);
+  ASSERT_EQ(setText(client, KRU_CLIENT_NAME, "ben"), KRU_OK);
+  EXPECT_EQ(queue(client, "k2"), KRU_OK);
+  EXPECT_EQ(endQueue(client), KRU_OK);
+  const auto& requests = network.connection(0).requests;
+  ASSERT_EQ(requests.size(), 3U);
+  EXPECT_THAT(requests[0], HasSubstr("client: ada\n"));
+  EXPECT_THAT(requests[1], HasSubstr("client: ben\n"));
+}
+
+TEST_P(CFaceSettings, NoErrorShowsTheCredentials) {
+  const std::string unknown =
+      binary() ? word16(401) : "HTTP/1.1 401 Who\r\nContent-Length: 6\r\n\r\nnobody";
+  ScriptedNetwork network({answers({unknown}), lost(), silent()});
+  const Client client = create({{KRU_RETRIES, 0}, {KRU_DEADLINE, 20}});
+  ASSERT_EQ(setText(client, KRU_CREDENTIALS, kSecret), KRU_OK);
+  const auto expectHidden = [&] {
+    const std::string told(reinterpret_cast<const char*>(&error), sizeof error);
+    EXPECT_THAT(told, Not(HasSubstr("host.c2VjcmV0")));
+  };
+  EXPECT_EQ(update(client), KRU_UNAUTHORIZED);
+  expectHidden();
+  EXPECT_EQ(kru_client_disconnect(client.get(), nullptr), KRU_OK);
+  EXPECT_EQ(update(client), KRU_RECEIVE);
+  expectHidden();
+  EXPECT_EQ(update(client), KRU_TIMEOUT);
+  expectHidden();
+  const std::string endless = "Bearer " + std::string(70000, 's');
+  ASSERT_EQ(setText(client, KRU_CREDENTIALS, endless), KRU_OK);
+  EXPECT_NE(update(client), KRU_OK);
+  EXPECT_THAT(std::string(error.message), Not(HasSubstr("sss")));
+}
+
+struct RenamingHost {
+  kru_client* client;
+  std::int32_t code = KRU_OK;
+};
+
+std::int32_t waitAndRename(void* host, std::int32_t fd, std::int32_t events, std::int32_t timeOut) {
+  auto& self = *static_cast<RenamingHost*>(host);
+  self.code = kru_client_set_text(self.client, KRU_CLIENT_NAME, "other", 5, nullptr);
+  pollfd entry{fd, static_cast<short>((events & KRU_WAIT_READ) != 0 ? POLLIN : POLLOUT), 0};
+  return tq::oss::systemCalls().poll(&entry, 1, timeOut) > 0 ? KRU_WAIT_READY : KRU_WAIT_TIMED_OUT;
+}
+
+TEST_P(CFaceSettings, ATextIsNotChangedWhileACallIsUnderWay) {
+  ScriptedNetwork network(answers({replies.ready(), ""}), ScriptedNetwork::Arrival::OnDemand);
+  const Client client = create();
+  ASSERT_EQ(setText(client, KRU_CLIENT_NAME, "host-1"), KRU_OK);
+  RenamingHost host{client.get()};
+  ASSERT_EQ(kru_client_set_wait_hook(client.get(), &waitAndRename, &host, &error), KRU_OK);
+  EXPECT_EQ(status(client), KRU_OK);
+  EXPECT_EQ(host.code, KRU_MISUSE);
+  EXPECT_EQ(queue(client, "k1"), KRU_OK);
+  EXPECT_THAT(network.connection(0).requests.at(1), HasSubstr("client: host-1\n"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Over, CFaceSettings, testing::Bool(), [](const auto& over) {
