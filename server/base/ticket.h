@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -22,10 +23,15 @@ class Ticket {
   void requireSuccess() const;
   bool isDone() const;
 
+  /// A client waits for the end.
+  void expect() noexcept { expected_ = true; }
+  bool isExpected() const noexcept { return expected_; }
+
   /// The work has ended; it has failed if there is a reason. Called once.
   void finish(const std::optional<ServerError>& failure = std::nullopt) noexcept;
 
  private:
+  std::atomic<bool> expected_ = false;
   mutable std::mutex mutex_;
   std::condition_variable ended_;
   // Guarded by mutex_.

@@ -57,6 +57,16 @@ void requireNotStopping(const std::atomic<bool>& stopping) {
   if (stopping) throw ServerError(ErrorKind::TryAgain, "the server is stopping");
 }
 
+// Names some of the documents, since the outcome of each may be for another client to take.
+std::string inShort(const ParseOutcomes::LeftOut& leftOut) {
+  const std::string more = leftOut.count > leftOut.named
+                               ? fmt::format(" and {} more", leftOut.count - leftOut.named)
+                               : "";
+  return fmt::format(
+      "{} document{} left out, all others are searchable: {}{}; getParseResult names each",
+      leftOut.count, leftOut.count == 1 ? "" : "s", leftOut.names, more);
+}
+
 }  // namespace
 
 void Collection::create(const std::filesystem::path& directory, const IndexForm& form,
@@ -167,7 +177,7 @@ std::shared_ptr<Ticket> Collection::add(const Document& document) {
   const Journal::Place place = append({ChangeKind::Put, document});
   requestEarly(place);
   // A round syncs the journal for all who wait for it.
-  if (refresh_.mode == Refresh::Mode::Immediate) return awaitRound(document.key);
+  if (refresh_.mode == Refresh::Mode::Immediate) return awaitRound({document.key});
   journal_.sync(place.ticket);
   return nullptr;
 }
@@ -193,7 +203,7 @@ void Collection::requestEarly(const Journal::Place& place) {
   if (refresh_.mode != Refresh::Mode::Interval || place.end.bytes < limits_.earlyBytes) return;
   // The journal stays as long as it is until an attempt succeeds, which the timer repeats.
   if (failed_) return;
-  requestUpdate();
+  updateUnasked();
 }
 
 void Collection::reportOutcome(ParseOutcome outcome, const std::string& client) {
@@ -205,7 +215,7 @@ std::shared_ptr<Ticket> Collection::remove(const std::string& key, bool mustExis
   const Change change{ChangeKind::Remove, {key, {}, {}}};
   const Journal::Place place = mustExist ? appendIfThere(change) : append(change);
   hide(place.end, key);
-  if (refresh_.mode == Refresh::Mode::Immediate) return awaitRound(key);
+  if (refresh_.mode == Refresh::Mode::Immediate) return awaitRound({key});
   journal_.sync(place.ticket);
   return requestRemoval();
 }
@@ -224,7 +234,10 @@ Collection::Applied Collection::apply(Batch batch) {
   if (outcome.refused.count > 0) return {std::move(outcome), nullptr};
   requestEarly(place);
   if (refresh_.mode == Refresh::Mode::Immediate) {
-    return {std::move(outcome), isIndexed() ? nullptr : awaitRound({})};
+    if (isIndexed()) return {std::move(outcome), nullptr};
+    std::vector<std::string> keys;
+    for (const Document& document : entry->changes.documents) keys.push_back(document.key);
+    return {std::move(outcome), awaitRound(std::move(keys))};
   }
   journal_.sync(place.ticket);
   return {std::move(outcome), requestRemoval()};
@@ -381,16 +394,36 @@ void Collection::saveBatches() {
 
 std::shared_ptr<Ticket> Collection::requestUpdate() {
   const std::lock_guard lock(jobsMutex_);
+  std::shared_ptr<Ticket> ticket = wantUpdate();
+  const bool isDone = !ticket;
+  if (isDone) ticket = std::make_shared<Ticket>();
+  ticket->expect();
+  if (isDone) ticket->finish(replyTo(*ticket));
+  return ticket;
+}
+
+void Collection::updateUnasked() {
+  const std::lock_guard lock(jobsMutex_);
+  wantUpdate();
+}
+
+// jobsMutex_ is locked. Null if there is nothing to do.
+std::shared_ptr<Ticket> Collection::wantUpdate() {
   requireActive();
   if (updateWanted_) return updateWanted_;
   if (updating_ && journal_.end() <= updatingTo_) return updating_;
-  auto ticket = std::make_shared<Ticket>();
-  if (!updating_ && isIndexed() && !uncut_ && !index_.isOfEarlierForm()) {
-    ticket->finish();
-  } else {
-    updateWanted_ = ticket;
-  }
-  return ticket;
+  if (!updating_ && isIndexed() && !uncut_ && !index_.isOfEarlierForm()) return nullptr;
+  updateWanted_ = std::make_shared<Ticket>();
+  return updateWanted_;
+}
+
+// Of an update that finds nothing more to do: perhaps whoever asked for the last one asks again
+// because the reply was lost, or nobody asked for it.
+std::optional<ServerError> Collection::replyTo(const Ticket& update) const {
+  const auto leftOut = outcomes_->leftOut();
+  if (!leftOut) return std::nullopt;
+  if (update.isExpected()) outcomes_->noteGiven();
+  return ServerError(ErrorKind::DocumentsNotIndexed, inShort(*leftOut));
 }
 
 // Every search pays for each key that it filters; an occasional commit costs less.
@@ -413,11 +446,11 @@ void Collection::requestRound() {
   unawaited_ = true;
 }
 
-// Whoever waits for a single document is told if the index refuses that one.
-std::shared_ptr<Ticket> Collection::awaitRound(const std::string& key) {
+// Whoever waits for documents is told if the index refuses one of these.
+std::shared_ptr<Ticket> Collection::awaitRound(std::vector<std::string> keys) {
   const std::lock_guard lock(jobsMutex_);
   requireActive();
-  roundWanted_.push_back({key, std::make_shared<Ticket>()});
+  roundWanted_.push_back({std::move(keys), std::make_shared<Ticket>()});
   return roundWanted_.back().ticket;
 }
 
@@ -435,7 +468,7 @@ void Collection::refresh() {
   refreshComes_ = false;
   // The timer may be that of a collection that had this name before.
   if (refresh_.mode == Refresh::Mode::Manual) return;
-  requestUpdate();
+  updateUnasked();
 }
 
 // In this order: whoever comes in between need not do it, and whoever comes later must.
@@ -452,7 +485,7 @@ bool Collection::takeOverdue() {
       const std::lock_guard lock(jobsMutex_);
       unawaited_ = true;
     }
-    requestUpdate();
+    updateUnasked();
     return true;
   } catch (...) {
     overdue_ = true;
@@ -652,7 +685,7 @@ void Collection::end(Job& job) {
   }
   pendingKeys_.forgetUpTo(job.end);
   // Before anything else can fail: no later update comes across them.
-  const std::size_t refused = reportRefused(job);
+  const std::optional<ServerError> refused = reportRefused(job);
   if (isRound) return;
   saveBatches();
   journal_.remove(job.end.segment - 1);
@@ -661,27 +694,71 @@ void Collection::end(Job& job) {
     const std::lock_guard lock(hiddenMutex_);
     deletionBytes_.erase(deletionBytes_.begin(), deletionBytes_.lower_bound(job.end.segment));
   }
-  if (refused == 0) return;
-  throw ServerError(ErrorKind::DocumentsNotIndexed,
-                    fmt::format("{} documents cannot be indexed, all others are searchable; "
-                                "getParseResult names them",
-                                refused));
+  if (!refused) return;
+  outcomes_->noteGiven();
+  throw ServerError(*refused);
+}
+
+ParseOutcomes::LeftOut Collection::leftOutOf(const Refused& refused) {
+  constexpr std::uint64_t kNamed = 3;
+  ParseOutcomes::LeftOut result{refused.size(), std::min<std::uint64_t>(refused.size(), kNamed)};
+  auto next = refused.begin();
+  for (std::uint64_t i = 0; i < result.named; ++i, ++next) {
+    result.names += i == 0 ? fmt::format("{} ({})", shown(next->first), next->second->messageText)
+                           : ", " + shown(next->first);
+  }
+  return result;
+}
+
+// Those of the documents that this one waits for.
+Collection::Refused Collection::refusedOf(const Waiting& waiting, const Refused& refused) {
+  Refused own;
+  for (const std::string& key : waiting.keys) {
+    if (const auto found = refused.find(key); found != refused.end()) own.insert(*found);
+  }
+  return own;
+}
+
+// Returns those that nobody waits for.
+Collection::Refused Collection::tellWaiting(Job& job, const Refused& refused) {
+  Refused untold = refused;
+  if (refused.empty()) return untold;
+  for (Waiting& waiting : job.waiting) {
+    const Refused own = waiting.ticket ? refusedOf(waiting, refused) : Refused();
+    if (own.empty()) continue;
+    const bool isBatch = waiting.keys.size() > 1;
+    const std::string reason = isBatch ? inShort(leftOutOf(own)) : own.begin()->second->messageText;
+    waiting.ticket->finish(ServerError(ErrorKind::DocumentsNotIndexed, reason));
+    waiting.ticket.reset();
+    for (const auto& [key, outcome] : own) untold.erase(key);
+  }
+  return untold;
 }
 
 // Those who wait for one of these documents are told here, and the others when the job ends.
-std::size_t Collection::reportRefused(Job& job) {
-  std::vector<ParseOutcome>& refused = job.update->refused();
-  for (ParseOutcome& outcome : refused) {
-    for (Waiting& waiting : job.waiting) {
-      if (waiting.key != outcome.key || !waiting.ticket) continue;
-      waiting.ticket->finish(ServerError(ErrorKind::DocumentsNotIndexed, outcome.messageText));
-      waiting.ticket.reset();
-    }
+// Returns what a client is told that waits for all of it.
+std::optional<ServerError> Collection::reportRefused(Job& job) {
+  Refused refused;
+  for (const ParseOutcome& outcome : job.update->refused()) refused.emplace(outcome.key, &outcome);
+  const Refused untold = tellWaiting(job, refused);
+  const bool isExpected = job.ticket && job.ticket->isExpected();
+  // What finds nothing to bring in changes nothing of what is known of the update before.
+  if (job.update->progress().all > 0)
+    outcomes_->noteUpdate(leftOutOf(isExpected ? refused : untold));
+  std::optional<ServerError> reply;
+  if (isExpected && !refused.empty()) {
+    reply.emplace(ErrorKind::DocumentsNotIndexed, inShort(outcomes_->leftOut().value()));
+  }
+  // Perhaps nobody asks for an update, or for outcomes, of what becomes searchable by itself.
+  std::string line;
+  if (!untold.empty() && refresh_.mode != Refresh::Mode::Manual) line = inShort(leftOutOf(untold));
+  for (ParseOutcome& outcome : job.update->refused()) {
     const std::string owner = outcomes_->ownerOf(outcome.key);
     pushOutcome(std::move(outcome), 0, owner);
   }
   outcomes_->forgetOwnersUpTo(job.end);
-  return refused.size();
+  if (!line.empty()) logFailure("refresh", {ErrorKind::DocumentsNotIndexed, line});
+  return reply;
 }
 
 // If it fails, the deletions are in the journal, and searches keep filtering them: those who wait
@@ -726,6 +803,9 @@ bool Collection::removeNext(Job& job) {
 }
 
 void Collection::endJob(const std::optional<ServerError>& failure, bool damaged) {
+  // First, since it takes memory: whoever waits has to be answered if there is none.
+  const bool isDone = !failure && job_->kind == Job::Kind::Update;
+  const std::optional<ServerError> reply = isDone ? replyTo(*job_->ticket) : failure;
   damaged_ = damaged;
   const std::unique_ptr<Job> job = std::move(job_);
   // Those who wait may need the memory that it takes.
@@ -740,7 +820,7 @@ void Collection::endJob(const std::optional<ServerError>& failure, bool damaged)
   for (const Waiting& waiting : job->waiting) {
     if (waiting.ticket) waiting.ticket->finish(concernsAll ? failure : std::nullopt);
   }
-  if (job->ticket) job->ticket->finish(failure);
+  if (job->ticket) job->ticket->finish(reply);
   if (!concernsAll || stopping_ || retired_ || refresh_.mode == Refresh::Mode::Manual) return;
   failed_ = true;
   changed_ = true;

@@ -103,7 +103,8 @@ class Collection {
   Applied apply(Batch batch);
   BatchOutcome batchOutcome(const std::string& name);
   /// The work that makes every change accepted before this call searchable. All who ask at the same
-  /// time get the same. indexStep() carries it out.
+  /// time get the same. indexStep() carries it out. What was left out before and told to nobody
+  /// counts as left out by it.
   std::shared_ptr<Ticket> requestUpdate();
   std::vector<ParseOutcome> takeOutcomes(const std::string& client = {});
   std::unique_ptr<HitSource> search(const SearchQuery& query);
@@ -176,9 +177,9 @@ class Collection {
   void retire(Fate fate);
 
  private:
-  /// Who waits for a change to become searchable.
+  /// Who waits for a change, or a batch of them, to become searchable.
   struct Waiting {
-    std::string key;
+    std::vector<std::string> keys;
     std::shared_ptr<Ticket> ticket;
   };
 
@@ -208,6 +209,9 @@ class Collection {
     std::size_t removed = 0;
     MemoryBudget::Share memory;
   };
+
+  /// Documents that the index has refused, by their keys.
+  using Refused = std::map<std::string_view, const ParseOutcome*>;
 
   Journal::Place append(const Change& change);
   Journal::Place appendIfThere(const Change& change);
@@ -252,7 +256,7 @@ class Collection {
   Hidden hiddenFrom(const SearchQuery& query) const;
   std::shared_ptr<Ticket> requestRemoval();
   void requestRound();
-  std::shared_ptr<Ticket> awaitRound(const std::string& key);
+  std::shared_ptr<Ticket> awaitRound(std::vector<std::string> keys);
   void requestEarly(const Journal::Place& place);
   bool isIndexed() const;
   bool takeJob();
@@ -261,7 +265,13 @@ class Collection {
   bool begin(Job& job);
   JournalPosition closeSegment();
   void end(Job& job);
-  std::size_t reportRefused(Job& job);
+  static ParseOutcomes::LeftOut leftOutOf(const Refused& refused);
+  static Refused refusedOf(const Waiting& waiting, const Refused& refused);
+  static Refused tellWaiting(Job& job, const Refused& refused);
+  std::optional<ServerError> reportRefused(Job& job);
+  std::optional<ServerError> replyTo(const Ticket& update) const;
+  std::shared_ptr<Ticket> wantUpdate();
+  void updateUnasked();
   bool removeSome(Job& job);
   void beginRemoval(Job& job);
   bool removeNext(Job& job);

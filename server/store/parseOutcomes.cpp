@@ -5,6 +5,8 @@
 #include <limits>
 #include <utility>
 
+#include "server/base/errors.h"
+
 namespace corvaned {
 namespace {
 
@@ -97,6 +99,7 @@ ParseOutcomes::Client& ParseOutcomes::clientNamed(const std::string& name) {
 
 void ParseOutcomes::append(Queue& queue, ParseOutcome outcome) {
   const std::size_t bytes = costOf(outcome);
+  if (outcome.messageId == messageId(ErrorKind::DocumentsNotIndexed)) queue.leftOutBy = updates_;
   queue.outcomes.push_back(std::move(outcome));
   queue.bytes += bytes;
   bytes_ += bytes;
@@ -182,6 +185,11 @@ ParseOutcomes::Taken ParseOutcomes::takeFrom(Queue& queue) {
   Taken taken{std::exchange(queue.outcomes, {}), 0, allMemory_->emptyShare()};
   taken.memory.force(queue.bytes);
   bytes_ -= std::exchange(queue.bytes, 0);
+  const std::uint64_t leftOutBy = std::exchange(queue.leftOutBy, 0);
+  if (leftOut_ && leftOut_->update == leftOutBy && !taken.outcomes.empty()) {
+    bytes_ -= leftOut_->names.size();
+    taken.leftOut = std::exchange(leftOut_, std::nullopt);
+  }
   return taken;
 }
 
@@ -196,7 +204,42 @@ void ParseOutcomes::putBack(Taken taken, const std::string& client) {
   queue.bytes += bytes;
   bytes_ += bytes;
   if (!client.empty()) ofClients_ += taken.outcomes.size();
+  if (taken.leftOut && !leftOut_) {
+    queue.leftOutBy = taken.leftOut->update;
+    setLeftOut(std::move(taken.leftOut));
+  }
   memory_.set(bytes_);
+}
+
+// Of updates that nobody waits for, the last may have left out nothing.
+void ParseOutcomes::noteUpdate(LeftOut leftOut) {
+  const std::lock_guard lock(mutex_);
+  ++updates_;
+  if (leftOut_ && !leftOut_->isGiven) {
+    if (leftOut.count == 0) return;
+    leftOut_->count += leftOut.count;
+    leftOut_->update = updates_;
+    return;
+  }
+  leftOut.update = updates_;
+  setLeftOut(leftOut.count == 0 ? std::nullopt : std::optional(std::move(leftOut)));
+  memory_.set(bytes_);
+}
+
+std::optional<ParseOutcomes::LeftOut> ParseOutcomes::leftOut() const {
+  const std::lock_guard lock(mutex_);
+  return leftOut_;
+}
+
+void ParseOutcomes::noteGiven() {
+  const std::lock_guard lock(mutex_);
+  if (leftOut_) leftOut_->isGiven = true;
+}
+
+void ParseOutcomes::setLeftOut(std::optional<LeftOut> leftOut) {
+  if (leftOut_) bytes_ -= leftOut_->names.size();
+  leftOut_ = std::move(leftOut);
+  if (leftOut_) bytes_ += leftOut_->names.size();
 }
 
 void ParseOutcomes::setOwner(const std::string& key, const std::string& client,
@@ -290,7 +333,8 @@ std::optional<BatchOutcome> ParseOutcomes::refused(const std::string& batch) con
 
 bool ParseOutcomes::empty() const {
   const std::lock_guard lock(mutex_);
-  return outcomes_.outcomes.empty() && refused_.empty() && clients_.empty() && owners_.empty();
+  return outcomes_.outcomes.empty() && refused_.empty() && clients_.empty() && owners_.empty() &&
+         !leftOut_;
 }
 
 void ParseOutcomes::forgetTickets() {

@@ -59,6 +59,10 @@ class OutcomeMemory {
 ///
 /// Documents are queued under the name of a client, which alone is told, or without one; then
 /// whoever asks first without a name is told.
+///
+/// What updates of the index left out stands beside the outcomes of these documents, in short:
+/// until somebody has taken one of these, or an update follows after somebody was given it in
+/// short.
 class ParseOutcomes {
  public:
   /// How many clients can have outcomes; those of the client that was heard of longest ago are
@@ -73,11 +77,22 @@ class ParseOutcomes {
   explicit ParseOutcomes(std::size_t limit, std::shared_ptr<OutcomeMemory> memory =
                                                 std::make_shared<OutcomeMemory>(nullptr));
 
+  /// What updates left out: how many documents, and the first of them in words.
+  struct LeftOut {
+    std::uint64_t count = 0;
+    std::uint64_t named = 0;
+    std::string names{};
+    /// The number of the last of these updates, and whether somebody was given this.
+    std::uint64_t update = 0;
+    bool isGiven = false;
+  };
   /// What is taken at a time, and the journal's ticket that must be on disk before it is told.
   struct Taken {
     std::deque<ParseOutcome> outcomes;
     std::uint64_t ticket = 0;
     MemoryBudget::Share memory{};
+    /// If they are the first outcomes of these documents.
+    std::optional<LeftOut> leftOut{};
   };
 
   /// Returns false if an older outcome was dropped for it.
@@ -85,6 +100,13 @@ class ParseOutcomes {
   Taken take(const std::string& client = {});
   /// After what was taken could not be told.
   void putBack(Taken taken, const std::string& client = {});
+
+  /// An update has changed the index and left out so much, whose outcomes are pushed next.
+  void noteUpdate(LeftOut leftOut);
+  /// Nothing if no document was left out of which somebody is still to be told.
+  std::optional<LeftOut> leftOut() const;
+  /// Somebody has been given what leftOut() returns.
+  void noteGiven();
 
   /// The client, which may have no name, queued the document, which ends there in the journal.
   void setOwner(const std::string& key, const std::string& client, const JournalPosition& end);
@@ -117,6 +139,8 @@ class ParseOutcomes {
   struct Queue {
     std::deque<ParseOutcome> outcomes;
     std::size_t bytes = 0;
+    /// The last update that has left out a document of these.
+    std::uint64_t leftOutBy = 0;
   };
   struct Client {
     Queue queue;
@@ -140,6 +164,7 @@ class ParseOutcomes {
   Clients::iterator clientThatTakesMost();
   Clients::iterator oldestClient();
   void forgetClient(Clients::iterator client);
+  void setLeftOut(std::optional<LeftOut> leftOut);
   void eraseOwner(std::unordered_map<std::string, Owner>::iterator owner);
   void forgetRefused(std::deque<std::pair<std::string, BatchOutcome>>::iterator refused);
 
@@ -159,6 +184,8 @@ class ParseOutcomes {
   std::size_t ofClients_ = 0;
   std::uint64_t uses_ = 0;
   std::unordered_map<std::string, Owner> owners_;
+  std::uint64_t updates_ = 0;
+  std::optional<LeftOut> leftOut_;
 };
 
 }  // namespace corvaned

@@ -351,11 +351,14 @@ class Store {
   }
   /// Accepts all of the batch or nothing. One that has been applied before changes nothing and has
   /// the same outcome. Throws if the name is that of another batch, or if the collection does not
-  /// have the expected mark.
+  /// have the expected mark; and, although it is accepted, if it is to be searchable at once and
+  /// the index refuses a document of it.
   virtual BatchOutcome apply(const std::string& name, Batch batch) = 0;
   /// The outcome of a batch that was applied, or refused lately. Throws if none is known.
   virtual BatchOutcome batchOutcome(const std::string& name, const std::string& batch) = 0;
-  /// Makes every change accepted before the call searchable.
+  /// Makes every change accepted before the call searchable. Throws DocumentsNotIndexed if
+  /// documents were left out; so does one that finds nothing to do, as long as nobody has been told
+  /// of them.
   virtual void updateIndex(const std::string& name) = 0;
   /// One outcome for each document that the client has queued since its last call, oldest first,
   /// all of them durable. Without a name, of those that were queued without one.

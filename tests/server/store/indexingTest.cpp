@@ -30,6 +30,9 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
+// Longer than a term can be. (The fronts let no such key through.)
+const std::string kRefusedKey(300, 'a');
+
 TEST(IndexingProgress, IsToldAfterEachStepAndEndsWithTheUpdate) {
   const tq::test::TemporaryDirectory directory;
   Collection::create(directory.path(), {"en", {}}, {});
@@ -379,8 +382,7 @@ TEST_F(IndexStepsTest, StopTakesEffectWhileTheIndexIsChecked) {
 }
 
 TEST_F(IndexStepsTest, RefusedDocumentIsReportedAlsoIfTheJournalCannotBeCutOff) {
-  // Longer than a term can be. (The fronts let no such key through.)
-  for (const std::string& key : {std::string(300, 'a'), std::string("k")}) {
+  for (const std::string& key : {kRefusedKey, std::string("k")}) {
     collection_->add({key, {}, "fox"});
   }
   const std::shared_ptr<Ticket> ticket = collection_->requestUpdate();
@@ -394,11 +396,18 @@ TEST_F(IndexStepsTest, RefusedDocumentIsReportedAlsoIfTheJournalCannotBeCutOff) 
   EXPECT_EQ(collection_->estimate("fox", kExactHits).hits, 1U);
   // Somebody has to ask for the update again.
   EXPECT_EQ(collection_->state(), CollectionState::ChangesPending);
+  std::filesystem::remove_all(segment);
+  const std::shared_ptr<Ticket> again = collection_->requestUpdate();
+  index();
+  EXPECT_EQ(collection_->state(), CollectionState::Current);
+  try {
+    again->requireSuccess();
+    ADD_FAILURE() << "nobody has been told";
+  } catch (const ServerError& error) {
+    EXPECT_EQ(error.kind(), ErrorKind::DocumentsNotIndexed);
+  }
   EXPECT_EQ(collection_->takeOutcomes().size(), 1U);
 }
-
-// Longer than a term can be. (The fronts let no such key through.)
-const std::string kRefusedKey(300, 'a');
 
 /// An update in one slice or in several, as the memory allows.
 class SlicesTest : public IndexStepsTest, public ::testing::WithParamInterface<bool> {

@@ -24,8 +24,12 @@ using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using ::testing::StartsWith;
 using ::testing::UnorderedElementsAre;
+
+// Longer than a term can be. (The fronts let no such key through.)
+const std::string kRefusedKey(300, 'a');
 
 class LocalStoreTest : public ::testing::Test {
  protected:
@@ -582,15 +586,14 @@ TEST_F(LocalStoreTest, OutcomesOfAClientAreToldToItAlone) {
 
 TEST_F(LocalStoreTest, ClientIsToldWhatTheIndexRefusesLater) {
   store_->createCollection("c", "en");
-  const std::string bad(300, 'a');
-  store_->queueDocument("c", {bad, {}, "fox"}, "ada");
+  store_->queueDocument("c", {kRefusedKey, {}, "fox"}, "ada");
   store_->queueDocument("c", {std::string(300, 'b'), {}, "fox"});
   EXPECT_EQ(store_->takeParseOutcomes("c", "ada").size(), 1U);
   EXPECT_EQ(store_->takeParseOutcomes("c").size(), 1U);
   refusal(ErrorKind::DocumentsNotIndexed, [&] { store_->updateIndex("c"); });
   const std::vector<ParseOutcome> outcomes = store_->takeParseOutcomes("c", "ada");
   ASSERT_EQ(outcomes.size(), 1U);
-  EXPECT_EQ(outcomes[0].key, bad);
+  EXPECT_EQ(outcomes[0].key, kRefusedKey);
   EXPECT_EQ(outcomes[0].messageId, "ZVK0015E");
   EXPECT_EQ(store_->takeParseOutcomes("c").size(), 1U);
 }
@@ -879,8 +882,7 @@ TEST_F(LocalStoreTest, DeletionThatAnUpdateOvertakesHidesNothingThatCameLater) {
 
 TEST_F(LocalStoreTest, DocumentsThatTheIndexRefusesAreLeftOutAndReported) {
   store_->createCollection("c", "en");
-  // Longer than a term can be. (The fronts let no such key through.)
-  const std::vector<std::string> bad{std::string(300, 'a'), std::string(300, 'b')};
+  const std::vector<std::string> bad{kRefusedKey, std::string(300, 'b')};
   for (int i = 0; i < 100; ++i) {
     add("k" + std::to_string(i), "fox");
     if (i == 3 || i == 57) add(bad[i == 3 ? 0 : 1], "fox");
@@ -894,6 +896,56 @@ TEST_F(LocalStoreTest, DocumentsThatTheIndexRefusesAreLeftOutAndReported) {
   EXPECT_EQ(outcomes[1].key, bad[1]);
   EXPECT_EQ(outcomes[0].messageId, "ZVK0015E");
   EXPECT_EQ(store_->state("c"), CollectionState::Current);
+}
+
+TEST_F(LocalStoreTest, AnUpdateSaysWhichDocumentsItLeftOut) {
+  store_->createCollection("c", "en");
+  const auto leftOut = [&](int count) {
+    for (int i = 0; i < count; ++i) add(static_cast<char>('a' + i) + kRefusedKey, "");
+    return refusal(ErrorKind::DocumentsNotIndexed, [&] { store_->updateIndex("c"); });
+  };
+  const auto key = [](char first) {
+    return std::string("\"") + first + kRefusedKey.substr(0, 119);
+  };
+  const std::string reason = " (the document cannot be indexed: ";
+  EXPECT_THAT(leftOut(1), AllOf(HasSubstr("1 document left out"), HasSubstr(key('a')),
+                                HasSubstr(reason), Not(HasSubstr(" more"))));
+  EXPECT_THAT(leftOut(3), AllOf(HasSubstr("3 documents left out"), HasSubstr(key('a')),
+                                HasSubstr(key('c')), Not(HasSubstr(" more"))));
+  EXPECT_THAT(leftOut(5),
+              AllOf(HasSubstr("5 documents left out"), HasSubstr(key('b')), HasSubstr(key('c')),
+                    Not(HasSubstr(key('d'))), HasSubstr(" and 2 more")));
+}
+
+// As if the reply had been lost.
+TEST_F(LocalStoreTest, AnUpdateIsAnsweredAlikeUntilWhatItLeftOutIsTold) {
+  store_->createCollection("c", "en");
+  store_->queueDocument("c", {kRefusedKey, {}, ""}, "ada");
+  store_->takeParseOutcomes("c", "ada");
+  const auto update = [&] { store_->updateIndex("c"); };
+  const std::string said = refusal(ErrorKind::DocumentsNotIndexed, update);
+  EXPECT_EQ(refusal(ErrorKind::DocumentsNotIndexed, update), said);
+  EXPECT_THAT(store_->takeParseOutcomes("c"), IsEmpty());
+  EXPECT_EQ(refusal(ErrorKind::DocumentsNotIndexed, update), said) << "it was another client's";
+  EXPECT_EQ(store_->takeParseOutcomes("c", "ada").size(), 1U);
+  EXPECT_NO_THROW(update());
+}
+
+TEST_F(LocalStoreTest, AnUpdateThatDoesSomethingSaysOnlyWhatItLeftOutItself) {
+  store_->createCollection("c", "en");
+  add(kRefusedKey, "");
+  refusal(ErrorKind::DocumentsNotIndexed, [&] { store_->updateIndex("c"); });
+  add("k", "fox");
+  EXPECT_NO_THROW(store_->updateIndex("c"));
+  EXPECT_NO_THROW(store_->updateIndex("c"));
+}
+
+TEST_F(LocalStoreTest, WhatAnUpdateLeftOutIsForgottenWithTheServer) {
+  store_->createCollection("c", "en");
+  add(kRefusedKey, "");
+  refusal(ErrorKind::DocumentsNotIndexed, [&] { store_->updateIndex("c"); });
+  restart();
+  EXPECT_NO_THROW(store_->updateIndex("c"));
 }
 
 TEST_F(LocalStoreTest, SecondOwnerOfADirectoryIsRefused) {

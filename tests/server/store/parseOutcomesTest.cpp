@@ -29,6 +29,15 @@ class ParseOutcomesTest : public ::testing::Test {
     return keys;
   }
 
+  void refuse(const std::string& key, const std::string& client) {
+    outcomes_.push({key, "ZVK0015E", "no"}, 0, client);
+  }
+
+  std::string leftOut() const {
+    const auto found = outcomes_.leftOut();
+    return found ? std::to_string(found->count) + " " + found->names : "";
+  }
+
   Keys take(const std::string& client = {}) { return keysOf(outcomes_.take(client)); }
 
   ParseOutcomes outcomes_{5};
@@ -64,6 +73,54 @@ TEST_F(ParseOutcomesTest, ClientIsToldItsOwnAndNobodyElseIs) {
   EXPECT_FALSE(outcomes_.empty());
   EXPECT_THAT(take("ben"), ElementsAre("k3"));
   EXPECT_TRUE(outcomes_.empty());
+}
+
+TEST_F(ParseOutcomesTest, WhatAnUpdateLeftOutStandsUntilAnOutcomeOfItIsTaken) {
+  EXPECT_EQ(leftOut(), "");
+  for (const char* client : {"", "ada"}) {
+    outcomes_.noteUpdate({2, 1, "k1"});
+    refuse("k1", client);
+    refuse("k2", "ben");
+    push("k3", "eve");
+    EXPECT_THAT(take("eve"), ElementsAre("k3"));
+    EXPECT_THAT(take("nobody"), IsEmpty());
+    EXPECT_EQ(leftOut(), "2 k1");
+    outcomes_.putBack(outcomes_.take(client), client);
+    EXPECT_EQ(leftOut(), "2 k1") << "it could not be told";
+    EXPECT_THAT(take(client), ElementsAre("k1"));
+    EXPECT_EQ(leftOut(), "");
+    EXPECT_THAT(take("ben"), ElementsAre("k2"));
+  }
+  EXPECT_TRUE(outcomes_.empty());
+  outcomes_.noteUpdate({1, 1, "k1"});
+  EXPECT_FALSE(outcomes_.empty());
+}
+
+TEST_F(ParseOutcomesTest, NextUpdateReplacesWhatSomebodyWasGiven) {
+  outcomes_.noteUpdate({1, 1, "k1"});
+  refuse("k1", "ada");
+  outcomes_.noteGiven();
+  outcomes_.noteUpdate({1, 1, "k2"});
+  refuse("k2", "ben");
+  EXPECT_THAT(take("ada"), ElementsAre("k1"));
+  EXPECT_EQ(leftOut(), "1 k2") << "an outcome of an earlier one says nothing of it";
+  outcomes_.noteGiven();
+  outcomes_.noteUpdate({});
+  EXPECT_EQ(leftOut(), "");
+}
+
+TEST_F(ParseOutcomesTest, WhatNobodyWasGivenIsKeptThroughFurtherUpdates) {
+  outcomes_.noteUpdate({1, 1, "k1"});
+  refuse("k1", "ada");
+  outcomes_.noteUpdate({});
+  EXPECT_EQ(leftOut(), "1 k1");
+  outcomes_.noteUpdate({4, 3, "k2, k3, k4"});
+  refuse("k2", "ben");
+  EXPECT_EQ(leftOut(), "5 k1");
+  EXPECT_THAT(take("ada"), ElementsAre("k1"));
+  EXPECT_EQ(leftOut(), "5 k1");
+  EXPECT_THAT(take("ben"), ElementsAre("k2"));
+  EXPECT_EQ(leftOut(), "");
 }
 
 TEST_F(ParseOutcomesTest, WhatCouldNotBeToldIsToldFirstTheNextTime) {
@@ -204,6 +261,20 @@ TEST_F(OutcomesInABudgetTest, MemoryCountsUntilTheyAreTold) {
   outcomes_.putBack(outcomes_.take("ada"), "ada");
   EXPECT_EQ(budget_->used(), ofOne);
   outcomes_.take("ada");
+  EXPECT_EQ(budget_->used(), 0U);
+}
+
+TEST_F(OutcomesInABudgetTest, WhatAnUpdateLeftOutTakesMemoryUntilItIsTold) {
+  outcomes_.noteUpdate({1, 1, std::string(10000, 'x')});
+  EXPECT_GT(budget_->used(), 10000U);
+  outcomes_.noteGiven();
+  outcomes_.noteUpdate({});
+  EXPECT_EQ(budget_->used(), 0U);
+  outcomes_.noteUpdate({1, 1, std::string(10000, 'x')});
+  outcomes_.push({key(1), "ZVK0015E", {}}, 0);
+  outcomes_.putBack(outcomes_.take());
+  EXPECT_GT(budget_->used(), 10000U);
+  outcomes_.take();
   EXPECT_EQ(budget_->used(), 0U);
 }
 

@@ -13,6 +13,7 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "server/base/errors.h"
@@ -37,6 +38,9 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 
 constexpr Refresh kImmediate{Refresh::Mode::Immediate, {}};
+
+// Longer than a term can be. (The fronts let no such key through.)
+const std::string kRefusedKey(300, 'a');
 
 Refresh every(std::chrono::milliseconds time) { return {Refresh::Mode::Interval, time}; }
 
@@ -373,8 +377,7 @@ TEST_F(RefreshStepsTest, ThoseWhoWaitAtTheSameTimeShareOneTransaction) {
 TEST_F(RefreshStepsTest, OnlyWhoeverAddedADocumentThatTheIndexRefusesIsTold) {
   create(kImmediate);
   const auto good = collection_->add({"k1", {}, "fox"});
-  // Longer than a term can be. (The fronts let no such key through.)
-  const auto bad = collection_->add({std::string(300, 'a'), {}, "fox"});
+  const auto bad = collection_->add({kRefusedKey, {}, "fox"});
   index();
   EXPECT_NO_THROW(good->requireSuccess());
   EXPECT_THROW(bad->requireSuccess(), ServerError);
@@ -382,9 +385,83 @@ TEST_F(RefreshStepsTest, OnlyWhoeverAddedADocumentThatTheIndexRefusesIsTold) {
   EXPECT_EQ(collection_->estimate("fox", kExactHits).hits, 1U);
 }
 
+Batch batchOf(const std::string& name, std::vector<Document> documents) {
+  Batch batch;
+  batch.name = name;
+  batch.changes.documents = std::move(documents);
+  return batch;
+}
+
+TEST_F(RefreshStepsTest, WhoeverSentABatchOfWhichTheIndexRefusesADocumentIsTold) {
+  create(kImmediate);
+  const Document good{"k1", {}, "fox"}, refused{kRefusedKey, {}, "fox"};
+  const auto whole = collection_->apply(batchOf("b1", {good})).ticket;
+  const auto rest = collection_->apply(batchOf("b2", {{"k2", {}, "fox"}, refused})).ticket;
+  index();
+  EXPECT_NO_THROW(whole->requireSuccess());
+  try {
+    rest->requireSuccess();
+    ADD_FAILURE() << "not refused";
+  } catch (const ServerError& error) {
+    EXPECT_EQ(error.kind(), ErrorKind::DocumentsNotIndexed);
+    EXPECT_THAT(error.what(), HasSubstr("1 document left out"));
+  }
+  EXPECT_EQ(collection_->estimate("fox", kExactHits).hits, 2U);
+  EXPECT_NO_THROW(collection_->requestUpdate()->requireSuccess()) << "whoever waited has been told";
+}
+
+TEST_F(RefreshStepsTest, RefusalThatNobodyWaitsForIsALineOfTheLog) {
+  for (const Refresh& refresh : {kImmediate, every(std::chrono::milliseconds(1)), Refresh{}}) {
+    const tq::test::TemporaryDirectory directory;
+    const test::LogLines log;
+    Collection::create(directory.path(), {"en", {}}, refresh);
+    collection_.emplace("c", directory.path(), limits_, std::make_shared<ParseOutcomes>(10),
+                        stopping_);
+    collection_->queue({kRefusedKey, {}, "fox"}, "ada");
+    if (refresh.mode != Refresh::Mode::Immediate) collection_->requestUpdate();
+    index();
+    const auto lines =
+        log.with("error failure: action=\"refresh\" collection=\"c\" error=ZVK0015E");
+    EXPECT_EQ(lines.size(), refresh.mode == Refresh::Mode::Manual ? 0U : 1U);
+    for (const std::string& line : lines) EXPECT_THAT(line, HasSubstr("1 document left out"));
+    collection_.reset();
+  }
+}
+
+TEST_F(RefreshStepsTest, UpdateSaysWhatWasLeftOutWhileNobodyWaited) {
+  create(kImmediate);
+  const auto update = [&] { collection_->requestUpdate()->requireSuccess(); };
+  collection_->queue({kRefusedKey, {}, "fox"}, "ada");
+  index();
+  collection_->queue({"k", {}, "fox"}, "ben");
+  index();
+  EXPECT_THROW(update(), ServerError);
+  ASSERT_TRUE(collection_->takeRest());
+  collection_->rest();
+  index();
+  EXPECT_THROW(update(), ServerError) << "the index was only brought to rest";
+  EXPECT_EQ(collection_->takeOutcomes("ada").size(), 2U);
+  EXPECT_NO_THROW(update());
+}
+
+TEST_F(RefreshStepsTest, UpdateThatFollowsOneThatNobodyWaitedForSaysWhatThatLeftOut) {
+  create(every(std::chrono::hours(1)));
+  collection_->queue({kRefusedKey, {}, "fox"}, "ada");
+  collection_->refresh();
+  index();
+  collection_->add({"k1", {}, "fox"});
+  auto ticket = collection_->requestUpdate();
+  index();
+  EXPECT_THROW(ticket->requireSuccess(), ServerError);
+  collection_->add({"k2", {}, "fox"});
+  ticket = collection_->requestUpdate();
+  index();
+  EXPECT_NO_THROW(ticket->requireSuccess()) << "it was said";
+}
+
 TEST_F(RefreshStepsTest, RefusalOfADocumentGoesToNobodyWhoQueuedItBeforeUnderAName) {
   create({});
-  const Document bad{std::string(300, 'a'), {}, "fox"};
+  const Document bad{kRefusedKey, {}, "fox"};
   collection_->queue(bad, "ada");
   EXPECT_EQ(collection_->takeOutcomes("ada").size(), 1U);
   collection_->queue(bad);
