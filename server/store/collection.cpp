@@ -175,6 +175,7 @@ void Collection::setDocumentDefaults(const DocumentReading& defaults) {
 std::shared_ptr<Ticket> Collection::add(const Document& document) {
   checkSize(document);
   const Journal::Place place = append({ChangeKind::Put, document});
+  outcomes_->forgetOwner(document.key);
   requestEarly(place);
   // A round syncs the journal for all who wait for it.
   if (refresh_.mode == Refresh::Mode::Immediate) return awaitRound({document.key});
@@ -312,6 +313,7 @@ BatchOutcome Collection::accept(const std::shared_ptr<BatchEntry>& entry, bool k
     entry->unknown = static_cast<std::uint32_t>(unknown);
     place = appendBehindGate({ChangeKind::Batch, {}, entry});
   }
+  for (const Document& document : entry->changes.documents) outcomes_->forgetOwner(document.key);
   return outcomeOf(*entry);
 }
 

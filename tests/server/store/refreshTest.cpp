@@ -6,6 +6,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -462,14 +463,19 @@ TEST_F(RefreshStepsTest, UpdateThatFollowsOneThatNobodyWaitedForSaysWhatThatLeft
 TEST_F(RefreshStepsTest, RefusalOfADocumentGoesToNobodyWhoQueuedItBeforeUnderAName) {
   create({});
   const Document bad{kRefusedKey, {}, "fox"};
-  collection_->queue(bad, "ada");
-  EXPECT_EQ(collection_->takeOutcomes("ada").size(), 1U);
-  collection_->queue(bad);
-  EXPECT_EQ(collection_->takeOutcomes().size(), 1U);
-  collection_->requestUpdate();
-  index();
-  EXPECT_EQ(collection_->takeOutcomes("ada").size(), 0U);
-  EXPECT_EQ(collection_->takeOutcomes().size(), 1U);
+  const std::vector<std::function<void()>> replacements{
+      [&] { collection_->queue(bad); }, [&] { collection_->add(bad); },
+      [&] { collection_->apply(batchOf("b1", {bad})); }};
+  for (const auto& replace : replacements) {
+    collection_->queue(bad, "ada");
+    replace();
+    collection_->takeOutcomes();
+    EXPECT_EQ(collection_->takeOutcomes("ada").size(), 1U);
+    collection_->requestUpdate();
+    index();
+    EXPECT_EQ(collection_->takeOutcomes("ada").size(), 0U);
+    EXPECT_EQ(collection_->takeOutcomes().size(), 1U);
+  }
 }
 
 // Nobody waits for a queued document, and perhaps nobody reads the log.
