@@ -101,7 +101,10 @@ class Builder {
         "collection may have been deleted, which 'corvane status COLLECTION' tells.");
     addAdd();
     addLoad();
-    addCollectionCommand("update", "Make all added documents searchable", updateIndex, kRepeatable);
+    addCollectionCommand(
+        "update", "Make all added documents searchable",
+        [](Session& session, const std::string& name) { return updateIndex(session, name); },
+        kRepeatable);
     addSearch();
     addEstimate();
     addDelete();
@@ -273,7 +276,8 @@ class Builder {
         },
         "A document that is refused is reported with its line, key and reason; the rest\n"
         "is loaded. A document whose fate the server has not told is sent again, which\n"
-        "does no harm. Searches find the documents after the command update.");
+        "does no harm. Searches find the documents after the command update, which says\n"
+        "what the index leaves out; load --update lists all of these by their keys.");
     addCollection(sub, arguments->collection);
     sub->add_option(
            "FILE", *file,

@@ -96,23 +96,24 @@ nlohmann::ordered_json backupResult(const char* done, const std::string& backup,
   return object;
 }
 
-// The key where it can be read as text, otherwise what the server calls the document.
-std::string nameOf(const tq::comm::ParseResult& result) {
-  const auto key = keyOfDocId(result.getDocument());
-  return key && fromUtf8(*key) ? *key : toUtf8(result.getDocument());
-}
-
-// The server says how many documents an update left out, and which ones when it is asked.
+// The server says how many documents an update left out, and tells each when it is asked.
 void tellWhatWasLeftOut(Session& session, const std::string& collection,
-                        const tq::oss::BaseException& failure) {
+                        const icu::UnicodeString& client, const tq::oss::BaseException& failure) {
   session.answered = true;
   session.printer.error(describeFailure(failure, session.settings, session.answered),
                         failureId(failure));
-  takeOutcomes(session, collectionName(collection), {}, [&](const tq::comm::ParseResult& result) {
-    if (isRefusal(result)) report(session, {0, nameOf(result), reasonOf(result.getMessage())});
-  });
-  if (session.client.isTruncated()) {
-    session.printer.error("the server broke off the list of these documents", "TRUNCATED");
+  std::vector<icu::UnicodeString> clients;
+  if (!client.isEmpty()) clients.push_back(client);
+  clients.emplace_back();
+  for (const auto& each : clients) {
+    takeOutcomes(session, collectionName(collection), each,
+                 [&](const tq::comm::ParseResult& result) {
+                   if (!isRefusal(result)) return;
+                   report(session, {0, nameOf(result), reasonOf(result.getMessage())});
+                 });
+    if (session.client.isTruncated()) {
+      session.printer.error("the server broke off the list of these documents", "TRUNCATED");
+    }
   }
 }
 
@@ -188,12 +189,13 @@ ExitCode dropCollection(Session& session, const std::string& collection) {
                "the collection may have been deleted all the same (the request was not repeated)");
 }
 
-ExitCode updateIndex(Session& session, const std::string& collection) try {
+ExitCode updateIndex(Session& session, const std::string& collection,
+                     const icu::UnicodeString& client) try {
   return runOn(session, ClientRequest::UPDATE_INDEX, collection, "updated",
                "the server may still be updating");
 } catch (const tq::oss::BaseException& failure) {
   if (!leavesDocumentsOut(failure)) throw;
-  tellWhatWasLeftOut(session, collection, failure);
+  tellWhatWasLeftOut(session, collection, client, failure);
   return ExitCode::PartlyLoaded;
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <unicode/unistr.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -37,7 +39,11 @@ struct ConfigureArguments {
 ExitCode configureCollection(Session& session, const ConfigureArguments& arguments);
 
 ExitCode dropCollection(Session& session, const std::string& collection);
-ExitCode updateIndex(Session& session, const std::string& collection);
+
+/// Lists what the index leaves out: of the documents that `client` has queued, unless that is
+/// empty, and of those that nobody in particular has.
+ExitCode updateIndex(Session& session, const std::string& collection,
+                     const icu::UnicodeString& client = {});
 
 struct AddArguments {
   std::string collection;

@@ -101,8 +101,10 @@ bool isVerdict(const tq::oss::BaseException& failure, tq::comm::RequestOutcome o
 
 bool isUnreadable(const icu::UnicodeString& id) { return id == u"ZVK0001E"; }
 
+bool isLeftOut(const icu::UnicodeString& id) { return id == u"ZVK0015E"; }
+
 bool leavesDocumentsOut(const tq::oss::BaseException& failure) {
-  return firstId(failure) == u"ZVK0015E";
+  return isLeftOut(firstId(failure));
 }
 
 bool suggestsOtherProtocol(const tq::oss::BaseException& failure) {

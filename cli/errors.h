@@ -39,6 +39,9 @@ bool isVerdict(const tq::oss::BaseException& failure, tq::comm::RequestOutcome o
 /// other protocol, too.
 bool isUnreadable(const icu::UnicodeString& id);
 
+/// True for the id of a document that the server has taken and the index has refused.
+bool isLeftOut(const icu::UnicodeString& id);
+
 /// True when an update of the index left documents out, and all others are searchable.
 bool leavesDocumentsOut(const tq::oss::BaseException& failure);
 

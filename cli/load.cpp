@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <string>
@@ -67,6 +68,12 @@ void BatchLoader::add(Document document) {
 
 void BatchLoader::finish() {
   if (!window_.empty()) deliver();
+  if (std::exchange(mayHaveMore_, false)) collect();
+}
+
+// A document that was taken twice may be refused before one of the two results has come.
+std::uint64_t BatchLoader::taken() const {
+  return taken_ - std::min<std::uint64_t>(taken_, leftOut_.size());
 }
 
 std::size_t BatchLoader::pending() const { return disputed_.size() + (sent_ ? window_.size() : 0); }
@@ -74,7 +81,7 @@ std::size_t BatchLoader::pending() const { return disputed_.size() + (sent_ ? wi
 std::vector<Refusal> BatchLoader::takeRefusals() { return std::exchange(refusals_, {}); }
 
 void BatchLoader::deliver() {
-  sent_ = true;
+  sent_ = mayHaveMore_ = true;
   changed_();
   try {
     deliverOnce();
@@ -123,12 +130,15 @@ void BatchLoader::collect() try {
 }
 
 void BatchLoader::note(const tq::comm::ParseResult& result) {
+  if (isRefusal(result) && isLeftOut(result.getMessage().getMessageId())) {
+    return noteLeftOut(result);
+  }
   // A server names a document by its key, as text or in the form of a hit's document id.
   auto found = byKey_.find(toUtf8(result.getDocument()));
   if (found == byKey_.end()) {
     found = byKey_.find(keyOfDocId(result.getDocument()).value_or(std::string()));
   }
-  // Another client of the collection queued this one.
+  // Another client of the collection queued this one, or it has been settled before.
   if (found == byKey_.end()) return;
   Entry& entry = *found->second;
   if (isRefusal(result)) {
@@ -136,6 +146,14 @@ void BatchLoader::note(const tq::comm::ParseResult& result) {
   } else {
     entry.accepted = true;
   }
+}
+
+// Sending it again would only have it refused again. Its key may stand in this window, too, or have
+// come in several: which line was refused is not known.
+void BatchLoader::noteLeftOut(const tq::comm::ParseResult& result) {
+  const std::string document = toUtf8(result.getDocument());
+  if (!leftOut_.insert(keyOfDocId(result.getDocument()).value_or(document)).second) return;
+  refusals_.push_back({0, nameOf(result), reasonOf(result.getMessage())});
 }
 
 // Only when all results are known, because two of them may have one key: ours and another client's.
@@ -222,6 +240,7 @@ class LoadRun {
   }
 
   std::uint64_t loaded() const { return loader_.taken(); }
+  const icu::UnicodeString& client() const { return loader_.client(); }
 
  private:
   std::string sentence() const {
@@ -315,7 +334,7 @@ ExitCode loadDocuments(Session& session, const LoadArguments& arguments, std::is
   }
   // The sums must not be held back by a long update.
   session.printer.flush();
-  const ExitCode updated = updateIndex(session, arguments.collection);
+  const ExitCode updated = updateIndex(session, arguments.collection, run.client());
   return updated == ExitCode::Ok ? code : updated;
 }
 

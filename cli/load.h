@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "cli/exitCode.h"
@@ -35,6 +36,9 @@ struct WindowLimits {
 /// ones, like those that a result refuses, are added by requests with answers of their own. Sending
 /// a document again does no harm: it replaces the one that has its key. So that it never replaces a
 /// later one, no key stands twice in a window.
+///
+/// Where the index is updated while the load goes on, it may refuse a document of any window
+/// before. Only a server that looks at the name tells that at all.
 class BatchLoader {
  public:
   /// `changed` is called when a window is about to be sent and when results have come.
@@ -46,10 +50,14 @@ class BatchLoader {
   /// not.
   void add(Document document);
 
-  /// Delivers what is left.
+  /// Delivers what is left, and asks once more what the index has refused.
   void finish();
 
-  std::uint64_t taken() const { return taken_; }
+  /// Without those that the index has refused since.
+  std::uint64_t taken() const;
+
+  /// What this load is called where several share a collection.
+  const icu::UnicodeString& client() const { return client_; }
 
   /// Documents that have been sent and are neither taken nor refused yet.
   std::size_t pending() const;
@@ -70,13 +78,13 @@ class BatchLoader {
   void queue(const Document& document);
   void collect();
   void note(const tq::comm::ParseResult& result);
+  void noteLeftOut(const tq::comm::ParseResult& result);
   void settle();
   void confirm();
   bool isTaken(const Document& document);
 
   Session& session_;
   icu::UnicodeString collection_;
-  // What this load is called where several share a collection.
   const icu::UnicodeString client_;
   WindowLimits limits_;
   std::function<void()> changed_;
@@ -91,6 +99,10 @@ class BatchLoader {
   Entries disputed_;
 
   std::uint64_t taken_ = 0;
+  // Keys of documents that were taken, and that the index has refused.
+  std::unordered_set<std::string> leftOut_;
+  // Whether the server has not been asked since the last window.
+  bool mayHaveMore_ = false;
   std::vector<Refusal> refusals_;
 };
 

@@ -35,6 +35,11 @@ void takeOutcomes(Session& session, const icu::UnicodeString& collection,
   takeResults(session, request, take);
 }
 
+std::string nameOf(const tq::comm::ParseResult& result) {
+  const auto key = keyOfDocId(result.getDocument());
+  return key && fromUtf8(*key) ? *key : toUtf8(result.getDocument());
+}
+
 bool isRefusal(const tq::comm::ParseResult& result) {
   if (!result.hasMessage()) return false;
   const auto level = result.getMessage().getLevel();

@@ -29,6 +29,9 @@ void takeOutcomes(Session& session, const icu::UnicodeString& collection,
                   const icu::UnicodeString& client,
                   const std::function<void(const tq::comm::ParseResult&)>& take);
 
+/// What the server calls the document in a result: its key where that can be read as text.
+std::string nameOf(const tq::comm::ParseResult& result);
+
 /// False also of a document with a warning or an information: it is in the collection.
 bool isRefusal(const tq::comm::ParseResult& result);
 

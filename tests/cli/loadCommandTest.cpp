@@ -16,15 +16,15 @@ namespace {
 const std::string kNextStep = "searches find the documents after 'corvane update books'\n";
 
 TEST(Load, QueuesDocumentsAndReportsWhatTheServerTook) {
-  ScriptedServer server(loadOf(2, {{"a"}, {"b", "ZVK0012E", "too strange"}})
-                            .expectRequest()
-                            .send(refusal("ZVK0012E", "too strange")));
+  Script script = loadOf(2, {{"a"}, {"b", "ZVK0012E", "too strange"}});
+  script.expectRequest().send(refusal("ZVK0012E", "too strange"));
+  ScriptedServer server(tellAtTheEnd(script));
   const Result result = load(server, documentLine("a", "x") + documentLine("b", "y"));
   EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
   EXPECT_EQ(result.out, "loaded 1 document into books, 1 refused\n");
   EXPECT_EQ(result.err, "corvane: line 2, key \"b\": too strange (ZVK0012E)\n" + kNextStep);
   const auto requests = server.connection(0).requests;
-  ASSERT_EQ(requests.size(), 6U);
+  ASSERT_EQ(requests.size(), 7U);
   EXPECT_TRUE(contains(requests[0], "\naction: openCollection\n"));
   EXPECT_TRUE(contains(requests[1], enveloped("rowId") + enveloped("a")));
   EXPECT_EQ(requests[3].substr(requests[3].size() - 8), std::string(8, '\0'));
@@ -39,24 +39,29 @@ std::string clientNamedIn(const std::string& request) {
   return request.substr(begin, request.find('\n', begin) - begin);
 }
 
+// Of one document, whose key is "a".
+Script wholeLoadOfA(const std::vector<std::string>& outcome = {"a"}) {
+  Script script = loadOf(1, {outcome});
+  return tellAtTheEnd(script);
+}
+
 TEST(Load, AsksForItsOwnAnswersByANameThatNoOtherLoadHas) {
   std::set<std::string> names;
   for (int i = 0; i < 2; ++i) {
-    ScriptedServer server(loadOf(1, {{"a"}}));
+    ScriptedServer server(wholeLoadOfA());
     EXPECT_EQ(load(server, documentLine("a", "x")).code, ExitCode::Ok);
     const auto requests = server.connection(0).requests;
-    ASSERT_EQ(requests.size(), 4U);
+    ASSERT_EQ(requests.size(), 5U);
     const std::string name = clientNamedIn(requests[1]);
     EXPECT_EQ(name.substr(0, 5), "load-");
-    EXPECT_EQ(clientNamedIn(requests[2]), name);
-    EXPECT_EQ(clientNamedIn(requests[3]), name);
+    for (const std::size_t place : {2U, 3U, 4U}) EXPECT_EQ(clientNamedIn(requests[place]), name);
     names.insert(name);
   }
   EXPECT_EQ(names.size(), 2U);
 }
 
 TEST(Load, GoesOnBehindLinesThatAreNoDocuments) {
-  ScriptedServer server(loadOf(1, {{"base64:YQ=="}}));
+  ScriptedServer server(wholeLoadOfA({"base64:YQ=="}));
   const Result result =
       load(server, "oops\n" + documentLine("a", "x") + "{\"key\":\"c\"}\n", {"--json"});
   EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
@@ -68,20 +73,21 @@ TEST(Load, GoesOnBehindLinesThatAreNoDocuments) {
 }
 
 TEST(Load, CountsADocumentWithAWarningAsLoaded) {
-  ScriptedServer server(loadOf(1, {{"a", "ZVK0100W", "language unknown"}}));
+  ScriptedServer server(wholeLoadOfA({"a", "ZVK0100W", "language unknown"}));
   const Result result = load(server, documentLine("a", "x"));
   EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");
 }
 
 // What another client of the collection queued, or took, must not be counted as this load's.
-Script loadOfTwoOfWhichOnlyTheFirstIsConfirmed() {
-  return loadOf(2, {{"a"}, {"somebody else's"}, {"third", "ZVK0012E", "too strange"}})
-      .expectRequest();
+Script loadOfTwoOfWhichOnlyTheFirstIsConfirmed(const std::string& answerToTheOther) {
+  Script script = loadOf(2, {{"a"}, {"somebody else's"}, {"third", "ZVK0012E", "too strange"}});
+  script.expectRequest().send(answerToTheOther);
+  return tellAtTheEnd(script);
 }
 
 TEST(Load, AsksAboutADocumentThatNoResultNamesByAnAdditionOfItsOwn) {
-  ScriptedServer server(loadOfTwoOfWhichOnlyTheFirstIsConfirmed().send(done()));
+  ScriptedServer server(loadOfTwoOfWhichOnlyTheFirstIsConfirmed(done()));
   const Result result = load(server, documentLine("a", "x") + documentLine("b", "y"));
   EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "loaded 2 documents into books, 0 refused\n");
@@ -100,16 +106,15 @@ TEST(Load, QueuesManyDocumentsAgainWhileThatSettlesSomeOfThem) {
   takeWindow(script, 11).send(outcomes({}));
   // That round settled nothing.
   for (int i = 0; i < 11; ++i) script.expectRequest().send(done());
-  ScriptedServer server(script);
+  ScriptedServer server(tellAtTheEnd(script));
   const Result result = load(server, lines);
   EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "loaded 12 documents into books, 0 refused\n");
-  EXPECT_EQ(server.requests(), 1U + 14 + 13 + 11);
+  EXPECT_EQ(server.requests(), 1U + 14 + 13 + 11 + 1);
 }
 
 TEST(Load, ReportsTheReasonThatTheAdditionIsGiven) {
-  ScriptedServer server(
-      loadOfTwoOfWhichOnlyTheFirstIsConfirmed().send(refusal("ZVK0013E", "too long")));
+  ScriptedServer server(loadOfTwoOfWhichOnlyTheFirstIsConfirmed(refusal("ZVK0013E", "too long")));
   const Result result = load(server, documentLine("a", "x") + documentLine("b", "y"));
   EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
   EXPECT_EQ(result.out, "loaded 1 document into books, 1 refused\n");
@@ -120,7 +125,9 @@ TEST(Load, DoesNotTakeTheRefusalOfAnotherClientsDocumentWithTheSameKeyForItsOwn)
   for (const auto& rows : std::vector<Outcomes>{{{"a", "ZVK0012E", "too strange"}},
                                                 {{"a"}, {"a", "ZVK0012E", "too strange"}},
                                                 {{"a", "ZVK0012E", "too strange"}, {"a"}}}) {
-    ScriptedServer server(loadOf(1, rows).expectRequest().send(done()));
+    Script script = loadOf(1, rows);
+    script.expectRequest().send(done());
+    ScriptedServer server(tellAtTheEnd(script));
     const Result result = load(server, documentLine("a", "x"));
     EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
     EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");
@@ -130,7 +137,8 @@ TEST(Load, DoesNotTakeTheRefusalOfAnotherClientsDocumentWithTheSameKeyForItsOwn)
 
 Script secondAttempt() {
   Script script;
-  return takeWindow(script, 1).send(outcomes({{"a"}}));
+  takeWindow(script, 1).send(outcomes({{"a"}}));
+  return tellAtTheEnd(script);
 }
 
 TEST(Load, SendsTheWindowAgainWhenTheConnectionBreaks) {
@@ -143,7 +151,7 @@ TEST(Load, SendsTheWindowAgainWhenTheConnectionBreaks) {
 }
 
 TEST(Load, StopsAtTheNumberOfRefusalsThatIsAllowed) {
-  ScriptedServer server(loadOf(1, {{"a"}}));
+  ScriptedServer server(wholeLoadOfA());
   const Result result =
       load(server, "bad\n" + documentLine("a", "x") + "bad\nbad\n", {"--max-errors", "2"});
   EXPECT_EQ(result.code, ExitCode::Failed);
@@ -154,12 +162,12 @@ TEST(Load, StopsAtTheNumberOfRefusalsThatIsAllowed) {
 }
 
 TEST(Load, MakesTheDocumentsSearchableWhenAsked) {
-  ScriptedServer server(loadOf(1, {{"a"}}).expectRequest().send(done()));
+  ScriptedServer server(wholeLoadOfA().expectRequest().send(done()));
   const Result result = load(server, documentLine("a", "x"), {"--update"});
   EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\nupdated books\n");
   EXPECT_EQ(result.err, "");
-  EXPECT_TRUE(contains(server.connection(0).requests.at(4), "\naction: updateIndex\n"));
+  EXPECT_TRUE(contains(server.connection(0).requests.at(5), "\naction: updateIndex\n"));
 }
 
 TEST(Load, SendsTheWindowAgainWhenAWriteFails) {
@@ -206,7 +214,7 @@ TEST(Load, ThatBreaksSaysInJsonToo) {
 TEST(Load, SendsTheSecondOfTwoDocumentsWithOneKeyInALaterWindow) {
   Script script = loadOf(1, {{"a"}});
   takeWindow(script, 1).send(outcomes({{"a"}}));
-  ScriptedServer server(script);
+  ScriptedServer server(tellAtTheEnd(script));
   const Result result = load(server, documentLine("a", "first") + documentLine("a", "second"));
   EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "loaded 2 documents into books, 0 refused\n");
@@ -270,15 +278,51 @@ TEST(Update, ThatFailsOtherwiseAsksForNoList) {
 }
 
 TEST(Load, ThatUpdatesListsWhatTheIndexLeftOut) {
-  ScriptedServer server(loadOf(1, {{"a"}})
-                            .expectRequest()
-                            .send(refusal("ZVK0015E", kLeftOut))
-                            .expectRequest()
-                            .send(outcomes({{"a", "ZVK0015E", "term too long"}})));
+  Script script = wholeLoadOfA();
+  script.expectRequest().send(refusal("ZVK0015E", kLeftOut));
+  script.expectRequest().send(outcomes({{"stored"}, {"a", "ZVK0015E", "term too long"}}));
+  script.expectRequest().send(outcomes({{"b", "ZVK0015E", "too many words"}}));
+  ScriptedServer server(script);
   const Result result = load(server, documentLine("a", "x"), {"--update"});
   EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
   EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");
-  EXPECT_TRUE(contains(result.err, "\ncorvane: key \"a\": term too long (ZVK0015E)\n"));
+  EXPECT_TRUE(contains(result.err,
+                       "\ncorvane: key \"a\": term too long (ZVK0015E)\n"
+                       "corvane: key \"b\": too many words (ZVK0015E)\n"))
+      << result.err;
+  // The server tells what a client has queued to that client alone.
+  const auto requests = server.connection(0).requests;
+  ASSERT_EQ(requests.size(), 8U);
+  EXPECT_EQ(clientNamedIn(requests.at(6)), clientNamedIn(requests.at(1)));
+  EXPECT_EQ(clientNamedIn(requests.at(7)), "none");
+}
+
+// The index is updated while the load goes on.
+TEST(Load, ReportsWhatTheIndexRefusesOfAnyWindow) {
+  const std::string window(std::size_t{8} << 20, 'x');
+  // The last as if the document had been taken twice.
+  for (const std::string told : {"first", "second", "end", "first second end"}) {
+    const auto with = [&](const char* when, Outcomes rows) {
+      if (contains(told, when)) rows.push_back({"base64:YQ==", "ZVK0015E", "term too long"});
+      return rows;
+    };
+    Script script = loadOf(1, with("first", {{"a"}}));
+    takeWindow(script, 1).send(outcomes(with("second", {{"b"}})));
+    ScriptedServer server(tellAtTheEnd(script, with("end", {})));
+    const Result result = load(server, documentLine("a", window) + documentLine("b", "y"));
+    EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
+    EXPECT_EQ(result.out, "loaded 1 document into books, 1 refused\n");
+    EXPECT_EQ(result.err, "corvane: key \"a\": term too long (ZVK0015E)\n" + kNextStep);
+  }
+}
+
+TEST(Load, CannotTellWhatTheIndexRefusesWithoutAnAnswerAtItsEnd) {
+  ScriptedServer server(loadOf(1, {{"a"}}).expectRequest());
+  const Result result = load(server, documentLine("a", "x"));
+  EXPECT_EQ(result.code, ExitCode::Failed);
+  EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");
+  EXPECT_TRUE(contains(result.err, "closed the connection")) << result.err;
+  EXPECT_EQ(server.connections(), 1U) << "the first answer may have told it";
 }
 
 }  // namespace

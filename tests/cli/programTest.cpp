@@ -399,6 +399,68 @@ TEST_P(Program, LoadsBesideAnotherLoadIntoTheSameCollection) {
   EXPECT_EQ(lineCount(runToEnd(command({"search", "c", "common"})).out), 8000U);
 }
 
+/// A server that has too little memory to index a document of many different words.
+class ProgramInLittleMemory : public Program {
+ protected:
+  static std::string lines() {
+    std::string words;
+    for (int i = 0; i < 40000; ++i) words += "word" + std::to_string(i) + ' ';
+    return R"({"key":"large","text":")" + words + R"("})" + "\n" +
+           R"({"key":"small","text":"apple"})" + "\n";
+  }
+
+  Finished ask(std::vector<std::string> words, const std::string& input = {}) const {
+    const auto port = std::string(GetParam()) == "http" ? little_.httpPort() : little_.binaryPort();
+    words.insert(words.begin(),
+                 {CORVANE_PROGRAM, "--protocol", GetParam(), "--port", std::to_string(port)});
+    return runToEnd(words, input);
+  }
+
+  const std::string leftOut_ = "says: 1 document left out, all others are searchable: \"large\" (";
+  const std::string listed_ = "corvane: key \"large\": the document cannot be indexed: ";
+  tq::test::CorvanedProcess little_{{"--max-memory", "16777216"}};
+};
+
+TEST_P(ProgramInLittleMemory, ListsWhatTheUpdateOfALoadLeavesOut) {
+  ASSERT_EQ(ask({"create", "c"}).code, 0);
+  const Finished loaded = ask({"load", "c", "-", "--update"}, lines());
+  EXPECT_EQ(loaded.code, 4);
+  EXPECT_EQ(loaded.out, "loaded 2 documents into c, 0 refused\n");
+  EXPECT_THAT(loaded.err, HasSubstr(leftOut_));
+  EXPECT_THAT(loaded.err, HasSubstr(listed_));
+  EXPECT_EQ(ask({"update", "c"}).out, "updated c\n") << "somebody has been told";
+  EXPECT_THAT(ask({"search", "c", "apple"}).out, HasSubstr("  small\n"));
+}
+
+TEST_P(ProgramInLittleMemory, SaysWhatAnUpdateAfterALoadLeavesOut) {
+  ASSERT_EQ(ask({"create", "c"}).code, 0);
+  ASSERT_EQ(ask({"load", "c", "-"}, lines()).code, 0);
+  for (int i = 0; i < 2; ++i) {
+    const Finished updated = ask({"update", "c"});
+    EXPECT_EQ(updated.code, 4);
+    EXPECT_THAT(updated.err, HasSubstr(leftOut_));
+    EXPECT_EQ(lineCount(updated.err), 1U) << updated.err;
+  }
+}
+
+// The index may refuse the document before the load has ended, or later.
+TEST_P(ProgramInLittleMemory, SaysOnceWhatAnIndexThatIsUpdatedByItselfLeavesOut) {
+  ASSERT_EQ(ask({"create", "c", "--refresh", "1"}).code, 0);
+  const Finished loaded = ask({"load", "c", "-"}, lines());
+  const Finished updated = ask({"update", "c"});
+  if (loaded.code == 0) {
+    EXPECT_EQ(updated.code, 4);
+    EXPECT_THAT(updated.err, HasSubstr(leftOut_));
+  } else {
+    EXPECT_EQ(loaded.out, "loaded 1 document into c, 1 refused\n");
+    EXPECT_THAT(loaded.err, HasSubstr(listed_));
+    EXPECT_EQ(updated.out, "updated c\n") << updated.err;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Protocols, ProgramInLittleMemory, ::testing::Values("http", "binary"),
+                         [](const auto& test) { return std::string(test.param); });
+
 TEST_P(Program, BacksUpAndRestores) {
   const tq::test::TemporaryDirectory backups;
   const tq::test::CorvanedProcess server({"--backup-directory", backups.path()});

@@ -88,6 +88,10 @@ Script& takeWindow(Script& script, std::size_t documents) {
   return script;
 }
 
+Script& tellAtTheEnd(Script& script, const Outcomes& rows) {
+  return script.expectRequest().send(outcomes(rows));
+}
+
 Script loadOf(std::size_t documents, const Outcomes& rows) {
   Script script = answers({done()});
   return takeWindow(script, documents).send(outcomes(rows));

@@ -56,6 +56,8 @@ std::string outcomes(const Outcomes& rows);
 tq::test::Script answers(std::initializer_list<std::string> texts);
 /// Takes this many documents, the announcement of their end, and the question for their outcomes.
 tq::test::Script& takeWindow(tq::test::Script& script, std::size_t documents);
+/// Tells what the index has refused since, which a load asks at its end.
+tq::test::Script& tellAtTheEnd(tq::test::Script& script, const Outcomes& rows = {});
 /// Opens the collection, takes a window and tells its outcomes.
 tq::test::Script loadOf(std::size_t documents, const Outcomes& rows);
 
