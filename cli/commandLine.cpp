@@ -296,8 +296,7 @@ class Builder {
     auto* sub = addCommand(
         "search", "Print rank, score and key of the documents that match best",
         [=](Session& session) { return search(session, *arguments); },
-        "If the connection breaks before the first hit, the request is repeated once, but\n"
-        "not with --also.");
+        "If the connection breaks before the first hit, the request is repeated once.");
     addCollection(sub, arguments->collection);
     sub->add_option("QUERY", arguments->query, "What to look for, as one argument")->required();
     auto* limit =

@@ -220,6 +220,8 @@ ExitCode searchTogether(Session& session, const SearchArguments& arguments) {
 }  // namespace
 
 ExitCode search(Session& session, const SearchArguments& arguments) {
+  // Also a report, which is asked for by a kind of request that can have an effect.
+  session.client.setRetryUnsafe(true);
   if (!arguments.also.empty()) return searchTogether(session, arguments);
   ClientResponse response;
   const std::optional<Place> begin = ask(session, arguments, response);

@@ -122,6 +122,54 @@ TEST(Repeating, HappensOnceWhereItDoesNoHarm) {
   }
 }
 
+// As the manual and the help of each command say. The peer takes each request and gives no answer.
+TEST(Repeating, HappensOnceOrNotAtAllAsTheCommandBearsIt) {
+  struct Row {
+    std::vector<std::string> arguments;
+    const char* action;
+    std::size_t sent;
+    bool binary = false;
+  };
+  const std::vector<Row> rows{
+      {{"create", "c"}, "createCollection", 1},
+      {{"configure", "c"}, "setConstructorConfiguration", 1},
+      {{"drop", "c"}, "deleteCollection", 1},
+      {{"add", "c", "k", "t"}, "addDocument", 2},
+      {{"load", "c", "-"}, "openCollection", 2},
+      {{"update", "c"}, "updateIndex", 2},
+      {{"search", "c", "q"}, "search", 2},
+      {{"search", "c", "q", "--limit", "2", "--pages"}, "getParseResult", 2},
+      {{"search", "c", "q", "--after", "cDA="}, "getParseResult", 2},
+      {{"search", "c", "q", "--limit", "2", "--also", "d"}, "getParseResult", 2},
+      {{"estimate", "c", "q"}, "selectivity", 2, true},
+      {{"delete", "c", "k"}, "deleteDocument", 2},
+      {{"backup", "b"}, "backup", 1},
+      {{"restore", "b"}, "restore", 1},
+      {{"backups"}, "getParseResult", 1},
+      {{"list"}, "getParseResult", 1},
+      {{"list", "c"}, "getParseResult", 1},
+      {{"keys", "c"}, "search", 2},
+      {{"digest", "c"}, "getParseResult", 1},
+      {{"status"}, "getStatus", 2},
+      {{"status", "c"}, "getStatus", 2},
+      {{"version"}, "getServerVersion", 2}};
+  for (const auto& [arguments, action, sent, binary] : rows) {
+    ScriptedServer server(binary ? Script().expectFramedRequest() : Script().expectRequest());
+    const Result result = binary ? runOverBinary(server, arguments) : runAgainst(server, arguments);
+    const std::string command = arguments.front() + " " + arguments.back();
+    EXPECT_EQ(result.code, ExitCode::Failed) << command;
+    std::size_t found = 0;
+    for (std::size_t i = 0; i < server.connections(); ++i) {
+      const std::string received = server.connection(i).received;
+      // The question whether the port is that of the other protocol does not count: a binary
+      // request begins with its length.
+      const bool isBinary = !received.empty() && received.front() == '\0';
+      found += isBinary == binary && contains(received, std::string("action: ") + action + "\n");
+    }
+    EXPECT_EQ(found, sent) << command << ": " << result.err;
+  }
+}
+
 TEST(Repeating, ThatDidNotHelpSaysWhatMayHaveBeenDone) {
   ScriptedServer server(Script().expectRequest());
   const Result result = runAgainst(server, {"add", "c", "k", "t"});

@@ -71,6 +71,16 @@ TEST(Search, InPagesTellsWhereTheNextOneBegins) {
   }
 }
 
+TEST(Search, InPagesAsksOnceMoreForAPlaceWhenTheConnectionBreaks) {
+  const std::string begin = outcomes({{"books", "ZVK0108I", "rank=0 place=cDA="}});
+  const std::string page = found({{"base64:Zm9v", "1"}, {"base64:Yg==", "0.5"}});
+  ScriptedServer server({Script().expectRequest(), answers({begin, page}).expectRequest(),
+                         answers({outcomes({{"books", "ZVK0108I", "rank=2 place=cDI="}})})});
+  const Result result = runAgainst(server, {"search", "books", "q", "--limit", "2", "--pages"});
+  EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
+  EXPECT_EQ(result.out, "    1    1.000  foo\n    2    0.500  b\nthe next page: --after cDI=\n");
+}
+
 TEST(Search, InPagesBeginsAnewWhenTheStateHasGoneBeforeTheFirstPage) {
   ScriptedServer server(answers(
       {outcomes({{"books", "ZVK0108I", "rank=0 place=cDA="}}), refusal("ZVK0035E", "it has gone"),
