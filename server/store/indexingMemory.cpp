@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <cmath>
 
+#include "server/base/documentForm.h"
 #include "server/store/indexLimits.h"
 #include "server/store/searchableText.h"
 #include "server/store/textNormalizer.h"
+#include "server/store/xapianSchema.h"
 
 namespace corvaned {
 namespace {
@@ -164,7 +166,7 @@ void DistinctCount::clear() {
 
 void IndexingMemory::add(const Change& change) {
   textBytes_ += bytesOf(change);
-  addText(change.document.content, {});
+  addContent(change.document);
   for (const auto& [name, value] : change.document.metadata) addText(value, name);
   const std::size_t words = ofDocument_.count();
   entries_ += words;
@@ -172,6 +174,15 @@ void IndexingMemory::add(const Change& change) {
       std::max(largestDocument_, words * kMakingCost + documentWordBytes_ * kLetterCost);
   documentWordBytes_ = 0;
   ofDocument_.clear();
+}
+
+// Markup has no words, divides some and joins others.
+void IndexingMemory::addContent(const Document& document) {
+  if (formNotedIn(document.metadata).type == TextType::Plain) {
+    addText(document.content, {});
+  } else {
+    addText(readableText(document), {});
+  }
 }
 
 void IndexingMemory::addText(std::string_view text, std::string_view name) {

@@ -31,7 +31,7 @@ class DistinctCount {
 /// What a transaction takes while it gathers the words of its changes. The engine keeps a list for
 /// each word, and in that an entry for each document; so a text of which no word comes twice takes
 /// several times as much as an ordinary one. Words are told apart roughly, without reading texts as
-/// the index does.
+/// the index does; those of HTML and XML are the words of what a reader sees.
 class IndexingMemory {
  public:
   void add(const Change& change);
@@ -42,6 +42,7 @@ class IndexingMemory {
   void clear();
 
  private:
+  void addContent(const Document& document);
   void addText(std::string_view text, std::string_view name);
   void addWord(std::uint64_t word, std::size_t length);
   std::size_t ofWords() const;

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "server/base/documentForm.h"
 #include "server/store/indexLimits.h"
 #include "server/store/indexingMemory.h"
 #include "server/store/textAnalysis.h"
@@ -29,6 +30,15 @@ std::vector<Change> changesOf(int documents, int words,
     std::string text;
     for (int j = 0; j < words; ++j) text += word(i * words + j);
     changes.push_back({ChangeKind::Put, {"k" + std::to_string(i), {}, text}});
+  }
+  return changes;
+}
+
+/// The same changes with their contents as HTML or XML.
+std::vector<Change> withForm(std::vector<Change> changes, TextType type) {
+  for (Change& change : changes) {
+    if (type == TextType::Xml) change.document.content = "<d>" + change.document.content + "</d>";
+    noteForm(change.document.metadata, {type, {}});
   }
   return changes;
 }
@@ -124,6 +134,44 @@ TEST(MemoryToIndex, LeastOfOneDocumentCoversWhatTheEngineHoldsToo) {
     const auto changes = changesOf(1, kind.documents * kind.words, kind.word);
     EXPECT_GE(leastFor(changes), held(changes)) << kind.name;
   }
+}
+
+// Few different pieces make many different words.
+TEST(MemoryToIndex, CoversWordsThatMarkupDivides) {
+  const auto byTags = [](int i) {
+    const std::string word = letters(i);
+    return word.substr(0, 2) + "<b>" + word.substr(2, 2) + "</b>" + word.substr(4, 2) + "<i></i>" +
+           word.substr(6) + " ";
+  };
+  const auto byReferences = [](int i) {
+    std::string word = letters(i);
+    for (const std::size_t place : {5U, 2U}) {
+      word.replace(place, 1, "&#" + std::to_string(int{word[place]}) + ";");
+    }
+    return word + " ";
+  };
+  const std::vector<std::pair<TextType, std::function<std::string(int)>>> kinds{
+      {TextType::Html, byTags}, {TextType::Html, byReferences}, {TextType::Xml, byReferences}};
+  for (std::size_t i = 0; i < kinds.size(); ++i) {
+    const auto& [type, word] = kinds[i];
+    const std::vector<Change> many = withForm(changesOf(50, 1000, word), type);
+    EXPECT_GE(estimated(many), held(many)) << i;
+    const std::vector<Change> one = withForm(changesOf(1, 50000, word), type);
+    EXPECT_GE(leastFor(one), held(one)) << i;
+  }
+}
+
+TEST(MemoryToIndex, OfMarkupIsThatOfItsBytes) {
+  const auto images = [](const std::function<std::string(int)>& bytes) {
+    return withForm(
+        changesOf(1, 10000,
+                  [&](int i) { return "fox <img src='data:image/png;base64," + bytes(i) + "'>"; }),
+        TextType::Html);
+  };
+  const std::vector<Change> different = images(letters);
+  const std::vector<Change> same = images([](int) { return letters(0); });
+  EXPECT_EQ(estimated(different), estimated(same));
+  EXPECT_EQ(leastFor(different), leastFor(same));
 }
 
 TEST(MemoryToIndex, LeastOfWordsThatComeAgainIsFarBelowThatOfTheBytes) {
