@@ -120,6 +120,21 @@ TEST_F(MemoryTest, TextsToMatchStayWithinTheBudget) {
   expectAll([&](int) { return askToMatch(documents); });
 }
 
+// Small pieces of freed memory stay with a process that does not ask for them to be taken back.
+TEST_F(MemoryTest, LargeDocumentLeavesLittleBehind) {
+  if (tq::test::kSanitized) GTEST_SKIP() << "a sanitizer keeps what was freed";
+  ASSERT_THAT(ask({{"action", "createCollection"}, {"index", "c"}}), StartsWith("HTTP/1.1 200"));
+  const std::size_t before = bytesOf("VmRSS");
+  std::string text;
+  for (std::uint32_t i = 0; i < 60000; ++i) text += std::to_string(i * 2654435761U) + "x ";
+  ASSERT_THAT(ask({{"action", "addDocument"}, {"index", "c"}}, documentBlock("k", {}, text)),
+              StartsWith("HTTP/1.1 200"));
+  ASSERT_THAT(ask({{"action", "updateIndex"}, {"index", "c"}}), StartsWith("HTTP/1.1 200"));
+  const std::size_t most = bytesOf("VmHWM");
+  ASSERT_GT(most, before + 20 * kMiB) << "nothing large was freed";
+  EXPECT_LT(bytesOf("VmRSS"), before + (most - before) / 2);
+}
+
 TEST_F(MemoryTest, AnnouncedContentTakesNoMemory) {
   std::vector<RawClient> clients;
   for (int i = 0; i < 50; ++i) {
