@@ -70,4 +70,12 @@ std::string Snippets::of(const Document& document, std::size_t bytes) const {
   return matches_.snippet(normalizeText(readableText(document)), bytes, stemmer, flags);
 }
 
+std::unique_ptr<const Snippets> snippetsFor(const DetailsWanted& wanted,
+                                            const Xapian::Database& database,
+                                            const TextAnalysis& analysis,
+                                            const Xapian::Query& query) {
+  if (wanted.snippetBytes == 0) return nullptr;
+  return std::make_unique<const Snippets>(database, analysis, query);
+}
+
 }  // namespace corvaned

@@ -27,7 +27,8 @@ void keep(std::vector<HitDetails>& details, HitDetails&& one,
 /// Parts of texts that show why a query finds them.
 class Snippets {
  public:
-  /// The database and the analysis must outlive it.
+  /// The database and the analysis must outlive it. Opens the lists of all words of the query, for
+  /// which memory must be set aside until it returns.
   Snippets(const Xapian::Database& database, const TextAnalysis& analysis,
            const Xapian::Query& query);
 
@@ -39,5 +40,11 @@ class Snippets {
   const TextAnalysis& analysis_;
   Xapian::MSet matches_;
 };
+
+/// None if they are not wanted.
+std::unique_ptr<const Snippets> snippetsFor(const DetailsWanted& wanted,
+                                            const Xapian::Database& database,
+                                            const TextAnalysis& analysis,
+                                            const Xapian::Query& query);
 
 }  // namespace corvaned

@@ -204,16 +204,19 @@ IndexReader::IndexReader(const IndexParts& parts, Resources resources, std::uint
 std::unique_ptr<HitSource> IndexReader::search(const SearchQuery& query, const Hidden& hidden,
                                                const IndexLimits& limits) const {
   const IndexNames names(database_);
-  return found(wordsOf(query, names, limits), query, names, hidden, limits);
+  MemoryBudget::Share ofWords;
+  return found(wordsOf(query, names, limits), query, names, hidden, limits, ofWords);
 }
 
 std::unique_ptr<HitList> IndexReader::found(const Xapian::Query& words, const SearchQuery& query,
                                             const IndexNames& names, const Hidden& hidden,
-                                            const IndexLimits& limits) const {
+                                            const IndexLimits& limits,
+                                            MemoryBudget::Share& ofWords) const {
   std::optional<ResultPlace> begin;
   if (query.inPages) begin = beginOf(query, snapshot(hidden));
-  const MemoryBudget::Share lists = memoryForKeys(query, limits);
-  const MemoryBudget::Share ofWords = memoryForWords(words, database_, limits);
+  const MemoryBudget::Share ofKeys =
+      memoryForKeys(query.keys.size(), {1, database_.size()}, limits);
+  ofWords = memoryForWords(words, database_, limits);
   auto found = hits(database_, withoutHidden(words, hidden, database_.size()), query, names, limits,
                     database_.get_doccount());
   if (begin) found->setNextPage(endOf(std::move(*begin), query, *found));
@@ -237,7 +240,8 @@ std::unique_ptr<HitSource> IndexReader::match(const SearchQuery& query,
   const Xapian::Query asked = wordsOf(query, names, limits);
   // That of several databases is for several already, and would count as longer than it is allowed.
   const Xapian::Query words = isInParts() ? asked : forSeveralDatabases(asked);
-  const MemoryBudget::Share lists = memoryForKeys(query, limits);
+  const MemoryBudget::Share ofKeys =
+      memoryForKeys(query.keys.size(), {1, database_.size()}, limits);
   const MemoryBudget::Share ofWords = memoryForWords(words, database_, limits);
   const Xapian::WritableDatabase passing =
       passingDocuments(made, words, normalizeText(query.text), names.slotCount(), checkRequest);
@@ -252,7 +256,8 @@ std::unique_ptr<HitSource> IndexReader::match(const SearchQuery& query,
 
 std::uint64_t IndexReader::count(const SearchQuery& query, const Hidden& hidden,
                                  const IndexLimits& limits) const {
-  const MemoryBudget::Share lists = memoryForKeys(query, limits);
+  const MemoryBudget::Share ofKeys =
+      memoryForKeys(query.keys.size(), {1, database_.size()}, limits);
   const Xapian::Query asked = wordsOf(query, IndexNames(database_), limits);
   const MemoryBudget::Share ofWords = memoryForWords(asked, database_, limits);
   const Interruptible words(withinKeys(withoutHidden(asked, hidden, database_.size()), query));
@@ -285,13 +290,15 @@ std::vector<HitDetails> IndexReader::details(const SearchQuery& query, const Det
   if (wanted.snippetBytes > 0) requireTexts();
   const IndexNames names(database_);
   const Xapian::Query words = wordsOf(query, names, limits);
-  const auto found = this->found(words, query, names, hidden, limits);
-  const Snippets snippets(database_, analysis_, words);
+  MemoryBudget::Share ofWords;
+  const auto found = this->found(words, query, names, hidden, limits, ofWords);
+  const auto snippets = snippetsFor(wanted, database_, analysis_, words);
+  ofWords = {};
   MemoryBudget::Share memory = shareOf(limits);
   const auto share = std::make_shared<MemoryBudget::Share>(shareOf(limits));
   std::vector<HitDetails> details;
   for (Hit hit; found->next(hit);) {
-    if (auto each = detailsOf(hit, wanted, snippets, memory, limits))
+    if (auto each = detailsOf(hit, wanted, snippets.get(), memory, limits))
       keep(details, std::move(*each), share, limits);
   }
   if (!details.empty()) details.back().nextPage = found->nextPage();
@@ -299,16 +306,16 @@ std::vector<HitDetails> IndexReader::details(const SearchQuery& query, const Det
 }
 
 std::optional<HitDetails> IndexReader::detailsOf(const Hit& hit, const DetailsWanted& wanted,
-                                                 const Snippets& snippets,
+                                                 const Snippets* snippets,
                                                  MemoryBudget::Share& memory,
                                                  const IndexLimits& limits) const {
   const auto document = stored(hit.key, memory);
   if (!document) return std::nullopt;
   HitDetails details{hit};
   details.values = valuesIn(*document, wanted.names);
-  const bool withSnippet = wanted.snippetBytes > 0 &&
-                           hasRoomForSnippet(memory, document->content.size(), hit.key, limits);
-  if (withSnippet) details.snippet = snippets.of(*document, wanted.snippetBytes);
+  if (snippets && hasRoomForSnippet(memory, document->content.size(), hit.key, limits)) {
+    details.snippet = snippets->of(*document, wanted.snippetBytes);
+  }
   return details;
 }
 
@@ -334,13 +341,6 @@ Estimate IndexReader::estimate(const std::string& query, std::uint64_t exactHits
   const auto exact = static_cast<Xapian::doccount>(std::min(exactHits, documents));
   const Xapian::MSet matches = enquire.get_mset(0, 0, exact);
   return {matches.get_matches_estimated(), matches.get_matches_upper_bound(), documents};
-}
-
-// Every database opens a list for each key, although at most one of them has it.
-MemoryBudget::Share IndexReader::memoryForKeys(const SearchQuery& query,
-                                               const IndexLimits& limits) const {
-  return isInParts() ? memoryForLists(query.keys.size() * database_.size(), limits)
-                     : shareOf(limits);
 }
 
 void IndexReader::requireTexts() const {

@@ -65,9 +65,10 @@ class IndexReader {
   std::vector<HitDetails> details(const SearchQuery& query, const DetailsWanted& wanted,
                                   const Hidden& hidden, const IndexLimits& limits) const;
   /// What is to be told of one hit; nothing if its document has gone. `memory` keeps room for what
-  /// is read. Without a snippet if its text is too long for the whole budget.
+  /// is read. Without a snippet if its text is too long for the whole budget, or without
+  /// `snippets`.
   std::optional<HitDetails> detailsOf(const Hit& hit, const DetailsWanted& wanted,
-                                      const Snippets& snippets, MemoryBudget::Share& memory,
+                                      const Snippets* snippets, MemoryBudget::Share& memory,
                                       const IndexLimits& limits) const;
   CollectionSummary summary() const;
   Estimate estimate(const std::string& query, std::uint64_t exactHits, const Hidden& hidden,
@@ -75,10 +76,10 @@ class IndexReader {
 
  private:
   Snapshot snapshot(const Hidden& hidden) const;
+  /// `ofWords` gets what is set aside for the lists of the words.
   std::unique_ptr<HitList> found(const Xapian::Query& words, const SearchQuery& query,
                                  const IndexNames& names, const Hidden& hidden,
-                                 const IndexLimits& limits) const;
-  MemoryBudget::Share memoryForKeys(const SearchQuery& query, const IndexLimits& limits) const;
+                                 const IndexLimits& limits, MemoryBudget::Share& ofWords) const;
   void requireTexts() const;
   std::optional<Document> stored(const std::string& key, MemoryBudget::Share& memory) const;
   Xapian::Query wordsOf(const SearchQuery& query, const IndexNames& names,

@@ -1,7 +1,5 @@
 #include "server/store/jointReader.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <limits>
 #include <tuple>
@@ -22,9 +20,6 @@
 namespace corvaned {
 namespace {
 
-// The list of documents that the engine opens for a key takes a block of memory in each database.
-constexpr std::size_t kBytesOfKey = std::size_t{8} << 10U;
-
 std::string_view wholeSortKey(std::string_view sortKey) { return sortKey; }
 
 [[noreturn]] void refuse(const JointReader::Member& one, const JointReader::Member& other,
@@ -40,20 +35,6 @@ void sortBy(Xapian::Enquire& enquire, HitOrder order, ValueOrder* byValue) {
   enquire.set_weighting_scheme(Unranked());
   if (byValue) return enquire.set_sort_by_key(byValue, false);
   enquire.set_sort_by_value(kKeySlot, false);
-}
-
-MemoryBudget::Share memoryForKeys(const SearchQuery& query, std::size_t databases, std::size_t held,
-                                  const IndexLimits& limits) {
-  MemoryBudget::Share share = shareOf(limits);
-  const auto refusal = [](std::size_t mebibytes) {
-    return fmt::format(
-        "to look for the keys in these collections takes {} MiB of memory that are not free; ask "
-        "for fewer at a time, or raise --max-memory",
-        mebibytes);
-  };
-  setAside(share, query.keys.size() * databases * kBytesOfKey, limits.memory.get(),
-           ErrorKind::QueryTooBroad, refusal, held);
-  return share;
 }
 
 }  // namespace
@@ -104,15 +85,16 @@ std::vector<HitDetails> JointReader::details(const SearchQuery& query, const Det
                                              const IndexLimits& limits) const {
   if (wanted.snippetBytes > 0) requireTexts();
   const Xapian::Query words = wordsOf(query, limits);
-  const Ranking ranking = ranked(words, query, limits);
-  const Snippets snippets(database_, members_.front().reader.analysis(), words);
+  Ranking ranking = ranked(words, query, limits);
+  const auto snippets = snippetsFor(wanted, database_, members_.front().reader.analysis(), words);
+  ranking.ofWords = {};
   MemoryBudget::Share memory = shareOf(limits);
   const auto share = std::make_shared<MemoryBudget::Share>(shareOf(limits));
   std::vector<HitDetails> details;
   for (const Found& found : ranking.hits) {
     const Member& member = members_[found.member];
     const Hit hit{found.key, milliScore(found.weight, ranking.best, query.scale)};
-    auto each = member.reader.detailsOf(hit, wanted, snippets, memory, limits);
+    auto each = member.reader.detailsOf(hit, wanted, snippets.get(), memory, limits);
     if (!each) continue;
     each->collection = member.collection;
     keep(details, std::move(*each), share, limits);
@@ -154,9 +136,10 @@ JointReader::Ranking JointReader::ranked(const Xapian::Query& words, const Searc
   const Page page = pageOf(query, database_.get_doccount());
   std::size_t held = 0;
   for (const Member& member : members_) held += member.held + member.reader.memory();
-  const MemoryBudget::Share keys = memoryForKeys(query, database_.size(), held, limits);
+  const MemoryBudget::Share keys =
+      memoryForKeys(query.keys.size(), {members_.size(), database_.size()}, limits, held);
   held += keys.bytes();
-  const MemoryBudget::Share ofWords = memoryForWords(words, database_, limits, held);
+  MemoryBudget::Share ofWords = memoryForWords(words, database_, limits, held);
   held += ofWords.bytes();
   const Interruptible interruptible(withinKeys(words, query));
   Xapian::Enquire enquire(database_);
@@ -172,6 +155,7 @@ JointReader::Ranking JointReader::ranked(const Xapian::Query& words, const Searc
   // Each of the others may have a document that ties with the last one of the page.
   Ranking ranking = firstOf(enquire, order, page.end + members_.size() - 1, held, limits);
   cut(ranking.hits, page);
+  ranking.ofWords = std::move(ofWords);
   return ranking;
 }
 

@@ -55,6 +55,8 @@ class JointReader {
     std::vector<Found> hits;
     double best = 0;
     MemoryBudget::Share memory;
+    /// For the lists of all words of the query.
+    MemoryBudget::Share ofWords;
   };
 
   /// What decides about the order of the hits.

@@ -15,9 +15,6 @@
 namespace corvaned {
 namespace {
 
-// So few are not worth being counted.
-constexpr std::size_t kFewLists = 128;
-
 // Nothing ends the engine while it compares where the words stand in one document. It takes
 // 0.7 s for so many places, and a query of few words is allowed any number of them.
 constexpr std::uint64_t kMostPlaces = std::uint64_t{8} << 20U;
@@ -147,9 +144,7 @@ MemoryBudget::Share memoryForWords(const Xapian::Query& words, const Xapian::Dat
                                    const IndexLimits& limits, std::size_t held) {
   WordCount count(database, limits);
   if (!words.empty()) count.add(words);
-  const auto unlessFew = [](std::size_t bytes) {
-    return bytes > kFewLists * kTableBlock ? bytes : 0;
-  };
+  const auto unlessFew = [](std::size_t bytes) { return bytes > kFewLists ? bytes : 0; };
   const std::size_t lists = unlessFew(count.words() * database.size() * kTableBlock);
   const std::size_t places = unlessFew(count.bytesOfPlaces());
   MemoryBudget::Share share = shareOf(limits);

@@ -17,6 +17,12 @@ constexpr std::size_t kPassingCost = 64;
 // What a document without words takes there, in bytes of text.
 constexpr std::size_t kEmptyPassing = 32;
 
+// What the engine takes for each of many keys in a database that has it, two blocks on the way to
+// its list, and in one that does not: 15.7 KB and 0.6 KB were measured with keys all over a
+// collection of 300,000 documents.
+constexpr std::size_t kFoundKeyCost = 2 * kTableBlock;
+constexpr std::size_t kKeyCost = std::size_t{1} << 10U;
+
 // Of the budget, so that what is kept for small uses has room for several of them.
 constexpr std::size_t kSmallPart = 64;
 
@@ -50,15 +56,19 @@ MemoryBudget::Share memoryFor(std::size_t hits, std::size_t sortKeyBytes, const 
   return share;
 }
 
-MemoryBudget::Share memoryForLists(std::size_t lists, const IndexLimits& limits) {
+MemoryBudget::Share memoryForKeys(std::size_t keys, KeyPlaces places, const IndexLimits& limits,
+                                  std::size_t held) {
   MemoryBudget::Share share = shareOf(limits);
-  setAside(share, lists * kTableBlock, limits.memory.get(), ErrorKind::QueryTooBroad,
-           [&](std::size_t mebibytes) {
-             return fmt::format(
-                 "to look for the keys in all databases of the collection takes {} MiB of memory "
-                 "that are not free; give fewer keys at a time, or raise --max-memory",
-                 mebibytes);
-           });
+  const std::size_t bytes =
+      keys * (places.collections * kFoundKeyCost + places.databases * kKeyCost);
+  if (bytes <= kFewLists) return share;
+  const auto refusal = [&](std::size_t mebibytes) {
+    return fmt::format(
+        "to look for {} keys takes {} MiB of memory that are not free; give fewer keys at a time, "
+        "or raise --max-memory",
+        keys, mebibytes);
+  };
+  setAside(share, bytes, limits.memory.get(), ErrorKind::QueryTooBroad, refusal, held);
   return share;
 }
 

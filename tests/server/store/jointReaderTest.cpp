@@ -470,7 +470,7 @@ TEST_F(TogetherTest, MemoryIsGivenBackAndWithoutItTheSearchIsRefused) {
   EXPECT_EQ(memory_->used(), idle);
   // These alone take less than the seven eighths that large uses may have, and with the handles
   // more.
-  query.keys = Names(3570, "1");
+  query.keys = Names(1680, "1");
   EXPECT_THAT(refusal({"a", "b"}, query), StartsWith("ZVK0011E"));
 }
 

@@ -1,9 +1,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstddef>
+#include <fstream>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "server/base/errors.h"
@@ -76,33 +81,45 @@ TEST_F(StoreMemoryTest, OutcomesCountUntilTheyAreToldAndTheOldestAreForgotten) {
   EXPECT_EQ(memory_->used(), idle);
 }
 
+SearchQuery among(std::size_t keys) {
+  SearchQuery query;
+  query.text = "fox";
+  query.size = 10;
+  for (std::size_t i = 0; i < keys; ++i) query.keys.push_back(std::to_string(i));
+  return query;
+}
+
+class KeyMemoryTest : public StoreMemoryTest, public ::testing::WithParamInterface<std::size_t> {};
+
 // Each database looks for each key.
-TEST_F(StoreMemoryTest, KeysTakeMemoryInSeveralDatabases) {
-  open(1U << 20U, 2);
-  const auto among = [&](std::size_t keys) {
-    SearchQuery query;
-    query.text = "fox";
-    query.size = 10;
-    for (std::size_t i = 0; i < keys; ++i) query.keys.push_back(std::to_string(i));
-    return query;
-  };
-  EXPECT_EQ(store_->count("c", among(10)), 0U);
+TEST_P(KeyMemoryTest, ManyKeysTakeMemory) {
+  open(1U << 20U, GetParam());
+  const std::size_t many = 600 / GetParam();
   const std::vector<std::function<void()>> questions{
-      [&] { store_->search("c", among(300)); }, [&] { store_->count("c", among(300)); },
+      [&] { store_->search("c", among(many)); }, [&] { store_->count("c", among(many)); },
+      [&] { store_->details("c", among(many), {}); },
+      [&] { store_->details(std::vector<std::string>{"c"}, among(many), {}); },
       [&] {
-        store_->match("c", among(300), {{"0", {}, "fox"}});
+        store_->match("c", among(many), {{"0", {}, "fox"}});
       }};
   for (const auto& ask : questions) {
-    try {
-      ask();
-      ADD_FAILURE() << "it was not refused";
-    } catch (const ServerError& error) {
-      EXPECT_EQ(error.kind(), ErrorKind::QueryTooBroad);
-      EXPECT_THAT(error.what(), AllOf(HasSubstr("keys"), HasSubstr("--max-memory")));
-    }
+    EXPECT_THAT(refusal(ErrorKind::QueryTooBroad, ask),
+                AllOf(HasSubstr(std::to_string(many) + " keys"), HasSubstr("--max-memory")));
   }
   EXPECT_EQ(memory_->used(), idle_);
 }
+
+TEST_P(KeyMemoryTest, FewKeysNeedNoneThatIsFree) {
+  open(8U << 20U, GetParam());
+  const std::size_t few = 1024 / (16 + GetParam());
+  MemoryBudget::Share others(*memory_);
+  others.force(memory_->limit() - memory_->used() - (16U << 10U));
+  EXPECT_EQ(store_->count("c", among(few)), 0U);
+  EXPECT_THAT(refusal(ErrorKind::TryAgain, [&] { store_->count("c", among(few + 1)); }),
+              HasSubstr("keys"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Databases, KeyMemoryTest, ::testing::Values(1, 2));
 
 // The engine opens a list for each word that one with * stands for, in each database.
 TEST_F(StoreMemoryTest, WordsThatStandForManyTakeMemory) {
@@ -136,6 +153,79 @@ TEST_F(StoreMemoryTest, WordsThatStandForManyTakeMemory) {
       EXPECT_EQ(error.kind(), ErrorKind::QueryTooBroad);
       EXPECT_THAT(error.what(), AllOf(HasSubstr("200 words"), HasSubstr("--max-memory")));
     }
+    EXPECT_EQ(memory_->used(), idle_);
+  }
+}
+
+/// Words that "word*" stands for, so long that their lists are all over several blocks.
+class HitListsTest : public StoreMemoryTest {
+ protected:
+  static constexpr std::size_t kWords = 800;
+  static constexpr std::size_t kLists = kWords * (std::size_t{8} << 10U);
+
+  // Each has room for fifty of them.
+  static constexpr std::size_t kBlocks = kWords / 50;
+
+  HitListsTest() {
+    open(std::size_t{64} << 20U);
+    for (std::size_t i = 0; i < kWords; ++i) {
+      const std::string word = "word" + std::to_string(1000 + i) + std::string(150, 'x');
+      store_->queueDocument("c", {std::to_string(i), {}, word});
+    }
+    store_->updateIndex("c");
+    store_->takeParseOutcomes("c");
+    query_.text = "word*";
+    query_.size = 1;
+    for (const auto& tell : ways({{}, 100})) tell();
+    idle_ = memory_->used();
+  }
+
+  /// How a client is told of hits, of one collection and of several.
+  std::vector<std::function<void()>> ways(const DetailsWanted& wanted) {
+    return {[this, wanted] { store_->details("c", query_, wanted); },
+            [this, wanted] { store_->details(std::vector<std::string>{"c"}, query_, wanted); }};
+  }
+
+  /// How often this thread reads from files meanwhile.
+  static std::size_t readsDuring(const std::function<void()>& work) {
+    const std::size_t before = reads();
+    work();
+    return reads() - before;
+  }
+
+  SearchQuery query_;
+
+ private:
+  static std::size_t reads() {
+    std::ifstream file("/proc/thread-self/io");
+    for (std::string line; std::getline(file, line);) {
+      if (line.starts_with("syscr: ")) return std::stoul(line.substr(7));
+    }
+    throw std::runtime_error("the system does not say how often a thread has read");
+  }
+};
+
+TEST_F(HitListsTest, AreOpenedOnceWhereNoPartsOfTextsAreShown) {
+  const std::size_t toSearch = readsDuring([&] { store_->search("c", query_); });
+  EXPECT_GE(toSearch, kBlocks);
+  for (const auto& tell : ways({{}, 0})) EXPECT_LT(readsDuring(tell), toSearch + kBlocks);
+}
+
+// When the hits are known what the lists of the keys have taken is given back.
+TEST_F(HitListsTest, TakeTheirMemoryAlsoWhenTheyAreOpenedForPartsOfTexts) {
+  query_.keys = among(1000).keys;
+  const std::size_t ofKeys = query_.keys.size() * (std::size_t{16} << 10U);
+  ASSERT_GT(ofKeys, kLists + (1U << 20U));
+  for (const auto& tell : ways({{}, 100})) {
+    std::atomic<bool> seen = false;
+    std::jthread watch([&] {
+      const auto isOfWordsOnly = [&](std::size_t used) {
+        return used >= idle_ + kLists && used < idle_ + ofKeys;
+      };
+      while (!isOfWordsOnly(memory_->used())) std::this_thread::yield();
+      seen = true;
+    });
+    while (!seen) tell();
     EXPECT_EQ(memory_->used(), idle_);
   }
 }
