@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <array>
 #include <string>
 
 #include "tests/comm/adversarySchedule.h"
@@ -12,6 +13,11 @@ constexpr unsigned int kFirstTag = 1000;
 // Of replies that belong to nobody.
 constexpr unsigned int kAlienTag = 900;
 constexpr auto kTimeOutId = "ERR_SERVER_COMM_TIMEOUT";
+// Taken for the reply because they have a length or chunks.
+constexpr std::array<const char*, 4> kInterimReplies{
+    "", "HTTP/1.1 103 Early Hints\r\nContent-Length: 0\r\n\r\n",
+    "HTTP/1.1 100 Continue\r\nContent-Length: 5\r\n\r\nhello",
+    "HTTP/1.1 102 Processing\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n"};
 
 class Run {
  public:
@@ -58,6 +64,7 @@ int Run::kindOf(std::size_t step) const {
 }
 
 std::string Run::textOf(const TaggedReply& reply, const PeerPlan& plan) const {
+  if (plan[kBabble] != 0) return schedule_.binary ? std::string("\0\7", 2) : "garbage\r\n";
   if (schedule_.binary) return binaryReply(reply);
   HttpForm form;
   form.chunked = plan[kFraming] != 0;
@@ -65,10 +72,12 @@ std::string Run::textOf(const TaggedReply& reply, const PeerPlan& plan) const {
   form.endMark = plan[kNoEndMark] == 0;
   form.lastChunk = plan[kNoLastChunk] == 0;
   if (plan[kTailData] != 0) form.behindResults = wellFormed(reply.kind, kAlienTag);
+  if (plan[kLast] != 0) form.headerLines = "Connection: close\r\n";
+  form.measured = plan[kUnmeasured] == 0;
   std::string front;
   if ((plan[kPrefix] & 1) != 0) front += "\r\n";
   if ((plan[kPrefix] & 2) != 0) front += "HTTP/1.1 100 Continue\r\n\r\n";
-  return front + httpReply(reply, form);
+  return front + kInterimReplies[plan[kInterim]] + httpReply(reply, form);
 }
 
 std::string Run::wellFormed(int kind, unsigned int tag) const {
@@ -88,10 +97,15 @@ void Run::answer(std::size_t connection, Question& question) {
   reply.tag = kFirstTag + tags_++;
   reply.results = plan[kResults];
   reply.verdict = static_cast<TaggedReply::Verdict>(plan[kVerdict]);
-  std::string text = hasReply(reply.kind) ? textOf(reply, plan) : std::string();
+  const bool replies = hasReply(reply.kind);
+  const bool babbles = plan[kBabble] != 0;
+  const bool unmeasured = plan[kUnmeasured] != 0 && plan[kVerdict] != 0;
+  question.interim = replies && plan[kInterim] != 0;
+  question.last = replies && (plan[kLast] != 0 || question.interim || unmeasured || babbles);
+  std::string text = replies ? textOf(reply, plan) : std::string();
   if (tags_ == 1) firstText_ = text;
   const bool begun = plan[kCutAt] == 0 || text.size() * plan[kCutAt] / 16 != 0;
-  world_.say(question, reply, std::move(text), begun);
+  world_.say(question, reply, std::move(text), begun && !babbles);
   sendReply(connection, question, plan);
 }
 

@@ -8,9 +8,9 @@ namespace tq::test {
 namespace {
 
 constexpr std::array<const char*, kPeerFields> kPeerNames{
-    "verdict", "results", "framing",    "noEndMark", "noLastChunk", "tailData",
-    "prefix",  "segment", "delay",      "pauseAt",   "pause",       "cutAt",
-    "cutHow",  "stray",   "strayDelay", "end"};
+    "verdict",    "results", "framing", "noEndMark", "noLastChunk", "tailData", "prefix",
+    "segment",    "delay",   "pauseAt", "pause",     "cutAt",       "cutHow",   "stray",
+    "strayDelay", "end",     "last",    "interim",   "unmeasured",  "babble"};
 constexpr std::array<const char*, kCallerFields> kCallerNames{
     "act",     "client", "response",  "kind",  "idle",   "timeOut", "deadline",
     "retries", "pull",   "recvAfter", "fault", "asking", "reading", "giveUp"};
@@ -67,6 +67,15 @@ void rollPeer(Dice& dice, PeerPlan& peer) {
   peer[kEnd] = dice.seldom(6, 3);
 }
 
+/// Drawn apart, so that a seed draws all the rest as it did without this.
+void rollEnding(Dice& dice, PeerPlan& peer, bool binary) {
+  peer[kBabble] = dice.seldom(24, 1);
+  if (binary) return;
+  peer[kLast] = dice.seldom(5, 1);
+  peer[kInterim] = dice.seldom(16, 3);
+  peer[kUnmeasured] = dice.seldom(4, 1);
+}
+
 /// Two steps of five are exchanges, as many are sends and receives, and most are of one client.
 std::uint8_t rollAct(Dice& dice) {
   static constexpr std::array kSteps{
@@ -121,6 +130,10 @@ Schedule scheduleOf(std::uint64_t seed) {
                     {}};
   schedule.steps.resize(1 + dice.roll(7));
   for (StepPlan& plan : schedule.steps) rollStep(dice, plan, schedule.queueBound);
+  Dice endings(seed * 0x9E3779B97F4A7C15U + 2);
+  for (StepPlan& plan : schedule.steps) {
+    for (auto& peer : plan.peer) rollEnding(endings, peer, schedule.binary);
+  }
   return schedule;
 }
 

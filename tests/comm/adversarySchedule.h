@@ -27,6 +27,10 @@ enum PeerField : std::size_t {
   kStray,        // what nobody asked for, behind the reply
   kStrayDelay,   // a step of kDelays
   kEnd,          // behind all of it: 1 a close, 2 a reset, 3 a close a while later
+  kLast,         // HTTP: 1 the headers announce the end of the connection
+  kInterim,      // HTTP: in front an interim reply, 1 of length 0, 2 with a body, 3 in chunks
+  kUnmeasured,   // HTTP: 1 a refusal has neither a length nor chunks
+  kBabble,       // 1 what is no reply, in place of one
   kPeerFields
 };
 

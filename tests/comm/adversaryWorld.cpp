@@ -254,7 +254,10 @@ void World::answer(std::size_t connection, const std::string& request) {
       caller.line.move({Line::Clean, Line::Tail}, Line::Asked);
     }
   }
+  require(question.byHand || !ending_.contains(connection),
+          "asks on a connection that gives no further reply");
   peer_(connection, question);
+  if (question.last) ending_.insert(connection);
 }
 
 void World::say(Question& question, const TaggedReply& reply, std::string text, bool begun) {
@@ -846,7 +849,7 @@ void World::settleMark(Pulling how, const Caller& caller, Held& held, const Shap
 void World::judgeEnd(const Caller& caller, const Held& held) {
   const Question* owner = held.owner;
   if (owner == nullptr || owner != caller.stream || owner->untold || owner->failed) return;
-  if (owner->gaps) return;
+  if (owner->gaps || owner->interim) return;
   if (!isStreaming(owner->kind) || shapeOfReply(held.parsedAs) != shapeOfReply(owner->kind)) return;
   if (!caller.client->isEndOfStream() || caller.client->isTruncated()) return;
   const bool whole =
@@ -988,6 +991,10 @@ void World::judgeSuccess(const Caller& caller, Held& held) {
   const auto& [said, text, begun] = question.answers.back();
   const bool sameShape = shapeOfReply(held.parsedAs) == shapeOfReply(question.kind);
   require(begun, "succeeds although the server did not answer");
+  if (question.interim) {
+    require(!held.response.success(), "takes an interim reply for the final one");
+    return;
+  }
   if (!sameShape || (question.byHand && !held.response.success())) return;
   const bool errorIsStatus = binary_ && said.kind == kGetStatus;
   require(said.verdict == TaggedReply::Verdict::Ok ||
@@ -1030,14 +1037,15 @@ void World::lineAfterExchange(Caller& caller, const Seen& seen, bool reconnected
     return;
   }
   const bool truncated = caller.client->isTruncated();
+  const bool last = lastQuestion()->last;
   if (!seen.failed) {
     const bool over = caller.client->isEndOfStream() || caller.lastKind == kSelectivity;
     if (!over) {
       caller.line = Line::Owed;
+    } else if (last) {
+      caller.line = Line::Uncertain;
     } else if (truncated) {
       caller.line = {Line::Clean, Line::Tail, Line::Uncertain};
-    } else if (lastQuestion()->last) {
-      caller.line = Line::Uncertain;
     } else {
       caller.line = {Line::Clean, Line::Tail};
     }
@@ -1050,7 +1058,7 @@ void World::lineAfterExchange(Caller& caller, const Seen& seen, bool reconnected
     // A write over HTTP, a read over the binary protocol.
     caller.line = binary_ ? Lines(Line::Uncertain) : Lines(Line::Broken);
   } else if (seen.errorId == kServerId || seen.errorId == kRefusedId) {
-    caller.line = {Line::Clean, Line::Tail};
+    caller.line = last ? Lines(Line::Uncertain) : Lines(Line::Clean, Line::Tail);
   } else {
     caller.line = {Line::Clean, Line::Tail, Line::Uncertain, Line::Broken};
   }
@@ -1075,6 +1083,10 @@ void World::lineAfterPull(Caller& caller, const Seen& seen, bool endedBefore) {
   }
   if (!seen.failed && !caller.client->isTruncated() && !caller.exchangeFailed) {
     if (!caller.line.mayBe(Line::Owed)) return;
+    if (caller.stream->last) {
+      caller.line.move({Line::Owed}, Line::Uncertain);
+      return;
+    }
     caller.line.move({Line::Owed}, Line::Clean);
     caller.line.add(Line::Tail);
     return;

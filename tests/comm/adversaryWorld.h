@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -61,7 +62,8 @@ struct Question {
   bool gaps = false;           // received in a way that drops portions before the caller sees them
   bool inChunks = false;       // its bytes were written by hand, as part of no message
   bool unsent = false;         // its caller was told so, and the peer did not have all of it
-  bool last = false;           // its reply says that it is the last one of the connection
+  bool last = false;           // its reply is the last one to be had on the connection
+  bool interim = false;        // what the client takes for its reply is an interim one
   std::size_t connection = 0;  // that it was written to last
   std::vector<Answer> answers{};         // one for each attempt that the server saw
   std::vector<std::string> delivered{};  // ids of hits, or documents
@@ -287,7 +289,8 @@ class World {
   Peer peer_;
   std::deque<Question> questions_{};
   std::uint64_t clientsMade_ = 0;
-  std::size_t askedByHand_ = 0;  // questions that have arrived
+  std::size_t askedByHand_ = 0;               // questions that have arrived
+  std::unordered_set<std::size_t> ending_{};  // connections on which no further reply is to be had
   std::string violation_{};
   WaitingHost host_{};
   Wait givenUp_ = Wait::Other;

@@ -39,6 +39,13 @@ Reply httpBody(const TaggedReply& reply, bool endMark) {
   return out;
 }
 
+/// The reply with no word of where it ends.
+std::string withoutLength(const Reply& reply) {
+  std::string text = plain(reply);
+  const std::size_t line = text.find("Content-Length");
+  return text.erase(line, text.find("\r\n", line) + 2 - line);
+}
+
 std::string binaryError(unsigned int tag) {
   return word16(6) + errorRecord({{"MsgId", kErrorId}, {"MsgText", tagText(tag)}});
 }
@@ -60,6 +67,7 @@ std::string tagText(unsigned int tag) { return std::string("t").append(std::to_s
 std::string httpReply(const TaggedReply& reply, const HttpForm& form) {
   Reply body = httpBody(reply, form.endMark);
   body.headerLines = form.headerLines;
+  if (!form.measured && reply.verdict != TaggedReply::Verdict::Ok) return withoutLength(body);
   if (!form.chunked) return plain(body);
   const bool tail = !form.behindResults.empty() && !body.body.empty();
   std::string text = chunked(body, form.chunkSize, form.lastChunk && !tail).text;

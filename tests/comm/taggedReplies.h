@@ -27,6 +27,7 @@ struct HttpForm {
   std::size_t chunkSize = 0;  // 0: one chunk
   bool endMark = true;        // of search and parse results
   bool lastChunk = true;
+  bool measured = true;         // false: a refusal has neither a length nor chunks
   std::string behindResults{};  // data of one more chunk, which nobody wants
   std::string headerLines{};    // further ones, each with its CR LF
 };
