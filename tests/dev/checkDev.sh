@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # What ./dev says of a project with one test that always passes and one that fails in every second
-# run.
+# run, and of the commits of its repository.
 # usage: checkDev.sh DEV SAMPLE_DIRECTORY
 set -euo pipefail
 
@@ -15,6 +15,7 @@ fail() {
 }
 
 expect() { [[ $output == *"$1"* ]] || fail "expected '$1' in: $output"; }
+expect_no() { [[ $output != *"$1"* ]] || fail "did not expect '$1' in: $output"; }
 
 # run STATUS ARGUMENTS...
 run() {
@@ -59,4 +60,49 @@ chmod +x "$tools/id" "$tools/dpkg-query"
 PATH=$tools run 1 demo
 expect "neither root nor sudo is at hand"
 expect "apt-get update && apt-get install -y --no-install-recommends g++ cmake"
-echo "./dev says what failed in which run, and what root has to install"
+
+# Every package counts as installed, and each source as formatted. Lint ends for want of its preset.
+unset GIT_DIR GIT_WORK_TREE GIT_INDEX_FILE
+export GIT_CONFIG_GLOBAL=/dev/null GIT_CONFIG_NOSYSTEM=1
+export GIT_AUTHOR_NAME=A GIT_AUTHOR_EMAIL=a@example.org
+export GIT_COMMITTER_NAME=A GIT_COMMITTER_EMAIL=a@example.org
+present=$work/present
+mkdir "$present"
+printf '#!/bin/bash\necho installed\n' >"$present/dpkg-query"
+printf '#!/bin/bash\n' >"$present/clang-format"
+chmod +x "$present"/*
+mkdir "$work/comm"
+touch "$work/comm/empty.cpp"
+
+commit() { git -C "$work" commit --quiet --allow-empty -m "$1"; }
+lint() { PATH=$present:$PATH run 1 lint; }
+long=$(printf 'x%.0s' {1..73})
+
+git -C "$work" init --quiet --initial-branch=main
+commit "first"
+lint
+expect_no "a subject of"
+expect "the preset lint failed"
+
+# The main branch differs from itself in nothing.
+commit "$long"
+commit "after it"
+lint
+expect "a subject of 73 characters: $long"
+expect_no "the preset lint failed"
+
+# A branch answers for its own commits alone.
+git -C "$work" switch --quiet -c branch
+commit "${long#x}"
+lint
+expect_no "a subject of"
+commit "$long"
+lint
+expect "a subject of 73 characters: $long"
+
+# What lies far back is not brought up for ever.
+git -C "$work" switch --quiet main
+for _ in {1..50}; do commit "more"; done
+lint
+expect_no "a subject of"
+echo "./dev says what failed in which run, what root has to install, and which subject is too long"
