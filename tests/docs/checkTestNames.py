@@ -10,27 +10,43 @@ import sys
 
 root = pathlib.Path(sys.argv[1])
 macro = re.compile(r"\bTEST(?:_P|_F)?\(\s*(\w+)\s*,\s*(\w+)\s*\)")
-tests = {
+tests = "\n".join(
     ".".join(match.groups())
     for pattern in ("*.cpp", "*.h")
     for file in (root / "tests").rglob(pattern)
     for match in macro.finditer(file.read_text())
-}
+)
 
-# `Prefix/Suite.Name...`; "..." stands for the end of a name. A name that begins with "..." is of the
-# suite that was named before, and not looked at.
-named = re.compile(r"`(?:\w+/)?([A-Z]\w+)\.([A-Z]\w+)(\.\.\.)?(?:/[^`]*)?`")
+# `Prefix/Suite.Name`; "..." stands for any part of it. What begins with "..." is of the suite that
+# was named before in the paragraph or row.
+word = r"[A-Z]\w*[a-z]\w*"
+named = re.compile(rf"`(?:\w+/)?((?:\.{{3}})?{word}(?:\.(?:\.\.)?{word})*(?:\.{{3}})?)(?:/[^`]*)?`")
 path = re.compile(r"`((?:tests/)?[\w/]+Test\.cpp)`")
 found, strangers = 0, []
+
+
+def pattern_of(name):
+    """What tests of the name are called, as a regular expression."""
+    return r"[\w.]*".join(re.escape(part) for part in name.split("..."))
+
+
 for document in [root / "README.md", root / "tests/README.md", *(root / "docs").glob("*.md")]:
     text = document.read_text()
-    for match in named.finditer(text):
-        suite, name, cut = match.groups()
-        whole = f"{suite}.{name}"
-        known = any(test.startswith(whole) for test in tests) if cut else whole in tests
-        found += 1
-        if not known:
-            strangers.append(f"{document.relative_to(root)}: {match.group(0)}")
+    for line in text.splitlines():
+        if not line or line.startswith("|"):
+            suite = ""
+        for match in named.finditer(line):
+            name = match.group(1)
+            if "." not in name:
+                continue
+            if name.startswith("..."):
+                pattern = re.escape(suite + ".") + pattern_of(name)
+            else:
+                suite = name.partition(".")[0]
+                pattern = pattern_of(name)
+            found += 1
+            if not re.search(f"^{pattern}$", tests, re.MULTILINE):
+                strangers.append(f"{document.relative_to(root)}: {match.group(0)}")
     for match in path.finditer(text):
         name = match.group(1).removeprefix("tests/")
         found += 1
