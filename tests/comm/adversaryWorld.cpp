@@ -544,9 +544,9 @@ Seen World::recvMesg(std::size_t c, std::size_t r, Reading reading) {
   held.parsedAs = caller.lastKind;
   held.owner = caller.stream = caller.asked;
   caller.streamMade = caller.made;
-  if (held.owner == nullptr || held.owner->untold) return seen;
+  if (held.owner == nullptr) return seen;
   read(held, reading);
-  judgeExchange(caller, held, seen);
+  if (!held.owner->untold) judgeExchange(caller, held, seen);
   return seen;
 }
 
