@@ -1,14 +1,19 @@
 // The same documents and searches with the engine alone, called in this process, without a journal,
 // checksums or a network.
 //
-//   xapianAlone fill|search --path=DIRECTORY [--texts=FILE] [--documents=N] [--clients=N]
+//   xapianAlone fill|search|parts --path=DIRECTORY [--texts=FILE] [--documents=N] [--clients=N]
 //               [--seconds=N]
+//
+// "parts" asks each query in turn as the engine does it by default and with what the server adds:
+// an order of hits with the same weight, and a way to be stopped.
 
 #include <xapian.h>
 
+#include <array>
 #include <cstdio>
 #include <exception>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -55,10 +60,63 @@ void fill(const Options& options, const Corpus& corpus, Latencies&) {
   database.commit();
 }
 
-void searchOnce(Xapian::Database& database, Xapian::QueryParser& parser, const std::string& query) {
+/// Is asked about every document that may be a hit, and finds all of them.
+class AskedOfEach : public Xapian::PostingSource {
+ public:
+  Xapian::doccount get_termfreq_min() const override { return documents_; }
+  Xapian::doccount get_termfreq_est() const override { return documents_; }
+  Xapian::doccount get_termfreq_max() const override { return documents_; }
+
+  void init(const Xapian::Database& database) override {
+    documents_ = database.get_doccount();
+    next_ = database.postlist_begin("");
+    end_ = database.postlist_end("");
+    document_ = 0;
+    atEnd_ = false;
+  }
+  void next(double) override { moveTo(document_ + 1); }
+  void skip_to(Xapian::docid document, double) override {
+    if (document > document_) moveTo(document);
+  }
+  bool check(Xapian::docid document, double) override {
+    document_ = document;
+    return true;
+  }
+  bool at_end() const override { return atEnd_; }
+  Xapian::docid get_docid() const override { return document_; }
+
+ private:
+  void moveTo(Xapian::docid least) {
+    if (next_ != end_) next_.skip_to(least);
+    atEnd_ = next_ == end_;
+    if (!atEnd_) document_ = *next_;
+  }
+
+  Xapian::doccount documents_ = 0;
+  Xapian::PostingIterator next_;
+  Xapian::PostingIterator end_;
+  Xapian::docid document_ = 0;
+  bool atEnd_ = false;
+};
+
+/// What the server has beyond the engine's default.
+struct Additions {
+  const char* name;
+  bool orderOfEqualWeights = false;
+  bool canBeStopped = false;
+};
+
+void searchOnce(Xapian::Database& database, Xapian::QueryParser& parser, const std::string& query,
+                const Additions& additions = {"search"}) {
   const unsigned flags = Xapian::QueryParser::FLAG_DEFAULT | Xapian::QueryParser::FLAG_WILDCARD;
   Xapian::Enquire enquire(database);
-  enquire.set_query(parser.parse_query(query, flags));
+  Xapian::Query parsed = parser.parse_query(query, flags);
+  std::optional<AskedOfEach> asked;
+  if (additions.canBeStopped) {
+    parsed = Xapian::Query(Xapian::Query::OP_FILTER, parsed, Xapian::Query(&asked.emplace()));
+  }
+  enquire.set_query(parsed);
+  if (additions.orderOfEqualWeights) enquire.set_sort_by_relevance_then_value(kKeySlot, false);
   const Xapian::MSet hits = enquire.get_mset(0, kPage);
   for (auto hit = hits.begin(); hit != hits.end(); ++hit) {
     if (hit.get_document().get_value(kKeySlot).empty()) {
@@ -92,6 +150,34 @@ void search(const Options& options, const Corpus& corpus, Latencies& all) {
   for (auto& thread : threads) thread.join();
 }
 
+// Each query is asked in all ways before the next one, with another one first each time.
+void parts(const Options& options, const Corpus& corpus, Latencies& all) {
+  constexpr std::array<Additions, 4> kWays{
+      {{"plain"}, {"ordered", true, false}, {"stoppable", false, true}, {"both", true, true}}};
+  const auto begin = Clock::now();
+  const auto end = begin + std::chrono::seconds(options.number("seconds", 10));
+  Xapian::Database database(options.text("path", ""));
+  Xapian::QueryParser parser;
+  parser.set_database(database);
+  parser.set_stemmer(Xapian::Stem("english"));
+  parser.set_stemming_strategy(Xapian::QueryParser::STEM_SOME);
+  load::Random random(0);
+  std::array<double, kWays.size()> nanos{};
+  for (std::size_t count = 0; Clock::now() < end; ++count) {
+    const std::string query = corpus.query(random);
+    for (std::size_t i = 0; i < kWays.size(); ++i) {
+      const std::size_t way = (i + count) % kWays.size();
+      const double before = bench::nanosOf(CLOCK_THREAD_CPUTIME_ID);
+      all.take(kWays[way].name, begin, [&] { searchOnce(database, parser, query, kWays[way]); });
+      nanos[way] += bench::nanosOf(CLOCK_THREAD_CPUTIME_ID) - before;
+    }
+  }
+  for (std::size_t way = 0; way < kWays.size(); ++way) {
+    std::fprintf(stderr, "%-10s %.3f of the CPU of plain\n", kWays[way].name,
+                 nanos[way] / nanos[0]);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -105,6 +191,8 @@ int main(int argc, char** argv) {
       fill(options, corpus, latencies);
     } else if (options.work() == "search") {
       search(options, corpus, latencies);
+    } else if (options.work() == "parts") {
+      parts(options, corpus, latencies);
     } else {
       throw std::runtime_error("there is no work '" + options.work() + "'");
     }
