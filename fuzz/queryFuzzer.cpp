@@ -131,7 +131,7 @@ std::vector<Document> documents() {
 class Collections {
  public:
   Collections() {
-    for (const std::size_t parts : {1, 3}) {
+    for (const std::size_t parts : {std::size_t{1}, std::size_t{3}}) {
       corvaned::StoreLimits limits;
       limits.parts = parts;
       stores_.push_back(std::make_unique<corvaned::LocalStore>(
