@@ -259,12 +259,23 @@ void Dispatcher::logTold(const Request& request, const Reply& reply) {
   if (const auto* status = std::get_if<StatusReply>(&reply)) {
     if (isFailure(status->reason.id)) log(request, status->reason, false);
   } else if (const auto* report = std::get_if<ReportReply>(&reply)) {
-    for (const ReportReply::Line& line : report->lines) {
-      if (!isFailure(line.messageId)) continue;
-      logFailure(request.header(words().report),
-                 fmt::format("{}: {} {}", shown(line.subject), line.messageId, line.messageText));
-    }
+    logTold(request.header(words().report), *report);
   }
+}
+
+// A failing disk may have damaged thousands of them.
+void Dispatcher::logTold(std::string_view name, const ReportReply& report) {
+  const auto failed = [](const ReportReply::Line& line) { return isFailure(line.messageId); };
+  const auto first = std::find_if(report.lines.begin(), report.lines.end(), failed);
+  if (first == report.lines.end()) return;
+  const auto others = std::count_if(first + 1, report.lines.end(), failed);
+  const std::string reason =
+      fmt::format("{}: {} {}{}", shown(first->subject), first->messageId, first->messageText,
+                  others == 0 ? "" : fmt::format("; and {} more", others));
+  repeats_.log(
+      spdlog::level::err,
+      fmt::format("failure: action={} reason={}", logged(name), logged(reason, kMostOfReason)),
+      fmt::format("{} {}", name, first->messageId));
 }
 
 void Dispatcher::log(const Request& request, const ErrorReply& error, bool silent) {

@@ -75,6 +75,7 @@ class Dispatcher {
   Reply serve(Request& request, std::string& errorId);
   Reply refuse(const Request& request, const ErrorReply& error, std::string& errorId);
   void logTold(const Request& request, const Reply& reply);
+  void logTold(std::string_view name, const ReportReply& report);
   void log(const Request& request, const ErrorReply& error, bool silent);
 
   Store& store_;

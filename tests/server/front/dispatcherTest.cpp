@@ -734,6 +734,21 @@ TEST_F(DispatcherTest, FailuresThatAStatusOrAReportTellsOfAreToldToTheOperator) 
   EXPECT_EQ(test::fieldsOf(log.with("failure: ").back()), told);
 }
 
+TEST_F(DispatcherTest, ReportOfManyFailuresDoesNotFillTheLog) {
+  const test::LogLines log;
+  std::vector<std::string> names;
+  for (int i = 0; i < 100; ++i) names.push_back("c" + std::to_string(i));
+  EXPECT_CALL(store_, collections(_, _)).WillRepeatedly(Return(names));
+  EXPECT_CALL(store_, summary(_))
+      .WillRepeatedly(Throw(ServerError(ErrorKind::StorageFailed, "damaged")));
+  for (int i = 0; i < 3; ++i) {
+    expectIs<ReportReply>(handle({{"action", "getParseResult"}, {"report", "collections"}}));
+    names.erase(names.begin());
+    EXPECT_CALL(store_, collections(_, _)).WillRepeatedly(Return(names));
+  }
+  EXPECT_THAT(log.with("failure: "), ElementsAre(AllOf(HasSubstr("c0"), HasSubstr("and 99 more"))));
+}
+
 TEST_F(DispatcherTest, VersionIsTheOneItWasGiven) {
   EXPECT_EQ(std::get<TextReply>(handle({{"action", "getServerVersion"}})).text, "9.8.7");
 }
