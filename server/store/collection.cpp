@@ -629,9 +629,6 @@ bool Collection::begin(Job& job) {
     journal_.syncAll();
   } else {
     index_.beginUpdate([this] { requireGoingOn(); });
-    // What has been queued may take long. The segment is closed under the journal's lock, where
-    // little is left to bring to disk then.
-    journal_.syncAll();
     job.end = closeSegment();
     // Whoever asks from now on has no later changes, or waits for the next update.
     const std::lock_guard lock(jobsMutex_);
@@ -650,7 +647,11 @@ bool Collection::begin(Job& job) {
 // An attempt that failed has left an empty one, and another would leave one more.
 JournalPosition Collection::closeSegment() {
   const JournalPosition end = journal_.end();
-  return end.bytes == 0 ? end : JournalPosition{journal_.rotate() + 1, 0};
+  if (end.bytes == 0) return end;
+  // What has been queued may take long. The segment is closed under the journal's lock, where
+  // little is left to bring to disk then.
+  journal_.syncAll();
+  return {journal_.rotate() + 1, 0};
 }
 
 // hiddenMutex_ is locked.
