@@ -59,7 +59,7 @@ bool IndexRebuild::step(const StopCheck& stop) {
   };
   for (; next != end && hasRoom(); ++next) {
     changes.push_back(takenOver(earlier.get_document(*next), earlier_));
-    memory.add(changes.back());
+    memory.addAsSent(changes.back());
     last_ = *next;
   }
   // Nobody searches it yet.

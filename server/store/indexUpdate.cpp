@@ -110,7 +110,7 @@ bool IndexUpdate::apply() {
     if (!more) break;
     auto change = next();
     if (lastOfKey_[change->document.key].number != position_++) continue;
-    memory.add(*change);
+    memory.addAsSent(*change);
     batch.push_back(std::move(*change));
   }
   std::vector<ParseOutcome> refused = index_.applyBatch(batch, stop_);

@@ -86,8 +86,13 @@ std::optional<std::string> IndexWriter::reasonAgainst(std::span<const Change> ch
   const auto fits = [&](std::size_t bytes) {
     return !limits_.memory || limits_.memory->canEverFit(bytes, MemoryBudget::Use::Large);
   };
+  MemoryBudget::Share memory = shareOf(limits_);
   IndexingMemory needed;
-  for (const Change& change : changes) needed.add(change);
+  for (const Change& change : changes) {
+    stop_();
+    memory.force(IndexingMemory::bytesToAdd(change));
+    needed.add(change);
+  }
   const std::size_t least = needed.leastBytes();
   if (!fits(least)) {
     return fmt::format(
@@ -95,7 +100,6 @@ std::optional<std::string> IndexWriter::reasonAgainst(std::span<const Change> ch
         "--max-memory and add it again",
         (least >> 20U) + 1);
   }
-  MemoryBudget::Share memory = shareOf(limits_);
   const std::size_t ample = std::max(needed.bytes(), least);
   memory.force(fits(ample) ? ample : least);
   try {

@@ -138,6 +138,13 @@ class WordScan {
   std::string_view wide_;
 };
 
+// What is read of a document in HTML or XML, and what the reader takes meanwhile.
+constexpr std::size_t kMarkupForms = 10;
+
+bool isMarkup(const Change& change) {
+  return formNotedIn(change.document.metadata).type != TextType::Plain;
+}
+
 }  // namespace
 
 bool DistinctCount::add(std::uint64_t number) {
@@ -164,9 +171,21 @@ void DistinctCount::clear() {
   set_ = 0;
 }
 
+// Markup has no words, divides some and joins others.
 void IndexingMemory::add(const Change& change) {
+  if (!isMarkup(change)) return addAsSent(change);
+  addWith(readableText(change.document), change);
+}
+
+std::size_t IndexingMemory::bytesToAdd(const Change& change) {
+  return isMarkup(change) ? kMarkupForms * change.document.content.size() : 0;
+}
+
+void IndexingMemory::addAsSent(const Change& change) { addWith(change.document.content, change); }
+
+void IndexingMemory::addWith(const std::string& content, const Change& change) {
   textBytes_ += bytesOf(change);
-  addContent(change.document);
+  addText(content, {});
   for (const auto& [name, value] : change.document.metadata) addText(value, name);
   const std::size_t words = ofDocument_.count();
   entries_ += words;
@@ -174,15 +193,6 @@ void IndexingMemory::add(const Change& change) {
       std::max(largestDocument_, words * kMakingCost + documentWordBytes_ * kLetterCost);
   documentWordBytes_ = 0;
   ofDocument_.clear();
-}
-
-// Markup has no words, divides some and joins others.
-void IndexingMemory::addContent(const Document& document) {
-  if (formNotedIn(document.metadata).type == TextType::Plain) {
-    addText(document.content, {});
-  } else {
-    addText(readableText(document), {});
-  }
 }
 
 void IndexingMemory::addText(std::string_view text, std::string_view name) {

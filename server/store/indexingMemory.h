@@ -35,6 +35,11 @@ class DistinctCount {
 class IndexingMemory {
  public:
   void add(const Change& change);
+  /// The same with markup counted as text, which costs little and says roughly how large the change
+  /// is: to read HTML or XML takes about as long as to index it.
+  void addAsSent(const Change& change);
+  /// What add() takes in memory until it returns.
+  static std::size_t bytesToAdd(const Change& change);
   std::size_t bytes() const;
   /// The same without the allowance by bytes, which is several times too much for a long text whose
   /// words come again.
@@ -42,7 +47,7 @@ class IndexingMemory {
   void clear();
 
  private:
-  void addContent(const Document& document);
+  void addWith(const std::string& content, const Change& change);
   void addText(std::string_view text, std::string_view name);
   void addWord(std::uint64_t word, std::size_t length);
   std::size_t ofWords() const;
