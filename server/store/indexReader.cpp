@@ -214,8 +214,7 @@ std::unique_ptr<HitList> IndexReader::found(const Xapian::Query& words, const Se
                                             MemoryBudget::Share& ofWords) const {
   std::optional<ResultPlace> begin;
   if (query.inPages) begin = beginOf(query, snapshot(hidden));
-  const MemoryBudget::Share ofKeys =
-      memoryForKeys(query.keys.size(), {1, database_.size()}, limits);
+  const MemoryBudget::Share ofKeys = memoryForKeys(query.keys.size(), keyPlaces(), limits);
   ofWords = memoryForWords(words, database_, limits);
   auto found = hits(database_, withoutHidden(words, hidden, database_.size()), query, names, limits,
                     database_.get_doccount());
@@ -240,8 +239,7 @@ std::unique_ptr<HitSource> IndexReader::match(const SearchQuery& query,
   const Xapian::Query asked = wordsOf(query, names, limits);
   // That of several databases is for several already, and would count as longer than it is allowed.
   const Xapian::Query words = isInParts() ? asked : forSeveralDatabases(asked);
-  const MemoryBudget::Share ofKeys =
-      memoryForKeys(query.keys.size(), {1, database_.size()}, limits);
+  const MemoryBudget::Share ofKeys = memoryForKeys(query.keys.size(), keyPlaces(), limits);
   const MemoryBudget::Share ofWords = memoryForWords(words, database_, limits);
   const Xapian::WritableDatabase passing =
       passingDocuments(made, words, normalizeText(query.text), names.slotCount(), checkRequest);
@@ -256,8 +254,7 @@ std::unique_ptr<HitSource> IndexReader::match(const SearchQuery& query,
 
 std::uint64_t IndexReader::count(const SearchQuery& query, const Hidden& hidden,
                                  const IndexLimits& limits) const {
-  const MemoryBudget::Share ofKeys =
-      memoryForKeys(query.keys.size(), {1, database_.size()}, limits);
+  const MemoryBudget::Share ofKeys = memoryForKeys(query.keys.size(), keyPlaces(), limits);
   const Xapian::Query asked = wordsOf(query, IndexNames(database_), limits);
   const MemoryBudget::Share ofWords = memoryForWords(asked, database_, limits);
   const Interruptible words(withinKeys(withoutHidden(asked, hidden, database_.size()), query));
@@ -342,6 +339,8 @@ Estimate IndexReader::estimate(const std::string& query, std::uint64_t exactHits
   const Xapian::MSet matches = enquire.get_mset(0, 0, exact);
   return {matches.get_matches_estimated(), matches.get_matches_upper_bound(), documents};
 }
+
+KeyPlaces IndexReader::keyPlaces() const { return {1, database_.size(), database_.get_doccount()}; }
 
 void IndexReader::requireTexts() const {
   if (analysis_.options().keepsText) return;

@@ -16,6 +16,7 @@
 #include "server/store/hitLists.h"
 #include "server/store/indexLimits.h"
 #include "server/store/indexParts.h"
+#include "server/store/searchMemory.h"
 #include "server/store/store.h"
 #include "server/store/textAnalysis.h"
 #include "server/store/xapianSchema.h"
@@ -65,7 +66,7 @@ class IndexReader {
   std::vector<HitDetails> details(const SearchQuery& query, const DetailsWanted& wanted,
                                   const Hidden& hidden, const IndexLimits& limits) const;
   /// What is to be told of one hit; nothing if its document has gone. `memory` keeps room for what
-  /// is read. Without a snippet if its text is too long for the whole budget, or without
+  /// is read. Without a snippet if its text is too long for half of the budget, or without
   /// `snippets`.
   std::optional<HitDetails> detailsOf(const Hit& hit, const DetailsWanted& wanted,
                                       const Snippets* snippets, MemoryBudget::Share& memory,
@@ -80,6 +81,7 @@ class IndexReader {
   std::unique_ptr<HitList> found(const Xapian::Query& words, const SearchQuery& query,
                                  const IndexNames& names, const Hidden& hidden,
                                  const IndexLimits& limits, MemoryBudget::Share& ofWords) const;
+  KeyPlaces keyPlaces() const;
   void requireTexts() const;
   std::optional<Document> stored(const std::string& key, MemoryBudget::Share& memory) const;
   Xapian::Query wordsOf(const SearchQuery& query, const IndexNames& names,

@@ -137,7 +137,8 @@ JointReader::Ranking JointReader::ranked(const Xapian::Query& words, const Searc
   std::size_t held = 0;
   for (const Member& member : members_) held += member.held + member.reader.memory();
   const MemoryBudget::Share keys =
-      memoryForKeys(query.keys.size(), {members_.size(), database_.size()}, limits, held);
+      memoryForKeys(query.keys.size(),
+                    {members_.size(), database_.size(), database_.get_doccount()}, limits, held);
   held += keys.bytes();
   MemoryBudget::Share ofWords = memoryForWords(words, database_, limits, held);
   held += ofWords.bytes();

@@ -1,6 +1,7 @@
 #include "server/store/keyFilters.h"
 
 #include <algorithm>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,7 +28,10 @@ Xapian::Query amongKeys(const Xapian::Query& query, const std::vector<std::strin
   if (query.empty() || keys.empty()) return query;
   std::vector<Xapian::Query> terms;
   terms.reserve(keys.size());
-  for (const std::string& key : keys) terms.emplace_back(identityTerm(key));
+  // In the order of the index, neighbours share what has been read of it.
+  std::set<std::string> sorted;
+  for (const std::string& key : keys) sorted.insert(identityTerm(key));
+  for (const std::string& term : sorted) terms.emplace_back(term);
   return {Xapian::Query::OP_FILTER, query,
           Xapian::Query(Xapian::Query::OP_OR, terms.begin(), terms.end())};
 }

@@ -59,8 +59,8 @@ MemoryBudget::Share memoryFor(std::size_t hits, std::size_t sortKeyBytes, const 
 MemoryBudget::Share memoryForKeys(std::size_t keys, KeyPlaces places, const IndexLimits& limits,
                                   std::size_t held) {
   MemoryBudget::Share share = shareOf(limits);
-  const std::size_t bytes =
-      keys * (places.collections * kFoundKeyCost + places.databases * kKeyCost);
+  const std::size_t found = std::min(keys * places.collections, places.documents);
+  const std::size_t bytes = found * kFoundKeyCost + keys * places.databases * kKeyCost;
   if (bytes <= kFewLists) return share;
   const auto refusal = [&](std::size_t mebibytes) {
     return fmt::format(

@@ -35,6 +35,7 @@ MemoryBudget::Share memoryFor(std::size_t hits, std::size_t sortKeyBytes, const 
 struct KeyPlaces {
   std::size_t collections;
   std::size_t databases;
+  std::size_t documents;
 };
 
 /// Sets aside what the engine takes to look for so many keys at the same time. `held` as in

@@ -462,7 +462,7 @@ TEST_F(TogetherTest, MemoryIsGivenBackAndWithoutItTheSearchIsRefused) {
   details({"a", "b"}, queryFor("fox"), wanted);
   EXPECT_EQ(memory_->used(), idle);
   SearchQuery query = queryFor("fox");
-  query.keys = Names(6000, "1");
+  query.keys = Names(40000, "1");
   EXPECT_THAT(refusal({"a", "b"}, query), StartsWith("ZVK0011E"));
   // That has closed its handles.
   EXPECT_EQ(memory_->used(), idle - 2 * IdleReaders::kDatabaseCost);
@@ -470,7 +470,7 @@ TEST_F(TogetherTest, MemoryIsGivenBackAndWithoutItTheSearchIsRefused) {
   EXPECT_EQ(memory_->used(), idle);
   // These alone take less than the seven eighths that large uses may have, and with the handles
   // more.
-  query.keys = Names(1680, "1");
+  query.keys = Names(28300, "1");
   EXPECT_THAT(refusal({"a", "b"}, query), StartsWith("ZVK0011E"));
 }
 

@@ -119,6 +119,14 @@ TEST_P(KeyMemoryTest, FewKeysNeedNoneThatIsFree) {
               HasSubstr("keys"));
 }
 
+TEST_P(KeyMemoryTest, KeysTakeLittleWhereThereAreFewDocuments) {
+  open(40U << 20U, GetParam());
+  store_->createCollection("few", "en");
+  store_->queueDocument("few", {"7", {}, "fox"});
+  store_->updateIndex("few");
+  EXPECT_EQ(store_->count("few", among(13000)), 1U);
+}
+
 INSTANTIATE_TEST_SUITE_P(Databases, KeyMemoryTest, ::testing::Values(1, 2));
 
 // The engine opens a list for each word that one with * stands for, in each database.
