@@ -71,10 +71,8 @@ void BatchLoader::finish() {
   if (std::exchange(mayHaveMore_, false)) collect();
 }
 
-// A document that was taken twice may be refused before one of the two results has come.
-std::uint64_t BatchLoader::taken() const {
-  return taken_ - std::min<std::uint64_t>(taken_, leftOut_.size());
-}
+// A server that does not look at the name may tell of another client's documents.
+std::uint64_t BatchLoader::taken() const { return taken_ - std::min(taken_, takenAndLeftOut_); }
 
 std::size_t BatchLoader::pending() const { return disputed_.size() + (sent_ ? window_.size() : 0); }
 
@@ -82,6 +80,7 @@ std::vector<Refusal> BatchLoader::takeRefusals() { return std::exchange(refusals
 
 void BatchLoader::deliver() {
   sent_ = mayHaveMore_ = true;
+  for (const Entry& entry : window_) leftOut_.erase(entry.document.key);
   changed_();
   try {
     deliverOnce();
@@ -148,12 +147,17 @@ void BatchLoader::note(const tq::comm::ParseResult& result) {
   }
 }
 
-// Sending it again would only have it refused again. Its key may stand in this window, too, or have
-// come in several: which line was refused is not known.
+// A document that was sent twice may be refused twice. Its key may stand in this window, too, or
+// have come in several: which line was refused is not known.
 void BatchLoader::noteLeftOut(const tq::comm::ParseResult& result) {
-  const std::string document = toUtf8(result.getDocument());
-  if (!leftOut_.insert(keyOfDocId(result.getDocument()).value_or(document)).second) return;
+  const std::string key = keyOfDocId(result.getDocument()).value_or(toUtf8(result.getDocument()));
+  if (!leftOut_.insert(key).second) return;
   refusals_.push_back({0, nameOf(result), reasonOf(result.getMessage())});
+  if (const auto found = byKey_.find(key); found != byKey_.end()) {
+    found->second->leftOut = true;
+  } else {
+    ++takenAndLeftOut_;
+  }
 }
 
 // Only when all results are known, because two of them may have one key: ours and another client's.
@@ -164,7 +168,7 @@ void BatchLoader::settle() {
       byKey_.erase(entry->document.key);
       disputed_.splice(disputed_.end(), window_, entry);
     } else if (entry->accepted) {
-      ++taken_;
+      countTaken(*entry);
       byKey_.erase(entry->document.key);
       window_.erase(entry);
     }
@@ -178,8 +182,13 @@ void BatchLoader::confirm() {
   disputed_.splice(disputed_.end(), window_);
   byKey_.clear();
   for (; !disputed_.empty(); disputed_.pop_front()) {
-    if (isTaken(disputed_.front().document)) ++taken_;
+    if (isTaken(disputed_.front().document)) countTaken(disputed_.front());
   }
+}
+
+void BatchLoader::countTaken(const Entry& entry) {
+  ++taken_;
+  if (entry.leftOut) ++takenAndLeftOut_;
 }
 
 bool BatchLoader::isTaken(const Document& document) {
@@ -191,7 +200,10 @@ bool BatchLoader::isTaken(const Document& document) {
     return true;
   } catch (const tq::oss::BaseException& failure) {
     if (!isVerdict(failure, session_.client.getRequestOutcome())) throw;
-    refusals_.push_back({document.line, document.key, reasonOf(failure.getMessageList().front())});
+    const auto& message = failure.getMessageList().front();
+    // Perhaps the index has refused it before, when it had been queued.
+    const bool isNews = !isLeftOut(message.getMessageId()) || leftOut_.insert(document.key).second;
+    if (isNews) refusals_.push_back({document.line, document.key, reasonOf(message)});
     return false;
   }
 }

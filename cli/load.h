@@ -70,6 +70,8 @@ class BatchLoader {
     Document document;
     bool accepted = false;
     bool refused = false;
+    /// By the index, before it was known to be taken.
+    bool leftOut = false;
   };
   using Entries = std::list<Entry>;
 
@@ -80,6 +82,7 @@ class BatchLoader {
   void note(const tq::comm::ParseResult& result);
   void noteLeftOut(const tq::comm::ParseResult& result);
   void settle();
+  void countTaken(const Entry& entry);
   void confirm();
   bool isTaken(const Document& document);
 
@@ -99,8 +102,10 @@ class BatchLoader {
   Entries disputed_;
 
   std::uint64_t taken_ = 0;
-  // Keys of documents that were taken, and that the index has refused.
+  // Keys of documents that the index has refused, each until another one of the same key is sent,
+  // and how many of the documents had been taken.
   std::unordered_set<std::string> leftOut_;
+  std::uint64_t takenAndLeftOut_ = 0;
   // Whether the server has not been asked since the last window.
   bool mayHaveMore_ = false;
   std::vector<Refusal> refusals_;

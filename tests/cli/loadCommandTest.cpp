@@ -316,6 +316,41 @@ TEST(Load, ReportsWhatTheIndexRefusesOfAnyWindow) {
   }
 }
 
+TEST(Load, CountsEachVersionOfADocumentThatTheIndexRefuses) {
+  const std::vector<std::string> refused{"base64:YQ==", "ZVK0015E", "term too long"};
+  Script script = loadOf(2, {{"a"}, {"b"}, refused});
+  takeWindow(script, 2).send(outcomes({{"a"}, refused, {"c"}}));
+  ScriptedServer server(tellAtTheEnd(script));
+  const Result result = load(server, documentLine("a", "x") + documentLine("b", "x") +
+                                         documentLine("a", "y") + documentLine("c", "y"));
+  EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
+  EXPECT_EQ(result.out, "loaded 2 documents into books, 2 refused\n");
+  const std::string line = "corvane: key \"a\": term too long (ZVK0015E)\n";
+  EXPECT_EQ(result.err, line + line + kNextStep);
+}
+
+// The result that it was stored has been lost, so that it is sent once more.
+TEST(Load, CountsADocumentOnceThatTheIndexRefusesBeforeItIsKnownToBeTaken) {
+  const std::vector<std::string> refused{"base64:YQ==", "ZVK0015E", "term too long"};
+  for (const bool isRefusedAgain : {false, true}) {
+    for (const bool isToldBefore : {false, true}) {
+      if (!isRefusedAgain && !isToldBefore) continue;
+      Script script = loadOf(2, isToldBefore ? Outcomes{refused, {"b"}} : Outcomes{{"b"}});
+      script.expectRequest().send(isRefusedAgain ? refusal("ZVK0015E", "term too long") : done());
+      ScriptedServer server(tellAtTheEnd(script, {refused}));
+      const Result result = load(server, documentLine("a", "x") + documentLine("b", "x"));
+      EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
+      EXPECT_EQ(result.out, "loaded 1 document into books, 1 refused\n");
+    }
+  }
+}
+
+TEST(Load, TakesNoMoreFromItsSumThanItHasLoaded) {
+  Script script = loadOf(1, {{"a"}, {"b", "ZVK0015E", "no"}, {"c", "ZVK0015E", "no"}});
+  ScriptedServer server(tellAtTheEnd(script));
+  EXPECT_EQ(load(server, documentLine("a", "x")).out, "loaded 0 documents into books, 2 refused\n");
+}
+
 TEST(Load, CannotTellWhatTheIndexRefusesWithoutAnAnswerAtItsEnd) {
   ScriptedServer server(loadOf(1, {{"a"}}).expectRequest());
   const Result result = load(server, documentLine("a", "x"));
