@@ -174,11 +174,12 @@ void Collection::setDocumentDefaults(const DocumentReading& defaults) {
 
 std::shared_ptr<Ticket> Collection::add(const Document& document) {
   checkSize(document);
-  const Journal::Place place = append({ChangeKind::Put, document});
-  outcomes_->forgetOwner(document.key);
+  const std::shared_ptr<Ticket> ticket = ticketOfChange();
+  const Journal::Place place = append({ChangeKind::Put, document}, ticket);
+  outcomes_->forgetOwner(document.key, place.end);
   requestEarly(place);
   // A round syncs the journal for all who wait for it.
-  if (refresh_.mode == Refresh::Mode::Immediate) return awaitRound({document.key});
+  if (ticket) return ticket;
   journal_.sync(place.ticket);
   return nullptr;
 }
@@ -189,7 +190,7 @@ void Collection::queue(const Document& document, const std::string& client) {
   const bool isImmediate = refresh_.mode == Refresh::Mode::Immediate;
   // Without a name the refusal of a document goes to whoever asks first, whoever queued it.
   if (client.empty() && !isImmediate) {
-    outcomes_->forgetOwner(document.key);
+    outcomes_->forgetOwner(document.key, place.end);
   } else {
     outcomes_->setOwner(document.key, client, place.end);
   }
@@ -214,9 +215,10 @@ void Collection::reportOutcome(ParseOutcome outcome, const std::string& client) 
 
 std::shared_ptr<Ticket> Collection::remove(const std::string& key, bool mustExist) {
   const Change change{ChangeKind::Remove, {key, {}, {}}};
-  const Journal::Place place = mustExist ? appendIfThere(change) : append(change);
+  const std::shared_ptr<Ticket> ticket = ticketOfChange();
+  const Journal::Place place = mustExist ? appendIfThere(change, ticket) : append(change, ticket);
   hide(place.end, key);
-  if (refresh_.mode == Refresh::Mode::Immediate) return awaitRound({key});
+  if (ticket) return ticket;
   journal_.sync(place.ticket);
   return requestRemoval();
 }
@@ -226,20 +228,16 @@ Collection::Applied Collection::apply(Batch batch) {
   entry->name = batch.name;
   entry->digest = batch.digest.empty() ? digestOf(batch.changes) : batch.digest;
   entry->changes = std::move(batch.changes);
+  const std::shared_ptr<Ticket> ticket = ticketOfChange();
   Journal::Place place;
   BatchOutcome outcome;
   {
     const std::lock_guard one(batchMutex_);
-    outcome = decide(batch, entry, place);
+    outcome = decide(batch, entry, place, ticket);
   }
   if (outcome.refused.count > 0) return {std::move(outcome), nullptr};
   requestEarly(place);
-  if (refresh_.mode == Refresh::Mode::Immediate) {
-    if (isIndexed()) return {std::move(outcome), nullptr};
-    std::vector<std::string> keys;
-    for (const Document& document : entry->changes.documents) keys.push_back(document.key);
-    return {std::move(outcome), awaitRound(std::move(keys))};
-  }
+  if (ticket) return {std::move(outcome), ticket};
   journal_.sync(place.ticket);
   return {std::move(outcome), requestRemoval()};
 }
@@ -254,7 +252,7 @@ bool Collection::isBatch(const std::string& digest, const Batch& sent, const Bat
 // A batch that has been applied is known before anything else is looked at: what it found then has
 // changed, not least by itself.
 BatchOutcome Collection::decide(Batch& batch, const std::shared_ptr<BatchEntry>& entry,
-                                Journal::Place& place) {
+                                Journal::Place& place, const std::shared_ptr<Ticket>& ticket) {
   requireActive();
   noteLackedBatch();
   if (const auto known = batches_.find(entry->name)) {
@@ -264,6 +262,11 @@ BatchOutcome Collection::decide(Batch& batch, const std::shared_ptr<BatchEntry>&
                             shown(entry->name) + "; give this one another name");
     }
     place.ticket = known->ticket;
+    if (ticket && isIndexed()) {
+      ticket->finish();
+    } else if (ticket) {
+      awaitRound({keysOf({ChangeKind::Batch, {}, entry}), ticket, {}});
+    }
     return known->outcome;
   }
   if (batches_.isOld(entry->name)) {
@@ -282,7 +285,7 @@ BatchOutcome Collection::decide(Batch& batch, const std::shared_ptr<BatchEntry>&
   }
   BatchOutcome outcome;
   if (batch.refused.count == 0) {
-    outcome = accept(entry, batch.keysMustExist, place);
+    outcome = accept(entry, batch.keysMustExist, place, ticket);
   } else {
     outcome.refused = std::move(batch.refused);
   }
@@ -301,19 +304,21 @@ void Collection::requireMark(const std::string& expected) const {
 }
 
 BatchOutcome Collection::accept(const std::shared_ptr<BatchEntry>& entry, bool keysMustExist,
-                                Journal::Place& place) {
+                                Journal::Place& place, const std::shared_ptr<Ticket>& ticket) {
   makeFileOfBatches();
   const std::vector<std::string>& deletions = entry->changes.deletions;
   if (deletions.empty()) {
-    place = append({ChangeKind::Batch, {}, entry});
+    place = append({ChangeKind::Batch, {}, entry}, ticket);
   } else {
     LookUp found = lookUp(deletions);
     const std::uint64_t unknown = found.unknown.count;
     if (keysMustExist && unknown > 0) return {0, 0, unknown, std::move(found.unknown)};
     entry->unknown = static_cast<std::uint32_t>(unknown);
-    place = appendBehindGate({ChangeKind::Batch, {}, entry});
+    place = appendBehindGate({ChangeKind::Batch, {}, entry}, ticket);
   }
-  for (const Document& document : entry->changes.documents) outcomes_->forgetOwner(document.key);
+  for (const Document& document : entry->changes.documents) {
+    outcomes_->forgetOwner(document.key, place.end);
+  }
   return outcomeOf(*entry);
 }
 
@@ -424,8 +429,9 @@ std::shared_ptr<Ticket> Collection::wantUpdate() {
 std::optional<ServerError> Collection::replyTo(const Ticket& update) const {
   const auto leftOut = outcomes_->leftOut();
   if (!leftOut) return std::nullopt;
-  if (update.isExpected()) outcomes_->noteGiven();
-  return ServerError(ErrorKind::DocumentsNotIndexed, inShort(*leftOut));
+  const ServerError reply(ErrorKind::DocumentsNotIndexed, inShort(*leftOut));
+  if (update.isExpected()) outcomes_->noteGiven(leftOut->update);
+  return reply;
 }
 
 // Every search pays for each key that it filters; an occasional commit costs less.
@@ -448,12 +454,23 @@ void Collection::requestRound() {
   unawaited_ = true;
 }
 
-// Whoever waits for documents is told if the index refuses one of these.
-std::shared_ptr<Ticket> Collection::awaitRound(std::vector<std::string> keys) {
+// What whoever sends a change waits for; null if for nothing but the disk.
+std::shared_ptr<Ticket> Collection::ticketOfChange() const {
+  const bool isAwaited = refresh_.mode == Refresh::Mode::Immediate;
+  return isAwaited ? std::make_shared<Ticket>() : nullptr;
+}
+
+std::vector<std::string> Collection::keysOf(const Change& change) {
+  if (change.kind != ChangeKind::Batch) return {change.document.key};
+  std::vector<std::string> keys;
+  for (const Document& document : change.batch->changes.documents) keys.push_back(document.key);
+  return keys;
+}
+
+void Collection::awaitRound(Waiting waiting) {
   const std::lock_guard lock(jobsMutex_);
   requireActive();
-  roundWanted_.push_back({std::move(keys), std::make_shared<Ticket>()});
-  return roundWanted_.back().ticket;
+  roundWanted_.push_back(std::move(waiting));
 }
 
 std::optional<std::chrono::milliseconds> Collection::takeRefreshTime() {
@@ -625,14 +642,14 @@ bool Collection::begin(Job& job) {
     if (!index_.isUpdating()) index_.beginUpdate([this] { requireGoingOn(); });
     // In this order: what is in the index alone would be replaced by what came before it, if the
     // journal's end is lost and the rest is brought in once more.
-    job.end = journal_.end();
+    takeChanges(job);
     journal_.syncAll();
   } else {
     index_.beginUpdate([this] { requireGoingOn(); });
-    job.end = closeSegment();
-    // Whoever asks from now on has no later changes, or waits for the next update.
-    const std::lock_guard lock(jobsMutex_);
-    updatingTo_ = job.end;
+    // What has been queued may take long. The segment is closed under the journal's lock, where
+    // little is left to bring to disk then.
+    if (journal_.end().bytes > 0) journal_.syncAll();
+    takeChanges(job);
   }
   const std::lock_guard lock(hiddenMutex_);
   // Where changes are searchable at once nothing is hidden meanwhile, and the journal is short.
@@ -644,14 +661,26 @@ bool Collection::begin(Job& job) {
   return true;
 }
 
+// Each change comes with whoever waits for it, who must not be told what becomes of later ones.
+void Collection::takeChanges(Job& job) {
+  const bool isRound = job.kind == Job::Kind::Round;
+  const std::lock_guard appended(awaitedMutex_);
+  job.end = isRound ? journal_.end() : closeSegment();
+  const std::lock_guard lock(jobsMutex_);
+  // What nobody waits for may be wanted for a change that has come since.
+  const auto awaited = std::partition(roundWanted_.begin(), roundWanted_.end(),
+                                      [](const Waiting& waiting) { return !waiting.ticket; });
+  job.waiting.insert(job.waiting.end(), std::move_iterator(awaited),
+                     std::move_iterator(roundWanted_.end()));
+  roundWanted_.erase(awaited, roundWanted_.end());
+  // Whoever asks from now on has no later changes, or waits for the next update.
+  if (!isRound) updatingTo_ = job.end;
+}
+
 // An attempt that failed has left an empty one, and another would leave one more.
 JournalPosition Collection::closeSegment() {
   const JournalPosition end = journal_.end();
-  if (end.bytes == 0) return end;
-  // What has been queued may take long. The segment is closed under the journal's lock, where
-  // little is left to bring to disk then.
-  journal_.syncAll();
-  return {journal_.rotate() + 1, 0};
+  return end.bytes == 0 ? end : JournalPosition{journal_.rotate() + 1, 0};
 }
 
 // hiddenMutex_ is locked.
@@ -674,6 +703,9 @@ void Collection::end(Job& job) {
   if (!isRound) index_.endUpdate(journal_.lastChangeBefore(job.end.segment));
   // Until the journal is cut off: nobody else would try that again.
   restless_ = isRound || refresh_.mode == Refresh::Mode::Immediate;
+  // Before the update counts as done: nobody must find nothing to do and nothing left out. If it
+  // fails for want of memory, a repeat finds what was refused again.
+  const Report report = reportRefused(job);
   {
     const std::lock_guard lock(hiddenMutex_);
     const auto isIn = [&](const std::string&, const JournalPosition& position) {
@@ -687,8 +719,12 @@ void Collection::end(Job& job) {
     if (!isRound) uncut_ = true;
   }
   pendingKeys_.forgetUpTo(job.end);
-  // Before anything else can fail: no later update comes across them.
-  const std::optional<ServerError> refused = reportRefused(job);
+  outcomes_->forgetOwnersUpTo(job.end);
+  // Before anything else can fail. The others are told when the job ends.
+  for (Waiting& waiting : job.waiting) {
+    if (waiting.refusal) std::exchange(waiting.ticket, nullptr)->finish(waiting.refusal);
+  }
+  if (!report.line.empty()) logFailure("refresh", {ErrorKind::DocumentsNotIndexed, report.line});
   if (isRound) return;
   saveBatches();
   journal_.remove(job.end.segment - 1);
@@ -697,18 +733,24 @@ void Collection::end(Job& job) {
     const std::lock_guard lock(hiddenMutex_);
     deletionBytes_.erase(deletionBytes_.begin(), deletionBytes_.lower_bound(job.end.segment));
   }
-  if (!refused) return;
-  outcomes_->noteGiven();
-  throw ServerError(*refused);
+  if (!report.reply) return;
+  outcomes_->noteGiven(report.update);
+  throw ServerError(*report.reply);
 }
 
 ParseOutcomes::LeftOut Collection::leftOutOf(const Refused& refused) {
   constexpr std::uint64_t kNamed = 3;
+  // So much of each fits into a reply.
+  constexpr std::size_t kNameBytes = 80;
+  constexpr std::size_t kReasonBytes = 220;
   ParseOutcomes::LeftOut result{refused.size(), std::min<std::uint64_t>(refused.size(), kNamed)};
   auto next = refused.begin();
   for (std::uint64_t i = 0; i < result.named; ++i, ++next) {
-    result.names += i == 0 ? fmt::format("{} ({})", shown(next->first), next->second->messageText)
-                           : ", " + shown(next->first);
+    const std::string name = shown(next->first, kNameBytes);
+    result.names += i == 0
+                        ? fmt::format("{} ({})", name,
+                                      cutBetweenCharacters(next->second->messageText, kReasonBytes))
+                        : ", " + name;
   }
   return result;
 }
@@ -722,46 +764,43 @@ Collection::Refused Collection::refusedOf(const Waiting& waiting, const Refused&
   return own;
 }
 
-// Returns those that nobody waits for.
-Collection::Refused Collection::tellWaiting(Job& job, const Refused& refused) {
+// Notes what is told to those who wait for one of the documents. Returns those that nobody waits
+// for.
+Collection::Refused Collection::refuseWaiting(Job& job, const Refused& refused) {
   Refused untold = refused;
   if (refused.empty()) return untold;
   for (Waiting& waiting : job.waiting) {
     const Refused own = waiting.ticket ? refusedOf(waiting, refused) : Refused();
     if (own.empty()) continue;
     const bool isBatch = waiting.keys.size() > 1;
-    const std::string reason = isBatch ? inShort(leftOutOf(own)) : own.begin()->second->messageText;
-    waiting.ticket->finish(ServerError(ErrorKind::DocumentsNotIndexed, reason));
-    waiting.ticket.reset();
+    waiting.refusal.emplace(ErrorKind::DocumentsNotIndexed,
+                            isBatch ? inShort(leftOutOf(own)) : own.begin()->second->messageText);
     for (const auto& [key, outcome] : own) untold.erase(key);
   }
   return untold;
 }
 
-// Those who wait for one of these documents are told here, and the others when the job ends.
-// Returns what a client is told that waits for all of it.
-std::optional<ServerError> Collection::reportRefused(Job& job) {
-  Refused refused;
-  for (const ParseOutcome& outcome : job.update->refused()) refused.emplace(outcome.key, &outcome);
-  const Refused untold = tellWaiting(job, refused);
-  const bool isExpected = job.ticket && job.ticket->isExpected();
+// All of it that takes memory.
+Collection::Report Collection::reportRefused(Job& job) {
+  Report report;
   // What finds nothing to bring in changes nothing of what is known of the update before.
-  if (job.update->progress().all > 0)
-    outcomes_->noteUpdate(leftOutOf(isExpected ? refused : untold));
-  std::optional<ServerError> reply;
-  if (isExpected && !refused.empty()) {
-    reply.emplace(ErrorKind::DocumentsNotIndexed, inShort(outcomes_->leftOut().value()));
-  }
+  if (job.update->progress().all == 0) return report;
+  std::vector<ParseOutcome>& outcomes = job.update->refused();
+  Refused refused;
+  for (const ParseOutcome& outcome : outcomes) refused.emplace(outcome.key, &outcome);
+  const Refused untold = refuseWaiting(job, refused);
+  const bool isExpected = job.ticket && job.ticket->isExpected();
+  ParseOutcomes::LeftOut leftOut = leftOutOf(isExpected ? refused : untold);
   // Perhaps nobody asks for an update, or for outcomes, of what becomes searchable by itself.
-  std::string line;
-  if (!untold.empty() && refresh_.mode != Refresh::Mode::Manual) line = inShort(leftOutOf(untold));
-  for (ParseOutcome& outcome : job.update->refused()) {
-    const std::string owner = outcomes_->ownerOf(outcome.key);
-    pushOutcome(std::move(outcome), 0, owner);
-  }
-  outcomes_->forgetOwnersUpTo(job.end);
-  if (!line.empty()) logFailure("refresh", {ErrorKind::DocumentsNotIndexed, line});
-  return reply;
+  const bool isUnasked = !isExpected && refresh_.mode != Refresh::Mode::Manual;
+  if (isUnasked && !untold.empty()) report.line = inShort(leftOut);
+  const bool isReply = isExpected && !refused.empty();
+  const ParseOutcomes::Noted noted = outcomes_->noteUpdate(std::move(leftOut), std::move(outcomes));
+  if (!noted.keptAll) logForgotten();
+  if (!isReply) return report;
+  report.reply.emplace(ErrorKind::DocumentsNotIndexed, inShort(noted.leftOut.value()));
+  report.update = noted.leftOut->update;
+  return report;
 }
 
 // If it fails, the deletions are in the journal, and searches keep filtering them: those who wait
@@ -1041,15 +1080,16 @@ void Collection::retire(Fate fate) {
   index_.releaseHandles();
 }
 
-Journal::Place Collection::append(const Change& change) {
+Journal::Place Collection::append(const Change& change, const std::shared_ptr<Ticket>& ticket) {
   const std::shared_lock gate(gate_);
   requireActive();
-  return appendBehindGate(change);
+  return appendBehindGate(change, ticket);
 }
 
-Journal::Place Collection::appendIfThere(const Change& change) {
+Journal::Place Collection::appendIfThere(const Change& change,
+                                         const std::shared_ptr<Ticket>& ticket) {
   const LookUp found = lookUp({change.document.key});
-  if (found.unknown.count == 0) return appendBehindGate(change);
+  if (found.unknown.count == 0) return appendBehindGate(change, ticket);
   throw ServerError(ErrorKind::UnknownDocument,
                     "there is no document with the key " + shown(change.document.key));
 }
@@ -1111,8 +1151,18 @@ void Collection::keepPendingKeys() {
   pendingKeys_.keep();
 }
 
-Journal::Place Collection::appendBehindGate(const Change& change) {
+Journal::Place Collection::appendBehindGate(const Change& change,
+                                            const std::shared_ptr<Ticket>& ticket) {
   noteLackedBatch();
+  if (!ticket) return appendAndNote(change);
+  Waiting waiting{keysOf(change), ticket, {}};
+  const std::lock_guard lock(awaitedMutex_);
+  const Journal::Place place = appendAndNote(change);
+  awaitRound(std::move(waiting));
+  return place;
+}
+
+Journal::Place Collection::appendAndNote(const Change& change) {
   const Journal::Place place = journal_.append(change);
   // Not before: a refresh in between would take the note for its own, and not see the change.
   changed_ = true;
@@ -1211,7 +1261,10 @@ Hidden Collection::hiddenFrom(const SearchQuery& query) const {
 
 void Collection::pushOutcome(ParseOutcome outcome, std::uint64_t ticket,
                              const std::string& client) {
-  if (outcomes_->push(std::move(outcome), ticket, client)) return;
+  if (!outcomes_->push(std::move(outcome), ticket, client)) logForgotten();
+}
+
+void Collection::logForgotten() {
   repeats_.log(spdlog::level::warn,
                fmt::format("collection {}: nobody asks for parse results, the oldest are forgotten",
                            shown(name_)));

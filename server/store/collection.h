@@ -60,8 +60,8 @@ struct StoreLimits {
 /// One collection in one directory: a journal of accepted changes, and the index into which
 /// updateIndex brings them. May be used from any thread. Store says what each operation promises.
 ///
-/// Its locks are taken in the order batchMutex_, turn_, stepMutex_, gate_, lackedMutex_,
-/// jobsMutex_, hiddenMutex_, defaultsMutex_, and those of its members after them.
+/// Its locks are taken in the order batchMutex_, turn_, stepMutex_, gate_, awaitedMutex_,
+/// lackedMutex_, jobsMutex_, hiddenMutex_, defaultsMutex_, and those of its members after them.
 class Collection {
  public:
   static void create(const std::filesystem::path& directory, const IndexForm& form,
@@ -181,6 +181,8 @@ class Collection {
   struct Waiting {
     std::vector<std::string> keys;
     std::shared_ptr<Ticket> ticket;
+    /// If the index has refused one of the documents.
+    std::optional<ServerError> refusal;
   };
 
   /// What is being brought into the index.
@@ -213,9 +215,19 @@ class Collection {
   /// Documents that the index has refused, by their keys.
   using Refused = std::map<std::string_view, const ParseOutcome*>;
 
-  Journal::Place append(const Change& change);
-  Journal::Place appendIfThere(const Change& change);
-  Journal::Place appendBehindGate(const Change& change);
+  /// What is said of the documents that an update has left out.
+  struct Report {
+    /// To the client that waits for all of it, and the number of the update.
+    std::optional<ServerError> reply;
+    std::uint64_t update = 0;
+    /// In the log; empty if nothing.
+    std::string line;
+  };
+
+  Journal::Place append(const Change& change, const std::shared_ptr<Ticket>& ticket = nullptr);
+  Journal::Place appendIfThere(const Change& change, const std::shared_ptr<Ticket>& ticket);
+  Journal::Place appendBehindGate(const Change& change, const std::shared_ptr<Ticket>& ticket);
+  Journal::Place appendAndNote(const Change& change);
   void noteAppended(const Change& change, const Journal::Place& place);
   void noteBatch(const BatchEntry& batch, const Journal::Place& place);
   std::unique_lock<std::shared_mutex> closeGateToLookUp();
@@ -235,12 +247,12 @@ class Collection {
   void noteReplayed(std::uint64_t segment, const Change& change);
   bool couldBeOpenedAgain() const;
   void hideReplayed(std::uint64_t segment, const std::string& key);
-  BatchOutcome decide(Batch& batch, const std::shared_ptr<BatchEntry>& entry,
-                      Journal::Place& place);
+  BatchOutcome decide(Batch& batch, const std::shared_ptr<BatchEntry>& entry, Journal::Place& place,
+                      const std::shared_ptr<Ticket>& ticket);
   static bool isBatch(const std::string& digest, const Batch& sent, const BatchEntry& entry);
   void requireMark(const std::string& expected) const;
   BatchOutcome accept(const std::shared_ptr<BatchEntry>& entry, bool keysMustExist,
-                      Journal::Place& place);
+                      Journal::Place& place, const std::shared_ptr<Ticket>& ticket);
   void makeFileOfBatches();
   void saveBatches();
   void checkSize(const Document& document) const;
@@ -256,19 +268,22 @@ class Collection {
   Hidden hiddenFrom(const SearchQuery& query) const;
   std::shared_ptr<Ticket> requestRemoval();
   void requestRound();
-  std::shared_ptr<Ticket> awaitRound(std::vector<std::string> keys);
+  std::shared_ptr<Ticket> ticketOfChange() const;
+  static std::vector<std::string> keysOf(const Change& change);
+  void awaitRound(Waiting waiting);
   void requestEarly(const Journal::Place& place);
   bool isIndexed() const;
   bool takeJob();
   bool advance(Job& job);
   void noteProgress(IndexProgress progress);
   bool begin(Job& job);
+  void takeChanges(Job& job);
   JournalPosition closeSegment();
   void end(Job& job);
   static ParseOutcomes::LeftOut leftOutOf(const Refused& refused);
   static Refused refusedOf(const Waiting& waiting, const Refused& refused);
-  static Refused tellWaiting(Job& job, const Refused& refused);
-  std::optional<ServerError> reportRefused(Job& job);
+  static Refused refuseWaiting(Job& job, const Refused& refused);
+  Report reportRefused(Job& job);
   std::optional<ServerError> replyTo(const Ticket& update) const;
   std::shared_ptr<Ticket> wantUpdate();
   void updateUnasked();
@@ -283,6 +298,7 @@ class Collection {
   void logFailure(std::string_view during, const ServerError& failure);
   void failAll(const ServerError& failure);
   void pushOutcome(ParseOutcome outcome, std::uint64_t ticket, const std::string& client);
+  void logForgotten();
 
   const std::string name_;
   const std::filesystem::path directory_;
@@ -349,6 +365,10 @@ class Collection {
   // Made in time.
   const ServerError noMemory_{ErrorKind::OutOfMemory,
                               "there is not enough memory to update the index"};
+
+  // Held while a change is appended for which somebody waits, and while it is decided what part of
+  // the journal a job is of: so the job has all who wait for a change of that part.
+  std::mutex awaitedMutex_;
 
   mutable std::mutex jobsMutex_;
   // Guarded by jobsMutex_: what is wanted next; the update under way, what part of the journal it

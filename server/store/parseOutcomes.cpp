@@ -27,6 +27,10 @@ std::size_t costOf(const BatchOutcome& outcome) {
   return bytes;
 }
 
+bool isLeftOut(const ParseOutcome& outcome) {
+  return outcome.messageId == messageId(ErrorKind::DocumentsNotIndexed);
+}
+
 std::size_t inSteps(std::size_t bytes) {
   return (bytes + OutcomeMemory::kStep - 1) / OutcomeMemory::kStep * OutcomeMemory::kStep;
 }
@@ -67,6 +71,10 @@ ParseOutcomes::ParseOutcomes(std::size_t limit, std::shared_ptr<OutcomeMemory> m
 bool ParseOutcomes::push(ParseOutcome outcome, std::uint64_t ticket, const std::string& client) {
   const std::lock_guard lock(mutex_);
   ticket_ = std::max(ticket_, ticket);
+  return pushOne(std::move(outcome), client);
+}
+
+bool ParseOutcomes::pushOne(ParseOutcome outcome, const std::string& client) {
   bool keptAll = true;
   if (client.empty()) {
     append(outcomes_, std::move(outcome));
@@ -99,14 +107,17 @@ ParseOutcomes::Client& ParseOutcomes::clientNamed(const std::string& name) {
 
 void ParseOutcomes::append(Queue& queue, ParseOutcome outcome) {
   const std::size_t bytes = costOf(outcome);
-  if (outcome.messageId == messageId(ErrorKind::DocumentsNotIndexed)) queue.leftOutBy = updates_;
+  if (isLeftOut(outcome)) queue.leftOutBy = updates_;
   queue.outcomes.push_back(std::move(outcome));
   queue.bytes += bytes;
   bytes_ += bytes;
 }
 
 void ParseOutcomes::dropOldest(Queue& queue) {
-  const std::size_t bytes = costOf(queue.outcomes.front());
+  const ParseOutcome& oldest = queue.outcomes.front();
+  const std::size_t bytes = costOf(oldest);
+  // What is taken from now on does not tell all that updates left out.
+  if (isLeftOut(oldest)) queue.leftOutBy = 0;
   queue.outcomes.pop_front();
   queue.bytes -= bytes;
   bytes_ -= bytes;
@@ -211,19 +222,29 @@ void ParseOutcomes::putBack(Taken taken, const std::string& client) {
   memory_.set(bytes_);
 }
 
-// Of updates that nobody waits for, the last may have left out nothing.
-void ParseOutcomes::noteUpdate(LeftOut leftOut) {
+// Of updates that nobody waits for, the last may have left out nothing. It is noted last, since the
+// memory may be out for what comes before.
+ParseOutcomes::Noted ParseOutcomes::noteUpdate(LeftOut leftOut, std::vector<ParseOutcome> refused) {
   const std::lock_guard lock(mutex_);
   ++updates_;
-  if (leftOut_ && !leftOut_->isGiven) {
-    if (leftOut.count == 0) return;
-    leftOut_->count += leftOut.count;
-    leftOut_->update = updates_;
-    return;
-  }
   leftOut.update = updates_;
-  setLeftOut(leftOut.count == 0 ? std::nullopt : std::optional(std::move(leftOut)));
+  std::optional<LeftOut> all;
+  if (leftOut_ && !leftOut_->isGiven) {
+    all = leftOut_;
+    all->count += leftOut.count;
+    if (leftOut.count > 0) all->update = updates_;
+  } else if (leftOut.count > 0) {
+    all = std::move(leftOut);
+  }
+  Noted noted{all};
+  for (ParseOutcome& outcome : refused) {
+    const auto owner = owners_.find(outcome.key);
+    const std::string client = owner == owners_.end() ? std::string() : owner->second.client;
+    if (!pushOne(std::move(outcome), client)) noted.keptAll = false;
+  }
+  setLeftOut(std::move(all));
   memory_.set(bytes_);
+  return noted;
 }
 
 std::optional<ParseOutcomes::LeftOut> ParseOutcomes::leftOut() const {
@@ -231,9 +252,9 @@ std::optional<ParseOutcomes::LeftOut> ParseOutcomes::leftOut() const {
   return leftOut_;
 }
 
-void ParseOutcomes::noteGiven() {
+void ParseOutcomes::noteGiven(std::uint64_t update) {
   const std::lock_guard lock(mutex_);
-  if (leftOut_) leftOut_->isGiven = true;
+  if (leftOut_ && leftOut_->update == update) leftOut_->isGiven = true;
 }
 
 void ParseOutcomes::setLeftOut(std::optional<LeftOut> leftOut) {
@@ -245,7 +266,10 @@ void ParseOutcomes::setLeftOut(std::optional<LeftOut> leftOut) {
 void ParseOutcomes::setOwner(const std::string& key, const std::string& client,
                              const JournalPosition& end) {
   const std::lock_guard lock(mutex_);
-  if (const auto known = owners_.find(key); known != owners_.end()) eraseOwner(known);
+  if (const auto known = owners_.find(key); known != owners_.end()) {
+    if (end < known->second.end) return;
+    eraseOwner(known);
+  }
   const std::size_t bytes = kOwnerCost + key.size() + client.size();
   if (owners_.size() < limit_ && memory_.fits(bytes_ + bytes)) {
     owners_.try_emplace(key, Owner{client, end});
@@ -254,10 +278,10 @@ void ParseOutcomes::setOwner(const std::string& key, const std::string& client,
   memory_.set(bytes_);
 }
 
-void ParseOutcomes::forgetOwner(const std::string& key) {
+void ParseOutcomes::forgetOwner(const std::string& key, const JournalPosition& end) {
   const std::lock_guard lock(mutex_);
   const auto known = owners_.find(key);
-  if (known == owners_.end()) return;
+  if (known == owners_.end() || end < known->second.end) return;
   eraseOwner(known);
   memory_.set(bytes_);
 }

@@ -101,17 +101,24 @@ class ParseOutcomes {
   /// After what was taken could not be told.
   void putBack(Taken taken, const std::string& client = {});
 
-  /// An update has changed the index and left out so much, whose outcomes are pushed next.
-  void noteUpdate(LeftOut leftOut);
+  /// What stands now, and whether no older outcome was dropped.
+  struct Noted {
+    std::optional<LeftOut> leftOut{};
+    bool keptAll = true;
+  };
+  /// An update has changed the index and left out so much. The outcomes of these documents go to
+  /// their owners.
+  Noted noteUpdate(LeftOut leftOut, std::vector<ParseOutcome> refused);
   /// Nothing if no document was left out of which somebody is still to be told.
   std::optional<LeftOut> leftOut() const;
-  /// Somebody has been given what leftOut() returns.
-  void noteGiven();
+  /// Somebody has been given what stood after that update.
+  void noteGiven(std::uint64_t update);
 
   /// The client, which may have no name, queued the document, which ends there in the journal.
+  /// Does nothing after a later version of it.
   void setOwner(const std::string& key, const std::string& client, const JournalPosition& end);
-  /// Nobody has queued the document whom anything more is to be told of it.
-  void forgetOwner(const std::string& key);
+  /// Nobody has queued the document that ends there whom anything more is to be told of it.
+  void forgetOwner(const std::string& key, const JournalPosition& end);
   /// Whoever queued the document last; empty if nobody did under a name.
   std::string ownerOf(const std::string& key) const;
   /// A document and the client that has queued it.
@@ -153,6 +160,7 @@ class ParseOutcomes {
   };
   using Clients = std::unordered_map<std::string, Client>;
 
+  bool pushOne(ParseOutcome outcome, const std::string& client);
   bool pushFor(const std::string& client, ParseOutcome outcome);
   void append(Queue& queue, ParseOutcome outcome);
   void dropOldest(Queue& queue);

@@ -29,9 +29,15 @@ class ParseOutcomesTest : public ::testing::Test {
     return keys;
   }
 
-  void refuse(const std::string& key, const std::string& client) {
-    outcomes_.push({key, "ZVK0015E", "no"}, 0, client);
+  /// Afterwards the index has the documents of all owners.
+  void update(const ParseOutcomes::LeftOut& leftOut, const Keys& refused = {}) {
+    std::vector<ParseOutcome> outcomes;
+    for (const std::string& key : refused) outcomes.push_back({key, "ZVK0015E", "no"});
+    outcomes_.noteUpdate(leftOut, std::move(outcomes));
+    outcomes_.forgetOwnersUpTo({9, 0});
   }
+
+  void give() { outcomes_.noteGiven(outcomes_.leftOut()->update); }
 
   std::string leftOut() const {
     const auto found = outcomes_.leftOut();
@@ -78,9 +84,9 @@ TEST_F(ParseOutcomesTest, ClientIsToldItsOwnAndNobodyElseIs) {
 TEST_F(ParseOutcomesTest, WhatAnUpdateLeftOutStandsUntilAnOutcomeOfItIsTaken) {
   EXPECT_EQ(leftOut(), "");
   for (const char* client : {"", "ada"}) {
-    outcomes_.noteUpdate({2, 1, "k1"});
-    refuse("k1", client);
-    refuse("k2", "ben");
+    outcomes_.setOwner("k1", client, {1, 10});
+    outcomes_.setOwner("k2", "ben", {1, 20});
+    update({2, 1, "k1"}, {"k1", "k2"});
     push("k3", "eve");
     EXPECT_THAT(take("eve"), ElementsAre("k3"));
     EXPECT_THAT(take("nobody"), IsEmpty());
@@ -92,35 +98,58 @@ TEST_F(ParseOutcomesTest, WhatAnUpdateLeftOutStandsUntilAnOutcomeOfItIsTaken) {
     EXPECT_THAT(take("ben"), ElementsAre("k2"));
   }
   EXPECT_TRUE(outcomes_.empty());
-  outcomes_.noteUpdate({1, 1, "k1"});
+  update({1, 1, "k1"});
   EXPECT_FALSE(outcomes_.empty());
 }
 
 TEST_F(ParseOutcomesTest, NextUpdateReplacesWhatSomebodyWasGiven) {
-  outcomes_.noteUpdate({1, 1, "k1"});
-  refuse("k1", "ada");
-  outcomes_.noteGiven();
-  outcomes_.noteUpdate({1, 1, "k2"});
-  refuse("k2", "ben");
+  outcomes_.setOwner("k1", "ada", {1, 10});
+  update({1, 1, "k1"}, {"k1"});
+  give();
+  outcomes_.setOwner("k2", "ben", {1, 10});
+  update({1, 1, "k2"}, {"k2"});
   EXPECT_THAT(take("ada"), ElementsAre("k1"));
   EXPECT_EQ(leftOut(), "1 k2") << "an outcome of an earlier one says nothing of it";
-  outcomes_.noteGiven();
-  outcomes_.noteUpdate({});
+  give();
+  update({});
   EXPECT_EQ(leftOut(), "");
 }
 
 TEST_F(ParseOutcomesTest, WhatNobodyWasGivenIsKeptThroughFurtherUpdates) {
-  outcomes_.noteUpdate({1, 1, "k1"});
-  refuse("k1", "ada");
-  outcomes_.noteUpdate({});
+  outcomes_.setOwner("k1", "ada", {1, 10});
+  update({1, 1, "k1"}, {"k1"});
+  update({});
   EXPECT_EQ(leftOut(), "1 k1");
-  outcomes_.noteUpdate({4, 3, "k2, k3, k4"});
-  refuse("k2", "ben");
+  outcomes_.setOwner("k2", "ben", {1, 10});
+  update({4, 3, "k2, k3, k4"}, {"k2"});
   EXPECT_EQ(leftOut(), "5 k1");
   EXPECT_THAT(take("ada"), ElementsAre("k1"));
   EXPECT_EQ(leftOut(), "5 k1");
   EXPECT_THAT(take("ben"), ElementsAre("k2"));
   EXPECT_EQ(leftOut(), "");
+}
+
+TEST_F(ParseOutcomesTest, OutcomesOfAnUpdateAreTakenWithIt) {
+  update({2, 2, "k1, k2"}, {"k1", "k2"});
+  EXPECT_THAT(take(), ElementsAre("k1", "k2"));
+  EXPECT_EQ(leftOut(), "");
+}
+
+TEST_F(ParseOutcomesTest, WhatIsNotedMeanwhileHasNotBeenGiven) {
+  update({1, 1, "k1"});
+  const std::uint64_t first = outcomes_.leftOut()->update;
+  update({1, 1, "k2"});
+  outcomes_.noteGiven(first);
+  update({});
+  EXPECT_EQ(leftOut(), "2 k1");
+}
+
+// The outcome of the other one is lost.
+TEST_F(ParseOutcomesTest, WhatAnUpdateLeftOutStandsWhereAnOutcomeOfItWasDropped) {
+  update({2, 2, "k1, k2"}, {"k1", "k2"});
+  for (int i = 0; i < 5; ++i) push(std::to_string(i));
+  EXPECT_EQ(take().size(), 5U);
+  EXPECT_EQ(leftOut(), "2 k1, k2");
 }
 
 TEST_F(ParseOutcomesTest, WhatCouldNotBeToldIsToldFirstTheNextTime) {
@@ -185,10 +214,19 @@ TEST_F(ParseOutcomesTest, OwnersAreKnownUntilTheIndexHasTheirDocuments) {
 
 TEST_F(ParseOutcomesTest, DocumentThatIsQueuedWithoutANameHasNoOwner) {
   outcomes_.setOwner("k", "ada", {1, 10});
-  outcomes_.forgetOwner("k");
-  outcomes_.forgetOwner("k");
+  outcomes_.forgetOwner("k", {1, 20});
+  outcomes_.forgetOwner("k", {1, 30});
   EXPECT_EQ(outcomes_.ownerOf("k"), "");
   EXPECT_TRUE(outcomes_.empty());
+}
+
+// Those who send one come back from the journal in any order.
+TEST_F(ParseOutcomesTest, OwnerOfALaterVersionStays) {
+  outcomes_.setOwner("k", "ben", {1, 20});
+  outcomes_.forgetOwner("k", {1, 10});
+  EXPECT_EQ(outcomes_.ownerOf("k"), "ben");
+  outcomes_.setOwner("k", "ada", {1, 10});
+  EXPECT_EQ(outcomes_.ownerOf("k"), "ben");
 }
 
 TEST_F(ParseOutcomesTest, DocumentsOfAPartOfTheJournalAreTakenOnceInTheirOrder) {
@@ -265,13 +303,12 @@ TEST_F(OutcomesInABudgetTest, MemoryCountsUntilTheyAreTold) {
 }
 
 TEST_F(OutcomesInABudgetTest, WhatAnUpdateLeftOutTakesMemoryUntilItIsTold) {
-  outcomes_.noteUpdate({1, 1, std::string(10000, 'x')});
+  outcomes_.noteUpdate({1, 1, std::string(10000, 'x')}, {});
   EXPECT_GT(budget_->used(), 10000U);
-  outcomes_.noteGiven();
-  outcomes_.noteUpdate({});
+  outcomes_.noteGiven(outcomes_.leftOut()->update);
+  outcomes_.noteUpdate({}, {});
   EXPECT_EQ(budget_->used(), 0U);
-  outcomes_.noteUpdate({1, 1, std::string(10000, 'x')});
-  outcomes_.push({key(1), "ZVK0015E", {}}, 0);
+  outcomes_.noteUpdate({1, 1, std::string(10000, 'x')}, {{key(1), "ZVK0015E", {}}});
   outcomes_.putBack(outcomes_.take());
   EXPECT_GT(budget_->used(), 10000U);
   outcomes_.take();

@@ -1,3 +1,4 @@
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <xapian.h>
@@ -25,6 +26,7 @@
 #include "server/store/localStore.h"
 #include "tests/server/logLines.h"
 #include "tests/server/store/descriptorLimit.h"
+#include "tests/server/store/failingSync.h"
 #include "tests/server/store/fileSizeLimit.h"
 #include "tests/server/store/slowCollection.h"
 #include "tests/support/temporaryDirectory.h"
@@ -411,6 +413,54 @@ TEST_F(RefreshStepsTest, WhoeverSentABatchOfWhichTheIndexRefusesADocumentIsTold)
   EXPECT_NO_THROW(collection_->requestUpdate()->requireSuccess()) << "whoever waited has been told";
 }
 
+// It is in the journal before the update is at its end.
+TEST_F(RefreshStepsTest, WhoeverComesWhileAnUpdateBeginsIsToldOfARefusal) {
+  create(kImmediate);
+  const Document refused{kRefusedKey, {}, "fox"};
+  const std::vector<std::function<std::shared_ptr<Ticket>()>> changes{
+      [&] { return collection_->add(refused); },
+      [&] { return collection_->apply(batchOf("b", {refused})).ticket; }};
+  for (const auto& change : changes) {
+    const auto before = collection_->add({"k1", {}, "fox"});
+    collection_->requestUpdate();
+    std::shared_ptr<Ticket> ticket;
+    std::thread indexer;
+    {
+      const std::uint64_t segment = collection_->journalExtent().segments.back().number;
+      const test::SlowSync slow(fmt::format("journal-{:010}", segment));
+      indexer = std::thread([&] { index(); });
+      slow.await();
+      ticket = change();
+    }
+    indexer.join();
+    EXPECT_NO_THROW(before->requireSuccess());
+    ASSERT_TRUE(ticket && ticket->isDone());
+    EXPECT_THROW(ticket->requireSuccess(), ServerError);
+  }
+}
+
+TEST_F(RefreshStepsTest, UpdateNamesWhatWasLeftOutAsSoonAsItFindsNothingToDo) {
+  create(kImmediate);
+  collection_->queue({kRefusedKey, {}, "fox"}, "ada");
+  const auto bad = collection_->add({'b' + kRefusedKey, {}, "fox"});
+  std::shared_ptr<Ticket> update;
+  bad->whenDone([&] { update = collection_->requestUpdate(); });
+  index();
+  ASSERT_TRUE(update && update->isDone());
+  EXPECT_THROW(update->requireSuccess(), ServerError);
+}
+
+// Whoever asked for it gets it, and the front writes that to the log.
+TEST_F(RefreshStepsTest, RefusalThatIsTheReplyToAnUpdateIsNoLineOfTheLog) {
+  create(every(std::chrono::hours(1)));
+  const test::LogLines log;
+  collection_->queue({kRefusedKey, {}, "fox"}, "ada");
+  const auto update = collection_->requestUpdate();
+  index();
+  EXPECT_THROW(update->requireSuccess(), ServerError);
+  EXPECT_TRUE(log.with("action=\"refresh\"").empty());
+}
+
 TEST_F(RefreshStepsTest, RefusalThatNobodyWaitsForIsALineOfTheLog) {
   for (const Refresh& refresh : {kImmediate, every(std::chrono::milliseconds(1)), Refresh{}}) {
     const tq::test::TemporaryDirectory directory;
@@ -419,7 +469,8 @@ TEST_F(RefreshStepsTest, RefusalThatNobodyWaitsForIsALineOfTheLog) {
     collection_.emplace("c", directory.path(), limits_, std::make_shared<ParseOutcomes>(10),
                         stopping_);
     collection_->queue({kRefusedKey, {}, "fox"}, "ada");
-    if (refresh.mode != Refresh::Mode::Immediate) collection_->requestUpdate();
+    if (refresh.mode == Refresh::Mode::Interval) collection_->refresh();
+    if (refresh.mode == Refresh::Mode::Manual) collection_->requestUpdate();
     index();
     const auto lines =
         log.with("error failure: action=\"refresh\" collection=\"c\" error=ZVK0015E");

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <spdlog/spdlog.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -225,6 +226,41 @@ TEST_P(ScarceMemoryTest, WhoeverWaitsBesideARequestWithoutMemoryIsAnswered) {
     failed = without(failing, false, [&] { store_->addDocument("i", document); });
   }
   EXPECT_GT(failing, 10);
+}
+
+TEST_P(ScarceMemoryTest, WhoeverQueuedADocumentIsToldOfItsRefusalWhicheverAllocationFails) {
+  constexpr long kMostOfAnUpdate = 20000;
+  const std::filesystem::path directory = directory_.path() / "stepped";
+  std::filesystem::create_directory(directory);
+  Collection::create(directory, {"en", {}}, {});
+  const std::atomic<bool> stopping = false;
+  Collection collection("c", directory, {}, std::make_shared<ParseOutcomes>(10), stopping);
+  const auto update = [&] {
+    while (collection.indexStep()) {
+    }
+  };
+  long failing = 1;
+  for (bool failed = true; failed; ++failing) {
+    ASSERT_LT(failing, kMostOfAnUpdate);
+    // Longer than a term can be.
+    const std::string key = std::string(300, 'a') + std::to_string(failing);
+    collection.queue({key, {}, "fox"}, "ada");
+    collection.takeOutcomes("ada");
+    collection.requestUpdate();
+    ASSERT_TRUE(collection.takeOnIndexing());
+    bool ended = false;
+    failed = without(failing, GetParam(), [&] {
+      update();
+      ended = true;
+    });
+    if (!ended) collection.giveUpIndexing();
+    collection.requestUpdate();
+    if (collection.takeOnIndexing()) update();
+    std::vector<ParseOutcome> outcomes = collection.takeOutcomes("ada");
+    ASSERT_FALSE(outcomes.empty()) << failing;
+    for (const ParseOutcome& outcome : outcomes) EXPECT_EQ(outcome.key, key) << failing;
+  }
+  EXPECT_GT(failing, 100);
 }
 
 // What is known of keys that wait is complete, whatever could not be noted of them.
