@@ -527,11 +527,11 @@ bool Connection::takePlace(Workload workload) {
     return true;
   }
   waitWithoutWorker(workload, [&](std::function<void()> goOn) {
-    context_.placesToLookUp().await(
-        collection, [self = shared_from_this(), goOn = std::move(goOn)](FairPlaces::Place place) {
-          self->place_.emplace(std::move(place));
-          goOn();
-        });
+    context_.placesToLookUp().await(collection, [self = shared_from_this(), goOn = std::move(goOn)](
+                                                    FairPlaces::Place place) mutable {
+      std::exchange(self, nullptr)->place_.emplace(std::move(place));
+      goOn();
+    });
   });
   return false;
 }
@@ -555,7 +555,7 @@ void Connection::waitWithoutWorker(Workload workload, const Wait& wait) {
   context_.requestWaits();
   waits_ = true;
   try {
-    wait([self = shared_from_this(), workload] { self->goOn(workload); });
+    wait([self = shared_from_this(), workload]() mutable { goOn(std::move(self), workload); });
   } catch (...) {
     // Whoever was to call it may have done so all the same.
     if (!waits_.exchange(false)) return;
@@ -564,11 +564,15 @@ void Connection::waitWithoutWorker(Workload workload, const Wait& wait) {
   }
 }
 
-void Connection::goOn(Workload workload) {
-  if (!waits_.exchange(false)) return;
-  handOver_.post(context_.workers(workload),
-                 [self = shared_from_this(), workload] { self->work(workload); });
-  context_.requestGoesOn();
+// Whoever calls it must not be the last to have the connection: once no request waits any more the
+// server may end, and with it what a connection gives back.
+void Connection::goOn(std::shared_ptr<Connection> self, Workload workload) {
+  if (!self || !self->waits_.exchange(false)) return;
+  ConnectionContext& context = self->context_;
+  const HandOver handOver = self->handOver_;
+  handOver.post(context.workers(workload),
+                [self = std::move(self), workload] { self->work(workload); });
+  context.requestGoesOn();
 }
 
 // False if the reply has to wait for something that others do.

@@ -153,7 +153,7 @@ class Connection : public std::enable_shared_from_this<Connection>, private Admi
   void reserveForDefaults();
   template <typename Wait>
   void waitWithoutWorker(Workload workload, const Wait& wait);
-  void goOn(Workload workload);
+  static void goOn(std::shared_ptr<Connection> self, Workload workload);
   bool carryOut();
   void awaitEnd(Workload workload);
   bool fillOutput();
