@@ -1,6 +1,7 @@
 #pragma once
 
-#include <stdexcept>
+#include <exception>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -46,13 +47,22 @@ enum class ErrorKind {
 std::string_view messageId(ErrorKind kind);
 
 /// A request that cannot be served. what() is one line of text for a person.
-class ServerError : public std::runtime_error {
+/// Copies share the text, also between threads, and take no memory.
+class ServerError : public std::exception {
  public:
-  ServerError(ErrorKind kind, const std::string& text) : std::runtime_error(text), kind_(kind) {}
+  ServerError(ErrorKind kind, const std::string& text)
+      : kind_(kind), text_(std::make_shared<const std::string>(text)) {}
+  // To move it would leave one without a text.
+  ServerError(const ServerError&) = default;
+  ServerError& operator=(const ServerError&) = default;
+  ~ServerError() override = default;
+
   ErrorKind kind() const { return kind_; }
+  const char* what() const noexcept override { return text_->c_str(); }
 
  private:
   ErrorKind kind_;
+  std::shared_ptr<const std::string> text_;
 };
 
 /// Quotes text from outside for an error message: one printable line, at most `limit` bytes, cut

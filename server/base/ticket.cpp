@@ -3,7 +3,6 @@
 #include <spdlog/spdlog.h>
 
 #include <exception>
-#include <new>
 #include <utility>
 
 #include "server/base/errors.h"
@@ -37,24 +36,13 @@ bool Ticket::isDone() const {
   return done_;
 }
 
-// A copy shares its text with the original, which ends on this thread, and counts who has it in a
-// library that no sanitizer looks into. It takes no memory, though, of which there may be none:
-// that may be the failure.
-void Ticket::keep(const std::optional<ServerError>& failure) noexcept {
-  if (!failure) return;
-  try {
-    failure_.emplace(failure->kind(), failure->what());
-  } catch (const std::bad_alloc&) {
-    failure_ = failure;
-  }
-}
-
 void Ticket::finish(const std::optional<ServerError>& failure) noexcept {
   std::vector<std::function<void()>> calls;
   {
     const std::lock_guard lock(mutex_);
     done_ = true;
-    keep(failure);
+    // A copy takes no memory, of which there may be none: that may be the failure.
+    failure_ = failure;
     calls.swap(calls_);
     ended_.notify_all();
   }

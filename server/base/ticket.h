@@ -31,8 +31,6 @@ class Ticket {
   void finish(const std::optional<ServerError>& failure = std::nullopt) noexcept;
 
  private:
-  void keep(const std::optional<ServerError>& failure) noexcept;
-
   std::atomic<bool> expected_ = false;
   mutable std::mutex mutex_;
   std::condition_variable ended_;
