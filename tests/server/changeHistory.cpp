@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <exception>
 #include <ostream>
 #include <sstream>
 #include <stdexcept>
@@ -86,7 +87,7 @@ Words searchableIn(Subject& subject, const std::string& collection,
   for (int again = subject.refreshesByItself(collection) ? 100 : 0;; --again) {
     try {
       return documentsIn(subject, collection, words);
-    } catch (const std::runtime_error&) {
+    } catch (const std::exception&) {
       if (again == 0) throw;
     }
   }
