@@ -201,8 +201,7 @@ std::optional<Keys> keysIn(corvaned::LocalStore& store, const std::string& name,
                            bool understood) {
   SearchQuery query;
   query.text = text;
-  const auto found =
-      unlessRefused<Keys>(understood, [&] { return keysOf(*store.search(name, query)); });
+  auto found = unlessRefused<Keys>(understood, [&] { return keysOf(*store.search(name, query)); });
   const auto count =
       unlessRefused<std::uint64_t>(understood, [&] { return store.count(name, query); });
   const auto estimate =

@@ -174,7 +174,7 @@ void Collection::setDocumentDefaults(const DocumentReading& defaults) {
 
 std::shared_ptr<Ticket> Collection::add(const Document& document) {
   checkSize(document);
-  const std::shared_ptr<Ticket> ticket = ticketOfChange();
+  std::shared_ptr<Ticket> ticket = ticketOfChange();
   const Journal::Place place = append({ChangeKind::Put, document}, ticket);
   outcomes_->forgetOwner(document.key, place.end);
   requestEarly(place);
@@ -215,7 +215,7 @@ void Collection::reportOutcome(ParseOutcome outcome, const std::string& client) 
 
 std::shared_ptr<Ticket> Collection::remove(const std::string& key, bool mustExist) {
   const Change change{ChangeKind::Remove, {key, {}, {}}};
-  const std::shared_ptr<Ticket> ticket = ticketOfChange();
+  std::shared_ptr<Ticket> ticket = ticketOfChange();
   const Journal::Place place = mustExist ? appendIfThere(change, ticket) : append(change, ticket);
   hide(place.end, key);
   if (ticket) return ticket;
@@ -228,7 +228,7 @@ Collection::Applied Collection::apply(Batch batch) {
   entry->name = batch.name;
   entry->digest = batch.digest.empty() ? digestOf(batch.changes) : batch.digest;
   entry->changes = std::move(batch.changes);
-  const std::shared_ptr<Ticket> ticket = ticketOfChange();
+  std::shared_ptr<Ticket> ticket = ticketOfChange();
   Journal::Place place;
   BatchOutcome outcome;
   {
