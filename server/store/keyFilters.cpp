@@ -26,12 +26,9 @@ Xapian::Query inRange(const Xapian::Query& query, const std::string& after,
 
 Xapian::Query amongKeys(const Xapian::Query& query, const std::vector<std::string>& keys) {
   if (query.empty() || keys.empty()) return query;
-  std::vector<Xapian::Query> terms;
-  terms.reserve(keys.size());
   // In the order of the index, neighbours share what has been read of it.
-  std::set<std::string> sorted;
-  for (const std::string& key : keys) sorted.insert(identityTerm(key));
-  for (const std::string& term : sorted) terms.emplace_back(term);
+  std::set<std::string> terms;
+  for (const std::string& key : keys) terms.insert(identityTerm(key));
   return {Xapian::Query::OP_FILTER, query,
           Xapian::Query(Xapian::Query::OP_OR, terms.begin(), terms.end())};
 }
