@@ -439,7 +439,7 @@ TEST_F(RefreshStepsTest, WhoeverComesWhileAnUpdateBeginsIsToldOfARefusal) {
   }
 }
 
-TEST_F(RefreshStepsTest, UpdateNamesWhatWasLeftOutAsSoonAsItFindsNothingToDo) {
+TEST_F(RefreshStepsTest, UpdateNamesWhatWasLeftOutAsSoonAsAnybodyIsTold) {
   create(kImmediate);
   collection_->queue({kRefusedKey, {}, "fox"}, "ada");
   const auto bad = collection_->add({'b' + kRefusedKey, {}, "fox"});
