@@ -51,15 +51,7 @@ struct CFace : testing::TestWithParam<bool> {
     ASSERT_NE(client, nullptr);
   }
 
-  /// A peer that gives these answers in turn, then waits for the close.
-  Script answers(const std::vector<std::string>& texts) const {
-    Script script;
-    for (const auto& text : texts) {
-      replies.expect(script);
-      if (!text.empty()) script.send(text);
-    }
-    return script.awaitClose();
-  }
+  Script answers(const std::vector<std::string>& texts) const { return replies.answers(texts); }
 
   /// A search's reply that stops after its first hit until the network releases it.
   Script twoHitsWithAStallBetween() const {

@@ -18,6 +18,16 @@ class Replies {
     return binary_ ? script.expectFramedRequest() : script.expectRequest();
   }
 
+  /// A peer that gives these answers in turn, none where one is empty, then waits for the close.
+  Script answers(const std::vector<std::string>& texts) const {
+    Script script;
+    for (const auto& text : texts) {
+      expect(script);
+      if (!text.empty()) script.send(text);
+    }
+    return script.awaitClose();
+  }
+
   std::string done() const { return binary_ ? word16(1) : http(200, ""); }
 
   std::string refusal(const std::string& id, const std::string& text) const {
