@@ -22,6 +22,8 @@
 #include "bench/load/corpus.h"
 #include "bench/load/latencies.h"
 #include "bench/measure.h"
+#include "server/base/requestContext.h"
+#include "server/store/interruption.h"
 
 namespace {
 
@@ -60,45 +62,6 @@ void fill(const Options& options, const Corpus& corpus, Latencies&) {
   database.commit();
 }
 
-/// Is asked about every document that may be a hit, and finds all of them.
-class AskedOfEach : public Xapian::PostingSource {
- public:
-  Xapian::doccount get_termfreq_min() const override { return documents_; }
-  Xapian::doccount get_termfreq_est() const override { return documents_; }
-  Xapian::doccount get_termfreq_max() const override { return documents_; }
-
-  void init(const Xapian::Database& database) override {
-    documents_ = database.get_doccount();
-    next_ = database.postlist_begin("");
-    end_ = database.postlist_end("");
-    document_ = 0;
-    atEnd_ = false;
-  }
-  void next(double) override { moveTo(document_ + 1); }
-  void skip_to(Xapian::docid document, double) override {
-    if (document > document_) moveTo(document);
-  }
-  bool check(Xapian::docid document, double) override {
-    document_ = document;
-    return true;
-  }
-  bool at_end() const override { return atEnd_; }
-  Xapian::docid get_docid() const override { return document_; }
-
- private:
-  void moveTo(Xapian::docid least) {
-    if (next_ != end_) next_.skip_to(least);
-    atEnd_ = next_ == end_;
-    if (!atEnd_) document_ = *next_;
-  }
-
-  Xapian::doccount documents_ = 0;
-  Xapian::PostingIterator next_;
-  Xapian::PostingIterator end_;
-  Xapian::docid document_ = 0;
-  bool atEnd_ = false;
-};
-
 /// What the server has beyond the engine's default.
 struct Additions {
   const char* name;
@@ -110,12 +73,11 @@ void searchOnce(Xapian::Database& database, Xapian::QueryParser& parser, const s
                 const Additions& additions = {"search"}) {
   const unsigned flags = Xapian::QueryParser::FLAG_DEFAULT | Xapian::QueryParser::FLAG_WILDCARD;
   Xapian::Enquire enquire(database);
-  Xapian::Query parsed = parser.parse_query(query, flags);
-  std::optional<AskedOfEach> asked;
-  if (additions.canBeStopped) {
-    parsed = Xapian::Query(Xapian::Query::OP_FILTER, parsed, Xapian::Query(&asked.emplace()));
-  }
-  enquire.set_query(parsed);
+  corvaned::RequestContext request({});
+  std::optional<corvaned::RequestContext::Scope> served;
+  if (additions.canBeStopped) served.emplace(request);
+  const corvaned::Interruptible interruptible(parser.parse_query(query, flags));
+  enquire.set_query(interruptible.query());
   if (additions.orderOfEqualWeights) enquire.set_sort_by_relevance_then_value(kKeySlot, false);
   const Xapian::MSet hits = enquire.get_mset(0, kPage);
   for (auto hit = hits.begin(); hit != hits.end(); ++hit) {
