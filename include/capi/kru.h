@@ -334,7 +334,8 @@ typedef struct kru_outcome {
 
 /* Asks what became of the documents that were queued into the collection under the client's
    KRU_CLIENT_NAME or, without one, by whomever without one: each outcome is told once. Match them
-   by key. */
+   by key. What another client has queued under the same name may still be on its way to the
+   server, until that client has had an answer. */
 KRU_API int32_t kru_ask_outcomes(kru_client* client, const char* collection,
                                  uint32_t collection_length, const kru_limits* limits,
                                  kru_cursor** cursor, kru_error* error);
