@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -223,6 +224,22 @@ std::optional<Keys> keysIn(corvaned::LocalStore& store, const std::string& name,
   return found;
 }
 
+// A sign or an operator that is taken for a word would leave documents out of both, or in both. A
+// query without a word finds nothing, and so does its opposite.
+void checkOpposite(corvaned::LocalStore& store, const std::vector<Document>& documents,
+                   const std::string& text, const Keys& found) {
+  SearchQuery opposite;
+  opposite.text = "NOT (" + text + ")";
+  const auto others =
+      unlessRefused<Keys>(false, [&] { return keysOf(*store.search("whole", opposite)); });
+  if (!others || (found.empty() && others->empty())) return;
+  Keys all;
+  std::set_union(found.begin(), found.end(), others->begin(), others->end(),
+                 std::back_inserter(all));
+  require(all.size() == documents.size() && found.size() + others->size() == all.size(),
+          "a document is found by a query or by its opposite");
+}
+
 void check(const std::string& name, const std::string& text) {
   static const Collections collections;
   const auto& stores = collections.stores();
@@ -231,6 +248,8 @@ void check(const std::string& name, const std::string& text) {
   const auto inSeveral = keysIn(*stores.back(), name, documents, text, found.has_value());
   require(found || !inSeveral, "one database understands what several do");
   require(!inSeveral || *inSeveral == *found, "several databases have the same hits as one");
+  // Stop words alone are searched for, which are nothing beside other words.
+  if (found && name == "whole") checkOpposite(*stores.front(), documents, text, *found);
 }
 
 }  // namespace

@@ -11,6 +11,8 @@
 namespace corvaned {
 namespace {
 
+using Parser = Xapian::QueryParser;
+
 [[noreturn]] void refuse(const std::string& reason) {
   throw ServerError(ErrorKind::BadQuery, "the query cannot be understood: " + reason);
 }
@@ -31,7 +33,7 @@ void requireFewWords(const Xapian::Query& query, std::size_t most) {
 }
 
 // A longer word is in no document's index, whatever the documents contain.
-void requireIndexedWords(const Xapian::QueryParser& parser, const Xapian::Query& query) {
+void requireIndexedWords(const Parser& parser, const Xapian::Query& query) {
   constexpr std::size_t kShown = 20;
   for (auto term = query.get_terms_begin(); term != query.get_terms_end(); ++term) {
     for (auto form = parser.unstem_begin(*term); form != parser.unstem_end(*term); ++form) {
@@ -41,6 +43,45 @@ void requireIndexedWords(const Xapian::QueryParser& parser, const Xapian::Query&
                          shown(word, kShown), word.size(), kMaxWordBytes));
     }
   }
+}
+
+constexpr unsigned kSyntax =
+    Parser::FLAG_DEFAULT | Parser::FLAG_WILDCARD | Parser::FLAG_PURE_NOT | Parser::FLAG_CJK_NGRAM;
+
+// What the parser falls back to, silently, where it cannot read a query: all operators and signs
+// are words then, and "-fox" finds the documents with it.
+constexpr unsigned kWordsAlone = Parser::FLAG_CJK_NGRAM;
+
+std::string textFor(const std::string& normal) {
+  return searchableQuery(lowerQueryWords(withBrackets(normal)));
+}
+
+bool isUnderstood(Parser& parser, const std::string& query) {
+  const std::string text = textFor(query);
+  try {
+    return parser.parse_query(text, kSyntax).get_description() !=
+           parser.parse_query(text, kWordsAlone).get_description();
+  } catch (const Xapian::QueryParserError&) {
+    return false;
+  }
+}
+
+// The parser loses the memory of a distance, or of several words that belong together, where it
+// cannot read them: it is asked about both before it meets them in the whole query.
+void requireUnderstood(const std::string& normal, const IndexNames& names) {
+  if (!mayHaveOperators(normal)) return;
+  Parser parser;
+  parser.set_default_op(Xapian::Query::OP_AND);
+  names.registerAt(parser);
+  const auto understood = [&parser](const std::string& query) {
+    return isUnderstood(parser, query);
+  };
+  const std::string wrongNearness = wrongNearnessIn(normal, understood);
+  if (!wrongNearness.empty()) refuse(wrongNearness);
+  if (understood(withoutDistances(normal))) return;
+  std::string place = lonelyOperatorIn(normal);
+  if (place.empty()) place = misunderstoodIn(normal, understood);
+  if (!place.empty()) refuse(place);
 }
 
 }  // namespace
@@ -53,11 +94,10 @@ Xapian::Query QueryReader::read(const std::string& text) const {
                       fmt::format("the query has {} bytes, more than the {} allowed", text.size(),
                                   limits_.queryBytes));
   }
-  const std::string normal = normalizeText(text);
+  const std::string normal = normalizeQuery(text);
   requireBalanced(normal);
   if (!analysis_.options().keepsPositions) requireNoPositions(normal);
-  const std::string wrongNearness = wrongNearnessIn(normal);
-  if (!wrongNearness.empty()) refuse(wrongNearness);
+  requireUnderstood(normal, names_);
   Xapian::Query own = inLanguage(normal, analysis_.stemmer());
   if (own.empty() || names_.languages().empty()) return own;
   std::vector<Xapian::Query> alternatives;
@@ -76,10 +116,10 @@ Xapian::Query QueryReader::inLanguage(const std::string& normal,
                                       const Xapian::Stem& stemmer) const {
   Xapian::SimpleStopper stopper;
   for (const std::string& word : analysis_.options().stopWords) stopper.add(lowerText(word));
-  Xapian::QueryParser parser;
+  Parser parser;
   parser.set_database(database_);
   parser.set_stemmer(stemmer);
-  parser.set_stemming_strategy(Xapian::QueryParser::STEM_SOME);
+  parser.set_stemming_strategy(Parser::STEM_SOME);
   parser.set_default_op(Xapian::Query::OP_AND);
   parser.set_max_expansion(static_cast<Xapian::termcount>(limits_.expansion),
                            Xapian::Query::WILDCARD_LIMIT_ERROR);
@@ -94,19 +134,16 @@ Xapian::Query QueryReader::inLanguage(const std::string& normal,
   return query;
 }
 
-Xapian::Query QueryReader::parsed(Xapian::QueryParser& parser, const std::string& normal) const {
-  using Parser = Xapian::QueryParser;
-  unsigned flags =
-      Parser::FLAG_DEFAULT | Parser::FLAG_WILDCARD | Parser::FLAG_PURE_NOT | Parser::FLAG_CJK_NGRAM;
+Xapian::Query QueryReader::parsed(Parser& parser, const std::string& normal) const {
+  unsigned flags = kSyntax;
   if (!analysis_.options().keepsPositions) flags |= Parser::FLAG_NO_POSITIONS;
   try {
-    Xapian::Query query = parser.parse_query(searchableQuery(lowerQueryWords(normal)), flags);
+    Xapian::Query query = parser.parse_query(textFor(normal), flags);
     requireFewWords(query, limits_.queryTerms);
     requireIndexedWords(parser, query);
     return query;
   } catch (const Xapian::QueryParserError& error) {
-    const std::string place = lonelyOperatorIn(normal);
-    refuse(place.empty() ? error.get_msg() : place);
+    refuse(error.get_msg());
   }
 }
 

@@ -5,6 +5,7 @@
 #include <unicode/normalizer2.h>
 #include <unicode/uchar.h>
 #include <unicode/unistr.h>
+#include <unicode/uscript.h>
 #include <unicode/ustring.h>
 
 #include <algorithm>
@@ -15,6 +16,8 @@
 
 namespace corvaned {
 namespace {
+
+constexpr char16_t kMinus = u'-';
 
 bool isAscii(std::string_view text) {
   return std::all_of(text.begin(), text.end(),
@@ -34,8 +37,7 @@ void appendLower(std::string& out, std::string_view word) {
       .toUTF8String(out);
 }
 
-// As the query parser knows them: an opening one may be closed by another.
-bool isQuotationMark(UChar32 c) { return c == u'"' || c == u'\u201c' || c == u'\u201d'; }
+bool isQuotationMark(UChar32 c) { return c == u'"'; }
 
 [[noreturn]] void unbalanced(std::string_view what, std::int32_t position, const char* lack) {
   throw ServerError(ErrorKind::BadQuery,
@@ -54,9 +56,13 @@ struct QueryPiece {
   bool isNot() const { return kind == Kind::Operator && text == u"NOT"; }
 };
 
-std::string placeOf(const QueryPiece& piece) {
+std::string utf8(const QueryPiece& piece) {
   std::string text;
-  return fmt::format("the \"{}\" at character {}", piece.text.toUTF8String(text), piece.position);
+  return piece.text.toUTF8String(text);
+}
+
+std::string placeOf(const QueryPiece& piece) {
+  return fmt::format("the \"{}\" at character {}", utf8(piece), piece.position);
 }
 
 bool joinsTwoSides(const icu::UnicodeString& word) {
@@ -79,7 +85,7 @@ std::vector<QueryPiece> piecesOf(const icu::UnicodeString& query) {
       continue;
     }
     const bool bracket = c == u'(' || c == u')';
-    if (!inWord || bracket) pieces.push_back({Kind::Operand, {}, position});
+    if (!inWord || bracket || mark) pieces.push_back({Kind::Operand, {}, position});
     if (bracket) pieces.back().kind = c == u'(' ? Kind::Open : Kind::Close;
     pieces.back().text.append(c);
     inWord = !bracket && !mark;
@@ -142,6 +148,42 @@ bool isOneWord(const QueryPiece& piece) {
   const icu::UnicodeString& text = piece.text;
   return piece.kind == QueryPiece::Kind::Operand && !joinsTwoWords(text) &&
          !isQuotationMark(text.char32At(0)) && !text.endsWith(u"*", 1);
+}
+
+// Of a text in these scripts the query parser makes several words.
+bool isCjk(UChar32 c) {
+  constexpr std::array kScripts{USCRIPT_HAN, USCRIPT_HIRAGANA, USCRIPT_KATAKANA, USCRIPT_HANGUL,
+                                USCRIPT_BOPOMOFO};
+  return std::any_of(kScripts.begin(), kScripts.end(),
+                     [c](UScriptCode script) { return uscript_hasScript(c, script) != 0; });
+}
+
+bool hasCjk(const icu::UnicodeString& text) {
+  for (std::int32_t i = 0; i < text.length(); i = text.moveIndex32(i, 1)) {
+    if (isCjk(text.char32At(i))) return true;
+  }
+  return false;
+}
+
+// Of a piece, counted as its position is.
+std::int32_t endOf(const QueryPiece& piece) { return piece.position + piece.text.countChar32(); }
+
+std::int32_t signsOf(const QueryPiece& piece) {
+  std::int32_t count = 0;
+  while (piece.text.charAt(count) == u'+' || piece.text.charAt(count) == kMinus) ++count;
+  return count;
+}
+
+enum class Side { Before, Behind };
+
+std::string noWordAt(const QueryPiece& nearness, Side side) {
+  return fmt::format("{} has no word {} it", placeOf(nearness),
+                     side == Side::Before ? "before" : "behind");
+}
+
+std::string withoutMinus(const QueryPiece& piece) {
+  const std::string text = utf8(piece);
+  return text.substr(text.starts_with('-') ? 1 : 0);
 }
 
 [[noreturn]] void failed(UErrorCode code) {
@@ -211,17 +253,35 @@ std::string lowerText(std::string_view text) {
   return result;
 }
 
+std::string normalizeQuery(std::string_view text) {
+  auto query = icu::UnicodeString::fromUTF8(normalizeText(text));
+  for (const char16_t* mark : {u"\u201c", u"\u201d"}) query.findAndReplace(mark, u"\"");
+  std::string result;
+  return query.toUTF8String(result);
+}
+
 std::string lowerQueryWords(const std::string& query) {
+  constexpr std::string_view kAroundOperators = " \t\r\n()\"";
   constexpr std::string_view kSeparators = " \t\r\n()\"+-";
   std::string result;
   std::string_view rest = query;
+  char before = ' ';
   while (!rest.empty()) {
     const std::size_t end = std::min(rest.find_first_of(kSeparators), rest.size());
     const std::string_view word = rest.substr(0, end);
-    const std::size_t field = isOperator(word) ? word.size() : word.rfind(':') + 1;
+    const std::string_view behind = rest.substr(end, 1);
+    // The parser would take the "NOT" of "NOT-word" for one.
+    const bool isAlone =
+        kAroundOperators.find(before) != std::string_view::npos &&
+        (behind.empty() || kAroundOperators.find(behind) != std::string_view::npos);
+    const bool joins = isAlone && isOperator(word);
+    const std::size_t field = joins ? word.size() : word.rfind(':') + 1;
     result += word.substr(0, field);
     appendLower(result, word.substr(field));
-    result += rest.substr(end, 1);
+    // The parser wants a blank or a bracket behind an operator.
+    if (joins && behind == "\"") result += ' ';
+    result += behind;
+    if (!behind.empty()) before = behind.front();
     rest.remove_prefix(std::min(end + 1, rest.size()));
   }
   return result;
@@ -265,18 +325,95 @@ std::string lonelyOperatorIn(const std::string& query) {
   return {};
 }
 
-std::string wrongNearnessIn(const std::string& query) {
+std::string wrongNearnessIn(const std::string& query, const IsUnderstood& isUnderstood) {
   const std::vector<QueryPiece> pieces = piecesOf(icu::UnicodeString::fromUTF8(query));
   for (std::size_t i = 0; i < pieces.size(); ++i) {
     if (!joinsTwoWords(pieces[i].text)) continue;
     if (!hasDistance(pieces[i].text)) {
       return placeOf(pieces[i]) + " needs a number from 1 to 9999 behind the \"/\"";
     }
-    const bool begins = i == 0 || !isOneWord(pieces[i - 1]);
-    if (!begins && i + 1 < pieces.size() && isOneWord(pieces[i + 1])) continue;
-    return fmt::format("{} has no word {} it", placeOf(pieces[i]), begins ? "before" : "behind");
+    if (i == 0 || !isOneWord(pieces[i - 1]) ||
+        !isUnderstood(withoutMinus(pieces[i - 1]) + " NEAR x")) {
+      return noWordAt(pieces[i], Side::Before);
+    }
+    if (i + 1 == pieces.size() || !isOneWord(pieces[i + 1]) ||
+        !isUnderstood("x NEAR " + utf8(pieces[i + 1]))) {
+      return noWordAt(pieces[i], Side::Behind);
+    }
   }
   return {};
+}
+
+std::string withBrackets(const std::string& query) {
+  const auto text = icu::UnicodeString::fromUTF8(query);
+  const std::vector<QueryPiece> pieces = piecesOf(text);
+  icu::UnicodeString out;
+  std::int32_t index = 0;
+  std::int32_t position = 1;
+  const auto copyTo = [&](std::int32_t end) {
+    const std::int32_t begin = index;
+    index = text.moveIndex32(index, end - position);
+    position = end;
+    out.append(text, begin, index - begin);
+  };
+  for (std::size_t i = 0; i < pieces.size(); ++i) {
+    if (pieces[i].kind != QueryPiece::Kind::Operand) continue;
+    const std::size_t first = i;
+    while (i + 2 < pieces.size() && joinsTwoWords(pieces[i + 1].text)) i += 2;
+    if (i == first && !hasCjk(pieces[i].text)) continue;
+    copyTo(pieces[first].position + signsOf(pieces[first]));
+    out.append(u'(');
+    copyTo(endOf(pieces[i]));
+    out.append(u')');
+  }
+  out.append(text, index, text.length() - index);
+  std::string result;
+  return out.toUTF8String(result);
+}
+
+bool mayHaveOperators(const std::string& query) {
+  const auto text = icu::UnicodeString::fromUTF8(query);
+  if (text.indexOf(kMinus) >= 0) return true;
+  const std::vector<QueryPiece> pieces = piecesOf(text);
+  return std::any_of(pieces.begin(), pieces.end(), [](const QueryPiece& piece) {
+    return piece.kind == QueryPiece::Kind::Operator || joinsTwoWords(piece.text);
+  });
+}
+
+std::string withoutDistances(const std::string& query) {
+  std::string result;
+  for (std::size_t i = 0; i < query.size();) {
+    const bool hasDistance =
+        query[i] == '/' && (result.ends_with("NEAR") || result.ends_with("ADJ"));
+    const std::size_t end = query.find_first_not_of("0123456789", i + 1);
+    if (hasDistance && end != i + 1) {
+      i = std::min(end, query.size());
+    } else {
+      result += query[i++];
+    }
+  }
+  return result;
+}
+
+std::string misunderstoodIn(const std::string& query, const IsUnderstood& isUnderstood) {
+  using Kind = QueryPiece::Kind;
+  const std::vector<QueryPiece> pieces = piecesOf(icu::UnicodeString::fromUTF8(query));
+  for (std::size_t i = 0; i < pieces.size(); ++i) {
+    if (!pieces[i].text.startsWith(kMinus)) continue;
+    const bool begins =
+        i == 0 || pieces[i - 1].kind == Kind::Open || pieces[i - 1].kind == Kind::Operator;
+    const bool isBeforeGroup = pieces[i].text.length() == 1 && i + 1 < pieces.size() &&
+                               pieces[i + 1].position == pieces[i].position + 1;
+    if (begins && (isBeforeGroup || isUnderstood("x " + utf8(pieces[i])))) {
+      return placeOf(pieces[i]) +
+             " leaves something out only beside a word that must occur; for "
+             "all other documents write NOT";
+    }
+  }
+  const auto joining = std::find_if(pieces.begin(), pieces.end(), [](const QueryPiece& piece) {
+    return piece.kind == Kind::Operator || joinsTwoWords(piece.text);
+  });
+  return joining == pieces.end() ? std::string() : placeOf(*joining) + " cannot be read there";
 }
 
 std::string positionsNeededIn(const std::string& query) {

@@ -656,6 +656,22 @@ TEST_F(LocalStoreTest, UnbalancedQueriesAreRefusedAndTheErrorSaysWhere) {
   }
 }
 
+TEST_F(LocalStoreTest, TextOfCjkStandsAnywhereInAQuery) {
+  store_->createCollection("c", "en");
+  store_->addDocument("c", {"k1", {{"title", "価格"}}, "red 全文検索 fox 価格"});
+  store_->updateIndex("c");
+  for (const char* query :
+       {"red 全文 fox", "red 全文 fox 検索 red", "red 全文 fox OR hen", "hen OR red 全文 fox",
+        "red title:価格 fox", "red -東京 fox", "fox +全文 red", "(red 価格 fox) red",
+        "red \"全文検索 fox\"", "red 全* fox", "red全文fox価格red", "fox NOT 東京 red"}) {
+    EXPECT_THAT(keys(query), ElementsAre("k1")) << query;
+  }
+  for (const char* query :
+       {"red 東京 fox", "red title:全文 fox", "red -全文 fox", "fox NOT 全文"}) {
+    EXPECT_THAT(keys(query), IsEmpty()) << query;
+  }
+}
+
 TEST_F(LocalStoreTest, OperatorWithoutASideIsRefusedAndTheErrorSaysWhere) {
   store_->createCollection("c", "en");
   addSearchable("k1", "red fox and größe");
@@ -673,8 +689,9 @@ TEST_F(LocalStoreTest, OperatorWithoutASideIsRefusedAndTheErrorSaysWhere) {
     const auto& query = text;
     EXPECT_THAT(refusal(ErrorKind::BadQuery, [&] { keys(query); }), HasSubstr(reason)) << query;
   }
-  for (const char* query : {"fox AND red", "red AND NOT hen", "(red OR hen) AND (fox XOR owl)",
-                            "\"red fox\" OR hen", "fox and", "NOT hen"}) {
+  for (const char* query :
+       {"fox AND red", "red AND NOT hen", "hen OR\"red fox\"", "(red OR hen) AND (fox XOR owl)",
+        "\"red fox\" OR hen", "fox and", "NOT hen"}) {
     EXPECT_THAT(keys(query), ElementsAre("k1")) << query;
   }
 }
@@ -693,18 +710,56 @@ TEST_F(LocalStoreTest, NearnessWithoutAWordOnEachSideIsRefusedAndTheErrorSaysWhe
       {"(red OR sea) NEAR near", "the \"NEAR\" at character 14 has no word before it"},
       {"red NEAR (near OR sea)", "the \"NEAR\" at character 5 has no word behind it"},
       {"red AND ADJ/2 sea", "the \"ADJ/2\" at character 9 has no word before it"},
+      {"red:\"sea near\" NEAR red", "the \"NEAR\" at character 16 has no word before it"},
       {"red NEAR \"sea near\"", "the \"NEAR\" at character 5 has no word behind it"},
       {"red NEAR sea*", "the \"NEAR\" at character 5 has no word behind it"},
       {"red NEAR/0 sea", "the \"NEAR/0\" at character 5 needs a number from 1 to 9999"},
-      {"red ADJ/4294967297 sea", "\"ADJ/4294967297\" at character 5 needs a number"}};
+      {"red ADJ/4294967297 sea", "\"ADJ/4294967297\" at character 5 needs a number"},
+      {"wi-fi NEAR/2 sea", "the \"NEAR/2\" at character 7 has no word before it"},
+      {"-wi-fi NEAR/2 sea", "the \"NEAR/2\" at character 8 has no word before it"},
+      {"red sea NEAR/2 wi.fi", "the \"NEAR/2\" at character 9 has no word behind it"},
+      {"(red) sea ADJ 全文", "the \"ADJ\" at character 11 has no word behind it"},
+      {"red OR -全文 ADJ/3 sea", "the \"ADJ/3\" at character 12 has no word before it"}};
   for (const auto& [text, reason] : queries) {
     const auto& query = text;
     EXPECT_THAT(refusal(ErrorKind::BadQuery, [&] { keys(query); }), HasSubstr(reason)) << query;
   }
   for (const char* query :
        {"red NEAR sea", "sea NEAR/3 red", "red NEAR/9999 sea", "red ADJ sea NOT fox", "sea near",
-        "(red NEAR sea) adj", "\"sea near\"", "NEAR/ADJ", "\"NEAR\""}) {
+        "+red NEAR/3 sea", "the -hen NEAR/3 red", "red NEAR/2 sea adj near and",
+        "NOT the ADJ/3 hen", "-sea ADJ/2 red the near adj", "the red ADJ sea ADJ near and OR hen",
+        "the, sea, NEAR/3 red, near", "(red NEAR sea) adj", "\"sea near\"", "NEAR/ADJ",
+        "\"NEAR\""}) {
     EXPECT_EQ(query == std::string_view("NEAR/ADJ"), keys(query).empty()) << query;
+  }
+}
+
+// The engine's parser takes all that it cannot read for words, and "-fox" would find what has it.
+TEST_F(LocalStoreTest, MinusWithNothingToTakeFromIsRefusedAndTheErrorSaysWhere) {
+  store_->createCollection("c", "en");
+  addSearchable("k1", "red fox and or not xor 2 near wi-fi");
+  const std::vector<std::pair<std::string, std::string>> queries = {
+      {"-fox", "the \"-fox\" at character 1 leaves"},
+      {"-größe -fox", "the \"-größe\" at character 1 leaves"},
+      {"-wi-fi", "the \"-wi-fi\" at character 1 leaves"},
+      {"-\"red fox\"", "the \"-\" at character 1 leaves"},
+      {"-(red OR fox)", "the \"-\" at character 1 leaves"},
+      {"-全文", "the \"-全文\" at character 1 leaves"},
+      {"-\U0001F98A", "the \"-\U0001F98A\" at character 1 leaves"},
+      {"red (-fox)", "the \"-fox\" at character 6 leaves"},
+      {"red OR -fox", "the \"-fox\" at character 8 leaves"},
+      {"red OR (-fox -hen)", "the \"-fox\" at character 9 leaves"},
+      {"-fox AND red", "the \"-fox\" at character 1 leaves"},
+      {"NOT -fox", "the \"-fox\" at character 5 leaves"},
+      {"-fox NEAR/2 red", "the \"-fox\" at character 1 leaves"}};
+  for (const auto& [text, reason] : queries) {
+    const auto& query = text;
+    EXPECT_THAT(refusal(ErrorKind::BadQuery, [&] { keys(query); }), HasSubstr(reason)) << query;
+  }
+  for (const char* query : {"fox -hen", "-hen fox", "fox -\"fox red\"", "-(hen sea) fox", "NOT hen",
+                            "red AND -hen", "-hen red OR owl", "owl OR NOT hen", "--fox", "fox -",
+                            "- fox", "-... fox", "\"-fox\"", "red-fox", "f:-fox -\U0001F98A"}) {
+    EXPECT_EQ(query == std::string_view("f:-fox -\U0001F98A"), keys(query).empty()) << query;
   }
 }
 
