@@ -1022,6 +1022,8 @@ CollectionState Collection::state() const {
                                   "searchable failed: {}",
                                   failure_->what()));
   }
+  // Nothing waits while the journal is being cut off.
+  if (isIndexed() && updating_) return CollectionState::Current;
   return CollectionState::ChangesPending;
 }
 

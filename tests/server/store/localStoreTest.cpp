@@ -443,6 +443,24 @@ TEST_F(LocalStoreTest, NobodyWaitsWhileAnUpdateBringsWhatWasQueuedToDisk) {
   EXPECT_THAT(keys("fox"), UnorderedElementsAre("k1", "k2"));
 }
 
+// Somebody else may ask for the state meanwhile, or an index may come to rest by itself.
+TEST_F(LocalStoreTest, NothingWaitsWhileTheJournalOfAnUpdateIsCutOff) {
+  store_->createCollection("c", "en");
+  Batch batch;
+  batch.name = "b";
+  batch.changes.documents.push_back({"k1", {}, "fox"});
+  store_->apply("c", std::move(batch));
+  std::thread update;
+  {
+    const test::SlowSync slow("batches.new");
+    update = std::thread([&] { store_->updateIndex("c"); });
+    slow.await();
+    EXPECT_THAT(keys("fox"), ElementsAre("k1"));
+    EXPECT_EQ(store_->state("c"), CollectionState::Current);
+  }
+  update.join();
+}
+
 TEST_F(LocalStoreTest, CollectionThatCannotBeMadeLeavesNothingBehind) {
   {
     const test::FailingSync failing;
