@@ -374,7 +374,7 @@ Xapian::Query IndexReader::wordsOf(const SearchQuery& query, const IndexNames& n
 
 Xapian::Query IndexReader::read(const std::string& text, const IndexNames& names,
                                 const IndexLimits& limits) const {
-  const Xapian::Query words = QueryReader(database_, analysis_, names, limits).read(text);
+  const Xapian::Query words = QueryReader(analysis_, names, limits).read(text);
   return isInParts() ? forSeveralDatabases(words) : words;
 }
 

@@ -107,7 +107,7 @@ Xapian::Query JointReader::wordsOf(const SearchQuery& query, const IndexLimits& 
   if (query.everything) return Xapian::Query(std::string());
   const auto readBy = [&](std::size_t member) {
     const TextAnalysis& analysis = members_[member].reader.analysis();
-    return QueryReader(database_, analysis, names_[member], limits).read(query.text);
+    return QueryReader(analysis, names_[member], limits).read(query.text);
   };
   const Xapian::Query words = readBy(0);
   for (std::size_t i = 1; i < members_.size(); ++i) {

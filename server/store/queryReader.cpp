@@ -2,6 +2,12 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <iterator>
+#include <optional>
+#include <set>
+#include <sstream>
+#include <utility>
 #include <vector>
 
 #include "server/base/errors.h"
@@ -11,78 +17,155 @@
 namespace corvaned {
 namespace {
 
-using Parser = Xapian::QueryParser;
+using Query = Xapian::Query;
+using Kind = QueryNode::Kind;
 
-[[noreturn]] void refuse(const std::string& reason) {
-  throw ServerError(ErrorKind::BadQuery, "the query cannot be understood: " + reason);
-}
+/// Makes of what is written what the engine searches for. The engine's own parser reads single
+/// words and phrases only, as it reads documents: where its grammar cannot read a query, it takes
+/// all operators and signs for words and tells nobody.
+class QueryBuilder {
+ public:
+  QueryBuilder(const TextAnalysis& analysis, const IndexLimits& limits, const Xapian::Stem& stemmer)
+      : keepsPositions_(analysis.options().keepsPositions), queryTerms_(limits.queryTerms) {
+    parser_.set_default_op(Query::OP_AND);
+    parser_.set_stemmer(stemmer);
+    parser_.set_stemming_strategy(Xapian::QueryParser::STEM_SOME);
+    parser_.set_max_expansion(static_cast<Xapian::termcount>(limits.expansion),
+                              Query::WILDCARD_LIMIT_ERROR);
+    for (const std::string& word : analysis.options().stopWords) stopWords_.insert(lowerText(word));
+  }
 
-void requireNoPositions(const std::string& normal) {
-  const std::string place = positionsNeededIn(normal);
-  if (place.empty()) return;
-  refuse(place + " needs the positions of words, which the collection was created without");
-}
+  Query build(const QueryNode& node) {
+    Query query = made(node);
+    if (query.get_length() > queryTerms_) {
+      throw ServerError(ErrorKind::QueryTooBroad,
+                        fmt::format("the query has {} words, more than the {} allowed",
+                                    query.get_length(), queryTerms_));
+    }
+    if (longWord_) refuseQuery(*longWord_);
+    return query;
+  }
 
-// Before each of the words is looked at: of a word that comes again and again the parser keeps as
-// many forms for each time that it comes.
-void requireFewWords(const Xapian::Query& query, std::size_t most) {
-  if (query.get_length() <= most) return;
-  throw ServerError(
-      ErrorKind::QueryTooBroad,
-      fmt::format("the query has {} words, more than the {} allowed", query.get_length(), most));
-}
+ private:
+  Query made(const QueryNode& node) {
+    switch (node.kind) {
+      case Kind::Words:
+        return words(node);
+      case Kind::Near:
+        return nearness(node, Query::OP_NEAR);
+      case Kind::Adjacent:
+        return nearness(node, Query::OP_PHRASE);
+      case Kind::All:
+        return allBut(withoutStopWords(node.parts), node.without);
+      case Kind::And:
+        return allBut(node.parts, node.without);
+      case Kind::Or:
+        return joined(Query::OP_OR, node.parts);
+      case Kind::Xor:
+        return joined(Query::OP_XOR, node.parts);
+      case Kind::Not:
+        return {Query::OP_AND_NOT, Query::MatchAll, made(node.parts.front())};
+    }
+    return {};
+  }
 
-// A longer word is in no document's index, whatever the documents contain.
-void requireIndexedWords(const Parser& parser, const Xapian::Query& query) {
-  constexpr std::size_t kShown = 20;
-  for (auto term = query.get_terms_begin(); term != query.get_terms_end(); ++term) {
-    for (auto form = parser.unstem_begin(*term); form != parser.unstem_end(*term); ++form) {
-      const std::string word = *form;
-      if (word.size() <= kMaxWordBytes) continue;
-      refuse(fmt::format("the word {} has {} bytes, and words of more than {} are not indexed",
-                         shown(word, kShown), word.size(), kMaxWordBytes));
+  Query allBut(const std::vector<QueryNode>& parts, const std::vector<QueryNode>& without) {
+    const Query all = joined(Query::OP_AND, parts);
+    return without.empty() ? all : Query(Query::OP_AND_NOT, all, joined(Query::OP_OR, without));
+  }
+
+  Query joined(Query::op by, const std::vector<QueryNode>& parts) {
+    std::vector<Query> queries;
+    for (const QueryNode& part : parts) {
+      Query query = made(part);
+      if (!query.empty()) queries.push_back(std::move(query));
+    }
+    return {by, queries.begin(), queries.end()};
+  }
+
+  // Of stop words alone a query would find nothing.
+  std::vector<QueryNode> withoutStopWords(const std::vector<QueryNode>& parts) const {
+    std::vector<QueryNode> others;
+    std::copy_if(parts.begin(), parts.end(), std::back_inserter(others),
+                 [this](const QueryNode& part) { return !isStopWord(part); });
+    return others.empty() ? parts : others;
+  }
+
+  bool isStopWord(const QueryNode& node) const {
+    return !stopWords_.empty() && node.kind == Kind::Words && !node.isPhrase && !node.isRequired &&
+           stopWords_.count(lowerText(node.text)) != 0;
+  }
+
+  Query words(const QueryNode& node) {
+    Query query = read(node, node.isPhrase);
+    if (node.isPhrase && !keepsPositions_ && query.get_length() > 1) {
+      refusePlaces(fmt::format("the phrase at character {}", node.place.position));
+    }
+    return query;
+  }
+
+  Query nearness(const QueryNode& node, Query::op by) {
+    if (!keepsPositions_) refusePlaces(described(node.joints.front()));
+    std::vector<Query> words;
+    for (const QueryNode& part : node.parts) {
+      // As they stand: a stem has no places.
+      words.push_back(read(part, true));
+      if (words.back().get_type() == Query::LEAF_TERM) continue;
+      const bool isFirst = words.size() == 1;
+      refuseQuery(fmt::format("{} has no word {} it",
+                              described(node.joints[isFirst ? 0 : words.size() - 2]),
+                              isFirst ? "before" : "behind"));
+    }
+    const auto window = static_cast<Xapian::termcount>(node.distance + words.size() - 1);
+    return {by, words.begin(), words.end(), window};
+  }
+
+  Query read(const QueryNode& node, bool asPhrase) {
+    using Parser = Xapian::QueryParser;
+    const std::string text = searchableText(lowerQueryWords(node.text));
+    if (asPhrase) return parsed('"' + text + '"', Parser::FLAG_PHRASE, node.prefix);
+    // One by one: the parser cannot read Chinese between two other words.
+    std::vector<Query> queries;
+    std::istringstream words(text);
+    for (std::string word; words >> word;) {
+      queries.push_back(parsed(word, Parser::FLAG_WILDCARD, node.prefix));
+    }
+    return {Query::OP_AND, queries.begin(), queries.end()};
+  }
+
+  Query parsed(const std::string& text, unsigned flags, const std::string& prefix) {
+    flags |= Xapian::QueryParser::FLAG_CJK_NGRAM;
+    if (!keepsPositions_) flags |= Xapian::QueryParser::FLAG_NO_POSITIONS;
+    Query query = parser_.parse_query(text, flags, prefix);
+    noteLongWords(query);
+    return query;
+  }
+
+  // A longer word is in no document's index, whatever the documents contain. To be told when the
+  // query is known to have few words.
+  void noteLongWords(const Query& query) {
+    constexpr std::size_t kShown = 20;
+    for (auto term = query.get_terms_begin(); term != query.get_terms_end(); ++term) {
+      for (auto form = parser_.unstem_begin(*term); form != parser_.unstem_end(*term); ++form) {
+        const std::string word = *form;
+        if (longWord_ || word.size() <= kMaxWordBytes) continue;
+        longWord_ =
+            fmt::format("the word {} has {} bytes, and words of more than {} are not indexed",
+                        shown(word, kShown), word.size(), kMaxWordBytes);
+      }
     }
   }
-}
 
-constexpr unsigned kSyntax =
-    Parser::FLAG_DEFAULT | Parser::FLAG_WILDCARD | Parser::FLAG_PURE_NOT | Parser::FLAG_CJK_NGRAM;
-
-// What the parser falls back to, silently, where it cannot read a query: all operators and signs
-// are words then, and "-fox" finds the documents with it.
-constexpr unsigned kWordsAlone = Parser::FLAG_CJK_NGRAM;
-
-std::string textFor(const std::string& normal) {
-  return searchableQuery(lowerQueryWords(withBrackets(normal)));
-}
-
-bool isUnderstood(Parser& parser, const std::string& query) {
-  const std::string text = textFor(query);
-  try {
-    return parser.parse_query(text, kSyntax).get_description() !=
-           parser.parse_query(text, kWordsAlone).get_description();
-  } catch (const Xapian::QueryParserError&) {
-    return false;
+  [[noreturn]] static void refusePlaces(const std::string& place) {
+    refuseQuery(place + " needs the positions of words, which the collection was created without");
   }
-}
 
-// The parser loses the memory of a distance, or of several words that belong together, where it
-// cannot read them: it is asked about both before it meets them in the whole query.
-void requireUnderstood(const std::string& normal, const IndexNames& names) {
-  if (!mayHaveOperators(normal)) return;
-  Parser parser;
-  parser.set_default_op(Xapian::Query::OP_AND);
-  names.registerAt(parser);
-  const auto understood = [&parser](const std::string& query) {
-    return isUnderstood(parser, query);
-  };
-  const std::string wrongNearness = wrongNearnessIn(normal, understood);
-  if (!wrongNearness.empty()) refuse(wrongNearness);
-  if (understood(withoutDistances(normal))) return;
-  std::string place = lonelyOperatorIn(normal);
-  if (place.empty()) place = misunderstoodIn(normal, understood);
-  if (!place.empty()) refuse(place);
-}
+  const bool keepsPositions_;
+  const std::size_t queryTerms_;
+  Xapian::QueryParser parser_;
+  std::set<std::string> stopWords_;
+  std::optional<std::string> longWord_;
+};
 
 }  // namespace
 
@@ -94,17 +177,14 @@ Xapian::Query QueryReader::read(const std::string& text) const {
                       fmt::format("the query has {} bytes, more than the {} allowed", text.size(),
                                   limits_.queryBytes));
   }
-  const std::string normal = normalizeQuery(text);
-  requireBalanced(normal);
-  if (!analysis_.options().keepsPositions) requireNoPositions(normal);
-  requireUnderstood(normal, names_);
-  Xapian::Query own = inLanguage(normal, analysis_.stemmer());
+  const QueryNode query = parseQuery(normalizeQuery(text), names_);
+  Xapian::Query own = inLanguage(query, analysis_.stemmer());
   if (own.empty() || names_.languages().empty()) return own;
   std::vector<Xapian::Query> alternatives;
   std::vector<Xapian::Query> foreign;
   for (const std::string& language : names_.languages()) {
     foreign.emplace_back(languageTerm(language));
-    alternatives.emplace_back(Xapian::Query::OP_FILTER, inLanguage(normal, stemmerFor(language)),
+    alternatives.emplace_back(Xapian::Query::OP_FILTER, inLanguage(query, stemmerFor(language)),
                               foreign.back());
   }
   alternatives.emplace_back(Xapian::Query::OP_AND_NOT, own,
@@ -112,39 +192,8 @@ Xapian::Query QueryReader::read(const std::string& text) const {
   return {Xapian::Query::OP_OR, alternatives.begin(), alternatives.end()};
 }
 
-Xapian::Query QueryReader::inLanguage(const std::string& normal,
-                                      const Xapian::Stem& stemmer) const {
-  Xapian::SimpleStopper stopper;
-  for (const std::string& word : analysis_.options().stopWords) stopper.add(lowerText(word));
-  Parser parser;
-  parser.set_database(database_);
-  parser.set_stemmer(stemmer);
-  parser.set_stemming_strategy(Parser::STEM_SOME);
-  parser.set_default_op(Xapian::Query::OP_AND);
-  parser.set_max_expansion(static_cast<Xapian::termcount>(limits_.expansion),
-                           Xapian::Query::WILDCARD_LIMIT_ERROR);
-  parser.set_stopper(&stopper);
-  names_.registerAt(parser);
-  Xapian::Query query = parsed(parser, normal);
-  if (query.empty() && parser.stoplist_begin() != parser.stoplist_end()) {
-    // Of stop words alone it would find nothing.
-    parser.set_stopper(nullptr);
-    query = parsed(parser, normal);
-  }
-  return query;
-}
-
-Xapian::Query QueryReader::parsed(Parser& parser, const std::string& normal) const {
-  unsigned flags = kSyntax;
-  if (!analysis_.options().keepsPositions) flags |= Parser::FLAG_NO_POSITIONS;
-  try {
-    Xapian::Query query = parser.parse_query(textFor(normal), flags);
-    requireFewWords(query, limits_.queryTerms);
-    requireIndexedWords(parser, query);
-    return query;
-  } catch (const Xapian::QueryParserError& error) {
-    refuse(error.get_msg());
-  }
+Xapian::Query QueryReader::inLanguage(const QueryNode& query, const Xapian::Stem& stemmer) const {
+  return QueryBuilder(analysis_, limits_, stemmer).build(query);
 }
 
 }  // namespace corvaned

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "server/store/indexLimits.h"
+#include "server/store/queryGrammar.h"
 #include "server/store/textAnalysis.h"
 #include "server/store/xapianSchema.h"
 
@@ -14,18 +15,15 @@ namespace corvaned {
 class QueryReader {
  public:
   /// All of them must outlive it.
-  QueryReader(const Xapian::Database& database, const TextAnalysis& analysis,
-              const IndexNames& names, const IndexLimits& limits)
-      : database_(database), analysis_(analysis), names_(names), limits_(limits) {}
+  QueryReader(const TextAnalysis& analysis, const IndexNames& names, const IndexLimits& limits)
+      : analysis_(analysis), names_(names), limits_(limits) {}
 
   /// Throws ServerError(BadQuery) or ServerError(QueryTooBroad) that says why it cannot be read.
   Xapian::Query read(const std::string& text) const;
 
  private:
-  Xapian::Query inLanguage(const std::string& normal, const Xapian::Stem& stemmer) const;
-  Xapian::Query parsed(Xapian::QueryParser& parser, const std::string& normal) const;
+  Xapian::Query inLanguage(const QueryNode& query, const Xapian::Stem& stemmer) const;
 
-  const Xapian::Database& database_;
   const TextAnalysis& analysis_;
   const IndexNames& names_;
   const IndexLimits& limits_;

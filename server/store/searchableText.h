@@ -16,7 +16,8 @@ constexpr unsigned kMaxWordBytes = 200;
 /// alike. Throws std::bad_alloc, and ServerError(Internal) if ICU has no dictionaries. `stop`
 /// throws to end it.
 std::string searchableText(const std::string& normal, const StopCheck& stop = {});
-/// The same for a query: what a field or a sign ("title:", "-") is about goes on to belong to it.
-std::string searchableQuery(const std::string& normal);
+
+/// Whether the character is a word by itself.
+bool isEmoji(char32_t c);
 
 }  // namespace corvaned

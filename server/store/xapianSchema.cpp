@@ -145,8 +145,9 @@ std::optional<std::string> IndexNames::prefixFor(const std::string& name) {
   return place ? std::optional(prefixOf(*place)) : std::nullopt;
 }
 
-void IndexNames::registerAt(Xapian::QueryParser& parser) const {
-  for (std::size_t i = 0; i < fields_.size(); ++i) parser.add_prefix(fields_[i], prefixOf(i));
+std::optional<std::string> IndexNames::knownPrefixOf(const std::string& name) const {
+  const auto place = placeOf(fields_, name);
+  return place ? std::optional(prefixOf(*place)) : std::nullopt;
 }
 
 std::optional<Xapian::valueno> IndexNames::slotFor(const std::string& name) {

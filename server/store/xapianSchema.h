@@ -60,7 +60,8 @@ class IndexNames {
   /// The prefix of the name; a new name gets one. Nothing if a query could not contain the name, or
   /// if there are too many names.
   std::optional<std::string> prefixFor(const std::string& name);
-  void registerAt(Xapian::QueryParser& parser) const;
+  /// Nothing if the name has none.
+  std::optional<std::string> knownPrefixOf(const std::string& name) const;
 
   /// The slot of the name; a new name gets one. Nothing in the same cases.
   std::optional<Xapian::valueno> slotFor(const std::string& name);

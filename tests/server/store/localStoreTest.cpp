@@ -734,10 +734,10 @@ TEST_F(LocalStoreTest, NearnessWithoutAWordOnEachSideIsRefusedAndTheErrorSaysWhe
       {"red NEAR/0 sea", "the \"NEAR/0\" at character 5 needs a number from 1 to 9999"},
       {"red ADJ/4294967297 sea", "\"ADJ/4294967297\" at character 5 needs a number"},
       {"wi-fi NEAR/2 sea", "the \"NEAR/2\" at character 7 has no word before it"},
-      {"-wi-fi NEAR/2 sea", "the \"NEAR/2\" at character 8 has no word before it"},
+      {"red -wi-fi NEAR/2 sea", "the \"NEAR/2\" at character 12 has no word before it"},
       {"red sea NEAR/2 wi.fi", "the \"NEAR/2\" at character 9 has no word behind it"},
       {"(red) sea ADJ 全文", "the \"ADJ\" at character 11 has no word behind it"},
-      {"red OR -全文 ADJ/3 sea", "the \"ADJ/3\" at character 12 has no word before it"}};
+      {"red -全文 ADJ/3 sea", "the \"ADJ/3\" at character 9 has no word before it"}};
   for (const auto& [text, reason] : queries) {
     const auto& query = text;
     EXPECT_THAT(refusal(ErrorKind::BadQuery, [&] { keys(query); }), HasSubstr(reason)) << query;
@@ -760,8 +760,8 @@ TEST_F(LocalStoreTest, MinusWithNothingToTakeFromIsRefusedAndTheErrorSaysWhere) 
       {"-fox", "the \"-fox\" at character 1 leaves"},
       {"-größe -fox", "the \"-größe\" at character 1 leaves"},
       {"-wi-fi", "the \"-wi-fi\" at character 1 leaves"},
-      {"-\"red fox\"", "the \"-\" at character 1 leaves"},
-      {"-(red OR fox)", "the \"-\" at character 1 leaves"},
+      {"-\"red fox\"", "the \"-\"red fox\"\" at character 1 leaves"},
+      {"-(red OR fox)", "the \"-(\" at character 1 leaves"},
       {"-全文", "the \"-全文\" at character 1 leaves"},
       {"-\U0001F98A", "the \"-\U0001F98A\" at character 1 leaves"},
       {"red (-fox)", "the \"-fox\" at character 6 leaves"},

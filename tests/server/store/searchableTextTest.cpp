@@ -60,23 +60,6 @@ TEST(SearchableText, WordsWrittenWithoutBlanksAreSeparated) {
   EXPECT_EQ(searchableText("\u5168\u6587\u691C\u7D22"), "\u5168\u6587\u691C\u7D22");
 }
 
-TEST(SearchableQuery, WhatAFieldOrASignIsAboutStaysTogether) {
-  const std::string language = "\u0E20\u0E32\u0E29\u0E32";
-  const std::vector<std::pair<std::string, std::string>> cases{
-      {kThaiLanguage, language + " " + kThai},
-      {std::string("title:") + kThaiLanguage, "title:" + language + "-" + kThai},
-      {std::string("fox -") + kThaiLanguage + " hen", "fox -" + language + "-" + kThai + " hen"},
-      {std::string("\"title:x ") + kThaiLanguage + "\"",
-       "\"title:x " + language + " " + kThai + "\""},
-      {std::string("mood:a") + kFox + kThumb, "mood:a-xemoji129418-xemoji128077"},
-      {std::string("(+") + kFox + kThumb + ")" + kFox + kThumb,
-       "(+xemoji129418-xemoji128077) xemoji129418 xemoji128077"},
-  };
-  for (const auto& [query, expected] : cases) EXPECT_EQ(searchableQuery(query), expected) << query;
-  EXPECT_EQ(searchableText(std::string("title:") + kThaiLanguage),
-            "title:" + language + " " + kThai);
-}
-
 class SearchableTextTest : public ::testing::Test {
  protected:
   SearchableTextTest() { store_.createCollection("c", "en", {}, {}); }
