@@ -572,16 +572,39 @@ TEST_P(Exchange, SpeaksWithAServerThatHasAnIpv6AddressAlone) {
   EXPECT_EQ(server.connections(), 1U);
 }
 
+/// Gives the client its time-out for replies alone: how long a connect takes is up to the machine.
+class TimeOutOfReplies : public tq::oss::TraceFacility {
+ public:
+  TimeOutOfReplies(CorvaneRESTClient& client, unsigned int milliseconds)
+      : client_(client), milliseconds_(milliseconds) {
+    tq::oss::setTraceFacility(this);
+  }
+  ~TimeOutOfReplies() override { tq::oss::setTraceFacility(nullptr); }
+  unsigned long getComponentTraceFlags(unsigned int) override { return 3; }
+  void traceEntry(unsigned int functionId) override {
+    if (functionId == tq::comm::trace::CorvaneClientOpen) client_.setTimeOut(0);
+  }
+  void traceExit(unsigned int functionId, long) override {
+    if (functionId == tq::comm::trace::CorvaneClientOpen) client_.setTimeOut(milliseconds_);
+  }
+
+ private:
+  CorvaneRESTClient& client_;
+  const unsigned int milliseconds_;
+};
+
 TEST_P(Exchange, OverLoopbackASilentServerIsATimeOut) {
   Script silent;
   ScriptedServer server(replies.expect(silent).stall());
   const auto client = clientOf(u"127.0.0.1", server.port());
-  client->setTimeOut(20);
+  const TimeOutOfReplies timeOut(*client, 20);
   const Raised raised = exchange(*client, kStreamSearch);
   ASSERT_EQ(raised.size(), 1U);
   EXPECT_EQ(raised[0].id, "ERR_SERVER_COMM_TIMEOUT");
   EXPECT_EQ(raised[0].arguments,
             (std::vector<std::string>{"127.0.0.1", std::to_string(server.port())}));
+  // The client may be done before the server has run.
+  server.awaitRequests(2);
   EXPECT_EQ(server.connections(), 2U);
 }
 

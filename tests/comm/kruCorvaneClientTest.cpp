@@ -610,8 +610,8 @@ TEST(CorvaneClient, OverLoopbackItConnectsByName) {
 TEST(CorvaneClient, OverLoopbackTheTimeOutEndsAWaitAndCloseShowsAtTheServer) {
   ScriptedServer server(Script().stall());
   TestClient client(server.port(), kFresh);
-  client.setTimeOut(20);
   client.open();
+  client.setTimeOut(20);
   EXPECT_EQ(errorOf([&] { client.dataToRead(true); }).errorId, "ERR_SERVER_COMM_TIMEOUT");
   client.close();
   server.awaitClientClose(0);
