@@ -16,6 +16,7 @@ import sys
 import tempfile
 import types
 import unittest
+from unittest import mock
 
 ROOT = pathlib.Path(sys.argv.pop(1)).resolve()
 SAMPLE = ROOT / "tests/mutate/sample"
@@ -181,6 +182,48 @@ class Orders(unittest.TestCase):
         groups = list(order.groups(tests, first=tests[1]))
         self.assertEqual("b", groups[0][0].name)
         self.assertEqual(["a", "b", "c"], sorted(test.name for group in groups for test in group))
+
+
+class Attempts(unittest.TestCase):
+    """What is tried again because the machine may have kept it from running."""
+
+    LIMIT, WORK = 10, 2
+
+    def attempts(self, *outcomes):
+        """What is said of a command whose attempts end so, and how long each of them might take."""
+        with mock.patch.object(mutate, "run", side_effect=outcomes) as run:
+            said = mutate.run_again_if_paused(["command"], self.LIMIT, self.WORK)
+        return said, [call.args[1] for call in run.call_args_list]
+
+    def test_a_command_that_could_not_run_gets_more_time(self):
+        said, limits = self.attempts((None, 0.1), (0, 1.5))
+        self.assertEqual((0, 1.5), said)
+        self.assertEqual([self.LIMIT, mutate.AGAIN * self.LIMIT], limits)
+
+    def test_a_command_that_waits_for_ever_gets_it_once(self):
+        said, limits = self.attempts((None, 0.1), (None, 0.1))
+        self.assertEqual((None, 0.1), said)
+        self.assertEqual(2, len(limits))
+
+    def test_a_command_that_worked_all_the_time_gets_none(self):
+        self.assertEqual(((None, 2.5), [self.LIMIT]), self.attempts((None, 2.5)))
+
+    def test_a_command_that_ended_gets_none(self):
+        for status in (0, 1, -24):
+            self.assertEqual(((status, 0.1), [self.LIMIT]), self.attempts((status, 0.1)))
+
+    def test_only_the_second_attempt_is_heard(self):
+        outcomes = iter([(b"one", (None, 0.1)), (b"2", (0, 0.1))])
+
+        def run(_command, _limit, _work, output):
+            said, outcome = next(outcomes)
+            output.write(said)
+            return outcome
+
+        with tempfile.TemporaryFile() as output, mock.patch.object(mutate, "run", run):
+            mutate.run_again_if_paused(["command"], self.LIMIT, self.WORK, output)
+            output.seek(0)
+            self.assertEqual(b"2", output.read())
 
 
 class Guards(unittest.TestCase):
