@@ -4,10 +4,12 @@
 #include <xapian.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <optional>
 #include <random>
 #include <string>
@@ -16,6 +18,7 @@
 #include "server/base/bytes.h"
 #include "server/base/errors.h"
 #include "server/store/checksum.h"
+#include "server/store/collection.h"
 #include "server/store/collectionOptions.h"
 #include "server/store/damage.h"
 #include "server/store/indexSums.h"
@@ -286,14 +289,25 @@ TEST_F(DamageTest, FileThatIsCutOffIsNamedByTheSearchThatMeetsIt) {
 }
 
 TEST_F(DamageTest, DamageThatAnUpdateMeetsIsNamed) {
-  LocalStore store(data(), {});
-  store.createCollection("c", "en", {Refresh::Mode::Immediate, {}});
+  const std::filesystem::path path = directory_.path() / "c";
+  std::filesystem::create_directory(path);
+  Collection::create(path, {"en", {}}, {Refresh::Mode::Immediate, {}});
+  const std::atomic<bool> stopping = false;
+  // Without a store, which would bring the index to rest after a while.
+  Collection collection("c", path, {}, std::make_shared<ParseOutcomes>(10), stopping);
+  const auto add = [&](const std::string& key) {
+    const auto ticket = collection.add({key, {}, "fox"});
+    ASSERT_TRUE(collection.takeOnIndexing());
+    while (collection.indexStep()) {
+    }
+    ticket->requireSuccess();
+  };
   // From here on the index is not compared before the next change.
-  add(store, "k1");
-  ASSERT_TRUE(std::filesystem::exists(collection() / "index-sums-changing"));
-  const std::filesystem::path table = collection() / "index" / "postlist.glass";
+  add("k1");
+  ASSERT_TRUE(std::filesystem::exists(path / "index-sums-changing"));
+  const std::filesystem::path table = path / "index" / "postlist.glass";
   std::filesystem::resize_file(table, 0);
-  EXPECT_THAT(refusalOf([&] { add(store, "k2"); }), HasSubstr(table.string() + " is damaged"));
+  EXPECT_THAT(refusalOf([&] { add("k2"); }), HasSubstr(table.string() + " is damaged"));
 }
 
 TEST_F(DamageTest, LookForDamageThatAnUpdateHasMetCanBeStopped) {
