@@ -1,5 +1,6 @@
 #include "tests/support/scriptedServer.h"
 
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -282,9 +283,18 @@ void ScriptedServer::sendSegments(std::size_t index, int fd, const Step& step) {
 }
 
 // Only the receiving end knows what its program has taken: the kernel acknowledges to the sender
-// what merely lies in its queue.
+// what merely lies in its queue. What is not acknowledged may be on its way to that queue.
 void ScriptedServer::awaitDrained(int fd) const {
   const int client = clientEndOf(fd);
+  while (client >= 0 && !stopping_) {
+    int unacknowledged = 0;
+    if (!sameEnds(client, fd) || ::ioctl(fd, SIOCOUTQ, &unacknowledged) != 0) return;
+    if (unacknowledged == 0) break;
+    // The kernel would keep the acknowledgement back for a while.
+    const int on = 1;
+    ::setsockopt(client, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+    std::this_thread::yield();
+  }
   int unread = 1;
   while (client >= 0 && !stopping_ && unread > 0) {
     if (!sameEnds(client, fd) || ::ioctl(client, FIONREAD, &unread) != 0) return;
