@@ -41,6 +41,7 @@
 #include "tests/support/binaryReplies.h"
 #include "tests/support/chunks.h"
 #include "tests/support/exchange.h"
+#include "tests/support/loopback.h"
 #include "tests/support/replyCorpus.h"
 #include "tests/support/script.h"
 
@@ -252,9 +253,8 @@ void behave(
     ASSERT_EQ(runMarked(*client, {kLastDocSent, ++mark}).errorId, "");
     meanwhile();
     // What fails: nobody there, a wait that is cut short.
-    unsigned int nobody = 0;
-    ::close(listenOnLoopback(nobody));
-    auto lonely = clientOf(protocol, true, nobody);
+    const DeadPort nobody;
+    auto lonely = clientOf(protocol, true, nobody.port());
     lonely->setRetryPause(1, 2);
     ASSERT_EQ(runMarked(*lonely, {kUpdateIndex}).errorId, "ERR_CONNECT_SERVER");
     unsigned int deaf = 0;
