@@ -16,11 +16,14 @@ namespace corvane {
 
 namespace {
 
-constexpr unsigned int kProbeMillis = 500;
+// The program is failing, and a person will see the line that names the cause.
+constexpr unsigned int kMillisAfterFailure = 3000;
+// The answer that is being waited for waits for the end of a look.
+constexpr unsigned int kMillisOfLook = 500;
 
 // A refusal is an answer as well: only a server that understood the request gives one.
-bool answersStatus(tq::comm::CorvaneRESTClient& client) {
-  client.setDeadline(kProbeMillis);
+bool answersStatus(tq::comm::CorvaneRESTClient& client, unsigned int millis) {
+  client.setDeadline(millis);
   client.setNumRetries(0);
   tq::comm::ClientRequest request;
   request.buildRequest(tq::comm::ClientRequest::GET_STATUS, {});
@@ -35,23 +38,25 @@ bool answersStatus(tq::comm::CorvaneRESTClient& client) {
   }
 }
 
-}  // namespace
-
-std::optional<std::string> otherProtocolSpoken(const Settings& settings) {
+std::optional<std::string> spokenWithin(const Settings& settings, unsigned int millis) {
   Settings other = settings;
   const bool http = settings.protocol == Protocol::Http;
   other.protocol = http ? Protocol::Binary : Protocol::Http;
-  if (!answersStatus(*makeClient(other))) return {};
+  if (!answersStatus(*makeClient(other), millis)) return {};
   return fmt::format("{} speaks the {} protocol; use --protocol {}, or the server's port for {}",
                      address(settings), protocolName(other.protocol), protocolName(other.protocol),
                      protocolName(settings.protocol));
 }
 
+}  // namespace
+
+std::optional<std::string> otherProtocolSpoken(const Settings& settings) {
+  return spokenWithin(settings, kMillisAfterFailure);
+}
+
 SilenceWatch::SilenceWatch(Session& session) : session_(session) {
   if (session.answered || session.settings.protocol != Protocol::Http) return;
-  ticker_.emplace([this](unsigned int seconds) {
-    if (seconds == 1) look();
-  });
+  ticker_.emplace([this](unsigned int) { look(); });
 }
 
 SilenceWatch::~SilenceWatch() {
@@ -62,7 +67,7 @@ SilenceWatch::~SilenceWatch() {
 
 // The connection's own wait cannot be given up from here, which is why the program ends.
 void SilenceWatch::look() try {
-  const auto line = otherProtocolSpoken(session_.settings);
+  const auto line = spokenWithin(session_.settings, kMillisOfLook);
   if (!line || decided_.exchange(true)) return;
   session_.printer.error(*line);
   session_.printer.flush();
