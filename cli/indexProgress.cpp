@@ -6,12 +6,14 @@
 #include <utility>
 
 #include "cli/credentials.h"
+#include "cli/errors.h"
 #include "cli/facts.h"
 #include "cli/request.h"
 #include "cli/text.h"
 #include "comm/kruClientResponse.h"
 #include "comm/kruCorvaneRESTClient.h"
 #include "comm/kruParseResult.h"
+#include "infra/oss/kruBaseException.h"
 
 namespace corvane {
 
@@ -43,11 +45,13 @@ IndexProgress::IndexProgress(const Settings& settings, icu::UnicodeString collec
 IndexProgress::~IndexProgress() = default;
 
 void IndexProgress::ask() noexcept {
-  if (!answers_) return;
+  if (refused_) return;
   try {
     askServer();
+  } catch (const tq::oss::BaseException& failure) {
+    refused_ = client_ && isVerdict(failure, client_->getRequestOutcome());
   } catch (...) {
-    answers_ = false;
+    // A server that is busy with the update may answer the next question.
   }
 }
 

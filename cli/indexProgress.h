@@ -20,7 +20,7 @@ class IndexProgress {
 
   /// What the server last said, such as "1200 of 50000 changes are indexed"; empty if nothing.
   const std::string& text() const { return text_; }
-  /// Asks anew, for a second at most. A server that does not answer is asked no more.
+  /// Asks anew, for a second at most. A server that refuses to tell is asked no more.
   void ask() noexcept;
 
  private:
@@ -29,7 +29,7 @@ class IndexProgress {
   const Settings settings_;
   const icu::UnicodeString collection_;
   std::unique_ptr<tq::comm::CorvaneRESTClient> client_;
-  bool answers_ = true;
+  bool refused_ = false;
   std::string text_;
 };
 

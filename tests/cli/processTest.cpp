@@ -138,6 +138,46 @@ TEST(Update, ShowsAtATerminalHowFarTheServerIs) {
   EXPECT_EQ(finished.out, "updated books\n");
 }
 
+// Of an update over the binary protocol, where no watch has connections of its own.
+class UpdateAtATerminal : public ::testing::Test {
+ protected:
+  static std::vector<std::string> update(const ScriptedServer& server) {
+    return {CORVANE_PROGRAM, "--port", std::to_string(server.port()), "update", "books"};
+  }
+
+  const Script update_ = Script().expectFramedRequest().stall().send(word16(1));
+  Terminal terminal_;
+};
+
+TEST_F(UpdateAtATerminal, ShowsHowFarTheServerIsWhenItAnswersALaterQuestion) {
+  const std::string facts =
+      word16(1) +
+      envelope(1, record16({{"Doc", "books"},
+                            {"MsgId", "ZVK0101I"},
+                            {"MsgText", "documents=1 indexing=1200/50000"}})) +
+      endOfResults();
+  ScriptedServer server(std::vector{update_, Script().expectFramedRequest().stall(),
+                                    Script().expectFramedRequest().send(facts).awaitClose()});
+  Child child(update(server), terminal_);
+  terminal_.await("seconds, 1200 of 50000 changes are indexed");
+  server.release();
+  EXPECT_EQ(child.finish().out, "updated books\n");
+}
+
+TEST_F(UpdateAtATerminal, AsksNoMoreHowFarTheServerIsOnceItIsRefused) {
+  const std::string refusal =
+      word16(6) + errorRecord({{"MsgId", "ZVK0023E"}, {"MsgText", "not permitted"}});
+  ScriptedServer server(std::vector{
+      update_,
+      Script().expectFramedRequest().send(refusal).expectFramedRequest().send(refusal).awaitClose(),
+      Script().expectFramedRequest().awaitClose()});
+  Child child(update(server), terminal_);
+  terminal_.await("the server is working, 3 seconds");
+  server.release();
+  EXPECT_EQ(child.finish().out, "updated books\n");
+  EXPECT_EQ(server.requests(), 2U);
+}
+
 /// The password of an account is asked for at a terminal.
 class Password : public ::testing::Test {
  protected:
