@@ -1,7 +1,9 @@
 #include "cli/queuedOutput.h"
 
+#include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace corvane {
@@ -17,9 +19,18 @@ QueuedOutput::~QueuedOutput() {
   writer_.join();
 }
 
-bool QueuedOutput::drain(std::chrono::milliseconds limit) {
+void QueuedOutput::drain(std::chrono::milliseconds limit) {
+  constexpr std::chrono::milliseconds kTurn{10};
   std::unique_lock lock(mutex_);
-  return changed_.wait_for(lock, limit, [this] { return idle(); }) && !failed_;
+  while (!changed_.wait_for(lock, kTurn, [this] { return idle(); })) {
+    lock.unlock();
+    const auto start = std::chrono::steady_clock::now();
+    pollfd waiting{descriptor_, POLLOUT, 0};
+    if (::poll(&waiting, 1, std::max(0, static_cast<int>(limit.count()))) <= 0) return;
+    limit -= std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - start);
+    lock.lock();
+  }
 }
 
 std::streamsize QueuedOutput::xsputn(const char* text, std::streamsize length) {

@@ -19,8 +19,9 @@ class QueuedOutput : public std::streambuf {
   /// Writes what is left, however long that takes.
   ~QueuedOutput() override;
 
-  /// Waits until everything is written. Returns false when that takes longer, or fails.
-  bool drain(std::chrono::milliseconds limit);
+  /// Waits until everything is written or cannot be. Gives up when the descriptor has taken nothing
+  /// for this long in all; the time that the writing thread waits for its turn does not count.
+  void drain(std::chrono::milliseconds limit);
 
  protected:
   std::streamsize xsputn(const char* text, std::streamsize length) override;
