@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -39,11 +40,12 @@ std::string httpReply(const char* status, const std::string& body) {
       status, body.size(), body);
 }
 
-// False if the client is not ready for that by then.
+// False if the client is not ready for that by then. What is ready counts however late it is: the
+// machine may have been busy with other work in the meantime.
 bool await(int client, short event, Clock::time_point end) {
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
   pollfd waiting{client, event, 0};
-  return left.count() > 0 && ::poll(&waiting, 1, static_cast<int>(left.count())) > 0;
+  return ::poll(&waiting, 1, std::max(0, static_cast<int>(left.count()))) > 0;
 }
 
 std::string receiveRequest(int client, Clock::time_point end) {

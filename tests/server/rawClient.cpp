@@ -1,7 +1,9 @@
 #include "tests/server/rawClient.h"
 
 #include <arpa/inet.h>
+#include <linux/sockios.h>
 #include <netinet/in.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -9,6 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 namespace corvaned::test {
@@ -58,6 +61,14 @@ bool RawClient::send(const std::string& bytes) {
 std::size_t RawClient::sendSome(const std::string& bytes) {
   const ssize_t count = ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
   return count < 0 ? 0 : static_cast<std::size_t>(count);
+}
+
+void RawClient::awaitDelivery() const {
+  int underWay = 1;
+  while (underWay > 0) {
+    if (::ioctl(socket_, SIOCOUTQ, &underWay) != 0) fail("SIOCOUTQ");
+    std::this_thread::yield();
+  }
 }
 
 void RawClient::endSending() { ::shutdown(socket_, SHUT_WR); }

@@ -20,6 +20,8 @@ class RawClient {
   bool send(const std::string& bytes);
   /// Sends what can be sent without waiting and returns how much that was.
   std::size_t sendSome(const std::string& bytes);
+  /// Returns when the other side's system has all that was sent.
+  void awaitDelivery() const;
   void endSending();
   void reset();
 

@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "server/front/monitor.h"
 #include "tests/server/rawClient.h"
@@ -97,6 +98,37 @@ TEST_F(MonitorTest, ClientThatDripsHoldsUpNobodyForLong) {
   EXPECT_THAT(client.receiveAll(), StartsWith("HTTP/1.1 200 "));
   answered.set_value();
   dripping.join();
+}
+
+// On a machine that is busy the monitor may come to a client when its time is over.
+TEST_F(MonitorTest, RequestThatIsThereIsAnsweredHoweverLateItIs) {
+  std::promise<void> reached, released;
+  const std::future<void> go = released.get_future();
+  bool first = true;
+  const auto metrics = [&] {
+    if (std::exchange(first, false)) {
+      reached.set_value();
+      go.wait();
+    }
+    return std::string();
+  };
+  Monitor monitor(0, {metrics, [] { return std::string(); }}, std::chrono::milliseconds(0));
+  // Until a request is there as soon as its connection is, which keeps the monitor busy.
+  auto keeping = std::async(std::launch::async, [&monitor] {
+    std::string reply;
+    while (!reply.starts_with("HTTP/1.1 200 ")) {
+      RawClient client(monitor.port());
+      client.send("GET /metrics HTTP/1.1\r\n\r\n");
+      reply = client.receiveAll();
+    }
+  });
+  reached.get_future().wait();
+  RawClient waiting(monitor.port());
+  waiting.send("GET /health HTTP/1.1\r\n\r\n");
+  waiting.awaitDelivery();
+  released.set_value();
+  EXPECT_THAT(waiting.receiveAll(), StartsWith("HTTP/1.1 200 "));
+  keeping.wait();
 }
 
 TEST_F(MonitorTest, PortThatIsTakenIsNamed) {
