@@ -43,17 +43,34 @@ configuration() {
     sed -e "s|4480|$server_port|" -e "s|5480|$tls_port|" -e "s|6480|$client_port|" \
       -e "s|connect = search\.example|connect = 127.0.0.1|" >"$work/$1-$2"
   [ -s "$work/$1-$2" ] || fail "docs/server.md shows no $2"
-  printf 'foreground = yes\npid =\n%s\n' "$(cat "$work/$1-$2")" >"$work/$1-$2"
+  printf 'foreground = yes\npid =\ndebug = info\n%s\n' "$(cat "$work/$1-$2")" >"$work/$1-$2"
 }
 
 free_port() {
   python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
 }
 
+# listens PROCESS LOG: that end of a tunnel has its port. False when it has ended without one.
+listens() {
+  until grep -q ' bound to ' "$2"; do
+    kill -0 "$1" 2>/dev/null || return 1
+    sleep 0.1
+  done
+}
+
 # tunnel NAME PORT CERTIFICATE TRUSTED: from a new client_port to this port of the server, which
-# shows the one certificate to a client that trusts the other.
+# shows the one certificate to a client that trusts the other. Others may have taken a port that was
+# free.
 tunnel() {
-  local end
+  for _ in $(seq 10); do
+    if open_tunnel "$@"; then return; fi
+  done
+  fail "no ports for the tunnel $1"
+}
+
+# open_tunnel: the same, false when one of its ports was taken.
+open_tunnel() {
+  local end log
   server_port=$2
   tls_port=$(free_port)
   client_port=$(free_port)
@@ -63,8 +80,11 @@ tunnel() {
     "$work/$1-stunnel-server.conf"
   sed -i "s|/etc/corvaned/certificate|$work/$4|" "$work/$1-stunnel-client.conf"
   for end in server client; do
-    stunnel4 "$work/$1-stunnel-$end.conf" >"$work/$1-stunnel-$end.conf.log" 2>&1 &
+    log=$work/$1-stunnel-$end.conf.log
+    : >"$log"
+    stunnel4 "$work/$1-stunnel-$end.conf" >"$log" 2>&1 &
     started+=($!)
+    listens $! "$log" || return 1
   done
 }
 
@@ -89,11 +109,14 @@ binary_reply() {
   exec 3>&-
 }
 
+passes_binary() { [ "$(binary_reply "$1" "$who" | tr -s ' ')" = ' 0 1' ]; }
+
 served() { [ "$(reply "$1" "$who")" = 'HTTP/1.1 200 OK' ]; }
 
 # turned_away NAME PORT REASON: the client's end of the tunnel ends it for that reason.
 turned_away() {
-  reply "$2" "$who" >"$work/passed"
+  # In a shell of its own: writing into a tunnel that has ended ends the shell.
+  (reply "$2" "$who") >"$work/passed" || true
   grep -q "$3" "$work/$1-stunnel-client.conf.log"
 }
 
@@ -116,8 +139,7 @@ await turned_away misnamed "$client_port" 'Subject checks failed'
 [ ! -s "$work/passed" ] || fail "a server with another name was believed"
 
 tunnel binary "$binary_port" right right
-await binary_reply "$client_port" "$who" >"$work/code"
-[ "$(tr -s ' ' <"$work/code")" = ' 0 1' ] || fail "the binary protocol does not pass"
+await passes_binary "$client_port"
 [ "$(binary_reply "$client_port" "$who." | tr -s ' ')" = ' 1 145' ] ||
   fail "a wrong token passes over the binary protocol"
 
