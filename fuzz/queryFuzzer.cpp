@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -224,6 +225,13 @@ std::optional<Keys> keysIn(corvaned::LocalStore& store, const std::string& name,
   return found;
 }
 
+// What stands before a colon may be a name of metadata.
+bool hasWord(const std::string& text) {
+  return text.find(':') == std::string::npos && std::any_of(text.begin(), text.end(), [](char c) {
+           return std::isalnum(static_cast<unsigned char>(c)) != 0;
+         });
+}
+
 // A sign or an operator that is taken for a word would leave documents out of both, or in both. A
 // query without a word finds nothing, and so does its opposite.
 void checkOpposite(corvaned::LocalStore& store, const std::vector<Document>& documents,
@@ -232,7 +240,11 @@ void checkOpposite(corvaned::LocalStore& store, const std::vector<Document>& doc
   opposite.text = "NOT (" + text + ")";
   const auto others =
       unlessRefused<Keys>(false, [&] { return keysOf(*store.search("whole", opposite)); });
-  if (!others || (found.empty() && others->empty())) return;
+  if (!others) return;
+  if (found.empty() && others->empty()) {
+    require(!hasWord(text), "a query with a word finds something, or its opposite does");
+    return;
+  }
   Keys all;
   std::set_union(found.begin(), found.end(), others->begin(), others->end(),
                  std::back_inserter(all));

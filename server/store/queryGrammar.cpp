@@ -40,7 +40,7 @@ bool isOfName(char32_t c) {
 
 // As the engine has them: between the characters of a word these are part of it,
 bool joinsLetters(char32_t c) {
-  return isAnyOf(U"'&\u00b7\u05f4\u2019\u201b\u200b\u200c\u200d\u2060\ufeff", c);
+  return isAnyOf(U"'&\u00b7\u05f4\u2019\u201b\u2027\u200b\u200c\u200d\u2060\ufeff", c);
 }
 // between digits these,
 bool joinsDigits(char32_t c) {
@@ -196,7 +196,10 @@ class Lexer {
       while (isOfWord(charAt(at_))) ++at_;
       std::size_t end = at_;
       while (endsWord(charAt(end))) ++end;
-      if (!isOfWord(charAt(end))) at_ = end;
+      // An emoji stands apart from what it follows, except for "+" and "-".
+      const bool standsApart = isEmoji(charAt(end)) && charAt(end - 1) == U'#';
+      if (standsApart || !isOfWord(charAt(end))) at_ = end;
+      if (standsApart) continue;
       const char32_t c = charAt(at_);
       const char32_t next = charAt(at_ + 1);
       const bool withinNumber = joinsDigits(c) && isDigit(text_[at_ - 1]) && isDigit(next);
@@ -335,7 +338,7 @@ class Parser {
     if (!isAt(TokenKind::Not)) {
       QueryNode node = sequence();
       if (onlyLeavesOut(node)) {
-        refuseQuery(described(node.without.front().place) +
+        refuseQuery(described(node.place) +
                     " leaves something out only beside a word that must occur; for all other "
                     "documents write NOT");
       }
@@ -358,12 +361,14 @@ class Parser {
     QueryNode node;
     while (at_ < tokens_.size() && !tokens_[at_].joinsSides() && !isAt(TokenKind::Close)) {
       const char32_t sign = tokens_[at_].sign;
+      if (sign == U'-' && node.without.empty()) node.place = tokens_[at_].place;
       QueryNode part = item();
-      part.isRequired = sign == U'+';
+      if (sign == U'+') part.isKept = true;
       (sign == U'-' ? node.without : node.parts).push_back(std::move(part));
     }
-    if (node.parts.size() == 1 && node.without.empty()) return QueryNode(node.parts.front());
-    return node;
+    if (node.parts.size() > 1 || !node.without.empty()) return node;
+    QueryNode only = std::move(node.parts.front());
+    return only;
   }
 
   QueryNode item() {
@@ -382,7 +387,7 @@ class Parser {
     QueryNode node = joined(TokenKind::Or);
     ++at_;
     prefix_ = outer;
-    node.place = open.place;
+    node.isKept = true;
     return node;
   }
 

@@ -44,6 +44,7 @@ struct QueryNode {
   };
 
   Kind kind = Kind::All;
+  /// Of words, and of the first of `without`.
   QueryPlace place;
   std::vector<QueryNode> parts;
   std::vector<QueryNode> without;
@@ -53,7 +54,8 @@ struct QueryNode {
   /// The prefix of the metadata that is asked for. None: the content.
   std::string prefix;
   bool isPhrase = false;
-  bool isRequired = false;
+  /// Also if it is a stop word: behind "+", and alone in brackets.
+  bool isKept = false;
 
   /// The largest distance between two neighbours.
   std::uint32_t distance = 0;

@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <iterator>
 #include <optional>
 #include <set>
 #include <sstream>
@@ -56,9 +55,9 @@ class QueryBuilder {
       case Kind::Adjacent:
         return nearness(node, Query::OP_PHRASE);
       case Kind::All:
-        return allBut(withoutStopWords(node.parts), node.without);
+        return without(joined(Query::OP_AND, node.parts, hasOnlyStopWords(node.parts)), node);
       case Kind::And:
-        return allBut(node.parts, node.without);
+        return without(joined(Query::OP_AND, node.parts), node);
       case Kind::Or:
         return joined(Query::OP_OR, node.parts);
       case Kind::Xor:
@@ -69,30 +68,29 @@ class QueryBuilder {
     return {};
   }
 
-  Query allBut(const std::vector<QueryNode>& parts, const std::vector<QueryNode>& without) {
-    const Query all = joined(Query::OP_AND, parts);
-    return without.empty() ? all : Query(Query::OP_AND_NOT, all, joined(Query::OP_OR, without));
+  Query without(const Query& all, const QueryNode& node) {
+    if (node.without.empty()) return all;
+    return {Query::OP_AND_NOT, all, joined(Query::OP_OR, node.without)};
   }
 
-  Query joined(Query::op by, const std::vector<QueryNode>& parts) {
+  Query joined(Query::op by, const std::vector<QueryNode>& parts, bool withStopWords = true) {
     std::vector<Query> queries;
     for (const QueryNode& part : parts) {
+      if (!withStopWords && isStopWord(part)) continue;
       Query query = made(part);
       if (!query.empty()) queries.push_back(std::move(query));
     }
     return {by, queries.begin(), queries.end()};
   }
 
-  // Of stop words alone a query would find nothing.
-  std::vector<QueryNode> withoutStopWords(const std::vector<QueryNode>& parts) const {
-    std::vector<QueryNode> others;
-    std::copy_if(parts.begin(), parts.end(), std::back_inserter(others),
-                 [this](const QueryNode& part) { return !isStopWord(part); });
-    return others.empty() ? parts : others;
+  // Without them it would find nothing.
+  bool hasOnlyStopWords(const std::vector<QueryNode>& parts) const {
+    return std::all_of(parts.begin(), parts.end(),
+                       [this](const QueryNode& part) { return isStopWord(part); });
   }
 
   bool isStopWord(const QueryNode& node) const {
-    return !stopWords_.empty() && node.kind == Kind::Words && !node.isPhrase && !node.isRequired &&
+    return !stopWords_.empty() && node.kind == Kind::Words && !node.isPhrase && !node.isKept &&
            stopWords_.count(lowerText(node.text)) != 0;
   }
 
@@ -128,7 +126,14 @@ class QueryBuilder {
     std::vector<Query> queries;
     std::istringstream words(text);
     for (std::string word; words >> word;) {
-      queries.push_back(parsed(word, Parser::FLAG_WILDCARD, node.prefix));
+      Query query = parsed(word, Parser::FLAG_WILDCARD, node.prefix);
+      if (areInitials(word) && keepsPositions_) {
+        // So a document has them that has small ones, or Chinese in front of them.
+        const Query apart = parsed(lowerText(word), Parser::FLAG_WILDCARD, node.prefix);
+        query = Query(Query::OP_OR, query, apart);
+      }
+      // Signs alone are no word.
+      if (!query.empty()) queries.push_back(std::move(query));
     }
     return {Query::OP_AND, queries.begin(), queries.end()};
   }
@@ -145,7 +150,7 @@ class QueryBuilder {
   // query is known to have few words.
   void noteLongWords(const Query& query) {
     constexpr std::size_t kShown = 20;
-    for (auto term = query.get_terms_begin(); term != query.get_terms_end(); ++term) {
+    for (auto term = query.get_unique_terms_begin(); term != query.get_terms_end(); ++term) {
       for (auto form = parser_.unstem_begin(*term); form != parser_.unstem_end(*term); ++form) {
         const std::string word = *form;
         if (longWord_ || word.size() <= kMaxWordBytes) continue;

@@ -20,7 +20,8 @@ bool isAscii(std::string_view text) {
 // As the engine does it to the words of documents.
 void appendLower(std::string& out, std::string_view text) {
   for (Xapian::Utf8Iterator c(text.data(), text.size()); c != Xapian::Utf8Iterator(); ++c) {
-    Xapian::Unicode::append_utf8(out, Xapian::Unicode::tolower(*c));
+    const bool isApostrophe = *c == 0x2019 || *c == 0x201b;
+    Xapian::Unicode::append_utf8(out, isApostrophe ? '\'' : Xapian::Unicode::tolower(*c));
   }
 }
 
@@ -123,6 +124,10 @@ std::string lowerQueryWords(std::string_view words) {
     words.remove_prefix(length);
   }
   return result;
+}
+
+bool areInitials(std::string_view word) {
+  return !word.empty() && lengthOfInitials(word) == word.size();
 }
 
 bool isUtf8(std::string_view bytes) {

@@ -25,6 +25,9 @@ std::string lowerText(std::string_view text);
 /// stem, so German nouns and the first word of a sentence would find too little.
 std::string lowerQueryWords(std::string_view words);
 
+/// Whether the word of a query is nothing but initials in capitals.
+bool areInitials(std::string_view word);
+
 /// True if the bytes are well-formed UTF-8.
 bool isUtf8(std::string_view bytes);
 

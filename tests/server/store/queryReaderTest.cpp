@@ -114,6 +114,7 @@ TEST_F(QueryReaderTest, WhatMeansNothingPartsWords) {
              {"a[b] c=d <e>", "(a AND b AND c AND d AND e)"},
              {"app*e red^3 apple~2", "(app AND e AND red AND 3 AND apple AND 2)"},
              {"fox () (...) \"...\"", "fox"},
+             {std::string(kFox) + "/" + kFox + "@a", "(xemoji129418 AND xemoji129418 AND a)"},
              {"(((a))) (b)", "(a AND b)"},
              {"- + * \" \" .. ()", ""}});
   expectRefused({{"fox AND (..)", "the \"AND\" at character 5 has nothing behind it"},
@@ -123,6 +124,7 @@ TEST_F(QueryReaderTest, WhatMeansNothingPartsWords) {
 TEST_F(QueryReaderTest, SignsWithinAWordAreOfItOrJoinIt) {
   expectAll({{"don't AT&T x_y", "(don't AND at&t AND x_y)"},
              {"C++ C# A+ c++-x", "(c++ AND c# AND a+ AND (c++ PHRASE 2 x))"},
+             {"con\u2027cept C#\U0001F98A", "(con\u2027cept AND (c# AND xemoji129418))"},
              {"3.14 1,000 1;2", "(3.14 AND 1,000 AND 1;2)"},
              {"a.b a..b a::b a/-b",
               "((a PHRASE 2 b) AND (a PHRASE 2 b) AND (a PHRASE 2 b) AND "
@@ -131,10 +133,10 @@ TEST_F(QueryReaderTest, SignsWithinAWordAreOfItOrJoinIt) {
 }
 
 TEST_F(QueryReaderTest, InitialsAreOneWordIfTheyAreCapitals) {
-  expectAll({{"U.S.A. army", "(usa AND army)"},
-             {"J.R.R. Tolkien", "(jrr AND tolkien)"},
+  expectAll({{"U.S.A. army", "((usa OR (u PHRASE 3 s PHRASE 3 a)) AND army)"},
+             {"-J.R. tolkien", "(tolkien AND_NOT (jr OR (j PHRASE 2 r)))"},
              {"\"the U.S. army\"", "(the PHRASE 3 us PHRASE 3 army)"},
-             {"title:U.S.A", "XAAusa"},
+             {"title:U.S", "(XAAus OR (XAAu PHRASE 2 XAAs))"},
              {"u.s. A. A.b", "((u PHRASE 2 s) AND a AND (a PHRASE 2 b))"},
              {"U.S.Army XU.S.", "((u PHRASE 3 s PHRASE 3 army) AND (xu PHRASE 2 s))"}});
 }

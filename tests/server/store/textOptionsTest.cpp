@@ -188,6 +188,33 @@ TEST_F(TextOptionsTest, StopWordsAreLeftOutOfQueries) {
   EXPECT_THAT(keys("the"), ElementsAre("b")) << "there is nothing else";
   EXPECT_THAT(keys("to be"), ElementsAre("c"));
   EXPECT_THAT(keys("fox NOT the"), ElementsAre("a"));
+  EXPECT_THAT(keys("fox -the"), ElementsAre("a"));
+  EXPECT_THAT(keys("the -fox"), IsEmpty()) << "there is nothing else to take from";
+  EXPECT_THAT(keys("to -fox"), ElementsAre("c"));
+  for (const char* query :
+       {"(the) fox", "fox ((the))", "fox (+the)", "fox AND the", "(the the) fox"})
+    EXPECT_THAT(keys(query), ElementsAre("b")) << query;
+  EXPECT_THAT(keys("the \"fox\""), ElementsAre("a", "b"));
+  EXPECT_THAT(keys("to the +fox"), ElementsAre("a", "b"));
+}
+
+TEST_F(TextOptionsTest, ApostropheOfAStopWordIsOneOfAnyKind) {
+  TextOptions options;
+  options.stopWords = {"don't"};
+  create(options);
+  add("a", "I don\u2019t go");
+  add("b", "go");
+  store_->updateIndex("c");
+  for (const char* query : {"don't go", "don\u2019t go", "don\u201bt go"})
+    EXPECT_THAT(keys(query), ElementsAre("a", "b")) << query;
+}
+
+TEST_F(TextOptionsTest, PhraseThatCannotBeSoughtIsNamedWhereItIs) {
+  TextOptions options;
+  options.keepsPositions = false;
+  create(options);
+  EXPECT_THAT(refusal(ErrorKind::BadQuery, [&] { keys("a ((\"b c\"))"); }),
+              HasSubstr("the phrase at character 5"));
 }
 
 TEST_F(TextOptionsTest, OnlyMarkedMetadataIsSearchedIfThatIsChosen) {
