@@ -4,7 +4,9 @@
 #include <vector>
 
 #include "tests/cli/scriptedRun.h"
+#include "tests/support/binaryReplies.h"
 #include "tests/support/replyCorpus.h"
+#include "tests/support/scriptedNetwork.h"
 
 using namespace corvane;
 using namespace corvane::test;
@@ -87,9 +89,12 @@ TEST(List, ThatIsEmptySaysSoToAPerson) {
 }
 
 TEST(List, ThatBreaksOffBetweenPagesIsCutOff) {
-  ScriptedServer server(
-      answers({outcomes({{"books", "ZVK0101I", "documents=1"}})}).expectRequest().stall());
-  const Result result = runAgainst(server, {"list", "--json", "--timeout", "50"});
+  const std::string page =
+      word16(1) +
+      envelope(1, record16({{"Doc", "books"}, {"MsgId", "ZVK0101I"}, {"MsgText", "documents=1"}})) +
+      endOfResults();
+  ScriptedNetwork network(Script().expectFramedRequest().send(page).expectFramedRequest().stall());
+  const Result result = runInMemory({"list", "--json", "--timeout", "50"});
   EXPECT_EQ(result.code, ExitCode::Truncated);
   EXPECT_EQ(result.out, "{\"collection\":\"books\",\"documents\":1}\n");
   EXPECT_TRUE(contains(result.err, "was cut off after 1 collection (")) << result.err;
@@ -153,10 +158,8 @@ TEST(Keys, OfAnEmptyRangeSaySo) {
 }
 
 TEST(Keys, ThatStopInTheMiddleOfAStreamAreCutOff) {
-  Reply reply{"x", kStreamSearch, 200, hits({{"base64:YQ==", ""}})};
-  const auto text = chunkedAt(reply, {reply.body.size()}, false).text;
-  ScriptedServer server(answers({text}).stall());
-  const Result result = runAgainst(server, {"keys", "books", "--timeout", "50"});
+  ScriptedNetwork network(Script().expectFramedRequest().send(word16(1) + plainHit("a")).stall());
+  const Result result = runInMemory({"keys", "books", "--timeout", "50"});
   EXPECT_EQ(result.code, ExitCode::Truncated);
   EXPECT_EQ(result.out, "a\n");
   EXPECT_TRUE(contains(result.err, "was cut off after 1 key (")) << result.err;

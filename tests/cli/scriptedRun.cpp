@@ -33,6 +33,11 @@ Result runOverBinary(const ScriptedServer& server, std::vector<std::string> argu
   return runProgram(arguments);
 }
 
+Result runInMemory(std::vector<std::string> arguments) {
+  arguments.insert(arguments.end(), {"--port", "4481"});
+  return runProgram(arguments);
+}
+
 Result load(const ScriptedServer& server, const std::string& lines,
             const std::vector<std::string>& options) {
   std::vector<std::string> arguments{"load", "books", "-"};

@@ -25,6 +25,10 @@ Result runProgram(const std::vector<std::string>& arguments, const std::string& 
 Result runAgainst(const tq::test::ScriptedServer& server, std::vector<std::string> arguments,
                   const std::string& input = {});
 Result runOverBinary(const tq::test::ScriptedServer& server, std::vector<std::string> arguments);
+/// Over the binary protocol and the network in memory that there must be, whose clock moves only
+/// during waits: what comes in time does so on any machine. (Over the HTTP-style protocol a thread
+/// of the program's own would watch the time.)
+Result runInMemory(std::vector<std::string> arguments);
 
 /// Loads these lines into "books".
 Result load(const tq::test::ScriptedServer& server, const std::string& lines,

@@ -7,6 +7,7 @@
 #include "tests/cli/scriptedRun.h"
 #include "tests/support/binaryReplies.h"
 #include "tests/support/replyCorpus.h"
+#include "tests/support/scriptedNetwork.h"
 
 using namespace corvane;
 using namespace corvane::test;
@@ -51,8 +52,8 @@ TEST(Failure, TextFromTheServerCannotSteerTheTerminal) {
 }
 
 TEST(Failure, OfASilentServerNamesTheTimeOut) {
-  ScriptedServer server(Script().expectRequest().stall());
-  const Result result = runAgainst(server, {"status", "--timeout", "50"});
+  ScriptedNetwork network(Script().expectFramedRequest().stall());
+  const Result result = runInMemory({"status", "--timeout", "50"});
   EXPECT_EQ(result.code, ExitCode::Failed);
   EXPECT_TRUE(contains(result.err, "gave no answer within 50 ms")) << result.err;
   EXPECT_TRUE(contains(result.err, "--timeout")) << result.err;
@@ -181,15 +182,16 @@ TEST(Repeating, ThatDidNotHelpSaysWhatMayHaveBeenDone) {
 
 // A time-out for each attempt would make two of them, with a connection each.
 TEST(TimeOut, CountsForTheRequestAndNotForEachAttempt) {
-  ScriptedServer server(Script().expectRequest().stall());
-  const Result result = runAgainst(server, {"update", "books", "--timeout", "50"});
+  ScriptedNetwork network(Script().expectFramedRequest().stall());
+  const Result result = runInMemory({"update", "books", "--timeout", "50"});
   EXPECT_EQ(result.code, ExitCode::Failed);
   EXPECT_TRUE(contains(result.err, "gave no answer within 50 ms")) << result.err;
   EXPECT_TRUE(contains(result.err,
                        "; the server may still be updating, which "
                        "'corvane status books' tells\n"))
       << result.err;
-  EXPECT_EQ(server.connections(), 1U);
+  EXPECT_EQ(network.connections(), 1U);
+  EXPECT_EQ(network.elapsedMillis(), 50U);
 }
 
 TEST(Refused, QueriesThatTheHeaderCannotHoldAreNeverSent) {

@@ -6,6 +6,7 @@
 #include "tests/cli/scriptedRun.h"
 #include "tests/support/binaryReplies.h"
 #include "tests/support/replyCorpus.h"
+#include "tests/support/scriptedNetwork.h"
 
 using namespace corvane;
 using namespace corvane::test;
@@ -259,10 +260,9 @@ TEST(Search, ThatIsCutOffShowsWhatCameAndExitsWithItsOwnCode) {
 }
 
 TEST(Search, ThatStopsInTheMiddleOfAStreamIsCutOffToo) {
-  Reply reply{"x", kStreamSearch, 200, hits({{"base64:YQ==", "3"}})};
-  const auto text = chunkedAt(reply, {reply.body.size()}, false).text;
-  ScriptedServer server(answers({text}).stall());
-  const Result result = runAgainst(server, {"search", "books", "q", "--timeout", "50"});
+  ScriptedNetwork network(
+      Script().expectFramedRequest().send(word16(1) + scoredHit(3000, "a")).stall());
+  const Result result = runInMemory({"search", "books", "q", "--timeout", "50"});
   EXPECT_EQ(result.code, ExitCode::Truncated);
   EXPECT_EQ(result.out, "    1    3.000  a\n");
   EXPECT_TRUE(contains(result.err, "within 50 ms")) << result.err;
