@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <linux/sockios.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -83,6 +84,11 @@ std::size_t RawClient::receiveInto(char* buffer, std::size_t size) {
   const ssize_t count = ::recv(socket_, buffer, size, 0);
   if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) fail("the server does not answer");
   return count < 0 ? 0 : static_cast<std::size_t>(count);
+}
+
+bool RawClient::hasBytes() const {
+  pollfd waiting{socket_, POLLIN, 0};
+  return ::poll(&waiting, 1, 0) > 0;
 }
 
 std::string RawClient::receive(std::size_t count) {

@@ -25,6 +25,8 @@ class RawClient {
   void endSending();
   void reset();
 
+  /// Whether something has come that was not received yet, or the connection has ended.
+  bool hasBytes() const;
   /// Exactly that many bytes, fewer when the connection ends first.
   std::string receive(std::size_t count);
   /// Everything up to the end of the connection.

@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 #include <spdlog/spdlog.h>
 #include <sys/resource.h>
+#include <xapian.h>
 
 #include <atomic>
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -23,6 +25,7 @@
 #include "server/base/requestContext.h"
 #include "server/front/outlet.h"
 #include "server/front/server.h"
+#include "server/store/indexReaders.h"
 #include "server/store/localStore.h"
 #include "tests/server/logLines.h"
 #include "tests/server/rawClient.h"
@@ -148,6 +151,41 @@ class TestStore : public LocalStore {
       throw;
     }
   }
+};
+
+/// Holds the commits of an index up, as a search does that they have overtaken too often: each
+/// waits a second. The collection must have as many documents as a search is overtaken, and one
+/// more.
+class HeldCommits {
+ public:
+  static constexpr int kDocuments = IndexReaders::kFreeAttempts + 1;
+
+  HeldCommits(Store& store, const std::string& name) {
+    std::promise<void> holds;
+    thread_ = std::thread([&store, &holds, name, ended = ended_.get_future()] {
+      SearchQuery everything;
+      everything.everything = true;
+      everything.order = HitOrder::Key;
+      everything.size = kDocuments;
+      int seen = 0;
+      store.visit(name, everything, [&](const Document&) {
+        if (++seen < kDocuments) throw Xapian::DatabaseModifiedError("overtaken");
+        holds.set_value();
+        ended.wait();
+      });
+    });
+    holds.get_future().wait();
+  }
+  ~HeldCommits() {
+    ended_.set_value();
+    thread_.join();
+  }
+  HeldCommits(const HeldCommits&) = delete;
+  HeldCommits& operator=(const HeldCommits&) = delete;
+
+ private:
+  std::promise<void> ended_;
+  std::thread thread_;
 };
 
 class FrontTest : public ::testing::Test {
@@ -610,17 +648,23 @@ TEST_F(BackupFrontTest, BackupsThatWaitForEachOtherTakeNoWorker) {
 
 TEST_F(FrontTest, UpdatesThatAreAwaitedTakeNoWorkerFromTheOthers) {
   RawClient setup(http_);
-  std::string documents;
   for (const char* name : {"c", "large"}) {
     EXPECT_EQ(httpAsk(setup, {{"action", "createCollection"}, {"index", name}}), kDone);
   }
-  for (int i = 0; i < 3000; ++i) {
-    documents += httpRequest({{"action", "asyncAddDocument"}, {"index", "large"}},
-                             documentBlock("k" + std::to_string(i), {}, "fox"));
-  }
-  EXPECT_TRUE(setup.send(documents));
-  EXPECT_THAT(httpAsk(setup, {{"action", "getParseResult"}, {"index", "large"}}),
-              StartsWith(kDone));
+  const auto addToLarge = [&](int from, int to) {
+    std::string documents;
+    for (int i = from; i < to; ++i) {
+      documents += httpRequest({{"action", "asyncAddDocument"}, {"index", "large"}},
+                               documentBlock("k" + std::to_string(i), {}, "fox"));
+    }
+    EXPECT_TRUE(setup.send(documents));
+    EXPECT_THAT(httpAsk(setup, {{"action", "getParseResult"}, {"index", "large"}}),
+                StartsWith(kDone));
+  };
+  addToLarge(0, HeldCommits::kDocuments);
+  EXPECT_EQ(httpAsk(setup, {{"action", "updateIndex"}, {"index", "large"}}), kDone);
+  addToLarge(HeldCommits::kDocuments, 3000);
+  const HeldCommits held(store_, "large");
   std::vector<RawClient> http;
   std::vector<RawClient> binary;
   const Headers update{{"action", "updateIndex"}, {"index", "large"}};
