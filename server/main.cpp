@@ -29,6 +29,7 @@
 #include "server/accountCommand.h"
 #include "server/base/descriptorBudget.h"
 #include "server/base/memoryBudget.h"
+#include "server/faults/faultPlan.h"
 #include "server/faults/faultScript.h"
 #include "server/faults/faultyOutlet.h"
 #include "server/front/dispatcher.h"
@@ -225,7 +226,8 @@ Options optionsOf(int argc, char** argv) {
 
 void loadFaults(Options& options) {
   if (options.faultScript.empty()) return;
-  options.server.outlets = faultyOutlets(loadFaultScript(options.faultScript));
+  options.server.outlets =
+      faultyOutlets(std::make_shared<FaultPlan>(loadFaultScript(options.faultScript)));
 }
 
 void startLog(const std::string& level) {

@@ -32,6 +32,7 @@ bool FaultPlan::picks(std::size_t index, std::uint64_t number) const {
 
 Faults FaultPlan::next(Framing framing, std::string_view action) {
   const std::lock_guard lock(mutex_);
+  ++begun_;
   const FaultRule* picked = nullptr;
   for (std::size_t i = 0; i < script_.rules.size(); ++i) {
     const FaultRule& rule = script_.rules[i];
@@ -41,6 +42,11 @@ Faults FaultPlan::next(Framing framing, std::string_view action) {
     if (picked == nullptr && picks(i, number)) picked = &rule;
   }
   return picked == nullptr ? Faults{} : picked->faults;
+}
+
+std::uint64_t FaultPlan::begun() const {
+  const std::lock_guard lock(mutex_);
+  return begun_;
 }
 
 }  // namespace corvaned

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <mutex>
 #include <string_view>
 #include <vector>
@@ -19,11 +20,15 @@ class FaultPlan {
   /// it.
   Faults next(Framing framing, std::string_view action);
 
+  /// How many replies have begun.
+  std::uint64_t begun() const;
+
  private:
   bool picks(std::size_t rule, std::uint64_t number) const;
 
   const FaultScript script_;
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
+  std::uint64_t begun_ = 0;            // Guarded by mutex_.
   std::vector<std::uint64_t> counts_;  // One a rule. Guarded by mutex_.
 };
 

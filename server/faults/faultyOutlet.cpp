@@ -148,8 +148,7 @@ std::unique_ptr<ReplyEncoder> FaultyOutlet::reply(std::unique_ptr<ReplyEncoder> 
 
 class FaultyOutlets : public OutletFactory {
  public:
-  explicit FaultyOutlets(FaultScript script)
-      : plan_(std::make_shared<FaultPlan>(std::move(script))) {}
+  explicit FaultyOutlets(std::shared_ptr<FaultPlan> plan) : plan_(std::move(plan)) {}
 
   std::unique_ptr<Outlet> make(ClientSocket& socket, Framing framing) override {
     return std::make_unique<FaultyOutlet>(socket, framing, plan_);
@@ -161,8 +160,8 @@ class FaultyOutlets : public OutletFactory {
 
 }  // namespace
 
-std::shared_ptr<OutletFactory> faultyOutlets(FaultScript script) {
-  return std::make_shared<FaultyOutlets>(std::move(script));
+std::shared_ptr<OutletFactory> faultyOutlets(std::shared_ptr<FaultPlan> plan) {
+  return std::make_shared<FaultyOutlets>(std::move(plan));
 }
 
 }  // namespace corvaned

@@ -2,13 +2,12 @@
 
 #include <memory>
 
-#include "server/faults/faultScript.h"
-
 namespace corvaned {
 
+class FaultPlan;
 class OutletFactory;
 
-/// Outlets that share one script: it counts the replies of all connections together.
-std::shared_ptr<OutletFactory> faultyOutlets(FaultScript script);
+/// Outlets that share one plan: it counts the replies of all connections together.
+std::shared_ptr<OutletFactory> faultyOutlets(std::shared_ptr<FaultPlan> plan);
 
 }  // namespace corvaned
