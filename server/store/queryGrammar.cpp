@@ -70,7 +70,9 @@ struct Token {
 class Lexer {
  public:
   Lexer(const std::string& normal, const IndexNames& names) : names_(names) {
-    for (Xapian::Utf8Iterator c(normal); c != Xapian::Utf8Iterator(); ++c) text_ += *c;
+    for (Xapian::Utf8Iterator c(normal); c != Xapian::Utf8Iterator(); ++c) {
+      text_ += static_cast<char32_t>(*c);
+    }
   }
 
   std::vector<Token> tokens() {
