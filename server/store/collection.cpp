@@ -186,17 +186,10 @@ std::shared_ptr<Ticket> Collection::add(const Document& document) {
 
 void Collection::queue(const Document& document, const std::string& client) {
   checkSize(document);
-  const Journal::Place place = append({ChangeKind::Put, document});
-  const bool isImmediate = refresh_.mode == Refresh::Mode::Immediate;
-  // Without a name the refusal of a document goes to whoever asks first, whoever queued it.
-  if (client.empty() && !isImmediate) {
-    outcomes_->forgetOwner(document.key, place.end);
-  } else {
-    outcomes_->setOwner(document.key, client, place.end);
-  }
+  const Journal::Place place = appendOf(document, client);
   pushOutcome({document.key, {}, {}}, place.ticket, client);
   requestEarly(place);
-  if (isImmediate) requestRound();
+  if (refresh_.mode == Refresh::Mode::Immediate) requestRound();
 }
 
 // So many changes are not left to the end of the interval. An index that is updated on request only
@@ -1086,6 +1079,22 @@ Journal::Place Collection::append(const Change& change, const std::shared_ptr<Ti
   const std::shared_lock gate(gate_);
   requireActive();
   return appendBehindGate(change, ticket);
+}
+
+// An update that takes the document finds whose it is.
+Journal::Place Collection::appendOf(const Document& document, const std::string& client) {
+  const std::shared_lock gate(gate_);
+  requireActive();
+  noteLackedBatch();
+  const std::lock_guard lock(awaitedMutex_);
+  const Journal::Place place = appendAndNote({ChangeKind::Put, document});
+  // Without a name the refusal of a document goes to whoever asks first, whoever queued it.
+  if (client.empty() && refresh_.mode != Refresh::Mode::Immediate) {
+    outcomes_->forgetOwner(document.key, place.end);
+  } else {
+    outcomes_->setOwner(document.key, client, place.end);
+  }
+  return place;
 }
 
 Journal::Place Collection::appendIfThere(const Change& change,

@@ -225,6 +225,7 @@ class Collection {
   };
 
   Journal::Place append(const Change& change, const std::shared_ptr<Ticket>& ticket = nullptr);
+  Journal::Place appendOf(const Document& document, const std::string& client);
   Journal::Place appendIfThere(const Change& change, const std::shared_ptr<Ticket>& ticket);
   Journal::Place appendBehindGate(const Change& change, const std::shared_ptr<Ticket>& ticket);
   Journal::Place appendAndNote(const Change& change);
@@ -366,8 +367,9 @@ class Collection {
   const ServerError noMemory_{ErrorKind::OutOfMemory,
                               "there is not enough memory to update the index"};
 
-  // Held while a change is appended for which somebody waits, and while it is decided what part of
-  // the journal a job is of: so the job has all who wait for a change of that part.
+  // Held while a change is appended for which somebody waits or which is somebody's, and while it
+  // is decided what part of the journal a job is of: so the job has all who wait for a change of
+  // that part, and whoever it is of is known.
   std::mutex awaitedMutex_;
 
   mutable std::mutex jobsMutex_;

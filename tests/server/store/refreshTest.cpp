@@ -38,6 +38,7 @@ namespace {
 using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 using ::testing::Not;
 
 constexpr Refresh kImmediate{Refresh::Mode::Immediate, {}};
@@ -174,6 +175,34 @@ TEST_F(RefreshTest, ManyClientsFindWhatTheyHaveAdded) {
   restart();
   EXPECT_EQ(hits("fox"), 80U);
   awaitHits(80);
+}
+
+// However soon the index takes a document after it was queued.
+TEST_F(RefreshTest, WhatTheIndexLeavesOutIsToldToWhoeverQueuedIt) {
+  constexpr std::size_t kEach = 300;
+  store_->createCollection("c", "en", kImmediate);
+  {
+    std::vector<std::jthread> hosts;
+    for (const char* name : {"ada", "ben"}) {
+      hosts.emplace_back([this, name] {
+        for (std::size_t i = 0; i < kEach; ++i) {
+          store_->queueDocument("c", {kRefusedKey + name + std::to_string(i), {}, "fox"}, name);
+        }
+      });
+    }
+  }
+  for (const std::string name : {"ada", "ben"}) {
+    std::set<std::string> refused;
+    while (refused.size() < kEach) {
+      EXPECT_THAT(store_->takeParseOutcomes("c", ""), IsEmpty());
+      if (HasFailure()) return;
+      for (const ParseOutcome& outcome : store_->takeParseOutcomes("c", name)) {
+        EXPECT_THAT(outcome.key, HasSubstr(name));
+        if (!outcome.messageId.empty()) refused.insert(outcome.key);
+      }
+      std::this_thread::yield();
+    }
+  }
 }
 
 TEST_F(RefreshTest, ChangesBecomeSearchableAfterTheInterval) {
