@@ -12,8 +12,8 @@ namespace corvane {
 struct Session;
 
 /// Asks the server's port for its status in the protocol that was not chosen. Returns a line for a
-/// person when it answers, and nothing otherwise. For a request that has
-/// failed: takes three seconds at most.
+/// person when it answers, and nothing otherwise. For a request that has failed: takes three
+/// seconds at most.
 std::optional<std::string> otherProtocolSpoken(const Settings& settings);
 
 /// Watches the wait for the first answer over the HTTP-style protocol. A server's binary port may
