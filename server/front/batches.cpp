@@ -108,6 +108,10 @@ Reply batchOutcome(const Service& service, const Request& request) {
     reply.lines.push_back({name, kAppliedLine,
                            fmt::format("documents={} deletions={} unknown={}", outcome.documents,
                                        outcome.deletions, outcome.unknown)});
+    if (!outcome.leftOut.empty()) {
+      const std::string_view id = messageId(ErrorKind::DocumentsNotIndexed);
+      reply.lines.push_back({name, std::string(id), outcome.leftOut});
+    }
     return reply;
   }
   reply.lines.push_back({name, std::string(messageId(ErrorKind::BatchRefused)),

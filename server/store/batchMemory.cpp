@@ -11,7 +11,6 @@
 #include <utility>
 #include <vector>
 
-#include "server/base/bytes.h"
 #include "server/store/checksum.h"
 #include "server/store/damage.h"
 #include "server/store/files.h"
@@ -23,6 +22,8 @@ constexpr std::string_view kMagic = "KRB1";
 constexpr std::size_t kChecksumBytes = 4;
 // What a batch or a series takes in memory beside its names.
 constexpr std::size_t kCost = 250;
+// What is said of what the index has left out of a batch.
+constexpr std::size_t kLeftOutCost = 1000;
 
 class Hash {
  public:
@@ -124,7 +125,11 @@ std::filesystem::path BatchMemory::pathIn(const std::filesystem::path& collectio
 std::optional<BatchMemory::Known> BatchMemory::find(const std::string& name) const {
   const std::lock_guard lock(mutex_);
   const auto found = now_.known.find(name);
-  return found == now_.known.end() ? std::nullopt : std::optional(found->second);
+  if (found == now_.known.end()) return std::nullopt;
+  std::optional known = found->second;
+  const auto leftOut = now_.leftOut.find(name);
+  if (leftOut != now_.leftOut.end()) known->outcome.leftOut = leftOut->second;
+  return known;
 }
 
 bool BatchMemory::isOld(const std::string& name) const {
@@ -144,6 +149,14 @@ void BatchMemory::note(const BatchEntry& batch, std::uint64_t ticket) {
   const std::lock_guard lock(mutex_);
   remember(batch.name, {batch.digest, outcomeOf(batch), ticket});
   if (!batch.changes.newMark.empty()) now_.mark = batch.changes.newMark;
+  ++notes_;
+}
+
+void BatchMemory::noteLeftOut(const std::string& name, std::string leftOut) {
+  const std::lock_guard lock(mutex_);
+  if (!now_.known.contains(name)) return;
+  now_.leftOut.insert_or_assign(name, std::move(leftOut));
+  chargeMemory();
   ++notes_;
 }
 
@@ -174,10 +187,16 @@ void BatchMemory::endReplay() {
 
 void BatchMemory::remember(const std::string& name, Known known) {
   if (!now_.known.insert_or_assign(name, std::move(known)).second) std::erase(now_.names, name);
+  now_.leftOut.erase(name);
   now_.names.push_back(name);
   use(name);
   if (now_.names.size() > kBatches) forgetOldest();
-  memory_.force((now_.known.size() + now_.series.size()) * (kMaxBatchName + kCost));
+  chargeMemory();
+}
+
+void BatchMemory::chargeMemory() {
+  memory_.force((now_.known.size() + now_.series.size()) * (kMaxBatchName + kCost) +
+                now_.leftOut.size() * kLeftOutCost);
 }
 
 void BatchMemory::use(const std::string& name) {
@@ -189,6 +208,7 @@ void BatchMemory::use(const std::string& name) {
 
 void BatchMemory::forgetOldest() {
   now_.known.erase(now_.names.front());
+  now_.leftOut.erase(now_.names.front());
   if (const auto numbered = numberedName(now_.names.front())) {
     forget(numbered->series, numbered->number);
   }
@@ -250,6 +270,13 @@ std::string BatchMemory::encoded() const {
     appendText(bytes, name);
     appendU64(bytes, known.number);
   }
+  if (!now_.leftOut.empty()) {
+    appendU32(bytes, static_cast<std::uint32_t>(now_.leftOut.size()));
+    for (const auto& [name, leftOut] : now_.leftOut) {
+      appendText(bytes, name);
+      appendText(bytes, leftOut);
+    }
+  }
   appendU32(bytes, checksumOf(bytes));
   return bytes;
 }
@@ -278,6 +305,18 @@ bool BatchMemory::decode(std::string_view bytes) {
     if (!takeText(reader, name) || !takeNumber(reader, number)) return false;
     forget(name, number);
   }
+  return reader.empty() || decodeLeftOut(reader);
+}
+
+// Earlier versions refuse a file that has this, and otherwise read what this one makes.
+bool BatchMemory::decodeLeftOut(ByteReader& reader) {
+  for (auto left = reader.u32().value_or(0); left > 0; --left) {
+    std::string name;
+    std::string leftOut;
+    if (!takeText(reader, name) || !takeText(reader, leftOut)) return false;
+    now_.leftOut.insert_or_assign(name, std::move(leftOut));
+  }
+  chargeMemory();
   return reader.empty();
 }
 

@@ -3,12 +3,14 @@
 #include <cstdint>
 #include <deque>
 #include <filesystem>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 
+#include "server/base/bytes.h"
 #include "server/base/memoryBudget.h"
 #include "server/store/change.h"
 
@@ -33,6 +35,8 @@ BatchOutcome outcomeOf(const BatchEntry& batch);
 ///     documents, deletions and deletions that found nothing (8 bytes each)
 ///     the number of series (4 bytes), and of each, the one used longest ago first: its name, the
 ///     highest forgotten number (8 bytes)
+///     only if there are any: the number of batches of which the index has left something out
+///     (4 bytes), and of each its name and what was said of that
 ///     CRC-32 of the bytes before (4 bytes)
 ///
 /// May be used from any thread. Errors are ServerError(StorageFailed).
@@ -58,6 +62,8 @@ class BatchMemory {
 
   /// In the order in which the batches were accepted. One that is known already is then the latest.
   void note(const BatchEntry& batch, std::uint64_t ticket);
+  /// What the index left out of the batch, in words. Does nothing if the batch is not known.
+  void noteLeftOut(const std::string& name, std::string leftOut);
   /// What the journal brings when it is opened, from before and after the file was made.
   void replay(const BatchEntry& batch);
   /// The journal has brought all.
@@ -88,14 +94,17 @@ class BatchMemory {
     std::string mark;
     std::deque<std::string> names;
     std::unordered_map<std::string, Known> known;
+    std::map<std::string, std::string> leftOut;
     std::unordered_map<std::string, Series> series;
   };
 
   bool decode(std::string_view bytes);
+  bool decodeLeftOut(ByteReader& reader);
   std::string encoded() const;
   /// Whether the latest batches that were replayed are the latest of the file.
   bool endsAsFile() const;
   void remember(const std::string& name, Known known);
+  void chargeMemory();
   void use(const std::string& name);
   void forgetOldest();
   void forget(const std::string& series, std::uint64_t number);

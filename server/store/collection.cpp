@@ -248,6 +248,8 @@ BatchOutcome Collection::decide(Batch& batch, const std::shared_ptr<BatchEntry>&
                                 Journal::Place& place, const std::shared_ptr<Ticket>& ticket) {
   requireActive();
   noteLackedBatch();
+  // Asked first: what the index has left out of a batch is known before this counts as indexed.
+  const bool allIsIndexed = isIndexed();
   if (const auto known = batches_.find(entry->name)) {
     if (!isBatch(known->digest, batch, *entry)) {
       throw ServerError(ErrorKind::OtherBatch,
@@ -255,10 +257,10 @@ BatchOutcome Collection::decide(Batch& batch, const std::shared_ptr<BatchEntry>&
                             shown(entry->name) + "; give this one another name");
     }
     place.ticket = known->ticket;
-    if (ticket && isIndexed()) {
-      ticket->finish();
+    if (ticket && allIsIndexed) {
+      ticket->finish(refusalOfBatch(entry->name));
     } else if (ticket) {
-      awaitRound({keysOf({ChangeKind::Batch, {}, entry}), ticket, {}});
+      awaitRound(waitingFor({ChangeKind::Batch, {}, entry}, ticket));
     }
     return known->outcome;
   }
@@ -453,11 +455,13 @@ std::shared_ptr<Ticket> Collection::ticketOfChange() const {
   return isAwaited ? std::make_shared<Ticket>() : nullptr;
 }
 
-std::vector<std::string> Collection::keysOf(const Change& change) {
-  if (change.kind != ChangeKind::Batch) return {change.document.key};
-  std::vector<std::string> keys;
-  for (const Document& document : change.batch->changes.documents) keys.push_back(document.key);
-  return keys;
+Collection::Waiting Collection::waitingFor(const Change& change, std::shared_ptr<Ticket> ticket) {
+  if (change.kind != ChangeKind::Batch) return {{change.document.key}, {}, std::move(ticket)};
+  Waiting waiting{{}, change.batch->name, std::move(ticket)};
+  for (const Document& document : change.batch->changes.documents) {
+    waiting.keys.push_back(document.key);
+  }
+  return waiting;
 }
 
 void Collection::awaitRound(Waiting waiting) {
@@ -628,6 +632,7 @@ bool Collection::begin(Job& job) {
   if (journal_.empty()) {
     // Perhaps all that was missing was to know that a segment's removal is on disk.
     uncut_ = restless_ = false;
+    refuseWaiting(job, {});
     forgetFailure();
     return false;
   }
@@ -748,27 +753,43 @@ ParseOutcomes::LeftOut Collection::leftOutOf(const Refused& refused) {
   return result;
 }
 
-// Those of the documents that this one waits for.
-Collection::Refused Collection::refusedOf(const Waiting& waiting, const Refused& refused) {
-  Refused own;
-  for (const std::string& key : waiting.keys) {
-    if (const auto found = refused.find(key); found != refused.end()) own.insert(*found);
+// Whoever sends a batch that is acknowledged as searchable may send it once more, and is told the
+// same then. Perhaps nobody waits for it now: it may be from before a restart.
+void Collection::noteLeftOutOfBatches(const Job& job, const Refused& refused) {
+  if (refused.empty() || refresh_.mode != Refresh::Mode::Immediate) return;
+  std::map<std::string, Refused> ofBatches;
+  JournalPart part = journal_.read(indexed(), job.end);
+  while (const auto change = part.next()) {
+    if (part.batch().empty() || change->kind != ChangeKind::Put) continue;
+    const auto found = refused.find(change->document.key);
+    if (found != refused.end()) ofBatches[part.batch()].insert(*found);
   }
-  return own;
+  for (const auto& [name, own] : ofBatches) batches_.noteLeftOut(name, inShort(leftOutOf(own)));
+}
+
+std::optional<ServerError> Collection::refusalOfBatch(const std::string& name) const {
+  const auto known = batches_.find(name);
+  if (!known || known->outcome.leftOut.empty()) return std::nullopt;
+  return ServerError(ErrorKind::DocumentsNotIndexed, known->outcome.leftOut);
+}
+
+std::optional<ServerError> Collection::refusalOf(const Waiting& waiting,
+                                                 const Refused& refused) const {
+  if (!waiting.batch.empty()) return refusalOfBatch(waiting.batch);
+  const auto found = refused.find(waiting.keys.front());
+  if (found == refused.end()) return std::nullopt;
+  return ServerError(ErrorKind::DocumentsNotIndexed, found->second->messageText);
 }
 
 // Notes what is told to those who wait for one of the documents. Returns those that nobody waits
 // for.
-Collection::Refused Collection::refuseWaiting(Job& job, const Refused& refused) {
+Collection::Refused Collection::refuseWaiting(Job& job, const Refused& refused) const {
   Refused untold = refused;
-  if (refused.empty()) return untold;
   for (Waiting& waiting : job.waiting) {
-    const Refused own = waiting.ticket ? refusedOf(waiting, refused) : Refused();
-    if (own.empty()) continue;
-    const bool isBatch = waiting.keys.size() > 1;
-    waiting.refusal.emplace(ErrorKind::DocumentsNotIndexed,
-                            isBatch ? inShort(leftOutOf(own)) : own.begin()->second->messageText);
-    for (const auto& [key, outcome] : own) untold.erase(key);
+    if (!waiting.ticket) continue;
+    waiting.refusal = refusalOf(waiting, refused);
+    if (!waiting.refusal) continue;
+    for (const std::string& key : waiting.keys) untold.erase(key);
   }
   return untold;
 }
@@ -776,12 +797,13 @@ Collection::Refused Collection::refuseWaiting(Job& job, const Refused& refused) 
 // All of it that takes memory.
 Collection::Report Collection::reportRefused(Job& job) {
   Report report;
-  // What finds nothing to bring in changes nothing of what is known of the update before.
-  if (job.update->progress().all == 0) return report;
   std::vector<ParseOutcome>& outcomes = job.update->refused();
   Refused refused;
   for (const ParseOutcome& outcome : outcomes) refused.emplace(outcome.key, &outcome);
+  noteLeftOutOfBatches(job, refused);
   const Refused untold = refuseWaiting(job, refused);
+  // What finds nothing to bring in changes nothing of what is known of the update before.
+  if (job.update->progress().all == 0) return report;
   const bool isExpected = job.ticket && job.ticket->isExpected();
   ParseOutcomes::LeftOut leftOut = leftOutOf(isExpected ? refused : untold);
   // Perhaps nobody asks for an update, or for outcomes, of what becomes searchable by itself.
@@ -853,7 +875,7 @@ void Collection::endJob(const std::optional<ServerError>& failure, bool damaged)
   // Documents that were refused have been reported one by one.
   const bool concernsAll = failure && failure->kind() != ErrorKind::DocumentsNotIndexed;
   for (const Waiting& waiting : job->waiting) {
-    if (waiting.ticket) waiting.ticket->finish(concernsAll ? failure : std::nullopt);
+    if (waiting.ticket) waiting.ticket->finish(concernsAll ? failure : waiting.refusal);
   }
   if (job->ticket) job->ticket->finish(reply);
   if (!concernsAll || stopping_ || retired_ || refresh_.mode == Refresh::Mode::Manual) return;
@@ -1166,7 +1188,7 @@ Journal::Place Collection::appendBehindGate(const Change& change,
                                             const std::shared_ptr<Ticket>& ticket) {
   noteLackedBatch();
   if (!ticket) return appendAndNote(change);
-  Waiting waiting{keysOf(change), ticket, {}};
+  Waiting waiting = waitingFor(change, ticket);
   const std::lock_guard lock(awaitedMutex_);
   const Journal::Place place = appendAndNote(change);
   awaitRound(std::move(waiting));

@@ -180,9 +180,11 @@ class Collection {
   /// Who waits for a change, or a batch of them, to become searchable.
   struct Waiting {
     std::vector<std::string> keys;
+    /// The batch's name; empty for a single change.
+    std::string batch;
     std::shared_ptr<Ticket> ticket;
     /// If the index has refused one of the documents.
-    std::optional<ServerError> refusal;
+    std::optional<ServerError> refusal{};
   };
 
   /// What is being brought into the index.
@@ -270,7 +272,7 @@ class Collection {
   std::shared_ptr<Ticket> requestRemoval();
   void requestRound();
   std::shared_ptr<Ticket> ticketOfChange() const;
-  static std::vector<std::string> keysOf(const Change& change);
+  static Waiting waitingFor(const Change& change, std::shared_ptr<Ticket> ticket);
   void awaitRound(Waiting waiting);
   void requestEarly(const Journal::Place& place);
   bool isIndexed() const;
@@ -282,8 +284,10 @@ class Collection {
   JournalPosition closeSegment();
   void end(Job& job);
   static ParseOutcomes::LeftOut leftOutOf(const Refused& refused);
-  static Refused refusedOf(const Waiting& waiting, const Refused& refused);
-  static Refused refuseWaiting(Job& job, const Refused& refused);
+  void noteLeftOutOfBatches(const Job& job, const Refused& refused);
+  std::optional<ServerError> refusalOfBatch(const std::string& name) const;
+  std::optional<ServerError> refusalOf(const Waiting& waiting, const Refused& refused) const;
+  Refused refuseWaiting(Job& job, const Refused& refused) const;
   Report reportRefused(Job& job);
   std::optional<ServerError> replyTo(const Ticket& update) const;
   std::shared_ptr<Ticket> wantUpdate();

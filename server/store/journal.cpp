@@ -196,7 +196,9 @@ bool JournalPart::readEntry() {
 
 Change JournalPart::takeChange() {
   const std::size_t number = taken_++;
+  batch_.clear();
   if (entry_->change.kind != ChangeKind::Batch) return std::move(entry_->change);
+  batch_ = entry_->change.batch->name;
   BatchChanges& changes = entry_->change.batch->changes;
   if (number < changes.documents.size()) {
     return {ChangeKind::Put, std::move(changes.documents[number])};

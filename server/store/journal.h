@@ -44,6 +44,8 @@ class JournalPart {
 
   /// Nothing at the end.
   std::optional<Change> next();
+  /// The name of the batch that the last change belongs to; empty if it came alone.
+  const std::string& batch() const { return batch_; }
   /// A place between two entries: not inside a batch.
   struct Mark {
     std::size_t segment = 0;
@@ -78,6 +80,7 @@ class JournalPart {
   std::optional<SegmentPiece> entry_;
   std::size_t taken_ = 0;
   std::size_t bytesHeld_ = 0;
+  std::string batch_;
 };
 
 /// What a copy of a journal has to hold: so many bytes of each of these segments, with changes up

@@ -221,6 +221,8 @@ struct BatchOutcome {
   std::uint64_t unknown = 0;
   /// If there are any, nothing was changed.
   Refusals refused{};
+  /// Where a batch is searchable when it is acknowledged: what the index left out, or empty.
+  std::string leftOut{};
 };
 
 /// How many collections an operator has to do something about, and how many not.

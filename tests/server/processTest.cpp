@@ -133,6 +133,46 @@ TEST_F(ProcessTest, ClientsCannotTakeTheFilesThatCollectionsNeed) {
   EXPECT_EQ(program.wait(), 0);
 }
 
+// Its reply may be lost, and the server too.
+TEST_F(ProcessTest, BatchThatIsSentAgainIsToldAgainWhatTheIndexLeftOut) {
+  std::string tooManyWords;
+  for (unsigned i = 0; i < 40000; ++i) tooManyWords += std::to_string(i * 2654435761U) + ' ';
+  const std::string documents =
+      test::documentBlock("good", {}, "fox") + test::documentBlock("large", {}, tooManyWords);
+  const std::string content = test::documentBlock("batch", {}, documents);
+  const test::Headers batch{{"action", "addDocument"}, {"index", "c"}, {"batch", "b1"}};
+  const std::string refused = "1 document left out, all others are searchable: \"large\" (";
+  std::string httpReply;
+  std::string binaryReply;
+  for (const int ending : {SIGKILL, SIGTERM, SIGTERM}) {
+    CorvanedProgram program({"--http-port", "0", "--binary-port", "0", "--data", data_,
+                             "--max-memory", "16777216", "--log-level", "off"});
+    RawClient http(portOf(program.line()));
+    RawClient binary(portOf(program.line()));
+    if (httpReply.empty()) {
+      binary.send(binaryRequest(
+          {{"action", "createCollection"}, {"index", "c"}, {"refresh", "immediate"}}));
+      EXPECT_EQ(binary.receive(2), std::string("\0\1", 2));
+      http.send(test::httpRequest(batch, content));
+      httpReply = http.receiveHttp();
+      EXPECT_THAT(httpReply, AllOf(HasSubstr("ZVK0015E"), HasSubstr(refused)));
+      binary.send(binaryRequest(batch, content));
+      EXPECT_EQ(binary.receive(2), std::string("\0\6", 2));
+      const std::string length = binary.receive(2);
+      binaryReply = binary.receive(static_cast<unsigned char>(length[0]) * 256U +
+                                   static_cast<unsigned char>(length[1]));
+      EXPECT_THAT(binaryReply, AllOf(HasSubstr("ZVK0015E"), HasSubstr(refused)));
+    } else {
+      http.send(test::httpRequest(batch, content));
+      EXPECT_EQ(http.receiveHttp(), httpReply);
+      binary.send(binaryRequest(batch, content));
+      EXPECT_EQ(binary.receive(4 + binaryReply.size()).substr(4), binaryReply);
+    }
+    program.signal(ending);
+    program.wait();
+  }
+}
+
 TEST_F(ProcessTest, LimitOfOpenFilesThatServesNobodyIsRefused) {
   std::vector<std::string> words = arguments();
   words.insert(words.end(), {"--max-open-files", "100"});

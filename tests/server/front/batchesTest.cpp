@@ -240,6 +240,16 @@ TEST_F(BatchOutcomeTest, AppliedBatchIsOneLine) {
   EXPECT_EQ(lines[0].messageText, "documents=5 deletions=3 unknown=2");
 }
 
+TEST_F(BatchOutcomeTest, WhatTheIndexLeftOutIsALineOfItsOwn) {
+  EXPECT_CALL(store_, batchOutcome("c", "b1")).WillOnce(Return(BatchOutcome{5, 3, 2, {}, "two"}));
+  const auto lines = ask();
+  ASSERT_THAT(lines, SizeIs(2));
+  EXPECT_EQ(lines[0].messageId, "ZVK0110I");
+  EXPECT_EQ(lines[1].subject, "b1");
+  EXPECT_EQ(lines[1].messageId, "ZVK0015E");
+  EXPECT_EQ(lines[1].messageText, "two");
+}
+
 TEST_F(BatchOutcomeTest, RefusedBatchHasALineForEachChange) {
   BatchOutcome outcome;
   outcome.refused.add({"k1", "ZVK0013E", "too large"});

@@ -6,8 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "server/base/bytes.h"
 #include "server/base/errors.h"
 #include "server/store/batchMemory.h"
+#include "server/store/checksum.h"
 #include "tests/support/temporaryDirectory.h"
 
 namespace corvaned {
@@ -87,6 +89,64 @@ TEST_F(BatchMemoryTest, FileHoldsAll) {
   EXPECT_FALSE(memory.find(numbered(9)));
   EXPECT_TRUE(memory.isOld(numbered(9)));
   EXPECT_FALSE(memory.unsaved());
+}
+
+TEST_F(BatchMemoryTest, WhatTheIndexLeftOutIsKnownAsLongAsTheBatch) {
+  {
+    BatchMemory memory = open();
+    memory.note(batch(numbered(0)), 0);
+    memory.note(batch(numbered(1)), 0);
+    save(memory);
+    memory.noteLeftOut(numbered(1), "1 document");
+    memory.noteLeftOut("never was", "2 documents");
+    EXPECT_EQ(memory.find(numbered(0))->outcome.leftOut, "");
+    EXPECT_EQ(memory.find(numbered(1))->outcome.leftOut, "1 document");
+    EXPECT_TRUE(memory.unsaved());
+    save(memory);
+  }
+  BatchMemory memory = open();
+  EXPECT_FALSE(memory.unsaved());
+  EXPECT_EQ(memory.find(numbered(0))->outcome.leftOut, "");
+  EXPECT_EQ(memory.find(numbered(1))->outcome.leftOut, "1 document");
+  EXPECT_FALSE(memory.find("never was"));
+  memory.endReplay();
+  for (std::size_t i = 0; i < BatchMemory::kBatches; ++i) memory.note(batch(numbered(i + 2)), 0);
+  memory.note(batch(numbered(1)), 0);
+  EXPECT_EQ(memory.find(numbered(1))->outcome.leftOut, "") << "it is another batch of that name";
+}
+
+TEST_F(BatchMemoryTest, WhatTheIndexLeftOutOutlivesTheReplayOfItsBatch) {
+  {
+    BatchMemory memory = open();
+    memory.note(batch("b1"), 0);
+    memory.note(batch("b2"), 0);
+    memory.noteLeftOut("b1", "1 document");
+    save(memory);
+  }
+  BatchMemory memory = open();
+  memory.replay(batch("b1"));
+  memory.replay(batch("b2"));
+  memory.endReplay();
+  EXPECT_EQ(memory.find("b1")->outcome.leftOut, "1 document");
+}
+
+TEST_F(BatchMemoryTest, FileWhoseTextsEndTooEarlyIsRefused) {
+  {
+    BatchMemory memory = open();
+    memory.note(batch("b1"), 0);
+    memory.noteLeftOut("b1", "1 document");
+    save(memory);
+  }
+  const std::string whole = bytes();
+  const std::string contents = whole.substr(0, whole.size() - 4);
+  for (const std::size_t cut : {1U, 10U, 14U, 16U, 20U, 23U}) {
+    std::string shorter = contents.substr(0, contents.size() - cut);
+    appendU32(shorter, checksumOf(shorter));
+    std::ofstream(file(), std::ios::binary) << shorter;
+    EXPECT_THROW(open(), ServerError) << cut;
+  }
+  std::ofstream(file(), std::ios::binary) << whole;
+  EXPECT_NO_THROW(open());
 }
 
 TEST_F(BatchMemoryTest, OnlyTheLatestBatchesAreKnown) {

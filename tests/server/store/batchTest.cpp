@@ -587,6 +587,121 @@ TEST_F(BatchStepsTest, DocumentThatMovesToAnotherKeyIsNeverMissingWhereChangesAr
   EXPECT_THAT(found("fox"), ElementsAre("new"));
 }
 
+/// A batch of which the index leaves a document out.
+class LeftOutOfBatchTest : public BatchStepsTest {
+ protected:
+  LeftOutOfBatchTest() { open(kImmediate); }
+
+  // Longer than what the index can have.
+  const Documents documents_{fox("good"), fox(std::string(300, 'a'))};
+
+  std::shared_ptr<Ticket> send(const std::string& name = "b1") {
+    return collection_->apply(batch(name, documents_)).ticket;
+  }
+
+  static std::string saidTo(const std::shared_ptr<Ticket>& ticket) {
+    EXPECT_TRUE(ticket->isDone());
+    return test::refusal(ErrorKind::DocumentsNotIndexed, [&] { ticket->requireSuccess(); });
+  }
+
+  void openOverdue() {
+    reopen();
+    EXPECT_TRUE(collection_->takeOverdue());
+    index();
+  }
+};
+
+TEST_F(LeftOutOfBatchTest, IsSaidOnceMoreHoweverOftenItIsSent) {
+  const auto first = send();
+  const auto meanwhile = send();
+  index();
+  const std::string said = saidTo(first);
+  EXPECT_THAT(said, HasSubstr("1 document left out"));
+  EXPECT_EQ(saidTo(meanwhile), said);
+  EXPECT_EQ(saidTo(send()), said);
+  update();
+  EXPECT_EQ(saidTo(send()), said);
+  EXPECT_THAT(found("fox"), ElementsAre("good"));
+}
+
+TEST_F(LeftOutOfBatchTest, IsSaidWhereOtherChangesWait) {
+  const auto first = send();
+  index();
+  const auto other = collection_->add(fox("other"));
+  const auto again = send();
+  EXPECT_FALSE(again->isDone());
+  index();
+  EXPECT_EQ(saidTo(again), saidTo(first));
+  EXPECT_NO_THROW(other->requireSuccess());
+}
+
+// Nothing is left for the round that it waits for.
+TEST_F(LeftOutOfBatchTest, IsSaidToWhoeverComesWhileTheIndexIsBroughtUpToDate) {
+  const auto first = send();
+  std::shared_ptr<Ticket> again;
+  const auto before = collection_->add(fox(std::string(300, 'b')));
+  before->whenDone([&] { again = send(); });
+  index();
+  EXPECT_EQ(saidTo(again), saidTo(first));
+}
+
+TEST_F(LeftOutOfBatchTest, IsSaidAfterARestartWhetherTheJournalStillHasTheBatchOrNot) {
+  const auto first = send();
+  index();
+  const std::string said = saidTo(first);
+  openOverdue();
+  EXPECT_EQ(saidTo(send()), said);
+  update();
+  EXPECT_EQ(collection_->summary().pending, 0U);
+  reopen();
+  EXPECT_FALSE(collection_->takeOverdue()) << "the journal is empty";
+  EXPECT_EQ(saidTo(send()), said);
+}
+
+TEST_F(LeftOutOfBatchTest, IsSaidWhereACrashCameBeforeAnybodyWasTold) {
+  send();
+  openOverdue();
+  EXPECT_THAT(saidTo(send()), HasSubstr("1 document left out"));
+  EXPECT_THAT(found("fox"), ElementsAre("good"));
+}
+
+TEST_F(LeftOutOfBatchTest, IsAmongItsOutcome) {
+  send();
+  EXPECT_EQ(collection_->batchOutcome("b1").leftOut, "") << "the index has not had it yet";
+  index();
+  const BatchOutcome outcome = collection_->batchOutcome("b1");
+  EXPECT_EQ(outcome.documents, 2U);
+  EXPECT_EQ(outcome.leftOut, saidTo(send()));
+}
+
+TEST_F(LeftOutOfBatchTest, IsNotSaidOfAnotherBatchThatHasTheSameKey) {
+  const auto good = collection_->apply(batch("b0", {fox("k")})).ticket;
+  index();
+  const auto bad = send();
+  index();
+  EXPECT_NO_THROW(good->requireSuccess());
+  EXPECT_NO_THROW(collection_->apply(batch("b0", {fox("k")})).ticket->requireSuccess());
+  const auto deletion = collection_->apply(batch("b2", {}, {documents_[1].key})).ticket;
+  index();
+  EXPECT_NO_THROW(deletion->requireSuccess());
+  EXPECT_NO_THROW(
+      collection_->apply(batch("b2", {}, {documents_[1].key})).ticket->requireSuccess());
+  saidTo(bad);
+}
+
+TEST_F(LeftOutOfBatchTest, IsToldByUpdatesAloneWhereChangesWaitForThem) {
+  collection_.reset();
+  const tq::test::TemporaryDirectory manual;
+  Collection::create(manual.path(), {"en", {}}, {});
+  collection_.emplace("c", manual.path(), limits_, std::make_shared<ParseOutcomes>(10), stopping_);
+  EXPECT_FALSE(send());
+  const auto updated = collection_->requestUpdate();
+  index();
+  saidTo(updated);
+  EXPECT_FALSE(send()) << "the first answer was: applied";
+  EXPECT_EQ(collection_->batchOutcome("b1").leftOut, "");
+}
+
 TEST_F(BatchStepsTest, ManyDeletionsLeaveTheIndexInSmallTransactions) {
   limits_.hiddenKeys = 2;
   limits_.index.batchChanges = 2;
