@@ -741,9 +741,10 @@ TEST_F(FrontTest, CollectionsThatTakeLongToOpenHoldUpNoneThatTakesLittle) {
     slow.push_back(std::make_unique<test::SlowCollection>(collections / name));
     clients.emplace_back(http_);
     clients.back().send(httpRequest({{"action", "openCollection"}, {"index", name}}));
-  }
-  for (std::size_t i = 0; i < 2; ++i) {
-    ASSERT_TRUE(slow[i]->awaitOpening([&] { return store_.isOpen(i == 0 ? "s1" : "s2"); }));
+    // The third waits until the others are open. Sent with them it might be served before one.
+    if (slow.size() < 3) {
+      ASSERT_TRUE(slow.back()->awaitOpening([&] { return store_.isOpen(name); }));
+    }
   }
   EXPECT_EQ(httpAsk(setup, {{"action", "createCollection"}, {"index", "c"}}), kDone);
   EXPECT_EQ(httpAsk(setup, {{"action", "closeCollection"}, {"index", "c"}}), kDone);
