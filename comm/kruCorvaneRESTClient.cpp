@@ -92,9 +92,10 @@ void forgetAnswer(ClientResponse& response, ClientRequest::REQUEST kind) {
     }
   } else if (kind == ClientRequest::GET_STATUS) {
     // A text comes with a status other than 0.
-    if (response.getStatusCode() == 0) return;
-    response.setGetStatusCode(0);
-    response.setStatusMessage({});
+    if (response.getStatusCode() != 0) {
+      response.setGetStatusCode(0);
+      response.setStatusMessage({});
+    }
   } else if (kind == ClientRequest::GET_SERVER_VERSION) {
     if (!response.getContent().isEmpty()) response.setContent({});
   }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -151,6 +152,25 @@ TEST_P(Exchange, AResponseUsedAgainHoldsNothingOfTheEstimateBefore) {
   EXPECT_EQ(response.getSelectivityInfo().getFirst(), 1);
   EXPECT_EQ(response.getSelectivityInfo().getSecond(), 1);
   EXPECT_EQ(response.getSelectivityInfo().getThird(), 100);
+}
+
+TEST_P(Exchange, AnEstimateIsForgottenAlsoIfOnlyOneOfItsValuesIsUnusual) {
+  // The second value is the last one on the wire.
+  const std::vector<std::string> estimates{estimate(2, 100, 1), estimate(1, 100, 2),
+                                           estimate(1, 101, 1)};
+  const std::string empty = binary() ? word16(1) + endOfResults() : replies.done();
+  ScriptedNetwork network(answers(std::vector<std::string>(estimates.size(), empty)));
+  const auto client = clientOf();
+  for (const std::string& values : estimates) {
+    tq::comm::SelectivityInfo before(false);
+    before.parseRecordNew(values.data(), 12, 1);
+    ClientResponse response;
+    response.setSelectivityInfo(before);
+    EXPECT_EQ(exchange(*client, kSelectivity, response), Raised());
+    const auto& held = response.getSelectivityInfo();
+    EXPECT_EQ(std::vector({held.getFirst(), held.getSecond(), held.getThird()}),
+              (std::vector<std::int64_t>{1, 1, 100}));
+  }
 }
 
 TEST_P(Exchange, AResponseUsedAgainHoldsNothingOfTheStatusBefore) {

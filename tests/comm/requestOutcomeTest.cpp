@@ -11,6 +11,7 @@
 #include <ostream>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "comm/kruClientResponse.h"
@@ -318,6 +319,30 @@ TEST_P(RequestOutcomes, AreOfAllAttemptsWhereARefusalIsOfTheLast) {
   EXPECT_THROW(client->sendAndRecvMesg(unsendable, response), tq::comm::RESTException);
   EXPECT_EQ(client->getRequestOutcome(), RequestOutcome::NotSent);
   EXPECT_FALSE(client->isRefused());
+}
+
+TEST_P(RequestOutcomes, AreNoRefusalOfARequestWithoutAReplyThatFollowsARefusedOne) {
+  client->setNumRetries(0);
+  const auto fails = [&](bool asOneAttempt, const MarkedRequest& marked) {
+    BuiltRequest built(marked);
+    tq::comm::ClientResponse response;
+    const auto exchange = [&] {
+      asOneAttempt ? client->sendAndRecvMesgOnce(built.request, response)
+                   : client->sendAndRecvMesg(built.request, response);
+    };
+    EXPECT_THROW(exchange(), tq::comm::RESTException);
+  };
+  for (const bool asOneAttempt : {false, true}) {
+    for (const auto& [entry, fault] :
+         {std::pair(Entry::Connect, error(ECONNREFUSED)), std::pair(Entry::Recv, kEof)}) {
+      fails(asOneAttempt, {4, 1, true});
+      EXPECT_TRUE(client->isRefused());
+      client->close();
+      network.plan(entry, 1, fault);
+      fails(asOneAttempt, {4});
+      EXPECT_FALSE(client->isRefused());
+    }
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, RequestOutcomes,

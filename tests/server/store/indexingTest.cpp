@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <future>
@@ -20,6 +19,7 @@
 #include "server/store/indexSums.h"
 #include "server/store/localStore.h"
 #include "server/store/xapianIndex.h"
+#include "tests/server/store/failingSync.h"
 #include "tests/server/store/slowCollection.h"
 #include "tests/support/temporaryDirectory.h"
 
@@ -57,7 +57,7 @@ class IndexingTest : public ::testing::Test {
  protected:
   IndexingTest() {
     limits_.indexThreads = 1;
-    // Updates of thousands of steps.
+    // Updates of a step for each document.
     limits_.index.batchChanges = 1;
     restart();
   }
@@ -76,23 +76,43 @@ class IndexingTest : public ::testing::Test {
     }
   }
 
-  std::future<std::string> update(const std::string& name) {
-    return std::async(std::launch::async, [this, name]() -> std::string {
-      try {
-        store_->updateIndex(name);
-        return "done";
-      } catch (const ServerError& error) {
-        return std::string(messageId(error.kind())) + " " + error.what();
-      }
-    });
+  using Tickets = std::vector<std::shared_ptr<Ticket>>;
+
+  std::shared_ptr<Ticket> beginUpdate(const std::string& name) {
+    RequestContext request({});
+    request.allowLaterReply();
+    const RequestContext::Scope scope(request);
+    store_->updateIndex(name);
+    return request.awaited();
   }
 
-  // Or its end, on a machine with too much else to do.
-  void awaitBeginning(const std::string& name, const std::future<std::string>& update) const {
-    const std::filesystem::path collection = data() / "collections" / name;
-    while (!std::filesystem::exists(collection / "index-sums-changing") &&
-           update.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
-      std::this_thread::yield();
+  /// Updates these collections, and returns when the last one's update has ended. The thread that
+  /// indexes all of them stays there until `goOn` is ready.
+  Tickets updateUpToTheEndOfTheLast(const std::vector<std::string>& names,
+                                    const std::shared_future<void>& goOn) {
+    const auto ended = std::make_shared<std::promise<void>>();
+    Tickets updates;
+    {
+      // The first one cannot end before the last one is asked for.
+      const test::SlowSync slow("journal-0000000001");
+      updates.push_back(beginUpdate(names.front()));
+      slow.await();
+      for (std::size_t i = 1; i < names.size(); ++i) updates.push_back(beginUpdate(names[i]));
+      updates.back()->whenDone([ended, goOn] {
+        ended->set_value();
+        goOn.wait();
+      });
+    }
+    ended->get_future().wait();
+    return updates;
+  }
+
+  static std::string endOf(const std::shared_ptr<Ticket>& update) {
+    try {
+      update->wait();
+      return "done";
+    } catch (const ServerError& error) {
+      return std::string(messageId(error.kind())) + " " + error.what();
     }
   }
 
@@ -102,39 +122,42 @@ class IndexingTest : public ::testing::Test {
 };
 
 TEST_F(IndexingTest, SmallUpdateDoesNotWaitForTheEndOfLargeOnes) {
-  createWith("large1", 5000);
-  createWith("large2", 5000);
+  createWith("large1", 50);
+  createWith("large2", 50);
   createWith("small", 1);
-  auto first = update("large1");
-  auto second = update("large2");
-  awaitBeginning("large1", first);
-  awaitBeginning("large2", second);
-  store_->updateIndex("small");
+  std::promise<void> goOn;
+  const Tickets updates =
+      updateUpToTheEndOfTheLast({"large1", "large2", "small"}, goOn.get_future());
   EXPECT_EQ(store_->estimate("small", "fox").hits, 1U);
+  EXPECT_FALSE(updates[0]->isDone());
+  EXPECT_FALSE(updates[1]->isDone());
   EXPECT_EQ(store_->state("large1"), CollectionState::ChangesPending);
   EXPECT_EQ(store_->state("large2"), CollectionState::ChangesPending);
   store_->createCollection("empty", "en");
   store_->deleteCollection("empty");
   store_->deleteCollection("large1");
   store_->deleteCollection("large2");
-  EXPECT_THAT(first.get(), StartsWith("ZVK0007E"));
-  EXPECT_THAT(second.get(), StartsWith("ZVK0007E"));
+  goOn.set_value();
+  EXPECT_THAT(endOf(updates[0]), StartsWith("ZVK0007E"));
+  EXPECT_THAT(endOf(updates[1]), StartsWith("ZVK0007E"));
 }
 
 TEST_F(IndexingTest, StopEndsAnUpdateAndLosesNothing) {
-  createWith("c", 5000);
-  auto first = update("c");
-  awaitBeginning("c", first);
-  auto second = update("c");
+  createWith("c", 50);
+  createWith("small", 1);
+  std::promise<void> goOn;
+  const auto first = updateUpToTheEndOfTheLast({"c", "small"}, goOn.get_future()).front();
+  const auto second = beginUpdate("c");
   store_->stop();
-  EXPECT_THAT(first.get(), HasSubstr("ZVK0016E the server is stopping"));
-  EXPECT_THAT(second.get(), HasSubstr("ZVK0016E the server is stopping"));
+  goOn.set_value();
+  EXPECT_THAT(endOf(first), HasSubstr("ZVK0016E the server is stopping"));
+  EXPECT_THAT(endOf(second), HasSubstr("ZVK0016E the server is stopping"));
   EXPECT_EQ(store_->state("c"), CollectionState::ChangesPending);
   limits_.index.batchChanges = 1000;
   restart();
   store_->updateIndex("c");
-  EXPECT_EQ(store_->estimate("c", "fox").hits, 5000U);
-  EXPECT_EQ(store_->estimate("c", "fox").documents, 5000U);
+  EXPECT_EQ(store_->estimate("c", "fox").hits, 50U);
+  EXPECT_EQ(store_->estimate("c", "fox").documents, 50U);
 }
 
 /// A collection without a store, whose work is done when the test says so.
@@ -619,13 +642,17 @@ TEST_F(IndexStepsTest, ReadingThatFailsSinceTheCollectionGoesSaysThatItGoes) {
 }
 
 TEST_F(IndexingTest, ChangeThatComesDuringAnUpdateIsInTheNextOne) {
-  createWith("c", 300);
-  auto first = update("c");
-  awaitBeginning("c", first);
+  createWith("c", 50);
+  createWith("small", 1);
+  std::promise<void> goOn;
+  const auto first = updateUpToTheEndOfTheLast({"c", "small"}, goOn.get_future()).front();
   store_->addDocument("c", {"late", {}, "hound"});
-  store_->updateIndex("c");
+  const auto second = beginUpdate("c");
+  EXPECT_NE(second, first);
+  goOn.set_value();
+  EXPECT_EQ(endOf(second), "done");
   EXPECT_EQ(store_->estimate("c", "hound").hits, 1U);
-  EXPECT_EQ(first.get(), "done");
+  EXPECT_EQ(endOf(first), "done");
   EXPECT_EQ(store_->state("c"), CollectionState::Current);
 }
 
@@ -650,18 +677,19 @@ TEST(IndexLookUp, TellsOfEachKeyAndEndsBetweenTwo) {
 TEST_F(IndexingTest, CollectionBeingUpdatedStaysOpen) {
   limits_.index.descriptors = std::make_shared<DescriptorBudget>(20);
   restart();
-  createWith("c", 300);
-  createWith("d", 300);
-  auto first = update("c");
-  auto second = update("d");
-  awaitBeginning("d", second);
+  createWith("c", 50);
+  createWith("d", 50);
+  createWith("small", 1);
+  std::promise<void> goOn;
+  const Tickets updates = updateUpToTheEndOfTheLast({"c", "d", "small"}, goOn.get_future());
   store_->closeCollection("c");
   store_->closeCollection("d");
-  EXPECT_EQ(first.get(), "done");
-  EXPECT_EQ(second.get(), "done");
+  goOn.set_value();
+  EXPECT_EQ(endOf(updates[0]), "done");
+  EXPECT_EQ(endOf(updates[1]), "done");
   store_->closeCollection("c");
-  EXPECT_EQ(store_->estimate("c", "fox").hits, 300U);
-  EXPECT_EQ(store_->estimate("d", "fox").hits, 300U);
+  EXPECT_EQ(store_->estimate("c", "fox").hits, 50U);
+  EXPECT_EQ(store_->estimate("d", "fox").hits, 50U);
 }
 
 }  // namespace
