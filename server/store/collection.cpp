@@ -517,12 +517,8 @@ void Collection::rest() {
   if (restless_ && !retired_ && !updateWanted_) updateWanted_ = std::make_shared<Ticket>();
 }
 
-bool Collection::isIndexed() const {
-  if (journal_.empty()) return true;
-  const JournalPosition end = journal_.end();
-  const std::lock_guard lock(hiddenMutex_);
-  return end <= indexed_;
-}
+// Not by the journal's end: that is in another segment as soon as what the index has is cut off.
+bool Collection::isIndexed() const { return !journal_.hasAfter(indexed()); }
 
 bool Collection::takeOnIndexing() {
   const std::lock_guard lock(jobsMutex_);

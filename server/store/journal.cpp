@@ -262,6 +262,13 @@ bool Journal::empty() const {
                      [](const ScannedSegment& segment) { return segment.bytes == 0; });
 }
 
+bool Journal::hasAfter(const JournalPosition& place) const {
+  const std::lock_guard lock(mutex_);
+  return std::any_of(segments_.begin(), segments_.end(), [&](const ScannedSegment& segment) {
+    return segment.bytes > 0 && place < JournalPosition{segment.number, segment.bytes};
+  });
+}
+
 std::uint64_t Journal::pending() const {
   const std::lock_guard lock(mutex_);
   std::uint64_t changes = 0;

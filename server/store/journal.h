@@ -157,6 +157,8 @@ class Journal {
 
   /// True if no segment holds a change.
   bool empty() const;
+  /// Whether a change ends behind the place.
+  bool hasAfter(const JournalPosition& place) const;
 
   /// Whether it may have batches.
   bool allowsBatches() const { return mark_->allowsBatches(); }

@@ -461,6 +461,20 @@ TEST_F(LocalStoreTest, NothingWaitsWhileTheJournalOfAnUpdateIsCutOff) {
   update.join();
 }
 
+// All that the index has is in a segment that is closed by then.
+TEST_F(LocalStoreTest, NothingWaitsWhileTheIndexComesToRest) {
+  store_->createCollection("c", "en", {Refresh::Mode::Immediate, {}});
+  store_->addDocument("c", {"k1", {}, "fox"});
+  std::thread update;
+  {
+    const test::SlowSync slow("index-sums.new");
+    update = std::thread([&] { store_->updateIndex("c"); });
+    slow.await();
+    EXPECT_EQ(store_->state("c"), CollectionState::Current);
+  }
+  update.join();
+}
+
 TEST_F(LocalStoreTest, CollectionThatCannotBeMadeLeavesNothingBehind) {
   {
     const test::FailingSync failing;
