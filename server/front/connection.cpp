@@ -245,8 +245,8 @@ void Connection::setSocketOptions() {
 }
 
 void Connection::turnAway() {
-  setSocketOptions();
   handOver_.post(socket_.get_executor(), [self = shared_from_this()] {
+    self->setSocketOptions();
     self->guarded([&] {
       self->endWith(FramingError(
           ErrorKind::TryAgain,
@@ -263,11 +263,13 @@ void Connection::notePeer() {
   fromThisMachine_ = !error && peer.address().is_loopback();
 }
 
+// The server may be stopped meanwhile, which closes the socket in its strand.
 void Connection::start() {
-  setSocketOptions();
-  notePeer();
-  handOver_.post(socket_.get_executor(),
-                 [self = shared_from_this()] { self->guarded([&] { self->proceed(); }); });
+  handOver_.post(socket_.get_executor(), [self = shared_from_this()] {
+    self->setSocketOptions();
+    self->notePeer();
+    self->guarded([&] { self->proceed(); });
+  });
 }
 
 void Connection::finish() {
