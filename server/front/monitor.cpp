@@ -40,34 +40,6 @@ std::string httpReply(const char* status, const std::string& body) {
       status, body.size(), body);
 }
 
-// False if the client is not ready for that by then. What is ready counts however late it is: the
-// machine may have been busy with other work in the meantime.
-bool await(int client, short event, Clock::time_point end) {
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
-  pollfd waiting{client, event, 0};
-  return ::poll(&waiting, 1, std::max(0, static_cast<int>(left.count()))) > 0;
-}
-
-std::string receiveRequest(int client, Clock::time_point end) {
-  std::string request;
-  std::array<char, 1024> buffer{};
-  while (request.size() < kMaxRequest && request.find("\r\n\r\n") == std::string::npos) {
-    if (!await(client, POLLIN, end)) break;
-    const ssize_t count = ::recv(client, buffer.data(), buffer.size(), MSG_DONTWAIT);
-    if (count <= 0) break;
-    request.append(buffer.data(), static_cast<std::size_t>(count));
-  }
-  return request;
-}
-
-void sendAll(int client, std::string_view bytes, Clock::time_point end) {
-  while (!bytes.empty() && await(client, POLLOUT, end)) {
-    const ssize_t count = ::send(client, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (count <= 0) return;
-    bytes.remove_prefix(static_cast<std::size_t>(count));
-  }
-}
-
 }  // namespace
 
 Monitor::Monitor(std::uint16_t port, Sources sources, std::chrono::milliseconds patience)
@@ -120,6 +92,38 @@ void Monitor::run() {
     }
     serve(client);
     ::close(client);
+  }
+}
+
+// False if the client is not ready for that when its time is over and another one has come, or when
+// the monitor is to end. What is ready counts however late it is: the machine may have been busy
+// with other work in the meantime.
+bool Monitor::await(int client, short event, Clock::time_point end) const {
+  std::array<pollfd, 3> waiting{{{client, event, 0}, {stop_, POLLIN, 0}, {listener_, POLLIN, 0}}};
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+  if (::poll(waiting.data(), 2, std::max(0, static_cast<int>(left.count()))) == 0) {
+    ::poll(waiting.data(), waiting.size(), -1);
+  }
+  return waiting[0].revents != 0;
+}
+
+std::string Monitor::receiveRequest(int client, Clock::time_point end) const {
+  std::string request;
+  std::array<char, 1024> buffer{};
+  while (request.size() < kMaxRequest && request.find("\r\n\r\n") == std::string::npos) {
+    if (!await(client, POLLIN, end)) break;
+    const ssize_t count = ::recv(client, buffer.data(), buffer.size(), MSG_DONTWAIT);
+    if (count <= 0) break;
+    request.append(buffer.data(), static_cast<std::size_t>(count));
+  }
+  return request;
+}
+
+void Monitor::sendAll(int client, std::string_view bytes, Clock::time_point end) const {
+  while (!bytes.empty() && await(client, POLLOUT, end)) {
+    const ssize_t count = ::send(client, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (count <= 0) return;
+    bytes.remove_prefix(static_cast<std::size_t>(count));
   }
 }
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <thread>
 
 namespace corvaned {
@@ -22,8 +23,8 @@ class Monitor {
   };
 
   /// Port 0: any free one. Throws std::runtime_error if it cannot listen there. The sources are
-  /// called from the monitor's thread until it is destroyed. Each client is given up after
-  /// `patience`: they are served one after the other.
+  /// called from the monitor's thread until it is destroyed. Clients are served one after the
+  /// other: each may take `patience`, and more as long as no other one comes.
   Monitor(std::uint16_t port, Sources sources,
           std::chrono::milliseconds patience = std::chrono::milliseconds(2000));
   ~Monitor();
@@ -34,6 +35,9 @@ class Monitor {
 
  private:
   void run();
+  bool await(int client, short event, std::chrono::steady_clock::time_point end) const;
+  std::string receiveRequest(int client, std::chrono::steady_clock::time_point end) const;
+  void sendAll(int client, std::string_view bytes, std::chrono::steady_clock::time_point end) const;
   void serve(int client) const;
   std::string reply(const std::string& request) const;
   std::string replyToGet(const std::string& request) const;

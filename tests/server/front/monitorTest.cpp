@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <future>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -129,6 +130,28 @@ TEST_F(MonitorTest, RequestThatIsThereIsAnsweredHoweverLateItIs) {
   released.set_value();
   EXPECT_THAT(waiting.receiveAll(), StartsWith("HTTP/1.1 200 "));
   keeping.wait();
+}
+
+TEST_F(MonitorTest, SlowClientIsServedAsLongAsNoOtherOneComes) {
+  Monitor monitor(0, {[] { return std::string(); }, [] { return std::string(); }},
+                  std::chrono::milliseconds(0));
+  RawClient slow(monitor.port());
+  const std::string request = "GET /health HTTP/1.1\r\n\r\n";
+  for (const char byte : request) {
+    slow.send(std::string(1, byte));
+    slow.awaitDelivery();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  EXPECT_THAT(slow.receiveAll(), StartsWith("HTTP/1.1 200 "));
+}
+
+TEST_F(MonitorTest, EndsWhileAClientIsSilent) {
+  std::optional<Monitor> monitor;
+  monitor.emplace(0, Monitor::Sources{[] { return std::string(); }, [] { return std::string(); }},
+                  std::chrono::hours(1));
+  RawClient silent(monitor->port());
+  monitor.reset();
+  EXPECT_TRUE(silent.ended());
 }
 
 TEST_F(MonitorTest, PortThatIsTakenIsNamed) {
