@@ -155,7 +155,7 @@ void BatchMemory::note(const BatchEntry& batch, std::uint64_t ticket) {
 void BatchMemory::noteLeftOut(const std::string& name, std::string leftOut) {
   const std::lock_guard lock(mutex_);
   if (!now_.known.contains(name)) return;
-  now_.leftOut.insert_or_assign(name, std::move(leftOut));
+  if (!now_.leftOut.try_emplace(name, std::move(leftOut)).second) return;
   chargeMemory();
   ++notes_;
 }
@@ -165,7 +165,9 @@ void BatchMemory::noteLeftOut(const std::string& name, std::string leftOut) {
 void BatchMemory::replay(const BatchEntry& batch) {
   note(batch, 0);
   const std::lock_guard lock(mutex_);
-  if (inFile_ && endsAsFile()) now_ = *inFile_;
+  if (!inFile_ || !endsAsFile()) return;
+  now_ = *inFile_;
+  chargeMemory();
 }
 
 // A name alone does not tell: it may be used for another batch once it is forgotten, and what came
@@ -314,6 +316,7 @@ bool BatchMemory::decodeLeftOut(ByteReader& reader) {
     std::string name;
     std::string leftOut;
     if (!takeText(reader, name) || !takeText(reader, leftOut)) return false;
+    if (!now_.known.contains(name)) return false;
     now_.leftOut.insert_or_assign(name, std::move(leftOut));
   }
   chargeMemory();

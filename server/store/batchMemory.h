@@ -62,7 +62,8 @@ class BatchMemory {
 
   /// In the order in which the batches were accepted. One that is known already is then the latest.
   void note(const BatchEntry& batch, std::uint64_t ticket);
-  /// What the index left out of the batch, in words. Does nothing if the batch is not known.
+  /// What the index left out of the batch, in words. Does nothing if the batch is not known, or if
+  /// this has been noted before.
   void noteLeftOut(const std::string& name, std::string leftOut);
   /// What the journal brings when it is opened, from before and after the file was made.
   void replay(const BatchEntry& batch);

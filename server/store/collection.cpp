@@ -100,6 +100,7 @@ Collection::Collection(std::string name, const std::filesystem::path& directory,
                  requireNotStopping(stopping_);
                  noteReplayed(segment, change);
                }),
+      replayed_(journal_.end()),
       index_(directory, limits.index, [&] { requireNotStopping(stopping_); }) {
   if (const auto indexed = index_.lastChange()) journal_.requireToFit(*indexed);
   if (refresh_ == Refresh{} && !index_.refresh().empty()) {
@@ -455,13 +456,11 @@ std::shared_ptr<Ticket> Collection::ticketOfChange() const {
   return isAwaited ? std::make_shared<Ticket>() : nullptr;
 }
 
+// Of a document that the index refuses nothing remains, as whoever deletes it wishes.
 Collection::Waiting Collection::waitingFor(const Change& change, std::shared_ptr<Ticket> ticket) {
-  if (change.kind != ChangeKind::Batch) return {{change.document.key}, {}, std::move(ticket)};
-  Waiting waiting{{}, change.batch->name, std::move(ticket)};
-  for (const Document& document : change.batch->changes.documents) {
-    waiting.keys.push_back(document.key);
-  }
-  return waiting;
+  if (change.kind == ChangeKind::Batch) return {{}, change.batch->name, std::move(ticket)};
+  if (change.kind == ChangeKind::Remove) return {{}, {}, std::move(ticket)};
+  return {change.document.key, {}, std::move(ticket)};
 }
 
 void Collection::awaitRound(Waiting waiting) {
@@ -628,7 +627,7 @@ bool Collection::begin(Job& job) {
   if (journal_.empty()) {
     // Perhaps all that was missing was to know that a segment's removal is on disk.
     uncut_ = restless_ = false;
-    refuseWaiting(job, {});
+    refuseWaiting(job, {}, {});
     forgetFailure();
     return false;
   }
@@ -749,18 +748,55 @@ ParseOutcomes::LeftOut Collection::leftOutOf(const Refused& refused) {
   return result;
 }
 
-// Whoever sends a batch that is acknowledged as searchable may send it once more, and is told the
-// same then. Perhaps nobody waits for it now: it may be from before a restart.
-void Collection::noteLeftOutOfBatches(const Job& job, const Refused& refused) {
-  if (refused.empty() || refresh_.mode != Refresh::Mode::Immediate) return;
-  std::map<std::string, Refused> ofBatches;
-  JournalPart part = journal_.read(indexed(), job.end);
+// Passes on each change of one of the documents, with the name of the batch that adds it, if any.
+template <typename Take>
+void Collection::visitRefused(JournalPart part, const Refused& refused, const Take& take) const {
+  MemoryBudget::Share memory = emptyShare(limits_);
   while (const auto change = part.next()) {
-    if (part.batch().empty() || change->kind != ChangeKind::Put) continue;
+    requireGoingOn();
+    memory.force(part.bytesHeld());
     const auto found = refused.find(change->document.key);
-    if (found != refused.end()) ofBatches[part.batch()].insert(*found);
+    if (found == refused.end()) continue;
+    take(*found, change->kind == ChangeKind::Put ? part.batch() : std::string());
   }
-  for (const auto& [name, own] : ofBatches) batches_.noteLeftOut(name, inShort(leftOutOf(own)));
+}
+
+// What came in one round is searchable together or replaced. What the journal had at its opening
+// may have been brought in before, by several rounds: of each key only the last change is known to
+// be the one that the index has refused.
+Collection::LeftOutOfBatches Collection::leftOutOfBatches(const Job& job,
+                                                          const Refused& refused) const {
+  LeftOutOfBatches result;
+  std::map<std::string_view, std::string> last;
+  const JournalPosition from = indexed();
+  visitRefused(journal_.read(from, replayed_), refused,
+               [&](const auto& one, const std::string& batch) { last[one.first] = batch; });
+  visitRefused(journal_.read(std::max(from, replayed_), job.end), refused,
+               [&](const auto& one, const std::string& batch) {
+                 last.erase(one.first);
+                 if (!batch.empty()) result[batch].insert(one);
+               });
+  for (const auto& [key, batch] : last) {
+    if (!batch.empty()) result[batch].insert(*refused.find(key));
+  }
+  return result;
+}
+
+// Whoever sends a batch that is acknowledged as searchable may send it once more, and is told the
+// same then. Perhaps nobody waits for it now: it may be from before a restart. On disk before
+// anybody is told, since another change of its key may hide it from the next restart.
+Collection::LeftOutOfBatches Collection::noteLeftOutOfBatches(const Job& job,
+                                                              const Refused& refused) {
+  if (refused.empty() || refresh_.mode != Refresh::Mode::Immediate) return {};
+  noteLackedBatch();
+  LeftOutOfBatches ofBatches = leftOutOfBatches(job, refused);
+  for (const auto& [name, own] : ofBatches) batches_.noteLeftOut(name, refusalOf(own).what());
+  if (!ofBatches.empty()) saveBatches();
+  return ofBatches;
+}
+
+ServerError Collection::refusalOf(const Refused& refused) {
+  return {ErrorKind::DocumentsNotIndexed, inShort(leftOutOf(refused))};
 }
 
 std::optional<ServerError> Collection::refusalOfBatch(const std::string& name) const {
@@ -769,23 +805,24 @@ std::optional<ServerError> Collection::refusalOfBatch(const std::string& name) c
   return ServerError(ErrorKind::DocumentsNotIndexed, known->outcome.leftOut);
 }
 
-std::optional<ServerError> Collection::refusalOf(const Waiting& waiting,
-                                                 const Refused& refused) const {
-  if (!waiting.batch.empty()) return refusalOfBatch(waiting.batch);
-  const auto found = refused.find(waiting.keys.front());
-  if (found == refused.end()) return std::nullopt;
-  return ServerError(ErrorKind::DocumentsNotIndexed, found->second->messageText);
-}
-
 // Notes what is told to those who wait for one of the documents. Returns those that nobody waits
 // for.
-Collection::Refused Collection::refuseWaiting(Job& job, const Refused& refused) const {
+Collection::Refused Collection::refuseWaiting(Job& job, const Refused& refused,
+                                              const LeftOutOfBatches& ofBatches) const {
   Refused untold = refused;
   for (Waiting& waiting : job.waiting) {
     if (!waiting.ticket) continue;
-    waiting.refusal = refusalOf(waiting, refused);
-    if (!waiting.refusal) continue;
-    for (const std::string& key : waiting.keys) untold.erase(key);
+    if (!waiting.batch.empty()) {
+      const auto own = ofBatches.find(waiting.batch);
+      waiting.refusal = refusalOfBatch(waiting.batch);
+      if (own == ofBatches.end()) continue;
+      // So many may have come behind it that it is forgotten already.
+      if (!waiting.refusal) waiting.refusal = refusalOf(own->second);
+      for (const auto& [key, outcome] : own->second) untold.erase(key);
+    } else if (const auto found = refused.find(waiting.key); found != refused.end()) {
+      waiting.refusal.emplace(ErrorKind::DocumentsNotIndexed, found->second->messageText);
+      untold.erase(found->first);
+    }
   }
   return untold;
 }
@@ -796,8 +833,7 @@ Collection::Report Collection::reportRefused(Job& job) {
   std::vector<ParseOutcome>& outcomes = job.update->refused();
   Refused refused;
   for (const ParseOutcome& outcome : outcomes) refused.emplace(outcome.key, &outcome);
-  noteLeftOutOfBatches(job, refused);
-  const Refused untold = refuseWaiting(job, refused);
+  const Refused untold = refuseWaiting(job, refused, noteLeftOutOfBatches(job, refused));
   // What finds nothing to bring in changes nothing of what is known of the update before.
   if (job.update->progress().all == 0) return report;
   const bool isExpected = job.ticket && job.ticket->isExpected();

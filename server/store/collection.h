@@ -179,8 +179,9 @@ class Collection {
  private:
   /// Who waits for a change, or a batch of them, to become searchable.
   struct Waiting {
-    std::vector<std::string> keys;
-    /// The batch's name; empty for a single change.
+    /// Of a document that is added alone.
+    std::string key;
+    /// The name of a batch.
     std::string batch;
     std::shared_ptr<Ticket> ticket;
     /// If the index has refused one of the documents.
@@ -216,6 +217,8 @@ class Collection {
 
   /// Documents that the index has refused, by their keys.
   using Refused = std::map<std::string_view, const ParseOutcome*>;
+  /// What it has refused of batches, by the names of these.
+  using LeftOutOfBatches = std::map<std::string, Refused>;
 
   /// What is said of the documents that an update has left out.
   struct Report {
@@ -284,10 +287,13 @@ class Collection {
   JournalPosition closeSegment();
   void end(Job& job);
   static ParseOutcomes::LeftOut leftOutOf(const Refused& refused);
-  void noteLeftOutOfBatches(const Job& job, const Refused& refused);
+  template <typename Take>
+  void visitRefused(JournalPart part, const Refused& refused, const Take& take) const;
+  LeftOutOfBatches leftOutOfBatches(const Job& job, const Refused& refused) const;
+  LeftOutOfBatches noteLeftOutOfBatches(const Job& job, const Refused& refused);
   std::optional<ServerError> refusalOfBatch(const std::string& name) const;
-  std::optional<ServerError> refusalOf(const Waiting& waiting, const Refused& refused) const;
-  Refused refuseWaiting(Job& job, const Refused& refused) const;
+  static ServerError refusalOf(const Refused& refused);
+  Refused refuseWaiting(Job& job, const Refused& refused, const LeftOutOfBatches& ofBatches) const;
   Report reportRefused(Job& job);
   std::optional<ServerError> replyTo(const Ticket& update) const;
   std::shared_ptr<Ticket> wantUpdate();
@@ -395,6 +401,8 @@ class Collection {
 
   // Opening the journal fills the members above, so it must be declared after them.
   Journal journal_;
+  // Where it ended when it was opened.
+  const JournalPosition replayed_;
   XapianIndex index_;
 };
 

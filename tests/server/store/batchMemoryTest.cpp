@@ -98,7 +98,8 @@ TEST_F(BatchMemoryTest, WhatTheIndexLeftOutIsKnownAsLongAsTheBatch) {
     memory.note(batch(numbered(1)), 0);
     save(memory);
     memory.noteLeftOut(numbered(1), "1 document");
-    memory.noteLeftOut("never was", "2 documents");
+    memory.noteLeftOut(numbered(1), "2 documents");
+    memory.noteLeftOut("never was", "3 documents");
     EXPECT_EQ(memory.find(numbered(0))->outcome.leftOut, "");
     EXPECT_EQ(memory.find(numbered(1))->outcome.leftOut, "1 document");
     EXPECT_TRUE(memory.unsaved());
