@@ -71,7 +71,7 @@ int main(int argc, char** argv) {
     DrestoPerfClient client(icu::UnicodeString::fromUTF8(argv[1]), port);
     // Without it a first portion that was cut in the middle of a record is an error.
     client.setReassembly(true);
-    client.setDeadline(5000);  // milliseconds
+    client.setDeadline(60000);  // milliseconds
     const auto collection = icu::UnicodeString::fromUTF8(argv[3]);
     printEstimate(client, collection, argv[4]);
     if (printBest(client, collection, argv[4])) return 0;

@@ -951,6 +951,8 @@ TEST_F(FrontTest, ThousandsOfConnectionsAreServed) {
 }
 
 TEST_F(FrontTest, StopEndsIdleConnectionsAndFinishesWhatIsBeingServed) {
+  options_.stopTimeout = std::chrono::minutes(5);
+  start();
   RawClient idle(http_);
   EXPECT_THAT(httpAsk(idle, {{"action", "getServerVersion"}}), EndsWith("1.2.3"));
   RawClient half(http_);
@@ -1017,6 +1019,8 @@ TEST_F(ImpatientFrontTest, IdleClientIsNotCutOff) {
 }
 
 TEST_F(ImpatientFrontTest, ConnectionsBeyondTheLimitAreEndedAndTheOthersServed) {
+  options_.stallTimeout = std::chrono::minutes(5);
+  start();
   std::vector<RawClient> clients;
   for (int i = 0; i < 20; ++i) {
     clients.emplace_back(http_);
@@ -1048,8 +1052,7 @@ TEST_F(ImpatientFrontTest, RequestsThatCannotBeDecodedAreCountedAndLogged) {
   server_.reset();
   const test::LogLines log;
   spdlog::default_logger()->set_level(spdlog::level::debug);
-  options_.stallTimeout = std::chrono::seconds(60);
-  options_.requestTimeout = std::chrono::milliseconds(50);
+  options_.stallTimeout = std::chrono::minutes(5);
   start();
   std::string lines;
   for (int i = 0; i < 1001; ++i) lines += "a: b\n";
@@ -1063,6 +1066,8 @@ TEST_F(ImpatientFrontTest, RequestsThatCannotBeDecodedAreCountedAndLogged) {
   EXPECT_THAT(ask(lines + "\r\n"), HasSubstr("ZVK0002E"));
   EXPECT_THAT(ask("a: " + std::string(70000, 'y')), HasSubstr("ZVK0002E"));
   EXPECT_THAT(ask("Content-Length  : many\n\r\n"), HasSubstr("ZVK0001E"));
+  options_.requestTimeout = std::chrono::milliseconds(50);
+  start();
   EXPECT_THAT(ask("action: get"), HasSubstr("ZVK0021E"));
   server_.reset();
   const std::string metrics = dispatcher_.metrics().text();
@@ -1074,6 +1079,7 @@ TEST_F(ImpatientFrontTest, RequestsThatCannotBeDecodedAreCountedAndLogged) {
 }
 
 TEST_F(ImpatientFrontTest, ClientsThatAreTurnedAwayAreNoRequests) {
+  options_.stallTimeout = std::chrono::minutes(5);
   options_.connections = 1;
   start();
   RawClient client(http_);
