@@ -100,7 +100,6 @@ Collection::Collection(std::string name, const std::filesystem::path& directory,
                  requireNotStopping(stopping_);
                  noteReplayed(segment, change);
                }),
-      replayed_(journal_.end()),
       index_(directory, limits.index, [&] { requireNotStopping(stopping_); }) {
   if (const auto indexed = index_.lastChange()) journal_.requireToFit(*indexed);
   if (refresh_ == Refresh{} && !index_.refresh().empty()) {
@@ -261,7 +260,7 @@ BatchOutcome Collection::decide(Batch& batch, const std::shared_ptr<BatchEntry>&
     if (ticket && allIsIndexed) {
       ticket->finish(refusalOfBatch(entry->name));
     } else if (ticket) {
-      awaitRound(waitingFor({ChangeKind::Batch, {}, entry}, ticket));
+      awaitRound({ticket, {}, entry->name, refusalOfBatch(entry->name)});
     }
     return known->outcome;
   }
@@ -387,7 +386,6 @@ void Collection::saveBatches() {
     const std::unique_lock gate(gate_);
     noteLackedBatch();
     contents = batches_.unsaved();
-    if (pendingKeys_.isIdle()) pendingKeys_.drop();
   }
   if (!contents) return;
   // Otherwise the file might outlive the changes of a batch that it has.
@@ -454,13 +452,6 @@ void Collection::requestRound() {
 std::shared_ptr<Ticket> Collection::ticketOfChange() const {
   const bool isAwaited = refresh_.mode == Refresh::Mode::Immediate;
   return isAwaited ? std::make_shared<Ticket>() : nullptr;
-}
-
-// Of a document that the index refuses nothing remains, as whoever deletes it wishes.
-Collection::Waiting Collection::waitingFor(const Change& change, std::shared_ptr<Ticket> ticket) {
-  if (change.kind == ChangeKind::Batch) return {{}, change.batch->name, std::move(ticket)};
-  if (change.kind == ChangeKind::Remove) return {{}, {}, std::move(ticket)};
-  return {change.document.key, {}, std::move(ticket)};
 }
 
 void Collection::awaitRound(Waiting waiting) {
@@ -690,7 +681,6 @@ void Collection::forgetFailure() {
 }
 
 void Collection::end(Job& job) {
-  forgetFailure();
   const bool isRound = job.kind == Job::Kind::Round;
   // On disk before the journal is cut off there.
   if (!isRound) index_.endUpdate(journal_.lastChangeBefore(job.end.segment));
@@ -699,6 +689,7 @@ void Collection::end(Job& job) {
   // Before the update counts as done: nobody must find nothing to do and nothing left out. If it
   // fails for want of memory, a repeat finds what was refused again.
   const Report report = reportRefused(job);
+  forgetFailure();
   {
     const std::lock_guard lock(hiddenMutex_);
     const auto isIn = [&](const std::string&, const JournalPosition& position) {
@@ -720,6 +711,10 @@ void Collection::end(Job& job) {
   if (!report.line.empty()) logFailure("refresh", {ErrorKind::DocumentsNotIndexed, report.line});
   if (isRound) return;
   saveBatches();
+  {
+    const std::unique_lock gate(gate_);
+    if (pendingKeys_.isIdle()) pendingKeys_.drop();
+  }
   journal_.remove(job.end.segment - 1);
   uncut_ = restless_ = false;
   {
@@ -748,51 +743,23 @@ ParseOutcomes::LeftOut Collection::leftOutOf(const Refused& refused) {
   return result;
 }
 
-// Passes on each change of one of the documents, with the name of the batch that adds it, if any.
-template <typename Take>
-void Collection::visitRefused(JournalPart part, const Refused& refused, const Take& take) const {
-  MemoryBudget::Share memory = emptyShare(limits_);
-  while (const auto change = part.next()) {
-    requireGoingOn();
-    memory.force(part.bytesHeld());
-    const auto found = refused.find(change->document.key);
-    if (found == refused.end()) continue;
-    take(*found, change->kind == ChangeKind::Put ? part.batch() : std::string());
-  }
-}
-
-// What came in one round is searchable together or replaced. What the journal had at its opening
-// may have been brought in before, by several rounds: of each key only the last change is known to
-// be the one that the index has refused.
-Collection::LeftOutOfBatches Collection::leftOutOfBatches(const Job& job,
-                                                          const Refused& refused) const {
-  LeftOutOfBatches result;
-  std::map<std::string_view, std::string> last;
-  const JournalPosition from = indexed();
-  visitRefused(journal_.read(from, replayed_), refused,
-               [&](const auto& one, const std::string& batch) { last[one.first] = batch; });
-  visitRefused(journal_.read(std::max(from, replayed_), job.end), refused,
-               [&](const auto& one, const std::string& batch) {
-                 last.erase(one.first);
-                 if (!batch.empty()) result[batch].insert(one);
-               });
-  for (const auto& [key, batch] : last) {
-    if (!batch.empty()) result[batch].insert(*refused.find(key));
-  }
-  return result;
-}
-
 // Whoever sends a batch that is acknowledged as searchable may send it once more, and is told the
 // same then. Perhaps nobody waits for it now: it may be from before a restart. On disk before
-// anybody is told, since another change of its key may hide it from the next restart.
-Collection::LeftOutOfBatches Collection::noteLeftOutOfBatches(const Job& job,
-                                                              const Refused& refused) {
-  if (refused.empty() || refresh_.mode != Refresh::Mode::Immediate) return {};
-  noteLackedBatch();
-  LeftOutOfBatches ofBatches = leftOutOfBatches(job, refused);
+// anybody is told, since an update after a restart may find a later change of its key.
+void Collection::noteLeftOutOfBatches(const std::vector<IndexUpdate::Refused>& refused) {
+  if (refresh_.mode != Refresh::Mode::Immediate) return;
+  std::map<std::string, Refused> ofBatches;
+  for (const IndexUpdate::Refused& one : refused) {
+    if (!one.batch.empty()) ofBatches[one.batch].emplace(one.outcome.key, &one.outcome);
+  }
+  if (!ofBatches.empty()) {
+    noteLackedBatch();
+    leftOutIsUnsaved_ = true;
+  }
   for (const auto& [name, own] : ofBatches) batches_.noteLeftOut(name, refusalOf(own).what());
-  if (!ofBatches.empty()) saveBatches();
-  return ofBatches;
+  if (!leftOutIsUnsaved_) return;
+  saveBatches();
+  leftOutIsUnsaved_ = false;
 }
 
 ServerError Collection::refusalOf(const Refused& refused) {
@@ -805,23 +772,24 @@ std::optional<ServerError> Collection::refusalOfBatch(const std::string& name) c
   return ServerError(ErrorKind::DocumentsNotIndexed, known->outcome.leftOut);
 }
 
-// Notes what is told to those who wait for one of the documents. Returns those that nobody waits
-// for.
-Collection::Refused Collection::refuseWaiting(Job& job, const Refused& refused,
-                                              const LeftOutOfBatches& ofBatches) const {
-  Refused untold = refused;
+// Notes what is told to those who wait for one of the documents. Returns what nobody is told of.
+Collection::Refused Collection::refuseWaiting(Job& job, Refused untold,
+                                              const RefusedChanges& changes) const {
   for (Waiting& waiting : job.waiting) {
-    if (!waiting.ticket) continue;
-    if (!waiting.batch.empty()) {
-      const auto own = ofBatches.find(waiting.batch);
-      waiting.refusal = refusalOfBatch(waiting.batch);
-      if (own == ofBatches.end()) continue;
-      // So many may have come behind it that it is forgotten already.
-      if (!waiting.refusal) waiting.refusal = refusalOf(own->second);
-      for (const auto& [key, outcome] : own->second) untold.erase(key);
-    } else if (const auto found = refused.find(waiting.key); found != refused.end()) {
-      waiting.refusal.emplace(ErrorKind::DocumentsNotIndexed, found->second->messageText);
-      untold.erase(found->first);
+    const auto own = waiting.ticket ? changes.find(waiting.end) : changes.end();
+    if (own == changes.end()) {
+      // Perhaps it has come again while the first one was waiting.
+      auto known = waiting.batch.empty() ? std::nullopt : refusalOfBatch(waiting.batch);
+      if (known) waiting.refusal = std::move(known);
+      continue;
+    }
+    const ParseOutcome& first = *own->second.begin()->second;
+    waiting.refusal = waiting.batch.empty()
+                          ? ServerError(ErrorKind::DocumentsNotIndexed, first.messageText)
+                          : refusalOf(own->second);
+    for (const auto& [key, outcome] : own->second) {
+      const auto last = untold.find(key);
+      if (last != untold.end() && last->second == outcome) untold.erase(last);
     }
   }
   return untold;
@@ -830,10 +798,14 @@ Collection::Refused Collection::refuseWaiting(Job& job, const Refused& refused,
 // All of it that takes memory.
 Collection::Report Collection::reportRefused(Job& job) {
   Report report;
-  std::vector<ParseOutcome>& outcomes = job.update->refused();
+  RefusedChanges changes;
   Refused refused;
-  for (const ParseOutcome& outcome : outcomes) refused.emplace(outcome.key, &outcome);
-  const Refused untold = refuseWaiting(job, refused, noteLeftOutOfBatches(job, refused));
+  for (const IndexUpdate::Refused& one : job.update->refused()) {
+    changes[one.end].emplace(one.outcome.key, &one.outcome);
+    if (one.isLast) refused.emplace(one.outcome.key, &one.outcome);
+  }
+  noteLeftOutOfBatches(job.update->refused());
+  const Refused untold = refuseWaiting(job, refused, changes);
   // What finds nothing to bring in changes nothing of what is known of the update before.
   if (job.update->progress().all == 0) return report;
   const bool isExpected = job.ticket && job.ticket->isExpected();
@@ -842,6 +814,10 @@ Collection::Report Collection::reportRefused(Job& job) {
   const bool isUnasked = !isExpected && refresh_.mode != Refresh::Mode::Manual;
   if (isUnasked && !untold.empty()) report.line = inShort(leftOut);
   const bool isReply = isExpected && !refused.empty();
+  std::vector<ParseOutcome> outcomes;
+  for (IndexUpdate::Refused& one : job.update->refused()) {
+    if (one.isLast) outcomes.push_back(std::move(one.outcome));
+  }
   const ParseOutcomes::Noted noted = outcomes_->noteUpdate(std::move(leftOut), std::move(outcomes));
   if (!noted.keptAll) logForgotten();
   if (!isReply) return report;
@@ -1220,9 +1196,10 @@ Journal::Place Collection::appendBehindGate(const Change& change,
                                             const std::shared_ptr<Ticket>& ticket) {
   noteLackedBatch();
   if (!ticket) return appendAndNote(change);
-  Waiting waiting = waitingFor(change, ticket);
+  Waiting waiting{ticket, {}, change.batch ? change.batch->name : std::string()};
   const std::lock_guard lock(awaitedMutex_);
   const Journal::Place place = appendAndNote(change);
+  waiting.end = place.end;
   awaitRound(std::move(waiting));
   return place;
 }

@@ -179,11 +179,11 @@ class Collection {
  private:
   /// Who waits for a change, or a batch of them, to become searchable.
   struct Waiting {
-    /// Of a document that is added alone.
-    std::string key;
-    /// The name of a batch.
-    std::string batch;
     std::shared_ptr<Ticket> ticket;
+    /// Where the change ends in the journal; unknown if it is a batch that has come again.
+    JournalPosition end{};
+    /// The name of the batch; empty for a single change.
+    std::string batch{};
     /// If the index has refused one of the documents.
     std::optional<ServerError> refusal{};
   };
@@ -217,8 +217,8 @@ class Collection {
 
   /// Documents that the index has refused, by their keys.
   using Refused = std::map<std::string_view, const ParseOutcome*>;
-  /// What it has refused of batches, by the names of these.
-  using LeftOutOfBatches = std::map<std::string, Refused>;
+  /// The same for each change, by where it ends.
+  using RefusedChanges = std::map<JournalPosition, Refused>;
 
   /// What is said of the documents that an update has left out.
   struct Report {
@@ -275,7 +275,6 @@ class Collection {
   std::shared_ptr<Ticket> requestRemoval();
   void requestRound();
   std::shared_ptr<Ticket> ticketOfChange() const;
-  static Waiting waitingFor(const Change& change, std::shared_ptr<Ticket> ticket);
   void awaitRound(Waiting waiting);
   void requestEarly(const Journal::Place& place);
   bool isIndexed() const;
@@ -287,13 +286,10 @@ class Collection {
   JournalPosition closeSegment();
   void end(Job& job);
   static ParseOutcomes::LeftOut leftOutOf(const Refused& refused);
-  template <typename Take>
-  void visitRefused(JournalPart part, const Refused& refused, const Take& take) const;
-  LeftOutOfBatches leftOutOfBatches(const Job& job, const Refused& refused) const;
-  LeftOutOfBatches noteLeftOutOfBatches(const Job& job, const Refused& refused);
-  std::optional<ServerError> refusalOfBatch(const std::string& name) const;
+  void noteLeftOutOfBatches(const std::vector<IndexUpdate::Refused>& refused);
   static ServerError refusalOf(const Refused& refused);
-  Refused refuseWaiting(Job& job, const Refused& refused, const LeftOutOfBatches& ofBatches) const;
+  std::optional<ServerError> refusalOfBatch(const std::string& name) const;
+  Refused refuseWaiting(Job& job, Refused untold, const RefusedChanges& changes) const;
   Report reportRefused(Job& job);
   std::optional<ServerError> replyTo(const Ticket& update) const;
   std::shared_ptr<Ticket> wantUpdate();
@@ -372,6 +368,8 @@ class Collection {
   std::mutex turn_;
   std::mutex stepMutex_;
   std::unique_ptr<Job> job_;  // Guarded by stepMutex_.
+  // Whether what is known of batches lacks something in its file. Guarded by stepMutex_.
+  bool leftOutIsUnsaved_ = false;
 
   // Made in time.
   const ServerError noMemory_{ErrorKind::OutOfMemory,
@@ -401,8 +399,6 @@ class Collection {
 
   // Opening the journal fills the members above, so it must be declared after them.
   Journal journal_;
-  // Where it ended when it was opened.
-  const JournalPosition replayed_;
   XapianIndex index_;
 };
 

@@ -1,10 +1,11 @@
 #include "server/store/indexUpdate.h"
 
+#include <algorithm>
 #include <iterator>
 #include <limits>
+#include <set>
+#include <string_view>
 #include <utility>
-
-#include "server/store/indexingMemory.h"
 
 namespace corvaned {
 namespace {
@@ -34,7 +35,14 @@ IndexUpdate::IndexUpdate(JournalPart part, XapianIndex& index, Slices slices,
 
 bool IndexUpdate::step() {
   if (!counted_) count();
-  const bool more = !counted_ || apply();
+  bool more = true;
+  if (searched_) {
+    more = findEarlier();
+  } else if (sliceEndMark_) {
+    more = offerEarlier();
+  } else if (counted_) {
+    more = apply();
+  }
   part_.closeFile();
   return more;
 }
@@ -47,11 +55,10 @@ void IndexUpdate::count() {
     const auto change = next();
     if (!change) return endCount(true);
     const auto [entry, isNew] = lastOfKey_.try_emplace(change->document.key);
-    entry->second.number = position_++;
-    if (change->kind == ChangeKind::Remove) entry->second.removes = true;
+    entry->second = {position_++, !isNew};
     if (isNew) keyBytes_ += entry->first.size() + kKeyCost;
   }
-  memory_.force(keyBytes_ + bytesHeld_);
+  chargeMemory();
   all_ = position_;
 }
 
@@ -62,14 +69,15 @@ void IndexUpdate::endCount(bool isLast) {
   part_.rewind(sliceMark_);
   bytesHeld_ = 0;
   position_ = sliceBegin_;
-  memory_.force(keyBytes_);
+  chargeMemory();
   forgetReplacedRefusals();
 }
 
 // Within a slice the index is not given a version that another one follows. What becomes of a key
 // must not depend on where one slice ends and the next begins.
 void IndexUpdate::forgetReplacedRefusals() {
-  std::erase_if(refused_, [this](const ParseOutcome& one) { return lastOfKey_.contains(one.key); });
+  std::erase_if(refused_,
+                [this](const Refused& one) { return lastOfKey_.contains(one.outcome.key); });
 }
 
 // What a slice leaves visible that a later one deletes is hidden from searches until the update
@@ -80,14 +88,16 @@ void IndexUpdate::beginSlice() {
   sliceBegin_ = position_;
   lastOfKey_.clear();
   keyBytes_ = 0;
-  memory_.force(bytesHeld_);
+  chargeMemory();
 }
+
+void IndexUpdate::chargeMemory() { memory_.force(keyBytes_ + bytesHeld_ + earlierBytes_); }
 
 std::optional<Change> IndexUpdate::next() {
   std::optional<Change> change = part_.next();
   if (part_.bytesHeld() != bytesHeld_) {
     bytesHeld_ = part_.bytesHeld();
-    memory_.force(keyBytes_ + bytesHeld_);
+    chargeMemory();
   }
   return change;
 }
@@ -96,39 +106,128 @@ std::optional<Change> IndexUpdate::next() {
 // deleted document visible between two transactions. A batch that fits into a transaction is not
 // divided between two.
 bool IndexUpdate::apply() {
-  const IndexLimits& limits = index_.limits();
-  std::vector<Change> batch;
-  IndexingMemory memory;
+  Transaction transaction;
   bool more = true;
   const std::uint64_t end = part_.bytesRead() + kBytesPerCount;
-  const auto hasRoom = [&](std::size_t times) {
-    return batch.size() < times * limits.batchChanges &&
-           memory.bytes() < times * limits.batchMemory();
-  };
-  while ((hasRoom(1) && part_.bytesRead() < end) || (hasRoom(2) && part_.isInsideBatch())) {
+  while ((hasRoom(transaction, 1) && part_.bytesRead() < end) ||
+         (hasRoom(transaction, 2) && part_.isInsideBatch())) {
     more = position_ < sliceEnd_;
     if (!more) break;
     auto change = next();
-    if (lastOfKey_[change->document.key].number != position_++) continue;
-    memory.addAsSent(*change);
-    batch.push_back(std::move(*change));
+    if (lastOfKey_[change->document.key].number == position_++) {
+      add(transaction, std::move(*change), true);
+    }
   }
-  std::vector<ParseOutcome> refused = index_.applyBatch(batch, stop_);
-  removeWhatReplacesNothing(refused);
+  std::vector<Refused> refused = bringIn(transaction);
+  for (const Refused& one : refused) {
+    const LastChange& last = lastOfKey_[one.outcome.key];
+    if (last.isRepeated) earlier_[one.outcome.key].refused = last.number;
+  }
   std::move(refused.begin(), refused.end(), std::back_inserter(refused_));
-  if (more || isLastSlice_) return more;
-  beginSlice();
+  if (more) return true;
+  if (earlier_.empty()) return endSlice();
+  sliceEndMark_ = part_.mark();
+  part_.rewind(sliceMark_);
+  searched_ = sliceBegin_;
   return true;
 }
 
-// A document that the index refuses leaves the earlier one of its key. If that was deleted before,
-// it must not come back.
-void IndexUpdate::removeWhatReplacesNothing(const std::vector<ParseOutcome>& refused) {
-  std::vector<Change> removals;
-  for (const ParseOutcome& one : refused) {
-    if (lastOfKey_[one.key].removes) removals.push_back({ChangeKind::Remove, {one.key, {}, {}}});
+bool IndexUpdate::hasRoom(const Transaction& transaction, std::size_t times) const {
+  const IndexLimits& limits = index_.limits();
+  return transaction.changes.size() < times * limits.batchChanges &&
+         transaction.memory.bytes() < times * limits.batchMemory();
+}
+
+void IndexUpdate::add(Transaction& transaction, Change change, bool isLast) {
+  transaction.memory.addAsSent(change);
+  transaction.origins.push_back({part_.end(), part_.batch(), isLast});
+  transaction.changes.push_back(std::move(change));
+}
+
+std::vector<IndexUpdate::Refused> IndexUpdate::bringIn(const Transaction& transaction) {
+  const std::vector<Change>& changes = transaction.changes;
+  std::vector<Refused> refused;
+  for (ParseOutcome& outcome : index_.applyBatch(changes, stop_)) {
+    const auto change = std::find_if(changes.begin(), changes.end(), [&](const Change& each) {
+      return each.document.key == outcome.key;
+    });
+    const Origin& origin =
+        transaction.origins.at(static_cast<std::size_t>(change - changes.begin()));
+    refused.push_back({std::move(outcome), origin.end, origin.batch, origin.isLast});
   }
-  if (!removals.empty()) index_.applyBatch(removals, stop_);
+  return refused;
+}
+
+// Of the keys whose last document was refused, where the earlier ones stand.
+bool IndexUpdate::findEarlier() {
+  const std::uint64_t end = part_.bytesRead() + kBytesPerCount;
+  Place place;
+  while ((*searched_ < sliceEnd_ && part_.bytesRead() < end) || part_.isInsideBatch()) {
+    stop_();
+    if (part_.isInsideBatch()) {
+      ++place.before;
+    } else {
+      place = {part_.mark(), 0};
+    }
+    const auto change = next();
+    const std::uint64_t number = (*searched_)++;
+    const auto found = earlier_.find(change->document.key);
+    if (found == earlier_.end() || number >= found->second.refused) continue;
+    std::vector<Place>& documents = found->second.documents;
+    if (change->kind == ChangeKind::Remove) {
+      found->second.removes = true;
+      documents.clear();
+    } else {
+      documents.push_back(place);
+      earlierBytes_ += sizeof(Place);
+    }
+  }
+  chargeMemory();
+  if (*searched_ >= sliceEnd_) searched_.reset();
+  return true;
+}
+
+// The latest that the index takes is what it gets. A document that was deleted before must not come
+// back if it takes none.
+bool IndexUpdate::offerEarlier() {
+  Transaction transaction;
+  for (auto one = earlier_.begin(); one != earlier_.end() && hasRoom(transaction, 1);) {
+    Earlier& earlier = one->second;
+    if (!earlier.documents.empty()) {
+      stop_();
+      add(transaction, documentAt(earlier.documents.back()), false);
+      earlier.documents.pop_back();
+      ++one;
+      continue;
+    }
+    if (earlier.removes) add(transaction, {ChangeKind::Remove, {one->first, {}, {}}}, false);
+    one = earlier_.erase(one);
+  }
+  std::vector<Refused> refused = bringIn(transaction);
+  std::set<std::string_view> refusedKeys;
+  for (const Refused& one : refused) refusedKeys.insert(one.outcome.key);
+  for (const Change& change : transaction.changes) {
+    if (!refusedKeys.contains(change.document.key)) earlier_.erase(change.document.key);
+  }
+  std::move(refused.begin(), refused.end(), std::back_inserter(refused_));
+  if (!earlier_.empty()) return true;
+  earlierBytes_ = 0;
+  chargeMemory();
+  part_.rewind(*sliceEndMark_);
+  sliceEndMark_.reset();
+  return endSlice();
+}
+
+Change IndexUpdate::documentAt(const Place& place) {
+  part_.rewind(place.entry);
+  for (std::size_t i = 0; i < place.before; ++i) next();
+  return std::move(*next());
+}
+
+bool IndexUpdate::endSlice() {
+  if (isLastSlice_) return false;
+  beginSlice();
+  return true;
 }
 
 }  // namespace corvaned

@@ -2,12 +2,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
 #include "server/base/memoryBudget.h"
+#include "server/store/indexingMemory.h"
 #include "server/store/journal.h"
 #include "server/store/xapianIndex.h"
 
@@ -31,22 +33,64 @@ class IndexUpdate {
   /// How many changes have been brought in, and how many have been found.
   IndexProgress progress() const { return {counted_ ? position_ : sliceBegin_, all_}; }
 
-  /// The documents that the index refused: of each key the last change, if it is one of these.
-  std::vector<ParseOutcome>& refused() { return refused_; }
+  /// A document that the index refused.
+  struct Refused {
+    ParseOutcome outcome;
+    /// Where its change ends in the journal, or the batch of that, and the name of the batch; empty
+    /// if it came alone.
+    JournalPosition end;
+    std::string batch;
+    /// Whether it is the last change of its key.
+    bool isLast = true;
+  };
+  /// Where the last document of a key is refused, the one before it is what the index gets, unless
+  /// that is deleted in between: what becomes of each must not depend on which come in one update.
+  std::vector<Refused>& refused() { return refused_; }
 
  private:
   struct LastChange {
     std::uint64_t number = 0;
-    /// It, or one before it in the slice, removes the document.
+    /// Whether others of the key come before it in the slice.
+    bool isRepeated = false;
+  };
+  /// Where a document stands: the entry, and how many others come before it in there.
+  struct Place {
+    JournalPart::Mark entry;
+    std::size_t before = 0;
+  };
+  /// What comes in the slice before a document that the index has refused.
+  struct Earlier {
+    std::uint64_t refused = 0;
+    std::vector<Place> documents;
+    /// Whether it is deleted before those.
     bool removes = false;
+  };
+  /// Where a change ends in the journal, and its batch.
+  struct Origin {
+    JournalPosition end;
+    std::string batch;
+    bool isLast = true;
+  };
+  /// What the index gets in one transaction.
+  struct Transaction {
+    std::vector<Change> changes;
+    std::vector<Origin> origins;
+    IndexingMemory memory;
   };
 
   void count();
   void endCount(bool isLast);
   void forgetReplacedRefusals();
   bool apply();
-  void removeWhatReplacesNothing(const std::vector<ParseOutcome>& refused);
+  bool hasRoom(const Transaction& transaction, std::size_t times) const;
+  void add(Transaction& transaction, Change change, bool isLast);
+  std::vector<Refused> bringIn(const Transaction& transaction);
+  bool findEarlier();
+  bool offerEarlier();
+  Change documentAt(const Place& place);
+  bool endSlice();
   void beginSlice();
+  void chargeMemory();
   std::optional<Change> next();
 
   JournalPart part_;
@@ -69,7 +113,13 @@ class IndexUpdate {
   std::uint64_t position_ = 0;
   std::uint64_t all_ = 0;
   bool counted_ = false;
-  std::vector<ParseOutcome> refused_;
+  // Once the last changes have been brought in, what is done for those that were refused: until all
+  // of the slice has been read again, the number of the next change, and then where the slice ends.
+  std::map<std::string, Earlier> earlier_;
+  std::size_t earlierBytes_ = 0;
+  std::optional<std::uint64_t> searched_;
+  std::optional<JournalPart::Mark> sliceEndMark_;
+  std::vector<Refused> refused_;
 };
 
 }  // namespace corvaned

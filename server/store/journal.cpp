@@ -156,7 +156,8 @@ JournalPart Journal::read(JournalPosition from, JournalPosition to) const {
   std::vector<JournalPart::Segment> segments;
   for (const ScannedSegment& segment : segments_) {
     if (segment.number < from.segment || segment.number > to.segment) continue;
-    segments.push_back({pathOf(segment.number), segment.number == from.segment ? from.bytes : 0,
+    segments.push_back({segment.number, pathOf(segment.number),
+                        segment.number == from.segment ? from.bytes : 0,
                         segment.number == to.segment ? to.bytes : segment.bytes});
   }
   return JournalPart(std::move(segments));
@@ -196,6 +197,7 @@ bool JournalPart::readEntry() {
 
 Change JournalPart::takeChange() {
   const std::size_t number = taken_++;
+  end_ = {segments_[current_].number, entry_->place + entry_->bytes};
   batch_.clear();
   if (entry_->change.kind != ChangeKind::Batch) return std::move(entry_->change);
   batch_ = entry_->change.batch->name;

@@ -35,6 +35,7 @@ struct JournalPosition {
 class JournalPart {
  public:
   struct Segment {
+    std::uint64_t number = 0;
     std::filesystem::path path;
     std::uint64_t from = 0;
     std::uint64_t to = 0;
@@ -44,7 +45,9 @@ class JournalPart {
 
   /// Nothing at the end.
   std::optional<Change> next();
-  /// The name of the batch that the last change belongs to; empty if it came alone.
+  /// Where the last change ends in the journal, or its batch, and the name of that; empty if it
+  /// came alone.
+  JournalPosition end() const { return end_; }
   const std::string& batch() const { return batch_; }
   /// A place between two entries: not inside a batch.
   struct Mark {
@@ -80,6 +83,7 @@ class JournalPart {
   std::optional<SegmentPiece> entry_;
   std::size_t taken_ = 0;
   std::size_t bytesHeld_ = 0;
+  JournalPosition end_;
   std::string batch_;
 };
 

@@ -721,16 +721,15 @@ TEST_F(LeftOutOfBatchTest, IsNeitherMoreNorAnothersAfterARestart) {
   }
 }
 
-// Of the same round only the latest document of a key comes into the index.
-TEST_F(LeftOutOfBatchTest, IsSaidOfABatchWhoseDocumentIsReplacedByOneThatIsLeftOut) {
+TEST_F(LeftOutOfBatchTest, IsSaidOfEachWhoseOwnDocumentOfAKeyIsLeftOut) {
   const auto replaced = send("b1", {fox("k")});
-  const auto other = send("b2", {fox("other")});
-  const auto replacing = collection_->add(bad("k"));
+  const auto worse = send("b2", {fox("other"), bad("k")});
+  const auto worst = collection_->add(bad("k"));
   index();
-  EXPECT_THAT(saidTo(replaced), HasSubstr("\"k\""));
-  EXPECT_EQ(saidTo(other), "");
-  EXPECT_NE(saidTo(replacing), "");
-  EXPECT_THAT(found("fox"), ElementsAre("other"));
+  EXPECT_EQ(saidTo(replaced), "");
+  EXPECT_THAT(saidTo(worse), HasSubstr("1 document left out"));
+  EXPECT_NE(saidTo(worst), "");
+  EXPECT_THAT(found("fox"), ElementsAre("k", "other"));
 }
 
 TEST_F(LeftOutOfBatchTest, IsAmongItsOutcome) {
@@ -771,9 +770,29 @@ TEST_F(LeftOutOfBatchTest, WhoeverDeletesADocumentIsNotToldThatTheIndexCannotTak
   const auto deleted = collection_->remove("k", false);
   const auto addedAnew = collection_->add(bad("k"));
   index();
-  EXPECT_NE(saidTo(added), "");
+  EXPECT_EQ(saidTo(added), "") << "it would be deleted";
   EXPECT_EQ(saidTo(deleted), "");
   EXPECT_NE(saidTo(addedAnew), "");
+}
+
+TEST_F(LeftOutOfBatchTest, IsKnownAsAFailureUntilItIsOnDisk) {
+  EXPECT_EQ(saidAtOnce(send("b0", {fox("first")})), "");
+  // What is no file and not empty cannot be written as one.
+  std::filesystem::create_directories(directory_.path() / "batches.new" / "x");
+  collection_->queue(fox("queued"), {});
+  for (int times = 0; times < 2; ++times) {
+    const auto failed = send();
+    index();
+    test::refusal(ErrorKind::StorageFailed, [&] { failed->requireSuccess(); });
+    EXPECT_EQ(collection_->condition(), Collection::Condition::NotUpdated) << times;
+  }
+  std::filesystem::remove_all(directory_.path() / "batches.new");
+  collection_->add(fox("bad"));
+  const std::string said = saidAtOnce(send());
+  EXPECT_NE(said, "");
+  EXPECT_EQ(collection_->condition(), Collection::Condition::Sound);
+  openOverdue();
+  EXPECT_EQ(saidTo(send()), said);
 }
 
 TEST_F(LeftOutOfBatchTest, IsToldByUpdatesAloneWhereChangesWaitForThem) {
