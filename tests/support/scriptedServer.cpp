@@ -208,31 +208,21 @@ ScriptedServer::ScriptedServer(std::vector<Script> scripts, std::vector<Aside> a
   require(::listen(listener_, 64), "listen");
   stopEvent_ = newEvent();
   releaseEvent_ = newEvent();
-  noListenEvent_ = newEvent();
   acceptor_ = std::thread([this] { acceptLoop(); });
 }
 
 ScriptedServer::~ScriptedServer() {
   stopping_ = true;
   raiseEvent(stopEvent_);
-  raiseEvent(noListenEvent_);
   acceptor_.join();
   for (auto& worker : workers_) worker.join();
-  for (const int fd : {listener_, stopEvent_, releaseEvent_, noListenEvent_}) {
-    if (fd >= 0) ::close(fd);
-  }
+  for (const int fd : {listener_, stopEvent_, releaseEvent_}) ::close(fd);
 }
 
 void ScriptedServer::release() { raiseEvent(releaseEvent_); }
 
-void ScriptedServer::stopListening() {
-  raiseEvent(noListenEvent_);
-  std::unique_lock lock(mutex_);
-  changed_.wait(lock, [this] { return !listening_; });
-}
-
 void ScriptedServer::acceptLoop() {
-  while (waitReadable(listener_, noListenEvent_)) {
+  while (waitReadable(listener_, stopEvent_)) {
     const int fd = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) continue;
     const int on = 1;
@@ -241,14 +231,8 @@ void ScriptedServer::acceptLoop() {
     auto conversation = std::make_shared<Conversation>(fd);
     // Where all are of one kind they are numbered as they come, also if they send nothing.
     if (lines_.size() == 1) conversation->enter(lines_.front());
-    const std::lock_guard lock(mutex_);
     workers_.emplace_back([this, conversation = std::move(conversation)] { serve(*conversation); });
   }
-  ::close(listener_);
-  const std::lock_guard lock(mutex_);
-  listener_ = -1;
-  listening_ = false;
-  changed_.notify_all();
 }
 
 void ScriptedServer::serve(Conversation& conversation) {

@@ -95,9 +95,6 @@ class ScriptedServer {
   /// How many connections there were, the asides' and those without a request included.
   std::size_t accepted() const { return accepted_; }
 
-  /// Stops listening: a further connect is refused.
-  void stopListening();
-
  private:
   struct Line {
     explicit Line(Aside aside) : meant(std::move(aside)) {}
@@ -125,17 +122,12 @@ class ScriptedServer {
   // Written once, so that every wait of every thread ends: polled beside each descriptor.
   int stopEvent_ = -1;
   int releaseEvent_ = -1;
-  int noListenEvent_ = -1;
   int listener_ = -1;
   std::atomic<bool> stopping_{false};
   std::atomic<std::size_t> accepted_{0};
 
-  // Guarded by mutex_.
-  std::mutex mutex_;
-  std::condition_variable changed_;
+  // Begun by the acceptor, and ended when it has.
   std::vector<std::thread> workers_;
-  bool listening_ = true;
-
   std::thread acceptor_;
 };
 

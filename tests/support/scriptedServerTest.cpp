@@ -148,13 +148,6 @@ TEST(ScriptedServer, SeesTheClientsClose) {
   EXPECT_TRUE(server.connection(0).clientClosed);
 }
 
-TEST(ScriptedServer, RefusesOnceItHasStoppedListening) {
-  ScriptedServer server(Script().awaitClose());
-  EXPECT_TRUE(RawClient(server.port()).connected());
-  server.stopListening();
-  EXPECT_FALSE(RawClient(server.port()).connected());
-}
-
 TEST(RefusedPort, Refuses) {
   const RefusedPort refused;
   EXPECT_FALSE(RawClient(refused.port()).connected());
