@@ -15,7 +15,7 @@ using namespace tq::test;
 namespace {
 
 TEST(List, PrintsWhatTheServerTellsOfEachCollection) {
-  ScriptedServer server(answers(
+  HttpServer server(answers(
       {outcomes({{"books", "ZVK0101I",
                   "documents=1 pending=2 bytes=73801 language=de stemming=false stopWords=3 "
                   "refresh=immediate indexing=12/50 mark=ledger at x=1"},
@@ -33,7 +33,7 @@ TEST(List, PrintsWhatTheServerTellsOfEachCollection) {
 }
 
 TEST(List, GoesOnBehindTheLastCollectionOfAPage) {
-  ScriptedServer server(
+  HttpServer server(
       answers({outcomes({{"a", "ZVK0101I", "documents=0"}, {"b", "ZVK0101I", "documents=0"}}),
                outcomes({})}));
   EXPECT_EQ(runAgainst(server, {"list"}).out, "a: 0 documents\nb: 0 documents\n");
@@ -45,7 +45,7 @@ TEST(List, GoesOnBehindTheLastCollectionOfAPage) {
 }
 
 TEST(List, PrintsNumbersAndWordsAsJson) {
-  ScriptedServer server(
+  HttpServer server(
       answers({outcomes({{"books", "ZVK0101I",
                           "documents=1 pending=2 bytes=3 language=de stopWords=4 refresh=500 "
                           "mark=ledger 1"},
@@ -58,7 +58,7 @@ TEST(List, PrintsNumbersAndWordsAsJson) {
 }
 
 TEST(List, OfOneCollectionAsksForNoOther) {
-  ScriptedServer server(answers({outcomes({{"books", "ZVK0101I", "documents=1"}})}));
+  HttpServer server(answers({outcomes({{"books", "ZVK0101I", "documents=1"}})}));
   const Result result = runAgainst(server, {"list", "books"});
   EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "books: 1 document\n");
@@ -75,7 +75,7 @@ TEST(List, OfOneCollectionThatIsNotCompleteIsCutOff) {
   const auto first = reply.body.size();
   reply.body += kEndMark;
   const auto whole = chunkedAt(reply, {first, reply.body.size()}, false);
-  ScriptedServer server(answers({whole.text.substr(0, whole.chunks.at(1).dataBegin)}));
+  HttpServer server(answers({whole.text.substr(0, whole.chunks.at(1).dataBegin)}));
   const Result result = runAgainst(server, {"list", "books"});
   EXPECT_EQ(result.code, ExitCode::Truncated);
   EXPECT_EQ(result.out, "books: 1 document\n");
@@ -83,7 +83,7 @@ TEST(List, OfOneCollectionThatIsNotCompleteIsCutOff) {
 }
 
 TEST(List, ThatIsEmptySaysSoToAPerson) {
-  ScriptedServer server({answers({outcomes({})}), answers({outcomes({})})});
+  HttpServer server({answers({outcomes({})}), answers({outcomes({})})});
   EXPECT_EQ(runAgainst(server, {"list"}).err, "there are no collections\n");
   EXPECT_EQ(runAgainst(server, {"backups"}).err, "there are no backups\n");
 }
@@ -104,7 +104,7 @@ TEST(List, ThatBreaksOffBetweenPagesIsCutOff) {
 
 TEST(List, EndsWhenTheServerTellsTheSamePageAgain) {
   const std::string page = outcomes({{"books", "ZVK0101I", "documents=1"}});
-  ScriptedServer server(answers({page, page}));
+  HttpServer server(answers({page, page}));
   const Result result = runAgainst(server, {"list"});
   EXPECT_EQ(result.code, ExitCode::Failed);
   EXPECT_TRUE(contains(result.err, "tells the same part of the list again behind \"books\""))
@@ -113,20 +113,20 @@ TEST(List, EndsWhenTheServerTellsTheSamePageAgain) {
 }
 
 TEST(List, ThatIsRefusedBeforeItsFirstLineFails) {
-  ScriptedServer server(answers({refusal("ZVK0023E", "not permitted")}));
+  HttpServer server(answers({refusal("ZVK0023E", "not permitted")}));
   const Result result = runAgainst(server, {"list"});
   EXPECT_EQ(result.code, ExitCode::Failed);
   EXPECT_TRUE(contains(result.err, "(ZVK0023E)")) << result.err;
 }
 
 TEST(List, CannotSteerTheTerminal) {
-  ScriptedServer server(
+  HttpServer server(
       answers({outcomes({{"a\x1b[2J", "ZVK0101I", "documents=1 mark=\x1b[2J"}}), outcomes({})}));
   EXPECT_EQ(runAgainst(server, {"list"}).out, "a\\u{1b}[2J: 1 document, mark \\u{1b}[2J\n");
 }
 
 TEST(Keys, AreThoseOfTheRangeInItsOrder) {
-  ScriptedServer server(answers({found({{"base64:Zm9v", ""}, {"base64:AP8=", ""}})}));
+  HttpServer server(answers({found({{"base64:Zm9v", ""}, {"base64:AP8=", ""}})}));
   const Result result =
       runAgainst(server, {"keys", "books", "--after", "bar", "--upto", "zoo", "--limit", "7"});
   EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
@@ -140,7 +140,7 @@ TEST(Keys, AreThoseOfTheRangeInItsOrder) {
 }
 
 TEST(Keys, AreTakenInBase64WhenTheCommandLineSaysSo) {
-  ScriptedServer server(answers({found({{"base64:Zm9v", ""}, {"base64:AP8=", ""}})}));
+  HttpServer server(answers({found({{"base64:Zm9v", ""}, {"base64:AP8=", ""}})}));
   const Result result = runAgainst(
       server, {"keys", "books", "--json", "--base64", "--after", "base64:AA==", "--upto", "AP8="});
   EXPECT_EQ(result.out,
@@ -151,7 +151,7 @@ TEST(Keys, AreTakenInBase64WhenTheCommandLineSaysSo) {
 }
 
 TEST(Keys, OfAnEmptyRangeSaySo) {
-  ScriptedServer server({answers({found({})}), answers({found({})})});
+  HttpServer server({answers({found({})}), answers({found({})})});
   EXPECT_EQ(runAgainst(server, {"keys", "books"}).err, "searches find no document in this range\n");
   EXPECT_EQ(runAgainst(server, {"keys", "books", "--limit", "0"}).err,
             "no keys are shown, as --limit 0 asks\n");
@@ -168,7 +168,7 @@ TEST(Keys, ThatStopInTheMiddleOfAStreamAreCutOff) {
 
 TEST(Digest, IsToldWithTheNumberOfDocumentsAndTheLastKey) {
   const std::string reply = outcomes({{"base64:Zm9v", "ZVK0103I", "documents=12 sha256=00ff"}});
-  ScriptedServer server({answers({reply}), answers({reply})});
+  HttpServer server({answers({reply}), answers({reply})});
   const Result result = runAgainst(server, {"digest", "books", "--after", "a"});
   EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "00ff      12  foo\n");
@@ -183,7 +183,7 @@ TEST(Digest, IsToldWithTheNumberOfDocumentsAndTheLastKey) {
 }
 
 TEST(Digest, OfEverySoManyDocumentsGoesOnBehindTheLastOne) {
-  ScriptedServer server(
+  HttpServer server(
       answers({outcomes({{"base64:YQ==", "ZVK0103I", "documents=6000 sha256=0a"}}),
                outcomes({{"base64:Yg==", "ZVK0103I", "documents=6000 sha256=0b"}}), outcomes({})}));
   const Result result = runAgainst(server, {"digest", "books", "--every", "6000", "--upto", "zoo"});
@@ -202,14 +202,14 @@ TEST(Digest, OfEverySoManyDocumentsGoesOnBehindTheLastOne) {
 
 TEST(Digest, EndsWhenTheServerTellsTheSamePageAgain) {
   const std::string page = outcomes({{"base64:YQ==", "ZVK0103I", "documents=6000 sha256=0a"}});
-  ScriptedServer server(answers({page, page}));
+  HttpServer server(answers({page, page}));
   const Result result = runAgainst(server, {"digest", "books", "--every", "6000"});
   EXPECT_EQ(result.code, ExitCode::Failed);
   EXPECT_TRUE(contains(result.err, "again behind \"a\"")) << result.err;
 }
 
 TEST(Range, WithAKeyThatNoDocumentCanHaveIsNeverSent) {
-  ScriptedServer server(Script().awaitClose());
+  HttpServer server(Script().awaitClose());
   const std::vector<std::vector<std::string>> ranges = {
       {"--after", ""}, {"--upto", std::string(129, 'k')}, {"--base64", "--after", "?"}};
   for (const auto& range : ranges) {
@@ -221,7 +221,7 @@ TEST(Range, WithAKeyThatNoDocumentCanHaveIsNeverSent) {
       EXPECT_TRUE(isOneLine(result.err)) << result.err;
     }
   }
-  EXPECT_EQ(server.connections(), 0U);
+  EXPECT_EQ(server.accepted(), 0U);
 }
 
 }  // namespace

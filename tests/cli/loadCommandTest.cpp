@@ -18,7 +18,7 @@ const std::string kNextStep = "searches find the documents after 'corvane update
 TEST(Load, QueuesDocumentsAndReportsWhatTheServerTook) {
   Script script = loadOf(2, {{"a"}, {"b", "ZVK0012E", "too strange"}});
   script.expectRequest().send(refusal("ZVK0012E", "too strange"));
-  ScriptedServer server(tellAtTheEnd(script));
+  HttpServer server(tellAtTheEnd(script));
   const Result result = load(server, documentLine("a", "x") + documentLine("b", "y"));
   EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
   EXPECT_EQ(result.out, "loaded 1 document into books, 1 refused\n");
@@ -48,7 +48,7 @@ Script wholeLoadOfA(const std::vector<std::string>& outcome = {"a"}) {
 TEST(Load, AsksForItsOwnAnswersByANameThatNoOtherLoadHas) {
   std::set<std::string> names;
   for (int i = 0; i < 2; ++i) {
-    ScriptedServer server(wholeLoadOfA());
+    HttpServer server(wholeLoadOfA());
     EXPECT_EQ(load(server, documentLine("a", "x")).code, ExitCode::Ok);
     const auto requests = server.connection(0).requests;
     ASSERT_EQ(requests.size(), 5U);
@@ -61,7 +61,7 @@ TEST(Load, AsksForItsOwnAnswersByANameThatNoOtherLoadHas) {
 }
 
 TEST(Load, GoesOnBehindLinesThatAreNoDocuments) {
-  ScriptedServer server(wholeLoadOfA({"base64:YQ=="}));
+  HttpServer server(wholeLoadOfA({"base64:YQ=="}));
   const Result result =
       load(server, "oops\n" + documentLine("a", "x") + "{\"key\":\"c\"}\n", {"--json"});
   EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
@@ -73,7 +73,7 @@ TEST(Load, GoesOnBehindLinesThatAreNoDocuments) {
 }
 
 TEST(Load, CountsADocumentWithAWarningAsLoaded) {
-  ScriptedServer server(wholeLoadOfA({"a", "ZVK0100W", "language unknown"}));
+  HttpServer server(wholeLoadOfA({"a", "ZVK0100W", "language unknown"}));
   const Result result = load(server, documentLine("a", "x"));
   EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");
@@ -87,7 +87,7 @@ Script loadOfTwoOfWhichOnlyTheFirstIsConfirmed(const std::string& answerToTheOth
 }
 
 TEST(Load, AsksAboutADocumentThatNoResultNamesByAnAdditionOfItsOwn) {
-  ScriptedServer server(loadOfTwoOfWhichOnlyTheFirstIsConfirmed(done()));
+  HttpServer server(loadOfTwoOfWhichOnlyTheFirstIsConfirmed(done()));
   const Result result = load(server, documentLine("a", "x") + documentLine("b", "y"));
   EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "loaded 2 documents into books, 0 refused\n");
@@ -106,7 +106,7 @@ TEST(Load, QueuesManyDocumentsAgainWhileThatSettlesSomeOfThem) {
   takeWindow(script, 11).send(outcomes({}));
   // That round settled nothing.
   for (int i = 0; i < 11; ++i) script.expectRequest().send(done());
-  ScriptedServer server(tellAtTheEnd(script));
+  HttpServer server(tellAtTheEnd(script));
   const Result result = load(server, lines);
   EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "loaded 12 documents into books, 0 refused\n");
@@ -114,7 +114,7 @@ TEST(Load, QueuesManyDocumentsAgainWhileThatSettlesSomeOfThem) {
 }
 
 TEST(Load, ReportsTheReasonThatTheAdditionIsGiven) {
-  ScriptedServer server(loadOfTwoOfWhichOnlyTheFirstIsConfirmed(refusal("ZVK0013E", "too long")));
+  HttpServer server(loadOfTwoOfWhichOnlyTheFirstIsConfirmed(refusal("ZVK0013E", "too long")));
   const Result result = load(server, documentLine("a", "x") + documentLine("b", "y"));
   EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
   EXPECT_EQ(result.out, "loaded 1 document into books, 1 refused\n");
@@ -127,7 +127,7 @@ TEST(Load, DoesNotTakeTheRefusalOfAnotherClientsDocumentWithTheSameKeyForItsOwn)
                                                 {{"a", "ZVK0012E", "too strange"}, {"a"}}}) {
     Script script = loadOf(1, rows);
     script.expectRequest().send(done());
-    ScriptedServer server(tellAtTheEnd(script));
+    HttpServer server(tellAtTheEnd(script));
     const Result result = load(server, documentLine("a", "x"));
     EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
     EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");
@@ -144,14 +144,14 @@ Script secondAttempt() {
 TEST(Load, SendsTheWindowAgainWhenTheConnectionBreaks) {
   Script broken = answers({done()});
   takeWindow(broken, 1);
-  ScriptedServer server({broken, secondAttempt()});
+  HttpServer server({broken, secondAttempt()});
   const Result result = load(server, documentLine("a", "x"));
   EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");
 }
 
 TEST(Load, StopsAtTheNumberOfRefusalsThatIsAllowed) {
-  ScriptedServer server(wholeLoadOfA());
+  HttpServer server(wholeLoadOfA());
   const Result result =
       load(server, "bad\n" + documentLine("a", "x") + "bad\nbad\n", {"--max-errors", "2"});
   EXPECT_EQ(result.code, ExitCode::Failed);
@@ -162,7 +162,7 @@ TEST(Load, StopsAtTheNumberOfRefusalsThatIsAllowed) {
 }
 
 TEST(Load, MakesTheDocumentsSearchableWhenAsked) {
-  ScriptedServer server(wholeLoadOfA().expectRequest().send(done()));
+  HttpServer server(wholeLoadOfA().expectRequest().send(done()));
   const Result result = load(server, documentLine("a", "x"), {"--update"});
   EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\nupdated books\n");
@@ -172,7 +172,7 @@ TEST(Load, MakesTheDocumentsSearchableWhenAsked) {
 
 TEST(Load, SendsTheWindowAgainWhenAWriteFails) {
   const Script broken = answers({done()}).expectBytes(1000).reset();
-  ScriptedServer server({broken, secondAttempt()});
+  HttpServer server({broken, secondAttempt()});
   // More than the system holds for a peer that does not read.
   const std::string text(std::size_t{16} << 20, 'x');
   const Result result = load(server, documentLine("a", text));
@@ -181,7 +181,7 @@ TEST(Load, SendsTheWindowAgainWhenAWriteFails) {
 }
 
 TEST(Load, OfACollectionThatIsNotThereSendsNoDocument) {
-  ScriptedServer server(answers({refusal("ZVK0007E", "unknown collection")}));
+  HttpServer server(answers({refusal("ZVK0007E", "unknown collection")}));
   const Result result = load(server, documentLine("a", "x"));
   EXPECT_EQ(result.code, ExitCode::Failed);
   EXPECT_TRUE(contains(result.err, "unknown collection")) << result.err;
@@ -194,7 +194,7 @@ Script loadThatBreaks() {
 }
 
 TEST(Load, ThatBreaksSaysHowFarItCame) {
-  ScriptedServer server({loadThatBreaks(), Script().awaitClose()});
+  HttpServer server({loadThatBreaks(), Script().awaitClose()});
   const Result result = load(server, documentLine("a", "x"));
   EXPECT_EQ(result.code, ExitCode::Failed);
   EXPECT_EQ(result.out, "loaded 0 documents into books, 0 refused\n");
@@ -203,7 +203,7 @@ TEST(Load, ThatBreaksSaysHowFarItCame) {
 }
 
 TEST(Load, ThatBreaksSaysInJsonToo) {
-  ScriptedServer server({loadThatBreaks(), Script().awaitClose()});
+  HttpServer server({loadThatBreaks(), Script().awaitClose()});
   const Result result =
       runAgainst(server, {"--json", "load", "books", "-"}, documentLine("a", "x"));
   EXPECT_EQ(result.code, ExitCode::Failed);
@@ -214,7 +214,7 @@ TEST(Load, ThatBreaksSaysInJsonToo) {
 TEST(Load, SendsTheSecondOfTwoDocumentsWithOneKeyInALaterWindow) {
   Script script = loadOf(1, {{"a"}});
   takeWindow(script, 1).send(outcomes({{"a"}}));
-  ScriptedServer server(tellAtTheEnd(script));
+  HttpServer server(tellAtTheEnd(script));
   const Result result = load(server, documentLine("a", "first") + documentLine("a", "second"));
   EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "loaded 2 documents into books, 0 refused\n");
@@ -223,7 +223,7 @@ TEST(Load, SendsTheSecondOfTwoDocumentsWithOneKeyInALaterWindow) {
 }
 
 TEST(Load, OfNothingAsksForNothing) {
-  ScriptedServer server(answers({done()}));
+  HttpServer server(answers({done()}));
   const Result result = load(server, "\n\n");
   EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "loaded 0 documents into books, 0 refused\n");
@@ -233,7 +233,7 @@ TEST(Load, OfNothingAsksForNothing) {
 const std::string kLeftOut = "2 documents cannot be indexed";
 
 TEST(Update, ListsWhatTheIndexLeftOut) {
-  ScriptedServer server(answers(
+  HttpServer server(answers(
       {refusal("ZVK0015E", kLeftOut), outcomes({{"stored"},
                                                 {"base64:YQ==", "ZVK0015E", "term too long"},
                                                 {"warned", "ZVK0100W", "language unknown"},
@@ -251,7 +251,7 @@ TEST(Update, ListsWhatTheIndexLeftOut) {
 }
 
 TEST(Update, ListsWhatTheIndexLeftOutInJsonToo) {
-  ScriptedServer server(answers(
+  HttpServer server(answers(
       {refusal("ZVK0015E", kLeftOut), outcomes({{"base64:YQ==", "ZVK0015E", "term too long"}})}));
   const Result result = runAgainst(server, {"--json", "update", "books"});
   EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
@@ -262,7 +262,7 @@ TEST(Update, ListsWhatTheIndexLeftOutInJsonToo) {
 TEST(Update, SaysWhenTheListIsCutOff) {
   Reply list{"x", kParseResult, 200, kUninterpreted};
   list.body += enveloped(record({{"Doc", "a"}, {"MsgId", "ZVK0015E"}, {"MsgText", "no"}}));
-  ScriptedServer server(answers({refusal("ZVK0015E", kLeftOut), chunked(list, 0, false).text}));
+  HttpServer server(answers({refusal("ZVK0015E", kLeftOut), chunked(list, 0, false).text}));
   const Result result = runAgainst(server, {"update", "books"});
   EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
   EXPECT_TRUE(contains(result.err,
@@ -272,7 +272,7 @@ TEST(Update, SaysWhenTheListIsCutOff) {
 }
 
 TEST(Update, ThatFailsOtherwiseAsksForNoList) {
-  ScriptedServer server(answers({refusal("ZVK0014E", "disk full")}));
+  HttpServer server(answers({refusal("ZVK0014E", "disk full")}));
   EXPECT_EQ(runAgainst(server, {"update", "books"}).code, ExitCode::Failed);
   EXPECT_EQ(server.requests(), 1U);
 }
@@ -282,7 +282,7 @@ TEST(Load, ThatUpdatesListsWhatTheIndexLeftOut) {
   script.expectRequest().send(refusal("ZVK0015E", kLeftOut));
   script.expectRequest().send(outcomes({{"stored"}, {"a", "ZVK0015E", "term too long"}}));
   script.expectRequest().send(outcomes({{"b", "ZVK0015E", "too many words"}}));
-  ScriptedServer server(script);
+  HttpServer server(script);
   const Result result = load(server, documentLine("a", "x"), {"--update"});
   EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
   EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");
@@ -308,7 +308,7 @@ TEST(Load, ReportsWhatTheIndexRefusesOfAnyWindow) {
     };
     Script script = loadOf(1, with("first", {{"a"}}));
     takeWindow(script, 1).send(outcomes(with("second", {{"b"}})));
-    ScriptedServer server(tellAtTheEnd(script, with("end", {})));
+    HttpServer server(tellAtTheEnd(script, with("end", {})));
     const Result result = load(server, documentLine("a", window) + documentLine("b", "y"));
     EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
     EXPECT_EQ(result.out, "loaded 1 document into books, 1 refused\n");
@@ -320,7 +320,7 @@ TEST(Load, CountsEachVersionOfADocumentThatTheIndexRefuses) {
   const std::vector<std::string> refused{"base64:YQ==", "ZVK0015E", "term too long"};
   Script script = loadOf(2, {{"a"}, {"b"}, refused});
   takeWindow(script, 2).send(outcomes({{"a"}, refused, {"c"}}));
-  ScriptedServer server(tellAtTheEnd(script));
+  HttpServer server(tellAtTheEnd(script));
   const Result result = load(server, documentLine("a", "x") + documentLine("b", "x") +
                                          documentLine("a", "y") + documentLine("c", "y"));
   EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
@@ -337,7 +337,7 @@ TEST(Load, CountsADocumentOnceThatTheIndexRefusesBeforeItIsKnownToBeTaken) {
       if (!isRefusedAgain && !isToldBefore) continue;
       Script script = loadOf(2, isToldBefore ? Outcomes{refused, {"b"}} : Outcomes{{"b"}});
       script.expectRequest().send(isRefusedAgain ? refusal("ZVK0015E", "term too long") : done());
-      ScriptedServer server(tellAtTheEnd(script, {refused}));
+      HttpServer server(tellAtTheEnd(script, {refused}));
       const Result result = load(server, documentLine("a", "x") + documentLine("b", "x"));
       EXPECT_EQ(result.code, ExitCode::PartlyLoaded);
       EXPECT_EQ(result.out, "loaded 1 document into books, 1 refused\n");
@@ -347,12 +347,12 @@ TEST(Load, CountsADocumentOnceThatTheIndexRefusesBeforeItIsKnownToBeTaken) {
 
 TEST(Load, TakesNoMoreFromItsSumThanItHasLoaded) {
   Script script = loadOf(1, {{"a"}, {"b", "ZVK0015E", "no"}, {"c", "ZVK0015E", "no"}});
-  ScriptedServer server(tellAtTheEnd(script));
+  HttpServer server(tellAtTheEnd(script));
   EXPECT_EQ(load(server, documentLine("a", "x")).out, "loaded 0 documents into books, 2 refused\n");
 }
 
 TEST(Load, CannotTellWhatTheIndexRefusesWithoutAnAnswerAtItsEnd) {
-  ScriptedServer server(loadOf(1, {{"a"}}).expectRequest());
+  HttpServer server(loadOf(1, {{"a"}}).expectRequest());
   const Result result = load(server, documentLine("a", "x"));
   EXPECT_EQ(result.code, ExitCode::Failed);
   EXPECT_EQ(result.out, "loaded 1 document into books, 0 refused\n");

@@ -21,7 +21,7 @@ Result runProgram(const std::vector<std::string>& arguments, const std::string& 
   return {code, out.str(), err.str()};
 }
 
-Result runAgainst(const ScriptedServer& server, std::vector<std::string> arguments,
+Result runAgainst(const HttpServer& server, std::vector<std::string> arguments,
                   const std::string& input) {
   arguments.insert(arguments.end(),
                    {"--protocol", "http", "--port", std::to_string(server.port())});
@@ -38,7 +38,7 @@ Result runInMemory(std::vector<std::string> arguments) {
   return runProgram(arguments);
 }
 
-Result load(const ScriptedServer& server, const std::string& lines,
+Result load(const HttpServer& server, const std::string& lines,
             const std::vector<std::string>& options) {
   std::vector<std::string> arguments{"load", "books", "-"};
   arguments.insert(arguments.end(), options.begin(), options.end());

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "cli/run.h"
+#include "tests/cli/httpServer.h"
 #include "tests/support/script.h"
 #include "tests/support/scriptedServer.h"
 
@@ -22,7 +23,7 @@ ExitCode runOn(const Streams& streams, const std::vector<std::string>& arguments
 Result runProgram(const std::vector<std::string>& arguments, const std::string& input = {});
 
 /// Over the HTTP-style protocol.
-Result runAgainst(const tq::test::ScriptedServer& server, std::vector<std::string> arguments,
+Result runAgainst(const HttpServer& server, std::vector<std::string> arguments,
                   const std::string& input = {});
 Result runOverBinary(const tq::test::ScriptedServer& server, std::vector<std::string> arguments);
 /// Over the binary protocol and the network in memory that there must be, whose clock moves only
@@ -31,7 +32,7 @@ Result runOverBinary(const tq::test::ScriptedServer& server, std::vector<std::st
 Result runInMemory(std::vector<std::string> arguments);
 
 /// Loads these lines into "books".
-Result load(const tq::test::ScriptedServer& server, const std::string& lines,
+Result load(const HttpServer& server, const std::string& lines,
             const std::vector<std::string>& options = {});
 std::string documentLine(const std::string& key, const std::string& text);
 

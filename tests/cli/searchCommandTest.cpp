@@ -15,7 +15,7 @@ using namespace tq::test;
 namespace {
 
 TEST(Search, PrintsRankScoreAndKey) {
-  ScriptedServer server(
+  HttpServer server(
       answers({found({{"base64:Zm9v", "12.345"}, {"base64:AP8=", "0.5"}, {"plain", ""}})}));
   const Result result = runAgainst(server, {"search", "books", "whale ship"});
   EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
@@ -26,7 +26,7 @@ TEST(Search, PrintsRankScoreAndKey) {
 }
 
 TEST(Search, PrintsJsonLines) {
-  ScriptedServer server(answers({found({{"base64:Zm9v", "0.5"}, {"base64:AP8=", "0.25"}})}));
+  HttpServer server(answers({found({{"base64:Zm9v", "0.5"}, {"base64:AP8=", "0.25"}})}));
   const Result result = runAgainst(server, {"search", "books", "q", "--json"});
   EXPECT_EQ(result.out,
             "{\"rank\":1,\"score\":0.5,\"key\":\"foo\",\"docId\":\"base64:Zm9v\"}\n"
@@ -34,7 +34,7 @@ TEST(Search, PrintsJsonLines) {
 }
 
 TEST(Search, SendsQueryStartAndLimitAndCountsRanksFromThere) {
-  ScriptedServer server(answers({found({{"base64:Zm9v", "1"}})}));
+  HttpServer server(answers({found({{"base64:Zm9v", "1"}})}));
   const Result result =
       runAgainst(server, {"search", "books", "a: b", "--start", "20", "--limit", "10"});
   EXPECT_EQ(result.out, "   21    1.000  foo\n");
@@ -46,8 +46,7 @@ TEST(Search, SendsQueryStartAndLimitAndCountsRanksFromThere) {
 }
 
 TEST(Search, OfAPageWithoutHitsHasNoNextOne) {
-  ScriptedServer server(
-      answers({outcomes({{"books", "ZVK0108I", "rank=0 place=cDA="}}), found({})}));
+  HttpServer server(answers({outcomes({{"books", "ZVK0108I", "rank=0 place=cDA="}}), found({})}));
   const Result result = runAgainst(server, {"search", "books", "q", "--limit", "0", "--pages"});
   EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "");
@@ -55,9 +54,9 @@ TEST(Search, OfAPageWithoutHitsHasNoNextOne) {
 }
 
 TEST(Search, InPagesTellsWhereTheNextOneBegins) {
-  ScriptedServer server(answers({outcomes({{"books", "ZVK0108I", "rank=0 place=cDA="}}),
-                                 found({{"base64:Zm9v", "1"}, {"base64:Yg==", "0.5"}}),
-                                 outcomes({{"books", "ZVK0108I", "rank=2 place=cDI="}})}));
+  HttpServer server(answers({outcomes({{"books", "ZVK0108I", "rank=0 place=cDA="}}),
+                             found({{"base64:Zm9v", "1"}, {"base64:Yg==", "0.5"}}),
+                             outcomes({{"books", "ZVK0108I", "rank=2 place=cDI="}})}));
   const Result result = runAgainst(server, {"search", "books", "q", "--limit", "2", "--pages"});
   EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "    1    1.000  foo\n    2    0.500  b\nthe next page: --after cDI=\n");
@@ -75,15 +74,15 @@ TEST(Search, InPagesTellsWhereTheNextOneBegins) {
 TEST(Search, InPagesAsksOnceMoreForAPlaceWhenTheConnectionBreaks) {
   const std::string begin = outcomes({{"books", "ZVK0108I", "rank=0 place=cDA="}});
   const std::string page = found({{"base64:Zm9v", "1"}, {"base64:Yg==", "0.5"}});
-  ScriptedServer server({Script().expectRequest(), answers({begin, page}).expectRequest(),
-                         answers({outcomes({{"books", "ZVK0108I", "rank=2 place=cDI="}})})});
+  HttpServer server({Script().expectRequest(), answers({begin, page}).expectRequest(),
+                     answers({outcomes({{"books", "ZVK0108I", "rank=2 place=cDI="}})})});
   const Result result = runAgainst(server, {"search", "books", "q", "--limit", "2", "--pages"});
   EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "    1    1.000  foo\n    2    0.500  b\nthe next page: --after cDI=\n");
 }
 
 TEST(Search, InPagesBeginsAnewWhenTheStateHasGoneBeforeTheFirstPage) {
-  ScriptedServer server(answers(
+  HttpServer server(answers(
       {outcomes({{"books", "ZVK0108I", "rank=0 place=cDA="}}), refusal("ZVK0035E", "it has gone"),
        outcomes({{"books", "ZVK0108I", "rank=0 place=cDE="}}), found({{"base64:Zm9v", "1"}})}));
   const Result result = runAgainst(server, {"search", "books", "q", "--limit", "2", "--pages"});
@@ -99,7 +98,7 @@ TEST(Search, InPagesGivesUpWhenNoStateLastsLongEnough) {
     script.expectRequest().send(outcomes({{"books", "ZVK0108I", "rank=0 place=cDA="}}));
     script.expectRequest().send(refusal("ZVK0035E", "it has gone"));
   }
-  ScriptedServer server(script);
+  HttpServer server(script);
   const Result result = runAgainst(server, {"search", "books", "q", "--limit", "2", "--pages"});
   EXPECT_NE(result.code, ExitCode::Ok);
   EXPECT_TRUE(contains(result.err, "ZVK0035E")) << result.err;
@@ -107,8 +106,8 @@ TEST(Search, InPagesGivesUpWhenNoStateLastsLongEnough) {
 }
 
 TEST(Search, AfterAPlaceIsNotBegunAnew) {
-  ScriptedServer server(answers({outcomes({{"books", "ZVK0108I", "rank=20 place=cDA="}}),
-                                 refusal("ZVK0035E", "it has gone")}));
+  HttpServer server(answers({outcomes({{"books", "ZVK0108I", "rank=20 place=cDA="}}),
+                             refusal("ZVK0035E", "it has gone")}));
   const Result result =
       runAgainst(server, {"search", "books", "q", "--limit", "2", "--after", "cDA=", "--pages"});
   EXPECT_TRUE(contains(result.err, "ZVK0035E")) << result.err;
@@ -116,9 +115,9 @@ TEST(Search, AfterAPlaceIsNotBegunAnew) {
 }
 
 TEST(Search, GoesOnFromAPlaceAndCountsRanksFromThere) {
-  ScriptedServer server(answers({outcomes({{"books", "ZVK0108I", "rank=20 place=cDA="}}),
-                                 found({{"base64:Zm9v", "1"}, {"base64:Yg==", "0.5"}}),
-                                 outcomes({{"books", "ZVK0108I", "rank=25 place=cDI="}})}));
+  HttpServer server(answers({outcomes({{"books", "ZVK0108I", "rank=20 place=cDA="}}),
+                             found({{"base64:Zm9v", "1"}, {"base64:Yg==", "0.5"}}),
+                             outcomes({{"books", "ZVK0108I", "rank=25 place=cDI="}})}));
   const Result result = runAgainst(server, {"search", "books", "q", "--limit", "2", "--start", "3",
                                             "--after", "cDA=", "--json"});
   EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
@@ -130,7 +129,7 @@ TEST(Search, GoesOnFromAPlaceAndCountsRanksFromThere) {
 }
 
 TEST(Search, OnItsLastPageTellsNoNextOne) {
-  ScriptedServer server(answers(
+  HttpServer server(answers(
       {outcomes({{"books", "ZVK0108I", "rank=20 place=cDA="}}), found({{"base64:Zm9v", "1"}})}));
   const Result result =
       runAgainst(server, {"search", "books", "q", "--limit", "2", "--after", "cDA="});
@@ -139,15 +138,14 @@ TEST(Search, OnItsLastPageTellsNoNextOne) {
 }
 
 TEST(Search, AfterThePlaceWhereTheResultEndsFindsNothing) {
-  ScriptedServer server(
-      answers({outcomes({{"books", "ZVK0108I", "rank=20 place=cDA="}}), found({})}));
+  HttpServer server(answers({outcomes({{"books", "ZVK0108I", "rank=20 place=cDA="}}), found({})}));
   const Result result = runAgainst(server, {"search", "books", "q", "--after", "cDA="});
   EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.err, "no hits are left after this place\n");
 }
 
 TEST(Search, FromAStateThatHasGoneIsRefusedInTheWordsOfTheServer) {
-  ScriptedServer server(answers({refusal("ZVK0035E", "it has gone")}));
+  HttpServer server(answers({refusal("ZVK0035E", "it has gone")}));
   const Result result = runAgainst(server, {"search", "books", "q", "--after", "cDA="});
   EXPECT_NE(result.code, ExitCode::Ok);
   EXPECT_EQ(result.out, "");
@@ -158,7 +156,7 @@ TEST(Search, InSeveralCollectionsSaysWhichOneHasAHit) {
   const std::string reply =
       outcomes({{"base64:Zm9v", "ZVK0104I", "score=1.000 collection=papers"},
                 {"base64:AP8=", "ZVK0104I", "score=0.532 collection=my notes"}});
-  ScriptedServer server(answers({reply}));
+  HttpServer server(answers({reply}));
   std::vector<std::string> arguments{"search", "books",  "whale",  "--limit", "2",       "--start",
                                      "20",     "--also", "papers", "--also",  "my notes"};
   const Result result = runAgainst(server, arguments);
@@ -174,7 +172,7 @@ TEST(Search, InSeveralCollectionsSaysWhichOneHasAHit) {
 }
 
 TEST(Search, InSeveralCollectionsPrintsJsonLines) {
-  ScriptedServer server(
+  HttpServer server(
       answers({outcomes({{"base64:Zm9v", "ZVK0104I", "score=0.532 collection=my notes"}})}));
   const Result result =
       runAgainst(server, {"search", "books", "q", "--limit", "2", "--also", "my notes", "--json"});
@@ -184,7 +182,7 @@ TEST(Search, InSeveralCollectionsPrintsJsonLines) {
 }
 
 TEST(Search, InSeveralCollectionsThatFindNothingSaysSo) {
-  ScriptedServer server(answers({outcomes({})}));
+  HttpServer server(answers({outcomes({})}));
   const Result result =
       runAgainst(server, {"search", "books", "q", "--limit", "2", "--also", "papers"});
   EXPECT_EQ(result.code, ExitCode::Ok);
@@ -214,14 +212,14 @@ TEST(Search, TakesEveryPortionOfAStreamedReply) {
   }
   reply.body += kEndMark;
   ends.push_back(reply.body.size());
-  ScriptedServer server(Script().expectRequest().send(chunkedAt(reply, ends, true).text, 16));
+  HttpServer server(Script().expectRequest().send(chunkedAt(reply, ends, true).text, 16));
   const Result result = runAgainst(server, {"search", "books", "q"});
   EXPECT_EQ(result.code, ExitCode::Ok) << result.err;
   EXPECT_EQ(result.out, "    1    3.000  a\n    2    2.000  b\n    3    2.000  c\n");
 }
 
 TEST(Search, ThatFindsNothingSaysSoAndSucceeds) {
-  ScriptedServer server(answers({found({})}));
+  HttpServer server(answers({found({})}));
   const Result result = runAgainst(server, {"search", "books", "q"});
   EXPECT_EQ(result.code, ExitCode::Ok);
   EXPECT_EQ(result.out, "");
@@ -234,7 +232,7 @@ TEST(Search, OfNoHitsSaysWhyThereAreNone) {
       {{"--start", "7"}, "no hits are left after the first 7\n"},
       {{"--start", "7", "--limit", "3"}, "no hits are left after the first 7\n"}};
   for (const auto& [options, note] : cases) {
-    ScriptedServer server(answers({found({})}));
+    HttpServer server(answers({found({})}));
     std::vector<std::string> arguments{"search", "books", "q"};
     arguments.insert(arguments.end(), options.begin(), options.end());
     const Result result = runAgainst(server, arguments);
@@ -249,7 +247,7 @@ TEST(Search, ThatIsCutOffShowsWhatCameAndExitsWithItsOwnCode) {
   reply.body += enveloped(hitRecord("base64:Yg==", "2"));
   const auto whole = chunkedAt(reply, {first, reply.body.size()}, false);
   // The second chunk never comes to its end.
-  ScriptedServer server(answers({whole.text.substr(0, whole.chunks.at(1).dataBegin + 5)}));
+  HttpServer server(answers({whole.text.substr(0, whole.chunks.at(1).dataBegin + 5)}));
   const Result result = runAgainst(server, {"search", "books", "q"});
   EXPECT_EQ(result.code, ExitCode::Truncated);
   EXPECT_EQ(result.out, "    1    3.000  a\n");

@@ -16,7 +16,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
 
 namespace tq::test {
@@ -100,168 +102,216 @@ int clientEndOf(int fd) {
   return -1;
 }
 
+// No text of a header begins with a character that is not printed; a framed request does, with the
+// length of the header block, unless that has more than 8 KiB.
+std::size_t firstRequestLength(const std::string& bytes) {
+  return completeRequestLength(bytes, !bytes.empty() && bytes.front() < ' ');
+}
+
 }  // namespace
 
-ScriptedServer::ScriptedServer(std::vector<Script> scripts, bool ipv6)
-    : scripts_(std::move(scripts)) {
-  if (scripts_.empty()) throw std::invalid_argument("a scripted server needs a script");
+std::size_t ConnectionLog::connections() const {
+  const std::lock_guard lock(mutex_);
+  return records_.size();
+}
+
+std::size_t ConnectionLog::requests() const {
+  const std::lock_guard lock(mutex_);
+  return countRequests();
+}
+
+std::size_t ConnectionLog::countRequests() const {
+  std::size_t total = 0;
+  for (const auto& record : records_) total += record.requests.size();
+  return total;
+}
+
+ConnectionRecord ConnectionLog::connection(std::size_t index) const {
+  const std::lock_guard lock(mutex_);
+  return records_.at(index);
+}
+
+void ConnectionLog::awaitClientClose(std::size_t index) const {
+  waitFor([&] { return index < records_.size() && records_[index].clientClosed; });
+}
+
+void ConnectionLog::awaitRequests(std::size_t index, std::size_t count) const {
+  waitFor([&] { return index < records_.size() && records_[index].requests.size() >= count; });
+}
+
+void ConnectionLog::awaitRequests(std::size_t count) const {
+  waitFor([&] { return countRequests() >= count; });
+}
+
+void ConnectionLog::waitFor(const std::function<bool()>& condition) const {
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, condition);
+}
+
+std::size_t ConnectionLog::begin() {
+  const std::lock_guard lock(mutex_);
+  records_.emplace_back();
+  changed_.notify_all();
+  return records_.size() - 1;
+}
+
+void ConnectionLog::note(std::size_t index, const std::function<void(ConnectionRecord&)>& what) {
+  const std::lock_guard lock(mutex_);
+  what(records_[index]);
+  changed_.notify_all();
+}
+
+/// The server's end of one connection.
+class ScriptedServer::Conversation {
+ public:
+  explicit Conversation(int fd) : fd_(fd) {}
+  ~Conversation() { ::close(fd_); }
+  Conversation(const Conversation&) = delete;
+  Conversation& operator=(const Conversation&) = delete;
+
+  int descriptor() const { return fd_; }
+
+  /// What the client has sent before is part of the record.
+  void enter(Line& line) {
+    line_ = &line;
+    index_ = line.log.begin();
+    note([this](ConnectionRecord& record) { record.received = pending; });
+  }
+  Line* line() const { return line_; }
+  const Script& script() const {
+    return line_->meant.scripts[std::min(index_, line_->meant.scripts.size() - 1)];
+  }
+
+  void note(const std::function<void(ConnectionRecord&)>& what) {
+    if (line_ != nullptr) line_->log.note(index_, what);
+  }
+  void noteClosed() {
+    note([](ConnectionRecord& record) { record.clientClosed = true; });
+  }
+
+  /// What has come and was not expected yet.
+  std::string pending;
+
+ private:
+  const int fd_;
+  Line* line_ = nullptr;
+  std::size_t index_ = 0;
+};
+
+ScriptedServer::ScriptedServer(std::vector<Script> scripts, std::vector<Aside> asides, bool ipv6) {
+  for (Aside& each : asides) lines_.emplace_back(std::move(each));
+  lines_.emplace_back(Aside{[](const auto&) { return true; }, std::move(scripts)});
+  for (const Line& line : lines_) {
+    if (line.meant.scripts.empty()) throw std::invalid_argument("a connection needs a script");
+  }
   listener_ = bindLoopback(ipv6, port_);
   require(::listen(listener_, 64), "listen");
   stopEvent_ = newEvent();
   releaseEvent_ = newEvent();
-  noListenEvent_ = newEvent();
   acceptor_ = std::thread([this] { acceptLoop(); });
 }
 
 ScriptedServer::~ScriptedServer() {
   stopping_ = true;
   raiseEvent(stopEvent_);
-  raiseEvent(noListenEvent_);
   acceptor_.join();
   for (auto& worker : workers_) worker.join();
-  for (const int fd : {listener_, stopEvent_, releaseEvent_, noListenEvent_}) {
-    if (fd >= 0) ::close(fd);
-  }
+  for (const int fd : {listener_, stopEvent_, releaseEvent_}) ::close(fd);
 }
 
 void ScriptedServer::release() { raiseEvent(releaseEvent_); }
 
-std::size_t ScriptedServer::connections() const {
-  const std::lock_guard lock(mutex_);
-  return records_.size();
-}
-
-std::size_t ScriptedServer::requests() const {
-  const std::lock_guard lock(mutex_);
-  return countRequests();
-}
-
-std::size_t ScriptedServer::countRequests() const {
-  std::size_t total = 0;
-  for (const auto& record : records_) total += record.requests.size();
-  return total;
-}
-
-ConnectionRecord ScriptedServer::connection(std::size_t index) const {
-  const std::lock_guard lock(mutex_);
-  return records_.at(index);
-}
-
-void ScriptedServer::awaitClientClose(std::size_t index) const {
-  waitFor([&] { return index < records_.size() && records_[index].clientClosed; });
-}
-
-void ScriptedServer::awaitRequests(std::size_t index, std::size_t count) const {
-  waitFor([&] { return index < records_.size() && records_[index].requests.size() >= count; });
-}
-
-void ScriptedServer::awaitRequests(std::size_t count) const {
-  waitFor([&] { return countRequests() >= count; });
-}
-
-void ScriptedServer::waitFor(const std::function<bool()>& condition) const {
-  std::unique_lock lock(mutex_);
-  changed_.wait(lock, condition);
-}
-
-void ScriptedServer::stopListening() {
-  raiseEvent(noListenEvent_);
-  waitFor([&] { return !listening_; });
-}
-
 void ScriptedServer::acceptLoop() {
-  while (waitReadable(listener_, noListenEvent_)) {
+  while (waitReadable(listener_, stopEvent_)) {
     const int fd = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) continue;
     const int on = 1;
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    const std::lock_guard lock(mutex_);
-    records_.emplace_back();
-    workers_.emplace_back([this, index = records_.size() - 1, fd] { serve(index, fd); });
-    changed_.notify_all();
+    ++accepted_;
+    auto conversation = std::make_shared<Conversation>(fd);
+    // Where all are of one kind they are numbered as they come, also if they send nothing.
+    if (lines_.size() == 1) conversation->enter(lines_.front());
+    workers_.emplace_back([this, conversation = std::move(conversation)] { serve(*conversation); });
   }
-  ::close(listener_);
-  const std::lock_guard lock(mutex_);
-  listener_ = -1;
-  listening_ = false;
-  changed_.notify_all();
 }
 
-const Script& ScriptedServer::scriptFor(std::size_t index) const {
-  return scripts_[std::min(index, scripts_.size() - 1)];
-}
-
-void ScriptedServer::serve(std::size_t index, int fd) {
-  std::string pending;
-  for (const auto& step : scriptFor(index).steps()) {
+void ScriptedServer::serve(Conversation& conversation) {
+  if (conversation.line() == nullptr && !findLine(conversation)) return;
+  for (const auto& step : conversation.script().steps()) {
     if (stopping_) break;
-    play(index, fd, step, pending);
+    play(conversation, step);
   }
-  ::close(fd);
 }
 
-void ScriptedServer::play(std::size_t index, int fd, const Step& step, std::string& pending) {
+bool ScriptedServer::findLine(Conversation& conversation) {
+  std::size_t length = 0;
+  while ((length = firstRequestLength(conversation.pending)) == 0) {
+    if (!receiveSome(conversation)) return false;
+  }
+  const std::string request = conversation.pending.substr(0, length);
+  conversation.enter(*std::find_if(lines_.begin(), lines_.end(),
+                                   [&](const Line& line) { return line.meant.isMeant(request); }));
+  return true;
+}
+
+void ScriptedServer::play(Conversation& conversation, const Step& step) {
   switch (step.kind) {
     case Step::Kind::ExpectRequest:
-      return collect(index, fd, pending,
+      return collect(conversation,
                      [](const auto& bytes) { return completeRequestLength(bytes, false); });
     case Step::Kind::ExpectFramedRequest:
-      return collect(index, fd, pending,
+      return collect(conversation,
                      [](const auto& bytes) { return completeRequestLength(bytes, true); });
     case Step::Kind::ExpectBytes:
-      return collect(index, fd, pending, [&step](const auto& bytes) {
+      return collect(conversation, [&step](const auto& bytes) {
         return bytes.size() >= step.count ? step.count : 0;
       });
     case Step::Kind::Send:
-      return sendSegments(index, fd, step);
+      return sendSegments(conversation, step);
     case Step::Kind::Stall:
-      return stallUntilReleased(index, fd);
+      return stallUntilReleased(conversation);
     case Step::Kind::AwaitClose:
-      while (receiveSome(index, fd, pending)) {
+      while (receiveSome(conversation)) {
       }
       return;
     case Step::Kind::Reset: {
-      // Lingering for no time makes the close below a reset.
+      // Lingering for no time makes the close at the end a reset.
       const linger hard{1, 0};
-      ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+      ::setsockopt(conversation.descriptor(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
       return;
     }
   }
 }
 
-void ScriptedServer::collect(std::size_t index, int fd, std::string& pending,
+void ScriptedServer::collect(Conversation& conversation,
                              const std::function<std::size_t(const std::string&)>& complete) {
+  std::string& pending = conversation.pending;
   std::size_t length = 0;
   while ((length = complete(pending)) == 0) {
-    if (!receiveSome(index, fd, pending)) return;
+    if (!receiveSome(conversation)) return;
   }
-  const std::lock_guard lock(mutex_);
-  records_[index].requests.push_back(pending.substr(0, length));
-  pending.erase(0, length);
-  changed_.notify_all();
+  conversation.note([&](ConnectionRecord& record) {
+    record.requests.push_back(pending.substr(0, length));
+    pending.erase(0, length);
+  });
 }
 
-bool ScriptedServer::receiveSome(std::size_t index, int fd, std::string& pending) {
-  if (!waitReadable(fd, stopEvent_)) return false;
+bool ScriptedServer::receiveSome(Conversation& conversation) const {
+  if (!waitReadable(conversation.descriptor(), stopEvent_)) return false;
   std::array<char, 65536> buffer;
-  const auto count = ::recv(fd, buffer.data(), buffer.size(), 0);
+  const auto count = ::recv(conversation.descriptor(), buffer.data(), buffer.size(), 0);
   if (count <= 0) {
-    noteClosed(index);
+    conversation.noteClosed();
     return false;
   }
-  pending.append(buffer.data(), static_cast<std::size_t>(count));
-  const std::lock_guard lock(mutex_);
-  records_[index].received.append(buffer.data(), static_cast<std::size_t>(count));
+  const std::string_view bytes(buffer.data(), static_cast<std::size_t>(count));
+  conversation.pending.append(bytes);
+  conversation.note([&](ConnectionRecord& record) { record.received.append(bytes); });
   return true;
 }
 
-void ScriptedServer::noteClosed(std::size_t index) {
-  const std::lock_guard lock(mutex_);
-  records_[index].clientClosed = true;
-  changed_.notify_all();
-}
-
-void ScriptedServer::sendSegments(std::size_t index, int fd, const Step& step) {
+void ScriptedServer::sendSegments(Conversation& conversation, const Step& step) {
+  const int fd = conversation.descriptor();
   const std::size_t segment = step.count == 0 ? step.bytes.size() : step.count;
   for (std::size_t at = 0; at < step.bytes.size() && !stopping_; at += segment) {
     if (at != 0) awaitDrained(fd);
@@ -274,7 +324,7 @@ void ScriptedServer::sendSegments(std::size_t index, int fd, const Step& step) {
         sent += static_cast<std::size_t>(count);
         continue;
       }
-      if (errno != EAGAIN && errno != EINTR) return noteClosed(index);
+      if (errno != EAGAIN && errno != EINTR) return conversation.noteClosed();
       std::array<pollfd, 2> fds{pollfd{stopEvent_, POLLIN, 0}, pollfd{fd, POLLOUT, 0}};
       ::poll(fds.data(), fds.size(), -1);
       if (fds[0].revents != 0) return;
@@ -302,13 +352,13 @@ void ScriptedServer::awaitDrained(int fd) const {
   }
 }
 
-void ScriptedServer::stallUntilReleased(std::size_t index, int fd) {
+void ScriptedServer::stallUntilReleased(Conversation& conversation) const {
   // Bytes that arrive meanwhile stay unread; POLLRDHUP tells of the client's close without a read.
   std::array<pollfd, 3> fds{pollfd{stopEvent_, POLLIN, 0}, pollfd{releaseEvent_, POLLIN, 0},
-                            pollfd{fd, POLLRDHUP, 0}};
+                            pollfd{conversation.descriptor(), POLLRDHUP, 0}};
   while (::poll(fds.data(), fds.size(), -1) < 0 && errno == EINTR) {
   }
-  if (fds[2].revents != 0) noteClosed(index);
+  if (fds[2].revents != 0) conversation.noteClosed();
 }
 
 RefusedPort::RefusedPort() : fd_(bindLoopback(false, port_)) {}

@@ -6,15 +6,52 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/support/script.h"
 
 namespace tq::test {
+
+/// What a server's connections have seen, numbered in their order.
+class ConnectionLog {
+ public:
+  std::size_t connections() const;
+  std::size_t requests() const;
+  ConnectionRecord connection(std::size_t index) const;
+
+  /// Waits until the connection has seen the client's close.
+  void awaitClientClose(std::size_t index) const;
+  /// Waits until the connection has received this many complete requests.
+  void awaitRequests(std::size_t index, std::size_t count) const;
+  /// Waits until all connections together have.
+  void awaitRequests(std::size_t count) const;
+
+  /// Begins the record of a further connection, and returns its number.
+  std::size_t begin();
+  void note(std::size_t index, const std::function<void(ConnectionRecord&)>& what);
+
+ private:
+  std::size_t countRequests() const;
+  void waitFor(const std::function<bool()>& condition) const;
+
+  // Guarded by mutex_.
+  mutable std::mutex mutex_;
+  mutable std::condition_variable changed_;
+  std::vector<ConnectionRecord> records_;
+};
+
+/// Connections that a server tells from its others by their first request. They follow scripts of
+/// their own and have a log of their own, so that it does not matter to the others when they come.
+struct Aside {
+  std::function<bool(const std::string& firstRequest)> isMeant;
+  std::vector<Script> scripts;
+};
 
 /// A server on a free port of the loopback interface that follows scripts, each connection in a
 /// thread of its own. The n-th connection follows the n-th script; further ones follow the last.
@@ -27,8 +64,12 @@ namespace tq::test {
 /// limit of the test run turns a hang into a failure.
 class ScriptedServer {
  public:
-  explicit ScriptedServer(std::vector<Script> scripts, bool ipv6 = false);
+  explicit ScriptedServer(std::vector<Script> scripts, bool ipv6 = false)
+      : ScriptedServer(std::move(scripts), {}, ipv6) {}
   explicit ScriptedServer(Script script) : ScriptedServer(std::vector{std::move(script)}) {}
+  /// A connection belongs to the first of `asides` that means it. It is numbered when its first
+  /// request is complete, and in no log when it ends before.
+  ScriptedServer(std::vector<Script> scripts, std::vector<Aside> asides, bool ipv6 = false);
   ~ScriptedServer();
   ScriptedServer(const ScriptedServer&) = delete;
   ScriptedServer& operator=(const ScriptedServer&) = delete;
@@ -38,52 +79,55 @@ class ScriptedServer {
   /// Ends the stalls that are under way and those to come.
   void release();
 
-  std::size_t connections() const;
-  std::size_t requests() const;
-  ConnectionRecord connection(std::size_t index) const;
+  /// Of all connections except those aside.
+  const ConnectionLog& log() const { return lines_.back().log; }
+  std::size_t connections() const { return log().connections(); }
+  std::size_t requests() const { return log().requests(); }
+  ConnectionRecord connection(std::size_t index) const { return log().connection(index); }
+  void awaitClientClose(std::size_t index) const { log().awaitClientClose(index); }
+  void awaitRequests(std::size_t index, std::size_t count) const {
+    log().awaitRequests(index, count);
+  }
+  void awaitRequests(std::size_t count) const { log().awaitRequests(count); }
 
-  /// Waits until the connection has seen the client's close.
-  void awaitClientClose(std::size_t index) const;
-  /// Waits until the connection has received this many complete requests.
-  void awaitRequests(std::size_t index, std::size_t count) const;
-  /// Waits until all connections together have.
-  void awaitRequests(std::size_t count) const;
-
-  /// Stops listening: a further connect is refused.
-  void stopListening();
+  /// Of those that the n-th of the asides means.
+  const ConnectionLog& aside(std::size_t index) const { return lines_.at(index).log; }
+  /// How many connections there were, the asides' and those without a request included.
+  std::size_t accepted() const { return accepted_; }
 
  private:
-  void acceptLoop();
-  void serve(std::size_t index, int fd);
-  void play(std::size_t index, int fd, const Step& step, std::string& pending);
-  void collect(std::size_t index, int fd, std::string& pending,
-               const std::function<std::size_t(const std::string&)>& complete);
-  void sendSegments(std::size_t index, int fd, const Step& step);
-  void awaitDrained(int fd) const;
-  void stallUntilReleased(std::size_t index, int fd);
-  bool receiveSome(std::size_t index, int fd, std::string& pending);
-  void noteClosed(std::size_t index);
-  const Script& scriptFor(std::size_t index) const;
-  std::size_t countRequests() const;
-  void waitFor(const std::function<bool()>& condition) const;
+  struct Line {
+    explicit Line(Aside aside) : meant(std::move(aside)) {}
 
-  std::vector<Script> scripts_;
+    const Aside meant;
+    ConnectionLog log;
+  };
+  class Conversation;
+
+  void acceptLoop();
+  void serve(Conversation& conversation);
+  bool findLine(Conversation& conversation);
+  void play(Conversation& conversation, const Step& step);
+  void collect(Conversation& conversation,
+               const std::function<std::size_t(const std::string&)>& complete);
+  void sendSegments(Conversation& conversation, const Step& step);
+  void awaitDrained(int fd) const;
+  void stallUntilReleased(Conversation& conversation) const;
+  bool receiveSome(Conversation& conversation) const;
+
+  // The others' is the last.
+  std::deque<Line> lines_;
   unsigned int port_ = 0;
 
   // Written once, so that every wait of every thread ends: polled beside each descriptor.
   int stopEvent_ = -1;
   int releaseEvent_ = -1;
-  int noListenEvent_ = -1;
   int listener_ = -1;
   std::atomic<bool> stopping_{false};
+  std::atomic<std::size_t> accepted_{0};
 
-  // Guarded by mutex_.
-  mutable std::mutex mutex_;
-  mutable std::condition_variable changed_;
-  std::vector<ConnectionRecord> records_;
+  // Begun by the acceptor, and ended when it has.
   std::vector<std::thread> workers_;
-  bool listening_ = true;
-
   std::thread acceptor_;
 };
 

@@ -7,6 +7,8 @@
 #include <array>
 #include <cerrno>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "tests/support/replyCorpus.h"
 #include "tests/support/scriptedServer.h"
@@ -112,19 +114,38 @@ TEST(ScriptedServer, FollowsAScriptPerConnectionAndThenTheLast) {
   EXPECT_EQ(server.connections(), 3U);
 }
 
+TEST(ScriptedServer, KeepsConnectionsAsideByTheirFirstRequestWheneverTheyCome) {
+  const auto asks = [](const std::string& request) { return request.starts_with("ask"); };
+  const auto isFramed = [](const std::string& request) { return request.front() == '\0'; };
+  ScriptedServer server({Script().expectRequest().send("1"), Script().expectRequest().send("2")},
+                        {{asks, {Script().expectRequest().send("a")}},
+                         {isFramed, {Script().expectFramedRequest().send("b")}}});
+  { const RawClient sendsNothing(server.port()); }
+  const std::vector<std::pair<std::string, std::string>> exchanges = {
+      {"ask\n\r\n", "a"},
+      {std::string("\0\7", 2) + "ask \n\r\n", "b"},
+      {"do\n\r\n", "1"},
+      {"ask\n\r\n", "a"},
+      {"do not ask\n\r\n", "2"}};
+  for (const auto& [request, reply] : exchanges) {
+    RawClient client(server.port());
+    for (const char c : request) client.write(std::string(1, c));
+    EXPECT_EQ(client.receive(), reply) << request;
+  }
+  EXPECT_EQ(server.accepted(), 6U);
+  EXPECT_EQ(server.connections(), 2U);
+  EXPECT_EQ(server.requests(), 2U);
+  EXPECT_EQ(server.connection(1).received, "do not ask\n\r\n");
+  EXPECT_EQ(server.aside(0).connections(), 2U);
+  EXPECT_EQ(server.aside(1).requests(), 1U);
+}
+
 TEST(ScriptedServer, SeesTheClientsClose) {
   ScriptedServer server(Script().stall());
   RawClient client(server.port());
   client.close();
   server.awaitClientClose(0);
   EXPECT_TRUE(server.connection(0).clientClosed);
-}
-
-TEST(ScriptedServer, RefusesOnceItHasStoppedListening) {
-  ScriptedServer server(Script().awaitClose());
-  EXPECT_TRUE(RawClient(server.port()).connected());
-  server.stopListening();
-  EXPECT_FALSE(RawClient(server.port()).connected());
 }
 
 TEST(RefusedPort, Refuses) {

@@ -39,10 +39,10 @@ class World {
 class RealWorld : public World {
  public:
   explicit RealWorld(bool listens) {
-    if (!listens) listener_.close();
+    if (!listens) dead_.emplace();
   }
   const SystemCalls& calls() const override { return tq::oss::realSystemCalls(); }
-  unsigned int port() const override { return listener_.port(); }
+  unsigned int port() const override { return dead_ ? dead_->port() : listener_.port(); }
   void accept() override { peer_.emplace(listener_.accept()); }
   void send(int fd, const std::string& bytes) override {
     int before = 0;
@@ -70,6 +70,7 @@ class RealWorld : public World {
   }
 
   tq::test::Listener listener_;
+  std::optional<tq::test::DeadPort> dead_;
   std::optional<tq::test::Peer> peer_;
 };
 
