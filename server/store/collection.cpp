@@ -618,7 +618,7 @@ bool Collection::begin(Job& job) {
   if (journal_.empty()) {
     // Perhaps all that was missing was to know that a segment's removal is on disk.
     uncut_ = restless_ = false;
-    refuseWaiting(job, {}, {});
+    refuseWaiting(job, {}, {}, {});
     forgetFailure();
     return false;
   }
@@ -746,8 +746,9 @@ ParseOutcomes::LeftOut Collection::leftOutOf(const Refused& refused) {
 // Whoever sends a batch that is acknowledged as searchable may send it once more, and is told the
 // same then. Perhaps nobody waits for it now: it may be from before a restart. On disk before
 // anybody is told, since an update after a restart may find a later change of its key.
-void Collection::noteLeftOutOfBatches(const std::vector<IndexUpdate::Refused>& refused) {
-  if (refresh_.mode != Refresh::Mode::Immediate) return;
+std::map<std::string, Collection::Refused> Collection::noteLeftOutOfBatches(
+    const std::vector<IndexUpdate::Refused>& refused) {
+  if (refresh_.mode != Refresh::Mode::Immediate) return {};
   std::map<std::string, Refused> ofBatches;
   for (const IndexUpdate::Refused& one : refused) {
     if (!one.batch.empty()) ofBatches[one.batch].emplace(one.outcome.key, &one.outcome);
@@ -757,9 +758,9 @@ void Collection::noteLeftOutOfBatches(const std::vector<IndexUpdate::Refused>& r
     leftOutIsUnsaved_ = true;
   }
   for (const auto& [name, own] : ofBatches) batches_.noteLeftOut(name, refusalOf(own).what());
-  if (!leftOutIsUnsaved_) return;
-  saveBatches();
+  if (leftOutIsUnsaved_) saveBatches();
   leftOutIsUnsaved_ = false;
+  return ofBatches;
 }
 
 ServerError Collection::refusalOf(const Refused& refused) {
@@ -773,14 +774,20 @@ std::optional<ServerError> Collection::refusalOfBatch(const std::string& name) c
 }
 
 // Notes what is told to those who wait for one of the documents. Returns what nobody is told of.
-Collection::Refused Collection::refuseWaiting(Job& job, Refused untold,
-                                              const RefusedChanges& changes) const {
+Collection::Refused Collection::refuseWaiting(
+    Job& job, Refused untold, const RefusedChanges& changes,
+    const std::map<std::string, Refused>& ofBatches) const {
   for (Waiting& waiting : job.waiting) {
     const auto own = waiting.ticket ? changes.find(waiting.end) : changes.end();
     if (own == changes.end()) {
-      // Perhaps it has come again while the first one was waiting.
-      auto known = waiting.batch.empty() ? std::nullopt : refusalOfBatch(waiting.batch);
-      if (known) waiting.refusal = std::move(known);
+      if (waiting.batch.empty()) continue;
+      // Perhaps it has come again while the first one was waiting, and is forgotten already.
+      const auto again = ofBatches.find(waiting.batch);
+      if (auto known = refusalOfBatch(waiting.batch)) {
+        waiting.refusal = std::move(known);
+      } else if (again != ofBatches.end()) {
+        waiting.refusal = refusalOf(again->second);
+      }
       continue;
     }
     const ParseOutcome& first = *own->second.begin()->second;
@@ -804,8 +811,8 @@ Collection::Report Collection::reportRefused(Job& job) {
     changes[one.end].emplace(one.outcome.key, &one.outcome);
     if (one.isLast) refused.emplace(one.outcome.key, &one.outcome);
   }
-  noteLeftOutOfBatches(job.update->refused());
-  const Refused untold = refuseWaiting(job, refused, changes);
+  const auto ofBatches = noteLeftOutOfBatches(job.update->refused());
+  const Refused untold = refuseWaiting(job, refused, changes, ofBatches);
   // What finds nothing to bring in changes nothing of what is known of the update before.
   if (job.update->progress().all == 0) return report;
   const bool isExpected = job.ticket && job.ticket->isExpected();

@@ -286,10 +286,12 @@ class Collection {
   JournalPosition closeSegment();
   void end(Job& job);
   static ParseOutcomes::LeftOut leftOutOf(const Refused& refused);
-  void noteLeftOutOfBatches(const std::vector<IndexUpdate::Refused>& refused);
+  std::map<std::string, Refused> noteLeftOutOfBatches(
+      const std::vector<IndexUpdate::Refused>& refused);
   static ServerError refusalOf(const Refused& refused);
   std::optional<ServerError> refusalOfBatch(const std::string& name) const;
-  Refused refuseWaiting(Job& job, Refused untold, const RefusedChanges& changes) const;
+  Refused refuseWaiting(Job& job, Refused untold, const RefusedChanges& changes,
+                        const std::map<std::string, Refused>& ofBatches) const;
   Report reportRefused(Job& job);
   std::optional<ServerError> replyTo(const Ticket& update) const;
   std::shared_ptr<Ticket> wantUpdate();

@@ -26,6 +26,8 @@ struct IndexLimits {
   /// Maximum number of changes per transaction, and the size in bytes at which a transaction of
   /// ordinary texts is full. One with more words is full when it takes as much memory.
   std::size_t batchChanges = 1000;
+  /// Of a key whose last document is refused, how many before it are remembered at a time.
+  std::size_t earlierDocuments = 1000;
   std::size_t batchBytes = std::size_t{4} << 20U;
   std::size_t batchMemory() const { return batchBytes * kIndexingCost; }
   /// What results and transactions take their memory from. None: without a limit.

@@ -73,8 +73,8 @@ void IndexUpdate::endCount(bool isLast) {
   forgetReplacedRefusals();
 }
 
-// Within a slice the index is not given a version that another one follows. What becomes of a key
-// must not depend on where one slice ends and the next begins.
+// A refusal counts no more once a later change of its key comes. What becomes of a key must not
+// depend on where one slice ends and the next begins.
 void IndexUpdate::forgetReplacedRefusals() {
   std::erase_if(refused_,
                 [this](const Refused& one) { return lastOfKey_.contains(one.outcome.key); });
@@ -127,9 +127,15 @@ bool IndexUpdate::apply() {
   if (more) return true;
   if (earlier_.empty()) return endSlice();
   sliceEndMark_ = part_.mark();
+  search();
+  return true;
+}
+
+void IndexUpdate::search() {
   part_.rewind(sliceMark_);
   searched_ = sliceBegin_;
-  return true;
+  earlierBytes_ = 0;
+  for (auto& [key, earlier] : earlier_) earlier.hasMore = false;
 }
 
 bool IndexUpdate::hasRoom(const Transaction& transaction, std::size_t times) const {
@@ -173,12 +179,19 @@ bool IndexUpdate::findEarlier() {
     const std::uint64_t number = (*searched_)++;
     const auto found = earlier_.find(change->document.key);
     if (found == earlier_.end() || number >= found->second.refused) continue;
-    std::vector<Place>& documents = found->second.documents;
+    Earlier& earlier = found->second;
     if (change->kind == ChangeKind::Remove) {
-      found->second.removes = true;
-      documents.clear();
+      earlier.documents.clear();
+      earlier.hasMore = false;
+      earlier.removes = true;
+      continue;
+    }
+    place.number = number;
+    earlier.documents.push_back(place);
+    if (earlier.documents.size() > index_.limits().earlierDocuments) {
+      earlier.documents.pop_front();
+      earlier.hasMore = true;
     } else {
-      documents.push_back(place);
       earlierBytes_ += sizeof(Place);
     }
   }
@@ -191,17 +204,21 @@ bool IndexUpdate::findEarlier() {
 // back if it takes none.
 bool IndexUpdate::offerEarlier() {
   Transaction transaction;
-  for (auto one = earlier_.begin(); one != earlier_.end() && hasRoom(transaction, 1);) {
+  std::uint64_t read = 0;
+  for (auto one = earlier_.begin();
+       one != earlier_.end() && hasRoom(transaction, 1) && read < kBytesPerCount;) {
     Earlier& earlier = one->second;
     if (!earlier.documents.empty()) {
       stop_();
-      add(transaction, documentAt(earlier.documents.back()), false);
+      earlier.refused = earlier.documents.back().number;
+      add(transaction, documentAt(earlier.documents.back(), read), false);
       earlier.documents.pop_back();
-      ++one;
+    } else if (!earlier.hasMore) {
+      if (earlier.removes) add(transaction, {ChangeKind::Remove, {one->first, {}, {}}}, false);
+      one = earlier_.erase(one);
       continue;
     }
-    if (earlier.removes) add(transaction, {ChangeKind::Remove, {one->first, {}, {}}}, false);
-    one = earlier_.erase(one);
+    ++one;
   }
   std::vector<Refused> refused = bringIn(transaction);
   std::set<std::string_view> refusedKeys;
@@ -210,7 +227,13 @@ bool IndexUpdate::offerEarlier() {
     if (!refusedKeys.contains(change.document.key)) earlier_.erase(change.document.key);
   }
   std::move(refused.begin(), refused.end(), std::back_inserter(refused_));
-  if (!earlier_.empty()) return true;
+  const bool allHaveMore = std::all_of(earlier_.begin(), earlier_.end(), [](const auto& one) {
+    return one.second.documents.empty() && one.second.hasMore;
+  });
+  if (!earlier_.empty()) {
+    if (allHaveMore) search();
+    return true;
+  }
   earlierBytes_ = 0;
   chargeMemory();
   part_.rewind(*sliceEndMark_);
@@ -218,10 +241,12 @@ bool IndexUpdate::offerEarlier() {
   return endSlice();
 }
 
-Change IndexUpdate::documentAt(const Place& place) {
+Change IndexUpdate::documentAt(const Place& place, std::uint64_t& bytesRead) {
   part_.rewind(place.entry);
-  for (std::size_t i = 0; i < place.before; ++i) next();
-  return std::move(*next());
+  std::optional<Change> change = next();
+  bytesRead += std::max<std::uint64_t>(part_.bytesHeld(), change->document.content.size());
+  for (std::size_t i = 0; i < place.before; ++i) change = next();
+  return std::move(*change);
 }
 
 bool IndexUpdate::endSlice() {

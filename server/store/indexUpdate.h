@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <optional>
 #include <string>
@@ -57,12 +58,15 @@ class IndexUpdate {
   struct Place {
     JournalPart::Mark entry;
     std::size_t before = 0;
+    std::uint64_t number = 0;
   };
   /// What comes in the slice before a document that the index has refused.
   struct Earlier {
     std::uint64_t refused = 0;
-    std::vector<Place> documents;
-    /// Whether it is deleted before those.
+    /// The latest of them.
+    std::deque<Place> documents;
+    /// Whether there are others before those, and whether it is deleted before all of them.
+    bool hasMore = false;
     bool removes = false;
   };
   /// Where a change ends in the journal, and its batch.
@@ -85,9 +89,10 @@ class IndexUpdate {
   bool hasRoom(const Transaction& transaction, std::size_t times) const;
   void add(Transaction& transaction, Change change, bool isLast);
   std::vector<Refused> bringIn(const Transaction& transaction);
+  void search();
   bool findEarlier();
   bool offerEarlier();
-  Change documentAt(const Place& place);
+  Change documentAt(const Place& place, std::uint64_t& bytesRead);
   bool endSlice();
   void beginSlice();
   void chargeMemory();

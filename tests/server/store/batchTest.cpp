@@ -751,9 +751,11 @@ TEST_F(LeftOutOfBatchTest, IsNotSaidOfAnotherBatchThatHasTheSameKey) {
 
 TEST_F(LeftOutOfBatchTest, IsSaidOfABatchThatIsForgottenWhileItWaits) {
   const auto first = send();
+  const auto again = send();
   for (std::size_t i = 0; i < BatchMemory::kBatches; ++i) send("other" + std::to_string(i), {});
   index();
   EXPECT_NE(saidTo(first), "");
+  EXPECT_EQ(saidTo(again), saidTo(first));
 }
 
 TEST_F(LeftOutOfBatchTest, HidesNoOtherDocumentThatNobodyHasBeenToldOf) {

@@ -34,10 +34,11 @@ class RefusedVersionsTest : public ::testing::TestWithParam<std::tuple<Refresh::
   static constexpr std::size_t kSteps = 4;
 
   RefusedVersionsTest() {
-    for (unsigned i = 0; i < 10000; ++i) tooMany_ += std::to_string(i * 2654435761U) + ' ';
+    for (unsigned i = 0; i < 4000; ++i) tooMany_ += std::to_string(i * 2654435761U) + ' ';
     limits_.index.memory = memory_;
-    // In several transactions.
-    limits_.index.batchChanges = 7;
+    // In several transactions, and with more than one look for what comes before.
+    limits_.index.batchChanges = 25;
+    limits_.index.earlierDocuments = 2;
     std::vector<std::string> rows{""};
     for (std::size_t i = 0; i < rows.size(); ++i) {
       if (rows[i].size() == kSteps) continue;
@@ -84,7 +85,7 @@ class RefusedVersionsTest : public ::testing::TestWithParam<std::tuple<Refresh::
       }
     }
     // An update takes several slices for so many keys, where it may.
-    for (int i = 0; i < 500; ++i) {
+    for (int i = 0; i < 100; ++i) {
       const std::string key = std::to_string(step * 1000 + static_cast<std::size_t>(i));
       collection_->queue({std::string(200, 'x') + key, {}, "hound"}, "ada");
     }
@@ -119,7 +120,7 @@ class RefusedVersionsTest : public ::testing::TestWithParam<std::tuple<Refresh::
 
   tq::test::TemporaryDirectory directory_;
   const std::shared_ptr<MemoryBudget> memory_ =
-      std::make_shared<MemoryBudget>(std::size_t{4} << 20U);
+      std::make_shared<MemoryBudget>(std::size_t{1} << 20U);
   StoreLimits limits_;
   std::string tooMany_;
   std::atomic<bool> stopping_ = false;
