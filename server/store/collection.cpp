@@ -640,7 +640,7 @@ bool Collection::begin(Job& job) {
   const auto slices = refresh_.mode == Refresh::Mode::Immediate
                           ? IndexUpdate::Slices::One
                           : IndexUpdate::Slices::AsMemoryAllows;
-  job.update.emplace(journal_.read(indexed_, job.end), index_, slices,
+  job.update.emplace(journal_.read(indexed_, job.end), removedTo_, index_, slices,
                      [this] { requireGoingOn(); });
   return true;
 }
@@ -841,6 +841,7 @@ bool Collection::removeSome(Job& job) {
     if (removeNext(job)) return true;
     index_.endUpdate();
     const std::lock_guard lock(hiddenMutex_);
+    removedTo_ = journal_.end();
     const auto isRemoved = [&](const std::string& key, const JournalPosition&) {
       return std::binary_search(job.keys.begin(), job.keys.end(), key);
     };

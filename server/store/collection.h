@@ -356,6 +356,9 @@ class Collection {
   // collection is opened. The index may have lost most of them before.
   std::map<std::uint64_t, std::size_t> deletionBytes_;
   JournalPosition indexed_;
+  // Up to where deletions may be in the index, and hidden no more, while what comes before them in
+  // the journal is not.
+  JournalPosition removedTo_;
 
   const std::shared_ptr<ParseOutcomes> outcomes_;
   LogRepeats repeats_;

@@ -25,9 +25,10 @@ std::size_t mostKeyBytes(const IndexLimits& limits, IndexUpdate::Slices slices) 
 
 }  // namespace
 
-IndexUpdate::IndexUpdate(JournalPart part, XapianIndex& index, Slices slices,
-                         XapianIndex::StopCheck stop)
+IndexUpdate::IndexUpdate(JournalPart part, JournalPosition removedTo, XapianIndex& index,
+                         Slices slices, XapianIndex::StopCheck stop)
     : part_(std::move(part)),
+      removedTo_(removedTo),
       index_(index),
       stop_(std::move(stop)),
       mostKeyBytes_(mostKeyBytes(index.limits(), slices)),
@@ -36,7 +37,9 @@ IndexUpdate::IndexUpdate(JournalPart part, XapianIndex& index, Slices slices,
 bool IndexUpdate::step() {
   if (!counted_) count();
   bool more = true;
-  if (searched_) {
+  if (isLookingAhead_) {
+    findRemovals();
+  } else if (searched_) {
     more = findEarlier();
   } else if (sliceEndMark_) {
     more = offerEarlier();
@@ -55,7 +58,7 @@ void IndexUpdate::count() {
     const auto change = next();
     if (!change) return endCount(true);
     const auto [entry, isNew] = lastOfKey_.try_emplace(change->document.key);
-    entry->second = {position_++, !isNew};
+    entry->second = {position_++, !isNew, false};
     if (isNew) keyBytes_ += entry->first.size() + kKeyCost;
   }
   chargeMemory();
@@ -66,11 +69,32 @@ void IndexUpdate::endCount(bool isLast) {
   counted_ = true;
   isLastSlice_ = isLast;
   all_ = sliceEnd_ = position_;
+  position_ = sliceBegin_;
+  forgetReplacedRefusals();
+  isLookingAhead_ = part_.end() < removedTo_;
+  if (!isLookingAhead_) beginApplying();
+}
+
+// The index has lost those keys already, and would show what the slice has of them. What is known
+// of them must not take memory for each deletion of the journal, so that they are read anew.
+void IndexUpdate::findRemovals() {
+  const std::uint64_t end = part_.bytesRead() + kBytesPerCount;
+  while (part_.bytesRead() < end) {
+    stop_();
+    const bool isBehind = part_.end() >= removedTo_ && !part_.isInsideBatch();
+    const auto change = isBehind ? std::nullopt : next();
+    if (!change) return beginApplying();
+    if (change->kind != ChangeKind::Remove) continue;
+    const auto last = lastOfKey_.find(change->document.key);
+    if (last != lastOfKey_.end()) last->second.isRemovedLater = true;
+  }
+}
+
+void IndexUpdate::beginApplying() {
+  isLookingAhead_ = false;
   part_.rewind(sliceMark_);
   bytesHeld_ = 0;
-  position_ = sliceBegin_;
   chargeMemory();
-  forgetReplacedRefusals();
 }
 
 // A refusal counts no more once a later change of its key comes. What becomes of a key must not
@@ -114,7 +138,8 @@ bool IndexUpdate::apply() {
     more = position_ < sliceEnd_;
     if (!more) break;
     auto change = next();
-    if (lastOfKey_[change->document.key].number == position_++) {
+    const LastChange& last = lastOfKey_[change->document.key];
+    if (last.number == position_++ && !last.isRemovedLater) {
       add(transaction, std::move(*change), true);
     }
   }
@@ -227,10 +252,10 @@ bool IndexUpdate::offerEarlier() {
     if (!refusedKeys.contains(change.document.key)) earlier_.erase(change.document.key);
   }
   std::move(refused.begin(), refused.end(), std::back_inserter(refused_));
-  const bool allHaveMore = std::all_of(earlier_.begin(), earlier_.end(), [](const auto& one) {
-    return one.second.documents.empty() && one.second.hasMore;
-  });
   if (!earlier_.empty()) {
+    const bool allHaveMore = std::all_of(earlier_.begin(), earlier_.end(), [](const auto& one) {
+      return one.second.documents.empty() && one.second.hasMore;
+    });
     if (allHaveMore) search();
     return true;
   }

@@ -24,8 +24,11 @@ class IndexUpdate {
   /// be hidden meanwhile.
   enum class Slices { One, AsMemoryAllows };
 
-  /// `stop` throws to end a step between two documents.
-  IndexUpdate(JournalPart part, XapianIndex& index, Slices slices, XapianIndex::StopCheck stop);
+  /// `removedTo` is a place in the journal: searches may have ceased to hide what is deleted before
+  /// it. The update leaves such a document out of the slices before its deletion. `stop` throws to
+  /// end a step between two documents.
+  IndexUpdate(JournalPart part, JournalPosition removedTo, XapianIndex& index, Slices slices,
+              XapianIndex::StopCheck stop);
 
   /// Returns whether there is more to do. Each step that changes the index makes that durable. If
   /// it throws, part of the changes may be in the index, and bringing all of them in again is safe.
@@ -53,6 +56,8 @@ class IndexUpdate {
     std::uint64_t number = 0;
     /// Whether others of the key come before it in the slice.
     bool isRepeated = false;
+    /// Whether a later slice deletes the key, and searches may not hide it until then.
+    bool isRemovedLater = false;
   };
   /// Where a document stands: the entry, and how many others come before it in there.
   struct Place {
@@ -85,6 +90,8 @@ class IndexUpdate {
   void count();
   void endCount(bool isLast);
   void forgetReplacedRefusals();
+  void findRemovals();
+  void beginApplying();
   bool apply();
   bool hasRoom(const Transaction& transaction, std::size_t times) const;
   void add(Transaction& transaction, Change change, bool isLast);
@@ -99,6 +106,7 @@ class IndexUpdate {
   std::optional<Change> next();
 
   JournalPart part_;
+  const JournalPosition removedTo_;
   XapianIndex& index_;
   const XapianIndex::StopCheck stop_;
   const std::size_t mostKeyBytes_;
@@ -118,6 +126,8 @@ class IndexUpdate {
   std::uint64_t position_ = 0;
   std::uint64_t all_ = 0;
   bool counted_ = false;
+  // Whether what comes behind the slice is being read.
+  bool isLookingAhead_ = false;
   // Once the last changes have been brought in, what is done for those that were refused: until all
   // of the slice has been read again, the number of the next change, and then where the slice ends.
   std::map<std::string, Earlier> earlier_;

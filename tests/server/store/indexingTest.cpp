@@ -496,6 +496,59 @@ TEST_P(SlicesTest, KeyWhoseLastVersionIsRefusedIsReportedOnce) {
   EXPECT_EQ(collection_->estimate("hound", kExactHits).hits, 2000U);
 }
 
+// Searches do not filter the deletions any more that the index has, and between two slices it has
+// documents that are deleted later.
+TEST_P(SlicesTest, DocumentDeletedLaterIsNeverFoundOnceItsDeletionIsInTheIndex) {
+  limits_.hiddenKeys = 3;
+  open();
+  const std::vector<std::string> keys{"alone", "in a batch", "twice", "there again", "last"};
+  for (const std::string& key : keys) collection_->add({key, {}, "fox"});
+  queueMany("k");
+  Batch batch{"b1", {}, {}, false, {}};
+  batch.changes.documents.push_back({"b", {}, "hound"});
+  batch.changes.deletions = {"in a batch", "there again"};
+  collection_->apply(std::move(batch));
+  collection_->remove("twice");
+  collection_->add({"there again", {}, "bear"});
+  queueMany("m");
+  collection_->remove("twice");
+  const auto removal = collection_->remove("alone");
+  ASSERT_NE(removal, nullptr);
+  // The last deletion is not the first change of its batch.
+  Batch lastBatch{"b2", {}, {}, false, {}};
+  lastBatch.changes.documents.push_back({"c", {}, "wolf"});
+  lastBatch.changes.deletions.emplace_back("last");
+  collection_->apply(std::move(lastBatch));
+  index();
+  ASSERT_TRUE(removal->isDone());
+  // Of no importance for these keys, but filtered.
+  collection_->remove("b");
+
+  for (const bool stops : {true, false}) {
+    const auto ticket = collection_->requestUpdate();
+    ASSERT_TRUE(collection_->takeOnIndexing());
+    int steps = 0;
+    std::set<std::uint64_t> slices;
+    do {
+      EXPECT_EQ(collection_->estimate("fox", kExactHits).hits, 0U) << "step " << steps;
+      slices.insert(collection_->summary().indexing);
+      // In the second slice, if there are several.
+      stopping_ = stops && ++steps == 12;
+    } while (collection_->indexStep());
+    slices.erase(0);
+    EXPECT_EQ(slices.size() > 1, GetParam());
+    EXPECT_EQ(collection_->estimate("fox", kExactHits).hits, 0U);
+    if (stops) {
+      EXPECT_THROW(ticket->requireSuccess(), ServerError);
+    } else {
+      EXPECT_NO_THROW(ticket->requireSuccess());
+    }
+    stopping_ = false;
+  }
+  EXPECT_EQ(collection_->estimate("bear", kExactHits).hits, 1U);
+  EXPECT_EQ(collection_->estimate("hound", kExactHits).hits, 2000U);
+}
+
 INSTANTIATE_TEST_SUITE_P(One, SlicesTest, ::testing::Values(false));
 INSTANTIATE_TEST_SUITE_P(Several, SlicesTest, ::testing::Values(true));
 
