@@ -146,6 +146,7 @@ unsigned long CorvaneClient::readOnce(char* buffer, unsigned long offset, unsign
 bool CorvaneClient::dataToRead(bool wait) {
   const tq::oss::TraceScope trace(trace::CorvaneClientDataToRead);
   if (!wait || timeOut_ == 0) return true;
+  const OperationScope operation(*this);
   std::list<tq::oss::Socket> readers{socket_};
   std::list<tq::oss::Socket> writers;
   std::list<tq::oss::Socket> excepts;

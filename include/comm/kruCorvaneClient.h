@@ -117,8 +117,8 @@ class KRU_EXPORT CorvaneClient {
   unsigned long readOnce(char* buffer, unsigned long offset, unsigned long length, bool wait);
 
   /// Waits until there is something to read. True at once when `wait` is false or no time-out is
-  /// set; never false. No deadline applies. Throws ERR_SERVER_COMM_TIMEOUT, and
-  /// tq::oss::SocketException without a connection.
+  /// set; never false. A deadline that passes first ends the wait, too. Throws
+  /// ERR_SERVER_COMM_TIMEOUT, and tq::oss::SocketException without a connection.
   bool dataToRead(bool wait);
 
   /// All reading by hand comes here. `once` takes what has come; else all is awaited, and left.

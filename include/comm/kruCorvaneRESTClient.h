@@ -63,15 +63,19 @@ struct OperationLimits {
 /// | ERR_SERVER_PROTOCOL | another refusal (HTTP) | none | no | kept |
 /// | ERR_SERVER_PROTOCOL | not a reply (binary protocol) | none or a text | no | replaced |
 /// | none; success() of the response is false | no body (HTTP) | none | no | kept |
-/// | ERR_CLIENT_RESP_PARSING | not a reply, or too large | none or host, port | no | replaced |
+/// | ERR_CLIENT_RESP_PARSING | not a reply, or too large | none or host, port | no | see below |
+/// | TQ_ERR_PROPERTY_MISSING | a record lacks a field (HTTP) | its name | no | see below |
+/// | TQ_ERR_PROPERTY_NUMBER | a field is no number (HTTP) | name, value | no | see below |
 /// | ERR_CLIENT_INTERNAL | the request cannot be sent | host, port | no | as it was |
 /// | ERR_CLIENT_INTERNAL | a failed write (HTTP), others | none or a text | no | replaced |
 /// | ERR_INVALID_STATE | misuse: `send`, `recv`, `recvMesg` | host, port or none | no | as it was |
 ///
 /// "Kept" is: unless the reply says "Connection: close", or nothing says where it ends.
 ///
-/// An error of the server that cannot be decoded, and a status over the binary protocol where none
-/// was asked for, keep their connection when the reply was read to its end.
+/// "See below" is: replaced, unless an HTTP reply had a length and was read to its end. An error of
+/// the server that cannot be decoded, and a status over the binary protocol where none was asked
+/// for, keep their connection when the reply was read to its end. Over the binary protocol a record
+/// without a field that it needs is ERR_CLIENT_INTERNAL.
 ///
 /// Three things are not a RESTException: over HTTP std::bad_alloc and tq::oss::NLSException
 /// "TQ_ERR_OUT_OF_MEMORY", and tq::oss::SocketException from `send`, `sendMesg`,

@@ -17,6 +17,7 @@ namespace {
   text.append(name).append(u"\" is missing.");
   oss::Message message(u"TQ_ERR_PROPERTY_MISSING", text);
   message.setFileName("kruExtendedProperties");
+  message.setLineNumber(__LINE__);
   message.addArgument(name);
   throw oss::NLSException(message);
 }
@@ -26,6 +27,7 @@ namespace {
   text.append(name).append(u"\" is not a number from 0 to 4294967295.");
   oss::Message message(u"TQ_ERR_PROPERTY_NUMBER", text);
   message.setFileName("kruExtendedProperties");
+  message.setLineNumber(__LINE__);
   message.addArgument(name);
   message.addArgument(value);
   throw oss::NLSException(message);

@@ -506,6 +506,10 @@ TEST(CorvaneClient, EveryReadByHandEndsWithTheDeadline) {
       [](CorvaneClient& client) { read(client, 4); },
       [](CorvaneClient& client) { read(client, 4, true); },
       [&](CorvaneClient& client) { client.genericRead(buffer.data(), 0, 4, false); },
+      [](CorvaneClient& client) {
+        client.setTimeOut(5000);
+        client.dataToRead(true);
+      },
   };
   for (const auto& readByHand : reads) {
     ScriptedNetwork network(Script().stall());

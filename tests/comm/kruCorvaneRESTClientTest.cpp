@@ -1926,6 +1926,43 @@ TEST(CorvaneRESTClient, BlocksThatAreNoReplyAreNotReadForEver) {
   }
 }
 
+// The whole reply has been read all the same, and its length says where the next one begins.
+TEST(CorvaneRESTClient, ARecordThatCannotBeUsedKeepsTheConnectionOfAReplyWithALength) {
+  const struct {
+    int kind;
+    std::string records;
+    std::string errorId;
+    std::vector<std::string> errorArguments;
+  } rows[] = {
+      {kStreamSearch, bigEndian(0x7fffffff) + "abc", "ERR_CLIENT_RESP_PARSING", {}},
+      {kStreamSearch, enveloped(bigEndian(100) + "abcd"), "ERR_CLIENT_RESP_PARSING", {}},
+      {kStreamSearch, enveloped(record({{"X", "y"}})), "TQ_ERR_PROPERTY_MISSING", {"URI"}},
+      {kGetStatus,
+       enveloped(record({{"STATUS_CODE", "abc"}})),
+       "TQ_ERR_PROPERTY_NUMBER",
+       {"STATUS_CODE", "abc"}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.errorId);
+    Reply refused;
+    refused.body = kUninterpreted + row.records;
+    ScriptedNetwork network(Script()
+                                .expectRequest()
+                                .send(plain(refused))
+                                .expectRequest()
+                                .send(plain(nextReply()))
+                                .awaitClose());
+    auto client = clientFor(kPersistent);
+    const auto error = exchangeError(client, row.kind);
+    EXPECT_EQ(error.errorId, row.errorId);
+    EXPECT_EQ(error.errorArguments, row.errorArguments);
+    EXPECT_EQ(client.getRequestOutcome(), RequestOutcome::MayBeApplied);
+    EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
+    EXPECT_EQ(network.connections(), 1U);
+    EXPECT_EQ(network.requests(), 2U) << "it is not repeated";
+  }
+}
+
 TEST(CorvaneRESTClient, AServerThatClosesAtOnceIsAnErrorOfTheCommunication) {
   for (const auto& script : {Script(), Script().reset()}) {
     ScriptedNetwork network(script);

@@ -178,6 +178,7 @@ TEST(ExtendedProperties, RequireOfAnAbsentOneNamesIt) {
     EXPECT_EQ(message.getMessageId(), u"TQ_ERR_PROPERTY_MISSING");
     EXPECT_EQ(message.getMessageText(), u"The property \"absent\" is missing.");
     EXPECT_STREQ(message.getFileName(), "kruExtendedProperties");
+    EXPECT_GT(message.getLineNumber(), 0U);
     ASSERT_EQ(message.getArguments().size(), 1U);
     EXPECT_EQ(message.getArguments()[0], u"absent");
   }
@@ -211,6 +212,7 @@ TEST(ExtendedProperties, RefusesWhatIsNoNumberAndNamesTheProperty) {
       EXPECT_EQ(message.getMessageText(),
                 u"The value of the property \"n\" is not a number from 0 to 4294967295.");
       EXPECT_STREQ(message.getFileName(), "kruExtendedProperties");
+      EXPECT_GT(message.getLineNumber(), 0U);
       ASSERT_EQ(message.getArguments().size(), 2U);
       EXPECT_EQ(message.getArguments()[0], u"n");
       EXPECT_EQ(message.getArguments()[1], text);
