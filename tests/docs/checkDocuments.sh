@@ -204,7 +204,6 @@ check_project() {
   {
     echo 'cmake_minimum_required(VERSION 3.16)'
     echo 'project(program LANGUAGES CXX)'
-    echo 'set(CMAKE_CXX_STANDARD 20)'
     echo 'add_executable(program program.cpp)'
     echo "$block"
   } >"$room/project/CMakeLists.txt"
