@@ -33,9 +33,9 @@ enum class Cut {
   InEachStep,
 };
 
-/// A key for each row of up to four changes, or three where they are brought in once for each step
-/// that this takes: 'g' adds a document, 'b' one that the index cannot
-/// take, 'd' deletes it. Every other key's changes come in batches.
+/// A key for each row of up to four changes, or of three where an update is begun once for each
+/// step that it takes: 'g' adds a document, 'b' one that the index cannot take, 'd' deletes it.
+/// Every other key's changes come in batches.
 class RefusedVersionsTest : public ::testing::TestWithParam<std::tuple<Refresh::Mode, Cut>> {
  protected:
   RefusedVersionsTest() {
