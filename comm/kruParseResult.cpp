@@ -12,6 +12,17 @@
 
 namespace tq::comm {
 
+namespace {
+
+/// Where there is no memory, ICU's own `new` gives null and a copied text turns bogus.
+std::unique_ptr<icu::UnicodeString> copyOf(const icu::UnicodeString& text) {
+  auto copy = std::make_unique<icu::UnicodeString>(text);
+  if (copy == nullptr || copy->isBogus()) tq::oss::Converter::throwOutOfMemory();
+  return copy;
+}
+
+}  // namespace
+
 ParseResult::ParseResult(bool withProperties) : GenRespRecord(withProperties) {
   // One object serves a whole reply, in which a record without a message may follow one with.
   forgetsPreviousRecord_ = true;
@@ -20,12 +31,12 @@ ParseResult::ParseResult(bool withProperties) : GenRespRecord(withProperties) {
 ParseResult::ParseResult(const ParseResult& other)
     : GenRespRecord(other),
       hasMessage_(other.hasMessage_),
-      document_(std::make_unique<icu::UnicodeString>(other.getDocument())),
+      document_(copyOf(other.getDocument())),
       message_(hasMessage_ ? std::make_unique<tq::oss::Message>(other.getMessage()) : nullptr) {}
 
 ParseResult& ParseResult::operator=(const ParseResult& other) {
   if (this == &other) return *this;
-  auto document = std::make_unique<icu::UnicodeString>(other.getDocument());
+  auto document = copyOf(other.getDocument());
   std::unique_ptr<tq::oss::Message> message;
   if (other.hasMessage_) message = std::make_unique<tq::oss::Message>(other.getMessage());
   record_ = nullptr;
@@ -45,8 +56,7 @@ void ParseResult::reset() {
   const tq::oss::TraceScope scope(trace::ParseResultReset);
   forget();
   if (getProperties() == nullptr) init(true);
-  document_ =
-      std::make_unique<icu::UnicodeString>(getProperties()->requireProperty(StaticDefs::DOC));
+  document_ = copyOf(getProperties()->requireProperty(StaticDefs::DOC));
   auto message = std::make_unique<tq::oss::Message>();
   hasMessage_ = parseMessage(*message, false);
   if (hasMessage_) message_ = std::move(message);
@@ -56,7 +66,7 @@ const icu::UnicodeString& ParseResult::getDocument() const {
   if (document_ != nullptr) return *document_;
   if (record_ == nullptr) return StaticDefs::STRING_empty;
   const std::string_view text = row().document;
-  auto document = std::make_unique<icu::UnicodeString>();
+  auto document = copyOf(icu::UnicodeString());
   tq::oss::Converter::assignUTF8(*document, text.data(), text.size());
   document_ = std::move(document);
   return *document_;

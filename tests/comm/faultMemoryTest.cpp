@@ -16,7 +16,9 @@
 
 #include "comm/kruChunkTail.h"
 #include "comm/kruClientResponse.h"
+#include "comm/kruParseResult.h"
 #include "comm/kruRESTException.h"
+#include "comm/kruStaticDefs.h"
 #include "infra/oss/kruMessage.h"
 #include "infra/oss/kruMessageList.h"
 #include "infra/oss/kruNLSException.h"
@@ -49,13 +51,6 @@ struct Seen {
   long allocations = 0;
 };
 
-void takeHits(ClientResponse& response, Seen& seen) {
-  auto& list = response.getSearchResponse();
-  while (list.hasMore()) seen.hits.push_back(utf8(list.getNext().getDocId()));
-  auto& rows = response.getParseResponse();
-  while (rows.hasMore()) seen.hits.push_back(utf8(rows.getNext().getDocument()));
-}
-
 template <typename Operation>
 bool guarded(Source source, Seen& seen, long failing, bool lasting, Operation operation) {
   try {
@@ -87,6 +82,27 @@ long stillFailing(const Seen& seen, long failing, bool lasting) {
   return failing != 0 && seen.allocations >= failing && !lasting ? 0 : failing;
 }
 
+/// Takes one record after the other, until one cannot be had: its text is made when it is asked
+/// for.
+template <typename List, typename Text>
+bool takeAll(List& list, Text textOf, Source source, long failing, bool lasting, Seen& seen) {
+  while (list.hasMore()) {
+    const icu::UnicodeString* text = nullptr;
+    const bool taken = guarded(source, seen, stillFailing(seen, failing, lasting), lasting,
+                               [&] { text = &textOf(list.getNext()); });
+    if (!taken) return false;
+    seen.hits.push_back(utf8(*text));
+  }
+  return true;
+}
+
+bool takeHits(ClientResponse& response, Source source, long failing, bool lasting, Seen& seen) {
+  const auto idOf = [](const auto& hit) -> auto& { return hit.getDocId(); };
+  const auto documentOf = [](const auto& row) -> auto& { return row.getDocument(); };
+  return takeAll(response.getSearchResponse(), idOf, source, failing, lasting, seen) &&
+         takeAll(response.getParseResponse(), documentOf, source, failing, lasting, seen);
+}
+
 /// Runs the exchange and all that follows it; the `failing`th allocation fails, 0 for none. A
 /// request with long texts is built from them under the same conditions.
 Seen run(CorvaneRESTClient& client, const MarkedRequest& marked, long failing, bool lasting) {
@@ -103,12 +119,12 @@ Seen run(CorvaneRESTClient& client, const MarkedRequest& marked, long failing, b
                         [&] { client.sendAndRecvMesg(built->request, response); });
   const bool grows = marked.kind == kScalarSearch;
   while (goesOn && isStreaming(marked.kind)) {
-    if (!grows) takeHits(response, seen);
+    if (!grows && !takeHits(response, source, failing, lasting, seen)) return seen;
     if (client.isEndOfStream()) break;
     goesOn = guarded(source, seen, stillFailing(seen, failing, lasting), lasting,
                      [&] { client.recv(response); });
   }
-  takeHits(response, seen);
+  takeHits(response, source, failing, lasting, seen);
   return seen;
 }
 
@@ -356,6 +372,28 @@ TEST(TextMemoryOfProperties, ThatCannotBeHadForALiteralLeavesTheSetAsItWas) {
     EXPECT_EQ(properties.size(), 1U);
     EXPECT_TRUE(properties.requireProperty(u"present") == u"value");
   }
+}
+
+TEST(TextMemoryOfParseResults, ThatCannotBeHadIsToldAndLeavesTheResultAsItWas) {
+  const icu::UnicodeString document(u"the name of a document that no object has room for");
+  tq::comm::ParseResult result(true);
+  result.getProperties()->putProperty(tq::comm::StaticDefs::DOC, document);
+  tq::comm::ParseResult other(true);
+  other.getProperties()->putProperty(tq::comm::StaticDefs::DOC, u"other");
+  other.reset();
+  {
+    const ScarceMemory scarcity(1, true, Source::Texts);
+    EXPECT_THROW(result.reset(), tq::oss::NLSException);
+  }
+  result.reset();
+  {
+    const ScarceMemory scarcity(1, true, Source::Texts);
+    EXPECT_THROW(tq::comm::ParseResult(result).getDocument(), tq::oss::NLSException);
+    EXPECT_THROW(other = result, tq::oss::NLSException);
+  }
+  EXPECT_TRUE(other.getDocument() == u"other");
+  other = result;
+  EXPECT_TRUE(other.getDocument() == document);
 }
 
 INSTANTIATE_TEST_SUITE_P(Matrix, FaultMemory,
