@@ -30,6 +30,7 @@ std::int32_t outcomeOf(const Core& core, const Call& call) {
   return KRU_ANSWERED;
 }
 
+// The table of kinds is no part of what the library offers its users.
 bool needsQueue(ClientRequest::REQUEST kind) {
   return kind == ClientRequest::ASYNCH_ADD_DOCUMENT || kind == ClientRequest::LAST_DOC_SENT ||
          kind == ClientRequest::UPDATE_INDEX || kind == ClientRequest::PARSE_RESULT;

@@ -101,12 +101,6 @@ void forgetAnswer(ClientResponse& response, ClientRequest::REQUEST kind) {
   }
 }
 
-/// The kinds that add to the queue of documents or rely on what was queued.
-bool needsQueue(ClientRequest::REQUEST kind) {
-  return kind == ClientRequest::ASYNCH_ADD_DOCUMENT || kind == ClientRequest::LAST_DOC_SENT ||
-         kind == ClientRequest::UPDATE_INDEX || kind == ClientRequest::PARSE_RESULT;
-}
-
 }  // namespace
 
 CorvaneRESTClient::CorvaneRESTClient(const icu::UnicodeString& host, unsigned int port,
@@ -226,7 +220,9 @@ void CorvaneRESTClient::exchangeWithRetries(ClientRequest& request, ClientRespon
 bool CorvaneRESTClient::mayRepeat(const RESTException& failure) const {
   if (failure.getMessageList().empty()) return false;
   // A repeated attempt takes a fresh connection, which a queue under way must not do.
-  if (queueOnOneConnection_ && queueConnection_ != 0 && needsQueue(requestKind_)) return false;
+  if (queueOnOneConnection_ && queueConnection_ != 0 && kindOf(requestKind_).has(kUsesQueue)) {
+    return false;
+  }
   icu::UnicodeString id = failure.getMessageList().front().getMessageId();
   return retryPolicy_->allows(
       {isCommnError(id), outcome_ == RequestOutcome::MayBeApplied, isRepeatable(requestKind_)});
@@ -339,7 +335,7 @@ bool CorvaneRESTClient::lineIsReusable() {
 }
 
 void CorvaneRESTClient::refuseWithoutQueue(ClientRequest::REQUEST kind) const {
-  if (!queueOnOneConnection_ || queueConnection_ == 0 || !needsQueue(kind)) return;
+  if (!queueOnOneConnection_ || queueConnection_ == 0 || !kindOf(kind).has(kUsesQueue)) return;
   if (queueConnection_ == line_->connectionNumber()) return;
   fail(StaticDefs::ERR_SERVER_COMM_SEND,
        atServer(u"the connection of the documents queued before is gone; queue them again"));

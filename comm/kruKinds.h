@@ -17,6 +17,7 @@ enum KindProperty : unsigned int {
   kReplacesPortion = 1U << 5,  // Each portion replaces the hits of the one before.
   kOneRecord = 1U << 6,        // The body of the reply is one record.
   kRepeatable = 1U << 7,       // Sending it twice does, and answers, what sending it once does.
+  kUsesQueue = 1U << 8,        // It adds to the queue of documents or relies on it.
 };
 
 /// All that the library knows of one request kind. The names are pointers, so that the table needs

@@ -118,13 +118,14 @@ class KRU_EXPORT RESTResponse {
   static constexpr int kBody = 3;
   static constexpr int kDone = 4;
 
-  bool flag_ = false;
+  bool flag_ = false;  // Part of the class as it has always been; nothing reads it.
   int state_ = kHeaders;
   int statusCode_ = 0;
   bool chunked_ = false;
   bool streaming_ = false;
   int contentLength_ = 0;
   ClientRequest::REQUEST kind_;
+  // These three neither.
   icu::UnicodeString text_;
   tq::oss::UTF8String utf8Buffer_;
   icu::UnicodeString secondText_;

@@ -36,6 +36,7 @@ TEST(Kinds, EachPropertyBelongsToTheseKindsAndNoOthers) {
   EXPECT_EQ(kindsWith(kReplacesPortion), (Numbers{6, 8}));
   EXPECT_EQ(kindsWith(kOneRecord), (Numbers{14, 15}));
   EXPECT_EQ(kindsWith(kRepeatable), (Numbers{3, 4, 5, 8, 9, 10, 12, 13, 14, 15, 20, 21, 22, 24}));
+  EXPECT_EQ(kindsWith(kUsesQueue), (Numbers{4, 9, 10, 11}));
 }
 
 TEST(Kinds, ARowStandsAtItsNumber) {
