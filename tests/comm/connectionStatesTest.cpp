@@ -53,6 +53,8 @@ enum class Peer {
   AnswersAndResets,
   AnswersInChunksAndCloses,
   AnswersForTheLastTime,
+  AnswersBehindAnInterimReply,
+  RefusesWithoutALength,
   AnswersTwice,
   AnswersInChunksTwice,
   Streams,
@@ -119,6 +121,7 @@ constexpr auto kSendId = "ERR_SERVER_COMM_SEND";
 constexpr auto kConnectId = "ERR_CONNECT_SERVER";
 constexpr auto kProtocolId = "ERR_SERVER_PROTOCOL";
 constexpr auto kServerId = "ZVK0001E";
+constexpr auto kUnnamedId = "ERR_SERVER_APP";
 constexpr auto kCancelledId = "ERR_CLIENT_CANCELLED";
 
 // A kind without results of its own, and any with a reply; each path takes another one.
@@ -250,6 +253,10 @@ std::vector<Event> exchanges() {
       http(exchange("chunked reply and close", kGetStatus, P::AnswersInChunksAndCloses, L::Tail)),
       rare(http(exchange("reply that ends its connection", kGetStatus, P::AnswersForTheLastTime,
                          L::Uncertain))),
+      rare(http(exchange("interim reply with a body", kGetStatus, P::AnswersBehindAnInterimReply,
+                         L::Uncertain, kProtocolId))),
+      rare(http(exchange("server error without a length", kCreateCollection,
+                         P::RefusesWithoutALength, L::Uncertain, kUnnamedId))),
       exchange("reply and unasked bytes", kGetStatus, P::AnswersTwice),
       http(exchange("chunked reply and unasked bytes", kGetStatus, P::AnswersInChunksTwice,
                     L::Tail)),
@@ -374,6 +381,9 @@ constexpr unsigned int kLimitMillis = 10;
 constexpr std::uint64_t kLimit = kLimitMillis * std::uint64_t{1000};
 constexpr unsigned int kPatienceMillis = 100;
 
+// Taken for the reply because it has a body.
+constexpr auto kInterimReply = "HTTP/1.1 100 Continue\r\nContent-Length: 5\r\n\r\nhello";
+
 /// What the table says of a client.
 struct Model {
   Line state = Line::NotConnected;
@@ -487,7 +497,8 @@ void Walker::answer(std::size_t connection, Question& question) {
     return stream(connection, question, event.peer == Peer::StreamsLate);
   }
   const Peer peer = event.peer;
-  if (peer == Peer::Refuses || peer == Peer::RefusesInChunks) {
+  if (peer == Peer::Refuses || peer == Peer::RefusesInChunks ||
+      peer == Peer::RefusesWithoutALength) {
     reply.verdict = TaggedReply::Verdict::Error;
   }
   HttpForm form;
@@ -500,7 +511,11 @@ void Walker::answer(std::size_t connection, Question& question) {
     form.headerLines = "Connection: close\r\n";
     question.last = true;
   }
-  const std::string text = binary_ ? binaryReply(reply) : httpReply(reply, form);
+  form.measured = peer != Peer::RefusesWithoutALength;
+  question.interim = peer == Peer::AnswersBehindAnInterimReply;
+  question.last = question.last || question.interim || !form.measured;
+  const std::string front = question.interim ? kInterimReply : "";
+  const std::string text = front + (binary_ ? binaryReply(reply) : httpReply(reply, form));
   TimedNetwork& network = world_.network();
   world_.say(question, reply, text, peer != Peer::ResetsAtOnce);
   switch (peer) {
