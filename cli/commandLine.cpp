@@ -251,6 +251,7 @@ class Builder {
         sub->add_option("TEXT", arguments->text, "The document's text; '' for an empty one");
     auto* from = sub->add_option("--file", *file, "Take the text from a file; - is standard input")
                      ->excludes(text)
+                     ->check(fileName())
                      ->option_text("FILE");
     sub->add_option("--meta", arguments->metadata, "A pair of the metadata; may be repeated")
         ->allow_extra_args(false)

@@ -31,6 +31,8 @@ using tq::comm::ClientResponse;
 // attempt would only meet again.
 bool mayPass(const tq::oss::BaseException& failure) {
   auto id = icu::UnicodeString::fromUTF8(failureId(failure));
+  // The time that a request may take is over.
+  if (id == tq::comm::StaticDefs::ERR_SERVER_COMM_TIMEOUT) return false;
   return tq::comm::CorvaneRESTClient::isCommnError(id) ||
          id == tq::comm::StaticDefs::ERR_CLIENT_INTERNAL;
 }

@@ -154,6 +154,7 @@ TEST(CommandLine, SaysWhatIsWrongAndWhatWasProbablyMeant) {
        "--protocol: 'htp' is not a protocol; there are binary and http"},
       {{"--port", "1", "--credentials", "", "status"},
        "--credentials: an empty text is no file's name"},
+      {{"--port", "1", "add", "c", "k", "--file", ""}, "--file: an empty text is no file's name"},
       {{"--port", "1", "load", "c", "-", "--max-errors", "0"}, "--max-errors: '0' is not a number"},
       {{"--port", "1\x1b[31m", "status"}, "'1\\u{1b}[31m' is not a number"},
       {{"--port", "1", "status", "c", "\xe2\x80\xaeop"}, "argument '\\u{202e}op'"}};

@@ -5,7 +5,9 @@
 #include <vector>
 
 #include "tests/cli/scriptedRun.h"
+#include "tests/support/binaryReplies.h"
 #include "tests/support/replyCorpus.h"
+#include "tests/support/scriptedNetwork.h"
 
 using namespace corvane;
 using namespace corvane::test;
@@ -220,6 +222,19 @@ TEST(Load, SendsTheSecondOfTwoDocumentsWithOneKeyInALaterWindow) {
   EXPECT_EQ(result.out, "loaded 2 documents into books, 0 refused\n");
   EXPECT_TRUE(contains(server.connection(0).requests.at(1), "first"));
   EXPECT_TRUE(contains(server.connection(0).requests.at(4), "second"));
+}
+
+// Once more with the same time-out would take as long again.
+TEST(Load, IntoASilentServerEndsWhenItsTimeIsOver) {
+  ScriptedNetwork network(
+      Script().expectFramedRequest().send(word16(1)).expectFramedRequest().stall());
+  const Result result =
+      runInMemory({"load", "books", "-", "--timeout", "50"}, documentLine("a", "x"));
+  EXPECT_EQ(result.code, ExitCode::Failed);
+  EXPECT_EQ(result.out, "loaded 0 documents into books, 0 refused\n");
+  EXPECT_TRUE(contains(result.err, "gave no answer within 50 ms")) << result.err;
+  EXPECT_EQ(network.connections(), 1U);
+  EXPECT_EQ(network.elapsedMillis(), 50U);
 }
 
 TEST(Load, OfNothingAsksForNothing) {

@@ -33,9 +33,9 @@ Result runOverBinary(const ScriptedServer& server, std::vector<std::string> argu
   return runProgram(arguments);
 }
 
-Result runInMemory(std::vector<std::string> arguments) {
+Result runInMemory(std::vector<std::string> arguments, const std::string& input) {
   arguments.insert(arguments.end(), {"--port", "4481"});
-  return runProgram(arguments);
+  return runProgram(arguments, input);
 }
 
 Result load(const HttpServer& server, const std::string& lines,

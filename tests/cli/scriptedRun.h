@@ -29,7 +29,7 @@ Result runOverBinary(const tq::test::ScriptedServer& server, std::vector<std::st
 /// Over the binary protocol and the network in memory that there must be, whose clock moves only
 /// during waits: what comes in time does so on any machine. (Over the HTTP-style protocol a thread
 /// of the program's own would watch the time.)
-Result runInMemory(std::vector<std::string> arguments);
+Result runInMemory(std::vector<std::string> arguments, const std::string& input = {});
 
 /// Loads these lines into "books".
 Result load(const HttpServer& server, const std::string& lines,
