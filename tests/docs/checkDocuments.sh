@@ -49,7 +49,8 @@ blocks() {
 # commands DOCUMENT: what it tells a person to type beside the consoles.
 commands() {
   blocks "$1" sh | tr -d '\f'
-  awk '/^```/ { open = !open } !open && /^    (corvaned?|cmake|ctest|\.\/dev)( |$)/ { print }' "$1"
+  local first='(corvaned?|cmake|ctest|\.\/dev|mkdir|callgrind_annotate|(bench|build)\/[^ ]+|[A-Z_]+=[^ ]+)'
+  awk -v line="^    $first( |\$)" '/^```/ { open = !open } !open && $0 ~ line { print }' "$1"
 }
 
 # The programs as a document calls them. The server takes free ports and is there when it is said to
@@ -106,9 +107,9 @@ check_step() {
   local document=$1 command=$2 expected=$3
   printf '%s\n' "$command" >"$work/step"
   # A server that runs in the background has said that it is ready when its step is over.
-  local output
+  local output status=0
   output=$(cd "$room" && bin="$work/tree/bin" pids="$work/pids" &&
-    . "$work/programs" && . "$work/exports" && eval "${command% &}" 2>&1) || true
+    . "$work/programs" && . "$work/exports" && eval "${command% &}" 2>&1) || status=$?
   # Settings have to last.
   case $command in export\ *) printf '%s\n' "$command" >>"$work/exports" ;; esac
   commands_run=$((commands_run + 1))
@@ -118,6 +119,16 @@ expected:
 $expected
 printed:
 $output"
+  if tells_of_failure "$expected"; then
+    [ "$status" -ne 0 ] || fail "$document: '$command' fails, but exits with 0"
+  else
+    [ "$status" -eq 0 ] || fail "$document: '$command' exits with $status"
+  fi
+}
+
+# tells_of_failure OUTPUT: whether a script has to learn of it from the exit code.
+tells_of_failure() {
+  case $1 in *'"error":'* | *'"refused":"'* | *'"status":2'*) ;; *) return 1 ;; esac
 }
 
 # Steps are a command and what should follow it.
@@ -212,14 +223,39 @@ check_project() {
   cmake --build "$room/project/build" >"$work/log" 2>&1 || fail "$1: $(cat "$work/log")"
 }
 
+# check_dev COMMAND ARGUMENT...: ./dev has the command, and what it measures has these names.
+check_dev() {
+  local command=$1 name
+  "$source/dev" help | grep -q "^  $command " || return 1
+  shift
+  for name in "$@"; do
+    case $command/$name in
+      */-*) ;;
+      bench/rows | bench/growth) ;;
+      bench/*) grep -q "\"name\": \"$name\"" "$source/bench/rows.json" || return 1 ;;
+      load/*) grep -qE "^  $name +" "$source/bench/load/run" || return 1 ;;
+    esac
+  done
+}
+
 check_commands() {
-  local document=$1 line preset
+  local document=$1 line preset pattern words
   while IFS= read -r line; do
-    read -ra words <<<"$line"
+    read -ra words <<<"${line%%#*}"
+    while [[ ${words[0]:-} == *=* ]]; do words=("${words[@]:1}"); done
     case ${words[0]:-} in
-      ./dev) "$source/dev" help | grep -q "^  ${words[1]} " || fail "$document: $line" ;;
+      ./dev) check_dev "${words[@]:1}" || fail "$document: $line" ;;
       corvane | corvaned) fail "$document: '$line' belongs into a console block" ;;
-      '' | cmake | ctest | ldconfig) ;;
+      bench/*) [ -x "$source/${words[0]}" ] || fail "$document: $line" ;;
+      build/fuzz/fuzz/*)
+        [ -e "$source/fuzz/${words[0]##*/}Fuzzer.cpp" ] || fail "$document: $line"
+        ;;
+      ctest)
+        pattern=$(sed -nE "s/.* -R '?([^']*)'?$/\1/p" <<<"$line")
+        ctest --test-dir "$build" -N -R "$pattern" >"$work/log" || fail "$document: $line"
+        grep -q '^ *Test ' "$work/log" || fail "$document: $line"
+        ;;
+      '' | cmake | ldconfig | mkdir | callgrind_annotate) ;;
       *) fail "$document: '$line' is not a command that this test knows" ;;
     esac
     while read -r preset; do
