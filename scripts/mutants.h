@@ -11,13 +11,9 @@ extern unsigned char* krucommReached;
 namespace krucomm_mutants {
 
 template <class A, class B>
-struct Same {
-  static constexpr bool value = false;
-};
+constexpr bool kSame = false;
 template <class A>
-struct Same<A, A> {
-  static constexpr bool value = true;
-};
+constexpr bool kSame<A, A> = true;
 
 inline bool run(unsigned number) {
   if (number == 0) return false;
@@ -41,14 +37,14 @@ constexpr void probe(unsigned number) { either(number); }
 // `a < b` is written `a < Less(first, second) < b`: the operator itself groups the operands, so
 // that nothing needs to know where they begin and end. An alternative of another type is not made
 // here, and its number not reached.
-#define KRUCOMM_ALTERNATIVE(number, sign)                                                       \
-  if constexpr (!requires { static_cast<A&&>(a) sign static_cast<B&&>(b); }) {                  \
-    impossible(number);                                                                         \
-  } else {                                                                                      \
-    if constexpr (krucomm_mutants::Same<decltype(static_cast<A&&>(a) sign static_cast<B&&>(b)), \
-                                        Result>::value) {                                       \
-      if (either(number)) return static_cast<A&&>(a) sign static_cast<B&&>(b);                  \
-    }                                                                                           \
+#define KRUCOMM_ALTERNATIVE(number, sign)                                                        \
+  if constexpr (!requires { static_cast<A&&>(a) sign static_cast<B&&>(b); }) {                   \
+    impossible(number);                                                                          \
+  } else {                                                                                       \
+    if constexpr (krucomm_mutants::kSame<decltype(static_cast<A&&>(a) sign static_cast<B&&>(b)), \
+                                         Result>) {                                              \
+      if (either(number)) return static_cast<A&&>(a) sign static_cast<B&&>(b);                   \
+    }                                                                                            \
   }
 
 #define KRUCOMM_CHOOSE(Name, sign, other, another)                         \

@@ -113,4 +113,29 @@ git -C "$work" switch --quiet main
 for _ in {1..50}; do commit "more"; done
 lint
 expect_no "a subject of"
+# Each name that is wrong is told with its place, before anything is built.
+cat >"$work/comm/names.h" <<'EOF'
+constexpr int lines = 1;
+constexpr int kLines = 1;
+enum class Colour { Red };
+enum class Shape {
+  kRound,
+  Square = 2,
+  flat,
+};
+struct open_file {
+  int number;
+};
+struct kru_cursor {
+  int number;
+};
+EOF
+PATH=$present:$PATH run 1 test
+for line in 1:constexpr 7: 9:struct; do expect "comm/names.h:$line"; done
+for line in 2 3 5 6 10 12; do expect_no "comm/names.h:$line:"; done
+
+# What a command would do is not done for somebody who asks for help.
+run 0 test --help
+expect "usage: ./dev COMMAND"
+expect_no "==>"
 echo "./dev says what failed in which run, what root has to install, and which subject is too long"
