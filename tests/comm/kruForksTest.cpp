@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -25,6 +26,14 @@ TEST(Forks, AreCountedInTheChildOnceHoweverOftenTheyWereWatchedFor) {
   const unsigned int number = forkNumber();
   EXPECT_TRUE(isCountedInAChild(::fork));
   EXPECT_EQ(forkNumber(), number) << "the parent stays what it is";
+}
+
+// A sanitizer's memory is not counted there, so that only a build without one can tell.
+TEST(Forks, AreWatchedForInMemoryThatDoesNotGrow) {
+  watchForks();
+  const std::size_t before = ::mallinfo2().uordblks;
+  for (int i = 0; i < 10000; ++i) watchForks();
+  EXPECT_LT(::mallinfo2().uordblks, before + 4096);
 }
 
 TEST(Forks, AreCountedWhicheverWayTheChildWasMade) {

@@ -380,6 +380,10 @@ TEST(RESTResponse, KnowsTheHeaderByWhichAServerEndsTheConnection) {
                                                 {"Connection:", false},
                                                 {"Connection close", false},
                                                 {"Connections: close", false},
+                                                {"Connecting: close", false},
+                                                {"CONNECTIXN: close", false},
+                                                {"Connection: clone", false},
+                                                {"Connection: CLOXE", false},
                                                 {"X-Connection: close", false},
                                                 {"Proxy: close", false},
                                                 {"close", false},
@@ -396,6 +400,16 @@ TEST(RESTResponse, KnowsTheHeaderByWhichAServerEndsTheConnection) {
       EXPECT_FALSE(parser.endsConnection());
     }
   }
+}
+
+TEST(RESTResponse, ThatARefusalHadNoLengthIsForgottenWithIt) {
+  auto parser = parserFor(kCreateCollection);
+  ClientResponse response;
+  bool done = false;
+  feed(parser, "HTTP/1.1 404 No\r\n\r\n", response, done);
+  EXPECT_TRUE(parser.isUnmeasured());
+  parser.initState(false);
+  EXPECT_FALSE(parser.isUnmeasured());
 }
 
 TEST(RESTResponse, WhatAnInterimReplySaysOfTheConnectionIsForgotten) {
