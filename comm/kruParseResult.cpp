@@ -66,7 +66,8 @@ const icu::UnicodeString& ParseResult::getDocument() const {
   if (document_ != nullptr) return *document_;
   if (record_ == nullptr) return StaticDefs::STRING_empty;
   const std::string_view text = row().document;
-  auto document = copyOf(icu::UnicodeString());
+  auto document = std::make_unique<icu::UnicodeString>();
+  if (document == nullptr) tq::oss::Converter::throwOutOfMemory();
   tq::oss::Converter::assignUTF8(*document, text.data(), text.size());
   document_ = std::move(document);
   return *document_;
