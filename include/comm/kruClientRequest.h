@@ -18,14 +18,14 @@ struct KeptHeader;
 /// document. Build it once with `buildRequest`, optionally add `setDocKey` and `setContent`, then
 /// hand it to a client. Calls on one object must not overlap; different objects are independent.
 /// A client only reads a request, so that several clients may send one at the same time on threads
-/// of their own, as long as nobody changes it meanwhile.
+/// of their own, as long as no thread changes it meanwhile.
 ///
 /// Texts and metadata are copied. The document's key and content are not: keep these bytes until
 /// the request has been sent.
 ///
 /// Running out of memory is all that can fail here: std::bad_alloc, or tq::oss::NLSException
 /// "TQ_ERR_OUT_OF_MEMORY" for a text that ICU got no memory for. Such a text is bogus and reads as
-/// empty, so it is never taken into a request, whoever made it.
+/// empty, so it is never taken into a request, whether ICU or the caller made it.
 class KRU_EXPORT ClientRequest {
  public:
   /// The request kinds. 0, 6 and 7 are unassigned; 64 is the first value that no set of kinds
@@ -69,7 +69,7 @@ class KRU_EXPORT ClientRequest {
   void buildRequest(const icu::UnicodeString& collectionId, REQUEST kind,
                     const tq::util::ExtendedProperties& props);
 
-  /// Sets the display name from the kind; a kind that has none leaves it as it was.
+  /// Sets the display name from the kind; a kind that has none leaves the name unchanged.
   void setRequestString();
   icu::UnicodeString getRequestString() const { return requestString_; }
 

@@ -46,7 +46,7 @@ class KRU_EXPORT CorvaneClient {
   CorvaneClient& operator=(const CorvaneClient&) = delete;
 
   // The order of the virtual operations, here and in the derived clients, is part of the binary
-  // interface: a new one is declared behind the last.
+  // interface: a new one is declared after the last.
 
   /// MILLISECONDS that connecting may take, and each single wait for reply bytes. Default 0: none.
   /// Writing is not bounded by it; the deadline bounds everything.

@@ -125,9 +125,9 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
 
   /// The whole exchange. The request's key and content are read, not copied, and must live until
   /// the call returns. On a failure `response` holds what had been decoded before it. A response
-  /// that is used again has return code -1 until the header of a success has come, and nothing
-  /// of an earlier estimate, status or version once a reply to a request of that kind has begun; a
-  /// request that cannot be sent leaves it as it was. The hits of a SCALAR_SEARCH come behind those
+  /// that is used again has return code -1 until the header of a success has come, and nothing of
+  /// an earlier estimate, status or version once a reply to a request of that kind has begun; a
+  /// request that cannot be sent leaves it unchanged. The hits of a SCALAR_SEARCH come after those
   /// that it holds and that are left to take; when all have been taken, these go away.
   void sendAndRecvMesg(ClientRequest& request, ClientResponse& response);
 
@@ -239,7 +239,7 @@ class KRU_EXPORT CorvaneRESTClient : public CorvaneClient {
   /// hand although a reply was asked for.
   void skipReply(ClientResponse& response);
   /// Refuses a response that another exchange has filled, and makes it this exchange's. As long as
-  /// what it returns lives, results go on behind those that have been taken.
+  /// the returned object lives, new results follow those that have been taken.
   ClientResponse::TakenApart claim(ClientResponse& response);
   /// The reply was read to its end.
   void endReply();

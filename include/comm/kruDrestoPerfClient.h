@@ -12,14 +12,14 @@ class Batch;
 class DrestoPerfResponse;
 
 /// The client of the binary protocol, used like the HTTP client: same requests, same responses,
-/// same retries, same errors. Only `recvMultResponse` differs: of a reply whose exchange has
-/// brought results it takes no further portion, throws ERR_CLIENT_RESP_PARSING and gives the rest
-/// up. Use `recv` or the pulling operations of ClientResponse. Its connection is persistent. Calls
-/// on one object must not overlap; different objects are independent.
+/// same retries, same errors. Only `recvMultResponse` differs: when the exchange has brought
+/// results, it takes no further portion of the reply, throws ERR_CLIENT_RESP_PARSING and gives the
+/// rest up. Use `recv` or the pulling operations of ClientResponse. Its connection is persistent.
+/// Calls on one object must not overlap; different objects are independent.
 ///
 /// On the wire a request is a 2-byte big-endian length, that many bytes of header text, and then
-/// what RESTMessage lists. A small one leaves in one write. Of a body above 10000 bytes only the
-/// first 5000 are ever copied.
+/// what RESTMessage lists. A small one leaves in one write. A body above 10000 bytes is never
+/// copied beyond its first 5000.
 ///
 /// Batching: `useBufferedConnection(true)`, off by default, holds messages back until 10000 bytes
 /// or 50 messages (counted over all clients of the process) are there, a terminate record or a

@@ -49,7 +49,7 @@ class KRU_EXPORT ParseResult : public GenRespRecord {
 
   bool hasMessage_ = false;
   bool narrow_ = false;
-  // Null while it is empty or nobody has asked for it.
+  // Null while it is empty or the caller has not asked for it.
   mutable std::unique_ptr<icu::UnicodeString> document_;
   mutable std::unique_ptr<tq::oss::Message> message_;
   // The record that both are made from, in the memory of the list that the result is in, or null.

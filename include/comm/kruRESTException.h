@@ -25,7 +25,7 @@ class KRU_EXPORT RESTException : public tq::oss::BaseException, public GenRespRe
   ~RESTException() override;
 
   /// Replaces the message list by the one message of the parsed error record ("MsgId", "MsgText").
-  /// An empty "MsgId" leaves the list as it was; a missing one throws tq::oss::NLSException, as a
+  /// An empty "MsgId" leaves the list unchanged; a missing one throws tq::oss::NLSException, as a
   /// missing "MsgText" does.
   void reset() override;
 };

@@ -83,7 +83,7 @@ class KRU_EXPORT RESTMessage {
   ClientRequest::REQUEST getRequest() const { return request_; }
   const icu::UnicodeString& getHost() const { return host_; }
 
-  /// An upper bound of the block in bytes, content included: 8 bytes a pair more than
+  /// An upper bound of the block in bytes, content included: 8 bytes per pair more than
   /// `serializeMetadata` reports. 0 for an empty list.
   std::uint64_t getSerializeMetadataLength(const std::list<KVPair>& metadata, const char* key,
                                            unsigned int keyLength) const;

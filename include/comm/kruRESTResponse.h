@@ -24,9 +24,9 @@ class Reader;
 /// RESTException. It keeps no pointer into what it was fed. One object serves one thread.
 ///
 /// A reply is a status line, header lines ended by CR LF, a blank line, and a body of as many bytes
-/// as "Content-Length" announces or in chunks. A status above 200 without either speaks for
-/// itself; 204 and 304 then have no body. The first 4 bytes of a first body mean nothing; records
-/// follow, each with its length in front (4 bytes, big-endian), up to a length of 0.
+/// as "Content-Length" announces or in chunks. A status above 200 without either speaks for itself;
+/// 204 and 304 then have no body. The first 4 bytes of a first body mean nothing; records follow,
+/// each after its length (4 bytes, big-endian), up to a length of 0.
 class KRU_EXPORT RESTResponse {
  public:
   /// `streaming`: the parser continues a chunked reply. It begins at a chunk-size line and takes

@@ -26,7 +26,7 @@ class KRU_EXPORT SearchResult : public GenRespRecord {
   ~SearchResult() override;
 
   /// Parses a compact hit: for record type 5 a 2-byte score (thousandths, so 0.000 to 65.535), then
-  /// the raw key up to `len`. Any other type has no score and leaves the score as it was. If it
+  /// the raw key up to `len`. Any other type has no score and leaves the score unchanged. If it
   /// ends within the score, the key is empty. `buf` may be this result's own key. Returns 0, not
   /// the bytes consumed; `reset()` is not called.
   int parseRecordNew(const char* buf, unsigned short len, unsigned short recordType) override;
@@ -80,7 +80,7 @@ class KRU_EXPORT SearchResult : public GenRespRecord {
   // A hit in a list leaves the share in its key's block to the list; a copy takes one of its own.
   const std::shared_ptr<char[]>* lender_ = nullptr;
 
-  // The key whose text form nobody has asked for yet, or null.
+  // The key whose text form the caller has not asked for yet, or null.
   mutable const char* pendingId_ = nullptr;
 };
 

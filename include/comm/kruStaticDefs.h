@@ -118,7 +118,7 @@ class KRU_EXPORT StaticDefs {
   static const icu::UnicodeString ERR_CLIENT_CANCELLED;
 
   // HTTP pieces. The encoder writes HTTP_CONTENT_LEN and CRLF, the reply parser reads the RESP_
-  // members; the others are for callers that put a request line in front themselves.
+  // members; the others are for callers that write a request line before the headers themselves.
   static const icu::UnicodeString RESP_TRANSFER_ENCODING;
   static const icu::UnicodeString RESP_TRANSFER_ENCODING_CHUNK;
   static const icu::UnicodeString RESP_CONTENT_LENGTH;

@@ -16,8 +16,8 @@ namespace tq::oss {
 ///
 /// Where memory runs out, `NLSException` is thrown. Its one message has the id
 /// "TQ_ERR_OUT_OF_MEMORY", the argument "Converter::convert()" and the file name of the converter,
-/// whoever ran out. A bogus text counts as that: ICU makes
-/// a text bogus when it gets no memory for it, and a bogus text reads as an empty one.
+/// wherever memory ran out. A bogus text counts as that: ICU makes a text bogus when it gets no
+/// memory for it, and a bogus text reads as an empty one.
 class KRU_EXPORT Converter {
  public:
   Converter() = delete;
@@ -48,7 +48,7 @@ class KRU_EXPORT Converter {
   }
 
   /// Writes the text after the buffer's first `used` bytes, which are kept; returns the number of
-  /// bytes used then. Writes no terminating zero. After an exception the buffer is as it was.
+  /// bytes used then. Writes no terminating zero. After an exception the buffer is unchanged.
   template <std::size_t N>
   static std::size_t appendUTF8(const icu::UnicodeString& text, SizeableBuffer<char, N>& out,
                                 std::size_t used) {

@@ -11,8 +11,9 @@ namespace tq::oss {
 /// The time by which something has to be done, as a point on `monotonicNanos()`, or none. A value;
 /// safe from any thread.
 ///
-/// When the clock cannot be read, a limit counts as one that has passed: whoever asked for a limit
-/// must not wait without one. A deadline that is none never reads the clock and never passes.
+/// When the clock cannot be read, a limit counts as one that has passed: a caller that asked for a
+/// limit must not wait without one. A deadline without a limit never reads the clock and never
+/// passes.
 class KRU_EXPORT Deadline {
  public:
   /// None.

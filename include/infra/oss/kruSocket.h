@@ -118,7 +118,7 @@ class KRU_EXPORT Socket {
   /// The same for pieces that belong together, which leave in one call where the kernel has room.
   void write(const Piece* pieces, unsigned int count);
 
-  /// Puts bytes in front of those that the next read gives.
+  /// Puts bytes back: the next read returns them before any others.
   void pushBack(const char* data, unsigned long length);
 
   /// Bytes that can be read without a system call.

@@ -14,7 +14,7 @@ namespace tq::oss {
 /// They are called in the middle of an operation, so they must not use or change what that is
 /// about: its client, socket, parser, request or response. Other objects are free to use, but a
 /// document that is sent while the library fills its tables of words, at its first message, lacks
-/// the tags in front of its key and its content.
+/// the tags before its key and its content.
 class KRU_EXPORT TraceFacility {
  public:
   virtual ~TraceFacility() = default;
@@ -62,7 +62,7 @@ class TraceScope {
   KRU_EXPORT static std::atomic<TraceFacility*> facility;
 
   TraceFacility* facility_;
-  // Set by `enter` alone: without a facility nothing is stored that nobody would read.
+  // Set by `enter` alone: without a facility nothing would read what is stored.
   unsigned int functionId_;
   int exceptionsAtEntry_;
   unsigned long flags_;

@@ -10,8 +10,8 @@
 
 namespace tq::oss {
 
-/// A text as UTF-8 bytes, owned. Any bytes can be appended; what is not UTF-8 becomes U+FFFD when
-/// the text is converted. A bogus text throws `NLSException` "TQ_ERR_OUT_OF_MEMORY" instead of
+/// A text as UTF-8 bytes, owned. Any bytes can be appended; bytes that are not UTF-8 become U+FFFD
+/// when the text is converted. A bogus text throws `NLSException` "TQ_ERR_OUT_OF_MEMORY" instead of
 /// being appended, null bytes with a length "TQ_ERR_NULL_BYTES". Calls on one object must not
 /// overlap.
 class KRU_EXPORT UTF8String {
