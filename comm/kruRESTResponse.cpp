@@ -124,9 +124,10 @@ std::optional<std::uint32_t> onlyStatus(std::string_view record) {
   return status;
 }
 
-bool equalInAnyCase(std::string_view text, std::string_view lowerCase) {
-  return std::equal(text.begin(), text.end(), lowerCase.begin(), lowerCase.end(),
-                    [](char a, char b) { return a == b || (a >= 'A' && a <= 'Z' && a + 32 == b); });
+/// `letters` are small ones of ASCII, so that only a capital stands 32 below one.
+bool equalInAnyCase(std::string_view text, std::string_view letters) {
+  return std::equal(text.begin(), text.end(), letters.begin(), letters.end(),
+                    [](char a, char b) { return a == b || a + 32 == b; });
 }
 
 /// True for the header line by which a server says that it closes the connection behind its reply.
@@ -316,7 +317,7 @@ void RESTResponse::takeHeaderBlock(std::string_view block) {
     contentLength_ = 0;
     state_ = kChunkLength;
   }
-  if (state_ == kHeaders && statusCode_ >= kFirstFinal && statusCode_ != kOk) {
+  if (state_ == kHeaders && statusCode_ > kOk) {
     // What no header measures ends with the connection, and nobody waits for that: the status has
     // said all that a text of unknown form can.
     setContentLen(0);

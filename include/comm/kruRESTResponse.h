@@ -125,7 +125,7 @@ class KRU_EXPORT RESTResponse {
   bool streaming_ = false;
   int contentLength_ = 0;
   ClientRequest::REQUEST kind_;
-  // These three neither.
+  // Nothing reads these three either.
   icu::UnicodeString text_;
   tq::oss::UTF8String utf8Buffer_;
   icu::UnicodeString secondText_;
