@@ -116,8 +116,8 @@ TEST(DrestoPerfClient, BeginsUnconnectedAndKeepsItsConnection) {
     EXPECT_EQ(client.getHost(), u"127.0.0.1");
     EXPECT_EQ(client.getPort(), 7U);
     EXPECT_EQ(network.connectAttempts(), 0U);
-    EXPECT_EQ(exchange(client, 1), Raised());
-    EXPECT_EQ(exchange(client, 1), Raised());
+    EXPECT_EQ(exchange(client, kCreateCollection), Raised());
+    EXPECT_EQ(exchange(client, kCreateCollection), Raised());
     EXPECT_EQ(network.connections(), 1U);
     EXPECT_FALSE(network.connection(0).clientClosed);
   }
@@ -130,7 +130,7 @@ TEST(DrestoPerfClient, TakesAddressesThatWereResolvedBeforehand) {
   ASSERT_TRUE(addresses.add(u"127.0.0.1", 0));
   network.failLookups();
   DrestoPerfClient client(u"no.such.host", 7, addresses);
-  EXPECT_EQ(exchange(client, 1), Raised());
+  EXPECT_EQ(exchange(client, kCreateCollection), Raised());
 }
 
 // Reading.
@@ -166,7 +166,7 @@ TEST(DrestoPerfClient, NoBodyIsAwaitedBehindACodeThatHasNone) {
 TEST(DrestoPerfClient, TheHeaderMayComeInTwoReads) {
   ScriptedNetwork network(segments({kOk.substr(0, 1), kOk.substr(1)}), kOnDemand);
   auto client = binaryClient();
-  EXPECT_EQ(exchange(client, 1), Raised());
+  EXPECT_EQ(exchange(client, kCreateCollection), Raised());
   EXPECT_EQ(network.requests(), 1U);
 }
 
@@ -508,7 +508,7 @@ TEST(DrestoPerfClient, ACloseBeforeTheHeaderIsARepeatedReceiveError) {
     ScriptedNetwork network({Script().expectFramedRequest().send(part), answer(kOk)});
     auto client = binaryClient();
     ClientResponse response;
-    EXPECT_EQ(exchange(client, 1, response), Raised());
+    EXPECT_EQ(exchange(client, kCreateCollection, response), Raised());
     EXPECT_EQ(network.connections(), 2U);
     EXPECT_TRUE(response.success());
   }
@@ -899,7 +899,7 @@ TEST(DrestoPerfClient, AConnectionThatTheServerHasClosedCostsAQueuedDocumentNoth
   ScriptedNetwork network({Script().expectFramedRequest().send(kOk), Script().awaitClose()});
   auto client = binaryClient();
   client.setNumRetries(0);
-  EXPECT_EQ(exchange(client, 1), Raised());
+  EXPECT_EQ(exchange(client, kCreateCollection), Raised());
   Document document(kAsynchAddDocument);
   ClientResponse response;
   client.sendAndRecvMesg(document.request, response);
