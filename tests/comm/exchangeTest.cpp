@@ -18,6 +18,7 @@
 #include "infra/oss/kruMessage.h"
 #include "infra/oss/kruNLSException.h"
 #include "infra/oss/kruTrace.h"
+#include "tests/comm/bothProtocols.h"
 #include "tests/support/binaryReplies.h"
 #include "tests/support/exchange.h"
 #include "tests/support/protocolReplies.h"
@@ -35,9 +36,6 @@ using tq::comm::ClientResponse;
 using tq::comm::CorvaneRESTClient;
 using tq::comm::DrestoPerfClient;
 using tq::comm::RequestOutcome;
-
-constexpr auto kOnDemand = ScriptedNetwork::Arrival::OnDemand;
-const std::vector<std::string> kHostAndPort{"127.0.0.1", "7"};
 
 class Exchange : public testing::TestWithParam<bool> {
  protected:
@@ -74,6 +72,23 @@ class Exchange : public testing::TestWithParam<bool> {
     auto& held = response.getSearchResponse();
     while (held.hasMore()) ids.push_back(utf8(held.getNext().getDocId()));
     return ids;
+  }
+
+  /// What a caller sees of an exchange that returned.
+  static Outcome outcomeOf(const CorvaneRESTClient& client, ClientResponse& response) {
+    Outcome outcome;
+    noteResponse(response, outcome);
+    takeHits(response.getSearchResponse(), outcome);
+    takeParsed(response.getParseResponse(), outcome);
+    outcome.endOfStream = client.isEndOfStream();
+    outcome.truncated = client.isTruncated();
+    return outcome;
+  }
+  static Outcome successWithoutResults() {
+    Outcome outcome;
+    outcome.returnCode = 0;
+    outcome.endOfStream = true;
+    return outcome;
   }
 
   /// What a request without a document is on the wire.
@@ -516,6 +531,115 @@ TEST_P(Exchange, BytesThatACallerTakesEndTheStreamAndCostItsConnection) {
     EXPECT_EQ(exchange(*client, kGetStatus), Raised());
     EXPECT_EQ(network.connections(), 2U);
     EXPECT_FALSE(network.waitedForever());
+  }
+}
+
+TEST_P(Exchange, ReceivingBehindTheEndOfTheStreamReadsNothingAndEmptiesOneList) {
+  const std::string estimated =
+      binary() ? word16(1) + envelope(1, estimate(1, 2, 3)) + endOfResults() : replies.done();
+  const std::string hits = replies.hitsAtOnce({"k1", "k2", "k3"});
+  for (const auto& [kind, reply] :
+       std::vector<std::pair<int, std::string>>{{kStreamSearch, hits},
+                                                {kScalarSearch, hits},
+                                                {kParseResult, replies.outcomes()},
+                                                {kSelectivity, estimated}}) {
+    for (const bool results : {false, true}) {
+      SCOPED_TRACE(testing::Message() << "kind " << kind << ", results " << results);
+      ScriptedNetwork network(answers({results ? reply : replies.hitsAtOnce({})}));
+      const auto client = clientOf();
+      ClientResponse response;
+      EXPECT_EQ(exchange(*client, kind, response), Raised());
+      ASSERT_TRUE(client->isEndOfStream());
+      EXPECT_EQ(response.getSearchResponse().count(), results && isSearch(kind) ? 3U : 0U);
+      response.addSearchResult(tq::comm::SearchResult(false));
+      response.addParseResult(tq::comm::ParseResult(false));
+      const auto receives = network.receives();
+      EXPECT_EQ(raisedBy([&] { client->recv(response); }), Raised());
+      EXPECT_EQ(network.receives(), receives);
+      // Over HTTP only the search results are replaced, whatever the kind.
+      const bool parsedGo = binary() && kind == kParseResult;
+      EXPECT_EQ(response.getSearchResponse().count(), parsedGo ? 1U : 0U);
+      EXPECT_EQ(response.getSearchResponse().hasMore(), parsedGo);
+      const std::size_t parsed = results && kind == kParseResult ? 3 : 1;
+      EXPECT_EQ(response.getParseResponse().count(), parsedGo ? 0U : parsed);
+    }
+  }
+}
+
+TEST_P(Exchange, ReceivingWithoutAConnectionIsAConnectError) {
+  ScriptedNetwork network(answers({replies.hitsAtOnce({"k1"})}));
+  const auto client = clientOf();
+  const auto expectRefused = [&] {
+    ClientResponse response;
+    const Raised raised = raisedBy([&] { client->recv(response); });
+    ASSERT_EQ(raised.size(), 1U);
+    EXPECT_EQ(raised[0].id, "ERR_CONNECT_SERVER");
+    EXPECT_EQ(raised[0].text, "");
+    EXPECT_EQ(raised[0].arguments, kHostAndPort);
+    EXPECT_EQ(raised[0].level, 2);
+    EXPECT_EQ(raised[0].file, binary() ? "kruDrestoPerfClient" : "kruCorvaneRESTClient");
+    if (binary()) {
+      EXPECT_EQ(raised[0].line, 132U) << "which support tools know";
+    }
+  };
+  expectRefused();
+  EXPECT_EQ(exchange(*client, kStreamSearch), Raised());
+  client->close();
+  expectRefused();
+  EXPECT_EQ(network.connectAttempts(), 1U);
+}
+
+// Whose reply it is.
+
+TEST_P(Exchange, AnAbandonedStreamIsNotTakenForTheNextReply) {
+  const NextExchange& next = nextOver(binary());
+  const std::string stream = binary()
+                                 ? longSearch(kStreamSearch, 40).text
+                                 : chunked(replyNamed("StreamSearchWithFortyHits"), 100, true).text;
+  for (const bool hitByHit : {false, true}) {
+    for (const auto arrival : {kOnDemand, kAllThere}) {
+      Script first;
+      replies.expect(first);
+      if (hitByHit) {
+        // No byte of a portion comes with the one before.
+        replies.sendHits(first, {"k1", "k2"});
+      } else {
+        first.send(stream, 50);
+      }
+      replies.expect(first).send(next.text).awaitClose();
+      ScriptedNetwork network({first, answers({next.text})}, arrival);
+      const auto client = clientOf();
+      EXPECT_EQ(exchange(*client, kStreamSearch), Raised());
+      EXPECT_FALSE(client->isEndOfStream());
+      EXPECT_TRUE(client->isConnected());
+      EXPECT_EQ(runOver(*client, next.kind), next.expected);
+      EXPECT_EQ(network.connections(), 2U);
+    }
+  }
+}
+
+TEST_P(Exchange, BytesBehindAReplyAreNotTakenForTheNextOneAndCostItsConnection) {
+  const NextExchange& next = nextOver(binary());
+  for (const auto& [kind, reply] :
+       std::vector<std::pair<int, std::string>>{{kCreateCollection, replies.done()},
+                                                {kStreamSearch, replies.hitsAtOnce({"k1"})},
+                                                {kGetStatus, replies.refusal("ZVK1", "t")}}) {
+    for (const std::string& stray : {std::string("stray"), replies.changesWait()}) {
+      SCOPED_TRACE(testing::Message() << "kind " << kind << ", stray bytes " << stray.size());
+      // They come with the reply, into the same receive.
+      ScriptedNetwork network({answers({reply + stray}), answers({next.text})});
+      const auto client = clientOf();
+      client->setNumRetries(0);
+      ClientResponse response;
+      const Raised raised = exchange(*client, kind, response);
+      // Over the binary protocol a status that is refused is one.
+      EXPECT_EQ(raised.empty(), kind != kGetStatus || binary());
+      if (kind == kCreateCollection) {
+        EXPECT_EQ(outcomeOf(*client, response), successWithoutResults());
+      }
+      EXPECT_EQ(runOver(*client, next.kind), next.expected);
+      EXPECT_EQ(network.connections(), 2U);
+    }
   }
 }
 

@@ -454,18 +454,6 @@ TEST(CorvaneRESTClient, ARefusalWithoutABodyIsNoSuccessOfAResponseThatHeldOne) {
   EXPECT_EQ(client.getRequestOutcome(), RequestOutcome::Rejected);
 }
 
-TEST(CorvaneRESTClient, AReplyThatNobodyAskedForIsNotTakenForTheNextOne) {
-  const auto stray = replyNamed("GetStatus");
-  ScriptedNetwork network(
-      {Script().expectRequest().send(plain(ok(kCreateCollection)) + plain(stray)).awaitClose(),
-       answer(plain(nextReply()))});
-  auto client = clientFor(kPersistent);
-  EXPECT_EQ(runExchange(client, kCreateCollection), ok(kCreateCollection).expected);
-  // The stray bytes came with the reply, into the same receive.
-  EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
-  EXPECT_EQ(network.connections(), 2U);
-}
-
 TEST(CorvaneRESTClient, WhatWasTakenByHandCostsTheConnection) {
   ScriptedNetwork network(
       {Script().expectRequest().send(plain(ok(kCreateCollection)) + "x").awaitClose(),
@@ -478,28 +466,6 @@ TEST(CorvaneRESTClient, WhatWasTakenByHandCostsTheConnection) {
   client.setNumRetries(0);
   EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
   EXPECT_EQ(network.connections(), 2U);
-}
-
-TEST(CorvaneRESTClient, AnAbandonedStreamIsNotTakenForTheNextReply) {
-  const auto& reply = replyNamed("StreamSearchWithFortyHits");
-  for (const auto arrival : {kOnDemand, kAllThere}) {
-    ScriptedNetwork network({Script()
-                                 .expectRequest()
-                                 .send(chunked(reply, 100, true).text, 50)
-                                 .expectRequest()
-                                 .send(plain(nextReply()))
-                                 .awaitClose(),
-                             answer(plain(nextReply()))},
-                            arrival);
-    auto client = clientFor(kPersistent);
-    auto request = requestFor(kStreamSearch);
-    ClientResponse response;
-    client.sendAndRecvMesg(request, response);
-    EXPECT_FALSE(client.isEndOfStream());
-    EXPECT_TRUE(client.isConnected());
-    EXPECT_EQ(runExchange(client, kGetStatus), nextReply().expected);
-    EXPECT_EQ(network.connections(), 2U);
-  }
 }
 
 TEST(CorvaneRESTClient, AfterAnAbandonedStreamOpenItselfStillLeavesTheConnectionAlone) {
@@ -1143,36 +1109,6 @@ TEST(CorvaneRESTClient, ADeadlineThatPassesBetweenAttemptsNamesWhatTheLastOneMet
 }
 
 // Pulling further portions.
-
-TEST(CorvaneRESTClient, RecvWithoutAConnectionIsAnErrorOfTheConnection) {
-  auto client = clientFor(kPersistent);
-  ClientResponse response;
-  const auto error = errorOf([&] { client.recv(response); });
-  EXPECT_EQ(error.errorId, "ERR_CONNECT_SERVER");
-  EXPECT_EQ(error.errorArguments, kHostAndPort);
-  EXPECT_EQ(error.errorFile, "kruCorvaneRESTClient");
-}
-
-TEST(CorvaneRESTClient, RecvAtTheEndOfTheStreamGivesAnEmptySearchResponse) {
-  for (const char* name :
-       {"StreamSearchWithThreeHits", "ScalarSearchWithThreeHits", "ParseResultWithThreeRows"}) {
-    const auto& reply = replyNamed(name);
-    ScriptedNetwork network(answer(plain(reply)));
-    auto client = clientFor(kPersistent);
-    auto request = requestFor(reply.kind);
-    ClientResponse response;
-    client.sendAndRecvMesg(request, response);
-    ASSERT_TRUE(client.isEndOfStream()) << name;
-    const auto receives = network.receives();
-    client.recv(response);
-    EXPECT_EQ(network.receives(), receives);
-    EXPECT_EQ(response.getSearchResponse().count(), 0U) << name;
-    EXPECT_FALSE(response.getSearchResponse().hasMore()) << name;
-    if (reply.kind == kParseResult) {
-      EXPECT_EQ(response.getParseResponse().count(), 3U) << "only the search results are replaced";
-    }
-  }
-}
 
 TEST(CorvaneRESTClient, AStreamingSearchsPortionsReplaceEachOtherAndAScalarSearchsAddUp) {
   for (const char* name : {"StreamSearchWithFortyHits", "ScalarSearchWithFortyHits"}) {

@@ -319,25 +319,6 @@ TEST(DrestoPerfClient, AnEstimateIsReadToItsEndMark) {
   EXPECT_EQ(response.getSelectivityInfo().getThird(), 5);
 }
 
-TEST(DrestoPerfClient, BehindTheEndOfTheStreamTheListsAreEmpty) {
-  for (const int kind : {kStreamSearch, kScalarSearch, kParseResult, kSelectivity}) {
-    ScriptedNetwork network(answer(kOk + endOfResults()));
-    auto client = binaryClient();
-    ClientResponse response;
-    EXPECT_EQ(exchange(client, kind, response), Raised());
-    EXPECT_TRUE(client.isEndOfStream());
-    tq::comm::SearchResult hit(false);
-    tq::comm::ParseResult parsed(false);
-    response.addSearchResult(hit);
-    response.addParseResult(parsed);
-    const auto reads = network.receives();
-    EXPECT_EQ(receive(client, response), Raised());
-    EXPECT_EQ(response.getParseResponse().count(), kind == kParseResult ? 0U : 1U);
-    EXPECT_EQ(response.getSearchResponse().count(), kind == kParseResult ? 1U : 0U);
-    EXPECT_EQ(network.receives(), reads);
-  }
-}
-
 TEST(DrestoPerfClient, TheUnassignedSearchExpectsNoResultsAndReadsNoBody) {
   ScriptedNetwork network(segments({kOk, plainHit("a") + endOfResults()}), kOnDemand);
   auto client = binaryClient();
@@ -718,17 +699,6 @@ TEST(DrestoPerfClient, APortionWithARecordThatIsNoParseResultEndsTheStream) {
 
 // The order of calls.
 
-TEST(DrestoPerfClient, ReceivingWithoutAConnectionIsAConnectError) {
-  ScriptedNetwork network(answer(kOk + plainHit("a") + endOfResults()));
-  auto client = binaryClient();
-  ClientResponse response;
-  const Raised notConnected{{"ERR_CONNECT_SERVER", kFile, 132, kHostAndPort}};
-  EXPECT_EQ(receive(client, response), notConnected);
-  EXPECT_EQ(exchange(client, kStreamSearch), Raised());
-  client.close();
-  EXPECT_EQ(receive(client, response), notConnected);
-}
-
 TEST(DrestoPerfClient, ReceivingBeforeAnyExchangeIsRefused) {
   ScriptedNetwork network(Script().awaitClose());
   auto client = binaryClient();
@@ -783,30 +753,6 @@ TEST(DrestoPerfClient, AHeaderIsNotReadInTheMiddleOfAReply) {
   EXPECT_EQ(exchange(client, kStreamSearch, response).front().id, "ERR_SERVER_COMM_TIMEOUT");
   expectRefusal("ERR_INVALID_STATE", "the reply header of the last exchange was read already",
                 [&] { client.recvMesg(response); });
-}
-
-TEST(DrestoPerfClient, AStreamThatWasAbandonedIsNotTakenForTheNextReply) {
-  ScriptedNetwork network({segments({kOk + plainHit("a"), plainHit("b") + endOfResults()}),
-                           answer(nextBinaryReply().text)},
-                          kOnDemand);
-  auto client = binaryClient();
-  EXPECT_EQ(exchange(client, kStreamSearch), Raised());
-  EXPECT_FALSE(client.isEndOfStream());
-  EXPECT_EQ(runBinary(client, nextBinaryReply().kind), nextBinaryReply().expected);
-  EXPECT_EQ(network.connections(), 2U);
-}
-
-TEST(DrestoPerfClient, BytesBehindAReplyCostItsConnection) {
-  const std::string error = word16(6) + errorRecord({{"MsgId", "ZVK1"}, {"MsgText", "t"}});
-  for (const auto& [kind, reply] : std::vector<std::pair<int, std::string>>{
-           {kStreamSearch, kOk + plainHit("a") + endOfResults()}, {kGetStatus, error}}) {
-    ScriptedNetwork network({answer(reply + "stray"), answer(nextBinaryReply().text)});
-    auto client = binaryClient();
-    client.setNumRetries(0);
-    EXPECT_EQ(exchange(client, kind), Raised());
-    EXPECT_EQ(runBinary(client, nextBinaryReply().kind), nextBinaryReply().expected);
-    EXPECT_EQ(network.connections(), 2U) << kind;
-  }
 }
 
 TEST(DrestoPerfClient, ACodeWithoutABodyKeepsItsConnection) {
