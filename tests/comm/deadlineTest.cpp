@@ -20,8 +20,11 @@
 #include "infra/oss/kruMessageList.h"
 #include "tests/comm/faultExchange.h"
 #include "tests/comm/faultNetwork.h"
+#include "tests/support/binaryReplies.h"
 #include "tests/support/chunks.h"
 #include "tests/support/exchange.h"
+#include "tests/support/protocolReplies.h"
+#include "tests/support/raised.h"
 #include "tests/support/replyCorpus.h"
 #include "tests/support/scriptedNetwork.h"
 #include "tests/support/scriptedServer.h"
@@ -35,6 +38,9 @@ using tq::comm::RequestOutcome;
 constexpr std::uint64_t kMilli = 1000000;
 // Rounding to the milliseconds that poll knows, and what looking at the clock takes.
 constexpr std::uint64_t kTolerance = 5;
+
+constexpr auto kOnDemand = ScriptedNetwork::Arrival::OnDemand;
+const std::vector<std::string> kHostAndPort{"127.0.0.1", "7"};
 
 FaultNetwork::Options optionsOf(Protocol protocol) {
   FaultNetwork::Options options;
@@ -64,7 +70,7 @@ class Deadline : public testing::TestWithParam<Protocol> {
 
   void expectInTime(const Ran& ran, std::uint64_t deadline) const {
     EXPECT_EQ(ran.errorId, "ERR_SERVER_COMM_TIMEOUT") << ran;
-    EXPECT_EQ(ran.errorArguments, (std::vector<std::string>{"127.0.0.1", "7"}));
+    EXPECT_EQ(ran.errorArguments, kHostAndPort);
     EXPECT_GE(ran.longestMillis + 1, deadline);
     EXPECT_LE(ran.longestMillis, deadline + kTolerance);
   }
@@ -470,6 +476,206 @@ TEST(DeadlineOverHttp, BoundsAllPortionsThatOneCallPullsTogether) {
   EXPECT_EQ(response.getSearchResponse().count(), resultsOf(Protocol::Http, marked).size());
   EXPECT_FALSE(client->isTruncated());
 }
+
+// A time-out instead of a deadline.
+
+class TimeOut : public testing::TestWithParam<Protocol> {
+ protected:
+  /// A reply that stops behind these bytes.
+  struct Wait {
+    std::string what;
+    int kind;
+    std::string arrived;
+    const Reply* whole = nullptr;  // where they may be all that is waited for
+  };
+
+  static constexpr unsigned int kMillis = 300;
+
+  static bool binary() { return GetParam() != Protocol::Http; }
+
+  static std::vector<Wait> waitsOverHttp();
+  static std::vector<Wait> waitsOverBinary();
+
+  static Script stallingBehind(const std::string& arrived) {
+    Script script;
+    return Replies(binary()).expect(script).send(arrived).stall();
+  }
+
+  static std::unique_ptr<tq::comm::CorvaneRESTClient> impatientClient(bool persistent = true) {
+    auto client = clientOf(GetParam(), persistent);
+    client->setTimeOut(kMillis);
+    return client;
+  }
+
+  static void expectExchangeInTime(const Wait& wait, unsigned int retries) {
+    SCOPED_TRACE(testing::Message() << retries << " retries");
+    ScriptedNetwork network(stallingBehind(wait.arrived).awaitClose(), kOnDemand);
+    const auto client = impatientClient();
+    client->setNumRetries(retries);
+    const Raised raised = raisedBy([&] {
+      auto request = requestFor(wait.kind);
+      tq::comm::ClientResponse response;
+      client->sendAndRecvMesg(request, response);
+    });
+    ASSERT_FALSE(network.waitedForever());
+    if (network.elapsedMillis() == 0) {
+      EXPECT_NE(wait.whole, nullptr);
+      EXPECT_EQ(network.requests(), 1U);
+      return;
+    }
+    ASSERT_EQ(raised.size(), 1U);
+    EXPECT_EQ(raised.front().id, "ERR_SERVER_COMM_TIMEOUT");
+    EXPECT_EQ(raised.front().arguments, kHostAndPort);
+    EXPECT_EQ(network.requests(), retries + 1);
+    EXPECT_EQ(network.elapsedMillis(), kMillis * (retries + 1));
+  }
+
+  /// With all that is pulled after the exchange.
+  static void expectAllInTime(const Wait& wait) {
+    ScriptedNetwork network(stallingBehind(wait.arrived).awaitClose(), kOnDemand);
+    const auto client = impatientClient(false);
+    client->setNumRetries(0);
+    const Outcome outcome = runExchange(*client, wait.kind);
+    ASSERT_FALSE(network.waitedForever());
+    if (network.elapsedMillis() != 0) {
+      EXPECT_EQ(outcome.errorId, "ERR_SERVER_COMM_TIMEOUT");
+      EXPECT_EQ(network.elapsedMillis(), kMillis);
+    } else {
+      ASSERT_NE(wait.whole, nullptr);
+      EXPECT_EQ(outcome, wait.whole->expected);
+    }
+  }
+};
+
+/// Wherever the server stops.
+std::vector<TimeOut::Wait> TimeOut::waitsOverHttp() {
+  std::vector<Wait> waits;
+  for (const char* name : {"StreamSearchWithOneHit", "GetStatus", "ParseResultWithOneRow",
+                           "ServerErrorOnStreamSearch", "CreateCollectionWithoutBody"}) {
+    const Reply& reply = replyNamed(name);
+    for (const std::string& text : {plain(reply), chunked(reply, 0, true).text}) {
+      for (std::size_t length = 0; length < text.size(); ++length) {
+        const std::string arrived = text.substr(0, length);
+        waits.push_back(
+            {reply.name + " that begins with\n" + arrived, reply.kind, arrived, &reply});
+      }
+    }
+  }
+  return waits;
+}
+
+std::vector<TimeOut::Wait> TimeOut::waitsOverBinary() {
+  const std::string ok = word16(1);
+  const std::string error = errorRecord({{"MsgId", "ZVK0404E"}, {"MsgText", "no"}});
+  std::vector<Wait> waits{
+      {"the header", kCreateCollection, ""},
+      {"half the header", kCreateCollection, ok.substr(0, 1)},
+      {"the body", kStreamSearch, ok},
+      {"parse results", kParseResult, ok},
+      {"the end of an estimate", kSelectivity, ok + envelope(1, estimate(1, 2, 3))},
+      {"an error record", kStreamSearch, word16(6)},
+      {"the rest of an error record", kGetStatus, word16(6) + error.substr(0, 9)}};
+  if (GetParam() == Protocol::BinaryReassembled) {
+    waits.push_back(
+        {"the rest of a first envelope", kStreamSearch, ok + plainHit("key").substr(0, 5)});
+    waits.push_back(
+        {"the rest of a content", kGetServerVersion, ok + envelope(1, "v").substr(0, 4)});
+  }
+  return waits;
+}
+
+TEST_P(TimeOut, EndsEveryWaitOfAnExchange) {
+  for (const Wait& wait : binary() ? waitsOverBinary() : waitsOverHttp()) {
+    SCOPED_TRACE(wait.what);
+    expectExchangeInTime(wait, 0);
+    expectExchangeInTime(wait, 1);
+    expectAllInTime(wait);
+  }
+}
+
+/// A stream of hits that stalls somewhere behind its first portion.
+struct StallingStream {
+  std::string text;
+  std::size_t firstCut;
+  std::size_t endOfCuts;
+  std::size_t behindHits;  // there the end is known, whether it is marked or not
+  std::vector<std::string> ids;
+};
+
+StallingStream stallingStream(bool binary) {
+  if (!binary) {
+    const Chunked form = chunked(replyNamed("StreamSearchWithThreeHits"), 20, true);
+    return {form.text,
+            form.chunks.front().dataEnd,
+            form.text.size() - 7,
+            form.chunks.back().dataEnd,
+            {"base64:AAECAw==", "base64:a2V5", "base64:/+8="}};
+  }
+  const std::string first = word16(1) + plainHit("first");
+  const std::string second = scoredHit(250, "the second");
+  const std::string text = first + second + endOfResults();
+  return {text,
+          first.size(),
+          first.size() + second.size(),
+          text.size(),
+          {idOfKey("first"), idOfKey("the second")}};
+}
+
+TEST_P(TimeOut, BetweenPortionsLosesNothing) {
+  const StallingStream stream = stallingStream(binary());
+  for (std::size_t cut = stream.firstCut; cut < stream.endOfCuts; ++cut) {
+    SCOPED_TRACE(testing::Message() << "cut at " << cut);
+    ScriptedNetwork network(
+        stallingBehind(stream.text.substr(0, cut)).send(stream.text.substr(cut)).awaitClose(),
+        kOnDemand);
+    const auto client = impatientClient();
+    tq::comm::ClientResponse response;
+    std::vector<std::string> ids;
+    const auto take = [&] {
+      auto& hits = response.getSearchResponse();
+      while (hits.hasMore()) ids.push_back(utf8(hits.getNext().getDocId()));
+    };
+    const auto receive = [&] {
+      Raised raised = raisedBy([&] { client->recv(response); });
+      if (raised.empty()) take();
+      return raised;
+    };
+    auto request = requestFor(kStreamSearch);
+    ASSERT_EQ(raisedBy([&] { client->sendAndRecvMesg(request, response); }), Raised());
+    take();
+    if (binary()) {
+      ASSERT_EQ(ids, std::vector<std::string>{stream.ids.front()});
+    }
+    Raised raised;
+    for (std::size_t receives = 0; raised.empty() && !client->isEndOfStream(); ++receives) {
+      ASSERT_LT(receives, stream.text.size());
+      raised = receive();
+    }
+    ASSERT_FALSE(network.waitedForever());
+    if (raised.empty()) {
+      ASSERT_GE(cut, stream.behindHits) << "the stream ended too early";
+      continue;
+    }
+    ASSERT_EQ(raised.size(), 1U);
+    ASSERT_EQ(raised.front().id, "ERR_SERVER_COMM_TIMEOUT");
+    ASSERT_EQ(receive(), raised) << "and again";
+    ASSERT_FALSE(client->isEndOfStream());
+    ASSERT_EQ(network.elapsedMillis(), 2 * kMillis);
+    network.release();
+    for (std::size_t receives = 0; !client->isEndOfStream(); ++receives) {
+      ASSERT_LT(receives, binary() ? 1U : stream.text.size()) << "one brings all that has come";
+      ASSERT_EQ(receive(), Raised());
+    }
+    ASSERT_FALSE(client->isTruncated());
+    ASSERT_EQ(ids, stream.ids);
+    ASSERT_EQ(network.requests(), 1U);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, TimeOut,
+                         testing::Values(Protocol::Http, Protocol::Binary,
+                                         Protocol::BinaryReassembled),
+                         [](const auto& test) { return nameOf(test.param); });
 
 /// Switches the client's time-out off while it waits for it.
 struct SwitchesTimeOutOff : WaitingHost {
